@@ -1,0 +1,33 @@
+// Linux stand-in for the platform's async-signal-safe logger.
+//
+// Lines go to the file that the environment variable MEMLEAK_TRACKER_LOG names ("stderr" for the
+// error output; "%p" stands for the process id) and nowhere when it is unset, so that a watched
+// program's own output is never touched.
+#pragma once
+
+#include <cstdarg>
+
+/// Priorities, as in Android's log.h.
+enum {
+  ANDROID_LOG_INFO = 4,
+  ANDROID_LOG_WARN = 5,
+  ANDROID_LOG_ERROR = 6,
+  ANDROID_LOG_FATAL = 7,
+};
+
+extern "C" {
+
+/// Formats one log line and writes it with a single write(2).
+///
+/// Understands the conversions d i u x X p s c % z with the flags and widths '0', 'l', 'll', 'h',
+/// 'z' and a decimal width; a line is cut at 1023 bytes. Keeps errno. Returns the number of bytes
+/// that the whole line has (tag included), whether or not a log is open.
+/// Allocates nothing, takes no lock and calls nothing that does: safe in a signal handler.
+int async_safe_format_log(int priority, const char* tag, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/// As async_safe_format_log, with the arguments in a va_list.
+int async_safe_format_log_va_list(int priority, const char* tag, const char* format,
+                                  std::va_list arguments) __attribute__((format(printf, 3, 0)));
+
+}  // extern "C"
