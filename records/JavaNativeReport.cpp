@@ -146,8 +146,8 @@ void PointerData::ReportJavaNativeNodes(std::ostream& out) {
     std::size_t number = 0;
     for (const unwindstack::FrameData& frame : element.unwind_info->frames) {
       out << '#' << std::setfill('0') << std::setw(2) << number++ << " rel_pc " << std::hex
-          << frame.rel_pc << std::dec << ' '
-          << static_cast<const std::string&>(frame.function_name) << '\n';
+          << frame.rel_pc << std::dec << ' ' << static_cast<const std::string&>(frame.function_name)
+          << '\n';
     }
   }
 }
