@@ -89,8 +89,8 @@ class MemTrackControl {
   Tracker tracker(std::uint32_t index) const {
     return trackers_[index].load(std::memory_order_acquire);
   }
-  void set_tracker(std::uint32_t index, Tracker tracker) {
-    trackers_[index].store(tracker, std::memory_order_release);
+  void set_tracker(std::uint32_t index, Tracker callback) {
+    trackers_[index].store(callback, std::memory_order_release);
   }
 
   /// The value that marks a thread; any non-null pointer would do.
