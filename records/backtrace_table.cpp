@@ -18,7 +18,9 @@ std::uint64_t Lines(std::uint64_t num_frames) {
 
 /// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
 /// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
-std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
+std::uint64_t Step(std::uint64_t fingerprint) {
+  return (fingerprint >> 32) | 1;
+}
 
 std::uint64_t Fold(std::uint64_t a, std::uint64_t b) {
   const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
