@@ -17,6 +17,7 @@
 #include <locale>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
