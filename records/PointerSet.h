@@ -98,15 +98,22 @@ class PointerSet {
 
   /// Each empties its tables when a clear has happened since they were last used. The caller holds
   /// the lock; returns the generation that the tables are of.
-  std::uint64_t SyncPointers() {
-    const std::uint64_t now = table_generation.load(std::memory_order_acquire);
-    if (pointers_generation.load(std::memory_order_relaxed) != now) EmptyPointers(now);
-    return now;
+  std::uint64_t SyncPointers() { return SyncPointers(CurrentGeneration()); }
+  std::uint64_t SyncFrames() { return SyncFrames(CurrentGeneration()); }
+  /// The same, for a reader that takes all sets as of one moment: it holds every lock and has read
+  /// `generation` since.
+  std::uint64_t SyncPointers(std::uint64_t generation) {
+    if (pointers_generation.load(std::memory_order_relaxed) != generation) {
+      EmptyPointers(generation);
+    }
+    return generation;
   }
-  std::uint64_t SyncFrames() {
-    const std::uint64_t now = table_generation.load(std::memory_order_acquire);
-    if (frames_generation.load(std::memory_order_relaxed) != now) EmptyFrames(now);
-    return now;
+  std::uint64_t SyncFrames(std::uint64_t generation) {
+    if (frames_generation.load(std::memory_order_relaxed) != generation) EmptyFrames(generation);
+    return generation;
+  }
+  static std::uint64_t CurrentGeneration() {
+    return table_generation.load(std::memory_order_acquire);
   }
   /// For both Java-native tables, with both their locks held.
   void SyncJavaTables();
@@ -117,8 +124,9 @@ class PointerSet {
   /// Number of records. Takes no lock, so it may be stale; a set that a clear has passed by and
   /// nobody has emptied yet counts as empty.
   std::uint64_t RecordCount() const {
-    const std::uint64_t now = table_generation.load(std::memory_order_acquire);
-    return pointers_generation.load(std::memory_order_relaxed) == now ? pointers.size() : 0;
+    return pointers_generation.load(std::memory_order_relaxed) == CurrentGeneration()
+               ? pointers.size()
+               : 0;
   }
 
   /// The allocation time that `backtrace` has kept of `address`, taken off the list; `otherwise`

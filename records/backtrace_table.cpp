@@ -18,7 +18,9 @@ std::uint64_t Lines(std::uint64_t num_frames) {
 
 /// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
 /// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
-std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
+std::uint64_t Step(std::uint64_t fingerprint) {
+  return (fingerprint >> 32) | 1;
+}
 
 std::uint64_t Fold(std::uint64_t a, std::uint64_t b) {
   const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
@@ -60,6 +62,7 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
   if (chunks_ == nullptr || chunks_->bytes - used_ < bytes) {
     std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
     if (size > kLargestChunk) size = kLargestChunk;
+    if (size < bytes + table_memory::kCacheLine) size = bytes + table_memory::kCacheLine;
     auto* chunk = static_cast<Chunk*>(table_memory::Allocate(size));
     if (chunk == nullptr) return nullptr;
     chunk->next = chunks_;

@@ -34,10 +34,9 @@ class RecordTable {
   void Prefetch(std::uint64_t address) const {
     const Record* slots = slots_.load(std::memory_order_relaxed);
     const std::uint64_t capacity = capacity_.load(std::memory_order_relaxed);
-    __builtin_prefetch(
-        reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(slots) +
-                                      Home(address, capacity) * sizeof(Record)),
-        1);
+    __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(slots) +
+                                                     Home(address, capacity) * sizeof(Record)),
+                       1);
   }
 
   /// The record of `address`, or null.

@@ -16,8 +16,7 @@ constexpr std::size_t kMappedBytes = 16384;
 
 void* Allocate(std::size_t bytes) {
   if (bytes >= kMappedBytes) {
-    void* memory =
-        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return memory == MAP_FAILED ? nullptr : memory;
   }
   const std::size_t rounded = (bytes + kCacheLine - 1) / kCacheLine * kCacheLine;
