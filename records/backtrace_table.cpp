@@ -62,6 +62,7 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
   if (chunks_ == nullptr || chunks_->bytes - used_ < bytes) {
     std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
     if (size > kLargestChunk) size = kLargestChunk;
+    if (size < bytes + table_memory::kCacheLine) size = bytes + table_memory::kCacheLine;
     auto* chunk = static_cast<Chunk*>(table_memory::Allocate(size));
     if (chunk == nullptr) return nullptr;
     chunk->next = chunks_;
