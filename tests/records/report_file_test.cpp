@@ -176,9 +176,9 @@ TEST_F(ReportFileTest, TextGoesWholeToFileAndDevice) {
   EXPECT_EQ(text,
             "Native Heap MemLeak Tracker Version 2.0:\n"
             "Total memory(bytes): 1000100\nAllocation records: 4/4\nBacktrace size: 12\n\n"
-            "sz 500000 total 1000000 num 2 time 7 0 -2  bt "
+            "sz 500000 1000000 num 2 time 7 0 -2  bt "
             "[/lib/liba.so+0xabcd] [unknow][/lib/liba.so+0x10] [unknow]\n"
-            "sz 100 total 100 num 1 time 86400  bt [/lib/liba.so+0x1] \n"
+            "sz 100 100 num 1 time 86400  bt [/lib/liba.so+0x1] \n"
             "jjjEND");
   EXPECT_EQ(LogLines(),
             (std::vector<std::string>{
