@@ -19,9 +19,10 @@ Exit codes:
   2  an error that one can mend; one line says what, where and how)";
 
 inline constexpr const char* kRun = R"(
-Prepares a root directory, sets the environment and becomes PROGRAM, which keeps this
-process's id. Nothing is recorded until `memleak on PID`, unless --start is given. Children
-that the program forks are tracked too; "%p" in a root directory stands for each one's pid.
+Prepares a root directory, sets the environment and becomes PROGRAM, which
+keeps this process's id. Nothing is recorded until `memleak on PID`, unless
+--start is given. Children that the program forks are tracked too; "%p" in a
+root directory stands for each one's pid.
 
 Examples:
   memleak run -- sqlite3 test.db
@@ -34,8 +35,9 @@ Exit codes:
   otherwise those of the program)";
 
 inline constexpr const char* kOn = R"(
-Starts recording in a process that `memleak run` has started, with empty tables unless
---keep is given. --depth and --unwind are written to the properties in its root directory.
+Starts recording in a process that `memleak run` has started, with empty
+tables unless --keep is given. --depth and --unwind are written to the
+properties in its root directory.
 
 Examples:
   memleak on 4711
@@ -43,11 +45,12 @@ Examples:
 
 Exit codes:
   0  the command was sent
-  2  no such process, not permitted, not tracked, or its root directory not writable)";
+  2  no such process, not permitted, not tracked, or root directory not
+     writable)";
 
 inline constexpr const char* kPause = R"(
-No new blocks are recorded; blocks that are freed still leave the tables. `memleak on PID
---keep` goes on.
+No new blocks are recorded; blocks that are freed still leave the tables.
+`memleak on PID --keep` goes on.
 
 Example:
   memleak pause 4711
@@ -57,8 +60,9 @@ Exit codes:
   2  no such process, not permitted, or not tracked)";
 
 inline constexpr const char* kReport = R"(
-Stops recording, has the process write its report, waits until that is complete and prints
-where it is. A report that is already there is kept beside it as allocations_dump.old.
+Stops recording, has the process write its report, waits until that is
+complete and prints where it is. A report that is already there is kept beside
+it as allocations_dump.old.
 
 Examples:
   memleak report 4711
@@ -79,9 +83,10 @@ Exit codes:
   2  no such process, not permitted, or not tracked)";
 
 inline constexpr const char* kSend = R"(
-Sends any control word. Bits of the native heap: 0x10 on, 0x20 pause, 0x40 stop and report,
-0x80 clear; a word may hold several, carried out from the lowest of these up. The parameter
-holds the backtrace size in bits 31 to 16 and the type character in bits 15 to 0.
+Sends any control word. Bits of the native heap: 0x10 on, 0x20 pause, 0x40
+stop and report, 0x80 clear; a word may hold several, carried out from the
+lowest of these up. The parameter holds the backtrace size in bits 31 to 16
+and the type character in bits 15 to 0.
 
 Examples:
   memleak send 4711 --word 0x90
@@ -92,8 +97,9 @@ Exit codes:
   2  no such process, not permitted, not tracked, or a word that is no number)";
 
 inline constexpr const char* kStatus = R"(
-Says whether a process is tracked, whether it records (as far as its log tells), where its
-root directory is, which properties hold and whether a report is there.
+Says whether a process is tracked, whether it records (as far as its log
+tells), where its root directory is, which properties hold and whether a
+report is there.
 
 Example:
   memleak status 4711
@@ -104,9 +110,9 @@ Exit codes:
   2  no such process, or not permitted)";
 
 inline constexpr const char* kShow = R"(
-Prints the largest groups of a report: how much they hold, how many blocks, how old, and the
-call stack with function, file and line where symbols exist. REPORT is the file or the root
-directory that holds it.
+Prints the largest groups of a report: how much they hold, how many blocks,
+how old, and the call stack with function, file and line where symbols exist.
+REPORT is the file or the root directory that holds it.
 
 Examples:
   memleak show ./memleak.4711

@@ -173,6 +173,11 @@ std::vector<std::string> ProgramWords(const CLI::App& command,
   return words;
 }
 
+bool HasCommand(CLI::App* app, const std::string& name) {
+  return !app->get_subcommands([&](CLI::App* command) { return command->get_name() == name; })
+              .empty();
+}
+
 int Main(const std::vector<std::string>& arguments) {
   CLI::App app{"memleak - find which call stacks of a running program hold its memory", "memleak"};
   app.require_subcommand(1);
@@ -182,7 +187,7 @@ int Main(const std::vector<std::string>& arguments) {
   AddCommands(&app, &options);
 
   if (!arguments.empty() && !arguments.front().starts_with('-') &&
-      app.get_subcommand_no_throw(arguments.front()) == nullptr) {
+      !HasCommand(&app, arguments.front())) {
     throw UserError("unknown command: " + arguments.front(), "see memleak --help");
   }
   // The library would take what follows "--" for its own positional arguments.
