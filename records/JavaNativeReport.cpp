@@ -2,11 +2,14 @@
 //
 // Runs on the dump thread, inside DumpAllocationTracesToFile.
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <iomanip>
 #include <mutex>
 #include <ostream>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -112,10 +115,9 @@ UnwindFrameInfoType* FindUnwindRecord(PointerSet& set, std::uint64_t pointer,
 
 /// Adds the records of one set to `groups`.
 void CollectSet(PointerSet& set, bool only_with_backtrace, GroupedList& groups) {
-  // The locks are held while the tables are read, not just passed through: AddBacktrace may
-  // rehash them at any time. They are taken whatever the thread's record key says, since the key
-  // stands for pointer and frame locks only, and those come before these two in the lock order.
-  // Whoever takes both here or elsewhere backs off in scoped_lock, so their own order is free.
+  // The locks are held while the tables are read, not just passed through: a thread that records
+  // may rehash them at any time. They are taken whatever the thread's record key says: a thread
+  // that has it set holds pointer and frame locks at most, which come before these two.
   const std::scoped_lock lock(set.java_pointer_mutex, set.unwind_mutex);
   set.SyncJavaTables();
   for (const auto& [pointer, record] : set.java_pointers) {

@@ -17,6 +17,7 @@
 #include <locale>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -157,7 +158,7 @@ void WriteRecord(std::ostream& out, const RecordStruct& record, std::int64_t now
                           static_cast<ssize_t>(record.times.size()));
     return;
   }
-  out << "sz " << record.size << " total " << record.total << " num " << record.num << " time ";
+  out << "sz " << record.size << ' ' << record.total << " num " << record.num << " time ";
   for (const std::int64_t time : record.times) out << now - time << ' ';
   out << " bt ";  // two blanks stand before it
   WriteFrames(out, record.frames);

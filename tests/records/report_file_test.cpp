@@ -225,9 +225,9 @@ TEST_F(ReportFileTest, TextGoesWholeToFileAndDevice) {
       "Allocation records: 4/4\n"
       "Backtrace size: 12\n"
       "\n"
-      "sz 500000 total 1000000 num 2 time 7 0 -2  bt "
+      "sz 500000 1000000 num 2 time 7 0 -2  bt "
       "[/lib/liba.so+0xabcd] [unknow][/lib/liba.so+0x10] [unknow]\n"
-      "sz 100 total 100 num 1 time 86400  bt [/lib/liba.so+0x1] \n"
+      "sz 100 100 num 1 time 86400  bt [/lib/liba.so+0x1] \n"
       "jjjEND";
   EXPECT_EQ(File(), expected);
   ASSERT_EQ(world.device_buffers.size(), 1u);
@@ -357,7 +357,7 @@ TEST_F(ReportFileTest, NumbersAreWrittenWithoutTheProgramsLocale) {
   world.records = {Record(1'234'567, 1, {0x1abcdef0}, {kNow - 5000})};
   PointerData::DumpAllocationTracesToFile();
   std::locale::global(before);
-  EXPECT_NE(File().find("sz 1234567 total 1234567 num 1 time 5000  bt [/lib/liba.so+0xabcdef0] \n"),
+  EXPECT_NE(File().find("sz 1234567 1234567 num 1 time 5000  bt [/lib/liba.so+0xabcdef0] \n"),
             std::string::npos);
 }
 

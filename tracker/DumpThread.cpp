@@ -1,0 +1,48 @@
+// The dump thread: one report, off the control signal's handler.
+#include "tracker/DumpThread.h"
+
+#include <sched.h>
+
+#include <utility>
+
+#include "async_safe/log.h"
+#include "platform/program_name.h"
+#include "records/PointerData.h"
+
+namespace {
+
+constexpr char kLogTag[] = "MemLeak.Native";
+
+}  // namespace
+
+namespace android {
+
+bool MemDumpThread::threadLoop() {
+  if (std::exchange(reported_, true)) {
+    // The report was quicker than the starter, which still holds its reference. Every command
+    // yields one report, so this round only waits for the starter.
+    sched_yield();
+  } else {
+    PointerData::DumpAllocationTracesToFile();
+  }
+  return true;
+}
+
+bool MemDumpMain::Enable() {
+  if (!thread_) thread_ = new MemDumpThread();
+  if (thread_->run("MemDumpThread", PRIORITY_BACKGROUND, 0) != NO_ERROR) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
+    return false;
+  }
+  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "start %s", "Start");
+  return true;
+}
+
+}  // namespace android
+
+void AsyncReport() {
+  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "Start dumping allocations of the process %s",
+                        platform::ProgramName());
+  android::MemDumpMain starter;
+  starter.Enable();
+}
