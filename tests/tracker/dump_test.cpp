@@ -56,6 +56,7 @@ TEST_F(DumpTest, EachCommandWritesOneReport) {
   constexpr int kReports = 3;
   std::mutex mutex;
   std::set<std::string> descriptions;
+  go_on = false;
   fake::Now().in_report = [&] {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);

@@ -165,9 +165,9 @@ TEST(LifecycleTest, ClearsAndSwitchesWhileOthersAllocate) {
   fake::Reset();
   ASSERT_TRUE(Start());
   std::atomic<bool> done{false};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([&done] {
+  std::thread threads[3];
+  for (std::thread& thread : threads) {
+    thread = std::thread([&done] {
       while (!done) track_free(track_realloc(track_calloc(1, 8), 9));
     });
   }

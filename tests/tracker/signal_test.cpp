@@ -117,6 +117,7 @@ TEST_F(SignalTest, CallbacksRunInOrderAfterTheNativeCommands) {
     errno = EBADF;
   });
   RegistryAllocateTracker(5, [] { order += "5 "; });
+  order.clear();
   errno = 0;
   EXPECT_EQ(Send(0x16, 0), std::vector<std::string>{kOn});
   EXPECT_EQ(order, "4on 5 ");
