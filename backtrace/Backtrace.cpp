@@ -34,8 +34,8 @@ constexpr std::size_t kSkippedLevels = 3;
 std::atomic<char> g_type{kBacktraceFramePointer};
 std::atomic<std::uint32_t> g_size{kDefaultBacktraceSize};
 
-/// What an unwind shares with all others. Never freed once captures run: threads that outlive
-/// main still capture while the process's exit handlers run.
+/// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
+/// threads that outlive main capture until the last moment.
 struct UnwinderState {
   unwindstack::LocalUpdatableMaps maps;
   std::shared_ptr<unwindstack::Memory> memory;

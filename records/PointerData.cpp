@@ -148,7 +148,7 @@ bool PointerData::Initialize() {
 }
 
 std::size_t PointerData::PointerSize(const void* pointer) {
-  return track_malloc_usable_size(pointer);
+  return UsableSize(pointer);
 }
 
 // Add, AddBacktrace and BacktraceGet must be one frame each, whatever the build: the frame walk
@@ -203,9 +203,11 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
   if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
   if (pthread_getspecific(record_key) != nullptr) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, size));
+  PointerSet* const all = sets();
+  if (all == nullptr) return;
+  PrefetchRecord(all, address);
+  PointerSet* const set = SelectSet(all, address, ClassSize(pointer, size));
   if (set == nullptr) return;
-  set->pointers.Prefetch(address);
   pthread_setspecific(record_key, MemTrackControl::kMark);
   {
     const std::lock_guard<SetMutex> guard(set->pointer_mutex);

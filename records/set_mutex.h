@@ -1,36 +1,28 @@
 // The lock of a record set: four bytes, taken inline on every allocation of every thread.
 //
 // A mutex of the C library costs a call each way and forty bytes, which would push the tables'
-// heads out of the cache line that the lock has just fetched. It is also awkward around fork: the
-// child must free locks whoever held them, and one thread holds all 120 at once.
+// heads out of the cache line that the lock has just fetched; its unlock is a second atomic
+// read-modify-write, which waits for every store before it, cold lines included. Here unlocking is
+// a plain store, so nobody is woken: who finds the lock held looks again, and sleeps in between
+// once it has been held for longer than a record operation takes. Only a report, a fork and
+// malloc_disable hold it that long. A forked child may free the lock whoever held it.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
-/// A mutex on a futex word: 0 free, 1 held, 2 held with waiters. Meets BasicLockable and Lockable.
-/// Not recursive. Any thread may unlock it.
+/// Meets BasicLockable and Lockable. Not recursive. Any thread may unlock it; unlocking a free one
+/// does nothing.
 class SetMutex {
  public:
   void lock() {
-    std::uint32_t expected = 0;
-    if (!state_.compare_exchange_strong(expected, 1, std::memory_order_acquire,
-                                        std::memory_order_relaxed)) {
-      LockSlow();
-    }
+    if (!try_lock()) LockSlow();
   }
-  bool try_lock() {
-    std::uint32_t expected = 0;
-    return state_.compare_exchange_strong(expected, 1, std::memory_order_acquire,
-                                          std::memory_order_relaxed);
-  }
-  void unlock() {
-    if (state_.exchange(0, std::memory_order_release) == 2) WakeOne();
-  }
+  bool try_lock() { return state_.exchange(1, std::memory_order_acquire) == 0; }
+  void unlock() { state_.store(0, std::memory_order_release); }
 
  private:
   void LockSlow();
-  void WakeOne();
 
   std::atomic<std::uint32_t> state_{0};
 };

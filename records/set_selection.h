@@ -8,15 +8,30 @@
 #include "records/PointerSet.h"
 #include "tracker/MemTrackControl.h"
 
-/// The exported entry of tracker/; the C library's usable size of a block.
-extern "C" std::size_t track_malloc_usable_size(const void* pointer);
+/// The usable size of a heap block, straight from the C library: the thread is marked already, so
+/// the exported entry would do no more.
+inline std::size_t UsableSize(const void* pointer) {
+  return MemTrackControl::GetInstance()->dispatch()->malloc_usable_size(pointer);
+}
 
 /// The size that decides the class: the usable size of a heap block, for the other kinds the size
 /// as given. The kind is the one in force now, not the one the record was made under.
 inline std::size_t ClassSize(const void* pointer, std::size_t size) {
   return MemTrackControl::GetMemTrackType() == MemTrackType::NATIVE
-             ? PointerData::PointerSize(pointer)
+             ? UsableSize(pointer)
              : size;
+}
+
+/// Starts to fetch the lines where a record of `address` may stand, one for each class of its
+/// shard. Asking the C library for a block's size means waiting for the block's own header, which
+/// is as cold as the record; this has both arrive together.
+inline void PrefetchRecord(const PointerSet* sets, std::uint64_t address) {
+  const std::uint64_t shard =
+      address / (4096 / PointerData::kShardCount) % PointerData::kShardCount;
+  const PointerSet* const first = sets + shard * PointerData::kSizeClasses;
+  for (std::uint64_t i = 0; i < PointerData::kSizeClasses; ++i) {
+    first[i].pointers.Prefetch(address);
+  }
 }
 
 /// The set of `address` and `class_size`: 512-byte stripes of the address space go to the shards

@@ -8,7 +8,8 @@
 class DebugData {
  public:
   /// The holder, without a PointerData until the first Initialize. Never null; it lives as long as
-  /// the process, since other threads may be inside an entry. Takes no lock. Any thread, any context.
+  /// the process, since other threads may be inside an entry. Takes no lock. Any thread, any
+  /// context.
   static DebugData* GetInstance();
   /// Puts a fresh PointerData into `holder`, deletes the one it replaces and empties all tables:
   /// start-up and every clear command. False when the tables cannot be set up.

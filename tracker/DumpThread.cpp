@@ -8,10 +8,18 @@
 #include "async_safe/log.h"
 #include "platform/program_name.h"
 #include "records/PointerData.h"
+#include "tracker/MemTrackControl.h"
 
 namespace {
 
 constexpr char kLogTag[] = "MemLeak.Native";
+
+/// Recording may be switched on again while the report is being written; what this thread allocates
+/// is the tracker's own and never belongs in a report.
+void MarkThread() {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (control != nullptr && control->ThreadEnabled()) control->DisableThread();
+}
 
 }  // namespace
 
@@ -23,13 +31,14 @@ bool MemDumpThread::threadLoop() {
     // yields one report, so this round only waits for the starter.
     sched_yield();
   } else {
+    MarkThread();
     PointerData::DumpAllocationTracesToFile();
   }
   return true;
 }
 
 bool MemDumpMain::Enable() {
-  if (!thread_) thread_ = new MemDumpThread();
+  if (!thread_) thread_ = sp<MemDumpThread>::make();
   if (thread_->run("MemDumpThread", PRIORITY_BACKGROUND, 0) != NO_ERROR) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
     return false;

@@ -9,9 +9,7 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <cstring>
 
-#include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
@@ -19,12 +17,22 @@
 #include "tracker/RecordingScope.h"
 #include "tracker/SignalControl.h"
 
+// What an entry does when it has more to do than forward is a function of its own that the entry
+// jumps to, so that an idle entry makes no stack frame. Where the compiler does not turn a call in
+// tail position into a jump, it is part of the entry instead. Either way it is one frame, and its
+// return address is the program's.
+#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define BUSY_BODY __attribute__((noinline))
+#else
+#define BUSY_BODY TRACKER_INLINE
+#endif
+
 namespace {
 
 /// Recorded requests from here on are refused: a record keeps 31 bits of the size.
 constexpr std::size_t kSizeLimit = std::size_t{1} << 31;
 
-/// The two parts of the activity test, apart, so that the common one is a load and a jump.
+/// Half of the activity test: one load. Expected to hold, since most processes never record.
 TRACKER_INLINE bool IsIdle(const MemTrackControl* control) {
   return __builtin_expect(static_cast<long>(!control->GetHookStart()), 1L) != 0;
 }
@@ -71,9 +79,97 @@ TRACKER_INLINE void* RecordMemalign(const MemTrackControl* control, std::size_t 
   return pointer;
 }
 
-void PrepareFork() { DebugData::GetInstance()->PrepareFork(); }
-void PostForkParent() { DebugData::GetInstance()->PostForkParent(); }
-void PostForkChild() { DebugData::GetInstance()->PostForkChild(); }
+BUSY_BODY void* BusyMalloc(const MemTrackControl* control, std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->malloc(size);
+  return RecordMalloc(control, size);
+}
+
+/// Also while paused: records made earlier are retired after recording has stopped.
+BUSY_BODY void BusyFree(const MemTrackControl* control, void* pointer) {
+  const RecordingScope scope(control);
+  // The record goes before the memory: once freed, the address may be another thread's.
+  RemoveRecord(pointer);
+  control->dispatch()->free(pointer);
+}
+
+BUSY_BODY void* BusyCalloc(const MemTrackControl* control, std::size_t count, std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->calloc(count, size);
+  const RecordingScope scope(control);
+  std::size_t bytes = 0;
+  if (__builtin_mul_overflow(count, size, &bytes)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  const std::size_t accepted = AcceptedSize(bytes);
+  if (accepted == 0) return nullptr;
+  void* pointer = control->dispatch()->calloc(1, accepted);
+  if (pointer != nullptr) AddRecord(pointer, accepted);
+  return pointer;
+}
+
+BUSY_BODY void* BusyRealloc(const MemTrackControl* control, void* pointer, std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->realloc(pointer, size);
+  if (pointer == nullptr) return RecordMalloc(control, size);
+  const RecordingScope scope(control);
+  if (size == 0) {
+    RemoveRecord(pointer);
+    control->dispatch()->free(pointer);
+    return nullptr;
+  }
+  if (AcceptedSize(size) == 0) return nullptr;
+  // The old record goes first even though realloc may fail, which then leaves a live block without
+  // a record; the other order could drop the record of another thread's new block.
+  RemoveRecord(pointer);
+  void* moved = control->dispatch()->realloc(pointer, size);
+  if (moved != nullptr) AddRecord(moved, size);
+  return moved;
+}
+
+BUSY_BODY void* BusyMemalign(const MemTrackControl* control, std::size_t alignment,
+                             std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->memalign(alignment, size);
+  return RecordMemalign(control, alignment, size);
+}
+
+BUSY_BODY void* BusyAlignedAlloc(const MemTrackControl* control, std::size_t alignment,
+                                 std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->aligned_alloc(alignment, size);
+  if (IsBadAlignment(alignment)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return RecordMemalign(control, alignment, size);
+}
+
+BUSY_BODY int BusyPosixMemalign(const MemTrackControl* control, void** result,
+                                std::size_t alignment, std::size_t size) {
+  if (!control->ThreadEnabled()) {
+    return control->dispatch()->posix_memalign(result, alignment, size);
+  }
+  if (IsBadAlignment(alignment)) return EINVAL;
+  const int saved_errno = errno;
+  *result = RecordMemalign(control, alignment, size);
+  errno = saved_errno;
+  return *result != nullptr ? 0 : ENOMEM;
+}
+
+BUSY_BODY std::size_t BusyUsableSize(const MemTrackControl* control, const void* pointer) {
+  if (pointer == nullptr || !control->ThreadEnabled()) {
+    return control->dispatch()->malloc_usable_size(pointer);
+  }
+  const RecordingScope scope(control);
+  return control->dispatch()->malloc_usable_size(pointer);
+}
+
+void PrepareFork() {
+  DebugData::GetInstance()->PrepareFork();
+}
+void PostForkParent() {
+  DebugData::GetInstance()->PostForkParent();
+}
+void PostForkChild() {
+  DebugData::GetInstance()->PostForkChild();
+}
 
 /// Fork handlers cannot be taken back, so they are registered once, however often start-up runs.
 void InitAtFork() {
@@ -118,102 +214,59 @@ void track_finalize() {
 void* track_malloc(std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->malloc(size);
-  if (!control->ThreadEnabled()) return control->dispatch()->malloc(size);
-  return RecordMalloc(control, size);
+  return BusyMalloc(control, size);
 }
 
 void track_free(void* pointer) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
-  // Records made earlier are retired after recording has stopped; with all flags clear there are
-  // none, and Remove would return at once.
+  // With all flags clear there are no records, and Remove would return at once.
   if (IsIdle(control) && !control->GetHookEverStarted() && !control->GetPltHookEverStarted()) {
     return control->dispatch()->free(pointer);
   }
-  const RecordingScope scope(control);
-  // The record goes before the memory: once freed, the address may be another thread's.
-  RemoveRecord(pointer);
-  control->dispatch()->free(pointer);
+  BusyFree(control, pointer);
 }
 
 void* track_calloc(std::size_t count, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->calloc(count, size);
-  if (!control->ThreadEnabled()) return control->dispatch()->calloc(count, size);
-  const RecordingScope scope(control);
-  std::size_t bytes = 0;
-  if (__builtin_mul_overflow(count, size, &bytes)) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  const std::size_t accepted = AcceptedSize(bytes);
-  if (accepted == 0) return nullptr;
-  void* pointer = control->dispatch()->calloc(1, accepted);
-  if (pointer != nullptr) AddRecord(pointer, accepted);
-  return pointer;
+  return BusyCalloc(control, count, size);
 }
 
 void* track_realloc(void* pointer, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->realloc(pointer, size);
-  if (!control->ThreadEnabled()) return control->dispatch()->realloc(pointer, size);
-  if (pointer == nullptr) return RecordMalloc(control, size);
-  const RecordingScope scope(control);
-  if (size == 0) {
-    RemoveRecord(pointer);
-    control->dispatch()->free(pointer);
-    return nullptr;
-  }
-  if (AcceptedSize(size) == 0) return nullptr;
-  // The old record goes first even though realloc may fail, which then leaves a live block without
-  // a record; the other order could drop the record of another thread's new block.
-  RemoveRecord(pointer);
-  void* moved = control->dispatch()->realloc(pointer, size);
-  if (moved != nullptr) AddRecord(moved, size);
-  return moved;
+  return BusyRealloc(control, pointer, size);
 }
 
 void* track_memalign(std::size_t alignment, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->memalign(alignment, size);
-  if (!control->ThreadEnabled()) return control->dispatch()->memalign(alignment, size);
-  return RecordMemalign(control, alignment, size);
+  return BusyMemalign(control, alignment, size);
 }
 
 void* track_aligned_alloc(std::size_t alignment, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->aligned_alloc(alignment, size);
-  if (!control->ThreadEnabled()) return control->dispatch()->aligned_alloc(alignment, size);
-  if (IsBadAlignment(alignment)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  return RecordMemalign(control, alignment, size);
+  return BusyAlignedAlloc(control, alignment, size);
 }
 
 int track_posix_memalign(void** result, std::size_t alignment, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
-  if (IsIdle(control)) return control->dispatch()->posix_memalign(result, alignment, size);
-  if (!control->ThreadEnabled()) {
+  if (IsIdle(control)) {
     return control->dispatch()->posix_memalign(result, alignment, size);
   }
-  if (IsBadAlignment(alignment)) return EINVAL;
-  const int saved_errno = errno;
-  *result = RecordMemalign(control, alignment, size);
-  errno = saved_errno;
-  return *result != nullptr ? 0 : ENOMEM;
+  return BusyPosixMemalign(control, result, alignment, size);
 }
 
 std::size_t track_malloc_usable_size(const void* pointer) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->malloc_usable_size(pointer);
-  if (pointer == nullptr || !control->ThreadEnabled()) {
-    return control->dispatch()->malloc_usable_size(pointer);
-  }
-  const RecordingScope scope(control);
-  return control->dispatch()->malloc_usable_size(pointer);
+  return BusyUsableSize(control, pointer);
 }
 
-struct mallinfo track_mallinfo() { return MemTrackControl::GetInstance()->dispatch()->mallinfo(); }
+struct mallinfo track_mallinfo() {
+  return MemTrackControl::GetInstance()->dispatch()->mallinfo();
+}
 
 int track_mallopt(int parameter, int value) {
   return MemTrackControl::GetInstance()->dispatch()->mallopt(parameter, value);

@@ -29,11 +29,6 @@ void MemTrackControl::DestroyInstance() {
   delete instance_.exchange(nullptr, std::memory_order_acq_rel);
 }
 
-bool* MemTrackControl::GetMallocZygoteChild() {
-  const MemTrackControl* instance = GetInstance();
-  return instance == nullptr ? nullptr : instance->zygote_child_;
-}
-
 bool MemTrackControl::DebugDisableInit() {
   ConfigHookStatus(false, false);
   ConfigPltHookStatus(false, false);

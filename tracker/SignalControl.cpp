@@ -35,9 +35,13 @@ enum class Next { kGoOn, kStop };
 
 struct sigaction saved_action;
 
-const char* StateName(bool on) { return on ? "true" : "false"; }
+const char* StateName(bool on) {
+  return on ? "true" : "false";
+}
 
-void SetTrackType(MemTrackType type) { mem_track_type.store(type, std::memory_order_release); }
+void SetTrackType(MemTrackType type) {
+  mem_track_type.store(type, std::memory_order_release);
+}
 
 void SetSignalBacktrace(std::uint32_t size, std::uint32_t type) {
   signal_bt_size.store(size, std::memory_order_release);
@@ -96,17 +100,15 @@ struct Command {
   Next (*run)(const ControlMessage& message);
 };
 
-constexpr std::uint64_t Bit(unsigned number) { return std::uint64_t{1} << number; }
+constexpr std::uint64_t Bit(unsigned number) {
+  return std::uint64_t{1} << number;
+}
 
 /// The commands in the order in which they are carried out, whatever the order of their bits. Bits
 /// that stand for no command mean nothing.
 constexpr Command kCommands[] = {
-    {Bit(4), NativeOn},
-    {Bit(5), NativePause},
-    {Bit(6), NativeStopAndReport},
-    {Bit(7), NativeClear},
-    {Bit(1), RunCallback<4>},
-    {Bit(2), RunCallback<5>},
+    {Bit(4), NativeOn},    {Bit(5), NativePause},    {Bit(6), NativeStopAndReport},
+    {Bit(7), NativeClear}, {Bit(1), RunCallback<4>}, {Bit(2), RunCallback<5>},
     // The commands of the hooked kinds and of the descriptor tracker belong here, in the order
     // mmap 8, 9, 10, 11; descriptors 20, 21, 22, 23; ion 12, 13, 14, 15; gpu 16, 17, 18, 19.
 };
@@ -140,15 +142,15 @@ void SignalActionsInit() {
   sigemptyset(&action.sa_mask);
   sigaddset(&action.sa_mask, control_signal);
   if (sigaction(control_signal, &action, &saved_action) < 0) {
-    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "Failed to register_signal handler errmsg: %s",
-                          std::strerror(errno));
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
+                          "Failed to register_signal handler errmsg: %s", std::strerror(errno));
   }
 }
 
 void SignalActionsRestore() {
   if (sigaction(control_signal, &saved_action, nullptr) < 0) {
     // "register signal" here and "register_signal" above: both spellings are wanted.
-    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "Failed to register signal handler errmsg: %s",
-                          std::strerror(errno));
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
+                          "Failed to register signal handler errmsg: %s", std::strerror(errno));
   }
 }

@@ -3,7 +3,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -27,6 +27,12 @@ LAYER void Middle(Capture& capture) {
 LAYER void Outer(Capture& capture) {
   capture.NoteCaller();
   Middle(capture);
+  KEEP_FRAME();
+}
+
+/// Keeps the test bodies' frames, which sanitizers make large, out of what is compared.
+LAYER void Root(Capture& capture) {
+  Outer(capture);
   KEEP_FRAME();
 }
 
@@ -83,31 +89,26 @@ class CaptureTest : public testing::TestWithParam<const char*> {
 };
 
 TEST_P(CaptureTest, YieldsTheProgramsFunctionsFromTheEntrysCallerOutward) {
-  Capture capture;
-  capture.max_frames = 4;
-  Outer(capture);
-  ASSERT_EQ(Frames(capture), ExpectedFrames(capture));
-  EXPECT_EQ(FunctionAt(capture.frames[0]), "Inner");
-  EXPECT_EQ(FunctionAt(capture.frames[1]), "Middle");
-  EXPECT_EQ(FunctionAt(capture.frames[2]), "Outer");
-}
-
-TEST_P(CaptureTest, StoresNoMoreThanAskedFor) {
-  for (const std::size_t max_frames : {0, 1, 2}) {
+  for (const std::size_t max_frames : {0, 1, 4}) {
     Capture capture;
     capture.max_frames = max_frames;
-    Outer(capture);
+    Root(capture);
     std::vector<std::uint64_t> expected = ExpectedFrames(capture);
+    ASSERT_EQ(expected.size(), 4U);
     expected.resize(max_frames);
     EXPECT_EQ(Frames(capture), expected);
     EXPECT_EQ(capture.frames[max_frames], 0U);
+    const char* const functions[] = {"Inner", "Middle", "Outer", "Root"};
+    for (std::size_t i = 0; i < capture.count; ++i) {
+      EXPECT_EQ(FunctionAt(capture.frames[i]), functions[i]);
+    }
   }
 }
 
 TEST_P(CaptureTest, EndsByItselfWhateverTheRoom) {
   Capture capture;
   capture.max_frames = ~std::size_t{0};
-  Outer(capture);
+  Root(capture);
   EXPECT_GE(capture.count, 4U);
   EXPECT_LE(capture.count, CaptureLimit());
 }
@@ -158,7 +159,7 @@ TEST_F(BacktraceSettingsTest, UnwinderYieldsNothingBeforeStartup) {
   UseType("1");
   Capture capture;
   capture.max_frames = 10;
-  Outer(capture);
+  Root(capture);
   EXPECT_EQ(capture.count, 0U);
   EXPECT_TRUE(fakes::LogLines().empty());
 }
@@ -167,8 +168,8 @@ TEST_F(BacktraceSettingsTest, AnInvalidTypeIsStoredAndEveryCaptureSaysSo) {
   UseType("2x");
   Capture capture;
   capture.max_frames = 10;
-  Outer(capture);
-  Outer(capture);
+  Root(capture);
+  Root(capture);
   EXPECT_EQ(capture.count, 0U);
   EXPECT_EQ(CaptureLimit(), 0U);
   const std::string line = "6 MemLeak.Native: invalid backtrace type";

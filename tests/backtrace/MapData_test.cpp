@@ -34,6 +34,8 @@ class MapDataTest : public testing::Test {
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
 constexpr char kNotFound[] = "6 MemLeak.Native: end, not find entry";
 
 TEST_F(MapDataTest, RejectsPcsOfTheWrongWidth) {
@@ -45,8 +47,7 @@ TEST_F(MapDataTest, RejectsPcsOfTheWrongWidth) {
   EXPECT_EQ(Place(0x10000000, maps_), "/low+" + std::to_string(0x10000000 - 0x1000));
   EXPECT_EQ(Place(0xffffffffff, maps_), "/high+" + std::to_string(0xfffffffff));
   EXPECT_EQ(Place(0x10000000000, maps_), "none");
-  EXPECT_EQ(fakes::LogLines(),
-            std::vector<std::string>({"6 MemLeak.Native: invalid addr: addrLen = 7",
+  EXPECT_EQ(fakes::LogLines(), Lines({"6 MemLeak.Native: invalid addr: addrLen = 7",
                                       "6 MemLeak.Native: invalid addr: addrLen = 11"}));
   MapData wide(path_, platform::kLinuxPcWidth);
   EXPECT_EQ(Place(0x7ffff0001000, wide), "/linux+4096");
@@ -60,7 +61,7 @@ TEST_F(MapDataTest, AMappingHoldsAllButItsFirstAddress) {
       "10001000-10002000 r-xp 00001000 00:00 0 /b\n"
       "10004000-10005000 r-xp 00000000 00:00 0 /c\n");
   EXPECT_EQ(Place(0x10001000, maps_), "none");
-  EXPECT_EQ(fakes::LogLines(), std::vector<std::string>({kNotFound}));
+  EXPECT_EQ(fakes::LogLines(), Lines({kNotFound}));
   EXPECT_EQ(Place(0x10000fff, maps_), "/a+4095");
   EXPECT_EQ(Place(0x10001001, maps_), "/b+1");
   EXPECT_EQ(Place(0x10003000, maps_), "none");
@@ -75,7 +76,7 @@ TEST_F(MapDataTest, KeepsReadAndExecuteAndAnEmptyName) {
   std::uintptr_t rel_pc = 7;
   const MapEntry* entry = maps_.Find(0x10000010, nullptr);
   ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(fakes::LogLines(), std::vector<std::string>({"6 MemLeak.Native: relPc is null"}));
+  EXPECT_EQ(fakes::LogLines(), Lines({"6 MemLeak.Native: relPc is null"}));
   EXPECT_EQ(entry->name, "/with space.so (deleted)");
   EXPECT_EQ(entry->offset, 0x2000U);
   EXPECT_EQ(entry->flags, 5);
@@ -118,7 +119,7 @@ TEST_F(MapDataTest, ReadingEndsAtALineThatIsNone) {
   EXPECT_EQ(Place(0x10000001, cut), fits + "y+1");
   fakes::LogLines().clear();
   EXPECT_EQ(Place(0x10001001, cut), "none");
-  EXPECT_EQ(fakes::LogLines(), std::vector<std::string>({kNotFound}));
+  EXPECT_EQ(fakes::LogLines(), Lines({kNotFound}));
 }
 
 TEST_F(MapDataTest, NotesTheCodeOfTheJavaNativeLibraries) {

@@ -48,9 +48,6 @@ std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
   frame_data = script.java_frames;
   return count;
 }
-extern "C" std::size_t track_malloc_usable_size(const void* /*pointer*/) {
-  return CurrentScript().usable_size;
-}
 extern "C" int __system_property_get(const char* /*name*/, char* value) {
   return static_cast<int>(fake_property.copy(value, PROP_VALUE_MAX - 1));
 }
@@ -61,6 +58,8 @@ class RecordStoreTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(control_->DebugDisableInit());
     control_->set_zygote_child(reinterpret_cast<bool*>(&zygote_child_));
+    dispatch_.malloc_usable_size = [](const void*) { return CurrentScript().usable_size; };
+    control_->set_dispatch(&dispatch_);
     control_->ConfigHookStatus(true, true);
     data_.Initialize();
     LogLines().clear();
@@ -94,6 +93,7 @@ class RecordStoreTest : public ::testing::Test {
   }
 
   MemTrackControl* control_ = MemTrackControl::CreateInstance();
+  MallocDispatch dispatch_{};
   alignas(4) std::uint32_t zygote_child_ = 0;
   PointerData data_{nullptr};
 };

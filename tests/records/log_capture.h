@@ -16,19 +16,15 @@ inline std::vector<std::string>& LogLines() {
   return lines;
 }
 
-inline int CaptureLog(int priority, const char* tag, const char* format, std::va_list arguments) {
+// NOLINTNEXTLINE(misc-definitions-in-headers): see above
+extern "C" int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
   static std::mutex mutex;
   const std::lock_guard<std::mutex> lock(mutex);
   char text[1024];
-  const int length = std::vsnprintf(text, sizeof(text), format, arguments);
-  LogLines().push_back(std::to_string(priority) + " " + tag + ": " + text);
-  return length;
-}
-
-extern "C" int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  const int length = CaptureLog(priority, tag, format, arguments);
+  const int length = std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
+  LogLines().push_back(std::to_string(priority) + " " + tag + ": " + text);
   return length;
 }

@@ -17,11 +17,13 @@ enum {
 
 extern "C" {
 
-/// Formats one log line and writes it with a single write(2).
+/// Formats one log line and writes it with a single write(2):
+/// "<seconds>.<milliseconds> <pid> <tid> <I|W|E|F> <tag>: <message>", and a newline unless the
+/// message ends in one.
 ///
-/// Understands the conversions d i u x X p s c % z with the flags and widths '0', 'l', 'll', 'h',
-/// 'z' and a decimal width; a line is cut at 1023 bytes. Keeps errno. Returns the number of bytes
-/// that the whole line has (tag included), whether or not a log is open.
+/// Understands the conversions d i u x X p s c and %, the flags '0' and '-', widths, precisions and
+/// the lengths hh h l ll z. A line is cut at 1023 bytes. Keeps errno. Returns the length of the
+/// line in bytes, whether or not a log is open.
 /// Allocates nothing, takes no lock and calls nothing that does: safe in a signal handler.
 int async_safe_format_log(int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

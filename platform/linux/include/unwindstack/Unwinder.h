@@ -17,14 +17,23 @@ namespace unwindstack {
 
 struct FrameData {
   std::size_t num = 0;
+  /// Offset of `pc` from the start of its mapping.
   std::uint64_t rel_pc = 0;
+  /// The first frame's pc is an address in the function that filled the registers; every other one
+  /// is an address inside the calling instruction (or, below a signal handler, the interrupted
+  /// one).
   std::uint64_t pc = 0;
+  /// Stack pointer in this frame; 0 after an unwind for pcs alone.
   std::uint64_t sp = 0;
+  /// Linker name of the function, null when it has none or names are not wanted.
   SharedString function_name;
   std::uint64_t function_offset = 0;
+  /// Null when the pc is in no mapping.
   std::shared_ptr<MapInfo> map_info;
 };
 
+/// One unwind of the calling thread. For one thread at a time; any number of unwinders may run side
+/// by side on the same maps. Allocates, and with names also reads symbol files.
 class Unwinder {
  public:
   /// Unwinds at most `max_frames` kept frames from `regs`, which the caller owns and keeps until
@@ -34,24 +43,40 @@ class Unwinder {
 
   /// Fills frames(), innermost first. Frames at the top of the stack that lie in a library whose
   /// basename is in `initial_map_names_to_skip` are dropped and do not count against the limit.
-  /// Frames in a mapping whose name ends in one of `map_suffixes_to_ignore` end the unwind.
-  /// Both lists may be null. A pc after the first is an address inside the calling instruction.
-  void Unwind(const std::vector<std::string>* initial_map_names_to_skip = nullptr,
-              const std::vector<std::string>* map_suffixes_to_ignore = nullptr);
+  /// A frame in a mapping whose name ends in '.' and one of `map_suffixes_to_ignore` ends the
+  /// unwind. Both lists may be null.
+  ///
+  /// With names off, called directly by the function that filled the registers, this takes well
+  /// under 100 ns a frame; otherwise microseconds.
+  __attribute__((noinline)) void Unwind(
+      const std::vector<std::string>* initial_map_names_to_skip = nullptr,
+      const std::vector<std::string>* map_suffixes_to_ignore = nullptr);
 
   std::size_t NumFrames() const { return frames_.size(); }
   const std::vector<FrameData>& frames() const { return frames_; }
   std::vector<FrameData> ConsumeFrames() { return std::move(frames_); }
-  /// Whether frames get function names; on by default, as in the platform's unwinder.
-  void SetResolveNames(bool resolve) { resolve_names_ = resolve; }
+
+  /// Whether frames get function names; on by default, as in the platform's unwinder. Off, this
+  /// adapter fills in only `num` and `pc`, for callers on the allocation path; SetResolveMaps(true)
+  /// brings `rel_pc`, `sp` and `map_info` back.
+  void SetResolveNames(bool resolve) { resolve_names_ = resolve_maps_ = resolve; }
+  /// Addition to the platform's interface: whether frames get `rel_pc`, `sp` and `map_info`.
+  void SetResolveMaps(bool resolve) { resolve_maps_ = resolve; }
 
  private:
+  class SkipTest;
+
+  bool UnwindDirect(std::uint64_t return_address, SkipTest& skip);
+  void UnwindByCursor(SkipTest& skip, const std::vector<std::string>* map_suffixes_to_ignore);
+  FrameData& AddFrame(std::uint64_t pc);
+
   std::size_t max_frames_;
   LocalUpdatableMaps* maps_;
-  Regs* regs_;
+  RegsLocal* regs_;
   std::shared_ptr<Memory> process_memory_;
   std::vector<FrameData> frames_;
   bool resolve_names_ = true;
+  bool resolve_maps_ = true;
 };
 
 }  // namespace unwindstack

@@ -9,42 +9,57 @@
 namespace android {
 
 /// Base of reference-counted objects. Derived classes inherit it virtually, as in the platform.
-/// The object dies with its last strong reference (or, when it never had one, its last weak one).
-/// Counting is atomic: references may be taken and dropped on any thread.
+/// The object dies with its last strong reference, on the thread that drops it. An object that
+/// never had one may also be destroyed directly, as one on the stack is; weak references alone
+/// never destroy it. Counting is atomic: references may be taken and dropped on any thread, but one
+/// reference is not for use by two threads at a time. Taking and dropping allocate nothing.
 class RefBase {
  public:
   class weakref_type {
    public:
+    /// Each weak reference counts once; `id` is for debugging on a device and unused here.
     void incWeak(const void* id);
     void decWeak(const void* id);
     /// Takes a strong reference when the object still lives; false otherwise.
     bool attemptIncStrong(const void* id);
+    /// The object, which may be dead by now.
     RefBase* refBase() const { return object_; }
 
    private:
     friend class RefBase;
+    /// Before the first strong reference the object counts as alive; after the last it is dead.
+    static constexpr std::int32_t kNeverStrong = -1;
+    static constexpr std::int32_t kDead = 0;
+
     explicit weakref_type(RefBase* object) : object_(object) {}
-    std::atomic<std::int32_t> strong_{0};
-    std::atomic<std::int32_t> weak_{0};
-    /// Whether a strong reference was ever taken; before the first, the object counts as alive.
-    std::atomic<bool> ever_strong_{false};
+    ~weakref_type() = default;
+
+    std::atomic<std::int32_t> strong_{kNeverStrong};
+    /// The weak references, and one for the object itself until it is gone.
+    std::atomic<std::int32_t> weak_{1};
     RefBase* const object_;
   };
 
   RefBase(const RefBase&) = delete;
   RefBase& operator=(const RefBase&) = delete;
 
+  /// Takes a strong reference; the object must be alive. `id` is unused here, as everywhere.
   void incStrong(const void* id) const;
+  /// Drops one; the last deletes the object.
   void decStrong(const void* id) const;
+  /// How many strong references there are at this moment; for tests. 0 before the first one (a
+  /// device's gives a large number then).
   std::int32_t getStrongCount() const;
+  /// Takes a weak reference, to be dropped with decWeak.
   weakref_type* createWeak(const void* id) const;
-  weakref_type* getWeakRefs() const;
+  /// The counts, without taking a reference to them.
+  weakref_type* getWeakRefs() const { return refs_; }
 
  protected:
   RefBase();
   virtual ~RefBase();
 
-  /// Called once, when the first strong reference is taken.
+  /// Called once, when the first strong reference is taken, on the thread that takes it.
   virtual void onFirstRef();
 
  private:

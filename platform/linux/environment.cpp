@@ -1,0 +1,68 @@
+// The environment variables that steer the tracker on Linux: captured once, expanded at each use.
+#include "platform/linux/environment.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+namespace platform {
+namespace {
+
+constexpr const char* kNames[] = {"MEMLEAK_TRACKER_ROOT", "MEMLEAK_TRACKER_LOG",
+                                  "MEMLEAK_TRACKER_PROPERTIES"};
+constexpr std::size_t kVariables = sizeof(kNames) / sizeof(kNames[0]);
+
+// Copies, since a program may overwrite its environment block (to change its title) or unset
+// variables at any time.
+char g_values[kVariables][kPathBytes];
+std::atomic<bool> g_captured{false};
+
+/// Whoever loads the library is still alone here. Allocations that come before this run are
+/// served from the live environment.
+__attribute__((constructor)) void CaptureAtLoad() {
+  CaptureEnvironment();
+}
+
+}  // namespace
+
+void CaptureEnvironment() {
+  g_captured.store(false, std::memory_order_relaxed);
+  for (std::size_t i = 0; i < kVariables; ++i) {
+    const char* value = std::getenv(kNames[i]);
+    std::strncpy(g_values[i], value != nullptr ? value : "", kPathBytes - 1);
+  }
+  g_captured.store(true, std::memory_order_release);
+}
+
+const char* CapturedValue(Variable variable) {
+  const auto index = static_cast<std::size_t>(variable);
+  const char* value =
+      g_captured.load(std::memory_order_acquire) ? g_values[index] : std::getenv(kNames[index]);
+  return value != nullptr && value[0] != '\0' ? value : nullptr;
+}
+
+std::size_t ExpandPath(const char* pattern, const char* suffix, char (&path)[kPathBytes]) {
+  std::size_t length = 0;
+  const auto put = [&path, &length](char c) {
+    if (length < kPathBytes - 1) path[length++] = c;
+  };
+  for (; *pattern != '\0'; ++pattern) {
+    if (pattern[0] != '%' || pattern[1] != 'p') {
+      put(*pattern);
+      continue;
+    }
+    ++pattern;
+    char digits[12];
+    int count = 0;
+    for (pid_t pid = getpid(); pid > 0; pid /= 10)
+      digits[count++] = static_cast<char>('0' + pid % 10);
+    while (count > 0) put(digits[--count]);
+  }
+  for (; *suffix != '\0'; ++suffix) put(*suffix);
+  path[length] = '\0';
+  return length;
+}
+
+}  // namespace platform

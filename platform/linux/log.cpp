@@ -1,0 +1,91 @@
+// The signal-safe log on Linux: one line a message, to the file that MEMLEAK_TRACKER_LOG names.
+//
+// Called from everywhere in the library: allocation paths, signal handlers, fork handlers.
+#include <async_safe/log.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "platform/linux/environment.h"
+#include "platform/linux/log_format.h"
+
+namespace {
+
+constexpr std::size_t kLineBytes = 1024;
+
+char PriorityLetter(int priority) {
+  switch (priority) {
+    case ANDROID_LOG_INFO:
+      return 'I';
+    case ANDROID_LOG_WARN:
+      return 'W';
+    case ANDROID_LOG_ERROR:
+      return 'E';
+    case ANDROID_LOG_FATAL:
+      return 'F';
+    default:
+      return '?';
+  }
+}
+
+/// Formats a whole line, its newline included, and returns its length. `line` is not terminated.
+std::size_t FormatLine(char (&line)[kLineBytes], int priority, const char* tag, const char* format,
+                       std::va_list arguments) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  constexpr std::size_t kTextLimit = kLineBytes - 1;  // leaves room for the newline
+  std::size_t length = platform::FormatText(
+      line, kTextLimit, "%ld.%03ld %d %ld %c %s: ", static_cast<long>(now.tv_sec),
+      now.tv_nsec / 1000000, getpid(), syscall(SYS_gettid), PriorityLetter(priority),
+      tag != nullptr ? tag : "");
+  if (length < kTextLimit) {
+    length += platform::FormatTextVaList(line + length, kTextLimit - length, format, arguments);
+  }
+  if (length > kTextLimit - 1) length = kTextLimit - 1;
+  if (line[length - 1] != '\n') line[length++] = '\n';
+  return length;
+}
+
+/// Sends a line where lines go now. The file is opened for each line, since lines are rare, and a
+/// descriptor that was kept open could be closed or taken over by the program.
+/// A line that cannot be written is lost: there is nobody to tell.
+void WriteLine(const char* line, std::size_t length) {
+  const char* destination = platform::CapturedValue(platform::Variable::kLog);
+  if (destination == nullptr) return;
+  [[maybe_unused]] ssize_t written = 0;
+  if (std::strcmp(destination, "stderr") == 0) {
+    written = write(STDERR_FILENO, line, length);
+    return;
+  }
+  char path[platform::kPathBytes];
+  platform::ExpandPath(destination, "", path);
+  const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
+  if (file < 0) return;
+  written = write(file, line, length);
+  close(file);
+}
+
+}  // namespace
+
+extern "C" int async_safe_format_log_va_list(int priority, const char* tag, const char* format,
+                                             std::va_list arguments) {
+  const int saved_errno = errno;
+  char line[kLineBytes];
+  const std::size_t length = FormatLine(line, priority, tag, format, arguments);
+  WriteLine(line, length);
+  errno = saved_errno;
+  return static_cast<int>(length);
+}
+
+extern "C" int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  const int length = async_safe_format_log_va_list(priority, tag, format, arguments);
+  va_end(arguments);
+  return length;
+}

@@ -1,0 +1,116 @@
+// System properties on Linux: "name=value" lines of <root>/properties.
+//
+// Read by the control signal's handler, so nothing here allocates or keeps a line whole: the file
+// passes through a small buffer a piece at a time.
+#include <fcntl.h>
+#include <sys/system_properties.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+
+#include "platform/linux/environment.h"
+#include "platform/linux/root.h"
+
+namespace {
+
+constexpr std::size_t kValueLimit = PROP_VALUE_MAX - 1;
+
+/// Takes the file's bytes in order and keeps the value of the last line that has the wanted name.
+class PropertyScan {
+ public:
+  /// `value` has PROP_VALUE_MAX bytes and always holds a terminated string from here on.
+  PropertyScan(const char* name, char* value) : name_(name), value_(value) { value_[0] = '\0'; }
+
+  void Take(char c) {
+    if (c == '\n') {
+      EndLine();
+    } else if (state_ == State::kName) {
+      TakeName(c);
+    } else if (state_ == State::kValue) {
+      if (length_ < kValueLimit) line_[length_] = c;
+      ++length_;
+    }
+  }
+
+  /// Ends the line at hand, as the file's end does when the last newline is missing.
+  void EndLine() {
+    if (state_ == State::kValue) Keep();
+    state_ = State::kName;
+    matched_ = 0;
+    length_ = 0;
+  }
+
+  int length() const { return kept_; }
+
+ private:
+  enum class State { kName, kValue, kOtherLine };
+
+  void TakeName(char c) {
+    if (name_[matched_] == '\0') {
+      state_ = c == '=' ? State::kValue : State::kOtherLine;
+    } else if (c == name_[matched_]) {
+      ++matched_;
+    } else {
+      state_ = State::kOtherLine;
+    }
+  }
+
+  void Keep() {
+    // Files that were written elsewhere may end their lines with CR LF.
+    if (length_ > 0 && length_ <= kValueLimit && line_[length_ - 1] == '\r') --length_;
+    const std::size_t count = length_ < kValueLimit ? length_ : kValueLimit;
+    std::size_t i = 0;
+    for (; i < count && line_[i] != '\0'; ++i) value_[i] = line_[i];
+    value_[i] = '\0';
+    kept_ = static_cast<int>(i);
+  }
+
+  const char* const name_;
+  char* const value_;
+  State state_ = State::kName;
+  std::size_t matched_ = 0;  // bytes of the name that the line has shown so far
+  std::size_t length_ = 0;   // bytes of the line's value, those beyond the limit counted too
+  int kept_ = 0;
+  char line_[kValueLimit];
+};
+
+int OpenForReading(const char* path) {
+  return open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+}
+
+/// The property file of this process, or the one that a parent process left for those of its
+/// children whose own root is still empty. -1 when there is neither.
+int OpenProperties() {
+  char path[platform::kPathBytes];
+  platform::RootedPath("/properties", path);
+  const int file = OpenForReading(path);
+  if (file >= 0 || errno != ENOENT) return file;
+  const char* shared = platform::CapturedValue(platform::Variable::kProperties);
+  return shared != nullptr ? OpenForReading(shared) : -1;
+}
+
+void ScanFile(int file, PropertyScan& scan) {
+  char piece[512];
+  while (true) {
+    const ssize_t count = read(file, piece, sizeof(piece));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    for (ssize_t i = 0; i < count; ++i) scan.Take(piece[i]);
+  }
+  scan.EndLine();
+}
+
+}  // namespace
+
+extern "C" int __system_property_get(const char* name, char* value) {
+  const int saved_errno = errno;
+  PropertyScan scan(name, value);
+  const int file = name[0] != '\0' ? OpenProperties() : -1;
+  if (file >= 0) {
+    ScanFile(file, scan);
+    close(file);
+  }
+  errno = saved_errno;
+  return scan.length();
+}
