@@ -57,7 +57,7 @@ TEST_F(DumpTest, EachCommandWritesOneReport) {
   std::mutex mutex;
   std::set<std::string> descriptions;
   go_on = false;
-  fake::Now().in_report = [&] {
+  fake::OnReport([&] {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
     {
@@ -67,7 +67,7 @@ TEST_F(DumpTest, EachCommandWritesOneReport) {
     ++running;
     while (!go_on) usleep(1000);
     --running;
-  };
+  });
   for (int i = 0; i < kReports; ++i) AsyncReport();
   while (running < kReports) usleep(1000);  // all of them at once
   go_on = true;
@@ -93,7 +93,7 @@ TEST_F(DumpTest, AThreadThatCannotStartIsLogged) {
   thread_creation_fails = false;
   const std::vector<std::string> log = fake::TakeLog();
   ASSERT_EQ(log.size(), 2U);
-  EXPECT_EQ(log[1], "6 MemLeak.Native cannot start MemDumpThread.");
+  EXPECT_EQ(log[1], "E cannot start MemDumpThread.");
 }
 
 TEST_F(DumpTest, HeapDumpComplainsOncePerMapping) {
@@ -106,9 +106,7 @@ TEST_F(DumpTest, HeapDumpComplainsOncePerMapping) {
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   unlink(path);
-  EXPECT_EQ(fake::TakeLog(), std::vector<std::string>{std::string("6 MemLeak.Native Dumping to "
-                                                                  "file: ") +
-                                                      path + "\n"});
+  EXPECT_EQ(fake::TakeLog().at(0), std::string("E Dumping to file: ") + path + "\n");
   // One or two lines more or less: buffers come and go as mappings of their own.
   ASSERT_GE(lines.size() + 2, before + 4);
   ASSERT_LE(lines.size(), after + 4 + 2);
@@ -121,19 +119,16 @@ TEST_F(DumpTest, HeapDumpComplainsOncePerMapping) {
   EXPECT_EQ(lines.back(), "END");
 
   EXPECT_FALSE(track_dump_heap("/no/such/directory/dump"));
-  EXPECT_EQ(
-      fake::TakeLog(),
-      std::vector<std::string>{"6 MemLeak.Native Unable to create file: /no/such/directory/dump"});
+  EXPECT_EQ(fake::TakeLog(),
+            std::vector<std::string>{"E Unable to create file: /no/such/directory/dump"});
 }
 
-TEST_F(DumpTest, LeakInfoNeedsAllItsOutputs) {
+TEST_F(DumpTest, LeakInfo) {
   std::uint8_t* info = reinterpret_cast<std::uint8_t*>(fake::old_block);
   std::size_t sizes[4] = {1, 2, 3, 4};
   track_get_malloc_leak_info(&info, &sizes[0], &sizes[1], &sizes[2], nullptr);
   EXPECT_EQ(sizes[0], 1U);
-  EXPECT_EQ(fake::TakeLog(),
-            std::vector<std::string>{
-                "6 MemLeak.Native get_malloc_leak_info: At least one invalid parameter."});
+  EXPECT_EQ(fake::TakeLog().at(0), "E get_malloc_leak_info: At least one invalid parameter.");
   EXPECT_EQ(fake::TakeEvents(), "");
 
   track_get_malloc_leak_info(&info, &sizes[0], &sizes[1], &sizes[2], &sizes[3]);
@@ -144,9 +139,8 @@ TEST_F(DumpTest, LeakInfoNeedsAllItsOutputs) {
 
   track_free_malloc_leak_info(reinterpret_cast<std::uint8_t*>(fake::old_block));
   EXPECT_EQ(fake::TakeEvents(), "free(old)") << "no record is touched";
-}
 
-TEST_F(DumpTest, WritingLeakInfoIsInert) {
+  // Writing it is inert.
   char text[8] = "before";
   std::FILE* stream = fmemopen(text, sizeof text, "r+");
   ASSERT_NE(stream, nullptr);
@@ -154,8 +148,7 @@ TEST_F(DumpTest, WritingLeakInfoIsInert) {
   std::fclose(stream);
   EXPECT_STREQ(text, "before");
   track_write_malloc_leak_info(nullptr);
-  EXPECT_EQ(fake::TakeLog(), std::vector<std::string>{
-                                 "6 MemLeak.Native write_malloc_leak_info called with a nullptr"});
+  EXPECT_EQ(fake::TakeLog().at(0), "E write_malloc_leak_info called with a nullptr");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -14,9 +15,12 @@
 namespace fake {
 namespace {
 
-std::recursive_mutex mutex;
+using mallinfo_type = struct mallinfo;
+
+std::mutex mutex;
 std::string events;
 std::vector<std::string> log_lines;
+std::function<void()> report_action;
 
 std::string Name(const void* pointer) {
   if (pointer == nullptr) return "null";
@@ -61,8 +65,14 @@ Behaviour& Now() {
 
 void Reset() {
   Now() = Behaviour{};
+  OnReport(nullptr);
   TakeEvents();
   TakeLog();
+}
+
+void OnReport(std::function<void()> action) {
+  const std::lock_guard lock(mutex);
+  report_action = std::move(action);
 }
 
 std::string TakeEvents() {
@@ -79,17 +89,9 @@ const MallocDispatch& Dispatch() {
   static const MallocDispatch table = {
       [](size_t count, size_t size) { return Allocate("calloc", count, size); },
       [](void* pointer) { Note("free", pointer); },
-      [] {
-        Note("mallinfo");
-        struct mallinfo info = {};
-        info.arena = 17;
-        return info;
-      },
+      [] { return Note("mallinfo"), mallinfo_type{}; },
       [](size_t size) { return Allocate("malloc", size); },
-      [](const void* pointer) {
-        Note("usable", pointer);
-        return size_t{48};
-      },
+      [](const void* pointer) { return Note("usable", pointer), size_t{48}; },
       [](size_t alignment, size_t size) { return Allocate("memalign", alignment, size); },
       [](void** result, size_t alignment, size_t size) {
         *result = Allocate("posix_memalign", alignment, size);
@@ -145,7 +147,12 @@ void PointerData::GetInfo(std::uint8_t**, std::size_t* overall_size, std::size_t
 }
 void PointerData::DumpAllocationTracesToFile() {
   fake::Note("Report");
-  if (fake::Now().in_report) fake::Now().in_report();
+  std::function<void()> action;
+  {
+    const std::lock_guard lock(fake::mutex);
+    action = fake::report_action;
+  }
+  if (action) action();
 }
 
 void BacktraceStartup() {
@@ -166,6 +173,7 @@ int async_safe_format_log(int priority, const char* tag, const char* format, ...
   const int length = std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   const std::lock_guard lock(fake::mutex);
-  fake::log_lines.push_back(std::to_string(priority) + " " + tag + " " + text);
+  const bool known = std::strcmp(tag, "MemLeak.Native") == 0;
+  fake::log_lines.push_back(std::string(!known ? "? " : priority == 4 ? "I " : "E ") + text);
   return length;
 }

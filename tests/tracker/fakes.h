@@ -16,11 +16,12 @@ struct Behaviour {
   bool store_initialize_fails = false;
   std::uint32_t backtrace_size = 10;
   char backtrace_type = '0';
-  std::function<void()> in_add;     ///< runs inside PointerData::Add
-  std::function<void()> in_report;  ///< runs inside DumpAllocationTracesToFile, on its thread
+  std::function<void()> in_add;  ///< runs inside PointerData::Add
 };
 Behaviour& Now();
 void Reset();
+/// Runs `action` inside DumpAllocationTracesToFile, on its thread, which may be under way.
+void OnReport(std::function<void()> action);
 
 /// Blocks by name in events: what allocators return, and one that existed before.
 extern char new_block[64];
@@ -29,12 +30,11 @@ extern char old_block[64];
 /// Events since the last call, separated by blanks; "*" follows one that happened while its thread
 /// was marked.
 std::string TakeEvents();
-/// Log lines since the last call, as "priority tag text".
+/// Log lines since the last call: "I " or "E " by priority and the text; "?" under a wrong tag.
 std::vector<std::string> TakeLog();
 
 const MallocDispatch& Dispatch();
-extern std::uint32_t zygote_flag;
-/// The flag as the C library hands it in.
+/// The zygote-child flag as the C library hands it in.
 bool* ZygoteFlag();
 
 }  // namespace fake

@@ -8,42 +8,34 @@
 
 #include <csignal>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <vector>
 
-#include "private/bionic_malloc_dispatch.h"
+#include "tracker/MallocMemTrack.h"
 
 namespace {
 
-template <typename Function>
-Function* Entry(const char* name) {
+void* Resolve(const char* name) {
   static void* library = dlopen(TRACKER_LIBRARY, RTLD_NOW);
-  if (library == nullptr) ADD_FAILURE() << dlerror();
-  void* address = dlvsym(library, name, "LIBC_MALLOC_QUARLE");
-  if (address == nullptr) ADD_FAILURE() << name << " is missing";
-  return reinterpret_cast<Function*>(address);
+  void* address = library == nullptr ? nullptr : dlvsym(library, name, "LIBC_MALLOC_QUARLE");
+  if (address == nullptr) ADD_FAILURE() << name << ": " << dlerror();
+  return address;
 }
+/// The library's entry of that name, typed as declared.
+#define ENTRY(name) reinterpret_cast<decltype(&(name))>(Resolve(#name))
 
-const MallocDispatch kDispatch = {
-    calloc,
-    free,
-    [] {
-      struct mallinfo nothing = {};
-      return nothing;
-    },
-    malloc,
-    [](const void* pointer) { return malloc_usable_size(const_cast<void*>(pointer)); },
-    memalign,
-    posix_memalign,
-    realloc,
-    [](uintptr_t, size_t, void (*)(uintptr_t, size_t, void*), void*) { return -1; },
-    [] {},
-    [] {},
-    mallopt,
-    aligned_alloc,
-    malloc_info,
-};
+MallocDispatch RealAllocator() {
+  MallocDispatch table = {};
+  table.malloc = malloc;
+  table.free = free;
+  table.calloc = calloc;
+  table.realloc = realloc;
+  table.memalign = memalign;
+  table.posix_memalign = posix_memalign;
+  table.malloc_usable_size = [](const void* block) {
+    return malloc_usable_size(const_cast<void*>(block));
+  };
+  return table;
+}
 
 void Send(std::uint64_t word) {
   siginfo_t info = {};
@@ -54,8 +46,6 @@ void Send(std::uint64_t word) {
   usleep(1000);  // a sanitizer puts the handler off until such a call
 }
 
-enum Kind { kMalloc, kCalloc, kRealloc, kMemalign, kAlignedAlloc, kPosixMemalign, kKinds };
-
 }  // namespace
 
 extern "C" {
@@ -63,27 +53,12 @@ extern "C" {
 // Visible, so that dladdr can name them; the empty statement keeps each call from being a jump.
 __attribute__((noinline, visibility("default"))) void* tracker_test_inner(int kind) {
   void* block = nullptr;
-  switch (kind) {
-    case kMalloc:
-      block = Entry<void*(size_t)>("track_malloc")(40);
-      break;
-    case kCalloc:
-      block = Entry<void*(size_t, size_t)>("track_calloc")(5, 8);
-      break;
-    case kRealloc:
-      block = Entry<void*(size_t)>("track_malloc")(10);
-      block = Entry<void*(void*, size_t)>("track_realloc")(block, 40);
-      break;
-    case kMemalign:
-      block = Entry<void*(size_t, size_t)>("track_memalign")(64, 40);
-      break;
-    case kAlignedAlloc:
-      block = Entry<void*(size_t, size_t)>("track_aligned_alloc")(64, 40);
-      break;
-    default:
-      Entry<int(void**, size_t, size_t)>("track_posix_memalign")(&block, 64, 40);
-      break;
-  }
+  if (kind == 0) block = ENTRY(track_malloc)(40);
+  if (kind == 1) block = ENTRY(track_calloc)(5, 8);
+  if (kind == 2) block = ENTRY(track_realloc)(ENTRY(track_malloc)(10), 40);
+  if (kind == 3) block = ENTRY(track_memalign)(64, 40);
+  if (kind == 4) block = ENTRY(track_aligned_alloc)(64, 40);
+  if (kind == 5) ENTRY(track_posix_memalign)(&block, 64, 40);
   __asm__ volatile("");
   return block;
 }
@@ -105,13 +80,12 @@ std::string NameOf(std::uintptr_t pc) {
 }
 
 TEST(LibraryTest, EveryEntryRecordsItsCaller) {
+  static const MallocDispatch table = RealAllocator();
   static std::uint32_t zygote_flag = 0;
-  ASSERT_TRUE((Entry<bool(const MallocDispatch*, void*, const char*)>("track_initialize")(
-      &kDispatch, &zygote_flag, "")));
-  const auto frames_of = Entry<size_t(void*, uintptr_t*, size_t)>("track_malloc_backtrace");
+  ASSERT_TRUE(ENTRY(track_initialize)(&table, reinterpret_cast<bool*>(&zygote_flag), ""));
+  const auto frames_of = ENTRY(track_malloc_backtrace);
   Send(0x90);
-  std::vector<void*> blocks;
-  for (int kind = 0; kind < kKinds; ++kind) {
+  for (int kind = 0; kind < 6; ++kind) {
     SCOPED_TRACE(kind);
     void* block = tracker_test_outer(kind);
     ASSERT_NE(block, nullptr);
@@ -119,9 +93,9 @@ TEST(LibraryTest, EveryEntryRecordsItsCaller) {
     ASSERT_GE(frames_of(block, frames, 8), 2U);
     EXPECT_EQ(NameOf(frames[0]), "tracker_test_inner");
     EXPECT_EQ(NameOf(frames[1]), "tracker_test_outer");
-    Entry<void(void*)>("track_free")(block);
+    ENTRY(track_free)(block);
   }
-  Entry<void()>("track_finalize")();
+  ENTRY(track_finalize)();
 }
 
 }  // namespace

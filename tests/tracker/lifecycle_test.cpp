@@ -51,7 +51,6 @@ TEST(LifecycleTest, StartAndStopAndStartAgain) {
   fake::Reset();
   EXPECT_FALSE(track_initialize(nullptr, fake::ZygoteFlag(), ""));
   EXPECT_FALSE(track_initialize(&fake::Dispatch(), nullptr, ""));
-  EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
 
   struct sigaction before = {};
   before.sa_handler = SIG_IGN;
@@ -98,7 +97,7 @@ TEST(LifecycleTest, AFailedStartLeavesNothingBehind) {
     EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
     const std::vector<std::string> log = fake::TakeLog();
     ASSERT_EQ(log.size(), 1U);
-    EXPECT_EQ(log[0].rfind("6 MemLeak.Native pthread_key_create failed: Resource", 0), 0U);
+    EXPECT_EQ(log[0].rfind("E pthread_key_create failed: Resource", 0), 0U);
   }
   fake::Now().store_initialize_fails = true;
   const std::vector<pthread_key_t> keys_before = TakeFreeKeys(0);
@@ -120,11 +119,9 @@ TEST(LifecycleTest, SignalSetUpFailuresAreLoggedOnly) {
   EXPECT_TRUE(Start());
   track_finalize();
   sigaction_fails = false;
-  EXPECT_EQ(fake::TakeLog(),
-            (std::vector<std::string>{"6 MemLeak.Native Failed to register_signal handler errmsg: "
-                                      "Operation not permitted",
-                                      "6 MemLeak.Native Failed to register signal handler errmsg: "
-                                      "Operation not permitted"}));
+  const std::string reason = " handler errmsg: Operation not permitted";
+  EXPECT_EQ(fake::TakeLog(), (std::vector<std::string>{"E Failed to register_signal" + reason,
+                                                       "E Failed to register signal" + reason}));
 }
 
 TEST(LifecycleTest, CallbackSlots) {

@@ -14,11 +14,11 @@
 
 namespace {
 
-constexpr char kOn[] = "4 MemLeak.Native set hook to:true, btsize:25, btType:1";
-constexpr char kPaused[] = "4 MemLeak.Native set hook to:false";
-constexpr char kReport[] = "4 MemLeak.Native Start dumping allocations of the process program";
-constexpr char kStarted[] = "4 MemLeak.Native start Start";
-constexpr char kClear[] = "4 MemLeak.Native native clear:program";
+constexpr char kOn[] = "I set hook to:true, btsize:25, btType:1";
+constexpr char kPaused[] = "I set hook to:false";
+constexpr char kReport[] = "I Start dumping allocations of the process program";
+constexpr char kStarted[] = "I start Start";
+constexpr char kClear[] = "I native clear:program";
 
 /// Sends a command, waits for it, and returns what it logged after its first line.
 std::vector<std::string> Send(std::uint64_t word, std::uint32_t parameter) {
@@ -37,7 +37,7 @@ std::vector<std::string> Send(std::uint64_t word, std::uint32_t parameter) {
   if (log.empty()) return {"nothing received"};
   char first[80];
   if (word != 0) {
-    std::snprintf(first, sizeof first, "4 MemLeak.Native received_sig 44;addr:%#lx", word);
+    std::snprintf(first, sizeof first, "I received_sig 44;addr:%#lx", word);
     EXPECT_EQ(log[0], first);
   }
   log.erase(log.begin());
@@ -98,12 +98,12 @@ TEST_F(SignalTest, WordsMoveTheSwitches) {
 TEST_F(SignalTest, ClearEmptiesTheStoreAndReportComesFromAnotherThread) {
   Send(0x80, 0);
   EXPECT_EQ(fake::TakeEvents(), "Initialize()");
-  std::atomic<int> blocked{-1};
-  fake::Now().in_report = [&blocked] {
+  static std::atomic<int> blocked{-1};
+  fake::OnReport([] {
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     blocked = sigismember(&mask, 44);
-  };
+  });
   Send(0x40, 0);
   while (blocked < 0) usleep(1000);
   EXPECT_EQ(blocked, 1) << "a clear command on the report's thread would wait for itself";
