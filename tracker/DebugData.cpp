@@ -11,16 +11,31 @@ DebugData* DebugData::GetInstance() {
 }
 
 bool DebugData::Initialize(DebugData* holder) {
-  auto* fresh = new (std::nothrow) PointerData(holder);
-  if (fresh == nullptr) return false;
-  // Another thread may be inside the old object's Add at this moment. The tables are process-wide
-  // and a record operation never looks at its own object, so it may lose it meanwhile.
-  delete holder->pointer_.exchange(fresh, std::memory_order_acq_rel);
-  return fresh->Initialize();
+  for (Place& place : holder->places_) {
+    if (place.taken.exchange(true, std::memory_order_acq_rel)) continue;
+    auto* fresh = new (place.storage) PointerData(holder);
+    holder->Destroy(holder->pointer_.exchange(fresh, std::memory_order_acq_rel));
+    return fresh->Initialize();
+  }
+  // Every place taken: as many clears are under way on as many threads. The object holds nothing,
+  // so emptying the tables through the present one is all there is to a clear.
+  PointerData* present = holder->pointer();
+  return present != nullptr && present->Initialize();
 }
 
 void DebugData::Release() {
-  delete GetInstance()->pointer_.exchange(nullptr, std::memory_order_acq_rel);
+  DebugData* holder = GetInstance();
+  holder->Destroy(holder->pointer_.exchange(nullptr, std::memory_order_acq_rel));
+}
+
+void DebugData::Destroy(PointerData* old) {
+  if (old == nullptr) return;
+  old->~PointerData();
+  for (Place& place : places_) {
+    if (static_cast<void*>(place.storage) == static_cast<void*>(old)) {
+      place.taken.store(false, std::memory_order_release);
+    }
+  }
 }
 
 void DebugData::PrepareFork() {

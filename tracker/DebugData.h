@@ -13,7 +13,7 @@ class DebugData {
   static DebugData* GetInstance();
   /// Puts a fresh PointerData into `holder`, deletes the one it replaces and empties all tables:
   /// start-up and every clear command. False when the tables cannot be set up.
-  /// Allocates; waits for a report that is being written.
+  /// Waits for a report that is being written.
   static bool Initialize(DebugData* holder);
   /// Destroys the PointerData and leaves the holder without one. Only from track_finalize.
   static void Release();
@@ -27,5 +27,16 @@ class DebugData {
   void PostForkChild();
 
  private:
+  /// Room for one PointerData. Another thread may be inside a member of one that is being replaced
+  /// (the tables are process-wide, so it goes on unharmed): its memory is used again for the next,
+  /// never given back. A clear thus allocates nothing either.
+  struct Place {
+    alignas(PointerData) unsigned char storage[sizeof(PointerData)] = {};
+    std::atomic<bool> taken{false};
+  };
+
+  void Destroy(PointerData* old);
+
+  Place places_[8];
   std::atomic<PointerData*> pointer_{nullptr};
 };

@@ -107,8 +107,12 @@ constexpr std::uint64_t Bit(unsigned number) {
 /// The commands in the order in which they are carried out, whatever the order of their bits. Bits
 /// that stand for no command mean nothing.
 constexpr Command kCommands[] = {
-    {Bit(4), NativeOn},    {Bit(5), NativePause},    {Bit(6), NativeStopAndReport},
-    {Bit(7), NativeClear}, {Bit(1), RunCallback<4>}, {Bit(2), RunCallback<5>},
+    {Bit(4), NativeOn},             //
+    {Bit(5), NativePause},          //
+    {Bit(6), NativeStopAndReport},  //
+    {Bit(7), NativeClear},          //
+    {Bit(1), RunCallback<4>},       //
+    {Bit(2), RunCallback<5>},
     // The commands of the hooked kinds and of the descriptor tracker belong here, in the order
     // mmap 8, 9, 10, 11; descriptors 20, 21, 22, 23; ion 12, 13, 14, 15; gpu 16, 17, 18, 19.
 };
