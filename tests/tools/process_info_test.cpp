@@ -97,10 +97,16 @@ class Child {
     EXPECT_EQ(pipe(ready.data()), 0);
     pid_ = fork();
     if (pid_ == 0) {
+      // Held back until the child waits for it, else it could come before.
+      sigset_t blocked;
+      sigset_t before;
+      sigemptyset(&blocked);
+      sigaddset(&blocked, kControlSignal);
+      sigprocmask(SIG_BLOCK, &blocked, &before);
       prepare();
       close(ready[0]);
       close(ready[1]);
-      pause();
+      sigsuspend(&before);
       _exit(received_word == 0x123456789abcdef0 && received_parameter == 0xa0031 ? 17 : 1);
     }
     close(ready[1]);
