@@ -86,7 +86,7 @@ void CatchControlSignal() {
 
 void MapTracker() {
   const int file = open(FIXTURE_LIBDIR "/libmemleak_tracker.so", O_RDONLY | O_CLOEXEC);
-  mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0);
+  EXPECT_NE(mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0), MAP_FAILED);
 }
 
 /// A forked process that prepares itself and waits for a signal; killed when the test ends.
