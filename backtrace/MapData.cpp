@@ -46,7 +46,8 @@ std::unique_ptr<MapEntry> ParseLine(const char* line) {
 }  // namespace
 
 MapData* MapData::GetInstance() {
-  static MapData instance("/proc/self/maps", platform::AcceptedPcWidth());
+  // Never destroyed: a report may still be written after the process's exit handlers have begun.
+  static MapData& instance = *new MapData("/proc/self/maps", platform::AcceptedPcWidth());
   return &instance;
 }
 

@@ -22,6 +22,8 @@ struct AllocatorTable {
 };
 
 /// Serves until the next allocator is known: looks it up at the first call (next_allocator.cpp).
+/// Needs no constructor to have run.
+// NOLINTNEXTLINE(bugprone-dynamic-static-initializers)
 extern const AllocatorTable kBootstrapTable;
 
 /// Routes all calls to `plain` from now on. `plain` stays the caller's and must live, unchanged, as

@@ -32,9 +32,10 @@ constexpr int kForkWaitMs = 1000;
 // Held by whoever starts or stops the thread or waits for a command, and by a thread that forks
 // from before the fork until both sides have their control threads.
 pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
-// Under change_lock: the thread, and whether it is there to be joined.
+// Under change_lock: the thread, whether it is there to be joined, and whether it should be.
 pthread_t thread;
 bool thread_started = false;
+bool thread_wanted = false;
 
 // Written by the thread itself: its id, 0 before it runs.
 std::atomic<int> thread_id{0};
@@ -44,8 +45,9 @@ std::atomic<int> stop{kRun};
 std::atomic<int> own_pending{0};
 Command own_command;
 bool blocked_at_start = false;
-// Whether this thread's fork holds change_lock; written under it.
-bool fork_holds_lock = false;
+// Id of the thread whose fork holds change_lock, 0 for none. Of two that fork at once, one may have
+// gone on without it.
+std::atomic<int> forking_thread{0};
 
 int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
@@ -168,14 +170,21 @@ bool StopUntil(const timespec& moment) {
   if (!thread_started) return true;
   stop.store(kStopWanted);
   pthread_kill(thread, kControlSignal);
+  // A join is a point of cancellation; fork and exit are none.
+  int cancel_state;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   int error = pthread_timedjoin_np(thread, nullptr, &moment);
   int wanted = kStopWanted;
   // Too late, unless it has just made up its mind.
   if (error != 0 && !stop.compare_exchange_strong(wanted, kRun)) {
     error = pthread_join(thread, nullptr);
   }
-  if (error == 0) thread_started = false;
-  return error == 0;
+  pthread_setcancelstate(cancel_state, nullptr);
+  if (error != 0) return false;
+  thread_started = false;
+  // The kernel may give the number to the next thread.
+  thread_id.store(0);
+  return true;
 }
 
 /// Nothing of a command half done gets into the child this way; and an emulated child can start
@@ -183,24 +192,25 @@ bool StopUntil(const timespec& moment) {
 void BeforeFork() {
   const timespec moment = WallClock(kForkWaitMs);
   if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return;
-  fork_holds_lock = true;
+  forking_thread.store(ThreadId());
   StopUntil(moment);
 }
 
 void StartAfterFork() {
+  if (!thread_wanted) return;
   const int error = Start();
   if (error != 0) Say("cannot start the control thread after a fork: %s", strerror(error));
 }
 
 void AfterForkInParent() {
-  if (OnControlThread() || !fork_holds_lock) return;
-  fork_holds_lock = false;
+  if (forking_thread.load() != ThreadId()) return;
+  forking_thread.store(0);
   if (!thread_started) StartAfterFork();
   pthread_mutex_unlock(&change_lock);
 }
 
 void AfterForkInChild() {
-  fork_holds_lock = false;
+  forking_thread.store(0);
   own_pending.store(0);
   pthread_mutex_init(&change_lock, nullptr);
   StartAfterFork();
@@ -256,6 +266,7 @@ void CatchLateCommands() {
 
 int StartControlThread() {
   pthread_mutex_lock(&change_lock);
+  thread_wanted = true;
   const int error = Start();
   pthread_mutex_unlock(&change_lock);
   return error;
@@ -265,6 +276,7 @@ bool StopControlThread(int timeout_ms) {
   const timespec moment = WallClock(timeout_ms);
   if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return false;
   const bool stopped = StopUntil(moment);
+  thread_wanted = !stopped;
   pthread_mutex_unlock(&change_lock);
   return stopped;
 }

@@ -71,9 +71,10 @@ bool StoreRecord(PointerSet* set, std::uint64_t address, std::uint64_t encoded_s
 void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded_size,
                    std::vector<unwindstack::FrameData>* frame_data) {
   std::uint64_t unwind_index;
+  std::uint64_t generation;
   {
     const std::lock_guard<std::mutex> guard(set->unwind_mutex);
-    set->SyncUnwindFrames();
+    generation = set->SyncUnwindFrames();
     const auto found = set->unwind_key_to_index.find({frame_data->size(), frame_data->data()});
     if (found != set->unwind_key_to_index.end()) {
       unwind_index = found->second;
@@ -89,7 +90,7 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
     }
   }
   const std::lock_guard<std::mutex> guard(set->java_pointer_mutex);
-  set->SyncJavaPointers();
+  if (set->SyncJavaPointers() != generation) return;  // a clear took the stack meanwhile
   set->java_pointers[address] = {encoded_size, unwind_index};
 }
 
@@ -173,10 +174,13 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   // The size asked for may be anything; what the method can return bounds the buffer.
   const std::size_t limit = BacktraceCaptureLimit();
   const std::size_t max_frames = num_frames < limit ? num_frames : limit;
-  std::uint64_t stack_frames[kStackFrames];
   std::unique_ptr<std::uint64_t[]> heap_frames;
-  std::uint64_t* frames = stack_frames;
-  if (max_frames > kStackFrames) {
+  std::uint64_t* frames;
+  if (max_frames <= kStackFrames) {
+    // Not an array: some compilers put those above the frame record, and then they would take up
+    // half of the range that the walk may cover.
+    frames = static_cast<std::uint64_t*>(__builtin_alloca(max_frames * sizeof(std::uint64_t)));
+  } else {
     heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
     frames = heap_frames.get();
     if (frames == nullptr) return result;

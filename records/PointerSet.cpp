@@ -43,20 +43,24 @@ void PointerSet::SyncJavaTables() {
   SyncUnwindFrames();
 }
 
-void PointerSet::SyncJavaPointers() {
-  const std::uint64_t now = table_generation.load(std::memory_order_acquire);
-  if (java_pointers_generation_ == now) return;
-  java_pointers.clear();
-  java_pointers_generation_ = now;
+std::uint64_t PointerSet::SyncJavaPointers() {
+  const std::uint64_t now = CurrentGeneration();
+  if (java_pointers_generation_ != now) {
+    java_pointers.clear();
+    java_pointers_generation_ = now;
+  }
+  return now;
 }
 
-void PointerSet::SyncUnwindFrames() {
-  const std::uint64_t now = table_generation.load(std::memory_order_acquire);
-  if (unwind_generation_ == now) return;
-  unwind_key_to_index.clear();
-  unwind_frames.clear();
-  cur_unwind_index = BacktraceTable::kFirstIndex;
-  unwind_generation_ = now;
+std::uint64_t PointerSet::SyncUnwindFrames() {
+  const std::uint64_t now = CurrentGeneration();
+  if (unwind_generation_ != now) {
+    unwind_key_to_index.clear();
+    unwind_frames.clear();
+    cur_unwind_index = BacktraceTable::kFirstIndex;
+    unwind_generation_ = now;
+  }
+  return now;
 }
 
 std::int64_t PointerSet::TakeKeptTime(std::uint64_t address, const FrameInfoType* backtrace,

@@ -117,9 +117,9 @@ class PointerSet {
   }
   /// For both Java-native tables, with both their locks held.
   void SyncJavaTables();
-  /// For each alone.
-  void SyncJavaPointers();
-  void SyncUnwindFrames();
+  /// For each alone; returns the generation that the table is of.
+  std::uint64_t SyncJavaPointers();
+  std::uint64_t SyncUnwindFrames();
 
   /// Number of records. Takes no lock, so it may be stale; a set that a clear has passed by and
   /// nobody has emptied yet counts as empty.

@@ -17,9 +17,7 @@ inline std::size_t UsableSize(const void* pointer) {
 /// The size that decides the class: the usable size of a heap block, for the other kinds the size
 /// as given. The kind is the one in force now, not the one the record was made under.
 inline std::size_t ClassSize(const void* pointer, std::size_t size) {
-  return MemTrackControl::GetMemTrackType() == MemTrackType::NATIVE
-             ? UsableSize(pointer)
-             : size;
+  return MemTrackControl::GetMemTrackType() == MemTrackType::NATIVE ? UsableSize(pointer) : size;
 }
 
 /// Starts to fetch the lines where a record of `address` may stand, one for each class of its

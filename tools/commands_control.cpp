@@ -22,7 +22,8 @@ constexpr int kStartPatienceMs = 3000;
 
 bool IsArm64(const ProcessInfo& process) {
   if (process.is_emulated) return process.executable.find("aarch64") != std::string::npos;
-  return OwnMachine() == EM_AARCH64;
+  const std::optional<ElfInfo> image = ReadElf("/proc/" + std::to_string(process.pid) + "/exe");
+  return image && image->machine == EM_AARCH64;
 }
 
 // x86-64 system libraries keep no frame pointers.

@@ -18,7 +18,7 @@ void* Churn(void*) {
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
   blocked_in_thread = sigismember(&mask, 44);
-  for (int i = 0; i < 200000; ++i) free(malloc(static_cast<size_t>(i % 5000)));
+  for (int i = 0; i < 200000; ++i) free(malloc(static_cast<size_t>(i % 5000 + 1)));
   return nullptr;
 }
 

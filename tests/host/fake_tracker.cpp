@@ -18,7 +18,9 @@ FakeTracker state;
 struct sigaction saved_action;
 
 void WriteReport() {
-  std::string path = getenv("MEMLEAK_TRACKER_ROOT");
+  const char* root = getenv("MEMLEAK_TRACKER_ROOT");
+  if (root == nullptr) return;
+  std::string path = root;
   const size_t percent = path.find("%p");
   if (percent != std::string::npos) path.replace(percent, 2, std::to_string(getpid()));
   path += "/data/log/reliability/allocations_dump";
@@ -50,8 +52,8 @@ void OnCommand(int, siginfo_t* info, void*) {
 }
 
 void Note(const char* entry, const void* caller) {
-  state.last_entry = entry;
-  state.last_caller = caller;
+  state.last_entry.store(entry, std::memory_order_relaxed);
+  state.last_caller.store(caller, std::memory_order_relaxed);
 }
 
 }  // namespace

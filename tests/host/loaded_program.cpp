@@ -41,6 +41,12 @@ void* Find(const char* library, const char* name) {
   return handle != nullptr ? dlsym(handle, name) : nullptr;
 }
 
+const char* Environment(const char* name) {
+  const char* value = getenv(name);
+  CHECK(value != nullptr);
+  return value;
+}
+
 bool Send(pid_t process, uint64_t word, uint32_t parameter = 0) {
   siginfo_t info{};
   info.si_signo = 44;
@@ -76,7 +82,6 @@ int Routes() {
   Dl_info self;
   CHECK(dladdr(reinterpret_cast<void*>(Routes), &self) != 0);
   const auto page = static_cast<size_t>(getpagesize());
-  void* volatile block = nullptr;
   int volatile result = 0;
   const auto routed = [&](const char* entry, auto call) {
     fake->last_entry = "";
@@ -89,28 +94,29 @@ int Routes() {
     CHECK(dladdr(const_cast<void*>(fake->last_caller.load()), &caller) != 0);
     CHECK(caller.dli_fbase == self.dli_fbase || strcmp(entry, "mallinfo") == 0);
   };
-  const auto aligned = [&](size_t n) { return reinterpret_cast<uintptr_t>(block) % n == 0; };
-  routed("malloc", [&] { block = malloc(100); });
-  routed("malloc_usable_size", [&] { CHECK(malloc_usable_size(block) >= 100); });
-  routed("realloc", [&] { block = realloc(block, 70000); });
-  routed("free", [&] { free(block), block = nullptr; });
-  routed("calloc", [&] { block = calloc(10, 10); });
-  routed("memalign", [&] { block = memalign(256, 10); });
-  CHECK(aligned(256));
-  routed("aligned_alloc", [&] { block = aligned_alloc(512, 1024); });
-  CHECK(aligned(512));
-  routed("posix_memalign", [&] {
-    void* p = nullptr;
-    result = posix_memalign(&p, 1024, 10);
-    block = p;
+  const auto allocates = [&](const char* entry, size_t alignment, auto call) {
+    void* block = nullptr;
+    routed(entry, [&] { block = call(); });
+    CHECK(block != nullptr && reinterpret_cast<uintptr_t>(block) % alignment == 0);
+    routed("malloc_usable_size", [&] { CHECK(malloc_usable_size(block) >= 100); });
+    routed("free", [&] { free(block); });
+  };
+  allocates("malloc", 16, [] { return malloc(100); });
+  allocates("realloc", 16, [block = malloc(10)] { return realloc(block, 70000); });
+  allocates("calloc", 16, [] { return calloc(10, 10); });
+  allocates("memalign", 256, [] { return memalign(256, 100); });
+  allocates("aligned_alloc", 512, [] { return aligned_alloc(512, 1024); });
+  allocates("posix_memalign", 1024, [] {
+    void* block = nullptr;
+    return posix_memalign(&block, 1024, 100) == 0 ? block : nullptr;
   });
-  CHECK(result == 0 && aligned(1024));
-  routed("memalign", [&] { block = valloc(10); });
-  CHECK(aligned(page));
-  routed("memalign", [&] { block = pvalloc(page + 1); });
-  CHECK(aligned(page) && malloc_usable_size(block) >= 2 * page);
-  routed("", [&] { block = pvalloc(SIZE_MAX - 1); });
-  CHECK(block == nullptr && errno == ENOMEM);
+  allocates("memalign", page, [] { return valloc(100); });
+  allocates("memalign", page, [page] {
+    void* block = pvalloc(page + 1);
+    CHECK(fake->next->malloc_usable_size(block) >= 2 * page);
+    return block;
+  });
+  routed("", [] { CHECK(pvalloc(SIZE_MAX - 1) == nullptr && errno == ENOMEM); });
   routed("mallopt", [] { mallopt(M_MMAP_THRESHOLD, 1 << 20); });
   FILE* sink = fopen("/dev/null", "we");
   setvbuf(sink, nullptr, _IONBF, 0);  // Or it allocates a buffer.
@@ -139,7 +145,7 @@ int Commands() {
   for (int i = 0; i < 200; ++i) CHECK(Send(getpid(), 0x10));
   for (std::thread& churner : churners) churner.join();
   CHECK(WaitForCommands(200));
-  CHECK(fake->words == 200 * 0x10 && fake->elsewhere == 0);
+  CHECK(fake->words == uint64_t{200} * 0x10 && fake->elsewhere == 0);
   // Where a thread opens the signal it is an ordinary signal.
   sigset_t set;
   sigemptyset(&set);
@@ -192,7 +198,7 @@ int Fork() {
     }
     const int status = WaitFor(child);
     CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 7);
-    std::string path = getenv("MEMLEAK_TRACKER_ROOT");
+    std::string path = Environment("MEMLEAK_TRACKER_ROOT");
     path.replace(path.find("%p"), 2, std::to_string(child));
     std::ifstream report(path + "/data/log/reliability/allocations_dump");
     const std::string text{std::istreambuf_iterator<char>(report), {}};
@@ -204,7 +210,7 @@ int Fork() {
 }
 
 int Spawn() {
-  const pid_t child = vfork();
+  const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork): the point
   if (child == 0) {
     execl("/bin/true", "true", nullptr);
     _exit(9);
@@ -277,7 +283,7 @@ int Nested() {
 int Next() {
   Dl_info next;
   CHECK(dladdr(reinterpret_cast<void*>(fake->next->malloc), &next) != 0);
-  CHECK(strstr(next.dli_fname, getenv("EXPECTED_ALLOCATOR")) != nullptr);
+  CHECK(strstr(next.dli_fname, Environment("EXPECTED_ALLOCATOR")) != nullptr);
   return Routes() + Libraries() + Fork();
 }
 

@@ -11,10 +11,10 @@ extern "C" {
 void* nested_blocks[5];
 
 __attribute__((noinline)) static void Allocate() {
-  nested_blocks[0] = strcpy(static_cast<char*>(malloc(40)), "kept");
+  nested_blocks[0] = memcpy(malloc(40), "kept", 5);
   nested_blocks[1] = calloc(10, 30);
   nested_blocks[2] = memalign(1024, 100);
-  nested_blocks[3] = realloc(strcpy(static_cast<char*>(malloc(5)), "grow"), 4000);
+  nested_blocks[3] = realloc(memcpy(malloc(5), "grow", 5), 4000);
   free(malloc(8));
   pthread_t thread;
   const auto other = [](void*) -> void* { return malloc(77); };

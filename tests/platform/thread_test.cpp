@@ -73,6 +73,13 @@ class Worker : public android::Thread {
   const std::function<bool(Worker&)> iteration_;
 };
 
+/// Waits until the object is gone, which may be a moment after its thread's last iteration, and on
+/// that thread: what the test has lent it must last until then.
+void Finish(sp<Worker>& worker, Log& log) {
+  worker.clear();
+  log.destroyed.Wait();
+}
+
 TEST(Thread, RunsUntilTheLoopReturnsFalse) {
   Log log;
   sp<Worker> worker(new Worker(log, [&log](Worker&) { return log.iterations < 3; }));
@@ -85,6 +92,7 @@ TEST(Thread, RunsUntilTheLoopReturnsFalse) {
   EXPECT_EQ(worker->run("worker"), android::NO_ERROR);
   worker->join();
   EXPECT_EQ(log.iterations, 4);
+  Finish(worker, log);
 }
 
 TEST(Thread, StarterMayLetGoAtOnce) {
@@ -120,8 +128,7 @@ TEST(Thread, GoesOnWhileSomebodyHoldsIt) {
   several.Wait();
   EXPECT_TRUE(worker->isRunning());
   EXPECT_EQ(log.destroyed_on, 0);
-  worker.clear();
-  log.destroyed.Wait();
+  Finish(worker, log);
 }
 
 TEST(Thread, EndsWhenExitIsRequested) {
@@ -137,6 +144,7 @@ TEST(Thread, EndsWhenExitIsRequested) {
   EXPECT_EQ(worker->requestExitAndWait(), android::NO_ERROR);
   EXPECT_EQ(log.iterations, 1);
   EXPECT_FALSE(worker->isRunning());
+  Finish(worker, log);
 }
 
 TEST(Thread, ReportsWhatCannotBe) {
@@ -157,6 +165,7 @@ TEST(Thread, ReportsWhatCannotBe) {
   EXPECT_EQ(own_join, android::WOULD_BLOCK);
   EXPECT_EQ(own_exit, android::WOULD_BLOCK);
   EXPECT_EQ(log.iterations, 1);
+  Finish(worker, log);
 }
 
 TEST(Thread, NotReadyMeansNoIteration) {
@@ -166,6 +175,7 @@ TEST(Thread, NotReadyMeansNoIteration) {
   ASSERT_EQ(worker->run("worker"), android::NO_ERROR);
   EXPECT_EQ(worker->join(), -12);
   EXPECT_EQ(log.iterations, 0);
+  Finish(worker, log);
 }
 
 TEST(Thread, ImpossibleStackIsReported) {
@@ -178,8 +188,7 @@ TEST(Thread, ImpossibleStackIsReported) {
             android::NO_ERROR);
   worker->join();
   EXPECT_EQ(log.iterations, 1);
-  worker.clear();
-  log.destroyed.Wait();
+  Finish(worker, log);
 }
 
 TEST(Thread, HasTheNameAndNiceValueItWasGiven) {
@@ -204,6 +213,7 @@ TEST(Thread, HasTheNameAndNiceValueItWasGiven) {
   ASSERT_EQ(worker->run("a name of twenty-six bytes"), android::NO_ERROR);
   worker->join();
   EXPECT_EQ(name, "a name of twent");
+  Finish(worker, log);
 }
 
 }  // namespace
