@@ -162,7 +162,10 @@ __attribute__((noinline)) void PointerData::Add(const void* pointer, std::size_t
   set->pointers.Prefetch(address);  // its line arrives while the stack is walked
   pthread_setspecific(record_key, MemTrackControl::kMark);
   const BacktraceRef backtrace = AddBacktrace(BacktraceSize(), set, address, size);
-  if (!StoreRecord(set, address, EncodeSize(size), backtrace)) RemoveBacktrace(backtrace, set);
+  if (!StoreRecord(set, address, EncodeSize(size), backtrace)) {
+    const std::lock_guard<SetMutex> guard(set->frame_mutex);
+    RemoveBacktrace(backtrace, set);
+  }
   pthread_setspecific(record_key, nullptr);
 }
 
@@ -214,7 +217,10 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
   if (set == nullptr) return;
   pthread_setspecific(record_key, MemTrackControl::kMark);
   {
-    const std::lock_guard<SetMutex> guard(set->pointer_mutex);
+    const std::lock_guard<SetMutex> pointer_guard(set->pointer_mutex);
+    // Taken here and not where it is needed: a locked instruction waits for all loads before it,
+    // and behind the search those are the cold ones.
+    const std::lock_guard<SetMutex> frame_guard(set->frame_mutex);
     const std::uint64_t generation = set->SyncPointers();
     Record* const record = set->pointers.Find(address);
     if (record != nullptr) {
@@ -231,7 +237,6 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
 void PointerData::RemoveBacktrace(const BacktraceRef& ref, PointerSet* set) {
   FrameInfoType* const backtrace = BacktraceRef::Backtrace(ref.word);
   if (backtrace == nullptr) return;
-  const std::lock_guard<SetMutex> guard(set->frame_mutex);
   if (set->SyncFrames() != ref.generation) return;  // a clear took it meanwhile
   if (backtrace->references == 0) {
     async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",

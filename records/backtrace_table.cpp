@@ -22,32 +22,7 @@ std::uint64_t Step(std::uint64_t fingerprint) {
   return (fingerprint >> 32) | 1;
 }
 
-std::uint64_t Fold(std::uint64_t a, std::uint64_t b) {
-  const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
-  return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
-}
-
 }  // namespace
-
-bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
-  return a.num_frames == b.num_frames &&
-         std::memcmp(a.frames, b.frames, a.num_frames * sizeof(std::uint64_t)) == 0;
-}
-
-std::uint64_t FrameFingerprint(const FrameKeyType& key) {
-  // Pairs of pcs multiplied, each pair with a factor of its own so that order counts; the products
-  // do not wait for one another. The factor steps by the fractional part of sqrt(2).
-  constexpr std::uint64_t kFactorStep = 0x6A09E667F3BCC909U;
-  std::uint64_t factor = 0xBB67AE8584CAA73BU;
-  std::uint64_t sum = key.num_frames;
-  std::uint64_t i = 0;
-  for (; i + 1 < key.num_frames; i += 2) {
-    sum += Fold(key.frames[i] + factor, key.frames[i + 1] ^ (factor * 3));
-    factor += kFactorStep;
-  }
-  if (i < key.num_frames) sum += Fold(key.frames[i] + factor, factor * 3);
-  return Fold(sum, kFactorStep);
-}
 
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
   const std::uint64_t lines = Lines(num_frames);

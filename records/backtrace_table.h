@@ -39,12 +39,35 @@ inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
   return hash;
 }
 
-/// Equality of keys: same length, every pc equal.
-bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b);
+/// Equality of keys: same length, every pc equal. No early exit: it is asked of keys with equal
+/// fingerprints, which are equal.
+inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
+  if (a.num_frames != b.num_frames) return false;
+  std::uint64_t difference = 0;
+  for (std::uint64_t i = 0; i < a.num_frames; ++i) difference |= a.frames[i] ^ b.frames[i];
+  return difference == 0;
+}
 
 /// A 64-bit digest of all pcs and their order. Equal keys have equal fingerprints; different ones
 /// practically never, so that pcs are compared once, not once per candidate.
-std::uint64_t FrameFingerprint(const FrameKeyType& key);
+inline std::uint64_t FrameFingerprint(const FrameKeyType& key) {
+  const auto fold = [](std::uint64_t a, std::uint64_t b) {
+    const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
+    return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+  };
+  // Pairs of pcs multiplied, each pair with a factor of its own so that order counts; the products
+  // do not wait for one another. The factor steps by the fractional part of sqrt(2).
+  constexpr std::uint64_t kFactorStep = 0x6A09E667F3BCC909U;
+  std::uint64_t factor = 0xBB67AE8584CAA73BU;
+  std::uint64_t sum = key.num_frames;
+  std::uint64_t i = 0;
+  for (; i + 1 < key.num_frames; i += 2) {
+    sum += fold(key.frames[i] + factor, key.frames[i + 1] ^ (factor * 3));
+    factor += kFactorStep;
+  }
+  if (i < key.num_frames) sum += fold(key.frames[i] + factor, factor * 3);
+  return fold(sum, kFactorStep);
+}
 
 /// Memory of one set's backtraces: pieces of whole cache lines, cut from chunks.
 class BacktraceArena {

@@ -61,7 +61,7 @@ std::string Locate(const std::string& name, const std::string& search_path) {
   while (true) {
     const std::size_t colon = rest.find(':');
     const std::string directory(rest.substr(0, colon));
-    const std::string path = (directory.empty() ? "." : directory) + "/" + name;
+    std::string path = (directory.empty() ? "." : directory) + "/" + name;
     std::error_code ignored;
     if (fs::is_regular_file(path, ignored)) {
       if (access(path.c_str(), X_OK) == 0) return path;

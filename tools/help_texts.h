@@ -6,10 +6,10 @@ namespace memleak::help {
 
 inline constexpr const char* kMain = R"(
 A session:
-  memleak run -- ./server --port 80 &    start a program, tracked but not recording
-  memleak on $!                          record from now on
-  memleak report $!                      stop, and write what is still held
-  memleak show ./memleak.$!              the largest groups, with their call stacks
+  memleak run -- ./server &    start a program, tracked but not recording
+  memleak on $!                record from now on
+  memleak report $!            stop, and write what is still held
+  memleak show ./memleak.$!    the largest groups, with their call stacks
 
 Every command explains itself: memleak COMMAND --help.
 

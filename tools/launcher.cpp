@@ -57,7 +57,7 @@ std::vector<std::string> LibraryCandidates(const std::string& libdir) {
 
 std::string Libraries(const RunOptions& options, std::uint16_t machine) {
   const std::vector<std::string> candidates = LibraryCandidates(options.libdir);
-  const std::string libdir = FindTrackerLibraries(candidates, machine);
+  std::string libdir = FindTrackerLibraries(candidates, machine);
   if (libdir.empty()) {
     std::string searched;
     for (const std::string& candidate : candidates) {

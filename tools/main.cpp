@@ -132,7 +132,7 @@ void CopyBacktraceOptions(const CLI::App& command, const Options& options, Targe
 }
 
 int Dispatch(const CLI::App& command, Options* options) {
-  const std::string name = command.get_name();
+  const std::string& name = command.get_name();
   if (name == "run") {
     CopyBacktraceOptions(command, *options, &options->run);
     return RunCommand(options->run);

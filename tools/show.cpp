@@ -89,6 +89,7 @@ void PrintNativeFrame(const ReportFrame& frame, const Resolver& resolve, std::os
 template <typename Group>
 std::vector<const Group*> Largest(const std::vector<Group>& groups, std::size_t top) {
   std::vector<const Group*> sorted;
+  sorted.reserve(groups.size());
   for (const Group& group : groups) sorted.push_back(&group);
   // The tracker sorts already; a report put together by hand need not be.
   std::stable_sort(sorted.begin(), sorted.end(),
@@ -102,10 +103,10 @@ void PrintHead(const Report& report, const std::string& path, std::ostream& out)
   for (const NativeGroup& group : report.native) blocks += group.count;
   out << "Report " << path << "\n"
       << "  " << FormatBytes(report.header.total_bytes) << " held ("
-      << FormatCount(report.header.total_bytes) << " bytes) by "
-      << FormatCount(report.header.groups) << " call stacks and sizes\n"
-      << "  " << FormatCount(blocks) << " blocks listed; at most " << report.header.backtrace_size
-      << " frames a stack\n";
+      << FormatCount(report.header.total_bytes) << " bytes) in "
+      << FormatCount(report.header.groups) << " groups, each of one size and one call stack\n"
+      << "  " << FormatCount(blocks) << " blocks listed, with at most "
+      << report.header.backtrace_size << " frames each\n";
 }
 
 void PrintNative(const Report& report, std::size_t top, const Resolver& resolve,

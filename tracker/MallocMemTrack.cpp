@@ -61,7 +61,7 @@ TRACKER_INLINE bool IsBadAlignment(std::size_t alignment) {
 }
 
 TRACKER_INLINE void* RecordMalloc(const MemTrackControl* control, std::size_t size) {
-  const RecordingScope scope(control);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   const std::size_t accepted = AcceptedSize(size);
   if (accepted == 0) return nullptr;
   void* pointer = control->dispatch()->malloc(accepted);
@@ -71,7 +71,7 @@ TRACKER_INLINE void* RecordMalloc(const MemTrackControl* control, std::size_t si
 
 TRACKER_INLINE void* RecordMemalign(const MemTrackControl* control, std::size_t alignment,
                                     std::size_t size) {
-  const RecordingScope scope(control);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   const std::size_t accepted = AcceptedSize(size);
   if (accepted == 0) return nullptr;
   void* pointer = control->dispatch()->memalign(alignment, accepted);
@@ -86,7 +86,7 @@ BUSY_BODY void* BusyMalloc(const MemTrackControl* control, std::size_t size) {
 
 /// Also while paused: records made earlier are retired after recording has stopped.
 BUSY_BODY void BusyFree(const MemTrackControl* control, void* pointer) {
-  const RecordingScope scope(control);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   // The record goes before the memory: once freed, the address may be another thread's.
   RemoveRecord(pointer);
   control->dispatch()->free(pointer);
@@ -94,7 +94,7 @@ BUSY_BODY void BusyFree(const MemTrackControl* control, void* pointer) {
 
 BUSY_BODY void* BusyCalloc(const MemTrackControl* control, std::size_t count, std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->calloc(count, size);
-  const RecordingScope scope(control);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   std::size_t bytes = 0;
   if (__builtin_mul_overflow(count, size, &bytes)) {
     errno = ENOMEM;
@@ -110,7 +110,7 @@ BUSY_BODY void* BusyCalloc(const MemTrackControl* control, std::size_t count, st
 BUSY_BODY void* BusyRealloc(const MemTrackControl* control, void* pointer, std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->realloc(pointer, size);
   if (pointer == nullptr) return RecordMalloc(control, size);
-  const RecordingScope scope(control);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   if (size == 0) {
     RemoveRecord(pointer);
     control->dispatch()->free(pointer);
@@ -157,7 +157,7 @@ BUSY_BODY std::size_t BusyUsableSize(const MemTrackControl* control, const void*
   if (pointer == nullptr || !control->ThreadEnabled()) {
     return control->dispatch()->malloc_usable_size(pointer);
   }
-  const RecordingScope scope(control);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   return control->dispatch()->malloc_usable_size(pointer);
 }
 

@@ -24,6 +24,13 @@ class RecordingScope {
       : marked_(IsRecording(control) ? control : nullptr) {
     if (marked_ != nullptr) marked_->DisableThread();
   }
+  /// For a caller that has just seen its thread unmarked: nobody else marks it, so only the switch
+  /// is looked at again.
+  struct ThreadIsUnmarked {};
+  TRACKER_INLINE RecordingScope(const MemTrackControl* control, ThreadIsUnmarked /*known*/)
+      : marked_(control->GetHookStart() ? control : nullptr) {
+    if (marked_ != nullptr) marked_->DisableThread();
+  }
   TRACKER_INLINE ~RecordingScope() {
     if (marked_ != nullptr) marked_->EnableThread();
   }

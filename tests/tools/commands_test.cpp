@@ -6,8 +6,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <thread>
 
 #include "tests/tools/temp_dir.h"
 #include "tools/root_directory.h"
@@ -50,15 +51,27 @@ bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-#define EXPECT_HAS(text, part) \
-  EXPECT_TRUE(Has(text, part)) << "no \"" << (part) << "\" in:\n" << (text)
-#define EXPECT_FAILS(arguments, part)                                               \
-  do {                                                                              \
-    const Outcome failed = Memleak(arguments);                                      \
-    EXPECT_EQ(failed.code, 2) << (arguments);                                       \
-    EXPECT_HAS(failed.output, part);                                                \
-    EXPECT_EQ(failed.output.find('\n'), failed.output.size() - 1) << failed.output; \
-  } while (false)
+void ExpectHas(const std::string& text, const std::string& part) {
+  EXPECT_TRUE(Has(text, part)) << "no \"" << part << "\" in:\n" << text;
+}
+
+void ExpectFails(const std::string& arguments, const std::string& part) {
+  const Outcome failed = Memleak(arguments);
+  EXPECT_EQ(failed.code, 2) << arguments;
+  ExpectHas(failed.output, part);
+  EXPECT_EQ(failed.output.find('\n'), failed.output.size() - 1) << failed.output;
+}
+
+// Commands are carried out some time after they are sent.
+void ExpectStatusSoon(const std::string& pid, const std::string& part) {
+  Outcome status;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    status = Memleak("status " + pid);
+    if (Has(status.output, part)) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ExpectHas(status.output, part);
+}
 
 /// The sleeper, started by `memleak run`; its output until "ready" is kept.
 class Session {
@@ -118,15 +131,15 @@ TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
   Session session(directory, "--start --report-at-exit --depth 24 --unwind fp --log log.%p");
   const std::string& output = session.output();
   const std::string here = std::filesystem::canonical(directory.Path("")).string();
-  EXPECT_HAS(output, "argument=-x\nargument=--depth\nargument=a b\nargument=--\n");
-  EXPECT_HAS(output, "LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so\n");
-  EXPECT_HAS(output, "LD_BIND_NOW=1\n");
-  EXPECT_HAS(output, "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n");
+  ExpectHas(output, "argument=-x\nargument=--depth\nargument=a b\nargument=--\n");
+  ExpectHas(output, "LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so\n");
+  ExpectHas(output, "LD_BIND_NOW=1\n");
+  ExpectHas(output, "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n");
   const std::string properties = here + "/memleak." + session.pid() + "/properties";
-  EXPECT_HAS(output, "MEMLEAK_TRACKER_PROPERTIES=" + properties + "\n");
-  EXPECT_HAS(output, "MEMLEAK_TRACKER_START=0x10\n");
-  EXPECT_HAS(output, "MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40\n");
-  EXPECT_HAS(output, "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n");
+  ExpectHas(output, "MEMLEAK_TRACKER_PROPERTIES=" + properties + "\n");
+  ExpectHas(output, "MEMLEAK_TRACKER_START=0x10\n");
+  ExpectHas(output, "MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40\n");
+  ExpectHas(output, "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n");
   const BacktraceSettings settings = ParseSettings(ReadTextFile(properties).value_or(""));
   EXPECT_EQ(settings.type, '0');
   EXPECT_EQ(settings.depth, 24U);
@@ -140,8 +153,8 @@ TEST(Run, KeepsOtherPreloadsAndDropsInheritedCommands) {
   const TempDir directory;
   const Session session(directory, "--root here",
                         "MEMLEAK_TRACKER_START=0x10 LD_PRELOAD=libm.so.6");
-  EXPECT_HAS(session.output(), "LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so:libm.so.6\n");
-  EXPECT_HAS(session.output(), "/here\n");
+  ExpectHas(session.output(), "LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so:libm.so.6\n");
+  ExpectHas(session.output(), "/here\n");
   EXPECT_FALSE(Has(session.output(), "MEMLEAK_TRACKER_START"));
 }
 
@@ -149,26 +162,26 @@ TEST(Session, FromOnToShow) {
   const TempDir directory;
   const Session session(directory, "--root root --log log");
   const std::string pid = session.pid();
-  EXPECT_HAS(Memleak("status " + pid).output, "never switched on");
+  ExpectStatusSoon(pid, "never switched on");
   const Outcome on = Memleak("on " + pid + " --depth 12 --unwind dwarf");
   EXPECT_EQ(on.code, 0);
-  EXPECT_HAS(on.output, "recording on, tables emptied, 12 frames by dwarf");
-  EXPECT_HAS(Memleak("status " + pid).output, "recording   on\n");
+  ExpectHas(on.output, "recording on, tables emptied, 12 frames by dwarf");
+  ExpectStatusSoon(pid, "recording   on\n");
   EXPECT_EQ(Memleak("on " + pid + " --keep").code, 0);
   EXPECT_EQ(Memleak("pause " + pid).code, 0);
   EXPECT_EQ(Memleak("clear " + pid).code, 0);
   EXPECT_EQ(Memleak("send " + pid + " --word 0x100000 --parameter 0xff0031").code, 0);
-  EXPECT_HAS(Memleak("status " + pid).output, "recording   paused\n");
+  ExpectStatusSoon(pid, "recording   paused\n");
 
   for (int round = 0; round < 2; ++round) {
     const Outcome report = Memleak("report " + pid);
     EXPECT_EQ(report.code, 0);
-    EXPECT_HAS(report.output, "groups  1\n");
-    EXPECT_HAS(report.output, "bytes   96 (96 B)\n");
+    ExpectHas(report.output, "groups  1\n");
+    ExpectHas(report.output, "bytes   96 (96 B)\n");
   }
   const Outcome show = Memleak("show " + directory.Path("root"));
   EXPECT_EQ(show.code, 0);
-  EXPECT_HAS(show.output, "#1  96 B  100.0 %  3 blocks of 32 B  age 3s..1s\n     lib.so+0x10\n");
+  ExpectHas(show.output, "#1  96 B  100.0 %  3 blocks of 32 B  age 3s..1s\n     lib.so+0x10\n");
   EXPECT_TRUE(
       std::filesystem::exists(directory.Path("root/data/log/reliability/allocations_dump.old")));
 
@@ -179,46 +192,46 @@ TEST(Session, FromOnToShow) {
     words += log.substr(at + 5, log.find('\n', at) - at - 5) + " ";
   }
   EXPECT_EQ(words, "0x90 0x10 0x20 0x80 0x100000 0x40 0x40 ");
-  EXPECT_HAS(log, "addr:0x90\nparameter 0xc0031\n");
-  EXPECT_HAS(log, "addr:0x100000\nparameter 0xff0031\n");
+  ExpectHas(log, "addr:0x90\nparameter 0xc0031\n");
+  ExpectHas(log, "addr:0x100000\nparameter 0xff0031\n");
 }
 
 TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   const TempDir directory;
-  EXPECT_FAILS("", "subcommand");
-  EXPECT_FAILS("fly", "unknown command: fly");
-  EXPECT_FAILS("on 99999999", "no such process");
-  EXPECT_FAILS("on abc", "PID");
-  EXPECT_FAILS("on 1 --depth 0", "--depth");
-  EXPECT_FAILS("send 1 --word 0xzz", "--word");
-  EXPECT_FAILS("run", "no program given");
-  EXPECT_FAILS("run --frobnicate -- ls", "unknown option");
-  EXPECT_FAILS("run -- " FIXTURE_STATIC, "static");
-  EXPECT_FAILS("run --libdir /nonexistent" + kRunEmulated + " -- " FIXTURE_SLEEPER, "--libdir");
+  ExpectFails("", "subcommand");
+  ExpectFails("fly", "unknown command: fly");
+  ExpectFails("on 99999999", "no such process");
+  ExpectFails("on abc", "PID");
+  ExpectFails("on 1 --depth 0", "--depth");
+  ExpectFails("send 1 --word 0xzz", "--word");
+  ExpectFails("run", "no program given");
+  ExpectFails("run --frobnicate -- ls", "unknown option");
+  ExpectFails("run -- " FIXTURE_STATIC, "static");
+  ExpectFails("run --libdir /nonexistent" + kRunEmulated + " -- " FIXTURE_SLEEPER, "--libdir");
   const std::string file = directory.Write("file", "");
-  EXPECT_FAILS(
+  ExpectFails(
       "run --libdir " FIXTURE_LIBDIR " --root " + file + kRunEmulated + " -- " FIXTURE_SLEEPER,
       "root directory not writable");
 #ifdef FIXTURE_ARM64_SYMBOLS
-  EXPECT_FAILS("run --emulator qemu-aarch64 -- " FIXTURE_SLEEPER, "another architecture");
+  ExpectFails("run --emulator qemu-aarch64 -- " FIXTURE_SLEEPER, "another architecture");
 #endif
-  EXPECT_FAILS("show " + file, "not a report");
+  ExpectFails("show " + file, "not a report");
   const std::string cut =
       directory.Write("cut", "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 1\n");
-  EXPECT_FAILS("show " + cut, "truncated");
+  ExpectFails("show " + cut, "truncated");
   EXPECT_EQ(Memleak("show --partial " + cut).code, 0);
 }
 
 TEST(Errors, ReportThatDoesNotCome) {
   const TempDir directory;
   const Session session(directory, "--root mute");
-  EXPECT_FAILS("report --timeout 1 " + session.pid(), "no complete report after 1 s");
+  ExpectFails("report --timeout 1 " + session.pid(), "no complete report after 1 s");
 }
 
 TEST(Status, SaysWhenAProcessIsNotTracked) {
   const Outcome outcome = Memleak("status " + std::to_string(getpid()));
   EXPECT_EQ(outcome.code, 1);
-  EXPECT_HAS(outcome.output, "tracked     no\n");
+  ExpectHas(outcome.output, "tracked     no\n");
 }
 
 TEST(Help, EveryCommandHasExamplesAndExitCodesInEightyColumns) {
@@ -226,8 +239,8 @@ TEST(Help, EveryCommandHasExamplesAndExitCodesInEightyColumns) {
        {"", "run", "on", "pause", "report", "clear", "send", "status", "show"}) {
     const Outcome help = Memleak(command + " --help");
     EXPECT_EQ(help.code, 0);
-    EXPECT_HAS(help.output, "Exit codes:");
-    EXPECT_HAS(help.output, "  memleak " + command);
+    ExpectHas(help.output, "Exit codes:");
+    ExpectHas(help.output, "  memleak " + command);
     EXPECT_EQ(Shell(kMemleak + command + " --help | awk 'length > 80'").output, "");
   }
 }

@@ -86,7 +86,7 @@ void CatchControlSignal() {
 
 void MapTracker() {
   const int file = open(FIXTURE_LIBDIR "/libmemleak_tracker.so", O_RDONLY | O_CLOEXEC);
-  mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0);
+  EXPECT_NE(mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0), MAP_FAILED);
 }
 
 /// A forked process that prepares itself and waits for a signal; killed when the test ends.
@@ -97,10 +97,16 @@ class Child {
     EXPECT_EQ(pipe(ready.data()), 0);
     pid_ = fork();
     if (pid_ == 0) {
+      // Held back until the child waits for it, else it could come before.
+      sigset_t blocked;
+      sigset_t before;
+      sigemptyset(&blocked);
+      sigaddset(&blocked, kControlSignal);
+      sigprocmask(SIG_BLOCK, &blocked, &before);
       prepare();
       close(ready[0]);
       close(ready[1]);
-      pause();
+      sigsuspend(&before);
       _exit(received_word == 0x123456789abcdef0 && received_parameter == 0xa0031 ? 17 : 1);
     }
     close(ready[1]);
