@@ -8,18 +8,10 @@
 #include "async_safe/log.h"
 #include "platform/program_name.h"
 #include "records/PointerData.h"
-#include "tracker/MemTrackControl.h"
 
 namespace {
 
 constexpr char kLogTag[] = "MemLeak.Native";
-
-/// Recording may be switched on again while the report is being written; what this thread allocates
-/// is the tracker's own and never belongs in a report.
-void MarkThread() {
-  const MemTrackControl* control = MemTrackControl::GetInstance();
-  if (control != nullptr && control->ThreadEnabled()) control->DisableThread();
-}
 
 }  // namespace
 
@@ -31,7 +23,6 @@ bool MemDumpThread::threadLoop() {
     // yields one report, so this round only waits for the starter.
     sched_yield();
   } else {
-    MarkThread();
     PointerData::DumpAllocationTracesToFile();
   }
   return true;

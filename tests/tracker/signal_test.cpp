@@ -97,7 +97,7 @@ TEST_F(SignalTest, WordsMoveTheSwitches) {
 
 TEST_F(SignalTest, ClearEmptiesTheStoreAndReportComesFromAnotherThread) {
   Send(0x80, 0);
-  EXPECT_EQ(fake::TakeEvents(), "Initialize()");
+  EXPECT_NE(fake::TakeEvents().find("Initialize()"), std::string::npos);
   static std::atomic<int> blocked{-1};
   fake::OnReport([] {
     sigset_t mask;
