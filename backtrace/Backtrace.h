@@ -37,6 +37,8 @@ std::size_t BacktraceCaptureLimit();
 /// Fills `frames` with up to `max_frames` pcs of the calling thread, innermost first, and returns
 /// their number. The frame-pointer walk skips its three innermost levels (its caller and that
 /// one's two callers), so it must be called from entry -> Add -> AddBacktrace, one frame each.
+/// The walk covers 4096 bytes of stack, those levels' own frames included: where a compiler keeps
+/// locals above the frame record (GCC on aarch64), a large buffer among them uses the range up.
 /// `frame_data` is accepted for Java-native frames and left as it is.
 /// Takes no lock of its own; the frame-pointer walk allocates nothing, the unwinder does.
 std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,

@@ -95,6 +95,7 @@ class PointerData {
 
   BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
                             std::size_t size);
+  /// Drops one reference. The caller holds the set's frame lock.
   void RemoveBacktrace(const BacktraceRef& backtrace, PointerSet* set);
 
   DebugData* const owner_;

@@ -7,14 +7,15 @@
 
 class DebugData {
  public:
-  /// The holder; made with no PointerData on the first call. Never null. Takes no lock: the first
-  /// call comes from track_initialize, before other threads use the tracker.
+  /// The holder, without a PointerData until the first Initialize. Never null; it lives as long as
+  /// the process, since other threads may be inside an entry. Takes no lock. Any thread, any
+  /// context.
   static DebugData* GetInstance();
   /// Puts a fresh PointerData into `holder`, deletes the one it replaces and empties all tables:
   /// start-up and every clear command. False when the tables cannot be set up.
   /// Allocates; waits for a report that is being written.
   static bool Initialize(DebugData* holder);
-  /// Destroys the PointerData and the holder. Only from track_finalize.
+  /// Destroys the PointerData and leaves the holder without one. Only from track_finalize.
   static void Release();
 
   /// The current PointerData, null before Initialize. Any thread.
@@ -26,6 +27,5 @@ class DebugData {
   void PostForkChild();
 
  private:
-  static DebugData* instance_;
   std::atomic<PointerData*> pointer_{nullptr};
 };

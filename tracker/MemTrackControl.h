@@ -44,7 +44,10 @@ class MemTrackControl {
   static std::uint32_t GetMemTrackType() { return mem_track_type.load(std::memory_order_seq_cst); }
   /// The C library's zygote-child flag, null when there is no instance or none was handed in. The
   /// owner of the flag provides four readable bytes. Any thread, any context.
-  static bool* GetMallocZygoteChild();
+  static bool* GetMallocZygoteChild() {
+    const MemTrackControl* instance = GetInstance();
+    return instance == nullptr ? nullptr : instance->zygote_child_;
+  }
   static bool IsPltHook() { return is_plt_hook.load(std::memory_order_relaxed); }
 
   /// Clears the four switches and creates the three thread keys, null in the calling thread.
@@ -89,8 +92,8 @@ class MemTrackControl {
   Tracker tracker(std::uint32_t index) const {
     return trackers_[index].load(std::memory_order_acquire);
   }
-  void set_tracker(std::uint32_t index, Tracker tracker) {
-    trackers_[index].store(tracker, std::memory_order_release);
+  void set_tracker(std::uint32_t index, Tracker callback) {
+    trackers_[index].store(callback, std::memory_order_release);
   }
 
   /// The value that marks a thread; any non-null pointer would do.

@@ -1,0 +1,137 @@
+// Capture of the calling thread's stack: a walk along the frame pointers, or a full unwind.
+//
+// BacktraceGet runs inside every recorded allocation, on any thread. The settings are re-read by
+// the control signal's handler, so they are atomics and nothing else.
+#include "backtrace/Backtrace.h"
+
+#include <sys/system_properties.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "arch/frame.h"
+#include "async_safe/log.h"
+
+// The walk reads other functions' frames, where a sanitizer may keep red zones, and its reads of
+// the settings race on purpose.
+#define MEMLEAK_READS_STACK __attribute__((no_sanitize("address", "thread", "undefined")))
+
+namespace {
+
+/// How far above its first frame the walk goes. This bounds it without a check of what is mapped:
+/// that much of the stack above a live frame is practically always there.
+constexpr std::uint64_t kWalkBytes = 4096;
+constexpr std::size_t kWalkLimit = kWalkBytes / sizeof(arch::FrameRecord);
+/// Deeper stacks than this are of no use in a report, whatever size is asked for.
+constexpr std::size_t kUnwindLimit = 1024;
+/// The tracker's own levels: AddBacktrace, Add and the exported entry.
+constexpr std::size_t kSkippedLevels = 3;
+
+std::atomic<char> g_type{kBacktraceFramePointer};
+std::atomic<std::uint32_t> g_size{kDefaultBacktraceSize};
+
+/// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
+/// threads that outlive main capture until the last moment.
+struct UnwinderState {
+  unwindstack::LocalUpdatableMaps maps;
+  std::shared_ptr<unwindstack::Memory> memory;
+  const std::vector<std::string> skipped_libraries{"libunwindstack.so", "libmemleak_tracker.so"};
+};
+std::atomic<UnwinderState*> g_unwinder{nullptr};
+
+/// Follows the frame records from the one at `base` upward. `pc` is an address in the function
+/// that owns it. Returns how many of `frames` were filled.
+__attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFramePointers(
+    std::uint64_t base, std::uint64_t pc, std::uint64_t* frames, std::size_t max_frames) {
+  // Frames do not overlap, so only a chain that runs in a circle could have more of them.
+  max_frames = std::min(max_frames, kWalkLimit);
+  if (max_frames == 0 || base == 0) return 0;
+  std::size_t level = 0;
+  std::size_t stored = 0;
+  // The difference wraps for a frame pointer below the base, so one comparison tests both ends.
+  for (std::uint64_t frame = base; frame - base < kWalkBytes; ++level) {
+    if (level >= kSkippedLevels) {
+      frames[stored++] = pc;
+      if (stored == max_frames) break;
+    }
+    const auto* record = reinterpret_cast<const arch::FrameRecord*>(frame);
+    pc = arch::StripReturnAddress(record->return_address) - arch::kCallSiteAdjustment;
+    frame = record->caller_frame;
+  }
+  return stored;
+}
+
+/// Unwinds from here. The registers are filled and used in one and the same function, since the
+/// unwinder walks frames that must still exist.
+__attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t max_frames) {
+  UnwinderState* state = g_unwinder.load(std::memory_order_acquire);
+  max_frames = std::min(max_frames, kUnwindLimit);
+  if (state == nullptr || max_frames == 0) return 0;
+  const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
+  unwindstack::RegsGetLocal(regs.get());
+  unwindstack::Unwinder unwinder(max_frames, &state->maps, regs.get(), state->memory);
+  unwinder.SetResolveNames(false);
+  unwinder.Unwind(&state->skipped_libraries, nullptr);
+  std::size_t stored = 0;
+  for (const unwindstack::FrameData& frame : unwinder.frames()) {
+    if (stored == max_frames) break;
+    frames[stored++] = frame.pc;
+  }
+  return stored;
+}
+
+}  // namespace
+
+void BacktraceStartup() {
+  auto state = std::make_unique<UnwinderState>();
+  state->memory = unwindstack::Memory::CreateProcessMemoryThreadCached(getpid());
+  if (!state->maps.Parse()) state.reset();
+  delete g_unwinder.exchange(state.release(), std::memory_order_acq_rel);
+}
+
+char GetBacktraceTypeFromProp() {
+  char value[PROP_VALUE_MAX] = {};
+  __system_property_get("vastel.memleak.backtacetype", value);
+  // Not validated: an invalid type shows at every capture.
+  if (value[0] != '\0') g_type.store(value[0], std::memory_order_relaxed);
+  return g_type.load(std::memory_order_relaxed);
+}
+
+std::uint32_t BacktraceSize() {
+  return g_size.load(std::memory_order_relaxed);
+}
+
+void SetBacktraceSize(std::uint32_t size) {
+  g_size.store(size, std::memory_order_relaxed);
+}
+
+std::size_t BacktraceCaptureLimit() {
+  switch (g_type.load(std::memory_order_relaxed)) {
+    case kBacktraceFramePointer:
+      return kWalkLimit;
+    case kBacktraceUnwinder:
+      return kUnwindLimit;
+    default:
+      return 0;
+  }
+}
+
+// Never inlined: the levels that the walk skips are counted from this function's own frame.
+__attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
+    std::uint64_t* frames, std::size_t max_frames,
+    std::vector<unwindstack::FrameData>& /*frame_data*/) {
+  const char type = g_type.load(std::memory_order_relaxed);
+  if (__builtin_expect(type == kBacktraceFramePointer, 1)) {
+    const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
+    const auto caller = reinterpret_cast<std::uint64_t>(__builtin_return_address(0));
+    return WalkFramePointers(own->caller_frame, arch::StripReturnAddress(caller), frames,
+                             max_frames);
+  }
+  if (type == kBacktraceUnwinder) return Unwind(frames, max_frames);
+  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "invalid backtrace type");
+  return 0;
+}

@@ -1,0 +1,386 @@
+// The work that every configuration of bench/compare does: malloc/free churn from many call stacks.
+//
+// Each thread keeps its own set of live blocks. A step frees a pseudo-random one and makes a new
+// one of a pseudo-random size, through a pseudo-random path of mutually calling functions, so that
+// a tool that records call stacks sees as many distinct ones as asked. The sequence is the same in
+// every run. Results go to standard output as lines of key=value words.
+//
+// Commands are single lines on standard input (with --interactive):
+//   go         start the churn (it waits for this after the blocks have been made)
+//   mark NAME  print the longest gap between two steps since the last mark, and start anew
+//   dump       ask the allocator or LeakSanitizer in this process for its own report
+//   stop       end the churn
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+// Both are there only when the tool in question is part of the process.
+extern "C" __attribute__((weak)) int mallctl(const char* name, void* old_value, size_t* old_bytes,
+                                             void* new_value, size_t new_bytes);
+extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
+
+namespace {
+
+constexpr unsigned kBitsPerLevel = 2;
+constexpr unsigned kFunctions = 1u << kBitsPerLevel;
+constexpr unsigned kMaxDepth = 20;
+constexpr unsigned kSizes = 16;
+/// From 16 to 4096 bytes, each about 1.45 times the one before.
+constexpr std::size_t kSizeTable[kSizes] = {16,  23,  33,  48,  70,   101,  147,  212,
+                                            307, 444, 643, 930, 1346, 1947, 2818, 4096};
+
+struct Options {
+  unsigned threads = 1;
+  std::size_t live = 20000;
+  std::size_t stacks = 512;
+  unsigned depth = 12;
+  double seconds = 1.0;
+  std::uint64_t pairs = 0;
+  bool interactive = false;
+  bool keep_groups = false;
+};
+
+/// One level of a call path: the lowest digit of `path` chooses which function of the level below
+/// is called. Direct calls, as most programs make them, and functions of its own for each level, so
+/// that the stacks have hundreds of distinct pcs between them. The barrier keeps the call from
+/// becoming a jump and the functions from being merged into one.
+template <unsigned kLevelsLeft, unsigned kIndex>
+__attribute__((noinline)) void* Level(std::uint64_t path, std::size_t bytes);
+
+template <unsigned kLevelsLeft>
+__attribute__((always_inline)) inline void* Call(std::uint64_t path, std::size_t bytes) {
+  const std::uint64_t rest = path / kFunctions;
+  switch (path % kFunctions) {
+    case 0:
+      return Level<kLevelsLeft, 0>(rest, bytes);
+    case 1:
+      return Level<kLevelsLeft, 1>(rest, bytes);
+    case 2:
+      return Level<kLevelsLeft, 2>(rest, bytes);
+    default:
+      return Level<kLevelsLeft, 3>(rest, bytes);
+  }
+}
+
+template <unsigned kLevelsLeft, unsigned kIndex>
+void* Level(std::uint64_t path, std::size_t bytes) {
+  void* block = nullptr;
+  if constexpr (kLevelsLeft == 0) {
+    block = std::malloc(bytes);
+  } else {
+    block = Call<kLevelsLeft - 1>(path, bytes);
+  }
+  __asm__ volatile("" : "+r"(block) : "i"(kLevelsLeft * kFunctions + kIndex) : "memory");
+  return block;  // NOLINT(clang-analyzer-unix.Malloc): the worker keeps it
+}
+
+using Entry = void* (*)(std::uint64_t path, std::size_t bytes);
+
+template <std::size_t... kLevels>
+constexpr std::array<Entry, sizeof...(kLevels)> MakeEntries(std::index_sequence<kLevels...>) {
+  return {Call<kLevels>...};
+}
+
+/// Where a path of depth d begins: element d - 1.
+constexpr std::array<Entry, kMaxDepth> kEntries =
+    MakeEntries(std::make_index_sequence<kMaxDepth>());
+
+/// Spreads the stack number over the digits of all levels, so that two stacks part in most of
+/// their levels. Every step can be undone within `bits`, so different numbers give different
+/// paths.
+std::uint64_t PathOf(std::uint64_t stack, unsigned bits) {
+  const std::uint64_t mask = bits >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << bits) - 1;
+  for (int round = 0; round < 2; ++round) {
+    stack = (stack * 0x9E3779B97F4A7C15u) & mask;
+    stack ^= stack >> (bits / 2);
+  }
+  return stack;
+}
+
+class Random {
+ public:
+  explicit Random(std::uint64_t seed) : state_(seed) {}
+  /// A number below `bound`, which must be below 2^32. Constants: Knuth's MMIX generator.
+  std::size_t Below(std::size_t bound) {
+    state_ = state_ * 6364136223846793005u + 1442695040888963407u;
+    return static_cast<std::size_t>(((state_ >> 32) * bound) >> 32);
+  }
+
+ private:
+  std::uint64_t state_;
+};
+
+/// Shared between the worker threads and the one that reads commands.
+struct Control {
+  std::atomic<unsigned> filled{0};
+  std::atomic<bool> go{false};
+  std::atomic<bool> stop{false};
+  std::atomic<std::int64_t> longest_gap_ns{0};
+};
+
+std::int64_t NowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+/// Resident memory of this process in KiB, read without allocating.
+long ResidentKib() {
+  char text[128] = {};
+  const int fd = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  const ssize_t count = read(fd, text, sizeof text - 1);
+  close(fd);
+  if (count <= 0) return 0;
+  const char* resident = std::strchr(text, ' ');
+  return resident == nullptr ? 0
+                             : std::strtol(resident, nullptr, 10) * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+class Worker {
+ public:
+  Worker(const Options& options, unsigned number, Control& control)
+      : options_(options),
+        control_(control),
+        entry_(kEntries[options.depth - 1]),
+        random_(0x1234567u + number),
+        blocks_(options.live),
+        paths_(options.stacks) {
+    for (std::size_t stack = 0; stack < options.stacks; ++stack) {
+      paths_[stack] = PathOf(stack, kBitsPerLevel * options.depth);
+    }
+  }
+
+  void Run() {
+    for (std::size_t slot = 0; slot < options_.live; ++slot) blocks_[slot] = Make(GroupOf(slot));
+    control_.filled.fetch_add(1);
+    while (!control_.go.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (options_.interactive) {
+      Watch();
+    } else {
+      Churn();
+    }
+    for (void* block : blocks_) std::free(block);
+  }
+
+  std::uint64_t pairs() const { return pairs_; }
+  std::int64_t elapsed_ns() const { return elapsed_ns_; }
+
+ private:
+  /// Groups are numbered with the size as the fast digit; the live blocks are dealt out in turn.
+  std::size_t GroupOf(std::size_t slot) const { return slot % (options_.stacks * kSizes); }
+
+  void* Make(std::size_t group) {
+    const std::uint64_t path = paths_[group / kSizes];
+    void* block = entry_(path, kSizeTable[group % kSizes]);
+    if (block == nullptr) std::abort();
+    *static_cast<char*>(block) = 1;
+    return block;
+  }
+
+  void Step() {
+    const std::size_t slot = random_.Below(options_.live);
+    std::free(blocks_[slot]);
+    const std::size_t group =
+        options_.keep_groups ? GroupOf(slot) : random_.Below(options_.stacks * kSizes);
+    blocks_[slot] = Make(group);
+  }
+
+  /// Runs unmeasured until every live block was replaced about once, then measures.
+  void Churn() {
+    constexpr unsigned kBatch = 1024;
+    for (std::size_t step = 0; step < options_.live; ++step) Step();
+    const std::int64_t begin = NowNs();
+    const auto limit = static_cast<std::int64_t>(options_.seconds * 1e9);
+    do {
+      for (unsigned step = 0; step < kBatch; ++step) Step();
+      pairs_ += kBatch;
+      elapsed_ns_ = NowNs() - begin;
+    } while (options_.pairs != 0 ? pairs_ < options_.pairs : elapsed_ns_ < limit);
+  }
+
+  /// Churns until told to stop and notes the longest time that one step took.
+  void Watch() {
+    std::int64_t last = NowNs();
+    while (!control_.stop.load(std::memory_order_relaxed)) {
+      Step();
+      ++pairs_;
+      const std::int64_t now = NowNs();
+      if (now - last > control_.longest_gap_ns.load(std::memory_order_relaxed)) {
+        control_.longest_gap_ns.store(now - last, std::memory_order_relaxed);
+      }
+      last = now;
+    }
+  }
+
+  const Options& options_;
+  Control& control_;
+  const Entry entry_;
+  Random random_;
+  std::vector<void*> blocks_;
+  std::vector<std::uint64_t> paths_;
+  std::uint64_t pairs_ = 0;
+  std::int64_t elapsed_ns_ = 0;
+};
+
+/// Writes one line at once, past stdio's buffer, so that a reader at a pipe sees it immediately.
+template <typename... Arguments>
+void Print(const char* format, Arguments... arguments) {
+  char line[256];
+  const int length = std::snprintf(line, sizeof line, format, arguments...);
+  if (length > 0 && write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) < 0) std::abort();
+}
+
+/// The next line of standard input without its newline; false at its end.
+bool ReadCommand(char (&line)[64]) {
+  std::size_t length = 0;
+  char c = 0;
+  while (read(STDIN_FILENO, &c, 1) == 1) {
+    if (c == '\n') {
+      line[length] = '\0';
+      return true;
+    }
+    if (length < sizeof line - 1) line[length++] = c;
+  }
+  return false;
+}
+
+void Dump() {
+  const std::int64_t begin = NowNs();
+  const char* kind = "none";
+  if (__lsan_do_recoverable_leak_check != nullptr) {
+    kind = "lsan";
+    __lsan_do_recoverable_leak_check();
+  } else if (mallctl != nullptr) {
+    kind = mallctl("prof.dump", nullptr, nullptr, nullptr, 0) == 0 ? "jemalloc" : "failed";
+  }
+  Print("dump kind=%s ms=%.1f\n", kind, static_cast<double>(NowNs() - begin) / 1e6);
+}
+
+void Obey(Control& control) {
+  char line[64];
+  while (!control.stop.load() && ReadCommand(line)) {
+    if (std::strcmp(line, "go") == 0) {
+      control.go.store(true);
+    } else if (std::strncmp(line, "mark ", 5) == 0) {
+      const std::int64_t gap = control.longest_gap_ns.exchange(0);
+      Print("mark name=%s longest_gap_ms=%.3f rss_kib=%ld\n", line + 5,
+            static_cast<double>(gap) / 1e6, ResidentKib());
+    } else if (std::strcmp(line, "dump") == 0) {
+      Dump();
+    } else if (std::strcmp(line, "stop") == 0) {
+      break;
+    } else {
+      std::fprintf(stderr, "workload: unknown command '%s'; try go, mark NAME, dump or stop\n",
+                   line);
+    }
+  }
+  control.stop.store(true);
+  control.go.store(true);
+}
+
+int Usage(const char* problem) {
+  std::fprintf(stderr,
+               "workload: %s\n"
+               "usage: memleak_workload [--threads N] [--live N] [--stacks N] [--depth 1..%u]\n"
+               "       [--seconds S | --pairs N] [--interactive] [--keep-groups]\n",
+               problem, kMaxDepth);
+  return 2;
+}
+
+bool Number(const char* text, std::uint64_t& value) {
+  char* end = nullptr;
+  value = std::strtoull(text, &end, 10);
+  return end != text && *end == '\0' && *text != '-';
+}
+
+/// Reads one option; returns how many words it took, 0 when it is not understood.
+int ReadOption(int left, char** words, Options& options) {
+  const std::string name = words[0];
+  if (name == "--interactive") return options.interactive = true, 1;
+  if (name == "--keep-groups") return options.keep_groups = true, 1;
+  if (left < 2) return 0;
+  if (name == "--seconds") {
+    char* end = nullptr;
+    options.seconds = std::strtod(words[1], &end);
+    return end != words[1] && *end == '\0' && options.seconds > 0 ? 2 : 0;
+  }
+  std::uint64_t value = 0;
+  if (!Number(words[1], value)) return 0;
+  if (name == "--pairs") return options.pairs = value, 2;
+  if (value == 0 || value > UINT32_MAX / kSizes) return 0;
+  if (name == "--threads") return options.threads = static_cast<unsigned>(value), 2;
+  if (name == "--live") return options.live = value, 2;
+  if (name == "--stacks") return options.stacks = value, 2;
+  if (name == "--depth" && value <= kMaxDepth) {
+    return options.depth = static_cast<unsigned>(value), 2;
+  }
+  return 0;
+}
+
+int RunAll(const Options& options) {
+  Control control;
+  std::vector<Worker> workers;
+  workers.reserve(options.threads);
+  for (unsigned i = 0; i < options.threads; ++i) workers.emplace_back(options, i, control);
+  const long rss_before = ResidentKib();
+  std::vector<std::thread> threads;
+  threads.reserve(options.threads);
+  for (Worker& worker : workers) threads.emplace_back(&Worker::Run, &worker);
+  while (control.filled.load() < options.threads) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  const long rss_filled = ResidentKib();
+  if (options.interactive) {
+    Print("ready pid=%d rss_kib=%ld\n", static_cast<int>(getpid()), rss_filled);
+    Obey(control);
+  } else {
+    control.go.store(true);
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::uint64_t pairs = 0;
+  double pairs_per_second = 0;
+  for (const Worker& worker : workers) {
+    pairs += worker.pairs();
+    if (worker.elapsed_ns() > 0) {
+      pairs_per_second +=
+          static_cast<double>(worker.pairs()) * 1e9 / static_cast<double>(worker.elapsed_ns());
+    }
+  }
+  Print(
+      "result threads=%u live=%zu stacks=%zu depth=%u pairs=%llu pairs_per_second=%.0f "
+      "ns_per_pair=%.2f rss_before_kib=%ld rss_filled_kib=%ld\n",
+      options.threads, options.live, options.stacks, options.depth,
+      static_cast<unsigned long long>(pairs), pairs_per_second,
+      pairs_per_second > 0 ? 1e9 * options.threads / pairs_per_second : 0.0, rss_before,
+      rss_filled);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc;) {
+    const int taken = ReadOption(argc - i, argv + i, options);
+    if (taken == 0) return Usage((std::string("cannot use '") + argv[i] + "'").c_str());
+    i += taken;
+  }
+  if (options.depth * kBitsPerLevel < 32 &&
+      options.stacks > std::size_t{1} << (options.depth * kBitsPerLevel)) {
+    return Usage("too many stacks for this depth");
+  }
+  return RunAll(options);
+}

@@ -1,0 +1,61 @@
+// A bump allocator over a static array; see the header.
+#include "host/bootstrap_arena.h"
+
+#include <errno.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <atomic>
+
+namespace host {
+namespace {
+
+// Look-ups were never seen to need more than some hundred bytes, for the texts of dlerror. The
+// array costs address space only until it is used.
+constexpr size_t kArenaBytes = size_t{256} << 10;
+// Room in front of each block for its size; keeps blocks aligned as malloc's are.
+constexpr size_t kHeaderBytes = 16;
+
+alignas(kHeaderBytes) char arena[kArenaBytes];
+std::atomic<size_t> arena_taken{0};
+std::atomic<bool> arena_used{false};
+
+}  // namespace
+
+void* ArenaAllocate(size_t alignment, size_t size) {
+  if (alignment < kHeaderBytes) alignment = kHeaderBytes;
+  if (size < kArenaBytes && alignment < kArenaBytes) {
+    // The alignment's worth of slack is wasted at worst; the sum cannot overflow.
+    const size_t need = kHeaderBytes + alignment + ((size + kHeaderBytes - 1) & -kHeaderBytes);
+    const size_t start = arena_taken.fetch_add(need);
+    if (start <= kArenaBytes && need <= kArenaBytes - start) {
+      const auto lowest = reinterpret_cast<uintptr_t>(arena + start + kHeaderBytes);
+      char* block = reinterpret_cast<char*>((lowest + alignment - 1) & -alignment);
+      memcpy(block - kHeaderBytes, &size, sizeof size);
+      return block;
+    }
+    arena_taken.fetch_sub(need);
+  }
+  errno = ENOMEM;
+  return nullptr;
+}
+
+bool ArenaContains(const void* pointer) {
+  return reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(arena) < kArenaBytes;
+}
+
+size_t ArenaBlockSize(const void* pointer) {
+  size_t size;
+  memcpy(&size, static_cast<const char*>(pointer) - kHeaderBytes, sizeof size);
+  return size;
+}
+
+void MarkArenaUsed() {
+  arena_used.store(true);
+}
+
+bool ArenaUsed() {
+  return arena_used.load();
+}
+
+}  // namespace host

@@ -1,0 +1,51 @@
+// The thread on which every command to the tracker is carried out.
+//
+// Commands come as signal 44, and the tracker's handler allocates and takes locks: run on top of
+// a thread that holds the allocator's lock it would hang the process. So the signal is blocked
+// before the program can start a thread, all threads inherit that, and one small thread fetches
+// the commands one by one. The signal stays blocked in the threads at all times, so it cannot kill
+// the process either. Where the program unblocks it, a command may arrive on top of any thread.
+//
+// Called by the loader's constructor and exit handler; the thread itself is "memleak-control".
+#pragma once
+
+#include <stdint.h>
+
+namespace host {
+
+/// What a controller sends: the siginfo's command word and parameter word.
+struct Command {
+  uint64_t word;
+  uint32_t parameter;
+};
+
+/// Blocks the control signal in the calling thread. Allocates nothing.
+void BlockControlSignal();
+
+/// Undoes BlockControlSignal in the calling thread, unless the signal was blocked before that.
+void RestoreControlSignal();
+
+/// Gives the control signal a handler that does nothing, if it has none. The tracker finds it
+/// as the previous action and puts it back when it is finalized, so that a late command is dropped
+/// instead of killing the process. A handler, other than an ignored signal, ends with exec.
+void CatchLateCommands();
+
+/// Starts the thread. Returns 0 or an errno value. Allocates. One caller at a time.
+int StartControlThread();
+
+/// Ends the thread after the command that it is carrying out, if any; later commands stay pending.
+/// False when that takes longer than `timeout_ms`: then the thread goes on. Not for the control
+/// thread itself: there it returns false.
+bool StopControlThread(int timeout_ms);
+
+/// Keeps the thread across forks: it is stopped before a fork and started anew in parent and child.
+/// Call it after track_initialize, so that in the child the tracker's own fork handler has freed
+/// its locks first. Returns 0 or an errno value.
+int KeepControlThreadAcrossForks();
+
+/// Sends `command` to the control thread, as a controller would, and waits until it has been
+/// carried out. Returns 0, an errno value when it cannot be sent, ETIMEDOUT after `timeout_ms`.
+/// Not for the control thread itself.
+int RunCommand(const Command& command, int timeout_ms);
+
+}  // namespace host

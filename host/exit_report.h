@@ -1,0 +1,19 @@
+// The report that a process writes when it ends, if its environment asks for one.
+//
+// Called by the loader's constructor and exit handler.
+#pragma once
+
+#include "host/control_thread.h"
+
+namespace host {
+
+/// Reads MEMLEAK_TRACKER_ROOT, for the reports of this process and of its forked children. Later
+/// changes of the environment go unseen, as they do by the tracker.
+void CaptureReportRoot();
+
+/// Removes the old report of this process, has the control thread carry out `command` and waits
+/// until the new report is complete: its file ends in "END". Gives up after 60 seconds, with one
+/// line on stderr.
+void ReportAtExit(const Command& command);
+
+}  // namespace host

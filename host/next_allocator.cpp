@@ -1,0 +1,160 @@
+// Looks the next allocator up and serves the calls that come before it is known; see the header.
+#include "host/next_allocator.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "host/bootstrap_arena.h"
+#include "host/control_thread.h"
+
+namespace host {
+namespace {
+
+enum class Phase { kUnknown, kSearching, kFound };
+
+std::atomic<Phase> phase{Phase::kUnknown};
+AllocatorTable next;
+
+int NoIterate(uintptr_t, size_t, void (*)(uintptr_t, size_t, void*), void*) {
+  errno = ENOSYS;
+  return -1;
+}
+
+void NoSwitch() {}
+
+struct mallinfo2 NoMallinfo2() {
+  return {};
+}
+
+[[noreturn]] void NoAllocator() {
+  constexpr char kLine[] = "memleak: no allocator behind libmemleak_preload.so; cannot go on\n";
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine, sizeof kLine - 1);
+  _exit(127);
+}
+
+void Search() {
+  for (const AllocatorEntry& entry : kAllocatorEntries) {
+    if (!entry.in_c_library) continue;
+    void* function = dlsym(RTLD_NEXT, entry.name);
+    if (function == nullptr) NoAllocator();
+    SetEntry(next.calls, entry, function);
+  }
+  next.calls.malloc_iterate = NoIterate;
+  next.calls.malloc_disable = NoSwitch;
+  next.calls.malloc_enable = NoSwitch;
+  // Newer than the rest: glibc 2.33.
+  void* function = dlsym(RTLD_NEXT, "mallinfo2");
+  next.mallinfo2 = NoMallinfo2;
+  if (function != nullptr) memcpy(&next.mallinfo2, &function, sizeof function);
+}
+
+/// Whether a request has to be met from the arena. The arena is marked before the phase is read
+/// again, and FindNextAllocator sets the phase before it looks at the mark: one of the two sees the
+/// other, so no arena block is ever handed out behind the back of the final table.
+bool UseArena() {
+  if (FindNextAllocator()) return false;
+  MarkArenaUsed();
+  return phase.load() != Phase::kFound;
+}
+
+void* BootstrapMalloc(size_t size) {
+  return UseArena() ? ArenaAllocate(0, size) : next.calls.malloc(size);
+}
+
+void* BootstrapCalloc(size_t count, size_t size) {
+  if (!UseArena()) return next.calls.calloc(count, size);
+  size_t bytes;
+  if (__builtin_mul_overflow(count, size, &bytes)) bytes = SIZE_MAX;
+  return ArenaAllocate(0, bytes);
+}
+
+void* BootstrapMemalign(size_t alignment, size_t size) {
+  return UseArena() ? ArenaAllocate(alignment, size) : next.calls.memalign(alignment, size);
+}
+
+void* BootstrapAlignedAlloc(size_t alignment, size_t size) {
+  return UseArena() ? ArenaAllocate(alignment, size) : next.calls.aligned_alloc(alignment, size);
+}
+
+int BootstrapPosixMemalign(void** result, size_t alignment, size_t size) {
+  if (!UseArena()) return next.calls.posix_memalign(result, alignment, size);
+  void* block = ArenaAllocate(alignment, size);
+  if (block == nullptr) return ENOMEM;
+  *result = block;
+  return 0;
+}
+
+void* BootstrapRealloc(void* pointer, size_t size) {
+  if (pointer != nullptr && !ArenaContains(pointer)) {
+    if (FindNextAllocator()) return next.calls.realloc(pointer, size);
+    // Made before there was an allocator, yet not by the arena: nothing is known about it.
+    errno = ENOMEM;
+    return nullptr;
+  }
+  void* block = BootstrapMalloc(size);
+  if (block == nullptr || pointer == nullptr) return block;
+  const size_t old_size = ArenaBlockSize(pointer);
+  return memcpy(block, pointer, old_size < size ? old_size : size);
+}
+
+/// A block that is neither the arena's nor, yet, anybody's is left alone.
+void BootstrapFree(void* pointer) {
+  if (pointer == nullptr || ArenaContains(pointer)) return;
+  if (FindNextAllocator()) next.calls.free(pointer);
+}
+
+size_t BootstrapUsableSize(const void* pointer) {
+  if (pointer == nullptr) return 0;
+  if (ArenaContains(pointer)) return ArenaBlockSize(pointer);
+  return FindNextAllocator() ? next.calls.malloc_usable_size(pointer) : 0;
+}
+
+struct mallinfo BootstrapMallinfo() {
+  if (!FindNextAllocator()) return {};
+  return next.calls.mallinfo();
+}
+
+struct mallinfo2 BootstrapMallinfo2() {
+  if (!FindNextAllocator()) return {};
+  return next.mallinfo2();
+}
+
+int BootstrapMallopt(int parameter, int value) {
+  return FindNextAllocator() ? next.calls.mallopt(parameter, value) : 0;
+}
+
+int BootstrapMallocInfo(int options, FILE* stream) {
+  return FindNextAllocator() ? next.calls.malloc_info(options, stream) : -1;
+}
+
+}  // namespace
+
+const AllocatorTable kBootstrapTable = {
+    {BootstrapCalloc, BootstrapFree, BootstrapMallinfo, BootstrapMalloc, BootstrapUsableSize,
+     BootstrapMemalign, BootstrapPosixMemalign, BootstrapRealloc, NoIterate, NoSwitch, NoSwitch,
+     BootstrapMallopt, BootstrapAlignedAlloc, BootstrapMallocInfo},
+    BootstrapMallinfo2};
+
+bool FindNextAllocator() {
+  Phase seen = Phase::kUnknown;
+  if (!phase.compare_exchange_strong(seen, Phase::kSearching)) return seen == Phase::kFound;
+  const int saved_errno = errno;
+  // The C library allocates for a thread before it starts it, in the thread that starts it: nobody
+  // can have started one yet, and all that follow inherit the mask.
+  BlockControlSignal();
+  Search();
+  phase.store(Phase::kFound);
+  UseAllocator(next);
+  errno = saved_errno;
+  return true;
+}
+
+const AllocatorTable& NextAllocator() {
+  return next;
+}
+
+}  // namespace host

@@ -1,0 +1,135 @@
+// The allocator functions that the program and all its libraries call, on any thread.
+//
+// Each loads the active table and jumps: a real tail call, so that the first frame the tracker
+// records is the program's. This file is therefore compiled with optimization and without frame
+// pointers in every build type (host/CMakeLists.txt).
+#include <errno.h>
+#include <malloc.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "host/allocator_table.h"
+#include "host/bootstrap_arena.h"
+
+namespace host {
+namespace {
+
+std::atomic<const AllocatorTable*> active_table{&kBootstrapTable};
+// What lies behind the arena-aware functions: the last table given to UseAllocator.
+std::atomic<const AllocatorTable*> plain_table{nullptr};
+
+// The acquire pairs with the release in UseAllocator, behind which the table is complete.
+inline const AllocatorTable& Active() {
+  return *active_table.load(std::memory_order_acquire);
+}
+inline const AllocatorTable& Plain() {
+  return *plain_table.load(std::memory_order_acquire);
+}
+
+void ArenaAwareFree(void* pointer) {
+  if (ArenaContains(pointer)) return;
+  Plain().calls.free(pointer);
+}
+
+void* ArenaAwareRealloc(void* pointer, size_t size) {
+  if (!ArenaContains(pointer)) return Plain().calls.realloc(pointer, size);
+  if (size == 0) return nullptr;
+  void* block = Plain().calls.malloc(size);
+  if (block == nullptr) return nullptr;
+  const size_t old_size = ArenaBlockSize(pointer);
+  return memcpy(block, pointer, old_size < size ? old_size : size);
+}
+
+size_t ArenaAwareUsableSize(const void* pointer) {
+  if (ArenaContains(pointer)) return ArenaBlockSize(pointer);
+  return Plain().calls.malloc_usable_size(pointer);
+}
+
+}  // namespace
+
+void UseAllocator(const AllocatorTable& plain) {
+  // One for each of the two calls: a thread may still be reading the older one.
+  static AllocatorTable arena_aware[2];
+  static int calls = 0;
+  AllocatorTable& aware = arena_aware[calls++];
+  aware = plain;
+  aware.calls.free = ArenaAwareFree;
+  aware.calls.realloc = ArenaAwareRealloc;
+  aware.calls.malloc_usable_size = ArenaAwareUsableSize;
+  plain_table.store(&plain, std::memory_order_release);
+  active_table.store(ArenaUsed() ? &aware : &plain, std::memory_order_release);
+}
+
+}  // namespace host
+
+using host::Active;
+
+#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
+
+MEMLEAK_EXPORT void* malloc(size_t size) noexcept {
+  return Active().calls.malloc(size);
+}
+
+MEMLEAK_EXPORT void free(void* pointer) noexcept {
+  Active().calls.free(pointer);
+}
+
+MEMLEAK_EXPORT void* calloc(size_t count, size_t size) noexcept {
+  return Active().calls.calloc(count, size);
+}
+
+MEMLEAK_EXPORT void* realloc(void* pointer, size_t size) noexcept {
+  return Active().calls.realloc(pointer, size);
+}
+
+MEMLEAK_EXPORT void* memalign(size_t alignment, size_t size) noexcept {
+  return Active().calls.memalign(alignment, size);
+}
+
+MEMLEAK_EXPORT void* aligned_alloc(size_t alignment, size_t size) noexcept {
+  return Active().calls.aligned_alloc(alignment, size);
+}
+
+MEMLEAK_EXPORT int posix_memalign(void** result, size_t alignment, size_t size) noexcept {
+  return Active().calls.posix_memalign(result, alignment, size);
+}
+
+/// Not among the tracker's entries: a memalign to the page size.
+MEMLEAK_EXPORT void* valloc(size_t size) noexcept {
+  const auto page = static_cast<size_t>(getpagesize());
+  return Active().calls.memalign(page, size);
+}
+
+/// As valloc, the size rounded up to whole pages.
+MEMLEAK_EXPORT void* pvalloc(size_t size) noexcept {
+  const auto page = static_cast<size_t>(getpagesize());
+  if (size > SIZE_MAX - (page - 1)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return Active().calls.memalign(page, (size + page - 1) & -page);
+}
+
+MEMLEAK_EXPORT size_t malloc_usable_size(void* pointer) noexcept {
+  return Active().calls.malloc_usable_size(pointer);
+}
+
+MEMLEAK_EXPORT struct mallinfo mallinfo() noexcept {
+  return Active().calls.mallinfo();
+}
+
+MEMLEAK_EXPORT struct mallinfo2 mallinfo2() noexcept {
+  return Active().mallinfo2();
+}
+
+MEMLEAK_EXPORT int mallopt(int parameter, int value) noexcept {
+  return Active().calls.mallopt(parameter, value);
+}
+
+MEMLEAK_EXPORT int malloc_info(int options, FILE* stream) noexcept {
+  return Active().calls.malloc_info(options, stream);
+}

@@ -1,0 +1,10 @@
+// The loader's only words to a person: one line on stderr, written when something does not work.
+#pragma once
+
+namespace host {
+
+/// Writes "memleak: ", the formatted text (cut at 1000 bytes) and a newline to stderr in one piece.
+/// Any thread; may allocate. Keeps errno.
+__attribute__((format(printf, 1, 2))) void Say(const char* format, ...);
+
+}  // namespace host

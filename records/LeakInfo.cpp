@@ -1,0 +1,119 @@
+// Grouping of the live blocks, and their export largest first. On the dump thread and in the C
+// library's leak-info entry; all other threads' record operations wait meanwhile.
+#include <pthread.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "async_safe/log.h"
+#include "backtrace/Backtrace.h"
+#include "records/PointerData.h"
+#include "records/PointerSet.h"
+#include "records/grouping.h"
+#include "sys/system_properties.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+
+constexpr char kTag[] = "MemLeak.Native";
+constexpr char kBacktraceSizeProperty[] = "vastel.memleak.backtacemaxnum";
+
+/// Bytes of a leak-info element beside its frames, as the platform's tools expect them.
+constexpr std::size_t kInfoHeaderBytes = 272;
+
+/// Copies group `i` into `record`. `record` still has the values of the group before.
+void FillRecord(const Grouping& grouping, std::size_t i, const ListInfoType& group,
+                RecordStruct* record) {
+  record->size = group.size;
+  record->num = group.num;
+  record->frames.clear();
+  record->times.clear();
+  if (group.frame_info == nullptr) {
+    async_safe_format_log(
+        ANDROID_LOG_ERROR, kTag,
+        "GetInfo:should not be here, frameInfo NULL, pointer = %lx, allocations = %lu, memsize = "
+        "%lu, isZygoteChild = %d",
+        static_cast<unsigned long>(group.pointer), static_cast<unsigned long>(group.num),
+        static_cast<unsigned long>(group.size), static_cast<int>(group.zygote_child));
+    return;  // total and frame_count stay those of the group before (wanted)
+  }
+  record->total = group.num * group.size;
+  record->frame_count = group.frame_info->num_frames;
+  record->frames.assign(group.frame_info->pcs(),
+                        group.frame_info->pcs() + group.frame_info->num_frames);
+  grouping.CopyTimes(i, &record->times);
+}
+
+}  // namespace
+
+void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace) {
+  // With the key set the caller holds every lock. Without it the writers are waited out here, and
+  // kept out: a set must not change while it is compared with the next.
+  if (pthread_getspecific(record_key) != nullptr) {
+    Grouping(list, only_with_backtrace).AddAllSets();
+    return;
+  }
+  pthread_setspecific(record_key, MemTrackControl::kMark);
+  {
+    const FrameInfoListWithLock locks;
+    Grouping(list, only_with_backtrace).AddAllSets();
+  }
+  pthread_setspecific(record_key, nullptr);
+}
+
+std::uint32_t PointerData::GetMaxBacktraceNum() {
+  char value[PROP_VALUE_MAX] = {};
+  if (__system_property_get(kBacktraceSizeProperty, value) > 0) {
+    const char* end = value;
+    while (*end >= '0' && *end <= '9') ++end;
+    if (*end == '\0') {
+      errno = 0;
+      const unsigned long long number = std::strtoull(value, nullptr, 10);
+      // Beyond an int the value is refused, like anything else that is not a number.
+      if (errno == 0 && number <= INT_MAX) SetBacktraceSize(static_cast<std::uint32_t>(number));
+    }
+  }
+  return BacktraceSize();
+}
+
+void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
+                          std::size_t* info_size, std::size_t* total_memory,
+                          std::size_t* backtrace_size, std::vector<RecordStruct>* list) {
+  // Keeps the vectors built below out of the tables.
+  if (pthread_getspecific(record_key) == nullptr) {
+    pthread_setspecific(record_key, MemTrackControl::kMark);
+  }
+  {
+    FrameInfoListWithLock locked;
+    std::vector<ListInfoType>& groups = *locked.list();
+    Grouping grouping(&groups, true);
+    grouping.AddAllSets();
+    if (groups.empty() || list == nullptr || groups.size() > kMaxGroups) {
+      async_safe_format_log(ANDROID_LOG_ERROR, kTag, "list size err or listout null %zd, ignore",
+                            static_cast<ssize_t>(groups.size()));
+    } else {
+      *backtrace_size = BacktraceSize();
+      *info_size = *backtrace_size * sizeof(std::uint64_t) + kInfoHeaderBytes;
+      *overall_size = *info_size * groups.size();
+      *total_memory = 0;
+      list->reserve(list->size() + groups.size());
+      RecordStruct record;
+      for (std::size_t i = 0; i < groups.size(); ++i) {
+        *total_memory += groups[i].num * groups[i].size;
+        FillRecord(grouping, i, groups[i], &record);
+        list->push_back(record);
+      }
+      SortListByTotalAllocation(list);
+    }
+  }
+  // Null even if it was set on entry (wanted).
+  pthread_setspecific(record_key, nullptr);
+}
+
+void PointerData::SortListByTotalAllocation(std::vector<RecordStruct>* list) {
+  std::sort(list->begin(), list->end(), [](const RecordStruct& a, const RecordStruct& b) {
+    return a.total != b.total ? a.total > b.total : a.size > b.size;
+  });
+}

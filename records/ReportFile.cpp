@@ -1,0 +1,220 @@
+// The report: the text of the native section, the report file and the exception-log device.
+//
+// Runs on the dump thread. The allocating threads wait only while GetInfo groups the records;
+// text, maps look-ups, file and device are done with nothing but the initialise lock held.
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <locale>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "async_safe/log.h"
+#include "backtrace/MapData.h"
+#include "platform/bounds_checked.h"
+#include "platform/paths.h"
+#include "records/PointerData.h"
+#include "records/PointerSet.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+
+constexpr char kLogTag[] = "MemLeak.Native";
+
+/// Native records that a report shows; the others are only counted.
+constexpr std::size_t kMaxShownRecords = 1000;
+
+// What the exception-log device is handed, all fields little-endian:
+//   0  u32 magic, 4  u32 kind, 8  u64 length of the text part, 16  the text.
+constexpr std::uint32_t kDeviceMagic = 0x5377FEFA;
+constexpr std::uint32_t kDeviceKind = 2;
+constexpr std::size_t kDeviceHeaderBytes = 16;
+constexpr std::size_t kDeviceTextBytes = 0x500000;
+constexpr std::size_t kDeviceBufferBytes = kDeviceHeaderBytes + kDeviceTextBytes;
+/// Type 0xAF, number 6, without direction or size bits.
+constexpr int kDeviceRequest = 0xAF06;
+
+/// Keeps what this thread allocates and maps out of the records while it lives: another kind, or
+/// native recording itself, may be on while a report is written. The thread's re-entry key would
+/// not do: GetInfo leaves it null, and frees must still reach the records.
+class ThreadNotRecorded {
+ public:
+  ThreadNotRecorded() : control_(MemTrackControl::GetInstance()) {
+    if (control_ == nullptr) return;
+    heap_ = control_->ThreadEnabled();
+    if (heap_) control_->DisableThread();
+    mappings_ = control_->PltThreadEnabled();
+    if (mappings_) control_->DisablePltThread();
+  }
+  ~ThreadNotRecorded() {
+    if (mappings_) control_->EnablePltThread();
+    if (heap_) control_->EnableThread();
+  }
+  ThreadNotRecorded(const ThreadNotRecorded&) = delete;
+  ThreadNotRecorded& operator=(const ThreadNotRecorded&) = delete;
+
+ private:
+  const MemTrackControl* const control_;
+  bool heap_ = false;
+  bool mappings_ = false;
+};
+
+struct FreeDeleter {
+  void operator()(unsigned char* memory) const { std::free(memory); }
+};
+
+void StoreLittleEndian(unsigned char* destination, std::uint64_t value, std::size_t width) {
+  for (std::size_t i = 0; i < width; ++i) {
+    destination[i] = static_cast<unsigned char>(value >> (8 * i));
+  }
+}
+
+/// Fills the zeroed device buffer from `text`, which is `text_bytes` long. A text that leaves room
+/// ends with a NUL that counts; a longer one is cut and has none.
+void FillDeviceBuffer(unsigned char* buffer, std::streambuf& text, std::size_t text_bytes) {
+  const std::size_t length = std::min(text_bytes + 1, kDeviceTextBytes);
+  StoreLittleEndian(buffer, kDeviceMagic, 4);
+  StoreLittleEndian(buffer + 4, kDeviceKind, 4);
+  StoreLittleEndian(buffer + 8, length, 8);
+  text.pubseekpos(0, std::ios_base::in);
+  text.sgetn(reinterpret_cast<char*>(buffer + kDeviceHeaderBytes),
+             static_cast<std::streamsize>(std::min(text_bytes, length)));
+}
+
+/// Writes the whole of `text`, in pieces: a process that leaks has no memory for a second copy.
+/// A file that cannot take all of it is left as it is; its reader misses the "END".
+void WriteReportFile(std::streambuf& text) {
+  std::FILE* file = std::fopen(platform::ReportPath().c_str(), "w");
+  if (file == nullptr) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
+                          "no permission to access /data/log/reliability/");
+    return;
+  }
+  char piece[16384];
+  text.pubseekpos(0, std::ios_base::in);
+  for (std::streamsize got = text.sgetn(piece, sizeof(piece)); got > 0;
+       got = text.sgetn(piece, sizeof(piece))) {
+    const auto bytes = static_cast<std::size_t>(got);
+    if (std::fwrite(piece, 1, bytes, file) != bytes) break;
+  }
+  std::fclose(file);
+}
+
+/// Hands `buffer` (kDeviceBufferBytes long) to the device; `text_bytes` is for the log alone.
+void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
+  const std::string path = platform::ExceptionDevicePath();
+  const int fd = open(path.c_str(), O_WRONLY);
+  if (fd < 0) {
+    // The line break inside the message is wanted.
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "open %s failed: %s\n", path.c_str(),
+                          std::strerror(errno));
+    return;
+  }
+  if (ioctl(fd, kDeviceRequest, buffer) != 0) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "failed to save stacktrace,errno:%s",
+                          std::strerror(errno));
+  } else {
+    // Spelling and trailing blank are part of the message that log readers look for.
+    async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "ioctl native stacktrace sucess,len:%d ",
+                          static_cast<int>(text_bytes));
+  }
+  close(fd);
+}
+
+/// Writes the frames of one record, each resolved one followed by a blank.
+void WriteFrames(std::ostream& out, const std::vector<std::uint64_t>& frames) {
+  MapData* const maps = MapData::GetInstance();
+  for (const std::uint64_t pc : frames) {
+    std::uintptr_t rel_pc = 0;
+    const MapEntry* const entry = maps->Find(static_cast<std::uintptr_t>(pc), &rel_pc);
+    if (entry == nullptr) {
+      // No blank behind it, unlike a resolved frame: that is the format.
+      out << "[unknow]";
+      async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "codeMap is null");
+      continue;
+    }
+    out << '[' << entry->name << "+0x" << std::hex << rel_pc << std::dec << "] ";
+  }
+}
+
+/// Writes the line of one group; `now` is in seconds since the epoch, like the record's times.
+void WriteRecord(std::ostream& out, const RecordStruct& record, std::int64_t now) {
+  if (record.frames.empty() || record.times.empty()) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "not be here %zd %zd",
+                          static_cast<ssize_t>(record.frames.size()),
+                          static_cast<ssize_t>(record.times.size()));
+    return;
+  }
+  out << "sz " << record.size << ' ' << record.total << " num " << record.num << " time ";
+  for (const std::int64_t time : record.times) out << now - time << ' ';
+  out << " bt ";  // two blanks stand before it
+  WriteFrames(out, record.frames);
+  out << '\n' << std::flush;
+}
+
+}  // namespace
+
+// Takes nothing and reports failures to the log alone. Waits for a clear or another report. The
+// calling thread's recording switches are as before when it returns.
+void PointerData::DumpAllocationTracesToFile() {
+  const ThreadNotRecorded not_recorded;
+  // Held to the end, so that a clear cannot empty the tables in the middle of the report.
+  const std::lock_guard<std::mutex> lock(InitialiseLock());
+  const std::unique_ptr<unsigned char, FreeDeleter> buffer(
+      static_cast<unsigned char*>(std::malloc(kDeviceBufferBytes)));
+  if (buffer == nullptr) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
+    return;
+  }
+  platform::memset_s(buffer.get(), kDeviceBufferBytes, 0, kDeviceBufferBytes);
+
+  std::stringstream text;
+  text.imbue(std::locale::classic());  // the program's own locale may group digits
+  ReportNodes(text);
+  ReportJavaNativeNodes(text);
+  text << "END";  // a reader's sign that the report is complete; no newline after it
+  const auto text_bytes = static_cast<std::size_t>(std::max<std::streamoff>(text.tellp(), 0));
+
+  FillDeviceBuffer(buffer.get(), *text.rdbuf(), text_bytes);
+  WriteReportFile(*text.rdbuf());
+  SendToDevice(buffer.get(), text_bytes);
+}
+
+// Writes to `out`, which prints integers in decimal and still does so afterwards. Any thread that
+// holds no lock of a set; leaves the thread's record key null, as GetInfo does.
+void PointerData::ReportNodes(std::ostream& out) {
+  const auto now = static_cast<std::int64_t>(std::time(nullptr));
+  out << "Native Heap MemLeak Tracker Version 2.0:\n";
+
+  std::uint8_t* info = nullptr;
+  std::size_t overall_size = 0;
+  std::size_t info_size = 0;
+  std::size_t total_memory = 0;
+  std::size_t backtrace_size = 0;
+  std::vector<RecordStruct> records;
+  GetInfo(&info, &overall_size, &info_size, &total_memory, &backtrace_size, &records);
+  const std::size_t record_count = info_size == 0 ? 0 : overall_size / info_size;
+  const std::size_t shown_count = std::min(record_count, kMaxShownRecords);
+
+  out << "Total memory(bytes): " << total_memory << '\n';
+  out << "Allocation records: " << record_count << '/' << shown_count << '\n';
+  out << "Backtrace size: " << backtrace_size << "\n\n";
+  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "ReportNodes:%zu:%zd:%zd", total_memory,
+                        static_cast<ssize_t>(record_count), static_cast<ssize_t>(backtrace_size));
+
+  const std::size_t lines = std::min(shown_count, records.size());
+  for (std::size_t i = 0; i < lines; ++i) WriteRecord(out, records[i], now);
+}

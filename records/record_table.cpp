@@ -1,0 +1,68 @@
+// Growth and removal in the table of live blocks.
+#include "records/record_table.h"
+
+#include "records/table_memory.h"
+
+namespace {
+
+constexpr std::uint64_t kFirstCapacity = 32;
+/// A table is at most 7/10 full, for short probes, and grows by 7/20: it is never less than 0.51
+/// full after it has grown, which bounds it to 62 bytes a record.
+constexpr std::uint64_t kLoadNumerator = 7;
+constexpr std::uint64_t kLoadDenominator = 10;
+constexpr std::uint64_t kGrowthNumerator = 27;
+constexpr std::uint64_t kGrowthDenominator = 20;
+
+}  // namespace
+
+bool RecordTable::Grow() {
+  const std::uint64_t old_capacity = capacity();
+  Record* const old_slots = slots_.load(std::memory_order_relaxed);
+  const std::uint64_t new_capacity =
+      old_capacity == 0 ? kFirstCapacity : old_capacity * kGrowthNumerator / kGrowthDenominator;
+  auto* const new_slots =
+      static_cast<Record*>(table_memory::Allocate(new_capacity * sizeof(Record)));
+  if (new_slots == nullptr) return false;
+  for (std::uint64_t i = 0; i < old_capacity; ++i) {
+    if (old_slots[i].backtrace == 0) continue;
+    std::uint64_t slot = Home(old_slots[i].address, new_capacity);
+    while (new_slots[slot].backtrace != 0) {
+      if (++slot == new_capacity) slot = 0;
+    }
+    new_slots[slot] = old_slots[i];
+  }
+  slots_.store(new_slots, std::memory_order_relaxed);
+  capacity_.store(new_capacity, std::memory_order_relaxed);
+  limit_ = new_capacity * kLoadNumerator / kLoadDenominator;
+  table_memory::Free(old_slots, old_capacity * sizeof(Record));
+  return true;
+}
+
+void RecordTable::Erase(Record* record) {
+  Record* const slots = slots_.load(std::memory_order_relaxed);
+  const std::uint64_t capacity = capacity_.load(std::memory_order_relaxed);
+  auto hole = static_cast<std::uint64_t>(record - slots);
+  std::uint64_t i = hole;
+  while (true) {
+    if (++i == capacity) i = 0;
+    if (slots[i].backtrace == 0) break;
+    // A record may move back into the hole unless its search begins behind the hole, cyclically.
+    const std::uint64_t home = Home(slots[i].address, capacity);
+    const bool begins_behind = hole < i ? home > hole && home <= i : home > hole || home <= i;
+    if (begins_behind) continue;
+    slots[hole] = slots[i];
+    hole = i;
+  }
+  slots[hole].backtrace = 0;
+  size_.store(size() - 1, std::memory_order_relaxed);
+}
+
+void RecordTable::Clear() {
+  Record* const slots = slots_.load(std::memory_order_relaxed);
+  const std::uint64_t old_capacity = capacity();
+  slots_.store(nullptr, std::memory_order_relaxed);
+  capacity_.store(0, std::memory_order_relaxed);
+  size_.store(0, std::memory_order_relaxed);
+  limit_ = 0;
+  table_memory::Free(slots, old_capacity * sizeof(Record));
+}

@@ -1,0 +1,28 @@
+// The lock of a record set: four bytes, taken inline on every allocation of every thread.
+//
+// A mutex of the C library costs a call each way and forty bytes, which would push the tables'
+// heads out of the cache line that the lock has just fetched; its unlock is a second atomic
+// read-modify-write, which waits for every store before it, cold lines included. Here unlocking is
+// a plain store, so nobody is woken: who finds the lock held looks again, and sleeps in between
+// once it has been held for longer than a record operation takes. Only a report, a fork and
+// malloc_disable hold it that long. A forked child may free the lock whoever held it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+/// Meets BasicLockable and Lockable. Not recursive. Any thread may unlock it; unlocking a free one
+/// does nothing.
+class SetMutex {
+ public:
+  void lock() {
+    if (!try_lock()) LockSlow();
+  }
+  bool try_lock() { return state_.exchange(1, std::memory_order_acquire) == 0; }
+  void unlock() { state_.store(0, std::memory_order_release); }
+
+ private:
+  void LockSlow();
+
+  std::atomic<std::uint32_t> state_{0};
+};

@@ -1,0 +1,39 @@
+// The three layers through which the tracker captures, and what a test needs to call them from
+// outside: this is a library of its own, as the tracker is.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "tests/backtrace/fakes.h"
+
+struct Capture {
+  // On the heap: a large frame in between would end the walk.
+  std::vector<std::uint64_t> frames = std::vector<std::uint64_t>(2048);
+  std::size_t max_frames = 0;
+  std::size_t count = 0;
+  /// The frame pointer from which the walk starts.
+  std::uint64_t base = 0;
+  /// Return addresses of the functions that were passed on the way in, outermost first.
+  std::vector<std::uint64_t> return_addresses;
+
+  __attribute__((always_inline)) void NoteCaller() {
+    return_addresses.push_back(reinterpret_cast<std::uint64_t>(
+        __builtin_extract_return_addr(__builtin_return_address(0))));
+  }
+};
+
+/// Keeps the call before it from becoming a jump, which would drop the caller's frame.
+#define KEEP_FRAME() __asm__ volatile("" ::: "memory")
+
+extern "C" {
+/// Stands for an exported allocator entry.
+TEST_EXPORT void CaptureEntry(Capture& capture);
+
+TEST_EXPORT void CaptureStartup();
+TEST_EXPORT char CaptureTypeFromProp();
+TEST_EXPORT std::size_t CaptureLimit();
+TEST_EXPORT std::uint32_t CaptureSize();
+TEST_EXPORT void CaptureSetSize(std::uint32_t size);
+}

@@ -1,0 +1,214 @@
+"""Whole runs: loader, tracker, control signal, report and reader, on programs with known leaks.
+
+usage: end_to_end.py CASE BIN_DIR CONTROLLER [EMULATOR]
+
+BIN_DIR holds the programs, CONTROLLER is the memleak command, EMULATOR runs programs of another
+architecture. Exit code 0 when the case holds.
+"""
+
+import os
+import re
+import shlex
+import subprocess
+import sys
+import tempfile
+import time
+
+GROUP = re.compile(r"^sz (\d+) (\d+) num (\d+) time ([\d ]*) bt (.*)$")
+
+
+class Group:
+    def __init__(self, match):
+        self.size, self.total, self.count = (int(match[i]) for i in (1, 2, 3))
+        self.frames = re.findall(r"\[([^\[\]]*)\+0x([0-9a-f]+)\]", match[5])
+
+
+class Session:
+    def __init__(self, bin_dir, controller, emulator):
+        self.bin_dir = bin_dir
+        self.controller = shlex.split(controller)
+        self.emulator = emulator
+        self.root = tempfile.mkdtemp(prefix="memleak-e2e-")
+        self.process = None
+
+    def run_command(self, program, *options, root=None):
+        command = [*self.controller, "run", "--root", root or self.root]
+        command += ["--log", self.root + "/log", "--libdir", self.bin_dir + "/../lib", *options]
+        if self.emulator:
+            command += ["--emulator", self.emulator]
+        return [*command, "--", f"{self.bin_dir}/{program}"]
+
+    def start(self, *options, root=None):
+        self.process = subprocess.Popen(
+            self.run_command("end_to_end_stepper", *options, root=root),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
+        self.step("alloc 1 10")  # answers only once it is up
+        self.step("free 1")
+
+    def send(self, line):
+        self.process.stdin.write(line + "\n")
+
+    def answer(self):
+        line = self.process.stdout.readline().strip()
+        assert line, "the program has gone"
+        return line
+
+    def step(self, line):
+        self.send(line)
+        answer = self.answer()
+        assert answer == "ok", answer
+
+    def memleak(self, *arguments, code=0):
+        result = subprocess.run([*self.controller, *map(str, arguments)], capture_output=True,
+                                text=True, timeout=120)
+        assert result.returncode == code, f"{arguments}: {result.returncode} {result.stderr}"
+        return result.stdout
+
+    def tell(self, command, *arguments, pid=None):
+        out = self.memleak(command, pid or self.process.pid, *arguments)
+        time.sleep(0.3)  # commands are carried out soon, but without an answer
+        return out
+
+    def groups(self, root=None):
+        path = (root or self.root) + "/data/log/reliability/allocations_dump"
+        with open(path) as report:
+            text = report.read()
+        assert text.endswith("END"), text[-200:]
+        found = [Group(m) for m in map(GROUP.match, text.splitlines()) if m]
+        total = int(re.search(r"^Total memory\(bytes\): (\d+)$", text, re.M)[1])
+        assert total == sum(g.total for g in found), "the total is that of the groups"
+        return found
+
+    def innermost(self, group, root=None):
+        """Function of the group's innermost frame, as the reader prints it."""
+        shown = self.memleak("show", root or self.root, "--top", 1000)
+        wanted = f"{group.count:,} block"
+        lines = shown.splitlines()
+        for i, line in enumerate(lines):
+            if wanted in line and line.startswith("#"):
+                return lines[i + 1].strip()
+        raise AssertionError(f"no group of {wanted} in:\n{shown}")
+
+    def quit(self):
+        self.send("quit")
+        assert self.process.wait(30) == 0
+
+
+def kept(groups, size):
+    """Number of blocks that the stepper holds of that size."""
+    return sum(g.count for g in groups if g.size == size)
+
+
+def known_leak(session, *options):
+    """The example's leak, from before main to exit: counts, bytes and functions."""
+    subprocess.run(
+        session.run_command("memleak_example_leak", "--start", "--report-at-exit", *options),
+        check=True, timeout=120, stdout=subprocess.DEVNULL)
+    groups = session.groups()
+    for size, count, function in ((48, 1000, "SessionCache::Remember"), (4096, 100, "WriteTrace")):
+        match = [g for g in groups if (g.size, g.count) == (size, count)]
+        assert len(match) == 1, [(g.size, g.count) for g in groups]
+        assert match[0].total == size * count
+        shown = session.innermost(match[0])
+        assert function in shown, shown
+
+
+def known_leak_fp(session):
+    known_leak(session, "--unwind", "fp")
+
+
+def known_leak_dwarf(session):
+    known_leak(session, "--unwind", "dwarf")
+
+
+def from_outside(session):
+    """Recording switched on and off in a running process, twice."""
+    session.start()
+    session.step("alloc 500 100")  # before recording: never seen
+    session.tell("on")
+    session.step("alloc 1000 48")
+    session.step("free 400")
+    session.tell("report")
+    group, = [g for g in session.groups() if g.size == 48]
+    assert (group.count, group.total) == (600, 600 * 48)
+    assert "StepAllocate" in session.innermost(group)
+    session.step("alloc 10 48")  # not recording
+    session.tell("on")  # with empty tables
+    session.step("alloc 7 72")
+    session.tell("clear")
+    session.step("alloc 9 72")
+    session.tell("on", "--keep")
+    session.tell("report")
+    groups = session.groups()
+    assert (kept(groups, 48), kept(groups, 72)) == (0, 9)
+    session.quit()
+
+
+def pause(session):
+    """After a pause nothing new is recorded. Frees retire records until a set runs empty; this C
+    library has no blocks of 32 to 39 usable bytes, so that is after the first."""
+    session.start("--start")
+    session.step("alloc 50 200")
+    session.tell("pause")
+    session.step("alloc 10 300")
+    session.step("free 10")  # of the unrecorded ones
+    session.step("free 5")
+    session.tell("report")
+    groups = session.groups()
+    assert (kept(groups, 200), kept(groups, 300)) == (49, 0), [(g.size, g.count) for g in groups]
+    session.quit()
+
+
+def forked_child(session):
+    """A child forked in the middle of recording has the parent's records and a report of its own."""
+    session.start("--start", root=session.root + "/%p")
+    session.step("alloc 20 120")
+    fifo = session.root + "/fifo"
+    os.mkfifo(fifo)
+    session.send("fork " + fifo)
+    child = int(session.answer())
+    assert session.answer() == "ok"
+    with open(fifo, "w", buffering=1) as commands:
+        commands.write("alloc 30 130\n")
+        assert session.answer() == "ok"
+        session.step("alloc 40 140")
+        session.tell("report", pid=child)
+        session.tell("report")
+        commands.write("quit\n")
+    in_child = session.groups(f"{session.root}/{child}")
+    in_parent = session.groups(f"{session.root}/{session.process.pid}")
+    assert [kept(in_child, s) for s in (120, 130, 140)] == [20, 30, 0]
+    assert [kept(in_parent, s) for s in (120, 130, 140)] == [20, 0, 40]
+    session.quit()
+
+
+def churn(session):
+    """Two threads allocate while every command arrives again and again; then the books balance."""
+    session.start()
+    session.send("churn 2 4000")
+    end = time.monotonic() + 3.5
+    while time.monotonic() < end:
+        for words in (("on",), ("on", "--keep"), ("pause",), ("clear",), ("on",), ("report",)):
+            session.memleak(words[0], session.process.pid, *words[1:])
+    assert session.answer() == "ok"
+    session.tell("on")
+    session.step("churn 2 300")
+    session.step("alloc 25 90")
+    session.tell("report")
+    groups = session.groups()
+    assert kept(groups, 90) == 25
+    assert not [g for g in groups if g.size == 700], "blocks that were freed"
+    session.quit()
+
+
+if __name__ == "__main__":
+    case, bin_dir, controller = sys.argv[1:4]
+    this = Session(bin_dir, controller, sys.argv[4] if len(sys.argv) > 4 else "")
+    try:
+        globals()[case](this)
+    finally:
+        if this.process is not None and this.process.poll() is None:
+            this.process.kill()
+        if os.path.exists(this.root + "/log"):
+            print("".join(open(this.root + "/log").readlines()[-20:]))
+    subprocess.run(["rm", "-r", this.root], check=True)

@@ -1,0 +1,43 @@
+// A library that allocates in its constructor and destructor and, where a program is linked
+// with it, starts a thread before the loader's constructor has run.
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <string>
+
+namespace {
+
+void* block = nullptr;
+std::string* text = nullptr;
+std::atomic<int> blocked_in_thread{-1};
+
+void* Churn(void*) {
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  blocked_in_thread = sigismember(&mask, 44);
+  for (int i = 0; i < 200000; ++i) free(malloc(static_cast<size_t>(i % 5000 + 1)));
+  return nullptr;
+}
+
+__attribute__((constructor)) void Construct() {
+  block = memset(malloc(3000), 7, 3000);
+  text = new std::string(500, 'x');
+  pthread_t thread;
+  if (START_THREAD && pthread_create(&thread, nullptr, Churn, nullptr) == 0) pthread_detach(thread);
+}
+
+__attribute__((destructor)) void Destruct() {
+  if (text->size() != 500 || (block = realloc(block, 9000)) == nullptr) abort();
+  free(block);
+  delete text;
+}
+
+}  // namespace
+
+/// Whether the early thread has the control signal blocked; -1 before it has run.
+extern "C" int busy_library_thread_blocked() {
+  return blocked_in_thread;
+}

@@ -1,0 +1,99 @@
+// A scripted capture and allocator for tests of the record store. Included by one file of a test
+// program only, since it defines what backtrace/ and tracker/ define in the library.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "backtrace/Backtrace.h"
+#include "records/PointerData.h"
+#include "records/PointerSet.h"
+#include "records/set_selection.h"
+#include "sys/system_properties.h"
+#include "tests/records/log_capture.h"
+#include "tracker/MemTrackControl.h"
+
+/// What the next captures of a thread return.
+struct Script {
+  std::vector<std::uint64_t> pcs;
+  std::vector<unwindstack::FrameData> java_frames;
+  std::size_t usable_size = 0;
+};
+inline Script& CurrentScript() {
+  static thread_local Script script;
+  return script;
+}
+inline std::uint32_t fake_backtrace_size = kDefaultBacktraceSize;
+inline std::string fake_property;
+
+std::uint32_t BacktraceSize() {
+  return fake_backtrace_size;
+}
+void SetBacktraceSize(std::uint32_t size) {
+  fake_backtrace_size = size;
+}
+std::size_t BacktraceCaptureLimit() {
+  return 1024;
+}
+std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
+                         std::vector<unwindstack::FrameData>& frame_data) {
+  const Script& script = CurrentScript();
+  const std::size_t count = std::min(max_frames, script.pcs.size());
+  std::copy_n(script.pcs.begin(), count, frames);
+  frame_data = script.java_frames;
+  return count;
+}
+extern "C" int __system_property_get(const char* /*name*/, char* value) {
+  return static_cast<int>(fake_property.copy(value, PROP_VALUE_MAX - 1));
+}
+
+/// A store with empty tables, switched on.
+class RecordStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(control_->DebugDisableInit());
+    control_->set_zygote_child(reinterpret_cast<bool*>(&zygote_child_));
+    dispatch_.malloc_usable_size = [](const void*) { return CurrentScript().usable_size; };
+    control_->set_dispatch(&dispatch_);
+    control_->ConfigHookStatus(true, true);
+    data_.Initialize();
+    LogLines().clear();
+  }
+
+  static const void* At(std::uint64_t address) { return reinterpret_cast<const void*>(address); }
+  void Add(std::uint64_t address, std::size_t size, std::vector<std::uint64_t> pcs) {
+    CurrentScript() = {std::move(pcs), {}, size};
+    data_.Add(At(address), size);
+  }
+  void Remove(std::uint64_t address, std::size_t usable_size) {
+    CurrentScript().usable_size = usable_size;
+    data_.Remove(At(address), 0);
+  }
+  static PointerSet& SetOf(std::uint64_t address, std::size_t class_size) {
+    return *SelectSet(PointerData::sets(), address, class_size);
+  }
+  static Record* RecordOf(std::uint64_t address, std::size_t class_size) {
+    return SetOf(address, class_size).pointers.Find(address);
+  }
+  static FrameInfoType* BacktraceOf(std::uint64_t address, std::size_t class_size) {
+    Record* record = RecordOf(address, class_size);
+    return record == nullptr ? nullptr : BacktraceRef::Backtrace(record->backtrace);
+  }
+  static std::uint64_t TotalRecords() {
+    std::uint64_t total = 0;
+    for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
+      total += PointerData::sets()[i].RecordCount();
+    }
+    return total;
+  }
+
+  MemTrackControl* control_ = MemTrackControl::CreateInstance();
+  MallocDispatch dispatch_{};
+  alignas(4) std::uint32_t zygote_child_ = 0;
+  PointerData data_{nullptr};
+};

@@ -1,0 +1,221 @@
+// Blocks with Java-native stacks: grouping over real sets, order and text.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log_capture.h"
+#include "records/PointerData.h"
+#include "records/PointerSet.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+
+std::unique_ptr<PointerSet[]> all_sets;
+std::atomic<bool> watch_heap{false};
+
+}  // namespace
+
+PointerSet* PointerData::sets() {
+  return all_sets.get();
+}
+
+// Not inlined: seen through, malloc and free look mismatched with new and delete to the compiler.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  return std::malloc(size);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  // Inside the tracked library a free outside the record store would take locks of the sets.
+  if (watch_heap && pthread_getspecific(record_key) == nullptr) std::abort();
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  operator delete(memory);
+}
+
+namespace {
+
+class JavaNativeReportTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(MemTrackControl::CreateInstance()->DebugDisableInit());
+    all_sets = std::make_unique<PointerSet[]>(PointerData::kSetCount);
+    LogLines().clear();
+  }
+
+  static std::vector<unwindstack::FrameData> Stack(const std::vector<std::uint64_t>& rel_pcs) {
+    std::vector<unwindstack::FrameData> frames(rel_pcs.size());
+    for (std::size_t i = 0; i < rel_pcs.size(); ++i) frames[i].rel_pc = rel_pcs[i];
+    return frames;
+  }
+  /// Files a stack as threads that record do: a known one gets the references, never new frames.
+  static void AddStack(std::size_t set, std::uint64_t index, std::uint64_t references,
+                       std::vector<unwindstack::FrameData> frames) {
+    const std::lock_guard<std::mutex> lock(all_sets[set].unwind_mutex);
+    all_sets[set].SyncUnwindFrames();
+    const auto [entry, inserted] = all_sets[set].unwind_frames.try_emplace(index);
+    entry->second.references += references;
+    if (inserted) entry->second.frames = std::move(frames);
+  }
+  static void AddBlock(std::size_t set, std::uint64_t pointer, std::uint64_t size,
+                       std::uint64_t index) {
+    const std::lock_guard<std::mutex> lock(all_sets[set].java_pointer_mutex);
+    all_sets[set].SyncJavaPointers();
+    all_sets[set].java_pointers[pointer] = {size, index};
+  }
+  static std::vector<UnwindListInfoType> Collect(bool only_with_backtrace) {
+    std::vector<UnwindListInfoType> list;
+    PointerData::GetJavaNativeStackInfo(&list, only_with_backtrace);
+    return list;
+  }
+  /// "pointer num size" of every element.
+  static std::vector<std::string> Texts(const std::vector<UnwindListInfoType>& list) {
+    std::vector<std::string> texts;
+    texts.reserve(list.size());
+    for (const UnwindListInfoType& element : list) {
+      texts.push_back(std::to_string(element.pointer) + " " + std::to_string(element.num) + " " +
+                      std::to_string(element.size) + (element.zygote_child ? " child" : ""));
+    }
+    return texts;
+  }
+};
+
+TEST_F(JavaNativeReportTest, SectionText) {
+  std::vector<unwindstack::FrameData> named = Stack({0xABC, 0});
+  named[0].function_name = "android::uirenderer::draw()";
+  AddStack(0, 2, 3, named);
+  AddBlock(0, 0x100, 16, 2);
+  AddStack(39, 2, 1, Stack(std::vector<std::uint64_t>(101, 0x1f)));
+  AddBlock(39, 0x200, 5, 2);
+  AddBlock(39, 0x300, 1000, 1);  // without a stack, so not in the text
+  std::string expected =
+      "==============================Java-Native Stack==============================\n"
+      "sz 16 48 num 3\n#00 rel_pc abc android::uirenderer::draw()\n#01 rel_pc 0 \n"
+      "sz 5 5 num 1\n";
+  for (int i = 0; i <= 100; ++i) {
+    expected += (i < 10 ? "#0" : "#") + std::to_string(i) + " rel_pc 1f \n";
+  }
+  std::ostringstream out;
+  PointerData::ReportJavaNativeNodes(out);
+  EXPECT_EQ(out.str(), expected);
+  EXPECT_EQ(out.fill(), '0');
+
+  all_sets.reset();  // before the first Initialize
+  EXPECT_TRUE(Collect(true).empty());
+}
+
+TEST_F(JavaNativeReportTest, OneElementForEachSizeMarkAndStack) {
+  for (std::size_t set : {0, 2, 5}) AddStack(set, 2, 5, Stack({1, 2, 3}));
+  AddStack(1, 2, 9, Stack({1, 2, 3}));
+  AddStack(3, 2, 3, Stack({1, 2}));
+  AddStack(4, 2, 2, Stack({3, 2, 1}));
+  AddBlock(0, 10, 100, 2);
+  AddBlock(1, 20, 100, 2);                    // as the first one: dropped, count included
+  AddBlock(2, 30, 100 | kZygoteChildBit, 2);  // other mark
+  AddBlock(3, 40, 100, 2);                    // fewer frames
+  AddBlock(4, 50, 150, 2);                    // the same pcs in another order
+  AddBlock(5, 60, 60, 2);                     // other size, but the same product as the one before
+  std::vector<UnwindListInfoType> list = Collect(true);
+  std::vector<std::string> texts = Texts(list);
+  std::sort(texts.begin(), texts.begin() + 2);  // equal in product and size: no order
+  EXPECT_EQ(texts, (std::vector<std::string>{"10 5 100", "30 5 100 child", "50 2 150", "40 3 100",
+                                             "60 5 60"}));
+  PointerData::GetJavaNativeStackInfo(&list, true);  // what the list holds already takes part
+  EXPECT_EQ(list.size(), 5u);
+}
+
+TEST_F(JavaNativeReportTest, BlocksWithoutAStack) {
+  AddBlock(0, 10, 30, 0);
+  AddBlock(1, 20, 20, 1);
+  AddBlock(2, 30, 10, 7);  // never filed
+  AddStack(3, 8, 0, Stack({1}));
+  AddBlock(3, 40, 9, 8);
+  EXPECT_EQ(Texts(Collect(true)), (std::vector<std::string>{"20 1 20", "30 1 10", "40 1 9"}));
+  EXPECT_EQ(LogLines(), (std::vector<std::string>{
+                            "6 MemLeak.Native: Pointer 0x1e hashIndex 7 does not exist.",
+                            "6 MemLeak.Native: Pointer 0x28 hashIndex 8 does not exist."}));
+  EXPECT_TRUE(all_sets[3].unwind_frames.empty());
+  EXPECT_EQ(Texts(Collect(false)).at(0), "10 1 30");
+}
+
+/// The plain scan that the index stands for.
+std::vector<UnwindListInfoType> PlainScan() {
+  const auto same_pc = [](const auto& a, const auto& b) { return a.rel_pc == b.rel_pc; };
+  std::vector<UnwindListInfoType> list;
+  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
+    for (const auto& block : all_sets[i].java_pointers) {
+      UnwindFrameInfoType& info = all_sets[i].unwind_frames.at(block.second.hash_index);
+      const bool known = std::any_of(list.begin(), list.end(), [&](const auto& element) {
+        const auto& frames = element.unwind_info->frames;
+        return element.size == block.second.size &&
+               std::equal(frames.begin(), frames.end(), info.frames.begin(), info.frames.end(),
+                          same_pc);
+      });
+      if (!known) list.push_back({block.first, info.references, block.second.size, false, &info});
+    }
+  }
+  PointerData::SortJavaNativeListByTotalAllocation(&list);
+  return list;
+}
+
+TEST_F(JavaNativeReportTest, IndexGivesWhatThePlainScanGives) {
+  std::mt19937_64 random(1);
+  for (std::size_t set = 0; set < PointerData::kSetCount; ++set) {
+    for (std::uint64_t index = 2; index < 32; ++index) {
+      std::vector<std::uint64_t> rel_pcs(1 + random() % 3);
+      for (std::uint64_t& rel_pc : rel_pcs) rel_pc = random() % 3;
+      AddStack(set, index, 1 + random() % 4, Stack(rel_pcs));
+    }
+    for (int i = 0; i < 200; ++i) AddBlock(set, random(), 8 * (random() % 4), 2 + random() % 30);
+  }
+  const std::vector<UnwindListInfoType> list = Collect(true);
+  EXPECT_GT(list.size(), 100u);
+  EXPECT_EQ(Texts(list), Texts(PlainScan()));
+}
+
+TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {
+  std::atomic<bool> stop{false};
+  std::atomic<std::uint64_t> recorded{0};
+  std::thread recorder([&] {
+    for (std::uint64_t i = 0; !stop; recorded = ++i) {
+      AddStack(i % 40, 2 + i % 50, 1, Stack({i % 50, 1}));
+      AddBlock(i % 40, i % 1000, 64, 2 + i % 50);
+    }
+  });
+  std::thread clearer([&] {
+    for (; !stop; std::this_thread::yield()) {
+      const std::lock_guard<std::mutex> lock(InitialiseLock());
+      ++table_generation;
+    }
+  });
+  for (int report = 0; report < 100 || recorded < 10'000; ++report) {
+    const std::lock_guard<std::mutex> lock(InitialiseLock());
+    std::ostringstream out;
+    PointerData::ReportJavaNativeNodes(out);
+  }
+  stop = true;
+  recorder.join();
+  clearer.join();
+
+  // With a clear to carry out and a list that grows, all of it inside the record store.
+  for (std::uint64_t i = 0; i < 100; ++i) AddBlock(1, i, i, 1);
+  all_sets[0].unwind_frames[99] = {1, Stack({1})};
+  table_generation += 1;
+  for (std::uint64_t i = 0; i < 100; ++i) AddBlock(2, i, i, 1);
+  std::vector<UnwindListInfoType> list;
+  watch_heap = true;
+  PointerData::GetJavaNativeStackInfo(&list, true);
+  watch_heap = false;
+  EXPECT_EQ(pthread_getspecific(record_key), nullptr);
+  EXPECT_EQ(list.size(), 100u);
+}
+
+}  // namespace

@@ -1,0 +1,105 @@
+// Which programs can be tracked, and why others cannot.
+#include "tools/elf_info.h"
+
+#include <elf.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "tests/tools/temp_dir.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+class FindProgramTest : public testing::Test {
+ protected:
+  std::string Refusal(const std::string& name, const std::string& path = "") const {
+    try {
+      FindProgram(name, path);
+    } catch (const UserError& error) {
+      return error.what();
+    }
+    return "accepted";
+  }
+  std::string Executable(const std::string& name, const std::string& text) const {
+    std::string path = directory_.Write(name, text);
+    chmod(path.c_str(), 0755);
+    return path;
+  }
+  template <typename Header>
+  std::string Elf(const std::string& name, Header header, unsigned char width) const {
+    std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+    header.e_ident[EI_CLASS] = width;
+    header.e_ident[EI_DATA] = ELFDATA2LSB;
+    header.e_type = ET_EXEC;
+    return Executable(name, std::string(reinterpret_cast<char*>(&header), sizeof(header)));
+  }
+
+  TempDir directory_;
+};
+
+#define EXPECT_REFUSED(refusal, part) \
+  EXPECT_NE((refusal).find(part), std::string::npos) << (refusal)
+
+TEST_F(FindProgramTest, AcceptsDynamicProgramsAndScripts) {
+  const Program program = FindProgram(FIXTURE_SLEEPER, "");
+  EXPECT_EQ(program.image.machine, OwnMachine());
+  EXPECT_FALSE(program.is_script);
+  const std::string inner = Executable("inner", "#! " FIXTURE_SLEEPER " -x\n");
+  const Program script = FindProgram(Executable("outer", "#!" + inner + "\necho\n"), "");
+  EXPECT_TRUE(script.is_script);
+  EXPECT_EQ(script.image_path, FIXTURE_SLEEPER);
+}
+
+TEST_F(FindProgramTest, SearchesThePath) {
+  std::filesystem::create_directory(directory_.Path("first"));
+  directory_.Write("first/tool", "not executable");
+  const std::string tool = Executable("tool", "#!" FIXTURE_SLEEPER "\n");
+  EXPECT_EQ(
+      FindProgram("tool", "/nonexistent:" + directory_.Path("first") + ":" + directory_.Path(""))
+          .image_path,
+      FIXTURE_SLEEPER);
+  EXPECT_REFUSED(Refusal("tool", directory_.Path("first")), "not executable");
+  EXPECT_REFUSED(Refusal("tool", "/nonexistent"), "not found in PATH");
+}
+
+TEST_F(FindProgramTest, RefusesWhatCannotBeTracked) {
+  EXPECT_REFUSED(Refusal(FIXTURE_STATIC), "static");
+  EXPECT_REFUSED(Refusal(Elf("narrow", Elf32_Ehdr{}, ELFCLASS32)), "32-bit");
+  Elf64_Ehdr other{};
+  other.e_machine = EM_RISCV;
+  EXPECT_REFUSED(Refusal(Elf("riscv", other, ELFCLASS64)), "another architecture");
+  EXPECT_REFUSED(Refusal(Executable("text", "hello")), "not an ELF program");
+  EXPECT_REFUSED(Refusal(Executable("cut", std::string(ELFMAG "\2\1\1", 7))), "not an ELF program");
+  const std::string loop = directory_.Path("loop");
+  EXPECT_REFUSED(Refusal(Executable("loop", "#!" + loop)), "without end");
+  EXPECT_REFUSED(Refusal(Executable("orphan", "#!/no/such/shell\n")), "program not found");
+  EXPECT_REFUSED(Refusal(directory_.Path("")), "not a program");
+  EXPECT_REFUSED(Refusal(""), "no program given");
+}
+
+TEST_F(FindProgramTest, RefusesSetuid) {
+  const std::string copy = directory_.Path("setuid");
+  std::filesystem::copy_file(FIXTURE_SLEEPER, copy);
+  chmod(copy.c_str(), 04755);
+  EXPECT_REFUSED(Refusal(copy), "setuid");
+}
+
+TEST(TrackerLibraries, AreFoundByMachine) {
+  const std::uint16_t other = OwnMachine() == EM_X86_64 ? EM_AARCH64 : EM_X86_64;
+  EXPECT_EQ(FindTrackerLibraries({"/nonexistent", FIXTURE_LIBDIR}, OwnMachine()), FIXTURE_LIBDIR);
+  EXPECT_EQ(FindTrackerLibraries({"/nonexistent", FIXTURE_LIBDIR}, other), "");
+#ifdef FIXTURE_ARM64_SYMBOLS
+  const TempDir pair;
+  for (const char* name : {"libmemleak_tracker.so", "libmemleak_preload.so"}) {
+    std::filesystem::copy_file(FIXTURE_ARM64_SYMBOLS, pair.Path(name));
+  }
+  EXPECT_EQ(FindTrackerLibraries({FIXTURE_LIBDIR, pair.Path("")}, EM_AARCH64), pair.Path(""));
+#endif
+}
+
+}  // namespace
+}  // namespace memleak

@@ -1,0 +1,185 @@
+// What is read from /proc, and that a process the signal would kill is left alone.
+#include "tools/process_info.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <functional>
+
+#include "tools/control.h"
+#include "tools/signal_sender.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+TEST(ProcText, SignalMask) {
+  const std::string status =
+      "Name:\tsh\nState:\tS (sleeping)\nSigIgn:\tffffffffffffffff\nSigCgt:\t";
+  EXPECT_TRUE(CatchesSignal(status + "0000080000000000\n", 44));
+  EXPECT_FALSE(CatchesSignal(status + "fffff7ffffffffff\n", 44));
+  EXPECT_FALSE(CatchesSignal("Name:\tSigCgt:\n", 44));
+  EXPECT_FALSE(CatchesSignal("", 44));
+  EXPECT_FALSE(IsZombie(status));
+  EXPECT_TRUE(IsZombie("Name:\ta\nState:\tZ (zombie)\n"));
+}
+
+TEST(ProcText, Maps) {
+  const std::string line = "7f00-7f10 r-xp 00000000 08:01 12   ";
+  EXPECT_TRUE(MapsLibrary("0-1 r--p 0 0:0 0\n" + line + "/x/y/libt.so\n", "libt.so"));
+  EXPECT_TRUE(MapsLibrary(line + "/a b/libt.so (deleted)\n", "libt.so"));
+  EXPECT_FALSE(MapsLibrary(line + "/x/notlibt.so\n" + line + "/libt.so/other\n", "libt.so"));
+}
+
+TEST(ProcText, Environment) {
+  using namespace std::string_literals;
+  const auto environment = ParseEnvironment("A=1\0B=x=y\0broken\0A=2\0EMPTY=\0"s);
+  EXPECT_EQ(environment.size(), 3U);
+  EXPECT_EQ(environment.at("A"), "1");
+  EXPECT_EQ(environment.at("B"), "x=y");
+  EXPECT_EQ(ExpandPid("/tmp/%p/m.%p%", 42), "/tmp/42/m.42%");
+}
+
+TEST(ProcText, RecordingStateFollowsTheLastCommand) {
+  const std::string on =
+      "I MemLeak.Native: received_sig 44;addr:0x90\nset hook to:true, btsize:10\n";
+  EXPECT_EQ(RecordingFromLog(""), Recording::kNever);
+  EXPECT_EQ(RecordingFromLog("received_sig 44;addr:0x80\n"), Recording::kNever);
+  EXPECT_EQ(RecordingFromLog(on), Recording::kOn);
+  EXPECT_EQ(RecordingFromLog(on + "received_sig 44;addr:0x20\nset hook to:false\n"),
+            Recording::kPaused);
+  EXPECT_EQ(RecordingFromLog(on + "received_sig 44;addr:0x40\n"), Recording::kStopped);
+  EXPECT_EQ(RecordingFromLog(on + "received_sig 44;addr:(nil)\n"), Recording::kOn);
+}
+
+TEST(ControlSignal, IsShiftedBetweenHostAndGuest) {
+  EXPECT_EQ(ControlSignalFor(false, false), 44);
+  EXPECT_EQ(ControlSignalFor(true, false), 46);
+  EXPECT_EQ(ControlSignalFor(true, true), 44);
+  EXPECT_EQ(ControlSignalFor(false, true), 42);
+}
+
+volatile std::uint64_t received_word = 0;
+volatile std::uint32_t received_parameter = 0;
+
+void Remember(int, siginfo_t* info, void*) {
+  std::uint64_t word = 0;
+  std::uint32_t parameter = 0;
+  std::memcpy(&word, reinterpret_cast<char*>(info) + 16, sizeof(word));
+  std::memcpy(&parameter, reinterpret_cast<char*>(info) + 24, sizeof(parameter));
+  received_word = word;
+  received_parameter = parameter;
+}
+
+void CatchControlSignal() {
+  struct sigaction action {};
+  action.sa_sigaction = Remember;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(kControlSignal, &action, nullptr);
+}
+
+void MapTracker() {
+  const int file = open(FIXTURE_LIBDIR "/libmemleak_tracker.so", O_RDONLY | O_CLOEXEC);
+  EXPECT_NE(mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0), MAP_FAILED);
+}
+
+/// A forked process that prepares itself and waits for a signal; killed when the test ends.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& prepare) {
+    std::array<int, 2> ready{};
+    EXPECT_EQ(pipe(ready.data()), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      // Held back until the child waits for it, else it could come before.
+      sigset_t blocked;
+      sigset_t before;
+      sigemptyset(&blocked);
+      sigaddset(&blocked, kControlSignal);
+      sigprocmask(SIG_BLOCK, &blocked, &before);
+      prepare();
+      close(ready[0]);
+      close(ready[1]);
+      sigsuspend(&before);
+      _exit(received_word == 0x123456789abcdef0 && received_parameter == 0xa0031 ? 17 : 1);
+    }
+    close(ready[1]);
+    char byte = 0;
+    while (read(ready[0], &byte, 1) > 0) {
+    }
+    close(ready[0]);
+  }
+  ~Child() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool Runs() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
+  int Wait() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = 0;
+    return status;
+  }
+
+ private:
+  pid_t pid_ = 0;
+};
+
+std::string RefusalOf(pid_t pid) {
+  try {
+    SendCommand(RequireTracked(pid, 0), kNativeOn, 0);
+  } catch (const UserError& error) {
+    return error.what();
+  }
+  return "sent";
+}
+
+TEST(SendCommand, CarriesBothWordsUnchanged) {
+  Child child([] {
+    MapTracker();
+    CatchControlSignal();
+  });
+  SendCommand(RequireTracked(child.pid(), 0), 0x123456789abcdef0, 0xa0031);
+  const int status = child.Wait();
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 17);
+}
+
+TEST(SendCommand, SparesAProcessThatTheSignalWouldKill) {
+  if (RunsEmulated()) GTEST_SKIP() << "the emulator catches every real-time signal itself";
+  const Child child(MapTracker);
+  EXPECT_NE(RefusalOf(child.pid()).find("does not catch signal 44"), std::string::npos);
+  EXPECT_TRUE(child.Runs());
+}
+
+TEST(SendCommand, SparesAProcessWithoutTheTracker) {
+  const Child child(CatchControlSignal);
+  EXPECT_NE(RefusalOf(child.pid()).find("not loaded with the tracker"), std::string::npos);
+  EXPECT_TRUE(child.Runs());
+}
+
+TEST(SendCommand, KnowsProcessesThatAreGone) {
+  const pid_t zombie = fork();
+  if (zombie == 0) _exit(0);
+  siginfo_t info;
+  waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT);
+  EXPECT_FALSE(IsAlive(zombie));
+  EXPECT_NE(RefusalOf(zombie).find("has ended"), std::string::npos);
+  waitpid(zombie, nullptr, 0);
+  EXPECT_NE(RefusalOf(zombie).find("no such process"), std::string::npos);
+  EXPECT_NE(RefusalOf(0).find("not a process id"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace memleak

@@ -1,0 +1,106 @@
+// The report grammar, with what real mappings can be named and with what damage does.
+#include "tools/report_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "tests/tools/temp_dir.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+const std::string kHead =
+    "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 200\n"
+    "Allocation records: 1500/1000\nBacktrace size: 10\n\n";
+const std::string kJavaRule =
+    "==============================Java-Native Stack==============================\n";
+
+Report Load(const std::string& text) {
+  const TempDir directory;
+  return LoadReport(directory.Write("report", text));
+}
+
+TEST(ReportParser, ReadsAWholeReport) {
+  const Report report = Load(
+      kHead +
+      "sz 32 96 num 3 time 5 200 0  bt [/usr/lib/libc.so.6+0x2724a] [/bin/a b+0x1f] \n"
+      "sz 104 104 num 1 time -3  bt [unknow][unknow][/bin/x+0x1] [unknow]\n" +
+      kJavaRule + "sz 16 64 num 4\n#00 rel_pc 1a2b art::Thread::Run(int) const\n#01 rel_pc ff \n" +
+      "sz 8 8 num 1\n#00 rel_pc 0 f\nEND");
+  EXPECT_TRUE(report.complete);
+  EXPECT_TRUE(report.damaged.empty());
+  EXPECT_EQ(report.header.total_bytes, 200U);
+  EXPECT_EQ(report.header.groups, 1500U);
+  EXPECT_EQ(report.header.listed, 1000U);
+  EXPECT_EQ(report.header.backtrace_size, 10U);
+
+  ASSERT_EQ(report.native.size(), 2U);
+  EXPECT_EQ(report.native[0].total, 96U);
+  EXPECT_EQ(report.native[0].ages, (std::vector<std::int64_t>{5, 200, 0}));
+  ASSERT_EQ(report.native[0].frames.size(), 2U);
+  EXPECT_EQ(report.native[0].frames[0].offset, 0x2724aU);
+  EXPECT_EQ(report.native[0].frames[1].library, "/bin/a b");
+  ASSERT_EQ(report.native[1].frames.size(), 4U);
+  EXPECT_FALSE(report.native[1].frames[1].known);
+  EXPECT_TRUE(report.native[1].frames[2].known);
+
+  ASSERT_EQ(report.java.size(), 2U);
+  ASSERT_EQ(report.java[0].frames.size(), 2U);
+  EXPECT_EQ(report.java[0].frames[0].rel_pc, 0x1a2bU);
+  EXPECT_EQ(report.java[0].frames[0].function, "art::Thread::Run(int) const");
+  EXPECT_EQ(report.java[0].frames[1].function, "");
+}
+
+TEST(ReportParser, ReadsEveryKindOfName) {
+  for (const std::string name :
+       {"", "[vdso]", "/tmp/lib (deleted)", "/opt/c++/lib[1] x+0x12/l.so", "/a] [b+0xg",
+        "/data/app/base.apk!/lib/x.so", "/tmp/\xc3\xa4\xe2\x82\xac.so", "/unknow]", "/x+0x10]y"}) {
+    NativeGroup group;
+    std::string reason;
+    ASSERT_TRUE(ParseNativeLine("sz 1 1 num 1 time 0  bt [" + name + "+0xab] [/z+0x1] [unknow]",
+                                &group, &reason))
+        << name << ": " << reason;
+    ASSERT_EQ(group.frames.size(), 3U) << name;
+    EXPECT_EQ(group.frames[0].library, name);
+    EXPECT_EQ(group.frames[0].offset, 0xabU);
+  }
+}
+
+TEST(ReportParser, LeavesOutDamagedLinesAndSaysWhich) {
+  const Report report = Load(kHead + "sz 32 96 num\n" +                         // line 6
+                             "sz 1 1 num 1 time 0  bt [/a+0x1] \n" +            // 7, whole
+                             "sz 99999999999999999999 1 num 1 time 0  bt \n" +  // too large
+                             "sz 1 1 num 1 time 0  bt [/a+0x1]\n" +             // no blank
+                             "sz 1 1 num 1 time 0  bt [/a+0x] \n" + "garbage\n" + kJavaRule +
+                             "#00 rel_pc 1 frame of no group\nEND");
+  EXPECT_TRUE(report.complete);
+  ASSERT_EQ(report.native.size(), 1U);
+  std::vector<std::uint64_t> numbers;
+  for (const DamagedLine& line : report.damaged) numbers.push_back(line.number);
+  EXPECT_EQ(numbers, (std::vector<std::uint64_t>{6, 8, 9, 10, 11, 13}));
+}
+
+TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
+  const std::string whole = kHead + "sz 1 2 num 2 time 0  bt [/a+0x1] [/b+0x2] \n" + kJavaRule +
+                            "sz 8 8 num 1\n#00 rel_pc 0 f\nEND";
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    std::istringstream text(whole.substr(0, length));
+    ReportHeader header;
+    ReportSink sink;
+    sink.native = [&](NativeGroup&& group) { EXPECT_EQ(group.frames.size(), 2U) << length; };
+    EXPECT_NE(ReadReport(text, sink, &header), ReportEnd::kComplete) << length;
+  }
+}
+
+TEST(ReportParser, RefusesWhatIsNoReport) {
+  EXPECT_THROW(Load(""), UserError);
+  EXPECT_THROW(Load("Native Heap MemLeak Tracker Version 1.0:\nEND"), UserError);
+  EXPECT_THROW(LoadReport("/nonexistent/report"), UserError);
+  EXPECT_THROW(LoadReport("/dev/zero"), UserError);
+  EXPECT_THROW(LoadReport("/tmp"), UserError);
+}
+
+}  // namespace
+}  // namespace memleak

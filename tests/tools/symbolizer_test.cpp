@@ -1,0 +1,134 @@
+// From mapping offsets to functions and lines, on a library whose lines are known.
+#include "tools/symbolizer.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gelf.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace memleak {
+namespace {
+
+// The mapping offset of a symbol, from the file's own tables.
+std::uint64_t OffsetOf(const std::string& path, const std::string& name) {
+  elf_version(EV_CURRENT);
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  Elf* elf = elf_begin(file, ELF_C_READ, nullptr);
+  std::uint64_t page = 0;
+  std::size_t segments = 0;
+  elf_getphdrnum(elf, &segments);
+  for (std::size_t i = 0; i < segments; ++i) {
+    GElf_Phdr segment;
+    gelf_getphdr(elf, static_cast<int>(i), &segment);
+    if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) page = segment.p_vaddr / 4096;
+  }
+  std::uint64_t value = 0;
+  for (Elf_Scn* section = elf_nextscn(elf, nullptr); section != nullptr;
+       section = elf_nextscn(elf, section)) {
+    GElf_Shdr header;
+    gelf_getshdr(section, &header);
+    if (header.sh_type != SHT_SYMTAB) continue;
+    Elf_Data* data = elf_getdata(section, nullptr);
+    GElf_Sym symbol;
+    for (int i = 0; gelf_getsym(data, i, &symbol) != nullptr; ++i) {
+      if (name == elf_strptr(elf, header.sh_link, symbol.st_name)) value = symbol.st_value;
+    }
+  }
+  elf_end(elf);
+  close(file);
+  EXPECT_NE(value, 0U) << name << " in " << path;
+  return value - page * 4096;
+}
+
+// How far `pc` is into the mapping that holds it, as a report gives it.
+std::uint64_t OffsetInMapping(std::uint64_t pc) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    std::istringstream fields(line);
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+    char dash = 0;
+    fields >> std::hex >> start >> dash >> end;
+    if (pc >= start && pc < end) return pc - start;
+  }
+  return 0;
+}
+
+void ExpectKnownSymbols(const std::string& path) {
+  Symbolizer symbolizer;
+  const Symbols& inlined = symbolizer.Resolve(path, OffsetOf(path, "fixture_spot"));
+  ASSERT_EQ(inlined.size(), 2U);
+  EXPECT_EQ(inlined[0].function, "known::Inner(int*)");
+  EXPECT_NE(inlined[0].file.find("known_source.cpp"), std::string::npos);
+  EXPECT_EQ(inlined[1].function, "known::Widget::Use(int*)");
+  EXPECT_EQ(inlined[1].line, 109);
+  const Symbols& plain = symbolizer.Resolve(path, OffsetOf(path, "fixture_plain"));
+  ASSERT_EQ(plain.size(), 1U);
+  EXPECT_EQ(plain[0].function, "fixture_plain");
+  EXPECT_EQ(plain[0].line, 113);
+  EXPECT_TRUE(symbolizer.MissingFiles().empty());
+}
+
+TEST(Symbolizer, FindsInlinedAndPlainFunctions) {
+  ExpectKnownSymbols(FIXTURE_SYMBOLS);
+}
+
+TEST(Symbolizer, ReadsTheOtherArchitecture) {
+#ifdef FIXTURE_ARM64_SYMBOLS
+  ExpectKnownSymbols(FIXTURE_ARM64_SYMBOLS);
+#else
+  GTEST_SKIP() << "no cross compiler when this was built";
+#endif
+}
+
+TEST(Symbolizer, OffsetsCountFromTheMappingOfTheCode) {
+  void* library = dlopen(FIXTURE_SYMBOLS, RTLD_NOW);
+  ASSERT_NE(library, nullptr) << dlerror();
+  auto* caller = reinterpret_cast<void* (*)(void**)>(dlsym(library, "fixture_caller"));
+  void* where = nullptr;
+  caller(&where);
+  const std::uint64_t offset = OffsetInMapping(reinterpret_cast<std::uint64_t>(where) - 1);
+  Symbolizer symbolizer;
+  const Symbols& symbols = symbolizer.Resolve(FIXTURE_SYMBOLS, offset);
+  ASSERT_EQ(symbols.size(), 1U);
+  EXPECT_EQ(symbols[0].function, "fixture_caller");
+  EXPECT_EQ(symbols[0].line, 119);
+}
+
+TEST(Symbolizer, FallsBackToTheSymbolTable) {
+  Dl_info info;
+  void* address = dlsym(RTLD_DEFAULT, "getpid");
+  ASSERT_NE(dladdr(address, &info), 0);
+  const std::string path = std::filesystem::canonical(info.dli_fname).string();
+  Symbolizer symbolizer;
+  const Symbols& symbols =
+      symbolizer.Resolve(path, OffsetInMapping(reinterpret_cast<std::uint64_t>(address)));
+  ASSERT_FALSE(symbols.empty());
+  EXPECT_NE(symbols[0].function.find("getpid"), std::string::npos);
+}
+
+TEST(Symbolizer, NamesWithoutFilesHaveNoSymbols) {
+  Symbolizer symbolizer;
+  for (const char* name : {"", "[vdso]", "/no/such/lib.so", "/dev/null", "/etc/passwd"}) {
+    EXPECT_TRUE(symbolizer.Resolve(name, 0x10).empty()) << name;
+  }
+  EXPECT_TRUE(symbolizer.Resolve(FIXTURE_SYMBOLS, 0x7fffffffffff).empty());
+  EXPECT_EQ(symbolizer.MissingFiles(),
+            (std::vector<std::string>{"/dev/null", "/etc/passwd", "/no/such/lib.so"}));
+}
+
+TEST(Symbolizer, AddressRuleAndNames) {
+  EXPECT_EQ(FileAddress(0x234, 0x1000), 0x1234U);
+  EXPECT_EQ(FileAddress(0x234, 0x11f80), 0x11234U);
+  EXPECT_EQ(Demangle("_ZN5known5InnerEPi"), "known::Inner(int*)");
+  EXPECT_EQ(Demangle("i"), "i");
+  EXPECT_EQ(Demangle("_Zbroken"), "_Zbroken");
+}
+
+}  // namespace
+}  // namespace memleak

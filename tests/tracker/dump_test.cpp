@@ -1,0 +1,161 @@
+// The dump thread, the heap dump and the leak-info entries.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <fstream>
+#include <mutex>
+#include <set>
+
+#include "fakes.h"
+#include "tracker/DumpThread.h"
+#include "tracker/MallocMemTrack.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+std::atomic<bool> thread_creation_fails{false};
+}
+
+extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                     void* (*start)(void*), void* argument);
+// The linker sends the thread object's calls here.
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                     void* (*start)(void*), void* argument) {
+  if (thread_creation_fails) return EAGAIN;
+  return __real_pthread_create(thread, attributes, start, argument);
+}
+
+namespace {
+
+class DumpTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(track_initialize(&fake::Dispatch(), fake::ZygoteFlag(), ""));
+    MemTrackControl::GetInstance()->ConfigHookStatus(true, true);
+    fake::Reset();
+  }
+  void TearDown() override {
+    EXPECT_TRUE(MemTrackControl::GetInstance()->ThreadEnabled());
+    track_finalize();
+  }
+};
+
+std::size_t CountLines(const char* path) {
+  std::ifstream in(path);
+  std::size_t count = 0;
+  for (std::string line; std::getline(in, line);) ++count;
+  return count;
+}
+
+std::atomic<int> running{0};
+std::atomic<bool> go_on{false};
+
+TEST_F(DumpTest, EachCommandWritesOneReport) {
+  constexpr int kReports = 3;
+  std::mutex mutex;
+  std::set<std::string> descriptions;
+  go_on = false;
+  fake::Now().in_report = [&] {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    {
+      const std::lock_guard lock(mutex);
+      descriptions.insert(name + std::to_string(getpriority(PRIO_PROCESS, 0)));
+    }
+    ++running;
+    while (!go_on) usleep(1000);
+    --running;
+  };
+  for (int i = 0; i < kReports; ++i) AsyncReport();
+  while (running < kReports) usleep(1000);  // all of them at once
+  go_on = true;
+  while (running > 0) usleep(1000);
+  usleep(20000);
+  EXPECT_EQ(descriptions, std::set<std::string>{"MemDumpThread10"});
+  EXPECT_EQ(fake::TakeEvents(), "Report()* Report()* Report()*");
+}
+
+TEST_F(DumpTest, AReportQuickerThanItsStarterIsWrittenOnce) {
+  {
+    android::MemDumpMain starter;
+    EXPECT_TRUE(starter.Enable());
+    usleep(50000);  // the starter still holds the thread, which goes round its loop
+  }
+  usleep(20000);
+  EXPECT_EQ(fake::TakeEvents(), "Report()*");
+}
+
+TEST_F(DumpTest, AThreadThatCannotStartIsLogged) {
+  thread_creation_fails = true;
+  AsyncReport();
+  thread_creation_fails = false;
+  const std::vector<std::string> log = fake::TakeLog();
+  ASSERT_EQ(log.size(), 2U);
+  EXPECT_EQ(log[1], "6 MemLeak.Native cannot start MemDumpThread.");
+}
+
+TEST_F(DumpTest, HeapDumpComplainsOncePerMapping) {
+  char path[] = "/tmp/heap_dump_XXXXXX";
+  ASSERT_GE(mkstemp(path), 0);
+  const std::size_t before = CountLines("/proc/self/maps");
+  EXPECT_TRUE(track_dump_heap(path));
+  const std::size_t after = CountLines("/proc/self/maps");
+  std::ifstream in(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  unlink(path);
+  EXPECT_EQ(fake::TakeLog(), std::vector<std::string>{std::string("6 MemLeak.Native Dumping to "
+                                                                  "file: ") +
+                                                      path + "\n"});
+  // One or two lines more or less: buffers come and go as mappings of their own.
+  ASSERT_GE(lines.size() + 2, before + 4);
+  ASSERT_LE(lines.size(), after + 4 + 2);
+  EXPECT_EQ(lines[0], "Android Native Heap Dump v1.1");
+  EXPECT_EQ(lines[1], "");
+  EXPECT_EQ(lines[2], "MAPS");
+  for (std::size_t i = 3; i + 1 < lines.size(); ++i) {
+    EXPECT_EQ(lines[i], "Could not open /proc/self/maps");
+  }
+  EXPECT_EQ(lines.back(), "END");
+
+  EXPECT_FALSE(track_dump_heap("/no/such/directory/dump"));
+  EXPECT_EQ(
+      fake::TakeLog(),
+      std::vector<std::string>{"6 MemLeak.Native Unable to create file: /no/such/directory/dump"});
+}
+
+TEST_F(DumpTest, LeakInfoNeedsAllItsOutputs) {
+  std::uint8_t* info = reinterpret_cast<std::uint8_t*>(fake::old_block);
+  std::size_t sizes[4] = {1, 2, 3, 4};
+  track_get_malloc_leak_info(&info, &sizes[0], &sizes[1], &sizes[2], nullptr);
+  EXPECT_EQ(sizes[0], 1U);
+  EXPECT_EQ(fake::TakeLog(),
+            std::vector<std::string>{
+                "6 MemLeak.Native get_malloc_leak_info: At least one invalid parameter."});
+  EXPECT_EQ(fake::TakeEvents(), "");
+
+  track_get_malloc_leak_info(&info, &sizes[0], &sizes[1], &sizes[2], &sizes[3]);
+  EXPECT_EQ(fake::TakeEvents(), "GetInfo(0,null)*");
+  EXPECT_EQ(info, nullptr);
+  EXPECT_EQ(sizes[0], 99U);
+  EXPECT_EQ(sizes[1] + sizes[2] + sizes[3], 0U);
+
+  track_free_malloc_leak_info(reinterpret_cast<std::uint8_t*>(fake::old_block));
+  EXPECT_EQ(fake::TakeEvents(), "free(old)") << "no record is touched";
+}
+
+TEST_F(DumpTest, WritingLeakInfoIsInert) {
+  char text[8] = "before";
+  std::FILE* stream = fmemopen(text, sizeof text, "r+");
+  ASSERT_NE(stream, nullptr);
+  track_write_malloc_leak_info(stream);
+  std::fclose(stream);
+  EXPECT_STREQ(text, "before");
+  track_write_malloc_leak_info(nullptr);
+  EXPECT_EQ(fake::TakeLog(), std::vector<std::string>{
+                                 "6 MemLeak.Native write_malloc_leak_info called with a nullptr"});
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+#include "fakes.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include "async_safe/log.h"
+#include "backtrace/Backtrace.h"
+#include "platform/program_name.h"
+#include "records/PointerData.h"
+#include "tracker/MemTrackControl.h"
+
+namespace fake {
+namespace {
+
+std::recursive_mutex mutex;
+std::string events;
+std::vector<std::string> log_lines;
+
+std::string Name(const void* pointer) {
+  if (pointer == nullptr) return "null";
+  if (pointer == new_block) return "new";
+  return pointer == old_block ? "old" : "?";
+}
+
+std::string Name(std::size_t number) {
+  return std::to_string(number);
+}
+
+template <typename... Arguments>
+void Note(const char* name, Arguments... arguments) {
+  std::string text;
+  ((text += (text.empty() ? "" : ",") + Name(arguments)), ...);
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  const bool marked = control != nullptr && !control->ThreadEnabled();
+  const std::lock_guard lock(mutex);
+  if (!events.empty()) events += ' ';
+  events += name + ("(" + text + ")") + (marked ? "*" : "");
+}
+
+template <typename... Arguments>
+void* Allocate(const char* name, Arguments... arguments) {
+  Note(name, arguments...);
+  return Now().allocation_fails ? nullptr : new_block;
+}
+
+}  // namespace
+
+char new_block[64];
+char old_block[64];
+std::uint32_t zygote_flag = 0;
+bool* ZygoteFlag() {
+  return reinterpret_cast<bool*>(&zygote_flag);
+}
+
+Behaviour& Now() {
+  static Behaviour behaviour;
+  return behaviour;
+}
+
+void Reset() {
+  Now() = Behaviour{};
+  TakeEvents();
+  TakeLog();
+}
+
+std::string TakeEvents() {
+  const std::lock_guard lock(mutex);
+  return std::exchange(events, {});
+}
+
+std::vector<std::string> TakeLog() {
+  const std::lock_guard lock(mutex);
+  return std::exchange(log_lines, {});
+}
+
+const MallocDispatch& Dispatch() {
+  static const MallocDispatch table = {
+      [](size_t count, size_t size) { return Allocate("calloc", count, size); },
+      [](void* pointer) { Note("free", pointer); },
+      [] {
+        Note("mallinfo");
+        struct mallinfo info = {};
+        info.arena = 17;
+        return info;
+      },
+      [](size_t size) { return Allocate("malloc", size); },
+      [](const void* pointer) {
+        Note("usable", pointer);
+        return size_t{48};
+      },
+      [](size_t alignment, size_t size) { return Allocate("memalign", alignment, size); },
+      [](void** result, size_t alignment, size_t size) {
+        *result = Allocate("posix_memalign", alignment, size);
+        return 5;
+      },
+      [](void* pointer, size_t size) { return Allocate("realloc", pointer, size); },
+      [](uintptr_t base, size_t size, void (*callback)(uintptr_t, size_t, void*), void* argument) {
+        callback(base, size, argument);
+        return 6;
+      },
+      [] { Note("disable"); },
+      [] { Note("enable"); },
+      [](int parameter, int value) { return parameter + value; },
+      [](size_t alignment, size_t size) { return Allocate("aligned_alloc", alignment, size); },
+      [](int options, FILE*) { return 100 + options; },
+  };
+  return table;
+}
+
+}  // namespace fake
+
+bool PointerData::Initialize() {
+  fake::Note("Initialize");
+  return !fake::Now().store_initialize_fails;
+}
+void PointerData::Add(const void* pointer, std::size_t size) {
+  fake::Note("Add", pointer, size);
+  if (fake::Now().in_add) fake::Now().in_add();
+}
+void PointerData::Remove(const void* pointer, std::size_t size) {
+  fake::Note("Remove", pointer, size);
+}
+std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t*, std::size_t max_frames) {
+  fake::Note("GetFrames", pointer, max_frames);
+  return 3;
+}
+void PointerData::PrepareFork() {
+  fake::Note("PrepareFork");
+}
+void PointerData::PostForkParent() {
+  fake::Note("PostForkParent");
+}
+void PointerData::PostForkChild() {
+  fake::Note("PostForkChild");
+}
+std::uint32_t PointerData::GetMaxBacktraceNum() {
+  return fake::Now().backtrace_size;
+}
+void PointerData::GetInfo(std::uint8_t**, std::size_t* overall_size, std::size_t*, std::size_t*,
+                          std::size_t*, std::vector<RecordStruct>* list) {
+  fake::Note("GetInfo", *overall_size, static_cast<const void*>(list));
+  *overall_size = 99;
+}
+void PointerData::DumpAllocationTracesToFile() {
+  fake::Note("Report");
+  if (fake::Now().in_report) fake::Now().in_report();
+}
+
+void BacktraceStartup() {
+  fake::Note("BacktraceStartup");
+}
+char GetBacktraceTypeFromProp() {
+  return fake::Now().backtrace_type;
+}
+
+const char* platform::ProgramName() {
+  return "program";
+}
+
+int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
+  char text[512];
+  std::va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  const std::lock_guard lock(fake::mutex);
+  fake::log_lines.push_back(std::to_string(priority) + " " + tag + " " + text);
+  return length;
+}

@@ -1,0 +1,184 @@
+// Start-up, shut-down, clearing, fork handlers and callback slots.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "fakes.h"
+#include "tracker/DebugData.h"
+#include "tracker/MallocMemTrack.h"
+#include "tracker/MemTrackControl.h"
+#include "tracker/SignalControl.h"
+
+namespace {
+bool sigaction_fails = false;
+}
+
+extern "C" int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* old);
+// The linker sends the tracker's calls here.
+extern "C" int __wrap_sigaction(int signal, const struct sigaction* action, struct sigaction* old) {
+  if (!sigaction_fails) return __real_sigaction(signal, action, old);
+  errno = EPERM;
+  return -1;
+}
+
+namespace {
+
+bool Start() {
+  return track_initialize(&fake::Dispatch(), fake::ZygoteFlag(), "options");
+}
+
+std::vector<pthread_key_t> TakeFreeKeys(std::size_t leave) {
+  std::vector<pthread_key_t> keys;
+  pthread_key_t key = 0;
+  while (pthread_key_create(&key, nullptr) == 0) keys.push_back(key);
+  for (; leave > 0; --leave) {
+    pthread_key_delete(keys.back());
+    keys.pop_back();
+  }
+  return keys;
+}
+
+void GiveBack(const std::vector<pthread_key_t>& keys) {
+  for (const pthread_key_t key : keys) pthread_key_delete(key);
+}
+
+TEST(LifecycleTest, StartAndStopAndStartAgain) {
+  fake::Reset();
+  EXPECT_FALSE(track_initialize(nullptr, fake::ZygoteFlag(), ""));
+  EXPECT_FALSE(track_initialize(&fake::Dispatch(), nullptr, ""));
+  EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
+
+  struct sigaction before = {};
+  before.sa_handler = SIG_IGN;
+  ASSERT_EQ(__real_sigaction(44, &before, nullptr), 0);
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(Start());
+    EXPECT_EQ(fake::TakeEvents(), "Initialize() BacktraceStartup()");
+    MemTrackControl* control = MemTrackControl::GetInstance();
+    EXPECT_EQ(MemTrackControl::GetMallocZygoteChild(), fake::ZygoteFlag());
+    EXPECT_FALSE(control->GetHookStart() || control->GetHookEverStarted());
+    EXPECT_TRUE(control->ThreadEnabled());
+    struct sigaction installed = {};
+    ASSERT_EQ(__real_sigaction(44, nullptr, &installed), 0);
+    EXPECT_EQ(installed.sa_sigaction, TrackSigaction);
+    EXPECT_EQ(installed.sa_flags & (SA_SIGINFO | SA_RESTART | SA_ONSTACK | SA_NODEFER), SA_SIGINFO);
+    EXPECT_EQ(sigismember(&installed.sa_mask, 44), 1);
+    EXPECT_EQ(sigismember(&installed.sa_mask, SIGTERM), 0);
+
+    control->ConfigHookStatus(true, true);
+    track_finalize();
+    EXPECT_FALSE(control->GetHookStart() || control->GetHookEverStarted());
+    struct sigaction restored = {};
+    ASSERT_EQ(__real_sigaction(44, nullptr, &restored), 0);
+    EXPECT_EQ(restored.sa_handler, SIG_IGN);
+    EXPECT_EQ(DebugData::GetInstance()->pointer(), nullptr);
+    // Entries keep working, and nothing records, even when the switch is thrown once more.
+    control->ConfigHookStatus(true, true);
+    track_free(track_realloc(track_malloc(5), 6));
+    std::thread([] { track_free(track_malloc(7)); }).join();
+    track_malloc_disable();
+    track_malloc_enable();
+    EXPECT_EQ(fake::TakeEvents(),
+              "malloc(5)* realloc(new,6)* free(new)* malloc(7)* free(new)* disable()* enable()*");
+  }
+  EXPECT_TRUE(fake::TakeLog().empty());
+}
+
+TEST(LifecycleTest, AFailedStartLeavesNothingBehind) {
+  fake::Reset();
+  for (const std::size_t left : {0, 1, 2}) {
+    const std::vector<pthread_key_t> keys = TakeFreeKeys(left);
+    EXPECT_FALSE(Start());
+    GiveBack(keys);
+    EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
+    const std::vector<std::string> log = fake::TakeLog();
+    ASSERT_EQ(log.size(), 1U);
+    EXPECT_EQ(log[0].rfind("6 MemLeak.Native pthread_key_create failed: Resource", 0), 0U);
+  }
+  fake::Now().store_initialize_fails = true;
+  const std::vector<pthread_key_t> keys_before = TakeFreeKeys(0);
+  GiveBack(keys_before);
+  EXPECT_FALSE(Start());
+  EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
+  const std::vector<pthread_key_t> keys_after = TakeFreeKeys(0);
+  GiveBack(keys_after);
+  EXPECT_EQ(keys_after.size(), keys_before.size());
+
+  fake::Reset();
+  EXPECT_TRUE(Start());
+  track_finalize();
+}
+
+TEST(LifecycleTest, SignalSetUpFailuresAreLoggedOnly) {
+  fake::Reset();
+  sigaction_fails = true;
+  EXPECT_TRUE(Start());
+  track_finalize();
+  sigaction_fails = false;
+  EXPECT_EQ(fake::TakeLog(),
+            (std::vector<std::string>{"6 MemLeak.Native Failed to register_signal handler errmsg: "
+                                      "Operation not permitted",
+                                      "6 MemLeak.Native Failed to register signal handler errmsg: "
+                                      "Operation not permitted"}));
+}
+
+TEST(LifecycleTest, CallbackSlots) {
+  if (MemTrackControl::GetInstance() != nullptr) MemTrackControl::DestroyInstance();
+  void (*const callback)() = [] {};
+  EXPECT_FALSE(RegistryAllocateTracker(2, nullptr));
+  EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
+  EXPECT_FALSE(RegistryAllocateTracker(6, callback));
+  MemTrackControl* early = MemTrackControl::GetInstance();
+  ASSERT_NE(early, nullptr);
+  EXPECT_TRUE(RegistryAllocateTracker(5, callback));
+  ASSERT_TRUE(Start());
+  EXPECT_EQ(MemTrackControl::GetInstance(), early);
+  EXPECT_EQ(early->tracker(5), callback);
+  track_finalize();
+}
+
+TEST(LifecycleTest, ForkReachesTheStore) {
+  fake::Reset();
+  ASSERT_TRUE(Start());
+  track_finalize();
+  ASSERT_TRUE(Start());  // a second start must not register the handlers a second time
+  fake::TakeEvents();
+  const pid_t child = fork();
+  if (child == 0) _exit(fake::TakeEvents() == "PrepareFork() PostForkChild()" ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(fake::TakeEvents(), "PrepareFork() PostForkParent()");
+  track_finalize();
+  const pid_t second = fork();
+  if (second == 0) _exit(0);
+  ASSERT_EQ(waitpid(second, &status, 0), second);
+  EXPECT_EQ(fake::TakeEvents(), "");
+}
+
+TEST(LifecycleTest, ClearsAndSwitchesWhileOthersAllocate) {
+  fake::Reset();
+  ASSERT_TRUE(Start());
+  std::atomic<bool> done{false};
+  std::thread threads[3];
+  for (std::thread& thread : threads) {
+    thread = std::thread([&done] {
+      while (!done) track_free(track_realloc(track_calloc(1, 8), 9));
+    });
+  }
+  for (int i = 0; i < 300; ++i) {
+    MemTrackControl::GetInstance()->ConfigHookStatus(i % 2 == 0, i % 3 != 0);
+    EXPECT_TRUE(DebugData::Initialize(DebugData::GetInstance()));
+    fake::TakeEvents();
+  }
+  track_finalize();  // threads are still inside
+  done = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+// run, on, pause, clear and send: what changes the state of a process.
+#include <elf.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+
+#include "tools/commands.h"
+#include "tools/control.h"
+#include "tools/elf_info.h"
+#include "tools/process_info.h"
+#include "tools/root_directory.h"
+#include "tools/signal_sender.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+// How long a command waits for a process that is only just being started; an emulator takes its
+// time.
+constexpr int kStartPatienceMs = 3000;
+
+bool IsArm64(const ProcessInfo& process) {
+  if (process.is_emulated) return process.executable.find("aarch64") != std::string::npos;
+  const std::optional<ElfInfo> image = ReadElf("/proc/" + std::to_string(process.pid) + "/exe");
+  return image && image->machine == EM_AARCH64;
+}
+
+// x86-64 system libraries keep no frame pointers.
+char DefaultType(const ProcessInfo& process) {
+  return IsArm64(process) ? kUnwindFramePointers : kUnwindTables;
+}
+
+// Puts the chosen settings in force, and defaults where a process has none; returns what holds.
+BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
+  const std::optional<std::string> own = ReadTextFile(process.PropertiesPath());
+  const std::optional<std::string> shared = ReadTextFile(process.shared_properties);
+  // An own file hides the shared one, so it starts as its copy.
+  const std::string current = own ? *own : shared.value_or("");
+
+  BacktraceSettings wanted{options.depth, options.type};
+  const bool chosen = wanted.depth || wanted.type;
+  const bool bare = !own && process.shared_properties.empty() && process.root != "/";
+  if (bare) {
+    wanted.type = wanted.type.value_or(DefaultType(process));
+    wanted.depth = wanted.depth.value_or(kDefaultDepth);
+  }
+  const std::string updated = UpdateProperties(current, wanted);
+  if (chosen || bare) WriteProperties(process.root, updated);
+
+  BacktraceSettings in_force = ParseSettings(updated);
+  if (!in_force.type) in_force.type = kUnwindFramePointers;
+  if (!in_force.depth) in_force.depth = kDefaultDepth;
+  return in_force;
+}
+
+std::string MethodName(char type) {
+  if (type == kUnwindFramePointers) return "frame pointers";
+  if (type == kUnwindTables) return "dwarf";
+  return std::string("invalid type '") + type + "'";
+}
+
+int SendSimple(pid_t pid, std::uint64_t word, const char* done) {
+  const ProcessInfo process = RequireTracked(pid, kStartPatienceMs);
+  SendCommand(process, word, 0);
+  std::cout << process.Label() << ": " << done << "\n";
+  return kExitOk;
+}
+
+}  // namespace
+
+int RunCommand(const RunOptions& options) {
+  const LaunchPlan plan = PlanLaunch(options);
+  // The program's own output is not touched; a person at a terminal gets to know the PID.
+  if (isatty(STDERR_FILENO) == 1) {
+    std::cerr << "memleak: process " << getpid() << ", root directory " << plan.root << std::endl;
+  }
+  Launch(plan);
+}
+
+int OnCommand(const OnOptions& options) {
+  const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+  const BacktraceSettings settings = ApplySettings(process, options);
+  // Both bits in one word: recording goes on first and is then emptied.
+  const std::uint64_t word = options.keep ? kNativeOn : kNativeOn | kNativeClear;
+  SendCommand(process, word, ParameterWord(std::min(*settings.depth, kMaxDepth), *settings.type));
+  std::cout << process.Label() << ": recording on, "
+            << (options.keep ? "earlier records kept" : "tables emptied") << ", " << *settings.depth
+            << " frames by " << MethodName(*settings.type) << "\n";
+  return kExitOk;
+}
+
+int PauseCommand(pid_t pid) {
+  return SendSimple(pid, kNativePause, "recording paused; freed blocks still leave the tables");
+}
+
+int ClearCommand(pid_t pid) {
+  return SendSimple(pid, kNativeClear, "tables emptied");
+}
+
+int SendWordCommand(const SendOptions& options) {
+  const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+  SendCommand(process, options.word, options.parameter);
+  std::cout << process.Label() << ": sent word 0x" << std::hex << options.word << ", parameter 0x"
+            << options.parameter << std::dec << "\n";
+  return kExitOk;
+}
+
+}  // namespace memleak

@@ -1,0 +1,27 @@
+// Figures and texts as people read them. Called by everything that prints; single-threaded.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace memleak {
+
+/// "512 B", "1.5 KiB", "12.0 MiB", ... up to EiB; one decimal above bytes.
+std::string FormatBytes(std::uint64_t bytes);
+
+/// "1,572,864".
+std::string FormatCount(std::uint64_t count);
+
+/// Seconds in at most two units: "8s", "3m 20s", "2h 5m", "1d 4h"; a negative age (the clock was
+/// set back) keeps its sign.
+std::string FormatAge(std::int64_t seconds);
+
+/// `text` with control characters replaced by '?', so that a name cannot steer the terminal, and
+/// shortened in the middle to `width` columns (a code point counts as one).
+std::string FitWidth(std::string_view text, std::size_t width);
+
+/// Number of code points in UTF-8 `text`.
+std::size_t Columns(std::string_view text);
+
+}  // namespace memleak

@@ -1,0 +1,229 @@
+// The program `memleak`: its command line, as a table of subcommands. Everything a person did wrong
+// ends here, as one line and exit code 2.
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <exception>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/commands.h"
+#include "tools/control.h"
+#include "tools/help_texts.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+/// Everything the command line can set.
+struct Options {
+  RunOptions run;
+  OnOptions on;
+  ReportOptions report;
+  SendOptions send;
+  ShowOptions show;
+  pid_t pid = 0;
+  std::uint32_t depth = 0;
+  std::string unwind;
+  std::string word;
+  std::string parameter = "0";
+};
+
+// The whole of `text` as a number, decimal or with "0x".
+std::uint64_t ParseNumber(const std::string& name, const std::string& text, std::uint64_t limit) {
+  const bool hex = text.starts_with("0x") || text.starts_with("0X");
+  const char* begin = text.data() + (hex ? 2 : 0);
+  const char* end = text.data() + text.size();
+  std::uint64_t value = 0;
+  const auto result = std::from_chars(begin, end, value, hex ? 16 : 10);
+  if (result.ec != std::errc() || result.ptr != end || value > limit) {
+    throw UserError(name + " is not a number in range: " + text, "give one such as 0x90");
+  }
+  return value;
+}
+
+/// Help as the library prints it, but for what it cannot know: the words after `run`'s options.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() { column_width(26); }
+  std::string make_usage(const CLI::App* app, std::string name) const override {
+    if (app->get_name() != "run") return CLI::Formatter::make_usage(app, name);
+    return "Usage: memleak run [OPTIONS] -- PROGRAM [ARGUMENTS...]\n\n";
+  }
+};
+
+CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text) {
+  CLI::App* command = app->add_subcommand(name, summary);
+  command->footer(text);
+  return command;
+}
+
+CLI::App* AddPidCommand(CLI::App* app, const char* name, const char* summary, const char* text,
+                        Options* options) {
+  CLI::App* command = AddCommand(app, name, summary, text);
+  command->add_option("PID", options->pid, "Process id")->required()->option_text(" ");
+  return command;
+}
+
+void AddBacktraceOptions(CLI::App* command, Options* options) {
+  command->add_option("--depth", options->depth, "Frames kept per allocation")
+      ->check(CLI::Range(std::uint32_t{1}, kMaxDepth))
+      ->option_text("N");
+  command
+      ->add_option("--unwind", options->unwind,
+                   "By frame pointers (aarch64's default) or\n"
+                   "unwind tables (x86-64's)")
+      ->check(CLI::IsMember({"fp", "dwarf"}))
+      ->option_text("fp|dwarf");
+}
+
+void AddRun(CLI::App* app, Options* options) {
+  CLI::App* command = AddCommand(app, "run", "Start a program under the tracker", help::kRun);
+  command->prefix_command();
+  RunOptions& run = options->run;
+  command->add_flag("--start", run.start, "Record from before main");
+  command->add_flag("--report-at-exit", run.report_at_exit, "Write a report when the program ends");
+  AddBacktraceOptions(command, options);
+  command->add_option("--root", run.root, "Root directory (default: ./memleak.<pid>)")
+      ->option_text("DIR");
+  command->add_option("--log", run.log, "The tracker's log: a file, or stderr")
+      ->option_text("FILE");
+  command->add_option("--libdir", run.libdir, "Directory of the tracker's two libraries")
+      ->option_text("DIR");
+  command->add_option("--emulator", run.emulator, "Runs programs of another architecture")
+      ->option_text("COMMAND");
+}
+
+void AddCommands(CLI::App* app, Options* options) {
+  AddRun(app, options);
+  CLI::App* on = AddPidCommand(app, "on", "Start recording", help::kOn, options);
+  on->add_flag("--keep", options->on.keep, "Keep what is recorded already");
+  AddBacktraceOptions(on, options);
+  AddPidCommand(app, "pause", "Record nothing new for a while", help::kPause, options);
+  CLI::App* report =
+      AddPidCommand(app, "report", "Stop recording and write a report", help::kReport, options);
+  report
+      ->add_option("--timeout", options->report.timeout_s,
+                   "Seconds to wait for the report (60); 0: without end")
+      ->option_text("SECONDS");
+  AddPidCommand(app, "clear", "Drop everything recorded so far", help::kClear, options);
+  CLI::App* send = AddPidCommand(app, "send", "Send a control word", help::kSend, options);
+  send->add_option("--word", options->word, "Control word")->required()->option_text("WORD");
+  send->add_option("--parameter", options->parameter, "Parameter word (0)")->option_text("WORD");
+  AddPidCommand(app, "status", "Say what is known of a process", help::kStatus, options);
+  CLI::App* show = AddCommand(app, "show", "Print a report", help::kShow);
+  show->add_option("REPORT", options->show.report, "Report, or root directory")
+      ->required()
+      ->option_text(" ");
+  show->add_option("--top", options->show.top, "Groups to show (10); 0: all")->option_text("N");
+  show->add_flag("--partial", options->show.partial, "Accept a truncated report");
+}
+
+template <typename Target>
+void CopyBacktraceOptions(const CLI::App& command, const Options& options, Target* target) {
+  if (command.count("--depth") != 0) target->depth = options.depth;
+  if (command.count("--unwind") != 0) {
+    target->type = options.unwind == "fp" ? kUnwindFramePointers : kUnwindTables;
+  }
+}
+
+int Dispatch(const CLI::App& command, Options* options) {
+  const std::string& name = command.get_name();
+  if (name == "run") {
+    CopyBacktraceOptions(command, *options, &options->run);
+    return RunCommand(options->run);
+  }
+  if (name == "on") {
+    options->on.pid = options->pid;
+    CopyBacktraceOptions(command, *options, &options->on);
+    return OnCommand(options->on);
+  }
+  if (name == "report") {
+    options->report.pid = options->pid;
+    return ReportCommand(options->report);
+  }
+  if (name == "send") {
+    options->send = {
+        options->pid,
+        ParseNumber("--word", options->word, std::numeric_limits<std::uint64_t>::max()),
+        static_cast<std::uint32_t>(ParseNumber("--parameter", options->parameter,
+                                               std::numeric_limits<std::uint32_t>::max()))};
+    return SendWordCommand(options->send);
+  }
+  if (name == "pause") return PauseCommand(options->pid);
+  if (name == "clear") return ClearCommand(options->pid);
+  if (name == "status") return StatusCommand(options->pid);
+  return ShowCommand(options->show);
+}
+
+// The program and its arguments: what follows "--", after what `run` did not know itself.
+std::vector<std::string> ProgramWords(const CLI::App& command,
+                                      const std::vector<std::string>& after_dashes, bool dashes) {
+  std::vector<std::string> words = command.remaining();
+  if (!words.empty() && words.front().starts_with('-')) {
+    throw UserError("unknown option: " + words.front(), "see memleak run --help");
+  }
+  // With a program before it, "--" is the program's own argument.
+  if (!words.empty() && dashes) words.emplace_back("--");
+  words.insert(words.end(), after_dashes.begin(), after_dashes.end());
+  return words;
+}
+
+bool HasCommand(CLI::App* app, const std::string& name) {
+  return !app->get_subcommands([&](CLI::App* command) { return command->get_name() == name; })
+              .empty();
+}
+
+int Main(const std::vector<std::string>& arguments) {
+  CLI::App app{"memleak - find which call stacks of a running program hold its memory", "memleak"};
+  app.require_subcommand(1);
+  app.footer(help::kMain);
+  app.formatter(std::make_shared<HelpFormatter>());
+  Options options;
+  AddCommands(&app, &options);
+
+  if (!arguments.empty() && !arguments.front().starts_with('-') &&
+      !HasCommand(&app, arguments.front())) {
+    throw UserError("unknown command: " + arguments.front(), "see memleak --help");
+  }
+  // The library would take what follows "--" for its own positional arguments.
+  const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
+  const bool has_dashes = dashes != arguments.end();
+  const std::vector<std::string> program(has_dashes ? dashes + 1 : dashes, arguments.end());
+  try {
+    // This form of parse takes the words in reverse.
+    app.parse(std::vector<std::string>(std::make_reverse_iterator(dashes), arguments.rend()));
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    const auto chosen = app.get_subcommands();
+    const std::string name = chosen.empty() ? "" : " " + chosen.front()->get_name();
+    throw UserError(error.what(), "see memleak" + name + " --help");
+  }
+  const CLI::App& command = *app.get_subcommands().front();
+  if (command.get_name() == "run") {
+    options.run.command = ProgramWords(command, program, has_dashes);
+  } else if (!program.empty()) {
+    throw UserError("unexpected argument: " + program.front(),
+                    "see memleak " + command.get_name() + " --help");
+  }
+  return Dispatch(command, &options);
+}
+
+}  // namespace
+}  // namespace memleak
+
+int main(int count, char** values) {
+  try {
+    return memleak::Main(std::vector<std::string>(values + 1, values + count));
+  } catch (const memleak::UserError& error) {
+    std::cerr << "memleak: " << error.what() << "\n";
+    return memleak::kExitUserError;
+  } catch (const std::exception& error) {
+    std::cerr << "memleak: internal error: " << error.what() << "\n";
+    return memleak::kExitNegative;
+  }
+}

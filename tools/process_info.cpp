@@ -1,0 +1,253 @@
+// Reading and parsing /proc for the commands that name a PID.
+#include "tools/process_info.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "tools/control.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kEmulatorPrefix = "qemu-";
+constexpr auto kStartPoll = std::chrono::milliseconds(20);
+
+// Calls `visit` for every line of `text` until it returns false.
+template <typename Visitor>
+void ForEachLine(std::string_view text, char separator, Visitor visit) {
+  while (!text.empty()) {
+    const std::size_t end = text.find(separator);
+    if (!visit(text.substr(0, end)) || end == std::string_view::npos) return;
+    text.remove_prefix(end + 1);
+  }
+}
+
+std::string_view StatusField(std::string_view status, std::string_view name) {
+  std::string_view value;
+  ForEachLine(status, '\n', [&](std::string_view line) {
+    if (!line.starts_with(name) || line.substr(name.size(), 1) != ":") return true;
+    line.remove_prefix(name.size() + 1);
+    const std::size_t start = line.find_first_not_of(" \t");
+    value = start == std::string_view::npos ? std::string_view() : line.substr(start);
+    return false;
+  });
+  return value;
+}
+
+UserError NoSuchProcess(pid_t pid) {
+  return {"no such process: " + std::to_string(pid), "check the PID: pgrep -a NAME"};
+}
+
+UserError NotPermitted(pid_t pid, const std::string& path) {
+  return {"not permitted to look at process " + std::to_string(pid) + " (" + path + ")",
+          "run memleak as the user who owns it, or as root"};
+}
+
+// Reads a whole file of /proc; errors become the messages a person needs.
+std::string ReadProc(pid_t pid, const std::string& name) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/" + name;
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    if (errno == EACCES || errno == EPERM) throw NotPermitted(pid, path);
+    throw NoSuchProcess(pid);
+  }
+  std::string text;
+  std::array<char, 65536> buffer{};
+  ssize_t count = 0;
+  while ((count = read(file, buffer.data(), buffer.size())) > 0) {
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  const int error = errno;
+  close(file);
+  if (count < 0 && (error == EACCES || error == EPERM)) throw NotPermitted(pid, path);
+  if (count < 0) throw NoSuchProcess(pid);
+  return text;
+}
+
+std::string ReadLink(const std::string& path) {
+  std::error_code error;
+  return fs::read_symlink(path, error).string();
+}
+
+// A path from the process's environment, absolute, with "%p" replaced.
+std::string OwnPath(const std::string& value, const ProcessInfo& process) {
+  const fs::path path = ExpandPid(value, process.pid);
+  if (path.is_absolute()) return path.lexically_normal().string();
+  const fs::path cwd = ReadLink("/proc/" + std::to_string(process.pid) + "/cwd");
+  return (cwd / path).lexically_normal().string();
+}
+
+std::string Lookup(const std::map<std::string, std::string>& environment, const char* name) {
+  const auto entry = environment.find(name);
+  return entry == environment.end() ? "" : entry->second;
+}
+
+// True while the process is still this controller about to become a program, or a program whose
+// dynamic linker has not come to the tracker yet.
+bool IsStarting(const ProcessInfo& process) {
+  if (process.environment.contains(kRootVariable)) return true;
+  return process.executable == ReadLink("/proc/self/exe");
+}
+
+}  // namespace
+
+bool CatchesSignal(std::string_view status, int signal) {
+  const std::string_view mask = StatusField(status, "SigCgt");
+  std::uint64_t bits = 0;
+  const auto result = std::from_chars(mask.data(), mask.data() + mask.size(), bits, 16);
+  return result.ec == std::errc() && ((bits >> (signal - 1)) & 1) != 0;
+}
+
+bool IsZombie(std::string_view status) {
+  const std::string_view state = StatusField(status, "State");
+  return state.starts_with('Z') || state.starts_with('X');
+}
+
+bool MapsLibrary(std::string_view maps, std::string_view library) {
+  // A library that was rebuilt meanwhile is still the one in force.
+  constexpr std::string_view kDeleted = " (deleted)";
+  bool found = false;
+  ForEachLine(maps, '\n', [&](std::string_view line) {
+    if (line.ends_with(kDeleted)) line.remove_suffix(kDeleted.size());
+    const std::size_t slash = line.rfind('/');
+    found = slash != std::string_view::npos && line.substr(slash + 1) == library;
+    return !found;
+  });
+  return found;
+}
+
+std::map<std::string, std::string> ParseEnvironment(std::string_view environ_text) {
+  std::map<std::string, std::string> environment;
+  ForEachLine(environ_text, '\0', [&](std::string_view entry) {
+    const std::size_t equals = entry.find('=');
+    if (equals != std::string_view::npos) {
+      environment.emplace(entry.substr(0, equals), entry.substr(equals + 1));
+    }
+    return true;
+  });
+  return environment;
+}
+
+std::string ExpandPid(std::string_view text, pid_t pid) {
+  std::string expanded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text.substr(i, 2) == "%p") {
+      expanded += std::to_string(pid);
+      ++i;
+    } else {
+      expanded += text[i];
+    }
+  }
+  return expanded;
+}
+
+std::string ProcessInfo::Label() const {
+  return std::to_string(pid) + " (" + name + ")";
+}
+
+std::string ProcessInfo::PropertiesPath() const {
+  return (fs::path(root) / kPropertiesFile).string();
+}
+
+std::string ProcessInfo::ReportPath() const {
+  return (fs::path(root) / kReportFile).string();
+}
+
+ProcessInfo InspectProcess(pid_t pid) {
+  if (pid <= 0) throw UserError("not a process id: " + std::to_string(pid), "give a PID above 0");
+  const std::string status = ReadProc(pid, "status");
+  if (IsZombie(status)) {
+    throw UserError("no such process: " + std::to_string(pid) + " has ended", "start it again");
+  }
+  ProcessInfo process;
+  process.pid = pid;
+  process.name = StatusField(status, "Name");
+  process.catches_signal = CatchesSignal(status, kControlSignal);
+  process.environment = ParseEnvironment(ReadProc(pid, "environ"));
+  process.has_tracker = MapsLibrary(ReadProc(pid, "maps"), kTrackerLibrary);
+  process.executable = ReadLink("/proc/" + std::to_string(pid) + "/exe");
+  process.is_emulated =
+      fs::path(process.executable).filename().string().starts_with(kEmulatorPrefix);
+
+  const std::string root = Lookup(process.environment, kRootVariable);
+  process.root = root.empty() ? "/" : OwnPath(root, process);
+  const std::string log = Lookup(process.environment, kLogVariable);
+  if (!log.empty() && log != "stderr") process.log = OwnPath(log, process);
+  const std::string shared = Lookup(process.environment, kPropertiesVariable);
+  if (!shared.empty()) process.shared_properties = OwnPath(shared, process);
+  return process;
+}
+
+ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patience_ms);
+  while (true) {
+    ProcessInfo process = InspectProcess(pid);
+    // The emulator catches every real-time signal, so there the mask proves nothing.
+    const bool handles = process.is_emulated || process.catches_signal;
+    if (process.has_tracker && handles) return process;
+    if (!IsStarting(process) || std::chrono::steady_clock::now() >= deadline) {
+      if (!process.has_tracker) {
+        throw UserError(
+            "process " + process.Label() + " is not loaded with the tracker; nothing was sent",
+            "start it with: memleak run -- PROGRAM");
+      }
+      throw UserError("process " + process.Label() +
+                          " does not catch signal 44, which would kill it; nothing was sent",
+                      "start it anew with: memleak run -- PROGRAM");
+    }
+    std::this_thread::sleep_for(kStartPoll);
+  }
+}
+
+bool IsAlive(pid_t pid) {
+  if (kill(pid, 0) != 0 && errno == ESRCH) return false;
+  try {
+    return !IsZombie(ReadProc(pid, "status"));
+  } catch (const UserError&) {
+    return false;
+  }
+}
+
+bool RunsEmulated() {
+  // The emulator answers /proc/self/exe with the guest's program, but not this alias.
+  const fs::path executable = ReadLink("/proc/thread-self/exe");
+  return executable.filename().string().starts_with(kEmulatorPrefix);
+}
+
+Recording RecordingFromLog(std::string_view log) {
+  constexpr std::string_view kReceived = "received_sig ";
+  constexpr std::string_view kAddress = ";addr:0x";
+  Recording state = Recording::kNever;
+  ForEachLine(log, '\n', [&](std::string_view line) {
+    if (line.find("set hook to:true") != std::string_view::npos) state = Recording::kOn;
+    if (line.find("set hook to:false") != std::string_view::npos) state = Recording::kPaused;
+    const std::size_t address = line.find(kAddress);
+    if (line.find(kReceived) == std::string_view::npos || address == std::string_view::npos) {
+      return true;
+    }
+    // Stopping logs no line of its own, so the command word itself is read.
+    const std::string_view digits = line.substr(address + kAddress.size());
+    std::uint64_t word = 0;
+    std::from_chars(digits.data(), digits.data() + digits.size(), word, 16);
+    if ((word & kNativeOn) != 0) state = Recording::kOn;
+    if ((word & kNativePause) != 0) state = Recording::kPaused;
+    if ((word & kNativeReport) != 0) state = Recording::kStopped;
+    return true;
+  });
+  return state;
+}
+
+}  // namespace memleak

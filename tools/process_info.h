@@ -1,0 +1,74 @@
+// What /proc tells about a process: is the tracker in it, would it survive the control signal,
+// where does it keep its files. The text parsers stand apart from the reading, so they can be
+// tested with made-up text. Single-threaded.
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace memleak {
+
+/// True when bit `signal` - 1 of the SigCgt mask in the text of /proc/PID/status is set.
+bool CatchesSignal(std::string_view status, int signal);
+
+/// True when the text of /proc/PID/status says that the process has ended and waits to be reaped.
+bool IsZombie(std::string_view status);
+
+/// True when a line of the text of /proc/PID/maps names a file whose last path part is `library`.
+bool MapsLibrary(std::string_view maps, std::string_view library);
+
+/// Splits the text of /proc/PID/environ. Of two entries with one name the first counts, as for
+/// getenv; entries without '=' are dropped.
+std::map<std::string, std::string> ParseEnvironment(std::string_view environ_text);
+
+/// Replaces every "%p" in `text` by `pid`.
+std::string ExpandPid(std::string_view text, pid_t pid);
+
+/// A running process as seen from outside.
+struct ProcessInfo {
+  pid_t pid = 0;
+  std::string name;             ///< /proc/PID/comm
+  std::string executable;       ///< target of /proc/PID/exe
+  bool is_emulated = false;     ///< the executable is a user-mode emulator ("qemu-...")
+  bool has_tracker = false;     ///< the tracker's library is mapped
+  bool catches_signal = false;  ///< 44 is caught; tells nothing about an emulated process
+  std::map<std::string, std::string> environment;
+  /// Absolute root directory ("/" when the environment names none).
+  std::string root;
+  /// Absolute path of the tracker's log, empty when there is none or it is the error output.
+  std::string log;
+  /// The properties file shared by processes without an own one; empty when unset.
+  std::string shared_properties;
+
+  /// "PID (NAME)", for messages.
+  std::string Label() const;
+  std::string PropertiesPath() const;
+  std::string ReportPath() const;
+};
+
+/// Looks at process `pid`. Throws UserError when there is no such process or looking is not
+/// allowed.
+ProcessInfo InspectProcess(pid_t pid);
+
+/// As InspectProcess, for a process that a command is about to be sent to: waits up to
+/// `patience_ms` for one that is only just being started, then throws UserError unless the tracker
+/// is loaded and the signal is handled.
+ProcessInfo RequireTracked(pid_t pid, int patience_ms);
+
+/// True while `pid` names a process that has not ended.
+bool IsAlive(pid_t pid);
+
+/// Whether this controller itself runs under a user-mode emulator.
+bool RunsEmulated();
+
+/// What the tracker's log says about native recording.
+enum class Recording { kUnknown, kNever, kOn, kPaused, kStopped };
+
+/// The state after the last command in the text of a tracker log.
+Recording RecordingFromLog(std::string_view log);
+
+}  // namespace memleak

@@ -1,0 +1,252 @@
+// The report grammar, line by line.
+#include "tools/report_parser.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0:\n";
+constexpr std::string_view kJavaRule =
+    "==============================Java-Native Stack==============================";
+constexpr std::string_view kEnd = "END";
+// The tracker's spelling.
+constexpr std::string_view kUnknownFrame = "[unknow]";
+constexpr std::string_view kOffsetMark = "+0x";
+constexpr std::string_view kBacktraceMark = "bt ";
+constexpr std::string_view kGroupMark = "sz ";
+
+// A cursor over one line; every Take consumes what it matches, or nothing.
+class Cursor {
+ public:
+  explicit Cursor(std::string_view text) : rest_(text) {}
+
+  bool Take(std::string_view literal) {
+    if (!rest_.starts_with(literal)) return false;
+    rest_.remove_prefix(literal.size());
+    return true;
+  }
+
+  template <typename T>
+  bool TakeNumber(T* value, int base = 10) {
+    const char* end = rest_.data() + rest_.size();
+    const auto result = std::from_chars(rest_.data(), end, *value, base);
+    if (result.ec != std::errc()) return false;
+    rest_.remove_prefix(static_cast<std::size_t>(result.ptr - rest_.data()));
+    return true;
+  }
+
+  void Skip(std::size_t bytes) { rest_.remove_prefix(bytes); }
+  std::string_view Rest() const { return rest_; }
+  bool AtEnd() const { return rest_.empty(); }
+
+ private:
+  std::string_view rest_;
+};
+
+bool IsHexDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+}
+
+// "[NAME+0xHEX] ". The name may hold any of these characters itself, so its end is the first
+// offset that is followed by what can only stand between frames.
+bool TakeFrame(Cursor* cursor, ReportFrame* frame) {
+  const std::string_view text = cursor->Rest();
+  for (std::size_t mark = text.find(kOffsetMark); mark != std::string_view::npos;
+       mark = text.find(kOffsetMark, mark + 1)) {
+    const std::size_t digits = mark + kOffsetMark.size();
+    std::size_t end = digits;
+    while (end < text.size() && IsHexDigit(text[end])) ++end;
+    const bool closed = end > digits && text.substr(end, 2) == "] ";
+    const bool last = closed && (end + 2 == text.size() || text[end + 2] == '[');
+    if (!last) continue;
+    frame->library = text.substr(1, mark - 1);
+    const auto result = std::from_chars(&text[digits], text.data() + end, frame->offset, 16);
+    cursor->Skip(end + 2);
+    return result.ec == std::errc();
+  }
+  return false;
+}
+
+bool TakeFrames(Cursor* cursor, std::vector<ReportFrame>* frames) {
+  while (!cursor->AtEnd()) {
+    ReportFrame frame;
+    if (cursor->Take(kUnknownFrame)) {
+      frame.known = false;
+    } else if (!cursor->Rest().starts_with('[') || !TakeFrame(cursor, &frame)) {
+      return false;
+    }
+    frames->push_back(std::move(frame));
+  }
+  return true;
+}
+
+template <typename Group>
+bool TakeSizes(Cursor* cursor, Group* group) {
+  return cursor->Take(kGroupMark) && cursor->TakeNumber(&group->size) && cursor->Take(" ") &&
+         cursor->TakeNumber(&group->total) && cursor->Take(" num ") &&
+         cursor->TakeNumber(&group->count);
+}
+
+// "#00 rel_pc HEX NAME"
+bool ParseJavaFrame(std::string_view line, JavaFrame* frame) {
+  Cursor cursor(line);
+  std::uint64_t number = 0;
+  if (!cursor.Take("#") || !cursor.TakeNumber(&number) || !cursor.Take(" rel_pc ") ||
+      !cursor.TakeNumber(&frame->rel_pc, 16) || !cursor.Take(" ")) {
+    return false;
+  }
+  frame->function = cursor.Rest();
+  return true;
+}
+
+/// The state of one pass over a report.
+class ReportPass {
+ public:
+  ReportPass(const ReportSink& sink, ReportHeader* header) : sink_(sink), header_(header) {}
+
+  /// Takes the next line without its newline; `closed` says whether it had one. Returns true when
+  /// it was the report's last.
+  bool Line(std::string_view line, bool closed) {
+    ++number_;
+    if (line == kEnd && !closed) {
+      Flush();
+      return true;
+    }
+    if (!closed) {
+      // A part of a line may read like a whole one with fewer frames.
+      Damaged("cut off");
+    } else if (in_java_) {
+      JavaLine(line);
+    } else if (line == kJavaRule) {
+      in_java_ = true;
+    } else if (line.starts_with(kGroupMark)) {
+      NativeLine(line);
+    } else if (!line.empty()) {
+      HeaderLine(line);
+    }
+    return false;
+  }
+
+  /// Delivers what is pending at the end of a truncated text.
+  void Flush() {
+    if (java_open_ && sink_.java) sink_.java(std::move(java_));
+    java_open_ = false;
+  }
+
+ private:
+  void Damaged(std::string reason) {
+    if (sink_.damaged) sink_.damaged({number_, std::move(reason)});
+  }
+
+  void HeaderLine(std::string_view line) {
+    Cursor cursor(line);
+    const bool understood =
+        (cursor.Take("Total memory(bytes): ") && cursor.TakeNumber(&header_->total_bytes)) ||
+        (cursor.Take("Allocation records: ") && cursor.TakeNumber(&header_->groups) &&
+         cursor.Take("/") && cursor.TakeNumber(&header_->listed)) ||
+        (cursor.Take("Backtrace size: ") && cursor.TakeNumber(&header_->backtrace_size));
+    if (!understood || !cursor.AtEnd()) Damaged("not a line of a report");
+  }
+
+  void NativeLine(std::string_view line) {
+    NativeGroup group;
+    std::string reason;
+    if (!ParseNativeLine(line, &group, &reason)) return Damaged(std::move(reason));
+    if (sink_.native) sink_.native(std::move(group));
+  }
+
+  void JavaLine(std::string_view line) {
+    Cursor cursor(line);
+    JavaGroup group;
+    JavaFrame frame;
+    if (TakeSizes(&cursor, &group) && cursor.AtEnd()) {
+      Flush();
+      java_ = std::move(group);
+      java_open_ = true;
+    } else if (java_open_ && ParseJavaFrame(line, &frame)) {
+      java_.frames.push_back(std::move(frame));
+    } else {
+      Damaged("not a line of a Java-native group");
+    }
+  }
+
+  const ReportSink& sink_;
+  ReportHeader* header_;
+  std::uint64_t number_ = 1;
+  bool in_java_ = false;
+  bool java_open_ = false;  // java_ still takes frames
+  JavaGroup java_;
+};
+
+}  // namespace
+
+bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* reason) {
+  *group = {};
+  Cursor cursor(line);
+  if (!TakeSizes(&cursor, group) || !cursor.Take(" time ")) {
+    *reason = "sizes of a group unreadable";
+    return false;
+  }
+  std::int64_t age = 0;
+  while (cursor.TakeNumber(&age)) {
+    group->ages.push_back(age);
+    if (!cursor.Take(" ")) break;
+  }
+  cursor.Take(" ");
+  if (!cursor.Take(kBacktraceMark)) {
+    *reason = "ages of a group unreadable";
+    return false;
+  }
+  if (!TakeFrames(&cursor, &group->frames)) {
+    *reason = "frame unreadable: " + std::string(cursor.Rest().substr(0, 60));
+    return false;
+  }
+  return true;
+}
+
+ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header) {
+  *header = {};
+  // Only as many bytes as the first line has: what is not a report may not have lines at all.
+  std::string first(kFirstLine.size(), '\0');
+  input.read(first.data(), static_cast<std::streamsize>(first.size()));
+  if (input.gcount() != static_cast<std::streamsize>(first.size()) || first != kFirstLine) {
+    return ReportEnd::kNotAReport;
+  }
+  ReportPass pass(sink, header);
+  for (std::string line; std::getline(input, line);) {
+    if (pass.Line(line, !input.eof())) return ReportEnd::kComplete;
+  }
+  pass.Flush();
+  return ReportEnd::kTruncated;
+}
+
+Report LoadReport(const std::string& path) {
+  std::error_code ignored;
+  std::ifstream file(path, std::ios::binary);
+  if (!file || !std::filesystem::is_regular_file(path, ignored)) {
+    const std::string reason = file ? "not a file" : std::strerror(errno);
+    throw UserError("cannot read report " + path + ": " + reason,
+                    "write one with: memleak report PID");
+  }
+  Report report;
+  ReportSink sink;
+  sink.native = [&](NativeGroup&& group) { report.native.push_back(std::move(group)); };
+  sink.java = [&](JavaGroup&& group) { report.java.push_back(std::move(group)); };
+  sink.damaged = [&](DamagedLine&& line) { report.damaged.push_back(std::move(line)); };
+  const ReportEnd end = ReadReport(file, sink, &report.header);
+  if (end == ReportEnd::kNotAReport) {
+    throw UserError("not a report: " + path + " (it does not begin with \"Native Heap MemLeak\")",
+                    "name the file that memleak report printed");
+  }
+  report.complete = end == ReportEnd::kComplete;
+  return report;
+}
+
+}  // namespace memleak

@@ -1,0 +1,33 @@
+// A tracked process's root directory: the place of its properties and its report. Called by `run`,
+// `on` and `status`. Single-threaded.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace memleak {
+
+/// The backtrace settings that a person chose; what is not set is left as it is.
+struct BacktraceSettings {
+  std::optional<std::uint32_t> depth;  ///< frames per allocation
+  std::optional<char> type;            ///< kUnwindFramePointers or kUnwindTables
+};
+
+/// Settings in force according to a properties text: unset or unusable values are left empty, and
+/// of several lines with one name the last counts, as for the tracker.
+BacktraceSettings ParseSettings(std::string_view properties);
+
+/// `properties` with the values of `settings` put in place, other lines kept.
+std::string UpdateProperties(std::string_view properties, const BacktraceSettings& settings);
+
+/// Creates `root` when missing and replaces its properties file by `properties` in one step, so
+/// that a process reading it meanwhile sees the old or the new text. Throws UserError when the root
+/// is not writable.
+void WriteProperties(const std::string& root, std::string_view properties);
+
+/// The text of a file, or nothing when it cannot be read.
+std::optional<std::string> ReadTextFile(const std::string& path);
+
+}  // namespace memleak

@@ -1,0 +1,71 @@
+// The leak-info and heap-dump entries, which the C library calls for the platform's tools.
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include "async_safe/log.h"
+#include "records/PointerData.h"
+#include "tracker/MallocMemTrack.h"
+#include "tracker/MemTrackControl.h"
+#include "tracker/RecordingScope.h"
+
+namespace {
+
+constexpr char kLogTag[] = "MemLeak.Native";
+
+/// The maps section is the wrong way round and wanted so: readers of these dumps expect one line
+/// of complaint per mapping, and nothing when the maps really cannot be opened.
+void WriteMaps(std::FILE* out) {
+  std::ifstream maps("/proc/self/maps");
+  std::string line;
+  while (std::getline(maps, line)) std::fputs("Could not open /proc/self/maps\n", out);
+}
+
+}  // namespace
+
+void track_get_malloc_leak_info(std::uint8_t** info, std::size_t* overall_size,
+                                std::size_t* info_size, std::size_t* total_memory,
+                                std::size_t* backtrace_size) {
+  const RecordingScope scope(MemTrackControl::GetInstance());
+  if (info == nullptr || overall_size == nullptr || info_size == nullptr ||
+      total_memory == nullptr || backtrace_size == nullptr) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
+                          "get_malloc_leak_info: At least one invalid parameter.");
+    return;
+  }
+  *info = nullptr;
+  *overall_size = 0;
+  *info_size = 0;
+  *total_memory = 0;
+  *backtrace_size = 0;
+  PointerData::GetInfo(info, overall_size, info_size, total_memory, backtrace_size, nullptr);
+}
+
+void track_free_malloc_leak_info(std::uint8_t* info) {
+  MemTrackControl::GetInstance()->dispatch()->free(info);
+}
+
+void track_write_malloc_leak_info(std::FILE* stream) {
+  // Deliberately inert beyond this check.
+  if (stream == nullptr) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
+                          "write_malloc_leak_info called with a nullptr");
+  }
+}
+
+bool track_dump_heap(const char* file_name) {
+  const RecordingScope scope(MemTrackControl::GetInstance());
+  std::FILE* out = std::fopen(file_name, "w+e");
+  if (out == nullptr) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "Unable to create file: %s", file_name);
+    return false;
+  }
+  // Error level and the line end are wanted.
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "Dumping to file: %s\n", file_name);
+  std::fputs("Android Native Heap Dump v1.1\n\n", out);
+  std::fputs("MAPS\n", out);
+  WriteMaps(out);
+  std::fputs("END\n", out);
+  std::fclose(out);
+  return true;
+}

@@ -1,0 +1,311 @@
+// The exported allocator entries, start-up and shut-down.
+//
+// The C library calls them in place of its own allocator, on every thread. While not recording an
+// entry is a load, a test and a jump into the C library's table. While recording it must be one
+// real frame directly above PointerData::Add, since the frame walk skips exactly the levels entry,
+// Add and AddBacktrace: what entries share is therefore forced inline.
+#include "tracker/MallocMemTrack.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+
+#include "backtrace/Backtrace.h"
+#include "records/PointerData.h"
+#include "tracker/DebugData.h"
+#include "tracker/MemTrackControl.h"
+#include "tracker/RecordingScope.h"
+#include "tracker/SignalControl.h"
+
+// What an entry does when it has more to do than forward is a function of its own that the entry
+// jumps to, so that an idle entry makes no stack frame. Where the compiler does not turn a call in
+// tail position into a jump, it is part of the entry instead. Either way it is one frame, and its
+// return address is the program's.
+#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define BUSY_BODY __attribute__((noinline))
+#else
+#define BUSY_BODY TRACKER_INLINE
+#endif
+
+namespace {
+
+/// Recorded requests from here on are refused: a record keeps 31 bits of the size.
+constexpr std::size_t kSizeLimit = std::size_t{1} << 31;
+
+/// Half of the activity test: one load. Expected to hold, since most processes never record.
+TRACKER_INLINE bool IsIdle(const MemTrackControl* control) {
+  return __builtin_expect(static_cast<long>(!control->GetHookStart()), 1L) != 0;
+}
+
+TRACKER_INLINE void AddRecord(const void* pointer, std::size_t size) {
+  PointerData* store = DebugData::GetInstance()->pointer();
+  if (store != nullptr) store->Add(pointer, size);
+}
+
+TRACKER_INLINE void RemoveRecord(const void* pointer) {
+  PointerData* store = DebugData::GetInstance()->pointer();
+  if (store != nullptr) store->Remove(pointer, 0);
+}
+
+/// The size that is really asked for; 0, with errno set, when the request is refused.
+TRACKER_INLINE std::size_t AcceptedSize(std::size_t size) {
+  if (size >= kSizeLimit) {
+    errno = ENOMEM;
+    return 0;
+  }
+  return size == 0 ? 1 : size;
+}
+
+TRACKER_INLINE bool IsBadAlignment(std::size_t alignment) {
+  return (alignment & (alignment - 1)) != 0;  // 0 passes: it goes to memalign as it is
+}
+
+TRACKER_INLINE void* RecordMalloc(const MemTrackControl* control, std::size_t size) {
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
+  const std::size_t accepted = AcceptedSize(size);
+  if (accepted == 0) return nullptr;
+  void* pointer = control->dispatch()->malloc(accepted);
+  if (pointer != nullptr) AddRecord(pointer, accepted);
+  return pointer;
+}
+
+TRACKER_INLINE void* RecordMemalign(const MemTrackControl* control, std::size_t alignment,
+                                    std::size_t size) {
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
+  const std::size_t accepted = AcceptedSize(size);
+  if (accepted == 0) return nullptr;
+  void* pointer = control->dispatch()->memalign(alignment, accepted);
+  if (pointer != nullptr) AddRecord(pointer, accepted);
+  return pointer;
+}
+
+BUSY_BODY void* BusyMalloc(const MemTrackControl* control, std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->malloc(size);
+  return RecordMalloc(control, size);
+}
+
+/// Also while paused: records made earlier are retired after recording has stopped.
+BUSY_BODY void BusyFree(const MemTrackControl* control, void* pointer) {
+  const RecordingScope scope(control);
+  // The record goes before the memory: once freed, the address may be another thread's.
+  RemoveRecord(pointer);
+  control->dispatch()->free(pointer);
+}
+
+BUSY_BODY void* BusyCalloc(const MemTrackControl* control, std::size_t count, std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->calloc(count, size);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
+  std::size_t bytes = 0;
+  if (__builtin_mul_overflow(count, size, &bytes)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  const std::size_t accepted = AcceptedSize(bytes);
+  if (accepted == 0) return nullptr;
+  void* pointer = control->dispatch()->calloc(1, accepted);
+  if (pointer != nullptr) AddRecord(pointer, accepted);
+  return pointer;
+}
+
+BUSY_BODY void* BusyRealloc(const MemTrackControl* control, void* pointer, std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->realloc(pointer, size);
+  if (pointer == nullptr) return RecordMalloc(control, size);
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
+  if (size == 0) {
+    RemoveRecord(pointer);
+    control->dispatch()->free(pointer);
+    return nullptr;
+  }
+  if (AcceptedSize(size) == 0) return nullptr;
+  // The old record goes first even though realloc may fail, which then leaves a live block without
+  // a record; the other order could drop the record of another thread's new block.
+  RemoveRecord(pointer);
+  void* moved = control->dispatch()->realloc(pointer, size);
+  if (moved != nullptr) AddRecord(moved, size);
+  return moved;
+}
+
+BUSY_BODY void* BusyMemalign(const MemTrackControl* control, std::size_t alignment,
+                             std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->memalign(alignment, size);
+  return RecordMemalign(control, alignment, size);
+}
+
+BUSY_BODY void* BusyAlignedAlloc(const MemTrackControl* control, std::size_t alignment,
+                                 std::size_t size) {
+  if (!control->ThreadEnabled()) return control->dispatch()->aligned_alloc(alignment, size);
+  if (IsBadAlignment(alignment)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return RecordMemalign(control, alignment, size);
+}
+
+BUSY_BODY int BusyPosixMemalign(const MemTrackControl* control, void** result,
+                                std::size_t alignment, std::size_t size) {
+  if (!control->ThreadEnabled()) {
+    return control->dispatch()->posix_memalign(result, alignment, size);
+  }
+  if (IsBadAlignment(alignment)) return EINVAL;
+  const int saved_errno = errno;
+  *result = RecordMemalign(control, alignment, size);
+  errno = saved_errno;
+  return *result != nullptr ? 0 : ENOMEM;
+}
+
+BUSY_BODY std::size_t BusyUsableSize(const MemTrackControl* control, const void* pointer) {
+  if (pointer == nullptr || !control->ThreadEnabled()) {
+    return control->dispatch()->malloc_usable_size(pointer);
+  }
+  const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
+  return control->dispatch()->malloc_usable_size(pointer);
+}
+
+void PrepareFork() {
+  DebugData::GetInstance()->PrepareFork();
+}
+void PostForkParent() {
+  DebugData::GetInstance()->PostForkParent();
+}
+void PostForkChild() {
+  DebugData::GetInstance()->PostForkChild();
+}
+
+/// Fork handlers cannot be taken back, so they are registered once, however often start-up runs.
+void InitAtFork() {
+  static pthread_once_t once = PTHREAD_ONCE_INIT;
+  pthread_once(&once, [] { pthread_atfork(PrepareFork, PostForkParent, PostForkChild); });
+}
+
+}  // namespace
+
+bool track_initialize(const MallocDispatch* table, bool* zygote_child, const char* /*options*/) {
+  if (table == nullptr || zygote_child == nullptr) return false;
+  InitAtFork();
+  MemTrackControl* control = MemTrackControl::CreateInstance();
+  control->set_zygote_child(zygote_child);
+  control->set_dispatch(table);
+  if (!control->DebugDisableInit()) {
+    MemTrackControl::DestroyInstance();
+    return false;
+  }
+  if (!DebugData::Initialize(DebugData::GetInstance())) {
+    control->DeleteKeys();
+    MemTrackControl::DestroyInstance();
+    return false;
+  }
+  SignalActionsInit();
+  BacktraceStartup();
+  return true;
+}
+
+void track_finalize() {
+  MemTrackControl* control = MemTrackControl::GetInstance();
+  if (control == nullptr) return;
+  control->ConfigHookStatus(false, false);
+  control->ConfigPltHookStatus(false, false);
+  control->DisableThread();
+  SignalActionsRestore();
+  DebugData::Release();
+  control->DeleteKeys();
+  // The instance and its dispatch table stay: other threads may be inside an entry.
+}
+
+void* track_malloc(std::size_t size) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) return control->dispatch()->malloc(size);
+  return BusyMalloc(control, size);
+}
+
+void track_free(void* pointer) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  // With all flags clear there are no records, and Remove would return at once.
+  if (IsIdle(control) && !control->GetHookEverStarted() && !control->GetPltHookEverStarted()) {
+    return control->dispatch()->free(pointer);
+  }
+  BusyFree(control, pointer);
+}
+
+void* track_calloc(std::size_t count, std::size_t size) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) return control->dispatch()->calloc(count, size);
+  return BusyCalloc(control, count, size);
+}
+
+void* track_realloc(void* pointer, std::size_t size) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) return control->dispatch()->realloc(pointer, size);
+  return BusyRealloc(control, pointer, size);
+}
+
+void* track_memalign(std::size_t alignment, std::size_t size) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) return control->dispatch()->memalign(alignment, size);
+  return BusyMemalign(control, alignment, size);
+}
+
+void* track_aligned_alloc(std::size_t alignment, std::size_t size) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) return control->dispatch()->aligned_alloc(alignment, size);
+  return BusyAlignedAlloc(control, alignment, size);
+}
+
+int track_posix_memalign(void** result, std::size_t alignment, std::size_t size) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) {
+    return control->dispatch()->posix_memalign(result, alignment, size);
+  }
+  return BusyPosixMemalign(control, result, alignment, size);
+}
+
+std::size_t track_malloc_usable_size(const void* pointer) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (IsIdle(control)) return control->dispatch()->malloc_usable_size(pointer);
+  return BusyUsableSize(control, pointer);
+}
+
+struct mallinfo track_mallinfo() {
+  return MemTrackControl::GetInstance()->dispatch()->mallinfo();
+}
+
+int track_mallopt(int parameter, int value) {
+  return MemTrackControl::GetInstance()->dispatch()->mallopt(parameter, value);
+}
+
+int track_malloc_iterate(std::uintptr_t base, std::size_t size,
+                         void (*callback)(std::uintptr_t, std::size_t, void*), void* argument) {
+  return MemTrackControl::GetInstance()->dispatch()->malloc_iterate(base, size, callback, argument);
+}
+
+int track_malloc_info(int options, std::FILE* stream) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  // Deliberately silent: the C library does not walk its heap while records are being taken.
+  if (IsRecording(control)) return 0;
+  return control->dispatch()->malloc_info(options, stream);
+}
+
+void track_malloc_disable() {
+  MemTrackControl::GetInstance()->dispatch()->malloc_disable();
+  if (DebugData::GetInstance()->pointer() != nullptr) PointerData::PrepareFork();
+}
+
+void track_malloc_enable() {
+  if (DebugData::GetInstance()->pointer() != nullptr) PointerData::PostForkParent();
+  MemTrackControl::GetInstance()->dispatch()->malloc_enable();
+}
+
+std::size_t track_malloc_backtrace(void* pointer, std::uintptr_t* frames, std::size_t max_frames) {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (pointer == nullptr || !IsRecording(control)) return 0;
+  const RecordingScope scope(control);
+  return PointerData::GetFrames(pointer, frames, max_frames);
+}
+
+bool RegistryAllocateTracker(std::uint32_t index, void (*callback)()) {
+  if (callback == nullptr) return false;
+  // Made even when the index is refused next, so that an early caller finds it.
+  MemTrackControl* control = MemTrackControl::CreateInstance();
+  if (index >= MemTrackControl::kTrackerSlots) return false;
+  control->set_tracker(index, callback);
+  return true;
+}
