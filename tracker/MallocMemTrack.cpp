@@ -86,7 +86,7 @@ BUSY_BODY void* BusyMalloc(const MemTrackControl* control, std::size_t size) {
 
 /// Also while paused: records made earlier are retired after recording has stopped.
 BUSY_BODY void BusyFree(const MemTrackControl* control, void* pointer) {
-  const RecordingScope scope(control);  // the thread may well be marked: the tracker frees, too
+  const RecordingScope scope(control);
   // The record goes before the memory: once freed, the address may be another thread's.
   RemoveRecord(pointer);
   control->dispatch()->free(pointer);

@@ -2,7 +2,9 @@
 //
 // Parsed once at start-up and again when an address is not found, on any thread; see Maps.h for
 // what the allocation path touches.
+#define UNW_LOCAL_ONLY
 #include <fcntl.h>
+#include <libunwind.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <unwindstack/Maps.h>
@@ -10,6 +12,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+
+#include "platform/linux/unwind_gate.h"
 
 namespace unwindstack {
 namespace {
@@ -99,6 +103,13 @@ auto FirstEndingAbove(const Range& range, std::uint64_t pc) {
 LocalUpdatableMaps::~LocalUpdatableMaps() = default;
 
 bool LocalUpdatableMaps::Parse() {
+  // The first unwind of all makes libunwind set itself up. Done here, at start-up, it is neither
+  // paid for by an allocation nor met by two threads at once.
+  unw_context_t context;
+  unw_cursor_t cursor;
+  unw_getcontext(&context);
+  if (unw_init_local(&cursor, &context) == 0) unw_step(&cursor);
+  platform::InstallUnwindGate();
   return Reparse();
 }
 
@@ -115,10 +126,10 @@ bool LocalUpdatableMaps::ReparseLocked() {
   while (!rest.empty()) {
     const std::string_view line = rest.substr(0, rest.find('\n'));
     rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-    std::shared_ptr<MapInfo> map = ParseLine(line);
+    const std::shared_ptr<MapInfo> map = ParseLine(line);
     if (map == nullptr) continue;
     const auto old = FirstEndingAbove(maps_, map->start());
-    maps.push_back(old != maps_.end() && SameMapping(**old, *map) ? *old : std::move(map));
+    maps.push_back(old != maps_.end() && SameMapping(**old, *map) ? *old : map);
   }
   // A file that reads as empty (a process that is being torn down) has told nothing.
   if (maps.empty()) return false;

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "arch/frame.h"
+#include "platform/linux/unwind_gate.h"
 
 namespace unwindstack {
 namespace {
@@ -20,6 +21,14 @@ constexpr std::size_t kTraceFrames = 256;
 constexpr std::size_t kTraceSlack = 12;
 /// Among these must be the frame that filled the registers: it comes behind this file's two.
 constexpr std::size_t kOwnFrames = 4;
+
+#if defined(__SANITIZE_THREAD__)
+// The trace frees its per-thread cache in the last round of a thread's exit, under a mutex, when
+// ThreadSanitizer has let go of the thread already: its own lock function crashes then.
+constexpr bool kTraceUsable = false;
+#else
+constexpr bool kTraceUsable = true;
+#endif
 
 constexpr std::size_t kNameBytes = 1024;
 
@@ -85,10 +94,12 @@ void Unwinder::Unwind(const std::vector<std::string>* initial_map_names_to_skip,
                       const std::vector<std::string>* map_suffixes_to_ignore) {
   frames_.clear();
   if (max_frames_ == 0) return;
+  const platform::UnwindPass pass;
   // The frame pointer that this function saved is the caller's: when it is also the one in the
   // registers, the stack below it is this thread's present one and can be walked from here.
   const void* caller_frame = *static_cast<void**>(__builtin_frame_address(0));
-  if (!resolve_maps_ && map_suffixes_to_ignore == nullptr && regs_->frame == caller_frame) {
+  const bool pcs_only = !resolve_maps_ && !resolve_names_ && map_suffixes_to_ignore == nullptr;
+  if (kTraceUsable && pcs_only && regs_->frame == caller_frame) {
     SkipTest skip(maps_, initial_map_names_to_skip);
     const auto return_address = reinterpret_cast<std::uint64_t>(__builtin_return_address(0));
     if (UnwindDirect(arch::StripReturnAddress(return_address), skip)) return;

@@ -21,7 +21,7 @@ class Properties : public testing::Test {
     value[PROP_VALUE_MAX] = '#';
     const int length = __system_property_get(name, value);
     EXPECT_EQ(value[PROP_VALUE_MAX], '#') << "written beyond the end";
-    const std::string text = value;
+    std::string text = value;
     EXPECT_EQ(static_cast<std::size_t>(length), text.size());
     return text;
   }

@@ -2,9 +2,12 @@
 // of a library's frames, and many threads at once.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <unwindstack/Unwinder.h>
 
+#include <atomic>
+#include <csignal>
 #include <memory>
 #include <string_view>
 #include <thread>
@@ -50,12 +53,14 @@ std::string FunctionAt(std::uint64_t pc) {
 
 std::vector<std::string> Functions(const std::vector<FrameData>& frames) {
   std::vector<std::string> names;
+  names.reserve(frames.size());
   for (const FrameData& frame : frames) names.push_back(FunctionAt(frame.pc));
   return names;
 }
 
 std::vector<std::uint64_t> Pcs(const std::vector<FrameData>& frames) {
   std::vector<std::uint64_t> pcs;
+  pcs.reserve(frames.size());
   for (const FrameData& frame : frames) pcs.push_back(frame.pc);
   return pcs;
 }
@@ -270,7 +275,9 @@ TEST(Unwinder, SkipsALibraryThatWasLoadedLater) {
 
 TEST(Unwinder, ManyThreadsAtOnce) {
   const std::vector<std::string> skip{"libother.so"};
+  Maps();
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&skip, i] {
       Request request;
@@ -296,6 +303,44 @@ TEST(Unwinder, ManyThreadsAtOnce) {
     });
   }
   for (std::thread& thread : threads) thread.join();
+}
+
+TEST(Unwinder, WorksInAChildForkedWhileOthersUnwind) {
+  Maps();
+  std::atomic<bool> stop{false};
+  std::thread churn([&stop] {
+    while (!stop) {
+      // Every unwind has to look everything up again, under libunwind's lock.
+      unw_flush_cache(unw_local_addr_space, 0, 0);
+      Request request;
+      request.way = Way::kHelper;
+      CaptureAt(5, request);
+    }
+  });
+  int failures = 0;
+  for (int i = 0; i < 40 && failures == 0; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      unw_flush_cache(unw_local_addr_space, 0, 0);
+      Request request;
+      request.limit = 3;
+      _exit(CaptureAt(1, request).size() == 3 ? 0 : 1);
+    }
+    // A child that hangs does so with all signals blocked: only the parent can end it.
+    int status = 0;
+    pid_t ended = 0;
+    for (int pause = 0; pause < 1000 && ended == 0; ++pause) {
+      usleep(10'000);
+      ended = waitpid(child, &status, WNOHANG);
+    }
+    if (ended == child && status == 0) continue;
+    ++failures;
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+  }
+  EXPECT_EQ(failures, 0);
+  stop = true;
+  churn.join();
 }
 
 }  // namespace

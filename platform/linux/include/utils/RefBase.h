@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <utility>
 
 #include "utils/StrongPointer.h"
 
@@ -81,11 +82,9 @@ class wp {
   ~wp() {
     if (refs_ != nullptr) refs_->decWeak(this);
   }
-  wp& operator=(const wp& other) {
-    if (other.refs_ != nullptr) other.refs_->incWeak(this);
-    if (refs_ != nullptr) refs_->decWeak(this);
-    object_ = other.object_;
-    refs_ = other.refs_;
+  wp& operator=(wp other) noexcept {
+    std::swap(object_, other.object_);
+    std::swap(refs_, other.refs_);
     return *this;
   }
   wp& operator=(const sp<T>& other) { return *this = wp(other); }
