@@ -104,7 +104,7 @@ void PrintHead(const Report& report, const std::string& path, std::ostream& out)
   out << "Report " << path << "\n"
       << "  " << FormatBytes(report.header.total_bytes) << " held ("
       << FormatCount(report.header.total_bytes) << " bytes) in "
-      << FormatCount(report.header.groups) << " groups, each of one size and one call stack\n"
+      << FormatCount(report.header.groups) << " groups of one size and one stack\n"
       << "  " << FormatCount(blocks) << " blocks listed, with at most "
       << report.header.backtrace_size << " frames each\n";
 }

@@ -152,7 +152,8 @@ TEST(Run, KeepsOtherPreloadsAndDropsInheritedCommands) {
 #endif
   const TempDir directory;
   const Session session(directory, "--root here",
-                        "MEMLEAK_TRACKER_START=0x10 LD_PRELOAD=libm.so.6");
+                        "ASAN_OPTIONS=verify_asan_link_order=0 MEMLEAK_TRACKER_START=0x10 "
+                        "LD_PRELOAD=libm.so.6");
   ExpectHas(session.output(), "LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so:libm.so.6\n");
   ExpectHas(session.output(), "/here\n");
   EXPECT_FALSE(Has(session.output(), "MEMLEAK_TRACKER_START"));
