@@ -33,7 +33,7 @@ extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 namespace {
 
-constexpr unsigned kBitsPerLevel = 2;
+constexpr unsigned kBitsPerLevel = 3;
 constexpr unsigned kFunctions = 1u << kBitsPerLevel;
 constexpr unsigned kMaxDepth = 20;
 constexpr unsigned kSizes = 16;
@@ -69,8 +69,16 @@ __attribute__((always_inline)) inline void* Call(std::uint64_t path, std::size_t
       return Level<kLevelsLeft, 1>(rest, bytes);
     case 2:
       return Level<kLevelsLeft, 2>(rest, bytes);
-    default:
+    case 3:
       return Level<kLevelsLeft, 3>(rest, bytes);
+    case 4:
+      return Level<kLevelsLeft, 4>(rest, bytes);
+    case 5:
+      return Level<kLevelsLeft, 5>(rest, bytes);
+    case 6:
+      return Level<kLevelsLeft, 6>(rest, bytes);
+    default:
+      return Level<kLevelsLeft, 7>(rest, bytes);
   }
 }
 
