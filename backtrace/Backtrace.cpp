@@ -22,17 +22,9 @@
 
 namespace {
 
-/// How far above its first frame the walk goes. This bounds it without a check of what is mapped:
-/// that much of the stack above a live frame is practically always there.
-constexpr std::uint64_t kWalkBytes = 4096;
-constexpr std::size_t kWalkLimit = kWalkBytes / sizeof(arch::FrameRecord);
-/// Deeper stacks than this are of no use in a report, whatever size is asked for.
-constexpr std::size_t kUnwindLimit = 1024;
+static_assert(kWalkLimit == kWalkBytes / sizeof(arch::FrameRecord));
 /// The tracker's own levels: AddBacktrace, Add and the exported entry.
 constexpr std::size_t kSkippedLevels = 3;
-
-std::atomic<char> g_type{kBacktraceFramePointer};
-std::atomic<std::uint32_t> g_size{kDefaultBacktraceSize};
 
 /// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
 /// threads that outlive main capture until the last moment.
@@ -97,34 +89,15 @@ char GetBacktraceTypeFromProp() {
   char value[PROP_VALUE_MAX] = {};
   __system_property_get("vastel.memleak.backtacetype", value);
   // Not validated: an invalid type shows at every capture.
-  if (value[0] != '\0') g_type.store(value[0], std::memory_order_relaxed);
-  return g_type.load(std::memory_order_relaxed);
-}
-
-std::uint32_t BacktraceSize() {
-  return g_size.load(std::memory_order_relaxed);
-}
-
-void SetBacktraceSize(std::uint32_t size) {
-  g_size.store(size, std::memory_order_relaxed);
-}
-
-std::size_t BacktraceCaptureLimit() {
-  switch (g_type.load(std::memory_order_relaxed)) {
-    case kBacktraceFramePointer:
-      return kWalkLimit;
-    case kBacktraceUnwinder:
-      return kUnwindLimit;
-    default:
-      return 0;
-  }
+  if (value[0] != '\0') current_backtrace_type.store(value[0], std::memory_order_relaxed);
+  return current_backtrace_type.load(std::memory_order_relaxed);
 }
 
 // Never inlined: the levels that the walk skips are counted from this function's own frame.
 __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     std::uint64_t* frames, std::size_t max_frames,
     std::vector<unwindstack::FrameData>& /*frame_data*/) {
-  const char type = g_type.load(std::memory_order_relaxed);
+  const char type = current_backtrace_type.load(std::memory_order_relaxed);
   if (__builtin_expect(type == kBacktraceFramePointer, 1)) {
     const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
     const auto caller = reinterpret_cast<std::uint64_t>(__builtin_return_address(0));

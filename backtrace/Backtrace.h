@@ -4,6 +4,7 @@
 // signal's handler.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -25,14 +26,35 @@ void BacktraceStartup();
 /// Allocates nothing: safe in a signal handler.
 char GetBacktraceTypeFromProp();
 
+/// The settings in force. Plain values that any thread may change at any moment: a capture that
+/// races with a change uses either. In the header because every recorded allocation reads them.
+inline std::atomic<char> current_backtrace_type{kBacktraceFramePointer};
+inline std::atomic<std::uint32_t> current_backtrace_size{kDefaultBacktraceSize};
+
 /// The most frames kept per record. Any thread, any context.
-std::uint32_t BacktraceSize();
-/// Sets it; whoever captures at that moment uses either value.
-void SetBacktraceSize(std::uint32_t size);
+inline std::uint32_t BacktraceSize() {
+  return current_backtrace_size.load(std::memory_order_relaxed);
+}
+/// Sets it. Any thread, any context.
+inline void SetBacktraceSize(std::uint32_t size) {
+  current_backtrace_size.store(size, std::memory_order_relaxed);
+}
+
+/// How far above its first frame the frame-pointer walk goes, in bytes. This bounds it without a
+/// check of what is mapped: that much of the stack above a live frame is practically always there.
+inline constexpr std::uint64_t kWalkBytes = 4096;
+/// The most frames that the walk can return: a frame record has two words.
+inline constexpr std::size_t kWalkLimit = kWalkBytes / (2 * sizeof(std::uint64_t));
+/// The most that the unwinder is asked for: deeper stacks are of no use in a report.
+inline constexpr std::size_t kUnwindLimit = 1024;
 
 /// The most frames that a capture with the method in force can return, whatever it is asked for:
 /// the bound of a capture buffer. 0 for an invalid type.
-std::size_t BacktraceCaptureLimit();
+inline std::size_t BacktraceCaptureLimit() {
+  const char type = current_backtrace_type.load(std::memory_order_relaxed);
+  if (type == kBacktraceFramePointer) return kWalkLimit;
+  return type == kBacktraceUnwinder ? kUnwindLimit : 0;
+}
 
 /// Fills `frames` with up to `max_frames` pcs of the calling thread, innermost first, and returns
 /// their number. The frame-pointer walk skips its three innermost levels (its caller and that

@@ -152,6 +152,20 @@ std::size_t PointerData::PointerSize(const void* pointer) {
   return UsableSize(pointer);
 }
 
+__attribute__((always_inline)) inline void PointerData::RemoveBacktrace(const BacktraceRef& ref,
+                                                                        PointerSet* set) {
+  FrameInfoType* const backtrace = BacktraceRef::Backtrace(ref.word);
+  if (backtrace == nullptr) return;
+  if (set->SyncFrames() != ref.generation) return;  // a clear took it meanwhile
+  if (backtrace->references == 0) {
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+                          "hashIndex %zu does not have matching frame data.",
+                          static_cast<std::size_t>(backtrace->hash_index));
+    return;
+  }
+  set->frames.Release(backtrace);
+}
+
 // Add, AddBacktrace and BacktraceGet must be one frame each, whatever the build: the frame walk
 // skips just as many levels.
 __attribute__((noinline)) void PointerData::Add(const void* pointer, std::size_t size) {
@@ -232,17 +246,4 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
     }
   }
   pthread_setspecific(record_key, nullptr);
-}
-
-void PointerData::RemoveBacktrace(const BacktraceRef& ref, PointerSet* set) {
-  FrameInfoType* const backtrace = BacktraceRef::Backtrace(ref.word);
-  if (backtrace == nullptr) return;
-  if (set->SyncFrames() != ref.generation) return;  // a clear took it meanwhile
-  if (backtrace->references == 0) {
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
-                          "hashIndex %zu does not have matching frame data.",
-                          static_cast<std::size_t>(backtrace->hash_index));
-    return;
-  }
-  set->frames.Release(backtrace);
 }

@@ -16,12 +16,6 @@ std::uint64_t Lines(std::uint64_t num_frames) {
   return (bytes + table_memory::kCacheLine - 1) / table_memory::kCacheLine;
 }
 
-/// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
-/// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
-std::uint64_t Step(std::uint64_t fingerprint) {
-  return (fingerprint >> 32) | 1;
-}
-
 }  // namespace
 
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
@@ -69,26 +63,8 @@ void BacktraceArena::Clear() {
   used_ = 0;
 }
 
-FrameInfoType* BacktraceTable::Acquire(const FrameKeyType& key, std::uint64_t hash,
-                                       std::uint64_t fingerprint) {
-  if (bucket_count_ != 0) {
-    std::uint64_t bucket = HomeBucket(hash);
-    while (true) {
-      for (const Slot& slot : buckets_[bucket].slots) {
-        if (slot.backtrace == nullptr) goto absent;
-        if (slot.fingerprint != fingerprint) continue;
-        FrameInfoType* found = slot.backtrace;
-        if (!FrameKeyEqual(key, {found->num_frames, found->pcs()})) continue;
-        if (found->references++ == 0) {
-          found->hash_index = next_index_++;
-          ++size_;
-        }
-        return found;
-      }
-      bucket = (bucket + Step(fingerprint)) & (bucket_count_ - 1);
-    }
-  }
-absent:
+FrameInfoType* BacktraceTable::Insert(const FrameKeyType& key, std::uint64_t hash,
+                                      std::uint64_t fingerprint) {
   if (used_ >= limit_ && !Rebuild()) return nullptr;
   FrameInfoType* made = arena_.Allocate(key.num_frames);
   if (made == nullptr) return nullptr;

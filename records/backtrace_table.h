@@ -39,13 +39,20 @@ inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
   return hash;
 }
 
-/// Equality of keys: same length, every pc equal. No early exit: it is asked of keys with equal
-/// fingerprints, which are equal.
+/// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: it is asked
+/// of keys with equal fingerprints, which are equal.
 inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
+  using Pair = std::uint64_t __attribute__((vector_size(16), aligned(8), may_alias));
   if (a.num_frames != b.num_frames) return false;
-  std::uint64_t difference = 0;
-  for (std::uint64_t i = 0; i < a.num_frames; ++i) difference |= a.frames[i] ^ b.frames[i];
-  return difference == 0;
+  Pair difference = {0, 0};
+  std::uint64_t i = 0;
+  for (; i + 1 < a.num_frames; i += 2) {
+    difference |=
+        *reinterpret_cast<const Pair*>(a.frames + i) ^ *reinterpret_cast<const Pair*>(b.frames + i);
+  }
+  std::uint64_t last = 0;
+  if (i < a.num_frames) last = a.frames[i] ^ b.frames[i];
+  return (difference[0] | difference[1] | last) == 0;
 }
 
 /// A 64-bit digest of all pcs and their order. Equal keys have equal fingerprints; different ones
@@ -114,7 +121,15 @@ class BacktraceTable {
 
   /// The backtrace of `key` with one more reference, made when it is not there. `hash` and
   /// `fingerprint` are the key's. Null when there is no memory.
-  FrameInfoType* Acquire(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint);
+  FrameInfoType* Acquire(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) {
+    FrameInfoType* const found = Find(key, hash, fingerprint);
+    if (found == nullptr) return Insert(key, hash, fingerprint);
+    if (found->references++ == 0) {
+      found->hash_index = next_index_++;
+      ++size_;
+    }
+    return found;
+  }
 
   /// Drops one reference; the last one ends the backtrace.
   void Release(FrameInfoType* backtrace) {
@@ -152,6 +167,25 @@ class BacktraceTable {
     // Fibonacci hashing; bucket_count_ is a power of two.
     return (hash * 0x9E3779B97F4A7C15U) >> shift_;
   }
+  /// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
+  /// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
+  static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
+  FrameInfoType* Find(const FrameKeyType& key, std::uint64_t hash,
+                      std::uint64_t fingerprint) const {
+    if (bucket_count_ == 0) return nullptr;
+    for (std::uint64_t bucket = HomeBucket(hash);;
+         bucket = (bucket + Step(fingerprint)) & (bucket_count_ - 1)) {
+      for (const Slot& slot : buckets_[bucket].slots) {
+        FrameInfoType* const found = slot.backtrace;
+        if (found == nullptr) return nullptr;
+        if (slot.fingerprint == fingerprint &&
+            FrameKeyEqual(key, {found->num_frames, found->pcs()})) {
+          return found;
+        }
+      }
+    }
+  }
+  FrameInfoType* Insert(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint);
   /// The free slot where a key that is not in the table belongs.
   Slot* FreeSlot(std::uint64_t hash, std::uint64_t fingerprint);
   bool Rebuild();

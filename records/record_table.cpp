@@ -1,4 +1,4 @@
-// Growth and removal in the table of live blocks.
+// Growth and clearing of the table of live blocks.
 #include "records/record_table.h"
 
 #include "records/table_memory.h"
@@ -36,25 +36,6 @@ bool RecordTable::Grow() {
   limit_ = new_capacity * kLoadNumerator / kLoadDenominator;
   table_memory::Free(old_slots, old_capacity * sizeof(Record));
   return true;
-}
-
-void RecordTable::Erase(Record* record) {
-  Record* const slots = slots_.load(std::memory_order_relaxed);
-  const std::uint64_t capacity = capacity_.load(std::memory_order_relaxed);
-  auto hole = static_cast<std::uint64_t>(record - slots);
-  std::uint64_t i = hole;
-  while (true) {
-    if (++i == capacity) i = 0;
-    if (slots[i].backtrace == 0) break;
-    // A record may move back into the hole unless its search begins behind the hole, cyclically.
-    const std::uint64_t home = Home(slots[i].address, capacity);
-    const bool begins_behind = hole < i ? home > hole && home <= i : home > hole || home <= i;
-    if (begins_behind) continue;
-    slots[hole] = slots[i];
-    hole = i;
-  }
-  slots[hole].backtrace = 0;
-  size_.store(size() - 1, std::memory_order_relaxed);
 }
 
 void RecordTable::Clear() {

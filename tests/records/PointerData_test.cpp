@@ -64,9 +64,9 @@ TEST_F(PointerDataTest, EqualBacktracesAreSharedAndCounted) {
 
 TEST_F(PointerDataTest, NoBacktraceMeansIndexOne) {
   Add(0x1000, 16, {});
-  fake_backtrace_size = 0;
+  SetBacktraceSize(0);
   Add(0x2000, 16, {7, 8});
-  fake_backtrace_size = kDefaultBacktraceSize;
+  SetBacktraceSize(kDefaultBacktraceSize);
   for (const std::uint64_t address : {0x1000U, 0x2000U}) {
     ASSERT_NE(RecordOf(address, 16), nullptr);
     EXPECT_EQ(BacktraceRef::HashIndex(RecordOf(address, 16)->backtrace), 1U);
@@ -75,9 +75,11 @@ TEST_F(PointerDataTest, NoBacktraceMeansIndexOne) {
   }
   EXPECT_EQ(SetOf(0x1000, 16).frames.size(), 0U);
   // An enormous size costs no more than the capture can return.
-  fake_backtrace_size = UINT32_MAX;
+  SetBacktraceSize(UINT32_MAX);
+  current_backtrace_type = kBacktraceUnwinder;
   Add(0x1000, 16, std::vector<std::uint64_t>(5000, 9));
-  fake_backtrace_size = kDefaultBacktraceSize;
+  current_backtrace_type = kBacktraceFramePointer;
+  SetBacktraceSize(kDefaultBacktraceSize);
   EXPECT_EQ(BacktraceOf(0x1000, 16)->num_frames, 1024U);
 }
 
@@ -191,9 +193,9 @@ TEST_F(PointerDataTest, JavaNativeRecordsStayUntilCleared) {
 TEST_F(PointerDataTest, FramesOfALiveBlock) {
   std::vector<std::uint64_t> pcs(12);
   for (std::uint64_t i = 0; i < pcs.size(); ++i) pcs[i] = 100 + i;
-  fake_backtrace_size = 12;
+  SetBacktraceSize(12);
   Add(0x1000, 64, pcs);
-  fake_backtrace_size = kDefaultBacktraceSize;
+  SetBacktraceSize(kDefaultBacktraceSize);
   std::uintptr_t frames[32] = {};
   EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 5), 5U);
   EXPECT_EQ(frames[4], 104U);

@@ -28,18 +28,8 @@ inline Script& CurrentScript() {
   static thread_local Script script;
   return script;
 }
-inline std::uint32_t fake_backtrace_size = kDefaultBacktraceSize;
 inline std::string fake_property;
 
-std::uint32_t BacktraceSize() {
-  return fake_backtrace_size;
-}
-void SetBacktraceSize(std::uint32_t size) {
-  fake_backtrace_size = size;
-}
-std::size_t BacktraceCaptureLimit() {
-  return 1024;
-}
 std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
                          std::vector<unwindstack::FrameData>& frame_data) {
   const Script& script = CurrentScript();
