@@ -20,8 +20,7 @@ target_link_libraries(memleak_library_options INTERFACE memleak_options)
 target_include_directories(memleak_library_options INTERFACE
   ${CMAKE_SOURCE_DIR}/platform/linux/include)
 target_compile_options(memleak_library_options INTERFACE
-  -fvisibility=hidden -fvisibility-inlines-hidden -fno-plt
-  $<$<CXX_COMPILER_ID:GNU>:-fno-partial-inlining>)
+  -fvisibility=hidden -fvisibility-inlines-hidden -fno-plt)
 
 # memleak_add_component(NAME folder-sources...): the objects of one source folder, both for the
 # library and for the tests that link a folder against fakes of the others.

@@ -195,8 +195,9 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   std::uint64_t* frames;
   if (max_frames <= kStackFrames) {
     // Not an array: some compilers put those above the frame record, and then they would take up
-    // half of the range that the walk may cover.
-    frames = static_cast<std::uint64_t*>(__builtin_alloca(max_frames * sizeof(std::uint64_t)));
+    // half of the range that the walk may cover. One more than needed, so that it is never none.
+    frames =
+        static_cast<std::uint64_t*>(__builtin_alloca((max_frames + 1) * sizeof(std::uint64_t)));
   } else {
     heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
     frames = heap_frames.get();

@@ -146,7 +146,7 @@ TEST_F(PointerDataTest, ClearingEmptiesEverythingAndRestartsIndexes) {
   EXPECT_EQ(TotalRecords(), 0U);
   busy.frame_mutex.unlock();
   busy.pointer_mutex.unlock();
-  Remove(16 * 30, 46);
+  Remove(0x1E0, 46);
   Add(0x1000, 64, {5});
   EXPECT_EQ(BacktraceOf(0x1000, 64)->hash_index, 2U);
   EXPECT_EQ(TotalRecords(), 1U);

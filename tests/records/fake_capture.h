@@ -1,5 +1,5 @@
-// A scripted capture and allocator for tests of the record store. Included by one file of a test
-// program only, since it defines what backtrace/ and tracker/ define in the library.
+// A scripted capture and allocator for tests of the record store: fake_capture.cpp defines what
+// backtrace/ and the platform define in the library.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,18 +29,6 @@ inline Script& CurrentScript() {
   return script;
 }
 inline std::string fake_property;
-
-std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
-                         std::vector<unwindstack::FrameData>& frame_data) {
-  const Script& script = CurrentScript();
-  const std::size_t count = std::min(max_frames, script.pcs.size());
-  std::copy_n(script.pcs.begin(), count, frames);
-  frame_data = script.java_frames;
-  return count;
-}
-extern "C" int __system_property_get(const char* /*name*/, char* value) {
-  return static_cast<int>(fake_property.copy(value, PROP_VALUE_MAX - 1));
-}
 
 /// A store with empty tables, switched on.
 class RecordStoreTest : public ::testing::Test {
