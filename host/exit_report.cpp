@@ -48,15 +48,17 @@ void ReportPath(char (&path)[kPathBytes]) {
 /// Makes sure that the report can be written and that there is no old one. Returns 0 or an errno
 /// value.
 int PrepareFile(char* path) {
+  int first_error = 0;
   for (char* slash = path + 1; *slash != '\0'; ++slash) {
     if (*slash != '/') continue;
     *slash = '\0';
-    mkdir(path, 0755);
+    if (mkdir(path, 0755) != 0 && errno != EEXIST && first_error == 0) first_error = errno;
     *slash = '/';
   }
   unlink(path);
   const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (file < 0) return errno;
+  // Why a directory could not be made says more than that it is missing.
+  if (file < 0) return errno == ENOENT && first_error != 0 ? first_error : errno;
   close(file);
   unlink(path);
   return 0;
@@ -119,7 +121,7 @@ void WaitForReport(const char* path) {
       Say("no complete report in %s, and nobody writes it any more; is the disk full?", path);
       return;
     }
-    if (now - start > kWaitSeconds * 1000) {
+    if (now - start > int64_t{kWaitSeconds} * 1000) {
       Say("no complete report in %s after %d s", path, kWaitSeconds);
       return;
     }
