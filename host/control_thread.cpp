@@ -41,9 +41,11 @@ bool thread_wanted = false;
 std::atomic<int> thread_id{0};
 enum Stop : int { kRun, kStopWanted, kStopped };
 std::atomic<int> stop{kRun};
-// 1 while RunCommand waits for `own_command`.
+// 1 while RunCommand waits for the command with these words. Atomic for a command carried out just
+// when its sender has lost patience and the next one writes its own.
 std::atomic<int> own_pending{0};
-Command own_command;
+std::atomic<uint64_t> own_word{0};
+std::atomic<uint32_t> own_parameter{0};
 bool blocked_at_start = false;
 // Id of the thread whose fork holds change_lock, 0 for none. Of two that fork at once, one may have
 // gone on without it.
@@ -124,9 +126,10 @@ void Deliver(siginfo_t& info) {
 /// Whether `info` is the command that RunCommand waits for, or one to the same effect.
 bool IsOwnCommand(const siginfo_t& info) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(&info);
-  return memcmp(bytes + kWordOffset, &own_command.word, sizeof own_command.word) == 0 &&
-         memcmp(bytes + kParameterOffset, &own_command.parameter, sizeof own_command.parameter) ==
-             0;
+  Command command;
+  memcpy(&command.word, bytes + kWordOffset, sizeof command.word);
+  memcpy(&command.parameter, bytes + kParameterOffset, sizeof command.parameter);
+  return command.word == own_word.load() && command.parameter == own_parameter.load();
 }
 
 /// The thread fetches commands rather than opening the signal and letting them interrupt it: it
@@ -220,7 +223,8 @@ void AfterForkInChild() {
 int SendAndWait(const Command& command, int64_t deadline) {
   if (!thread_started) return ESRCH;
   if (!WaitWhile(thread_id, 0, deadline)) return ETIMEDOUT;
-  own_command = command;
+  own_word.store(command.word);
+  own_parameter.store(command.parameter);
   own_pending.store(1);
   siginfo_t info{};
   info.si_signo = kControlSignal;

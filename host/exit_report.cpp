@@ -1,7 +1,10 @@
 // Asks for the last report and waits for its file; see the header.
 #include "host/exit_report.h"
 
+#include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +21,12 @@ constexpr char kReportBelowRoot[] = "/data/log/reliability/allocations_dump";
 // As much as the tracker takes for a path.
 constexpr size_t kPathBytes = 4352;
 constexpr int kWaitSeconds = 60;
+// A dump thread has begun by then, however busy the machine. It collects the whole report before it
+// writes the first byte, so a file that is not there yet says nothing while the thread runs.
+constexpr int64_t kQuietMs = 3000;
+constexpr char kDumpThread[] = "MemDumpThread\n";
+// The report commands of the native heap, mmap, ion and gpu.
+constexpr uint64_t kReportBits = 0x44440;
 
 char root_pattern[kPathBytes];
 
@@ -36,16 +45,92 @@ void ReportPath(char (&path)[kPathBytes]) {
   snprintf(path + length, kPathBytes - length, "%s", kReportBelowRoot);
 }
 
-bool EndsInEnd(const char* path) {
+/// Makes sure that the report can be written and that there is no old one. Returns 0 or an errno
+/// value.
+int PrepareFile(char* path) {
+  int first_error = 0;
+  for (char* slash = path + 1; *slash != '\0'; ++slash) {
+    if (*slash != '/') continue;
+    *slash = '\0';
+    if (mkdir(path, 0755) != 0 && errno != EEXIST && first_error == 0) first_error = errno;
+    *slash = '/';
+  }
+  unlink(path);
+  const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Why a directory could not be made says more than that it is missing.
+  if (file < 0) return errno == ENOENT && first_error != 0 ? first_error : errno;
+  close(file);
+  unlink(path);
+  return 0;
+}
+
+/// Whether the file's last bytes are "END"; `size` becomes its size, -1 while there is none.
+bool EndsInEnd(const char* path, int64_t& size) {
+  size = -1;
   const int file = open(path, O_RDONLY | O_CLOEXEC);
   if (file < 0) return false;
   struct stat status;
   char tail[3];
-  const bool complete = fstat(file, &status) == 0 && status.st_size >= 3 &&
-                        pread(file, tail, sizeof tail, status.st_size - 3) == 3 &&
+  if (fstat(file, &status) == 0) size = status.st_size;
+  const bool complete = size >= 3 && pread(file, tail, sizeof tail, size - 3) == 3 &&
                         memcmp(tail, "END", sizeof tail) == 0;
   close(file);
   return complete;
+}
+
+/// Whether a thread of this process is at work on a report. True when that cannot be told.
+bool DumpThreadRuns() {
+  DIR* tasks = opendir("/proc/self/task");
+  if (tasks == nullptr) return true;
+  bool found = false;
+  for (const dirent* task = readdir(tasks); task != nullptr && !found; task = readdir(tasks)) {
+    char comm[sizeof task->d_name + 8];
+    snprintf(comm, sizeof comm, "%s/comm", task->d_name);
+    const int file = openat(dirfd(tasks), comm, O_RDONLY | O_CLOEXEC);
+    if (file < 0) continue;
+    char name[32];
+    const ssize_t length = read(file, name, sizeof name);
+    found =
+        length == sizeof kDumpThread - 1 && memcmp(name, kDumpThread, sizeof kDumpThread - 1) == 0;
+    close(file);
+  }
+  closedir(tasks);
+  return found;
+}
+
+int64_t NowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+/// Waits for the whole report. Gives up, with one line on stderr, when nobody writes it any more.
+void WaitForReport(const char* path) {
+  const int64_t start = NowMs();
+  int64_t changed = start;
+  int64_t last_size = -1;
+  int64_t size;
+  // Found out before the file is looked at: a thread may write the end just before it goes.
+  bool abandoned = false;
+  while (!EndsInEnd(path, size)) {
+    const int64_t now = NowMs();
+    if (size != last_size) {
+      last_size = size;
+      changed = now;
+    } else if (abandoned) {
+      Say("no complete report in %s, and nobody writes it any more; is the disk full?", path);
+      return;
+    }
+    if (now - start > int64_t{kWaitSeconds} * 1000) {
+      Say("no complete report in %s after %d s", path, kWaitSeconds);
+      return;
+    }
+    const bool quiet = now - changed >= kQuietMs;
+    abandoned = quiet && !DumpThreadRuns();
+    // Short steps at first: most reports are there within some milliseconds.
+    const timespec step{0, quiet ? 50'000'000 : 2'000'000};
+    nanosleep(&step, nullptr);
+  }
 }
 
 }  // namespace
@@ -56,24 +141,26 @@ void CaptureReportRoot() {
 }
 
 void ReportAtExit(const Command& command) {
+  if ((command.word & kReportBits) == 0) {
+    Say("no report at exit: MEMLEAK_TRACKER_REPORT_AT_EXIT=0x%llx is no command to report; use "
+        "0x40",
+        static_cast<unsigned long long>(command.word));
+    return;
+  }
   static char path[kPathBytes];
   ReportPath(path);
-  unlink(path);
-  const int error = RunCommand(command, kWaitSeconds * 1000);
+  int error = PrepareFile(path);
+  if (error != 0) {
+    Say("no report at exit: cannot write %s: %s; is the root directory writable?", path,
+        strerror(error));
+    return;
+  }
+  error = RunCommand(command, kWaitSeconds * 1000);
   if (error != 0) {
     Say("no report at exit: the command could not be carried out: %s", strerror(error));
     return;
   }
-  // Short steps: most reports are there within some milliseconds.
-  const timespec step{0, 2'000'000};
-  time_t give_up = time(nullptr) + kWaitSeconds;
-  while (!EndsInEnd(path)) {
-    if (time(nullptr) > give_up) {
-      Say("no complete report in %s after %d s; is the directory writable?", path, kWaitSeconds);
-      return;
-    }
-    nanosleep(&step, nullptr);
-  }
+  WaitForReport(path);
 }
 
 }  // namespace host

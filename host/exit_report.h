@@ -12,8 +12,9 @@ namespace host {
 void CaptureReportRoot();
 
 /// Removes the old report of this process, has the control thread carry out `command` and waits
-/// until the new report is complete: its file ends in "END". Gives up after 60 seconds, with one
-/// line on stderr.
+/// until the new report is complete: its file ends in "END". One line on stderr says why there is
+/// none: `command` has no report bit, or the file cannot be written (both found out beforehand),
+/// the file stands still and the dump thread is gone for some seconds, or 60 seconds have passed.
 void ReportAtExit(const Command& command);
 
 }  // namespace host

@@ -9,7 +9,8 @@ failed=0
 
 # same COMMAND...: same output, errors and exit code.
 same() {
-  command -v "$1" >/dev/null || { echo "skipped, not installed: $1"; return; }
+  command -v "$1" >/dev/null ||
+    { echo "missing: $1; scripts/install-packages installs it" >&2; failed=1; return; }
   "$@" >"$scratch/plain" 2>&1
   echo "exit $?" >>"$scratch/plain"
   LD_PRELOAD=$preload MEMLEAK_TRACKER_START=0x10 MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \
@@ -36,6 +37,7 @@ same jq -cn '[range(20000) | {a: ., b: tostring}] | group_by(.a % 7) | map(lengt
 same bash -c 'set -o pipefail; (seq 30000 | rev | sort -S 1M | uniq -c | tail -3) && x=$(date -u -d @0)
   echo "$x" | while read -r line; do echo "[$line]"; done; ls /nonexistent | wc; kill -TERM $$'
 for root in "$scratch"/root.*; do
-  [[ $(tail -c 3 "$root/data/log/reliability/allocations_dump") == END ]] || failed=1
+  [[ $(tail -c 3 "$root/data/log/reliability/allocations_dump") == END ]] ||
+    { echo "no complete report in $root" >&2; failed=1; }
 done
 exit $failed

@@ -1,0 +1,343 @@
+// The parts of the loader that have threads, without the loader: the control thread under commands
+// and forks, the arena, the wait for the last report. A handler here plays the tracker's. Unlike
+// the loader itself these run in the sanitizer builds, too.
+#include "host/control_thread.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/allocator_table.h"
+#include "host/bootstrap_arena.h"
+#include "host/exit_report.h"
+#include "host/next_allocator.h"
+
+// The loader's other files take over malloc; the table that would do so is not used here.
+void host::UseAllocator(const AllocatorTable&) {}
+
+namespace host {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kCount = 0x20;
+constexpr uint64_t kSlow = 0x20'0000;
+constexpr uint64_t kReport = 0x40;
+constexpr int kLongMs = 60'000;
+
+// Plain on purpose: only the control thread writes it, and RunCommand is what makes it visible.
+int carried_out = 0;
+std::atomic<int> arrived{0};
+std::atomic<int> result_inside{0};
+std::atomic<uint32_t> last_parameter{0};
+// Written before on_report_set, which the handler reads first: a signal orders nothing that a
+// sanitizer could see.
+std::function<void()> on_report;
+std::atomic<bool> on_report_set{false};
+
+void OnCommand(int, siginfo_t* info, void*) {
+  Command command{};
+  memcpy(&command.word, reinterpret_cast<char*>(info) + 16, sizeof command.word);
+  memcpy(&command.parameter, reinterpret_cast<char*>(info) + 24, sizeof command.parameter);
+  delete new int(1);  // the tracker's handler allocates
+  last_parameter = command.parameter;
+  if (command.word == kSlow) {
+    usleep(300'000);
+    result_inside = RunCommand({kCount, 0}, kLongMs);
+  }
+  if (command.word == kReport && on_report_set) on_report();
+  ++carried_out;
+  ++arrived;
+}
+
+bool Send(uint64_t word) {
+  siginfo_t info{};
+  info.si_signo = 44;
+  info.si_code = SI_QUEUE;
+  memcpy(reinterpret_cast<char*>(&info) + 16, &word, sizeof word);
+  return syscall(SYS_rt_sigqueueinfo, getpid(), 44, &info) == 0;
+}
+
+bool WaitForCommands(int count) {
+  for (int i = 0; i < 5000 && arrived < count; ++i) usleep(2000);
+  return arrived == count;
+}
+
+int ExitCode(pid_t child) {
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class ControlThreadTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    carried_out = 0;
+    arrived = 0;
+    BlockControlSignal();
+    struct sigaction action = {};
+    action.sa_sigaction = OnCommand;
+    action.sa_flags = SA_SIGINFO;
+    ASSERT_EQ(sigaction(44, &action, nullptr), 0);
+    ASSERT_EQ(StartControlThread(), 0);
+    [[maybe_unused]] static const int registered = KeepControlThreadAcrossForks();
+  }
+  void TearDown() override {
+    ASSERT_TRUE(StopControlThread(kLongMs));
+    on_report_set = false;
+    RestoreControlSignal();
+  }
+};
+
+TEST_F(ControlThreadTest, CarriesOutEachCommandOnceWhoeverSendsIt) {
+  constexpr int kEach = 200;
+  std::thread senders[2];
+  for (std::thread& sender : senders) {
+    sender = std::thread([] {
+      for (uint32_t i = 0; i < kEach; ++i) {
+        EXPECT_EQ(RunCommand({kCount, i}, kLongMs), 0);
+        EXPECT_TRUE(Send(kCount));
+      }
+    });
+  }
+  for (std::thread& sender : senders) sender.join();
+  ASSERT_TRUE(WaitForCommands(4 * kEach));
+  EXPECT_EQ(RunCommand({kCount, 77}, kLongMs), 0);
+  EXPECT_EQ(carried_out, 4 * kEach + 1);
+  EXPECT_EQ(last_parameter, 77U);
+}
+
+TEST_F(ControlThreadTest, WaitsForACommandNoLongerThanAsked) {
+  EXPECT_EQ(RunCommand({kSlow, 0}, 20), ETIMEDOUT);
+  EXPECT_FALSE(StopControlThread(20));
+  // Behind the slow one, which found out that it must not wait for itself.
+  EXPECT_EQ(RunCommand({kCount, 0}, kLongMs), 0);
+  EXPECT_EQ(carried_out, 2);
+  EXPECT_EQ(result_inside, EDEADLK);
+}
+
+TEST_F(ControlThreadTest, CommandsOutliveAStop) {
+  for (int round = 1; round <= 20; ++round) {
+    ASSERT_TRUE(StopControlThread(kLongMs));
+    EXPECT_EQ(RunCommand({kCount, 0}, kLongMs), ESRCH);
+    ASSERT_TRUE(Send(kCount));
+    EXPECT_EQ(arrived, round - 1);
+    ASSERT_EQ(StartControlThread(), 0);
+    ASSERT_TRUE(WaitForCommands(round));
+  }
+}
+
+/// Parents and children carry commands out whatever was in flight when they forked, on two threads.
+TEST_F(ControlThreadTest, ForkStorm) {
+  std::atomic<bool> over{false};
+  std::atomic<int> sent{0};
+  std::thread sender([&] {
+    for (; !over; ++sent) {
+      EXPECT_EQ(RunCommand({kCount, 1}, kLongMs), 0);
+      usleep(200);
+    }
+  });
+  const auto fork_often = [] {
+    for (int round = 0; round < 15; ++round) {
+      const pid_t child = fork();
+      if (child == 0) {
+        const int before = carried_out;
+        if (RunCommand({kCount, 2}, 20'000) != 0 || carried_out != before + 1) _exit(1);
+        _exit(StopControlThread(20'000) ? 7 : 2);
+      }
+      EXPECT_EQ(ExitCode(child), 7);
+    }
+  };
+  std::thread other(fork_often);
+  fork_often();
+  other.join();
+  over = true;
+  sender.join();
+  EXPECT_EQ(RunCommand({kCount, 0}, kLongMs), 0);
+  EXPECT_EQ(carried_out, sent + 1);
+}
+
+TEST(CatchLateCommands, OnlyWhereThereIsNoHandler) {
+  BlockControlSignal();
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  ASSERT_EQ(sigaction(44, &action, nullptr), 0);
+  CatchLateCommands();
+  ASSERT_TRUE(Send(kCount));
+  RestoreControlSignal();  // would kill
+  action.sa_handler = SIG_IGN;
+  ASSERT_EQ(sigaction(44, &action, nullptr), 0);
+  CatchLateCommands();
+  ASSERT_EQ(sigaction(44, nullptr, &action), 0);
+  EXPECT_EQ(action.sa_handler, SIG_IGN);
+}
+
+TEST(BootstrapArena, BlocksMoveToTheNextAllocator) {
+  ASSERT_TRUE(FindNextAllocator());
+  const auto& calls = kBootstrapTable.calls;
+  auto* block = static_cast<char*>(ArenaAllocate(1, 40));
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(calls.malloc_usable_size(block), 40U);
+  memcpy(block, "kept", 5);
+  auto* moved = static_cast<char*>(calls.realloc(block, 1000));
+  EXPECT_FALSE(ArenaContains(moved));
+  EXPECT_STREQ(moved, "kept");
+  auto* larger = static_cast<char*>(calls.realloc(moved, 100'000));
+  EXPECT_STREQ(larger, "kept");
+  calls.free(larger);
+  calls.free(block);
+  auto* smaller = static_cast<char*>(calls.realloc(block, 2));
+  EXPECT_EQ(memcmp(smaller, "ke", 2), 0);
+  calls.free(smaller);
+}
+
+/// Several threads take all there is: zeroed, aligned blocks that nobody shares; then ENOMEM.
+TEST(BootstrapArena, IsSharedOutUntilItIsFull) {
+  constexpr size_t kArenaAtLeast = size_t{64} << 10;
+  std::vector<std::pair<unsigned char*, size_t>> taken[4];
+  std::thread takers[4];
+  for (unsigned char number = 0; number < 4; ++number) {
+    takers[number] = std::thread([&mine = taken[number], number] {
+      for (size_t i = 0;; ++i) {
+        const size_t alignment = size_t{1} << (i % 9);
+        const size_t size = i * 7 % 200 + 1;
+        auto* block = static_cast<unsigned char*>(ArenaAllocate(alignment, size));
+        if (block == nullptr) break;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % std::max<size_t>(alignment, 16), 0U);
+        EXPECT_TRUE(ArenaContains(block) && ArenaContains(block + size - 1));
+        for (size_t k = 0; k < size; ++k) EXPECT_EQ(block[k], 0);
+        memset(block, number + 1, size);
+        mine.emplace_back(block, size);
+      }
+      EXPECT_EQ(errno, ENOMEM);
+    });
+  }
+  for (std::thread& taker : takers) taker.join();
+  size_t all = 0;
+  for (unsigned char number = 0; number < 4; ++number) {
+    for (const auto& [block, size] : taken[number]) {
+      EXPECT_EQ(ArenaBlockSize(block), size);
+      for (size_t k = 0; k < size; ++k) ASSERT_EQ(block[k], number + 1);
+      all += size;
+    }
+  }
+  EXPECT_GT(all, kArenaAtLeast);
+  for (const size_t size : {SIZE_MAX, SIZE_MAX / 2, size_t{1} << 30}) {
+    EXPECT_EQ(ArenaAllocate(16, size), nullptr);
+  }
+  int local;
+  EXPECT_FALSE(ArenaContains(nullptr) || ArenaContains(&local));
+}
+
+/// What a dump thread does: waits, writes "END" or not.
+struct Writer {
+  int before_ms;       // until it makes the file
+  const char* text;    // what it writes at once; null for no file at all
+  int between_ms;      // until it goes on
+  const char* ending;  // and what it writes then
+};
+
+class ExitReportTest : public ControlThreadTest {
+ protected:
+  void SetUp() override {
+    ControlThreadTest::SetUp();
+    root_ = fs::path(testing::TempDir()) / ("exit_report." + std::to_string(getpid()));
+    report_ = root_ / "data/log/reliability/allocations_dump";
+    const std::string pattern = testing::TempDir() + "exit_report.%p/";
+    setenv("MEMLEAK_TRACKER_ROOT", pattern.c_str(), 1);
+    CaptureReportRoot();
+    unsetenv("MEMLEAK_TRACKER_ROOT");
+  }
+  void TearDown() override {
+    if (writer_.joinable()) writer_.join();
+    ControlThreadTest::TearDown();
+    fs::remove_all(root_);
+  }
+  void WriteOnReport(const Writer& writer) {
+    on_report = [this, writer] {
+      writer_ = std::thread([path = report_, writer] {
+        pthread_setname_np(pthread_self(), "MemDumpThread");
+        usleep(static_cast<useconds_t>(writer.before_ms) * 1000);
+        if (writer.text == nullptr) return;
+        std::ofstream file(path);
+        file << writer.text << std::flush;
+        usleep(static_cast<useconds_t>(writer.between_ms) * 1000);
+        file << writer.ending << std::flush;
+      });
+    };
+    on_report_set = true;
+  }
+  /// Runs ReportAtExit; returns what it says. `ms` becomes the time that it took.
+  static std::string Report(uint64_t word, int64_t& ms) {
+    timespec start;
+    timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    testing::internal::CaptureStderr();
+    ReportAtExit({word, 0});
+    std::string said = testing::internal::GetCapturedStderr();
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    ms = (end.tv_sec - start.tv_sec) * 1000 + (end.tv_nsec - start.tv_nsec) / 1'000'000;
+    return said;
+  }
+  std::string Text() const {
+    std::ifstream file(report_);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  static void ExpectOneLineWith(const std::string& text, const std::string& said) {
+    EXPECT_NE(said.find(text), std::string::npos) << said;
+    EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
+  }
+
+  fs::path root_;
+  fs::path report_;
+  std::thread writer_;
+};
+
+/// Also for one who collects longer than a missing thread would be waited for.
+TEST_F(ExitReportTest, WaitsForTheWholeOfTheNewReport) {
+  int64_t ms;
+  WriteOnReport({0, "first EN", 60, "D, or not yet. END"});
+  EXPECT_EQ(Report(kReport, ms), "");
+  EXPECT_EQ(Text(), "first END, or not yet. END");
+  writer_.join();
+  WriteOnReport({3500, "second ", 300, "END"});
+  EXPECT_EQ(Report(kReport, ms), "");
+  EXPECT_EQ(Text(), "second END");
+}
+
+TEST_F(ExitReportTest, GivesUpSoonWhenNobodyWrites) {
+  int64_t ms;
+  WriteOnReport({100, "cut off by a full disk", 100, ""});
+  ExpectOneLineWith("nobody writes it any more", Report(kReport, ms));
+  EXPECT_LT(ms, 30'000);
+}
+
+/// Found out before anything is sent: no file, no report command.
+TEST_F(ExitReportTest, DoesNotAskForWhatCannotBe) {
+  int64_t ms;
+  ExpectOneLineWith("MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 ", Report(0xb0, ms));
+  std::ofstream(root_) << "a file where the directory should be";
+  ExpectOneLineWith("cannot write " + report_.string() + ": Not a directory", Report(kReport, ms));
+  EXPECT_LT(ms, 3'000);
+  EXPECT_EQ(arrived, 0);
+}
+
+}  // namespace
+}  // namespace host
