@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -59,20 +61,27 @@ __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFrameP
 
 /// Unwinds from here. The registers are filled and used in one and the same function, since the
 /// unwinder walks frames that must still exist.
+/// Without memory there are no frames; errno stays the program's.
 __attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t max_frames) {
   UnwinderState* state = g_unwinder.load(std::memory_order_acquire);
   max_frames = std::min(max_frames, kUnwindLimit);
   if (state == nullptr || max_frames == 0) return 0;
-  const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
-  unwindstack::RegsGetLocal(regs.get());
-  unwindstack::Unwinder unwinder(max_frames, &state->maps, regs.get(), state->memory);
-  unwinder.SetResolveNames(false);
-  unwinder.Unwind(&state->skipped_libraries, nullptr);
+  const int saved_errno = errno;
   std::size_t stored = 0;
-  for (const unwindstack::FrameData& frame : unwinder.frames()) {
-    if (stored == max_frames) break;
-    frames[stored++] = frame.pc;
+  try {
+    const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
+    unwindstack::RegsGetLocal(regs.get());
+    unwindstack::Unwinder unwinder(max_frames, &state->maps, regs.get(), state->memory);
+    unwinder.SetResolveNames(false);
+    unwinder.Unwind(&state->skipped_libraries, nullptr);
+    for (const unwindstack::FrameData& frame : unwinder.frames()) {
+      if (stored == max_frames) break;
+      frames[stored++] = frame.pc;
+    }
+  } catch (const std::bad_alloc&) {
+    stored = 0;
   }
+  errno = saved_errno;
   return stored;
 }
 

@@ -1,4 +1,6 @@
 // Reading one block's backtrace, and the locks around fork.
+#include <pthread.h>
+
 #include <mutex>
 
 #include "platform/bounds_checked.h"
@@ -25,6 +27,19 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
   return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;
 }
 
+namespace {
+
+/// Whether PrepareFork has marked its thread. Guarded by the locks that it holds.
+bool marked_by_fork = false;
+
+void UnmarkAfterFork() {
+  if (!marked_by_fork) return;
+  marked_by_fork = false;
+  pthread_setspecific(record_key, nullptr);
+}
+
+}  // namespace
+
 void PointerData::PrepareFork() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
@@ -33,11 +48,14 @@ void PointerData::PrepareFork() {
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
   }
+  marked_by_fork = pthread_getspecific(record_key) == nullptr;
+  if (marked_by_fork) pthread_setspecific(record_key, MemTrackControl::kMark);
 }
 
 void PointerData::PostForkParent() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
+  UnmarkAfterFork();
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     all[i].spare_mutex.unlock();
     all[i].pointer_mutex.unlock();
@@ -48,6 +66,7 @@ void PointerData::PostForkParent() {
 void PointerData::PostForkChild() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
+  UnmarkAfterFork();
   // Held by the forking thread or free: either way an unlock after an attempt leaves it free. The
   // Java-native tables' locks and the initialise lock are not touched: a child forked while
   // another thread held one of them inherits it locked (wanted).

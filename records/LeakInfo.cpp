@@ -23,6 +23,20 @@ constexpr char kBacktraceSizeProperty[] = "vastel.memleak.backtacemaxnum";
 /// Bytes of a leak-info element beside its frames, as the platform's tools expect them.
 constexpr std::size_t kInfoHeaderBytes = 272;
 
+/// Marks the thread as inside the record store, and takes the mark off at the end even if it was
+/// there before (wanted).
+class InsideUntilDone {
+ public:
+  InsideUntilDone() {
+    if (pthread_getspecific(record_key) == nullptr) {
+      pthread_setspecific(record_key, MemTrackControl::kMark);
+    }
+  }
+  ~InsideUntilDone() { pthread_setspecific(record_key, nullptr); }
+  InsideUntilDone(const InsideUntilDone&) = delete;
+  InsideUntilDone& operator=(const InsideUntilDone&) = delete;
+};
+
 /// Copies group `i` into `record`. `record` still has the values of the group before.
 void FillRecord(const Grouping& grouping, std::size_t i, const ListInfoType& group,
                 RecordStruct* record) {
@@ -55,12 +69,9 @@ void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool only_with_
     Grouping(list, only_with_backtrace).AddAllSets();
     return;
   }
-  pthread_setspecific(record_key, MemTrackControl::kMark);
-  {
-    const FrameInfoListWithLock locks;
-    Grouping(list, only_with_backtrace).AddAllSets();
-  }
-  pthread_setspecific(record_key, nullptr);
+  const InsideUntilDone inside;
+  const FrameInfoListWithLock locks;
+  Grouping(list, only_with_backtrace).AddAllSets();
 }
 
 std::uint32_t PointerData::GetMaxBacktraceNum() {
@@ -81,35 +92,28 @@ std::uint32_t PointerData::GetMaxBacktraceNum() {
 void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           std::size_t* info_size, std::size_t* total_memory,
                           std::size_t* backtrace_size, std::vector<RecordStruct>* list) {
-  // Keeps the vectors built below out of the tables.
-  if (pthread_getspecific(record_key) == nullptr) {
-    pthread_setspecific(record_key, MemTrackControl::kMark);
-  }
-  {
-    FrameInfoListWithLock locked;
-    std::vector<ListInfoType>& groups = *locked.list();
-    Grouping grouping(&groups, true);
-    grouping.AddAllSets();
-    if (groups.empty() || list == nullptr || groups.size() > kMaxGroups) {
-      async_safe_format_log(ANDROID_LOG_ERROR, kTag, "list size err or listout null %zd, ignore",
-                            static_cast<ssize_t>(groups.size()));
-    } else {
-      *backtrace_size = BacktraceSize();
-      *info_size = *backtrace_size * sizeof(std::uint64_t) + kInfoHeaderBytes;
-      *overall_size = *info_size * groups.size();
-      *total_memory = 0;
-      list->reserve(list->size() + groups.size());
-      RecordStruct record;
-      for (std::size_t i = 0; i < groups.size(); ++i) {
-        *total_memory += groups[i].num * groups[i].size;
-        FillRecord(grouping, i, groups[i], &record);
-        list->push_back(record);
-      }
-      SortListByTotalAllocation(list);
+  const InsideUntilDone inside;  // keeps the vectors built below out of the tables
+  FrameInfoListWithLock locked;
+  std::vector<ListInfoType>& groups = *locked.list();
+  Grouping grouping(&groups, true);
+  grouping.AddAllSets();
+  if (groups.empty() || list == nullptr || groups.size() > kMaxGroups) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kTag, "list size err or listout null %zd, ignore",
+                          static_cast<ssize_t>(groups.size()));
+  } else {
+    *backtrace_size = BacktraceSize();
+    *info_size = *backtrace_size * sizeof(std::uint64_t) + kInfoHeaderBytes;
+    *overall_size = *info_size * groups.size();
+    *total_memory = 0;
+    list->reserve(list->size() + groups.size());
+    RecordStruct record;
+    for (std::size_t i = 0; i < groups.size(); ++i) {
+      *total_memory += groups[i].num * groups[i].size;
+      FillRecord(grouping, i, groups[i], &record);
+      list->push_back(record);
     }
+    SortListByTotalAllocation(list);
   }
-  // Null even if it was set on entry (wanted).
-  pthread_setspecific(record_key, nullptr);
 }
 
 void PointerData::SortListByTotalAllocation(std::vector<RecordStruct>* list) {

@@ -54,8 +54,7 @@ bool StoreRecord(PointerSet* set, std::uint64_t address, std::uint64_t encoded_s
     time = record->time;
   } else {
     if (!inserted && HasBacktrace(record->backtrace)) {
-      set->kept_times.emplace(
-          address, PointerSet::KeptTime{BacktraceRef::Backtrace(record->backtrace), record->time});
+      set->KeepTime(address, BacktraceRef::Backtrace(record->backtrace), record->time);
     }
     if (has_backtrace && !set->kept_times.empty()) {
       time = set->TakeKeptTime(address, BacktraceRef::Backtrace(backtrace.word), time);
@@ -69,7 +68,7 @@ bool StoreRecord(PointerSet* set, std::uint64_t address, std::uint64_t encoded_s
 
 /// Files the Java-native part of a capture. The caller holds the set's frame lock.
 void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded_size,
-                   std::vector<unwindstack::FrameData>* frame_data) {
+                   std::vector<unwindstack::FrameData>* frame_data) try {
   std::uint64_t unwind_index;
   std::uint64_t generation;
   {
@@ -92,6 +91,8 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
   const std::lock_guard<std::mutex> guard(set->java_pointer_mutex);
   if (set->SyncJavaPointers() != generation) return;  // a clear took the stack meanwhile
   set->java_pointers[address] = {encoded_size, unwind_index};
+} catch (const std::bad_alloc&) {
+  // The native record stands; its Java-native part is left out.
 }
 
 /// Ends a pause once a set has run empty. One empty set is enough: waiting for all 40 would mean

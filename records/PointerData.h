@@ -36,7 +36,7 @@ class PointerData {
   PointerData& operator=(const PointerData&) = delete;
 
   /// Makes the sets when there are none yet and empties every table. Always true.
-  /// Takes the initialise lock, so it waits for a report; no lock of a set is taken.
+  /// Takes the initialise lock, so it waits for a report; waits for no lock of a set.
   bool Initialize();
 
   /// Records a block of `size` bytes at `pointer` with the backtrace of the calling thread. Must
@@ -52,7 +52,9 @@ class PointerData {
   /// Returns how many; 0 when there is no record or no backtrace. Any thread.
   static std::size_t GetFrames(const void* pointer, std::uintptr_t* frames, std::size_t max_frames);
 
-  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread.
+  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread. Until
+  /// the locks are free again that thread counts as inside the tracker: other libraries' fork
+  /// handlers may allocate meanwhile.
   static void PrepareFork();
   /// Releases them in the parent.
   static void PostForkParent();

@@ -1,7 +1,10 @@
 // Emptying of a set's tables, the keys of its Java-native backtraces, and the readers' lock.
 #include "records/PointerSet.h"
 
+#include <pthread.h>
+
 #include "records/PointerData.h"
+#include "tracker/MemTrackControl.h"
 
 std::atomic<std::uint64_t> table_generation{0};
 
@@ -29,7 +32,13 @@ bool UnwindFrameKeyEqual::operator()(const UnwindFrameKeyType& a,
 
 void PointerSet::EmptyPointers(std::uint64_t generation) {
   pointers.Clear();
-  kept_times.clear();
+  if (!kept_times.empty()) {
+    // Its memory goes through free, which must not come back here for a lock.
+    void* const mark = pthread_getspecific(record_key);
+    pthread_setspecific(record_key, MemTrackControl::kMark);
+    kept_times.clear();
+    pthread_setspecific(record_key, mark);
+  }
   pointers_generation.store(generation, std::memory_order_relaxed);
 }
 

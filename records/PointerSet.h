@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 #include <vector>
 
@@ -30,13 +31,16 @@ struct BacktraceRef {
   /// Generation of the table that holds the FrameInfoType.
   std::uint64_t generation = 0;
 
+  /// The word of a backtrace, and of a bare index.
   static std::uintptr_t WordOf(const FrameInfoType* backtrace) {
     return reinterpret_cast<std::uintptr_t>(backtrace);
   }
   static constexpr std::uintptr_t WordOf(std::uint64_t hash_index) { return hash_index * 2 + 1; }
+  /// The backtrace that `word` points to; null for a bare index.
   static FrameInfoType* Backtrace(std::uintptr_t word) {
     return (word & 1) != 0 ? nullptr : reinterpret_cast<FrameInfoType*>(word);
   }
+  /// The index of either. The caller holds the frame lock of the backtrace's set.
   static std::uint64_t HashIndex(std::uintptr_t word) {
     return (word & 1) != 0 ? word / 2 : Backtrace(word)->hash_index;
   }
@@ -48,9 +52,11 @@ struct UnwindFrameKeyType {
   const unwindstack::FrameData* frames;
 };
 struct UnwindFrameKeyHash {
+  /// The first five rel_pcs XORed, whatever the depth.
   std::size_t operator()(const UnwindFrameKeyType& key) const;
 };
 struct UnwindFrameKeyEqual {
+  /// Same length, every rel_pc equal.
   bool operator()(const UnwindFrameKeyType& a, const UnwindFrameKeyType& b) const;
 };
 
@@ -129,6 +135,14 @@ class PointerSet {
                : 0;
   }
 
+  /// Puts an allocation time on the list; without memory it is forgotten. Under pointer_mutex.
+  void KeepTime(std::uint64_t address, const FrameInfoType* backtrace, std::int64_t time) {
+    try {
+      kept_times.emplace(address, KeptTime{backtrace, time});
+    } catch (const std::bad_alloc&) {
+      // A time that is missing from a report is better than a process that is gone.
+    }
+  }
   /// The allocation time that `backtrace` has kept of `address`, taken off the list; `otherwise`
   /// when there is none. Under pointer_mutex.
   std::int64_t TakeKeptTime(std::uint64_t address, const FrameInfoType* backtrace,
@@ -147,11 +161,13 @@ class PointerSet {
 /// allocations do not come back here.
 class FrameInfoListWithLock {
  public:
+  /// Takes every pointer lock and then every frame lock, in set order.
   FrameInfoListWithLock();
   virtual ~FrameInfoListWithLock();
   FrameInfoListWithLock(const FrameInfoListWithLock&) = delete;
   FrameInfoListWithLock& operator=(const FrameInfoListWithLock&) = delete;
 
+  /// The list, empty at first; owned by this object.
   std::vector<ListInfoType>* list() { return &list_; }
 
  private:

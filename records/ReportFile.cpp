@@ -17,6 +17,7 @@
 #include <locale>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -169,7 +170,7 @@ void WriteRecord(std::ostream& out, const RecordStruct& record, std::int64_t now
 
 // Takes nothing and reports failures to the log alone. Waits for a clear or another report. The
 // calling thread's recording switches are as before when it returns.
-void PointerData::DumpAllocationTracesToFile() {
+void PointerData::DumpAllocationTracesToFile() try {
   const ThreadNotRecorded not_recorded;
   // Held to the end, so that a clear cannot empty the tables in the middle of the report.
   const std::lock_guard<std::mutex> lock(InitialiseLock());
@@ -191,6 +192,9 @@ void PointerData::DumpAllocationTracesToFile() {
   FillDeviceBuffer(buffer.get(), *text.rdbuf(), text_bytes);
   WriteReportFile(*text.rdbuf());
   SendToDevice(buffer.get(), text_bytes);
+} catch (const std::bad_alloc&) {
+  // A process that leaks may have no memory left for its report; it must not end for that.
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
 }
 
 // Writes to `out`, which prints integers in decimal and still does so afterwards. Any thread that

@@ -7,7 +7,8 @@
 
 namespace {
 
-constexpr std::uint64_t kFirstBuckets = 16;
+/// One page.
+constexpr std::uint64_t kFirstBuckets = 64;
 constexpr std::size_t kFirstChunk = 4096;
 constexpr std::size_t kLargestChunk = 65536;
 

@@ -20,6 +20,7 @@ struct FrameInfoType {
   /// Of the report that is being grouped: where this backtrace's notes are, plus 1; else 0.
   std::uint32_t report_note;
 
+  /// The pcs, num_frames of them, innermost first.
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
   const std::uint64_t* pcs() const { return reinterpret_cast<const std::uint64_t*>(this + 1); }
 };
@@ -101,7 +102,7 @@ class BacktraceArena {
     std::size_t bytes;
   };
 
-  /// Free pieces by their number of cache lines; the last list holds all longer ones.
+  /// Free pieces by their number of cache lines; the first list holds all longer ones.
   static constexpr std::size_t kLists = 16;
 
   FreePiece* free_[kLists] = {};

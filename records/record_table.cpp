@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr std::uint64_t kFirstCapacity = 32;
+/// One page.
+constexpr std::uint64_t kFirstCapacity = 128;
 /// A table is at most 7/10 full, for short probes, and grows by 7/20: it is never less than 0.51
 /// full after it has grown, which bounds it to 62 bytes a record.
 constexpr std::uint64_t kLoadNumerator = 7;

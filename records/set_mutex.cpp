@@ -2,6 +2,8 @@
 #include "records/set_mutex.h"
 
 #include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -26,8 +28,10 @@ void SetMutex::LockSlow() {
     if (round < kSpins + kYields) {
       sched_yield();
     } else {
+      // The system call itself: the C library's function is a cancellation point, and malloc and
+      // free are none.
       const timespec pause{0, kSleep};
-      nanosleep(&pause, nullptr);
+      syscall(SYS_nanosleep, &pause, nullptr);
     }
   }
   errno = saved_errno;

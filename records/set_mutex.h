@@ -15,10 +15,13 @@
 /// does nothing.
 class SetMutex {
  public:
+  /// Waits until the lock is free and takes it. Keeps errno; no cancellation point.
   void lock() {
     if (!try_lock()) LockSlow();
   }
+  /// Takes the lock if it is free; says whether it did.
   bool try_lock() { return state_.exchange(1, std::memory_order_acquire) == 0; }
+  /// Frees the lock.
   void unlock() { state_.store(0, std::memory_order_release); }
 
  private:

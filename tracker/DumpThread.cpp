@@ -3,6 +3,7 @@
 
 #include <sched.h>
 
+#include <new>
 #include <utility>
 
 #include "async_safe/log.h"
@@ -29,7 +30,12 @@ bool MemDumpThread::threadLoop() {
 }
 
 bool MemDumpMain::Enable() {
-  if (!thread_) thread_ = sp<MemDumpThread>::make();
+  try {
+    if (!thread_) thread_ = sp<MemDumpThread>::make();
+  } catch (const std::bad_alloc&) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
+    return false;
+  }
   if (thread_->run("MemDumpThread", PRIORITY_BACKGROUND, 0) != NO_ERROR) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
     return false;

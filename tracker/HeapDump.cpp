@@ -1,6 +1,7 @@
 // The leak-info and heap-dump entries, which the C library calls for the platform's tools.
 #include <cstdio>
 #include <fstream>
+#include <new>
 #include <string>
 
 #include "async_safe/log.h"
@@ -15,10 +16,12 @@ constexpr char kLogTag[] = "MemLeak.Native";
 
 /// The maps section is the wrong way round and wanted so: readers of these dumps expect one line
 /// of complaint per mapping, and nothing when the maps really cannot be opened.
-void WriteMaps(std::FILE* out) {
+void WriteMaps(std::FILE* out) try {
   std::ifstream maps("/proc/self/maps");
   std::string line;
   while (std::getline(maps, line)) std::fputs("Could not open /proc/self/maps\n", out);
+} catch (const std::bad_alloc&) {
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "dump_heap: no memory for the maps");
 }
 
 }  // namespace
@@ -38,7 +41,11 @@ void track_get_malloc_leak_info(std::uint8_t** info, std::size_t* overall_size,
   *info_size = 0;
   *total_memory = 0;
   *backtrace_size = 0;
-  PointerData::GetInfo(info, overall_size, info_size, total_memory, backtrace_size, nullptr);
+  try {
+    PointerData::GetInfo(info, overall_size, info_size, total_memory, backtrace_size, nullptr);
+  } catch (const std::bad_alloc&) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "get_malloc_leak_info: no memory");
+  }
 }
 
 void track_free_malloc_leak_info(std::uint8_t* info) {

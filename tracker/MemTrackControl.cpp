@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "async_safe/log.h"
+#include "platform/thread_keys.h"
 
 std::atomic<std::uint32_t> mem_track_type{NATIVE};
 // A key that was never created: the first one a process gets is 0, so 1 stands for "none yet".
@@ -41,6 +42,12 @@ bool MemTrackControl::DebugDisableInit() {
     }
   }
   for (const pthread_key_t key : {debug_disable_key_, plt_disable_key_, record_key}) {
+    if (!platform::ThreadKeyNeverAllocates(key)) {
+      async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+                            "thread key %u comes too late: setting it would allocate",
+                            static_cast<unsigned>(key));
+      return false;
+    }
     pthread_setspecific(key, nullptr);
   }
   keys_valid_.store(true, std::memory_order_release);
@@ -49,7 +56,7 @@ bool MemTrackControl::DebugDisableInit() {
 
 void MemTrackControl::DeleteKeys() {
   // First of all, because a deleted key reads as null, which would mean "may record".
-  keys_valid_.store(false, std::memory_order_release);
+  if (!keys_valid_.exchange(false, std::memory_order_acq_rel)) return;
   for (const pthread_key_t key : {debug_disable_key_, plt_disable_key_, record_key}) {
     pthread_key_delete(key);
   }

@@ -48,14 +48,19 @@ class MemTrackControl {
     const MemTrackControl* instance = GetInstance();
     return instance == nullptr ? nullptr : instance->zygote_child_;
   }
+  /// Whether a PLT hook is installed. Any thread, any context.
   static bool IsPltHook() { return is_plt_hook.load(std::memory_order_relaxed); }
 
   /// Clears the four switches and creates the three thread keys, null in the calling thread.
-  /// False when a key cannot be created; that is logged, and keys made so far stay.
+  /// False when a key cannot be created, or only one whose use would allocate; that is logged, and
+  /// keys made so far stay. Only from track_initialize.
   bool DebugDisableInit();
-  /// Deletes the three keys. From here on no thread counts as allowed to record.
+  /// Deletes the three keys, once. From here on no thread counts as allowed to record. Only from
+  /// track_initialize and track_finalize.
   void DeleteKeys();
 
+  /// The four switches: recording is on, and records may exist; for the native heap and for the
+  /// hooked kinds. Sequentially consistent loads. Any thread, any context.
   bool GetHookStart() const { return hook_start_.load(std::memory_order_seq_cst); }
   bool GetHookEverStarted() const { return hook_ever_started_.load(std::memory_order_seq_cst); }
   bool GetPltHookStart() const { return plt_hook_start_.load(std::memory_order_seq_cst); }
@@ -64,6 +69,7 @@ class MemTrackControl {
   }
   /// Stores the pair with release order, `ever` first: who sees start set sees ever set too.
   void ConfigHookStatus(bool start, bool ever);
+  /// The same for the hooked kinds. Both on any thread, in any context.
   void ConfigPltHookStatus(bool start, bool ever);
 
   /// True when this thread may record native blocks: its debug_disable_key is null and the keys
@@ -73,20 +79,23 @@ class MemTrackControl {
            pthread_getspecific(debug_disable_key_) == nullptr;
   }
   /// Marks or clears the calling thread.
-  void DisableThread() const { pthread_setspecific(debug_disable_key_, kMark); }
-  void EnableThread() const { pthread_setspecific(debug_disable_key_, nullptr); }
+  /// Nothing happens once the keys are deleted: their numbers may be another library's by then.
+  void DisableThread() const { Mark(debug_disable_key_, kMark); }
+  void EnableThread() const { Mark(debug_disable_key_, nullptr); }
 
   /// The same three for the mapping and device proxies.
   bool PltThreadEnabled() const {
     return keys_valid_.load(std::memory_order_acquire) &&
            pthread_getspecific(plt_disable_key_) == nullptr;
   }
-  void DisablePltThread() const { pthread_setspecific(plt_disable_key_, kMark); }
-  void EnablePltThread() const { pthread_setspecific(plt_disable_key_, nullptr); }
+  void DisablePltThread() const { Mark(plt_disable_key_, kMark); }
+  void EnablePltThread() const { Mark(plt_disable_key_, nullptr); }
 
   /// The C library's allocator. Null until track_initialize.
   const MallocDispatch* dispatch() const { return dispatch_; }
+  /// Keeps the table, which the C library owns. Only from track_initialize.
   void set_dispatch(const MallocDispatch* dispatch) { dispatch_ = dispatch; }
+  /// Keeps the flag, which the C library owns. Only from track_initialize.
   void set_zygote_child(bool* flag) { zygote_child_ = flag; }
   /// Callback slot `index` (below kTrackerSlots); may be null.
   Tracker tracker(std::uint32_t index) const {
@@ -100,6 +109,10 @@ class MemTrackControl {
   static inline void* const kMark = reinterpret_cast<void*>(1);
 
  private:
+  void Mark(pthread_key_t key, void* mark) const {
+    if (keys_valid_.load(std::memory_order_relaxed)) pthread_setspecific(key, mark);
+  }
+
   static std::atomic<MemTrackControl*> instance_;
 
   std::atomic<Tracker> trackers_[kTrackerSlots] = {};

@@ -99,6 +99,12 @@ TEST(LifecycleTest, AFailedStartLeavesNothingBehind) {
     ASSERT_EQ(log.size(), 1U);
     EXPECT_EQ(log[0].rfind("E pthread_key_create failed: Resource", 0), 0U);
   }
+  // A key whose use allocates would have an entry call itself without end.
+  const std::vector<pthread_key_t> first_keys = TakeFreeKeys(3);
+  EXPECT_FALSE(Start());
+  GiveBack(first_keys);
+  EXPECT_EQ(fake::TakeLog().at(0).rfind("E thread key ", 0), 0U);
+
   fake::Now().store_initialize_fails = true;
   const std::vector<pthread_key_t> keys_before = TakeFreeKeys(0);
   GiveBack(keys_before);
