@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+extern "C" int fork_handlers_linked();
+
 /// The one function that allocates for "alloc"; tests look for its name. The barrier keeps it on
 /// the stack.
 extern "C" __attribute__((noinline, visibility("default"))) void* StepAllocate(std::size_t size) {
@@ -47,6 +49,7 @@ void Churn(unsigned threads, unsigned milliseconds) {
 int main() {
   static void* blocks[1 << 17];
   std::size_t count = 0;
+  if (fork_handlers_linked() == 0) return 1;
   std::FILE* input = stdin;
   char line[512];
   while (std::fgets(line, sizeof line, input) != nullptr) {

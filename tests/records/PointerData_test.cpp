@@ -256,6 +256,24 @@ TEST_F(PointerDataTest, AReaderHoldsOffRemoval) {
   EXPECT_EQ(TotalRecords(), 0U);
 }
 
+TEST_F(PointerDataTest, WaitingForALockIsNoCancellationPoint) {
+  std::atomic<bool> added{false};
+  std::thread adder;
+  {
+    const FrameInfoListWithLock locks;
+    adder = std::thread([&] {
+      CurrentScript() = {{1}, {}, 64};
+      data_.Add(At(0x1000), 64);
+      added = true;
+    });
+    usleep(20000);
+    pthread_cancel(adder.native_handle());
+    usleep(20000);
+  }
+  adder.join();
+  EXPECT_TRUE(added);
+}
+
 // Against a plain model: the same random adds and removes, over sizes and stacks that collide.
 TEST_F(PointerDataTest, MatchesAModelUnderChurn) {
   std::mt19937_64 random(1);
