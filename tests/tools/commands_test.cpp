@@ -291,12 +291,12 @@ TEST(Status, SaysWhenAProcessIsLoadedButDeafToCommands) {
 #endif
   const TempDir directory;
   // Without a root the fake tracker sets no handler.
-  const Outcome status =
-      Shell("cd " + directory.Path("") +
-            " && mkfifo fifo && LD_PRELOAD=" FIXTURE_LIBDIR
-            "/libmemleak_preload.so " FIXTURE_SLEEPER " <>fifo >out & cd " +
-            directory.Path("") + "; until grep -qs ready out; do sleep 0.02; done; " + kMemleak +
-            "status $!; code=$?; kill $!; exit $code");
+  const Outcome status = Shell("cd " + directory.Path("") +
+                               " && mkfifo fifo && { exec env LD_PRELOAD=" FIXTURE_LIBDIR
+                               "/libmemleak_preload.so " FIXTURE_SLEEPER
+                               " <>fifo >out & }; "
+                               "until grep -qs ready out; do sleep 0.02; done; " +
+                               kMemleak + "status $!; code=$?; kill $!; exit $code");
   EXPECT_EQ(status.code, 1);
   ExpectHas(status.output, "loaded, but signal 44 is not caught");
 }
