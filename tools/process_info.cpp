@@ -292,7 +292,7 @@ ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
   std::optional<steady_clock::time_point> mapped;
   bool was_controller = false;
   while (true) {
-    const ProcessInfo process = InspectProcess(pid);
+    ProcessInfo process = InspectProcess(pid);
     const auto now = steady_clock::now();
     // An old shell may become the controller too, and that the program.
     was_controller = was_controller || process.executable == controller;

@@ -159,9 +159,9 @@ TEST(Run, TakesCommandsStraightAfterItsStart) {
   for (int round = 0; round < kRounds; ++round) {
     // Now and then the child stays a shell for a while.
     const std::string delay = round % 4 == 0 ? "sleep 0.2; " : "";
-    const Outcome on = Shell("cd " + directory.Path("") +
-                             " && rm -f fifo && mkfifo fifo && sh -c \"" + "{ " + delay + start +
-                             "; } & " + kMemleak + "on \\$!; code=\\$?; kill \\$!; exit \\$code\"");
+    std::string script = "cd " + directory.Path("") + " && rm -f fifo && mkfifo fifo; { ";
+    script.append(delay).append(start).append("; } & ").append(kMemleak);
+    const Outcome on = Shell(script.append("on $!; code=$?; kill $!; exit $code"));
     EXPECT_EQ(on.code, 0) << on.output;
     ExpectHas(on.output, ": recording on, tables emptied");
   }
