@@ -1,7 +1,9 @@
 // report, status and show: what asks.
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
@@ -72,14 +74,27 @@ void CheckResult(WaitResult result, const ProcessInfo& process, const std::strin
   }
 }
 
+// Why ReadTextFile gave nothing.
+std::string ReadFailure(const std::string& path) {
+  return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "not a plain file";
+}
+
+std::string UnknownRecording(const ProcessInfo& process) {
+  std::string text = "unknown";
+  if (process.environment.contains(kStartVariable)) text += ", on when it was started";
+  if (!process.log.empty()) {
+    return text + " (its log cannot be read: " + ReadFailure(process.log) + ")";
+  }
+  const auto log = process.environment.find(kLogVariable);
+  return text + (log != process.environment.end() && !log->second.empty()
+                     ? " (its log goes to its error output)"
+                     : " (no log; memleak run --log FILE makes one)");
+}
+
 std::string RecordingText(const ProcessInfo& process) {
   const std::optional<std::string> log =
       process.log.empty() ? std::nullopt : ReadTextFile(process.log);
-  if (!log) {
-    return process.environment.contains(kStartVariable)
-               ? "unknown (on when it was started; --log FILE would tell)"
-               : "unknown (no log; memleak run --log FILE makes one)";
-  }
+  if (!log) return UnknownRecording(process);
   switch (RecordingFromLog(*log)) {
     case Recording::kOn:
       return "on";
@@ -120,6 +135,11 @@ std::string ReportText(const std::string& path) {
          FormatAge(age) + " old" + (EndsComplete(path) ? ")" : ", incomplete)");
 }
 
+// Whether a command would be received; the emulator's mask proves nothing.
+bool TakesCommands(const ProcessInfo& process) {
+  return process.has_tracker && (process.is_emulated || process.catches_signal);
+}
+
 std::string SignalText(const ProcessInfo& process) {
   if (!process.has_tracker) return "no";
   if (process.is_emulated) return "yes (emulated: commands go by signal 46)";
@@ -130,9 +150,12 @@ std::string SignalText(const ProcessInfo& process) {
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
   if (!fs::is_directory(given, ignored)) return given;
-  for (const fs::path& candidate :
-       {fs::path(given) / kReportFile, fs::path(given) / fs::path(kReportFile).filename()}) {
-    if (fs::is_regular_file(candidate, ignored)) return candidate.string();
+  const fs::path below = fs::path(given) / kReportFile;
+  for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
+    std::error_code error;
+    const bool found = fs::is_regular_file(candidate, error);
+    // A directory without permission hides whether the report is there.
+    if (found || error == std::errc::permission_denied) return candidate.string();
   }
   throw UserError("no report below " + given, "write one with: memleak report PID");
 }
@@ -180,6 +203,7 @@ int ReportCommand(const ReportOptions& options) {
   if (report.header.listed < report.header.groups) {
     std::cout << " (the largest " << report.header.listed << " are listed)";
   }
+  if (report.header.groups == 0) std::cout << "\n        " << kNothingHeld;
   std::cout << "\nbytes   " << FormatCount(report.header.total_bytes) << " ("
             << FormatBytes(report.header.total_bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
@@ -196,7 +220,7 @@ int StatusCommand(pid_t pid) {
             << "properties  " << SettingsText(process) << "\n"
             << "report      " << ReportText(process.ReportPath()) << "\n";
   if (!process.log.empty()) std::cout << "log         " << process.log << "\n";
-  return kExitOk;
+  return TakesCommands(process) ? kExitOk : kExitNegative;
 }
 
 int ShowCommand(const ShowOptions& options) {

@@ -22,7 +22,8 @@ inline constexpr const char* kRun = R"(
 Prepares a root directory, sets the environment and becomes PROGRAM, which
 keeps this process's id. Nothing is recorded until `memleak on PID`, unless
 --start is given. Children that the program forks are tracked too; "%p" in a
-root directory stands for each one's pid.
+root directory stands for each one's pid. --report-at-exit writes nothing when
+the program leaves by _exit or a fatal signal.
 
 Examples:
   memleak run -- sqlite3 test.db
@@ -31,7 +32,7 @@ Examples:
   memleak run --emulator 'qemu-aarch64 -L /' -- ./arm64-program
 
 Exit codes:
-  2  the program cannot be tracked or the root directory not be written
+  2  the program cannot be tracked, or root directory or log not be written
   otherwise those of the program)";
 
 inline constexpr const char* kOn = R"(
@@ -106,7 +107,7 @@ Example:
 
 Exit codes:
   0  tracked
-  1  not tracked
+  1  not tracked, or loaded but not catching signal 44
   2  no such process, or not permitted)";
 
 inline constexpr const char* kShow = R"(

@@ -2,6 +2,7 @@
 #include "tools/launcher.h"
 
 #include <elf.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,17 +43,32 @@ std::vector<std::string> SplitWords(const std::string& text) {
   return words;
 }
 
+fs::path OwnDirectory() {
+  std::error_code ignored;
+  return fs::read_symlink("/proc/self/exe", ignored).parent_path();
+}
+
 // Beside the controller, where an installation has them, and in the other preset of a build tree.
 std::vector<std::string> LibraryCandidates(const std::string& libdir) {
   if (!libdir.empty()) return {fs::absolute(libdir).lexically_normal().string()};
-  std::error_code ignored;
-  const fs::path own = fs::read_symlink("/proc/self/exe", ignored).parent_path();
+  const fs::path own = OwnDirectory();
   const fs::path prefix = own.parent_path();
   std::vector<std::string> candidates = {own.string(), (prefix / "lib").string()};
   for (const char* preset : {"native", "aarch64"}) {
     candidates.push_back((prefix.parent_path() / preset / "lib").string());
   }
   return candidates;
+}
+
+std::string LibrariesRemedy(const std::string& libdir, std::uint16_t machine) {
+  if (!libdir.empty()) return "name the directory that holds them with --libdir DIR";
+  std::error_code ignored;
+  if (!fs::exists(OwnDirectory().parent_path() / "CMakeCache.txt", ignored)) {
+    return "say where they are with --libdir DIR";
+  }
+  const std::string preset = machine == EM_AARCH64 ? "aarch64" : "native";
+  return "build them in the source directory: cmake --preset " + preset +
+         " && cmake --build --preset " + preset;
 }
 
 std::string Libraries(const RunOptions& options, std::uint16_t machine) {
@@ -65,7 +81,7 @@ std::string Libraries(const RunOptions& options, std::uint16_t machine) {
     }
     throw UserError("no " + std::string(kPreloadLibrary) + " and " + kTrackerLibrary + " for " +
                         MachineName(machine) + " in " + searched,
-                    "build them for it, or say where they are with --libdir DIR");
+                    LibrariesRemedy(options.libdir, machine));
   }
   // The dynamic linker splits its list at blanks and colons, the emulator its own at commas.
   const char* separators = options.emulator.empty() ? " :" : " :,";
@@ -157,7 +173,19 @@ void ComposeSettings(const RunOptions& options, const Program& program, LaunchPl
     const std::string log =
         options.log == "stderr" ? options.log : fs::absolute(options.log).string();
     plan->environment.push_back({kLogVariable, log});
+    if (log != "stderr") plan->log = ExpandPid(log, getpid());
   }
+}
+
+// The tracker does without a log that it cannot open, and says nothing.
+void CheckLog(const std::string& log) {
+  constexpr mode_t kLogMode = 0644;
+  const int file = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogMode);
+  if (file < 0) {
+    throw UserError("log not writable: " + log + ": " + std::strerror(errno),
+                    "name a file in a directory that is there and writable with --log FILE");
+  }
+  close(file);
 }
 
 }  // namespace
@@ -181,6 +209,7 @@ LaunchPlan PlanLaunch(const RunOptions& options) {
 
 void Launch(const LaunchPlan& plan) {
   WriteProperties(plan.root, plan.properties);
+  if (!plan.log.empty()) CheckLog(plan.log);
   for (const EnvironmentChange& change : plan.environment) {
     if (change.value) {
       setenv(change.name.c_str(), change.value->c_str(), 1);

@@ -34,6 +34,7 @@ struct LaunchPlan {
   std::vector<std::string> arguments;  ///< argv, program name included
   std::vector<EnvironmentChange> environment;
   std::string root;        ///< absolute, of the process itself
+  std::string log;         ///< absolute, of the process itself; empty: no file was asked for
   std::string properties;  ///< text for the root's properties file
 };
 
@@ -41,8 +42,8 @@ struct LaunchPlan {
 /// Reads PATH, LD_PRELOAD and the working directory of this process. Throws UserError.
 LaunchPlan PlanLaunch(const RunOptions& options);
 
-/// Writes the root directory, sets the environment and becomes the program. Returns only by
-/// throwing UserError.
+/// Writes the root directory, makes sure that the log can be written, sets the environment and
+/// becomes the program. Returns only by throwing UserError.
 [[noreturn]] void Launch(const LaunchPlan& plan);
 
 }  // namespace memleak

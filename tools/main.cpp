@@ -26,24 +26,55 @@ struct Options {
   ReportOptions report;
   SendOptions send;
   ShowOptions show;
-  pid_t pid = 0;
-  std::uint32_t depth = 0;
+  // Numbers as they were given: the library's own messages about them name neither what is wanted
+  // nor what to do.
+  std::string pid;
+  std::string depth;
+  std::string timeout;
+  std::string top;
   std::string unwind;
   std::string word;
   std::string parameter = "0";
 };
 
+// What a number on the command line has to be.
+struct NumberKind {
+  const char* noun;
+  std::uint64_t least;
+  std::uint64_t most;
+  const char* remedy;
+};
+
+constexpr std::uint64_t kMost32 = std::numeric_limits<std::uint32_t>::max();
+constexpr NumberKind kPidKind = {"a process id", 1, std::numeric_limits<pid_t>::max(),
+                                 "find it with: pgrep -a NAME"};
+constexpr NumberKind kDepthKind = {"a number of frames from 1 to 65535", 1, kMaxDepth,
+                                   "give one such as 24"};
+constexpr NumberKind kTimeoutKind = {"a number of seconds", 0, kMost32,
+                                     "give one such as 300, or 0 to wait without end"};
+constexpr NumberKind kTopKind = {"a number of groups", 0, kMost32,
+                                 "give one such as 20, or 0 for all"};
+constexpr NumberKind kWordKind = {"a number in range", 0, std::numeric_limits<std::uint64_t>::max(),
+                                  "give one such as 0x90"};
+constexpr NumberKind kParameterKind = {"a number in range", 0, kMost32, "give one such as 0xa0031"};
+
 // The whole of `text` as a number, decimal or with "0x".
-std::uint64_t ParseNumber(const std::string& name, const std::string& text, std::uint64_t limit) {
+std::uint64_t ParseNumber(const std::string& name, const std::string& text,
+                          const NumberKind& kind) {
   const bool hex = text.starts_with("0x") || text.starts_with("0X");
   const char* begin = text.data() + (hex ? 2 : 0);
   const char* end = text.data() + text.size();
   std::uint64_t value = 0;
   const auto result = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (result.ec != std::errc() || result.ptr != end || value > limit) {
-    throw UserError(name + " is not a number in range: " + text, "give one such as 0x90");
+  if (result.ec != std::errc() || result.ptr != end || value < kind.least || value > kind.most) {
+    throw UserError(name + " is not " + kind.noun + ": " + text, kind.remedy);
   }
   return value;
+}
+
+std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
+                            const NumberKind& kind) {
+  return static_cast<std::uint32_t>(ParseNumber(name, text, kind));
 }
 
 /// Help as the library prints it, but for what it cannot know: the words after `run`'s options.
@@ -70,9 +101,7 @@ CLI::App* AddPidCommand(CLI::App* app, const char* name, const char* summary, co
 }
 
 void AddBacktraceOptions(CLI::App* command, Options* options) {
-  command->add_option("--depth", options->depth, "Frames kept per allocation")
-      ->check(CLI::Range(std::uint32_t{1}, kMaxDepth))
-      ->option_text("N");
+  command->add_option("--depth", options->depth, "Frames kept per allocation")->option_text("N");
   command
       ->add_option("--unwind", options->unwind,
                    "By frame pointers (aarch64's default) or\n"
@@ -107,7 +136,7 @@ void AddCommands(CLI::App* app, Options* options) {
   CLI::App* report =
       AddPidCommand(app, "report", "Stop recording and write a report", help::kReport, options);
   report
-      ->add_option("--timeout", options->report.timeout_s,
+      ->add_option("--timeout", options->timeout,
                    "Seconds to wait for the report (60); 0: without end")
       ->option_text("SECONDS");
   AddPidCommand(app, "clear", "Drop everything recorded so far", help::kClear, options);
@@ -119,16 +148,42 @@ void AddCommands(CLI::App* app, Options* options) {
   show->add_option("REPORT", options->show.report, "Report, or root directory")
       ->required()
       ->option_text(" ");
-  show->add_option("--top", options->show.top, "Groups to show (10); 0: all")->option_text("N");
+  show->add_option("--top", options->top, "Groups to show (10); 0: all")->option_text("N");
   show->add_flag("--partial", options->show.partial, "Accept a truncated report");
 }
 
 template <typename Target>
 void CopyBacktraceOptions(const CLI::App& command, const Options& options, Target* target) {
-  if (command.count("--depth") != 0) target->depth = options.depth;
+  if (command.count("--depth") != 0)
+    target->depth = ParseNumber32("--depth", options.depth, kDepthKind);
   if (command.count("--unwind") != 0) {
     target->type = options.unwind == "fp" ? kUnwindFramePointers : kUnwindTables;
   }
+}
+
+int DispatchToProcess(const CLI::App& command, Options* options) {
+  const std::string& name = command.get_name();
+  const auto pid = static_cast<pid_t>(ParseNumber("PID", options->pid, kPidKind));
+  if (name == "on") {
+    options->on.pid = pid;
+    CopyBacktraceOptions(command, *options, &options->on);
+    return OnCommand(options->on);
+  }
+  if (name == "report") {
+    options->report.pid = pid;
+    if (command.count("--timeout") != 0) {
+      options->report.timeout_s = ParseNumber32("--timeout", options->timeout, kTimeoutKind);
+    }
+    return ReportCommand(options->report);
+  }
+  if (name == "send") {
+    options->send = {pid, ParseNumber("--word", options->word, kWordKind),
+                     ParseNumber32("--parameter", options->parameter, kParameterKind)};
+    return SendWordCommand(options->send);
+  }
+  if (name == "pause") return PauseCommand(pid);
+  if (name == "clear") return ClearCommand(pid);
+  return StatusCommand(pid);
 }
 
 int Dispatch(const CLI::App& command, Options* options) {
@@ -137,26 +192,10 @@ int Dispatch(const CLI::App& command, Options* options) {
     CopyBacktraceOptions(command, *options, &options->run);
     return RunCommand(options->run);
   }
-  if (name == "on") {
-    options->on.pid = options->pid;
-    CopyBacktraceOptions(command, *options, &options->on);
-    return OnCommand(options->on);
+  if (name != "show") return DispatchToProcess(command, options);
+  if (command.count("--top") != 0) {
+    options->show.top = ParseNumber32("--top", options->top, kTopKind);
   }
-  if (name == "report") {
-    options->report.pid = options->pid;
-    return ReportCommand(options->report);
-  }
-  if (name == "send") {
-    options->send = {
-        options->pid,
-        ParseNumber("--word", options->word, std::numeric_limits<std::uint64_t>::max()),
-        static_cast<std::uint32_t>(ParseNumber("--parameter", options->parameter,
-                                               std::numeric_limits<std::uint32_t>::max()))};
-    return SendWordCommand(options->send);
-  }
-  if (name == "pause") return PauseCommand(options->pid);
-  if (name == "clear") return ClearCommand(options->pid);
-  if (name == "status") return StatusCommand(options->pid);
   return ShowCommand(options->show);
 }
 

@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -24,6 +26,11 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kEmulatorPrefix = "qemu-";
 constexpr auto kStartPoll = std::chrono::milliseconds(20);
+// A process younger than this may still have to become the program, or its dynamic linker to come
+// to the tracker.
+constexpr double kYoungSeconds = 3.0;
+// From the tracker's being mapped to its handler's being set, where no mask tells of the latter.
+constexpr auto kEmulatedSettle = std::chrono::milliseconds(500);
 
 // Calls `visit` for every line of `text` until it returns false.
 template <typename Visitor>
@@ -95,11 +102,68 @@ std::string Lookup(const std::map<std::string, std::string>& environment, const 
   return entry == environment.end() ? "" : entry->second;
 }
 
-// True while the process is still this controller about to become a program, or a program whose
-// dynamic linker has not come to the tracker yet.
-bool IsStarting(const ProcessInfo& process) {
-  if (process.environment.contains(kRootVariable)) return true;
-  return process.executable == ReadLink("/proc/self/exe");
+// Whether the process was forked only just now. Its environment tells nothing yet: before it
+// becomes a program it is a copy of the shell.
+bool IsYoung(pid_t pid) {
+  const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));
+  timespec now{};
+  if (!ticks || clock_gettime(CLOCK_BOOTTIME, &now) != 0) return false;
+  const double start = static_cast<double>(*ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 - start <
+         kYoungSeconds;
+}
+
+// The text of /proc/PID/status of a process that has not ended.
+std::string ReadStatus(pid_t pid) {
+  std::string status = ReadProc(pid, "status");
+  if (IsZombie(status)) {
+    throw UserError("no such process: " + std::to_string(pid) + " has ended", "start it again");
+  }
+  return status;
+}
+
+// What a process is running: these change when it becomes another program.
+struct Image {
+  std::string executable;
+  std::string environment;
+  bool operator==(const Image&) const = default;
+};
+
+Image ReadImage(pid_t pid) {
+  return {ReadLink("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
+}
+
+// One look at a process; says in `steady` whether it was one and the same program throughout.
+ProcessInfo Look(pid_t pid, bool* steady) {
+  // First for processes that have ended: only root may read the rest of theirs.
+  ReadStatus(pid);
+  const Image image = ReadImage(pid);
+  const std::string status = ReadStatus(pid);
+  ProcessInfo process;
+  process.pid = pid;
+  process.name = StatusField(status, "Name");
+  process.catches_signal = CatchesSignal(status, kControlSignal);
+  process.environment = ParseEnvironment(image.environment);
+  process.has_tracker = MapsLibrary(ReadProc(pid, "maps"), kTrackerLibrary);
+  process.executable = image.executable;
+  process.is_emulated =
+      fs::path(process.executable).filename().string().starts_with(kEmulatorPrefix);
+  if (process.is_emulated) {
+    const std::string guest = GuestName(ReadProc(pid, "cmdline"));
+    if (!guest.empty()) process.name = guest;
+  }
+  *steady = image == ReadImage(pid);
+  return process;
+}
+
+UserError NotTracked(const ProcessInfo& process) {
+  if (!process.has_tracker) {
+    return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
+            "start it with: memleak run -- PROGRAM"};
+  }
+  return {"process " + process.Label() +
+              " does not catch signal 44, which would kill it; nothing was sent",
+          "start it anew with: memleak run -- PROGRAM"};
 }
 
 }  // namespace
@@ -141,6 +205,44 @@ std::map<std::string, std::string> ParseEnvironment(std::string_view environ_tex
   return environment;
 }
 
+std::optional<std::uint64_t> StartTicks(std::string_view stat) {
+  // The name, second, may hold blanks and parentheses; the start time is the 20th after it.
+  constexpr int kFieldsBefore = 19;
+  const std::size_t name_end = stat.rfind(") ");
+  if (name_end == std::string_view::npos) return std::nullopt;
+  std::optional<std::uint64_t> ticks;
+  int field = 0;
+  ForEachLine(stat.substr(name_end + 2), ' ', [&](std::string_view text) {
+    if (field++ < kFieldsBefore) return true;
+    std::uint64_t value = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (result.ec == std::errc()) ticks = value;
+    return false;
+  });
+  return ticks;
+}
+
+std::string GuestName(std::string_view cmdline) {
+  constexpr std::array<std::string_view, 17> kWithValue = {
+      "-g", "-L", "-s", "-E", "-U",   "-0",    "-r",      "-B",      "-R",
+      "-D", "-d", "-p", "-t", "-cpu", "-seed", "-plugin", "-dfilter"};
+  std::string name;
+  bool skip = true;  // the emulator itself
+  ForEachLine(cmdline, '\0', [&](std::string_view word) {
+    if (skip) {
+      skip = false;
+      return true;
+    }
+    if (!word.starts_with('-')) {
+      name = word.substr(word.rfind('/') + 1);
+      return false;
+    }
+    skip = std::find(kWithValue.begin(), kWithValue.end(), word) != kWithValue.end();
+    return true;
+  });
+  return name;
+}
+
 std::string ExpandPid(std::string_view text, pid_t pid) {
   std::string expanded;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -168,19 +270,11 @@ std::string ProcessInfo::ReportPath() const {
 
 ProcessInfo InspectProcess(pid_t pid) {
   if (pid <= 0) throw UserError("not a process id: " + std::to_string(pid), "give a PID above 0");
-  const std::string status = ReadProc(pid, "status");
-  if (IsZombie(status)) {
-    throw UserError("no such process: " + std::to_string(pid) + " has ended", "start it again");
-  }
-  ProcessInfo process;
-  process.pid = pid;
-  process.name = StatusField(status, "Name");
-  process.catches_signal = CatchesSignal(status, kControlSignal);
-  process.environment = ParseEnvironment(ReadProc(pid, "environ"));
-  process.has_tracker = MapsLibrary(ReadProc(pid, "maps"), kTrackerLibrary);
-  process.executable = ReadLink("/proc/" + std::to_string(pid) + "/exe");
-  process.is_emulated =
-      fs::path(process.executable).filename().string().starts_with(kEmulatorPrefix);
+  // A program that starts another without end is taken as it is after some looks.
+  constexpr int kLooks = 10;
+  bool steady = false;
+  ProcessInfo process = Look(pid, &steady);
+  for (int look = 1; !steady && look < kLooks; ++look) process = Look(pid, &steady);
 
   const std::string root = Lookup(process.environment, kRootVariable);
   process.root = root.empty() ? "/" : OwnPath(root, process);
@@ -192,22 +286,24 @@ ProcessInfo InspectProcess(pid_t pid) {
 }
 
 ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patience_ms);
+  using std::chrono::steady_clock;
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(patience_ms);
+  const std::string controller = ReadLink("/proc/self/exe");
+  std::optional<steady_clock::time_point> mapped;
+  bool was_controller = false;
   while (true) {
     ProcessInfo process = InspectProcess(pid);
-    // The emulator catches every real-time signal, so there the mask proves nothing.
-    const bool handles = process.is_emulated || process.catches_signal;
-    if (process.has_tracker && handles) return process;
-    if (!IsStarting(process) || std::chrono::steady_clock::now() >= deadline) {
-      if (!process.has_tracker) {
-        throw UserError(
-            "process " + process.Label() + " is not loaded with the tracker; nothing was sent",
-            "start it with: memleak run -- PROGRAM");
-      }
-      throw UserError("process " + process.Label() +
-                          " does not catch signal 44, which would kill it; nothing was sent",
-                      "start it anew with: memleak run -- PROGRAM");
+    const auto now = steady_clock::now();
+    // An old shell may become the controller too, and that the program.
+    was_controller = was_controller || process.executable == controller;
+    const bool starting = now < deadline && (was_controller || IsYoung(pid));
+    if (process.has_tracker) {
+      if (!mapped) mapped = now;
+      // The emulator catches every real-time signal, so there the mask proves nothing.
+      const bool settled = !starting || now - *mapped >= kEmulatedSettle;
+      if (process.is_emulated ? settled : process.catches_signal) return process;
     }
+    if (!starting) throw NotTracked(process);
     std::this_thread::sleep_for(kStartPoll);
   }
 }

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,13 +26,21 @@ bool MapsLibrary(std::string_view maps, std::string_view library);
 /// getenv; entries without '=' are dropped.
 std::map<std::string, std::string> ParseEnvironment(std::string_view environ_text);
 
+/// When the process of this text of /proc/PID/stat was forked, in clock ticks since the system
+/// started; nothing when the text is not one.
+std::optional<std::uint64_t> StartTicks(std::string_view stat);
+
+/// The program that an emulator runs, without its directory, from the text of the emulator's
+/// /proc/PID/cmdline; empty when that names none.
+std::string GuestName(std::string_view cmdline);
+
 /// Replaces every "%p" in `text` by `pid`.
 std::string ExpandPid(std::string_view text, pid_t pid);
 
 /// A running process as seen from outside.
 struct ProcessInfo {
   pid_t pid = 0;
-  std::string name;             ///< /proc/PID/comm
+  std::string name;             ///< /proc/PID/comm; the guest program's under an emulator
   std::string executable;       ///< target of /proc/PID/exe
   bool is_emulated = false;     ///< the executable is a user-mode emulator ("qemu-...")
   bool has_tracker = false;     ///< the tracker's library is mapped
@@ -54,9 +63,10 @@ struct ProcessInfo {
 /// allowed.
 ProcessInfo InspectProcess(pid_t pid);
 
-/// As InspectProcess, for a process that a command is about to be sent to: waits up to
-/// `patience_ms` for one that is only just being started, then throws UserError unless the tracker
-/// is loaded and the signal is handled.
+/// As InspectProcess, for a process that a command is about to be sent to. Throws UserError unless
+/// the tracker is loaded and the signal is handled: at once for a process of more than 3 s, after
+/// up to `patience_ms` for one that is younger or still this controller. A young process under an
+/// emulator is given a moment after the tracker is loaded, within the same patience.
 ProcessInfo RequireTracked(pid_t pid, int patience_ms);
 
 /// True while `pid` names a process that has not ended.

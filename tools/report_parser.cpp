@@ -106,6 +106,13 @@ bool ParseJavaFrame(std::string_view line, JavaFrame* frame) {
   return true;
 }
 
+UserError CannotOpen(const std::string& path, int error) {
+  std::string remedy = "name the file that memleak report printed";
+  if (error == ENOENT) remedy = "check the path, or write a report with: memleak report PID";
+  if (error == EACCES) remedy = "run memleak as the user who owns it, or as root";
+  return {"cannot read report " + path + ": " + std::strerror(error), remedy};
+}
+
 /// The state of one pass over a report.
 class ReportPass {
  public:
@@ -230,10 +237,10 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 Report LoadReport(const std::string& path) {
   std::error_code ignored;
   std::ifstream file(path, std::ios::binary);
-  if (!file || !std::filesystem::is_regular_file(path, ignored)) {
-    const std::string reason = file ? "not a file" : std::strerror(errno);
-    throw UserError("cannot read report " + path + ": " + reason,
-                    "write one with: memleak report PID");
+  if (!file) throw CannotOpen(path, errno);
+  if (!std::filesystem::is_regular_file(path, ignored)) {
+    throw UserError("cannot read report " + path + ": not a file",
+                    "name the file that memleak report printed");
   }
   Report report;
   ReportSink sink;

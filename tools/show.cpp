@@ -36,8 +36,12 @@ std::string Percent(std::uint64_t part, std::uint64_t whole) {
   return text.data();
 }
 
+std::string Counted(std::uint64_t count, const std::string& noun) {
+  return FormatCount(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string Blocks(std::uint64_t count, std::uint64_t size) {
-  return FormatCount(count) + (count == 1 ? " block of " : " blocks of ") + FormatBytes(size);
+  return Counted(count, "block") + " of " + FormatBytes(size);
 }
 
 std::string Ages(const NativeGroup& group) {
@@ -101,12 +105,16 @@ std::vector<const Group*> Largest(const std::vector<Group>& groups, std::size_t 
 void PrintHead(const Report& report, const std::string& path, std::ostream& out) {
   std::uint64_t blocks = 0;
   for (const NativeGroup& group : report.native) blocks += group.count;
-  out << "Report " << path << "\n"
-      << "  " << FormatBytes(report.header.total_bytes) << " held ("
-      << FormatCount(report.header.total_bytes) << " bytes) in "
-      << FormatCount(report.header.groups) << " groups of one size and one stack\n"
-      << "  " << FormatCount(blocks) << " blocks listed, with at most "
-      << report.header.backtrace_size << " frames each\n";
+  out << "Report " << path << "\n";
+  if (report.complete && report.header.groups == 0 && report.native.empty()) {
+    out << "  " << kNothingHeld << "\n";
+    return;
+  }
+  out << "  " << FormatBytes(report.header.total_bytes) << " held ("
+      << Counted(report.header.total_bytes, "byte") << ") in "
+      << Counted(report.header.groups, "group") << " of one size and one stack\n"
+      << "  " << Counted(blocks, "block") << " listed, with at most "
+      << Counted(report.header.backtrace_size, "frame") << " each\n";
 }
 
 void PrintNative(const Report& report, std::size_t top, const Resolver& resolve,
@@ -126,15 +134,15 @@ void PrintNative(const Report& report, std::size_t top, const Resolver& resolve,
   if (groups <= shown.size()) return;
   const std::uint64_t bytes =
       report.header.total_bytes > shown_bytes ? report.header.total_bytes - shown_bytes : 0;
-  out << "\nNot shown: " << FormatBytes(bytes) << " in " << FormatCount(groups - shown.size())
-      << " smaller groups";
+  out << "\nNot shown: " << FormatBytes(bytes) << " in "
+      << Counted(groups - shown.size(), "smaller group");
   if (shown.size() < report.native.size()) out << " (--top N shows more)";
   out << "\n";
 }
 
 void PrintJava(const Report& report, std::size_t top, std::ostream& out) {
   if (report.java.empty()) return;
-  out << "\nJava-native stacks: " << FormatCount(report.java.size()) << " groups\n";
+  out << "\nJava-native stacks: " << Counted(report.java.size(), "group") << "\n";
   const std::vector<const JavaGroup*> shown = Largest(report.java, top);
   for (std::size_t i = 0; i < shown.size(); ++i) {
     const JavaGroup& group = *shown[i];

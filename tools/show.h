@@ -11,6 +11,10 @@
 
 namespace memleak {
 
+/// What is said of a report without groups.
+inline constexpr const char* kNothingHeld =
+    "nothing recorded is still held; was recording on? (memleak on PID)";
+
 /// From a mapping's name and the offset in it to its symbols, as Symbolizer::Resolve.
 using Resolver = std::function<const Symbols&(const std::string&, std::uint64_t)>;
 

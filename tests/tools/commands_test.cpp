@@ -146,6 +146,27 @@ TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
   EXPECT_EQ(session.End(), 7);
 }
 
+// $! is known before the shell's child has become the controller, and that the program.
+TEST(Run, TakesCommandsStraightAfterItsStart) {
+#ifdef TEST_EMULATOR
+  constexpr int kRounds = 4;
+#else
+  constexpr int kRounds = 20;
+#endif
+  const TempDir directory;
+  const std::string start = "exec " + kMemleak + "run --libdir " FIXTURE_LIBDIR + kRunEmulated +
+                            " --root root --log log -- " FIXTURE_SLEEPER " <>fifo >out";
+  for (int round = 0; round < kRounds; ++round) {
+    // Now and then the child stays a shell for a while.
+    const std::string delay = round % 4 == 0 ? "sleep 0.2; " : "";
+    std::string script = "cd " + directory.Path("") + " && rm -f fifo && mkfifo fifo; { ";
+    script.append(delay).append(start).append("; } & ").append(kMemleak);
+    const Outcome on = Shell(script.append("on $!; code=$?; kill $!; exit $code"));
+    EXPECT_EQ(on.code, 0) << on.output;
+    ExpectHas(on.output, ": recording on, tables emptied");
+  }
+}
+
 TEST(Run, KeepsOtherPreloadsAndDropsInheritedCommands) {
 #ifdef TEST_EMULATOR
   GTEST_SKIP() << "the guest's list of preloads is its own";
@@ -202,8 +223,11 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   ExpectFails("", "subcommand");
   ExpectFails("fly", "unknown command: fly");
   ExpectFails("on 99999999", "no such process");
-  ExpectFails("on abc", "PID");
-  ExpectFails("on 1 --depth 0", "--depth");
+  ExpectFails("on abc", "PID is not a process id: abc");
+  ExpectFails("on 0", "PID is not a process id: 0");
+  ExpectFails("on 1 --depth 0", "--depth is not a number of frames from 1 to 65535: 0");
+  ExpectFails("report 1 --timeout -3", "--timeout is not a number of seconds: -3");
+  ExpectFails("show --top x y", "--top is not a number of groups: x");
   ExpectFails("send 1 --word 0xzz", "--word");
   ExpectFails("run", "no program given");
   ExpectFails("run --frobnicate -- ls", "unknown option");
@@ -213,20 +237,68 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   ExpectFails(
       "run --libdir " FIXTURE_LIBDIR " --root " + file + kRunEmulated + " -- " FIXTURE_SLEEPER,
       "root directory not writable");
+  ExpectFails("run --libdir " FIXTURE_LIBDIR " --root " + directory.Path("root") +
+                  " --log /nonexistent/%p" + kRunEmulated + " -- " FIXTURE_SLEEPER,
+              "log not writable: /nonexistent/");
 #ifdef FIXTURE_ARM64_SYMBOLS
   ExpectFails("run --emulator qemu-aarch64 -- " FIXTURE_SLEEPER, "another architecture");
 #endif
   ExpectFails("show " + file, "not a report");
+  ExpectFails("show " + directory.Path("absent"), "No such file or directory; check the path");
   const std::string cut =
       directory.Write("cut", "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 1\n");
   ExpectFails("show " + cut, "truncated");
   EXPECT_EQ(Memleak("show --partial " + cut).code, 0);
 }
 
+TEST(Errors, MissingLibrariesInABuildTreeNameThePreset) {
+  const TempDir directory;
+  std::filesystem::create_directory(directory.Path("bin"));
+  std::filesystem::copy_file(MEMLEAK_PROGRAM, directory.Path("bin/memleak"));
+  const std::string run =
+      kPrefix + directory.Path("bin/memleak run") + kRunEmulated + " -- " FIXTURE_SLEEPER;
+  ExpectHas(Shell(run).output, "say where they are with --libdir DIR\n");
+  directory.Write("CMakeCache.txt", "");
+#ifdef TEST_EMULATOR
+  ExpectHas(Shell(run).output, "cmake --preset aarch64 && cmake --build --preset aarch64\n");
+#else
+  ExpectHas(Shell(run).output, "cmake --build --preset ");
+#endif
+}
+
 TEST(Errors, ReportThatDoesNotCome) {
   const TempDir directory;
   const Session session(directory, "--root mute");
   ExpectFails("report --timeout 1 " + session.pid(), "no complete report after 1 s");
+}
+
+TEST(Status, TellsNoLogFromAnUnreadableOne) {
+  const TempDir directory;
+  const Session without(directory, "--root root --start", "MEMLEAK_TRACKER_LOG=");
+  ExpectHas(Memleak("status " + without.pid()).output, "started (no log; memleak run --log");
+  const Session with(directory, "--root root --log log");
+  ExpectStatusSoon(with.pid(), "never switched on");
+  std::filesystem::remove(directory.Path("log"));
+  const Outcome status = Memleak("status " + with.pid());
+  ExpectHas(status.output, "its log cannot be read: No such file or directory)");
+  ExpectHas(status.output, " (tools_sleeper), ");
+  EXPECT_EQ(status.code, 0);
+}
+
+TEST(Status, SaysWhenAProcessIsLoadedButDeafToCommands) {
+#ifdef TEST_EMULATOR
+  GTEST_SKIP() << "the emulator catches every real-time signal itself";
+#endif
+  const TempDir directory;
+  // Without a root the fake tracker sets no handler.
+  const Outcome status = Shell("cd " + directory.Path("") +
+                               " && mkfifo fifo && { exec env LD_PRELOAD=" FIXTURE_LIBDIR
+                               "/libmemleak_preload.so " FIXTURE_SLEEPER
+                               " <>fifo >out & }; "
+                               "until grep -qs ready out; do sleep 0.02; done; " +
+                               kMemleak + "status $!; code=$?; kill $!; exit $code");
+  EXPECT_EQ(status.code, 1);
+  ExpectHas(status.output, "loaded, but signal 44 is not caught");
 }
 
 TEST(Status, SaysWhenAProcessIsNotTracked) {

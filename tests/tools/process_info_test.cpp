@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstring>
 #include <functional>
 
+#include "tests/tools/other_user.h"
 #include "tools/control.h"
 #include "tools/signal_sender.h"
 #include "tools/user_error.h"
@@ -44,6 +46,21 @@ TEST(ProcText, Environment) {
   EXPECT_EQ(environment.at("A"), "1");
   EXPECT_EQ(environment.at("B"), "x=y");
   EXPECT_EQ(ExpandPid("/tmp/%p/m.%p%", 42), "/tmp/42/m.42%");
+}
+
+TEST(ProcText, StartTimeAfterAnyName) {
+  const std::string before = " S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18";
+  EXPECT_EQ(StartTicks("7 (sh)" + before + " 123456 9 9\n"), 123456U);
+  EXPECT_EQ(StartTicks("7 (a) R 1 (b)" + before + " 77 9\n"), 77U);
+  EXPECT_EQ(StartTicks("7 (sh)" + before), std::nullopt);
+  EXPECT_EQ(StartTicks(""), std::nullopt);
+}
+
+TEST(ProcText, GuestOfAnEmulator) {
+  using namespace std::string_literals;
+  EXPECT_EQ(GuestName("qemu-aarch64\0-L\0/\0-E\0A=/b\0-strace\0/x/y/prog\0-L\0z\0"s), "prog");
+  EXPECT_EQ(GuestName("/usr/bin/qemu-aarch64\0prog\0"s), "prog");
+  EXPECT_EQ(GuestName("qemu-aarch64\0-version\0"s), "");
 }
 
 TEST(ProcText, RecordingStateFollowsTheLastCommand) {
@@ -94,7 +111,7 @@ class Child {
  public:
   explicit Child(const std::function<void()>& prepare) {
     std::array<int, 2> ready{};
-    EXPECT_EQ(pipe(ready.data()), 0);
+    EXPECT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
     pid_ = fork();
     if (pid_ == 0) {
       // Held back until the child waits for it, else it could come before.
@@ -167,6 +184,29 @@ TEST(SendCommand, SparesAProcessWithoutTheTracker) {
   const Child child(CatchControlSignal);
   EXPECT_NE(RefusalOf(child.pid()).find("not loaded with the tracker"), std::string::npos);
   EXPECT_TRUE(child.Runs());
+}
+
+TEST(SendCommand, WaitsForAYoungProcessAndRefusesAnOldOneAtOnce) {
+  if (RunsEmulated()) GTEST_SKIP() << "the emulator catches every real-time signal itself";
+  using std::chrono::steady_clock;
+  constexpr int kPatienceMs = 60'000;
+  // Without a root directory the fake tracker sets no handler.
+  const Child child([] {
+    setenv("LD_PRELOAD", FIXTURE_LIBDIR "/libmemleak_preload.so", 1);
+    execlp("sleep", "sleep", "60", nullptr);
+  });
+  EXPECT_THROW(RequireTracked(child.pid(), kPatienceMs), UserError);
+  const auto start = steady_clock::now();
+  EXPECT_THROW(RequireTracked(child.pid(), kPatienceMs), UserError);
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_NE(RefusalOf(child.pid()).find("does not catch signal 44"), std::string::npos);
+}
+
+TEST(SendCommand, IsRefusedToAnotherUsersProcess) {
+  const pid_t self = getpid();
+  const std::optional<std::string> refusal = AsOtherUser([&] { return RefusalOf(self); });
+  if (!refusal) GTEST_SKIP() << "only root can become another user";
+  EXPECT_NE(refusal->find("not permitted to look at process"), std::string::npos) << *refusal;
 }
 
 TEST(SendCommand, KnowsProcessesThatAreGone) {

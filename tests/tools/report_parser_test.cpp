@@ -5,6 +5,7 @@
 
 #include <sstream>
 
+#include "tests/tools/other_user.h"
 #include "tests/tools/temp_dir.h"
 #include "tools/user_error.h"
 
@@ -100,6 +101,24 @@ TEST(ReportParser, RefusesWhatIsNoReport) {
   EXPECT_THROW(LoadReport("/nonexistent/report"), UserError);
   EXPECT_THROW(LoadReport("/dev/zero"), UserError);
   EXPECT_THROW(LoadReport("/tmp"), UserError);
+}
+
+TEST(LoadReport, NamesTheCauseAndItsRemedy) {
+  const TempDir directory;
+  const auto refusal = [](const std::string& path) -> std::string {
+    try {
+      LoadReport(path);
+    } catch (const UserError& error) {
+      return error.what();
+    }
+    return "read";
+  };
+  EXPECT_NE(refusal(directory.Path("absent")).find("memleak report PID"), std::string::npos);
+  EXPECT_NE(refusal(directory.Path("")).find("not a file; name the file"), std::string::npos);
+  const std::string mine = directory.Write("mine", "");
+  const std::optional<std::string> denied = AsOtherUser([&] { return refusal(mine); });
+  if (!denied) GTEST_SKIP() << "only root can become another user";
+  EXPECT_NE(denied->find("Permission denied; run memleak as the user"), std::string::npos);
 }
 
 }  // namespace

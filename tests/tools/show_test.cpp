@@ -78,9 +78,14 @@ TEST(Show, SaysWhatIsNotShown) {
   EXPECT_NE(Print(Sample(), 1).find("Not shown: 1.9 KiB in 1,199 smaller groups (--top"),
             std::string::npos);
   EXPECT_NE(Print(Sample(), 0).find("in 1,198 smaller groups\n"), std::string::npos);
+  Report one;
+  one.header = {.total_bytes = 1, .groups = 1, .listed = 1, .backtrace_size = 1};
+  EXPECT_EQ(Print(one, 0),
+            "Report dump\n  1 B held (1 byte) in 1 group of one size and one stack\n"
+            "  0 blocks listed, with at most 1 frame each\n\nNot shown: 1 B in 1 smaller group\n");
   Report empty;
   empty.complete = true;
-  EXPECT_EQ(Print(empty, 10).find("Not shown"), std::string::npos);
+  EXPECT_EQ(Print(empty, 10), std::string("Report dump\n  ") + kNothingHeld + "\n");
 }
 
 }  // namespace
