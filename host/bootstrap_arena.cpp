@@ -27,14 +27,14 @@ void* ArenaAllocate(size_t alignment, size_t size) {
   if (size < kArenaBytes && alignment < kArenaBytes) {
     // The alignment's worth of slack is wasted at worst; the sum cannot overflow.
     const size_t need = kHeaderBytes + alignment + ((size + kHeaderBytes - 1) & -kHeaderBytes);
-    const size_t start = arena_taken.fetch_add(need);
-    if (start <= kArenaBytes && need <= kArenaBytes - start) {
+    size_t start = arena_taken.load();
+    while (need <= kArenaBytes - start) {
+      if (!arena_taken.compare_exchange_weak(start, start + need)) continue;
       const auto lowest = reinterpret_cast<uintptr_t>(arena + start + kHeaderBytes);
       char* block = reinterpret_cast<char*>((lowest + alignment - 1) & -alignment);
       memcpy(block - kHeaderBytes, &size, sizeof size);
       return block;
     }
-    arena_taken.fetch_sub(need);
   }
   errno = ENOMEM;
   return nullptr;

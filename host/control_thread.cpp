@@ -110,6 +110,9 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
+/// Whether any command has been carried out here; a forked child starts anew.
+std::atomic<bool> carried_out{false};
+
 /// Calls whatever handler the control signal has now, as the kernel would.
 void Deliver(siginfo_t& info) {
   struct sigaction action;
@@ -147,6 +150,7 @@ void* ControlThread(void*) {
     // From pthread_kill in StopUntil: carries no words, just ends the wait.
     if (info.si_code != SI_QUEUE && info.si_pid == getpid()) continue;
     Deliver(info);
+    carried_out.store(true);
     if (own_pending.load() == 1 && IsOwnCommand(info)) StoreAndWake(own_pending, 0);
   }
 }
@@ -215,6 +219,7 @@ void AfterForkInParent() {
 void AfterForkInChild() {
   forking_thread.store(0);
   own_pending.store(0);
+  carried_out.store(false);
   pthread_mutex_init(&change_lock, nullptr);
   StartAfterFork();
 }
@@ -287,6 +292,10 @@ bool StopControlThread(int timeout_ms) {
 
 int KeepControlThreadAcrossForks() {
   return pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+}
+
+bool CommandsWereCarriedOut() {
+  return carried_out.load();
 }
 
 int RunCommand(const Command& command, int timeout_ms) {

@@ -43,6 +43,9 @@ bool StopControlThread(int timeout_ms);
 /// its locks first. Returns 0 or an errno value.
 int KeepControlThreadAcrossForks();
 
+/// Whether the control thread of this process has carried out any command.
+bool CommandsWereCarriedOut();
+
 /// Sends `command` to the control thread, as a controller would, and waits until it has been
 /// carried out. Returns 0, an errno value when it cannot be sent, ETIMEDOUT after `timeout_ms`.
 /// Not for the control thread itself.

@@ -104,7 +104,8 @@ int64_t NowMs() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-/// Waits for the whole report. Gives up, with one line on stderr, when nobody writes it any more.
+/// Waits for the whole report of this command. Gives up, with one line on stderr, when nobody
+/// writes it any more.
 void WaitForReport(const char* path) {
   const int64_t start = NowMs();
   int64_t changed = start;
@@ -138,6 +139,16 @@ void WaitForReport(const char* path) {
 void CaptureReportRoot() {
   const char* root = getenv("MEMLEAK_TRACKER_ROOT");
   snprintf(root_pattern, sizeof root_pattern, "%s", root != nullptr ? root : "");
+}
+
+void WaitForEarlierReports() {
+  if (!CommandsWereCarriedOut()) return;
+  constexpr int64_t kLongestMs = 10'000;
+  const int64_t start = NowMs();
+  while (DumpThreadRuns() && NowMs() - start < kLongestMs) {
+    const timespec step{0, 5'000'000};
+    nanosleep(&step, nullptr);
+  }
 }
 
 void ReportAtExit(const Command& command) {

@@ -107,6 +107,7 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
 /// Registered with atexit rather than run as a destructor: the tracker's own static objects, made
 /// before, are destroyed after it that way, the program's before.
 void AtExit() {
+  WaitForEarlierReports();
   if (exit_command.word != 0) ReportAtExit(exit_command);
   // The entries stay in place: they forward from now on.
   if (StopControlThread(kExitWaitMs)) track_finalize();

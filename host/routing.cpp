@@ -35,6 +35,7 @@ void ArenaAwareFree(void* pointer) {
   Plain().calls.free(pointer);
 }
 
+/// Not a tail call for a block of the arena: then the first recorded frame is this one.
 void* ArenaAwareRealloc(void* pointer, size_t size) {
   if (!ArenaContains(pointer)) return Plain().calls.realloc(pointer, size);
   if (size == 0) return nullptr;
