@@ -17,6 +17,10 @@
 
 #include "arch/frame.h"
 #include "async_safe/log.h"
+#include "unwindstack/Maps.h"
+#include "unwindstack/Memory.h"
+#include "unwindstack/Regs.h"
+#include "unwindstack/RegsGetLocal.h"
 
 // The walk reads other functions' frames, where a sanitizer may keep red zones, and its reads of
 // the settings race on purpose.

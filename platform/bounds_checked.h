@@ -1,4 +1,7 @@
 // memcpy_s and memset_s: copies that refuse to write past a stated limit.
+//
+// Called by the record tables when an allocation is recorded, on any thread of the program, and by
+// the report writer on its own.
 #pragma once
 
 #include <cerrno>

@@ -1,4 +1,7 @@
-// The name of the running program, for log lines.
+// The name of the running program, for log lines and reports.
+//
+// Called by the control signal's handler on whatever thread the signal came to, and by the dump
+// thread.
 #pragma once
 
 namespace platform {

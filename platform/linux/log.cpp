@@ -3,16 +3,19 @@
 // Called from everywhere in the library: allocation paths, signal handlers, fork handlers.
 #include <async_safe/log.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "platform/linux/environment.h"
 #include "platform/linux/log_format.h"
+#include "platform/linux/raw_calls.h"
 
 namespace {
 
@@ -51,23 +54,42 @@ std::size_t FormatLine(char (&line)[kLineBytes], int priority, const char* tag, 
   return length;
 }
 
+/// One write that raises no SIGPIPE in the program's thread when the reader is gone: the signal is
+/// held back meanwhile and taken away, unless one was waiting already. By bare system calls, which
+/// are no cancellation points and work on the kernel's own signal set.
+void WriteQuietly(int file, const char* line, std::size_t length) {
+  constexpr std::uint64_t kPipeSignal = std::uint64_t{1} << (SIGPIPE - 1);
+  constexpr std::size_t kSetBytes = sizeof(kPipeSignal);
+  std::uint64_t blocked = 0;
+  std::uint64_t waiting = 0;
+  if (syscall(SYS_rt_sigprocmask, SIG_BLOCK, &kPipeSignal, &blocked, kSetBytes) != 0) return;
+  syscall(SYS_rt_sigpending, &waiting, kSetBytes);
+  if (platform::RawWrite(file, line, length) < 0 && errno == EPIPE &&
+      (waiting & kPipeSignal) == 0) {
+    constexpr timespec kNow{0, 0};
+    syscall(SYS_rt_sigtimedwait, &kPipeSignal, nullptr, &kNow, kSetBytes);
+  }
+  syscall(SYS_rt_sigprocmask, SIG_SETMASK, &blocked, nullptr, kSetBytes);
+}
+
 /// Sends a line where lines go now. The file is opened for each line, since lines are rare, and a
 /// descriptor that was kept open could be closed or taken over by the program.
 /// A line that cannot be written is lost: there is nobody to tell.
 void WriteLine(const char* line, std::size_t length) {
   const char* destination = platform::CapturedValue(platform::Variable::kLog);
   if (destination == nullptr) return;
-  [[maybe_unused]] ssize_t written = 0;
   if (std::strcmp(destination, "stderr") == 0) {
-    written = write(STDERR_FILENO, line, length);
+    WriteQuietly(STDERR_FILENO, line, length);
     return;
   }
   char path[platform::kPathBytes];
   platform::ExpandPath(destination, "", path);
-  const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
+  // A FIFO that nobody reads, or that is full, must not hold the program up.
+  const int file = platform::RawOpen(
+      path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644);
   if (file < 0) return;
-  written = write(file, line, length);
-  close(file);
+  WriteQuietly(file, line, length);
+  platform::RawClose(file);
 }
 
 }  // namespace

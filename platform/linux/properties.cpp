@@ -10,6 +10,7 @@
 #include <cstddef>
 
 #include "platform/linux/environment.h"
+#include "platform/linux/raw_calls.h"
 #include "platform/linux/root.h"
 
 namespace {
@@ -76,7 +77,7 @@ class PropertyScan {
 };
 
 int OpenForReading(const char* path) {
-  return open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  return platform::RawOpen(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
 }
 
 /// The property file of this process, or the one that a parent process left for those of its
@@ -93,7 +94,7 @@ int OpenProperties() {
 void ScanFile(int file, PropertyScan& scan) {
   char piece[512];
   while (true) {
-    const ssize_t count = read(file, piece, sizeof(piece));
+    const ssize_t count = platform::RawRead(file, piece, sizeof(piece));
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) break;
     for (ssize_t i = 0; i < count; ++i) scan.Take(piece[i]);
@@ -109,7 +110,7 @@ extern "C" int __system_property_get(const char* name, char* value) {
   const int file = name[0] != '\0' ? OpenProperties() : -1;
   if (file >= 0) {
     ScanFile(file, scan);
-    close(file);
+    platform::RawClose(file);
   }
   errno = saved_errno;
   return scan.length();

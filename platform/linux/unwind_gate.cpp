@@ -2,7 +2,9 @@
 #include "platform/linux/unwind_gate.h"
 
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -17,7 +19,8 @@ struct alignas(64) Counter {
 };
 constexpr unsigned kSlots = 32;
 Counter g_counters[kSlots];
-std::atomic<bool> g_forking{false};
+/// Threads that are between the two fork handlers; several may fork at once.
+std::atomic<int> g_forking{0};
 
 /// By the calling thread's stack: stacks lie megabytes apart.
 unsigned SlotOfThread() {
@@ -33,29 +36,35 @@ bool AnyUnwind() {
   return false;
 }
 
+/// The C library's nanosleep is a cancellation point, at which a cancelled thread would leave the
+/// allocation it is making.
+void Pause(const timespec& duration) {
+  syscall(SYS_nanosleep, &duration, nullptr);
+}
+
 /// Waits while `busy` holds, but not for ever.
 template <typename Condition>
 void WaitWhile(Condition busy) {
   const int saved_errno = errno;
   constexpr int kPauses = 500;
   constexpr timespec kPause{0, 100'000};
-  for (int i = 0; i < kPauses && busy(); ++i) nanosleep(&kPause, nullptr);
+  for (int i = 0; i < kPauses && busy(); ++i) Pause(kPause);
   errno = saved_errno;
 }
 
 void BeforeFork() {
-  g_forking.store(true);
+  g_forking.fetch_add(1);
   WaitWhile(AnyUnwind);
 }
 
 void AfterForkInParent() {
-  g_forking.store(false);
+  g_forking.fetch_sub(1);
 }
 
 void AfterForkInChild() {
-  // Whoever was still counted does not exist here.
+  // Whoever was still counted, be it for an unwind or for a fork, does not exist here.
   for (Counter& counter : g_counters) counter.unwinds.store(0);
-  g_forking.store(false);
+  g_forking.store(0);
 }
 
 }  // namespace
@@ -71,9 +80,9 @@ void InstallUnwindGate() {
 UnwindPass::UnwindPass() : slot_(SlotOfThread()) {
   std::atomic<int>& unwinds = g_counters[slot_].unwinds;
   unwinds.fetch_add(1);
-  if (!g_forking.load()) return;
+  if (g_forking.load() == 0) return;
   unwinds.fetch_sub(1);
-  WaitWhile([] { return g_forking.load(); });
+  WaitWhile([] { return g_forking.load() > 0; });
   unwinds.fetch_add(1);
 }
 

@@ -3,16 +3,18 @@
 // Parsed once at start-up and again when an address is not found, on any thread; see Maps.h for
 // what the allocation path touches.
 #define UNW_LOCAL_ONLY
+#include <async_safe/log.h>
 #include <fcntl.h>
 #include <libunwind.h>
 #include <sys/mman.h>
-#include <unistd.h>
 #include <unwindstack/Maps.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <optional>
 
+#include "platform/linux/raw_calls.h"
+#include "platform/linux/unwind_descriptors.h"
 #include "platform/linux/unwind_gate.h"
 
 namespace unwindstack {
@@ -21,19 +23,19 @@ namespace {
 constexpr std::uint64_t kPageBytes = 4096;
 
 std::optional<std::string> ReadFile(const char* path) {
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  const int file = platform::RawOpen(path, O_RDONLY | O_CLOEXEC);
   if (file < 0) return std::nullopt;
   std::string text;
   while (true) {
     constexpr std::size_t kPiece = 16384;
     const std::size_t length = text.size();
     text.resize(length + kPiece);
-    const ssize_t count = read(file, text.data() + length, kPiece);
+    const ssize_t count = platform::RawRead(file, text.data() + length, kPiece);
     text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) break;
   }
-  close(file);
+  platform::RawClose(file);
   return text;
 }
 
@@ -103,6 +105,11 @@ auto FirstEndingAbove(const Range& range, std::uint64_t pc) {
 LocalUpdatableMaps::~LocalUpdatableMaps() = default;
 
 bool LocalUpdatableMaps::Parse() {
+  if (!platform::KeepUnwinderOffDescriptors()) {
+    async_safe_format_log(ANDROID_LOG_WARN, "MemLeak.Native",
+                          "libunwind keeps its pipe, its imports were not found: set "
+                          "vastel.memleak.backtacetype=0 for programs that close all descriptors");
+  }
   // The first unwind of all makes libunwind set itself up. Done here, at start-up, it is neither
   // paid for by an allocation nor met by two threads at once.
   unw_context_t context;

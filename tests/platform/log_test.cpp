@@ -1,10 +1,13 @@
 // The signal-safe log: its formatter against snprintf, and what reaches the log file.
 #include <async_safe/log.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <sstream>
@@ -137,6 +140,46 @@ TEST(Log, KeepsErrnoAndAllocatesNothing) {
               0);
     EXPECT_EQ(errno, EOWNERDEAD);
   }
+}
+
+TEST(Log, ReaderThatIsGoneEndsNoProgram) {
+  SetVariable("MEMLEAK_TRACKER_LOG", "stderr");
+  const int saved = dup(STDERR_FILENO);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  dup2(ends[1], STDERR_FILENO);
+  async_safe_format_log(ANDROID_LOG_INFO, "Tag", "SIGPIPE would end this process");
+  // One that the program held back itself is still the program's.
+  sigset_t pipe_signal;
+  sigset_t waiting;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
+  for (const int own : {0, 1}) {
+    if (own != 0) raise(SIGPIPE);
+    async_safe_format_log(ANDROID_LOG_INFO, "Tag", "blocked");
+    sigpending(&waiting);
+    EXPECT_EQ(sigismember(&waiting, SIGPIPE), own);
+  }
+  int taken = 0;
+  sigwait(&pipe_signal, &taken);
+  pthread_sigmask(SIG_UNBLOCK, &pipe_signal, nullptr);
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+  close(ends[1]);
+}
+
+TEST(Log, FifoWithoutReaderHoldsNobodyUp) {
+  const TemporaryDirectory directory;
+  ASSERT_EQ(mkfifo(directory.Path("/log").c_str(), 0600), 0);
+  SetVariable("MEMLEAK_TRACKER_LOG", directory.Path("/log").c_str());
+  EXPECT_GT(async_safe_format_log(ANDROID_LOG_INFO, "Tag", "lost"), 0);
+  const int reader = open(directory.Path("/log").c_str(), O_RDONLY | O_NONBLOCK);
+  async_safe_format_log(ANDROID_LOG_INFO, "Tag", "read");
+  char line[200];
+  EXPECT_GT(read(reader, line, sizeof(line)), 0);
+  close(reader);
 }
 
 TEST(Log, LinesOfManyThreadsStayWhole) {

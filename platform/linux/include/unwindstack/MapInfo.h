@@ -1,4 +1,6 @@
 // Linux stand-in: one mapping of the process, as the unwinder reports it with a frame.
+//
+// Made by the map reader; read by the unwinder and by whoever resolves frames, on any thread.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +9,7 @@
 
 namespace unwindstack {
 
+/// Never changes once made, so any number of threads may read it.
 class MapInfo {
  public:
   MapInfo(std::uint64_t start, std::uint64_t end, std::uint64_t offset, std::uint64_t flags,

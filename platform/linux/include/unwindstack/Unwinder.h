@@ -52,8 +52,11 @@ class Unwinder {
       const std::vector<std::string>* initial_map_names_to_skip = nullptr,
       const std::vector<std::string>* map_suffixes_to_ignore = nullptr);
 
+  /// How many frames the last unwind kept; 0 before the first.
   std::size_t NumFrames() const { return frames_.size(); }
+  /// Those frames, innermost first; owned by the unwinder, until the next unwind.
   const std::vector<FrameData>& frames() const { return frames_; }
+  /// Those frames, handed over to the caller; the unwinder has none afterwards.
   std::vector<FrameData> ConsumeFrames() { return std::move(frames_); }
 
   /// Whether frames get function names; on by default, as in the platform's unwinder. Off, this

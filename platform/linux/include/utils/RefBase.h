@@ -1,4 +1,6 @@
 // Linux stand-in: reference-counted objects with strong and weak references (sp, wp).
+//
+// Used by the dump thread's object and whoever starts or stops it, on any thread.
 #pragma once
 
 #include <atomic>
@@ -90,7 +92,9 @@ class wp {
   wp& operator=(const sp<T>& other) { return *this = wp(other); }
   wp& operator=(T* other) { return *this = wp(other); }
 
+  /// Drops the reference; null afterwards.
   void clear() { *this = wp(); }
+  /// A strong reference to the object, or null when it is gone or there never was one. Any thread.
   sp<T> promote() const {
     sp<T> result;
     if (refs_ != nullptr && refs_->attemptIncStrong(&result)) result.set_pointer(object_);

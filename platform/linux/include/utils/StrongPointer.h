@@ -1,4 +1,7 @@
 // Linux stand-in: sp, the platform's strong reference to an object with incStrong and decStrong.
+//
+// Used by the dump thread's object and whoever starts or stops it. References to one object are for
+// any thread; one reference is for one thread at a time.
 #pragma once
 
 #include <utility>
@@ -33,7 +36,9 @@ class sp {
     return sp(new T(std::forward<Arguments>(arguments)...));
   }
 
+  /// Drops the reference, and with the last one the object; null afterwards.
   void clear() { *this = sp(); }
+  /// The object, still owned by this reference; null when there is none.
   T* get() const { return object_; }
   T& operator*() const { return *object_; }
   T* operator->() const { return object_; }
