@@ -111,8 +111,8 @@ TEST(UnwindDescriptors, FilesOfTheProgramAreLeftAlone) {
   EXPECT_EQ(OpenDescriptors(), before);
 
   for (int file = kFirst; file < kEnd; ++file) close(file);
-  std::vector<int> files;
-  for (int i = 0; i < 6; ++i) files.push_back(open(directory.Path("/data").c_str(), O_RDWR));
+  std::vector<int> files(6);
+  for (int& file : files) file = open(directory.Path("/data").c_str(), O_RDWR);
   EXPECT_EQ(files.front(), kFirst);
   for (int round = 0; round < 20; ++round) CaptureThroughGarbage();
   for (const int file : files) EXPECT_EQ(lseek(file, 0, SEEK_CUR), 0) << file;
