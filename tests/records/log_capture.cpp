@@ -13,7 +13,6 @@ extern "C" int async_safe_format_log(int priority, const char* tag, const char* 
   char text[1024];
   std::va_list arguments;
   va_start(arguments, format);
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is just above
   const int length = std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
   LogLines().push_back(std::to_string(priority) + " " + tag + ": " + text);
