@@ -1,4 +1,6 @@
 // The plain values that the record store keeps and hands out.
+//
+// Used by records/ itself and by whoever reads an export, on any thread; they hold no locks.
 #pragma once
 
 #include <cstdint>

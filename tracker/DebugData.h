@@ -1,4 +1,7 @@
 // The holder of the record store: one a process, replaced content on every clear.
+//
+// Made and cleared by track_initialize and the control signal's handler; read by every entry on
+// every thread, and by the fork handlers on the forking one.
 #pragma once
 
 #include <atomic>

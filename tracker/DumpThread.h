@@ -1,4 +1,6 @@
 // The thread that writes a report, and how one is started.
+//
+// Started by the stop-and-report commands, in the control signal's handler; one thread a report.
 #pragma once
 
 #include "utils/RefBase.h"

@@ -1,4 +1,7 @@
 // The control channel: a real-time signal whose siginfo record carries commands.
+//
+// Installed by track_initialize and taken back by track_finalize. The handler itself runs on
+// whichever thread the kernel delivers the signal to; under the Linux loader on its control thread.
 #pragma once
 
 #include <signal.h>

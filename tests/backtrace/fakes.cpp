@@ -34,7 +34,6 @@ int __wrap_async_safe_format_log(int priority, const char* tag, const char* form
   std::va_list arguments;
   va_start(arguments, format);
   // The analyzer takes it for uninitialized in a C++ variadic function.
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
   const int length = std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   fakes::LogLines().push_back(std::to_string(priority) + " " + tag + ": " + text);
