@@ -57,6 +57,7 @@ extern "C" void __android_log_assert(const char* condition, const char* tag, con
     char text[1024];
     std::va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is just above
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     async_safe_format_log(ANDROID_LOG_FATAL, tag, "%s", text);
