@@ -4,6 +4,8 @@ add_library(memleak_options INTERFACE)
 target_include_directories(memleak_options INTERFACE
   ${CMAKE_SOURCE_DIR}
   ${CMAKE_SOURCE_DIR}/arch/${MEMLEAK_ARCH}/include)
+# Log lines name the source file, not where it lay when it was built.
+target_compile_options(memleak_options INTERFACE -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 # Frame pointers everywhere: the tracker walks them, and a profile of it should too.
 target_compile_options(memleak_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Werror

@@ -1,0 +1,14 @@
+// Which of the dynamic linkers' rules hold on Linux. Pure functions, any thread and context.
+#include "platform/elf_policy.h"
+
+namespace platform {
+
+bool AcceptsLibrary(const char* name) {
+  return LinuxAcceptsLibrary(name);
+}
+
+std::uint64_t DynamicAddress(std::int64_t tag, std::uint64_t value, std::uint64_t load_bias) {
+  return LinuxDynamicAddress(tag, value, load_bias);
+}
+
+}  // namespace platform

@@ -1,0 +1,57 @@
+// Linux stand-in for Android's base logging: LOG(ERROR) << "text", to the same place as the
+// signal-safe log.
+//
+// Used by the hook engine, on any thread. Building a line allocates.
+#pragma once
+
+#include <cerrno>
+#include <ostream>
+#include <sstream>
+
+namespace android::base {
+
+/// As in the platform's header; FATAL ends the process once its line is written.
+enum LogSeverity { VERBOSE, DEBUG, INFO, WARNING, ERROR, FATAL_WITHOUT_ABORT, FATAL };
+
+/// Collects one line and writes it, as "FILE:LINE] TEXT", when destroyed. Does not keep errno by
+/// itself: LOG does.
+class LogMessage {
+ public:
+  /// `file` and `tag` are not copied; a null tag stands for the program's name. An `error` other
+  /// than -1 appends ": " and strerror's text of it.
+  LogMessage(const char* file, unsigned int line, LogSeverity severity, const char* tag, int error);
+  LogMessage(const LogMessage&) = delete;
+  LogMessage& operator=(const LogMessage&) = delete;
+  ~LogMessage();
+
+  /// Where the text goes, for as long as the message lives.
+  std::ostream& stream() { return text_; }
+
+ private:
+  const char* file_;
+  unsigned int line_;
+  LogSeverity severity_;
+  const char* tag_;
+  int error_;
+  std::ostringstream text_;
+};
+
+/// Puts errno back as it was, at the end of the full expression that it stands in.
+class ErrnoRestorer {
+ public:
+  ErrnoRestorer() : saved_(errno) {}
+  ErrnoRestorer(const ErrnoRestorer&) = delete;
+  ErrnoRestorer& operator=(const ErrnoRestorer&) = delete;
+  ~ErrnoRestorer() { errno = saved_; }
+
+ private:
+  int saved_;
+};
+
+}  // namespace android::base
+
+/// A stream for one log line of this severity. errno is after the statement what it was before it.
+#define LOG(severity)                                                                         \
+  ::android::base::ErrnoRestorer(),                                                           \
+      ::android::base::LogMessage(__FILE__, __LINE__, ::android::base::severity, nullptr, -1) \
+          .stream()

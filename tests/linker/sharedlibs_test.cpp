@@ -1,0 +1,165 @@
+// The registry of loaded libraries, its names, and the fatal end of its locks.
+#include "linker/sharedlibs.h"
+
+#include <android-base/logging.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "linker/log_assert.h"
+#include "linker/rwlock.h"
+#include "platform/elf_policy.h"
+#include "tests/records/log_capture.h"
+
+namespace lumora::linker {
+namespace {
+
+constexpr char kFixture[] = LINKER_FIXTURE_gnu;
+
+bool LastLineEndsIn(const std::string& text) {
+  if (LogLines().empty()) return false;
+  const std::string& line = LogLines().back();
+  return line.size() >= text.size() && line.substr(line.size() - text.size()) == text;
+}
+
+TEST(Registry, FindsByBasenameAndForgetsUnloadedLibraries) {
+  EXPECT_FALSE(sharedLib("some/where.so"));
+  EXPECT_TRUE(LastLineEndsIn("] no sharelib some/where.so"));
+  EXPECT_NE(LogLines().back().find("linker/sharedlibs.cpp:"), std::string::npos);
+  EXPECT_EQ(LogLines().back().substr(0, 2), "6 ");
+
+  void* handle = dlopen(kFixture, RTLD_NOW);
+  ASSERT_NE(handle, nullptr);
+  linker_set_enabled(0);
+  EXPECT_EQ(linker_initialize(), 1);
+  EXPECT_FALSE(sharedLib(kFixture));
+  linker_set_enabled(7);
+  EXPECT_EQ(linker_initialize(), 0);
+  EXPECT_TRUE(sharedLib("liblinker_fixture_gnu.so"));
+  const elfSharedLibData c_library = sharedLib("/elsewhere/libc.so.6");
+  EXPECT_TRUE(c_library);
+  EXPECT_NE(c_library.find_symbol_by_name("getppid"), nullptr);
+
+  dlclose(handle);
+  LogLines().clear();
+  EXPECT_FALSE(sharedLib(kFixture));
+  EXPECT_TRUE(LogLines().empty());
+  EXPECT_FALSE(sharedLib(kFixture));
+  EXPECT_TRUE(LastLineEndsIn(std::string("] no sharelib ") + kFixture));
+
+  handle = dlopen(kFixture, RTLD_NOW);
+  EXPECT_EQ(refresh_shared_libs(), 0);
+  EXPECT_TRUE(sharedLib(kFixture));
+  dlclose(handle);
+}
+
+TEST(Registry, ManyThreadsRefreshAndLookUpWhileALibraryComesAndGoes) {
+  std::thread loader([] {
+    for (int round = 0; round < 50; ++round) {
+#if defined(__SANITIZE_THREAD__)
+      // The sanitizer does not see the loader's lock, under which names come and go.
+      refresh_shared_libs();
+#else
+      void* handle = dlopen(kFixture, RTLD_NOW);
+      refresh_shared_libs();
+      dlclose(handle);
+#endif
+    }
+  });
+  const auto work = [] {
+    for (int round = 0; round < 50; ++round) {
+      refresh_shared_libs();
+      sharedLib(kFixture);
+      // Calls nobody, so is never valid: each of these drops it, each refresh adds it again.
+      EXPECT_FALSE(sharedLib("linux-vdso.so.1"));
+      EXPECT_TRUE(sharedLib("libc.so.6"));
+    }
+  };
+  std::thread first(work);
+  std::thread second(work);
+  loader.join();
+  first.join();
+  second.join();
+}
+
+TEST(Names, Basename) {
+  const char* cases[][2] = {
+      {"", "."},    {"/", "/"},        {"///", "/"},   {"a/b/", "b"},
+      {"a", "a"},   {"a/b//", "b"},    {nullptr, "."}, {"/x/liba.so", "liba.so"},
+      {"//a", "a"}, {"./b.so", "b.so"}};
+  for (const auto& [path, expected] : cases) EXPECT_STREQ(plt_basename(path), expected);
+  EXPECT_NE(plt_basename(std::string(1023, 'n').c_str()), nullptr);
+  errno = 0;
+  EXPECT_EQ(plt_basename(("dir/" + std::string(1024, 'n')).c_str()), nullptr);
+  EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST(Names, AcceptedLibraries) {
+  struct {
+    const char* name;
+    bool android, linux_too;
+  } const cases[] = {
+      {"", false, false},
+      {".so", true, true},
+      {"so", false, false},
+      {"/system/lib64/libc.so", true, true},
+      {"app_process64", true, true},
+      {"/system/bin/app_process64", false, false},
+      {"libc.so.6", false, true},
+      {"libstdc++.so.6.0.30", false, true},
+      {"libc.so.", false, false},
+      {"libc.so.6a", false, false},
+      {"libc.so..6", false, false},
+      {"program.7", false, false},
+      {"6", false, false},
+  };
+  for (const auto& one : cases) {
+    EXPECT_EQ(platform::AndroidAcceptsLibrary(one.name), one.android) << one.name;
+    EXPECT_EQ(platform::LinuxAcceptsLibrary(one.name), one.linux_too) << one.name;
+  }
+}
+
+TEST(DynamicSection, AddressesByTheRulesOfBothSystems) {
+  constexpr std::uint64_t kBias = 0x7f0000000000;
+  EXPECT_EQ(platform::AndroidDynamicAddress(DT_SYMTAB, 0x2d8, kBias), kBias + 0x2d8);
+  EXPECT_EQ(platform::LinuxDynamicAddress(DT_SYMTAB, kBias + 0x2d8, kBias), kBias + 0x2d8);
+  EXPECT_EQ(platform::LinuxDynamicAddress(DT_GNU_HASH, 0x2d8, kBias), kBias + 0x2d8);
+  EXPECT_EQ(platform::LinuxDynamicAddress(DT_STRTAB, 0x400318, 0), 0x400318U);
+  // Left alone by glibc, whatever the value.
+  EXPECT_EQ(platform::LinuxDynamicAddress(DT_INIT, kBias, kBias), 2 * kBias);
+}
+
+/// Ends a process that aborts with the last log line on its error output.
+void TellAndExit(int /*signal*/) {
+  std::fprintf(stderr, "%s\n", LogLines().back().c_str());
+  _exit(3);
+}
+
+TEST(FatalEnds, SayWhy) {
+  const auto die = [](void (*work)()) {
+    std::signal(SIGABRT, TellAndExit);
+    work();
+  };
+  EXPECT_EXIT(die([] { log_assert("%s of %d", "failure", 7); }), testing::ExitedWithCode(3),
+              "7 linkerlib: failure of 7");
+  EXPECT_EXIT(die([] { LOG(FATAL) << "the end"; }), testing::ExitedWithCode(3),
+              "7 .*sharedlibs_test.cpp:[0-9]+. the end");
+#if !defined(__SANITIZE_THREAD__)
+  // A thread that asks for a lock it holds itself is refused; the sanitizer reports it first.
+  EXPECT_EXIT(die([] {
+                static pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
+                const WriteLock outer(&lock);
+                const ReadLock inner(&lock);
+              }),
+              testing::ExitedWithCode(3), "7 linkerlib: pthread_rwlock_rdlock returned Resource");
+#endif
+}
+
+}  // namespace
+}  // namespace lumora::linker
