@@ -1,0 +1,228 @@
+// The multiplexer in processes of its own: who is asked, in which order, under which mask, and how
+// the process ends when nobody claims a signal.
+#include "sigmux/sigmux.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+namespace {
+
+std::string trace;
+std::atomic<int> deliveries{0};
+sigset_t mask_inside;
+
+/// A handler's name and answer.
+struct Voice {
+  char name;
+  int answer;
+};
+
+int Speak(sigmux_event* event, void* data) {
+  const auto* voice = static_cast<const Voice*>(data);
+  EXPECT_EQ(event->signum, event->info->si_signo);
+  trace += voice->name;
+  errno = EIO;
+  return voice->answer;
+}
+
+sigset_t Only(int signum) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signum);
+  return set;
+}
+
+sigmux_entry* Register(int signum, sigmux_handler handler, void* data, std::uint32_t flags = 0) {
+  const sigset_t set = Only(signum);
+  return sigmux_register(&set, handler, data, flags);
+}
+
+void Previous(int signum, siginfo_t* /*info*/, void* context) {
+  EXPECT_NE(context, nullptr);
+  trace += 'P';
+  ++deliveries;
+  sigprocmask(SIG_BLOCK, nullptr, &mask_inside);
+  EXPECT_EQ(signum, SIGUSR1);
+}
+
+/// Makes `Previous` what sigmux finds for SIGUSR1, then takes the signal over.
+void TakeOver(int flags) {
+  struct sigaction action = {};
+  action.sa_sigaction = Previous;
+  action.sa_flags = SA_SIGINFO | flags;
+  action.sa_mask = Only(SIGUSR2);
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  ASSERT_EQ(sigmux_init(SIGUSR1), 0);
+}
+
+std::string Deliver(int signum = SIGUSR1) {
+  trace.clear();
+  raise(signum);
+  return trace;
+}
+
+TEST(Sigmux, AsksNewestFirstLateOnesAfterwardsThenThePreviousAction) {
+  TakeOver(0);
+  Voice voices[] = {{'a', 0}, {'b', 0}, {'l', 0}, {'m', 0}, {'x', 1}};
+  Register(SIGUSR1, Speak, &voices[0]);
+  Register(SIGUSR1, Speak, &voices[2], SIGMUX_FLAG_LATE);
+  sigmux_entry* late = Register(SIGUSR1, Speak, &voices[3], SIGMUX_FLAG_LATE);
+  sigmux_entry* newest = Register(SIGUSR1, Speak, &voices[1]);
+  Register(SIGUSR2, Speak, &voices[4]);
+
+  errno = ERANGE;
+  EXPECT_EQ(Deliver(), "bamlP");
+  EXPECT_EQ(errno, ERANGE);
+  voices[3].answer = 1;
+  EXPECT_EQ(Deliver(), "bam");
+  voices[1].answer = 7;
+  EXPECT_EQ(Deliver(), "b");
+
+  siginfo_t info = {};
+  info.si_signo = SIGUSR1;
+  trace.clear();
+  EXPECT_EQ(sigmux_handle_signal(SIGUSR1, &info, nullptr, SIGMUX_RUN_NORMAL), 7);
+  voices[1].answer = 0;
+  EXPECT_EQ(sigmux_handle_signal(SIGUSR1, &info, nullptr, SIGMUX_RUN_NORMAL), 0);
+  EXPECT_EQ(sigmux_handle_signal(SIGUSR1, &info, nullptr, SIGMUX_RUN_LATE), 1);
+  EXPECT_EQ(trace, "bbam");
+
+  sigmux_unregister(newest);
+  sigmux_unregister(late);
+  EXPECT_EQ(Deliver(), "alP");
+}
+
+TEST(Sigmux, InitTakesASignalOverOnce) {
+  for (int bad : {-1, 0, 65}) {
+    errno = 0;
+    EXPECT_EQ(sigmux_init(bad), -1);
+    EXPECT_EQ(errno, EINVAL);
+  }
+  EXPECT_EQ(sigmux_init(SIGKILL), -1);
+  EXPECT_EQ(sigmux_init(64), 0);
+  TakeOver(0);
+  struct sigaction action = {};
+  sigaction(SIGUSR1, nullptr, &action);
+  EXPECT_EQ(action.sa_flags & 0x58000004, 0x58000004);
+  // Whoever comes later stays: the second time touches nothing.
+  action.sa_sigaction = Previous;
+  sigaction(SIGUSR1, &action, nullptr);
+  EXPECT_EQ(sigmux_init(SIGUSR1), 0);
+  sigaction(SIGUSR1, nullptr, &action);
+  EXPECT_EQ(action.sa_sigaction, Previous);
+}
+
+TEST(Sigmux, PreviousActionRunsUnderItsOwnMask) {
+  for (const bool open : {false, true}) {
+    const auto check = [open] {
+      const sigset_t before = Only(SIGTERM);
+      sigprocmask(SIG_SETMASK, &before, nullptr);
+      TakeOver(open ? SA_NODEFER : 0);
+      Deliver();
+      sigset_t after;
+      sigprocmask(SIG_BLOCK, nullptr, &after);
+      const bool right = deliveries == 1 && sigismember(&mask_inside, SIGUSR2) == 1 &&
+                         sigismember(&mask_inside, SIGUSR1) == (open ? 0 : 1) &&
+                         sigismember(&mask_inside, SIGTERM) == 0 &&
+                         sigismember(&after, SIGTERM) == 1 && sigismember(&after, SIGUSR1) == 0;
+      _exit(right ? 0 : 1);
+    };
+    EXPECT_EXIT(check(), ::testing::ExitedWithCode(0), "") << "SA_NODEFER: " << open;
+  }
+}
+
+TEST(Sigmux, ResetHandRunsOnceThenDies) {
+  const auto twice = [] {
+    TakeOver(SA_RESETHAND);
+    if (Deliver() != "P") _exit(1);
+    Deliver();
+    _exit(2);
+  };
+  EXPECT_EXIT(twice(), ::testing::KilledBySignal(SIGUSR1), "");
+}
+
+TEST(Sigmux, HandlersRunWithEverySignalOpenTheirOwnIncluded) {
+  TakeOver(0);
+  const auto nest = [](sigmux_event* event, void* /*data*/) {
+    trace += '<';
+    sigprocmask(SIG_BLOCK, nullptr, &mask_inside);
+    EXPECT_EQ(sigismember(&mask_inside, SIGTERM), 0);
+    if (trace.size() < 3) raise(event->signum);
+    trace += '>';
+    return 1;
+  };
+  sigmux_entry* entry = Register(SIGUSR1, nest, nullptr);
+  const sigset_t blocked = Only(SIGTERM);
+  sigprocmask(SIG_BLOCK, &blocked, nullptr);
+  EXPECT_EQ(Deliver(), "<<<>>>");
+  sigmux_unregister(entry);  // comes back: every dispatcher has left the phaser
+}
+
+TEST(Sigmux, UnclaimedSignalsEndAsTheirDefaultSays) {
+  const struct {
+    int signum;
+    void (*disposition)(int);
+    int death;  // 0: lives on
+  } kCases[] = {
+      {SIGSEGV, SIG_DFL, SIGSEGV}, {SIGSEGV, SIG_IGN, SIGSEGV}, {SIGBUS, SIG_IGN, SIGBUS},
+      {SIGILL, SIG_IGN, SIGILL},   {SIGABRT, SIG_IGN, SIGABRT}, {SIGTERM, SIG_DFL, SIGTERM},
+      {SIGTERM, SIG_IGN, 0},       {SIGCHLD, SIG_DFL, 0},       {SIGWINCH, SIG_DFL, 0},
+      {SIGCONT, SIG_IGN, 0},       {SIGCONT, SIG_DFL, SIGABRT}, {SIGURG, SIG_DFL, SIGABRT},
+  };
+  for (const auto& one : kCases) {
+    const auto run = [&one] {
+      signal(one.signum, one.disposition);
+      if (sigmux_init(one.signum) != 0) _exit(1);
+      raise(one.signum);
+      _exit(0);
+    };
+    SCOPED_TRACE(one.signum);
+    if (one.death == 0) {
+      EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
+    } else {
+      EXPECT_EXIT(run(), ::testing::KilledBySignal(one.death), "");
+    }
+  }
+}
+
+TEST(Sigmux, RegistrationAndRemovalUnderAStorm) {
+  signal(SIGUSR1, [](int /*signum*/) { ++deliveries; });
+  ASSERT_EQ(sigmux_init(SIGUSR1), 0);
+  const auto claim = [](sigmux_event* /*event*/, void* data) {
+    // The data dies right after the removal: a late delivery would touch freed memory.
+    ++*static_cast<std::atomic<int>*>(data);
+    return 0;
+  };
+  std::atomic<bool> stop{false};
+  const pthread_t target = pthread_self();
+  std::thread sender([&] {
+    while (!stop) {
+      pthread_kill(target, SIGUSR1);
+      raise(SIGUSR1);
+    }
+  });
+  while (deliveries == 0) std::this_thread::yield();
+  for (int round = 0; round < 2000; ++round) {
+    auto* first = new std::atomic<int>(0);
+    auto* second = new std::atomic<int>(0);
+    sigmux_entry* one = Register(SIGUSR1, claim, first);
+    sigmux_entry* two = Register(SIGUSR1, claim, second, SIGMUX_FLAG_LATE);
+    if (round == 0) {
+      while (*first == 0 || *second == 0) std::this_thread::yield();
+    }
+    sigmux_unregister(one);
+    delete first;
+    sigmux_unregister(two);
+    delete second;
+  }
+  stop = true;
+  sender.join();
+}
+
+}  // namespace
