@@ -155,10 +155,10 @@ Exit codes:
 inline constexpr const char* kSend = R"(
 Sends any control word. Bits of the native heap: 0x10 on, 0x20 pause, 0x40
 stop and report, 0x80 clear; the same for mmap from 0x100 to 0x800, for ion
-from 0x1000 to 0x8000, for gpu from 0x10000 to 0x80000; file descriptors 0x100000
-on, 0x200000 off, 0x400000 dump, 0x800000 clear. A word may hold several; the
-order is in docs/control-protocol.md. The parameter holds the backtrace size in bits 31 to 16
-and the type character in bits 15 to 0.
+from 0x1000 to 0x8000, for gpu from 0x10000 to 0x80000; of file descriptors:
+0x100000 on, 0x200000 off, 0x400000 dump, 0x800000 clear. A word may hold
+several; docs/control-protocol.md has their order. The parameter holds the
+backtrace size in bits 31 to 16 and the type character in bits 15 to 0.
 
 Examples:
   memleak send 4711 --word 0x90

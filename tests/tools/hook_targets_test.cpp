@@ -53,7 +53,7 @@ TEST(DynamicFile, DamagedFilesYieldLessButNoHarm) {
   };
   for (std::size_t size = 0; size < whole.size(); size += 509) read(whole.substr(0, size));
   // Headers and dynamic section (its first tag here is DT_INIT), eight bytes at a time.
-  const std::string dynamic("\x0c\0\0\0\0\0\0", 8);
+  const std::string dynamic("\x0c\0\0\0\0\0\0\0", 8);
   for (const std::size_t start : {std::size_t{0}, whole.find(dynamic, 4096)}) {
     for (std::size_t at = start; at < start + 512 && at + 8 <= whole.size(); at += 8) {
       for (const int byte : {0x00, 0x7f, 0xff}) {
