@@ -2,16 +2,16 @@
 // with, and answers command bit 0x40 with a small report.
 #include "tests/host/fake_tracker.h"
 
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <string>
+
+#include "tests/control_signal.h"
 
 namespace {
 
@@ -39,16 +39,11 @@ void WriteReport() {
 }
 
 void OnCommand(int, siginfo_t* info, void*) {
-  uint64_t word;
-  uint32_t parameter;
-  memcpy(&word, reinterpret_cast<char*>(info) + 16, sizeof word);
-  memcpy(&parameter, reinterpret_cast<char*>(info) + 24, sizeof parameter);
+  const ControlWords words = ReadControlWords(info);
   char name[16] = "";
   prctl(PR_GET_NAME, name, 0, 0, 0);
   if (strcmp(name, "memleak-control") != 0) ++state.elsewhere;
-  state.words += word;
-  state.parameter = parameter;
-  if ((word & 0x40) != 0) WriteReport();
+  if ((words.word & 0x40) != 0) WriteReport();
   ++state.commands;
 }
 
@@ -61,7 +56,11 @@ void Note(const char* entry, const void* caller) {
 
 }  // namespace
 
-#define NOTE(name) Note(name, __builtin_return_address(0))
+#define FORWARD(result, name, parameters, arguments) \
+  result track_##name parameters {                   \
+    Note(#name, __builtin_return_address(0));        \
+    return state.next->name arguments;               \
+  }
 
 extern "C" {
 
@@ -82,58 +81,20 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
 void track_finalize() {
   sigaction(44, &saved_action, nullptr);
 }
-void* track_malloc(size_t n) {
-  NOTE("malloc");
-  return state.next->malloc(n);
-}
-void track_free(void* p) {
-  NOTE("free");
-  state.next->free(p);
-}
-void* track_calloc(size_t count, size_t n) {
-  NOTE("calloc");
-  return state.next->calloc(count, n);
-}
-void* track_realloc(void* p, size_t n) {
-  NOTE("realloc");
-  return state.next->realloc(p, n);
-}
-void* track_memalign(size_t alignment, size_t n) {
-  NOTE("memalign");
-  return state.next->memalign(alignment, n);
-}
-void* track_aligned_alloc(size_t alignment, size_t n) {
-  NOTE("aligned_alloc");
-  return state.next->aligned_alloc(alignment, n);
-}
-int track_posix_memalign(void** p, size_t alignment, size_t n) {
-  NOTE("posix_memalign");
-  return state.next->posix_memalign(p, alignment, n);
-}
-size_t track_malloc_usable_size(const void* p) {
-  NOTE("malloc_usable_size");
-  return state.next->malloc_usable_size(p);
-}
-struct mallinfo track_mallinfo() {
-  NOTE("mallinfo");
-  return state.next->mallinfo();
-}
-int track_mallopt(int parameter, int value) {
-  NOTE("mallopt");
-  return state.next->mallopt(parameter, value);
-}
-int track_malloc_info(int options, FILE* stream) {
-  NOTE("malloc_info");
-  return state.next->malloc_info(options, stream);
-}
-int track_malloc_iterate(uintptr_t base, size_t n, void (*call)(uintptr_t, size_t, void*),
-                         void* arg) {
-  return state.next->malloc_iterate(base, n, call, arg);
-}
-void track_malloc_disable() {
-  state.next->malloc_disable();
-}
-void track_malloc_enable() {
-  state.next->malloc_enable();
-}
+FORWARD(void*, malloc, (size_t n), (n))
+FORWARD(void, free, (void* p), (p))
+FORWARD(void*, calloc, (size_t count, size_t n), (count, n))
+FORWARD(void*, realloc, (void* p, size_t n), (p, n))
+FORWARD(void*, memalign, (size_t alignment, size_t n), (alignment, n))
+FORWARD(void*, aligned_alloc, (size_t alignment, size_t n), (alignment, n))
+FORWARD(int, posix_memalign, (void** p, size_t alignment, size_t n), (p, alignment, n))
+FORWARD(size_t, malloc_usable_size, (const void* p), (p))
+FORWARD(struct mallinfo, mallinfo, (), ())
+FORWARD(int, mallopt, (int parameter, int value), (parameter, value))
+FORWARD(int, malloc_info, (int options, FILE* stream), (options, stream))
+FORWARD(int, malloc_iterate,
+        (uintptr_t base, size_t n, void (*call)(uintptr_t, size_t, void*), void* argument),
+        (base, n, call, argument))
+FORWARD(void, malloc_disable, (), ())
+FORWARD(void, malloc_enable, (), ())
 }

@@ -13,8 +13,6 @@ struct FakeTracker {
   std::atomic<const void*> last_caller;  // and the pc to which it returns
   std::atomic<int> commands;             // signals received
   std::atomic<int> elsewhere;            // of these, outside the thread "memleak-control"
-  std::atomic<uint64_t> words;           // sum of their command words
-  std::atomic<uint32_t> parameter;       // parameter word of the last one
 };
 
 extern "C" FakeTracker* fake_tracker_state();

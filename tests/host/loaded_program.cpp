@@ -5,21 +5,18 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "tests/control_signal.h"
 #include "tests/host/fake_tracker.h"
 
 #define CHECK(condition)                                                                        \
@@ -45,15 +42,6 @@ const char* Environment(const char* name) {
   const char* value = getenv(name);
   CHECK(value != nullptr);
   return value;
-}
-
-bool Send(pid_t process, uint64_t word, uint32_t parameter = 0) {
-  siginfo_t info{};
-  info.si_signo = 44;
-  info.si_code = SI_QUEUE;
-  memcpy(reinterpret_cast<char*>(&info) + 16, &word, sizeof word);
-  memcpy(reinterpret_cast<char*>(&info) + 24, &parameter, sizeof parameter);
-  return syscall(SYS_rt_sigqueueinfo, process, 44, &info) == 0;
 }
 
 bool WaitForCommands(int count) {
@@ -132,29 +120,6 @@ int Routes() {
   return 0;
 }
 
-/// The environment asked for 0x10 with a parameter: carried out before main.
-int Start() {
-  CHECK(fake->commands == 1 && fake->elsewhere == 0);
-  CHECK(fake->words == 0x10 && fake->parameter == 0x200031);
-  return 0;
-}
-
-int Commands() {
-  std::thread churners[2];
-  for (std::thread& churner : churners) churner = std::thread(Churn, 300000);
-  for (int i = 0; i < 200; ++i) CHECK(Send(getpid(), 0x10));
-  for (std::thread& churner : churners) churner.join();
-  CHECK(WaitForCommands(200));
-  CHECK(fake->words == uint64_t{200} * 0x10 && fake->elsewhere == 0);
-  // Where a thread opens the signal it is an ordinary signal.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, 44);
-  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-  CHECK(Send(getpid(), 0x10) && WaitForCommands(201));
-  return 0;
-}
-
 /// A thread older than the loader's constructor leaves the signal to the control thread, too.
 int Libraries() {
   while (busy_library_thread_blocked() < 0) usleep(1000);
@@ -185,13 +150,13 @@ int Threads() {
 int Fork() {
   std::thread churner(Churn, 3'000'000);
   for (int round = 0; round < 5; ++round) {
-    CHECK(Send(getpid(), 0x20));
+    CHECK(SendControlSignal(getpid(), 0x20));
     const pid_t child = fork();
     if (child == 0) {
       Churn(1000);
       fake->commands = 0;
       const pid_t grandchild = fork();
-      CHECK(Send(getpid(), 0x10) && WaitForCommands(1) && fake->elsewhere == 0);
+      CHECK(SendControlSignal(getpid(), 0x10) && WaitForCommands(1) && fake->elsewhere == 0);
       if (grandchild == 0) exit(6);
       CHECK(WEXITSTATUS(WaitFor(grandchild)) == 6);
       exit(7);
@@ -209,39 +174,6 @@ int Fork() {
   return 0;
 }
 
-int Spawn() {
-  const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork): the point
-  if (child == 0) {
-    execl("/bin/true", "true", nullptr);
-    _exit(9);
-  }
-  CHECK(WaitFor(child) == 0);
-  char name[] = "true";
-  char* arguments[] = {name, nullptr};
-  pid_t spawned;
-  CHECK(posix_spawn(&spawned, "/bin/true", nullptr, nullptr, arguments, environ) == 0);
-  CHECK(WaitFor(spawned) == 0);
-  return Routes();
-}
-
-int Daemon() {
-  int ends[2];
-  CHECK(pipe(ends) == 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    CHECK(daemon(1, 1) == 0);
-    fake->commands = 0;
-    CHECK(Send(getpid(), 0x10) && WaitForCommands(1) && fake->elsewhere == 0);
-    CHECK(Routes() == 0 && write(ends[1], "k", 1) == 1);
-    exit(0);
-  }
-  CHECK(WaitFor(child) == 0);
-  close(ends[1]);
-  char answer = 0;
-  CHECK(read(ends[0], &answer, 1) == 1 && answer == 'k');
-  return 0;
-}
-
 /// Commands that arrive at any moment of an exit neither kill nor hang the process.
 int ExitStorm() {
   for (int round = 0; round < 15; ++round) {
@@ -252,7 +184,7 @@ int ExitStorm() {
     }
     int status = -1;
     while (waitpid(child, &status, WNOHANG) == 0) {
-      Send(child, 0x20);
+      SendControlSignal(child, 0x20);
       sched_yield();
     }
     CHECK(status == 0);
@@ -309,10 +241,8 @@ int main(int, char** arguments) {
   const struct {
     const char* name;
     int (*run)();
-  } cases[] = {
-      {"routes", Routes},        {"start", Start},   {"commands", Commands}, {"threads", Threads},
-      {"libraries", Libraries},  {"fork", Fork},     {"spawn", Spawn},       {"daemon", Daemon},
-      {"exit_storm", ExitStorm}, {"nested", Nested}, {"next", Next}};
+  } cases[] = {{"routes", Routes}, {"threads", Threads}, {"libraries", Libraries}, {"fork", Fork},
+               {"nested", Nested}, {"next", Next},       {"exit_storm", ExitStorm}};
   for (const auto& one : cases) {
     if (name == one.name) return one.run();
   }

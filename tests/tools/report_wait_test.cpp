@@ -8,7 +8,7 @@
 #include <functional>
 #include <thread>
 
-#include "tests/tools/temp_dir.h"
+#include "tests/temporary_directory.h"
 
 namespace memleak {
 namespace {
@@ -35,7 +35,7 @@ class ReportWaitTest : public testing::Test {
   }
   void WriteLater(std::function<void()> write) { writer_ = std::thread(std::move(write)); }
 
-  TempDir directory_;
+  TemporaryDirectory directory_;
   WaitOptions options_;
   std::atomic<bool> alive_ = true;
   std::thread writer_;

@@ -3,13 +3,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstring>
 #include <string>
 
+#include "tests/control_signal.h"
 #include "tracker/MallocMemTrack.h"
 
 namespace {
@@ -35,15 +33,6 @@ MallocDispatch RealAllocator() {
     return malloc_usable_size(const_cast<void*>(block));
   };
   return table;
-}
-
-void Send(std::uint64_t word) {
-  siginfo_t info = {};
-  info.si_signo = 44;
-  info.si_code = SI_QUEUE;
-  std::memcpy(reinterpret_cast<char*>(&info) + 16, &word, sizeof word);
-  ASSERT_EQ(syscall(SYS_rt_sigqueueinfo, getpid(), 44, &info), 0);
-  usleep(1000);  // a sanitizer puts the handler off until such a call
 }
 
 }  // namespace
@@ -84,7 +73,8 @@ TEST(LibraryTest, EveryEntryRecordsItsCaller) {
   static std::uint32_t zygote_flag = 0;
   ASSERT_TRUE(ENTRY(track_initialize)(&table, reinterpret_cast<bool*>(&zygote_flag), ""));
   const auto frames_of = ENTRY(track_malloc_backtrace);
-  Send(0x90);
+  ASSERT_TRUE(SendControlSignal(getpid(), 0x90));
+  usleep(1000);  // a sanitizer puts the handler off until such a call
   for (int kind = 0; kind < 6; ++kind) {
     SCOPED_TRACE(kind);
     void* block = tracker_test_outer(kind);
