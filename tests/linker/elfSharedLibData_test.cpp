@@ -39,16 +39,12 @@ TEST_P(RealLibrary, FindsSymbolsAndSlots) {
   const elfSharedLibData library = IndexLoaded(GetParam());
   ASSERT_TRUE(library);
   EXPECT_TRUE(LogLines().empty());
-  EXPECT_EQ(library.find_symbol_by_name("no_such_function"), nullptr);
   EXPECT_EQ(library.find_symbol_by_name("getppi"), nullptr);
 
   const Elf64_Sym* defined = library.find_symbol_by_name("fixture_defined");
   ASSERT_NE(defined, nullptr);
   void* address = reinterpret_cast<void*>(library.load_bias_ + defined->st_value);
   EXPECT_EQ(address, dlsym(handle, "fixture_defined"));
-  const Elf64_Sym* caller = library.find_symbol_by_name("fixture_caller");
-  ASSERT_NE(caller, nullptr);
-  EXPECT_TRUE(library.get_plt_relocations(caller).empty());
 
   // Imported functions are in no hash table for definitions: only the relocations name them.
   const Elf64_Sym* imported = library.find_symbol_by_name("getppid");
@@ -61,12 +57,8 @@ TEST_P(RealLibrary, FindsSymbolsAndSlots) {
   ASSERT_EQ(own.size(), 1U);
   EXPECT_EQ(*own[0], address);
 
-  if (library.gnu_nbucket_ != 0) {
-    EXPECT_EQ(library.gnu_find_symbol_by_name("fixture_caller"), caller);
-    EXPECT_EQ(library.gnu_find_symbol_by_name("getppid"), nullptr);
-  } else {
-    EXPECT_EQ(library.gnu_find_symbol_by_name("fixture_caller"), nullptr);
-  }
+  const bool gnu = library.gnu_nbucket_ != 0;
+  EXPECT_EQ(library.gnu_find_symbol_by_name("fixture_defined"), gnu ? defined : nullptr);
   dlclose(handle);
   EXPECT_FALSE(library);
 }
@@ -180,17 +172,6 @@ TEST(CraftedLibrary, MissingTablesLeaveItIncomplete) {
   EXPECT_EQ(hashless.find_symbol_by_name("second"), &image->symbols[2]);
 }
 
-TEST(CraftedLibrary, GeneralRelocationsComeLastAndOnlyWhenReadInTime) {
-  const auto image = std::make_unique<Image>();
-  image->dynamic[6] = image->dynamic[4];
-  image->dynamic[4] = Image::Entry(DT_RELA, offsetof(Image, plt));
-  image->dynamic[5] = Image::Entry(DT_RELASZ, sizeof(image->plt));
-  const elfSharedLibData library = image->Index();
-  EXPECT_EQ(library.relocations_count_, 2U);
-  std::swap(image->dynamic[4], image->dynamic[6]);
-  EXPECT_EQ(image->Index().relocations_, nullptr);
-}
-
 TEST(CraftedLibrary, TablesOutsideTheSegmentsSkipIt) {
   struct Damage {
     const char* what;
@@ -200,14 +181,10 @@ TEST(CraftedLibrary, TablesOutsideTheSegmentsSkipIt) {
   const Damage damages[] = {
       {"string table", [](Image& i) { i.dynamic[1].d_un.d_ptr = kEnd; }},
       {"symbol table", [](Image& i) { i.dynamic[2].d_un.d_ptr = kEnd - 8; }},
-      {"symbol table", [](Image& i) { i.dynamic[2].d_un.d_ptr += 1; }},
       {"PLT relocations", [](Image& i) { i.dynamic[3].d_un.d_val = ~std::uint64_t{0}; }},
-      {"PLT relocations", [](Image& i) { i.dynamic[4].d_un.d_ptr = ~std::uint64_t{7}; }},
       {"symbol of a PLT relocation", [](Image& i) { i.plt[1] = Image::Relocation(1, 1000); }},
       {"slot of a PLT relocation", [](Image& i) { i.plt[0].r_offset = kEnd - 4; }},
-      {"slot of a PLT relocation", [](Image& i) { i.plt[0].r_offset += 4; }},
       {"GNU hash table", [](Image& i) { i.dynamic[0].d_un.d_ptr = kEnd - 8; }},
-      {"GNU hash table", [](Image& i) { i.gnu.nbucket = ~0U; }},
       {"GNU hash table", [](Image& i) { i.gnu.bloom_count = ~0U; }},
       {"GNU hash table", [](Image& i) { i.gnu.bloom_count = 0; }},
       {"ELF hash table",

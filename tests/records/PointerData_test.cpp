@@ -15,24 +15,22 @@ using PointerDataTest = RecordStoreTest;
 
 TEST_F(PointerDataTest, SizeClassesAndStripesChooseTheSet) {
   const std::pair<std::size_t, std::uint64_t> classes[] = {
-      {0, 0},  {31, 0}, {32, 1},  {39, 1},  {40, 2},
-      {79, 2}, {80, 3}, {127, 3}, {128, 4}, {SIZE_MAX - 1, 4}};
+      {31, 0}, {32, 1}, {39, 1}, {40, 2}, {79, 2}, {80, 3}, {127, 3}, {128, 4}, {SIZE_MAX - 1, 4}};
   for (const auto& [size, size_class] : classes) {
     EXPECT_EQ(&SetOf(0, size), PointerData::sets() + size_class) << size;
-    const PointerSet& set = SetOf(0, size);
-    EXPECT_LE(set.lower_size, size);
-    EXPECT_GT(set.upper_size, size);
   }
   EXPECT_EQ(SelectSet(PointerData::sets(), 0, SIZE_MAX), nullptr);
   const std::pair<std::uint64_t, std::uint64_t> shards[] = {
-      {0, 0}, {0x1FF, 0}, {0x200, 1}, {0xE00, 7}, {0x1000, 0}};
+      {0x1FF, 0}, {0x200, 1}, {0xE00, 7}, {0x1000, 0}};
   for (const auto& [address, shard] : shards) {
     EXPECT_EQ(&SetOf(address, 0), PointerData::sets() + shard * 5) << address;
   }
-  // Heap blocks by usable size, with the size asked for kept; other kinds by the size given.
+  // Heap blocks by usable size, with the size asked for and the zygote mark kept; other kinds by
+  // the size given.
+  zygote_child_ = 0x100;  // only the first byte of a bool would be 0
   CurrentScript() = {{1}, {}, 200};
   data_.Add(At(0x1000), 8);
-  EXPECT_EQ(RecordOf(0x1000, 200)->size, 8U);
+  EXPECT_EQ(RecordOf(0x1000, 200)->size, 0x80000008U);
   mem_track_type = MMAP;
   data_.Add(At(0x3000), 8);
   EXPECT_NE(RecordOf(0x3000, 8), nullptr);
@@ -73,7 +71,6 @@ TEST_F(PointerDataTest, NoBacktraceMeansIndexOne) {
     Remove(address, 16);
     EXPECT_EQ(RecordOf(address, 16), nullptr);
   }
-  EXPECT_EQ(SetOf(0x1000, 16).frames.size(), 0U);
   // An enormous size costs no more than the capture can return.
   SetBacktraceSize(UINT32_MAX);
   current_backtrace_type = kBacktraceUnwinder;
@@ -81,15 +78,6 @@ TEST_F(PointerDataTest, NoBacktraceMeansIndexOne) {
   current_backtrace_type = kBacktraceFramePointer;
   SetBacktraceSize(kDefaultBacktraceSize);
   EXPECT_EQ(BacktraceOf(0x1000, 16)->num_frames, 1024U);
-}
-
-TEST_F(PointerDataTest, ZygoteMark) {
-  zygote_child_ = 0x100;  // only the first byte of a bool would be 0
-  Add(0x1000, 100, {1});
-  EXPECT_EQ(RecordOf(0x1000, 100)->size, 0x80000064U);
-  control_->set_zygote_child(nullptr);
-  Add(0x2000, 100, {1});
-  EXPECT_EQ(RecordOf(0x2000, 100)->size, 0U);
 }
 
 TEST_F(PointerDataTest, AnAddressAddedTwiceKeepsTheFirstBacktraceAlive) {
@@ -126,14 +114,6 @@ TEST_F(PointerDataTest, ReEntryAndUnknownAddressesAreSilent) {
   Remove(0x1000, 64);  // nothing was ever started
   EXPECT_EQ(TotalRecords(), 1U);
   EXPECT_TRUE(LogLines().empty());
-}
-
-TEST_F(PointerDataTest, ADeadBacktraceIsReported) {
-  Add(0x1000, 64, {1});
-  BacktraceOf(0x1000, 64)->references = 0;
-  Remove(0x1000, 64);
-  ASSERT_EQ(LogLines().size(), 1U);
-  EXPECT_EQ(LogLines()[0], "6 MemLeak.Native: hashIndex 2 does not have matching frame data.");
 }
 
 TEST_F(PointerDataTest, ClearingEmptiesEverythingAndRestartsIndexes) {
@@ -191,24 +171,15 @@ TEST_F(PointerDataTest, JavaNativeRecordsStayUntilCleared) {
 }
 
 TEST_F(PointerDataTest, FramesOfALiveBlock) {
-  std::vector<std::uint64_t> pcs(12);
-  for (std::uint64_t i = 0; i < pcs.size(); ++i) pcs[i] = 100 + i;
-  SetBacktraceSize(12);
-  Add(0x1000, 64, pcs);
-  SetBacktraceSize(kDefaultBacktraceSize);
+  Add(0x1000, 64, {101, 102, 103});
   std::uintptr_t frames[32] = {};
-  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 5), 5U);
-  EXPECT_EQ(frames[4], 104U);
-  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 32), 12U);
-  EXPECT_EQ(frames[11], 111U);
-  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 0), 0U);
+  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 2), 2U);
+  EXPECT_EQ(frames[2], 0U);
+  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 32), 3U);
+  EXPECT_EQ(frames[2], 103U);
   EXPECT_EQ(PointerData::GetFrames(At(0x2000), frames, 32), 0U);
   Add(0x2000, 64, {});
   EXPECT_EQ(PointerData::GetFrames(At(0x2000), frames, 32), 0U);
-  mem_track_type = GPU;  // no size is known: only the smallest class is found
-  data_.Add(At(0x5000), 31);
-  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 32), 0U);
-  mem_track_type = NATIVE;
 }
 
 TEST_F(PointerDataTest, ForkLeavesTheLocksFreeOnBothSides) {
@@ -238,25 +209,7 @@ TEST_F(PointerDataTest, ForkLeavesTheLocksFreeOnBothSides) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(PointerDataTest, AReaderHoldsOffRemoval) {
-  Add(0x1000, 64, {1});
-  std::atomic<bool> removed{false};
-  std::thread remover;
-  {
-    const FrameInfoListWithLock locks;
-    remover = std::thread([&] {
-      CurrentScript().usable_size = 64;
-      data_.Remove(At(0x1000), 0);
-      removed = true;
-    });
-    usleep(20000);
-    EXPECT_FALSE(removed);
-  }
-  remover.join();
-  EXPECT_EQ(TotalRecords(), 0U);
-}
-
-TEST_F(PointerDataTest, WaitingForALockIsNoCancellationPoint) {
+TEST_F(PointerDataTest, AReaderHoldsOffWritersWhoCannotBeCancelledMeanwhile) {
   std::atomic<bool> added{false};
   std::thread adder;
   {
@@ -269,6 +222,7 @@ TEST_F(PointerDataTest, WaitingForALockIsNoCancellationPoint) {
     usleep(20000);
     pthread_cancel(adder.native_handle());
     usleep(20000);
+    EXPECT_FALSE(added);
   }
   adder.join();
   EXPECT_TRUE(added);
