@@ -118,7 +118,7 @@ struct Image {
             ELF64_R_INFO(symbol, arch::kJumpSlotRelocation), 0};
   }
 
-  elfSharedLibData Index(bool with_dynamic = true) {
+  elfSharedLibData Index() {
     Elf64_Phdr headers[2] = {};
     headers[0].p_type = PT_LOAD;
     headers[0].p_flags = PF_R | PF_W;
@@ -129,7 +129,7 @@ struct Image {
     info.dlpi_addr = reinterpret_cast<std::uint64_t>(this);
     info.dlpi_name = "libcrafted.so";
     info.dlpi_phdr = headers;
-    info.dlpi_phnum = with_dynamic ? 2 : 1;
+    info.dlpi_phnum = 2;
     LogLines().clear();
     errno = ERANGE;
     const elfSharedLibData library(&info);
@@ -155,21 +155,6 @@ TEST(CraftedLibrary, OddBloomCountIsUsedAsItIs) {
   EXPECT_EQ(slots[0], &image->slots[1]);
   // Nothing that the loader knows lies at these addresses.
   EXPECT_FALSE(library);
-}
-
-TEST(CraftedLibrary, MissingTablesLeaveItIncomplete) {
-  const auto image = std::make_unique<Image>();
-  EXPECT_FALSE(image->Index(false));
-  ASSERT_EQ(LogLines().size(), 2U);
-  EXPECT_NE(LogLines()[0].find("] dynamic_table == null"), std::string::npos);
-  EXPECT_NE(LogLines()[1].find("] not all info found"), std::string::npos);
-
-  image->dynamic[0].d_tag = DT_DEBUG;
-  const elfSharedLibData hashless = image->Index();
-  EXPECT_TRUE(Logged("] not all info found"));
-  EXPECT_FALSE(hashless);
-  EXPECT_EQ(hashless.symtab_, image->symbols);
-  EXPECT_EQ(hashless.find_symbol_by_name("second"), &image->symbols[2]);
 }
 
 TEST(CraftedLibrary, TablesOutsideTheSegmentsSkipIt) {

@@ -47,6 +47,11 @@ TEST_F(PointerDataTest, EqualBacktracesAreSharedAndCounted) {
   ASSERT_EQ(shared, BacktraceOf(0x2000, 64));
   EXPECT_EQ(shared->references, 2U);
   EXPECT_EQ(shared->hash_index, 2U);
+  std::uintptr_t frames[4] = {};
+  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 2), 2U);
+  EXPECT_EQ(frames[2], 0U);
+  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 4), 3U);
+  EXPECT_EQ(frames[2], 13U);
   Add(0x3000, 64, {13, 12, 11});  // same pcs, same hash, another order
   EXPECT_NE(BacktraceOf(0x3000, 64), shared);
   PointerSet& set = SetOf(0x1000, 64);
@@ -58,26 +63,16 @@ TEST_F(PointerDataTest, EqualBacktracesAreSharedAndCounted) {
   // A stack that comes back gets a new index.
   Add(0x1000, 64, {11, 12, 13});
   EXPECT_EQ(BacktraceOf(0x1000, 64)->hash_index, 4U);
-}
-
-TEST_F(PointerDataTest, NoBacktraceMeansIndexOne) {
-  Add(0x1000, 16, {});
-  SetBacktraceSize(0);
-  Add(0x2000, 16, {7, 8});
-  SetBacktraceSize(kDefaultBacktraceSize);
-  for (const std::uint64_t address : {0x1000U, 0x2000U}) {
-    ASSERT_NE(RecordOf(address, 16), nullptr);
-    EXPECT_EQ(BacktraceRef::HashIndex(RecordOf(address, 16)->backtrace), 1U);
-    Remove(address, 16);
-    EXPECT_EQ(RecordOf(address, 16), nullptr);
-  }
+  Add(0x4000, 64, {});  // none: index 1
+  EXPECT_EQ(BacktraceRef::HashIndex(RecordOf(0x4000, 64)->backtrace), 1U);
+  EXPECT_EQ(PointerData::GetFrames(At(0x4000), frames, 4), 0U);
   // An enormous size costs no more than the capture can return.
   SetBacktraceSize(UINT32_MAX);
   current_backtrace_type = kBacktraceUnwinder;
-  Add(0x1000, 16, std::vector<std::uint64_t>(5000, 9));
+  Add(0x5000, 64, std::vector<std::uint64_t>(5000, 9));
   current_backtrace_type = kBacktraceFramePointer;
   SetBacktraceSize(kDefaultBacktraceSize);
-  EXPECT_EQ(BacktraceOf(0x1000, 16)->num_frames, 1024U);
+  EXPECT_EQ(BacktraceOf(0x5000, 64)->num_frames, 1024U);
 }
 
 TEST_F(PointerDataTest, AnAddressAddedTwiceKeepsTheFirstBacktraceAlive) {
@@ -168,18 +163,6 @@ TEST_F(PointerDataTest, JavaNativeRecordsStayUntilCleared) {
   set.SyncJavaTables();
   EXPECT_TRUE(set.java_pointers.empty());
   EXPECT_TRUE(set.unwind_key_to_index.empty());
-}
-
-TEST_F(PointerDataTest, FramesOfALiveBlock) {
-  Add(0x1000, 64, {101, 102, 103});
-  std::uintptr_t frames[32] = {};
-  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 2), 2U);
-  EXPECT_EQ(frames[2], 0U);
-  EXPECT_EQ(PointerData::GetFrames(At(0x1000), frames, 32), 3U);
-  EXPECT_EQ(frames[2], 103U);
-  EXPECT_EQ(PointerData::GetFrames(At(0x2000), frames, 32), 0U);
-  Add(0x2000, 64, {});
-  EXPECT_EQ(PointerData::GetFrames(At(0x2000), frames, 32), 0U);
 }
 
 TEST_F(PointerDataTest, ForkLeavesTheLocksFreeOnBothSides) {

@@ -131,18 +131,25 @@ TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
   Session session(directory, "--start --report-at-exit --depth 24 --unwind fp --log log.%p");
   const std::string& output = session.output();
   const std::string here = std::filesystem::canonical(directory.Path("")).string();
-  ExpectHas(output, "argument=-x\nargument=--depth\nargument=a b\nargument=--\n");
-  ExpectHas(output, "LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so\n");
-  ExpectHas(output, "LD_BIND_NOW=1\n");
-  ExpectHas(output, "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n");
+  for (const std::string& part :
+       {std::string("argument=-x\nargument=--depth\nargument=a b\nargument=--\n"),
+        std::string("LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so\n"),
+        std::string("LD_BIND_NOW=1\n"), std::string("MEMLEAK_TRACKER_START=0x10\n"),
+        std::string("MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40\n"),
+        "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n",
+        "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n"}) {
+    ExpectHas(output, part);
+  }
   const std::string properties = here + "/memleak." + session.pid() + "/properties";
   ExpectHas(output, "MEMLEAK_TRACKER_PROPERTIES=" + properties + "\n");
-  ExpectHas(output, "MEMLEAK_TRACKER_START=0x10\n");
-  ExpectHas(output, "MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40\n");
-  ExpectHas(output, "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n");
-  const BacktraceSettings settings = ParseSettings(ReadTextFile(properties).value_or(""));
-  EXPECT_EQ(settings.type, '0');
-  EXPECT_EQ(settings.depth, 24U);
+  EXPECT_EQ(ReadTextFile(properties),
+            "vastel.memleak.backtacetype=0\nvastel.memleak.backtacemaxnum=24\n");
+  // Lines of others stay, and the last usable one counts.
+  const std::string before =
+      "other=1\nvastel.memleak.backtacemaxnum=20\nvastel.memleak.backtacemaxnum=12a\n#x";
+  EXPECT_EQ(ParseSettings(before).depth, 20U);
+  EXPECT_EQ(UpdateProperties(before, {.depth = 30, .type = std::nullopt}),
+            "other=1\n#x\nvastel.memleak.backtacemaxnum=30\n");
   EXPECT_EQ(session.End(), 7);
 }
 

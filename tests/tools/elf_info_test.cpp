@@ -79,18 +79,5 @@ TEST_F(FindProgramTest, RefusesWhatCannotBeTracked) {
   EXPECT_REFUSED(Refusal(setuid), "setuid");
 }
 
-TEST(TrackerLibraries, AreFoundByMachine) {
-  const std::uint16_t other = OwnMachine() == EM_X86_64 ? EM_AARCH64 : EM_X86_64;
-  EXPECT_EQ(FindTrackerLibraries({"/nonexistent", FIXTURE_LIBDIR}, OwnMachine()), FIXTURE_LIBDIR);
-  EXPECT_EQ(FindTrackerLibraries({"/nonexistent", FIXTURE_LIBDIR}, other), "");
-#ifdef FIXTURE_ARM64_SYMBOLS
-  const TemporaryDirectory pair;
-  for (const char* name : {"libmemleak_tracker.so", "libmemleak_preload.so"}) {
-    std::filesystem::copy_file(FIXTURE_ARM64_SYMBOLS, pair.Path(name));
-  }
-  EXPECT_EQ(FindTrackerLibraries({FIXTURE_LIBDIR, pair.Path("")}, EM_AARCH64), pair.Path(""));
-#endif
-}
-
 }  // namespace
 }  // namespace memleak
