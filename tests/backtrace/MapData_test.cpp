@@ -66,19 +66,6 @@ TEST_F(MapDataTest, AMappingHoldsAllButItsFirstAddress) {
   EXPECT_EQ(Entries(), 3U);
 }
 
-TEST_F(MapDataTest, KeepsReadAndExecuteAndAnEmptyName) {
-  Write(
-      "10000000-10001000 rwxp 00002000 fd:01 42    /with space.so (deleted)\n"
-      "10001000-10002000 -w-p 00000000 00:00 0 \n");
-  const MapEntry* entry = maps_.Find(0x10000010, nullptr);
-  ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(fakes::LogLines(), Lines({"6 MemLeak.Native: relPc is null"}));
-  EXPECT_EQ(entry->name, "/with space.so (deleted)");
-  EXPECT_EQ(entry->offset, 0x2000U);
-  EXPECT_EQ(entry->flags, 5);
-  EXPECT_EQ(Place(0x10001010, maps_), "+16");
-}
-
 TEST_F(MapDataTest, WhatIsKnownWinsOverWhatIsReadLater) {
   Write("10002000-10004000 r-xp 00000000 00:00 0 /first\n");
   EXPECT_EQ(Place(0x10002001, maps_), "/first+1");

@@ -65,10 +65,10 @@ void Churn(int rounds) {
   for (void* block : blocks) free(block);
 }
 
+}  // namespace
+
 /// Every allocating function reaches the tracker, which records where it was called: here.
-int Routes() {
-  Dl_info self;
-  CHECK(dladdr(reinterpret_cast<void*>(Routes), &self) != 0);
+extern "C" __attribute__((visibility("default"))) int Routes() {
   using Backtrace = ssize_t (*)(void*, uintptr_t*, size_t);
   const auto frames_of =
       reinterpret_cast<Backtrace>(Find("libmemleak_tracker.so", "track_malloc_backtrace"));
@@ -80,7 +80,7 @@ int Routes() {
     Dl_info caller;
     CHECK(frames_of(block, frames, 2) > 0);
     CHECK(dladdr(reinterpret_cast<void*>(frames[0]), &caller) != 0);
-    CHECK(caller.dli_fbase == self.dli_fbase);
+    CHECK(caller.dli_sname != nullptr && strcmp(caller.dli_sname, "Routes") == 0);
     free(block);
   };
   const auto page = static_cast<size_t>(getpagesize());
@@ -99,6 +99,8 @@ int Routes() {
   CHECK(mallinfo2().arena + mallinfo2().hblkhd > 0);
   return 0;
 }
+
+namespace {
 
 /// A thread older than the loader's constructor leaves the signal to the control thread, too.
 int Libraries() {

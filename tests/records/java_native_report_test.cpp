@@ -128,20 +128,6 @@ TEST_F(JavaNativeReportTest, OneElementForEachSizeMarkAndStack) {
                                              "60 5 60"}));
 }
 
-TEST_F(JavaNativeReportTest, BlocksWithoutAStack) {
-  AddBlock(0, 10, 30, 0);
-  AddBlock(1, 20, 20, 1);
-  AddBlock(2, 30, 10, 7);  // never filed
-  AddStack(3, 8, 0, Stack({1}));
-  AddBlock(3, 40, 9, 8);
-  EXPECT_EQ(Texts(Collect(true)), (std::vector<std::string>{"20 1 20", "30 1 10", "40 1 9"}));
-  EXPECT_EQ(LogLines(), (std::vector<std::string>{
-                            "6 MemLeak.Native: Pointer 0x1e hashIndex 7 does not exist.",
-                            "6 MemLeak.Native: Pointer 0x28 hashIndex 8 does not exist."}));
-  EXPECT_TRUE(all_sets[3].unwind_frames.empty());
-  EXPECT_EQ(Texts(Collect(false)).at(0), "10 1 30");
-}
-
 TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {
   std::atomic<bool> stop{false};
   std::atomic<std::uint64_t> recorded{0};
