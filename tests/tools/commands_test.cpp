@@ -201,11 +201,14 @@ TEST(Session, SendsTheWordsAndTellsTheState) {
   }
   EXPECT_EQ(Memleak("send " + pid + " --word 0x100000 --parameter 0xff0031").code, 0);
   ExpectStatusSoon(pid, "recording   paused\n");
-  EXPECT_EQ(directory.Read("log"),
-            "received_sig 44;addr:0x90 0xc0031\nreceived_sig 44;addr:0x10 0xc0031\n"
-            "received_sig 44;addr:0x20 0x0\nreceived_sig 44;addr:0x80 0x0\n"
-            "received_sig 44;addr:0x100000 0xff0031\n");
   ExpectFails("report --timeout 1 " + pid, "no complete report after 1 s");
+  EXPECT_EQ(directory.Read("log"),
+            "received_sig 44;addr:0x90\nparameter 0xc0031\n"
+            "received_sig 44;addr:0x10\nparameter 0xc0031\n"
+            "received_sig 44;addr:0x20\nparameter 0x0\n"
+            "received_sig 44;addr:0x80\nparameter 0x0\n"
+            "received_sig 44;addr:0x100000\nparameter 0xff0031\n"
+            "received_sig 44;addr:0x40\nparameter 0x0\n");
   std::filesystem::remove(directory.Path("log"));
   ExpectHas(Memleak("status " + pid).output, "its log cannot be read: No such file or directory)");
   EXPECT_EQ(Memleak("status " + std::to_string(getpid())).code, 1) << "not tracked";
