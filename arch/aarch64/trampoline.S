@@ -1,0 +1,65 @@
+// The code that a hooked slot leads to: begins the hooked call, runs the newest hook, ends the call.
+//
+// Registers by AAPCS64: arguments in x0-x7, x8 (indirect result) and q0-q7; results in x0, x1 and
+// q0-q3. A copy reads its three words relative to itself, so it may lie anywhere. There is no
+// unwind information: an unwinder stops here.
+
+        .section .rodata.arch_trampoline_code, "a", %progbits
+        .p2align 3
+        .global arch_trampoline_code
+        .hidden arch_trampoline_code
+        .type   arch_trampoline_code, %object
+arch_trampoline_code:
+        // The arguments are the hook's: kept while the call is noted.
+        sub     sp, sp, #208
+        stp     q0, q1, [sp]
+        stp     q2, q3, [sp, #32]
+        stp     q4, q5, [sp, #64]
+        stp     q6, q7, [sp, #96]
+        stp     x0, x1, [sp, #128]
+        stp     x2, x3, [sp, #144]
+        stp     x4, x5, [sp, #160]
+        stp     x6, x7, [sp, #176]
+        str     x8, [sp, #192]
+        // begin(id, return address, frame pointer) gives the hook to run.
+        ldr     x0, id
+        mov     x1, x30
+        mov     x2, x29
+        ldr     x16, begin
+        blr     x16
+        mov     x16, x0
+        ldr     x8, [sp, #192]
+        ldp     x6, x7, [sp, #176]
+        ldp     x4, x5, [sp, #160]
+        ldp     x2, x3, [sp, #144]
+        ldp     x0, x1, [sp, #128]
+        ldp     q6, q7, [sp, #96]
+        ldp     q4, q5, [sp, #64]
+        ldp     q2, q3, [sp, #32]
+        ldp     q0, q1, [sp]
+        // Arguments on the stack must be where the caller put them.
+        add     sp, sp, #208
+        blr     x16
+        // The results are the caller's.
+        sub     sp, sp, #80
+        stp     x0, x1, [sp]
+        stp     q0, q1, [sp, #16]
+        stp     q2, q3, [sp, #48]
+        ldr     x16, end
+        blr     x16
+        mov     x30, x0
+        ldp     q2, q3, [sp, #48]
+        ldp     q0, q1, [sp, #16]
+        ldp     x0, x1, [sp]
+        add     sp, sp, #80
+        ret
+        .size   arch_trampoline_code, . - arch_trampoline_code
+        .if     . - arch_trampoline_code - 156
+        .error  "the trampoline has 39 instructions"
+        .endif
+        // Where a copy holds its words: not multiples of 8, which ordinary memory does not ask for.
+begin = .
+end = . + 8
+id = . + 16
+
+        .section .note.GNU-stack, "", %progbits

@@ -1,0 +1,102 @@
+// The code that a hooked slot leads to: begins the hooked call, runs the newest hook, ends the call.
+//
+// Registers by the System V ABI: arguments in rdi, rsi, rdx, rcx, r8, r9, r10 (static chain), al
+// (number of vector registers) and xmm0-xmm7; results in rax, rdx, xmm0, xmm1, st0 and st1. Vectors
+// of more than 128 bits are not kept. The hook finds the caller's stack as it was but for its return
+// address, which leads back here. A copy reads its three words relative to itself, so it may lie
+// anywhere. There is no unwind information: an unwinder stops here.
+
+        .section .rodata.arch_trampoline_code, "a", @progbits
+        .p2align 4
+        .global arch_trampoline_code
+        .hidden arch_trampoline_code
+        .type   arch_trampoline_code, @object
+arch_trampoline_code:
+        // The arguments are the hook's: kept while the call is noted. 200 bytes and the return
+        // address keep the stack a multiple of 16.
+        subq    $200, %rsp
+        movaps  %xmm0, (%rsp)
+        movaps  %xmm1, 16(%rsp)
+        movaps  %xmm2, 32(%rsp)
+        movaps  %xmm3, 48(%rsp)
+        movaps  %xmm4, 64(%rsp)
+        movaps  %xmm5, 80(%rsp)
+        movaps  %xmm6, 96(%rsp)
+        movaps  %xmm7, 112(%rsp)
+        movq    %rdi, 128(%rsp)
+        movq    %rsi, 136(%rsp)
+        movq    %rdx, 144(%rsp)
+        movq    %rcx, 152(%rsp)
+        movq    %r8, 160(%rsp)
+        movq    %r9, 168(%rsp)
+        movq    %rax, 176(%rsp)
+        movq    %r10, 184(%rsp)
+        // begin(id, return address, frame pointer) gives the hook to run.
+        movq    id(%rip), %rdi
+        movq    200(%rsp), %rsi
+        movq    %rbp, %rdx
+        callq   *begin(%rip)
+        movq    %rax, %r11
+        leaq    returned(%rip), %rax
+        movq    %rax, 200(%rsp)
+        movq    184(%rsp), %r10
+        movq    176(%rsp), %rax
+        movq    168(%rsp), %r9
+        movq    160(%rsp), %r8
+        movq    152(%rsp), %rcx
+        movq    144(%rsp), %rdx
+        movq    136(%rsp), %rsi
+        movq    128(%rsp), %rdi
+        movaps  112(%rsp), %xmm7
+        movaps  96(%rsp), %xmm6
+        movaps  80(%rsp), %xmm5
+        movaps  64(%rsp), %xmm4
+        movaps  48(%rsp), %xmm3
+        movaps  32(%rsp), %xmm2
+        movaps  16(%rsp), %xmm1
+        movaps  (%rsp), %xmm0
+        addq    $200, %rsp
+        jmpq    *%r11
+returned:
+        // The results are the caller's.
+        subq    $112, %rsp
+        movq    %rax, (%rsp)
+        movq    %rdx, 8(%rsp)
+        movaps  %xmm0, 16(%rsp)
+        movaps  %xmm1, 32(%rsp)
+        // Called functions expect the x87 registers empty. Bits 11 to 13 of the status word tell
+        // how many are in use: 0 none, 7 one, 6 two.
+        fnstsw  %ax
+        shrl    $11, %eax
+        andl    $7, %eax
+        movl    %eax, 96(%rsp)
+        jz      1f
+        fstpt   48(%rsp)
+        cmpl    $7, %eax
+        je      1f
+        fstpt   64(%rsp)
+1:      callq   *end(%rip)
+        movq    %rax, %r11
+        movl    96(%rsp), %eax
+        testl   %eax, %eax
+        jz      3f
+        cmpl    $7, %eax
+        je      2f
+        fldt    64(%rsp)
+2:      fldt    48(%rsp)
+3:      movaps  32(%rsp), %xmm1
+        movaps  16(%rsp), %xmm0
+        movq    8(%rsp), %rdx
+        movq    (%rsp), %rax
+        addq    $112, %rsp
+        // The hook's return has used up the caller's entry in the processor's return predictor.
+        jmpq    *%r11
+        // Filled up to kTrampolineCodeBytes; longer code is an error.
+        .org    arch_trampoline_code + 376, 0x90
+        .size   arch_trampoline_code, . - arch_trampoline_code
+        // Where a copy holds its words.
+begin = .
+end = . + 8
+id = . + 16
+
+        .section .note.GNU-stack, "", @progbits
