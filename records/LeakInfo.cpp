@@ -62,16 +62,16 @@ void FillRecord(const Grouping& grouping, std::size_t i, const ListInfoType& gro
 
 }  // namespace
 
-void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace) {
+void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool /*only_with_backtrace*/) {
   // With the key set the caller holds every lock. Without it the writers are waited out here, and
   // kept out: a set must not change while it is compared with the next.
   if (pthread_getspecific(record_key) != nullptr) {
-    Grouping(list, only_with_backtrace).AddAllSets();
+    Grouping(list).AddAllSets();
     return;
   }
   const InsideUntilDone inside;
   const FrameInfoListWithLock locks;
-  Grouping(list, only_with_backtrace).AddAllSets();
+  Grouping(list).AddAllSets();
 }
 
 std::uint32_t PointerData::GetMaxBacktraceNum() {
@@ -95,7 +95,7 @@ void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
   const InsideUntilDone inside;  // keeps the vectors built below out of the tables
   FrameInfoListWithLock locked;
   std::vector<ListInfoType>& groups = *locked.list();
-  Grouping grouping(&groups, true);
+  Grouping grouping(&groups);
   grouping.AddAllSets();
   if (groups.empty() || list == nullptr || groups.size() > kMaxGroups) {
     async_safe_format_log(ANDROID_LOG_ERROR, kTag, "list size err or listout null %zd, ignore",

@@ -63,6 +63,7 @@ class PointerData {
 
   /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order
   /// in which they are first met. With the thread's record key set, the caller holds every lock.
+  /// Records without a backtrace are left out whatever `only_with_backtrace` says.
   static void GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace);
   /// Re-reads the backtrace size property and returns the size in force. A value that is not all
   /// digits or does not fit leaves it unchanged. Allocates nothing: safe in a signal handler.

@@ -31,7 +31,7 @@ void LogNoFrames(std::uint64_t hash_index) {
 
 }  // namespace
 
-Grouping::Grouping(std::vector<ListInfoType>* list, bool /*only_with_backtrace*/) : list_(*list) {
+Grouping::Grouping(std::vector<ListInfoType>* list) : list_(*list) {
   index_.resize(kFirstIndexSlots);
   while (list_.size() * 2 >= index_.size()) index_.resize(index_.size() * 2);
   GrowIndex();

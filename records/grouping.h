@@ -12,10 +12,10 @@
 
 class Grouping {
  public:
-  /// Adds to `list`, whose elements so far take part as groups. `only_with_backtrace` drops
-  /// records without one; they are dropped in any case. The caller holds every pointer and frame
-  /// lock for as long as this object lives, and the thread's record key is set.
-  Grouping(std::vector<ListInfoType>* list, bool only_with_backtrace);
+  /// Adds to `list`, whose elements so far take part as groups. Records without a backtrace are
+  /// left out. The caller holds every pointer and frame lock for as long as this object lives, and
+  /// the thread's record key is set.
+  explicit Grouping(std::vector<ListInfoType>* list);
 
   /// Adds the records of all sets, in set order. Logs what it must leave out.
   void AddAllSets();

@@ -36,6 +36,3 @@ std::size_t CaptureLimit() {
 std::uint32_t CaptureSize() {
   return BacktraceSize();
 }
-void CaptureSetSize(std::uint32_t size) {
-  SetBacktraceSize(size);
-}

@@ -35,5 +35,4 @@ TEST_EXPORT void CaptureStartup();
 TEST_EXPORT char CaptureTypeFromProp();
 TEST_EXPORT std::size_t CaptureLimit();
 TEST_EXPORT std::uint32_t CaptureSize();
-TEST_EXPORT void CaptureSetSize(std::uint32_t size);
 }

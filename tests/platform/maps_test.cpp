@@ -1,4 +1,5 @@
 // The unwinder's maps: parsing, what a re-read keeps, and lookups on the allocation path.
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <unwindstack/Maps.h>
@@ -7,95 +8,64 @@
 #include <thread>
 
 #include "allocation_counter.h"
-#include "temporary_directory.h"
+#include "tests/temporary_directory.h"
 
 namespace {
 
 using unwindstack::LocalUpdatableMaps;
 using unwindstack::MapInfo;
 
-constexpr char kFirst[] =
-    "1000-2000 r--p 00000000 fe:01 77        /lib/first.so\n"
-    "2000-5000 r-xp 00001000 fe:01 77        /lib/first.so\n"
-    "5000-6000 rw-p 00000000 00:00 0 \n"
-    "not a mapping\n"
-    "7000-8000 rwxp 00000000 00:00 0\n"
-    "8000-9000 r-xp 0000f000 fe:01 78        /a dir/second.so (deleted)\n";
-
-TEST(Maps, FindsMappingsByAddress) {
+TEST(Maps, FindsMappingsAndReadsAgainWhenAnAddressIsNew) {
   const TemporaryDirectory directory;
-  WriteFile(directory.Path("/maps"), kFirst);
-  LocalUpdatableMaps maps(directory.Path("/maps"));
-  ASSERT_TRUE(maps.Parse());
-  const std::shared_ptr<MapInfo> code = maps.Find(0x4fff);
-  ASSERT_NE(code, nullptr);
-  EXPECT_EQ(code->start(), 0x2000U);
-  EXPECT_EQ(code->end(), 0x5000U);
-  EXPECT_EQ(code->offset(), 0x1000U);
-  EXPECT_EQ(code->flags(), static_cast<unsigned>(PROT_READ | PROT_EXEC));
-  EXPECT_STREQ(code->name().c_str(), "/lib/first.so");
-  ASSERT_NE(maps.Find(0x5000), nullptr);
-  EXPECT_STREQ(maps.Find(0x5000)->name().c_str(), "");
-  EXPECT_STREQ(maps.Find(0x8000)->name().c_str(), "/a dir/second.so (deleted)");
-  for (const std::uint64_t gap : {0x0, 0xfff, 0x6000, 0x9000}) EXPECT_EQ(maps.Find(gap), nullptr);
-}
-
-TEST(Maps, ReadsAgainWhenAnAddressIsNew) {
-  const TemporaryDirectory directory;
-  WriteFile(directory.Path("/maps"), kFirst);
-  LocalUpdatableMaps maps(directory.Path("/maps"));
-  ASSERT_TRUE(maps.Parse());
-  const std::shared_ptr<MapInfo> kept = maps.Find(0x2000);
-  const std::shared_ptr<MapInfo> gone = maps.Find(0x8000);
-  WriteFile(directory.Path("/maps"),
-            "2000-5000 r-xp 00001000 fe:01 77 /lib/first.so\n"
-            "8000-a000 r-xp 00000000 fe:01 79 /lib/third.so\n");
-  ASSERT_NE(maps.Find(0x9000), nullptr);
-  EXPECT_STREQ(maps.Find(0x8000)->name().c_str(), "/lib/third.so");
-  EXPECT_EQ(maps.Find(0x2000), kept);
-  EXPECT_EQ(maps.Find(0x1000), nullptr);
-  EXPECT_STREQ(gone->name().c_str(), "/a dir/second.so (deleted)");
-}
-
-TEST(Maps, UnreadableFileChangesNothing) {
-  const TemporaryDirectory directory;
-  LocalUpdatableMaps maps(directory.Path("/maps"));
+  LocalUpdatableMaps maps(directory.Path("maps"));
   EXPECT_FALSE(maps.Parse());
   EXPECT_EQ(maps.FindCode(0x2000), nullptr);
-  WriteFile(directory.Path("/maps"), kFirst);
-  EXPECT_TRUE(maps.Parse());
-  std::filesystem::remove(directory.Path("/maps"));
-  EXPECT_FALSE(maps.Reparse());
-  EXPECT_NE(maps.Find(0x2000), nullptr);
-}
-
-TEST(Maps, CodeIsWhatIsExecutable) {
-  const TemporaryDirectory directory;
-  WriteFile(directory.Path("/maps"), kFirst);
-  LocalUpdatableMaps maps(directory.Path("/maps"));
+  directory.Write("maps",
+                  "1000-2000 r--p 00000000 fe:01 77        /lib/first.so\n"
+                  "2000-5000 r-xp 00001000 fe:01 77        /lib/first.so\n"
+                  "not a mapping\n"
+                  "7000-8000 rwxp 00000000 00:00 0\n"
+                  "8000-9000 r-xp 0000f000 fe:01 78        /a dir/second.so (deleted)\n");
   ASSERT_TRUE(maps.Parse());
+  const std::shared_ptr<MapInfo> kept = maps.Find(0x4fff);
+  ASSERT_NE(kept, nullptr);
+  EXPECT_EQ(kept->start(), 0x2000U);
+  EXPECT_EQ(kept->end(), 0x5000U);
+  EXPECT_EQ(kept->offset(), 0x1000U);
+  EXPECT_EQ(kept->flags(), static_cast<unsigned>(PROT_READ | PROT_EXEC));
+  const std::shared_ptr<MapInfo> gone = maps.Find(0x8000);
+  EXPECT_STREQ(gone->name().c_str(), "/a dir/second.so (deleted)");
+  for (const std::uint64_t gap : {0x0, 0xfff, 0x6000, 0x9000}) EXPECT_EQ(maps.Find(gap), nullptr);
+
   const LocalUpdatableMaps::CodeRange* code = nullptr;
   EXPECT_EQ(AllocationsDuring([&] { code = maps.FindCode(0x2abc); }), 0);
   ASSERT_NE(code, nullptr);
-  EXPECT_EQ(code->basename, "first.so");
   EXPECT_EQ(maps.FindCode(0x7000)->basename, "");
   EXPECT_EQ(maps.FindCode(0x1000), nullptr);  // mapped, but not executable
 
   // A library that was loaded since is found, and what was handed out before stays valid.
-  WriteFile(directory.Path("/maps"), "a000-b000 r-xp 00000000 fe:01 79 /lib/third.so\n");
-  ASSERT_NE(maps.FindCode(0xa800), nullptr);
-  EXPECT_EQ(maps.FindCode(0xa800)->basename, "third.so");
+  directory.Write("maps",
+                  "2000-5000 r-xp 00001000 fe:01 77 /lib/first.so\n"
+                  "8000-a000 r-xp 00000000 fe:01 79 /lib/third.so\n");
+  ASSERT_NE(maps.FindCode(0x9000), nullptr);
+  EXPECT_EQ(maps.FindCode(0x9000)->basename, "third.so");
   EXPECT_EQ(code->basename, "first.so");
+  EXPECT_EQ(maps.Find(0x2000), kept);
+  EXPECT_EQ(maps.Find(0x1000), nullptr);
+  EXPECT_STREQ(gone->name().c_str(), "/a dir/second.so (deleted)");
+
+  std::filesystem::remove(directory.Path("maps"));
+  EXPECT_FALSE(maps.Reparse());
+  EXPECT_EQ(maps.Find(0x2000), kept);
 }
 
 TEST(Maps, LookupsRunBesideReReads) {
   LocalUpdatableMaps maps;
   ASSERT_TRUE(maps.Parse());
-  const auto here = reinterpret_cast<std::uint64_t>(&ReadFile);
   std::atomic<bool> stop{false};
   std::thread reader([&] {
     while (!stop) {
-      const LocalUpdatableMaps::CodeRange* code = maps.FindCode(here);
+      const auto* code = maps.FindCode(reinterpret_cast<std::uint64_t>(&AllocationsDuring));
       ASSERT_NE(code, nullptr);
       EXPECT_EQ(code->basename, "platform_maps_test");
     }

@@ -1,101 +1,113 @@
-// Properties from the root directory's file: which line counts, and what becomes of odd files.
+// Properties and paths below the root directory: which line and which file count, for whom.
+#include <gtest/gtest.h>
 #include <sys/system_properties.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "allocation_counter.h"
-#include "temporary_directory.h"
+#include "platform/linux/root.h"
+#include "platform/paths.h"
+#include "platform_variable.h"
+#include "tests/temporary_directory.h"
 
 namespace {
 
-class Properties : public testing::Test {
- protected:
-  void SetUp() override {
-    SetVariable("MEMLEAK_TRACKER_ROOT", directory_.Path().c_str());
-    SetVariable("MEMLEAK_TRACKER_PROPERTIES", nullptr);
-  }
-
-  std::string Get(const char* name) {
-    char value[PROP_VALUE_MAX + 1];
-    value[PROP_VALUE_MAX] = '#';
-    const int length = __system_property_get(name, value);
-    EXPECT_EQ(value[PROP_VALUE_MAX], '#') << "written beyond the end";
-    std::string text = value;
-    EXPECT_EQ(static_cast<std::size_t>(length), text.size());
-    return text;
-  }
-
-  void Write(const std::string& text) { WriteFile(directory_.Path("/properties"), text); }
-
-  const TemporaryDirectory directory_;
-};
-
-TEST_F(Properties, LastLineWithExactlyTheNameCounts) {
-  Write("a.b=first\na.bc=longer\na=shorter\nxa.b=other\n a.b=blank\na.b\na.b =blank\na.b=la=st\n");
-  EXPECT_EQ(Get("a.b"), "la=st");
-  EXPECT_EQ(Get("a"), "shorter");
-  EXPECT_EQ(Get("a.bc"), "longer");
-  EXPECT_EQ(Get("a.b.c"), "");
-  EXPECT_EQ(Get(""), "");
+std::string Get(const char* name) {
+  char value[PROP_VALUE_MAX + 1];
+  value[PROP_VALUE_MAX] = '#';
+  const int length = __system_property_get(name, value);
+  EXPECT_EQ(value[PROP_VALUE_MAX], '#') << "written beyond the end";
+  EXPECT_EQ(static_cast<std::size_t>(length), std::string(value).size());
+  return value;
 }
 
-TEST_F(Properties, ReadsTheFileAfreshEachTime) {
-  EXPECT_EQ(Get("p"), "");
-  Write("p=1\n");
-  EXPECT_EQ(Get("p"), "1");
-  Write("p=2\n");
-  EXPECT_EQ(Get("p"), "2");
-  Write("p=2\np=\n");
-  EXPECT_EQ(Get("p"), "");
-}
-
-TEST_F(Properties, LineEndsAndBlanks) {
-  Write("crlf=dos\r\nempty=\r\nblank= v \ninner=a\rb\nlast=no newline");
-  EXPECT_EQ(Get("crlf"), "dos");
-  EXPECT_EQ(Get("empty"), "");
-  EXPECT_EQ(Get("blank"), " v ");
-  EXPECT_EQ(Get("inner"), "a\rb");
-  EXPECT_EQ(Get("last"), "no newline");
-}
-
-TEST_F(Properties, LongValuesAreCutAndLongLinesDoNoHarm) {
+TEST(Properties, LastLineWithExactlyTheNameCountsAndIsCutToFit) {
+  const TemporaryDirectory directory;
+  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("").c_str());
+  EXPECT_EQ(Get("a"), "");  // no file yet
   const std::string longest(91, 'v');
-  Write("x=" + std::string(5000, 'y') + "\n" + std::string(3000, 'n') + "=1\nfits=" + longest +
-        "\r\ncut=" + longest + "w\nat_cr=" + std::string(90, 'v') + "\rtail\nafter=1\n");
-  EXPECT_EQ(Get("fits"), longest);
-  EXPECT_EQ(Get("cut"), longest);
-  EXPECT_EQ(Get("at_cr"), std::string(90, 'v') + "\r");
-  EXPECT_EQ(Get("x"), std::string(91, 'y'));
-  EXPECT_EQ(Get("after"), "1");
-}
-
-TEST_F(Properties, SharedFileCountsOnlyWhileTheRootHasNone) {
-  WriteFile(directory_.Path("/shared"), "p=shared\nq=shared\n");
-  SetVariable("MEMLEAK_TRACKER_PROPERTIES", directory_.Path("/shared").c_str());
-  EXPECT_EQ(Get("p"), "shared");
-  Write("p=own\n");
-  EXPECT_EQ(Get("p"), "own");
+  directory.Write("properties",
+                  "a.b=first\na.bc=longer\na=shorter\nxa.b=other\n a.b=blank\na.b\na.b =blank\n"
+                  "a.b=la=st\ncrlf=dos\r\nempty=x\nempty=\nblank= v \nx=" +
+                      std::string(5000, 'y') + "\nfits=" + longest + "\r\ncut=" + longest +
+                      "w\nlast=no newline");
+  const std::pair<const char*, std::string> cases[] = {{"a.b", "la=st"},
+                                                       {"a", "shorter"},
+                                                       {"a.bc", "longer"},
+                                                       {"a.b.c", ""},
+                                                       {"", ""},
+                                                       {"crlf", "dos"},
+                                                       {"empty", ""},
+                                                       {"blank", " v "},
+                                                       {"fits", longest},
+                                                       {"cut", longest},
+                                                       {"x", std::string(91, 'y')},
+                                                       {"last", "no newline"}};
+  for (const auto& [name, value] : cases) EXPECT_EQ(Get(name), value) << name;
+  // The file that a launcher shares counts only while the root has none.
+  SetVariable("MEMLEAK_TRACKER_PROPERTIES", directory.Write("shared", "a=1\nq=2\n").c_str());
   EXPECT_EQ(Get("q"), "");
-  SetVariable("MEMLEAK_TRACKER_ROOT", directory_.Path("/no/such/root").c_str());
-  EXPECT_EQ(Get("p"), "shared");
-  SetVariable("MEMLEAK_TRACKER_PROPERTIES", directory_.Path("/missing").c_str());
-  EXPECT_EQ(Get("p"), "");
+  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("none").c_str());
+  EXPECT_EQ(Get("q"), "2");
 }
 
-TEST_F(Properties, KeepErrnoAndAllocateNothing) {
-  Write("p=1\n");
-  for (const std::string& root :
-       {directory_.Path(), directory_.Path("/missing"), directory_.Path("/properties")}) {
+TEST(Properties, KeepErrnoAndAllocateNothing) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.Write("properties", "p=1\n");
+  for (const std::string& root : {directory.Path(""), directory.Path("missing"), file}) {
     SetVariable("MEMLEAK_TRACKER_ROOT", root.c_str());
     errno = EOWNERDEAD;
-    EXPECT_EQ(AllocationsDuring([] {
-                char value[PROP_VALUE_MAX];
-                __system_property_get("p", value);
-              }),
-              0);
+    char value[PROP_VALUE_MAX];
+    EXPECT_EQ(AllocationsDuring([&] { __system_property_get("p", value); }), 0);
     EXPECT_EQ(errno, EOWNERDEAD);
   }
+}
+
+std::string Rooted(const char* below) {
+  char path[platform::kPathBytes];
+  const std::size_t length = platform::RootedPath(below, path);
+  return {path, length};
+}
+
+TEST(Root, StandsForTheProcessThatAsks) {
+  for (const char* root : {static_cast<const char*>(nullptr), "", "/", "//"}) {
+    SetVariable("MEMLEAK_TRACKER_ROOT", root);
+    EXPECT_EQ(Rooted("/f"), "/f");
+  }
+  SetVariable("MEMLEAK_TRACKER_ROOT", "/r%%p/%p.%p%q%/");
+  // What the program does to its environment later makes no difference.
+  setenv("MEMLEAK_TRACKER_ROOT", "/elsewhere", 1);
+  const auto is_own = [] {
+    const std::string own = std::to_string(getpid());
+    return Rooted("/f") == "/r%" + own + "/" + own + "." + own + "%q%/f";
+  };
+  EXPECT_TRUE(is_own());
+  const pid_t child = fork();
+  if (child == 0) _exit(is_own() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+
+  std::string too_long;
+  while (too_long.size() < 10000) too_long += "/directory";
+  SetVariable("MEMLEAK_TRACKER_ROOT", too_long.c_str());
+  EXPECT_EQ(access(Rooted("/properties").c_str(), F_OK), -1);
+  EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST(ReportPath, MakesTheDirectoriesThatLeadToItWhereItCan) {
+  const TemporaryDirectory directory;
+  const std::string below = "/data/log/reliability/allocations_dump";
+  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("new/root.%p").c_str());
+  const std::string own = "new/root." + std::to_string(getpid()) + below;
+  EXPECT_EQ(platform::ReportPath(), directory.Path(own));
+  directory.Write(own, "report");
+  EXPECT_EQ(platform::ReportPath(), directory.Path(own));
+  EXPECT_EQ(directory.Read(own), "report");
+  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path(own).c_str());
+  EXPECT_EQ(platform::ReportPath(), directory.Path(own) + below);
 }
 
 }  // namespace

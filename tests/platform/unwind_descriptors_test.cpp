@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "temporary_directory.h"
+#include "tests/temporary_directory.h"
 
 // Calls `function` with `frame` in the frame pointer. No unwind information says so: whoever
 // unwinds through it has only the frame pointer to go by, and must check what it points to.
@@ -57,21 +57,14 @@ unwindstack::LocalUpdatableMaps& Maps() {
   return maps;
 }
 
-__attribute__((noinline)) void CapturePcs(std::size_t* count) {
+/// By the fast way, or frame by frame from the registers.
+template <bool kNames>
+__attribute__((noinline)) void Unwind(std::size_t* count) {
   const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
   unwindstack::RegsGetLocal(regs.get());
   unwindstack::Unwinder unwinder(100, &Maps(), regs.get(),
                                  unwindstack::Memory::CreateProcessMemoryThreadCached(getpid()));
-  unwinder.SetResolveNames(false);
-  unwinder.Unwind();
-  *count = unwinder.NumFrames();
-}
-
-__attribute__((noinline)) void CaptureFromRegisters(std::size_t* count) {
-  const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
-  unwindstack::RegsGetLocal(regs.get());
-  unwindstack::Unwinder unwinder(100, &Maps(), regs.get(),
-                                 unwindstack::Memory::CreateProcessMemoryThreadCached(getpid()));
+  unwinder.SetResolveNames(kNames);
   unwinder.Unwind();
   *count = unwinder.NumFrames();
 }
@@ -82,7 +75,7 @@ void CaptureThroughGarbage() {
   void* forbidden = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(forbidden, MAP_FAILED);
   const std::uintptr_t record[64] = {0x1234567, 0x7654321};
-  for (const auto function : {CapturePcs, CaptureFromRegisters}) {
+  for (const auto function : {Unwind<false>, Unwind<true>}) {
     for (const void* frame : {static_cast<const void*>(record), static_cast<const void*>(forbidden),
                               reinterpret_cast<const void*>(std::uintptr_t{16}),
                               reinterpret_cast<const void*>(std::uintptr_t{0x5555'5555'0000})}) {
@@ -105,18 +98,18 @@ std::vector<int> OpenDescriptors() {
 TEST(UnwindDescriptors, FilesOfTheProgramAreLeftAlone) {
   const TemporaryDirectory directory;
   const std::string text = "abcdefghijklmnopqrstuvwxyz";
-  WriteFile(directory.Path("/data"), text);
+  const std::string data = directory.Write("data", text);
   const std::vector<int> before = OpenDescriptors();
   CaptureThroughGarbage();
   EXPECT_EQ(OpenDescriptors(), before);
 
   for (int file = kFirst; file < kEnd; ++file) close(file);
   std::vector<int> files(6);
-  for (int& file : files) file = open(directory.Path("/data").c_str(), O_RDWR);
+  for (int& file : files) file = open(data.c_str(), O_RDWR);
   EXPECT_EQ(files.front(), kFirst);
   for (int round = 0; round < 20; ++round) CaptureThroughGarbage();
   for (const int file : files) EXPECT_EQ(lseek(file, 0, SEEK_CUR), 0) << file;
-  EXPECT_EQ(ReadFile(directory.Path("/data")), text);
+  EXPECT_EQ(directory.Read("data"), text);
 }
 
 }  // namespace

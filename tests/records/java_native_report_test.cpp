@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -79,7 +78,6 @@ class JavaNativeReportTest : public testing::Test {
   /// "pointer num size" of every element.
   static std::vector<std::string> Texts(const std::vector<UnwindListInfoType>& list) {
     std::vector<std::string> texts;
-    texts.reserve(list.size());
     for (const UnwindListInfoType& element : list) {
       texts.push_back(std::to_string(element.pointer) + " " + std::to_string(element.num) + " " +
                       std::to_string(element.size) + (element.zygote_child ? " child" : ""));
@@ -128,57 +126,6 @@ TEST_F(JavaNativeReportTest, OneElementForEachSizeMarkAndStack) {
   std::sort(texts.begin(), texts.begin() + 2);  // equal in product and size: no order
   EXPECT_EQ(texts, (std::vector<std::string>{"10 5 100", "30 5 100 child", "50 2 150", "40 3 100",
                                              "60 5 60"}));
-  PointerData::GetJavaNativeStackInfo(&list, true);  // what the list holds already takes part
-  EXPECT_EQ(list.size(), 5u);
-}
-
-TEST_F(JavaNativeReportTest, BlocksWithoutAStack) {
-  AddBlock(0, 10, 30, 0);
-  AddBlock(1, 20, 20, 1);
-  AddBlock(2, 30, 10, 7);  // never filed
-  AddStack(3, 8, 0, Stack({1}));
-  AddBlock(3, 40, 9, 8);
-  EXPECT_EQ(Texts(Collect(true)), (std::vector<std::string>{"20 1 20", "30 1 10", "40 1 9"}));
-  EXPECT_EQ(LogLines(), (std::vector<std::string>{
-                            "6 MemLeak.Native: Pointer 0x1e hashIndex 7 does not exist.",
-                            "6 MemLeak.Native: Pointer 0x28 hashIndex 8 does not exist."}));
-  EXPECT_TRUE(all_sets[3].unwind_frames.empty());
-  EXPECT_EQ(Texts(Collect(false)).at(0), "10 1 30");
-}
-
-/// The plain scan that the index stands for.
-std::vector<UnwindListInfoType> PlainScan() {
-  const auto same_pc = [](const auto& a, const auto& b) { return a.rel_pc == b.rel_pc; };
-  std::vector<UnwindListInfoType> list;
-  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
-    for (const auto& block : all_sets[i].java_pointers) {
-      UnwindFrameInfoType& info = all_sets[i].unwind_frames.at(block.second.hash_index);
-      const bool known = std::any_of(list.begin(), list.end(), [&](const auto& element) {
-        const auto& frames = element.unwind_info->frames;
-        return element.size == block.second.size &&
-               std::equal(frames.begin(), frames.end(), info.frames.begin(), info.frames.end(),
-                          same_pc);
-      });
-      if (!known) list.push_back({block.first, info.references, block.second.size, false, &info});
-    }
-  }
-  PointerData::SortJavaNativeListByTotalAllocation(&list);
-  return list;
-}
-
-TEST_F(JavaNativeReportTest, IndexGivesWhatThePlainScanGives) {
-  std::mt19937_64 random(1);
-  for (std::size_t set = 0; set < PointerData::kSetCount; ++set) {
-    for (std::uint64_t index = 2; index < 32; ++index) {
-      std::vector<std::uint64_t> rel_pcs(1 + random() % 3);
-      for (std::uint64_t& rel_pc : rel_pcs) rel_pc = random() % 3;
-      AddStack(set, index, 1 + random() % 4, Stack(rel_pcs));
-    }
-    for (int i = 0; i < 200; ++i) AddBlock(set, random(), 8 * (random() % 4), 2 + random() % 30);
-  }
-  const std::vector<UnwindListInfoType> list = Collect(true);
-  EXPECT_GT(list.size(), 100u);
-  EXPECT_EQ(Texts(list), Texts(PlainScan()));
 }
 
 TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <utility>
 
-#include "tests/tools/temp_dir.h"
+#include "tests/temporary_directory.h"
 #include "tools/hook_outcome.h"
 #include "tools/root_directory.h"
 
@@ -43,7 +43,7 @@ TEST(DynamicFile, TellsJumpSlotsFromAddresses) {
 
 // Whatever a damaged file says, nothing outside it is read: the sanitizers watch.
 TEST(DynamicFile, DamagedFilesYieldLessButNoHarm) {
-  const TempDir directory;
+  const TemporaryDirectory directory;
   const std::string whole = ReadTextFile(FIXTURE_HOOK_PLAIN).value_or("");
   ASSERT_GT(whole.size(), 4096U);
   std::size_t readable = 0;
@@ -174,7 +174,7 @@ TEST_F(Loaded, EachProblemIsOneLine) {
 }
 
 TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
-  const TempDir directory;
+  const TemporaryDirectory directory;
   const HookPlan plan = Plan({{kPlain}, {"mmap", "munmap"}, true});
   const KindInfo& kind = InfoOf(Kind::kMmap);
   void* code =

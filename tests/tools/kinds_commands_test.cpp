@@ -6,7 +6,7 @@
 #include <array>
 #include <cstdio>
 
-#include "tests/tools/temp_dir.h"
+#include "tests/temporary_directory.h"
 #include "tools/root_directory.h"
 
 namespace memleak {
@@ -39,7 +39,7 @@ Outcome Shell(const std::string& command) {
 }
 
 // Runs `script` beside the program, as $P, with memleak as $M, in `directory`.
-Outcome BesideProgram(const TempDir& directory, const std::string& options,
+Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
                       const std::string& script) {
   return Shell("cd " + directory.Path("") + "; M='" + kMemleak +
                "'; mkfifo fifo; exec 3<>fifo; $M" + " run --libdir " FIXTURE_LIBDIR + kRunEmulated +
@@ -55,7 +55,7 @@ void ExpectHas(const std::string& text, const std::string& part) {
 }
 
 TEST(Kinds, OnTellsWhatTheTrackerSays) {
-  const TempDir directory;
+  const TemporaryDirectory directory;
   const Outcome outcome = BesideProgram(directory, "", R"(
     answer() { until grep -qs 0x900 log; do sleep 0.02; done; echo "$1" >>log; }
     answer 'set mmaphook to:true, btsize:7, btType:0' &
@@ -78,7 +78,7 @@ TEST(Kinds, OnTellsWhatTheTrackerSays) {
 }
 
 TEST(Kinds, EveryCommandHasItsWord) {
-  const TempDir directory;
+  const TemporaryDirectory directory;
   const Outcome outcome = BesideProgram(directory, "", R"(
     $M pause $P --kind mmap && $M clear $P --kind ion && $M pause $P --kind gpu
     $M report $P --kind ion --timeout 1; $M clear $P --kind sea; $M fd off $P; $M fd fly $P
@@ -106,7 +106,7 @@ TEST(Kinds, EveryCommandHasItsWord) {
 }
 
 TEST(Kinds, RunStartsWithOne) {
-  const TempDir directory;
+  const TemporaryDirectory directory;
   const Outcome outcome = BesideProgram(
       directory, "--start --report-at-exit --kind mmap --lib liba.so", "cat out root/properties");
   ExpectHas(outcome.output, "MEMLEAK_TRACKER_START=0x100\n");

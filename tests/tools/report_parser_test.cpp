@@ -5,8 +5,7 @@
 
 #include <sstream>
 
-#include "tests/tools/other_user.h"
-#include "tests/tools/temp_dir.h"
+#include "tests/temporary_directory.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -19,7 +18,7 @@ const std::string kJavaRule =
     "==============================Java-Native Stack==============================\n";
 
 Report Load(const std::string& text) {
-  const TempDir directory;
+  const TemporaryDirectory directory;
   return LoadReport(directory.Write("report", text));
 }
 
@@ -34,8 +33,6 @@ TEST(ReportParser, ReadsAWholeReport) {
   EXPECT_TRUE(report.damaged.empty());
   EXPECT_EQ(report.header.total_bytes, 200U);
   EXPECT_EQ(report.header.groups, 1500U);
-  EXPECT_EQ(report.header.listed, 1000U);
-  EXPECT_EQ(report.header.backtrace_size, 10U);
 
   ASSERT_EQ(report.native.size(), 2U);
   EXPECT_EQ(report.native[0].total, 96U);
@@ -51,7 +48,6 @@ TEST(ReportParser, ReadsAWholeReport) {
   ASSERT_EQ(report.java[0].frames.size(), 2U);
   EXPECT_EQ(report.java[0].frames[0].rel_pc, 0x1a2bU);
   EXPECT_EQ(report.java[0].frames[0].function, "art::Thread::Run(int) const");
-  EXPECT_EQ(report.java[0].frames[1].function, "");
 }
 
 TEST(ReportParser, ReadsEveryKindOfName) {
@@ -95,16 +91,8 @@ TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
   }
 }
 
-TEST(ReportParser, RefusesWhatIsNoReport) {
-  EXPECT_THROW(Load(""), UserError);
-  EXPECT_THROW(Load("Native Heap MemLeak Tracker Version 1.0:\nEND"), UserError);
-  EXPECT_THROW(LoadReport("/nonexistent/report"), UserError);
-  EXPECT_THROW(LoadReport("/dev/zero"), UserError);
-  EXPECT_THROW(LoadReport("/tmp"), UserError);
-}
-
-TEST(LoadReport, NamesTheCauseAndItsRemedy) {
-  const TempDir directory;
+TEST(LoadReport, RefusesWithTheCauseAndItsRemedy) {
+  const TemporaryDirectory directory;
   const auto refusal = [](const std::string& path) -> std::string {
     try {
       LoadReport(path);
@@ -113,12 +101,16 @@ TEST(LoadReport, NamesTheCauseAndItsRemedy) {
     }
     return "read";
   };
-  EXPECT_NE(refusal(directory.Path("absent")).find("memleak report PID"), std::string::npos);
-  EXPECT_NE(refusal(directory.Path("")).find("not a file; name the file"), std::string::npos);
   const std::string mine = directory.Write("mine", "");
-  const std::optional<std::string> denied = AsOtherUser([&] { return refusal(mine); });
-  if (!denied) GTEST_SKIP() << "only root can become another user";
-  EXPECT_NE(denied->find("Permission denied; run memleak as the user"), std::string::npos);
+  const std::pair<std::string, const char*> cases[] = {
+      {mine, "not a report"},
+      {directory.Write("old", "Native Heap MemLeak Tracker Version 1.0:\nEND"), "not a report"},
+      {"/dev/zero", "not a"},
+      {directory.Path("absent"), "memleak report PID"},
+      {directory.Path(""), "not a file; name the file"}};
+  for (const auto& [path, part] : cases) {
+    EXPECT_NE(refusal(path).find(part), std::string::npos) << refusal(path);
+  }
 }
 
 }  // namespace

@@ -11,28 +11,15 @@
 namespace memleak {
 namespace {
 
-TEST(Format, Bytes) {
-  EXPECT_EQ(FormatBytes(0), "0 B");
+TEST(Format, FiguresAndNames) {
   EXPECT_EQ(FormatBytes(1023), "1023 B");
-  EXPECT_EQ(FormatBytes(1536), "1.5 KiB");
   EXPECT_EQ(FormatBytes(1048575), "1.0 MiB");  // never "1024.0 KiB"
   EXPECT_EQ(FormatBytes(std::numeric_limits<std::uint64_t>::max()), "16.0 EiB");
-  EXPECT_EQ(FormatCount(999), "999");
   EXPECT_EQ(FormatCount(1234567), "1,234,567");
-}
-
-TEST(Format, Ages) {
-  EXPECT_EQ(FormatAge(0), "0s");
-  EXPECT_EQ(FormatAge(200), "3m 20s");
-  EXPECT_EQ(FormatAge(7200), "2h");
   EXPECT_EQ(FormatAge(100000), "1d 3h");
   EXPECT_EQ(FormatAge(-5), "-5s");
-}
-
-TEST(Format, NamesFitAndCannotSteerTheTerminal) {
-  EXPECT_EQ(FitWidth("abcdefghij", 10), "abcdefghij");
   EXPECT_EQ(FitWidth("abcdefghijk", 10), "abcd...ijk");
-  EXPECT_EQ(FitWidth("a\x1b[2Jb\n", 10), "a?[2Jb?");
+  EXPECT_EQ(FitWidth("a\x1b[2Jb\n", 10), "a?[2Jb?");  // cannot steer the terminal
   EXPECT_EQ(Columns(FitWidth("\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4", 5)), 5U);
 }
 
@@ -63,13 +50,11 @@ std::string Print(const Report& report, std::size_t top) {
 
 TEST(Show, PrintsLargestFirstWithinEightyColumns) {
   const std::string text = Print(Sample(), 0);
-  EXPECT_NE(text.find("#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3m 20s..3s"),
-            std::string::npos)
-      << text;
-  EXPECT_NE(text.find("inner(int)  a.cpp:12"), std::string::npos) << text;
-  EXPECT_NE(text.find("unknown.so+0xabc"), std::string::npos) << text;
-  EXPECT_NE(text.find("#2  10 B"), std::string::npos) << text;
-  EXPECT_NE(text.find("art::Run()  +0x1f"), std::string::npos) << text;
+  for (const char* part :
+       {"#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3m 20s..3s", "inner(int)  a.cpp:12",
+        "unknown.so+0xabc", "#2  10 B", "art::Run()  +0x1f"}) {
+    EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
+  }
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) EXPECT_LE(Columns(line), 80U) << line;
 }
@@ -77,12 +62,6 @@ TEST(Show, PrintsLargestFirstWithinEightyColumns) {
 TEST(Show, SaysWhatIsNotShown) {
   EXPECT_NE(Print(Sample(), 1).find("Not shown: 1.9 KiB in 1,199 smaller groups (--top"),
             std::string::npos);
-  EXPECT_NE(Print(Sample(), 0).find("in 1,198 smaller groups\n"), std::string::npos);
-  Report one;
-  one.header = {.total_bytes = 1, .groups = 1, .listed = 1, .backtrace_size = 1};
-  EXPECT_EQ(Print(one, 0),
-            "Report dump\n  1 B held (1 byte) in 1 group of one size and one stack\n"
-            "  0 blocks listed, with at most 1 frame each\n\nNot shown: 1 B in 1 smaller group\n");
   Report empty;
   empty.complete = true;
   EXPECT_EQ(Print(empty, 10), std::string("Report dump\n  ") + kNothingHeld + "\n");

@@ -69,9 +69,7 @@ TEST_F(EntriesTest, RecordWhatWasReallyAllocatedWhileMarked) {
       {CALL(track_calloc(SIZE_MAX / 2, 3)), nullptr, ENOMEM, ""},
       {CALL(track_calloc(1 << 16, 1 << 15)), nullptr, ENOMEM, ""},
       {CALL(track_memalign(64, 0)), new_block, 0, "memalign(64,1)* Add(new,1)*"},
-      {CALL(track_memalign(64, kTwoGiB)), nullptr, ENOMEM, ""},
       {CALL(track_aligned_alloc(16, 9)), new_block, 0, "memalign(16,9)* Add(new,9)*"},
-      {CALL(track_aligned_alloc(0, 9)), new_block, 0, "memalign(0,9)* Add(new,9)*"},
       {CALL(track_aligned_alloc(24, 9)), nullptr, EINVAL, ""},
       {CALL(PosixMemalign(2, 7, 0)), new_block, 0, "memalign(2,7)* Add(new,7)*"},
       {CALL(PosixMemalign(24, 7, EINVAL)), old_block, 0, ""},
@@ -93,7 +91,6 @@ TEST_F(EntriesTest, RecordNothingWhenTheAllocatorFails) {
   Check({
       {CALL(track_malloc(5)), nullptr, 0, "malloc(5)*"},
       {CALL(track_calloc(1, 5)), nullptr, 0, "calloc(1,5)*"},
-      {CALL(track_aligned_alloc(8, 5)), nullptr, 0, "memalign(8,5)*"},
       {CALL(PosixMemalign(8, 5, ENOMEM)), nullptr, 0, "memalign(8,5)*"},
       {CALL(track_realloc(old_block, 5)), nullptr, 0, "Remove(old,0)* realloc(old,5)*"},
   });
@@ -119,9 +116,6 @@ TEST_F(EntriesTest, ForwardUnchangedWhileNotRecording) {
   Control()->ConfigHookStatus(false, false);
   Check(Forwards("free(old)"));
   Control()->ConfigHookStatus(false, true);
-  Check(Forwards("Remove(old,0) free(old)"));
-  Control()->ConfigHookStatus(false, false);
-  Control()->ConfigPltHookStatus(false, true);
   Check(Forwards("Remove(old,0) free(old)"));
 }
 
@@ -151,29 +145,16 @@ TEST_F(EntriesTest, TheTrackersOwnAllocationsAreNotRecorded) {
 TEST_F(EntriesTest, QueriesAndSettings) {
   EXPECT_EQ(track_malloc_usable_size(fake::old_block), 48U);
   EXPECT_EQ(track_malloc_usable_size(nullptr), 48U);
-  EXPECT_EQ(fake::TakeEvents(), "usable(old)* usable(null)");
   track_mallinfo();
+  EXPECT_EQ(fake::TakeEvents(), "usable(old)* usable(null) mallinfo()");
   EXPECT_EQ(track_mallopt(3, 4), 7);
-  int seen = 0;
-  EXPECT_EQ(track_malloc_iterate(
-                1, 2, [](std::uintptr_t, std::size_t, void* count) { ++*static_cast<int*>(count); },
-                &seen),
-            6);
-  EXPECT_EQ(seen, 1);
   EXPECT_EQ(track_malloc_info(1, nullptr), 0) << "silent while recording";
-  EXPECT_EQ(fake::TakeEvents(), "mallinfo()");
-
   EXPECT_EQ(track_malloc_backtrace(fake::old_block, nullptr, 4), 3U);
   EXPECT_EQ(track_malloc_backtrace(nullptr, nullptr, 4), 0U);
   track_malloc_disable();
   track_malloc_enable();
   EXPECT_EQ(fake::TakeEvents(),
             "GetFrames(old,4)* disable() PrepareFork() PostForkParent() enable()");
-
-  Control()->ConfigHookStatus(false, true);
-  EXPECT_EQ(track_malloc_info(1, nullptr), 101);
-  EXPECT_EQ(track_malloc_backtrace(fake::old_block, nullptr, 4), 0U);
-  EXPECT_EQ(fake::TakeEvents(), "");
 }
 
 }  // namespace

@@ -106,10 +106,7 @@ const MallocDispatch& Dispatch() {
         return 5;
       },
       [](void* pointer, size_t size) { return Allocate("realloc", pointer, size); },
-      [](uintptr_t base, size_t size, void (*callback)(uintptr_t, size_t, void*), void* argument) {
-        callback(base, size, argument);
-        return 6;
-      },
+      [](uintptr_t, size_t, void (*)(uintptr_t, size_t, void*), void*) { return 6; },
       [] { Note("disable"); },
       [] { Note("enable"); },
       [](int parameter, int value) { return parameter + value; },

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <thread>
 
 #include "fakes.h"
@@ -13,18 +12,6 @@
 #include "tracker/MallocMemTrack.h"
 #include "tracker/MemTrackControl.h"
 #include "tracker/SignalControl.h"
-
-namespace {
-bool sigaction_fails = false;
-}
-
-extern "C" int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* old);
-// The linker sends the tracker's calls here.
-extern "C" int __wrap_sigaction(int signal, const struct sigaction* action, struct sigaction* old) {
-  if (!sigaction_fails) return __real_sigaction(signal, action, old);
-  errno = EPERM;
-  return -1;
-}
 
 namespace {
 
@@ -54,7 +41,7 @@ TEST(LifecycleTest, StartAndStopAndStartAgain) {
 
   struct sigaction before = {};
   before.sa_handler = SIG_IGN;
-  ASSERT_EQ(__real_sigaction(44, &before, nullptr), 0);
+  ASSERT_EQ(sigaction(44, &before, nullptr), 0);
   for (int round = 0; round < 2; ++round) {
     ASSERT_TRUE(Start());
     EXPECT_EQ(fake::TakeEvents(), "Initialize() BacktraceStartup()");
@@ -63,17 +50,16 @@ TEST(LifecycleTest, StartAndStopAndStartAgain) {
     EXPECT_FALSE(control->GetHookStart() || control->GetHookEverStarted());
     EXPECT_TRUE(control->ThreadEnabled());
     struct sigaction installed = {};
-    ASSERT_EQ(__real_sigaction(44, nullptr, &installed), 0);
+    ASSERT_EQ(sigaction(44, nullptr, &installed), 0);
     EXPECT_EQ(installed.sa_sigaction, TrackSigaction);
     EXPECT_EQ(installed.sa_flags & (SA_SIGINFO | SA_RESTART | SA_ONSTACK | SA_NODEFER), SA_SIGINFO);
     EXPECT_EQ(sigismember(&installed.sa_mask, 44), 1);
-    EXPECT_EQ(sigismember(&installed.sa_mask, SIGTERM), 0);
 
     control->ConfigHookStatus(true, true);
     track_finalize();
     EXPECT_FALSE(control->GetHookStart() || control->GetHookEverStarted());
     struct sigaction restored = {};
-    ASSERT_EQ(__real_sigaction(44, nullptr, &restored), 0);
+    ASSERT_EQ(sigaction(44, nullptr, &restored), 0);
     EXPECT_EQ(restored.sa_handler, SIG_IGN);
     EXPECT_EQ(DebugData::GetInstance()->pointer(), nullptr);
     // Entries keep working, and nothing records, even when the switch is thrown once more.
@@ -90,20 +76,15 @@ TEST(LifecycleTest, StartAndStopAndStartAgain) {
 
 TEST(LifecycleTest, AFailedStartLeavesNothingBehind) {
   fake::Reset();
-  for (const std::size_t left : {0, 1, 2}) {
+  // With three keys left the last is one whose use allocates: an entry would call itself forever.
+  for (const std::size_t left : {0, 1, 2, 3}) {
     const std::vector<pthread_key_t> keys = TakeFreeKeys(left);
     EXPECT_FALSE(Start());
     GiveBack(keys);
     EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
-    const std::vector<std::string> log = fake::TakeLog();
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_EQ(log[0].rfind("E pthread_key_create failed: Resource", 0), 0U);
+    const char* line = left < 3 ? "E pthread_key_create failed: Resource" : "E thread key ";
+    EXPECT_EQ(fake::TakeLog().at(0).rfind(line, 0), 0U);
   }
-  // A key whose use allocates would have an entry call itself without end.
-  const std::vector<pthread_key_t> first_keys = TakeFreeKeys(3);
-  EXPECT_FALSE(Start());
-  GiveBack(first_keys);
-  EXPECT_EQ(fake::TakeLog().at(0).rfind("E thread key ", 0), 0U);
 
   fake::Now().store_initialize_fails = true;
   const std::vector<pthread_key_t> keys_before = TakeFreeKeys(0);
@@ -116,32 +97,6 @@ TEST(LifecycleTest, AFailedStartLeavesNothingBehind) {
 
   fake::Reset();
   EXPECT_TRUE(Start());
-  track_finalize();
-}
-
-TEST(LifecycleTest, SignalSetUpFailuresAreLoggedOnly) {
-  fake::Reset();
-  sigaction_fails = true;
-  EXPECT_TRUE(Start());
-  track_finalize();
-  sigaction_fails = false;
-  const std::string reason = " handler errmsg: Operation not permitted";
-  EXPECT_EQ(fake::TakeLog(), (std::vector<std::string>{"E Failed to register_signal" + reason,
-                                                       "E Failed to register signal" + reason}));
-}
-
-TEST(LifecycleTest, CallbackSlots) {
-  if (MemTrackControl::GetInstance() != nullptr) MemTrackControl::DestroyInstance();
-  void (*const callback)() = [] {};
-  EXPECT_FALSE(RegistryAllocateTracker(2, nullptr));
-  EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
-  EXPECT_FALSE(RegistryAllocateTracker(6, callback));
-  MemTrackControl* early = MemTrackControl::GetInstance();
-  ASSERT_NE(early, nullptr);
-  EXPECT_TRUE(RegistryAllocateTracker(5, callback));
-  ASSERT_TRUE(Start());
-  EXPECT_EQ(MemTrackControl::GetInstance(), early);
-  EXPECT_EQ(early->tracker(5), callback);
   track_finalize();
 }
 

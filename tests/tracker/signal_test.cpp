@@ -1,14 +1,14 @@
 // The control signal, sent to this process as a controller sends it.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
 
 #include "fakes.h"
+#include "tests/control_signal.h"
 #include "tracker/MallocMemTrack.h"
 #include "tracker/MemTrackControl.h"
 
@@ -22,12 +22,7 @@ constexpr char kClear[] = "I native clear:program";
 
 /// Sends a command, waits for it, and returns what it logged after its first line.
 std::vector<std::string> Send(std::uint64_t word, std::uint32_t parameter) {
-  siginfo_t info = {};
-  info.si_signo = 44;
-  info.si_code = SI_QUEUE;
-  std::memcpy(reinterpret_cast<char*>(&info) + 16, &word, sizeof word);
-  std::memcpy(reinterpret_cast<char*>(&info) + 24, &parameter, sizeof parameter);
-  EXPECT_EQ(syscall(SYS_rt_sigqueueinfo, getpid(), 44, &info), 0);
+  EXPECT_TRUE(SendControlSignal(getpid(), word, parameter));
   // A sanitizer may put the handler off until the next call into the C library.
   std::vector<std::string> log;
   for (int tries = 0; tries < 500 && log.empty(); ++tries) {
@@ -36,10 +31,8 @@ std::vector<std::string> Send(std::uint64_t word, std::uint32_t parameter) {
   }
   if (log.empty()) return {"nothing received"};
   char first[80];
-  if (word != 0) {
-    std::snprintf(first, sizeof first, "I received_sig 44;addr:%#lx", word);
-    EXPECT_EQ(log[0], first);
-  }
+  std::snprintf(first, sizeof first, "I received_sig 44;addr:%#lx", word);
+  EXPECT_EQ(log[0], first);
   log.erase(log.begin());
   return log;
 }
@@ -68,9 +61,7 @@ struct Case {
 TEST_F(SignalTest, WordsMoveTheSwitches) {
   // From (on, true): what each word leaves behind. The parameter asks for size 32 and type 'A'.
   const Case cases[] = {
-      {0, {}, true, true, false, 7, 8},
       {0xFFFFFFFF01000009, {}, true, true, false, 7, 8},
-      {0x6, {}, true, true, false, 7, 8},
       {0x10, {kOn}, true, true, true, 32, 0x41},
       {0x20, {kPaused}, false, true, true, 7, 8},
       {0x40, {kReport, kStarted}, false, false, true, 7, 8},
@@ -112,10 +103,12 @@ TEST_F(SignalTest, ClearEmptiesTheStoreAndReportComesFromAnotherThread) {
 std::string order;
 
 TEST_F(SignalTest, CallbacksRunInOrderAfterTheNativeCommands) {
-  RegistryAllocateTracker(4, [] {
+  EXPECT_FALSE(RegistryAllocateTracker(2, nullptr));
+  EXPECT_FALSE(RegistryAllocateTracker(6, [] {}));
+  EXPECT_TRUE(RegistryAllocateTracker(4, [] {
     order += MemTrackControl::GetInstance()->GetHookStart() ? "4on " : "4 ";
     errno = EBADF;
-  });
+  }));
   RegistryAllocateTracker(5, [] { order += "5 "; });
   order.clear();
   errno = 0;

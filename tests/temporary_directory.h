@@ -1,26 +1,25 @@
-// A directory that lives as long as a test.
+// A directory that lasts as long as a test, and files in it.
 #pragma once
 
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
-namespace memleak {
-
-class TempDir {
+class TemporaryDirectory {
  public:
-  TempDir() {
+  TemporaryDirectory() {
     std::string pattern = (std::filesystem::temp_directory_path() / "memleak_test.XXXXXX").string();
     path_ = mkdtemp(pattern.data());
   }
-  ~TempDir() {
+  ~TemporaryDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
   /// The path of `name` in the directory.
   std::string Path(const std::string& name) const { return path_ + "/" + name; }
@@ -29,9 +28,12 @@ class TempDir {
     std::ofstream(Path(name), std::ios::binary) << text;
     return Path(name);
   }
+  /// What `name` holds; empty when there is no such file.
+  std::string Read(const std::string& name) const {
+    std::ifstream file(Path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
 
  private:
   std::string path_;
 };
-
-}  // namespace memleak
