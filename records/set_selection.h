@@ -9,8 +9,10 @@
 #include "tracker/MemTrackControl.h"
 
 /// The usable size of a heap block, straight from the C library: the thread is marked already, so
-/// the exported entry would do no more.
+/// the exported entry would do no more. Null has none, and is not asked about: a thread that ends
+/// frees null pointers after its keys are gone, when some allocators may no longer be asked.
 inline std::size_t UsableSize(const void* pointer) {
+  if (pointer == nullptr) return 0;
   return MemTrackControl::GetInstance()->dispatch()->malloc_usable_size(pointer);
 }
 

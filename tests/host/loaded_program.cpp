@@ -187,7 +187,7 @@ int Next() {
   void* block = malloc(1);
   CHECK(malloc_usable_size(block) == 8);
   free(block);
-  return Libraries();
+  return Libraries() + Fork();
 }
 
 /// Loader without a tracker.
