@@ -108,6 +108,9 @@ bool MapData::ReadMaps(bool stop_when_java_native_complete) {
   while (std::fgets(line, kLineBytes, file.get()) != nullptr) {
     std::unique_ptr<MapEntry> entry = ParseLine(line);
     if (entry == nullptr) return false;
+    // The rest of a long name may read as such a line. Nothing lies in it, and it has no place in
+    // the order of the others.
+    if (entry->start >= entry->end) continue;
     // Ranges that overlap count as equal, so an entry that is there already wins: a mapping that
     // was replaced since keeps its first name and start.
     if (entries_.insert(entry.get()).second) AddJavaNativeLib(entry.release());

@@ -56,7 +56,8 @@ class MapData {
   /// Reads the maps again when no known entry matches. Entries live as long as the index.
   const MapEntry* Find(std::uintptr_t pc, std::uintptr_t* rel_pc);
 
-  /// Adds the lines of the maps file that overlap no known entry. False when the file cannot be
+  /// Adds the lines of the maps file that overlap no known entry; a range that ends at its start or
+  /// before it is passed over. False when the file cannot be
   /// opened or a line cannot be parsed; what was added so far stays. The caller holds the mutex
   /// or is alone.
   bool ReadMaps(bool stop_when_java_native_complete);

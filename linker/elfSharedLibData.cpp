@@ -77,9 +77,14 @@ elfSharedLibData::elfSharedLibData(const dl_phdr_info* info)
     load_bias_ = described.load_bias_;
     lib_name_ = described.lib_name_;
     lib_name_hash_ = described.lib_name_hash_;
-  } else if (!complete()) {
-    LOG(ERROR) << "not all info found";
+    return;
   }
+  // Such a count makes lookups miss symbols; it is reported and used as it is. Only here, so that a
+  // damaged library has one line however many tables its dynamic section names.
+  if (bloom_ != nullptr && (bloom_size_ & (bloom_size_ + 1)) != 0) {
+    LOG(ERROR) << "bloom_size_ not power of 2";
+  }
+  if (!complete()) LOG(ERROR) << "not all info found";
 }
 
 /// Walks the dynamic section. Returns what is damaged, or null.
@@ -174,8 +179,6 @@ const char* elfSharedLibData::read_gnu_hash(std::uint64_t table, const ElfSegmen
   // In numbers: the result may lie before the mapping, and is never used below gnu_symndx_.
   gnu_chains_ = At<std::uint32_t>(chains - gnu_symndx_ * kWord);
   gnu_chains_end_ = gnu_symndx_ + (segments.bytes_from(table) - (chains - table)) / kWord;
-  // Such a count makes lookups miss symbols; it is reported and used as it is.
-  if ((bloom_size_ & (bloom_size_ - 1)) != 0) LOG(ERROR) << "bloom_size_ not power of 2";
   --bloom_size_;
   return nullptr;
 }

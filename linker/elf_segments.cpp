@@ -1,6 +1,8 @@
 // The parts of a loaded library that are mapped and can be read. Any thread.
 #include "linker/elf_segments.h"
 
+#include <unistd.h>
+
 namespace lumora::linker {
 
 std::uint64_t ElfSegments::bytes_from(std::uint64_t address) const {
@@ -9,9 +11,29 @@ std::uint64_t ElfSegments::bytes_from(std::uint64_t address) const {
     if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) == 0) continue;
     // Unsigned on purpose: an address before the segment gives a huge offset.
     const std::uint64_t offset = address - (info_.dlpi_addr + segment.p_vaddr);
-    if (offset < segment.p_memsz) return segment.p_memsz - offset;
+    if (offset >= segment.p_memsz) continue;
+    const std::uint64_t bytes = left_by_later(index, address, segment.p_memsz - offset);
+    if (bytes != 0) return bytes;
   }
   return 0;
+}
+
+/// How many of `bytes` bytes at `address`, in the segment `index`, later segments leave readable:
+/// they are mapped in whole pages, over what is there.
+std::uint64_t ElfSegments::left_by_later(std::uint64_t index, std::uint64_t address,
+                                         std::uint64_t bytes) const {
+  while (++index < info_.dlpi_phnum) {
+    const Elf64_Phdr& segment = info_.dlpi_phdr[index];
+    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) != 0) continue;
+    const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    const std::uint64_t first = info_.dlpi_addr + segment.p_vaddr;
+    const std::uint64_t start = first & ~(page - 1);
+    const std::uint64_t end = (first + segment.p_memsz + page - 1) & ~(page - 1);
+    if (segment.p_memsz == 0 || end <= address || start >= address + bytes) continue;
+    if (start <= address) return 0;
+    bytes = start - address;
+  }
+  return bytes;
 }
 
 bool ElfSegments::holds(std::uint64_t address, std::uint64_t bytes, std::uint64_t alignment) const {

@@ -15,7 +15,8 @@ class ElfSegments {
  public:
   explicit ElfSegments(const dl_phdr_info& info) : info_(info) {}
 
-  /// Bytes from `address` to the end of the readable PT_LOAD segment that holds it; 0 outside.
+  /// Bytes from `address` to the end of the readable PT_LOAD segment that holds it, or to the first
+  /// page that a later segment covers with one that cannot be read; 0 outside.
   std::uint64_t bytes_from(std::uint64_t address) const;
 
   /// Whether `bytes` bytes at `address` lie in one readable segment, `address` being a multiple of
@@ -23,6 +24,9 @@ class ElfSegments {
   bool holds(std::uint64_t address, std::uint64_t bytes, std::uint64_t alignment) const;
 
  private:
+  std::uint64_t left_by_later(std::uint64_t index, std::uint64_t address,
+                              std::uint64_t bytes) const;
+
   const dl_phdr_info& info_;
 };
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdio>
+#include <limits>
 #include <vector>
 
 namespace memleak {
@@ -49,7 +50,9 @@ std::string FormatCount(std::uint64_t count) {
 }
 
 std::string FormatAge(std::int64_t seconds) {
-  if (seconds < 0) return "-" + FormatAge(-(seconds + 1) + 1);
+  // The lowest number has no opposite; it stands in damaged reports only.
+  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+  if (seconds < 0) return "-" + FormatAge(seconds < -kHighest ? kHighest : -seconds);
   if (seconds < kMinute) return std::to_string(seconds) + "s";
   if (seconds < kHour) return TwoUnits(seconds, kMinute, 'm', 1, 's');
   if (seconds < kDay) return TwoUnits(seconds, kHour, 'h', kMinute, 'm');

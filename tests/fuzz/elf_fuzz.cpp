@@ -1,0 +1,99 @@
+// Fuzz target: the index of one loaded library, whose tables may say anything. One thread.
+//
+// A read outside the library's readable segments ends the process. Each library is indexed by the
+// rules of both dynamic linkers.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "linker/elfSharedLibData.h"
+#include "platform/elf_policy.h"
+#include "tests/fuzz/elf_loader.h"
+#include "tests/fuzz/elf_view.h"
+#include "tests/fuzz/support.h"
+#include "tests/records/log_capture.h"
+
+namespace {
+
+using lumora::linker::elfSharedLibData;
+
+bool android_rules = false;
+
+bool IsEmpty(const elfSharedLibData& library) {
+  return library.plt_relocations_ == nullptr && library.relocations_ == nullptr &&
+         library.symtab_ == nullptr && library.strtab_ == nullptr && library.bloom_ == nullptr &&
+         library.elf_buckets_ == nullptr;
+}
+
+/// A library is skipped in one line; one that lacks a table may have one line more.
+void CheckLog(const elfSharedLibData& library) {
+  const std::vector<std::string>& lines = LogLines();
+  const bool skipped = std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.find("skipped libfuzzed.so: ") != line.npos;
+  });
+  fuzz::Require(lines.size() <= (skipped ? 1 : 2), "a library is not worth many lines");
+  fuzz::Require(!skipped || IsEmpty(library), "a library that was skipped has no tables");
+}
+
+void CheckSlots(const std::vector<void**>& slots, const fuzz::ElfLoader& memory) {
+  for (void** slot : slots) {
+    fuzz::Require(memory.Readable(slot, sizeof(*slot)), "a slot lies in the library");
+  }
+}
+
+void CheckLookups(const elfSharedLibData& library, const std::vector<const char*>& names,
+                  const fuzz::ElfLoader& memory) {
+  for (const char* name : names) {
+    for (const Elf64_Sym* symbol :
+         {library.find_symbol_by_name(name), library.gnu_find_symbol_by_name(name)}) {
+      if (symbol == nullptr) continue;
+      fuzz::Require(memory.Readable(symbol, sizeof(*symbol)) &&
+                        std::string(library.strtab_ + symbol->st_name) == name,
+                    "a symbol that is found has the name");
+      const std::vector<void**> slots = library.get_plt_relocations(symbol);
+      CheckSlots(slots, memory);
+      if (!slots.empty()) CheckSlots(library.get_plt_relocations(*slots.front()), memory);
+    }
+  }
+  CheckSlots(library.get_plt_relocations(static_cast<const void*>(nullptr)), memory);
+}
+
+void Index(const std::vector<const char*>& names, const fuzz::ElfLoader& memory) {
+  LogLines().clear();
+  const elfSharedLibData library(&memory.info());
+  CheckLog(library);
+  CheckLookups(library, names, memory);
+  // The loader does not know this memory.
+  fuzz::Require(!library, "a library that the loader does not know is not valid");
+}
+
+}  // namespace
+
+namespace platform {
+
+bool AcceptsLibrary(const char* name) {
+  return LinuxAcceptsLibrary(name);
+}
+
+std::uint64_t DynamicAddress(std::int64_t tag, std::uint64_t value, std::uint64_t load_bias) {
+  return android_rules ? AndroidDynamicAddress(tag, value, load_bias)
+                       : LinuxDynamicAddress(tag, value, load_bias);
+}
+
+}  // namespace platform
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  constexpr std::size_t kMostNames = 12;
+  const fuzz::ElfView view(data, size);
+  fuzz::ElfLoader memory(view, data, size);
+  if (!memory.loaded()) return 0;
+  std::vector<const char*> names = view.SymbolNames(kMostNames);
+  names.insert(names.end(), {"", "no_such_function"});
+  android_rules = true;
+  Index(names, memory);
+  android_rules = false;
+  Index(names, memory);
+  memory.RelocateDynamicSection();
+  Index(names, memory);
+  return 0;
+}

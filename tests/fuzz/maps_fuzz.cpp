@@ -1,0 +1,97 @@
+// Fuzz target: the two readers of the kernel's list of mappings, whose lines end in names that any
+// program may choose. One thread.
+//
+// Whatever the lines say, a mapping that is found holds the address that was asked for; and the
+// report's index finds every mapping that overlaps none before it.
+#include <unwindstack/Maps.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "backtrace/MapData.h"
+#include "tests/fuzz/support.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+
+using Ranges = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
+
+constexpr std::size_t kPieceBytes = 1023;
+/// More mappings only make a run slower.
+constexpr std::size_t kMostRanges = 64;
+
+/// The ranges that the index is to hold, by the plainest search there is; the rest of a line that
+/// is too long counts as a line.
+Ranges ExpectedRanges(std::string_view text) {
+  Ranges ranges;
+  while (!text.empty() && ranges.size() < kMostRanges) {
+    const std::size_t newline = text.find('\n');
+    const std::size_t bytes =
+        std::min({newline == text.npos ? text.size() : newline + 1, text.size(), kPieceBytes});
+    const std::string line(text.substr(0, bytes));
+    text.remove_prefix(bytes);
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+    // NOLINTNEXTLINE(cert-err34-c): the format's answer to huge numbers is wanted
+    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64, &start, &end) < 2) break;
+    if (start < end && std::none_of(ranges.begin(), ranges.end(), [&](const auto& range) {
+          return range.first < end && start < range.second;
+        })) {
+      ranges.emplace_back(start, end);
+    }
+  }
+  return ranges;
+}
+
+void CheckReportIndex(const std::string& path, const Ranges& ranges) {
+  MapData maps(path, platform::PcWidth{1, 16});
+  maps.ReadMaps(false);
+  for (const auto& [start, end] : ranges) {
+    if (end - start < 2) continue;
+    for (const std::uint64_t pc : {start + 1, end - 1}) {
+      std::uintptr_t offset = 0;
+      const MapEntry* entry = maps.Find(pc, &offset);
+      fuzz::Require(entry != nullptr && entry->start == start && entry->end == end,
+                    "the index finds a mapping by its addresses");
+      fuzz::Require(offset == pc - start, "an offset counts from the mapping's start");
+    }
+  }
+}
+
+void CheckUnwinderMaps(const std::string& path, const Ranges& ranges) {
+  unwindstack::LocalUpdatableMaps maps(path);
+  maps.Reparse();
+  // Few, since each one that is not found reads the file again.
+  for (std::size_t index = 0; index < ranges.size(); index += 1 + ranges.size() / 4) {
+    for (const std::uint64_t pc : {ranges[index].first, ranges[index].second}) {
+      const auto map = maps.Find(pc);
+      fuzz::Require(map == nullptr || (map->start() <= pc && pc < map->end()),
+                    "the unwinder's mapping holds the address");
+      const auto* code = maps.FindCode(pc);
+      fuzz::Require(code == nullptr || code->Contains(pc), "a code range holds the address");
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const fuzz::MemoryFile file;
+  // The report's index frees its entries only where there was recording.
+  static MemTrackControl* const control = [] {
+    MemTrackControl* created = MemTrackControl::CreateInstance();
+    created->ConfigHookStatus(false, true);
+    return created;
+  }();
+  fuzz::Require(control->GetHookEverStarted(), "recording was started");
+  file.Write(data, size);
+  const Ranges ranges = ExpectedRanges(std::string_view(reinterpret_cast<const char*>(data), size));
+  CheckReportIndex(file.Path(), ranges);
+  CheckUnwinderMaps(file.Path(), ranges);
+  return 0;
+}

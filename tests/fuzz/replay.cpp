@@ -1,0 +1,149 @@
+// Runs a fuzz target without a fuzzer: over its corpus, where the faults of the past lie, and over
+// a fixed list of mutations. One process, one thread.
+//
+// Before the process dies of an input it says which one it was.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/fuzz/support.h"
+
+extern "C" {
+/// The target's own way of changing an input, where it has one.
+std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
+                                    unsigned int seed) __attribute__((weak));
+/// As in libFuzzer, for the targets' own mutators: changes some of the `size` bytes at `data`,
+/// never their number, which the room for `most` would allow.
+std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
+/// Of the sanitizers, where the build has any.
+void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
+}
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr unsigned int kMutations = 300;
+
+std::mt19937 random_numbers;                 // of one seed, the same on every machine
+std::array<char, 512> input_name{"none\n"};  // read by the handler
+
+void NameInput(const std::string& name) {
+  std::snprintf(input_name.data(), input_name.size(), "input: %s\n", name.c_str());
+}
+
+void SayInput() {
+  const ssize_t written = write(STDERR_FILENO, input_name.data(), std::strlen(input_name.data()));
+  static_cast<void>(written);
+}
+
+/// Lets the signal end the process once the instruction runs again.
+void SayInputAndReturn(int number) {
+  SayInput();
+  signal(number, SIG_DFL);
+}
+
+std::size_t Below(std::size_t bound) {
+  return random_numbers() % bound;
+}
+
+std::vector<Bytes> Mutated(const Bytes& seed) {
+  std::vector<Bytes> inputs;
+  Bytes input;
+  for (unsigned int round = 0; round < kMutations; ++round) {
+    // A short chain of changes, then anew.
+    if (round % 4 == 0) input = seed;
+    if (input.empty()) break;
+    if (LLVMFuzzerCustomMutator != nullptr) {
+      LLVMFuzzerCustomMutator(input.data(), input.size(), input.size(), round);
+    } else {
+      LLVMFuzzerMutate(input.data(), input.size(), input.size());
+      if (Below(8) == 0) input.resize(Below(input.size()) + 1);
+    }
+    inputs.push_back(input);
+  }
+  return inputs;
+}
+
+std::vector<std::string> Files() {
+  std::vector<std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(FUZZ_CORPUS)) {
+    files.push_back(entry.path());
+  }
+  std::sort(files.begin(), files.end());
+  std::istringstream more(FUZZ_MORE);
+  for (std::string file; std::getline(more, file, ':');) files.push_back(file);
+  return files;
+}
+
+Bytes Contents(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class Replay : public testing::Test {
+ protected:
+  void SetUp() override {
+    signal(SIGABRT, SayInputAndReturn);
+    if (__sanitizer_set_death_callback != nullptr) {
+      __sanitizer_set_death_callback(SayInput);
+      return;
+    }
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE}) signal(number, SayInputAndReturn);
+  }
+};
+
+TEST_F(Replay, Corpus) {
+  const std::vector<std::string> files = Files();
+  ASSERT_FALSE(files.empty());
+  for (const std::string& file : files) {
+    NameInput(file);
+    const Bytes input = Contents(file);
+    ASSERT_FALSE(input.empty()) << file;
+    LLVMFuzzerTestOneInput(input.data(), input.size());
+  }
+}
+
+TEST_F(Replay, Mutations) {
+  for (const std::string& file : Files()) {
+    unsigned int number = 0;
+    for (const Bytes& input : Mutated(Contents(file))) {
+      NameInput(file + ", mutation " + std::to_string(number++));
+      LLVMFuzzerTestOneInput(input.data(), input.size());
+    }
+  }
+}
+
+}  // namespace
+
+std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t /*most*/) {
+  constexpr std::string_view kPlaces("\n =-+[]09afx\r\0", 14);
+  for (std::size_t changes = 1 + Below(4); changes != 0 && size != 0; --changes) {
+    const std::size_t at = Below(size);
+    switch (Below(3)) {
+      case 0:
+        data[at] = static_cast<std::uint8_t>(kPlaces[Below(kPlaces.size())]);
+        break;
+      case 1:
+        data[at] = static_cast<std::uint8_t>(data[at] ^ (1U << Below(8)));
+        break;
+      default: {
+        const std::size_t from = Below(size);
+        std::memmove(data + at, data + from, std::min({Below(32), size - at, size - from}));
+      }
+    }
+  }
+  return size;
+}

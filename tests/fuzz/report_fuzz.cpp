@@ -1,0 +1,90 @@
+// Fuzz target: reading a report, which may come from another machine, and printing it. One thread.
+//
+// What was understood of a group's line, written down again, must be understood as the same; and a
+// text that does not begin as a report does is refused with one clear line.
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "tests/fuzz/support.h"
+#include "tools/report_parser.h"
+#include "tools/show.h"
+#include "tools/user_error.h"
+
+namespace {
+
+std::string Written(const memleak::NativeGroup& group) {
+  std::ostringstream line;
+  line << "sz " << group.size << " " << group.total << " num " << group.count << " time ";
+  for (const std::int64_t age : group.ages) line << age << " ";
+  line << "bt ";
+  for (const memleak::ReportFrame& frame : group.frames) {
+    if (frame.known) {
+      line << "[" << frame.library << "+0x" << std::hex << frame.offset << "] ";
+    } else {
+      line << "[unknow]";
+    }
+  }
+  return line.str();
+}
+
+std::string_view FramesOf(std::string_view line) {
+  return line.substr(line.find("bt "));
+}
+
+/// Holds what is understood of each group's line against the line.
+void CheckLines(std::string_view text) {
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    memleak::NativeGroup group;
+    std::string reason;
+    if (!memleak::ParseNativeLine(line, &group, &reason)) {
+      fuzz::Require(!reason.empty(), "a damaged line has its reason");
+      continue;
+    }
+    const std::string written = Written(group);
+    // Zeros before a number are the one thing that is not kept.
+    fuzz::Require(line.find("+0x0") != line.npos || FramesOf(written) == FramesOf(line),
+                  "no frame of a line is lost");
+    memleak::NativeGroup again;
+    fuzz::Require(memleak::ParseNativeLine(written, &again, &reason) && Written(again) == written,
+                  "a group's line reads as what it was written from");
+  }
+}
+
+/// Prints all of `report`, every frame under two names that come from its own text.
+void Print(const memleak::Report& report) {
+  memleak::Symbols symbols;
+  const memleak::Resolver resolve = [&](const std::string& library,
+                                        std::uint64_t offset) -> const memleak::Symbols& {
+    symbols = {{library, "", 0}, {library, library, 1}};
+    if (offset % 4 == 0) symbols.clear();
+    return symbols;
+  };
+  std::ostringstream out;
+  memleak::PrintReport(report, "report", 0, resolve, out);
+  fuzz::Require(!out.str().empty(), "something is printed");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const fuzz::MemoryFile file;
+  constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0:\n";
+  file.Write(data, size);
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const bool begins_well = text.substr(0, kFirstLine.size()) == kFirstLine;
+  try {
+    const memleak::Report report = memleak::LoadReport(file.Path());
+    fuzz::Require(begins_well, "only a report is read as one");
+    CheckLines(text);
+    Print(report);
+  } catch (const memleak::UserError& error) {
+    const std::string_view line = error.what();
+    fuzz::Require(!begins_well && !line.empty() && line.find('\n') == line.npos,
+                  "what is no report is refused in one line");
+  }
+  return 0;
+}
