@@ -17,6 +17,8 @@
 
 #include "arch/frame.h"
 #include "async_safe/log.h"
+#include "plthooks/trampoline.h"
+#include "tracker/MemTrackControl.h"
 #include "unwindstack/Maps.h"
 #include "unwindstack/Memory.h"
 #include "unwindstack/Regs.h"
@@ -31,6 +33,9 @@ namespace {
 static_assert(kWalkLimit == kWalkBytes / sizeof(arch::FrameRecord));
 /// The tracker's own levels: AddBacktrace, Add and the exported entry.
 constexpr std::size_t kSkippedLevels = 3;
+/// How far above the capture's own frame a hooked caller's may be. Between them lie the trampoline,
+/// a proxy and what the caller itself has on its stack.
+constexpr std::uint64_t kHookedCallerBytes = std::uint64_t{64} << 10;
 
 /// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
 /// threads that outlive main capture until the last moment.
@@ -42,9 +47,10 @@ struct UnwinderState {
 std::atomic<UnwinderState*> g_unwinder{nullptr};
 
 /// Follows the frame records from the one at `base` upward. `pc` is an address in the function
-/// that owns it. Returns how many of `frames` were filled.
+/// that owns it. Leaves out the first `skipped` levels. Returns how many of `frames` were filled.
 __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFramePointers(
-    std::uint64_t base, std::uint64_t pc, std::uint64_t* frames, std::size_t max_frames) {
+    std::uint64_t base, std::uint64_t pc, std::size_t skipped, std::uint64_t* frames,
+    std::size_t max_frames) {
   // Frames do not overlap, so only a chain that runs in a circle could have more of them.
   max_frames = std::min(max_frames, kWalkLimit);
   if (max_frames == 0 || base == 0) return 0;
@@ -52,7 +58,7 @@ __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFrameP
   std::size_t stored = 0;
   // The difference wraps for a frame pointer below the base, so one comparison tests both ends.
   for (std::uint64_t frame = base; frame - base < kWalkBytes; ++level) {
-    if (level >= kSkippedLevels) {
+    if (level >= skipped) {
       frames[stored++] = pc;
       if (stored == max_frames) break;
     }
@@ -61,6 +67,26 @@ __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFrameP
     frame = record->caller_frame;
   }
   return stored;
+}
+
+/// Walks from the caller of the hooked function that is running on this thread. `own` is the
+/// capture's own frame pointer.
+MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uint64_t* frames,
+                                                     std::size_t max_frames) {
+  std::uintptr_t pc = 0;
+  std::uintptr_t base = 0;
+  if (lumora::plthooks::get_stack_address_for_previous(&pc, &base) == 0) {
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+                          "get_stack_address_for_previous fail");
+  }
+  if (pc == 0 || max_frames == 0) return 0;
+  // Code that was compiled without frame pointers has anything in that register: who called is
+  // known all the same, and nothing above it.
+  if (base <= own || base - own >= kHookedCallerBytes) {
+    frames[0] = pc;
+    return 1;
+  }
+  return WalkFramePointers(base, pc, 0, frames, max_frames);
 }
 
 /// Unwinds from here. The registers are filled and used in one and the same function, since the
@@ -113,9 +139,12 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
   if (__builtin_expect(type == kBacktraceFramePointer, 1)) {
     const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
+    if (__builtin_expect(MemTrackControl::IsPltHook(), 0)) {
+      return WalkFromHookedCaller(reinterpret_cast<std::uint64_t>(own), frames, max_frames);
+    }
     const auto caller = reinterpret_cast<std::uint64_t>(__builtin_return_address(0));
-    return WalkFramePointers(own->caller_frame, arch::StripReturnAddress(caller), frames,
-                             max_frames);
+    return WalkFramePointers(own->caller_frame, arch::StripReturnAddress(caller), kSkippedLevels,
+                             frames, max_frames);
   }
   if (type == kBacktraceUnwinder) return Unwind(frames, max_frames);
   async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "invalid backtrace type");

@@ -8,20 +8,35 @@
 #include <optional>
 #include <string>
 
+#include "tools/kinds.h"
 #include "tools/launcher.h"
 
 namespace memleak {
 
+/// How long a command waits for a process that is only just being started; an emulator takes its
+/// time.
+inline constexpr int kStartPatienceMs = 3000;
+
 struct OnOptions {
   pid_t pid = 0;
-  bool keep = false;  ///< keep what is recorded already
+  Kind kind = Kind::kNative;
+  std::string libraries;  ///< to be hooked, separated by commas; empty: the kind's default
+  std::string functions;  ///< the same
+  bool keep = false;      ///< keep what is recorded already
   std::optional<std::uint32_t> depth;
   std::optional<char> type;
 };
 
 struct ReportOptions {
   pid_t pid = 0;
+  Kind kind = Kind::kNative;
   std::uint32_t timeout_s = 60;  ///< 0: wait without end
+};
+
+struct FdOptions {
+  pid_t pid = 0;
+  std::string action;  ///< "on", "off", "dump" or "clear"
+  std::optional<std::uint32_t> depth;
 };
 
 struct SendOptions {
@@ -39,8 +54,13 @@ struct ShowOptions {
 /// Becomes the program; returns never, but by throwing.
 [[noreturn]] int RunCommand(const RunOptions& options);
 int OnCommand(const OnOptions& options);
-int PauseCommand(pid_t pid);
-int ClearCommand(pid_t pid);
+/// OnCommand for the kinds that are recorded through hooks.
+int HookOnCommand(const OnOptions& options);
+int PauseCommand(pid_t pid, Kind kind);
+int ClearCommand(pid_t pid, Kind kind);
+int FdCommand(const FdOptions& options);
+/// kExitNegative when nothing can be hooked.
+int LibsCommand(pid_t pid);
 int SendWordCommand(const SendOptions& options);
 int ReportCommand(const ReportOptions& options);
 int StatusCommand(pid_t pid);

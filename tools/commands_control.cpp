@@ -7,7 +7,7 @@
 
 #include "tools/commands.h"
 #include "tools/control.h"
-#include "tools/elf_info.h"
+#include "tools/loaded_libraries.h"
 #include "tools/process_info.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
@@ -16,19 +16,9 @@
 namespace memleak {
 namespace {
 
-// How long a command waits for a process that is only just being started; an emulator takes its
-// time.
-constexpr int kStartPatienceMs = 3000;
-
-bool IsArm64(const ProcessInfo& process) {
-  if (process.is_emulated) return process.executable.find("aarch64") != std::string::npos;
-  const std::optional<ElfInfo> image = ReadElf("/proc/" + std::to_string(process.pid) + "/exe");
-  return image && image->machine == EM_AARCH64;
-}
-
 // x86-64 system libraries keep no frame pointers.
 char DefaultType(const ProcessInfo& process) {
-  return IsArm64(process) ? kUnwindFramePointers : kUnwindTables;
+  return MachineOf(process) == EM_AARCH64 ? kUnwindFramePointers : kUnwindTables;
 }
 
 // Puts the chosen settings in force, and defaults where a process has none; returns what holds.
@@ -75,10 +65,16 @@ int RunCommand(const RunOptions& options) {
   if (isatty(STDERR_FILENO) == 1) {
     std::cerr << "memleak: process " << getpid() << ", root directory " << plan.root << std::endl;
   }
+  if (!plan.note.empty()) std::cerr << "memleak: " << plan.note << std::endl;
   Launch(plan);
 }
 
 int OnCommand(const OnOptions& options) {
+  if (options.kind != Kind::kNative) return HookOnCommand(options);
+  if (!options.libraries.empty() || !options.functions.empty()) {
+    throw UserError("--lib and --func say what is hooked, and native memory takes no hooks",
+                    "add --kind mmap, ion or gpu");
+  }
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
   const BacktraceSettings settings = ApplySettings(process, options);
   // Both bits in one word: recording goes on first and is then emptied.
@@ -90,12 +86,14 @@ int OnCommand(const OnOptions& options) {
   return kExitOk;
 }
 
-int PauseCommand(pid_t pid) {
-  return SendSimple(pid, kNativePause, "recording paused; freed blocks still leave the tables");
+int PauseCommand(pid_t pid, Kind kind) {
+  return SendSimple(pid, InfoOf(kind).pause,
+                    kind == Kind::kNative ? "recording paused; freed blocks still leave the tables"
+                                          : "recording paused; the hooks stay and do nothing");
 }
 
-int ClearCommand(pid_t pid) {
-  return SendSimple(pid, kNativeClear, "tables emptied");
+int ClearCommand(pid_t pid, Kind kind) {
+  return SendSimple(pid, InfoOf(kind).clear, "tables emptied");
 }
 
 int SendWordCommand(const SendOptions& options) {

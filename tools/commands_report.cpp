@@ -27,7 +27,6 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr int kStartPatienceMs = 3000;
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 constexpr std::size_t kDamagedLinesShown = 5;
 
@@ -110,6 +109,13 @@ std::string RecordingText(const ProcessInfo& process) {
   return "unknown";
 }
 
+// What the log tells of the kinds that are recorded through hooks; empty when nothing.
+std::string HooksText(const ProcessInfo& process) {
+  const std::optional<std::string> log =
+      process.log.empty() ? std::nullopt : ReadTextFile(process.log);
+  return log ? HooksFromLog(*log) : "";
+}
+
 std::string SettingsText(const ProcessInfo& process) {
   std::string path = process.PropertiesPath();
   std::optional<std::string> text = ReadTextFile(path);
@@ -187,7 +193,7 @@ int ReportCommand(const ReportOptions& options) {
   const auto start = steady_clock::now();
   WaitResult result = WaitResult::kTimeout;
   try {
-    SendCommand(process, kNativeReport, 0);
+    SendCommand(process, InfoOf(options.kind).report, 0);
     result = WaitForReport(wait);
   } catch (const UserError&) {
     RestoreOldReport(wait.path);
@@ -215,8 +221,10 @@ int StatusCommand(pid_t pid) {
   std::cout << "process     " << process.Label() << ", " << process.executable << "\n"
             << "tracked     " << SignalText(process) << "\n";
   if (!process.has_tracker) return kExitNegative;
-  std::cout << "recording   " << RecordingText(process) << "\n"
-            << "root        " << process.root << "\n"
+  std::cout << "recording   " << RecordingText(process) << "\n";
+  const std::string hooks = HooksText(process);
+  if (!hooks.empty()) std::cout << "hooks       " << hooks << "\n";
+  std::cout << "root        " << process.root << "\n"
             << "properties  " << SettingsText(process) << "\n"
             << "report      " << ReportText(process.ReportPath()) << "\n";
   if (!process.log.empty()) std::cout << "log         " << process.log << "\n";

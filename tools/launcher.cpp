@@ -146,6 +146,24 @@ void ComposeCommand(const RunOptions& options, const Program& program, const std
   plan->arguments.insert(plan->arguments.end(), options.command.begin() + 1, options.command.end());
 }
 
+// The libraries to be hooked cannot be looked at yet: the program has not loaded them.
+void ComposeHooks(const RunOptions& options, LaunchPlan* plan) {
+  if (options.kind == Kind::kNative) {
+    if (options.libraries.empty() && options.functions.empty()) return;
+    throw UserError("--lib and --func say what is hooked, and native memory takes no hooks",
+                    "add --kind mmap, ion or gpu");
+  }
+  if (!options.start && !options.report_at_exit) {
+    throw UserError("--kind goes with --start or --report-at-exit",
+                    "add one, or give it to memleak on PID later");
+  }
+  if (options.type.value_or(kUnwindFramePointers) != kUnwindFramePointers) {
+    plan->note = kNoUnwindTables;
+  }
+  const HookNames names = NamesFor(options.kind, options.libraries, options.functions);
+  plan->properties = WithHooks(plan->properties, names.libraries, names.functions);
+}
+
 void ComposeSettings(const RunOptions& options, const Program& program, LaunchPlan* plan) {
   // Kept with "%p" in the environment, so that forked children get places of their own.
   const std::string pattern =
@@ -159,16 +177,18 @@ void ComposeSettings(const RunOptions& options, const Program& program, LaunchPl
                                                                             : kUnwindTables);
   settings.depth = options.depth.value_or(kDefaultDepth);
   plan->properties = UpdateProperties(ReadTextFile(properties).value_or(""), settings);
+  ComposeHooks(options, plan);
 
+  const KindInfo& kind = InfoOf(options.kind);
   // Absent values are removed: the caller may itself run under the tracker.
   const auto command = [](bool wanted, std::uint64_t word) {
     return wanted ? std::optional<std::string>(Hex(word)) : std::nullopt;
   };
   plan->environment.push_back({kRootVariable, pattern});
   plan->environment.push_back({kPropertiesVariable, properties});
-  plan->environment.push_back({kStartVariable, command(options.start, kNativeOn)});
+  plan->environment.push_back({kStartVariable, command(options.start, kind.on)});
   plan->environment.push_back(
-      {kReportAtExitVariable, command(options.report_at_exit, kNativeReport)});
+      {kReportAtExitVariable, command(options.report_at_exit, kind.report)});
   if (!options.log.empty()) {
     const std::string log =
         options.log == "stderr" ? options.log : fs::absolute(options.log).string();

@@ -7,12 +7,17 @@
 #include <string>
 #include <vector>
 
+#include "tools/kinds.h"
+
 namespace memleak {
 
 /// What a person asked `run` for.
 struct RunOptions {
   bool start = false;           ///< record from before main
   bool report_at_exit = false;  ///< write a report when the program ends
+  Kind kind = Kind::kNative;    ///< what `start` and `report_at_exit` are about
+  std::string libraries;        ///< to be hooked, separated by commas; empty: the kind's default
+  std::string functions;        ///< the same
   std::optional<std::uint32_t> depth;
   std::optional<char> type;
   std::string root;      ///< as given, may hold "%p"; empty: ./memleak.<pid>
@@ -36,6 +41,7 @@ struct LaunchPlan {
   std::string root;        ///< absolute, of the process itself
   std::string log;         ///< absolute, of the process itself; empty: no file was asked for
   std::string properties;  ///< text for the root's properties file
+  std::string note;        ///< what a person should know; empty: nothing
 };
 
 /// Checks program, emulator and libraries, and composes the plan; changes nothing outside.

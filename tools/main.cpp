@@ -14,6 +14,7 @@
 #include "tools/commands.h"
 #include "tools/control.h"
 #include "tools/help_texts.h"
+#include "tools/kinds.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -24,6 +25,7 @@ struct Options {
   RunOptions run;
   OnOptions on;
   ReportOptions report;
+  FdOptions fd;
   SendOptions send;
   ShowOptions show;
   // Numbers as they were given: the library's own messages about them name neither what is wanted
@@ -33,6 +35,9 @@ struct Options {
   std::string timeout;
   std::string top;
   std::string unwind;
+  std::string kind;
+  std::string libraries;
+  std::string functions;
   std::string word;
   std::string parameter = "0";
 };
@@ -110,12 +115,32 @@ void AddBacktraceOptions(CLI::App* command, Options* options) {
       ->option_text("fp|dwarf");
 }
 
+void AddKindOption(CLI::App* command, Options* options) {
+  command->add_option("--kind", options->kind, "What is recorded: native (default), mmap, ion, gpu")
+      ->option_text("KIND");
+}
+
+void AddHookOptions(CLI::App* command, Options* options) {
+  AddKindOption(command, options);
+  command
+      ->add_option("--lib", options->libraries,
+                   "Libraries to be hooked, for --kind mmap;\n"
+                   "ion and gpu have their own")
+      ->option_text("NAME,...");
+  command
+      ->add_option("--func", options->functions,
+                   "Functions to be hooked in them (mmap,mmap64,\n"
+                   "munmap,mremap; for ion and gpu ioctl)")
+      ->option_text("NAME,...");
+}
+
 void AddRun(CLI::App* app, Options* options) {
   CLI::App* command = AddCommand(app, "run", "Start a program under the tracker", help::kRun);
   command->prefix_command();
   RunOptions& run = options->run;
   command->add_flag("--start", run.start, "Record from before main");
   command->add_flag("--report-at-exit", run.report_at_exit, "Write a report when the program ends");
+  AddHookOptions(command, options);
   AddBacktraceOptions(command, options);
   command->add_option("--root", run.root, "Root directory (default: ./memleak.<pid>)")
       ->option_text("DIR");
@@ -131,15 +156,28 @@ void AddCommands(CLI::App* app, Options* options) {
   AddRun(app, options);
   CLI::App* on = AddPidCommand(app, "on", "Start recording", help::kOn, options);
   on->add_flag("--keep", options->on.keep, "Keep what is recorded already");
+  AddHookOptions(on, options);
   AddBacktraceOptions(on, options);
-  AddPidCommand(app, "pause", "Record nothing new for a while", help::kPause, options);
+  AddKindOption(
+      AddPidCommand(app, "pause", "Record nothing new for a while", help::kPause, options),
+      options);
   CLI::App* report =
       AddPidCommand(app, "report", "Stop recording and write a report", help::kReport, options);
+  AddKindOption(report, options);
   report
       ->add_option("--timeout", options->timeout,
                    "Seconds to wait for the report (60); 0: without end")
       ->option_text("SECONDS");
-  AddPidCommand(app, "clear", "Drop everything recorded so far", help::kClear, options);
+  AddKindOption(
+      AddPidCommand(app, "clear", "Drop everything recorded so far", help::kClear, options),
+      options);
+  AddPidCommand(app, "libs", "List what could be hooked", help::kLibs, options);
+  CLI::App* fd = AddCommand(app, "fd", "Track file descriptors", help::kFd);
+  fd->add_option("ACTION", options->fd.action, "on, off, dump or clear")
+      ->required()
+      ->option_text(" ");
+  fd->add_option("PID", options->pid, "Process id")->required()->option_text(" ");
+  fd->add_option("--depth", options->depth, "Frames kept, with on")->option_text("N");
   CLI::App* send = AddPidCommand(app, "send", "Send a control word", help::kSend, options);
   send->add_option("--word", options->word, "Control word")->required()->option_text("WORD");
   send->add_option("--parameter", options->parameter, "Parameter word (0)")->option_text("WORD");
@@ -150,6 +188,24 @@ void AddCommands(CLI::App* app, Options* options) {
       ->option_text(" ");
   show->add_option("--top", options->top, "Groups to show (10); 0: all")->option_text("N");
   show->add_flag("--partial", options->show.partial, "Accept a truncated report");
+}
+
+// The kind asked for; native without the option, and for commands that do not have it.
+Kind ChosenKind(const Options& options) {
+  return options.kind.empty() ? Kind::kNative : ParseKind(options.kind);
+}
+
+// An option that is given without a name is told apart from one that is not given.
+std::string NameList(const CLI::App& command, const char* option, const std::string& value) {
+  if (command.count(option) != 0) ParseNames(option, value);
+  return value;
+}
+
+template <typename Target>
+void CopyHookOptions(const CLI::App& command, const Options& options, Target* target) {
+  target->kind = ChosenKind(options);
+  target->libraries = NameList(command, "--lib", options.libraries);
+  target->functions = NameList(command, "--func", options.functions);
 }
 
 template <typename Target>
@@ -166,11 +222,13 @@ int DispatchToProcess(const CLI::App& command, Options* options) {
   const auto pid = static_cast<pid_t>(ParseNumber("PID", options->pid, kPidKind));
   if (name == "on") {
     options->on.pid = pid;
+    CopyHookOptions(command, *options, &options->on);
     CopyBacktraceOptions(command, *options, &options->on);
     return OnCommand(options->on);
   }
   if (name == "report") {
     options->report.pid = pid;
+    options->report.kind = ChosenKind(*options);
     if (command.count("--timeout") != 0) {
       options->report.timeout_s = ParseNumber32("--timeout", options->timeout, kTimeoutKind);
     }
@@ -181,14 +239,23 @@ int DispatchToProcess(const CLI::App& command, Options* options) {
                      ParseNumber32("--parameter", options->parameter, kParameterKind)};
     return SendWordCommand(options->send);
   }
-  if (name == "pause") return PauseCommand(pid);
-  if (name == "clear") return ClearCommand(pid);
+  if (name == "fd") {
+    options->fd.pid = pid;
+    if (command.count("--depth") != 0) {
+      options->fd.depth = ParseNumber32("--depth", options->depth, kDepthKind);
+    }
+    return FdCommand(options->fd);
+  }
+  if (name == "pause") return PauseCommand(pid, ChosenKind(*options));
+  if (name == "clear") return ClearCommand(pid, ChosenKind(*options));
+  if (name == "libs") return LibsCommand(pid);
   return StatusCommand(pid);
 }
 
 int Dispatch(const CLI::App& command, Options* options) {
   const std::string& name = command.get_name();
   if (name == "run") {
+    CopyHookOptions(command, *options, &options->run);
     CopyBacktraceOptions(command, *options, &options->run);
     return RunCommand(options->run);
   }

@@ -144,7 +144,7 @@ ProcessInfo Look(pid_t pid, bool* steady) {
   process.name = StatusField(status, "Name");
   process.catches_signal = CatchesSignal(status, kControlSignal);
   process.environment = ParseEnvironment(image.environment);
-  process.has_tracker = MapsLibrary(ReadProc(pid, "maps"), kTrackerLibrary);
+  process.has_tracker = MapsLibrary(ReadMaps(pid), kTrackerLibrary);
   process.executable = image.executable;
   process.is_emulated =
       fs::path(process.executable).filename().string().starts_with(kEmulatorPrefix);
@@ -266,6 +266,10 @@ std::string ProcessInfo::PropertiesPath() const {
 
 std::string ProcessInfo::ReportPath() const {
   return (fs::path(root) / kReportFile).string();
+}
+
+std::string ReadMaps(pid_t pid) {
+  return ReadProc(pid, "maps");
 }
 
 ProcessInfo InspectProcess(pid_t pid) {

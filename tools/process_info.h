@@ -59,6 +59,9 @@ struct ProcessInfo {
   std::string ReportPath() const;
 };
 
+/// The text of /proc/PID/maps. Throws UserError as InspectProcess does.
+std::string ReadMaps(pid_t pid);
+
 /// Looks at process `pid`. Throws UserError when there is no such process or looking is not
 /// allowed.
 ProcessInfo InspectProcess(pid_t pid);

@@ -28,10 +28,6 @@ UserError NotWritable(const std::string& root, const std::string& reason) {
           "choose another with --root DIR, or change its permissions"};
 }
 
-std::string LineFor(const char* name, const std::string& value) {
-  return std::string(name) + "=" + value + "\n";
-}
-
 bool WriteAll(int file, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = write(file, text.data(), text.size());
@@ -63,17 +59,22 @@ BacktraceSettings ParseSettings(std::string_view properties) {
 }
 
 std::string UpdateProperties(std::string_view properties, const BacktraceSettings& settings) {
+  std::string updated(properties);
+  if (settings.type) updated = WithProperty(updated, kTypeProperty, {*settings.type});
+  if (settings.depth) {
+    updated = WithProperty(updated, kDepthProperty, std::to_string(*settings.depth));
+  }
+  return updated;
+}
+
+std::string WithProperty(std::string_view properties, const std::string& name,
+                         const std::string& value) {
   std::string updated;
   std::istringstream lines{std::string(properties)};
   for (std::string line; std::getline(lines, line);) {
-    const std::string name = line.substr(0, line.find('='));
-    const bool replaced =
-        (settings.type && name == kTypeProperty) || (settings.depth && name == kDepthProperty);
-    if (!replaced) updated += line + "\n";
+    if (line.substr(0, line.find('=')) != name) updated += line + "\n";
   }
-  if (settings.type) updated += LineFor(kTypeProperty, std::string(1, *settings.type));
-  if (settings.depth) updated += LineFor(kDepthProperty, std::to_string(*settings.depth));
-  return updated;
+  return updated + name + "=" + value + "\n";
 }
 
 void WriteProperties(const std::string& root, std::string_view properties) {

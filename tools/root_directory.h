@@ -22,6 +22,10 @@ BacktraceSettings ParseSettings(std::string_view properties);
 /// `properties` with the values of `settings` put in place, other lines kept.
 std::string UpdateProperties(std::string_view properties, const BacktraceSettings& settings);
 
+/// `properties` with `name` set to `value`, other lines kept.
+std::string WithProperty(std::string_view properties, const std::string& name,
+                         const std::string& value);
+
 /// Creates `root` when missing and replaces its properties file by `properties` in one step, so
 /// that a process reading it meanwhile sees the old or the new text. Throws UserError when the root
 /// is not writable.

@@ -14,6 +14,8 @@
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
 #include "tracker/DumpThread.h"
+#include "tracker/FdTracker.h"
+#include "tracker/HookTargets.h"
 #include "tracker/MemTrackControl.h"
 
 namespace {
@@ -48,17 +50,29 @@ void SetSignalBacktrace(std::uint32_t size, std::uint32_t type) {
   signal_bt_type.store(type, std::memory_order_release);
 }
 
-Next NativeOn(const ControlMessage& message) {
-  SetTrackType(NATIVE);
+void SetSignalBacktrace(const ControlMessage& message) {
   SetSignalBacktrace(message.parameter_word >> 16, message.parameter_word & 0xFFFF);
-  MemTrackControl* control = MemTrackControl::GetInstance();
-  control->ConfigHookStatus(true, true);
-  // The line reports the settings in force, which come from the properties, not the message.
-  const char* state = StateName(control->GetHookStart());
+}
+
+/// The line reports the settings in force, which come from the properties, not the message.
+void LogOn(const char* kind, const char* state) {
   const std::uint32_t size = PointerData::GetMaxBacktraceNum();
   const auto type = static_cast<unsigned char>(GetBacktraceTypeFromProp());
-  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "set hook to:%s, btsize:%u, btType:%c", state,
-                        size, type);
+  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "set %shook to:%s, btsize:%u, btType:%c", kind,
+                        state, size, type);
+}
+
+/// Drops the records of every kind and leaves the switches as they are.
+void ClearRecords() {
+  DebugData::Initialize(DebugData::GetInstance());
+}
+
+Next NativeOn(const ControlMessage& message) {
+  SetTrackType(NATIVE);
+  SetSignalBacktrace(message);
+  MemTrackControl* control = MemTrackControl::GetInstance();
+  control->ConfigHookStatus(true, true);
+  LogOn("", StateName(control->GetHookStart()));
   return Next::kGoOn;
 }
 
@@ -79,12 +93,11 @@ Next NativeStopAndReport(const ControlMessage& /*message*/) {
   return Next::kGoOn;
 }
 
-/// Drops the records of every kind and leaves the switches as they are.
 Next NativeClear(const ControlMessage& /*message*/) {
   SetTrackType(NATIVE);
   SetSignalBacktrace(0, 0);
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "native clear:%s", platform::ProgramName());
-  DebugData::Initialize(DebugData::GetInstance());
+  ClearRecords();
   return Next::kGoOn;
 }
 
@@ -92,6 +105,84 @@ template <std::uint32_t kSlot>
 Next RunCallback(const ControlMessage& /*message*/) {
   const MemTrackControl::Tracker callback = MemTrackControl::GetInstance()->tracker(kSlot);
   if (callback != nullptr) callback();
+  return Next::kGoOn;
+}
+
+constexpr const char* KindName(MemTrackType kind) {
+  return kind == MMAP ? "mmap" : kind == ION ? "ion" : "gpu";
+}
+
+/// Only mmap's pause, stop and clear set the type: that is wanted.
+template <MemTrackType kKind>
+void SetTrackTypeOfMmap() {
+  if (kKind == MMAP) SetTrackType(kKind);
+}
+
+/// Needs hook targets, and one of them hooked. What fails leaves the type changed and the switches
+/// as they were. The parameter word is not read: that is wanted.
+template <MemTrackType kKind>
+Next PltOn(const ControlMessage& /*message*/) {
+  SetTrackType(kKind);
+  if (!GetHookParams()) return Next::kStop;
+  if (!hook_by_plt()) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "all plt hook failed!");
+    return Next::kStop;
+  }
+  MemTrackControl* control = MemTrackControl::GetInstance();
+  control->ConfigPltHookStatus(true, true);
+  LogOn(KindName(kKind), StateName(control->GetPltHookStart()));
+  return Next::kGoOn;
+}
+
+/// The hooks stay; their proxies forward without recording.
+template <MemTrackType kKind>
+Next PltPause(const ControlMessage& /*message*/) {
+  SetTrackTypeOfMmap<kKind>();
+  MemTrackControl* control = MemTrackControl::GetInstance();
+  control->ConfigPltHookStatus(false, true);
+  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "set %shook to:%s", KindName(kKind),
+                        StateName(control->GetPltHookStart()));
+  return Next::kGoOn;
+}
+
+template <MemTrackType kKind>
+Next PltStopAndReport(const ControlMessage& /*message*/) {
+  SetTrackTypeOfMmap<kKind>();
+  unhook_by_plt();
+  MemTrackControl::GetInstance()->ConfigPltHookStatus(false, false);
+  AsyncReport();
+  return Next::kGoOn;
+}
+
+template <MemTrackType kKind>
+Next PltClear(const ControlMessage& /*message*/) {
+  SetTrackTypeOfMmap<kKind>();
+  async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "%s clear:%s", KindName(kKind),
+                        platform::ProgramName());
+  ClearRecords();
+  return Next::kGoOn;
+}
+
+Next FdOn(const ControlMessage& message) {
+  if (!fd_tracker::Load()) return Next::kStop;
+  SetSignalBacktrace(message);
+  return fd_tracker::Enable(signal_bt_size, signal_bt_type) ? Next::kGoOn : Next::kStop;
+}
+
+Next FdOff(const ControlMessage& /*message*/) {
+  return fd_tracker::Disable() ? Next::kGoOn : Next::kStop;
+}
+
+/// The other way round: a dump that worked ends the signal's commands, one that failed does not.
+/// That is wanted.
+Next FdDump(const ControlMessage& /*message*/) {
+  return fd_tracker::Dump() ? Next::kStop : Next::kGoOn;
+}
+
+Next FdClear(const ControlMessage& /*message*/) {
+  SetSignalBacktrace(0, 0);
+  ClearRecords();
+  fd_tracker::Unload();
   return Next::kGoOn;
 }
 
@@ -107,14 +198,28 @@ constexpr std::uint64_t Bit(unsigned number) {
 /// The commands in the order in which they are carried out, whatever the order of their bits. Bits
 /// that stand for no command mean nothing.
 constexpr Command kCommands[] = {
-    {Bit(4), NativeOn},             //
-    {Bit(5), NativePause},          //
-    {Bit(6), NativeStopAndReport},  //
-    {Bit(7), NativeClear},          //
-    {Bit(1), RunCallback<4>},       //
-    {Bit(2), RunCallback<5>},
-    // The commands of the hooked kinds and of the descriptor tracker belong here, in the order
-    // mmap 8, 9, 10, 11; descriptors 20, 21, 22, 23; ion 12, 13, 14, 15; gpu 16, 17, 18, 19.
+    {Bit(4), NativeOn},                 //
+    {Bit(5), NativePause},              //
+    {Bit(6), NativeStopAndReport},      //
+    {Bit(7), NativeClear},              //
+    {Bit(1), RunCallback<4>},           //
+    {Bit(2), RunCallback<5>},           //
+    {Bit(8), PltOn<MMAP>},              //
+    {Bit(9), PltPause<MMAP>},           //
+    {Bit(10), PltStopAndReport<MMAP>},  //
+    {Bit(11), PltClear<MMAP>},          //
+    {Bit(20), FdOn},                    //
+    {Bit(21), FdOff},                   //
+    {Bit(22), FdDump},                  //
+    {Bit(23), FdClear},                 //
+    {Bit(12), PltOn<ION>},              //
+    {Bit(13), PltPause<ION>},           //
+    {Bit(14), PltStopAndReport<ION>},   //
+    {Bit(15), PltClear<ION>},           //
+    {Bit(16), PltOn<GPU>},              //
+    {Bit(17), PltPause<GPU>},           //
+    {Bit(18), PltStopAndReport<GPU>},   //
+    {Bit(19), PltClear<GPU>},           //
 };
 
 ControlMessage ReadMessage(const siginfo_t* info) {

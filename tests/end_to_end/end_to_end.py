@@ -201,14 +201,18 @@ def churn(session):
     session.quit()
 
 
-if __name__ == "__main__":
+def main(cases, session_type):
     case, bin_dir, controller = sys.argv[1:4]
-    this = Session(bin_dir, controller, sys.argv[4] if len(sys.argv) > 4 else "")
+    session = session_type(bin_dir, controller, sys.argv[4] if len(sys.argv) > 4 else "")
     try:
-        globals()[case](this)
+        cases[case](session)
     finally:
-        if this.process is not None and this.process.poll() is None:
-            this.process.kill()
-        if os.path.exists(this.root + "/log"):
-            print("".join(open(this.root + "/log").readlines()[-20:]))
-    subprocess.run(["rm", "-r", this.root], check=True)
+        if session.process is not None and session.process.poll() is None:
+            session.process.kill()
+        if os.path.exists(session.root + "/log"):
+            print("".join(open(session.root + "/log").readlines()[-20:]))
+    subprocess.run(["rm", "-r", session.root], check=True)
+
+
+if __name__ == "__main__":
+    main(globals(), Session)

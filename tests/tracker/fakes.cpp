@@ -32,15 +32,19 @@ std::string Name(std::size_t number) {
   return std::to_string(number);
 }
 
+void Append(const std::string& text) {
+  const std::lock_guard lock(mutex);
+  if (!events.empty()) events += ' ';
+  events += text;
+}
+
 template <typename... Arguments>
 void Note(const char* name, Arguments... arguments) {
   std::string text;
   ((text += (text.empty() ? "" : ",") + Name(arguments)), ...);
   const MemTrackControl* control = MemTrackControl::GetInstance();
   const bool marked = control != nullptr && !control->ThreadEnabled();
-  const std::lock_guard lock(mutex);
-  if (!events.empty()) events += ' ';
-  events += name + ("(" + text + ")") + (marked ? "*" : "");
+  Append(name + ("(" + text + ")") + (marked ? "*" : ""));
 }
 
 template <typename... Arguments>
@@ -73,6 +77,10 @@ void Reset() {
 void OnReport(std::function<void()> action) {
   const std::lock_guard lock(mutex);
   report_action = std::move(action);
+}
+
+void AddEvent(const std::string& text) {
+  Append(text);
 }
 
 std::string TakeEvents() {

@@ -30,6 +30,8 @@ extern char old_block[64];
 /// Events since the last call, separated by blanks; "*" follows one that happened while its thread
 /// was marked.
 std::string TakeEvents();
+/// Adds an event of another stand-in.
+void AddEvent(const std::string& text);
 /// Log lines since the last call: "I " or "E " by priority and the text; "?" under a wrong tag.
 std::vector<std::string> TakeLog();
 

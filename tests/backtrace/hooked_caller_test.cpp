@@ -1,0 +1,79 @@
+// The walk that starts at the caller of a hooked function.
+#include <gtest/gtest.h>
+
+#include "arch/frame.h"
+#include "backtrace/Backtrace.h"
+#include "plthooks/trampoline.h"
+#include "tests/backtrace/fakes.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+
+struct HookedCall {
+  int active;
+  std::uintptr_t pc;
+  std::uintptr_t frame;
+} call;
+
+std::vector<std::uint64_t> Capture(std::size_t max_frames) {
+  std::vector<unwindstack::FrameData> frame_data;
+  std::uint64_t frames[64] = {};
+  const std::size_t count = BacktraceGet(frames, max_frames, frame_data);
+  return {frames, frames + count};
+}
+
+}  // namespace
+
+int lumora::plthooks::get_stack_address_for_previous(std::uintptr_t* pc, std::uintptr_t* frame) {
+  if (call.active != 0) {
+    *pc = call.pc;
+    *frame = call.frame;
+  }
+  return call.active;
+}
+
+namespace {
+
+/// A hooked caller whose own caller has a frame pointer, too.
+__attribute__((noinline)) std::vector<std::uint64_t> CallHooked(std::size_t max_frames) {
+  auto* own = static_cast<arch::FrameRecord*>(__builtin_frame_address(0));
+  call = {1, 0x12345, reinterpret_cast<std::uintptr_t>(own)};
+  const auto frames = Capture(max_frames);
+  if (frames.size() >= 2) {
+    EXPECT_EQ(frames[1], arch::StripReturnAddress(own->return_address) - arch::kCallSiteAdjustment);
+  }
+  return frames;
+}
+
+TEST(HookedCaller, ComesFirstAsItIsAndNoLevelIsSkipped) {
+  is_plt_hook = true;
+  const auto frames = CallHooked(2);
+  ASSERT_EQ(frames.size(), 2U);
+  EXPECT_EQ(frames[0], 0x12345U);
+  EXPECT_EQ(CallHooked(1).size(), 1U);
+  EXPECT_EQ(CallHooked(0).size(), 0U);
+}
+
+TEST(HookedCaller, WithoutAFramePointerIsAllThatIsKnown) {
+  is_plt_hook = true;
+  char local = 0;
+  static const char kElsewhere = 0;
+  const auto below = reinterpret_cast<std::uintptr_t>(&local) - 65536;
+  const auto elsewhere = reinterpret_cast<std::uintptr_t>(&kElsewhere);
+  for (const std::uintptr_t frame :
+       {std::uintptr_t{0}, std::uintptr_t{7}, below, elsewhere, ~std::uintptr_t{0}}) {
+    call = {1, 0x12345, frame};
+    EXPECT_EQ(Capture(10), std::vector<std::uint64_t>{0x12345});
+  }
+}
+
+TEST(HookedCaller, MissingGivesALogLineAndNoFrames) {
+  is_plt_hook = true;
+  call = {0, 0, 0};
+  fakes::LogLines().clear();
+  EXPECT_TRUE(Capture(10).empty());
+  EXPECT_EQ(fakes::LogLines(),
+            std::vector<std::string>{"6 MemLeak.Native: get_stack_address_for_previous fail"});
+}
+
+}  // namespace

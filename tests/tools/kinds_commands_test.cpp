@@ -1,0 +1,130 @@
+// The kinds on the command line, against a program with a fake tracker. What the real one would log
+// is written by the script.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+
+#include "tests/tools/temp_dir.h"
+#include "tools/root_directory.h"
+
+namespace memleak {
+namespace {
+
+#ifdef TEST_EMULATOR
+const std::string kPrefix = TEST_EMULATOR " ";
+const std::string kRunEmulated = " --emulator '" TEST_EMULATOR "'";
+#else
+const std::string kPrefix;
+const std::string kRunEmulated;
+#endif
+const std::string kMemleak = kPrefix + MEMLEAK_PROGRAM;
+
+struct Outcome {
+  int code = -1;
+  std::string output;
+};
+
+Outcome Shell(const std::string& command) {
+  Outcome outcome;
+  FILE* pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "re");
+  std::array<char, 4096> buffer{};
+  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+    outcome.output.append(buffer.data(), count);
+  }
+  const int status = pclose(pipe);
+  outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return outcome;
+}
+
+// Runs `script` beside the program, as $P, with memleak as $M, in `directory`.
+Outcome BesideProgram(const TempDir& directory, const std::string& options,
+                      const std::string& script) {
+  return Shell("cd " + directory.Path("") + "; M='" + kMemleak +
+               "'; mkfifo fifo; exec 3<>fifo; $M" + " run --libdir " FIXTURE_LIBDIR + kRunEmulated +
+               " --root root --log log " + options +
+               " -- " FIXTURE_HOOK_PROGRAM
+               " <&3 >out 3>&- & P=$!; "
+               "until grep -qs ready out; do sleep 0.02; done; " +
+               script + "\nkill $P");
+}
+
+void ExpectHas(const std::string& text, const std::string& part) {
+  EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
+}
+
+TEST(Kinds, OnTellsWhatTheTrackerSays) {
+  const TempDir directory;
+  const Outcome outcome = BesideProgram(directory, "", R"(
+    answer() { until grep -qs 0x900 log; do sleep 0.02; done; echo "$1" >>log; }
+    answer 'set mmaphook to:true, btsize:7, btType:0' &
+    $M on $P --kind mmap --lib 'libabsent.so, libtools_hook_plain.so' --unwind dwarf --depth 7
+    echo "code $?"; cat root/properties; : >log
+    answer 'all plt hook failed!' &
+    $M on $P --kind mmap --lib libtools_hook_plain.so --func munmap,mremap; echo "code $?"
+    $M on $P --kind mmap --lib libtools_hook_no_plt.so; echo "code $?")");
+  ExpectHas(outcome.output, "memleak: libabsent.so is not loaded in ");
+  ExpectHas(outcome.output, "memleak: --unwind dwarf is not taken");
+  ExpectHas(outcome.output, "): mmap recording on, tables emptied, 7 frames by frame pointers\n");
+  ExpectHas(outcome.output,
+            "code 0\nvastel.memleak.backtacemaxnum=7\nvastel.memleak.backtacetype=0\n"
+            "persist.sys.memleak.hookLib=libtools_hook_plain.so\n"
+            "persist.sys.memleak.hookFunc=mmap,munmap\n");
+  ExpectHas(outcome.output, "memleak: libtools_hook_plain.so does not import mremap; ");
+  ExpectHas(outcome.output, "memleak: the tracker says: all plt hook failed!\n");
+  ExpectHas(outcome.output, "memleak: the tracker hooked nothing in ");
+  ExpectHas(outcome.output, "code 2\nmemleak: libtools_hook_no_plt.so has no jump slot for mmap");
+}
+
+TEST(Kinds, EveryCommandHasItsWord) {
+  const TempDir directory;
+  const Outcome outcome = BesideProgram(directory, "", R"(
+    $M pause $P --kind mmap && $M clear $P --kind ion && $M pause $P --kind gpu
+    $M report $P --kind ion --timeout 1; $M clear $P --kind sea; $M fd off $P; $M fd fly $P
+    (until grep -qs 0x100000 log; do sleep 0.02; done
+     echo ' load libfdtrack failed: none' >>log) & $M fd on $P --depth 16; echo "code $?"
+    $M on $P --lib liba.so; $M on $P --kind mmap; $M on $P --kind mmap --lib ,; $M libs $P)");
+  const std::string log = ReadTextFile(directory.Path("log")).value_or("");
+  std::string words;
+  for (std::size_t at = log.find("addr:"); at != std::string::npos;
+       at = log.find("addr:", at + 1)) {
+    words += log.substr(at + 5, log.find('\n', at) - at - 5) + " ";
+  }
+  EXPECT_EQ(words, "0x200 0x8000 0x20000 0x4000 0x100000 ");
+  ExpectHas(log, "addr:0x100000\nparameter 0x10003");
+  ExpectHas(outcome.output, "libfdtrack.so is not loaded in ");
+  ExpectHas(outcome.output, "says: load libfdtrack failed: none; ");
+  ExpectHas(outcome.output, "--kind is none that there is: sea; give native, mmap, ion or gpu\n");
+  ExpectHas(outcome.output, "fd does not know: fly; ");
+  ExpectHas(outcome.output, "--lib and --func say what is hooked");
+  ExpectHas(outcome.output, "--kind mmap needs --lib; ");
+  ExpectHas(outcome.output, "--lib names nothing; ");
+  ExpectHas(outcome.output, "libtools_hook_no_plt.so  no-plt       -       -       -  no-plt   ");
+  ExpectHas(outcome.output,
+            "libtools_hook_plain.so      yes       -       -       -     yes   other\n");
+}
+
+TEST(Kinds, RunStartsWithOne) {
+  const TempDir directory;
+  const Outcome outcome = BesideProgram(
+      directory, "--start --report-at-exit --kind mmap --lib liba.so", "cat out root/properties");
+  ExpectHas(outcome.output, "MEMLEAK_TRACKER_START=0x100\n");
+  ExpectHas(outcome.output, "MEMLEAK_TRACKER_REPORT_AT_EXIT=0x400\n");
+  ExpectHas(outcome.output, "hookFunc=mmap,mmap64,munmap,mremap\n");
+  const Outcome refused = Shell(kMemleak + " run --libdir " FIXTURE_LIBDIR + kRunEmulated +
+                                " --kind gpu -- " FIXTURE_HOOK_PROGRAM);
+  ExpectHas(refused.output, "--kind goes with --start or --report-at-exit");
+  EXPECT_EQ(refused.code, 2);
+}
+
+TEST(Help, OfLibsAndFd) {
+  for (const std::string command : {" libs --help", " fd --help"}) {
+    const Outcome help = Shell(kMemleak + command);
+    ExpectHas(help.output, "Exit codes:");
+    EXPECT_EQ(Shell(kMemleak + command + " | awk 'length > 80'").output, "");
+  }
+}
+
+}  // namespace
+}  // namespace memleak

@@ -1,0 +1,168 @@
+// The table of kinds, and the names that go into the hook settings.
+#include "tools/kinds.h"
+
+#include <algorithm>
+#include <charconv>
+#include <sstream>
+
+#include "tools/control.h"
+#include "tools/root_directory.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::string_view kBlanks = " \t";
+
+std::string_view Strip(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
+}
+
+void AddName(const std::string& option, std::string_view piece, std::vector<std::string>* names) {
+  std::string_view name = Strip(piece);
+  name = name.substr(name.rfind('/') + 1);
+  if (name.empty()) return;
+  const bool plain = std::none_of(name.begin(), name.end(), [](char c) {
+    return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+  });
+  if (!plain) {
+    throw UserError(option + " has a name with control characters in it",
+                    "give names separated by commas, such as libfoo.so,libbar.so");
+  }
+  if (std::find(names->begin(), names->end(), name) == names->end()) names->emplace_back(name);
+}
+
+// The command word in a "received_sig" line, or 0.
+std::uint64_t ReceivedWord(std::string_view line) {
+  constexpr std::string_view kAddress = ";addr:0x";
+  const std::size_t address = line.find(kAddress);
+  std::uint64_t word = 0;
+  if (line.find("received_sig ") == std::string_view::npos || address == std::string_view::npos) {
+    return word;
+  }
+  const std::string_view digits = line.substr(address + kAddress.size());
+  std::from_chars(digits.data(), digits.data() + digits.size(), word, 16);
+  return word;
+}
+
+}  // namespace
+
+const std::vector<KindInfo>& AllKinds() {
+  static const std::vector<KindInfo> kinds = {
+      {Kind::kNative,
+       "native",
+       kNativeOn,
+       kNativePause,
+       kNativeReport,
+       kNativeClear,
+       "set hook to:",
+       "",
+       {}},
+      {Kind::kMmap,
+       "mmap",
+       0x100,
+       0x200,
+       0x400,
+       0x800,
+       "set mmaphook to:",
+       "",
+       {"mmap", "mmap64", "munmap", "mremap"}},
+      {Kind::kIon,
+       "ion",
+       0x1000,
+       0x2000,
+       0x4000,
+       0x8000,
+       "set ionhook to:",
+       "libdmabufheap.so",
+       {"ioctl"}},
+      {Kind::kGpu,
+       "gpu",
+       0x10000,
+       0x20000,
+       0x40000,
+       0x80000,
+       "set gpuhook to:",
+       "libgsl.so",
+       {"ioctl"}},
+  };
+  return kinds;
+}
+
+const KindInfo& InfoOf(Kind kind) {
+  return AllKinds()[static_cast<std::size_t>(kind)];
+}
+
+Kind ParseKind(const std::string& name) {
+  for (const KindInfo& info : AllKinds()) {
+    if (name == info.name) return info.kind;
+  }
+  throw UserError("--kind is none that there is: " + name, "give native, mmap, ion or gpu");
+}
+
+std::vector<std::string> ParseNames(const std::string& option, std::string_view list) {
+  std::vector<std::string> names;
+  while (true) {
+    const std::size_t comma = list.find(',');
+    AddName(option, list.substr(0, comma), &names);
+    if (comma == std::string_view::npos) break;
+    list.remove_prefix(comma + 1);
+  }
+  if (names.empty()) {
+    throw UserError(option + " names nothing", "give names separated by commas");
+  }
+  return names;
+}
+
+std::string HookProperty(const std::string& option, const std::vector<std::string>& names) {
+  std::string value;
+  for (const std::string& name : names) value += (value.empty() ? "" : ",") + name;
+  if (value.size() > kMaxPropertyBytes) {
+    throw UserError(option + " is too long: " + std::to_string(value.size()) +
+                        " bytes, and a setting holds " + std::to_string(kMaxPropertyBytes),
+                    "name fewer at a time");
+  }
+  return value;
+}
+
+HookNames NamesFor(Kind kind, const std::string& libraries, const std::string& functions) {
+  const KindInfo& info = InfoOf(kind);
+  const std::string wanted = libraries.empty() ? info.default_library : libraries;
+  if (wanted.empty()) {
+    throw UserError(std::string("--kind ") + info.name + " needs --lib",
+                    "name the libraries to be hooked; memleak libs PID lists them");
+  }
+  return {ParseNames("--lib", wanted),
+          functions.empty() ? info.default_functions : ParseNames("--func", functions)};
+}
+
+std::string WithHooks(const std::string& properties, const std::vector<std::string>& libraries,
+                      const std::vector<std::string>& functions) {
+  const std::string unwind = WithProperty(properties, kTypeProperty, {kUnwindFramePointers});
+  const std::string named =
+      WithProperty(unwind, kHookLibraryProperty, HookProperty("--lib", libraries));
+  return WithProperty(named, kHookFunctionProperty, HookProperty("--func", functions));
+}
+
+std::string HooksFromLog(std::string_view log) {
+  std::string state;
+  std::istringstream lines{std::string(log)};
+  for (std::string line; std::getline(lines, line);) {
+    const std::uint64_t word = ReceivedWord(line);
+    for (const KindInfo& info : AllKinds()) {
+      if (info.kind == Kind::kNative) continue;
+      // Stopping leaves no line of its own, so the command word is read; whether hooks went in
+      // does.
+      if ((word & info.report) != 0) state = "off (stopped by a report)";
+      const std::size_t at = line.find(info.state_line);
+      if (at == std::string::npos) continue;
+      const bool on = line.compare(at + std::string_view(info.state_line).size(), 4, "true") == 0;
+      state = std::string(info.name) + (on ? " on" : " paused");
+    }
+  }
+  return state;
+}
+
+}  // namespace memleak

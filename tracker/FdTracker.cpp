@@ -1,0 +1,75 @@
+// The tracker of file-descriptor leaks. See the header for who calls it.
+#include "tracker/FdTracker.h"
+
+#include <dlfcn.h>
+
+#include "async_safe/log.h"
+
+namespace fd_tracker {
+
+namespace {
+
+constexpr char kLogTag[] = "MemLeak.Native";
+
+/// Null until it is first needed, and after a failed lookup or Unload.
+void* handle = nullptr;
+
+/// A function of the loaded library. Null, with the log line `missing` and the library unloaded,
+/// when there is none of this name.
+void* Find(const char* name, const char* missing) {
+  void* function = dlsym(handle, name);
+  if (function != nullptr) return function;
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "%s", missing);
+  Unload();
+  return nullptr;
+}
+
+/// Calls a function without arguments. False when there is none.
+bool Call(const char* name, const char* not_loaded, const char* missing) {
+  if (handle == nullptr) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "%s", not_loaded);
+    return false;
+  }
+  auto* function = reinterpret_cast<void (*)()>(Find(name, missing));
+  if (function == nullptr) return false;
+  function();
+  return true;
+}
+
+}  // namespace
+
+bool Load() {
+  if (handle != nullptr) return true;
+  handle = dlopen("libfdtrack.so", RTLD_LAZY);
+  if (handle != nullptr) return true;
+  const char* reason = dlerror();
+  // The leading blank is wanted.
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, " load libfdtrack failed: %s",
+                        reason != nullptr ? reason : "");
+  return false;
+}
+
+bool Enable(std::uint32_t backtrace_size, std::uint32_t backtrace_type) {
+  auto* enable = reinterpret_cast<void (*)(std::uint32_t, std::uint32_t)>(
+      Find("EnableFdHook", "no EnableFdHook found, fail to enable."));
+  if (enable == nullptr) return false;
+  enable(backtrace_size, backtrace_type);
+  return true;
+}
+
+bool Disable() {
+  return Call("DisableFdHook", "libfdtrack does not exist, fail to disable.",
+              "no DisableFdHook found, fail to disable.");
+}
+
+bool Dump() {
+  return Call("DumpFdleakStackToFile", "libfdtrack does not exist, fail to dump stack.",
+              "no DumpFdleakStackToFile found, fail to dumpstack.");
+}
+
+void Unload() {
+  if (handle != nullptr) dlclose(handle);
+  handle = nullptr;
+}
+
+}  // namespace fd_tracker

@@ -1,0 +1,157 @@
+// The proxies. See the header for who runs them.
+#include "tracker/proxies.h"
+
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "async_safe/log.h"
+#include "plthooks/trampoline.h"
+#include "records/PointerData.h"
+#include "tracker/DebugData.h"
+#include "tracker/MemTrackControl.h"
+
+namespace {
+
+/// DMA_HEAP_IOCTL_ALLOC (linux/dma-heap.h): read-write, type 'H', number 0, 24 bytes.
+constexpr std::uint32_t kDmaHeapAllocate = 0xC0184800;
+/// KGSL (msm_kgsl.h), type 9: number 0x45, read-write, 48 bytes; number 0x46, write, 32 bytes.
+constexpr std::uint32_t kGpuAllocate = 0xC0300945;
+constexpr std::uint32_t kGpuFree = 0x40200946;
+
+/// The head of dma_heap_allocation_data (linux/dma-heap.h).
+struct DmaHeapAllocation {
+  std::uint64_t len;
+  std::uint32_t fd;
+};
+
+/// What is read of a KGSL argument, whatever the request.
+struct GpuAllocation {
+  std::uint64_t address;
+  std::uint64_t size;
+};
+
+/// The function that `proxy` stands in for, in the call that is running.
+template <typename Function>
+Function* Previous(Function* proxy) {
+  return reinterpret_cast<Function*>(
+      lumora::plthooks::get_previous_from_hook(reinterpret_cast<void*>(proxy)));
+}
+
+/// The tracker's switches when this call is to be recorded, else null.
+const MemTrackControl* Recording() {
+  const MemTrackControl* control = MemTrackControl::GetInstance();
+  if (control == nullptr || !control->GetPltHookStart()) return nullptr;
+  return control->PltThreadEnabled() ? control : nullptr;
+}
+
+/// Marks the thread while its call is recorded: mappings that the tracker makes meanwhile are not
+/// the program's. Looks once more, since recording may have been switched off.
+class PltScope {
+ public:
+  explicit PltScope(const MemTrackControl* control)
+      : marked_(control->GetPltHookStart() && control->PltThreadEnabled() ? control : nullptr) {
+    if (marked_ != nullptr) marked_->DisablePltThread();
+  }
+  ~PltScope() {
+    if (marked_ != nullptr) marked_->EnablePltThread();
+  }
+  PltScope(const PltScope&) = delete;
+  PltScope& operator=(const PltScope&) = delete;
+
+ private:
+  const MemTrackControl* const marked_;
+};
+
+void LogError(const char* text) {
+  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "%s", text);
+}
+
+PointerData* Store() {
+  DebugData* data = DebugData::GetInstance();
+  return data != nullptr ? data->pointer() : nullptr;
+}
+
+/// Records what a call made, if it names it.
+void Add(const void* key, std::uint64_t size) {
+  if (key == nullptr || size == 0) return LogError("map result error");
+  if (PointerData* store = Store(); store != nullptr) store->Add(key, size);
+}
+
+void Remove(const void* key, std::uint64_t size) {
+  if (key == nullptr || size == 0) return LogError("munmap addr or size error");
+  if (PointerData* store = Store(); store != nullptr) store->Remove(key, size);
+}
+
+void* RecordMapping(void* mapping, std::size_t size, int flags) {
+  const MemTrackControl* control = Recording();
+  if (control == nullptr || (flags & MAP_ANONYMOUS) == 0) return mapping;
+  const PltScope scope(control);
+  Add(mapping, size);
+  return mapping;
+}
+
+/// The argument of a device call. The kernel says EFAULT for one that the program must not read
+/// either, so neither does the proxy.
+template <typename Argument>
+const Argument* Readable(int result, const void* argument) {
+  if (result == -1 && errno == EFAULT) return nullptr;
+  return static_cast<const Argument*>(argument);
+}
+
+}  // namespace
+
+void* shared_proxy_mmap64(void* address, std::size_t length, int protection, int flags,
+                          int descriptor, off_t offset) {
+  void* mapping =
+      Previous(shared_proxy_mmap64)(address, length, protection, flags, descriptor, offset);
+  return RecordMapping(mapping, length, flags);
+}
+
+void* shared_proxy___mmap2(void* address, std::size_t length, int protection, int flags,
+                           int descriptor, std::size_t page_offset) {
+  void* mapping =
+      Previous(shared_proxy___mmap2)(address, length, protection, flags, descriptor, page_offset);
+  return RecordMapping(mapping, length, flags);
+}
+
+void* shared_proxy_mremap(void* old_address, std::size_t old_size, std::size_t new_size, int flags,
+                          void* new_address) {
+  void* mapping =
+      Previous(shared_proxy_mremap)(old_address, old_size, new_size, flags, new_address);
+  return RecordMapping(mapping, new_size, flags);
+}
+
+int shared_proxy_munmap(void* address, std::size_t length) {
+  const int result = Previous(shared_proxy_munmap)(address, length);
+  const MemTrackControl* control = Recording();
+  if (control == nullptr) return result;
+  const PltScope scope(control);
+  Remove(address, length);
+  return result;
+}
+
+int shared_proxy_ion_ioctl(int descriptor, unsigned long request, void* argument) {
+  const int result = Previous(shared_proxy_ion_ioctl)(descriptor, request, argument);
+  const MemTrackControl* control = Recording();
+  // The kernel looks at 32 bits of a request; the others may be a sign.
+  if (control == nullptr || static_cast<std::uint32_t>(request) != kDmaHeapAllocate) return result;
+  const PltScope scope(control);
+  const auto* allocation = Readable<DmaHeapAllocation>(result, argument);
+  Add(allocation != nullptr ? &allocation->fd : nullptr,
+      allocation != nullptr ? allocation->len : 0);
+  return result;
+}
+
+int shared_proxy_gpu_ioctl(int descriptor, unsigned long request, void* argument) {
+  const int result = Previous(shared_proxy_gpu_ioctl)(descriptor, request, argument);
+  const MemTrackControl* control = Recording();
+  const auto code = static_cast<std::uint32_t>(request);
+  if (control == nullptr || (code != kGpuAllocate && code != kGpuFree)) return result;
+  const PltScope scope(control);
+  const auto* allocation = Readable<GpuAllocation>(result, argument);
+  const std::uint64_t size = allocation != nullptr ? allocation->size : 0;
+  code == kGpuAllocate ? Add(allocation, size) : Remove(allocation, size);
+  return result;
+}
