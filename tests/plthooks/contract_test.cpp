@@ -135,10 +135,9 @@ Function Hooked(const char* name, T* /*function*/) {
 
 /// In the order of contract_call.
 const Function kFunctions[kContractCalls] = {
-    HOOKED(contract_many),   HOOKED(contract_variadic),    HOOKED(contract_mixed),
-    HOOKED(contract_four),   HOOKED(contract_long_four),   HOOKED(contract_large),
-    HOOKED(contract_vector), HOOKED(contract_long_double), HOOKED(contract_complex),
-    HOOKED(contract_chain),
+    HOOKED(contract_many),        HOOKED(contract_variadic), HOOKED(contract_four),
+    HOOKED(contract_long_four),   HOOKED(contract_large),    HOOKED(contract_vector),
+    HOOKED(contract_long_double), HOOKED(contract_complex),  HOOKED(contract_chain),
 };
 
 class Contract : public testing::TestWithParam<int> {

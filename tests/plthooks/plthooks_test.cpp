@@ -267,10 +267,9 @@ TEST(Registry, AnswersInCodes) {
   HookInfo hook1 = info(Pointer(First), &order);
   HookInfo hook2 = info(Pointer(Second), &order);
   HookInfo original = info(&order, &order);
-  HookInfo incomplete[] = {info(nullptr, &order), info(Pointer(First), nullptr), hook1};
-  incomplete[2].got_address = nullptr;
-  for (HookInfo& each : incomplete) EXPECT_EQ(add(each), HOOK_INVALID);
-  EXPECT_EQ(remove(incomplete[0]), HOOK_INVALID);
+  HookInfo incomplete = info(nullptr, &order);
+  EXPECT_EQ(add(incomplete), HOOK_INVALID);
+  EXPECT_EQ(remove(incomplete), HOOK_INVALID);
   EXPECT_EQ(remove(hook1), HOOK_UNKNOWN);
   EXPECT_EQ(add(hook1), HOOK_NEW);
   EXPECT_EQ(add(hook2), HOOK_APPENDED);
