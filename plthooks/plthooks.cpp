@@ -90,14 +90,29 @@ bool leads_to(void** slot, const char* function_name) {
   return false;
 }
 
+/// Hooks one slot. Returns 0, or another value when it cannot be. Under the hook lock.
+int patch_slot(void** slot, const plt_hook_spec& spec) {
+  hooks::HookInfo info = {0, slot, spec.hook_fn, *slot, spec.no_trampoline};
+  if (hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot))) {
+    // The slot leads to its trampoline already, which runs the newest hook from now on.
+    if (spec.no_trampoline) return 1;
+    return hooks::add(info) == hooks::HOOK_APPENDED ? 0 : 1;
+  }
+  if (hooks::add(info) != hooks::HOOK_NEW) return 1;
+  void* value = spec.no_trampoline ? spec.hook_fn : create_trampoline(info.out_id);
+  if (value == nullptr) return 1;
+  return unsafe_patch_relocation_address(slot, value);
+}
+
 /// Hooks what one spec names. Returns the number of failures.
 int hook_spec(const elfSharedLibData& library, plt_hook_spec& spec) {
   if (spec.hook_fn == nullptr || spec.function_name == nullptr) return 1;
   int failures = 0;
   for (void** slot : find_slots(library, spec)) {
+    // From the look at the slot to the write: another thread may be hooking or unhooking it.
+    const WriteLock lock(&hook_lock);
     const bool known = hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot));
-    if ((known || leads_to(slot, spec.function_name)) &&
-        patch_relocation_address_for_hook(slot, &spec) == 0) {
+    if ((known || leads_to(slot, spec.function_name)) && patch_slot(slot, spec) == 0) {
       ++spec.hook_result;
     } else {
       ++failures;
@@ -191,16 +206,7 @@ int unhook_single_lib(const char* libname, plt_hook_spec* specs, std::size_t cou
 
 int patch_relocation_address_for_hook(void** slot, plt_hook_spec* spec) {
   const WriteLock lock(&hook_lock);
-  hooks::HookInfo info = {0, slot, spec->hook_fn, *slot, spec->no_trampoline};
-  if (hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot))) {
-    // The slot leads to its trampoline already, which runs the newest hook from now on.
-    if (spec->no_trampoline) return 1;
-    return hooks::add(info) == hooks::HOOK_APPENDED ? 0 : 1;
-  }
-  if (hooks::add(info) != hooks::HOOK_NEW) return 1;
-  void* value = spec->no_trampoline ? spec->hook_fn : create_trampoline(info.out_id);
-  if (value == nullptr) return 1;
-  return unsafe_patch_relocation_address(slot, value);
+  return patch_slot(slot, *spec);
 }
 
 int unsafe_patch_relocation_address(void** slot, void* value) {

@@ -1,0 +1,9 @@
+// The functions that hooked_library.cpp imports.
+#include "hooked_library.h"
+
+extern "C" {
+#define BENCH_DEFINE(name) \
+  void name() {}
+BENCH_THOUSAND(BENCH_DEFINE)
+void bench_empty(long /*value*/) {}
+}

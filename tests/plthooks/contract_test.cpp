@@ -1,0 +1,200 @@
+// Calls through one, two and three hooks give bit for bit what they give without.
+//
+// Everything that a called function may overwrite is overwritten: by the hooks before and after
+// they forward, and by the functions with which a trampoline begins and ends a call.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "plthooks/plthooks.h"
+#include "tests/plthooks/fixtures/contract.h"
+#include "tests/plthooks/support.h"
+
+namespace {
+
+using lumora::plthooks::trampoline::pop_hook_stack;
+using lumora::plthooks::trampoline::push_hook_stack;
+
+__attribute__((always_inline)) inline void Clobber() {
+#if defined(__x86_64__)
+#define ONES(n) "pcmpeqd %%xmm" #n ", %%xmm" #n "\n\t"
+  __asm__ volatile(
+      ONES(0) ONES(1) ONES(2) ONES(3) ONES(4) ONES(5) ONES(6) ONES(7) ONES(8) ONES(9) ONES(10)
+          ONES(11) ONES(12) ONES(13) ONES(14) ONES(15)
+      "movq $-1, %%rax; movq %%rax, %%rcx; movq %%rax, %%rdx; movq %%rax, %%rsi\n\t"
+      "movq %%rax, %%rdi; movq %%rax, %%r8; movq %%rax, %%r9; movq %%rax, %%r10\n\t"
+      "movq %%rax, %%r11\n\t" ::
+          : "rax", "rcx", "rdx", "rsi", "rdi", "r8", "r9", "r10", "r11", "cc", "memory", "xmm0",
+            "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
+            "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
+#else
+#define ONES(n) "movi v" #n ".16b, #255\n\tmov x" #n ", #-1\n\t"
+  __asm__ volatile(ONES(0) ONES(1) ONES(2) ONES(3) ONES(4) ONES(5) ONES(6) ONES(7) ONES(16)
+                       ONES(17) "mov x8, #-1\n\tmov x9, #-1\n\tmov x10, #-1\n\tmov x11, #-1\n\t" ::
+                           : "x0", "x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9", "x10",
+                             "x11", "x16", "x17", "cc", "memory", "v0", "v1", "v2", "v3", "v4",
+                             "v5", "v6", "v7", "v16", "v17");
+#endif
+#undef ONES
+}
+
+void* ClobberingBegin(std::uint64_t id, void* return_address, void* stack_address) {
+  Clobber();
+  void* hook = push_hook_stack(id, return_address, stack_address);
+  Clobber();
+  return hook;
+}
+
+void* ClobberingEnd() {
+  Clobber();
+  void* return_address = pop_hook_stack();
+  Clobber();
+  return return_address;
+}
+
+/// Has the trampoline in `slot` begin and end its calls with the above.
+void ClobberIn(void** slot) {
+  auto* data = static_cast<unsigned char*>(*slot) + arch::kTrampolineCodeBytes;
+  void* const functions[] = {reinterpret_cast<void*>(ClobberingBegin),
+                             reinterpret_cast<void*>(ClobberingEnd)};
+  std::memcpy(data, functions, sizeof(functions));
+}
+
+std::string order;
+
+/// A hook that forwards.
+template <int kLevel, typename Function>
+struct Hook;
+
+template <int kLevel, typename Result, typename... Arguments>
+struct Hook<kLevel, Result(Arguments...)> {
+  static Result Call(Arguments... arguments) {
+    Clobber();
+    order += std::to_string(kLevel);
+    const Result result = Previous(Call)(arguments...);
+    Clobber();
+    return result;
+  }
+};
+
+template <int kLevel>
+struct Hook<kLevel, double(int, ...)> {
+  static double Call(int count, ...) {
+    Word w[10];
+    double d[10];
+    std::va_list list;
+    va_start(list, count);
+    for (int at = 0; at < 10; ++at) {
+      w[at] = va_arg(list, Word);
+      d[at] = va_arg(list, double);
+    }
+    va_end(list);
+    Clobber();
+    order += std::to_string(kLevel);
+    return Previous(Call)(count, w[0], d[0], w[1], d[1], w[2], d[2], w[3], d[3], w[4], d[4], w[5],
+                          d[5], w[6], d[6], w[7], d[7], w[8], d[8], w[9], d[9]);
+  }
+};
+
+#if defined(__x86_64__)
+/// Adds 1 to what the function before it gives, for the same static chain.
+template <int kLevel>
+struct Hook<kLevel, Word()> {
+  static Word Call() {
+    Word chain = 0;
+    __asm__ volatile("movq %%r10, %0" : "=r"(chain));
+    order += std::to_string(kLevel);
+    auto* previous = reinterpret_cast<void*>(Previous(Call));
+    __asm__ volatile("movq %1, %%r10; call *%2"
+                     : "=a"(chain)
+                     : "r"(chain), "b"(previous)
+                     : "rcx", "rdx", "rsi", "rdi", "r8", "r9", "r10", "r11", "memory", "cc", "xmm0",
+                       "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7");
+    return chain;
+  }
+};
+#endif
+
+struct Function {
+  const char* name;
+  void* hooks[3];
+};
+
+template <typename T>
+Function Hooked(const char* name, T* /*function*/) {
+  return {name,
+          {reinterpret_cast<void*>(Hook<1, T>::Call), reinterpret_cast<void*>(Hook<2, T>::Call),
+           reinterpret_cast<void*>(Hook<3, T>::Call)}};
+}
+#define HOOKED(name) Hooked(#name, static_cast<decltype(&(name))>(nullptr))
+
+/// In the order of contract_call.
+const Function kFunctions[kContractCalls] = {
+    HOOKED(contract_many),        HOOKED(contract_variadic), HOOKED(contract_four),
+    HOOKED(contract_long_four),   HOOKED(contract_large),    HOOKED(contract_vector),
+    HOOKED(contract_long_double), HOOKED(contract_complex),  HOOKED(contract_chain),
+};
+
+class Contract : public testing::TestWithParam<int> {
+ protected:
+  /// What the functions of this case were given, then what they gave.
+  std::string Run() {
+    seen_->used = 0;
+    const auto result = std::make_unique<Notes>();
+    contract_call_(GetParam(), result.get());
+    return std::string(reinterpret_cast<const char*>(seen_->bytes), seen_->used) + "->" +
+           std::string(reinterpret_cast<const char*>(result->bytes), result->used);
+  }
+
+  Library library_{CONTRACT_CALLER};
+  Notes* seen_ = library_.find<Notes>("contract_seen");
+  decltype(&contract_call) contract_call_ = library_.find<decltype(contract_call)>("contract_call");
+};
+
+TEST_P(Contract, HoldsThroughStackedHooks) {
+  const Function& function = kFunctions[GetParam()];
+  const std::string expected = Run();
+  ASSERT_GT(expected.size(), 8U);
+  void** slot = library_.slot(function.name);
+  ASSERT_NE(slot, nullptr);
+  void* const original = *slot;
+  std::string expected_order;
+  for (int level = 0; level < 3; ++level) {
+    ASSERT_EQ(
+        lumora::plthooks::hook_plt_method(library_.name(), function.name, function.hooks[level]),
+        0);
+    if (level == 0) ClobberIn(slot);
+    expected_order.insert(0, std::to_string(level + 1));
+    order.clear();
+    EXPECT_EQ(Run(), expected) << level + 1 << " hooks";
+    EXPECT_EQ(order, expected_order);
+  }
+  for (void* hook : function.hooks) {
+    EXPECT_EQ(lumora::plthooks::unhook_plt_method(library_.name(), function.name, hook), 0);
+  }
+  EXPECT_EQ(*slot, original);
+  EXPECT_EQ(Run(), expected);
+}
+INSTANTIATE_TEST_SUITE_P(All, Contract, testing::Range(0, kContractCalls),
+                         [](const auto& each) { return kFunctions[each.param].name; });
+
+void ForwardThrow(int value) {
+  Previous(ForwardThrow)(value);
+}
+
+TEST(Exception, ThrownAcrossAHookedCallEndsTheProcess) {
+  const Library library(CONTRACT_CALLER);
+  auto* call = library.find<decltype(contract_catch)>("contract_catch");
+  EXPECT_EQ(call(5), 1);
+  ASSERT_EQ(lumora::plthooks::hook_plt_method(library.name(), "contract_throw",
+                                              reinterpret_cast<void*>(ForwardThrow)),
+            0);
+  EXPECT_EXIT(call(5), testing::KilledBySignal(SIGABRT), "terminate called after throwing");
+}
+
+}  // namespace

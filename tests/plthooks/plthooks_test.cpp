@@ -1,0 +1,370 @@
+// From names to slots and back: what is hooked, what is refused, what pages are left like.
+#include "plthooks/plthooks.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "linker/sharedlibs.h"
+#include "platform/page_protection.h"
+#include "plthooks/hooks.h"
+#include "tests/plthooks/fixtures/calls.h"
+#include "tests/plthooks/support.h"
+#include "tests/records/log_capture.h"
+
+namespace lumora::plthooks {
+namespace {
+
+constexpr std::size_t kPage = 4096;
+
+template <typename T>
+void* Pointer(T* function) {
+  return reinterpret_cast<void*>(function);
+}
+
+std::string order;
+
+int First(int value) {
+  order += '1';
+  return Previous(First)(value);
+}
+int Second(int value) {
+  order += '2';
+  return Previous(Second)(value);
+}
+int Direct(int value) {
+  return value + 100;
+}
+void* FirstMap(void* at, std::size_t bytes, int rights, int flags, int file, std::int64_t offset) {
+  order += 'm';
+  return Previous(FirstMap)(at, bytes, rights, flags, file, offset);
+}
+
+void* PageOf(void* address) {
+  return reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(address) & ~(kPage - 1));
+}
+
+plt_hook_spec Spec(const char* function, void* hook) {
+  return {function, nullptr, hook, false, 0, nullptr};
+}
+
+class Hooking : public testing::Test {
+ protected:
+  int Call(int value) {
+    order.clear();
+    return call_(value);
+  }
+  int Hook(void* hook) { return hook_plt_method(library_.name(), "calls_target", hook); }
+  int Unhook(void* hook) { return unhook_plt_method(library_.name(), "calls_target", hook); }
+
+  Library library_{CALLS_FULL};
+  void** slot_ = library_.slot("calls_target");
+  void* original_ = library_.address("calls_target");
+  decltype(&calls_call) call_ = library_.find<decltype(calls_call)>("calls_call");
+};
+
+TEST_F(Hooking, StacksHooksAndTakesThemOffInAnyOrder) {
+  ASSERT_EQ(*slot_, original_);
+  EXPECT_EQ(Hook(Pointer(First)), 0);
+  void* const trampoline = *slot_;
+  EXPECT_NE(trampoline, original_);
+  EXPECT_EQ(Hook(Pointer(Second)), 0);
+  EXPECT_EQ(*slot_, trampoline);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "21");
+
+  EXPECT_EQ(Unhook(Pointer(Second)), 0);
+  EXPECT_EQ(*slot_, trampoline);
+  EXPECT_EQ(Unhook(Pointer(Second)), 1);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "1");
+  EXPECT_EQ(Hook(Pointer(Second)), 0);
+  EXPECT_EQ(Unhook(Pointer(First)), 0);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "2");
+  EXPECT_EQ(Unhook(Pointer(Second)), 0);
+  EXPECT_EQ(*slot_, original_);
+  EXPECT_FALSE(hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot_)));
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "");
+
+  // A second round gets a trampoline of its own.
+  EXPECT_EQ(Hook(Pointer(First)), 0);
+  EXPECT_NE(*slot_, trampoline);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "1");
+  EXPECT_EQ(Unhook(Pointer(First)), 0);
+  EXPECT_TRUE(LogLines().empty());
+}
+
+TEST_F(Hooking, ADirectHookStandsAlone) {
+  plt_hook_spec direct = Spec("calls_target", Pointer(Direct));
+  direct.no_trampoline = true;
+  EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 0);
+  EXPECT_EQ(direct.hook_result, 1U);
+  EXPECT_EQ(*slot_, Pointer(Direct));
+  EXPECT_EQ(Call(1), 101);
+  EXPECT_EQ(Hook(Pointer(First)), 1);
+  EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 1);
+  EXPECT_EQ(Call(1), 101);
+  EXPECT_EQ(Unhook(Pointer(First)), 1);
+  EXPECT_EQ(Unhook(Pointer(Direct)), 0);
+  EXPECT_EQ(*slot_, original_);
+
+  EXPECT_EQ(Hook(Pointer(First)), 0);
+  EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 1);
+  EXPECT_EQ(direct.hook_result, 1U);
+}
+
+TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
+  plt_hook_spec specs[] = {Spec("calls_target", Pointer(First)), Spec("getppid", Pointer(First)),
+                           Spec("calls_other", nullptr), Spec(nullptr, Pointer(First)),
+                           Spec("calls_other", Pointer(Second))};
+  EXPECT_EQ(hook_single_lib(library_.name(), specs, std::size(specs)), 2);
+  const std::uint32_t hooked[] = {1, 0, 0, 0, 1};
+  for (std::size_t at = 0; at < std::size(specs); ++at) {
+    EXPECT_EQ(specs[at].hook_result, hooked[at]) << at;
+  }
+  EXPECT_EQ(hook_plt_method(library_.name(), "getppid", Pointer(First)), 1);
+  EXPECT_TRUE(LogLines().empty());
+  EXPECT_EQ(unhook_single_lib(library_.name(), specs, 2), 0);
+  EXPECT_EQ(specs[0].hook_result, 2U);
+
+  // The original is nobody's hook.
+  EXPECT_EQ(Hook(Pointer(First)), 0);
+  plt_hook_spec original = Spec("calls_target", original_);
+  EXPECT_EQ(unhook_single_lib(library_.name(), &original, 1), 1);
+  EXPECT_EQ(hook_plt_method("libnone.so", "calls_target", Pointer(First)), 1);
+  EXPECT_TRUE(Logged("] no sharelib libnone.so"));
+}
+
+TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
+  plt_hook_spec spec = Spec("calls_target", Pointer(First));
+  spec.lib_name = "libplthooks_calls_definer.so";
+  EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
+  EXPECT_EQ(spec.hook_result, 1U);
+  EXPECT_EQ(spec.target, original_);
+  // The slot no longer holds that address: nothing is found, which is no failure.
+  spec.hook_fn = Pointer(Second);
+  EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
+  EXPECT_EQ(spec.hook_result, 1U);
+  EXPECT_EQ(Unhook(Pointer(First)), 0);
+
+  // A library that does not define the function leaves it to the name.
+  plt_hook_spec elsewhere = Spec("calls_target", Pointer(First));
+  elsewhere.lib_name = "libc.so.6";
+  LogLines().clear();
+  EXPECT_EQ(hook_single_lib(library_.name(), &elsewhere, 1), 0);
+  EXPECT_EQ(elsewhere.hook_result, 1U);
+}
+
+TEST_F(Hooking, AcceptsOtherNamesOfTheFunction) {
+  auto* map = library_.find<decltype(calls_map)>("calls_map");
+  ASSERT_EQ(hook_plt_method(library_.name(), "mmap64", Pointer(FirstMap)), 0)
+      << testing::PrintToString(LogLines());
+  order.clear();
+  EXPECT_EQ(map(), 1);
+  EXPECT_EQ(order, "m");
+  EXPECT_EQ(unhook_plt_method(library_.name(), "mmap64", Pointer(FirstMap)), 0);
+}
+
+/// Lets the jump-slot relocation of `from` name `to`, as some linkers would make two for one.
+void Rename(const Library& library, const char* from, const char* to) {
+  const auto index = linker::sharedLib(library.name());
+  const auto number = [&index](const char* name) {
+    return static_cast<std::uint64_t>(index.find_symbol_by_name(name) - index.symtab_);
+  };
+  const std::uint64_t wanted = number(from);
+  for (std::uint64_t at = 0; at < index.plt_relocations_count_; ++at) {
+    auto& info = const_cast<Elf64_Xword&>(index.plt_relocations_[at].r_info);
+    if (ELF64_R_SYM(info) != wanted) continue;
+    ASSERT_EQ(mprotect(PageOf(&info), kPage, PROT_READ | PROT_WRITE | PROT_EXEC), 0);
+    info = ELF64_R_INFO(number(to), ELF64_R_TYPE(info));
+  }
+}
+
+TEST_F(Hooking, TwoSlotsOfOneFunctionAreHookedButReported) {
+  void** other = library_.slot("calls_other");
+  Rename(library_, "calls_other", "calls_target");
+  EXPECT_EQ(Hook(Pointer(First)), 1);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "1");
+  EXPECT_NE(*other, library_.address("calls_other"));
+  EXPECT_EQ(library_.find<decltype(calls_call_other)>("calls_call_other")(1), 3);
+  EXPECT_EQ(order, "11");
+  EXPECT_EQ(Unhook(Pointer(First)), 1);
+  EXPECT_EQ(*slot_, original_);
+  EXPECT_EQ(*other, library_.address("calls_other"));
+}
+
+TEST_F(Hooking, RefusesSlotsThatLeadElsewhere) {
+  ASSERT_EQ(unsafe_patch_relocation_address(slot_, &order), 0);
+  EXPECT_EQ(Hook(Pointer(First)), 1);
+  EXPECT_TRUE(Logged(" vs calls_target"));
+  auto* heap = std::malloc(64);
+  ASSERT_EQ(unsafe_patch_relocation_address(slot_, heap), 0);
+  EXPECT_EQ(Hook(Pointer(First)), 1);
+  char line[64];
+  std::snprintf(line, sizeof(line), "] GOT entry does not point to a DSO:%lx",
+                reinterpret_cast<unsigned long>(heap));
+  EXPECT_TRUE(Logged(line)) << line;
+  EXPECT_EQ(*slot_, heap);
+  std::free(heap);
+}
+
+TEST(LazySlot, FailsUntilItIsResolved) {
+  unsetenv("LD_BIND_NOW");
+  const Library library(CALLS_PARTIAL, false);
+  const auto hook = [&library] {
+    return hook_plt_method(library.name(), "calls_target", Pointer(First));
+  };
+  EXPECT_EQ(hook(), 1);
+  ASSERT_EQ(LogLines().size(), 1U);
+  EXPECT_NE(LogLines()[0].find("] GOT entry does not point to symbol we need: "),
+            std::string::npos);
+  EXPECT_TRUE(Logged(" vs calls_target"));
+  auto* call = library.find<decltype(calls_call)>("calls_call");
+  EXPECT_EQ(call(1), 2);
+  EXPECT_EQ(hook(), 0);
+  order.clear();
+  EXPECT_EQ(call(1), 2);
+  EXPECT_EQ(order, "1");
+}
+
+const char* hooked_library = nullptr;
+
+int RemovesItself(int value) {
+  order += 'r';
+  EXPECT_EQ(unhook_plt_method(hooked_library, "calls_target", Pointer(RemovesItself)), 0);
+  EXPECT_EQ(hook_plt_method(hooked_library, "calls_target", Pointer(Second)), 0);
+  return Previous(RemovesItself)(value);
+}
+
+TEST_F(Hooking, ACallKeepsTheHooksItBeganWith) {
+  hooked_library = library_.name();
+  EXPECT_EQ(Hook(Pointer(First)), 0);
+  EXPECT_EQ(Hook(Pointer(RemovesItself)), 0);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "r1");
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "21");
+}
+
+TEST(Registry, AnswersInCodes) {
+  using namespace hooks;  // NOLINT: the whole of it is meant
+  void* slot = nullptr;
+  const auto info = [&slot](void* now, void* before, bool direct = false) {
+    return HookInfo{0, &slot, now, before, direct};
+  };
+  HookInfo hook1 = info(Pointer(First), &order);
+  HookInfo hook2 = info(Pointer(Second), &order);
+  HookInfo original = info(&order, &order);
+  HookInfo incomplete = info(nullptr, &order);
+  EXPECT_EQ(add(incomplete), HOOK_INVALID);
+  EXPECT_EQ(remove(incomplete), HOOK_INVALID);
+  EXPECT_EQ(remove(hook1), HOOK_UNKNOWN);
+  EXPECT_EQ(add(hook1), HOOK_NEW);
+  EXPECT_EQ(add(hook2), HOOK_APPENDED);
+  EXPECT_EQ(get_run_list(hook1.out_id), (RunList{&order, Pointer(First), Pointer(Second)}));
+  EXPECT_TRUE(get_run_list(hook1.out_id + 1000).empty());
+  EXPECT_EQ(remove(original), HOOK_INVALID);
+  EXPECT_EQ(remove(hook1), HOOK_REMOVED_STILL_HOOKED);
+  EXPECT_EQ(remove(hook1), HOOK_UNKNOWN);
+  hook2.previous_function = nullptr;
+  EXPECT_EQ(remove(hook2), HOOK_REMOVED_TRIVIAL);
+  EXPECT_EQ(hook2.previous_function, &order);
+  EXPECT_EQ(remove(hook2), HOOK_INVALID);
+  EXPECT_EQ(remove(original), HOOK_REMOVED_FULLY);
+  EXPECT_FALSE(is_hooked(reinterpret_cast<std::uintptr_t>(&slot)));
+  // A call may have read the slot just before: its list is still there.
+  EXPECT_EQ(get_run_list(hook1.out_id), RunList{&order});
+
+  HookInfo direct = info(Pointer(First), &order, true);
+  EXPECT_EQ(add(direct), HOOK_NEW);
+  EXPECT_GT(direct.out_id, hook1.out_id);
+  EXPECT_EQ(add(hook2 = info(Pointer(Second), &order)), HOOK_NOT_CHAINABLE);
+  // Ids beyond what the table of records began with.
+  std::vector<void*> slots(200);
+  for (void*& each : slots) {
+    HookInfo one = {0, &each, Pointer(First), &each, false};
+    EXPECT_EQ(add(one), HOOK_NEW);
+    EXPECT_EQ(get_run_list(one.out_id).front(), &each);
+  }
+}
+
+/// What a library's pages are like before, while and after its slot is hooked.
+void ExpectRightsKept(const char* path, const std::string& rights, int linux_rule) {
+  const Library library(path);
+  void** slot = library.slot("calls_target");
+  EXPECT_EQ(Rights(slot), rights);
+  EXPECT_EQ(platform::LinuxProtectionAfterWrite(PageOf(slot), kPage), linux_rule);
+  EXPECT_EQ(platform::AndroidProtectionAfterWrite(PageOf(slot), kPage), PROT_READ);
+  EXPECT_EQ(hook_plt_method(library.name(), "calls_target", Pointer(First)), 0);
+  EXPECT_EQ(Rights(slot), rights);
+  EXPECT_EQ(unhook_plt_method(library.name(), "calls_target", Pointer(First)), 0);
+  EXPECT_EQ(Rights(slot), rights);
+}
+
+TEST(Pages, ProtectedSlotsAreProtectedAgain) {
+  ExpectRightsKept(CALLS_FULL, "r--", PROT_READ);
+}
+
+TEST(Pages, VariablesBesideTheSlotsStayWritable) {
+  const Library library(CALLS_PARTIAL);
+  int* variable = library.find<int>("calls_variable");
+  ASSERT_EQ(PageOf(variable), PageOf(library.slot("calls_target")));
+  ExpectRightsKept(CALLS_PARTIAL, "rw-", PROT_READ | PROT_WRITE);
+  *variable = 8;
+}
+
+/// A page of a file in this process, with this `content` unless it is null. The file is `bytes`
+/// long when the page is touched.
+void** MapFile(int rights, off_t bytes, const void* content = nullptr) {
+  char path[] = "/tmp/plthooks_test.XXXXXX";
+  const int file = mkstemp(path);
+  EXPECT_EQ(ftruncate(file, kPage), 0);
+  if (content != nullptr) {
+    EXPECT_EQ(pwrite(file, content, kPage, 0), static_cast<ssize_t>(kPage));
+  }
+  const int again = open(path, (rights & PROT_WRITE) != 0 ? O_RDWR : O_RDONLY);
+  void* page = mmap(nullptr, kPage, rights, MAP_SHARED, again, 0);
+  EXPECT_NE(page, MAP_FAILED);
+  EXPECT_EQ(ftruncate(file, bytes), 0);
+  close(again);
+  close(file);
+  unlink(path);
+  return static_cast<void**>(page);
+}
+
+TEST(Pages, AFailedWriteIsReported) {
+  ASSERT_EQ(plthooks_initialize(), 0);
+  EXPECT_EQ(unsafe_patch_relocation_address(MapFile(PROT_READ, kPage), &order), 5);
+  EXPECT_TRUE(Logged("] unsafe_patch_relocation_address mprotect"));
+  void** beyond_the_end = MapFile(PROT_READ | PROT_WRITE, 0);
+  EXPECT_EQ(unsafe_patch_relocation_address(beyond_the_end, &order), 1);
+  EXPECT_EQ(errno, EFAULT);
+  EXPECT_TRUE(LogLines().empty());
+}
+
+TEST_F(Hooking, ASlotThatCannotBePutBackEndsTheProcess) {
+  ASSERT_EQ(Hook(Pointer(First)), 0);
+  EXPECT_EXIT(ReportAbort([this] {
+                // In the place of the slot's page, its copy that nobody may write to.
+                void** page = MapFile(PROT_READ, kPage, PageOf(slot_));
+                mremap(page, kPage, kPage, MREMAP_MAYMOVE | MREMAP_FIXED, PageOf(slot_));
+                Unhook(Pointer(First));
+              }),
+              testing::ExitedWithCode(3),
+              "7 .*plthooks/plthooks.cpp:[0-9]+. Unable to unhook GOT slot");
+}
+
+}  // namespace
+}  // namespace lumora::plthooks
