@@ -81,8 +81,10 @@ MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uin
   }
   if (pc == 0 || max_frames == 0) return 0;
   // Code that was compiled without frame pointers has anything in that register: who called is
-  // known all the same, and nothing above it.
-  if (base <= own || base - own >= kHookedCallerBytes) {
+  // known all the same, and nothing above it. A stray value that passes for a frame nearby is read
+  // like one; all that lies there is the stack, unless that ends first.
+  const bool aligned = base % arch::kFrameAlignment == 0;
+  if (!aligned || base <= own || base - own >= kHookedCallerBytes) {
     frames[0] = pc;
     return 1;
   }

@@ -233,11 +233,11 @@ elfSharedLibData::operator bool() const {
   return true;
 }
 
-/// Whether `name` is the library's. Its own string is not read: it was freed if the library is
-/// gone.
+/// Whether `name` is the library's. Its own string is not read, nor its address compared: it was
+/// freed if the library is gone, and another library's name may lie there by now.
 bool elfSharedLibData::is_lib_name(const char* name) const {
   if (name == nullptr || lib_name_ == nullptr) return false;
-  return name == lib_name_ || NameHash(name) == lib_name_hash_;
+  return NameHash(name) == lib_name_hash_;
 }
 
 /// strcmp's answer, without reading behind the string table.

@@ -30,9 +30,11 @@ using IterateFunction = int (*)(int (*)(dl_phdr_info*, std::size_t, void*), void
 pthread_rwlock_t registry_lock = PTHREAD_RWLOCK_INITIALIZER;
 std::atomic<bool> linker_enabled{true};
 
+/// Left to the process's end, never to its exit handlers: the report at the exit takes the hooks
+/// away, and commands come until the last moment.
 Registry& SharedLibs() {
-  static Registry registry;
-  return registry;
+  static auto* registry = new Registry;
+  return *registry;
 }
 
 /// The last component of `path`, by the rules of plt_basename; too long ones included.

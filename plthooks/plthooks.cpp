@@ -50,7 +50,7 @@ void* resolve_target(const plt_hook_spec& spec) {
 }
 
 /// The slots through which `library` calls the function, in the order of its relocations. Keeps the
-/// address in the spec when it looked that up.
+/// address in the request when it looked that up.
 std::vector<void**> find_slots(const elfSharedLibData& library, plt_hook_spec& spec) {
   if (spec.target == nullptr && spec.lib_name != nullptr) spec.target = resolve_target(spec);
   if (spec.target != nullptr) return library.get_plt_relocations(spec.target);
@@ -169,7 +169,7 @@ int for_each_spec(const char* libname, plt_hook_spec* specs, std::size_t count, 
     const elfSharedLibData library = found ? found : elfSharedLibData();
     for (std::size_t at = 0; at < count; ++at) failures += action(library, specs[at]);
   } catch (const std::bad_alloc&) {
-    LOG(ERROR) << "out of memory while hooking " << libname;
+    LOG(ERROR) << "out of memory while hooking";
     ++failures;
   }
   return failures;

@@ -18,6 +18,7 @@
 
 #include "linker/log_assert.h"
 #include "linker/rwlock.h"
+#include "platform/thread_keys.h"
 #include "plthooks/hooks.h"
 
 // From <linux/prctl.h>, for headers that are older than the call.
@@ -113,7 +114,8 @@ Frame* claim_frame() {
   StackBlock* stack = own_stack();
   if (stack == nullptr) {
     stack = new_stack_block();
-    pthread_setspecific(stack_key(), stack);
+    const int code = pthread_setspecific(stack_key(), stack);
+    if (code != 0) linker::log_assert("no memory for the hook stack: %s", std::strerror(code));
   }
   Frame* previous = stack->top;
   Frame* frame = previous == nullptr ? stack->frames : frame_above(previous);
@@ -222,8 +224,16 @@ void* pop_hook_stack() {
 
 }  // namespace trampoline
 
+void prepare_hook_stack() {
+  stack_key();
+}
+
 void* create_trampoline(std::uint64_t id) {
-  stack_key();  // made now, so that no hooked call has to
+  if (!platform::ThreadKeyNeverAllocates(stack_key())) {
+    // A hooked call may be the allocator's own.
+    LOG(ERROR) << "too many thread keys are in use to hook a function";
+    return nullptr;
+  }
   const WriteLock lock(&trampoline_lock);
   return trampolines().emplace_back(id).code;
 }

@@ -45,7 +45,13 @@ void* pop_hook_stack();
 
 }  // namespace trampoline
 
-/// The entry of a new trampoline for the hook `id`, or null when there is no memory. Takes the
+/// Takes the thread key of the hook stack, once. At start-up, while keys that never allocate are
+/// still to be had; without it, it is done with the first trampoline. Ends the process when there
+/// is no key left at all.
+void prepare_hook_stack();
+
+/// The entry of a new trampoline for the hook `id`, or null when there is no memory or no thread
+/// key that can be set without allocating, which is logged. Takes the
 /// trampolines' locks.
 void* create_trampoline(std::uint64_t id);
 

@@ -19,7 +19,13 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
 static_assert(sizeof(std::atomic<std::int64_t>) == sizeof(std::int64_t));
 static_assert(std::atomic<std::int64_t>::is_always_lock_free);
 
-#if defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#define MEMLEAK_HAS_FEATURE(name) __has_feature(name)
+#else
+#define MEMLEAK_HAS_FEATURE(name) 0
+#endif
+
+#if defined(__SANITIZE_THREAD__) || MEMLEAK_HAS_FEATURE(thread_sanitizer)
 // ThreadSanitizer does not follow fences: there the counters themselves carry the order.
 constexpr std::memory_order kCount = std::memory_order_seq_cst;
 constexpr std::memory_order kLook = std::memory_order_seq_cst;

@@ -5,11 +5,13 @@
 #include "sigmux/sigmux.h"
 
 #include <pthread.h>
+#include <ucontext.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
+#include "platform/signal_policy.h"
 #include "sigmux/phaser.h"
 
 namespace {
@@ -58,12 +60,21 @@ struct sigaction* new_action() {
   return static_cast<struct sigaction*>(calloc(1, sizeof(struct sigaction)));
 }
 
+/// Makes `mask` the thread's, but for what the platform keeps blocked in the code that `context`
+/// (may be null) was interrupted in.
+void set_handler_mask(sigset_t mask, const void* context) {
+  if (context != nullptr) {
+    platform::KeepBlocked(static_cast<const ucontext_t*>(context)->uc_sigmask, &mask);
+  }
+  sigprocmask(SIG_SETMASK, &mask, nullptr);
+}
+
 /// The action installed for every signal taken over.
 void dispatch(int signum, siginfo_t* info, void* context) {
   const int saved_errno = errno;
   sigset_t none;
   sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  set_handler_mask(none, context);
   sigmux_handle_signal(signum, info, context,
                        SIGMUX_RUN_NORMAL | SIGMUX_RUN_LATE | SIGMUX_RUN_PREVIOUS);
   errno = saved_errno;
@@ -151,7 +162,7 @@ bool has_function(const struct sigaction& action) {
 void call_previous(const struct sigaction& action, int signum, siginfo_t* info, void* context) {
   sigset_t mask = action.sa_mask;
   if ((action.sa_flags & SA_NODEFER) == 0) sigaddset(&mask, signum);
-  sigprocmask(SIG_SETMASK, &mask, nullptr);
+  set_handler_mask(mask, context);
   if ((action.sa_flags & SA_SIGINFO) != 0) {
     action.sa_sigaction(signum, info, context);
   } else {

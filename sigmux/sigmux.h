@@ -25,7 +25,8 @@ struct sigmux_event {
 
 /// A registered handler: gets the event and the data it was registered with; says, by a value other
 /// than zero, that the signal is dealt with. Runs in signal context on the interrupted thread, with
-/// no signal blocked; must be async-signal-safe and must not register or remove handlers.
+/// no signal blocked that the platform does not keep so; must be async-signal-safe and must not
+/// register or remove handlers.
 using sigmux_handler = int (*)(sigmux_event* event, void* data);
 
 /// A place in the list of handlers. Opaque to callers.

@@ -11,6 +11,7 @@
 #include <cerrno>
 
 #include "backtrace/Backtrace.h"
+#include "plthooks/trampoline.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
 #include "tracker/MemTrackControl.h"
@@ -194,6 +195,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
     MemTrackControl::DestroyInstance();
     return false;
   }
+  lumora::plthooks::prepare_hook_stack();
   SignalActionsInit();
   BacktraceStartup();
   return true;

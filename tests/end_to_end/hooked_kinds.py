@@ -121,6 +121,18 @@ def from_the_start(session):
     session.quit()
 
 
+def at_exit(session):
+    """Switched on from outside, the report made while the program ends: the hooks go with it."""
+    session.start_mapper("--report-at-exit", "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
+    session.tell("on", "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
+    session.step("map 5 4096")
+    session.quit()
+    assert session.sizes() == {4096: 5}, session.sizes()
+    with open(session.root + "/log") as log:
+        text = log.read()
+        assert "no sharelib" not in text and "unhook" not in text, text
+
+
 def sqlite(session):
     """Natively sqlite calls its mapping functions through a table of its own, which has no slot:
     that is said, and the command does no harm. For 64-bit Arm it has slots, too, and is hooked; it

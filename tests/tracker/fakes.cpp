@@ -18,8 +18,9 @@ namespace {
 using mallinfo_type = struct mallinfo;
 
 std::mutex mutex;
-std::string events;
-std::vector<std::string> log_lines;
+// Never destroyed: a report's thread may outlive main.
+auto& events = *new std::string;
+auto& log_lines = *new std::vector<std::string>;
 std::function<void()> report_action;
 
 std::string Name(const void* pointer) {

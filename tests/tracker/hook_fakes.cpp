@@ -56,6 +56,7 @@ int hook_plt_method(const char* libname, const char* name, void* hook) {
 int unhook_plt_method(const char* libname, const char* name, void* hook) {
   return fake::Answer("unhook", libname, name, hook);
 }
+void prepare_hook_stack() {}
 void* get_previous_from_hook(void* /*hook*/) {
   return fake::Hooks().previous;
 }

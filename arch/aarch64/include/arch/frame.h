@@ -9,6 +9,9 @@ namespace arch {
 /// four bytes long.
 inline constexpr std::uint64_t kCallSiteAdjustment = 4;
 
+/// The stack pointer's alignment, and so a frame record's (AAPCS64, "The stack").
+inline constexpr std::uint64_t kFrameAlignment = 16;
+
 /// A frame record: where x29 points (AAPCS64, "The Frame Pointer").
 struct FrameRecord {
   std::uint64_t caller_frame;

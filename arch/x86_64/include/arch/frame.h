@@ -9,6 +9,10 @@ namespace arch {
 /// call will do, and its last one is always there.
 inline constexpr std::uint64_t kCallSiteAdjustment = 1;
 
+/// A frame record's alignment: the stack's at a call, less return address and frame pointer (System
+/// V ABI, "The Stack Frame").
+inline constexpr std::uint64_t kFrameAlignment = 16;
+
 /// A frame record: where the frame pointer points (System V ABI, "push %rbp" after the call).
 struct FrameRecord {
   std::uint64_t caller_frame;

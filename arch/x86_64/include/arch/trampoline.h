@@ -11,6 +11,6 @@ inline constexpr std::size_t kTrampolineCodeBytes = 376;
 
 }  // namespace arch
 
-/// The code, kTrampolineCodeBytes long. Runs at any address; not to be run
-/// where it stands.
+/// The code, kTrampolineCodeBytes long. Runs at any address; not to be run where it
+/// stands.
 extern "C" const unsigned char arch_trampoline_code[];
