@@ -76,6 +76,7 @@ int OnCommand(const OnOptions& options) {
                     "add --kind mmap, ion or gpu");
   }
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+  RefuseBeside(process, options.kind);
   const BacktraceSettings settings = ApplySettings(process, options);
   // Both bits in one word: recording goes on first and is then emptied.
   const std::uint64_t word = options.keep ? kNativeOn : kNativeOn | kNativeClear;

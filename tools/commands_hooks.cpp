@@ -8,6 +8,7 @@
 #include "tools/format.h"
 #include "tools/hook_outcome.h"
 #include "tools/hook_targets.h"
+#include "tools/log_tail.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
 #include "tools/user_error.h"
@@ -208,11 +209,13 @@ class LibraryTable {
 int HookOnCommand(const OnOptions& options) {
   const KindInfo& kind = InfoOf(options.kind);
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+  RefuseBeside(process, options.kind);
   const ProcessMemory memory(process.pid);
   const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
   const HookPlan plan = PlanFor(process, loaded, options, memory);
   const std::uint32_t depth = WriteHookSettings(process, options, plan);
   const LogTail log(process);
+  const bool hooked_before = !HookedPairs(process, plan, memory).empty();
 
   // Both bits in one word: recording goes on first, and what there was is dropped if it did.
   SendCommand(process, options.keep ? kind.on : kind.on | kind.clear, 0);
@@ -236,7 +239,47 @@ int HookOnCommand(const OnOptions& options) {
               << ", " << depth << " frames by frame pointers\n";
   }
   PrintHooked(plan, outcome);
+  if (hooked_before) {
+    std::cout
+        << "        Some were hooked before. These have one hook more now, and one report takes\n"
+           "        one hook off: give as many as it takes.\n";
+  }
   return kExitOk;
+}
+
+void RefuseBeside(const ProcessInfo& process, Kind wanted) {
+  const std::optional<std::string> log = OwnLog(process);
+  if (!log) return;
+  const std::string first = "first: memleak report " + std::to_string(process.pid);
+  if (wanted != Kind::kNative) {
+    if (RecordingFromLog(*log) != Recording::kOn) return;
+    throw UserError("native recording is on in " + process.Label() +
+                        ", and neither is recorded well beside the other; nothing was sent",
+                    first);
+  }
+  const std::string hooks = HooksFromLog(*log);
+  for (const KindInfo& info : AllKinds()) {
+    if (hooks != std::string(info.name) + " on") continue;
+    throw UserError(std::string(info.name) + " recording is on in " + process.Label() +
+                        ", and neither is recorded well beside the other; nothing was sent",
+                    first + " --kind " + info.name);
+  }
+}
+
+void PrintStillHooked(const ProcessInfo& process) {
+  const ProcessMemory memory(process.pid);
+  if (!memory.IsOpen()) return;
+  std::vector<HookPair> left;
+  try {
+    left = AllHookedPairs(process, memory);
+  } catch (const UserError&) {
+    return;  // it has ended since, and took all hooks with it
+  }
+  if (left.empty()) return;
+  PrintPairs("hooked  ", left, std::cout);
+  std::cout
+      << "        Still, but nothing is recorded: of hooks that several `on` have put in, one\n"
+         "        report takes one off, in the libraries that the latest `on` has named.\n";
 }
 
 int LibsCommand(pid_t pid) {

@@ -213,6 +213,7 @@ int ReportCommand(const ReportOptions& options) {
   std::cout << "\nbytes   " << FormatCount(report.header.total_bytes) << " ("
             << FormatBytes(report.header.total_bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
+  if (options.kind != Kind::kNative) PrintStillHooked(process);
   return kExitOk;
 }
 

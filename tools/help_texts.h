@@ -60,8 +60,12 @@ the tracker first.
   ion   DMA-heap buffers: ioctl in libdmabufheap.so
   gpu   KGSL buffers: ioctl in libgsl.so
 --lib and --func are written to the properties too; such a list takes up to 91
-bytes. Record one kind at a time: all share the tables, and `report --kind`
-takes only those hooks away that the latest `on` has named.
+bytes. Record one kind at a time: all share the tables. Beside native recording
+no other kind is switched on, nor the other way round, where a log tells.
+
+Each `on` puts its hooks on top of those that are there, also after a pause, and
+each `report --kind` takes one off, in the libraries that the latest `on` has
+named. What is left records nothing until the next `on`.
 
 Hooked calls are always traced by frame pointers, as the unwinder cannot cross
 a hook; that stays set for native recording until --unwind says otherwise.
@@ -84,7 +88,7 @@ Exit codes:
 inline constexpr const char* kPause = R"(
 No new blocks are recorded; blocks that are freed still leave the tables.
 `memleak on PID --keep` goes on. Of the kinds other than native neither is
-recorded; the hooks stay and do nothing.
+recorded; the hooks stay and do nothing, and going on hooks once more.
 
 Examples:
   memleak pause 4711
@@ -97,7 +101,8 @@ Exit codes:
 inline constexpr const char* kReport = R"(
 Stops recording, has the process write its report, waits until that is
 complete and prints where it is. A report that is already there is kept beside
-it as allocations_dump.old. With --kind, the hooks are taken away.
+it as allocations_dump.old. With --kind, the hooks of the latest `on` are taken
+away; what earlier ones have left hooked is named, and records nothing.
 
 Examples:
   memleak report 4711

@@ -68,6 +68,22 @@ std::vector<std::string> Complaints(const std::vector<std::string>& lines) {
   return complaints;
 }
 
+std::vector<std::string> WithoutUnplanned(const std::vector<std::string>& complaints) {
+  constexpr std::string_view kReasons[] = {"no sharelib ", "GOT entry ",
+                                           "unsafe_patch_relocation_address mprotect",
+                                           "allocator_block mmap fail"};
+  std::vector<std::string> rest;
+  bool has_reason = false;
+  for (const std::string& complaint : complaints) {
+    const bool of_pair = complaint.starts_with("plt hook ");
+    if (!of_pair || has_reason) rest.push_back(complaint);
+    has_reason =
+        std::any_of(std::begin(kReasons), std::end(kReasons),
+                    [&](std::string_view reason) { return complaint.starts_with(reason); });
+  }
+  return rest;
+}
+
 std::uint64_t TrampolineBytes(const std::vector<Mapping>& mappings) {
   std::uint64_t bytes = 0;
   for (const Mapping& mapping : mappings) {
@@ -89,6 +105,7 @@ HookOutcome WaitForHooks(const ProcessInfo& process, const KindInfo& kind, const
     const bool said_nothing = AnyHas(lines, "all plt hook failed!");
     const bool all_slots = LookAtSlots(process, plan, memory, &outcome);
     outcome.complaints = Complaints(lines);
+    if (all_slots) outcome.complaints = WithoutUnplanned(outcome.complaints);
     if (said_nothing || said_on) {
       outcome.result = said_nothing ? HookResult::kNothing : HookResult::kHooked;
       return outcome;

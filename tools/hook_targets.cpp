@@ -56,8 +56,12 @@ std::string Joined(const std::vector<std::string>& names) {
   return text;
 }
 
+bool Has(const std::vector<std::string>& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
 void AddOnce(const std::string& name, std::vector<std::string>* names) {
-  if (std::find(names->begin(), names->end(), name) == names->end()) names->push_back(name);
+  if (!Has(*names, name)) names->push_back(name);
 }
 
 /// A plan that is being made.
@@ -73,6 +77,7 @@ class Planner {
 
   HookPlan Make() {
     for (const std::string& name : request_.libraries) AddLibrary(name);
+    for (const HookPair& pair : several_) AddSeveral(pair);
     return std::move(plan_);
   }
 
@@ -104,11 +109,26 @@ class Planner {
                          " in its place",
                      "rename it");
     }
-    const std::size_t before = plan_.pairs.size() + plan_.problems.size();
+    const std::size_t before = Count();
     for (const std::string& function : request_.functions) AddPair(*library, function);
-    if (plan_.pairs.size() + plan_.problems.size() == before) {
+    if (Count() == before) {
       Problem(name + " imports none of " + Joined(request_.functions), list_);
     }
+  }
+
+  std::size_t Count() const { return plan_.pairs.size() + plan_.problems.size() + several_.size(); }
+
+  // What is left out of the plan is hooked all the same when the plan has its library and its
+  // function, each for the sake of another pair: the settings name them apart.
+  void AddSeveral(const HookPair& pair) {
+    const std::string several =
+        pair.library + " has several jump slots for " + pair.function + ", and ";
+    if (Has(plan_.libraries, pair.library) && Has(plan_.functions, pair.function)) {
+      return Problem(several + "is hooked there all the same, since the settings name libraries" +
+                         " and functions apart",
+                     "leave one of the two out");
+    }
+    Problem(several + "the tracker takes exactly one", "leave it out");
   }
 
   void AddPair(const LoadedLibrary& library, const std::string& function) {
@@ -130,9 +150,8 @@ class Planner {
                            ": it was built with -fno-plt, or only takes the function's address",
                        "build it without that option");
       case ImportState::kSeveral:
-        return Problem(name + " has several jump slots for " + function +
-                           ", and the tracker takes exactly one",
-                       "leave it out");
+        several_.push_back({name, function});
+        return;
       case ImportState::kUnresolved:
         return Problem(name + " has not resolved " + function + " yet (lazy binding)",
                        "start the program with LD_BIND_NOW=1, as memleak run does");
@@ -151,6 +170,7 @@ class Planner {
   const ProcessMemory& memory_;
   std::string list_;
   HookPlan plan_;
+  std::vector<HookPair> several_;
 };
 
 }  // namespace
@@ -187,6 +207,24 @@ ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& li
 HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
                    const HookRequest& request, const ProcessMemory& memory) {
   return Planner(process, loaded, request, memory).Make();
+}
+
+std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMemory& memory) {
+  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
+  std::vector<HookPair> hooked;
+  for (const LoadedLibrary& library : loaded.libraries) {
+    if (library.is_program || IsOwn(library.name) || !library.file) continue;
+    // The slots themselves are looked at: one of several may be hooked, too.
+    for (const Import& import : library.file->imports) {
+      const bool known = !hooked.empty() && hooked.back().library == library.name &&
+                         hooked.back().function == import.function;
+      if (known || !import.jump_slot || !HasProxy(import.function, library.name)) continue;
+      if (StateOfSlot(loaded, library, import, memory) == ImportState::kHooked) {
+        hooked.push_back({library.name, import.function});
+      }
+    }
+  }
+  return hooked;
 }
 
 std::vector<HookPair> HookedPairs(const ProcessInfo& process, const HookPlan& plan,

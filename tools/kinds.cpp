@@ -47,6 +47,45 @@ std::uint64_t ReceivedWord(std::string_view line) {
   return word;
 }
 
+/// A log that is read from its start, one command word after another.
+class HookLog {
+ public:
+  void Add(const std::string& line) {
+    const std::uint64_t word = ReceivedWord(line);
+    if (word != 0) {
+      before_ = State();
+      word_ = word;
+      done_ = 0;
+      return;
+    }
+    for (const KindInfo& info : AllKinds()) {
+      const std::size_t at = line.find(info.state_line);
+      if (info.kind == Kind::kNative || at == std::string::npos) continue;
+      const bool on = line.compare(at + std::string_view(info.state_line).size(), 4, "true") == 0;
+      done_ |= on ? info.on : info.pause;
+    }
+  }
+
+  // Carries the latest word out as the tracker does: kind by kind, each on, pause, stop. Stopping
+  // leaves no line, but an "on" that fails leaves its own out and ends the word.
+  std::string State() const {
+    std::string state = before_;
+    for (const KindInfo& info : AllKinds()) {
+      if (info.kind == Kind::kNative) continue;
+      if ((done_ & info.on) != 0) state = std::string(info.name) + " on";
+      if ((word_ & ~done_ & info.on) != 0) break;
+      if ((done_ & info.pause) != 0) state = std::string(info.name) + " paused";
+      if ((word_ & info.report) != 0) state = "recording off (stopped by a report)";
+    }
+    return state;
+  }
+
+ private:
+  std::string before_;      // the state before the latest word
+  std::uint64_t word_ = 0;  // the latest word
+  std::uint64_t done_ = 0;  // those of its bits that have left a line
+};
+
 }  // namespace
 
 const std::vector<KindInfo>& AllKinds() {
@@ -147,22 +186,10 @@ std::string WithHooks(const std::string& properties, const std::vector<std::stri
 }
 
 std::string HooksFromLog(std::string_view log) {
-  std::string state;
+  HookLog hooks;
   std::istringstream lines{std::string(log)};
-  for (std::string line; std::getline(lines, line);) {
-    const std::uint64_t word = ReceivedWord(line);
-    for (const KindInfo& info : AllKinds()) {
-      if (info.kind == Kind::kNative) continue;
-      // Stopping leaves no line of its own, so the command word is read; whether hooks went in
-      // does.
-      if ((word & info.report) != 0) state = "off (stopped by a report)";
-      const std::size_t at = line.find(info.state_line);
-      if (at == std::string::npos) continue;
-      const bool on = line.compare(at + std::string_view(info.state_line).size(), 4, "true") == 0;
-      state = std::string(info.name) + (on ? " on" : " paused");
-    }
-  }
-  return state;
+  for (std::string line; std::getline(lines, line);) hooks.Add(line);
+  return hooks.State();
 }
 
 }  // namespace memleak

@@ -76,7 +76,8 @@ std::string WithHooks(const std::string& properties, const std::vector<std::stri
                       const std::vector<std::string>& functions);
 
 /// The state of the hooks after the last command in the text of a tracker log: "mmap on",
-/// "ion paused", "off (stopped by a report)"; empty when there never was a command for them.
+/// "ion paused", "recording off (stopped by a report)"; empty when there never was a command for
+/// them.
 std::string HooksFromLog(std::string_view log);
 
 }  // namespace memleak

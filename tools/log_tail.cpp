@@ -43,6 +43,18 @@ std::vector<std::string> LogTail::Lines() const {
   return lines;
 }
 
+std::optional<std::string> OwnLog(const ProcessInfo& process) {
+  if (process.log.empty()) return std::nullopt;
+  std::ifstream file(process.log, std::ios::binary);
+  if (!file) return std::nullopt;
+  std::string text;
+  for (std::string line; std::getline(file, line);) {
+    const pid_t writer = ProcessOf(line);
+    if (writer == 0 || writer == process.pid) text += line + "\n";
+  }
+  return text;
+}
+
 std::string LogText(const std::string& line) {
   if (ProcessOf(line) == 0) return line;
   constexpr int kFieldsBefore = 4;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,10 @@ class LogTail {
   std::uint64_t start_ = 0;
   bool readable_ = false;
 };
+
+/// The lines that `process` itself has left in its log so far, one file being shared by those that
+/// it forked. Nothing when there is no log that can be read.
+std::optional<std::string> OwnLog(const ProcessInfo& process);
 
 /// A line without time, process, thread and priority: "TAG: TEXT".
 std::string LogText(const std::string& line);

@@ -104,7 +104,15 @@ TEST(Log, StateOfTheHooksAfterTheLastCommand) {
   EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x1000\nall plt hook failed!\n"), "mmap on");
   log += "set ionhook to:false\n";
   EXPECT_EQ(HooksFromLog(log), "ion paused");
-  EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x4000\n"), "off (stopped by a report)");
+  const std::string off = "recording off (stopped by a report)";
+  EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x4000\n"), off);
+  // Several in one word: in the tracker's order, up to an "on" that fails.
+  const std::string on = "set mmaphook to:true, btsize:10, btType:0\n";
+  EXPECT_EQ(HooksFromLog("received_sig 44;addr:0x500\n" + on), off);
+  EXPECT_EQ(HooksFromLog("received_sig 44;addr:0x300\n" + on + "set mmaphook to:false\n"),
+            "mmap paused");
+  EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x500\nall plt hook failed!\n"), "ion paused");
+  EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x1400\nset ionhook to:true\n"), "ion on");
 }
 
 /// The fixture library in this process.
@@ -173,6 +181,29 @@ TEST_F(Loaded, EachProblemIsOneLine) {
   Turn("munmap", before);
 }
 
+// The settings name libraries and functions apart: what the plan leaves out may be hooked with
+// them.
+TEST_F(Loaded, TwoSlotsAreLeftOutUnlessOtherPairsBringThemIn) {
+  for (LoadedLibrary& library : loaded_.libraries) {
+    if (library.name != "libother_name.so.3") continue;
+    library.file->imports.push_back(*FindImport(*library.file, "munmap"));
+    LoadedLibrary other = library;
+    other.name = "libother.so";
+    other.file->imports.pop_back();
+    loaded_.libraries.push_back(other);
+    break;
+  }
+  const auto problem = [&](const HookPlan& plan) {
+    return plan.problems.size() == 1 ? std::string(plan.problems[0].what()) : "";
+  };
+  const HookPlan alone = Plan({{kPlain}, {"mmap", "munmap"}, true});
+  EXPECT_EQ(alone.functions, std::vector<std::string>{"mmap"});
+  EXPECT_NE(problem(alone).find("takes exactly one"), std::string::npos) << problem(alone);
+  const HookPlan both = Plan({{kPlain, "libother.so"}, {"mmap", "munmap"}, true});
+  EXPECT_EQ(both.pairs.size(), 3U);
+  EXPECT_NE(problem(both).find("all the same"), std::string::npos) << problem(both);
+}
+
 TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
   const TemporaryDirectory directory;
   const HookPlan plan = Plan({{kPlain}, {"mmap", "munmap"}, true});
@@ -193,9 +224,22 @@ TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
   ASSERT_EQ(told.hooked.size(), 1U);
   EXPECT_EQ(told.hooked[0].function, "munmap");
 
-  process_.log.clear();
+  // With all of the plan hooked, only what the engine gave a reason for is worth telling.
+  const std::string line = "1.7 " + pid + " 1 E ";
   Refresh();
   const HookPlan one = Plan({{kPlain}, {"munmap"}, true});
+  directory.Write("log", line + "x: GOT entry not part of a DSO: 0x1\n" + line +
+                             "x: plt hook munmap error: Success\n" + line +
+                             "x: plt hook mmap error: Success\n1.8 " + pid +
+                             " 1 I x: set mmaphook to:true, btsize:10, btType:0\n");
+  EXPECT_EQ(WaitForHooks(process_, kind, one, log, memory_, 0).complaints,
+            (std::vector<std::string>{"GOT entry not part of a DSO: 0x1",
+                                      "plt hook munmap error: Success"}));
+  const std::vector<HookPair> hooked = AllHookedPairs(process_, memory_);
+  ASSERT_EQ(hooked.size(), 1U);
+  EXPECT_EQ(hooked[0].library + " " + hooked[0].function, "libother_name.so.3 munmap");
+
+  process_.log.clear();
   EXPECT_EQ(WaitForHooks(process_, kind, one, LogTail(process_), memory_, 0).result,
             HookResult::kHooked);
   Turn("munmap", before);

@@ -77,6 +77,25 @@ TEST(Kinds, OnTellsWhatTheTrackerSays) {
   ExpectHas(outcome.output, "code 2\nmemleak: libtools_hook_no_plt.so has no jump slot for mmap");
 }
 
+// The tracker tracks neither well beside the other. What another process says in the log is its
+// own.
+TEST(Kinds, NativeAndHooksAreNotRecordedTogether) {
+  const TemporaryDirectory directory;
+  const Outcome outcome = BesideProgram(directory, "", R"(
+    H='--kind mmap --lib libtools_hook_plain.so'
+    echo 'set hook to:true' >>log; $M on $P $H; echo "code $?"
+    echo 'set hook to:false' >>log; echo '1.5 1 1 I x: set hook to:true' >>log
+    (until grep -qs 0x900 log; do sleep 0.02; done; echo 'set mmaphook to:true' >>log) & $M on $P $H
+    $M on $P; echo "code $?"; grep -c received log
+    echo 'set mmaphook to:false' >>log; $M on $P)");
+  ExpectHas(outcome.output, "memleak: native recording is on in ");
+  ExpectHas(outcome.output, "nothing was sent; first: memleak report ");
+  ExpectHas(outcome.output, "): mmap recording on");
+  ExpectHas(outcome.output, "memleak: mmap recording is on in ");
+  ExpectHas(outcome.output, " --kind mmap\ncode 2\n1\n");
+  ExpectHas(outcome.output, "): recording on");
+}
+
 TEST(Kinds, EveryCommandHasItsWord) {
   const TemporaryDirectory directory;
   const Outcome outcome = BesideProgram(directory, "", R"(
