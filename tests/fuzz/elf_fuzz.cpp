@@ -8,9 +8,7 @@
 
 #include "linker/elfSharedLibData.h"
 #include "platform/elf_policy.h"
-#include "tests/fuzz/elf_loader.h"
-#include "tests/fuzz/elf_view.h"
-#include "tests/fuzz/support.h"
+#include "tests/fuzz/elf_image.h"
 #include "tests/records/log_capture.h"
 
 namespace {
@@ -35,34 +33,34 @@ void CheckLog(const elfSharedLibData& library) {
   fuzz::Require(!skipped || IsEmpty(library), "a library that was skipped has no tables");
 }
 
-void CheckSlots(const std::vector<void**>& slots, const fuzz::ElfLoader& memory) {
+void CheckSlots(const std::vector<void**>& slots, const fuzz::ElfImage& image) {
   for (void** slot : slots) {
-    fuzz::Require(memory.Readable(slot, sizeof(*slot)), "a slot lies in the library");
+    fuzz::Require(image.Readable(slot, sizeof(*slot)), "a slot lies in the library");
   }
 }
 
 void CheckLookups(const elfSharedLibData& library, const std::vector<const char*>& names,
-                  const fuzz::ElfLoader& memory) {
+                  const fuzz::ElfImage& image) {
   for (const char* name : names) {
     for (const Elf64_Sym* symbol :
          {library.find_symbol_by_name(name), library.gnu_find_symbol_by_name(name)}) {
       if (symbol == nullptr) continue;
-      fuzz::Require(memory.Readable(symbol, sizeof(*symbol)) &&
+      fuzz::Require(image.Readable(symbol, sizeof(*symbol)) &&
                         std::string(library.strtab_ + symbol->st_name) == name,
                     "a symbol that is found has the name");
       const std::vector<void**> slots = library.get_plt_relocations(symbol);
-      CheckSlots(slots, memory);
-      if (!slots.empty()) CheckSlots(library.get_plt_relocations(*slots.front()), memory);
+      CheckSlots(slots, image);
+      if (!slots.empty()) CheckSlots(library.get_plt_relocations(*slots.front()), image);
     }
   }
-  CheckSlots(library.get_plt_relocations(static_cast<const void*>(nullptr)), memory);
+  CheckSlots(library.get_plt_relocations(static_cast<const void*>(nullptr)), image);
 }
 
-void Index(const std::vector<const char*>& names, const fuzz::ElfLoader& memory) {
+void Index(const std::vector<const char*>& names, const fuzz::ElfImage& image) {
   LogLines().clear();
-  const elfSharedLibData library(&memory.info());
+  const elfSharedLibData library(&image.info());
   CheckLog(library);
-  CheckLookups(library, names, memory);
+  CheckLookups(library, names, image);
   // The loader does not know this memory.
   fuzz::Require(!library, "a library that the loader does not know is not valid");
 }
@@ -84,16 +82,15 @@ std::uint64_t DynamicAddress(std::int64_t tag, std::uint64_t value, std::uint64_
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t kMostNames = 12;
-  const fuzz::ElfView view(data, size);
-  fuzz::ElfLoader memory(view, data, size);
-  if (!memory.loaded()) return 0;
-  std::vector<const char*> names = view.SymbolNames(kMostNames);
+  fuzz::ElfImage image(data, size);
+  if (!image.Load()) return 0;
+  std::vector<const char*> names = image.SymbolNames(kMostNames);
   names.insert(names.end(), {"", "no_such_function"});
-  android_rules = true;
-  Index(names, memory);
-  android_rules = false;
-  Index(names, memory);
-  memory.RelocateDynamicSection();
-  Index(names, memory);
+  for (const bool rules : {true, false}) {
+    android_rules = rules;
+    Index(names, image);
+  }
+  image.RelocateDynamicSection();
+  Index(names, image);
   return 0;
 }

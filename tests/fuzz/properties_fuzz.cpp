@@ -32,8 +32,9 @@ std::string ExpectedValue(std::string_view text, const std::string& name) {
   return expected;
 }
 
-/// The path behind which the reader finds the input.
-const fuzz::MemoryFile& PropertyFile() {
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const fuzz::MemoryFile file;
   static const bool captured = [] {
     setenv("MEMLEAK_TRACKER_ROOT", "/proc/self/no_such_folder", 1);
@@ -42,13 +43,7 @@ const fuzz::MemoryFile& PropertyFile() {
     return true;
   }();
   fuzz::Require(captured, "the environment is set");
-  return file;
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  PropertyFile().Write(data, size);
+  file.Write(data, size);
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   for (const std::string name : {"a", "aab", "vastel.memleak.backtacetype"}) {
     std::array<char, PROP_VALUE_MAX + 8> value{};

@@ -40,10 +40,6 @@ constexpr unsigned int kMutations = 300;
 std::mt19937 random_numbers;                 // of one seed, the same on every machine
 std::array<char, 512> input_name{"none\n"};  // read by the handler
 
-void NameInput(const std::string& name) {
-  std::snprintf(input_name.data(), input_name.size(), "input: %s\n", name.c_str());
-}
-
 void SayInput() {
   const ssize_t written = write(STDERR_FILENO, input_name.data(), std::strlen(input_name.data()));
   static_cast<void>(written);
@@ -59,22 +55,14 @@ std::size_t Below(std::size_t bound) {
   return random_numbers() % bound;
 }
 
-std::vector<Bytes> Mutated(const Bytes& seed) {
-  std::vector<Bytes> inputs;
-  Bytes input;
-  for (unsigned int round = 0; round < kMutations; ++round) {
-    // A short chain of changes, then anew.
-    if (round % 4 == 0) input = seed;
-    if (input.empty()) break;
-    if (LLVMFuzzerCustomMutator != nullptr) {
-      LLVMFuzzerCustomMutator(input.data(), input.size(), input.size(), round);
-    } else {
-      LLVMFuzzerMutate(input.data(), input.size(), input.size());
-      if (Below(8) == 0) input.resize(Below(input.size()) + 1);
-    }
-    inputs.push_back(input);
+/// Changes `input` in place; `round` is the seed where the target has its own way.
+void Mutate(Bytes& input, unsigned int round) {
+  if (LLVMFuzzerCustomMutator != nullptr) {
+    LLVMFuzzerCustomMutator(input.data(), input.size(), input.size(), round);
+    return;
   }
-  return inputs;
+  LLVMFuzzerMutate(input.data(), input.size(), input.size());
+  if (Below(8) == 0) input.resize(Below(input.size()) + 1);
 }
 
 std::vector<std::string> Files() {
@@ -93,34 +81,25 @@ Bytes Contents(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-class Replay : public testing::Test {
- protected:
-  void SetUp() override {
-    signal(SIGABRT, SayInputAndReturn);
-    if (__sanitizer_set_death_callback != nullptr) {
-      __sanitizer_set_death_callback(SayInput);
-      return;
-    }
+TEST(Replay, CorpusAndItsMutations) {
+  signal(SIGABRT, SayInputAndReturn);
+  if (__sanitizer_set_death_callback != nullptr) {
+    __sanitizer_set_death_callback(SayInput);
+  } else {
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE}) signal(number, SayInputAndReturn);
   }
-};
-
-TEST_F(Replay, Corpus) {
   const std::vector<std::string> files = Files();
   ASSERT_FALSE(files.empty());
   for (const std::string& file : files) {
-    NameInput(file);
-    const Bytes input = Contents(file);
-    ASSERT_FALSE(input.empty()) << file;
-    LLVMFuzzerTestOneInput(input.data(), input.size());
-  }
-}
-
-TEST_F(Replay, Mutations) {
-  for (const std::string& file : Files()) {
-    unsigned int number = 0;
-    for (const Bytes& input : Mutated(Contents(file))) {
-      NameInput(file + ", mutation " + std::to_string(number++));
+    const Bytes seed = Contents(file);
+    ASSERT_FALSE(seed.empty()) << file;
+    Bytes input = seed;
+    // The seed as it is, then short chains of changes to it.
+    for (unsigned int round = 0; round <= kMutations; ++round) {
+      if (round % 4 == 1) input = seed;
+      if (round != 0) Mutate(input, round);
+      std::snprintf(input_name.data(), input_name.size(), "input: %s, mutation %u\n", file.c_str(),
+                    round);
       LLVMFuzzerTestOneInput(input.data(), input.size());
     }
   }

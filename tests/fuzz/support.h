@@ -37,6 +37,8 @@ class MemoryFile {
   /// Opens the file from its beginning, as long as this object lives.
   std::string Path() const { return "/proc/self/fd/" + std::to_string(file_); }
 
+  int Number() const { return file_; }
+
   void Write(const std::uint8_t* data, std::size_t size) const {
     Require(ftruncate(file_, 0) == 0 && pwrite(file_, data, size, 0) == static_cast<ssize_t>(size),
             "an input fits into memory");

@@ -1,7 +1,9 @@
 // The unwinder: the same known call chain by its fast and by its slow way, the limit, the skipping
-// of frames, many threads at once, and forks.
+// of frames, many threads at once, forks, and programs that close every descriptor.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <unwindstack/Unwinder.h>
@@ -11,6 +13,8 @@
 #include <csignal>
 #include <memory>
 #include <thread>
+
+#include "tests/temporary_directory.h"
 
 // Chains of known functions: exported, so that dladdr can name them, and never folded or inlined.
 #define CHAIN_FUNCTION extern "C" __attribute__((visibility("default"), noinline, noclone))
@@ -53,13 +57,6 @@ std::vector<std::string> Functions(const std::vector<FrameData>& frames) {
   names.reserve(frames.size());
   for (const FrameData& frame : frames) names.push_back(FunctionAt(frame.pc));
   return names;
-}
-
-std::vector<std::uint64_t> Pcs(const std::vector<FrameData>& frames) {
-  std::vector<std::uint64_t> pcs;
-  pcs.reserve(frames.size());
-  for (const FrameData& frame : frames) pcs.push_back(frame.pc);
-  return pcs;
 }
 
 }  // namespace
@@ -108,11 +105,11 @@ std::vector<FrameData> CaptureAt(int depth, Request request) {
 }
 
 TEST(Unwinder, EveryWayYieldsTheKnownChain) {
-  std::vector<std::uint64_t> callers;
+  std::vector<FrameData> first;
   for (const Way way : {Way::kDirect, Way::kHelper, Way::kNames}) {
     Request request;
     request.way = way;
-    std::vector<FrameData> frames = CaptureAt(2, request);
+    const std::vector<FrameData> frames = CaptureAt(2, request);
     const std::vector<std::string> expected{"ChainCapture", "ChainInner", "ChainOuter",
                                             "ChainDeep",    "ChainDeep",  "ChainDeep"};
     ASSERT_GT(frames.size(), expected.size());
@@ -120,11 +117,8 @@ TEST(Unwinder, EveryWayYieldsTheKnownChain) {
     names.resize(expected.size());
     EXPECT_EQ(names, expected);
     // The first pc depends on where in ChainCapture the unwind was asked for.
-    std::vector<std::uint64_t> pcs = Pcs(frames);
-    pcs.erase(pcs.begin());
-    pcs.resize(expected.size() - 1);
-    if (callers.empty()) callers = pcs;
-    EXPECT_EQ(pcs, callers);
+    if (first.empty()) first = frames;
+    for (std::size_t i = 1; i < expected.size(); ++i) EXPECT_EQ(frames[i].pc, first[i].pc);
     std::uint64_t last_sp = 0;
     for (std::size_t i = 0; way == Way::kNames && i < expected.size(); ++i) {
       EXPECT_EQ(frames[i].num, i);
@@ -228,6 +222,87 @@ TEST(Unwinder, WorksInAChildForkedWhileOthersUnwind) {
   EXPECT_EQ(failures, 0);
   stop = true;
   churn.join();
+}
+
+}  // namespace
+
+// Calls `function` with `frame` in the frame pointer. No unwind information says so: whoever
+// unwinds through it has only the frame pointer to go by, and must check what it points to.
+extern "C" void CallOnFrame(void (*function)(Request*), Request* request, const void* frame);
+#if defined(__aarch64__)
+__asm__(
+    ".text\n"
+    ".globl CallOnFrame\n"
+    ".type CallOnFrame, %function\n"
+    "CallOnFrame:\n"
+    "  stp x29, x30, [sp, #-16]!\n"
+    "  mov x29, x2\n"
+    "  mov x9, x0\n"
+    "  mov x0, x1\n"
+    "  blr x9\n"
+    "  ldp x29, x30, [sp], #16\n"
+    "  ret\n"
+    ".size CallOnFrame, .-CallOnFrame\n");
+#else
+__asm__(
+    ".text\n"
+    ".globl CallOnFrame\n"
+    ".type CallOnFrame, @function\n"
+    "CallOnFrame:\n"
+    "  push %rbp\n"
+    "  mov %rdx, %rbp\n"
+    "  mov %rdi, %rax\n"
+    "  mov %rsi, %rdi\n"
+    "  call *%rax\n"
+    "  pop %rbp\n"
+    "  ret\n"
+    ".size CallOnFrame, .-CallOnFrame\n");
+#endif
+
+namespace {
+
+/// Every kind of frame pointer that a function without unwind information may leave behind.
+void CaptureThroughGarbage() {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* forbidden = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(forbidden, MAP_FAILED);
+  const std::uintptr_t record[64] = {0x1234567, 0x7654321};
+  for (const Way way : {Way::kDirect, Way::kNames}) {
+    for (const void* frame : {static_cast<const void*>(record), static_cast<const void*>(forbidden),
+                              reinterpret_cast<const void*>(std::uintptr_t{16}),
+                              reinterpret_cast<const void*>(std::uintptr_t{0x5555'5555'0000})}) {
+      Request request;
+      request.way = way;
+      CallOnFrame(ChainCapture, &request, frame);
+      EXPECT_GE(request.frames.size(), 2U) << frame;
+    }
+  }
+  munmap(forbidden, page);
+}
+
+std::vector<int> OpenDescriptors() {
+  std::vector<int> open;
+  for (int file = 0; file < 256; ++file) {
+    if (fcntl(file, F_GETFD) >= 0) open.push_back(file);
+  }
+  return open;
+}
+
+TEST(Unwinder, FilesOfTheProgramAreLeftAlone) {
+  const TemporaryDirectory directory;
+  const std::string text = "abcdefghijklmnopqrstuvwxyz";
+  const std::string data = directory.Write("data", text);
+  const std::vector<int> before = OpenDescriptors();
+  CaptureThroughGarbage();
+  EXPECT_EQ(OpenDescriptors(), before);
+
+  for (int file = 3; file < 64; ++file) close(file);
+  std::vector<int> files(6);
+  for (int& file : files) file = open(data.c_str(), O_RDWR);
+  EXPECT_EQ(files.front(), 3);
+  for (int round = 0; round < 20; ++round) CaptureThroughGarbage();
+  for (const int file : files) EXPECT_EQ(lseek(file, 0, SEEK_CUR), 0) << file;
+  EXPECT_EQ(directory.Read("data"), text);
 }
 
 }  // namespace

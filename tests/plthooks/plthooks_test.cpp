@@ -16,7 +16,6 @@
 #include "linker/sharedlibs.h"
 #include "platform/page_protection.h"
 #include "plthooks/hooks.h"
-#include "tests/plthooks/fixtures/calls.h"
 #include "tests/plthooks/support.h"
 #include "tests/records/log_capture.h"
 
@@ -60,48 +59,38 @@ class Hooking : public testing::Test {
  protected:
   int Call(int value) {
     order.clear();
-    return call_(value);
+    return library_.Call(value);
   }
-  int Hook(void* hook) { return hook_plt_method(library_.name(), "calls_target", hook); }
-  int Unhook(void* hook) { return unhook_plt_method(library_.name(), "calls_target", hook); }
 
-  Library library_{CALLS_FULL};
-  void** slot_ = library_.slot("calls_target");
+  Library library_;
+  void** slot_ = library_.slot();
   void* original_ = library_.address("calls_target");
-  decltype(&calls_call) call_ = library_.find<decltype(calls_call)>("calls_call");
 };
 
 TEST_F(Hooking, StacksHooksAndTakesThemOffInAnyOrder) {
   ASSERT_EQ(*slot_, original_);
-  EXPECT_EQ(Hook(Pointer(First)), 0);
-  void* const trampoline = *slot_;
-  EXPECT_NE(trampoline, original_);
-  EXPECT_EQ(Hook(Pointer(Second)), 0);
-  EXPECT_EQ(*slot_, trampoline);
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "21");
-
-  EXPECT_EQ(Unhook(Pointer(Second)), 0);
-  EXPECT_EQ(*slot_, trampoline);
-  EXPECT_EQ(Unhook(Pointer(Second)), 1);
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "1");
-  EXPECT_EQ(Hook(Pointer(Second)), 0);
-  EXPECT_EQ(Unhook(Pointer(First)), 0);
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "2");
-  EXPECT_EQ(Unhook(Pointer(Second)), 0);
-  EXPECT_EQ(*slot_, original_);
-  EXPECT_FALSE(hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot_)));
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "");
-
+  void* trampoline = nullptr;
   // A second round gets a trampoline of its own.
-  EXPECT_EQ(Hook(Pointer(First)), 0);
-  EXPECT_NE(*slot_, trampoline);
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "1");
-  EXPECT_EQ(Unhook(Pointer(First)), 0);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(library_.Hook(First), 0);
+    EXPECT_NE(*slot_, original_);
+    EXPECT_NE(*slot_, trampoline);
+    trampoline = *slot_;
+    EXPECT_EQ(library_.Hook(Second), 0);
+    EXPECT_EQ(*slot_, trampoline);
+    EXPECT_EQ(Call(1), 2);
+    EXPECT_EQ(order, "21");
+    EXPECT_EQ(library_.Unhook(First), 0);
+    EXPECT_EQ(library_.Unhook(First), 1);
+    EXPECT_EQ(*slot_, trampoline);
+    EXPECT_EQ(Call(1), 2);
+    EXPECT_EQ(order, "2");
+    EXPECT_EQ(library_.Unhook(Second), 0);
+    EXPECT_EQ(*slot_, original_);
+    EXPECT_FALSE(hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot_)));
+    EXPECT_EQ(Call(1), 2);
+    EXPECT_EQ(order, "");
+  }
   EXPECT_TRUE(LogLines().empty());
 }
 
@@ -111,15 +100,14 @@ TEST_F(Hooking, ADirectHookStandsAlone) {
   EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 0);
   EXPECT_EQ(direct.hook_result, 1U);
   EXPECT_EQ(*slot_, Pointer(Direct));
-  EXPECT_EQ(Call(1), 101);
-  EXPECT_EQ(Hook(Pointer(First)), 1);
+  EXPECT_EQ(library_.Hook(First), 1);
   EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 1);
   EXPECT_EQ(Call(1), 101);
-  EXPECT_EQ(Unhook(Pointer(First)), 1);
-  EXPECT_EQ(Unhook(Pointer(Direct)), 0);
+  EXPECT_EQ(library_.Unhook(First), 1);
+  EXPECT_EQ(library_.Unhook(Direct), 0);
   EXPECT_EQ(*slot_, original_);
 
-  EXPECT_EQ(Hook(Pointer(First)), 0);
+  EXPECT_EQ(library_.Hook(First), 0);
   EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 1);
   EXPECT_EQ(direct.hook_result, 1U);
 }
@@ -133,13 +121,13 @@ TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
   for (std::size_t at = 0; at < std::size(specs); ++at) {
     EXPECT_EQ(specs[at].hook_result, hooked[at]) << at;
   }
-  EXPECT_EQ(hook_plt_method(library_.name(), "getppid", Pointer(First)), 1);
+  EXPECT_EQ(library_.Hook(First, "getppid"), 1);
   EXPECT_TRUE(LogLines().empty());
   EXPECT_EQ(unhook_single_lib(library_.name(), specs, 2), 0);
   EXPECT_EQ(specs[0].hook_result, 2U);
 
   // The original is nobody's hook.
-  EXPECT_EQ(Hook(Pointer(First)), 0);
+  EXPECT_EQ(library_.Hook(First), 0);
   plt_hook_spec original = Spec("calls_target", original_);
   EXPECT_EQ(unhook_single_lib(library_.name(), &original, 1), 1);
   EXPECT_EQ(hook_plt_method("libnone.so", "calls_target", Pointer(First)), 1);
@@ -148,7 +136,7 @@ TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
 
 TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
   plt_hook_spec spec = Spec("calls_target", Pointer(First));
-  spec.lib_name = "libplthooks_calls_definer.so";
+  spec.lib_name = "libplthooks_definer.so";
   EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
   EXPECT_EQ(spec.hook_result, 1U);
   EXPECT_EQ(spec.target, original_);
@@ -156,7 +144,7 @@ TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
   spec.hook_fn = Pointer(Second);
   EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
   EXPECT_EQ(spec.hook_result, 1U);
-  EXPECT_EQ(Unhook(Pointer(First)), 0);
+  EXPECT_EQ(library_.Unhook(First), 0);
 
   // A library that does not define the function leaves it to the name.
   plt_hook_spec elsewhere = Spec("calls_target", Pointer(First));
@@ -168,50 +156,38 @@ TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
 
 TEST_F(Hooking, AcceptsOtherNamesOfTheFunction) {
   auto* map = library_.find<decltype(calls_map)>("calls_map");
-  ASSERT_EQ(hook_plt_method(library_.name(), "mmap64", Pointer(FirstMap)), 0)
-      << testing::PrintToString(LogLines());
-  order.clear();
+  ASSERT_EQ(library_.Hook(FirstMap, "mmap64"), 0) << testing::PrintToString(LogLines());
   EXPECT_EQ(map(), 1);
   EXPECT_EQ(order, "m");
-  EXPECT_EQ(unhook_plt_method(library_.name(), "mmap64", Pointer(FirstMap)), 0);
-}
-
-/// Lets the jump-slot relocation of `from` name `to`, as some linkers would make two for one.
-void Rename(const Library& library, const char* from, const char* to) {
-  const auto index = linker::sharedLib(library.name());
-  const auto number = [&index](const char* name) {
-    return static_cast<std::uint64_t>(index.find_symbol_by_name(name) - index.symtab_);
-  };
-  const std::uint64_t wanted = number(from);
-  for (std::uint64_t at = 0; at < index.plt_relocations_count_; ++at) {
-    auto& info = const_cast<Elf64_Xword&>(index.plt_relocations_[at].r_info);
-    if (ELF64_R_SYM(info) != wanted) continue;
-    ASSERT_EQ(mprotect(PageOf(&info), kPage, PROT_READ | PROT_WRITE | PROT_EXEC), 0);
-    info = ELF64_R_INFO(number(to), ELF64_R_TYPE(info));
-  }
 }
 
 TEST_F(Hooking, TwoSlotsOfOneFunctionAreHookedButReported) {
   void** other = library_.slot("calls_other");
-  Rename(library_, "calls_other", "calls_target");
-  EXPECT_EQ(Hook(Pointer(First)), 1);
+  // Another slot's relocation takes the name, as some linkers would make two for one.
+  const auto index = linker::sharedLib(library_.name());
+  const auto number = [&index](const char* name) {
+    return static_cast<std::uint64_t>(index.find_symbol_by_name(name) - index.symtab_);
+  };
+  const auto* found = std::find_if(
+      index.plt_relocations_, index.plt_relocations_ + index.plt_relocations_count_,
+      [&](const auto& each) { return ELF64_R_SYM(each.r_info) == number("calls_other"); });
+  auto& info = const_cast<Elf64_Xword&>(found->r_info);
+  ASSERT_EQ(mprotect(PageOf(&info), kPage, PROT_READ | PROT_WRITE | PROT_EXEC), 0);
+  info = ELF64_R_INFO(number("calls_target"), ELF64_R_TYPE(info));
+
+  EXPECT_EQ(library_.Hook(First), 1);
   EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "1");
-  EXPECT_NE(*other, library_.address("calls_other"));
   EXPECT_EQ(library_.find<decltype(calls_call_other)>("calls_call_other")(1), 3);
   EXPECT_EQ(order, "11");
-  EXPECT_EQ(Unhook(Pointer(First)), 1);
+  EXPECT_EQ(library_.Unhook(First), 1);
   EXPECT_EQ(*slot_, original_);
   EXPECT_EQ(*other, library_.address("calls_other"));
 }
 
-TEST_F(Hooking, RefusesSlotsThatLeadElsewhere) {
-  ASSERT_EQ(unsafe_patch_relocation_address(slot_, &order), 0);
-  EXPECT_EQ(Hook(Pointer(First)), 1);
-  EXPECT_TRUE(Logged(" vs calls_target"));
+TEST_F(Hooking, RefusesASlotThatLeadsIntoNoLibrary) {
   auto* heap = std::malloc(64);
   ASSERT_EQ(unsafe_patch_relocation_address(slot_, heap), 0);
-  EXPECT_EQ(Hook(Pointer(First)), 1);
+  EXPECT_EQ(library_.Hook(First), 1);
   char line[64];
   std::snprintf(line, sizeof(line), "] GOT entry does not point to a DSO:%lx",
                 reinterpret_cast<unsigned long>(heap));
@@ -223,35 +199,30 @@ TEST_F(Hooking, RefusesSlotsThatLeadElsewhere) {
 TEST(LazySlot, FailsUntilItIsResolved) {
   unsetenv("LD_BIND_NOW");
   const Library library(CALLS_PARTIAL, false);
-  const auto hook = [&library] {
-    return hook_plt_method(library.name(), "calls_target", Pointer(First));
-  };
-  EXPECT_EQ(hook(), 1);
+  EXPECT_EQ(library.Hook(First), 1);
   ASSERT_EQ(LogLines().size(), 1U);
   EXPECT_NE(LogLines()[0].find("] GOT entry does not point to symbol we need: "),
             std::string::npos);
   EXPECT_TRUE(Logged(" vs calls_target"));
-  auto* call = library.find<decltype(calls_call)>("calls_call");
-  EXPECT_EQ(call(1), 2);
-  EXPECT_EQ(hook(), 0);
-  order.clear();
-  EXPECT_EQ(call(1), 2);
+  EXPECT_EQ(library.Call(1), 2);
+  EXPECT_EQ(library.Hook(First), 0);
+  EXPECT_EQ(library.Call(1), 2);
   EXPECT_EQ(order, "1");
 }
 
-const char* hooked_library = nullptr;
+const Library* hooked_library = nullptr;
 
 int RemovesItself(int value) {
   order += 'r';
-  EXPECT_EQ(unhook_plt_method(hooked_library, "calls_target", Pointer(RemovesItself)), 0);
-  EXPECT_EQ(hook_plt_method(hooked_library, "calls_target", Pointer(Second)), 0);
+  EXPECT_EQ(hooked_library->Unhook(RemovesItself), 0);
+  EXPECT_EQ(hooked_library->Hook(Second), 0);
   return Previous(RemovesItself)(value);
 }
 
 TEST_F(Hooking, ACallKeepsTheHooksItBeganWith) {
-  hooked_library = library_.name();
-  EXPECT_EQ(Hook(Pointer(First)), 0);
-  EXPECT_EQ(Hook(Pointer(RemovesItself)), 0);
+  hooked_library = &library_;
+  EXPECT_EQ(library_.Hook(First), 0);
+  EXPECT_EQ(library_.Hook(RemovesItself), 0);
   EXPECT_EQ(Call(1), 2);
   EXPECT_EQ(order, "r1");
   EXPECT_EQ(Call(1), 2);
@@ -261,68 +232,76 @@ TEST_F(Hooking, ACallKeepsTheHooksItBeganWith) {
 TEST(Registry, AnswersInCodes) {
   using namespace hooks;  // NOLINT: the whole of it is meant
   void* slot = nullptr;
-  const auto info = [&slot](void* now, void* before, bool direct = false) {
-    return HookInfo{0, &slot, now, before, direct};
+  void* const original = &order;
+  void* const first = Pointer(First);
+  void* const second = Pointer(Second);
+  const struct {
+    HookResult (*change)(HookInfo&);
+    void* hook;
+    HookResult code;
+    RunList left;
+    bool direct = false;
+  } steps[] = {
+      {add, nullptr, HOOK_INVALID, {}},
+      {remove, nullptr, HOOK_INVALID, {}},
+      {remove, first, HOOK_UNKNOWN, {}},
+      {add, first, HOOK_NEW, {original, first}},
+      {add, second, HOOK_APPENDED, {original, first, second}},
+      {remove, original, HOOK_INVALID, {original, first, second}},
+      {remove, first, HOOK_REMOVED_STILL_HOOKED, {original, second}},
+      {remove, first, HOOK_UNKNOWN, {original, second}},
+      {remove, second, HOOK_REMOVED_TRIVIAL, {original}},
+      // A call may have read the slot just before: its list is still there.
+      {remove, original, HOOK_REMOVED_FULLY, {original}},
+      {add, first, HOOK_NEW, {original, first}, true},
+      {add, second, HOOK_NOT_CHAINABLE, {original, first}},
   };
-  HookInfo hook1 = info(Pointer(First), &order);
-  HookInfo hook2 = info(Pointer(Second), &order);
-  HookInfo original = info(&order, &order);
-  HookInfo incomplete = info(nullptr, &order);
-  EXPECT_EQ(add(incomplete), HOOK_INVALID);
-  EXPECT_EQ(remove(incomplete), HOOK_INVALID);
-  EXPECT_EQ(remove(hook1), HOOK_UNKNOWN);
-  EXPECT_EQ(add(hook1), HOOK_NEW);
-  EXPECT_EQ(add(hook2), HOOK_APPENDED);
-  EXPECT_EQ(get_run_list(hook1.out_id), (RunList{&order, Pointer(First), Pointer(Second)}));
-  EXPECT_TRUE(get_run_list(hook1.out_id + 1000).empty());
-  EXPECT_EQ(remove(original), HOOK_INVALID);
-  EXPECT_EQ(remove(hook1), HOOK_REMOVED_STILL_HOOKED);
-  EXPECT_EQ(remove(hook1), HOOK_UNKNOWN);
-  hook2.previous_function = nullptr;
-  EXPECT_EQ(remove(hook2), HOOK_REMOVED_TRIVIAL);
-  EXPECT_EQ(hook2.previous_function, &order);
-  EXPECT_EQ(remove(hook2), HOOK_INVALID);
-  EXPECT_EQ(remove(original), HOOK_REMOVED_FULLY);
-  EXPECT_FALSE(is_hooked(reinterpret_cast<std::uintptr_t>(&slot)));
-  // A call may have read the slot just before: its list is still there.
-  EXPECT_EQ(get_run_list(hook1.out_id), RunList{&order});
-
-  HookInfo direct = info(Pointer(First), &order, true);
-  EXPECT_EQ(add(direct), HOOK_NEW);
-  EXPECT_GT(direct.out_id, hook1.out_id);
-  EXPECT_EQ(add(hook2 = info(Pointer(Second), &order)), HOOK_NOT_CHAINABLE);
+  std::uint64_t id = 0;
+  for (const auto& step : steps) {
+    SCOPED_TRACE(&step - steps);
+    HookInfo info = {0, &slot, step.hook, step.change == add ? original : nullptr, step.direct};
+    EXPECT_EQ(step.change(info), step.code);
+    if (step.code == HOOK_NEW) {
+      EXPECT_GT(info.out_id, id);
+      id = info.out_id;
+    }
+    if (step.code >= HOOK_REMOVED_STILL_HOOKED && step.code <= HOOK_REMOVED_TRIVIAL) {
+      EXPECT_EQ(info.previous_function, original);
+    }
+    EXPECT_EQ(is_hooked(reinterpret_cast<std::uintptr_t>(&slot)),
+              !step.left.empty() && step.code != HOOK_REMOVED_FULLY);
+    EXPECT_EQ(get_run_list(id), step.left);
+  }
+  EXPECT_TRUE(get_run_list(id + 1000).empty());
   // Ids beyond what the table of records began with.
   std::vector<void*> slots(200);
   for (void*& each : slots) {
-    HookInfo one = {0, &each, Pointer(First), &each, false};
+    HookInfo one = {0, &each, first, &each, false};
     EXPECT_EQ(add(one), HOOK_NEW);
     EXPECT_EQ(get_run_list(one.out_id).front(), &each);
   }
 }
 
-/// What a library's pages are like before, while and after its slot is hooked.
-void ExpectRightsKept(const char* path, const std::string& rights, int linux_rule) {
-  const Library library(path);
-  void** slot = library.slot("calls_target");
-  EXPECT_EQ(Rights(slot), rights);
-  EXPECT_EQ(platform::LinuxProtectionAfterWrite(PageOf(slot), kPage), linux_rule);
-  EXPECT_EQ(platform::AndroidProtectionAfterWrite(PageOf(slot), kPage), PROT_READ);
-  EXPECT_EQ(hook_plt_method(library.name(), "calls_target", Pointer(First)), 0);
-  EXPECT_EQ(Rights(slot), rights);
-  EXPECT_EQ(unhook_plt_method(library.name(), "calls_target", Pointer(First)), 0);
-  EXPECT_EQ(Rights(slot), rights);
-}
-
-TEST(Pages, ProtectedSlotsAreProtectedAgain) {
-  ExpectRightsKept(CALLS_FULL, "r--", PROT_READ);
-}
-
-TEST(Pages, VariablesBesideTheSlotsStayWritable) {
-  const Library library(CALLS_PARTIAL);
-  int* variable = library.find<int>("calls_variable");
-  ASSERT_EQ(PageOf(variable), PageOf(library.slot("calls_target")));
-  ExpectRightsKept(CALLS_PARTIAL, "rw-", PROT_READ | PROT_WRITE);
-  *variable = 8;
+TEST(Pages, KeepTheirRights) {
+  const struct {
+    const char* path;
+    const char* rights;
+    int linux_rule;
+  } cases[] = {{CALLS_FULL, "r--", PROT_READ}, {CALLS_PARTIAL, "rw-", PROT_READ | PROT_WRITE}};
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.path);
+    const Library library(each.path);
+    void** slot = library.slot();
+    EXPECT_EQ(Rights(slot), each.rights);
+    EXPECT_EQ(platform::LinuxProtectionAfterWrite(PageOf(slot), kPage), each.linux_rule);
+    EXPECT_EQ(platform::AndroidProtectionAfterWrite(PageOf(slot), kPage), PROT_READ);
+    EXPECT_EQ(library.Hook(First), 0);
+    EXPECT_EQ(Rights(slot), each.rights);
+    EXPECT_EQ(library.Unhook(First), 0);
+    EXPECT_EQ(Rights(slot), each.rights);
+  }
+  const Library partial(CALLS_PARTIAL);
+  EXPECT_EQ(PageOf(partial.address("calls_variable")), PageOf(partial.slot()));
 }
 
 /// A page of a file in this process, with this `content` unless it is null. The file is `bytes`
@@ -355,12 +334,12 @@ TEST(Pages, AFailedWriteIsReported) {
 }
 
 TEST_F(Hooking, ASlotThatCannotBePutBackEndsTheProcess) {
-  ASSERT_EQ(Hook(Pointer(First)), 0);
+  ASSERT_EQ(library_.Hook(First), 0);
   EXPECT_EXIT(ReportAbort([this] {
                 // In the place of the slot's page, its copy that nobody may write to.
                 void** page = MapFile(PROT_READ, kPage, PageOf(slot_));
                 mremap(page, kPage, kPage, MREMAP_MAYMOVE | MREMAP_FIXED, PageOf(slot_));
-                Unhook(Pointer(First));
+                library_.Unhook(First);
               }),
               testing::ExitedWithCode(3),
               "7 .*plthooks/plthooks.cpp:[0-9]+. Unable to unhook GOT slot");

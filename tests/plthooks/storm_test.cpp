@@ -8,13 +8,9 @@
 #include <cerrno>
 #include <csignal>
 #include <thread>
-#include <vector>
 
-#include "plthooks/plthooks.h"
-#include "tests/plthooks/fixtures/calls.h"
 #include "tests/plthooks/support.h"
 
-namespace lumora::plthooks {
 namespace {
 
 std::atomic<long> hooked_calls{0};
@@ -27,62 +23,38 @@ int Forward(int value) {
 
 class Storm : public testing::Test {
  protected:
-  bool Hook(int (*hook)(int)) {
-    return hook_plt_method(library_.name(), "calls_target", reinterpret_cast<void*>(hook)) == 0;
-  }
-  bool Unhook(int (*hook)(int)) {
-    return unhook_plt_method(library_.name(), "calls_target", reinterpret_cast<void*>(hook)) == 0;
+  /// Puts `hook` on and takes it off.
+  void ComeAndGo(int (*hook)(int)) {
+    EXPECT_EQ(library_.Hook(hook), 0);
+    EXPECT_EQ(library_.Unhook(hook), 0);
   }
 
-  /// Two hooks come and go in turn, `rounds` times.
-  void ComeAndGo(int rounds) {
-    for (int round = 0; round < rounds; ++round) {
-      EXPECT_TRUE(Hook(Forward<1>));
-      EXPECT_TRUE(Hook(Forward<2>));
-      EXPECT_TRUE(Unhook(Forward<1>));
-      EXPECT_TRUE(Unhook(Forward<2>));
+  /// Calls `until` it is enough; every answer must be the function's.
+  template <typename Condition>
+  void Call(const Condition& until) {
+    int wrong = 0;
+    for (int value = 0; !until(); ++value) {
+      if (library_.Call(value) != value + 1) ++wrong;
     }
+    EXPECT_EQ(wrong, 0);
   }
 
-  /// Calls as long as told to; every answer must be the function's.
-  void CallUntilStopped() {
-    for (int value = 0; !stop_.load(std::memory_order_relaxed); ++value) {
-      if (call_(value) != value + 1) ++wrong_;
-    }
-  }
-
-  Library library_{CALLS_FULL};
-  decltype(&calls_call) call_ = library_.find<decltype(calls_call)>("calls_call");
+  Library library_;
   std::atomic<bool> stop_{false};
-  std::atomic<int> wrong_{0};
 };
 
-TEST_F(Storm, ThreadsCallWhileHooksComeAndGo) {
-  void* const original = *library_.slot("calls_target");
-  std::thread first([this] { CallUntilStopped(); });
-  std::thread second([this] { CallUntilStopped(); });
-  do {
-    ComeAndGo(100);
-  } while (hooked_calls < 1000);
-  stop_ = true;
-  first.join();
-  second.join();
-  EXPECT_EQ(wrong_, 0);
-  EXPECT_EQ(*library_.slot("calls_target"), original);
-}
-
-TEST_F(Storm, TwoThreadsHookTheSameSlot) {
-  const auto work = [this](int (*hook)(int)) {
-    for (int round = 0; round < 500; ++round) {
-      EXPECT_TRUE(Hook(hook));
-      EXPECT_TRUE(Unhook(hook));
-    }
+TEST_F(Storm, ThreadsCallWhileTwoHooksComeAndGo) {
+  void* const original = *library_.slot();
+  const auto call = [this] { Call([this] { return stop_.load(); }); };
+  const auto hook = [this](int (*function)(int)) {
+    for (int round = 0; round < 500 || hooked_calls < 1000; ++round) ComeAndGo(function);
   };
-  std::thread first(work, Forward<1>);
-  std::thread second(work, Forward<2>);
-  first.join();
-  second.join();
-  EXPECT_EQ(call_(1), 2);
+  std::thread callers[] = {std::thread(call), std::thread(call)};
+  std::thread hookers[] = {std::thread(hook, Forward<1>), std::thread(hook, Forward<2>)};
+  for (std::thread& each : hookers) each.join();
+  stop_ = true;
+  for (std::thread& each : callers) each.join();
+  EXPECT_EQ(*library_.slot(), original);
 }
 
 std::atomic<int> inside{0};
@@ -95,49 +67,46 @@ int Wait(int value) {
 }
 
 TEST_F(Storm, AHookIsTakenOffWhileAThreadIsInIt) {
-  ASSERT_TRUE(Hook(Wait));
+  ASSERT_EQ(library_.Hook(Wait), 0);
   int answer = 0;
   std::thread caller([&] {
     errno = EDOM;
-    answer = call_(1);
+    answer = library_.Call(1);
     EXPECT_EQ(errno, EDOM);
   });
   while (inside == 0) std::this_thread::yield();
-  EXPECT_TRUE(Unhook(Wait));
-  EXPECT_EQ(call_(5), 6);
+  EXPECT_EQ(library_.Unhook(Wait), 0);
+  EXPECT_EQ(library_.Call(5), 6);
   leave = true;
   caller.join();
   EXPECT_EQ(answer, 2);
   EXPECT_EQ(inside, 1);
 }
 
-int (*signal_call)(int);
+const Library* signal_library;
 std::atomic<int> signal_calls{0};
 std::atomic<int> signal_errors{0};
 
 void CallInSignal(int /*signal*/) {
   const int saved_errno = errno;
-  if (signal_call(10) != 11 || signal_call(20) != 21) ++signal_errors;
+  if (signal_library->Call(10) != 11 || signal_library->Call(20) != 21) ++signal_errors;
   if (errno != saved_errno) ++signal_errors;
   ++signal_calls;
 }
 
 TEST_F(Storm, SignalHandlersMakeHookedCalls) {
-  ASSERT_TRUE(Hook(Forward<1>));
-  signal_call = call_;
+  ASSERT_EQ(library_.Hook(Forward<1>), 0);
+  signal_library = &library_;
   struct sigaction action = {};
   action.sa_handler = CallInSignal;
   ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
   // Also a thread's first call, which sets up its hook stack, may be interrupted.
   for (int round = 0; round < 20; ++round) {
     std::atomic<bool> ready{false};
-    std::atomic<int> wrong{0};
     const int goal = signal_calls + 50;
     std::thread caller([&] {
       ready = true;
-      for (int value = 0; signal_calls < goal; ++value) {
-        if (call_(value) != value + 1) ++wrong;
-      }
+      Call([&] { return signal_calls >= goal; });
     });
     while (!ready) std::this_thread::yield();
     while (signal_calls < goal) {
@@ -145,22 +114,20 @@ TEST_F(Storm, SignalHandlersMakeHookedCalls) {
       usleep(50);
     }
     caller.join();
-    EXPECT_EQ(wrong, 0);
   }
   EXPECT_EQ(signal_errors, 0);
 }
 
 TEST_F(Storm, ForkedChildrenCallWhileHooksComeAndGo) {
   std::thread hooker([this] {
-    while (!stop_) ComeAndGo(1);
+    while (!stop_) ComeAndGo(Forward<1>);
   });
   for (int round = 0; round < 40; ++round) {
     const pid_t child = fork();
     if (child == 0) {
-      for (int value = 0; value < 100; ++value) {
-        if (call_(value) != value + 1) _exit(1);
-      }
-      _exit(0);
+      int left = 100;
+      Call([&left] { return left-- == 0; });
+      _exit(HasFailure() ? 1 : 0);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -171,4 +138,3 @@ TEST_F(Storm, ForkedChildrenCallWhileHooksComeAndGo) {
 }
 
 }  // namespace
-}  // namespace lumora::plthooks

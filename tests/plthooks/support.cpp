@@ -12,7 +12,6 @@
 #include <fstream>
 
 #include "linker/sharedlibs.h"
-#include "plthooks/plthooks.h"
 #include "tests/records/log_capture.h"
 
 Library::Library(const char* path, bool resolve_now)
@@ -21,6 +20,7 @@ Library::Library(const char* path, bool resolve_now)
   EXPECT_NE(handle_, nullptr) << dlerror();
   EXPECT_EQ(lumora::plthooks::plthooks_initialize(), 0);
   EXPECT_TRUE(lumora::linker::sharedLib(path));
+  call_ = find<decltype(calls_call)>("calls_call");
   // Libraries that call nobody through the PLT have been reported.
   LogLines().clear();
 }

@@ -4,12 +4,14 @@
 #include <functional>
 #include <string>
 
+#include "plthooks/plthooks.h"
 #include "plthooks/trampoline.h"
+#include "tests/plthooks/fixtures/calls.h"
 
 /// Loads the library at `path` for good and makes the engine ready.
 class Library {
  public:
-  explicit Library(const char* path, bool resolve_now = true);
+  explicit Library(const char* path = CALLS_FULL, bool resolve_now = true);
 
   const char* name() const { return name_.c_str(); }
 
@@ -21,11 +23,22 @@ class Library {
   void* address(const char* symbol) const;
 
   /// The slot through which it calls `function`; null when there is none.
-  void** slot(const char* function) const;
+  void** slot(const char* function = "calls_target") const;
+
+  template <typename T>
+  int Hook(T* hook, const char* function = "calls_target") const {
+    return lumora::plthooks::hook_plt_method(name(), function, reinterpret_cast<void*>(hook));
+  }
+  template <typename T>
+  int Unhook(T* hook, const char* function = "calls_target") const {
+    return lumora::plthooks::unhook_plt_method(name(), function, reinterpret_cast<void*>(hook));
+  }
+  int Call(int value) const { return call_(value); }
 
  private:
   std::string name_;
   void* handle_;
+  decltype(&calls_call) call_;
 };
 
 /// The rights to the page of `address`, as "rw-", from the process's maps; "" when not mapped.

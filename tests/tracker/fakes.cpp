@@ -1,5 +1,8 @@
 #include "fakes.h"
 
+#include <sys/system_properties.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -8,9 +11,13 @@
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
+#include "linker/sharedlibs.h"
 #include "platform/program_name.h"
+#include "plthooks/plthooks.h"
+#include "plthooks/trampoline.h"
 #include "records/PointerData.h"
 #include "tracker/MemTrackControl.h"
+#include "tracker/proxies.h"
 
 namespace fake {
 namespace {
@@ -54,6 +61,22 @@ void* Allocate(const char* name, Arguments... arguments) {
   return Now().allocation_fails ? nullptr : new_block;
 }
 
+const char* ProxyName(const void* proxy) {
+  if (proxy == reinterpret_cast<void*>(shared_proxy_mmap64)) return "mmap64";
+  if (proxy == reinterpret_cast<void*>(shared_proxy___mmap2)) return "__mmap2";
+  if (proxy == reinterpret_cast<void*>(shared_proxy_mremap)) return "mremap";
+  if (proxy == reinterpret_cast<void*>(shared_proxy_munmap)) return "munmap";
+  if (proxy == reinterpret_cast<void*>(shared_proxy_ion_ioctl)) return "ion";
+  return proxy == reinterpret_cast<void*>(shared_proxy_gpu_ioctl) ? "gpu" : "?";
+}
+
+int Answer(const char* verb, const char* library, const char* name, const void* proxy) {
+  Append(std::string(verb) + "(" + library + "," + name + "," + ProxyName(proxy) + ")");
+  if (Hooks().refused.count(name) == 0) return 0;
+  errno = ENOENT;
+  return 1;
+}
+
 }  // namespace
 
 char new_block[64];
@@ -61,6 +84,11 @@ char old_block[64];
 std::uint32_t zygote_flag = 0;
 bool* ZygoteFlag() {
   return reinterpret_cast<bool*>(&zygote_flag);
+}
+
+HookSetup& Hooks() {
+  static HookSetup setup;
+  return setup;
 }
 
 Behaviour& Now() {
@@ -78,10 +106,6 @@ void Reset() {
 void OnReport(std::function<void()> action) {
   const std::lock_guard lock(mutex);
   report_action = std::move(action);
-}
-
-void AddEvent(const std::string& text) {
-  Append(text);
 }
 
 std::string TakeEvents() {
@@ -182,4 +206,35 @@ int async_safe_format_log(int priority, const char* tag, const char* format, ...
   const bool known = std::strcmp(tag, "MemLeak.Native") == 0;
   fake::log_lines.push_back(std::string(!known ? "? " : priority == 4 ? "I " : "E ") + text);
   return length;
+}
+
+void lumora::linker::linker_set_enabled(int enabled) {
+  fake::Append("enable(" + std::to_string(enabled) + ")");
+}
+
+namespace lumora::plthooks {
+
+int plthooks_initialize() {
+  if (!fake::Hooks().initialize_fails) return 0;
+  errno = EPERM;
+  return 1;
+}
+int hook_plt_method(const char* libname, const char* name, void* hook) {
+  return fake::Answer("hook", libname, name, hook);
+}
+int unhook_plt_method(const char* libname, const char* name, void* hook) {
+  return fake::Answer("unhook", libname, name, hook);
+}
+void prepare_hook_stack() {}
+void* get_previous_from_hook(void* /*hook*/) {
+  return fake::Hooks().previous;
+}
+
+}  // namespace lumora::plthooks
+
+int __system_property_get(const char* name, char* value) {
+  const bool libraries = std::strcmp(name, "persist.sys.memleak.hookLib") == 0;
+  const std::string& text = libraries ? fake::Hooks().libraries : fake::Hooks().functions;
+  value[text.copy(value, PROP_VALUE_MAX - 1)] = '\0';
+  return static_cast<int>(text.size());
 }

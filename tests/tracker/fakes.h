@@ -1,8 +1,10 @@
-// Stand-ins for everything around the entries: the C library's allocator, the record store, the
-// capture and the logger. All of them write into one list of events, so that order can be checked.
+// Stand-ins for everything around the tracker: the C library's allocator, the record store, the
+// capture, the hook engine, the properties and the logger. All of them write into one list of
+// events, so that order can be checked.
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,17 @@ struct Behaviour {
 };
 Behaviour& Now();
 void Reset();
+
+/// The two hook properties (empty ones are unset) and what the hook engine does.
+struct HookSetup {
+  std::string libraries;
+  std::string functions;
+  bool initialize_fails = false;
+  std::set<std::string> refused;  ///< functions that cannot be hooked or unhooked
+  void* previous = nullptr;       ///< what every hooked call stands in for
+};
+HookSetup& Hooks();
+
 /// Runs `action` inside DumpAllocationTracesToFile, on its thread, which may be under way.
 void OnReport(std::function<void()> action);
 
@@ -30,8 +43,6 @@ extern char old_block[64];
 /// Events since the last call, separated by blanks; "*" follows one that happened while its thread
 /// was marked.
 std::string TakeEvents();
-/// Adds an event of another stand-in.
-void AddEvent(const std::string& text);
 /// Log lines since the last call: "I " or "E " by priority and the text; "?" under a wrong tag.
 std::vector<std::string> TakeLog();
 

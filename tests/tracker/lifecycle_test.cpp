@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "fakes.h"
@@ -19,19 +20,16 @@ bool Start() {
   return track_initialize(&fake::Dispatch(), fake::ZygoteFlag(), "options");
 }
 
-std::vector<pthread_key_t> TakeFreeKeys(std::size_t leave) {
+/// Runs `work` with only `left` thread keys to be had. Returns how many there were.
+std::size_t WithKeys(std::size_t left, const std::function<void()>& work) {
   std::vector<pthread_key_t> keys;
   pthread_key_t key = 0;
   while (pthread_key_create(&key, nullptr) == 0) keys.push_back(key);
-  for (; leave > 0; --leave) {
-    pthread_key_delete(keys.back());
-    keys.pop_back();
-  }
-  return keys;
-}
-
-void GiveBack(const std::vector<pthread_key_t>& keys) {
-  for (const pthread_key_t key : keys) pthread_key_delete(key);
+  const std::size_t all = keys.size();
+  for (; left > 0; --left, keys.pop_back()) pthread_key_delete(keys.back());
+  work();
+  for (const pthread_key_t each : keys) pthread_key_delete(each);
+  return all;
 }
 
 TEST(LifecycleTest, StartAndStopAndStartAgain) {
@@ -78,22 +76,16 @@ TEST(LifecycleTest, AFailedStartLeavesNothingBehind) {
   fake::Reset();
   // With three keys left the last is one whose use allocates: an entry would call itself forever.
   for (const std::size_t left : {0, 1, 2, 3}) {
-    const std::vector<pthread_key_t> keys = TakeFreeKeys(left);
-    EXPECT_FALSE(Start());
-    GiveBack(keys);
+    WithKeys(left, [] { EXPECT_FALSE(Start()); });
     EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
     const char* line = left < 3 ? "E pthread_key_create failed: Resource" : "E thread key ";
     EXPECT_EQ(fake::TakeLog().at(0).rfind(line, 0), 0U);
   }
-
+  const std::size_t keys = WithKeys(0, [] {});
   fake::Now().store_initialize_fails = true;
-  const std::vector<pthread_key_t> keys_before = TakeFreeKeys(0);
-  GiveBack(keys_before);
   EXPECT_FALSE(Start());
   EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
-  const std::vector<pthread_key_t> keys_after = TakeFreeKeys(0);
-  GiveBack(keys_after);
-  EXPECT_EQ(keys_after.size(), keys_before.size());
+  EXPECT_EQ(WithKeys(0, [] {}), keys);
 
   fake::Reset();
   EXPECT_TRUE(Start());

@@ -9,7 +9,6 @@
 #include <cstdint>
 
 #include "fakes.h"
-#include "hook_fakes.h"
 #include "tracker/MallocMemTrack.h"
 #include "tracker/MemTrackControl.h"
 
@@ -18,6 +17,8 @@ namespace {
 using Lines = std::vector<std::string>;
 
 constexpr int kAnonymous = MAP_PRIVATE | MAP_ANONYMOUS;
+const Lines kMapError = {"E map result error"};
+const Lines kUnmapError = {"E munmap addr or size error"};
 constexpr std::size_t kBig = std::size_t{3} << 32;
 
 /// What the real functions were given, and what they return.
@@ -67,59 +68,56 @@ class ProxiesTest : public testing::Test {
   static void Real(Function* function) {
     fake::Hooks().previous = reinterpret_cast<void*>(function);
   }
-  /// Events and log lines of the call just made.
-  static void Expect(const char* events, const Lines& log = {}) {
+  /// Checks a call just made: its result, what it recorded, and what the real function was given
+  /// unless that is known.
+  template <typename T>
+  static void Check(T answer, T expected, const char* events, const Lines& log = {},
+                    const std::string& given = seen) {
+    EXPECT_EQ(answer, expected);
     EXPECT_EQ(fake::TakeEvents(), events);
     EXPECT_EQ(fake::TakeLog(), log);
+    EXPECT_EQ(seen, given);
   }
 
   MemTrackControl* control_ = nullptr;
 };
 
 TEST_F(ProxiesTest, MappingsAreForwardedAndAnonymousOnesRecorded) {
-  const Lines error = {"E map result error"};
+  const auto map = [](std::size_t size, int flags) {
+    return shared_proxy_mmap64(reinterpret_cast<void*>(0x7000), size, 3, flags, -1, off_t{1} << 40);
+  };
+  const auto map2 = [](std::size_t size) {
+    return shared_proxy___mmap2(nullptr, size, 3, kAnonymous, -1, 7);
+  };
+  const auto remap = [](int flags) {
+    return shared_proxy_mremap(reinterpret_cast<void*>(0x6000), 1, 2, flags, fake::old_block);
+  };
   Real(RealMmap);
-  auto* hint = reinterpret_cast<void*>(0x7000);
-  EXPECT_EQ(shared_proxy_mmap64(hint, kBig, 3, kAnonymous, -1, off_t{1} << 40), mapping);
-  EXPECT_EQ(seen, "28672 12884901888 3 34 18446744073709551615 1099511627776 ");
-  Expect("Add(new,12884901888)");
-  EXPECT_EQ(shared_proxy_mmap64(hint, 4096, 3, MAP_PRIVATE, 5, 0), mapping);
-  Expect("");
-  EXPECT_EQ(shared_proxy___mmap2(nullptr, 4096, 3, kAnonymous, -1, 7), mapping);
-  EXPECT_EQ(seen, "0 4096 3 34 18446744073709551615 7 ");
-  Expect("Add(new,4096)");
-  shared_proxy___mmap2(nullptr, 0, 3, kAnonymous, -1, 7);
-  Expect("", error);
+  Check(map(kBig, kAnonymous), mapping, "Add(new,12884901888)", {},
+        "28672 12884901888 3 34 18446744073709551615 1099511627776 ");
+  Check(map(4096, MAP_PRIVATE), mapping, "");
+  Check(map2(4096), mapping, "Add(new,4096)", {}, "0 4096 3 34 18446744073709551615 7 ");
+  Check(map2(0), mapping, "", kMapError);
   mapping = MAP_FAILED;
-  EXPECT_EQ(shared_proxy_mmap64(nullptr, 4096, 3, kAnonymous, -1, 0), MAP_FAILED);
-  Expect("Add(?,4096)");
+  Check(map(4096, kAnonymous), MAP_FAILED, "Add(?,4096)");
   mapping = nullptr;
-  EXPECT_EQ(shared_proxy_mmap64(nullptr, 4096, 3, kAnonymous, -1, 0), nullptr);
-  Expect("", error);
+  Check(map(4096, kAnonymous), mapping, "", kMapError);
 
   Real(RealMremap);
   mapping = fake::new_block;
-  EXPECT_EQ(shared_proxy_mremap(fake::old_block, 1, 2, MREMAP_MAYMOVE, hint), mapping);
-  EXPECT_EQ(seen, std::to_string(std::uintptr_t(fake::old_block)) + " 1 2 1 28672 ");
-  Expect("");
-  shared_proxy_mremap(fake::old_block, 1, 2, MAP_ANONYMOUS, nullptr);
-  Expect("Add(new,2)");
+  Check(remap(MREMAP_MAYMOVE), mapping, "", {},
+        "24576 1 2 1 " + std::to_string(std::uintptr_t(fake::old_block)) + " ");
+  Check(remap(MAP_ANONYMOUS), mapping, "Add(new,2)");
 
   Real(RealMunmap);
   result = -1;
-  EXPECT_EQ(shared_proxy_munmap(fake::old_block, kBig), -1);
+  Check(shared_proxy_munmap(fake::old_block, kBig), -1, "Remove(old,12884901888)");
   EXPECT_EQ(errno, EAGAIN);
-  Expect("Remove(old,12884901888)");
-  const Lines bad = {"E munmap addr or size error"};
-  EXPECT_EQ(shared_proxy_munmap(nullptr, 4096), -1);
-  Expect("", bad);
-  EXPECT_EQ(shared_proxy_munmap(fake::old_block, 0), -1);
-  Expect("", bad);
+  Check(shared_proxy_munmap(nullptr, 4096), -1, "", kUnmapError);
+  Check(shared_proxy_munmap(fake::old_block, 0), -1, "", kUnmapError);
 }
 
 TEST_F(ProxiesTest, DeviceRequests) {
-  const Lines map_error = {"E map result error"};
-  const Lines unmap_error = {"E munmap addr or size error"};
   Real(RealIoctl);
   // Where the record's key is: events name new_block and old_block alone.
   struct {
@@ -128,57 +126,47 @@ TEST_F(ProxiesTest, DeviceRequests) {
     std::uint32_t flags = 0;
     std::uint64_t heap_flags = 0;
   } dma;
-  EXPECT_EQ(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0);
-  EXPECT_EQ(seen, "3 3222816768 " + std::to_string(std::uintptr_t(&dma)) + " ");
-  Expect("Add(?,8192)");
-  EXPECT_EQ(shared_proxy_ion_ioctl(3, 0xFFFFFFFFC0184800, &dma), 0) << "a sign-extended request";
-  Expect("Add(?,8192)");
-  EXPECT_EQ(shared_proxy_ion_ioctl(3, 0xC0184801, nullptr), 0);
-  Expect("");
+  Check(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0, "Add(?,8192)", {},
+        "3 3222816768 " + std::to_string(std::uintptr_t(&dma)) + " ");
+  // A sign-extended request.
+  Check(shared_proxy_ion_ioctl(3, 0xFFFFFFFFC0184800, &dma), 0, "Add(?,8192)");
+  Check(shared_proxy_ion_ioctl(3, 0xC0184801, nullptr), 0, "");
   dma.len = 0;
-  shared_proxy_ion_ioctl(3, 0xC0184800, &dma);
-  Expect("", map_error);
-  shared_proxy_ion_ioctl(3, 0xC0184800, nullptr);
-  Expect("", map_error);
+  Check(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0, "", kMapError);
+  Check(shared_proxy_ion_ioctl(3, 0xC0184800, nullptr), 0, "", kMapError);
 
   auto* gpu = reinterpret_cast<std::uint64_t*>(fake::new_block);
   gpu[0] = 0;
   gpu[1] = 65536;
   result = 11;
-  EXPECT_EQ(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), 11);
-  Expect("Add(new,65536)");
-  EXPECT_EQ(shared_proxy_gpu_ioctl(4, 0x40200946, gpu), 11);
-  Expect("Remove(new,65536)");
-  shared_proxy_gpu_ioctl(4, 0xC0300944, gpu);
-  Expect("");
+  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), 11, "Add(new,65536)");
+  Check(shared_proxy_gpu_ioctl(4, 0x40200946, gpu), 11, "Remove(new,65536)");
+  Check(shared_proxy_gpu_ioctl(4, 0xC0300944, gpu), 11, "");
   gpu[1] = 0;
-  shared_proxy_gpu_ioctl(4, 0xC0300945, gpu);
-  Expect("", map_error);
-  shared_proxy_gpu_ioctl(4, 0x40200946, nullptr);
-  Expect("", unmap_error);
+  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), 11, "", kMapError);
+  Check(shared_proxy_gpu_ioctl(4, 0x40200946, nullptr), 11, "", kUnmapError);
   // What the kernel could not read, the proxy does not read either.
   result = -1;
-  EXPECT_EQ(shared_proxy_gpu_ioctl(4, 0xC0300945, reinterpret_cast<void*>(16)), -1);
-  Expect("", map_error);
+  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, reinterpret_cast<void*>(16)), -1, "", kMapError);
 }
 
 TEST_F(ProxiesTest, NothingIsRecordedWhilePausedOrMarked) {
+  const auto map = [](std::size_t size) {
+    return shared_proxy_mmap64(nullptr, size, 3, kAnonymous, -1, 0);
+  };
   Real(RealMmap);
   control_->ConfigPltHookStatus(false, true);
-  EXPECT_EQ(shared_proxy_mmap64(nullptr, 0, 3, kAnonymous, -1, 0), mapping);
-  Expect("");
+  Check(map(0), mapping, "");
   control_->ConfigPltHookStatus(true, true);
   control_->DisablePltThread();
-  EXPECT_EQ(shared_proxy_mmap64(nullptr, 4096, 3, kAnonymous, -1, 0), mapping);
-  Expect("");
+  Check(map(4096), mapping, "");
   EXPECT_FALSE(control_->PltThreadEnabled()) << "an outer mark stays";
   control_->EnablePltThread();
-  fake::Now().in_add = [this] {
+  fake::Now().in_add = [this, map] {
     EXPECT_FALSE(control_->PltThreadEnabled());
-    shared_proxy_mmap64(nullptr, 64, 3, kAnonymous, -1, 0);
+    map(64);
   };
-  shared_proxy_mmap64(nullptr, 4096, 3, kAnonymous, -1, 0);
-  Expect("Add(new,4096)");
+  Check(map(4096), mapping, "Add(new,4096)");
   EXPECT_TRUE(control_->PltThreadEnabled());
 }
 
