@@ -21,17 +21,18 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: memleak_mappings PAIRS [touch]\n");
     return 2;
   }
+  const long each = pairs / kRounds;
   double best = 1e18;
   for (int round = 0; round < kRounds; ++round) {
     const auto start = std::chrono::steady_clock::now();
-    for (long i = 0; i < pairs / kRounds; ++i) {
+    for (long i = 0; i < each; ++i) {
       void* mapping = MapOne(kBytes);
       if (mapping == MAP_FAILED) return 1;
       if (touch) *static_cast<volatile char*>(mapping) = 1;
       if (UnmapOne(mapping, kBytes) != 0) return 1;
     }
     const std::chrono::duration<double, std::nano> took = std::chrono::steady_clock::now() - start;
-    best = std::min(best, took.count() / static_cast<double>(pairs / kRounds));
+    best = std::min(best, took.count() / static_cast<double>(each));
   }
   std::printf("%.1f\n", best);
   return 0;

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +12,8 @@
 #include "tools/kinds.h"
 #include "tools/launcher.h"
 #include "tools/process_info.h"
+#include "tools/report/show.h"
+#include "tools/report/symbol_options.h"
 
 namespace memleak {
 
@@ -32,6 +35,7 @@ struct ReportOptions {
   pid_t pid = 0;
   Kind kind = Kind::kNative;
   std::uint32_t timeout_s = 60;  ///< 0: wait without end
+  bool keep_recording = false;   ///< of the native heap
 };
 
 struct FdOptions {
@@ -48,8 +52,38 @@ struct SendOptions {
 
 struct ShowOptions {
   std::string report;  ///< a report, or a root directory that holds one
-  std::uint32_t top = 10;
+  ViewOptions view;
+  std::optional<std::size_t> top;  ///< default: 10; with --json all
+  SymbolOptions symbols;
   bool partial = false;  ///< show what is there of a truncated report
+  bool json = false;
+};
+
+struct HtmlOptions {
+  std::string report;  ///< a report, a root directory that holds one, or an exported document
+  std::string old;     ///< an older report to compare with; empty for none
+  std::string output;
+  SymbolOptions symbols;
+  bool partial = false;  ///< show what is there of a truncated report
+};
+
+struct DiffOptions {
+  std::string before;  ///< a report, or a root directory that holds one
+  std::string after;   ///< the same
+  std::size_t top = 10;
+  SymbolOptions symbols;
+  std::optional<std::uint64_t> fail_over;  ///< bytes of growth that are still well
+  bool json = false;
+  bool partial = false;
+};
+
+struct ExportOptions {
+  std::string report;  ///< a report, or a root directory that holds one
+  std::string format;  ///< "folded", "speedscope", "pprof", "json" or "html"
+  std::string by;      ///< "bytes" or "count", for folded stacks
+  std::string output;  ///< a file; empty: the standard output
+  SymbolOptions symbols;
+  bool partial = false;
 };
 
 /// Becomes the program; returns never, but by throwing.
@@ -74,5 +108,9 @@ int SendWordCommand(const SendOptions& options);
 int ReportCommand(const ReportOptions& options);
 int StatusCommand(pid_t pid);
 int ShowCommand(const ShowOptions& options);
+int HtmlCommand(const HtmlOptions& options);
+/// kExitNegative when the totals grew by more than `fail_over`.
+int DiffCommand(const DiffOptions& options);
+int ExportCommand(const ExportOptions& options);
 
 }  // namespace memleak

@@ -1,4 +1,4 @@
-// report, status and show: what asks.
+// report and status: what asks a process.
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,66 +12,19 @@
 #include "tools/control.h"
 #include "tools/format.h"
 #include "tools/process_info.h"
-#include "tools/report_parser.h"
+#include "tools/report/report_parser.h"
+#include "tools/report/show.h"
 #include "tools/report_wait.h"
 #include "tools/root_directory.h"
-#include "tools/show.h"
-#include "tools/signal_sender.h"
-#include "tools/symbolizer.h"
+#include "tools/take_report.h"
 #include "tools/user_error.h"
 
 namespace memleak {
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
-constexpr std::size_t kDamagedLinesShown = 5;
-
-std::string FormatDuration(milliseconds duration) {
-  const auto tenths = duration.count() / 100;
-  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
-}
-
-/// A line on the terminal that is rewritten while waiting; nothing where no person looks.
-class Progress {
- public:
-  explicit Progress(std::string label)
-      : label_(std::move(label)), enabled_(isatty(STDERR_FILENO) == 1) {}
-  ~Progress() {
-    if (printed_) std::cerr << "\r\033[K" << std::flush;
-  }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-
-  void Update(milliseconds waited, std::int64_t bytes) {
-    if (!enabled_) return;
-    printed_ = true;
-    std::cerr << "\r\033[K" << label_ << "  " << FormatDuration(waited);
-    if (bytes > 0)
-      std::cerr << ", " << FormatBytes(static_cast<std::uint64_t>(bytes)) << " written";
-    std::cerr << std::flush;
-  }
-
- private:
-  std::string label_;
-  bool enabled_;
-  bool printed_ = false;
-};
-
-void CheckResult(WaitResult result, const ProcessInfo& process, const std::string& path,
-                 std::uint32_t timeout_s) {
-  if (result == WaitResult::kProcessEnded) {
-    throw UserError("process " + process.Label() + " ended before its report was complete: " + path,
-                    "start it with: memleak run --report-at-exit");
-  }
-  if (result == WaitResult::kTimeout) {
-    throw UserError("no complete report after " + std::to_string(timeout_s) + " s: " + path,
-                    "wait longer with --timeout, or see whether the process may write there");
-  }
-}
 
 // Why ReadTextFile gave nothing.
 std::string ReadFailure(const std::string& path) {
@@ -152,68 +105,29 @@ std::string SignalText(const ProcessInfo& process) {
   return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
 }
 
-// A root directory stands for the report below it.
-std::string FindReport(const std::string& given) {
-  std::error_code ignored;
-  if (!fs::is_directory(given, ignored)) return given;
-  const fs::path below = fs::path(given) / kReportFile;
-  for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
-    std::error_code error;
-    const bool found = fs::is_regular_file(candidate, error);
-    // A directory without permission hides whether the report is there.
-    if (found || error == std::errc::permission_denied) return candidate.string();
-  }
-  throw UserError("no report below " + given, "write one with: memleak report PID");
-}
-
-void WarnOfDamage(const Report& report) {
-  for (std::size_t i = 0; i < report.damaged.size() && i < kDamagedLinesShown; ++i) {
-    const DamagedLine& line = report.damaged[i];
-    std::cerr << "memleak: line " << line.number << " left out: " << FitWidth(line.reason, 120)
-              << "\n";
-  }
-  if (report.damaged.size() > kDamagedLinesShown) {
-    std::cerr << "memleak: " << report.damaged.size() - kDamagedLinesShown
-              << " more lines left out\n";
-  }
-}
-
 }  // namespace
 
 int ReportCommand(const ReportOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
-  WaitOptions wait;
-  wait.path = process.ReportPath();
-  wait.old = MoveOldReportAside(wait.path);
-  wait.timeout = milliseconds(1000) * options.timeout_s;
-  wait.is_alive = [&] { return IsAlive(process.pid); };
-  Progress progress("waiting for the report of " + process.Label());
-  wait.progress = [&](milliseconds waited, std::int64_t bytes) { progress.Update(waited, bytes); };
+  if (options.keep_recording) RequireNoHooks(process);
+  const std::uint64_t word = options.keep_recording ? kReportGoingOn : InfoOf(options.kind).report;
+  const std::chrono::milliseconds took =
+      TakeReport(process, word, options.timeout_s, OldReport::kKeepBeside);
+  const std::string path = process.ReportPath();
 
-  const auto start = steady_clock::now();
-  WaitResult result = WaitResult::kTimeout;
-  try {
-    SendCommand(process, InfoOf(options.kind).report, 0);
-    result = WaitForReport(wait);
-  } catch (const UserError&) {
-    RestoreOldReport(wait.path);
-    throw;
+  ReportHeader header;
+  ReadReportFile(path, {}, &header);
+  std::cout << "report  " << path << "\n"
+            << "groups  " << FormatCount(header.groups);
+  if (header.listed < header.groups) {
+    std::cout << " (the largest " << header.listed << " are listed)";
   }
-  const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
-  if (result != WaitResult::kComplete) RestoreOldReport(wait.path);
-  CheckResult(result, process, wait.path, options.timeout_s);
-
-  const Report report = LoadReport(wait.path);
-  std::cout << "report  " << wait.path << "\n"
-            << "groups  " << FormatCount(report.header.groups);
-  if (report.header.listed < report.header.groups) {
-    std::cout << " (the largest " << report.header.listed << " are listed)";
-  }
-  if (report.header.groups == 0) std::cout << "\n        " << kNothingHeld;
-  std::cout << "\nbytes   " << FormatCount(report.header.total_bytes) << " ("
-            << FormatBytes(report.header.total_bytes) << ")\n"
+  if (header.groups == 0) std::cout << "\n        " << kNothingHeld;
+  std::cout << "\nbytes   " << FormatCount(header.total_bytes) << " ("
+            << FormatBytes(header.total_bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
   if (options.kind != Kind::kNative) PrintStillHooked(process);
+  if (options.keep_recording) std::cout << "        recording was not touched\n";
   return kExitOk;
 }
 
@@ -230,27 +144,6 @@ int StatusCommand(pid_t pid) {
             << "report      " << ReportText(process.ReportPath()) << "\n";
   if (!process.log.empty()) std::cout << "log         " << process.log << "\n";
   return TakesCommands(process) ? kExitOk : kExitNegative;
-}
-
-int ShowCommand(const ShowOptions& options) {
-  const std::string path = FindReport(options.report);
-  const Report report = LoadReport(path);
-  if (!report.complete && !options.partial) {
-    throw UserError("report is truncated: " + path + " (no \"END\" at its end)",
-                    "wait until it is written, or see what is there with --partial");
-  }
-  WarnOfDamage(report);
-  Symbolizer symbolizer;
-  PrintReport(
-      report, path, options.top,
-      [&](const std::string& library, std::uint64_t offset) -> const Symbols& {
-        return symbolizer.Resolve(library, offset);
-      },
-      std::cout);
-  const std::vector<std::string> missing = symbolizer.MissingFiles();
-  if (!missing.empty()) std::cout << "\nNo symbols for files that are not here:\n";
-  for (const std::string& file : missing) std::cout << "  " << FitWidth(file, 78) << "\n";
-  return kExitOk;
 }
 
 }  // namespace memleak

@@ -17,6 +17,10 @@ inline constexpr std::uint64_t kNativePause = 0x20;
 inline constexpr std::uint64_t kNativeReport = 0x40;
 inline constexpr std::uint64_t kNativeClear = 0x80;
 
+/// A report while native recording goes on. "Stop and report" of device memory takes hooks away and
+/// leaves the native heap's switches alone; 0x40000 would do as well.
+inline constexpr std::uint64_t kReportGoingOn = 0x4000;
+
 /// How a backtrace is captured: the first character of the type property, and the low 16 bits of
 /// the parameter word.
 inline constexpr char kUnwindFramePointers = '0';

@@ -18,8 +18,8 @@ Every command explains itself: memleak COMMAND --help.
 
 Exit codes:
   0  done
-  1  the answer is no (status: not tracked; libs: nothing to hook), or an
-     internal error
+  1  the answer is no (status: not tracked; libs: nothing to hook; diff: grew
+     by more than --fail-over), or an internal error
   2  an error that one can mend; one line says what, where and how)";
 
 inline constexpr const char* kRun = R"(
@@ -104,14 +104,51 @@ complete and prints where it is. A report that is already there is kept beside
 it as allocations_dump.old. With --kind, the hooks of the latest `on` are taken
 away; what earlier ones have left hooked is named, and records nothing.
 
+With --keep-recording the native heap goes on being recorded: no free is missed,
+so that reports taken one after the other can be compared. A process that
+records through hooks cannot: its report takes them away.
+
 Examples:
   memleak report 4711
+  memleak report 4711 --keep-recording
   memleak report 4711 --timeout 300
   memleak report 4711 --kind mmap
 
 Exit codes:
   0  the report is complete
   2  no such process, not permitted, not tracked, or no complete report in time)";
+
+inline constexpr const char* kWatch = R"(
+Takes a report every so often while recording goes on, saves each in DIR under
+its number and time, and ends by saying what grew from the first to the last.
+Native recording is switched on, with empty tables, unless the log says that it
+is on; it is never switched off. Ends when the time is over, when the process
+ends, or on Ctrl-C, which takes a last report; a second Ctrl-C ends at once.
+
+A group is the blocks of one size and one stack, compared by the names of the
+functions on it. Of each that grew:
+  +4.7 KiB              bytes more in the last report than in the first
+  +1.2 KiB/min          its slope: a straight line by least squares through all
+                        reports that tell its size
+  (95 %: +1.1 to +1.3)  between these lies the true slope in 19 of 20 cases, if
+                        the reports scatter about a line at random. A range
+                        that is above 0 speaks for a leak; one around 0 for
+                        a cache that comes and goes. Takes three reports.
+  r2 0.998              how much of the change the line explains: 1 is steady
+                        growth, near 0 anything else
+A report lists the 1000 largest groups. A group that is not listed while others
+are left out counts as unknown there ("?"), not as 0; "known in 4 of 5 reports"
+says so. DIR/trend.json holds all groups and values, for programs, DIR/leak.html
+shows the difference of first and last in a browser.
+
+Examples:
+  memleak watch 4711 -o out
+  memleak watch 4711 --every 5m --for 8h -o out
+
+Exit codes:
+  0  done
+  2  no such process, not permitted, not tracked, recording through hooks, DIR
+     not new or not writable, or no complete report in time)";
 
 inline constexpr const char* kClear = R"(
 Drops everything recorded so far, of every kind. Recording stays as it is, on
@@ -187,16 +224,93 @@ Exit codes:
   2  no such process, or not permitted)";
 
 inline constexpr const char* kShow = R"(
-Prints the largest groups of a report: how much they hold, how many blocks,
-how old, and the call stack with function, file and line where symbols exist.
-REPORT is the file or the root directory that holds it.
+Prints what a report holds: how much, in how many blocks, how old, and the call
+stacks with function, file and line where symbols exist. REPORT is the file or
+the root directory that holds it. What lies outside of the view is summed up
+below it.
+
+--by group lists blocks of one size and one stack; library and function sum
+groups up, with all that they call and (self) by the innermost frame alone; tree
+goes from the outermost call inwards, callers from the allocating call outwards.
+
+--older-than keeps groups whose oldest listed block is at least that old: memory
+that comes and goes drops out. A group is called "growing" when it has blocks
+from both the first and the last quarter of the time that the report covers,
+"settled" when it has none from the last, "recent" when it has none from the
+first.
+
+Lines come from the libraries, from debug files (by build id, debug link or
+name) in --symbols and /usr/lib/debug. --sysroot replaces this machine's files
+by a copy of the device's.
 
 Examples:
   memleak show ./memleak.4711
-  memleak show ./memleak.4711/data/log/reliability/allocations_dump --top 3
+  memleak show ./memleak.4711 --by function --top 20
+  memleak show allocations_dump --filter 'libfoo|Cache::' --older-than 10m
+  memleak show allocations_dump --symbols out/symbols --sysroot device
+  memleak show allocations_dump --json | jq .totals
 
 Exit codes:
   0  shown
   2  not a report, not readable, or truncated (--partial shows what is there))";
+
+inline constexpr const char* kHtml = R"(
+Writes one file that shows a report in a browser, with nothing else needed: a
+flame graph that zooms and searches, the table of groups with their stacks, and
+the ages of their blocks. With --diff, what grew and what shrank since OLD.
+A document of `memleak export --format json` or `memleak diff --json` will do as
+REPORT too.
+
+Examples:
+  memleak html ./memleak.4711 -o leak.html
+  memleak html new/allocations_dump --diff old/allocations_dump -o grown.html
+
+Exit codes:
+  0  written
+  2  not a report, not readable, truncated (--partial shows what is there), or
+     the page cannot be written)";
+
+inline constexpr const char* kDiff = R"(
+Says what grew, shrank, appeared and went from report OLD to report NEW, by call
+stack and size of block. Stacks are matched by function and library, so that
+reports of different runs can be compared; places without symbols are matched by
+the library's build id and offset.
+
+A report lists its 1000 largest groups. One that only one report lists is called
+new or gone only when the other surely lacks it; where it may have been too small
+for the list, the bounds are shown ("0 B to 2.0 KiB"), and growth means what is
+certain of it.
+
+--fail-over compares the totals, which count all groups.
+
+Examples:
+  memleak diff before/memleak.4711 after/memleak.4802
+  memleak diff baseline allocations_dump --fail-over 64k
+  memleak diff old new --json | jq '.groups[] | select(.status == "new")'
+
+Exit codes:
+  0  done
+  1  the total grew by more than --fail-over
+  2  not a report, not readable, or truncated (--partial takes what is there))";
+
+inline constexpr const char* kExport = R"(
+Writes a report for other programs:
+  folded      one line a stack, outermost function first, for flame graphs;
+              ";", "%" and blanks in names are written as %3B, %25 and %20
+  speedscope  for the viewer of that name: one profile of bytes, one of blocks
+  pprof       for `go tool pprof` and readers of continuous profilers:
+              inuse_space and inuse_objects, with build ids and lines
+  json        everything there is; docs/report-json.md describes it
+  html        the page of `memleak html`
+
+Examples:
+  memleak export ./memleak.4711 --format folded > stacks.txt
+  memleak export ./memleak.4711 --format pprof -o leak.pb.gz
+  memleak export allocations_dump --format speedscope -o leak.speedscope.json
+
+Exit codes:
+  0  written
+  2  not a report, not readable, or truncated (--partial takes what is there);
+     or the output cannot be written)";
 
 }  // namespace memleak::help

@@ -75,7 +75,10 @@ class HookLog {
       if ((done_ & info.on) != 0) state = std::string(info.name) + " on";
       if ((word_ & ~done_ & info.on) != 0) break;
       if ((done_ & info.pause) != 0) state = std::string(info.name) + " paused";
-      if ((word_ & info.report) != 0) state = "recording off (stopped by a report)";
+      // Where there were never hooks, it was a report that lets native recording go on.
+      if ((word_ & info.report) != 0 && !state.empty()) {
+        state = "recording off (stopped by a report)";
+      }
     }
     return state;
   }

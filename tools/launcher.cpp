@@ -48,12 +48,14 @@ fs::path OwnDirectory() {
   return fs::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
-// Beside the controller, where an installation has them, and in the other preset of a build tree.
+// Beside the controller, in a build tree, in an installation, and in the other preset of a build
+// tree.
 std::vector<std::string> LibraryCandidates(const std::string& libdir) {
   if (!libdir.empty()) return {fs::absolute(libdir).lexically_normal().string()};
   const fs::path own = OwnDirectory();
   const fs::path prefix = own.parent_path();
-  std::vector<std::string> candidates = {own.string(), (prefix / "lib").string()};
+  std::vector<std::string> candidates = {own.string(), (prefix / "lib").string(),
+                                         (prefix / "lib" / "memleak").string()};
   for (const char* preset : {"native", "aarch64"}) {
     candidates.push_back((prefix.parent_path() / preset / "lib").string());
   }

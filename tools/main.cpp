@@ -3,10 +3,12 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <exception>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "tools/help_texts.h"
 #include "tools/kinds.h"
 #include "tools/user_error.h"
+#include "tools/watch.h"
 
 namespace memleak {
 namespace {
@@ -28,12 +31,23 @@ struct Options {
   FdOptions fd;
   SendOptions send;
   ShowOptions show;
+  WatchOptions watch;
+  HtmlOptions html;
+  DiffOptions diff;
+  ExportOptions exported;
   // Numbers as they were given: the library's own messages about them name neither what is wanted
   // nor what to do.
   std::string pid;
   std::string depth;
   std::string timeout;
   std::string top;
+  std::string by = "group";
+  std::string sort = "total";
+  std::string min_size;
+  std::string older_than;
+  std::string every;
+  std::string duration;
+  std::string fail_over;
   std::string unwind;
   std::string kind;
   std::string libraries;
@@ -59,6 +73,13 @@ constexpr NumberKind kTimeoutKind = {"a number of seconds", 0, kMost32,
                                      "give one such as 300, or 0 to wait without end"};
 constexpr NumberKind kTopKind = {"a number of groups", 0, kMost32,
                                  "give one such as 20, or 0 for all"};
+constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max();
+constexpr NumberKind kBytesKind = {"a number of bytes", 0, kMost64, "give one such as 4096 or 64k"};
+constexpr NumberKind kAgeKind = {"an age", 0, kMost32, "give one such as 90s, 10m, 2h or 1d"};
+constexpr NumberKind kEveryKind = {"a time of at least a second", 1, kMost32,
+                                   "give one such as 30s, 5m or 1h"};
+constexpr NumberKind kForKind = {"a time", 0, kMost32,
+                                 "give one such as 10m or 2h, or 0 for no end"};
 constexpr NumberKind kWordKind = {"a number in range", 0, std::numeric_limits<std::uint64_t>::max(),
                                   "give one such as 0x90"};
 constexpr NumberKind kParameterKind = {"a number in range", 0, kMost32, "give one such as 0xa0031"};
@@ -80,6 +101,28 @@ std::uint64_t ParseNumber(const std::string& name, const std::string& text,
 std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
                             const NumberKind& kind) {
   return static_cast<std::uint32_t>(ParseNumber(name, text, kind));
+}
+
+// What a letter behind a number multiplies it by.
+struct Unit {
+  char letter;
+  std::uint64_t factor;
+};
+constexpr std::array kByteUnits = {Unit{'k', 1U << 10U}, Unit{'m', 1U << 20U},
+                                   Unit{'g', 1U << 30U}};
+constexpr std::array kAgeUnits = {Unit{'s', 1}, Unit{'m', 60}, Unit{'h', 3600}, Unit{'d', 86400}};
+
+// A number with one of `units` behind it, or none.
+template <typename Units>
+std::uint64_t ParseWithUnit(const std::string& name, const std::string& text,
+                            const NumberKind& kind, const Units& units) {
+  const char last = text.empty() ? '\0' : static_cast<char>(text.back() | 0x20);
+  const auto unit = std::find_if(units.begin(), units.end(),
+                                 [&](const Unit& candidate) { return candidate.letter == last; });
+  if (unit == units.end()) return ParseNumber(name, text, kind);
+  NumberKind digits = kind;
+  digits.most = kind.most / unit->factor;
+  return unit->factor * ParseNumber(name, text.substr(0, text.size() - 1), digits);
 }
 
 /// Help as the library prints it, but for what it cannot know: the words after `run`'s options.
@@ -152,6 +195,104 @@ void AddRun(CLI::App* app, Options* options) {
       ->option_text("COMMAND");
 }
 
+void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols) {
+  command
+      ->add_option("--symbols", symbols->symbol_dirs,
+                   "Debug files or unstripped libraries;\ncan be given several times")
+      ->option_text("DIR")
+      ->allow_extra_args(false);
+  command->add_option("--sysroot", symbols->sysroot, "A copy of the device's files")
+      ->option_text("DIR");
+}
+
+void AddShow(CLI::App* app, Options* options) {
+  CLI::App* show = AddCommand(app, "show", "Print a report", help::kShow);
+  show->add_option("REPORT", options->show.report, "Report, or root directory")
+      ->required()
+      ->option_text(" ");
+  show->add_option("--by", options->by, "group, library, function, tree or callers")
+      ->check(CLI::IsMember({"group", "library", "function", "tree", "callers"}))
+      ->option_text("WHAT");
+  show->add_option("--top", options->top, "Groups, rows or branches to show (10); 0: all")
+      ->option_text("N");
+  show->add_option("--filter", options->show.view.selection.filter,
+                   "Groups with a matching function, library\nor source file on their stack")
+      ->option_text("REGEX");
+  show->add_option("--min-size", options->min_size, "Groups that hold as much (64k, 1m)")
+      ->option_text("BYTES");
+  show->add_option("--older-than", options->older_than, "Groups with blocks that old (90s, 10m)")
+      ->option_text("AGE");
+  show->add_option("--sort", options->sort, "total, count, size or age")
+      ->check(CLI::IsMember({"total", "count", "size", "age"}))
+      ->option_text("KEY");
+  AddSymbolOptions(show, &options->show.symbols);
+  show->add_flag("--json", options->show.json, "One JSON document, for programs");
+  show->add_flag("--partial", options->show.partial, "Accept a truncated report");
+}
+
+void AddHtml(CLI::App* app, HtmlOptions* options) {
+  CLI::App* html = AddCommand(app, "html", "Write a page about a report", help::kHtml);
+  html->add_option("REPORT", options->report, "Report, root directory, or JSON document")
+      ->required()
+      ->option_text(" ");
+  html->add_option("-o,--output", options->output, "The page")->required()->option_text("FILE");
+  html->add_option("--diff", options->old, "An older report: show what changed since")
+      ->option_text("OLD");
+  AddSymbolOptions(html, &options->symbols);
+  html->add_flag("--partial", options->partial, "Accept a truncated report");
+}
+
+void AddWatch(CLI::App* app, Options* options) {
+  CLI::App* watch =
+      AddPidCommand(app, "watch", "Take reports in turn and say what grew", help::kWatch, options);
+  watch->add_option("-o,--output", options->watch.directory, "Directory for the reports, a new one")
+      ->required()
+      ->option_text("DIR");
+  watch->add_option("--every", options->every, "From report to report (30s)")->option_text("TIME");
+  watch->add_option("--for", options->duration, "In all (10m); 0: without end")
+      ->option_text("TIME");
+  watch->add_option("--timeout", options->timeout, "Seconds to wait for each report (60)")
+      ->option_text("SECONDS");
+  watch->add_option("--top", options->top, "Groups to print (10); 0: all")->option_text("N");
+  AddSymbolOptions(watch, &options->watch.symbols);
+}
+
+void AddDiff(CLI::App* app, Options* options) {
+  CLI::App* diff = AddCommand(app, "diff", "Say what changed between reports", help::kDiff);
+  diff->add_option("OLD", options->diff.before, "Report, or root directory")
+      ->required()
+      ->option_text(" ");
+  diff->add_option("NEW", options->diff.after, "Report, or root directory")
+      ->required()
+      ->option_text(" ");
+  diff->add_option("--top", options->top, "Stacks to show (10) of each sort; 0: all")
+      ->option_text("N");
+  diff->add_option("--fail-over", options->fail_over,
+                   "Exit with 1 when the total grew by more\n(64k, 1m)")
+      ->option_text("BYTES");
+  AddSymbolOptions(diff, &options->diff.symbols);
+  diff->add_flag("--json", options->diff.json, "One JSON document, for programs");
+  diff->add_flag("--partial", options->diff.partial, "Accept truncated reports");
+}
+
+void AddExport(CLI::App* app, ExportOptions* options) {
+  CLI::App* command = AddCommand(app, "export", "Write a report in another format", help::kExport);
+  command->add_option("REPORT", options->report, "Report, or root directory")
+      ->required()
+      ->option_text(" ");
+  command->add_option("--format", options->format, "folded, speedscope, pprof, json or html")
+      ->required()
+      ->check(CLI::IsMember({"folded", "speedscope", "pprof", "json", "html"}))
+      ->option_text("FORMAT");
+  command->add_option("-o,--output", options->output, "Where to (default: standard output)")
+      ->option_text("FILE");
+  command->add_option("--by", options->by, "What folded stacks count: bytes (default)\nor count")
+      ->check(CLI::IsMember({"bytes", "count"}))
+      ->option_text("WHAT");
+  AddSymbolOptions(command, &options->symbols);
+  command->add_flag("--partial", options->partial, "Accept a truncated report");
+}
+
 void AddCommands(CLI::App* app, Options* options) {
   AddRun(app, options);
   CLI::App* on = AddPidCommand(app, "on", "Start recording", help::kOn, options);
@@ -168,6 +309,8 @@ void AddCommands(CLI::App* app, Options* options) {
       ->add_option("--timeout", options->timeout,
                    "Seconds to wait for the report (60); 0: without end")
       ->option_text("SECONDS");
+  report->add_flag("--keep-recording", options->report.keep_recording,
+                   "Go on recording; of the native heap alone");
   AddKindOption(
       AddPidCommand(app, "clear", "Drop everything recorded so far", help::kClear, options),
       options);
@@ -182,12 +325,11 @@ void AddCommands(CLI::App* app, Options* options) {
   send->add_option("--word", options->word, "Control word")->required()->option_text("WORD");
   send->add_option("--parameter", options->parameter, "Parameter word (0)")->option_text("WORD");
   AddPidCommand(app, "status", "Say what is known of a process", help::kStatus, options);
-  CLI::App* show = AddCommand(app, "show", "Print a report", help::kShow);
-  show->add_option("REPORT", options->show.report, "Report, or root directory")
-      ->required()
-      ->option_text(" ");
-  show->add_option("--top", options->top, "Groups to show (10); 0: all")->option_text("N");
-  show->add_flag("--partial", options->show.partial, "Accept a truncated report");
+  AddShow(app, options);
+  AddWatch(app, options);
+  AddHtml(app, &options->html);
+  AddDiff(app, options);
+  AddExport(app, &options->exported);
 }
 
 // The kind asked for; native without the option, and for commands that do not have it.
@@ -217,6 +359,24 @@ void CopyBacktraceOptions(const CLI::App& command, const Options& options, Targe
   }
 }
 
+int DispatchWatch(const CLI::App& command, pid_t pid, Options* options) {
+  WatchOptions& watch = options->watch;
+  watch.pid = pid;
+  if (command.count("--every") != 0) {
+    watch.every_s =
+        static_cast<std::uint32_t>(ParseWithUnit("--every", options->every, kEveryKind, kAgeUnits));
+  }
+  if (command.count("--for") != 0) {
+    watch.for_s =
+        static_cast<std::uint32_t>(ParseWithUnit("--for", options->duration, kForKind, kAgeUnits));
+  }
+  if (command.count("--timeout") != 0) {
+    watch.timeout_s = ParseNumber32("--timeout", options->timeout, kTimeoutKind);
+  }
+  if (command.count("--top") != 0) watch.top = ParseNumber32("--top", options->top, kTopKind);
+  return WatchCommand(watch);
+}
+
 int DispatchToProcess(const CLI::App& command, Options* options) {
   const std::string& name = command.get_name();
   const auto pid = static_cast<pid_t>(ParseNumber("PID", options->pid, kPidKind));
@@ -232,8 +392,14 @@ int DispatchToProcess(const CLI::App& command, Options* options) {
     if (command.count("--timeout") != 0) {
       options->report.timeout_s = ParseNumber32("--timeout", options->timeout, kTimeoutKind);
     }
+    if (options->report.keep_recording && options->report.kind != Kind::kNative) {
+      throw UserError("--keep-recording is not for --kind " + options->kind +
+                          ": its report takes the hooks away",
+                      "leave out one of them");
+    }
     return ReportCommand(options->report);
   }
+  if (name == "watch") return DispatchWatch(command, pid, options);
   if (name == "send") {
     options->send = {pid, ParseNumber("--word", options->word, kWordKind),
                      ParseNumber32("--parameter", options->parameter, kParameterKind)};
@@ -252,6 +418,40 @@ int DispatchToProcess(const CLI::App& command, Options* options) {
   return StatusCommand(pid);
 }
 
+int DispatchShow(const CLI::App& command, Options* options) {
+  static const std::map<std::string, View> kViews = {{"group", View::kGroups},
+                                                     {"library", View::kLibraries},
+                                                     {"function", View::kFunctions},
+                                                     {"tree", View::kTree},
+                                                     {"callers", View::kCallers}};
+  static const std::map<std::string, SortKey> kKeys = {{"total", SortKey::kTotal},
+                                                       {"count", SortKey::kCount},
+                                                       {"size", SortKey::kSize},
+                                                       {"age", SortKey::kAge}};
+  ShowOptions& show = options->show;
+  show.view.view = kViews.at(options->by);
+  Selection& selection = show.view.selection;
+  selection.sort = kKeys.at(options->sort);
+  if (command.count("--top") != 0) show.top = ParseNumber32("--top", options->top, kTopKind);
+  if (command.count("--min-size") != 0) {
+    selection.min_bytes = ParseWithUnit("--min-size", options->min_size, kBytesKind, kByteUnits);
+  }
+  if (command.count("--older-than") != 0) {
+    selection.older_than = static_cast<std::int64_t>(
+        ParseWithUnit("--older-than", options->older_than, kAgeKind, kAgeUnits));
+  }
+  return ShowCommand(show);
+}
+
+int DispatchDiff(const CLI::App& command, Options* options) {
+  DiffOptions& diff = options->diff;
+  if (command.count("--top") != 0) diff.top = ParseNumber32("--top", options->top, kTopKind);
+  if (command.count("--fail-over") != 0) {
+    diff.fail_over = ParseWithUnit("--fail-over", options->fail_over, kBytesKind, kByteUnits);
+  }
+  return DiffCommand(diff);
+}
+
 int Dispatch(const CLI::App& command, Options* options) {
   const std::string& name = command.get_name();
   if (name == "run") {
@@ -259,11 +459,11 @@ int Dispatch(const CLI::App& command, Options* options) {
     CopyBacktraceOptions(command, *options, &options->run);
     return RunCommand(options->run);
   }
-  if (name != "show") return DispatchToProcess(command, options);
-  if (command.count("--top") != 0) {
-    options->show.top = ParseNumber32("--top", options->top, kTopKind);
-  }
-  return ShowCommand(options->show);
+  if (name == "show") return DispatchShow(command, options);
+  if (name == "html") return HtmlCommand(options->html);
+  if (name == "diff") return DispatchDiff(command, options);
+  if (name == "export") return ExportCommand(options->exported);
+  return DispatchToProcess(command, options);
 }
 
 // The program and its arguments: what follows "--", after what `run` did not know itself.

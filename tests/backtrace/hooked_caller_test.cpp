@@ -38,7 +38,7 @@ namespace {
 __attribute__((noinline)) std::vector<std::uint64_t> CallHooked(std::size_t max_frames) {
   auto* own = static_cast<arch::FrameRecord*>(__builtin_frame_address(0));
   call = {1, 0x12345, reinterpret_cast<std::uintptr_t>(own)};
-  const auto frames = Capture(max_frames);
+  auto frames = Capture(max_frames);
   if (frames.size() >= 2) {
     EXPECT_EQ(frames[1], arch::StripReturnAddress(own->return_address) - arch::kCallSiteAdjustment);
   }

@@ -3,13 +3,16 @@
 // What was understood of a group's line, written down again, must be understood as the same; and a
 // text that does not begin as a report does is refused with one clear line.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <string_view>
 
 #include "tests/fuzz/support.h"
-#include "tools/report_parser.h"
-#include "tools/show.h"
+#include "tools/report/json.h"
+#include "tools/report/model.h"
+#include "tools/report/report_parser.h"
+#include "tools/report/show.h"
 #include "tools/user_error.h"
 
 namespace {
@@ -54,18 +57,19 @@ void CheckLines(std::string_view text) {
   }
 }
 
-/// Prints all of `report`, every frame under two names that come from its own text.
-void Print(const memleak::Report& report) {
-  memleak::Symbols symbols;
-  const memleak::Resolver resolve = [&](const std::string& library,
-                                        std::uint64_t offset) -> const memleak::Symbols& {
-    symbols = {{library, "", 0}, {library, library, 1}};
-    if (offset % 4 == 0) symbols.clear();
-    return symbols;
-  };
-  std::ostringstream out;
-  memleak::PrintReport(report, "report", 0, resolve, out);
-  fuzz::Require(!out.str().empty(), "something is printed");
+/// Prints all of the profile in every way. Libraries that the text names
+/// are opened where this machine has them.
+void Print(const memleak::Profile& profile) {
+  using memleak::View;
+  for (const View view :
+       {View::kGroups, View::kLibraries, View::kFunctions, View::kTree, View::kCallers}) {
+    std::ostringstream out;
+    memleak::PrintProfile(profile, {.view = view, .top = 0, .selection = {}, .color = true}, out);
+    fuzz::Require(!out.str().empty(), "something is printed");
+  }
+  std::ostringstream document;
+  memleak::WriteJson(memleak::ToJson(profile), document);
+  fuzz::Require(nlohmann::json::accept(document.str()), "the document is JSON");
 }
 
 }  // namespace
@@ -77,10 +81,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   const bool begins_well = text.substr(0, kFirstLine.size()) == kFirstLine;
   try {
-    const memleak::Report report = memleak::LoadReport(file.Path());
+    const memleak::Profile profile = memleak::LoadProfile(file.Path(), {});
     fuzz::Require(begins_well, "only a report is read as one");
     CheckLines(text);
-    Print(report);
+    Print(profile);
   } catch (const memleak::UserError& error) {
     const std::string_view line = error.what();
     fuzz::Require(!begins_well && !line.empty() && line.find('\n') == line.npos,

@@ -113,6 +113,7 @@ TEST(Log, StateOfTheHooksAfterTheLastCommand) {
             "mmap paused");
   EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x500\nall plt hook failed!\n"), "ion paused");
   EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x1400\nset ionhook to:true\n"), "ion on");
+  EXPECT_EQ(HooksFromLog("received_sig 44;addr:0x4000\n"), "") << "of the heap, which goes on";
 }
 
 /// The fixture library in this process.

@@ -1,9 +1,11 @@
 // The report grammar, with what real mappings can be named and with what damage does.
-#include "tools/report_parser.h"
+#include "tools/report/report_parser.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "tests/temporary_directory.h"
 #include "tools/user_error.h"
@@ -16,6 +18,34 @@ const std::string kHead =
     "Allocation records: 1500/1000\nBacktrace size: 10\n\n";
 const std::string kJavaRule =
     "==============================Java-Native Stack==============================\n";
+
+/// What a report delivers. Names of libraries are parts of lines: they are kept by themselves.
+struct Report {
+  ReportHeader header;
+  std::vector<NativeGroup> native;
+  std::vector<std::vector<std::string>> libraries;  // of the native groups' frames
+  std::vector<JavaGroup> java;
+  std::vector<DamagedLine> damaged;
+  bool complete = false;
+};
+
+ReportSink SinkInto(Report* report) {
+  ReportSink sink;
+  sink.native = [=](const NativeGroup& group) {
+    report->native.push_back(group);
+    std::vector<std::string>& names = report->libraries.emplace_back();
+    for (const ReportFrame& frame : group.frames) names.emplace_back(frame.library);
+  };
+  sink.java = [=](const JavaGroup& group) { report->java.push_back(group); };
+  sink.damaged = [=](DamagedLine&& line) { report->damaged.push_back(std::move(line)); };
+  return sink;
+}
+
+Report LoadReport(const std::string& path) {
+  Report report;
+  report.complete = ReadReportFile(path, SinkInto(&report), &report.header) == ReportEnd::kComplete;
+  return report;
+}
 
 Report Load(const std::string& text) {
   const TemporaryDirectory directory;
@@ -39,7 +69,7 @@ TEST(ReportParser, ReadsAWholeReport) {
   EXPECT_EQ(report.native[0].ages, (std::vector<std::int64_t>{5, 200, 0}));
   ASSERT_EQ(report.native[0].frames.size(), 2U);
   EXPECT_EQ(report.native[0].frames[0].offset, 0x2724aU);
-  EXPECT_EQ(report.native[0].frames[1].library, "/bin/a b");
+  EXPECT_EQ(report.libraries[0][1], "/bin/a b");
   ASSERT_EQ(report.native[1].frames.size(), 4U);
   EXPECT_FALSE(report.native[1].frames[1].known);
   EXPECT_TRUE(report.native[1].frames[2].known);
@@ -56,9 +86,8 @@ TEST(ReportParser, ReadsEveryKindOfName) {
         "/data/app/base.apk!/lib/x.so", "/tmp/\xc3\xa4\xe2\x82\xac.so", "/unknow]", "/x+0x10]y"}) {
     NativeGroup group;
     std::string reason;
-    ASSERT_TRUE(ParseNativeLine("sz 1 1 num 1 time 0  bt [" + name + "+0xab] [/z+0x1] [unknow]",
-                                &group, &reason))
-        << name << ": " << reason;
+    const std::string line = "sz 1 1 num 1 time 0  bt [" + name + "+0xab] [/z+0x1] [unknow]";
+    ASSERT_TRUE(ParseNativeLine(line, &group, &reason)) << name << ": " << reason;
     ASSERT_EQ(group.frames.size(), 3U) << name;
     EXPECT_EQ(group.frames[0].library, name);
     EXPECT_EQ(group.frames[0].offset, 0xabU);
@@ -79,6 +108,36 @@ TEST(ReportParser, LeavesOutDamagedLinesAndSaysWhich) {
   EXPECT_EQ(numbers, (std::vector<std::uint64_t>{6, 8, 9, 10, 11, 13}));
 }
 
+TEST(ReportParser, FramesOfADamagedJavaGroupGoToNoOther) {
+  const Report report = Load(kHead + kJavaRule + "sz 8 8 num 1\n#00 rel_pc 1 mine\n" +
+                             "sz 8 x num 1\n#00 rel_pc 2 lost\n#01 rel_pc 3 lost\n" +  // 9
+                             "sz 9 9 num 1\n#00 rel_pc 4 other\n#01 broken\nEND");     // 14
+  ASSERT_EQ(report.java.size(), 2U);
+  EXPECT_EQ(report.java[0].frames.size(), 1U);
+  EXPECT_EQ(report.java[1].frames.size(), 1U);
+  ASSERT_EQ(report.damaged.size(), 2U);
+  EXPECT_EQ(report.damaged[0].number, 9U);
+  EXPECT_EQ(report.damaged[1].number, 14U);
+}
+
+TEST(ReportParser, ReadsLinesOfAnyLength) {
+  // Lines that end before, at and after the border of what is read at once.
+  std::string text = kHead;
+  for (std::size_t length = 200; length < 3'000'000; length = length * 5 / 2 + 1) {
+    text += "sz 1 1 num 1 time 0  bt [/" + std::string(length, 'n') + "+0x1] \n";
+  }
+  const Report report = Load(text + kJavaRule + "END");
+  EXPECT_TRUE(report.complete);
+  EXPECT_TRUE(report.damaged.empty());
+  ASSERT_EQ(report.native.size(), 11U);
+  EXPECT_EQ(report.libraries[1][0].size(), 502U);
+  const Report absurd = Load(kHead + std::string(kLongestLine + 1'000'000, 'x') +
+                             "\nsz 1 1 num 1 time 0  bt [/a+0x1] \n" + kJavaRule + "END");
+  EXPECT_EQ(absurd.native.size(), 1U);
+  ASSERT_EQ(absurd.damaged.size(), 1U);
+  EXPECT_EQ(absurd.damaged[0].number, 6U);
+}
+
 TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
   const std::string whole = kHead + "sz 1 2 num 2 time 0  bt [/a+0x1] [/b+0x2] \n" + kJavaRule +
                             "sz 8 8 num 1\n#00 rel_pc 0 f\nEND";
@@ -86,7 +145,7 @@ TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
     std::istringstream text(whole.substr(0, length));
     ReportHeader header;
     ReportSink sink;
-    sink.native = [&](NativeGroup&& group) { EXPECT_EQ(group.frames.size(), 2U) << length; };
+    sink.native = [&](const NativeGroup& group) { EXPECT_EQ(group.frames.size(), 2U) << length; };
     EXPECT_NE(ReadReport(text, sink, &header), ReportEnd::kComplete) << length;
   }
 }

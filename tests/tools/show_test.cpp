@@ -1,5 +1,5 @@
 // Figures as people read them, and the plain-text view of a report.
-#include "tools/show.h"
+#include "tools/report/show.h"
 
 #include <gtest/gtest.h>
 
@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tools/format.h"
+#include "tools/user_error.h"
 
 namespace memleak {
 namespace {
@@ -23,48 +24,128 @@ TEST(Format, FiguresAndNames) {
   EXPECT_EQ(Columns(FitWidth("\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4", 5)), 5U);
 }
 
-Report Sample() {
-  Report report;
-  report.complete = true;
-  report.header = {.total_bytes = 4000, .groups = 1200, .listed = 1000, .backtrace_size = 10};
-  NativeGroup small{.size = 10, .total = 10, .count = 1, .ages = {4}, .frames = {{"", 0, false}}};
-  NativeGroup large{.size = 1024, .total = 2048, .count = 2, .ages = {3, 200}, .frames = {}};
-  large.frames.push_back({"/lib/known.so", 0x10, true});
-  large.frames.push_back({"/lib/unknown.so", 0xabc, true});
-  report.native = {small, large};
-  report.java.push_back({.size = 8, .total = 8, .count = 1, .frames = {{0x1f, "art::Run()"}}});
-  return report;
+/// Six native frames: 0 inner, 1 its caller (recursive), 2 main, 3 without symbols, 4 unknown; 5 is
+/// Java's.
+Profile Sample() {
+  Profile profile;
+  profile.path = "dump";
+  profile.complete = true;
+  profile.header = {.total_bytes = 4000, .groups = 1200, .listed = 1000, .backtrace_size = 10};
+  profile.libraries = {{"/lib/known.so", "abcd", true, ""},
+                       {"/lib/unknown.so", "", false, "/lib/unknown.so"}};
+  profile.frames = {{0, 0x10, 0, "inner(int)", "/src/a.cpp", 12, false},
+                    {0, 0x20, 0, std::string(200, 'n'), "/src/b.cpp", 99999, false},
+                    {0, 0x30, 0, "main", "", 0, false},
+                    {1, 0xabc, 0, "", "", 0, false},
+                    {-1, 0, 0, "", "", 0, false},
+                    {-1, 0x1f, 0, "art::Run()", "", 0, false}};
+  profile.groups = {{GroupKind::kNative, 10, 1, 10, {4}, {4}},
+                    {GroupKind::kNative, 1024, 2, 2048, {3, 200}, {0, 1, 1, 2}},
+                    {GroupKind::kNative, 100, 5, 500, {100, 120, 150, 199}, {3, 0, 2}},
+                    {GroupKind::kJava, 8, 1, 8, {}, {5}}};
+  return profile;
 }
 
-std::string Print(const Report& report, std::size_t top) {
-  static const Symbols kKnown = {{"inner(int)", "/src/a.cpp", 12},
-                                 {std::string(200, 'n'), "/src/b.cpp", 99999}};
-  static const Symbols kNone;
+std::string Print(const Profile& profile, const ViewOptions& options) {
   std::ostringstream out;
-  const Resolver resolve = [](const std::string& library, std::uint64_t) -> const Symbols& {
-    return library == "/lib/known.so" ? kKnown : kNone;
-  };
-  PrintReport(report, "dump", top, resolve, out);
+  PrintProfile(profile, options, out);
+  std::istringstream lines(out.str());
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(Columns(line), 80U) << line;
   return out.str();
 }
 
-TEST(Show, PrintsLargestFirstWithinEightyColumns) {
-  const std::string text = Print(Sample(), 0);
-  for (const char* part :
-       {"#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3m 20s..3s", "inner(int)  a.cpp:12",
-        "unknown.so+0xabc", "#2  10 B", "art::Run()  +0x1f"}) {
-    EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
-  }
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) EXPECT_LE(Columns(line), 80U) << line;
+TEST(Show, PrintsLargestGroupsFirst) {
+  const std::string text = Print(Sample(), {.top = 0});
+  EXPECT_NE(text.find("\n#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3m 20s..3s\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("inner(int)  a.cpp:12\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("     unknown.so+0xabc\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("main  known.so+0x30\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("(4 of them)  settled\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n#3  10 B"), std::string::npos) << text;
+  EXPECT_NE(text.find("\nJ1  8 B  100.0 %  1 block of 8 B\n     art::Run()\n"), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("\n  /lib/unknown.so\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find('\033'), std::string::npos);
 }
 
-TEST(Show, SaysWhatIsNotShown) {
-  EXPECT_NE(Print(Sample(), 1).find("Not shown: 1.9 KiB in 1,199 smaller groups (--top"),
-            std::string::npos);
-  Report empty;
+TEST(Show, EveryViewSaysWhatIsNotShown) {
+  const std::string unlisted = "  1.4 KiB in 1,197 groups that the report does not list\n";
+  EXPECT_NE(
+      Print(Sample(), {.top = 1})
+          .find("Not shown: 1.9 KiB in 1,199 groups\n  510 B in 2 groups further down the list"
+                " (--top N shows more)\n" +
+                unlisted),
+      std::string::npos);
+  const std::string filtered =
+      Print(Sample(), {.top = 0, .selection = {.filter = "^unk|a\\.cpp$", .min_bytes = 501}});
+  EXPECT_NE(filtered.find("\n  510 B in 2 groups that the options leave out\n" + unlisted),
+            std::string::npos)
+      << filtered;
+  for (const View view : {View::kLibraries, View::kFunctions, View::kTree, View::kCallers}) {
+    EXPECT_NE(Print(Sample(), {.view = view, .top = 0})
+                  .find("Not shown: 1.4 KiB in 1,197 groups\n" + unlisted),
+              std::string::npos);
+  }
+  EXPECT_NE(
+      Print(Sample(), {.view = View::kFunctions, .top = 1}).find("\n  510 B in 2 groups whose"),
+      std::string::npos);
+  Profile one;
+  one.path = "dump";
+  one.header = {.total_bytes = 1, .groups = 1, .listed = 1, .backtrace_size = 1};
+  EXPECT_EQ(Print(one, {}),
+            "Report dump\n  1 B held (1 byte) in 1 group of one size and one stack\n"
+            "  0 blocks listed, with at most 1 frame each\n\nNot shown: 1 B in 1 group\n"
+            "  1 B in 1 group that the report does not list\n");
+  Profile empty;
+  empty.path = "dump";
   empty.complete = true;
-  EXPECT_EQ(Print(empty, 10), std::string("Report dump\n  ") + kNothingHeld + "\n");
+  EXPECT_EQ(Print(empty, {}), std::string("Report dump\n  ") + kNothingHeld + "\n");
+}
+
+TEST(Show, TreesStepRightAtForksOnly) {
+  const std::string tree = Print(Sample(), {.view = View::kTree, .top = 0});
+  EXPECT_NE(tree.find("\n   2.5 KiB  63.7 %  main\n   2.0 KiB  51.2 %    nnn"), std::string::npos)
+      << tree;
+  EXPECT_NE(tree.find("\n   2.0 KiB  51.2 %    inner(int)\n"), std::string::npos) << tree;
+  EXPECT_NE(tree.find("\n     500 B  12.5 %    unknown.so+0xabc\n"), std::string::npos) << tree;
+  const std::string callers = Print(Sample(), {.view = View::kCallers, .top = 1});
+  EXPECT_NE(callers.find("\n     510 B  12.8 %  (2 more)\n"), std::string::npos) << callers;
+}
+
+TEST(Aggregate, CountsRecursionOnceAndSelfApart) {
+  const Profile profile = Sample();
+  const Selected all = SelectGroups(profile, {});
+  const std::vector<Row> rows = AddUp(profile, all, RowKind::kFunction, SortKey::kTotal);
+  ASSERT_EQ(rows.size(), 5U);
+  EXPECT_EQ(rows[0].name, "inner(int)");
+  EXPECT_EQ(rows[0].inclusive, (Sums{2548, 2, 7}));
+  EXPECT_EQ(rows[0].self, (Sums{2048, 1, 2}));
+  EXPECT_EQ(rows[0].oldest, 200);
+  EXPECT_EQ(rows[1].name, "main");
+  EXPECT_EQ(rows[1].self, Sums{});
+  EXPECT_EQ(rows[2].inclusive, (Sums{2048, 1, 2})) << "calls itself";
+  const std::vector<Row> libraries = AddUp(profile, all, RowKind::kLibrary, SortKey::kCount);
+  EXPECT_EQ(libraries[0].name, "/lib/known.so");
+  EXPECT_EQ(libraries.back().name, "[unknown]");
+}
+
+TEST(Aggregate, AgesSelectAndTellGrowth) {
+  const Profile profile = Sample();
+  EXPECT_EQ(SelectGroups(profile, {.older_than = 199}).groups, (std::vector<std::size_t>{1, 2}));
+  EXPECT_EQ(SelectGroups(profile, {.sort = SortKey::kCount}).groups[0], 2U);
+  EXPECT_EQ(SelectGroups(profile, {.kind = GroupKind::kJava, .older_than = 0}).cut.groups, 1U);
+  EXPECT_THROW(SelectGroups(profile, {.filter = "("}), UserError);
+  EXPECT_EQ(AgeSpan(profile), 200);
+  Group group;
+  group.ages = {199, 120, 60, 2};
+  EXPECT_EQ(PatternOf(group, 200), AgePattern::kGrowing);
+  EXPECT_EQ(PatternOf(group, 2000), AgePattern::kRecent);
+  group.ages = {199, 198, 197, 50};
+  EXPECT_EQ(PatternOf(group, 200), AgePattern::kSettled);
+  group.ages.pop_back();
+  EXPECT_EQ(PatternOf(group, 200), AgePattern::kUnknown);
 }
 
 }  // namespace

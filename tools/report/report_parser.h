@@ -1,5 +1,5 @@
-// Reads the text of a leak report. Knows nothing of symbols or of printing. Called by `show` and
-// `report`; single-threaded.
+// Reads the text of a leak report. Knows nothing of symbols or of printing. Called by the model and
+// by `report`; single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace memleak {
 
 /// One frame of a native group.
 struct ReportFrame {
-  std::string library;       ///< name of the mapping, may be empty
+  std::string_view library;  ///< name of the mapping, may be empty; a part of the line
   std::uint64_t offset = 0;  ///< bytes from the start of the mapping that holds the pc
   bool known = true;         ///< false for "[unknow]": the pc lay in no mapping
 };
@@ -55,10 +55,11 @@ struct DamagedLine {
   std::string reason;
 };
 
-/// Receives a report piece by piece; a member that is not set drops its pieces.
+/// Receives a report piece by piece; a member that is not set drops its pieces. Groups live as long
+/// as the call.
 struct ReportSink {
-  std::function<void(NativeGroup&&)> native;
-  std::function<void(JavaGroup&&)> java;
+  std::function<void(const NativeGroup&)> native;
+  std::function<void(const JavaGroup&)> java;
   std::function<void(DamagedLine&&)> damaged;
 };
 
@@ -69,24 +70,21 @@ enum class ReportEnd {
   kNotAReport,  ///< the first line is not a report's; nothing was delivered
 };
 
-/// Reads a report from `input` in one pass, in memory of one group; fills `header` with what the
-/// head says (0 for lines that are missing or damaged).
+/// No line of a report is longer: the deepest stack of long names takes less. What is longer is
+/// damaged, and left out without being held in memory.
+inline constexpr std::size_t kLongestLine = 64U << 20U;
+
+/// Reads a report from `input` in one pass, in memory of one group and one line; fills `header`
+/// with what the head says (0 for lines that are missing or damaged). Every damaged line is
+/// announced once; the frames of a Java-native group whose first line is damaged go with it.
 ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header);
 
-/// Parses a native group's line without its newline. On failure returns false and sets `reason`.
+/// Reads the file at `path` the same way. Throws UserError when it cannot be read or is not a
+/// report, so that the result is either of the other two.
+ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header);
+
+/// Parses a native group's line without its newline; the group refers to `line`. On failure returns
+/// false and sets `reason`.
 bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* reason);
-
-/// A whole report in memory.
-struct Report {
-  ReportHeader header;
-  std::vector<NativeGroup> native;
-  std::vector<JavaGroup> java;
-  std::vector<DamagedLine> damaged;
-  bool complete = false;
-};
-
-/// Reads the file at `path`. Throws UserError when it cannot be read or is not a report; a
-/// truncated one is returned with `complete` unset.
-Report LoadReport(const std::string& path);
 
 }  // namespace memleak

@@ -1,5 +1,5 @@
 // The report grammar, line by line.
-#include "tools/report_parser.h"
+#include "tools/report/report_parser.h"
 
 #include <cerrno>
 #include <charconv>
@@ -82,7 +82,7 @@ bool TakeFrames(Cursor* cursor, std::vector<ReportFrame>* frames) {
     } else if (!cursor->Rest().starts_with('[') || !TakeFrame(cursor, &frame)) {
       return false;
     }
-    frames->push_back(std::move(frame));
+    frames->push_back(frame);
   }
   return true;
 }
@@ -113,6 +113,62 @@ UserError CannotOpen(const std::string& path, int error) {
   return {"cannot read report " + path + ": " + std::strerror(error), remedy};
 }
 
+/// How a line ended.
+enum class LineEnd { kClosed, kOpen, kTooLong, kNothing };
+
+/// Cuts a stream into lines without copying them.
+class LineReader {
+ public:
+  explicit LineReader(std::istream& input) : input_(input), buffer_(kPieceBytes) {}
+
+  /// The next line without its newline, which lives until the next call; kOpen for a last one that
+  /// has no newline.
+  LineEnd Next(std::string_view* line) {
+    std::size_t searched = begin_;
+    bool too_long = false;
+    for (;;) {
+      const void* found = std::memchr(&buffer_[searched], '\n', end_ - searched);
+      if (found != nullptr) {
+        const auto length =
+            static_cast<std::size_t>(static_cast<const char*>(found) - &buffer_[begin_]);
+        *line = {&buffer_[begin_], length};
+        begin_ += length + 1;
+        return too_long ? LineEnd::kTooLong : LineEnd::kClosed;
+      }
+      if (end_ - begin_ > kLongestLine) {
+        too_long = true;
+        begin_ = end_;
+      }
+      searched = end_ - begin_;
+      if (!Fill()) break;
+    }
+    if (begin_ == end_) return too_long ? LineEnd::kTooLong : LineEnd::kNothing;
+    *line = {&buffer_[begin_], end_ - begin_};
+    begin_ = end_;
+    return too_long ? LineEnd::kTooLong : LineEnd::kOpen;
+  }
+
+ private:
+  static constexpr std::size_t kPieceBytes = 256U << 10U;
+
+  // Moves the unfinished line to the front and reads on behind it.
+  bool Fill() {
+    std::memmove(buffer_.data(), &buffer_[begin_], end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+    if (buffer_.size() - end_ < kPieceBytes) buffer_.resize(2 * buffer_.size());
+    input_.read(&buffer_[end_], static_cast<std::streamsize>(buffer_.size() - 1 - end_));
+    const std::streamsize bytes = input_.gcount();
+    end_ += static_cast<std::size_t>(bytes);
+    return bytes > 0;
+  }
+
+  std::istream& input_;
+  std::vector<char> buffer_;  // one byte longer than what it holds, so that its end has an address
+  std::size_t begin_ = 0;     // of what is not delivered
+  std::size_t end_ = 0;       // of what is read
+};
+
 /// The state of one pass over a report.
 class ReportPass {
  public:
@@ -141,10 +197,17 @@ class ReportPass {
     return false;
   }
 
+  /// A line of which only the length is known.
+  void TooLong() {
+    ++number_;
+    Damaged("longer than any line of a report");
+  }
+
   /// Delivers what is pending at the end of a truncated text.
   void Flush() {
-    if (java_open_ && sink_.java) sink_.java(std::move(java_));
+    if (java_open_ && sink_.java) sink_.java(java_);
     java_open_ = false;
+    java_.frames.clear();
   }
 
  private:
@@ -163,25 +226,26 @@ class ReportPass {
   }
 
   void NativeLine(std::string_view line) {
-    NativeGroup group;
     std::string reason;
-    if (!ParseNativeLine(line, &group, &reason)) return Damaged(std::move(reason));
-    if (sink_.native) sink_.native(std::move(group));
+    if (!ParseNativeLine(line, &native_, &reason)) return Damaged(std::move(reason));
+    if (sink_.native) sink_.native(native_);
   }
 
   void JavaLine(std::string_view line) {
-    Cursor cursor(line);
-    JavaGroup group;
-    JavaFrame frame;
-    if (TakeSizes(&cursor, &group) && cursor.AtEnd()) {
+    if (line.starts_with(kGroupMark)) {
       Flush();
-      java_ = std::move(group);
-      java_open_ = true;
-    } else if (java_open_ && ParseJavaFrame(line, &frame)) {
-      java_.frames.push_back(std::move(frame));
-    } else {
-      Damaged("not a line of a Java-native group");
+      Cursor cursor(line);
+      java_open_ = TakeSizes(&cursor, &java_) && cursor.AtEnd();
+      java_lost_ = !java_open_;
+      if (java_lost_) Damaged("sizes of a Java-native group unreadable");
+      return;
     }
+    JavaFrame frame;
+    const bool understood = ParseJavaFrame(line, &frame);
+    // The frames of a group that was left out are not damaged themselves.
+    if (understood && java_lost_) return;
+    if (!understood || !java_open_) return Damaged("not a line of a Java-native group");
+    java_.frames.push_back(std::move(frame));
   }
 
   const ReportSink& sink_;
@@ -189,13 +253,16 @@ class ReportPass {
   std::uint64_t number_ = 1;
   bool in_java_ = false;
   bool java_open_ = false;  // java_ still takes frames
+  bool java_lost_ = false;  // frames belong to a group that was left out
   JavaGroup java_;
+  NativeGroup native_;  // kept for its room
 };
 
 }  // namespace
 
 bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* reason) {
-  *group = {};
+  group->ages.clear();
+  group->frames.clear();
   Cursor cursor(line);
   if (!TakeSizes(&cursor, group) || !cursor.Take(" time ")) {
     *reason = "sizes of a group unreadable";
@@ -227,33 +294,38 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
     return ReportEnd::kNotAReport;
   }
   ReportPass pass(sink, header);
-  for (std::string line; std::getline(input, line);) {
-    if (pass.Line(line, !input.eof())) return ReportEnd::kComplete;
+  LineReader reader(input);
+  std::string_view line;
+  for (;;) {
+    const LineEnd end = reader.Next(&line);
+    if (end == LineEnd::kNothing) break;
+    if (end == LineEnd::kTooLong) {
+      pass.TooLong();
+    } else if (pass.Line(line, end == LineEnd::kClosed)) {
+      return ReportEnd::kComplete;
+    }
   }
   pass.Flush();
   return ReportEnd::kTruncated;
 }
 
-Report LoadReport(const std::string& path) {
+ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {
   std::error_code ignored;
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file;
+  // The lines are cut out of large pieces; a second buffer would only copy them.
+  file.rdbuf()->pubsetbuf(nullptr, 0);
+  file.open(path, std::ios::binary);
   if (!file) throw CannotOpen(path, errno);
   if (!std::filesystem::is_regular_file(path, ignored)) {
     throw UserError("cannot read report " + path + ": not a file",
                     "name the file that memleak report printed");
   }
-  Report report;
-  ReportSink sink;
-  sink.native = [&](NativeGroup&& group) { report.native.push_back(std::move(group)); };
-  sink.java = [&](JavaGroup&& group) { report.java.push_back(std::move(group)); };
-  sink.damaged = [&](DamagedLine&& line) { report.damaged.push_back(std::move(line)); };
-  const ReportEnd end = ReadReport(file, sink, &report.header);
+  const ReportEnd end = ReadReport(file, sink, header);
   if (end == ReportEnd::kNotAReport) {
     throw UserError("not a report: " + path + " (it does not begin with \"Native Heap MemLeak\")",
                     "name the file that memleak report printed");
   }
-  report.complete = end == ReportEnd::kComplete;
-  return report;
+  return end;
 }
 
 }  // namespace memleak

@@ -1,0 +1,36 @@
+# What an installation holds, and the Debian package: cmake --install BUILD, or cpack -G DEB there.
+# Sanitizer builds have no loader and are not installed.
+if(MEMLEAK_SANITIZE)
+  return()
+endif()
+include(GNUInstallDirs)
+
+install(TARGETS memleak RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# Not among the system's libraries: nothing links with them. The controller looks for them here, from
+# its own place.
+install(TARGETS memleak_preload memleak_tracker LIBRARY DESTINATION lib/memleak)
+install(FILES packaging/memleak.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME memleak)
+install(FILES packaging/memleak.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES README.md docs/control-protocol.md docs/report-format.md docs/trend-json.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME memleak-tracker)
+set(CPACK_PACKAGE_VENDOR "memleak tracker")
+set(CPACK_PACKAGE_CONTACT "memleak tracker maintainers <maintainers@memleak.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "finds which call stacks of a program hold its memory")
+set(CPACK_PACKAGE_DESCRIPTION "Recording is switched on and off from outside in a running program,
+costs next to nothing while it is off, and ends in a report of the live memory
+by call stack: of the heap, of mappings and of device buffers.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+if(MEMLEAK_ARCH STREQUAL aarch64)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
+else()
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
+endif()
+include(CPack)

@@ -1,0 +1,139 @@
+"""Reports of a program that goes on being recorded: counts, growth and slopes are exact.
+
+usage: watch.py CASE BIN_DIR CONTROLLER [EMULATOR]
+"""
+
+import glob
+import json
+import os
+import signal
+import subprocess
+import time
+
+import end_to_end
+import hooked_kinds
+
+ROUNDS = 5
+
+
+class Session(hooked_kinds.HookSession):
+    def watch(self, name, *options):
+        self.directory = f"{self.root}/{name}"
+        self.watching = subprocess.Popen(
+            [*self.controller, "watch", str(self.process.pid), "-o", self.directory, *options],
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    def await_report(self, number):
+        end = time.monotonic() + 60
+        while time.monotonic() < end:
+            if glob.glob(f"{self.directory}/report-{number:04}-*.txt"):
+                return
+            assert self.watching.poll() is None, self.watching.stdout.read()
+            time.sleep(0.02)
+        raise AssertionError(f"no report {number}")
+
+    def watched(self):
+        out, _ = self.watching.communicate(timeout=120)
+        print(out)
+        assert self.watching.returncode == 0, out
+        with open(self.directory + "/trend.json") as file:
+            return out, json.load(file)
+
+
+def group_of(document, size):
+    """The stepper's blocks; the thread that writes the report has some of its own."""
+    group, = [g for g in document["groups"] if g["size"] == size and "StepAllocate" in g["stack"]]
+    return group
+
+
+def line_through(seconds, totals):
+    """Slope a minute, half-width of its 95 % interval for five points, r2."""
+    xs = [s / 60 for s in seconds]
+    x0, y0 = sum(xs) / len(xs), sum(totals) / len(totals)
+    xx = sum((x - x0) ** 2 for x in xs)
+    slope = sum((x - x0) * (y - y0) for x, y in zip(xs, totals)) / xx
+    rest = sum((y - y0 - slope * (x - x0)) ** 2 for x, y in zip(xs, totals))
+    return (slope, 3.1824 * (rest / (len(xs) - 2) / xx) ** 0.5,
+            1 - rest / sum((y - y0) ** 2 for y in totals))
+
+
+def near(a, b):
+    return abs(a - b) <= 1e-6 * max(1, abs(a), abs(b))
+
+
+def known_growth(session):
+    """Blocks made and freed between reports: not one is missed or counted twice."""
+    session.start()
+    session.tell("on")
+    session.step("alloc 40 72")
+    session.watch("out", "--every", "2s", "--for", f"{2 * (ROUNDS - 1)}s")
+    for number in range(1, ROUNDS + 1):
+        session.await_report(number)
+        if number < ROUNDS:
+            session.step("alloc 100 48")
+            session.step("free 30")
+    out, document = session.watched()
+    assert "recording goes on, with what it has" in out, out
+
+    seconds = [r["seconds"] for r in document["reports"]]
+    grown, steady = group_of(document, 48), group_of(document, 72)
+    counts = [70 * k for k in range(ROUNDS)]
+    assert [v["count"] for v in grown["values"]] == counts, grown
+    assert grown["growth"] == counts[-1] * 48
+    expected = line_through(seconds, [c * 48 for c in counts])
+    line = grown["line"]
+    assert all(map(near, expected, (line["bytesPerMinute"], line["margin95"], line["rSquared"]))), \
+        (expected, line)
+    assert [v["count"] for v in steady["values"]] == [40] * ROUNDS and steady["growth"] == 0
+    assert "#1  +13.1 KiB" in out and "0 -> 280 blocks of 48 B" in out, out
+    assert "1 of " in out, "nothing else grows"
+
+    if os.path.exists(session.directory + "/leak.html"):  # not in builds without the page
+        with open(session.directory + "/leak.html", encoding="utf-8") as page:
+            assert "StepAllocate" in page.read()
+
+    # Still recording: what was recorded leaves when it is freed, what is new enters.
+    session.step("free 200")
+    session.step("alloc 5 90")
+    session.memleak("report", session.process.pid, "--keep-recording")
+    session.step("free 3")
+    session.memleak("report", session.process.pid)
+    groups = [g for g in session.groups() if len(g.frames) > 2 and "stepper" in g.frames[0][0]]
+    assert [end_to_end.kept(groups, size) for size in (48, 72, 90)] == [80, 40, 2]
+    session.quit()
+
+
+def ends(session):
+    """On an interrupt with a last report; and with the process."""
+    session.start()
+    session.watch("first", "--every", "1h", "--for", "0")
+    session.await_report(1)
+    session.step("alloc 10 48")
+    time.sleep(0.5)
+    session.watching.send_signal(signal.SIGINT)
+    out, document = session.watched()
+    assert "tables emptied" in out, out
+    assert [v["count"] for v in group_of(document, 48)["values"]] == [0, 10], document
+
+    # Not a new directory; one report.
+    session.memleak("watch", session.process.pid, "-o", session.directory, code=2)
+    session.memleak("watch", session.process.pid, "-o", session.root + "/x", "--for", "9s", code=2)
+    session.watch("second", "--every", "1h", "--for", "0")
+    session.await_report(1)
+    session.quit()
+    out, _ = session.watched()
+    assert "has ended" in out and "One report tells no growth" in out, out
+
+
+def hooks(session):
+    """What is recorded through hooks is not taken from under a person's hands."""
+    session.start_mapper()
+    session.memleak("on", session.process.pid, "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
+    session.memleak("report", session.process.pid, "--keep-recording", code=2)
+    session.memleak("watch", session.process.pid, "-o", session.root + "/out", code=2)
+    assert not os.path.exists(session.root + "/out")
+    session.quit()
+
+
+if __name__ == "__main__":
+    end_to_end.main(globals(), Session)

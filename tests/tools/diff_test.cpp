@@ -1,0 +1,198 @@
+// What two reports allow to say of a group: matching across runs, and the limits of a cut list.
+#include "tools/report/diff.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/tools/profile_builder.h"
+#include "tools/format.h"
+#include "tools/report/diff_json.h"
+#include "tools/report/diff_view.h"
+
+namespace memleak {
+namespace {
+
+// "grew", ... by the name of a group's innermost frame and its size.
+std::map<std::string, std::string> Changes(const Difference& difference) {
+  std::map<std::string, std::string> changes;
+  for (std::size_t i = 0; i < difference.changes.size(); ++i) {
+    const Group& group = difference.merged.groups[i];
+    const Frame& frame = difference.merged.frames[group.stack.front()];
+    changes[FrameName(difference.merged, frame) + "/" + std::to_string(group.size)] =
+        ChangeName(difference.changes[i].change);
+  }
+  return changes;
+}
+
+using Expected = std::map<std::string, std::string>;
+
+TEST(Diff, MatchesByFunctionAcrossRunsAndByBuildIdWithoutSymbols) {
+  const Profile before = ProfileBuilder()
+                             .In("/app/one/liba.so", 0x10, "leak")
+                             .In("/bin/p", 1, "main")
+                             .Group(8, 2)
+                             .In("/app/one/liba.so", 0x10, "leak")
+                             .In("/bin/p", 9, "main")
+                             .Group(8, 3)  // another call in the same function
+                             .In("/app/one/libother.so", 0x10, "leak")
+                             .In("/bin/p", 1, "main")
+                             .Group(8, 1)
+                             .In("/x/plain.so", 0x77, "", "aa")
+                             .Group(32, 1)
+                             .In("/x/rebuilt.so", 0x88, "", "bb")
+                             .Group(32, 1)
+                             .In("/app/one/liba.so", 0x20, "gone")
+                             .Group(16, 1)
+                             .Done();
+  const Profile after = ProfileBuilder()
+                            .In("/app/two/liba.so (deleted)", 0x14, "leak")
+                            .In("/bin/p", 2, "main")
+                            .Group(8, 9)
+                            .In("/app/two/liba.so (deleted)", 0x14, "leak")
+                            .In("/bin/p", 2, "main")
+                            .Group(24, 1)
+                            .In("/y/renamed.so", 0x77, "", "aa")
+                            .Group(32, 1)
+                            .In("/x/rebuilt.so", 0x88, "", "cc")
+                            .Group(32, 1)
+                            .Add(FrameOf(-1, 0x88))
+                            .Group(32, 1)
+                            .Done();
+  const Difference difference = Compare(before, after);
+  ASSERT_EQ(difference.changes.size(), 8U);
+  EXPECT_EQ(difference.changes[0].change, Change::kGrew);
+  EXPECT_EQ(SureGrowth(difference.changes[0]), 8 * 9 - 8 * 5);
+  EXPECT_EQ(difference.changes[1].change, Change::kNew);  // another size of the same stack
+  EXPECT_EQ(difference.changes[0].stack_id, difference.changes[1].stack_id);
+  EXPECT_EQ(difference.changes[2].change, Change::kSame);
+  EXPECT_EQ(difference.changes[3].change, Change::kNew);
+  EXPECT_EQ(difference.changes[4].change, Change::kNew);   // no library is not any library
+  EXPECT_EQ(difference.changes[5].change, Change::kGone);  // "leak" of another library
+  const Frame& gone = difference.merged.frames[difference.merged.groups[7].stack.front()];
+  EXPECT_EQ(gone.function, "gone");
+  EXPECT_EQ(difference.merged.libraries[static_cast<std::size_t>(gone.library)].path,
+            "/app/one/liba.so");
+}
+
+TEST(Diff, SaysNewAndGoneOnlyOfWhatTheOtherListCannotHide) {
+  const Profile full = ProfileBuilder()
+                           .In("l", 1, "big")
+                           .Group(10, 50)  // 500: grew by 400 at least
+                           .In("l", 2, "whole")
+                           .Group(200, 2)  // one block would be listed
+                           .In("l", 3, "small")
+                           .Group(10, 6)  // 60: may have been there
+                           .In("l", 4, "at")
+                           .Group(10, 10)  // 100: just as large as the last
+                           .In("l", 5, "empty")
+                           .Group(0, 7)
+                           .In("l", 6, "kept")
+                           .Group(100, 3)
+                           .In("l", 7, "java")
+                           .Group(10, 1, GroupKind::kJava)
+                           .Done();
+  const Profile cut =
+      ProfileBuilder().In("l", 6, "kept").Group(100, 3).In("l", 8, "last").Group(50, 2).Done(40, 9);
+  Expected expected = {{"big/10", "grew"},   {"whole/200", "new"},   {"small/10", "unknown"},
+                       {"at/10", "unknown"}, {"empty/0", "unknown"}, {"kept/100", "same"},
+                       {"java/10", "new"},   {"last/50", "gone"}};
+  const Difference forth = Compare(cut, full);
+  EXPECT_EQ(Changes(forth), expected);
+  EXPECT_EQ(SureGrowth(forth.changes[0]), 400);
+  EXPECT_EQ(forth.changes[0].before.most, 100U);
+
+  expected["big/10"] = "shrank";
+  expected["whole/200"] = "gone";
+  expected["java/10"] = "gone";
+  expected["last/50"] = "new";
+  const Difference back = Compare(full, cut);
+  EXPECT_EQ(Changes(back), expected);
+
+  // What is damaged or torn off may have been anything.
+  Profile damaged = ProfileBuilder().In("l", 6, "kept").Group(100, 3).Done();
+  damaged.damaged_lines = 1;
+  for (const auto& [name, change] : Changes(Compare(damaged, full))) {
+    EXPECT_EQ(change, name == "kept/100" ? "same" : "unknown") << name;
+  }
+  Profile torn = ProfileBuilder().In("l", 6, "kept").Group(100, 3).Done();
+  torn.complete = false;
+  EXPECT_EQ(Changes(Compare(full, torn))["java/10"], "unknown");
+}
+
+TEST(Diff, PartOfAStackBelowTheCutIsNoChange) {
+  // Two calls in one function; the smaller one fell below the end of the later list.
+  const Profile before = ProfileBuilder()
+                             .In("l", 1, "f")
+                             .Group(10, 100)
+                             .In("l", 2, "f")
+                             .Group(10, 20)
+                             .In("l", 3, "g")
+                             .Group(10, 19)
+                             .Done(5, 50);
+  const Profile after =
+      ProfileBuilder().In("l", 1, "f").Group(10, 100).In("l", 3, "g").Group(10, 20).Done(5, 50);
+  EXPECT_EQ(Changes(Compare(before, after)), (Expected{{"f/10", "unknown"}, {"g/10", "grew"}}));
+}
+
+TEST(Diff, DocumentHoldsBothReports) {
+  const Profile before =
+      ProfileBuilder().In("a", 1, "gone").Group(10, 7).In("b", 2, "f").Group(5, 1).Done(3, 12);
+  const Profile after =
+      ProfileBuilder().In("b", 2, "f\xff").Group(5, 1).In("b", 2, "f").Group(5, 4).Done();
+  const auto document = nlohmann::json::parse(DiffJson(before, after));
+  EXPECT_EQ(document["format"], "memleak-profile");
+  EXPECT_EQ(document["totals"]["listedBytes"], 25);  // what is gone does not count
+  EXPECT_EQ(document["totals"]["unlistedGroups"], 0);
+  EXPECT_EQ(document["base"]["totals"]["bytes"], 87);
+  EXPECT_EQ(document["base"]["totals"]["unlistedGroups"], 3);
+  const auto& groups = document["groups"];
+  ASSERT_EQ(groups.size(), 3U);
+  EXPECT_EQ(groups[0]["before"], (nlohmann::json{{"count", 0}, {"total", 0}, {"atMost", 5}}));
+  EXPECT_EQ(groups[0]["status"], "unknown");
+  EXPECT_EQ(groups[1]["status"], "grew");
+  EXPECT_EQ(groups[2]["status"], "gone");
+  EXPECT_EQ(groups[2]["total"], 0);
+  EXPECT_EQ(groups[2]["before"], (nlohmann::json{{"count", 7}, {"total", 70}}));
+  const auto& frame = document["frames"][groups[2]["stack"][0].get<std::size_t>()];
+  EXPECT_EQ(frame["name"], "gone");
+  EXPECT_EQ(document["libraries"][frame["library"].get<std::size_t>()]["path"], "a");
+}
+
+TEST(Diff, PrintsSumsByStackWithinEightyColumns) {
+  const std::string library = "/lib/" + std::string(200, 'l') + ".so";
+  const Profile before = ProfileBuilder()
+                             .In(library, 1, "f")
+                             .Group(1000, 2)
+                             .In(library, 1, "gone")
+                             .Group(100, 1)
+                             .Done(1200, 5000);
+  const Profile after = ProfileBuilder()
+                            .In(library, 1, "f")
+                            .Group(1000, 8)
+                            .In(library, 1, "f")
+                            .Group(2000, 4)
+                            .In(library, 2)
+                            .Group(500, 1)
+                            .In(library, 3)
+                            .Group(10, 1)
+                            .Done();
+  std::ostringstream out;
+  PrintDifference(before, after, 1, out);
+  const std::string text = out.str();
+  for (const char* part :
+       {"+9.2 KiB (+9,410 bytes, +132.5 %), -1,198 groups", "Grew: +14.2 KiB in 2 stacks",
+        "#1  +13.7 KiB", "new    0 B -> 7.8 KiB, +4 blocks of 2.0 KiB",
+        "grew   2.0 KiB -> 7.8 KiB, +6 blocks of 1000 B", "and +500 B in 1 more stack (",
+        "Shrank: -100 B in 1 stack", "Nothing certain can be said of 1 group (0 B -> 10 B)",
+        "The old report counts 4.9 KiB more in 1,200 groups that it does not list."}) {
+    EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
+  }
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(Columns(line), 80U) << line;
+}
+
+}  // namespace
+}  // namespace memleak

@@ -1,0 +1,197 @@
+// Exports as their readers see them: hostile names, references that hold, figures that add up, and
+// the program's exit codes.
+#include <google/protobuf/io/gzip_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/temporary_directory.h"
+#include "tests/tools/profile_builder.h"
+#include "tools/report/folded.h"
+#include "tools/report/names.h"
+#include "tools/report/pprof.h"
+#include "tools/report/profile.pb.h"
+#include "tools/report/speedscope.h"
+
+namespace memleak {
+namespace {
+
+#ifdef TEST_EMULATOR
+const std::string kMemleak = TEST_EMULATOR " " MEMLEAK_PROGRAM " ";
+#else
+const std::string kMemleak = MEMLEAK_PROGRAM " ";
+#endif
+
+struct Outcome {
+  int code = -1;
+  std::string output;
+};
+
+Outcome Shell(const std::string& command) {
+  Outcome outcome;
+  FILE* pipe = popen(("(" + command + ") 2>&1").c_str(), "re");
+  std::array<char, 4096> buffer{};
+  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+    outcome.output.append(buffer.data(), count);
+  }
+  const int status = pclose(pipe);
+  outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return outcome;
+}
+
+// A stack with an inlined call, one of two sizes, one without symbols, one without anything, and a
+// Java-native one.
+Profile Sample() {
+  Frame inlined = FrameOf(0, 0x20, "Box<a; b>::put(int)", "/s/box.h", 7);
+  Frame outer = FrameOf(0, 0x20, "fill\xff\n", "/s/fill.c", 40);
+  inlined.address = outer.address = 0x1020;
+  inlined.inlined = true;
+  return ProfileBuilder()
+      .In("/lib/a%b.so", 0x5000, "", "00ff")
+      .Add(inlined)
+      .Add(outer)
+      .Group(100, 3)
+      .In("/lib/a%b.so", 0x5000, "", "00ff")
+      .Add(inlined)
+      .Add(outer)
+      .Group(50, 4)
+      .Add({})
+      .Group(8, 1)
+      .Add(FrameOf(-1, 0x1f, "art::Run()"))
+      .Group(16, 2, GroupKind::kJava)
+      .Done(5, 77);
+}
+
+TEST(Export, NamesAreMadeSafe) {
+  EXPECT_EQ(PercentEscape("a;b c%\n\x7f\xc3\xa4"), "a%3Bb%20c%25%0A%7F\xc3\xa4");
+  EXPECT_EQ(ValidUtf8("ok \xc3\xa4 \xf0\x9f\x98\x80"), "ok \xc3\xa4 \xf0\x9f\x98\x80");
+  // Lone bytes, an overlong form, a surrogate, a value beyond the last, a torn end.
+  EXPECT_EQ(ValidUtf8("\xff|\xc0\xaf|\xed\xa0\x80|\xf5\x80\x80\x80|\xe2\x82"),
+            "\xef\xbf\xbd|\xef\xbf\xbd\xef\xbf\xbd|\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd|"
+            "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd|\xef\xbf\xbd\xef\xbf\xbd");
+}
+
+TEST(Export, FoldedStacks) {
+  const std::string stack = "fill\xff%0A;Box<a%3B%20b>::put(int);a%25b.so+0x5000";
+  std::ostringstream bytes;
+  WriteFolded(Sample(), Measure::kBytes, bytes);
+  EXPECT_EQ(bytes.str(), stack + " 500\n[unknown] 8\n[java-native];art::Run() 32\n");
+  std::ostringstream blocks;
+  WriteFolded(Sample(), Measure::kBlocks, blocks);
+  EXPECT_EQ(blocks.str(), stack + " 7\n[unknown] 1\n[java-native];art::Run() 2\n");
+}
+
+TEST(Export, SpeedscopeFollowsItsSchema) {
+  TemporaryDirectory directory;
+  std::ostringstream text;
+  WriteSpeedscope(Sample(), text);
+  const std::string path = directory.Write("leak.json", text.str());
+  const Outcome validated = Shell(
+      "/usr/bin/python3 -c 'import json, sys, jsonschema\n"
+      "jsonschema.validate(*(json.load(open(p)) for p in sys.argv[1:]))' " +
+      path + " " FIXTURE_SPEEDSCOPE_SCHEMA);
+  EXPECT_EQ(validated.code, 0) << validated.output;
+
+  const auto document = nlohmann::json::parse(text.str());
+  const auto& frames = document["shared"]["frames"];
+  ASSERT_EQ(document["profiles"].size(), 4U);
+  const std::array<int, 4> sums = {508, 8, 32, 2};
+  for (std::size_t i = 0; i < sums.size(); ++i) {
+    const auto& profile = document["profiles"][i];
+    EXPECT_EQ(profile["endValue"], sums[i]);
+    EXPECT_EQ(profile["samples"].size(), profile["weights"].size());
+    for (const auto& stack : profile["samples"]) {
+      for (const std::size_t frame : stack) EXPECT_LT(frame, frames.size());
+    }
+  }
+  const auto& stack = document["profiles"][0]["samples"][0];
+  EXPECT_EQ(frames[stack[1].get<std::size_t>()]["name"], "Box<a; b>::put(int)");
+  EXPECT_EQ(frames[stack[2].get<std::size_t>()]["file"], "/lib/a%b.so");
+}
+
+perftools::profiles::Profile Pprof(const Profile& profile) {
+  std::stringstream packed;
+  EXPECT_TRUE(WritePprof(profile, packed));
+  google::protobuf::io::IstreamInputStream input(&packed);
+  google::protobuf::io::GzipInputStream plain(&input);
+  perftools::profiles::Profile message;
+  EXPECT_TRUE(message.ParseFromZeroCopyStream(&plain));
+  return message;
+}
+
+TEST(Export, PprofHoldsTogether) {
+  const perftools::profiles::Profile message = Pprof(Sample());
+  const auto text = [&](std::int64_t index) {
+    return message.string_table(static_cast<int>(index));
+  };
+  EXPECT_EQ(text(0), "");
+  EXPECT_EQ(text(message.sample_type(0).type()), "inuse_objects");
+  EXPECT_EQ(text(message.sample_type(1).unit()), "bytes");
+  ASSERT_EQ(message.mapping_size(), 1);
+  EXPECT_EQ(text(message.mapping(0).filename()), "/lib/a%b.so");
+  EXPECT_EQ(text(message.mapping(0).build_id()), "00ff");
+  EXPECT_TRUE(message.mapping(0).has_inline_frames());
+  ASSERT_EQ(message.sample_size(), 4);
+  EXPECT_EQ(message.sample(0).value(0), 3);
+  EXPECT_EQ(message.sample(0).value(1), 300);
+  EXPECT_EQ(message.sample(1).label(0).num(), 50);
+  EXPECT_EQ(text(message.sample(3).label(1).str()), "java-native");
+  for (const auto& location : message.location()) {
+    if (location.mapping_id() == 0) continue;
+    EXPECT_GE(location.address(), message.mapping(0).memory_start());
+    EXPECT_LT(location.address(), message.mapping(0).memory_limit());
+  }
+  // An inlined call and its caller are one location, innermost first.
+  ASSERT_EQ(message.sample(0).location_id_size(), 2);
+  const auto& outer = message.location(static_cast<int>(message.sample(0).location_id(1)) - 1);
+  EXPECT_EQ(outer.address(), message.mapping(0).memory_start() + 0x1020);
+  ASSERT_EQ(outer.line_size(), 2);
+  EXPECT_EQ(outer.line(0).line(), 7);
+  const auto& caller = message.function(static_cast<int>(outer.line(1).function_id()) - 1);
+  EXPECT_EQ(text(caller.name()), "fill\xef\xbf\xbd\n");  // readers refuse other texts
+  EXPECT_EQ(text(caller.filename()), "/s/fill.c");
+}
+
+constexpr const char* kReport =
+    "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 1000\n"
+    "Allocation records: 3/2\nBacktrace size: 10\n\n"
+    "sz 400 800 num 2 time 1 2  bt [/no/liba b.so+0x10] [unknow]\n"
+    "sz 10 100 num 10 time 1  bt [/no/libc.so+0x20] \n"
+    "==============================Java-Native Stack==============================\nEND";
+
+TEST(Export, CommandsReadReportsAndGuardGrowth) {
+  TemporaryDirectory directory;
+  const std::string old_report = directory.Write("old", kReport);
+  std::string grown = kReport;
+  grown.replace(grown.find("1000"), 4, "3049");
+  const std::string new_report = directory.Write("new", grown);
+
+  const std::string diff = kMemleak + "diff " + old_report + " " + new_report;
+  EXPECT_EQ(Shell(diff + " --fail-over 2049").code, 0);
+  EXPECT_EQ(Shell(diff + " --fail-over 2k --json >/dev/null").output,
+            "memleak: grew by 2,049 bytes, more than 2,048\n");
+  EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 1);
+  EXPECT_EQ(Shell(kMemleak + "diff " + new_report + " " + old_report + " --fail-over 0").code, 0);
+  grown.replace(grown.find("3049"), 4, "12x4");
+  directory.Write("new", grown);
+  EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 2);  // a damaged total passes no gate
+
+  const Outcome folded = Shell(kMemleak + "export " + old_report + " --format folded");
+  EXPECT_EQ(folded.output,
+            "[unknown];liba%20b.so+0x10 800\nlibc.so+0x20 100\n"
+            "memleak: 100 B in 1 group is counted by the report but not listed in it, and not "
+            "exported\n");
+  const std::string pprof = "export " + old_report + " --format pprof -o ";
+  EXPECT_EQ(Shell(kMemleak + pprof + directory.Path("leak.gz")).code, 0);
+  EXPECT_EQ(directory.Read("leak.gz").substr(0, 2), "\x1f\x8b");
+  EXPECT_EQ(Shell(kMemleak + pprof + "/dev/full").code, 2);
+  const Outcome json = Shell(kMemleak + "export " + old_report + " --format json 2>/dev/null");
+  EXPECT_EQ(nlohmann::json::parse(json.output)["totals"]["unlistedBytes"], 100);
+}
+
+}  // namespace
+}  // namespace memleak

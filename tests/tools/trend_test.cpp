@@ -1,0 +1,122 @@
+// Lines through points, and groups followed from report to report: what is unknown stays unknown.
+#include "tools/report/trend.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tools/report/stack_key.h"
+
+namespace memleak {
+namespace {
+
+/// A profile of one library whose frames are functions of these names.
+class Made {
+ public:
+  Made() { profile_.complete = true; }
+
+  Made& Add(std::uint64_t size, std::uint64_t count, const std::vector<std::string>& names) {
+    Group& group = profile_.groups.emplace_back();
+    group.size = size;
+    group.count = count;
+    group.total = size * count;
+    for (const std::string& name : names) {
+      group.stack.push_back(static_cast<std::uint32_t>(profile_.frames.size()));
+      Frame& frame = profile_.frames.emplace_back();
+      frame.function = name;
+      frame.line = ++line_;  // matters to nobody
+    }
+    profile_.header.groups++;
+    return *this;
+  }
+  /// Groups that the list lacks.
+  Made& Cut(std::uint64_t groups) {
+    profile_.header.groups += groups;
+    return *this;
+  }
+  const Profile& Get() const { return profile_; }
+
+ private:
+  Profile profile_;
+  static inline std::uint32_t line_ = 0;
+};
+
+TEST(Line, SlopeItsIntervalAndFit) {
+  // Residuals 0.3, -0.2, 0.3, -1.2 and 0.8: 2.3 squared and added, over 3 degrees and xx = 10.
+  const std::optional<Line> line = FitLine({{1, 1}, {2, 2}, {3, 4}, {4, 4}, {5, 7.5}});
+  ASSERT_TRUE(line);
+  EXPECT_DOUBLE_EQ(line->slope, 1.5);
+  EXPECT_NEAR(*line->margin, 0.88117, 1e-4);
+  EXPECT_NEAR(line->r_squared, 0.907258, 1e-6);
+
+  const std::optional<Line> exact = FitLine({{0, 5}, {1, 8}, {3, 14}});
+  EXPECT_DOUBLE_EQ(exact->slope, 3);
+  EXPECT_NEAR(*exact->margin, 0, 1e-9);
+  EXPECT_DOUBLE_EQ(exact->r_squared, 1);
+  EXPECT_FALSE(FitLine({{0, 1}, {1, 2}})->margin);
+  EXPECT_FALSE(FitLine({{0, 1}}));
+  EXPECT_FALSE(FitLine({{2, 1}, {2, 9}}));
+}
+
+TEST(Line, IntervalOfManyPoints) {
+  // y alternates around 0 at x = 0 to 20, so that slope 0 has a margin of t(19) * s / sqrt(xx).
+  std::vector<Point> points;
+  for (int i = 0; i <= 20; ++i) points.push_back({double(i), i % 2 == 0 ? 1.0 : -1.0});
+  const std::optional<Line> line = FitLine(points);
+  EXPECT_NEAR(line->slope, 0, 1e-12);
+  const double scatter = 21 - 1.0 / 21;
+  EXPECT_NEAR(*line->margin, 2.0930 * std::sqrt(scatter / 19 / 770), 2e-4);
+}
+
+TEST(Trends, FollowsGroupsByTheNamesOnTheirStacks) {
+  Trends trends;
+  trends.Add(0, Made().Add(48, 10, {"Leak", "main"}).Add(64, 3, {"Gone", "main"}).Get());
+  // Calls from two lines of one function are one group.
+  trends.Add(60, Made().Add(48, 15, {"Leak", "main"}).Add(48, 5, {"Leak", "main"}).Get());
+  trends.Add(120, Made().Add(48, 30, {"Leak", "main"}).Add(72, 1, {"Leak", "main"}).Get());
+  const std::vector<GroupTrend> groups = trends.Result();
+  ASSERT_EQ(groups.size(), 3U);
+  EXPECT_EQ(groups[0].stack, (std::vector<std::string>{"Leak", "main"}));
+  EXPECT_EQ(groups[0].Growth(), 20 * 48);
+  EXPECT_DOUBLE_EQ(groups[0].line->slope, 10 * 48);
+  EXPECT_EQ(groups[0].values[1]->count, 20U);
+  EXPECT_EQ(groups[1].Growth(), 72) << "not there before: the lists were whole";
+  EXPECT_EQ(groups[2].Growth(), -3 * 64);
+}
+
+TEST(Trends, TakesWhatMayLieBelowTheCutForUnknown) {
+  Trends trends;
+  trends.Add(0, Made().Add(48, 10, {"A"}).Add(48, 10, {"B"}).Add(16, 2, {"Two"}).Get());
+  trends.Add(60, Made().Add(48, 20, {"A"}).Cut(5).Get());
+  trends.Add(
+      120,
+      Made().Add(48, 30, {"A"}).Add(48, 30, {"B"}).Add(16, 2, {"Two"}).Add(16, 9, {"Two"}).Get());
+  trends.Add(180, Made().Add(48, 40, {"A"}).Add(16, 9, {"Two"}).Cut(5).Get());
+  const std::vector<GroupTrend> groups = trends.Result();
+  ASSERT_EQ(groups.size(), 3U);
+  EXPECT_EQ(groups[0].Known(), 4U);
+  const GroupTrend& b = groups[1].stack.front() == "B" ? groups[1] : groups[2];
+  EXPECT_EQ(b.Known(), 2U);
+  EXPECT_FALSE(b.values[1]) << "not 0";
+  EXPECT_FALSE(b.Growth());
+  EXPECT_DOUBLE_EQ(b.line->slope, 10 * 48) << "through what is known";
+  const GroupTrend& two = groups[1].stack.front() == "Two" ? groups[1] : groups[2];
+  EXPECT_FALSE(two.values[3]) << "one of its two parts may be below the cut";
+}
+
+TEST(StackKey, TellsStacksAndSizesApart) {
+  const Made made = Made()
+                        .Add(8, 1, {"a", "b"})
+                        .Add(8, 1, {"ab"})
+                        .Add(8, 1, {"a b"})
+                        .Add(9, 1, {"a", "b"})
+                        .Add(8, 7, {"a", "b"});
+  const Profile& profile = made.Get();
+  const auto key = [&](std::size_t i) { return GroupKey(profile, profile.groups[i]); };
+  EXPECT_EQ(key(0), key(4));
+  EXPECT_EQ(StackKey(profile, profile.groups[0]), StackKey(profile, profile.groups[3]));
+  for (std::size_t i = 1; i < 4; ++i) EXPECT_NE(key(0), key(i)) << i;
+}
+
+}  // namespace
+}  // namespace memleak

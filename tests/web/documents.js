@@ -1,0 +1,138 @@
+// Documents for the tests of the page: a small one whose every figure is known, one with hostile
+// names, a difference, and the two large ones that the page must stay fluid with.
+
+const kMade = 1795260000;
+
+function finish(frames, groups, more = {}) {
+  const native = groups.filter((group) => group.kind === "native");
+  const java = groups.filter((group) => group.kind === "java");
+  const sum = (list, key) => list.reduce((total, group) => total + group[key], 0);
+  const listedBytes = sum(native, "total");
+  return {
+    format: "memleak-profile",
+    version: 1,
+    report: {
+      ...{ path: "/data/allocations_dump", made: kMade, complete: true, damagedLines: 0 },
+      backtraceSize: 10,
+    },
+    totals: {
+      ...{ bytes: listedBytes, groups: native.length, blocks: sum(native, "count") },
+      ...{ listedBytes, listedGroups: native.length, unlistedBytes: 0, unlistedGroups: 0 },
+      ...{ javaBytes: sum(java, "total"), javaGroups: java.length },
+    },
+    libraries: ["libc.so.6", "libstore.so", "server", "libcodec.so", "libgone.so"].map((name) => ({
+      ...{ path: `/usr/lib/${name}`, name, buildId: "", found: name !== "libgone.so" },
+    })),
+    frames,
+    groups,
+    ...more,
+  };
+}
+
+function frame(library, name, file = "", line = 0) {
+  const known = file !== "";
+  return { library, offset: 4096 + line, name, function: known ? name : "", file, line, inlined: false };
+}
+
+function group(size, count, stack, ages, more = {}) {
+  return { kind: "native", size, count, total: size * count, ages, stack, ...more };
+}
+
+const kServer = [
+  frame(0, "malloc", "malloc/malloc.c", 3301),
+  frame(1, "store::Cache::Insert(std::string const&, store::Entry)", "src/cache.cpp", 118),
+  frame(1, "store::Session::Open(int)", "src/session.cpp", 42),
+  frame(2, "server::Handle(Request&)", "src/handle.cpp", 210),
+  frame(2, "server::Loop()", "src/loop.cpp", 33),
+  frame(2, "main", "src/main.cpp", 12),
+  frame(3, "codec::Decode(Span<unsigned char const>)", "src/decode.cpp", 77),
+  frame(3, "codec::Tables::Grow(unsigned long)", "src/tables.cpp", 19),
+  frame(4, "libgone.so+0x1a2c"),
+];
+
+const spread = (count, oldest) => Array.from({ length: count }, (_, i) => Math.round((i * oldest) / count));
+
+export function server() {
+  const groups = [
+    group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600)),
+    group(65536, 60, [0, 7, 6, 3, 4, 5], [3400, 3420, 3450, 3500]),
+    group(1048576, 2, [0, 2, 4, 5], [3599, 3600]),
+    group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300)),
+    group(4096, 120, [0, 8, 6, 3, 4, 5], spread(30, 1800)),
+    group(32, 5000, [0, 1, 2, 3, 4, 5], spread(30, 3600)),
+  ];
+  const document = finish(kServer, groups);
+  document.totals.bytes += 4321;
+  document.totals.groups += 7;
+  Object.assign(document.totals, { unlistedBytes: 4321, unlistedGroups: 7 });
+  return document;
+}
+
+export const kHostileNames = [
+  "</script><script>window.hacked = 1</script>",
+  `<img src=x onerror="window.hacked = 1">`,
+  `"quoted" 'names' & entities &lt;b&gt; \\ @DATA@ $& \u2028`,
+  `std::map<${"std::vector<int>, ".repeat(700)}`.slice(0, 9999) + ">",
+];
+
+export function hostile() {
+  const frames = kHostileNames.map((name, index) => frame(index, name, `src/<b>${index}.cpp`, 1));
+  return finish(frames, frames.map((_, index) => group(100, 10 - index, [index, 0], [5])));
+}
+
+export function difference() {
+  const status = (name, count, total) => ({ status: name, before: { count, total } });
+  const groups = [
+    group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600), status("grew", 4000, 2048000)),
+    group(65536, 10, [0, 7, 6, 3, 4, 5], [3400], status("shrank", 60, 3932160)),
+    group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300), status("new", 0, 0)),
+    { ...group(4096, 0, [0, 8, 6, 3, 4, 5], []), ...status("gone", 120, 491520) },
+    group(1048576, 2, [0, 2, 4, 5], [3599], status("same", 2, 2097152)),
+    group(32, 50, [0, 1, 2, 3, 4, 5], [9], status("unknown", 0, 0)),
+  ];
+  const document = finish(kServer, groups);
+  const old = groups.reduce((sum, { before }) => sum + before.total, 0);
+  const base = {
+    report: { ...document.report, path: "/data/allocations_dump.old", made: kMade - 3600 },
+    totals: { ...document.totals, bytes: old, listedBytes: old },
+  };
+  return { ...document, base };
+}
+
+/** `count` groups of `depth` frames whose stacks part at every level, as those of real programs. */
+export function large(kind, count, depth, functions) {
+  const frames = Array.from({ length: functions }, (_, index) =>
+    frame(index % 5, `module${index % 97}::Class${index % 1009}::method_${index}(int)`, "src/a.cpp", index),
+  );
+  let seed = 1;
+  const random = (below) => {
+    seed = (seed * 48271) % 2147483647;
+    return seed % below;
+  };
+  const groups = Array.from({ length: count }, (_, index) => {
+    const stack = new Array(depth);
+    let path = 7;
+    for (let level = depth - 1; level >= 0; --level) {
+      path = (path * 31 + random(level < depth / 2 ? 3 : 2)) % functions;
+      stack[level] = path;
+    }
+    const ages = kind === "native" ? spread(30, 10 + random(5000)) : [];
+    return group(16 + random(4096), 1 + random(200), stack, ages, { kind });
+  });
+  groups.sort((a, b) => b.total - a.total);
+  return finish(frames, groups);
+}
+
+/** A report of two native groups of three and a Java-native one, with a library from nowhere. */
+export const kReport = `Native Heap MemLeak Tracker Version 2.0:
+Total memory(bytes): 61096
+Allocation records: 3/2
+Backtrace size: 10
+
+sz 48 48000 num 1000 time 2 1 0  bt [/nowhere/<b>lib "one".so+0x1f0] [/nowhere/two.so+0x2a] 
+sz 4096 12288 num 3 time 9  bt [/nowhere/two.so+0x2a] [unknow]
+==============================Java-Native Stack==============================
+sz 64 640 num 10
+#00 rel_pc 1f com.example.<Cache>.put
+#01 rel_pc 2f 
+END`;

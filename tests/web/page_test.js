@@ -1,0 +1,279 @@
+// Runs the page in Chromium, as a person would: loads, zooms, searches, sorts, opens rows. Pages are
+// written by the program itself. Run by ctest:
+//   node page_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY
+//   node page_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY --picture FILE
+// The second form checks nothing: it takes the picture for the README.
+
+import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
+import { mkdirSync, statSync, writeFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import { join, resolve } from "node:path";
+import { pathToFileURL } from "node:url";
+import { difference, hostile, kHostileNames, kReport, large, server } from "./documents.js";
+
+const [memleak, modules, work, option, picture] = process.argv.slice(2);
+const { chromium } = createRequire(join(resolve(modules), "here.js"))("playwright-core");
+
+/** Has the program write a page about the document. */
+function write(name, document) {
+  const [json, html] = [join(work, `${name}.json`), join(work, `${name}.html`)];
+  writeFileSync(json, JSON.stringify(document));
+  execFileSync(memleak, ["html", json, "-o", html]);
+  return html;
+}
+
+/** Opens a page and fails for anything that it writes to the console or asks of the network. */
+async function open(browser, html, settings = {}) {
+  const page = await browser.newPage({ viewport: { width: 1280, height: 900 }, ...settings });
+  page.complaints = [];
+  page.on("console", (message) => page.complaints.push(message.text()));
+  page.on("pageerror", (error) => page.complaints.push(String(error)));
+  page.on("request", (request) => {
+    if (!/^(file|data):/.test(request.url())) page.complaints.push(request.url());
+  });
+  await page.goto(pathToFileURL(resolve(html)).href);
+  await page.waitForSelector("#flame g.frame");
+  return page;
+}
+
+async function close(page) {
+  assert.deepEqual(page.complaints, []);
+  assert.equal(await page.evaluate(() => window.hacked), undefined);
+  await page.close();
+}
+
+const count = (number) => number.toLocaleString("en-US");
+const frames = (page) => page.locator("#flame g.frame");
+const named = (page, part) => page.locator(`#flame g.frame[name*="${part}"]`).first();
+const rows = (page) => page.locator("#groups tr.group");
+const column = (page, key) => page.locator(`#groups tr.group td.${key}`).allInnerTexts();
+const sortOn = (page, key) => page.click(`#groups [data-sort=${key}]`);
+
+async function showsFigures(browser) {
+  const document = server();
+  const page = await open(browser, write("server", document));
+  const { totals } = document;
+  const expected = {
+    total: [totals.bytes, totals.groups],
+    listed: [totals.listedBytes, totals.listedGroups],
+    unlisted: [totals.unlistedBytes, totals.unlistedGroups],
+  };
+  for (const [name, [bytes, groups]] of Object.entries(expected)) {
+    const text = await page.innerText(`[data-figure=${name}]`);
+    assert.match(text, new RegExp(`\\b${count(bytes)} bytes[^]*\\b${count(groups)} `), name);
+  }
+  const origin = await page.innerText(".origin");
+  for (const part of [document.report.path, "10 frames", "complete", "no damaged lines"]) {
+    assert.ok(origin.includes(part), part);
+  }
+  assert.match(await page.innerText("header"), /1 file could not be read/);
+  assert.ok((await page.innerText(".row-count")).includes(`${count(totals.listedBytes)} bytes`));
+
+  await named(page, "Cache::Insert").hover();
+  const share = ((100 * 512 * 24000) / totals.listedBytes).toFixed(1);
+  assert.ok((await page.innerText("#flame-details")).includes(`${share} %`));
+  await page.mouse.move(0, 0);
+  await page.getByLabel("Width by").selectOption("count");
+  await named(page, "Cache::Insert").hover();
+  assert.ok((await page.innerText("#flame-details")).includes("24,000 blocks"));
+  await close(page);
+}
+
+/** A report as the tracker writes it: the page says of it what `show --json` says. */
+async function agreesWithShow(browser) {
+  const [report, html] = [join(work, "allocations_dump"), join(work, "report.html")];
+  writeFileSync(report, kReport);
+  execFileSync(memleak, ["html", report, "-o", html]);
+  const { totals, groups, frames: all } = JSON.parse(execFileSync(memleak, ["show", report, "--json"]));
+  assert.equal(groups.length, 3);
+  const page = await open(browser, html);
+  for (const [name, bytes] of [
+    ...[["total", totals.bytes], ["listed", totals.listedBytes]],
+    ...[["unlisted", totals.unlistedBytes], ["java", totals.javaBytes]],
+  ]) {
+    assert.ok((await page.innerText(`[data-figure=${name}]`)).includes(`${count(bytes)} bytes`), name);
+  }
+  const sorted = [...groups].sort((a, b) => b.total - a.total);
+  assert.deepEqual(await column(page, "count"), sorted.map((group) => count(group.count)));
+  for (const [at, group] of sorted.entries()) {
+    await rows(page).nth(at).locator(".toggle").click();
+    const names = await page.locator("#groups tr.detail").nth(at).locator("li code").allInnerTexts();
+    assert.deepEqual(names, group.stack.map((index) => all[index].name));
+  }
+  await close(page);
+
+  const [old, grown] = [join(work, "allocations_dump.old"), join(work, "grown.html")];
+  writeFileSync(old, kReport.replace("48 48000 num 1000", "48 480 num 10"));
+  execFileSync(memleak, ["html", report, "--diff", old, "-o", grown]);
+  const changed = await open(browser, grown);
+  assert.deepEqual(await column(changed, "status"), ["grew", "same", "same"]);
+  assert.equal((await column(changed, "growth"))[0], "+46.4 KiB");
+  await close(changed);
+}
+
+async function zoomsAndSearches(browser) {
+  const page = await open(browser, join(work, "server.html"));
+  const width = async (part) => (await named(page, part).locator("rect").boundingBox()).width;
+  const whole = await width("main");
+  const before = await width("codec::Decode");
+  assert.ok(before < whole / 2);
+  await named(page, "codec::Decode").click();
+  await page.waitForFunction((less) => {
+    const box = document.querySelector('#flame g.frame[name*="codec::Decode"] rect');
+    return box.getBoundingClientRect().width > less;
+  }, whole * 0.98);
+  assert.equal(await rows(page).count(), 2, "the table follows the zoom");
+  await page.click("#reset");
+  await page.waitForFunction(() => document.getElementById("reset").disabled);
+  assert.equal(await rows(page).count(), 6);
+  assert.ok(Math.abs((await width("codec::Decode")) - before) < 2);
+
+  await page.fill("#search", "cache::insert");
+  await page.waitForFunction(() => document.getElementById("found").textContent !== "");
+  assert.match(await page.innerText("#found"), /^1 found, in stacks that hold 11\.9 MiB \(2 groups\)/);
+  const colour = (part) => named(page, part).locator("rect").getAttribute("fill");
+  assert.notEqual(await colour("Cache::Insert"), await colour("Session::Open"));
+  assert.equal(await colour("Cache::Insert"), await page.evaluate(() => "hsl(300 85% 72%)"));
+  await page.fill("#search", "");
+  await page.waitForFunction(() => document.getElementById("found").textContent === "");
+
+  // From the other end, and by the keyboard alone: two frames up from the root, in, and out again.
+  await page.getByLabel("Start at").selectOption("allocation");
+  assert.equal(await width("malloc"), whole);
+  await page.focus("#flame");
+  for (const key of ["ArrowDown", "ArrowDown", "ArrowRight", "Enter"]) await page.keyboard.press(key);
+  const path = await page.innerText("#zoom-path");
+  assert.match(path, /^Zoomed to codec::Tables::Grow/);
+  for (const key of ["Escape", "Escape"]) await page.keyboard.press(key);
+  assert.equal(await page.innerText("#zoom-path"), "");
+  await page.getByLabel("upside down").check();
+  const [root, leaf] = [await named(page, "all").boundingBox(), await named(page, "malloc").boundingBox()];
+  assert.ok(root.y > leaf.y);
+  await close(page);
+}
+
+async function sortsFiltersAndOpens(browser) {
+  const page = await open(browser, join(work, "server.html"));
+  const { groups } = server();
+  const by = (key) => [...groups].sort((a, b) => b[key] - a[key]).map((group) => count(group[key]));
+  await sortOn(page, "count");
+  assert.deepEqual(await column(page, "count"), by("count"));
+  await sortOn(page, "count");
+  assert.deepEqual(await column(page, "count"), by("count").reverse());
+  const trends = Object.fromEntries((await column(page, "size")).map((size, i) => [size, i]));
+  const words = await column(page, "trend");
+  const word = (size) => words[trends[size]];
+  assert.deepEqual([word("512 B"), word("64.0 KiB"), word("96 B")], ["growing", "steady", "recent"]);
+
+  await page.fill("#filter", "tables.cpp");
+  await page.waitForFunction(() => document.querySelectorAll("#groups tr.group").length === 1);
+  await page.locator("#groups .toggle").focus();
+  await page.keyboard.press("Enter");
+  const detail = page.locator("#groups tr.detail");
+  assert.match(await detail.innerText(), /codec::Tables::Grow\(unsigned long\)\s+src\/tables\.cpp:19/);
+  assert.equal(await detail.locator("li").count(), 6);
+  assert.equal(await detail.locator(".ages i").count(), 24);
+  await page.keyboard.press("Enter");
+  assert.equal(await detail.count(), 0);
+  await close(page);
+}
+
+async function showsHostileNamesAsText(browser) {
+  const page = await open(browser, write("hostile", hostile()));
+  await sortOn(page, "total");
+  await sortOn(page, "total"); // largest first again
+  for (const at of kHostileNames.keys()) await rows(page).nth(at).locator(".toggle").click();
+  const shown = await page.locator("#groups li:first-child code").allTextContents();
+  kHostileNames.slice(0, 3).forEach((name, at) => assert.equal(shown[at], name));
+  const long = page.locator("#groups li:first-child code").nth(3);
+  assert.match(shown[3], /… all 10,000 characters$/);
+  await long.locator("button").click();
+  assert.ok((await long.textContent()).startsWith(kHostileNames[3]));
+  assert.equal(await page.locator("#groups img, #groups b, #flame img, body > script").count(), 0);
+  await close(page);
+}
+
+async function showsDifferences(browser) {
+  const page = await open(browser, write("difference", difference()), { colorScheme: "dark" });
+  assert.deepEqual((await column(page, "status")).sort(), [
+    ...["gone", "grew", "new", "same", "shrank", "unknown"],
+  ]);
+  const change = Object.fromEntries(
+    (await column(page, "status")).map((name, at) => [name, at]),
+  );
+  const changes = await column(page, "growth");
+  assert.equal(changes[change.grew], "+9.8 MiB");
+  assert.equal(changes[change.gone], "−480.0 KiB");
+  assert.equal(changes[change.unknown], "?");
+  const hue = async (part) =>
+    /hsl\((\d+)/.exec(await named(page, part).locator("rect").getAttribute("fill"))[1];
+  assert.deepEqual([await hue("Cache::Insert"), await hue("codec::Decode")], ["14", "212"]);
+  await page.getByLabel("Status").selectOption("grew");
+  assert.equal(await rows(page).count(), 1);
+  await close(page);
+}
+
+/** How long a thing takes until the page has drawn it. Printed, for people to judge. */
+async function timed(page, what, budget, action) {
+  const start = performance.now();
+  await action();
+  await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => setTimeout(done))));
+  const took = Math.round(performance.now() - start);
+  console.log(`  ${what}: ${took} ms (budget ${budget} ms)${took > budget ? " OVER" : ""}`);
+}
+
+async function staysFluid(browser, name, document) {
+  const html = write(name, document);
+  console.log(`${name}: ${(statSync(html).size / 1048576).toFixed(1)} MiB`);
+  let page;
+  const load = performance.now();
+  page = await open(browser, html);
+  console.log(`  load: ${Math.round(performance.now() - load)} ms (budget 3000 ms)`);
+  const box = frames(page).nth(Math.min(40, (await frames(page).count()) - 1));
+  await timed(page, "zoom", 500, () => box.dispatchEvent("click"));
+  await timed(page, "reset", 500, () => page.click("#reset"));
+  await timed(page, "search", 700, async () => {
+    await page.fill("#search", "method_1");
+    await page.waitForFunction(() => document.getElementById("found").textContent !== "");
+  });
+  await timed(page, "other end", 500, () => page.getByLabel("Start at").selectOption("allocation"));
+  await timed(page, "sort", 300, () => sortOn(page, "count"));
+  await timed(page, "last page", 300, () => page.click("text=Last"));
+  await timed(page, "open a row", 200, () => rows(page).first().locator(".toggle").click());
+  assert.ok((await rows(page).count()) <= 50);
+  const total = document.groups.reduce((sum, group) => sum + group.total, 0);
+  assert.ok((await page.innerText(".row-count")).includes(`${count(total)} bytes`));
+  await close(page);
+}
+
+async function main() {
+  mkdirSync(work, { recursive: true });
+  const browser = await chromium.launch({
+    executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
+    args: ["--no-sandbox", "--disable-dev-shm-usage"],
+  });
+  try {
+    if (option === "--picture") {
+      const page = await open(browser, write("picture", server()));
+      await rows(page).first().locator(".toggle").click();
+      await page.setViewportSize({ width: 1280, height: 1080 });
+      await page.screenshot({ path: picture });
+      return;
+    }
+    const tests = [
+      ...[showsFigures, agreesWithShow, zoomsAndSearches, sortsFiltersAndOpens],
+      ...[showsHostileNamesAsText, showsDifferences],
+    ];
+    for (const test of tests) {
+      await test(browser);
+      console.log(`ok ${test.name}`);
+    }
+    await staysFluid(browser, "1000 groups of 64 frames", large("native", 1000, 64, 20000));
+    await staysFluid(browser, "50,000 Java-native groups", large("java", 50000, 24, 30000));
+  } finally {
+    await browser.close();
+  }
+}
+
+await main();

@@ -1,0 +1,114 @@
+// diff: what changed between two reports; export: a report in the formats of other programs.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "tools/commands.h"
+#include "tools/format.h"
+#include "tools/html.h"
+#include "tools/report/diff.h"
+#include "tools/report/diff_json.h"
+#include "tools/report/diff_view.h"
+#include "tools/report/folded.h"
+#include "tools/report/input.h"
+#include "tools/report/json.h"
+#include "tools/report/pprof.h"
+#include "tools/report/printer.h"
+#include "tools/report/speedscope.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+SymbolOptions WithProgress(SymbolOptions symbols) {
+  symbols.progress = true;
+  return symbols;
+}
+
+// A gate must not pass because a damaged head reads as 0 bytes.
+void RequireTotal(const Profile& profile) {
+  if (profile.header.total_bytes >= profile.Listed(GroupKind::kNative).bytes) return;
+  throw UserError("report has no usable total: " + profile.path,
+                  "leave out --fail-over, or write the report again");
+}
+
+void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostream& out) {
+  if (options.format == "folded") {
+    WriteFolded(profile, options.by == "count" ? Measure::kBlocks : Measure::kBytes, out);
+  } else if (options.format == "speedscope") {
+    WriteSpeedscope(profile, out);
+  } else if (options.format == "json") {
+    WriteJson(ToJson(profile), out);
+  } else if (options.format == "html") {
+    out << HtmlPage(profile);
+  } else if (!WritePprof(profile, out)) {
+    out.setstate(std::ios::failbit);
+  }
+}
+
+void WriteOutput(const Profile& profile, const ExportOptions& options) {
+  const bool to_file = !options.output.empty();
+  std::ofstream file;
+  if (to_file) file.open(options.output, std::ios::binary);
+  std::ostream& out = to_file ? file : std::cout;
+  if (out) WriteFormat(profile, options, out);
+  out.flush();
+  if (out) return;
+  throw UserError(
+      "cannot write " + (to_file ? options.output : "the output") + ": " + std::strerror(errno),
+      "give -o a file in a directory that you may write to");
+}
+
+// Formats of others have no place for what the report does not list.
+void TellUnlisted(const Profile& profile) {
+  const Sums unlisted = profile.Unlisted();
+  if (unlisted.groups == 0 && unlisted.bytes == 0) return;
+  std::cerr << "memleak: " << FormatBytes(unlisted.bytes) << " in "
+            << Counted(unlisted.groups, "group") << (unlisted.groups == 1 ? " is" : " are")
+            << " counted by the report but not listed in it, and not exported\n";
+}
+
+}  // namespace
+
+int DiffCommand(const DiffOptions& options) {
+  const SymbolOptions symbols = WithProgress(options.symbols);
+  const Profile before = OpenProfile(options.before, options.partial, symbols);
+  const Profile after = OpenProfile(options.after, options.partial, symbols);
+  if (options.fail_over.has_value()) {
+    RequireTotal(before);
+    RequireTotal(after);
+  }
+  if (options.json) {
+    std::cout << DiffJson(before, after);
+  } else {
+    PrintDifference(before, after, options.top, std::cout);
+  }
+  const std::uint64_t old_bytes = before.header.total_bytes;
+  const std::uint64_t new_bytes = after.header.total_bytes;
+  const bool over = options.fail_over.has_value() && new_bytes > old_bytes &&
+                    new_bytes - old_bytes > *options.fail_over;
+  if (!over) return kExitOk;
+  std::cerr << "memleak: grew by " << FormatCount(new_bytes - old_bytes) << " bytes, more than "
+            << FormatCount(*options.fail_over) << "\n";
+  return kExitNegative;
+}
+
+int ExportCommand(const ExportOptions& options) {
+  if (options.format == "pprof" && options.output.empty() && isatty(STDOUT_FILENO) == 1) {
+    throw UserError("a pprof profile is nothing for a terminal", "give -o FILE");
+  }
+  if (options.by == "count" && options.format != "folded") {
+    throw UserError("--by is for --format folded alone", "other formats hold bytes and blocks");
+  }
+  const Profile profile =
+      OpenProfile(options.report, options.partial, WithProgress(options.symbols));
+  WriteOutput(profile, options);
+  TellUnlisted(profile);
+  return kExitOk;
+}
+
+}  // namespace memleak

@@ -1,0 +1,253 @@
+// Selection and sums.
+#include "tools/report/aggregate.h"
+
+#include <regex.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <map>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+constexpr std::size_t kFewestAges = 4;
+constexpr std::int64_t kQuarters = 4;
+constexpr const char* kUnknownLibrary = "[unknown]";
+
+/// A regular expression of the C library: its cost is bounded, and names of templates may be long.
+class Expression {
+ public:
+  explicit Expression(const std::string& text) {
+    const int error = regcomp(&compiled_, text.c_str(), REG_EXTENDED | REG_NOSUB);
+    if (error == 0) return;
+    std::array<char, 128> reason{};
+    regerror(error, &compiled_, reason.data(), reason.size());
+    throw UserError("--filter is not a regular expression: " + text + " (" + reason.data() + ")",
+                    "put a backslash before characters that stand for themselves");
+  }
+  ~Expression() { regfree(&compiled_); }
+  Expression(const Expression&) = delete;
+  Expression& operator=(const Expression&) = delete;
+
+  bool Matches(const std::string& text) const {
+    return regexec(&compiled_, text.c_str(), 0, nullptr, 0) == 0;
+  }
+
+ private:
+  regex_t compiled_{};
+};
+
+// For each frame whether the expression matches it.
+std::vector<bool> MatchFrames(const Profile& profile, const std::string& filter) {
+  const Expression expression(filter);
+  std::vector<bool> libraries;
+  for (const Library& library : profile.libraries) {
+    libraries.push_back(expression.Matches(library.path));
+  }
+  std::vector<bool> frames;
+  frames.reserve(profile.frames.size());
+  for (const Frame& frame : profile.frames) {
+    frames.push_back((frame.library >= 0 && libraries[static_cast<std::size_t>(frame.library)]) ||
+                     expression.Matches(FrameName(profile, frame)) ||
+                     (!frame.file.empty() && expression.Matches(frame.file)));
+  }
+  return frames;
+}
+
+std::uint64_t MeanSize(const Sums& sums) {
+  return sums.blocks == 0 ? 0 : sums.bytes / sums.blocks;
+}
+
+constexpr std::int64_t kNoAge = std::numeric_limits<std::int64_t>::min();
+
+// Whether `a` comes before `b` in falling order.
+bool GroupBefore(const Group& a, const Group& b, SortKey sort) {
+  switch (sort) {
+    case SortKey::kCount:
+      return a.count > b.count;
+    case SortKey::kSize:
+      return a.size > b.size;
+    case SortKey::kAge:
+      return OldestAge(a).value_or(kNoAge) > OldestAge(b).value_or(kNoAge);
+    case SortKey::kTotal:
+      break;
+  }
+  return a.total > b.total;
+}
+
+bool RowBefore(const Row& a, const Row& b, SortKey sort) {
+  const auto by_bytes = [](const Row& row) {
+    return std::tuple(row.inclusive.bytes, row.self.bytes);
+  };
+  switch (sort) {
+    case SortKey::kCount:
+      return std::tuple(a.inclusive.blocks, by_bytes(a)) >
+             std::tuple(b.inclusive.blocks, by_bytes(b));
+    case SortKey::kSize:
+      return std::tuple(MeanSize(a.inclusive), by_bytes(a)) >
+             std::tuple(MeanSize(b.inclusive), by_bytes(b));
+    case SortKey::kAge:
+      return std::tuple(a.oldest.value_or(kNoAge), by_bytes(a)) >
+             std::tuple(b.oldest.value_or(kNoAge), by_bytes(b));
+    case SortKey::kTotal:
+      break;
+  }
+  return by_bytes(a) > by_bytes(b);
+}
+
+/// Numbers that say which frames go by one name in one library.
+struct FrameKeys {
+  std::vector<std::uint32_t> key_of;   // by frame
+  std::vector<std::uint32_t> example;  // by key: a frame
+};
+
+FrameKeys NumberFrames(const Profile& profile, RowKind kind) {
+  FrameKeys keys;
+  keys.key_of.reserve(profile.frames.size());
+  std::map<std::pair<std::int32_t, std::string>, std::uint32_t> known;
+  for (std::size_t i = 0; i < profile.frames.size(); ++i) {
+    const Frame& frame = profile.frames[i];
+    const auto [entry, added] = known.try_emplace(
+        {frame.library, kind == RowKind::kLibrary ? "" : FrameName(profile, frame)},
+        static_cast<std::uint32_t>(keys.example.size()));
+    if (added) keys.example.push_back(static_cast<std::uint32_t>(i));
+    keys.key_of.push_back(entry->second);
+  }
+  return keys;
+}
+
+std::vector<Row> EmptyRows(const Profile& profile, const FrameKeys& keys, RowKind kind) {
+  std::vector<Row> rows(keys.example.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const Frame& frame = profile.frames[keys.example[i]];
+    rows[i].library = frame.library;
+    if (kind == RowKind::kFunction) {
+      rows[i].name = FrameName(profile, frame);
+    } else {
+      rows[i].name = frame.library < 0
+                         ? kUnknownLibrary
+                         : profile.libraries[static_cast<std::size_t>(frame.library)].path;
+    }
+  }
+  return rows;
+}
+
+void SortChildren(std::vector<TreeNode>* tree) {
+  for (TreeNode& node : *tree) {
+    std::stable_sort(node.children.begin(), node.children.end(),
+                     [&](std::uint32_t a, std::uint32_t b) {
+                       return (*tree)[a].sums.bytes > (*tree)[b].sums.bytes;
+                     });
+  }
+}
+
+}  // namespace
+
+std::optional<std::int64_t> OldestAge(const Group& group) {
+  if (group.ages.empty()) return std::nullopt;
+  return *std::max_element(group.ages.begin(), group.ages.end());
+}
+
+std::int64_t AgeSpan(const Profile& profile) {
+  std::int64_t span = 0;
+  for (const Group& group : profile.groups) span = std::max(span, OldestAge(group).value_or(0));
+  return span;
+}
+
+AgePattern PatternOf(const Group& group, std::int64_t span) {
+  if (group.ages.size() < kFewestAges || span < kQuarters) return AgePattern::kUnknown;
+  const auto [youngest, oldest] = std::minmax_element(group.ages.begin(), group.ages.end());
+  const bool late = *youngest < span / kQuarters;
+  const bool early = *oldest > span - span / kQuarters;
+  if (late) return early ? AgePattern::kGrowing : AgePattern::kRecent;
+  return AgePattern::kSettled;
+}
+
+Selected SelectGroups(const Profile& profile, const Selection& selection) {
+  std::vector<bool> matches;
+  if (!selection.filter.empty()) matches = MatchFrames(profile, selection.filter);
+  const auto wanted = [&](const Group& group) {
+    if (group.total < selection.min_bytes) return false;
+    if (selection.older_than && OldestAge(group).value_or(kNoAge) < *selection.older_than) {
+      return false;
+    }
+    return matches.empty() || std::any_of(group.stack.begin(), group.stack.end(),
+                                          [&](std::uint32_t frame) { return matches[frame]; });
+  };
+  Selected selected;
+  for (std::size_t i = 0; i < profile.groups.size(); ++i) {
+    const Group& group = profile.groups[i];
+    if (group.kind != selection.kind) continue;
+    if (wanted(group)) {
+      selected.groups.push_back(i);
+      selected.sums.Add(group);
+    } else {
+      selected.cut.Add(group);
+    }
+  }
+  // The tracker sorts by total already; a report put together by hand need not be.
+  std::stable_sort(selected.groups.begin(), selected.groups.end(),
+                   [&](std::size_t a, std::size_t b) {
+                     return GroupBefore(profile.groups[a], profile.groups[b], selection.sort);
+                   });
+  return selected;
+}
+
+std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind kind,
+                       SortKey sort) {
+  const FrameKeys keys = NumberFrames(profile, kind);
+  std::vector<Row> rows = EmptyRows(profile, keys, kind);
+  // Which group was last counted for a row: a function that calls itself counts once.
+  std::vector<std::size_t> counted(rows.size(), profile.groups.size());
+  for (const std::size_t index : selected.groups) {
+    const Group& group = profile.groups[index];
+    if (!group.stack.empty()) rows[keys.key_of[group.stack.front()]].self.Add(group);
+    const std::optional<std::int64_t> oldest = OldestAge(group);
+    for (const std::uint32_t frame : group.stack) {
+      const std::uint32_t key = keys.key_of[frame];
+      if (std::exchange(counted[key], index) == index) continue;
+      rows[key].inclusive.Add(group);
+      if (oldest && rows[key].oldest.value_or(kNoAge) < *oldest) rows[key].oldest = oldest;
+    }
+  }
+  std::erase_if(rows, [](const Row& row) { return row.inclusive.groups == 0; });
+  std::stable_sort(rows.begin(), rows.end(),
+                   [&](const Row& a, const Row& b) { return RowBefore(a, b, sort); });
+  return rows;
+}
+
+std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end) {
+  const FrameKeys keys = NumberFrames(profile, RowKind::kFunction);
+  std::vector<TreeNode> tree(1);
+  tree[0].frame = kNone;
+  std::unordered_map<std::uint64_t, std::uint32_t> known;  // (parent, key) to node
+  for (const std::size_t index : selected.groups) {
+    const Group& group = profile.groups[index];
+    std::uint32_t at = 0;
+    tree[at].sums.Add(group);
+    for (std::size_t i = 0; i < group.stack.size(); ++i) {
+      const std::uint32_t frame =
+          end == TreeEnd::kInnermost ? group.stack[i] : group.stack[group.stack.size() - 1 - i];
+      const std::uint64_t step = (std::uint64_t{at} << 32U) | keys.key_of[frame];
+      const auto [entry, added] = known.try_emplace(step, static_cast<std::uint32_t>(tree.size()));
+      if (added) {
+        tree[at].children.push_back(entry->second);
+        tree.emplace_back().frame = frame;
+      }
+      at = entry->second;
+      tree[at].sums.Add(group);
+    }
+    tree[at].self.Add(group);
+  }
+  SortChildren(&tree);
+  return tree;
+}
+
+}  // namespace memleak

@@ -1,0 +1,241 @@
+// Matching by symbolized stack, and judgement of what a cut list allows to say.
+#include "tools/report/diff.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+namespace memleak {
+namespace {
+
+constexpr std::uint64_t kUnbounded = std::numeric_limits<std::uint64_t>::max();
+
+// How many bytes a group that a report does not list may hold in it all the same; nothing when it
+// lists all.
+std::optional<std::uint64_t> Threshold(const Profile& profile, GroupKind kind) {
+  // A line that could not be read may have been any group's.
+  if (profile.damaged_lines > 0) return kUnbounded;
+  const bool cut = kind == GroupKind::kNative && profile.Unlisted().groups > 0;
+  if (!cut && profile.complete) return std::nullopt;
+  // Largest first: what is not listed is no larger than the last that is.
+  std::uint64_t least = kUnbounded;
+  for (const Group& group : profile.groups) {
+    if (group.kind == kind) least = std::min(least, group.total);
+  }
+  return least;
+}
+
+// By GroupKind.
+using Thresholds = std::array<std::optional<std::uint64_t>, 2>;
+
+Thresholds ThresholdsOf(const Profile& profile) {
+  return {Threshold(profile, GroupKind::kNative), Threshold(profile, GroupKind::kJava)};
+}
+
+std::uint64_t AddSaturated(std::uint64_t a, std::uint64_t b) {
+  return a > kUnbounded - b ? kUnbounded : a + b;
+}
+
+std::uint64_t MultiplySaturated(std::uint64_t a, std::uint64_t b) {
+  return b != 0 && a > kUnbounded / b ? kUnbounded : a * b;
+}
+
+std::string_view BaseName(std::string_view path) {
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
+  return path.substr(path.rfind('/') + 1);
+}
+
+// What tells a frame apart in every run: library and function; without a function the place in the
+// file, whose contents the build id names.
+std::string FrameKey(const Profile& profile, const Frame& frame) {
+  std::string key;
+  if (frame.library >= 0) {
+    const Library& library = profile.libraries[static_cast<std::size_t>(frame.library)];
+    const bool by_build = frame.function.empty() && !library.build_id.empty();
+    key = by_build ? library.build_id : BaseName(library.path);
+  }
+  // Signs that no name in a report can hold keep different frames from reading the same.
+  key += '\0';
+  key += frame.function.empty() ? "+" + std::to_string(frame.offset) : frame.function;
+  key += '\n';
+  return key;
+}
+
+/// Puts the groups of two reports into one list.
+class Comparison {
+ public:
+  Comparison(const Profile& before, const Profile& after) : before_(before), after_(after) {}
+
+  Difference Run() {
+    result_.merged.libraries = after_.libraries;
+    result_.merged.frames = after_.frames;
+    AddReport(after_, &GroupChange::after);
+    AddReport(before_, &GroupChange::before);
+    result_.stacks = stack_ids_.size();
+    return std::move(result_);
+  }
+
+ private:
+  void AddReport(const Profile& profile, Side GroupChange::*side);
+  std::vector<std::uint32_t> Adopt(const std::vector<std::uint32_t>& stack);
+  std::int32_t AdoptLibrary(std::int32_t index);
+
+  const Profile& before_;
+  const Profile& after_;
+  Difference result_;
+  std::unordered_map<std::string, std::size_t> stack_ids_;
+  std::unordered_map<std::string, std::size_t> rows_;
+  std::unordered_map<std::uint32_t, std::uint32_t> adopted_frames_;
+  std::unordered_map<std::int32_t, std::int32_t> adopted_libraries_;
+};
+
+void Comparison::AddReport(const Profile& profile, Side GroupChange::*side) {
+  std::vector<std::string> keys;
+  keys.reserve(profile.frames.size());
+  for (const Frame& frame : profile.frames) keys.push_back(FrameKey(profile, frame));
+  const bool later = &profile == &after_;
+  for (const Group& group : profile.groups) {
+    std::string key = group.kind == GroupKind::kNative ? "n" : "j";
+    for (const std::uint32_t frame : group.stack) key += keys[frame];
+    const std::size_t id = stack_ids_.try_emplace(key, stack_ids_.size()).first->second;
+    const std::string row = std::to_string(id) + "/" + std::to_string(group.size);
+    const auto [known, added] = rows_.try_emplace(row, result_.changes.size());
+    if (added) {
+      result_.changes.emplace_back().stack_id = id;
+      Group& fresh = result_.merged.groups.emplace_back();
+      fresh.kind = group.kind;
+      fresh.size = group.size;
+      fresh.stack = later ? group.stack : Adopt(group.stack);
+    }
+    Side& sums = result_.changes[known->second].*side;
+    sums.count = AddSaturated(sums.count, group.count);
+    sums.total = AddSaturated(sums.total, group.total);
+    ++sums.parts;
+    if (!later) continue;
+    Group& merged = result_.merged.groups[known->second];
+    merged.count = sums.count;
+    merged.total = sums.total;
+    merged.ages.insert(merged.ages.end(), group.ages.begin(), group.ages.end());
+  }
+}
+
+// The frames of a stack that only the earlier report has, taken over on first use.
+std::vector<std::uint32_t> Comparison::Adopt(const std::vector<std::uint32_t>& stack) {
+  std::vector<std::uint32_t> taken;
+  taken.reserve(stack.size());
+  for (const std::uint32_t index : stack) {
+    const auto [known, added] = adopted_frames_.try_emplace(
+        index, static_cast<std::uint32_t>(result_.merged.frames.size()));
+    if (added) {
+      Frame frame = before_.frames[index];
+      frame.library = AdoptLibrary(frame.library);
+      result_.merged.frames.push_back(std::move(frame));
+    }
+    taken.push_back(known->second);
+  }
+  return taken;
+}
+
+std::int32_t Comparison::AdoptLibrary(std::int32_t index) {
+  if (index < 0) return index;
+  const auto known = adopted_libraries_.find(index);
+  if (known != adopted_libraries_.end()) return known->second;
+  const Library& library = before_.libraries[static_cast<std::size_t>(index)];
+  std::vector<Library>& all = result_.merged.libraries;
+  const auto same = std::find_if(all.begin(), all.end(), [&](const Library& other) {
+    return other.path == library.path && other.build_id == library.build_id;
+  });
+  const auto position = static_cast<std::int32_t>(same - all.begin());
+  if (same == all.end()) all.push_back(library);
+  adopted_libraries_[index] = position;
+  return position;
+}
+
+// Between which bounds what a side holds must lie: bytes, or blocks of a group without bytes.
+struct Range {
+  std::uint64_t least = 0;
+  std::uint64_t most = 0;
+};
+
+// A side with fewer parts than the other may have the rest of them below the end of its list.
+Range RangeOf(const Side& side, const Side& other, std::uint64_t size,
+              std::optional<std::uint64_t> threshold) {
+  const std::uint64_t listed = size == 0 ? side.count : side.total;
+  if (!threshold.has_value() || side.parts >= other.parts) return {listed, listed};
+  std::uint64_t hidden = *threshold;  // of one part, which has whole blocks
+  if (size == 0) hidden = kUnbounded;
+  if (hidden != kUnbounded) hidden -= hidden % size;
+  return {listed, AddSaturated(listed, MultiplySaturated(hidden, other.parts - side.parts))};
+}
+
+void Judge(const Group& group, const Thresholds& before_cut, const Thresholds& after_cut,
+           GroupChange* judged) {
+  const auto kind = static_cast<std::size_t>(group.kind);
+  const Range before = RangeOf(judged->before, judged->after, group.size, before_cut[kind]);
+  const Range after = RangeOf(judged->after, judged->before, group.size, after_cut[kind]);
+  judged->before.most = group.size == 0 ? 0 : before.most;
+  judged->after.most = group.size == 0 ? 0 : after.most;
+  if (after.least > before.most) {
+    const bool there_before = judged->before.parts > 0 || before.most > 0;
+    judged->change = there_before ? Change::kGrew : Change::kNew;
+  } else if (before.least > after.most) {
+    const bool still_there = judged->after.parts > 0 || after.most > 0;
+    judged->change = still_there ? Change::kShrank : Change::kGone;
+  } else {
+    const bool sure = before.least == before.most && after.least == after.most;
+    judged->change = sure ? Change::kSame : Change::kUnknown;
+  }
+}
+
+}  // namespace
+
+const char* ChangeName(Change change) {
+  switch (change) {
+    case Change::kGrew:
+      return "grew";
+    case Change::kShrank:
+      return "shrank";
+    case Change::kNew:
+      return "new";
+    case Change::kGone:
+      return "gone";
+    case Change::kSame:
+      return "same";
+    case Change::kUnknown:
+      break;
+  }
+  return "unknown";
+}
+
+Difference Compare(const Profile& before, const Profile& after) {
+  Difference difference = Comparison(before, after).Run();
+  const Thresholds before_cut = ThresholdsOf(before);
+  const Thresholds after_cut = ThresholdsOf(after);
+  for (std::size_t i = 0; i < difference.changes.size(); ++i) {
+    Judge(difference.merged.groups[i], before_cut, after_cut, &difference.changes[i]);
+  }
+  return difference;
+}
+
+std::int64_t Growth(std::uint64_t before, std::uint64_t after) {
+  constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  const bool grew = after >= before;
+  const auto step =
+      static_cast<std::int64_t>(std::min(grew ? after - before : before - after, kMost));
+  return grew ? step : -step;
+}
+
+std::int64_t SureGrowth(const GroupChange& change) {
+  const Side& before = change.before;
+  const Side& after = change.after;
+  if (after.total > before.most) return Growth(before.most, after.total);
+  if (before.total > after.most) return Growth(before.total, after.most);
+  return 0;
+}
+
+}  // namespace memleak

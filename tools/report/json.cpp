@@ -1,0 +1,108 @@
+// The document, member by member.
+#include "tools/report/json.h"
+
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+namespace memleak {
+namespace {
+
+using nlohmann::json;
+
+json LibrariesToJson(const Profile& profile) {
+  json list = json::array();
+  for (const Library& library : profile.libraries) {
+    list.push_back({{"path", library.path},
+                    {"name", library.path.substr(library.path.rfind('/') + 1)},
+                    {"buildId", library.build_id},
+                    {"found", library.found}});
+  }
+  return list;
+}
+
+json FramesToJson(const Profile& profile) {
+  json list = json::array();
+  for (const Frame& frame : profile.frames) {
+    list.push_back({{"library", frame.library},
+                    {"offset", frame.offset},
+                    {"name", FrameName(profile, frame)},
+                    {"function", frame.function},
+                    {"file", frame.file},
+                    {"line", frame.line},
+                    {"inlined", frame.inlined}});
+  }
+  return list;
+}
+
+json GroupToJson(const Group& group) {
+  return {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
+          {"size", group.size},
+          {"count", group.count},
+          {"total", group.total},
+          {"ages", group.ages},
+          {"stack", group.stack}};
+}
+
+json Document(const Profile& profile) {
+  return {{"format", kJsonFormat},
+          {"version", kJsonVersion},
+          {"report", ReportToJson(profile)},
+          {"totals", TotalsToJson(profile)},
+          {"libraries", LibrariesToJson(profile)},
+          {"frames", FramesToJson(profile)},
+          {"groups", json::array()}};
+}
+
+}  // namespace
+
+json ReportToJson(const Profile& profile) {
+  return {{"path", profile.path},
+          {"made", profile.made},
+          {"complete", profile.complete},
+          {"damagedLines", profile.damaged_lines},
+          {"backtraceSize", profile.header.backtrace_size}};
+}
+
+json TotalsToJson(const Profile& profile) {
+  const Sums listed = profile.Listed(GroupKind::kNative);
+  const Sums unlisted = profile.Unlisted();
+  const Sums java = profile.Listed(GroupKind::kJava);
+  return {{"bytes", profile.header.total_bytes},
+          {"groups", profile.header.groups},
+          {"blocks", listed.blocks},
+          {"listedBytes", listed.bytes},
+          {"listedGroups", listed.groups},
+          {"unlistedBytes", unlisted.bytes},
+          {"unlistedGroups", unlisted.groups},
+          {"javaBytes", java.bytes},
+          {"javaGroups", java.groups}};
+}
+
+json ToJson(const Profile& profile) {
+  json document = Document(profile);
+  for (const Group& group : profile.groups) document["groups"].push_back(GroupToJson(group));
+  return document;
+}
+
+json ToJson(const Profile& profile, const std::vector<std::size_t>& groups) {
+  json document = Document(profile);
+  Sums shown;
+  Sums omitted;
+  for (const Group& group : profile.groups) omitted.Add(group);
+  for (const std::size_t index : groups) {
+    document["groups"].push_back(GroupToJson(profile.groups[index]));
+    shown.Add(profile.groups[index]);
+  }
+  document["selection"] = {{"bytes", shown.bytes},
+                           {"groups", shown.groups},
+                           {"omittedBytes", omitted.bytes - shown.bytes},
+                           {"omittedGroups", omitted.groups - shown.groups}};
+  return document;
+}
+
+void WriteJson(const json& document, std::ostream& out) {
+  // Mapping names are bytes; a page or a script must be able to read the document all the same.
+  out << document.dump(-1, ' ', false, json::error_handler_t::replace) << "\n";
+}
+
+}  // namespace memleak

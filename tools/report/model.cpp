@@ -1,0 +1,255 @@
+// Reads a report into a profile in one pass, then resolves its frames library by library.
+#include "tools/report/model.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <limits>
+#include <numeric>
+#include <sstream>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "tools/report/demangle.h"
+#include "tools/report/progress.h"
+#include "tools/report/symbolizer.h"
+
+namespace memleak {
+namespace {
+
+/// A place in the code as the report has it; what it resolves to comes later.
+struct Place {
+  std::int32_t library = -1;
+  std::uint64_t offset = 0;
+  std::string_view function;  // of a Java frame; into the key of the table of functions
+  bool operator==(const Place& other) const = default;
+};
+
+struct PlaceHash {
+  std::size_t operator()(const Place& place) const {
+    constexpr std::uint64_t kOddConstant = 0x9e3779b97f4a7c15;
+    const auto where = static_cast<std::uint32_t>(place.library) * kOddConstant;
+    // Names are stored once, so that their address tells them apart.
+    const auto name = reinterpret_cast<std::uintptr_t>(place.function.data());
+    const std::uint64_t mixed = (((where ^ place.offset) * kOddConstant) ^ name) * kOddConstant;
+    return mixed ^ (mixed >> 32U);
+  }
+};
+
+struct TextHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view text) const {
+    return std::hash<std::string_view>()(text);
+  }
+};
+
+template <typename Value>
+using TextTable = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
+
+/// Stores each name and each place once, so that a long report takes the room of its groups.
+class ProfileBuilder {
+ public:
+  explicit ProfileBuilder(Profile* profile) : profile_(profile) {}
+
+  void Add(const NativeGroup& group) {
+    Group& added = AddGroup(GroupKind::kNative, group);
+    added.ages = group.ages;
+    added.stack.reserve(group.frames.size());
+    for (const ReportFrame& frame : group.frames) {
+      added.stack.push_back(
+          IndexOf(frame.known ? Place{LibraryOf(frame.library), frame.offset, {}} : Place{}));
+    }
+  }
+
+  void Add(const JavaGroup& group) {
+    Group& added = AddGroup(GroupKind::kJava, group);
+    added.stack.reserve(group.frames.size());
+    for (const JavaFrame& frame : group.frames) {
+      added.stack.push_back(IndexOf({-1, frame.rel_pc, FunctionOf(frame.function)}));
+    }
+  }
+
+  /// Turns places into frames and lets the groups' stacks refer to them.
+  void Resolve(const SymbolOptions& options);
+
+ private:
+  // The span of a place's frames in the profile.
+  struct Span {
+    std::uint32_t begin = 0;
+    std::uint32_t end = 0;
+  };
+
+  template <typename Source>
+  Group& AddGroup(GroupKind kind, const Source& source) {
+    Group& group = profile_->groups.emplace_back();
+    group.kind = kind;
+    group.size = source.size;
+    group.count = source.count;
+    group.total = source.total;
+    return group;
+  }
+
+  std::int32_t LibraryOf(std::string_view name) {
+    const auto known = libraries_.find(name);
+    if (known != libraries_.end()) return known->second;
+    const auto index = static_cast<std::int32_t>(profile_->libraries.size());
+    profile_->libraries.emplace_back().path = name;
+    libraries_.emplace(name, index);
+    return index;
+  }
+
+  std::string_view FunctionOf(std::string_view name) {
+    if (name.empty()) return {};
+    auto known = functions_.find(name);
+    if (known == functions_.end()) known = functions_.emplace(name, true).first;
+    return known->first;
+  }
+
+  // The index of a place, which is added when it is new.
+  std::uint32_t IndexOf(const Place& place) {
+    if (2 * places_.size() >= slots_.size()) Grow();
+    std::uint32_t& slot = SlotOf(place);
+    if (slot == kEmptySlot) {
+      slot = static_cast<std::uint32_t>(places_.size());
+      places_.push_back(place);
+    }
+    return slot;
+  }
+
+  // Where the place is, or belongs.
+  std::uint32_t& SlotOf(const Place& place) {
+    std::size_t at = PlaceHash()(place) & (slots_.size() - 1);
+    while (slots_[at] != kEmptySlot && !(places_[slots_[at]] == place)) {
+      at = (at + 1) & (slots_.size() - 1);
+    }
+    return slots_[at];
+  }
+
+  void Grow() {
+    slots_.assign(std::max<std::size_t>(1024, 2 * slots_.size()), kEmptySlot);
+    for (std::size_t i = 0; i < places_.size(); ++i) {
+      SlotOf(places_[i]) = static_cast<std::uint32_t>(i);
+    }
+  }
+
+  void AppendFrames(const Place& place, Symbolizer* symbolizer);
+
+  Profile* profile_;
+  TextTable<std::int32_t> libraries_;
+  TextTable<bool> functions_;
+  std::vector<Place> places_;
+  // Indices into places_, found by hash: one per frame of a long report, so no nodes to follow.
+  static constexpr std::uint32_t kEmptySlot = std::numeric_limits<std::uint32_t>::max();
+  std::vector<std::uint32_t> slots_;
+};
+
+void ProfileBuilder::AppendFrames(const Place& place, Symbolizer* symbolizer) {
+  Frame plain;
+  plain.library = place.library;
+  plain.offset = place.offset;
+  plain.function = Demangle(std::string(place.function));
+  if (place.library < 0) {
+    profile_->frames.push_back(std::move(plain));
+    return;
+  }
+  const std::string& library = profile_->libraries[static_cast<std::size_t>(place.library)].path;
+  const ResolvedAddress& resolved = symbolizer->Resolve(library, place.offset);
+  plain.address = resolved.address;
+  if (resolved.symbols.empty()) profile_->frames.push_back(plain);
+  for (std::size_t i = 0; i < resolved.symbols.size(); ++i) {
+    Frame frame = plain;
+    frame.function = resolved.symbols[i].function;
+    frame.file = resolved.symbols[i].file;
+    frame.line = resolved.symbols[i].line;
+    frame.inlined = i + 1 < resolved.symbols.size();
+    profile_->frames.push_back(std::move(frame));
+  }
+}
+
+void ProfileBuilder::Resolve(const SymbolOptions& options) {
+  Symbolizer symbolizer(options);
+  ProgressBar bar("reading symbols", options.progress);
+  // Library by library and upwards in each: files and tables are used while they are at hand.
+  std::vector<std::uint32_t> order(places_.size());
+  std::iota(order.begin(), order.end(), 0U);
+  std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+    return std::pair(places_[a].library, places_[a].offset) <
+           std::pair(places_[b].library, places_[b].offset);
+  });
+  std::vector<Span> spans(places_.size());
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    const Place& place = places_[order[i]];
+    bar.Update(i, order.size());
+    spans[order[i]].begin = static_cast<std::uint32_t>(profile_->frames.size());
+    AppendFrames(place, &symbolizer);
+    spans[order[i]].end = static_cast<std::uint32_t>(profile_->frames.size());
+    const bool last = i + 1 == order.size() || places_[order[i + 1]].library != place.library;
+    if (!last || place.library < 0) continue;
+    Library& library = profile_->libraries[static_cast<std::size_t>(place.library)];
+    LibraryState state = symbolizer.StateOf(library.path);
+    library.found = state.found;
+    library.build_id = std::move(state.build_id);
+    library.hint = std::move(state.hint);
+    symbolizer.Release(library.path);
+  }
+  for (Group& group : profile_->groups) {
+    std::vector<std::uint32_t> stack;
+    stack.reserve(group.stack.size());
+    for (const std::uint32_t place : group.stack) {
+      for (std::uint32_t i = spans[place].begin; i < spans[place].end; ++i) stack.push_back(i);
+    }
+    group.stack = std::move(stack);
+  }
+}
+
+std::int64_t ModifiedTime(const std::string& path) {
+  struct stat state {};
+  return stat(path.c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime) : 0;
+}
+
+}  // namespace
+
+Sums Profile::Listed(GroupKind kind) const {
+  Sums sums;
+  for (const Group& group : groups) {
+    if (group.kind == kind) sums.Add(group);
+  }
+  return sums;
+}
+
+Sums Profile::Unlisted() const {
+  const Sums listed = Listed(GroupKind::kNative);
+  Sums sums;
+  if (header.total_bytes > listed.bytes) sums.bytes = header.total_bytes - listed.bytes;
+  if (header.groups > listed.groups) sums.groups = header.groups - listed.groups;
+  return sums;
+}
+
+Profile LoadProfile(const std::string& report_path, const SymbolOptions& options) {
+  Profile profile;
+  profile.path = report_path;
+  profile.made = ModifiedTime(report_path);
+  ProfileBuilder builder(&profile);
+  ReportSink sink;
+  sink.native = [&](const NativeGroup& group) { builder.Add(group); };
+  sink.java = [&](const JavaGroup& group) { builder.Add(group); };
+  sink.damaged = [&](DamagedLine&& line) {
+    if (++profile.damaged_lines <= kDamagedLinesKept) profile.damaged.push_back(std::move(line));
+  };
+  profile.complete = ReadReportFile(report_path, sink, &profile.header) == ReportEnd::kComplete;
+  builder.Resolve(options);
+  return profile;
+}
+
+std::string FrameName(const Profile& profile, const Frame& frame) {
+  if (!frame.function.empty()) return frame.function;
+  if (frame.library < 0) return "[unknown]";
+  const std::string& path = profile.libraries[static_cast<std::size_t>(frame.library)].path;
+  std::ostringstream name;
+  name << (path.empty() ? "(nameless)" : path.substr(path.rfind('/') + 1)) << "+0x" << std::hex
+       << frame.offset;
+  return name.str();
+}
+
+}  // namespace memleak

@@ -1,0 +1,92 @@
+// A report as every view of it needs it: its groups, with frames that have functions, files and
+// lines. Filled by LoadProfile; read by the printed views and by everything that writes another
+// format. Plain values, single-threaded.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/report/report_parser.h"
+#include "tools/report/symbol_options.h"
+
+namespace memleak {
+
+/// A file or mapping that frames lie in.
+struct Library {
+  std::string path;      ///< the mapping's name as in the report; may be empty
+  std::string build_id;  ///< lower-case hexadecimal; empty when unknown
+  bool found = false;    ///< its file or its debug file could be read
+  std::string hint;      ///< the file that would give it (more) symbols; empty when none is missing
+};
+
+/// One symbolized frame. Calls that were inlined are frames of their own, innermost first;
+/// `inlined` is set on all but the outermost frame of an address.
+struct Frame {
+  std::int32_t library = -1;  ///< index into Profile::libraries; -1 for none ("[unknow]", Java)
+  std::uint64_t offset = 0;   ///< as in the report: from the start of the mapping
+  std::uint64_t address = 0;  ///< in the file, based on p_vaddr; 0 unknown
+  std::string function;       ///< demangled; empty unknown
+  std::string file;           ///< source file; empty unknown
+  std::uint32_t line = 0;     ///< 0 unknown
+  bool inlined = false;
+};
+
+enum class GroupKind { kNative, kJava };
+
+/// Live blocks of one size with one stack.
+struct Group {
+  GroupKind kind = GroupKind::kNative;
+  std::uint64_t size = 0;            ///< bytes of one block
+  std::uint64_t count = 0;           ///< number of blocks
+  std::uint64_t total = 0;           ///< bytes of all
+  std::vector<std::int64_t> ages;    ///< seconds, of at most 30 of the blocks
+  std::vector<std::uint32_t> stack;  ///< indices into Profile::frames, innermost first
+};
+
+/// Sums over groups.
+struct Sums {
+  std::uint64_t bytes = 0;
+  std::uint64_t groups = 0;
+  std::uint64_t blocks = 0;
+
+  void Add(const Group& group) {
+    bytes += group.total;
+    ++groups;
+    blocks += group.count;
+  }
+  bool operator==(const Sums&) const = default;
+};
+
+/// So many damaged lines are kept; a file that is none but damage must not fill the memory.
+inline constexpr std::size_t kDamagedLinesKept = 1000;
+
+/// One report, symbolized. Equal frames are stored once.
+struct Profile {
+  std::string path;                  ///< of the report
+  std::int64_t made = 0;             ///< when the file was last written, seconds since the epoch
+  ReportHeader header;               ///< counts all native groups, the ones not listed included
+  bool complete = false;             ///< read down to its end mark
+  std::vector<DamagedLine> damaged;  ///< the first of them
+  std::uint64_t damaged_lines = 0;   ///< how many there are
+  std::vector<Library> libraries;
+  std::vector<Frame> frames;
+  std::vector<Group> groups;  ///< as in the report, native ones first
+
+  /// Sums of the groups of one kind that the report lists.
+  Sums Listed(GroupKind kind) const;
+
+  /// Native bytes and groups that the head counts and the list lacks; `blocks` is 0, since nothing
+  /// tells their number. Never below 0, whatever a damaged head says.
+  Sums Unlisted() const;
+};
+
+/// Reads and symbolizes the report at `report_path`. Throws UserError when that cannot be read or
+/// is not a report; a truncated one is returned with `complete` unset.
+Profile LoadProfile(const std::string& report_path, const SymbolOptions& options);
+
+/// The name a frame goes by in tables, trees and flame graphs: its function, else
+/// "library+0xoffset" with the library's file name, else "[unknown]".
+std::string FrameName(const Profile& profile, const Frame& frame);
+
+}  // namespace memleak

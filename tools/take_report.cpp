@@ -1,0 +1,143 @@
+// One report of a running process.
+#include "tools/take_report.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <utility>
+
+#include "tools/control.h"
+#include "tools/format.h"
+#include "tools/hook_targets.h"
+#include "tools/kinds.h"
+#include "tools/report_wait.h"
+#include "tools/root_directory.h"
+#include "tools/signal_sender.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// A line on the terminal that is rewritten while waiting; nothing where no person looks.
+class Progress {
+ public:
+  explicit Progress(std::string label)
+      : label_(std::move(label)), enabled_(isatty(STDERR_FILENO) == 1) {}
+  ~Progress() {
+    if (printed_) std::cerr << "\r\033[K" << std::flush;
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  void Update(milliseconds waited, std::int64_t bytes) {
+    if (!enabled_) return;
+    printed_ = true;
+    std::cerr << "\r\033[K" << label_ << "  " << FormatDuration(waited);
+    if (bytes > 0)
+      std::cerr << ", " << FormatBytes(static_cast<std::uint64_t>(bytes)) << " written";
+    std::cerr << std::flush;
+  }
+
+ private:
+  std::string label_;
+  bool enabled_;
+  bool printed_ = false;
+};
+
+void CheckResult(WaitResult result, const ProcessInfo& process, const std::string& path,
+                 std::uint32_t timeout_s) {
+  if (result == WaitResult::kProcessEnded) {
+    throw UserError("process " + process.Label() + " ended before its report was complete: " + path,
+                    "start it with: memleak run --report-at-exit");
+  }
+  if (result == WaitResult::kTimeout) {
+    throw UserError("no complete report after " + std::to_string(timeout_s) + " s: " + path,
+                    "wait longer with --timeout, or see whether the process may write there");
+  }
+}
+
+// Makes room for a new report; returns the state of one that cannot be moved, not to be mistaken
+// for it.
+std::optional<FileState> MakeRoom(const std::string& path, OldReport old) {
+  if (old == OldReport::kKeepBeside) return MoveOldReportAside(path);
+  std::error_code ignored;
+  std::filesystem::remove(path, ignored);
+  return StateOf(path);
+}
+
+// The name of the first library of which a slot leads to a hook; empty for none, and where slots
+// cannot be read.
+std::string HookedLibrary(const ProcessInfo& process) {
+  const ProcessMemory memory(process.pid);
+  if (!memory.IsOpen()) return "";
+  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
+  for (const LoadedLibrary& library : loaded.libraries) {
+    if (library.is_program || !library.file) continue;
+    const bool hooked = std::any_of(
+        HookableFunctions().begin(), HookableFunctions().end(), [&](const std::string& function) {
+          return HasProxy(function, library.name) &&
+                 ImportStateOf(loaded, library, function, memory) == ImportState::kHooked;
+        });
+    if (hooked) return library.name;
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string FormatDuration(milliseconds duration) {
+  const auto tenths = duration.count() / 100;
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+}
+
+milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uint32_t timeout_s,
+                        OldReport old) {
+  WaitOptions wait;
+  wait.path = process.ReportPath();
+  wait.old = MakeRoom(wait.path, old);
+  wait.timeout = milliseconds(1000) * timeout_s;
+  wait.is_alive = [&] { return IsAlive(process.pid); };
+  Progress progress("waiting for the report of " + process.Label());
+  wait.progress = [&](milliseconds waited, std::int64_t bytes) { progress.Update(waited, bytes); };
+
+  const bool restore = old == OldReport::kKeepBeside;
+  const auto start = steady_clock::now();
+  WaitResult result = WaitResult::kTimeout;
+  try {
+    SendCommand(process, word, 0);
+    result = WaitForReport(wait);
+  } catch (const UserError&) {
+    if (restore) RestoreOldReport(wait.path);
+    throw;
+  }
+  const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
+  if (result != WaitResult::kComplete && restore) RestoreOldReport(wait.path);
+  CheckResult(result, process, wait.path, timeout_s);
+  return took;
+}
+
+void RequireNoHooks(const ProcessInfo& process) {
+  const std::optional<std::string> log =
+      process.log.empty() ? std::nullopt : ReadTextFile(process.log);
+  std::string what;
+  if (log) {
+    const std::string state = HooksFromLog(*log);
+    if (state.ends_with(" on")) what = state.substr(0, state.size() - 3);
+  } else {
+    const std::string library = HookedLibrary(process);
+    if (!library.empty()) what = FitWidth(library, 80);
+  }
+  if (what.empty()) return;
+  throw UserError(
+      "process " + process.Label() + " records through hooks (" + what +
+          "), and a report takes them away, so recording cannot go on",
+      "end that first: memleak report " + std::to_string(process.pid) + " --kind mmap, ion or gpu");
+}
+
+}  // namespace memleak

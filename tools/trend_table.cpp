@@ -1,0 +1,138 @@
+// Table and document of trends.
+#include "tools/trend_table.h"
+
+#include <cmath>
+#include <iomanip>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <sstream>
+
+#include "tools/format.h"
+#include "tools/report/json.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::size_t kColumns = 80;
+constexpr double kMostBytes = 1e18;
+
+std::string Magnitude(double bytes) {
+  return FormatBytes(static_cast<std::uint64_t>(std::llround(std::min(bytes, kMostBytes))));
+}
+
+std::string Signed(double bytes) {
+  return (bytes < 0 ? "-" : "+") + Magnitude(std::fabs(bytes));
+}
+
+std::string SlopeText(const GroupTrend& group) {
+  if (!group.line) return "";
+  std::ostringstream text;
+  text << Signed(group.line->slope) << "/min";
+  if (group.line->margin) {
+    text << " (95 %: " << Signed(group.line->slope - *group.line->margin) << " to "
+         << Signed(group.line->slope + *group.line->margin) << "), r2 " << std::fixed
+         << std::setprecision(3) << group.line->r_squared;
+  }
+  return text.str();
+}
+
+std::string ValueText(const std::optional<GroupValue>& value) {
+  return value ? FormatCount(value->count) : "?";
+}
+
+void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
+  const std::optional<std::int64_t> growth = group.Growth();
+  out << "#" << number << "  " << (growth ? Signed(static_cast<double>(*growth)) : "?") << "  "
+      << SlopeText(group) << "\n     " << ValueText(group.values.front()) << " -> "
+      << ValueText(group.values.back()) << " blocks of " << FormatBytes(group.size);
+  if (group.kind == GroupKind::kJava) out << ", Java-native";
+  if (group.Known() < group.values.size()) {
+    out << ", known in " << group.Known() << " of " << group.values.size() << " reports";
+  }
+  out << "\n";
+  constexpr std::size_t kIndent = 5;
+  for (const std::string& name : group.stack) {
+    out << std::string(kIndent, ' ') << FitWidth(name, kColumns - kIndent) << "\n";
+  }
+}
+
+bool Grew(const GroupTrend& group) {
+  const std::optional<std::int64_t> growth = group.Growth();
+  return growth ? *growth > 0 : group.line && group.line->slope > 0;
+}
+
+// A group of which nothing can be said for want of reports that list it.
+bool IsUntold(const GroupTrend& group) {
+  return !group.Growth() && !group.line;
+}
+
+nlohmann::json ToJson(const std::optional<GroupValue>& value) {
+  if (!value) return nullptr;
+  return {{"count", value->count}, {"total", value->total}};
+}
+
+nlohmann::json ToJson(const GroupTrend& group) {
+  nlohmann::json values = nlohmann::json::array();
+  for (const std::optional<GroupValue>& value : group.values) values.push_back(ToJson(value));
+  nlohmann::json document = {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
+                             {"size", group.size},
+                             {"stack", group.stack},
+                             {"values", values},
+                             {"growth", nullptr},
+                             {"line", nullptr}};
+  if (group.Growth()) document["growth"] = *group.Growth();
+  if (group.line) {
+    document["line"] = {{"bytesPerMinute", group.line->slope},
+                        {"margin95", nullptr},
+                        {"rSquared", group.line->r_squared}};
+    if (group.line->margin) document["line"]["margin95"] = *group.line->margin;
+  }
+  return document;
+}
+
+}  // namespace
+
+void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<GroupTrend>& groups,
+                 std::uint32_t top, std::ostream& out) {
+  const SavedReport& first = reports.front();
+  const SavedReport& last = reports.back();
+  out << "From the first of " << reports.size() << " reports to the last, in "
+      << FormatAge(std::llround(last.seconds - first.seconds)) << ": "
+      << Signed(static_cast<double>(last.bytes) - static_cast<double>(first.bytes)) << " ("
+      << FormatBytes(first.bytes) << " -> " << FormatBytes(last.bytes) << ")\n";
+  std::size_t grew = 0;
+  std::size_t untold = 0;
+  for (const GroupTrend& group : groups) {
+    if (IsUntold(group)) ++untold;
+    if (!Grew(group)) continue;
+    ++grew;
+    if (top == 0 || grew <= top) PrintGroup(grew, group, out);
+  }
+  out << grew << " of " << groups.size() << " groups grew";
+  if (top != 0 && grew > top) out << "; the " << top << " that grew most are shown";
+  out << "\n";
+  if (untold != 0) {
+    out << "nothing is known of the growth of " << untold
+        << " groups: they were among the 1000\nlargest, which a report lists, once at most\n";
+  }
+}
+
+void WriteTrends(const std::string& process, const std::vector<SavedReport>& reports,
+                 const std::vector<GroupTrend>& groups, std::ostream& out) {
+  nlohmann::json document = {{"format", "memleak-trend"},
+                             {"version", 1},
+                             {"process", process},
+                             {"reports", nlohmann::json::array()},
+                             {"groups", nlohmann::json::array()}};
+  for (const SavedReport& report : reports) {
+    document["reports"].push_back({{"file", report.file},
+                                   {"time", report.time},
+                                   {"seconds", report.seconds},
+                                   {"bytes", report.bytes},
+                                   {"groups", report.groups}});
+  }
+  for (const GroupTrend& group : groups) document["groups"].push_back(ToJson(group));
+  WriteJson(document, out);
+}
+
+}  // namespace memleak

@@ -1,0 +1,29 @@
+// `watch`: reports of a process in turn while it goes on recording, and what grew between them.
+// Called by main alone.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "tools/report/symbol_options.h"
+
+namespace memleak {
+
+struct WatchOptions {
+  pid_t pid = 0;
+  std::uint32_t every_s = 30;
+  std::uint32_t for_s = 600;     ///< from the first report to the last; 0: without end
+  std::uint32_t timeout_s = 60;  ///< for each report; 0: without end
+  std::string directory;         ///< for the reports; made when missing, else empty
+  std::uint32_t top = 10;        ///< groups to print; 0: all
+  SymbolOptions symbols;
+};
+
+/// Runs until the time is over, the process ends, or an interrupt, which gets a last report; the
+/// next interrupt ends at once. Then writes page, table and trend.json. Throws UserError when there
+/// is no report at all; returns kExitUserError when one failed later.
+int WatchCommand(const WatchOptions& options);
+
+}  // namespace memleak

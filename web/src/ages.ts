@@ -1,0 +1,77 @@
+// The ages of a group's blocks: as a distribution over the time that was recorded, and in words.
+
+import { el, formatAge, formatCount } from "./dom.js";
+import type { Group } from "./profile.js";
+
+const kBars = 24;
+
+export interface Trend {
+  word: string;
+  text: string;
+}
+
+/** What the ages say of growth. `span`: the oldest age of the whole report. */
+export function trend(group: Group, span: number): Trend {
+  if (group.ages.length === 0) return { word: "–", text: "The report holds no ages of this group." };
+  const [youngest, oldest] = ageRange(group);
+  const recent = youngest <= span * 0.1;
+  if (group.ages.length < 3) {
+    return { word: "few", text: "Too few blocks to tell whether it grows." };
+  }
+  if (recent && oldest >= span * 0.5) {
+    return { word: "growing", text: "Blocks of all ages are held: it keeps growing." };
+  }
+  if (recent) return { word: "recent", text: "All blocks are young: it began to grow lately." };
+  return {
+    word: "steady",
+    text: `Nothing younger than ${formatAge(youngest)} is held: it has stopped growing.`,
+  };
+}
+
+export function ageRange(group: Group): [youngest: number, oldest: number] {
+  let [youngest, oldest] = [Infinity, -Infinity];
+  for (const age of group.ages) {
+    youngest = Math.min(youngest, age);
+    oldest = Math.max(oldest, age);
+  }
+  return [youngest, oldest];
+}
+
+/** Bars from the oldest (left) to the youngest; the same scale of time for every group. */
+export function ageChart(group: Group, span: number): HTMLElement {
+  const bars = new Array<number>(kBars).fill(0);
+  for (const age of group.ages) {
+    const at = Math.floor((1 - age / span) * kBars);
+    const bar = Math.min(kBars - 1, Math.max(0, at));
+    bars[bar] = bars[bar]! + 1;
+  }
+  const highest = Math.max(1, ...bars);
+  const { text } = trend(group, span);
+  const chart = el("div", { class: "ages", role: "img", "aria-label": `Ages: ${text}` });
+  for (const count of bars) {
+    const bar = el("i", { title: `${count} blocks` });
+    bar.style.height = `${Math.round((100 * count) / highest)}%`;
+    chart.append(bar);
+  }
+  const [youngest, oldest] = ageRange(group);
+  const known = group.ages.length;
+  const sample =
+    known < group.count
+      ? `Ages of ${known} of ${formatCount(group.count)} blocks`
+      : `Ages of all ${formatCount(known)} blocks`;
+  return el(
+    "figure",
+    { class: "age-figure" },
+    el("figcaption", {}, text),
+    known > 0 ? chart : null,
+    known > 0
+      ? el(
+          "div",
+          { class: "age-axis" },
+          el("span", {}, `${formatAge(span)} ago`),
+          el("span", {}, `${sample}: ${formatAge(youngest)} to ${formatAge(oldest)}`),
+          el("span", {}, "report"),
+        )
+      : null,
+  );
+}

@@ -1,0 +1,34 @@
+// What is used of libraries that come without types, and style sheets, which the bundler takes.
+
+declare module "*.css";
+
+declare module "d3-selection" {
+  export interface Selection {
+    datum(value: unknown): Selection;
+    call(callee: unknown): Selection;
+  }
+  export function select(element: Element): Selection;
+}
+
+declare module "d3-flame-graph" {
+  /** A node of the layout; `data` is what was handed in. */
+  export interface LayoutNode<T> {
+    data: T;
+    parent: LayoutNode<T> | null;
+    children?: LayoutNode<T>[];
+    depth: number;
+  }
+  export interface FlameGraph<T> {
+    (selection: unknown): void;
+    width(pixels: number): FlameGraph<T>;
+    cellHeight(pixels: number): FlameGraph<T>;
+    inverted(rootOnTop: boolean): FlameGraph<T>;
+    transitionDuration(milliseconds: number): FlameGraph<T>;
+    resetHeightOnZoom(reset: boolean): FlameGraph<T>;
+    setColorMapper(mapper: (node: LayoutNode<T>) => string): FlameGraph<T>;
+    setLabelHandler(label: (node: LayoutNode<T>) => string): FlameGraph<T>;
+    onHover(handler: (node: LayoutNode<T>) => void): FlameGraph<T>;
+    update(data?: T): FlameGraph<T>;
+  }
+  export default function flamegraph<T>(): FlameGraph<T>;
+}
