@@ -78,6 +78,7 @@ class JavaNativeReportTest : public testing::Test {
   /// "pointer num size" of every element.
   static std::vector<std::string> Texts(const std::vector<UnwindListInfoType>& list) {
     std::vector<std::string> texts;
+    texts.reserve(list.size());
     for (const UnwindListInfoType& element : list) {
       texts.push_back(std::to_string(element.pointer) + " " + std::to_string(element.num) + " " +
                       std::to_string(element.size) + (element.zygote_child ? " child" : ""));

@@ -35,9 +35,11 @@ Outcome Shell(const std::string& command) {
   Outcome outcome;
   FILE* pipe = popen(("(" + command + ") 2>&1").c_str(), "re");
   std::array<char, 4096> buffer{};
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+  std::size_t count = 0;
+  do {
+    count = std::fread(buffer.data(), 1, buffer.size(), pipe);
     outcome.output.append(buffer.data(), count);
-  }
+  } while (count != 0);
   const int status = pclose(pipe);
   outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return outcome;
