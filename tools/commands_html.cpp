@@ -1,4 +1,5 @@
 // html: a report, or what changed between two, as a page for the browser.
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -17,6 +18,8 @@ namespace {
 
 // Whether the file holds a JSON document rather than a report.
 bool IsJson(const std::string& path) {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored)) return false;
   std::ifstream file(path, std::ios::binary);
   char first = '\0';
   return (file >> first) && first == '{';
@@ -29,8 +32,10 @@ std::string ReadDocument(const std::string& path) {
   const auto top_level = [](int depth, nlohmann::json::parse_event_t /*event*/,
                             nlohmann::json& /*value*/) { return depth <= 1; };
   const nlohmann::json head = nlohmann::json::parse(text, top_level, false);
-  if (head.is_discarded() || head.value("format", "") != kJsonFormat ||
-      head.value("version", 0) != kJsonVersion) {
+  const auto has = [&head](const char* name, const nlohmann::json& value) {
+    return head.is_object() && head.contains(name) && head[name] == value;
+  };
+  if (!has("format", kJsonFormat) || !has("version", kJsonVersion)) {
     throw UserError("not a memleak-profile document of version 1: " + path,
                     "make one with memleak export --format json, or with memleak diff --json");
   }

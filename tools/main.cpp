@@ -524,7 +524,12 @@ int Main(const std::vector<std::string>& arguments) {
 
 int main(int count, char** values) {
   try {
-    return memleak::Main(std::vector<std::string>(values + 1, values + count));
+    const int code = memleak::Main(std::vector<std::string>(values + 1, values + count));
+    if (!std::cout.flush()) {
+      throw memleak::UserError("cannot write to the standard output",
+                               "make room, or send the output elsewhere");
+    }
+    return code;
   } catch (const memleak::UserError& error) {
     std::cerr << "memleak: " << error.what() << "\n";
     return memleak::kExitUserError;

@@ -182,6 +182,15 @@ TEST(Symbolizer, AddressRuleAndNames) {
   EXPECT_EQ(Demangle("_RNvNtCs1234_7mycrate3foo3bar"), "mycrate::foo::bar");
   EXPECT_EQ(Demangle("i"), "i");
   EXPECT_EQ(Demangle("_Zbroken"), "_Zbroken");
+  // Each argument holds the one before twice.
+  std::string bomb = "_Z1f1AIiiE";
+  const std::string digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  std::string last = "S0_";
+  for (int level = 0; level < 34; ++level) {
+    bomb += "S_I" + last + last + "E";
+    last = std::string("S") + digits[static_cast<std::size_t>(level) + 1] + "_";
+  }
+  EXPECT_EQ(Demangle(bomb), bomb);
 }
 
 }  // namespace

@@ -311,15 +311,16 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {
   std::error_code ignored;
+  // Asked before it is opened: to open a pipe may take for ever.
+  if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored)) {
+    throw UserError("cannot read report " + path + ": not a file",
+                    "name the file that memleak report printed");
+  }
   std::ifstream file;
   // The lines are cut out of large pieces; a second buffer would only copy them.
   file.rdbuf()->pubsetbuf(nullptr, 0);
   file.open(path, std::ios::binary);
   if (!file) throw CannotOpen(path, errno);
-  if (!std::filesystem::is_regular_file(path, ignored)) {
-    throw UserError("cannot read report " + path + ": not a file",
-                    "name the file that memleak report printed");
-  }
   const ReportEnd end = ReadReport(file, sink, header);
   if (end == ReportEnd::kNotAReport) {
     throw UserError("not a report: " + path + " (it does not begin with \"Native Heap MemLeak\")",
