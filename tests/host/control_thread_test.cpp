@@ -132,6 +132,10 @@ TEST_F(ControlThreadTest, CommandsOutliveAStop) {
 
 /// Parents and children carry commands out whatever was in flight when they forked, on two threads.
 TEST_F(ControlThreadTest, ForkStorm) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // A child may inherit the sanitizer's own locks held, and then starts no thread.
+  GTEST_SKIP() << "sanitizers do not keep their locks across a fork";
+#endif
   std::atomic<bool> over{false};
   std::atomic<int> sent{0};
   std::thread sender([&] {
