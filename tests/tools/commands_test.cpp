@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tests/temporary_directory.h"
+#include "tests/tools/shell.h"
 #include "tools/root_directory.h"
 
 namespace memleak {
@@ -25,23 +26,6 @@ const std::string kPrefix;
 const std::string kRunEmulated;
 #endif
 const std::string kMemleak = kPrefix + MEMLEAK_PROGRAM " ";
-
-struct Outcome {
-  int code = -1;
-  std::string output;
-};
-
-Outcome Shell(const std::string& command) {
-  Outcome outcome;
-  FILE* pipe = popen((command + " 2>&1").c_str(), "re");
-  std::array<char, 4096> buffer{};
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-    outcome.output.append(buffer.data(), count);
-  }
-  const int status = pclose(pipe);
-  outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
-}
 
 Outcome Memleak(const std::string& arguments) {
   return Shell(kMemleak + arguments);

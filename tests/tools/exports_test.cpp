@@ -5,12 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tests/temporary_directory.h"
 #include "tests/tools/profile_builder.h"
+#include "tests/tools/shell.h"
 #include "tools/report/folded.h"
 #include "tools/report/names.h"
 #include "tools/report/pprof.h"
@@ -25,25 +25,6 @@ const std::string kMemleak = TEST_EMULATOR " " MEMLEAK_PROGRAM " ";
 #else
 const std::string kMemleak = MEMLEAK_PROGRAM " ";
 #endif
-
-struct Outcome {
-  int code = -1;
-  std::string output;
-};
-
-Outcome Shell(const std::string& command) {
-  Outcome outcome;
-  FILE* pipe = popen(("(" + command + ") 2>&1").c_str(), "re");
-  std::array<char, 4096> buffer{};
-  std::size_t count = 0;
-  do {
-    count = std::fread(buffer.data(), 1, buffer.size(), pipe);
-    outcome.output.append(buffer.data(), count);
-  } while (count != 0);
-  const int status = pclose(pipe);
-  outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
-}
 
 // A stack with an inlined call, one of two sizes, one without symbols, one without anything, and a
 // Java-native one.

@@ -1,12 +1,9 @@
 // The kinds on the command line, against a program with a fake tracker. What the real one would log
 // is written by the script.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
 
 #include "tests/temporary_directory.h"
+#include "tests/tools/shell.h"
 #include "tools/root_directory.h"
 
 namespace memleak {
@@ -20,23 +17,6 @@ const std::string kPrefix;
 const std::string kRunEmulated;
 #endif
 const std::string kMemleak = kPrefix + MEMLEAK_PROGRAM;
-
-struct Outcome {
-  int code = -1;
-  std::string output;
-};
-
-Outcome Shell(const std::string& command) {
-  Outcome outcome;
-  FILE* pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "re");
-  std::array<char, 4096> buffer{};
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-    outcome.output.append(buffer.data(), count);
-  }
-  const int status = pclose(pipe);
-  outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
-}
 
 // Runs `script` beside the program, as $P, with memleak as $M, in `directory`.
 Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
