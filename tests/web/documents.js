@@ -4,7 +4,7 @@
 const kMade = 1795260000;
 
 function finish(frames, groups, more = {}) {
-  const native = groups.filter((group) => group.kind === "native");
+  const native = groups.filter((group) => group.kind === "native" && group.count > 0);
   const java = groups.filter((group) => group.kind === "java");
   const sum = (list, key) => list.reduce((total, group) => total + group[key], 0);
   const listedBytes = sum(native, "total");
@@ -35,7 +35,8 @@ function frame(library, name, file = "", line = 0) {
 }
 
 function group(size, count, stack, ages, more = {}) {
-  return { kind: "native", size, count, total: size * count, ages, stack, ...more };
+  const pattern = "unknown";
+  return { kind: "native", size, count, total: size * count, ages, pattern, stack, ...more };
 }
 
 const kServer = [
@@ -54,12 +55,12 @@ const spread = (count, oldest) => Array.from({ length: count }, (_, i) => Math.r
 
 export function server() {
   const groups = [
-    group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600)),
-    group(65536, 60, [0, 7, 6, 3, 4, 5], [3400, 3420, 3450, 3500]),
+    group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600), { pattern: "growing" }),
+    group(65536, 60, [0, 7, 6, 3, 4, 5], [3400, 3420, 3450, 3500], { pattern: "settled" }),
     group(1048576, 2, [0, 2, 4, 5], [3599, 3600]),
-    group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300)),
-    group(4096, 120, [0, 8, 6, 3, 4, 5], spread(30, 1800)),
-    group(32, 5000, [0, 1, 2, 3, 4, 5], spread(30, 3600)),
+    group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300), { pattern: "recent" }),
+    group(4096, 120, [0, 8, 6, 3, 4, 5], spread(30, 1800), { pattern: "recent" }),
+    group(32, 5000, [0, 1, 2, 3, 4, 5], spread(30, 3600), { pattern: "growing" }),
   ];
   const document = finish(kServer, groups);
   document.totals.bytes += 4321;
@@ -81,14 +82,18 @@ export function hostile() {
 }
 
 export function difference() {
-  const status = (name, count, total) => ({ status: name, before: { count, total } });
+  const status = (name, count, total, more = {}) => ({ status: name, before: { count, total, ...more } });
+  // Some groups stand in one list alone, and may merely have been too small for the other.
+  const cut = { atMost: 1 << 20 };
   const groups = [
     group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600), status("grew", 4000, 2048000)),
     group(65536, 10, [0, 7, 6, 3, 4, 5], [3400], status("shrank", 60, 3932160)),
     group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300), status("new", 0, 0)),
     { ...group(4096, 0, [0, 8, 6, 3, 4, 5], []), ...status("gone", 120, 491520) },
     group(1048576, 2, [0, 2, 4, 5], [3599], status("same", 2, 2097152)),
-    group(32, 50, [0, 1, 2, 3, 4, 5], [9], status("unknown", 0, 0)),
+    group(256, 8000, [0, 2, 3, 4, 5], [9], status("grew", 0, 0, cut)),
+    group(32, 20000, [0, 1, 2, 3, 4, 5], [9], status("unknown", 0, 0, cut)),
+    { ...group(64, 0, [0, 7, 2, 4, 5], []), ...status("unknown", 8000, 512000), ...cut },
   ];
   const document = finish(kServer, groups);
   const old = groups.reduce((sum, { before }) => sum + before.total, 0);
@@ -123,16 +128,32 @@ export function large(kind, count, depth, functions) {
   return finish(frames, groups);
 }
 
-/** A report of two native groups of three and a Java-native one, with a library from nowhere. */
-export const kReport = `Native Heap MemLeak Tracker Version 2.0:
-Total memory(bytes): 61096
-Allocation records: 3/2
+/**
+ * A report of native groups, given as lines, and a Java-native one, with a library from nowhere. Its
+ * head counts `unlisted` groups of 100 bytes each that the list lacks.
+ */
+export function report(lines, unlisted = 0) {
+  const bytes = lines.reduce((sum, line) => sum + Number(line.split(" ")[2]), 0);
+  return `Native Heap MemLeak Tracker Version 2.0:
+Total memory(bytes): ${bytes + 100 * unlisted}
+Allocation records: ${lines.length + unlisted}/${lines.length}
 Backtrace size: 10
 
-sz 48 48000 num 1000 time 2 1 0  bt [/nowhere/<b>lib "one".so+0x1f0] [/nowhere/two.so+0x2a] 
-sz 4096 12288 num 3 time 9  bt [/nowhere/two.so+0x2a] [unknow]
+${lines.join("\n")}
 ==============================Java-Native Stack==============================
 sz 64 640 num 10
 #00 rel_pc 1f com.example.<Cache>.put
 #01 rel_pc 2f 
 END`;
+}
+
+const kPlaces = {
+  one: `[/nowhere/<b>lib "one".so+0x1f0] [/nowhere/two.so+0x2a] `,
+  two: "[/nowhere/two.so+0x2a] [unknow]",
+  three: "[/nowhere/three.so+0x7] [/nowhere/two.so+0x2a] ",
+  four: "[/nowhere/four.so+0x8] [/nowhere/two.so+0x2a] ",
+};
+
+export function line(place, size, count, ages = [3]) {
+  return `sz ${size} ${size * count} num ${count} time ${ages.join(" ")}  bt ${kPlaces[place]}`;
+}

@@ -170,6 +170,20 @@ AgePattern PatternOf(const Group& group, std::int64_t span) {
   return AgePattern::kSettled;
 }
 
+const char* PatternName(AgePattern pattern) {
+  switch (pattern) {
+    case AgePattern::kGrowing:
+      return "growing";
+    case AgePattern::kSettled:
+      return "settled";
+    case AgePattern::kRecent:
+      return "recent";
+    case AgePattern::kUnknown:
+      break;
+  }
+  return "unknown";
+}
+
 Selected SelectGroups(const Profile& profile, const Selection& selection) {
   std::vector<bool> matches;
   if (!selection.filter.empty()) matches = MatchFrames(profile, selection.filter);

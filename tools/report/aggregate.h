@@ -51,6 +51,9 @@ enum class AgePattern {
 std::int64_t AgeSpan(const Profile& profile);
 AgePattern PatternOf(const Group& group, std::int64_t span);
 
+/// The word for `pattern` in tables and documents: "unknown", "growing", "settled" or "recent".
+const char* PatternName(AgePattern pattern);
+
 /// Sums of one library or function.
 struct Row {
   std::string name;

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "tools/report/aggregate.h"
+
 namespace memleak {
 namespace {
 
@@ -34,12 +36,14 @@ json FramesToJson(const Profile& profile) {
   return list;
 }
 
-json GroupToJson(const Group& group) {
+// `span`: of the ages of the whole report.
+json GroupToJson(const Group& group, std::int64_t span) {
   return {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
           {"size", group.size},
           {"count", group.count},
           {"total", group.total},
           {"ages", group.ages},
+          {"pattern", PatternName(PatternOf(group, span))},
           {"stack", group.stack}};
 }
 
@@ -80,17 +84,19 @@ json TotalsToJson(const Profile& profile) {
 
 json ToJson(const Profile& profile) {
   json document = Document(profile);
-  for (const Group& group : profile.groups) document["groups"].push_back(GroupToJson(group));
+  const std::int64_t span = AgeSpan(profile);
+  for (const Group& group : profile.groups) document["groups"].push_back(GroupToJson(group, span));
   return document;
 }
 
 json ToJson(const Profile& profile, const std::vector<std::size_t>& groups) {
   json document = Document(profile);
+  const std::int64_t span = AgeSpan(profile);
   Sums shown;
   Sums omitted;
   for (const Group& group : profile.groups) omitted.Add(group);
   for (const std::size_t index : groups) {
-    document["groups"].push_back(GroupToJson(profile.groups[index]));
+    document["groups"].push_back(GroupToJson(profile.groups[index], span));
     shown.Add(profile.groups[index]);
   }
   document["selection"] = {{"bytes", shown.bytes},

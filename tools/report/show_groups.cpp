@@ -13,20 +13,6 @@ constexpr std::size_t kDeepIndent = 9;
 // A location shorter than this is worth cutting a function's name for.
 constexpr std::size_t kLocationColumns = 30;
 
-const char* PatternText(AgePattern pattern) {
-  switch (pattern) {
-    case AgePattern::kGrowing:
-      return "  growing";
-    case AgePattern::kSettled:
-      return "  settled";
-    case AgePattern::kRecent:
-      return "  recent";
-    case AgePattern::kUnknown:
-      break;
-  }
-  return "";
-}
-
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {
   if (group.ages.empty()) return "";
   const auto [youngest, oldest] = std::minmax_element(group.ages.begin(), group.ages.end());
@@ -40,7 +26,8 @@ std::string Ages(const Group& group, const ViewOptions& options, std::int64_t sp
     });
     text += ", " + std::to_string(old) + " that old";
   }
-  return text + PatternText(PatternOf(group, span));
+  const AgePattern pattern = PatternOf(group, span);
+  return pattern == AgePattern::kUnknown ? text : text + "  " + PatternName(pattern);
 }
 
 // One line where both fit, else the location on a line of its own.

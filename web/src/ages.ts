@@ -1,31 +1,20 @@
 // The ages of a group's blocks: as a distribution over the time that was recorded, and in words.
 
 import { el, formatAge, formatCount } from "./dom.js";
-import type { Group } from "./profile.js";
+import type { Group, Pattern } from "./profile.js";
 
 const kBars = 24;
 
-export interface Trend {
-  word: string;
-  text: string;
-}
+const kPatterns: Record<Pattern, string> = {
+  growing: "Old blocks stay and new ones keep coming: it keeps growing.",
+  settled: "No young blocks are held: made once and kept.",
+  recent: "No old blocks are held: it began to grow lately, or its blocks come and go.",
+  unknown: "Too few ages to tell whether it grows.",
+};
 
-/** What the ages say of growth. `span`: the oldest age of the whole report. */
-export function trend(group: Group, span: number): Trend {
-  if (group.ages.length === 0) return { word: "–", text: "The report holds no ages of this group." };
-  const [youngest, oldest] = ageRange(group);
-  const recent = youngest <= span * 0.1;
-  if (group.ages.length < 3) {
-    return { word: "few", text: "Too few blocks to tell whether it grows." };
-  }
-  if (recent && oldest >= span * 0.5) {
-    return { word: "growing", text: "Blocks of all ages are held: it keeps growing." };
-  }
-  if (recent) return { word: "recent", text: "All blocks are young: it began to grow lately." };
-  return {
-    word: "steady",
-    text: `Nothing younger than ${formatAge(youngest)} is held: it has stopped growing.`,
-  };
+/** The group's pattern in a word; a dash where the ages tell nothing. */
+export function patternWord({ pattern }: Group): string {
+  return pattern === undefined || pattern === "unknown" ? "–" : pattern;
 }
 
 export function ageRange(group: Group): [youngest: number, oldest: number] {
@@ -46,7 +35,7 @@ export function ageChart(group: Group, span: number): HTMLElement {
     bars[bar] = bars[bar]! + 1;
   }
   const highest = Math.max(1, ...bars);
-  const { text } = trend(group, span);
+  const text = kPatterns[group.pattern ?? "unknown"];
   const chart = el("div", { class: "ages", role: "img", "aria-label": `Ages: ${text}` });
   for (const count of bars) {
     const bar = el("i", { title: `${count} blocks` });

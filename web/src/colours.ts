@@ -41,11 +41,34 @@ export class LibraryColours {
   }
 }
 
-/** Warm for growth, blue for shrinking, the stronger the larger the change is beside the node. */
+/** Fills of groups that one report lists and the other may merely have left out, or parts of them. */
+export const kMaybeNew = "url(#maybe-new)";
+export const kMaybeGone = "url(#maybe-gone)";
+
+/**
+ * Warm for growth, blue for shrinking, the stronger the larger the change is beside the node;
+ * hatched where more is uncertain than certain.
+ */
 export function changeColour(node: TreeNode): string {
-  const delta = node.after - node.before;
-  if (delta === 0 || node.width === 0) return kPlainColour;
-  const share = Math.min(1, Math.abs(delta) / node.width);
-  const lightness = Math.round(86 - 26 * share);
-  return delta > 0 ? `hsl(14 90% ${lightness}%)` : `hsl(212 85% ${lightness}%)`;
+  if (node.width === 0) return kPlainColour;
+  if (node.unsure > Math.abs(node.sure) && 2 * node.unsure >= node.width) {
+    return node.after.least >= node.before.least ? kMaybeNew : kMaybeGone;
+  }
+  return shade(node.sure / node.width);
 }
+
+/** The colour of a change by `share` of a whole, -1 to 1. */
+function shade(share: number): string {
+  if (share === 0) return kPlainColour;
+  const lightness = Math.round(86 - 26 * Math.min(1, Math.abs(share)));
+  return share > 0 ? `hsl(14 90% ${lightness}%)` : `hsl(212 85% ${lightness}%)`;
+}
+
+/** The colours of changes and what they mean. */
+export const kChangeKey: readonly (readonly [string, string])[] = [
+  [shade(1), "grew or new"],
+  [shade(-1), "shrank or gone"],
+  [kPlainColour, "the same"],
+  [kMaybeNew, "more listed now, but the old list is not whole"],
+  [kMaybeGone, "less listed now, but the new list is not whole"],
+];

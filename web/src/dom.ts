@@ -1,6 +1,8 @@
 // Building elements, and figures as people read them. Texts are always set as text, never as markup:
 // names come from the watched program.
 
+import type { Range } from "./profile.js";
+
 type Child = Node | string | null;
 
 /** An element with attributes ("on…" members are listeners, `false` leaves one out) and children. */
@@ -50,23 +52,42 @@ export function formatCount(count: number): string {
   return count.toLocaleString("en-US");
 }
 
+export function plural(count: number, noun: string): string {
+  return `${formatCount(count)} ${noun}${count === 1 ? "" : "s"}`;
+}
+
 /** "512 B", "1.5 KiB", … with one decimal above bytes. */
 export function formatBytes(bytes: number): string {
   const units = ["B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"];
   let unit = 0;
-  let value = Math.abs(bytes);
+  let value = bytes;
   while (value >= 1024 && unit < units.length - 1) {
     value /= 1024;
     ++unit;
   }
-  const sign = bytes < 0 ? "−" : "";
-  return `${sign}${unit === 0 ? value : value.toFixed(1)} ${units[unit]}`;
+  return `${unit === 0 ? value : value.toFixed(1)} ${units[unit]}`;
 }
 
-/** The same with its sign, for changes. */
-export function formatChange(bytes: number): string {
-  if (Number.isNaN(bytes)) return "?";
-  return bytes > 0 ? `+${formatBytes(bytes)}` : formatBytes(bytes);
+/** A change, with its sign. */
+export function signed(change: number, format: (figure: number) => string): string {
+  return `${change > 0 ? "+" : change < 0 ? "−" : ""}${format(Math.abs(change))}`;
+}
+
+/** What is held: "1.5 KiB", "at most 2.0 KiB", "1.5 KiB to 2.0 KiB" or "1.5 KiB or more". */
+export function formatRange({ least, most }: Range, format: (figure: number) => string): string {
+  const [low, high] = [format(least), format(most)];
+  if (most === Infinity) return `${low} or more`;
+  if (low === high) return low;
+  return least === 0 ? `at most ${high}` : `${low} to ${high}`;
+}
+
+/** A change between bounds: "+1.5 KiB", "−512 B to +2.0 KiB", "at least +1.5 KiB" or "?". */
+export function formatChange({ least, most }: Range, format: (figure: number) => string): string {
+  const [low, high] = [signed(least, format), signed(most, format)];
+  if (least === -Infinity && most === Infinity) return "?";
+  if (least === -Infinity) return `at most ${high}`;
+  if (most === Infinity) return `at least ${low}`;
+  return low === high ? low : `${low} to ${high}`;
 }
 
 /** "8s", "3m 20s", "2h 5m", "1d 4h"; a negative age (the clock was set back) keeps its sign. */

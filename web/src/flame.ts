@@ -4,14 +4,24 @@
 import flamegraph, { type LayoutNode } from "d3-flame-graph";
 import { select } from "d3-selection";
 import { changeColour, type ColourBy, kMatchColour, kNearMatchColour, kPlainColour, LibraryColours } from "./colours.js";
-import { cutText, el, formatBytes, formatChange, formatCount, formatShare, longText } from "./dom.js";
-import type { Measure, Profile } from "./profile.js";
+import {
+  cutText,
+  el,
+  formatBytes,
+  formatChange,
+  formatRange,
+  formatShare,
+  longText,
+  plural,
+} from "./dom.js";
+import { change, type Measure, type Profile } from "./profile.js";
 import { CallTree, cut, type Drawn, type TreeNode } from "./tree.js";
 
 // More boxes than these nobody can tell apart, and each costs the browser four elements.
 const kMostBoxes = 700;
 const kLeastPixels = 2;
 const kCellHeight = 19;
+const kTitleHeight = 2 * kCellHeight; // which the library leaves free
 const kNameLimit = 200;
 
 export class FlameView {
@@ -131,9 +141,15 @@ export class FlameView {
       select(this.canvas).datum(data).call(this.chart);
       this.describe(this.focus);
     }
-    // Lets the drawing shrink to a sheet of paper.
+    this.crop(width);
+  }
+
+  /** Cuts off the room for a title, at the far end from the root, and lets paper scale the rest. */
+  private crop(width: number): void {
     const svg = this.canvas.querySelector("svg")!;
-    svg.setAttribute("viewBox", `0 0 ${width} ${svg.getAttribute("height")}`);
+    const height = Number(svg.getAttribute("height")) - kTitleHeight;
+    svg.setAttribute("height", String(height));
+    svg.setAttribute("viewBox", `0 ${this.rootOnTop ? 0 : kTitleHeight} ${width} ${height}`);
   }
 
   private colour(node: TreeNode): string {
@@ -151,13 +167,11 @@ export class FlameView {
   private figures(node: TreeNode): string {
     const format = this.measure === "bytes" ? formatBytes : blocks;
     const share = `${formatShare(node.width, this.tree.root.width)} of what is drawn`;
-    if (!this.profile.isDiff) return `${format(node.after)}, ${share}`;
-    const delta = node.after - node.before;
-    const change =
-      this.measure === "bytes"
-        ? formatChange(delta)
-        : (delta > 0 ? "+" : "") + formatCount(delta);
-    return `${format(node.before)} → ${format(node.after)} (${change}), ${share}`;
+    if (!this.profile.isDiff) return `${format(node.after.least)}, ${share}`;
+    return (
+      `${formatRange(node.before, format)} → ${formatRange(node.after, format)}` +
+      ` (${formatChange(change(node.before, node.after), format)}), ${share}`
+    );
   }
 
   private label(node: TreeNode): string {
@@ -221,7 +235,7 @@ export class FlameView {
 }
 
 function blocks(count: number): string {
-  return `${formatCount(count)} ${count === 1 ? "block" : "blocks"}`;
+  return plural(count, "block");
 }
 
 function layout(box: Element): LayoutNode<Drawn> {

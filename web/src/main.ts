@@ -4,12 +4,12 @@ import "./style.css";
 import { LibraryColours, type ColourBy } from "./colours.js";
 import { choice, el, formatBytes, formatCount, longText, settled } from "./dom.js";
 import { FlameView } from "./flame.js";
+import { changeLegend, hatches, libraryLegend } from "./legend.js";
 import { matchingFrames, type Measure, type Profile, readProfile } from "./profile.js";
 import { summary } from "./summary.js";
 import { GroupTable } from "./table.js";
 import type { TreeNode } from "./tree.js";
 
-const kLegendSize = 12;
 const kTypingPause = 150; // milliseconds
 
 type Kind = "all" | "native" | "java";
@@ -27,13 +27,15 @@ class Page {
   );
   private readonly search = el("input", {
     ...{ type: "search", id: "search", placeholder: "function, library or /pattern/" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to come here, Escape to empty it" },
     oninput: settled(kTypingPause, () => this.searched()),
   });
   private readonly filter = el("input", {
     ...{ type: "search", id: "filter", placeholder: "function, library or /pattern/" },
     oninput: settled(kTypingPause, () => this.showRows()),
   });
-  private readonly legend: HTMLElement;
+  private readonly libraryLegend: HTMLElement;
+  private readonly changeLegend: HTMLElement;
   private kind: Kind = "all";
   private status = "all";
   private within: TreeNode | null = null;
@@ -46,13 +48,17 @@ class Page {
       this.showZoom();
       this.showRows();
     });
-    this.legend = this.makeLegend();
+    this.libraryLegend = libraryLegend(profile, this.colours);
+    this.changeLegend = changeLegend(profile);
+    this.colourBy(profile.isDiff ? "change" : "library");
     this.showRows();
+    document.addEventListener("keydown", (event) => this.pressed(event));
   }
 
-  elements(): HTMLElement[] {
+  elements(): Element[] {
     return [
       summary(this.profile),
+      hatches(),
       el(
         "main",
         {},
@@ -60,7 +66,8 @@ class Page {
         this.flameControls(),
         this.zoomPath,
         this.flame.element,
-        this.legend,
+        this.libraryLegend,
+        this.changeLegend,
         el("h2", {}, "Groups"),
         el("p", { class: "hint" }, "Blocks of one size with one stack. A row opens to its stack."),
         this.tableControls(),
@@ -107,10 +114,7 @@ class Page {
               ["library", "library"],
             ],
             "change",
-            (colourBy) => {
-              this.flame.setColourBy(colourBy);
-              this.legend.hidden = colourBy !== "library";
-            },
+            (colourBy) => this.colourBy(colourBy),
           )
         : null,
       kinds.size > 1
@@ -154,18 +158,26 @@ class Page {
     );
   }
 
-  private makeLegend(): HTMLElement {
-    const list = el("ul", { class: "legend", "aria-label": "Colours of libraries" });
-    list.hidden = this.profile.isDiff; // coloured by change at first
-    for (const { library, bytes } of this.colours.ranking.slice(0, kLegendSize)) {
-      const swatch = el("i");
-      swatch.style.background = this.colours.of(library);
-      const name = this.profile.doc.libraries[library]?.name ?? "no library";
-      list.append(
-        el("li", {}, swatch, longText(name, 60), el("small", {}, ` in stacks of ${formatBytes(bytes)}`)),
-      );
+  /** "/" goes to the search from wherever nothing is typed; Escape empties a search. */
+  private pressed(event: KeyboardEvent): void {
+    const { key, target } = event;
+    if (event.ctrlKey || event.metaKey || event.altKey) return;
+    const input = [this.search, this.filter].find((search) => search === target);
+    if (key === "Escape" && input) {
+      event.preventDefault();
+      input.value = "";
+      input.dispatchEvent(new Event("input"));
+    } else if (key === "/" && !(target instanceof HTMLElement && target.matches("input, select"))) {
+      event.preventDefault();
+      this.search.focus();
+      this.search.select();
     }
-    return list;
+  }
+
+  private colourBy(colourBy: ColourBy): void {
+    this.flame.setColourBy(colourBy);
+    this.libraryLegend.hidden = colourBy !== "library";
+    this.changeLegend.hidden = colourBy !== "change";
   }
 
   private groupsOfKind(): number[] {
@@ -180,6 +192,7 @@ class Page {
 
   private searched(): void {
     const typed = this.search.value.trim();
+    document.body.classList.toggle("searching", typed !== "");
     if (typed === "") {
       this.flame.highlight(null, []);
       this.found.textContent = "";

@@ -38,6 +38,9 @@ export interface Frame {
   inlined: boolean;
 }
 
+/** What the ages say of growth; the program judges it, here it is only shown. */
+export type Pattern = "growing" | "settled" | "recent" | "unknown";
+
 export type Status = "grew" | "shrank" | "new" | "gone" | "same" | "unknown";
 
 export interface Group {
@@ -46,8 +49,10 @@ export interface Group {
   count: number;
   total: number;
   ages: number[]; // seconds, of at most 30 blocks
+  pattern?: Pattern; // absent in documents of older programs
   stack: number[]; // frames, innermost first
-  before?: { count: number; total: number };
+  atMost?: number; // bytes, where the list was cut before it may have held more than `total`
+  before?: { count: number; total: number; atMost?: number };
   status?: Status;
 }
 
@@ -63,6 +68,30 @@ export interface ProfileDocument {
 }
 
 export type Measure = "bytes" | "count";
+
+/** Bounds that a figure lies within, both included; Infinity where nothing bounds it. */
+export interface Range {
+  least: number;
+  most: number;
+}
+
+/** Adds to both ends. */
+export function widen(sum: Range, more: Range): void {
+  sum.least += more.least;
+  sum.most += more.most;
+}
+
+export function change(before: Range, after: Range): Range {
+  return { least: after.least - before.most, most: after.most - before.least };
+}
+
+/** The part of a change that is certain: 0 where it may have gone either way. */
+export function sure({ least, most }: Range): number {
+  return least > 0 ? least : most < 0 ? most : 0;
+}
+
+/** What a group may hold at most is told as 2^64 - 1 when nothing is known; so much nobody has. */
+const kUnbounded = 2 ** 63;
 
 export class Profile {
   readonly isDiff: boolean;
@@ -90,21 +119,32 @@ export class Profile {
     return this.doc.libraries[frame.library]?.name ?? "";
   }
 
-  /** What the group holds now. */
-  after(group: Group, measure: Measure): number {
-    return measure === "bytes" ? group.total : group.count;
+  /** What the group holds now, between bounds where a report's list was cut. */
+  after(group: Group, measure: Measure): Range {
+    return bounds(group, group, measure);
   }
 
-  /** What it held in the older report; the same as now when that is not known. */
-  before(group: Group, measure: Measure): number {
-    if (!group.before || group.status === "unknown") return this.after(group, measure);
-    return measure === "bytes" ? group.before.total : group.before.count;
+  /** The same of the older report; as much as now without one. */
+  before(group: Group, measure: Measure): Range {
+    return bounds(group, this.isDiff && group.before ? group.before : group, measure);
   }
 
-  /** How many bytes the group has grown; NaN when it may merely have been left out of a list. */
-  growth(group: Group): number {
-    return group.status === "unknown" ? NaN : group.total - (group.before?.total ?? 0);
+  /** By how much the group has grown. */
+  growth(group: Group, measure: Measure = "bytes"): Range {
+    return change(this.before(group, measure), this.after(group, measure));
   }
+}
+
+function bounds(
+  { size }: Group,
+  held: { count: number; total: number; atMost?: number },
+  measure: Measure,
+): Range {
+  const listed = measure === "bytes" ? held.total : held.count;
+  if (held.atMost === undefined) return { least: listed, most: listed };
+  if (held.atMost >= kUnbounded) return { least: listed, most: Infinity };
+  const most = measure === "bytes" ? held.atMost : Math.floor(held.atMost / Math.max(1, size));
+  return { least: listed, most: Math.max(listed, most) };
 }
 
 /** Reads the document that the page carries; throws with a text for people. */

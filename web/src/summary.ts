@@ -1,20 +1,21 @@
 // The head of the page: what is held, what lies outside the list, and how the report was made.
 
-import { el, formatBytes, formatChange, formatCount } from "./dom.js";
-import type { Profile, Report, Totals } from "./profile.js";
+import { el, formatBytes, formatChange, formatCount, plural, signed } from "./dom.js";
+import { type Profile, type Range, type Report, sure, type Totals, widen } from "./profile.js";
 
 export function summary(profile: Profile): HTMLElement {
   const { doc } = profile;
   const { totals, base } = doc;
   const held = formatBytes(totals.bytes);
-  const change = base ? ` (${formatChange(totals.bytes - base.totals.bytes)})` : "";
+  const change = base ? ` (${signed(totals.bytes - base.totals.bytes, formatBytes)})` : "";
+  const java = totals.javaBytes > 0 ? ` and ${formatBytes(totals.javaBytes)} Java-native` : "";
   document.title = `${held} held${change} – ${fileName(doc.report.path)}`;
   return el(
     "header",
     {},
-    el("h1", {}, `${held} held`, change === "" ? null : el("span", { class: "change" }, change)),
-    base ? colourKey() : null,
+    el("h1", {}, `${held} held${change}`, java === "" ? null : el("small", {}, java)),
     figures(totals, base?.totals),
+    base ? changes(profile) : null,
     el(
       "details",
       { open: true },
@@ -29,7 +30,7 @@ export function summary(profile: Profile): HTMLElement {
 function figures(totals: Totals, before?: Totals): HTMLElement {
   const list = el("dl", { class: "figures" });
   const add = (name: string, title: string, bytes: number, rest: string, old?: number) => {
-    const change = old === undefined ? null : el("small", {}, `before: ${formatBytes(old)}`);
+    const change = old === undefined ? null : el("small", { title: `${formatCount(old)} bytes` }, `before: ${formatBytes(old)}`);
     list.append(
       el(
         "div",
@@ -64,6 +65,45 @@ function figures(totals: Totals, before?: Totals): HTMLElement {
   return list;
 }
 
+/** What surely grew and shrank of the groups listed, and between which bounds the others lie. */
+function changes(profile: Profile): HTMLElement {
+  const bytes = { grew: 0, shrank: 0 };
+  const groups = { grew: 0, shrank: 0, uncertain: 0 };
+  const uncertain: Range = { least: 0, most: 0 };
+  for (const group of profile.doc.groups) {
+    const growth = profile.growth(group);
+    if (group.status === "unknown") {
+      widen(uncertain, growth);
+      ++groups.uncertain;
+    } else if (group.status !== "same") {
+      const name = group.status === "grew" || group.status === "new" ? "grew" : "shrank";
+      bytes[name] += sure(growth);
+      ++groups[name];
+    }
+  }
+  const list = el("dl", { class: "figures" });
+  const add = (name: string, title: string, change: string, exact: string | null, count: number) =>
+    list.append(
+      el(
+        "div",
+        { "data-figure": name },
+        el("dt", {}, title),
+        el("dd", { class: name }, change),
+        exact === null ? null : el("dd", { class: "exact" }, `${exact} bytes`),
+        el("dd", { class: "exact" }, plural(count, "group")),
+      ),
+    );
+  for (const name of ["grew", "shrank"] as const) {
+    const exact = signed(bytes[name], formatCount);
+    add(name, `Certainly ${name}`, signed(bytes[name], formatBytes), exact, groups[name]);
+  }
+  if (groups.uncertain > 0) {
+    const change = formatChange(uncertain, formatBytes);
+    add("uncertain", "Uncertain: lists not whole", change, null, groups.uncertain);
+  }
+  return list;
+}
+
 function origin(title: string, report: Report): HTMLElement {
   const state = report.complete ? "complete" : "truncated: its end is missing";
   const damage =
@@ -93,21 +133,6 @@ function missingSymbols(profile: Profile): HTMLElement | null {
     el("summary", {}, `${plural(missing.length, "file")} could not be read for symbols`),
     el("ul", {}, ...missing.map((library) => el("li", {}, el("code", {}, library.path)))),
   );
-}
-
-function colourKey(): HTMLElement {
-  return el(
-    "p",
-    { class: "colour-key" },
-    el("span", { class: "grew" }, "▲ grew"),
-    " ",
-    el("span", { class: "shrank" }, "▼ shrank"),
-    " since the older report. A box is as wide as the larger of before and now.",
-  );
-}
-
-function plural(count: number, noun: string): string {
-  return `${formatCount(count)} ${noun}${count === 1 ? "" : "s"}`;
 }
 
 function fileName(path: string): string {

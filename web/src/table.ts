@@ -1,7 +1,7 @@
 // The table of groups: sorted, filtered and shown a page at a time, so that its size does not depend
 // on how many there are. Each row opens to its stack and ages.
 
-import { ageChart, ageRange, trend } from "./ages.js";
+import { ageChart, ageRange, patternWord } from "./ages.js";
 import {
   cutText,
   el,
@@ -9,9 +9,11 @@ import {
   formatBytes,
   formatChange,
   formatCount,
+  formatRange,
   longText,
+  plural,
 } from "./dom.js";
-import type { Frame, Group, Profile } from "./profile.js";
+import { type Frame, type Group, type Profile, type Range, sure, widen } from "./profile.js";
 
 const kRowsPerPage = 50;
 const kWhereLimit = 160;
@@ -67,25 +69,30 @@ export class GroupTable {
   }
 
   private makeColumns(): Column[] {
-    const bytes = (key: string, title: string, hint: string, value: (group: Group) => number) => ({
-      ...{ key, title, hint, number: true, value },
-      text: (group: Group) => formatBytes(value(group)),
-    });
     const columns: Column[] = [
-      bytes("total", "Total", "Bytes of all blocks", (group) => group.total),
+      {
+        ...{ key: "total", title: "Total", hint: "Bytes of all blocks", number: true },
+        value: (group) => group.total,
+        text: (group) => formatRange(this.profile.after(group, "bytes"), formatBytes),
+      },
       {
         ...{ key: "count", title: "Blocks", hint: "Number of blocks", number: true },
         value: (group) => group.count,
         text: (group) => formatCount(group.count),
       },
-      bytes("size", "Size", "Bytes of one block", (group) => group.size),
+      {
+        ...{ key: "size", title: "Size", hint: "Bytes of one block", number: true },
+        value: (group) => group.size,
+        text: (group) => formatBytes(group.size),
+      },
     ];
     if (this.profile.isDiff) {
       columns.push(
         {
           ...{ key: "growth", title: "Change", hint: "Bytes since the older report", number: true },
-          value: (group) => this.profile.growth(group),
-          text: (group) => formatChange(this.profile.growth(group)),
+          // Of what is uncertain there is no order.
+          value: (group) => (group.status === "unknown" ? NaN : sure(this.profile.growth(group))),
+          text: (group) => formatChange(this.profile.growth(group), formatBytes),
         },
         {
           ...{ key: "status", title: "Status", hint: "Beside the older report", number: false },
@@ -101,9 +108,9 @@ export class GroupTable {
         text: (group) => ageText(group),
       },
       {
-        ...{ key: "trend", title: "Trend", hint: "What the ages tell", number: false },
-        value: (group) => trend(group, this.profile.span).word,
-        text: (group) => trend(group, this.profile.span).word,
+        ...{ key: "pattern", title: "Ages say", hint: "What the ages tell of growth", number: false },
+        value: patternWord,
+        text: patternWord,
       },
       {
         ...{ key: "where", title: "Allocated in", hint: "The innermost frame but for allocators", number: false },
@@ -180,13 +187,24 @@ export class GroupTable {
     const first = this.page * kRowsPerPage;
     const rows = this.shown.slice(first, first + kRowsPerPage);
     this.body.replaceChildren(...rows.flatMap((at) => this.row(groups[at]!, at)));
-    const all = groups.length;
-    const held = this.shown.reduce((sum, at) => sum + groups[at]!.total, 0);
-    const which = this.shown.length === all ? "" : ` of ${formatCount(all)}`;
-    this.status.textContent =
-      `${formatCount(this.shown.length)}${which} groups hold ${formatBytes(held)}` +
-      ` (${formatCount(held)} bytes)`;
+    this.status.textContent = this.sums();
     this.drawPager();
+  }
+
+  /** What the groups shown add up to. */
+  private sums(): string {
+    const { groups } = this.profile.doc;
+    const [held, growth] = [{ least: 0, most: 0 }, { least: 0, most: 0 }];
+    for (const at of this.shown) {
+      widen(held, this.profile.after(groups[at]!, "bytes"));
+      widen(growth, this.profile.growth(groups[at]!));
+    }
+    const all = groups.length;
+    const which = this.shown.length === all ? "" : ` of ${formatCount(all)}`;
+    const text =
+      `${formatCount(this.shown.length)}${which} ${all === 1 ? "group holds" : "groups hold"} ` +
+      `${formatRange(held, formatBytes)} (${formatRange(held, formatCount)} bytes)`;
+    return this.profile.isDiff ? `${text}; change: ${formatChange(growth, formatBytes)}` : text;
   }
 
   private drawPager(): void {
@@ -252,29 +270,34 @@ export class GroupTable {
 
   private detail(group: Group): HTMLElement {
     const { doc, span } = this.profile;
-    const size = `${formatCount(group.count)} blocks of ${formatCount(group.size)} bytes`;
-    const before = group.before;
     return el(
       "tr",
       { class: "detail" },
       el(
         "td",
         { colspan: this.columns.length },
-        el(
-          "p",
-          {},
-          `${group.kind === "java" ? "Java-native: " : ""}${size}, ${formatCount(group.total)} bytes`,
-          before && group.status !== "unknown"
-            ? `; before: ${formatCount(before.count)} blocks, ${formatCount(before.total)} bytes`
-            : null,
-          group.status === "unknown"
-            ? "; what it held in the other report is not known: it may have been among those not listed"
-            : null,
-        ),
+        el("p", {}, this.figures(group)),
         group.count > 0 && group.kind === "native" ? ageChart(group, span) : null,
         el("ol", { class: "stack" }, ...group.stack.map((index) => this.frame(doc.frames[index]!))),
       ),
     );
+  }
+
+  /** A group's figures in words, with those of the older report. */
+  private figures(group: Group): string {
+    const held = (count: number, bytes: Range) =>
+      `${plural(count, "block")}, ${formatRange(bytes, formatCount)} bytes`;
+    const kind = group.kind === "java" ? "Java-native: " : "";
+    const now = `${kind}${held(group.count, this.profile.after(group, "bytes"))}`;
+    const text = `${now}, of ${plural(group.size, "byte")} each`;
+    if (!this.profile.isDiff || !group.before) return text;
+    const before = held(group.before.count, this.profile.before(group, "bytes"));
+    const cut =
+      group.atMost === undefined && group.before.atMost === undefined
+        ? ""
+        : ". One of the reports does not list all it holds: this group, or a part of it, may merely " +
+          "have been too small for its list";
+    return `${text}; before: ${before}${cut}.`;
   }
 
   private frame(frame: Frame): HTMLElement {

@@ -1,7 +1,7 @@
 // Call trees over groups, from either end of their stacks. A node knows its groups and finds its
 // children when asked, so that only what is drawn costs time. No DOM here.
 
-import type { Measure, Profile } from "./profile.js";
+import { type Measure, type Profile, type Range, sure, widen } from "./profile.js";
 
 export interface TreeOptions {
   measure: Measure;
@@ -14,8 +14,10 @@ export interface TreeNode {
   depth: number; // frames between the root and this node's callees
   groups: number[];
   width: number; // what it is drawn by: the larger one of before and after
-  before: number;
-  after: number;
+  before: Range;
+  after: Range;
+  sure: number; // growth that is certain, of its groups that grew and those that shrank together
+  unsure: number; // the width of groups of which nothing is certain
   parent: TreeNode | null;
   children?: TreeNode[] | undefined;
 }
@@ -61,24 +63,32 @@ export class CallTree {
     for (const child of small) {
       for (const group of child.groups) gathered.groups.push(group);
       gathered.width += child.width;
-      gathered.before += child.before;
-      gathered.after += child.after;
+      widen(gathered.before, child.before);
+      widen(gathered.after, child.after);
+      gathered.sure += child.sure;
+      gathered.unsure += child.unsure;
     }
     return gathered;
   }
 
   private node(name: string, frame: number, depth: number, parent: TreeNode | null): TreeNode {
-    return { name, frame, depth, groups: [], width: 0, before: 0, after: 0, parent };
+    const [before, after] = [{ least: 0, most: 0 }, { least: 0, most: 0 }];
+    const sums = { width: 0, before, after, sure: 0, unsure: 0 };
+    return { name, frame, depth, groups: [], ...sums, parent };
   }
 
   private add(node: TreeNode, index: number): void {
     const group = this.profile.doc.groups[index]!;
     const after = this.profile.after(group, this.options.measure);
-    const before = this.profile.isDiff ? this.profile.before(group, this.options.measure) : after;
+    const before = this.profile.before(group, this.options.measure);
     node.groups.push(index);
-    node.after += after;
-    node.before += before;
-    node.width += Math.max(before, after);
+    widen(node.after, after);
+    widen(node.before, before);
+    // What is listed alone: a bound is no measure of a box, and may be infinite.
+    const width = Math.max(before.least, after.least);
+    node.width += width;
+    if (group.status === "unknown") node.unsure += width;
+    else node.sure += sure(this.profile.growth(group, this.options.measure));
   }
 }
 
