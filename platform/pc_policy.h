@@ -11,8 +11,9 @@ struct PcWidth {
 
 /// Android with 39-bit addresses: pcs from 0x10000000 to 0xFFFFFFFFFF.
 inline constexpr PcWidth kAndroidPcWidth{8, 10};
-/// Linux user space on x86-64 and on aarch64 with 48-bit addresses: up to 12 digits.
-inline constexpr PcWidth kLinuxPcWidth{8, 12};
+/// Linux user space on x86-64 and on aarch64 with 48-bit addresses: up to 12 digits, and from 6 on,
+/// as a program that is not position-independent lies at 0x400000 (Debian builds python3.11 so).
+inline constexpr PcWidth kLinuxPcWidth{6, 12};
 
 /// The bounds of the platform this was built for. Any thread, any context.
 PcWidth AcceptedPcWidth();

@@ -51,6 +51,7 @@ TEST_F(MapDataTest, RejectsPcsOfTheWrongWidth) {
                                       "6 MemLeak.Native: invalid addr: addrLen = 11"}));
   MapData wide(path_, platform::kLinuxPcWidth);
   EXPECT_EQ(Place(0x7ffff0001000, wide), "/linux+4096");
+  EXPECT_EQ(Place(0x401000, wide), "/low+" + std::to_string(0x400000));  // not position-independent
 }
 
 TEST_F(MapDataTest, AMappingHoldsAllButItsFirstAddress) {

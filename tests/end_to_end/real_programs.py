@@ -1,0 +1,238 @@
+"""Programs as people have them: what they are known to hold, read in every way a report can be.
+
+usage: real_programs.py CASE BIN_DIR CONTROLLER [EMULATOR]
+
+MEMLEAK_ARM64_PROGRAMS names unpacked arm64 packages, MEMLEAK_PROTO the schema of pprof files.
+"""
+
+import gzip
+import json
+import os
+import re
+import shutil
+import subprocess
+
+import end_to_end
+import hooked_kinds
+
+PYTHON = """
+import ctypes, sys
+library = ctypes.CDLL(sys.argv[1])
+library.RememberSessions.argtypes = [ctypes.c_size_t, ctypes.c_size_t]
+for line in sys.stdin:
+    library.RememberSessions(int(line), 1000)
+    print("ok", flush=True)
+"""
+
+# Each session holds itself.
+PERL = """
+$| = 1;
+while (<STDIN>) {
+  for (1 .. $_) { my $session = ["x" x 3000]; push @$session, $session; }
+  print "ok\\n";
+}
+"""
+
+# With what sqlite3 puts beside each page; its other blocks of about a page are smaller.
+PAGE_BYTES = range(4096 + 128, 4096 + 512)
+
+# The second line is answered by the pages that the database has, all of them on the heap.
+SQL = ["""CREATE TABLE t(i INTEGER PRIMARY KEY, x TEXT); CREATE INDEX tx ON t(x);
+""", """WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)
+  INSERT INTO t(x) SELECT printf('row %06d', i) FROM n; PRAGMA page_count;
+"""]
+
+
+def figures(groups):
+    """Blocks and bytes of groups."""
+    return sum(g["count"] for g in groups), sum(g["total"] for g in groups)
+
+
+class Document:
+    """A report as `memleak export --format json` tells it."""
+
+    def __init__(self, text):
+        self.all = json.loads(text)
+        self.groups, self.totals = self.all["groups"], self.all["totals"]
+
+    def through(self, function):
+        """Groups with the function on their stack."""
+        named = {i for i, f in enumerate(self.all["frames"]) if f["function"] == function}
+        return [g for g in self.groups if named.intersection(g["stack"])]
+
+
+class Session(hooked_kinds.HookSession):
+    options = ()  # where symbols are
+
+    def take(self, name, *options):
+        self.memleak("report", self.process.pid, *options)
+        path = f"{self.root}/{name}"
+        shutil.copy(self.root + "/data/log/reliability/allocations_dump", path)
+        return path
+
+    def read(self, command, *arguments, code=0):
+        return self.memleak(command, *arguments, *self.options, code=code)
+
+    def document(self, report):
+        return Document(self.read("export", report, "--format", "json"))
+
+    def check_views(self, report, document, function):
+        """Every view counts all, and says the same of the function."""
+        shown = json.loads(self.read("show", report, "--json", "--top", 0))
+        assert (shown["totals"], shown["groups"]) == (document.totals, document.groups)
+        assert figures(document.groups) == (document.totals["blocks"],
+                                            document.totals["listedBytes"])
+        blocks, held = figures(document.through(function))
+        assert 1 <= held / 1024 < 1024, "shown in KiB"
+        row = re.escape(f"{held / 1024:.1f} KiB")
+        rows = {
+            "group": fr"#1 +{row} .*  {blocks:,} blocks of ",
+            "library": r".*",
+            "function": fr" *{row} +\S+ % .* {blocks:,}  {function}",
+            "tree": fr" *{row} +\S+ % +{function}",
+            "callers": fr" *{row} +\S+ % +{function}"}
+        if len(document.through(function)) > 1:  # by several ways or in several sizes
+            del rows["group"], rows["tree"], rows["callers"]
+        for view in ("group", "library", "function", "tree", "callers"):
+            text = self.read("show", report, "--by", view, "--top", 0)
+            assert f"({document.totals['bytes']:,} bytes) in {document.totals['groups']} " in text
+            assert "Not shown: nothing\n" in text, text
+            assert re.search("^" + rows.get(view, ".*"), text, re.M), f"{rows[view]} in {text}"
+            if view == "group":
+                counts = re.findall(r"^#\d+ .*  ([\d,]+) block", text, re.M)
+                assert len(counts) == document.totals["listedGroups"]
+                assert sum(int(c.replace(",", "")) for c in counts) == document.totals["blocks"]
+
+    def check_exports(self, report, document, function):
+        """What other programs read has the same sums."""
+        known = figures(document.through(function))
+        for i, by in enumerate(("count", "bytes")):
+            lines = self.read("export", report, "--format", "folded", "--by", by).splitlines()
+            values = [(line.split(" ")[0].split(";"), int(line.split(" ")[1])) for line in lines]
+            assert sum(v for _, v in values) == figures(document.groups)[i]
+            assert sum(v for stack, v in values if function in stack) == known[i]
+
+        scope = json.loads(self.read("export", report, "--format", "speedscope"))
+        frames = [f["name"] for f in scope["shared"]["frames"]]
+        for i, profile in ((1, scope["profiles"][0]), (0, scope["profiles"][1])):
+            assert sum(profile["weights"]) == profile["endValue"] == figures(document.groups)[i]
+            stacks = zip(profile["samples"], profile["weights"])
+            assert sum(w for s, w in stacks if function in [frames[f] for f in s]) == known[i]
+
+        pprof = self.root + "/leak.pb.gz"
+        self.read("export", report, "--format", "pprof", "-o", pprof)
+        directory, schema = os.path.split(os.environ["MEMLEAK_PROTO"])
+        with gzip.open(pprof) as packed:
+            text = subprocess.run(
+                ["protoc", "--decode=perftools.profiles.Profile", "-I", directory, schema],
+                input=packed.read(), capture_output=True, check=True).stdout.decode()
+        values = [int(v) for v in re.findall(r"^  value: (\d+)$", text, re.M)]
+        assert (sum(values[0::2]), sum(values[1::2])) == figures(document.groups)
+        assert f'string_table: "{function}"' in text
+
+    def check_page(self, document, *arguments):
+        """The page holds the very document."""
+        path = self.root + "/leak.html"
+        made = subprocess.run([*self.controller, "html", *arguments, *self.options, "-o", path],
+                              capture_output=True, text=True, timeout=120)
+        if "has no page" in made.stderr:  # nothing to test in such a build
+            return
+        assert made.returncode == 0, made.stderr
+        with open(path, encoding="utf-8") as page:
+            data, = re.findall(r'<script type="application/json" id="profile">(.*?)</script>',
+                               page.read(), re.S)
+        assert json.loads(data) == document
+
+    def check_growth(self, old, new, function):
+        """What changed adds up to the totals; the function leads. Returns its groups."""
+        before, after = self.document(old), self.document(new)
+        diff = Document(self.read("diff", old, new, "--json"))
+        grown = after.totals["bytes"] - before.totals["bytes"]
+        assert sum(g["total"] - g["before"]["total"] for g in diff.groups) == grown
+        first = self.read("diff", old, new, "--top", 1)
+        assert function in first and f"({grown:+,} bytes" in first, first
+        self.read("diff", old, new, "--fail-over", grown)
+        self.read("diff", old, new, "--fail-over", grown - 1, code=1)
+        self.check_page(diff.all, new, "--diff", old)
+        return diff.through(function)
+
+    def check(self, old, new, function):
+        document = self.document(new)
+        assert document.totals["unlistedGroups"] == 0
+        self.check_views(new, document, function)
+        self.check_exports(new, document, function)
+        self.check_page(document.all, new)
+        return document, self.check_growth(old, new, function)
+
+
+def grew(group):
+    return (group["before"]["count"], group["count"], group["total"] - group["before"]["total"])
+
+
+def python(session):
+    """A library that leaks, called through ctypes; python3.11 itself is at a fixed low address."""
+    library = f"{session.bin_dir}/../lib/libend_to_end_leaks.so"
+    session.start_program("/usr/bin/python3.11", "-c", PYTHON, library,
+                          options=("--start", "--depth", "60"))
+    session.step("512")
+    old = session.take("old", "--keep-recording")
+    session.step("256")
+    new = session.take("new")
+    document, changed = session.check(old, new, "RememberSessions")
+    group, = changed
+    assert grew(group) == (512, 768, 256000), group
+    frames = [document.all["frames"][i] for i in document.through("RememberSessions")[0]["stack"]]
+    assert frames[0]["file"].endswith("leaks.cpp") and frames[0]["line"] > 0, frames[0]
+    assert {"ffi_call", "Py_BytesMain"} <= {f["function"] for f in frames}, frames
+    session.process.stdin.close()
+    assert session.process.wait(60) == 0
+
+
+def perl(session):
+    """Lists that hold themselves, each with a text of its own."""
+    session.start_program("/usr/bin/perl", "-e", PERL, options=("--start", "--depth", "60"))
+    session.step("100")
+    old = session.take("old", "--keep-recording")
+    session.step("200")
+    new = session.take("new")
+    _, changed = session.check(old, new, "Perl_pp_anonlist")
+    texts, = [g for g in changed if 3000 < g["size"] <= 3016]
+    assert grew(texts) == (100, 300, 200 * texts["size"]), texts
+    session.process.stdin.close()
+    assert session.process.wait(60) == 0
+
+
+def database(session):
+    """A database in memory: each of its pages is a block. For arm64 on a desk without the device: its
+    files stand below --sysroot alone."""
+    device = os.environ.get("MEMLEAK_ARM64_PROGRAMS", "")
+    if device:
+        programs = shutil.copytree(device, session.root + "/device", symlinks=True)
+        libraries = f"{programs}/usr/lib/aarch64-linux-gnu:{programs}/lib/aarch64-linux-gnu"
+        session.emulator += f" -E LD_LIBRARY_PATH={libraries}"
+    session.start_program(f"{programs if device else ''}/usr/bin/sqlite3", ":memory:",
+                          options=("--start", "--depth", "60"))
+    pages, reports = [], []
+    session.process.stdin.write(SQL[0])
+    for name, options in (("old", ["--keep-recording"]), ("new", [])):
+        session.process.stdin.write(SQL[1])
+        pages.append(int(session.answer()))
+        reports.append(session.take(name, *options))
+    session.process.stdin.close()
+    assert session.process.wait(60) == 0
+    if device:
+        sysroot = session.root + "/sysroot"
+        os.renames(programs, sysroot + programs)
+        os.makedirs(sysroot + "/usr/lib")
+        os.symlink("/usr/lib/aarch64-linux-gnu", sysroot + "/usr/lib/aarch64-linux-gnu")
+        assert not session.document(reports[1]).through("sqlite3BtreeInsert")
+        session.options = ("--sysroot", sysroot)
+    document, changed = session.check(*reports, "sqlite3BtreeInsert")
+    held = [g["count"] for g in document.groups if g["size"] in PAGE_BYTES]
+    assert sum(held) == pages[1], (held, pages)
+    grown = sum(g["count"] - g["before"]["count"] for g in changed if g["size"] in PAGE_BYTES)
+    assert grown == pages[1] - pages[0] > 10, (grown, pages)
+
+
+if __name__ == "__main__":
+    end_to_end.main(globals(), Session)
