@@ -82,10 +82,14 @@ _memleak() {
     html:--diff) _memleak_files; return ;;
     html:--symbols) _memleak_directories; return ;;
     html:--sysroot) _memleak_directories; return ;;
+    html:--old-symbols) _memleak_directories; return ;;
+    html:--old-sysroot) _memleak_directories; return ;;
     diff:--top) _memleak_nothing; return ;;
     diff:--fail-over) _memleak_nothing; return ;;
     diff:--symbols) _memleak_directories; return ;;
     diff:--sysroot) _memleak_directories; return ;;
+    diff:--old-symbols) _memleak_directories; return ;;
+    diff:--old-sysroot) _memleak_directories; return ;;
     export:--format) _memleak_words "folded speedscope pprof json html"; return ;;
     export:-o|export:--output) _memleak_files; return ;;
     export:--by) _memleak_words "bytes count"; return ;;
@@ -102,11 +106,11 @@ _memleak() {
     fd) options="-h --help --depth" ;;
     send) options="-h --help --word --parameter" ;;
     status) options="-h --help" ;;
-    show) options="-h --help --by --top --filter --min-size --older-than --sort --symbols --sysroot --json --partial" ;;
-    watch) options="-h --help -o --output --every --for --timeout --top --symbols --sysroot" ;;
-    html) options="-h --help -o --output --diff --symbols --sysroot --partial" ;;
-    diff) options="-h --help --top --fail-over --symbols --sysroot --json --partial" ;;
-    export) options="-h --help --format -o --output --by --symbols --sysroot --partial" ;;
+    show) options="-h --help --by --top --filter --min-size --older-than --sort --symbols --sysroot --debuginfod --json --partial" ;;
+    watch) options="-h --help -o --output --every --for --timeout --top --symbols --sysroot --debuginfod" ;;
+    html) options="-h --help -o --output --diff --symbols --sysroot --debuginfod --old-symbols --old-sysroot --partial" ;;
+    diff) options="-h --help --top --fail-over --symbols --sysroot --debuginfod --old-symbols --old-sysroot --json --partial" ;;
+    export) options="-h --help --format -o --output --by --symbols --sysroot --debuginfod --partial" ;;
   esac
   if [[ $current == -* ]]; then
     _memleak_words "$options"

@@ -51,7 +51,7 @@ struct SendOptions {
 };
 
 struct ShowOptions {
-  std::string report;  ///< a report, or a root directory that holds one
+  std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
   ViewOptions view;
   std::optional<std::size_t> top;  ///< default: 10; with --json all
   SymbolOptions symbols;
@@ -64,21 +64,23 @@ struct HtmlOptions {
   std::string old;     ///< an older report to compare with; empty for none
   std::string output;
   SymbolOptions symbols;
-  bool partial = false;  ///< show what is there of a truncated report
+  OldSymbolOptions old_symbols;  ///< for `old` alone
+  bool partial = false;          ///< show what is there of a truncated report
 };
 
 struct DiffOptions {
-  std::string before;  ///< a report, or a root directory that holds one
+  std::string before;  ///< a report, a root directory that holds one, or a report's JSON document
   std::string after;   ///< the same
   std::size_t top = 10;
   SymbolOptions symbols;
+  OldSymbolOptions old_symbols;            ///< for `before` alone
   std::optional<std::uint64_t> fail_over;  ///< bytes of growth that are still well
   bool json = false;
   bool partial = false;
 };
 
 struct ExportOptions {
-  std::string report;  ///< a report, or a root directory that holds one
+  std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
   std::string format;  ///< "folded", "speedscope", "pprof", "json" or "html"
   std::string by;      ///< "bytes" or "count", for folded stacks
   std::string output;  ///< a file; empty: the standard output
@@ -109,7 +111,7 @@ int ReportCommand(const ReportOptions& options);
 int StatusCommand(pid_t pid);
 int ShowCommand(const ShowOptions& options);
 int HtmlCommand(const HtmlOptions& options);
-/// kExitNegative when the totals grew by more than `fail_over`.
+/// kExitNegative when the totals, native and Java-native, grew by more than `fail_over`.
 int DiffCommand(const DiffOptions& options);
 int ExportCommand(const ExportOptions& options);
 

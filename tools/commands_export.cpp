@@ -29,11 +29,24 @@ SymbolOptions WithProgress(SymbolOptions symbols) {
   return symbols;
 }
 
-// A gate must not pass because a damaged head reads as 0 bytes.
-void RequireTotal(const Profile& profile) {
-  if (profile.header.total_bytes >= profile.Listed(GroupKind::kNative).bytes) return;
-  throw UserError("report has no usable total: " + profile.path,
-                  "leave out --fail-over, or write the report again");
+// All bytes of a report. A gate must not pass because a damaged head reads as 0 bytes, nor because
+// Java-native groups, which no head counts, are missing.
+std::uint64_t TotalBytes(const Profile& profile) {
+  const bool whole = profile.complete && profile.damaged_lines == 0;
+  if (!whole || profile.header.total_bytes < profile.Listed(GroupKind::kNative).bytes) {
+    throw UserError("report is damaged and has no sure total: " + profile.path,
+                    "leave out --fail-over, or write the report again");
+  }
+  return AddSaturated(profile.header.total_bytes, profile.Listed(GroupKind::kJava).bytes);
+}
+
+// Throws UserError when that cannot be told.
+bool GrewOver(const Profile& before, const Profile& after, std::uint64_t limit) {
+  const std::uint64_t growth = SubtractSaturated(TotalBytes(after), TotalBytes(before));
+  if (growth <= limit) return false;
+  std::cerr << "memleak: grew by " << FormatCount(growth) << " bytes, more than "
+            << FormatCount(limit) << "\n";
+  return true;
 }
 
 void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostream& out) {
@@ -76,25 +89,20 @@ void TellUnlisted(const Profile& profile) {
 
 int DiffCommand(const DiffOptions& options) {
   const SymbolOptions symbols = WithProgress(options.symbols);
-  const Profile before = OpenProfile(options.before, options.partial, symbols);
+  const Profile before = OpenProfile(options.before, options.partial,
+                                     ForOld(symbols, options.old_symbols), kNewerOldRemedy);
   const Profile after = OpenProfile(options.after, options.partial, symbols);
   if (options.fail_over.has_value()) {
-    RequireTotal(before);
-    RequireTotal(after);
+    TotalBytes(before);
+    TotalBytes(after);
   }
   if (options.json) {
     std::cout << DiffJson(before, after);
   } else {
     PrintDifference(before, after, options.top, std::cout);
   }
-  const std::uint64_t old_bytes = before.header.total_bytes;
-  const std::uint64_t new_bytes = after.header.total_bytes;
-  const bool over = options.fail_over.has_value() && new_bytes > old_bytes &&
-                    new_bytes - old_bytes > *options.fail_over;
-  if (!over) return kExitOk;
-  std::cerr << "memleak: grew by " << FormatCount(new_bytes - old_bytes) << " bytes, more than "
-            << FormatCount(*options.fail_over) << "\n";
-  return kExitNegative;
+  const bool over = options.fail_over.has_value() && GrewOver(before, after, *options.fail_over);
+  return over ? kExitNegative : kExitOk;
 }
 
 int ExportCommand(const ExportOptions& options) {

@@ -1,5 +1,4 @@
 // html: a report, or what changed between two, as a page for the browser.
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -11,19 +10,11 @@
 #include "tools/report/diff_json.h"
 #include "tools/report/input.h"
 #include "tools/report/json.h"
+#include "tools/report/json_input.h"
 #include "tools/user_error.h"
 
 namespace memleak {
 namespace {
-
-// Whether the file holds a JSON document rather than a report.
-bool IsJson(const std::string& path) {
-  std::error_code ignored;
-  if (!std::filesystem::is_regular_file(path, ignored)) return false;
-  std::ifstream file(path, std::ios::binary);
-  char first = '\0';
-  return (file >> first) && first == '{';
-}
 
 // A document that was exported before. Only its head is looked at: the page reads the rest.
 std::string ReadDocument(const std::string& path) {
@@ -48,21 +39,17 @@ std::string ReportPage(const HtmlOptions& options) {
   symbols.progress = true;
   const Profile profile = OpenProfile(options.report, options.partial, symbols);
   if (options.old.empty()) return HtmlPage(profile);
-  return HtmlPage(DiffJson(OpenProfile(options.old, options.partial, symbols), profile));
-}
-
-std::string DocumentPage(const HtmlOptions& options) {
-  if (!options.old.empty()) {
-    throw UserError("--diff compares reports, and this is a JSON document: " + options.report,
-                    "give the report itself, or what memleak diff --json has written");
-  }
-  return HtmlPage(ReadDocument(options.report));
+  const Profile old = OpenProfile(options.old, options.partial,
+                                  ForOld(symbols, options.old_symbols), kNewerOldRemedy);
+  return HtmlPage(DiffJson(old, profile));
 }
 
 }  // namespace
 
 int HtmlCommand(const HtmlOptions& options) {
-  const std::string page = IsJson(options.report) ? DocumentPage(options) : ReportPage(options);
+  // A document may be of two reports already, and is shown as it is.
+  const bool as_it_is = options.old.empty() && IsJsonDocument(options.report);
+  const std::string page = as_it_is ? HtmlPage(ReadDocument(options.report)) : ReportPage(options);
   WritePage(page, options.output);
   std::cout << "page  " << options.output << " (" << FormatBytes(page.size())
             << "): open it in a browser\n";

@@ -226,12 +226,13 @@ Exit codes:
 inline constexpr const char* kShow = R"(
 Prints what a report holds: how much, in how many blocks, how old, and the call
 stacks with function, file and line where symbols exist. REPORT is the file or
-the root directory that holds it. What lies outside of the view is summed up
-below it.
+the root directory that holds it, or a JSON document of `memleak export`. What
+lies outside of the view is summed up below it.
 
 --by group lists blocks of one size and one stack; library and function sum
 groups up, with all that they call and (self) by the innermost frame alone; tree
 goes from the outermost call inwards, callers from the allocating call outwards.
+--sort orders groups, sums and the branches of trees; size is that of a block.
 
 --older-than keeps groups whose oldest listed block is at least that old: memory
 that comes and goes drops out. A group is called "growing" when it has blocks
@@ -240,8 +241,9 @@ from both the first and the last quarter of the time that the report covers,
 first.
 
 Lines come from the libraries, from debug files (by build id, debug link or
-name) in --symbols and /usr/lib/debug. --sysroot replaces this machine's files
-by a copy of the device's.
+name) in --symbols and /usr/lib/debug; from servers with --debuginfod alone.
+--sysroot replaces this machine's files by a copy of the device's. A file that
+is newer than the report is used with a warning: it may be another build.
 
 Examples:
   memleak show ./memleak.4711
@@ -259,7 +261,7 @@ Writes one file that shows a report in a browser, with nothing else needed: a
 flame graph that zooms and searches, the table of groups with their stacks, and
 the ages of their blocks. With --diff, what grew and what shrank since OLD.
 A document of `memleak export --format json` or `memleak diff --json` will do as
-REPORT too.
+REPORT too, and one of `memleak export` as OLD.
 
 Examples:
   memleak html ./memleak.4711 -o leak.html
@@ -276,22 +278,31 @@ stack and size of block. Stacks are matched by function and library, so that
 reports of different runs can be compared; places without symbols are matched by
 the library's build id and offset.
 
-A report lists its 1000 largest groups. One that only one report lists is called
-new or gone only when the other surely lacks it; where it may have been too small
-for the list, the bounds are shown ("0 B to 2.0 KiB"), and growth means what is
-certain of it.
+A report holds no symbols: they come from the files that are there now. Where a
+program was built anew between both, OLD needs those of its time: by
+--old-symbols or --old-sysroot, or by giving the JSON document that
+`memleak export --format json` has written then. NEW may be one too.
 
---fail-over compares the totals, which count all groups.
+A report lists its 1000 largest groups. One that only one report lists is called
+new or gone only when the other surely lacks it; where it may have been too
+small for the list, the bounds are shown ("0 B to 2.0 KiB"), and growth means
+what is certain of it.
+
+Several call sites may go by one stack: where one that the other report lists is
+missing, it may have been too small just as well. --fail-over compares the
+totals, which count all native groups, and the Java-native ones with them.
 
 Examples:
   memleak diff before/memleak.4711 after/memleak.4802
   memleak diff baseline allocations_dump --fail-over 64k
-  memleak diff old new --json | jq '.groups[] | select(.status == "new")'
+  memleak diff old.json new --json | jq '.groups[] | select(.status == "new")'
+  memleak diff old new --old-symbols build-of-old/lib
 
 Exit codes:
   0  done
-  1  the total grew by more than --fail-over
-  2  not a report, not readable, or truncated (--partial takes what is there))";
+  1  the total grew by more than --fail-over, and nothing else
+  2  any error: not a report, not readable, or truncated (--partial takes what
+     is there); with --fail-over, damaged)";
 
 inline constexpr const char* kExport = R"(
 Writes a report for other programs:

@@ -1,5 +1,6 @@
 // The program `memleak`: its command line, as a table of subcommands. Everything a person did wrong
-// ends here, as one line and exit code 2.
+// ends here, as one line and exit code 2; so does what goes wrong by itself, so that 1 is an
+// answer.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -203,11 +204,26 @@ void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols) {
       ->allow_extra_args(false);
   command->add_option("--sysroot", symbols->sysroot, "A copy of the device's files")
       ->option_text("DIR");
+  command->add_flag("--debuginfod", symbols->debuginfod, "Ask the servers in DEBUGINFOD_URLS too");
+}
+
+// For the earlier of two reports. Returns the options.
+std::vector<CLI::Option*> AddOldSymbolOptions(CLI::App* command, OldSymbolOptions* symbols) {
+  return {
+      command
+          ->add_option(
+              "--old-symbols", symbols->symbol_dirs,
+              "OLD's libraries or debug files, in place of\n--symbols; can be given several times")
+          ->option_text("DIR")
+          ->allow_extra_args(false),
+      command
+          ->add_option("--old-sysroot", symbols->sysroot, "The device's files at the time of OLD")
+          ->option_text("DIR")};
 }
 
 void AddShow(CLI::App* app, Options* options) {
   CLI::App* show = AddCommand(app, "show", "Print a report", help::kShow);
-  show->add_option("REPORT", options->show.report, "Report, or root directory")
+  show->add_option("REPORT", options->show.report, "Report, root directory, or JSON document")
       ->required()
       ->option_text(" ");
   show->add_option("--by", options->by, "group, library, function, tree or callers")
@@ -236,9 +252,12 @@ void AddHtml(CLI::App* app, HtmlOptions* options) {
       ->required()
       ->option_text(" ");
   html->add_option("-o,--output", options->output, "The page")->required()->option_text("FILE");
-  html->add_option("--diff", options->old, "An older report: show what changed since")
-      ->option_text("OLD");
+  CLI::Option* old =
+      html->add_option("--diff", options->old,
+                       "An older report, or its JSON document:\nshow what changed since")
+          ->option_text("OLD");
   AddSymbolOptions(html, &options->symbols);
+  for (CLI::Option* option : AddOldSymbolOptions(html, &options->old_symbols)) option->needs(old);
   html->add_flag("--partial", options->partial, "Accept a truncated report");
 }
 
@@ -259,25 +278,23 @@ void AddWatch(CLI::App* app, Options* options) {
 
 void AddDiff(CLI::App* app, Options* options) {
   CLI::App* diff = AddCommand(app, "diff", "Say what changed between reports", help::kDiff);
-  diff->add_option("OLD", options->diff.before, "Report, or root directory")
+  diff->add_option("OLD", options->diff.before, "Report, root directory, or JSON document")
       ->required()
       ->option_text(" ");
-  diff->add_option("NEW", options->diff.after, "Report, or root directory")
-      ->required()
-      ->option_text(" ");
+  diff->add_option("NEW", options->diff.after, "The same")->required()->option_text(" ");
   diff->add_option("--top", options->top, "Stacks to show (10) of each sort; 0: all")
       ->option_text("N");
-  diff->add_option("--fail-over", options->fail_over,
-                   "Exit with 1 when the total grew by more\n(64k, 1m)")
+  diff->add_option("--fail-over", options->fail_over, "Exit with 1 when all grew by more (64k, 1m)")
       ->option_text("BYTES");
   AddSymbolOptions(diff, &options->diff.symbols);
+  AddOldSymbolOptions(diff, &options->diff.old_symbols);
   diff->add_flag("--json", options->diff.json, "One JSON document, for programs");
   diff->add_flag("--partial", options->diff.partial, "Accept truncated reports");
 }
 
 void AddExport(CLI::App* app, ExportOptions* options) {
   CLI::App* command = AddCommand(app, "export", "Write a report in another format", help::kExport);
-  command->add_option("REPORT", options->report, "Report, or root directory")
+  command->add_option("REPORT", options->report, "Report, root directory, or JSON document")
       ->required()
       ->option_text(" ");
   command->add_option("--format", options->format, "folded, speedscope, pprof, json or html")
@@ -535,6 +552,6 @@ int main(int count, char** values) {
     return memleak::kExitUserError;
   } catch (const std::exception& error) {
     std::cerr << "memleak: internal error: " << error.what() << "\n";
-    return memleak::kExitNegative;
+    return memleak::kExitUserError;
   }
 }

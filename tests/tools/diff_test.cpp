@@ -7,10 +7,14 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "tests/temporary_directory.h"
 #include "tests/tools/profile_builder.h"
 #include "tools/format.h"
 #include "tools/report/diff_json.h"
 #include "tools/report/diff_view.h"
+#include "tools/report/json.h"
+#include "tools/report/json_input.h"
+#include "tools/user_error.h"
 
 namespace memleak {
 namespace {
@@ -135,6 +139,97 @@ TEST(Diff, PartOfAStackBelowTheCutIsNoChange) {
   const Profile after =
       ProfileBuilder().In("l", 1, "f").Group(10, 100).In("l", 3, "g").Group(10, 20).Done(5, 50);
   EXPECT_EQ(Changes(Compare(before, after)), (Expected{{"f/10", "unknown"}, {"g/10", "grew"}}));
+  // As many call sites, but not the same ones: each may hold as much as the last one listed.
+  const auto sites = [](std::uint64_t second, std::uint64_t count, const std::string& build) {
+    return ProfileBuilder()
+        .In("l", 1, "f", build)
+        .Group(10, 100)
+        .In("l", second, "f", build)
+        .Group(10, count)
+        .Done(5, 50);
+  };
+  const Difference other = Compare(sites(2, 20, "aa"), sites(3, 22, "aa"));
+  EXPECT_EQ(Changes(other), (Expected{{"f/10", "unknown"}}));
+  EXPECT_EQ(other.changes[0].before.most, 1400U);
+  EXPECT_EQ(other.changes[0].after.most, 1440U);
+  // A rebuilt library has all its sites elsewhere.
+  EXPECT_EQ(Changes(Compare(sites(2, 20, "aa"), sites(3, 22, "bb"))), (Expected{{"f/10", "grew"}}));
+}
+
+TEST(Diff, DocumentsAreAsCertainAsTheirReports) {
+  const TemporaryDirectory directory;
+  const auto stored = [&](const Profile& profile) {
+    std::ostringstream text;
+    WriteJson(ToJson(profile), text);
+    return LoadDocument(directory.Write("report.json", text.str()));
+  };
+  const Profile cut = ProfileBuilder()
+                          .In("l\xe2\x82.so", 1, "kept\xff")
+                          .Add(FrameOf(-1, 0))
+                          .Group(100, 3)
+                          .In("l", 8, "last")
+                          .Group(50, 2)
+                          .Done(40, 9);
+  Profile torn = ProfileBuilder()
+                     .In("l\xe2\x82.so", 1, "kept\xff")
+                     .Add(FrameOf(-1, 0))
+                     .Group(100, 4)
+                     .In("l", 7, "small")
+                     .Group(10, 6)
+                     .In("", 0x1f, "java")
+                     .Group(10, 6, GroupKind::kJava)
+                     .Done();
+  torn.complete = false;
+  for (const auto& [before, after] : {std::pair{cut, torn}, std::pair{torn, cut}}) {
+    const Difference plain = Compare(before, after);
+    for (const Difference& read :
+         {Compare(stored(before), stored(after)), Compare(before, stored(after))}) {
+      ASSERT_EQ(read.changes.size(), plain.changes.size());
+      for (std::size_t i = 0; i < read.changes.size(); ++i) {
+        EXPECT_EQ(read.changes[i].change, plain.changes[i].change) << i;
+        EXPECT_EQ(read.changes[i].before.most, plain.changes[i].before.most) << i;
+        EXPECT_EQ(read.changes[i].after.most, plain.changes[i].after.most) << i;
+      }
+    }
+  }
+  EXPECT_EQ(stored(cut).Unlisted(), cut.Unlisted());
+}
+
+TEST(Diff, RefusesDocumentsThatAreNoReport) {
+  const TemporaryDirectory directory;
+  const Profile profile =
+      ProfileBuilder().In("l", 1, "f").Group(10, 5).In("l", 2).Group(9, 1).Done();
+  const nlohmann::json whole = ToJson(profile);
+  const auto refusal = [&](const char* pointer, const nlohmann::json& value) -> std::string {
+    nlohmann::json document = whole;
+    document[nlohmann::json::json_pointer(pointer)] = value;
+    try {
+      LoadDocument(directory.Write("bad.json", document.dump()));
+    } catch (const UserError& error) {
+      return error.what();
+    }
+    return "read";
+  };
+  EXPECT_EQ(refusal("/groups/0/pattern", "growing"), "read") << "what is not known is skipped";
+  EXPECT_EQ(refusal("/frames/0/library", -1), "read");
+  for (const auto& [pointer, value] :
+       std::initializer_list<std::pair<const char*, nlohmann::json>>{{"/groups/0/stack/0", 2},
+                                                                     {"/groups/0/stack/0", -1},
+                                                                     {"/frames/0/library", 1},
+                                                                     {"/groups/0/total", -5},
+                                                                     {"/groups/0/total", "5"},
+                                                                     {"/groups/0/kind", "other"},
+                                                                     {"/frames", 7},
+                                                                     {"/totals", nullptr},
+                                                                     {"/version", 2},
+                                                                     {"/groups", {1, 2}},
+                                                                     {"/libraries/0/found", 1}}) {
+    EXPECT_NE(refusal(pointer, value).find("; make one with"), std::string::npos) << pointer;
+  }
+  EXPECT_NE(refusal("/base", {}).find("compares two"), std::string::npos);
+  std::ostringstream chosen;
+  WriteJson(ToJson(profile, {0}), chosen);
+  EXPECT_THROW(LoadDocument(directory.Write("chosen.json", chosen.str())), UserError);
 }
 
 TEST(Diff, DocumentHoldsBothReports) {
@@ -168,6 +263,8 @@ TEST(Diff, PrintsSumsByStackWithinEightyColumns) {
                              .Group(1000, 2)
                              .In(library, 1, "gone")
                              .Group(100, 1)
+                             .In(library, 1, "kept")
+                             .Group(300, 2)
                              .Done(1200, 5000);
   const Profile after = ProfileBuilder()
                             .In(library, 1, "f")
@@ -178,15 +275,18 @@ TEST(Diff, PrintsSumsByStackWithinEightyColumns) {
                             .Group(500, 1)
                             .In(library, 3)
                             .Group(10, 1)
+                            .In(library, 1, "kept")
+                            .Group(300, 2)
                             .Done();
   std::ostringstream out;
   PrintDifference(before, after, 1, out);
   const std::string text = out.str();
   for (const char* part :
-       {"+9.2 KiB (+9,410 bytes, +132.5 %), -1,198 groups", "Grew: +14.2 KiB in 2 stacks",
+       {"+9.2 KiB (+9,410 bytes, +122.2 %), -1,198 groups", "Grew: +14.2 KiB in 2 stacks",
         "#1  +13.7 KiB", "new    0 B -> 7.8 KiB, +4 blocks of 2.0 KiB",
         "grew   2.0 KiB -> 7.8 KiB, +6 blocks of 1000 B", "and +500 B in 1 more stack (",
-        "Shrank: -100 B in 1 stack", "Nothing certain can be said of 1 group (0 B -> 10 B)",
+        "Shrank: -100 B in 1 stack", "Unchanged: 600 B in 1 group.",
+        "Nothing certain can be said of 1 group (0 B -> 10 B)",
         "The old report counts 4.9 KiB more in 1,200 groups that it does not list."}) {
     EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
   }

@@ -159,9 +159,21 @@ TEST(Export, CommandsReadReportsAndGuardGrowth) {
             "memleak: grew by 2,049 bytes, more than 2,048\n");
   EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 1);
   EXPECT_EQ(Shell(kMemleak + "diff " + new_report + " " + old_report + " --fail-over 0").code, 0);
+  // A document stands for its report; Java-native bytes count with the others.
+  const std::string document = directory.Path("old.json");
+  Shell(kMemleak + "export " + old_report + " --format json -o " + document);
+  std::string java = grown;
+  java.insert(java.find("END"), "sz 7 7 num 1\n#00 rel_pc 1 f\n");
+  const std::string java_report = directory.Write("java", java);
+  const std::string gate = " --fail-over 2k 2>&1 >/dev/null";
+  EXPECT_EQ(Shell(kMemleak + "diff " + document + " " + java_report + gate).output,
+            "memleak: grew by 2,056 bytes, more than 2,048\n");
+  // What is not sure passes no gate, and is no growth either.
   grown.replace(grown.find("3049"), 4, "12x4");
   directory.Write("new", grown);
-  EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 2);  // a damaged total passes no gate
+  EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 2);
+  directory.Write("new", java.substr(0, java.find("sz 7 7")));
+  EXPECT_EQ(Shell(diff + " --partial --fail-over 9999").code, 2);
 
   const Outcome folded = Shell(kMemleak + "export " + old_report + " --format folded");
   EXPECT_EQ(folded.output,
@@ -174,6 +186,37 @@ TEST(Export, CommandsReadReportsAndGuardGrowth) {
   EXPECT_EQ(Shell(kMemleak + pprof + "/dev/full").code, 2);
   const Outcome json = Shell(kMemleak + "export " + old_report + " --format json 2>/dev/null");
   EXPECT_EQ(nlohmann::json::parse(json.output)["totals"]["unlistedBytes"], 100);
+}
+
+TEST(Export, EachReportIsGivenTheSymbolsOfItsTime) {
+  TemporaryDirectory directory;
+  const std::string library = directory.Path("lib.so");
+  Shell("mkdir " + directory.Path("keep") + "; cp -p " FIXTURE_SYMBOLS " " + library +
+        "; cp -p " FIXTURE_SYMBOLS " " + directory.Path("keep/lib.so"));
+  std::ostringstream text;
+  text << "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 4\n"
+          "Allocation records: 1/1\nBacktrace size: 10\n\nsz 4 4 num 1 time 1  bt "
+       << std::hex;
+  for (int offset = 0; offset < 0x400; ++offset) text << "[" << library << "+0x" << offset << "] ";
+  text << "\n==============================Java-Native Stack==============================\nEND";
+  const std::string report = directory.Write("report", text.str());
+  const std::string json = directory.Path("old.json");
+  EXPECT_EQ(Shell(kMemleak + "export " + report + " --format json -o " + json).output, "");
+
+  // Another build is put in its place.
+  Shell("cp " FIXTURE_HOOK_PLAIN " " + library + "; touch -d '+1 minute' " + library);
+  const std::string diff = kMemleak + "diff ";
+  const std::string warning = "memleak: names may be wrong: ";
+  const Outcome plain = Shell(diff + report + " " + report);
+  EXPECT_EQ(plain.output.find("known::Widget::Use"), std::string::npos);
+  EXPECT_NE(plain.output.find(warning + library.substr(0, 8)), std::string::npos) << plain.output;
+  EXPECT_NE(plain.output.find("--old-sysroot"), std::string::npos);
+  for (const std::string& old : {json, report + " --old-symbols " + directory.Path("keep")}) {
+    const Outcome right = Shell(diff + old + " " + report + " --top 0");
+    EXPECT_NE(right.output.find("known::Widget::Use"), std::string::npos) << right.output;
+    EXPECT_EQ(right.output.find("--old-sysroot"), std::string::npos) << right.output;
+    EXPECT_NE(right.output.find("by --sysroot"), std::string::npos) << "of NEW";
+  }
 }
 
 }  // namespace

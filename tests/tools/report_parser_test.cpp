@@ -148,6 +148,16 @@ TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
     sink.native = [&](const NativeGroup& group) { EXPECT_EQ(group.frames.size(), 2U) << length; };
     EXPECT_NE(ReadReport(text, sink, &header), ReportEnd::kComplete) << length;
   }
+  for (const char* closing : {"\n", "\r\n"}) {
+    const Report copy = Load(whole + closing);
+    EXPECT_TRUE(copy.complete);
+    EXPECT_TRUE(copy.damaged.empty());
+    EXPECT_EQ(copy.java.size(), 1U);
+  }
+  const Report longer = Load(whole + "\nsz 9 9 num 1\n");
+  EXPECT_FALSE(longer.complete);
+  ASSERT_EQ(longer.damaged.size(), 1U);
+  EXPECT_EQ(longer.damaged[0].number, 10U);
 }
 
 TEST(LoadReport, RefusesWithTheCauseAndItsRemedy) {

@@ -5,18 +5,23 @@
 #include <fcntl.h>
 #include <gelf.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #ifndef FIXTURE_ARM64_SYMBOLS  // no cross compiler, or it is this machine's
 #define FIXTURE_ARM64_SYMBOLS FIXTURE_SYMBOLS
 #endif
 
 #include "tests/temporary_directory.h"
+#include "tools/report/code_ranges.h"
 #include "tools/report/demangle.h"
 
 namespace memleak {
@@ -173,9 +178,73 @@ TEST(Symbolizer, SysrootStandsForTheDevice) {
   EXPECT_EQ(LineOfSpot("/data/app/base.apk!/lib/arm64/libdevice.so", symbols), 113U);
 }
 
-TEST(Symbolizer, AddressRuleAndNames) {
-  EXPECT_EQ(FileAddress(0x234, 0x1000), 0x1234U);
+// A file of one executable segment at 0x5000, as far as it is looked at, with three calls.
+std::vector<char> CodeFile(std::uint16_t machine, std::uint64_t align) {
+  std::vector<char> image(0x2000);
+  Elf64_Ehdr header{};
+  std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+  header.e_ident[EI_CLASS] = ELFCLASS64;
+  header.e_ident[EI_DATA] = ELFDATA2LSB;
+  header.e_ident[EI_VERSION] = EV_CURRENT;
+  header.e_type = ET_DYN;
+  header.e_machine = machine;
+  header.e_version = EV_CURRENT;
+  header.e_ehsize = sizeof header;
+  header.e_phoff = sizeof header;
+  header.e_phentsize = sizeof(Elf64_Phdr);
+  header.e_phnum = 1;
+  const Elf64_Phdr segment = {PT_LOAD, PF_R | PF_X, 0x1000, 0x5000, 0x5000, 0x1000, 0x1000, align};
+  std::memcpy(image.data(), &header, sizeof header);
+  std::memcpy(&image[sizeof header], &segment, sizeof segment);
+  for (const std::size_t place : {0x1100U, 0x1204U, 0x1308U}) {
+    const std::uint32_t call = place == 0x1204 ? 0xd63f0100U : 0x97ffff00U;  // blr x8, bl
+    std::memcpy(&image[place], &call, sizeof call);
+  }
+  return image;
+}
+
+TEST(Symbolizer, PageSizeFollowsFromWhereCallsAre) {
+  elf_version(EV_CURRENT);
+  const auto guess = [](std::uint16_t machine, std::uint64_t align,
+                        const std::vector<std::uint64_t>& offsets) {
+    std::vector<char> image = CodeFile(machine, align);
+    Elf* elf = elf_memory(image.data(), image.size());
+    const std::uint64_t page = GuessPageBytes(elf, offsets);
+    elf_end(elf);
+    return page;
+  };
+  const std::vector<std::uint64_t> small = {0x100, 0x204, 0x309};     // the call, or a byte into it
+  const std::vector<std::uint64_t> large = {0x1104, 0x1208, 0x1000};  // behind calls, but for one
+  EXPECT_EQ(guess(EM_AARCH64, 0x4000, small), 4096U);
+  EXPECT_EQ(guess(EM_AARCH64, 0x4000, large), 16384U);
+  EXPECT_EQ(guess(EM_AARCH64, 0x1000, large), 4096U) << "cannot be loaded with larger pages";
+  EXPECT_EQ(guess(EM_AARCH64, 0x4000, {0x1104, 0x700, 0x800}), 4096U) << "chance";
+  EXPECT_EQ(guess(EM_X86_64, 0x4000, large), 4096U);
+  EXPECT_EQ(GuessPageBytes(nullptr, large), 4096U);
   EXPECT_EQ(FileAddress(0x234, 0x11f80), 0x11234U);
+  EXPECT_EQ(FileAddress(0x234, 0x15f80, 16384), 0x14234U);
+}
+
+TEST(Symbolizer, AsksNoServerUnlessToldTo) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(listener, generic, length), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  ASSERT_EQ(getsockname(listener, generic, &length), 0);
+  const std::string server = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  setenv("DEBUGINFOD_URLS", server.c_str(), 1);
+  const StrippedLibrary library(true);
+  library.MoveDebug("elsewhere.debug");
+  EXPECT_TRUE(Symbolizer().StateOf(library.Path()).found);
+  EXPECT_LT(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), 0);
+  close(listener);
+}
+
+TEST(Symbolizer, Names) {
   EXPECT_EQ(Demangle("_ZN5known5InnerEPi"), "known::Inner(int*)");
   EXPECT_EQ(Demangle("_ZN5alloc3vec12Vec$LT$T$GT$4push17h0123456789abcdefE"),
             "alloc::vec::Vec<T>::push");

@@ -134,28 +134,36 @@ std::vector<Candidate> Candidates(const std::string& name, const fs::path& file,
   return candidates;
 }
 
-}  // namespace
-
-std::string FindLibraryFile(const std::string& name, const SymbolOptions& options) {
-  // Pseudo-names such as "[vdso]" and nameless mappings have no file.
-  if (!name.starts_with('/')) return "";
-  std::string path = WithoutDeleted(name);
-  const bool deleted = path != name;
-  if (!options.sysroot.empty()) {
-    const fs::path copy = Below(options.sysroot, path);
-    if (IsFile(copy)) return copy.string();
-  } else if (!deleted && IsFile(path)) {
-    return path;
-  }
+// Below each directory by its path, or there by its name alone.
+std::string FindInDirectories(std::string path, const std::vector<std::string>& directories) {
   const std::size_t apk = path.find(kApkMark);
   if (apk != std::string::npos) path = path.substr(apk + 1);
-  for (const std::string& directory : options.symbol_dirs) {
+  for (const std::string& directory : directories) {
     for (const fs::path& candidate :
          {Below(directory, path), directory / fs::path(path).filename()}) {
       if (IsFile(candidate)) return candidate.string();
     }
   }
   return "";
+}
+
+}  // namespace
+
+std::string FindLibraryFile(const std::string& name, const SymbolOptions& options) {
+  // Pseudo-names such as "[vdso]" and nameless mappings have no file.
+  if (!name.starts_with('/')) return "";
+  std::string path = WithoutDeleted(name);
+  if (options.dirs_first) {
+    std::string found = FindInDirectories(path, options.symbol_dirs);
+    if (!found.empty()) return found;
+  }
+  if (!options.sysroot.empty()) {
+    const fs::path copy = Below(options.sysroot, path);
+    if (IsFile(copy)) return copy.string();
+  } else if (path == name && IsFile(path)) {
+    return path;
+  }
+  return options.dirs_first ? "" : FindInDirectories(path, options.symbol_dirs);
 }
 
 std::string BuildIdOf(Elf* elf) {

@@ -11,10 +11,10 @@
 namespace memleak {
 
 /// The file to read for the mapping `name`, empty when there is none: the name below the sysroot,
-/// or itself without one; else the same path or just the file name in a symbol directory. A file
-/// that was deleted while it was mapped is not looked for under its old path on this machine, where
-/// another may stand by now. For "APK!/lib/x.so" the library is looked for in the symbol
-/// directories.
+/// or itself without one; else the same path or just the file name in a symbol directory, which
+/// come first with `dirs_first`. A file that was deleted while it was mapped is not looked for
+/// under its old path on this machine, where another may stand by now. For "APK!/lib/x.so" the
+/// library is looked for in the symbol directories.
 std::string FindLibraryFile(const std::string& name, const SymbolOptions& options);
 
 /// The build id of an open ELF file in lower-case hexadecimal; empty when it has none.

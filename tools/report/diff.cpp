@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "tools/report/names.h"
+
 namespace memleak {
 namespace {
 
@@ -36,10 +38,6 @@ Thresholds ThresholdsOf(const Profile& profile) {
   return {Threshold(profile, GroupKind::kNative), Threshold(profile, GroupKind::kJava)};
 }
 
-std::uint64_t AddSaturated(std::uint64_t a, std::uint64_t b) {
-  return a > kUnbounded - b ? kUnbounded : a + b;
-}
-
 std::uint64_t MultiplySaturated(std::uint64_t a, std::uint64_t b) {
   return b != 0 && a > kUnbounded / b ? kUnbounded : a * b;
 }
@@ -48,6 +46,20 @@ std::string_view BaseName(std::string_view path) {
   constexpr std::string_view kDeleted = " (deleted)";
   if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
   return path.substr(path.rfind('/') + 1);
+}
+
+// Bytes that are no UTF-8 as one sign, however many: a document has other ones in their place.
+std::string Comparable(std::string_view name) {
+  constexpr std::string_view kReplacement = "\xef\xbf\xbd";
+  std::string valid = ValidUtf8(name);
+  for (std::size_t at = valid.find(kReplacement); at != std::string::npos;
+       at = valid.find(kReplacement, at)) {
+    at += kReplacement.size();
+    while (valid.compare(at, kReplacement.size(), kReplacement) == 0) {
+      valid.erase(at, kReplacement.size());
+    }
+  }
+  return valid;
 }
 
 // What tells a frame apart in every run: library and function; without a function the place in the
@@ -63,41 +75,104 @@ std::string FrameKey(const Profile& profile, const Frame& frame) {
   key += '\0';
   key += frame.function.empty() ? "+" + std::to_string(frame.offset) : frame.function;
   key += '\n';
-  return key;
+  return Comparable(key);
 }
+
+using BuildIds = std::unordered_map<std::string_view, std::string_view>;
+
+// The build ids of the libraries, by the names that frames are compared by.
+BuildIds BuildIdsOf(const Profile& profile) {
+  BuildIds ids;
+  for (const Library& library : profile.libraries) ids[BaseName(library.path)] = library.build_id;
+  return ids;
+}
+
+/// How many groups at one call site each report lists: one or none, unless the site could not be
+/// told from others.
+struct Site {
+  std::size_t row = 0;
+  std::uint64_t before = 0;
+  std::uint64_t after = 0;
+};
 
 /// Puts the groups of two reports into one list.
 class Comparison {
  public:
-  Comparison(const Profile& before, const Profile& after) : before_(before), after_(after) {}
+  Comparison(const Profile& before, const Profile& after)
+      : before_(before),
+        after_(after),
+        builds_before_(BuildIdsOf(before)),
+        builds_after_(BuildIdsOf(after)) {}
 
   Difference Run() {
     result_.merged.libraries = after_.libraries;
     result_.merged.frames = after_.frames;
-    AddReport(after_, &GroupChange::after);
-    AddReport(before_, &GroupChange::before);
+    AddReport(after_, &GroupChange::after, &Site::after);
+    AddReport(before_, &GroupChange::before, &Site::before);
+    for (const auto& [key, site] : sites_) {
+      GroupChange& change = result_.changes[site.row];
+      change.before.lacks += SubtractSaturated(site.after, site.before);
+      change.after.lacks += SubtractSaturated(site.before, site.after);
+    }
     result_.stacks = stack_ids_.size();
     return std::move(result_);
   }
 
  private:
-  void AddReport(const Profile& profile, Side GroupChange::*side);
+  void AddReport(const Profile& profile, Side GroupChange::*side, std::uint64_t Site::*listed);
+  bool ComparesPlaces(const Profile& profile, const Frame& frame) const;
+  std::vector<std::uint32_t> NumberPlaces(const Profile& profile,
+                                          const std::vector<std::string>& keys);
   std::vector<std::uint32_t> Adopt(const std::vector<std::uint32_t>& stack);
   std::int32_t AdoptLibrary(std::int32_t index);
 
   const Profile& before_;
   const Profile& after_;
+  BuildIds builds_before_;
+  BuildIds builds_after_;
   Difference result_;
   std::unordered_map<std::string, std::size_t> stack_ids_;
   std::unordered_map<std::string, std::size_t> rows_;
+  std::unordered_map<std::string, std::uint32_t> places_;
+  std::unordered_map<std::string, Site> sites_;
   std::unordered_map<std::uint32_t, std::uint32_t> adopted_frames_;
   std::unordered_map<std::int32_t, std::int32_t> adopted_libraries_;
 };
 
-void Comparison::AddReport(const Profile& profile, Side GroupChange::*side) {
+// Whether equal offsets are one place in both reports, and others are others: not in a library that
+// was built anew meanwhile, nor in no library at all.
+bool Comparison::ComparesPlaces(const Profile& profile, const Frame& frame) const {
+  if (frame.library < 0) return false;
+  const std::string_view name =
+      BaseName(profile.libraries[static_cast<std::size_t>(frame.library)].path);
+  const auto before = builds_before_.find(name);
+  const auto after = builds_after_.find(name);
+  return before != builds_before_.end() && after != builds_after_.end() &&
+         before->second == after->second;
+}
+
+// A number for each frame, the same in both reports for one place in one function; for all places
+// in the function where they cannot be compared.
+std::vector<std::uint32_t> Comparison::NumberPlaces(const Profile& profile,
+                                                    const std::vector<std::string>& keys) {
+  std::vector<std::uint32_t> numbers;
+  numbers.reserve(keys.size());
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const Frame& frame = profile.frames[i];
+    std::string key = keys[i];
+    if (ComparesPlaces(profile, frame)) key += std::to_string(frame.offset);
+    const auto fresh = static_cast<std::uint32_t>(places_.size());
+    numbers.push_back(places_.try_emplace(std::move(key), fresh).first->second);
+  }
+  return numbers;
+}
+
+void Comparison::AddReport(const Profile& profile, Side GroupChange::*side,
+                           std::uint64_t Site::*listed) {
   std::vector<std::string> keys;
   keys.reserve(profile.frames.size());
   for (const Frame& frame : profile.frames) keys.push_back(FrameKey(profile, frame));
+  const std::vector<std::uint32_t> places = NumberPlaces(profile, keys);
   const bool later = &profile == &after_;
   for (const Group& group : profile.groups) {
     std::string key = group.kind == GroupKind::kNative ? "n" : "j";
@@ -116,6 +191,13 @@ void Comparison::AddReport(const Profile& profile, Side GroupChange::*side) {
     sums.count = AddSaturated(sums.count, group.count);
     sums.total = AddSaturated(sums.total, group.total);
     ++sums.parts;
+    std::string site = row;
+    for (const std::uint32_t frame : group.stack) {
+      site.append(reinterpret_cast<const char*>(&places[frame]), sizeof places[frame]);
+    }
+    Site& counted = sites_[site];
+    counted.row = known->second;
+    ++(counted.*listed);
     if (!later) continue;
     Group& merged = result_.merged.groups[known->second];
     merged.count = sums.count;
@@ -162,22 +244,21 @@ struct Range {
   std::uint64_t most = 0;
 };
 
-// A side with fewer parts than the other may have the rest of them below the end of its list.
-Range RangeOf(const Side& side, const Side& other, std::uint64_t size,
-              std::optional<std::uint64_t> threshold) {
+// A side may have the call sites that it lacks below the end of its list.
+Range RangeOf(const Side& side, std::uint64_t size, std::optional<std::uint64_t> threshold) {
   const std::uint64_t listed = size == 0 ? side.count : side.total;
-  if (!threshold.has_value() || side.parts >= other.parts) return {listed, listed};
-  std::uint64_t hidden = *threshold;  // of one part, which has whole blocks
+  if (!threshold.has_value() || side.lacks == 0) return {listed, listed};
+  std::uint64_t hidden = *threshold;  // of one site, which has whole blocks
   if (size == 0) hidden = kUnbounded;
   if (hidden != kUnbounded) hidden -= hidden % size;
-  return {listed, AddSaturated(listed, MultiplySaturated(hidden, other.parts - side.parts))};
+  return {listed, AddSaturated(listed, MultiplySaturated(hidden, side.lacks))};
 }
 
 void Judge(const Group& group, const Thresholds& before_cut, const Thresholds& after_cut,
            GroupChange* judged) {
   const auto kind = static_cast<std::size_t>(group.kind);
-  const Range before = RangeOf(judged->before, judged->after, group.size, before_cut[kind]);
-  const Range after = RangeOf(judged->after, judged->before, group.size, after_cut[kind]);
+  const Range before = RangeOf(judged->before, group.size, before_cut[kind]);
+  const Range after = RangeOf(judged->after, group.size, after_cut[kind]);
   judged->before.most = group.size == 0 ? 0 : before.most;
   judged->after.most = group.size == 0 ? 0 : after.most;
   if (after.least > before.most) {

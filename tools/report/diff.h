@@ -29,7 +29,8 @@ const char* ChangeName(Change change);
 struct Side {
   std::uint64_t count = 0;  ///< blocks that are listed
   std::uint64_t total = 0;  ///< their bytes
-  std::uint64_t parts = 0;  ///< groups of the report that make up this one
+  std::uint64_t parts = 0;  ///< groups of the report that make up this one: its call sites
+  std::uint64_t lacks = 0;  ///< call sites of the other side that are not listed on this one
   std::uint64_t most = 0;   ///< bytes there may be at most: `total`, unless the list was cut
 };
 
@@ -50,7 +51,8 @@ struct Difference {
 };
 
 /// Compares `before` with `after`. Groups of one report that differ only in where their functions
-/// were called from are added up.
+/// were called from, their call sites, are added up. What is certain is so under the assumption
+/// that a site which neither report lists holds nothing.
 Difference Compare(const Profile& before, const Profile& after);
 
 /// Bytes by which a group surely grew; negative: shrank. 0 when that is unknown.

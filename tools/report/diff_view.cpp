@@ -181,20 +181,37 @@ void PrintOutside(const char* label, const Profile& profile, std::ostream& out) 
       << Counted(unlisted.groups, "group") << " that it does not list.\n";
 }
 
-void PrintUncertain(const Difference& difference, std::ostream& out) {
-  Side before;
-  Side after;
-  std::size_t count = 0;
+/// Groups of one kind of change together.
+struct Together {
+  std::size_t groups = 0;
+  std::uint64_t before = 0;
+  std::uint64_t after = 0;
+};
+
+Together SumUp(const Difference& difference, Change wanted) {
+  Together sums;
   for (const GroupChange& change : difference.changes) {
-    if (change.change != Change::kUnknown) continue;
-    ++count;
-    before.total += change.before.total;
-    after.total += change.after.total;
+    if (change.change != wanted) continue;
+    ++sums.groups;
+    sums.before = AddSaturated(sums.before, change.before.total);
+    sums.after = AddSaturated(sums.after, change.after.total);
   }
-  if (count == 0) return;
-  out << "Nothing certain can be said of " << Counted(count, "group") << " ("
-      << FormatBytes(before.total) << " -> " << FormatBytes(after.total)
-      << "):\nwhere one is missing it may merely have been too small for the list.\n";
+  return sums;
+}
+
+void PrintUnchanged(const Difference& difference, std::ostream& out) {
+  const Together same = SumUp(difference, Change::kSame);
+  if (same.groups == 0) return;
+  out << "Unchanged: " << FormatBytes(same.after) << " in " << Counted(same.groups, "group")
+      << ".\n";
+}
+
+void PrintUncertain(const Difference& difference, std::ostream& out) {
+  const Together unknown = SumUp(difference, Change::kUnknown);
+  if (unknown.groups == 0) return;
+  out << "Nothing certain can be said of " << Counted(unknown.groups, "group") << " ("
+      << FormatBytes(unknown.before) << " -> " << FormatBytes(unknown.after)
+      << "):\nwhere a call site is missing it may merely have been too small for the list.\n";
 }
 
 }  // namespace
@@ -212,6 +229,7 @@ void PrintDifference(const Profile& before, const Profile& after, std::size_t to
   PrintStacks(difference, grew, "Grew", top, out);
   PrintStacks(difference, shrank, "Shrank", top, out);
   std::ostringstream notes;
+  PrintUnchanged(difference, notes);
   PrintUncertain(difference, notes);
   PrintOutside("old", before, notes);
   PrintOutside("new", after, notes);

@@ -7,6 +7,7 @@
 
 #include "tools/control.h"
 #include "tools/format.h"
+#include "tools/report/json_input.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -24,8 +25,21 @@ void WarnOfDamage(const Profile& profile) {
               << "\n";
   }
   if (profile.damaged_lines > shown) {
-    std::cerr << "memleak: " << profile.damaged_lines - shown << " more lines left out\n";
+    std::cerr << "memleak: " << profile.damaged_lines - shown << (shown == 0 ? "" : " more")
+              << " lines left out\n";
   }
+}
+
+// Names taken from a file of another build are wrong, and nothing else would tell.
+void WarnOfNewerFiles(const Profile& profile, const std::string& remedy) {
+  const auto newer = [](const Library& library) { return library.newer; };
+  const auto first = std::find_if(profile.libraries.begin(), profile.libraries.end(), newer);
+  if (first == profile.libraries.end()) return;
+  const auto count = std::count_if(first, profile.libraries.end(), newer);
+  std::cerr << "memleak: names may be wrong: " << FitWidth(first->path, 60);
+  if (count > 1) std::cerr << " and " << count - 1 << " more";
+  std::cerr << (count > 1 ? " are" : " is") << " newer than " << FitWidth(profile.path, 60) << "; "
+            << remedy << "\n";
 }
 
 void CheckDirectories(const SymbolOptions& options) {
@@ -35,7 +49,7 @@ void CheckDirectories(const SymbolOptions& options) {
     std::error_code ignored;
     if (!fs::is_directory(directory, ignored)) {
       throw UserError("no directory to take symbols from: " + directory,
-                      "give --symbols and --sysroot directories that exist");
+                      "give only directories that exist");
     }
   }
 }
@@ -55,15 +69,17 @@ std::string FindReport(const std::string& given) {
   throw UserError("no report below " + given, "write one with: memleak report PID");
 }
 
-Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options) {
+Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options,
+                    const std::string& newer_remedy) {
   CheckDirectories(options);
   const std::string path = FindReport(given);
-  Profile profile = LoadProfile(path, options);
+  Profile profile = IsJsonDocument(path) ? LoadDocument(path) : LoadProfile(path, options);
   if (!profile.complete && !partial) {
     throw UserError("report is truncated: " + path + " (no \"END\" at its end)",
                     "wait until it is written, or see what is there with --partial");
   }
   WarnOfDamage(profile);
+  WarnOfNewerFiles(profile, newer_remedy);
   return profile;
 }
 

@@ -134,6 +134,8 @@ class ProfileBuilder {
   }
 
   void AppendFrames(const Place& place, Symbolizer* symbolizer);
+  void Prepare(const std::vector<std::uint32_t>& order, std::size_t begin,
+               Symbolizer* symbolizer) const;
 
   Profile* profile_;
   TextTable<std::int32_t> libraries_;
@@ -167,6 +169,17 @@ void ProfileBuilder::AppendFrames(const Place& place, Symbolizer* symbolizer) {
   }
 }
 
+// Shows the symbolizer all places in the library of the one at `begin` of `order`.
+void ProfileBuilder::Prepare(const std::vector<std::uint32_t>& order, std::size_t begin,
+                             Symbolizer* symbolizer) const {
+  const std::int32_t library = places_[order[begin]].library;
+  std::vector<std::uint64_t> offsets;
+  for (std::size_t i = begin; i < order.size() && places_[order[i]].library == library; ++i) {
+    offsets.push_back(places_[order[i]].offset);
+  }
+  symbolizer->Prepare(profile_->libraries[static_cast<std::size_t>(library)].path, offsets);
+}
+
 void ProfileBuilder::Resolve(const SymbolOptions& options) {
   Symbolizer symbolizer(options);
   ProgressBar bar("reading symbols", options.progress);
@@ -181,6 +194,8 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
   for (std::size_t i = 0; i < order.size(); ++i) {
     const Place& place = places_[order[i]];
     bar.Update(i, order.size());
+    const bool first = i == 0 || places_[order[i - 1]].library != place.library;
+    if (first && place.library >= 0) Prepare(order, i, &symbolizer);
     spans[order[i]].begin = static_cast<std::uint32_t>(profile_->frames.size());
     AppendFrames(place, &symbolizer);
     spans[order[i]].end = static_cast<std::uint32_t>(profile_->frames.size());
@@ -191,6 +206,7 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
     library.found = state.found;
     library.build_id = std::move(state.build_id);
     library.hint = std::move(state.hint);
+    library.newer = state.changed > profile_->made;
     symbolizer.Release(library.path);
   }
   for (Group& group : profile_->groups) {
@@ -221,8 +237,8 @@ Sums Profile::Listed(GroupKind kind) const {
 Sums Profile::Unlisted() const {
   const Sums listed = Listed(GroupKind::kNative);
   Sums sums;
-  if (header.total_bytes > listed.bytes) sums.bytes = header.total_bytes - listed.bytes;
-  if (header.groups > listed.groups) sums.groups = header.groups - listed.groups;
+  sums.bytes = SubtractSaturated(header.total_bytes, listed.bytes);
+  sums.groups = SubtractSaturated(header.groups, listed.groups);
   return sums;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ struct Library {
   std::string build_id;  ///< lower-case hexadecimal; empty when unknown
   bool found = false;    ///< its file or its debug file could be read
   std::string hint;      ///< the file that would give it (more) symbols; empty when none is missing
+  bool newer = false;    ///< its file was written after the report: another build's, perhaps
 };
 
 /// One symbolized frame. Calls that were inlined are frames of their own, innermost first;
@@ -44,16 +46,34 @@ struct Group {
   std::vector<std::uint32_t> stack;  ///< indices into Profile::frames, innermost first
 };
 
-/// Sums over groups.
+/// `a` plus `b`, or the largest number where they add up to more: a damaged report may say
+/// anything.
+constexpr std::uint64_t AddSaturated(std::uint64_t a, std::uint64_t b) {
+  const std::uint64_t sum = a + b;
+  return sum < a ? std::numeric_limits<std::uint64_t>::max() : sum;
+}
+
+/// `a` minus `b`, or 0 where `b` is more.
+constexpr std::uint64_t SubtractSaturated(std::uint64_t a, std::uint64_t b) {
+  return a > b ? a - b : 0;
+}
+
+/// Sums over groups, which stop at the largest number and at 0.
 struct Sums {
   std::uint64_t bytes = 0;
   std::uint64_t groups = 0;
   std::uint64_t blocks = 0;
 
-  void Add(const Group& group) {
-    bytes += group.total;
-    ++groups;
-    blocks += group.count;
+  void Add(const Sums& other) {
+    bytes = AddSaturated(bytes, other.bytes);
+    groups = AddSaturated(groups, other.groups);
+    blocks = AddSaturated(blocks, other.blocks);
+  }
+  void Add(const Group& group) { Add(Sums{group.total, 1, group.count}); }
+  void Subtract(const Sums& other) {
+    bytes = SubtractSaturated(bytes, other.bytes);
+    groups = SubtractSaturated(groups, other.groups);
+    blocks = SubtractSaturated(blocks, other.blocks);
   }
   bool operator==(const Sums&) const = default;
 };
@@ -63,7 +83,7 @@ inline constexpr std::size_t kDamagedLinesKept = 1000;
 
 /// One report, symbolized. Equal frames are stored once.
 struct Profile {
-  std::string path;                  ///< of the report
+  std::string path;                  ///< of the report, or of the document that it was read from
   std::int64_t made = 0;             ///< when the file was last written, seconds since the epoch
   ReportHeader header;               ///< counts all native groups, the ones not listed included
   bool complete = false;             ///< read down to its end mark

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include "tools/user_error.h"
 
@@ -16,6 +17,8 @@ constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0
 constexpr std::string_view kJavaRule =
     "==============================Java-Native Stack==============================";
 constexpr std::string_view kEnd = "END";
+// Editors and copies over a terminal close the last line; the tracker does not.
+constexpr std::string_view kEndOfCopy = "END\r";
 // The tracker's spelling.
 constexpr std::string_view kUnknownFrame = "[unknow]";
 constexpr std::string_view kOffsetMark = "+0x";
@@ -182,7 +185,10 @@ class ReportPass {
       Flush();
       return true;
     }
-    if (!closed) {
+    if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "an end mark before the end");
+    if (line == kEnd || line == kEndOfCopy) {
+      end_number_ = number_;
+    } else if (!closed) {
       // A part of a line may read like a whole one with fewer frames.
       Damaged("cut off");
     } else if (in_java_) {
@@ -197,9 +203,13 @@ class ReportPass {
     return false;
   }
 
+  /// Whether the last line was an end mark, though one that is closed itself.
+  bool Ended() const { return end_number_ != 0; }
+
   /// A line of which only the length is known.
   void TooLong() {
     ++number_;
+    end_number_ = 0;
     Damaged("longer than any line of a report");
   }
 
@@ -211,8 +221,9 @@ class ReportPass {
   }
 
  private:
-  void Damaged(std::string reason) {
-    if (sink_.damaged) sink_.damaged({number_, std::move(reason)});
+  void Damaged(std::string reason) { Damaged(number_, std::move(reason)); }
+  void Damaged(std::uint64_t number, std::string reason) {
+    if (sink_.damaged) sink_.damaged({number, std::move(reason)});
   }
 
   void HeaderLine(std::string_view line) {
@@ -251,6 +262,7 @@ class ReportPass {
   const ReportSink& sink_;
   ReportHeader* header_;
   std::uint64_t number_ = 1;
+  std::uint64_t end_number_ = 0;  // of a closed end mark with nothing behind it so far
   bool in_java_ = false;
   bool java_open_ = false;  // java_ still takes frames
   bool java_lost_ = false;  // frames belong to a group that was left out
@@ -306,7 +318,7 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
     }
   }
   pass.Flush();
-  return ReportEnd::kTruncated;
+  return pass.Ended() ? ReportEnd::kComplete : ReportEnd::kTruncated;
 }
 
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {

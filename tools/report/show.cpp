@@ -66,10 +66,7 @@ const char* BelowText(View view) {
 void PrintNotShown(View view, const Sums& below, const Sums& cut, const Sums& unlisted,
                    std::ostream& out) {
   Sums all;
-  for (const Sums& part : {below, cut, unlisted}) {
-    all.bytes += part.bytes;
-    all.groups += part.groups;
-  }
+  for (const Sums& part : {below, cut, unlisted}) all.Add(part);
   if (all.groups == 0 && all.bytes == 0) {
     out << "\nNot shown: nothing\n";
     return;

@@ -5,7 +5,9 @@
 #include <elfutils/libdw.h>
 #include <elfutils/libdwfl.h>
 #include <gelf.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -13,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/report/code_ranges.h"
 #include "tools/report/debug_files.h"
 #include "tools/report/demangle.h"
 
@@ -46,33 +49,12 @@ int FindDebugFile(Dwfl_Module* module, void** user_data, const char* module_name
                                       checksum, found);
 }
 
-/// A stretch of file addresses that one executable mapping shows.
-struct CodeRange {
-  std::uint64_t begin = 0;
-  std::uint64_t end = 0;
-};
-
-// Executable segments that lie side by side in the file and in memory become one mapping.
-std::vector<CodeRange> CodeRanges(Elf* elf) {
-  std::vector<CodeRange> ranges;
-  std::size_t count = 0;
-  if (elf == nullptr || elf_getphdrnum(elf, &count) != 0) return ranges;
-  std::uint64_t shift = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    GElf_Phdr segment;
-    if (gelf_getphdr(elf, static_cast<int>(i), &segment) == nullptr) continue;
-    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) continue;
-    const std::uint64_t begin = FileAddress(0, segment.p_vaddr);
-    const std::uint64_t end = segment.p_vaddr + segment.p_memsz;
-    const std::uint64_t distance = segment.p_vaddr - segment.p_offset;
-    if (!ranges.empty() && distance == shift && begin == FileAddress(0, ranges.back().end + 4095)) {
-      ranges.back().end = end;
-    } else {
-      ranges.push_back({begin, end});
-    }
-    shift = distance;
-  }
-  return ranges;
+// When the file became what it is. One that replaced another at its place may be older than that by
+// its own time, as packages have it, so that its entry's counts too; copies are made at any time.
+std::int64_t ChangedTime(const std::string& path, bool is_copy) {
+  struct stat state {};
+  if (stat(path.c_str(), &state) != 0) return 0;
+  return is_copy ? state.st_mtime : std::max(state.st_mtime, state.st_ctime);
 }
 
 }  // namespace
@@ -86,6 +68,12 @@ class Symbolizer::Module {
   Module& operator=(const Module&) = delete;
 
   LibraryState State();
+
+  void Prepare(const std::vector<std::uint64_t>& offsets) {
+    if (module_ == nullptr) return;
+    Elf* elf = dwfl_module_getelf(module_, &bias_);
+    code_ = CodeRanges(elf, GuessPageBytes(elf, offsets));
+  }
 
   const ResolvedAddress& Resolve(std::uint64_t offset) {
     const auto [known, added] = known_.try_emplace(offset);
@@ -142,7 +130,7 @@ void Symbolizer::Module::Open() {
     return;
   }
   build_id_ = BuildIdOf(elf);
-  code_ = CodeRanges(elf);
+  code_ = CodeRanges(elf, kSmallestPage);
 }
 
 // Reads the tables, when the first address is asked for.
@@ -155,8 +143,11 @@ void Symbolizer::Module::Load() {
 }
 
 LibraryState Symbolizer::Module::State() {
-  LibraryState state{.found = module_ != nullptr, .build_id = build_id_, .hint = ""};
-  if (module_ != nullptr) Load();
+  LibraryState state{.found = module_ != nullptr, .build_id = build_id_};
+  if (module_ != nullptr) {
+    Load();
+    state.changed = ChangedTime(file_, file_ != name_);
+  }
   if (!dwarf_ && name_.starts_with('/')) state.hint = MissingFileHint(name_, build_id_);
   return state;
 }
@@ -188,7 +179,10 @@ ResolvedAddress Symbolizer::Module::Look(std::uint64_t offset) {
   return resolved;
 }
 
-Symbolizer::Symbolizer(SymbolOptions options) : options_(std::move(options)) {}
+Symbolizer::Symbolizer(SymbolOptions options) : options_(std::move(options)) {
+  // libdwfl sends build ids to the servers named there, which many systems do for all programs.
+  if (!options_.debuginfod) unsetenv("DEBUGINFOD_URLS");
+}
 Symbolizer::~Symbolizer() = default;
 
 Symbolizer::Module& Symbolizer::ModuleOf(const std::string& library) {
@@ -199,6 +193,10 @@ Symbolizer::Module& Symbolizer::ModuleOf(const std::string& library) {
 
 const ResolvedAddress& Symbolizer::Resolve(const std::string& library, std::uint64_t offset) {
   return ModuleOf(library).Resolve(offset);
+}
+
+void Symbolizer::Prepare(const std::string& library, const std::vector<std::uint64_t>& offsets) {
+  ModuleOf(library).Prepare(offsets);
 }
 
 LibraryState Symbolizer::StateOf(const std::string& library) {

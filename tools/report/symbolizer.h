@@ -6,24 +6,19 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/report/function_index.h"
 #include "tools/report/symbol_options.h"
 
 namespace memleak {
 
-/// The file address of the byte `offset` bytes into the mapping of an executable segment, given the
-/// segment's p_vaddr: mappings begin at page borders.
-constexpr std::uint64_t FileAddress(std::uint64_t offset, std::uint64_t segment_vaddr) {
-  constexpr std::uint64_t kPageBytes = 4096;
-  return offset + (segment_vaddr & ~(kPageBytes - 1));
-}
-
 /// What is known of a library as a whole.
 struct LibraryState {
-  bool found = false;    ///< its file, or an unstripped one in its place, could be read
-  std::string build_id;  ///< lower-case hexadecimal; empty when unknown
-  std::string hint;      ///< the file that would give (more) symbols; empty when none is missing
+  bool found = false;     ///< its file, or an unstripped one in its place, could be read
+  std::string build_id;   ///< lower-case hexadecimal; empty when unknown
+  std::string hint = {};  ///< the file that would give (more) symbols; empty when none is missing
+  std::int64_t changed = 0;  ///< when its file became what it is, seconds since the epoch
 };
 
 /// What is known of an address in a library.
@@ -36,10 +31,15 @@ struct ResolvedAddress {
 /// than this machine's.
 class Symbolizer {
  public:
+  /// Without `options.debuginfod` the variable DEBUGINFOD_URLS is removed from the environment.
   explicit Symbolizer(SymbolOptions options = {});
   ~Symbolizer();
   Symbolizer(const Symbolizer&) = delete;
   Symbolizer& operator=(const Symbolizer&) = delete;
+
+  /// Tells which offsets in `library` will be asked for, from which follows how large the pages of
+  /// the machine were. Called before the first of them is resolved, or not at all.
+  void Prepare(const std::string& library, const std::vector<std::uint64_t>& offsets);
 
   /// The code `offset` bytes into the executable mapping of `library`, a mapping's name as in a
   /// report. The reference lives until the library is released.

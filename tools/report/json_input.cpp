@@ -1,0 +1,136 @@
+// The document, member by member, with every reference checked.
+#include "tools/report/json_input.h"
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "tools/report/json.h"
+#include "tools/user_error.h"
+
+namespace memleak {
+namespace {
+
+using nlohmann::json;
+
+// The library would turn negative numbers and fractions into others.
+std::uint64_t Number(const json& object, const char* name) {
+  const json& value = object.at(name);
+  if (value.is_number_unsigned()) return value.get<std::uint64_t>();
+  throw std::out_of_range(std::string("\"") + name + "\" is no whole number");
+}
+
+std::string Text(const json& object, const char* name) {
+  return object.at(name).get<std::string>();
+}
+
+std::uint32_t Index(const json& value, std::size_t count, const char* what) {
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() < count) {
+    return value.get<std::uint32_t>();
+  }
+  throw std::out_of_range(std::string("a reference to no ") + what);
+}
+
+Frame FrameOf(const json& object, std::size_t libraries) {
+  Frame frame;
+  const json& library = object.at("library");
+  if (library != -1)
+    frame.library = static_cast<std::int32_t>(Index(library, libraries, "library"));
+  frame.offset = Number(object, "offset");
+  frame.function = Text(object, "function");
+  frame.file = Text(object, "file");
+  frame.line = static_cast<std::uint32_t>(Number(object, "line"));
+  frame.inlined = object.at("inlined").get<bool>();
+  return frame;
+}
+
+Group GroupOf(const json& object, std::size_t frames) {
+  Group group;
+  const std::string kind = Text(object, "kind");
+  if (kind != "native" && kind != "java") throw std::out_of_range("a group of unknown kind");
+  group.kind = kind == "native" ? GroupKind::kNative : GroupKind::kJava;
+  group.size = Number(object, "size");
+  group.count = Number(object, "count");
+  group.total = Number(object, "total");
+  group.ages = object.at("ages").get<std::vector<std::int64_t>>();
+  for (const json& frame : object.at("stack")) group.stack.push_back(Index(frame, frames, "frame"));
+  return group;
+}
+
+void ReadHead(const json& document, Profile* profile) {
+  const json& report = document.at("report");
+  profile->made = report.at("made").get<std::int64_t>();
+  profile->complete = report.at("complete").get<bool>();
+  profile->damaged_lines = Number(report, "damagedLines");
+  profile->header.backtrace_size = Number(report, "backtraceSize");
+  const json& totals = document.at("totals");
+  profile->header.total_bytes = Number(totals, "bytes");
+  profile->header.groups = Number(totals, "groups");
+  profile->header.listed = Number(totals, "listedGroups");
+}
+
+Profile ProfileOf(const json& document) {
+  Profile profile;
+  ReadHead(document, &profile);
+  for (const json& object : document.at("libraries")) {
+    Library& library = profile.libraries.emplace_back();
+    library.path = Text(object, "path");
+    library.build_id = Text(object, "buildId");
+    library.found = object.at("found").get<bool>();
+  }
+  for (const json& object : document.at("frames")) {
+    profile.frames.push_back(FrameOf(object, profile.libraries.size()));
+  }
+  for (const json& object : document.at("groups")) {
+    profile.groups.push_back(GroupOf(object, profile.frames.size()));
+  }
+  return profile;
+}
+
+constexpr const char* kRemedy = "make one with memleak export --format json";
+
+json ParseFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw UserError("cannot read " + path, "check that you may read it");
+  json document = json::parse(file, nullptr, false);
+  const auto is = [&document](const char* name, const json& value) {
+    return document.is_object() && document.contains(name) && document[name] == value;
+  };
+  if (!is("format", kJsonFormat) || !is("version", kJsonVersion)) {
+    throw UserError("not a memleak-profile document of version 1: " + path, kRemedy);
+  }
+  return document;
+}
+
+}  // namespace
+
+bool IsJsonDocument(const std::string& path) {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored)) return false;
+  std::ifstream file(path, std::ios::binary);
+  char first = '\0';
+  return (file >> first) && first == '{';
+}
+
+Profile LoadDocument(const std::string& path) {
+  const json document = ParseFile(path);
+  if (document.contains("base")) {
+    throw UserError("document compares two reports: " + path, kRemedy);
+  }
+  try {
+    // With groups left out by a filter, others would seem to be gone.
+    if (document.contains("selection") && Number(document["selection"], "omittedGroups") != 0) {
+      throw UserError("document lacks groups of its report: " + path, kRemedy);
+    }
+    Profile profile = ProfileOf(document);
+    profile.path = path;
+    return profile;
+  } catch (const json::exception& error) {
+    throw UserError("damaged document: " + path + " (" + error.what() + ")", kRemedy);
+  } catch (const std::out_of_range& error) {
+    throw UserError("damaged document: " + path + " (" + error.what() + ")", kRemedy);
+  }
+}
+
+}  // namespace memleak
