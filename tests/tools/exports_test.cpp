@@ -139,6 +139,25 @@ TEST(Export, PprofHoldsTogether) {
   EXPECT_EQ(text(caller.filename()), "/s/fill.c");
 }
 
+TEST(Export, PprofNamesTheProgramFirst) {
+  const Profile profile = ProfileBuilder()
+                              .In("/lib/libc.so.6", 0x10, "_start")
+                              .In("/lib/libc.so.6", 0x20, "main")
+                              .In("/app/base.odex", 0x10, "jit")
+                              .In("/bin/prog", 0x9000, "main")
+                              .In("[vdso]", 0x20)
+                              .Group(10, 1)
+                              .Done();
+  const perftools::profiles::Profile message = Pprof(profile);
+  ASSERT_EQ(message.mapping_size(), 4);
+  EXPECT_EQ(message.string_table(static_cast<int>(message.mapping(0).filename())), "/bin/prog");
+  for (const auto& location : message.location()) {
+    const auto& mapping = message.mapping(static_cast<int>(location.mapping_id()) - 1);
+    EXPECT_GE(location.address(), mapping.memory_start());
+    EXPECT_LT(location.address(), mapping.memory_limit());
+  }
+}
+
 constexpr const char* kReport =
     "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 1000\n"
     "Allocation records: 3/2\nBacktrace size: 10\n\n"

@@ -112,6 +112,18 @@ TEST(Show, TreesStepRightAtForksOnly) {
   EXPECT_NE(tree.find("\n     500 B  12.5 %    unknown.so+0xabc\n"), std::string::npos) << tree;
   const std::string callers = Print(Sample(), {.view = View::kCallers, .top = 1});
   EXPECT_NE(callers.find("\n     510 B  12.8 %  (2 more)\n"), std::string::npos) << callers;
+  // In another order a small branch may come first.
+  Profile reversed = Sample();
+  reversed.groups[0].ages = {300};
+  const std::string aged =
+      Print(reversed, {.view = View::kCallers, .top = 2, .selection = {.sort = SortKey::kAge}});
+  EXPECT_NE(aged.find("  oldest  from"), std::string::npos) << aged;
+  EXPECT_NE(aged.find("   3m 20s  inner"), std::string::npos) << aged;
+  EXPECT_LT(aged.find("inner(int)"), aged.find("unknown.so+0xabc")) << aged;
+  EXPECT_NE(aged.find("      5m  (1 more)"), std::string::npos) << "0.3 %: " << aged;
+  const std::string counted =
+      Print(Sample(), {.view = View::kCallers, .top = 0, .selection = {.sort = SortKey::kCount}});
+  EXPECT_LT(counted.find("5  unknown.so+0xabc"), counted.find("2  inner(int)")) << counted;
 }
 
 TEST(Aggregate, CountsRecursionOnceAndSelfApart) {
@@ -129,6 +141,13 @@ TEST(Aggregate, CountsRecursionOnceAndSelfApart) {
   const std::vector<Row> libraries = AddUp(profile, all, RowKind::kLibrary, SortKey::kCount);
   EXPECT_EQ(libraries[0].name, "/lib/known.so");
   EXPECT_EQ(libraries.back().name, "[unknown]");
+  // Hostile sums stop at their ends, so that no view shows the rest as next to nothing.
+  Sums sums{~std::uint64_t{0} - 1, 1, 1};
+  sums.Add(profile.groups[1]);
+  EXPECT_EQ(sums.bytes, ~std::uint64_t{0});
+  sums.Subtract(sums);
+  sums.Subtract({1, 1, 1});
+  EXPECT_EQ(sums, Sums{});
 }
 
 TEST(Aggregate, AgesSelectAndTellGrowth) {

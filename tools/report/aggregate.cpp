@@ -61,10 +61,6 @@ std::vector<bool> MatchFrames(const Profile& profile, const std::string& filter)
   return frames;
 }
 
-std::uint64_t MeanSize(const Sums& sums) {
-  return sums.blocks == 0 ? 0 : sums.bytes / sums.blocks;
-}
-
 constexpr std::int64_t kNoAge = std::numeric_limits<std::int64_t>::min();
 
 // Whether `a` comes before `b` in falling order.
@@ -82,24 +78,27 @@ bool GroupBefore(const Group& a, const Group& b, SortKey sort) {
   return a.total > b.total;
 }
 
-bool RowBefore(const Row& a, const Row& b, SortKey sort) {
-  const auto by_bytes = [](const Row& row) {
-    return std::tuple(row.inclusive.bytes, row.self.bytes);
-  };
+// What rows and branches are ordered by, falling.
+std::uint64_t Rank(const Sums& sums, std::optional<std::int64_t> oldest, SortKey sort) {
   switch (sort) {
     case SortKey::kCount:
-      return std::tuple(a.inclusive.blocks, by_bytes(a)) >
-             std::tuple(b.inclusive.blocks, by_bytes(b));
+      return sums.blocks;
     case SortKey::kSize:
-      return std::tuple(MeanSize(a.inclusive), by_bytes(a)) >
-             std::tuple(MeanSize(b.inclusive), by_bytes(b));
+      return MeanSize(sums);
     case SortKey::kAge:
-      return std::tuple(a.oldest.value_or(kNoAge), by_bytes(a)) >
-             std::tuple(b.oldest.value_or(kNoAge), by_bytes(b));
+      // Ages may be negative, after a clock was set back; none comes last.
+      return oldest ? (std::uint64_t{1} << 63U) ^ static_cast<std::uint64_t>(*oldest) : 0;
     case SortKey::kTotal:
       break;
   }
-  return by_bytes(a) > by_bytes(b);
+  return sums.bytes;
+}
+
+bool RowBefore(const Row& a, const Row& b, SortKey sort) {
+  const auto rank = [sort](const Row& row) {
+    return std::tuple(Rank(row.inclusive, row.oldest, sort), row.inclusive.bytes, row.self.bytes);
+  };
+  return rank(a) > rank(b);
 }
 
 /// Numbers that say which frames go by one name in one library.
@@ -139,13 +138,19 @@ std::vector<Row> EmptyRows(const Profile& profile, const FrameKeys& keys, RowKin
   return rows;
 }
 
-void SortChildren(std::vector<TreeNode>* tree) {
+void SortChildren(std::vector<TreeNode>* tree, SortKey sort) {
+  const auto rank = [&](std::uint32_t index) {
+    const TreeNode& node = (*tree)[index];
+    return std::pair(Rank(node.sums, node.oldest, sort), node.sums.bytes);
+  };
   for (TreeNode& node : *tree) {
     std::stable_sort(node.children.begin(), node.children.end(),
-                     [&](std::uint32_t a, std::uint32_t b) {
-                       return (*tree)[a].sums.bytes > (*tree)[b].sums.bytes;
-                     });
+                     [&](std::uint32_t a, std::uint32_t b) { return rank(a) > rank(b); });
   }
+}
+
+void RaiseAge(std::optional<std::int64_t>* oldest, std::optional<std::int64_t> age) {
+  if (age.value_or(kNoAge) > oldest->value_or(kNoAge)) *oldest = age;
 }
 
 }  // namespace
@@ -153,6 +158,10 @@ void SortChildren(std::vector<TreeNode>* tree) {
 std::optional<std::int64_t> OldestAge(const Group& group) {
   if (group.ages.empty()) return std::nullopt;
   return *std::max_element(group.ages.begin(), group.ages.end());
+}
+
+std::uint64_t MeanSize(const Sums& sums) {
+  return sums.blocks == 0 ? 0 : sums.bytes / sums.blocks;
 }
 
 std::int64_t AgeSpan(const Profile& profile) {
@@ -228,7 +237,7 @@ std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind
       const std::uint32_t key = keys.key_of[frame];
       if (std::exchange(counted[key], index) == index) continue;
       rows[key].inclusive.Add(group);
-      if (oldest && rows[key].oldest.value_or(kNoAge) < *oldest) rows[key].oldest = oldest;
+      RaiseAge(&rows[key].oldest, oldest);
     }
   }
   std::erase_if(rows, [](const Row& row) { return row.inclusive.groups == 0; });
@@ -237,7 +246,8 @@ std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind
   return rows;
 }
 
-std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end) {
+std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end,
+                                SortKey sort) {
   const FrameKeys keys = NumberFrames(profile, RowKind::kFunction);
   std::vector<TreeNode> tree(1);
   tree[0].frame = kNone;
@@ -245,6 +255,7 @@ std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected
   for (const std::size_t index : selected.groups) {
     const Group& group = profile.groups[index];
     std::uint32_t at = 0;
+    const std::optional<std::int64_t> oldest = OldestAge(group);
     tree[at].sums.Add(group);
     for (std::size_t i = 0; i < group.stack.size(); ++i) {
       const std::uint32_t frame =
@@ -257,10 +268,11 @@ std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected
       }
       at = entry->second;
       tree[at].sums.Add(group);
+      RaiseAge(&tree[at].oldest, oldest);
     }
     tree[at].self.Add(group);
   }
-  SortChildren(&tree);
+  SortChildren(&tree, sort);
   return tree;
 }
 

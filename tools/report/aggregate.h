@@ -77,7 +77,8 @@ struct TreeNode {
   std::uint32_t frame = 0;  ///< one of the frames that go by this name, index into Profile::frames
   Sums sums;                ///< groups whose stacks come through here
   Sums self;                ///< those that end here
-  std::vector<std::uint32_t> children;  ///< indices into the tree, largest first
+  std::optional<std::int64_t> oldest = {};  ///< age among the groups of `sums`
+  std::vector<std::uint32_t> children;      ///< indices into the tree, in the order asked for
 };
 
 /// From which end the tree starts.
@@ -86,7 +87,12 @@ enum class TreeEnd {
   kInnermost,  ///< from what allocates up to its callers
 };
 
-/// The stacks of `selected` put together; element 0 is the root, which has no frame.
-std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end);
+/// The stacks of `selected` put together, the calls below each ordered as AddUp orders rows;
+/// element 0 is the root, which has no frame.
+std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end,
+                                SortKey sort);
+
+/// Bytes of a block on average; 0 without blocks.
+std::uint64_t MeanSize(const Sums& sums);
 
 }  // namespace memleak

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <numeric>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -55,13 +56,19 @@ class Builder {
 
  private:
   std::int64_t Text(std::string_view text);
+  void OrderMappings();
   void AddMappings();
+  pb::Mapping* MappingOf(std::int32_t library) {
+    return message_.mutable_mapping(place_of_[static_cast<std::size_t>(library)]);
+  }
   std::uint64_t FunctionOf(const Frame& frame);
   std::uint64_t LocationOf(const std::vector<std::uint32_t>& frames);
   void AddType(pb::ValueType* type, const char* name, const char* unit);
 
   const Profile& profile_;
   pb::Profile message_;
+  std::vector<std::size_t> order_;  // of the libraries, as mappings
+  std::vector<int> place_of_;       // by library: its place in that order
   std::unordered_map<std::string, std::int64_t> texts_;
   std::map<std::tuple<std::int64_t, std::int64_t>, std::uint64_t> functions_;  // name, file
   std::map<std::vector<std::uint32_t>, std::uint64_t> locations_;
@@ -96,9 +103,38 @@ void Builder::AddHead() {
            " bytes in " + std::to_string(unlisted.groups) + " groups"));
 }
 
+// Readers take the first mapping for the program itself. A report does not name it: it is what has
+// a "main", no library's name, and most frames.
+void Builder::OrderMappings() {
+  using Rank = std::tuple<bool, bool, std::uint64_t>;
+  std::vector<Rank> ranks(profile_.libraries.size());
+  for (std::size_t i = 0; i < ranks.size(); ++i) {
+    const std::string& path = profile_.libraries[i].path;
+    std::get<0>(ranks[i]) =
+        path.starts_with('/') && path.find(".so", path.rfind('/')) == std::string::npos;
+  }
+  for (const Frame& frame : profile_.frames) {
+    if (frame.library < 0) continue;
+    auto& [program, has_main, frames] = ranks[static_cast<std::size_t>(frame.library)];
+    has_main = has_main || frame.function == "main" || frame.function == "_start";
+    ++frames;
+  }
+  order_.resize(ranks.size());
+  std::iota(order_.begin(), order_.end(), std::size_t{0});
+  const auto first =
+      std::max_element(order_.begin(), order_.end(),
+                       [&](std::size_t a, std::size_t b) { return ranks[a] < ranks[b]; });
+  const bool found = first != order_.end() && std::get<0>(ranks[*first]);
+  if (found) std::rotate(order_.begin(), first, first + 1);
+  place_of_.resize(order_.size());
+  for (std::size_t i = 0; i < order_.size(); ++i) place_of_[order_[i]] = static_cast<int>(i);
+}
+
 void Builder::AddMappings() {
+  OrderMappings();
   std::vector<std::uint64_t> highest(profile_.libraries.size(), 0);
-  for (const Library& library : profile_.libraries) {
+  for (const std::size_t index : order_) {
+    const Library& library = profile_.libraries[index];
     pb::Mapping* mapping = message_.add_mapping();
     mapping->set_id(static_cast<std::uint64_t>(message_.mapping_size()));
     mapping->set_filename(Text(library.path));
@@ -107,7 +143,7 @@ void Builder::AddMappings() {
   for (const Frame& frame : profile_.frames) {
     if (frame.library < 0) continue;
     const auto library = static_cast<std::size_t>(frame.library);
-    pb::Mapping* mapping = message_.mutable_mapping(frame.library);
+    pb::Mapping* mapping = MappingOf(frame.library);
     highest[library] = std::max(highest[library], FileAddress(frame));
     if (!frame.function.empty()) mapping->set_has_functions(true);
     if (!frame.file.empty()) mapping->set_has_filenames(true);
@@ -115,10 +151,10 @@ void Builder::AddMappings() {
     if (frame.inlined) mapping->set_has_inline_frames(true);
   }
   std::uint64_t start = kFirstMapping;
-  for (std::size_t i = 0; i < highest.size(); ++i) {
-    pb::Mapping* mapping = message_.mutable_mapping(static_cast<int>(i));
+  for (const std::size_t index : order_) {
+    pb::Mapping* mapping = MappingOf(static_cast<std::int32_t>(index));
     mapping->set_memory_start(start);
-    start += (highest[i] / kPage + 1) * kPage;
+    start += (highest[index] / kPage + 1) * kPage;
     mapping->set_memory_limit(start);
   }
 }
@@ -146,7 +182,7 @@ std::uint64_t Builder::LocationOf(const std::vector<std::uint32_t>& frames) {
   location->set_id(known->second);
   const Frame& outermost = profile_.frames[frames.back()];
   if (outermost.library >= 0) {
-    const pb::Mapping& mapping = message_.mapping(outermost.library);
+    const pb::Mapping& mapping = *MappingOf(outermost.library);
     location->set_mapping_id(mapping.id());
     location->set_address(mapping.memory_start() + FileAddress(outermost));
   } else {

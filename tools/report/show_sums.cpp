@@ -1,6 +1,8 @@
 // Sums as tables and as trees.
 #include <algorithm>
+#include <optional>
 #include <ostream>
+#include <utility>
 
 #include "tools/format.h"
 #include "tools/report/printer.h"
@@ -38,12 +40,43 @@ struct PendingLine {
   std::size_t indent = 0;
   std::size_t more = 0;  // with a count, the line that stands for so many branches
   Sums left_out;
+  std::optional<std::int64_t> oldest;  // of these
 };
+
+// The column of a tree for what its branches are ordered by, beside bytes.
+std::size_t OrderColumns(SortKey sort) {
+  switch (sort) {
+    case SortKey::kCount:
+      return kBlocksColumns;
+    case SortKey::kSize:
+      return kBytesColumns;
+    case SortKey::kAge:
+      return kAgeColumns;
+    case SortKey::kTotal:
+      break;
+  }
+  return 0;
+}
+
+const char* OrderTitle(SortKey sort) {
+  if (sort == SortKey::kCount) return "blocks";
+  return sort == SortKey::kSize ? "a block" : "oldest";
+}
+
+std::string OrderText(SortKey sort, const Sums& sums, std::optional<std::int64_t> oldest) {
+  if (sort == SortKey::kCount) return FormatCount(sums.blocks);
+  if (sort == SortKey::kSize) return FormatBytes(MeanSize(sums));
+  return oldest ? FormatAge(*oldest) : "";
+}
 
 class TreePrinter {
  public:
   TreePrinter(const Section& section, std::vector<TreeNode> tree, std::ostream& out)
-      : section_(section), tree_(std::move(tree)), out_(out), paint_(section.options.color) {}
+      : section_(section),
+        tree_(std::move(tree)),
+        out_(out),
+        paint_(section.options.color),
+        sort_(section.options.selection.sort) {}
 
   Sums Print() {
     Push(0, 0);
@@ -63,9 +96,12 @@ class TreePrinter {
  private:
   // Puts the children of a node on the stack, the largest on top.
   void Push(std::uint32_t parent, std::size_t indent) {
-    const std::vector<std::uint32_t>& children = tree_[parent].children;
-    std::size_t shown = 0;
-    while (shown < children.size() && IsShown(shown, children[shown])) ++shown;
+    std::vector<std::uint32_t>& children = tree_[parent].children;
+    // Branches that are too small to be drawn may stand before others, in other orders than theirs.
+    const auto large = std::stable_partition(children.begin(), children.end(),
+                                             [&](std::uint32_t child) { return IsLarge(child); });
+    auto shown = static_cast<std::size_t>(large - children.begin());
+    if (section_.options.top != 0) shown = std::min(shown, section_.options.top);
     // A call that has one caller, or makes one call, stands below it without a step to the right.
     const bool forks = shown != children.size() || shown > 1;
     if (parent == 0) many_roots_ = forks;
@@ -73,46 +109,56 @@ class TreePrinter {
     const bool fork = forks || tree_[parent].self.groups != 0 || (many_roots_ && indent == 0);
     const std::size_t inner =
         parent == 0 ? 0 : std::min(kDeepestIndent, indent + (fork ? kIndentStep : 0));
-    PendingLine rest{
-        .node = parent, .indent = inner, .more = children.size() - shown, .left_out = {}};
+    PendingLine rest{.node = parent,
+                     .indent = inner,
+                     .more = children.size() - shown,
+                     .left_out = {},
+                     .oldest = {}};
     for (std::size_t i = shown; i < children.size(); ++i) {
-      const Sums& sums = tree_[children[i]].sums;
-      rest.left_out.bytes += sums.bytes;
-      rest.left_out.groups += sums.groups;
+      const TreeNode& node = tree_[children[i]];
+      rest.left_out.Add(node.sums);
+      if (node.oldest) rest.oldest = std::max(rest.oldest.value_or(*node.oldest), *node.oldest);
     }
-    left_out_.bytes += rest.left_out.bytes;
-    left_out_.groups += rest.left_out.groups;
+    left_out_.Add(rest.left_out);
     if (rest.more != 0) pending_.push_back(rest);
     for (std::size_t i = shown; i-- > 0;) {
-      pending_.push_back({.node = children[i], .indent = inner, .more = 0, .left_out = {}});
+      pending_.push_back(
+          {.node = children[i], .indent = inner, .more = 0, .left_out = {}, .oldest = {}});
     }
   }
 
-  bool IsShown(std::size_t place, std::uint32_t node) const {
-    const std::size_t top = section_.options.top;
-    return top == 0 ||
-           (place < top && tree_[node].sums.bytes >= tree_[0].sums.bytes / kSmallestShare);
+  // By blocks, where these are asked for.
+  bool IsLarge(std::uint32_t node) const {
+    const Sums& sums = tree_[node].sums;
+    const Sums& all = tree_[0].sums;
+    if (section_.options.top == 0) return true;
+    return sort_ == SortKey::kCount ? sums.blocks >= all.blocks / kSmallestShare
+                                    : sums.bytes >= all.bytes / kSmallestShare;
   }
 
-  void PrintFigures(const Sums& sums, std::size_t indent) {
+  void PrintFigures(const Sums& sums, std::optional<std::int64_t> oldest, std::size_t indent) {
     out_ << paint_.Strong(Right(FormatBytes(sums.bytes), kBytesColumns))
-         << Right(Percent(sums.bytes, section_.whole), kShareColumns + 1) << "  "
-         << std::string(indent, ' ');
+         << Right(Percent(sums.bytes, section_.whole), kShareColumns + 1);
+    if (sort_ != SortKey::kTotal) {
+      out_ << Right(OrderText(sort_, sums, oldest), OrderColumns(sort_) + 1);
+    }
+    out_ << "  " << std::string(indent, ' ');
   }
 
   std::size_t Room(std::size_t indent) const {
-    return kColumns - kBytesColumns - kShareColumns - 3 - indent;
+    const std::size_t order = OrderColumns(sort_);
+    return kColumns - kBytesColumns - kShareColumns - 3 - (order == 0 ? 0 : order + 1) - indent;
   }
 
   void PrintNode(const PendingLine& line) {
     const TreeNode& node = tree_[line.node];
-    PrintFigures(node.sums, line.indent);
+    PrintFigures(node.sums, node.oldest, line.indent);
     const Frame& frame = section_.profile.frames[node.frame];
     out_ << paint_.Name(FitWidth(FrameName(section_.profile, frame), Room(line.indent))) << "\n";
   }
 
   void PrintMore(const PendingLine& line) {
-    PrintFigures(line.left_out, line.indent);
+    PrintFigures(line.left_out, line.oldest, line.indent);
     out_ << paint_.Faint("(" + FormatCount(line.more) + " more)") << "\n";
   }
 
@@ -120,6 +166,7 @@ class TreePrinter {
   std::vector<TreeNode> tree_;
   std::ostream& out_;
   Paint paint_;
+  SortKey sort_;
   std::vector<PendingLine> pending_;
   Sums left_out_;
   bool many_roots_ = false;
@@ -143,8 +190,7 @@ Sums PrintRows(const Section& section, RowKind kind, std::ostream& out) {
     if (section.options.top != 0 && shown == section.options.top) break;
     ++shown;
     PrintRow(section, row, kind, out);
-    below.bytes -= row.self.bytes;
-    below.groups -= row.self.groups;
+    below.Subtract(row.self);
   }
   if (shown < rows.size()) {
     out << Right("", kBytesColumns) << "  and " << FormatCount(rows.size() - shown) << " more\n";
@@ -154,11 +200,12 @@ Sums PrintRows(const Section& section, RowKind kind, std::ostream& out) {
 
 Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out) {
   if (section.selected.groups.empty()) return {};
-  out << "\n"
-      << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1)
-      << (end == TreeEnd::kOutermost ? "  from the outermost call inwards\n"
+  const SortKey sort = section.options.selection.sort;
+  out << "\n" << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1);
+  if (sort != SortKey::kTotal) out << Right(OrderTitle(sort), OrderColumns(sort) + 1);
+  out << (end == TreeEnd::kOutermost ? "  from the outermost call inwards\n"
                                      : "  from the allocating call outwards\n");
-  return TreePrinter(section, BuildTree(section.profile, section.selected, end), out).Print();
+  return TreePrinter(section, BuildTree(section.profile, section.selected, end, sort), out).Print();
 }
 
 }  // namespace memleak
