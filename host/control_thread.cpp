@@ -26,8 +26,6 @@ constexpr size_t kParameterOffset = 24;
 
 // The handler clears tables and starts threads; reports have a thread and a stack of their own.
 constexpr size_t kStackBytes = size_t{256} << 10;
-// A fork waits so long for a command; beyond, a child without a working tracker is the lesser evil.
-constexpr int kForkWaitMs = 1000;
 
 // Held by whoever starts or stops the thread or waits for a command, and by a thread that forks
 // from before the fork until both sides have their control threads.
@@ -50,6 +48,7 @@ bool blocked_at_start = false;
 // Id of the thread whose fork holds change_lock, 0 for none. Of two that fork at once, one may have
 // gone on without it.
 std::atomic<int> forking_thread{0};
+int fork_patience_ms = 0;  // set before the fork handlers are there
 
 int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
@@ -197,7 +196,7 @@ bool StopUntil(const timespec& moment) {
 /// Nothing of a command half done gets into the child this way; and an emulated child can start
 /// threads only where its parent had none (qemu 7.2 loses count of them in a fork).
 void BeforeFork() {
-  const timespec moment = WallClock(kForkWaitMs);
+  const timespec moment = WallClock(fork_patience_ms);
   if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return;
   forking_thread.store(ThreadId());
   StopUntil(moment);
@@ -290,7 +289,8 @@ bool StopControlThread(int timeout_ms) {
   return stopped;
 }
 
-int KeepControlThreadAcrossForks() {
+int KeepControlThreadAcrossForks(int patience_ms) {
+  fork_patience_ms = patience_ms;
   return pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
 }
 

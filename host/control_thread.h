@@ -38,10 +38,15 @@ int StartControlThread();
 /// thread itself: there it returns false.
 bool StopControlThread(int timeout_ms);
 
-/// Keeps the thread across forks: it is stopped before a fork and started anew in parent and child.
-/// Call it after track_initialize, so that in the child the tracker's own fork handler has freed
-/// its locks first. Returns 0 or an errno value.
-int KeepControlThreadAcrossForks();
+/// So long a fork waits for a command; beyond, a child without a working tracker is the lesser
+/// evil.
+inline constexpr int kForkPatienceMs = 1000;
+
+/// Keeps the thread across forks: it is stopped before a fork, for which the fork waits at most
+/// `patience_ms`, and started anew in parent and child. Call it once, after track_initialize, so
+/// that in the child the tracker's own fork handler has freed its locks first. Returns 0 or an
+/// errno value.
+int KeepControlThreadAcrossForks(int patience_ms = kForkPatienceMs);
 
 /// Whether the control thread of this process has carried out any command.
 bool CommandsWereCarriedOut();
