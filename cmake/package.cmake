@@ -12,8 +12,10 @@ install(TARGETS memleak_preload memleak_tracker LIBRARY DESTINATION lib/memleak)
 install(FILES packaging/memleak.bash
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME memleak)
 install(FILES packaging/memleak.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES README.md docs/control-protocol.md docs/report-format.md docs/trend-json.md
-  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# By the package's name; documents and picture are where README.md names them.
+set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/memleak-tracker)
+install(FILES README.md DESTINATION ${doc_dir})
+install(DIRECTORY docs DESTINATION ${doc_dir} FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME memleak-tracker)

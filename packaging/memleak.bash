@@ -23,6 +23,16 @@ _memleak_pids() {
   done
   _memleak_words "${pids[*]}"
 }
+_memleak_word_then_pid() {
+  local word
+  for word in "${COMP_WORDS[@]:2:COMP_CWORD-2}"; do
+    if [[ " $1 " == *" $word "* ]]; then
+      _memleak_pids
+      return
+    fi
+  done
+  _memleak_words "$1"
+}
 
 _memleak() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
@@ -118,7 +128,8 @@ _memleak() {
   fi
   case $command in
     show|html|diff|export) _memleak_files ;;
-    on|pause|report|clear|libs|fd|send|status|watch) _memleak_pids ;;
+    on|pause|report|clear|libs|send|status|watch) _memleak_pids ;;
+    fd) _memleak_word_then_pid "on off dump clear" ;;
   esac
 }
 complete -F _memleak memleak

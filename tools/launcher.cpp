@@ -48,6 +48,11 @@ fs::path OwnDirectory() {
   return fs::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
+bool IsBuildTree(const fs::path& directory) {
+  std::error_code ignored;
+  return fs::exists(directory / "CMakeCache.txt", ignored);
+}
+
 // Beside the controller, in a build tree, in an installation, and in the other preset of a build
 // tree.
 std::vector<std::string> LibraryCandidates(const std::string& libdir) {
@@ -56,6 +61,7 @@ std::vector<std::string> LibraryCandidates(const std::string& libdir) {
   const fs::path prefix = own.parent_path();
   std::vector<std::string> candidates = {own.string(), (prefix / "lib").string(),
                                          (prefix / "lib" / "memleak").string()};
+  if (!IsBuildTree(prefix)) return candidates;
   for (const char* preset : {"native", "aarch64"}) {
     candidates.push_back((prefix.parent_path() / preset / "lib").string());
   }
@@ -64,8 +70,7 @@ std::vector<std::string> LibraryCandidates(const std::string& libdir) {
 
 std::string LibrariesRemedy(const std::string& libdir, std::uint16_t machine) {
   if (!libdir.empty()) return "name the directory that holds them with --libdir DIR";
-  std::error_code ignored;
-  if (!fs::exists(OwnDirectory().parent_path() / "CMakeCache.txt", ignored)) {
+  if (!IsBuildTree(OwnDirectory().parent_path())) {
     return "say where they are with --libdir DIR";
   }
   const std::string preset = machine == EM_AARCH64 ? "aarch64" : "native";

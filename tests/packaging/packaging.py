@@ -62,6 +62,8 @@ def completion(source, build):
     assert complete(script, "memleak", "run", "--unwind", "") == ["fp", "dwarf"]
     assert complete(script, "memleak", "show", "--sort", "c") == ["count"]
     assert complete(script, "memleak", "show", "memleak.b") == ["memleak.bash"]
+    assert complete(script, "memleak", "fd", "--depth", "5", "o") == ["on", "off"]
+    assert complete(script, "memleak", "fd", "on", "o") == []
     # Behind "--" stands another program's command line.
     assert complete(script, "memleak", "run", "--start", "--", "--st") == []
     sleeper = subprocess.Popen(["sleep", "60"])
@@ -94,6 +96,9 @@ def package(_, build):
     files = {str(path.relative_to(usr)) for path in usr.rglob("*") if path.is_file()}
     assert {"bin/memleak", "lib/memleak/libmemleak_preload.so", "lib/memleak/libmemleak_tracker.so",
             "share/man/man1/memleak.1", "share/bash-completion/completions/memleak"} <= files, files
+    shared = usr / "share/doc/memleak-tracker"
+    named = set(re.findall(r"docs/[\w.-]+", (shared / "README.md").read_text()))
+    assert named and all((shared / name).exists() for name in named), named
     memleak = usr / "bin/memleak"
     subprocess.run([memleak, "run", "--start", "--report-at-exit", "--root", work / "root", "--",
                     build / "bin/memleak_example_leak"], check=True, timeout=60,
