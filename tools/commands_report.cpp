@@ -11,6 +11,8 @@
 #include "tools/commands.h"
 #include "tools/control.h"
 #include "tools/format.h"
+#include "tools/interference.h"
+#include "tools/log_tail.h"
 #include "tools/process_info.h"
 #include "tools/report/report_parser.h"
 #include "tools/report/show.h"
@@ -44,10 +46,8 @@ std::string UnknownRecording(const ProcessInfo& process) {
 }
 
 std::string RecordingText(const ProcessInfo& process) {
-  const std::optional<std::string> log =
-      process.log.empty() ? std::nullopt : ReadTextFile(process.log);
-  if (!log) return UnknownRecording(process);
-  switch (RecordingFromLog(*log)) {
+  if (!OwnLog(process)) return UnknownRecording(process);
+  switch (RecordingOf(process)) {
     case Recording::kOn:
       return "on";
     case Recording::kPaused:
@@ -64,8 +64,7 @@ std::string RecordingText(const ProcessInfo& process) {
 
 // What the log tells of the kinds that are recorded through hooks; empty when nothing.
 std::string HooksText(const ProcessInfo& process) {
-  const std::optional<std::string> log =
-      process.log.empty() ? std::nullopt : ReadTextFile(process.log);
+  const std::optional<std::string> log = OwnLog(process);
   return log ? HooksFromLog(*log) : "";
 }
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <limits>
 #include <vector>
 
@@ -47,6 +48,15 @@ std::string FormatCount(std::uint64_t count) {
   std::string digits = std::to_string(count);
   for (std::size_t i = digits.size(); i > 3; i -= 3) digits.insert(i - 3, ",");
   return digits;
+}
+
+std::string FormatClock(std::int64_t seconds_since_epoch) {
+  const std::time_t time = seconds_since_epoch;
+  std::tm parts{};
+  localtime_r(&time, &parts);
+  std::array<char, 32> text{};
+  std::strftime(text.data(), text.size(), "%H:%M:%S", &parts);
+  return text.data();
 }
 
 std::string FormatAge(std::int64_t seconds) {

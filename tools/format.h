@@ -17,6 +17,9 @@ std::string FormatCount(std::uint64_t count);
 /// set back) keeps its sign.
 std::string FormatAge(std::int64_t seconds);
 
+/// A moment of today, local time: "14:03:22".
+std::string FormatClock(std::int64_t seconds_since_epoch);
+
 /// `text` with control characters replaced by '?', so that a name cannot steer the terminal, and
 /// shortened in the middle to `width` columns (a code point counts as one).
 std::string FitWidth(std::string_view text, std::size_t width);

@@ -121,12 +121,16 @@ Exit codes:
 inline constexpr const char* kWatch = R"(
 Takes a report every so often while recording goes on, saves each in DIR under
 its number and time, and ends by saying what grew from the first to the last.
-Native recording is switched on, with empty tables, unless the log says that it
-is on; it is never switched off. Ends when the time is over, when the process
-ends, or on Ctrl-C, which takes a last report; a second Ctrl-C ends at once.
+Native recording is switched on unless the log says that it is on; it is never
+switched off. Tables are emptied only where the log says that a report stopped
+it. Ends when the time is over, when the process ends, or on Ctrl-C, which takes
+a last report; a second Ctrl-C ends at once. Ends too when another command has
+stopped, paused or cleared recording, and says so: reports from before and after
+that cannot be compared. Without a log, only a report that others take, or one
+that is empty, tells of it.
 
-A group is the blocks of one size and one stack, compared by the names of the
-functions on it. Of each that grew:
+A group is the blocks of one size and one stack, compared by the functions and
+libraries on it. Of each that grew:
   +4.7 KiB              bytes more in the last report than in the first
   +1.2 KiB/min          its slope: a straight line by least squares through all
                         reports that tell its size
@@ -148,7 +152,8 @@ Examples:
 Exit codes:
   0  done
   2  no such process, not permitted, not tracked, recording through hooks, DIR
-     not new or not writable, or no complete report in time)";
+     not new or not writable, no complete report in time, or another command
+     has broken the trend)";
 
 inline constexpr const char* kClear = R"(
 Drops everything recorded so far, of every kind. Recording stays as it is, on

@@ -2,10 +2,10 @@
 #include "tools/kinds.h"
 
 #include <algorithm>
-#include <charconv>
 #include <sstream>
 
 #include "tools/control.h"
+#include "tools/log_tail.h"
 #include "tools/root_directory.h"
 #include "tools/user_error.h"
 
@@ -32,19 +32,6 @@ void AddName(const std::string& option, std::string_view piece, std::vector<std:
                     "give names separated by commas, such as libfoo.so,libbar.so");
   }
   if (std::find(names->begin(), names->end(), name) == names->end()) names->emplace_back(name);
-}
-
-// The command word in a "received_sig" line, or 0.
-std::uint64_t ReceivedWord(std::string_view line) {
-  constexpr std::string_view kAddress = ";addr:0x";
-  const std::size_t address = line.find(kAddress);
-  std::uint64_t word = 0;
-  if (line.find("received_sig ") == std::string_view::npos || address == std::string_view::npos) {
-    return word;
-  }
-  const std::string_view digits = line.substr(address + kAddress.size());
-  std::from_chars(digits.data(), digits.data() + digits.size(), word, 16);
-  return word;
 }
 
 /// A log that is read from its start, one command word after another.

@@ -35,7 +35,10 @@ std::vector<std::string> LogTail::Lines() const {
   std::vector<std::string> lines;
   if (!readable_) return lines;
   std::ifstream file(path_, std::ios::binary);
-  file.seekg(static_cast<std::streamoff>(start_));
+  const std::optional<FileState> state = StateOf(path_);
+  // One that is shorter was emptied or made anew.
+  const bool grown = state && static_cast<std::uint64_t>(state->size) >= start_;
+  file.seekg(static_cast<std::streamoff>(grown ? start_ : 0));
   for (std::string line; std::getline(file, line) && !file.eof();) {
     const pid_t process = ProcessOf(line);
     if (process == 0 || process == pid_) lines.push_back(line);
@@ -53,6 +56,18 @@ std::optional<std::string> OwnLog(const ProcessInfo& process) {
     if (writer == 0 || writer == process.pid) text += line + "\n";
   }
   return text;
+}
+
+std::uint64_t ReceivedWord(std::string_view line) {
+  constexpr std::string_view kAddress = ";addr:0x";
+  const std::size_t address = line.find(kAddress);
+  std::uint64_t word = 0;
+  if (line.find("received_sig ") == std::string_view::npos || address == std::string_view::npos) {
+    return word;
+  }
+  const std::string_view digits = line.substr(address + kAddress.size());
+  std::from_chars(digits.data(), digits.data() + digits.size(), word, 16);
+  return word;
 }
 
 std::string LogText(const std::string& line) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/process_info.h"
@@ -31,6 +32,9 @@ class LogTail {
 /// The lines that `process` itself has left in its log so far, one file being shared by those that
 /// it forked. Nothing when there is no log that can be read.
 std::optional<std::string> OwnLog(const ProcessInfo& process);
+
+/// The command word of a line that says that one was received; 0 for any other line.
+std::uint64_t ReceivedWord(std::string_view line);
 
 /// A line without time, process, thread and priority: "TAG: TEXT".
 std::string LogText(const std::string& line);

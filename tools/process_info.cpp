@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "tools/control.h"
+#include "tools/log_tail.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -328,20 +329,12 @@ bool RunsEmulated() {
 }
 
 Recording RecordingFromLog(std::string_view log) {
-  constexpr std::string_view kReceived = "received_sig ";
-  constexpr std::string_view kAddress = ";addr:0x";
   Recording state = Recording::kNever;
   ForEachLine(log, '\n', [&](std::string_view line) {
     if (line.find("set hook to:true") != std::string_view::npos) state = Recording::kOn;
     if (line.find("set hook to:false") != std::string_view::npos) state = Recording::kPaused;
-    const std::size_t address = line.find(kAddress);
-    if (line.find(kReceived) == std::string_view::npos || address == std::string_view::npos) {
-      return true;
-    }
     // Stopping logs no line of its own, so the command word itself is read.
-    const std::string_view digits = line.substr(address + kAddress.size());
-    std::uint64_t word = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), word, 16);
+    const std::uint64_t word = ReceivedWord(line);
     if ((word & kNativeOn) != 0) state = Recording::kOn;
     if ((word & kNativePause) != 0) state = Recording::kPaused;
     if ((word & kNativeReport) != 0) state = Recording::kStopped;

@@ -14,6 +14,7 @@ namespace memleak {
 namespace {
 
 constexpr std::size_t kColumns = 80;
+constexpr std::size_t kIndent = 5;
 constexpr double kMostBytes = 1e18;
 
 std::string Magnitude(double bytes) {
@@ -40,6 +41,16 @@ std::string ValueText(const std::optional<GroupValue>& value) {
   return value ? FormatCount(value->count) : "?";
 }
 
+// Fits behind the indent. Names without a function start with the library's.
+std::string FrameText(const std::string& name, const std::string& library) {
+  constexpr std::size_t kMostLibrary = 24;
+  if (library.empty() || name.starts_with(library + "+0x")) {
+    return FitWidth(name, kColumns - kIndent);
+  }
+  const std::string place = "  [" + FitWidth(library, kMostLibrary) + "]";
+  return FitWidth(name, kColumns - kIndent - kMostLibrary - 4) + place;
+}
+
 void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
   const std::optional<std::int64_t> growth = group.Growth();
   out << "#" << number << "  " << (growth ? Signed(static_cast<double>(*growth)) : "?") << "  "
@@ -50,9 +61,8 @@ void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) 
     out << ", known in " << group.Known() << " of " << group.values.size() << " reports";
   }
   out << "\n";
-  constexpr std::size_t kIndent = 5;
-  for (const std::string& name : group.stack) {
-    out << std::string(kIndent, ' ') << FitWidth(name, kColumns - kIndent) << "\n";
+  for (std::size_t i = 0; i < group.stack.size(); ++i) {
+    out << std::string(kIndent, ' ') << FrameText(group.stack[i], group.libraries[i]) << "\n";
   }
 }
 
@@ -66,6 +76,11 @@ bool IsUntold(const GroupTrend& group) {
   return !group.Growth() && !group.line;
 }
 
+std::string UnlistedText(const SavedReport& report) {
+  return FormatBytes(report.unlisted.bytes) + " in " + FormatCount(report.unlisted.groups) +
+         " groups";
+}
+
 nlohmann::json ToJson(const std::optional<GroupValue>& value) {
   if (!value) return nullptr;
   return {{"count", value->count}, {"total", value->total}};
@@ -77,6 +92,7 @@ nlohmann::json ToJson(const GroupTrend& group) {
   nlohmann::json document = {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
                              {"size", group.size},
                              {"stack", group.stack},
+                             {"libraries", group.libraries},
                              {"values", values},
                              {"growth", nullptr},
                              {"line", nullptr}};
@@ -115,22 +131,28 @@ void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<Grou
     out << "nothing is known of the growth of " << untold
         << " groups: they were among the 1000\nlargest, which a report lists, once at most\n";
   }
+  if (first.unlisted.groups != 0 || last.unlisted.groups != 0) {
+    out << "not in the lists: " << UnlistedText(first) << " of the first report, "
+        << UnlistedText(last) << "\nof the last; what of that grew is not known\n";
+  }
 }
 
 void WriteTrends(const std::string& process, const std::vector<SavedReport>& reports,
-                 const std::vector<GroupTrend>& groups, std::ostream& out) {
-  nlohmann::json document = {{"format", "memleak-trend"},
-                             {"version", 1},
-                             {"process", process},
-                             {"reports", nlohmann::json::array()},
-                             {"groups", nlohmann::json::array()}};
+                 const std::vector<GroupTrend>& groups, const std::optional<TrendBreak>& broken,
+                 std::ostream& out) {
+  nlohmann::json document = {{"format", "memleak-trend"}, {"version", 1},
+                             {"process", process},        {"reports", nlohmann::json::array()},
+                             {"broken", nullptr},         {"groups", nlohmann::json::array()}};
   for (const SavedReport& report : reports) {
     document["reports"].push_back({{"file", report.file},
                                    {"time", report.time},
                                    {"seconds", report.seconds},
                                    {"bytes", report.bytes},
-                                   {"groups", report.groups}});
+                                   {"groups", report.groups},
+                                   {"unlistedBytes", report.unlisted.bytes},
+                                   {"unlistedGroups", report.unlisted.groups}});
   }
+  if (broken) document["broken"] = {{"seconds", broken->seconds}, {"why", broken->why}};
   for (const GroupTrend& group : groups) document["groups"].push_back(ToJson(group));
   WriteJson(document, out);
 }

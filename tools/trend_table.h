@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,23 @@ struct SavedReport {
   std::int64_t time = 0;     ///< since the epoch
   std::uint64_t bytes = 0;   ///< native ones, all groups
   std::uint64_t groups = 0;  ///< the same
+  Sums unlisted;             ///< those of them that the report does not list
 };
 
-/// Prints the groups that grew, at most `top` (0: all), and how many there are beside them.
+/// Why the reports do not go on, and when that was found.
+struct TrendBreak {
+  double seconds = 0;  ///< since the first report
+  std::string why;
+};
+
+/// Prints the groups that grew, at most `top` (0: all), how many there are beside them, and how
+/// much the reports do not list.
 void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<GroupTrend>& groups,
                  std::uint32_t top, std::ostream& out);
 
 /// Writes everything as one JSON document, always valid UTF-8.
 void WriteTrends(const std::string& process, const std::vector<SavedReport>& reports,
-                 const std::vector<GroupTrend>& groups, std::ostream& out);
+                 const std::vector<GroupTrend>& groups, const std::optional<TrendBreak>& broken,
+                 std::ostream& out);
 
 }  // namespace memleak

@@ -2,6 +2,8 @@
 // would leave stale records behind.
 #include "tools/watch.h"
 
+#include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -18,8 +20,12 @@
 #include "tools/control.h"
 #include "tools/format.h"
 #include "tools/html.h"
+#include "tools/interference.h"
+#include "tools/log_tail.h"
 #include "tools/process_info.h"
 #include "tools/report/diff_json.h"
+#include "tools/report/report_parser.h"
+#include "tools/report_wait.h"
 #include "tools/root_directory.h"
 #include "tools/take_report.h"
 #include "tools/trend_table.h"
@@ -59,19 +65,23 @@ void PrepareDirectory(const std::string& directory) {
   }
 }
 
-// Whether the process records its heap, as far as its log tells.
-bool IsRecording(const ProcessInfo& process) {
-  const std::optional<std::string> log =
-      process.log.empty() ? std::nullopt : ReadTextFile(process.log);
-  return log && RecordingFromLog(*log) == Recording::kOn;
-}
-
-std::string TimeText(std::time_t time, const char* format) {
-  std::tm parts{};
-  localtime_r(&time, &parts);
-  std::ostringstream text;
-  text << std::put_time(&parts, format);
-  return text.str();
+// Tables are emptied only where it is known that what they hold is stale: frees are not seen after
+// a stop, whose report has saved them.
+void StartRecording(const ProcessInfo& process) {
+  const Recording state = RecordingOf(process);
+  if (state == Recording::kOn) {
+    std::cout << process.Label() << ": recording goes on, with what it has\n";
+    return;
+  }
+  OnOptions on;
+  on.pid = process.pid;
+  // A log that tells of no "on" may have been emptied itself.
+  on.keep = state != Recording::kStopped;
+  OnCommand(on);
+  if (state == Recording::kUnknown) {
+    std::cout << "        no log of it tells whether it was recording, or will tell when others\n"
+                 "        end that: blocks from before a stop may be listed that are freed\n";
+  }
 }
 
 /// The rounds, and what they have brought so far.
@@ -96,8 +106,12 @@ class Watch {
   }
   bool IsThere() const { return IsAlive(process_.pid) && StartOf(process_.pid) == started_; }
 
-  bool WaitUntil(steady_clock::time_point time) const;
-  void Round();
+  bool IsEnding() const;
+  bool WaitUntil(steady_clock::time_point time);
+  std::string Interference() const;
+  bool Round();
+  bool GoesOn(const std::string& why);
+  bool Belongs(const ReportHeader& header);
   void WriteDifferencePage() const;
   std::string Save(std::time_t now) const;
   void PrintRound(const SavedReport& saved, milliseconds took) const;
@@ -106,15 +120,27 @@ class Watch {
   ProcessInfo process_;
   std::optional<std::uint64_t> started_;
   steady_clock::time_point begin_;
+  std::optional<LogTail> log_;      // from the first report on
+  std::optional<FileState> taken_;  // the latest report, where the process has put it
   std::vector<SavedReport> reports_;
   Trends trends_;
+  std::optional<TrendBreak> broken_;
 };
 
-// Returns false when there is no process to report any more.
-bool Watch::WaitUntil(steady_clock::time_point time) const {
+// What another command has done since the first report, as far as can be told; empty for nothing.
+std::string Watch::Interference() const {
+  if (log_->IsReadable()) return FindInterference(log_->Lines());
+  if (StateOf(process_.ReportPath()) == taken_) return "";
+  return "another report was taken, which may have stopped recording, and no log tells";
+}
+
+// Returns false when there is nothing to report any more.
+bool Watch::WaitUntil(steady_clock::time_point time) {
   constexpr milliseconds kLook(100);
-  while (interrupted == 0 && steady_clock::now() < time) {
+  constexpr int kLooksPerCheck = 10;
+  for (int look = 1; interrupted == 0 && steady_clock::now() < time; ++look) {
     if (!IsThere()) return false;
+    if (look % kLooksPerCheck == 0 && !Interference().empty()) break;
     const auto left = std::chrono::ceil<milliseconds>(time - steady_clock::now());
     std::this_thread::sleep_for(std::clamp(left, milliseconds(0), kLook));
   }
@@ -122,14 +148,19 @@ bool Watch::WaitUntil(steady_clock::time_point time) const {
 }
 
 std::string Watch::Save(std::time_t now) const {
+  std::tm parts{};
+  localtime_r(&now, &parts);
   std::ostringstream name;
   name << "report-" << std::setw(4) << std::setfill('0') << reports_.size() + 1 << "-"
-       << TimeText(now, "%Y%m%d-%H%M%S") << ".txt";
+       << std::put_time(&parts, "%Y%m%d-%H%M%S") << ".txt";
   const fs::path target = fs::path(options_.directory) / name.str();
   std::error_code error;
   fs::copy_file(process_.ReportPath(), target, error);
   // Views of a report take its time from the file's.
-  if (!error) fs::last_write_time(target, fs::last_write_time(process_.ReportPath()), error);
+  if (!error) {
+    const fs::file_time_type made = fs::last_write_time(process_.ReportPath(), error);
+    if (!error) fs::last_write_time(target, made, error);
+  }
   if (error) {
     throw UserError("cannot write " + target.string() + ": " + error.message(),
                     "make room, or name another directory with -o DIR");
@@ -138,7 +169,7 @@ std::string Watch::Save(std::time_t now) const {
 }
 
 void Watch::PrintRound(const SavedReport& saved, milliseconds took) const {
-  std::cout << TimeText(saved.time, "%H:%M:%S") << "  report " << reports_.size() << "  "
+  std::cout << FormatClock(saved.time) << "  report " << reports_.size() << "  "
             << FormatBytes(saved.bytes) << " in " << FormatCount(saved.groups) << " groups";
   if (reports_.size() > 1) {
     const double grown =
@@ -149,43 +180,93 @@ void Watch::PrintRound(const SavedReport& saved, milliseconds took) const {
   std::cout << "  (" << FormatDuration(took) << ")" << std::endl;
 }
 
-void Watch::Round() {
+// Whether the report that was just taken belongs to those before.
+bool Watch::Belongs(const ReportHeader& header) {
+  const bool emptied = header.total_bytes == 0 && reports_.back().bytes != 0;
+  const std::string why = Interference();
+  if (!why.empty() || !emptied || log_->IsReadable()) return GoesOn(why);
+  // That all was freed would be rare: the thread that writes a report has some blocks.
+  return GoesOn(
+      "nothing is recorded any more: its tables were emptied, or all was freed; no log tells");
+}
+
+// Breaks the trend for a reason that is not empty.
+bool Watch::GoesOn(const std::string& why) {
+  if (why.empty()) return true;
+  const double seconds = std::chrono::duration<double>(steady_clock::now() - begin_).count();
+  broken_ = TrendBreak{seconds, why};
+  return false;
+}
+
+// False when the trend is broken.
+bool Watch::Round() {
+  const bool first = reports_.empty();
+  // Asked before a report is taken: the one that lies there may be that of others.
+  if (!first && !GoesOn(Interference())) return false;
   SavedReport saved;
   saved.time = std::time(nullptr);
   const auto now = steady_clock::now();
-  if (reports_.empty()) begin_ = now;
+  if (first) begin_ = now;
   saved.seconds = std::chrono::duration<double>(now - begin_).count();
   // A report that was there before is kept; ours are saved already.
-  const OldReport old = reports_.empty() ? OldReport::kKeepBeside : OldReport::kReplace;
+  const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
+  const OldReport old = ours ? OldReport::kReplace : OldReport::kKeepBeside;
   const milliseconds took = TakeReport(process_, kReportGoingOn, options_.timeout_s, old);
+  taken_ = StateOf(process_.ReportPath());
+  ReportHeader header;
+  ReadReportFile(process_.ReportPath(), {}, &header);
+  if (first) {
+    log_.emplace(process_);
+  } else if (!Belongs(header)) {
+    return false;
+  }
   saved.file = Save(saved.time);
   const Profile profile =
       LoadProfile((fs::path(options_.directory) / saved.file).string(), options_.symbols);
   saved.bytes = profile.header.total_bytes;
   saved.groups = profile.header.groups;
+  saved.unlisted = profile.Unlisted();
   trends_.Add(saved.seconds, profile);
   reports_.push_back(saved);
   PrintRound(saved, took);
+  return true;
+}
+
+// Whether the process ends soon, if it is one that then makes a last report by itself: its log
+// tells of that as of anybody else's.
+bool Watch::IsEnding() const {
+  constexpr milliseconds kLook(100);
+  constexpr int kLooks = 30;
+  const auto found = process_.environment.find(kReportAtExitVariable);
+  const bool reports = found != process_.environment.end() && !found->second.empty();
+  for (int look = 0; reports && IsThere() && look < kLooks; ++look) {
+    std::this_thread::sleep_for(kLook);
+  }
+  return !IsThere();
 }
 
 std::string Watch::Run() {
   const milliseconds every(1000LL * options_.every_s);
   const milliseconds whole(1000LL * options_.for_s);
   try {
-    Round();
-    // A round that takes longer than the interval leaves out the times that have passed.
-    for (auto due = begin_ + every; options_.for_s == 0 || due <= begin_ + whole; due += every) {
-      if (steady_clock::now() > due + every) continue;
-      const bool is_there = WaitUntil(due);
-      if (!is_there) break;
+    bool goes_on = Round();
+    std::optional<milliseconds> due(0);
+    while (goes_on && interrupted == 0) {
+      const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
+      due = NextDue(*due, every, whole, now);
+      if (!due || !WaitUntil(begin_ + *due)) break;
       const bool is_last = interrupted != 0;
-      Round();
-      if (is_last || interrupted != 0) break;
+      goes_on = Round() && !is_last;
     }
   } catch (const UserError& error) {
     // A process that ends in the middle of a report has ended all the same.
     if (reports_.empty()) throw;
     if (IsThere()) return error.what();
+  }
+  if (broken_ && IsEnding()) broken_.reset();
+  if (broken_) {
+    return process_.Label() + ": " + broken_->why + "; the trend ends with report " +
+           std::to_string(reports_.size()) + " (start another watch to go on)";
   }
   if (!IsThere()) std::cout << process_.Label() << " has ended" << std::endl;
   return "";
@@ -204,7 +285,7 @@ void Watch::Finish() const {
   const std::vector<GroupTrend> groups = trends_.Result();
   const std::string path = (fs::path(options_.directory) / "trend.json").string();
   std::ofstream file(path, std::ios::binary);
-  WriteTrends(process_.Label(), reports_, groups, file);
+  WriteTrends(process_.Label(), reports_, groups, broken_, file);
   file.close();
   if (!file) {
     throw UserError("cannot write " + path + ": " + std::strerror(errno),
@@ -216,14 +297,30 @@ void Watch::Finish() const {
   } else {
     std::cout << "One report tells no growth\n";
   }
+  if (broken_) {
+    std::cout << "broken off after " << FormatAge(std::llround(broken_->seconds)) << ": "
+              << broken_->why << "\n";
+  }
   std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
   if (reports_.size() > 1 && !PageShell().empty()) WriteDifferencePage();
-  if (IsThere()) {
+  if (IsThere() && !broken_) {
     std::cout << "Recording goes on; end it with: memleak report " << process_.pid << "\n";
   }
 }
 
 }  // namespace
+
+std::optional<milliseconds> NextDue(milliseconds last, milliseconds every, milliseconds whole,
+                                    milliseconds now) {
+  const bool endless = whole.count() == 0;
+  milliseconds due = last + every;
+  if (!endless && due > whole) return std::nullopt;
+  if (now > due) {
+    const auto passed = (now - due) / every;
+    due += every * (endless ? passed : std::min(passed, (whole - due) / every));
+  }
+  return due;
+}
 
 int WatchCommand(const WatchOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
@@ -233,14 +330,7 @@ int WatchCommand(const WatchOptions& options) {
                     "give a shorter --every, or a longer --for");
   }
   PrepareDirectory(options.directory);
-  if (IsRecording(process)) {
-    std::cout << process.Label() << ": recording goes on, with what it has\n";
-  } else {
-    // Records from before a pause or a stop may be stale: begin with empty tables.
-    OnOptions on;
-    on.pid = options.pid;
-    OnCommand(on);
-  }
+  StartRecording(process);
   CatchInterrupts();
   Watch watch(options, process);
   const std::string failure = watch.Run();

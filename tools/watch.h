@@ -4,7 +4,9 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "tools/report/symbol_options.h"
@@ -21,9 +23,18 @@ struct WatchOptions {
   SymbolOptions symbols;
 };
 
-/// Runs until the time is over, the process ends, or an interrupt, which gets a last report; the
-/// next interrupt ends at once. Then writes page, table and trend.json. Throws UserError when there
-/// is no report at all; returns kExitUserError when one failed later.
+/// When the round after the one of time `last` is due, all times counted from the first; nothing
+/// when it is over. Times that have passed by more than `every` are left out, but never the last
+/// one up to `whole` (0: without end).
+std::optional<std::chrono::milliseconds> NextDue(std::chrono::milliseconds last,
+                                                 std::chrono::milliseconds every,
+                                                 std::chrono::milliseconds whole,
+                                                 std::chrono::milliseconds now);
+
+/// Runs until the time is over, the process ends, another command ends or empties the recording, or
+/// an interrupt, which gets a last report; the next interrupt ends at once. Then writes page, table
+/// and trend.json. Throws UserError when there is no report at all; returns kExitUserError when one
+/// failed later or another command interfered.
 int WatchCommand(const WatchOptions& options);
 
 }  // namespace memleak

@@ -17,6 +17,19 @@ ROUNDS = 5
 
 
 class Session(hooked_kinds.HookSession):
+    log = True
+
+    def run_command(self, *arguments, **options):
+        command = super().run_command(*arguments, **options)
+        if not self.log:
+            at = command.index("--log")
+            del command[at:at + 2]
+        return command
+
+    def start(self, *options, log=True):
+        self.log = log
+        super().start(*options)
+
     def watch(self, name, *options):
         self.directory = f"{self.root}/{name}"
         self.watching = subprocess.Popen(
@@ -32,10 +45,10 @@ class Session(hooked_kinds.HookSession):
             time.sleep(0.02)
         raise AssertionError(f"no report {number}")
 
-    def watched(self):
+    def watched(self, code=0):
         out, _ = self.watching.communicate(timeout=120)
         print(out)
-        assert self.watching.returncode == 0, out
+        assert self.watching.returncode == code, out
         with open(self.directory + "/trend.json") as file:
             return out, json.load(file)
 
@@ -112,7 +125,7 @@ def ends(session):
     time.sleep(0.5)
     session.watching.send_signal(signal.SIGINT)
     out, document = session.watched()
-    assert "tables emptied" in out, out
+    assert "recording on, earlier records kept" in out, out
     assert [v["count"] for v in group_of(document, 48)["values"]] == [0, 10], document
 
     # Not a new directory; one report.
@@ -123,6 +136,67 @@ def ends(session):
     session.quit()
     out, _ = session.watched()
     assert "has ended" in out and "One report tells no growth" in out, out
+
+
+def check_broken(session, words, *, code=2, reports=1):
+    out, document = session.watched(code)
+    assert words in document["broken"]["why"] and out.count(words) == 2, out
+    assert len(document["reports"]) == reports, document
+    assert "Recording goes on" not in out, out
+    return out, document
+
+
+def interference(session):
+    """Other commands end the recording between two reports: that is said, and nothing is lost."""
+    report = session.root + "/data/log/reliability/allocations_dump"
+    session.start()
+    session.tell("on")
+    session.step("alloc 20 48")
+    for number, (command, words, begins, count) in enumerate((
+            ("pause", "recording was paused (command 0x20 at ", "goes on, with what it has", 20),
+            ("clear", "its tables were emptied (command 0x80 at ", "earlier records kept", 20),
+            ("report", "stopped by a report (command 0x40 at ", "earlier records kept", 5))):
+        session.watch(str(number), "--every", "1h", "--for", "0")
+        session.await_report(1)
+        time.sleep(0.5)
+        if command == "clear":
+            open(session.root + "/log", "w").close()  # as who tidies up might
+        session.tell(command)
+        session.step("alloc 5 48")  # recorded after the clear alone
+        out, document = check_broken(session, words)
+        assert begins in out, out
+        found = [g["values"][0]["count"] for g in document["groups"] if g["size"] == 48
+                 and "StepAllocate" in g["stack"]]
+        assert sum(found) == count, document
+    # The other's report is still there; and after a stop one begins anew.
+    assert os.path.exists(report) and os.path.exists(report + ".old")
+    session.watch("anew", "--every", "1h", "--for", "0")
+    session.await_report(1)
+    assert os.path.exists(report + ".old")
+    session.memleak("report", session.process.pid, "--keep-recording")  # does no harm
+    time.sleep(1.5)
+    session.quit()
+    assert "tables emptied" in session.watched()[0]
+
+
+def without_log(session):
+    """What is recorded already is kept, since nothing tells that it is stale."""
+    session.start(log=False)
+    session.tell("on")
+    session.step("alloc 20 48")
+    session.watch("report", "--every", "1h", "--for", "0")
+    session.await_report(1)
+    session.tell("report", "--keep-recording")
+    out, document = check_broken(session, "another report was taken")
+    assert "no log of it tells" in out and "earlier records kept" in out, out
+    assert [v["count"] for v in group_of(document, 48)["values"]] == [20], document
+
+    session.watch("empty", "--every", "3s", "--for", "0")
+    session.await_report(1)
+    session.tell("pause")
+    session.tell("clear")
+    check_broken(session, "nothing is recorded any more")
+    session.quit()
 
 
 def hooks(session):

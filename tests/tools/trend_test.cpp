@@ -3,9 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
+#include <sstream>
 
-#include "tools/report/stack_key.h"
+#include "tools/interference.h"
+#include "tools/trend_table.h"
+#include "tools/watch.h"
 
 namespace memleak {
 namespace {
@@ -104,18 +108,66 @@ TEST(Trends, TakesWhatMayLieBelowTheCutForUnknown) {
   EXPECT_FALSE(two.values[3]) << "one of its two parts may be below the cut";
 }
 
-TEST(StackKey, TellsStacksAndSizesApart) {
-  const Made made = Made()
-                        .Add(8, 1, {"a", "b"})
-                        .Add(8, 1, {"ab"})
-                        .Add(8, 1, {"a b"})
-                        .Add(9, 1, {"a", "b"})
-                        .Add(8, 7, {"a", "b"});
-  const Profile& profile = made.Get();
-  const auto key = [&](std::size_t i) { return GroupKey(profile, profile.groups[i]); };
-  EXPECT_EQ(key(0), key(4));
-  EXPECT_EQ(StackKey(profile, profile.groups[0]), StackKey(profile, profile.groups[3]));
-  for (std::size_t i = 1; i < 4; ++i) EXPECT_NE(key(0), key(i)) << i;
+TEST(Trends, TellsFunctionsOfOneNameApartByTheirLibraries) {
+  const auto made = [](std::uint64_t count, std::int32_t first, std::int32_t second) {
+    Profile profile = Made().Add(8, count, {"Copy"}).Add(8, 1, {"Copy"}).Add(8, 2, {""}).Get();
+    for (const char* path : {"/a/liba.so", "/b/libb.so", "/b/libb.so (deleted)"}) {
+      profile.libraries.emplace_back().path = path;
+    }
+    for (int i : {0, 1, 2})
+      profile.frames[static_cast<std::size_t>(i)].library = i ? second : first;
+    return profile;
+  };
+  Trends trends;
+  trends.Add(0, made(1, 0, 1));
+  trends.Add(60, made(5, 0, 2));
+  const std::vector<GroupTrend> groups = trends.Result();
+  ASSERT_EQ(groups.size(), 3U) << "a file that was replaced is the same library";
+  EXPECT_EQ(groups[0].Growth(), 32);
+  EXPECT_EQ(groups[0].libraries, std::vector<std::string>{"liba.so"});
+
+  // And the table says whose they are, and what it knows nothing of.
+  SavedReport saved;
+  saved.unlisted = {.bytes = 2048, .groups = 7, .blocks = 0};
+  std::ostringstream out;
+  PrintTrends({SavedReport{}, saved}, groups, 0, out);
+  EXPECT_NE(out.str().find("     Copy  [liba.so]\n"), std::string::npos) << out.str();
+  EXPECT_NE(out.str().find("0 B in 0 groups of the first report, 2.0 KiB in 7 groups"),
+            std::string::npos)
+      << out.str();
+}
+
+TEST(Watch, RoundsThatAreLateAreLeftOutButTheLast) {
+  using std::chrono::milliseconds;
+  const auto next = [](int last, int whole, int now) -> std::int64_t {
+    const auto due =
+        NextDue(milliseconds(last), milliseconds(10), milliseconds(whole), milliseconds(now));
+    return due ? due->count() : -1;
+  };
+  EXPECT_EQ(next(0, 30, 4), 10);
+  EXPECT_EQ(next(0, 30, 19), 10);
+  EXPECT_EQ(next(0, 95, 57), 50);
+  EXPECT_EQ(next(0, 30, 57), 30);
+  EXPECT_EQ(next(30, 30, 57), -1);
+  EXPECT_EQ(next(20, 29, 21), -1);
+  EXPECT_EQ(next(30, 0, 57), 50);
+}
+
+TEST(Watch, CommandsThatBreakATrend) {
+  const auto found = [](const std::string& word) {
+    return FindInterference({"set hook to:false", "1.5 1 2 I T: received_sig 44;addr:0x" + word});
+  };
+  for (const char* harmless : {"4000", "40000", "10", "2000", "20000", "300000", "0"}) {
+    EXPECT_EQ(found(harmless), "") << harmless;
+  }
+  // Of several effects the worst: these begin anew, and stop after a pause.
+  for (const char* emptied : {"90", "800", "8000", "80000", "800000"}) {
+    EXPECT_EQ(found(emptied).find("its tables were emptied (command 0x"), 0U) << emptied;
+  }
+  EXPECT_EQ(found("60").find("recording was stopped"), 0U);
+  for (const char* kind : {"100", "200", "400", "1000", "10000"}) {
+    EXPECT_EQ(found(kind).find("it was told to record another kind"), 0U) << kind;
+  }
 }
 
 }  // namespace

@@ -1,17 +1,22 @@
-// What makes a group of one report the same as a group of another: the names on its stack, so that
-// address-space randomization, moved lines and rebuilt files do not matter. Called by what compares
-// reports; pure functions.
+// What makes a group of one report of a process the same as a group of another: libraries and names
+// on its stack, so that moved lines and files replaced meanwhile do not matter. Called by what
+// follows groups; pure functions.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "tools/report/model.h"
 
 namespace memleak {
 
-/// The kind and the names of the frames of `group` (a group of `profile`), innermost first, each as
-/// FrameName gives it. Equal for equal stacks, and for no others; not for the eye: NULs part the
-/// names, since a hostile name may hold anything else.
+/// The path of the library of `frame`, without what tells that the file was deleted since; empty
+/// for none.
+std::string_view LibraryPath(const Profile& profile, const Frame& frame);
+
+/// The kind and the frames of `group` (a group of `profile`), innermost first, each as its library
+/// and its function, or else its offset. Equal for equal stacks, and for no others; not for the
+/// eye: NULs part the names, since a hostile name may hold anything else.
 std::string StackKey(const Profile& profile, const Group& group);
 
 /// The same with the size of a block: what tells the groups of a report apart. Calls from several

@@ -109,6 +109,8 @@ void Trends::Add(double seconds, const Profile& profile) {
       trend.size = group.size;
       for (const std::uint32_t frame : group.stack) {
         trend.stack.push_back(FrameName(profile, profile.frames[frame]));
+        const std::string_view path = LibraryPath(profile, profile.frames[frame]);
+        trend.libraries.emplace_back(path.substr(path.rfind('/') + 1));
       }
     }
     trend.values.resize(report + 1);

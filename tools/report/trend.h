@@ -41,6 +41,8 @@ struct GroupTrend {
   GroupKind kind = GroupKind::kNative;
   std::uint64_t size = 0;          ///< bytes of one block
   std::vector<std::string> stack;  ///< names, innermost first
+  /// File names of the libraries, one for each of `stack`; empty for none.
+  std::vector<std::string> libraries;
   /// One for each report; nothing where the group may have fallen out of a cut list.
   std::vector<std::optional<GroupValue>> values;
   std::optional<Line> line;  ///< bytes a minute, through the values that are known
@@ -54,7 +56,7 @@ struct GroupTrend {
 class Trends {
  public:
   /// Takes the groups of `profile`, a report made `seconds` after the first. Groups of one size
-  /// whose stacks have the same names are added up.
+  /// whose stacks have the same functions of the same libraries are added up.
   void Add(double seconds, const Profile& profile);
 
   std::size_t Reports() const { return seconds_.size(); }
