@@ -20,11 +20,7 @@
 namespace memleak {
 namespace {
 
-#ifdef TEST_EMULATOR
-const std::string kMemleak = TEST_EMULATOR " " MEMLEAK_PROGRAM " ";
-#else
 const std::string kMemleak = MEMLEAK_PROGRAM " ";
-#endif
 
 // A stack with an inlined call, one of two sizes, one without symbols, one without anything, and a
 // Java-native one.

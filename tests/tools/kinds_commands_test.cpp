@@ -9,25 +9,10 @@
 namespace memleak {
 namespace {
 
-#ifdef TEST_EMULATOR
-const std::string kPrefix = TEST_EMULATOR " ";
-const std::string kRunEmulated = " --emulator '" TEST_EMULATOR "'";
-#else
-const std::string kPrefix;
-const std::string kRunEmulated;
-#endif
-const std::string kMemleak = kPrefix + MEMLEAK_PROGRAM;
-
-// Runs `script` beside the program, as $P, with memleak as $M, in `directory`.
-Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
-                      const std::string& script) {
-  return Shell("cd " + directory.Path("") + "; M='" + kMemleak +
-               "'; mkfifo fifo; exec 3<>fifo; $M" + " run --libdir " FIXTURE_LIBDIR + kRunEmulated +
-               " --root root --log log " + options +
-               " -- " FIXTURE_HOOK_PROGRAM
-               " <&3 >out 3>&- & P=$!; "
-               "until grep -qs ready out; do sleep 0.02; done; " +
-               script + "\nkill $P");
+// What the script does beside a program that has the fixture's libraries.
+Outcome BesideHooked(const TemporaryDirectory& directory, const std::string& options,
+                     const std::string& script) {
+  return BesideProgram(directory, "--root root --log log " + options, FIXTURE_HOOK_PROGRAM, script);
 }
 
 void ExpectHas(const std::string& text, const std::string& part) {
@@ -36,7 +21,7 @@ void ExpectHas(const std::string& text, const std::string& part) {
 
 TEST(Kinds, OnTellsWhatTheTrackerSays) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideProgram(directory, "", R"(
+  const Outcome outcome = BesideHooked(directory, "", R"(
     answer() { until grep -qs 0x900 log; do sleep 0.02; done; echo "$1" >>log; }
     answer 'set mmaphook to:true, btsize:7, btType:0' &
     $M on $P --kind mmap --lib 'libabsent.so, libtools_hook_plain.so' --unwind dwarf --depth 7
@@ -61,7 +46,7 @@ TEST(Kinds, OnTellsWhatTheTrackerSays) {
 // own.
 TEST(Kinds, NativeAndHooksAreNotRecordedTogether) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideProgram(directory, "", R"(
+  const Outcome outcome = BesideHooked(directory, "", R"(
     H='--kind mmap --lib libtools_hook_plain.so'
     echo 'set hook to:true' >>log; $M on $P $H; echo "code $?"
     echo 'set hook to:false' >>log; echo '1.5 1 1 I x: set hook to:true' >>log
@@ -78,7 +63,7 @@ TEST(Kinds, NativeAndHooksAreNotRecordedTogether) {
 
 TEST(Kinds, EveryCommandHasItsWord) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideProgram(directory, "", R"(
+  const Outcome outcome = BesideHooked(directory, "", R"(
     $M pause $P --kind mmap && $M clear $P --kind ion && $M pause $P --kind gpu
     $M report $P --kind ion --timeout 1; $M clear $P --kind sea; $M fd off $P; $M fd fly $P
     (until grep -qs 0x100000 log; do sleep 0.02; done
@@ -106,22 +91,22 @@ TEST(Kinds, EveryCommandHasItsWord) {
 
 TEST(Kinds, RunStartsWithOne) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideProgram(
+  const Outcome outcome = BesideHooked(
       directory, "--start --report-at-exit --kind mmap --lib liba.so", "cat out root/properties");
   ExpectHas(outcome.output, "MEMLEAK_TRACKER_START=0x100\n");
   ExpectHas(outcome.output, "MEMLEAK_TRACKER_REPORT_AT_EXIT=0x400\n");
   ExpectHas(outcome.output, "hookFunc=mmap,mmap64,munmap,mremap\n");
-  const Outcome refused = Shell(kMemleak + " run --libdir " FIXTURE_LIBDIR + kRunEmulated +
-                                " --kind gpu -- " FIXTURE_HOOK_PROGRAM);
+  const Outcome refused =
+      Shell(MEMLEAK_PROGRAM " run --libdir " FIXTURE_LIBDIR " --kind gpu -- " FIXTURE_HOOK_PROGRAM);
   ExpectHas(refused.output, "--kind goes with --start or --report-at-exit");
   EXPECT_EQ(refused.code, 2);
 }
 
 TEST(Help, OfLibsAndFd) {
   for (const std::string command : {" libs --help", " fd --help"}) {
-    const Outcome help = Shell(kMemleak + command);
+    const Outcome help = Shell(MEMLEAK_PROGRAM + command);
     ExpectHas(help.output, "Exit codes:");
-    EXPECT_EQ(Shell(kMemleak + command + " | awk 'length > 80'").output, "");
+    EXPECT_EQ(Shell(MEMLEAK_PROGRAM + command + " | awk 'length > 80'").output, "");
   }
 }
 

@@ -1,4 +1,4 @@
-// Runs a command as a person would type it. For tests of whole commands.
+// Runs commands as a person would type them. For tests of whole commands.
 #pragma once
 
 #include <sys/wait.h>
@@ -6,6 +6,8 @@
 #include <array>
 #include <cstdio>
 #include <string>
+
+#include "tests/temporary_directory.h"
 
 namespace memleak {
 
@@ -27,6 +29,18 @@ inline Outcome Shell(const std::string& command) {
   const int status = pclose(pipe);
   outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return outcome;
+}
+
+/// Runs `script` in `directory` beside `program`, which memleak runs with `options` and
+/// `environment`: $M is memleak, $P the program, whose output is in the file "out". It is ended by
+/// the end of its input.
+inline Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
+                             const std::string& program, const std::string& script,
+                             const std::string& environment = "") {
+  return Shell("cd " + directory.Path("") + "; M=" MEMLEAK_PROGRAM "; mkfifo fifo; " + environment +
+               " $M run --libdir " FIXTURE_LIBDIR " " + options + " -- " + program +
+               " <fifo >out & P=$!; exec 3>fifo; until grep -qs ready out; do sleep 0.02; done; " +
+               script + "\nexec 3>&-; wait $P; echo \"ended $?\"");
 }
 
 }  // namespace memleak
