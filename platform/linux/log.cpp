@@ -14,8 +14,8 @@
 #include <cstring>
 
 #include "platform/linux/environment.h"
-#include "platform/linux/log_format.h"
-#include "platform/linux/raw_calls.h"
+#include "platform/standin/log_format.h"
+#include "platform/standin/raw_calls.h"
 
 namespace {
 

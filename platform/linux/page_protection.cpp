@@ -13,7 +13,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/linux/raw_calls.h"
+#include "platform/standin/raw_calls.h"
 
 namespace platform {
 

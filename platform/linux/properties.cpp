@@ -10,8 +10,8 @@
 #include <cstddef>
 
 #include "platform/linux/environment.h"
-#include "platform/linux/raw_calls.h"
 #include "platform/linux/root.h"
+#include "platform/standin/raw_calls.h"
 
 namespace {
 

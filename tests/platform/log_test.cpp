@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "allocation_counter.h"
-#include "platform/linux/log_format.h"
+#include "platform/standin/log_format.h"
 #include "platform_variable.h"
 #include "tests/temporary_directory.h"
 

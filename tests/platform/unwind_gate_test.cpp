@@ -1,5 +1,5 @@
 // The gate between fork and unwinding when two threads fork at once.
-#include "platform/linux/unwind_gate.h"
+#include "platform/standin/unwind_gate.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

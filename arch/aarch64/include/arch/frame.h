@@ -5,6 +5,9 @@
 
 namespace arch {
 
+/// This processor in the unwinder library's numbering (unwindstack/Arch.h: ARCH_ARM64).
+inline constexpr std::uint8_t kUnwindstackArch = 2;
+
 /// Taken off a return address to get the address of the calling instruction: A64 instructions are
 /// four bytes long.
 inline constexpr std::uint64_t kCallSiteAdjustment = 4;

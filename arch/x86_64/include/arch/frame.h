@@ -5,6 +5,9 @@
 
 namespace arch {
 
+/// This processor in the unwinder library's numbering (unwindstack/Arch.h: ARCH_X86_64).
+inline constexpr std::uint8_t kUnwindstackArch = 4;
+
 /// Taken off a return address to get an address inside the calling instruction: any byte of the
 /// call will do, and its last one is always there.
 inline constexpr std::uint64_t kCallSiteAdjustment = 1;

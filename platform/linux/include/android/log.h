@@ -1,5 +1,14 @@
-// Linux stand-in for Android's log interface: the assertion that ends the process.
+// Linux stand-in for Android's log interface: its priorities, and the assertion that ends the
+// process.
 #pragma once
+
+/// Priorities that the tree uses (Android: android/log.h).
+enum {
+  ANDROID_LOG_INFO = 4,
+  ANDROID_LOG_WARN = 5,
+  ANDROID_LOG_ERROR = 6,
+  ANDROID_LOG_FATAL = 7,
+};
 
 extern "C" {
 

@@ -1,4 +1,4 @@
-// Linux stand-in: the register state from which an unwind starts.
+// Stand-in: the register state from which an unwind starts.
 #pragma once
 
 // libunwind's own names come in through its context type; only this process is unwound.

@@ -1,4 +1,4 @@
-// Linux stand-in: an immutable string shared by its copies.
+// Stand-in: an immutable string shared by its copies.
 //
 // Names of mappings and functions: made by the map reader and the unwinder, read on any thread.
 #pragma once

@@ -2,10 +2,7 @@
 //
 // Parsed once at start-up and again when an address is not found, on any thread; see Maps.h for
 // what the allocation path touches.
-#define UNW_LOCAL_ONLY
-#include <async_safe/log.h>
 #include <fcntl.h>
-#include <libunwind.h>
 #include <sys/mman.h>
 #include <unwindstack/Maps.h>
 
@@ -13,9 +10,9 @@
 #include <cerrno>
 #include <optional>
 
-#include "platform/linux/raw_calls.h"
-#include "platform/linux/unwind_descriptors.h"
-#include "platform/linux/unwind_gate.h"
+#include "platform/standin/raw_calls.h"
+#include "platform/standin/unwind_gate.h"
+#include "platform/standin/unwinder_parts.h"
 
 namespace unwindstack {
 namespace {
@@ -105,17 +102,7 @@ auto FirstEndingAbove(const Range& range, std::uint64_t pc) {
 LocalUpdatableMaps::~LocalUpdatableMaps() = default;
 
 bool LocalUpdatableMaps::Parse() {
-  if (!platform::KeepUnwinderOffDescriptors()) {
-    async_safe_format_log(ANDROID_LOG_WARN, "MemLeak.Native",
-                          "libunwind keeps its pipe, its imports were not found: set "
-                          "vastel.memleak.backtacetype=0 for programs that close all descriptors");
-  }
-  // The first unwind of all makes libunwind set itself up. Done here, at start-up, it is neither
-  // paid for by an allocation nor met by two threads at once.
-  unw_context_t context;
-  unw_cursor_t cursor;
-  unw_getcontext(&context);
-  if (unw_init_local(&cursor, &context) == 0) unw_step(&cursor);
+  platform::PrepareUnwinder();
   platform::InstallUnwindGate();
   return Reparse();
 }

@@ -1,23 +1,17 @@
-// Linux stand-in for the platform's async-signal-safe logger.
+// Stand-in for the platform's async-signal-safe logger.
 //
-// Lines go to the file that the environment variable MEMLEAK_TRACKER_LOG names ("stderr" for the
-// error output; "%p" stands for the process id) and nowhere when it is unset, so that a watched
-// program's own output is never touched.
+// On Linux lines go to the file that the environment variable MEMLEAK_TRACKER_LOG names ("stderr"
+// for the error output; "%p" stands for the process id) and nowhere when it is unset, so that a
+// watched program's own output is never touched. On Android they go to the system's log.
 #pragma once
+
+#include <android/log.h>
 
 #include <cstdarg>
 
-/// Priorities, as in Android's log.h.
-enum {
-  ANDROID_LOG_INFO = 4,
-  ANDROID_LOG_WARN = 5,
-  ANDROID_LOG_ERROR = 6,
-  ANDROID_LOG_FATAL = 7,
-};
-
 extern "C" {
 
-/// Formats one log line and writes it with a single write(2):
+/// Formats one log line and writes it. On Linux that is a single write(2) of
 /// "<seconds>.<milliseconds> <pid> <tid> <I|W|E|F> <tag>: <message>", and a newline unless the
 /// message ends in one.
 ///

@@ -1,12 +1,9 @@
-// Android's base logging and its assertion on Linux: lines go where the signal-safe log's go.
+// Android's base logging: lines go where the signal-safe log's go.
 //
 // Called by the hook engine, on any thread.
 #include <android-base/logging.h>
-#include <android/log.h>
 #include <async_safe/log.h>
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -48,19 +45,3 @@ LogMessage::~LogMessage() {
 }
 
 }  // namespace android::base
-
-extern "C" void __android_log_assert(const char* condition, const char* tag, const char* format,
-                                     ...) {
-  if (format == nullptr) {
-    async_safe_format_log(ANDROID_LOG_FATAL, tag, "Assertion failed: %s", condition);
-  } else {
-    char text[1024];
-    std::va_list arguments;
-    va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is just above
-    std::vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    async_safe_format_log(ANDROID_LOG_FATAL, tag, "%s", text);
-  }
-  std::abort();
-}

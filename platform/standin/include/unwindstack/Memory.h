@@ -1,4 +1,4 @@
-// Linux stand-in: read access to a process's memory. The adapter's unwinder reads the stack
+// Stand-in: read access to a process's memory. The adapter's unwinder reads the stack
 // itself, so this object only says whose memory is meant.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Linux stand-in: one mapping of the process, as the unwinder reports it with a frame.
+// Stand-in: one mapping of the process, as the unwinder reports it with a frame.
 //
 // Made by the map reader; read by the unwinder and by whoever resolves frames, on any thread.
 #pragma once

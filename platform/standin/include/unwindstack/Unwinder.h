@@ -1,4 +1,5 @@
-// Linux stand-in: the platform's unwinder interface on top of libunwind.
+// Stand-in: the platform's unwinder interface, on top of libunwind or of the C++ runtime's
+// unwinder.
 #pragma once
 
 #include <cstddef>
@@ -46,8 +47,9 @@ class Unwinder {
   /// A frame in a mapping whose name ends in '.' and one of `map_suffixes_to_ignore` ends the
   /// unwind. Both lists may be null.
   ///
-  /// With names off, called directly by the function that filled the registers, this takes well
-  /// under 100 ns a frame; otherwise microseconds.
+  /// On libunwind, with names off, called directly by the function that filled the registers, this
+  /// takes well under 100 ns a frame; otherwise microseconds. The C++ runtime's unwinder takes part
+  /// of one.
   __attribute__((noinline)) void Unwind(
       const std::vector<std::string>* initial_map_names_to_skip = nullptr,
       const std::vector<std::string>* map_suffixes_to_ignore = nullptr);
@@ -68,10 +70,13 @@ class Unwinder {
 
  private:
   class SkipTest;
+  /// One unwind by the unwinder beneath, in the file that adapts it.
+  class Walk;
 
-  bool UnwindDirect(std::uint64_t return_address, SkipTest& skip);
-  void UnwindByCursor(SkipTest& skip, const std::vector<std::string>* map_suffixes_to_ignore);
-  FrameData& AddFrame(std::uint64_t pc);
+  /// Appends a frame, its mapping looked up when that is wanted. False when its mapping ends the
+  /// unwind; then nothing is appended.
+  bool AddFrame(std::uint64_t pc, std::uint64_t sp,
+                const std::vector<std::string>* map_suffixes_to_ignore);
 
   std::size_t max_frames_;
   LocalUpdatableMaps* maps_;

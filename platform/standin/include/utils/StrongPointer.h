@@ -1,4 +1,4 @@
-// Linux stand-in: sp, the platform's strong reference to an object with incStrong and decStrong.
+// Stand-in: sp, the platform's strong reference to an object with incStrong and decStrong.
 //
 // Used by the dump thread's object and whoever starts or stops it. References to one object are for
 // any thread; one reference is for one thread at a time.

@@ -1,5 +1,5 @@
 // Keeps fork and unwinding apart. Passes are taken on the allocation path of every thread.
-#include "platform/linux/unwind_gate.h"
+#include "platform/standin/unwind_gate.h"
 
 #include <pthread.h>
 #include <sys/syscall.h>

@@ -1,4 +1,4 @@
-// Linux stand-in for Android's base logging: LOG(ERROR) << "text", to the same place as the
+// Stand-in for Android's base logging: LOG(ERROR) << "text", to the same place as the
 // signal-safe log.
 //
 // Used by the hook engine, on any thread. Building a line allocates.

@@ -1,4 +1,4 @@
-// Linux stand-in: the platform's thread object.
+// Stand-in: the platform's thread object.
 #pragma once
 
 #include <pthread.h>

@@ -1,5 +1,5 @@
 // printf-like formatting that may run in a signal handler and inside an allocator.
-#include "platform/linux/log_format.h"
+#include "platform/standin/log_format.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,4 +1,4 @@
-// Linux stand-in: reference-counted objects with strong and weak references (sp, wp).
+// Stand-in: reference-counted objects with strong and weak references (sp, wp).
 //
 // Used by the dump thread's object and whoever starts or stops it, on any thread.
 #pragma once

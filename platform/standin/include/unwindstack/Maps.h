@@ -1,4 +1,4 @@
-// Linux stand-in: the mappings of this process, read again when an address is not among them.
+// Stand-in: the mappings of this process, read again when an address is not among them.
 //
 // Shared by all unwinds of all threads. Code lookups on the allocation path take no lock.
 #pragma once
@@ -35,9 +35,9 @@ class LocalUpdatableMaps {
   LocalUpdatableMaps(const LocalUpdatableMaps&) = delete;
   LocalUpdatableMaps& operator=(const LocalUpdatableMaps&) = delete;
 
-  /// Reads /proc/self/maps, lets libunwind set itself up without descriptors and registers fork
-  /// handlers. False when the maps cannot be read. Once, before the first unwind, preferably while
-  /// there is one thread. Allocates.
+  /// Reads /proc/self/maps, lets the unwinder set itself up and registers fork handlers. False when
+  /// the maps cannot be read. Once, before the first unwind, preferably while there is one thread.
+  /// Allocates.
   bool Parse();
   /// Reads it again: new mappings are added and gone ones dropped; a mapping that is still there
   /// keeps its MapInfo. False, and nothing changed, when it cannot be read. Allocates.

@@ -1,7 +1,7 @@
 // Keeps libunwind from using descriptors: its imports of the file functions lead here instead.
 //
 // The redirection runs at start-up, the functions that take the imports' place in any unwind.
-#include "platform/linux/unwind_descriptors.h"
+#include "platform/standin/libunwind/unwind_descriptors.h"
 
 #include <dlfcn.h>
 #include <elf.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/linux/raw_calls.h"
+#include "platform/standin/raw_calls.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,0 @@
-// Linux stand-in: the header in which the platform declares RegsGetLocal.
-#pragma once
-
-#include "unwindstack/Regs.h"
