@@ -31,7 +31,7 @@ bool MemDumpThread::threadLoop() {
 
 bool MemDumpMain::Enable() {
   try {
-    if (!thread_) thread_ = sp<MemDumpThread>::make();
+    if (thread_ == nullptr) thread_ = sp<MemDumpThread>(new MemDumpThread());
   } catch (const std::bad_alloc&) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
     return false;

@@ -30,12 +30,6 @@ class sp {
     return *this;
   }
 
-  /// A new object, held by the reference that is returned.
-  template <typename... Arguments>
-  static sp make(Arguments&&... arguments) {
-    return sp(new T(std::forward<Arguments>(arguments)...));
-  }
-
   /// Drops the reference, and with the last one the object; null afterwards.
   void clear() { *this = sp(); }
   /// The object, still owned by this reference; null when there is none.
