@@ -196,7 +196,15 @@ TEST_F(Hooking, RefusesASlotThatLeadsIntoNoLibrary) {
   std::free(heap);
 }
 
+/// A library without full RELRO cannot be hooked by a rule that leaves its variables read-only; no
+/// device has one.
+bool SlotsArePartOfVariables() {
+  const Library partial(CALLS_PARTIAL);
+  return platform::ProtectionAfterWrite(PageOf(partial.slot()), kPage) != PROT_READ;
+}
+
 TEST(LazySlot, FailsUntilItIsResolved) {
+  if (!SlotsArePartOfVariables()) GTEST_SKIP() << "every library is fully protected";
   unsetenv("LD_BIND_NOW");
   const Library library(CALLS_PARTIAL, false);
   EXPECT_EQ(library.Hook(First), 1);
@@ -289,6 +297,7 @@ TEST(Pages, KeepTheirRights) {
     int linux_rule;
   } cases[] = {{CALLS_FULL, "r--", PROT_READ}, {CALLS_PARTIAL, "rw-", PROT_READ | PROT_WRITE}};
   for (const auto& each : cases) {
+    if (each.linux_rule != PROT_READ && !SlotsArePartOfVariables()) break;
     SCOPED_TRACE(each.path);
     const Library library(each.path);
     void** slot = library.slot();
