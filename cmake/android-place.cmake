@@ -2,8 +2,9 @@
 # environment. Stops the configuration when there is neither. Lines that begin with a blank are not
 # broken by CMake.
 foreach(place ANDROID_NDK ANDROID_SYSROOT)
-  if(NOT ${place})
-    set(${place} "$ENV{${place}}")
+  if(NOT ${place} AND NOT "$ENV{${place}}" STREQUAL "")
+    # Kept, so that a build tree can configure itself anew without the environment.
+    set(${place} "$ENV{${place}}" CACHE PATH "See cmake/android-arm64.cmake" FORCE)
   endif()
 endforeach()
 

@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iomanip>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "async_safe/log.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/report_text.h"
 #include "tracker/MemTrackControl.h"
 
 namespace {
@@ -135,9 +134,8 @@ void CollectSet(PointerSet& set, bool only_with_backtrace, GroupedList& groups) 
 
 }  // namespace
 
-// Writes to `out`, which prints integers in decimal. The fill character of `out` is '0' afterwards.
 // The caller holds the initialise lock, see GetJavaNativeStackInfo. Allocates.
-void PointerData::ReportJavaNativeNodes(std::ostream& out) {
+void PointerData::ReportJavaNativeNodes(ReportText& out) {
   out << kSectionRule << "Java-Native Stack" << kSectionRule << '\n';
   std::vector<UnwindListInfoType> list;
   GetJavaNativeStackInfo(&list, true);
@@ -147,9 +145,9 @@ void PointerData::ReportJavaNativeNodes(std::ostream& out) {
         << '\n';
     std::size_t number = 0;
     for (const unwindstack::FrameData& frame : element.unwind_info->frames) {
-      out << '#' << std::setfill('0') << std::setw(2) << number++ << " rel_pc " << std::hex
-          << frame.rel_pc << std::dec << ' ' << static_cast<const std::string&>(frame.function_name)
-          << '\n';
+      (out << '#').TwoDigits(number++) << " rel_pc ";
+      out.Hexadecimal(frame.rel_pc)
+          << ' ' << static_cast<const std::string&>(frame.function_name) << '\n';
     }
   }
 }

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 
 class DebugData;
 class PointerSet;
+class ReportText;
 struct BacktraceRef;
 
 class PointerData {
@@ -81,9 +81,9 @@ class PointerData {
   /// lock throughout. On the dump thread: allocates, reads the maps, does file output.
   static void DumpAllocationTracesToFile();
   /// The native section of the report.
-  static void ReportNodes(std::ostream& out);
+  static void ReportNodes(ReportText& out);
   /// The section of blocks with Java-native stacks.
-  static void ReportJavaNativeNodes(std::ostream& out);
+  static void ReportJavaNativeNodes(ReportText& out);
   /// Appends the groups of Java-native records to `list` and sorts it.
   static void GetJavaNativeStackInfo(std::vector<UnwindListInfoType>* list,
                                      bool only_with_backtrace);

@@ -14,12 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <locale>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <ostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +26,7 @@
 #include "platform/paths.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/report_text.h"
 #include "tracker/MemTrackControl.h"
 
 namespace {
@@ -83,34 +81,29 @@ void StoreLittleEndian(unsigned char* destination, std::uint64_t value, std::siz
   }
 }
 
-/// Fills the zeroed device buffer from `text`, which is `text_bytes` long. A text that leaves room
-/// ends with a NUL that counts; a longer one is cut and has none.
-void FillDeviceBuffer(unsigned char* buffer, std::streambuf& text, std::size_t text_bytes) {
-  const std::size_t length = std::min(text_bytes + 1, kDeviceTextBytes);
+/// Fills the zeroed device buffer from `text`. A text that leaves room ends with a NUL that counts;
+/// a longer one is cut and has none.
+void FillDeviceBuffer(unsigned char* buffer, const ReportText& text) {
+  const std::size_t length = std::min(text.size() + 1, kDeviceTextBytes);
   StoreLittleEndian(buffer, kDeviceMagic, 4);
   StoreLittleEndian(buffer + 4, kDeviceKind, 4);
   StoreLittleEndian(buffer + 8, length, 8);
-  text.pubseekpos(0, std::ios_base::in);
-  text.sgetn(reinterpret_cast<char*>(buffer + kDeviceHeaderBytes),
-             static_cast<std::streamsize>(std::min(text_bytes, length)));
+  text.CopyStart(reinterpret_cast<char*>(buffer + kDeviceHeaderBytes),
+                 std::min(text.size(), length));
 }
 
 /// Writes the whole of `text`, in pieces: a process that leaks has no memory for a second copy.
 /// A file that cannot take all of it is left as it is; its reader misses the "END".
-void WriteReportFile(std::streambuf& text) {
+void WriteReportFile(const ReportText& text) {
   std::FILE* file = std::fopen(platform::ReportPath().c_str(), "w");
   if (file == nullptr) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
                           "no permission to access /data/log/reliability/");
     return;
   }
-  char piece[16384];
-  text.pubseekpos(0, std::ios_base::in);
-  for (std::streamsize got = text.sgetn(piece, sizeof(piece)); got > 0;
-       got = text.sgetn(piece, sizeof(piece))) {
-    const auto bytes = static_cast<std::size_t>(got);
-    if (std::fwrite(piece, 1, bytes, file) != bytes) break;
-  }
+  text.ForEachPiece([file](const char* piece, std::size_t bytes) {
+    return std::fwrite(piece, 1, bytes, file) == bytes;
+  });
   std::fclose(file);
 }
 
@@ -136,7 +129,7 @@ void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
 }
 
 /// Writes the frames of one record, each resolved one followed by a blank.
-void WriteFrames(std::ostream& out, const std::vector<std::uint64_t>& frames) {
+void WriteFrames(ReportText& out, const std::vector<std::uint64_t>& frames) {
   MapData* const maps = MapData::GetInstance();
   for (const std::uint64_t pc : frames) {
     std::uintptr_t rel_pc = 0;
@@ -147,12 +140,12 @@ void WriteFrames(std::ostream& out, const std::vector<std::uint64_t>& frames) {
       async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "codeMap is null");
       continue;
     }
-    out << '[' << entry->name << "+0x" << std::hex << rel_pc << std::dec << "] ";
+    (out << '[' << entry->name << "+0x").Hexadecimal(rel_pc) << "] ";
   }
 }
 
 /// Writes the line of one group; `now` is in seconds since the epoch, like the record's times.
-void WriteRecord(std::ostream& out, const RecordStruct& record, std::int64_t now) {
+void WriteRecord(ReportText& out, const RecordStruct& record, std::int64_t now) {
   if (record.frames.empty() || record.times.empty()) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "not be here %zd %zd",
                           static_cast<ssize_t>(record.frames.size()),
@@ -163,7 +156,7 @@ void WriteRecord(std::ostream& out, const RecordStruct& record, std::int64_t now
   for (const std::int64_t time : record.times) out << now - time << ' ';
   out << " bt ";  // two blanks stand before it
   WriteFrames(out, record.frames);
-  out << '\n' << std::flush;
+  out << '\n';
 }
 
 }  // namespace
@@ -182,24 +175,21 @@ void PointerData::DumpAllocationTracesToFile() try {
   }
   platform::memset_s(buffer.get(), kDeviceBufferBytes, 0, kDeviceBufferBytes);
 
-  std::stringstream text;
-  text.imbue(std::locale::classic());  // the program's own locale may group digits
+  ReportText text;
   ReportNodes(text);
   ReportJavaNativeNodes(text);
   text << "END";  // a reader's sign that the report is complete; no newline after it
-  const auto text_bytes = static_cast<std::size_t>(std::max<std::streamoff>(text.tellp(), 0));
 
-  FillDeviceBuffer(buffer.get(), *text.rdbuf(), text_bytes);
-  WriteReportFile(*text.rdbuf());
-  SendToDevice(buffer.get(), text_bytes);
+  FillDeviceBuffer(buffer.get(), text);
+  WriteReportFile(text);
+  SendToDevice(buffer.get(), text.size());
 } catch (const std::bad_alloc&) {
   // A process that leaks may have no memory left for its report; it must not end for that.
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
 }
 
-// Writes to `out`, which prints integers in decimal and still does so afterwards. Any thread that
-// holds no lock of a set; leaves the thread's record key null, as GetInfo does.
-void PointerData::ReportNodes(std::ostream& out) {
+// Any thread that holds no lock of a set; leaves the thread's record key null, as GetInfo does.
+void PointerData::ReportNodes(ReportText& out) {
   const auto now = static_cast<std::int64_t>(std::time(nullptr));
   out << "Native Heap MemLeak Tracker Version 2.0:\n";
 

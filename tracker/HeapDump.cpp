@@ -1,8 +1,7 @@
 // The leak-info and heap-dump entries, which the C library calls for the platform's tools.
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <new>
-#include <string>
 
 #include "async_safe/log.h"
 #include "records/PointerData.h"
@@ -16,12 +15,16 @@ constexpr char kLogTag[] = "MemLeak.Native";
 
 /// The maps section is the wrong way round and wanted so: readers of these dumps expect one line
 /// of complaint per mapping, and nothing when the maps really cannot be opened.
-void WriteMaps(std::FILE* out) try {
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) std::fputs("Could not open /proc/self/maps\n", out);
-} catch (const std::bad_alloc&) {
-  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "dump_heap: no memory for the maps");
+void WriteMaps(std::FILE* out) {
+  std::FILE* maps = std::fopen("/proc/self/maps", "re");
+  if (maps == nullptr) return;
+  char piece[512];
+  bool line_starts = true;
+  while (std::fgets(piece, sizeof(piece), maps) != nullptr) {
+    if (line_starts) std::fputs("Could not open /proc/self/maps\n", out);
+    line_starts = std::strchr(piece, '\n') != nullptr;
+  }
+  std::fclose(maps);
 }
 
 }  // namespace

@@ -33,6 +33,23 @@ int Priority(LogSeverity severity) {
 
 }  // namespace
 
+LineStream& LineStream::operator<<(const char* text) {
+  if (text != nullptr) text_ += text;
+  return *this;
+}
+
+LineStream& LineStream::operator<<(std::uintptr_t number) {
+  char digits[24];
+  const int count = std::snprintf(digits, sizeof(digits), hexadecimal_ ? "%zx" : "%zu", number);
+  text_.append(digits, static_cast<std::size_t>(count));
+  return *this;
+}
+
+LineStream& LineStream::operator<<(std::ios_base& (*base)(std::ios_base&)) {
+  hexadecimal_ = base == static_cast<std::ios_base& (*)(std::ios_base&)>(std::hex);
+  return *this;
+}
+
 LogMessage::LogMessage(const char* file, unsigned int line, LogSeverity severity, const char* tag,
                        int error)
     : file_(file), line_(line), severity_(severity), tag_(tag), error_(error) {}
@@ -40,7 +57,7 @@ LogMessage::LogMessage(const char* file, unsigned int line, LogSeverity severity
 LogMessage::~LogMessage() {
   if (error_ != -1) text_ << ": " << std::strerror(error_);
   async_safe_format_log(Priority(severity_), tag_ != nullptr ? tag_ : platform::ProgramName(),
-                        "%s:%u] %s", file_, line_, text_.str().c_str());
+                        "%s:%u] %s", file_, line_, text_.text().c_str());
   if (severity_ == FATAL) std::abort();
 }
 

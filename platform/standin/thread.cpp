@@ -15,7 +15,9 @@ namespace android {
 
 Thread::Thread(bool /*can_call_java*/) {}
 
-Thread::~Thread() = default;
+Thread::~Thread() {
+  pthread_cond_destroy(&ended_);
+}
 
 status_t Thread::readyToRun() {
   return NO_ERROR;
@@ -99,7 +101,7 @@ bool Thread::EndUnless(bool go_on) {
   if (go_on && !exit_pending_) return true;
   exit_pending_ = true;
   running_ = false;
-  ended_.notify_all();
+  pthread_cond_broadcast(&ended_);
   return false;
 }
 
@@ -114,10 +116,10 @@ status_t Thread::requestExitAndWait() {
 }
 
 status_t Thread::join() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> lock(mutex_);
   if (!running_) return status_;
   if (pthread_equal(thread_, pthread_self()) != 0) return WOULD_BLOCK;
-  ended_.wait(lock, [this] { return !running_; });
+  while (running_) pthread_cond_wait(&ended_, mutex_.native_handle());
   return status_;
 }
 

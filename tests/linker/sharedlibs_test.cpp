@@ -8,7 +8,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <ios>
 #include <string>
 #include <thread>
 
@@ -124,8 +126,8 @@ TEST(FatalEnds, SayWhy) {
   };
   EXPECT_EXIT(die([] { log_assert("%s of %d", "failure", 7); }), testing::ExitedWithCode(3),
               "7 linkerlib: failure of 7");
-  EXPECT_EXIT(die([] { LOG(FATAL) << "the end"; }), testing::ExitedWithCode(3),
-              "7 .*sharedlibs_test.cpp:[0-9]+. the end");
+  EXPECT_EXIT(die([] { LOG(FATAL) << "0x" << std::hex << std::uintptr_t{0xABC} << " the end"; }),
+              testing::ExitedWithCode(3), "7 .*sharedlibs_test.cpp:[0-9]+. 0xabc the end");
 #if !defined(__SANITIZE_THREAD__)
   // A thread that asks for a lock it holds itself is refused; the sanitizer reports it first.
   EXPECT_EXIT(die([] {

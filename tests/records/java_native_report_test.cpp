@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "log_capture.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/report_text.h"
 #include "tracker/MemTrackControl.h"
 
 namespace {
@@ -102,10 +102,11 @@ TEST_F(JavaNativeReportTest, SectionText) {
   for (int i = 0; i <= 100; ++i) {
     expected += (i < 10 ? "#0" : "#") + std::to_string(i) + " rel_pc 1f \n";
   }
-  std::ostringstream out;
+  ReportText out;
   PointerData::ReportJavaNativeNodes(out);
-  EXPECT_EQ(out.str(), expected);
-  EXPECT_EQ(out.fill(), '0');
+  std::string text(out.size(), ' ');
+  out.CopyStart(text.data(), text.size());
+  EXPECT_EQ(text, expected);
 
   all_sets.reset();  // before the first Initialize
   EXPECT_TRUE(Collect(true).empty());
@@ -146,7 +147,7 @@ TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {
   });
   for (int report = 0; report < 100 || recorded < 10'000; ++report) {
     const std::lock_guard<std::mutex> lock(InitialiseLock());
-    std::ostringstream out;
+    ReportText out;
     PointerData::ReportJavaNativeNodes(out);
   }
   stop = true;

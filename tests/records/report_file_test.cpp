@@ -17,6 +17,7 @@
 #include "platform/paths.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/report_text.h"
 #include "tests/temporary_directory.h"
 #include "tracker/MemTrackControl.h"
 
@@ -106,7 +107,7 @@ void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
   *total_memory = 1'000'100;
   *list = world.records;
 }
-void PointerData::ReportJavaNativeNodes(std::ostream& out) {
+void PointerData::ReportJavaNativeNodes(ReportText& out) {
   out << std::string(world.filler, 'j');
 }
 MapData::MapData(std::string maps_path, platform::PcWidth width)

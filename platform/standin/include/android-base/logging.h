@@ -5,13 +5,30 @@
 #pragma once
 
 #include <cerrno>
-#include <ostream>
-#include <sstream>
+#include <cstdint>
+#include <ios>
+#include <string>
 
 namespace android::base {
 
 /// As in the platform's header; FATAL ends the process once its line is written.
 enum LogSeverity { VERBOSE, DEBUG, INFO, WARNING, ERROR, FATAL_WITHOUT_ABORT, FATAL };
+
+/// As much of a std::ostream as log lines use: text, and numbers after std::hex. The C++ library's
+/// own would bring its locales along, which are larger than all the rest of the library.
+class LineStream {
+ public:
+  /// Null is no text.
+  LineStream& operator<<(const char* text);
+  LineStream& operator<<(std::uintptr_t number);
+  /// std::hex or std::dec: how numbers are written from here on.
+  LineStream& operator<<(std::ios_base& (*base)(std::ios_base&));
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
+  bool hexadecimal_ = false;
+};
 
 /// Collects one line and writes it, as "FILE:LINE] TEXT", when destroyed. Does not keep errno by
 /// itself: LOG does.
@@ -25,7 +42,7 @@ class LogMessage {
   ~LogMessage();
 
   /// Where the text goes, for as long as the message lives.
-  std::ostream& stream() { return text_; }
+  LineStream& stream() { return text_; }
 
  private:
   const char* file_;
@@ -33,7 +50,7 @@ class LogMessage {
   LogSeverity severity_;
   const char* tag_;
   int error_;
-  std::ostringstream text_;
+  LineStream text_;
 };
 
 /// Puts errno back as it was, at the end of the full expression that it stands in.

@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -72,7 +71,8 @@ class Thread : virtual public RefBase {
   bool EndUnless(bool go_on);
 
   mutable std::mutex mutex_;  // guards all below, except that the thread reads what run() wrote
-  std::condition_variable ended_;
+  /// Not the C++ library's, whose object brings its error categories and locales along.
+  pthread_cond_t ended_ = PTHREAD_COND_INITIALIZER;
   pthread_t thread_{};  // valid while running_
   char name_[16] = {};
   std::int32_t priority_ = PRIORITY_DEFAULT;

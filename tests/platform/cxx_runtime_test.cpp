@@ -1,0 +1,91 @@
+// The library's own parts of the C++ run-time library. They take the place of the shared library's
+// in this whole program; calloc is wrapped at link time.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "platform_variable.h"
+
+extern "C" void* __real_calloc(std::size_t count, std::size_t size);
+
+namespace {
+
+std::atomic<bool> no_memory{false};
+std::atomic<int> blocks{0};  // taken from the allocator by the run-time library
+
+struct LargeError : std::bad_alloc {
+  char text[100] = "large";
+};
+
+/// Two exceptions deep, with a rethrow and a destructor that runs meanwhile.
+void ThrowAndCatch(std::atomic<int>& outside) {
+  try {
+    try {
+      throw std::bad_alloc();
+    } catch (const std::bad_alloc&) {
+      try {
+        throw 7;
+      } catch (int number) {
+        EXPECT_EQ(number, 7);
+        for (--outside; outside > 0;) std::this_thread::yield();
+      }
+      EXPECT_EQ(std::uncaught_exceptions(), 0);
+      throw;
+    }
+  } catch (const std::exception& error) {
+    EXPECT_STREQ(error.what(), std::bad_alloc().what());
+    EXPECT_TRUE(std::current_exception() != nullptr);
+  }
+}
+
+/// All of them are inside at once.
+void OnThreads(int count) {
+  std::atomic<int> outside{count};
+  std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) threads.emplace_back([&outside] { ThrowAndCatch(outside); });
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+
+// Seen by the run-time library and this file alone.
+extern "C" void* __wrap_calloc(std::size_t count, std::size_t size) {
+  if (no_memory) return nullptr;
+  ++blocks;
+  return __real_calloc(count, size);
+}
+
+namespace {
+
+TEST(CxxRuntime, ThrowsWithoutMemory) {
+  no_memory = true;
+  for (int round = 0; round < 4; ++round) OnThreads(20);  // each takes what the last gave back
+  EXPECT_THROW(std::vector<int>().reserve(std::vector<int>().max_size() + 1), std::bad_alloc);
+  no_memory = false;
+  EXPECT_EQ(blocks, 0);
+}
+
+TEST(CxxRuntime, ThrowsOnMoreThreadsThanItHasRoomFor) {
+  OnThreads(80);
+  EXPECT_GE(blocks, 80 * 2 - 64 + 80 - 64);
+  const int before = blocks;
+  EXPECT_THROW(throw LargeError(), LargeError);
+  EXPECT_EQ(blocks, before + 1);
+}
+
+TEST(CxxRuntimeDeathTest, SaysWhyItEndsTheProcess) {
+  SetVariable("MEMLEAK_TRACKER_LOG", "stderr");
+  EXPECT_DEATH(std::thread([] { throw 1; }).join(), "F MemLeak.Native: .* nobody catches");
+  EXPECT_DEATH(std::unique_lock<std::mutex>().lock(), "F MemLeak.Native: .* not permitted");
+  no_memory = true;
+  EXPECT_DEATH(throw LargeError(), "no memory for an exception");
+}
+
+}  // namespace
