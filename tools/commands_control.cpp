@@ -1,6 +1,5 @@
-// run, on, pause, clear and send: what changes the state of a process.
+// on, pause, clear and send: what changes the state of a process.
 #include <elf.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iostream>
@@ -11,6 +10,7 @@
 #include "tools/process_info.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
+#include "tools/site.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -23,20 +23,14 @@ char DefaultType(const ProcessInfo& process) {
 
 // Puts the chosen settings in force, and defaults where a process has none; returns what holds.
 BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
-  const std::optional<std::string> own = ReadTextFile(process.PropertiesPath());
-  const std::optional<std::string> shared = ReadTextFile(process.shared_properties);
-  // An own file hides the shared one, so it starts as its copy.
-  const std::string current = own ? *own : shared.value_or("");
-
+  const StoredSettings stored = ReadSettings(process);
   BacktraceSettings wanted{options.depth, options.type};
-  const bool chosen = wanted.depth || wanted.type;
-  const bool bare = !own && process.shared_properties.empty() && process.root != "/";
-  if (bare) {
+  if (stored.is_bare) {
     wanted.type = wanted.type.value_or(DefaultType(process));
     wanted.depth = wanted.depth.value_or(kDefaultDepth);
   }
-  const std::string updated = UpdateProperties(current, wanted);
-  if (chosen || bare) WriteProperties(process.root, updated);
+  const std::string updated = UpdateProperties(stored.text, wanted);
+  if (wanted.depth || wanted.type) WriteSettings(process, updated);
 
   BacktraceSettings in_force = ParseSettings(updated);
   if (!in_force.type) in_force.type = kUnwindFramePointers;
@@ -58,16 +52,6 @@ int SendSimple(pid_t pid, std::uint64_t word, const char* done) {
 }
 
 }  // namespace
-
-int RunCommand(const RunOptions& options) {
-  const LaunchPlan plan = PlanLaunch(options);
-  // The program's own output is not touched; a person at a terminal gets to know the PID.
-  if (isatty(STDERR_FILENO) == 1) {
-    std::cerr << "memleak: process " << getpid() << ", root directory " << plan.root << std::endl;
-  }
-  if (!plan.note.empty()) std::cerr << "memleak: " << plan.note << std::endl;
-  Launch(plan);
-}
 
 int OnCommand(const OnOptions& options) {
   if (options.kind != Kind::kNative) return HookOnCommand(options);

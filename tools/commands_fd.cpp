@@ -11,6 +11,7 @@
 #include "tools/log_tail.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
+#include "tools/site.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -45,9 +46,7 @@ bool HasFdLibrary(const ProcessInfo& process) {
 
 // As for native recording: what was asked for, else what is in force.
 std::uint32_t ParameterFor(const ProcessInfo& process, const FdOptions& options) {
-  std::optional<std::string> text = ReadTextFile(process.PropertiesPath());
-  if (!text) text = ReadTextFile(process.shared_properties);
-  const BacktraceSettings settings = ParseSettings(text.value_or(""));
+  const BacktraceSettings settings = ParseSettings(ReadSettings(process).text);
   const std::uint32_t depth = options.depth.value_or(settings.depth.value_or(kDefaultDepth));
   return ParameterWord(std::min(depth, kMaxDepth), settings.type.value_or(kUnwindFramePointers));
 }
@@ -109,7 +108,7 @@ int FdCommand(const FdOptions& options) {
                     "have it where the program finds its libraries");
   }
   std::cout << process.Label() << ": " << action->done
-            << (complaints ? "" : " (sent; there is no log that would tell)") << "\n";
+            << (complaints ? "" : std::string(" (") + Advice().unseen + ")") << "\n";
   return kExitOk;
 }
 

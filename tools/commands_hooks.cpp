@@ -11,6 +11,7 @@
 #include "tools/log_tail.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
+#include "tools/site.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -41,12 +42,10 @@ std::uint32_t WriteHookSettings(const ProcessInfo& process, const OnOptions& opt
   if (options.type.value_or(kUnwindFramePointers) != kUnwindFramePointers) {
     Complain(kNoUnwindTables);
   }
-  const std::optional<std::string> own = ReadTextFile(process.PropertiesPath());
-  // An own file hides the shared one, so it starts as its copy.
-  const std::string current = own ? *own : ReadTextFile(process.shared_properties).value_or("");
+  const std::string current = ReadSettings(process).text;
   const std::string updated = WithHooks(UpdateProperties(current, {options.depth, std::nullopt}),
                                         plan.libraries, plan.functions);
-  WriteProperties(process.root, updated);
+  WriteSettings(process, updated);
   return ParseSettings(updated).depth.value_or(kDefaultDepth);
 }
 
@@ -225,15 +224,14 @@ int HookOnCommand(const OnOptions& options) {
     Complain("the tracker says: " + FitWidth(complaint, 200));
   }
   if (outcome.result == HookResult::kNothing) {
+    const std::string log_place = LogPlace(process);
     throw UserError("the tracker hooked nothing in " + process.Label(),
                     "see memleak libs " + std::to_string(process.pid) +
-                        (process.log.empty() ? "" : " and its log " + process.log));
+                        (log_place.empty() ? "" : " and its log: " + log_place));
   }
   std::cout << process.Label() << ": " << kind.name;
   if (outcome.result == HookResult::kUnseen) {
-    std::cout << " recording asked for; what came of it cannot be seen: it has no log that can be\n"
-                 "read, and its memory takes the right to debug it (memleak run --log FILE, or"
-                 " root)\n";
+    std::cout << " recording asked for; " << Advice().unseen_hooks << "\n";
   } else {
     std::cout << " recording on, " << (options.keep ? "earlier records kept" : "tables emptied")
               << ", " << depth << " frames by frame pointers\n";

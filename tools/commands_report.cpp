@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <iostream>
 
 #include "tools/commands.h"
@@ -18,13 +17,12 @@
 #include "tools/report/show.h"
 #include "tools/report_wait.h"
 #include "tools/root_directory.h"
+#include "tools/site.h"
 #include "tools/take_report.h"
 #include "tools/user_error.h"
 
 namespace memleak {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 
@@ -34,15 +32,9 @@ std::string ReadFailure(const std::string& path) {
 }
 
 std::string UnknownRecording(const ProcessInfo& process) {
-  std::string text = "unknown";
-  if (process.environment.contains(kStartVariable)) text += ", on when it was started";
-  if (!process.log.empty()) {
-    return text + " (its log cannot be read: " + ReadFailure(process.log) + ")";
-  }
-  const auto log = process.environment.find(kLogVariable);
-  return text + (log != process.environment.end() && !log->second.empty()
-                     ? " (its log goes to its error output)"
-                     : " (no log; memleak run --log FILE makes one)");
+  std::string text = "unknown" + WhyUnknown(process);
+  if (process.log.empty()) return text;
+  return text + " (its log cannot be read: " + ReadFailure(process.log) + ")";
 }
 
 std::string RecordingText(const ProcessInfo& process) {
@@ -69,20 +61,16 @@ std::string HooksText(const ProcessInfo& process) {
 }
 
 std::string SettingsText(const ProcessInfo& process) {
-  std::string path = process.PropertiesPath();
-  std::optional<std::string> text = ReadTextFile(path);
-  if (!text && !process.shared_properties.empty()) {
-    path = process.shared_properties;
-    text = ReadTextFile(path);
-  }
-  if (!text) return "none (backtrace type 0, size " + std::to_string(kDefaultDepth) + ")";
-  const BacktraceSettings settings = ParseSettings(*text);
+  const StoredSettings stored = ReadSettings(process);
+  if (stored.place.empty())
+    return "none (backtrace type 0, size " + std::to_string(kDefaultDepth) + ")";
+  const BacktraceSettings settings = ParseSettings(stored.text);
   const std::string type(1, settings.type.value_or(kUnwindFramePointers));
   const char* method = type[0] == kUnwindFramePointers ? " (frame pointers)"
                        : type[0] == kUnwindTables      ? " (dwarf)"
                                                        : " (invalid)";
   return "backtrace type " + type + method + ", size " +
-         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + path + "]";
+         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + stored.place + "]";
 }
 
 std::string ReportText(const std::string& path) {
@@ -125,6 +113,8 @@ int ReportCommand(const ReportOptions& options) {
   std::cout << "\nbytes   " << FormatCount(header.total_bytes) << " ("
             << FormatBytes(header.total_bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
+  const std::string fetch = FetchCommand(path);
+  if (!fetch.empty()) std::cout << "fetch   " << fetch << "\n";
   if (options.kind != Kind::kNative) PrintStillHooked(process);
   if (options.keep_recording) std::cout << "        recording was not touched\n";
   return kExitOk;
@@ -141,7 +131,8 @@ int StatusCommand(pid_t pid) {
   std::cout << "root        " << process.root << "\n"
             << "properties  " << SettingsText(process) << "\n"
             << "report      " << ReportText(process.ReportPath()) << "\n";
-  if (!process.log.empty()) std::cout << "log         " << process.log << "\n";
+  const std::string log = LogPlace(process);
+  if (!log.empty()) std::cout << "log         " << log << "\n";
   return TakesCommands(process) ? kExitOk : kExitNegative;
 }
 

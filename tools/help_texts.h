@@ -19,8 +19,8 @@ Every command explains itself: memleak COMMAND --help.
 Exit codes:
   0  done
   1  the answer is no (status: not tracked; libs: nothing to hook; diff: grew
-     by more than --fail-over), or an internal error
-  2  an error that one can mend; one line says what, where and how)";
+     by more than --fail-over)
+  2  an error; one line says what, where and how to mend it)";
 
 inline constexpr const char* kRun = R"(
 Prepares a root directory, sets the environment and becomes PROGRAM, which

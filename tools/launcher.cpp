@@ -14,6 +14,7 @@
 #include "tools/control.h"
 #include "tools/elf_info.h"
 #include "tools/process_info.h"
+#include "tools/program_file.h"
 #include "tools/root_directory.h"
 #include "tools/user_error.h"
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "tools/elf_info.h"
+#include "tools/files.h"
 
 namespace memleak {
 namespace {
@@ -29,10 +30,6 @@ struct ListEntry {
   std::uint64_t bias = 0;
   std::string name;
 };
-
-std::string LastPart(const std::string& path) {
-  return path.substr(path.rfind('/') + 1);
-}
 
 std::string FileOf(pid_t pid, const Mapping& mapping) {
   if (!mapping.deleted) return mapping.path;

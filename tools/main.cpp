@@ -5,19 +5,15 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <exception>
-#include <iostream>
-#include <limits>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "tools/command_line.h"
 #include "tools/commands.h"
-#include "tools/control.h"
+#include "tools/control_options.h"
 #include "tools/help_texts.h"
-#include "tools/kinds.h"
 #include "tools/user_error.h"
 #include "tools/watch.h"
 
@@ -27,20 +23,13 @@ namespace {
 /// Everything the command line can set.
 struct Options {
   RunOptions run;
-  OnOptions on;
-  ReportOptions report;
-  FdOptions fd;
-  SendOptions send;
+  ControlOptions control;
   ShowOptions show;
   WatchOptions watch;
   HtmlOptions html;
   DiffOptions diff;
   ExportOptions exported;
-  // Numbers as they were given: the library's own messages about them name neither what is wanted
-  // nor what to do.
-  std::string pid;
-  std::string depth;
-  std::string timeout;
+  // Numbers as they were given.
   std::string top;
   std::string by = "group";
   std::string sort = "total";
@@ -49,61 +38,16 @@ struct Options {
   std::string every;
   std::string duration;
   std::string fail_over;
-  std::string unwind;
-  std::string kind;
-  std::string libraries;
-  std::string functions;
-  std::string word;
-  std::string parameter = "0";
 };
 
-// What a number on the command line has to be.
-struct NumberKind {
-  const char* noun;
-  std::uint64_t least;
-  std::uint64_t most;
-  const char* remedy;
-};
-
-constexpr std::uint64_t kMost32 = std::numeric_limits<std::uint32_t>::max();
-constexpr NumberKind kPidKind = {"a process id", 1, std::numeric_limits<pid_t>::max(),
-                                 "find it with: pgrep -a NAME"};
-constexpr NumberKind kDepthKind = {"a number of frames from 1 to 65535", 1, kMaxDepth,
-                                   "give one such as 24"};
-constexpr NumberKind kTimeoutKind = {"a number of seconds", 0, kMost32,
-                                     "give one such as 300, or 0 to wait without end"};
 constexpr NumberKind kTopKind = {"a number of groups", 0, kMost32,
                                  "give one such as 20, or 0 for all"};
-constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max();
 constexpr NumberKind kBytesKind = {"a number of bytes", 0, kMost64, "give one such as 4096 or 64k"};
 constexpr NumberKind kAgeKind = {"an age", 0, kMost32, "give one such as 90s, 10m, 2h or 1d"};
 constexpr NumberKind kEveryKind = {"a time of at least a second", 1, kMost32,
                                    "give one such as 30s, 5m or 1h"};
 constexpr NumberKind kForKind = {"a time", 0, kMost32,
                                  "give one such as 10m or 2h, or 0 for no end"};
-constexpr NumberKind kWordKind = {"a number in range", 0, std::numeric_limits<std::uint64_t>::max(),
-                                  "give one such as 0x90"};
-constexpr NumberKind kParameterKind = {"a number in range", 0, kMost32, "give one such as 0xa0031"};
-
-// The whole of `text` as a number, decimal or with "0x".
-std::uint64_t ParseNumber(const std::string& name, const std::string& text,
-                          const NumberKind& kind) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  const char* begin = text.data() + (hex ? 2 : 0);
-  const char* end = text.data() + text.size();
-  std::uint64_t value = 0;
-  const auto result = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (result.ec != std::errc() || result.ptr != end || value < kind.least || value > kind.most) {
-    throw UserError(name + " is not " + kind.noun + ": " + text, kind.remedy);
-  }
-  return value;
-}
-
-std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
-                            const NumberKind& kind) {
-  return static_cast<std::uint32_t>(ParseNumber(name, text, kind));
-}
-
 // What a letter behind a number multiplies it by.
 struct Unit {
   char letter;
@@ -136,56 +80,14 @@ class HelpFormatter : public CLI::Formatter {
   }
 };
 
-CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text) {
-  CLI::App* command = app->add_subcommand(name, summary);
-  command->footer(text);
-  return command;
-}
-
-CLI::App* AddPidCommand(CLI::App* app, const char* name, const char* summary, const char* text,
-                        Options* options) {
-  CLI::App* command = AddCommand(app, name, summary, text);
-  command->add_option("PID", options->pid, "Process id")->required()->option_text(" ");
-  return command;
-}
-
-void AddBacktraceOptions(CLI::App* command, Options* options) {
-  command->add_option("--depth", options->depth, "Frames kept per allocation")->option_text("N");
-  command
-      ->add_option("--unwind", options->unwind,
-                   "By frame pointers (aarch64's default) or\n"
-                   "unwind tables (x86-64's)")
-      ->check(CLI::IsMember({"fp", "dwarf"}))
-      ->option_text("fp|dwarf");
-}
-
-void AddKindOption(CLI::App* command, Options* options) {
-  command->add_option("--kind", options->kind, "What is recorded: native (default), mmap, ion, gpu")
-      ->option_text("KIND");
-}
-
-void AddHookOptions(CLI::App* command, Options* options) {
-  AddKindOption(command, options);
-  command
-      ->add_option("--lib", options->libraries,
-                   "Libraries to be hooked, for --kind mmap;\n"
-                   "ion and gpu have their own")
-      ->option_text("NAME,...");
-  command
-      ->add_option("--func", options->functions,
-                   "Functions to be hooked in them (mmap,mmap64,\n"
-                   "munmap,mremap; for ion and gpu ioctl)")
-      ->option_text("NAME,...");
-}
-
 void AddRun(CLI::App* app, Options* options) {
   CLI::App* command = AddCommand(app, "run", "Start a program under the tracker", help::kRun);
   command->prefix_command();
   RunOptions& run = options->run;
   command->add_flag("--start", run.start, "Record from before main");
   command->add_flag("--report-at-exit", run.report_at_exit, "Write a report when the program ends");
-  AddHookOptions(command, options);
-  AddBacktraceOptions(command, options);
+  AddHookOptions(command, &options->control);
+  AddBacktraceOptions(command, &options->control);
   command->add_option("--root", run.root, "Root directory (default: ./memleak.<pid>)")
       ->option_text("DIR");
   command->add_option("--log", run.log, "The tracker's log: a file, or stderr")
@@ -262,15 +164,15 @@ void AddHtml(CLI::App* app, HtmlOptions* options) {
 }
 
 void AddWatch(CLI::App* app, Options* options) {
-  CLI::App* watch =
-      AddPidCommand(app, "watch", "Take reports in turn and say what grew", help::kWatch, options);
+  CLI::App* watch = AddPidCommand(app, "watch", "Take reports in turn and say what grew",
+                                  help::kWatch, &options->control);
   watch->add_option("-o,--output", options->watch.directory, "Directory for the reports, a new one")
       ->required()
       ->option_text("DIR");
   watch->add_option("--every", options->every, "From report to report (30s)")->option_text("TIME");
   watch->add_option("--for", options->duration, "In all (10m); 0: without end")
       ->option_text("TIME");
-  watch->add_option("--timeout", options->timeout, "Seconds to wait for each report (60)")
+  watch->add_option("--timeout", options->control.timeout, "Seconds to wait for each report (60)")
       ->option_text("SECONDS");
   watch->add_option("--top", options->top, "Groups to print (10); 0: all")->option_text("N");
   AddSymbolOptions(watch, &options->watch.symbols);
@@ -312,36 +214,7 @@ void AddExport(CLI::App* app, ExportOptions* options) {
 
 void AddCommands(CLI::App* app, Options* options) {
   AddRun(app, options);
-  CLI::App* on = AddPidCommand(app, "on", "Start recording", help::kOn, options);
-  on->add_flag("--keep", options->on.keep, "Keep what is recorded already");
-  AddHookOptions(on, options);
-  AddBacktraceOptions(on, options);
-  AddKindOption(
-      AddPidCommand(app, "pause", "Record nothing new for a while", help::kPause, options),
-      options);
-  CLI::App* report =
-      AddPidCommand(app, "report", "Stop recording and write a report", help::kReport, options);
-  AddKindOption(report, options);
-  report
-      ->add_option("--timeout", options->timeout,
-                   "Seconds to wait for the report (60); 0: without end")
-      ->option_text("SECONDS");
-  report->add_flag("--keep-recording", options->report.keep_recording,
-                   "Go on recording; of the native heap alone");
-  AddKindOption(
-      AddPidCommand(app, "clear", "Drop everything recorded so far", help::kClear, options),
-      options);
-  AddPidCommand(app, "libs", "List what could be hooked", help::kLibs, options);
-  CLI::App* fd = AddCommand(app, "fd", "Track file descriptors", help::kFd);
-  fd->add_option("ACTION", options->fd.action, "on, off, dump or clear")
-      ->required()
-      ->option_text(" ");
-  fd->add_option("PID", options->pid, "Process id")->required()->option_text(" ");
-  fd->add_option("--depth", options->depth, "Frames kept, with on")->option_text("N");
-  CLI::App* send = AddPidCommand(app, "send", "Send a control word", help::kSend, options);
-  send->add_option("--word", options->word, "Control word")->required()->option_text("WORD");
-  send->add_option("--parameter", options->parameter, "Parameter word (0)")->option_text("WORD");
-  AddPidCommand(app, "status", "Say what is known of a process", help::kStatus, options);
+  AddControlCommands(app, {help::kOn, help::kReport, help::kStatus}, &options->control);
   AddShow(app, options);
   AddWatch(app, options);
   AddHtml(app, &options->html);
@@ -349,36 +222,9 @@ void AddCommands(CLI::App* app, Options* options) {
   AddExport(app, &options->exported);
 }
 
-// The kind asked for; native without the option, and for commands that do not have it.
-Kind ChosenKind(const Options& options) {
-  return options.kind.empty() ? Kind::kNative : ParseKind(options.kind);
-}
-
-// An option that is given without a name is told apart from one that is not given.
-std::string NameList(const CLI::App& command, const char* option, const std::string& value) {
-  if (command.count(option) != 0) ParseNames(option, value);
-  return value;
-}
-
-template <typename Target>
-void CopyHookOptions(const CLI::App& command, const Options& options, Target* target) {
-  target->kind = ChosenKind(options);
-  target->libraries = NameList(command, "--lib", options.libraries);
-  target->functions = NameList(command, "--func", options.functions);
-}
-
-template <typename Target>
-void CopyBacktraceOptions(const CLI::App& command, const Options& options, Target* target) {
-  if (command.count("--depth") != 0)
-    target->depth = ParseNumber32("--depth", options.depth, kDepthKind);
-  if (command.count("--unwind") != 0) {
-    target->type = options.unwind == "fp" ? kUnwindFramePointers : kUnwindTables;
-  }
-}
-
-int DispatchWatch(const CLI::App& command, pid_t pid, Options* options) {
+int DispatchWatch(const CLI::App& command, Options* options) {
   WatchOptions& watch = options->watch;
-  watch.pid = pid;
+  watch.pid = ChosenPid(options->control);
   if (command.count("--every") != 0) {
     watch.every_s =
         static_cast<std::uint32_t>(ParseWithUnit("--every", options->every, kEveryKind, kAgeUnits));
@@ -388,51 +234,10 @@ int DispatchWatch(const CLI::App& command, pid_t pid, Options* options) {
         static_cast<std::uint32_t>(ParseWithUnit("--for", options->duration, kForKind, kAgeUnits));
   }
   if (command.count("--timeout") != 0) {
-    watch.timeout_s = ParseNumber32("--timeout", options->timeout, kTimeoutKind);
+    watch.timeout_s = ParseNumber32("--timeout", options->control.timeout, kTimeoutKind);
   }
   if (command.count("--top") != 0) watch.top = ParseNumber32("--top", options->top, kTopKind);
   return WatchCommand(watch);
-}
-
-int DispatchToProcess(const CLI::App& command, Options* options) {
-  const std::string& name = command.get_name();
-  const auto pid = static_cast<pid_t>(ParseNumber("PID", options->pid, kPidKind));
-  if (name == "on") {
-    options->on.pid = pid;
-    CopyHookOptions(command, *options, &options->on);
-    CopyBacktraceOptions(command, *options, &options->on);
-    return OnCommand(options->on);
-  }
-  if (name == "report") {
-    options->report.pid = pid;
-    options->report.kind = ChosenKind(*options);
-    if (command.count("--timeout") != 0) {
-      options->report.timeout_s = ParseNumber32("--timeout", options->timeout, kTimeoutKind);
-    }
-    if (options->report.keep_recording && options->report.kind != Kind::kNative) {
-      throw UserError("--keep-recording is not for --kind " + options->kind +
-                          ": its report takes the hooks away",
-                      "leave out one of them");
-    }
-    return ReportCommand(options->report);
-  }
-  if (name == "watch") return DispatchWatch(command, pid, options);
-  if (name == "send") {
-    options->send = {pid, ParseNumber("--word", options->word, kWordKind),
-                     ParseNumber32("--parameter", options->parameter, kParameterKind)};
-    return SendWordCommand(options->send);
-  }
-  if (name == "fd") {
-    options->fd.pid = pid;
-    if (command.count("--depth") != 0) {
-      options->fd.depth = ParseNumber32("--depth", options->depth, kDepthKind);
-    }
-    return FdCommand(options->fd);
-  }
-  if (name == "pause") return PauseCommand(pid, ChosenKind(*options));
-  if (name == "clear") return ClearCommand(pid, ChosenKind(*options));
-  if (name == "libs") return LibsCommand(pid);
-  return StatusCommand(pid);
 }
 
 int DispatchShow(const CLI::App& command, Options* options) {
@@ -472,15 +277,16 @@ int DispatchDiff(const CLI::App& command, Options* options) {
 int Dispatch(const CLI::App& command, Options* options) {
   const std::string& name = command.get_name();
   if (name == "run") {
-    CopyHookOptions(command, *options, &options->run);
-    CopyBacktraceOptions(command, *options, &options->run);
+    CopyHookOptions(command, options->control, &options->run);
+    CopyBacktraceOptions(command, options->control, &options->run);
     return RunCommand(options->run);
   }
   if (name == "show") return DispatchShow(command, options);
   if (name == "html") return HtmlCommand(options->html);
   if (name == "diff") return DispatchDiff(command, options);
   if (name == "export") return ExportCommand(options->exported);
-  return DispatchToProcess(command, options);
+  if (name == "watch") return DispatchWatch(command, options);
+  return DispatchControl(command, &options->control);
 }
 
 // The program and its arguments: what follows "--", after what `run` did not know itself.
@@ -496,11 +302,6 @@ std::vector<std::string> ProgramWords(const CLI::App& command,
   return words;
 }
 
-bool HasCommand(CLI::App* app, const std::string& name) {
-  return !app->get_subcommands([&](CLI::App* command) { return command->get_name() == name; })
-              .empty();
-}
-
 int Main(const std::vector<std::string>& arguments) {
   CLI::App app{"memleak - find which call stacks of a running program hold its memory", "memleak"};
   app.require_subcommand(1);
@@ -509,23 +310,12 @@ int Main(const std::vector<std::string>& arguments) {
   Options options;
   AddCommands(&app, &options);
 
-  if (!arguments.empty() && !arguments.front().starts_with('-') &&
-      !HasCommand(&app, arguments.front())) {
-    throw UserError("unknown command: " + arguments.front(), "see memleak --help");
-  }
   // The library would take what follows "--" for its own positional arguments.
   const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
   const bool has_dashes = dashes != arguments.end();
   const std::vector<std::string> program(has_dashes ? dashes + 1 : dashes, arguments.end());
-  try {
-    // This form of parse takes the words in reverse.
-    app.parse(std::vector<std::string>(std::make_reverse_iterator(dashes), arguments.rend()));
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    const auto chosen = app.get_subcommands();
-    const std::string name = chosen.empty() ? "" : " " + chosen.front()->get_name();
-    throw UserError(error.what(), "see memleak" + name + " --help");
-  }
+  const auto code = ParseWords(&app, std::vector<std::string>(arguments.begin(), dashes));
+  if (code) return *code;
   const CLI::App& command = *app.get_subcommands().front();
   if (command.get_name() == "run") {
     options.run.command = ProgramWords(command, program, has_dashes);
@@ -540,18 +330,5 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace memleak
 
 int main(int count, char** values) {
-  try {
-    const int code = memleak::Main(std::vector<std::string>(values + 1, values + count));
-    if (!std::cout.flush()) {
-      throw memleak::UserError("cannot write to the standard output",
-                               "make room, or send the output elsewhere");
-    }
-    return code;
-  } catch (const memleak::UserError& error) {
-    std::cerr << "memleak: " << error.what() << "\n";
-    return memleak::kExitUserError;
-  } catch (const std::exception& error) {
-    std::cerr << "memleak: internal error: " << error.what() << "\n";
-    return memleak::kExitUserError;
-  }
+  return memleak::GuardedMain(count, values, memleak::Main);
 }

@@ -13,17 +13,16 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <thread>
 
 #include "tools/control.h"
+#include "tools/files.h"
 #include "tools/log_tail.h"
+#include "tools/site.h"
 #include "tools/user_error.h"
 
 namespace memleak {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::string_view kEmulatorPrefix = "qemu-";
 constexpr auto kStartPoll = std::chrono::milliseconds(20);
@@ -56,12 +55,13 @@ std::string_view StatusField(std::string_view status, std::string_view name) {
 }
 
 UserError NoSuchProcess(pid_t pid) {
-  return {"no such process: " + std::to_string(pid), "check the PID: pgrep -a NAME"};
+  return {"no such process: " + std::to_string(pid),
+          std::string("find it with: ") + Advice().find_pid};
 }
 
 UserError NotPermitted(pid_t pid, const std::string& path) {
   return {"not permitted to look at process " + std::to_string(pid) + " (" + path + ")",
-          "run memleak as the user who owns it, or as root"};
+          Advice().permission};
 }
 
 // Reads a whole file of /proc; errors become the messages a person needs.
@@ -83,24 +83,6 @@ std::string ReadProc(pid_t pid, const std::string& name) {
   if (count < 0 && (error == EACCES || error == EPERM)) throw NotPermitted(pid, path);
   if (count < 0) throw NoSuchProcess(pid);
   return text;
-}
-
-std::string ReadLink(const std::string& path) {
-  std::error_code error;
-  return fs::read_symlink(path, error).string();
-}
-
-// A path from the process's environment, absolute, with "%p" replaced.
-std::string OwnPath(const std::string& value, const ProcessInfo& process) {
-  const fs::path path = ExpandPid(value, process.pid);
-  if (path.is_absolute()) return path.lexically_normal().string();
-  const fs::path cwd = ReadLink("/proc/" + std::to_string(process.pid) + "/cwd");
-  return (cwd / path).lexically_normal().string();
-}
-
-std::string Lookup(const std::map<std::string, std::string>& environment, const char* name) {
-  const auto entry = environment.find(name);
-  return entry == environment.end() ? "" : entry->second;
 }
 
 // Whether the process was forked only just now. Its environment tells nothing yet: before it
@@ -131,7 +113,7 @@ struct Image {
 };
 
 Image ReadImage(pid_t pid) {
-  return {ReadLink("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
+  return {LinkTarget("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
 }
 
 // One look at a process; says in `steady` whether it was one and the same program throughout.
@@ -147,8 +129,7 @@ ProcessInfo Look(pid_t pid, bool* steady) {
   process.environment = ParseEnvironment(image.environment);
   process.has_tracker = MapsLibrary(ReadMaps(pid), kTrackerLibrary);
   process.executable = image.executable;
-  process.is_emulated =
-      fs::path(process.executable).filename().string().starts_with(kEmulatorPrefix);
+  process.is_emulated = LastPart(process.executable).starts_with(kEmulatorPrefix);
   if (process.is_emulated) {
     const std::string guest = GuestName(ReadProc(pid, "cmdline"));
     if (!guest.empty()) process.name = guest;
@@ -160,11 +141,11 @@ ProcessInfo Look(pid_t pid, bool* steady) {
 UserError NotTracked(const ProcessInfo& process) {
   if (!process.has_tracker) {
     return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
-            "start it with: memleak run -- PROGRAM"};
+            std::string("start it ") + Advice().with_tracker};
   }
   return {"process " + process.Label() +
               " does not catch signal 44, which would kill it; nothing was sent",
-          "start it anew with: memleak run -- PROGRAM"};
+          std::string("start it anew ") + Advice().with_tracker};
 }
 
 }  // namespace
@@ -262,11 +243,11 @@ std::string ProcessInfo::Label() const {
 }
 
 std::string ProcessInfo::PropertiesPath() const {
-  return (fs::path(root) / kPropertiesFile).string();
+  return JoinPath(root, kPropertiesFile);
 }
 
 std::string ProcessInfo::ReportPath() const {
-  return (fs::path(root) / kReportFile).string();
+  return JoinPath(root, kReportFile);
 }
 
 std::string ReadMaps(pid_t pid) {
@@ -281,19 +262,14 @@ ProcessInfo InspectProcess(pid_t pid) {
   ProcessInfo process = Look(pid, &steady);
   for (int look = 1; !steady && look < kLooks; ++look) process = Look(pid, &steady);
 
-  const std::string root = Lookup(process.environment, kRootVariable);
-  process.root = root.empty() ? "/" : OwnPath(root, process);
-  const std::string log = Lookup(process.environment, kLogVariable);
-  if (!log.empty() && log != "stderr") process.log = OwnPath(log, process);
-  const std::string shared = Lookup(process.environment, kPropertiesVariable);
-  if (!shared.empty()) process.shared_properties = OwnPath(shared, process);
+  FindPlaces(&process);
   return process;
 }
 
 ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
   using std::chrono::steady_clock;
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(patience_ms);
-  const std::string controller = ReadLink("/proc/self/exe");
+  const std::string controller = LinkTarget("/proc/self/exe");
   std::optional<steady_clock::time_point> mapped;
   bool was_controller = false;
   while (true) {
@@ -324,8 +300,7 @@ bool IsAlive(pid_t pid) {
 
 bool RunsEmulated() {
   // The emulator answers /proc/self/exe with the guest's program, but not this alias.
-  const fs::path executable = ReadLink("/proc/thread-self/exe");
-  return executable.filename().string().starts_with(kEmulatorPrefix);
+  return LastPart(LinkTarget("/proc/thread-self/exe")).starts_with(kEmulatorPrefix);
 }
 
 Recording RecordingFromLog(std::string_view log) {

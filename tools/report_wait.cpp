@@ -12,15 +12,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string_view>
 
+#include "tools/files.h"
 #include "tools/user_error.h"
 
 namespace memleak {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -43,7 +42,7 @@ std::string OldPath(const std::string& path) {
 /// Follows the report's directory as the levels above it come into being.
 class DirectoryWatch {
  public:
-  explicit DirectoryWatch(const fs::path& directory)
+  explicit DirectoryWatch(const std::string& directory)
       : directory_(directory), events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
     if (events_ < 0) throw TooMany();
     Follow();
@@ -65,17 +64,16 @@ class DirectoryWatch {
             "raise fs.inotify.max_user_instances or max_user_watches with sysctl"};
   }
 
-  fs::path DeepestExisting() const {
-    fs::path path = directory_;
-    std::error_code ignored;
-    while (!fs::is_directory(path, ignored) && path.has_relative_path()) path = path.parent_path();
+  std::string DeepestExisting() const {
+    std::string path = directory_;
+    while (!IsDirectory(path) && ParentPath(path) != path) path = ParentPath(path);
     return path;
   }
 
   void Follow() {
     // A level made between the look and the watch is seen by the second look.
     while (true) {
-      const fs::path deepest = DeepestExisting();
+      const std::string deepest = DeepestExisting();
       if (deepest == watched_) return;
       if (watch_ >= 0) inotify_rm_watch(events_, watch_);
       watch_ = inotify_add_watch(events_, deepest.c_str(), kEvents);
@@ -91,8 +89,8 @@ class DirectoryWatch {
     }
   }
 
-  fs::path directory_;
-  fs::path watched_;
+  std::string directory_;
+  std::string watched_;
   int events_ = -1;
   int watch_ = -1;
 };
@@ -130,7 +128,7 @@ bool EndsComplete(const std::string& path) {
 
 WaitResult WaitForReport(const WaitOptions& options) {
   const auto start = steady_clock::now();
-  DirectoryWatch watch(fs::path(options.path).parent_path());
+  DirectoryWatch watch(ParentPath(options.path));
   while (true) {
     // Asked before the look at the file: what a process wrote before it ended still counts.
     const bool alive = options.is_alive();

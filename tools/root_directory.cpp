@@ -9,17 +9,15 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "tools/control.h"
+#include "tools/files.h"
 #include "tools/user_error.h"
 
 namespace memleak {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr mode_t kPropertiesMode = 0644;
 
@@ -78,10 +76,8 @@ std::string WithProperty(std::string_view properties, const std::string& name,
 }
 
 void WriteProperties(const std::string& root, std::string_view properties) {
-  std::error_code error;
-  fs::create_directories(root, error);
-  if (error) throw NotWritable(root, error.message());
-  const std::string path = (fs::path(root) / kPropertiesFile).string();
+  if (!MakeDirectories(root)) throw NotWritable(root, std::strerror(errno));
+  const std::string path = JoinPath(root, kPropertiesFile);
   const std::string fresh = path + "." + std::to_string(getpid());
   const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPropertiesMode);
   if (file < 0) throw NotWritable(root, std::strerror(errno));
@@ -95,8 +91,7 @@ void WriteProperties(const std::string& root, std::string_view properties) {
 }
 
 std::optional<std::string> ReadTextFile(const std::string& path) {
-  std::error_code ignored;
-  if (!fs::is_regular_file(path, ignored)) return std::nullopt;
+  if (!IsPlainFile(path)) return std::nullopt;
   std::ifstream file(path, std::ios::binary);
   if (!file) return std::nullopt;
   std::ostringstream text;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "tools/control.h"
+#include "tools/site.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -41,8 +42,7 @@ void SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_t p
     case ESRCH:
       throw UserError("no such process: " + process.Label() + " has ended", "start it again");
     case EPERM:
-      throw UserError("not permitted to signal process " + process.Label(),
-                      "run memleak as the user who owns it, or as root");
+      throw UserError("not permitted to signal process " + process.Label(), Advice().permission);
     case EAGAIN:
       throw UserError("process " + process.Label() + " has too many signals pending",
                       "wait until it takes them, or raise ulimit -i");

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
+#include <cstdio>
 #include <iostream>
 #include <optional>
 #include <utility>
@@ -16,6 +16,7 @@
 #include "tools/report_wait.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
+#include "tools/site.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -54,7 +55,7 @@ void CheckResult(WaitResult result, const ProcessInfo& process, const std::strin
                  std::uint32_t timeout_s) {
   if (result == WaitResult::kProcessEnded) {
     throw UserError("process " + process.Label() + " ended before its report was complete: " + path,
-                    "start it with: memleak run --report-at-exit");
+                    Advice().report_at_end);
   }
   if (result == WaitResult::kTimeout) {
     throw UserError("no complete report after " + std::to_string(timeout_s) + " s: " + path,
@@ -66,8 +67,7 @@ void CheckResult(WaitResult result, const ProcessInfo& process, const std::strin
 // for it.
 std::optional<FileState> MakeRoom(const std::string& path, OldReport old) {
   if (old == OldReport::kKeepBeside) return MoveOldReportAside(path);
-  std::error_code ignored;
-  std::filesystem::remove(path, ignored);
+  std::remove(path.c_str());
   return StateOf(path);
 }
 

@@ -1,5 +1,6 @@
 // Which programs can be tracked, and why others cannot.
 #include "tools/elf_info.h"
+#include "tools/program_file.h"
 
 #include <elf.h>
 #include <gtest/gtest.h>

@@ -1,13 +1,15 @@
 // The report grammar, line by line.
 #include "tools/report/report_parser.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <utility>
 
+#include "tools/files.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -322,9 +324,8 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 }
 
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {
-  std::error_code ignored;
   // Asked before it is opened: to open a pipe may take for ever.
-  if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored)) {
+  if (access(path.c_str(), F_OK) == 0 && !IsPlainFile(path)) {
     throw UserError("cannot read report " + path + ": not a file",
                     "name the file that memleak report printed");
   }

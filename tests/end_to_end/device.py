@@ -1,0 +1,96 @@
+"""The controller's device edition, on a device that is played in a directory.
+
+usage: device.py CASE BIN_DIR CONTROLLER
+
+CONTROLLER is that of the desk, which starts programs and reads reports.
+"""
+
+import os
+import shutil
+import subprocess
+import time
+
+import end_to_end
+import hooked_kinds
+
+LOG = "logcat -s MemLeak.Native"
+
+
+class DeviceSession(hooked_kinds.HookSession):
+    def device(self, command, *arguments, code=0):
+        """What the device edition prints, where the log of the process cannot be read."""
+        environment = {**os.environ, "MEMLEAK_TRACKER_ROOT": self.root}
+        words = [f"{self.bin_dir}/memleak_device", *command.split(), str(self.process.pid),
+                 *map(str, arguments)]
+        result = subprocess.run(words, capture_output=True, text=True, env=environment, timeout=60)
+        assert result.returncode == code, f"{words}: {result.returncode} {result.stderr}"
+        if code == 2:
+            assert result.stderr.startswith("memleak: ") and result.stderr.count("\n") == 1
+        time.sleep(0.3)  # commands are carried out soon, but without an answer
+        return result.stdout + result.stderr
+
+    def properties(self):
+        with open(self.root + "/properties") as file:
+            return dict(line.rstrip("\n").split("=", 1) for line in file)
+
+
+def heap(session):
+    """Every command for the native heap, and what a person is told to do where it is refused."""
+    shutil.copy(session.bin_dir + "/../lib/libfdtrack_NONE.so", session.root + "/libfdtrack.so")
+    os.environ["LD_LIBRARY_PATH"] = session.root
+    session.start("--unwind", "fp")
+    text = session.device("status")
+    assert f"unknown (see: {LOG})" in text and f"\nlog         {LOG}\n" in text, text
+    assert "[system properties]" in text and "report      none yet" in text, text
+
+    session.device("on", "--depth", 24)
+    assert session.properties()["vastel.memleak.backtacemaxnum"] == "24"
+    session.step("alloc 30 120")
+    session.device("pause")
+    session.step("alloc 4 130")
+    session.device("on", "--keep")
+    session.step("alloc 5 140")
+    report = session.device("report")
+    path = session.root + "/data/log/reliability/allocations_dump"
+    assert f"report  {path}\n" in report and f"\nfetch   adb pull {path}\n" in report, report
+    groups = session.groups()
+    assert [end_to_end.kept(groups, s) for s in (120, 130, 140)] == [30, 0, 5]
+    assert "StepAllocate" in session.innermost([g for g in groups if g.size == 120][0])
+
+    session.device("send", "--word", "0x10")
+    session.step("alloc 6 150")
+    session.device("clear")
+    session.step("alloc 7 160")
+    session.device("report")
+    assert [end_to_end.kept(session.groups(), s) for s in (150, 160)] == [0, 7]
+
+    assert "switch it on first" in session.device("fd off", code=2)
+    text = session.device("fd on", "--depth", 16)
+    assert "are tracked" in text and LOG in text and text.count("\n") == 1, text
+    session.device("fd off")
+
+    with open(session.root + "/refused", "w", encoding="utf-8"):
+        text = session.device("on", "--depth", 25, code=2)
+    assert "vastel.memleak.backtacemaxnum" in text and "as root: setprop" in text, text
+    session.device("on", "--depth", 24)  # set already
+    for words in ("run", "show"):
+        assert "unknown command" in session.device(words, code=2)
+    session.quit()
+
+
+def hooks(session):
+    """What could be hooked is told, and is hooked and reported, by the slots alone."""
+    session.start_mapper()
+    library = "libend_to_end_mapper.so"
+    assert library in session.device("libs")
+    on = session.device("on", "--kind", "mmap", "--lib", library)
+    assert "recording on" in on and f"hooked  {library}: " in on, on
+    assert session.properties()["persist.sys.memleak.hookLib"] == library
+    session.step("map 20 65536")
+    session.device("report", "--kind", "mmap")
+    assert session.sizes() == {65536: 20}, session.sizes()
+    session.quit()
+
+
+if __name__ == "__main__":
+    end_to_end.main(globals(), DeviceSession)

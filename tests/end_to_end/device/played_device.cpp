@@ -1,0 +1,41 @@
+// A device in a directory, the one that MEMLEAK_TRACKER_ROOT names: its root, and its properties,
+// which cannot be set when there is a file "refused". Linked into the controller's device edition.
+#include <sys/system_properties.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "tools/control.h"
+#include "tools/device_root.h"
+#include "tools/files.h"
+#include "tools/root_directory.h"
+
+namespace {
+
+std::string Properties() {
+  const std::string path = memleak::JoinPath(memleak::DeviceRoot(), memleak::kPropertiesFile);
+  return memleak::ReadTextFile(path).value_or("");
+}
+
+}  // namespace
+
+std::string memleak::DeviceRoot() {
+  return std::getenv(kRootVariable);
+}
+
+extern "C" int __system_property_get(const char* name, char* value) {
+  value[0] = '\0';
+  std::istringstream lines(Properties());
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(std::string(name) + "=")) std::strcpy(value, &line[std::strlen(name) + 1]);
+  }
+  return static_cast<int>(std::strlen(value));
+}
+
+extern "C" int __system_property_set(const char* name, const char* value) {
+  const std::string root = memleak::DeviceRoot();
+  if (memleak::IsPlainFile(memleak::JoinPath(root, "refused"))) return -1;
+  memleak::WriteProperties(root, memleak::WithProperty(Properties(), name, value));
+  return 0;
+}

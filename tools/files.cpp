@@ -1,0 +1,55 @@
+// Files and paths by POSIX calls.
+#include "tools/files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+
+namespace memleak {
+namespace {
+
+// Before the umask takes its part.
+constexpr mode_t kDirectoryMode = 0777;
+
+}  // namespace
+
+bool IsPlainFile(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool IsDirectory(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::string LinkTarget(const std::string& path) {
+  std::array<char, PATH_MAX> target{};
+  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  return length < 0 ? "" : std::string(target.data(), static_cast<std::size_t>(length));
+}
+
+bool MakeDirectories(const std::string& path) {
+  if (mkdir(path.c_str(), kDirectoryMode) == 0 || IsDirectory(path)) return true;
+  if (errno != ENOENT || path.empty() || ParentPath(path) == path) return false;
+  return MakeDirectories(ParentPath(path)) && mkdir(path.c_str(), kDirectoryMode) == 0;
+}
+
+std::string JoinPath(const std::string& directory, const std::string& below) {
+  return directory + (directory.ends_with('/') ? "" : "/") + below;
+}
+
+std::string ParentPath(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string LastPart(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+}  // namespace memleak
