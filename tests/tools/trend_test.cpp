@@ -7,7 +7,9 @@
 #include <cmath>
 #include <sstream>
 
+#include "tests/tools/profile_builder.h"
 #include "tools/interference.h"
+#include "tools/report/diff.h"
 #include "tools/trend_table.h"
 #include "tools/watch.h"
 
@@ -106,6 +108,22 @@ TEST(Trends, TakesWhatMayLieBelowTheCutForUnknown) {
   EXPECT_DOUBLE_EQ(b.line->slope, 10 * 48) << "through what is known";
   const GroupTrend& two = groups[1].stack.front() == "Two" ? groups[1] : groups[2];
   EXPECT_FALSE(two.values[3]) << "one of its two parts may be below the cut";
+}
+
+TEST(Trends, KnowOfACutListWhatADifferenceKnows) {
+  const auto report = [](const char* path, std::uint64_t place) {
+    return ProfileBuilder().In(path, place, "Leak").Group(48, 10).Done(3, 100);
+  };
+  const Profile first = report("/old/libleak.so", 0x10);
+  for (const bool same : {true, false}) {
+    const Profile last = report("/new/libleak.so", same ? 0x10 : 0x20);
+    Trends trends;
+    trends.Add(0, first);
+    trends.Add(60, last);
+    ASSERT_EQ(trends.Result().size(), 1U);
+    EXPECT_EQ(trends.Result().front().Growth().has_value(), same);
+    EXPECT_EQ(Compare(first, last).changes.front().change, same ? Change::kSame : Change::kUnknown);
+  }
 }
 
 TEST(Trends, TellsFunctionsOfOneNameApartByTheirLibraries) {

@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "tools/report/names.h"
+#include "tools/report/stack_key.h"
 
 namespace memleak {
 namespace {
@@ -42,48 +42,13 @@ std::uint64_t MultiplySaturated(std::uint64_t a, std::uint64_t b) {
   return b != 0 && a > kUnbounded / b ? kUnbounded : a * b;
 }
 
-std::string_view BaseName(std::string_view path) {
-  constexpr std::string_view kDeleted = " (deleted)";
-  if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
-  return path.substr(path.rfind('/') + 1);
-}
-
-// Bytes that are no UTF-8 as one sign, however many: a document has other ones in their place.
-std::string Comparable(std::string_view name) {
-  constexpr std::string_view kReplacement = "\xef\xbf\xbd";
-  std::string valid = ValidUtf8(name);
-  for (std::size_t at = valid.find(kReplacement); at != std::string::npos;
-       at = valid.find(kReplacement, at)) {
-    at += kReplacement.size();
-    while (valid.compare(at, kReplacement.size(), kReplacement) == 0) {
-      valid.erase(at, kReplacement.size());
-    }
-  }
-  return valid;
-}
-
-// What tells a frame apart in every run: library and function; without a function the place in the
-// file, whose contents the build id names.
-std::string FrameKey(const Profile& profile, const Frame& frame) {
-  std::string key;
-  if (frame.library >= 0) {
-    const Library& library = profile.libraries[static_cast<std::size_t>(frame.library)];
-    const bool by_build = frame.function.empty() && !library.build_id.empty();
-    key = by_build ? library.build_id : BaseName(library.path);
-  }
-  // Signs that no name in a report can hold keep different frames from reading the same.
-  key += '\0';
-  key += frame.function.empty() ? "+" + std::to_string(frame.offset) : frame.function;
-  key += '\n';
-  return Comparable(key);
-}
-
 using BuildIds = std::unordered_map<std::string_view, std::string_view>;
 
 // The build ids of the libraries, by the names that frames are compared by.
 BuildIds BuildIdsOf(const Profile& profile) {
   BuildIds ids;
-  for (const Library& library : profile.libraries) ids[BaseName(library.path)] = library.build_id;
+  for (const Library& library : profile.libraries)
+    ids[LibraryName(library.path)] = library.build_id;
   return ids;
 }
 
@@ -144,7 +109,7 @@ class Comparison {
 bool Comparison::ComparesPlaces(const Profile& profile, const Frame& frame) const {
   if (frame.library < 0) return false;
   const std::string_view name =
-      BaseName(profile.libraries[static_cast<std::size_t>(frame.library)].path);
+      LibraryName(profile.libraries[static_cast<std::size_t>(frame.library)].path);
   const auto before = builds_before_.find(name);
   const auto after = builds_after_.find(name);
   return before != builds_before_.end() && after != builds_after_.end() &&
@@ -169,9 +134,7 @@ std::vector<std::uint32_t> Comparison::NumberPlaces(const Profile& profile,
 
 void Comparison::AddReport(const Profile& profile, Side GroupChange::*side,
                            std::uint64_t Site::*listed) {
-  std::vector<std::string> keys;
-  keys.reserve(profile.frames.size());
-  for (const Frame& frame : profile.frames) keys.push_back(FrameKey(profile, frame));
+  const std::vector<std::string> keys = FrameKeys(profile);
   const std::vector<std::uint32_t> places = NumberPlaces(profile, keys);
   const bool later = &profile == &after_;
   for (const Group& group : profile.groups) {

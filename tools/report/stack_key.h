@@ -1,26 +1,31 @@
-// What makes a group of one report of a process the same as a group of another: libraries and names
-// on its stack, so that moved lines and files replaced meanwhile do not matter. Called by what
-// follows groups; pure functions.
+// What makes a frame, a group and a call site of one report the same as those of another: libraries
+// and functions on the stack, so that neither other addresses nor files moved meanwhile matter.
+// Called by what compares reports; pure functions.
 #pragma once
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/report/model.h"
 
 namespace memleak {
 
-/// The path of the library of `frame`, without what tells that the file was deleted since; empty
-/// for none.
-std::string_view LibraryPath(const Profile& profile, const Frame& frame);
+/// The file name of a library's `path`, without what tells that the file was deleted since.
+std::string_view LibraryName(std::string_view path);
 
-/// The kind and the frames of `group` (a group of `profile`), innermost first, each as its library
-/// and its function, or else its offset. Equal for equal stacks, and for no others; not for the
-/// eye: NULs part the names, since a hostile name may hold anything else.
-std::string StackKey(const Profile& profile, const Group& group);
+/// For each frame of `profile` what tells it apart in every run: library and function; without a
+/// function the place in the file, whose contents the build id names. No frames but equal ones have
+/// equal keys.
+std::vector<std::string> FrameKeys(const Profile& profile);
 
-/// The same with the size of a block: what tells the groups of a report apart. Calls from several
-/// lines of one function are groups of their own in a report and have one key: add them up.
-std::string GroupKey(const Profile& profile, const Group& group);
+/// What tells the groups of a report apart: kind, size of a block, and the keys of the frames, of
+/// which `frame_keys` holds those of all. Groups of several call sites, lines of one function, have
+/// one key: add them up.
+std::string GroupKey(const Group& group, const std::vector<std::string>& frame_keys);
+
+/// What tells call sites with one GroupKey apart in reports of one process: their places in the
+/// libraries. No text.
+std::string SiteKey(const Profile& profile, const Group& group);
 
 }  // namespace memleak

@@ -101,16 +101,19 @@ void Trends::Add(double seconds, const Profile& profile) {
   // The head counts all groups. Of Java's, all are listed.
   whole_[0].push_back(intact && profile.header.groups <= profile.Listed(GroupKind::kNative).groups);
   whole_[1].push_back(intact);
+  const std::vector<std::string> keys = FrameKeys(profile);
   for (const Group& group : profile.groups) {
-    Collected& collected = groups_[GroupKey(profile, group)];
+    Collected& collected = groups_[GroupKey(group, keys)];
     GroupTrend& trend = collected.trend;
     if (trend.values.empty()) {
       trend.kind = group.kind;
       trend.size = group.size;
       for (const std::uint32_t frame : group.stack) {
         trend.stack.push_back(FrameName(profile, profile.frames[frame]));
-        const std::string_view path = LibraryPath(profile, profile.frames[frame]);
-        trend.libraries.emplace_back(path.substr(path.rfind('/') + 1));
+        const std::int32_t library = profile.frames[frame].library;
+        trend.libraries.emplace_back(
+            library < 0 ? ""
+                        : LibraryName(profile.libraries[static_cast<std::size_t>(library)].path));
       }
     }
     trend.values.resize(report + 1);
@@ -118,22 +121,35 @@ void Trends::Add(double seconds, const Profile& profile) {
     if (!value) value.emplace();
     value->count += group.count;
     value->total += group.total;
-    collected.parts.resize(report + 1);
-    ++collected.parts[report];
+    std::vector<std::uint32_t>& counts = collected.sites[SiteKey(profile, group)];
+    counts.resize(report + 1);
+    ++counts[report];
   }
+}
+
+// For each report whether it lists every call site of `group` that any other lists.
+std::vector<bool> Trends::ListsAllSites(const Collected& group) const {
+  std::vector<bool> all(seconds_.size(), true);
+  for (const auto& [site, counts] : group.sites) {
+    const std::uint32_t most = *std::max_element(counts.begin(), counts.end());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      if (i >= counts.size() || counts[i] < most) all[i] = false;
+    }
+  }
+  return all;
 }
 
 GroupTrend Trends::Complete(const Collected& group) const {
   GroupTrend trend = group.trend;
   trend.values.resize(seconds_.size());
-  const std::uint32_t most = *std::max_element(group.parts.begin(), group.parts.end());
+  const std::vector<bool> lists_all = ListsAllSites(group);
   const std::vector<bool>& whole = whole_[trend.kind == GroupKind::kNative ? 0 : 1];
   for (std::size_t i = 0; i < seconds_.size(); ++i) {
     std::optional<GroupValue>& value = trend.values[i];
     if (whole[i]) {
       value = value.value_or(GroupValue{});
-    } else if (value && group.parts[i] < most) {
-      value.reset();  // a part of it may be below the cut
+    } else if (!lists_all[i]) {
+      value.reset();  // one of its sites may be below the cut
     }
   }
   trend.line = LineOf(trend, seconds_);

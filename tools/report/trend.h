@@ -55,8 +55,8 @@ struct GroupTrend {
 /// Collects reports one by one, in memory of the order of their groups.
 class Trends {
  public:
-  /// Takes the groups of `profile`, a report made `seconds` after the first. Groups of one size
-  /// whose stacks have the same functions of the same libraries are added up.
+  /// Takes the groups of `profile`, a report made `seconds` after the first. Groups are matched as
+  /// Compare does: those that differ only in their call sites are added up.
   void Add(double seconds, const Profile& profile);
 
   std::size_t Reports() const { return seconds_.size(); }
@@ -67,12 +67,14 @@ class Trends {
   std::vector<GroupTrend> Result() const;
 
  private:
-  // A group as it is collected: how many groups of each report make it up.
+  // A group as it is collected: for each of its call sites, how many groups of each report are
+  // there. One or none, unless places outside of libraries look the same.
   struct Collected {
     GroupTrend trend;
-    std::vector<std::uint32_t> parts;
+    std::unordered_map<std::string, std::vector<std::uint32_t>> sites;
   };
 
+  std::vector<bool> ListsAllSites(const Collected& group) const;
   GroupTrend Complete(const Collected& group) const;
 
   std::vector<double> seconds_;
