@@ -3,13 +3,13 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "tools/commands.h"
 #include "tools/format.h"
 #include "tools/html.h"
+#include "tools/output_file.h"
 #include "tools/report/diff.h"
 #include "tools/report/diff_json.h"
 #include "tools/report/diff_view.h"
@@ -64,16 +64,16 @@ void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostr
 }
 
 void WriteOutput(const Profile& profile, const ExportOptions& options) {
-  const bool to_file = !options.output.empty();
-  std::ofstream file;
-  if (to_file) file.open(options.output, std::ios::binary);
-  std::ostream& out = to_file ? file : std::cout;
-  if (out) WriteFormat(profile, options, out);
-  out.flush();
-  if (out) return;
-  throw UserError(
-      "cannot write " + (to_file ? options.output : "the output") + ": " + std::strerror(errno),
-      "give -o a file in a directory that you may write to");
+  if (!options.output.empty()) {
+    OutputFile file(options.output);
+    WriteFormat(profile, options, file.Stream());
+    file.Commit();
+    return;
+  }
+  WriteFormat(profile, options, std::cout);
+  if (std::cout.flush()) return;
+  throw UserError("cannot write the output: " + std::string(std::strerror(errno)),
+                  "make room, or give -o FILE");
 }
 
 // Formats of others have no place for what the report does not list.
@@ -112,6 +112,7 @@ int ExportCommand(const ExportOptions& options) {
   if (options.by == "count" && options.format != "folded") {
     throw UserError("--by is for --format folded alone", "other formats hold bytes and blocks");
   }
+  RefuseOverwriting(options.output, {FindReport(options.report)});
   const Profile profile =
       OpenProfile(options.report, options.partial, WithProgress(options.symbols));
   WriteOutput(profile, options);

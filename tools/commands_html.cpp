@@ -7,6 +7,7 @@
 #include "tools/commands.h"
 #include "tools/format.h"
 #include "tools/html.h"
+#include "tools/output_file.h"
 #include "tools/report/diff_json.h"
 #include "tools/report/input.h"
 #include "tools/report/json.h"
@@ -47,6 +48,7 @@ std::string ReportPage(const HtmlOptions& options) {
 }  // namespace
 
 int HtmlCommand(const HtmlOptions& options) {
+  RefuseOverwriting(options.output, {FindReport(options.report), FindReport(options.old)});
   // A document may be of two reports already, and is shown as it is.
   const bool as_it_is = options.old.empty() && IsJsonDocument(options.report);
   const std::string page = as_it_is ? HtmlPage(ReadDocument(options.report)) : ReportPage(options);

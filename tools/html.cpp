@@ -1,12 +1,10 @@
 // Puts data into the page.
 #include "tools/html.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "tools/output_file.h"
 #include "tools/report/json.h"
 #include "tools/user_error.h"
 
@@ -47,14 +45,9 @@ std::string HtmlPage(const Profile& profile) {
 }
 
 void WritePage(const std::string& page, const std::string& path) {
-  errno = 0;
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << page;
-  file.close();
-  if (!file) {
-    const std::string reason = errno == 0 ? "writing failed" : std::strerror(errno);
-    throw UserError("cannot write " + path + ": " + reason, "choose another file with -o");
-  }
+  OutputFile file(path);
+  file.Stream() << page;
+  file.Commit();
 }
 
 }  // namespace memleak

@@ -44,13 +44,20 @@ void OnInterrupt(int) {
   interrupted = 1;
 }
 
-// The first interrupt is for an orderly end, the next has its usual effect.
+// The first interrupt is for an orderly end, the next has its usual effect. A terminal that closes
+// may well say so twice, and neither that nor a reader of the output that has gone is a reason to
+// lose what was collected.
 void CatchInterrupts() {
   struct sigaction action {};
   action.sa_handler = OnInterrupt;
   action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  action.sa_flags = SA_RESTART;
+  struct sigaction before {};
+  sigaction(SIGHUP, &action, &before);
+  if (before.sa_handler == SIG_IGN) sigaction(SIGHUP, &before, nullptr);  // nohup
+  signal(SIGPIPE, SIG_IGN);
 }
 
 void PrepareDirectory(const std::string& directory) {
@@ -330,8 +337,8 @@ int WatchCommand(const WatchOptions& options) {
                     "give a shorter --every, or a longer --for");
   }
   PrepareDirectory(options.directory);
-  StartRecording(process);
   CatchInterrupts();
+  StartRecording(process);
   Watch watch(options, process);
   const std::string failure = watch.Run();
   watch.Finish();

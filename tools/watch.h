@@ -32,9 +32,10 @@ std::optional<std::chrono::milliseconds> NextDue(std::chrono::milliseconds last,
                                                  std::chrono::milliseconds now);
 
 /// Runs until the time is over, the process ends, another command ends or empties the recording, or
-/// an interrupt, which gets a last report; the next interrupt ends at once. Then writes page, table
-/// and trend.json. Throws UserError when there is no report at all; returns kExitUserError when one
-/// failed later or another command interfered.
+/// an interrupt or a hangup, which get a last report; the next interrupt ends at once. Goes on when
+/// the output cannot be written any more. Then writes page, table and trend.json. Throws UserError
+/// when there is no report at all; returns kExitUserError when one failed later or another command
+/// interfered.
 int WatchCommand(const WatchOptions& options);
 
 }  // namespace memleak

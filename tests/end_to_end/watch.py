@@ -117,7 +117,7 @@ def known_growth(session):
 
 
 def ends(session):
-    """On an interrupt with a last report; and with the process."""
+    """On an interrupt or a hangup with a last report; and with the process."""
     session.start()
     session.watch("first", "--every", "1h", "--for", "0")
     session.await_report(1)
@@ -127,6 +127,18 @@ def ends(session):
     out, document = session.watched()
     assert "recording on, earlier records kept" in out, out
     assert [v["count"] for v in group_of(document, 48)["values"]] == [0, 10], document
+
+    # A terminal that goes away takes the output with it, and may say so twice.
+    session.watch("hangup", "--every", "1h", "--for", "0")
+    session.await_report(1)
+    session.watching.stdout.close()
+    time.sleep(0.5)
+    for _ in range(2):
+        session.watching.send_signal(signal.SIGHUP)
+        time.sleep(0.05)
+    assert session.watching.wait(60) == 2, "the output is not whole"
+    with open(session.directory + "/trend.json") as file:
+        assert len(json.load(file)["reports"]) == 2
 
     # Not a new directory; one report.
     session.memleak("watch", session.process.pid, "-o", session.directory, code=2)

@@ -132,5 +132,28 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   EXPECT_EQ(Memleak("show --partial " + cut).code, 0);
 }
 
+TEST(Output, IsWrittenAsAWholeAndNeverOverWhatIsRead) {
+  const TemporaryDirectory directory;
+  const std::string text =
+      "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 0\n"
+      "Allocation records: 0/0\nBacktrace size: 10\nEND\n";
+  const std::string report = directory.Write("allocations_dump", text);
+  const std::string link = directory.Path("link");
+  std::filesystem::create_symlink(report, link);
+  ExpectFails("export " + report + " --format pprof -o " + link, "would overwrite what is read");
+  ExpectFails("html " + directory.Path("") + " -o " + report, "would overwrite what is read");
+  ExpectFails("html " + link + " --diff " + report + " -o " + report, "would overwrite");
+  EXPECT_EQ(Shell("cat " + report).output, text);
+
+  directory.Write("old", "other");
+  const Outcome written =
+      Shell("cd " + directory.Path("") +
+            "; chmod 600 old; ln -s old new; " MEMLEAK_PROGRAM
+            " export allocations_dump --format json -o new && stat -c %a old && test -L new && ls");
+  EXPECT_EQ(written.output, "600\nallocations_dump\nlink\nnew\nold\n");
+  ExpectHas(Shell("cat " + directory.Path("old")).output, "memleak-profile");
+  ExpectFails("export " + report + " --format json -o /dev/full", "No space left on device");
+}
+
 }  // namespace
 }  // namespace memleak
