@@ -17,17 +17,25 @@ bool HasCommand(CLI::App* app, const std::string& name) {
 
 }  // namespace
 
-std::uint64_t ParseNumber(const std::string& name, const std::string& text,
-                          const NumberKind& kind) {
+std::optional<std::uint64_t> ReadNumber(const std::string& text) {
   const bool hex = text.starts_with("0x") || text.starts_with("0X");
   const char* begin = text.data() + (hex ? 2 : 0);
   const char* end = text.data() + text.size();
   std::uint64_t value = 0;
   const auto result = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (result.ec != std::errc() || result.ptr != end || value < kind.least || value > kind.most) {
-    throw UserError(name + " is not " + kind.noun + ": " + text, kind.remedy);
-  }
+  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
   return value;
+}
+
+void RefuseNumber(const std::string& name, const std::string& text, const NumberKind& kind) {
+  throw UserError(name + " is not " + kind.noun + ": " + text, kind.remedy);
+}
+
+std::uint64_t ParseNumber(const std::string& name, const std::string& text,
+                          const NumberKind& kind) {
+  const auto value = ReadNumber(text);
+  if (!value || *value < kind.least || *value > kind.most) RefuseNumber(name, text, kind);
+  return *value;
 }
 
 std::uint32_t ParseNumber32(const std::string& name, const std::string& text,

@@ -27,8 +27,13 @@ inline constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max
 inline constexpr NumberKind kTimeoutKind = {"a number of seconds", 0, kMost32,
                                             "give one such as 300, or 0 to wait without end"};
 
-/// The whole of `text`, the value of option `name`, as a number, decimal or with "0x". Throws
-/// UserError when it is none or out of range.
+/// The whole of `text` as a number, decimal or with "0x"; nothing when it is none.
+std::optional<std::uint64_t> ReadNumber(const std::string& text);
+/// Throws UserError: `text`, the value of option `name`, is not of `kind`.
+[[noreturn]] void RefuseNumber(const std::string& name, const std::string& text,
+                               const NumberKind& kind);
+/// The whole of `text`, the value of option `name`, as ReadNumber does. Throws UserError when
+/// it is none or out of range.
 std::uint64_t ParseNumber(const std::string& name, const std::string& text, const NumberKind& kind);
 /// ParseNumber for kinds that 32 bits hold.
 std::uint32_t ParseNumber32(const std::string& name, const std::string& text,

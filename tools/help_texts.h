@@ -123,11 +123,11 @@ Takes a report every so often while recording goes on, saves each in DIR under
 its number and time, and ends by saying what grew from the first to the last.
 Native recording is switched on unless the log says that it is on; it is never
 switched off. Tables are emptied only where the log says that a report stopped
-it. Ends when the time is over, when the process ends, or on Ctrl-C, which takes
-a last report; a second Ctrl-C ends at once. Ends too when another command has
-stopped, paused or cleared recording, and says so: reports from before and after
-that cannot be compared. Without a log, only a report that others take, or one
-that is empty, tells of it.
+it. Ends when the time is over, when the process ends, or on Ctrl-C or when the
+terminal closes, which takes a last report; a second Ctrl-C ends at once. Ends
+too when another command has stopped, paused or cleared recording, and says so:
+reports from before and after that cannot be compared. Without a log, only a
+report that others take, or one that is empty, tells of it.
 
 A group is the blocks of one size and one stack, compared by the functions and
 libraries on it. Of each that grew:
@@ -238,6 +238,10 @@ lies outside of the view is summed up below it.
 groups up, with all that they call and (self) by the innermost frame alone; tree
 goes from the outermost call inwards, callers from the allocating call outwards.
 --sort orders groups, sums and the branches of trees; size is that of a block.
+
+--filter takes a POSIX extended regular expression, as grep -E does, to be found
+anywhere in a name. Capitals are told apart: write [Ff]oo for either; [0-9], not
+\d, is a digit.
 
 --older-than keeps groups whose oldest listed block is at least that old: memory
 that comes and goes drops out. A group is called "growing" when it has blocks

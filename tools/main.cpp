@@ -65,9 +65,11 @@ std::uint64_t ParseWithUnit(const std::string& name, const std::string& text,
   const auto unit = std::find_if(units.begin(), units.end(),
                                  [&](const Unit& candidate) { return candidate.letter == last; });
   if (unit == units.end()) return ParseNumber(name, text, kind);
-  NumberKind digits = kind;
-  digits.most = kind.most / unit->factor;
-  return unit->factor * ParseNumber(name, text.substr(0, text.size() - 1), digits);
+  const auto number = ReadNumber(text.substr(0, text.size() - 1));
+  if (!number || *number < kind.least || *number > kind.most / unit->factor) {
+    RefuseNumber(name, text, kind);
+  }
+  return unit->factor * *number;
 }
 
 /// Help as the library prints it, but for what it cannot know: the words after `run`'s options.
@@ -133,8 +135,9 @@ void AddShow(CLI::App* app, Options* options) {
       ->option_text("WHAT");
   show->add_option("--top", options->top, "Groups, rows or branches to show (10); 0: all")
       ->option_text("N");
-  show->add_option("--filter", options->show.view.selection.filter,
-                   "Groups with a matching function, library\nor source file on their stack")
+  show->add_option(
+          "--filter", options->show.view.selection.filter,
+          "Groups with a matching function, library\nor source file on their stack (as grep -E)")
       ->option_text("REGEX");
   show->add_option("--min-size", options->min_size, "Groups that hold as much (64k, 1m)")
       ->option_text("BYTES");

@@ -9,11 +9,11 @@
 
 #include "tools/format.h"
 #include "tools/report/json.h"
+#include "tools/report/printer.h"
 
 namespace memleak {
 namespace {
 
-constexpr std::size_t kColumns = 80;
 constexpr std::size_t kIndent = 5;
 constexpr double kMostBytes = 1e18;
 
@@ -37,8 +37,13 @@ std::string SlopeText(const GroupTrend& group) {
   return text.str();
 }
 
-std::string ValueText(const std::optional<GroupValue>& value) {
+std::string CountText(const std::optional<GroupValue>& value) {
   return value ? FormatCount(value->count) : "?";
+}
+
+// "3 blocks", "1 block"; "? blocks" where that is not known.
+std::string BlocksText(const std::optional<GroupValue>& value) {
+  return value ? Counted(value->count, "block") : "? blocks";
 }
 
 // Fits behind the indent. Names without a function start with the library's.
@@ -54,8 +59,8 @@ std::string FrameText(const std::string& name, const std::string& library) {
 void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
   const std::optional<std::int64_t> growth = group.Growth();
   out << "#" << number << "  " << (growth ? Signed(static_cast<double>(*growth)) : "?") << "  "
-      << SlopeText(group) << "\n     " << ValueText(group.values.front()) << " -> "
-      << ValueText(group.values.back()) << " blocks of " << FormatBytes(group.size);
+      << SlopeText(group) << "\n     " << CountText(group.values.front()) << " -> "
+      << BlocksText(group.values.back()) << " of " << FormatBytes(group.size);
   if (group.kind == GroupKind::kJava) out << ", Java-native";
   if (group.Known() < group.values.size()) {
     out << ", known in " << group.Known() << " of " << group.values.size() << " reports";
@@ -77,8 +82,7 @@ bool IsUntold(const GroupTrend& group) {
 }
 
 std::string UnlistedText(const SavedReport& report) {
-  return FormatBytes(report.unlisted.bytes) + " in " + FormatCount(report.unlisted.groups) +
-         " groups";
+  return FormatBytes(report.unlisted.bytes) + " in " + Counted(report.unlisted.groups, "group");
 }
 
 nlohmann::json ToJson(const std::optional<GroupValue>& value) {
@@ -124,12 +128,14 @@ void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<Grou
     ++grew;
     if (top == 0 || grew <= top) PrintGroup(grew, group, out);
   }
-  out << grew << " of " << groups.size() << " groups grew";
+  // More than any one report has, where groups come and go.
+  out << grew << " of " << Counted(groups.size(), "group") << " seen in any report grew";
   if (top != 0 && grew > top) out << "; the " << top << " that grew most are shown";
   out << "\n";
   if (untold != 0) {
-    out << "nothing is known of the growth of " << untold
-        << " groups: they were among the 1000\nlargest, which a report lists, once at most\n";
+    out << "nothing is known of the growth of " << Counted(untold, "group")
+        << (untold == 1 ? ": it was" : ": they were")
+        << " among the 1000\nlargest, which a report lists, once at most\n";
   }
   if (first.unlisted.groups != 0 || last.unlisted.groups != 0) {
     out << "not in the lists: " << UnlistedText(first) << " of the first report, "

@@ -285,7 +285,7 @@ TEST(Diff, PrintsSumsByStackWithinEightyColumns) {
        {"+9.2 KiB (+9,410 bytes, +122.2 %), -1,198 groups", "Grew: +14.2 KiB in 2 stacks",
         "#1  +13.7 KiB", "new    0 B -> 7.8 KiB, +4 blocks of 2.0 KiB",
         "grew   2.0 KiB -> 7.8 KiB, +6 blocks of 1000 B", "and +500 B in 1 more stack (",
-        "Shrank: -100 B in 1 stack", "Unchanged: 600 B in 1 group.",
+        "Shrank: -100 B in 1 stack", "-1 block of 100 B", "Unchanged: 600 B in 1 group.",
         "Nothing certain can be said of 1 group (0 B -> 10 B)",
         "The old report counts 4.9 KiB more in 1,200 groups that it does not list."}) {
     EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;

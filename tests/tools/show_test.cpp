@@ -56,7 +56,7 @@ std::string Print(const Profile& profile, const ViewOptions& options) {
 
 TEST(Show, PrintsLargestGroupsFirst) {
   const std::string text = Print(Sample(), {.top = 0});
-  EXPECT_NE(text.find("\n#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3m 20s..3s\n"),
+  EXPECT_NE(text.find("\n#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3s..3m 20s\n"),
             std::string::npos)
       << text;
   EXPECT_NE(text.find("inner(int)  a.cpp:12\n"), std::string::npos) << text;

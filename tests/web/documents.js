@@ -20,9 +20,12 @@ function finish(frames, groups, more = {}) {
       ...{ listedBytes, listedGroups: native.length, unlistedBytes: 0, unlistedGroups: 0 },
       ...{ javaBytes: sum(java, "total"), javaGroups: java.length },
     },
-    libraries: ["libc.so.6", "libstore.so", "server", "libcodec.so", "libgone.so"].map((name) => ({
-      ...{ path: `/usr/lib/${name}`, name, buildId: "", found: name !== "libgone.so" },
-    })),
+    libraries: [
+      ...["libc.so.6", "libstore.so", "server", "libcodec.so", "libgone.so"].map((name) => ({
+        ...{ path: `/usr/lib/${name}`, name, buildId: "", found: name !== "libgone.so" },
+      })),
+      ...["[heap]", ""].map((path) => ({ path, name: path, buildId: "", found: false })),
+    ],
     frames,
     groups,
     ...more,
@@ -78,7 +81,9 @@ export const kHostileNames = [
 
 export function hostile() {
   const frames = kHostileNames.map((name, index) => frame(index, name, `src/<b>${index}.cpp`, 1));
-  return finish(frames, frames.map((_, index) => group(100, 10 - index, [index, 0], [5])));
+  const groups = frames.map((_, index) => group(100, 10 - index, [index, 0], [5]));
+  groups.push(group(1, 1, [frames.push(frame(6, "(nameless)+0x10")) - 1], []));
+  return finish(frames, groups);
 }
 
 export function difference() {

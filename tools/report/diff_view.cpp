@@ -87,11 +87,12 @@ std::string FormatSide(const Side& side) {
 }
 
 std::string FormatGroup(const Group& group, const GroupChange& change) {
+  const bool one = Magnitude(Growth(change.before.count, change.after.count)) == 1;
   std::ostringstream text;
   text << std::left << std::setw(6) << ChangeName(change.change) << " " << FormatSide(change.before)
        << " -> " << FormatSide(change.after) << ", "
-       << FormatCountGrowth(change.before.count, change.after.count) << " blocks of "
-       << FormatBytes(group.size);
+       << FormatCountGrowth(change.before.count, change.after.count)
+       << (one ? " block of " : " blocks of ") << FormatBytes(group.size);
   if (group.kind == GroupKind::kJava) text << ", Java-native";
   return text.str();
 }

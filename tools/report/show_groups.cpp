@@ -16,8 +16,8 @@ constexpr std::size_t kLocationColumns = 30;
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {
   if (group.ages.empty()) return "";
   const auto [youngest, oldest] = std::minmax_element(group.ages.begin(), group.ages.end());
-  std::string text = "  age " + FormatAge(*oldest);
-  if (*youngest != *oldest) text += ".." + FormatAge(*youngest);
+  std::string text = "  age " + FormatAge(*youngest);
+  if (*youngest != *oldest) text += ".." + FormatAge(*oldest);
   if (group.ages.size() < group.count)
     text += " (" + std::to_string(group.ages.size()) + " of them)";
   if (options.selection.older_than) {

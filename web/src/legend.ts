@@ -22,7 +22,8 @@ function swatch(fill: string): SVGElement {
 export function libraryLegend(profile: Profile, colours: LibraryColours): HTMLElement {
   const list = el("ul", { class: "legend", "aria-label": "Colours of libraries" });
   for (const { library, bytes } of colours.ranking.slice(0, kLibraries)) {
-    const name = profile.doc.libraries[library]?.name ?? "no library";
+    const known = profile.doc.libraries[library];
+    const name = known ? known.name || "(nameless)" : "no library";
     const weight = el("small", {}, ` in stacks of ${formatBytes(bytes)}`);
     list.append(el("li", {}, swatch(colours.of(library)), longText(name, 60), weight));
   }

@@ -125,7 +125,10 @@ function origin(title: string, report: Report): HTMLElement {
 }
 
 function missingSymbols(profile: Profile): HTMLElement | null {
-  const missing = profile.doc.libraries.filter((library) => !library.found && library.path !== "");
+  // Others, such as "[heap]", are no files.
+  const missing = profile.doc.libraries.filter(
+    (library) => !library.found && library.path.startsWith("/"),
+  );
   if (missing.length === 0) return null;
   return el(
     "details",
