@@ -19,6 +19,58 @@ bool IsContinuation(char c) {
   return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
 }
 
+/// Characters from `first` to `last`.
+struct Block {
+  std::uint32_t first = 0;
+  std::uint32_t last = 0;
+};
+
+// The blocks of wide and full-width characters in Unicode's table of East Asian widths; a locale,
+// which the C library's function goes by, may know none of them.
+constexpr std::array kWideBlocks = {
+    Block{0x1100, 0x115f},   Block{0x2e80, 0x303e},   Block{0x3041, 0xa4cf},
+    Block{0xa960, 0xa97c},   Block{0xac00, 0xd7a3},   Block{0xf900, 0xfaff},
+    Block{0xfe30, 0xfe6f},   Block{0xff01, 0xff60},   Block{0xffe0, 0xffe6},
+    Block{0x16fe0, 0x1b2ff}, Block{0x1f300, 0x1f64f}, Block{0x1f680, 0x1f6ff},
+    Block{0x1f900, 0x1f9ff}, Block{0x20000, 0x3fffd}};
+
+/// A character of UTF-8, or a byte that is none.
+struct Point {
+  std::string_view bytes;
+  std::size_t columns = 1;
+};
+
+std::size_t ColumnsOf(std::string_view bytes) {
+  const auto lead = static_cast<unsigned char>(bytes.front());
+  // A lead byte of a sequence of n has n ones at its front.
+  const std::uint32_t mask = bytes.size() == 4 ? 0x07 : (bytes.size() == 3 ? 0x0f : 0x1f);
+  std::uint32_t value = lead & mask;
+  for (const char c : bytes.substr(1))
+    value = (value << 6U) | (static_cast<unsigned char>(c) & 0x3fU);
+  for (const Block& block : kWideBlocks) {
+    if (bytes.size() > 2 && value >= block.first && value <= block.last) return 2;
+  }
+  return 1;
+}
+
+std::vector<Point> PointsOf(std::string_view text) {
+  std::vector<Point> points;
+  for (std::size_t begin = 0; begin < text.size();) {
+    std::size_t end = begin + 1;
+    while (end < text.size() && IsContinuation(text[end])) ++end;
+    const std::string_view bytes = text.substr(begin, end - begin);
+    points.push_back({bytes, ColumnsOf(bytes)});
+    begin = end;
+  }
+  return points;
+}
+
+std::size_t Sum(const std::vector<Point>& points) {
+  std::size_t columns = 0;
+  for (const Point& point : points) columns += point.columns;
+  return columns;
+}
+
 std::string TwoUnits(std::int64_t seconds, std::int64_t large, char large_name, std::int64_t small,
                      char small_name) {
   std::string text = std::to_string(seconds / large) + large_name;
@@ -70,31 +122,33 @@ std::string FormatAge(std::int64_t seconds) {
 }
 
 std::size_t Columns(std::string_view text) {
-  std::size_t columns = 0;
-  for (const char c : text) columns += IsContinuation(c) ? 0 : 1;
-  return columns;
+  return Sum(PointsOf(text));
 }
 
 std::string FitWidth(std::string_view text, std::size_t width) {
-  std::vector<std::string> points;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool control = byte < 0x20 || byte == 0x7f;
-    if (IsContinuation(c) && !points.empty()) {
-      points.back() += c;
-    } else {
-      points.emplace_back(1, control ? '?' : c);
-    }
-  }
   constexpr std::string_view kGap = "...";
+  const std::vector<Point> points = PointsOf(text);
+  const auto append = [](const Point& point, std::string* fitted) {
+    const auto first = static_cast<unsigned char>(point.bytes.front());
+    const bool control = first < 0x20 || first == 0x7f;
+    *fitted += control ? "?" : point.bytes;
+  };
   std::string fitted;
-  const bool cut = points.size() > width && width > kGap.size();
-  const std::size_t kept = cut ? width - kGap.size() : points.size();
-  const std::size_t front = cut ? (kept + 1) / 2 : kept;
-  for (std::size_t i = 0; i < front; ++i) fitted += points[i];
-  if (!cut) return fitted;
+  if (Sum(points) <= width || width <= kGap.size()) {
+    for (const Point& point : points) append(point, &fitted);
+    return fitted;
+  }
+  std::size_t room = width - kGap.size();
+  std::size_t front = 0;
+  for (std::size_t half = (room + 1) / 2; points[front].columns <= half; ++front) {
+    half -= points[front].columns;
+    room -= points[front].columns;
+    append(points[front], &fitted);
+  }
   fitted += kGap;
-  for (std::size_t i = points.size() - (kept - front); i < points.size(); ++i) fitted += points[i];
+  std::size_t back = points.size();
+  while (points[back - 1].columns <= room) room -= points[--back].columns;
+  for (; back < points.size(); ++back) append(points[back], &fitted);
   return fitted;
 }
 

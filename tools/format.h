@@ -21,10 +21,11 @@ std::string FormatAge(std::int64_t seconds);
 std::string FormatClock(std::int64_t seconds_since_epoch);
 
 /// `text` with control characters replaced by '?', so that a name cannot steer the terminal, and
-/// shortened in the middle to `width` columns (a code point counts as one).
+/// shortened in the middle to `width` columns.
 std::string FitWidth(std::string_view text, std::size_t width);
 
-/// Number of code points in UTF-8 `text`.
+/// Columns of a terminal that UTF-8 `text` takes: two for wide characters, as those of East Asia,
+/// one for all others.
 std::size_t Columns(std::string_view text);
 
 }  // namespace memleak

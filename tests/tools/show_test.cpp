@@ -22,6 +22,8 @@ TEST(Format, FiguresAndNames) {
   EXPECT_EQ(FitWidth("abcdefghijk", 10), "abcd...ijk");
   EXPECT_EQ(FitWidth("a\x1b[2Jb\n", 10), "a?[2Jb?");  // cannot steer the terminal
   EXPECT_EQ(Columns(FitWidth("\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4", 5)), 5U);
+  const std::string wide = "\xe6\x97\xa5";
+  EXPECT_EQ(FitWidth("a" + wide + wide + wide, 6), "a..." + wide) << "two columns each";
 }
 
 /// Six native frames: 0 inner, 1 its caller (recursive), 2 main, 3 without symbols, 4 unknown; 5 is
@@ -71,7 +73,8 @@ TEST(Show, PrintsLargestGroupsFirst) {
 }
 
 TEST(Show, EveryViewSaysWhatIsNotShown) {
-  const std::string unlisted = "  1.4 KiB in 1,197 groups that the report does not list\n";
+  const std::string reason = " that the report does not list\n";
+  const std::string unlisted = "  1.4 KiB in 1,197 groups" + reason;
   EXPECT_NE(
       Print(Sample(), {.top = 1})
           .find("Not shown: 1.9 KiB in 1,199 groups\n  510 B in 2 groups further down the list"
@@ -85,7 +88,7 @@ TEST(Show, EveryViewSaysWhatIsNotShown) {
       << filtered;
   for (const View view : {View::kLibraries, View::kFunctions, View::kTree, View::kCallers}) {
     EXPECT_NE(Print(Sample(), {.view = view, .top = 0})
-                  .find("Not shown: 1.4 KiB in 1,197 groups\n" + unlisted),
+                  .find("Not shown: 1.4 KiB in 1,197 groups" + reason),
               std::string::npos);
   }
   EXPECT_NE(
@@ -96,8 +99,13 @@ TEST(Show, EveryViewSaysWhatIsNotShown) {
   one.header = {.total_bytes = 1, .groups = 1, .listed = 1, .backtrace_size = 1};
   EXPECT_EQ(Print(one, {}),
             "Report dump\n  1 B held (1 byte) in 1 group of one size and one stack\n"
-            "  0 blocks listed, with at most 1 frame each\n\nNot shown: 1 B in 1 group\n"
-            "  1 B in 1 group that the report does not list\n");
+            "  0 blocks listed, with at most 1 frame each\n\n"
+            "Not shown: 1 B in 1 group that the report does not list\n");
+  // A hostile head takes no wider terminal.
+  const std::uint64_t most = ~std::uint64_t{0};
+  one.header = {.total_bytes = most, .groups = most, .listed = most, .backtrace_size = most};
+  one.groups = {{GroupKind::kNative, most, most, most - 1, {}, {}}};
+  EXPECT_NE(Print(one, {}).find("\n  in 18,446,744,073,709,551,615 groups"), std::string::npos);
   Profile empty;
   empty.path = "dump";
   empty.complete = true;
@@ -121,6 +129,14 @@ TEST(Show, TreesStepRightAtForksOnly) {
   EXPECT_NE(aged.find("   3m 20s  inner"), std::string::npos) << aged;
   EXPECT_LT(aged.find("inner(int)"), aged.find("unknown.so+0xabc")) << aged;
   EXPECT_NE(aged.find("      5m  (1 more)"), std::string::npos) << "0.3 %: " << aged;
+  // What has no stack is a branch too, and one small branch is drawn rather than counted.
+  Profile bare = Sample();
+  bare.groups[1].stack.clear();
+  for (const View view : {View::kTree, View::kCallers}) {
+    const std::string all = Print(bare, {.view = view});
+    EXPECT_NE(all.find("\n   2.0 KiB  51.2 %  (no stack)\n"), std::string::npos) << all;
+    EXPECT_NE(all.find("\n      10 B   0.2 %  [unknown]\n"), std::string::npos) << all;
+  }
   const std::string counted =
       Print(Sample(), {.view = View::kCallers, .top = 0, .selection = {.sort = SortKey::kCount}});
   EXPECT_LT(counted.find("5  unknown.so+0xabc"), counted.find("2  inner(int)")) << counted;

@@ -16,7 +16,6 @@
 namespace memleak {
 namespace {
 
-constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 constexpr std::size_t kFewestAges = 4;
 constexpr std::int64_t kQuarters = 4;
 constexpr const char* kUnknownLibrary = "[unknown]";
@@ -250,17 +249,19 @@ std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected
                                 SortKey sort) {
   const FrameKeys keys = NumberFrames(profile, RowKind::kFunction);
   std::vector<TreeNode> tree(1);
-  tree[0].frame = kNone;
+  tree[0].frame = kNoFrame;
   std::unordered_map<std::uint64_t, std::uint32_t> known;  // (parent, key) to node
   for (const std::size_t index : selected.groups) {
     const Group& group = profile.groups[index];
     std::uint32_t at = 0;
     const std::optional<std::int64_t> oldest = OldestAge(group);
     tree[at].sums.Add(group);
-    for (std::size_t i = 0; i < group.stack.size(); ++i) {
-      const std::uint32_t frame =
-          end == TreeEnd::kInnermost ? group.stack[i] : group.stack[group.stack.size() - 1 - i];
-      const std::uint64_t step = (std::uint64_t{at} << 32U) | keys.key_of[frame];
+    const std::size_t depth = group.stack.size();
+    for (std::size_t i = 0; i < std::max<std::size_t>(depth, 1); ++i) {
+      const std::size_t place = end == TreeEnd::kInnermost ? i : depth - 1 - i;
+      const std::uint32_t frame = depth == 0 ? kNoFrame : group.stack[place];
+      const std::uint32_t key = depth == 0 ? kNoFrame : keys.key_of[frame];
+      const std::uint64_t step = (std::uint64_t{at} << 32U) | key;
       const auto [entry, added] = known.try_emplace(step, static_cast<std::uint32_t>(tree.size()));
       if (added) {
         tree[at].children.push_back(entry->second);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -72,9 +73,13 @@ enum class RowKind { kLibrary, kFunction };
 std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind kind,
                        SortKey sort);
 
+/// Stands for a frame where there is none.
+inline constexpr std::uint32_t kNoFrame = std::numeric_limits<std::uint32_t>::max();
+
 /// A call with everything below it.
 struct TreeNode {
-  std::uint32_t frame = 0;  ///< one of the frames that go by this name, index into Profile::frames
+  std::uint32_t frame = 0;  ///< one of the frames that go by this name, index into Profile::frames;
+                            ///< kNoFrame for groups without a stack
   Sums sums;                ///< groups whose stacks come through here
   Sums self;                ///< those that end here
   std::optional<std::int64_t> oldest = {};  ///< age among the groups of `sums`
@@ -88,7 +93,7 @@ enum class TreeEnd {
 };
 
 /// The stacks of `selected` put together, the calls below each ordered as AddUp orders rows;
-/// element 0 is the root, which has no frame.
+/// element 0 is the root, which has no frame. Groups without a stack are one call of the root's.
 std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end,
                                 SortKey sort);
 

@@ -25,6 +25,10 @@ std::string BaseName(const std::string& path);
 /// `text` padded on the left to `width` columns.
 std::string Right(const std::string& text, std::size_t width);
 
+/// `first` and `second` with a blank between them where they fit into a line of the terminal, else
+/// on two lines, the second one indented by two.
+std::string OneLineOrTwo(const std::string& first, const std::string& second);
+
 /// One kind of groups on its way to the terminal.
 struct Section {
   const Profile& profile;

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdio>
 #include <ostream>
+#include <utility>
 #include <vector>
 
 #include "tools/format.h"
@@ -26,11 +27,14 @@ void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
     out << "  " << kNothingHeld << "\n";
     return;
   }
-  out << "  " << FormatBytes(profile.header.total_bytes) << " held ("
-      << Counted(profile.header.total_bytes, "byte") << ") in "
-      << Counted(profile.header.groups, "group") << " of one size and one stack\n"
-      << "  " << Counted(listed.blocks, "block") << " listed, with at most "
-      << Counted(profile.header.backtrace_size, "frame") << " each\n";
+  const std::string held = FormatBytes(profile.header.total_bytes) + " held (" +
+                           Counted(profile.header.total_bytes, "byte") + ")";
+  const std::string groups =
+      "in " + Counted(profile.header.groups, "group") + " of one size and one stack";
+  const std::string depth =
+      "with at most " + Counted(profile.header.backtrace_size, "frame") + " each";
+  out << OneLineOrTwo("  " + held, groups) << "\n"
+      << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n";
 }
 
 Sums PrintView(const Section& section, std::ostream& out) {
@@ -53,29 +57,37 @@ const char* BelowText(View view) {
   switch (view) {
     case View::kLibraries:
     case View::kFunctions:
-      return " whose innermost frame is in no row shown (--top N)";
+      return "whose innermost frame is in no row shown (--top N)";
     case View::kTree:
     case View::kCallers:
-      return " in branches not drawn (--top N; 0: all)";
+      return "in branches not drawn (--top 0 draws all)";
     case View::kGroups:
       break;
   }
-  return " further down the list (--top N shows more)";
+  return "further down the list (--top N shows more)";
 }
 
 void PrintNotShown(View view, const Sums& below, const Sums& cut, const Sums& unlisted,
                    std::ostream& out) {
+  const std::pair<const Sums&, const char*> all_parts[] = {
+      {below, BelowText(view)},
+      {cut, "that the options leave out"},
+      {unlisted, "that the report does not list"}};
   Sums all;
-  for (const Sums& part : {below, cut, unlisted}) all.Add(part);
-  if (all.groups == 0 && all.bytes == 0) {
-    out << "\nNot shown: nothing\n";
-    return;
+  std::vector<std::pair<Sums, const char*>> parts;
+  for (const auto& [sums, reason] : all_parts) {
+    if (sums.groups == 0 && sums.bytes == 0) continue;
+    all.Add(sums);
+    parts.emplace_back(sums, reason);
   }
-  out << "\nNot shown: " << InGroups(all) << "\n";
-  if (below.groups != 0) out << "  " << InGroups(below) << BelowText(view) << "\n";
-  if (cut.groups != 0) out << "  " << InGroups(cut) << " that the options leave out\n";
-  if (unlisted.groups != 0 || unlisted.bytes != 0) {
-    out << "  " << InGroups(unlisted) << " that the report does not list\n";
+  out << "\n";
+  if (parts.empty()) {
+    out << "Not shown: nothing\n";
+  } else if (parts.size() == 1) {
+    out << OneLineOrTwo("Not shown: " + InGroups(all), parts[0].second) << "\n";
+  } else {
+    out << "Not shown: " << InGroups(all) << "\n";
+    for (const auto& [sums, reason] : parts) out << "  " << InGroups(sums) << " " << reason << "\n";
   }
 }
 
@@ -123,6 +135,11 @@ std::string Percent(std::uint64_t part, std::uint64_t whole) {
 
 std::string Counted(std::uint64_t count, const std::string& noun) {
   return FormatCount(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string OneLineOrTwo(const std::string& first, const std::string& second) {
+  const bool fits = Columns(first) + 1 + Columns(second) <= kColumns;
+  return first + (fits ? " " : "\n  ") + second;
 }
 
 std::string BaseName(const std::string& path) {

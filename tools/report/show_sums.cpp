@@ -97,11 +97,18 @@ class TreePrinter {
   // Puts the children of a node on the stack, the largest on top.
   void Push(std::uint32_t parent, std::size_t indent) {
     std::vector<std::uint32_t>& children = tree_[parent].children;
-    // Branches that are too small to be drawn may stand before others, in other orders than theirs.
-    const auto large = std::stable_partition(children.begin(), children.end(),
-                                             [&](std::uint32_t child) { return IsLarge(child); });
-    auto shown = static_cast<std::size_t>(large - children.begin());
-    if (section_.options.top != 0) shown = std::min(shown, section_.options.top);
+    const auto is_large = [&](std::uint32_t child) { return IsLarge(child); };
+    const std::size_t top = section_.options.top == 0 ? children.size() : section_.options.top;
+    auto shown =
+        static_cast<std::size_t>(std::count_if(children.begin(), children.end(), is_large));
+    if (shown + 1 == children.size() && shown < top) {
+      // To say that there is one more takes the room of drawing it.
+      ++shown;
+    } else {
+      // Those too small to be drawn may stand before others, in other orders than theirs.
+      std::stable_partition(children.begin(), children.end(), is_large);
+    }
+    shown = std::min(shown, top);
     // A call that has one caller, or makes one call, stands below it without a step to the right.
     const bool forks = shown != children.size() || shown > 1;
     if (parent == 0) many_roots_ = forks;
@@ -153,8 +160,10 @@ class TreePrinter {
   void PrintNode(const PendingLine& line) {
     const TreeNode& node = tree_[line.node];
     PrintFigures(node.sums, node.oldest, line.indent);
-    const Frame& frame = section_.profile.frames[node.frame];
-    out_ << paint_.Name(FitWidth(FrameName(section_.profile, frame), Room(line.indent))) << "\n";
+    const std::string name = node.frame == kNoFrame
+                                 ? "(no stack)"
+                                 : FrameName(section_.profile, section_.profile.frames[node.frame]);
+    out_ << paint_.Name(FitWidth(name, Room(line.indent))) << "\n";
   }
 
   void PrintMore(const PendingLine& line) {
