@@ -89,9 +89,8 @@ void TellUnlisted(const Profile& profile) {
 
 int DiffCommand(const DiffOptions& options) {
   const SymbolOptions symbols = WithProgress(options.symbols);
-  const Profile before = OpenProfile(options.before, options.partial,
-                                     ForOld(symbols, options.old_symbols), kNewerOldRemedy);
-  const Profile after = OpenProfile(options.after, options.partial, symbols);
+  const auto [before, after] =
+      OpenPair(options.before, options.after, options.partial, symbols, options.old_symbols);
   if (options.fail_over.has_value()) {
     TotalBytes(before);
     TotalBytes(after);

@@ -98,8 +98,12 @@ TEST(Diff, SaysNewAndGoneOnlyOfWhatTheOtherListCannotHide) {
                            .In("l", 7, "java")
                            .Group(10, 1, GroupKind::kJava)
                            .Done();
-  const Profile cut =
-      ProfileBuilder().In("l", 6, "kept").Group(100, 3).In("l", 8, "last").Group(50, 2).Done(40, 9);
+  const Profile cut = ProfileBuilder()
+                          .In("l", 6, "kept")
+                          .Group(100, 3)
+                          .In("l", 8, "last")
+                          .Group(50, 2)
+                          .Done(40, 900);
   Expected expected = {{"big/10", "grew"},   {"whole/200", "new"},   {"small/10", "unknown"},
                        {"at/10", "unknown"}, {"empty/0", "unknown"}, {"kept/100", "same"},
                        {"java/10", "new"},   {"last/50", "gone"}};
@@ -114,6 +118,17 @@ TEST(Diff, SaysNewAndGoneOnlyOfWhatTheOtherListCannotHide) {
   expected["last/50"] = "new";
   const Difference back = Compare(full, cut);
   EXPECT_EQ(Changes(back), expected);
+
+  // All that is not listed holds no more than the head counts beyond the list.
+  Profile sharper = cut;
+  sharper.header.total_bytes -= 845;
+  const Difference sharp = Compare(sharper, full);
+  EXPECT_EQ(sharp.changes[0].before.most, 50U);
+  EXPECT_EQ(Changes(sharp)["small/10"], "grew");
+  // A line that should be there may have been the largest.
+  Profile lost = cut;
+  lost.header.listed += 1;
+  EXPECT_EQ(Changes(Compare(full, lost))["big/10"], "unknown");
 
   // What is damaged or torn off may have been anything.
   Profile damaged = ProfileBuilder().In("l", 6, "kept").Group(100, 3).Done();
@@ -135,9 +150,9 @@ TEST(Diff, PartOfAStackBelowTheCutIsNoChange) {
                              .Group(10, 20)
                              .In("l", 3, "g")
                              .Group(10, 19)
-                             .Done(5, 50);
+                             .Done(5, 900);
   const Profile after =
-      ProfileBuilder().In("l", 1, "f").Group(10, 100).In("l", 3, "g").Group(10, 20).Done(5, 50);
+      ProfileBuilder().In("l", 1, "f").Group(10, 100).In("l", 3, "g").Group(10, 20).Done(5, 900);
   EXPECT_EQ(Changes(Compare(before, after)), (Expected{{"f/10", "unknown"}, {"g/10", "grew"}}));
   // As many call sites, but not the same ones: each may hold as much as the last one listed.
   const auto sites = [](std::uint64_t second, std::uint64_t count, const std::string& build) {
@@ -146,7 +161,7 @@ TEST(Diff, PartOfAStackBelowTheCutIsNoChange) {
         .Group(10, 100)
         .In("l", second, "f", build)
         .Group(10, count)
-        .Done(5, 50);
+        .Done(5, 900);
   };
   const Difference other = Compare(sites(2, 20, "aa"), sites(3, 22, "aa"));
   EXPECT_EQ(Changes(other), (Expected{{"f/10", "unknown"}}));
@@ -180,6 +195,9 @@ TEST(Diff, DocumentsAreAsCertainAsTheirReports) {
                      .Group(10, 6, GroupKind::kJava)
                      .Done();
   torn.complete = false;
+  torn.header.listed += 3;
+  torn.header.groups += 3;
+  torn.header.total_bytes += 5000;
   for (const auto& [before, after] : {std::pair{cut, torn}, std::pair{torn, cut}}) {
     const Difference plain = Compare(before, after);
     for (const Difference& read :
@@ -226,7 +244,17 @@ TEST(Diff, RefusesDocumentsThatAreNoReport) {
                                                                      {"/libraries/0/found", 1}}) {
     EXPECT_NE(refusal(pointer, value).find("; make one with"), std::string::npos) << pointer;
   }
-  EXPECT_NE(refusal("/base", {}).find("compares two"), std::string::npos);
+  EXPECT_NE(refusal("/base", {}).find("damaged document"), std::string::npos);
+  nlohmann::json compared = nlohmann::json::parse(DiffJson(profile, profile));
+  const std::string both = directory.Write("both.json", compared.dump());
+  EXPECT_EQ(LoadAnyDocument(both).base->path, profile.path);
+  EXPECT_THROW(LoadDocument(both), UserError);
+  for (const char* pointer :
+       {"/base/totals", "/base/report", "/groups/1/before", "/groups/0/status"}) {
+    nlohmann::json broken = compared;
+    broken[nlohmann::json::json_pointer(pointer)] = "other";
+    EXPECT_THROW(LoadAnyDocument(directory.Write("bad.json", broken.dump())), UserError) << pointer;
+  }
   std::ostringstream chosen;
   WriteJson(ToJson(profile, {0}), chosen);
   EXPECT_THROW(LoadDocument(directory.Write("chosen.json", chosen.str())), UserError);
@@ -276,17 +304,26 @@ TEST(Diff, PrintsSumsByStackWithinEightyColumns) {
                             .In(library, 3)
                             .Group(10, 1)
                             .In(library, 1, "kept")
-                            .Group(300, 2)
+                            .Group(300, 1)
+                            .In(library, 1, "kept")
+                            .Group(300, 1)
                             .Done();
   std::ostringstream out;
   PrintDifference(before, after, 1, out);
   const std::string text = out.str();
+  Profile damaged = before;
+  damaged.damaged_lines = 2;
+  PrintDifference(damaged, after, 1, out);
+  EXPECT_NE(out.str().find("missing it may be in lines that could not be read.\n", text.size()),
+            std::string::npos);
   for (const char* part :
-       {"+9.2 KiB (+9,410 bytes, +122.2 %), -1,198 groups", "Grew: +14.2 KiB in 2 stacks",
+       {"+9.2 KiB (+9,410 bytes, +122.2 %), -1,197 groups", "Grew: +14.2 KiB in 2 stacks",
         "#1  +13.7 KiB", "new    0 B -> 7.8 KiB, +4 blocks of 2.0 KiB",
         "grew   2.0 KiB -> 7.8 KiB, +6 blocks of 1000 B", "and +500 B in 1 more stack (",
-        "Shrank: -100 B in 1 stack", "-1 block of 100 B", "Unchanged: 600 B in 1 group.",
-        "Nothing certain can be said of 1 group (0 B -> 10 B)",
+        "Shrank: -100 B in 1 stack", "-1 block of 100 B",
+        "Unchanged: 600 B in 1 group (call sites of a function as one).",
+        "Nothing certain can be said of 1 group (0 B -> 10 B):\n",
+        "where a call site is missing it may merely have been left out of the list.",
         "The old report counts 4.9 KiB more in 1,200 groups that it does not list."}) {
     EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
   }

@@ -203,6 +203,36 @@ TEST(Export, CommandsReadReportsAndGuardGrowth) {
   EXPECT_EQ(nlohmann::json::parse(json.output)["totals"]["unlistedBytes"], 100);
 }
 
+TEST(Export, DocumentsAreNoLessHonestThanReports) {
+  TemporaryDirectory directory;
+  std::string text = kReport;
+  for (int i = 0; i < 20; ++i) text.insert(text.find("sz 400"), "garbage\n");  // lines 6 to 25
+  text.insert(text.find("sz 10 100"), "more\n");                               // 27
+  const std::string report = directory.Write("report", text.erase(text.find("=====")));
+  const std::string cut = directory.Path("cut.json");
+  const std::string diff = directory.Path("diff.json");
+  const auto output = [&](const std::string& command) { return Shell(kMemleak + command).output; };
+  const auto has = [](const std::string& all, const std::string& part) {
+    EXPECT_NE(all.find(part), std::string::npos) << part << " in\n" << all;
+  };
+  has(output("export " + report + " --partial --format json -o " + cut),
+      "line 10 left out: not a line of a report\nmemleak: 16 more lines left out: 11-25, 27\n");
+  const std::string read = output("show " + cut + " --partial --sysroot /");
+  has(read, "21 lines left out: 6-25, 27\n");
+  has(read, "cut.json: directories are of no use");
+  has(read, "\n  /no/liba b.so\n");
+  Shell(kMemleak + "diff " + directory.Write("old", kReport) + " " + cut + " --partial --json >" +
+        diff + " 2>&-");
+  for (const std::string& document : {cut, diff}) {
+    const Outcome page = Shell(kMemleak + "html " + document + " -o " + directory.Path("page"));
+    EXPECT_EQ(page.code, 2);
+    has(page.output, "report is truncated: ");
+  }
+  // Directories that one of two reports needs are not in vain.
+  EXPECT_EQ(output("diff " + report + " " + cut + " --partial --sysroot /").find("of no use"),
+            std::string::npos);
+}
+
 TEST(Export, EachReportIsGivenTheSymbolsOfItsTime) {
   TemporaryDirectory directory;
   const std::string library = directory.Path("lib.so");

@@ -78,8 +78,10 @@ TEST(Json, HoldsTheModelAndIsValidWhateverTheNames) {
   const nlohmann::json document = nlohmann::json::parse(out.str());
   EXPECT_EQ(document["format"], "memleak-profile");
   EXPECT_EQ(document["report"]["damagedLines"], 1);
+  EXPECT_EQ(document["report"]["damaged"], std::vector<int>{7});
   EXPECT_EQ(document["totals"], (nlohmann::json{{"bytes", 5000},
                                                 {"groups", 3},
+                                                {"announcedGroups", 2},
                                                 {"blocks", 4},
                                                 {"listedBytes", 104},
                                                 {"listedGroups", 2},

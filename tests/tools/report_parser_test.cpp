@@ -108,6 +108,23 @@ TEST(ReportParser, LeavesOutDamagedLinesAndSaysWhich) {
   EXPECT_EQ(numbers, (std::vector<std::uint64_t>{6, 8, 9, 10, 11, 13}));
 }
 
+TEST(ReportParser, MissingLinesOfTheHeadAreDamage) {
+  const std::string group = "sz 1 1 num 1 time 0  bt [/a+0x1] \n";
+  for (const char* lacking : {"Total", "Allocation", "Backtrace"}) {
+    const std::size_t begin = kHead.find(lacking);
+    const std::size_t end = kHead.find('\n', begin) + 1;
+    const std::string rest = group + kJavaRule + "END";
+    for (const std::string& text : {rest, kJavaRule + "END"}) {
+      const Report missing = Load(std::string(kHead).erase(begin, end - begin) + text);
+      ASSERT_EQ(missing.damaged.size(), 1U) << lacking;
+      EXPECT_EQ(missing.damaged[0].number, 0U);
+      EXPECT_NE(missing.damaged[0].reason.find(lacking), std::string::npos);
+    }
+    // One that cannot be read is told of once.
+    EXPECT_EQ(Load(std::string(kHead).replace(end - 2, 1, "x") + rest).damaged.size(), 1U);
+  }
+}
+
 TEST(ReportParser, FramesOfADamagedJavaGroupGoToNoOther) {
   const Report report = Load(kHead + kJavaRule + "sz 8 8 num 1\n#00 rel_pc 1 mine\n" +
                              "sz 8 x num 1\n#00 rel_pc 2 lost\n#01 rel_pc 3 lost\n" +  // 9

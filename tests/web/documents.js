@@ -88,7 +88,7 @@ export function hostile() {
 
 export function difference() {
   const status = (name, count, total, more = {}) => ({ status: name, before: { count, total, ...more } });
-  // Some groups stand in one list alone, and may merely have been too small for the other.
+  // Some groups stand in one list alone, and may merely be missing from the other list.
   const cut = { atMost: 1 << 20 };
   const groups = [
     group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600), status("grew", 4000, 2048000)),
@@ -140,7 +140,7 @@ export function large(kind, count, depth, functions) {
 export function report(lines, unlisted = 0) {
   const bytes = lines.reduce((sum, line) => sum + Number(line.split(" ")[2]), 0);
   return `Native Heap MemLeak Tracker Version 2.0:
-Total memory(bytes): ${bytes + 100 * unlisted}
+Total memory(bytes): ${bytes + 200 * unlisted}
 Allocation records: ${lines.length + unlisted}/${lines.length}
 Backtrace size: 10
 

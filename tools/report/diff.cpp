@@ -16,23 +16,37 @@ namespace {
 
 constexpr std::uint64_t kUnbounded = std::numeric_limits<std::uint64_t>::max();
 
-// How many bytes a group that a report does not list may hold in it all the same; nothing when it
-// lists all.
-std::optional<std::uint64_t> Threshold(const Profile& profile, GroupKind kind) {
+/// How many bytes groups that a report does not list may hold in it all the same.
+struct Hidden {
+  std::uint64_t each = kUnbounded;
+  std::uint64_t together = kUnbounded;
+};
+
+// Nothing when the report lists all.
+std::optional<Hidden> Threshold(const Profile& profile, GroupKind kind) {
   // A line that could not be read may have been any group's.
-  if (profile.damaged_lines > 0) return kUnbounded;
-  const bool cut = kind == GroupKind::kNative && profile.Unlisted().groups > 0;
+  if (profile.damaged_lines > 0) return Hidden{};
+  const bool native = kind == GroupKind::kNative;
+  const Sums unlisted = profile.Unlisted();
+  const bool cut = native && (unlisted.groups > 0 || unlisted.bytes > 0);
   if (!cut && profile.complete) return std::nullopt;
-  // Largest first: what is not listed is no larger than the last that is.
-  std::uint64_t least = kUnbounded;
-  for (const Group& group : profile.groups) {
-    if (group.kind == kind) least = std::min(least, group.total);
+  Hidden hidden;
+  // No head counts Java-native groups.
+  if (native) hidden.together = unlisted.bytes;
+  // A line that was to be there and is not may have stood anywhere in the list.
+  const bool lost = native && profile.Listed(kind).groups < profile.header.listed;
+  if (!lost) {
+    // Largest first: what is not listed is no larger than the last that is.
+    for (const Group& group : profile.groups) {
+      if (group.kind == kind) hidden.each = std::min(hidden.each, group.total);
+    }
   }
-  return least;
+  hidden.each = std::min(hidden.each, hidden.together);
+  return hidden;
 }
 
 // By GroupKind.
-using Thresholds = std::array<std::optional<std::uint64_t>, 2>;
+using Thresholds = std::array<std::optional<Hidden>, 2>;
 
 Thresholds ThresholdsOf(const Profile& profile) {
   return {Threshold(profile, GroupKind::kNative), Threshold(profile, GroupKind::kJava)};
@@ -208,13 +222,15 @@ struct Range {
 };
 
 // A side may have the call sites that it lacks below the end of its list.
-Range RangeOf(const Side& side, std::uint64_t size, std::optional<std::uint64_t> threshold) {
+Range RangeOf(const Side& side, std::uint64_t size, const std::optional<Hidden>& hidden) {
   const std::uint64_t listed = size == 0 ? side.count : side.total;
-  if (!threshold.has_value() || side.lacks == 0) return {listed, listed};
-  std::uint64_t hidden = *threshold;  // of one site, which has whole blocks
-  if (size == 0) hidden = kUnbounded;
-  if (hidden != kUnbounded) hidden -= hidden % size;
-  return {listed, AddSaturated(listed, MultiplySaturated(hidden, side.lacks))};
+  if (!hidden.has_value() || side.lacks == 0) return {listed, listed};
+  if (size == 0) return {listed, kUnbounded};
+  const auto whole_blocks = [size](std::uint64_t bytes) {
+    return bytes == kUnbounded ? bytes : bytes - bytes % size;
+  };
+  const std::uint64_t sites = MultiplySaturated(whole_blocks(hidden->each), side.lacks);
+  return {listed, AddSaturated(listed, std::min(sites, whole_blocks(hidden->together)))};
 }
 
 void Judge(const Group& group, const Thresholds& before_cut, const Thresholds& after_cut,

@@ -148,9 +148,9 @@ void PrintStacks(const Difference& difference, const std::vector<StackRow>& rows
 }
 
 void PrintHead(const char* label, const Profile& profile, std::ostream& out) {
-  out << label << "  " << FormatBytes(profile.header.total_bytes) << " held in "
-      << Counted(profile.header.groups, "group") << "  ";
-  out << FitWidth(profile.path, 40) << "\n";
+  const std::string held = std::string(label) + "  " + FormatBytes(profile.header.total_bytes) +
+                           " held in " + Counted(profile.header.groups, "group") + " ";
+  out << OneLineOrTwo(held, FitWidth(profile.path, 40)) << "\n";
 }
 
 void PrintTotals(const Profile& before, const Profile& after, std::ostream& out) {
@@ -159,14 +159,17 @@ void PrintTotals(const Profile& before, const Profile& after, std::ostream& out)
   const std::uint64_t old_bytes = before.header.total_bytes;
   const std::uint64_t new_bytes = after.header.total_bytes;
   const std::int64_t growth = Growth(old_bytes, new_bytes);
-  out << "all  " << FormatGrowth(growth) << " (" << FormatCountGrowth(old_bytes, new_bytes)
+  std::ostringstream all;
+  all << "all  " << FormatGrowth(growth) << " (" << FormatCountGrowth(old_bytes, new_bytes)
       << " bytes";
   if (old_bytes != 0) {
     const double share = 100.0 * static_cast<double>(growth) / static_cast<double>(old_bytes);
-    out << ", " << std::showpos << std::fixed << std::setprecision(1) << share << std::noshowpos
-        << " %";
+    all << ", " << std::showpos << std::fixed << std::setprecision(1) << share << " %";
   }
-  out << "), " << FormatCountGrowth(before.header.groups, after.header.groups) << " groups\n";
+  all << "),";
+  const std::string groups =
+      FormatCountGrowth(before.header.groups, after.header.groups) + " groups";
+  out << OneLineOrTwo(all.str(), groups) << "\n";
   const Sums old_java = before.Listed(GroupKind::kJava);
   const Sums new_java = after.Listed(GroupKind::kJava);
   if (old_java.groups + new_java.groups != 0) {
@@ -178,8 +181,10 @@ void PrintTotals(const Profile& before, const Profile& after, std::ostream& out)
 void PrintOutside(const char* label, const Profile& profile, std::ostream& out) {
   const Sums unlisted = profile.Unlisted();
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
-  out << "The " << label << " report counts " << FormatBytes(unlisted.bytes) << " more in "
-      << Counted(unlisted.groups, "group") << " that it does not list.\n";
+  const std::string counts = std::string("The ") + label + " report counts " +
+                             FormatBytes(unlisted.bytes) + " more in " +
+                             Counted(unlisted.groups, "group");
+  out << OneLineOrTwo(counts, "that it does not list.") << "\n";
 }
 
 /// Groups of one kind of change together.
@@ -187,6 +192,7 @@ struct Together {
   std::size_t groups = 0;
   std::uint64_t before = 0;
   std::uint64_t after = 0;
+  bool merged = false;  // some of them are several call sites
 };
 
 Together SumUp(const Difference& difference, Change wanted) {
@@ -194,6 +200,7 @@ Together SumUp(const Difference& difference, Change wanted) {
   for (const GroupChange& change : difference.changes) {
     if (change.change != wanted) continue;
     ++sums.groups;
+    sums.merged |= change.before.parts > 1 || change.after.parts > 1;
     sums.before = AddSaturated(sums.before, change.before.total);
     sums.after = AddSaturated(sums.after, change.after.total);
   }
@@ -203,16 +210,41 @@ Together SumUp(const Difference& difference, Change wanted) {
 void PrintUnchanged(const Difference& difference, std::ostream& out) {
   const Together same = SumUp(difference, Change::kSame);
   if (same.groups == 0) return;
+  // Fewer than the reports count, since theirs are groups of one call site.
   out << "Unchanged: " << FormatBytes(same.after) << " in " << Counted(same.groups, "group")
-      << ".\n";
+      << (same.merged ? " (call sites of a function as one)" : "") << ".\n";
 }
 
-void PrintUncertain(const Difference& difference, std::ostream& out) {
+bool IsFlawed(const Profile& profile) {
+  return !profile.complete || profile.damaged_lines > 0;
+}
+
+// Why a call site may be missing from the side that lacks it: the list was cut, as any long one is,
+// or it could not be read.
+const char* WhyUncertain(const Profile& before, const Profile& after,
+                         const Difference& difference) {
+  bool unread = false;
+  bool cut = false;
+  for (const GroupChange& change : difference.changes) {
+    if (change.change != Change::kUnknown) continue;
+    for (const auto& [side, profile] :
+         {std::pair(&change.before, &before), std::pair(&change.after, &after)}) {
+      if (side->lacks != 0) (IsFlawed(*profile) ? unread : cut) = true;
+    }
+  }
+  if (!unread) return "where a call site is missing it may merely have been left out of the list.";
+  return cut ? "where a call site is missing it may be in lines that could not be read, or have\n"
+               "been left out of the list."
+             : "where a call site is missing it may be in lines that could not be read.";
+}
+
+void PrintUncertain(const Profile& before, const Profile& after, const Difference& difference,
+                    std::ostream& out) {
   const Together unknown = SumUp(difference, Change::kUnknown);
   if (unknown.groups == 0) return;
   out << "Nothing certain can be said of " << Counted(unknown.groups, "group") << " ("
-      << FormatBytes(unknown.before) << " -> " << FormatBytes(unknown.after)
-      << "):\nwhere a call site is missing it may merely have been too small for the list.\n";
+      << FormatBytes(unknown.before) << " -> " << FormatBytes(unknown.after) << "):\n"
+      << WhyUncertain(before, after, difference) << "\n";
 }
 
 }  // namespace
@@ -231,7 +263,7 @@ void PrintDifference(const Profile& before, const Profile& after, std::size_t to
   PrintStacks(difference, shrank, "Shrank", top, out);
   std::ostringstream notes;
   PrintUnchanged(difference, notes);
-  PrintUncertain(difference, notes);
+  PrintUncertain(before, after, difference, notes);
   PrintOutside("old", before, notes);
   PrintOutside("new", after, notes);
   if (!notes.str().empty()) out << "\n" << notes.str();

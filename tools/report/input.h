@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "tools/report/json_input.h"
 #include "tools/report/model.h"
 
 namespace memleak {
@@ -12,17 +13,22 @@ namespace memleak {
 /// Throws UserError when there is none.
 std::string FindReport(const std::string& given);
 
-/// What to do when a library's file is newer than the report.
-inline constexpr const char* kNewerRemedy =
-    "keep the files of that time and name them by --sysroot";
-/// The same for the earlier of two reports.
-inline constexpr const char* kNewerOldRemedy =
-    "name the files of that time by --old-symbols or --old-sysroot";
+/// LoadProfile or LoadDocument for what a person named: finds the report, names on the error output
+/// damaged lines, files that are newer than it, and directories given in vain, since a document
+/// brings its symbols along. Throws UserError for a truncated report unless `partial` is set.
+Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options);
 
-/// LoadProfile or LoadDocument for what a person named: finds the report, names damaged lines on
-/// the error output and files that are newer than it, with `newer_remedy`, and throws UserError for
-/// a truncated report unless `partial` is set.
-Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options,
-                    const std::string& newer_remedy = kNewerRemedy);
+/// Two reports that are to be compared.
+struct ProfilePair {
+  Profile before;
+  Profile after;
+};
+
+/// OpenProfile for both. `old_options` are for the earlier one alone, where they are given.
+ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
+                     const SymbolOptions& options, const OldSymbolOptions& old_options);
+
+/// OpenProfile for the document at `path`, which may be of two reports: both are checked then.
+Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options);
 
 }  // namespace memleak

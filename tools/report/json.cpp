@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <utility>
 
 #include "tools/report/aggregate.h"
 
@@ -17,7 +18,8 @@ json LibrariesToJson(const Profile& profile) {
     list.push_back({{"path", library.path},
                     {"name", library.path.substr(library.path.rfind('/') + 1)},
                     {"buildId", library.build_id},
-                    {"found", library.found}});
+                    {"found", library.found},
+                    {"hint", library.hint}});
   }
   return list;
 }
@@ -60,11 +62,11 @@ json Document(const Profile& profile) {
 }  // namespace
 
 json ReportToJson(const Profile& profile) {
-  return {{"path", profile.path},
-          {"made", profile.made},
-          {"complete", profile.complete},
-          {"damagedLines", profile.damaged_lines},
-          {"backtraceSize", profile.header.backtrace_size}};
+  json damaged = json::array();
+  for (const DamagedLine& line : profile.damaged) damaged.push_back(line.number);
+  return {{"path", profile.path},          {"made", profile.made},
+          {"complete", profile.complete},  {"damagedLines", profile.damaged_lines},
+          {"damaged", std::move(damaged)}, {"backtraceSize", profile.header.backtrace_size}};
 }
 
 json TotalsToJson(const Profile& profile) {
@@ -73,6 +75,7 @@ json TotalsToJson(const Profile& profile) {
   const Sums java = profile.Listed(GroupKind::kJava);
   return {{"bytes", profile.header.total_bytes},
           {"groups", profile.header.groups},
+          {"announcedGroups", profile.header.listed},
           {"blocks", listed.blocks},
           {"listedBytes", listed.bytes},
           {"listedGroups", listed.groups},

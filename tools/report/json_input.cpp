@@ -3,8 +3,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "tools/report/json.h"
 #include "tools/user_error.h"
@@ -58,16 +61,27 @@ Group GroupOf(const json& object, std::size_t frames) {
   return group;
 }
 
+// A member that documents of older programs lack.
+json Member(const json& object, const char* name, const json& otherwise) {
+  return object.contains(name) ? object.at(name) : otherwise;
+}
+
 void ReadHead(const json& document, Profile* profile) {
   const json& report = document.at("report");
   profile->made = report.at("made").get<std::int64_t>();
   profile->complete = report.at("complete").get<bool>();
+  profile->path = Text(report, "path");
   profile->damaged_lines = Number(report, "damagedLines");
+  for (const json& number : Member(report, "damaged", json::array())) {
+    const auto line = number.get<std::uint64_t>();
+    profile->damaged.push_back({line, line == 0 ? "a line is missing in the head" : ""});
+  }
   profile->header.backtrace_size = Number(report, "backtraceSize");
   const json& totals = document.at("totals");
   profile->header.total_bytes = Number(totals, "bytes");
   profile->header.groups = Number(totals, "groups");
-  profile->header.listed = Number(totals, "listedGroups");
+  profile->header.listed =
+      Number(totals, totals.contains("announcedGroups") ? "announcedGroups" : "listedGroups");
 }
 
 Profile ProfileOf(const json& document) {
@@ -78,6 +92,8 @@ Profile ProfileOf(const json& document) {
     library.path = Text(object, "path");
     library.build_id = Text(object, "buildId");
     library.found = object.at("found").get<bool>();
+    const bool missing = !library.found && library.path.starts_with('/');
+    library.hint = Member(object, "hint", missing ? library.path : "").get<std::string>();
   }
   for (const json& object : document.at("frames")) {
     profile.frames.push_back(FrameOf(object, profile.libraries.size()));
@@ -88,12 +104,33 @@ Profile ProfileOf(const json& document) {
   return profile;
 }
 
+// The head of the earlier report in a comparison, whose groups stand beside the later one's.
+Profile BaseOf(const json& document) {
+  static const std::set<std::string> kStatus = {"grew", "shrank", "new", "gone", "same", "unknown"};
+  for (const json& group : document.at("groups")) {
+    const json& before = group.at("before");
+    Number(before, "count");
+    Number(before, "total");
+    if (kStatus.count(Text(group, "status")) == 0) throw std::out_of_range("an unknown status");
+    for (const json* side : {&group, &before}) {
+      if (side->contains("atMost")) Number(*side, "atMost");
+    }
+  }
+  Profile base;
+  ReadHead(document.at("base"), &base);
+  return base;
+}
+
 constexpr const char* kRemedy = "make one with memleak export --format json";
 
-json ParseFile(const std::string& path) {
+std::string ReadText(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw UserError("cannot read " + path, "check that you may read it");
-  json document = json::parse(file, nullptr, false);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+json Parse(const std::string& text, const std::string& path) {
+  json document = json::parse(text, nullptr, false);
   const auto is = [&document](const char* name, const json& value) {
     return document.is_object() && document.contains(name) && document[name] == value;
   };
@@ -114,18 +151,27 @@ bool IsJsonDocument(const std::string& path) {
 }
 
 Profile LoadDocument(const std::string& path) {
-  const json document = ParseFile(path);
-  if (document.contains("base")) {
-    throw UserError("document compares two reports: " + path, kRemedy);
-  }
+  Document document = LoadAnyDocument(path);
+  if (document.base) throw UserError("document compares two reports: " + path, kRemedy);
+  return std::move(document.profile);
+}
+
+Document LoadAnyDocument(const std::string& path) {
+  Document loaded;
+  loaded.text = ReadText(path);
+  const json document = Parse(loaded.text, path);
   try {
     // With groups left out by a filter, others would seem to be gone.
     if (document.contains("selection") && Number(document["selection"], "omittedGroups") != 0) {
       throw UserError("document lacks groups of its report: " + path, kRemedy);
     }
-    Profile profile = ProfileOf(document);
-    profile.path = path;
-    return profile;
+    loaded.profile = ProfileOf(document);
+    if (document.contains("base")) {
+      loaded.base = BaseOf(document);
+    } else {
+      loaded.profile.path = path;
+    }
+    return loaded;
   } catch (const json::exception& error) {
     throw UserError("damaged document: " + path + " (" + error.what() + ")", kRemedy);
   } catch (const std::out_of_range& error) {

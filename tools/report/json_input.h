@@ -2,6 +2,7 @@
 // whatever has become of the libraries since. Called by what opens reports; single-threaded.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "tools/report/model.h"
@@ -12,8 +13,18 @@ namespace memleak {
 bool IsJsonDocument(const std::string& path);
 
 /// The profile in the document at `path`, as `export --format json` has written it. What no
-/// document holds stays empty: addresses in files, hints at missing ones, reasons of damaged lines.
-/// Throws UserError when it cannot be read, is damaged, or holds two reports or a part of one.
+/// document holds stays empty: addresses in files, reasons of damaged lines. Throws UserError when
+/// it cannot be read, is damaged, or holds two reports or a part of one.
 Profile LoadDocument(const std::string& path);
+
+/// A document with what was found in it.
+struct Document {
+  Profile profile;              ///< of two reports the later one's, with the groups of both
+  std::optional<Profile> base;  ///< the earlier of two reports: its head alone, without groups
+  std::string text;             ///< the document itself
+};
+
+/// The same for a document of one report or of two, as `diff --json` has written it.
+Document LoadAnyDocument(const std::string& path);
 
 }  // namespace memleak

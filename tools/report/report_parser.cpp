@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -23,6 +24,11 @@ constexpr std::string_view kEnd = "END";
 constexpr std::string_view kEndOfCopy = "END\r";
 // The tracker's spelling.
 constexpr std::string_view kUnknownFrame = "[unknow]";
+// Of the head's lines; each appears once.
+constexpr std::string_view kTotalMark = "Total memory(bytes): ";
+constexpr std::string_view kRecordsMark = "Allocation records: ";
+constexpr std::string_view kDepthMark = "Backtrace size: ";
+constexpr std::array kHeadMarks = {kTotalMark, kRecordsMark, kDepthMark};
 constexpr std::string_view kOffsetMark = "+0x";
 constexpr std::string_view kBacktraceMark = "bt ";
 constexpr std::string_view kGroupMark = "sz ";
@@ -184,7 +190,7 @@ class ReportPass {
   bool Line(std::string_view line, bool closed) {
     ++number_;
     if (line == kEnd && !closed) {
-      Flush();
+      Finish();
       return true;
     }
     if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "an end mark before the end");
@@ -196,8 +202,10 @@ class ReportPass {
     } else if (in_java_) {
       JavaLine(line);
     } else if (line == kJavaRule) {
+      EndHead();
       in_java_ = true;
     } else if (line.starts_with(kGroupMark)) {
+      EndHead();
       NativeLine(line);
     } else if (!line.empty()) {
       HeaderLine(line);
@@ -215,15 +223,23 @@ class ReportPass {
     Damaged("longer than any line of a report");
   }
 
-  /// Delivers what is pending at the end of a truncated text.
+  /// Delivers what is pending at the end of the text.
+  void Finish() {
+    EndHead();
+    Flush();
+  }
+
+ private:
   void Flush() {
     if (java_open_ && sink_.java) sink_.java(java_);
     java_open_ = false;
     java_.frames.clear();
   }
 
- private:
-  void Damaged(std::string reason) { Damaged(number_, std::move(reason)); }
+  void Damaged(std::string reason) {
+    if (!head_ended_) ++head_damage_;
+    Damaged(number_, std::move(reason));
+  }
   void Damaged(std::uint64_t number, std::string reason) {
     if (sink_.damaged) sink_.damaged({number, std::move(reason)});
   }
@@ -231,11 +247,28 @@ class ReportPass {
   void HeaderLine(std::string_view line) {
     Cursor cursor(line);
     const bool understood =
-        (cursor.Take("Total memory(bytes): ") && cursor.TakeNumber(&header_->total_bytes)) ||
-        (cursor.Take("Allocation records: ") && cursor.TakeNumber(&header_->groups) &&
-         cursor.Take("/") && cursor.TakeNumber(&header_->listed)) ||
-        (cursor.Take("Backtrace size: ") && cursor.TakeNumber(&header_->backtrace_size));
-    if (!understood || !cursor.AtEnd()) Damaged("not a line of a report");
+        (cursor.Take(kTotalMark) && cursor.TakeNumber(&header_->total_bytes)) ||
+        (cursor.Take(kRecordsMark) && cursor.TakeNumber(&header_->groups) && cursor.Take("/") &&
+         cursor.TakeNumber(&header_->listed)) ||
+        (cursor.Take(kDepthMark) && cursor.TakeNumber(&header_->backtrace_size));
+    if (!understood || !cursor.AtEnd()) return Damaged("not a line of a report");
+    for (std::size_t i = 0; i < kHeadMarks.size(); ++i) {
+      if (line.starts_with(kHeadMarks[i])) head_seen_[i] = true;
+    }
+  }
+
+  // A missing line reads as 0, which is a figure like others: it counts as damage. A line that is
+  // there but damaged was announced already.
+  void EndHead() {
+    if (std::exchange(head_ended_, true)) return;
+    for (std::size_t i = 0; i < kHeadMarks.size(); ++i) {
+      if (head_seen_[i]) continue;
+      if (head_damage_ > 0) {
+        --head_damage_;
+      } else {
+        Damaged(0, "no line \"" + std::string(kHeadMarks[i]) + "\" in the head");
+      }
+    }
   }
 
   void NativeLine(std::string_view line) {
@@ -264,6 +297,9 @@ class ReportPass {
   const ReportSink& sink_;
   ReportHeader* header_;
   std::uint64_t number_ = 1;
+  std::array<bool, kHeadMarks.size()> head_seen_{};
+  std::size_t head_damage_ = 0;  // damaged lines before the first group
+  bool head_ended_ = false;
   std::uint64_t end_number_ = 0;  // of a closed end mark with nothing behind it so far
   bool in_java_ = false;
   bool java_open_ = false;  // java_ still takes frames
@@ -319,7 +355,7 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
       return ReportEnd::kComplete;
     }
   }
-  pass.Flush();
+  pass.Finish();
   return pass.Ended() ? ReportEnd::kComplete : ReportEnd::kTruncated;
 }
 

@@ -49,9 +49,9 @@ struct ReportHeader {
   std::uint64_t backtrace_size = 0;
 };
 
-/// A line that could not be read and was left out.
+/// A line that could not be read and was left out, or that is not there at all.
 struct DamagedLine {
-  std::uint64_t number = 0;  ///< counted from 1
+  std::uint64_t number = 0;  ///< counted from 1; 0 for a line of the head that is missing
   std::string reason;
 };
 
@@ -76,7 +76,8 @@ inline constexpr std::size_t kLongestLine = 64U << 20U;
 
 /// Reads a report from `input` in one pass, in memory of one group and one line; fills `header`
 /// with what the head says (0 for lines that are missing or damaged). Every damaged line is
-/// announced once; the frames of a Java-native group whose first line is damaged go with it.
+/// announced once, and so is every line that the head lacks; the frames of a Java-native group
+/// whose first line is damaged go with it.
 ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header);
 
 /// Reads the file at `path` the same way. Throws UserError when it cannot be read or is not a

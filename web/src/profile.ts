@@ -26,6 +26,7 @@ export interface Library {
   name: string;
   buildId: string;
   found: boolean;
+  hint?: string; // the file that would give (more) symbols; absent in documents of older programs
 }
 
 export interface Frame {

@@ -1,7 +1,7 @@
 // The head of the page: what is held, what lies outside the list, and how the report was made.
 
 import { el, formatBytes, formatChange, formatCount, plural, signed } from "./dom.js";
-import { type Profile, type Range, type Report, sure, type Totals, widen } from "./profile.js";
+import { type Library, type Profile, type Range, type Report, sure, type Totals, widen } from "./profile.js";
 
 export function summary(profile: Profile): HTMLElement {
   const { doc } = profile;
@@ -125,16 +125,23 @@ function origin(title: string, report: Report): HTMLElement {
 }
 
 function missingSymbols(profile: Profile): HTMLElement | null {
-  // Others, such as "[heap]", are no files.
-  const missing = profile.doc.libraries.filter(
-    (library) => !library.found && library.path.startsWith("/"),
-  );
+  // Others, such as "[heap]", are no files. Documents of older programs have no hints.
+  const hintOf = ({ hint, found, path }: Library) =>
+    hint ?? (!found && path.startsWith("/") ? path : "");
+  const missing = profile.doc.libraries.filter((library) => hintOf(library) !== "");
   if (missing.length === 0) return null;
   return el(
     "details",
     {},
     el("summary", {}, `${plural(missing.length, "file")} could not be read for symbols`),
-    el("ul", {}, ...missing.map((library) => el("li", {}, el("code", {}, library.path)))),
+    el(
+      "ul",
+      {},
+      ...missing.map((library) => {
+        const file = hintOf(library);
+        return el("li", {}, el("code", {}, file), file === library.path ? "" : ` of ${library.name}`);
+      }),
+    ),
   );
 }
 

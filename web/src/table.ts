@@ -296,7 +296,7 @@ export class GroupTable {
       group.atMost === undefined && group.before.atMost === undefined
         ? ""
         : ". One of the reports does not list all it holds: this group, or a part of it, may merely " +
-          "have been too small for its list";
+          "be missing from its list";
     return `${text}; before: ${before}${cut}.`;
   }
 
