@@ -19,8 +19,9 @@ STB_LOCAL, STT_FUNC, STT_TLS = 0, 2, 6
 R_AARCH64_GLOB_DAT, R_AARCH64_JUMP_SLOT, R_AARCH64_RELATIVE = 1025, 1026, 1027
 DT = {"NEEDED": 1, "PLTRELSZ": 2, "STRTAB": 5, "SYMTAB": 6, "RELA": 7, "RELASZ": 8, "INIT": 12,
       "TEXTREL": 22, "JMPREL": 23, "BIND_NOW": 24, "INIT_ARRAY": 25, "INIT_ARRAYSZ": 27,
-      "FLAGS": 30, "VERSYM": 0x6FFFFFF0, "FLAGS_1": 0x6FFFFFFB, "VERDEF": 0x6FFFFFFC,
-      "VERDEFNUM": 0x6FFFFFFD}
+      "FLAGS": 30, "RELRSZ": 35, "RELR": 36, "ANDROID_REL": 0x6000000F,
+      "ANDROID_RELA": 0x60000011, "ANDROID_RELR": 0x6FFFE000, "ANDROID_RELRSZ": 0x6FFFE001,
+      "VERSYM": 0x6FFFFFF0, "FLAGS_1": 0x6FFFFFFB, "VERDEF": 0x6FFFFFFC, "VERDEFNUM": 0x6FFFFFFD}
 
 Segment = collections.namedtuple("Segment", "type flags offset vaddr paddr filesz memsz align")
 Section = collections.namedtuple(
@@ -44,19 +45,23 @@ class Elf:
             raise ElfError("not a 64-bit little-endian ELF file")
         (self.type, self.machine, _, _, phoff, self.shoff, _, _, phentsize, phnum, shentsize, shnum,
          shstrndx) = self._unpack("<HHIQQQIHHHHHH", 16)
+        if (phnum and phentsize != 56) or (shnum and shentsize != 64):
+            raise ElfError("damaged: headers of another size")
         self.segments = []
         for index in range(phnum):
             kind, flags, *rest = self._unpack("<IIQQQQQQ", phoff + index * phentsize)
             self.segments.append(Segment(kind, flags, *rest))
         headers = [self._unpack("<IIQQQQIIQQ", self.shoff + index * shentsize)
                    for index in range(shnum)]
+        if shstrndx >= max(shnum, 1):
+            raise ElfError(f"damaged: the sections' names are in section {shstrndx} of {shnum}")
         names = headers[shstrndx][4] if headers else 0
         self.sections = [Section(self.text(names + header[0]), *header[1:]) for header in headers]
 
     def _unpack(self, layout, offset):
         try:
             return struct.unpack_from(layout, self.data, offset)
-        except struct.error as error:
+        except (struct.error, OverflowError) as error:
             raise ElfError(f"damaged: a table at {offset:#x} leaves the file") from error
 
     def text(self, offset):
@@ -95,6 +100,9 @@ class Elf:
         """The symbols of the table with this section type, but for the null symbol."""
         found = []
         for table in (section for section in self.sections if section.type == kind):
+            if table.link >= len(self.sections):
+                raise ElfError(f"damaged: {table.name} has its names in section {table.link} of "
+                               f"{len(self.sections)}")
             strings = self.sections[table.link].offset
             for index in range(1, table.size // 24):
                 name, info, _, section, value, size = self._unpack(
@@ -105,7 +113,11 @@ class Elf:
 
     @functools.cached_property
     def relocations(self):
-        """All dynamic relocations."""
+        """All dynamic relocations. ElfError for those in Android's packed form: leaving them out
+        would make a library look right."""
+        if self.dyn("ANDROID_RELA") or self.dyn("ANDROID_REL"):
+            raise ElfError("cannot be checked: packed relocations; link without "
+                           "-Wl,--pack-dyn-relocs=android")
         found = []
         for start, size in (("RELA", "RELASZ"), ("JMPREL", "PLTRELSZ")):
             if self.dyn(start):
@@ -113,7 +125,28 @@ class Elf:
                 for offset in range(base, base + self.dyn(size), 24):
                     where, info, addend = self._unpack("<QQq", offset)
                     found.append(Relocation(where, info >> 32, info & 0xFFFFFFFF, addend))
+        for start, size in (("RELR", "RELRSZ"), ("ANDROID_RELR", "ANDROID_RELRSZ")):
+            if self.dyn(start):
+                for where in self._relr_addresses(self.at(self.dyn(start)), self.dyn(size)):
+                    addend, = self._unpack("<q", self.at(where))
+                    found.append(Relocation(where, 0, R_AARCH64_RELATIVE, addend))
         return found
+
+    def _relr_addresses(self, offset, size):
+        """Where the entries of a DT_RELR table relocate. An even entry is an address; the bits
+        of an odd one, but for the lowest, stand for the 63 words behind what the one before covers.
+        """
+        following = None
+        for place in range(offset, offset + size, 8):
+            entry, = self._unpack("<Q", place)
+            if not entry & 1:
+                yield entry
+                following = entry + 8
+            elif following is None:
+                raise ElfError("damaged: the relative relocations begin without an address")
+            else:
+                yield from (following + 8 * (bit - 1) for bit in range(1, 64) if entry >> bit & 1)
+                following += 8 * 63
 
     @functools.cached_property
     def relative(self):
@@ -126,18 +159,27 @@ class Elf:
         if not self.dyn("VERSYM"):
             return None
         wanted, = self._unpack("<H", self.at(self.dyn("VERSYM")) + 2 * symbol.index)
+        return self.versions.get(wanted & 0x7FFF)
+
+    @functools.cached_property
+    def versions(self):
+        """The names of the versions that the file defines, by index, but for the file's own."""
+        found = {}
         offset = self.at(self.dyn("VERDEF")) if self.dyn("VERDEF") else 0
-        for _ in range(self.dyn("VERDEFNUM")):
+        count = self.dyn("VERDEFNUM")
+        for number in range(1, count + 1):
             _, flags, index, _, _, names, step = self._unpack("<HHHHIII", offset)
-            if index == wanted & 0x7FFF and not flags & 1:  # 1: the file's own name
+            if not flags & 1:  # 1: the file's own name
                 name, = self._unpack("<I", offset + names)
-                return self.text(self.at(self.dyn("STRTAB")) + name)
+                found.setdefault(index, self.text(self.at(self.dyn("STRTAB")) + name))
+            if number < count and step == 0:
+                raise ElfError(f"damaged: the versions' definitions end behind {number} of {count}")
             offset += step
-        return None
+        return found
 
     def words(self, address, size):
-        """The 32-bit words at an address."""
-        return self._unpack(f"<{size // 4}I", self.at(address))
+        """The 32-bit words at an address, with all of the last one."""
+        return self._unpack(f"<{-(-size // 4)}I", self.at(address))
 
     @functools.cached_property
     def initializers(self):

@@ -119,6 +119,10 @@ __attribute__((constructor)) void Unlisted() {
 #ifdef FAULT_LARGE
 extern const char g_filler[400000] = {1};
 #endif
+#ifdef MANY_POINTERS
+// More than two words of a bitmap, in front of the global offset table.
+asm(".section .data.rel.ro, \"aw\"\n.rept 130\n.quad _Z4Workv\n.endr\n.text\n");
+#endif
 #ifdef FAULT_TEXTREL
 asm(".text\n.balign 8\n.quad g_work\n");
 #endif
