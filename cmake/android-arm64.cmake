@@ -5,14 +5,16 @@
 #   toolchains/llvm/prebuilt/HOST/sysroot); the compiler is this machine's clang, the linker its lld.
 # Either is given with -D or in the environment.
 include(${CMAKE_CURRENT_LIST_DIR}/android-place.cmake)
-# Compiler checks configure projects of their own, which know nothing of -D.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK ANDROID_SYSROOT)
-
 if(ANDROID_NDK)
   set(ANDROID_ABI arm64-v8a)
   set(ANDROID_PLATFORM android-29)
   set(ANDROID_STL c++_static)
   include("${ANDROID_NDK}/build/cmake/android.toolchain.cmake")
+endif()
+# Compiler checks configure projects of their own, which know nothing of -D. Behind the NDK's file,
+# which sets the list anew.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK ANDROID_SYSROOT)
+if(ANDROID_NDK)
   return()
 endif()
 
@@ -28,7 +30,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Any clang from 14 on, the plain name first.
+# The plain name first; the version is looked at when the compiler is known (CMakeLists.txt).
 set(versions 22 21 20 19 18 17 16 15 14)
 list(TRANSFORM versions PREPEND clang- OUTPUT_VARIABLE clang_names)
 list(TRANSFORM versions PREPEND clang++- OUTPUT_VARIABLE clangxx_names)

@@ -4,7 +4,8 @@
 foreach(place ANDROID_NDK ANDROID_SYSROOT)
   if(NOT ${place} AND NOT "$ENV{${place}}" STREQUAL "")
     # Kept, so that a build tree can configure itself anew without the environment.
-    set(${place} "$ENV{${place}}" CACHE PATH "See cmake/android-arm64.cmake" FORCE)
+    get_filename_component(path "$ENV{${place}}" ABSOLUTE BASE_DIR "$ENV{PWD}")
+    set(${place} "${path}" CACHE PATH "See cmake/android-arm64.cmake" FORCE)
   endif()
 endforeach()
 

@@ -14,6 +14,13 @@
 namespace memleak {
 namespace {
 
+// Relocations of slots, by the processors' ELF supplements: a C library's <elf.h> may have those of
+// its own processor alone.
+constexpr std::uint32_t kAarch64GlobDat = 1025;
+constexpr std::uint32_t kAarch64JumpSlot = 1026;
+constexpr std::uint32_t kX86GlobDat = 6;
+constexpr std::uint32_t kX86JumpSlot = 7;
+
 constexpr std::uint64_t kPageMask = 4095;
 
 /// A file, read in pieces.
@@ -113,7 +120,7 @@ class Reader {
       if (segment.p_type != PT_LOAD || address < segment.p_vaddr) continue;
       const std::uint64_t into = address - segment.p_vaddr;
       if (into >= segment.p_filesz) continue;
-      return file_.Read<T>(segment.p_offset + into, std::min(bytes, segment.p_filesz - into));
+      return file_.Read<T>(segment.p_offset + into, std::min<std::uint64_t>(bytes, segment.p_filesz - into));
     }
     return {};
   }
@@ -150,15 +157,17 @@ class Reader {
   bool FillsSlot(const Elf64_Rela& relocation, bool jump) const {
     const auto type = ELF64_R_TYPE(relocation.r_info);
     if (result_.machine == EM_AARCH64) {
-      return type == (jump ? R_AARCH64_JUMP_SLOT : R_AARCH64_GLOB_DAT);
+      return type == (jump ? kAarch64JumpSlot : kAarch64GlobDat);
     }
-    return result_.machine == EM_X86_64 && type == (jump ? R_X86_64_JUMP_SLOT : R_X86_64_GLOB_DAT);
+    return result_.machine == EM_X86_64 && type == (jump ? kX86JumpSlot : kX86GlobDat);
   }
 
   void AddImports(const std::vector<Elf64_Rela>& relocations, std::uint64_t symbols, bool jump) {
     std::uint64_t last = 0;
     for (const Elf64_Rela& relocation : relocations) {
-      if (FillsSlot(relocation, jump)) last = std::max(last, ELF64_R_SYM(relocation.r_info));
+      if (FillsSlot(relocation, jump)) {
+        last = std::max<std::uint64_t>(last, ELF64_R_SYM(relocation.r_info));
+      }
     }
     // The table's length stands nowhere; the relocations tell how much of it is needed.
     const std::vector<Elf64_Sym> table = ReadAt<Elf64_Sym>(symbols, (last + 1) * sizeof(Elf64_Sym));

@@ -4,6 +4,7 @@
 #include <android-base/logging.h>
 #include <async_safe/log.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>

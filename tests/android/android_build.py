@@ -4,9 +4,12 @@
 """
 
 import concurrent.futures
+import json
 import os
 import pathlib
 import re
+import shlex
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -40,8 +43,9 @@ def blueprint():
             ('        "-Wshadow",\n', "", "cflags lack -Wshadow"),
             ('"-fno-plt"', '"-fno-plt", "-ffast-math"', "cflags have -ffast-math"),
             ('        "-Wl,-z,now",\n', "", "ldflags lack -Wl,-z,now"),
+            ('    cppflags: ["-fexceptions"],\n', "", "cppflags are not -fexceptions"),
             ('defaults: ["memleak_test_defaults"]', 'defaults: ["gone"]', "no defaults named gone"),
-            ("    ],\n    // What a malloc", "    // What a malloc", "expected")):
+            ("    ],\n    // Its exceptions", "    // Its exceptions", "expected")):
         check(old in text, f"Android.bp has no {old!r} to break")
         with tempfile.NamedTemporaryFile("w", suffix=".bp", encoding="utf-8") as broken:
             broken.write(text.replace(old, new, 1))
@@ -66,6 +70,60 @@ def platform_headers():
             check(result.returncode == 0, f"{file}:\n{result.stdout}")
 
 
+def dressed_headers():
+    """A sysroot of GNU headers dressed as Android's, with LLVM's C++ library."""
+    root = BUILD / "android-headers"
+    shutil.rmtree(root, ignore_errors=True)
+    include = root / "usr/include"
+    shutil.copytree(SOURCE / "tests/android/bionic", include / "aarch64-linux-android")
+    (include / "c++").mkdir()
+    library = next((SOURCE / "build/libc++").glob("usr/lib/llvm-*/include/c++/v1"), None)
+    check(library, "LLVM's C++ library is missing: "
+          "run scripts/unpack-packages build/libc++ libc++-14-dev")
+    (include / "c++/v1").symlink_to(library)
+    for header in pathlib.Path("/usr/aarch64-linux-gnu/include").iterdir():
+        if header.name != "c++":
+            (include / header.name).symlink_to(header)
+    return root
+
+
+def sources():
+    """What the preset builds is sound with clang, its C++ library and Android's types."""
+    build = BUILD / "android-sources"
+    configured = run(CMAKE, "--preset", "android-arm64", "-B", build, "-DMEMLEAK_WARNINGS_ARE_ERRORS=ON",
+                     f"-DANDROID_SYSROOT={dressed_headers()}", cwd=SOURCE)
+    check(configured.returncode == 0, configured.stdout)
+    entries = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
+    names = {pathlib.Path(entry["file"]).name for entry in entries}
+    for name in ("MallocMemTrack.cpp", "log.cpp", "unwinder.cpp", "device_main.cpp", "trampoline.S"):
+        check(name in names, f"the preset does not build {name}")
+
+    def syntax(entry):
+        words = shlex.split(entry["command"])
+        return entry["file"], run(*words, "-fsyntax-only", cwd=entry["directory"])
+
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        for file, result in pool.map(syntax, entries):
+            check(result.returncode == 0, f"{file}:\n{result.stdout}")
+
+
+def stand_in_ndk(directory):
+    """Enough of an NDK to configure with: its toolchain file sets what it needs, as the real one."""
+    file = directory / "build/cmake/android.toolchain.cmake"
+    file.parent.mkdir(parents=True)
+    file.write_text("""
+set(CMAKE_SYSTEM_NAME Android)
+set(CMAKE_SYSTEM_VERSION 1)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_ABI ANDROID_PLATFORM ANDROID_STL)
+set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
+foreach(language C CXX ASM)
+  set(CMAKE_${language}_COMPILER clang)
+  set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-android29)
+endforeach()
+""", encoding="utf-8")
+
+
 def preset():
     """Without Android's headers the preset says in one line what to set, and stops."""
     places = ("ANDROID_NDK", "ANDROID_SYSROOT")
@@ -80,6 +138,16 @@ def preset():
         check(result.returncode != 0, "it went on")
         check(re.search(rf"^ *{complaint}$", result.stdout, re.MULTILINE), result.stdout)
         check(result.stdout.count("CMake Error") == 1, result.stdout)
+    # An NDK given on the command line, and without the header of the controller's command line:
+    # the library is built all the same.
+    with tempfile.TemporaryDirectory() as directory:
+        ndk = pathlib.Path(directory) / "ndk"
+        stand_in_ndk(ndk)
+        result = run(CMAKE, "--preset", "android-arm64", "-B", f"{directory}/build",
+                     f"-DANDROID_NDK={ndk}", "-DMEMLEAK_CLI11_INCLUDE=MEMLEAK_CLI11_INCLUDE-NOTFOUND",
+                     "-DCMAKE_DISABLE_FIND_PACKAGE_Protobuf=ON", cwd=SOURCE, env=clean)
+        check(result.returncode == 0, result.stdout)
 
 
-{"blueprint": blueprint, "platform_headers": platform_headers, "preset": preset}[CASE]()
+{"blueprint": blueprint, "platform_headers": platform_headers, "sources": sources,
+ "preset": preset}[CASE]()

@@ -1,0 +1,9 @@
+// bionic's interface, as far as the tree uses it.
+#pragma once
+
+#define PROP_VALUE_MAX 92
+
+extern "C" {
+int __system_property_get(const char* name, char* value);
+int __system_property_set(const char* name, const char* value);
+}
