@@ -120,7 +120,8 @@ class Reader {
       if (segment.p_type != PT_LOAD || address < segment.p_vaddr) continue;
       const std::uint64_t into = address - segment.p_vaddr;
       if (into >= segment.p_filesz) continue;
-      return file_.Read<T>(segment.p_offset + into, std::min<std::uint64_t>(bytes, segment.p_filesz - into));
+      return file_.Read<T>(segment.p_offset + into,
+                           std::min<std::uint64_t>(bytes, segment.p_filesz - into));
     }
     return {};
   }

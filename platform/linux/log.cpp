@@ -103,11 +103,3 @@ extern "C" int async_safe_format_log_va_list(int priority, const char* tag, cons
   errno = saved_errno;
   return static_cast<int>(length);
 }
-
-extern "C" int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int length = async_safe_format_log_va_list(priority, tag, format, arguments);
-  va_end(arguments);
-  return length;
-}

@@ -5,21 +5,9 @@
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
 
-#include <cstdint>
+#include "platform/standin/regs.h"
 
 namespace unwindstack {
-
-enum ArchEnum : std::uint8_t { ARCH_UNKNOWN = 0, ARCH_ARM64 = 2, ARCH_X86_64 = 4 };
-
-class Regs {
- public:
-  virtual ~Regs() = default;
-  /// The architecture whose registers these are. Any thread.
-  virtual ArchEnum Arch() = 0;
-
-  /// Registers of this process's architecture, not filled yet; owned by the caller.
-  static Regs* CreateFromLocal();
-};
 
 /// Registers of the calling process, as libunwind keeps them.
 class RegsLocal : public Regs {

@@ -1,21 +1,9 @@
 // Stand-in: where an unwind by the C++ runtime's unwinder starts.
 #pragma once
 
-#include <cstdint>
+#include "platform/standin/regs.h"
 
 namespace unwindstack {
-
-enum ArchEnum : std::uint8_t { ARCH_UNKNOWN = 0, ARCH_ARM64 = 2, ARCH_X86_64 = 4 };
-
-class Regs {
- public:
-  virtual ~Regs() = default;
-  /// The architecture whose registers these are. Any thread.
-  virtual ArchEnum Arch() = 0;
-
-  /// Registers of this process's architecture, not filled yet; owned by the caller.
-  static Regs* CreateFromLocal();
-};
 
 /// The C++ runtime's unwinder takes its own registers and always starts from where it is called:
 /// all that is kept is which of the frames is the first that counts.
