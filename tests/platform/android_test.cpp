@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <string>
 
 #include "platform/elf_policy.h"
@@ -45,7 +46,7 @@ TEST(AndroidPlatform, FixedAnswers) {
   EXPECT_EQ(platform::DynamicAddress(5, 0x2000, 0x1000), 0x3000U);
   EXPECT_TRUE(platform::ThreadKeyNeverAllocates(100));
   // Every library has full RELRO: a written page is read-only from then on, whatever it was.
-  EXPECT_EQ(platform::ProtectionAfterWrite(&g_line, sizeof(g_line)), PROT_READ);
+  EXPECT_EQ(platform::ProtectionAfterWrite(&g_line, 4096), PROT_READ);
 }
 
 TEST(AndroidPlatform, HandlersOpenEverySignal) {
@@ -63,10 +64,10 @@ TEST(AndroidPlatform, ProgramAndLog) {
   EXPECT_STREQ(platform::ProgramName(), "app_process64");
 
   errno = EAGAIN;
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "%s %zu 0x%lx", "size", sizeof(g_line),
-                        0xABCUL);
+  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "%s %zu 0x%lx", "size",
+                        std::size_t{24}, 0xABCUL);
   EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(g_line, "6 MemLeak.Native: size " + std::to_string(sizeof(g_line)) + " 0xabc");
+  EXPECT_EQ(g_line, "6 MemLeak.Native: size 24 0xabc");
   async_safe_format_log(ANDROID_LOG_INFO, "MemLeak.Native", "%s", std::string(3000, 'x').c_str());
   EXPECT_EQ(g_line.size(), std::string("4 MemLeak.Native: ").size() + 1023);
 }

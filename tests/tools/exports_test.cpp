@@ -223,8 +223,10 @@ TEST(Export, DocumentsAreNoLessHonestThanReports) {
   has(read, "\n  /no/liba b.so\n");
   Shell(kMemleak + "diff " + directory.Write("old", kReport) + " " + cut + " --partial --json >" +
         diff + " 2>&-");
+  const std::string page_to = " -o " + directory.Path("page");
   for (const std::string& document : {cut, diff}) {
-    const Outcome page = Shell(kMemleak + "html " + document + " -o " + directory.Path("page"));
+    const Outcome page =
+        Shell(std::string(kMemleak).append("html ").append(document).append(page_to));
     EXPECT_EQ(page.code, 2);
     has(page.output, "report is truncated: ");
   }
@@ -256,8 +258,9 @@ TEST(Export, EachReportIsGivenTheSymbolsOfItsTime) {
   EXPECT_EQ(plain.output.find("known::Widget::Use"), std::string::npos);
   EXPECT_NE(plain.output.find(warning + library.substr(0, 8)), std::string::npos) << plain.output;
   EXPECT_NE(plain.output.find("--old-sysroot"), std::string::npos);
+  const std::string against = " " + report + " --top 0";
   for (const std::string& old : {json, report + " --old-symbols " + directory.Path("keep")}) {
-    const Outcome right = Shell(diff + old + " " + report + " --top 0");
+    const Outcome right = Shell(std::string(diff).append(old).append(against));
     EXPECT_NE(right.output.find("known::Widget::Use"), std::string::npos) << right.output;
     EXPECT_EQ(right.output.find("--old-sysroot"), std::string::npos) << right.output;
     EXPECT_NE(right.output.find("by --sysroot"), std::string::npos) << "of NEW";

@@ -256,7 +256,7 @@ TEST(Symbolizer, Names) {
   const std::string digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
   std::string last = "S0_";
   for (int level = 0; level < 34; ++level) {
-    bomb += "S_I" + last + last + "E";
+    bomb.append("S_I").append(last).append(last).append("E");
     last = std::string("S") + digits[static_cast<std::size_t>(level) + 1] + "_";
   }
   EXPECT_EQ(Demangle(bomb), bomb);

@@ -21,14 +21,16 @@ std::string Properties() {
 }  // namespace
 
 std::string memleak::DeviceRoot() {
-  return std::getenv(kRootVariable);
+  const char* root = std::getenv(kRootVariable);
+  return root != nullptr ? root : "";
 }
 
 extern "C" int __system_property_get(const char* name, char* value) {
   value[0] = '\0';
   std::istringstream lines(Properties());
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(std::string(name) + "=")) std::strcpy(value, &line[std::strlen(name) + 1]);
+    if (!line.starts_with(std::string(name) + "=")) continue;
+    value[line.copy(value, PROP_VALUE_MAX - 1, std::strlen(name) + 1)] = '\0';
   }
   return static_cast<int>(std::strlen(value));
 }
