@@ -129,9 +129,8 @@ TEST(ReportParser, FramesOfADamagedJavaGroupGoToNoOther) {
   const Report report = Load(kHead + kJavaRule + "sz 8 8 num 1\n#00 rel_pc 1 mine\n" +
                              "sz 8 x num 1\n#00 rel_pc 2 lost\n#01 rel_pc 3 lost\n" +  // 9
                              "sz 9 9 num 1\n#00 rel_pc 4 other\n#01 broken\nEND");     // 14
-  ASSERT_EQ(report.java.size(), 2U);
+  ASSERT_EQ(report.java.size(), 1U) << "with fewer frames it would be another group";
   EXPECT_EQ(report.java[0].frames.size(), 1U);
-  EXPECT_EQ(report.java[1].frames.size(), 1U);
   ASSERT_EQ(report.damaged.size(), 2U);
   EXPECT_EQ(report.damaged[0].number, 9U);
   EXPECT_EQ(report.damaged[1].number, 14U);
@@ -157,12 +156,13 @@ TEST(ReportParser, ReadsLinesOfAnyLength) {
 
 TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
   const std::string whole = kHead + "sz 1 2 num 2 time 0  bt [/a+0x1] [/b+0x2] \n" + kJavaRule +
-                            "sz 8 8 num 1\n#00 rel_pc 0 f\nEND";
+                            "sz 8 8 num 1\n#00 rel_pc 0 f\n#01 rel_pc 0 g\nEND";
   for (std::size_t length = 0; length < whole.size(); ++length) {
     std::istringstream text(whole.substr(0, length));
     ReportHeader header;
     ReportSink sink;
     sink.native = [&](const NativeGroup& group) { EXPECT_EQ(group.frames.size(), 2U) << length; };
+    sink.java = [&](const JavaGroup& group) { EXPECT_EQ(group.frames.size(), 2U) << length; };
     EXPECT_NE(ReadReport(text, sink, &header), ReportEnd::kComplete) << length;
   }
   for (const char* closing : {"\n", "\r\n"}) {
@@ -174,7 +174,7 @@ TEST(ReportParser, EveryCutOfAReportIsTruncatedAndInventsNothing) {
   const Report longer = Load(whole + "\nsz 9 9 num 1\n");
   EXPECT_FALSE(longer.complete);
   ASSERT_EQ(longer.damaged.size(), 1U);
-  EXPECT_EQ(longer.damaged[0].number, 10U);
+  EXPECT_EQ(longer.damaged[0].number, 11U);
 }
 
 TEST(LoadReport, RefusesWithTheCauseAndItsRemedy) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <limits>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -56,13 +57,14 @@ std::uint64_t MultiplySaturated(std::uint64_t a, std::uint64_t b) {
   return b != 0 && a > kUnbounded / b ? kUnbounded : a * b;
 }
 
-using BuildIds = std::unordered_map<std::string_view, std::string_view>;
+using BuildIds = std::unordered_map<std::string, std::set<std::string_view>>;
 
-// The build ids of the libraries, by the names that frames are compared by.
+// The build ids of the libraries, by the names that frames are compared by. A process may have
+// several libraries of one name.
 BuildIds BuildIdsOf(const Profile& profile) {
   BuildIds ids;
   for (const Library& library : profile.libraries)
-    ids[LibraryName(library.path)] = library.build_id;
+    ids[Comparable(LibraryName(library.path))].insert(library.build_id);
   return ids;
 }
 
@@ -99,7 +101,7 @@ class Comparison {
 
  private:
   void AddReport(const Profile& profile, Side GroupChange::*side, std::uint64_t Site::*listed);
-  bool ComparesPlaces(const Profile& profile, const Frame& frame) const;
+  bool ComparesPlaces(const Library& library) const;
   std::vector<std::uint32_t> NumberPlaces(const Profile& profile,
                                           const std::vector<std::string>& keys);
   std::vector<std::uint32_t> Adopt(const std::vector<std::uint32_t>& stack);
@@ -119,15 +121,14 @@ class Comparison {
 };
 
 // Whether equal offsets are one place in both reports, and others are others: not in a library that
-// was built anew meanwhile, nor in no library at all.
-bool Comparison::ComparesPlaces(const Profile& profile, const Frame& frame) const {
-  if (frame.library < 0) return false;
-  const std::string_view name =
-      LibraryName(profile.libraries[static_cast<std::size_t>(frame.library)].path);
+// was built anew meanwhile.
+bool Comparison::ComparesPlaces(const Library& library) const {
+  const std::string name = Comparable(LibraryName(library.path));
   const auto before = builds_before_.find(name);
   const auto after = builds_after_.find(name);
-  return before != builds_before_.end() && after != builds_after_.end() &&
-         before->second == after->second;
+  if (before == builds_before_.end() || after == builds_after_.end()) return false;
+  return std::any_of(before->second.begin(), before->second.end(),
+                     [&](std::string_view id) { return after->second.count(id) != 0; });
 }
 
 // A number for each frame, the same in both reports for one place in one function; for all places
@@ -139,7 +140,11 @@ std::vector<std::uint32_t> Comparison::NumberPlaces(const Profile& profile,
   for (std::size_t i = 0; i < keys.size(); ++i) {
     const Frame& frame = profile.frames[i];
     std::string key = keys[i];
-    if (ComparesPlaces(profile, frame)) key += std::to_string(frame.offset);
+    // In no library at all nothing tells places apart.
+    if (frame.library >= 0) {
+      const Library& library = profile.libraries[static_cast<std::size_t>(frame.library)];
+      if (ComparesPlaces(library)) key += library.build_id + "+" + std::to_string(frame.offset);
+    }
     const auto fresh = static_cast<std::uint32_t>(places_.size());
     numbers.push_back(places_.try_emplace(std::move(key), fresh).first->second);
   }

@@ -86,13 +86,23 @@ std::string FormatSide(const Side& side) {
   return FormatBytes(side.total) + " to " + FormatBytes(side.most);
 }
 
+// "+40 blocks of 10 B", as far as that is certain.
+std::string FormatBlocks(const Group& group, const GroupChange& change) {
+  const Side& before = change.before;
+  const Side& after = change.after;
+  const bool exact = before.most == before.total && after.most == after.total;
+  const std::uint64_t whole = Magnitude(SureGrowth(change));
+  const std::uint64_t blocks =
+      exact || group.size == 0 ? Magnitude(Growth(before.count, after.count)) : whole / group.size;
+  const char* sign = change.change == Change::kShrank || change.change == Change::kGone ? "-" : "+";
+  return (exact ? "" : "at least ") + (sign + FormatCount(blocks)) +
+         (blocks == 1 ? " block of " : " blocks of ") + FormatBytes(group.size);
+}
+
 std::string FormatGroup(const Group& group, const GroupChange& change) {
-  const bool one = Magnitude(Growth(change.before.count, change.after.count)) == 1;
   std::ostringstream text;
   text << std::left << std::setw(6) << ChangeName(change.change) << " " << FormatSide(change.before)
-       << " -> " << FormatSide(change.after) << ", "
-       << FormatCountGrowth(change.before.count, change.after.count)
-       << (one ? " block of " : " blocks of ") << FormatBytes(group.size);
+       << " -> " << FormatSide(change.after) << ", " << FormatBlocks(group, change);
   if (group.kind == GroupKind::kJava) text << ", Java-native";
   return text.str();
 }
@@ -153,9 +163,18 @@ void PrintHead(const char* label, const Profile& profile, std::ostream& out) {
   out << OneLineOrTwo(held, FitWidth(profile.path, 40)) << "\n";
 }
 
-void PrintTotals(const Profile& before, const Profile& after, std::ostream& out) {
-  PrintHead("old", before, out);
-  PrintHead("new", after, out);
+// Whether a line of the head could not be read: its figures are 0 then.
+bool HeadIsDamaged(const Profile& profile) {
+  constexpr std::uint64_t kHeadLines = 5;
+  return std::any_of(profile.damaged.begin(), profile.damaged.end(),
+                     [](const DamagedLine& line) { return line.number <= kHeadLines; });
+}
+
+void PrintGrowthOfAll(const Profile& before, const Profile& after, std::ostream& out) {
+  if (HeadIsDamaged(before) || HeadIsDamaged(after)) {
+    out << "all  not known: the head of a report is damaged\n";
+    return;
+  }
   const std::uint64_t old_bytes = before.header.total_bytes;
   const std::uint64_t new_bytes = after.header.total_bytes;
   const std::int64_t growth = Growth(old_bytes, new_bytes);
@@ -170,12 +189,24 @@ void PrintTotals(const Profile& before, const Profile& after, std::ostream& out)
   const std::string groups =
       FormatCountGrowth(before.header.groups, after.header.groups) + " groups";
   out << OneLineOrTwo(all.str(), groups) << "\n";
+}
+
+void PrintTotals(const Profile& before, const Profile& after, std::ostream& out) {
+  PrintHead("old", before, out);
+  PrintHead("new", after, out);
+  PrintGrowthOfAll(before, after, out);
   const Sums old_java = before.Listed(GroupKind::kJava);
   const Sums new_java = after.Listed(GroupKind::kJava);
   if (old_java.groups + new_java.groups != 0) {
     out << "beside these, Java-native: " << FormatBytes(old_java.bytes) << " -> "
         << FormatBytes(new_java.bytes) << "\n";
   }
+}
+
+// Reports of nothing, and of more groups than the tracker puts in order, are the same.
+void PrintEmpty(const char* label, const Profile& profile, std::ostream& out) {
+  if (profile.header.groups != 0 || HeadIsDamaged(profile)) return;
+  out << "The " << label << " report counts no group: there was none, or more than 60,000.\n";
 }
 
 void PrintOutside(const char* label, const Profile& profile, std::ostream& out) {
@@ -264,6 +295,8 @@ void PrintDifference(const Profile& before, const Profile& after, std::size_t to
   std::ostringstream notes;
   PrintUnchanged(difference, notes);
   PrintUncertain(before, after, difference, notes);
+  PrintEmpty("old", before, notes);
+  PrintEmpty("new", after, notes);
   PrintOutside("old", before, notes);
   PrintOutside("new", after, notes);
   if (!notes.str().empty()) out << "\n" << notes.str();

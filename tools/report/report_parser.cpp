@@ -190,7 +190,7 @@ class ReportPass {
   bool Line(std::string_view line, bool closed) {
     ++number_;
     if (line == kEnd && !closed) {
-      Finish();
+      Finish(true);
       return true;
     }
     if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "an end mark before the end");
@@ -220,16 +220,24 @@ class ReportPass {
   void TooLong() {
     ++number_;
     end_number_ = 0;
+    LoseJavaGroup();
     Damaged("longer than any line of a report");
   }
 
-  /// Delivers what is pending at the end of the text.
-  void Finish() {
+  /// Delivers what is pending at the end of the text: of one that stops early, nothing, since the
+  /// last Java-native group may lack frames.
+  void Finish(bool complete) {
     EndHead();
-    Flush();
+    if (complete) Flush();
   }
 
  private:
+  // A group with fewer frames would be another's.
+  void LoseJavaGroup() {
+    java_lost_ = in_java_;
+    java_open_ = false;
+  }
+
   void Flush() {
     if (java_open_ && sink_.java) sink_.java(java_);
     java_open_ = false;
@@ -290,7 +298,10 @@ class ReportPass {
     const bool understood = ParseJavaFrame(line, &frame);
     // The frames of a group that was left out are not damaged themselves.
     if (understood && java_lost_) return;
-    if (!understood || !java_open_) return Damaged("not a line of a Java-native group");
+    if (!understood || !java_open_) {
+      LoseJavaGroup();
+      return Damaged("not a line of a Java-native group");
+    }
     java_.frames.push_back(std::move(frame));
   }
 
@@ -355,7 +366,7 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
       return ReportEnd::kComplete;
     }
   }
-  pass.Finish();
+  pass.Finish(pass.Ended());
   return pass.Ended() ? ReportEnd::kComplete : ReportEnd::kTruncated;
 }
 

@@ -76,8 +76,8 @@ inline constexpr std::size_t kLongestLine = 64U << 20U;
 
 /// Reads a report from `input` in one pass, in memory of one group and one line; fills `header`
 /// with what the head says (0 for lines that are missing or damaged). Every damaged line is
-/// announced once, and so is every line that the head lacks; the frames of a Java-native group
-/// whose first line is damaged go with it.
+/// announced once, and so is every line that the head lacks; a Java-native group goes with any of
+/// its lines, and so does the last one of a text that stops early.
 ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header);
 
 /// Reads the file at `path` the same way. Throws UserError when it cannot be read or is not a

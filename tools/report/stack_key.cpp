@@ -6,20 +6,6 @@
 namespace memleak {
 namespace {
 
-// Bytes that are no UTF-8 as one sign, however many: a document has other ones in their place.
-std::string Comparable(std::string_view name) {
-  constexpr std::string_view kReplacement = "\xef\xbf\xbd";
-  std::string valid = ValidUtf8(name);
-  for (std::size_t at = valid.find(kReplacement); at != std::string::npos;
-       at = valid.find(kReplacement, at)) {
-    at += kReplacement.size();
-    while (valid.compare(at, kReplacement.size(), kReplacement) == 0) {
-      valid.erase(at, kReplacement.size());
-    }
-  }
-  return valid;
-}
-
 std::string FrameKey(const Profile& profile, const Frame& frame) {
   std::string key;
   if (frame.library >= 0) {
@@ -35,6 +21,19 @@ std::string FrameKey(const Profile& profile, const Frame& frame) {
 }
 
 }  // namespace
+
+std::string Comparable(std::string_view name) {
+  constexpr std::string_view kReplacement = "\xef\xbf\xbd";
+  std::string valid = ValidUtf8(name);
+  for (std::size_t at = valid.find(kReplacement); at != std::string::npos;
+       at = valid.find(kReplacement, at)) {
+    at += kReplacement.size();
+    while (valid.compare(at, kReplacement.size(), kReplacement) == 0) {
+      valid.erase(at, kReplacement.size());
+    }
+  }
+  return valid;
+}
 
 std::string_view LibraryName(std::string_view path) {
   constexpr std::string_view kDeleted = " (deleted)";
@@ -60,8 +59,12 @@ std::string SiteKey(const Profile& profile, const Group& group) {
   for (const std::uint32_t index : group.stack) {
     const Frame& frame = profile.frames[index];
     // Outside of a library there is no place that stays the same.
-    const std::uint64_t offset = frame.library < 0 ? 0 : frame.offset;
-    key.append(reinterpret_cast<const char*>(&offset), sizeof offset);
+    if (frame.library >= 0) {
+      // Of several libraries with one name.
+      key += profile.libraries[static_cast<std::size_t>(frame.library)].build_id;
+      key += "+" + std::to_string(frame.offset);
+    }
+    key += '\n';
   }
   return key;
 }

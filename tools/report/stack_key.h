@@ -14,6 +14,10 @@ namespace memleak {
 /// The file name of a library's `path`, without what tells that the file was deleted since.
 std::string_view LibraryName(std::string_view path);
 
+/// `name` with bytes that are no UTF-8 as one sign, however many: a document has other ones in
+/// their place.
+std::string Comparable(std::string_view name);
+
 /// For each frame of `profile` what tells it apart in every run: library and function; without a
 /// function the place in the file, whose contents the build id names. No frames but equal ones have
 /// equal keys.
@@ -25,7 +29,7 @@ std::vector<std::string> FrameKeys(const Profile& profile);
 std::string GroupKey(const Group& group, const std::vector<std::string>& frame_keys);
 
 /// What tells call sites with one GroupKey apart in reports of one process: their places in the
-/// libraries. No text.
+/// libraries, which the build id names.
 std::string SiteKey(const Profile& profile, const Group& group);
 
 }  // namespace memleak
