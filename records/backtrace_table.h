@@ -142,8 +142,6 @@ class BacktraceTable {
 
   /// Backtraces with at least one reference.
   std::uint64_t size() const { return size_; }
-  /// The next hash index; they only grow until Clear.
-  std::uint64_t next_index() const { return next_index_; }
   /// Calls `visit(FrameInfoType*)` for every backtrace with a reference.
   template <typename Visitor>
   void ForEach(Visitor visit) const {
@@ -198,6 +196,6 @@ class BacktraceTable {
   std::uint64_t used_ = 0;
   std::uint64_t limit_ = 0;
   std::uint64_t size_ = 0;
-  std::uint64_t next_index_ = kFirstIndex;
+  std::uint64_t next_index_ = kFirstIndex;  // of hash indices, which only grow until Clear
   BacktraceArena arena_;
 };

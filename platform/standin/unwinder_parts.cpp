@@ -50,7 +50,7 @@ Unwinder::Unwinder(std::size_t max_frames, LocalUpdatableMaps* maps, Regs* regs,
 
 bool Unwinder::AddFrame(std::uint64_t pc, std::uint64_t sp,
                         const std::vector<std::string>* map_suffixes_to_ignore) {
-  const bool wants_map = resolve_maps_ || map_suffixes_to_ignore != nullptr;
+  const bool wants_map = resolve_names_ || map_suffixes_to_ignore != nullptr;
   std::shared_ptr<MapInfo> map = wants_map ? maps_->Find(pc) : nullptr;
   if (map != nullptr && map_suffixes_to_ignore != nullptr) {
     const std::string_view suffix = Suffix(map->name().c_str());
@@ -59,7 +59,7 @@ bool Unwinder::AddFrame(std::uint64_t pc, std::uint64_t sp,
   FrameData& frame = frames_.emplace_back();
   frame.num = frames_.size() - 1;
   frame.pc = pc;
-  if (!resolve_maps_) return true;
+  if (!resolve_names_) return true;
   frame.sp = sp;
   if (map != nullptr) {
     frame.rel_pc = pc - map->start();

@@ -89,7 +89,7 @@ void Unwinder::Unwind(const std::vector<std::string>* initial_map_names_to_skip,
   // The frame pointer that this function saved is the caller's: when it is also the one in the
   // registers, the stack below it is this thread's present one and can be walked from here.
   const void* caller_frame = *static_cast<void**>(__builtin_frame_address(0));
-  const bool pcs_only = !resolve_maps_ && !resolve_names_ && map_suffixes_to_ignore == nullptr;
+  const bool pcs_only = !resolve_names_ && map_suffixes_to_ignore == nullptr;
   if (kTraceUsable && pcs_only && regs_->frame == caller_frame) {
     const auto return_address = reinterpret_cast<std::uint64_t>(__builtin_return_address(0));
     Walk walk(*this, initial_map_names_to_skip, nullptr);

@@ -62,11 +62,8 @@ class Unwinder {
   std::vector<FrameData> ConsumeFrames() { return std::move(frames_); }
 
   /// Whether frames get function names; on by default, as in the platform's unwinder. Off, this
-  /// adapter fills in only `num` and `pc`, for callers on the allocation path; SetResolveMaps(true)
-  /// brings `rel_pc`, `sp` and `map_info` back.
-  void SetResolveNames(bool resolve) { resolve_names_ = resolve_maps_ = resolve; }
-  /// Addition to the platform's interface: whether frames get `rel_pc`, `sp` and `map_info`.
-  void SetResolveMaps(bool resolve) { resolve_maps_ = resolve; }
+  /// adapter fills in only `num` and `pc`, for callers on the allocation path.
+  void SetResolveNames(bool resolve) { resolve_names_ = resolve; }
 
  private:
   class SkipTest;
@@ -84,7 +81,6 @@ class Unwinder {
   std::shared_ptr<Memory> process_memory_;
   std::vector<FrameData> frames_;
   bool resolve_names_ = true;
-  bool resolve_maps_ = true;
 };
 
 }  // namespace unwindstack

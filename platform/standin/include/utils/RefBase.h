@@ -25,8 +25,6 @@ class RefBase {
     void decWeak(const void* id);
     /// Takes a strong reference when the object still lives; false otherwise.
     bool attemptIncStrong(const void* id);
-    /// The object, which may be dead by now.
-    RefBase* refBase() const { return object_; }
 
    private:
     friend class RefBase;
@@ -55,8 +53,6 @@ class RefBase {
   std::int32_t getStrongCount() const;
   /// Takes a weak reference, to be dropped with decWeak.
   weakref_type* createWeak(const void* id) const;
-  /// The counts, without taking a reference to them.
-  weakref_type* getWeakRefs() const { return refs_; }
 
  protected:
   RefBase();

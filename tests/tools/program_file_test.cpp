@@ -1,5 +1,4 @@
 // Which programs can be tracked, and why others cannot.
-#include "tools/elf_info.h"
 #include "tools/program_file.h"
 
 #include <elf.h>
