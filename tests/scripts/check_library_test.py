@@ -40,7 +40,7 @@ CASES = {
                                "-Wl,--fix-cortex-a53-843419", "-DERRATUM"], []),
 }
 # Said of every library.
-NOTES = ["the aim is fewer than"]
+NOTES = ["branch protection: none", "the aim is fewer than"]
 # What an object uses, and what is said of it.
 OBJECT_CASES = {
     "sscanf(text, text); errno = 1; throw std::bad_alloc(); static std::string s; s += text": [],
@@ -133,7 +133,7 @@ class Checker:
             self.failed = True
             print(f"{size} bytes said, {stripped.stat().st_size} left by strip")
         self.expect("platform", ["--platform", "android", good], 1,
-                    ["needs libc.so.6, which is not among", *NOTES])
+                    ["needs libc.so.6, which is not among", "no BTI and PAC in its", *NOTES])
         self.expect("relro", [self.with_short_relro(good)], 1, [
             "inside a page of 16 KiB that holds writable data, too", *NOTES])
         packed = self.build("packed", ["-fuse-ld=lld", "-Wl,--pack-dyn-relocs=android",
