@@ -3,6 +3,9 @@
 // Registers by AAPCS64: arguments in x0-x7, x8 (indirect result) and q0-q7; results in x0, x1 and
 // q0-q3. A copy reads its three words relative to itself, so it may lie anywhere. There is no
 // unwind information: an unwinder stops here.
+//
+// There is no landing pad (bti) either: what stands here is data and never runs, and the copies run in
+// memory without PROT_BTI, where an indirect branch may lead to any instruction.
 
         .section .rodata.arch_trampoline_code, "a", %progbits
         .p2align 3
@@ -63,3 +66,24 @@ end = . + 8
 id = . + 16
 
         .section .note.GNU-stack, "", %progbits
+
+        // The linker marks the library as protected only when every object of it is marked. Code
+        // that is added to this file starts with a landing pad and signs the x30 that it stores.
+#ifdef __ARM_FEATURE_BTI_DEFAULT
+#define FEATURE_BTI 1
+#else
+#define FEATURE_BTI 0
+#endif
+#ifdef __ARM_FEATURE_PAC_DEFAULT
+#define FEATURE_PAC 2
+#else
+#define FEATURE_PAC 0
+#endif
+#if FEATURE_BTI || FEATURE_PAC
+        .section .note.gnu.property, "a", %note
+        .p2align 3
+        .word   4, 16, 5                // sizes of name and content; NT_GNU_PROPERTY_TYPE_0
+        .asciz  "GNU"
+        .word   0xc0000000, 4           // GNU_PROPERTY_AARCH64_FEATURE_1_AND, of four bytes
+        .word   FEATURE_BTI | FEATURE_PAC, 0
+#endif
