@@ -5,6 +5,7 @@
 #include <exception>
 #include <iostream>
 
+#include "tools/names.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -74,10 +75,10 @@ int GuardedMain(int count, char** values, int (*command)(const std::vector<std::
     }
     return code;
   } catch (const UserError& error) {
-    std::cerr << "memleak: " << error.what() << "\n";
+    std::cerr << "memleak: " << Printable(error.what()) << "\n";
     return kExitUserError;
   } catch (const std::exception& error) {
-    std::cerr << "memleak: internal error: " << error.what() << "\n";
+    std::cerr << "memleak: internal error: " << Printable(error.what()) << "\n";
     return kExitUserError;
   }
 }

@@ -7,6 +7,7 @@
 #include "tools/commands.h"
 #include "tools/control.h"
 #include "tools/loaded_libraries.h"
+#include "tools/names.h"
 #include "tools/process_info.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
@@ -41,7 +42,7 @@ BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& opt
 std::string MethodName(char type) {
   if (type == kUnwindFramePointers) return "frame pointers";
   if (type == kUnwindTables) return "dwarf";
-  return std::string("invalid type '") + type + "'";
+  return "invalid type '" + Printable({&type, 1}) + "'";
 }
 
 int SendSimple(pid_t pid, std::uint64_t word, const char* done) {

@@ -9,6 +9,7 @@
 #include "tools/hook_outcome.h"
 #include "tools/hook_targets.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
 #include "tools/site.h"
@@ -18,7 +19,7 @@ namespace memleak {
 namespace {
 
 void Complain(const std::string& line) {
-  std::cerr << "memleak: " << line << "\n";
+  std::cerr << "memleak: " << Printable(line) << "\n";
 }
 
 // What can be done of the options; says what cannot. Throws when that is all of it.

@@ -22,6 +22,7 @@
 #include "tools/html.h"
 #include "tools/interference.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/process_info.h"
 #include "tools/report/diff_json.h"
 #include "tools/report/report_parser.h"
@@ -343,7 +344,7 @@ int WatchCommand(const WatchOptions& options) {
   const std::string failure = watch.Run();
   watch.Finish();
   if (failure.empty()) return kExitOk;
-  std::cerr << "memleak: " << failure << "\n";
+  std::cerr << "memleak: " << Printable(failure) << "\n";
   return kExitUserError;
 }
 

@@ -11,8 +11,8 @@
 #include "tests/temporary_directory.h"
 #include "tests/tools/profile_builder.h"
 #include "tests/tools/shell.h"
+#include "tools/names.h"
 #include "tools/report/folded.h"
-#include "tools/report/names.h"
 #include "tools/report/pprof.h"
 #include "tools/report/profile.pb.h"
 #include "tools/report/speedscope.h"
@@ -46,7 +46,8 @@ Profile Sample() {
 }
 
 TEST(Export, NamesAreMadeSafe) {
-  EXPECT_EQ(PercentEscape("a;b c%\n\x7f\xc3\xa4"), "a%3Bb%20c%25%0A%7F\xc3\xa4");
+  EXPECT_EQ(PercentEscape("a;b c%\n\x7f\xff\xc3\xa4"), "a%3Bb%20c%25%0A%7F%FF\xc3\xa4");
+  EXPECT_EQ(Printable("\xc2\x9b\xc2\xa0\x9b\t\\"), "\\xc2\\x9b\xc2\xa0\\x9b\\x09\\");
   EXPECT_EQ(ValidUtf8("ok \xc3\xa4 \xf0\x9f\x98\x80"), "ok \xc3\xa4 \xf0\x9f\x98\x80");
   // Lone bytes, an overlong form, a surrogate, a value beyond the last, a torn end.
   EXPECT_EQ(ValidUtf8("\xff|\xc0\xaf|\xed\xa0\x80|\xf5\x80\x80\x80|\xe2\x82"),
@@ -55,7 +56,7 @@ TEST(Export, NamesAreMadeSafe) {
 }
 
 TEST(Export, FoldedStacks) {
-  const std::string stack = "fill\xff%0A;Box<a%3B%20b>::put(int);a%25b.so+0x5000";
+  const std::string stack = "fill%FF%0A;Box<a%3B%20b>::put(int);a%25b.so+0x5000";
   std::ostringstream bytes;
   WriteFolded(Sample(), Measure::kBytes, bytes);
   EXPECT_EQ(bytes.str(), stack + " 500\n[unknown] 8\n[java-native];art::Run() 32\n");
