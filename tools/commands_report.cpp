@@ -98,7 +98,7 @@ std::string SignalText(const ProcessInfo& process) {
 
 int ReportCommand(const ReportOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
-  if (options.keep_recording) RequireNoHooks(process);
+  RefuseBeside(process, options.kind);
   const std::uint64_t word = options.keep_recording ? kReportGoingOn : InfoOf(options.kind).report;
   const std::chrono::milliseconds took =
       TakeReport(process, word, options.timeout_s, OldReport::kKeepBeside);

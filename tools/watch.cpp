@@ -332,7 +332,7 @@ std::optional<milliseconds> NextDue(milliseconds last, milliseconds every, milli
 
 int WatchCommand(const WatchOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
-  RequireNoHooks(process);
+  RefuseBeside(process, Kind::kNative);
   if (options.for_s != 0 && options.every_s > options.for_s) {
     throw UserError("--every is longer than --for, so there would be one report",
                     "give a shorter --every, or a longer --for");

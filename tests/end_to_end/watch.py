@@ -212,13 +212,22 @@ def without_log(session):
 
 
 def hooks(session):
-    """What is recorded through hooks is not taken from under a person's hands."""
-    session.start_mapper()
-    session.memleak("on", session.process.pid, "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
-    session.memleak("report", session.process.pid, "--keep-recording", code=2)
-    session.memleak("watch", session.process.pid, "-o", session.root + "/out", code=2)
-    assert not os.path.exists(session.root + "/out")
-    session.quit()
+    """Commands for native memory neither end nor spoil what is recorded through hooks: the log
+    tells, or the slots."""
+    for session.log in (True, False):
+        session.start_mapper()
+        pid = session.process.pid
+        session.tell("on", "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
+        session.step("map 10 65536")
+        for command in ("on", "pause", "clear", "report", "report --keep-recording",
+                        f"watch -o {session.root}/out"):
+            session.memleak(*command.split(), pid, code=2)
+        assert not os.path.exists(session.root + "/out")
+        session.step("unmap 6")
+        session.tell("report", "--kind", "mmap")
+        assert session.sizes() == {65536: 4}, session.sizes()
+        session.tell("pause")
+        session.quit()
 
 
 if __name__ == "__main__":

@@ -40,6 +40,8 @@ def manual(source, build):
         section = shown.partition(f"MEMLEAK {name.upper()}\n")[2].partition("\nMEMLEAK ")[0]
         missing = [option for option in options if option not in section]
         assert not missing, f"{name}: {missing}\n{section}"
+        wide = [line for line in run(memleak, name, "--help").splitlines() if len(line) > 80]
+        assert not wide, wide
 
 
 def complete(script, *words):
