@@ -252,7 +252,10 @@ anywhere in a name. Capitals are told apart: write [Ff]oo for either; [0-9], not
 that comes and goes drops out. A group is called "growing" when it has blocks
 from both the first and the last quarter of the time that the report covers,
 "settled" when it has none from the last, "recent" when it has none from the
-first.
+first. A report lists at most 30 ages of a stack: where it is not certain that
+they are those of the group's blocks, the ages are said to be "about" so, and
+the word is "perhaps". Blocks of other sizes with the same stack may be among
+them then, and --older-than may keep or drop such a group wrongly.
 
 Lines come from the libraries, from debug files (by build id, debug link or
 name) in --symbols and /usr/lib/debug; from servers with --debuginfod alone.

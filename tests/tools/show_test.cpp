@@ -41,8 +41,8 @@ Profile Sample() {
                     {1, 0xabc, 0, "", "", 0, false},
                     {-1, 0, 0, "", "", 0, false},
                     {-1, 0x1f, 0, "art::Run()", "", 0, false}};
-  profile.groups = {{GroupKind::kNative, 10, 1, 10, {4}, {4}},
-                    {GroupKind::kNative, 1024, 2, 2048, {3, 200}, {0, 1, 1, 2}},
+  profile.groups = {{GroupKind::kNative, 10, 1, 10, {4}, {4}, true},
+                    {GroupKind::kNative, 1024, 2, 2048, {3, 200}, {0, 1, 1, 2}, true},
                     {GroupKind::kNative, 100, 5, 500, {100, 120, 150, 199}, {3, 0, 2}},
                     {GroupKind::kJava, 8, 1, 8, {}, {5}}};
   return profile;
@@ -64,7 +64,7 @@ TEST(Show, PrintsLargestGroupsFirst) {
   EXPECT_NE(text.find("inner(int)  a.cpp:12\n"), std::string::npos) << text;
   EXPECT_NE(text.find("     unknown.so+0xabc\n"), std::string::npos) << text;
   EXPECT_NE(text.find("main  known.so+0x30\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("(4 of them)  settled\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("  age about 1m 40s..3m 19s  perhaps settled\n"), std::string::npos) << text;
   EXPECT_NE(text.find("\n#3  10 B"), std::string::npos) << text;
   EXPECT_NE(text.find("\nJ1  8 B  100.0 %  1 block of 8 B\n     art::Run()\n"), std::string::npos)
       << text;

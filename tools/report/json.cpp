@@ -48,6 +48,7 @@ json GroupToJson(const Group& group, std::int64_t span) {
           {"count", group.count},
           {"total", group.total},
           {"ages", group.ages},
+          {"ownAges", group.own_ages},
           {"pattern", PatternName(PatternOf(group, span))},
           {"stack", group.stack}};
 }
