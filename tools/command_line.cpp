@@ -44,6 +44,10 @@ std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
   return static_cast<std::uint32_t>(ParseNumber(name, text, kind));
 }
 
+void AddVersion(CLI::App* app) {
+  app->set_version_flag("--version", "memleak " MEMLEAK_VERSION, "Print the version and exit");
+}
+
 CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text) {
   CLI::App* command = app->add_subcommand(name, summary);
   command->footer(text);
