@@ -162,13 +162,14 @@ std::string Watch::Save(std::time_t now) const {
   name << "report-" << std::setw(4) << std::setfill('0') << reports_.size() + 1 << "-"
        << std::put_time(&parts, "%Y%m%d-%H%M%S") << ".txt";
   const fs::path target = fs::path(options_.directory) / name.str();
+  const fs::path part = target.string() + ".part";  // until it is whole
   std::error_code error;
-  fs::copy_file(process_.ReportPath(), target, error);
+  fs::copy_file(process_.ReportPath(), part, error);
   // Views of a report take its time from the file's.
-  if (!error) {
-    const fs::file_time_type made = fs::last_write_time(process_.ReportPath(), error);
-    if (!error) fs::last_write_time(target, made, error);
-  }
+  fs::file_time_type made;
+  if (!error) made = fs::last_write_time(process_.ReportPath(), error);
+  if (!error) fs::last_write_time(part, made, error);
+  if (!error) fs::rename(part, target, error);
   if (error) {
     throw UserError("cannot write " + target.string() + ": " + error.message(),
                     "make room, or name another directory with -o DIR");
@@ -259,7 +260,8 @@ std::string Watch::Run() {
   try {
     bool goes_on = Round();
     std::optional<milliseconds> due(0);
-    while (goes_on && interrupted == 0) {
+    // An interrupt during a round gets another one: blocks may have come since that was begun.
+    while (goes_on) {
       const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
       due = NextDue(*due, every, whole, now);
       if (!due || !WaitUntil(begin_ + *due)) break;

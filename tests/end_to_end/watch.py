@@ -122,7 +122,6 @@ def ends(session):
     session.watch("first", "--every", "1h", "--for", "0")
     session.await_report(1)
     session.step("alloc 10 48")
-    time.sleep(0.5)
     session.watching.send_signal(signal.SIGINT)
     out, document = session.watched()
     assert "recording on, earlier records kept" in out, out
@@ -132,7 +131,6 @@ def ends(session):
     session.watch("hangup", "--every", "1h", "--for", "0")
     session.await_report(1)
     session.watching.stdout.close()
-    time.sleep(0.5)
     for _ in range(2):
         session.watching.send_signal(signal.SIGHUP)
         time.sleep(0.05)
@@ -170,7 +168,6 @@ def interference(session):
             ("report", "stopped by a report (command 0x40 at ", "earlier records kept", 5))):
         session.watch(str(number), "--every", "1h", "--for", "0")
         session.await_report(1)
-        time.sleep(0.5)
         if command == "clear":
             open(session.root + "/log", "w").close()  # as who tidies up might
         session.tell(command)
