@@ -103,39 +103,6 @@ perftools::profiles::Profile Pprof(const Profile& profile) {
   return message;
 }
 
-TEST(Export, PprofHoldsTogether) {
-  const perftools::profiles::Profile message = Pprof(Sample());
-  const auto text = [&](std::int64_t index) {
-    return message.string_table(static_cast<int>(index));
-  };
-  EXPECT_EQ(text(0), "");
-  EXPECT_EQ(text(message.sample_type(0).type()), "inuse_objects");
-  EXPECT_EQ(text(message.sample_type(1).unit()), "bytes");
-  ASSERT_EQ(message.mapping_size(), 1);
-  EXPECT_EQ(text(message.mapping(0).filename()), "/lib/a%b.so");
-  EXPECT_EQ(text(message.mapping(0).build_id()), "00ff");
-  EXPECT_TRUE(message.mapping(0).has_inline_frames());
-  ASSERT_EQ(message.sample_size(), 4);
-  EXPECT_EQ(message.sample(0).value(0), 3);
-  EXPECT_EQ(message.sample(0).value(1), 300);
-  EXPECT_EQ(message.sample(1).label(0).num(), 50);
-  EXPECT_EQ(text(message.sample(3).label(1).str()), "java-native");
-  for (const auto& location : message.location()) {
-    if (location.mapping_id() == 0) continue;
-    EXPECT_GE(location.address(), message.mapping(0).memory_start());
-    EXPECT_LT(location.address(), message.mapping(0).memory_limit());
-  }
-  // An inlined call and its caller are one location, innermost first.
-  ASSERT_EQ(message.sample(0).location_id_size(), 2);
-  const auto& outer = message.location(static_cast<int>(message.sample(0).location_id(1)) - 1);
-  EXPECT_EQ(outer.address(), message.mapping(0).memory_start() + 0x1020);
-  ASSERT_EQ(outer.line_size(), 2);
-  EXPECT_EQ(outer.line(0).line(), 7);
-  const auto& caller = message.function(static_cast<int>(outer.line(1).function_id()) - 1);
-  EXPECT_EQ(text(caller.name()), "fill\xef\xbf\xbd\n");  // readers refuse other texts
-  EXPECT_EQ(text(caller.filename()), "/s/fill.c");
-}
-
 TEST(Export, PprofNamesTheProgramFirst) {
   const Profile profile = ProfileBuilder()
                               .In("/lib/libc.so.6", 0x10, "_start")
