@@ -18,6 +18,7 @@
 #include "tools/control.h"
 #include "tools/files.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/site.h"
 #include "tools/user_error.h"
 
@@ -239,7 +240,7 @@ std::string ExpandPid(std::string_view text, pid_t pid) {
 }
 
 std::string ProcessInfo::Label() const {
-  return std::to_string(pid) + " (" + name + ")";
+  return std::to_string(pid) + " (" + Printable(name) + ")";
 }
 
 std::string ProcessInfo::PropertiesPath() const {

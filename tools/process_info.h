@@ -53,7 +53,7 @@ struct ProcessInfo {
   /// The properties file shared by processes without an own one; empty when unset.
   std::string shared_properties;
 
-  /// "PID (NAME)", for messages.
+  /// "PID (NAME)" for messages, the name as Printable writes it.
   std::string Label() const;
   std::string PropertiesPath() const;
   std::string ReportPath() const;

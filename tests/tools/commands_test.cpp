@@ -2,8 +2,11 @@
 // environment that `run` composes, and errors with their exit code.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "tests/temporary_directory.h"
 #include "tests/tools/shell.h"
+#include "tools/names.h"
 #include "tools/root_directory.h"
 
 namespace memleak {
@@ -101,6 +104,37 @@ TEST(Session, SendsTheWordsAndTellsTheState) {
         "its log cannot be read: No such file or directory)", "tracked     no\ncode 1\n"}) {
     ExpectHas(outcome.output, part);
   }
+}
+
+// Names of a process, its files, and the libraries and functions of a report are any bytes.
+TEST(Output, NoNameSteersTheTerminal) {
+  const TemporaryDirectory directory;
+  const std::string name = "p\x1b[1m\x7f\xc2\x9b\x9b";
+  std::filesystem::copy_file(FIXTURE_SLEEPER, directory.Path(name));
+  const std::string report =
+      "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 9\nAllocation records: 1/1\n"
+      "Backtrace size: 10\n\nsz 9 9 num 1 time 1  bt [/" +
+      name + "+0x1] \ngarbage" + name +
+      "\n==============================Java-Native Stack==============================\n";
+  directory.Write(name + ".1", report + "END");
+  directory.Write(name + ".2", report + "sz 9 9 num 1\n#00 rel_pc 1 " + name + "\nEND");
+  const Outcome outcome =
+      BesideProgram(directory, "--root \"$N\".root --log \"$N\".log", "./\"$N\"", R"(
+    for c in on status libs pause 'fd off' 'report --timeout 1'; do $M $c $P; done
+    for by in group library function tree callers; do $M show --by $by "$N".2; done
+    for f in json folded speedscope; do $M export "$N".2 --format $f; done
+    $M diff "$N".1 "$N".2; $M diff "$N".1 "$N".2 --json; $M show "$N"; $M "$N")",
+                    "N=$(printf 'p\\033[1m\\177\\302\\233\\233'); ");
+  std::istringstream lines(outcome.output);
+  for (std::string line; std::getline(lines, line);) {
+    for (std::string_view rest = line; !rest.empty();) {
+      const Character character = FirstCharacter(rest);
+      ASSERT_TRUE(character.printable) << Printable(line);
+      rest.remove_prefix(character.bytes.size());
+    }
+  }
+  ExpectHas(outcome.output, " (p\\x1b[1m\\x7f\\xc2\\x9b\\x9b): recording on");
+  ExpectHas(outcome.output, "unknown command: p\\x1b[1m");
 }
 
 TEST(Errors, EachIsOneLineWithExitCodeTwo) {
