@@ -1,6 +1,4 @@
 // Reading one block's backtrace, and the locks around fork.
-#include <pthread.h>
-
 #include <mutex>
 
 #include "platform/bounds_checked.h"
@@ -35,7 +33,7 @@ bool marked_by_fork = false;
 void UnmarkAfterFork() {
   if (!marked_by_fork) return;
   marked_by_fork = false;
-  pthread_setspecific(record_key, nullptr);
+  record_key.Set(nullptr);
 }
 
 }  // namespace
@@ -48,8 +46,8 @@ void PointerData::PrepareFork() {
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
   }
-  marked_by_fork = pthread_getspecific(record_key) == nullptr;
-  if (marked_by_fork) pthread_setspecific(record_key, MemTrackControl::kMark);
+  marked_by_fork = record_key.Get() == nullptr;
+  if (marked_by_fork) record_key.Set(ThreadMark::kInside);
 }
 
 void PointerData::PostForkParent() {

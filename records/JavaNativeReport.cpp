@@ -2,8 +2,6 @@
 //
 // Runs on the dump thread, inside DumpAllocationTracesToFile.
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <mutex>
@@ -26,11 +24,11 @@ constexpr char kSectionRule[] = "==============================";
 /// Marks the thread as inside the record store while it lives, unless it is so already.
 class InsideRecords {
  public:
-  InsideRecords() : marked_(pthread_getspecific(record_key) == nullptr) {
-    if (marked_) pthread_setspecific(record_key, MemTrackControl::kMark);
+  InsideRecords() : marked_(record_key.Get() == nullptr) {
+    if (marked_) record_key.Set(ThreadMark::kInside);
   }
   ~InsideRecords() {
-    if (marked_) pthread_setspecific(record_key, nullptr);
+    if (marked_) record_key.Set(nullptr);
   }
   InsideRecords(const InsideRecords&) = delete;
   InsideRecords& operator=(const InsideRecords&) = delete;

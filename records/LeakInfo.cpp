@@ -1,7 +1,5 @@
 // Grouping of the live blocks, and their export largest first. On the dump thread and in the C
 // library's leak-info entry; all other threads' record operations wait meanwhile.
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -28,11 +26,11 @@ constexpr std::size_t kInfoHeaderBytes = 272;
 class InsideUntilDone {
  public:
   InsideUntilDone() {
-    if (pthread_getspecific(record_key) == nullptr) {
-      pthread_setspecific(record_key, MemTrackControl::kMark);
+    if (record_key.Get() == nullptr) {
+      record_key.Set(ThreadMark::kInside);
     }
   }
-  ~InsideUntilDone() { pthread_setspecific(record_key, nullptr); }
+  ~InsideUntilDone() { record_key.Set(nullptr); }
   InsideUntilDone(const InsideUntilDone&) = delete;
   InsideUntilDone& operator=(const InsideUntilDone&) = delete;
 };
@@ -65,7 +63,7 @@ void FillRecord(const Grouping& grouping, std::size_t i, const ListInfoType& gro
 void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool /*only_with_backtrace*/) {
   // With the key set the caller holds every lock. Without it the writers are waited out here, and
   // kept out: a set must not change while it is compared with the next.
-  if (pthread_getspecific(record_key) != nullptr) {
+  if (record_key.Get() != nullptr) {
     Grouping(list).AddAllSets();
     return;
   }

@@ -1,8 +1,6 @@
 // Adding and removing records: the hot path of every tracked allocation.
 #include "records/PointerData.h"
 
-#include <pthread.h>
-
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -121,8 +119,8 @@ bool PointerData::Initialize() {
   const std::lock_guard<std::mutex> guard(InitialiseLock());
   PointerSet* sets = set_array.load(std::memory_order_acquire);
   // The tables' own memory must not come back here as records while locks are held.
-  void* const mark = pthread_getspecific(record_key);
-  pthread_setspecific(record_key, MemTrackControl::kMark);
+  void* const mark = record_key.Get();
+  record_key.Set(ThreadMark::kInside);
   if (sets == nullptr) {
     sets = new PointerSet[kSetCount];  // never freed: other threads may be inside for good
     constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
@@ -145,7 +143,7 @@ bool PointerData::Initialize() {
       sets[i].frame_mutex.unlock();
     }
   }
-  pthread_setspecific(record_key, mark);
+  record_key.Set(mark);
   return true;
 }
 
@@ -170,18 +168,18 @@ __attribute__((always_inline)) inline void PointerData::RemoveBacktrace(const Ba
 // Add, AddBacktrace and BacktraceGet must be one frame each, whatever the build: the frame walk
 // skips just as many levels.
 __attribute__((noinline)) void PointerData::Add(const void* pointer, std::size_t size) {
-  if (pthread_getspecific(record_key) != nullptr) return;
+  if (record_key.Get() != nullptr) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, size));
   if (set == nullptr) return;
   set->pointers.Prefetch(address);  // its line arrives while the stack is walked
-  pthread_setspecific(record_key, MemTrackControl::kMark);
+  record_key.Set(ThreadMark::kInside);
   const BacktraceRef backtrace = AddBacktrace(BacktraceSize(), set, address, size);
   if (!StoreRecord(set, address, EncodeSize(size), backtrace)) {
     const std::lock_guard<SetMutex> guard(set->frame_mutex);
     RemoveBacktrace(backtrace, set);
   }
-  pthread_setspecific(record_key, nullptr);
+  record_key.Set(nullptr);
 }
 
 __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num_frames,
@@ -224,14 +222,14 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
   MemTrackControl* const control = MemTrackControl::GetInstance();
   if (control == nullptr) return;
   if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
-  if (pthread_getspecific(record_key) != nullptr) return;
+  if (record_key.Get() != nullptr) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   PointerSet* const all = sets();
   if (all == nullptr) return;
   PrefetchRecord(all, address);
   PointerSet* const set = SelectSet(all, address, ClassSize(pointer, size));
   if (set == nullptr) return;
-  pthread_setspecific(record_key, MemTrackControl::kMark);
+  record_key.Set(ThreadMark::kInside);
   {
     const std::lock_guard<SetMutex> pointer_guard(set->pointer_mutex);
     // Taken here and not where it is needed: a locked instruction waits for all loads before it,
@@ -247,5 +245,5 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
       EndDrainedPauses(control);
     }
   }
-  pthread_setspecific(record_key, nullptr);
+  record_key.Set(nullptr);
 }

@@ -1,8 +1,6 @@
 // Emptying of a set's tables, the keys of its Java-native backtraces, and the readers' lock.
 #include "records/PointerSet.h"
 
-#include <pthread.h>
-
 #include "records/PointerData.h"
 #include "tracker/MemTrackControl.h"
 
@@ -34,10 +32,10 @@ void PointerSet::EmptyPointers(std::uint64_t generation) {
   pointers.Clear();
   if (!kept_times.empty()) {
     // Its memory goes through free, which must not come back here for a lock.
-    void* const mark = pthread_getspecific(record_key);
-    pthread_setspecific(record_key, MemTrackControl::kMark);
+    void* const mark = record_key.Get();
+    record_key.Set(ThreadMark::kInside);
     kept_times.clear();
-    pthread_setspecific(record_key, mark);
+    record_key.Set(mark);
   }
   pointers_generation.store(generation, std::memory_order_relaxed);
 }

@@ -70,7 +70,7 @@ TEST_F(LeakInfoTest, NothingToExportLeavesTheOutputsAlone) {
   Add(0x1000, 40, {1});
   PointerData::GetInfo(nullptr, &overall_, &info_, &total_, &frames_, nullptr);
   EXPECT_EQ(LogLines().back(), "6 MemLeak.Native: list size err or listout null 1, ignore");
-  EXPECT_EQ(pthread_getspecific(record_key), nullptr);
+  EXPECT_EQ(record_key.Get(), nullptr);
 }
 
 TEST_F(LeakInfoTest, RefusesMoreThanSixtyThousandGroups) {

@@ -93,16 +93,16 @@ TEST_F(PointerDataTest, AnAddressAddedTwiceKeepsTheFirstBacktraceAlive) {
 }
 
 TEST_F(PointerDataTest, ReEntryAndUnknownAddressesAreSilent) {
-  pthread_setspecific(record_key, this);
+  record_key.Set(this);
   Add(0x1000, 64, {1});
   EXPECT_EQ(TotalRecords(), 0U);
-  pthread_setspecific(record_key, nullptr);
+  record_key.Set(nullptr);
   Add(0x1000, 64, {1});
-  EXPECT_EQ(pthread_getspecific(record_key), nullptr);
-  pthread_setspecific(record_key, this);
+  EXPECT_EQ(record_key.Get(), nullptr);
+  record_key.Set(this);
   Remove(0x1000, 64);
   EXPECT_EQ(TotalRecords(), 1U);
-  pthread_setspecific(record_key, nullptr);
+  record_key.Set(nullptr);
   Remove(0x2000, 64);
   Remove(0x1000, 32);  // another class
   control_->ConfigHookStatus(false, false);

@@ -33,7 +33,7 @@ PointerSet* PointerData::sets() {
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   // Inside the tracked library a free outside the record store would take locks of the sets.
-  if (watch_heap && pthread_getspecific(record_key) == nullptr) std::abort();
+  if (watch_heap && record_key.Get() == nullptr) std::abort();
   std::free(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
@@ -163,7 +163,7 @@ TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {
   watch_heap = true;
   PointerData::GetJavaNativeStackInfo(&list, true);
   watch_heap = false;
-  EXPECT_EQ(pthread_getspecific(record_key), nullptr);
+  EXPECT_EQ(record_key.Get(), nullptr);
   EXPECT_EQ(list.size(), 100u);
 }
 
