@@ -2,6 +2,7 @@
 #include <mutex>
 
 #include "platform/bounds_checked.h"
+#include "platform/fork_policy.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/set_selection.h"
@@ -65,16 +66,19 @@ void PointerData::PostForkChild() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
   UnmarkAfterFork();
-  // Held by the forking thread or free: either way an unlock after an attempt leaves it free. The
-  // Java-native tables' locks and the initialise lock are not touched: a child forked while
-  // another thread held one of them inherits it locked (wanted).
+  // Held by the forking thread or free: either way an unlock after an attempt leaves it free.
   const auto release = [](SetMutex& mutex) {
     static_cast<void>(mutex.try_lock());
     mutex.unlock();
   };
+  const bool all_locks = platform::ForkedChildFreesLocks();
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     release(all[i].frame_mutex);
     release(all[i].pointer_mutex);
     release(all[i].spare_mutex);
+    if (!all_locks) continue;
+    release(all[i].java_pointer_mutex);
+    release(all[i].unwind_mutex);
   }
+  if (all_locks) release(InitialiseLock());
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "async_safe/log.h"
@@ -70,7 +71,7 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
   std::uint64_t unwind_index;
   std::uint64_t generation;
   {
-    const std::lock_guard<std::mutex> guard(set->unwind_mutex);
+    const std::lock_guard<SetMutex> guard(set->unwind_mutex);
     generation = set->SyncUnwindFrames();
     const auto found = set->unwind_key_to_index.find({frame_data->size(), frame_data->data()});
     if (found != set->unwind_key_to_index.end()) {
@@ -86,7 +87,7 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
                                        unwind_index);
     }
   }
-  const std::lock_guard<std::mutex> guard(set->java_pointer_mutex);
+  const std::lock_guard<SetMutex> guard(set->java_pointer_mutex);
   if (set->SyncJavaPointers() != generation) return;  // a clear took the stack meanwhile
   set->java_pointers[address] = {encoded_size, unwind_index};
 } catch (const std::bad_alloc&) {
@@ -116,7 +117,7 @@ PointerSet* PointerData::sets() {
 }
 
 bool PointerData::Initialize() {
-  const std::lock_guard<std::mutex> guard(InitialiseLock());
+  const std::lock_guard<SetMutex> guard(InitialiseLock());
   PointerSet* sets = set_array.load(std::memory_order_acquire);
   // The tables' own memory must not come back here as records while locks are held.
   void* const mark = record_key.Get();

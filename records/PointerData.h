@@ -58,7 +58,8 @@ class PointerData {
   static void PrepareFork();
   /// Releases them in the parent.
   static void PostForkParent();
-  /// Leaves all of them free in the child, whoever held them.
+  /// Leaves all of them free in the child, whoever held them, and the store's other locks too
+  /// where that is the platform's policy.
   static void PostForkChild();
 
   /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order

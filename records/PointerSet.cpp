@@ -6,9 +6,8 @@
 
 std::atomic<std::uint64_t> table_generation{0};
 
-std::mutex& InitialiseLock() {
-  // Never destroyed: the dump thread may still hold it while the process exits.
-  static std::mutex& lock = *new std::mutex;
+SetMutex& InitialiseLock() {
+  static SetMutex lock;
   return lock;
 }
 

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <new>
 #include <unordered_map>
 #include <vector>
@@ -64,7 +63,7 @@ struct UnwindFrameKeyEqual {
 extern std::atomic<std::uint64_t> table_generation;
 
 /// Serialises clearing and reports.
-std::mutex& InitialiseLock();
+SetMutex& InitialiseLock();
 
 class PointerSet {
  public:
@@ -94,9 +93,9 @@ class PointerSet {
 
   /// Records whose backtrace carried Java-native frames; their hash index is an unwind index.
   /// Removal of a block leaves them: they stay until the next clear.
-  std::mutex java_pointer_mutex;
+  SetMutex java_pointer_mutex;
   std::unordered_map<std::uint64_t, PointerInfoType> java_pointers;
-  std::mutex unwind_mutex;
+  SetMutex unwind_mutex;
   std::unordered_map<UnwindFrameKeyType, std::uint64_t, UnwindFrameKeyHash, UnwindFrameKeyEqual>
       unwind_key_to_index;
   std::unordered_map<std::uint64_t, UnwindFrameInfoType> unwind_frames;

@@ -166,7 +166,7 @@ void WriteRecord(ReportText& out, const RecordStruct& record, std::int64_t now) 
 void PointerData::DumpAllocationTracesToFile() try {
   const ThreadNotRecorded not_recorded;
   // Held to the end, so that a clear cannot empty the tables in the middle of the report.
-  const std::lock_guard<std::mutex> lock(InitialiseLock());
+  const std::lock_guard<SetMutex> lock(InitialiseLock());
   const std::unique_ptr<unsigned char, FreeDeleter> buffer(
       static_cast<unsigned char*>(std::malloc(kDeviceBufferBytes)));
   if (buffer == nullptr) {

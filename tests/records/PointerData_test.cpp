@@ -7,6 +7,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "platform/fork_policy.h"
 #include "tests/records/fake_capture.h"
 
 namespace {
@@ -177,15 +178,24 @@ TEST_F(PointerDataTest, ForkLeavesTheLocksFreeOnBothSides) {
     return true;
   };
   Add(0x1000, 64, {1, 2});
+  PointerSet& set = SetOf(0x1000, 64);
+  // Others hold these three at the fork; whether the child frees them is the platform's policy.
+  SetMutex* const foreign[] = {&InitialiseLock(), &set.java_pointer_mutex, &set.unwind_mutex};
+  for (SetMutex* mutex : foreign) mutex->lock();
   PointerData::PrepareFork();
   EXPECT_FALSE(all_free());
   const pid_t child = fork();
   if (child == 0) {
     PointerData::PostForkChild();
     std::uintptr_t frames[2];
-    _exit(all_free() && PointerData::GetFrames(At(0x1000), frames, 2) == 2 ? 0 : 1);
+    bool good = all_free() && PointerData::GetFrames(At(0x1000), frames, 2) == 2;
+    for (SetMutex* mutex : foreign) {
+      good = good && mutex->try_lock() == platform::ForkedChildFreesLocks();
+    }
+    _exit(good ? 0 : 1);
   }
   PointerData::PostForkParent();
+  for (SetMutex* mutex : foreign) mutex->unlock();
   EXPECT_TRUE(all_free());
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);

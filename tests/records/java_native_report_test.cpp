@@ -58,7 +58,7 @@ class JavaNativeReportTest : public testing::Test {
   /// Files a stack as threads that record do: a known one gets the references, never new frames.
   static void AddStack(std::size_t set, std::uint64_t index, std::uint64_t references,
                        std::vector<unwindstack::FrameData> frames) {
-    const std::lock_guard<std::mutex> lock(all_sets[set].unwind_mutex);
+    const std::lock_guard<SetMutex> lock(all_sets[set].unwind_mutex);
     all_sets[set].SyncUnwindFrames();
     const auto [entry, inserted] = all_sets[set].unwind_frames.try_emplace(index);
     entry->second.references += references;
@@ -66,7 +66,7 @@ class JavaNativeReportTest : public testing::Test {
   }
   static void AddBlock(std::size_t set, std::uint64_t pointer, std::uint64_t size,
                        std::uint64_t index) {
-    const std::lock_guard<std::mutex> lock(all_sets[set].java_pointer_mutex);
+    const std::lock_guard<SetMutex> lock(all_sets[set].java_pointer_mutex);
     all_sets[set].SyncJavaPointers();
     all_sets[set].java_pointers[pointer] = {size, index};
   }
@@ -141,12 +141,12 @@ TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {
   });
   std::thread clearer([&] {
     for (; !stop; std::this_thread::yield()) {
-      const std::lock_guard<std::mutex> lock(InitialiseLock());
+      const std::lock_guard<SetMutex> lock(InitialiseLock());
       ++table_generation;
     }
   });
   for (int report = 0; report < 100 || recorded < 10'000; ++report) {
-    const std::lock_guard<std::mutex> lock(InitialiseLock());
+    const std::lock_guard<SetMutex> lock(InitialiseLock());
     ReportText out;
     PointerData::ReportJavaNativeNodes(out);
   }
