@@ -29,3 +29,20 @@ class SetMutex {
 
   std::atomic<std::uint32_t> state_{0};
 };
+
+/// Holds a lock of a set while it lives, unless the thread holds the locks of all sets anyway.
+class SetLock {
+ public:
+  SetLock(SetMutex& mutex, bool held) : mutex_(mutex), held_(held) {
+    if (__builtin_expect(static_cast<long>(!held_), 1L) != 0) mutex_.lock();
+  }
+  ~SetLock() {
+    if (__builtin_expect(static_cast<long>(!held_), 1L) != 0) mutex_.unlock();
+  }
+  SetLock(const SetLock&) = delete;
+  SetLock& operator=(const SetLock&) = delete;
+
+ private:
+  SetMutex& mutex_;
+  const bool held_;
+};

@@ -75,16 +75,6 @@ class JavaNativeReportTest : public testing::Test {
     PointerData::GetJavaNativeStackInfo(&list, only_with_backtrace);
     return list;
   }
-  /// "pointer num size" of every element.
-  static std::vector<std::string> Texts(const std::vector<UnwindListInfoType>& list) {
-    std::vector<std::string> texts;
-    texts.reserve(list.size());
-    for (const UnwindListInfoType& element : list) {
-      texts.push_back(std::to_string(element.pointer) + " " + std::to_string(element.num) + " " +
-                      std::to_string(element.size) + (element.zygote_child ? " child" : ""));
-    }
-    return texts;
-  }
 };
 
 TEST_F(JavaNativeReportTest, SectionText) {
@@ -110,24 +100,6 @@ TEST_F(JavaNativeReportTest, SectionText) {
 
   all_sets.reset();  // before the first Initialize
   EXPECT_TRUE(Collect(true).empty());
-}
-
-TEST_F(JavaNativeReportTest, OneElementForEachSizeMarkAndStack) {
-  for (std::size_t set : {0, 2, 5}) AddStack(set, 2, 5, Stack({1, 2, 3}));
-  AddStack(1, 2, 9, Stack({1, 2, 3}));
-  AddStack(3, 2, 3, Stack({1, 2}));
-  AddStack(4, 2, 2, Stack({3, 2, 1}));
-  AddBlock(0, 10, 100, 2);
-  AddBlock(1, 20, 100, 2);                    // as the first one: dropped, count included
-  AddBlock(2, 30, 100 | kZygoteChildBit, 2);  // other mark
-  AddBlock(3, 40, 100, 2);                    // fewer frames
-  AddBlock(4, 50, 150, 2);                    // the same pcs in another order
-  AddBlock(5, 60, 60, 2);                     // other size, but the same product as the one before
-  std::vector<UnwindListInfoType> list = Collect(true);
-  std::vector<std::string> texts = Texts(list);
-  std::sort(texts.begin(), texts.begin() + 2);  // equal in product and size: no order
-  EXPECT_EQ(texts, (std::vector<std::string>{"10 5 100", "30 5 100 child", "50 2 150", "40 3 100",
-                                             "60 5 60"}));
 }
 
 TEST_F(JavaNativeReportTest, ReadsWhileOthersRecordAndClear) {

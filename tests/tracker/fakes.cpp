@@ -154,6 +154,12 @@ void PointerData::Add(const void* pointer, std::size_t size) {
 void PointerData::Remove(const void* pointer, std::size_t size) {
   fake::Note("Remove", pointer, size);
 }
+void PointerData::AddMapping(const void* pointer, std::size_t size) {
+  Add(pointer, size);
+}
+void PointerData::RemoveMapping(const void* pointer, std::size_t size) {
+  Remove(pointer, size);
+}
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t*, std::size_t max_frames) {
   fake::Note("GetFrames", pointer, max_frames);
   return 3;
