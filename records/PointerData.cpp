@@ -211,7 +211,8 @@ bool PointerData::Initialize() {
   const InsideStore inside;
   if (sets == nullptr) {
     // Never freed: other threads may be inside for good.
-    sets = new PointerSet[kSetCount];
+    sets = new (std::nothrow) PointerSet[kSetCount];
+    if (sets == nullptr) return false;
     constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
     for (std::uint64_t i = 0; i < kSetCount; ++i) {
       sets[i].lower_size = kBounds[i % kSizeClasses];

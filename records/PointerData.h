@@ -35,8 +35,9 @@ class PointerData {
   PointerData(const PointerData&) = delete;
   PointerData& operator=(const PointerData&) = delete;
 
-  /// Makes the sets when there are none yet and empties every table. Always true.
-  /// Takes the initialise lock, so it waits for a report; waits for no lock of a set.
+  /// Makes the sets when there are none yet and empties every table. False, with nothing changed,
+  /// when there is no memory for the sets. Takes the initialise lock, so it waits for a report;
+  /// waits for no lock of a set.
   bool Initialize();
 
   /// Records a block of `size` bytes at `pointer` with the backtrace of the calling thread. Must

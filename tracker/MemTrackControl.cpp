@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <new>
 
 #include "async_safe/log.h"
 #include "platform/thread_keys.h"
@@ -36,7 +37,7 @@ void ThreadMark::Delete() {
 MemTrackControl* MemTrackControl::CreateInstance() {
   MemTrackControl* instance = GetInstance();
   if (instance == nullptr) {
-    instance = new MemTrackControl;
+    instance = new (std::nothrow) MemTrackControl;
     instance_.store(instance, std::memory_order_release);
   }
   return instance;

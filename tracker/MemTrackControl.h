@@ -70,8 +70,8 @@ class MemTrackControl {
   /// The instance, or null before the first CreateInstance and after a failed initialization.
   /// Any thread, any context.
   static MemTrackControl* GetInstance() { return instance_.load(std::memory_order_acquire); }
-  /// The instance, made first when there is none. Allocates; takes no lock: only while no other
-  /// thread uses the tracker.
+  /// The instance, made first when there is none; null without memory. Takes no lock: only while
+  /// no other thread uses the tracker.
   static MemTrackControl* CreateInstance();
   /// Frees the instance; only after a failed initialization.
   static void DestroyInstance();

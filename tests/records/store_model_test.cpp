@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <sstream>
 #include <tuple>
 
+#include "records/report_text.h"
 #include "tests/records/fake_capture.h"
 
 namespace {
@@ -105,7 +107,7 @@ class StoreModelTest : public RecordStoreTest {
     Script& script = CurrentScript();
     script = {RandomStack(), {}, usable};
     Pcs java_pcs;
-    if (random_() % 8 == 0) java_pcs = {random_() % 4, random_() % 2};
+    if (random_() % 8 == 0) java_pcs = {random_() % 4, random_() % 2 * 0xabc};
     for (const std::uint64_t pc : java_pcs) script.java_frames.emplace_back().rel_pc = pc;
     fake_time = static_cast<std::time_t>(1000 + random_() % 100000);
     Pcs pcs = script.pcs;
@@ -152,7 +154,7 @@ class StoreModelTest : public RecordStoreTest {
       }
     }
     ASSERT_EQ(TotalRecords(), records);
-    std::size_t overall = 0, info = 0, total = 0, frames = 0;
+    std::size_t overall = 77, info = 77, total = 77, frames = 77;
     std::vector<RecordStruct> list;
     PointerData::GetInfo(nullptr, &overall, &info, &total, &frames, &list);
     std::vector<Group> expected, exported;
@@ -182,8 +184,10 @@ class StoreModelTest : public RecordStoreTest {
     std::sort(expected.begin(), expected.end());
     std::sort(exported.begin(), exported.end());
     ASSERT_EQ(exported, expected);
-    ASSERT_EQ(total, expected_total);
-    if (!list.empty()) {
+    if (list.empty()) {
+      ASSERT_EQ(std::vector({overall, info, total, frames}), std::vector<std::size_t>(4, 77));
+    } else {
+      ASSERT_EQ(total, expected_total);
       ASSERT_EQ(frames, BacktraceSize());
       ASSERT_EQ(info, frames * 8 + 272);
       ASSERT_EQ(overall, info * list.size());
@@ -210,6 +214,25 @@ class StoreModelTest : public RecordStoreTest {
       ASSERT_TRUE(i == 0 || list[i - 1].num * list[i - 1].size >= list[i].num * list[i].size);
     }
     ASSERT_EQ(exported, expected);
+    CheckJavaNativeText(list);
+  }
+  static void CheckJavaNativeText(const std::vector<UnwindListInfoType>& list) {
+    std::ostringstream expected;
+    const std::string rule(30, '=');
+    expected << rule << "Java-Native Stack" << rule << '\n';
+    for (const UnwindListInfoType& group : list) {
+      expected << "sz " << group.size << ' ' << group.size * group.num << " num " << group.num;
+      int number = 0;
+      for (const auto& frame : group.unwind_info->frames) {
+        expected << "\n#0" << number++ << " rel_pc " << std::hex << frame.rel_pc << std::dec << ' ';
+      }
+      expected << '\n';
+    }
+    ReportText out;
+    PointerData::ReportJavaNativeNodes(out);
+    std::string text(out.size(), ' ');
+    out.CopyStart(text.data(), text.size());
+    ASSERT_EQ(text, expected.str());
   }
 
   std::mt19937_64 random_{1};
