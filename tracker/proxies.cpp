@@ -76,12 +76,12 @@ PointerData* Store() {
 /// Records what a call made, if it names it.
 void Add(const void* key, std::uint64_t size) {
   if (key == nullptr || size == 0) return LogError("map result error");
-  if (PointerData* store = Store(); store != nullptr) store->Add(key, size);
+  if (PointerData* store = Store(); store != nullptr) store->AddMapping(key, size);
 }
 
 void Remove(const void* key, std::uint64_t size) {
   if (key == nullptr || size == 0) return LogError("munmap addr or size error");
-  if (PointerData* store = Store(); store != nullptr) store->Remove(key, size);
+  if (PointerData* store = Store(); store != nullptr) store->RemoveMapping(key, size);
 }
 
 void* RecordMapping(void* mapping, std::size_t size, int flags) {

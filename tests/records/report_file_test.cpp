@@ -43,7 +43,7 @@ World world;
 /// Looks at lock and thread switches from inside the dump.
 void ObserveDump() {
   const bool free = std::async([] {
-                      const std::unique_lock<std::mutex> lock(InitialiseLock(), std::try_to_lock);
+                      const std::unique_lock<SetMutex> lock(InitialiseLock(), std::try_to_lock);
                       return lock.owns_lock();
                     }).get();
   if (free) world.locked_throughout = false;
@@ -86,8 +86,8 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 }
 
 // The neighbours of the report writer.
-std::mutex& InitialiseLock() {
-  static std::mutex lock;
+SetMutex& InitialiseLock() {
+  static SetMutex lock;
   return lock;
 }
 std::string platform::ReportPath() {
