@@ -3,7 +3,6 @@
 // Runs on the dump thread. The allocating threads wait only while GetInfo groups the records;
 // text, maps look-ups, file and device are done with nothing but the initialise lock held.
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -95,7 +94,7 @@ void FillDeviceBuffer(unsigned char* buffer, const ReportText& text) {
 /// Writes the whole of `text`, in pieces: a process that leaks has no memory for a second copy.
 /// A file that cannot take all of it is left as it is; its reader misses the "END".
 void WriteReportFile(const ReportText& text) {
-  std::FILE* file = std::fopen(platform::ReportPath().c_str(), "w");
+  std::FILE* file = platform::OpenReportFile();
   if (file == nullptr) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
                           "no permission to access /data/log/reliability/");
@@ -109,8 +108,8 @@ void WriteReportFile(const ReportText& text) {
 
 /// Hands `buffer` (kDeviceBufferBytes long) to the device; `text_bytes` is for the log alone.
 void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
-  const std::string path = platform::ExceptionDevicePath();
-  const int fd = open(path.c_str(), O_WRONLY);
+  std::string path;
+  const int fd = platform::OpenExceptionDevice(path);
   if (fd < 0) {
     // The line break inside the message is wanted.
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "open %s failed: %s\n", path.c_str(),

@@ -55,6 +55,15 @@ std::string_view StatusField(std::string_view status, std::string_view name) {
   return value;
 }
 
+// The effective one of the ids in a field such as "Uid": real, effective, saved, file system.
+std::uint32_t EffectiveId(std::string_view status, std::string_view name) {
+  std::string_view ids = StatusField(status, name);
+  ids.remove_prefix(std::min(ids.find('\t') + 1, ids.size()));
+  std::uint32_t id = 0;
+  std::from_chars(ids.data(), ids.data() + ids.size(), id);
+  return id;
+}
+
 UserError NoSuchProcess(pid_t pid) {
   return {"no such process: " + std::to_string(pid),
           std::string("find it with: ") + Advice().find_pid};
@@ -125,6 +134,8 @@ ProcessInfo Look(pid_t pid, bool* steady) {
   const std::string status = ReadStatus(pid);
   ProcessInfo process;
   process.pid = pid;
+  process.user = EffectiveId(status, "Uid");
+  process.group = EffectiveId(status, "Gid");
   process.name = StatusField(status, "Name");
   process.catches_signal = CatchesSignal(status, kControlSignal);
   process.environment = ParseEnvironment(image.environment);

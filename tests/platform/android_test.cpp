@@ -1,6 +1,5 @@
-// What the platform answers on a device: its paths, pc widths, rules for libraries and for signals
-// are fixed; program names and log lines come from the C library and liblog, whose part the test
-// plays.
+// What the platform answers on a device: its pc widths, rules for libraries and for signals are
+// fixed; program names and log lines come from the C library and liblog, whose part the test plays.
 #include <android/log.h>
 #include <async_safe/log.h>
 #include <gtest/gtest.h>
@@ -13,7 +12,6 @@
 
 #include "platform/elf_policy.h"
 #include "platform/page_protection.h"
-#include "platform/paths.h"
 #include "platform/pc_policy.h"
 #include "platform/program_name.h"
 #include "platform/signal_policy.h"
@@ -37,8 +35,6 @@ extern "C" int __android_log_write(int priority, const char* tag, const char* te
 }
 
 TEST(AndroidPlatform, FixedAnswers) {
-  EXPECT_EQ(platform::ReportPath(), "/data/log/reliability/allocations_dump");
-  EXPECT_EQ(platform::ExceptionDevicePath(), "/dev/kxlog_exception");
   EXPECT_EQ(platform::AcceptedPcWidth().min_digits, 8);
   EXPECT_EQ(platform::AcceptedPcWidth().max_digits, 10);
   EXPECT_FALSE(platform::AcceptsLibrary("libc.so.6"));

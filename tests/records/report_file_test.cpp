@@ -90,11 +90,12 @@ SetMutex& InitialiseLock() {
   static SetMutex lock;
   return lock;
 }
-std::string platform::ReportPath() {
-  return world.report_path;
+std::FILE* platform::OpenReportFile() {
+  return std::fopen(world.report_path.c_str(), "w");
 }
-std::string platform::ExceptionDevicePath() {
-  return world.device_path;
+int platform::OpenExceptionDevice(std::string& path) {
+  path = world.device_path;
+  return open(path.c_str(), O_WRONLY);
 }
 void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           std::size_t* info_size, std::size_t* total_memory,
