@@ -5,10 +5,12 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 
 #include "async_safe/log.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
+#include "sigmux/sig_safe_write.h"
 #include "tracker/DebugData.h"
 #include "tracker/MemTrackControl.h"
 
@@ -92,12 +94,25 @@ void* RecordMapping(void* mapping, std::size_t size, int flags) {
   return mapping;
 }
 
-/// The argument of a device call. The kernel says EFAULT for one that the program must not read
-/// either, so neither does the proxy.
-template <typename Argument>
-const Argument* Readable(int result, const void* argument) {
-  if (result == -1 && errno == EFAULT) return nullptr;
-  return static_cast<const Argument*>(argument);
+/// A word of a device call's argument that may not be there.
+struct WordRead {
+  const void* from;
+  std::uint64_t word;
+};
+
+/// The word at `address`; 0 when it cannot be read. The program may pass any pointer: the device
+/// call reports a bad one, and the proxy must not fault on it. Keeps errno.
+std::uint64_t ReadWord(const void* address) {
+  WordRead read{address, 0};
+  const int saved_errno = errno;
+  const int faulted = sig_safe_op(
+      [](void* argument) {
+        auto* const wanted = static_cast<WordRead*>(argument);
+        std::memcpy(&wanted->word, wanted->from, sizeof(wanted->word));
+      },
+      &read);
+  errno = saved_errno;
+  return faulted == 0 ? read.word : 0;
 }
 
 }  // namespace
@@ -138,9 +153,12 @@ int shared_proxy_ion_ioctl(int descriptor, unsigned long request, void* argument
   // The kernel looks at 32 bits of a request; the others may be a sign.
   if (control == nullptr || static_cast<std::uint32_t>(request) != kDmaHeapAllocate) return result;
   const PltScope scope(control);
-  const auto* allocation = Readable<DmaHeapAllocation>(result, argument);
-  Add(allocation != nullptr ? &allocation->fd : nullptr,
-      allocation != nullptr ? allocation->len : 0);
+  const auto* allocation = static_cast<const DmaHeapAllocation*>(argument);
+  if (allocation == nullptr) {
+    Add(nullptr, 0);
+  } else {
+    Add(&allocation->fd, ReadWord(&allocation->len));
+  }
   return result;
 }
 
@@ -150,8 +168,8 @@ int shared_proxy_gpu_ioctl(int descriptor, unsigned long request, void* argument
   const auto code = static_cast<std::uint32_t>(request);
   if (control == nullptr || (code != kGpuAllocate && code != kGpuFree)) return result;
   const PltScope scope(control);
-  const auto* allocation = Readable<GpuAllocation>(result, argument);
-  const std::uint64_t size = allocation != nullptr ? allocation->size : 0;
+  const auto* allocation = static_cast<const GpuAllocation*>(argument);
+  const std::uint64_t size = allocation != nullptr ? ReadWord(&allocation->size) : 0;
   code == kGpuAllocate ? Add(allocation, size) : Remove(allocation, size);
   return result;
 }
