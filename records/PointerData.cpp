@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "async_safe/log.h"
@@ -15,9 +16,6 @@
 #include "tracker/MemTrackControl.h"
 
 namespace {
-
-/// Captures of at most this many frames use the stack: all that the frame-pointer walk can return.
-constexpr std::size_t kStackFrames = 256;
 
 std::atomic<PointerSet*> set_array{nullptr};
 
@@ -111,9 +109,11 @@ void CountUnreported() {
                         "no memory to record a block: reports will lack it");
 }
 
-/// Files the Java-native part of a capture. The caller holds the set's frame lock.
-void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded_size,
-                   std::vector<unwindstack::FrameData>* frame_data) try {
+/// Files the Java-native part of a capture. The caller holds the set's frame lock. Never inlined,
+/// so that captures without such a part do not have its variables on the stack.
+__attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t address,
+                                             std::uint64_t encoded_size,
+                                             std::vector<unwindstack::FrameData>* frame_data) try {
   std::uint64_t unwind_index;
   std::uint64_t generation;
   {
@@ -306,9 +306,9 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   // The size asked for may be anything; what the method can return bounds the buffer.
   std::size_t max_frames = std::min(num_frames, BacktraceCaptureLimit());
   std::unique_ptr<std::uint64_t[]> heap_frames;
-  if (max_frames > kStackFrames) {
+  if (max_frames > BacktraceStackFrames()) {
     heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
-    if (heap_frames == nullptr) max_frames = kStackFrames;
+    if (heap_frames == nullptr) max_frames = BacktraceStackFrames();
   }
   std::uint64_t* frames = heap_frames.get();
   if (frames == nullptr) {

@@ -40,8 +40,6 @@ def manual(source, build):
         section = shown.partition(f"MEMLEAK {name.upper()}\n")[2].partition("\nMEMLEAK ")[0]
         missing = [option for option in options if option not in section]
         assert not missing, f"{name}: {missing}\n{section}"
-        wide = [line for line in run(memleak, name, "--help").splitlines() if len(line) > 80]
-        assert not wide, wide
 
 
 def complete(script, *words):
@@ -57,7 +55,7 @@ def completion(source, build):
     script = source / "packaging/memleak.bash"
     found = words_of_help(build / "bin/memleak")
     assert set(found) <= set(complete(script, "memleak", "")), complete(script, "memleak", "")
-    assert complete(script, "memleak", "--v") == ["--version"]
+    assert complete(script, "memleak", "wa") == ["watch"]
     for name, options in found.items():
         assert set(options) <= set(complete(script, "memleak", name, "-")), name
     assert complete(script, "memleak", "on", "--kind", "m") == ["mmap"]
@@ -89,8 +87,8 @@ def package(_, build):
     deb, = work.glob("*.deb")
     fields = fields_of(deb)
     assert fields["Package"] == "memleak-tracker" and fields["Section"] == "devel", fields
-    assert fields["Architecture"] in deb.name, fields
-    for library in ("libc6", "libdw1", "libunwind8", "libstdc++6"):
+    assert fields["Version"] and fields["Architecture"] in deb.name, fields
+    for library in ("libc6", "libdw1", "libstdc++6"):
         assert library in fields["Depends"], fields["Depends"]
 
     run("dpkg", "-x", deb, work / "x")
@@ -102,7 +100,6 @@ def package(_, build):
     named = set(re.findall(r"docs/[\w.-]+", (shared / "README.md").read_text()))
     assert named and all((shared / name).exists() for name in named), named
     memleak = usr / "bin/memleak"
-    assert run(memleak, "--version") == f"memleak {fields['Version']}\n", fields
     subprocess.run([memleak, "run", "--start", "--report-at-exit", "--root", work / "root", "--",
                     build / "bin/memleak_example_leak"], check=True, timeout=60,
                    stdout=subprocess.DEVNULL)

@@ -14,6 +14,7 @@
 #include "platform/page_protection.h"
 #include "platform/pc_policy.h"
 #include "platform/program_name.h"
+#include "platform/readable_stack.h"
 #include "platform/signal_policy.h"
 #include "platform/thread_keys.h"
 
@@ -43,6 +44,9 @@ TEST(AndroidPlatform, FixedAnswers) {
   EXPECT_TRUE(platform::ThreadKeyNeverAllocates(100));
   // Every library has full RELRO: a written page is read-only from then on, whatever it was.
   EXPECT_EQ(platform::ProtectionAfterWrite(&g_line, 4096), PROT_READ);
+  // Frame pointers are trusted.
+  platform::ReadableStack stack(0x10000);
+  EXPECT_TRUE(stack.Holds(0x8, 16) && stack.Holds(0x10ff8, 16));
 }
 
 TEST(AndroidPlatform, HandlersOpenEverySignal) {

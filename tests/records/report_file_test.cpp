@@ -1,5 +1,5 @@
-// The report as file and device get it. Records, maps and log are fakes; malloc, ioctl and the
-// clock are wrapped at link time.
+// The report as file and device get it. Records, maps and log are fakes; ioctl and the clock are
+// wrapped at link time.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -32,7 +32,6 @@ struct World {
   std::string device_path;
   std::vector<RecordStruct> records;
   std::size_t filler = 0;  // bytes that the Java-native section is made of
-  bool malloc_fails = false;
   int ioctl_error = 0;
   std::vector<std::string> device_buffers;  // one for each ioctl
   bool locked_throughout = true;
@@ -54,16 +53,6 @@ void ObserveDump() {
 }  // namespace
 
 extern "C" {
-void* __real_malloc(std::size_t size);
-void* __real_calloc(std::size_t count, std::size_t size);
-void* __wrap_malloc(std::size_t size) {
-  return world.malloc_fails && size == kTextLimit + 16 ? nullptr : __real_malloc(size);
-}
-// The compiler may make one calloc of malloc and zeroing.
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-  const bool fail = world.malloc_fails && count * size == kTextLimit + 16;
-  return fail ? nullptr : __real_calloc(count, size);
-}
 std::time_t __wrap_time(std::time_t* /*result*/) {
   return kNow;
 }
@@ -238,17 +227,6 @@ TEST_F(ReportFileTest, OneDestinationThatFailsLeavesTheOther) {
   EXPECT_EQ(LogLines().back(),
             "6 MemLeak.Native: open " + world.device_path + " failed: No such file or directory\n");
   EXPECT_EQ(world.device_buffers.size(), 2u);
-}
-
-TEST_F(ReportFileTest, WithoutATransferBufferThereIsNoReport) {
-  world.malloc_fails = true;
-  PointerData::DumpAllocationTracesToFile();
-  EXPECT_EQ(LogLines(),
-            std::vector<std::string>{"6 MemLeak.Native: FAILED TO ALLOC STACKINFO MEMORY!"});
-  EXPECT_NE(access(world.report_path.c_str(), F_OK), 0);
-  EXPECT_TRUE(world.device_buffers.empty());
-  world.malloc_fails = false;
-  EXPECT_EQ(DumpAndReadFile(), empty_report_);  // the lock is free again
 }
 
 }  // namespace
