@@ -91,11 +91,15 @@ void* mmap(void* address, std::size_t size, int protection, int flags, int file,
 }
 #pragma GCC visibility pop
 
+// Of a library that calls mmap and munmap through slots that can be hooked.
+extern "C" void* MapOne(std::size_t size);
+extern "C" int UnmapOne(void* mapping, std::size_t size);
+
 namespace {
 
 const std::string directory = std::string(std::getenv("MEMLEAK_TRACKER_ROOT")) + "/";
 const std::string heap_dump = directory + "heap";
-const std::string report_name = "data/log/reliability/allocations_dump";
+constexpr char report_name[] = "data/log/reliability/allocations_dump";
 
 std::string Read(const std::string& name) {
   std::ifstream file(directory + name);
@@ -215,6 +219,33 @@ void CallEntries() {
   keep(moved);
 }
 
+void StartWithProperties(const char* text) {
+  std::ofstream(directory + "properties") << text;
+  StartRecording();
+}
+void StartWithUnwinder() {
+  StartWithProperties("vastel.memleak.backtacetype=1\n");
+}
+void StartWithTargets() {
+  StartWithProperties(
+      "persist.sys.memleak.hookLib=libend_to_end_mapper.so\n"
+      "persist.sys.memleak.hookFunc=mmap,munmap\n");
+}
+void StartHooked() {
+  StartWithTargets();
+  Send(0x100);
+  CHECK(Logged("set mmaphook to:true"));
+}
+/// The first hooked calls of this thread, which do what they do unhooked.
+void CallHooked() {
+  void* const mapping = MapOne(65536);
+  if (mapping != reinterpret_cast<void*>(-1)) CHECK(UnmapOne(mapping, 65536) == 0);
+}
+void StartWithBlocks() {
+  StartRecording();
+  for (std::size_t i = 0; i < 100; ++i) blocks[i] = Allocate(i * 40);
+}
+
 /// The tables grow, are cleared, and grow anew.
 void FillTables() {
   for (int round = 0; round < 2; ++round) {
@@ -295,26 +326,39 @@ constexpr Scenario kScenarios[] = {
     {"register", Nothing, TryRegister, CheckRegister},
     {"finalize", StartRecording, track_finalize, CheckFinalize},
     {"entries", StartRecording, CallEntries, CheckBlocks},
+    {"entries_unwinder", StartWithUnwinder, CallEntries, Nothing},
+    {"hooked_calls", StartHooked, CallHooked, Nothing},
     {"growth", StartRecording, FillTables, CheckTables, kTableBytes},
     {"fork", StartWithForkHandlers, Fork, CheckBlocks},
     {"malloc_disable", StartRecording, Freeze, CheckBlocks, kTableBytes},
     {"export", StartRecording, Export, CheckExport}};
 
-/// Commands are scenarios too: what one must have logged.
+/// Commands are scenarios too: what one must have logged, and what comes before it.
 struct Command {
   unsigned bit;
   const char* logged;
+  void (*prepare)() = StartRecording;
 };
+/// What a report logs at its end, or in place of one.
+constexpr char kReported[] =
+    "open .*kxlog_exception failed|FAILED TO ALLOC STACKINFO MEMORY!|cannot start MemDumpThread";
 constexpr Command kCommands[] = {{1, ""},
                                  {2, ""},
                                  {4, "set hook to:true"},
                                  {5, "set hook to:false"},
+                                 {6, kReported, StartWithBlocks},
                                  {7, "native clear"},
+                                 {8, "mmaphook to:true| E MemLeak", StartWithTargets},
                                  {9, "set mmaphook to:false"},
+                                 {10, kReported, StartHooked},
                                  {11, "mmap clear"},
+                                 {12, "ionhook to:true| E MemLeak", StartWithTargets},
                                  {13, "set ionhook to:false"},
+                                 {14, kReported, StartHooked},
                                  {15, "ion clear"},
+                                 {16, "gpuhook to:true| E MemLeak", StartWithTargets},
                                  {17, "set gpuhook to:false"},
+                                 {18, kReported, StartHooked},
                                  {19, "gpu clear"},
                                  {20, "load libfdtrack failed"},
                                  {21, "fail to disable"},
@@ -327,6 +371,11 @@ void SendCommand() {
 }
 void CheckCommand() {
   CHECK(Logged(command.logged));
+  CHECK(!Logged("plt unhook"));  // which needs no memory
+  // With memory again a report is whole.
+  Send(0x50);
+  const std::string report = Read(report_name);
+  CHECK(report.size() > 3 && report.compare(report.size() - 3, 3, "END") == 0);
 }
 
 /// In a child: the scenario with its n-th request refused.
@@ -340,7 +389,8 @@ void CheckCommand() {
   scenario.run();
   armed = false;
   scenario.check();
-  // With memory again.
+  // With memory again. Without hooks: while there are any, stacks begin at a hooked caller.
+  Send(0x400);
   Send(0x10);
   void* const block = Allocate(777);
   CHECK(IsRecorded(block));
@@ -356,7 +406,7 @@ bool Holds(const Scenario& scenario) {
   for (const bool all_later : {false, true}) {
     onward = all_later;
     for (n = 1;; ++n) {
-      for (const std::string& old : {std::string("log"), report_name}) {
+      for (const char* old : {"log", "properties", report_name}) {
         std::remove((directory + old).c_str());
       }
       const pid_t child = fork();
@@ -388,8 +438,8 @@ int main(int count, char** arguments) {
   for (const Scenario& scenario : kScenarios) hold(scenario);
   for (const Command& each : kCommands) {
     command = each;
-    hold({("command_" + std::to_string(each.bit)).c_str(), StartRecording, SendCommand,
-          CheckCommand});
+    hold(
+        {("command_" + std::to_string(each.bit)).c_str(), each.prepare, SendCommand, CheckCommand});
   }
   return all_hold ? 0 : 1;
 }
