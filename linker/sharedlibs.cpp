@@ -61,7 +61,7 @@ std::string_view Basename(const char* path) {
 void AddLibrary(const dl_phdr_info& info) {
   if (info.dlpi_name == nullptr || !platform::AcceptsLibrary(info.dlpi_name)) return;
   const std::string_view key = Basename(info.dlpi_name);
-  if (key.size() >= kBasenameBytes) return;
+  if (key.size() >= kBasenameBytes) return;  // plt_basename could not name it
   {
     const ReadLock lock(&registry_lock);
     if (SharedLibs().count(key) != 0) return;

@@ -56,8 +56,8 @@ int hook_plt_method(const char* libname, const char* name, void* hook);
 /// Undoes hook_plt_method. Returns 0 when exactly one slot was unhooked and none failed, else 1.
 int unhook_plt_method(const char* libname, const char* name, void* hook);
 
-/// Hooks `count` functions of one library. Returns the number of failures, each of which is logged;
-/// a function that the library does not import is none.
+/// Hooks `count` functions of one library. Returns the number of failures; a function
+/// that the library does not import is none.
 int hook_single_lib(const char* libname, plt_hook_spec* specs, std::size_t count);
 
 /// Unhooks `count` functions of one library, by name alone. Returns the number of failures; a slot

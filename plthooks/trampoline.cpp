@@ -73,17 +73,24 @@ void free_stack(void* first) {
   }
 }
 
-pthread_key_t create_key() {
-  pthread_key_t key = 0;
-  if (pthread_key_create(&key, free_stack) != 0) {
-    linker::log_assert("failed to create trampoline TLS key");
-  }
-  return key;
+pthread_rwlock_t key_lock = PTHREAD_RWLOCK_INITIALIZER;
+pthread_key_t made_key = 0;
+std::atomic<bool> has_key{false};
+
+/// Makes the key of the hook stacks unless there is one. False when no key is left.
+[[gnu::noinline]] bool make_key() {
+  const WriteLock lock(&key_lock);
+  if (has_key.load(std::memory_order_relaxed)) return true;
+  if (pthread_key_create(&made_key, free_stack) != 0) return false;
+  has_key.store(true, std::memory_order_release);
+  return true;
 }
 
 pthread_key_t stack_key() {
-  static const pthread_key_t key = create_key();
-  return key;
+  if (!has_key.load(std::memory_order_acquire) && !make_key()) {
+    linker::log_assert("failed to create trampoline TLS key");
+  }
+  return made_key;
 }
 
 StackBlock* own_stack() {
@@ -211,11 +218,11 @@ void* pop_hook_stack() {
 }  // namespace trampoline
 
 void prepare_hook_stack() {
-  stack_key();
+  make_key();
 }
 
 bool can_create_trampolines() {
-  if (platform::ThreadKeyNeverAllocates(stack_key())) return true;
+  if (make_key() && platform::ThreadKeyNeverAllocates(made_key)) return true;
   LOG(ERROR) << "too many thread keys are in use to hook a function";
   return false;
 }

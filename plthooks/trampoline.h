@@ -48,8 +48,8 @@ void* pop_hook_stack();
 
 }  // namespace trampoline
 
-/// Takes the thread key of the hook stack, once. At start-up, while keys that never allocate are
-/// still to be had; otherwise the first hook takes it. Ends the process when there is no key left.
+/// Takes the thread key of the hook stack, if there is one left. At start-up, while keys that never
+/// allocate are still free. Otherwise the first trampoline takes it.
 void prepare_hook_stack();
 
 /// Whether hooked calls are possible: whether the hook stack's key can be set without allocating,
