@@ -1,8 +1,6 @@
-// Hooking, unhooking and starting a report while each of their requests for memory fails.
+// Hooking and unhooking while each of their requests for memory fails.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,9 +13,7 @@
 #include "tests/platform/platform_variable.h"
 #include "tests/plthooks/support.h"
 #include "tests/temporary_directory.h"
-#include "tracker/DumpThread.h"
 #include "tracker/HookTargets.h"
-#include "tracker/MallocMemTrack.h"
 
 namespace {
 
@@ -45,18 +41,12 @@ bool Fails() {
 
 extern "C" void* __real_mmap(void* at, std::size_t bytes, int rights, int flags, int file,
                              off_t offset);
-extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                     void* (*start)(void*), void* argument);
 // The linker sends the tracker's calls here.
 extern "C" void* __wrap_mmap(void* at, std::size_t bytes, int rights, int flags, int file,
                              off_t offset) {
   if (!Fails()) return __real_mmap(at, bytes, rights, flags, file, offset);
   errno = ENOMEM;
   return MAP_FAILED;
-}
-extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                     void* (*start)(void*), void* argument) {
-  return Fails() ? EAGAIN : __real_pthread_create(thread, attributes, start, argument);
 }
 
 namespace {
@@ -140,16 +130,6 @@ TEST_F(Shortage, OfTheIndexHooksAndTargets) {
   };
   EXPECT_GT(EachFails(GetHookParams, unhook_old), 0);
   EXPECT_TRUE(HasLogged("no memory for the hook targets"));
-}
-
-TEST_F(Shortage, OfReports) {
-  static const MallocDispatch table = {};
-  static bool zygote_child = false;
-  ASSERT_TRUE(track_initialize(&table, &zygote_child, ""));
-  EXPECT_GT(EachFails([] { return AsyncReport(), true; }, [](bool) {}), 0);
-  EXPECT_TRUE(HasLogged("cannot start MemDumpThread."));
-  // The last line of the one report.
-  while (!HasLogged("/dev/kxlog_exception failed: ")) usleep(1000);
 }
 
 }  // namespace
