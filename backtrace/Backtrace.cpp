@@ -128,6 +128,8 @@ void BacktraceStartup() {
     state->memory = unwindstack::Memory::CreateProcessMemoryThreadCached(getpid());
     if (!state->maps.Parse()) state.reset();
   } catch (const std::bad_alloc&) {
+    // The tracker starts; captures by this method stay empty.
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "no memory to prepare the unwinder");
     state.reset();
   }
   delete g_unwinder.exchange(state.release(), std::memory_order_acq_rel);

@@ -28,8 +28,8 @@ constexpr size_t kParameterOffset = 24;
 constexpr char kThreadName[] = "memleak-control";
 // The thread looks so often whether a report has ended. Most take some milliseconds.
 constexpr int kLookMs = 2;
-// A fork waits so long for a report that makes progress; as long as an exit waits for one that does
-// not.
+// A fork waits at most this long for a report that makes progress: the program must go on. A child
+// that is forked later frees the locks of the record store.
 constexpr int kForkReportMs = 3000;
 
 // The handler clears tables and starts threads; reports have a thread and a stack of their own.

@@ -29,8 +29,8 @@ Report CurrentReport();
 /// its end cannot be seen. Any thread.
 bool WaitWhileReportRuns(int timeout_ms);
 
-/// A report that does nothing for so long stands still. More than a busy machine keeps a thread
-/// that woke up from running; such a thread counts as running.
+/// A report that does nothing for this long stands still. A busy machine delays a runnable thread
+/// by less than this.
 inline constexpr int kStillMs = 300;
 
 /// Forgets the dump thread. For a forked child, which has none.

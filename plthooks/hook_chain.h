@@ -92,8 +92,8 @@ class HookChain {
     return {array, array->state.load(std::memory_order_acquire)};
   }
 
-  /// Adds `function` (not null) as the newest. Throws std::bad_alloc, with nothing changed. Writers
-  /// only, as all that follow.
+  /// Adds `function` (not null) as the newest. Throws std::bad_alloc, with nothing changed. Only
+  /// writers may call this function and those below.
   void append(void* function);
   /// Removes the first `function` (not null), which is not the original. False when there is none.
   /// Allocates nothing.

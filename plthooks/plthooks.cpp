@@ -7,6 +7,7 @@
 #include "plthooks/plthooks.h"
 
 #include <android-base/logging.h>
+#include <async_safe/log.h>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -48,6 +49,12 @@ pthread_rwlock_t patch_lock = PTHREAD_RWLOCK_INITIALIZER;
 int fail(int error) {
   errno = error;
   return 1;
+}
+
+/// Logs a lack of memory, without the platform's base logging, which allocates; then as fail.
+int out_of_memory() {
+  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "out of memory while hooking");
+  return fail(ENOMEM);
 }
 
 /// The failures of one call, and errno of the last one.
@@ -202,8 +209,8 @@ int patch_slot(hooks::HookInfo& info, const Page& page) {
     case hooks::HOOK_NEW:
       break;
     case hooks::HOOK_APPENDED:
-      // Its trampoline runs the newest hook from now on, unless the slot could not be written when
-      // the record was made.
+      // Its trampoline runs the newest hook from now on. Intentional: a slot that could not be
+      // written when its record was made is written now, or it would only seem to be hooked.
       if (content_of(slot) != info.previous_function) return 0;
       break;
     case hooks::HOOK_NOT_CHAINABLE:
@@ -251,17 +258,20 @@ void hook_spec(const elfSharedLibData& library, const std::shared_ptr<void>& hol
 
 Tally hook_specs(const char* libname, plt_hook_spec* specs, std::size_t count) {
   Tally tally;
-  linker::HeldLibrary held = linker::hold_shared_lib(libname);
-  const elfSharedLibData library = usable(held.library);
-  std::shared_ptr<void> hold;
-  for (std::size_t at = 0; at < count; ++at) {
-    try {
-      if (held.hold != nullptr) hold = std::move(held.hold);
-      hook_spec(library, hold, specs[at], tally);
-    } catch (const std::bad_alloc&) {
-      LOG(ERROR) << "out of memory while hooking";
-      tally.add(fail(ENOMEM));
+  try {
+    linker::HeldLibrary held = linker::hold_shared_lib(libname);
+    const elfSharedLibData library = usable(held.library);
+    std::shared_ptr<void> hold;
+    for (std::size_t at = 0; at < count; ++at) {
+      try {
+        if (held.hold != nullptr) hold = std::move(held.hold);
+        hook_spec(library, hold, specs[at], tally);
+      } catch (const std::bad_alloc&) {
+        tally.add(out_of_memory());
+      }
     }
+  } catch (const std::bad_alloc&) {
+    tally.add(out_of_memory());
   }
   return tally;
 }
@@ -301,7 +311,8 @@ int unhook_slot(void** slot, plt_hook_spec& spec) {
   }
 }
 
-Tally unhook_specs(const char* libname, plt_hook_spec* specs, std::size_t count) {
+/// Nothing here allocates but the platform's log lines.
+Tally unhook_specs(const char* libname, plt_hook_spec* specs, std::size_t count) try {
   Tally tally;
   const linker::HeldLibrary held = linker::hold_shared_lib(libname);
   const elfSharedLibData library = usable(held.library);
@@ -316,6 +327,10 @@ Tally unhook_specs(const char* libname, plt_hook_spec* specs, std::size_t count)
       tally.add(unhook_slot(slot, specs[at]));
     }
   }
+  return tally;
+} catch (const std::bad_alloc&) {
+  Tally tally;
+  tally.add(out_of_memory());
   return tally;
 }
 

@@ -102,7 +102,8 @@ Frame* top_frame() {
   return stack != nullptr ? stack->top : nullptr;
 }
 
-/// Makes the calling thread's stack; null when there is no memory. Not inlined, as the former.
+/// Makes the calling thread's stack; null when there is no memory. Not inlined: few calls need
+/// it.
 [[gnu::noinline]] StackBlock* make_own_stack() {
   StackBlock* stack = new_stack_block();
   if (stack != nullptr && pthread_setspecific(stack_key(), stack) != 0) {
@@ -168,7 +169,7 @@ bool add_block() {
     LOG(ERROR) << "allocator_block mmap fail";
     return false;
   }
-  // For people who read the process's maps. Kernels without the feature refuse, which is no loss.
+  // For people who read the process's maps. Older kernels refuse the name; the block works without.
   const int saved_errno = errno;
   prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, memory, kBlockBytes, "plthooks plt trampolines");
   errno = saved_errno;

@@ -10,7 +10,8 @@
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
                                    std::size_t max_frames) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  // For the other kinds no size is known here; only their smallest class is looked at (wanted).
+  // Intentional: for the other kinds no size is known here, and only their smallest class is looked
+  // at.
   PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, 0));
   if (set == nullptr) return 0;
   const bool held = record_key.Get() == kHoldsStore;
@@ -45,7 +46,7 @@ void PointerData::PrepareFork() {
 
 namespace {
 
-/// Takes back the mark of PrepareFork for as long as it lives, and all marks at its end.
+/// Marks the thread as inside the store while the locks are released, and unmarks it at the end.
 class LettingGo {
  public:
   LettingGo() : marked_(record_key.Get() == kHoldsStore) {

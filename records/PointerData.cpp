@@ -63,10 +63,10 @@ __attribute__((always_inline)) inline bool StoreRecord(PointerSet* set, std::uin
   return true;
 }
 
-/// Gets `table` the memory that `missing` asks for, without its lock. False when there is none. A
-/// thread that holds every lock may hold the C library's allocator too, so it asks the kernel only.
+/// Gets `table` the memory that `missing` asks for, without its lock. False when there is none.
+/// `kernel_only`: the thread may be inside the C library's allocator, or hold its lock.
 template <typename Table, typename Missing>
-bool MakeRoom(SetMutex& mutex, bool held, Table& table, Missing missing) {
+bool MakeRoom(SetMutex& mutex, bool held, bool kernel_only, Table& table, Missing missing) {
   std::size_t bytes = 0;
   {
     const SetLock lock(mutex, held);
@@ -74,7 +74,7 @@ bool MakeRoom(SetMutex& mutex, bool held, Table& table, Missing missing) {
   }
   if (bytes == 0) return true;  // another thread has made room
   void* memory = table_memory::FromKernel(bytes);
-  if (memory == nullptr && !held) memory = table_memory::FromAllocator(bytes);
+  if (memory == nullptr && !kernel_only) memory = table_memory::FromAllocator(bytes);
   if (memory == nullptr) return false;
   {
     const SetLock lock(mutex, held);
@@ -84,7 +84,7 @@ bool MakeRoom(SetMutex& mutex, bool held, Table& table, Missing missing) {
     }
   }
   table_memory::Free(memory, bytes);
-  if (!held) table_memory::FreeWaiting();
+  if (!kernel_only) table_memory::FreeWaiting();
   return true;
 }
 
@@ -92,12 +92,13 @@ bool MakeRoom(SetMutex& mutex, bool held, Table& table, Missing missing) {
 /// has the registers to itself. False when there is no memory.
 __attribute__((noinline)) bool GrowAndStoreRecord(PointerSet* set, std::uint64_t address,
                                                   std::uint64_t encoded_size,
-                                                  const BacktraceRef& backtrace, bool held) {
+                                                  const BacktraceRef& backtrace, bool held,
+                                                  bool kernel_only) {
   const auto missing = [set] {
     set->SyncPointers();
     return set->pointers.MissingBytes();
   };
-  while (MakeRoom(set->pointer_mutex, held, set->pointers, missing)) {
+  while (MakeRoom(set->pointer_mutex, held, kernel_only, set->pointers, missing)) {
     if (StoreRecord(set, address, encoded_size, backtrace, held)) return true;
   }
   return false;
@@ -167,12 +168,13 @@ __attribute__((always_inline)) inline bool StoreBacktrace(PointerSet* set, const
 
 /// StoreBacktrace with a table that is full. False when there is no memory.
 __attribute__((noinline)) bool GrowAndStoreBacktrace(PointerSet* set, const Capture& capture,
-                                                     bool held, BacktraceRef* result) {
+                                                     bool held, bool kernel_only,
+                                                     BacktraceRef* result) {
   const auto missing = [&] {
     set->SyncFrames();
     return set->frames.MissingBytes(capture.key.num_frames);
   };
-  while (MakeRoom(set->frame_mutex, held, set->frames, missing)) {
+  while (MakeRoom(set->frame_mutex, held, kernel_only, set->frames, missing)) {
     if (StoreBacktrace(set, capture, held, result)) return true;
   }
   return false;
@@ -264,10 +266,11 @@ __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* p
   if (set == nullptr) return;
   set->pointers.Prefetch(address);  // its line arrives while the stack is walked
   record_key.Set(ThreadMark::kInside);
-  const BacktraceRef backtrace = AddBacktrace(BacktraceSize(), set, address, size, held);
+  const BacktraceRef backtrace =
+      AddBacktrace(BacktraceSize(), set, address, size, is_mapping, held);
   const std::uint64_t encoded_size = EncodeSize(size);
   if (!StoreRecord(set, address, encoded_size, backtrace, held) &&
-      !GrowAndStoreRecord(set, address, encoded_size, backtrace, held) &&
+      !GrowAndStoreRecord(set, address, encoded_size, backtrace, held, held || is_mapping) &&
       HasBacktrace(backtrace.word)) {
     CountUnreported();
     const SetLock lock(set->frame_mutex, held);
@@ -301,14 +304,17 @@ __attribute__((noinline)) void PointerData::AddMapping(const void* pointer, std:
 __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num_frames,
                                                                  PointerSet* set,
                                                                  std::uint64_t pointer,
-                                                                 std::size_t size, bool held) {
+                                                                 std::size_t size, bool is_mapping,
+                                                                 bool held) {
   BacktraceRef result{BacktraceRef::WordOf(kEmptyBacktraceIndex), time(nullptr), 0};
   // The size asked for may be anything; what the method can return bounds the buffer.
   std::size_t max_frames = std::min(num_frames, BacktraceCaptureLimit());
   std::unique_ptr<std::uint64_t[]> heap_frames;
-  if (max_frames > BacktraceStackFrames()) {
-    heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
-    if (heap_frames == nullptr) max_frames = BacktraceStackFrames();
+  // The hooked call may be the allocator's own, so a mapping's capture asks it for nothing.
+  const std::size_t on_stack = is_mapping ? kWalkLimit : BacktraceStackFrames();
+  if (max_frames > on_stack) {
+    if (!is_mapping) heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
+    if (heap_frames == nullptr) max_frames = on_stack;
   }
   std::uint64_t* frames = heap_frames.get();
   if (frames == nullptr) {
@@ -324,7 +330,7 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   const FrameKeyType key{count, frames};
   const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key), pointer, size, &frame_data};
   if (!StoreBacktrace(set, capture, held, &result) &&
-      !GrowAndStoreBacktrace(set, capture, held, &result)) {
+      !GrowAndStoreBacktrace(set, capture, held, held || is_mapping, &result)) {
     CountUnreported();  // no report shows a block without a backtrace
   }
   return result;

@@ -106,7 +106,7 @@ class PointerData {
   static void AddBlockAs(const void* pointer, std::size_t size, bool is_mapping, bool held);
   static void RemoveBlockAs(const void* pointer, std::size_t size, bool is_mapping, bool held);
   static BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
-                                   std::size_t size, bool held);
+                                   std::size_t size, bool is_mapping, bool held);
   /// Drops one reference. The caller holds the set's frame lock.
   static void RemoveBacktrace(const BacktraceRef& backtrace, PointerSet* set);
 

@@ -111,7 +111,7 @@ void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
   std::string path;
   const int fd = platform::OpenExceptionDevice(path);
   if (fd < 0) {
-    // The line break inside the message is wanted.
+    // Intentional: the line break inside the message.
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "open %s failed: %s\n", path.c_str(),
                           std::strerror(errno));
     return;

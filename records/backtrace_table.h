@@ -204,7 +204,7 @@ class BacktraceTable {
   /// The free slot where a key that is not in the table belongs.
   Slot* FreeSlot(std::uint64_t hash, std::uint64_t fingerprint);
   std::uint64_t NextBucketCount() const;
-  /// Moves the backtraces to `fresh` and sweeps the dead ones out.
+  /// Moves the backtraces to `fresh` and drops those without references.
   void Rebuild(Bucket* fresh, std::uint64_t new_count);
 
   Bucket* buckets_ = nullptr;

@@ -46,7 +46,8 @@ void* FromAllocator(std::size_t bytes) {
   const MallocDispatch* allocator = Allocator();
   if (allocator == nullptr) return nullptr;
   const int saved_errno = errno;
-  // One line for the header, one for the alignment, and one to step off the start of a page.
+  // One line for the header, one for the alignment, and one so that the block does not begin at a
+  // page.
   void* start = allocator->malloc(bytes + 3 * kCacheLine);
   errno = saved_errno;
   if (start == nullptr) return nullptr;

@@ -50,7 +50,7 @@ int sig_safe_op(void (*op)(void*), void* arg) {
       sigaddset(&signals, SIGBUS) != 0) {
     return 1;
   }
-  // On the stack: a hook must come off however little memory there is.
+  // On the stack, so that unhooking works without memory.
   sigmux_entry entry = {nullptr, {nullptr}, signals, fault_handler, &context, 0};
   sigmux_add(&entry);
   const int result = run_until_fault(&context, op, arg);

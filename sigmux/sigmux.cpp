@@ -188,7 +188,7 @@ bool is_dropped(int signum, bool ignored) {
 }
 
 /// Ends the process by `signum`. Signals whose default action does not kill (SIGCONT, SIGURG, the
-/// stop signals) come back from raise and end in abort: that is wanted, none is emulated.
+/// stop signals) come back from raise and end in abort. Intentional: none is emulated.
 [[noreturn]] void die_by(int signum) {
   set_signal_handler_to_default(signum);
   sigset_t only;

@@ -1,7 +1,8 @@
 // Which functions of which libraries are hooked for the hooked kinds, and by which proxy.
 //
 // All of it runs inside the control signal's handler, one command at a time, so the lists have no
-// lock. Takes the hook engine's locks. What allocates is said to; unhooking must always work.
+// lock. Takes the hook engine's locks. Each function says whether it
+// allocates. Unhooking allocates nothing, so that it always works.
 #pragma once
 
 #include <string>

@@ -182,11 +182,6 @@ bool InitAtFork() {
   return registered;
 }
 
-/// Without memory for the unwinder the tracker starts; captures by that method stay empty.
-void StartUnwinder() try { BacktraceStartup(); } catch (const std::bad_alloc&) {
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "no memory to prepare the unwinder");
-}
-
 }  // namespace
 
 bool track_initialize(const MallocDispatch* table, bool* zygote_child, const char* /*options*/) {
@@ -208,7 +203,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
   }
   lumora::plthooks::prepare_hook_stack();
   SignalActionsInit();
-  StartUnwinder();
+  BacktraceStartup();
   return true;
 }
 

@@ -3,14 +3,13 @@
 
 #include <sys/mman.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
 #include "async_safe/log.h"
+#include "platform/readable.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
-#include "sigmux/sig_safe_write.h"
 #include "tracker/DebugData.h"
 #include "tracker/MemTrackControl.h"
 
@@ -94,25 +93,15 @@ void* RecordMapping(void* mapping, std::size_t size, int flags) {
   return mapping;
 }
 
-/// A word of a device call's argument that may not be there.
-struct WordRead {
-  const void* from;
-  std::uint64_t word;
-};
-
 /// The word at `address`; 0 when it cannot be read. The program may pass any pointer: the device
-/// call reports a bad one, and the proxy must not fault on it. Keeps errno.
-std::uint64_t ReadWord(const void* address) {
-  WordRead read{address, 0};
-  const int saved_errno = errno;
-  const int faulted = sig_safe_op(
-      [](void* argument) {
-        auto* const wanted = static_cast<WordRead*>(argument);
-        std::memcpy(&wanted->word, wanted->from, sizeof(wanted->word));
-      },
-      &read);
-  errno = saved_errno;
-  return faulted == 0 ? read.word : 0;
+/// call reports a bad one, and the proxy must not fault on it. Takes no lock; keeps errno.
+std::uint64_t ReadWord(const std::uint64_t* address) {
+  const auto first = reinterpret_cast<std::uint64_t>(address);
+  std::uint64_t word = 0;
+  if (platform::CanRead(first) && platform::CanRead(first + sizeof(word) - 1)) {
+    std::memcpy(&word, static_cast<const void*>(address), sizeof(word));
+  }
+  return word;
 }
 
 }  // namespace

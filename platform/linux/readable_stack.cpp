@@ -7,16 +7,13 @@
 // its place: it is forgotten as soon as a capture happens elsewhere.
 #include "platform/readable_stack.h"
 
-#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/auxv.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <ctime>
 
+#include "platform/readable.h"
 #include "platform/thread_keys.h"
 
 namespace platform {
@@ -32,18 +29,8 @@ std::uint64_t PageOf(std::uint64_t address) {
   return address / kPageBytes;
 }
 
-/// Whether the page can be read. The kernel reads a word of it and compares the word with a number.
-/// Zero time to wait: it never sleeps, even if they are equal. Programs need this call for any
-/// mutex, so sandboxes allow it; under an emulator the page is the emulated program's.
 bool IsReadable(std::uint64_t page) {
-  constexpr std::uint32_t kUnlikely = 0x5BD1E995;
-  const timespec no_time{};
-  const int saved_errno = errno;
-  const long result =
-      syscall(SYS_futex, page * kPageBytes, FUTEX_WAIT_PRIVATE, kUnlikely, &no_time, nullptr, 0);
-  const bool readable = result == 0 || errno == EAGAIN || errno == ETIMEDOUT || errno == EINTR;
-  errno = saved_errno;
-  return readable;
+  return CanRead(page * kPageBytes);
 }
 
 /// A range of pages that can be read.
