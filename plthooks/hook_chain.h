@@ -47,8 +47,8 @@ class HookChain {
       const std::uint32_t removal = found.removal.load(std::memory_order_relaxed);
       return removal == 0 || removal > removals_ ? found.function : nullptr;
     }
-    /// The oldest function, which is never removed; only of a snapshot that is not empty.
-    void* original() const { return array_->elements()[0].function; }
+    /// The oldest function, which is never removed; null of an empty snapshot.
+    void* original() const { return array_ != nullptr ? array_->elements()[0].function : nullptr; }
     /// The last function; only of a snapshot that is not empty.
     void* newest() const {
       std::uint32_t index = size_ - 1;

@@ -29,7 +29,7 @@ class Unwinder {
   /// Unwinds at most `max_frames` kept frames. `maps` outlives the unwinder. Allocates the frames,
   /// so that the unwind itself needs no allocator: throws std::bad_alloc.
   Unwinder(std::size_t max_frames, LocalUpdatableMaps* maps, Regs* /*regs*/,
-           std::shared_ptr<Memory> /*process_memory*/)
+           const std::shared_ptr<Memory>& /*process_memory*/)
       : max_frames_(max_frames), maps_(maps) {
     frames_.reserve(max_frames);
   }
