@@ -16,7 +16,7 @@ endif()
 foreach(policy elf_policy paths program_name readable_stack)
   set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/${policy}.cpp)
 endforeach()
-foreach(policy fork_policy page_protection pc_policy readable_stack signal_policy thread_keys)
+foreach(policy fork_policy page_protection pc_policy signal_policy thread_keys)
   set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/${policy}.cpp)
 endforeach()
 

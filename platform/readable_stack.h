@@ -19,8 +19,8 @@ void PrepareReadableStack();
 /// stack and the thread on which it was made.
 ///
 /// Linux: ends where the mapping that holds the stack ends. Compilers keep any value in the frame
-/// pointer register there, so a walk may be led anywhere. Android: has no bounds. All code keeps
-/// frame pointers there, and the walk's own limit is the only one.
+/// pointer register there, so a walk may be led anywhere. Android: ends 8 MiB above, whatever is
+/// mapped. All code keeps frame pointers there, and the walk's own limit is far below.
 class ReadableStack {
  public:
   /// `begin` is an address on the running stack, so the page that holds it is readable.
