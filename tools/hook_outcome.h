@@ -30,8 +30,8 @@ struct HookOutcome {
 std::vector<std::string> Complaints(const std::vector<std::string>& lines);
 
 /// `complaints` without those about pairs outside the plan. The settings name libraries and
-/// functions apart, so the tracker also tries functions that a library does not import. For when all
-/// that was planned is hooked.
+/// functions apart, so the tracker also tries functions that a library does not import. For when
+/// all that was planned is hooked.
 std::vector<std::string> WithoutUnplanned(const std::vector<std::string>& complaints);
 
 /// Bytes of executable memory that belongs to no file; grows when trampolines are made. Not under

@@ -44,9 +44,10 @@ TEST(AndroidPlatform, FixedAnswers) {
   EXPECT_TRUE(platform::ThreadKeyNeverAllocates(100));
   // Every library has full RELRO: a written page is read-only from then on, whatever it was.
   EXPECT_EQ(platform::ProtectionAfterWrite(&g_line, 4096), PROT_READ);
-  // Frame pointers are trusted.
+  // Frame pointers are trusted, but for those that no stack could hold.
   platform::ReadableStack stack(0x10000);
-  EXPECT_TRUE(stack.Holds(0x8, 16) && stack.Holds(0x10ff8, 16));
+  EXPECT_TRUE(stack.Holds(0x20000, 16) && !stack.Holds(0x8, 16));
+  EXPECT_FALSE(stack.Holds(0x10000 + (8 << 20), 16) || stack.Holds(~std::uint64_t{15}, 16));
 }
 
 TEST(AndroidPlatform, HandlersOpenEverySignal) {

@@ -216,12 +216,14 @@ TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
   const LogTail log(process_);
   ASSERT_TRUE(log.IsReadable());
   const std::string pid = std::to_string(getpid());
-  directory.Write("log", "1.5 1 1 E MemLeak.Native: all plt hook failed!\n1.5 " + pid +
-                             " 1 E MemLeak.Native: plt hook mmap error: No such file or directory\n1.6 " + pid +
-                             " 1 I MemLeak.Native: set mmaphook to:true, btsize:10, btType:0\n");
+  directory.Write(
+      "log", "1.5 1 1 E MemLeak.Native: all plt hook failed!\n1.5 " + pid +
+                 " 1 E MemLeak.Native: plt hook mmap error: No such file or directory\n1.6 " + pid +
+                 " 1 I MemLeak.Native: set mmaphook to:true, btsize:10, btType:0\n");
   const HookOutcome told = WaitForHooks(process_, kind, plan, log, memory_, 0);
   EXPECT_EQ(told.result, HookResult::kHooked);
-  EXPECT_EQ(told.complaints, std::vector<std::string>{"plt hook mmap error: No such file or directory"});
+  EXPECT_EQ(told.complaints,
+            std::vector<std::string>{"plt hook mmap error: No such file or directory"});
   ASSERT_EQ(told.hooked.size(), 1U);
   EXPECT_EQ(told.hooked[0].function, "munmap");
 
