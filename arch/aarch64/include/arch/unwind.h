@@ -1,0 +1,84 @@
+// What unwinding by call-frame information needs to know about aarch64 on Linux: register numbers,
+// the start of a walk and signal frames.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "arch/frame.h"
+
+namespace arch {
+
+/// DWARF's register numbers (DWARF for the Arm 64-bit Architecture): x29, sp, and the column of the
+/// return address, which is x30's.
+inline constexpr unsigned kFramePointerColumn = 29;
+inline constexpr unsigned kStackPointerColumn = 31;
+inline constexpr unsigned kReturnAddressColumn = 30;
+/// Columns 0 to 31 are registers.
+inline constexpr unsigned kRegisterColumns = 32;
+
+/// A call leaves the return address in x30; the function called saves it where it likes.
+inline constexpr bool kCallPushesReturnAddress = false;
+
+/// Whether the caller's stack pointer is the end of the frame record. Compilers place the record
+/// anywhere in the frame.
+inline constexpr bool kFrameRecordEndsFrame = false;
+
+/// log2 of the alignment of call sites, for hashing.
+inline constexpr unsigned kCallSiteShift = 2;
+
+/// A function may use nothing below the stack pointer (AAPCS64, "The stack").
+inline constexpr std::size_t kRedZoneBytes = 0;
+
+/// The registers of one frame by column, and its program counter.
+struct Registers {
+  std::uint64_t general[kRegisterColumns];
+  std::uint64_t pc;
+};
+
+/// Fills `registers` with those of the function that this is inlined into: the ones that calls
+/// preserve, the stack pointer, and a pc inside. The others are 0.
+__attribute__((always_inline)) inline void CaptureRegisters(Registers* registers) {
+  std::memset(registers, 0, sizeof(*registers));
+  __asm__ volatile(
+      "stp x19, x20, [%0, #19*8]\n\t"
+      "stp x21, x22, [%0, #21*8]\n\t"
+      "stp x23, x24, [%0, #23*8]\n\t"
+      "stp x25, x26, [%0, #25*8]\n\t"
+      "stp x27, x28, [%0, #27*8]\n\t"
+      "stp x29, x30, [%0, #29*8]\n\t"
+      "mov x9, sp\n\t"
+      "adr x10, .\n\t"
+      "stp x9, x10, [%0, #31*8]"
+      :
+      : "r"(registers)
+      : "x9", "x10", "memory");
+}
+
+/// Bytes of code that IsSigreturn reads.
+inline constexpr std::size_t kSigreturnBytes = 8;
+
+/// Whether the code at `pc` is what a signal handler returns to: mov x8, #139; svc #0, in the
+/// kernel's shared object and in the emulator's page.
+inline bool IsSigreturn(std::uint64_t pc) {
+  constexpr std::uint32_t kCode[] = {0xd2801168, 0xd4000001};
+  return std::memcmp(reinterpret_cast<const void*>(pc), kCode, sizeof kCode) == 0;
+}
+
+/// From the stack pointer at IsSigreturn's code to the saved registers: siginfo_t (128 bytes), then
+/// ucontext_t, whose mcontext_t is at 176 and begins with the fault's address.
+inline constexpr std::size_t kSignalRegisters = 128 + 176 + 8;
+/// Bytes of the stack that RegistersFromSignal reads: x0 to x30, sp, pc.
+inline constexpr std::size_t kSignalFrameBytes = kSignalRegisters + 33 * 8;
+
+/// Fills `registers` with those that a signal interrupted. `sp` is the stack pointer at the code
+/// that the handler returns to.
+__attribute__((no_sanitize("address", "thread", "undefined"))) inline void RegistersFromSignal(
+    std::uint64_t sp, Registers* registers) {
+  const auto* saved = reinterpret_cast<const std::uint64_t*>(sp + kSignalRegisters);
+  for (std::uint64_t& value : registers->general) value = *saved++;
+  registers->pc = *saved;
+}
+
+}  // namespace arch

@@ -1,0 +1,143 @@
+// A walk that follows every register. Any thread, any context.
+#include "platform/cfi/register_walk.h"
+
+#include <algorithm>
+
+#include "platform/cfi/expression.h"
+#include "platform/cfi/frame_entry.h"
+#include "platform/cfi/frame_row.h"
+#include "platform/cfi/loaded_object.h"
+#include "platform/cfi/probe.h"
+#include "platform/cfi/rule.h"
+#include "platform/cfi/stack_range.h"
+
+namespace platform::cfi {
+namespace {
+
+/// One step: from the registers of a frame to those of its caller's.
+class RegisterStep {
+ public:
+  RegisterStep(const arch::Registers& from, arch::Registers* to)
+      : from_(from), to_(*to), stack_(from.general[arch::kStackPointerColumn]) {}
+
+  /// `pc` is an address in the instruction that the frame is at.
+  bool Run(const FrameEntry& entry, std::uint64_t pc) {
+    to_ = from_;
+    const auto return_column = static_cast<unsigned>(entry.return_address_column);
+    if (entry.return_address_column != arch::kReturnAddressColumn) return false;
+    FrameRow row;
+    if (!RunToRow(entry, pc, {return_column, return_column, return_column}, &row) ||
+        !FindCfa(row.cfa)) {
+      return false;
+    }
+    if (!TakeReturnAddress(row.rules[0])) return false;
+    // The stack pointer is the CFA unless a rule says otherwise.
+    to_.general[arch::kStackPointerColumn] = cfa_;
+    for (unsigned column = 0; column < arch::kRegisterColumns; column += kFollowedColumns) {
+      const FollowedColumns columns = {column, column + 1, column + 2};
+      if (!RunToRow(entry, pc, columns, &row)) return false;
+      for (std::size_t i = 0; i < kFollowedColumns; ++i) {
+        if (columns[i] < arch::kRegisterColumns) Take(row.rules[i], &to_.general[columns[i]]);
+      }
+    }
+    return true;
+  }
+
+ private:
+  bool FindCfa(const CfaRule& rule) {
+    if (rule.by_expression) return Evaluate(rule.expression(), from_, nullptr, &stack_, &cfa_);
+    if (!ReadColumn(from_, rule.column, &cfa_)) return false;
+    cfa_ += rule.value;
+    return true;
+  }
+
+  bool TakeReturnAddress(const RegisterRule& rule) {
+    const bool stays = rule.source == Source::kUnspecified || rule.source == Source::kSame;
+    // Where a call pushes it, it never stays in a register.
+    if (rule.source == Source::kUndefined || (stays && arch::kCallPushesReturnAddress))
+      return false;
+    if (stays) {
+      to_.pc = from_.general[arch::kReturnAddressColumn % arch::kRegisterColumns];
+    } else if (!Take(rule, &to_.pc)) {
+      return false;
+    }
+    to_.pc = arch::StripReturnAddress(to_.pc);
+    return true;
+  }
+
+  /// False, and `value` as it was, when it is not changed or cannot be found.
+  bool Take(const RegisterRule& rule, std::uint64_t* value) {
+    std::uint64_t address = 0;
+    switch (rule.source) {
+      case Source::kSavedAtOffset:
+        return Read(cfa_ + rule.value, value);
+      case Source::kIsOffset:
+        *value = cfa_ + rule.value;
+        return true;
+      case Source::kRegister:
+        return ReadColumn(from_, rule.value, value);
+      case Source::kSavedAtExpression:
+        return Evaluate(rule.expression(), from_, &cfa_, &stack_, &address) && Read(address, value);
+      case Source::kIsExpression:
+        return Evaluate(rule.expression(), from_, &cfa_, &stack_, value);
+      default:
+        return false;
+    }
+  }
+
+  __attribute__((no_sanitize("address", "thread", "undefined"))) bool Read(std::uint64_t address,
+                                                                           std::uint64_t* value) {
+    if (stack_.begin() - address - 1 < arch::kRedZoneBytes) {
+      // A function that a signal interrupted may keep registers there.
+      if (!IsReadable(address, sizeof(*value))) return false;
+      *value = *reinterpret_cast<const std::uint64_t*>(address);
+      return true;
+    }
+    return stack_.Read(address, value);
+  }
+
+  const arch::Registers& from_;
+  arch::Registers& to_;
+  StackRange stack_;
+  std::uint64_t cfa_ = 0;
+};
+
+}  // namespace
+
+RegisterWalk RegisterWalk::FromSignal(std::uint64_t sp) {
+  arch::Registers registers;
+  arch::RegistersFromSignal(sp, &registers);
+  return RegisterWalk(registers);
+}
+
+bool RegisterWalk::Step() {
+  const std::uint64_t address = interrupted_ ? pc() : pc() - 1;
+  LoadedObject object;
+  const bool found = FindLoadedObject(address, &object);
+  arch::Registers caller;
+  if (IsSignalReturn(found ? &object : nullptr, pc())) {
+    StackRange stack(sp());
+    if (!stack.Holds(sp(), arch::kSignalFrameBytes)) return false;
+    arch::RegistersFromSignal(sp(), &caller);
+    if (caller.pc == 0) return false;
+    registers_ = caller;
+    interrupted_ = true;
+    return true;
+  }
+  FrameEntry entry;
+  if (!found || !FindFrameEntry(object, address, &entry) ||
+      !RegisterStep(registers_, &caller).Run(entry, address) || caller.pc == 0) {
+    return false;
+  }
+  // A function that has made no frame yet leaves the stack pointer where it is. Only the innermost
+  // can be there, or the walk would never end.
+  const std::uint64_t caller_sp = caller.general[arch::kStackPointerColumn];
+  if (!entry.is_signal_frame && (caller_sp < sp() || (caller_sp == sp() && !interrupted_))) {
+    return false;
+  }
+  registers_ = caller;
+  interrupted_ = entry.is_signal_frame;
+  return true;
+}
+
+}  // namespace platform::cfi

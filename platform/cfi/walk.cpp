@@ -1,0 +1,216 @@
+// Walks a stack by call-frame information: along rules of the cache, and by detours where there is
+// none or where it does not do.
+//
+// Every address that is read is compared with the end of the readable stack, whatever the tables
+// say, and the stack pointer only ever grows, but at signal frames, where it may change stacks.
+#include "platform/cfi/walk.h"
+
+#include <atomic>
+
+#include "arch/unwind.h"
+#include "platform/cfi/known_objects.h"
+#include "platform/cfi/loaded_object.h"
+#include "platform/cfi/register_walk.h"
+#include "platform/cfi/rule.h"
+#include "platform/cfi/rule_cache.h"
+#include "platform/cfi/stack_range.h"
+
+// The walk reads other functions' frames, where a sanitizer may keep red zones.
+#define MEMLEAK_READS_STACK __attribute__((no_sanitize("address", "thread", "undefined")))
+
+namespace platform::cfi {
+namespace {
+
+constexpr std::uint64_t kWordBytes = sizeof(std::uint64_t);
+/// Walks that are begun anew because an object was unloaded meanwhile.
+constexpr int kAttempts = 3;
+/// Frames of the tracker and of signal handlers that a detour may pass to reach a frame.
+constexpr int kMostFrames = 4096;
+
+std::atomic<std::uint64_t> g_slow_steps{0};
+
+MEMLEAK_READS_STACK inline std::uint64_t WordAt(std::uint64_t address) {
+  return *reinterpret_cast<const std::uint64_t*>(address);
+}
+
+/// `value`, which the compiler computes with once more instead of going through another result: a
+/// walk is as fast as the chain from one return address to the next is short.
+template <typename T>
+__attribute__((always_inline)) inline T Apart(T value) {
+  __asm__("" : "+r"(value));
+  return value;
+}
+
+/// A walk's position, and where it puts what it finds.
+struct Position {
+  Frame frame;
+  StackRange stack;
+  /// The stack pointer at the last signal frame; 0 before the first.
+  std::uint64_t signal_sp = 0;
+  std::uint64_t* pcs = nullptr;
+  std::size_t count = 0;
+  std::size_t max_pcs = 0;
+};
+
+/// Finds the rule of a return address that the cache does not know.
+Rule Learn(const RuleCache& cache, std::uint64_t return_address) {
+  LoadedObject object;
+  if (return_address == 0) return Rule::Other::kEnd;
+  // What lies in no object may be anything a moment later: nothing is kept of it.
+  if (!FindLoadedObject(return_address - 1, &object)) return MakeRule(nullptr, return_address);
+  if (!NoteObject(object)) RuleCache::EndGeneration();
+  const Rule rule = MakeRule(&object, return_address);
+  cache.Add(return_address, rule);
+  return rule;
+}
+
+/// Goes on to the frame that called the one of `walk`, out of a function that a signal interrupted
+/// too, which is stored.
+bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
+  while (walk->interrupted()) {
+    if (at->count < at->max_pcs) at->pcs[at->count++] = walk->pc();
+    if (at->count == at->max_pcs || !walk->Step()) return false;
+  }
+  at->frame = {walk->pc(), walk->sp(), walk->fp()};
+  at->stack = StackRange(walk->sp());
+  return true;
+}
+
+bool StepOverSignal(Position* at) {
+  const std::uint64_t sp = at->frame.sp;
+  if (!StackRange(sp).Holds(sp, arch::kSignalFrameBytes)) return false;
+  at->signal_sp = sp;
+  RegisterWalk walk = RegisterWalk::FromSignal(sp);
+  return walk.pc() != 0 && LeaveInterrupted(&walk, at);
+}
+
+/// Takes a step that needs more registers than a walk follows: from the last place where all of
+/// them are known, which is a signal frame or this function.
+__attribute__((noinline)) bool StepWithAllRegisters(Position* at) {
+  g_slow_steps.fetch_add(1, std::memory_order_relaxed);
+  arch::Registers registers;
+  if (at->signal_sp != 0) {
+    arch::RegistersFromSignal(at->signal_sp, &registers);
+  } else {
+    arch::CaptureRegisters(&registers);
+  }
+  RegisterWalk walk(registers);
+  for (int frames = 0; walk.sp() != at->frame.sp || walk.pc() != at->frame.return_address;
+       ++frames) {
+    if (frames == kMostFrames || !walk.Step()) return false;
+  }
+  return walk.Step() && LeaveInterrupted(&walk, at);
+}
+
+/// Takes a step whose places are compared with the readable stack one by one.
+bool StepByRule(Rule rule, Position* at) {
+  Frame& frame = at->frame;
+  StackRange& stack = at->stack;
+  const std::uint64_t base = rule.kind() == Rule::kStackStep ? frame.sp : frame.fp;
+  std::uint64_t cfa = base + rule.distance();
+  if (rule.kind() == Rule::kSavedStep && !stack.Read(cfa, &cfa)) return false;
+  if (cfa <= frame.sp || !stack.Holds(cfa - kWordBytes, kWordBytes)) return false;
+  const std::uint64_t places = rule.from_register() ? base : cfa;
+  Frame caller{0, cfa, frame.fp};
+  if (rule.saves_frame_pointer() && !stack.Read(places + rule.frame_pointer(), &caller.fp)) {
+    return false;
+  }
+  const std::uint64_t place =
+      arch::kCallPushesReturnAddress ? cfa - kWordBytes : places + rule.return_address();
+  if (!stack.Read(place, &caller.return_address)) return false;
+  caller.return_address = arch::StripReturnAddress(caller.return_address);
+  frame = caller;
+  return true;
+}
+
+/// Takes any step. False where the stack ends.
+__attribute__((noinline)) bool Detour(const RuleCache& cache, Position* at) {
+  Rule rule = cache.Find(at->frame.return_address);
+  if (!rule.IsOf(cache.generation())) rule = Learn(cache, at->frame.return_address);
+  if (rule.kind() != Rule::kOther) return StepByRule(rule, at);
+  switch (rule.other()) {
+    case Rule::Other::kSignal:
+      return StepOverSignal(at);
+    case Rule::Other::kSlow:
+      return StepWithAllRegisters(at);
+    default:
+      return false;
+  }
+}
+
+/// Along the cache. What this does not do a detour does.
+MEMLEAK_READS_STACK std::size_t Walk(const RuleCache& cache, const Frame& start, std::uint64_t* pcs,
+                                     std::size_t max_pcs) {
+  const RuleCache rules = cache;  // one that nobody else sees, so that it stays in registers
+  const std::uint64_t stack_tag = rules.generation();
+  const std::uint64_t frame_tag =
+      stack_tag | (std::uint64_t{Rule::kFrameStep} << Rule::kGenerationBits);
+  Position at{start, StackRange(start.sp), 0, pcs, 0, max_pcs};
+  std::uint64_t* next = pcs;
+  std::uint64_t* const last = pcs + max_pcs;
+  for (;;) {
+    std::uint64_t return_address = at.frame.return_address;
+    std::uint64_t sp = at.frame.sp;
+    std::uint64_t fp = at.frame.fp;
+    std::uint64_t stack_end = at.stack.end();
+    for (;;) {
+      if (return_address == 0) return static_cast<std::size_t>(next - pcs);
+      *next++ = return_address - arch::kCallSiteAdjustment;
+      if (next == last) return max_pcs;
+      const Rule rule = rules.Find(return_address);
+      std::uint64_t base = sp;
+      if (__builtin_expect(rule.tag() != stack_tag, 0)) {
+        base = fp;
+        if (rule.tag() != frame_tag || fp - sp > stack_end - sp) break;
+      }
+      const std::uint64_t distance = rule.distance();
+      const std::uint64_t cfa = base + distance;
+      if (__builtin_expect(cfa > stack_end, 0)) {
+        if (!at.stack.Holds(cfa - kWordBytes, kWordBytes)) break;
+        stack_end = at.stack.end();
+      }
+      const std::uint64_t places = rule.from_register() ? base : cfa;
+      if (rule.saves_frame_pointer()) fp = WordAt(places + rule.frame_pointer());
+      return_address = arch::StripReturnAddress(arch::kCallPushesReturnAddress
+                                                    ? WordAt(base + Apart(distance) - kWordBytes)
+                                                    : WordAt(places + rule.return_address()));
+      sp = cfa;
+    }
+    at.frame = {return_address, sp, fp};
+    at.count = static_cast<std::size_t>(next - pcs);
+    if (!Detour(cache, &at)) return at.count;
+    next = pcs + at.count;
+  }
+}
+
+}  // namespace
+
+std::size_t WalkFrames(const Frame& start, std::uint64_t* pcs, std::size_t max_pcs) {
+  if (max_pcs == 0) return 0;
+  for (int attempt = 1;; ++attempt) {
+    const RuleCache cache;
+    const std::size_t count = Walk(cache, start, pcs, max_pcs);
+    if (attempt == kAttempts || cache.IsCurrent()) return count;
+  }
+}
+
+bool StepToCaller(Frame* frame) {
+  std::uint64_t interrupted_pc = 0;
+  Position at{*frame, StackRange(frame->sp), 0, &interrupted_pc, 0, 2};
+  if (frame->return_address == 0 || !Detour(RuleCache(), &at)) return false;
+  *frame = at.frame;
+  return frame->return_address != 0;
+}
+
+bool NeedsNoStackPointer(std::uint64_t return_address) {
+  const RuleCache cache;
+  Rule rule = cache.Find(return_address);
+  if (!rule.IsOf(cache.generation())) rule = Learn(cache, return_address);
+  return rule.kind() == Rule::kFrameStep;
+}
+
+std::uint64_t SlowSteps() {
+  return g_slow_steps.load(std::memory_order_relaxed);
+}
+
+}  // namespace platform::cfi
