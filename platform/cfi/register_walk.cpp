@@ -17,8 +17,8 @@ namespace {
 /// One step: from the registers of a frame to those of its caller's.
 class RegisterStep {
  public:
-  RegisterStep(const arch::Registers& from, arch::Registers* to)
-      : from_(from), to_(*to), stack_(from.general[arch::kStackPointerColumn]) {}
+  RegisterStep(const arch::Registers& from, StackRange* stack, arch::Registers* to)
+      : from_(from), to_(*to), stack_(*stack) {}
 
   /// `pc` is an address in the instruction that the frame is at.
   bool Run(const FrameEntry& entry, std::uint64_t pc) {
@@ -87,7 +87,7 @@ class RegisterStep {
 
   __attribute__((no_sanitize("address", "thread", "undefined"))) bool Read(std::uint64_t address,
                                                                            std::uint64_t* value) {
-    if (stack_.begin() - address - 1 < arch::kRedZoneBytes) {
+    if (from_.general[arch::kStackPointerColumn] - address - 1 < arch::kRedZoneBytes) {
       // A function that a signal interrupted may keep registers there.
       if (!IsReadable(address, sizeof(*value))) return false;
       *value = *reinterpret_cast<const std::uint64_t*>(address);
@@ -98,35 +98,45 @@ class RegisterStep {
 
   const arch::Registers& from_;
   arch::Registers& to_;
-  StackRange stack_;
+  StackRange& stack_;
   std::uint64_t cfa_ = 0;
 };
 
 }  // namespace
 
-RegisterWalk RegisterWalk::FromSignal(std::uint64_t sp) {
+/// Takes `registers`, whose stack pointer may be on another stack where `interrupted`. False when
+/// that is no stack.
+bool RegisterWalk::GoTo(const arch::Registers& registers, bool interrupted) {
+  const std::uint64_t new_sp = registers.general[arch::kStackPointerColumn];
+  if (registers.pc == 0) return false;
+  if (interrupted) {
+    if (!IsReadable(new_sp, sizeof(std::uint64_t))) return false;
+    stack_ = StackRange(new_sp);
+  } else if (new_sp != sp() &&
+             !stack_.Holds(new_sp - sizeof(std::uint64_t), sizeof(std::uint64_t))) {
+    return false;
+  }
+  registers_ = registers;
+  interrupted_ = interrupted;
+  return true;
+}
+
+bool RegisterWalk::EnterInterrupted(std::uint64_t sp) {
+  if (!stack_.Holds(sp, arch::kSignalFrameBytes)) return false;
   arch::Registers registers;
   arch::RegistersFromSignal(sp, &registers);
-  return RegisterWalk(registers);
+  return GoTo(registers, true);
 }
 
 bool RegisterWalk::Step() {
   const std::uint64_t address = interrupted_ ? pc() : pc() - 1;
   LoadedObject object;
   const bool found = FindLoadedObject(address, &object);
-  arch::Registers caller;
-  if (IsSignalReturn(found ? &object : nullptr, pc())) {
-    StackRange stack(sp());
-    if (!stack.Holds(sp(), arch::kSignalFrameBytes)) return false;
-    arch::RegistersFromSignal(sp(), &caller);
-    if (caller.pc == 0) return false;
-    registers_ = caller;
-    interrupted_ = true;
-    return true;
-  }
+  if (IsSignalReturn(found ? &object : nullptr, pc())) return EnterInterrupted(sp());
   FrameEntry entry;
+  arch::Registers caller;
   if (!found || !FindFrameEntry(object, address, &entry) ||
-      !RegisterStep(registers_, &caller).Run(entry, address) || caller.pc == 0) {
+      !RegisterStep(registers_, &stack_, &caller).Run(entry, address)) {
     return false;
   }
   // A function that has made no frame yet leaves the stack pointer where it is. Only the innermost
@@ -135,9 +145,7 @@ bool RegisterWalk::Step() {
   if (!entry.is_signal_frame && (caller_sp < sp() || (caller_sp == sp() && !interrupted_))) {
     return false;
   }
-  registers_ = caller;
-  interrupted_ = entry.is_signal_frame;
-  return true;
+  return GoTo(caller, entry.is_signal_frame);
 }
 
 }  // namespace platform::cfi

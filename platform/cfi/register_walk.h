@@ -7,18 +7,23 @@
 #include <cstdint>
 
 #include "arch/unwind.h"
+#include "platform/cfi/stack_range.h"
 
 namespace platform::cfi {
 
 class RegisterWalk {
  public:
-  /// Begins in a frame whose pc is that of an instruction to be run next: the caller's own, or one
-  /// that a signal interrupted.
-  explicit RegisterWalk(const arch::Registers& registers) : registers_(registers) {}
+  /// Begins in the function that filled `registers` with its own.
+  explicit RegisterWalk(const arch::Registers& registers)
+      : registers_(registers), stack_(registers.general[arch::kStackPointerColumn]) {}
 
-  /// Begins at the code that a signal handler returns to, in the frame that the signal interrupted.
-  /// `sp` is the stack pointer at that code; the frame's place on the stack was checked.
-  static RegisterWalk FromSignal(std::uint64_t sp);
+  /// Begins nowhere, on `stack`: EnterInterrupted comes next.
+  explicit RegisterWalk(const StackRange& stack) : registers_{}, stack_(stack) {}
+
+  /// Goes to the frame that a signal interrupted. `sp`, on this walk's stack, is the stack pointer
+  /// at the code that the signal's handler returns to. False, and nothing changed, when what lies
+  /// there makes no sense.
+  bool EnterInterrupted(std::uint64_t sp);
 
   /// Goes on to the caller's frame. False, and nothing changed, where the stack ends or cannot be
   /// followed.
@@ -27,11 +32,16 @@ class RegisterWalk {
   std::uint64_t pc() const { return registers_.pc; }
   std::uint64_t sp() const { return registers_.general[arch::kStackPointerColumn]; }
   std::uint64_t fp() const { return registers_.general[arch::kFramePointerColumn]; }
+  /// The stack that sp() is on.
+  const StackRange& stack() const { return stack_; }
   /// Whether pc() is that of an instruction to be run next, not one behind a call.
   bool interrupted() const { return interrupted_; }
 
  private:
+  bool GoTo(const arch::Registers& registers, bool interrupted);
+
   arch::Registers registers_;
+  StackRange stack_;
   bool interrupted_ = true;
 };
 

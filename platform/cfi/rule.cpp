@@ -127,9 +127,11 @@ bool Rule::Pack(const Step& step, Rule* rule) {
 }
 
 bool IsSignalReturn(const LoadedObject* object, std::uint64_t pc) {
-  const bool readable = object != nullptr ? object->ReadableEnd(pc, arch::kSigreturnBytes) != 0
-                                          : pc != 0 && IsReadable(pc, arch::kSigreturnBytes);
-  return readable && arch::IsSigreturn(pc);
+  if (object != nullptr) {
+    return object->ReadableEnd(pc, arch::kSigreturnBytes) != 0 && arch::IsSigreturn(pc);
+  }
+  return !arch::kSigreturnIsInObject && IsReadable(pc, arch::kSigreturnBytes) &&
+         arch::IsSigreturn(pc);
 }
 
 Rule MakeRule(const LoadedObject* object, std::uint64_t return_address) {

@@ -20,9 +20,8 @@ constexpr std::size_t kMostSlots = std::size_t{1} << 22;
 
 }  // namespace
 
-// What is used until there is a first rule: full from the start.
-RuleCache::Table RuleCache::g_empty{};
-std::atomic<RuleCache::Table*> RuleCache::g_table{&g_empty};
+RuleCache::EmptyTable RuleCache::g_empty;
+std::atomic<RuleCache::Table*> RuleCache::g_table{&g_empty.head};
 std::atomic<std::uint64_t> RuleCache::g_generation{1};
 
 Rule RuleCache::FindFurther(const Slot* slot, std::uint64_t return_address) {
@@ -36,8 +35,8 @@ Rule RuleCache::FindFurther(const Slot* slot, std::uint64_t return_address) {
 
 RuleCache::Table* RuleCache::MakeTable(std::size_t slots) {
   const int saved_errno = errno;
-  void* memory = mmap(nullptr, sizeof(Table) + slots * sizeof(Slot), PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* memory = mmap(nullptr, sizeof(Table) + (slots + kProbes) * sizeof(Slot),
+                      PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   errno = saved_errno;
   if (memory == MAP_FAILED) return nullptr;
   auto* table = static_cast<Table*>(memory);
@@ -48,7 +47,7 @@ RuleCache::Table* RuleCache::MakeTable(std::size_t slots) {
 
 /// Puts `rule` into the slot of `key`. False when there is no room near its place.
 bool RuleCache::Insert(Table* table, std::uint64_t key, Rule rule) {
-  Slot* slot = table->first + PlaceOf(table->mask, key) / kSlotWords;
+  Slot* slot = table->Slots() + PlaceOf(table->mask, key) / kSlotWords;
   for (std::size_t probe = 0; probe < kProbes; ++probe, ++slot) {
     std::uint64_t present = slot->key.load(std::memory_order_relaxed);
     if (present == 0 &&
@@ -68,18 +67,18 @@ bool RuleCache::Insert(Table* table, std::uint64_t key, Rule rule) {
 /// back.
 bool RuleCache::Publish(Table* old_table, Table* table) {
   const int saved_errno = errno;
-  table->previous = old_table;
+  table->previous = old_table == &g_empty.head ? nullptr : old_table;
   Table* expected = old_table;
   const bool published =
       g_table.compare_exchange_strong(expected, table, std::memory_order_acq_rel);
   if (!published) {
-    munmap(table, sizeof(Table) + table->slots * sizeof(Slot));
-  } else if (old_table->previous != nullptr && old_table->previous != &g_empty) {
+    munmap(table, table->Bytes());
+  } else if (old_table->previous != nullptr) {
     // Readers of the one before that are rare: they may find it empty. The page with its head
     // stays.
     auto* head = reinterpret_cast<char*>(old_table->previous);
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const std::size_t bytes = sizeof(Table) + old_table->previous->slots * sizeof(Slot);
+    const std::size_t bytes = old_table->previous->Bytes();
     if (bytes > page) madvise(head + page, bytes - page, MADV_DONTNEED);
   }
   errno = saved_errno;
@@ -112,7 +111,7 @@ RuleCache::Table* RuleCache::Replace(Table* table, std::uint64_t generation) {
   for (std::size_t i = 0; i < old_slots; ++i) {
     const Rule rule = table->RuleAt(i);
     if (!rule.IsOf(generation)) continue;
-    Insert(larger, table->first[i].key.load(std::memory_order_relaxed), rule);
+    Insert(larger, table->Slots()[i].key.load(std::memory_order_relaxed), rule);
   }
   return larger;
 }
@@ -135,7 +134,7 @@ void RuleCache::EndGeneration() {
     next = (generation + 1) & Rule::kGenerationMask;
     if (next == 0) {
       // Numbers are used anew: rules that were made under them long ago go first.
-      g_table.store(&g_empty, std::memory_order_release);
+      g_table.store(&g_empty.head, std::memory_order_release);
       next = 1;
     }
   } while (!g_generation.compare_exchange_weak(generation, next, std::memory_order_acq_rel));

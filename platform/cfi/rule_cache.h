@@ -20,7 +20,7 @@ class RuleCache {
  public:
   RuleCache() {
     const Table* table = g_table.load(std::memory_order_acquire);
-    slots_ = table->first;
+    slots_ = table->Slots();
     mask_ = table->mask;
     generation_ = g_generation.load(std::memory_order_acquire);
   }
@@ -65,17 +65,26 @@ class RuleCache {
   /// Slots that a key may be in, from its first one on; so many more lie behind the last.
   static constexpr std::size_t kProbes = 8;
 
-  struct Table {
+  /// The head of a table. `slots` slots follow, and kProbes more.
+  struct alignas(64) Table {
     std::uint64_t mask;
     std::size_t slots;
     std::atomic<std::size_t> used;
     /// The one that this one replaced.
     Table* previous;
-    alignas(64) Slot first[kProbes];  // and `slots` more
 
+    Slot* Slots() { return reinterpret_cast<Slot*>(this + 1); }
+    const Slot* Slots() const { return reinterpret_cast<const Slot*>(this + 1); }
     Rule RuleAt(std::size_t slot) const {
-      return Rule(first[slot].rule.load(std::memory_order_relaxed));
+      return Rule(Slots()[slot].rule.load(std::memory_order_relaxed));
     }
+    std::size_t Bytes() const { return sizeof(Table) + (slots + kProbes) * sizeof(Slot); }
+  };
+
+  /// What is used until there is a first rule. It has no room.
+  struct EmptyTable {
+    Table head{};
+    Slot slots[kProbes]{};
   };
 
   /// The first slot of `key`, counted in words. The low bits as they are: call sites of one
@@ -91,7 +100,7 @@ class RuleCache {
   static Table* Replace(Table* table, std::uint64_t generation);
   static bool Publish(Table* old_table, Table* table);
 
-  static Table g_empty;
+  static EmptyTable g_empty;
   static std::atomic<Table*> g_table;
   static std::atomic<std::uint64_t> g_generation;
 

@@ -72,34 +72,38 @@ bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
     if (at->count == at->max_pcs || !walk->Step()) return false;
   }
   at->frame = {walk->pc(), walk->sp(), walk->fp()};
-  at->stack = StackRange(walk->sp());
+  at->stack = walk->stack();
   return true;
 }
 
 bool StepOverSignal(Position* at) {
-  const std::uint64_t sp = at->frame.sp;
-  if (!StackRange(sp).Holds(sp, arch::kSignalFrameBytes)) return false;
-  at->signal_sp = sp;
-  RegisterWalk walk = RegisterWalk::FromSignal(sp);
-  return walk.pc() != 0 && LeaveInterrupted(&walk, at);
+  RegisterWalk walk(at->stack);
+  if (!walk.EnterInterrupted(at->frame.sp)) return false;
+  at->signal_sp = at->frame.sp;
+  return LeaveInterrupted(&walk, at);
+}
+
+/// Goes from `walk`, where all registers are known, to the frame of `at`, and on to its caller's.
+bool StepInWalk(RegisterWalk* walk, Position* at) {
+  for (int frames = 0; walk->sp() != at->frame.sp || walk->pc() != at->frame.return_address;
+       ++frames) {
+    if (frames == kMostFrames || !walk->Step()) return false;
+  }
+  return walk->Step() && LeaveInterrupted(walk, at);
 }
 
 /// Takes a step that needs more registers than a walk follows: from the last place where all of
 /// them are known, which is a signal frame or this function.
 __attribute__((noinline)) bool StepWithAllRegisters(Position* at) {
   g_slow_steps.fetch_add(1, std::memory_order_relaxed);
-  arch::Registers registers;
   if (at->signal_sp != 0) {
-    arch::RegistersFromSignal(at->signal_sp, &registers);
-  } else {
-    arch::CaptureRegisters(&registers);
+    RegisterWalk walk{StackRange(at->signal_sp)};
+    return walk.EnterInterrupted(at->signal_sp) && StepInWalk(&walk, at);
   }
+  arch::Registers registers;
+  arch::CaptureRegisters(&registers);
   RegisterWalk walk(registers);
-  for (int frames = 0; walk.sp() != at->frame.sp || walk.pc() != at->frame.return_address;
-       ++frames) {
-    if (frames == kMostFrames || !walk.Step()) return false;
-  }
-  return walk.Step() && LeaveInterrupted(&walk, at);
+  return StepInWalk(&walk, at);
 }
 
 /// Takes a step whose places are compared with the readable stack one by one.

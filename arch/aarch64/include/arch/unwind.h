@@ -66,6 +66,10 @@ inline bool IsSigreturn(std::uint64_t pc) {
   return std::memcmp(reinterpret_cast<const void*>(pc), kCode, sizeof kCode) == 0;
 }
 
+/// Whether the code that signal handlers return to always lies in a loaded object. The emulator has
+/// a page of its own for it.
+inline constexpr bool kSigreturnIsInObject = false;
+
 /// From the stack pointer at IsSigreturn's code to the saved registers: siginfo_t (128 bytes), then
 /// ucontext_t, whose mcontext_t is at 176 and begins with the fault's address.
 inline constexpr std::size_t kSignalRegisters = 128 + 176 + 8;

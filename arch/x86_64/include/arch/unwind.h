@@ -68,6 +68,10 @@ inline bool IsSigreturn(std::uint64_t pc) {
   return std::memcmp(reinterpret_cast<const void*>(pc), kCode, sizeof kCode) == 0;
 }
 
+/// Whether the code that signal handlers return to always lies in a loaded object: the C library
+/// has it.
+inline constexpr bool kSigreturnIsInObject = true;
+
 /// Bytes of the stack that RegistersFromSignal reads, from the stack pointer at IsSigreturn's code.
 inline constexpr std::size_t kSignalFrameBytes = 40 + 17 * 8;
 
