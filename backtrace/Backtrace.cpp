@@ -5,24 +5,15 @@
 #include "backtrace/Backtrace.h"
 
 #include <sys/system_properties.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <memory>
-#include <new>
-#include <string>
-#include <utility>
 
 #include "arch/frame.h"
 #include "async_safe/log.h"
+#include "platform/call_stack.h"
 #include "plthooks/trampoline.h"
 #include "tracker/MemTrackControl.h"
-#include "unwindstack/Maps.h"
-#include "unwindstack/Memory.h"
-#include "unwindstack/Regs.h"
-#include "unwindstack/RegsGetLocal.h"
 
 // The walk reads other functions' frames, where a sanitizer may keep red zones, and its reads of
 // the settings race on purpose.
@@ -37,14 +28,8 @@ constexpr std::size_t kSkippedLevels = 3;
 /// a proxy and what the caller itself has on its stack.
 constexpr std::uint64_t kHookedCallerBytes = std::uint64_t{64} << 10;
 
-/// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
-/// threads that outlive main capture until the last moment.
-struct UnwinderState {
-  unwindstack::LocalUpdatableMaps maps;
-  std::shared_ptr<unwindstack::Memory> memory;
-  const std::vector<std::string> skipped_libraries{"libunwindstack.so", "libmemleak_tracker.so"};
-};
-std::atomic<UnwinderState*> g_unwinder{nullptr};
+/// Whether there can be stacks by the unwinder.
+std::atomic<bool> g_unwinder_ready{false};
 
 /// Follows the frame records from the one at `base` upward. `pc` is an address in the function
 /// that owns it. Leaves out the first `skipped` levels. Returns how many of `frames` were filled.
@@ -91,39 +76,18 @@ MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uin
   return WalkFramePointers(base, pc, 0, frames, max_frames);
 }
 
-/// Unwinds from here. The registers are filled and used in one and the same function, since the
-/// unwinder walks frames that must still exist.
-/// Without memory there are no frames; errno stays the program's.
-__attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t max_frames) {
-  UnwinderState* state = g_unwinder.load(std::memory_order_acquire);
-  max_frames = std::min(max_frames, kUnwindLimit);
-  if (state == nullptr || max_frames == 0) return 0;
-  const int saved_errno = errno;
-  std::size_t stored = 0;
-  try {
-    const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
-    unwindstack::RegsGetLocal(regs.get());
-    unwindstack::Unwinder unwinder(max_frames, &state->maps, regs.get(), state->memory);
-    unwinder.SetResolveNames(false);
-    unwinder.Unwind(&state->skipped_libraries, nullptr);
-    for (const unwindstack::FrameData& frame : unwinder.frames()) {
-      if (stored == max_frames) break;
-      frames[stored++] = frame.pc;
-    }
-  } catch (const std::bad_alloc&) {
-    stored = 0;
+/// The frame record of the tracker's entry, `own` being that of the capture.
+MEMLEAK_READS_STACK const arch::FrameRecord* EntryRecord(const arch::FrameRecord* own) {
+  for (std::size_t level = 0; level < kSkippedLevels; ++level) {
+    own = reinterpret_cast<const arch::FrameRecord*>(own->caller_frame);
   }
-  errno = saved_errno;
-  return stored;
+  return own;
 }
 
 }  // namespace
 
 void BacktraceStartup() {
-  auto state = std::make_unique<UnwinderState>();
-  state->memory = unwindstack::Memory::CreateProcessMemoryThreadCached(getpid());
-  if (!state->maps.Parse()) state.reset();
-  delete g_unwinder.exchange(state.release(), std::memory_order_acq_rel);
+  g_unwinder_ready.store(platform::PrepareCallStacks(), std::memory_order_release);
 }
 
 char GetBacktraceTypeFromProp() {
@@ -139,8 +103,8 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     std::uint64_t* frames, std::size_t max_frames,
     std::vector<unwindstack::FrameData>& /*frame_data*/) {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
+  const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
   if (__builtin_expect(type == kBacktraceFramePointer, 1)) {
-    const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
     if (__builtin_expect(MemTrackControl::IsPltHook(), 0)) {
       return WalkFromHookedCaller(reinterpret_cast<std::uint64_t>(own), frames, max_frames);
     }
@@ -148,7 +112,10 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     return WalkFramePointers(own->caller_frame, arch::StripReturnAddress(caller), kSkippedLevels,
                              frames, max_frames);
   }
-  if (type == kBacktraceUnwinder) return Unwind(frames, max_frames);
+  if (type == kBacktraceUnwinder) {
+    if (!g_unwinder_ready.load(std::memory_order_acquire)) return 0;
+    return platform::CallStack(EntryRecord(own), frames, std::min(max_frames, kUnwindLimit));
+  }
   async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "invalid backtrace type");
   return 0;
 }

@@ -22,7 +22,10 @@ constexpr std::size_t kMostSlots = std::size_t{1} << 22;
 
 RuleCache::EmptyTable RuleCache::g_empty;
 std::atomic<RuleCache::Table*> RuleCache::g_table{&g_empty.head};
-std::atomic<std::uint64_t> RuleCache::g_generation{1};
+std::atomic<std::uint64_t> RuleCache::g_unloads{0};
+const std::atomic<std::uint64_t> RuleCache::g_nobody_counts{0};
+std::atomic<const std::atomic<std::uint64_t>*> RuleCache::g_observed_unloads{&g_nobody_counts};
+std::atomic<std::uint64_t> RuleCache::g_rounds{0};
 
 Rule RuleCache::FindFurther(const Slot* slot, std::uint64_t return_address) {
   for (std::size_t probe = 1; probe < kProbes; ++probe) {
@@ -118,6 +121,13 @@ RuleCache::Table* RuleCache::Replace(Table* table, std::uint64_t generation) {
 
 void RuleCache::Add(std::uint64_t return_address, Rule rule) const {
   rule = rule.WithGeneration(generation_);
+  // Numbers of generations are used anew. Each generation begins with misses: rules that were made
+  // under its number long ago go before one of them is found.
+  const std::uint64_t round = Unloads() << 1 >> Rule::kGenerationBits;
+  if (g_rounds.load(std::memory_order_relaxed) != round) {
+    g_rounds.store(round, std::memory_order_relaxed);
+    g_table.store(&g_empty.head, std::memory_order_release);
+  }
   Table* table = g_table.load(std::memory_order_acquire);
   if (table->used.load(std::memory_order_relaxed) * kSlotsPerKey >= table->slots) {
     table = Replace(table, generation_);
@@ -125,19 +135,6 @@ void RuleCache::Add(std::uint64_t return_address, Rule rule) const {
   if (table == nullptr || Insert(table, return_address, rule)) return;
   table = Replace(table, generation_);
   if (table != nullptr) Insert(table, return_address, rule);
-}
-
-void RuleCache::EndGeneration() {
-  std::uint64_t generation = g_generation.load(std::memory_order_acquire);
-  std::uint64_t next = 0;
-  do {
-    next = (generation + 1) & Rule::kGenerationMask;
-    if (next == 0) {
-      // Numbers are used anew: rules that were made under them long ago go first.
-      g_table.store(&g_empty.head, std::memory_order_release);
-      next = 1;
-    }
-  } while (!g_generation.compare_exchange_weak(generation, next, std::memory_order_acq_rel));
 }
 
 }  // namespace platform::cfi

@@ -22,7 +22,7 @@ class RuleCache {
     const Table* table = g_table.load(std::memory_order_acquire);
     slots_ = table->Slots();
     mask_ = table->mask;
-    generation_ = g_generation.load(std::memory_order_acquire);
+    generation_ = Generation(Unloads());
   }
 
   std::uint64_t generation() const { return generation_; }
@@ -47,10 +47,16 @@ class RuleCache {
   void Add(std::uint64_t return_address, Rule rule) const;
 
   /// Whether rules of this view may be used still.
-  bool IsCurrent() const { return g_generation.load(std::memory_order_acquire) == generation_; }
+  bool IsCurrent() const { return Generation(Unloads()) == generation_; }
 
   /// Makes all rules invalid: before an object is unloaded and again afterwards.
-  static void EndGeneration();
+  static void EndGeneration() { g_unloads.fetch_add(1, std::memory_order_acq_rel); }
+
+  /// Has rules become invalid, too, whenever `unloads` changes. It only grows, and lives for the
+  /// process. At start-up.
+  static void Observe(const std::atomic<std::uint64_t>* unloads) {
+    g_observed_unloads.store(unloads, std::memory_order_release);
+  }
 
  private:
   /// Claimed for a key once and for all. The rule follows, and is overwritten when its generation
@@ -93,6 +99,15 @@ class RuleCache {
     return (key >> (arch::kCallSiteShift - 1)) & mask;
   }
 
+  static std::uint64_t Unloads() {
+    const auto* observed = g_observed_unloads.load(std::memory_order_acquire);
+    return g_unloads.load(std::memory_order_acquire) + observed->load(std::memory_order_acquire);
+  }
+  /// The lowest bit tells a generation from a slot without a rule.
+  static std::uint64_t Generation(std::uint64_t unloads) {
+    return (unloads << 1 | 1) & Rule::kGenerationMask;
+  }
+
   static Rule FindFurther(const Slot* slot, std::uint64_t return_address);
   static Table* MakeTable(std::size_t slots);
   static bool Insert(Table* table, std::uint64_t key, Rule rule);
@@ -102,7 +117,11 @@ class RuleCache {
 
   static EmptyTable g_empty;
   static std::atomic<Table*> g_table;
-  static std::atomic<std::uint64_t> g_generation;
+  static std::atomic<std::uint64_t> g_unloads;
+  static const std::atomic<std::uint64_t> g_nobody_counts;
+  static std::atomic<const std::atomic<std::uint64_t>*> g_observed_unloads;
+  /// How often the numbers of generations were used up. See Add.
+  static std::atomic<std::uint64_t> g_rounds;
 
   const Slot* slots_;
   std::uint64_t mask_;

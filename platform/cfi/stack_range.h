@@ -1,28 +1,28 @@
-// How far the stack that a walk is on can be read.
+// The stack that a walk is on, as far as it can be read.
 //
 // Any thread, any context.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
+
+#include "platform/readable_stack.h"
 
 namespace platform::cfi {
 
 /// The stack from an address on it upward. An object serves one walk.
 class StackRange {
  public:
-  /// `begin` is an address on the running stack.
-  explicit StackRange(std::uint64_t begin) : begin_(begin), end_((begin | (kPageBytes - 1)) + 1) {}
+  /// `begin` is an address on a stack of the calling thread, whose page can be read.
+  explicit StackRange(std::uint64_t begin)
+      : begin_(begin), end_((begin | (kPageBytes - 1)) + 1), readable_(begin) {}
 
-  std::uint64_t begin() const { return begin_; }
   /// As far as it is known. Holds may learn more.
   std::uint64_t end() const { return end_; }
 
-  /// Whether all of `bytes` bytes (more than 0) at `address` are stack that can be read. Takes no
-  /// system call where that is known; keeps errno.
+  /// Whether all of `bytes` bytes (more than 0) at `address` are stack that can be read. Keeps errno.
   bool Holds(std::uint64_t address, std::uint64_t bytes) {
     const bool known = address >= begin_ && address < end_ && end_ - address >= bytes;
-    return __builtin_expect(static_cast<long>(known), 1L) != 0 || Reaches(address, bytes);
+    return known || Reaches(address, bytes);
   }
 
   /// Takes a word from the stack; false, and `value` as it was, where there is none.
@@ -36,10 +36,12 @@ class StackRange {
  private:
   static constexpr std::uint64_t kPageBytes = 4096;  // the smallest there is
 
+  /// Holds for what lies outside of the part that is known so far.
   bool Reaches(std::uint64_t address, std::uint64_t bytes);
 
   std::uint64_t begin_;
   std::uint64_t end_;
+  ReadableStack readable_;
 };
 
 }  // namespace platform::cfi
