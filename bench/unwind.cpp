@@ -28,10 +28,17 @@ std::uint64_t g_pcs[kMostFrames];
 std::size_t g_max = 0;
 std::uint64_t g_captured = 0;
 
-/// Stands for the tracker's entry: has a frame record.
-__attribute__((noinline, optimize("no-omit-frame-pointer"))) void Entry(int captures) {
+#define KEEPS_FRAME_RECORD __attribute__((noinline, optimize("no-omit-frame-pointer")))
+
+KEEPS_FRAME_RECORD void Capture(int captures) {
   const auto* record = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
   for (int i = 0; i < captures; ++i) g_captured += platform::CallStack(record, g_pcs, g_max);
+  __asm__ volatile("" ::: "memory");
+}
+
+/// Stands for the tracker's entry.
+KEEPS_FRAME_RECORD void Entry(int captures) {
+  Capture(captures);
   __asm__ volatile("" ::: "memory");
 }
 

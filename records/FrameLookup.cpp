@@ -1,9 +1,8 @@
 // Reading one block's backtrace, and the locks around fork.
-#include <pthread.h>
-
 #include <mutex>
 
 #include "platform/bounds_checked.h"
+#include "platform/fork_policy.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/set_selection.h"
@@ -11,51 +10,64 @@
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
                                    std::size_t max_frames) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  // For the other kinds no size is known here; only their smallest class is looked at (wanted).
+  // Intentional: for the other kinds no size is known here, and only their smallest class is looked
+  // at.
   PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, 0));
   if (set == nullptr) return 0;
-  const std::lock_guard<SetMutex> pointer_guard(set->pointer_mutex);
+  const bool held = record_key.Get() == kHoldsStore;
+  const SetLock pointer_lock(set->pointer_mutex, held);
   const std::uint64_t generation = set->SyncPointers();
   const Record* const record = set->pointers.Find(address);
   if (record == nullptr) return 0;
   const FrameInfoType* const backtrace = BacktraceRef::Backtrace(record->backtrace);
   if (backtrace == nullptr) return 0;
-  const std::lock_guard<SetMutex> frame_guard(set->frame_mutex);
+  const SetLock frame_lock(set->frame_mutex, held);
   if (set->SyncFrames() != generation) return 0;
   const std::size_t count = backtrace->num_frames < max_frames ? backtrace->num_frames : max_frames;
   const std::size_t bytes = count * sizeof(std::uintptr_t);
   return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;
 }
 
-namespace {
-
-/// Whether PrepareFork has marked its thread. Guarded by the locks that it holds.
-bool marked_by_fork = false;
-
-void UnmarkAfterFork() {
-  if (!marked_by_fork) return;
-  marked_by_fork = false;
-  pthread_setspecific(record_key, nullptr);
-}
-
-}  // namespace
-
 void PointerData::PrepareFork() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
+  // A thread that is marked already stays so: a signal handler that forks has interrupted the
+  // store.
+  const bool marks = record_key.Get() == nullptr;
+  // Before the first lock: a signal handler that interrupts this must not wait for one.
+  if (marks) record_key.Set(ThreadMark::kInside);
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     all[i].spare_mutex.lock();
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
   }
-  marked_by_fork = pthread_getspecific(record_key) == nullptr;
-  if (marked_by_fork) pthread_setspecific(record_key, MemTrackControl::kMark);
+  if (marks) record_key.Set(kHoldsStore);
 }
+
+namespace {
+
+/// Marks the thread as inside the store while the locks are released, and unmarks it at the end.
+class LettingGo {
+ public:
+  LettingGo() : marked_(record_key.Get() == kHoldsStore) {
+    if (marked_) record_key.Set(ThreadMark::kInside);
+  }
+  ~LettingGo() {
+    if (marked_) record_key.Set(nullptr);
+  }
+  LettingGo(const LettingGo&) = delete;
+  LettingGo& operator=(const LettingGo&) = delete;
+
+ private:
+  const bool marked_;
+};
+
+}  // namespace
 
 void PointerData::PostForkParent() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
-  UnmarkAfterFork();
+  const LettingGo letting_go;
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     all[i].spare_mutex.unlock();
     all[i].pointer_mutex.unlock();
@@ -66,17 +78,20 @@ void PointerData::PostForkParent() {
 void PointerData::PostForkChild() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
-  UnmarkAfterFork();
-  // Held by the forking thread or free: either way an unlock after an attempt leaves it free. The
-  // Java-native tables' locks and the initialise lock are not touched: a child forked while
-  // another thread held one of them inherits it locked (wanted).
+  const LettingGo letting_go;
+  // Held by the forking thread or free: either way an unlock after an attempt leaves it free.
   const auto release = [](SetMutex& mutex) {
     static_cast<void>(mutex.try_lock());
     mutex.unlock();
   };
+  const bool all_locks = platform::ForkedChildFreesLocks();
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     release(all[i].frame_mutex);
     release(all[i].pointer_mutex);
     release(all[i].spare_mutex);
+    if (!all_locks) continue;
+    release(all[i].java_pointer_mutex);
+    release(all[i].unwind_mutex);
   }
+  if (all_locks) release(InitialiseLock());
 }

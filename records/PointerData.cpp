@@ -1,23 +1,21 @@
 // Adding and removing records: the hot path of every tracked allocation.
 #include "records/PointerData.h"
 
-#include <pthread.h>
-
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
 #include "records/PointerSet.h"
 #include "records/set_selection.h"
+#include "records/table_memory.h"
 #include "tracker/MemTrackControl.h"
 
 namespace {
-
-/// Captures of at most this many frames use the stack: all that the frame-pointer walk can return.
-constexpr std::size_t kStackFrames = 256;
 
 std::atomic<PointerSet*> set_array{nullptr};
 
@@ -36,11 +34,12 @@ bool HasBacktrace(std::uintptr_t word) {
   return BacktraceRef::Backtrace(word) != nullptr;
 }
 
-/// Files the record of a new block. False when there is no room for it or a clear came between
-/// the capture of its backtrace and now: then it counts as made before the clear.
-bool StoreRecord(PointerSet* set, std::uint64_t address, std::uint64_t encoded_size,
-                 const BacktraceRef& backtrace) {
-  const std::lock_guard<SetMutex> guard(set->pointer_mutex);
+/// Files the record of a new block. False when the table has no room for it. A clear between the
+/// capture of the backtrace and now leaves no record: the block counts as made before the clear.
+__attribute__((always_inline)) inline bool StoreRecord(PointerSet* set, std::uint64_t address,
+                                                       std::uint64_t encoded_size,
+                                                       const BacktraceRef& backtrace, bool held) {
+  const SetLock lock(set->pointer_mutex, held);
   const std::uint64_t generation = set->SyncPointers();
   const bool has_backtrace = HasBacktrace(backtrace.word);
   if (has_backtrace && backtrace.generation != generation) return true;
@@ -53,11 +52,9 @@ bool StoreRecord(PointerSet* set, std::uint64_t address, std::uint64_t encoded_s
   if (!inserted && record->backtrace == backtrace.word) {
     time = record->time;
   } else {
-    if (!inserted && HasBacktrace(record->backtrace)) {
-      set->KeepTime(address, BacktraceRef::Backtrace(record->backtrace), record->time);
-    }
-    if (has_backtrace && !set->kept_times.empty()) {
-      time = set->TakeKeptTime(address, BacktraceRef::Backtrace(backtrace.word), time);
+    if (!inserted && HasBacktrace(record->backtrace)) set->KeepTime(*record);
+    if (has_backtrace && set->kept_times.size() != 0) {
+      time = set->TakeKeptTime(address, backtrace.word, time);
     }
   }
   record->size = encoded_size;
@@ -66,13 +63,62 @@ bool StoreRecord(PointerSet* set, std::uint64_t address, std::uint64_t encoded_s
   return true;
 }
 
-/// Files the Java-native part of a capture. The caller holds the set's frame lock.
-void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded_size,
-                   std::vector<unwindstack::FrameData>* frame_data) try {
+/// Gets `table` the memory that `missing` asks for, without its lock. False when there is none.
+/// `kernel_only`: the thread may be inside the C library's allocator, or hold its lock.
+template <typename Table, typename Missing>
+bool MakeRoom(SetMutex& mutex, bool held, bool kernel_only, Table& table, Missing missing) {
+  std::size_t bytes = 0;
+  {
+    const SetLock lock(mutex, held);
+    bytes = missing();
+  }
+  if (bytes == 0) return true;  // another thread has made room
+  void* memory = table_memory::FromKernel(bytes);
+  if (memory == nullptr && !kernel_only) memory = table_memory::FromAllocator(bytes);
+  if (memory == nullptr) return false;
+  {
+    const SetLock lock(mutex, held);
+    if (missing() == bytes) {
+      table.Extend(memory, bytes);
+      memory = nullptr;
+    }
+  }
+  table_memory::Free(memory, bytes);
+  if (!kernel_only) table_memory::FreeWaiting();
+  return true;
+}
+
+/// StoreRecord with a table that is full. Out of line, like all that is rare: the usual path then
+/// has the registers to itself. False when there is no memory.
+__attribute__((noinline)) bool GrowAndStoreRecord(PointerSet* set, std::uint64_t address,
+                                                  std::uint64_t encoded_size,
+                                                  const BacktraceRef& backtrace, bool held,
+                                                  bool kernel_only) {
+  const auto missing = [set] {
+    set->SyncPointers();
+    return set->pointers.MissingBytes();
+  };
+  while (MakeRoom(set->pointer_mutex, held, kernel_only, set->pointers, missing)) {
+    if (StoreRecord(set, address, encoded_size, backtrace, held)) return true;
+  }
+  return false;
+}
+
+void CountUnreported() {
+  if (unreported_blocks.fetch_add(1, std::memory_order_relaxed) != 0) return;
+  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+                        "no memory to record a block: reports will lack it");
+}
+
+/// Files the Java-native part of a capture. The caller holds the set's frame lock. Never inlined,
+/// so that captures without such a part do not have its variables on the stack.
+__attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t address,
+                                             std::uint64_t encoded_size,
+                                             std::vector<unwindstack::FrameData>* frame_data) try {
   std::uint64_t unwind_index;
   std::uint64_t generation;
   {
-    const std::lock_guard<std::mutex> guard(set->unwind_mutex);
+    const std::lock_guard<SetMutex> guard(set->unwind_mutex);
     generation = set->SyncUnwindFrames();
     const auto found = set->unwind_key_to_index.find({frame_data->size(), frame_data->data()});
     if (found != set->unwind_key_to_index.end()) {
@@ -88,27 +134,70 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
                                        unwind_index);
     }
   }
-  const std::lock_guard<std::mutex> guard(set->java_pointer_mutex);
+  const std::lock_guard<SetMutex> guard(set->java_pointer_mutex);
   if (set->SyncJavaPointers() != generation) return;  // a clear took the stack meanwhile
   set->java_pointers[address] = {encoded_size, unwind_index};
 } catch (const std::bad_alloc&) {
   // The native record stands; its Java-native part is left out.
 }
 
-/// Ends a pause once a set has run empty. One empty set is enough: waiting for all 40 would mean
-/// reading 40 sizes under 40 locks on every free. Sizes are read without their locks; a stale one
-/// only delays the end.
-void EndDrainedPauses(MemTrackControl* control) {
-  const bool native_paused = !control->GetHookStart() && control->GetHookEverStarted();
-  const bool plt_paused = !control->GetPltHookStart() && control->GetPltHookEverStarted();
-  if (!native_paused && !plt_paused) return;
+/// What has been captured for a block.
+struct Capture {
+  FrameKeyType key;
+  std::uint64_t hash;
+  std::uint64_t fingerprint;
+  std::uint64_t address;
+  std::size_t size;
+  std::vector<unwindstack::FrameData>* java_frames;
+};
+
+/// Files a backtrace: `result` gets a reference to it. False when the table has no room for it.
+__attribute__((always_inline)) inline bool StoreBacktrace(PointerSet* set, const Capture& capture,
+                                                          bool held, BacktraceRef* result) {
+  const SetLock lock(set->frame_mutex, held);
+  result->generation = set->SyncFrames();
+  const FrameInfoType* const backtrace =
+      set->frames.Acquire(capture.key, capture.hash, capture.fingerprint);
+  if (backtrace == nullptr) return false;
+  result->word = BacktraceRef::WordOf(backtrace);
+  if (!capture.java_frames->empty()) {
+    AddJavaNative(set, capture.address, EncodeSize(capture.size), capture.java_frames);
+  }
+  return true;
+}
+
+/// StoreBacktrace with a table that is full. False when there is no memory.
+__attribute__((noinline)) bool GrowAndStoreBacktrace(PointerSet* set, const Capture& capture,
+                                                     bool held, bool kernel_only,
+                                                     BacktraceRef* result) {
+  const auto missing = [&] {
+    set->SyncFrames();
+    return set->frames.MissingBytes(capture.key.num_frames);
+  };
+  while (MakeRoom(set->frame_mutex, held, kernel_only, set->frames, missing)) {
+    if (StoreBacktrace(set, capture, held, result)) return true;
+  }
+  return false;
+}
+
+/// Ends the pauses of the two families. Sizes are read without their locks; a stale one only delays
+/// the end.
+__attribute__((noinline)) void EndPausesIfDrained(MemTrackControl* control, bool native, bool plt) {
   const PointerSet* const sets = set_array.load(std::memory_order_acquire);
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
     if (sets[i].RecordCount() != 0) continue;
-    if (native_paused) control->ConfigHookStatus(false, false);
-    if (plt_paused) control->ConfigPltHookStatus(false, false);
+    if (native) control->ConfigHookStatus(false, false);
+    if (plt) control->ConfigPltHookStatus(false, false);
     return;
   }
+}
+
+/// Ends a pause once a set has run empty. Intentional: one empty set is enough. Waiting for all 40
+/// would mean reading 40 sizes under 40 locks on every free.
+__attribute__((always_inline)) inline void EndDrainedPauses(MemTrackControl* control) {
+  const bool native_paused = !control->GetHookStart() && control->GetHookEverStarted();
+  const bool plt_paused = !control->GetPltHookStart() && control->GetPltHookEverStarted();
+  if (native_paused || plt_paused) EndPausesIfDrained(control, native_paused, plt_paused);
 }
 
 }  // namespace
@@ -118,13 +207,14 @@ PointerSet* PointerData::sets() {
 }
 
 bool PointerData::Initialize() {
-  const std::lock_guard<std::mutex> guard(InitialiseLock());
+  const std::lock_guard<SetMutex> guard(InitialiseLock());
   PointerSet* sets = set_array.load(std::memory_order_acquire);
   // The tables' own memory must not come back here as records while locks are held.
-  void* const mark = pthread_getspecific(record_key);
-  pthread_setspecific(record_key, MemTrackControl::kMark);
+  const InsideStore inside;
   if (sets == nullptr) {
-    sets = new PointerSet[kSetCount];  // never freed: other threads may be inside for good
+    // Never freed: other threads may be inside for good.
+    sets = new (std::nothrow) PointerSet[kSetCount];
+    if (sets == nullptr) return false;
     constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
     for (std::uint64_t i = 0; i < kSetCount; ++i) {
       sets[i].lower_size = kBounds[i % kSizeClasses];
@@ -133,6 +223,7 @@ bool PointerData::Initialize() {
     set_array.store(sets, std::memory_order_release);
   }
   table_generation.fetch_add(1, std::memory_order_acq_rel);
+  unreported_blocks.store(0, std::memory_order_relaxed);
   // From here on every table counts as empty. Those that nobody is in give up their memory now;
   // no lock is waited for, since the thread that this interrupts may hold it.
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
@@ -145,7 +236,6 @@ bool PointerData::Initialize() {
       sets[i].frame_mutex.unlock();
     }
   }
-  pthread_setspecific(record_key, mark);
   return true;
 }
 
@@ -167,76 +257,103 @@ __attribute__((always_inline)) inline void PointerData::RemoveBacktrace(const Ba
   set->frames.Release(backtrace);
 }
 
+__attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* pointer,
+                                                                   std::size_t size,
+                                                                   bool is_mapping, bool held) {
+  const auto address = reinterpret_cast<std::uint64_t>(pointer);
+  const std::size_t class_size = is_mapping ? size : ClassSize(pointer, size);
+  PointerSet* const set = SelectSet(sets(), address, class_size);
+  if (set == nullptr) return;
+  set->pointers.Prefetch(address);  // its line arrives while the stack is walked
+  record_key.Set(ThreadMark::kInside);
+  const BacktraceRef backtrace =
+      AddBacktrace(BacktraceSize(), set, address, size, is_mapping, held);
+  const std::uint64_t encoded_size = EncodeSize(size);
+  if (!StoreRecord(set, address, encoded_size, backtrace, held) &&
+      !GrowAndStoreRecord(set, address, encoded_size, backtrace, held, held || is_mapping) &&
+      HasBacktrace(backtrace.word)) {
+    CountUnreported();
+    const SetLock lock(set->frame_mutex, held);
+    RemoveBacktrace(backtrace, set);
+  }
+  record_key.Set(held ? kHoldsStore : nullptr);
+}
+
+__attribute__((always_inline)) inline void PointerData::AddBlock(const void* pointer,
+                                                                 std::size_t size,
+                                                                 bool is_mapping) {
+  // Two copies: the usual one need not look at what it holds.
+  void* const mark = record_key.Get();
+  if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
+    AddBlockAs(pointer, size, is_mapping, /*held=*/false);
+  } else if (mark == kHoldsStore) {
+    AddBlockAs(pointer, size, is_mapping, /*held=*/true);
+  }
+}
+
 // Add, AddBacktrace and BacktraceGet must be one frame each, whatever the build: the frame walk
 // skips just as many levels.
 __attribute__((noinline)) void PointerData::Add(const void* pointer, std::size_t size) {
-  if (pthread_getspecific(record_key) != nullptr) return;
-  const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, size));
-  if (set == nullptr) return;
-  set->pointers.Prefetch(address);  // its line arrives while the stack is walked
-  pthread_setspecific(record_key, MemTrackControl::kMark);
-  const BacktraceRef backtrace = AddBacktrace(BacktraceSize(), set, address, size);
-  if (!StoreRecord(set, address, EncodeSize(size), backtrace)) {
-    const std::lock_guard<SetMutex> guard(set->frame_mutex);
-    RemoveBacktrace(backtrace, set);
-  }
-  pthread_setspecific(record_key, nullptr);
+  AddBlock(pointer, size, /*is_mapping=*/false);
+}
+
+__attribute__((noinline)) void PointerData::AddMapping(const void* pointer, std::size_t size) {
+  AddBlock(pointer, size, /*is_mapping=*/true);
 }
 
 __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num_frames,
                                                                  PointerSet* set,
                                                                  std::uint64_t pointer,
-                                                                 std::size_t size) {
+                                                                 std::size_t size, bool is_mapping,
+                                                                 bool held) {
   BacktraceRef result{BacktraceRef::WordOf(kEmptyBacktraceIndex), time(nullptr), 0};
   // The size asked for may be anything; what the method can return bounds the buffer.
-  const std::size_t limit = BacktraceCaptureLimit();
-  const std::size_t max_frames = num_frames < limit ? num_frames : limit;
+  std::size_t max_frames = std::min(num_frames, BacktraceCaptureLimit());
   std::unique_ptr<std::uint64_t[]> heap_frames;
-  std::uint64_t* frames;
-  if (max_frames <= kStackFrames) {
+  // The hooked call may be the allocator's own, so a mapping's capture asks it for nothing.
+  const std::size_t on_stack = is_mapping ? kWalkLimit : BacktraceStackFrames();
+  if (max_frames > on_stack) {
+    if (!is_mapping) heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
+    if (heap_frames == nullptr) max_frames = on_stack;
+  }
+  std::uint64_t* frames = heap_frames.get();
+  if (frames == nullptr) {
     // Not an array: some compilers put those above the frame record, and then they would take up
     // half of the range that the walk may cover. One more than needed, so that it is never none.
     frames =
         static_cast<std::uint64_t*>(__builtin_alloca((max_frames + 1) * sizeof(std::uint64_t)));
-  } else {
-    heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
-    frames = heap_frames.get();
-    if (frames == nullptr) return result;
   }
   std::vector<unwindstack::FrameData> frame_data;
   const std::size_t count = BacktraceGet(frames, max_frames, frame_data);
   if (count == 0) return result;
 
   const FrameKeyType key{count, frames};
-  const std::uint64_t hash = FrameKeyHash(key);
-  const std::uint64_t fingerprint = FrameFingerprint(key);
-  const std::lock_guard<SetMutex> guard(set->frame_mutex);
-  result.generation = set->SyncFrames();
-  const FrameInfoType* const backtrace = set->frames.Acquire(key, hash, fingerprint);
-  if (backtrace == nullptr) return result;
-  result.word = BacktraceRef::WordOf(backtrace);
-  if (!frame_data.empty()) AddJavaNative(set, pointer, EncodeSize(size), &frame_data);
+  const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key), pointer, size, &frame_data};
+  if (!StoreBacktrace(set, capture, held, &result) &&
+      !GrowAndStoreBacktrace(set, capture, held, held || is_mapping, &result)) {
+    CountUnreported();  // no report shows a block without a backtrace
+  }
   return result;
 }
 
-__attribute__((noinline)) void PointerData::Remove(const void* pointer, std::size_t size) {
+__attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void* pointer,
+                                                                      std::size_t size,
+                                                                      bool is_mapping, bool held) {
   MemTrackControl* const control = MemTrackControl::GetInstance();
   if (control == nullptr) return;
   if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
-  if (pthread_getspecific(record_key) != nullptr) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   PointerSet* const all = sets();
   if (all == nullptr) return;
   PrefetchRecord(all, address);
-  PointerSet* const set = SelectSet(all, address, ClassSize(pointer, size));
+  PointerSet* const set = SelectSet(all, address, is_mapping ? size : ClassSize(pointer, size));
   if (set == nullptr) return;
-  pthread_setspecific(record_key, MemTrackControl::kMark);
+  record_key.Set(ThreadMark::kInside);
   {
-    const std::lock_guard<SetMutex> pointer_guard(set->pointer_mutex);
+    const SetLock pointer_lock(set->pointer_mutex, held);
     // Taken here and not where it is needed: a locked instruction waits for all loads before it,
     // and behind the search those are the cold ones.
-    const std::lock_guard<SetMutex> frame_guard(set->frame_mutex);
+    const SetLock frame_lock(set->frame_mutex, held);
     const std::uint64_t generation = set->SyncPointers();
     Record* const record = set->pointers.Find(address);
     if (record != nullptr) {
@@ -247,5 +364,24 @@ __attribute__((noinline)) void PointerData::Remove(const void* pointer, std::siz
       EndDrainedPauses(control);
     }
   }
-  pthread_setspecific(record_key, nullptr);
+  record_key.Set(held ? kHoldsStore : nullptr);
+}
+
+__attribute__((always_inline)) inline void PointerData::RemoveBlock(const void* pointer,
+                                                                    std::size_t size,
+                                                                    bool is_mapping) {
+  void* const mark = record_key.Get();
+  if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
+    RemoveBlockAs(pointer, size, is_mapping, /*held=*/false);
+  } else if (mark == kHoldsStore) {
+    RemoveBlockAs(pointer, size, is_mapping, /*held=*/true);
+  }
+}
+
+void PointerData::Remove(const void* pointer, std::size_t size) {
+  RemoveBlock(pointer, size, /*is_mapping=*/false);
+}
+
+void PointerData::RemoveMapping(const void* pointer, std::size_t size) {
+  RemoveBlock(pointer, size, /*is_mapping=*/true);
 }

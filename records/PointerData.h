@@ -35,16 +35,22 @@ class PointerData {
   PointerData(const PointerData&) = delete;
   PointerData& operator=(const PointerData&) = delete;
 
-  /// Makes the sets when there are none yet and empties every table. Always true.
-  /// Takes the initialise lock, so it waits for a report; waits for no lock of a set.
+  /// Makes the sets when there are none yet and empties every table. False, with nothing changed,
+  /// when there is no memory for the sets. Takes the initialise lock, so it waits for a report;
+  /// waits for no lock of a set.
   bool Initialize();
 
   /// Records a block of `size` bytes at `pointer` with the backtrace of the calling thread. Must
   /// be called directly by an exported entry (the frame walk skips that many levels). Does nothing
-  /// inside another Add or Remove of the thread, or before Initialize.
+  /// inside another operation of the store on the same thread, or before Initialize. A block that
+  /// there is no memory for is counted as unreported; the first one is logged.
   void Add(const void* pointer, std::size_t size);
   /// Forgets the block at `pointer`, before its memory is released. An unknown one is no error.
   void Remove(const void* pointer, std::size_t size);
+  /// The same two for what a proxy has made or is about to give back, which is no heap block: its
+  /// size class is always that of `size`. The walk begins at the hooked caller.
+  void AddMapping(const void* pointer, std::size_t size);
+  void RemoveMapping(const void* pointer, std::size_t size);
   /// The block's usable size, as the C library gives it.
   static std::size_t PointerSize(const void* pointer);
 
@@ -52,17 +58,17 @@ class PointerData {
   /// Returns how many; 0 when there is no record or no backtrace. Any thread.
   static std::size_t GetFrames(const void* pointer, std::uintptr_t* frames, std::size_t max_frames);
 
-  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread. Until
-  /// the locks are free again that thread counts as inside the tracker: other libraries' fork
-  /// handlers may allocate meanwhile.
+  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread. That
+  /// thread goes on to record, with the locks held: other libraries' fork handlers may allocate.
   static void PrepareFork();
   /// Releases them in the parent.
   static void PostForkParent();
-  /// Leaves all of them free in the child, whoever held them.
+  /// Leaves all of them free in the child, whoever held them, and the store's other locks too
+  /// where that is the platform's policy.
   static void PostForkChild();
 
   /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order
-  /// in which they are first met. With the thread's record key set, the caller holds every lock.
+  /// in which they are first met. On a marked thread the caller holds every lock.
   /// Records without a backtrace are left out whatever `only_with_backtrace` says.
   static void GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace);
   /// Re-reads the backtrace size property and returns the size in force. A value that is not all
@@ -70,7 +76,7 @@ class PointerData {
   static std::uint32_t GetMaxBacktraceNum();
   /// The groups, largest first, with their four sizes. `info` is not written. All outputs stay as
   /// they are when there is no group, more than kMaxGroups, or no `list`; that is logged.
-  /// Holds every pointer and frame lock meanwhile; leaves the thread's record key null.
+  /// Holds every pointer and frame lock meanwhile; leaves the thread unmarked.
   static void GetInfo(std::uint8_t** info, std::size_t* overall_size, std::size_t* info_size,
                       std::size_t* total_memory, std::size_t* backtrace_size,
                       std::vector<RecordStruct>* list);
@@ -94,12 +100,15 @@ class PointerData {
   static PointerSet* sets();
 
  private:
-  friend class PointerDataTest;
-
-  BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
-                            std::size_t size);
+  static void AddBlock(const void* pointer, std::size_t size, bool is_mapping);
+  static void RemoveBlock(const void* pointer, std::size_t size, bool is_mapping);
+  /// `held`: the thread holds every lock.
+  static void AddBlockAs(const void* pointer, std::size_t size, bool is_mapping, bool held);
+  static void RemoveBlockAs(const void* pointer, std::size_t size, bool is_mapping, bool held);
+  static BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
+                                   std::size_t size, bool is_mapping, bool held);
   /// Drops one reference. The caller holds the set's frame lock.
-  void RemoveBacktrace(const BacktraceRef& backtrace, PointerSet* set);
+  static void RemoveBacktrace(const BacktraceRef& backtrace, PointerSet* set);
 
   DebugData* const owner_;
 };

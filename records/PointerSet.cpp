@@ -1,16 +1,23 @@
 // Emptying of a set's tables, the keys of its Java-native backtraces, and the readers' lock.
 #include "records/PointerSet.h"
 
-#include <pthread.h>
-
 #include "records/PointerData.h"
-#include "tracker/MemTrackControl.h"
+#include "records/table_memory.h"
 
 std::atomic<std::uint64_t> table_generation{0};
 
-std::mutex& InitialiseLock() {
-  // Never destroyed: the dump thread may still hold it while the process exits.
-  static std::mutex& lock = *new std::mutex;
+namespace {
+
+/// The key under which a backtrace keeps the time of an address.
+std::uint64_t KeptKey(std::uint64_t address, std::uintptr_t word) {
+  const std::uint64_t pcs[] = {address, word};
+  return FrameFingerprint({2, pcs});
+}
+
+}  // namespace
+
+SetMutex& InitialiseLock() {
+  static SetMutex lock;
   return lock;
 }
 
@@ -32,13 +39,7 @@ bool UnwindFrameKeyEqual::operator()(const UnwindFrameKeyType& a,
 
 void PointerSet::EmptyPointers(std::uint64_t generation) {
   pointers.Clear();
-  if (!kept_times.empty()) {
-    // Its memory goes through free, which must not come back here for a lock.
-    void* const mark = pthread_getspecific(record_key);
-    pthread_setspecific(record_key, MemTrackControl::kMark);
-    kept_times.clear();
-    pthread_setspecific(record_key, mark);
-  }
+  kept_times.Clear();
   pointers_generation.store(generation, std::memory_order_relaxed);
 }
 
@@ -72,28 +73,40 @@ std::uint64_t PointerSet::SyncUnwindFrames() {
   return now;
 }
 
-std::int64_t PointerSet::TakeKeptTime(std::uint64_t address, const FrameInfoType* backtrace,
-                                      std::int64_t otherwise) {
-  const auto range = kept_times.equal_range(address);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second.backtrace != backtrace) continue;
-    const std::int64_t time = it->second.time;
-    kept_times.erase(it);
-    return time;
+void PointerSet::KeepTime(const Record& record) {
+  const std::size_t missing = kept_times.MissingBytes();
+  if (missing != 0) {
+    // The kernel's alone: the caller holds a lock.
+    void* const memory = table_memory::FromKernel(missing);
+    if (memory == nullptr) return;
+    kept_times.Extend(memory, missing);
   }
-  return otherwise;
+  bool inserted = false;
+  Record* const kept =
+      kept_times.FindOrInsert(KeptKey(record.address, record.backtrace), &inserted);
+  if (inserted) *kept = {kept->address, record.address, record.backtrace, record.time};
 }
 
-FrameInfoListWithLock::FrameInfoListWithLock() {
+std::int64_t PointerSet::TakeKeptTime(std::uint64_t address, std::uintptr_t word,
+                                      std::int64_t otherwise) {
+  Record* const kept = kept_times.Find(KeptKey(address, word));
+  // Another pair may have the same key; then only one of them has kept its time.
+  if (kept == nullptr || kept->size != address || kept->backtrace != word) return otherwise;
+  const std::int64_t time = kept->time;
+  kept_times.Erase(kept);
+  return time;
+}
+
+FrameInfoListWithLock::FrameInfoListWithLock(bool held) : held_(held) {
   PointerSet* const sets = PointerData::sets();
-  if (sets == nullptr) return;
+  if (sets == nullptr || held_) return;
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.lock();
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.lock();
 }
 
 FrameInfoListWithLock::~FrameInfoListWithLock() {
   PointerSet* const sets = PointerData::sets();
-  if (sets == nullptr) return;
+  if (sets == nullptr || held_) return;
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.unlock();
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.unlock();
 }

@@ -12,8 +12,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
-#include <new>
 #include <unordered_map>
 #include <vector>
 
@@ -21,6 +19,26 @@
 #include "records/record_table.h"
 #include "records/record_types.h"
 #include "records/set_mutex.h"
+#include "tracker/MemTrackControl.h"
+
+/// The mark of a thread that holds every set's locks while the program's own code runs: in fork
+/// handlers, and between malloc_disable and malloc_enable. It records without taking them.
+inline void* const kHoldsStore = reinterpret_cast<void*>(2);
+
+/// Marks the thread as inside the record store while it lives, and puts the former mark back.
+class InsideStore {
+ public:
+  InsideStore() : before_(record_key.Get()) { record_key.Set(ThreadMark::kInside); }
+  ~InsideStore() { record_key.Set(before_); }
+  InsideStore(const InsideStore&) = delete;
+  InsideStore& operator=(const InsideStore&) = delete;
+
+  /// The mark before.
+  void* before() const { return before_; }
+
+ private:
+  void* const before_;
+};
 
 /// What a record knows of its backtrace: a FrameInfoType, or a bare hash index that names none.
 struct BacktraceRef {
@@ -63,8 +81,12 @@ struct UnwindFrameKeyEqual {
 /// The current generation of all tables; raised by every clear.
 extern std::atomic<std::uint64_t> table_generation;
 
+/// Blocks that no report shows, since the last clear: there was no memory for their records or
+/// backtraces.
+inline std::atomic<std::uint64_t> unreported_blocks{0};
+
 /// Serialises clearing and reports.
-std::mutex& InitialiseLock();
+SetMutex& InitialiseLock();
 
 class PointerSet {
  public:
@@ -77,12 +99,9 @@ class PointerSet {
   RecordTable pointers;
   std::atomic<std::uint64_t> pointers_generation{0};
   /// Allocation times that a backtrace has kept of an address whose record now carries another
-  /// backtrace: an address that was added again without having been removed. Rarely any.
-  struct KeptTime {
-    const FrameInfoType* backtrace;
-    std::int64_t time;
-  };
-  std::unordered_multimap<std::uint64_t, KeptTime> kept_times;
+  /// backtrace: an address that was added again without having been removed. Rarely any. Here the
+  /// address of a record is a hash of address and backtrace word.
+  RecordTable kept_times;
 
   /// Guards the members up to the spare lock.
   alignas(64) SetMutex frame_mutex;
@@ -94,9 +113,9 @@ class PointerSet {
 
   /// Records whose backtrace carried Java-native frames; their hash index is an unwind index.
   /// Removal of a block leaves them: they stay until the next clear.
-  std::mutex java_pointer_mutex;
+  SetMutex java_pointer_mutex;
   std::unordered_map<std::uint64_t, PointerInfoType> java_pointers;
-  std::mutex unwind_mutex;
+  SetMutex unwind_mutex;
   std::unordered_map<UnwindFrameKeyType, std::uint64_t, UnwindFrameKeyHash, UnwindFrameKeyEqual>
       unwind_key_to_index;
   std::unordered_map<std::uint64_t, UnwindFrameInfoType> unwind_frames;
@@ -135,18 +154,12 @@ class PointerSet {
                : 0;
   }
 
-  /// Puts an allocation time on the list; without memory it is forgotten. Under pointer_mutex.
-  void KeepTime(std::uint64_t address, const FrameInfoType* backtrace, std::int64_t time) {
-    try {
-      kept_times.emplace(address, KeptTime{backtrace, time});
-    } catch (const std::bad_alloc&) {
-      // A time that is missing from a report is better than a process that is gone.
-    }
-  }
-  /// The allocation time that `backtrace` has kept of `address`, taken off the list; `otherwise`
-  /// when there is none. Under pointer_mutex.
-  std::int64_t TakeKeptTime(std::uint64_t address, const FrameInfoType* backtrace,
-                            std::int64_t otherwise);
+  /// Keeps the allocation time of `record`, which has a backtrace and is about to be overwritten.
+  /// Without memory the time is lost. Under pointer_mutex.
+  void KeepTime(const Record& record);
+  /// The allocation time that the backtrace of `word` has kept of `address`, which it then keeps
+  /// no longer; `otherwise` when there is none. Under pointer_mutex.
+  std::int64_t TakeKeptTime(std::uint64_t address, std::uintptr_t word, std::int64_t otherwise);
 
  private:
   void EmptyPointers(std::uint64_t generation);
@@ -157,12 +170,13 @@ class PointerSet {
 };
 
 /// Holds the pointer and frame locks of every set while a reader walks the tables, and the list
-/// that the reader fills. The reader sets the thread's record key first, so that its own
-/// allocations do not come back here.
+/// that the reader fills. The reader marks its thread first, so that its own allocations do not
+/// come back here.
 class FrameInfoListWithLock {
  public:
-  /// Takes every pointer lock and then every frame lock, in set order.
-  FrameInfoListWithLock();
+  /// Takes every pointer lock and then every frame lock, in set order, unless the thread holds them
+  /// already.
+  explicit FrameInfoListWithLock(bool held = false);
   virtual ~FrameInfoListWithLock();
   FrameInfoListWithLock(const FrameInfoListWithLock&) = delete;
   FrameInfoListWithLock& operator=(const FrameInfoListWithLock&) = delete;
@@ -171,5 +185,6 @@ class FrameInfoListWithLock {
   std::vector<ListInfoType>* list() { return &list_; }
 
  private:
+  const bool held_;
   std::vector<ListInfoType> list_;
 };

@@ -1,6 +1,7 @@
 // The shared backtraces of one set, and their memory.
 #include "records/backtrace_table.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "records/table_memory.h"
@@ -19,30 +20,41 @@ std::uint64_t Lines(std::uint64_t num_frames) {
 
 }  // namespace
 
+BacktraceArena::FreePiece** BacktraceArena::FindPiece(std::uint64_t lines) {
+  FreePiece** link = &free_[lines < kLists ? lines : 0];
+  while (*link != nullptr && (*link)->lines != lines) link = &(*link)->next;
+  return *link != nullptr ? link : nullptr;
+}
+
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
   const std::uint64_t lines = Lines(num_frames);
-  FreePiece** link = &free_[lines < kLists ? lines : 0];
-  for (; *link != nullptr; link = &(*link)->next) {
+  FreePiece** const link = FindPiece(lines);
+  if (link != nullptr) {
     FreePiece* piece = *link;
-    if (piece->lines != lines) continue;
     *link = piece->next;
     return reinterpret_cast<FrameInfoType*>(piece);
   }
   const std::size_t bytes = lines * table_memory::kCacheLine;
-  if (chunks_ == nullptr || chunks_->bytes - used_ < bytes) {
-    std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
-    if (size > kLargestChunk) size = kLargestChunk;
-    if (size < bytes + table_memory::kCacheLine) size = bytes + table_memory::kCacheLine;
-    auto* chunk = static_cast<Chunk*>(table_memory::Allocate(size));
-    if (chunk == nullptr) return nullptr;
-    chunk->next = chunks_;
-    chunk->bytes = size;
-    chunks_ = chunk;
-    used_ = table_memory::kCacheLine;
-  }
+  if (!ChunkHasRoom(bytes)) return nullptr;
   void* piece = reinterpret_cast<char*>(chunks_) + used_;
   used_ += bytes;
   return static_cast<FrameInfoType*>(piece);
+}
+
+std::size_t BacktraceArena::MissingBytes(std::uint64_t num_frames) {
+  const std::uint64_t lines = Lines(num_frames);
+  const std::size_t bytes = lines * table_memory::kCacheLine;
+  if (FindPiece(lines) != nullptr || ChunkHasRoom(bytes)) return 0;
+  const std::size_t next = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
+  return std::max(std::min(next, kLargestChunk), bytes + table_memory::kCacheLine);
+}
+
+void BacktraceArena::Extend(void* memory, std::size_t bytes) {
+  auto* const chunk = static_cast<Chunk*>(memory);
+  chunk->next = chunks_;
+  chunk->bytes = bytes;
+  chunks_ = chunk;
+  used_ = table_memory::kCacheLine;
 }
 
 void BacktraceArena::Free(FrameInfoType* backtrace) {
@@ -66,7 +78,7 @@ void BacktraceArena::Clear() {
 
 FrameInfoType* BacktraceTable::Insert(const FrameKeyType& key, std::uint64_t hash,
                                       std::uint64_t fingerprint) {
-  if (used_ >= limit_ && !Rebuild()) return nullptr;
+  if (used_ >= limit_) return nullptr;
   FrameInfoType* made = arena_.Allocate(key.num_frames);
   if (made == nullptr) return nullptr;
   made->references = 1;
@@ -91,14 +103,27 @@ BacktraceTable::Slot* BacktraceTable::FreeSlot(std::uint64_t hash, std::uint64_t
   }
 }
 
-bool BacktraceTable::Rebuild() {
+std::uint64_t BacktraceTable::NextBucketCount() const {
+  if (bucket_count_ == 0) return kFirstBuckets;
+  // Sweeping alone makes room when at least half of the backtraces are dead.
+  return size_ * 2 > used_ ? bucket_count_ * 2 : bucket_count_;
+}
+
+std::size_t BacktraceTable::MissingBytes(std::uint64_t num_frames) {
+  return used_ >= limit_ ? NextBucketCount() * sizeof(Bucket) : arena_.MissingBytes(num_frames);
+}
+
+void BacktraceTable::Extend(void* memory, std::size_t bytes) {
+  if (used_ >= limit_) {
+    Rebuild(static_cast<Bucket*>(memory), bytes / sizeof(Bucket));
+  } else {
+    arena_.Extend(memory, bytes);
+  }
+}
+
+void BacktraceTable::Rebuild(Bucket* fresh, std::uint64_t new_count) {
   Bucket* const old_buckets = buckets_;
   const std::uint64_t old_count = bucket_count_;
-  // Sweeping alone makes room when at least half of the backtraces are dead.
-  const std::uint64_t new_count =
-      old_count == 0 ? kFirstBuckets : (size_ * 2 > used_ ? old_count * 2 : old_count);
-  auto* const fresh = static_cast<Bucket*>(table_memory::Allocate(new_count * sizeof(Bucket)));
-  if (fresh == nullptr) return false;
   buckets_ = fresh;
   bucket_count_ = new_count;
   shift_ = 64U - static_cast<unsigned>(__builtin_ctzll(new_count));
@@ -118,7 +143,6 @@ bool BacktraceTable::Rebuild() {
     }
   }
   table_memory::Free(old_buckets, old_count * sizeof(Bucket));
-  return true;
 }
 
 void BacktraceTable::Clear() {

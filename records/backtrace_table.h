@@ -85,8 +85,12 @@ class BacktraceArena {
   BacktraceArena(const BacktraceArena&) = delete;
   BacktraceArena& operator=(const BacktraceArena&) = delete;
 
-  /// Room for a backtrace of `num_frames` pcs, contents undefined; null when there is no memory.
+  /// Room for a backtrace of `num_frames` pcs, contents undefined; null when there is none.
   FrameInfoType* Allocate(std::uint64_t num_frames);
+  /// Bytes of the chunk that is needed before Allocate(num_frames) has room; 0 when it has.
+  std::size_t MissingBytes(std::uint64_t num_frames);
+  /// Adds a chunk: `bytes` bytes from table_memory.
+  void Extend(void* memory, std::size_t bytes);
   /// Takes back `backtrace` for later use.
   void Free(FrameInfoType* backtrace);
   /// Releases everything.
@@ -105,6 +109,12 @@ class BacktraceArena {
   /// Free pieces by their number of cache lines; the first list holds all longer ones.
   static constexpr std::size_t kLists = 16;
 
+  /// The link to a free piece of `lines` cache lines; null when there is none.
+  FreePiece** FindPiece(std::uint64_t lines);
+  bool ChunkHasRoom(std::size_t bytes) const {
+    return chunks_ != nullptr && chunks_->bytes - used_ >= bytes;
+  }
+
   FreePiece* free_[kLists] = {};
   Chunk* chunks_ = nullptr;
   std::size_t used_ = 0;
@@ -121,7 +131,7 @@ class BacktraceTable {
   BacktraceTable& operator=(const BacktraceTable&) = delete;
 
   /// The backtrace of `key` with one more reference, made when it is not there. `hash` and
-  /// `fingerprint` are the key's. Null when there is no memory.
+  /// `fingerprint` are the key's. Null when it is not there and has no room: see MissingBytes.
   FrameInfoType* Acquire(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) {
     FrameInfoType* const found = Find(key, hash, fingerprint);
     if (found == nullptr) return Insert(key, hash, fingerprint);
@@ -136,6 +146,12 @@ class BacktraceTable {
   void Release(FrameInfoType* backtrace) {
     if (--backtrace->references == 0) --size_;
   }
+
+  /// Bytes of memory that the table needs before it takes another backtrace of `num_frames` pcs; 0
+  /// when it has room. It may need memory twice, for its slots and for the backtrace.
+  std::size_t MissingBytes(std::uint64_t num_frames);
+  /// Takes `memory`: `bytes` bytes from table_memory, as many as MissingBytes has just returned.
+  void Extend(void* memory, std::size_t bytes);
 
   /// Empties the table and starts hash indexes anew.
   void Clear();
@@ -187,7 +203,9 @@ class BacktraceTable {
   FrameInfoType* Insert(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint);
   /// The free slot where a key that is not in the table belongs.
   Slot* FreeSlot(std::uint64_t hash, std::uint64_t fingerprint);
-  bool Rebuild();
+  std::uint64_t NextBucketCount() const;
+  /// Moves the backtraces to `fresh` and drops those without references.
+  void Rebuild(Bucket* fresh, std::uint64_t new_count);
 
   Bucket* buckets_ = nullptr;
   std::uint64_t bucket_count_ = 0;

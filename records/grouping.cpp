@@ -73,10 +73,11 @@ void Grouping::AddSet(PointerSet* set) {
       AddRecord(record, backtrace);
     }
   }
-  for (const auto& [address, kept] : set->kept_times) {
-    const Note* note = FindNote(kept.backtrace);
-    if (note != nullptr)
-      AddTime(&notes_[static_cast<std::size_t>(note - notes_.data())], kept.time);
+  for (std::uint64_t i = 0; i < set->kept_times.capacity(); ++i) {
+    const Record& kept = set->kept_times.slots()[i];
+    if (kept.backtrace == 0) continue;
+    const FrameInfoType* const backtrace = BacktraceRef::Backtrace(kept.backtrace);
+    if (FindNote(backtrace) != nullptr) AddTime(&notes_[backtrace->report_note - 1], kept.time);
   }
 }
 

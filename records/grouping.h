@@ -14,7 +14,7 @@ class Grouping {
  public:
   /// Adds to `list`, whose elements so far take part as groups. Records without a backtrace are
   /// left out. The caller holds every pointer and frame lock for as long as this object lives, and
-  /// the thread's record key is set.
+  /// its thread is marked.
   explicit Grouping(std::vector<ListInfoType>* list);
 
   /// Adds the records of all sets, in set order. Logs what it must leave out.

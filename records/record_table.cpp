@@ -16,14 +16,17 @@ constexpr std::uint64_t kGrowthDenominator = 20;
 
 }  // namespace
 
-bool RecordTable::Grow() {
+std::size_t RecordTable::NextBytes() const {
+  const std::uint64_t next =
+      capacity() == 0 ? kFirstCapacity : capacity() * kGrowthNumerator / kGrowthDenominator;
+  return next * sizeof(Record);
+}
+
+void RecordTable::Extend(void* memory, std::size_t bytes) {
   const std::uint64_t old_capacity = capacity();
   Record* const old_slots = slots_.load(std::memory_order_relaxed);
-  const std::uint64_t new_capacity =
-      old_capacity == 0 ? kFirstCapacity : old_capacity * kGrowthNumerator / kGrowthDenominator;
-  auto* const new_slots =
-      static_cast<Record*>(table_memory::Allocate(new_capacity * sizeof(Record)));
-  if (new_slots == nullptr) return false;
+  const std::uint64_t new_capacity = bytes / sizeof(Record);
+  auto* const new_slots = static_cast<Record*>(memory);
   for (std::uint64_t i = 0; i < old_capacity; ++i) {
     if (old_slots[i].backtrace == 0) continue;
     std::uint64_t slot = Home(old_slots[i].address, new_capacity);
@@ -36,7 +39,6 @@ bool RecordTable::Grow() {
   capacity_.store(new_capacity, std::memory_order_relaxed);
   limit_ = new_capacity * kLoadNumerator / kLoadDenominator;
   table_memory::Free(old_slots, old_capacity * sizeof(Record));
-  return true;
 }
 
 void RecordTable::Clear() {

@@ -54,10 +54,13 @@ class RecordTable {
 
   /// The record of `address`, made with only its address set when there is none; `*inserted` says
   /// which. The caller sets a new record's backtrace before anything else uses the table. Null
-  /// when the table is full and cannot grow.
+  /// when there is none and the table is full: see MissingBytes.
   Record* FindOrInsert(std::uint64_t address, bool* inserted) {
     const std::uint64_t size = size_.load(std::memory_order_relaxed);
-    if (size >= limit_ && !Grow()) return nullptr;
+    if (size >= limit_) {
+      *inserted = false;
+      return Find(address);
+    }
     const std::uint64_t capacity = capacity_.load(std::memory_order_relaxed);
     Record* const slots = slots_.load(std::memory_order_relaxed);
     std::uint64_t i = Home(address, capacity);
@@ -94,6 +97,12 @@ class RecordTable {
     size_.store(size() - 1, std::memory_order_relaxed);
   }
 
+  /// Bytes of memory that the table needs before it takes one more record; 0 when it has room.
+  std::size_t MissingBytes() const { return size() >= limit_ ? NextBytes() : 0; }
+  /// Moves the records to `memory`: `bytes` bytes from table_memory, as many as MissingBytes has
+  /// just returned.
+  void Extend(void* memory, std::size_t bytes);
+
   /// Empties the table and releases its memory.
   void Clear();
 
@@ -111,7 +120,7 @@ class RecordTable {
     const std::uint64_t spread = address * 0x9E3779B97F4A7C15U;
     return static_cast<std::uint64_t>((static_cast<unsigned __int128>(spread) * capacity) >> 64);
   }
-  bool Grow();
+  std::size_t NextBytes() const;
 
   std::atomic<Record*> slots_{nullptr};
   std::atomic<std::uint64_t> capacity_{0};

@@ -1,10 +1,9 @@
-// Memory of the record tables: whole zeroed pages, straight from the kernel.
+// Memory of the record tables, in zeroed blocks.
 //
-// Not from the C library's allocator: the tables grow and shrink under a set's lock, while
-// malloc_disable takes the allocator's lock first and the sets' locks after it; a block freed there
-// would come back as a call of the tracker's own entry; and freeing large blocks would raise the
-// allocator's mmap threshold and so change how the watched program's heap grows. Used by the
-// tables of records/, under the lock of the set, on every allocating thread.
+// It comes from the kernel. The C library's allocator is the last resort: it would count the tables
+// among the program's own blocks, and freeing large blocks changes how a heap grows. It must not be
+// called under a lock of the record store either: malloc_disable takes the allocator's lock first
+// and the store's locks after it.
 #pragma once
 
 #include <cstddef>
@@ -13,9 +12,17 @@ namespace table_memory {
 
 inline constexpr std::size_t kCacheLine = 64;
 
-/// `bytes` zeroed bytes, aligned to a page; null when there is no memory. Keeps errno. Any thread.
-void* Allocate(std::size_t bytes);
-/// Gives back what Allocate(bytes) returned; null is fine. Keeps errno. Any thread.
+/// `bytes` zeroed bytes, aligned to a page; null when the kernel has none. Keeps errno. Any thread,
+/// under any lock.
+void* FromKernel(std::size_t bytes);
+/// `bytes` zeroed bytes, aligned to a cache line; null when the C library's allocator has none.
+/// Keeps errno. Any thread that holds no lock of the record store.
+void* FromAllocator(std::size_t bytes);
+/// Takes back `bytes` bytes from either of the two; null is fine. What came from the C library's
+/// allocator goes back there with the next FreeWaiting. Keeps errno. Any thread, under any lock.
 void Free(void* memory, std::size_t bytes);
+/// Returns the blocks that wait for it to the C library's allocator. Keeps errno. Any thread that
+/// holds no lock of the record store.
+void FreeWaiting();
 
 }  // namespace table_memory

@@ -9,32 +9,28 @@
 #include "platform/cfi/loaded_object.h"
 #include "platform/cfi/rule_cache.h"
 #include "platform/cfi/walk.h"
+#include "platform/readable_stack.h"
+#include "protocol/unloads.h"
 
 namespace platform {
 namespace {
 
 constexpr char kTracker[] = "libmemleak_tracker.so";
 
-/// Where the tracker lies. Written once, before the first capture.
+/// Where the tracker is mapped. Written once, before the first capture.
 std::uint64_t g_tracker_begin = 0;
 std::uint64_t g_tracker_bytes = 0;
 
-/// The frame that called the function whose frame record is `entry`.
-__attribute__((always_inline)) inline cfi::Frame CallerOf(const arch::FrameRecord* entry) {
-  cfi::Frame caller{arch::StripReturnAddress(entry->return_address),
-                    reinterpret_cast<std::uint64_t>(entry + 1), entry->caller_frame};
-  if (arch::kFrameRecordEndsFrame || cfi::NeedsNoStackPointer(caller.return_address)) {
-    return caller;
-  }
-  // From here on outward, to the first frame above the record.
-  arch::Registers registers;
-  arch::CaptureRegisters(&registers);
-  caller = {registers.pc + arch::kCallSiteAdjustment, registers.general[arch::kStackPointerColumn],
-            registers.general[arch::kFramePointerColumn]};
-  while (caller.sp <= reinterpret_cast<std::uint64_t>(entry)) {
-    if (!cfi::StepToCaller(&caller)) return {};
-  }
-  return caller;
+/// The frame that called the function that called the one whose frame record is `inner`.
+__attribute__((always_inline, no_sanitize("address", "thread", "undefined"))) inline cfi::Frame
+CallerOfEntry(const arch::FrameRecord* inner) {
+  const auto* entry = reinterpret_cast<const arch::FrameRecord*>(inner->caller_frame);
+  const std::uint64_t end =
+      arch::kFrameRecordEndsFrame
+          ? reinterpret_cast<std::uint64_t>(entry + 1)
+          : cfi::EndOfFrame(arch::StripReturnAddress(inner->return_address), inner->caller_frame);
+  if (end == 0) return {};
+  return {arch::StripReturnAddress(entry->return_address), end, entry->caller_frame};
 }
 
 bool IsTracker(std::uint64_t address) {
@@ -44,13 +40,19 @@ bool IsTracker(std::uint64_t address) {
 }  // namespace
 
 bool PrepareCallStacks() {
+  PrepareReadableStack();
+  cfi::PrepareLoadedObjects();
+  const void* counter = dlsym(RTLD_DEFAULT, protocol::kUnloadCounter);
+  if (counter != nullptr) {
+    cfi::RuleCache::Observe(static_cast<const std::atomic<std::uint64_t>*>(counter));
+  }
   const auto here = reinterpret_cast<std::uint64_t>(&PrepareCallStacks);
   Dl_info info{};
   cfi::LoadedObject object;
   if (dladdr(reinterpret_cast<void*>(here), &info) == 0 || info.dli_fname == nullptr) return true;
   const char* slash = std::strrchr(info.dli_fname, '/');
   const char* name = slash == nullptr ? info.dli_fname : slash + 1;
-  // Tests have this file in programs of other names, whose frames are of interest.
+  // Tests and benchmarks link this file into programs, whose frames count.
   if (std::strcmp(name, kTracker) == 0 && cfi::FindLoadedObject(here, &object)) {
     g_tracker_begin = object.begin;
     g_tracker_bytes = object.end - object.begin;
@@ -58,17 +60,13 @@ bool PrepareCallStacks() {
   return true;
 }
 
-__attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* entry, std::uint64_t* pcs,
+__attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* inner, std::uint64_t* pcs,
                                                 std::size_t max_pcs) {
-  cfi::Frame start = CallerOf(entry);
+  cfi::Frame start = CallerOfEntry(inner);
   while (__builtin_expect(IsTracker(start.return_address), 0)) {
     if (!cfi::StepToCaller(&start)) return 0;
   }
   return cfi::WalkFrames(start, pcs, max_pcs);
-}
-
-void CodeIsUnloaded() {
-  cfi::RuleCache::EndGeneration();
 }
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 // Evaluates DWARF expressions (DWARF 5, section 2.5). Any thread, any context.
 #include "platform/cfi/expression.h"
+#include "platform/readable_stack.h"
 
 #include <array>
 #include <cstddef>
@@ -53,7 +54,7 @@ constexpr std::uint8_t kNumbered = 32;
 
 class Machine {
  public:
-  Machine(const TableReader& expression, const arch::Registers& registers, StackRange* stack)
+  Machine(const TableReader& expression, const arch::Registers& registers, ReadableStack* stack)
       : reader_(expression), registers_(registers), stack_(*stack) {}
 
   bool Push(std::uint64_t value) {
@@ -191,7 +192,7 @@ class Machine {
 
   TableReader reader_;
   const arch::Registers& registers_;
-  StackRange& stack_;
+  ReadableStack& stack_;
   std::array<std::uint64_t, kValues> values_{};
   std::size_t count_ = 0;
 };
@@ -209,7 +210,7 @@ bool ReadColumn(const arch::Registers& registers, std::uint64_t column, std::uin
 }
 
 bool Evaluate(TableReader expression, const arch::Registers& registers,
-              const std::uint64_t* initial, StackRange* stack, std::uint64_t* result) {
+              const std::uint64_t* initial, ReadableStack* stack, std::uint64_t* result) {
   Machine machine(expression, registers, stack);
   return (initial == nullptr || machine.Push(*initial)) && machine.Run(result);
 }

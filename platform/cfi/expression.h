@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "arch/unwind.h"
-#include "platform/cfi/stack_range.h"
 #include "platform/cfi/table_reader.h"
+#include "platform/readable_stack.h"
 
 namespace platform::cfi {
 
@@ -18,6 +18,6 @@ bool ReadColumn(const arch::Registers& registers, std::uint64_t column, std::uin
 /// unless that is null. Reads no memory but `stack`. Returns false for what is damaged, not
 /// supported or reads elsewhere.
 bool Evaluate(TableReader expression, const arch::Registers& registers,
-              const std::uint64_t* initial, StackRange* stack, std::uint64_t* result);
+              const std::uint64_t* initial, ReadableStack* stack, std::uint64_t* result);
 
 }  // namespace platform::cfi

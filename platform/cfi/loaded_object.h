@@ -27,6 +27,9 @@ struct LoadedObject {
   std::uint64_t ReadableEnd(std::uint64_t address, std::size_t bytes) const;
 };
 
+/// Called once at start-up, before the first search.
+void PrepareLoadedObjects();
+
 /// Fills `object` with the one that holds `pc`. Returns false when none does, or when its program
 /// headers cannot be read. `pc` lies in a function that the calling thread is in: nobody unloads
 /// the object meanwhile. Keeps errno; allocates nothing. Takes no lock on Linux with glibc 2.35 or

@@ -7,9 +7,9 @@
 #include "platform/cfi/frame_entry.h"
 #include "platform/cfi/frame_row.h"
 #include "platform/cfi/loaded_object.h"
-#include "platform/cfi/probe.h"
 #include "platform/cfi/rule.h"
-#include "platform/cfi/stack_range.h"
+#include "platform/readable.h"
+#include "platform/readable_stack.h"
 
 namespace platform::cfi {
 namespace {
@@ -17,7 +17,7 @@ namespace {
 /// One step: from the registers of a frame to those of its caller's.
 class RegisterStep {
  public:
-  RegisterStep(const arch::Registers& from, StackRange* stack, arch::Registers* to)
+  RegisterStep(const arch::Registers& from, ReadableStack* stack, arch::Registers* to)
       : from_(from), to_(*to), stack_(*stack) {}
 
   /// `pc` is an address in the instruction that the frame is at.
@@ -89,7 +89,7 @@ class RegisterStep {
                                                                            std::uint64_t* value) {
     if (from_.general[arch::kStackPointerColumn] - address - 1 < arch::kRedZoneBytes) {
       // A function that a signal interrupted may keep registers there.
-      if (!IsReadable(address, sizeof(*value))) return false;
+      if (!CanRead(address, sizeof(*value))) return false;
       *value = *reinterpret_cast<const std::uint64_t*>(address);
       return true;
     }
@@ -98,7 +98,7 @@ class RegisterStep {
 
   const arch::Registers& from_;
   arch::Registers& to_;
-  StackRange& stack_;
+  ReadableStack& stack_;
   std::uint64_t cfa_ = 0;
 };
 
@@ -110,8 +110,8 @@ bool RegisterWalk::GoTo(const arch::Registers& registers, bool interrupted) {
   const std::uint64_t new_sp = registers.general[arch::kStackPointerColumn];
   if (registers.pc == 0) return false;
   if (interrupted) {
-    if (!IsReadable(new_sp, sizeof(std::uint64_t))) return false;
-    stack_ = StackRange(new_sp);
+    if (!CanRead(new_sp, sizeof(std::uint64_t))) return false;
+    stack_ = ReadableStack(new_sp);
   } else if (new_sp != sp() &&
              !stack_.Holds(new_sp - sizeof(std::uint64_t), sizeof(std::uint64_t))) {
     return false;

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "arch/unwind.h"
-#include "platform/cfi/stack_range.h"
+#include "platform/readable_stack.h"
 
 namespace platform::cfi {
 
@@ -18,7 +18,7 @@ class RegisterWalk {
       : registers_(registers), stack_(registers.general[arch::kStackPointerColumn]) {}
 
   /// Begins nowhere, on `stack`: EnterInterrupted comes next.
-  explicit RegisterWalk(const StackRange& stack) : registers_{}, stack_(stack) {}
+  explicit RegisterWalk(const ReadableStack& stack) : registers_{}, stack_(stack) {}
 
   /// Goes to the frame that a signal interrupted. `sp`, on this walk's stack, is the stack pointer
   /// at the code that the signal's handler returns to. False, and nothing changed, when what lies
@@ -33,7 +33,7 @@ class RegisterWalk {
   std::uint64_t sp() const { return registers_.general[arch::kStackPointerColumn]; }
   std::uint64_t fp() const { return registers_.general[arch::kFramePointerColumn]; }
   /// The stack that sp() is on.
-  const StackRange& stack() const { return stack_; }
+  const ReadableStack& stack() const { return stack_; }
   /// Whether pc() is that of an instruction to be run next, not one behind a call.
   bool interrupted() const { return interrupted_; }
 
@@ -41,7 +41,7 @@ class RegisterWalk {
   bool GoTo(const arch::Registers& registers, bool interrupted);
 
   arch::Registers registers_;
-  StackRange stack_;
+  ReadableStack stack_;
   bool interrupted_ = true;
 };
 

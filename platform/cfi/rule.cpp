@@ -5,7 +5,7 @@
 
 #include "platform/cfi/frame_entry.h"
 #include "platform/cfi/frame_row.h"
-#include "platform/cfi/probe.h"
+#include "platform/readable.h"
 
 namespace platform::cfi {
 namespace {
@@ -130,7 +130,7 @@ bool IsSignalReturn(const LoadedObject* object, std::uint64_t pc) {
   if (object != nullptr) {
     return object->ReadableEnd(pc, arch::kSigreturnBytes) != 0 && arch::IsSigreturn(pc);
   }
-  return !arch::kSigreturnIsInObject && IsReadable(pc, arch::kSigreturnBytes) &&
+  return !arch::kSigreturnIsInObject && CanRead(pc, arch::kSigreturnBytes) &&
          arch::IsSigreturn(pc);
 }
 

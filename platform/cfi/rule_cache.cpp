@@ -25,7 +25,7 @@ std::atomic<RuleCache::Table*> RuleCache::g_table{&g_empty.head};
 std::atomic<std::uint64_t> RuleCache::g_unloads{0};
 const std::atomic<std::uint64_t> RuleCache::g_nobody_counts{0};
 std::atomic<const std::atomic<std::uint64_t>*> RuleCache::g_observed_unloads{&g_nobody_counts};
-std::atomic<std::uint64_t> RuleCache::g_rounds{0};
+std::atomic<std::uint64_t> RuleCache::g_half_rounds{0};
 
 Rule RuleCache::FindFurther(const Slot* slot, std::uint64_t return_address) {
   for (std::size_t probe = 1; probe < kProbes; ++probe) {
@@ -119,15 +119,22 @@ RuleCache::Table* RuleCache::Replace(Table* table, std::uint64_t generation) {
   return larger;
 }
 
+/// Generations are numbered in rounds. Each generation begins with misses, so rules that were made
+/// in one half of a round are gone before their numbers are used again in the next round.
+void RuleCache::EndHalfRound() {
+  const std::uint64_t half = Unloads() >> (Rule::kGenerationBits - 2);
+  std::uint64_t known = g_half_rounds.load(std::memory_order_relaxed);
+  if (known == half || !g_half_rounds.compare_exchange_strong(known, half)) return;
+  Table* table = g_table.load(std::memory_order_acquire);
+  const std::size_t slots = table->slots == 0 ? 0 : table->slots + kProbes;
+  for (std::size_t i = 0; i < slots; ++i) {
+    table->Slots()[i].rule.store(0, std::memory_order_relaxed);
+  }
+}
+
 void RuleCache::Add(std::uint64_t return_address, Rule rule) const {
   rule = rule.WithGeneration(generation_);
-  // Numbers of generations are used anew. Each generation begins with misses: rules that were made
-  // under its number long ago go before one of them is found.
-  const std::uint64_t round = Unloads() << 1 >> Rule::kGenerationBits;
-  if (g_rounds.load(std::memory_order_relaxed) != round) {
-    g_rounds.store(round, std::memory_order_relaxed);
-    g_table.store(&g_empty.head, std::memory_order_release);
-  }
+  EndHalfRound();
   Table* table = g_table.load(std::memory_order_acquire);
   if (table->used.load(std::memory_order_relaxed) * kSlotsPerKey >= table->slots) {
     table = Replace(table, generation_);

@@ -49,11 +49,10 @@ class RuleCache {
   /// Whether rules of this view may be used still.
   bool IsCurrent() const { return Generation(Unloads()) == generation_; }
 
-  /// Makes all rules invalid: before an object is unloaded and again afterwards.
+  /// Makes all rules invalid: objects have changed. Any thread, any context.
   static void EndGeneration() { g_unloads.fetch_add(1, std::memory_order_acq_rel); }
 
-  /// Has rules become invalid, too, whenever `unloads` changes. It only grows, and lives for the
-  /// process. At start-up.
+  /// Makes all rules invalid whenever `unloads` grows, too. It is never destroyed. At start-up.
   static void Observe(const std::atomic<std::uint64_t>* unloads) {
     g_observed_unloads.store(unloads, std::memory_order_release);
   }
@@ -113,6 +112,7 @@ class RuleCache {
   static bool Insert(Table* table, std::uint64_t key, Rule rule);
   static std::size_t SlotsFor(const Table& table, std::uint64_t generation);
   static Table* Replace(Table* table, std::uint64_t generation);
+  static void EndHalfRound();
   static bool Publish(Table* old_table, Table* table);
 
   static EmptyTable g_empty;
@@ -120,8 +120,8 @@ class RuleCache {
   static std::atomic<std::uint64_t> g_unloads;
   static const std::atomic<std::uint64_t> g_nobody_counts;
   static std::atomic<const std::atomic<std::uint64_t>*> g_observed_unloads;
-  /// How often the numbers of generations were used up. See Add.
-  static std::atomic<std::uint64_t> g_rounds;
+  /// See EndHalfRound.
+  static std::atomic<std::uint64_t> g_half_rounds;
 
   const Slot* slots_;
   std::uint64_t mask_;

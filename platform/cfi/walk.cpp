@@ -13,7 +13,7 @@
 #include "platform/cfi/register_walk.h"
 #include "platform/cfi/rule.h"
 #include "platform/cfi/rule_cache.h"
-#include "platform/cfi/stack_range.h"
+#include "platform/readable_stack.h"
 
 // The walk reads other functions' frames, where a sanitizer may keep red zones.
 #define MEMLEAK_READS_STACK __attribute__((no_sanitize("address", "thread", "undefined")))
@@ -44,7 +44,7 @@ __attribute__((always_inline)) inline T Apart(T value) {
 /// A walk's position, and where it puts what it finds.
 struct Position {
   Frame frame;
-  StackRange stack;
+  ReadableStack stack;
   /// The stack pointer at the last signal frame; 0 before the first.
   std::uint64_t signal_sp = 0;
   std::uint64_t* pcs = nullptr;
@@ -97,7 +97,7 @@ bool StepInWalk(RegisterWalk* walk, Position* at) {
 __attribute__((noinline)) bool StepWithAllRegisters(Position* at) {
   g_slow_steps.fetch_add(1, std::memory_order_relaxed);
   if (at->signal_sp != 0) {
-    RegisterWalk walk{StackRange(at->signal_sp)};
+    RegisterWalk walk{ReadableStack(at->signal_sp)};
     return walk.EnterInterrupted(at->signal_sp) && StepInWalk(&walk, at);
   }
   arch::Registers registers;
@@ -109,7 +109,7 @@ __attribute__((noinline)) bool StepWithAllRegisters(Position* at) {
 /// Takes a step whose places are compared with the readable stack one by one.
 bool StepByRule(Rule rule, Position* at) {
   Frame& frame = at->frame;
-  StackRange& stack = at->stack;
+  ReadableStack& stack = at->stack;
   const std::uint64_t base = rule.kind() == Rule::kStackStep ? frame.sp : frame.fp;
   std::uint64_t cfa = base + rule.distance();
   if (rule.kind() == Rule::kSavedStep && !stack.Read(cfa, &cfa)) return false;
@@ -149,14 +149,14 @@ MEMLEAK_READS_STACK std::size_t Walk(const RuleCache& cache, const Frame& start,
   const std::uint64_t stack_tag = rules.generation();
   const std::uint64_t frame_tag =
       stack_tag | (std::uint64_t{Rule::kFrameStep} << Rule::kGenerationBits);
-  Position at{start, StackRange(start.sp), 0, pcs, 0, max_pcs};
+  Position at{start, ReadableStack(start.sp), 0, pcs, 0, max_pcs};
   std::uint64_t* next = pcs;
   std::uint64_t* const last = pcs + max_pcs;
   for (;;) {
     std::uint64_t return_address = at.frame.return_address;
     std::uint64_t sp = at.frame.sp;
     std::uint64_t fp = at.frame.fp;
-    std::uint64_t stack_end = at.stack.end();
+    std::uint64_t stack_end = at.stack.KnownEnd();
     for (;;) {
       if (return_address == 0) return static_cast<std::size_t>(next - pcs);
       *next++ = return_address - arch::kCallSiteAdjustment;
@@ -171,7 +171,7 @@ MEMLEAK_READS_STACK std::size_t Walk(const RuleCache& cache, const Frame& start,
       const std::uint64_t cfa = base + distance;
       if (__builtin_expect(cfa > stack_end, 0)) {
         if (!at.stack.Holds(cfa - kWordBytes, kWordBytes)) break;
-        stack_end = at.stack.end();
+        stack_end = at.stack.KnownEnd();
       }
       const std::uint64_t places = rule.from_register() ? base : cfa;
       if (rule.saves_frame_pointer()) fp = WordAt(places + rule.frame_pointer());
@@ -200,17 +200,19 @@ std::size_t WalkFrames(const Frame& start, std::uint64_t* pcs, std::size_t max_p
 
 bool StepToCaller(Frame* frame) {
   std::uint64_t interrupted_pc = 0;
-  Position at{*frame, StackRange(frame->sp), 0, &interrupted_pc, 0, 2};
+  Position at{*frame, ReadableStack(frame->sp), 0, &interrupted_pc, 0, 2};
   if (frame->return_address == 0 || !Detour(RuleCache(), &at)) return false;
   *frame = at.frame;
   return frame->return_address != 0;
 }
 
-bool NeedsNoStackPointer(std::uint64_t return_address) {
+std::uint64_t EndOfFrame(std::uint64_t return_address, std::uint64_t record) {
   const RuleCache cache;
   Rule rule = cache.Find(return_address);
   if (!rule.IsOf(cache.generation())) rule = Learn(cache, return_address);
-  return rule.kind() == Rule::kFrameStep;
+  if (rule.kind() == Rule::kOther || rule.kind() == Rule::kSavedStep) return 0;
+  if (!rule.saves_frame_pointer()) return 0;
+  return record - rule.frame_pointer() + (rule.from_register() ? rule.distance() : 0);
 }
 
 std::uint64_t SlowSteps() {

@@ -26,9 +26,10 @@ std::size_t WalkFrames(const Frame& start, std::uint64_t* pcs, std::size_t max_p
 /// Goes on from `frame` to its caller's. False, and nothing changed, where the stack ends.
 bool StepToCaller(Frame* frame);
 
-/// Whether the step from a frame to its caller's, `return_address` being that of the call it is in,
-/// needs no stack pointer.
-bool NeedsNoStackPointer(std::uint64_t return_address);
+/// Where the frame ends that has its frame record at `record`: the stack pointer when its function
+/// has returned. `return_address` is that of a call which the function is in. 0 if it keeps no frame
+/// record.
+std::uint64_t EndOfFrame(std::uint64_t return_address, std::uint64_t record);
 
 /// How many steps did not fit into a rule since the process began. For tests and benchmarks.
 std::uint64_t SlowSteps();

@@ -47,7 +47,7 @@ bool PrepareCallStacks() {
 
 // This function fills the registers and calls the unwinder itself: the frame that they describe
 // must exist as long as the unwind runs.
-__attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* /*entry*/,
+__attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* /*inner*/,
                                                 std::uint64_t* pcs, std::size_t max_pcs) {
   State* state = g_state.load(std::memory_order_acquire);
   if (state == nullptr || max_pcs == 0) return 0;
@@ -71,8 +71,5 @@ __attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* /*entry
   errno = saved_errno;
   return count;
 }
-
-// The library looks every pc up in maps that it reads again when one is missing.
-void CodeIsUnloaded() {}
 
 }  // namespace platform

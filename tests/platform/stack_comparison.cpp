@@ -93,7 +93,7 @@ void Keep(const Stack& ours, const Stack& runtime, std::uint64_t number) {
 
 void Prepare() {
   platform::PrepareCallStacks();
-  Compare(static_cast<const arch::FrameRecord*>(__builtin_frame_address(0)));
+  Compare();
 }
 
 bool IsInRuntime(std::uint64_t pc) {
@@ -106,12 +106,13 @@ bool IsInRuntime(std::uint64_t pc) {
                                     static_cast<const char*>(runtime.dlfo_map_start));
 }
 
-__attribute__((noinline)) void Compare(const arch::FrameRecord* record) {
+__attribute__((noinline)) void Compare() {
+  const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
   const int saved_errno = errno;
   Stack ours;
   Stack runtime;
-  ours.count = platform::CallStack(record, ours.pcs, kMostFrames);
-  RuntimeWalk walk{&runtime, reinterpret_cast<std::uint64_t>(record)};
+  ours.count = platform::CallStack(own, ours.pcs, kMostFrames);
+  RuntimeWalk walk{&runtime, own->caller_frame};
   _Unwind_Backtrace(Take, &walk);
   runtime.count = walk.count;
   g_places.fetch_add(1);

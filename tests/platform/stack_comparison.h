@@ -27,9 +27,9 @@ void Prepare();
 /// frame: then nobody can walk the stack, and it crashes when it tries.
 bool IsInRuntime(std::uint64_t pc);
 
-/// Compares both stacks from the caller of the function outward whose frame record is `record`,
-/// which is the one that calls this. The first differences are kept as text.
-void Compare(const arch::FrameRecord* record);
+/// Compares both stacks from the caller of the calling function outward. The first differences are
+/// kept as text.
+void Compare();
 
 Totals Result();
 /// The first differences: the pcs of both stacks, each with its library and offset.

@@ -50,14 +50,14 @@ void SetStepping(ucontext_t* context) {
 }
 
 void OnStep(int /*signal*/, siginfo_t* /*info*/, void* context) {
-  comparison::Compare(static_cast<const arch::FrameRecord*>(__builtin_frame_address(0)));
+  comparison::Compare();
   --t_steps_left;
   SetStepping(static_cast<ucontext_t*>(context));
 }
 #endif
 
 void OnTimer(int /*signal*/, siginfo_t* /*info*/, void* context) {
-  comparison::Compare(static_cast<const arch::FrameRecord*>(__builtin_frame_address(0)));
+  comparison::Compare();
 #if defined(__x86_64__)
   t_steps_left = g_steps;
   SetStepping(static_cast<ucontext_t*>(context));

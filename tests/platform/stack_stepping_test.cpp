@@ -23,7 +23,7 @@ void OnStep(int /*signal*/, siginfo_t* /*info*/, void* context) {
   auto& interrupted = *static_cast<ucontext_t*>(context);
   if (!comparison::IsInRuntime(
           static_cast<std::uint64_t>(interrupted.uc_mcontext.gregs[REG_RIP]))) {
-    comparison::Compare(static_cast<const arch::FrameRecord*>(__builtin_frame_address(0)));
+    comparison::Compare();
   }
   if (IsAboutToBlockSignals(interrupted)) interrupted.uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;
 }

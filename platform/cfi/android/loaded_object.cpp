@@ -3,6 +3,8 @@
 
 namespace platform::cfi {
 
+void PrepareLoadedObjects() {}
+
 bool FindLoadedObject(std::uint64_t pc, LoadedObject* object) {
   return SearchLoadedObjects(pc, object);
 }

@@ -1,6 +1,7 @@
 // Finds loaded objects by glibc's _dl_find_object, which takes no lock and may be used in signal
 // handlers. Any thread.
 #include "platform/cfi/loaded_object.h"
+#include "platform/readable.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -8,19 +9,18 @@
 
 #include <cstring>
 
-#include "platform/cfi/probe.h"
-
-// Since glibc 2.35. With an older one the name stays unresolved.
-#pragma weak _dl_find_object
 
 namespace platform::cfi {
 namespace {
+
+/// Since glibc 2.35; null with an older one. Looked up by name, so that the library loads with both.
+int (*g_find_object)(void*, dl_find_object*) = nullptr;
 
 /// Takes the program headers from the ELF header at the object's beginning, where linkers place it.
 /// False when none is there: of an object with gaps between its segments glibc names the segment
 /// that was asked for.
 bool TakeHeaders(LoadedObject* object) {
-  if (!IsReadable(object->begin, sizeof(Elf64_Ehdr))) return false;
+  if (!CanRead(object->begin, sizeof(Elf64_Ehdr))) return false;
   const auto* header = reinterpret_cast<const Elf64_Ehdr*>(object->begin);
   if (std::memcmp(header->e_ident, ELFMAG, SELFMAG) != 0 ||
       header->e_ident[EI_CLASS] != ELFCLASS64 || header->e_phentsize != sizeof(Elf64_Phdr) ||
@@ -30,7 +30,7 @@ bool TakeHeaders(LoadedObject* object) {
   const std::uint64_t headers = object->begin + header->e_phoff;
   const std::size_t bytes = header->e_phnum * sizeof(Elf64_Phdr);
   if (header->e_phoff > object->end - object->begin || bytes > object->end - headers ||
-      !IsReadable(headers, bytes)) {
+      !CanRead(headers, bytes)) {
     return false;
   }
   object->headers = reinterpret_cast<const Elf64_Phdr*>(headers);
@@ -48,10 +48,15 @@ bool TakeHeadersOfProgram(const link_map* map, LoadedObject* object) {
 
 }  // namespace
 
+void PrepareLoadedObjects() {
+  g_find_object =
+      reinterpret_cast<decltype(g_find_object)>(dlsym(RTLD_DEFAULT, "_dl_find_object"));
+}
+
 bool FindLoadedObject(std::uint64_t pc, LoadedObject* object) {
-  if (_dl_find_object == nullptr) return SearchLoadedObjects(pc, object);
+  if (g_find_object == nullptr) return SearchLoadedObjects(pc, object);
   dl_find_object found{};
-  if (_dl_find_object(reinterpret_cast<void*>(pc), &found) != 0) return false;
+  if (g_find_object(reinterpret_cast<void*>(pc), &found) != 0) return false;
   object->begin = reinterpret_cast<std::uint64_t>(found.dlfo_map_start);
   object->end = reinterpret_cast<std::uint64_t>(found.dlfo_map_end);
   object->bias = found.dlfo_link_map->l_addr;
