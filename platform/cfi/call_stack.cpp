@@ -21,20 +21,20 @@ constexpr char kTracker[] = "libmemleak_tracker.so";
 std::uint64_t g_tracker_begin = 0;
 std::uint64_t g_tracker_bytes = 0;
 
-/// The frame that called the function that called the one whose frame record is `inner`.
-__attribute__((always_inline, no_sanitize("address", "thread", "undefined"))) inline cfi::Frame
-CallerOfEntry(const arch::FrameRecord* inner) {
-  const auto* entry = reinterpret_cast<const arch::FrameRecord*>(inner->caller_frame);
-  const std::uint64_t end =
-      arch::kFrameRecordEndsFrame
-          ? reinterpret_cast<std::uint64_t>(entry + 1)
-          : cfi::EndOfFrame(arch::StripReturnAddress(inner->return_address), inner->caller_frame);
-  if (end == 0) return {};
-  return {arch::StripReturnAddress(entry->return_address), end, entry->caller_frame};
-}
-
 bool IsTracker(std::uint64_t address) {
   return address - g_tracker_begin < g_tracker_bytes;
+}
+
+/// The stack from the first frame outside of the tracker on. A function of its own, so that a walk
+/// from the tracker's caller has no frame of CallStack below it.
+__attribute__((noinline)) std::size_t SkipTracker(std::uint64_t return_address, std::uint64_t sp,
+                                                  std::uint64_t fp, std::uint64_t* pcs,
+                                                  std::size_t max_pcs) {
+  cfi::Frame start{return_address, sp, fp};
+  while (IsTracker(start.return_address)) {
+    if (!cfi::StepToCaller(&start)) return 0;
+  }
+  return cfi::WalkFrames(start.return_address, start.sp, start.fp, pcs, max_pcs);
 }
 
 }  // namespace
@@ -60,13 +60,20 @@ bool PrepareCallStacks() {
   return true;
 }
 
-__attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* inner, std::uint64_t* pcs,
-                                                std::size_t max_pcs) {
-  cfi::Frame start = CallerOfEntry(inner);
-  while (__builtin_expect(IsTracker(start.return_address), 0)) {
-    if (!cfi::StepToCaller(&start)) return 0;
+// The compiler makes both last calls jumps.
+__attribute__((noinline, no_sanitize("address", "thread", "undefined"))) std::size_t CallStack(
+    const arch::FrameRecord* inner, std::uint64_t* pcs, std::size_t max_pcs) {
+  const auto* entry = reinterpret_cast<const arch::FrameRecord*>(inner->caller_frame);
+  const std::uint64_t end =
+      arch::kFrameRecordEndsFrame
+          ? reinterpret_cast<std::uint64_t>(entry + 1)
+          : cfi::EndOfFrame(arch::StripReturnAddress(inner->return_address), inner->caller_frame);
+  if (end == 0) return 0;
+  const std::uint64_t return_address = arch::StripReturnAddress(entry->return_address);
+  if (__builtin_expect(IsTracker(return_address), 0)) {
+    return SkipTracker(return_address, end, entry->caller_frame, pcs, max_pcs);
   }
-  return cfi::WalkFrames(start, pcs, max_pcs);
+  return cfi::WalkFrames(return_address, end, entry->caller_frame, pcs, max_pcs);
 }
 
 }  // namespace platform

@@ -200,12 +200,16 @@ class Machine {
 }  // namespace
 
 bool ReadColumn(const arch::Registers& registers, std::uint64_t column, std::uint64_t* value) {
-  if (column < arch::kRegisterColumns) {
-    *value = registers.general[column];
-    return true;
+  const std::size_t index = arch::SavedIndex(column);
+  if (index < arch::kSavedRegisters) {
+    *value = registers.saved[index];
+  } else if (column == arch::kReturnAddressColumn) {
+    *value = registers.pc;
+  } else if (registers.interrupted != nullptr && column < arch::kInterruptedColumns) {
+    *value = arch::InterruptedRegister(registers.interrupted, column);
+  } else {
+    return false;
   }
-  if (column != arch::kReturnAddressColumn) return false;
-  *value = registers.pc;
   return true;
 }
 

@@ -66,7 +66,7 @@ bool ReadShared(const LoadedObject& object, std::uint64_t address, FrameEntry* e
     }
   }
   entry->shared_program = reader;
-  return reader.ok() && data.ok();
+  return reader.ok() && (!*augmented || data.ok());
 }
 
 /// Reads the FDE whose contents `reader` is at. False when it does not hold `pc`.

@@ -4,8 +4,8 @@
 namespace platform::cfi {
 namespace {
 
-/// States that instructions may put aside at a time. Compilers nest no two of them.
-constexpr std::size_t kRememberedRows = 4;
+/// States that instructions may put aside at a time. Compilers do not nest them.
+constexpr std::size_t kRememberedRows = 2;
 
 /// The high two bits of an instruction that has an operand in the others.
 enum : std::uint8_t { kAdvance = 0x40, kOffset = 0x80, kRestore = 0xc0 };
@@ -114,20 +114,18 @@ class Run {
   }
 
   bool DefineCfa(std::uint8_t instruction, TableReader* program) {
-    if (instruction == kDefCfaExpression) {
-      const TableReader block = program->TakeBlock();
-      row_.cfa = {true, BytesOf(block), 0, block.address()};
-      return true;
-    }
+    if (instruction == kDefCfaExpression) return CfaRule::Pack(program->TakeBlock(), &row_.cfa);
+    std::uint64_t column = row_.cfa.column();
+    auto offset = static_cast<std::uint64_t>(row_.cfa.offset());
     if (instruction == kDefCfa || instruction == kDefCfaSigned || instruction == kDefCfaRegister) {
-      row_.cfa.column = program->TakeUnsigned();
+      column = program->TakeUnsigned();
     }
     if (instruction == kDefCfa || instruction == kDefCfaOffset) {
-      row_.cfa.value = program->TakeUnsigned();
+      offset = program->TakeUnsigned();
     } else if (instruction != kDefCfaRegister) {
-      row_.cfa.value = SignedFactored(program->TakeSigned());
+      offset = SignedFactored(program->TakeSigned());
     }
-    row_.cfa.by_expression = false;
+    row_.cfa = CfaRule(column, offset);
     return true;
   }
 
@@ -174,15 +172,12 @@ class Run {
     return Factored(static_cast<std::uint64_t>(units));
   }
 
-  static std::uint32_t BytesOf(const TableReader& block) {
-    return static_cast<std::uint32_t>(block.end() - block.address());
-  }
-
   bool SetValue(std::uint64_t column, Source source, std::uint64_t value) {
-    return Set(column, {source, 0, value});
+    return Set(column, {source, value});
   }
   bool SetExpression(std::uint64_t column, Source source, const TableReader& block) {
-    return Set(column, {source, BytesOf(block), block.address()});
+    RegisterRule rule;
+    return RegisterRule::Pack(source, block, &rule) && Set(column, rule);
   }
 
   bool Set(std::uint64_t column, const RegisterRule& rule) {

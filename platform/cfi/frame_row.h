@@ -4,6 +4,7 @@
 // Used when a pc is met for the first time, on any thread and in signal handlers.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -25,26 +26,67 @@ enum class Source : std::uint8_t {
   kIsExpression,       // what the expression yields
 };
 
-struct RegisterRule {
-  Source source = Source::kUnspecified;
-  std::uint32_t expression_bytes = 0;
-  /// The offset, the column or the expression's address.
-  std::uint64_t value = 0;
+/// How one register of the caller is found, in one word: rows are made on small stacks.
+class RegisterRule {
+ public:
+  RegisterRule() = default;
+  /// `value` is an offset or a column. Its upper three bits get lost.
+  RegisterRule(Source source, std::uint64_t value)
+      : word_(value << kSourceBits | static_cast<std::uint64_t>(source)) {}
+  /// `block` is an expression. False if it cannot be one of compiled code.
+  static bool Pack(Source source, const TableReader& block, RegisterRule* rule) {
+    const std::uint64_t bytes = block.end() - block.address();
+    if (block.end() >> kAddressBits != 0 || bytes >> kLengthBits != 0) return false;
+    *rule = RegisterRule(source, bytes << kAddressBits | block.address());
+    return true;
+  }
 
-  std::int64_t offset() const { return static_cast<std::int64_t>(value); }
-  TableReader expression() const { return {value, value + expression_bytes}; }
+  Source source() const { return static_cast<Source>(word_ & ((1 << kSourceBits) - 1)); }
+  /// The offset or the column.
+  std::int64_t value() const { return static_cast<std::int64_t>(word_) >> kSourceBits; }
+  TableReader expression() const {
+    const std::uint64_t address =
+        word_ >> kSourceBits & ((std::uint64_t{1} << kAddressBits) - 1);
+    return {address, address + (word_ >> (kSourceBits + kAddressBits))};
+  }
+
+ private:
+  static constexpr unsigned kSourceBits = 3;
+  static constexpr unsigned kAddressBits = 48;
+  static constexpr unsigned kLengthBits = 64 - kSourceBits - kAddressBits;
+
+  std::uint64_t word_ = static_cast<std::uint64_t>(Source::kUnspecified);
 };
 
-/// The canonical frame address (CFA): register + offset, or what the expression yields.
-struct CfaRule {
-  bool by_expression = false;
-  std::uint32_t expression_bytes = 0;
-  std::uint64_t column = 0;
-  /// The offset or the expression's address.
-  std::uint64_t value = 0;
+/// The canonical frame address (CFA) in one word: register + offset, or what an expression yields.
+class CfaRule {
+ public:
+  /// No register.
+  CfaRule() : CfaRule(kNoColumn, 0) {}
+  /// Offsets have 48 bits.
+  CfaRule(std::uint64_t column, std::uint64_t offset)
+      : word_(offset << kValueShift | std::min(column, kNoColumn) << 1) {}
+  /// `block` is an expression. False if it cannot be one of compiled code.
+  static bool Pack(const TableReader& block, CfaRule* rule) {
+    const std::uint64_t bytes = block.end() - block.address();
+    if (block.end() >> (64 - kValueShift) != 0 || bytes > kNoColumn) return false;
+    rule->word_ = block.address() << kValueShift | bytes << 1 | 1;
+    return true;
+  }
 
-  std::int64_t offset() const { return static_cast<std::int64_t>(value); }
-  TableReader expression() const { return {value, value + expression_bytes}; }
+  bool by_expression() const { return (word_ & 1) != 0; }
+  std::uint64_t column() const { return word_ >> 1 & kNoColumn; }
+  std::int64_t offset() const { return static_cast<std::int64_t>(word_) >> kValueShift; }
+  TableReader expression() const {
+    const std::uint64_t address = word_ >> kValueShift;
+    return {address, address + column()};
+  }
+
+ private:
+  static constexpr unsigned kValueShift = 16;
+  static constexpr std::uint64_t kNoColumn = 0x7fff;
+
+  std::uint64_t word_;
 };
 
 /// Columns that are followed in one run. All of a function's would take too much stack.

@@ -7,15 +7,15 @@
 #include <cstdint>
 
 #include "arch/unwind.h"
+#include "platform/cfi/frame_entry.h"
 #include "platform/readable_stack.h"
 
 namespace platform::cfi {
 
 class RegisterWalk {
  public:
-  /// Begins in the function that filled `registers` with its own.
-  explicit RegisterWalk(const arch::Registers& registers)
-      : registers_(registers), stack_(registers.general[arch::kStackPointerColumn]) {}
+  /// Begins in the function that this is inlined into.
+  __attribute__((always_inline)) RegisterWalk() : stack_(Capture(&registers_)) {}
 
   /// Begins nowhere, on `stack`: EnterInterrupted comes next.
   explicit RegisterWalk(const ReadableStack& stack) : registers_{}, stack_(stack) {}
@@ -30,14 +30,24 @@ class RegisterWalk {
   bool Step();
 
   std::uint64_t pc() const { return registers_.pc; }
-  std::uint64_t sp() const { return registers_.general[arch::kStackPointerColumn]; }
-  std::uint64_t fp() const { return registers_.general[arch::kFramePointerColumn]; }
+  std::uint64_t sp() const { return registers_.saved[kSp]; }
+  std::uint64_t fp() const { return registers_.saved[kFp]; }
   /// The stack that sp() is on.
   const ReadableStack& stack() const { return stack_; }
   /// Whether pc() is that of an instruction to be run next, not one behind a call.
   bool interrupted() const { return interrupted_; }
 
  private:
+  static constexpr std::size_t kSp = arch::SavedIndex(arch::kStackPointerColumn);
+  static constexpr std::size_t kFp = arch::SavedIndex(arch::kFramePointerColumn);
+
+  /// Fills `registers` and returns the stack pointer.
+  __attribute__((always_inline)) static std::uint64_t Capture(arch::Registers* registers) {
+    arch::CaptureRegisters(registers);
+    return registers->saved[kSp];
+  }
+
+  bool StepByEntry(const FrameEntry& entry, std::uint64_t address);
   bool GoTo(const arch::Registers& registers, bool interrupted);
 
   arch::Registers registers_;

@@ -42,24 +42,24 @@ bool IsFramePointerPlus(TableReader expression, bool dereferenced, std::int64_t*
 
 bool TakeCfa(const CfaRule& cfa, Rule::Step* step) {
   step->distance = cfa.offset();
-  if (cfa.by_expression) {
+  if (cfa.by_expression()) {
     step->kind = Rule::kSavedStep;
     return IsFramePointerPlus(cfa.expression(), true, &step->distance);
   }
-  step->kind = cfa.column == arch::kStackPointerColumn ? Rule::kStackStep : Rule::kFrameStep;
+  step->kind = cfa.column() == arch::kStackPointerColumn ? Rule::kStackStep : Rule::kFrameStep;
   return step->distance > 0 &&
-         (cfa.column == arch::kStackPointerColumn || cfa.column == arch::kFramePointerColumn);
+         (cfa.column() == arch::kStackPointerColumn || cfa.column() == arch::kFramePointerColumn);
 }
 
 bool TakeFramePointer(const RegisterRule& rule, Rule::Step* step) {
-  switch (rule.source) {
+  switch (rule.source()) {
     case Source::kUnspecified:
     case Source::kUndefined:
     case Source::kSame:
       return true;
     case Source::kSavedAtOffset:
       step->saves_frame_pointer = true;
-      step->frame_pointer = rule.offset();
+      step->frame_pointer = rule.value();
       return true;
     case Source::kSavedAtExpression:
       // What compilers write for a frame whose CFA is saved: relative to the frame pointer.
@@ -83,16 +83,17 @@ bool PackNear(Rule::Step step, Rule* rule) {
   return Rule::Pack(step, rule);
 }
 
-Rule FromRow(const FrameRow& row) {
+/// Never inlined, so that its variables are not on the stack while the row is made.
+__attribute__((noinline)) Rule FromRow(const FrameRow& row) {
   const RegisterRule& return_address = row.rules[0];
   const RegisterRule& stack_pointer = row.rules[2];
-  if (return_address.source == Source::kUndefined) return Rule::Other::kEnd;
+  if (return_address.source() == Source::kUndefined) return Rule::Other::kEnd;
   Rule::Step step;
-  step.return_address = return_address.offset();
+  step.return_address = return_address.value();
   Rule rule;
-  const bool pushed = return_address.offset() == -kWordBytes;
-  if (return_address.source != Source::kSavedAtOffset ||
-      (arch::kCallPushesReturnAddress && !pushed) || stack_pointer.source != Source::kUnspecified ||
+  const bool pushed = return_address.value() == -kWordBytes;
+  if (return_address.source() != Source::kSavedAtOffset ||
+      (arch::kCallPushesReturnAddress && !pushed) || stack_pointer.source() != Source::kUnspecified ||
       !TakeCfa(row.cfa, &step) || !TakeFramePointer(row.rules[1], &step) ||
       !PackNear(step, &rule)) {
     return Rule::Other::kSlow;

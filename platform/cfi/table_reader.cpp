@@ -54,14 +54,14 @@ TableReader TableReader::TakeBlock() {
   const std::uint64_t bytes = TakeUnsigned();
   const std::uint64_t begin = at_;
   Skip(bytes);
-  return ok_ ? TableReader(begin, at_) : TableReader();
+  return ok() ? TableReader(begin, at_) : TableReader();
 }
 
 const char* TableReader::TakeText() {
   const auto* text = reinterpret_cast<const char*>(at_);
   while (Take<char>() != '\0') {
   }
-  return ok_ ? text : "";
+  return ok() ? text : "";
 }
 
 std::uint64_t TableReader::TakeFormat(std::uint8_t encoding) {

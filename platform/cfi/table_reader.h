@@ -16,8 +16,9 @@ inline constexpr std::uint8_t kPointerIndirect = 0x80;
 inline constexpr std::uint8_t kPointerFormat = 0x0f;
 inline constexpr std::uint8_t kPointerRelation = 0x70;
 
-/// A position in memory that is read onward. Once a read passes the end, it and all later ones
-/// yield 0, and ok() is false.
+/// A position in memory that is read onward. After a read beyond the end it has failed: that read
+/// and all later ones yield 0. One without memory has failed from the beginning. Two words, so that
+/// registers hold it.
 class TableReader {
  public:
   TableReader() = default;
@@ -25,7 +26,7 @@ class TableReader {
     if (at_ > end_) Fail();
   }
 
-  bool ok() const { return ok_; }
+  bool ok() const { return end_ != 0; }
   bool empty() const { return at_ == end_; }
   std::uint64_t address() const { return at_; }
   std::uint64_t end() const { return end_; }
@@ -67,14 +68,13 @@ class TableReader {
 
  private:
   void Fail() {
-    at_ = end_;
-    ok_ = false;
+    at_ = 0;
+    end_ = 0;
   }
   std::uint64_t TakeFormat(std::uint8_t encoding);
 
   std::uint64_t at_ = 0;
   std::uint64_t end_ = 0;
-  bool ok_ = true;
 };
 
 }  // namespace platform::cfi

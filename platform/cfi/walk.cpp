@@ -66,7 +66,7 @@ Rule Learn(const RuleCache& cache, std::uint64_t return_address) {
 
 /// Goes on to the frame that called the one of `walk`, out of a function that a signal interrupted
 /// too, which is stored.
-bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
+__attribute__((always_inline)) inline bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
   while (walk->interrupted()) {
     if (at->count < at->max_pcs) at->pcs[at->count++] = walk->pc();
     if (at->count == at->max_pcs || !walk->Step()) return false;
@@ -76,7 +76,7 @@ bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
   return true;
 }
 
-bool StepOverSignal(Position* at) {
+__attribute__((noinline)) bool StepOverSignal(Position* at) {
   RegisterWalk walk(at->stack);
   if (!walk.EnterInterrupted(at->frame.sp)) return false;
   at->signal_sp = at->frame.sp;
@@ -84,7 +84,7 @@ bool StepOverSignal(Position* at) {
 }
 
 /// Goes from `walk`, where all registers are known, to the frame of `at`, and on to its caller's.
-bool StepInWalk(RegisterWalk* walk, Position* at) {
+__attribute__((always_inline)) inline bool StepInWalk(RegisterWalk* walk, Position* at) {
   for (int frames = 0; walk->sp() != at->frame.sp || walk->pc() != at->frame.return_address;
        ++frames) {
     if (frames == kMostFrames || !walk->Step()) return false;
@@ -94,15 +94,12 @@ bool StepInWalk(RegisterWalk* walk, Position* at) {
 
 /// Takes a step that needs more registers than a walk follows: from the last place where all of
 /// them are known, which is a signal frame or this function.
-__attribute__((noinline)) bool StepWithAllRegisters(Position* at) {
-  g_slow_steps.fetch_add(1, std::memory_order_relaxed);
-  if (at->signal_sp != 0) {
-    RegisterWalk walk{ReadableStack(at->signal_sp)};
-    return walk.EnterInterrupted(at->signal_sp) && StepInWalk(&walk, at);
-  }
-  arch::Registers registers;
-  arch::CaptureRegisters(&registers);
-  RegisterWalk walk(registers);
+__attribute__((noinline)) bool StepFromSignal(Position* at) {
+  RegisterWalk walk{ReadableStack(at->signal_sp)};
+  return walk.EnterInterrupted(at->signal_sp) && StepInWalk(&walk, at);
+}
+__attribute__((noinline)) bool StepFromHere(Position* at) {
+  RegisterWalk walk;
   return StepInWalk(&walk, at);
 }
 
@@ -128,7 +125,7 @@ bool StepByRule(Rule rule, Position* at) {
 }
 
 /// Takes any step. False where the stack ends.
-__attribute__((noinline)) bool Detour(const RuleCache& cache, Position* at) {
+bool Detour(const RuleCache& cache, Position* at) {
   Rule rule = cache.Find(at->frame.return_address);
   if (!rule.IsOf(cache.generation())) rule = Learn(cache, at->frame.return_address);
   if (rule.kind() != Rule::kOther) return StepByRule(rule, at);
@@ -136,65 +133,68 @@ __attribute__((noinline)) bool Detour(const RuleCache& cache, Position* at) {
     case Rule::Other::kSignal:
       return StepOverSignal(at);
     case Rule::Other::kSlow:
-      return StepWithAllRegisters(at);
+      g_slow_steps.fetch_add(1, std::memory_order_relaxed);
+      return at->signal_sp != 0 ? StepFromSignal(at) : StepFromHere(at);
     default:
       return false;
   }
 }
 
-/// Along the cache. What this does not do a detour does.
-MEMLEAK_READS_STACK std::size_t Walk(const RuleCache& cache, const Frame& start, std::uint64_t* pcs,
-                                     std::size_t max_pcs) {
+/// Goes along the cache, to the first step that needs a detour. False when the walk is over. A
+/// function of its own: its registers are not on the stack during a detour.
+__attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& cache,
+                                                               Position* at) {
   const RuleCache rules = cache;  // one that nobody else sees, so that it stays in registers
   const std::uint64_t stack_tag = rules.generation();
   const std::uint64_t frame_tag =
       stack_tag | (std::uint64_t{Rule::kFrameStep} << Rule::kGenerationBits);
-  Position at{start, ReadableStack(start.sp), 0, pcs, 0, max_pcs};
-  std::uint64_t* next = pcs;
-  std::uint64_t* const last = pcs + max_pcs;
-  for (;;) {
-    std::uint64_t return_address = at.frame.return_address;
-    std::uint64_t sp = at.frame.sp;
-    std::uint64_t fp = at.frame.fp;
-    std::uint64_t stack_end = at.stack.KnownEnd();
-    for (;;) {
-      if (return_address == 0) return static_cast<std::size_t>(next - pcs);
-      *next++ = return_address - arch::kCallSiteAdjustment;
-      if (next == last) return max_pcs;
-      const Rule rule = rules.Find(return_address);
-      std::uint64_t base = sp;
-      if (__builtin_expect(rule.tag() != stack_tag, 0)) {
-        base = fp;
-        if (rule.tag() != frame_tag || fp - sp > stack_end - sp) break;
-      }
-      const std::uint64_t distance = rule.distance();
-      const std::uint64_t cfa = base + distance;
-      if (__builtin_expect(cfa > stack_end, 0)) {
-        if (!at.stack.Holds(cfa - kWordBytes, kWordBytes)) break;
-        stack_end = at.stack.KnownEnd();
-      }
-      const std::uint64_t places = rule.from_register() ? base : cfa;
-      if (rule.saves_frame_pointer()) fp = WordAt(places + rule.frame_pointer());
-      return_address = arch::StripReturnAddress(arch::kCallPushesReturnAddress
-                                                    ? WordAt(base + Apart(distance) - kWordBytes)
-                                                    : WordAt(places + rule.return_address()));
-      sp = cfa;
+  std::uint64_t* next = at->pcs + at->count;
+  std::uint64_t* const last = at->pcs + at->max_pcs;
+  std::uint64_t return_address = at->frame.return_address;
+  std::uint64_t sp = at->frame.sp;
+  std::uint64_t fp = at->frame.fp;
+  std::uint64_t stack_end = at->stack.KnownEnd();
+  bool goes_on = false;
+  while (return_address != 0) {
+    *next++ = return_address - arch::kCallSiteAdjustment;
+    if (next == last) break;
+    const Rule rule = rules.Find(return_address);
+    goes_on = true;
+    std::uint64_t base = sp;
+    if (__builtin_expect(rule.tag() != stack_tag, 0)) {
+      base = fp;
+      if (rule.tag() != frame_tag || fp - sp > stack_end - sp) break;
     }
-    at.frame = {return_address, sp, fp};
-    at.count = static_cast<std::size_t>(next - pcs);
-    if (!Detour(cache, &at)) return at.count;
-    next = pcs + at.count;
+    const std::uint64_t distance = rule.distance();
+    const std::uint64_t cfa = base + distance;
+    if (__builtin_expect(cfa > stack_end, 0)) {
+      if (!at->stack.Holds(cfa - kWordBytes, kWordBytes)) break;
+      stack_end = at->stack.KnownEnd();
+    }
+    const std::uint64_t places = rule.from_register() ? base : cfa;
+    if (rule.saves_frame_pointer()) fp = WordAt(places + rule.frame_pointer());
+    return_address = arch::StripReturnAddress(arch::kCallPushesReturnAddress
+                                                  ? WordAt(base + Apart(distance) - kWordBytes)
+                                                  : WordAt(places + rule.return_address()));
+    sp = cfa;
+    goes_on = false;
   }
+  at->frame = {return_address, sp, fp};
+  at->count = static_cast<std::size_t>(next - at->pcs);
+  return goes_on;
 }
 
 }  // namespace
 
-std::size_t WalkFrames(const Frame& start, std::uint64_t* pcs, std::size_t max_pcs) {
+std::size_t WalkFrames(std::uint64_t return_address, std::uint64_t sp, std::uint64_t fp,
+                       std::uint64_t* pcs, std::size_t max_pcs) {
   if (max_pcs == 0) return 0;
   for (int attempt = 1;; ++attempt) {
     const RuleCache cache;
-    const std::size_t count = Walk(cache, start, pcs, max_pcs);
-    if (attempt == kAttempts || cache.IsCurrent()) return count;
+    Position at{{return_address, sp, fp}, ReadableStack(sp), 0, pcs, 0, max_pcs};
+    while (WalkByRules(cache, &at) && Detour(cache, &at) && at.count < max_pcs) {
+    }
+    if (attempt == kAttempts || cache.IsCurrent()) return at.count;
   }
 }
 

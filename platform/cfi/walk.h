@@ -17,11 +17,12 @@ struct Frame {
   std::uint64_t fp = 0;              // the same
 };
 
-/// Fills `pcs` with addresses of the calls that the frame at `start` and those further out are in,
-/// innermost first, at most `max_pcs`; where a signal interrupted a function, with the address of
-/// the instruction. `start` is a frame of the calling thread that lives until this returns. Returns
-/// how many there are.
-std::size_t WalkFrames(const Frame& start, std::uint64_t* pcs, std::size_t max_pcs);
+/// Fills `pcs` with addresses of the calls that a frame and those further out are in, innermost
+/// first, at most `max_pcs`. Where a signal interrupted a function, it is the address of the
+/// instruction. `return_address`, `sp` and `fp` are those of a Frame of the calling thread that lives
+/// until this returns. Returns how many there are.
+std::size_t WalkFrames(std::uint64_t return_address, std::uint64_t sp, std::uint64_t fp,
+                       std::uint64_t* pcs, std::size_t max_pcs);
 
 /// Goes on from `frame` to its caller's. False, and nothing changed, where the stack ends.
 bool StepToCaller(Frame* frame);

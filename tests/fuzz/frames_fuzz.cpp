@@ -70,15 +70,11 @@ void FillStack(const Guarded& stack, const std::uint64_t* functions, const Head&
 void Walk(std::uint64_t pc, std::uint64_t sp, std::uint64_t fp, const Head& head) {
   std::uint64_t pcs[kMostFrames];
   const std::size_t count =
-      platform::cfi::WalkFrames({pc, sp, fp}, pcs, 1 + head.numbers[3] % kMostFrames);
+      platform::cfi::WalkFrames(pc, sp, fp, pcs, 1 + head.numbers[3] % kMostFrames);
   fuzz::Require(count <= kMostFrames, "a walk keeps to its limit");
 
-  arch::Registers registers;
-  for (std::uint64_t& value : registers.general) value = sp + head.numbers[1] % 256;
-  registers.general[arch::kStackPointerColumn] = sp;
-  registers.general[arch::kFramePointerColumn] = fp;
-  registers.pc = pc;
-  platform::cfi::RegisterWalk walk(registers);
+  platform::cfi::RegisterWalk walk{platform::ReadableStack(sp)};
+  if (!walk.EnterInterrupted(sp)) return;
   std::uint64_t last_sp = walk.sp();
   std::size_t frames = 0;
   for (; frames < kMostFrames && walk.Step(); ++frames) {

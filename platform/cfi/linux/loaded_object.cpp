@@ -19,7 +19,7 @@ int (*g_find_object)(void*, dl_find_object*) = nullptr;
 /// Takes the program headers from the ELF header at the object's beginning, where linkers place it.
 /// False when none is there: of an object with gaps between its segments glibc names the segment
 /// that was asked for.
-bool TakeHeaders(LoadedObject* object) {
+__attribute__((noinline)) bool TakeHeaders(LoadedObject* object) {
   if (!CanRead(object->begin, sizeof(Elf64_Ehdr))) return false;
   const auto* header = reinterpret_cast<const Elf64_Ehdr*>(object->begin);
   if (std::memcmp(header->e_ident, ELFMAG, SELFMAG) != 0 ||

@@ -15,8 +15,16 @@ namespace arch {
 inline constexpr unsigned kFramePointerColumn = 29;
 inline constexpr unsigned kStackPointerColumn = 31;
 inline constexpr unsigned kReturnAddressColumn = 30;
-/// Columns 0 to 31 are registers.
-inline constexpr unsigned kRegisterColumns = 32;
+
+/// Columns of the registers that calls preserve, x19 to x29, and those of x30 and sp.
+inline constexpr unsigned char kSavedColumns[] = {19, 20, 21, 22, 23, 24, 25,
+                                                  26, 27, 28, 29, 30, 31};
+inline constexpr std::size_t kSavedRegisters = sizeof kSavedColumns;
+/// The place of a column in that list; kSavedRegisters for other columns.
+inline constexpr std::size_t SavedIndex(std::uint64_t column) {
+  const std::uint64_t index = column - kSavedColumns[0];
+  return index < kSavedRegisters ? index : kSavedRegisters;
+}
 
 /// A call leaves the return address in x30; the function called saves it where it likes.
 inline constexpr bool kCallPushesReturnAddress = false;
@@ -31,29 +39,30 @@ inline constexpr unsigned kCallSiteShift = 2;
 /// A function may use nothing below the stack pointer (AAPCS64, "The stack").
 inline constexpr std::size_t kRedZoneBytes = 0;
 
-/// The registers of one frame by column, and its program counter.
+/// The registers of one frame that its callers may need.
 struct Registers {
-  std::uint64_t general[kRegisterColumns];
+  std::uint64_t saved[kSavedRegisters];  // in the order of kSavedColumns
   std::uint64_t pc;
+  /// Where the kernel saved all registers of a frame that a signal interrupted; null for others.
+  const std::uint64_t* interrupted;
 };
 
-/// Fills `registers` with those of the function that this is inlined into: the ones that calls
-/// preserve, the stack pointer, and a pc inside. The others are 0.
+/// Fills `registers` with those of the function that this is inlined into, and a pc inside.
 __attribute__((always_inline)) inline void CaptureRegisters(Registers* registers) {
-  std::memset(registers, 0, sizeof(*registers));
   __asm__ volatile(
-      "stp x19, x20, [%0, #19*8]\n\t"
-      "stp x21, x22, [%0, #21*8]\n\t"
-      "stp x23, x24, [%0, #23*8]\n\t"
-      "stp x25, x26, [%0, #25*8]\n\t"
-      "stp x27, x28, [%0, #27*8]\n\t"
-      "stp x29, x30, [%0, #29*8]\n\t"
+      "stp x19, x20, [%0, #0*8]\n\t"
+      "stp x21, x22, [%0, #2*8]\n\t"
+      "stp x23, x24, [%0, #4*8]\n\t"
+      "stp x25, x26, [%0, #6*8]\n\t"
+      "stp x27, x28, [%0, #8*8]\n\t"
+      "stp x29, x30, [%0, #10*8]\n\t"
       "mov x9, sp\n\t"
       "adr x10, .\n\t"
-      "stp x9, x10, [%0, #31*8]"
+      "stp x9, x10, [%0, #12*8]"
       :
       : "r"(registers)
       : "x9", "x10", "memory");
+  registers->interrupted = nullptr;
 }
 
 /// Bytes of code that IsSigreturn reads.
@@ -76,13 +85,22 @@ inline constexpr std::size_t kSignalRegisters = 128 + 176 + 8;
 /// Bytes of the stack that RegistersFromSignal reads: x0 to x30, sp, pc.
 inline constexpr std::size_t kSignalFrameBytes = kSignalRegisters + 33 * 8;
 
+/// The register of `column` (0 to 31) of a frame that a signal interrupted: x0 to x30, sp, pc.
+__attribute__((no_sanitize("address", "thread", "undefined"))) inline std::uint64_t
+InterruptedRegister(const std::uint64_t* interrupted, std::uint64_t column) {
+  return interrupted[column];
+}
+inline constexpr std::uint64_t kInterruptedColumns = 32;
+
 /// Fills `registers` with those that a signal interrupted. `sp` is the stack pointer at the code
 /// that the handler returns to.
 __attribute__((no_sanitize("address", "thread", "undefined"))) inline void RegistersFromSignal(
     std::uint64_t sp, Registers* registers) {
-  const auto* saved = reinterpret_cast<const std::uint64_t*>(sp + kSignalRegisters);
-  for (std::uint64_t& value : registers->general) value = *saved++;
-  registers->pc = *saved;
+  registers->interrupted = reinterpret_cast<const std::uint64_t*>(sp + kSignalRegisters);
+  for (std::size_t i = 0; i < kSavedRegisters; ++i) {
+    registers->saved[i] = InterruptedRegister(registers->interrupted, kSavedColumns[i]);
+  }
+  registers->pc = registers->interrupted[kInterruptedColumns];
 }
 
 }  // namespace arch

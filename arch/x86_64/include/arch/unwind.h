@@ -15,8 +15,16 @@ namespace arch {
 inline constexpr unsigned kFramePointerColumn = 6;
 inline constexpr unsigned kStackPointerColumn = 7;
 inline constexpr unsigned kReturnAddressColumn = 16;
-/// Columns 0 to 15 are registers; that of the return address is the program counter.
-inline constexpr unsigned kRegisterColumns = 16;
+
+/// Columns of the registers that calls preserve: rbx, rbp, rsp, r12 to r15.
+inline constexpr unsigned char kSavedColumns[] = {3, 6, 7, 12, 13, 14, 15};
+inline constexpr std::size_t kSavedRegisters = sizeof kSavedColumns;
+/// The place of a column in that list; kSavedRegisters for other columns.
+inline constexpr std::size_t SavedIndex(std::uint64_t column) {
+  std::size_t index = 0;
+  while (index < kSavedRegisters && kSavedColumns[index] != column) ++index;
+  return index;
+}
 
 /// Where a call instruction leaves the return address: the word below the canonical frame address.
 inline constexpr bool kCallPushesReturnAddress = true;
@@ -32,29 +40,30 @@ inline constexpr unsigned kCallSiteShift = 1;
 /// Stack Frame").
 inline constexpr std::size_t kRedZoneBytes = 128;
 
-/// The registers of one frame by column, and its program counter.
+/// The registers of one frame that its callers may need.
 struct Registers {
-  std::uint64_t general[kRegisterColumns];
+  std::uint64_t saved[kSavedRegisters];  // in the order of kSavedColumns
   std::uint64_t pc;
+  /// Where the kernel saved all registers of a frame that a signal interrupted; null for others.
+  const std::uint64_t* interrupted;
 };
 
-/// Fills `registers` with those of the function that this is inlined into: the ones that calls
-/// preserve, the stack pointer, and a pc inside. The others are 0.
+/// Fills `registers` with those of the function that this is inlined into, and a pc inside.
 __attribute__((always_inline)) inline void CaptureRegisters(Registers* registers) {
-  std::memset(registers, 0, sizeof(*registers));
   __asm__ volatile(
-      "movq %%rbx, 3*8(%0)\n\t"
-      "movq %%rbp, 6*8(%0)\n\t"
-      "movq %%rsp, 7*8(%0)\n\t"
-      "movq %%r12, 12*8(%0)\n\t"
-      "movq %%r13, 13*8(%0)\n\t"
-      "movq %%r14, 14*8(%0)\n\t"
-      "movq %%r15, 15*8(%0)\n\t"
+      "movq %%rbx, 0*8(%0)\n\t"
+      "movq %%rbp, 1*8(%0)\n\t"
+      "movq %%rsp, 2*8(%0)\n\t"
+      "movq %%r12, 3*8(%0)\n\t"
+      "movq %%r13, 4*8(%0)\n\t"
+      "movq %%r14, 5*8(%0)\n\t"
+      "movq %%r15, 6*8(%0)\n\t"
       "leaq 0(%%rip), %%rax\n\t"
-      "movq %%rax, 16*8(%0)"
+      "movq %%rax, 7*8(%0)"
       :
       : "D"(registers)
       : "rax", "memory");
+  registers->interrupted = nullptr;
 }
 
 /// Bytes of code that IsSigreturn reads.
@@ -75,15 +84,25 @@ inline constexpr bool kSigreturnIsInObject = true;
 /// Bytes of the stack that RegistersFromSignal reads, from the stack pointer at IsSigreturn's code.
 inline constexpr std::size_t kSignalFrameBytes = 40 + 17 * 8;
 
+/// The register of `column` (0 to 15) of a frame that a signal interrupted. In the kernel's order:
+/// r8 to r15, rdi, rsi, rbp, rbx, rdx, rax, rcx, rsp, rip (struct sigcontext).
+__attribute__((no_sanitize("address", "thread", "undefined"))) inline std::uint64_t
+InterruptedRegister(const std::uint64_t* interrupted, std::uint64_t column) {
+  constexpr unsigned char kPlaces[] = {13, 12, 14, 11, 9, 8, 10, 15, 0, 1, 2, 3, 4, 5, 6, 7};
+  return interrupted[kPlaces[column]];
+}
+inline constexpr std::uint64_t kInterruptedColumns = 16;
+
 /// Fills `registers` with those that a signal interrupted. `sp` is the stack pointer at the code
-/// that the handler returns to, where the kernel left a ucontext_t: 40 bytes, then r8 to r15, rdi,
-/// rsi, rbp, rbx, rdx, rax, rcx, rsp, rip (struct sigcontext).
+/// that the handler returns to, where the kernel left a ucontext_t: 40 bytes, then the registers.
 __attribute__((no_sanitize("address", "thread", "undefined"))) inline void RegistersFromSignal(
     std::uint64_t sp, Registers* registers) {
-  constexpr unsigned char kColumns[] = {8, 9, 10, 11, 12, 13, 14, 15, 5, 4, 6, 3, 1, 0, 2, 7};
-  const auto* saved = reinterpret_cast<const std::uint64_t*>(sp + 40);
-  for (const unsigned char column : kColumns) registers->general[column] = *saved++;
-  registers->pc = *saved;
+  constexpr std::size_t kPcPlace = 16;
+  registers->interrupted = reinterpret_cast<const std::uint64_t*>(sp + 40);
+  for (std::size_t i = 0; i < kSavedRegisters; ++i) {
+    registers->saved[i] = InterruptedRegister(registers->interrupted, kSavedColumns[i]);
+  }
+  registers->pc = registers->interrupted[kPcPlace];
 }
 
 }  // namespace arch
