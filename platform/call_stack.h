@@ -23,8 +23,8 @@ bool PrepareCallStacks();
 /// the entry's caller. If that is the tracker, too, its frames are left out.
 ///
 /// Runs on the allocation path, on any thread. Keeps errno. By call-frame information it takes no
-/// lock (but see FindLoadedObject), allocates nothing and is async-signal-safe. The unwinder library
-/// allocates, and without memory there are no frames.
+/// lock (but see FindLoadedObject), allocates nothing and is async-signal-safe. The unwinder
+/// library allocates, and without memory there are no frames.
 std::size_t CallStack(const arch::FrameRecord* inner, std::uint64_t* pcs, std::size_t max_pcs);
 
 }  // namespace platform

@@ -18,9 +18,9 @@ void PrepareReadableStack();
 /// The readable part of a stack, from one address upward. An object serves one capture, on the
 /// stack and the thread on which it was made.
 ///
-/// Linux: ends where the mapping that holds the stack ends. Compilers keep any value in the frame
-/// pointer register there, so a walk may be led anywhere. Android: ends 8 MiB above, whatever is
-/// mapped. All code keeps frame pointers there, and the walk's own limit is far below.
+/// Ends where the mapping that holds the stack ends: frame pointers and call-frame information may
+/// lead anywhere. In a platform tree for Android it ends 8 MiB above, whatever is mapped. All code
+/// keeps frame pointers there, and the walk's own limit is far below.
 class ReadableStack {
  public:
   /// `begin` is an address on the running stack, so the page that holds it is readable.

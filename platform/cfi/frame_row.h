@@ -45,8 +45,7 @@ class RegisterRule {
   /// The offset or the column.
   std::int64_t value() const { return static_cast<std::int64_t>(word_) >> kSourceBits; }
   TableReader expression() const {
-    const std::uint64_t address =
-        word_ >> kSourceBits & ((std::uint64_t{1} << kAddressBits) - 1);
+    const std::uint64_t address = word_ >> kSourceBits & ((std::uint64_t{1} << kAddressBits) - 1);
     return {address, address + (word_ >> (kSourceBits + kAddressBits))};
   }
 

@@ -18,7 +18,8 @@ constexpr std::size_t kSp = arch::SavedIndex(arch::kStackPointerColumn);
 
 // Columns that are followed in one run. In constants: stacks are small.
 constexpr FollowedColumns kReturnAddress = {arch::kReturnAddressColumn};
-constexpr std::size_t kGroupCount = (arch::kSavedRegisters + kFollowedColumns - 1) / kFollowedColumns;
+constexpr std::size_t kGroupCount =
+    (arch::kSavedRegisters + kFollowedColumns - 1) / kFollowedColumns;
 constexpr std::array<FollowedColumns, kGroupCount> MakeGroups() {
   std::array<FollowedColumns, kGroupCount> groups{};
   for (std::size_t i = 0; i < arch::kSavedRegisters; ++i) {
@@ -119,8 +120,8 @@ class RegisterStep {
 
 enum class Place { kUnknown, kSignalReturn, kFunction };
 
-/// Tells what is at `pc`. Fills `entry` with that of the function that holds `address`. A function of
-/// its own, so that the object is not on the stack during the step.
+/// Tells what is at `pc`. Fills `entry` with that of the function that holds `address`. A function
+/// of its own, so that the object is not on the stack during the step.
 __attribute__((noinline)) Place FindPlace(std::uint64_t address, std::uint64_t pc,
                                           FrameEntry* entry) {
   LoadedObject object;
@@ -133,7 +134,8 @@ __attribute__((noinline)) Place FindPlace(std::uint64_t address, std::uint64_t p
 
 /// Takes `registers`, whose stack pointer may be on another stack where `interrupted`. False when
 /// that is no stack.
-__attribute__((noinline)) bool RegisterWalk::GoTo(const arch::Registers& registers, bool interrupted) {
+__attribute__((noinline)) bool RegisterWalk::GoTo(const arch::Registers& registers,
+                                                  bool interrupted) {
   const std::uint64_t new_sp = registers.saved[kSp];
   if (registers.pc == 0) return false;
   if (interrupted) {

@@ -1,7 +1,7 @@
 // A walk that follows every register, for frames that a packed rule cannot describe.
 //
 // Interprets call-frame information anew for each frame: about a microsecond. Any thread, any
-// context; needs about 2 KiB of stack.
+// context.
 #pragma once
 
 #include <cstdint>

@@ -93,9 +93,9 @@ __attribute__((noinline)) Rule FromRow(const FrameRow& row) {
   Rule rule;
   const bool pushed = return_address.value() == -kWordBytes;
   if (return_address.source() != Source::kSavedAtOffset ||
-      (arch::kCallPushesReturnAddress && !pushed) || stack_pointer.source() != Source::kUnspecified ||
-      !TakeCfa(row.cfa, &step) || !TakeFramePointer(row.rules[1], &step) ||
-      !PackNear(step, &rule)) {
+      (arch::kCallPushesReturnAddress && !pushed) ||
+      stack_pointer.source() != Source::kUnspecified || !TakeCfa(row.cfa, &step) ||
+      !TakeFramePointer(row.rules[1], &step) || !PackNear(step, &rule)) {
     return Rule::Other::kSlow;
   }
   return rule;
@@ -131,8 +131,7 @@ bool IsSignalReturn(const LoadedObject* object, std::uint64_t pc) {
   if (object != nullptr) {
     return object->ReadableEnd(pc, arch::kSigreturnBytes) != 0 && arch::IsSigreturn(pc);
   }
-  return !arch::kSigreturnIsInObject && CanRead(pc, arch::kSigreturnBytes) &&
-         arch::IsSigreturn(pc);
+  return !arch::kSigreturnIsInObject && CanRead(pc, arch::kSigreturnBytes) && arch::IsSigreturn(pc);
 }
 
 Rule MakeRule(const LoadedObject* object, std::uint64_t return_address) {

@@ -11,10 +11,10 @@
 
 namespace platform::cfi {
 
-/// From the lowest bit on: the generation that the rule belongs to (see RuleCache; never 0), its kind,
-/// two flags, and, of a step, the places of frame pointer and return address and the distance to the
-/// canonical frame address (CFA), all signed. The distance is in bytes, so that a shift yields it;
-/// the others are in words.
+/// From the lowest bit on: the generation that the rule belongs to (see RuleCache; never 0), its
+/// kind, two flags, and, of a step, the places of frame pointer and return address and the distance
+/// to the canonical frame address (CFA), all signed. The distance is in bytes, so that a shift
+/// yields it; the others are in words.
 class Rule {
  public:
   static constexpr unsigned kGenerationBits = 19;

@@ -1,8 +1,8 @@
-// Walks a stack by call-frame information: along rules of the cache, and by detours where there is
-// none or where it does not do.
+// Walks a stack by call-frame information: along the rules of the cache, and by a detour if there
+// is no rule or the rule cannot describe the step.
 //
 // Every address that is read is compared with the end of the readable stack, whatever the tables
-// say, and the stack pointer only ever grows, but at signal frames, where it may change stacks.
+// say. The stack pointer only grows, except at signal frames, where the stack may change.
 #include "platform/cfi/walk.h"
 
 #include <atomic>

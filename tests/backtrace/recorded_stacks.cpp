@@ -85,7 +85,8 @@ void LoadAndUnload(unsigned seed) {
   }
 }
 
-/// Threads run libraries that come and go, for some seconds, while children are forked that allocate.
+/// Threads run libraries that come and go, for some seconds, while children are forked that
+/// allocate.
 int Libraries(int children, int seconds) {
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < 4; ++i) threads.emplace_back(LoadAndUnload, i);

@@ -9,11 +9,11 @@
 
 #include <cstring>
 
-
 namespace platform::cfi {
 namespace {
 
-/// Since glibc 2.35; null with an older one. Looked up by name, so that the library loads with both.
+/// Since glibc 2.35; null with an older one. Looked up by name, so that the library loads with
+/// both.
 int (*g_find_object)(void*, dl_find_object*) = nullptr;
 
 /// Takes the program headers from the ELF header at the object's beginning, where linkers place it.
@@ -49,8 +49,7 @@ bool TakeHeadersOfProgram(const link_map* map, LoadedObject* object) {
 }  // namespace
 
 void PrepareLoadedObjects() {
-  g_find_object =
-      reinterpret_cast<decltype(g_find_object)>(dlsym(RTLD_DEFAULT, "_dl_find_object"));
+  g_find_object = reinterpret_cast<decltype(g_find_object)>(dlsym(RTLD_DEFAULT, "_dl_find_object"));
 }
 
 bool FindLoadedObject(std::uint64_t pc, LoadedObject* object) {
