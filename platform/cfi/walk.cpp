@@ -152,7 +152,9 @@ __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& 
   std::uint64_t* const last = at->pcs + at->max_pcs;
   std::uint64_t return_address = at->frame.return_address;
   std::uint64_t sp = at->frame.sp;
-  std::uint64_t fp = at->frame.fp;
+  // The frame pointer is read when it is needed. Until then its place is enough, and finding that
+  // takes no branch.
+  std::uint64_t fp_place = reinterpret_cast<std::uint64_t>(&at->frame.fp);
   std::uint64_t stack_end = at->stack.KnownEnd();
   bool goes_on = false;
   while (return_address != 0) {
@@ -162,8 +164,8 @@ __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& 
     goes_on = true;
     std::uint64_t base = sp;
     if (__builtin_expect(rule.tag() != stack_tag, 0)) {
-      base = fp;
-      if (rule.tag() != frame_tag || fp - sp > stack_end - sp) break;
+      base = WordAt(fp_place);
+      if (rule.tag() != frame_tag || base - sp > stack_end - sp) break;
     }
     const std::uint64_t distance = rule.distance();
     const std::uint64_t cfa = base + distance;
@@ -172,14 +174,15 @@ __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& 
       stack_end = at->stack.KnownEnd();
     }
     const std::uint64_t places = rule.from_register() ? base : cfa;
-    if (rule.saves_frame_pointer()) fp = WordAt(places + rule.frame_pointer());
+    const std::uint64_t saved_fp_place = Apart(places + rule.frame_pointer());
+    fp_place = rule.saves_frame_pointer() ? saved_fp_place : fp_place;
     return_address = arch::StripReturnAddress(arch::kCallPushesReturnAddress
                                                   ? WordAt(base + Apart(distance) - kWordBytes)
                                                   : WordAt(places + rule.return_address()));
     sp = cfa;
     goes_on = false;
   }
-  at->frame = {return_address, sp, fp};
+  at->frame = {return_address, sp, WordAt(fp_place)};
   at->count = static_cast<std::size_t>(next - at->pcs);
   return goes_on;
 }
