@@ -26,8 +26,8 @@ int TakeIfItHolds(dl_phdr_info* info, std::size_t /*bytes*/, void* data) {
     const std::uint64_t address = object.bias + header.p_vaddr;
     if (header.p_type == PT_GNU_EH_FRAME) object.frame_header = address;
     if (header.p_type != PT_LOAD) continue;
-    object.begin = std::min(object.begin, address);
-    object.end = std::max(object.end, address + header.p_memsz);
+    object.begin = std::min<std::uint64_t>(object.begin, address);
+    object.end = std::max<std::uint64_t>(object.end, address + header.p_memsz);
     holds = holds || search->pc - address < header.p_memsz;
   }
   if (holds) *search->object = object;

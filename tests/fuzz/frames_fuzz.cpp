@@ -125,8 +125,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto sp = reinterpret_cast<std::uint64_t>(stack.end() - stack.size());
   for (const std::uint64_t function : functions) {
     platform::cfi::RuleCache::EndGeneration();
-    Walk(function + 1, sp + head.numbers[2] % 512 * 8, sp + head.numbers[1] % (2 * kStackBytes),
-         head);
+    Walk(function + 1, sp + std::uint64_t{head.numbers[2] % 512} * 8,
+         sp + head.numbers[1] % (2 * kStackBytes), head);
   }
   return 0;
 }

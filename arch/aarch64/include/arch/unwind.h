@@ -50,17 +50,17 @@ struct Registers {
 /// Fills `registers` with those of the function that this is inlined into, and a pc inside.
 __attribute__((always_inline)) inline void CaptureRegisters(Registers* registers) {
   __asm__ volatile(
-      "stp x19, x20, [%0, #0*8]\n\t"
-      "stp x21, x22, [%0, #2*8]\n\t"
-      "stp x23, x24, [%0, #4*8]\n\t"
-      "stp x25, x26, [%0, #6*8]\n\t"
-      "stp x27, x28, [%0, #8*8]\n\t"
-      "stp x29, x30, [%0, #10*8]\n\t"
+      "stp x19, x20, [%[to], #0*8]\n\t"
+      "stp x21, x22, [%[to], #2*8]\n\t"
+      "stp x23, x24, [%[to], #4*8]\n\t"
+      "stp x25, x26, [%[to], #6*8]\n\t"
+      "stp x27, x28, [%[to], #8*8]\n\t"
+      "stp x29, x30, [%[to], #10*8]\n\t"
       "mov x9, sp\n\t"
       "adr x10, .\n\t"
-      "stp x9, x10, [%0, #12*8]"
-      :
-      : "r"(registers)
+      "stp x9, x10, [%[to], #12*8]"
+      : "=m"(*registers)
+      : [to] "r"(registers)
       : "x9", "x10", "memory");
   registers->interrupted = nullptr;
 }

@@ -51,17 +51,17 @@ struct Registers {
 /// Fills `registers` with those of the function that this is inlined into, and a pc inside.
 __attribute__((always_inline)) inline void CaptureRegisters(Registers* registers) {
   __asm__ volatile(
-      "movq %%rbx, 0*8(%0)\n\t"
-      "movq %%rbp, 1*8(%0)\n\t"
-      "movq %%rsp, 2*8(%0)\n\t"
-      "movq %%r12, 3*8(%0)\n\t"
-      "movq %%r13, 4*8(%0)\n\t"
-      "movq %%r14, 5*8(%0)\n\t"
-      "movq %%r15, 6*8(%0)\n\t"
+      "movq %%rbx, 0*8(%[to])\n\t"
+      "movq %%rbp, 1*8(%[to])\n\t"
+      "movq %%rsp, 2*8(%[to])\n\t"
+      "movq %%r12, 3*8(%[to])\n\t"
+      "movq %%r13, 4*8(%[to])\n\t"
+      "movq %%r14, 5*8(%[to])\n\t"
+      "movq %%r15, 6*8(%[to])\n\t"
       "leaq 0(%%rip), %%rax\n\t"
-      "movq %%rax, 7*8(%0)"
-      :
-      : "D"(registers)
+      "movq %%rax, 7*8(%[to])"
+      : "=m"(*registers)
+      : [to] "D"(registers)
       : "rax", "memory");
   registers->interrupted = nullptr;
 }
