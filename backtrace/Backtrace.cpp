@@ -5,25 +5,16 @@
 #include "backtrace/Backtrace.h"
 
 #include <sys/system_properties.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <memory>
-#include <new>
-#include <string>
-#include <utility>
 
 #include "arch/frame.h"
 #include "async_safe/log.h"
+#include "platform/call_stack.h"
 #include "platform/readable_stack.h"
 #include "plthooks/trampoline.h"
 #include "tracker/MemTrackControl.h"
-#include "unwindstack/Maps.h"
-#include "unwindstack/Memory.h"
-#include "unwindstack/Regs.h"
-#include "unwindstack/RegsGetLocal.h"
 
 // The walk reads other functions' frames, where a sanitizer may keep red zones, and its reads of
 // the settings race on purpose.
@@ -35,14 +26,8 @@ static_assert(kWalkLimit == kWalkBytes / sizeof(arch::FrameRecord));
 /// The tracker's own levels: AddBacktrace, Add and the exported entry.
 constexpr std::size_t kSkippedLevels = 3;
 
-/// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
-/// threads that outlive main capture until the last moment.
-struct UnwinderState {
-  unwindstack::LocalUpdatableMaps maps;
-  std::shared_ptr<unwindstack::Memory> memory;
-  const std::vector<std::string> skipped_libraries{"libunwindstack.so", "libmemleak_tracker.so"};
-};
-std::atomic<UnwinderState*> g_unwinder{nullptr};
+/// Whether the unwinder is ready.
+std::atomic<bool> g_unwinder_ready{false};
 
 /// Follows the frame records from the one at `base` upward. `pc` is an address in the function
 /// that owns it, `below` an address on the running stack that is not above `base`. Leaves out the
@@ -90,49 +75,19 @@ MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uin
   return WalkFramePointers(own, base, pc, 0, frames, max_frames);
 }
 
-/// Unwinds from here. This function fills the registers and calls the unwinder itself, since the
-/// frame that the registers describe must exist as long as the unwind runs. Without memory there
-/// are no frames. Keeps errno.
-__attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t max_frames) {
-  UnwinderState* state = g_unwinder.load(std::memory_order_acquire);
-  max_frames = std::min(max_frames, kUnwindLimit);
-  if (state == nullptr || max_frames == 0) return 0;
-  const int saved_errno = errno;
-  std::size_t stored = 0;
-  try {
-    const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
-    unwindstack::RegsGetLocal(regs.get());
-    unwindstack::Unwinder unwinder(max_frames, &state->maps, regs.get(), state->memory);
-    // Intentional: the library's default is to look up names. Nobody reads them, and on every
-    // allocation that would read symbol tables.
-    unwinder.SetResolveNames(false);
-    unwinder.Unwind(&state->skipped_libraries);
-    for (const unwindstack::FrameData& frame : unwinder.frames()) {
-      if (stored == max_frames) break;
-      frames[stored++] = frame.pc;
-    }
-  } catch (const std::bad_alloc&) {
-    stored = 0;
+/// The frame record of the function that the tracker's entry called. `own` is the capture's own.
+MEMLEAK_READS_STACK const arch::FrameRecord* RecordBelowEntry(const arch::FrameRecord* own) {
+  for (std::size_t level = 1; level < kSkippedLevels; ++level) {
+    own = reinterpret_cast<const arch::FrameRecord*>(own->caller_frame);
   }
-  errno = saved_errno;
-  return stored;
+  return own;
 }
 
 }  // namespace
 
 void BacktraceStartup() {
   platform::PrepareReadableStack();
-  std::unique_ptr<UnwinderState> state;
-  try {
-    state = std::make_unique<UnwinderState>();
-    state->memory = unwindstack::Memory::CreateProcessMemoryThreadCached(getpid());
-    if (!state->maps.Parse()) state.reset();
-  } catch (const std::bad_alloc&) {
-    // The tracker starts; captures by this method stay empty.
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "no memory to prepare the unwinder");
-    state.reset();
-  }
-  delete g_unwinder.exchange(state.release(), std::memory_order_acq_rel);
+  g_unwinder_ready.store(platform::PrepareCallStacks(), std::memory_order_release);
 }
 
 char GetBacktraceTypeFromProp() {
@@ -148,8 +103,8 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     std::uint64_t* frames, std::size_t max_frames,
     std::vector<unwindstack::FrameData>& /*frame_data*/) {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
+  const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
   if (__builtin_expect(type == kBacktraceFramePointer, 1)) {
-    const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
     if (__builtin_expect(MemTrackControl::IsPltHook(), 0)) {
       return WalkFromHookedCaller(reinterpret_cast<std::uint64_t>(own), frames, max_frames);
     }
@@ -157,7 +112,10 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     return WalkFramePointers(own->caller_frame, own->caller_frame, arch::StripReturnAddress(caller),
                              kSkippedLevels, frames, max_frames);
   }
-  if (type == kBacktraceUnwinder) return Unwind(frames, max_frames);
+  if (type == kBacktraceUnwinder) {
+    if (!g_unwinder_ready.load(std::memory_order_acquire)) return 0;
+    return platform::CallStack(RecordBelowEntry(own), frames, std::min(max_frames, kUnwindLimit));
+  }
   async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "invalid backtrace type");
   return 0;
 }

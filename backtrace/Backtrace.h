@@ -18,8 +18,8 @@ inline constexpr char kBacktraceUnwinder = '1';
 /// Frames kept per record until the property "vastel.memleak.backtacemaxnum" says otherwise.
 inline constexpr std::uint32_t kDefaultBacktraceSize = 10;
 
-/// Creates the unwinder's maps and process memory, and what bounds the frame-pointer walk. Once,
-/// from track_initialize. Without memory or readable maps the unwinder yields no frames. Allocates.
+/// Prepares the unwinder and what bounds the frame-pointer walk. Once, from track_initialize. If
+/// the unwinder cannot be prepared, it yields no frames. Allocates.
 void BacktraceStartup();
 
 /// Re-reads the type property; returns the type in force, which may be an invalid one.
@@ -58,8 +58,7 @@ inline std::size_t BacktraceCaptureLimit() {
 
 /// The most frames of a capture with the method in force whose buffer may be on the stack, which
 /// may be a coroutine's or a signal handler's. With it, a recorded allocation takes up at most 1
-/// KiB with frame pointers. With the unwinder, which needs most of it itself, 2.6 KiB on x86-64
-/// and 6.5 KiB on aarch64.
+/// KiB with frame pointers, and 1.75 KiB with the unwinder, which takes up to 1 KiB itself.
 inline std::size_t BacktraceStackFrames() {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
   return type == kBacktraceFramePointer ? 36 : 24;
@@ -71,7 +70,7 @@ inline std::size_t BacktraceStackFrames() {
 /// The walk covers 4096 bytes of stack, those levels' own frames included: where a compiler keeps
 /// locals above the frame record (GCC on aarch64), a large buffer among them uses the range up.
 /// `frame_data` is accepted for Java-native frames and left as it is.
-/// Takes no lock of its own. The frame-pointer walk allocates nothing and is async-signal-safe. The
-/// unwinder allocates.
+/// Takes no lock of its own. The frame-pointer walk allocates nothing and is async-signal-safe. For
+/// the unwinder see platform/call_stack.h.
 std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
                          std::vector<unwindstack::FrameData>& frame_data);

@@ -35,7 +35,7 @@ namespace {
 
 constexpr unsigned kBitsPerLevel = 3;
 constexpr unsigned kFunctions = 1u << kBitsPerLevel;
-constexpr unsigned kMaxDepth = 20;
+constexpr unsigned kMaxDepth = 32;
 constexpr unsigned kSizes = 16;
 /// From 16 to 4096 bytes, each about 1.45 times the one before.
 constexpr std::size_t kSizeTable[kSizes] = {16,  23,  33,  48,  70,   101,  147,  212,

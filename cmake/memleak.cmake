@@ -11,11 +11,13 @@ if(NOT MEMLEAK_POLICIES MATCHES "^(linux|android)$")
   message(FATAL_ERROR "MEMLEAK_POLICIES is '${MEMLEAK_POLICIES}': set it to linux or android.")
 endif()
 
-# MEMLEAK_POLICY_<name>: the source of each policy. How a dynamic section reads, where files are, what
-# a program is called and what frame pointers hold is no choice: it follows from the system.
-foreach(policy elf_policy paths program_name readable_stack)
+# MEMLEAK_POLICY_<name>: the source of each policy. How a dynamic section reads, where files are and
+# what a program is called is no choice: it follows from the system.
+foreach(policy elf_policy paths program_name)
   set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/${policy}.cpp)
 endforeach()
+# Call-frame information may be wrong, so walks by it need to know where the stack ends.
+set(MEMLEAK_POLICY_readable_stack ${CMAKE_SOURCE_DIR}/platform/linux/readable_stack.cpp)
 foreach(policy fork_policy page_protection pc_policy signal_policy thread_keys)
   set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/${policy}.cpp)
 endforeach()

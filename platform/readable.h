@@ -30,4 +30,15 @@ inline bool CanRead(std::uint64_t address) {
   return readable;
 }
 
+/// The same for all of the `bytes` bytes (more than 0) at `address`. One system call for each page.
+inline bool CanRead(std::uint64_t address, std::uint64_t bytes) {
+  constexpr std::uint64_t kPageBytes = 4096;  // the smallest that the kernel has
+  const std::uint64_t last = address + bytes - 1;
+  if (last < address) return false;
+  for (std::uint64_t page = address & ~(kPageBytes - 1); page <= last; page += kPageBytes) {
+    if (!CanRead(page)) return false;
+  }
+  return true;
+}
+
 }  // namespace platform

@@ -18,9 +18,9 @@ void PrepareReadableStack();
 /// The readable part of a stack, from one address upward. An object serves one capture, on the
 /// stack and the thread on which it was made.
 ///
-/// Linux: ends where the mapping that holds the stack ends. Compilers keep any value in the frame
-/// pointer register there, so a walk may be led anywhere. Android: ends 8 MiB above, whatever is
-/// mapped. All code keeps frame pointers there, and the walk's own limit is far below.
+/// Ends where the mapping that holds the stack ends: frame pointers and call-frame information may
+/// lead anywhere. In a platform tree for Android it ends 8 MiB above, whatever is mapped. All code
+/// keeps frame pointers there, and the walk's own limit is far below.
 class ReadableStack {
  public:
   /// `begin` is an address on the running stack, so the page that holds it is readable.
@@ -35,6 +35,14 @@ class ReadableStack {
   bool Holds(std::uint64_t address, std::uint64_t bytes) {
     const bool known = address >= begin_ && address < end_ && end_ - address >= bytes;
     return known || Reaches(address, bytes);
+  }
+  /// Reads the word at `address`. Returns false, and leaves `value` as it was, if the word is not
+  /// part of the stack. Like Holds.
+  __attribute__((no_sanitize("address", "thread", "undefined"))) bool Read(std::uint64_t address,
+                                                                           std::uint64_t* value) {
+    if (!Holds(address, sizeof(*value))) return false;
+    *value = *reinterpret_cast<const std::uint64_t*>(address);
+    return true;
   }
   /// The end of the part that is known to be readable so far.
   std::uint64_t KnownEnd() const { return end_; }

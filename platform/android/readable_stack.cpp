@@ -1,5 +1,5 @@
-// The readable stack on a device. All code keeps frame pointers there, so nothing is probed. Any
-// thread, any context.
+// The readable stack in a platform tree. All code keeps frame pointers there, so nothing is probed.
+// Any thread, any context.
 #include "platform/readable_stack.h"
 
 namespace platform {

@@ -1,4 +1,5 @@
-// The readable stack on Linux: it ends with the mapping that holds it.
+// The readable stack on Linux, and on Android outside a platform tree: it ends with the mapping
+// that holds it.
 //
 // Each thread remembers what it has learned as the values of thread keys, which are plain numbers.
 // So there is no memory to allocate or to free, and a signal handler sees each number whole. The

@@ -37,7 +37,8 @@ def platform_headers():
     headers = pathlib.Path("/usr/include/android")
     check((headers / "unwindstack/Unwinder.h").is_file(),
           "the platform's headers are missing: run scripts/install-packages")
-    sources = [file for folder in ("sigmux", "linker", "plthooks", "tracker", "backtrace", "records")
+    sources = [file for folder in ("sigmux", "linker", "plthooks", "tracker", "backtrace", "records",
+                                   "platform/unwindstack")
                for file in sorted((SOURCE / folder).glob("*.cpp"))]
     check(len(sources) > 20, "the sources were not found")
     flags = ["-std=c++17", "-Wall", "-Wextra", "-Wshadow", "-Wconversion", "-Werror", "-DANDROID",

@@ -85,12 +85,13 @@ void LoadAndUnload(unsigned seed) {
   }
 }
 
-/// Threads run libraries that come and go, while children are forked that allocate.
-int Libraries(int children) {
+/// Threads run libraries that come and go, for some seconds, while children are forked that
+/// allocate.
+int Libraries(int children, int seconds) {
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < 4; ++i) threads.emplace_back(LoadAndUnload, i);
   const FramesOf frames_of = FindFramesOf();
-  for (int i = 0; i < 30; ++i) {
+  for (int i = 0; i < 10 * seconds; ++i) {
     usleep(100'000);
     if (i >= children) continue;
     const pid_t child = fork();
@@ -257,7 +258,7 @@ int StrayFramePointers() {
 int main(int count, char** arguments) {
   const std::string name = arguments[1];
   const int number = count > 2 ? atoi(arguments[2]) : 0;
-  if (name == "libraries") return Libraries(number);
+  if (name == "libraries") return Libraries(number, count > 3 ? atoi(arguments[3]) : 3);
   if (name == "small_stacks") return SmallStacks(static_cast<std::size_t>(number));
   if (name == "stray_frame_pointers") return StrayFramePointers();
   CHECK(!"a known case");

@@ -39,8 +39,8 @@ MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \
 
 exports=$(readelf -W --dyn-syms "$lib/libmemleak_preload.so" |
   awk '$5 == "GLOBAL" && $7 != "UND" {print $8}' | sort | xargs)
-wanted="aligned_alloc calloc free mallinfo mallinfo2 malloc malloc_info malloc_usable_size mallopt\
- memalign posix_memalign pvalloc realloc valloc"
+wanted="aligned_alloc calloc dlclose free mallinfo mallinfo2 malloc malloc_info malloc_usable_size mallopt\
+ memalign memleak_unload_counter posix_memalign pvalloc realloc valloc"
 [[ $exports == "$wanted" ]] || { echo "exports: $exports" >&2; exit 1; }
 needed=$(readelf -d "$lib/libmemleak_preload.so" | awk '/NEEDED/ {print $NF}' | xargs)
 [[ $needed =~ ^"[libc.so.6]"( "[ld-linux-"[a-z0-9_-]+".so."[12]"]")?$ ]] ||

@@ -1,0 +1,28 @@
+// Counts the libraries that the program unloads, for the tracker: it knows about code by address.
+// Any thread.
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdint>
+
+#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
+
+// Named in protocol/unloads.h.
+MEMLEAK_EXPORT std::atomic<std::uint64_t> memleak_unload_counter;
+std::atomic<std::uint64_t> memleak_unload_counter{0};
+
+MEMLEAK_EXPORT int dlclose(void* library) {
+  using Close = int (*)(void*);
+  static std::atomic<Close> next{nullptr};
+  Close close = next.load(std::memory_order_relaxed);
+  if (close == nullptr) {
+    close = reinterpret_cast<Close>(dlsym(RTLD_NEXT, "dlclose"));
+    next.store(close, std::memory_order_relaxed);
+  }
+  // Destructors of the library still run in between, and so may the constructors of one that
+  // another thread loads to the same place.
+  memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
+  const int result = close(library);
+  memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
+  return result;
+}

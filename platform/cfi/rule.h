@@ -1,0 +1,107 @@
+// How to get from one frame to its caller's, in one word.
+//
+// Made when a return address is met for the first time, read by every capture.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "arch/unwind.h"
+#include "platform/cfi/loaded_object.h"
+
+namespace platform::cfi {
+
+/// From the lowest bit on: the generation that the rule belongs to (see RuleCache; never 0), its
+/// kind, two flags, and, of a step, the places of frame pointer and return address and the distance
+/// to the canonical frame address (CFA), all signed. The distance is in bytes, so that a shift
+/// yields it; the others are in words.
+class Rule {
+ public:
+  static constexpr unsigned kGenerationBits = 19;
+  static constexpr std::uint64_t kGenerationMask = (std::uint64_t{1} << kGenerationBits) - 1;
+
+  /// What the CFA is found from. The values of the three steps follow from the fact that hot code
+  /// compares kind and generation at once: kStackStep must be 0.
+  enum Kind : std::uint64_t {
+    kStackStep = 0,  // CFA = stack pointer + distance
+    kFrameStep = 1,  // CFA = frame pointer + distance
+    kSavedStep = 2,  // CFA = the word at frame pointer + distance
+    kOther = 3,
+  };
+  /// What a rule of kind kOther says.
+  enum class Other : std::uint64_t {
+    kEnd,     // the stack ends here
+    kSignal,  // the frame to which a signal handler returns
+    kSlow,    // a step that does not fit into a word
+  };
+  static constexpr std::uint64_t kTagMask = (std::uint64_t{1} << (kGenerationBits + 2)) - 1;
+
+  constexpr Rule() = default;
+  constexpr explicit Rule(std::uint64_t word) : word_(word) {}
+  constexpr Rule(Other other)  // NOLINT(google-explicit-constructor)
+      : word_((kOther << kGenerationBits) | (static_cast<std::uint64_t>(other) << kDistanceShift)) {
+  }
+
+  /// A step as call-frame information describes it; all numbers in bytes.
+  struct Step {
+    Kind kind = kStackStep;
+    std::int64_t distance = 0;
+    /// Return address and frame pointer lie at these distances from the CFA, or from the register
+    /// that the CFA is found from.
+    bool from_register = false;
+    std::int64_t return_address = 0;
+    bool saves_frame_pointer = false;
+    std::int64_t frame_pointer = 0;
+  };
+  /// Packs `step` into `rule`. Returns false when a number does not fit.
+  static bool Pack(const Step& step, Rule* rule);
+
+  constexpr std::uint64_t word() const { return word_; }
+  constexpr std::uint64_t tag() const { return word_ & kTagMask; }
+  constexpr Kind kind() const { return static_cast<Kind>((word_ >> kGenerationBits) & 3); }
+  constexpr Other other() const { return static_cast<Other>(word_ >> kDistanceShift); }
+  constexpr bool IsOf(std::uint64_t generation) const {
+    return (word_ & kGenerationMask) == generation;
+  }
+  constexpr Rule WithGeneration(std::uint64_t generation) const {
+    return Rule((word_ & ~kGenerationMask) | generation);
+  }
+
+  // Of steps, in bytes.
+  constexpr std::uint64_t distance() const { return Field(kDistanceShift, kDistanceBits); }
+  constexpr bool saves_frame_pointer() const { return (word_ & kSavesFramePointer) != 0; }
+  constexpr bool from_register() const { return (word_ & kFromRegister) != 0; }
+  constexpr std::uint64_t return_address() const {
+    return Field(kReturnAddressShift, kPlaceBits) * sizeof(std::uint64_t);
+  }
+  constexpr std::uint64_t frame_pointer() const {
+    return Field(kFramePointerShift, kPlaceBits) * sizeof(std::uint64_t);
+  }
+
+ private:
+  static constexpr std::uint64_t kSavesFramePointer = std::uint64_t{1} << (kGenerationBits + 2);
+  static constexpr std::uint64_t kFromRegister = kSavesFramePointer << 1;
+  static constexpr unsigned kPlaceBits = 9;
+  static constexpr unsigned kFramePointerShift = kGenerationBits + 4;
+  static constexpr unsigned kReturnAddressShift = kFramePointerShift + kPlaceBits;
+  static constexpr unsigned kDistanceShift = kReturnAddressShift + kPlaceBits;
+  static constexpr unsigned kDistanceBits = 64 - kDistanceShift;  // 23: 4 MiB
+
+  /// The signed number of `bits` bits at `shift`.
+  constexpr std::uint64_t Field(unsigned shift, unsigned bits) const {
+    return static_cast<std::uint64_t>(static_cast<std::int64_t>(word_ << (64 - bits - shift)) >>
+                                      (64 - bits));
+  }
+
+  std::uint64_t word_ = 0;
+};
+
+/// Makes the rule for the function that a call at the bytes before `return_address` is in. `object`
+/// is the one that holds these bytes, null when none does.
+Rule MakeRule(const LoadedObject* object, std::uint64_t return_address);
+
+/// Whether the code at `pc` is what a signal handler returns to. Looks at code that can be read
+/// alone.
+bool IsSignalReturn(const LoadedObject* object, std::uint64_t pc);
+
+}  // namespace platform::cfi

@@ -1,0 +1,225 @@
+// Walks a stack by call-frame information: along the rules of the cache, and by a detour if there
+// is no rule or the rule cannot describe the step.
+//
+// Every address that is read is compared with the end of the readable stack, whatever the tables
+// say. The stack pointer only grows, except at signal frames, where the stack may change.
+#include "platform/cfi/walk.h"
+
+#include <atomic>
+
+#include "arch/unwind.h"
+#include "platform/cfi/known_objects.h"
+#include "platform/cfi/loaded_object.h"
+#include "platform/cfi/register_walk.h"
+#include "platform/cfi/rule.h"
+#include "platform/cfi/rule_cache.h"
+#include "platform/readable_stack.h"
+
+// The walk reads other functions' frames, where a sanitizer may keep red zones.
+#define MEMLEAK_READS_STACK __attribute__((no_sanitize("address", "thread", "undefined")))
+
+namespace platform::cfi {
+namespace {
+
+constexpr std::uint64_t kWordBytes = sizeof(std::uint64_t);
+/// Walks that are begun anew because an object was unloaded meanwhile.
+constexpr int kAttempts = 3;
+/// Frames of the tracker and of signal handlers that a detour may pass to reach a frame.
+constexpr int kMostFrames = 4096;
+
+std::atomic<std::uint64_t> g_slow_steps{0};
+
+MEMLEAK_READS_STACK inline std::uint64_t WordAt(std::uint64_t address) {
+  return *reinterpret_cast<const std::uint64_t*>(address);
+}
+
+/// `value`, which the compiler computes with once more instead of going through another result: a
+/// walk is as fast as the chain from one return address to the next is short.
+template <typename T>
+__attribute__((always_inline)) inline T Apart(T value) {
+  __asm__("" : "+r"(value));
+  return value;
+}
+
+/// A walk's position, and where it puts what it finds.
+struct Position {
+  Frame frame;
+  ReadableStack stack;
+  /// The stack pointer at the last signal frame; 0 before the first.
+  std::uint64_t signal_sp = 0;
+  std::uint64_t* pcs = nullptr;
+  std::size_t count = 0;
+  std::size_t max_pcs = 0;
+};
+
+/// Finds the rule of a return address that the cache does not know.
+Rule Learn(const RuleCache& cache, std::uint64_t return_address) {
+  LoadedObject object;
+  if (return_address == 0) return Rule::Other::kEnd;
+  // What lies in no object may be anything a moment later: nothing is kept of it.
+  if (!FindLoadedObject(return_address - 1, &object)) return MakeRule(nullptr, return_address);
+  if (!NoteObject(object)) RuleCache::EndGeneration();
+  const Rule rule = MakeRule(&object, return_address);
+  cache.Add(return_address, rule);
+  return rule;
+}
+
+/// Goes on to the frame that called the one of `walk`, out of a function that a signal interrupted
+/// too, which is stored.
+__attribute__((always_inline)) inline bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
+  while (walk->interrupted()) {
+    if (at->count < at->max_pcs) at->pcs[at->count++] = walk->pc();
+    if (at->count == at->max_pcs || !walk->Step()) return false;
+  }
+  at->frame = {walk->pc(), walk->sp(), walk->fp()};
+  at->stack = walk->stack();
+  return true;
+}
+
+__attribute__((noinline)) bool StepOverSignal(Position* at) {
+  RegisterWalk walk(at->stack);
+  if (!walk.EnterInterrupted(at->frame.sp)) return false;
+  at->signal_sp = at->frame.sp;
+  return LeaveInterrupted(&walk, at);
+}
+
+/// Goes from `walk`, where all registers are known, to the frame of `at`, and on to its caller's.
+__attribute__((always_inline)) inline bool StepInWalk(RegisterWalk* walk, Position* at) {
+  for (int frames = 0; walk->sp() != at->frame.sp || walk->pc() != at->frame.return_address;
+       ++frames) {
+    if (frames == kMostFrames || !walk->Step()) return false;
+  }
+  return walk->Step() && LeaveInterrupted(walk, at);
+}
+
+/// Takes a step that needs more registers than a walk follows: from the last place where all of
+/// them are known, which is a signal frame or this function.
+__attribute__((noinline)) bool StepFromSignal(Position* at) {
+  RegisterWalk walk{ReadableStack(at->signal_sp)};
+  return walk.EnterInterrupted(at->signal_sp) && StepInWalk(&walk, at);
+}
+__attribute__((noinline)) bool StepFromHere(Position* at) {
+  RegisterWalk walk;
+  return StepInWalk(&walk, at);
+}
+
+/// Takes a step whose places are compared with the readable stack one by one.
+bool StepByRule(Rule rule, Position* at) {
+  Frame& frame = at->frame;
+  ReadableStack& stack = at->stack;
+  const std::uint64_t base = rule.kind() == Rule::kStackStep ? frame.sp : frame.fp;
+  std::uint64_t cfa = base + rule.distance();
+  if (rule.kind() == Rule::kSavedStep && !stack.Read(cfa, &cfa)) return false;
+  if (cfa <= frame.sp || !stack.Holds(cfa - kWordBytes, kWordBytes)) return false;
+  const std::uint64_t places = rule.from_register() ? base : cfa;
+  Frame caller{0, cfa, frame.fp};
+  if (rule.saves_frame_pointer() && !stack.Read(places + rule.frame_pointer(), &caller.fp)) {
+    return false;
+  }
+  const std::uint64_t place =
+      arch::kCallPushesReturnAddress ? cfa - kWordBytes : places + rule.return_address();
+  if (!stack.Read(place, &caller.return_address)) return false;
+  caller.return_address = arch::StripReturnAddress(caller.return_address);
+  frame = caller;
+  return true;
+}
+
+/// Takes any step. False where the stack ends.
+bool Detour(const RuleCache& cache, Position* at) {
+  Rule rule = cache.Find(at->frame.return_address);
+  if (!rule.IsOf(cache.generation())) rule = Learn(cache, at->frame.return_address);
+  if (rule.kind() != Rule::kOther) return StepByRule(rule, at);
+  switch (rule.other()) {
+    case Rule::Other::kSignal:
+      return StepOverSignal(at);
+    case Rule::Other::kSlow:
+      g_slow_steps.fetch_add(1, std::memory_order_relaxed);
+      return at->signal_sp != 0 ? StepFromSignal(at) : StepFromHere(at);
+    default:
+      return false;
+  }
+}
+
+/// Goes along the cache, to the first step that needs a detour. False when the walk is over. A
+/// function of its own: its registers are not on the stack during a detour.
+__attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& cache,
+                                                               Position* at) {
+  const RuleCache rules = cache;  // one that nobody else sees, so that it stays in registers
+  const std::uint64_t stack_tag = rules.generation();
+  const std::uint64_t frame_tag =
+      stack_tag | (std::uint64_t{Rule::kFrameStep} << Rule::kGenerationBits);
+  std::uint64_t* next = at->pcs + at->count;
+  std::uint64_t* const last = at->pcs + at->max_pcs;
+  std::uint64_t return_address = at->frame.return_address;
+  std::uint64_t sp = at->frame.sp;
+  // The frame pointer is read when it is needed. Until then its place is enough, and finding that
+  // takes no branch.
+  std::uint64_t fp_place = reinterpret_cast<std::uint64_t>(&at->frame.fp);
+  std::uint64_t stack_end = at->stack.KnownEnd();
+  bool goes_on = false;
+  while (return_address != 0) {
+    *next++ = return_address - arch::kCallSiteAdjustment;
+    if (next == last) break;
+    const Rule rule = rules.Find(return_address);
+    goes_on = true;
+    std::uint64_t base = sp;
+    if (__builtin_expect(rule.tag() != stack_tag, 0)) {
+      base = WordAt(fp_place);
+      if (rule.tag() != frame_tag || base - sp > stack_end - sp) break;
+    }
+    const std::uint64_t distance = rule.distance();
+    const std::uint64_t cfa = base + distance;
+    if (__builtin_expect(cfa > stack_end, 0)) {
+      if (!at->stack.Holds(cfa - kWordBytes, kWordBytes)) break;
+      stack_end = at->stack.KnownEnd();
+    }
+    const std::uint64_t places = rule.from_register() ? base : cfa;
+    const std::uint64_t saved_fp_place = Apart(places + rule.frame_pointer());
+    fp_place = rule.saves_frame_pointer() ? saved_fp_place : fp_place;
+    return_address = arch::StripReturnAddress(arch::kCallPushesReturnAddress
+                                                  ? WordAt(base + Apart(distance) - kWordBytes)
+                                                  : WordAt(places + rule.return_address()));
+    sp = cfa;
+    goes_on = false;
+  }
+  at->frame = {return_address, sp, WordAt(fp_place)};
+  at->count = static_cast<std::size_t>(next - at->pcs);
+  return goes_on;
+}
+
+}  // namespace
+
+std::size_t WalkFrames(std::uint64_t return_address, std::uint64_t sp, std::uint64_t fp,
+                       std::uint64_t* pcs, std::size_t max_pcs) {
+  if (max_pcs == 0) return 0;
+  for (int attempt = 1;; ++attempt) {
+    const RuleCache cache;
+    Position at{{return_address, sp, fp}, ReadableStack(sp), 0, pcs, 0, max_pcs};
+    while (WalkByRules(cache, &at) && Detour(cache, &at) && at.count < max_pcs) {
+    }
+    if (attempt == kAttempts || cache.IsCurrent()) return at.count;
+  }
+}
+
+bool StepToCaller(Frame* frame) {
+  std::uint64_t interrupted_pc = 0;
+  Position at{*frame, ReadableStack(frame->sp), 0, &interrupted_pc, 0, 2};
+  if (frame->return_address == 0 || !Detour(RuleCache(), &at)) return false;
+  *frame = at.frame;
+  return frame->return_address != 0;
+}
+
+std::uint64_t EndOfFrame(std::uint64_t return_address, std::uint64_t record) {
+  const RuleCache cache;
+  Rule rule = cache.Find(return_address);
+  if (!rule.IsOf(cache.generation())) rule = Learn(cache, return_address);
+  if (rule.kind() == Rule::kOther || rule.kind() == Rule::kSavedStep) return 0;
+  if (!rule.saves_frame_pointer()) return 0;
+  return record - rule.frame_pointer() + (rule.from_register() ? rule.distance() : 0);
+}
+
+std::uint64_t SlowSteps() {
+  return g_slow_steps.load(std::memory_order_relaxed);
+}
+
+}  // namespace platform::cfi
