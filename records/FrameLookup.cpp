@@ -6,39 +6,26 @@
 #include "platform/bounds_checked.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/record_store.h"
 #include "records/set_selection.h"
 
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
                                    std::size_t max_frames) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  // For the other kinds no size is known here; only their smallest class is looked at (wanted).
-  PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, 0));
-  if (set == nullptr) return 0;
-  const std::lock_guard<SetMutex> pointer_guard(set->pointer_mutex);
-  const std::uint64_t generation = set->SyncPointers();
-  const Record* const record = set->pointers.Find(address);
-  if (record == nullptr) return 0;
-  const FrameInfoType* const backtrace = BacktraceRef::Backtrace(record->backtrace);
-  if (backtrace == nullptr) return 0;
-  const std::lock_guard<SetMutex> frame_guard(set->frame_mutex);
-  if (set->SyncFrames() != generation) return 0;
+  // Intentional: for the other kinds no size is known here, and only their smallest class is looked
+  // at.
+  const SetChoice choice = SelectSet(sets(), address, ClassSize(pointer, 0));
+  RecordPage* const page = RecordPages::Find(address);
+  if (choice.set == nullptr || page == nullptr) return 0;
+  const record_store::PageGuard guard(page, *choice.set);
+  if (page->generation() != record_store::Generation()) return 0;
+  const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
+  if (record == nullptr || record->backtrace == 0) return 0;
+  const FrameInfoType* const backtrace = record_store::backtraces.At(record->backtrace);
   const std::size_t count = backtrace->num_frames < max_frames ? backtrace->num_frames : max_frames;
   const std::size_t bytes = count * sizeof(std::uintptr_t);
   return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;
 }
-
-namespace {
-
-/// Whether PrepareFork has marked its thread. Guarded by the locks that it holds.
-bool marked_by_fork = false;
-
-void UnmarkAfterFork() {
-  if (!marked_by_fork) return;
-  marked_by_fork = false;
-  pthread_setspecific(record_key, nullptr);
-}
-
-}  // namespace
 
 void PointerData::PrepareFork() {
   PointerSet* const all = sets();
@@ -48,14 +35,14 @@ void PointerData::PrepareFork() {
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
   }
-  marked_by_fork = pthread_getspecific(record_key) == nullptr;
-  if (marked_by_fork) pthread_setspecific(record_key, MemTrackControl::kMark);
+  RecordPages::WaitForOperations();
+  SetRecordMark(RecordMark() | kHoldsStore);
 }
 
 void PointerData::PostForkParent() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
-  UnmarkAfterFork();
+  SetRecordMark(RecordMark() & ~kHoldsStore);
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     all[i].spare_mutex.unlock();
     all[i].pointer_mutex.unlock();
@@ -66,10 +53,10 @@ void PointerData::PostForkParent() {
 void PointerData::PostForkChild() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
-  UnmarkAfterFork();
+  SetRecordMark(RecordMark() & ~kHoldsStore);
   // Held by the forking thread or free: either way an unlock after an attempt leaves it free. The
   // Java-native tables' locks and the initialise lock are not touched: a child forked while
-  // another thread held one of them inherits it locked (wanted).
+  // another thread held one of them inherits it locked. Intentional.
   const auto release = [](SetMutex& mutex) {
     static_cast<void>(mutex.try_lock());
     mutex.unlock();

@@ -15,7 +15,20 @@
 class DebugData;
 class PointerSet;
 class ReportText;
-struct BacktraceRef;
+class MemTrackControl;
+
+/// What a capture came to: the backtrace, and what it is of.
+struct BacktraceRef {
+  /// 0 for none.
+  std::uint32_t location;
+  /// Of the table of backtraces.
+  std::uint32_t epoch;
+  std::uint32_t generation;
+  /// As records keep it.
+  std::int32_t time;
+  /// There is one, but no memory to keep it.
+  bool no_memory;
+};
 
 class PointerData {
  public:
@@ -45,6 +58,9 @@ class PointerData {
   void Add(const void* pointer, std::size_t size);
   /// Forgets the block at `pointer`, before its memory is released. An unknown one is no error.
   void Remove(const void* pointer, std::size_t size);
+  /// As Add and Remove, for mappings and buffers: `size` alone decides the size class.
+  void AddMapping(const void* pointer, std::size_t size);
+  void RemoveMapping(const void* pointer, std::size_t size);
   /// The block's usable size, as the C library gives it.
   static std::size_t PointerSize(const void* pointer);
 
@@ -98,8 +114,8 @@ class PointerData {
 
   BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
                             std::size_t size);
-  /// Drops one reference. The caller holds the set's frame lock.
-  void RemoveBacktrace(const BacktraceRef& backtrace, PointerSet* set);
+  void AddBlock(std::uint64_t address, std::size_t class_size, std::size_t size);
+  void RemoveBlock(MemTrackControl* control, std::uint64_t address, std::size_t class_size);
 
   DebugData* const owner_;
 };

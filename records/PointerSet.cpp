@@ -1,12 +1,8 @@
-// Emptying of a set's tables, the keys of its Java-native backtraces, and the readers' lock.
+// The keys of Java-native backtraces, and the readers' lock.
 #include "records/PointerSet.h"
 
-#include <pthread.h>
-
 #include "records/PointerData.h"
-#include "tracker/MemTrackControl.h"
-
-std::atomic<std::uint64_t> table_generation{0};
+#include "records/record_store.h"
 
 std::mutex& InitialiseLock() {
   // Never destroyed: the dump thread may still hold it while the process exits.
@@ -30,30 +26,13 @@ bool UnwindFrameKeyEqual::operator()(const UnwindFrameKeyType& a,
   return true;
 }
 
-void PointerSet::EmptyPointers(std::uint64_t generation) {
-  pointers.Clear();
-  if (!kept_times.empty()) {
-    // Its memory goes through free, which must not come back here for a lock.
-    void* const mark = pthread_getspecific(record_key);
-    pthread_setspecific(record_key, MemTrackControl::kMark);
-    kept_times.clear();
-    pthread_setspecific(record_key, mark);
-  }
-  pointers_generation.store(generation, std::memory_order_relaxed);
-}
-
-void PointerSet::EmptyFrames(std::uint64_t generation) {
-  frames.Clear();
-  frames_generation.store(generation, std::memory_order_relaxed);
-}
-
 void PointerSet::SyncJavaTables() {
   SyncJavaPointers();
   SyncUnwindFrames();
 }
 
-std::uint64_t PointerSet::SyncJavaPointers() {
-  const std::uint64_t now = CurrentGeneration();
+std::uint32_t PointerSet::SyncJavaPointers() {
+  const std::uint32_t now = record_store::Generation();
   if (java_pointers_generation_ != now) {
     java_pointers.clear();
     java_pointers_generation_ = now;
@@ -61,27 +40,15 @@ std::uint64_t PointerSet::SyncJavaPointers() {
   return now;
 }
 
-std::uint64_t PointerSet::SyncUnwindFrames() {
-  const std::uint64_t now = CurrentGeneration();
+std::uint32_t PointerSet::SyncUnwindFrames() {
+  const std::uint32_t now = record_store::Generation();
   if (unwind_generation_ != now) {
     unwind_key_to_index.clear();
     unwind_frames.clear();
-    cur_unwind_index = BacktraceTable::kFirstIndex;
+    cur_unwind_index = 2;
     unwind_generation_ = now;
   }
   return now;
-}
-
-std::int64_t PointerSet::TakeKeptTime(std::uint64_t address, const FrameInfoType* backtrace,
-                                      std::int64_t otherwise) {
-  const auto range = kept_times.equal_range(address);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second.backtrace != backtrace) continue;
-    const std::int64_t time = it->second.time;
-    kept_times.erase(it);
-    return time;
-  }
-  return otherwise;
 }
 
 FrameInfoListWithLock::FrameInfoListWithLock() {
@@ -89,6 +56,7 @@ FrameInfoListWithLock::FrameInfoListWithLock() {
   if (sets == nullptr) return;
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.lock();
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.lock();
+  RecordPages::WaitForOperations();
 }
 
 FrameInfoListWithLock::~FrameInfoListWithLock() {

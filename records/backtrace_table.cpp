@@ -1,134 +1,159 @@
-// The shared backtraces of one set, and their memory.
+// The shared backtraces and their memory; see the header.
 #include "records/backtrace_table.h"
 
 #include <cstring>
+#include <mutex>
 
 #include "records/table_memory.h"
 
-namespace {
-
-/// One page.
-constexpr std::uint64_t kFirstBuckets = 64;
-constexpr std::size_t kFirstChunk = 4096;
-constexpr std::size_t kLargestChunk = 65536;
-
-std::uint64_t Lines(std::uint64_t num_frames) {
-  const std::uint64_t bytes = sizeof(FrameInfoType) + num_frames * sizeof(std::uint64_t);
-  return (bytes + table_memory::kCacheLine - 1) / table_memory::kCacheLine;
-}
-
-}  // namespace
-
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
-  const std::uint64_t lines = Lines(num_frames);
-  FreePiece** link = &free_[lines < kLists ? lines : 0];
-  for (; *link != nullptr; link = &(*link)->next) {
-    FreePiece* piece = *link;
+  const std::uint64_t bytes = sizeof(FrameInfoType) + num_frames * sizeof(std::uint64_t);
+  const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
+  for (FreePiece** link = &free_[lines < kLists ? lines : 0]; *link != nullptr;
+       link = &(*link)->next) {
+    FreePiece* const piece = *link;
     if (piece->lines != lines) continue;
     *link = piece->next;
-    return reinterpret_cast<FrameInfoType*>(piece);
+    const std::uint32_t location = piece->location;
+    auto* const backtrace = reinterpret_cast<FrameInfoType*>(piece);
+    backtrace->location = location;
+    return backtrace;
   }
-  const std::size_t bytes = lines * table_memory::kCacheLine;
-  if (chunks_ == nullptr || chunks_->bytes - used_ < bytes) {
-    std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
-    if (size > kLargestChunk) size = kLargestChunk;
-    if (size < bytes + table_memory::kCacheLine) size = bytes + table_memory::kCacheLine;
-    auto* chunk = static_cast<Chunk*>(table_memory::Allocate(size));
-    if (chunk == nullptr) return nullptr;
-    chunk->next = chunks_;
-    chunk->bytes = size;
-    chunks_ = chunk;
-    used_ = table_memory::kCacheLine;
+  // What is left of a chunk is too short for this piece, and lost.
+  if (next_line_ % kLinesOfChunk + lines > kLinesOfChunk) {
+    next_line_ = (next_line_ / kLinesOfChunk + 1) * kLinesOfChunk;
   }
-  void* piece = reinterpret_cast<char*>(chunks_) + used_;
-  used_ += bytes;
-  return static_cast<FrameInfoType*>(piece);
+  const std::uint32_t chunk = next_line_ / kLinesOfChunk;
+  if (chunk >= chunk_count_) {
+    if (chunk == kMaxChunks) return nullptr;
+    auto* const memory = static_cast<char*>(table_memory::Map(kLinesOfChunk * kLineBytes + kTailBytes));
+    if (memory == nullptr) return nullptr;
+    chunks_[chunk_count_++] = memory;
+  }
+  FrameInfoType* const backtrace = At(next_line_);
+  backtrace->location = next_line_;
+  next_line_ += lines;
+  return backtrace;
 }
 
 void BacktraceArena::Free(FrameInfoType* backtrace) {
-  const std::uint64_t lines = Lines(backtrace->num_frames);
-  auto* piece = reinterpret_cast<FreePiece*>(backtrace);
-  FreePiece** list = &free_[lines < kLists ? lines : 0];
-  piece->next = *list;
-  piece->lines = lines;
-  *list = piece;
+  const std::uint64_t bytes =
+      sizeof(FrameInfoType) + backtrace->num_frames * sizeof(std::uint64_t);
+  const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
+  const std::uint32_t location = backtrace->location;
+  auto* const piece = reinterpret_cast<FreePiece*>(backtrace);
+  FreePiece*& list = free_[lines < kLists ? lines : 0];
+  *piece = {0, list, lines, location};
+  list = piece;
 }
 
-void BacktraceArena::Clear() {
-  while (chunks_ != nullptr) {
-    Chunk* chunk = chunks_;
-    chunks_ = chunk->next;
-    table_memory::Free(chunk, chunk->bytes);
+void BacktraceArena::Reset() {
+  for (std::uint32_t i = 0; i < chunk_count_; ++i) {
+    table_memory::Zero(chunks_[i], kLinesOfChunk * kLineBytes);
   }
   for (FreePiece*& list : free_) list = nullptr;
-  used_ = 0;
+  next_line_ = 1;
 }
 
-FrameInfoType* BacktraceTable::Insert(const FrameKeyType& key, std::uint64_t hash,
-                                      std::uint64_t fingerprint) {
-  if (used_ >= limit_ && !Rebuild()) return nullptr;
-  FrameInfoType* made = arena_.Allocate(key.num_frames);
-  if (made == nullptr) return nullptr;
-  made->references = 1;
-  made->hash_index = next_index_++;
+BacktraceTable::Result BacktraceTable::FindOrMake(const FrameKeyType& key, std::uint64_t hash,
+                                                  std::uint64_t fingerprint,
+                                                  const FrameInfoType** backtrace) {
+  const std::lock_guard<SetMutex> guard(lock_);
+  *backtrace = Find(key, hash, fingerprint);
+  if (*backtrace != nullptr) return Result::kDone;
+  if (!HasRoom()) return Result::kFull;
+  FrameInfoType* const made = arena_.Allocate(key.num_frames);
+  if (made == nullptr) return Result::kNoMemory;
   made->fingerprint = fingerprint;
+  made->hash_index = next_index_++;
   made->num_frames = static_cast<std::uint32_t>(key.num_frames);
   made->report_note = 0;
+  made->sweep = 0;
   std::memcpy(made->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
-  *FreeSlot(hash, fingerprint) = {fingerprint, made};
+  Enter(*buckets_.load(std::memory_order_relaxed), made);
   ++used_;
-  ++size_;
-  return made;
+  *backtrace = made;
+  return Result::kDone;
 }
 
-BacktraceTable::Slot* BacktraceTable::FreeSlot(std::uint64_t hash, std::uint64_t fingerprint) {
-  std::uint64_t bucket = HomeBucket(hash);
-  while (true) {
-    for (Slot& slot : buckets_[bucket].slots) {
-      if (slot.backtrace == nullptr) return &slot;
+void BacktraceTable::Enter(Buckets& buckets, FrameInfoType* backtrace) {
+  std::uint64_t at = buckets.Home(FrameKeyHash({backtrace->num_frames, backtrace->pcs()}));
+  for (;; at = (at + Step(backtrace->fingerprint)) & buckets.mask) {
+    for (Slot& slot : buckets.buckets[at].slots) {
+      if (slot.backtrace.load(std::memory_order_relaxed) != nullptr) continue;
+      slot.fingerprint.store(backtrace->fingerprint, std::memory_order_relaxed);
+      slot.backtrace.store(backtrace, std::memory_order_release);
+      return;
     }
-    bucket = (bucket + Step(fingerprint)) & (bucket_count_ - 1);
   }
 }
 
-bool BacktraceTable::Rebuild() {
-  Bucket* const old_buckets = buckets_;
-  const std::uint64_t old_count = bucket_count_;
-  // Sweeping alone makes room when at least half of the backtraces are dead.
-  const std::uint64_t new_count =
-      old_count == 0 ? kFirstBuckets : (size_ * 2 > used_ ? old_count * 2 : old_count);
-  auto* const fresh = static_cast<Bucket*>(table_memory::Allocate(new_count * sizeof(Bucket)));
+std::uint64_t BacktraceTable::CountLive(const Buckets* buckets) const {
+  std::uint64_t live = 0;
+  for (std::uint64_t b = 0; b <= buckets->mask; ++b) {
+    for (const Slot& slot : buckets->buckets[b].slots) {
+      const FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
+      if (found != nullptr && found->sweep == sweep_) ++live;
+    }
+  }
+  return live;
+}
+
+BacktraceTable::Buckets* BacktraceTable::MakeBuckets(std::uint64_t count) {
+  for (Buckets** link = &retired_; *link != nullptr; link = &(*link)->next_retired) {
+    Buckets* const buckets = *link;
+    if (buckets->mask != count - 1) continue;
+    *link = buckets->next_retired;
+    return buckets;
+  }
+  auto* const buckets = static_cast<Buckets*>(table_memory::Map(Buckets::Bytes(count)));
+  if (buckets == nullptr) return nullptr;
+  buckets->mask = count - 1;
+  buckets->shift = 64U - static_cast<unsigned>(__builtin_ctzll(count));
+  return buckets;
+}
+
+/// A reader may be inside: it finds an empty table from now on.
+void BacktraceTable::Retire(Buckets* buckets) {
+  table_memory::Zero(buckets->buckets, (buckets->mask + 1) * sizeof(Bucket));
+  buckets->next_retired = retired_;
+  retired_ = buckets;
+}
+
+bool BacktraceTable::Rebuild(bool sweeps) {
+  Buckets* const old = buckets_.load(std::memory_order_relaxed);
+  const std::uint64_t live = sweeps ? CountLive(old) : used_;
+  // Sweeping alone makes room when at least half of the backtraces go.
+  const std::uint64_t count =
+      old == nullptr ? kFirstBuckets : (live * 2 > used_ ? (old->mask + 1) * 2 : old->mask + 1);
+  Buckets* const fresh = MakeBuckets(count);
   if (fresh == nullptr) return false;
-  buckets_ = fresh;
-  bucket_count_ = new_count;
-  shift_ = 64U - static_cast<unsigned>(__builtin_ctzll(new_count));
-  limit_ = new_count * 4 * 3 / 4;
-  used_ = 0;
-  for (std::uint64_t b = 0; b < old_count; ++b) {
-    for (const Slot& slot : old_buckets[b].slots) {
-      FrameInfoType* backtrace = slot.backtrace;
-      if (backtrace == nullptr) continue;
-      if (backtrace->references == 0) {
-        arena_.Free(backtrace);
-        continue;
+  epoch_.fetch_add(1, std::memory_order_seq_cst);
+  used_ = live;
+  for (std::uint64_t b = 0; old != nullptr && b <= old->mask; ++b) {
+    for (const Slot& slot : old->buckets[b].slots) {
+      FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
+      if (found == nullptr) continue;
+      if (sweeps && found->sweep != sweep_) {
+        arena_.Free(found);
+      } else {
+        Enter(*fresh, found);
       }
-      const std::uint64_t hash = FrameKeyHash({backtrace->num_frames, backtrace->pcs()});
-      *FreeSlot(hash, slot.fingerprint) = slot;
-      ++used_;
     }
   }
-  table_memory::Free(old_buckets, old_count * sizeof(Bucket));
+  buckets_.store(fresh, std::memory_order_release);
+  if (old != nullptr) Retire(old);
   return true;
 }
 
-void BacktraceTable::Clear() {
-  table_memory::Free(buckets_, bucket_count_ * sizeof(Bucket));
-  buckets_ = nullptr;
-  bucket_count_ = 0;
-  shift_ = 0;
+bool BacktraceTable::TryClear() {
+  if (!lock_.try_lock()) return false;
+  epoch_.fetch_add(1, std::memory_order_seq_cst);
+  Buckets* const old = buckets_.exchange(nullptr, std::memory_order_acq_rel);
+  if (old != nullptr) Retire(old);
   used_ = 0;
-  limit_ = 0;
-  size_ = 0;
   next_index_ = kFirstIndex;
-  arena_.Clear();
+  arena_.Reset();
+  lock_.unlock();
+  return true;
 }

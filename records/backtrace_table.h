@@ -1,24 +1,33 @@
-// The shared backtraces of one set: key -> backtrace, each stored once and reference-counted.
+// The shared backtraces: each stored once, whatever the set of the blocks that carry it.
 //
-// A stack is met once in every set, and with few live blocks it dies and comes back all the time.
-// So a backtrace whose last reference goes keeps its place in the table, without being counted, and
-// is only swept out when the table is rebuilt; coming back it gets a new hash index, as a new one
-// would. Callers hold the set's frame lock, but where noted.
+// A known backtrace is found without a lock and without a write, so its lines stay in the caches of
+// all processors. Nobody counts references: which backtraces are still carried is found out when the
+// table is full, by a walk through all records, and the others are swept out.
+//
+// A reader may look at the table while it is swept or cleared. It then gets any answer, but it can
+// tell: `epoch` has changed by the time it holds the lock of its page.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
+
+#include "records/set_mutex.h"
 
 /// A shared backtrace: this head with its pcs right behind it, together in as few cache lines as
-/// they need (two for 12 frames). Shared means by all live blocks of one set with the same pcs.
+/// they need (two for 12 frames).
 struct FrameInfoType {
-  /// Live records that carry this backtrace; 0: dead, waiting to be swept or to come back.
-  std::uint64_t references;
-  std::uint64_t hash_index;
   std::uint64_t fingerprint;
+  /// Number of the backtrace, never used again until a clear.
+  std::uint64_t hash_index;
   std::uint32_t num_frames;
+  /// Where it lies, as records name it. Never 0.
+  std::uint32_t location;
   /// Of the report that is being grouped: where this backtrace's notes are, plus 1; else 0.
   std::uint32_t report_note;
+  /// Number of the last sweep that found a record of it.
+  std::uint32_t sweep;
 
   /// The pcs, num_frames of them, innermost first.
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
@@ -77,37 +86,43 @@ inline std::uint64_t FrameFingerprint(const FrameKeyType& key) {
   return fold(sum, kFactorStep);
 }
 
-/// Memory of one set's backtraces: pieces of whole cache lines, cut from chunks.
+/// Memory of the backtraces: pieces of whole cache lines, cut from chunks of one size. A piece is
+/// named by its location: number of its chunk, number of its line in it.
 class BacktraceArena {
  public:
-  BacktraceArena() = default;
-  ~BacktraceArena() { Clear(); }
-  BacktraceArena(const BacktraceArena&) = delete;
-  BacktraceArena& operator=(const BacktraceArena&) = delete;
-
-  /// Room for a backtrace of `num_frames` pcs, contents undefined; null when there is no memory.
+  /// Room for a backtrace of `num_frames` pcs, with its location set; null when there is no memory.
   FrameInfoType* Allocate(std::uint64_t num_frames);
   /// Takes back `backtrace` for later use.
   void Free(FrameInfoType* backtrace);
-  /// Releases everything.
-  void Clear();
+  /// Takes everything back and gives the pages back to the kernel; the addresses stay mapped.
+  void Reset();
+  /// The backtrace at `location`, which Allocate has set.
+  FrameInfoType* At(std::uint32_t location) const {
+    return reinterpret_cast<FrameInfoType*>(chunks_[location / kLinesOfChunk] +
+                                            location % kLinesOfChunk * kLineBytes);
+  }
 
  private:
   struct FreePiece {
+    std::uint64_t unused;  // a reader may take it for a fingerprint
     FreePiece* next;
-    std::uint64_t lines;
-  };
-  struct Chunk {
-    Chunk* next;
-    std::size_t bytes;
+    std::uint32_t lines;
+    std::uint32_t location;
   };
 
-  /// Free pieces by their number of cache lines; the first list holds all longer ones.
+  static constexpr std::size_t kLineBytes = 64;
+  static constexpr std::uint32_t kLinesOfChunk = 4096;
+  /// Behind each chunk, for a reader that takes what was a backtrace for one: the longest one's pcs.
+  static constexpr std::size_t kTailBytes = 16384;
+  static constexpr std::size_t kMaxChunks = std::size_t{1} << 16;
+  /// Free pieces by their number of lines; the first list holds all longer ones.
   static constexpr std::size_t kLists = 16;
 
   FreePiece* free_[kLists] = {};
-  Chunk* chunks_ = nullptr;
-  std::size_t used_ = 0;
+  std::uint32_t chunk_count_ = 0;
+  /// The line from which on nothing was cut yet. Location 0 is never handed out.
+  std::uint32_t next_line_ = 1;
+  char* chunks_[kMaxChunks] = {};
 };
 
 class BacktraceTable {
@@ -115,87 +130,115 @@ class BacktraceTable {
   /// First hash index handed out; smaller ones never name a backtrace.
   static constexpr std::uint64_t kFirstIndex = 2;
 
-  BacktraceTable() = default;
-  ~BacktraceTable() { Clear(); }
-  BacktraceTable(const BacktraceTable&) = delete;
-  BacktraceTable& operator=(const BacktraceTable&) = delete;
+  enum class Result { kDone, kFull, kNoMemory };
 
-  /// The backtrace of `key` with one more reference, made when it is not there. `hash` and
-  /// `fingerprint` are the key's. Null when there is no memory.
-  FrameInfoType* Acquire(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) {
-    FrameInfoType* const found = Find(key, hash, fingerprint);
-    if (found == nullptr) return Insert(key, hash, fingerprint);
-    if (found->references++ == 0) {
-      found->hash_index = next_index_++;
-      ++size_;
-    }
-    return found;
-  }
+  /// Raised by every sweep and every clear, before anything goes.
+  std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
-  /// Drops one reference; the last one ends the backtrace.
-  void Release(FrameInfoType* backtrace) {
-    if (--backtrace->references == 0) --size_;
-  }
-
-  /// Empties the table and starts hash indexes anew.
-  void Clear();
-
-  /// Backtraces with at least one reference.
-  std::uint64_t size() const { return size_; }
-  /// Calls `visit(FrameInfoType*)` for every backtrace with a reference.
-  template <typename Visitor>
-  void ForEach(Visitor visit) const {
-    for (std::uint64_t b = 0; b < bucket_count_; ++b) {
-      for (const Slot& slot : buckets_[b].slots) {
-        if (slot.backtrace != nullptr && slot.backtrace->references != 0) visit(slot.backtrace);
+  /// The backtrace of `key`, or null. `hash` and `fingerprint` are the key's. Takes no lock.
+  const FrameInfoType* Find(const FrameKeyType& key, std::uint64_t hash,
+                            std::uint64_t fingerprint) const {
+    const Buckets* const buckets = buckets_.load(std::memory_order_acquire);
+    if (buckets == nullptr) return nullptr;
+    std::uint64_t at = buckets->Home(hash);
+    for (std::uint64_t probes = 0; probes <= buckets->mask; ++probes) {
+      for (const Slot& slot : buckets->buckets[at].slots) {
+        const FrameInfoType* const found = slot.backtrace.load(std::memory_order_acquire);
+        if (found == nullptr) return nullptr;
+        if (slot.fingerprint.load(std::memory_order_relaxed) == fingerprint &&
+            HasKey(found, key)) {
+          return found;
+        }
       }
+      at = (at + Step(fingerprint)) & buckets->mask;
     }
+    return nullptr;
   }
+
+  /// Finds or makes the backtrace of `key`. kFull: Grow comes first. Takes the table's lock.
+  Result FindOrMake(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
+                    const FrameInfoType** backtrace);
+
+  /// The backtrace at a location that a record names. The caller keeps clears and sweeps out, or
+  /// holds the lock of the record's page.
+  FrameInfoType* At(std::uint32_t location) const { return arena_.At(location); }
+
+  /// Makes room. `mark_live(std::uint32_t sweep)` writes the number into every backtrace that a
+  /// record names; `records` is about how many records there are. The caller keeps all record
+  /// operations out. False when there is no memory.
+  template <typename MarkLive>
+  bool Grow(std::uint64_t records, MarkLive mark_live) {
+    const std::lock_guard<SetMutex> guard(lock_);
+    if (HasRoom()) return true;
+    // A walk through all records must be worth it: backtraces that nobody carries may be as many
+    // as an eighth of the records.
+    const bool sweeps = used_ >= kLeastToSweep && used_ >= records / 8;
+    if (sweeps) mark_live(++sweep_);
+    return Rebuild(sweeps);
+  }
+
+  /// Empties the table and starts hash indexes anew. Waits for no lock: false, with nothing done,
+  /// when a thread is inside.
+  bool TryClear();
+
+  /// Frees the lock in a forked child.
+  void FreeLockInChild() { lock_.unlock(); }
 
  private:
   struct Slot {
-    std::uint64_t fingerprint;
-    FrameInfoType* backtrace;
+    std::atomic<std::uint64_t> fingerprint;
+    std::atomic<FrameInfoType*> backtrace;
   };
   /// One cache line of slots, filled from the front.
   struct alignas(64) Bucket {
     Slot slots[4];
   };
+  /// A power of two of buckets, at most 3/4 full.
+  struct Buckets {
+    std::uint64_t mask;
+    unsigned shift;
+    Buckets* next_retired;
+    Bucket buckets[1];
 
-  std::uint64_t HomeBucket(std::uint64_t hash) const {
-    // Fibonacci hashing; bucket_count_ is a power of two.
-    return (hash * 0x9E3779B97F4A7C15U) >> shift_;
-  }
+    std::uint64_t Home(std::uint64_t hash) const {
+      // Fibonacci hashing.
+      return (hash * 0x9E3779B97F4A7C15U) >> shift;
+    }
+    static std::size_t Bytes(std::uint64_t count) {
+      return sizeof(Buckets) + (count - 1) * sizeof(Bucket);
+    }
+  };
+
+  static constexpr std::uint64_t kFirstBuckets = 64;
+  static constexpr std::uint64_t kLeastToSweep = 1024;
+
   /// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
   /// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
   static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
-  FrameInfoType* Find(const FrameKeyType& key, std::uint64_t hash,
-                      std::uint64_t fingerprint) const {
-    if (bucket_count_ == 0) return nullptr;
-    for (std::uint64_t bucket = HomeBucket(hash);;
-         bucket = (bucket + Step(fingerprint)) & (bucket_count_ - 1)) {
-      for (const Slot& slot : buckets_[bucket].slots) {
-        FrameInfoType* const found = slot.backtrace;
-        if (found == nullptr) return nullptr;
-        if (slot.fingerprint == fingerprint &&
-            FrameKeyEqual(key, {found->num_frames, found->pcs()})) {
-          return found;
-        }
-      }
-    }
-  }
-  FrameInfoType* Insert(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint);
-  /// The free slot where a key that is not in the table belongs.
-  Slot* FreeSlot(std::uint64_t hash, std::uint64_t fingerprint);
-  bool Rebuild();
 
-  Bucket* buckets_ = nullptr;
-  std::uint64_t bucket_count_ = 0;
-  unsigned shift_ = 0;
-  /// Slots in use, dead backtraces included, and how many of them may be.
+  /// Not for ThreadSanitizer: a backtrace that is swept meanwhile may be read, see `epoch`.
+  __attribute__((no_sanitize("thread"))) static bool HasKey(const FrameInfoType* backtrace,
+                                                            const FrameKeyType& key) {
+    return FrameKeyEqual(key, {backtrace->num_frames, backtrace->pcs()});
+  }
+  bool HasRoom() const {
+    const Buckets* const buckets = buckets_.load(std::memory_order_relaxed);
+    return buckets != nullptr && used_ < (buckets->mask + 1) * 3;
+  }
+  bool Rebuild(bool sweeps);
+  std::uint64_t CountLive(const Buckets* buckets) const;
+  Buckets* MakeBuckets(std::uint64_t count);
+  void Retire(Buckets* buckets);
+  static void Enter(Buckets& buckets, FrameInfoType* backtrace);
+
+  SetMutex lock_;
+  std::atomic<std::uint32_t> epoch_{0};
+  std::atomic<Buckets*> buckets_{nullptr};
+  /// Empty ones, for a table of the same size: readers may be inside.
+  Buckets* retired_ = nullptr;
+  /// Backtraces in the table.
   std::uint64_t used_ = 0;
-  std::uint64_t limit_ = 0;
-  std::uint64_t size_ = 0;
-  std::uint64_t next_index_ = kFirstIndex;  // of hash indices, which only grow until Clear
+  std::uint64_t next_index_ = kFirstIndex;
+  std::uint32_t sweep_ = 0;
   BacktraceArena arena_;
 };

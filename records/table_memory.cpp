@@ -1,24 +1,158 @@
-// Memory of the record tables.
+// Memory of the record tables; see the header.
 #include "records/table_memory.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "tracker/MemTrackControl.h"
 
 namespace table_memory {
 
-void* Allocate(std::size_t bytes) {
+namespace {
+
+constexpr std::size_t kFirstChunk = std::size_t{64} << 10;
+constexpr std::size_t kLargestChunk = std::size_t{1} << 20;
+
+/// Bytes of the last request that failed, 0 for none.
+std::atomic<std::size_t> wanted{0};
+
+/// Memory from the allocator that waits for the request it was taken for.
+SetMutex reserve_lock;
+void* reserve = nullptr;
+std::size_t reserve_bytes = 0;
+
+void* TakeReserve(std::size_t bytes) {
+  const std::lock_guard<SetMutex> guard(reserve_lock);
+  if (reserve == nullptr || reserve_bytes < bytes) return nullptr;
+  void* const memory = reserve;
+  reserve = nullptr;
+  return memory;
+}
+
+}  // namespace
+
+void* Map(std::size_t bytes) {
   const int saved_errno = errno;
   void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   errno = saved_errno;
-  return memory == MAP_FAILED ? nullptr : memory;
+  if (memory != MAP_FAILED) return memory;
+  memory = TakeReserve(bytes);
+  if (memory == nullptr) wanted.store(bytes, std::memory_order_relaxed);
+  return memory;
 }
 
-void Free(void* memory, std::size_t bytes) {
-  if (memory == nullptr) return;
+bool RefillFromHeap() {
+  const std::size_t bytes = wanted.exchange(0, std::memory_order_relaxed);
+  // Nothing wanted: another thread has just refilled.
+  if (bytes == 0) return true;
   const int saved_errno = errno;
-  munmap(memory, bytes);
+  const MallocDispatch* const dispatch = MemTrackControl::GetInstance()->dispatch();
+  void* memory = dispatch->memalign(kCacheLine, bytes);
+  if (memory != nullptr) {
+    std::memset(memory, 0, bytes);
+    {
+      const std::lock_guard<SetMutex> guard(reserve_lock);
+      std::swap(memory, reserve);
+      reserve_bytes = bytes;
+    }
+    if (memory != nullptr) dispatch->free(memory);
+    errno = saved_errno;
+    return true;
+  }
   errno = saved_errno;
+  return false;
+}
+
+void Zero(void* memory, std::size_t bytes) {
+  const auto page = static_cast<std::size_t>(getpagesize());
+  char* const begin = static_cast<char*>(memory);
+  char* const end = begin + bytes;
+  const auto up = [page](char* at) {
+    return at + (-reinterpret_cast<std::uintptr_t>(at) & (page - 1));
+  };
+  char* const first = up(begin);
+  char* const last = up(end - (page - 1));
+  if (first >= last) {
+    std::memset(begin, 0, bytes);
+    return;
+  }
+  std::memset(begin, 0, static_cast<std::size_t>(first - begin));
+  std::memset(last, 0, static_cast<std::size_t>(end - last));
+  const int saved_errno = errno;
+  if (madvise(first, static_cast<std::size_t>(last - first), MADV_DONTNEED) != 0) {
+    std::memset(first, 0, static_cast<std::size_t>(last - first));
+  }
+  errno = saved_errno;
+}
+
+namespace {
+
+unsigned Log2Up(std::size_t bytes, unsigned smallest) {
+  const unsigned log2 =
+      bytes <= 1 ? 0 : 64U - static_cast<unsigned>(__builtin_clzll(bytes - 1));
+  return log2 < smallest ? smallest : log2;
+}
+
+}  // namespace
+
+void* Pool::Cut(std::size_t bytes) {
+  for (; current_ != nullptr; current_ = current_->next) {
+    if (current_->bytes - current_->used < bytes) continue;
+    void* const block = reinterpret_cast<char*>(current_) + current_->used;
+    current_->used += bytes;
+    return block;
+  }
+  std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
+  if (size > kLargestChunk) size = kLargestChunk;
+  if (size < bytes + kCacheLine) size = bytes + kCacheLine;
+  auto* const chunk = static_cast<Chunk*>(Map(size));
+  if (chunk == nullptr) return nullptr;
+  *chunk = {chunks_, size, kCacheLine + bytes};
+  chunks_ = chunk;
+  current_ = chunk;
+  return reinterpret_cast<char*>(chunk) + kCacheLine;
+}
+
+void* Pool::Allocate(std::size_t bytes) {
+  const unsigned log2 = Log2Up(bytes, kSmallestLog2);
+  void* block;
+  {
+    const std::lock_guard<SetMutex> guard(lock_);
+    FreeBlock*& first = free_[log2];
+    block = first;
+    if (first != nullptr) {
+      first = first->next;
+    } else {
+      block = Cut(std::size_t{1} << log2);
+    }
+  }
+  if (block != nullptr) std::memset(block, 0, std::size_t{1} << log2);
+  return block;
+}
+
+void Pool::Free(void* block, std::size_t bytes) {
+  const unsigned log2 = Log2Up(bytes, kSmallestLog2);
+  const std::lock_guard<SetMutex> guard(lock_);
+  auto* const freed = static_cast<FreeBlock*>(block);
+  freed->next = free_[log2];
+  free_[log2] = freed;
+}
+
+bool Pool::Reset() {
+  if (!lock_.try_lock()) return false;
+  for (FreeBlock*& first : free_) first = nullptr;
+  for (Chunk* chunk = chunks_; chunk != nullptr; chunk = chunk->next) {
+    Zero(reinterpret_cast<char*>(chunk) + kCacheLine, chunk->bytes - kCacheLine);
+    chunk->used = kCacheLine;
+  }
+  current_ = chunks_;
+  lock_.unlock();
+  return true;
 }
 
 }  // namespace table_memory

@@ -1,0 +1,165 @@
+// The records of live blocks: growth of pages and of the directory.
+#include "records/record_pages.h"
+
+#include <mutex>
+
+#include "records/set_mutex.h"
+#include "records/table_memory.h"
+
+namespace {
+
+/// Records of all pages.
+table_memory::Pool record_pool;
+
+/// Taken to make a region known.
+SetMutex directory_lock;
+
+constexpr unsigned kFirstDirectoryLog2 = 9;  // one OS page
+/// A page with more records than this has no room: 4096 offsets times a few classes and tags.
+constexpr unsigned kLargestLog2 = 15;
+/// Tables of up to this many records (two cache lines) fill up; larger ones to 7/8.
+constexpr unsigned kFullLog2 = 3;
+
+}  // namespace
+
+std::atomic<RecordPages::Directory*> RecordPages::directory_{nullptr};
+std::atomic<RecordPages::Leaf*> RecordPages::leaves_{nullptr};
+
+void RecordPage::LockSlow() {
+  WaitPatiently([this] { return !IsLocked() && TryLock(); });
+}
+
+void RecordPage::Empty(std::uint32_t generation) {
+  Record* const records = records_.load(std::memory_order_relaxed);
+  if (records != nullptr) {
+    record_pool.Free(records, sizeof(Record) << log2_capacity_.load(std::memory_order_relaxed));
+    records_.store(nullptr, std::memory_order_relaxed);
+  }
+  log2_capacity_.store(0, std::memory_order_relaxed);
+  count_.store(0, std::memory_order_relaxed);
+  generation_ = generation;
+}
+
+bool RecordPage::Grow() {
+  Record* const old_records = records_.load(std::memory_order_relaxed);
+  const unsigned old_log2 = log2_capacity_.load(std::memory_order_relaxed);
+  const unsigned log2 = old_log2 + 1;
+  if (log2 > kLargestLog2) return false;
+  auto* const records = static_cast<Record*>(record_pool.Allocate(sizeof(Record) << log2));
+  if (records == nullptr) return false;
+  const std::uint32_t mask = (1U << log2) - 1;
+  if (old_records != nullptr) {
+    for (std::uint32_t i = 0; i < 1U << old_log2; ++i) {
+      if (old_records[i].key == 0) continue;
+      std::uint32_t place = Home(RecordKey::Offset(old_records[i].key), log2);
+      while (records[place].key != 0) place = (place + 1) & mask;
+      records[place] = old_records[i];
+    }
+    record_pool.Free(old_records, sizeof(Record) << old_log2);
+  }
+  records_.store(records, std::memory_order_relaxed);
+  log2_capacity_.store(static_cast<std::uint8_t>(log2), std::memory_order_relaxed);
+  return true;
+}
+
+Record* RecordPage::Insert(std::uint32_t key) {
+  const std::uint32_t used = count();
+  unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
+  const std::uint32_t limit = log2 <= kFullLog2 ? 1U << log2 : (1U << log2) / 8 * 7;
+  if (log2 == 0 || used >= limit) {
+    if (!Grow()) return nullptr;
+    ++log2;
+  }
+  Record* const records = records_.load(std::memory_order_relaxed);
+  const std::uint32_t mask = (1U << log2) - 1;
+  std::uint32_t i = Home(RecordKey::Offset(key), log2);
+  while (records[i].key != 0) i = (i + 1) & mask;
+  records[i].key = key;
+  count_.store(static_cast<std::uint16_t>(used + 1), std::memory_order_relaxed);
+  return &records[i];
+}
+
+void RecordPage::Erase(Record* record) {
+  Record* const records = records_.load(std::memory_order_relaxed);
+  const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
+  const std::uint32_t mask = (1U << log2) - 1;
+  auto hole = static_cast<std::uint32_t>(record - records);
+  std::uint32_t i = hole;
+  for (std::uint32_t probes = 0; probes < mask; ++probes) {
+    i = (i + 1) & mask;
+    if (records[i].key == 0) break;
+    // A record moves back into the hole unless its search begins behind the hole.
+    const std::uint32_t home = Home(RecordKey::Offset(records[i].key), log2);
+    if (((i - home) & mask) < ((i - hole) & mask)) continue;
+    records[hole] = records[i];
+    hole = i;
+  }
+  records[hole].key = 0;
+  count_.store(static_cast<std::uint16_t>(count() - 1), std::memory_order_relaxed);
+}
+
+RecordPage* RecordPages::Make(std::uint64_t address) {
+  const std::lock_guard<SetMutex> guard(directory_lock);
+  RecordPage* const known = Find(address);
+  if (known != nullptr) return known;
+  Directory* directory = directory_.load(std::memory_order_relaxed);
+  if (directory == nullptr || directory->used * 2 > directory->mask) {
+    if (!GrowDirectory()) return nullptr;
+    directory = directory_.load(std::memory_order_relaxed);
+  }
+  auto* const leaf = static_cast<Leaf*>(table_memory::Map(sizeof(Leaf)));
+  if (leaf == nullptr) return nullptr;
+  leaf->region = RegionOf(address);
+  leaf->next = leaves_.load(std::memory_order_relaxed);
+  leaves_.store(leaf, std::memory_order_release);
+  Enter(*directory, leaf);
+  return Find(address);
+}
+
+void RecordPages::Enter(Directory& directory, Leaf* leaf) {
+  std::uint64_t i = leaf->region * kGolden >> directory.shift;
+  while (directory.leaves[i].load(std::memory_order_relaxed) != nullptr) {
+    i = (i + 1) & directory.mask;
+  }
+  directory.leaves[i].store(leaf, std::memory_order_release);
+  ++directory.used;
+}
+
+/// Under the directory's lock. The outgrown directory stays: a reader may be in it.
+bool RecordPages::GrowDirectory() {
+  const Directory* const old = directory_.load(std::memory_order_relaxed);
+  const unsigned log2 =
+      old == nullptr ? kFirstDirectoryLog2
+                     : static_cast<unsigned>(__builtin_popcountll(old->mask)) + 1;
+  const std::size_t slots = std::size_t{1} << log2;
+  auto* const fresh = static_cast<Directory*>(
+      table_memory::Map(sizeof(Directory) + slots * sizeof(std::atomic<Leaf*>)));
+  if (fresh == nullptr) return false;
+  fresh->mask = slots - 1;
+  fresh->shift = 64 - log2;
+  for (Leaf* leaf = leaves_.load(std::memory_order_relaxed); leaf != nullptr; leaf = leaf->next) {
+    Enter(*fresh, leaf);
+  }
+  directory_.store(fresh, std::memory_order_release);
+  return true;
+}
+
+void RecordPages::WaitForOperations() {
+  ForEach([](std::uint64_t /*address*/, RecordPage& page) {
+    if (page.IsLocked()) WaitPatiently([&page] { return !page.IsLocked(); });
+  });
+}
+
+bool RecordPages::EmptyAll(std::uint32_t generation) {
+  bool all = true;
+  ForEach([&all, generation](std::uint64_t /*address*/, RecordPage& page) {
+    if (page.count() == 0 && page.records_.load(std::memory_order_relaxed) == nullptr) return;
+    if (!page.TryLock()) {
+      all = false;
+      return;
+    }
+    if (page.generation() != generation) page.Empty(generation);
+    page.Unlock();
+  });
+  return all;
+}

@@ -1,0 +1,207 @@
+// The records of live blocks, by 4 KiB page of the address space.
+//
+// A block's record is found through its address: region (2 MiB), page, place in the page's own
+// small table. Threads mostly work on blocks of pages of their own, so neither the lock of a page
+// nor its records move between processors. Regions are never given up once they are known; the way
+// to a page takes no lock.
+//
+// Pages are shared by the sets whose blocks lie in them; a record's key says which set it belongs
+// to. Record operations hold the lock of one page. Readers of everything keep operations out by
+// the pointer locks of the sets and then wait for those that are inside (WaitForOperations).
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+/// 2020-01-01 in seconds since the epoch: 32 bits around it reach from 1951 to 2088.
+inline constexpr std::int64_t kRecordTimeBase = 1'577'836'800;
+
+/// A record. 16 bytes: four to a cache line.
+struct Record {
+  /// What it is the record of (see RecordKey); 0 marks a free place.
+  std::uint32_t key;
+  /// Encoded size: zygote mark in bit 31.
+  std::uint32_t size;
+  /// When the block was made, in seconds from kRecordTimeBase on.
+  std::int32_t time;
+  /// Location of the backtrace; 0 for none.
+  std::uint32_t backtrace;
+};
+static_assert(sizeof(Record) == 16);
+
+/// The parts of a record's key: what the page does not tell about a block.
+class RecordKey {
+ public:
+  /// Of a block at `address` whose size is of class `size_class` (below 8).
+  static std::uint32_t Of(std::uint64_t address, std::uint32_t size_class) {
+    // Bits 56 to 63 are the tag that some processors ignore in addresses.
+    return kUsed | size_class << 20 | static_cast<std::uint32_t>(address >> 56) << 12 |
+           static_cast<std::uint32_t>(address & 0xFFF);
+  }
+  /// The key under which a time is kept that outlives the record of `key`.
+  static std::uint32_t Kept(std::uint32_t key) { return key | kKept; }
+
+  static bool IsKept(std::uint32_t key) { return (key & kKept) != 0; }
+  static std::uint32_t SizeClass(std::uint32_t key) { return key >> 20 & 7; }
+  static std::uint32_t Offset(std::uint32_t key) { return key & 0xFFF; }
+  static std::uint64_t Tag(std::uint32_t key) { return std::uint64_t{key >> 12 & 0xFF} << 56; }
+
+ private:
+  static constexpr std::uint32_t kUsed = std::uint32_t{1} << 31;
+  static constexpr std::uint32_t kKept = std::uint32_t{1} << 23;
+};
+
+/// One page's table: open addressing, linear probing, removal by moving back.
+class RecordPage {
+ public:
+  /// Waits until the page is free and takes it. Not recursive. Keeps errno.
+  void Lock() {
+    if (locked_.exchange(1, std::memory_order_seq_cst) != 0) LockSlow();
+  }
+  bool TryLock() { return locked_.exchange(1, std::memory_order_seq_cst) == 0; }
+  void Unlock() { locked_.store(0, std::memory_order_release); }
+  bool IsLocked() const { return locked_.load(std::memory_order_seq_cst) != 0; }
+
+  /// Number of records, kept times included. Without the lock it may be stale.
+  std::uint32_t count() const { return count_.load(std::memory_order_relaxed); }
+  /// Starts to fetch the place of `address`. Without the lock.
+  void Prefetch(std::uint64_t address) const {
+    const Record* records = records_.load(std::memory_order_relaxed);
+    const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
+    if (records != nullptr) __builtin_prefetch(records + Home(address & 0xFFF, log2), 1);
+  }
+
+  // The rest needs the lock, or that operations are kept out.
+
+  /// Of the clears that there were; records of an older one do not count.
+  std::uint32_t generation() const { return generation_; }
+  /// Empties the page for `generation`.
+  void Empty(std::uint32_t generation);
+
+  /// The record of `key`, or null.
+  Record* Find(std::uint32_t key) { return Find(key, kAnyBacktrace); }
+  /// The record of `key` with this backtrace, or null.
+  Record* Find(std::uint32_t key, std::uint64_t backtrace) {
+    Record* const records = records_.load(std::memory_order_relaxed);
+    if (records == nullptr) return nullptr;
+    const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
+    const std::uint32_t mask = (1U << log2) - 1;
+    std::uint32_t i = Home(RecordKey::Offset(key), log2);
+    // A small table may be full: then the probe ends where it began.
+    for (std::uint32_t probes = 0; probes <= mask && records[i].key != 0; ++probes) {
+      if (records[i].key == key &&
+          (backtrace == kAnyBacktrace || records[i].backtrace == backtrace)) {
+        return &records[i];
+      }
+      i = (i + 1) & mask;
+    }
+    return nullptr;
+  }
+  /// A new record of `key`, which the caller fills. Null when there is no memory. May move others.
+  Record* Insert(std::uint32_t key);
+  /// Removes `record`. May move others.
+  void Erase(Record* record);
+
+  /// Calls visit(Record&) for every record, in no particular order.
+  template <typename Visitor>
+  void ForEach(Visitor visit) {
+    Record* const records = records_.load(std::memory_order_relaxed);
+    if (records == nullptr) return;
+    const std::uint32_t capacity = 1U << log2_capacity_.load(std::memory_order_relaxed);
+    for (std::uint32_t i = 0; i < capacity; ++i) {
+      if (records[i].key != 0) visit(records[i]);
+    }
+  }
+
+ private:
+  friend class RecordPages;
+
+  static constexpr std::uint64_t kAnyBacktrace = UINT64_MAX;
+
+  /// Where a search begins: multiplicative hashing (2^32 divided by the golden ratio). Blocks of
+  /// one size lie at regular distances, which this spreads.
+  static std::uint32_t Home(std::uint64_t offset, unsigned log2_capacity) {
+    return (static_cast<std::uint32_t>(offset) * 0x9E3779B9U) >> (32 - log2_capacity);
+  }
+  void LockSlow();
+  bool Grow();
+
+  std::atomic<std::uint8_t> locked_;
+  std::atomic<std::uint8_t> log2_capacity_;
+  std::atomic<std::uint16_t> count_;
+  std::uint32_t generation_;
+  std::atomic<Record*> records_;
+};
+static_assert(sizeof(RecordPage) == 16);
+
+/// All pages of the process.
+class RecordPages {
+ public:
+  static constexpr unsigned kPageBits = 12;
+  static constexpr unsigned kRegionBits = 21;
+  static constexpr std::size_t kPagesOfRegion = std::size_t{1} << (kRegionBits - kPageBits);
+
+  /// The page of `address`; null when no block of its region was ever recorded. Takes no lock.
+  static RecordPage* Find(std::uint64_t address) {
+    const std::uint64_t region = RegionOf(address);
+    const Directory* const directory = directory_.load(std::memory_order_acquire);
+    if (directory == nullptr) return nullptr;
+    for (std::uint64_t i = region * kGolden >> directory->shift;; i = (i + 1) & directory->mask) {
+      Leaf* const leaf = directory->leaves[i].load(std::memory_order_acquire);
+      if (leaf == nullptr) return nullptr;
+      if (leaf->region == region) {
+        return &leaf->pages[address >> kPageBits & (kPagesOfRegion - 1)];
+      }
+    }
+  }
+  /// As Find, but makes the region known. Null when there is no memory. Takes a lock when the
+  /// region is new.
+  static RecordPage* FindOrMake(std::uint64_t address) {
+    RecordPage* const page = Find(address);
+    return page != nullptr ? page : Make(address);
+  }
+
+  /// Calls visit(std::uint64_t address, RecordPage&) for every page of every known region, whose
+  /// first byte is at `address`.
+  template <typename Visitor>
+  static void ForEach(Visitor visit) {
+    for (Leaf* leaf = leaves_.load(std::memory_order_acquire); leaf != nullptr; leaf = leaf->next) {
+      for (std::size_t i = 0; i < kPagesOfRegion; ++i) {
+        visit((leaf->region << kRegionBits) + (i << kPageBits), leaf->pages[i]);
+      }
+    }
+  }
+  /// Returns once every operation that was inside a page has left it. The caller keeps new ones out.
+  static void WaitForOperations();
+  /// Empties every page that nobody is inside of, for `generation`. True when that was all of them.
+  /// The caller keeps the readers of everything out.
+  static bool EmptyAll(std::uint32_t generation);
+
+ private:
+  struct Leaf {
+    std::uint64_t region;
+    Leaf* next;
+    alignas(64) RecordPage pages[kPagesOfRegion];
+  };
+  /// Open addressing; at most half full.
+  struct Directory {
+    std::uint64_t mask;
+    std::uint64_t used;
+    unsigned shift;
+    std::atomic<Leaf*> leaves[1];
+  };
+
+  /// 2^64 divided by the golden ratio: Fibonacci hashing.
+  static constexpr std::uint64_t kGolden = 0x9E3779B97F4A7C15U;
+
+  static std::uint64_t RegionOf(std::uint64_t address) {
+    return (address & 0x00FF'FFFF'FFFF'FFFF) >> kRegionBits;
+  }
+  static RecordPage* Make(std::uint64_t address);
+  static bool GrowDirectory();
+  static void Enter(Directory& directory, Leaf* leaf);
+
+  static std::atomic<Directory*> directory_;
+  static std::atomic<Leaf*> leaves_;
+};
