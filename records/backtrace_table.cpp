@@ -90,12 +90,9 @@ void BacktraceTable::Enter(Buckets& buckets, FrameInfoType* backtrace) {
 
 std::uint64_t BacktraceTable::CountLive(const Buckets* buckets) const {
   std::uint64_t live = 0;
-  for (std::uint64_t b = 0; b <= buckets->mask; ++b) {
-    for (const Slot& slot : buckets->buckets[b].slots) {
-      const FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
-      if (found != nullptr && found->sweep == sweep_) ++live;
-    }
-  }
+  ForEachIn(buckets, [&](const FrameInfoType* backtrace) {
+    if (backtrace->sweep == sweep_) ++live;
+  });
   return live;
 }
 
@@ -115,7 +112,11 @@ BacktraceTable::Buckets* BacktraceTable::MakeBuckets(std::uint64_t count) {
 
 /// A reader may be inside: it finds an empty table from now on.
 void BacktraceTable::Retire(Buckets* buckets) {
-  table_memory::Zero(buckets->buckets, (buckets->mask + 1) * sizeof(Bucket));
+  for (std::uint64_t b = 0; b <= buckets->mask; ++b) {
+    for (Slot& slot : buckets->buckets[b].slots) {
+      slot.backtrace.store(nullptr, std::memory_order_relaxed);
+    }
+  }
   buckets->next_retired = retired_;
   retired_ = buckets;
 }
@@ -128,28 +129,28 @@ bool BacktraceTable::Rebuild(bool sweeps) {
       old == nullptr ? kFirstBuckets : (live * 2 > used_ ? (old->mask + 1) * 2 : old->mask + 1);
   Buckets* const fresh = MakeBuckets(count);
   if (fresh == nullptr) return false;
-  epoch_.fetch_add(1, std::memory_order_seq_cst);
   used_ = live;
-  for (std::uint64_t b = 0; old != nullptr && b <= old->mask; ++b) {
-    for (const Slot& slot : old->buckets[b].slots) {
-      FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
-      if (found == nullptr) continue;
-      if (sweeps && found->sweep != sweep_) {
-        arena_.Free(found);
-      } else {
-        Enter(*fresh, found);
-      }
-    }
+  ForEachIn(old, [&](FrameInfoType* backtrace) {
+    if (!sweeps || backtrace->sweep == sweep_) Enter(*fresh, backtrace);
+  });
+  // The new epoch comes after the table without the dead and before their memory goes: with an
+  // epoch, a reader never finds what goes during it.
+  buckets_.store(fresh, std::memory_order_seq_cst);
+  epoch_.fetch_add(1, std::memory_order_seq_cst);
+  if (sweeps) {
+    ForEachIn(old, [&](FrameInfoType* backtrace) {
+      if (backtrace->sweep != sweep_) arena_.Free(backtrace);
+    });
   }
-  buckets_.store(fresh, std::memory_order_release);
   if (old != nullptr) Retire(old);
   return true;
 }
 
 bool BacktraceTable::TryClear() {
   if (!lock_.try_lock()) return false;
+  // In this order, as in Rebuild.
+  Buckets* const old = buckets_.exchange(nullptr, std::memory_order_seq_cst);
   epoch_.fetch_add(1, std::memory_order_seq_cst);
-  Buckets* const old = buckets_.exchange(nullptr, std::memory_order_acq_rel);
   if (old != nullptr) Retire(old);
   used_ = 0;
   next_index_ = kFirstIndex;

@@ -132,7 +132,8 @@ class BacktraceTable {
 
   enum class Result { kDone, kFull, kNoMemory };
 
-  /// Raised by every sweep and every clear, before anything goes.
+  /// Raised by every sweep and every clear: after what goes can no longer be found, and before its
+  /// memory is used again.
   std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
   /// The backtrace of `key`, or null. `hash` and `fingerprint` are the key's. Takes no lock.
@@ -224,6 +225,15 @@ class BacktraceTable {
   bool HasRoom() const {
     const Buckets* const buckets = buckets_.load(std::memory_order_relaxed);
     return buckets != nullptr && used_ < (buckets->mask + 1) * 3;
+  }
+  template <typename Visitor>
+  static void ForEachIn(const Buckets* buckets, Visitor visit) {
+    for (std::uint64_t b = 0; buckets != nullptr && b <= buckets->mask; ++b) {
+      for (const Slot& slot : buckets->buckets[b].slots) {
+        FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
+        if (found != nullptr) visit(found);
+      }
+    }
   }
   bool Rebuild(bool sweeps);
   std::uint64_t CountLive(const Buckets* buckets) const;

@@ -153,12 +153,14 @@ void RecordPages::WaitForOperations() {
 bool RecordPages::EmptyAll(std::uint32_t generation) {
   bool all = true;
   ForEach([&all, generation](std::uint64_t /*address*/, RecordPage& page) {
-    if (page.count() == 0 && page.records_.load(std::memory_order_relaxed) == nullptr) return;
+    // Mostly nothing was ever there.
+    if (page.records_.load(std::memory_order_relaxed) == nullptr && !page.IsLocked()) return;
     if (!page.TryLock()) {
       all = false;
       return;
     }
     if (page.generation() != generation) page.Empty(generation);
+    if (page.count() != 0) all = false;
     page.Unlock();
   });
   return all;

@@ -174,8 +174,8 @@ class RecordPages {
   }
   /// Returns once every operation that was inside a page has left it. The caller keeps new ones out.
   static void WaitForOperations();
-  /// Empties every page that nobody is inside of, for `generation`. True when that was all of them.
-  /// The caller keeps the readers of everything out.
+  /// Empties every page of another generation that nobody is inside of, for `generation`. True when
+  /// no record is left, of no generation. The caller keeps operations and other readers out.
   static bool EmptyAll(std::uint32_t generation);
 
  private:
