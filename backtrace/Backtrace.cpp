@@ -17,6 +17,7 @@
 
 #include "arch/frame.h"
 #include "async_safe/log.h"
+#include "platform/readable_stack.h"
 #include "plthooks/trampoline.h"
 #include "tracker/MemTrackControl.h"
 #include "unwindstack/Maps.h"
@@ -33,9 +34,6 @@ namespace {
 static_assert(kWalkLimit == kWalkBytes / sizeof(arch::FrameRecord));
 /// The tracker's own levels: AddBacktrace, Add and the exported entry.
 constexpr std::size_t kSkippedLevels = 3;
-/// How far above the capture's own frame a hooked caller's may be. Between them lie the trampoline,
-/// a proxy and what the caller itself has on its stack.
-constexpr std::uint64_t kHookedCallerBytes = std::uint64_t{64} << 10;
 
 /// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
 /// threads that outlive main capture until the last moment.
@@ -47,26 +45,33 @@ struct UnwinderState {
 std::atomic<UnwinderState*> g_unwinder{nullptr};
 
 /// Follows the frame records from the one at `base` upward. `pc` is an address in the function
-/// that owns it. Leaves out the first `skipped` levels. Returns how many of `frames` were filled.
+/// that owns it, `below` an address on the running stack that is not above `base`. Leaves out the
+/// first `skipped` levels. Returns how many of `frames` were filled.
 __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFramePointers(
-    std::uint64_t base, std::uint64_t pc, std::size_t skipped, std::uint64_t* frames,
-    std::size_t max_frames) {
+    std::uint64_t below, std::uint64_t base, std::uint64_t pc, std::size_t skipped,
+    std::uint64_t* frames, std::size_t max_frames) {
   // Frames do not overlap, so only a chain that runs in a circle could have more of them.
   max_frames = std::min(max_frames, kWalkLimit);
   if (max_frames == 0 || base == 0) return 0;
+  platform::ReadableStack stack(below);
+  std::uint64_t limit = 0;  // records that begin less than this above the base may be read
+  const std::size_t last_level = skipped + max_frames;
   std::size_t level = 0;
-  std::size_t stored = 0;
-  // The difference wraps for a frame pointer below the base, so one comparison tests both ends.
-  for (std::uint64_t frame = base; frame - base < kWalkBytes; ++level) {
-    if (level >= skipped) {
-      frames[stored++] = pc;
-      if (stored == max_frames) break;
+  for (std::uint64_t frame = base;;) {
+    // The difference wraps for a frame pointer below the base, so one comparison tests both ends.
+    bool readable = true;
+    if (frame - base >= limit) {
+      if (frame - base >= kWalkBytes) break;
+      readable = stack.Holds(frame, sizeof(arch::FrameRecord));
+      limit = std::min(stack.KnownEnd() - base - (sizeof(arch::FrameRecord) - 1), kWalkBytes);
     }
+    if (level >= skipped) frames[level - skipped] = pc;
+    if (++level == last_level || !readable) break;
     const auto* record = reinterpret_cast<const arch::FrameRecord*>(frame);
     pc = arch::StripReturnAddress(record->return_address) - arch::kCallSiteAdjustment;
     frame = record->caller_frame;
   }
-  return stored;
+  return level > skipped ? level - skipped : 0;
 }
 
 /// Walks from the caller of the hooked function that is running on this thread. `own` is the
@@ -79,21 +84,15 @@ MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uin
     async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
                           "get_stack_address_for_previous fail");
   }
-  if (pc == 0 || max_frames == 0) return 0;
-  // Code that was compiled without frame pointers has anything in that register: who called is
-  // known all the same, and nothing above it. A stray value that passes for a frame nearby is read
-  // like one; all that lies there is the stack, unless that ends first.
-  const bool aligned = base % arch::kFrameAlignment == 0;
-  if (!aligned || base <= own || base - own >= kHookedCallerBytes) {
-    frames[0] = pc;
-    return 1;
-  }
-  return WalkFramePointers(base, pc, 0, frames, max_frames);
+  // Code that was compiled without frame pointers has any value in that register. The hooked caller
+  // is known even then, its callers are not.
+  if (base % arch::kFrameAlignment != 0) max_frames = std::min<std::size_t>(max_frames, 1);
+  return WalkFramePointers(own, base, pc, 0, frames, max_frames);
 }
 
-/// Unwinds from here. The registers are filled and used in one and the same function, since the
-/// unwinder walks frames that must still exist.
-/// Without memory there are no frames; errno stays the program's.
+/// Unwinds from here. This function fills the registers and calls the unwinder itself, since the
+/// frame that the registers describe must exist as long as the unwind runs. Without memory there
+/// are no frames. Keeps errno.
 __attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t max_frames) {
   UnwinderState* state = g_unwinder.load(std::memory_order_acquire);
   max_frames = std::min(max_frames, kUnwindLimit);
@@ -104,8 +103,10 @@ __attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t 
     const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
     unwindstack::RegsGetLocal(regs.get());
     unwindstack::Unwinder unwinder(max_frames, &state->maps, regs.get(), state->memory);
+    // Intentional: the library's default is to look up names. Nobody reads them, and on every
+    // allocation that would read symbol tables.
     unwinder.SetResolveNames(false);
-    unwinder.Unwind(&state->skipped_libraries, nullptr);
+    unwinder.Unwind(&state->skipped_libraries);
     for (const unwindstack::FrameData& frame : unwinder.frames()) {
       if (stored == max_frames) break;
       frames[stored++] = frame.pc;
@@ -120,9 +121,17 @@ __attribute__((noinline)) std::size_t Unwind(std::uint64_t* frames, std::size_t 
 }  // namespace
 
 void BacktraceStartup() {
-  auto state = std::make_unique<UnwinderState>();
-  state->memory = unwindstack::Memory::CreateProcessMemoryThreadCached(getpid());
-  if (!state->maps.Parse()) state.reset();
+  platform::PrepareReadableStack();
+  std::unique_ptr<UnwinderState> state;
+  try {
+    state = std::make_unique<UnwinderState>();
+    state->memory = unwindstack::Memory::CreateProcessMemoryThreadCached(getpid());
+    if (!state->maps.Parse()) state.reset();
+  } catch (const std::bad_alloc&) {
+    // The tracker starts; captures by this method stay empty.
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "no memory to prepare the unwinder");
+    state.reset();
+  }
   delete g_unwinder.exchange(state.release(), std::memory_order_acq_rel);
 }
 
@@ -145,8 +154,8 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
       return WalkFromHookedCaller(reinterpret_cast<std::uint64_t>(own), frames, max_frames);
     }
     const auto caller = reinterpret_cast<std::uint64_t>(__builtin_return_address(0));
-    return WalkFramePointers(own->caller_frame, arch::StripReturnAddress(caller), kSkippedLevels,
-                             frames, max_frames);
+    return WalkFramePointers(own->caller_frame, own->caller_frame, arch::StripReturnAddress(caller),
+                             kSkippedLevels, frames, max_frames);
   }
   if (type == kBacktraceUnwinder) return Unwind(frames, max_frames);
   async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "invalid backtrace type");

@@ -113,7 +113,8 @@ bool MapData::ReadMaps(bool stop_when_java_native_complete) {
     if (entry->start >= entry->end) continue;
     // Ranges that overlap count as equal, so an entry that is there already wins: a mapping that
     // was replaced since keeps its first name and start.
-    if (entries_.insert(entry.get()).second) AddJavaNativeLib(entry.release());
+    if (!entries_.insert(entry.get()).second) continue;
+    AddJavaNativeLib(entry.release());
     if (stop_when_java_native_complete && java_native_libs_.size() == std::size(kJavaNativeLibs)) {
       break;
     }

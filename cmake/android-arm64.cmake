@@ -1,20 +1,21 @@
-# Cross build for Android on 64-bit Arm, API level 29, with the public NDK or with a bare sysroot.
+# Cross build for Android on 64-bit Arm, API level 29, with the public NDK or with its sysroot.
 #
-# ANDROID_NDK: the root of an NDK, whose own toolchain file and compiler are used.
-# ANDROID_SYSROOT: a directory with Android's headers and libraries (an NDK keeps it at
-#   toolchains/llvm/prebuilt/HOST/sysroot); the compiler is this machine's clang, the linker its lld.
+# ANDROID_NDK: the root of an NDK. Its own toolchain file and compiler are used.
+# ANDROID_SYSROOT: a directory with Android's headers and libraries. This machine's clang and lld are
+#   used. The compiler's runtime comes from ANDROID_NDK, or from the directory that holds the sysroot:
+#   an NDK has it at toolchains/llvm/prebuilt/HOST/sysroot.
 # Either is given with -D or in the environment.
 include(${CMAKE_CURRENT_LIST_DIR}/android-place.cmake)
-if(ANDROID_NDK)
+if(NOT ANDROID_SYSROOT)
   set(ANDROID_ABI arm64-v8a)
   set(ANDROID_PLATFORM android-29)
   set(ANDROID_STL c++_static)
   include("${ANDROID_NDK}/build/cmake/android.toolchain.cmake")
 endif()
-# Compiler checks configure projects of their own, which know nothing of -D. Behind the NDK's file,
-# which sets the list anew.
+# Compiler checks configure projects of their own, which do not see -D. After the NDK's file, which
+# sets the list anew.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK ANDROID_SYSROOT)
-if(ANDROID_NDK)
+if(NOT ANDROID_SYSROOT)
   return()
 endif()
 
@@ -23,21 +24,21 @@ set(CMAKE_SYSTEM_NAME Android)
 set(CMAKE_SYSTEM_VERSION 1)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_SYSROOT "${ANDROID_SYSROOT}")
-# Compilers are tried without linking: what their programs need is not this build's to find out.
+# CMake tries compilers without linking.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-# What a sysroot has is on the compiler's own paths; nothing is to come from this machine.
+# The compiler searches the sysroot by itself; nothing may come from this machine.
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The plain name first; the version is looked at when the compiler is known (CMakeLists.txt).
+# The plain name first. CMakeLists.txt checks the version.
 set(versions 22 21 20 19 18 17 16 15 14)
 list(TRANSFORM versions PREPEND clang- OUTPUT_VARIABLE clang_names)
 list(TRANSFORM versions PREPEND clang++- OUTPUT_VARIABLE clangxx_names)
 find_program(MEMLEAK_CLANG NAMES clang ${clang_names})
 find_program(MEMLEAK_CLANGXX NAMES clang++ ${clangxx_names})
 if(NOT MEMLEAK_CLANG OR NOT MEMLEAK_CLANGXX)
-  message(FATAL_ERROR "clang is missing, which compiles for a bare sysroot: install clang and lld (scripts/install-packages), or set ANDROID_NDK.")
+  message(FATAL_ERROR " clang is missing, which compiles for ANDROID_SYSROOT: install clang and lld (scripts/install-packages), or set ANDROID_NDK instead.")
 endif()
 set(CMAKE_C_COMPILER "${MEMLEAK_CLANG}")
 set(CMAKE_CXX_COMPILER "${MEMLEAK_CLANGXX}")
@@ -46,6 +47,8 @@ foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-android29)
 endforeach()
 set(CMAKE_CXX_FLAGS_INIT -stdlib=libc++)
+# The resource directory is for the linker alone: a compiler needs the headers of its own one.
 foreach(kind EXE SHARED MODULE)
-  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-static-libstdc++ -fuse-ld=lld -Wl,--no-undefined")
+  string(CONCAT CMAKE_${kind}_LINKER_FLAGS_INIT "-static-libstdc++ -fuse-ld=lld -Wl,--no-undefined "
+    "-rtlib=compiler-rt -unwindlib=libunwind -resource-dir=\"${MEMLEAK_ANDROID_RUNTIME}\"")
 endforeach()

@@ -2,15 +2,8 @@
 
 if(ANDROID)
   set(MEMLEAK_SYSTEM android)
-  set(default_unwinder unwind_abi)
 else()
   set(MEMLEAK_SYSTEM linux)
-  set(default_unwinder libunwind)
-endif()
-set(MEMLEAK_UNWINDER ${default_unwinder} CACHE STRING
-  "What unwinds where frame pointers are not followed: libunwind, or unwind_abi for the C++ runtime's own unwinder")
-if(NOT MEMLEAK_UNWINDER MATCHES "^(libunwind|unwind_abi)$")
-  message(FATAL_ERROR "MEMLEAK_UNWINDER is '${MEMLEAK_UNWINDER}': set it to libunwind or unwind_abi.")
 endif()
 set(MEMLEAK_POLICIES ${MEMLEAK_SYSTEM} CACHE STRING
   "Whose policies hold where the system leaves a choice: linux or android")
@@ -18,12 +11,12 @@ if(NOT MEMLEAK_POLICIES MATCHES "^(linux|android)$")
   message(FATAL_ERROR "MEMLEAK_POLICIES is '${MEMLEAK_POLICIES}': set it to linux or android.")
 endif()
 
-# MEMLEAK_POLICY_<name>: the source of each policy. How a dynamic section reads, where files are and
-# what a program is called is not a choice: it follows from the C library.
-foreach(policy elf_policy paths program_name)
+# MEMLEAK_POLICY_<name>: the source of each policy. How a dynamic section reads, where files are, what
+# a program is called and what frame pointers hold is no choice: it follows from the system.
+foreach(policy elf_policy paths program_name readable_stack)
   set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/${policy}.cpp)
 endforeach()
-foreach(policy page_protection pc_policy signal_policy thread_keys)
+foreach(policy fork_policy page_protection pc_policy signal_policy thread_keys)
   set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/${policy}.cpp)
 endforeach()
 
@@ -51,8 +44,7 @@ endif()
 add_library(memleak_library_options INTERFACE)
 target_link_libraries(memleak_library_options INTERFACE memleak_options)
 target_include_directories(memleak_library_options INTERFACE
-  ${CMAKE_SOURCE_DIR}/platform/standin/include
-  ${CMAKE_SOURCE_DIR}/platform/standin/${MEMLEAK_UNWINDER}/include)
+  ${CMAKE_SOURCE_DIR}/platform/standin/include)
 if(MEMLEAK_SYSTEM STREQUAL linux)
   target_include_directories(memleak_library_options INTERFACE
     ${CMAKE_SOURCE_DIR}/platform/linux/include)

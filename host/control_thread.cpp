@@ -14,6 +14,8 @@
 
 #include <atomic>
 
+#include "host/clock.h"
+#include "host/report_thread.h"
 #include "host/say.h"
 
 namespace host {
@@ -23,6 +25,12 @@ constexpr int kControlSignal = 44;
 // Where the words lie in the siginfo record, which the kernel carries unchanged for SI_QUEUE.
 constexpr size_t kWordOffset = 16;
 constexpr size_t kParameterOffset = 24;
+constexpr char kThreadName[] = "memleak-control";
+// The thread looks so often whether a report has ended. Most take some milliseconds.
+constexpr int kLookMs = 2;
+// A fork waits at most this long for a report that makes progress: the program must go on. A child
+// that is forked later frees the locks of the record store.
+constexpr int kForkReportMs = 3000;
 
 // The handler clears tables and starts threads; reports have a thread and a stack of their own.
 constexpr size_t kStackBytes = size_t{256} << 10;
@@ -44,6 +52,17 @@ std::atomic<int> stop{kRun};
 std::atomic<int> own_pending{0};
 std::atomic<uint64_t> own_word{0};
 std::atomic<uint32_t> own_parameter{0};
+
+struct Fetched {
+  siginfo_t info;
+  Command command;
+};
+// What the thread has fetched and not carried out yet, in order of arrival. A second command is
+// fetched only while the first waits for a report to end. Survives a stop of the thread.
+Fetched fetched[2];
+int fetched_count = 0;
+std::atomic<bool> report_waits{false};
+
 bool blocked_at_start = false;
 // Id of the thread whose fork holds change_lock, 0 for none. Of two that fork at once, one may have
 // gone on without it.
@@ -52,12 +71,6 @@ int fork_patience_ms = 0;  // set before the fork handlers are there
 
 int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
-}
-
-int64_t NowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 /// The moment `timeout_ms` from now, as pthread_mutex_timedlock and pthread_timedjoin_np want it.
@@ -109,9 +122,6 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-/// Whether any command has been carried out here; a forked child starts anew.
-std::atomic<bool> carried_out{false};
-
 /// Calls whatever handler the control signal has now, as the kernel would.
 void Deliver(siginfo_t& info) {
   struct sigaction action;
@@ -125,32 +135,74 @@ void Deliver(siginfo_t& info) {
   }
 }
 
-/// Whether `info` is the command that RunCommand waits for, or one to the same effect.
-bool IsOwnCommand(const siginfo_t& info) {
+Command CommandOf(const siginfo_t& info) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(&info);
   Command command;
   memcpy(&command.word, bytes + kWordOffset, sizeof command.word);
   memcpy(&command.parameter, bytes + kParameterOffset, sizeof command.parameter);
-  return command.word == own_word.load() && command.parameter == own_parameter.load();
+  return command;
+}
+
+/// Waits for a command, at most as long as `limit` says (null: without end), and appends it to
+/// those that are fetched. May return without one.
+void Fetch(const timespec* limit) {
+  const sigset_t commands = ControlSet();
+  Fetched& next = fetched[fetched_count];
+  // Fails with EINTR when the C library makes all threads change their user id.
+  if (sigtimedwait(&commands, &next.info, limit) != kControlSignal) return;
+  // From pthread_kill in StopUntil: carries no words, just ends the wait.
+  if (next.info.si_code != SI_QUEUE && next.info.si_pid == getpid()) return;
+  next.command = CommandOf(next.info);
+  // One report answers all identical commands that wait for it.
+  const bool is_repeated = fetched_count == 1 && next.command == fetched[0].command;
+  if (!is_repeated) ++fetched_count;
+}
+
+/// Carries out the first of the fetched commands.
+void CarryOut() {
+  const Command command = fetched[0].command;
+  if ((command.word & kReportBits) != 0) {
+    StartReport([](void* info) { Deliver(*static_cast<siginfo_t*>(info)); }, &fetched[0].info,
+                kThreadName);
+    report_waits.store(false);
+  } else {
+    Deliver(fetched[0].info);
+  }
+  fetched[0] = fetched[1];
+  --fetched_count;
+  // RunCommand waits for this command, or for one to the same effect.
+  if (own_pending.load() == 1 && command == Command{own_word.load(), own_parameter.load()}) {
+    StoreAndWake(own_pending, 0);
+  }
+}
+
+/// Whether the first of the fetched commands asks for a report while another one is being written.
+/// Each would get a thread at once that waits for the one before.
+bool FirstMustWait() {
+  if ((fetched[0].command.word & kReportBits) == 0) return false;
+  if (CurrentReport() != Report::kRunning) return false;
+  report_waits.store(true);
+  return true;
 }
 
 /// The thread fetches commands rather than opening the signal and letting them interrupt it: it
 /// sees which command it carries out, and with the signal blocked a missing handler kills nobody.
 void* ControlThread(void*) {
-  prctl(PR_SET_NAME, "memleak-control", 0, 0, 0);
+  prctl(PR_SET_NAME, kThreadName, 0, 0, 0);
   StoreAndWake(thread_id, ThreadId());
-  const sigset_t commands = ControlSet();
   for (;;) {
     int wanted = kStopWanted;
     if (stop.compare_exchange_strong(wanted, kStopped)) return nullptr;
-    siginfo_t info;
-    // Fails with EINTR when the C library makes all threads change their user id.
-    if (sigwaitinfo(&commands, &info) != kControlSignal) continue;
-    // From pthread_kill in StopUntil: carries no words, just ends the wait.
-    if (info.si_code != SI_QUEUE && info.si_pid == getpid()) continue;
-    Deliver(info);
-    carried_out.store(true);
-    if (own_pending.load() == 1 && IsOwnCommand(info)) StoreAndWake(own_pending, 0);
+    if (fetched_count == 0) {
+      Fetch(nullptr);
+    } else if (!FirstMustWait()) {
+      CarryOut();
+    } else if (fetched_count == 1) {
+      constexpr timespec kLook{0, kLookMs * 1'000'000L};
+      Fetch(&kLook);
+    } else {
+      WaitWhile(stop, kRun, NowMs() + kLookMs);
+    }
   }
 }
 
@@ -174,7 +226,7 @@ int Start() {
 
 bool StopUntil(const timespec& moment) {
   if (!thread_started) return true;
-  stop.store(kStopWanted);
+  StoreAndWake(stop, kStopWanted);
   pthread_kill(thread, kControlSignal);
   // A join is a point of cancellation; fork and exit are none.
   int cancel_state;
@@ -194,12 +246,16 @@ bool StopUntil(const timespec& moment) {
 }
 
 /// Nothing of a command half done gets into the child this way; and an emulated child can start
-/// threads only where its parent had none (qemu 7.2 loses count of them in a fork).
+/// threads only where its parent had none (qemu 7.2 loses count of them in a fork). A report has
+/// locks of the tracker and of the allocator, which the child would find locked for good.
 void BeforeFork() {
   const timespec moment = WallClock(fork_patience_ms);
   if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return;
   forking_thread.store(ThreadId());
-  StopUntil(moment);
+  const bool stopped = StopUntil(moment);
+  const bool reported = WaitWhileReportRuns(kForkReportMs);
+  // It may have had to wait for the report itself, as a clear does.
+  if (!stopped && reported) StopUntil(WallClock(fork_patience_ms));
 }
 
 void StartAfterFork() {
@@ -218,7 +274,9 @@ void AfterForkInParent() {
 void AfterForkInChild() {
   forking_thread.store(0);
   own_pending.store(0);
-  carried_out.store(false);
+  fetched_count = 0;  // those were the parent's
+  report_waits.store(false);
+  ForgetReport();
   pthread_mutex_init(&change_lock, nullptr);
   StartAfterFork();
 }
@@ -294,8 +352,8 @@ int KeepControlThreadAcrossForks(int patience_ms) {
   return pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
 }
 
-bool CommandsWereCarriedOut() {
-  return carried_out.load();
+bool ReportCommandWaits() {
+  return report_waits.load();
 }
 
 int RunCommand(const Command& command, int timeout_ms) {

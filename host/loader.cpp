@@ -115,7 +115,6 @@ void AtExit() {
 
 /// Carries out what the environment asks for.
 void FollowEnvironment() {
-  CaptureReportRoot();
   ReadNumber("MEMLEAK_TRACKER_REPORT_AT_EXIT", UINT64_MAX, exit_command.word);
   Command start{0, 0};
   uint64_t parameter = 0;

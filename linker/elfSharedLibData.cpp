@@ -1,7 +1,7 @@
 // The index of one loaded library: reading its dynamic section, and the lookups. Any thread.
 //
-// Damage is looked for when a library is indexed, as far as lengths are known then. Chains and
-// symbols are held against the ends of their tables on the way.
+// Damage is looked for when a library is indexed, as far as lengths are known then. Lookups
+// bounds-check every index.
 #include "linker/elfSharedLibData.h"
 
 #include <android-base/logging.h>
@@ -224,20 +224,20 @@ bool elfSharedLibData::complete() const {
 }
 
 elfSharedLibData::operator bool() const {
-  if (!complete()) return false;
-  for (const void* table : {static_cast<const void*>(plt_relocations_),
-                            static_cast<const void*>(symtab_), static_cast<const void*>(strtab_)}) {
-    Dl_info found{};
-    if (dladdr(table, &found) == 0 || !is_lib_name(found.dli_fname)) return false;
-  }
-  return true;
+  return complete() && is_own(plt_relocations_) && has_symbols();
 }
 
-/// Whether `name` is the library's. Its own string is not read, nor its address compared: it was
-/// freed if the library is gone, and another library's name may lie there by now.
-bool elfSharedLibData::is_lib_name(const char* name) const {
-  if (name == nullptr || lib_name_ == nullptr) return false;
-  return NameHash(name) == lib_name_hash_;
+bool elfSharedLibData::has_symbols() const {
+  return symtab_ != nullptr && strtab_ != nullptr && is_own(symtab_) && is_own(strtab_);
+}
+
+/// Whether the loader says that `table` is the library's, by its name. The record's own copy of the
+/// pointer to it is not read, nor compared: the string was freed if the library is gone, and
+/// another library's name may lie there by now.
+bool elfSharedLibData::is_own(const void* table) const {
+  Dl_info found{};
+  return dladdr(table, &found) != 0 && found.dli_fname != nullptr && lib_name_ != nullptr &&
+         NameHash(found.dli_fname) == lib_name_hash_;
 }
 
 /// strcmp's answer, without reading behind the string table.
@@ -300,16 +300,22 @@ const Elf64_Sym* elfSharedLibData::find_in(const Elf64_Rela* relocations, std::u
   return nullptr;
 }
 
-std::vector<void**> elfSharedLibData::get_plt_relocations(const Elf64_Sym* symbol) const {
-  std::vector<void**> slots;
-  if (plt_relocations_ == nullptr || symtab_ == nullptr || symbol == nullptr) return slots;
-  for (std::uint64_t index = 0; index < plt_relocations_count_; ++index) {
-    const Elf64_Rela& relocation = plt_relocations_[index];
+void** elfSharedLibData::next_plt_relocation(const Elf64_Sym* symbol, std::uint64_t& index) const {
+  if (plt_relocations_ == nullptr || symtab_ == nullptr || symbol == nullptr) return nullptr;
+  while (index < plt_relocations_count_) {
+    const Elf64_Rela& relocation = plt_relocations_[index++];
     if (ELF64_R_TYPE(relocation.r_info) == arch::kJumpSlotRelocation &&
         symtab_ + ELF64_R_SYM(relocation.r_info) == symbol) {
-      slots.push_back(SlotOf(relocation, load_bias_));
+      return SlotOf(relocation, load_bias_);
     }
   }
+  return nullptr;
+}
+
+std::vector<void**> elfSharedLibData::get_plt_relocations(const Elf64_Sym* symbol) const {
+  std::vector<void**> slots;
+  std::uint64_t index = 0;
+  while (void** slot = next_plt_relocation(symbol, index)) slots.push_back(slot);
   return slots;
 }
 

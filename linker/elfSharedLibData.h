@@ -2,8 +2,7 @@
 // through which it calls imported functions.
 //
 // Filled and kept by the registry (sharedlibs.h), used by the hook engine. Objects are plain
-// values; any thread may read one as long as its library stays loaded. Building and looking up
-// allocate for log lines and results only.
+// values; any thread may read one as long as its library stays loaded. Only results are allocated.
 #pragma once
 
 #include <link.h>
@@ -37,12 +36,20 @@ class elfSharedLibData {
   /// The slots whose jump-slot relocation names `symbol`, which is one of this record's.
   std::vector<void**> get_plt_relocations(const Elf64_Sym* symbol) const;
 
+  /// The same one by one, without allocating: the first such slot from PLT relocation `index` on,
+  /// or null. `index` then leads behind it.
+  void** next_plt_relocation(const Elf64_Sym* symbol, std::uint64_t& index) const;
+
   /// The PLT slots that hold `address` at the moment, whatever their relocations name.
   std::vector<void**> get_plt_relocations(const void* address) const;
 
   /// Whether all tables were found and still belong to the library they were read from: it may
   /// have been unloaded, or another be mapped in its place. Takes the loader's lock.
   explicit operator bool() const;
+
+  /// As operator bool, for the symbol and string tables alone: such a library may call nobody
+  /// through slots, but its symbols can be looked up.
+  bool has_symbols() const;
 
   // Values are addresses in this process; "relocations" are entries of 24 bytes.
   std::uint64_t load_bias_ = 0;
@@ -71,7 +78,7 @@ class elfSharedLibData {
 
  private:
   bool complete() const;
-  bool is_lib_name(const char* name) const;
+  bool is_own(const void* table) const;
   bool has_name(const Elf64_Sym* symbol, const char* name) const;
   const Elf64_Sym* elf_find_symbol_by_name(const char* name) const;
   const Elf64_Sym* find_in(const Elf64_Rela* relocations, std::uint64_t count,

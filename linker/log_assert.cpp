@@ -9,13 +9,13 @@
 namespace lumora::linker {
 
 void log_assert(const char* format, ...) {
-  char* text = nullptr;
+  // Not vasprintf, which may find no memory for the text.
+  char text[512];
   std::va_list arguments;
   va_start(arguments, format);
-  // Without memory for the text, the bare format still says what went wrong.
-  const bool formatted = vasprintf(&text, format, arguments) >= 0;
+  std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
-  __android_log_assert("", "linkerlib", "%s", formatted ? text : format);
+  __android_log_assert("", "linkerlib", "%s", text);
 }
 
 }  // namespace lumora::linker

@@ -11,12 +11,16 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "linker/rwlock.h"
 #include "platform/elf_policy.h"
+#include "platform/never_destroyed.h"
 
 namespace lumora::linker {
 
@@ -24,7 +28,12 @@ namespace {
 
 constexpr std::size_t kBasenameBytes = 1024;
 
-using Registry = std::unordered_map<std::string, elfSharedLibData>;
+struct Entry {
+  std::string key;
+  elfSharedLibData library;
+};
+/// The keys are the entries' own, so that a lookup needs no string.
+using Registry = std::unordered_map<std::string_view, std::unique_ptr<const Entry>>;
 using IterateFunction = int (*)(int (*)(dl_phdr_info*, std::size_t, void*), void*);
 
 pthread_rwlock_t registry_lock = PTHREAD_RWLOCK_INITIALIZER;
@@ -33,8 +42,8 @@ std::atomic<bool> linker_enabled{true};
 /// Left to the process's end, never to its exit handlers: the report at the exit takes the hooks
 /// away, and commands come until the last moment.
 Registry& SharedLibs() {
-  static auto* registry = new Registry;
-  return *registry;
+  static platform::NeverDestroyed<Registry> registry;
+  return registry.get();
 }
 
 /// The last component of `path`, by the rules of plt_basename; too long ones included.
@@ -47,64 +56,93 @@ std::string_view Basename(const char* path) {
   return slash == std::string_view::npos ? rest : rest.substr(slash + 1);
 }
 
-/// The registry's key for a library. Not by plt_basename: its one buffer would mix up the names
-/// that two threads ask for at once.
-std::string KeyOf(const char* path) {
-  return std::string(Basename(path));
-}
-
-/// dl_iterate_phdr's callback: adds one object if it is a library that is not known. Returns 0, so
-/// that the walk goes on.
-int AddLibrary(dl_phdr_info* info, std::size_t /*size*/, void* /*data*/) {
-  if (info->dlpi_name == nullptr || !platform::AcceptsLibrary(info->dlpi_name)) return 0;
-  const std::string key = KeyOf(info->dlpi_name);
-  if (key.size() >= kBasenameBytes) return 0;
+/// Adds one object if it is a library that is not known. Not keyed by plt_basename: its one buffer
+/// would mix up the names that two threads ask for at once.
+void AddLibrary(const dl_phdr_info& info) {
+  if (info.dlpi_name == nullptr || !platform::AcceptsLibrary(info.dlpi_name)) return;
+  const std::string_view key = Basename(info.dlpi_name);
+  if (key.size() >= kBasenameBytes) return;  // plt_basename could not name it
   {
     const ReadLock lock(&registry_lock);
-    if (SharedLibs().count(key) != 0) return 0;
+    if (SharedLibs().count(key) != 0) return;
   }
-  const elfSharedLibData library(info);
+  auto entry = std::make_unique<const Entry>(Entry{std::string(key), elfSharedLibData(&info)});
   const WriteLock lock(&registry_lock);
   // A thread that was faster keeps its record. An incomplete one is kept as well.
-  SharedLibs().emplace(key, library);
+  const std::string_view name = entry->key;
+  SharedLibs().emplace(name, std::move(entry));
+}
+
+/// dl_iterate_phdr's callback. No exception may pass through the C library: `data`, a bool, says
+/// that there was no memory. Returns 0, so that the walk goes on.
+int AddLibraryOrNote(dl_phdr_info* info, std::size_t /*size*/, void* data) {
+  try {
+    AddLibrary(*info);
+  } catch (const std::bad_alloc&) {
+    *static_cast<bool*>(data) = true;
+  }
   return 0;
 }
 
-/// Copies the record of `key` if there is one.
-bool Find(const std::string& key, elfSharedLibData& library) {
-  const ReadLock lock(&registry_lock);
-  const auto found = SharedLibs().find(key);
-  if (found == SharedLibs().end()) return false;
-  library = found->second;
-  return true;
+/// The record of the library, or the empty one and a log line.
+elfSharedLibData Find(const char* libname) {
+  {
+    const ReadLock lock(&registry_lock);
+    const auto found = SharedLibs().find(Basename(libname));
+    if (found != SharedLibs().end()) return found->second->library;
+  }
+  LOG(ERROR) << "no sharelib " << (libname != nullptr ? libname : "");
+  return elfSharedLibData();
+}
+
+/// Drops the library's record, so that the next refresh reads it again.
+void Forget(const char* libname) {
+  const WriteLock lock(&registry_lock);
+  SharedLibs().erase(Basename(libname));
 }
 
 }  // namespace
 
 elfSharedLibData sharedLib(const char* libname) {
-  static const elfSharedLibData empty;
-  const std::string key = KeyOf(libname);
-  elfSharedLibData library = empty;
-  if (!Find(key, library)) {
-    LOG(ERROR) << "no sharelib " << (libname != nullptr ? libname : "");
-  }
-  if (!library) {
-    const WriteLock lock(&registry_lock);
-    SharedLibs().erase(key);
-  }
+  const elfSharedLibData library = Find(libname);
+  if (!library) Forget(libname);
   return library;
 }
 
+HeldLibrary hold_shared_lib(const char* libname) {
+  const elfSharedLibData library = Find(libname);
+  LibraryHold hold;
+  // In this order: what is held is what is looked at.
+  if (hold_library_at(library.symtab_, hold) && library.has_symbols()) {
+    return {std::move(hold), library};
+  }
+  Forget(libname);
+  return {};
+}
+
 int refresh_shared_libs() {
-  static const auto iterate =
-      reinterpret_cast<IterateFunction>(dlsym(RTLD_DEFAULT, "dl_iterate_phdr"));
-  if (iterate == nullptr) return 1;
-  iterate(AddLibrary, nullptr);
-  return 0;
+  // Not a static with an initializer: its guard would be a lock around the loader's.
+  static std::atomic<IterateFunction> kept{nullptr};
+  IterateFunction iterate = kept.load();
+  if (iterate == nullptr) {
+    iterate = reinterpret_cast<IterateFunction>(dlsym(RTLD_DEFAULT, "dl_iterate_phdr"));
+    kept.store(iterate);
+  }
+  if (iterate == nullptr) {
+    errno = ENOSYS;
+    return 1;
+  }
+  bool out_of_memory = false;
+  iterate(AddLibraryOrNote, &out_of_memory);
+  if (!out_of_memory) return 0;
+  errno = ENOMEM;
+  return 1;
 }
 
 int linker_initialize() {
-  return linker_enabled.load() ? refresh_shared_libs() : 1;
+  if (linker_enabled.load()) return refresh_shared_libs();
+  errno = ENOTSUP;
+  return 1;
 }
 
 void linker_set_enabled(int enabled) {

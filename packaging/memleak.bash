@@ -39,7 +39,7 @@ _memleak() {
   local command=${COMP_WORDS[1]} options= word
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then
-    _memleak_words "run on pause report clear libs fd send status show watch html diff export --help"
+    _memleak_words "run on pause report clear libs fd send status show watch html diff export --help --version"
     return
   fi
   if [[ $command == run ]]; then

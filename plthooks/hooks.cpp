@@ -1,9 +1,7 @@
 // The registry of hooked slots. See the header for who runs it where.
 //
-// Writers hold the lock. Readers follow two published pointers: to the table of records by id, and
-// from a record to its list. Neither a table nor a list is ever changed or freed once published, so
-// each hook and unhook costs its few bytes for the rest of the process's life; so does its
-// trampoline, which a call may still be inside.
+// Writers hold the lock. Readers follow a published pointer to the table of records by id. A record
+// is never freed, since a call may still be inside its trampoline, which is not freed either.
 #include "plthooks/hooks.h"
 
 #include <pthread.h>
@@ -16,6 +14,7 @@
 #include <utility>
 
 #include "linker/rwlock.h"
+#include "platform/never_destroyed.h"
 
 namespace lumora::plthooks::hooks {
 
@@ -28,32 +27,33 @@ struct InternalHookInfo {
   std::uint64_t id;
   void** got_address;
   bool no_trampoline;
-  /// For writers, under the lock.
-  RunList run_list;
-  /// A copy of run_list as of the last change, for readers.
-  std::atomic<const RunList*> published{nullptr};
+  HookChain run_list;
+  std::shared_ptr<void> library;
 };
 
 /// Records by id, which are small numbers given out in order.
 class RecordTable {
  public:
-  const InternalHookInfo* find(std::uint64_t id) const {
+  /// Any thread. Static, so that a call need not ask whether the table was made.
+  static const InternalHookInfo* find(std::uint64_t id) {
     const Slots* slots = current_.load(std::memory_order_acquire);
     if (slots == nullptr || id >= slots->size()) return nullptr;
     return (*slots)[id].load(std::memory_order_acquire);
   }
 
-  /// Only under the registry's lock.
+  /// Makes room for `id`. Throws std::bad_alloc. Only under the registry's lock, as set.
+  void reserve(std::uint64_t id) {
+    if (all_.empty() || id >= all_.back()->size()) grow(id);
+  }
+  /// After reserve.
   void set(std::uint64_t id, const InternalHookInfo* record) {
-    Slots* slots = all_.empty() ? nullptr : all_.back().get();
-    if (slots == nullptr || id >= slots->size()) slots = grow(id);
-    (*slots)[id].store(record, std::memory_order_release);
+    (*all_.back())[id].store(record, std::memory_order_release);
   }
 
  private:
   using Slots = std::vector<std::atomic<const InternalHookInfo*>>;
 
-  Slots* grow(std::uint64_t id) {
+  void grow(std::uint64_t id) {
     constexpr std::size_t kFirstSize = 64;
     auto larger = std::make_unique<Slots>(std::max<std::size_t>(kFirstSize, 2 * id));
     if (!all_.empty()) {
@@ -64,36 +64,27 @@ class RecordTable {
     }
     all_.push_back(std::move(larger));
     current_.store(all_.back().get(), std::memory_order_release);
-    return all_.back().get();
   }
 
-  std::atomic<const Slots*> current_{nullptr};
+  static std::atomic<const Slots*> current_;
   /// The outgrown ones too: a reader may be in one.
   std::vector<std::unique_ptr<Slots>> all_;
 };
+
+std::atomic<const RecordTable::Slots*> RecordTable::current_{nullptr};
 
 struct Globals {
   pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
   std::atomic<std::uint64_t> next_id{1};
   std::map<void**, InternalHookInfo*> by_got;
   RecordTable by_id;
-  /// Owners of what readers may be looking at.
-  std::vector<std::unique_ptr<InternalHookInfo>> records;
-  std::vector<std::unique_ptr<const RunList>> lists;
 };
 
 /// Left to the process's end, never to its exit handlers: calls go through the trampolines until
 /// the last moment.
 Globals& globals() {
-  static auto* instance = new Globals;
-  return *instance;
-}
-
-/// Makes `list` the record's. Under the lock. Throws before anything has changed, or not at all.
-void publish(Globals& all, InternalHookInfo& record, RunList list) {
-  all.lists.push_back(std::make_unique<const RunList>(list));
-  record.published.store(all.lists.back().get(), std::memory_order_release);
-  record.run_list = std::move(list);
+  static platform::NeverDestroyed<Globals> instance;
+  return instance.get();
 }
 
 void add_record(Globals& all, HookInfo& info) {
@@ -101,12 +92,14 @@ void add_record(Globals& all, HookInfo& info) {
   record->id = all.next_id.fetch_add(1);
   record->got_address = info.got_address;
   record->no_trampoline = info.no_trampoline;
-  publish(all, *record, {info.previous_function, info.new_function});
-  all.records.push_back(std::move(record));
-  InternalHookInfo* kept = all.records.back().get();
-  all.by_id.set(kept->id, kept);
-  all.by_got.emplace(kept->got_address, kept);
-  info.out_id = kept->id;
+  record->run_list.append(info.previous_function);
+  record->run_list.append(info.new_function);
+  all.by_id.reserve(record->id);
+  all.by_got.emplace(record->got_address, record.get());
+  // From here on nothing fails.
+  record->library = std::move(info.library);
+  info.out_id = record->id;
+  all.by_id.set(info.out_id, record.release());
 }
 
 }  // namespace
@@ -125,9 +118,9 @@ HookResult add(HookInfo& info) {
   }
   InternalHookInfo& record = *found->second;
   if (record.no_trampoline) return HOOK_NOT_CHAINABLE;
-  RunList longer = record.run_list;
-  longer.push_back(info.new_function);
-  publish(all, record, std::move(longer));
+  record.run_list.append(info.new_function);
+  info.out_id = record.id;
+  info.previous_function = record.run_list.snapshot().original();
   return HOOK_APPENDED;
 }
 
@@ -138,20 +131,18 @@ HookResult remove(HookInfo& info) {
   const auto found = all.by_got.find(info.got_address);
   if (found == all.by_got.end()) return HOOK_UNKNOWN;
   InternalHookInfo& record = *found->second;
-  if (record.run_list.size() == 1) {
-    if (record.run_list.front() != info.new_function) return HOOK_INVALID;
+  void* const original = record.run_list.snapshot().original();
+  if (record.run_list.length() == 1) {
+    if (original != info.new_function) return HOOK_INVALID;
     // By its id the record stays known: a call may have read the slot just before it changed.
     all.by_got.erase(found);
+    info.library = std::move(record.library);
     return HOOK_REMOVED_FULLY;
   }
-  RunList shorter = record.run_list;
-  const auto hook = std::find(shorter.begin(), shorter.end(), info.new_function);
-  if (hook == shorter.end()) return HOOK_UNKNOWN;
-  if (hook == shorter.begin()) return HOOK_INVALID;
-  shorter.erase(hook);
-  publish(all, record, std::move(shorter));
-  info.previous_function = record.run_list.front();
-  return record.run_list.size() == 1 ? HOOK_REMOVED_TRIVIAL : HOOK_REMOVED_STILL_HOOKED;
+  if (original == info.new_function) return HOOK_INVALID;
+  if (!record.run_list.remove(info.new_function)) return HOOK_UNKNOWN;
+  info.previous_function = original;
+  return record.run_list.length() == 1 ? HOOK_REMOVED_TRIVIAL : HOOK_REMOVED_STILL_HOOKED;
 }
 
 bool is_hooked(std::uintptr_t slot) {
@@ -161,13 +152,17 @@ bool is_hooked(std::uintptr_t slot) {
 }
 
 RunList get_run_list(std::uint64_t id) {
-  const RunList* list = current_run_list(id);
-  return list != nullptr ? *list : RunList();
+  const HookChain::Snapshot functions = current_run_list(id);
+  RunList list;
+  for (std::uint32_t index = 0; index < functions.size(); ++index) {
+    if (void* function = functions.element(index)) list.push_back(function);
+  }
+  return list;
 }
 
-const RunList* current_run_list(std::uint64_t id) {
-  const InternalHookInfo* record = globals().by_id.find(id);
-  return record != nullptr ? record->published.load(std::memory_order_acquire) : nullptr;
+HookChain::Snapshot current_run_list(std::uint64_t id) {
+  const InternalHookInfo* record = RecordTable::find(id);
+  return record != nullptr ? record->run_list.snapshot() : HookChain::Snapshot();
 }
 
 }  // namespace lumora::plthooks::hooks

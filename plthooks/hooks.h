@@ -6,7 +6,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
+
+#include "plthooks/hook_chain.h"
 
 namespace lumora::plthooks::hooks {
 
@@ -27,23 +30,27 @@ enum HookResult : int {
 
 /// A request to the registry.
 struct HookInfo {
-  /// Set by `add` for HOOK_NEW: what the slot's trampoline is made for.
+  /// Set by `add` for HOOK_NEW and HOOK_APPENDED: what the slot's trampoline is made for.
   std::uint64_t out_id;
   /// The slot of the Global Offset Table.
   void** got_address;
   void* new_function;
-  /// What the slot held before; set by `remove`.
+  /// What the slot holds, for a new record. Set to the original function by `add` for HOOK_APPENDED
+  /// and by `remove`.
   void* previous_function;
   bool no_trampoline;
+  /// What keeps the slot's library loaded, or null: `add` moves it into a new record, and `remove`
+  /// gives it back for HOOK_REMOVED_FULLY. To be let go with no lock held.
+  std::shared_ptr<void> library{};
 };
 
 /// Adds `new_function` to the slot's functions. HOOK_NEW, HOOK_APPENDED, HOOK_NOT_CHAINABLE or
-/// HOOK_INVALID. Allocates; takes the registry's lock.
+/// HOOK_INVALID. Takes the registry's lock. Throws std::bad_alloc, with nothing changed.
 HookResult add(HookInfo& info);
 
 /// Takes `new_function` off the slot's functions; the original, once it is alone, to forget the
 /// slot. HOOK_REMOVED_STILL_HOOKED, HOOK_REMOVED_TRIVIAL, HOOK_REMOVED_FULLY, HOOK_UNKNOWN or
-/// HOOK_INVALID. Allocates; takes the registry's lock.
+/// HOOK_INVALID. Takes the registry's lock; allocates nothing.
 HookResult remove(HookInfo& info);
 
 /// Whether the slot at address `slot` has a record. Takes the registry's lock.
@@ -52,9 +59,8 @@ bool is_hooked(std::uintptr_t slot);
 /// A copy of the functions of `id`; empty for an unknown one. Allocates; takes no lock.
 RunList get_run_list(std::uint64_t id);
 
-/// The functions of `id` as they are now, or null for an unknown one. The list never changes and
-/// is never freed: a call that has taken it keeps it. Takes no lock, allocates nothing: for
-/// trampolines, and so for any context.
-const RunList* current_run_list(std::uint64_t id);
+/// The functions of `id` as they are now; empty for an unknown one. Takes no lock, allocates
+/// nothing: for trampolines, and so for any context.
+HookChain::Snapshot current_run_list(std::uint64_t id);
 
 }  // namespace lumora::plthooks::hooks

@@ -9,13 +9,11 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <list>
 
 #include "linker/log_assert.h"
 #include "linker/rwlock.h"
@@ -42,8 +40,8 @@ struct Frame {
   void* return_address;
   void* stack_address;
   Frame* previous;
-  /// The slot's functions when the call began: hooks that come and go meanwhile are not its.
-  const hooks::RunList* run_list;
+  /// The slot's functions when the call began.
+  HookChain::Snapshot run_list;
 };
 
 constexpr std::size_t kStackBlockBytes = 4096;
@@ -57,16 +55,13 @@ struct StackBlock {
 };
 static_assert(sizeof(StackBlock) <= kStackBlockBytes);
 
-StackBlock* new_stack_block() {
+/// Null when there is no memory. Keeps errno. Not inlined, since hardly any call needs it.
+[[gnu::noinline]] StackBlock* new_stack_block() {
   const int saved_errno = errno;
   void* memory =
       mmap(nullptr, kStackBlockBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  // Without a note of where to return to the call cannot be made, nor be left out.
-  if (memory == MAP_FAILED) {
-    linker::log_assert("no memory for the hook stack: %s", std::strerror(errno));
-  }
   errno = saved_errno;
-  return static_cast<StackBlock*>(memory);
+  return memory != MAP_FAILED ? static_cast<StackBlock*>(memory) : nullptr;
 }
 
 /// The key's destructor.
@@ -78,17 +73,24 @@ void free_stack(void* first) {
   }
 }
 
-pthread_key_t create_key() {
-  pthread_key_t key = 0;
-  if (pthread_key_create(&key, free_stack) != 0) {
-    linker::log_assert("failed to create trampoline TLS key");
-  }
-  return key;
+pthread_rwlock_t key_lock = PTHREAD_RWLOCK_INITIALIZER;
+pthread_key_t made_key = 0;
+std::atomic<bool> has_key{false};
+
+/// Makes the key of the hook stacks unless there is one. False when no key is left.
+[[gnu::noinline]] bool make_key() {
+  const WriteLock lock(&key_lock);
+  if (has_key.load(std::memory_order_relaxed)) return true;
+  if (pthread_key_create(&made_key, free_stack) != 0) return false;
+  has_key.store(true, std::memory_order_release);
+  return true;
 }
 
 pthread_key_t stack_key() {
-  static const pthread_key_t key = create_key();
-  return key;
+  if (!has_key.load(std::memory_order_acquire) && !make_key()) {
+    linker::log_assert("failed to create trampoline TLS key");
+  }
+  return made_key;
 }
 
 StackBlock* own_stack() {
@@ -100,26 +102,36 @@ Frame* top_frame() {
   return stack != nullptr ? stack->top : nullptr;
 }
 
-/// Where the frame above `top` goes. Blocks begin at multiples of their size.
+/// Makes the calling thread's stack; null when there is no memory. Not inlined: few calls need
+/// it.
+[[gnu::noinline]] StackBlock* make_own_stack() {
+  StackBlock* stack = new_stack_block();
+  if (stack != nullptr && pthread_setspecific(stack_key(), stack) != 0) {
+    munmap(stack, kStackBlockBytes);
+    return nullptr;
+  }
+  return stack;
+}
+
+/// Where the frame above `top` goes; null when there is no memory. Blocks begin at multiples of
+/// their size.
 Frame* frame_above(Frame* top) {
   const auto address = reinterpret_cast<std::uintptr_t>(top);
   auto* block = reinterpret_cast<StackBlock*>(address & ~(kStackBlockBytes - 1));
   if (top + 1 != std::end(block->frames)) return top + 1;
   if (block->next == nullptr) block->next = new_stack_block();
-  return block->next->frames;
+  return block->next != nullptr ? block->next->frames : nullptr;
 }
 
-/// Makes a frame the thread's newest one. A signal handler may itself make a hooked call at any
-/// point: it must find this frame either not there yet or no longer free.
+/// Makes a frame the thread's newest one; null when there is no memory. A signal handler may itself
+/// make a hooked call at any point: it must find this frame either not there yet or no longer free.
 Frame* claim_frame() {
   StackBlock* stack = own_stack();
-  if (stack == nullptr) {
-    stack = new_stack_block();
-    const int code = pthread_setspecific(stack_key(), stack);
-    if (code != 0) linker::log_assert("no memory for the hook stack: %s", std::strerror(code));
-  }
+  if (stack == nullptr) stack = make_own_stack();
+  if (stack == nullptr) return nullptr;
   Frame* previous = stack->top;
   Frame* frame = previous == nullptr ? stack->frames : frame_above(previous);
+  if (frame == nullptr) return nullptr;
   frame->previous = previous;
   std::atomic_signal_fence(std::memory_order_seq_cst);
   stack->top = frame;
@@ -127,27 +139,27 @@ Frame* claim_frame() {
   return frame;
 }
 
+/// Ends the process. Not inlined: the line's room on the stack is not for every hooked call.
+[[noreturn, gnu::noinline]] void die(const char* text) {
+  LOG(FATAL) << text;
+  abort();
+}
+
+[[gnu::noinline]] void log_outside_of_hook() {
+  LOG(ERROR) << "outside of an active hook";
+}
+
 // ---- memory of the trampolines ----
 
+/// Where trampolines come from. Full blocks are kept, as the trampolines in them are, but nothing
+/// asks for them again: there is no list.
 struct allocator_block {
-  unsigned char* base;
   unsigned char* cursor;
+  unsigned char* end;
 };
 
+allocator_block front_block = {nullptr, nullptr};
 pthread_rwlock_t block_lock = PTHREAD_RWLOCK_INITIALIZER;
-pthread_rwlock_t trampoline_lock = PTHREAD_RWLOCK_INITIALIZER;
-
-/// Newest first.
-std::list<allocator_block>& blocks() {
-  static auto* list = new std::list<allocator_block>;
-  return *list;
-}
-
-/// All that were ever made.
-std::list<trampoline::trampoline>& trampolines() {
-  static auto* list = new std::list<trampoline::trampoline>;
-  return *list;
-}
 
 bool add_block() {
   using trampoline::kBlockBytes;
@@ -157,28 +169,23 @@ bool add_block() {
     LOG(ERROR) << "allocator_block mmap fail";
     return false;
   }
-  // For people who read the process's maps. Kernels without the feature refuse, which is no loss.
+  // For people who read the process's maps. Older kernels refuse the name; the block works without.
   const int saved_errno = errno;
   prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, memory, kBlockBytes, "plthooks plt trampolines");
   errno = saved_errno;
   auto* base = static_cast<unsigned char*>(memory);
-  blocks().push_front({base, base});
+  front_block = {base, base + kBlockBytes};
   return true;
 }
 
 /// Room for one trampoline, or null. What is handed out is never taken back.
 unsigned char* take_room() {
-  using trampoline::kBlockBytes;
   using trampoline::kTrampolineBytes;
   const WriteLock lock(&block_lock);
-  const auto used = [](const allocator_block& block) {
-    return static_cast<std::size_t>(block.cursor - block.base);
-  };
-  if (blocks().empty() || kBlockBytes - used(blocks().front()) < kTrampolineBytes) {
-    if (!add_block()) return nullptr;
-  }
-  unsigned char* room = blocks().front().cursor;
-  blocks().front().cursor += kTrampolineBytes;
+  const auto left = static_cast<std::size_t>(front_block.end - front_block.cursor);
+  if (left < kTrampolineBytes && !add_block()) return nullptr;
+  unsigned char* room = front_block.cursor;
+  front_block.cursor += kTrampolineBytes;
   return room;
 }
 
@@ -199,20 +206,6 @@ trampoline::trampoline(std::uint64_t id)
                           reinterpret_cast<char*>(copy) + kTrampolineBytes);
 }
 
-void* push_hook_stack(std::uint64_t id, void* return_address, void* stack_address) {
-  const hooks::RunList* run_list = hooks::current_run_list(id);
-  if (run_list == nullptr || run_list->empty()) {
-    LOG(FATAL) << "Run list for trampoline is empty";
-    abort();
-  }
-  Frame* frame = claim_frame();
-  frame->id = id;
-  frame->return_address = return_address;
-  frame->stack_address = stack_address;
-  frame->run_list = run_list;
-  return run_list->back();
-}
-
 void* pop_hook_stack() {
   StackBlock* stack = own_stack();
   const Frame* frame = stack->top;
@@ -226,48 +219,59 @@ void* pop_hook_stack() {
 }  // namespace trampoline
 
 void prepare_hook_stack() {
-  stack_key();
+  make_key();
+}
+
+bool can_create_trampolines() {
+  if (make_key() && platform::ThreadKeyNeverAllocates(made_key)) return true;
+  LOG(ERROR) << "too many thread keys are in use to hook a function";
+  return false;
 }
 
 void* create_trampoline(std::uint64_t id) {
-  if (!platform::ThreadKeyNeverAllocates(stack_key())) {
-    // A hooked call may be the allocator's own.
-    LOG(ERROR) << "too many thread keys are in use to hook a function";
-    return nullptr;
-  }
-  const WriteLock lock(&trampoline_lock);
-  return trampolines().emplace_back(id).code;
+  return trampoline::trampoline(id).code;
 }
 
 void* get_previous_from_hook(void* hook) {
   const Frame* frame = top_frame();
-  if (frame == nullptr) {
-    LOG(FATAL) << "CALL_PREV call outside of an active hook";
-    abort();
-  }
-  const hooks::RunList& list = *frame->run_list;
-  const auto found = std::find(list.begin(), list.end(), hook);
-  if (list.empty() || found == list.begin()) {
-    LOG(FATAL) << "CALL_PREV call by original function?!";
-    abort();
-  }
-  if (found == list.end()) {
-    LOG(FATAL) << "CALL_PREV call by an unknown hook? How did we get here?";
-    abort();
-  }
-  return *(found - 1);
+  if (frame == nullptr) die("CALL_PREV call outside of an active hook");
+  if (hook == frame->run_list.original()) die("CALL_PREV call by original function?!");
+  void* previous = frame->run_list.before(hook);
+  if (previous == nullptr) die("CALL_PREV call by an unknown hook? How did we get here?");
+  return previous;
 }
 
 int get_stack_address_for_previous(std::uintptr_t* return_address, std::uintptr_t* stack_address) {
   if (return_address == nullptr || stack_address == nullptr) return 0;
   const Frame* frame = top_frame();
   if (frame == nullptr) {
-    LOG(ERROR) << "outside of an active hook";
+    log_outside_of_hook();
     return 0;
   }
   *return_address = reinterpret_cast<std::uintptr_t>(frame->return_address);
   *stack_address = reinterpret_cast<std::uintptr_t>(frame->stack_address);
   return 1;
+}
+
+/// What a call goes on with, in two registers.
+struct CallStart {
+  void* function;
+  /// 0 when there is no note of the call, so that `function` is the original.
+  std::uint64_t is_noted;
+};
+
+/// Begins a call for arch_push_hook_stack.
+extern "C" CallStart plthooks_begin_call(std::uint64_t id, void* return_address,
+                                         void* stack_address) {
+  const HookChain::Snapshot run_list = hooks::current_run_list(id);
+  if (run_list.empty()) die("Run list for trampoline is empty");
+  Frame* frame = claim_frame();
+  if (frame == nullptr) return {run_list.original(), 0};
+  frame->id = id;
+  frame->return_address = return_address;
+  frame->stack_address = stack_address;
+  frame->run_list = run_list;
+  return {run_list.newest(), 1};
 }
 
 }  // namespace lumora::plthooks

@@ -25,7 +25,7 @@ inline constexpr std::size_t kTrampolineBytes =
 /// A block of trampolines: one anonymous mapping.
 inline constexpr std::size_t kBlockBytes = 4096;
 
-/// One trampoline. Its copy of the code is never freed: a call may be inside it.
+/// One trampoline. Its copy of the code outlives it, and is never freed: a call may be inside it.
 class trampoline {
  public:
   /// Copies the code for the hook `id`. Takes the blocks' lock; may map memory.
@@ -39,25 +39,30 @@ class trampoline {
 
 /// The functions that trampolines call; for nobody else. They run on the calling thread, in any
 /// context in which that thread may call, and keep errno. The first hooked call of a thread maps a
-/// page for its hook stack; no other one allocates.
-void* push_hook_stack(std::uint64_t id, void* return_address, void* stack_address);
+/// page for its hook stack, as does each 85th nested one; no other one allocates. Without that page
+/// push_hook_stack does not return: it leaves the trampoline for the original function, which
+/// returns to the caller.
+void* push_hook_stack(std::uint64_t id, void* return_address,
+                      void* stack_address) __asm__("arch_push_hook_stack");
 void* pop_hook_stack();
 
 }  // namespace trampoline
 
-/// Takes the thread key of the hook stack, once. At start-up, while keys that never allocate are
-/// still to be had; without it, it is done with the first trampoline. Ends the process when there
-/// is no key left at all.
+/// Takes the thread key of the hook stack, if there is one left. At start-up, while keys that never
+/// allocate are still free. Otherwise the first trampoline takes it.
 void prepare_hook_stack();
 
-/// The entry of a new trampoline for the hook `id`, or null when there is no memory or no thread
-/// key that can be set without allocating, which is logged. Takes the
-/// trampolines' locks.
+/// Whether hooked calls are possible: whether the hook stack's key can be set without allocating,
+/// since a hooked call may be the allocator's own. If not, that is logged.
+bool can_create_trampolines();
+
+/// The entry of a new trampoline for the hook `id`, or null with errno, logged, when there is no
+/// memory. Takes the blocks' lock.
 void* create_trampoline(std::uint64_t id);
 
-/// For the hook that is running on this thread: the function that stands before it, an older hook
-/// or the original. Calls it straight, with no trampoline. Ends the process when no hooked call is
-/// active on the thread, or `hook` is not one of the call's hooks.
+/// For the hook that is running on this thread: the function before it, an older hook or the
+/// original, to be called directly. Ends the process when no hooked call is active on the thread,
+/// or `hook` is not one of the call's hooks.
 void* get_previous_from_hook(void* hook);
 
 /// Return address and frame pointer of the hooked caller that is active on this thread. Returns 1;

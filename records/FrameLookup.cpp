@@ -1,9 +1,6 @@
 // Reading one block's backtrace, and the locks around fork.
-#include <pthread.h>
-
-#include <mutex>
-
 #include "platform/bounds_checked.h"
+#include "platform/fork_policy.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/record_store.h"
@@ -17,7 +14,7 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
   const SetChoice choice = SelectSet(sets(), address, ClassSize(pointer, 0));
   RecordPage* const page = RecordPages::Find(address);
   if (choice.set == nullptr || page == nullptr) return 0;
-  const record_store::PageGuard guard(page, *choice.set);
+  const record_store::PageGuard guard(page, *choice.set, record_key.Get() == kHoldsStore);
   if (page->generation() != record_store::Generation()) return 0;
   const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
   if (record == nullptr || record->backtrace == 0) return 0;
@@ -30,19 +27,44 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
 void PointerData::PrepareFork() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
+  // A thread that is marked already stays so: a signal handler that forks has interrupted the
+  // store.
+  const bool marks = record_key.Get() == nullptr;
+  // Before the first lock: a signal handler that interrupts this must not wait for one.
+  if (marks) record_key.Set(ThreadMark::kInside);
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     all[i].spare_mutex.lock();
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
   }
   RecordPages::WaitForOperations();
-  SetRecordMark(RecordMark() | kHoldsStore);
+  if (marks) record_key.Set(kHoldsStore);
 }
+
+namespace {
+
+/// Marks the thread as inside the store while the locks are released, and unmarks it at the end.
+class LettingGo {
+ public:
+  LettingGo() : marked_(record_key.Get() == kHoldsStore) {
+    if (marked_) record_key.Set(ThreadMark::kInside);
+  }
+  ~LettingGo() {
+    if (marked_) record_key.Set(nullptr);
+  }
+  LettingGo(const LettingGo&) = delete;
+  LettingGo& operator=(const LettingGo&) = delete;
+
+ private:
+  const bool marked_;
+};
+
+}  // namespace
 
 void PointerData::PostForkParent() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
-  SetRecordMark(RecordMark() & ~kHoldsStore);
+  const LettingGo letting_go;
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     all[i].spare_mutex.unlock();
     all[i].pointer_mutex.unlock();
@@ -53,17 +75,22 @@ void PointerData::PostForkParent() {
 void PointerData::PostForkChild() {
   PointerSet* const all = sets();
   if (all == nullptr) return;
-  SetRecordMark(RecordMark() & ~kHoldsStore);
-  // Held by the forking thread or free: either way an unlock after an attempt leaves it free. The
-  // Java-native tables' locks and the initialise lock are not touched: a child forked while
-  // another thread held one of them inherits it locked. Intentional.
+  const LettingGo letting_go;
+  // Held by the forking thread or free: either way an unlock after an attempt leaves it free.
   const auto release = [](SetMutex& mutex) {
     static_cast<void>(mutex.try_lock());
     mutex.unlock();
   };
+  const bool all_locks = platform::ForkedChildFreesLocks();
   for (std::uint64_t i = 0; i < kSetCount; ++i) {
     release(all[i].frame_mutex);
     release(all[i].pointer_mutex);
     release(all[i].spare_mutex);
+    if (!all_locks) continue;
+    release(all[i].java_pointer_mutex);
+    release(all[i].unwind_mutex);
   }
+  if (all_locks) release(InitialiseLock());
+  // Another thread may have taken a page's lock to find out that it must wait.
+  RecordPages::FreeLocksInChild();
 }

@@ -2,8 +2,6 @@
 //
 // Runs on the dump thread, inside DumpAllocationTracesToFile.
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <mutex>
@@ -22,22 +20,6 @@ namespace {
 constexpr char kLogTag[] = "MemLeak.Native";
 /// Stands on both sides of the section's title.
 constexpr char kSectionRule[] = "==============================";
-
-/// Marks the thread as inside the record store while it lives, unless it is so already.
-class InsideRecords {
- public:
-  InsideRecords() : marked_(pthread_getspecific(record_key) == nullptr) {
-    if (marked_) pthread_setspecific(record_key, MemTrackControl::kMark);
-  }
-  ~InsideRecords() {
-    if (marked_) pthread_setspecific(record_key, nullptr);
-  }
-  InsideRecords(const InsideRecords&) = delete;
-  InsideRecords& operator=(const InsideRecords&) = delete;
-
- private:
-  const bool marked_;
-};
 
 std::uint64_t Mix(std::uint64_t hash, std::uint64_t value) {
   // Multiply and fold: 2^64 divided by the golden ratio, an odd number with well-spread bits.
@@ -115,8 +97,8 @@ UnwindFrameInfoType* FindUnwindRecord(PointerSet& set, std::uint64_t pointer,
 /// Adds the records of one set to `groups`.
 void CollectSet(PointerSet& set, bool only_with_backtrace, GroupedList& groups) {
   // The locks are held while the tables are read, not just passed through: a thread that records
-  // may rehash them at any time. They are taken whatever the thread's record key says: a thread
-  // that has it set holds pointer and frame locks at most, which come before these two.
+  // may rehash them at any time. They are taken whatever the thread's mark says: a thread that has
+  // one holds pointer and frame locks at most, which come before these two.
   const std::scoped_lock lock(set.java_pointer_mutex, set.unwind_mutex);
   set.SyncJavaTables();
   for (const auto& [pointer, record] : set.java_pointers) {
@@ -163,7 +145,7 @@ void PointerData::GetJavaNativeStackInfo(std::vector<UnwindListInfoType>* list,
   {
     // The list grows, and so frees, under the locks of a set; Remove of such a block would take
     // pointer and frame locks behind them, against the order.
-    const InsideRecords inside;
+    const InsideStore inside;
     GroupedList groups(list);
     for (std::uint64_t i = 0; i < kSetCount; ++i) {
       CollectSet(all_sets[i], only_with_backtrace, groups);

@@ -1,7 +1,5 @@
 // Grouping of the live blocks, and their export largest first. On the dump thread and in the C
 // library's leak-info entry; all other threads' record operations wait meanwhile.
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -22,20 +20,6 @@ constexpr char kBacktraceSizeProperty[] = "vastel.memleak.backtacemaxnum";
 
 /// Bytes of a leak-info element beside its frames, as the platform's tools expect them.
 constexpr std::size_t kInfoHeaderBytes = 272;
-
-/// Marks the thread as inside the record store, and takes the mark off at the end even if it was
-/// there before (wanted).
-class InsideUntilDone {
- public:
-  InsideUntilDone() {
-    if (pthread_getspecific(record_key) == nullptr) {
-      pthread_setspecific(record_key, MemTrackControl::kMark);
-    }
-  }
-  ~InsideUntilDone() { pthread_setspecific(record_key, nullptr); }
-  InsideUntilDone(const InsideUntilDone&) = delete;
-  InsideUntilDone& operator=(const InsideUntilDone&) = delete;
-};
 
 /// Copies group `i` into `record`. `record` still has the values of the group before.
 void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
@@ -63,14 +47,10 @@ void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
 }  // namespace
 
 void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool /*only_with_backtrace*/) {
-  // With the key set the caller holds every lock. Without it the writers are waited out here, and
+  // On a marked thread the caller holds every lock. On another the writers are waited out here, and
   // kept out: a set must not change while it is compared with the next.
-  if (pthread_getspecific(record_key) != nullptr) {
-    Grouping(list).AddAllSets();
-    return;
-  }
-  const InsideUntilDone inside;
-  const FrameInfoListWithLock locks;
+  const InsideStore inside;
+  const FrameInfoListWithLock locks(inside.before() != nullptr);
   Grouping(list).AddAllSets();
 }
 
@@ -92,8 +72,10 @@ std::uint32_t PointerData::GetMaxBacktraceNum() {
 void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           std::size_t* info_size, std::size_t* total_memory,
                           std::size_t* backtrace_size, std::vector<RecordStruct>* list) {
-  const InsideUntilDone inside;  // keeps the vectors built below out of the tables
-  FrameInfoListWithLock locked;
+  // Intentional: the mark is gone at the end, even if the thread was inside the store before.
+  if (record_key.Get() == ThreadMark::kInside) record_key.Set(nullptr);
+  const InsideStore inside;  // keeps the vectors built below out of the tables
+  FrameInfoListWithLock locked(inside.before() == kHoldsStore);
   std::vector<ListInfoType>& groups = *locked.list();
   Grouping grouping(&groups);
   grouping.AddAllSets();

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
-#include <optional>
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
@@ -24,14 +24,23 @@ std::atomic<std::uint32_t> generation{0};
 
 }  // namespace record_store
 
+/// What a capture has given.
+struct BacktraceRef {
+  /// Location of the backtrace; 0 for none.
+  std::uint32_t location;
+  /// Epoch of the table of backtraces when the backtrace was looked up.
+  std::uint32_t epoch;
+  /// Number of clears before the capture.
+  std::uint32_t generation;
+  /// As records keep it.
+  std::int32_t time;
+};
+
 namespace {
 
 using record_store::backtraces;
 using record_store::Generation;
 using record_store::PageGuard;
-
-/// Captures of at most this many frames use the stack: all that the frame-pointer walk can return.
-constexpr std::size_t kStackFrames = 256;
 
 /// How often an operation asks the C library's allocator for memory before it gives up: another
 /// thread may take what was meant for this one.
@@ -39,8 +48,8 @@ constexpr int kRefills = 3;
 
 std::atomic<PointerSet*> set_array{nullptr};
 
-/// The size as it is stored: with the zygote mark, or 0 when nobody has said whether this process
-/// is a zygote child. Intentional: such a record reads as size 0.
+/// The size as it is stored: with the zygote mark, or 0 when it is not known whether this process is
+/// a zygote child. Intentional: such a record reads as size 0.
 std::uint32_t EncodeSize(std::size_t size) {
   const bool* zygote_child = MemTrackControl::GetMallocZygoteChild();
   if (zygote_child == nullptr) return 0;
@@ -57,36 +66,21 @@ std::int32_t RecordTime(std::int64_t time) {
       time - kRecordTimeBase, std::int64_t{INT32_MIN}, std::int64_t{INT32_MAX}));
 }
 
-/// Holds the set's frame lock; nothing for the thread that holds the store.
-class FrameGuard {
- public:
-  explicit FrameGuard(PointerSet* set) : set_(record_store::ThreadHoldsStore() ? nullptr : set) {
-    if (set_ != nullptr) set_->frame_mutex.lock();
-  }
-  ~FrameGuard() {
-    if (set_ != nullptr) set_->frame_mutex.unlock();
-  }
-  FrameGuard(const FrameGuard&) = delete;
-  FrameGuard& operator=(const FrameGuard&) = delete;
+void CountUnreported() {
+  if (unreported_blocks.fetch_add(1, std::memory_order_relaxed) != 0) return;
+  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+                        "no memory to record a block: reports will lack it");
+}
 
- private:
-  PointerSet* const set_;
-};
-
-/// Keeps all record operations out while it lives; nothing for the thread that does so already.
-class StoreGuard {
- public:
-  StoreGuard() {
-    if (!record_store::ThreadHoldsStore()) locks_.emplace();
-  }
-
- private:
-  std::optional<FrameInfoListWithLock> locks_;
-};
+/// After a lack of memory: gets more, from the C library's allocator. `*refills` counts the
+/// attempts of one operation.
+bool Refill(bool kernel_only, int* refills) {
+  return !kernel_only && (*refills)++ < kRefills && table_memory::RefillFromHeap();
+}
 
 /// Makes room in the table of backtraces. False without memory.
-bool GrowBacktraces() {
-  const StoreGuard guard;
+bool GrowBacktraces(bool held) {
+  const FrameInfoListWithLock locks(held);
   std::uint64_t records = 0;
   RecordPages::ForEach([&records](std::uint64_t /*address*/, RecordPage& page) {
     records += page.count();
@@ -98,23 +92,31 @@ bool GrowBacktraces() {
   });
 }
 
-/// The backtrace of `key`, made when it is new; `*epoch` is that of the answer. Null without memory.
-__attribute__((noinline)) const FrameInfoType* MakeBacktrace(PointerSet* set,
-                                                             const FrameKeyType& key,
-                                                             std::uint64_t hash,
-                                                             std::uint64_t fingerprint,
-                                                             std::uint32_t* epoch) {
+/// What has been captured for a block.
+struct Capture {
+  FrameKeyType key;
+  std::uint64_t hash;
+  std::uint64_t fingerprint;
+};
+
+/// Adds a backtrace that is not known and sets `*epoch` to that of the answer. Null without memory.
+/// `kernel_only`: the thread may be inside the C library's allocator, or hold its lock.
+__attribute__((noinline)) const FrameInfoType* AddNewBacktrace(PointerSet* set,
+                                                               const Capture& capture, bool held,
+                                                               bool kernel_only,
+                                                               std::uint32_t* epoch) {
   for (int refills = 0;;) {
     const FrameInfoType* backtrace = nullptr;
     *epoch = backtraces.epoch();
     BacktraceTable::Result result;
     {
-      const FrameGuard guard(set);
-      result = backtraces.FindOrMake(key, hash, fingerprint, &backtrace);
+      const SetLock lock(set->frame_mutex, held);
+      result =
+          backtraces.FindOrMake(capture.key, capture.hash, capture.fingerprint, &backtrace);
     }
     if (result == BacktraceTable::Result::kDone) return backtrace;
-    if (result == BacktraceTable::Result::kFull && GrowBacktraces()) continue;
-    if (refills++ == kRefills || !table_memory::RefillFromHeap()) return nullptr;
+    if (result == BacktraceTable::Result::kFull && GrowBacktraces(held)) continue;
+    if (!Refill(kernel_only, &refills)) return nullptr;
   }
 }
 
@@ -155,32 +157,36 @@ Stored StoreInPage(RecordPage& page, std::uint64_t set_number, std::uint32_t key
   return Stored::kDone;
 }
 
-/// Files the record of a new block. kTablesChanged: the backtrace must be looked up again.
-Stored StoreRecord(const SetChoice& choice, std::uint64_t address, std::uint32_t size,
-                   const BacktraceRef& ref) {
+/// Files the record of a new block. kTablesChanged: the backtrace must be looked up again. A clear
+/// since the capture leaves no record: the block counts as made before the clear.
+__attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice,
+                                                         std::uint64_t address, std::uint32_t size,
+                                                         const BacktraceRef& ref, bool held) {
   RecordPage* page = RecordPages::Find(address);
-  if (page == nullptr) {
-    const FrameGuard guard(choice.set);
+  if (__builtin_expect(static_cast<long>(page == nullptr), 0L) != 0) {
+    const SetLock lock(choice.set->frame_mutex, held);
     page = RecordPages::FindOrMake(address);
     if (page == nullptr) return Stored::kNoMemory;
   }
-  const PageGuard guard(page, *choice.set);
-  if (backtraces.epoch() != ref.epoch || Generation() != ref.generation) {
-    return Stored::kTablesChanged;
-  }
+  const PageGuard guard(page, *choice.set, held);
+  if (Generation() != ref.generation) return Stored::kDone;
+  if (backtraces.epoch() != ref.epoch) return Stored::kTablesChanged;
   if (page->generation() != ref.generation) page->Empty(ref.generation);
   return StoreInPage(*page, SetNumber(address, choice.size_class),
                      RecordKey::Of(address, choice.size_class), size, ref.time, ref.location);
 }
 
-/// Files the Java-native part of a capture.
-void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded_size,
-                   std::vector<unwindstack::FrameData>* frame_data) try {
-  const FrameGuard frame_guard(set);
+/// Files the Java-native part of a capture. Never inlined, so that captures without such a part do
+/// not have its variables on the stack.
+__attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t address,
+                                             std::uint64_t encoded_size,
+                                             std::vector<unwindstack::FrameData>* frame_data,
+                                             bool held) try {
+  const SetLock frame_lock(set->frame_mutex, held);
   std::uint64_t unwind_index;
   std::uint32_t generation;
   {
-    const std::lock_guard<std::mutex> guard(set->unwind_mutex);
+    const std::lock_guard<SetMutex> guard(set->unwind_mutex);
     generation = set->SyncUnwindFrames();
     const auto found = set->unwind_key_to_index.find({frame_data->size(), frame_data->data()});
     if (found != set->unwind_key_to_index.end()) {
@@ -196,7 +202,7 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
                                        unwind_index);
     }
   }
-  const std::lock_guard<std::mutex> guard(set->java_pointer_mutex);
+  const std::lock_guard<SetMutex> guard(set->java_pointer_mutex);
   if (set->SyncJavaPointers() != generation) return;  // a clear took the stack meanwhile
   set->java_pointers[address] = {encoded_size, unwind_index};
 } catch (const std::bad_alloc&) {
@@ -204,8 +210,9 @@ void AddJavaNative(PointerSet* set, std::uint64_t address, std::uint64_t encoded
 }
 
 /// Removes the record of `address` from its set. True when there was one.
-bool RemoveRecord(RecordPage* page, const SetChoice& choice, std::uint64_t address) {
-  const PageGuard guard(page, *choice.set);
+__attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const SetChoice& choice, std::uint64_t address,
+                  bool held) {
+  const PageGuard guard(page, *choice.set, held);
   if (page->generation() != Generation()) return false;
   Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
   if (record == nullptr) return false;
@@ -214,50 +221,41 @@ bool RemoveRecord(RecordPage* page, const SetChoice& choice, std::uint64_t addre
   return true;
 }
 
-/// Ends a pause once a set has run empty.
-void EndDrainedPauses(MemTrackControl* control) {
-  const bool native_paused = !control->GetHookStart() && control->GetHookEverStarted();
-  const bool plt_paused = !control->GetPltHookStart() && control->GetPltHookEverStarted();
-  if (!native_paused && !plt_paused) return pause_counts::Stop();
+/// Ends the pauses of the two families once a set is empty. Intentional: one empty set is enough.
+__attribute__((noinline)) void EndPausesIfDrained(MemTrackControl* control, bool native, bool plt,
+                                                  bool held) {
   if (!pause_counts::IsCounting()) {
-    const StoreGuard guard;
+    const FrameInfoListWithLock locks(held);
     pause_counts::Start();
   }
-  // Intentional: one empty set is enough.
   if (!pause_counts::AnySetEmpty()) return;
-  if (native_paused) control->ConfigHookStatus(false, false);
-  if (plt_paused) control->ConfigPltHookStatus(false, false);
+  if (native) control->ConfigHookStatus(false, false);
+  if (plt) control->ConfigPltHookStatus(false, false);
 }
 
-/// Gives the memory of older generations back, as far as nobody is inside. Waits for no lock, since
-/// the thread that a clear interrupts may hold it.
+__attribute__((always_inline)) inline void EndDrainedPauses(MemTrackControl* control, bool held) {
+  const bool native_paused = !control->GetHookStart() && control->GetHookEverStarted();
+  const bool plt_paused = !control->GetPltHookStart() && control->GetPltHookEverStarted();
+  if (native_paused || plt_paused) {
+    EndPausesIfDrained(control, native_paused, plt_paused, held);
+  } else {
+    pause_counts::Stop();
+  }
+}
+
+/// Gives back the memory of the records before the clear that has led to `generation`, as far as no
+/// operation is inside. Waits for no lock: the thread that a clear interrupts may hold one.
 void GiveMemoryBack(PointerSet* sets, std::uint32_t generation) {
   std::uint64_t held = 0;
-  for (; held < 2 * PointerData::kSetCount; ++held) {
-    PointerSet& set = sets[held % PointerData::kSetCount];
-    if (!(held < PointerData::kSetCount ? set.pointer_mutex : set.frame_mutex).try_lock()) break;
-  }
+  const auto lock = [sets](std::uint64_t i) -> SetMutex& {
+    PointerSet& set = sets[i % PointerData::kSetCount];
+    return i < PointerData::kSetCount ? set.pointer_mutex : set.frame_mutex;
+  };
+  while (held < 2 * PointerData::kSetCount && lock(held).try_lock()) ++held;
   if (held == 2 * PointerData::kSetCount && RecordPages::EmptyAll(generation)) {
     backtraces.TryClear();
   }
-  while (held-- > 0) {
-    PointerSet& set = sets[held % PointerData::kSetCount];
-    (held < PointerData::kSetCount ? set.pointer_mutex : set.frame_mutex).unlock();
-  }
-}
-
-std::atomic<std::uint64_t> dropped_records{0};
-
-void NoteDroppedRecord() {
-  if (dropped_records.fetch_add(1, std::memory_order_relaxed) != 0) return;
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "no memory for a record");
-}
-
-/// Whether there may be records and the thread is not inside an operation.
-bool MayRemove(const MemTrackControl* control) {
-  if (control == nullptr) return false;
-  if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return false;
-  return (RecordMark() & kInside) == 0;
+  while (held-- > 0) lock(held).unlock();
 }
 
 }  // namespace
@@ -267,13 +265,14 @@ PointerSet* PointerData::sets() {
 }
 
 bool PointerData::Initialize() {
-  const std::lock_guard<std::mutex> guard(InitialiseLock());
+  const std::lock_guard<SetMutex> guard(InitialiseLock());
   PointerSet* sets = set_array.load(std::memory_order_acquire);
-  // What the set-up allocates must not come back here as records while locks are held.
-  const std::uintptr_t mark = RecordMark();
-  SetRecordMark(mark | kInside);
+  // The tables' own memory must not come back here as records while locks are held.
+  const InsideStore inside;
   if (sets == nullptr) {
-    sets = new PointerSet[kSetCount];  // never freed: other threads may be inside for good
+    // Never freed: other threads may be inside for good.
+    sets = new (std::nothrow) PointerSet[kSetCount];
+    if (sets == nullptr) return false;
     constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
     for (std::uint64_t i = 0; i < kSetCount; ++i) {
       sets[i].lower_size = kBounds[i % kSizeClasses];
@@ -281,10 +280,9 @@ bool PointerData::Initialize() {
     }
     set_array.store(sets, std::memory_order_release);
   }
-  // From here on every table counts as empty.
-  const std::uint32_t generation = record_store::generation.fetch_add(1) + 1;
-  GiveMemoryBack(sets, generation);
-  SetRecordMark(mark);
+  unreported_blocks.store(0, std::memory_order_relaxed);
+  // From here on the store counts as empty.
+  GiveMemoryBack(sets, record_store::generation.fetch_add(1) + 1);
   return true;
 }
 
@@ -292,100 +290,124 @@ std::size_t PointerData::PointerSize(const void* pointer) {
   return UsableSize(pointer);
 }
 
-/// Files a block of `size` bytes whose class is that of `class_size`.
-__attribute__((always_inline)) inline void PointerData::AddBlock(std::uint64_t address,
-                                                                 std::size_t class_size,
-                                                                 std::size_t size) {
+__attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* pointer,
+                                                                   std::size_t size, Call call) {
+  const auto address = reinterpret_cast<std::uint64_t>(pointer);
+  const std::size_t class_size = call.is_mapping ? size : ClassSize(pointer, size);
   const SetChoice choice = SelectSet(sets(), address, class_size);
   if (choice.set == nullptr) return;
-  const std::uintptr_t mark = RecordMark();
-  SetRecordMark(mark | kInside);
-  RecordPage* const page = RecordPages::Find(address);
+  const RecordPage* const page = RecordPages::Find(address);
   if (page != nullptr) page->Prefetch(address);  // its line arrives while the stack is walked
-  for (int refills = 0;;) {
-    const BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size);
-    const Stored stored =
-        ref.no_memory ? Stored::kNoMemory : StoreRecord(choice, address, EncodeSize(size), ref);
-    if (stored == Stored::kDone) break;
-    if (stored == Stored::kTablesChanged) continue;
-    if (refills++ < kRefills && table_memory::RefillFromHeap()) continue;
-    NoteDroppedRecord();
+  record_key.Set(ThreadMark::kInside);
+  for (int refills = 0;; call.again = true) {
+    const BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size, call);
+    Stored stored = StoreRecord(choice, address, EncodeSize(size), ref, call.held);
+    if (__builtin_expect(static_cast<long>(stored == Stored::kDone), 1L) != 0) break;
+    if (stored == Stored::kTablesChanged || Refill(call.held || call.is_mapping, &refills)) continue;
+    if (ref.location != 0) CountUnreported();
     break;
   }
-  SetRecordMark(mark);
+  record_key.Set(call.held ? kHoldsStore : nullptr);
+}
+
+__attribute__((always_inline)) inline void PointerData::AddBlock(const void* pointer,
+                                                                 std::size_t size,
+                                                                 bool is_mapping) {
+  // Two copies: the usual one need not look at what it holds.
+  void* const mark = record_key.Get();
+  if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
+    AddBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
+  } else if (mark == kHoldsStore) {
+    AddBlockAs(pointer, size, {is_mapping, /*held=*/true, /*again=*/false});
+  }
 }
 
 // Add, AddBacktrace and BacktraceGet must be one frame each, whatever the build: the frame walk
 // skips just as many levels.
 __attribute__((noinline)) void PointerData::Add(const void* pointer, std::size_t size) {
-  if ((RecordMark() & kInside) != 0) return;
-  AddBlock(reinterpret_cast<std::uint64_t>(pointer), ClassSize(pointer, size), size);
+  AddBlock(pointer, size, /*is_mapping=*/false);
 }
 
 __attribute__((noinline)) void PointerData::AddMapping(const void* pointer, std::size_t size) {
-  if ((RecordMark() & kInside) != 0) return;
-  AddBlock(reinterpret_cast<std::uint64_t>(pointer), size, size);
+  AddBlock(pointer, size, /*is_mapping=*/true);
 }
 
 __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num_frames,
                                                                  PointerSet* set,
                                                                  std::uint64_t pointer,
-                                                                 std::size_t size) {
-  BacktraceRef result{0, backtraces.epoch(), Generation(), RecordTime(time(nullptr)), false};
+                                                                 std::size_t size, Call call) {
+  BacktraceRef result{0, backtraces.epoch(), Generation(), RecordTime(time(nullptr))};
   // The size asked for may be anything; what the method can return bounds the buffer.
-  const std::size_t limit = BacktraceCaptureLimit();
-  const std::size_t max_frames = num_frames < limit ? num_frames : limit;
+  std::size_t max_frames = std::min(num_frames, BacktraceCaptureLimit());
   std::unique_ptr<std::uint64_t[]> heap_frames;
-  std::uint64_t* frames;
-  if (max_frames <= kStackFrames) {
+  // The hooked call may be the allocator's own, so a mapping's capture asks it for nothing.
+  const std::size_t on_stack = call.is_mapping ? kWalkLimit : BacktraceStackFrames();
+  if (max_frames > on_stack) {
+    if (!call.is_mapping) heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
+    if (heap_frames == nullptr) max_frames = on_stack;
+  }
+  std::uint64_t* frames = heap_frames.get();
+  if (frames == nullptr) {
     // Not an array: some compilers put those above the frame record, and then they would take up
     // half of the range that the walk may cover. One more than needed, so that it is never none.
     frames =
         static_cast<std::uint64_t*>(__builtin_alloca((max_frames + 1) * sizeof(std::uint64_t)));
-  } else {
-    heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
-    frames = heap_frames.get();
-    if (frames == nullptr) return result;
   }
   std::vector<unwindstack::FrameData> frame_data;
   const std::size_t count = BacktraceGet(frames, max_frames, frame_data);
   if (count == 0) return result;
 
   const FrameKeyType key{count, frames};
-  const std::uint64_t hash = FrameKeyHash(key);
-  const std::uint64_t fingerprint = FrameFingerprint(key);
-  const FrameInfoType* backtrace = backtraces.Find(key, hash, fingerprint);
-  if (backtrace == nullptr) {
-    backtrace = MakeBacktrace(set, key, hash, fingerprint, &result.epoch);
-    result.no_memory = backtrace == nullptr;
-    if (result.no_memory) return result;
+  const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key)};
+  const FrameInfoType* backtrace = backtraces.Find(key, capture.hash, capture.fingerprint);
+  if (__builtin_expect(static_cast<long>(backtrace == nullptr), 0L) != 0) {
+    backtrace =
+        AddNewBacktrace(set, capture, call.held, call.held || call.is_mapping, &result.epoch);
+    if (backtrace == nullptr) {
+      CountUnreported();  // no report shows a block without a backtrace
+      return result;
+    }
   }
   result.location = backtrace->location;
-  if (!frame_data.empty()) AddJavaNative(set, pointer, EncodeSize(size), &frame_data);
+  if (!frame_data.empty() && !call.again) {
+    AddJavaNative(set, pointer, EncodeSize(size), &frame_data, call.held);
+  }
   return result;
 }
 
-__attribute__((always_inline)) inline void PointerData::RemoveBlock(MemTrackControl* control,
-                                                                    std::uint64_t address,
-                                                                    std::size_t class_size) {
-  const SetChoice choice = SelectSet(sets(), address, class_size);
-  if (choice.set == nullptr) return;
+__attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void* pointer,
+                                                                      std::size_t size,
+                                                                      Call call) {
+  MemTrackControl* const control = MemTrackControl::GetInstance();
+  if (control == nullptr) return;
+  if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
+  const auto address = reinterpret_cast<std::uint64_t>(pointer);
   RecordPage* const page = RecordPages::Find(address);
   if (page == nullptr || page->count() == 0) return;
-  const std::uintptr_t mark = RecordMark();
-  SetRecordMark(mark | kInside);
-  if (::RemoveRecord(page, choice, address)) EndDrainedPauses(control);
-  SetRecordMark(mark);
+  page->Prefetch(address);
+  const SetChoice choice =
+      SelectSet(sets(), address, call.is_mapping ? size : ClassSize(pointer, size));
+  if (choice.set == nullptr) return;
+  record_key.Set(ThreadMark::kInside);
+  if (RemoveRecord(page, choice, address, call.held)) EndDrainedPauses(control, call.held);
+  record_key.Set(call.held ? kHoldsStore : nullptr);
+}
+
+__attribute__((always_inline)) inline void PointerData::RemoveBlock(const void* pointer,
+                                                                    std::size_t size,
+                                                                    bool is_mapping) {
+  void* const mark = record_key.Get();
+  if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
+    RemoveBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
+  } else if (mark == kHoldsStore) {
+    RemoveBlockAs(pointer, size, {is_mapping, /*held=*/true, /*again=*/false});
+  }
 }
 
 void PointerData::Remove(const void* pointer, std::size_t size) {
-  MemTrackControl* const control = MemTrackControl::GetInstance();
-  if (!MayRemove(control)) return;
-  RemoveBlock(control, reinterpret_cast<std::uint64_t>(pointer), ClassSize(pointer, size));
+  RemoveBlock(pointer, size, /*is_mapping=*/false);
 }
 
 void PointerData::RemoveMapping(const void* pointer, std::size_t size) {
-  MemTrackControl* const control = MemTrackControl::GetInstance();
-  if (!MayRemove(control)) return;
-  RemoveBlock(control, reinterpret_cast<std::uint64_t>(pointer), size);
+  RemoveBlock(pointer, size, /*is_mapping=*/true);
 }

@@ -15,20 +15,7 @@
 class DebugData;
 class PointerSet;
 class ReportText;
-class MemTrackControl;
-
-/// What a capture came to: the backtrace, and what it is of.
-struct BacktraceRef {
-  /// 0 for none.
-  std::uint32_t location;
-  /// Of the table of backtraces.
-  std::uint32_t epoch;
-  std::uint32_t generation;
-  /// As records keep it.
-  std::int32_t time;
-  /// There is one, but no memory to keep it.
-  bool no_memory;
-};
+struct BacktraceRef;
 
 class PointerData {
  public:
@@ -48,17 +35,20 @@ class PointerData {
   PointerData(const PointerData&) = delete;
   PointerData& operator=(const PointerData&) = delete;
 
-  /// Makes the sets when there are none yet and empties every table. Always true.
-  /// Takes the initialise lock, so it waits for a report; waits for no lock of a set.
+  /// Makes the sets when there are none yet and empties every table. False, with nothing changed,
+  /// when there is no memory for the sets. Takes the initialise lock, so it waits for a report;
+  /// waits for no lock of a set.
   bool Initialize();
 
   /// Records a block of `size` bytes at `pointer` with the backtrace of the calling thread. Must
   /// be called directly by an exported entry (the frame walk skips that many levels). Does nothing
-  /// inside another Add or Remove of the thread, or before Initialize.
+  /// inside another operation of the store on the same thread, or before Initialize. A block that
+  /// there is no memory for is counted as unreported; the first one is logged.
   void Add(const void* pointer, std::size_t size);
   /// Forgets the block at `pointer`, before its memory is released. An unknown one is no error.
   void Remove(const void* pointer, std::size_t size);
-  /// As Add and Remove, for mappings and buffers: `size` alone decides the size class.
+  /// The same two for what a proxy has made or is about to give back, which is no heap block: its
+  /// size class is always that of `size`. The walk begins at the hooked caller.
   void AddMapping(const void* pointer, std::size_t size);
   void RemoveMapping(const void* pointer, std::size_t size);
   /// The block's usable size, as the C library gives it.
@@ -68,17 +58,17 @@ class PointerData {
   /// Returns how many; 0 when there is no record or no backtrace. Any thread.
   static std::size_t GetFrames(const void* pointer, std::uintptr_t* frames, std::size_t max_frames);
 
-  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread. Until
-  /// the locks are free again that thread counts as inside the tracker: other libraries' fork
-  /// handlers may allocate meanwhile.
+  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread. That
+  /// thread goes on to record, with the locks held: other libraries' fork handlers may allocate.
   static void PrepareFork();
   /// Releases them in the parent.
   static void PostForkParent();
-  /// Leaves all of them free in the child, whoever held them.
+  /// Leaves all of them free in the child, whoever held them, and the store's other locks too
+  /// where that is the platform's policy.
   static void PostForkChild();
 
   /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order
-  /// in which they are first met. With the thread's record key set, the caller holds every lock.
+  /// in which they are first met. On a marked thread the caller holds every lock.
   /// Records without a backtrace are left out whatever `only_with_backtrace` says.
   static void GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace);
   /// Re-reads the backtrace size property and returns the size in force. A value that is not all
@@ -86,7 +76,7 @@ class PointerData {
   static std::uint32_t GetMaxBacktraceNum();
   /// The groups, largest first, with their four sizes. `info` is not written. All outputs stay as
   /// they are when there is no group, more than kMaxGroups, or no `list`; that is logged.
-  /// Holds every pointer and frame lock meanwhile; leaves the thread's record key null.
+  /// Holds every pointer and frame lock meanwhile; leaves the thread unmarked.
   static void GetInfo(std::uint8_t** info, std::size_t* overall_size, std::size_t* info_size,
                       std::size_t* total_memory, std::size_t* backtrace_size,
                       std::vector<RecordStruct>* list);
@@ -110,12 +100,21 @@ class PointerData {
   static PointerSet* sets();
 
  private:
-  friend class PointerDataTest;
-
-  BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
-                            std::size_t size);
-  void AddBlock(std::uint64_t address, std::size_t class_size, std::size_t size);
-  void RemoveBlock(MemTrackControl* control, std::uint64_t address, std::size_t class_size);
+  /// What the operations know of their call.
+  struct Call {
+    /// A proxy's block: the hooked call may be the allocator's own, so nothing is asked of that.
+    bool is_mapping;
+    /// The thread holds every lock.
+    bool held;
+    /// The same block once more, after its backtrace was swept out.
+    bool again;
+  };
+  static void AddBlock(const void* pointer, std::size_t size, bool is_mapping);
+  static void RemoveBlock(const void* pointer, std::size_t size, bool is_mapping);
+  static void AddBlockAs(const void* pointer, std::size_t size, Call call);
+  static void RemoveBlockAs(const void* pointer, std::size_t size, Call call);
+  static BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
+                                   std::size_t size, Call call);
 
   DebugData* const owner_;
 };

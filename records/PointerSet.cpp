@@ -4,9 +4,8 @@
 #include "records/PointerData.h"
 #include "records/record_store.h"
 
-std::mutex& InitialiseLock() {
-  // Never destroyed: the dump thread may still hold it while the process exits.
-  static std::mutex& lock = *new std::mutex;
+SetMutex& InitialiseLock() {
+  static SetMutex lock;
   return lock;
 }
 
@@ -51,9 +50,9 @@ std::uint32_t PointerSet::SyncUnwindFrames() {
   return now;
 }
 
-FrameInfoListWithLock::FrameInfoListWithLock() {
+FrameInfoListWithLock::FrameInfoListWithLock(bool held) : held_(held) {
   PointerSet* const sets = PointerData::sets();
-  if (sets == nullptr) return;
+  if (sets == nullptr || held_) return;
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.lock();
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.lock();
   RecordPages::WaitForOperations();
@@ -61,7 +60,7 @@ FrameInfoListWithLock::FrameInfoListWithLock() {
 
 FrameInfoListWithLock::~FrameInfoListWithLock() {
   PointerSet* const sets = PointerData::sets();
-  if (sets == nullptr) return;
+  if (sets == nullptr || held_) return;
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.unlock();
   for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.unlock();
 }

@@ -1,15 +1,15 @@
 // One shard and size class of the record store: its locks and its Java-native tables.
 //
-// The records themselves lie in pages of the address space (record_pages.h) and the backtraces in
-// one table (backtrace_table.h), since both are found without the set. A record operation takes none
-// of these locks: it holds the lock of a page and looks whether the set's pointer_mutex is held. Who
-// holds the pointer_mutex of every set and has waited for the operations inside has the records to
-// itself.
+// The records lie in pages of the address space (record_pages.h) and the backtraces in one table
+// (backtrace_table.h), since both are found without the set. A record operation takes none of a
+// set's locks: it holds the lock of a page and checks that pointer_mutex is free. A thread that
+// holds pointer_mutex of every set and has waited for the operations inside is alone with the
+// records.
 //
 // Lock order: pointer_mutex before frame_mutex; frame_mutex before unwind_mutex and before
-// java_pointer_mutex, and all of them before the locks of the tables. The reader of the Java-native
-// tables holds java_pointer_mutex and then unwind_mutex. Operations that take every set take them in
-// array order.
+// java_pointer_mutex; all of them before the locks of pages, tables and their memory. The reader of
+// the Java-native tables holds java_pointer_mutex and then unwind_mutex. Operations that take every
+// set take them in array order.
 //
 // Clearing raises one process-wide generation and waits for no lock. A page or table whose own
 // generation is behind counts as empty.
@@ -17,12 +17,31 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <unordered_map>
 #include <vector>
 
 #include "records/record_types.h"
 #include "records/set_mutex.h"
+#include "tracker/MemTrackControl.h"
+
+/// The mark of a thread that holds every set's locks while the program's own code runs: in fork
+/// handlers, and between malloc_disable and malloc_enable. It records without taking them.
+inline void* const kHoldsStore = reinterpret_cast<void*>(2);
+
+/// Marks the thread as inside the record store while it lives, and puts the former mark back.
+class InsideStore {
+ public:
+  InsideStore() : before_(record_key.Get()) { record_key.Set(ThreadMark::kInside); }
+  ~InsideStore() { record_key.Set(before_); }
+  InsideStore(const InsideStore&) = delete;
+  InsideStore& operator=(const InsideStore&) = delete;
+
+  /// The mark before.
+  void* before() const { return before_; }
+
+ private:
+  void* const before_;
+};
 
 /// Key of a Java-native backtrace: its frames, not owned. Only their rel_pcs count.
 struct UnwindFrameKeyType {
@@ -38,8 +57,12 @@ struct UnwindFrameKeyEqual {
   bool operator()(const UnwindFrameKeyType& a, const UnwindFrameKeyType& b) const;
 };
 
+/// Blocks that no report shows, since the last clear: there was no memory for their records or
+/// backtraces.
+inline std::atomic<std::uint64_t> unreported_blocks{0};
+
 /// Serialises clearing and reports.
-std::mutex& InitialiseLock();
+SetMutex& InitialiseLock();
 
 class PointerSet {
  public:
@@ -56,9 +79,9 @@ class PointerSet {
 
   /// Records whose backtrace carried Java-native frames; their hash index is an unwind index.
   /// Removal of a block leaves them: they stay until the next clear.
-  std::mutex java_pointer_mutex;
+  SetMutex java_pointer_mutex;
   std::unordered_map<std::uint64_t, PointerInfoType> java_pointers;
-  std::mutex unwind_mutex;
+  SetMutex unwind_mutex;
   std::unordered_map<UnwindFrameKeyType, std::uint64_t, UnwindFrameKeyHash, UnwindFrameKeyEqual>
       unwind_key_to_index;
   std::unordered_map<std::uint64_t, UnwindFrameInfoType> unwind_frames;
@@ -66,7 +89,7 @@ class PointerSet {
   std::uint64_t cur_unwind_index = 2;
 
   /// Empty the Java-native tables when a clear has happened since they were last used. The caller
-  /// holds their locks; each returns the generation that the table is of.
+  /// holds their locks. The last two return the generation that the table belongs to.
   void SyncJavaTables();
   std::uint32_t SyncJavaPointers();
   std::uint32_t SyncUnwindFrames();
@@ -77,13 +100,13 @@ class PointerSet {
 };
 
 /// Keeps every record operation out while a reader walks the tables, and holds the list that the
-/// reader fills. The reader sets the thread's record key first, so that its own allocations do not
-/// come back here.
+/// reader fills. The reader marks its thread first, so that its own allocations do not come back
+/// here.
 class FrameInfoListWithLock {
  public:
   /// Takes every pointer lock and then every frame lock, in set order, and waits for the operations
-  /// that are inside.
-  FrameInfoListWithLock();
+  /// that are inside. Nothing when the thread holds the locks already.
+  explicit FrameInfoListWithLock(bool held = false);
   virtual ~FrameInfoListWithLock();
   FrameInfoListWithLock(const FrameInfoListWithLock&) = delete;
   FrameInfoListWithLock& operator=(const FrameInfoListWithLock&) = delete;
@@ -92,5 +115,6 @@ class FrameInfoListWithLock {
   std::vector<ListInfoType>* list() { return &list_; }
 
  private:
+  const bool held_;
   std::vector<ListInfoType> list_;
 };

@@ -3,7 +3,6 @@
 // Runs on the dump thread. The allocating threads wait only while GetInfo groups the records;
 // text, maps look-ups, file and device are done with nothing but the initialise lock held.
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -47,8 +46,8 @@ constexpr std::size_t kDeviceBufferBytes = kDeviceHeaderBytes + kDeviceTextBytes
 constexpr int kDeviceRequest = 0xAF06;
 
 /// Keeps what this thread allocates and maps out of the records while it lives: another kind, or
-/// native recording itself, may be on while a report is written. The thread's re-entry key would
-/// not do: GetInfo leaves it null, and frees must still reach the records.
+/// native recording itself, may be on while a report is written. The record store's own mark would
+/// not do: GetInfo takes it off, and frees must still reach the records.
 class ThreadNotRecorded {
  public:
   ThreadNotRecorded() : control_(MemTrackControl::GetInstance()) {
@@ -95,7 +94,7 @@ void FillDeviceBuffer(unsigned char* buffer, const ReportText& text) {
 /// Writes the whole of `text`, in pieces: a process that leaks has no memory for a second copy.
 /// A file that cannot take all of it is left as it is; its reader misses the "END".
 void WriteReportFile(const ReportText& text) {
-  std::FILE* file = std::fopen(platform::ReportPath().c_str(), "w");
+  std::FILE* file = platform::OpenReportFile();
   if (file == nullptr) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
                           "no permission to access /data/log/reliability/");
@@ -109,10 +108,10 @@ void WriteReportFile(const ReportText& text) {
 
 /// Hands `buffer` (kDeviceBufferBytes long) to the device; `text_bytes` is for the log alone.
 void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
-  const std::string path = platform::ExceptionDevicePath();
-  const int fd = open(path.c_str(), O_WRONLY);
+  std::string path;
+  const int fd = platform::OpenExceptionDevice(path);
   if (fd < 0) {
-    // The line break inside the message is wanted.
+    // Intentional: the line break inside the message.
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "open %s failed: %s\n", path.c_str(),
                           std::strerror(errno));
     return;
@@ -166,7 +165,7 @@ void WriteRecord(ReportText& out, const RecordStruct& record, std::int64_t now) 
 void PointerData::DumpAllocationTracesToFile() try {
   const ThreadNotRecorded not_recorded;
   // Held to the end, so that a clear cannot empty the tables in the middle of the report.
-  const std::lock_guard<std::mutex> lock(InitialiseLock());
+  const std::lock_guard<SetMutex> lock(InitialiseLock());
   const std::unique_ptr<unsigned char, FreeDeleter> buffer(
       static_cast<unsigned char*>(std::malloc(kDeviceBufferBytes)));
   if (buffer == nullptr) {
@@ -188,7 +187,7 @@ void PointerData::DumpAllocationTracesToFile() try {
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
 }
 
-// Any thread that holds no lock of a set; leaves the thread's record key null, as GetInfo does.
+// Any thread that holds no lock of a set; leaves the thread unmarked, as GetInfo does.
 void PointerData::ReportNodes(ReportText& out) {
   const auto now = static_cast<std::int64_t>(std::time(nullptr));
   out << "Native Heap MemLeak Tracker Version 2.0:\n";
@@ -208,6 +207,12 @@ void PointerData::ReportNodes(ReportText& out) {
   out << "Backtrace size: " << backtrace_size << "\n\n";
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "ReportNodes:%zu:%zd:%zd", total_memory,
                         static_cast<ssize_t>(record_count), static_cast<ssize_t>(backtrace_size));
+  const std::uint64_t unreported = unreported_blocks.load(std::memory_order_relaxed);
+  if (unreported != 0) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
+                          "no memory to record %zu blocks: the report lacks those still in use",
+                          static_cast<std::size_t>(unreported));
+  }
 
   const std::size_t lines = std::min(shown_count, records.size());
   for (std::size_t i = 0; i < lines; ++i) WriteRecord(out, records[i], now);

@@ -19,7 +19,7 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
     backtrace->location = location;
     return backtrace;
   }
-  // What is left of a chunk is too short for this piece, and lost.
+  // The rest of a chunk that is too short for this piece stays unused.
   if (next_line_ % kLinesOfChunk + lines > kLinesOfChunk) {
     next_line_ = (next_line_ / kLinesOfChunk + 1) * kLinesOfChunk;
   }
@@ -77,7 +77,7 @@ BacktraceTable::Result BacktraceTable::FindOrMake(const FrameKeyType& key, std::
 }
 
 void BacktraceTable::Enter(Buckets& buckets, FrameInfoType* backtrace) {
-  std::uint64_t at = buckets.Home(FrameKeyHash({backtrace->num_frames, backtrace->pcs()}));
+  std::uint64_t at = buckets.FirstBucket(FrameKeyHash({backtrace->num_frames, backtrace->pcs()}));
   for (;; at = (at + Step(backtrace->fingerprint)) & buckets.mask) {
     for (Slot& slot : buckets.buckets[at].slots) {
       if (slot.backtrace.load(std::memory_order_relaxed) != nullptr) continue;
@@ -110,7 +110,7 @@ BacktraceTable::Buckets* BacktraceTable::MakeBuckets(std::uint64_t count) {
   return buckets;
 }
 
-/// A reader may be inside: it finds an empty table from now on.
+/// A search may be inside. It finds an empty table from now on.
 void BacktraceTable::Retire(Buckets* buckets) {
   for (std::uint64_t b = 0; b <= buckets->mask; ++b) {
     for (Slot& slot : buckets->buckets[b].slots) {
@@ -133,8 +133,8 @@ bool BacktraceTable::Rebuild(bool sweeps) {
   ForEachIn(old, [&](FrameInfoType* backtrace) {
     if (!sweeps || backtrace->sweep == sweep_) Enter(*fresh, backtrace);
   });
-  // The new epoch comes after the table without the dead and before their memory goes: with an
-  // epoch, a reader never finds what goes during it.
+  // In this order: a search that began in the new epoch finds none of the dropped backtraces, and
+  // their memory is not used again before that epoch.
   buckets_.store(fresh, std::memory_order_seq_cst);
   epoch_.fetch_add(1, std::memory_order_seq_cst);
   if (sweeps) {

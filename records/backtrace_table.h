@@ -1,11 +1,11 @@
 // The shared backtraces: each stored once, whatever the set of the blocks that carry it.
 //
-// A known backtrace is found without a lock and without a write, so its lines stay in the caches of
-// all processors. Nobody counts references: which backtraces are still carried is found out when the
-// table is full, by a walk through all records, and the others are swept out.
+// A known backtrace is found without a lock and without a write, so that its lines stay in the caches
+// of all processors. There are no reference counts: when the table is full, a walk through all
+// records finds the backtraces in use, and the others are swept out.
 //
-// A reader may look at the table while it is swept or cleared. It then gets any answer, but it can
-// tell: `epoch` has changed by the time it holds the lock of its page.
+// A search during a sweep or a clear may give a wrong answer. The thread notices it by the changed
+// `epoch` once it holds the lock of its page.
 #pragma once
 
 #include <atomic>
@@ -19,12 +19,12 @@
 /// they need (two for 12 frames).
 struct FrameInfoType {
   std::uint64_t fingerprint;
-  /// Number of the backtrace, never used again until a clear.
+  /// Number of the backtrace. Not used again before the next clear.
   std::uint64_t hash_index;
   std::uint32_t num_frames;
-  /// Where it lies, as records name it. Never 0.
+  /// Its location in the arena. Never 0.
   std::uint32_t location;
-  /// Of the report that is being grouped: where this backtrace's notes are, plus 1; else 0.
+  /// Used by a report: the index of this backtrace's notes, plus 1; else 0.
   std::uint32_t report_note;
   /// Number of the last sweep that found a record of it.
   std::uint32_t sweep;
@@ -49,8 +49,8 @@ inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
   return hash;
 }
 
-/// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: it is asked
-/// of keys with equal fingerprints, which are equal.
+/// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: keys with
+/// equal fingerprints are almost always equal.
 inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
   using Pair = std::uint64_t __attribute__((vector_size(16), aligned(8), may_alias));
   if (a.num_frames != b.num_frames) return false;
@@ -86,15 +86,15 @@ inline std::uint64_t FrameFingerprint(const FrameKeyType& key) {
   return fold(sum, kFactorStep);
 }
 
-/// Memory of the backtraces: pieces of whole cache lines, cut from chunks of one size. A piece is
-/// named by its location: number of its chunk, number of its line in it.
+/// Memory of the backtraces: pieces of whole cache lines, cut from chunks of one size. The location
+/// of a piece is its line number, counted over all chunks.
 class BacktraceArena {
  public:
   /// Room for a backtrace of `num_frames` pcs, with its location set; null when there is no memory.
   FrameInfoType* Allocate(std::uint64_t num_frames);
-  /// Takes back `backtrace` for later use.
+  /// Frees `backtrace`; its memory serves later backtraces.
   void Free(FrameInfoType* backtrace);
-  /// Takes everything back and gives the pages back to the kernel; the addresses stay mapped.
+  /// Frees everything and gives the memory back to the kernel; the addresses stay mapped.
   void Reset();
   /// The backtrace at `location`, which Allocate has set.
   FrameInfoType* At(std::uint32_t location) const {
@@ -104,7 +104,7 @@ class BacktraceArena {
 
  private:
   struct FreePiece {
-    std::uint64_t unused;  // a reader may take it for a fingerprint
+    std::uint64_t unused;  // a search may read it as a fingerprint
     FreePiece* next;
     std::uint32_t lines;
     std::uint32_t location;
@@ -112,7 +112,7 @@ class BacktraceArena {
 
   static constexpr std::size_t kLineBytes = 64;
   static constexpr std::uint32_t kLinesOfChunk = 4096;
-  /// Behind each chunk, for a reader that takes what was a backtrace for one: the longest one's pcs.
+  /// Readable bytes behind each chunk: a search may read the pcs of a backtrace that was freed.
   static constexpr std::size_t kTailBytes = 16384;
   static constexpr std::size_t kMaxChunks = std::size_t{1} << 16;
   /// Free pieces by their number of lines; the first list holds all longer ones.
@@ -120,7 +120,7 @@ class BacktraceArena {
 
   FreePiece* free_[kLists] = {};
   std::uint32_t chunk_count_ = 0;
-  /// The line from which on nothing was cut yet. Location 0 is never handed out.
+  /// The first line that was never used. Location 0 is not used.
   std::uint32_t next_line_ = 1;
   char* chunks_[kMaxChunks] = {};
 };
@@ -132,8 +132,8 @@ class BacktraceTable {
 
   enum class Result { kDone, kFull, kNoMemory };
 
-  /// Raised by every sweep and every clear: after what goes can no longer be found, and before its
-  /// memory is used again.
+  /// Raised by every sweep and every clear, after the dropped backtraces can no longer be found and
+  /// before their memory is used again.
   std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
   /// The backtrace of `key`, or null. `hash` and `fingerprint` are the key's. Takes no lock.
@@ -141,7 +141,7 @@ class BacktraceTable {
                             std::uint64_t fingerprint) const {
     const Buckets* const buckets = buckets_.load(std::memory_order_acquire);
     if (buckets == nullptr) return nullptr;
-    std::uint64_t at = buckets->Home(hash);
+    std::uint64_t at = buckets->FirstBucket(hash);
     for (std::uint64_t probes = 0; probes <= buckets->mask; ++probes) {
       for (const Slot& slot : buckets->buckets[at].slots) {
         const FrameInfoType* const found = slot.backtrace.load(std::memory_order_acquire);
@@ -160,30 +160,27 @@ class BacktraceTable {
   Result FindOrMake(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
                     const FrameInfoType** backtrace);
 
-  /// The backtrace at a location that a record names. The caller keeps clears and sweeps out, or
-  /// holds the lock of the record's page.
+  /// The backtrace at the location that a record has. The caller holds the lock of the record's page
+  /// or keeps operations out.
   FrameInfoType* At(std::uint32_t location) const { return arena_.At(location); }
 
-  /// Makes room. `mark_live(std::uint32_t sweep)` writes the number into every backtrace that a
-  /// record names; `records` is about how many records there are. The caller keeps all record
+  /// Makes room. `mark_live(std::uint32_t sweep)` writes its argument into every backtrace that a
+  /// record has; `records` is the approximate number of records. The caller keeps all record
   /// operations out. False when there is no memory.
   template <typename MarkLive>
   bool Grow(std::uint64_t records, MarkLive mark_live) {
     const std::lock_guard<SetMutex> guard(lock_);
     if (HasRoom()) return true;
-    // A walk through all records must be worth it: backtraces that nobody carries may be as many
-    // as an eighth of the records.
+    // A sweep costs a walk through all records. It begins when there is at least one backtrace for
+    // eight records.
     const bool sweeps = used_ >= kLeastToSweep && used_ >= records / 8;
     if (sweeps) mark_live(++sweep_);
     return Rebuild(sweeps);
   }
 
-  /// Empties the table and starts hash indexes anew. Waits for no lock: false, with nothing done,
+  /// Empties the table and restarts hash indexes. Waits for no lock: false, with nothing changed,
   /// when a thread is inside.
   bool TryClear();
-
-  /// Frees the lock in a forked child.
-  void FreeLockInChild() { lock_.unlock(); }
 
  private:
   struct Slot {
@@ -201,7 +198,7 @@ class BacktraceTable {
     Buckets* next_retired;
     Bucket buckets[1];
 
-    std::uint64_t Home(std::uint64_t hash) const {
+    std::uint64_t FirstBucket(std::uint64_t hash) const {
       // Fibonacci hashing.
       return (hash * 0x9E3779B97F4A7C15U) >> shift;
     }
@@ -213,8 +210,8 @@ class BacktraceTable {
   static constexpr std::uint64_t kFirstBuckets = 64;
   static constexpr std::uint64_t kLeastToSweep = 1024;
 
-  /// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
-  /// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
+  /// Distance from a full bucket to the next one of the search. The hash covers five pcs in any
+  /// order, so many keys share a first bucket; the fingerprint spreads them from there.
   static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
 
   /// Not for ThreadSanitizer: a backtrace that is swept meanwhile may be read, see `epoch`.

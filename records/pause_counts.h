@@ -1,6 +1,6 @@
-// How many records each set has, while a pause lasts: a pause ends when any set is empty.
+// The number of records of each set, known only during a pause: a pause ends when any set is empty.
 //
-// Counting costs a write to a line that all threads share, so it is done during a pause alone.
+// Counting writes to a cache line that all threads share, so the store counts only during a pause.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@
 
 namespace pause_counts {
 
-/// The counts and the generation of the tables they are of, 0 while nobody counts.
+/// The counts, and the generation of the records that they count; 0 while the store does not count.
 inline std::atomic<std::uint32_t> counted_generation{0};
 inline std::atomic<std::int64_t> counts[PointerData::kSetCount] = {};
 
@@ -21,7 +21,7 @@ inline bool IsCounting() {
   return counted != 0 && counted == record_store::Generation();
 }
 
-/// A record came (1) or went (-1). Under the lock of its page.
+/// Notes a new record of `set` (`change` 1) or a removed one (-1). Under the lock of its page.
 inline void Change(std::uint64_t set, int change) {
   if (counted_generation.load(std::memory_order_relaxed) == 0) return;
   counts[set].fetch_add(change, std::memory_order_relaxed);

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Records of all pages.
+/// Memory of the tables of all pages.
 table_memory::Pool record_pool;
 
 /// Taken to make a region known.
@@ -19,6 +19,9 @@ constexpr unsigned kFirstDirectoryLog2 = 9;  // one OS page
 constexpr unsigned kLargestLog2 = 15;
 /// Tables of up to this many records (two cache lines) fill up; larger ones to 7/8.
 constexpr unsigned kFullLog2 = 3;
+/// A page that has lost its last record keeps a table of less than this many records: it is likely
+/// to be used again. Larger tables go to other pages, since heaps move.
+constexpr unsigned kLeastToFreeLog2 = 4;
 
 }  // namespace
 
@@ -30,14 +33,18 @@ void RecordPage::LockSlow() {
 }
 
 void RecordPage::Empty(std::uint32_t generation) {
+  FreeRecords(/*pool_is_locked=*/false);
+  generation_ = generation;
+}
+
+void RecordPage::FreeRecords(bool pool_is_locked) {
   Record* const records = records_.load(std::memory_order_relaxed);
-  if (records != nullptr) {
-    record_pool.Free(records, sizeof(Record) << log2_capacity_.load(std::memory_order_relaxed));
-    records_.store(nullptr, std::memory_order_relaxed);
-  }
+  const std::size_t bytes = sizeof(Record) << log2_capacity_.load(std::memory_order_relaxed);
+  records_.store(nullptr, std::memory_order_relaxed);
   log2_capacity_.store(0, std::memory_order_relaxed);
   count_.store(0, std::memory_order_relaxed);
-  generation_ = generation;
+  if (records == nullptr) return;
+  pool_is_locked ? record_pool.FreeLocked(records, bytes) : record_pool.Free(records, bytes);
 }
 
 bool RecordPage::Grow() {
@@ -51,9 +58,9 @@ bool RecordPage::Grow() {
   if (old_records != nullptr) {
     for (std::uint32_t i = 0; i < 1U << old_log2; ++i) {
       if (old_records[i].key == 0) continue;
-      std::uint32_t place = Home(RecordKey::Offset(old_records[i].key), log2);
-      while (records[place].key != 0) place = (place + 1) & mask;
-      records[place] = old_records[i];
+      std::uint32_t slot = FirstSlot(RecordKey::Offset(old_records[i].key), log2);
+      while (records[slot].key != 0) slot = (slot + 1) & mask;
+      records[slot] = old_records[i];
     }
     record_pool.Free(old_records, sizeof(Record) << old_log2);
   }
@@ -72,7 +79,7 @@ Record* RecordPage::Insert(std::uint32_t key) {
   }
   Record* const records = records_.load(std::memory_order_relaxed);
   const std::uint32_t mask = (1U << log2) - 1;
-  std::uint32_t i = Home(RecordKey::Offset(key), log2);
+  std::uint32_t i = FirstSlot(RecordKey::Offset(key), log2);
   while (records[i].key != 0) i = (i + 1) & mask;
   records[i].key = key;
   count_.store(static_cast<std::uint16_t>(used + 1), std::memory_order_relaxed);
@@ -88,14 +95,16 @@ void RecordPage::Erase(Record* record) {
   for (std::uint32_t probes = 0; probes < mask; ++probes) {
     i = (i + 1) & mask;
     if (records[i].key == 0) break;
-    // A record moves back into the hole unless its search begins behind the hole.
-    const std::uint32_t home = Home(RecordKey::Offset(records[i].key), log2);
-    if (((i - home) & mask) < ((i - hole) & mask)) continue;
+    // A record moves into the hole unless its search begins behind the hole.
+    const std::uint32_t first = FirstSlot(RecordKey::Offset(records[i].key), log2);
+    if (((i - first) & mask) < ((i - hole) & mask)) continue;
     records[hole] = records[i];
     hole = i;
   }
   records[hole].key = 0;
-  count_.store(static_cast<std::uint16_t>(count() - 1), std::memory_order_relaxed);
+  const std::uint32_t left = count() - 1;
+  count_.store(static_cast<std::uint16_t>(left), std::memory_order_relaxed);
+  if (left == 0 && log2 >= kLeastToFreeLog2) FreeRecords(/*pool_is_locked=*/false);
 }
 
 RecordPage* RecordPages::Make(std::uint64_t address) {
@@ -150,18 +159,30 @@ void RecordPages::WaitForOperations() {
   });
 }
 
+void RecordPages::FreeLocksInChild() {
+  ForEach([](std::uint64_t /*address*/, RecordPage& page) {
+    if (page.IsLocked()) page.Unlock();
+  });
+}
+
 bool RecordPages::EmptyAll(std::uint32_t generation) {
+  const std::unique_lock<table_memory::Pool> pool(record_pool, std::try_to_lock);
+  if (!pool.owns_lock()) return false;
   bool all = true;
   ForEach([&all, generation](std::uint64_t /*address*/, RecordPage& page) {
-    // Mostly nothing was ever there.
+    // Most pages never had a record.
     if (page.records_.load(std::memory_order_relaxed) == nullptr && !page.IsLocked()) return;
     if (!page.TryLock()) {
       all = false;
       return;
     }
-    if (page.generation() != generation) page.Empty(generation);
-    if (page.count() != 0) all = false;
+    if (page.generation_ != generation) {
+      page.generation_ = generation;
+      page.FreeRecords(/*pool_is_locked=*/true);
+    }
+    if (page.records_.load(std::memory_order_relaxed) != nullptr) all = false;
     page.Unlock();
   });
+  if (all) record_pool.ResetLocked();
   return all;
 }

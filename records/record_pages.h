@@ -1,13 +1,14 @@
 // The records of live blocks, by 4 KiB page of the address space.
 //
-// A block's record is found through its address: region (2 MiB), page, place in the page's own
-// small table. Threads mostly work on blocks of pages of their own, so neither the lock of a page
-// nor its records move between processors. Regions are never given up once they are known; the way
-// to a page takes no lock.
+// The address of a block leads to its record: region (2 MiB), page, slot in the page's own small
+// table. Most threads work on blocks of pages of their own, so that neither the lock of a page nor
+// its records move between processors. A region stays known for good, and finding a page takes no
+// lock.
 //
-// Pages are shared by the sets whose blocks lie in them; a record's key says which set it belongs
-// to. Record operations hold the lock of one page. Readers of everything keep operations out by
-// the pointer locks of the sets and then wait for those that are inside (WaitForOperations).
+// The sets share the pages; a record's key tells the size class, which with the address gives the
+// set. A record operation holds the lock of one page. A reader of all records takes the pointer
+// locks of all sets, which keeps new operations out, and waits for those that are inside
+// (WaitForOperations).
 #pragma once
 
 #include <atomic>
@@ -19,27 +20,27 @@ inline constexpr std::int64_t kRecordTimeBase = 1'577'836'800;
 
 /// A record. 16 bytes: four to a cache line.
 struct Record {
-  /// What it is the record of (see RecordKey); 0 marks a free place.
+  /// Which block it belongs to (see RecordKey); 0 marks a free slot.
   std::uint32_t key;
   /// Encoded size: zygote mark in bit 31.
   std::uint32_t size;
-  /// When the block was made, in seconds from kRecordTimeBase on.
+  /// Allocation time in seconds since kRecordTimeBase.
   std::int32_t time;
-  /// Location of the backtrace; 0 for none.
+  /// Location of the backtrace (see BacktraceArena); 0 for none.
   std::uint32_t backtrace;
 };
 static_assert(sizeof(Record) == 16);
 
-/// The parts of a record's key: what the page does not tell about a block.
+/// A record's key: what identifies a block within its page.
 class RecordKey {
  public:
-  /// Of a block at `address` whose size is of class `size_class` (below 8).
+  /// The key of a block at `address` of size class `size_class` (below 8).
   static std::uint32_t Of(std::uint64_t address, std::uint32_t size_class) {
     // Bits 56 to 63 are the tag that some processors ignore in addresses.
     return kUsed | size_class << 20 | static_cast<std::uint32_t>(address >> 56) << 12 |
            static_cast<std::uint32_t>(address & 0xFFF);
   }
-  /// The key under which a time is kept that outlives the record of `key`.
+  /// The key of a kept time: one that outlives the record of `key`, which was overwritten.
   static std::uint32_t Kept(std::uint32_t key) { return key | kKept; }
 
   static bool IsKept(std::uint32_t key) { return (key & kKept) != 0; }
@@ -52,7 +53,7 @@ class RecordKey {
   static constexpr std::uint32_t kKept = std::uint32_t{1} << 23;
 };
 
-/// One page's table: open addressing, linear probing, removal by moving back.
+/// One page's table: open addressing, linear probing, removal by backward shift.
 class RecordPage {
  public:
   /// Waits until the page is free and takes it. Not recursive. Keeps errno.
@@ -65,18 +66,18 @@ class RecordPage {
 
   /// Number of records, kept times included. Without the lock it may be stale.
   std::uint32_t count() const { return count_.load(std::memory_order_relaxed); }
-  /// Starts to fetch the place of `address`. Without the lock.
+  /// Starts to fetch the first slot of `address`. Without the lock.
   void Prefetch(std::uint64_t address) const {
     const Record* records = records_.load(std::memory_order_relaxed);
     const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
-    if (records != nullptr) __builtin_prefetch(records + Home(address & 0xFFF, log2), 1);
+    if (records != nullptr) __builtin_prefetch(records + FirstSlot(address & 0xFFF, log2), 1);
   }
 
   // The rest needs the lock, or that operations are kept out.
 
-  /// Of the clears that there were; records of an older one do not count.
+  /// Number of clears before the records were made. Records before the last clear do not count.
   std::uint32_t generation() const { return generation_; }
-  /// Empties the page for `generation`.
+  /// Removes all records; the next ones are of `generation`.
   void Empty(std::uint32_t generation);
 
   /// The record of `key`, or null.
@@ -87,8 +88,8 @@ class RecordPage {
     if (records == nullptr) return nullptr;
     const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
     const std::uint32_t mask = (1U << log2) - 1;
-    std::uint32_t i = Home(RecordKey::Offset(key), log2);
-    // A small table may be full: then the probe ends where it began.
+    std::uint32_t i = FirstSlot(RecordKey::Offset(key), log2);
+    // A small table may be full. Then the search ends where it began.
     for (std::uint32_t probes = 0; probes <= mask && records[i].key != 0; ++probes) {
       if (records[i].key == key &&
           (backtrace == kAnyBacktrace || records[i].backtrace == backtrace)) {
@@ -119,13 +120,14 @@ class RecordPage {
 
   static constexpr std::uint64_t kAnyBacktrace = UINT64_MAX;
 
-  /// Where a search begins: multiplicative hashing (2^32 divided by the golden ratio). Blocks of
-  /// one size lie at regular distances, which this spreads.
-  static std::uint32_t Home(std::uint64_t offset, unsigned log2_capacity) {
+  /// The slot where a search begins: multiplicative hashing (2^32 divided by the golden ratio).
+  /// Blocks of one size lie at regular distances, which this spreads.
+  static std::uint32_t FirstSlot(std::uint64_t offset, unsigned log2_capacity) {
     return (static_cast<std::uint32_t>(offset) * 0x9E3779B9U) >> (32 - log2_capacity);
   }
   void LockSlow();
   bool Grow();
+  void FreeRecords(bool pool_is_locked);
 
   std::atomic<std::uint8_t> locked_;
   std::atomic<std::uint8_t> log2_capacity_;
@@ -155,15 +157,14 @@ class RecordPages {
       }
     }
   }
-  /// As Find, but makes the region known. Null when there is no memory. Takes a lock when the
-  /// region is new.
+  /// As Find, but adds the region when it is unknown, under a lock. Null when there is no memory.
   static RecordPage* FindOrMake(std::uint64_t address) {
     RecordPage* const page = Find(address);
     return page != nullptr ? page : Make(address);
   }
 
-  /// Calls visit(std::uint64_t address, RecordPage&) for every page of every known region, whose
-  /// first byte is at `address`.
+  /// Calls visit(std::uint64_t address, RecordPage&) for every page of every known region.
+  /// `address` is that of the page's first byte.
   template <typename Visitor>
   static void ForEach(Visitor visit) {
     for (Leaf* leaf = leaves_.load(std::memory_order_acquire); leaf != nullptr; leaf = leaf->next) {
@@ -174,8 +175,11 @@ class RecordPages {
   }
   /// Returns once every operation that was inside a page has left it. The caller keeps new ones out.
   static void WaitForOperations();
-  /// Empties every page of another generation that nobody is inside of, for `generation`. True when
-  /// no record is left, of no generation. The caller keeps operations and other readers out.
+  /// Frees the lock of every page, in a forked child.
+  static void FreeLocksInChild();
+  /// Removes all records that are not of `generation` and gives their memory back, as far as no
+  /// operation is inside. True when no record is left. The caller keeps new operations out. Waits
+  /// for no lock: safe in a signal handler that has interrupted an operation.
   static bool EmptyAll(std::uint32_t generation);
 
  private:

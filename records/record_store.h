@@ -7,7 +7,6 @@
 #include "records/PointerSet.h"
 #include "records/backtrace_table.h"
 #include "records/record_pages.h"
-#include "records/thread_mark.h"
 
 namespace record_store {
 
@@ -20,21 +19,16 @@ inline std::uint32_t Generation() {
   return generation.load(std::memory_order_seq_cst);
 }
 
-/// Whether the calling thread holds the locks of all sets: between the fork handlers, or while it
-/// has the allocator disabled.
-inline bool ThreadHoldsStore() {
-  return (RecordMark() & kHoldsStore) != 0;
-}
-
-/// Holds the page of one block for one record operation of `set`, while nobody has kept operations
-/// out. `page` is not null. Allocates nothing; keeps errno.
+/// Holds the page of one block for one record operation of `set`, while no thread keeps operations
+/// out. `held`: the calling thread does so itself. `page` is not null. Allocates nothing; keeps
+/// errno.
 class PageGuard {
  public:
-  PageGuard(RecordPage* page, const PointerSet& set) : page_(page) {
+  PageGuard(RecordPage* page, const PointerSet& set, bool held) : page_(page) {
     for (;;) {
       page_->Lock();
       if (__builtin_expect(static_cast<long>(!set.pointer_mutex.is_locked()), 1L) != 0) return;
-      if (ThreadHoldsStore()) return;
+      if (held) return;
       page_->Unlock();
       WaitPatiently([&set] { return !set.pointer_mutex.is_locked(); });
     }
@@ -47,8 +41,8 @@ class PageGuard {
   RecordPage* const page_;
 };
 
-/// Calls visit(std::uint64_t address, Record&) for every record and kept time that no clear has
-/// taken. The caller keeps record operations out.
+/// Calls visit(std::uint64_t address, Record&) for every record and kept time since the last clear.
+/// The caller keeps record operations out.
 template <typename Visitor>
 void ForEachRecord(Visitor visit) {
   const std::uint32_t now = Generation();

@@ -1,9 +1,9 @@
-// The lock of the record store: four bytes, taken inline.
+// The record store's locks: four bytes, taken inline.
 //
 // A mutex of the C library costs a call each way and forty bytes. Unlocking here is a plain store,
 // so nobody is woken: a waiting thread looks again, and sleeps in between once the lock has been
-// held for longer than a record operation takes. Only a report, a fork and malloc_disable hold it
-// that long. A forked child may free the lock no matter which thread held it.
+// held for longer than a record operation takes. Only a report, a fork and malloc_disable hold one
+// that long. A forked child may free a lock that another thread held.
 #pragma once
 
 #include <sched.h>
@@ -55,4 +55,21 @@ class SetMutex {
 
  private:
   std::atomic<std::uint32_t> state_{0};
+};
+
+/// Holds a lock of a set while it lives, unless the thread holds the locks of all sets anyway.
+class SetLock {
+ public:
+  SetLock(SetMutex& mutex, bool held) : mutex_(mutex), held_(held) {
+    if (__builtin_expect(static_cast<long>(!held_), 1L) != 0) mutex_.lock();
+  }
+  ~SetLock() {
+    if (__builtin_expect(static_cast<long>(!held_), 1L) != 0) mutex_.unlock();
+  }
+  SetLock(const SetLock&) = delete;
+  SetLock& operator=(const SetLock&) = delete;
+
+ private:
+  SetMutex& mutex_;
+  const bool held_;
 };

@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "tracker/MemTrackControl.h"
 
@@ -21,17 +23,39 @@ constexpr std::size_t kLargestChunk = std::size_t{1} << 20;
 /// Bytes of the last request that failed, 0 for none.
 std::atomic<std::size_t> wanted{0};
 
-/// Memory from the allocator that waits for the request it was taken for.
-SetMutex reserve_lock;
-void* reserve = nullptr;
-std::size_t reserve_bytes = 0;
+/// At the start of each block in the reserve. The rest of the block is zero.
+struct Reserved {
+  Reserved* next;
+  std::size_t bytes;
+};
 
+/// Blocks from the C library's allocator that wait for the requests that failed. Without a lock: a
+/// forked child could not free it when another thread of its parent held it.
+std::atomic<Reserved*> reserve{nullptr};
+
+void AddReserve(Reserved* block) {
+  block->next = reserve.load(std::memory_order_relaxed);
+  while (!reserve.compare_exchange_weak(block->next, block, std::memory_order_release,
+                                        std::memory_order_relaxed)) {
+  }
+}
+
+/// A zeroed block of at least `bytes` bytes; null when the reserve has none.
 void* TakeReserve(std::size_t bytes) {
-  const std::lock_guard<SetMutex> guard(reserve_lock);
-  if (reserve == nullptr || reserve_bytes < bytes) return nullptr;
-  void* const memory = reserve;
-  reserve = nullptr;
-  return memory;
+  if (reserve.load(std::memory_order_relaxed) == nullptr) return nullptr;
+  Reserved* block = reserve.exchange(nullptr, std::memory_order_acquire);
+  void* found = nullptr;
+  while (block != nullptr) {
+    Reserved* const next = block->next;
+    if (found == nullptr && block->bytes >= bytes) {
+      *block = {};
+      found = block;
+    } else {
+      AddReserve(block);
+    }
+    block = next;
+  }
+  return found;
 }
 
 }  // namespace
@@ -48,24 +72,13 @@ void* Map(std::size_t bytes) {
 
 bool RefillFromHeap() {
   const std::size_t bytes = wanted.exchange(0, std::memory_order_relaxed);
-  // Nothing wanted: another thread has just refilled.
-  if (bytes == 0) return true;
+  if (bytes == 0) return true;  // another thread has just refilled
   const int saved_errno = errno;
-  const MallocDispatch* const dispatch = MemTrackControl::GetInstance()->dispatch();
-  void* memory = dispatch->memalign(kCacheLine, bytes);
-  if (memory != nullptr) {
-    std::memset(memory, 0, bytes);
-    {
-      const std::lock_guard<SetMutex> guard(reserve_lock);
-      std::swap(memory, reserve);
-      reserve_bytes = bytes;
-    }
-    if (memory != nullptr) dispatch->free(memory);
-    errno = saved_errno;
-    return true;
-  }
+  void* const memory = MemTrackControl::GetInstance()->dispatch()->memalign(kCacheLine, bytes);
   errno = saved_errno;
-  return false;
+  if (memory == nullptr) return false;
+  AddReserve(new (std::memset(memory, 0, bytes)) Reserved{nullptr, bytes});
+  return true;
 }
 
 void Zero(void* memory, std::size_t bytes) {
@@ -110,7 +123,11 @@ void* Pool::Cut(std::size_t bytes) {
   std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
   if (size > kLargestChunk) size = kLargestChunk;
   if (size < bytes + kCacheLine) size = bytes + kCacheLine;
-  auto* const chunk = static_cast<Chunk*>(Map(size));
+  auto* chunk = static_cast<Chunk*>(Map(size));
+  if (chunk == nullptr && size > bytes + kCacheLine) {
+    size = bytes + kCacheLine;  // a lack of memory: no more than needed
+    chunk = static_cast<Chunk*>(Map(size));
+  }
   if (chunk == nullptr) return nullptr;
   *chunk = {chunks_, size, kCacheLine + bytes};
   chunks_ = chunk;
@@ -136,23 +153,24 @@ void* Pool::Allocate(std::size_t bytes) {
 }
 
 void Pool::Free(void* block, std::size_t bytes) {
-  const unsigned log2 = Log2Up(bytes, kSmallestLog2);
   const std::lock_guard<SetMutex> guard(lock_);
+  FreeLocked(block, bytes);
+}
+
+void Pool::FreeLocked(void* block, std::size_t bytes) {
+  const unsigned log2 = Log2Up(bytes, kSmallestLog2);
   auto* const freed = static_cast<FreeBlock*>(block);
   freed->next = free_[log2];
   free_[log2] = freed;
 }
 
-bool Pool::Reset() {
-  if (!lock_.try_lock()) return false;
+void Pool::ResetLocked() {
   for (FreeBlock*& first : free_) first = nullptr;
   for (Chunk* chunk = chunks_; chunk != nullptr; chunk = chunk->next) {
     Zero(reinterpret_cast<char*>(chunk) + kCacheLine, chunk->bytes - kCacheLine);
     chunk->used = kCacheLine;
   }
   current_ = chunks_;
-  lock_.unlock();
-  return true;
 }
 
 }  // namespace table_memory

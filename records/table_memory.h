@@ -1,8 +1,8 @@
 // Memory of the record tables.
 //
-// It comes from the kernel, not from the C library's allocator: a table grows while locks of the
-// store are held, and malloc_disable takes the allocator's lock before those. Only when the kernel
-// refuses does the allocator help out, at a moment when no lock is held.
+// It comes from the kernel. The C library's allocator is the last resort: it would count the tables
+// among the program's own blocks. It is asked when no lock of the store is held, since
+// malloc_disable takes the allocator's lock before those.
 //
 // Nothing is ever unmapped: tables are read without locks, and a reader may still look at a block
 // that was given back.
@@ -21,15 +21,17 @@ inline constexpr std::size_t kCacheLine = 64;
 /// no memory; then RefillFromHeap may help. Keeps errno. Any thread, under any lock of the store.
 void* Map(std::size_t bytes);
 
-/// Takes memory for the last Map that failed from the C library's allocator; the next Map gets it.
-/// False when there is none. Keeps errno. The caller holds no lock of the store.
+/// Asks the C library's allocator for the memory that the last failed Map lacked; a later Map gets
+/// it. False when there is none. Keeps errno. The caller holds no lock of the store and is not inside
+/// the allocator, as a hooked call may be.
 bool RefillFromHeap();
 
 /// Zeroes `bytes` bytes that Map has returned and gives whole pages of them back to the kernel.
 /// Keeps errno. Any thread.
 void Zero(void* memory, std::size_t bytes);
 
-/// Blocks of a power of two bytes, cut from chunks. Any thread; keeps errno.
+/// Blocks of a power of two bytes, cut from chunks. Any thread; keeps errno. The caller may hold the
+/// pool's lock over several calls of the functions named so.
 class Pool {
  public:
   /// `bytes` zeroed bytes, rounded up to a power of two of at least 32. Null when there is no
@@ -37,9 +39,16 @@ class Pool {
   void* Allocate(std::size_t bytes);
   /// Takes back what Allocate(bytes) returned. Takes the pool's lock.
   void Free(void* block, std::size_t bytes);
-  /// Takes back every block and gives the pages back to the kernel; the addresses stay mapped.
-  /// False, with nothing done, when a thread is inside the pool.
-  bool Reset();
+
+  /// The pool's lock.
+  bool try_lock() { return lock_.try_lock(); }
+  void lock() { lock_.lock(); }
+  void unlock() { lock_.unlock(); }
+  /// As Free, under the pool's lock.
+  void FreeLocked(void* block, std::size_t bytes);
+  /// Takes back every block and gives the pages back to the kernel; the addresses stay mapped. Under
+  /// the pool's lock.
+  void ResetLocked();
 
  private:
   struct Chunk {

@@ -79,12 +79,33 @@ def loaded_address(elf, words, start, index):
     return None
 
 
+def words_of(elf, function):
+    """The instructions of a function.
+
+    A linker that works around erratum 843419 of the Cortex-A53 moves a load or store to a thunk
+    outside the function: the instruction and a jump back. Such an instruction is put back.
+    """
+    words = list(elf.words(function.value, function.size))
+    for index, word in enumerate(words):
+        address = function.value + 4 * index
+        if word >> 26 != 0x05:  # b
+            continue
+        thunk = branch_target(address, word)[0]
+        if 0 <= thunk - function.value < function.size:
+            continue
+        moved, back = elf.words(thunk, 8)
+        if (moved & 0x3B000000 == 0x39000000  # load or store with an unsigned offset
+                and back >> 26 == 0x05 and branch_target(thunk + 4, back)[0] == address + 4):
+            words[index] = moved
+    return words
+
+
 def calls_of(elf, function):
     """The calls in a function and the direct jumps out of it, with the frame record there.
 
     Follows every path from the entry; where paths meet with different states, there is none.
     """
-    words = elf.words(function.value, function.size)
+    words = words_of(elf, function)
     states, work, calls = {}, [(function.value, NONE)], {}
     while work:
         address, frame = work.pop()

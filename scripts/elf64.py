@@ -10,13 +10,16 @@ import struct
 
 EM_AARCH64 = 183
 ET_REL, ET_DYN = 1, 3
-PT_LOAD, PT_TLS, PT_GNU_RELRO = 1, 7, 0x6474E552
+PT_LOAD, PT_TLS, PT_GNU_RELRO, PT_GNU_PROPERTY = 1, 7, 0x6474E552, 0x6474E553
 PF_W = 2
 SHT_SYMTAB, SHT_STRTAB, SHT_NOBITS, SHT_DYNSYM = 2, 3, 8, 11
 SHF_ALLOC = 2
 SHN_UNDEF, SHN_ABS = 0, 0xFFF1
 STB_LOCAL, STT_FUNC, STT_TLS = 0, 2, 6
 R_AARCH64_GLOB_DAT, R_AARCH64_JUMP_SLOT, R_AARCH64_RELATIVE = 1025, 1026, 1027
+# The property of code whose functions all agree, and its bits.
+GNU_PROPERTY_AARCH64_FEATURE_1_AND = 0xC0000000
+AARCH64_FEATURES = {"BTI": 1, "PAC": 2}
 DT = {"NEEDED": 1, "PLTRELSZ": 2, "STRTAB": 5, "SYMTAB": 6, "RELA": 7, "RELASZ": 8, "INIT": 12,
       "TEXTREL": 22, "JMPREL": 23, "BIND_NOW": 24, "INIT_ARRAY": 25, "INIT_ARRAYSZ": 27,
       "FLAGS": 30, "RELRSZ": 35, "RELR": 36, "ANDROID_REL": 0x6000000F,
@@ -95,6 +98,20 @@ class Elf:
     def needed(self):
         strings = self.at(self.dyn("STRTAB"))
         return [self.text(strings + value) for value in self.dynamic.get(DT["NEEDED"], [])]
+
+    @functools.cached_property
+    def branch_protection(self):
+        """The names of the AArch64 features that the file's GNU property note claims."""
+        for segment in (s for s in self.segments if s.type == PT_GNU_PROPERTY):
+            name_size, size, _, _ = self._unpack("<III4s", segment.offset)
+            offset = segment.offset + 12 + name_size
+            end = offset + size
+            while offset < end:
+                kind, length, value = self._unpack("<III", offset)
+                if kind == GNU_PROPERTY_AARCH64_FEATURE_1_AND:
+                    return [name for name, bit in AARCH64_FEATURES.items() if value & bit]
+                offset += 8 + -(-length // 8) * 8
+        return []
 
     def symbols(self, kind):
         """The symbols of the table with this section type, but for the null symbol."""

@@ -50,11 +50,12 @@ int sig_safe_op(void (*op)(void*), void* arg) {
       sigaddset(&signals, SIGBUS) != 0) {
     return 1;
   }
-  sigmux_entry* entry = sigmux_register(&signals, fault_handler, &context, 0);
-  if (entry == nullptr) return 1;
+  // On the stack, so that unhooking works without memory.
+  sigmux_entry entry = {nullptr, {nullptr}, signals, fault_handler, &context, 0};
+  sigmux_add(&entry);
   const int result = run_until_fault(&context, op, arg);
   const int saved_errno = errno;
-  sigmux_unregister(entry);
+  sigmux_remove(&entry);
   errno = saved_errno;
   return result;
 }

@@ -1,7 +1,8 @@
 // Running code that may fault, and writing to memory that may not be writable.
 //
 // Called by the hook engine when it patches a slot, on whichever thread does the hooking; several
-// threads may do so at once. For rare operations: each call registers and removes a handler.
+// threads may do so at once. For rare operations: each call adds and removes a handler. Nothing
+// here allocates.
 #pragma once
 
 #include <setjmp.h>

@@ -188,7 +188,7 @@ bool is_dropped(int signum, bool ignored) {
 }
 
 /// Ends the process by `signum`. Signals whose default action does not kill (SIGCONT, SIGURG, the
-/// stop signals) come back from raise and end in abort: that is wanted, none is emulated.
+/// stop signals) come back from raise and end in abort. Intentional: none is emulated.
 [[noreturn]] void die_by(int signum) {
   set_signal_handler_to_default(signum);
   sigset_t only;
@@ -214,7 +214,16 @@ sigmux_entry* sigmux_register(const sigset_t* signals, sigmux_handler handler, v
   entry->handler = handler;
   entry->data = data;
   entry->flags = flags;
+  sigmux_add(entry);
+  return entry;
+}
 
+void sigmux_unregister(sigmux_entry* entry) {
+  sigmux_remove(entry);
+  free(entry);
+}
+
+void sigmux_add(sigmux_entry* entry) {
   const lock_guard guard;
   sigmux_entry* first = state.handlers.next.load(std::memory_order_relaxed);
   entry->prev = &state.handlers;
@@ -222,19 +231,15 @@ sigmux_entry* sigmux_register(const sigset_t* signals, sigmux_handler handler, v
   first->prev = entry;
   // From here on dispatchers see the entry, so it is complete by now.
   state.handlers.next.store(entry, std::memory_order_release);
-  return entry;
 }
 
-void sigmux_unregister(sigmux_entry* entry) {
-  {
-    const lock_guard guard;
-    // The entry keeps its own links: a dispatcher that stands on it finds its way on.
-    sigmux_entry* next = entry->next.load(std::memory_order_relaxed);
-    entry->prev->next.store(next, std::memory_order_release);
-    next->prev = entry->prev;
-    phaser_drain(&state.phaser);
-  }
-  free(entry);
+void sigmux_remove(sigmux_entry* entry) {
+  const lock_guard guard;
+  // The entry keeps its own links: a dispatcher that stands on it finds its way on.
+  sigmux_entry* next = entry->next.load(std::memory_order_relaxed);
+  entry->prev->next.store(next, std::memory_order_release);
+  next->prev = entry->prev;
+  phaser_drain(&state.phaser);
 }
 
 int sigmux_handle_signal(int signum, siginfo_t* info, void* context, std::uint32_t selector) {

@@ -29,7 +29,8 @@ struct sigmux_event {
 /// register or remove handlers.
 using sigmux_handler = int (*)(sigmux_event* event, void* data);
 
-/// A place in the list of handlers. Opaque to callers.
+/// A place in the list of handlers. Opaque to callers of sigmux_register; sigmux_add's callers fill
+/// in signals, handler, data and flags.
 struct sigmux_entry {
   sigmux_entry* prev;
   /// Dispatchers follow this one without the lock.
@@ -55,7 +56,7 @@ int sigmux_init(int signum);
 
 /// Adds a handler for `signals` (copied) in front of all others; `data` is handed to it untouched
 /// and `flags` is 0 or SIGMUX_FLAG_LATE. Takes over no signal: that is sigmux_init's. Returns the
-/// entry to remove it by, or null for want of memory. Takes the multiplexer's lock.
+/// entry to remove it by, or null when there is no memory. Takes the multiplexer's lock.
 sigmux_entry* sigmux_register(const sigset_t* signals, sigmux_handler handler, void* data,
                               std::uint32_t flags);
 
@@ -63,6 +64,11 @@ sigmux_entry* sigmux_register(const sigset_t* signals, sigmux_handler handler, v
 /// nowhere and its data may go. Waits for running dispatchers; may change errno. Takes the
 /// multiplexer's lock.
 void sigmux_unregister(sigmux_entry* entry);
+
+/// The same two for an entry that the caller owns, which must live until sigmux_remove returns.
+/// They allocate nothing and cannot fail.
+void sigmux_add(sigmux_entry* entry);
+void sigmux_remove(sigmux_entry* entry);
 
 /// Offers a delivery to the handlers and the previous action, as far as `selector` says: the sum of
 /// SIGMUX_RUN_ values. SIGMUX_RUN_PREVIOUS is for a signal that is taken over. Returns what the

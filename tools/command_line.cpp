@@ -5,6 +5,7 @@
 #include <exception>
 #include <iostream>
 
+#include "tools/names.h"
 #include "tools/user_error.h"
 
 namespace memleak {
@@ -43,6 +44,10 @@ std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
   return static_cast<std::uint32_t>(ParseNumber(name, text, kind));
 }
 
+void AddVersion(CLI::App* app) {
+  app->set_version_flag("--version", "memleak " MEMLEAK_VERSION, "Print the version and exit");
+}
+
 CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text) {
   CLI::App* command = app->add_subcommand(name, summary);
   command->footer(text);
@@ -74,10 +79,10 @@ int GuardedMain(int count, char** values, int (*command)(const std::vector<std::
     }
     return code;
   } catch (const UserError& error) {
-    std::cerr << "memleak: " << error.what() << "\n";
+    std::cerr << "memleak: " << Printable(error.what()) << "\n";
     return kExitUserError;
   } catch (const std::exception& error) {
-    std::cerr << "memleak: internal error: " << error.what() << "\n";
+    std::cerr << "memleak: internal error: " << Printable(error.what()) << "\n";
     return kExitUserError;
   }
 }

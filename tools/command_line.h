@@ -39,11 +39,14 @@ std::uint64_t ParseNumber(const std::string& name, const std::string& text, cons
 std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
                             const NumberKind& kind);
 
+/// Adds --version, which prints the program's name and version.
+void AddVersion(CLI::App* app);
+
 /// Adds the subcommand `name`; `text` stands below its options.
 CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text);
 
-/// Fills in the options of `app` from `words`. Returns the exit code when that was all, for help;
-/// afterwards there is one subcommand. Throws UserError.
+/// Fills in the options of `app` from `words`. Returns the exit code when that was all, for help
+/// and version; afterwards there is one subcommand. Throws UserError.
 std::optional<int> ParseWords(CLI::App* app, const std::vector<std::string>& words);
 
 /// Runs `command` with the arguments of main and returns the exit code. What it throws, and output

@@ -93,11 +93,6 @@ struct ExportOptions {
 int OnCommand(const OnOptions& options);
 /// OnCommand for the kinds that are recorded through hooks.
 int HookOnCommand(const OnOptions& options);
-/// Throws UserError, naming the command to be given first, when the log of `process` says that
-/// native recording is on and `wanted` is a kind that is recorded through hooks, or the other way
-/// round: the tracker looks blocks up by the kind of the latest command, and so loses track of
-/// both. Where there is no log to be read, nothing is known and nothing is refused.
-void RefuseBeside(const ProcessInfo& process, Kind wanted);
 /// After a report of a hooked kind: prints what is hooked all the same, as far as slots can be
 /// read.
 void PrintStillHooked(const ProcessInfo& process);

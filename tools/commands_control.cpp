@@ -6,7 +6,9 @@
 
 #include "tools/commands.h"
 #include "tools/control.h"
+#include "tools/interference.h"
 #include "tools/loaded_libraries.h"
+#include "tools/names.h"
 #include "tools/process_info.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
@@ -41,11 +43,12 @@ BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& opt
 std::string MethodName(char type) {
   if (type == kUnwindFramePointers) return "frame pointers";
   if (type == kUnwindTables) return "dwarf";
-  return std::string("invalid type '") + type + "'";
+  return "invalid type '" + Printable({&type, 1}) + "'";
 }
 
-int SendSimple(pid_t pid, std::uint64_t word, const char* done) {
+int SendSimple(pid_t pid, Kind kind, std::uint64_t word, const char* done) {
   const ProcessInfo process = RequireTracked(pid, kStartPatienceMs);
+  RefuseBeside(process, kind);
   SendCommand(process, word, 0);
   std::cout << process.Label() << ": " << done << "\n";
   return kExitOk;
@@ -72,13 +75,13 @@ int OnCommand(const OnOptions& options) {
 }
 
 int PauseCommand(pid_t pid, Kind kind) {
-  return SendSimple(pid, InfoOf(kind).pause,
+  return SendSimple(pid, kind, InfoOf(kind).pause,
                     kind == Kind::kNative ? "recording paused; freed blocks still leave the tables"
                                           : "recording paused; the hooks stay and do nothing");
 }
 
 int ClearCommand(pid_t pid, Kind kind) {
-  return SendSimple(pid, InfoOf(kind).clear, "tables emptied");
+  return SendSimple(pid, kind, InfoOf(kind).clear, "tables emptied");
 }
 
 int SendWordCommand(const SendOptions& options) {

@@ -8,7 +8,9 @@
 #include "tools/format.h"
 #include "tools/hook_outcome.h"
 #include "tools/hook_targets.h"
+#include "tools/interference.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
 #include "tools/site.h"
@@ -18,7 +20,7 @@ namespace memleak {
 namespace {
 
 void Complain(const std::string& line) {
-  std::cerr << "memleak: " << line << "\n";
+  std::cerr << "memleak: " << Printable(line) << "\n";
 }
 
 // What can be done of the options; says what cannot. Throws when that is all of it.
@@ -243,25 +245,6 @@ int HookOnCommand(const OnOptions& options) {
            "        one hook off: give as many as it takes.\n";
   }
   return kExitOk;
-}
-
-void RefuseBeside(const ProcessInfo& process, Kind wanted) {
-  const std::optional<std::string> log = OwnLog(process);
-  if (!log) return;
-  const std::string first = "first: memleak report " + std::to_string(process.pid);
-  if (wanted != Kind::kNative) {
-    if (RecordingFromLog(*log) != Recording::kOn) return;
-    throw UserError("native recording is on in " + process.Label() +
-                        ", and neither is recorded well beside the other; nothing was sent",
-                    first);
-  }
-  const std::string hooks = HooksFromLog(*log);
-  for (const KindInfo& info : AllKinds()) {
-    if (hooks != std::string(info.name) + " on") continue;
-    throw UserError(std::string(info.name) + " recording is on in " + process.Label() +
-                        ", and neither is recorded well beside the other; nothing was sent",
-                    first + " --kind " + info.name);
-  }
 }
 
 void PrintStillHooked(const ProcessInfo& process) {

@@ -12,6 +12,7 @@
 #include "tools/format.h"
 #include "tools/interference.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/process_info.h"
 #include "tools/report/report_parser.h"
 #include "tools/report/show.h"
@@ -69,15 +70,16 @@ std::string SettingsText(const ProcessInfo& process) {
   const char* method = type[0] == kUnwindFramePointers ? " (frame pointers)"
                        : type[0] == kUnwindTables      ? " (dwarf)"
                                                        : " (invalid)";
-  return "backtrace type " + type + method + ", size " +
-         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + stored.place + "]";
+  return "backtrace type " + Printable(type) + method + ", size " +
+         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + Printable(stored.place) +
+         "]";
 }
 
 std::string ReportText(const std::string& path) {
   const std::optional<FileState> state = StateOf(path);
   if (!state) return "none yet";
   const std::int64_t age = std::time(nullptr) - state->modified_ns / kNanoseconds;
-  return path + " (" + FormatBytes(static_cast<std::uint64_t>(state->size)) + ", " +
+  return Printable(path) + " (" + FormatBytes(static_cast<std::uint64_t>(state->size)) + ", " +
          FormatAge(age) + " old" + (EndsComplete(path) ? ")" : ", incomplete)");
 }
 
@@ -96,7 +98,7 @@ std::string SignalText(const ProcessInfo& process) {
 
 int ReportCommand(const ReportOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
-  if (options.keep_recording) RequireNoHooks(process);
+  RefuseBeside(process, options.kind);
   const std::uint64_t word = options.keep_recording ? kReportGoingOn : InfoOf(options.kind).report;
   const std::chrono::milliseconds took =
       TakeReport(process, word, options.timeout_s, OldReport::kKeepBeside);
@@ -104,7 +106,7 @@ int ReportCommand(const ReportOptions& options) {
 
   ReportHeader header;
   ReadReportFile(path, {}, &header);
-  std::cout << "report  " << path << "\n"
+  std::cout << "report  " << Printable(path) << "\n"
             << "groups  " << FormatCount(header.groups);
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";
@@ -114,7 +116,7 @@ int ReportCommand(const ReportOptions& options) {
             << FormatBytes(header.total_bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
   const std::string fetch = FetchCommand(path);
-  if (!fetch.empty()) std::cout << "fetch   " << fetch << "\n";
+  if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
   if (options.kind != Kind::kNative) PrintStillHooked(process);
   if (options.keep_recording) std::cout << "        recording was not touched\n";
   return kExitOk;
@@ -122,17 +124,17 @@ int ReportCommand(const ReportOptions& options) {
 
 int StatusCommand(pid_t pid) {
   const ProcessInfo process = InspectProcess(pid);
-  std::cout << "process     " << process.Label() << ", " << process.executable << "\n"
+  std::cout << "process     " << process.Label() << ", " << Printable(process.executable) << "\n"
             << "tracked     " << SignalText(process) << "\n";
   if (!process.has_tracker) return kExitNegative;
   std::cout << "recording   " << RecordingText(process) << "\n";
   const std::string hooks = HooksText(process);
   if (!hooks.empty()) std::cout << "hooks       " << hooks << "\n";
-  std::cout << "root        " << process.root << "\n"
+  std::cout << "root        " << Printable(process.root) << "\n"
             << "properties  " << SettingsText(process) << "\n"
             << "report      " << ReportText(process.ReportPath()) << "\n";
   const std::string log = LogPlace(process);
-  if (!log.empty()) std::cout << "log         " << log << "\n";
+  if (!log.empty()) std::cout << "log         " << Printable(log) << "\n";
   return TakesCommands(process) ? kExitOk : kExitNegative;
 }
 

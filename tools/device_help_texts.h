@@ -45,6 +45,8 @@ the tracker first.
   ion   DMA-heap buffers: ioctl in libdmabufheap.so
   gpu   KGSL buffers: ioctl in libgsl.so
 A list takes up to 91 bytes. Record one kind at a time: all share the tables.
+While native memory is recorded, no other kind can be recorded well. As far as
+hooked slots tell, commands for native memory are refused meanwhile.
 
 Each `on` puts its hooks on top of those that are there, also after a pause, and
 each `report --kind` takes one off, in the libraries that the latest `on` has

@@ -17,6 +17,7 @@ int Main(const std::vector<std::string>& arguments) {
   CLI::App app{"memleak - steer the recording of native memory in a process of this device",
                "memleak"};
   app.require_subcommand(1);
+  AddVersion(&app);
   app.footer(help::kDeviceMain);
   const auto formatter = std::make_shared<CLI::Formatter>();
   formatter->column_width(26);

@@ -5,16 +5,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <climits>
 
 namespace memleak {
-namespace {
-
-// Before the umask takes its part.
-constexpr mode_t kDirectoryMode = 0777;
-
-}  // namespace
 
 bool IsPlainFile(const std::string& path) {
   struct stat status {};
@@ -30,12 +23,6 @@ std::string LinkTarget(const std::string& path) {
   std::array<char, PATH_MAX> target{};
   const ssize_t length = readlink(path.c_str(), target.data(), target.size());
   return length < 0 ? "" : std::string(target.data(), static_cast<std::size_t>(length));
-}
-
-bool MakeDirectories(const std::string& path) {
-  if (mkdir(path.c_str(), kDirectoryMode) == 0 || IsDirectory(path)) return true;
-  if (errno != ENOENT || path.empty() || ParentPath(path) == path) return false;
-  return MakeDirectories(ParentPath(path)) && mkdir(path.c_str(), kDirectoryMode) == 0;
 }
 
 std::string JoinPath(const std::string& directory, const std::string& below) {

@@ -15,10 +15,6 @@ bool IsDirectory(const std::string& path);
 /// Where the symbolic link `path` leads; empty when it is none or cannot be read.
 std::string LinkTarget(const std::string& path);
 
-/// Makes the directory `path` and those above it that are missing. False, with errno set, when it
-/// is not there in the end.
-bool MakeDirectories(const std::string& path);
-
 /// `directory` and `below`, which is relative, as one path.
 std::string JoinPath(const std::string& directory, const std::string& below);
 

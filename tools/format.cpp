@@ -1,11 +1,14 @@
 // Human-readable sizes, counts, ages and names.
 #include "tools/format.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
 #include <limits>
 #include <vector>
+
+#include "tools/names.h"
 
 namespace memleak {
 namespace {
@@ -14,10 +17,6 @@ constexpr double kUnitStep = 1024.0;
 constexpr std::int64_t kMinute = 60;
 constexpr std::int64_t kHour = 60 * kMinute;
 constexpr std::int64_t kDay = 24 * kHour;
-
-bool IsContinuation(char c) {
-  return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
-}
 
 /// Characters from `first` to `last`.
 struct Block {
@@ -34,40 +33,34 @@ constexpr std::array kWideBlocks = {
     Block{0x16fe0, 0x1b2ff}, Block{0x1f300, 0x1f64f}, Block{0x1f680, 0x1f6ff},
     Block{0x1f900, 0x1f9ff}, Block{0x20000, 0x3fffd}};
 
-/// A character of UTF-8, or a byte that is none.
-struct Point {
+// Columns of a terminal that Printable(character.bytes) takes.
+std::size_t ColumnsOf(const Character& character) {
+  if (!character.printable) return Printable(character.bytes).size();
+  const bool wide = std::any_of(kWideBlocks.begin(), kWideBlocks.end(), [&](const Block& block) {
+    return character.value >= block.first && character.value <= block.last;
+  });
+  return wide ? 2 : 1;
+}
+
+/// A character and the columns that it takes.
+struct Cell {
   std::string_view bytes;
   std::size_t columns = 1;
 };
 
-std::size_t ColumnsOf(std::string_view bytes) {
-  const auto lead = static_cast<unsigned char>(bytes.front());
-  // A lead byte of a sequence of n has n ones at its front.
-  const std::uint32_t mask = bytes.size() == 4 ? 0x07 : (bytes.size() == 3 ? 0x0f : 0x1f);
-  std::uint32_t value = lead & mask;
-  for (const char c : bytes.substr(1))
-    value = (value << 6U) | (static_cast<unsigned char>(c) & 0x3fU);
-  for (const Block& block : kWideBlocks) {
-    if (bytes.size() > 2 && value >= block.first && value <= block.last) return 2;
+std::vector<Cell> CellsOf(std::string_view text) {
+  std::vector<Cell> cells;
+  while (!text.empty()) {
+    const Character character = FirstCharacter(text);
+    cells.push_back({character.bytes, ColumnsOf(character)});
+    text.remove_prefix(character.bytes.size());
   }
-  return 1;
+  return cells;
 }
 
-std::vector<Point> PointsOf(std::string_view text) {
-  std::vector<Point> points;
-  for (std::size_t begin = 0; begin < text.size();) {
-    std::size_t end = begin + 1;
-    while (end < text.size() && IsContinuation(text[end])) ++end;
-    const std::string_view bytes = text.substr(begin, end - begin);
-    points.push_back({bytes, ColumnsOf(bytes)});
-    begin = end;
-  }
-  return points;
-}
-
-std::size_t Sum(const std::vector<Point>& points) {
+std::size_t Sum(const std::vector<Cell>& cells) {
   std::size_t columns = 0;
-  for (const Point& point : points) columns += point.columns;
+  for (const Cell& cell : cells) columns += cell.columns;
   return columns;
 }
 
@@ -122,34 +115,27 @@ std::string FormatAge(std::int64_t seconds) {
 }
 
 std::size_t Columns(std::string_view text) {
-  return Sum(PointsOf(text));
+  return Sum(CellsOf(text));
 }
 
 std::string FitWidth(std::string_view text, std::size_t width) {
-  constexpr std::string_view kGap = "...";
-  const std::vector<Point> points = PointsOf(text);
-  const auto append = [](const Point& point, std::string* fitted) {
-    const auto first = static_cast<unsigned char>(point.bytes.front());
-    const bool control = first < 0x20 || first == 0x7f;
-    *fitted += control ? "?" : point.bytes;
-  };
-  std::string fitted;
-  if (Sum(points) <= width || width <= kGap.size()) {
-    for (const Point& point : points) append(point, &fitted);
-    return fitted;
+  const std::string kGap = "...";
+  const std::vector<Cell> cells = CellsOf(text);
+  if (Sum(cells) <= width || width <= kGap.size()) return Printable(text);
+  const std::size_t room = width - kGap.size();
+  std::size_t left = (room + 1) / 2;
+  std::size_t front = 0;  // bytes
+  for (auto cell = cells.begin(); cell->columns <= left; ++cell) {
+    left -= cell->columns;
+    front += cell->bytes.size();
   }
-  std::size_t room = width - kGap.size();
-  std::size_t front = 0;
-  for (std::size_t half = (room + 1) / 2; points[front].columns <= half; ++front) {
-    half -= points[front].columns;
-    room -= points[front].columns;
-    append(points[front], &fitted);
+  left += room / 2;
+  std::size_t back = 0;
+  for (auto cell = cells.rbegin(); cell->columns <= left; ++cell) {
+    left -= cell->columns;
+    back += cell->bytes.size();
   }
-  fitted += kGap;
-  std::size_t back = points.size();
-  while (points[back - 1].columns <= room) room -= points[--back].columns;
-  for (; back < points.size(); ++back) append(points[back], &fitted);
-  return fitted;
+  return Printable(text.substr(0, front)) + kGap + Printable(text.substr(text.size() - back));
 }
 
 }  // namespace memleak

@@ -20,12 +20,11 @@ std::string FormatAge(std::int64_t seconds);
 /// A moment of today, local time: "14:03:22".
 std::string FormatClock(std::int64_t seconds_since_epoch);
 
-/// `text` with control characters replaced by '?', so that a name cannot steer the terminal, and
-/// shortened in the middle to `width` columns.
+/// Printable(text), shortened in the middle to `width` columns.
 std::string FitWidth(std::string_view text, std::size_t width);
 
-/// Columns of a terminal that UTF-8 `text` takes: two for wide characters, as those of East Asia,
-/// one for all others.
+/// Columns of a terminal that Printable(text) takes: two for wide characters, as those of East
+/// Asia, four for each byte that is escaped, one for all others.
 std::size_t Columns(std::string_view text);
 
 }  // namespace memleak

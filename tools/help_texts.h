@@ -60,8 +60,9 @@ the tracker first.
   ion   DMA-heap buffers: ioctl in libdmabufheap.so
   gpu   KGSL buffers: ioctl in libgsl.so
 --lib and --func are written to the properties too; such a list takes up to 91
-bytes. Record one kind at a time: all share the tables. Beside native recording
-no other kind is switched on, nor the other way round, where a log tells.
+bytes. Record one kind at a time: all share the tables. While native recording
+is on or paused, commands for other kinds are refused, and the other way round,
+as far as the log or the hooked slots tell: they would spoil the records.
 
 Each `on` puts its hooks on top of those that are there, also after a pause, and
 each `report --kind` takes one off, in the libraries that the latest `on` has
@@ -82,8 +83,8 @@ Examples:
 
 Exit codes:
   0  the command was sent; with another kind than native, something was hooked
-  2  no such process, not permitted, not tracked, root directory not writable,
-     or nothing hooked)";
+  2  no such process, not permitted, not tracked, memory of another kind is
+     recorded, root directory not writable, or nothing hooked)";
 
 inline constexpr const char* kPause = R"(
 No new blocks are recorded; blocks that are freed still leave the tables.
@@ -96,7 +97,8 @@ Examples:
 
 Exit codes:
   0  the command was sent
-  2  no such process, not permitted, or not tracked)";
+  2  no such process, not permitted, not tracked, or memory of another kind is
+     recorded)";
 
 inline constexpr const char* kReport = R"(
 Stops recording, has the process write its report, waits until that is
@@ -106,7 +108,7 @@ away; what earlier ones have left hooked is named, and records nothing.
 
 With --keep-recording the native heap goes on being recorded: no free is missed,
 so that reports taken one after the other can be compared. A process that
-records through hooks cannot: its report takes them away.
+records through hooks cannot go on: its report takes the hooks away.
 
 Examples:
   memleak report 4711
@@ -116,7 +118,8 @@ Examples:
 
 Exit codes:
   0  the report is complete
-  2  no such process, not permitted, not tracked, or no complete report in time)";
+  2  no such process, not permitted, not tracked, memory of another kind is
+     recorded, or no complete report in time)";
 
 inline constexpr const char* kWatch = R"(
 Takes a report every so often while recording goes on, saves each in DIR under
@@ -157,14 +160,16 @@ Exit codes:
 
 inline constexpr const char* kClear = R"(
 Drops everything recorded so far, of every kind. Recording stays as it is, on
-or off.
+or off. Name the kind that is recorded.
 
-Example:
+Examples:
   memleak clear 4711
+  memleak clear 4711 --kind mmap
 
 Exit codes:
   0  the command was sent
-  2  no such process, not permitted, or not tracked)";
+  2  no such process, not permitted, not tracked, or memory of another kind is
+     recorded)";
 
 inline constexpr const char* kLibs = R"(
 Lists the libraries of a process that import a function which can be hooked, by
@@ -247,7 +252,10 @@ anywhere in a name. Capitals are told apart: write [Ff]oo for either; [0-9], not
 that comes and goes drops out. A group is called "growing" when it has blocks
 from both the first and the last quarter of the time that the report covers,
 "settled" when it has none from the last, "recent" when it has none from the
-first.
+first. A report lists at most 30 ages of a stack: where it is not certain that
+they are those of the group's blocks, the ages are said to be "about" so, and
+the word is "perhaps". Blocks of other sizes with the same stack may be among
+them then, and --older-than may keep or drop such a group wrongly.
 
 Lines come from the libraries, from debug files (by build id, debug link or
 name) in --symbols and /usr/lib/debug; from servers with --debuginfod alone.

@@ -51,6 +51,8 @@ std::vector<std::string> Complaints(const std::vector<std::string>& lines) {
                                             "GOT entry ",
                                             "unsafe_patch_relocation_address mprotect",
                                             "allocator_block mmap fail",
+                                            "out of memory while hooking",
+                                            "too many thread keys are in use to hook a function",
                                             "load libfdtrack failed: ",
                                             "libfdtrack does not exist",
                                             "no EnableFdHook found",
@@ -69,9 +71,12 @@ std::vector<std::string> Complaints(const std::vector<std::string>& lines) {
 }
 
 std::vector<std::string> WithoutUnplanned(const std::vector<std::string>& complaints) {
-  constexpr std::string_view kReasons[] = {"no sharelib ", "GOT entry ",
+  constexpr std::string_view kReasons[] = {"no sharelib ",
+                                           "GOT entry ",
                                            "unsafe_patch_relocation_address mprotect",
-                                           "allocator_block mmap fail"};
+                                           "allocator_block mmap fail",
+                                           "out of memory while hooking",
+                                           "too many thread keys are in use to hook a function"};
   std::vector<std::string> rest;
   bool has_reason = false;
   for (const std::string& complaint : complaints) {

@@ -29,10 +29,9 @@ struct HookOutcome {
 /// The tracker's messages about failures in `lines` of its log.
 std::vector<std::string> Complaints(const std::vector<std::string>& lines);
 
-/// `complaints` without those about pairs that cannot be hooked and were never meant to be: the
-/// settings name libraries and functions apart, so the tracker also tries those that a library does
-/// not import, or has hooked them through several slots. The hook engine gives no reason for these.
-/// For when all that was planned is hooked.
+/// `complaints` without those about pairs outside the plan. The settings name libraries and
+/// functions apart, so the tracker also tries functions that a library does not import. For when
+/// all that was planned is hooked.
 std::vector<std::string> WithoutUnplanned(const std::vector<std::string>& complaints);
 
 /// Bytes of executable memory that belongs to no file; grows when trampolines are made. Not under

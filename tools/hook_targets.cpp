@@ -8,6 +8,8 @@
 namespace memleak {
 namespace {
 
+constexpr const char* kTrampolineName = "[anon:plthooks plt trampolines]";
+
 const LoadedLibrary* Find(const LoadedLibraries& loaded, const std::string& name) {
   const auto by = [&](auto matches) -> const LoadedLibrary* {
     const auto found = std::find_if(loaded.libraries.begin(), loaded.libraries.end(), matches);
@@ -48,6 +50,15 @@ ImportState StateOfSlot(const LoadedLibraries& loaded, const LoadedLibrary& libr
   // Until it is resolved a slot leads back into its own library.
   const bool own = mapping->path == library.path && !import.defined_here;
   return own ? ImportState::kUnresolved : ImportState::kReady;
+}
+
+// Whether the slot leads to the tracker's trampolines, and not to code that somebody else has made:
+// a kernel that keeps names of anonymous memory tells.
+bool LeadsToTracker(const LoadedLibraries& loaded, const LoadedLibrary& library,
+                    const Import& import, const ProcessMemory& memory) {
+  if (StateOfSlot(loaded, library, import, memory) != ImportState::kHooked) return false;
+  const Mapping* code = MappingOf(loaded, memory.Word(library.bias + import.slot).value_or(0));
+  return code != nullptr && (code->path.empty() || code->path == kTrampolineName);
 }
 
 std::string Joined(const std::vector<std::string>& names) {
@@ -219,7 +230,7 @@ std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMe
       const bool known = !hooked.empty() && hooked.back().library == library.name &&
                          hooked.back().function == import.function;
       if (known || !import.jump_slot || !HasProxy(import.function, library.name)) continue;
-      if (StateOfSlot(loaded, library, import, memory) == ImportState::kHooked) {
+      if (LeadsToTracker(loaded, library, import, memory)) {
         hooked.push_back({library.name, import.function});
       }
     }

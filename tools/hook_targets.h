@@ -62,8 +62,8 @@ struct HookPlan {
 HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
                    const HookRequest& request, const ProcessMemory& memory);
 
-/// All pairs in `process` with a slot that leads to a hook; none where `memory` cannot be read.
-/// Throws UserError when the process is gone.
+/// All pairs in `process` with a slot that leads to a hook of the tracker; none where `memory`
+/// cannot be read. Throws UserError when the process is gone.
 std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMemory& memory);
 
 /// The pairs of `plan` whose slots lead to a hook by now; none where `memory` cannot be read.

@@ -1,4 +1,4 @@
-// Command words in the tracker's log.
+// Command words in the tracker's log, and hooked slots.
 #include "tools/interference.h"
 
 #include <charconv>
@@ -10,9 +10,10 @@
 
 #include "tools/control.h"
 #include "tools/format.h"
-#include "tools/kinds.h"
+#include "tools/hook_targets.h"
 #include "tools/log_tail.h"
 #include "tools/root_directory.h"
+#include "tools/user_error.h"
 
 namespace memleak {
 namespace {
@@ -22,7 +23,7 @@ struct Effect {
   const char* text;
 };
 
-// What loses most stands first: a word may have several effects.
+// Most severe effect first: a word may have several.
 std::vector<Effect> Effects() {
   Effect clear{kFdClear, "its tables were emptied"};
   // These make another kind the one by which blocks are looked up.
@@ -45,7 +46,61 @@ std::string TimeOf(const std::string& line) {
   return time == 0 ? "" : " at " + FormatClock(time);
 }
 
+/// A recording that is on or paused.
+struct Recorded {
+  Kind kind = Kind::kNative;
+  const char* state = "";  // follows the kind's name
+};
+
+std::optional<Recorded> RecordedNatively(const ProcessInfo& process) {
+  const std::optional<std::string> log = OwnLog(process);
+  const Recording state = log ? RecordingFromLog(*log) : Recording::kUnknown;
+  if (state == Recording::kOn) return Recorded{Kind::kNative, " recording is on"};
+  if (state == Recording::kPaused) return Recorded{Kind::kNative, " recording is paused"};
+  return std::nullopt;
+}
+
+std::optional<Recorded> RecordedByHooks(const ProcessInfo& process) {
+  if (const std::optional<std::string> log = OwnLog(process)) {
+    const std::string state = HooksFromLog(*log);
+    for (const KindInfo& info : AllKinds()) {
+      if (state == std::string(info.name) + " on") return Recorded{info.kind, " recording is on"};
+      if (state == std::string(info.name) + " paused") {
+        return Recorded{info.kind, " recording is paused"};
+      }
+    }
+    // A forked child goes on as its parent did, whose lines are in the same log: ask the slots.
+    const bool others = !HooksFromLog(ReadTextFile(process.log).value_or("")).empty();
+    if (!state.empty() || !others) return std::nullopt;
+  }
+  const ProcessMemory memory(process.pid);
+  if (!memory.IsOpen()) return std::nullopt;
+  const std::vector<HookPair> hooked = AllHookedPairs(process, memory);
+  if (hooked.empty()) return std::nullopt;
+  const auto& [library, function] = hooked.front();
+  Recorded recorded{Kind::kMmap, " hooks are in place"};
+  for (const KindInfo& info : AllKinds()) {
+    if (function == "ioctl" && library == info.default_library) recorded.kind = info.kind;
+  }
+  return recorded;
+}
+
 }  // namespace
+
+void RefuseBeside(const ProcessInfo& process, Kind wanted) {
+  const auto find = [&](bool native) {
+    return native ? RecordedNatively(process) : RecordedByHooks(process);
+  };
+  const bool native = wanted == Kind::kNative;
+  const std::optional<Recorded> recorded = find(!native);
+  // With both recorded the harm is done, and each has to be ended somehow.
+  if (!recorded || find(native)) return;
+  const std::string kind = InfoOf(recorded->kind).name;
+  throw UserError(kind + recorded->state + " in " + process.Label() + ", and a command for " +
+                      InfoOf(wanted).name + " memory would spoil its records; nothing was sent",
+                  "first: memleak report " + std::to_string(process.pid) +
+                      (recorded->kind == Kind::kNative ? "" : " --kind " + kind));
+}
 
 std::string FindInterference(const std::vector<std::string>& lines) {
   const std::vector<Effect> effects = Effects();

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "protocol/private_files.h"
 #include "tools/control.h"
 #include "tools/elf_info.h"
 #include "tools/process_info.h"
@@ -184,7 +185,7 @@ void ComposeSettings(const RunOptions& options, const Program& program, LaunchPl
   settings.type = options.type.value_or(program.image.machine == EM_AARCH64 ? kUnwindFramePointers
                                                                             : kUnwindTables);
   settings.depth = options.depth.value_or(kDefaultDepth);
-  plan->properties = UpdateProperties(ReadTextFile(properties).value_or(""), settings);
+  plan->properties = UpdateProperties(ReadProperties(plan->root).value_or(""), settings);
   ComposeHooks(options, plan);
 
   const KindInfo& kind = InfoOf(options.kind);
@@ -207,11 +208,11 @@ void ComposeSettings(const RunOptions& options, const Program& program, LaunchPl
 
 // The tracker does without a log that it cannot open, and says nothing.
 void CheckLog(const std::string& log) {
-  constexpr mode_t kLogMode = 0644;
-  const int file = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogMode);
+  protocol::Refusal refusal;
+  const int file = protocol::OpenFile(AT_FDCWD, log.c_str(), protocol::Use::kAppend, refusal);
   if (file < 0) {
-    throw UserError("log not writable: " + log + ": " + std::strerror(errno),
-                    "name a file in a directory that is there and writable with --log FILE");
+    throw UserError("log not writable: " + log + ": " + refusal.Reason(),
+                    "name a file of your own, in a directory that is there, with --log FILE");
   }
   close(file);
 }

@@ -308,6 +308,7 @@ std::vector<std::string> ProgramWords(const CLI::App& command,
 int Main(const std::vector<std::string>& arguments) {
   CLI::App app{"memleak - find which call stacks of a running program hold its memory", "memleak"};
   app.require_subcommand(1);
+  AddVersion(&app);
   app.footer(help::kMain);
   app.formatter(std::make_shared<HelpFormatter>());
   Options options;

@@ -18,6 +18,7 @@
 #include "tools/control.h"
 #include "tools/files.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/site.h"
 #include "tools/user_error.h"
 
@@ -52,6 +53,15 @@ std::string_view StatusField(std::string_view status, std::string_view name) {
     return false;
   });
   return value;
+}
+
+// The effective one of the ids in a field such as "Uid": real, effective, saved, file system.
+std::uint32_t EffectiveId(std::string_view status, std::string_view name) {
+  std::string_view ids = StatusField(status, name);
+  ids.remove_prefix(std::min(ids.find('\t') + 1, ids.size()));
+  std::uint32_t id = 0;
+  std::from_chars(ids.data(), ids.data() + ids.size(), id);
+  return id;
 }
 
 UserError NoSuchProcess(pid_t pid) {
@@ -124,6 +134,8 @@ ProcessInfo Look(pid_t pid, bool* steady) {
   const std::string status = ReadStatus(pid);
   ProcessInfo process;
   process.pid = pid;
+  process.user = EffectiveId(status, "Uid");
+  process.group = EffectiveId(status, "Gid");
   process.name = StatusField(status, "Name");
   process.catches_signal = CatchesSignal(status, kControlSignal);
   process.environment = ParseEnvironment(image.environment);
@@ -239,7 +251,7 @@ std::string ExpandPid(std::string_view text, pid_t pid) {
 }
 
 std::string ProcessInfo::Label() const {
-  return std::to_string(pid) + " (" + name + ")";
+  return std::to_string(pid) + " (" + Printable(name) + ")";
 }
 
 std::string ProcessInfo::PropertiesPath() const {

@@ -40,6 +40,8 @@ std::string ExpandPid(std::string_view text, pid_t pid);
 /// A running process as seen from outside.
 struct ProcessInfo {
   pid_t pid = 0;
+  uid_t user = 0;               ///< its effective user, to whom its files belong
+  gid_t group = 0;              ///< its effective group
   std::string name;             ///< /proc/PID/comm; the guest program's under an emulator
   std::string executable;       ///< target of /proc/PID/exe
   bool is_emulated = false;     ///< the executable is a user-mode emulator ("qemu-...")
@@ -53,7 +55,7 @@ struct ProcessInfo {
   /// The properties file shared by processes without an own one; empty when unset.
   std::string shared_properties;
 
-  /// "PID (NAME)", for messages.
+  /// "PID (NAME)" for messages, the name as Printable writes it.
   std::string Label() const;
   std::string PropertiesPath() const;
   std::string ReportPath() const;

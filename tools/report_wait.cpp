@@ -39,6 +39,12 @@ std::string OldPath(const std::string& path) {
   return path + ".old";
 }
 
+/// Takes a watch off. Its type is int in the GNU C library and uint32_t in Android's.
+template <typename Watch>
+void RemoveWatch(int (*remove)(int, Watch), int events, int watch) {
+  remove(events, static_cast<Watch>(watch));
+}
+
 /// Follows the report's directory as the levels above it come into being.
 class DirectoryWatch {
  public:
@@ -75,7 +81,7 @@ class DirectoryWatch {
     while (true) {
       const std::string deepest = DeepestExisting();
       if (deepest == watched_) return;
-      if (watch_ >= 0) inotify_rm_watch(events_, watch_);
+      if (watch_ >= 0) RemoveWatch(inotify_rm_watch, events_, watch_);
       watch_ = inotify_add_watch(events_, deepest.c_str(), kEvents);
       if (watch_ < 0 && errno == ENOSPC) throw TooMany();
       // A directory that may not be read is left to the regular looks.

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "protocol/private_files.h"
 #include "tools/control.h"
 #include "tools/files.h"
 #include "tools/user_error.h"
@@ -19,11 +20,27 @@
 namespace memleak {
 namespace {
 
-constexpr mode_t kPropertiesMode = 0644;
+constexpr const char* kRemedy =
+    "choose another with --root DIR, or change its owner or permissions";
 
-UserError NotWritable(const std::string& root, const std::string& reason) {
-  return {"root directory not writable: " + root + ": " + reason,
-          "choose another with --root DIR, or change its permissions"};
+/// A descriptor that is closed in the end.
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() {
+    if (number_ >= 0) close(number_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int Number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+UserError NotWritable(const std::string& path, const std::string& reason) {
+  return {"root directory not writable: " + path + ": " + reason, kRemedy};
 }
 
 bool WriteAll(int file, std::string_view text) {
@@ -76,18 +93,41 @@ std::string WithProperty(std::string_view properties, const std::string& name,
 }
 
 void WriteProperties(const std::string& root, std::string_view properties) {
-  if (!MakeDirectories(root)) throw NotWritable(root, std::strerror(errno));
-  const std::string path = JoinPath(root, kPropertiesFile);
-  const std::string fresh = path + "." + std::to_string(getpid());
-  const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPropertiesMode);
-  if (file < 0) throw NotWritable(root, std::strerror(errno));
-  const bool written = WriteAll(file, properties);
-  int reason = errno;
-  close(file);
-  if (written && std::rename(fresh.c_str(), path.c_str()) == 0) return;
-  if (written) reason = errno;
-  unlink(fresh.c_str());
+  std::string path = JoinPath(root, kPropertiesFile);
+  protocol::Refusal refusal;
+  const Descriptor directory(
+      protocol::OpenDirectoryOf(path.data(), root.size(), protocol::Missing::kMake, refusal));
+  if (directory.Number() < 0) {
+    throw NotWritable(path.substr(0, refusal.path_bytes), refusal.Reason());
+  }
+  const std::string fresh = kPropertiesFile + ("." + std::to_string(getpid()));
+  // Left behind by an earlier process with the same id.
+  unlinkat(directory.Number(), fresh.c_str(), 0);
+  const Descriptor file(
+      protocol::OpenFile(directory.Number(), fresh.c_str(), protocol::Use::kCreate, refusal));
+  if (file.Number() < 0) throw NotWritable(root, refusal.Reason());
+  if (WriteAll(file.Number(), properties) &&
+      renameat(directory.Number(), fresh.c_str(), directory.Number(), kPropertiesFile) == 0) {
+    return;
+  }
+  const int reason = errno;
+  unlinkat(directory.Number(), fresh.c_str(), 0);
   throw NotWritable(root, std::strerror(reason));
+}
+
+std::optional<std::string> ReadProperties(const std::string& root) {
+  std::string path = JoinPath(root, kPropertiesFile);
+  protocol::Refusal refusal;
+  const Descriptor file(
+      protocol::OpenBelowRoot(path.data(), root.size(), protocol::Use::kRead, refusal));
+  if (file.Number() < 0) return std::nullopt;
+  std::string text;
+  std::array<char, 4096> piece{};
+  ssize_t count = 0;
+  while ((count = read(file.Number(), piece.data(), piece.size())) > 0) {
+    text.append(piece.data(), static_cast<std::size_t>(count));
+  }
+  return text;
 }
 
 std::optional<std::string> ReadTextFile(const std::string& path) {

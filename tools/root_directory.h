@@ -26,10 +26,15 @@ std::string UpdateProperties(std::string_view properties, const BacktraceSetting
 std::string WithProperty(std::string_view properties, const std::string& name,
                          const std::string& value);
 
-/// Creates `root` when missing and replaces its properties file by `properties` in one step, so
-/// that a process reading it meanwhile sees the old or the new text. Throws UserError when the root
-/// is not writable.
+/// Replaces the properties file in `root` by `properties` in one step, so that a process reading it
+/// meanwhile sees the old or the new text. Makes `root`, private to the caller, when it is missing.
+/// Throws UserError when `root` is not writable, belongs to another user, is writable for others or
+/// is a link.
 void WriteProperties(const std::string& root, std::string_view properties);
+
+/// The text of the properties file in `root`. Nothing when it cannot be read, or when `root` is a
+/// directory that WriteProperties refuses: the tracker does not read it either.
+std::optional<std::string> ReadProperties(const std::string& root);
 
 /// The text of a file, or nothing when it cannot be read.
 std::optional<std::string> ReadTextFile(const std::string& path);

@@ -1,10 +1,18 @@
 // Programs under the loader: their environment says where they keep their files.
+#include <grp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <vector>
 
 #include "tools/control.h"
 #include "tools/files.h"
 #include "tools/root_directory.h"
 #include "tools/site.h"
+#include "tools/user_error.h"
 
 namespace memleak {
 namespace {
@@ -24,6 +32,38 @@ std::string Lookup(const std::map<std::string, std::string>& environment, const 
   return entry == environment.end() ? "" : entry->second;
 }
 
+// While it lives, root's file access has the rights of a process's user. That process says where
+// its files are, and could otherwise have root read or write where only root may.
+class AsUserOf {
+ public:
+  explicit AsUserOf(const ProcessInfo& process) {
+    if (geteuid() != 0 || process.user == 0) return;
+    group_ = getegid();
+    groups_.resize(static_cast<std::size_t>(getgroups(0, nullptr)));
+    const int count = static_cast<int>(groups_.size());
+    active_ = getgroups(count, groups_.data()) == count && setgroups(0, nullptr) == 0 &&
+              setegid(process.group) == 0 && seteuid(process.user) == 0;
+    if (active_) return;
+    throw UserError("cannot take on the rights of user " + std::to_string(process.user) +
+                        ", whose process " + process.Label() + " is: " + std::strerror(errno),
+                    "run memleak as that user");
+  }
+  ~AsUserOf() {
+    // Root gets everything back that it has given up.
+    if (active_ && (seteuid(0) != 0 || setegid(group_) != 0 ||
+                    setgroups(groups_.size(), groups_.data()) != 0)) {
+      std::abort();
+    }
+  }
+  AsUserOf(const AsUserOf&) = delete;
+  AsUserOf& operator=(const AsUserOf&) = delete;
+
+ private:
+  bool active_ = false;
+  gid_t group_ = 0;
+  std::vector<gid_t> groups_;
+};
+
 }  // namespace
 
 void FindPlaces(ProcessInfo* process) {
@@ -36,8 +76,10 @@ void FindPlaces(ProcessInfo* process) {
 }
 
 StoredSettings ReadSettings(const ProcessInfo& process) {
-  const std::string own = process.PropertiesPath();
-  if (const auto text = ReadTextFile(own)) return {*text, own, false};
+  const AsUserOf user(process);
+  if (const auto text = ReadProperties(process.root)) {
+    return {*text, process.PropertiesPath(), false};
+  }
   // A process without an own file takes those that it shares; an own one hides them, and so is to
   // start as their copy.
   const std::string& shared = process.shared_properties;
@@ -46,6 +88,7 @@ StoredSettings ReadSettings(const ProcessInfo& process) {
 }
 
 void WriteSettings(const ProcessInfo& process, const std::string& text) {
+  const AsUserOf user(process);
   WriteProperties(process.root, text);
 }
 

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <optional>
@@ -11,8 +10,6 @@
 
 #include "tools/control.h"
 #include "tools/format.h"
-#include "tools/hook_targets.h"
-#include "tools/kinds.h"
 #include "tools/report_wait.h"
 #include "tools/root_directory.h"
 #include "tools/signal_sender.h"
@@ -71,24 +68,6 @@ std::optional<FileState> MakeRoom(const std::string& path, OldReport old) {
   return StateOf(path);
 }
 
-// The name of the first library of which a slot leads to a hook; empty for none, and where slots
-// cannot be read.
-std::string HookedLibrary(const ProcessInfo& process) {
-  const ProcessMemory memory(process.pid);
-  if (!memory.IsOpen()) return "";
-  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
-  for (const LoadedLibrary& library : loaded.libraries) {
-    if (library.is_program || !library.file) continue;
-    const bool hooked = std::any_of(
-        HookableFunctions().begin(), HookableFunctions().end(), [&](const std::string& function) {
-          return HasProxy(function, library.name) &&
-                 ImportStateOf(loaded, library, function, memory) == ImportState::kHooked;
-        });
-    if (hooked) return library.name;
-  }
-  return "";
-}
-
 }  // namespace
 
 std::string FormatDuration(milliseconds duration) {
@@ -120,24 +99,6 @@ milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uin
   if (result != WaitResult::kComplete && restore) RestoreOldReport(wait.path);
   CheckResult(result, process, wait.path, timeout_s);
   return took;
-}
-
-void RequireNoHooks(const ProcessInfo& process) {
-  const std::optional<std::string> log =
-      process.log.empty() ? std::nullopt : ReadTextFile(process.log);
-  std::string what;
-  if (log) {
-    const std::string state = HooksFromLog(*log);
-    if (state.ends_with(" on")) what = state.substr(0, state.size() - 3);
-  } else {
-    const std::string library = HookedLibrary(process);
-    if (!library.empty()) what = FitWidth(library, 80);
-  }
-  if (what.empty()) return;
-  throw UserError(
-      "process " + process.Label() + " records through hooks (" + what +
-          "), and a report takes them away, so recording cannot go on",
-      "end that first: memleak report " + std::to_string(process.pid) + " --kind mmap, ion or gpu");
 }
 
 }  // namespace memleak

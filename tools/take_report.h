@@ -21,10 +21,6 @@ enum class OldReport : std::uint8_t { kKeepBeside, kReplace };
 std::chrono::milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word,
                                      std::uint32_t timeout_s, OldReport old);
 
-/// Throws UserError when `process` records through hooks, which a report takes away, so that
-/// recording cannot go on. Its log tells; where there is none that can be read, its slots do.
-void RequireNoHooks(const ProcessInfo& process);
-
 /// "0.3 s".
 std::string FormatDuration(std::chrono::milliseconds duration);
 

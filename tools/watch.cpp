@@ -22,6 +22,7 @@
 #include "tools/html.h"
 #include "tools/interference.h"
 #include "tools/log_tail.h"
+#include "tools/names.h"
 #include "tools/process_info.h"
 #include "tools/report/diff_json.h"
 #include "tools/report/report_parser.h"
@@ -161,13 +162,14 @@ std::string Watch::Save(std::time_t now) const {
   name << "report-" << std::setw(4) << std::setfill('0') << reports_.size() + 1 << "-"
        << std::put_time(&parts, "%Y%m%d-%H%M%S") << ".txt";
   const fs::path target = fs::path(options_.directory) / name.str();
+  const fs::path part = target.string() + ".part";  // until it is whole
   std::error_code error;
-  fs::copy_file(process_.ReportPath(), target, error);
+  fs::copy_file(process_.ReportPath(), part, error);
   // Views of a report take its time from the file's.
-  if (!error) {
-    const fs::file_time_type made = fs::last_write_time(process_.ReportPath(), error);
-    if (!error) fs::last_write_time(target, made, error);
-  }
+  fs::file_time_type made;
+  if (!error) made = fs::last_write_time(process_.ReportPath(), error);
+  if (!error) fs::last_write_time(part, made, error);
+  if (!error) fs::rename(part, target, error);
   if (error) {
     throw UserError("cannot write " + target.string() + ": " + error.message(),
                     "make room, or name another directory with -o DIR");
@@ -258,7 +260,8 @@ std::string Watch::Run() {
   try {
     bool goes_on = Round();
     std::optional<milliseconds> due(0);
-    while (goes_on && interrupted == 0) {
+    // An interrupt during a round gets another one: blocks may have come since that was begun.
+    while (goes_on) {
       const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
       due = NextDue(*due, every, whole, now);
       if (!due || !WaitUntil(begin_ + *due)) break;
@@ -331,7 +334,7 @@ std::optional<milliseconds> NextDue(milliseconds last, milliseconds every, milli
 
 int WatchCommand(const WatchOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
-  RequireNoHooks(process);
+  RefuseBeside(process, Kind::kNative);
   if (options.for_s != 0 && options.every_s > options.for_s) {
     throw UserError("--every is longer than --for, so there would be one report",
                     "give a shorter --every, or a longer --for");
@@ -343,7 +346,7 @@ int WatchCommand(const WatchOptions& options) {
   const std::string failure = watch.Run();
   watch.Finish();
   if (failure.empty()) return kExitOk;
-  std::cerr << "memleak: " << failure << "\n";
+  std::cerr << "memleak: " << Printable(failure) << "\n";
   return kExitUserError;
 }
 

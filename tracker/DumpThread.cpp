@@ -14,6 +14,10 @@ namespace {
 
 constexpr char kLogTag[] = "MemLeak.Native";
 
+void LogNoThread() {
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
+}
+
 }  // namespace
 
 namespace android {
@@ -30,14 +34,9 @@ bool MemDumpThread::threadLoop() {
 }
 
 bool MemDumpMain::Enable() {
-  try {
-    if (thread_ == nullptr) thread_ = sp<MemDumpThread>(new MemDumpThread());
-  } catch (const std::bad_alloc&) {
-    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
-    return false;
-  }
+  if (thread_ == nullptr) thread_ = sp<MemDumpThread>(new MemDumpThread());
   if (thread_->run("MemDumpThread", PRIORITY_BACKGROUND, 0) != NO_ERROR) {
-    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
+    LogNoThread();
     return false;
   }
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "start %s", "Start");
@@ -49,6 +48,11 @@ bool MemDumpMain::Enable() {
 void AsyncReport() {
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "Start dumping allocations of the process %s",
                         platform::ProgramName());
-  android::MemDumpMain starter;
-  starter.Enable();
+  try {
+    // The starter allocates as well.
+    android::MemDumpMain starter;
+    starter.Enable();
+  } catch (const std::bad_alloc&) {
+    LogNoThread();
+  }
 }

@@ -7,10 +7,10 @@
 #include "utils/StrongPointer.h"
 #include "utils/Thread.h"
 
-/// Starts a thread that writes one report. Several may be under way at once; the record store lets
-/// them write one after the other. In the control signal's handler: allocates and makes a thread,
-/// which inherits the handler's signal mask, so a clear command never interrupts the writer and
-/// waits for its lock on the same thread.
+/// Starts a thread that writes one report; a failure, as without memory, is logged. Several may be
+/// under way at once; the record store lets them write one after the other. In the control signal's
+/// handler: allocates and makes a thread, which inherits the handler's signal mask, so a clear
+/// command never interrupts the writer and waits for its lock on the same thread.
 void AsyncReport();
 
 namespace android {
@@ -32,7 +32,7 @@ class MemDumpThread : public Thread {
 class MemDumpMain : virtual public RefBase {
  public:
   /// Makes the thread when there is none yet and starts it. False, logged, when it cannot be
-  /// started.
+  /// started. Throws std::bad_alloc, as the constructor.
   bool Enable();
 
  private:

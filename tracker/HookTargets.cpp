@@ -7,9 +7,14 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "async_safe/log.h"
 #include "linker/sharedlibs.h"
+#include "platform/never_destroyed.h"
 #include "plthooks/plthooks.h"
 #include "tracker/MemTrackControl.h"
 #include "tracker/proxies.h"
@@ -38,35 +43,44 @@ const ProxyRow kProxies[] = {
     {"ioctl_libgsl.so", reinterpret_cast<void*>(shared_proxy_gpu_ioctl)},
 };
 
-struct Targets {
-  std::vector<std::string> libraries;
-  std::vector<std::string> functions;
+/// A function to hook in a library.
+struct Target {
+  std::string library;
+  std::string function;
+  std::string key;
+  void* proxy;
 };
+/// Libraries in their order, and for each one the functions in theirs.
+using Targets = std::vector<Target>;
 
 /// Never destroyed: a command may come while the process ends.
 Targets& CurrentTargets() {
-  static auto* targets = new Targets;
-  return *targets;
+  static platform::NeverDestroyed<Targets> targets;
+  return targets.get();
 }
 
-void* FindProxy(const std::string& key) {
-  const auto* row = std::find_if(std::begin(kProxies), std::end(kProxies),
-                                 [&key](const ProxyRow& each) { return key == each.key; });
-  return row != std::end(kProxies) ? row->proxy : nullptr;
-}
-
-/// Calls `action(library, function, key, proxy)` for every pair that has a proxy: libraries in
-/// their order, and for each one the functions in theirs.
-template <typename Action>
-void ForEachPair(Action action) {
-  const Targets& targets = CurrentTargets();
-  for (const std::string& library : targets.libraries) {
-    for (const std::string& function : targets.functions) {
-      const std::string key = get_key_from_fun_and_lib(function, library);
-      void* proxy = FindProxy(key);
-      if (proxy != nullptr) action(library.c_str(), function.c_str(), key.c_str(), proxy);
+/// The pairs that have a proxy. Throws std::bad_alloc.
+Targets ReadTargets(const char* libraries, const char* functions) {
+  std::vector<std::string> library_list;
+  std::vector<std::string> function_list;
+  SplitToVector(&library_list, libraries, kSeparator);
+  SplitToVector(&function_list, functions, kSeparator);
+  Targets targets;
+  for (const std::string& library : library_list) {
+    for (const std::string& function : function_list) {
+      std::string key = get_key_from_fun_and_lib(function, library);
+      const auto* row = std::find_if(std::begin(kProxies), std::end(kProxies),
+                                     [&key](const ProxyRow& each) { return key == each.key; });
+      if (row == std::end(kProxies)) continue;
+      targets.push_back({library, function, std::move(key), row->proxy});
     }
   }
+  return targets;
+}
+
+void LogFailure(const char* verb, const Target& target) {
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "plt %s %s error: %s", verb, target.key.c_str(),
+                        std::strerror(errno));
 }
 
 }  // namespace
@@ -80,11 +94,12 @@ bool GetHookParams() {
       functions[0] == '\0') {
     return false;
   }
-  Targets& targets = CurrentTargets();
-  targets.libraries.clear();
-  SplitToVector(&targets.libraries, libraries, kSeparator);
-  targets.functions.clear();
-  SplitToVector(&targets.functions, functions, kSeparator);
+  try {
+    CurrentTargets() = ReadTargets(libraries, functions);
+  } catch (const std::bad_alloc&) {
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "no memory for the hook targets");
+    return false;
+  }
   return true;
 }
 
@@ -109,24 +124,24 @@ bool hook_by_plt() {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "plt init error: %s", std::strerror(errno));
   }
   bool any = false;
-  ForEachPair([&any](const char* library, const char* function, const char* key, void* proxy) {
-    if (lumora::plthooks::hook_plt_method(library, function, proxy) == 0) {
+  for (const Target& target : CurrentTargets()) {
+    if (lumora::plthooks::hook_plt_method(target.library.c_str(), target.function.c_str(),
+                                          target.proxy) == 0) {
       any = true;
       is_plt_hook.store(true);
     } else {
-      async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "plt hook %s error: %s", key,
-                            std::strerror(errno));
+      LogFailure("hook", target);
     }
-  });
+  }
   return any;
 }
 
 void unhook_by_plt() {
-  ForEachPair([](const char* library, const char* function, const char* key, void* proxy) {
-    if (lumora::plthooks::unhook_plt_method(library, function, proxy) != 0) {
-      async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "plt unhook %s error: %s", key,
-                            std::strerror(errno));
+  for (const Target& target : CurrentTargets()) {
+    if (lumora::plthooks::unhook_plt_method(target.library.c_str(), target.function.c_str(),
+                                            target.proxy) != 0) {
+      LogFailure("unhook", target);
     }
-  });
+  }
   is_plt_hook.store(false);
 }

@@ -9,7 +9,9 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <new>
 
+#include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
@@ -173,17 +175,20 @@ void PostForkChild() {
 }
 
 /// Fork handlers cannot be taken back, so they are registered once, however often start-up runs.
-void InitAtFork() {
-  static pthread_once_t once = PTHREAD_ONCE_INIT;
-  pthread_once(&once, [] { pthread_atfork(PrepareFork, PostForkParent, PostForkChild); });
+/// False without memory for them. Only from track_initialize.
+bool InitAtFork() {
+  static bool registered = false;
+  if (!registered) registered = pthread_atfork(PrepareFork, PostForkParent, PostForkChild) == 0;
+  return registered;
 }
 
 }  // namespace
 
 bool track_initialize(const MallocDispatch* table, bool* zygote_child, const char* /*options*/) {
   if (table == nullptr || zygote_child == nullptr) return false;
-  InitAtFork();
+  if (!InitAtFork()) return false;
   MemTrackControl* control = MemTrackControl::CreateInstance();
+  if (control == nullptr) return false;
   control->set_zygote_child(zygote_child);
   control->set_dispatch(table);
   if (!control->DebugDisableInit()) {
@@ -191,6 +196,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
     return false;
   }
   if (!DebugData::Initialize(DebugData::GetInstance())) {
+    DebugData::Release();
     control->DeleteKeys();
     MemTrackControl::DestroyInstance();
     return false;
@@ -307,7 +313,7 @@ bool RegistryAllocateTracker(std::uint32_t index, void (*callback)()) {
   if (callback == nullptr) return false;
   // Made even when the index is refused next, so that an early caller finds it.
   MemTrackControl* control = MemTrackControl::CreateInstance();
-  if (index >= MemTrackControl::kTrackerSlots) return false;
+  if (control == nullptr || index >= MemTrackControl::kTrackerSlots) return false;
   control->set_tracker(index, callback);
   return true;
 }

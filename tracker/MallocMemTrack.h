@@ -17,7 +17,7 @@ extern "C" {
 /// Start-up, once, before other threads use the tracker. `table` is the C library's own allocator
 /// and must outlive the process; `zygote_child` points to its flag and to four readable bytes.
 /// `options` is not read. False when a pointer is null or start-up fails; then nothing is left
-/// behind. Recording is off until the control signal switches it on.
+/// behind and it may be called again. Recording is off until the control signal switches it on.
 bool track_initialize(const MallocDispatch* table, bool* zygote_child, const char* options);
 /// Shut-down: no thread records from here on. Other threads may still be inside an entry, and all
 /// entries keep forwarding.
@@ -74,7 +74,8 @@ void track_write_malloc_leak_info(std::FILE* stream);
 bool track_dump_heap(const char* file_name);
 
 /// Stores a callback in slot `index` (0 to 5; 4 and 5 are run by the control signal). False for a
-/// null callback or another index. May be called before track_initialize, on one thread.
+/// null callback or another index, and without memory. May be called before track_initialize, on
+/// one thread.
 bool RegistryAllocateTracker(std::uint32_t index, void (*callback)());
 
 }  // extern "C"

@@ -1,26 +1,43 @@
-// The tracker's switches and per-thread keys: the parts that run at start-up, at shut-down and in
-// the control signal's handler. What the allocation path reads is inline in the header.
+// The tracker's switches and thread marks: the parts that run at start-up, at shut-down and in the
+// control signal's handler. What the allocation path reads is inline in the header.
 #include "tracker/MemTrackControl.h"
 
 #include <cstring>
 #include <initializer_list>
+#include <new>
 
 #include "async_safe/log.h"
 #include "platform/thread_keys.h"
 
 std::atomic<std::uint32_t> mem_track_type{NATIVE};
-// A key that was never created: the first one a process gets is 0, so 1 stands for "none yet".
-pthread_key_t record_key = 1;
+ThreadMark record_key;
 std::atomic<bool> is_plt_hook{false};
 std::atomic<std::uint32_t> signal_bt_size{0};
 std::atomic<std::uint32_t> signal_bt_type{0};
 
 std::atomic<MemTrackControl*> MemTrackControl::instance_{nullptr};
 
+int ThreadMark::Create() {
+  pthread_key_t key = kNoKey;
+  const int error = pthread_key_create(&key, nullptr);
+  if (error == 0) key_.store(key, std::memory_order_relaxed);
+  return error;
+}
+
+bool ThreadMark::SetNeverAllocates() const {
+  return platform::ThreadKeyNeverAllocates(key_.load(std::memory_order_relaxed));
+}
+
+void ThreadMark::Delete() {
+  // Before the key goes: a deleted one reads as null, which would mean that the thread may record.
+  const pthread_key_t key = key_.exchange(kNoKey, std::memory_order_relaxed);
+  if (key != kNoKey) pthread_key_delete(key);
+}
+
 MemTrackControl* MemTrackControl::CreateInstance() {
   MemTrackControl* instance = GetInstance();
   if (instance == nullptr) {
-    instance = new MemTrackControl;
+    instance = new (std::nothrow) MemTrackControl;
     instance_.store(instance, std::memory_order_release);
   }
   return instance;
@@ -33,33 +50,26 @@ void MemTrackControl::DestroyInstance() {
 bool MemTrackControl::DebugDisableInit() {
   ConfigHookStatus(false, false);
   ConfigPltHookStatus(false, false);
-  for (pthread_key_t* key : {&debug_disable_key_, &plt_disable_key_, &record_key}) {
-    const int error = pthread_key_create(key, nullptr);
+  for (ThreadMark* mark : {&debug_disable_key_, &plt_disable_key_, &record_key}) {
+    const int error = mark->Create();
     if (error != 0) {
       async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "pthread_key_create failed: %s",
                             std::strerror(error));
       return false;
     }
   }
-  for (const pthread_key_t key : {debug_disable_key_, plt_disable_key_, record_key}) {
-    if (!platform::ThreadKeyNeverAllocates(key)) {
-      async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
-                            "thread key %u comes too late: setting it would allocate",
-                            static_cast<unsigned>(key));
-      return false;
-    }
-    pthread_setspecific(key, nullptr);
+  for (const ThreadMark* mark : {&debug_disable_key_, &plt_disable_key_, &record_key}) {
+    if (mark->SetNeverAllocates()) continue;
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+                          "thread key comes too late: setting it would allocate");
+    DeleteKeys();
+    return false;
   }
-  keys_valid_.store(true, std::memory_order_release);
   return true;
 }
 
 void MemTrackControl::DeleteKeys() {
-  // First of all, because a deleted key reads as null, which would mean "may record".
-  if (!keys_valid_.exchange(false, std::memory_order_acq_rel)) return;
-  for (const pthread_key_t key : {debug_disable_key_, plt_disable_key_, record_key}) {
-    pthread_key_delete(key);
-  }
+  for (ThreadMark* mark : {&debug_disable_key_, &plt_disable_key_, &record_key}) mark->Delete();
 }
 
 void MemTrackControl::ConfigHookStatus(bool start, bool ever) {

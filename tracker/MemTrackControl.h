@@ -1,4 +1,4 @@
-// The tracker's switches, callback slots, dispatch table and per-thread keys.
+// The tracker's switches, callback slots, dispatch table and thread marks.
 //
 // Written by track_initialize, track_finalize and the control signal's handler; read by every
 // entry on every thread and by the record store. A leaf: it includes only the platform.
@@ -14,13 +14,50 @@
 /// What is being tracked: the value of `mem_track_type`.
 enum MemTrackType : std::uint32_t { NATIVE = 0, MMAP = 1, ION = 2, GPU = 3 };
 
+/// A mark that every thread sets for itself alone: a thread-specific value, null at first.
+///
+/// Get and Set may run on any thread and in any context. While there is no key, which is before
+/// Create and after Delete, every thread counts as marked and nothing is written: the number of a
+/// deleted key may belong to another library.
+class ThreadMark {
+ public:
+  /// The usual mark: the thread is inside the tracker.
+  static inline void* const kInside = reinterpret_cast<void*>(1);
+
+  /// The calling thread's mark or null; kInside while there is no key.
+  void* Get() const {
+    const pthread_key_t key = key_.load(std::memory_order_relaxed);
+    return key != kNoKey ? pthread_getspecific(key) : kInside;
+  }
+  /// Sets the calling thread's mark; null removes it.
+  void Set(void* mark) const {
+    // The C library refuses kNoKey.
+    pthread_setspecific(key_.load(std::memory_order_relaxed), mark);
+  }
+
+  /// Makes the key, without a destructor. Returns 0 or an errno value. Only from track_initialize.
+  int Create();
+  /// Whether Set never allocates, on any thread. After Create.
+  bool SetNeverAllocates() const;
+  /// Deletes the key if there is one. Only from track_initialize and track_finalize.
+  void Delete();
+
+ private:
+  /// No key of either C library: bionic's are negative numbers near the smallest, glibc's are
+  /// below 1024.
+  static constexpr pthread_key_t kNoKey = 0x7FFFFFFF;
+
+  std::atomic<pthread_key_t> key_{kNoKey};
+};
+
 /// The kind in force. Written by the control signal's handler alone.
 extern std::atomic<std::uint32_t> mem_track_type;
-/// Marks a thread that is inside PointerData::Add or Remove; created by DebugDisableInit.
-extern pthread_key_t record_key;
+/// Marks a thread that is inside the record store.
+extern ThreadMark record_key;
 /// True while at least one PLT hook is installed.
 extern std::atomic<bool> is_plt_hook;
-/// Backtrace size and type from the parameter word of the last on command.
+/// Backtrace size and type from the parameter word of the last native or fd on command; 0 after a
+/// native or fd clear.
 extern std::atomic<std::uint32_t> signal_bt_size;
 extern std::atomic<std::uint32_t> signal_bt_type;
 
@@ -34,8 +71,8 @@ class MemTrackControl {
   /// The instance, or null before the first CreateInstance and after a failed initialization.
   /// Any thread, any context.
   static MemTrackControl* GetInstance() { return instance_.load(std::memory_order_acquire); }
-  /// The instance, made first when there is none. Allocates; takes no lock: only while no other
-  /// thread uses the tracker.
+  /// The instance, made first when there is none; null without memory. Takes no lock: only while
+  /// no other thread uses the tracker.
   static MemTrackControl* CreateInstance();
   /// Frees the instance; only after a failed initialization.
   static void DestroyInstance();
@@ -51,12 +88,12 @@ class MemTrackControl {
   /// Whether a PLT hook is installed. Any thread, any context.
   static bool IsPltHook() { return is_plt_hook.load(std::memory_order_relaxed); }
 
-  /// Clears the four switches and creates the three thread keys, null in the calling thread.
-  /// False when a key cannot be created, or only one whose use would allocate; that is logged, and
-  /// keys made so far stay. Only from track_initialize.
+  /// Clears the four switches and creates the three thread keys. False, logged, when a key cannot
+  /// be created, and then keys made so far stay, or when setting one would allocate. Only from
+  /// track_initialize.
   bool DebugDisableInit();
-  /// Deletes the three keys, once. From here on no thread counts as allowed to record. Only from
-  /// track_initialize and track_finalize.
+  /// Deletes the three keys: no thread records from here on. Only from track_initialize and
+  /// track_finalize.
   void DeleteKeys();
 
   /// The four switches: recording is on, and records may exist; for the native heap and for the
@@ -72,24 +109,16 @@ class MemTrackControl {
   /// The same for the hooked kinds. Both on any thread, in any context.
   void ConfigPltHookStatus(bool start, bool ever);
 
-  /// True when this thread may record native blocks: its debug_disable_key is null and the keys
-  /// exist. Any thread.
-  bool ThreadEnabled() const {
-    return keys_valid_.load(std::memory_order_acquire) &&
-           pthread_getspecific(debug_disable_key_) == nullptr;
-  }
-  /// Marks or clears the calling thread.
-  /// Nothing happens once the keys are deleted: their numbers may be another library's by then.
-  void DisableThread() const { Mark(debug_disable_key_, kMark); }
-  void EnableThread() const { Mark(debug_disable_key_, nullptr); }
+  /// Whether the calling thread may record native blocks, and its mark that it may not. Any thread,
+  /// any context.
+  bool ThreadEnabled() const { return debug_disable_key_.Get() == nullptr; }
+  void DisableThread() const { debug_disable_key_.Set(ThreadMark::kInside); }
+  void EnableThread() const { debug_disable_key_.Set(nullptr); }
 
   /// The same three for the mapping and device proxies.
-  bool PltThreadEnabled() const {
-    return keys_valid_.load(std::memory_order_acquire) &&
-           pthread_getspecific(plt_disable_key_) == nullptr;
-  }
-  void DisablePltThread() const { Mark(plt_disable_key_, kMark); }
-  void EnablePltThread() const { Mark(plt_disable_key_, nullptr); }
+  bool PltThreadEnabled() const { return plt_disable_key_.Get() == nullptr; }
+  void DisablePltThread() const { plt_disable_key_.Set(ThreadMark::kInside); }
+  void EnablePltThread() const { plt_disable_key_.Set(nullptr); }
 
   /// The C library's allocator. Null until track_initialize.
   const MallocDispatch* dispatch() const { return dispatch_; }
@@ -105,24 +134,16 @@ class MemTrackControl {
     trackers_[index].store(callback, std::memory_order_release);
   }
 
-  /// The value that marks a thread; any non-null pointer would do.
-  static inline void* const kMark = reinterpret_cast<void*>(1);
-
  private:
-  void Mark(pthread_key_t key, void* mark) const {
-    if (keys_valid_.load(std::memory_order_relaxed)) pthread_setspecific(key, mark);
-  }
-
   static std::atomic<MemTrackControl*> instance_;
 
   std::atomic<Tracker> trackers_[kTrackerSlots] = {};
   bool* zygote_child_ = nullptr;
   const MallocDispatch* dispatch_ = nullptr;
-  pthread_key_t debug_disable_key_ = 1;
+  ThreadMark debug_disable_key_;
   std::atomic<bool> hook_start_{false};
   std::atomic<bool> hook_ever_started_{false};
-  pthread_key_t plt_disable_key_ = 1;
+  ThreadMark plt_disable_key_;
   std::atomic<bool> plt_hook_start_{false};
   std::atomic<bool> plt_hook_ever_started_{false};
-  std::atomic<bool> keys_valid_{false};
 };

@@ -3,10 +3,11 @@
 
 #include <sys/mman.h>
 
-#include <cerrno>
 #include <cstdint>
+#include <cstring>
 
 #include "async_safe/log.h"
+#include "platform/readable.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
@@ -76,12 +77,12 @@ PointerData* Store() {
 /// Records what a call made, if it names it.
 void Add(const void* key, std::uint64_t size) {
   if (key == nullptr || size == 0) return LogError("map result error");
-  if (PointerData* store = Store(); store != nullptr) store->Add(key, size);
+  if (PointerData* store = Store(); store != nullptr) store->AddMapping(key, size);
 }
 
 void Remove(const void* key, std::uint64_t size) {
   if (key == nullptr || size == 0) return LogError("munmap addr or size error");
-  if (PointerData* store = Store(); store != nullptr) store->Remove(key, size);
+  if (PointerData* store = Store(); store != nullptr) store->RemoveMapping(key, size);
 }
 
 void* RecordMapping(void* mapping, std::size_t size, int flags) {
@@ -92,12 +93,15 @@ void* RecordMapping(void* mapping, std::size_t size, int flags) {
   return mapping;
 }
 
-/// The argument of a device call. The kernel says EFAULT for one that the program must not read
-/// either, so neither does the proxy.
-template <typename Argument>
-const Argument* Readable(int result, const void* argument) {
-  if (result == -1 && errno == EFAULT) return nullptr;
-  return static_cast<const Argument*>(argument);
+/// The word at `address`; 0 when it cannot be read. The program may pass any pointer: the device
+/// call reports a bad one, and the proxy must not fault on it. Takes no lock; keeps errno.
+std::uint64_t ReadWord(const std::uint64_t* address) {
+  const auto first = reinterpret_cast<std::uint64_t>(address);
+  std::uint64_t word = 0;
+  if (platform::CanRead(first) && platform::CanRead(first + sizeof(word) - 1)) {
+    std::memcpy(&word, static_cast<const void*>(address), sizeof(word));
+  }
+  return word;
 }
 
 }  // namespace
@@ -138,9 +142,12 @@ int shared_proxy_ion_ioctl(int descriptor, unsigned long request, void* argument
   // The kernel looks at 32 bits of a request; the others may be a sign.
   if (control == nullptr || static_cast<std::uint32_t>(request) != kDmaHeapAllocate) return result;
   const PltScope scope(control);
-  const auto* allocation = Readable<DmaHeapAllocation>(result, argument);
-  Add(allocation != nullptr ? &allocation->fd : nullptr,
-      allocation != nullptr ? allocation->len : 0);
+  const auto* allocation = static_cast<const DmaHeapAllocation*>(argument);
+  if (allocation == nullptr) {
+    Add(nullptr, 0);
+  } else {
+    Add(&allocation->fd, ReadWord(&allocation->len));
+  }
   return result;
 }
 
@@ -150,8 +157,8 @@ int shared_proxy_gpu_ioctl(int descriptor, unsigned long request, void* argument
   const auto code = static_cast<std::uint32_t>(request);
   if (control == nullptr || (code != kGpuAllocate && code != kGpuFree)) return result;
   const PltScope scope(control);
-  const auto* allocation = Readable<GpuAllocation>(result, argument);
-  const std::uint64_t size = allocation != nullptr ? allocation->size : 0;
+  const auto* allocation = static_cast<const GpuAllocation*>(argument);
+  const std::uint64_t size = allocation != nullptr ? ReadWord(&allocation->size) : 0;
   code == kGpuAllocate ? Add(allocation, size) : Remove(allocation, size);
   return result;
 }

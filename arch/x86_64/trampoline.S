@@ -1,10 +1,32 @@
 // The code that a hooked slot leads to: begins the hooked call, runs the newest hook, ends the call.
+// Behind it the function that begins the call for it.
 //
 // Registers by the System V ABI: arguments in rdi, rsi, rdx, rcx, r8, r9, r10 (static chain), al
 // (number of vector registers) and xmm0-xmm7; results in rax, rdx, xmm0, xmm1, st0 and st1. Vectors
 // of more than 128 bits are not kept. The hook finds the caller's stack as it was but for its return
 // address, which leads back here. A copy reads its three words relative to itself, so it may lie
-// anywhere. There is no unwind information: an unwinder stops here.
+// anywhere. It has no unwind information: an unwinder stops there.
+
+        // The arguments, as the template keeps them in 200 bytes of stack.
+        .macro  restore_arguments
+        movq    184(%rsp), %r10
+        movq    176(%rsp), %rax
+        movq    168(%rsp), %r9
+        movq    160(%rsp), %r8
+        movq    152(%rsp), %rcx
+        movq    144(%rsp), %rdx
+        movq    136(%rsp), %rsi
+        movq    128(%rsp), %rdi
+        movaps  112(%rsp), %xmm7
+        movaps  96(%rsp), %xmm6
+        movaps  80(%rsp), %xmm5
+        movaps  64(%rsp), %xmm4
+        movaps  48(%rsp), %xmm3
+        movaps  32(%rsp), %xmm2
+        movaps  16(%rsp), %xmm1
+        movaps  (%rsp), %xmm0
+        addq    $200, %rsp
+        .endm
 
         .section .rodata.arch_trampoline_code, "a", @progbits
         .p2align 4
@@ -39,23 +61,7 @@ arch_trampoline_code:
         movq    %rax, %r11
         leaq    returned(%rip), %rax
         movq    %rax, 200(%rsp)
-        movq    184(%rsp), %r10
-        movq    176(%rsp), %rax
-        movq    168(%rsp), %r9
-        movq    160(%rsp), %r8
-        movq    152(%rsp), %rcx
-        movq    144(%rsp), %rdx
-        movq    136(%rsp), %rsi
-        movq    128(%rsp), %rdi
-        movaps  112(%rsp), %xmm7
-        movaps  96(%rsp), %xmm6
-        movaps  80(%rsp), %xmm5
-        movaps  64(%rsp), %xmm4
-        movaps  48(%rsp), %xmm3
-        movaps  32(%rsp), %xmm2
-        movaps  16(%rsp), %xmm1
-        movaps  (%rsp), %xmm0
-        addq    $200, %rsp
+        restore_arguments
         jmpq    *%r11
 returned:
         // The results are the caller's.
@@ -98,5 +104,35 @@ returned:
 begin = .
 end = . + 8
 id = . + 16
+
+        // arch_push_hook_stack(id, return address, frame pointer): for the template alone, whose
+        // frame it knows. plthooks_begin_call gives in rax the function to run, and in rdx whether
+        // the call was noted.
+        .section .text.arch_push_hook_stack, "ax", @progbits
+        .p2align 4
+        .global arch_push_hook_stack
+        .hidden arch_push_hook_stack
+        .hidden plthooks_begin_call
+        .type   arch_push_hook_stack, @function
+arch_push_hook_stack:
+        .cfi_startproc
+        subq    $8, %rsp
+        .cfi_adjust_cfa_offset 8
+        callq   plthooks_begin_call
+        addq    $8, %rsp
+        .cfi_adjust_cfa_offset -8
+        testq   %rdx, %rdx
+        jz      1f
+        retq
+        // Not noted, so the call must not come back to the trampoline: the original function
+        // returns to the caller itself.
+1:      addq    $8, %rsp
+        .cfi_def_cfa_offset 208
+        movq    %rax, %r11
+        restore_arguments
+        .cfi_def_cfa_offset 8
+        jmpq    *%r11
+        .cfi_endproc
+        .size   arch_push_hook_stack, . - arch_push_hook_stack
 
         .section .note.GNU-stack, "", @progbits

@@ -1,14 +1,17 @@
 // Where the tracker's files are on a device. The directories are the system's to make.
 #include "platform/paths.h"
 
+#include <fcntl.h>
+
 namespace platform {
 
-std::string ReportPath() {
-  return "/data/log/reliability/allocations_dump";
+std::FILE* OpenReportFile() {
+  return std::fopen("/data/log/reliability/allocations_dump", "w");
 }
 
-std::string ExceptionDevicePath() {
-  return "/dev/kxlog_exception";
+int OpenExceptionDevice(std::string& path) {
+  path = "/dev/kxlog_exception";
+  return open(path.c_str(), O_WRONLY);
 }
 
 }  // namespace platform

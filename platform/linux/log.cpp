@@ -16,6 +16,7 @@
 #include "platform/linux/environment.h"
 #include "platform/standin/log_format.h"
 #include "platform/standin/raw_calls.h"
+#include "protocol/private_files.h"
 
 namespace {
 
@@ -84,9 +85,8 @@ void WriteLine(const char* line, std::size_t length) {
   }
   char path[platform::kPathBytes];
   platform::ExpandPath(destination, "", path);
-  // A FIFO that nobody reads, or that is full, must not hold the program up.
-  const int file = platform::RawOpen(
-      path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644);
+  protocol::Refusal refusal;
+  const int file = protocol::OpenFile(AT_FDCWD, path, protocol::Use::kAppend, refusal);
   if (file < 0) return;
   WriteQuietly(file, line, length);
   platform::RawClose(file);

@@ -1,36 +1,39 @@
 // Where the tracker's files are on Linux: the device's own paths below the root directory.
 #include "platform/paths.h"
 
-#include <sys/stat.h>
+#include <android/log.h>
+#include <async_safe/log.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "platform/linux/root.h"
 
 namespace platform {
-namespace {
 
-/// Makes every directory that leads to `path`. What cannot be made shows when the file is opened.
-void MakeParents(char* path) {
-  for (char* slash = path + 1; *slash != '\0'; ++slash) {
-    if (*slash != '/') continue;
-    *slash = '\0';
-    mkdir(path, 0755);
-    *slash = '/';
+std::FILE* OpenReportFile() {
+  char path[kPathBytes];
+  protocol::Refusal refusal;
+  const int file =
+      OpenRooted("/data/log/reliability/allocations_dump", protocol::Use::kReplace, path, refusal);
+  if (file < 0) {
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "cannot write a report: %.*s: %s",
+                          static_cast<int>(refusal.path_bytes), path, refusal.Reason());
+    return nullptr;
   }
+  std::FILE* const stream = fdopen(file, "w");
+  if (stream == nullptr) close(file);
+  return stream;
 }
 
-}  // namespace
-
-std::string ReportPath() {
-  char path[kPathBytes];
-  RootedPath("/data/log/reliability/allocations_dump", path);
-  MakeParents(path);
-  return path;
-}
-
-std::string ExceptionDevicePath() {
-  char path[kPathBytes];
-  RootedPath("/dev/kxlog_exception", path);
-  return path;
+int OpenExceptionDevice(std::string& path) {
+  char rooted[kPathBytes];
+  protocol::Refusal refusal;
+  const int device = OpenRooted("/dev/kxlog_exception", protocol::Use::kDevice, rooted, refusal);
+  const int saved_errno = errno;
+  path = rooted;
+  errno = saved_errno;
+  return device;
 }
 
 }  // namespace platform

@@ -4,7 +4,6 @@
 // passes through a small buffer a piece at a time.
 #include <fcntl.h>
 #include <sys/system_properties.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -76,19 +75,15 @@ class PropertyScan {
   char line_[kValueLimit];
 };
 
-int OpenForReading(const char* path) {
-  return platform::RawOpen(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
-}
-
 /// The property file of this process, or the one that a parent process left for those of its
 /// children whose own root is still empty. -1 when there is neither.
 int OpenProperties() {
   char path[platform::kPathBytes];
-  platform::RootedPath("/properties", path);
-  const int file = OpenForReading(path);
-  if (file >= 0 || errno != ENOENT) return file;
+  protocol::Refusal refusal;
+  const int file = platform::OpenRooted("/properties", protocol::Use::kRead, path, refusal);
   const char* shared = platform::CapturedValue(platform::Variable::kProperties);
-  return shared != nullptr ? OpenForReading(shared) : -1;
+  if (file >= 0 || shared == nullptr) return file;
+  return protocol::OpenFile(AT_FDCWD, shared, protocol::Use::kRead, refusal);
 }
 
 void ScanFile(int file, PropertyScan& scan) {

@@ -1,6 +1,7 @@
 // The directory under which the tracker's fixed paths lie on Linux. Any thread, any context.
 #include "platform/linux/root.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace platform {
@@ -13,6 +14,14 @@ std::size_t RootedPath(const char* below, char (&path)[kPathBytes]) {
   std::memcpy(path + length, below, more);
   path[length + more] = '\0';
   return length + more;
+}
+
+int OpenRooted(const char* below, protocol::Use use, char (&path)[kPathBytes],
+               protocol::Refusal& refusal) {
+  // A path that was cut to fit is longer than any that is opened.
+  const std::size_t length = RootedPath(below, path);
+  const std::size_t root_bytes = length - std::min(length, std::strlen(below));
+  return protocol::OpenBelowRoot(path, root_bytes, use, refusal);
 }
 
 }  // namespace platform

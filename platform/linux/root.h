@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "platform/linux/environment.h"
+#include "protocol/private_files.h"
 
 namespace platform {
 
@@ -14,5 +15,12 @@ namespace platform {
 /// started, "%p" in it standing for the id of the process that asks, or "/" when it was unset.
 /// Allocates nothing, takes no lock: safe in a signal handler.
 std::size_t RootedPath(const char* below, char (&path)[kPathBytes]);
+
+/// Opens the file `below` (which begins with '/') under the root directory and writes its path into
+/// `path`. Directories and file are made or refused as by protocol::OpenBelowRoot.
+/// Returns a descriptor that the caller closes, or -1, errno and `refusal`, whose path is `path`.
+/// Safe in a signal handler.
+int OpenRooted(const char* below, protocol::Use use, char (&path)[kPathBytes],
+               protocol::Refusal& refusal);
 
 }  // namespace platform

@@ -4,10 +4,10 @@
 #include <android-base/logging.h>
 #include <async_safe/log.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "platform/program_name.h"
 
@@ -35,15 +35,18 @@ int Priority(LogSeverity severity) {
 }  // namespace
 
 LineStream& LineStream::operator<<(const char* text) {
-  if (text != nullptr) text_ += text;
+  if (text == nullptr) return *this;
+  const std::size_t bytes = std::min(std::strlen(text), kLineBytes - 1 - length_);
+  std::memcpy(text_ + length_, text, bytes);
+  length_ += bytes;
+  text_[length_] = '\0';
   return *this;
 }
 
 LineStream& LineStream::operator<<(std::uintptr_t number) {
   char digits[24];
-  const int count = std::snprintf(digits, sizeof(digits), hexadecimal_ ? "%zx" : "%zu", number);
-  text_.append(digits, static_cast<std::size_t>(count));
-  return *this;
+  std::snprintf(digits, sizeof(digits), hexadecimal_ ? "%zx" : "%zu", number);
+  return *this << static_cast<const char*>(digits);
 }
 
 LineStream& LineStream::operator<<(std::ios_base& (*base)(std::ios_base&)) {
@@ -58,7 +61,7 @@ LogMessage::LogMessage(const char* file, unsigned int line, LogSeverity severity
 LogMessage::~LogMessage() {
   if (error_ != -1) text_ << ": " << std::strerror(error_);
   async_safe_format_log(Priority(severity_), tag_ != nullptr ? tag_ : platform::ProgramName(),
-                        "%s:%u] %s", file_, line_, text_.text().c_str());
+                        "%s:%u] %s", file_, line_, text_.text());
   if (severity_ == FATAL) std::abort();
 }
 

@@ -2,8 +2,8 @@
 //
 // The C library's open, read, write and close are cancellation points: a thread that the program
 // cancels would end inside the tracker, which then holds a lock or a count for ever. The log, the
-// property reader, the map reader and the unwinder's own calls go through here, on any thread and
-// in signal handlers.
+// property reader and the reader of page protections go through here, on any thread and in signal
+// handlers.
 #pragma once
 
 #include <fcntl.h>

@@ -34,37 +34,59 @@ int lumora::plthooks::get_stack_address_for_previous(std::uintptr_t* pc, std::ui
 
 namespace {
 
+std::uint64_t CallerOf(const arch::FrameRecord& record) {
+  return arch::StripReturnAddress(record.return_address) - arch::kCallSiteAdjustment;
+}
+
+/// Captures far below the caller.
+__attribute__((noinline)) std::vector<std::uint64_t> CaptureFar(std::size_t max_frames) {
+  char large[100'000];
+  __asm__ volatile("" : : "r"(large) : "memory");
+  return Capture(max_frames);
+}
+
 /// A hooked caller whose own caller has a frame pointer, too.
-__attribute__((noinline)) std::vector<std::uint64_t> CallHooked(std::size_t max_frames) {
-  auto* own = static_cast<arch::FrameRecord*>(__builtin_frame_address(0));
+__attribute__((noinline)) void CallHooked() {
+  const auto* own = static_cast<arch::FrameRecord*>(__builtin_frame_address(0));
   call = {1, 0x12345, reinterpret_cast<std::uintptr_t>(own)};
-  auto frames = Capture(max_frames);
-  if (frames.size() >= 2) {
-    EXPECT_EQ(frames[1], arch::StripReturnAddress(own->return_address) - arch::kCallSiteAdjustment);
-  }
-  return frames;
+  EXPECT_EQ(CaptureFar(2), (std::vector<std::uint64_t>{0x12345, CallerOf(*own)}));
+  EXPECT_EQ(CaptureFar(1).size(), 1U);
+  EXPECT_EQ(CaptureFar(0).size(), 0U);
 }
 
 TEST(HookedCaller, ComesFirstAsItIsAndNoLevelIsSkipped) {
   is_plt_hook = true;
-  const auto frames = CallHooked(2);
-  ASSERT_EQ(frames.size(), 2U);
-  EXPECT_EQ(frames[0], 0x12345U);
-  EXPECT_EQ(CallHooked(1).size(), 1U);
-  EXPECT_EQ(CallHooked(0).size(), 0U);
+  CallHooked();
+  __asm__ volatile("");  // no jump: this function's own frame must be there
+}
+
+TEST(HookedCaller, HasAFrameRecordAtAnyMultipleOfTheRegisterSize) {
+  is_plt_hook = true;
+  alignas(16) std::uint64_t words[3] = {0, 0, 0x67890};
+  const auto* record = reinterpret_cast<const arch::FrameRecord*>(words + 1);
+  call = {1, 0x12345, reinterpret_cast<std::uintptr_t>(record)};
+  std::vector<std::uint64_t> expected{0x12345};
+  // A chain that ends there.
+  EXPECT_EQ(Capture(10), expected);
+  // One that goes on in a circle.
+  words[1] = call.frame;
+  if (arch::kFrameAlignment == 8) expected.push_back(CallerOf(*record));
+  EXPECT_EQ(Capture(2), expected);
 }
 
 TEST(HookedCaller, WithoutAFramePointerIsAllThatIsKnown) {
   is_plt_hook = true;
   char local = 0;
   static const char kElsewhere = 0;
-  const auto below = reinterpret_cast<std::uintptr_t>(&local) - 65536;
-  const auto elsewhere = reinterpret_cast<std::uintptr_t>(&kElsewhere);
+  const auto below = (reinterpret_cast<std::uintptr_t>(&local) - 65536) / 16 * 16;
+  const auto elsewhere = reinterpret_cast<std::uintptr_t>(&kElsewhere) / 16 * 16;
   for (const std::uintptr_t frame :
-       {std::uintptr_t{0}, std::uintptr_t{7}, below, elsewhere, ~std::uintptr_t{0}}) {
+       {std::uintptr_t{7}, below, elsewhere, std::uintptr_t{16}, ~std::uintptr_t{15}}) {
     call = {1, 0x12345, frame};
     EXPECT_EQ(Capture(10), std::vector<std::uint64_t>{0x12345});
   }
+  call = {1, 0x12345, 0};
+  EXPECT_TRUE(Capture(10).empty());
 }
 
 TEST(HookedCaller, MissingGivesALogLineAndNoFrames) {

@@ -179,6 +179,9 @@ def forked_child(session):
     in_parent = session.groups(f"{session.root}/{session.process.pid}")
     assert [kept(in_child, s) for s in (120, 130, 140)] == [20, 30, 0]
     assert [kept(in_parent, s) for s in (120, 130, 140)] == [20, 0, 40]
+    # Of what fork handlers have freed and allocated, each process knows its own.
+    assert [kept(in_child, s) for s in (7000, 7001, 7002, 7003)] == [1, 1, 0, 1]
+    assert [kept(in_parent, s) for s in (7000, 7001, 7002, 7003)] == [1, 1, 1, 0]
     session.quit()
 
 

@@ -1,26 +1,30 @@
-// A library whose fork handlers allocate, and whose constructor runs before the loader's: they run
-// while the forking thread holds every lock of the record store.
+// A library whose fork handlers free and allocate, and whose constructor runs before the loader's:
+// they run while the forking thread holds every lock of the record store.
 #include <pthread.h>
 
 #include <cstdlib>
 
 namespace {
 
-void Allocate() {
-  for (std::size_t size = 8; size < 600; size += 24) {
-    void* block = std::malloc(size);
-    __asm__ volatile("" : "+r"(block) : : "memory");
-    std::free(block);
-  }
+constexpr std::size_t kFirst = 7000;
+void* volatile kept[3];
+
+/// The handler gives back a block of kFirst bytes and keeps one of kFirst + kSizeBeyond.
+template <std::size_t kSizeBeyond>
+void Replace() {
+  void* volatile& block = kept[kSizeBeyond - 1];
+  std::free(block);
+  block = std::malloc(kFirst + kSizeBeyond);
 }
 
 __attribute__((constructor)) void Register() {
-  pthread_atfork(Allocate, Allocate, Allocate);
+  pthread_atfork(Replace<1>, Replace<2>, Replace<3>);
 }
 
 }  // namespace
 
-/// Gives the program a reason to need this library.
+/// Allocates what the handlers give back.
 extern "C" __attribute__((visibility("default"))) int fork_handlers_linked() {
+  for (void* volatile& block : kept) block = std::malloc(kFirst);
   return 1;
 }

@@ -11,7 +11,8 @@ import end_to_end
 
 # Regions of known sizes; the first ones are given back again.
 PYTHON = """
-import mmap, sys
+import ctypes, mmap, sys
+library = ctypes.CDLL(sys.argv[1])
 for line in sys.stdin:
     kept = [mmap.mmap(-1, 65536 + 4096 * (i % 3)) for i in range(1000)]
     for region in kept[:400]:
@@ -58,11 +59,12 @@ class HookSession(end_to_end.Session):
 
 def mmap_python(session):
     """An extension module that is hooked while python runs, twice; python notices nothing."""
-    session.start_program("/usr/bin/python3.11", "-c", PYTHON)
+    other = "libend_to_end_mapper.so"
+    session.start_program("/usr/bin/python3.11", "-c", PYTHON, f"{session.bin_dir}/../lib/{other}")
     session.step("first")
     module = "mmap.cpython-311-x86_64-linux-gnu.so"
     # The second one does not import all that the first does; nothing is wrong with that.
-    for library in (module, module + ",libunwind.so.8"):
+    for library in (module, f"{module},{other}"):
         on = subprocess.run([*session.controller, "on", str(session.process.pid), "--kind", "mmap",
                              "--lib", library], capture_output=True, text=True, timeout=60)
         assert (on.returncode, on.stderr) == (0, ""), on.stderr

@@ -128,22 +128,27 @@ int Threads() {
 }
 
 /// Children, and theirs, write reports of their own, which their control threads are asked for,
-/// while threads churn and commands arrive.
+/// while threads churn, commands and reports are carried out, and another thread forks.
 int Fork() {
   std::thread churner(Churn, 3'000'000);
-  for (int round = 0; round < 5; ++round) {
-    CHECK(SendControlSignal(getpid(), 0x10));
-    const pid_t child = fork();
-    if (child == 0) {
-      Churn(1000);
-      const pid_t grandchild = fork();
-      if (grandchild == 0) exit(6);
-      CHECK(WEXITSTATUS(WaitFor(grandchild)) == 6 && HasReport(grandchild));
-      exit(7);
+  const auto fork_often = [] {
+    for (int round = 0; round < 5; ++round) {
+      CHECK(SendControlSignal(getpid(), 0x10) && SendControlSignal(getpid(), 0x40));
+      const pid_t child = fork();
+      if (child == 0) {
+        Churn(1000);
+        const pid_t grandchild = fork();
+        if (grandchild == 0) exit(6);
+        CHECK(WEXITSTATUS(WaitFor(grandchild)) == 6 && HasReport(grandchild));
+        exit(7);
+      }
+      const int status = WaitFor(child);
+      CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 7 && HasReport(child));
     }
-    const int status = WaitFor(child);
-    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 7 && HasReport(child));
-  }
+  };
+  std::thread other(fork_often);
+  fork_often();
+  other.join();
   churner.join();
   return 0;
 }

@@ -4,16 +4,16 @@
 set -eu
 lib=$1 alone=$2 program=$3
 IFS=';' read -ra run <<<"$4"
-errors=$(mktemp)
-trap 'rm -f "$errors"' EXIT
+root=$(mktemp -d)
+trap 'rm -rf "$root"' EXIT
 
 # expect TEXT DIR CASE: the case succeeds, with just one line on stderr that holds TEXT.
 expect() {
-  "${run[@]}" "LD_PRELOAD=$2/libmemleak_preload.so" "$program" "$3" 2>"$errors" ||
-    { cat "$errors"; echo "$3 failed" >&2; exit 1; }
-  if [[ $(wc -l <"$errors") != 1 ]] || ! grep -qF "$1" "$errors"; then
-    echo "expected one line with '$1', got:" >&2
-    cat "$errors" >&2
+  local errors
+  errors=$("${run[@]}" "LD_PRELOAD=$2/libmemleak_preload.so" "$program" "$3" 2>&1) ||
+    { echo "$errors"; echo "$3 failed" >&2; exit 1; }
+  if [[ $errors == *$'\n'* || $errors != *"$1"* ]]; then
+    printf 'expected one line with "%s", got:\n%s\n' "$1" "$errors" >&2
     exit 1
   fi
 }
@@ -22,6 +22,20 @@ expect "memleak: cannot open $alone/libmemleak_tracker.so: " "$alone" untracked
 MEMLEAK_TRACKER_START=0x1z expect "MEMLEAK_TRACKER_START=0x1z is not a number" "$lib" libraries
 MEMLEAK_TRACKER_START=16 MEMLEAK_TRACKER_START_PARAMETER=0x100000000 \
   expect "MEMLEAK_TRACKER_START_PARAMETER=0x100000000 is not" "$lib" libraries
+
+export MEMLEAK_TRACKER_ROOT=$root
+MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 \
+  expect "MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 is no command to report" "$lib" libraries
+(
+  # No file can be written; the program need not die of that.
+  ulimit -f 0
+  trap '' XFSZ
+  MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \
+    expect "nobody writes it any more; is the disk full?" "$lib" libraries
+)
+chmod go+w "$root"
+MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \
+  expect "cannot use $root: other users may write to it; name another" "$lib" libraries
 
 exports=$(readelf -W --dyn-syms "$lib/libmemleak_preload.so" |
   awk '$5 == "GLOBAL" && $7 != "UND" {print $8}' | sort | xargs)

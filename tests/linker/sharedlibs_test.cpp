@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <ios>
 #include <string>
-#include <thread>
 
 #include "linker/log_assert.h"
 #include "linker/rwlock.h"
@@ -59,35 +58,6 @@ TEST(Registry, FindsByBasenameAndForgetsUnloadedLibraries) {
   EXPECT_EQ(refresh_shared_libs(), 0);
   EXPECT_TRUE(sharedLib(kFixture));
   dlclose(handle);
-}
-
-TEST(Registry, ManyThreadsRefreshAndLookUpWhileALibraryComesAndGoes) {
-  std::thread loader([] {
-    for (int round = 0; round < 50; ++round) {
-#if defined(__SANITIZE_THREAD__)
-      // The sanitizer does not see the loader's lock, under which names come and go.
-      refresh_shared_libs();
-#else
-      void* handle = dlopen(kFixture, RTLD_NOW);
-      refresh_shared_libs();
-      dlclose(handle);
-#endif
-    }
-  });
-  const auto work = [] {
-    for (int round = 0; round < 50; ++round) {
-      refresh_shared_libs();
-      sharedLib(kFixture);
-      // Calls nobody, so is never valid: each of these drops it, each refresh adds it again.
-      EXPECT_FALSE(sharedLib("linux-vdso.so.1"));
-      EXPECT_TRUE(sharedLib("libc.so.6"));
-    }
-  };
-  std::thread first(work);
-  std::thread second(work);
-  loader.join();
-  first.join();
-  second.join();
 }
 
 TEST(Names, BasenamesAndAcceptedLibraries) {

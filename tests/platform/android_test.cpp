@@ -1,6 +1,5 @@
-// What the platform answers on a device: its paths, pc widths, rules for libraries and for signals
-// are fixed; program names and log lines come from the C library and liblog, whose part the test
-// plays.
+// What the platform answers on a device: its pc widths, rules for libraries and for signals are
+// fixed; program names and log lines come from the C library and liblog, whose part the test plays.
 #include <android/log.h>
 #include <async_safe/log.h>
 #include <gtest/gtest.h>
@@ -13,9 +12,9 @@
 
 #include "platform/elf_policy.h"
 #include "platform/page_protection.h"
-#include "platform/paths.h"
 #include "platform/pc_policy.h"
 #include "platform/program_name.h"
+#include "platform/readable_stack.h"
 #include "platform/signal_policy.h"
 #include "platform/thread_keys.h"
 
@@ -37,8 +36,6 @@ extern "C" int __android_log_write(int priority, const char* tag, const char* te
 }
 
 TEST(AndroidPlatform, FixedAnswers) {
-  EXPECT_EQ(platform::ReportPath(), "/data/log/reliability/allocations_dump");
-  EXPECT_EQ(platform::ExceptionDevicePath(), "/dev/kxlog_exception");
   EXPECT_EQ(platform::AcceptedPcWidth().min_digits, 8);
   EXPECT_EQ(platform::AcceptedPcWidth().max_digits, 10);
   EXPECT_FALSE(platform::AcceptsLibrary("libc.so.6"));
@@ -47,6 +44,10 @@ TEST(AndroidPlatform, FixedAnswers) {
   EXPECT_TRUE(platform::ThreadKeyNeverAllocates(100));
   // Every library has full RELRO: a written page is read-only from then on, whatever it was.
   EXPECT_EQ(platform::ProtectionAfterWrite(&g_line, 4096), PROT_READ);
+  // Frame pointers are trusted, but for those that no stack could hold.
+  platform::ReadableStack stack(0x10000);
+  EXPECT_TRUE(stack.Holds(0x20000, 16) && !stack.Holds(0x8, 16));
+  EXPECT_FALSE(stack.Holds(0x10000 + (8 << 20), 16) || stack.Holds(~std::uint64_t{15}, 16));
 }
 
 TEST(AndroidPlatform, HandlersOpenEverySignal) {

@@ -49,56 +49,41 @@ TEST(LogFormat, AgreesWithSnprintf) {
   ExpectLikeSnprintf("Pointer %p of %s is %zu (%d%%)", &errno, "x", sizeof(int), 50);
 }
 
-TEST(Log, WritesOneLineAMessage) {
+TEST(Log, WritesWholeLinesKeepsErrnoAndAllocatesNothing) {
   const TemporaryDirectory directory;
-  SetVariable("MEMLEAK_TRACKER_LOG", directory.Path("log.%p").c_str());
-  const int length = async_safe_format_log(ANDROID_LOG_INFO, "Tag", "the %s is %d", "answer", 42);
-  async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "with its own newline\n");
-
-  const std::string text = directory.Read("log." + std::to_string(getpid()));
-  const std::string who =
-      " " + std::to_string(getpid()) + " " + std::to_string(syscall(SYS_gettid));
-  std::istringstream lines(text);
-  for (const char* rest : {" I Tag: the answer is 42", " E Tag: with its own newline"}) {
-    std::string line;
-    ASSERT_TRUE(std::getline(lines, line));
-    const std::size_t dot = line.find('.');
-    EXPECT_NEAR(std::stod(line.substr(0, dot)), static_cast<double>(time(nullptr)), 60);
-    EXPECT_EQ(line.find_first_not_of("0123456789", dot + 1), dot + 4);
-    EXPECT_EQ(line.substr(dot + 4), who + rest);
-  }
-  EXPECT_EQ(lines.peek(), EOF);
-  EXPECT_EQ(static_cast<std::size_t>(length), text.find('\n') + 1);
-
-  SetVariable("MEMLEAK_TRACKER_LOG", nullptr);
-  testing::internal::CaptureStderr();
-  EXPECT_GT(async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "unheard"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST(Log, CutsLongLines) {
-  const TemporaryDirectory directory;
-  SetVariable("MEMLEAK_TRACKER_LOG", directory.Path("log").c_str());
-  const std::string longest(3000, 'x');
-  EXPECT_EQ(async_safe_format_log(ANDROID_LOG_INFO, "Tag", "%s", longest.c_str()), 1023);
-  const std::string text = directory.Read("log");
-  ASSERT_EQ(text.size(), 1023U);
-  EXPECT_EQ(text.substr(1021), "x\n");
-}
-
-TEST(Log, KeepsErrnoAndAllocatesNothing) {
-  const TemporaryDirectory directory;
+  const std::string text(3000, 'x');
+  int length = 0;
   for (const std::string& destination :
-       {directory.Path("log"), directory.Path("missing/log"), std::string(5000, 'x')}) {
+       {directory.Path("missing/log"), std::string(5000, 'x'), directory.Path("log.%p")}) {
     SetVariable("MEMLEAK_TRACKER_LOG", destination.c_str());
     errno = EOWNERDEAD;
-    EXPECT_EQ(AllocationsDuring([] {
-                async_safe_format_log(ANDROID_LOG_INFO, "Tag", "%zu %s %p", sizeof(int), "x",
-                                      &errno);
+    EXPECT_EQ(AllocationsDuring([&] {
+                length =
+                    async_safe_format_log(ANDROID_LOG_INFO, "Tag", "the %s is %d", "answer", 42);
+                async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "%s", text.c_str());
+                async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "with its own newline\n");
               }),
               0);
     EXPECT_EQ(errno, EOWNERDEAD);
   }
+  SetVariable("MEMLEAK_TRACKER_LOG", nullptr);
+  testing::internal::CaptureStderr();
+  EXPECT_GT(async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "unheard"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  const std::string log = directory.Read("log." + std::to_string(getpid()));
+  EXPECT_EQ(static_cast<std::size_t>(length), log.find('\n') + 1);
+  const std::string who =
+      " " + std::to_string(getpid()) + " " + std::to_string(syscall(SYS_gettid));
+  std::istringstream lines(log);
+  std::string line;
+  for (const std::string& rest : {std::string(" I Tag: the answer is 42"), " E Tag: " + text,
+                                  std::string(" E Tag: with its own newline")}) {
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_NEAR(std::stod(line), static_cast<double>(time(nullptr)), 60);
+    EXPECT_EQ(line.substr(line.find(' ')), (who + rest).substr(0, 1022 - line.find(' ')));
+  }
+  EXPECT_EQ(lines.peek(), EOF);
 }
 
 TEST(Log, ReaderThatIsGoneEndsNoProgram) {

@@ -1,14 +1,12 @@
 // Properties and paths below the root directory: which line and which file count, for whom.
 #include <gtest/gtest.h>
 #include <sys/system_properties.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "allocation_counter.h"
 #include "platform/linux/root.h"
-#include "platform/paths.h"
 #include "platform_variable.h"
 #include "tests/temporary_directory.h"
 
@@ -23,34 +21,15 @@ std::string Get(const char* name) {
   return value;
 }
 
-TEST(Properties, LastLineWithExactlyTheNameCountsAndIsCutToFit) {
+// What a line means is settled by the fuzz target of the properties.
+TEST(Properties, SharedFileCountsOnlyWhileTheRootHasNone) {
   const TemporaryDirectory directory;
-  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("").c_str());
-  EXPECT_EQ(Get("a"), "");  // no file yet
-  const std::string longest(91, 'v');
-  directory.Write("properties",
-                  "a.b=first\na.bc=longer\na=shorter\nxa.b=other\n a.b=blank\na.b\na.b =blank\n"
-                  "a.b=la=st\ncrlf=dos\r\nempty=x\nempty=\nblank= v \nx=" +
-                      std::string(5000, 'y') + "\nfits=" + longest + "\r\ncut=" + longest +
-                      "w\nlast=no newline");
-  const std::pair<const char*, std::string> cases[] = {{"a.b", "la=st"},
-                                                       {"a", "shorter"},
-                                                       {"a.bc", "longer"},
-                                                       {"a.b.c", ""},
-                                                       {"", ""},
-                                                       {"crlf", "dos"},
-                                                       {"empty", ""},
-                                                       {"blank", " v "},
-                                                       {"fits", longest},
-                                                       {"cut", longest},
-                                                       {"x", std::string(91, 'y')},
-                                                       {"last", "no newline"}};
-  for (const auto& [name, value] : cases) EXPECT_EQ(Get(name), value) << name;
-  // The file that a launcher shares counts only while the root has none.
   SetVariable("MEMLEAK_TRACKER_PROPERTIES", directory.Write("shared", "a=1\nq=2\n").c_str());
-  EXPECT_EQ(Get("q"), "");
-  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("none").c_str());
+  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("").c_str());
   EXPECT_EQ(Get("q"), "2");
+  directory.Write("properties", "a=first\na=last");
+  EXPECT_EQ(Get("a"), "last");
+  EXPECT_EQ(Get("q"), "");
 }
 
 TEST(Properties, KeepErrnoAndAllocateNothing) {
@@ -72,42 +51,18 @@ std::string Rooted(const char* below) {
 }
 
 TEST(Root, StandsForTheProcessThatAsks) {
-  for (const char* root : {static_cast<const char*>(nullptr), "", "/", "//"}) {
-    SetVariable("MEMLEAK_TRACKER_ROOT", root);
-    EXPECT_EQ(Rooted("/f"), "/f");
-  }
+  SetVariable("MEMLEAK_TRACKER_ROOT", "//");
+  EXPECT_EQ(Rooted("/f"), "/f");
   SetVariable("MEMLEAK_TRACKER_ROOT", "/r%%p/%p.%p%q%/");
   // What the program does to its environment later makes no difference.
   setenv("MEMLEAK_TRACKER_ROOT", "/elsewhere", 1);
-  const auto is_own = [] {
-    const std::string own = std::to_string(getpid());
-    return Rooted("/f") == "/r%" + own + "/" + own + "." + own + "%q%/f";
-  };
-  EXPECT_TRUE(is_own());
-  const pid_t child = fork();
-  if (child == 0) _exit(is_own() ? 0 : 1);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-
+  const std::string own = std::to_string(getpid());
+  EXPECT_EQ(Rooted("/f"), "/r%" + own + "/" + own + "." + own + "%q%/f");
   std::string too_long;
   while (too_long.size() < 10000) too_long += "/directory";
   SetVariable("MEMLEAK_TRACKER_ROOT", too_long.c_str());
   EXPECT_EQ(access(Rooted("/properties").c_str(), F_OK), -1);
   EXPECT_EQ(errno, ENAMETOOLONG);
-}
-
-TEST(ReportPath, MakesTheDirectoriesThatLeadToItWhereItCan) {
-  const TemporaryDirectory directory;
-  const std::string below = "/data/log/reliability/allocations_dump";
-  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("new/root.%p").c_str());
-  const std::string own = "new/root." + std::to_string(getpid()) + below;
-  EXPECT_EQ(platform::ReportPath(), directory.Path(own));
-  directory.Write(own, "report");
-  EXPECT_EQ(platform::ReportPath(), directory.Path(own));
-  EXPECT_EQ(directory.Read(own), "report");
-  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path(own).c_str());
-  EXPECT_EQ(platform::ReportPath(), directory.Path(own) + below);
 }
 
 }  // namespace

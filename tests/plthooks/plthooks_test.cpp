@@ -3,19 +3,20 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "linker/sharedlibs.h"
 #include "platform/page_protection.h"
-#include "plthooks/hooks.h"
+#include "platform/thread_keys.h"
 #include "tests/plthooks/support.h"
 #include "tests/records/log_capture.h"
 
@@ -38,9 +39,6 @@ int First(int value) {
 int Second(int value) {
   order += '2';
   return Previous(Second)(value);
-}
-int Direct(int value) {
-  return value + 100;
 }
 void* FirstMap(void* at, std::size_t bytes, int rights, int flags, int file, std::int64_t offset) {
   order += 'm';
@@ -67,51 +65,6 @@ class Hooking : public testing::Test {
   void* original_ = library_.address("calls_target");
 };
 
-TEST_F(Hooking, StacksHooksAndTakesThemOffInAnyOrder) {
-  ASSERT_EQ(*slot_, original_);
-  void* trampoline = nullptr;
-  // A second round gets a trampoline of its own.
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(library_.Hook(First), 0);
-    EXPECT_NE(*slot_, original_);
-    EXPECT_NE(*slot_, trampoline);
-    trampoline = *slot_;
-    EXPECT_EQ(library_.Hook(Second), 0);
-    EXPECT_EQ(*slot_, trampoline);
-    EXPECT_EQ(Call(1), 2);
-    EXPECT_EQ(order, "21");
-    EXPECT_EQ(library_.Unhook(First), 0);
-    EXPECT_EQ(library_.Unhook(First), 1);
-    EXPECT_EQ(*slot_, trampoline);
-    EXPECT_EQ(Call(1), 2);
-    EXPECT_EQ(order, "2");
-    EXPECT_EQ(library_.Unhook(Second), 0);
-    EXPECT_EQ(*slot_, original_);
-    EXPECT_FALSE(hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot_)));
-    EXPECT_EQ(Call(1), 2);
-    EXPECT_EQ(order, "");
-  }
-  EXPECT_TRUE(LogLines().empty());
-}
-
-TEST_F(Hooking, ADirectHookStandsAlone) {
-  plt_hook_spec direct = Spec("calls_target", Pointer(Direct));
-  direct.no_trampoline = true;
-  EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 0);
-  EXPECT_EQ(direct.hook_result, 1U);
-  EXPECT_EQ(*slot_, Pointer(Direct));
-  EXPECT_EQ(library_.Hook(First), 1);
-  EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 1);
-  EXPECT_EQ(Call(1), 101);
-  EXPECT_EQ(library_.Unhook(First), 1);
-  EXPECT_EQ(library_.Unhook(Direct), 0);
-  EXPECT_EQ(*slot_, original_);
-
-  EXPECT_EQ(library_.Hook(First), 0);
-  EXPECT_EQ(hook_single_lib(library_.name(), &direct, 1), 1);
-  EXPECT_EQ(direct.hook_result, 1U);
-}
-
 TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
   plt_hook_spec specs[] = {Spec("calls_target", Pointer(First)), Spec("getppid", Pointer(First)),
                            Spec("calls_other", nullptr), Spec(nullptr, Pointer(First)),
@@ -121,7 +74,9 @@ TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
   for (std::size_t at = 0; at < std::size(specs); ++at) {
     EXPECT_EQ(specs[at].hook_result, hooked[at]) << at;
   }
+  EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(library_.Hook(First, "getppid"), 1);
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(LogLines().empty());
   EXPECT_EQ(unhook_single_lib(library_.name(), specs, 2), 0);
   EXPECT_EQ(specs[0].hook_result, 2U);
@@ -130,21 +85,25 @@ TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
   EXPECT_EQ(library_.Hook(First), 0);
   plt_hook_spec original = Spec("calls_target", original_);
   EXPECT_EQ(unhook_single_lib(library_.name(), &original, 1), 1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(library_.Unhook(Second), 1);
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(hook_plt_method("libnone.so", "calls_target", Pointer(First)), 1);
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(Logged("] no sharelib libnone.so"));
 }
 
 TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
-  plt_hook_spec spec = Spec("calls_target", Pointer(First));
-  spec.lib_name = "libplthooks_definer.so";
+  plt_hook_spec spec = Spec("calls_other", Pointer(First));
+  spec.lib_name = "libplthooks_leaf.so";
   EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
   EXPECT_EQ(spec.hook_result, 1U);
-  EXPECT_EQ(spec.target, original_);
+  EXPECT_EQ(spec.target, library_.address("calls_other"));
   // The slot no longer holds that address: nothing is found, which is no failure.
   spec.hook_fn = Pointer(Second);
   EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
   EXPECT_EQ(spec.hook_result, 1U);
-  EXPECT_EQ(library_.Unhook(First), 0);
+  EXPECT_EQ(library_.Unhook(First, "calls_other"), 0);
 
   // A library that does not define the function leaves it to the name.
   plt_hook_spec elsewhere = Spec("calls_target", Pointer(First));
@@ -155,10 +114,19 @@ TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
 }
 
 TEST_F(Hooking, AcceptsOtherNamesOfTheFunction) {
+  // The loader knows one name for both, and their library again and again.
+  for (int round = 0; round < 2; ++round) {
+    for (const char* function : {"calls_target", "calls_same"}) {
+      EXPECT_EQ(library_.Hook(First, function), 0) << testing::PrintToString(LogLines());
+    }
+    EXPECT_EQ(library_.find<decltype(calls_call_same)>("calls_call_same")(Call(1)), 3);
+    EXPECT_EQ(order, "11");
+    for (const char* function : {"calls_target", "calls_same"}) library_.Unhook(First, function);
+  }
   auto* map = library_.find<decltype(calls_map)>("calls_map");
   ASSERT_EQ(library_.Hook(FirstMap, "mmap64"), 0) << testing::PrintToString(LogLines());
   EXPECT_EQ(map(), 1);
-  EXPECT_EQ(order, "m");
+  EXPECT_EQ(order, "11m");
 }
 
 TEST_F(Hooking, TwoSlotsOfOneFunctionAreHookedButReported) {
@@ -176,6 +144,7 @@ TEST_F(Hooking, TwoSlotsOfOneFunctionAreHookedButReported) {
   info = ELF64_R_INFO(number("calls_target"), ELF64_R_TYPE(info));
 
   EXPECT_EQ(library_.Hook(First), 1);
+  EXPECT_EQ(errno, EMLINK);
   EXPECT_EQ(Call(1), 2);
   EXPECT_EQ(library_.find<decltype(calls_call_other)>("calls_call_other")(1), 3);
   EXPECT_EQ(order, "11");
@@ -188,6 +157,7 @@ TEST_F(Hooking, RefusesASlotThatLeadsIntoNoLibrary) {
   auto* heap = std::malloc(64);
   ASSERT_EQ(unsafe_patch_relocation_address(slot_, heap), 0);
   EXPECT_EQ(library_.Hook(First), 1);
+  EXPECT_EQ(errno, ENXIO);
   char line[64];
   std::snprintf(line, sizeof(line), "] GOT entry does not point to a DSO:%lx",
                 reinterpret_cast<unsigned long>(heap));
@@ -215,78 +185,6 @@ TEST(LazySlot, FailsUntilItIsResolved) {
   EXPECT_EQ(library.Hook(First), 0);
   EXPECT_EQ(library.Call(1), 2);
   EXPECT_EQ(order, "1");
-}
-
-const Library* hooked_library = nullptr;
-
-int RemovesItself(int value) {
-  order += 'r';
-  EXPECT_EQ(hooked_library->Unhook(RemovesItself), 0);
-  EXPECT_EQ(hooked_library->Hook(Second), 0);
-  return Previous(RemovesItself)(value);
-}
-
-TEST_F(Hooking, ACallKeepsTheHooksItBeganWith) {
-  hooked_library = &library_;
-  EXPECT_EQ(library_.Hook(First), 0);
-  EXPECT_EQ(library_.Hook(RemovesItself), 0);
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "r1");
-  EXPECT_EQ(Call(1), 2);
-  EXPECT_EQ(order, "21");
-}
-
-TEST(Registry, AnswersInCodes) {
-  using namespace hooks;  // NOLINT: the whole of it is meant
-  void* slot = nullptr;
-  void* const original = &order;
-  void* const first = Pointer(First);
-  void* const second = Pointer(Second);
-  const struct {
-    HookResult (*change)(HookInfo&);
-    void* hook;
-    HookResult code;
-    RunList left;
-    bool direct = false;
-  } steps[] = {
-      {add, nullptr, HOOK_INVALID, {}},
-      {remove, nullptr, HOOK_INVALID, {}},
-      {remove, first, HOOK_UNKNOWN, {}},
-      {add, first, HOOK_NEW, {original, first}},
-      {add, second, HOOK_APPENDED, {original, first, second}},
-      {remove, original, HOOK_INVALID, {original, first, second}},
-      {remove, first, HOOK_REMOVED_STILL_HOOKED, {original, second}},
-      {remove, first, HOOK_UNKNOWN, {original, second}},
-      {remove, second, HOOK_REMOVED_TRIVIAL, {original}},
-      // A call may have read the slot just before: its list is still there.
-      {remove, original, HOOK_REMOVED_FULLY, {original}},
-      {add, first, HOOK_NEW, {original, first}, true},
-      {add, second, HOOK_NOT_CHAINABLE, {original, first}},
-  };
-  std::uint64_t id = 0;
-  for (const auto& step : steps) {
-    SCOPED_TRACE(&step - steps);
-    HookInfo info = {0, &slot, step.hook, step.change == add ? original : nullptr, step.direct};
-    EXPECT_EQ(step.change(info), step.code);
-    if (step.code == HOOK_NEW) {
-      EXPECT_GT(info.out_id, id);
-      id = info.out_id;
-    }
-    if (step.code >= HOOK_REMOVED_STILL_HOOKED && step.code <= HOOK_REMOVED_TRIVIAL) {
-      EXPECT_EQ(info.previous_function, original);
-    }
-    EXPECT_EQ(is_hooked(reinterpret_cast<std::uintptr_t>(&slot)),
-              !step.left.empty() && step.code != HOOK_REMOVED_FULLY);
-    EXPECT_EQ(get_run_list(id), step.left);
-  }
-  EXPECT_TRUE(get_run_list(id + 1000).empty());
-  // Ids beyond what the table of records began with.
-  std::vector<void*> slots(200);
-  for (void*& each : slots) {
-    HookInfo one = {0, &each, first, &each, false};
-    EXPECT_EQ(add(one), HOOK_NEW);
-    EXPECT_EQ(get_run_list(one.out_id).front(), &each);
-  }
 }
 
 TEST(Pages, KeepTheirRights) {
@@ -341,12 +239,43 @@ TEST(Pages, AFailedWriteIsReported) {
   EXPECT_TRUE(LogLines().empty());
 }
 
+/// Puts the page at `replacement` in the place of the one that holds the slot.
+void ReplacePage(void** slot, void** replacement) {
+  ASSERT_EQ(mremap(replacement, kPage, kPage, MREMAP_MAYMOVE | MREMAP_FIXED, PageOf(slot)),
+            PageOf(slot));
+}
+
+TEST_F(Hooking, ASlotThatCannotBeWrittenFailsEveryTime) {
+  ReplacePage(slot_, MapFile(PROT_READ, kPage, PageOf(slot_)));
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_EQ(library_.Hook(First), 1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(*slot_, original_);
+  }
+  // Once it can be, the next attempt makes good.
+  ReplacePage(slot_, MapFile(PROT_READ | PROT_WRITE, kPage, PageOf(slot_)));
+  EXPECT_EQ(library_.Hook(Second), 0);
+  EXPECT_EQ(Call(1), 2);
+  EXPECT_EQ(order, "21");
+}
+
+TEST_F(Hooking, NothingIsHookedWithoutAThreadKeyThatNeverAllocates) {
+  if (platform::ThreadKeyNeverAllocates(1000)) GTEST_SKIP() << "no such key";
+  pthread_key_t key = 0;
+  while (platform::ThreadKeyNeverAllocates(key)) ASSERT_EQ(pthread_key_create(&key, nullptr), 0);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_EQ(library_.Hook(First), 1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_TRUE(Logged("] too many thread keys are in use to hook a function"));
+    EXPECT_EQ(*slot_, original_);
+  }
+}
+
 TEST_F(Hooking, ASlotThatCannotBePutBackEndsTheProcess) {
   ASSERT_EQ(library_.Hook(First), 0);
   EXPECT_EXIT(ReportAbort([this] {
                 // In the place of the slot's page, its copy that nobody may write to.
-                void** page = MapFile(PROT_READ, kPage, PageOf(slot_));
-                mremap(page, kPage, kPage, MREMAP_MAYMOVE | MREMAP_FIXED, PageOf(slot_));
+                ReplacePage(slot_, MapFile(PROT_READ, kPage, PageOf(slot_)));
                 library_.Unhook(First);
               }),
               testing::ExitedWithCode(3),

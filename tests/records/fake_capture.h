@@ -3,8 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-
 #include <cstdint>
 #include <string>
 #include <utility>

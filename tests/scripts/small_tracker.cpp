@@ -85,8 +85,19 @@ EXPORT __attribute__((optimize("optimize-sibling-calls"))) void* track_calloc(st
   return Body(reinterpret_cast<void*>(count), size);
 }
 
+#ifdef ERRATUM
+// An adrp in the last words of a page of 4 KiB, and soon after a load by its result.
+#define THUNK()                                                              \
+  asm volatile(                                                              \
+      "b 1f; .balign 4096; .skip 4088; 1: adrp x16, g_work; ldr x17, [sp]; " \
+      "ldr w17, [x16, :lo12:g_work]" ::                                      \
+          : "x16", "x17")
+#else
+#define THUNK()
+#endif
 #define ENTRY(name)                                         \
   EXPORT void name(void* pointer, std::size_t size) {       \
+    THUNK();                                                \
     static_cast<PointerData*>(pointer)->Add(pointer, size); \
     Work();                                                 \
   }
@@ -115,9 +126,6 @@ int* UseThreadLocal() {
 __attribute__((constructor)) void Unlisted() {
   Work();
 }
-#endif
-#ifdef FAULT_LARGE
-extern const char g_filler[400000] = {1};
 #endif
 #ifdef MANY_POINTERS
 // More than two words of a bitmap, in front of the global offset table.

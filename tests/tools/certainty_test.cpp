@@ -1,4 +1,4 @@
-// What is said to be certain of reports, held against the whole heaps that they were made of:
+// What is said to be certain of reports, compared with the whole heaps that they were made of:
 // random ones, through the cuts, gaps and damage that a report may have, and as documents.
 #include <gtest/gtest.h>
 
@@ -132,6 +132,7 @@ bool Holds(const GroupChange& change, std::uint64_t before, std::uint64_t after)
 
 TEST(Certainty, HoldsOfTheWholeHeaps) {
   std::map<Change, int> seen;
+  int known_of_cut_lists = 0;
   for (unsigned seed = 1; seed <= 2000 && !testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Random random(seed);
@@ -144,8 +145,12 @@ TEST(Certainty, HoldsOfTheWholeHeaps) {
       const Group& group = merged.groups[i];
       const std::string row =
           RowName(group.kind, group.size, FrameName(merged, merged.frames[group.stack[0]]));
-      EXPECT_TRUE(Holds(difference.changes[i], truth.at(row)[0], truth.at(row)[1])) << row;
-      ++seen[difference.changes[i].change];
+      const GroupChange& change = difference.changes[i];
+      EXPECT_TRUE(Holds(change, truth.at(row)[0], truth.at(row)[1])) << row;
+      const bool whole =
+          reports[0].profile.ListsAll(group.kind) && reports[1].profile.ListsAll(group.kind);
+      EXPECT_FALSE(whole && change.change == Change::kUnknown) << row;
+      ++seen[change.change];
     }
     Trends trends;
     for (const Written& report : reports) trends.Add(trends.Reports() == 0 ? 0 : 1, report.profile);
@@ -154,10 +159,75 @@ TEST(Certainty, HoldsOfTheWholeHeaps) {
       for (std::size_t i = 0; i < reports.size(); ++i) {
         const std::uint64_t held = truth.at(row)[i];
         EXPECT_EQ(group.values[i].value_or(GroupValue{0, held}).total, held) << row;
+        const bool whole = reports[i].profile.ListsAll(group.kind);
+        EXPECT_TRUE(!whole || group.values[i]) << row;
+        if (!whole && group.values[i]) ++known_of_cut_lists;
       }
     }
   }
   EXPECT_EQ(seen.size(), 6U) << "claims of every kind";
+  EXPECT_GT(known_of_cut_lists, 0);
+}
+
+// The tracker keeps a record of each backtrace in each of its tables. A group lists the ages of one
+// record, that of its first block, and at most 30.
+TEST(Certainty, OwnAgesAreTheGroups) {
+  using Ages = std::vector<std::int64_t>;
+  const TemporaryDirectory directory;
+  std::map<std::string, int> seen;
+  for (unsigned seed = 1; seed <= 600 && !testing::Test::HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Random random(seed);
+    const unsigned tables = 1 + Below(3, random);
+    const unsigned places = 2 + Below(20, random);
+    std::map<std::pair<std::uint64_t, std::uint64_t>, Ages> groups;  // by size and place
+    std::map<std::pair<std::uint64_t, unsigned>, Ages> records;      // by place and table
+    for (std::int64_t age = 0; age < 120; ++age) {                   // no two blocks are of one age
+      const std::uint64_t place = Below(places, random);
+      groups[{8 + 8 * (Below(9, random) / 8), place}].push_back(age);
+      records[{place, Below(tables, random)}].push_back(age);
+    }
+    std::ostringstream lines;
+    std::size_t listed = 0;
+    for (const auto& [group, ages] : groups) {
+      if (Below(100, random) == 0) continue;
+      ++listed;
+      lines << "sz " << group.first << " " << group.first * ages.size() << " num " << ages.size();
+      const Ages* record = nullptr;
+      for (unsigned table = tables; table-- > 0;) {
+        const Ages& all = records[{group.second, table}];
+        if (std::find_first_of(all.begin(), all.end(), ages.begin(), ages.end()) != all.end()) {
+          record = &all;
+        }
+      }
+      lines << " time ";
+      for (std::size_t i = 0; i < std::min<std::size_t>(30, record->size()); ++i) {
+        lines << (*record)[i] << " ";
+      }
+      lines << " bt [/no/lib.so+0x" << std::hex << group.second << std::dec << "] \n";
+    }
+    std::ostringstream text;
+    text << "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 0\nAllocation records: "
+         << groups.size() << "/" << listed << "\nBacktrace size: 10\n\n"
+         << lines.str() << std::string(30, '=') << "Java-Native Stack" << std::string(30, '=')
+         << "\nEND";
+    const Profile profile = LoadProfile(directory.Write("report", text.str()), {});
+    ASSERT_EQ(profile.groups.size(), listed);
+    const Difference same = Compare(profile, profile);
+    for (std::size_t i = 0; i < listed; ++i) {
+      const Group& group = profile.groups[i];
+      EXPECT_EQ(same.merged.groups[i].own_ages, group.own_ages);
+      ++seen[!group.own_ages    ? "about"
+             : group.count == 1 ? "one"
+             : group.count > 30 ? "30"
+                                : "all"];
+      if (!group.own_ages) continue;
+      const Ages& own = groups[{group.size, profile.frames[group.stack[0]].offset}];
+      EXPECT_EQ(group.ages.size(), std::min<std::size_t>(own.size(), 30));
+      EXPECT_TRUE(std::includes(own.begin(), own.end(), group.ages.begin(), group.ages.end()));
+    }
+  }
+  EXPECT_EQ(seen.size(), 4U) << "lists of every kind";
 }
 
 }  // namespace

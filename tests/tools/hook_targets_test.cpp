@@ -216,12 +216,14 @@ TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
   const LogTail log(process_);
   ASSERT_TRUE(log.IsReadable());
   const std::string pid = std::to_string(getpid());
-  directory.Write("log", "1.5 1 1 E MemLeak.Native: all plt hook failed!\n1.5 " + pid +
-                             " 1 E MemLeak.Native: plt hook mmap error: Success\n1.6 " + pid +
-                             " 1 I MemLeak.Native: set mmaphook to:true, btsize:10, btType:0\n");
+  directory.Write(
+      "log", "1.5 1 1 E MemLeak.Native: all plt hook failed!\n1.5 " + pid +
+                 " 1 E MemLeak.Native: plt hook mmap error: No such file or directory\n1.6 " + pid +
+                 " 1 I MemLeak.Native: set mmaphook to:true, btsize:10, btType:0\n");
   const HookOutcome told = WaitForHooks(process_, kind, plan, log, memory_, 0);
   EXPECT_EQ(told.result, HookResult::kHooked);
-  EXPECT_EQ(told.complaints, std::vector<std::string>{"plt hook mmap error: Success"});
+  EXPECT_EQ(told.complaints,
+            std::vector<std::string>{"plt hook mmap error: No such file or directory"});
   ASSERT_EQ(told.hooked.size(), 1U);
   EXPECT_EQ(told.hooked[0].function, "munmap");
 
@@ -230,12 +232,12 @@ TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
   Refresh();
   const HookPlan one = Plan({{kPlain}, {"munmap"}, true});
   directory.Write("log", line + "x: GOT entry not part of a DSO: 0x1\n" + line +
-                             "x: plt hook munmap error: Success\n" + line +
-                             "x: plt hook mmap error: Success\n1.8 " + pid +
+                             "x: plt hook munmap error: Too many links\n" + line +
+                             "x: plt hook mmap error: No such file or directory\n1.8 " + pid +
                              " 1 I x: set mmaphook to:true, btsize:10, btType:0\n");
   EXPECT_EQ(WaitForHooks(process_, kind, one, log, memory_, 0).complaints,
             (std::vector<std::string>{"GOT entry not part of a DSO: 0x1",
-                                      "plt hook munmap error: Success"}));
+                                      "plt hook munmap error: Too many links"}));
   const std::vector<HookPair> hooked = AllHookedPairs(process_, memory_);
   ASSERT_EQ(hooked.size(), 1U);
   EXPECT_EQ(hooked[0].library + " " + hooked[0].function, "libother_name.so.3 munmap");

@@ -1,6 +1,6 @@
 #!/bin/sh
 # check_exports.sh LIBRARY READELF SANITIZERS: fails unless LIBRARY exports exactly the entries, all
-# with their symbol version, and needs no library beyond the C library and the unwinder.
+# with their symbol version, and needs no library beyond the C library.
 set -eu
 library=$1 readelf=$2 sanitizers=$3
 
@@ -24,9 +24,9 @@ fi
 
 if [ -z "$sanitizers" ]; then
   others=$("$readelf" -d -W "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
-    grep -v -e '^libc\.so' -e '^libm\.so' -e '^libunwind\.so' -e '^ld-linux-' || true)
+    grep -v -e '^libc\.so' -e '^libm\.so' -e '^ld-linux-' || true)
   if [ -n "$others" ]; then
-    echo "$library needs more than the C library and the unwinder: $others"
+    echo "$library needs more than the C library: $others"
     exit 1
   fi
 fi

@@ -1,11 +1,15 @@
-// The allocator entries against stand-ins: what they forward, record and refuse.
+// The exported entries against stand-ins: what they forward, record and refuse. What a lack of
+// memory does is in memory_shortage.cpp.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <thread>
 
 #include "fakes.h"
+#include "platform/thread_keys.h"
+#include "tracker/DebugData.h"
 #include "tracker/MallocMemTrack.h"
 #include "tracker/MemTrackControl.h"
 
@@ -20,11 +24,15 @@ void* PosixMemalign(std::size_t alignment, std::size_t size, int expected) {
   return result;
 }
 
+bool Start() {
+  return track_initialize(&fake::Dispatch(), fake::ZygoteFlag(), "");
+}
+
 class EntriesTest : public testing::Test {
  protected:
   void SetUp() override {
     fake::Reset();
-    ASSERT_TRUE(track_initialize(&fake::Dispatch(), fake::ZygoteFlag(), ""));
+    ASSERT_TRUE(Start());
     Control()->ConfigHookStatus(true, true);
     fake::Reset();
     errno = kUntouchedErrno;
@@ -85,17 +93,6 @@ TEST_F(EntriesTest, RecordWhatWasReallyAllocatedWhileMarked) {
   });
 }
 
-TEST_F(EntriesTest, RecordNothingWhenTheAllocatorFails) {
-  using namespace fake;
-  Now().allocation_fails = true;
-  Check({
-      {CALL(track_malloc(5)), nullptr, 0, "malloc(5)*"},
-      {CALL(track_calloc(1, 5)), nullptr, 0, "calloc(1,5)*"},
-      {CALL(PosixMemalign(8, 5, ENOMEM)), nullptr, 0, "memalign(8,5)*"},
-      {CALL(track_realloc(old_block, 5)), nullptr, 0, "Remove(old,0)* realloc(old,5)*"},
-  });
-}
-
 /// The same calls must reach the C library as they are while recording is off and while the thread
 /// is marked; only frees differ.
 std::vector<Call> Forwards(const char* free_events) {
@@ -142,19 +139,51 @@ TEST_F(EntriesTest, TheTrackersOwnAllocationsAreNotRecorded) {
   Control()->EnableThread();
 }
 
-TEST_F(EntriesTest, QueriesAndSettings) {
+TEST_F(EntriesTest, Queries) {
   EXPECT_EQ(track_malloc_usable_size(fake::old_block), 48U);
   EXPECT_EQ(track_malloc_usable_size(nullptr), 48U);
-  track_mallinfo();
-  EXPECT_EQ(fake::TakeEvents(), "usable(old)* usable(null) mallinfo()");
-  EXPECT_EQ(track_mallopt(3, 4), 7);
+  EXPECT_EQ(fake::TakeEvents(), "usable(old)* usable(null)");
   EXPECT_EQ(track_malloc_info(1, nullptr), 0) << "silent while recording";
   EXPECT_EQ(track_malloc_backtrace(fake::old_block, nullptr, 4), 3U);
   EXPECT_EQ(track_malloc_backtrace(nullptr, nullptr, 4), 0U);
-  track_malloc_disable();
-  track_malloc_enable();
-  EXPECT_EQ(fake::TakeEvents(),
-            "GetFrames(old,4)* disable() PrepareFork() PostForkParent() enable()");
+}
+
+TEST(StartAndStop, AStartWithoutThreadKeysLeavesNothingBehind) {
+  // With three keys left the last is one whose use allocates: an entry would call itself forever.
+  const bool keys_allocate = !platform::ThreadKeyNeverAllocates(1000);
+  for (std::size_t left = 0; left < (keys_allocate ? 4U : 3U); ++left) {
+    std::vector<pthread_key_t> keys;
+    pthread_key_t key = 0;
+    while (pthread_key_create(&key, nullptr) == 0) keys.push_back(key);
+    for (std::size_t i = 0; i < left; ++i, keys.pop_back()) pthread_key_delete(keys.back());
+    fake::Reset();
+    EXPECT_FALSE(Start());
+    EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
+    const char* line = left < 3 ? "E pthread_key_create failed: Resource" : "E thread key ";
+    EXPECT_EQ(fake::TakeLog().at(0).rfind(line, 0), 0U);
+    for (const pthread_key_t each : keys) pthread_key_delete(each);
+  }
+  EXPECT_TRUE(Start());
+  track_finalize();
+}
+
+TEST(StartAndStop, ClearsAndSwitchesWhileOthersAllocate) {
+  ASSERT_TRUE(Start());
+  std::atomic<bool> done{false};
+  std::thread threads[3];
+  for (std::thread& thread : threads) {
+    thread = std::thread([&done] {
+      while (!done) track_free(track_realloc(track_calloc(1, 8), 9));
+    });
+  }
+  for (int i = 0; i < 300; ++i) {
+    MemTrackControl::GetInstance()->ConfigHookStatus(i % 2 == 0, i % 3 != 0);
+    EXPECT_TRUE(DebugData::Initialize(DebugData::GetInstance()));
+    fake::TakeEvents();
+  }
+  track_finalize();  // threads are still inside
+  done = true;
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

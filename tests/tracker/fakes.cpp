@@ -58,7 +58,7 @@ void Note(const char* name, Arguments... arguments) {
 template <typename... Arguments>
 void* Allocate(const char* name, Arguments... arguments) {
   Note(name, arguments...);
-  return Now().allocation_fails ? nullptr : new_block;
+  return new_block;
 }
 
 const char* ProxyName(const void* proxy) {
@@ -145,7 +145,7 @@ const MallocDispatch& Dispatch() {
 
 bool PointerData::Initialize() {
   fake::Note("Initialize");
-  return !fake::Now().store_initialize_fails;
+  return true;
 }
 void PointerData::Add(const void* pointer, std::size_t size) {
   fake::Note("Add", pointer, size);
@@ -153,6 +153,12 @@ void PointerData::Add(const void* pointer, std::size_t size) {
 }
 void PointerData::Remove(const void* pointer, std::size_t size) {
   fake::Note("Remove", pointer, size);
+}
+void PointerData::AddMapping(const void* pointer, std::size_t size) {
+  Add(pointer, size);
+}
+void PointerData::RemoveMapping(const void* pointer, std::size_t size) {
+  Remove(pointer, size);
 }
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t*, std::size_t max_frames) {
   fake::Note("GetFrames", pointer, max_frames);

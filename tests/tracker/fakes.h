@@ -14,8 +14,6 @@ namespace fake {
 
 /// What the stand-ins do; Reset puts the defaults back and forgets events and log lines.
 struct Behaviour {
-  bool allocation_fails = false;
-  bool store_initialize_fails = false;
   std::uint32_t backtrace_size = 10;
   char backtrace_type = '0';
   std::function<void()> in_add;  ///< runs inside PointerData::Add

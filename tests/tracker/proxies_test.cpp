@@ -1,11 +1,11 @@
-// The proxies: what they forward, and what they record.
+// The proxies: what they record, and what they only forward. Whole programs show that calls get
+// their arguments and results.
 #include "tracker/proxies.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 
 #include "fakes.h"
@@ -21,32 +21,19 @@ const Lines kMapError = {"E map result error"};
 const Lines kUnmapError = {"E munmap addr or size error"};
 constexpr std::size_t kBig = std::size_t{3} << 32;
 
-/// What the real functions were given, and what they return.
-std::string seen;
+/// What the real functions return.
 void* mapping = fake::new_block;
 int result = 0;
 
 template <typename... Arguments>
-void See(Arguments... arguments) {
-  seen.clear();
-  ((seen += std::to_string(std::uintptr_t(arguments)) + " "), ...);
-}
-
-void* RealMmap(void* address, std::size_t length, int protection, int flags, int fd, off_t offset) {
-  See(address, length, protection, flags, fd, offset);
+void* RealMapping(Arguments... /*arguments*/) {
   return mapping;
 }
-void* RealMremap(void* old, std::size_t old_size, std::size_t size, int flags, void* address) {
-  See(old, old_size, size, flags, address);
-  return mapping;
-}
-int RealMunmap(void* address, std::size_t length) {
-  See(address, length);
+int RealMunmap(void* /*address*/, std::size_t /*length*/) {
   errno = EAGAIN;
   return result;
 }
-int RealIoctl(int fd, unsigned long request, void* argument) {
-  See(fd, request, argument);
+int RealIoctl(int /*fd*/, unsigned long /*request*/, void* /*argument*/) {
   if (result == -1) errno = EFAULT;
   return result;
 }
@@ -68,46 +55,39 @@ class ProxiesTest : public testing::Test {
   static void Real(Function* function) {
     fake::Hooks().previous = reinterpret_cast<void*>(function);
   }
-  /// Checks a call just made: its result, what it recorded, and what the real function was given
-  /// unless that is known.
+  /// Checks a call just made: its result and what it recorded.
   template <typename T>
-  static void Check(T answer, T expected, const char* events, const Lines& log = {},
-                    const std::string& given = seen) {
+  static void Check(T answer, T expected, const char* events, const Lines& log = {}) {
     EXPECT_EQ(answer, expected);
     EXPECT_EQ(fake::TakeEvents(), events);
     EXPECT_EQ(fake::TakeLog(), log);
-    EXPECT_EQ(seen, given);
   }
 
   MemTrackControl* control_ = nullptr;
 };
 
-TEST_F(ProxiesTest, MappingsAreForwardedAndAnonymousOnesRecorded) {
+TEST_F(ProxiesTest, AnonymousMappings) {
   const auto map = [](std::size_t size, int flags) {
-    return shared_proxy_mmap64(reinterpret_cast<void*>(0x7000), size, 3, flags, -1, off_t{1} << 40);
+    return shared_proxy_mmap64(nullptr, size, 3, flags, -1, 0);
   };
   const auto map2 = [](std::size_t size) {
     return shared_proxy___mmap2(nullptr, size, 3, kAnonymous, -1, 7);
   };
-  const auto remap = [](int flags) {
-    return shared_proxy_mremap(reinterpret_cast<void*>(0x6000), 1, 2, flags, fake::old_block);
-  };
-  Real(RealMmap);
-  Check(map(kBig, kAnonymous), mapping, "Add(new,12884901888)", {},
-        "28672 12884901888 3 34 18446744073709551615 1099511627776 ");
+  Real(RealMapping<void*, std::size_t, int, int, int, off_t>);
+  Check(map(kBig, kAnonymous), mapping, "Add(new,12884901888)");
   Check(map(4096, MAP_PRIVATE), mapping, "");
-  Check(map2(4096), mapping, "Add(new,4096)", {}, "0 4096 3 34 18446744073709551615 7 ");
-  Check(map2(0), mapping, "", kMapError);
   mapping = MAP_FAILED;
   Check(map(4096, kAnonymous), MAP_FAILED, "Add(?,4096)");
   mapping = nullptr;
   Check(map(4096, kAnonymous), mapping, "", kMapError);
-
-  Real(RealMremap);
+  Real(RealMapping<void*, std::size_t, int, int, int, std::size_t>);
   mapping = fake::new_block;
-  Check(remap(MREMAP_MAYMOVE), mapping, "", {},
-        "24576 1 2 1 " + std::to_string(std::uintptr_t(fake::old_block)) + " ");
-  Check(remap(MAP_ANONYMOUS), mapping, "Add(new,2)");
+  Check(map2(4096), mapping, "Add(new,4096)");
+  Check(map2(0), mapping, "", kMapError);
+
+  Real(RealMapping<void*, std::size_t, std::size_t, int, void*>);
+  Check(shared_proxy_mremap(nullptr, 1, 2, MREMAP_MAYMOVE, nullptr), mapping, "");
+  Check(shared_proxy_mremap(nullptr, 1, 2, MAP_ANONYMOUS, nullptr), mapping, "Add(new,2)");
 
   Real(RealMunmap);
   result = -1;
@@ -126,8 +106,7 @@ TEST_F(ProxiesTest, DeviceRequests) {
     std::uint32_t flags = 0;
     std::uint64_t heap_flags = 0;
   } dma;
-  Check(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0, "Add(?,8192)", {},
-        "3 3222816768 " + std::to_string(std::uintptr_t(&dma)) + " ");
+  Check(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0, "Add(?,8192)");
   // A sign-extended request.
   Check(shared_proxy_ion_ioctl(3, 0xFFFFFFFFC0184800, &dma), 0, "Add(?,8192)");
   Check(shared_proxy_ion_ioctl(3, 0xC0184801, nullptr), 0, "");
@@ -145,16 +124,17 @@ TEST_F(ProxiesTest, DeviceRequests) {
   gpu[1] = 0;
   Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), 11, "", kMapError);
   Check(shared_proxy_gpu_ioctl(4, 0x40200946, nullptr), 11, "", kUnmapError);
-  // What the kernel could not read, the proxy does not read either.
+  // A refused request is recorded like any other.
+  gpu[1] = 4096;
   result = -1;
-  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, reinterpret_cast<void*>(16)), -1, "", kMapError);
+  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), -1, "Add(new,4096)");
 }
 
 TEST_F(ProxiesTest, NothingIsRecordedWhilePausedOrMarked) {
   const auto map = [](std::size_t size) {
     return shared_proxy_mmap64(nullptr, size, 3, kAnonymous, -1, 0);
   };
-  Real(RealMmap);
+  Real(RealMapping<void*, std::size_t, int, int, int, off_t>);
   control_->ConfigPltHookStatus(false, true);
   Check(map(0), mapping, "");
   control_->ConfigPltHookStatus(true, true);

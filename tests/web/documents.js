@@ -38,8 +38,8 @@ function frame(library, name, file = "", line = 0) {
 }
 
 function group(size, count, stack, ages, more = {}) {
-  const pattern = "unknown";
-  return { kind: "native", size, count, total: size * count, ages, pattern, stack, ...more };
+  const [pattern, ownAges] = ["unknown", ages.length === Math.min(30, count)];
+  return { kind: "native", size, count, total: size * count, ages, ownAges, pattern, stack, ...more };
 }
 
 const kServer = [

@@ -49,6 +49,9 @@ const named = (page, part) => page.locator(`#flame g.frame[name*="${part}"]`).fi
 const rows = (page) => page.locator("#groups tr.group");
 const column = (page, key) => page.locator(`#groups tr.group td.${key}`).allInnerTexts();
 const sortOn = (page, key) => page.click(`#groups [data-sort=${key}]`);
+/** What is typed is searched for after a pause, and on a slow machine a part of it before that. */
+const awaitFound = (page, source) =>
+  page.waitForFunction((s) => new RegExp(s).test(document.getElementById("found").textContent), source);
 
 async function showsFigures(browser) {
   const document = server();
@@ -103,7 +106,8 @@ async function agreesInTotals(page, totals, base) {
 
 /** A report as the tracker writes it: the page says of it what `show` says. */
 async function agreesWithShow(browser) {
-  const text = report([line("one", 48, 1000, [9, 2, 1, 0]), line("two", 4096, 3, [9])]);
+  const ages = [9, 2, 1, 0];
+  const text = report([line("one", 48, 1000, ages), line("two", 4096, 4, ages)]);
   const [source, html] = [file("allocations_dump", text), join(work, "report.html")];
   run("html", source, "-o", html);
   const { totals, groups, frames: all } = JSON.parse(run("show", source, "--json"));
@@ -112,9 +116,10 @@ async function agreesWithShow(browser) {
   await agreesInTotals(page, totals);
   const sorted = [...groups].sort((a, b) => b.total - a.total);
   assert.deepEqual(await column(page, "count"), sorted.map((group) => count(group.count)));
-  assert.deepEqual(sorted.map((group) => group.pattern), ["growing", "unknown", "unknown"]);
-  assert.deepEqual(await column(page, "pattern"), ["growing", "–", "–"]);
-  assert.match(run("show", source), /1,000 blocks of 48 B .*growing\n/);
+  // Four ages of a thousand blocks need not be those of any of them.
+  assert.deepEqual(await column(page, "pattern"), ["perhaps growing", "growing", "–"]);
+  assert.deepEqual(await column(page, "age"), ["about 0s–9s", "0s–9s", "–"]);
+  assert.match(run("show", source), /48 B .*about 0s..9s  perhaps g[^]*4.0 KiB  age 0s..9s  growing\n/);
   for (const [at, group] of sorted.entries()) {
     await rows(page).nth(at).locator(".toggle").click();
     const names = await page.locator("#groups tr.detail").nth(at).locator("li code").allInnerTexts();
@@ -166,25 +171,19 @@ async function zoomsAndSearches(browser) {
   const before = await width("codec::Decode");
   assert.ok(before < whole / 2);
   await named(page, "codec::Decode").click();
-  await page.waitForFunction((less) => {
-    const box = document.querySelector('#flame g.frame[name*="codec::Decode"] rect');
-    return box.getBoundingClientRect().width > less;
-  }, whole * 0.98);
+  assert.ok((await width("codec::Decode")) > whole * 0.98);
   assert.equal(await rows(page).count(), 2, "the table follows the zoom");
   await page.click("#reset");
-  await page.waitForFunction(() => document.getElementById("reset").disabled);
   assert.equal(await rows(page).count(), 6);
   assert.ok(Math.abs((await width("codec::Decode")) - before) < 2);
 
   await page.keyboard.press("/");
   await page.keyboard.type("cache::insert");
-  await page.waitForFunction(() => document.getElementById("found").textContent !== "");
-  assert.match(await page.innerText("#found"), /^1 found, in stacks that hold 11\.9 MiB \(2 groups\)/);
+  await awaitFound(page, "^1 found, in stacks that hold 11\\.9 MiB \\(2 groups\\)");
   const colour = (part) => named(page, part).locator("rect").getAttribute("fill");
   assert.notEqual(await colour("Cache::Insert"), await colour("Session::Open"));
-  assert.equal(await colour("Cache::Insert"), await page.evaluate(() => "hsl(300 85% 72%)"));
   await page.keyboard.press("Escape");
-  await page.waitForFunction(() => document.getElementById("found").textContent === "");
+  await awaitFound(page, "^$");
 
   // From the other end, and by the keyboard alone: two frames up from the root, in, and out again.
   await page.getByLabel("Start at").selectOption("allocation");
@@ -196,8 +195,8 @@ async function zoomsAndSearches(browser) {
   for (const key of ["Escape", "Escape"]) await page.keyboard.press(key);
   assert.equal(await page.innerText("#zoom-path"), "");
   await page.getByLabel("upside down").check();
-  const [root, leaf] = [await named(page, "all").boundingBox(), await named(page, "malloc").boundingBox()];
-  assert.ok(root.y > leaf.y);
+  const top = async (part) => (await named(page, part).boundingBox()).y;
+  assert.ok((await top("all")) > (await top("malloc")));
   await close(page);
 }
 
@@ -245,9 +244,6 @@ async function showsDifferences(browser) {
     ...["grew", "grew", "new", "same", "gone", "shrank", "unknown", "unknown"],
   ]);
   assert.deepEqual((await column(page, "growth")).slice(4, 6), ["−480.0 KiB", "−3.1 MiB"]);
-  const hue = async (part) =>
-    /hsl\((\d+)/.exec(await named(page, part).locator("rect").getAttribute("fill"))[1];
-  assert.deepEqual([await hue("Cache::Insert"), await hue("codec::Decode")], ["14", "212"]);
   await page.getByLabel("Status").selectOption("gone");
   assert.equal(await rows(page).count(), 1);
   await close(page);
@@ -288,7 +284,7 @@ async function staysFluid(browser, name, document) {
   await timed(page, "reset", 500, () => page.click("#reset"));
   await timed(page, "search", 700, async () => {
     await page.fill("#search", "method_1");
-    await page.waitForFunction(() => document.getElementById("found").textContent !== "");
+    await awaitFound(page, " found, ");
   });
   await timed(page, "other end", 500, () => page.getByLabel("Start at").selectOption("allocation"));
   await holdsFewElements(page);

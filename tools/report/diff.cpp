@@ -185,6 +185,7 @@ void Comparison::AddReport(const Profile& profile, Side GroupChange::*side,
     merged.count = sums.count;
     merged.total = sums.total;
     merged.ages.insert(merged.ages.end(), group.ages.begin(), group.ages.end());
+    merged.own_ages = group.own_ages && (sums.parts == 1 || merged.own_ages);
   }
 }
 

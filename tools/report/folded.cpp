@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tools/report/names.h"
+#include "tools/names.h"
 
 namespace memleak {
 namespace {

@@ -3,8 +3,11 @@
 
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <string>
+#include <string_view>
 #include <utility>
 
+#include "tools/names.h"
 #include "tools/report/aggregate.h"
 
 namespace memleak {
@@ -45,6 +48,7 @@ json GroupToJson(const Group& group, std::int64_t span) {
           {"count", group.count},
           {"total", group.total},
           {"ages", group.ages},
+          {"ownAges", group.own_ages},
           {"pattern", PatternName(PatternOf(group, span))},
           {"stack", group.stack}};
 }
@@ -111,7 +115,19 @@ json ToJson(const Profile& profile, const std::vector<std::size_t>& groups) {
 
 void WriteJson(const json& document, std::ostream& out) {
   // Mapping names are bytes; a page or a script must be able to read the document all the same.
-  out << document.dump(-1, ' ', false, json::error_handler_t::replace) << "\n";
+  const std::string text = document.dump(-1, ' ', false, json::error_handler_t::replace);
+  // The library escapes C0 alone. What it leaves of control characters has two bytes, but for DEL.
+  constexpr const char* kStarts = "\xc2\x7f";
+  std::size_t written = 0;
+  for (std::size_t at = text.find_first_of(kStarts); at != std::string::npos;
+       at = text.find_first_of(kStarts, at + 1)) {
+    const Character character = FirstCharacter(std::string_view(text).substr(at));
+    if (character.printable) continue;
+    out << std::string_view(text).substr(written, at - written) << "\\u00" << std::hex
+        << character.value << std::dec;
+    written = at + character.bytes.size();
+  }
+  out << std::string_view(text).substr(written) << "\n";
 }
 
 }  // namespace memleak

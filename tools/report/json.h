@@ -25,7 +25,8 @@ nlohmann::json ToJson(const Profile& profile, const std::vector<std::size_t>& gr
 nlohmann::json ReportToJson(const Profile& profile);
 nlohmann::json TotalsToJson(const Profile& profile);
 
-/// Writes a document on one line, always as valid UTF-8.
+/// Writes a document on one line, always as valid UTF-8 without control characters: those in names
+/// are escaped.
 void WriteJson(const nlohmann::json& document, std::ostream& out);
 
 }  // namespace memleak

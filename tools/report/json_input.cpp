@@ -48,6 +48,11 @@ Frame FrameOf(const json& object, std::size_t libraries) {
   return frame;
 }
 
+// A member that documents of older programs lack.
+json Member(const json& object, const char* name, const json& otherwise) {
+  return object.contains(name) ? object.at(name) : otherwise;
+}
+
 Group GroupOf(const json& object, std::size_t frames) {
   Group group;
   const std::string kind = Text(object, "kind");
@@ -57,13 +62,9 @@ Group GroupOf(const json& object, std::size_t frames) {
   group.count = Number(object, "count");
   group.total = Number(object, "total");
   group.ages = object.at("ages").get<std::vector<std::int64_t>>();
+  group.own_ages = Member(object, "ownAges", false).get<bool>();
   for (const json& frame : object.at("stack")) group.stack.push_back(Index(frame, frames, "frame"));
   return group;
-}
-
-// A member that documents of older programs lack.
-json Member(const json& object, const char* name, const json& otherwise) {
-  return object.contains(name) ? object.at(name) : otherwise;
 }
 
 void ReadHead(const json& document, Profile* profile) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <numeric>
 #include <sstream>
 #include <string_view>
@@ -219,6 +220,25 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
   }
 }
 
+// Sets `own_ages` of each group, while stacks are still places of the report. The tracker keeps a
+// record of a backtrace in each of its tables, and lists the times of one such record for a group:
+// that of the group's first block. Other groups may have blocks in that record, and the group may
+// have blocks in others. So a list of the full length is certainly the group's own if the group has
+// one block, or if no other group, listed or not, has its backtrace.
+void MarkOwnAges(Profile* profile) {
+  constexpr std::uint64_t kMostAges = 30;
+  std::map<std::vector<std::uint32_t>, std::size_t> groups;  // by backtrace
+  for (const Group& group : profile->groups) {
+    if (!group.ages.empty()) ++groups[group.stack];
+  }
+  const bool whole = profile->ListsAll(GroupKind::kNative);
+  for (Group& group : profile->groups) {
+    if (group.ages.empty()) continue;
+    const bool alone = group.count == 1 || (whole && groups[group.stack] == 1);
+    group.own_ages = alone && group.ages.size() == std::min(group.count, kMostAges);
+  }
+}
+
 std::int64_t ModifiedTime(const std::string& path) {
   struct stat state {};
   return stat(path.c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime) : 0;
@@ -232,6 +252,12 @@ Sums Profile::Listed(GroupKind kind) const {
     if (group.kind == kind) sums.Add(group);
   }
   return sums;
+}
+
+bool Profile::ListsAll(GroupKind kind) const {
+  if (!complete || damaged_lines > 0) return false;
+  // The head counts native groups alone. Of the others all are listed.
+  return kind == GroupKind::kJava || header.groups <= Listed(kind).groups;
 }
 
 Sums Profile::Unlisted() const {
@@ -254,6 +280,7 @@ Profile LoadProfile(const std::string& report_path, const SymbolOptions& options
     if (++profile.damaged_lines <= kDamagedLinesKept) profile.damaged.push_back(std::move(line));
   };
   profile.complete = ReadReportFile(report_path, sink, &profile.header) == ReportEnd::kComplete;
+  MarkOwnAges(&profile);
   builder.Resolve(options);
   return profile;
 }

@@ -42,8 +42,12 @@ struct Group {
   std::uint64_t size = 0;            ///< bytes of one block
   std::uint64_t count = 0;           ///< number of blocks
   std::uint64_t total = 0;           ///< bytes of all
-  std::vector<std::int64_t> ages;    ///< seconds, of at most 30 of the blocks
+  std::vector<std::int64_t> ages;    ///< seconds, at most 30: see `own_ages`
   std::vector<std::uint32_t> stack;  ///< indices into Profile::frames, innermost first
+  /// `ages` are certainly those of blocks of this group, and as many as a report can list.
+  /// Otherwise some may be those of other blocks with the same stack, and some of its own may be
+  /// missing.
+  bool own_ages = false;
 };
 
 /// `a` plus `b`, or the largest number where they add up to more: a damaged report may say
@@ -95,6 +99,9 @@ struct Profile {
 
   /// Sums of the groups of one kind that the report lists.
   Sums Listed(GroupKind kind) const;
+
+  /// Whether the report certainly lists all groups of `kind`.
+  bool ListsAll(GroupKind kind) const;
 
   /// Native bytes and groups that the head counts and the list lacks; `blocks` is 0, since nothing
   /// tells their number. Never below 0, whatever a damaged head says.

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/report/names.h"
+#include "tools/names.h"
 #include "tools/report/profile.pb.h"
 
 namespace memleak {

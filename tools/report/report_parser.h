@@ -23,7 +23,7 @@ struct NativeGroup {
   std::uint64_t size = 0;           ///< bytes of one block
   std::uint64_t total = 0;          ///< bytes of all
   std::uint64_t count = 0;          ///< number of blocks
-  std::vector<std::int64_t> ages;   ///< seconds, of at most 30 of the blocks
+  std::vector<std::int64_t> ages;   ///< seconds, of at most 30 blocks with this stack
   std::vector<ReportFrame> frames;  ///< innermost first
 };
 

@@ -16,18 +16,20 @@ constexpr std::size_t kLocationColumns = 30;
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {
   if (group.ages.empty()) return "";
   const auto [youngest, oldest] = std::minmax_element(group.ages.begin(), group.ages.end());
-  std::string text = "  age " + FormatAge(*youngest);
+  const std::string about = group.own_ages ? "" : "about ";
+  std::string text = "  age " + about + FormatAge(*youngest);
   if (*youngest != *oldest) text += ".." + FormatAge(*oldest);
-  if (group.ages.size() < group.count)
+  if (group.own_ages && group.ages.size() < group.count)
     text += " (" + std::to_string(group.ages.size()) + " of them)";
   if (options.selection.older_than) {
     const auto old = std::count_if(group.ages.begin(), group.ages.end(), [&](std::int64_t age) {
       return age >= *options.selection.older_than;
     });
-    text += ", " + std::to_string(old) + " that old";
+    text += ", " + about + std::to_string(old) + " that old";
   }
   const AgePattern pattern = PatternOf(group, span);
-  return pattern == AgePattern::kUnknown ? text : text + "  " + PatternName(pattern);
+  if (pattern == AgePattern::kUnknown) return text;
+  return text + "  " + (group.own_ages ? "" : "perhaps ") + PatternName(pattern);
 }
 
 // One line where both fit, else the location on a line of its own.

@@ -97,10 +97,8 @@ std::optional<std::int64_t> GroupTrend::Growth() const {
 void Trends::Add(double seconds, const Profile& profile) {
   const std::size_t report = seconds_.size();
   seconds_.push_back(seconds);
-  const bool intact = profile.complete && profile.damaged_lines == 0;
-  // The head counts all groups. Of Java's, all are listed.
-  whole_[0].push_back(intact && profile.header.groups <= profile.Listed(GroupKind::kNative).groups);
-  whole_[1].push_back(intact);
+  whole_[0].push_back(profile.ListsAll(GroupKind::kNative));
+  whole_[1].push_back(profile.ListsAll(GroupKind::kJava));
   const std::vector<std::string> keys = FrameKeys(profile);
   for (const Group& group : profile.groups) {
     Collected& collected = groups_[GroupKey(group, keys)];

@@ -1,6 +1,6 @@
 // The ages of a group's blocks: as a distribution over the time that was recorded, and in words.
 
-import { el, formatAge, formatCount } from "./dom.js";
+import { el, formatAge, formatCount, plural } from "./dom.js";
 import type { Group, Pattern } from "./profile.js";
 
 const kBars = 24;
@@ -12,9 +12,18 @@ const kPatterns: Record<Pattern, string> = {
   unknown: "Too few ages to tell whether it grows.",
 };
 
-/** The group's pattern in a word; a dash where the ages tell nothing. */
-export function patternWord({ pattern }: Group): string {
-  return pattern === undefined || pattern === "unknown" ? "–" : pattern;
+/** What the group's ages say in a word; a dash where they tell nothing. */
+export function patternWord({ pattern, ownAges }: Group): string {
+  if (pattern === undefined || pattern === "unknown") return "–";
+  return ownAges ? pattern : `perhaps ${pattern}`;
+}
+
+/** The youngest and the oldest age. */
+export function ageText(group: Group): string {
+  if (group.ages.length === 0) return "–";
+  const [youngest, oldest] = ageRange(group);
+  const range = youngest === oldest ? formatAge(oldest) : `${formatAge(youngest)}–${formatAge(oldest)}`;
+  return group.ownAges ? range : `about ${range}`;
 }
 
 export function ageRange(group: Group): [youngest: number, oldest: number] {
@@ -35,17 +44,18 @@ export function ageChart(group: Group, span: number): HTMLElement {
     bars[bar] = bars[bar]! + 1;
   }
   const highest = Math.max(1, ...bars);
-  const text = kPatterns[group.pattern ?? "unknown"];
+  const pattern = group.pattern ?? "unknown";
+  const text = `${group.ownAges || pattern === "unknown" ? "" : "Perhaps: "}${kPatterns[pattern]}`;
   const chart = el("div", { class: "ages", role: "img", "aria-label": `Ages: ${text}` });
   for (const count of bars) {
     const bar = el("i", { title: `${count} blocks` });
     bar.style.height = `${Math.round((100 * count) / highest)}%`;
     chart.append(bar);
   }
-  const [youngest, oldest] = ageRange(group);
   const known = group.ages.length;
-  const sample =
-    known < group.count
+  const sample = !group.ownAges
+    ? `Ages of ${plural(known, "block")} with this stack, perhaps of other sizes`
+    : known < group.count
       ? `Ages of ${known} of ${formatCount(group.count)} blocks`
       : `Ages of all ${formatCount(known)} blocks`;
   return el(
@@ -58,7 +68,7 @@ export function ageChart(group: Group, span: number): HTMLElement {
           "div",
           { class: "age-axis" },
           el("span", {}, `${formatAge(span)} ago`),
-          el("span", {}, `${sample}: ${formatAge(youngest)} to ${formatAge(oldest)}`),
+          el("span", {}, `${sample}: ${ageText(group)}`),
           el("span", {}, "report"),
         )
       : null,

@@ -2,7 +2,7 @@
 // draws; it is handed only what can be seen, anew at every zoom.
 
 import flamegraph, { type LayoutNode } from "d3-flame-graph";
-import { select } from "d3-selection";
+import { select, selection } from "d3-selection";
 import { changeColour, type ColourBy, kMatchColour, kNearMatchColour, kPlainColour, LibraryColours } from "./colours.js";
 import {
   cutText,
@@ -23,6 +23,14 @@ const kLeastPixels = 2;
 const kCellHeight = 19;
 const kTitleHeight = 2 * kCellHeight; // which the library leaves free
 const kNameLimit = 200;
+
+// The library draws by transitions, which last several frames even where their duration is 0: boxes
+// would lag behind the page's state. A transition is made the selection itself, so that each of its
+// changes is in force at once.
+function same(this: unknown): unknown {
+  return this;
+}
+Object.assign(selection.prototype, { transition: same, delay: same, duration: same, ease: same });
 
 export class FlameView {
   readonly element: HTMLElement;
@@ -59,7 +67,6 @@ export class FlameView {
     this.element = el("div", { class: "flame-view" }, this.canvas, this.details);
     this.chart
       .cellHeight(kCellHeight)
-      .transitionDuration(0)
       .resetHeightOnZoom(true)
       .setColorMapper((node) => this.colour(node.data.node))
       .setLabelHandler((node) => this.label(node.data.node))

@@ -8,6 +8,7 @@ declare module "d3-selection" {
     call(callee: unknown): Selection;
   }
   export function select(element: Element): Selection;
+  export const selection: { prototype: object };
 }
 
 declare module "d3-flame-graph" {
@@ -23,7 +24,6 @@ declare module "d3-flame-graph" {
     width(pixels: number): FlameGraph<T>;
     cellHeight(pixels: number): FlameGraph<T>;
     inverted(rootOnTop: boolean): FlameGraph<T>;
-    transitionDuration(milliseconds: number): FlameGraph<T>;
     resetHeightOnZoom(reset: boolean): FlameGraph<T>;
     setColorMapper(mapper: (node: LayoutNode<T>) => string): FlameGraph<T>;
     setLabelHandler(label: (node: LayoutNode<T>) => string): FlameGraph<T>;

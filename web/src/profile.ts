@@ -49,7 +49,9 @@ export interface Group {
   size: number;
   count: number;
   total: number;
-  ages: number[]; // seconds, of at most 30 blocks
+  ages: number[]; // seconds, at most 30
+  /** The ages are certainly those of this group's blocks; absent in documents of older programs. */
+  ownAges?: boolean;
   pattern?: Pattern; // absent in documents of older programs
   stack: number[]; // frames, innermost first
   atMost?: number; // bytes, where the list was cut before it may have held more than `total`

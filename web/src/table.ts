@@ -1,11 +1,10 @@
 // The table of groups: sorted, filtered and shown a page at a time, so that its size does not depend
 // on how many there are. Each row opens to its stack and ages.
 
-import { ageChart, ageRange, patternWord } from "./ages.js";
+import { ageChart, ageRange, ageText, patternWord } from "./ages.js";
 import {
   cutText,
   el,
-  formatAge,
   formatBytes,
   formatChange,
   formatCount,
@@ -313,10 +312,4 @@ export class GroupTable {
       frame.function === "" || library === "" ? null : el("small", {}, ` ${library}${offset}`),
     );
   }
-}
-
-function ageText(group: Group): string {
-  if (group.ages.length === 0) return "–";
-  const [youngest, oldest] = ageRange(group);
-  return youngest === oldest ? formatAge(oldest) : `${formatAge(youngest)}–${formatAge(oldest)}`;
 }

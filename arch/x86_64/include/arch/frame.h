@@ -5,15 +5,12 @@
 
 namespace arch {
 
-/// This processor in the unwinder library's numbering (unwindstack/Arch.h: ARCH_X86_64).
-inline constexpr std::uint8_t kUnwindstackArch = 4;
-
 /// Taken off a return address to get an address inside the calling instruction: any byte of the
 /// call will do, and its last one is always there.
 inline constexpr std::uint64_t kCallSiteAdjustment = 1;
 
-/// A frame record's alignment: the stack's at a call, less return address and frame pointer (System
-/// V ABI, "The Stack Frame").
+/// A frame record's alignment. The stack is aligned so at a call, and the record takes up the 16
+/// bytes below (System V ABI, "The Stack Frame").
 inline constexpr std::uint64_t kFrameAlignment = 16;
 
 /// A frame record: where the frame pointer points (System V ABI, "push %rbp" after the call).

@@ -1,13 +1,14 @@
 // Stand-in for Android's base logging: LOG(ERROR) << "text", to the same place as the
 // signal-safe log.
 //
-// Used by the hook engine, on any thread. Building a line allocates.
+// Used by the hook engine, on any thread. A line is built on the stack: a line about a lack of
+// memory must not need any, and hooks may be in the allocator itself.
 #pragma once
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <ios>
-#include <string>
 
 namespace android::base {
 
@@ -15,19 +16,25 @@ namespace android::base {
 enum LogSeverity { VERBOSE, DEBUG, INFO, WARNING, ERROR, FATAL_WITHOUT_ABORT, FATAL };
 
 /// As much of a std::ostream as log lines use: text, and numbers after std::hex. The C++ library's
-/// own would bring its locales along, which are larger than all the rest of the library.
+/// own would bring its locales along, which are larger than all the rest of the library. Text
+/// beyond kLineBytes is cut off, as the log beneath does. Allocates nothing.
 class LineStream {
  public:
+  static constexpr std::size_t kLineBytes = 1024;
+
+  LineStream() { text_[0] = '\0'; }
   /// Null is no text.
   LineStream& operator<<(const char* text);
   LineStream& operator<<(std::uintptr_t number);
   /// std::hex or std::dec: how numbers are written from here on.
   LineStream& operator<<(std::ios_base& (*base)(std::ios_base&));
-  const std::string& text() const { return text_; }
+  /// The line so far, NUL-terminated.
+  const char* text() const { return text_; }
 
  private:
-  std::string text_;
+  std::size_t length_ = 0;
   bool hexadecimal_ = false;
+  char text_[kLineBytes];
 };
 
 /// Collects one line and writes it, as "FILE:LINE] TEXT", when destroyed. Does not keep errno by

@@ -1,5 +1,4 @@
-// Stand-in: read access to a process's memory. The adapter's unwinder reads the stack
-// itself, so this object only says whose memory is meant.
+// Stand-in: read access to a process's memory. The unwinder reads the stack itself.
 #pragma once
 
 #include <sys/types.h>
@@ -10,14 +9,10 @@ namespace unwindstack {
 
 class Memory {
  public:
-  /// Memory of process `pid`; the adapter supports the calling process alone.
-  static std::shared_ptr<Memory> CreateProcessMemoryThreadCached(pid_t pid);
-
-  explicit Memory(pid_t pid) : pid_(pid) {}
-  pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_;
+  /// Memory of process `pid`, which is the calling one. Allocates.
+  static std::shared_ptr<Memory> CreateProcessMemoryThreadCached(pid_t /*pid*/) {
+    return std::make_shared<Memory>();
+  }
 };
 
 }  // namespace unwindstack

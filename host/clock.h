@@ -1,0 +1,24 @@
+// Time for limited waits. Any thread; nothing here allocates.
+#pragma once
+
+#include <stdint.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace host {
+
+/// Milliseconds of the monotonic clock.
+inline int64_t NowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// Sleeps `ms` milliseconds, less than 1000. No cancellation point.
+inline void SleepMs(int ms) {
+  const timespec step{0, ms * 1'000'000L};
+  syscall(SYS_nanosleep, &step, nullptr);
+}
+
+}  // namespace host

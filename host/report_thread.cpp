@@ -1,0 +1,130 @@
+// Looks at /proc/self/task; see the header.
+#include "host/report_thread.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "host/clock.h"
+#include "platform/standin/raw_calls.h"
+
+namespace host {
+namespace {
+
+constexpr char kDumpThread[] = "MemDumpThread";
+
+// The id of the dump thread, as /proc lists it, or one of these.
+constexpr int kNobody = 0;
+constexpr int kStarting = -1;
+constexpr int kUnseen = -2;
+std::atomic<int> dump_thread{kNobody};
+
+/// What /proc says about a thread.
+struct ThreadLook {
+  bool dumps;      ///< it is there and has the dump thread's name
+  bool is_active;  ///< it runs, is ready to run, or waits for a disk
+  uint64_t ticks;  ///< processor time that it has used
+};
+
+/// Looks at the thread `id`. One that cannot be looked at for other reasons than that it is gone,
+/// such as a lack of descriptors, counts as still there.
+ThreadLook LookAt(int id) {
+  char path[64];
+  snprintf(path, sizeof path, "/proc/self/task/%d/stat", id);
+  const int file = platform::RawOpen(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return {errno != ENOENT && errno != ESRCH, false, 0};
+  // "ID (NAME) STATE" and numbers, of which the 11th and 12th are the times in user and system
+  // mode.
+  char text[512];
+  const ssize_t length = platform::RawRead(file, text, sizeof text - 1);
+  platform::RawClose(file);
+  text[length > 0 ? length : 0] = '\0';
+  const char* field = strchr(text, '(');
+  constexpr size_t kNameBytes = sizeof kDumpThread - 1;
+  if (field == nullptr || strncmp(field + 1, kDumpThread, kNameBytes) != 0 ||
+      field[1 + kNameBytes] != ')') {
+    return {false, false, 0};
+  }
+  field += kNameBytes + 3;
+  const bool is_active = *field == 'R' || *field == 'D';
+  uint64_t ticks = 0;
+  for (int number = 1; number <= 12 && (field = strchr(field, ' ')) != nullptr; ++number) {
+    ++field;
+    if (number >= 11) ticks += strtoull(field, nullptr, 10);
+  }
+  return {true, is_active, ticks};
+}
+
+/// The id of the thread that has the dump thread's name, kNobody or kUnseen.
+int FindDumpThread() {
+  const int tasks = platform::RawOpen("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (tasks < 0) return kUnseen;
+  // The kernel's record: u64 inode, s64 offset, u16 record length, u8 type, name.
+  constexpr size_t kLengthOffset = 16;
+  constexpr size_t kNameOffset = 19;
+  alignas(8) char records[1024];
+  int found = kNobody;
+  long filled;
+  while (found == kNobody &&
+         (filled = syscall(SYS_getdents64, tasks, records, sizeof records)) > 0) {
+    for (long at = 0; at < filled && found == kNobody;) {
+      uint16_t length;
+      memcpy(&length, records + at + kLengthOffset, sizeof length);
+      const int id = atoi(records + at + kNameOffset);
+      if (id > 0 && LookAt(id).dumps) found = id;
+      at += length;
+    }
+  }
+  platform::RawClose(tasks);
+  return found;
+}
+
+}  // namespace
+
+void StartReport(void (*deliver)(void*), void* argument, const char* name) {
+  dump_thread.store(kStarting);
+  prctl(PR_SET_NAME, kDumpThread, 0, 0, 0);
+  deliver(argument);
+  prctl(PR_SET_NAME, name, 0, 0, 0);
+  dump_thread.store(FindDumpThread());
+}
+
+Report CurrentReport() {
+  int id = dump_thread.load();
+  if (id == kNobody) return Report::kNone;
+  if (id == kUnseen) return Report::kUnknown;
+  if (id == kStarting || LookAt(id).dumps) return Report::kRunning;
+  // Unless the next one is being started.
+  dump_thread.compare_exchange_strong(id, kNobody);
+  return Report::kNone;
+}
+
+bool WaitWhileReportRuns(int timeout_ms) {
+  const int64_t start = NowMs();
+  int64_t progress = start;
+  uint64_t ticks = 0;
+  while (CurrentReport() == Report::kRunning) {
+    const int64_t now = NowMs();
+    const int id = dump_thread.load();
+    const ThreadLook look = id > 0 ? LookAt(id) : ThreadLook{};
+    if (look.is_active || look.ticks != ticks) progress = now;
+    ticks = look.ticks;
+    if (now - start >= timeout_ms || now - progress >= kStillMs) return false;
+    SleepMs(1);
+  }
+  return true;
+}
+
+void ForgetReport() {
+  dump_thread.store(kNobody);
+}
+
+}  // namespace host

@@ -1,0 +1,10 @@
+// All locks are free in a child.
+#include "platform/fork_policy.h"
+
+namespace platform {
+
+bool ForkedChildFreesLocks() {
+  return true;
+}
+
+}  // namespace platform

@@ -1,0 +1,161 @@
+// The readable stack on Linux: it ends with the mapping that holds it.
+//
+// Each thread remembers what it has learned as the values of thread keys, which are plain numbers.
+// So there is no memory to allocate or to free, and a signal handler sees each number whole. The
+// thread's own stack stays what it is for the thread's life. Any other stack, such as a
+// coroutine's, may be unmapped while the thread is elsewhere, and a smaller one may be mapped in
+// its place: it is forgotten as soon as a capture happens elsewhere.
+#include "platform/readable_stack.h"
+
+#include <pthread.h>
+#include <sys/auxv.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "platform/readable.h"
+#include "platform/thread_keys.h"
+
+namespace platform {
+namespace {
+
+/// See ReadableStack.
+constexpr std::uint64_t kPageBytes = 4096;
+/// Farther than this from what is known no page is asked about: it bounds what a stray value costs.
+/// 8 MiB, glibc's default for a whole stack.
+constexpr std::uint64_t kMostPages = (std::uint64_t{8} << 20) / kPageBytes;
+
+std::uint64_t PageOf(std::uint64_t address) {
+  return address / kPageBytes;
+}
+
+bool IsReadable(std::uint64_t page) {
+  return CanRead(page * kPageBytes);
+}
+
+/// A range of pages that can be read.
+struct Pages {
+  std::uint64_t first = 0;
+  std::uint64_t count = 0;
+  /// The page behind the last one cannot be read.
+  bool ends = false;
+
+  bool Contains(std::uint64_t address) const { return PageOf(address) - first < count; }
+  std::uint64_t End() const { return (first + count) * kPageBytes; }
+};
+
+// What each thread remembers. The value of a key is 0 at first.
+pthread_key_t g_own_stack;    // packed Pages: a part of its own stack, up to the top
+pthread_key_t g_own_limit;    // a page below its own stack that cannot be read
+pthread_key_t g_other_stack;  // packed Pages: where it captured last, unless on its own stack
+/// Whether the keys exist. Without them nothing is remembered.
+std::atomic<bool> g_remembers{false};
+
+/// Creates a key that can be set without allocating. False if there is none left.
+bool CreateKey(pthread_key_t& key) {
+  if (pthread_key_create(&key, nullptr) != 0) return false;
+  if (ThreadKeyNeverAllocates(key)) return true;
+  pthread_key_delete(key);
+  return false;
+}
+
+std::uint64_t Recall(const pthread_key_t& key) {
+  if (!g_remembers.load(std::memory_order_acquire)) return 0;
+  return reinterpret_cast<std::uint64_t>(pthread_getspecific(key));
+}
+
+void Remember(const pthread_key_t& key, std::uint64_t number) {
+  if (!g_remembers.load(std::memory_order_acquire)) return;
+  pthread_setspecific(key, reinterpret_cast<const void*>(number));
+}
+
+// Packed, bits 28 to 63 are `first`, for 48-bit addresses, 1 to 27 `count`, and bit 0 is `ends`.
+constexpr unsigned kCountBits = 27;
+
+Pages RecallPages(const pthread_key_t& key) {
+  const std::uint64_t number = Recall(key);
+  return {number >> (kCountBits + 1), number >> 1 & ((std::uint64_t{1} << kCountBits) - 1),
+          (number & 1) != 0};
+}
+
+void RememberPages(const pthread_key_t& key, const Pages& pages) {
+  if (pages.first >> (63 - kCountBits) != 0 || pages.count >> kCountBits != 0) return;
+  Remember(key, pages.first << (kCountBits + 1) | pages.count << 1 | (pages.ends ? 1 : 0));
+}
+
+/// The main thread and an address near the top of its stack.
+std::atomic<pthread_t> g_main_thread{};
+std::atomic<std::uint64_t> g_main_top{0};
+
+/// An address above all frames of the calling thread's own stack, in the same mapping.
+std::uint64_t TopOfOwnStack() {
+  const pthread_t self = pthread_self();
+  if (self == g_main_thread.load(std::memory_order_relaxed)) {
+    return g_main_top.load(std::memory_order_relaxed);
+  }
+  // glibc places a thread's descriptor at the top of its stack, also of one that the program made.
+  return static_cast<std::uint64_t>(self);
+}
+
+/// Whether `address` is on the calling thread's own stack, of which `known` is a part. It is if all
+/// pages in between can be read; these become part of what is known.
+bool ExtendOwnStack(std::uint64_t address, Pages& known) {
+  if (!g_remembers.load(std::memory_order_acquire)) return false;
+  if (known.count == 0) known = {PageOf(TopOfOwnStack()), 1, true};
+  const std::uint64_t page = PageOf(address);
+  if (page > known.first || known.first - page > kMostPages) return false;
+  if (page <= Recall(g_own_limit)) return false;
+  for (std::uint64_t between = page + 1; between < known.first; ++between) {
+    if (IsReadable(between)) continue;
+    Remember(g_own_limit, between);
+    return false;
+  }
+  known.count += known.first - page;
+  known.first = page;
+  RememberPages(g_own_stack, known);
+  return true;
+}
+
+}  // namespace
+
+void PrepareReadableStack() {
+  static std::atomic<bool> prepared{false};
+  if (prepared.exchange(true)) return;
+  if (!CreateKey(g_own_stack) || !CreateKey(g_own_limit) || !CreateKey(g_other_stack)) return;
+  if (gettid() == getpid()) {
+    // The kernel puts these random bytes above the first frame.
+    g_main_top.store(getauxval(AT_RANDOM), std::memory_order_relaxed);
+    g_main_thread.store(pthread_self(), std::memory_order_relaxed);
+  }
+  g_remembers.store(true, std::memory_order_release);
+}
+
+void ReadableStack::RecallOtherStack() {
+  const Pages other = RecallPages(g_other_stack);
+  if (other.Contains(begin_)) {
+    end_ = other.End();
+  } else if (other.count != 0) {
+    Remember(g_other_stack, 0);
+  }
+}
+
+bool ReadableStack::Reaches(std::uint64_t address, std::uint64_t bytes) {
+  const std::uint64_t wanted_end = address + bytes;
+  if (address < begin_ || wanted_end < address) return false;
+  Pages pages = RecallPages(g_own_stack);
+  if (!pages.Contains(begin_) && !ExtendOwnStack(begin_, pages)) {
+    pages = RecallPages(g_other_stack);
+    if (!pages.Contains(begin_)) pages = {PageOf(begin_), 1, false};
+    if (wanted_end - begin_ > kMostPages * kPageBytes) return false;
+    while (!pages.ends && pages.End() < wanted_end) {
+      pages.ends = !IsReadable(pages.first + pages.count);
+      if (!pages.ends) ++pages.count;
+    }
+    RememberPages(g_other_stack, pages);
+    other_stack_remembered.store(true, std::memory_order_relaxed);
+  }
+  end_ = pages.End();
+  return wanted_end <= end_;
+}
+
+}  // namespace platform
