@@ -122,39 +122,53 @@ __attribute__((noinline)) const FrameInfoType* AddNewBacktrace(PointerSet* set,
 
 enum class Stored { kDone, kTablesChanged, kNoMemory };
 
-/// Files one record in its page. Under the page's lock.
-Stored StoreInPage(RecordPage& page, std::uint64_t set_number, std::uint32_t key,
-                   std::uint32_t size, std::int32_t time, std::uint32_t backtrace) {
-  Record* record = page.Find(key);
-  if (record != nullptr && record->backtrace == backtrace) {
+/// Whether there has ever been a kept time. Most programs have none, and then no allocation looks for
+/// one.
+std::atomic<bool> any_kept{false};
+
+/// Keeps the time of a record that is overwritten: the times of a backtrace outlive it. Without
+/// memory, and in a page with very many records, the time is lost.
+__attribute__((noinline)) void KeepTime(RecordPage& page, const Record& record) {
+  /// As many as the page has bytes. Kept times must not use up the room of records.
+  constexpr std::uint32_t kMostRecords = 4096;
+  if (page.count() >= kMostRecords) return;
+  page.Insert({RecordKey::Kept(record.key), 0, record.time, record.backtrace});
+  any_kept.store(true, std::memory_order_relaxed);
+}
+
+/// Takes the time that the backtrace of `record` has kept of its address, if there is one.
+__attribute__((noinline)) void TakeKeptTime(RecordPage& page, Record& record) {
+  Record* const kept = page.FindKept(record.key, record.backtrace);
+  if (kept == nullptr) return;
+  record.time = kept->time;
+  page.Erase(kept);
+}
+
+/// Files one record in its page. False without memory. Under the page's lock.
+bool StoreInPage(RecordPage& page, std::uint64_t set_number, Record record) {
+  Record* old = page.Find(record.key);
+  if (old != nullptr && old->backtrace == record.backtrace) {
     // The address comes back to its backtrace, which keeps the earlier time.
-    record->size = size;
-    if (backtrace == 0) record->time = time;
-    return Stored::kDone;
+    if (record.backtrace != 0) record.time = old->time;
+    *old = record;
+    return true;
   }
-  if (backtrace != 0) {
-    Record* const kept = page.Find(RecordKey::Kept(key), backtrace);
-    if (kept != nullptr) {
-      time = kept->time;
-      page.Erase(kept);
-      record = page.Find(key);
-    }
+  // Both may move the old record.
+  if (record.backtrace != 0 && any_kept.load(std::memory_order_relaxed)) {
+    TakeKeptTime(page, record);
+    old = page.Find(record.key);
   }
-  if (record == nullptr) {
-    record = page.Insert(key);
-    if (record == nullptr) return Stored::kNoMemory;
-    pause_counts::Change(set_number, 1);
-  } else if (record->backtrace != 0) {
-    // The times of a backtrace outlive the records that an overwrite takes from it. Without memory
-    // the time is lost.
-    const Record old = *record;
-    *record = {key, size, time, backtrace};
-    Record* const kept = page.Insert(RecordKey::Kept(key));
-    if (kept != nullptr) *kept = {RecordKey::Kept(key), 0, old.time, old.backtrace};
-    return Stored::kDone;
+  if (old != nullptr && old->backtrace != 0) {
+    KeepTime(page, *old);
+    old = page.Find(record.key);
   }
-  *record = {key, size, time, backtrace};
-  return Stored::kDone;
+  if (old != nullptr) {
+    *old = record;
+    return true;
+  }
+  if (!page.Insert(record)) return false;
+  pause_counts::Change(set_number, 1);
+  return true;
 }
 
 /// Files the record of a new block. kTablesChanged: the backtrace must be looked up again. A clear
@@ -172,8 +186,9 @@ __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice
   if (Generation() != ref.generation) return Stored::kDone;
   if (backtraces.epoch() != ref.epoch) return Stored::kTablesChanged;
   if (page->generation() != ref.generation) page->Empty(ref.generation);
-  return StoreInPage(*page, SetNumber(address, choice.size_class),
-                     RecordKey::Of(address, choice.size_class), size, ref.time, ref.location);
+  const Record record{RecordKey::Of(address, choice.size_class), size, ref.time, ref.location};
+  const bool stored = StoreInPage(*page, SetNumber(address, choice.size_class), record);
+  return stored ? Stored::kDone : Stored::kNoMemory;
 }
 
 /// Files the Java-native part of a capture. Never inlined, so that captures without such a part do

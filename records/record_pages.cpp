@@ -58,7 +58,7 @@ bool RecordPage::Grow() {
   if (old_records != nullptr) {
     for (std::uint32_t i = 0; i < 1U << old_log2; ++i) {
       if (old_records[i].key == 0) continue;
-      std::uint32_t slot = FirstSlot(RecordKey::Offset(old_records[i].key), log2);
+      std::uint32_t slot = FirstSlot(Spread(old_records[i]), log2);
       while (records[slot].key != 0) slot = (slot + 1) & mask;
       records[slot] = old_records[i];
     }
@@ -69,21 +69,21 @@ bool RecordPage::Grow() {
   return true;
 }
 
-Record* RecordPage::Insert(std::uint32_t key) {
+bool RecordPage::Insert(const Record& record) {
   const std::uint32_t used = count();
   unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
   const std::uint32_t limit = log2 <= kFullLog2 ? 1U << log2 : (1U << log2) / 8 * 7;
   if (log2 == 0 || used >= limit) {
-    if (!Grow()) return nullptr;
+    if (!Grow()) return false;
     ++log2;
   }
   Record* const records = records_.load(std::memory_order_relaxed);
   const std::uint32_t mask = (1U << log2) - 1;
-  std::uint32_t i = FirstSlot(RecordKey::Offset(key), log2);
+  std::uint32_t i = FirstSlot(Spread(record), log2);
   while (records[i].key != 0) i = (i + 1) & mask;
-  records[i].key = key;
+  records[i] = record;
   count_.store(static_cast<std::uint16_t>(used + 1), std::memory_order_relaxed);
-  return &records[i];
+  return true;
 }
 
 void RecordPage::Erase(Record* record) {
@@ -96,7 +96,7 @@ void RecordPage::Erase(Record* record) {
     i = (i + 1) & mask;
     if (records[i].key == 0) break;
     // A record moves into the hole unless its search begins behind the hole.
-    const std::uint32_t first = FirstSlot(RecordKey::Offset(records[i].key), log2);
+    const std::uint32_t first = FirstSlot(Spread(records[i]), log2);
     if (((i - first) & mask) < ((i - hole) & mask)) continue;
     records[hole] = records[i];
     hole = i;

@@ -70,7 +70,8 @@ class RecordPage {
   void Prefetch(std::uint64_t address) const {
     const Record* records = records_.load(std::memory_order_relaxed);
     const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
-    if (records != nullptr) __builtin_prefetch(records + FirstSlot(address & 0xFFF, log2), 1);
+    const auto offset = static_cast<std::uint32_t>(address & 0xFFF);
+    if (records != nullptr) __builtin_prefetch(records + FirstSlot(offset, log2), 1);
   }
 
   // The rest needs the lock, or that operations are kept out.
@@ -81,26 +82,17 @@ class RecordPage {
   void Empty(std::uint32_t generation);
 
   /// The record of `key`, or null.
-  Record* Find(std::uint32_t key) { return Find(key, kAnyBacktrace); }
-  /// The record of `key` with this backtrace, or null.
-  Record* Find(std::uint32_t key, std::uint64_t backtrace) {
-    Record* const records = records_.load(std::memory_order_relaxed);
-    if (records == nullptr) return nullptr;
-    const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
-    const std::uint32_t mask = (1U << log2) - 1;
-    std::uint32_t i = FirstSlot(RecordKey::Offset(key), log2);
-    // A small table may be full. Then the search ends where it began.
-    for (std::uint32_t probes = 0; probes <= mask && records[i].key != 0; ++probes) {
-      if (records[i].key == key &&
-          (backtrace == kAnyBacktrace || records[i].backtrace == backtrace)) {
-        return &records[i];
-      }
-      i = (i + 1) & mask;
-    }
-    return nullptr;
+  Record* Find(std::uint32_t key) {
+    return Find(RecordKey::Offset(key), [key](const Record& record) { return record.key == key; });
   }
-  /// A new record of `key`, which the caller fills. Null when there is no memory. May move others.
-  Record* Insert(std::uint32_t key);
+  /// The time that `backtrace` has kept of the block of `key`, or null.
+  Record* FindKept(std::uint32_t key, std::uint32_t backtrace) {
+    return Find(SpreadKept(key, backtrace), [key, backtrace](const Record& record) {
+      return record.key == RecordKey::Kept(key) && record.backtrace == backtrace;
+    });
+  }
+  /// Adds `record`, which is not there yet. False when there is no memory. May move others.
+  bool Insert(const Record& record);
   /// Removes `record`. May move others.
   void Erase(Record* record);
 
@@ -118,12 +110,33 @@ class RecordPage {
  private:
   friend class RecordPages;
 
-  static constexpr std::uint64_t kAnyBacktrace = UINT64_MAX;
-
   /// The slot where a search begins: multiplicative hashing (2^32 divided by the golden ratio).
   /// Blocks of one size lie at regular distances, which this spreads.
-  static std::uint32_t FirstSlot(std::uint64_t offset, unsigned log2_capacity) {
-    return (static_cast<std::uint32_t>(offset) * 0x9E3779B9U) >> (32 - log2_capacity);
+  static std::uint32_t FirstSlot(std::uint32_t spread, unsigned log2_capacity) {
+    return (spread * 0x9E3779B9U) >> (32 - log2_capacity);
+  }
+  /// As Spread for kept times, which one block may have many of.
+  static std::uint32_t SpreadKept(std::uint32_t key, std::uint32_t backtrace) {
+    return RecordKey::Offset(key) + backtrace * 0x85EBCA6BU;  // an odd number with well-spread bits
+  }
+  /// What FirstSlot is asked for `record`.
+  static std::uint32_t Spread(const Record& record) {
+    return RecordKey::IsKept(record.key) ? SpreadKept(record.key, record.backtrace)
+                                         : RecordKey::Offset(record.key);
+  }
+  template <typename Match>
+  Record* Find(std::uint32_t spread, Match match) {
+    Record* const records = records_.load(std::memory_order_relaxed);
+    if (records == nullptr) return nullptr;
+    const unsigned log2 = log2_capacity_.load(std::memory_order_relaxed);
+    const std::uint32_t mask = (1U << log2) - 1;
+    std::uint32_t i = FirstSlot(spread, log2);
+    // A small table may be full. Then the search ends where it began.
+    for (std::uint32_t probes = 0; probes <= mask && records[i].key != 0; ++probes) {
+      if (match(records[i])) return &records[i];
+      i = (i + 1) & mask;
+    }
+    return nullptr;
   }
   void LockSlow();
   bool Grow();
