@@ -99,24 +99,23 @@ struct Capture {
   std::uint64_t fingerprint;
 };
 
-/// Adds a backtrace that is not known and sets `*epoch` to that of the answer. Null without memory.
-/// `kernel_only`: the thread may be inside the C library's allocator, or hold its lock.
-__attribute__((noinline)) const FrameInfoType* AddNewBacktrace(PointerSet* set,
-                                                               const Capture& capture, bool held,
-                                                               bool kernel_only,
-                                                               std::uint32_t* epoch) {
+/// Adds a backtrace that is not known and sets `*epoch` to that of the answer, the location. 0
+/// without memory. `kernel_only`: the thread may be inside the C library's allocator, or hold its
+/// lock.
+__attribute__((noinline)) std::uint32_t AddNewBacktrace(PointerSet* set, const Capture& capture,
+                                                        bool held, bool kernel_only,
+                                                        std::uint32_t* epoch) {
   for (int refills = 0;;) {
-    const FrameInfoType* backtrace = nullptr;
+    std::uint32_t location = 0;
     *epoch = backtraces.epoch();
     BacktraceTable::Result result;
     {
       const SetLock lock(set->frame_mutex, held);
-      result =
-          backtraces.FindOrMake(capture.key, capture.hash, capture.fingerprint, &backtrace);
+      result = backtraces.FindOrAdd(capture.key, capture.hash, capture.fingerprint, &location);
     }
-    if (result == BacktraceTable::Result::kDone) return backtrace;
+    if (result == BacktraceTable::Result::kDone) return location;
     if (result == BacktraceTable::Result::kFull && GrowBacktraces(held)) continue;
-    if (!Refill(kernel_only, &refills)) return nullptr;
+    if (!Refill(kernel_only, &refills)) return 0;
   }
 }
 
@@ -374,16 +373,15 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
 
   const FrameKeyType key{count, frames};
   const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key)};
-  const FrameInfoType* backtrace = backtraces.Find(key, capture.hash, capture.fingerprint);
-  if (__builtin_expect(static_cast<long>(backtrace == nullptr), 0L) != 0) {
-    backtrace =
+  result.location = backtraces.Find(key, capture.hash, capture.fingerprint);
+  if (__builtin_expect(static_cast<long>(result.location == 0), 0L) != 0) {
+    result.location =
         AddNewBacktrace(set, capture, call.held, call.held || call.is_mapping, &result.epoch);
-    if (backtrace == nullptr) {
+    if (result.location == 0) {
       CountUnreported();  // no report shows a block without a backtrace
       return result;
     }
   }
-  result.location = backtrace->location;
   if (!frame_data.empty() && !call.again) {
     AddJavaNative(set, pointer, EncodeSize(size), &frame_data, call.held);
   }

@@ -55,24 +55,24 @@ void BacktraceArena::Reset() {
   next_line_ = 1;
 }
 
-BacktraceTable::Result BacktraceTable::FindOrMake(const FrameKeyType& key, std::uint64_t hash,
-                                                  std::uint64_t fingerprint,
-                                                  const FrameInfoType** backtrace) {
+BacktraceTable::Result BacktraceTable::FindOrAdd(const FrameKeyType& key, std::uint64_t hash,
+                                                 std::uint64_t fingerprint,
+                                                 std::uint32_t* location) {
   const std::lock_guard<SetMutex> guard(lock_);
-  *backtrace = Find(key, hash, fingerprint);
-  if (*backtrace != nullptr) return Result::kDone;
+  *location = Find(key, hash, fingerprint);
+  if (*location != 0) return Result::kDone;
   if (!HasRoom()) return Result::kFull;
-  FrameInfoType* const made = arena_.Allocate(key.num_frames);
-  if (made == nullptr) return Result::kNoMemory;
-  made->fingerprint = fingerprint;
-  made->hash_index = next_index_++;
-  made->num_frames = static_cast<std::uint32_t>(key.num_frames);
-  made->report_note = 0;
-  made->sweep = 0;
-  std::memcpy(made->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
-  Enter(*buckets_.load(std::memory_order_relaxed), made);
+  FrameInfoType* const added = arena_.Allocate(key.num_frames);
+  if (added == nullptr) return Result::kNoMemory;
+  added->fingerprint = fingerprint;
+  added->hash_index = next_index_++;
+  added->num_frames = static_cast<std::uint32_t>(key.num_frames);
+  added->report_note = 0;
+  added->sweep = 0;
+  std::memcpy(added->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
+  Enter(*buckets_.load(std::memory_order_relaxed), added);
   ++used_;
-  *backtrace = made;
+  *location = added->location;
   return Result::kDone;
 }
 

@@ -50,8 +50,8 @@ inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
 }
 
 /// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: keys with
-/// equal fingerprints are almost always equal.
-inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
+/// equal fingerprints are almost always equal. Not for ThreadSanitizer, see BacktraceTable::LocationOf.
+__attribute__((no_sanitize("thread"))) inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
   using Pair = std::uint64_t __attribute__((vector_size(16), aligned(8), may_alias));
   if (a.num_frames != b.num_frames) return false;
   Pair difference = {0, 0};
@@ -136,29 +136,30 @@ class BacktraceTable {
   /// before their memory is used again.
   std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
-  /// The backtrace of `key`, or null. `hash` and `fingerprint` are the key's. Takes no lock.
-  const FrameInfoType* Find(const FrameKeyType& key, std::uint64_t hash,
-                            std::uint64_t fingerprint) const {
+  /// The location of the backtrace of `key`, 0 when it is not there. `hash` and `fingerprint` are the
+  /// key's. Takes no lock.
+  std::uint32_t Find(const FrameKeyType& key, std::uint64_t hash,
+                     std::uint64_t fingerprint) const {
     const Buckets* const buckets = buckets_.load(std::memory_order_acquire);
-    if (buckets == nullptr) return nullptr;
+    if (buckets == nullptr) return 0;
     std::uint64_t at = buckets->FirstBucket(hash);
     for (std::uint64_t probes = 0; probes <= buckets->mask; ++probes) {
       for (const Slot& slot : buckets->buckets[at].slots) {
         const FrameInfoType* const found = slot.backtrace.load(std::memory_order_acquire);
-        if (found == nullptr) return nullptr;
-        if (slot.fingerprint.load(std::memory_order_relaxed) == fingerprint &&
-            HasKey(found, key)) {
-          return found;
-        }
+        if (found == nullptr) return 0;
+        if (slot.fingerprint.load(std::memory_order_relaxed) != fingerprint) continue;
+        const std::uint32_t location = LocationOf(found, key);
+        if (location != 0) return location;
       }
       at = (at + Step(fingerprint)) & buckets->mask;
     }
-    return nullptr;
+    return 0;
   }
 
-  /// Finds or makes the backtrace of `key`. kFull: Grow comes first. Takes the table's lock.
-  Result FindOrMake(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
-                    const FrameInfoType** backtrace);
+  /// Finds the backtrace of `key`, or adds it, and sets `*location`. kFull: the caller must call Grow
+  /// first. Takes the table's lock.
+  Result FindOrAdd(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
+                   std::uint32_t* location);
 
   /// The backtrace at the location that a record has. The caller holds the lock of the record's page
   /// or keeps operations out.
@@ -214,10 +215,11 @@ class BacktraceTable {
   /// order, so many keys share a first bucket; the fingerprint spreads them from there.
   static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
 
-  /// Not for ThreadSanitizer: a backtrace that is swept meanwhile may be read, see `epoch`.
-  __attribute__((no_sanitize("thread"))) static bool HasKey(const FrameInfoType* backtrace,
-                                                            const FrameKeyType& key) {
-    return FrameKeyEqual(key, {backtrace->num_frames, backtrace->pcs()});
+  /// The location of `backtrace` if that has this key, else 0. Not for ThreadSanitizer: a sweep may
+  /// free the backtrace meanwhile, see `epoch`.
+  __attribute__((no_sanitize("thread"))) static std::uint32_t LocationOf(
+      const FrameInfoType* backtrace, const FrameKeyType& key) {
+    return FrameKeyEqual(key, {backtrace->num_frames, backtrace->pcs()}) ? backtrace->location : 0;
   }
   bool HasRoom() const {
     const Buckets* const buckets = buckets_.load(std::memory_order_relaxed);

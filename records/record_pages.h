@@ -113,7 +113,8 @@ class RecordPage {
   /// The slot where a search begins: multiplicative hashing (2^32 divided by the golden ratio).
   /// Blocks of one size lie at regular distances, which this spreads.
   static std::uint32_t FirstSlot(std::uint32_t spread, unsigned log2_capacity) {
-    return (spread * 0x9E3779B9U) >> (32 - log2_capacity);
+    // In 64 bits, since Prefetch may read a capacity of 0.
+    return static_cast<std::uint32_t>(std::uint64_t{spread * 0x9E3779B9U} >> (32 - log2_capacity));
   }
   /// As Spread for kept times, which one block may have many of.
   static std::uint32_t SpreadKept(std::uint32_t key, std::uint32_t backtrace) {
