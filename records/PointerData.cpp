@@ -46,10 +46,13 @@ using record_store::PageGuard;
 /// thread may take what was meant for this one.
 constexpr int kRefills = 3;
 
+/// Bytes from a block back to its size: those of glibc and of Android's allocator are within.
+constexpr std::uint64_t kBlockHeader = 8;
+
 std::atomic<PointerSet*> set_array{nullptr};
 
-/// The size as it is stored: with the zygote mark, or 0 when it is not known whether this process is
-/// a zygote child. Intentional: such a record reads as size 0.
+/// The size as it is stored: with the zygote mark, or 0 when it is not known whether this process
+/// is a zygote child. Intentional: such a record reads as size 0.
 std::uint32_t EncodeSize(std::size_t size) {
   const bool* zygote_child = MemTrackControl::GetMallocZygoteChild();
   if (zygote_child == nullptr) return 0;
@@ -82,9 +85,8 @@ bool Refill(bool kernel_only, int* refills) {
 bool GrowBacktraces(bool held) {
   const FrameInfoListWithLock locks(held);
   std::uint64_t records = 0;
-  RecordPages::ForEach([&records](std::uint64_t /*address*/, RecordPage& page) {
-    records += page.count();
-  });
+  RecordPages::ForEach(
+      [&records](std::uint64_t /*address*/, RecordPage& page) { records += page.count(); });
   return backtraces.Grow(records, [](std::uint32_t sweep) {
     record_store::ForEachRecord([sweep](std::uint64_t /*address*/, Record& record) {
       if (record.backtrace != 0) backtraces.At(record.backtrace)->sweep = sweep;
@@ -121,8 +123,8 @@ __attribute__((noinline)) std::uint32_t AddNewBacktrace(PointerSet* set, const C
 
 enum class Stored { kDone, kTablesChanged, kNoMemory };
 
-/// Whether there has ever been a kept time. Most programs have none, and then no allocation looks for
-/// one.
+/// Whether there has ever been a kept time. Most programs have none, and then no allocation looks
+/// for one.
 std::atomic<bool> any_kept{false};
 
 /// Keeps the time of a record that is overwritten: the times of a backtrace outlive it. Without
@@ -224,8 +226,8 @@ __attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t addr
 }
 
 /// Removes the record of `address` from its set. True when there was one.
-__attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const SetChoice& choice, std::uint64_t address,
-                  bool held) {
+__attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const SetChoice& choice,
+                                                        std::uint64_t address, bool held) {
   const PageGuard guard(page, *choice.set, held);
   if (page->generation() != Generation()) return false;
   Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
@@ -317,7 +319,8 @@ __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* p
     const BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size, call);
     Stored stored = StoreRecord(choice, address, EncodeSize(size), ref, call.held);
     if (__builtin_expect(static_cast<long>(stored == Stored::kDone), 1L) != 0) break;
-    if (stored == Stored::kTablesChanged || Refill(call.held || call.is_mapping, &refills)) continue;
+    if (stored == Stored::kTablesChanged || Refill(call.held || call.is_mapping, &refills))
+      continue;
     if (ref.location != 0) CountUnreported();
     break;
   }
@@ -389,12 +392,14 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
 }
 
 __attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void* pointer,
-                                                                      std::size_t size,
-                                                                      Call call) {
+                                                                      std::size_t size, Call call) {
   MemTrackControl* const control = MemTrackControl::GetInstance();
   if (control == nullptr) return;
   if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
+  // Most allocators keep the usable size in front of the block. That line arrives while the page is
+  // searched.
+  if (!call.is_mapping) __builtin_prefetch(reinterpret_cast<const void*>(address - kBlockHeader));
   RecordPage* const page = RecordPages::Find(address);
   if (page == nullptr || page->count() == 0) return;
   page->Prefetch(address);

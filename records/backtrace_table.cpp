@@ -26,7 +26,8 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
   const std::uint32_t chunk = next_line_ / kLinesOfChunk;
   if (chunk >= chunk_count_) {
     if (chunk == kMaxChunks) return nullptr;
-    auto* const memory = static_cast<char*>(table_memory::Map(kLinesOfChunk * kLineBytes + kTailBytes));
+    auto* const memory =
+        static_cast<char*>(table_memory::Map(kLinesOfChunk * kLineBytes + kTailBytes));
     if (memory == nullptr) return nullptr;
     chunks_[chunk_count_++] = memory;
   }
@@ -37,8 +38,7 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
 }
 
 void BacktraceArena::Free(FrameInfoType* backtrace) {
-  const std::uint64_t bytes =
-      sizeof(FrameInfoType) + backtrace->num_frames * sizeof(std::uint64_t);
+  const std::uint64_t bytes = sizeof(FrameInfoType) + backtrace->num_frames * sizeof(std::uint64_t);
   const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
   const std::uint32_t location = backtrace->location;
   auto* const piece = reinterpret_cast<FreePiece*>(backtrace);

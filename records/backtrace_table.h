@@ -1,8 +1,8 @@
 // The shared backtraces: each stored once, whatever the set of the blocks that carry it.
 //
-// A known backtrace is found without a lock and without a write, so that its lines stay in the caches
-// of all processors. There are no reference counts: when the table is full, a walk through all
-// records finds the backtraces in use, and the others are swept out.
+// A known backtrace is found without a lock and without a write, so that its lines stay in the
+// caches of all processors. There are no reference counts: when the table is full, a walk through
+// all records finds the backtraces in use, and the others are swept out.
 //
 // A search during a sweep or a clear may give a wrong answer. The thread notices it by the changed
 // `epoch` once it holds the lock of its page.
@@ -50,8 +50,10 @@ inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
 }
 
 /// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: keys with
-/// equal fingerprints are almost always equal. Not for ThreadSanitizer, see BacktraceTable::LocationOf.
-__attribute__((no_sanitize("thread"))) inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
+/// equal fingerprints are almost always equal. Not for ThreadSanitizer, see
+/// BacktraceTable::LocationOf.
+__attribute__((no_sanitize("thread"))) inline bool FrameKeyEqual(const FrameKeyType& a,
+                                                                 const FrameKeyType& b) {
   using Pair = std::uint64_t __attribute__((vector_size(16), aligned(8), may_alias));
   if (a.num_frames != b.num_frames) return false;
   Pair difference = {0, 0};
@@ -136,10 +138,9 @@ class BacktraceTable {
   /// before their memory is used again.
   std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
-  /// The location of the backtrace of `key`, 0 when it is not there. `hash` and `fingerprint` are the
-  /// key's. Takes no lock.
-  std::uint32_t Find(const FrameKeyType& key, std::uint64_t hash,
-                     std::uint64_t fingerprint) const {
+  /// The location of the backtrace of `key`, 0 when it is not there. `hash` and `fingerprint` are
+  /// the key's. Takes no lock.
+  std::uint32_t Find(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) const {
     const Buckets* const buckets = buckets_.load(std::memory_order_acquire);
     if (buckets == nullptr) return 0;
     std::uint64_t at = buckets->FirstBucket(hash);
@@ -156,13 +157,13 @@ class BacktraceTable {
     return 0;
   }
 
-  /// Finds the backtrace of `key`, or adds it, and sets `*location`. kFull: the caller must call Grow
-  /// first. Takes the table's lock.
+  /// Finds the backtrace of `key`, or adds it, and sets `*location`. kFull: the caller must call
+  /// Grow first. Takes the table's lock.
   Result FindOrAdd(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
                    std::uint32_t* location);
 
-  /// The backtrace at the location that a record has. The caller holds the lock of the record's page
-  /// or keeps operations out.
+  /// The backtrace at the location that a record has. The caller holds the lock of the record's
+  /// page or keeps operations out.
   FrameInfoType* At(std::uint32_t location) const { return arena_.At(location); }
 
   /// Makes room. `mark_live(std::uint32_t sweep)` writes its argument into every backtrace that a

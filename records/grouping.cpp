@@ -62,8 +62,7 @@ std::uint32_t Grouping::FindOrAddGroup(std::uint64_t address, const Record& reco
   std::size_t slot = GroupHash(backtrace, record.size) & mask;
   for (; index_[slot] != 0; slot = (slot + 1) & mask) {
     ListInfoType& group = list_[index_[slot] - 1];
-    if (group.frame_info != backtrace || group.size != size ||
-        group.zygote_child != zygote_child) {
+    if (group.frame_info != backtrace || group.size != size || group.zygote_child != zygote_child) {
       continue;
     }
     ++group.num;
@@ -86,8 +85,8 @@ void Grouping::GrowIndex() {
   for (std::size_t i = 0; i < list_.size(); ++i) {
     const ListInfoType& group = list_[i];
     if (group.frame_info == nullptr) continue;
-    const auto word = static_cast<std::uint32_t>(
-        group.size | (group.zygote_child ? kZygoteChildBit : 0));
+    const auto word =
+        static_cast<std::uint32_t>(group.size | (group.zygote_child ? kZygoteChildBit : 0));
     std::size_t slot = GroupHash(group.frame_info, word) & mask;
     while (index_[slot] != 0) slot = (slot + 1) & mask;
     index_[slot] = static_cast<std::uint32_t>(i + 1);
@@ -111,8 +110,8 @@ Grouping::TimeList* Grouping::FindTimes(const FrameInfoType* backtrace, std::uin
 void Grouping::WantTimes(FrameInfoType* backtrace, std::uint32_t set) {
   if (FindTimes(backtrace, set) != nullptr) return;
   const std::uint32_t number = backtrace->report_note;
-  const bool has_lists = number != 0 && number <= time_lists_.size() &&
-                         time_lists_[number - 1].backtrace == backtrace;
+  const bool has_lists =
+      number != 0 && number <= time_lists_.size() && time_lists_[number - 1].backtrace == backtrace;
   time_lists_.push_back({backtrace, set, has_lists ? number : 0, 0, 0, 0});
   backtrace->report_note = static_cast<std::uint32_t>(time_lists_.size());
 }

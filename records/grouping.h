@@ -21,9 +21,9 @@ class Grouping {
   /// Adds all records. Logs what it must leave out.
   void AddAllSets();
 
-  /// Appends the allocation times that the backtrace of group `i` has in the first set with a member
-  /// of the group to `times`, at most PointerData::kMaxTimes of them. Intentional: these may be times
-  /// of blocks of other sizes.
+  /// Appends the allocation times that the backtrace of group `i` has in the first set with a
+  /// member of the group to `times`, at most PointerData::kMaxTimes of them. Intentional: these may
+  /// be times of blocks of other sizes.
   void CopyTimes(std::size_t i, std::vector<std::int64_t>* times);
 
  private:

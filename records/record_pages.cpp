@@ -137,9 +137,8 @@ void RecordPages::Enter(Directory& directory, Leaf* leaf) {
 /// Under the directory's lock. The outgrown directory stays: a reader may be in it.
 bool RecordPages::GrowDirectory() {
   const Directory* const old = directory_.load(std::memory_order_relaxed);
-  const unsigned log2 =
-      old == nullptr ? kFirstDirectoryLog2
-                     : static_cast<unsigned>(__builtin_popcountll(old->mask)) + 1;
+  const unsigned log2 = old == nullptr ? kFirstDirectoryLog2
+                                       : static_cast<unsigned>(__builtin_popcountll(old->mask)) + 1;
   const std::size_t slots = std::size_t{1} << log2;
   auto* const fresh = static_cast<Directory*>(
       table_memory::Map(sizeof(Directory) + slots * sizeof(std::atomic<Leaf*>)));

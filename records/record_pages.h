@@ -187,7 +187,8 @@ class RecordPages {
       }
     }
   }
-  /// Returns once every operation that was inside a page has left it. The caller keeps new ones out.
+  /// Returns once every operation that was inside a page has left it. The caller keeps new ones
+  /// out.
   static void WaitForOperations();
   /// Frees the lock of every page, in a forked child.
   static void FreeLocksInChild();

@@ -106,8 +106,7 @@ void Zero(void* memory, std::size_t bytes) {
 namespace {
 
 unsigned Log2Up(std::size_t bytes, unsigned smallest) {
-  const unsigned log2 =
-      bytes <= 1 ? 0 : 64U - static_cast<unsigned>(__builtin_clzll(bytes - 1));
+  const unsigned log2 = bytes <= 1 ? 0 : 64U - static_cast<unsigned>(__builtin_clzll(bytes - 1));
   return log2 < smallest ? smallest : log2;
 }
 

@@ -22,16 +22,16 @@ inline constexpr std::size_t kCacheLine = 64;
 void* Map(std::size_t bytes);
 
 /// Asks the C library's allocator for the memory that the last failed Map lacked; a later Map gets
-/// it. False when there is none. Keeps errno. The caller holds no lock of the store and is not inside
-/// the allocator, as a hooked call may be.
+/// it. False when there is none. Keeps errno. The caller holds no lock of the store and is not
+/// inside the allocator, as a hooked call may be.
 bool RefillFromHeap();
 
 /// Zeroes `bytes` bytes that Map has returned and gives whole pages of them back to the kernel.
 /// Keeps errno. Any thread.
 void Zero(void* memory, std::size_t bytes);
 
-/// Blocks of a power of two bytes, cut from chunks. Any thread; keeps errno. The caller may hold the
-/// pool's lock over several calls of the functions named so.
+/// Blocks of a power of two bytes, cut from chunks. Any thread; keeps errno. The caller may hold
+/// the pool's lock over several calls of the functions named so.
 class Pool {
  public:
   /// `bytes` zeroed bytes, rounded up to a power of two of at least 32. Null when there is no
@@ -46,8 +46,8 @@ class Pool {
   void unlock() { lock_.unlock(); }
   /// As Free, under the pool's lock.
   void FreeLocked(void* block, std::size_t bytes);
-  /// Takes back every block and gives the pages back to the kernel; the addresses stay mapped. Under
-  /// the pool's lock.
+  /// Takes back every block and gives the pages back to the kernel; the addresses stay mapped.
+  /// Under the pool's lock.
   void ResetLocked();
 
  private:

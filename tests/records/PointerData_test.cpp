@@ -24,7 +24,8 @@ class PointerDataTest : public RecordStoreTest {
     bool free = true;
     for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
       PointerSet& set = PointerData::sets()[i];
-      free = free && IsFree(set.spare_mutex) && IsFree(set.pointer_mutex) && IsFree(set.frame_mutex);
+      free =
+          free && IsFree(set.spare_mutex) && IsFree(set.pointer_mutex) && IsFree(set.frame_mutex);
     }
     RecordPages::ForEach([&free](std::uint64_t /*address*/, const RecordPage& page) {
       free = free && !page.IsLocked();
@@ -130,7 +131,7 @@ TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {
       PointerData::PostForkChild();
       std::uintptr_t frames[2];
       bool works = AllLocksFree() && PointerData::GetFrames(At(0x7000000), frames, 2) == 0 &&
-                         PointerData::GetFrames(At(0x7000040), frames, 2) == 1 && frames[0] == 79;
+                   PointerData::GetFrames(At(0x7000040), frames, 2) == 1 && frames[0] == 79;
       for (SetMutex* mutex : foreign) {
         works = works && IsFree(*mutex) == platform::ForkedChildFreesLocks();
       }
