@@ -180,7 +180,7 @@ __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice
   RecordPage* page = RecordPages::Find(address);
   if (__builtin_expect(static_cast<long>(page == nullptr), 0L) != 0) {
     const SetLock lock(choice.set->frame_mutex, held);
-    page = RecordPages::FindOrMake(address);
+    page = RecordPages::FindOrAdd(address);
     if (page == nullptr) return Stored::kNoMemory;
   }
   const PageGuard guard(page, *choice.set, held);

@@ -14,7 +14,7 @@ table_memory::Pool record_pool;
 /// Taken to make a region known.
 SetMutex directory_lock;
 
-constexpr unsigned kFirstDirectoryLog2 = 9;  // one OS page
+constexpr unsigned kFirstDirectoryLog2 = 8;  // 4 KiB
 /// A page with more records than this has no room: 4096 offsets times a few classes and tags.
 constexpr unsigned kLargestLog2 = 15;
 /// Tables of up to this many records (two cache lines) fill up; larger ones to 7/8.
@@ -26,7 +26,6 @@ constexpr unsigned kLeastToFreeLog2 = 4;
 }  // namespace
 
 std::atomic<RecordPages::Directory*> RecordPages::directory_{nullptr};
-std::atomic<RecordPages::Leaf*> RecordPages::leaves_{nullptr};
 
 void RecordPage::LockSlow() {
   WaitPatiently([this] { return !IsLocked() && TryLock(); });
@@ -107,7 +106,7 @@ void RecordPage::Erase(Record* record) {
   if (left == 0 && log2 >= kLeastToFreeLog2) FreeRecords(/*pool_is_locked=*/false);
 }
 
-RecordPage* RecordPages::Make(std::uint64_t address) {
+RecordPage* RecordPages::AddRegion(std::uint64_t address) {
   const std::lock_guard<SetMutex> guard(directory_lock);
   RecordPage* const known = Find(address);
   if (known != nullptr) return known;
@@ -116,37 +115,38 @@ RecordPage* RecordPages::Make(std::uint64_t address) {
     if (!GrowDirectory()) return nullptr;
     directory = directory_.load(std::memory_order_relaxed);
   }
-  auto* const leaf = static_cast<Leaf*>(table_memory::Map(sizeof(Leaf)));
-  if (leaf == nullptr) return nullptr;
-  leaf->region = RegionOf(address);
-  leaf->next = leaves_.load(std::memory_order_relaxed);
-  leaves_.store(leaf, std::memory_order_release);
-  Enter(*directory, leaf);
+  auto* const pages =
+      static_cast<RecordPage*>(table_memory::Map(kPagesOfRegion * sizeof(RecordPage)));
+  if (pages == nullptr) return nullptr;
+  Enter(*directory, RegionOf(address), pages);
   return Find(address);
 }
 
-void RecordPages::Enter(Directory& directory, Leaf* leaf) {
-  std::uint64_t i = leaf->region * kGolden >> directory.shift;
-  while (directory.leaves[i].load(std::memory_order_relaxed) != nullptr) {
+void RecordPages::Enter(Directory& directory, std::uint64_t number, RecordPage* pages) {
+  std::uint64_t i = number * kGolden >> directory.shift;
+  while (directory.regions[i].pages.load(std::memory_order_relaxed) != nullptr) {
     i = (i + 1) & directory.mask;
   }
-  directory.leaves[i].store(leaf, std::memory_order_release);
+  directory.regions[i].number.store(number, std::memory_order_relaxed);
+  directory.regions[i].pages.store(pages, std::memory_order_release);
   ++directory.used;
 }
 
-/// Under the directory's lock. The outgrown directory stays: a reader may be in it.
+/// Under the directory's lock. The old directory stays: a reader may be in it.
 bool RecordPages::GrowDirectory() {
   const Directory* const old = directory_.load(std::memory_order_relaxed);
   const unsigned log2 = old == nullptr ? kFirstDirectoryLog2
                                        : static_cast<unsigned>(__builtin_popcountll(old->mask)) + 1;
   const std::size_t slots = std::size_t{1} << log2;
-  auto* const fresh = static_cast<Directory*>(
-      table_memory::Map(sizeof(Directory) + slots * sizeof(std::atomic<Leaf*>)));
+  auto* const fresh =
+      static_cast<Directory*>(table_memory::Map(sizeof(Directory) + slots * sizeof(Region)));
   if (fresh == nullptr) return false;
   fresh->mask = slots - 1;
   fresh->shift = 64 - log2;
-  for (Leaf* leaf = leaves_.load(std::memory_order_relaxed); leaf != nullptr; leaf = leaf->next) {
-    Enter(*fresh, leaf);
+  for (std::uint64_t i = 0; old != nullptr && i <= old->mask; ++i) {
+    RecordPage* const pages = old->regions[i].pages.load(std::memory_order_relaxed);
+    if (pages == nullptr) continue;
+    Enter(*fresh, old->regions[i].number.load(std::memory_order_relaxed), pages);
   }
   directory_.store(fresh, std::memory_order_release);
   return true;

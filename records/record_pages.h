@@ -113,8 +113,9 @@ class RecordPage {
   /// The slot where a search begins: multiplicative hashing (2^32 divided by the golden ratio).
   /// Blocks of one size lie at regular distances, which this spreads.
   static std::uint32_t FirstSlot(std::uint32_t spread, unsigned log2_capacity) {
+    const std::uint32_t spread_over_32_bits = spread * 0x9E3779B9U;
     // In 64 bits, since Prefetch may read a capacity of 0.
-    return static_cast<std::uint32_t>(std::uint64_t{spread * 0x9E3779B9U} >> (32 - log2_capacity));
+    return static_cast<std::uint32_t>(std::uint64_t{spread_over_32_bits} >> (32 - log2_capacity));
   }
   /// As Spread for kept times, which one block may have many of.
   static std::uint32_t SpreadKept(std::uint32_t key, std::uint32_t backtrace) {
@@ -164,26 +165,31 @@ class RecordPages {
     const Directory* const directory = directory_.load(std::memory_order_acquire);
     if (directory == nullptr) return nullptr;
     for (std::uint64_t i = region * kGolden >> directory->shift;; i = (i + 1) & directory->mask) {
-      Leaf* const leaf = directory->leaves[i].load(std::memory_order_acquire);
-      if (leaf == nullptr) return nullptr;
-      if (leaf->region == region) {
-        return &leaf->pages[address >> kPageBits & (kPagesOfRegion - 1)];
+      const Region& found = directory->regions[i];
+      RecordPage* const pages = found.pages.load(std::memory_order_acquire);
+      if (pages == nullptr) return nullptr;
+      if (found.number.load(std::memory_order_relaxed) == region) {
+        return pages + (address >> kPageBits & (kPagesOfRegion - 1));
       }
     }
   }
   /// As Find, but adds the region when it is unknown, under a lock. Null when there is no memory.
-  static RecordPage* FindOrMake(std::uint64_t address) {
+  static RecordPage* FindOrAdd(std::uint64_t address) {
     RecordPage* const page = Find(address);
-    return page != nullptr ? page : Make(address);
+    return page != nullptr ? page : AddRegion(address);
   }
 
   /// Calls visit(std::uint64_t address, RecordPage&) for every page of every known region.
   /// `address` is that of the page's first byte.
   template <typename Visitor>
   static void ForEach(Visitor visit) {
-    for (Leaf* leaf = leaves_.load(std::memory_order_acquire); leaf != nullptr; leaf = leaf->next) {
-      for (std::size_t i = 0; i < kPagesOfRegion; ++i) {
-        visit((leaf->region << kRegionBits) + (i << kPageBits), leaf->pages[i]);
+    const Directory* const directory = directory_.load(std::memory_order_acquire);
+    for (std::uint64_t i = 0; directory != nullptr && i <= directory->mask; ++i) {
+      RecordPage* const pages = directory->regions[i].pages.load(std::memory_order_acquire);
+      if (pages == nullptr) continue;
+      const std::uint64_t number = directory->regions[i].number.load(std::memory_order_relaxed);
+      for (std::size_t page = 0; page < kPagesOfRegion; ++page) {
+        visit((number << kRegionBits) + (page << kPageBits), pages[page]);
       }
     }
   }
@@ -198,17 +204,18 @@ class RecordPages {
   static bool EmptyAll(std::uint32_t generation);
 
  private:
-  struct Leaf {
-    std::uint64_t region;
-    Leaf* next;
-    alignas(64) RecordPage pages[kPagesOfRegion];
+  /// `number` is set before `pages`.
+  struct Region {
+    std::atomic<std::uint64_t> number;
+    /// kPagesOfRegion of them; null in a free slot.
+    std::atomic<RecordPage*> pages;
   };
   /// Open addressing; at most half full.
   struct Directory {
     std::uint64_t mask;
     std::uint64_t used;
     unsigned shift;
-    std::atomic<Leaf*> leaves[1];
+    Region regions[1];
   };
 
   /// 2^64 divided by the golden ratio: Fibonacci hashing.
@@ -217,10 +224,9 @@ class RecordPages {
   static std::uint64_t RegionOf(std::uint64_t address) {
     return (address & 0x00FF'FFFF'FFFF'FFFF) >> kRegionBits;
   }
-  static RecordPage* Make(std::uint64_t address);
+  static RecordPage* AddRegion(std::uint64_t address);
   static bool GrowDirectory();
-  static void Enter(Directory& directory, Leaf* leaf);
+  static void Enter(Directory& directory, std::uint64_t number, RecordPage* pages);
 
   static std::atomic<Directory*> directory_;
-  static std::atomic<Leaf*> leaves_;
 };
