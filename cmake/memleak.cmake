@@ -47,10 +47,8 @@ add_library(memleak_library_options INTERFACE)
 target_link_libraries(memleak_library_options INTERFACE memleak_options)
 target_include_directories(memleak_library_options INTERFACE
   ${CMAKE_SOURCE_DIR}/platform/standin/include)
-if(MEMLEAK_SYSTEM STREQUAL linux)
-  target_include_directories(memleak_library_options INTERFACE
-    ${CMAKE_SOURCE_DIR}/platform/linux/include)
-endif()
+target_include_directories(memleak_library_options INTERFACE
+  ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/include)
 target_compile_options(memleak_library_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden> -fno-plt)
 

@@ -1,10 +1,9 @@
 // Reading one block's backtrace, and the locks around fork.
-#include <mutex>
-
 #include "platform/bounds_checked.h"
 #include "platform/fork_policy.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/record_store.h"
 #include "records/set_selection.h"
 
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
@@ -12,17 +11,14 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   // Intentional: for the other kinds no size is known here, and only their smallest class is looked
   // at.
-  PointerSet* const set = SelectSet(sets(), address, ClassSize(pointer, 0));
-  if (set == nullptr) return 0;
-  const bool held = record_key.Get() == kHoldsStore;
-  const SetLock pointer_lock(set->pointer_mutex, held);
-  const std::uint64_t generation = set->SyncPointers();
-  const Record* const record = set->pointers.Find(address);
-  if (record == nullptr) return 0;
-  const FrameInfoType* const backtrace = BacktraceRef::Backtrace(record->backtrace);
-  if (backtrace == nullptr) return 0;
-  const SetLock frame_lock(set->frame_mutex, held);
-  if (set->SyncFrames() != generation) return 0;
+  const SetChoice choice = SelectSet(sets(), address, ClassSize(pointer, 0));
+  RecordPage* const page = RecordPages::Find(address);
+  if (choice.set == nullptr || page == nullptr) return 0;
+  const record_store::PageGuard guard(page, *choice.set, record_key.Get() == kHoldsStore);
+  if (page->generation() != record_store::Generation()) return 0;
+  const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
+  if (record == nullptr || record->backtrace == 0) return 0;
+  const FrameInfoType* const backtrace = record_store::backtraces.At(record->backtrace);
   const std::size_t count = backtrace->num_frames < max_frames ? backtrace->num_frames : max_frames;
   const std::size_t bytes = count * sizeof(std::uintptr_t);
   return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;
@@ -41,6 +37,7 @@ void PointerData::PrepareFork() {
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
   }
+  RecordPages::WaitForOperations();
   if (marks) record_key.Set(kHoldsStore);
 }
 
@@ -94,4 +91,6 @@ void PointerData::PostForkChild() {
     release(all[i].unwind_mutex);
   }
   if (all_locks) release(InitialiseLock());
+  // Another thread may have taken a page's lock to find out that it must wait.
+  RecordPages::FreeLocksInChild();
 }

@@ -22,7 +22,7 @@ constexpr char kBacktraceSizeProperty[] = "vastel.memleak.backtacemaxnum";
 constexpr std::size_t kInfoHeaderBytes = 272;
 
 /// Copies group `i` into `record`. `record` still has the values of the group before.
-void FillRecord(const Grouping& grouping, std::size_t i, const ListInfoType& group,
+void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
                 RecordStruct* record) {
   record->size = group.size;
   record->num = group.num;

@@ -11,97 +11,62 @@
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
 #include "records/PointerSet.h"
+#include "records/pause_counts.h"
+#include "records/record_store.h"
 #include "records/set_selection.h"
 #include "records/table_memory.h"
 #include "tracker/MemTrackControl.h"
 
+namespace record_store {
+
+BacktraceTable backtraces;
+std::atomic<std::uint32_t> generation{0};
+
+}  // namespace record_store
+
+/// What a capture has given.
+struct BacktraceRef {
+  /// Location of the backtrace; 0 for none.
+  std::uint32_t location;
+  /// Epoch of the table of backtraces when the backtrace was looked up.
+  std::uint32_t epoch;
+  /// Number of clears before the capture.
+  std::uint32_t generation;
+  /// As records keep it.
+  std::int32_t time;
+};
+
 namespace {
+
+using record_store::backtraces;
+using record_store::Generation;
+using record_store::PageGuard;
+
+/// How often an operation asks the C library's allocator for memory before it gives up: another
+/// thread may take what was meant for this one.
+constexpr int kRefills = 3;
+
+/// Bytes from a block back to its size: those of glibc and of Android's allocator are within.
+constexpr std::uint64_t kBlockHeader = 8;
 
 std::atomic<PointerSet*> set_array{nullptr};
 
-/// The size as it is stored: with the zygote mark, or 0 when nobody has said whether this process
-/// is a zygote child (wanted: such a record reads as size 0).
-std::uint64_t EncodeSize(std::size_t size) {
+/// The size as it is stored: with the zygote mark, or 0 when it is not known whether this process
+/// is a zygote child. Intentional: such a record reads as size 0.
+std::uint32_t EncodeSize(std::size_t size) {
   const bool* zygote_child = MemTrackControl::GetMallocZygoteChild();
   if (zygote_child == nullptr) return 0;
   // The flag is declared bool, but it is its owner's contract that four bytes can be read.
   std::uint32_t value;
   std::memcpy(&value, zygote_child, sizeof(value));
-  return value != 0 ? size | kZygoteChildBit : size;
+  // Readers take the low 31 bits for the size and bit 31 for the mark.
+  const auto low = static_cast<std::uint32_t>(size);
+  return value != 0 ? low | static_cast<std::uint32_t>(kZygoteChildBit) : low;
 }
 
-bool HasBacktrace(std::uintptr_t word) {
-  return BacktraceRef::Backtrace(word) != nullptr;
-}
-
-/// Files the record of a new block. False when the table has no room for it. A clear between the
-/// capture of the backtrace and now leaves no record: the block counts as made before the clear.
-__attribute__((always_inline)) inline bool StoreRecord(PointerSet* set, std::uint64_t address,
-                                                       std::uint64_t encoded_size,
-                                                       const BacktraceRef& backtrace, bool held) {
-  const SetLock lock(set->pointer_mutex, held);
-  const std::uint64_t generation = set->SyncPointers();
-  const bool has_backtrace = HasBacktrace(backtrace.word);
-  if (has_backtrace && backtrace.generation != generation) return true;
-  bool inserted = false;
-  Record* const record = set->pointers.FindOrInsert(address, &inserted);
-  if (record == nullptr) return false;
-  std::int64_t time = backtrace.time;
-  // The times of a backtrace outlive the records that an overwrite takes from it, and an address
-  // that comes back to a backtrace keeps the time that it had there.
-  if (!inserted && record->backtrace == backtrace.word) {
-    time = record->time;
-  } else {
-    if (!inserted && HasBacktrace(record->backtrace)) set->KeepTime(*record);
-    if (has_backtrace && set->kept_times.size() != 0) {
-      time = set->TakeKeptTime(address, backtrace.word, time);
-    }
-  }
-  record->size = encoded_size;
-  record->backtrace = backtrace.word;
-  record->time = time;
-  return true;
-}
-
-/// Gets `table` the memory that `missing` asks for, without its lock. False when there is none.
-/// `kernel_only`: the thread may be inside the C library's allocator, or hold its lock.
-template <typename Table, typename Missing>
-bool MakeRoom(SetMutex& mutex, bool held, bool kernel_only, Table& table, Missing missing) {
-  std::size_t bytes = 0;
-  {
-    const SetLock lock(mutex, held);
-    bytes = missing();
-  }
-  if (bytes == 0) return true;  // another thread has made room
-  void* memory = table_memory::FromKernel(bytes);
-  if (memory == nullptr && !kernel_only) memory = table_memory::FromAllocator(bytes);
-  if (memory == nullptr) return false;
-  {
-    const SetLock lock(mutex, held);
-    if (missing() == bytes) {
-      table.Extend(memory, bytes);
-      memory = nullptr;
-    }
-  }
-  table_memory::Free(memory, bytes);
-  if (!kernel_only) table_memory::FreeWaiting();
-  return true;
-}
-
-/// StoreRecord with a table that is full. Out of line, like all that is rare: the usual path then
-/// has the registers to itself. False when there is no memory.
-__attribute__((noinline)) bool GrowAndStoreRecord(PointerSet* set, std::uint64_t address,
-                                                  std::uint64_t encoded_size,
-                                                  const BacktraceRef& backtrace, bool held,
-                                                  bool kernel_only) {
-  const auto missing = [set] {
-    set->SyncPointers();
-    return set->pointers.MissingBytes();
-  };
-  while (MakeRoom(set->pointer_mutex, held, kernel_only, set->pointers, missing)) {
-    if (StoreRecord(set, address, encoded_size, backtrace, held)) return true;
-  }
-  return false;
+std::int32_t RecordTime(std::int64_t time) {
+  return static_cast<std::int32_t>(std::clamp<std::int64_t>(
+      time - kRecordTimeBase, std::int64_t{INT32_MIN}, std::int64_t{INT32_MAX}));
 }
 
 void CountUnreported() {
@@ -110,13 +75,132 @@ void CountUnreported() {
                         "no memory to record a block: reports will lack it");
 }
 
-/// Files the Java-native part of a capture. The caller holds the set's frame lock. Never inlined,
-/// so that captures without such a part do not have its variables on the stack.
+/// After a lack of memory: gets more, from the C library's allocator. `*refills` counts the
+/// attempts of one operation.
+bool Refill(bool kernel_only, int* refills) {
+  return !kernel_only && (*refills)++ < kRefills && table_memory::RefillFromHeap();
+}
+
+/// Makes room in the table of backtraces. False without memory.
+bool GrowBacktraces(bool held) {
+  const FrameInfoListWithLock locks(held);
+  std::uint64_t records = 0;
+  RecordPages::ForEach(
+      [&records](std::uint64_t /*address*/, RecordPage& page) { records += page.count(); });
+  return backtraces.Grow(records, [](std::uint32_t sweep) {
+    record_store::ForEachRecord([sweep](std::uint64_t /*address*/, Record& record) {
+      if (record.backtrace != 0) backtraces.At(record.backtrace)->sweep = sweep;
+    });
+  });
+}
+
+/// What has been captured for a block.
+struct Capture {
+  FrameKeyType key;
+  std::uint64_t hash;
+  std::uint64_t fingerprint;
+};
+
+/// Adds a backtrace that is not known and sets `*epoch` to that of the answer, the location. 0
+/// without memory. `kernel_only`: the thread may be inside the C library's allocator, or hold its
+/// lock.
+__attribute__((noinline)) std::uint32_t AddNewBacktrace(PointerSet* set, const Capture& capture,
+                                                        bool held, bool kernel_only,
+                                                        std::uint32_t* epoch) {
+  for (int refills = 0;;) {
+    std::uint32_t location = 0;
+    *epoch = backtraces.epoch();
+    BacktraceTable::Result result;
+    {
+      const SetLock lock(set->frame_mutex, held);
+      result = backtraces.FindOrAdd(capture.key, capture.hash, capture.fingerprint, &location);
+    }
+    if (result == BacktraceTable::Result::kDone) return location;
+    if (result == BacktraceTable::Result::kFull && GrowBacktraces(held)) continue;
+    if (!Refill(kernel_only, &refills)) return 0;
+  }
+}
+
+enum class Stored { kDone, kTablesChanged, kNoMemory };
+
+/// Whether there has ever been a kept time. Most programs have none, and then no allocation looks
+/// for one.
+std::atomic<bool> any_kept{false};
+
+/// Keeps the time of a record that is overwritten: the times of a backtrace outlive it. Without
+/// memory, and in a page with very many records, the time is lost.
+__attribute__((noinline)) void KeepTime(RecordPage& page, const Record& record) {
+  /// As many as the page has bytes. Kept times must not use up the room of records.
+  constexpr std::uint32_t kMostRecords = 4096;
+  if (page.count() >= kMostRecords) return;
+  page.Insert({RecordKey::Kept(record.key), 0, record.time, record.backtrace});
+  any_kept.store(true, std::memory_order_relaxed);
+}
+
+/// Takes the time that the backtrace of `record` has kept of its address, if there is one.
+__attribute__((noinline)) void TakeKeptTime(RecordPage& page, Record& record) {
+  Record* const kept = page.FindKept(record.key, record.backtrace);
+  if (kept == nullptr) return;
+  record.time = kept->time;
+  page.Erase(kept);
+}
+
+/// Files one record in its page. False without memory. Under the page's lock.
+bool StoreInPage(RecordPage& page, std::uint64_t set_number, Record record) {
+  Record* old = page.Find(record.key);
+  if (old != nullptr && old->backtrace == record.backtrace) {
+    // The address comes back to its backtrace, which keeps the earlier time.
+    if (record.backtrace != 0) record.time = old->time;
+    *old = record;
+    return true;
+  }
+  // Both may move the old record.
+  if (record.backtrace != 0 && any_kept.load(std::memory_order_relaxed)) {
+    TakeKeptTime(page, record);
+    old = page.Find(record.key);
+  }
+  if (old != nullptr && old->backtrace != 0) {
+    KeepTime(page, *old);
+    old = page.Find(record.key);
+  }
+  if (old != nullptr) {
+    *old = record;
+    return true;
+  }
+  if (!page.Insert(record)) return false;
+  pause_counts::Change(set_number, 1);
+  return true;
+}
+
+/// Files the record of a new block. kTablesChanged: the backtrace must be looked up again. A clear
+/// since the capture leaves no record: the block counts as made before the clear.
+__attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice,
+                                                         std::uint64_t address, std::uint32_t size,
+                                                         const BacktraceRef& ref, bool held) {
+  RecordPage* page = RecordPages::Find(address);
+  if (__builtin_expect(static_cast<long>(page == nullptr), 0L) != 0) {
+    const SetLock lock(choice.set->frame_mutex, held);
+    page = RecordPages::FindOrAdd(address);
+    if (page == nullptr) return Stored::kNoMemory;
+  }
+  const PageGuard guard(page, *choice.set, held);
+  if (Generation() != ref.generation) return Stored::kDone;
+  if (backtraces.epoch() != ref.epoch) return Stored::kTablesChanged;
+  if (page->generation() != ref.generation) page->Empty(ref.generation);
+  const Record record{RecordKey::Of(address, choice.size_class), size, ref.time, ref.location};
+  const bool stored = StoreInPage(*page, SetNumber(address, choice.size_class), record);
+  return stored ? Stored::kDone : Stored::kNoMemory;
+}
+
+/// Files the Java-native part of a capture. Never inlined, so that captures without such a part do
+/// not have its variables on the stack.
 __attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t address,
                                              std::uint64_t encoded_size,
-                                             std::vector<unwindstack::FrameData>* frame_data) try {
+                                             std::vector<unwindstack::FrameData>* frame_data,
+                                             bool held) try {
+  const SetLock frame_lock(set->frame_mutex, held);
   std::uint64_t unwind_index;
-  std::uint64_t generation;
+  std::uint32_t generation;
   {
     const std::lock_guard<SetMutex> guard(set->unwind_mutex);
     generation = set->SyncUnwindFrames();
@@ -141,63 +225,53 @@ __attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t addr
   // The native record stands; its Java-native part is left out.
 }
 
-/// What has been captured for a block.
-struct Capture {
-  FrameKeyType key;
-  std::uint64_t hash;
-  std::uint64_t fingerprint;
-  std::uint64_t address;
-  std::size_t size;
-  std::vector<unwindstack::FrameData>* java_frames;
-};
-
-/// Files a backtrace: `result` gets a reference to it. False when the table has no room for it.
-__attribute__((always_inline)) inline bool StoreBacktrace(PointerSet* set, const Capture& capture,
-                                                          bool held, BacktraceRef* result) {
-  const SetLock lock(set->frame_mutex, held);
-  result->generation = set->SyncFrames();
-  const FrameInfoType* const backtrace =
-      set->frames.Acquire(capture.key, capture.hash, capture.fingerprint);
-  if (backtrace == nullptr) return false;
-  result->word = BacktraceRef::WordOf(backtrace);
-  if (!capture.java_frames->empty()) {
-    AddJavaNative(set, capture.address, EncodeSize(capture.size), capture.java_frames);
-  }
+/// Removes the record of `address` from its set. True when there was one.
+__attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const SetChoice& choice,
+                                                        std::uint64_t address, bool held) {
+  const PageGuard guard(page, *choice.set, held);
+  if (page->generation() != Generation()) return false;
+  Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
+  if (record == nullptr) return false;
+  page->Erase(record);
+  pause_counts::Change(SetNumber(address, choice.size_class), -1);
   return true;
 }
 
-/// StoreBacktrace with a table that is full. False when there is no memory.
-__attribute__((noinline)) bool GrowAndStoreBacktrace(PointerSet* set, const Capture& capture,
-                                                     bool held, bool kernel_only,
-                                                     BacktraceRef* result) {
-  const auto missing = [&] {
-    set->SyncFrames();
-    return set->frames.MissingBytes(capture.key.num_frames);
-  };
-  while (MakeRoom(set->frame_mutex, held, kernel_only, set->frames, missing)) {
-    if (StoreBacktrace(set, capture, held, result)) return true;
+/// Ends the pauses of the two families once a set is empty. Intentional: one empty set is enough.
+__attribute__((noinline)) void EndPausesIfDrained(MemTrackControl* control, bool native, bool plt,
+                                                  bool held) {
+  if (!pause_counts::IsCounting()) {
+    const FrameInfoListWithLock locks(held);
+    pause_counts::Start();
   }
-  return false;
+  if (!pause_counts::AnySetEmpty()) return;
+  if (native) control->ConfigHookStatus(false, false);
+  if (plt) control->ConfigPltHookStatus(false, false);
 }
 
-/// Ends the pauses of the two families. Sizes are read without their locks; a stale one only delays
-/// the end.
-__attribute__((noinline)) void EndPausesIfDrained(MemTrackControl* control, bool native, bool plt) {
-  const PointerSet* const sets = set_array.load(std::memory_order_acquire);
-  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
-    if (sets[i].RecordCount() != 0) continue;
-    if (native) control->ConfigHookStatus(false, false);
-    if (plt) control->ConfigPltHookStatus(false, false);
-    return;
-  }
-}
-
-/// Ends a pause once a set has run empty. Intentional: one empty set is enough. Waiting for all 40
-/// would mean reading 40 sizes under 40 locks on every free.
-__attribute__((always_inline)) inline void EndDrainedPauses(MemTrackControl* control) {
+__attribute__((always_inline)) inline void EndDrainedPauses(MemTrackControl* control, bool held) {
   const bool native_paused = !control->GetHookStart() && control->GetHookEverStarted();
   const bool plt_paused = !control->GetPltHookStart() && control->GetPltHookEverStarted();
-  if (native_paused || plt_paused) EndPausesIfDrained(control, native_paused, plt_paused);
+  if (native_paused || plt_paused) {
+    EndPausesIfDrained(control, native_paused, plt_paused, held);
+  } else {
+    pause_counts::Stop();
+  }
+}
+
+/// Gives back the memory of the records before the clear that has led to `generation`, as far as no
+/// operation is inside. Waits for no lock: the thread that a clear interrupts may hold one.
+void GiveMemoryBack(PointerSet* sets, std::uint32_t generation) {
+  std::uint64_t held = 0;
+  const auto lock = [sets](std::uint64_t i) -> SetMutex& {
+    PointerSet& set = sets[i % PointerData::kSetCount];
+    return i < PointerData::kSetCount ? set.pointer_mutex : set.frame_mutex;
+  };
+  while (held < 2 * PointerData::kSetCount && lock(held).try_lock()) ++held;
+  if (held == 2 * PointerData::kSetCount && RecordPages::EmptyAll(generation)) {
+    backtraces.TryClear();
+  }
+  while (held-- > 0) lock(held).unlock();
 }
 
 }  // namespace
@@ -222,20 +296,9 @@ bool PointerData::Initialize() {
     }
     set_array.store(sets, std::memory_order_release);
   }
-  table_generation.fetch_add(1, std::memory_order_acq_rel);
   unreported_blocks.store(0, std::memory_order_relaxed);
-  // From here on every table counts as empty. Those that nobody is in give up their memory now;
-  // no lock is waited for, since the thread that this interrupts may hold it.
-  for (std::uint64_t i = 0; i < kSetCount; ++i) {
-    if (sets[i].pointer_mutex.try_lock()) {
-      sets[i].SyncPointers();
-      sets[i].pointer_mutex.unlock();
-    }
-    if (sets[i].frame_mutex.try_lock()) {
-      sets[i].SyncFrames();
-      sets[i].frame_mutex.unlock();
-    }
-  }
+  // From here on the store counts as empty.
+  GiveMemoryBack(sets, record_store::generation.fetch_add(1) + 1);
   return true;
 }
 
@@ -243,40 +306,25 @@ std::size_t PointerData::PointerSize(const void* pointer) {
   return UsableSize(pointer);
 }
 
-__attribute__((always_inline)) inline void PointerData::RemoveBacktrace(const BacktraceRef& ref,
-                                                                        PointerSet* set) {
-  FrameInfoType* const backtrace = BacktraceRef::Backtrace(ref.word);
-  if (backtrace == nullptr) return;
-  if (set->SyncFrames() != ref.generation) return;  // a clear took it meanwhile
-  if (backtrace->references == 0) {
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
-                          "hashIndex %zu does not have matching frame data.",
-                          static_cast<std::size_t>(backtrace->hash_index));
-    return;
-  }
-  set->frames.Release(backtrace);
-}
-
 __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* pointer,
-                                                                   std::size_t size,
-                                                                   bool is_mapping, bool held) {
+                                                                   std::size_t size, Call call) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  const std::size_t class_size = is_mapping ? size : ClassSize(pointer, size);
-  PointerSet* const set = SelectSet(sets(), address, class_size);
-  if (set == nullptr) return;
-  set->pointers.Prefetch(address);  // its line arrives while the stack is walked
+  const std::size_t class_size = call.is_mapping ? size : ClassSize(pointer, size);
+  const SetChoice choice = SelectSet(sets(), address, class_size);
+  if (choice.set == nullptr) return;
+  const RecordPage* const page = RecordPages::Find(address);
+  if (page != nullptr) page->Prefetch(address);  // its line arrives while the stack is walked
   record_key.Set(ThreadMark::kInside);
-  const BacktraceRef backtrace =
-      AddBacktrace(BacktraceSize(), set, address, size, is_mapping, held);
-  const std::uint64_t encoded_size = EncodeSize(size);
-  if (!StoreRecord(set, address, encoded_size, backtrace, held) &&
-      !GrowAndStoreRecord(set, address, encoded_size, backtrace, held, held || is_mapping) &&
-      HasBacktrace(backtrace.word)) {
-    CountUnreported();
-    const SetLock lock(set->frame_mutex, held);
-    RemoveBacktrace(backtrace, set);
+  for (int refills = 0;; call.again = true) {
+    const BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size, call);
+    Stored stored = StoreRecord(choice, address, EncodeSize(size), ref, call.held);
+    if (__builtin_expect(static_cast<long>(stored == Stored::kDone), 1L) != 0) break;
+    if (stored == Stored::kTablesChanged || Refill(call.held || call.is_mapping, &refills))
+      continue;
+    if (ref.location != 0) CountUnreported();
+    break;
   }
-  record_key.Set(held ? kHoldsStore : nullptr);
+  record_key.Set(call.held ? kHoldsStore : nullptr);
 }
 
 __attribute__((always_inline)) inline void PointerData::AddBlock(const void* pointer,
@@ -285,9 +333,9 @@ __attribute__((always_inline)) inline void PointerData::AddBlock(const void* poi
   // Two copies: the usual one need not look at what it holds.
   void* const mark = record_key.Get();
   if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
-    AddBlockAs(pointer, size, is_mapping, /*held=*/false);
+    AddBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
   } else if (mark == kHoldsStore) {
-    AddBlockAs(pointer, size, is_mapping, /*held=*/true);
+    AddBlockAs(pointer, size, {is_mapping, /*held=*/true, /*again=*/false});
   }
 }
 
@@ -304,16 +352,15 @@ __attribute__((noinline)) void PointerData::AddMapping(const void* pointer, std:
 __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num_frames,
                                                                  PointerSet* set,
                                                                  std::uint64_t pointer,
-                                                                 std::size_t size, bool is_mapping,
-                                                                 bool held) {
-  BacktraceRef result{BacktraceRef::WordOf(kEmptyBacktraceIndex), time(nullptr), 0};
+                                                                 std::size_t size, Call call) {
+  BacktraceRef result{0, backtraces.epoch(), Generation(), RecordTime(time(nullptr))};
   // The size asked for may be anything; what the method can return bounds the buffer.
   std::size_t max_frames = std::min(num_frames, BacktraceCaptureLimit());
   std::unique_ptr<std::uint64_t[]> heap_frames;
   // The hooked call may be the allocator's own, so a mapping's capture asks it for nothing.
-  const std::size_t on_stack = is_mapping ? kWalkLimit : BacktraceStackFrames();
+  const std::size_t on_stack = call.is_mapping ? kWalkLimit : BacktraceStackFrames();
   if (max_frames > on_stack) {
-    if (!is_mapping) heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
+    if (!call.is_mapping) heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
     if (heap_frames == nullptr) max_frames = on_stack;
   }
   std::uint64_t* frames = heap_frames.get();
@@ -328,43 +375,40 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   if (count == 0) return result;
 
   const FrameKeyType key{count, frames};
-  const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key), pointer, size, &frame_data};
-  if (!StoreBacktrace(set, capture, held, &result) &&
-      !GrowAndStoreBacktrace(set, capture, held, held || is_mapping, &result)) {
-    CountUnreported();  // no report shows a block without a backtrace
+  const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key)};
+  result.location = backtraces.Find(key, capture.hash, capture.fingerprint);
+  if (__builtin_expect(static_cast<long>(result.location == 0), 0L) != 0) {
+    result.location =
+        AddNewBacktrace(set, capture, call.held, call.held || call.is_mapping, &result.epoch);
+    if (result.location == 0) {
+      CountUnreported();  // no report shows a block without a backtrace
+      return result;
+    }
+  }
+  if (!frame_data.empty() && !call.again) {
+    AddJavaNative(set, pointer, EncodeSize(size), &frame_data, call.held);
   }
   return result;
 }
 
 __attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void* pointer,
-                                                                      std::size_t size,
-                                                                      bool is_mapping, bool held) {
+                                                                      std::size_t size, Call call) {
   MemTrackControl* const control = MemTrackControl::GetInstance();
   if (control == nullptr) return;
   if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  PointerSet* const all = sets();
-  if (all == nullptr) return;
-  PrefetchRecord(all, address);
-  PointerSet* const set = SelectSet(all, address, is_mapping ? size : ClassSize(pointer, size));
-  if (set == nullptr) return;
+  // Most allocators keep the usable size in front of the block. That line arrives while the page is
+  // searched.
+  if (!call.is_mapping) __builtin_prefetch(reinterpret_cast<const void*>(address - kBlockHeader));
+  RecordPage* const page = RecordPages::Find(address);
+  if (page == nullptr || page->count() == 0) return;
+  page->Prefetch(address);
+  const SetChoice choice =
+      SelectSet(sets(), address, call.is_mapping ? size : ClassSize(pointer, size));
+  if (choice.set == nullptr) return;
   record_key.Set(ThreadMark::kInside);
-  {
-    const SetLock pointer_lock(set->pointer_mutex, held);
-    // Taken here and not where it is needed: a locked instruction waits for all loads before it,
-    // and behind the search those are the cold ones.
-    const SetLock frame_lock(set->frame_mutex, held);
-    const std::uint64_t generation = set->SyncPointers();
-    Record* const record = set->pointers.Find(address);
-    if (record != nullptr) {
-      const BacktraceRef backtrace{record->backtrace, 0, generation};
-      __builtin_prefetch(BacktraceRef::Backtrace(backtrace.word), 1);
-      set->pointers.Erase(record);
-      RemoveBacktrace(backtrace, set);
-      EndDrainedPauses(control);
-    }
-  }
-  record_key.Set(held ? kHoldsStore : nullptr);
+  if (RemoveRecord(page, choice, address, call.held)) EndDrainedPauses(control, call.held);
+  record_key.Set(call.held ? kHoldsStore : nullptr);
 }
 
 __attribute__((always_inline)) inline void PointerData::RemoveBlock(const void* pointer,
@@ -372,9 +416,9 @@ __attribute__((always_inline)) inline void PointerData::RemoveBlock(const void* 
                                                                     bool is_mapping) {
   void* const mark = record_key.Get();
   if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
-    RemoveBlockAs(pointer, size, is_mapping, /*held=*/false);
+    RemoveBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
   } else if (mark == kHoldsStore) {
-    RemoveBlockAs(pointer, size, is_mapping, /*held=*/true);
+    RemoveBlockAs(pointer, size, {is_mapping, /*held=*/true, /*again=*/false});
   }
 }
 

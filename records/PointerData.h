@@ -100,15 +100,21 @@ class PointerData {
   static PointerSet* sets();
 
  private:
+  /// What the operations know of their call.
+  struct Call {
+    /// A proxy's block: the hooked call may be the allocator's own, so nothing is asked of that.
+    bool is_mapping;
+    /// The thread holds every lock.
+    bool held;
+    /// The same block once more, after its backtrace was swept out.
+    bool again;
+  };
   static void AddBlock(const void* pointer, std::size_t size, bool is_mapping);
   static void RemoveBlock(const void* pointer, std::size_t size, bool is_mapping);
-  /// `held`: the thread holds every lock.
-  static void AddBlockAs(const void* pointer, std::size_t size, bool is_mapping, bool held);
-  static void RemoveBlockAs(const void* pointer, std::size_t size, bool is_mapping, bool held);
+  static void AddBlockAs(const void* pointer, std::size_t size, Call call);
+  static void RemoveBlockAs(const void* pointer, std::size_t size, Call call);
   static BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
-                                   std::size_t size, bool is_mapping, bool held);
-  /// Drops one reference. The caller holds the set's frame lock.
-  static void RemoveBacktrace(const BacktraceRef& backtrace, PointerSet* set);
+                                   std::size_t size, Call call);
 
   DebugData* const owner_;
 };

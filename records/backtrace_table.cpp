@@ -1,158 +1,160 @@
-// The shared backtraces of one set, and their memory.
+// The shared backtraces and their memory; see the header.
 #include "records/backtrace_table.h"
 
-#include <algorithm>
 #include <cstring>
+#include <mutex>
 
 #include "records/table_memory.h"
 
-namespace {
-
-/// One page.
-constexpr std::uint64_t kFirstBuckets = 64;
-constexpr std::size_t kFirstChunk = 4096;
-constexpr std::size_t kLargestChunk = 65536;
-
-std::uint64_t Lines(std::uint64_t num_frames) {
-  const std::uint64_t bytes = sizeof(FrameInfoType) + num_frames * sizeof(std::uint64_t);
-  return (bytes + table_memory::kCacheLine - 1) / table_memory::kCacheLine;
-}
-
-}  // namespace
-
-BacktraceArena::FreePiece** BacktraceArena::FindPiece(std::uint64_t lines) {
-  FreePiece** link = &free_[lines < kLists ? lines : 0];
-  while (*link != nullptr && (*link)->lines != lines) link = &(*link)->next;
-  return *link != nullptr ? link : nullptr;
-}
-
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
-  const std::uint64_t lines = Lines(num_frames);
-  FreePiece** const link = FindPiece(lines);
-  if (link != nullptr) {
-    FreePiece* piece = *link;
+  const std::uint64_t bytes = sizeof(FrameInfoType) + num_frames * sizeof(std::uint64_t);
+  const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
+  for (FreePiece** link = &free_[lines < kLists ? lines : 0]; *link != nullptr;
+       link = &(*link)->next) {
+    FreePiece* const piece = *link;
+    if (piece->lines != lines) continue;
     *link = piece->next;
-    return reinterpret_cast<FrameInfoType*>(piece);
+    const std::uint32_t location = piece->location;
+    auto* const backtrace = reinterpret_cast<FrameInfoType*>(piece);
+    backtrace->location = location;
+    return backtrace;
   }
-  const std::size_t bytes = lines * table_memory::kCacheLine;
-  if (!ChunkHasRoom(bytes)) return nullptr;
-  void* piece = reinterpret_cast<char*>(chunks_) + used_;
-  used_ += bytes;
-  return static_cast<FrameInfoType*>(piece);
-}
-
-std::size_t BacktraceArena::MissingBytes(std::uint64_t num_frames) {
-  const std::uint64_t lines = Lines(num_frames);
-  const std::size_t bytes = lines * table_memory::kCacheLine;
-  if (FindPiece(lines) != nullptr || ChunkHasRoom(bytes)) return 0;
-  const std::size_t next = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
-  return std::max(std::min(next, kLargestChunk), bytes + table_memory::kCacheLine);
-}
-
-void BacktraceArena::Extend(void* memory, std::size_t bytes) {
-  auto* const chunk = static_cast<Chunk*>(memory);
-  chunk->next = chunks_;
-  chunk->bytes = bytes;
-  chunks_ = chunk;
-  used_ = table_memory::kCacheLine;
+  // The rest of a chunk that is too short for this piece stays unused.
+  if (next_line_ % kLinesOfChunk + lines > kLinesOfChunk) {
+    next_line_ = (next_line_ / kLinesOfChunk + 1) * kLinesOfChunk;
+  }
+  const std::uint32_t chunk = next_line_ / kLinesOfChunk;
+  if (chunk >= chunk_count_) {
+    if (chunk == kMaxChunks) return nullptr;
+    auto* const memory =
+        static_cast<char*>(table_memory::Map(kLinesOfChunk * kLineBytes + kTailBytes));
+    if (memory == nullptr) return nullptr;
+    chunks_[chunk_count_++] = memory;
+  }
+  FrameInfoType* const backtrace = At(next_line_);
+  backtrace->location = next_line_;
+  next_line_ += lines;
+  return backtrace;
 }
 
 void BacktraceArena::Free(FrameInfoType* backtrace) {
-  const std::uint64_t lines = Lines(backtrace->num_frames);
-  auto* piece = reinterpret_cast<FreePiece*>(backtrace);
-  FreePiece** list = &free_[lines < kLists ? lines : 0];
-  piece->next = *list;
-  piece->lines = lines;
-  *list = piece;
+  const std::uint64_t bytes = sizeof(FrameInfoType) + backtrace->num_frames * sizeof(std::uint64_t);
+  const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
+  const std::uint32_t location = backtrace->location;
+  auto* const piece = reinterpret_cast<FreePiece*>(backtrace);
+  FreePiece*& list = free_[lines < kLists ? lines : 0];
+  *piece = {0, list, lines, location};
+  list = piece;
 }
 
-void BacktraceArena::Clear() {
-  while (chunks_ != nullptr) {
-    Chunk* chunk = chunks_;
-    chunks_ = chunk->next;
-    table_memory::Free(chunk, chunk->bytes);
+void BacktraceArena::Reset() {
+  for (std::uint32_t i = 0; i < chunk_count_; ++i) {
+    table_memory::Zero(chunks_[i], kLinesOfChunk * kLineBytes);
   }
   for (FreePiece*& list : free_) list = nullptr;
-  used_ = 0;
+  next_line_ = 1;
 }
 
-FrameInfoType* BacktraceTable::Insert(const FrameKeyType& key, std::uint64_t hash,
-                                      std::uint64_t fingerprint) {
-  if (used_ >= limit_) return nullptr;
-  FrameInfoType* made = arena_.Allocate(key.num_frames);
-  if (made == nullptr) return nullptr;
-  made->references = 1;
-  made->hash_index = next_index_++;
-  made->fingerprint = fingerprint;
-  made->num_frames = static_cast<std::uint32_t>(key.num_frames);
-  made->report_note = 0;
-  std::memcpy(made->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
-  *FreeSlot(hash, fingerprint) = {fingerprint, made};
+BacktraceTable::Result BacktraceTable::FindOrAdd(const FrameKeyType& key, std::uint64_t hash,
+                                                 std::uint64_t fingerprint,
+                                                 std::uint32_t* location) {
+  const std::lock_guard<SetMutex> guard(lock_);
+  *location = Find(key, hash, fingerprint);
+  if (*location != 0) return Result::kDone;
+  if (!HasRoom()) return Result::kFull;
+  FrameInfoType* const added = arena_.Allocate(key.num_frames);
+  if (added == nullptr) return Result::kNoMemory;
+  added->fingerprint = fingerprint;
+  added->hash_index = next_index_++;
+  added->num_frames = static_cast<std::uint32_t>(key.num_frames);
+  added->report_note = 0;
+  added->sweep = 0;
+  std::memcpy(added->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
+  Enter(*buckets_.load(std::memory_order_relaxed), added);
   ++used_;
-  ++size_;
-  return made;
+  *location = added->location;
+  return Result::kDone;
 }
 
-BacktraceTable::Slot* BacktraceTable::FreeSlot(std::uint64_t hash, std::uint64_t fingerprint) {
-  std::uint64_t bucket = HomeBucket(hash);
-  while (true) {
-    for (Slot& slot : buckets_[bucket].slots) {
-      if (slot.backtrace == nullptr) return &slot;
-    }
-    bucket = (bucket + Step(fingerprint)) & (bucket_count_ - 1);
-  }
-}
-
-std::uint64_t BacktraceTable::NextBucketCount() const {
-  if (bucket_count_ == 0) return kFirstBuckets;
-  // Sweeping alone makes room when at least half of the backtraces are dead.
-  return size_ * 2 > used_ ? bucket_count_ * 2 : bucket_count_;
-}
-
-std::size_t BacktraceTable::MissingBytes(std::uint64_t num_frames) {
-  return used_ >= limit_ ? NextBucketCount() * sizeof(Bucket) : arena_.MissingBytes(num_frames);
-}
-
-void BacktraceTable::Extend(void* memory, std::size_t bytes) {
-  if (used_ >= limit_) {
-    Rebuild(static_cast<Bucket*>(memory), bytes / sizeof(Bucket));
-  } else {
-    arena_.Extend(memory, bytes);
-  }
-}
-
-void BacktraceTable::Rebuild(Bucket* fresh, std::uint64_t new_count) {
-  Bucket* const old_buckets = buckets_;
-  const std::uint64_t old_count = bucket_count_;
-  buckets_ = fresh;
-  bucket_count_ = new_count;
-  shift_ = 64U - static_cast<unsigned>(__builtin_ctzll(new_count));
-  limit_ = new_count * 4 * 3 / 4;
-  used_ = 0;
-  for (std::uint64_t b = 0; b < old_count; ++b) {
-    for (const Slot& slot : old_buckets[b].slots) {
-      FrameInfoType* backtrace = slot.backtrace;
-      if (backtrace == nullptr) continue;
-      if (backtrace->references == 0) {
-        arena_.Free(backtrace);
-        continue;
-      }
-      const std::uint64_t hash = FrameKeyHash({backtrace->num_frames, backtrace->pcs()});
-      *FreeSlot(hash, slot.fingerprint) = slot;
-      ++used_;
+void BacktraceTable::Enter(Buckets& buckets, FrameInfoType* backtrace) {
+  std::uint64_t at = buckets.FirstBucket(FrameKeyHash({backtrace->num_frames, backtrace->pcs()}));
+  for (;; at = (at + Step(backtrace->fingerprint)) & buckets.mask) {
+    for (Slot& slot : buckets.buckets[at].slots) {
+      if (slot.backtrace.load(std::memory_order_relaxed) != nullptr) continue;
+      slot.fingerprint.store(backtrace->fingerprint, std::memory_order_relaxed);
+      slot.backtrace.store(backtrace, std::memory_order_release);
+      return;
     }
   }
-  table_memory::Free(old_buckets, old_count * sizeof(Bucket));
 }
 
-void BacktraceTable::Clear() {
-  table_memory::Free(buckets_, bucket_count_ * sizeof(Bucket));
-  buckets_ = nullptr;
-  bucket_count_ = 0;
-  shift_ = 0;
+std::uint64_t BacktraceTable::CountLive(const Buckets* buckets) const {
+  std::uint64_t live = 0;
+  ForEachIn(buckets, [&](const FrameInfoType* backtrace) {
+    if (backtrace->sweep == sweep_) ++live;
+  });
+  return live;
+}
+
+BacktraceTable::Buckets* BacktraceTable::MakeBuckets(std::uint64_t count) {
+  for (Buckets** link = &retired_; *link != nullptr; link = &(*link)->next_retired) {
+    Buckets* const buckets = *link;
+    if (buckets->mask != count - 1) continue;
+    *link = buckets->next_retired;
+    return buckets;
+  }
+  auto* const buckets = static_cast<Buckets*>(table_memory::Map(Buckets::Bytes(count)));
+  if (buckets == nullptr) return nullptr;
+  buckets->mask = count - 1;
+  buckets->shift = 64U - static_cast<unsigned>(__builtin_ctzll(count));
+  return buckets;
+}
+
+/// A search may be inside. It finds an empty table from now on.
+void BacktraceTable::Retire(Buckets* buckets) {
+  for (std::uint64_t b = 0; b <= buckets->mask; ++b) {
+    for (Slot& slot : buckets->buckets[b].slots) {
+      slot.backtrace.store(nullptr, std::memory_order_relaxed);
+    }
+  }
+  buckets->next_retired = retired_;
+  retired_ = buckets;
+}
+
+bool BacktraceTable::Rebuild(bool sweeps) {
+  Buckets* const old = buckets_.load(std::memory_order_relaxed);
+  const std::uint64_t live = sweeps ? CountLive(old) : used_;
+  // Sweeping alone makes room when at least half of the backtraces go.
+  const std::uint64_t count =
+      old == nullptr ? kFirstBuckets : (live * 2 > used_ ? (old->mask + 1) * 2 : old->mask + 1);
+  Buckets* const fresh = MakeBuckets(count);
+  if (fresh == nullptr) return false;
+  used_ = live;
+  ForEachIn(old, [&](FrameInfoType* backtrace) {
+    if (!sweeps || backtrace->sweep == sweep_) Enter(*fresh, backtrace);
+  });
+  // In this order: a search that began in the new epoch finds none of the dropped backtraces, and
+  // their memory is not used again before that epoch.
+  buckets_.store(fresh, std::memory_order_seq_cst);
+  epoch_.fetch_add(1, std::memory_order_seq_cst);
+  if (sweeps) {
+    ForEachIn(old, [&](FrameInfoType* backtrace) {
+      if (backtrace->sweep != sweep_) arena_.Free(backtrace);
+    });
+  }
+  if (old != nullptr) Retire(old);
+  return true;
+}
+
+bool BacktraceTable::TryClear() {
+  if (!lock_.try_lock()) return false;
+  // In this order, as in Rebuild.
+  Buckets* const old = buckets_.exchange(nullptr, std::memory_order_seq_cst);
+  epoch_.fetch_add(1, std::memory_order_seq_cst);
+  if (old != nullptr) Retire(old);
   used_ = 0;
-  limit_ = 0;
-  size_ = 0;
   next_index_ = kFirstIndex;
-  arena_.Clear();
+  arena_.Reset();
+  lock_.unlock();
+  return true;
 }

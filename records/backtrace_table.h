@@ -1,24 +1,33 @@
-// The shared backtraces of one set: key -> backtrace, each stored once and reference-counted.
+// The shared backtraces: each stored once, whatever the set of the blocks that carry it.
 //
-// A stack is met once in every set, and with few live blocks it dies and comes back all the time.
-// So a backtrace whose last reference goes keeps its place in the table, without being counted, and
-// is only swept out when the table is rebuilt; coming back it gets a new hash index, as a new one
-// would. Callers hold the set's frame lock, but where noted.
+// A known backtrace is found without a lock and without a write, so that its lines stay in the
+// caches of all processors. There are no reference counts: when the table is full, a walk through
+// all records finds the backtraces in use, and the others are swept out.
+//
+// A search during a sweep or a clear may give a wrong answer. The thread notices it by the changed
+// `epoch` once it holds the lock of its page.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
+
+#include "records/set_mutex.h"
 
 /// A shared backtrace: this head with its pcs right behind it, together in as few cache lines as
-/// they need (two for 12 frames). Shared means by all live blocks of one set with the same pcs.
+/// they need (two for 12 frames).
 struct FrameInfoType {
-  /// Live records that carry this backtrace; 0: dead, waiting to be swept or to come back.
-  std::uint64_t references;
-  std::uint64_t hash_index;
   std::uint64_t fingerprint;
+  /// Number of the backtrace. Not used again before the next clear.
+  std::uint64_t hash_index;
   std::uint32_t num_frames;
-  /// Of the report that is being grouped: where this backtrace's notes are, plus 1; else 0.
+  /// Its location in the arena. Never 0.
+  std::uint32_t location;
+  /// Used by a report: the index of this backtrace's notes, plus 1; else 0.
   std::uint32_t report_note;
+  /// Number of the last sweep that found a record of it.
+  std::uint32_t sweep;
 
   /// The pcs, num_frames of them, innermost first.
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
@@ -40,9 +49,11 @@ inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
   return hash;
 }
 
-/// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: it is asked
-/// of keys with equal fingerprints, which are equal.
-inline bool FrameKeyEqual(const FrameKeyType& a, const FrameKeyType& b) {
+/// Equality of keys: same length, every pc equal. No early exit and two pcs at a time: keys with
+/// equal fingerprints are almost always equal. Not for ThreadSanitizer, see
+/// BacktraceTable::LocationOf.
+__attribute__((no_sanitize("thread"))) inline bool FrameKeyEqual(const FrameKeyType& a,
+                                                                 const FrameKeyType& b) {
   using Pair = std::uint64_t __attribute__((vector_size(16), aligned(8), may_alias));
   if (a.num_frames != b.num_frames) return false;
   Pair difference = {0, 0};
@@ -77,47 +88,43 @@ inline std::uint64_t FrameFingerprint(const FrameKeyType& key) {
   return fold(sum, kFactorStep);
 }
 
-/// Memory of one set's backtraces: pieces of whole cache lines, cut from chunks.
+/// Memory of the backtraces: pieces of whole cache lines, cut from chunks of one size. The location
+/// of a piece is its line number, counted over all chunks.
 class BacktraceArena {
  public:
-  BacktraceArena() = default;
-  ~BacktraceArena() { Clear(); }
-  BacktraceArena(const BacktraceArena&) = delete;
-  BacktraceArena& operator=(const BacktraceArena&) = delete;
-
-  /// Room for a backtrace of `num_frames` pcs, contents undefined; null when there is none.
+  /// Room for a backtrace of `num_frames` pcs, with its location set; null when there is no memory.
   FrameInfoType* Allocate(std::uint64_t num_frames);
-  /// Bytes of the chunk that is needed before Allocate(num_frames) has room; 0 when it has.
-  std::size_t MissingBytes(std::uint64_t num_frames);
-  /// Adds a chunk: `bytes` bytes from table_memory.
-  void Extend(void* memory, std::size_t bytes);
-  /// Takes back `backtrace` for later use.
+  /// Frees `backtrace`; its memory serves later backtraces.
   void Free(FrameInfoType* backtrace);
-  /// Releases everything.
-  void Clear();
+  /// Frees everything and gives the memory back to the kernel; the addresses stay mapped.
+  void Reset();
+  /// The backtrace at `location`, which Allocate has set.
+  FrameInfoType* At(std::uint32_t location) const {
+    return reinterpret_cast<FrameInfoType*>(chunks_[location / kLinesOfChunk] +
+                                            location % kLinesOfChunk * kLineBytes);
+  }
 
  private:
   struct FreePiece {
+    std::uint64_t unused;  // a search may read it as a fingerprint
     FreePiece* next;
-    std::uint64_t lines;
-  };
-  struct Chunk {
-    Chunk* next;
-    std::size_t bytes;
+    std::uint32_t lines;
+    std::uint32_t location;
   };
 
-  /// Free pieces by their number of cache lines; the first list holds all longer ones.
+  static constexpr std::size_t kLineBytes = 64;
+  static constexpr std::uint32_t kLinesOfChunk = 4096;
+  /// Readable bytes behind each chunk: a search may read the pcs of a backtrace that was freed.
+  static constexpr std::size_t kTailBytes = 16384;
+  static constexpr std::size_t kMaxChunks = std::size_t{1} << 16;
+  /// Free pieces by their number of lines; the first list holds all longer ones.
   static constexpr std::size_t kLists = 16;
 
-  /// The link to a free piece of `lines` cache lines; null when there is none.
-  FreePiece** FindPiece(std::uint64_t lines);
-  bool ChunkHasRoom(std::size_t bytes) const {
-    return chunks_ != nullptr && chunks_->bytes - used_ >= bytes;
-  }
-
   FreePiece* free_[kLists] = {};
-  Chunk* chunks_ = nullptr;
-  std::size_t used_ = 0;
+  std::uint32_t chunk_count_ = 0;
+  /// The first line that was never used. Location 0 is not used.
+  std::uint32_t next_line_ = 1;
+  char* chunks_[kMaxChunks] = {};
 };
 
 class BacktraceTable {
@@ -125,95 +132,123 @@ class BacktraceTable {
   /// First hash index handed out; smaller ones never name a backtrace.
   static constexpr std::uint64_t kFirstIndex = 2;
 
-  BacktraceTable() = default;
-  ~BacktraceTable() { Clear(); }
-  BacktraceTable(const BacktraceTable&) = delete;
-  BacktraceTable& operator=(const BacktraceTable&) = delete;
+  enum class Result { kDone, kFull, kNoMemory };
 
-  /// The backtrace of `key` with one more reference, made when it is not there. `hash` and
-  /// `fingerprint` are the key's. Null when it is not there and has no room: see MissingBytes.
-  FrameInfoType* Acquire(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) {
-    FrameInfoType* const found = Find(key, hash, fingerprint);
-    if (found == nullptr) return Insert(key, hash, fingerprint);
-    if (found->references++ == 0) {
-      found->hash_index = next_index_++;
-      ++size_;
-    }
-    return found;
-  }
+  /// Raised by every sweep and every clear, after the dropped backtraces can no longer be found and
+  /// before their memory is used again.
+  std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
-  /// Drops one reference; the last one ends the backtrace.
-  void Release(FrameInfoType* backtrace) {
-    if (--backtrace->references == 0) --size_;
-  }
-
-  /// Bytes of memory that the table needs before it takes another backtrace of `num_frames` pcs; 0
-  /// when it has room. It may need memory twice, for its slots and for the backtrace.
-  std::size_t MissingBytes(std::uint64_t num_frames);
-  /// Takes `memory`: `bytes` bytes from table_memory, as many as MissingBytes has just returned.
-  void Extend(void* memory, std::size_t bytes);
-
-  /// Empties the table and starts hash indexes anew.
-  void Clear();
-
-  /// Backtraces with at least one reference.
-  std::uint64_t size() const { return size_; }
-  /// Calls `visit(FrameInfoType*)` for every backtrace with a reference.
-  template <typename Visitor>
-  void ForEach(Visitor visit) const {
-    for (std::uint64_t b = 0; b < bucket_count_; ++b) {
-      for (const Slot& slot : buckets_[b].slots) {
-        if (slot.backtrace != nullptr && slot.backtrace->references != 0) visit(slot.backtrace);
+  /// The location of the backtrace of `key`, 0 when it is not there. `hash` and `fingerprint` are
+  /// the key's. Takes no lock.
+  std::uint32_t Find(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) const {
+    const Buckets* const buckets = buckets_.load(std::memory_order_acquire);
+    if (buckets == nullptr) return 0;
+    std::uint64_t at = buckets->FirstBucket(hash);
+    for (std::uint64_t probes = 0; probes <= buckets->mask; ++probes) {
+      for (const Slot& slot : buckets->buckets[at].slots) {
+        const FrameInfoType* const found = slot.backtrace.load(std::memory_order_acquire);
+        if (found == nullptr) return 0;
+        if (slot.fingerprint.load(std::memory_order_relaxed) != fingerprint) continue;
+        const std::uint32_t location = LocationOf(found, key);
+        if (location != 0) return location;
       }
+      at = (at + Step(fingerprint)) & buckets->mask;
     }
+    return 0;
   }
+
+  /// Finds the backtrace of `key`, or adds it, and sets `*location`. kFull: the caller must call
+  /// Grow first. Takes the table's lock.
+  Result FindOrAdd(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
+                   std::uint32_t* location);
+
+  /// The backtrace at the location that a record has. The caller holds the lock of the record's
+  /// page or keeps operations out.
+  FrameInfoType* At(std::uint32_t location) const { return arena_.At(location); }
+
+  /// Makes room. `mark_live(std::uint32_t sweep)` writes its argument into every backtrace that a
+  /// record has; `records` is the approximate number of records. The caller keeps all record
+  /// operations out. False when there is no memory.
+  template <typename MarkLive>
+  bool Grow(std::uint64_t records, MarkLive mark_live) {
+    const std::lock_guard<SetMutex> guard(lock_);
+    if (HasRoom()) return true;
+    // A sweep costs a walk through all records. It begins when there is at least one backtrace for
+    // eight records.
+    const bool sweeps = used_ >= kLeastToSweep && used_ >= records / 8;
+    if (sweeps) mark_live(++sweep_);
+    return Rebuild(sweeps);
+  }
+
+  /// Empties the table and restarts hash indexes. Waits for no lock: false, with nothing changed,
+  /// when a thread is inside.
+  bool TryClear();
 
  private:
   struct Slot {
-    std::uint64_t fingerprint;
-    FrameInfoType* backtrace;
+    std::atomic<std::uint64_t> fingerprint;
+    std::atomic<FrameInfoType*> backtrace;
   };
   /// One cache line of slots, filled from the front.
   struct alignas(64) Bucket {
     Slot slots[4];
   };
+  /// A power of two of buckets, at most 3/4 full.
+  struct Buckets {
+    std::uint64_t mask;
+    unsigned shift;
+    Buckets* next_retired;
+    Bucket buckets[1];
 
-  std::uint64_t HomeBucket(std::uint64_t hash) const {
-    // Fibonacci hashing; bucket_count_ is a power of two.
-    return (hash * 0x9E3779B97F4A7C15U) >> shift_;
-  }
-  /// How far a search goes on from a full bucket. The hash covers five pcs and cancels those that
-  /// stand in another order, so many keys share a home; the fingerprint sends each on its own way.
+    std::uint64_t FirstBucket(std::uint64_t hash) const {
+      // Fibonacci hashing.
+      return (hash * 0x9E3779B97F4A7C15U) >> shift;
+    }
+    static std::size_t Bytes(std::uint64_t count) {
+      return sizeof(Buckets) + (count - 1) * sizeof(Bucket);
+    }
+  };
+
+  static constexpr std::uint64_t kFirstBuckets = 64;
+  static constexpr std::uint64_t kLeastToSweep = 1024;
+
+  /// Distance from a full bucket to the next one of the search. The hash covers five pcs in any
+  /// order, so many keys share a first bucket; the fingerprint spreads them from there.
   static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
-  FrameInfoType* Find(const FrameKeyType& key, std::uint64_t hash,
-                      std::uint64_t fingerprint) const {
-    if (bucket_count_ == 0) return nullptr;
-    for (std::uint64_t bucket = HomeBucket(hash);;
-         bucket = (bucket + Step(fingerprint)) & (bucket_count_ - 1)) {
-      for (const Slot& slot : buckets_[bucket].slots) {
-        FrameInfoType* const found = slot.backtrace;
-        if (found == nullptr) return nullptr;
-        if (slot.fingerprint == fingerprint &&
-            FrameKeyEqual(key, {found->num_frames, found->pcs()})) {
-          return found;
-        }
+
+  /// The location of `backtrace` if that has this key, else 0. Not for ThreadSanitizer: a sweep may
+  /// free the backtrace meanwhile, see `epoch`.
+  __attribute__((no_sanitize("thread"))) static std::uint32_t LocationOf(
+      const FrameInfoType* backtrace, const FrameKeyType& key) {
+    return FrameKeyEqual(key, {backtrace->num_frames, backtrace->pcs()}) ? backtrace->location : 0;
+  }
+  bool HasRoom() const {
+    const Buckets* const buckets = buckets_.load(std::memory_order_relaxed);
+    return buckets != nullptr && used_ < (buckets->mask + 1) * 3;
+  }
+  template <typename Visitor>
+  static void ForEachIn(const Buckets* buckets, Visitor visit) {
+    for (std::uint64_t b = 0; buckets != nullptr && b <= buckets->mask; ++b) {
+      for (const Slot& slot : buckets->buckets[b].slots) {
+        FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
+        if (found != nullptr) visit(found);
       }
     }
   }
-  FrameInfoType* Insert(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint);
-  /// The free slot where a key that is not in the table belongs.
-  Slot* FreeSlot(std::uint64_t hash, std::uint64_t fingerprint);
-  std::uint64_t NextBucketCount() const;
-  /// Moves the backtraces to `fresh` and drops those without references.
-  void Rebuild(Bucket* fresh, std::uint64_t new_count);
+  bool Rebuild(bool sweeps);
+  std::uint64_t CountLive(const Buckets* buckets) const;
+  Buckets* MakeBuckets(std::uint64_t count);
+  void Retire(Buckets* buckets);
+  static void Enter(Buckets& buckets, FrameInfoType* backtrace);
 
-  Bucket* buckets_ = nullptr;
-  std::uint64_t bucket_count_ = 0;
-  unsigned shift_ = 0;
-  /// Slots in use, dead backtraces included, and how many of them may be.
+  SetMutex lock_;
+  std::atomic<std::uint32_t> epoch_{0};
+  std::atomic<Buckets*> buckets_{nullptr};
+  /// Empty ones, for a table of the same size: readers may be inside.
+  Buckets* retired_ = nullptr;
+  /// Backtraces in the table.
   std::uint64_t used_ = 0;
-  std::uint64_t limit_ = 0;
-  std::uint64_t size_ = 0;
-  std::uint64_t next_index_ = kFirstIndex;  // of hash indices, which only grow until Clear
+  std::uint64_t next_index_ = kFirstIndex;
+  std::uint32_t sweep_ = 0;
   BacktraceArena arena_;
 };

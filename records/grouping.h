@@ -1,6 +1,6 @@
 // Groups of live blocks that share size, zygote mark and pcs, found in one pass over all sets.
 //
-// The scan of a list for every record is replaced by an index; groups come out in the same order.
+// The scan of a list for every record is replaced by an index.
 // Used by the leak-info export and the report, on the dump thread or the one that asks.
 #pragma once
 
@@ -8,50 +8,54 @@
 #include <cstdint>
 #include <vector>
 
-#include "records/PointerSet.h"
+#include "records/record_store.h"
+#include "records/record_types.h"
 
 class Grouping {
  public:
   /// Adds to `list`, whose elements so far take part as groups. Records without a backtrace are
-  /// left out. The caller holds every pointer and frame lock for as long as this object lives, and
-  /// its thread is marked.
+  /// left out. The caller keeps record operations out for as long as this object lives, and the
+  /// thread's record key is set.
   explicit Grouping(std::vector<ListInfoType>* list);
 
-  /// Adds the records of all sets, in set order. Logs what it must leave out.
+  /// Adds all records. Logs what it must leave out.
   void AddAllSets();
 
-  /// Appends the allocation times that the backtrace of group `i` has in its set to `times`,
-  /// at most PointerData::kMaxTimes of them.
-  void CopyTimes(std::size_t i, std::vector<std::int64_t>* times) const;
+  /// Appends the allocation times that the backtrace of group `i` has in the first set with a
+  /// member of the group to `times`, at most PointerData::kMaxTimes of them. Intentional: these may
+  /// be times of blocks of other sizes.
+  void CopyTimes(std::size_t i, std::vector<std::int64_t>* times);
 
  private:
-  /// What is noted about a backtrace that has been met. FrameInfoType::report_note leads here; as
-  /// it is never reset, a note counts only when it names the backtrace in turn.
-  struct Note {
+  /// The allocation times of one backtrace in one set, of at most PointerData::kMaxTimes members.
+  struct TimeList {
     const FrameInfoType* backtrace;
-    /// The group that its last record fell into.
-    std::uint64_t last_size_word;
-    std::uint32_t last_group;
-    std::uint32_t time_count;
-    std::uint32_t first_time;
-    std::uint32_t last_time;
+    std::uint32_t set;
+    /// The next list of the same backtrace, plus 1; else 0.
+    std::uint32_t next_list;
+    std::uint32_t count;
+    std::uint32_t first;
+    std::uint32_t last;
   };
-  /// Times of one backtrace, chained in the order in which they were met.
+  /// One time of a list, chained in the order in which they were met.
   struct TimeNode {
     std::int64_t time;
     std::uint32_t next;
   };
 
-  void AddSet(PointerSet* set);
-  void AddRecord(const Record& record, FrameInfoType* backtrace);
-  Note* NoteOf(FrameInfoType* backtrace);
-  const Note* FindNote(const FrameInfoType* backtrace) const;
-  void AddTime(Note* note, std::int64_t time);
-  std::uint32_t FindOrAddGroup(const Record& record, FrameInfoType* backtrace);
+  void AddRecord(std::uint64_t address, const Record& record);
+  void CollectTimes();
+  std::uint32_t FindOrAddGroup(std::uint64_t address, const Record& record,
+                               FrameInfoType* backtrace, std::uint32_t set);
+  void WantTimes(FrameInfoType* backtrace, std::uint32_t set);
+  TimeList* FindTimes(const FrameInfoType* backtrace, std::uint32_t set);
+  void AddTime(TimeList* list, std::int64_t time);
   void GrowIndex();
 
   std::vector<ListInfoType>& list_;
-  std::vector<Note> notes_;
+  /// The lowest set that has a member, for each group.
+  std::vector<std::uint32_t> first_sets_;
+  std::vector<TimeList> time_lists_;
   std::vector<TimeNode> times_;
   /// Open addressing over list_: index + 1, 0 for a free slot; a power of two.
   std::vector<std::uint32_t> index_;

@@ -16,32 +16,33 @@ inline std::size_t UsableSize(const void* pointer) {
   return MemTrackControl::GetInstance()->dispatch()->malloc_usable_size(pointer);
 }
 
-/// The size that decides the class: the usable size of a heap block, for the other kinds the size
-/// as given. The kind is the one in force now, not the one the record was made under.
+/// The size that decides the class of a heap block: the usable size while the heap is the kind in
+/// force, else the size as given. The kind is the one in force now, not the one that the record was
+/// made under.
 inline std::size_t ClassSize(const void* pointer, std::size_t size) {
   return MemTrackControl::GetMemTrackType() == MemTrackType::NATIVE ? UsableSize(pointer) : size;
 }
 
-/// Starts to fetch the lines where a record of `address` may stand, one for each class of its
-/// shard. Asking the C library for a block's size means waiting for the block's own header, which
-/// is as cold as the record; this has both arrive together.
-inline void PrefetchRecord(const PointerSet* sets, std::uint64_t address) {
+/// A set, null for none, and the number of its size class.
+struct SetChoice {
+  PointerSet* set;
+  std::uint32_t size_class;
+};
+
+/// Number of the set of `address` and `size_class`: 512-byte stripes of the address space go to the
+/// shards in turn.
+inline std::uint64_t SetNumber(std::uint64_t address, std::uint32_t size_class) {
   const std::uint64_t shard =
       address / (4096 / PointerData::kShardCount) % PointerData::kShardCount;
-  const PointerSet* const first = sets + shard * PointerData::kSizeClasses;
-  for (std::uint64_t i = 0; i < PointerData::kSizeClasses; ++i) {
-    first[i].pointers.Prefetch(address);
-  }
+  return shard * PointerData::kSizeClasses + size_class;
 }
 
-/// The set of `address` and `class_size`: 512-byte stripes of the address space go to the shards
-/// in turn. Null when there are no sets or the class size is 2^64-1, which has no class.
-inline PointerSet* SelectSet(PointerSet* sets, std::uint64_t address, std::uint64_t class_size) {
-  if (sets == nullptr || class_size == UINT64_MAX) return nullptr;
-  const std::uint64_t size_class =
-      static_cast<std::uint64_t>(class_size >= 32) + static_cast<std::uint64_t>(class_size >= 40) +
-      static_cast<std::uint64_t>(class_size >= 80) + static_cast<std::uint64_t>(class_size >= 128);
-  const std::uint64_t shard =
-      address / (4096 / PointerData::kShardCount) % PointerData::kShardCount;
-  return sets + shard * PointerData::kSizeClasses + size_class;
+/// The set of `address` and `class_size`; none when there are no sets or the class size is 2^64-1,
+/// which has no class.
+inline SetChoice SelectSet(PointerSet* sets, std::uint64_t address, std::uint64_t class_size) {
+  if (sets == nullptr || class_size == UINT64_MAX) return {nullptr, 0};
+  const std::uint32_t size_class =
+      static_cast<std::uint32_t>(class_size >= 32) + static_cast<std::uint32_t>(class_size >= 40) +
+      static_cast<std::uint32_t>(class_size >= 80) + static_cast<std::uint32_t>(class_size >= 128);
+  return {sets + SetNumber(address, size_class), size_class};
 }

@@ -1,28 +1,75 @@
-// Memory of the record tables, in zeroed blocks.
+// Memory of the record tables.
 //
 // It comes from the kernel. The C library's allocator is the last resort: it would count the tables
-// among the program's own blocks, and freeing large blocks changes how a heap grows. It must not be
-// called under a lock of the record store either: malloc_disable takes the allocator's lock first
-// and the store's locks after it.
+// among the program's own blocks. It is asked when no lock of the store is held, since
+// malloc_disable takes the allocator's lock before those.
+//
+// Nothing is ever unmapped: tables are read without locks, and a reader may still look at a block
+// that was given back.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+
+#include "records/set_mutex.h"
 
 namespace table_memory {
 
 inline constexpr std::size_t kCacheLine = 64;
 
-/// `bytes` zeroed bytes, aligned to a page; null when the kernel has none. Keeps errno. Any thread,
-/// under any lock.
-void* FromKernel(std::size_t bytes);
-/// `bytes` zeroed bytes, aligned to a cache line; null when the C library's allocator has none.
-/// Keeps errno. Any thread that holds no lock of the record store.
-void* FromAllocator(std::size_t bytes);
-/// Takes back `bytes` bytes from either of the two; null is fine. What came from the C library's
-/// allocator goes back there with the next FreeWaiting. Keeps errno. Any thread, under any lock.
-void Free(void* memory, std::size_t bytes);
-/// Returns the blocks that wait for it to the C library's allocator. Keeps errno. Any thread that
-/// holds no lock of the record store.
-void FreeWaiting();
+/// `bytes` zeroed bytes, aligned to a cache line, for the life of the process. Null when there is
+/// no memory; then RefillFromHeap may help. Keeps errno. Any thread, under any lock of the store.
+void* Map(std::size_t bytes);
+
+/// Asks the C library's allocator for the memory that the last failed Map lacked; a later Map gets
+/// it. False when there is none. Keeps errno. The caller holds no lock of the store and is not
+/// inside the allocator, as a hooked call may be.
+bool RefillFromHeap();
+
+/// Zeroes `bytes` bytes that Map has returned and gives whole pages of them back to the kernel.
+/// Keeps errno. Any thread.
+void Zero(void* memory, std::size_t bytes);
+
+/// Blocks of a power of two bytes, cut from chunks. Any thread; keeps errno. The caller may hold
+/// the pool's lock over several calls of the functions named so.
+class Pool {
+ public:
+  /// `bytes` zeroed bytes, rounded up to a power of two of at least 32. Null when there is no
+  /// memory. Takes the pool's lock.
+  void* Allocate(std::size_t bytes);
+  /// Takes back what Allocate(bytes) returned. Takes the pool's lock.
+  void Free(void* block, std::size_t bytes);
+
+  /// The pool's lock.
+  bool try_lock() { return lock_.try_lock(); }
+  void lock() { lock_.lock(); }
+  void unlock() { lock_.unlock(); }
+  /// As Free, under the pool's lock.
+  void FreeLocked(void* block, std::size_t bytes);
+  /// Takes back every block and gives the pages back to the kernel; the addresses stay mapped.
+  /// Under the pool's lock.
+  void ResetLocked();
+
+ private:
+  struct Chunk {
+    Chunk* next;
+    std::size_t bytes;
+    /// Bytes handed out, this head included.
+    std::size_t used;
+  };
+  struct FreeBlock {
+    FreeBlock* next;
+  };
+  static constexpr unsigned kSmallestLog2 = 5;
+  static constexpr unsigned kSizes = 32;
+
+  void* Cut(std::size_t bytes);
+
+  SetMutex lock_;
+  /// Every chunk; Cut takes from the first one that has room, from `current_` on.
+  Chunk* chunks_ = nullptr;
+  Chunk* current_ = nullptr;
+  FreeBlock* free_[kSizes] = {};
+};
 
 }  // namespace table_memory

@@ -7,32 +7,14 @@
 #include <new>
 
 #include "async_safe/log.h"
-#include "platform/thread_keys.h"
 
 std::atomic<std::uint32_t> mem_track_type{NATIVE};
-ThreadMark record_key;
+ThreadMark record_key{2};
 std::atomic<bool> is_plt_hook{false};
 std::atomic<std::uint32_t> signal_bt_size{0};
 std::atomic<std::uint32_t> signal_bt_type{0};
 
 std::atomic<MemTrackControl*> MemTrackControl::instance_{nullptr};
-
-int ThreadMark::Create() {
-  pthread_key_t key = kNoKey;
-  const int error = pthread_key_create(&key, nullptr);
-  if (error == 0) key_.store(key, std::memory_order_relaxed);
-  return error;
-}
-
-bool ThreadMark::SetNeverAllocates() const {
-  return platform::ThreadKeyNeverAllocates(key_.load(std::memory_order_relaxed));
-}
-
-void ThreadMark::Delete() {
-  // Before the key goes: a deleted one reads as null, which would mean that the thread may record.
-  const pthread_key_t key = key_.exchange(kNoKey, std::memory_order_relaxed);
-  if (key != kNoKey) pthread_key_delete(key);
-}
 
 MemTrackControl* MemTrackControl::CreateInstance() {
   MemTrackControl* instance = GetInstance();
@@ -57,13 +39,6 @@ bool MemTrackControl::DebugDisableInit() {
                             std::strerror(error));
       return false;
     }
-  }
-  for (const ThreadMark* mark : {&debug_disable_key_, &plt_disable_key_, &record_key}) {
-    if (mark->SetNeverAllocates()) continue;
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
-                          "thread key comes too late: setting it would allocate");
-    DeleteKeys();
-    return false;
   }
   return true;
 }

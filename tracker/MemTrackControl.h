@@ -4,51 +4,14 @@
 // entry on every thread and by the record store. A leaf: it includes only the platform.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstdint>
 
 #include "private/bionic_malloc_dispatch.h"
+#include "system/ThreadMark.h"
 
 /// What is being tracked: the value of `mem_track_type`.
 enum MemTrackType : std::uint32_t { NATIVE = 0, MMAP = 1, ION = 2, GPU = 3 };
-
-/// A mark that every thread sets for itself alone: a thread-specific value, null at first.
-///
-/// Get and Set may run on any thread and in any context. While there is no key, which is before
-/// Create and after Delete, every thread counts as marked and nothing is written: the number of a
-/// deleted key may belong to another library.
-class ThreadMark {
- public:
-  /// The usual mark: the thread is inside the tracker.
-  static inline void* const kInside = reinterpret_cast<void*>(1);
-
-  /// The calling thread's mark or null; kInside while there is no key.
-  void* Get() const {
-    const pthread_key_t key = key_.load(std::memory_order_relaxed);
-    return key != kNoKey ? pthread_getspecific(key) : kInside;
-  }
-  /// Sets the calling thread's mark; null removes it.
-  void Set(void* mark) const {
-    // The C library refuses kNoKey.
-    pthread_setspecific(key_.load(std::memory_order_relaxed), mark);
-  }
-
-  /// Makes the key, without a destructor. Returns 0 or an errno value. Only from track_initialize.
-  int Create();
-  /// Whether Set never allocates, on any thread. After Create.
-  bool SetNeverAllocates() const;
-  /// Deletes the key if there is one. Only from track_initialize and track_finalize.
-  void Delete();
-
- private:
-  /// No key of either C library: bionic's are negative numbers near the smallest, glibc's are
-  /// below 1024.
-  static constexpr pthread_key_t kNoKey = 0x7FFFFFFF;
-
-  std::atomic<pthread_key_t> key_{kNoKey};
-};
 
 /// The kind in force. Written by the control signal's handler alone.
 extern std::atomic<std::uint32_t> mem_track_type;
@@ -88,11 +51,10 @@ class MemTrackControl {
   /// Whether a PLT hook is installed. Any thread, any context.
   static bool IsPltHook() { return is_plt_hook.load(std::memory_order_relaxed); }
 
-  /// Clears the four switches and creates the three thread keys. False, logged, when a key cannot
-  /// be created, and then keys made so far stay, or when setting one would allocate. Only from
-  /// track_initialize.
+  /// Clears the four switches and creates the three thread marks. False, logged, when one cannot be
+  /// created; marks made so far stay. Only from track_initialize.
   bool DebugDisableInit();
-  /// Deletes the three keys: no thread records from here on. Only from track_initialize and
+  /// Deletes the three marks: no thread records from here on. Only from track_initialize and
   /// track_finalize.
   void DeleteKeys();
 
@@ -140,10 +102,10 @@ class MemTrackControl {
   std::atomic<Tracker> trackers_[kTrackerSlots] = {};
   bool* zygote_child_ = nullptr;
   const MallocDispatch* dispatch_ = nullptr;
-  ThreadMark debug_disable_key_;
+  ThreadMark debug_disable_key_{0};
   std::atomic<bool> hook_start_{false};
   std::atomic<bool> hook_ever_started_{false};
-  ThreadMark plt_disable_key_;
+  ThreadMark plt_disable_key_{1};
   std::atomic<bool> plt_hook_start_{false};
   std::atomic<bool> plt_hook_ever_started_{false};
 };

@@ -43,7 +43,8 @@ def platform_headers():
     check(len(sources) > 20, "the sources were not found")
     flags = ["-std=c++17", "-Wall", "-Wextra", "-Wshadow", "-Wconversion", "-Werror", "-DANDROID",
              "-fsyntax-only", f"-I{SOURCE}/tests/android/platform_headers", f"-I{SOURCE}",
-             f"-I{SOURCE}/arch/x86_64/include", "-isystem", headers]
+             f"-I{SOURCE}/arch/x86_64/include", f"-I{SOURCE}/platform/android/include",
+             "-isystem", headers]
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for file, result in zip(sources, pool.map(lambda file: run(CXX, *flags, file), sources)):
             check(result.returncode == 0, f"{file}:\n{result.stdout}")

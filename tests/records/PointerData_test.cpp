@@ -1,13 +1,16 @@
-// The record store's locks, and what an export leaves out. See store_model_test.cpp for the rest.
+// The record store under threads: clears, reports, sweeps, pauses and forks while others allocate.
+// See store_model_test.cpp for the rest.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <random>
 #include <thread>
 
 #include "platform/fork_policy.h"
+#include "records/record_store.h"
 #include "records/report_text.h"
 #include "tests/records/fake_capture.h"
 
@@ -15,40 +18,132 @@ namespace {
 
 class PointerDataTest : public RecordStoreTest {
  protected:
+  static bool IsFree(SetMutex& mutex) { return mutex.try_lock() && (mutex.unlock(), true); }
+  /// The locks that a fork takes.
+  static bool AllLocksFree() {
+    bool free = true;
+    for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
+      PointerSet& set = PointerData::sets()[i];
+      free =
+          free && IsFree(set.spare_mutex) && IsFree(set.pointer_mutex) && IsFree(set.frame_mutex);
+    }
+    RecordPages::ForEach([&free](std::uint64_t /*address*/, const RecordPage& page) {
+      free = free && !page.IsLocked();
+    });
+    return free;
+  }
   void Export() {
     list_.clear();
     PointerData::GetInfo(nullptr, &overall_, &info_, &total_, &frames_, &list_);
   }
   std::size_t overall_ = 0, info_ = 0, total_ = 0, frames_ = 0;
   std::vector<RecordStruct> list_;
+
+  /// Threads that add and remove blocks of 100 bytes until it is destroyed. Each leaves one block
+  /// of each of its addresses that are 5 modulo 7. Stacks have 3 pcs, the middle one is 1, and
+  /// there are `stacks` of them; when they are few, some blocks have Java-native frames too.
+  class Churn {
+   public:
+    Churn(PointerData& data, unsigned threads, std::uint64_t stacks) {
+      for (std::uint64_t t = 0; t < threads; ++t) {
+        threads_.emplace_back([this, &data, t, stacks] {
+          std::mt19937_64 random(t);
+          while (!stop_) {
+            const std::uint64_t n = random() % 2000;
+            // Blocks of two threads lie side by side.
+            const void* block = At((n * 2 + t) * 16);
+            CurrentScript() = {{random() % stacks, 1, 2}, {}, 16 + n % 150};
+            if (n % 3 == 0 && stacks < 10) CurrentScript().java_frames.resize(1 + random() % 3);
+            data.Add(block, 100);
+            if (n % 7 != 5) data.Remove(block, 0);
+          }
+        });
+      }
+    }
+    ~Churn() {
+      stop_ = true;
+      for (std::thread& thread : threads_) thread.join();
+    }
+
+   private:
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
+  };
 };
 
-TEST_F(PointerDataTest, AForkedChildFindsTheLocksFree) {
-  PointerSet& set = SetOf(0x1000, 64);
-  const auto is_free = [](SetMutex& mutex) { return mutex.try_lock() && (mutex.unlock(), true); };
-  const auto frees_own = [&set, is_free] {
-    return is_free(set.spare_mutex) && is_free(set.pointer_mutex) && is_free(set.frame_mutex);
-  };
-  // Others hold these three at the fork; whether the child frees them is the platform's policy.
+TEST_F(PointerDataTest, ClearsReportsAndPausesWhileThreadsAllocate) {
+  {
+    const Churn churn(data_, 2, 8);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
+      if (i % 3 == 0) data_.Initialize();
+      if (i % 5 == 0) control_->ConfigHookStatus(false, true);
+      Export();
+      for (const RecordStruct& record : list_) {
+        ASSERT_EQ(record.frames.size(), 3U);
+        ASSERT_EQ(record.frames[1], 1U);
+      }
+      std::uintptr_t frames[4] = {};
+      const std::size_t count = PointerData::GetFrames(At(5 * 32), frames, 4);
+      ASSERT_TRUE(count == 0 || (count == 3 && frames[1] == 1)) << count;
+      control_->ConfigHookStatus(true, true);
+      const std::lock_guard<SetMutex> no_clear(InitialiseLock());
+      ReportText text;
+      PointerData::ReportJavaNativeNodes(text);
+    }
+  }
+  data_.Initialize();
+  Export();
+  EXPECT_TRUE(list_.empty());
+}
+
+TEST_F(PointerDataTest, SweepsKeepWhatRecordsCarry) {
+  Add(0x7000000, 64, {77, 78});
+  {
+    // Every stack is new, so the table is swept again and again.
+    const Churn churn(data_, 2, std::uint64_t{1} << 40);
+    const std::uint32_t first = record_store::backtraces.epoch();
+    while (record_store::backtraces.epoch() < first + 20) usleep(1000);
+  }
+  std::uintptr_t frames[4] = {};
+  ASSERT_EQ(PointerData::GetFrames(At(0x7000000), frames, 4), 2U);
+  EXPECT_EQ(frames[1], 78U);
+  CurrentScript().usable_size = 16 + 5;
+  ASSERT_EQ(PointerData::GetFrames(At(5 * 32), frames, 4), 3U);
+  EXPECT_EQ(frames[1], 1U);
+}
+
+TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {
+  Add(0x7000000, 64, {77, 78});
+  // Others hold these three at the fork. Whether the child frees them is the platform's policy.
+  PointerSet& set = PointerData::sets()[0];
   SetMutex* const foreign[] = {&InitialiseLock(), &set.java_pointer_mutex, &set.unwind_mutex};
   for (SetMutex* mutex : foreign) mutex->lock();
-  PointerData::PrepareFork();
-  EXPECT_FALSE(is_free(set.pointer_mutex));
-  const pid_t child = fork();
-  if (child == 0) {
-    PointerData::PostForkChild();
-    bool good = frees_own();
-    for (SetMutex* mutex : foreign) {
-      good = good && is_free(*mutex) == platform::ForkedChildFreesLocks();
+  const Churn churn(data_, 2, 5000);
+  for (int i = 0; i < 30; ++i) {
+    PointerData::PrepareFork();
+    EXPECT_FALSE(AllLocksFree());
+    const pid_t child = fork();
+    if (child == 0) {
+      // Without the locks: this thread holds them.
+      Add(0x7000040, 64, {79});
+      Remove(0x7000000, 64);
+      PointerData::PostForkChild();
+      std::uintptr_t frames[2];
+      bool works = AllLocksFree() && PointerData::GetFrames(At(0x7000000), frames, 2) == 0 &&
+                   PointerData::GetFrames(At(0x7000040), frames, 2) == 1 && frames[0] == 79;
+      for (SetMutex* mutex : foreign) {
+        works = works && IsFree(*mutex) == platform::ForkedChildFreesLocks();
+      }
+      _exit(works ? 0 : 1);
     }
-    _exit(good ? 0 : 1);
+    Add(0x7000080 + static_cast<std::uint64_t>(i) * 16, 64, {80});
+    PointerData::PostForkParent();
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
   }
-  PointerData::PostForkParent();
   for (SetMutex* mutex : foreign) mutex->unlock();
-  EXPECT_TRUE(frees_own());
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
 }
 
 TEST_F(PointerDataTest, AReaderHoldsOffWritersWhoCannotBeCancelledMeanwhile) {
@@ -68,39 +163,6 @@ TEST_F(PointerDataTest, AReaderHoldsOffWritersWhoCannotBeCancelledMeanwhile) {
   }
   adder.join();
   EXPECT_TRUE(added);
-}
-
-TEST_F(PointerDataTest, ClearStormWhileThreadsAllocate) {
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (std::uint64_t t = 0; t < 2; ++t) {
-    threads.emplace_back([&, t] {
-      std::mt19937_64 random(t);
-      while (!stop) {
-        const std::uint64_t address = (random() % 400 * 2 + t) * 16;
-        CurrentScript() = {{random() % 8, 1, 2}, {}, 16 + address % 150};
-        if (address % 3 == 0) CurrentScript().java_frames.resize(1 + random() % 3);
-        data_.Add(At(address), 16);
-        data_.Remove(At(address), 0);
-        data_.Add(At(address), 16);
-      }
-    });
-  }
-  for (int i = 0; i < 200; ++i) {
-    data_.Initialize();
-    Export();
-    for (const RecordStruct& record : list_) {
-      ASSERT_EQ(record.frames.size(), 3U);
-      ASSERT_EQ(record.frames[1], 1U);
-    }
-    const std::lock_guard<SetMutex> no_clear(InitialiseLock());
-    ReportText text;
-    PointerData::ReportJavaNativeNodes(text);
-  }
-  stop = true;
-  for (std::thread& thread : threads) thread.join();
-  data_.Initialize();
-  EXPECT_EQ(TotalRecords(), 0U);
 }
 
 TEST_F(PointerDataTest, RefusesMoreThanSixtyThousandGroups) {

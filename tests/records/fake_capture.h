@@ -3,8 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -52,24 +50,6 @@ class RecordStoreTest : public ::testing::Test {
     CurrentScript().usable_size = usable_size;
     data_.Remove(At(address), 0);
   }
-  static PointerSet& SetOf(std::uint64_t address, std::size_t class_size) {
-    return *SelectSet(PointerData::sets(), address, class_size);
-  }
-  static Record* RecordOf(std::uint64_t address, std::size_t class_size) {
-    return SetOf(address, class_size).pointers.Find(address);
-  }
-  static FrameInfoType* BacktraceOf(std::uint64_t address, std::size_t class_size) {
-    Record* record = RecordOf(address, class_size);
-    return record == nullptr ? nullptr : BacktraceRef::Backtrace(record->backtrace);
-  }
-  static std::uint64_t TotalRecords() {
-    std::uint64_t total = 0;
-    for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
-      total += PointerData::sets()[i].RecordCount();
-    }
-    return total;
-  }
-
   MemTrackControl* control_ = MemTrackControl::CreateInstance();
   MallocDispatch dispatch_{};
   alignas(4) std::uint32_t zygote_child_ = 0;

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "fakes.h"
-#include "platform/thread_keys.h"
 #include "tracker/DebugData.h"
 #include "tracker/MallocMemTrack.h"
 #include "tracker/MemTrackControl.h"
@@ -146,25 +145,6 @@ TEST_F(EntriesTest, Queries) {
   EXPECT_EQ(track_malloc_info(1, nullptr), 0) << "silent while recording";
   EXPECT_EQ(track_malloc_backtrace(fake::old_block, nullptr, 4), 3U);
   EXPECT_EQ(track_malloc_backtrace(nullptr, nullptr, 4), 0U);
-}
-
-TEST(StartAndStop, AStartWithoutThreadKeysLeavesNothingBehind) {
-  // With three keys left the last is one whose use allocates: an entry would call itself forever.
-  const bool keys_allocate = !platform::ThreadKeyNeverAllocates(1000);
-  for (std::size_t left = 0; left < (keys_allocate ? 4U : 3U); ++left) {
-    std::vector<pthread_key_t> keys;
-    pthread_key_t key = 0;
-    while (pthread_key_create(&key, nullptr) == 0) keys.push_back(key);
-    for (std::size_t i = 0; i < left; ++i, keys.pop_back()) pthread_key_delete(keys.back());
-    fake::Reset();
-    EXPECT_FALSE(Start());
-    EXPECT_EQ(MemTrackControl::GetInstance(), nullptr);
-    const char* line = left < 3 ? "E pthread_key_create failed: Resource" : "E thread key ";
-    EXPECT_EQ(fake::TakeLog().at(0).rfind(line, 0), 0U);
-    for (const pthread_key_t each : keys) pthread_key_delete(each);
-  }
-  EXPECT_TRUE(Start());
-  track_finalize();
 }
 
 TEST(StartAndStop, ClearsAndSwitchesWhileOthersAllocate) {

@@ -1,0 +1,53 @@
+// The number of records of each set, known only during a pause: a pause ends when any set is empty.
+//
+// Counting writes to a cache line that all threads share, so the store counts only during a pause.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "records/PointerData.h"
+#include "records/record_store.h"
+#include "records/set_selection.h"
+
+namespace pause_counts {
+
+/// The counts, and the generation of the records that they count; 0 while the store does not count.
+inline std::atomic<std::uint32_t> counted_generation{0};
+inline std::atomic<std::int64_t> counts[PointerData::kSetCount] = {};
+
+inline bool IsCounting() {
+  const std::uint32_t counted = counted_generation.load(std::memory_order_acquire);
+  return counted != 0 && counted == record_store::Generation();
+}
+
+/// Notes a new record of `set` (`change` 1) or a removed one (-1). Under the lock of its page.
+inline void Change(std::uint64_t set, int change) {
+  if (counted_generation.load(std::memory_order_relaxed) == 0) return;
+  counts[set].fetch_add(change, std::memory_order_relaxed);
+}
+
+/// Counts all records. The caller keeps record operations out.
+inline void Start() {
+  for (auto& count : counts) count.store(0, std::memory_order_relaxed);
+  const std::uint32_t generation = record_store::Generation();
+  record_store::ForEachRecord([](std::uint64_t address, const Record& record) {
+    if (RecordKey::IsKept(record.key)) return;
+    const std::uint64_t set = SetNumber(address, RecordKey::SizeClass(record.key));
+    counts[set].fetch_add(1, std::memory_order_relaxed);
+  });
+  counted_generation.store(generation, std::memory_order_release);
+}
+
+inline void Stop() {
+  if (counted_generation.load(std::memory_order_relaxed) != 0) counted_generation.store(0);
+}
+
+inline bool AnySetEmpty() {
+  for (const auto& count : counts) {
+    if (count.load(std::memory_order_relaxed) <= 0) return true;
+  }
+  return false;
+}
+
+}  // namespace pause_counts
