@@ -87,7 +87,12 @@ MEMLEAK_READS_STACK const arch::FrameRecord* RecordBelowEntry(const arch::FrameR
 
 void BacktraceStartup() {
   platform::PrepareReadableStack();
-  g_unwinder_ready.store(platform::PrepareCallStacks(), std::memory_order_release);
+  const bool ready = platform::PrepareCallStacks();
+  // The tracker starts; captures by this method stay empty.
+  if (!ready) {
+    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "cannot prepare the unwinder");
+  }
+  g_unwinder_ready.store(ready, std::memory_order_release);
 }
 
 char GetBacktraceTypeFromProp() {

@@ -1,4 +1,4 @@
-// Counts the libraries that the program unloads, for the tracker: it knows about code by address.
+// Counts unloaded libraries for the tracker, which caches facts about code by address.
 // Any thread.
 #include <dlfcn.h>
 

@@ -35,7 +35,7 @@ void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
         "%lu, isZygoteChild = %d",
         static_cast<unsigned long>(group.pointer), static_cast<unsigned long>(group.num),
         static_cast<unsigned long>(group.size), static_cast<int>(group.zygote_child));
-    return;  // total and frame_count stay those of the group before (wanted)
+    return;  // Intentional: total and frame_count stay those of the group before.
   }
   record->total = group.num * group.size;
   record->frame_count = group.frame_info->num_frames;
@@ -47,8 +47,8 @@ void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
 }  // namespace
 
 void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool /*only_with_backtrace*/) {
-  // On a marked thread the caller holds every lock. On another the writers are waited out here, and
-  // kept out: a set must not change while it is compared with the next.
+  // On a marked thread the caller holds every lock. On another thread, this waits for the running
+  // operations and keeps new ones out: a set must not change while it is compared with the next.
   const InsideStore inside;
   const FrameInfoListWithLock locks(inside.before() != nullptr);
   Grouping(list).AddAllSets();

@@ -24,9 +24,12 @@ std::atomic<std::uint32_t> generation{0};
 
 }  // namespace record_store
 
-/// What a capture has given.
+/// Beyond every location of the arena.
+constexpr std::uint32_t kNoMemoryForBacktrace = UINT32_MAX;
+
+/// The result of a capture.
 struct BacktraceRef {
-  /// Location of the backtrace; 0 for none.
+  /// Location of the backtrace; 0 for none, kNoMemoryForBacktrace without memory.
   std::uint32_t location;
   /// Epoch of the table of backtraces when the backtrace was looked up.
   std::uint32_t epoch;
@@ -94,15 +97,15 @@ bool GrowBacktraces(bool held) {
   });
 }
 
-/// What has been captured for a block.
+/// A captured stack and its hashes.
 struct Capture {
   FrameKeyType key;
   std::uint64_t hash;
   std::uint64_t fingerprint;
 };
 
-/// Adds a backtrace that is not known and sets `*epoch` to that of the answer, the location. 0
-/// without memory. `kernel_only`: the thread may be inside the C library's allocator, or hold its
+/// Adds an unknown backtrace. Returns its location, 0 without memory. Sets `*epoch` to the epoch of
+/// the lookup. `kernel_only`: the thread may be inside the C library's allocator, or hold its
 /// lock.
 __attribute__((noinline)) std::uint32_t AddNewBacktrace(PointerSet* set, const Capture& capture,
                                                         bool held, bool kernel_only,
@@ -130,7 +133,7 @@ std::atomic<bool> any_kept{false};
 /// Keeps the time of a record that is overwritten: the times of a backtrace outlive it. Without
 /// memory, and in a page with very many records, the time is lost.
 __attribute__((noinline)) void KeepTime(RecordPage& page, const Record& record) {
-  /// As many as the page has bytes. Kept times must not use up the room of records.
+  /// One for each byte of the page. Kept times must leave room for records.
   constexpr std::uint32_t kMostRecords = 4096;
   if (page.count() >= kMostRecords) return;
   page.Insert({RecordKey::Kept(record.key), 0, record.time, record.backtrace});
@@ -145,7 +148,7 @@ __attribute__((noinline)) void TakeKeptTime(RecordPage& page, Record& record) {
   page.Erase(kept);
 }
 
-/// Files one record in its page. False without memory. Under the page's lock.
+/// Stores one record in its page. False without memory. Under the page's lock.
 bool StoreInPage(RecordPage& page, std::uint64_t set_number, Record record) {
   Record* old = page.Find(record.key);
   if (old != nullptr && old->backtrace == record.backtrace) {
@@ -172,8 +175,8 @@ bool StoreInPage(RecordPage& page, std::uint64_t set_number, Record record) {
   return true;
 }
 
-/// Files the record of a new block. kTablesChanged: the backtrace must be looked up again. A clear
-/// since the capture leaves no record: the block counts as made before the clear.
+/// Stores the record of a new block. kTablesChanged: the backtrace must be looked up again. A
+/// record that was captured before a clear is not stored.
 __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice,
                                                          std::uint64_t address, std::uint32_t size,
                                                          const BacktraceRef& ref, bool held) {
@@ -192,7 +195,7 @@ __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice
   return stored ? Stored::kDone : Stored::kNoMemory;
 }
 
-/// Files the Java-native part of a capture. Never inlined, so that captures without such a part do
+/// Stores the Java-native part of a capture. Never inlined, so that captures without such a part do
 /// not have its variables on the stack.
 __attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t address,
                                              std::uint64_t encoded_size,
@@ -315,13 +318,19 @@ __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* p
   const RecordPage* const page = RecordPages::Find(address);
   if (page != nullptr) page->Prefetch(address);  // its line arrives while the stack is walked
   record_key.Set(ThreadMark::kInside);
-  for (int refills = 0;; call.again = true) {
-    const BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size, call);
-    Stored stored = StoreRecord(choice, address, EncodeSize(size), ref, call.held);
-    if (__builtin_expect(static_cast<long>(stored == Stored::kDone), 1L) != 0) break;
-    if (stored == Stored::kTablesChanged || Refill(call.held || call.is_mapping, &refills))
+  for (int refills = 0;;) {
+    BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size, call);
+    const bool lacks_backtrace = ref.location == kNoMemoryForBacktrace;
+    if (lacks_backtrace) ref.location = 0;
+    const Stored stored = StoreRecord(choice, address, EncodeSize(size), ref, call.held);
+    if (stored == Stored::kTablesChanged ||
+        (stored == Stored::kNoMemory && Refill(call.held || call.is_mapping, &refills))) {
+      call.again = call.again || !lacks_backtrace;
       continue;
-    if (ref.location != 0) CountUnreported();
+    }
+    // No report shows a block without a backtrace.
+    const bool is_lost = stored == Stored::kNoMemory && ref.location != 0;
+    if (__builtin_expect(static_cast<long>(lacks_backtrace || is_lost), 0L) != 0) CountUnreported();
     break;
   }
   record_key.Set(call.held ? kHoldsStore : nullptr);
@@ -330,7 +339,7 @@ __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* p
 __attribute__((always_inline)) inline void PointerData::AddBlock(const void* pointer,
                                                                  std::size_t size,
                                                                  bool is_mapping) {
-  // Two copies: the usual one need not look at what it holds.
+  // Inlined twice with a constant `held`: the usual copy does not test it.
   void* const mark = record_key.Get();
   if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
     AddBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
@@ -381,7 +390,7 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
     result.location =
         AddNewBacktrace(set, capture, call.held, call.held || call.is_mapping, &result.epoch);
     if (result.location == 0) {
-      CountUnreported();  // no report shows a block without a backtrace
+      result.location = kNoMemoryForBacktrace;
       return result;
     }
   }

@@ -63,8 +63,8 @@ class PointerData {
   static void PrepareFork();
   /// Releases them in the parent.
   static void PostForkParent();
-  /// Leaves all of them free in the child, whoever held them, and the store's other locks too
-  /// where that is the platform's policy.
+  /// Leaves all of them free in the child, no matter which thread held them, and the store's other
+  /// locks too where that is the platform's policy.
   static void PostForkChild();
 
   /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order
@@ -102,11 +102,12 @@ class PointerData {
  private:
   /// What the operations know of their call.
   struct Call {
-    /// A proxy's block: the hooked call may be the allocator's own, so nothing is asked of that.
+    /// A block of a proxy. The allocator may have made the hooked call, so the allocator is not
+    /// called.
     bool is_mapping;
     /// The thread holds every lock.
     bool held;
-    /// The same block once more, after its backtrace was swept out.
+    /// A retry for the same block, whose Java-native part is stored.
     bool again;
   };
   static void AddBlock(const void* pointer, std::size_t size, bool is_mapping);

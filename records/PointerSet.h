@@ -1,10 +1,10 @@
 // One shard and size class of the record store: its locks and its Java-native tables.
 //
 // The records lie in pages of the address space (record_pages.h) and the backtraces in one table
-// (backtrace_table.h), since both are found without the set. A record operation takes none of a
-// set's locks: it holds the lock of a page and checks that pointer_mutex is free. A thread that
-// holds pointer_mutex of every set and has waited for the operations inside is alone with the
-// records.
+// (backtrace_table.h), since both are found without the set. A record operation holds the
+// lock of one page and checks that pointer_mutex is free. Only a new backtrace or region takes
+// frame_mutex. A thread that holds every pointer_mutex and has waited for the running operations
+// has exclusive access to the records.
 //
 // Lock order: pointer_mutex before frame_mutex; frame_mutex before unwind_mutex and before
 // java_pointer_mutex; all of them before the locks of pages, tables and their memory. The reader of

@@ -65,7 +65,6 @@ BacktraceTable::Result BacktraceTable::FindOrAdd(const FrameKeyType& key, std::u
   FrameInfoType* const added = arena_.Allocate(key.num_frames);
   if (added == nullptr) return Result::kNoMemory;
   added->fingerprint = fingerprint;
-  added->hash_index = next_index_++;
   added->num_frames = static_cast<std::uint32_t>(key.num_frames);
   added->report_note = 0;
   added->sweep = 0;
@@ -153,7 +152,6 @@ bool BacktraceTable::TryClear() {
   epoch_.fetch_add(1, std::memory_order_seq_cst);
   if (old != nullptr) Retire(old);
   used_ = 0;
-  next_index_ = kFirstIndex;
   arena_.Reset();
   lock_.unlock();
   return true;

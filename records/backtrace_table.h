@@ -1,4 +1,4 @@
-// The shared backtraces: each stored once, whatever the set of the blocks that carry it.
+// The shared backtraces. Each is stored once for all sets.
 //
 // A known backtrace is found without a lock and without a write, so that its lines stay in the
 // caches of all processors. There are no reference counts: when the table is full, a walk through
@@ -19,8 +19,6 @@
 /// they need (two for 12 frames).
 struct FrameInfoType {
   std::uint64_t fingerprint;
-  /// Number of the backtrace. Not used again before the next clear.
-  std::uint64_t hash_index;
   std::uint32_t num_frames;
   /// Its location in the arena. Never 0.
   std::uint32_t location;
@@ -33,7 +31,7 @@ struct FrameInfoType {
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
   const std::uint64_t* pcs() const { return reinterpret_cast<const std::uint64_t*>(this + 1); }
 };
-static_assert(sizeof(FrameInfoType) == 32);
+static_assert(sizeof(FrameInfoType) == 24);
 
 /// Key of a backtrace: the pcs, innermost first, not owned.
 struct FrameKeyType {
@@ -117,8 +115,9 @@ class BacktraceArena {
   /// Readable bytes behind each chunk: a search may read the pcs of a backtrace that was freed.
   static constexpr std::size_t kTailBytes = 16384;
   static constexpr std::size_t kMaxChunks = std::size_t{1} << 16;
-  /// Free pieces by their number of lines; the first list holds all longer ones.
-  static constexpr std::size_t kLists = 16;
+  /// Free pieces by their number of lines: 129 for 1024 pcs, the most that a capture returns. The
+  /// first list holds longer ones.
+  static constexpr std::size_t kLists = 130;
 
   FreePiece* free_[kLists] = {};
   std::uint32_t chunk_count_ = 0;
@@ -129,13 +128,10 @@ class BacktraceArena {
 
 class BacktraceTable {
  public:
-  /// First hash index handed out; smaller ones never name a backtrace.
-  static constexpr std::uint64_t kFirstIndex = 2;
-
   enum class Result { kDone, kFull, kNoMemory };
 
-  /// Raised by every sweep and every clear, after the dropped backtraces can no longer be found and
-  /// before their memory is used again.
+  /// Every sweep and every clear raises it: after the dropped backtraces can no longer be found,
+  /// and before their memory is reused.
   std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
   /// The location of the backtrace of `key`, 0 when it is not there. `hash` and `fingerprint` are
@@ -180,8 +176,7 @@ class BacktraceTable {
     return Rebuild(sweeps);
   }
 
-  /// Empties the table and restarts hash indexes. Waits for no lock: false, with nothing changed,
-  /// when a thread is inside.
+  /// Empties the table. Waits for no lock: false, with nothing changed, when a thread is inside.
   bool TryClear();
 
  private:
@@ -216,8 +211,8 @@ class BacktraceTable {
   /// order, so many keys share a first bucket; the fingerprint spreads them from there.
   static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
 
-  /// The location of `backtrace` if that has this key, else 0. Not for ThreadSanitizer: a sweep may
-  /// free the backtrace meanwhile, see `epoch`.
+  /// The location of `backtrace` if that has this key, else 0. ThreadSanitizer is off: a sweep may
+  /// free the backtrace meanwhile (see `epoch`).
   __attribute__((no_sanitize("thread"))) static std::uint32_t LocationOf(
       const FrameInfoType* backtrace, const FrameKeyType& key) {
     return FrameKeyEqual(key, {backtrace->num_frames, backtrace->pcs()}) ? backtrace->location : 0;
@@ -244,11 +239,10 @@ class BacktraceTable {
   SetMutex lock_;
   std::atomic<std::uint32_t> epoch_{0};
   std::atomic<Buckets*> buckets_{nullptr};
-  /// Empty ones, for a table of the same size: readers may be inside.
+  /// Replaced bucket arrays, now empty. They are reused, not unmapped, since readers may be inside.
   Buckets* retired_ = nullptr;
   /// Backtraces in the table.
   std::uint64_t used_ = 0;
-  std::uint64_t next_index_ = kFirstIndex;
   std::uint32_t sweep_ = 0;
   BacktraceArena arena_;
 };

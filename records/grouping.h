@@ -1,6 +1,6 @@
 // Groups of live blocks that share size, zygote mark and pcs, found in one pass over all sets.
 //
-// The scan of a list for every record is replaced by an index.
+// An index replaces the scan of the list for each record.
 // Used by the leak-info export and the report, on the dump thread or the one that asks.
 #pragma once
 

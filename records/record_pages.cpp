@@ -11,16 +11,16 @@ namespace {
 /// Memory of the tables of all pages.
 table_memory::Pool record_pool;
 
-/// Taken to make a region known.
+/// Held while a region is added.
 SetMutex directory_lock;
 
-constexpr unsigned kFirstDirectoryLog2 = 8;  // 4 KiB
-/// A page with more records than this has no room: 4096 offsets times a few classes and tags.
+constexpr unsigned kFirstDirectoryLog2 = 8;
+/// The largest table: 4096 offsets times a few classes and tags.
 constexpr unsigned kLargestLog2 = 15;
 /// Tables of up to this many records (two cache lines) fill up; larger ones to 7/8.
 constexpr unsigned kFullLog2 = 3;
-/// A page that has lost its last record keeps a table of less than this many records: it is likely
-/// to be used again. Larger tables go to other pages, since heaps move.
+/// An empty page keeps a table of fewer than 2^4 records, since it is likely to be used again.
+/// Larger tables are freed for other pages.
 constexpr unsigned kLeastToFreeLog2 = 4;
 
 }  // namespace
@@ -169,8 +169,9 @@ bool RecordPages::EmptyAll(std::uint32_t generation) {
   if (!pool.owns_lock()) return false;
   bool all = true;
   ForEach([&all, generation](std::uint64_t /*address*/, RecordPage& page) {
-    // Most pages never had a record.
-    if (page.records_.load(std::memory_order_relaxed) == nullptr && !page.IsLocked()) return;
+    // Most pages never had a record. The lock is read first: who sees it released also sees the
+    // table that its holder made.
+    if (!page.IsLocked() && page.records_.load(std::memory_order_relaxed) == nullptr) return;
     if (!page.TryLock()) {
       all = false;
       return;

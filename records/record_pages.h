@@ -1,9 +1,8 @@
 // The records of live blocks, by 4 KiB page of the address space.
 //
 // The address of a block leads to its record: region (2 MiB), page, slot in the page's own small
-// table. Most threads work on blocks of pages of their own, so that neither the lock of a page nor
-// its records move between processors. A region stays known for good, and finding a page takes no
-// lock.
+// table. Threads mostly use blocks of different pages, so a page's lock and records seldom move
+// between processors. Regions are never removed. Finding a page takes no lock.
 //
 // The sets share the pages; a record's key tells the size class, which with the address gives the
 // set. A record operation holds the lock of one page. A reader of all records takes the pointer
@@ -76,7 +75,7 @@ class RecordPage {
 
   // The rest needs the lock, or that operations are kept out.
 
-  /// Number of clears before the records were made. Records before the last clear do not count.
+  /// The generation of the records. Records of an earlier generation do not count.
   std::uint32_t generation() const { return generation_; }
   /// Removes all records; the next ones are of `generation`.
   void Empty(std::uint32_t generation);
@@ -85,7 +84,7 @@ class RecordPage {
   Record* Find(std::uint32_t key) {
     return Find(RecordKey::Offset(key), [key](const Record& record) { return record.key == key; });
   }
-  /// The time that `backtrace` has kept of the block of `key`, or null.
+  /// The kept time of the block of `key` with `backtrace`, or null.
   Record* FindKept(std::uint32_t key, std::uint32_t backtrace) {
     return Find(SpreadKept(key, backtrace), [key, backtrace](const Record& record) {
       return record.key == RecordKey::Kept(key) && record.backtrace == backtrace;
@@ -117,11 +116,11 @@ class RecordPage {
     // In 64 bits, since Prefetch may read a capacity of 0.
     return static_cast<std::uint32_t>(std::uint64_t{spread_over_32_bits} >> (32 - log2_capacity));
   }
-  /// As Spread for kept times, which one block may have many of.
+  /// The spread of a kept time. One block may have many of them.
   static std::uint32_t SpreadKept(std::uint32_t key, std::uint32_t backtrace) {
     return RecordKey::Offset(key) + backtrace * 0x85EBCA6BU;  // an odd number with well-spread bits
   }
-  /// What FirstSlot is asked for `record`.
+  /// The argument of FirstSlot for `record`.
   static std::uint32_t Spread(const Record& record) {
     return RecordKey::IsKept(record.key) ? SpreadKept(record.key, record.backtrace)
                                          : RecordKey::Offset(record.key);
@@ -198,7 +197,7 @@ class RecordPages {
   static void WaitForOperations();
   /// Frees the lock of every page, in a forked child.
   static void FreeLocksInChild();
-  /// Removes all records that are not of `generation` and gives their memory back, as far as no
+  /// Removes all records that are not of `generation` and frees their memory. Skips pages that an
   /// operation is inside. True when no record is left. The caller keeps new operations out. Waits
   /// for no lock: safe in a signal handler that has interrupted an operation.
   static bool EmptyAll(std::uint32_t generation);

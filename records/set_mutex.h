@@ -1,9 +1,9 @@
 // The record store's locks: four bytes, taken inline.
 //
-// A mutex of the C library costs a call each way and forty bytes. Unlocking here is a plain store,
-// so nobody is woken: a waiting thread looks again, and sleeps in between once the lock has been
-// held for longer than a record operation takes. Only a report, a fork and malloc_disable hold one
-// that long. A forked child may free a lock that another thread held.
+// A mutex of the C library costs a call each way and forty bytes. Unlocking is a plain store and
+// wakes no thread. A waiting thread polls, and sleeps in between once the lock has been held for
+// longer than a record operation takes. Only a report, a fork and malloc_disable hold one that
+// long. A forked child may free a lock that another thread held.
 #pragma once
 
 #include <sched.h>

@@ -60,7 +60,7 @@ bool PrepareCallStacks() {
   return true;
 }
 
-// The compiler makes both last calls jumps.
+// Both last calls are tail calls.
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) std::size_t CallStack(
     const arch::FrameRecord* inner, std::uint64_t* pcs, std::size_t max_pcs) {
   const auto* entry = reinterpret_cast<const arch::FrameRecord*>(inner->caller_frame);

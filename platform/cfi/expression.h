@@ -15,8 +15,8 @@ namespace platform::cfi {
 bool ReadColumn(const arch::Registers& registers, std::uint64_t column, std::uint64_t* value);
 
 /// Evaluates `expression` in a frame with `registers`, on a stack of values that holds `*initial`,
-/// unless that is null. Reads no memory but `stack`. Returns false for what is damaged, not
-/// supported or reads elsewhere.
+/// unless that is null. Reads only `stack`. Returns false for an expression that is damaged, not
+/// supported or reads other memory.
 bool Evaluate(TableReader expression, const arch::Registers& registers,
               const std::uint64_t* initial, ReadableStack* stack, std::uint64_t* result);
 

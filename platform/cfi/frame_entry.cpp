@@ -23,8 +23,8 @@ TableReader ReaderAt(const LoadedObject& object, std::uint64_t address) {
   return end == 0 ? TableReader() : TableReader(address, end);
 }
 
-/// Reads what stands before the contents of a CIE or an FDE: a reader of the contents, empty at the
-/// section's end and for what cannot be read.
+/// Reads the length of a CIE or FDE. Returns a reader of its contents, empty at the section's end
+/// and for what cannot be read.
 TableReader TakeContents(TableReader* section) {
   const auto length = section->Take<std::uint32_t>();
   const std::uint64_t begin = section->address();
@@ -48,7 +48,7 @@ bool ReadShared(const LoadedObject& object, std::uint64_t address, FrameEntry* e
   entry->data_alignment = reader.TakeSigned();
   entry->return_address_column = version == 1 ? reader.Take<std::uint8_t>() : reader.TakeUnsigned();
   *augmented = augmentation[0] == 'z';
-  // Without the block's length nobody can tell where the instructions begin.
+  // The length of the block is needed to find the instructions.
   if (!*augmented && augmentation[0] != '\0') return false;
   TableReader data = *augmented ? reader.TakeBlock() : TableReader();
   for (const char* letter = augmentation; *letter != '\0'; ++letter) {

@@ -4,7 +4,7 @@
 namespace platform::cfi {
 namespace {
 
-/// States that instructions may put aside at a time. Compilers do not nest them.
+/// The depth of DW_CFA_remember_state. Compilers do not nest it.
 constexpr std::size_t kRememberedRows = 2;
 
 /// The high two bits of an instruction that has an operand in the others.

@@ -98,7 +98,7 @@ struct FrameRow {
 };
 
 /// Fills `row` with the rules of `columns` at `pc`, which lies in the function of `entry`. Returns
-/// false for instructions that make no sense or are not known.
+/// false for invalid or unknown instructions.
 bool RunToRow(const FrameEntry& entry, std::uint64_t pc, const FollowedColumns& columns,
               FrameRow* row);
 

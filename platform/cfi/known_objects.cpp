@@ -7,7 +7,7 @@
 namespace platform::cfi {
 namespace {
 
-/// More objects than this are not watched for what takes their place.
+/// Further objects are not watched.
 constexpr std::size_t kObjects = 512;
 constexpr std::uint64_t kBusy = 1;  // as the beginning of an entry that is being written
 
@@ -54,8 +54,8 @@ bool NoteObject(const LoadedObject& object) {
       Write(&known, object, identity);
       break;
     }
-    // An entry that another thread is writing right now reads as some object that does not overlap,
-    // or as one that takes a place: at worst rules are made anew.
+    // An entry that another thread is writing may look like another object. At worst all rules are
+    // made anew.
     const std::uint64_t end = known.end.load(std::memory_order_relaxed);
     if (begin == kBusy || begin >= object.end || end <= object.begin) continue;
     if (begin == object.begin && end == object.end &&

@@ -1,11 +1,11 @@
-// Which object was seen where, to find out when one took another one's place.
+// Remembers each object's addresses, to notice when another object takes them.
 #pragma once
 
 #include "platform/cfi/loaded_object.h"
 
 namespace platform::cfi {
 
-/// Notes that there is `object`. Returns false when another one was where it is: that one was
+/// Records `object`. Returns false when another object was at its addresses: that one was
 /// unloaded, and what is known of its addresses is wrong. Any thread, any context; takes no lock.
 bool NoteObject(const LoadedObject& object);
 

@@ -15,7 +15,7 @@ struct LoadedObject {
   /// All segments, and the gaps between them.
   std::uint64_t begin = 0;
   std::uint64_t end = 0;
-  /// What is added to the addresses in the file.
+  /// The difference between addresses in memory and in the file.
   std::uint64_t bias = 0;
   /// The program headers, in memory that stays readable while the object is loaded.
   const Elf64_Phdr* headers = nullptr;
@@ -31,9 +31,9 @@ struct LoadedObject {
 void PrepareLoadedObjects();
 
 /// Fills `object` with the one that holds `pc`. Returns false when none does, or when its program
-/// headers cannot be read. `pc` lies in a function that the calling thread is in: nobody unloads
-/// the object meanwhile. Keeps errno; allocates nothing. Takes no lock on Linux with glibc 2.35 or
-/// later, elsewhere the dynamic linker's (see dl_iterate_phdr), which a thread may hold twice.
+/// headers cannot be read. `pc` lies in a function that the calling thread is in, so
+/// the object stays loaded. Keeps errno; allocates nothing. Takes no lock on Linux with glibc 2.35
+/// or later, elsewhere the dynamic linker's (see dl_iterate_phdr), which is recursive.
 bool FindLoadedObject(std::uint64_t pc, LoadedObject* object);
 
 /// FindLoadedObject through dl_iterate_phdr, for systems without anything better.

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t kSp = arch::SavedIndex(arch::kStackPointerColumn);
 
-// Columns that are followed in one run. In constants: stacks are small.
+// Columns that are followed in one run. Constants, which take no stack.
 constexpr FollowedColumns kReturnAddress = {arch::kReturnAddressColumn};
 constexpr std::size_t kGroupCount =
     (arch::kSavedRegisters + kFollowedColumns - 1) / kFollowedColumns;
@@ -132,8 +132,8 @@ __attribute__((noinline)) Place FindPlace(std::uint64_t address, std::uint64_t p
 
 }  // namespace
 
-/// Takes `registers`, whose stack pointer may be on another stack where `interrupted`. False when
-/// that is no stack.
+/// Moves to `registers`. After a signal the stack pointer may be on another stack. Returns false
+/// when it is on none.
 __attribute__((noinline)) bool RegisterWalk::GoTo(const arch::Registers& registers,
                                                   bool interrupted) {
   const std::uint64_t new_sp = registers.saved[kSp];

@@ -17,16 +17,16 @@ class RegisterWalk {
   /// Begins in the function that this is inlined into.
   __attribute__((always_inline)) RegisterWalk() : stack_(Capture(&registers_)) {}
 
-  /// Begins nowhere, on `stack`: EnterInterrupted comes next.
+  /// An empty walk on `stack`. Call EnterInterrupted next.
   explicit RegisterWalk(const ReadableStack& stack) : registers_{}, stack_(stack) {}
 
   /// Goes to the frame that a signal interrupted. `sp`, on this walk's stack, is the stack pointer
-  /// at the code that the signal's handler returns to. False, and nothing changed, when what lies
-  /// there makes no sense.
+  /// at the code that the signal's handler returns to. Returns false and changes nothing when the
+  /// saved registers are not valid.
   bool EnterInterrupted(std::uint64_t sp);
 
-  /// Goes on to the caller's frame. False, and nothing changed, where the stack ends or cannot be
-  /// followed.
+  /// Goes on to the caller's frame. Returns false and changes nothing where the stack ends or
+  /// cannot be followed.
   bool Step();
 
   std::uint64_t pc() const { return registers_.pc; }

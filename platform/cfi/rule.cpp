@@ -1,8 +1,6 @@
 // Makes rules out of call-frame information. Any thread, any context.
 #include "platform/cfi/rule.h"
 
-#include <limits>
-
 #include "platform/cfi/frame_entry.h"
 #include "platform/cfi/frame_row.h"
 #include "platform/readable.h"
@@ -105,16 +103,22 @@ __attribute__((noinline)) Rule FromRow(const FrameRow& row) {
 
 bool Rule::Pack(const Step& step, Rule* rule) {
   std::uint64_t word = static_cast<std::uint64_t>(step.kind) << kGenerationBits;
-  // What is read lies above the register that the CFA is found from: a walk checks that one alone.
-  // Steps over a saved CFA are checked place by place.
-  std::int64_t lowest = step.from_register ? 0 : -step.distance;
-  if (step.kind == kSavedStep) lowest = std::numeric_limits<std::int64_t>::min();
+  // Every place lies between the base register and the CFA, so a walk checks the CFA alone. Steps
+  // over a saved CFA are checked place by place.
+  const std::int64_t base = step.from_register ? 0 : -step.distance;
+  const auto is_within = [&step, base](std::int64_t place) {
+    return step.kind == kSavedStep || (place >= base && place + kWordBytes <= base + step.distance);
+  };
+  if (step.kind != kSavedStep &&
+      step.distance < (arch::kCallPushesReturnAddress ? kWordBytes : 0)) {
+    return false;
+  }
   if (!arch::kCallPushesReturnAddress) {
-    if (step.return_address < lowest) return false;
+    if (!is_within(step.return_address)) return false;
     if (!PackWords(step.return_address, kReturnAddressShift, kPlaceBits, &word)) return false;
   }
   if (step.saves_frame_pointer) {
-    if (step.frame_pointer < lowest) return false;
+    if (!is_within(step.frame_pointer)) return false;
     if (!PackWords(step.frame_pointer, kFramePointerShift, kPlaceBits, &word)) return false;
     word |= kSavesFramePointer;
   }

@@ -20,8 +20,8 @@ class Rule {
   static constexpr unsigned kGenerationBits = 19;
   static constexpr std::uint64_t kGenerationMask = (std::uint64_t{1} << kGenerationBits) - 1;
 
-  /// What the CFA is found from. The values of the three steps follow from the fact that hot code
-  /// compares kind and generation at once: kStackStep must be 0.
+  /// What the CFA is found from. Hot code compares kind and generation at once, so kStackStep must
+  /// be 0.
   enum Kind : std::uint64_t {
     kStackStep = 0,  // CFA = stack pointer + distance
     kFrameStep = 1,  // CFA = frame pointer + distance
@@ -100,8 +100,7 @@ class Rule {
 /// is the one that holds these bytes, null when none does.
 Rule MakeRule(const LoadedObject* object, std::uint64_t return_address);
 
-/// Whether the code at `pc` is what a signal handler returns to. Looks at code that can be read
-/// alone.
+/// Whether the code at `pc` is what a signal handler returns to. Reads only readable code.
 bool IsSignalReturn(const LoadedObject* object, std::uint64_t pc);
 
 }  // namespace platform::cfi

@@ -12,7 +12,7 @@ namespace {
 
 /// The first table's size: 64 KiB, of which only used pages take memory.
 constexpr std::size_t kFirstSlots = 4096;
-/// One slot in so many is used at most: a capture seldom looks at a second one.
+/// At most one slot in four is used, so that a second probe is rare.
 constexpr std::size_t kSlotsPerKey = 4;
 constexpr std::size_t kGrowth = 4;
 /// Beyond this (64 MiB) rules are made anew for each capture.
@@ -77,7 +77,7 @@ bool RuleCache::Publish(Table* old_table, Table* table) {
   if (!published) {
     munmap(table, table->Bytes());
   } else if (old_table->previous != nullptr) {
-    // Readers of the one before that are rare: they may find it empty. The page with its head
+    // Readers of the table before `old_table` are rare. They may find it empty. Its first page
     // stays.
     auto* head = reinterpret_cast<char*>(old_table->previous);
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
@@ -92,15 +92,15 @@ bool RuleCache::Publish(Table* old_table, Table* table) {
 /// room; 0 when there may be no such table.
 std::size_t RuleCache::SlotsFor(const Table& table, std::uint64_t generation) {
   if (table.slots == 0) return kFirstSlots;
+  const std::size_t larger = table.slots * kGrowth > kMostSlots ? 0 : table.slots * kGrowth;
   const bool is_crowded = table.used.load(std::memory_order_relaxed) * kSlotsPerKey < table.slots;
-  if (table.slots * kGrowth > kMostSlots) return 0;
-  if (is_crowded) return table.slots * kGrowth;
+  if (is_crowded) return larger;
   // Where most rules are of objects that are gone, no larger one is needed.
   std::size_t live = 0;
   for (std::size_t i = 0; i < table.slots + kProbes; ++i) {
     if (table.RuleAt(i).IsOf(generation)) ++live;
   }
-  return live * kSlotsPerKey * 2 > table.slots ? table.slots * kGrowth : table.slots;
+  return live * kSlotsPerKey * 2 > table.slots ? larger : table.slots;
 }
 
 /// Replaces `table`, which has no room, by one with the rules of `generation` and room for more.
@@ -113,8 +113,9 @@ RuleCache::Table* RuleCache::Replace(Table* table, std::uint64_t generation) {
   const std::size_t old_slots = table->slots == 0 ? 0 : table->slots + kProbes;
   for (std::size_t i = 0; i < old_slots; ++i) {
     const Rule rule = table->RuleAt(i);
-    if (!rule.IsOf(generation)) continue;
-    Insert(larger, table->Slots()[i].key.load(std::memory_order_relaxed), rule);
+    // Another thread's insertion may show its rule before its key.
+    const std::uint64_t key = table->Slots()[i].key.load(std::memory_order_relaxed);
+    if (key != 0 && rule.IsOf(generation)) Insert(larger, key, rule);
   }
   return larger;
 }

@@ -2,7 +2,7 @@
 //
 // Captures read it on every thread and in signal handlers, without a lock and without writing. A
 // miss adds to it. Memory comes from mmap and is not given back: a reader may be inside. Nothing is
-// done at a fork: a child goes on with what is there.
+// done at a fork: the child inherits the table.
 #pragma once
 
 #include <atomic>
@@ -31,7 +31,8 @@ class RuleCache {
   /// an earlier one.
   __attribute__((always_inline)) Rule Find(std::uint64_t return_address) const {
     const std::uint64_t place = PlaceOf(mask_, return_address);
-    // The key's address does not hold up the rule, which the way to the next frame waits for.
+    // A separate address for the key, so that the load of the rule, on the critical path, does not
+    // wait for it.
     std::uint64_t key_place = place;
     __asm__("" : "+r"(key_place));
     const auto* words = reinterpret_cast<const std::atomic<std::uint64_t>*>(slots_);
@@ -47,7 +48,10 @@ class RuleCache {
   void Add(std::uint64_t return_address, Rule rule) const;
 
   /// Whether rules of this view may be used still.
-  bool IsCurrent() const { return Generation(Unloads()) == generation_; }
+  bool IsCurrent() const {
+    std::atomic_thread_fence(std::memory_order_acquire);  // after the loads of the rules
+    return Generation(Unloads()) == generation_;
+  }
 
   /// Makes all rules invalid: objects have changed. Any thread, any context.
   static void EndGeneration() { g_unloads.fetch_add(1, std::memory_order_acq_rel); }
@@ -58,8 +62,7 @@ class RuleCache {
   }
 
  private:
-  /// Claimed for a key once and for all. The rule follows, and is overwritten when its generation
-  /// is over.
+  /// A slot never changes its key. Its rule is overwritten when its generation is over.
   struct Slot {
     std::atomic<std::uint64_t> rule;
     std::atomic<std::uint64_t> key;
@@ -67,7 +70,7 @@ class RuleCache {
   static constexpr std::size_t kSlotWords = 2;
   static_assert(sizeof(Slot) == kSlotWords * sizeof(std::uint64_t));
 
-  /// Slots that a key may be in, from its first one on; so many more lie behind the last.
+  /// The number of slots that a key may be in. A table has as many extra slots at its end.
   static constexpr std::size_t kProbes = 8;
 
   /// The head of a table. `slots` slots follow, and kProbes more.
@@ -86,14 +89,14 @@ class RuleCache {
     std::size_t Bytes() const { return sizeof(Table) + (slots + kProbes) * sizeof(Slot); }
   };
 
-  /// What is used until there is a first rule. It has no room.
+  /// The table before the first rule. It has no room.
   struct EmptyTable {
     Table head{};
     Slot slots[kProbes]{};
   };
 
-  /// The first slot of `key`, counted in words. The low bits as they are: call sites of one
-  /// function then lie on few pages, as its code does.
+  /// The first slot of `key`, counted in words. Uses the low bits unchanged, so that call sites of
+  /// one function share few pages.
   static std::uint64_t PlaceOf(std::uint64_t mask, std::uint64_t key) {
     return (key >> (arch::kCallSiteShift - 1)) & mask;
   }

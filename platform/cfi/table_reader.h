@@ -12,13 +12,11 @@ namespace platform::cfi {
 /// Pointer encodings (Linux Standard Base, "DWARF Exception Header Encoding"). The low four bits
 /// are the format, the next three what the value is relative to.
 inline constexpr std::uint8_t kPointerOmitted = 0xff;
-inline constexpr std::uint8_t kPointerIndirect = 0x80;
 inline constexpr std::uint8_t kPointerFormat = 0x0f;
 inline constexpr std::uint8_t kPointerRelation = 0x70;
 
-/// A position in memory that is read onward. After a read beyond the end it has failed: that read
-/// and all later ones yield 0. One without memory has failed from the beginning. Two words, so that
-/// registers hold it.
+/// A read position in memory. After a read beyond the end it has failed: that read and all later
+/// ones yield 0. A default-constructed reader has failed. Two words, so that registers hold it.
 class TableReader {
  public:
   TableReader() = default;
@@ -63,7 +61,7 @@ class TableReader {
   /// no linker writes into call-frame information: omitted, indirect, relative to text or function.
   std::uint64_t TakePointer(std::uint8_t encoding, std::uint64_t data_base);
 
-  /// Passes over a pointer in `encoding`, be it indirect.
+  /// Skips a pointer in `encoding`, which may be indirect.
   void SkipPointer(std::uint8_t encoding);
 
  private:

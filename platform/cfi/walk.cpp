@@ -22,7 +22,7 @@ namespace platform::cfi {
 namespace {
 
 constexpr std::uint64_t kWordBytes = sizeof(std::uint64_t);
-/// Walks that are begun anew because an object was unloaded meanwhile.
+/// How often a walk is tried when objects are unloaded meanwhile.
 constexpr int kAttempts = 3;
 /// Frames of the tracker and of signal handlers that a detour may pass to reach a frame.
 constexpr int kMostFrames = 4096;
@@ -33,8 +33,8 @@ MEMLEAK_READS_STACK inline std::uint64_t WordAt(std::uint64_t address) {
   return *reinterpret_cast<const std::uint64_t*>(address);
 }
 
-/// `value`, which the compiler computes with once more instead of going through another result: a
-/// walk is as fast as the chain from one return address to the next is short.
+/// Hides the origin of `value`, so that the compiler computes two results in parallel. The
+/// dependency chain between return addresses sets the speed of a walk.
 template <typename T>
 __attribute__((always_inline)) inline T Apart(T value) {
   __asm__("" : "+r"(value));
@@ -56,7 +56,7 @@ struct Position {
 Rule Learn(const RuleCache& cache, std::uint64_t return_address) {
   LoadedObject object;
   if (return_address == 0) return Rule::Other::kEnd;
-  // What lies in no object may be anything a moment later: nothing is kept of it.
+  // Code outside of objects may change at any time, so its rules are not cached.
   if (!FindLoadedObject(return_address - 1, &object)) return MakeRule(nullptr, return_address);
   if (!NoteObject(object)) RuleCache::EndGeneration();
   const Rule rule = MakeRule(&object, return_address);
@@ -64,8 +64,7 @@ Rule Learn(const RuleCache& cache, std::uint64_t return_address) {
   return rule;
 }
 
-/// Goes on to the frame that called the one of `walk`, out of a function that a signal interrupted
-/// too, which is stored.
+/// Moves `at` to the frame of `walk`. Stores interrupted functions on the way.
 __attribute__((always_inline)) inline bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
   while (walk->interrupted()) {
     if (at->count < at->max_pcs) at->pcs[at->count++] = walk->pc();
@@ -103,7 +102,7 @@ __attribute__((noinline)) bool StepFromHere(Position* at) {
   return StepInWalk(&walk, at);
 }
 
-/// Takes a step whose places are compared with the readable stack one by one.
+/// Takes a step and checks each address that it reads.
 bool StepByRule(Rule rule, Position* at) {
   Frame& frame = at->frame;
   ReadableStack& stack = at->stack;
@@ -140,11 +139,11 @@ bool Detour(const RuleCache& cache, Position* at) {
   }
 }
 
-/// Goes along the cache, to the first step that needs a detour. False when the walk is over. A
+/// Follows cached rules up to the first step that needs Detour. False when the walk is over. A
 /// function of its own: its registers are not on the stack during a detour.
 __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& cache,
                                                                Position* at) {
-  const RuleCache rules = cache;  // one that nobody else sees, so that it stays in registers
+  const RuleCache rules = cache;  // a local copy stays in registers
   const std::uint64_t stack_tag = rules.generation();
   const std::uint64_t frame_tag =
       stack_tag | (std::uint64_t{Rule::kFrameStep} << Rule::kGenerationBits);
@@ -202,8 +201,8 @@ std::size_t WalkFrames(std::uint64_t return_address, std::uint64_t sp, std::uint
 }
 
 bool StepToCaller(Frame* frame) {
-  std::uint64_t interrupted_pc = 0;
-  Position at{*frame, ReadableStack(frame->sp), 0, &interrupted_pc, 0, 2};
+  std::uint64_t interrupted_pcs[2] = {};
+  Position at{*frame, ReadableStack(frame->sp), 0, interrupted_pcs, 0, 2};
   if (frame->return_address == 0 || !Detour(RuleCache(), &at)) return false;
   *frame = at.frame;
   return frame->return_address != 0;

@@ -10,7 +10,7 @@
 
 namespace platform::cfi {
 
-/// A frame that is in a call.
+/// A frame whose function has called another.
 struct Frame {
   std::uint64_t return_address = 0;  // of the call; 0 for no frame
   std::uint64_t sp = 0;              // when the call has returned
@@ -24,15 +24,15 @@ struct Frame {
 std::size_t WalkFrames(std::uint64_t return_address, std::uint64_t sp, std::uint64_t fp,
                        std::uint64_t* pcs, std::size_t max_pcs);
 
-/// Goes on from `frame` to its caller's. False, and nothing changes, where the stack ends.
+/// Replaces `frame` by its caller's. Returns false where the stack ends.
 bool StepToCaller(Frame* frame);
 
-/// Where the frame ends that has its frame record at `record`: the stack pointer when its function
-/// has returned. `return_address` is that of a call which the function is in. 0 if it keeps no
+/// Returns the end of the frame whose frame record is at `record`: the stack pointer after its
+/// function returns. `return_address` is that of a call which the function is in. 0 if it keeps no
 /// frame record.
 std::uint64_t EndOfFrame(std::uint64_t return_address, std::uint64_t record);
 
-/// How many steps did not fit into a rule since the process began. For tests and benchmarks.
+/// The number of steps since process start that no rule could describe. For tests and benchmarks.
 std::uint64_t SlowSteps();
 
 }  // namespace platform::cfi

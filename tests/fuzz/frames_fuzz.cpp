@@ -69,9 +69,14 @@ void FillStack(const Guarded& stack, const std::uint64_t* functions, const Head&
 
 void Walk(std::uint64_t pc, std::uint64_t sp, std::uint64_t fp, const Head& head) {
   std::uint64_t pcs[kMostFrames];
-  const std::size_t count =
-      platform::cfi::WalkFrames(pc, sp, fp, pcs, 1 + head.numbers[3] % kMostFrames);
-  fuzz::Require(count <= kMostFrames, "a walk keeps to its limit");
+  std::uint64_t cached_pcs[kMostFrames];
+  const std::size_t most = 1 + head.numbers[3] % kMostFrames;
+  const std::size_t count = platform::cfi::WalkFrames(pc, sp, fp, pcs, most);
+  fuzz::Require(count <= most, "a walk keeps to its limit");
+  // Now all rules are in the cache.
+  const std::size_t cached_count = platform::cfi::WalkFrames(pc, sp, fp, cached_pcs, most);
+  fuzz::Require(std::equal(pcs, pcs + count, cached_pcs, cached_pcs + cached_count),
+                "a walk along the cache finds the same");
 
   platform::cfi::RegisterWalk walk{platform::ReadableStack(sp)};
   if (!walk.EnterInterrupted(sp)) return;

@@ -17,8 +17,8 @@ namespace {
 int (*g_find_object)(void*, dl_find_object*) = nullptr;
 
 /// Takes the program headers from the ELF header at the object's beginning, where linkers place it.
-/// False when none is there: of an object with gaps between its segments glibc names the segment
-/// that was asked for.
+/// Returns false when there is none. For an object with gaps between its segments, glibc reports
+/// only the segment that holds the address.
 __attribute__((noinline)) bool TakeHeaders(LoadedObject* object) {
   if (!CanRead(object->begin, sizeof(Elf64_Ehdr))) return false;
   const auto* header = reinterpret_cast<const Elf64_Ehdr*>(object->begin);

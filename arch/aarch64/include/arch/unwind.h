@@ -26,7 +26,7 @@ inline constexpr std::size_t SavedIndex(std::uint64_t column) {
   return index < kSavedRegisters ? index : kSavedRegisters;
 }
 
-/// A call leaves the return address in x30; the function called saves it where it likes.
+/// A call leaves the return address in x30. The callee may save it anywhere.
 inline constexpr bool kCallPushesReturnAddress = false;
 
 /// Whether the caller's stack pointer is the end of the frame record. Compilers place the record

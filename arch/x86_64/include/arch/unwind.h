@@ -33,7 +33,8 @@ inline constexpr bool kCallPushesReturnAddress = true;
 /// address.
 inline constexpr bool kFrameRecordEndsFrame = true;
 
-/// log2 of the alignment of call sites, for hashing: neighbouring addresses are never both one.
+/// log2 of the alignment of call sites, for hashing. Two adjacent addresses are never both call
+/// sites.
 inline constexpr unsigned kCallSiteShift = 1;
 
 /// Below the stack pointer, a function that calls nothing may use this much (System V ABI, "The

@@ -26,8 +26,11 @@ class ThreadMark {
   }
   /// Sets the calling thread's mark; null removes it.
   void Set(void* mark) const {
+    // The fences keep the order that a signal handler on this thread sees.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     const int slot = slot_.load(std::memory_order_relaxed);
     if (slot >= 0) values_[slot] = mark;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
   }
 
   /// Makes the mark, null on the calling thread. Returns 0 or an errno value. Only from
