@@ -20,10 +20,10 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
     return backtrace;
   }
   // The rest of a chunk that is too short for this piece stays unused.
-  if (next_line_ % kLinesOfChunk + lines > kLinesOfChunk) {
-    next_line_ = (next_line_ / kLinesOfChunk + 1) * kLinesOfChunk;
-  }
-  const std::uint32_t chunk = next_line_ / kLinesOfChunk;
+  std::uint32_t line = last_line_ + 1;
+  if (line % kLinesOfChunk + lines > kLinesOfChunk)
+    line = (line / kLinesOfChunk + 1) * kLinesOfChunk;
+  const std::uint32_t chunk = line / kLinesOfChunk;
   if (chunk >= chunk_count_) {
     if (chunk == kMaxChunks) return nullptr;
     auto* const memory =
@@ -31,9 +31,9 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
     if (memory == nullptr) return nullptr;
     chunks_[chunk_count_++] = memory;
   }
-  FrameInfoType* const backtrace = At(next_line_);
-  backtrace->location = next_line_;
-  next_line_ += lines;
+  FrameInfoType* const backtrace = At(line);
+  backtrace->location = line;
+  last_line_ = line + lines - 1;
   return backtrace;
 }
 
@@ -52,7 +52,7 @@ void BacktraceArena::Reset() {
     table_memory::Zero(chunks_[i], kLinesOfChunk * kLineBytes);
   }
   for (FreePiece*& list : free_) list = nullptr;
-  next_line_ = 1;
+  last_line_ = 0;
 }
 
 BacktraceTable::Result BacktraceTable::FindOrAdd(const FrameKeyType& key, std::uint64_t hash,

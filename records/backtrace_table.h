@@ -121,8 +121,8 @@ class BacktraceArena {
 
   FreePiece* free_[kLists] = {};
   std::uint32_t chunk_count_ = 0;
-  /// The first line that was never used. Location 0 is not used.
-  std::uint32_t next_line_ = 1;
+  /// The last line in use. Location 0 is not used. Starts as 0, so that the whole arena is in .bss.
+  std::uint32_t last_line_ = 0;
   char* chunks_[kMaxChunks] = {};
 };
 

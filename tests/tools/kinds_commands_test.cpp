@@ -57,7 +57,8 @@ TEST(Kinds, CommandsThatSpoilTheRecordsOfAnotherKindAreRefused) {
     echo 'received_sig 44;addr:0x40' >>log; $M pause $P --kind mmap
     echo 'set mmaphook to:true' >>log; all
     $M watch $P -o out.d; $M report $P --keep-recording; $M on $P --kind mmap
-    echo 'set mmaphook to:false' >>log; $M clear $P; $M send $P --word 0x80; grep received log)");
+    echo 'set mmaphook to:false' >>log; $M clear $P; $M send $P --word 0x80
+    until grep -qs addr:0x80 log; do sleep 0.02; done; grep received log)");
   std::map<std::string, int> lines;
   std::istringstream output(outcome.output);
   for (std::string line; std::getline(output, line);) ++lines[line.substr(0, line.find(" in "))];
