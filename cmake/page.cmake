@@ -8,10 +8,10 @@ else()
 endif()
 option(MEMLEAK_WITH_PAGE "Build the page of `memleak html` (takes npm)" ${page_default})
 
-# memleak_add_page(TARGET): PageShell() of tools/html.h, with the page or empty.
+# memleak_add_page(TARGET): PageShell() of tools/export/html.h, with the page or empty.
 function(memleak_add_page target)
   if(NOT MEMLEAK_WITH_PAGE)
-    target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tools/no_page.cpp)
+    target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tools/export/no_page.cpp)
     return()
   endif()
   find_program(MEMLEAK_NODE NAMES node nodejs)
@@ -38,7 +38,7 @@ function(memleak_add_page target)
     COMMENT "Bundling the page" VERBATIM)
   add_custom_command(OUTPUT ${out}/page.cpp
     COMMAND ${CMAKE_COMMAND} -D INPUT=${out}/page.html -D OUTPUT=${out}/page.cpp
-      -D HEADER=tools/html.h -D FUNCTION=PageShell -P ${CMAKE_SOURCE_DIR}/cmake/embed.cmake
+      -D HEADER=tools/export/html.h -D FUNCTION=PageShell -P ${CMAKE_SOURCE_DIR}/cmake/embed.cmake
     DEPENDS ${out}/page.html ${CMAKE_SOURCE_DIR}/cmake/embed.cmake
     COMMENT "Embedding the page" VERBATIM)
   target_sources(${target} PRIVATE ${out}/page.cpp)

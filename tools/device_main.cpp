@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/command_line.h"
-#include "tools/control_options.h"
-#include "tools/device_help_texts.h"
+#include "tools/commands/command_line.h"
+#include "tools/commands/control_options.h"
+#include "tools/commands/device_help_texts.h"
 
 namespace memleak {
 namespace {

@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/command_line.h"
-#include "tools/commands.h"
-#include "tools/control_options.h"
-#include "tools/help_texts.h"
-#include "tools/user_error.h"
-#include "tools/watch.h"
+#include "tools/base/user_error.h"
+#include "tools/commands/command_line.h"
+#include "tools/commands/commands.h"
+#include "tools/commands/control_options.h"
+#include "tools/commands/help_texts.h"
+#include "tools/commands/watch.h"
 
 namespace memleak {
 namespace {

@@ -9,11 +9,11 @@
 #include <string_view>
 
 #include "tests/fuzz/support.h"
-#include "tools/report/json.h"
+#include "tools/base/user_error.h"
+#include "tools/export/json.h"
 #include "tools/report/model.h"
 #include "tools/report/report_parser.h"
-#include "tools/report/show.h"
-#include "tools/user_error.h"
+#include "tools/view/show.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "tools/user_error.h"
+#include "tools/base/user_error.h"
 
 namespace memleak {
 namespace {

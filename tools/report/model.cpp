@@ -12,9 +12,9 @@
 #include <unordered_map>
 #include <utility>
 
-#include "tools/report/demangle.h"
-#include "tools/report/progress.h"
-#include "tools/report/symbolizer.h"
+#include "tools/base/progress.h"
+#include "tools/symbols/demangle.h"
+#include "tools/symbols/symbolizer.h"
 
 namespace memleak {
 namespace {

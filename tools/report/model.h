@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tools/report/report_parser.h"
-#include "tools/report/symbol_options.h"
+#include "tools/symbols/symbol_options.h"
 
 namespace memleak {
 

@@ -10,8 +10,8 @@
 #include <fstream>
 #include <utility>
 
-#include "tools/files.h"
-#include "tools/user_error.h"
+#include "tools/base/files.h"
+#include "tools/base/user_error.h"
 
 namespace memleak {
 namespace {

@@ -1,7 +1,7 @@
 // Keys by which frames, groups and call sites of several reports are matched.
 #include "tools/report/stack_key.h"
 
-#include "tools/names.h"
+#include "tools/base/names.h"
 
 namespace memleak {
 namespace {

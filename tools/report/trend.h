@@ -52,6 +52,22 @@ struct GroupTrend {
   std::optional<std::int64_t> Growth() const;
 };
 
+/// A report that was saved.
+struct SavedReport {
+  std::string file;          ///< name in the directory
+  double seconds = 0;        ///< since the first
+  std::int64_t time = 0;     ///< since the epoch
+  std::uint64_t bytes = 0;   ///< native ones, all groups
+  std::uint64_t groups = 0;  ///< the same
+  Sums unlisted;             ///< those of them that the report does not list
+};
+
+/// Why the reports do not go on, and when that was found.
+struct TrendBreak {
+  double seconds = 0;  ///< since the first report
+  std::string why;
+};
+
 /// Collects reports one by one, in memory of the order of their groups.
 class Trends {
  public:

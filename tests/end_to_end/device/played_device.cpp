@@ -6,10 +6,10 @@
 #include <cstring>
 #include <sstream>
 
-#include "tools/control.h"
-#include "tools/device_root.h"
-#include "tools/files.h"
-#include "tools/root_directory.h"
+#include "tools/base/control.h"
+#include "tools/base/files.h"
+#include "tools/target/device_root.h"
+#include "tools/target/root_directory.h"
 
 namespace {
 

@@ -1,0 +1,102 @@
+// From a report's text to the model and to its JSON document.
+#include "tools/report/model.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/temporary_directory.h"
+#include "tools/export/json.h"
+
+namespace memleak {
+namespace {
+
+const std::string kText =
+    "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 5000\n"
+    "Allocation records: 3/2\nBacktrace size: 10\n\n"
+    "sz 32 96 num 3 time 5 200 0  bt [/absent\xff.so+0x10] [unknow][+0x1] \n"
+    "damaged\n"
+    "sz 8 8 num 1 time  bt [/absent\xff.so+0x10] [unknow]\n"
+    "==============================Java-Native Stack==============================\n"
+    "sz 16 64 num 4\n#00 rel_pc 1a _ZN3art3RunEv\n#01 rel_pc 1b \n#02 rel_pc 1a _ZN3art3RunEv\nEND";
+
+TEST(Model, KeepsEachFrameOnceAndEveryGroup) {
+  const TemporaryDirectory directory;
+  const Profile profile = LoadProfile(directory.Write("report", kText), {});
+  EXPECT_TRUE(profile.complete);
+  EXPECT_GT(profile.made, 1'500'000'000);
+  ASSERT_EQ(profile.groups.size(), 3U);
+  EXPECT_EQ(profile.frames.size(), 5U);
+  const Group& first = profile.groups[0];
+  ASSERT_EQ(first.stack.size(), 3U);
+  EXPECT_EQ(profile.groups[1].stack, (std::vector<std::uint32_t>{first.stack[0], first.stack[1]}));
+  EXPECT_EQ(FrameName(profile, profile.frames[first.stack[0]]), "absent\xff.so+0x10");
+  EXPECT_EQ(FrameName(profile, profile.frames[first.stack[1]]), "[unknown]");
+  EXPECT_EQ(FrameName(profile, profile.frames[first.stack[2]]), "(nameless)+0x1");
+  const Group& java = profile.groups[2];
+  EXPECT_EQ(java.kind, GroupKind::kJava);
+  EXPECT_EQ(java.stack[0], java.stack[2]);
+  EXPECT_EQ(profile.frames[java.stack[0]].function, "art::Run()");
+  EXPECT_EQ(profile.Listed(GroupKind::kNative), (Sums{104, 2, 4}));
+  EXPECT_EQ(profile.Unlisted(), (Sums{4896, 1, 0}));
+}
+
+TEST(Model, ResolvesInlinedCallsIntoFramesOfTheirOwn) {
+  const TemporaryDirectory directory;
+  std::ostringstream text;
+  // The whole of the code: every place in the fixture's few functions is met.
+  text << kText.substr(0, kText.find("sz 32")) << "sz 1 1 num 1 time 1  bt " << std::hex;
+  for (int offset = 0; offset < 0x400; ++offset)
+    text << "[" FIXTURE_SYMBOLS "+0x" << offset << "] ";
+  text << "\n" << kText.substr(kText.find("==="));
+  const Profile profile = LoadProfile(directory.Write("report", text.str()), {});
+  ASSERT_EQ(profile.libraries.size(), 1U);
+  EXPECT_TRUE(profile.libraries[0].found);
+  EXPECT_EQ(profile.libraries[0].build_id.size(), 40U);
+  bool inlined = false;
+  const std::vector<std::uint32_t>& stack = profile.groups[0].stack;
+  for (std::size_t i = 0; i + 1 < stack.size(); ++i) {
+    const Frame& frame = profile.frames[stack[i]];
+    if (!frame.inlined) continue;
+    inlined = true;
+    EXPECT_EQ(frame.function, "known::Inner(int*)");
+    const Frame& caller = profile.frames[stack[i + 1]];
+    EXPECT_EQ(caller.function, "known::Widget::Use(int*)");
+    EXPECT_EQ(caller.line, 109U);
+    EXPECT_FALSE(caller.inlined);
+    EXPECT_EQ(caller.address, frame.address);
+  }
+  EXPECT_TRUE(inlined);
+}
+
+TEST(Json, HoldsTheModelAndIsValidWhateverTheNames) {
+  const TemporaryDirectory directory;
+  const Profile profile = LoadProfile(directory.Write("report", kText), {});
+  std::ostringstream out;
+  WriteJson(ToJson(profile), out);
+  const nlohmann::json document = nlohmann::json::parse(out.str());
+  EXPECT_EQ(document["format"], "memleak-profile");
+  EXPECT_EQ(document["report"]["damagedLines"], 1);
+  EXPECT_EQ(document["report"]["damaged"], std::vector<int>{7});
+  EXPECT_EQ(document["totals"], (nlohmann::json{{"bytes", 5000},
+                                                {"groups", 3},
+                                                {"announcedGroups", 2},
+                                                {"blocks", 4},
+                                                {"listedBytes", 104},
+                                                {"listedGroups", 2},
+                                                {"unlistedBytes", 4896},
+                                                {"unlistedGroups", 1},
+                                                {"javaBytes", 64},
+                                                {"javaGroups", 1}}));
+  EXPECT_EQ(document["groups"][0]["ages"], (std::vector<int>{5, 200, 0}));
+  EXPECT_EQ(document["groups"][2]["kind"], "java");
+  EXPECT_EQ(document["frames"].size(), 5U);
+  EXPECT_FALSE(document.contains("selection"));
+  EXPECT_EQ(
+      ToJson(profile, {1})["selection"],
+      (nlohmann::json{{"bytes", 8}, {"groups", 1}, {"omittedBytes", 160}, {"omittedGroups", 2}}));
+}
+
+}  // namespace
+}  // namespace memleak

@@ -1,0 +1,141 @@
+// Human-readable sizes, counts, ages and names.
+#include "tools/base/format.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <limits>
+#include <vector>
+
+#include "tools/base/names.h"
+
+namespace memleak {
+namespace {
+
+constexpr double kUnitStep = 1024.0;
+constexpr std::int64_t kMinute = 60;
+constexpr std::int64_t kHour = 60 * kMinute;
+constexpr std::int64_t kDay = 24 * kHour;
+
+/// Characters from `first` to `last`.
+struct Block {
+  std::uint32_t first = 0;
+  std::uint32_t last = 0;
+};
+
+// The blocks of wide and full-width characters in Unicode's table of East Asian widths; a locale,
+// which the C library's function goes by, may know none of them.
+constexpr std::array kWideBlocks = {
+    Block{0x1100, 0x115f},   Block{0x2e80, 0x303e},   Block{0x3041, 0xa4cf},
+    Block{0xa960, 0xa97c},   Block{0xac00, 0xd7a3},   Block{0xf900, 0xfaff},
+    Block{0xfe30, 0xfe6f},   Block{0xff01, 0xff60},   Block{0xffe0, 0xffe6},
+    Block{0x16fe0, 0x1b2ff}, Block{0x1f300, 0x1f64f}, Block{0x1f680, 0x1f6ff},
+    Block{0x1f900, 0x1f9ff}, Block{0x20000, 0x3fffd}};
+
+// Columns of a terminal that Printable(character.bytes) takes.
+std::size_t ColumnsOf(const Character& character) {
+  if (!character.printable) return Printable(character.bytes).size();
+  const bool wide = std::any_of(kWideBlocks.begin(), kWideBlocks.end(), [&](const Block& block) {
+    return character.value >= block.first && character.value <= block.last;
+  });
+  return wide ? 2 : 1;
+}
+
+/// A character and the columns that it takes.
+struct Cell {
+  std::string_view bytes;
+  std::size_t columns = 1;
+};
+
+std::vector<Cell> CellsOf(std::string_view text) {
+  std::vector<Cell> cells;
+  while (!text.empty()) {
+    const Character character = FirstCharacter(text);
+    cells.push_back({character.bytes, ColumnsOf(character)});
+    text.remove_prefix(character.bytes.size());
+  }
+  return cells;
+}
+
+std::size_t Sum(const std::vector<Cell>& cells) {
+  std::size_t columns = 0;
+  for (const Cell& cell : cells) columns += cell.columns;
+  return columns;
+}
+
+std::string TwoUnits(std::int64_t seconds, std::int64_t large, char large_name, std::int64_t small,
+                     char small_name) {
+  std::string text = std::to_string(seconds / large) + large_name;
+  const std::int64_t rest = seconds % large / small;
+  if (rest != 0) text += " " + std::to_string(rest) + small_name;
+  return text;
+}
+
+}  // namespace
+
+std::string FormatBytes(std::uint64_t bytes) {
+  constexpr std::array<const char*, 7> kUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  if (bytes < 1024) return std::to_string(bytes) + " B";
+  auto value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  // What would round to 1024.0 is shown in the next unit.
+  while (value >= kUnitStep - 0.05 && unit + 1 < kUnits.size()) {
+    value /= kUnitStep;
+    ++unit;
+  }
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%.1f %s", value, kUnits.at(unit));
+  return text.data();
+}
+
+std::string FormatCount(std::uint64_t count) {
+  std::string digits = std::to_string(count);
+  for (std::size_t i = digits.size(); i > 3; i -= 3) digits.insert(i - 3, ",");
+  return digits;
+}
+
+std::string FormatClock(std::int64_t seconds_since_epoch) {
+  const std::time_t time = seconds_since_epoch;
+  std::tm parts{};
+  localtime_r(&time, &parts);
+  std::array<char, 32> text{};
+  std::strftime(text.data(), text.size(), "%H:%M:%S", &parts);
+  return text.data();
+}
+
+std::string FormatAge(std::int64_t seconds) {
+  // The lowest number has no opposite; it stands in damaged reports only.
+  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+  if (seconds < 0) return "-" + FormatAge(seconds < -kHighest ? kHighest : -seconds);
+  if (seconds < kMinute) return std::to_string(seconds) + "s";
+  if (seconds < kHour) return TwoUnits(seconds, kMinute, 'm', 1, 's');
+  if (seconds < kDay) return TwoUnits(seconds, kHour, 'h', kMinute, 'm');
+  return TwoUnits(seconds, kDay, 'd', kHour, 'h');
+}
+
+std::size_t Columns(std::string_view text) {
+  return Sum(CellsOf(text));
+}
+
+std::string FitWidth(std::string_view text, std::size_t width) {
+  const std::string kGap = "...";
+  const std::vector<Cell> cells = CellsOf(text);
+  if (Sum(cells) <= width || width <= kGap.size()) return Printable(text);
+  const std::size_t room = width - kGap.size();
+  std::size_t left = (room + 1) / 2;
+  std::size_t front = 0;  // bytes
+  for (auto cell = cells.begin(); cell->columns <= left; ++cell) {
+    left -= cell->columns;
+    front += cell->bytes.size();
+  }
+  left += room / 2;
+  std::size_t back = 0;
+  for (auto cell = cells.rbegin(); cell->columns <= left; ++cell) {
+    left -= cell->columns;
+    back += cell->bytes.size();
+  }
+  return Printable(text.substr(0, front)) + kGap + Printable(text.substr(text.size() - back));
+}
+
+}  // namespace memleak

@@ -1,0 +1,64 @@
+// Writing beside the target, then renaming.
+#include "tools/base/output_file.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "tools/base/user_error.h"
+
+namespace memleak {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Reason() {
+  return errno == 0 ? "writing failed" : std::strerror(errno);
+}
+
+}  // namespace
+
+void RefuseOverwriting(const std::string& output, const std::vector<std::string>& inputs) {
+  for (const std::string& input : inputs) {
+    std::error_code ignored;  // one that is not there is no other's
+    if (output.empty() || input.empty() || !fs::equivalent(output, input, ignored)) continue;
+    throw UserError("output would overwrite what is read: " + output,
+                    "choose another file with -o");
+  }
+}
+
+OutputFile::OutputFile(const std::string& path) : given_(path), target_(path), beside_(path) {
+  std::error_code error;
+  // A link stays one: what it leads to is replaced.
+  if (fs::is_symlink(path, error)) target_ = fs::weakly_canonical(path, error).string();
+  const fs::file_status status = fs::status(target_, error);
+  if (fs::is_regular_file(status) || !fs::exists(status)) {
+    beside_ = target_ + ".part-" + std::to_string(getpid());
+  }
+  errno = 0;
+  stream_.open(beside_, std::ios::binary | std::ios::trunc);
+  if (!stream_) Fail(Reason());
+  if (fs::is_regular_file(status)) fs::permissions(beside_, status.permissions(), error);
+  errno = 0;
+}
+
+OutputFile::~OutputFile() {
+  if (beside_ != target_) unlink(beside_.c_str());
+}
+
+void OutputFile::Commit() {
+  stream_.close();
+  if (!stream_) Fail(Reason());
+  if (beside_ == target_) return;
+  if (std::rename(beside_.c_str(), target_.c_str()) != 0) Fail(Reason());
+  beside_ = target_;
+}
+
+void OutputFile::Fail(const std::string& reason) const {
+  throw UserError("cannot write " + given_ + ": " + reason,
+                  "give -o a file in a directory that you may write to");
+}
+
+}  // namespace memleak

@@ -1,0 +1,115 @@
+// `fd`: steers the outside library that tracks file descriptors, through the tracker.
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <thread>
+
+#include "tools/base/control.h"
+#include "tools/base/format.h"
+#include "tools/base/user_error.h"
+#include "tools/commands/commands.h"
+#include "tools/target/hook_outcome.h"
+#include "tools/target/log_tail.h"
+#include "tools/target/root_directory.h"
+#include "tools/target/signal_sender.h"
+#include "tools/target/site.h"
+
+namespace memleak {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr const char* kFdLibrary = "libfdtrack.so";
+constexpr auto kPoll = milliseconds(20);
+constexpr auto kPatience = milliseconds(3000);
+// The tracker says when a command has come, and after that only what went wrong.
+constexpr auto kSettle = milliseconds(200);
+
+struct Action {
+  const char* name;
+  std::uint64_t word;
+  bool needs_library;  ///< does nothing unless the library was loaded by an earlier "on"
+  const char* done;
+};
+
+constexpr Action kActions[] = {
+    {"on", kFdOn, false, "file descriptors are tracked by libfdtrack.so"},
+    {"off", kFdOff, true, "file descriptors are not tracked any more"},
+    {"dump", kFdDump, true, "libfdtrack.so was told to dump its stacks"},
+    {"clear", kFdClear, false, "libfdtrack.so released, all memory records dropped"},
+};
+
+bool HasFdLibrary(const ProcessInfo& process) {
+  return MapsLibrary(ReadMaps(process.pid), kFdLibrary);
+}
+
+// As for native recording: what was asked for, else what is in force.
+std::uint32_t ParameterFor(const ProcessInfo& process, const FdOptions& options) {
+  const BacktraceSettings settings = ParseSettings(ReadSettings(process).text);
+  const std::uint32_t depth = options.depth.value_or(settings.depth.value_or(kDefaultDepth));
+  return ParameterWord(std::min(depth, kMaxDepth), settings.type.value_or(kUnwindFramePointers));
+}
+
+// What the tracker complains of, once the command has come and some time has passed; nothing when
+// the time is over and it has not.
+std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool is_emulated) {
+  const auto deadline = steady_clock::now() + (is_emulated ? 2 * kPatience : kPatience);
+  std::optional<steady_clock::time_point> received;
+  while (steady_clock::now() < deadline) {
+    const std::vector<std::string> lines = log.Lines();
+    std::vector<std::string> complaints = Complaints(lines);
+    if (!lines.empty() && !received) received = steady_clock::now();
+    const bool settled = received && steady_clock::now() - *received >= kSettle;
+    if (!complaints.empty() || settled) return complaints;
+    std::this_thread::sleep_for(kPoll);
+  }
+  return std::nullopt;
+}
+
+// Without a log: whether the library has come.
+bool WaitForLibrary(const ProcessInfo& process) {
+  const auto deadline = steady_clock::now() + kPatience;
+  while (steady_clock::now() < deadline) {
+    if (HasFdLibrary(process)) return true;
+    std::this_thread::sleep_for(kPoll);
+  }
+  return false;
+}
+
+}  // namespace
+
+int FdCommand(const FdOptions& options) {
+  const auto* const action =
+      std::find_if(std::begin(kActions), std::end(kActions),
+                   [&](const Action& candidate) { return options.action == candidate.name; });
+  if (action == std::end(kActions)) {
+    throw UserError("fd does not know: " + options.action, "give on, off, dump or clear");
+  }
+  const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+  const LogTail log(process);
+  if (action->needs_library && !HasFdLibrary(process)) {
+    throw UserError(
+        std::string(kFdLibrary) + " is not loaded in " + process.Label() + "; nothing was sent",
+        "switch it on first: memleak fd on " + std::to_string(process.pid));
+  }
+  SendCommand(process, action->word, action->word == kFdOn ? ParameterFor(process, options) : 0);
+
+  std::optional<std::vector<std::string>> complaints;
+  if (log.IsReadable()) complaints = WaitForAnswer(log, process.is_emulated);
+  if (complaints && !complaints->empty()) {
+    throw UserError(
+        "the tracker in " + process.Label() + " says: " + FitWidth(complaints->front(), 200),
+        std::string("have ") + kFdLibrary +
+            " with its three functions where the program finds its libraries");
+  }
+  if (action->word == kFdOn && !WaitForLibrary(process)) {
+    throw UserError(std::string(kFdLibrary) + " was not loaded in " + process.Label(),
+                    "have it where the program finds its libraries");
+  }
+  std::cout << process.Label() << ": " << action->done
+            << (complaints ? "" : std::string(" (") + Advice().unseen + ")") << "\n";
+  return kExitOk;
+}
+
+}  // namespace memleak

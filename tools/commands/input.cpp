@@ -1,0 +1,162 @@
+// Finding and opening reports.
+#include "tools/commands/input.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <vector>
+
+#include "tools/base/control.h"
+#include "tools/base/format.h"
+#include "tools/base/user_error.h"
+
+namespace memleak {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kDamagedLinesShown = 5;
+
+// What to do when a library's file is newer than the report, and than the earlier of two.
+constexpr const char* kNewerRemedy = "keep the files of that time and name them by --sysroot";
+constexpr const char* kNewerOldRemedy =
+    "name the files of that time by --old-symbols or --old-sysroot";
+
+// Rising numbers of lines as "16-30, 44".
+std::string Ranges(const std::vector<std::uint64_t>& lines) {
+  std::string text;
+  for (std::size_t i = 0; i < lines.size();) {
+    std::size_t end = i + 1;
+    while (end < lines.size() && lines[end] == lines[end - 1] + 1) ++end;
+    if (!text.empty()) text += ", ";
+    text += std::to_string(lines[i]);
+    if (end - i > 1) text += "-" + std::to_string(lines[end - 1]);
+    i = end;
+  }
+  return text;
+}
+
+// What the head lacks, the first damaged lines with what is wrong with them, and the numbers of the
+// others. A document has numbers alone.
+void WarnOfDamage(const Profile& profile) {
+  std::size_t told = 0;
+  std::vector<std::uint64_t> others;
+  for (const DamagedLine& line : profile.damaged) {
+    const bool missing = line.number == 0;
+    if (!missing && (told >= kDamagedLinesShown || line.reason.empty())) {
+      others.push_back(line.number);
+      continue;
+    }
+    ++told;
+    std::cerr << "memleak: ";
+    if (!missing) std::cerr << "line " << line.number << " left out: ";
+    std::cerr << FitWidth(line.reason, 120) << "\n";
+  }
+  if (profile.damaged_lines <= told) return;
+  const std::uint64_t rest = profile.damaged_lines - told;
+  std::cerr << "memleak: " << rest << (told == 0 ? "" : " more") << (rest == 1 ? " line" : " lines")
+            << " left out";
+  if (!others.empty()) std::cerr << ": " << Ranges(others);
+  if (!others.empty() && rest > others.size()) std::cerr << " and behind";
+  std::cerr << "\n";
+}
+
+// Names taken from a file of another build are wrong, and nothing else would tell.
+void WarnOfNewerFiles(const Profile& profile, const std::string& remedy) {
+  const auto newer = [](const Library& library) { return library.newer; };
+  const auto first = std::find_if(profile.libraries.begin(), profile.libraries.end(), newer);
+  if (first == profile.libraries.end()) return;
+  const auto count = std::count_if(first, profile.libraries.end(), newer);
+  std::cerr << "memleak: names may be wrong: " << FitWidth(first->path, 60);
+  if (count > 1) std::cerr << " and " << count - 1 << " more";
+  std::cerr << (count > 1 ? " are" : " is") << " newer than " << FitWidth(profile.path, 60) << "; "
+            << remedy << "\n";
+}
+
+void CheckDirectories(const SymbolOptions& options) {
+  std::vector<std::string> directories = options.symbol_dirs;
+  if (!options.sysroot.empty()) directories.push_back(options.sysroot);
+  for (const std::string& directory : directories) {
+    std::error_code ignored;
+    if (!fs::is_directory(directory, ignored)) {
+      throw UserError("no directory to take symbols from: " + directory,
+                      "give only directories that exist");
+    }
+  }
+}
+
+void WarnOfVainDirectories(const std::string& document, const SymbolOptions& options) {
+  if (options.symbol_dirs.empty() && options.sysroot.empty()) return;
+  std::cerr << "memleak: " << FitWidth(document, 60)
+            << ": directories are of no use, symbols in a document are those of its time\n";
+}
+
+void ForgetDirectories(SymbolOptions* options) {
+  options->symbol_dirs.clear();
+  options->sysroot.clear();
+}
+
+void Check(const Profile& profile, bool partial) {
+  if (!profile.complete && !partial) {
+    throw UserError("report is truncated: " + profile.path + " (no \"END\" at its end)",
+                    "wait until it is written, or see what is there with --partial");
+  }
+  WarnOfDamage(profile);
+}
+
+Profile Open(const std::string& given, bool partial, const SymbolOptions& options,
+             const std::string& newer_remedy) {
+  CheckDirectories(options);
+  const std::string path = FindReport(given);
+  const bool document = IsJsonDocument(path);
+  if (document) WarnOfVainDirectories(path, options);
+  Profile profile = document ? LoadDocument(path) : LoadProfile(path, options);
+  Check(profile, partial);
+  WarnOfNewerFiles(profile, newer_remedy);
+  return profile;
+}
+
+}  // namespace
+
+std::string FindReport(const std::string& given) {
+  std::error_code ignored;
+  if (!fs::is_directory(given, ignored)) return given;
+  const fs::path below = fs::path(given) / kReportFile;
+  for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
+    std::error_code error;
+    const bool found = fs::is_regular_file(candidate, error);
+    // A directory without permission hides whether the report is there.
+    if (found || error == std::errc::permission_denied) return candidate.string();
+  }
+  throw UserError("no report below " + given, "write one with: memleak report PID");
+}
+
+Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options) {
+  return Open(given, partial, options, kNewerRemedy);
+}
+
+ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
+                     const SymbolOptions& options, const OldSymbolOptions& old_options) {
+  SymbolOptions old_symbols = ForOld(options, old_options);
+  SymbolOptions symbols = options;
+  // Directories that are for both are of use if one of the two is a report.
+  const bool own = !old_options.symbol_dirs.empty() || !old_options.sysroot.empty();
+  const bool old_document = IsJsonDocument(FindReport(before));
+  const bool document = IsJsonDocument(FindReport(after));
+  if (old_document && !own) ForgetDirectories(&old_symbols);
+  if (document && !own && !old_document) ForgetDirectories(&symbols);
+  CheckDirectories(options);
+  return {Open(before, partial, old_symbols, kNewerOldRemedy),
+          Open(after, partial, symbols, kNewerRemedy)};
+}
+
+Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options) {
+  CheckDirectories(options);
+  WarnOfVainDirectories(path, options);
+  Document document = LoadAnyDocument(path);
+  Check(document.profile, partial);
+  if (document.base) Check(*document.base, partial);
+  return document;
+}
+
+}  // namespace memleak

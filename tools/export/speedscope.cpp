@@ -1,0 +1,105 @@
+// Each group is one sample, weighted by what it holds.
+#include "tools/export/speedscope.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "tools/export/folded.h"
+#include "tools/export/json.h"
+
+namespace memleak {
+namespace {
+
+using nlohmann::json;
+
+/// The viewer's table of frames: those that read the same are one.
+class FrameTable {
+ public:
+  explicit FrameTable(const Profile& profile) {
+    std::unordered_map<std::string, std::size_t> known;
+    for (const Frame& frame : profile.frames) {
+      json entry = {{"name", FrameName(profile, frame)}};
+      const std::string file = FileOf(profile, frame);
+      if (!file.empty()) entry["file"] = file;
+      if (frame.line != 0) entry["line"] = frame.line;
+      const std::string key =
+          entry["name"].get<std::string>() + '\n' + file + '\n' + std::to_string(frame.line);
+      const auto [place, added] = known.try_emplace(key, entries_.size());
+      if (added) entries_.push_back(std::move(entry));
+      indices_.push_back(place->second);
+    }
+    unknown_ = entries_.size();
+    entries_.push_back({{"name", "[unknown]"}});
+  }
+
+  json Stack(const Group& group) const {
+    json stack = json::array();
+    for (auto frame = group.stack.rbegin(); frame != group.stack.rend(); ++frame) {
+      stack.push_back(indices_[*frame]);
+    }
+    if (stack.empty()) stack.push_back(unknown_);
+    return stack;
+  }
+
+  json TakeEntries() { return std::move(entries_); }
+
+ private:
+  // Without a source file, the library says more than nothing; the viewer colours by it.
+  static std::string FileOf(const Profile& profile, const Frame& frame) {
+    if (!frame.file.empty() || frame.library < 0) return frame.file;
+    return profile.libraries[static_cast<std::size_t>(frame.library)].path;
+  }
+
+  json entries_ = json::array();
+  std::vector<std::size_t> indices_;
+  std::size_t unknown_ = 0;
+};
+
+json OneProfile(const Profile& profile, const FrameTable& frames, GroupKind kind, Measure measure) {
+  json samples = json::array();
+  json weights = json::array();
+  std::uint64_t sum = 0;
+  for (const Group& group : profile.groups) {
+    const std::uint64_t weight = measure == Measure::kBytes ? group.total : group.count;
+    if (group.kind != kind || weight == 0) continue;
+    samples.push_back(frames.Stack(group));
+    weights.push_back(weight);
+    sum += weight;
+  }
+  std::string name = kind == GroupKind::kNative ? "native" : "Java-native";
+  name += measure == Measure::kBytes ? ", bytes held" : ", blocks held";
+  return {{"type", "sampled"},
+          {"name", std::move(name)},
+          {"unit", measure == Measure::kBytes ? "bytes" : "none"},
+          {"startValue", 0},
+          {"endValue", sum},
+          {"samples", std::move(samples)},
+          {"weights", std::move(weights)}};
+}
+
+}  // namespace
+
+void WriteSpeedscope(const Profile& profile, std::ostream& out) {
+  FrameTable frames(profile);
+  json profiles = json::array();
+  for (const GroupKind kind : {GroupKind::kNative, GroupKind::kJava}) {
+    if (kind == GroupKind::kJava && profile.Listed(kind).groups == 0) continue;
+    for (const Measure measure : {Measure::kBytes, Measure::kBlocks}) {
+      profiles.push_back(OneProfile(profile, frames, kind, measure));
+    }
+  }
+  const json document = {{"$schema", "https://www.speedscope.app/file-format-schema.json"},
+                         {"exporter", "memleak"},
+                         {"name", profile.path.substr(profile.path.rfind('/') + 1)},
+                         {"activeProfileIndex", 0},
+                         {"profiles", std::move(profiles)},
+                         {"shared", {{"frames", frames.TakeEntries()}}}};
+  WriteJson(document, out);
+}
+
+}  // namespace memleak

@@ -1,0 +1,10 @@
+// The root of a device.
+#include "tools/target/device_root.h"
+
+namespace memleak {
+
+std::string DeviceRoot() {
+  return "/";
+}
+
+}  // namespace memleak

@@ -1,0 +1,255 @@
+// The rules by which a library's slot can be hooked.
+#include "tools/target/hook_targets.h"
+
+#include <algorithm>
+
+#include "tools/base/control.h"
+
+namespace memleak {
+namespace {
+
+constexpr const char* kTrampolineName = "[anon:plthooks plt trampolines]";
+
+const LoadedLibrary* Find(const LoadedLibraries& loaded, const std::string& name) {
+  const auto by = [&](auto matches) -> const LoadedLibrary* {
+    const auto found = std::find_if(loaded.libraries.begin(), loaded.libraries.end(), matches);
+    return found == loaded.libraries.end() ? nullptr : &*found;
+  };
+  // The name that the tracker knows comes first; a person may have read another in maps.
+  const LoadedLibrary* library = by([&](const LoadedLibrary& candidate) {
+    return candidate.name == name && !candidate.is_program;
+  });
+  if (library != nullptr) return library;
+  return by([&](const LoadedLibrary& candidate) {
+    return candidate.path.substr(candidate.path.rfind('/') + 1) == name ||
+           (candidate.file && candidate.file->soname == name);
+  });
+}
+
+bool IsOwn(const std::string& library) {
+  return library == kTrackerLibrary || library == kPreloadLibrary;
+}
+
+const Mapping* MappingOf(const LoadedLibraries& loaded, std::uint64_t address) {
+  const auto found = std::find_if(
+      loaded.mappings.begin(), loaded.mappings.end(),
+      [&](const Mapping& mapping) { return address >= mapping.start && address < mapping.end; });
+  return found == loaded.mappings.end() ? nullptr : &*found;
+}
+
+// What a jump slot's content says.
+ImportState StateOfSlot(const LoadedLibraries& loaded, const LoadedLibrary& library,
+                        const Import& import, const ProcessMemory& memory) {
+  const std::optional<std::uint64_t> target = memory.Word(library.bias + import.slot);
+  if (!target) return ImportState::kReady;
+  const Mapping* mapping = MappingOf(loaded, *target);
+  if (mapping == nullptr) return ImportState::kUnresolved;
+  // Code of no file: a trampoline. (Its name, if the kernel keeps one, is "[anon:...]"; an emulator
+  // takes the right to execute it for itself.)
+  if (mapping->path.empty() || mapping->path.starts_with("[anon")) return ImportState::kHooked;
+  // Until it is resolved a slot leads back into its own library.
+  const bool own = mapping->path == library.path && !import.defined_here;
+  return own ? ImportState::kUnresolved : ImportState::kReady;
+}
+
+// Whether the slot leads to the tracker's trampolines, and not to code that somebody else has made:
+// a kernel that keeps names of anonymous memory tells.
+bool LeadsToTracker(const LoadedLibraries& loaded, const LoadedLibrary& library,
+                    const Import& import, const ProcessMemory& memory) {
+  if (StateOfSlot(loaded, library, import, memory) != ImportState::kHooked) return false;
+  const Mapping* code = MappingOf(loaded, memory.Word(library.bias + import.slot).value_or(0));
+  return code != nullptr && (code->path.empty() || code->path == kTrampolineName);
+}
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
+bool Has(const std::vector<std::string>& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+void AddOnce(const std::string& name, std::vector<std::string>* names) {
+  if (!Has(*names, name)) names->push_back(name);
+}
+
+/// A plan that is being made.
+class Planner {
+ public:
+  Planner(const ProcessInfo& process, const LoadedLibraries& loaded, const HookRequest& request,
+          const ProcessMemory& memory)
+      : process_(process),
+        loaded_(loaded),
+        request_(request),
+        memory_(memory),
+        list_("see memleak libs " + std::to_string(process.pid)) {}
+
+  HookPlan Make() {
+    for (const std::string& name : request_.libraries) AddLibrary(name);
+    for (const HookPair& pair : several_) AddSeveral(pair);
+    return std::move(plan_);
+  }
+
+ private:
+  void Problem(const std::string& what, const std::string& remedy) {
+    plan_.problems.emplace_back(what, remedy);
+  }
+
+  void AddLibrary(const std::string& asked) {
+    const LoadedLibrary* library = Find(loaded_, asked);
+    if (library == nullptr) {
+      return Problem(asked + " is not loaded in " + process_.Label(),
+                     list_ + ", or switch on when it is");
+    }
+    if (library->is_program) {
+      return Problem(asked + " is the program itself, and only libraries can be hooked", list_);
+    }
+    const std::string& name = library->name;
+    if (IsOwn(name)) return Problem(name + " belongs to the tracker", "name another");
+    if (!IsLibraryName(name)) {
+      return Problem(name +
+                         " is loaded by a name that ends in neither .so nor .so.N, and is not"
+                         " looked at by the tracker",
+                     "rename it");
+    }
+    if (library->is_shadowed) {
+      return Problem(library->path +
+                         " has the name of a library loaded before it, which is hooked"
+                         " in its place",
+                     "rename it");
+    }
+    const std::size_t before = Count();
+    for (const std::string& function : request_.functions) AddPair(*library, function);
+    if (Count() == before) {
+      Problem(name + " imports none of " + Joined(request_.functions), list_);
+    }
+  }
+
+  std::size_t Count() const { return plan_.pairs.size() + plan_.problems.size() + several_.size(); }
+
+  // What is left out of the plan is hooked all the same when the plan has its library and its
+  // function, each for the sake of another pair: the settings name them apart.
+  void AddSeveral(const HookPair& pair) {
+    const std::string several =
+        pair.library + " has several jump slots for " + pair.function + ", and ";
+    if (Has(plan_.libraries, pair.library) && Has(plan_.functions, pair.function)) {
+      return Problem(several + "is hooked there all the same, since the settings name libraries" +
+                         " and functions apart",
+                     "leave one of the two out");
+    }
+    Problem(several + "the tracker takes exactly one", "leave it out");
+  }
+
+  void AddPair(const LoadedLibrary& library, const std::string& function) {
+    const std::string& name = library.name;
+    if (!HasProxy(function, name)) {
+      if (function == "ioctl") {
+        return Problem("ioctl cannot be hooked in " + name,
+                       "it can in libdmabufheap.so and libgsl.so alone");
+      }
+      return Problem(function + " cannot be hooked in " + name,
+                     "these can: mmap, mmap64, __mmap2, mremap, munmap");
+    }
+    switch (ImportStateOf(loaded_, library, function, memory_)) {
+      case ImportState::kNone:
+        if (request_.functions_given) Problem(name + " does not import " + function, list_);
+        return;
+      case ImportState::kNoSlot:
+        return Problem(name + " has no jump slot for " + function +
+                           ": it was built with -fno-plt, or only takes the function's address",
+                       "build it without that option");
+      case ImportState::kSeveral:
+        several_.push_back({name, function});
+        return;
+      case ImportState::kUnresolved:
+        return Problem(name + " has not resolved " + function + " yet (lazy binding)",
+                       "start the program with LD_BIND_NOW=1, as memleak run does");
+      case ImportState::kReady:
+      case ImportState::kHooked:
+        break;
+    }
+    plan_.pairs.push_back({name, function});
+    AddOnce(name, &plan_.libraries);
+    AddOnce(function, &plan_.functions);
+  }
+
+  const ProcessInfo& process_;
+  const LoadedLibraries& loaded_;
+  const HookRequest& request_;
+  const ProcessMemory& memory_;
+  std::string list_;
+  HookPlan plan_;
+  std::vector<HookPair> several_;
+};
+
+}  // namespace
+
+const std::vector<std::string>& HookableFunctions() {
+  static const std::vector<std::string> functions = {"mmap",   "mmap64", "__mmap2",
+                                                     "mremap", "munmap", "ioctl"};
+  return functions;
+}
+
+bool HasProxy(const std::string& function, const std::string& library) {
+  if (function == "ioctl") return library == "libdmabufheap.so" || library == "libgsl.so";
+  const std::vector<std::string>& all = HookableFunctions();
+  return std::find(all.begin(), all.end(), function) != all.end();
+}
+
+ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& library,
+                          const std::string& function, const ProcessMemory& memory) {
+  if (!library.file) return ImportState::kReady;
+  ImportState state = ImportState::kNone;
+  int slots = 0;
+  for (const Import& import : library.file->imports) {
+    if (import.function != function) continue;
+    if (import.jump_slot) {
+      state = StateOfSlot(loaded, library, import, memory);
+      ++slots;
+    } else if (slots == 0) {
+      state = ImportState::kNoSlot;
+    }
+  }
+  return slots > 1 ? ImportState::kSeveral : state;
+}
+
+HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
+                   const HookRequest& request, const ProcessMemory& memory) {
+  return Planner(process, loaded, request, memory).Make();
+}
+
+std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMemory& memory) {
+  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
+  std::vector<HookPair> hooked;
+  for (const LoadedLibrary& library : loaded.libraries) {
+    if (library.is_program || IsOwn(library.name) || !library.file) continue;
+    // The slots themselves are looked at: one of several may be hooked, too.
+    for (const Import& import : library.file->imports) {
+      const bool known = !hooked.empty() && hooked.back().library == library.name &&
+                         hooked.back().function == import.function;
+      if (known || !import.jump_slot || !HasProxy(import.function, library.name)) continue;
+      if (LeadsToTracker(loaded, library, import, memory)) {
+        hooked.push_back({library.name, import.function});
+      }
+    }
+  }
+  return hooked;
+}
+
+std::vector<HookPair> HookedPairs(const ProcessInfo& process, const HookPlan& plan,
+                                  const ProcessMemory& memory) {
+  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, plan.functions);
+  std::vector<HookPair> hooked;
+  for (const HookPair& pair : plan.pairs) {
+    const LoadedLibrary* library = Find(loaded, pair.library);
+    if (library == nullptr || !library->file) continue;
+    if (ImportStateOf(loaded, *library, pair.function, memory) == ImportState::kHooked) {
+      hooked.push_back(pair);
+    }
+  }
+  return hooked;
+}
+
+}  // namespace memleak

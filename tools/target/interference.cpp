@@ -1,0 +1,128 @@
+// Command words in the tracker's log, and hooked slots.
+#include "tools/target/interference.h"
+
+#include <charconv>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <sstream>
+#include <string_view>
+
+#include "tools/base/control.h"
+#include "tools/base/format.h"
+#include "tools/base/user_error.h"
+#include "tools/target/hook_targets.h"
+#include "tools/target/log_tail.h"
+#include "tools/target/root_directory.h"
+
+namespace memleak {
+namespace {
+
+struct Effect {
+  std::uint64_t words;  // any of these
+  const char* text;
+};
+
+// Most severe effect first: a word may have several.
+std::vector<Effect> Effects() {
+  Effect clear{kFdClear, "its tables were emptied"};
+  // These make another kind the one by which blocks are looked up.
+  Effect other{0, "it was told to record another kind of memory"};
+  for (const KindInfo& info : AllKinds()) {
+    clear.words |= info.clear;
+    if (info.kind != Kind::kNative) other.words |= info.on;
+    if (info.kind == Kind::kMmap) other.words |= info.pause | info.report;
+  }
+  return {{kNativeReport, "recording was stopped by a report"},
+          clear,
+          {kNativePause, "recording was paused"},
+          other};
+}
+
+// A line starts with seconds since the epoch.
+std::string TimeOf(const std::string& line) {
+  std::time_t time = 0;
+  std::from_chars(line.data(), line.data() + line.size(), time);
+  return time == 0 ? "" : " at " + FormatClock(time);
+}
+
+/// A recording that is on or paused.
+struct Recorded {
+  Kind kind = Kind::kNative;
+  const char* state = "";  // follows the kind's name
+};
+
+std::optional<Recorded> RecordedNatively(const ProcessInfo& process) {
+  const std::optional<std::string> log = OwnLog(process);
+  const Recording state = log ? RecordingFromLog(*log) : Recording::kUnknown;
+  if (state == Recording::kOn) return Recorded{Kind::kNative, " recording is on"};
+  if (state == Recording::kPaused) return Recorded{Kind::kNative, " recording is paused"};
+  return std::nullopt;
+}
+
+std::optional<Recorded> RecordedByHooks(const ProcessInfo& process) {
+  if (const std::optional<std::string> log = OwnLog(process)) {
+    const std::string state = HooksFromLog(*log);
+    for (const KindInfo& info : AllKinds()) {
+      if (state == std::string(info.name) + " on") return Recorded{info.kind, " recording is on"};
+      if (state == std::string(info.name) + " paused") {
+        return Recorded{info.kind, " recording is paused"};
+      }
+    }
+    // A forked child goes on as its parent did, whose lines are in the same log: ask the slots.
+    const bool others = !HooksFromLog(ReadTextFile(process.log).value_or("")).empty();
+    if (!state.empty() || !others) return std::nullopt;
+  }
+  const ProcessMemory memory(process.pid);
+  if (!memory.IsOpen()) return std::nullopt;
+  const std::vector<HookPair> hooked = AllHookedPairs(process, memory);
+  if (hooked.empty()) return std::nullopt;
+  const auto& [library, function] = hooked.front();
+  Recorded recorded{Kind::kMmap, " hooks are in place"};
+  for (const KindInfo& info : AllKinds()) {
+    if (function == "ioctl" && library == info.default_library) recorded.kind = info.kind;
+  }
+  return recorded;
+}
+
+}  // namespace
+
+void RefuseBeside(const ProcessInfo& process, Kind wanted) {
+  const auto find = [&](bool native) {
+    return native ? RecordedNatively(process) : RecordedByHooks(process);
+  };
+  const bool native = wanted == Kind::kNative;
+  const std::optional<Recorded> recorded = find(!native);
+  // With both recorded the harm is done, and each has to be ended somehow.
+  if (!recorded || find(native)) return;
+  const std::string kind = InfoOf(recorded->kind).name;
+  throw UserError(kind + recorded->state + " in " + process.Label() + ", and a command for " +
+                      InfoOf(wanted).name + " memory would spoil its records; nothing was sent",
+                  "first: memleak report " + std::to_string(process.pid) +
+                      (recorded->kind == Kind::kNative ? "" : " --kind " + kind));
+}
+
+std::string FindInterference(const std::vector<std::string>& lines) {
+  const std::vector<Effect> effects = Effects();
+  for (const std::string& line : lines) {
+    const std::uint64_t word = ReceivedWord(line);
+    for (const Effect& effect : effects) {
+      if ((word & effect.words) == 0) continue;
+      std::ostringstream text;
+      text << effect.text << " (command 0x" << std::hex << word << TimeOf(line) << ")";
+      return text.str();
+    }
+  }
+  return "";
+}
+
+Recording RecordingOf(const ProcessInfo& process) {
+  const std::optional<std::string> own = OwnLog(process);
+  if (!own) return Recording::kUnknown;
+  const Recording state = RecordingFromLog(*own);
+  const bool shared = state == Recording::kNever &&
+                      RecordingFromLog(ReadTextFile(process.log).value_or("")) != state;
+  return shared ? Recording::kUnknown : state;
+}
+
+}  // namespace memleak

@@ -1,0 +1,214 @@
+// From maps, memory and files to the list of a process's libraries.
+#include "tools/target/loaded_libraries.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <sstream>
+
+#include "tools/base/files.h"
+#include "tools/target/elf_info.h"
+
+namespace memleak {
+namespace {
+
+// Offsets in the dynamic linker's list, the same for all 64-bit machines: the head of struct
+// r_debug, and struct link_map.
+constexpr std::uint64_t kListHead = 8;
+constexpr std::uint64_t kEntryBias = 0;
+constexpr std::uint64_t kEntryName = 8;
+constexpr std::uint64_t kEntryNext = 24;
+// More than any process has; a list that is being changed, or is none, may have no end.
+constexpr int kMaxEntries = 20000;
+
+/// An entry of the dynamic linker's list.
+struct ListEntry {
+  std::uint64_t bias = 0;
+  std::string name;
+};
+
+std::string FileOf(pid_t pid, const Mapping& mapping) {
+  if (!mapping.deleted) return mapping.path;
+  // Under its name there may be another file by now.
+  std::ostringstream path;
+  path << "/proc/" << pid << "/map_files/" << std::hex << mapping.start << "-" << mapping.end;
+  return path.str();
+}
+
+// Every file that is mapped from its start, as far as it is a library for `machine` or cannot be
+// read.
+std::vector<LoadedLibrary> MappedLibraries(const ProcessInfo& process,
+                                           const std::vector<Mapping>& mappings,
+                                           const std::vector<std::string>& functions) {
+  const std::uint16_t machine = MachineOf(process);
+  std::vector<LoadedLibrary> libraries;
+  for (const Mapping& mapping : mappings) {
+    if (!mapping.IsFile() || mapping.offset != 0) continue;
+    LoadedLibrary library;
+    library.path = mapping.path;
+    library.bias = mapping.start;
+    library.file = ReadDynamicFile(FileOf(process.pid, mapping), functions);
+    if (library.file) {
+      if (library.file->machine != machine || library.file->first_offset != 0) continue;
+      library.bias -= library.file->first_address;
+      library.is_program = library.file->debug_entry.has_value();
+    } else if (!mapping.deleted || !IsLibraryName(LastPart(mapping.path))) {
+      continue;
+    }
+    libraries.push_back(std::move(library));
+  }
+  return libraries;
+}
+
+std::vector<ListEntry> ReadList(const std::vector<LoadedLibrary>& libraries,
+                                const ProcessMemory& memory) {
+  const auto program =
+      std::find_if(libraries.begin(), libraries.end(),
+                   [](const LoadedLibrary& library) { return library.is_program; });
+  if (program == libraries.end()) return {};
+  const auto head = memory.Word(program->bias + *program->file->debug_entry);
+  auto entry = head ? memory.Word(*head + kListHead) : std::nullopt;
+  std::vector<ListEntry> list;
+  for (int count = 0; entry && *entry != 0 && count < kMaxEntries; ++count) {
+    const auto bias = memory.Word(*entry + kEntryBias);
+    const auto name = memory.Word(*entry + kEntryName);
+    if (!bias || !name) break;
+    list.push_back({*bias, memory.Text(*name)});
+    entry = memory.Word(*entry + kEntryNext);
+  }
+  return list;
+}
+
+// Keeps what is on the list, in its order and under its names. A file may be mapped as mere data.
+std::vector<LoadedLibrary> NameByList(std::vector<LoadedLibrary> libraries,
+                                      const std::vector<ListEntry>& list) {
+  std::vector<LoadedLibrary> named;
+  for (const ListEntry& entry : list) {
+    const auto library =
+        std::find_if(libraries.begin(), libraries.end(),
+                     [&](const LoadedLibrary& candidate) { return candidate.bias == entry.bias; });
+    if (library == libraries.end()) continue;
+    named.push_back(std::move(*library));
+    libraries.erase(library);
+    named.back().name = LastPart(entry.name);
+  }
+  return named;
+}
+
+void NameByFile(std::vector<LoadedLibrary>* libraries) {
+  for (LoadedLibrary& library : *libraries) {
+    const bool has_soname = library.file && !library.file->soname.empty();
+    library.name = has_soname ? LastPart(library.file->soname) : LastPart(library.path);
+  }
+}
+
+void MarkShadowed(std::vector<LoadedLibrary>* libraries) {
+  for (auto library = libraries->begin(); library != libraries->end(); ++library) {
+    library->is_shadowed =
+        std::any_of(libraries->begin(), library, [&](const LoadedLibrary& before) {
+          return before.name == library->name && !before.is_program;
+        });
+  }
+}
+
+}  // namespace
+
+std::vector<Mapping> ParseMaps(std::string_view maps) {
+  constexpr std::string_view kDeleted = " (deleted)";
+  std::vector<Mapping> mappings;
+  std::istringstream lines{std::string(maps)};
+  for (std::string line; std::getline(lines, line);) {
+    Mapping mapping;
+    char dash = '\0';
+    std::string rights;
+    std::string device;
+    std::uint64_t inode = 0;
+    std::istringstream fields(line);
+    fields >> std::hex >> mapping.start >> dash >> mapping.end >> rights >> mapping.offset >>
+        device >> std::dec >> inode;
+    if (!fields || dash != '-' || rights.size() < 3 || mapping.end < mapping.start) continue;
+    mapping.executable = rights[2] == 'x';
+    fields >> std::ws;
+    std::getline(fields, mapping.path);
+    if (mapping.IsFile() && mapping.path.ends_with(kDeleted)) {
+      mapping.deleted = true;
+      mapping.path.resize(mapping.path.size() - kDeleted.size());
+    }
+    mappings.push_back(std::move(mapping));
+  }
+  return mappings;
+}
+
+ProcessMemory::ProcessMemory(pid_t pid)
+    : file_(open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC)) {}
+
+ProcessMemory::~ProcessMemory() {
+  if (file_ >= 0) close(file_);
+}
+
+std::optional<std::uint64_t> ProcessMemory::Word(std::uint64_t address) const {
+  std::uint64_t word = 0;
+  const ssize_t count = pread(file_, &word, sizeof(word), static_cast<off_t>(address));
+  if (count != static_cast<ssize_t>(sizeof(word))) return std::nullopt;
+  return word;
+}
+
+std::string ProcessMemory::Text(std::uint64_t address) const {
+  constexpr std::size_t kPage = 4096;
+  std::array<char, kPage> text{};
+  // In two steps: what follows the page of a short text need not be there.
+  const std::size_t first = std::min(kPage - address % kPage, kPage - 1);
+  const ssize_t count = pread(file_, text.data(), first, static_cast<off_t>(address));
+  if (count <= 0) return "";
+  auto end = text.begin() + count;
+  if (std::find(text.begin(), end, '\0') == end) {
+    const ssize_t more = pread(file_, &*end, kPage - 1 - static_cast<std::size_t>(count),
+                               static_cast<off_t>(address) + count);
+    end += std::max<ssize_t>(more, 0);
+  }
+  return {text.begin(), std::find(text.begin(), end, '\0')};
+}
+
+std::uint16_t MachineOf(const ProcessInfo& process) {
+  if (process.is_emulated) {
+    if (process.executable.find("aarch64") != std::string::npos) return EM_AARCH64;
+    if (process.executable.find("x86_64") != std::string::npos) return EM_X86_64;
+    return EM_NONE;
+  }
+  const std::optional<ElfInfo> image = ReadElf("/proc/" + std::to_string(process.pid) + "/exe");
+  return image ? image->machine : std::uint16_t{EM_NONE};
+}
+
+bool IsLibraryName(std::string_view name) {
+  constexpr std::string_view kDigits = "0123456789";
+  // Versions, from the last to the first.
+  while (!name.ends_with(".so")) {
+    const std::size_t dot = name.rfind('.');
+    if (dot == std::string_view::npos || dot + 1 == name.size()) return false;
+    if (name.find_first_not_of(kDigits, dot + 1) != std::string_view::npos) return false;
+    name = name.substr(0, dot);
+  }
+  return true;
+}
+
+LoadedLibraries ReadLoadedLibraries(const ProcessInfo& process, const ProcessMemory& memory,
+                                    const std::vector<std::string>& functions) {
+  LoadedLibraries loaded;
+  loaded.mappings = ParseMaps(ReadMaps(process.pid));
+  std::vector<LoadedLibrary> libraries = MappedLibraries(process, loaded.mappings, functions);
+  const std::vector<ListEntry> list = ReadList(libraries, memory);
+  if (list.empty()) {
+    NameByFile(&libraries);
+    loaded.libraries = std::move(libraries);
+  } else {
+    loaded.libraries = NameByList(std::move(libraries), list);
+  }
+  MarkShadowed(&loaded.libraries);
+  return loaded;
+}
+
+}  // namespace memleak

@@ -1,0 +1,83 @@
+// Processes of a device: one root for all, settings in the system's properties, the log in logcat.
+#include <sys/system_properties.h>
+
+#include <array>
+#include <sstream>
+
+#include "tools/base/control.h"
+#include "tools/base/user_error.h"
+#include "tools/target/device_root.h"
+#include "tools/target/kinds.h"
+#include "tools/target/site.h"
+
+namespace memleak {
+namespace {
+
+constexpr const char* kLogCommand = "logcat -s MemLeak.Native";
+
+std::string Property(const char* name) {
+  std::array<char, PROP_VALUE_MAX> value{};
+  const int length = __system_property_get(name, value.data());
+  return length > 0 ? std::string(value.data(), static_cast<std::size_t>(length)) : "";
+}
+
+UserError CannotSet(const std::string& name, const std::string& value) {
+  return {"cannot set the system property " + name + " to \"" + value + "\"",
+          "run memleak as root, or as root: setprop " + name + " '" + value + "'"};
+}
+
+}  // namespace
+
+void FindPlaces(ProcessInfo* process) {
+  process->root = DeviceRoot();
+}
+
+StoredSettings ReadSettings(const ProcessInfo& /*process*/) {
+  StoredSettings settings;
+  for (const char* name :
+       {kTypeProperty, kDepthProperty, kHookLibraryProperty, kHookFunctionProperty}) {
+    const std::string value = Property(name);
+    if (!value.empty()) settings.text += std::string(name) + "=" + value + "\n";
+  }
+  if (!settings.text.empty()) settings.place = "system properties";
+  return settings;
+}
+
+void WriteSettings(const ProcessInfo& /*process*/, const std::string& text) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos) continue;
+    const std::string name = line.substr(0, equals);
+    const std::string value = line.substr(equals + 1);
+    // Each needs a right of its own, so none is asked for without need.
+    if (Property(name.c_str()) == value) continue;
+    if (__system_property_set(name.c_str(), value.c_str()) != 0) {
+      throw CannotSet(name, value);
+    }
+  }
+}
+
+std::string LogPlace(const ProcessInfo& /*process*/) {
+  return kLogCommand;
+}
+
+std::string WhyUnknown(const ProcessInfo& /*process*/) {
+  return std::string(" (see: ") + kLogCommand + ")";
+}
+
+std::string FetchCommand(const std::string& path) {
+  return "adb pull " + path;
+}
+
+const SiteAdvice& Advice() {
+  static constexpr SiteAdvice kAdvice = {"pidof NAME (as root: others see their own alone)",
+                                         "run it as root or as the app's user (run-as)",
+                                         "with the tracker as its malloc debug library",
+                                         "take it before the process ends",
+                                         "sent; what came of it, see: logcat -s MemLeak.Native",
+                                         "what came of it, see: logcat -s MemLeak.Native"};
+  return kAdvice;
+}
+
+}  // namespace memleak

@@ -1,0 +1,123 @@
+// Programs under the loader: their environment says where they keep their files.
+#include <grp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "tools/base/control.h"
+#include "tools/base/files.h"
+#include "tools/base/user_error.h"
+#include "tools/target/root_directory.h"
+#include "tools/target/site.h"
+
+namespace memleak {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A path from the process's environment, absolute, with "%p" replaced.
+std::string OwnPath(const std::string& value, const ProcessInfo& process) {
+  const fs::path path = ExpandPid(value, process.pid);
+  if (path.is_absolute()) return path.lexically_normal().string();
+  const fs::path cwd = LinkTarget("/proc/" + std::to_string(process.pid) + "/cwd");
+  return (cwd / path).lexically_normal().string();
+}
+
+std::string Lookup(const std::map<std::string, std::string>& environment, const char* name) {
+  const auto entry = environment.find(name);
+  return entry == environment.end() ? "" : entry->second;
+}
+
+// While it lives, root's file access has the rights of a process's user. That process says where
+// its files are, and could otherwise have root read or write where only root may.
+class AsUserOf {
+ public:
+  explicit AsUserOf(const ProcessInfo& process) {
+    if (geteuid() != 0 || process.user == 0) return;
+    group_ = getegid();
+    groups_.resize(static_cast<std::size_t>(getgroups(0, nullptr)));
+    const int count = static_cast<int>(groups_.size());
+    active_ = getgroups(count, groups_.data()) == count && setgroups(0, nullptr) == 0 &&
+              setegid(process.group) == 0 && seteuid(process.user) == 0;
+    if (active_) return;
+    throw UserError("cannot take on the rights of user " + std::to_string(process.user) +
+                        ", whose process " + process.Label() + " is: " + std::strerror(errno),
+                    "run memleak as that user");
+  }
+  ~AsUserOf() {
+    // Root gets everything back that it has given up.
+    if (active_ && (seteuid(0) != 0 || setegid(group_) != 0 ||
+                    setgroups(groups_.size(), groups_.data()) != 0)) {
+      std::abort();
+    }
+  }
+  AsUserOf(const AsUserOf&) = delete;
+  AsUserOf& operator=(const AsUserOf&) = delete;
+
+ private:
+  bool active_ = false;
+  gid_t group_ = 0;
+  std::vector<gid_t> groups_;
+};
+
+}  // namespace
+
+void FindPlaces(ProcessInfo* process) {
+  const std::string root = Lookup(process->environment, kRootVariable);
+  process->root = root.empty() ? "/" : OwnPath(root, *process);
+  const std::string log = Lookup(process->environment, kLogVariable);
+  if (!log.empty() && log != "stderr") process->log = OwnPath(log, *process);
+  const std::string shared = Lookup(process->environment, kPropertiesVariable);
+  if (!shared.empty()) process->shared_properties = OwnPath(shared, *process);
+}
+
+StoredSettings ReadSettings(const ProcessInfo& process) {
+  const AsUserOf user(process);
+  if (const auto text = ReadProperties(process.root)) {
+    return {*text, process.PropertiesPath(), false};
+  }
+  // A process without an own file takes those that it shares; an own one hides them, and so is to
+  // start as their copy.
+  const std::string& shared = process.shared_properties;
+  if (const auto text = ReadTextFile(shared)) return {*text, shared, false};
+  return {"", "", shared.empty() && process.root != "/"};
+}
+
+void WriteSettings(const ProcessInfo& process, const std::string& text) {
+  const AsUserOf user(process);
+  WriteProperties(process.root, text);
+}
+
+std::string LogPlace(const ProcessInfo& process) {
+  return process.log;
+}
+
+std::string WhyUnknown(const ProcessInfo& process) {
+  std::string text = process.environment.contains(kStartVariable) ? ", on when it was started" : "";
+  if (!process.log.empty()) return text;
+  return text + (Lookup(process.environment, kLogVariable).empty()
+                     ? " (no log; memleak run --log FILE makes one)"
+                     : " (its log goes to its error output)");
+}
+
+std::string FetchCommand(const std::string& /*path*/) {
+  return "";
+}
+
+const SiteAdvice& Advice() {
+  static constexpr SiteAdvice kAdvice = {
+      "pgrep -a NAME",
+      "run memleak as the user who owns it, or as root",
+      "with: memleak run -- PROGRAM",
+      "start it with: memleak run --report-at-exit",
+      "sent; there is no log that would tell",
+      "what came of it cannot be seen: it has no log that can be\n"
+      "read, and its memory takes the right to debug it (memleak run --log FILE, or root)"};
+  return kAdvice;
+}
+
+}  // namespace memleak

@@ -1,0 +1,64 @@
+// The pieces that every printed view is made of. Called by the views; single-threaded.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include "tools/view/show.h"
+
+namespace memleak {
+
+inline constexpr std::size_t kColumns = 80;
+
+/// `part` of `whole` as "51.2 %"; empty without a whole.
+std::string Percent(std::uint64_t part, std::uint64_t whole);
+
+/// "1 block", "1,234 blocks".
+std::string Counted(std::uint64_t count, const std::string& noun);
+
+/// The last part of a path.
+std::string BaseName(const std::string& path);
+
+/// `text` padded on the left to `width` columns.
+std::string Right(const std::string& text, std::size_t width);
+
+/// `first` and `second` with a blank between them where they fit into a line of the terminal, else
+/// on two lines, the second one indented by two.
+std::string OneLineOrTwo(const std::string& first, const std::string& second);
+
+/// One kind of groups on its way to the terminal.
+struct Section {
+  const Profile& profile;
+  const ViewOptions& options;
+  const Selected& selected;
+  std::uint64_t whole = 0;  ///< bytes that shares are given of
+  const char* mark = "";    ///< before a group's number
+};
+
+/// Colours where they are wanted.
+class Paint {
+ public:
+  explicit Paint(bool on) : on_(on) {}
+  /// For the figure that counts in a line.
+  std::string Strong(const std::string& text) const { return Wrap("\033[1m", text); }
+  /// For a function's name.
+  std::string Name(const std::string& text) const { return Wrap("\033[36m", text); }
+  /// For what one may skip.
+  std::string Faint(const std::string& text) const { return Wrap("\033[2m", text); }
+
+ private:
+  std::string Wrap(std::string_view begin, const std::string& text) const {
+    return on_ ? std::string(begin) + text + "\033[0m" : text;
+  }
+  bool on_;
+};
+
+/// The views; each returns what it leaves out of the selection for the sake of --top.
+Sums PrintGroups(const Section& section, std::ostream& out);
+Sums PrintRows(const Section& section, RowKind kind, std::ostream& out);
+Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out);
+
+}  // namespace memleak

@@ -1,0 +1,179 @@
+// The frame around a view: figures before it; after it, what is not shown and which files would
+// give more symbols.
+#include "tools/view/show.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ostream>
+#include <utility>
+#include <vector>
+
+#include "tools/base/format.h"
+#include "tools/view/printer.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::size_t kHintsShown = 5;
+
+std::string InGroups(const Sums& sums) {
+  return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "group");
+}
+
+void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
+  out << "Report " << FitWidth(profile.path, kColumns - 7) << "\n";
+  if (profile.complete && profile.header.groups == 0 && profile.groups.empty()) {
+    out << "  " << kNothingHeld << "\n";
+    return;
+  }
+  const std::string held = FormatBytes(profile.header.total_bytes) + " held (" +
+                           Counted(profile.header.total_bytes, "byte") + ")";
+  const std::string groups =
+      "in " + Counted(profile.header.groups, "group") + " of one size and one stack";
+  const std::string depth =
+      "with at most " + Counted(profile.header.backtrace_size, "frame") + " each";
+  out << OneLineOrTwo("  " + held, groups) << "\n"
+      << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n";
+}
+
+Sums PrintView(const Section& section, std::ostream& out) {
+  switch (section.options.view) {
+    case View::kLibraries:
+      return PrintRows(section, RowKind::kLibrary, out);
+    case View::kFunctions:
+      return PrintRows(section, RowKind::kFunction, out);
+    case View::kTree:
+      return PrintTree(section, TreeEnd::kOutermost, out);
+    case View::kCallers:
+      return PrintTree(section, TreeEnd::kInnermost, out);
+    case View::kGroups:
+      break;
+  }
+  return PrintGroups(section, out);
+}
+
+const char* BelowText(View view) {
+  switch (view) {
+    case View::kLibraries:
+    case View::kFunctions:
+      return "whose innermost frame is in no row shown (--top N)";
+    case View::kTree:
+    case View::kCallers:
+      return "in branches not drawn (--top 0 draws all)";
+    case View::kGroups:
+      break;
+  }
+  return "further down the list (--top N shows more)";
+}
+
+void PrintNotShown(View view, const Sums& below, const Sums& cut, const Sums& unlisted,
+                   std::ostream& out) {
+  const std::pair<const Sums&, const char*> all_parts[] = {
+      {below, BelowText(view)},
+      {cut, "that the options leave out"},
+      {unlisted, "that the report does not list"}};
+  Sums all;
+  std::vector<std::pair<Sums, const char*>> parts;
+  for (const auto& [sums, reason] : all_parts) {
+    if (sums.groups == 0 && sums.bytes == 0) continue;
+    all.Add(sums);
+    parts.emplace_back(sums, reason);
+  }
+  out << "\n";
+  if (parts.empty()) {
+    out << "Not shown: nothing\n";
+  } else if (parts.size() == 1) {
+    out << OneLineOrTwo("Not shown: " + InGroups(all), parts[0].second) << "\n";
+  } else {
+    out << "Not shown: " << InGroups(all) << "\n";
+    for (const auto& [sums, reason] : parts) out << "  " << InGroups(sums) << " " << reason << "\n";
+  }
+}
+
+void PrintHints(const Profile& profile, const std::vector<bool>& shown, std::ostream& out) {
+  std::vector<const Library*> lacking;
+  for (const bool found : {false, true}) {  // those of which nothing is known first
+    for (std::size_t i = 0; i < profile.libraries.size(); ++i) {
+      const Library& library = profile.libraries[i];
+      if (shown[i] && library.found == found && !library.hint.empty()) lacking.push_back(&library);
+    }
+  }
+  if (lacking.empty()) return;
+  out << "\nNo source lines for want of these files (see --symbols, --sysroot):\n";
+  for (std::size_t i = 0; i < lacking.size() && i < kHintsShown; ++i) {
+    const std::string owner = lacking[i]->found ? "  of " + BaseName(lacking[i]->path) : "";
+    const std::string name = FitWidth(owner, kColumns / 3);
+    out << "  " << FitWidth(lacking[i]->hint, kColumns - 2 - Columns(name)) << name << "\n";
+  }
+  if (lacking.size() > kHintsShown) {
+    out << "  and " << FormatCount(lacking.size() - kHintsShown) << " more\n";
+  }
+}
+
+// Marks the libraries on the stacks of the groups.
+void MarkLibraries(const Profile& profile, const Selected& selected, std::vector<bool>* marked) {
+  for (const std::size_t index : selected.groups) {
+    for (const std::uint32_t frame : profile.groups[index].stack) {
+      const std::int32_t library = profile.frames[frame].library;
+      if (library >= 0) (*marked)[static_cast<std::size_t>(library)] = true;
+    }
+  }
+}
+
+}  // namespace
+
+std::string Percent(std::uint64_t part, std::uint64_t whole) {
+  if (whole == 0) return "";
+  std::array<char, 16> text{};
+  const double share = 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+  // The sums of a damaged report may exceed its whole beyond all measure.
+  if (share >= 1000.0) return ">999 %";
+  std::snprintf(text.data(), text.size(), "%.1f %%", share);
+  return text.data();
+}
+
+std::string Counted(std::uint64_t count, const std::string& noun) {
+  return FormatCount(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string OneLineOrTwo(const std::string& first, const std::string& second) {
+  const bool fits = Columns(first) + 1 + Columns(second) <= kColumns;
+  return first + (fits ? " " : "\n  ") + second;
+}
+
+std::string BaseName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+std::string Right(const std::string& text, std::size_t width) {
+  const std::size_t columns = Columns(text);
+  return columns < width ? std::string(width - columns, ' ') + text : text;
+}
+
+void PrintProfile(const Profile& profile, const ViewOptions& options, std::ostream& out) {
+  Selection selection = options.selection;
+  selection.kind = GroupKind::kNative;
+  const Selected native = SelectGroups(profile, selection);
+  selection.kind = GroupKind::kJava;
+  const Selected java = SelectGroups(profile, selection);
+  const Sums listed = profile.Listed(GroupKind::kNative);
+
+  PrintHead(profile, listed, out);
+  const std::uint64_t whole = std::max(profile.header.total_bytes, listed.bytes);
+  const Sums below = PrintView({profile, options, native, whole, ""}, out);
+  if (profile.header.groups != 0 || listed.groups != 0) {
+    PrintNotShown(options.view, below, native.cut, profile.Unlisted(), out);
+  }
+  const Sums all_java = profile.Listed(GroupKind::kJava);
+  if (all_java.groups != 0) {
+    out << "\nJava-native stacks: " << InGroups(all_java) << ", beside the above\n";
+    const Sums java_below = PrintView({profile, options, java, all_java.bytes, "J"}, out);
+    PrintNotShown(options.view, java_below, java.cut, {}, out);
+  }
+  std::vector<bool> marked(profile.libraries.size());
+  MarkLibraries(profile, native, &marked);
+  PrintHints(profile, marked, out);
+}
+
+}  // namespace memleak

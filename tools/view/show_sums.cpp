@@ -1,0 +1,220 @@
+// Sums as tables and as trees.
+#include <algorithm>
+#include <optional>
+#include <ostream>
+#include <utility>
+
+#include "tools/base/format.h"
+#include "tools/view/printer.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::size_t kBytesColumns = 10;
+constexpr std::size_t kShareColumns = 7;
+constexpr std::size_t kBlocksColumns = 11;
+constexpr std::size_t kAgeColumns = 8;
+// Branches below a hundredth are not drawn, unless all are wanted.
+constexpr std::uint64_t kSmallestShare = 100;
+constexpr std::size_t kIndentStep = 2;
+constexpr std::size_t kDeepestIndent = 30;
+
+void PrintRow(const Section& section, const Row& row, RowKind kind, std::ostream& out) {
+  const Paint paint(section.options.color);
+  std::string figures = Right(Percent(row.inclusive.bytes, section.whole), kShareColumns + 1) +
+                        Right(FormatBytes(row.self.bytes), kBytesColumns + 1) +
+                        Right(FormatCount(row.inclusive.blocks), kBlocksColumns + 1);
+  if (section.options.selection.sort == SortKey::kAge) {
+    figures += Right(row.oldest ? FormatAge(*row.oldest) : "", kAgeColumns + 1);
+  }
+  std::string name = row.name;
+  if (kind == RowKind::kLibrary) name = name.empty() ? "(nameless)" : name;
+  const std::size_t room = kColumns - std::min(kColumns - 10, kBytesColumns + figures.size() + 2);
+  out << paint.Strong(Right(FormatBytes(row.inclusive.bytes), kBytesColumns)) << figures << "  "
+      << paint.Name(FitWidth(name, room)) << "\n";
+}
+
+/// A line of a tree that is still to be printed.
+struct PendingLine {
+  std::uint32_t node = 0;
+  std::size_t indent = 0;
+  std::size_t more = 0;  // with a count, the line that stands for so many branches
+  Sums left_out;
+  std::optional<std::int64_t> oldest;  // of these
+};
+
+// The column of a tree for what its branches are ordered by, beside bytes.
+std::size_t OrderColumns(SortKey sort) {
+  switch (sort) {
+    case SortKey::kCount:
+      return kBlocksColumns;
+    case SortKey::kSize:
+      return kBytesColumns;
+    case SortKey::kAge:
+      return kAgeColumns;
+    case SortKey::kTotal:
+      break;
+  }
+  return 0;
+}
+
+const char* OrderTitle(SortKey sort) {
+  if (sort == SortKey::kCount) return "blocks";
+  return sort == SortKey::kSize ? "a block" : "oldest";
+}
+
+std::string OrderText(SortKey sort, const Sums& sums, std::optional<std::int64_t> oldest) {
+  if (sort == SortKey::kCount) return FormatCount(sums.blocks);
+  if (sort == SortKey::kSize) return FormatBytes(MeanSize(sums));
+  return oldest ? FormatAge(*oldest) : "";
+}
+
+class TreePrinter {
+ public:
+  TreePrinter(const Section& section, std::vector<TreeNode> tree, std::ostream& out)
+      : section_(section),
+        tree_(std::move(tree)),
+        out_(out),
+        paint_(section.options.color),
+        sort_(section.options.selection.sort) {}
+
+  Sums Print() {
+    Push(0, 0);
+    while (!pending_.empty()) {
+      const PendingLine line = pending_.back();
+      pending_.pop_back();
+      if (line.more != 0) {
+        PrintMore(line);
+      } else {
+        PrintNode(line);
+        Push(line.node, line.indent);
+      }
+    }
+    return left_out_;
+  }
+
+ private:
+  // Puts the children of a node on the stack, the largest on top.
+  void Push(std::uint32_t parent, std::size_t indent) {
+    std::vector<std::uint32_t>& children = tree_[parent].children;
+    const auto is_large = [&](std::uint32_t child) { return IsLarge(child); };
+    const std::size_t top = section_.options.top == 0 ? children.size() : section_.options.top;
+    auto shown =
+        static_cast<std::size_t>(std::count_if(children.begin(), children.end(), is_large));
+    if (shown + 1 == children.size() && shown < top) {
+      // To say that there is one more takes the room of drawing it.
+      ++shown;
+    } else {
+      // Those too small to be drawn may stand before others, in other orders than theirs.
+      std::stable_partition(children.begin(), children.end(), is_large);
+    }
+    shown = std::min(shown, top);
+    // A call that has one caller, or makes one call, stands below it without a step to the right.
+    const bool forks = shown != children.size() || shown > 1;
+    if (parent == 0) many_roots_ = forks;
+    // Several roots are told apart by what stands below each.
+    const bool fork = forks || tree_[parent].self.groups != 0 || (many_roots_ && indent == 0);
+    const std::size_t inner =
+        parent == 0 ? 0 : std::min(kDeepestIndent, indent + (fork ? kIndentStep : 0));
+    PendingLine rest{.node = parent,
+                     .indent = inner,
+                     .more = children.size() - shown,
+                     .left_out = {},
+                     .oldest = {}};
+    for (std::size_t i = shown; i < children.size(); ++i) {
+      const TreeNode& node = tree_[children[i]];
+      rest.left_out.Add(node.sums);
+      if (node.oldest) rest.oldest = std::max(rest.oldest.value_or(*node.oldest), *node.oldest);
+    }
+    left_out_.Add(rest.left_out);
+    if (rest.more != 0) pending_.push_back(rest);
+    for (std::size_t i = shown; i-- > 0;) {
+      pending_.push_back(
+          {.node = children[i], .indent = inner, .more = 0, .left_out = {}, .oldest = {}});
+    }
+  }
+
+  // By blocks, where these are asked for.
+  bool IsLarge(std::uint32_t node) const {
+    const Sums& sums = tree_[node].sums;
+    const Sums& all = tree_[0].sums;
+    if (section_.options.top == 0) return true;
+    return sort_ == SortKey::kCount ? sums.blocks >= all.blocks / kSmallestShare
+                                    : sums.bytes >= all.bytes / kSmallestShare;
+  }
+
+  void PrintFigures(const Sums& sums, std::optional<std::int64_t> oldest, std::size_t indent) {
+    out_ << paint_.Strong(Right(FormatBytes(sums.bytes), kBytesColumns))
+         << Right(Percent(sums.bytes, section_.whole), kShareColumns + 1);
+    if (sort_ != SortKey::kTotal) {
+      out_ << Right(OrderText(sort_, sums, oldest), OrderColumns(sort_) + 1);
+    }
+    out_ << "  " << std::string(indent, ' ');
+  }
+
+  std::size_t Room(std::size_t indent) const {
+    const std::size_t order = OrderColumns(sort_);
+    return kColumns - kBytesColumns - kShareColumns - 3 - (order == 0 ? 0 : order + 1) - indent;
+  }
+
+  void PrintNode(const PendingLine& line) {
+    const TreeNode& node = tree_[line.node];
+    PrintFigures(node.sums, node.oldest, line.indent);
+    const std::string name = node.frame == kNoFrame
+                                 ? "(no stack)"
+                                 : FrameName(section_.profile, section_.profile.frames[node.frame]);
+    out_ << paint_.Name(FitWidth(name, Room(line.indent))) << "\n";
+  }
+
+  void PrintMore(const PendingLine& line) {
+    PrintFigures(line.left_out, line.oldest, line.indent);
+    out_ << paint_.Faint("(" + FormatCount(line.more) + " more)") << "\n";
+  }
+
+  const Section& section_;
+  std::vector<TreeNode> tree_;
+  std::ostream& out_;
+  Paint paint_;
+  SortKey sort_;
+  std::vector<PendingLine> pending_;
+  Sums left_out_;
+  bool many_roots_ = false;
+};
+
+}  // namespace
+
+Sums PrintRows(const Section& section, RowKind kind, std::ostream& out) {
+  const std::vector<Row> rows =
+      AddUp(section.profile, section.selected, kind, section.options.selection.sort);
+  if (rows.empty()) return section.selected.sums;
+  const bool ages = section.options.selection.sort == SortKey::kAge;
+  out << "\n"
+      << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1)
+      << Right("self", kBytesColumns + 1) << Right("blocks", kBlocksColumns + 1)
+      << (ages ? Right("oldest", kAgeColumns + 1) : "")
+      << (kind == RowKind::kLibrary ? "  library" : "  function") << "\n";
+  Sums below = section.selected.sums;
+  std::size_t shown = 0;
+  for (const Row& row : rows) {
+    if (section.options.top != 0 && shown == section.options.top) break;
+    ++shown;
+    PrintRow(section, row, kind, out);
+    below.Subtract(row.self);
+  }
+  if (shown < rows.size()) {
+    out << Right("", kBytesColumns) << "  and " << FormatCount(rows.size() - shown) << " more\n";
+  }
+  return below;
+}
+
+Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out) {
+  if (section.selected.groups.empty()) return {};
+  const SortKey sort = section.options.selection.sort;
+  out << "\n" << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1);
+  if (sort != SortKey::kTotal) out << Right(OrderTitle(sort), OrderColumns(sort) + 1);
+  out << (end == TreeEnd::kOutermost ? "  from the outermost call inwards\n"
+                                     : "  from the allocating call outwards\n");
+  return TreePrinter(section, BuildTree(section.profile, section.selected, end, sort), out).Print();
+}
+
+}  // namespace memleak

@@ -1,0 +1,119 @@
+// The table of trends.
+#include "tools/view/trend_table.h"
+
+#include <cmath>
+#include <iomanip>
+#include <ostream>
+#include <sstream>
+
+#include "tools/base/format.h"
+#include "tools/view/printer.h"
+
+namespace memleak {
+namespace {
+
+constexpr std::size_t kIndent = 5;
+constexpr double kMostBytes = 1e18;
+
+std::string Magnitude(double bytes) {
+  return FormatBytes(static_cast<std::uint64_t>(std::llround(std::min(bytes, kMostBytes))));
+}
+
+std::string Signed(double bytes) {
+  return (bytes < 0 ? "-" : "+") + Magnitude(std::fabs(bytes));
+}
+
+std::string SlopeText(const GroupTrend& group) {
+  if (!group.line) return "";
+  std::ostringstream text;
+  text << Signed(group.line->slope) << "/min";
+  if (group.line->margin) {
+    text << " (95 %: " << Signed(group.line->slope - *group.line->margin) << " to "
+         << Signed(group.line->slope + *group.line->margin) << "), r2 " << std::fixed
+         << std::setprecision(3) << group.line->r_squared;
+  }
+  return text.str();
+}
+
+std::string CountText(const std::optional<GroupValue>& value) {
+  return value ? FormatCount(value->count) : "?";
+}
+
+// "3 blocks", "1 block"; "? blocks" where that is not known.
+std::string BlocksText(const std::optional<GroupValue>& value) {
+  return value ? Counted(value->count, "block") : "? blocks";
+}
+
+// Fits behind the indent. Names without a function start with the library's.
+std::string FrameText(const std::string& name, const std::string& library) {
+  constexpr std::size_t kMostLibrary = 24;
+  if (library.empty() || name.starts_with(library + "+0x")) {
+    return FitWidth(name, kColumns - kIndent);
+  }
+  const std::string place = "  [" + FitWidth(library, kMostLibrary) + "]";
+  return FitWidth(name, kColumns - kIndent - kMostLibrary - 4) + place;
+}
+
+void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
+  const std::optional<std::int64_t> growth = group.Growth();
+  out << "#" << number << "  " << (growth ? Signed(static_cast<double>(*growth)) : "?") << "  "
+      << SlopeText(group) << "\n     " << CountText(group.values.front()) << " -> "
+      << BlocksText(group.values.back()) << " of " << FormatBytes(group.size);
+  if (group.kind == GroupKind::kJava) out << ", Java-native";
+  if (group.Known() < group.values.size()) {
+    out << ", known in " << group.Known() << " of " << group.values.size() << " reports";
+  }
+  out << "\n";
+  for (std::size_t i = 0; i < group.stack.size(); ++i) {
+    out << std::string(kIndent, ' ') << FrameText(group.stack[i], group.libraries[i]) << "\n";
+  }
+}
+
+bool Grew(const GroupTrend& group) {
+  const std::optional<std::int64_t> growth = group.Growth();
+  return growth ? *growth > 0 : group.line && group.line->slope > 0;
+}
+
+// A group of which nothing can be said for want of reports that list it.
+bool IsUntold(const GroupTrend& group) {
+  return !group.Growth() && !group.line;
+}
+
+std::string UnlistedText(const SavedReport& report) {
+  return FormatBytes(report.unlisted.bytes) + " in " + Counted(report.unlisted.groups, "group");
+}
+
+}  // namespace
+
+void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<GroupTrend>& groups,
+                 std::uint32_t top, std::ostream& out) {
+  const SavedReport& first = reports.front();
+  const SavedReport& last = reports.back();
+  out << "From the first of " << reports.size() << " reports to the last, in "
+      << FormatAge(std::llround(last.seconds - first.seconds)) << ": "
+      << Signed(static_cast<double>(last.bytes) - static_cast<double>(first.bytes)) << " ("
+      << FormatBytes(first.bytes) << " -> " << FormatBytes(last.bytes) << ")\n";
+  std::size_t grew = 0;
+  std::size_t untold = 0;
+  for (const GroupTrend& group : groups) {
+    if (IsUntold(group)) ++untold;
+    if (!Grew(group)) continue;
+    ++grew;
+    if (top == 0 || grew <= top) PrintGroup(grew, group, out);
+  }
+  // More than any one report has, where groups come and go.
+  out << grew << " of " << Counted(groups.size(), "group") << " seen in any report grew";
+  if (top != 0 && grew > top) out << "; the " << top << " that grew most are shown";
+  out << "\n";
+  if (untold != 0) {
+    out << "nothing is known of the growth of " << Counted(untold, "group")
+        << (untold == 1 ? ": it was" : ": they were")
+        << " among the 1000\nlargest, which a report lists, once at most\n";
+  }
+  if (first.unlisted.groups != 0 || last.unlisted.groups != 0) {
+    out << "not in the lists: " << UnlistedText(first) << " of the first report, "
+        << UnlistedText(last) << "\nof the last; what of that grew is not known\n";
+  }
+}
+
+}  // namespace memleak
