@@ -1,9 +1,13 @@
-// The common parts of the two command lines.
+// Parsing, checks of values, and the one place where errors are printed.
 #include "tools/commands/command_line.h"
 
-#include <charconv>
+#include <algorithm>
+#include <cctype>
 #include <exception>
 #include <iostream>
+#include <limits>
+#include <map>
+#include <memory>
 
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
@@ -11,63 +15,110 @@
 namespace memleak {
 namespace {
 
-bool HasCommand(CLI::App* app, const std::string& name) {
-  return !app->get_subcommands([&](CLI::App* command) { return command->get_name() == name; })
-              .empty();
+constexpr std::uint32_t kMost32 = std::numeric_limits<std::uint32_t>::max();
+
+bool IsDigit(char c) {
+  return std::isdigit(static_cast<unsigned char>(c)) != 0;
+}
+
+// CLI11 converts with strtoull, which takes signs, wraps numbers above 64 bits and reads a leading
+// zero as octal. 18 characters hold any decimal or hexadecimal number that cannot overflow.
+bool PrepareNumber(std::string* value) {
+  constexpr std::size_t kMostCharacters = 18;
+  while (value->size() > 1 && value->front() == '0' && IsDigit((*value)[1])) value->erase(0, 1);
+  return !value->empty() && IsDigit(value->front()) && value->size() <= kMostCharacters;
 }
 
 }  // namespace
 
-std::optional<std::uint64_t> ReadNumber(const std::string& text) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  const char* begin = text.data() + (hex ? 2 : 0);
-  const char* end = text.data() + text.size();
-  std::uint64_t value = 0;
-  const auto result = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-  return value;
+Program::Program(const char* summary, const char* help, Edition edition)
+    : app_(summary, "memleak"), edition_(edition) {
+  app_.require_subcommand(1);
+  app_.set_version_flag("--version", "memleak " MEMLEAK_VERSION, "Print the version and exit");
+  app_.footer(help);
+  const auto formatter = std::make_shared<CLI::Formatter>();
+  formatter->column_width(26);
+  app_.formatter(formatter);
 }
 
-void RefuseNumber(const std::string& name, const std::string& text, const NumberKind& kind) {
-  throw UserError(name + " is not " + kind.noun + ": " + text, kind.remedy);
-}
-
-std::uint64_t ParseNumber(const std::string& name, const std::string& text,
-                          const NumberKind& kind) {
-  const auto value = ReadNumber(text);
-  if (!value || *value < kind.least || *value > kind.most) RefuseNumber(name, text, kind);
-  return *value;
-}
-
-std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
-                            const NumberKind& kind) {
-  return static_cast<std::uint32_t>(ParseNumber(name, text, kind));
-}
-
-void AddVersion(CLI::App* app) {
-  app->set_version_flag("--version", "memleak " MEMLEAK_VERSION, "Print the version and exit");
-}
-
-CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text) {
-  CLI::App* command = app->add_subcommand(name, summary);
-  command->footer(text);
+CLI::App* Program::AddCommand(const char* name, const char* summary, const char* help) {
+  CLI::App* command = app_.add_subcommand(name, summary);
+  command->footer(help);
   return command;
 }
 
-std::optional<int> ParseWords(CLI::App* app, const std::vector<std::string>& words) {
-  if (!words.empty() && !words.front().starts_with('-') && !HasCommand(app, words.front())) {
-    throw UserError("unknown command: " + words.front(), "see memleak --help");
+void Program::SetAction(CLI::App* command, std::function<int()> run) {
+  command->callback([this, run = std::move(run)] { exit_code_ = run(); });
+}
+
+void Program::KeepDashes(const CLI::App* command, std::vector<std::string>* words) {
+  dashes_command_ = command;
+  dashes_words_ = words;
+}
+
+int Program::Run(const std::vector<std::string>& arguments) {
+  const std::string first = arguments.empty() ? "" : arguments.front();
+  const auto named = [&](const CLI::App* command) { return command->get_name() == first; };
+  if (!first.empty() && first.front() != '-' && app_.get_subcommands(named).empty()) {
+    throw UserError("unknown command: " + first, "see memleak --help");
   }
+  auto end = arguments.end();
+  if (dashes_command_ != nullptr && named(dashes_command_)) {
+    end = std::find(arguments.begin(), arguments.end(), "--");
+    dashes_words_->assign(end, arguments.end());
+  }
+  std::vector<std::string> words(arguments.begin(), end);
+  std::reverse(words.begin(), words.end());  // as this form of parse takes them
   try {
-    // This form of parse takes the words in reverse.
-    app->parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    app_.parse(words);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app->exit(error);
-    const auto chosen = app->get_subcommands();
+    if (error.get_exit_code() == 0) return app_.exit(error);  // help or version
+    const auto chosen = app_.get_subcommands();
     const std::string name = chosen.empty() ? "" : " " + chosen.front()->get_name();
     throw UserError(error.what(), "see memleak" + name + " --help");
   }
-  return std::nullopt;
+  return exit_code_;
+}
+
+CLI::Option* Expect(CLI::Option* option, const CLI::Validator& check, const std::string& expected) {
+  const auto run = [option, check, expected](std::string& value) {
+    const std::string given = value;
+    bool valid = false;
+    try {
+      valid = check(value).empty();
+    } catch (const CLI::ValidationError&) {
+      // Some of the library's validators throw.
+    }
+    if (valid) return std::string();
+    throw UserError("invalid " + option->get_name() + " '" + given + "' (" + expected + ")");
+  };
+  return option->transform(CLI::Validator(run, ""));
+}
+
+CLI::Option* ExpectNumber(CLI::Option* option, const CLI::Validator& check,
+                          const std::string& expected) {
+  const auto run = [check](std::string& value) {
+    return PrepareNumber(&value) ? check(value) : std::string("not a number");
+  };
+  return Expect(option, CLI::Validator(run, ""), expected);
+}
+
+CLI::Option* ExpectNumber32(CLI::Option* option, const std::string& expected) {
+  return ExpectNumber(option, CLI::Range(kMost32), expected);
+}
+
+CLI::Option* ExpectBytes(CLI::Option* option) {
+  return ExpectNumber(option, CLI::AsSizeValue(false), "bytes, such as 4096, 64k or 1m");
+}
+
+CLI::Option* ExpectTime(CLI::Option* option, std::uint32_t least, const std::string& expected) {
+  const std::map<std::string, std::uint32_t> units = {
+      {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+  return ExpectNumber(option, CLI::AsNumberWithUnit(units) & CLI::Range(least, kMost32), expected);
+}
+
+CLI::Option* ExpectOneOf(CLI::Option* option, const std::vector<std::string>& names) {
+  return Expect(option, CLI::IsMember(names), CLI::detail::join(names, ", "));
 }
 
 int GuardedMain(int count, char** values, int (*command)(const std::vector<std::string>&)) {

@@ -1,56 +1,90 @@
-// What the command lines of both editions have in common: numbers, words, and how all that goes
-// wrong ends as one line. Called by the two programs' main alone.
+// The program with its subcommands, and checks of option values. Used by the commands and by both
+// main files; single-threaded.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
-#include <sys/types.h>
-
 #include <cstdint>
-#include <limits>
-#include <optional>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace memleak {
 
-/// What a number on the command line has to be.
-struct NumberKind {
-  const char* noun;
-  std::uint64_t least;
-  std::uint64_t most;
-  const char* remedy;
+/// Where the program runs. Some help texts differ.
+enum class Edition : std::uint8_t { kHost, kDevice };
+
+/// The program: each command adds itself, then Run parses the arguments and runs one of them.
+class Program {
+ public:
+  /// `summary` is the first line of --help, `help` the text below the list of commands.
+  Program(const char* summary, const char* help, Edition edition);
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  /// Adds the subcommand `name` with `help` below its options. The program owns it.
+  CLI::App* AddCommand(const char* name, const char* summary, const char* help);
+
+  /// Makes `run` the action of `command`. It returns the exit code and may throw UserError.
+  void SetAction(CLI::App* command, std::function<int()> run);
+
+  /// Hands all words from "--" on, "--" included, to `words` when `command` is the first argument:
+  /// CLI11 would parse them.
+  void KeepDashes(const CLI::App* command, std::vector<std::string>* words);
+
+  /// Parses `arguments`, without the program's name, and runs the command. Returns the exit code.
+  /// Throws UserError for a bad command line, and what the command throws.
+  int Run(const std::vector<std::string>& arguments);
+
+  Edition GetEdition() const { return edition_; }
+
+ private:
+  CLI::App app_;
+  Edition edition_;
+  int exit_code_ = 0;
+  const CLI::App* dashes_command_ = nullptr;
+  std::vector<std::string>* dashes_words_ = nullptr;
 };
 
-inline constexpr std::uint64_t kMost32 = std::numeric_limits<std::uint32_t>::max();
-inline constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max();
-inline constexpr NumberKind kTimeoutKind = {"a number of seconds", 0, kMost32,
-                                            "give one such as 300, or 0 to wait without end"};
+/// Makes values that `check` refuses an error: "invalid --by 'x' (bytes, count)", where `expected`
+/// is the text in parentheses. `check` may change the value. Returns `option`.
+CLI::Option* Expect(CLI::Option* option, const CLI::Validator& check, const std::string& expected);
 
-/// The whole of `text` as a number, decimal or with "0x"; nothing when it is none.
-std::optional<std::uint64_t> ReadNumber(const std::string& text);
-/// Throws UserError: `text`, the value of option `name`, is not of `kind`.
-[[noreturn]] void RefuseNumber(const std::string& name, const std::string& text,
-                               const NumberKind& kind);
-/// The whole of `text`, the value of option `name`, as ReadNumber does. Throws UserError when
-/// it is none or out of range.
-std::uint64_t ParseNumber(const std::string& name, const std::string& text, const NumberKind& kind);
-/// ParseNumber for kinds that 32 bits hold.
-std::uint32_t ParseNumber32(const std::string& name, const std::string& text,
-                            const NumberKind& kind);
+/// The same for numbers, decimal or with "0x".
+CLI::Option* ExpectNumber(CLI::Option* option, const CLI::Validator& check,
+                          const std::string& expected);
 
-/// Adds --version, which prints the program's name and version.
-void AddVersion(CLI::App* app);
+/// The same for any number of 32 bits.
+CLI::Option* ExpectNumber32(CLI::Option* option, const std::string& expected);
 
-/// Adds the subcommand `name`; `text` stands below its options.
-CLI::App* AddCommand(CLI::App* app, const char* name, const char* summary, const char* text);
+/// The same for bytes, such as 4096, 64k or 1m: powers of 1024.
+CLI::Option* ExpectBytes(CLI::Option* option);
 
-/// Fills in the options of `app` from `words`. Returns the exit code when that was all, for help
-/// and version; afterwards there is one subcommand. Throws UserError.
-std::optional<int> ParseWords(CLI::App* app, const std::vector<std::string>& words);
+/// The same for a time of at least `least` seconds, such as 90, 10m, 2h or 1d; the value becomes
+/// seconds.
+CLI::Option* ExpectTime(CLI::Option* option, std::uint32_t least, const std::string& expected);
 
-/// Runs `command` with the arguments of main and returns the exit code. What it throws, and output
-/// that cannot be written, becomes one line on the error output.
+/// The same for one of `names`.
+CLI::Option* ExpectOneOf(CLI::Option* option, const std::vector<std::string>& names);
+
+/// Adds an option that sets `target` to the value of the name that is given.
+template <typename Value, typename Target>
+CLI::Option* AddChoice(CLI::App* command, const std::string& option, Target* target,
+                       const std::vector<std::pair<std::string, Value>>& choices,
+                       const std::string& summary) {
+  const auto set = [target, choices](const std::string& given) {
+    for (const auto& [name, value] : choices) {
+      if (name == given) *target = value;
+    }
+  };
+  std::vector<std::string> names;
+  for (const auto& choice : choices) names.push_back(choice.first);
+  return ExpectOneOf(command->add_option_function<std::string>(option, set, summary), names);
+}
+
+/// Runs `command` with the arguments of main and returns the exit code. An exception, and output
+/// that cannot be written, becomes one line on the error output and exit code 2.
 int GuardedMain(int count, char** values, int (*command)(const std::vector<std::string>&));
 
 }  // namespace memleak

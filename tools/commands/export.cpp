@@ -1,65 +1,74 @@
-// diff: what changed between two reports; export: a report in the formats of other programs.
+// export: a report in the formats of other programs.
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "tools/base/format.h"
 #include "tools/base/output_file.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/commands.h"
+#include "tools/commands/all.h"
 #include "tools/commands/input.h"
-#include "tools/export/diff_json.h"
+#include "tools/commands/report_options.h"
 #include "tools/export/folded.h"
 #include "tools/export/html.h"
 #include "tools/export/json.h"
 #include "tools/export/pprof.h"
 #include "tools/export/speedscope.h"
-#include "tools/report/diff.h"
-#include "tools/view/diff_view.h"
 #include "tools/view/printer.h"
 
 namespace memleak {
 namespace {
 
-SymbolOptions WithProgress(SymbolOptions symbols) {
-  symbols.progress = true;
-  return symbols;
-}
+constexpr const char* kHelp = R"(
+Writes a report for other programs:
+  folded      one line a stack, outermost function first, for flame graphs;
+              ";", "%" and blanks in names are written as %3B, %25 and %20
+  speedscope  for the viewer of that name: one profile of bytes, one of blocks
+  pprof       for `go tool pprof` and readers of continuous profilers:
+              inuse_space and inuse_objects, with build ids and lines
+  json        everything there is; docs/report-json.md describes it
+  html        the page of `memleak html`
 
-// All bytes of a report. A gate must not pass because a damaged head reads as 0 bytes, nor because
-// Java-native groups, which no head counts, are missing.
-std::uint64_t TotalBytes(const Profile& profile) {
-  const bool whole = profile.complete && profile.damaged_lines == 0;
-  if (!whole || profile.header.total_bytes < profile.Listed(GroupKind::kNative).bytes) {
-    throw UserError("report is damaged and has no sure total: " + profile.path,
-                    "leave out --fail-over, or write the report again");
-  }
-  return AddSaturated(profile.header.total_bytes, profile.Listed(GroupKind::kJava).bytes);
-}
+Examples:
+  memleak export ./memleak.4711 --format folded > stacks.txt
+  memleak export ./memleak.4711 --format pprof -o leak.pb.gz
+  memleak export allocations_dump --format speedscope -o leak.speedscope.json
 
-// Throws UserError when that cannot be told.
-bool GrewOver(const Profile& before, const Profile& after, std::uint64_t limit) {
-  const std::uint64_t growth = SubtractSaturated(TotalBytes(after), TotalBytes(before));
-  if (growth <= limit) return false;
-  std::cerr << "memleak: grew by " << FormatCount(growth) << " bytes, more than "
-            << FormatCount(limit) << "\n";
-  return true;
-}
+Exit codes:
+  0  written
+  2  not a report, not readable, or truncated (--partial takes what is there);
+     or the output cannot be written)";
+
+enum class Format : std::uint8_t { kFolded, kSpeedscope, kPprof, kJson, kHtml };
+
+struct ExportOptions {
+  std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
+  Format format = Format::kFolded;
+  Measure by = Measure::kBytes;  ///< for folded stacks
+  std::string output;            ///< a file; empty: the standard output
+  SymbolOptions symbols;
+  bool partial = false;
+};
 
 void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostream& out) {
-  if (options.format == "folded") {
-    WriteFolded(profile, options.by == "count" ? Measure::kBlocks : Measure::kBytes, out);
-  } else if (options.format == "speedscope") {
-    WriteSpeedscope(profile, out);
-  } else if (options.format == "json") {
-    WriteJson(ToJson(profile), out);
-  } else if (options.format == "html") {
-    out << HtmlPage(profile);
-  } else if (!WritePprof(profile, out)) {
-    out.setstate(std::ios::failbit);
+  switch (options.format) {
+    case Format::kFolded:
+      return WriteFolded(profile, options.by, out);
+    case Format::kSpeedscope:
+      return WriteSpeedscope(profile, out);
+    case Format::kPprof:
+      if (!WritePprof(profile, out)) out.setstate(std::ios::failbit);
+      return;
+    case Format::kJson:
+      return WriteJson(ToJson(profile), out);
+    case Format::kHtml:
+      out << HtmlPage(profile);
   }
 }
 
@@ -76,7 +85,7 @@ void WriteOutput(const Profile& profile, const ExportOptions& options) {
                   "make room, or give -o FILE");
 }
 
-// Formats of others have no place for what the report does not list.
+// The formats have no place for groups that the report does not list.
 void TellUnlisted(const Profile& profile) {
   const Sums unlisted = profile.Unlisted();
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
@@ -85,38 +94,46 @@ void TellUnlisted(const Profile& profile) {
             << " counted by the report but not listed in it, and not exported\n";
 }
 
-}  // namespace
-
-int DiffCommand(const DiffOptions& options) {
-  const SymbolOptions symbols = WithProgress(options.symbols);
-  const auto [before, after] =
-      OpenPair(options.before, options.after, options.partial, symbols, options.old_symbols);
-  if (options.fail_over.has_value()) {
-    TotalBytes(before);
-    TotalBytes(after);
+int Export(const ExportOptions& options) {
+  if (options.format == Format::kPprof && options.output.empty() && isatty(STDOUT_FILENO) == 1) {
+    throw UserError("refusing to write a binary profile to a terminal", "give -o FILE");
   }
-  if (options.json) {
-    std::cout << DiffJson(before, after);
-  } else {
-    PrintDifference(before, after, options.top, std::cout);
-  }
-  const bool over = options.fail_over.has_value() && GrewOver(before, after, *options.fail_over);
-  return over ? kExitNegative : kExitOk;
-}
-
-int ExportCommand(const ExportOptions& options) {
-  if (options.format == "pprof" && options.output.empty() && isatty(STDOUT_FILENO) == 1) {
-    throw UserError("a pprof profile is nothing for a terminal", "give -o FILE");
-  }
-  if (options.by == "count" && options.format != "folded") {
-    throw UserError("--by is for --format folded alone", "other formats hold bytes and blocks");
+  if (options.by == Measure::kBlocks && options.format != Format::kFolded) {
+    throw UserError("--by needs --format folded", "other formats hold bytes and blocks");
   }
   RefuseOverwriting(options.output, {FindReport(options.report)});
-  const Profile profile =
-      OpenProfile(options.report, options.partial, WithProgress(options.symbols));
+  SymbolOptions symbols = options.symbols;
+  symbols.progress = true;
+  const Profile profile = OpenProfile(options.report, options.partial, symbols);
   WriteOutput(profile, options);
   TellUnlisted(profile);
   return kExitOk;
+}
+
+}  // namespace
+
+void AddExport(Program* program) {
+  CLI::App* command = program->AddCommand("export", "Write a report in another format", kHelp);
+  const auto options = std::make_shared<ExportOptions>();
+  AddReportArgument(command, &options->report);
+  AddChoice<Format>(command, "--format", &options->format,
+                    {{"folded", Format::kFolded},
+                     {"speedscope", Format::kSpeedscope},
+                     {"pprof", Format::kPprof},
+                     {"json", Format::kJson},
+                     {"html", Format::kHtml}},
+                    "folded, speedscope, pprof, json or html")
+      ->required()
+      ->option_text("FORMAT");
+  command->add_option("-o,--output", options->output, "Where to (default: standard output)")
+      ->option_text("FILE");
+  AddChoice<Measure>(command, "--by", &options->by,
+                     {{"bytes", Measure::kBytes}, {"count", Measure::kBlocks}},
+                     "What folded stacks count: bytes (default)\nor count")
+      ->option_text("WHAT");
+  AddSymbolOptions(command, &options->symbols);
+  command->add_flag("--partial", options->partial, "Accept a truncated report");
+  program->SetAction(command, [options] { return Export(*options); });
 }
 
 }  // namespace memleak

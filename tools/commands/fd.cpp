@@ -1,13 +1,19 @@
-// `fd`: steers the outside library that tracks file descriptors, through the tracker.
+// fd: steers the outside library that tracks file descriptors, through the tracker.
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tools/base/control.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/commands.h"
+#include "tools/commands/all.h"
+#include "tools/commands/options.h"
 #include "tools/target/hook_outcome.h"
 #include "tools/target/log_tail.h"
 #include "tools/target/root_directory.h"
@@ -16,6 +22,24 @@
 
 namespace memleak {
 namespace {
+
+constexpr const char* kHelp = R"(
+Steers libfdtrack.so, a library of its own that tracks file descriptors: the
+tracker loads it into the process and calls it.
+  on     load it if need be, and track with --depth frames (default: as set
+         for recording)
+  off    track no more
+  dump   have it write its stacks
+  clear  release it; also drops all memory records, of every kind
+
+Examples:
+  memleak fd on 4711 --depth 16
+  memleak fd dump 4711
+
+Exit codes:
+  0  done, as far as can be seen
+  2  no such process, not permitted, not tracked, the library or one of its
+     functions missing, or not switched on before)";
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -38,6 +62,12 @@ constexpr Action kActions[] = {
     {"off", kFdOff, true, "file descriptors are not tracked any more"},
     {"dump", kFdDump, true, "libfdtrack.so was told to dump its stacks"},
     {"clear", kFdClear, false, "libfdtrack.so released, all memory records dropped"},
+};
+
+struct FdOptions {
+  pid_t pid = 0;
+  const Action* action = nullptr;
+  std::optional<std::uint32_t> depth;
 };
 
 bool HasFdLibrary(const ProcessInfo& process) {
@@ -77,16 +107,9 @@ bool WaitForLibrary(const ProcessInfo& process) {
   return false;
 }
 
-}  // namespace
-
-int FdCommand(const FdOptions& options) {
-  const auto* const action =
-      std::find_if(std::begin(kActions), std::end(kActions),
-                   [&](const Action& candidate) { return options.action == candidate.name; });
-  if (action == std::end(kActions)) {
-    throw UserError("fd does not know: " + options.action, "give on, off, dump or clear");
-  }
-  const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+int Fd(const FdOptions& options) {
+  const Action* action = options.action;
+  const ProcessInfo process = RequireTracked(options.pid);
   const LogTail log(process);
   if (action->needs_library && !HasFdLibrary(process)) {
     throw UserError(
@@ -110,6 +133,21 @@ int FdCommand(const FdOptions& options) {
   std::cout << process.Label() << ": " << action->done
             << (complaints ? "" : std::string(" (") + Advice().unseen + ")") << "\n";
   return kExitOk;
+}
+
+}  // namespace
+
+void AddFd(Program* program) {
+  CLI::App* command = program->AddCommand("fd", "Track file descriptors", kHelp);
+  const auto options = std::make_shared<FdOptions>();
+  std::vector<std::pair<std::string, const Action*>> actions;
+  for (const Action& action : kActions) actions.emplace_back(action.name, &action);
+  AddChoice(command, "ACTION", &options->action, actions, "on, off, dump or clear")
+      ->required()
+      ->option_text(" ");
+  AddPid(command, &options->pid);
+  AddDepth(command, &options->depth, "Frames kept, with on");
+  program->SetAction(command, [options] { return Fd(*options); });
 }
 
 }  // namespace memleak

@@ -1,17 +1,44 @@
 // html: a report, or what changed between two, as a page for the browser.
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "tools/base/format.h"
 #include "tools/base/output_file.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/commands.h"
+#include "tools/commands/all.h"
 #include "tools/commands/input.h"
+#include "tools/commands/report_options.h"
 #include "tools/export/diff_json.h"
 #include "tools/export/html.h"
 
 namespace memleak {
 namespace {
+
+constexpr const char* kHelp = R"(
+Writes one file that shows a report in a browser, with nothing else needed: a
+flame graph that zooms and searches, the table of groups with their stacks, and
+the ages of their blocks. With --diff, what grew and what shrank since OLD.
+A document of `memleak export --format json` or `memleak diff --json` will do as
+REPORT too, and one of `memleak export` as OLD.
+
+Examples:
+  memleak html ./memleak.4711 -o leak.html
+  memleak html new/allocations_dump --diff old/allocations_dump -o grown.html
+
+Exit codes:
+  0  written
+  2  not a report, not readable, truncated (--partial shows what is there), or
+     the page cannot be written)";
+
+struct HtmlOptions {
+  std::string report;  ///< a report, a root directory that holds one, or an exported document
+  std::string old;     ///< an older report to compare with; empty for none
+  std::string output;
+  SymbolOptions symbols;
+  OldSymbolOptions old_symbols;  ///< for `old` alone
+  bool partial = false;          ///< show what is there of a truncated report
+};
 
 // The page about a report, and about what changed since an older one.
 std::string ReportPage(const HtmlOptions& options) {
@@ -29,15 +56,31 @@ std::string ReportPage(const HtmlOptions& options) {
   return document.base ? HtmlPage(document.text) : HtmlPage(document.profile);
 }
 
-}  // namespace
-
-int HtmlCommand(const HtmlOptions& options) {
+int Html(const HtmlOptions& options) {
   RefuseOverwriting(options.output, {FindReport(options.report), FindReport(options.old)});
   const std::string page = ReportPage(options);
   WritePage(page, options.output);
   std::cout << "page  " << options.output << " (" << FormatBytes(page.size())
             << "): open it in a browser\n";
   return kExitOk;
+}
+
+}  // namespace
+
+void AddHtml(Program* program) {
+  CLI::App* command = program->AddCommand("html", "Write a page about a report", kHelp);
+  const auto options = std::make_shared<HtmlOptions>();
+  AddReportArgument(command, &options->report);
+  command->add_option("-o,--output", options->output, "The page")->required()->option_text("FILE");
+  CLI::Option* old =
+      command
+          ->add_option("--diff", options->old,
+                       "An older report, or its JSON document:\nshow what changed since")
+          ->option_text("OLD");
+  AddSymbolOptions(command, &options->symbols);
+  AddOldSymbolOptions(command, &options->old_symbols, old);
+  command->add_flag("--partial", options->partial, "Accept a truncated report");
+  program->SetAction(command, [options] { return Html(*options); });
 }
 
 }  // namespace memleak

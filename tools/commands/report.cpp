@@ -1,103 +1,82 @@
-// report and status: what asks a process.
-#include <unistd.h>
-
-#include <cerrno>
+// report: has a process write its report.
 #include <chrono>
-#include <cstring>
-#include <ctime>
+#include <cstdint>
 #include <iostream>
+#include <memory>
+#include <string>
 
 #include "tools/base/control.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/commands.h"
+#include "tools/commands/all.h"
+#include "tools/commands/options.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/interference.h"
-#include "tools/target/log_tail.h"
 #include "tools/target/process_info.h"
-#include "tools/target/report_wait.h"
-#include "tools/target/root_directory.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
+#include "tools/view/hooked_pairs.h"
 #include "tools/view/show.h"
 
 namespace memleak {
 namespace {
 
-constexpr std::int64_t kNanoseconds = 1'000'000'000;
+constexpr const char* kHelp = R"(
+Stops recording, has the process write its report, waits until that is
+complete and prints where it is. A report that is already there is kept beside
+it as allocations_dump.old. With --kind, the hooks of the latest `on` are taken
+away; what earlier ones have left hooked is named, and records nothing.
 
-// Why ReadTextFile gave nothing.
-std::string ReadFailure(const std::string& path) {
-  return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "not a plain file";
-}
+With --keep-recording the native heap goes on being recorded: no free is missed,
+so that reports taken one after the other can be compared. A process that
+records through hooks cannot go on: its report takes the hooks away.
 
-std::string UnknownRecording(const ProcessInfo& process) {
-  std::string text = "unknown" + WhyUnknown(process);
-  if (process.log.empty()) return text;
-  return text + " (its log cannot be read: " + ReadFailure(process.log) + ")";
-}
+Examples:
+  memleak report 4711
+  memleak report 4711 --keep-recording
+  memleak report 4711 --timeout 300
+  memleak report 4711 --kind mmap
 
-std::string RecordingText(const ProcessInfo& process) {
-  if (!OwnLog(process)) return UnknownRecording(process);
-  switch (RecordingOf(process)) {
-    case Recording::kOn:
-      return "on";
-    case Recording::kPaused:
-      return "paused";
-    case Recording::kStopped:
-      return "off (stopped by a report)";
-    case Recording::kNever:
-      return "off (never switched on)";
-    case Recording::kUnknown:
-      break;
+Exit codes:
+  0  the report is complete
+  2  no such process, not permitted, not tracked, memory of another kind is
+     recorded, or no complete report in time)";
+
+constexpr const char* kDeviceHelp = R"(
+Stops recording, has the process write its report, waits until that is complete
+and prints where it is and how to fetch it:
+/data/log/reliability/allocations_dump. The directory must exist and be writable
+for the process. A report that is already there, of any process, is kept beside
+it as allocations_dump.old. With --kind, the hooks of the latest `on` are taken
+away; what earlier ones have left hooked is named, and records nothing.
+
+With --keep-recording the native heap goes on being recorded: no free is missed,
+so that reports taken one after the other can be compared.
+
+Examples:
+  memleak report 4711
+  memleak report 4711 --keep-recording
+  memleak report 4711 --kind mmap
+
+Exit codes:
+  0  the report is complete
+  2  no such process, not permitted, not tracked, or no complete report in time)";
+
+struct ReportOptions {
+  pid_t pid = 0;
+  Kind kind = Kind::kNative;
+  std::uint32_t timeout_s = 60;  ///< 0: wait without end
+  bool keep_recording = false;   ///< of the native heap
+};
+
+int Report(const ReportOptions& options) {
+  if (options.keep_recording && options.kind != Kind::kNative) {
+    throw UserError(std::string("--keep-recording is not for --kind ") + InfoOf(options.kind).name +
+                        ": its report takes the hooks away",
+                    "leave out one of them");
   }
-  return "unknown";
-}
-
-// What the log tells of the kinds that are recorded through hooks; empty when nothing.
-std::string HooksText(const ProcessInfo& process) {
-  const std::optional<std::string> log = OwnLog(process);
-  return log ? HooksFromLog(*log) : "";
-}
-
-std::string SettingsText(const ProcessInfo& process) {
-  const StoredSettings stored = ReadSettings(process);
-  if (stored.place.empty())
-    return "none (backtrace type 0, size " + std::to_string(kDefaultDepth) + ")";
-  const BacktraceSettings settings = ParseSettings(stored.text);
-  const std::string type(1, settings.type.value_or(kUnwindFramePointers));
-  const char* method = type[0] == kUnwindFramePointers ? " (frame pointers)"
-                       : type[0] == kUnwindTables      ? " (dwarf)"
-                                                       : " (invalid)";
-  return "backtrace type " + Printable(type) + method + ", size " +
-         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + Printable(stored.place) +
-         "]";
-}
-
-std::string ReportText(const std::string& path) {
-  const std::optional<FileState> state = StateOf(path);
-  if (!state) return "none yet";
-  const std::int64_t age = std::time(nullptr) - state->modified_ns / kNanoseconds;
-  return Printable(path) + " (" + FormatBytes(static_cast<std::uint64_t>(state->size)) + ", " +
-         FormatAge(age) + " old" + (EndsComplete(path) ? ")" : ", incomplete)");
-}
-
-// Whether a command would be received; the emulator's mask proves nothing.
-bool TakesCommands(const ProcessInfo& process) {
-  return process.has_tracker && (process.is_emulated || process.catches_signal);
-}
-
-std::string SignalText(const ProcessInfo& process) {
-  if (!process.has_tracker) return "no";
-  if (process.is_emulated) return "yes (emulated: commands go by signal 46)";
-  return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
-}
-
-}  // namespace
-
-int ReportCommand(const ReportOptions& options) {
-  const ProcessInfo process = RequireTracked(options.pid, kStartPatienceMs);
+  const ProcessInfo process = RequireTracked(options.pid);
   RefuseBeside(process, options.kind);
   const std::uint64_t word = options.keep_recording ? kReportGoingOn : InfoOf(options.kind).report;
   const std::chrono::milliseconds took =
@@ -122,20 +101,19 @@ int ReportCommand(const ReportOptions& options) {
   return kExitOk;
 }
 
-int StatusCommand(pid_t pid) {
-  const ProcessInfo process = InspectProcess(pid);
-  std::cout << "process     " << process.Label() << ", " << Printable(process.executable) << "\n"
-            << "tracked     " << SignalText(process) << "\n";
-  if (!process.has_tracker) return kExitNegative;
-  std::cout << "recording   " << RecordingText(process) << "\n";
-  const std::string hooks = HooksText(process);
-  if (!hooks.empty()) std::cout << "hooks       " << hooks << "\n";
-  std::cout << "root        " << Printable(process.root) << "\n"
-            << "properties  " << SettingsText(process) << "\n"
-            << "report      " << ReportText(process.ReportPath()) << "\n";
-  const std::string log = LogPlace(process);
-  if (!log.empty()) std::cout << "log         " << Printable(log) << "\n";
-  return TakesCommands(process) ? kExitOk : kExitNegative;
+}  // namespace
+
+void AddReport(Program* program) {
+  const bool is_device = program->GetEdition() == Edition::kDevice;
+  CLI::App* command = program->AddCommand("report", "Stop recording and write a report",
+                                          is_device ? kDeviceHelp : kHelp);
+  const auto options = std::make_shared<ReportOptions>();
+  AddPid(command, &options->pid);
+  AddKind(command, &options->kind);
+  AddTimeout(command, &options->timeout_s, "Seconds to wait for the report (60); 0: without end");
+  command->add_flag("--keep-recording", options->keep_recording,
+                    "Go on recording; of the native heap alone");
+  program->SetAction(command, [options] { return Report(*options); });
 }
 
 }  // namespace memleak

@@ -2,20 +2,101 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
 
-#include "tools/commands/commands.h"
+#include "tools/base/user_error.h"
+#include "tools/commands/all.h"
+#include "tools/commands/options.h"
 #include "tools/target/launcher.h"
 
 namespace memleak {
+namespace {
 
-int RunCommand(const RunOptions& options) {
+constexpr const char* kHelp = R"(
+Prepares a root directory, sets the environment and becomes PROGRAM, which
+keeps this process's id. Nothing is recorded until `memleak on PID`, unless
+--start is given. Children that the program forks are tracked too; "%p" in a
+root directory stands for each one's pid. --report-at-exit writes nothing when
+the program leaves by _exit or a fatal signal.
+
+With --kind, --start hooks libraries before main, and --report-at-exit reports
+that kind. Only libraries that the program is linked with are there by then:
+for those that it loads later, run it without --start and give
+`memleak on PID --kind ...` when they are loaded. What was hooked stands in the
+log (--log) and in `memleak libs PID`.
+
+Examples:
+  memleak run -- sqlite3 test.db
+  memleak run --start --report-at-exit --root out -- ./example
+  memleak run --depth 24 --unwind dwarf -- ./server
+  memleak run --start --kind mmap --lib libfoo.so -- ./server
+  memleak run --emulator 'qemu-aarch64 -L /' -- ./arm64-program
+
+Exit codes:
+  2  the program cannot be tracked, or root directory or log not be written
+  otherwise those of the program)";
+
+/// CLI11 knows nothing of the words behind the options.
+class RunFormatter : public CLI::Formatter {
+ public:
+  RunFormatter() { column_width(26); }
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "Usage: memleak run [OPTIONS] -- PROGRAM [ARGUMENTS...]\n\n";
+  }
+};
+
+// The program and its arguments. `from_dashes` is what the command line has from "--" on.
+std::vector<std::string> ProgramWords(const CLI::App& command,
+                                      const std::vector<std::string>& from_dashes) {
+  std::vector<std::string> words = command.remaining();
+  if (!words.empty() && words.front().front() == '-') {
+    throw UserError("unknown option: " + words.front(), "see memleak run --help");
+  }
+  // With a program before it, "--" is the program's own argument.
+  const bool own = !words.empty() || from_dashes.empty();
+  words.insert(words.end(), from_dashes.begin() + (own ? 0 : 1), from_dashes.end());
+  return words;
+}
+
+// Becomes the program; returns only by throwing.
+[[noreturn]] void Run(const RunOptions& options) {
   const LaunchPlan plan = PlanLaunch(options);
-  // The program's own output is not touched; a person at a terminal gets to know the PID.
+  // The program's own output is not touched; a user at a terminal gets to know the PID.
   if (isatty(STDERR_FILENO) == 1) {
     std::cerr << "memleak: process " << getpid() << ", root directory " << plan.root << std::endl;
   }
   if (!plan.note.empty()) std::cerr << "memleak: " << plan.note << std::endl;
   Launch(plan);
+}
+
+}  // namespace
+
+void AddRun(Program* program) {
+  CLI::App* command = program->AddCommand("run", "Start a program under the tracker", kHelp);
+  command->formatter(std::make_shared<RunFormatter>());
+  command->prefix_command();
+  const auto options = std::make_shared<RunOptions>();
+  command->add_flag("--start", options->start, "Record from before main");
+  command->add_flag("--report-at-exit", options->report_at_exit,
+                    "Write a report when the program ends");
+  AddKind(command, &options->kind);
+  AddHookNames(command, &options->libraries, &options->functions);
+  AddBacktraceOptions(command, &options->depth, &options->type);
+  command->add_option("--root", options->root, "Root directory (default: ./memleak.<pid>)")
+      ->option_text("DIR");
+  command->add_option("--log", options->log, "The tracker's log: a file, or stderr")
+      ->option_text("FILE");
+  command->add_option("--libdir", options->libdir, "Directory of the tracker's two libraries")
+      ->option_text("DIR");
+  command->add_option("--emulator", options->emulator, "Runs programs of another architecture")
+      ->option_text("COMMAND");
+  program->KeepDashes(command, &options->command);
+  program->SetAction(command, [command, options]() -> int {
+    options->command = ProgramWords(*command, options->command);
+    Run(*options);
+  });
 }
 
 }  // namespace memleak

@@ -124,13 +124,6 @@ const KindInfo& InfoOf(Kind kind) {
   return AllKinds()[static_cast<std::size_t>(kind)];
 }
 
-Kind ParseKind(const std::string& name) {
-  for (const KindInfo& info : AllKinds()) {
-    if (name == info.name) return info.kind;
-  }
-  throw UserError("--kind is none that there is: " + name, "give native, mmap, ion or gpu");
-}
-
 std::vector<std::string> ParseNames(const std::string& option, std::string_view list) {
   std::vector<std::string> names;
   while (true) {

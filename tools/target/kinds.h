@@ -44,9 +44,6 @@ const std::vector<KindInfo>& AllKinds();
 
 const KindInfo& InfoOf(Kind kind);
 
-/// The kind of this name. Throws UserError for any other.
-Kind ParseKind(const std::string& name);
-
 /// The names in a list separated by commas, each once, blanks around them stripped: the tracker
 /// itself would take those for parts of a name. Directories before a name are dropped. `option`
 /// says in errors where the list stands. Throws UserError when it names nothing, or a name cannot

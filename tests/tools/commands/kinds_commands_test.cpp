@@ -87,8 +87,8 @@ TEST(Kinds, EachMistakeIsOneLine) {
   ExpectHas(ReadTextFile(directory.Path("log")).value_or(""), "addr:0x100000\nparameter 0x10003");
   ExpectHas(outcome.output, "libfdtrack.so is not loaded in ");
   ExpectHas(outcome.output, "says: load libfdtrack failed: none; ");
-  ExpectHas(outcome.output, "--kind is none that there is: sea; give native, mmap, ion or gpu\n");
-  ExpectHas(outcome.output, "fd does not know: fly; ");
+  ExpectHas(outcome.output, "invalid --kind 'sea' (native, mmap, ion, gpu)\n");
+  ExpectHas(outcome.output, "invalid ACTION 'fly' (on, off, dump, clear)\n");
   ExpectHas(outcome.output, "--lib and --func say what is hooked");
   ExpectHas(outcome.output, "--lib names nothing; ");
   ExpectHas(outcome.output, "libtools_hook_no_plt.so  no-plt       -       -       -  no-plt   ");

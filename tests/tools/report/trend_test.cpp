@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "tests/tools/profile_builder.h"
-#include "tools/commands/watch.h"
+#include "tools/commands/watch_rounds.h"
 #include "tools/view/trend_table.h"
 
 namespace memleak {

@@ -1,5 +1,5 @@
-// `watch`: reports of a process in turn while it goes on recording, and what grew between them.
-// Called by main alone.
+// Reports of a process at intervals while it goes on recording, and what grew between them. Called
+// by `watch`; single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -16,10 +16,10 @@ namespace memleak {
 struct WatchOptions {
   pid_t pid = 0;
   std::uint32_t every_s = 30;
-  std::uint32_t for_s = 600;     ///< from the first report to the last; 0: without end
-  std::uint32_t timeout_s = 60;  ///< for each report; 0: without end
-  std::string directory;         ///< for the reports; made when missing, else empty
-  std::uint32_t top = 10;        ///< groups to print; 0: all
+  std::uint32_t for_s = 600;         ///< from the first report to the last; 0: without end
+  std::uint32_t timeout_s = 60;      ///< for each report; 0: without end
+  std::string directory;             ///< for the reports; made when missing, else empty
+  std::optional<std::uint32_t> top;  ///< groups to print (10); 0: all
   SymbolOptions symbols;
 };
 
@@ -36,6 +36,6 @@ std::optional<std::chrono::milliseconds> NextDue(std::chrono::milliseconds last,
 /// the output cannot be written any more. Then writes page, table and trend.json. Throws UserError
 /// when there is no report at all; returns kExitUserError when one failed later or another command
 /// interfered.
-int WatchCommand(const WatchOptions& options);
+int Watch(const WatchOptions& options);
 
 }  // namespace memleak

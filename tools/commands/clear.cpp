@@ -1,0 +1,51 @@
+// clear: drops what is recorded.
+#include <iostream>
+#include <memory>
+
+#include "tools/base/user_error.h"
+#include "tools/commands/all.h"
+#include "tools/commands/options.h"
+#include "tools/target/interference.h"
+#include "tools/target/process_info.h"
+#include "tools/target/signal_sender.h"
+
+namespace memleak {
+namespace {
+
+constexpr const char* kHelp = R"(
+Drops everything recorded so far, of every kind. Recording stays as it is, on
+or off. Name the kind that is recorded.
+
+Examples:
+  memleak clear 4711
+  memleak clear 4711 --kind mmap
+
+Exit codes:
+  0  the command was sent
+  2  no such process, not permitted, not tracked, or memory of another kind is
+     recorded)";
+
+struct ClearOptions {
+  pid_t pid = 0;
+  Kind kind = Kind::kNative;
+};
+
+int Clear(const ClearOptions& options) {
+  const ProcessInfo process = RequireTracked(options.pid);
+  RefuseBeside(process, options.kind);
+  SendCommand(process, InfoOf(options.kind).clear, 0);
+  std::cout << process.Label() << ": tables emptied\n";
+  return kExitOk;
+}
+
+}  // namespace
+
+void AddClear(Program* program) {
+  CLI::App* command = program->AddCommand("clear", "Drop everything recorded so far", kHelp);
+  const auto options = std::make_shared<ClearOptions>();
+  AddPid(command, &options->pid);
+  AddKind(command, &options->kind);
+  program->SetAction(command, [options] { return Clear(*options); });
+}
+
+}  // namespace memleak

@@ -1,0 +1,72 @@
+// Options that several commands share.
+#include "tools/commands/options.h"
+
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "tools/base/control.h"
+#include "tools/commands/command_line.h"
+#include "tools/target/site.h"
+
+namespace memleak {
+namespace {
+
+// A list that names nothing is an error, also where the option has a default.
+void ExpectNames(CLI::Option* option) {
+  const auto check = [option](std::string& list) {
+    ParseNames(option->get_name(), list);
+    return std::string();
+  };
+  option->transform(CLI::Validator(check, ""));
+}
+
+}  // namespace
+
+void AddPid(CLI::App* command, pid_t* pid) {
+  ExpectNumber(command->add_option("PID", *pid, "Process id")->required()->option_text(" "),
+               CLI::Range(1, std::numeric_limits<pid_t>::max()),
+               std::string("process id; find it with: ") + Advice().find_pid);
+}
+
+void AddKind(CLI::App* command, Kind* kind) {
+  std::vector<std::pair<std::string, Kind>> kinds;
+  for (const KindInfo& info : AllKinds()) kinds.emplace_back(info.name, info.kind);
+  AddChoice(command, "--kind", kind, kinds, "What is recorded: native (default), mmap, ion, gpu")
+      ->option_text("KIND");
+}
+
+void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions) {
+  ExpectNames(command
+                  ->add_option("--lib", *libraries,
+                               "Libraries to be hooked, for --kind mmap;\n"
+                               "ion and gpu have their own")
+                  ->option_text("NAME,..."));
+  ExpectNames(command
+                  ->add_option("--func", *functions,
+                               "Functions to be hooked in them (mmap,mmap64,\n"
+                               "munmap,mremap; for ion and gpu ioctl)")
+                  ->option_text("NAME,..."));
+}
+
+void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const char* summary) {
+  ExpectNumber(command->add_option("--depth", *depth, summary)->option_text("N"),
+               CLI::Range(1U, kMaxDepth), "frames, 1 to " + std::to_string(kMaxDepth));
+}
+
+void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
+                         std::optional<char>* type) {
+  AddDepth(command, depth, "Frames kept per allocation");
+  AddChoice<char>(command, "--unwind", type,
+                  {{"fp", kUnwindFramePointers}, {"dwarf", kUnwindTables}},
+                  "By frame pointers (aarch64's default) or\n"
+                  "unwind tables (x86-64's)")
+      ->option_text("fp|dwarf");
+}
+
+void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary) {
+  ExpectNumber32(command->add_option("--timeout", *timeout_s, summary)->option_text("SECONDS"),
+                 "seconds, such as 300; 0 waits without end");
+}
+
+}  // namespace memleak

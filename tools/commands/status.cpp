@@ -1,0 +1,151 @@
+// status: what is known of a process.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/base/control.h"
+#include "tools/base/format.h"
+#include "tools/base/names.h"
+#include "tools/base/user_error.h"
+#include "tools/commands/all.h"
+#include "tools/commands/options.h"
+#include "tools/target/interference.h"
+#include "tools/target/log_tail.h"
+#include "tools/target/process_info.h"
+#include "tools/target/report_wait.h"
+#include "tools/target/root_directory.h"
+#include "tools/target/site.h"
+
+namespace memleak {
+namespace {
+
+constexpr const char* kHelp = R"(
+Says whether a process is tracked, whether it records (as far as its log
+tells), where its root directory is, which properties hold and whether a
+report is there.
+
+Example:
+  memleak status 4711
+
+Exit codes:
+  0  tracked
+  1  not tracked, or loaded but not catching signal 44
+  2  no such process, or not permitted)";
+
+constexpr const char* kDeviceHelp = R"(
+Says whether a process is tracked, which properties hold and whether a report,
+of this or another process, is there. Whether it records stands in its log:
+logcat -s MemLeak.Native.
+
+Example:
+  memleak status 4711
+
+Exit codes:
+  0  tracked
+  1  not tracked, or loaded but not catching signal 44
+  2  no such process, or not permitted)";
+
+constexpr std::int64_t kNanoseconds = 1'000'000'000;
+
+// Why ReadTextFile gave nothing.
+std::string ReadFailure(const std::string& path) {
+  return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "not a plain file";
+}
+
+std::string UnknownRecording(const ProcessInfo& process) {
+  std::string text = "unknown" + WhyUnknown(process);
+  if (process.log.empty()) return text;
+  return text + " (its log cannot be read: " + ReadFailure(process.log) + ")";
+}
+
+std::string RecordingText(const ProcessInfo& process) {
+  if (!OwnLog(process)) return UnknownRecording(process);
+  switch (RecordingOf(process)) {
+    case Recording::kOn:
+      return "on";
+    case Recording::kPaused:
+      return "paused";
+    case Recording::kStopped:
+      return "off (stopped by a report)";
+    case Recording::kNever:
+      return "off (never switched on)";
+    case Recording::kUnknown:
+      break;
+  }
+  return "unknown";
+}
+
+// What the log tells of the kinds that are recorded through hooks; empty when nothing.
+std::string HooksText(const ProcessInfo& process) {
+  const std::optional<std::string> log = OwnLog(process);
+  return log ? HooksFromLog(*log) : "";
+}
+
+std::string SettingsText(const ProcessInfo& process) {
+  const StoredSettings stored = ReadSettings(process);
+  if (stored.place.empty())
+    return "none (backtrace type 0, size " + std::to_string(kDefaultDepth) + ")";
+  const BacktraceSettings settings = ParseSettings(stored.text);
+  const std::string type(1, settings.type.value_or(kUnwindFramePointers));
+  const char* method = type[0] == kUnwindFramePointers ? " (frame pointers)"
+                       : type[0] == kUnwindTables      ? " (dwarf)"
+                                                       : " (invalid)";
+  return "backtrace type " + Printable(type) + method + ", size " +
+         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + Printable(stored.place) +
+         "]";
+}
+
+std::string ReportText(const std::string& path) {
+  const std::optional<FileState> state = StateOf(path);
+  if (!state) return "none yet";
+  const std::int64_t age = std::time(nullptr) - state->modified_ns / kNanoseconds;
+  return Printable(path) + " (" + FormatBytes(static_cast<std::uint64_t>(state->size)) + ", " +
+         FormatAge(age) + " old" + (EndsComplete(path) ? ")" : ", incomplete)");
+}
+
+// Whether a command would be received; the emulator's mask proves nothing.
+bool TakesCommands(const ProcessInfo& process) {
+  return process.has_tracker && (process.is_emulated || process.catches_signal);
+}
+
+std::string SignalText(const ProcessInfo& process) {
+  if (!process.has_tracker) return "no";
+  if (process.is_emulated) return "yes (emulated: commands go by signal 46)";
+  return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
+}
+
+int PrintStatus(pid_t pid) {
+  const ProcessInfo process = InspectProcess(pid);
+  std::cout << "process     " << process.Label() << ", " << Printable(process.executable) << "\n"
+            << "tracked     " << SignalText(process) << "\n";
+  if (!process.has_tracker) return kExitNegative;
+  std::cout << "recording   " << RecordingText(process) << "\n";
+  const std::string hooks = HooksText(process);
+  if (!hooks.empty()) std::cout << "hooks       " << hooks << "\n";
+  std::cout << "root        " << Printable(process.root) << "\n"
+            << "properties  " << SettingsText(process) << "\n"
+            << "report      " << ReportText(process.ReportPath()) << "\n";
+  const std::string log = LogPlace(process);
+  if (!log.empty()) std::cout << "log         " << Printable(log) << "\n";
+  return TakesCommands(process) ? kExitOk : kExitNegative;
+}
+
+}  // namespace
+
+void AddStatus(Program* program) {
+  const bool is_device = program->GetEdition() == Edition::kDevice;
+  CLI::App* command = program->AddCommand("status", "Say what is known of a process",
+                                          is_device ? kDeviceHelp : kHelp);
+  const auto pid = std::make_shared<pid_t>();
+  AddPid(command, pid.get());
+  program->SetAction(command, [pid] { return PrintStatus(*pid); });
+}
+
+}  // namespace memleak

@@ -1,0 +1,42 @@
+// Hooked functions as lines of text.
+#include "tools/view/hooked_pairs.h"
+
+#include <iostream>
+#include <string>
+
+#include "tools/base/format.h"
+#include "tools/base/user_error.h"
+
+namespace memleak {
+
+void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out) {
+  std::string library;
+  for (const HookPair& pair : pairs) {
+    if (pair.library == library) {
+      out << ", " << pair.function;
+      continue;
+    }
+    if (!library.empty()) out << "\n";
+    library = pair.library;
+    out << what << FitWidth(library, 80) << ": " << pair.function;
+  }
+  if (!library.empty()) out << "\n";
+}
+
+void PrintStillHooked(const ProcessInfo& process) {
+  const ProcessMemory memory(process.pid);
+  if (!memory.IsOpen()) return;
+  std::vector<HookPair> left;
+  try {
+    left = AllHookedPairs(process, memory);
+  } catch (const UserError&) {
+    return;  // it has ended since, and took all hooks with it
+  }
+  if (left.empty()) return;
+  PrintPairs("hooked  ", left, std::cout);
+  std::cout
+      << "        Still, but nothing is recorded: of hooks that several `on` have put in, one\n"
+         "        report takes one off, in the libraries that the latest `on` has named.\n";
+}
+
+}  // namespace memleak

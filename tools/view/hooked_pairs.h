@@ -1,0 +1,19 @@
+// Hooked functions as lines of text. Called by `on` and `report`; single-threaded.
+#pragma once
+
+#include <iosfwd>
+#include <vector>
+
+#include "tools/target/hook_targets.h"
+#include "tools/target/process_info.h"
+
+namespace memleak {
+
+/// One line for each library of `pairs`, which are sorted by library: `what`, the library and its
+/// functions.
+void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out);
+
+/// After a report of a hooked kind: prints what is still hooked, as far as slots can be read.
+void PrintStillHooked(const ProcessInfo& process);
+
+}  // namespace memleak
