@@ -5,8 +5,8 @@
 #include "tools/base/user_error.h"
 #include "tools/commands/all.h"
 #include "tools/commands/options.h"
+#include "tools/target/inspect.h"
 #include "tools/target/interference.h"
-#include "tools/target/process_info.h"
 #include "tools/target/signal_sender.h"
 
 namespace memleak {

@@ -20,7 +20,7 @@
 #include "tools/export/json.h"
 #include "tools/export/pprof.h"
 #include "tools/export/speedscope.h"
-#include "tools/view/printer.h"
+#include "tools/view/layout.h"
 
 namespace memleak {
 namespace {

@@ -15,6 +15,7 @@
 #include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/hook_outcome.h"
+#include "tools/target/inspect.h"
 #include "tools/target/log_tail.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/signal_sender.h"

@@ -10,6 +10,7 @@
 #include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/hook_targets.h"
+#include "tools/target/inspect.h"
 
 namespace memleak {
 namespace {

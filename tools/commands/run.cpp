@@ -51,7 +51,7 @@ class RunFormatter : public CLI::Formatter {
 std::vector<std::string> ProgramWords(const CLI::App& command,
                                       const std::vector<std::string>& from_dashes) {
   std::vector<std::string> words = command.remaining();
-  if (!words.empty() && words.front().front() == '-') {
+  if (!words.empty() && words.front().starts_with('-')) {
     throw UserError("unknown option: " + words.front(), "see memleak run --help");
   }
   // With a program before it, "--" is the program's own argument.

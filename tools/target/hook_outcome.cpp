@@ -6,6 +6,8 @@
 #include <string_view>
 #include <thread>
 
+#include "tools/target/inspect.h"
+
 namespace memleak {
 namespace {
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/target/kinds.h"
+#include "tools/target/log_tail.h"
 #include "tools/target/process_info.h"
 
 namespace memleak {

@@ -12,6 +12,7 @@
 
 #include "tools/base/files.h"
 #include "tools/target/elf_info.h"
+#include "tools/target/inspect.h"
 
 namespace memleak {
 namespace {

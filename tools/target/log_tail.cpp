@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tools/base/control.h"
 #include "tools/target/report_wait.h"
 
 namespace memleak {
@@ -68,6 +69,21 @@ std::uint64_t ReceivedWord(std::string_view line) {
   const std::string_view digits = line.substr(address + kAddress.size());
   std::from_chars(digits.data(), digits.data() + digits.size(), word, 16);
   return word;
+}
+
+Recording RecordingFromLog(std::string_view log) {
+  Recording state = Recording::kNever;
+  std::istringstream lines{std::string(log)};
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("set hook to:true") != std::string::npos) state = Recording::kOn;
+    if (line.find("set hook to:false") != std::string::npos) state = Recording::kPaused;
+    // Stopping logs no line of its own, so the command word itself is read.
+    const std::uint64_t word = ReceivedWord(line);
+    if ((word & kNativeOn) != 0) state = Recording::kOn;
+    if ((word & kNativePause) != 0) state = Recording::kPaused;
+    if ((word & kNativeReport) != 0) state = Recording::kStopped;
+  }
+  return state;
 }
 
 std::string LogText(const std::string& line) {

@@ -36,6 +36,12 @@ std::optional<std::string> OwnLog(const ProcessInfo& process);
 /// The command word of a line that says that one was received; 0 for any other line.
 std::uint64_t ReceivedWord(std::string_view line);
 
+/// What the tracker's log says about native recording.
+enum class Recording { kUnknown, kNever, kOn, kPaused, kStopped };
+
+/// The state after the last command in the text of a tracker log.
+Recording RecordingFromLog(std::string_view log);
+
 /// A line without time, process, thread and priority: "TAG: TEXT".
 std::string LogText(const std::string& line);
 

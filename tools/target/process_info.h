@@ -1,6 +1,4 @@
-// What /proc tells about a process: is the tracker in it, would it survive the control signal,
-// where does it keep its files. The text parsers stand apart from the reading, so they can be
-// tested with made-up text. Single-threaded.
+// A process as /proc shows it, and the parsers of those texts. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -12,6 +10,9 @@
 #include <string_view>
 
 namespace memleak {
+
+/// The value of the field `name` in the text of /proc/PID/status; empty when there is none.
+std::string_view StatusField(std::string_view status, std::string_view name);
 
 /// True when bit `signal` - 1 of the SigCgt mask in the text of /proc/PID/status is set.
 bool CatchesSignal(std::string_view status, int signal);
@@ -61,32 +62,10 @@ struct ProcessInfo {
   std::string ReportPath() const;
 };
 
-/// The text of /proc/PID/maps. Throws UserError as InspectProcess does.
-std::string ReadMaps(pid_t pid);
-
-/// Looks at process `pid`. Throws UserError when there is no such process or looking is not
-/// allowed.
-ProcessInfo InspectProcess(pid_t pid);
-
-/// How long a command waits for a process that is only just being started. Emulators are slow.
-inline constexpr int kStartPatienceMs = 3000;
-
-/// As InspectProcess, for a process that a command is about to be sent to. Throws UserError unless
-/// the tracker is loaded and the signal is handled: at once for a process of more than 3 s, after
-/// up to `patience_ms` for one that is younger or still this controller. A young process under an
-/// emulator is given a moment after the tracker is loaded, within the same patience.
-ProcessInfo RequireTracked(pid_t pid, int patience_ms = kStartPatienceMs);
-
-/// True while `pid` names a process that has not ended.
-bool IsAlive(pid_t pid);
+/// True when `executable` is a user-mode emulator.
+bool IsEmulator(const std::string& executable);
 
 /// Whether this controller itself runs under a user-mode emulator.
 bool RunsEmulated();
-
-/// What the tracker's log says about native recording.
-enum class Recording { kUnknown, kNever, kOn, kPaused, kStopped };
-
-/// The state after the last command in the text of a tracker log.
-Recording RecordingFromLog(std::string_view log);
 
 }  // namespace memleak

@@ -11,6 +11,7 @@
 #include "tools/base/control.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
+#include "tools/target/inspect.h"
 #include "tools/target/report_wait.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/signal_sender.h"

@@ -12,7 +12,7 @@
 
 #include "tools/base/format.h"
 #include "tools/report/diff.h"
-#include "tools/view/printer.h"
+#include "tools/view/layout.h"
 
 namespace memleak {
 namespace {

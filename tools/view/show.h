@@ -2,26 +2,16 @@
 // single-threaded.
 #pragma once
 
-#include <cstddef>
 #include <iosfwd>
 
-#include "tools/report/aggregate.h"
 #include "tools/report/model.h"
+#include "tools/view/show_views.h"
 
 namespace memleak {
 
 /// What is said of a report without groups.
 inline constexpr const char* kNothingHeld =
     "nothing recorded is still held; was recording on? (memleak on PID)";
-
-enum class View { kGroups, kLibraries, kFunctions, kTree, kCallers };
-
-struct ViewOptions {
-  View view = View::kGroups;
-  std::size_t top = 10;      ///< groups, rows, or branches at each fork; 0: all
-  Selection selection = {};  ///< its kind is not looked at: both are printed, one after the other
-  bool color = false;
-};
 
 /// Prints the figures of the report, the view of its groups, and how much lies outside of what is
 /// shown. Throws UserError when the filter cannot be read; nothing is printed then.

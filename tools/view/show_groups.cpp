@@ -3,7 +3,8 @@
 #include <ostream>
 
 #include "tools/base/format.h"
-#include "tools/view/printer.h"
+#include "tools/view/layout.h"
+#include "tools/view/show_views.h"
 
 namespace memleak {
 namespace {

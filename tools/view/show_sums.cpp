@@ -5,7 +5,8 @@
 #include <utility>
 
 #include "tools/base/format.h"
-#include "tools/view/printer.h"
+#include "tools/view/layout.h"
+#include "tools/view/show_views.h"
 
 namespace memleak {
 namespace {

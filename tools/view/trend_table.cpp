@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "tools/base/format.h"
-#include "tools/view/printer.h"
+#include "tools/view/layout.h"
 
 namespace memleak {
 namespace {

@@ -16,6 +16,8 @@
 #include "tests/control_signal.h"
 #include "tools/base/control.h"
 #include "tools/base/user_error.h"
+#include "tools/target/inspect.h"
+#include "tools/target/log_tail.h"
 #include "tools/target/signal_sender.h"
 
 namespace memleak {

@@ -1,13 +1,10 @@
-// The pieces that every printed view is made of. Called by the views; single-threaded.
+// Parts of printed lines. Called by everything in view/ and by `export`; single-threaded.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
 #include <string>
 #include <string_view>
-
-#include "tools/view/show.h"
 
 namespace memleak {
 
@@ -29,15 +26,6 @@ std::string Right(const std::string& text, std::size_t width);
 /// on two lines, the second one indented by two.
 std::string OneLineOrTwo(const std::string& first, const std::string& second);
 
-/// One kind of groups on its way to the terminal.
-struct Section {
-  const Profile& profile;
-  const ViewOptions& options;
-  const Selected& selected;
-  std::uint64_t whole = 0;  ///< bytes that shares are given of
-  const char* mark = "";    ///< before a group's number
-};
-
 /// Colours where they are wanted.
 class Paint {
  public:
@@ -55,10 +43,5 @@ class Paint {
   }
   bool on_;
 };
-
-/// The views; each returns what it leaves out of the selection for the sake of --top.
-Sums PrintGroups(const Section& section, std::ostream& out);
-Sums PrintRows(const Section& section, RowKind kind, std::ostream& out);
-Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out);
 
 }  // namespace memleak

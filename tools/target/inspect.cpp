@@ -1,0 +1,189 @@
+// Reads /proc for the commands that name a PID.
+#include "tools/target/inspect.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <thread>
+
+#include "tools/base/control.h"
+#include "tools/base/files.h"
+#include "tools/base/user_error.h"
+#include "tools/target/site.h"
+
+namespace memleak {
+namespace {
+
+constexpr auto kStartPoll = std::chrono::milliseconds(20);
+// A process younger than this may still have to become the program, or its dynamic linker to come
+// to the tracker.
+constexpr double kYoungSeconds = 3.0;
+// From the tracker's being mapped to its handler's being set, where no mask tells of the latter.
+constexpr auto kEmulatedSettle = std::chrono::milliseconds(500);
+
+// The effective one of the ids in a field such as "Uid": real, effective, saved, file system.
+std::uint32_t EffectiveId(std::string_view status, std::string_view name) {
+  std::string_view ids = StatusField(status, name);
+  ids.remove_prefix(std::min(ids.find('\t') + 1, ids.size()));
+  std::uint32_t id = 0;
+  std::from_chars(ids.data(), ids.data() + ids.size(), id);
+  return id;
+}
+
+UserError NoSuchProcess(pid_t pid) {
+  return {"no such process: " + std::to_string(pid),
+          std::string("find it with: ") + Advice().find_pid};
+}
+
+UserError NotPermitted(pid_t pid, const std::string& path) {
+  return {"not permitted to look at process " + std::to_string(pid) + " (" + path + ")",
+          Advice().permission};
+}
+
+// Reads a whole file of /proc; errors become the messages a person needs.
+std::string ReadProc(pid_t pid, const std::string& name) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/" + name;
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    if (errno == EACCES || errno == EPERM) throw NotPermitted(pid, path);
+    throw NoSuchProcess(pid);
+  }
+  std::string text;
+  std::array<char, 65536> buffer{};
+  ssize_t count = 0;
+  while ((count = read(file, buffer.data(), buffer.size())) > 0) {
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  const int error = errno;
+  close(file);
+  if (count < 0 && (error == EACCES || error == EPERM)) throw NotPermitted(pid, path);
+  if (count < 0) throw NoSuchProcess(pid);
+  return text;
+}
+
+// Whether the process was forked only just now. Its environment tells nothing yet: before it
+// becomes a program it is a copy of the shell.
+bool IsYoung(pid_t pid) {
+  const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));
+  timespec now{};
+  if (!ticks || clock_gettime(CLOCK_BOOTTIME, &now) != 0) return false;
+  const double start = static_cast<double>(*ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 - start <
+         kYoungSeconds;
+}
+
+// The text of /proc/PID/status of a process that has not ended.
+std::string ReadStatus(pid_t pid) {
+  std::string status = ReadProc(pid, "status");
+  if (IsZombie(status)) {
+    throw UserError("no such process: " + std::to_string(pid) + " has ended", "start it again");
+  }
+  return status;
+}
+
+// What a process is running: these change when it becomes another program.
+struct Image {
+  std::string executable;
+  std::string environment;
+  bool operator==(const Image&) const = default;
+};
+
+Image ReadImage(pid_t pid) {
+  return {LinkTarget("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
+}
+
+// One look at a process; says in `steady` whether it was one and the same program throughout.
+ProcessInfo Look(pid_t pid, bool* steady) {
+  // First for processes that have ended: only root may read the rest of theirs.
+  ReadStatus(pid);
+  const Image image = ReadImage(pid);
+  const std::string status = ReadStatus(pid);
+  ProcessInfo process;
+  process.pid = pid;
+  process.user = EffectiveId(status, "Uid");
+  process.group = EffectiveId(status, "Gid");
+  process.name = StatusField(status, "Name");
+  process.catches_signal = CatchesSignal(status, kControlSignal);
+  process.environment = ParseEnvironment(image.environment);
+  process.has_tracker = MapsLibrary(ReadMaps(pid), kTrackerLibrary);
+  process.executable = image.executable;
+  process.is_emulated = IsEmulator(process.executable);
+  if (process.is_emulated) {
+    const std::string guest = GuestName(ReadProc(pid, "cmdline"));
+    if (!guest.empty()) process.name = guest;
+  }
+  *steady = image == ReadImage(pid);
+  return process;
+}
+
+UserError NotTracked(const ProcessInfo& process) {
+  if (!process.has_tracker) {
+    return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
+            std::string("start it ") + Advice().with_tracker};
+  }
+  return {"process " + process.Label() +
+              " does not catch signal 44, which would kill it; nothing was sent",
+          std::string("start it anew ") + Advice().with_tracker};
+}
+
+}  // namespace
+
+std::string ReadMaps(pid_t pid) {
+  return ReadProc(pid, "maps");
+}
+
+ProcessInfo InspectProcess(pid_t pid) {
+  if (pid <= 0) throw UserError("not a process id: " + std::to_string(pid), "give a PID above 0");
+  // A program that starts another without end is taken as it is after some looks.
+  constexpr int kLooks = 10;
+  bool steady = false;
+  ProcessInfo process = Look(pid, &steady);
+  for (int look = 1; !steady && look < kLooks; ++look) process = Look(pid, &steady);
+
+  FindPlaces(&process);
+  return process;
+}
+
+ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
+  using std::chrono::steady_clock;
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(patience_ms);
+  const std::string controller = LinkTarget("/proc/self/exe");
+  std::optional<steady_clock::time_point> mapped;
+  bool was_controller = false;
+  while (true) {
+    ProcessInfo process = InspectProcess(pid);
+    const auto now = steady_clock::now();
+    // An old shell may become the controller too, and that the program.
+    was_controller = was_controller || process.executable == controller;
+    const bool starting = now < deadline && (was_controller || IsYoung(pid));
+    if (process.has_tracker) {
+      if (!mapped) mapped = now;
+      // The emulator catches every real-time signal, so there the mask proves nothing.
+      const bool settled = !starting || now - *mapped >= kEmulatedSettle;
+      if (process.is_emulated ? settled : process.catches_signal) return process;
+    }
+    if (!starting) throw NotTracked(process);
+    std::this_thread::sleep_for(kStartPoll);
+  }
+}
+
+bool IsAlive(pid_t pid) {
+  if (kill(pid, 0) != 0 && errno == ESRCH) return false;
+  try {
+    return !IsZombie(ReadProc(pid, "status"));
+  } catch (const UserError&) {
+    return false;
+  }
+}
+
+}  // namespace memleak
