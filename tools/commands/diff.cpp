@@ -61,8 +61,8 @@ struct DiffOptions {
   bool partial = false;
 };
 
-// All bytes of a report. A gate must not pass because a damaged head reads as 0 bytes, nor because
-// Java-native groups, which no head counts, are missing.
+// All bytes of a report, with the Java-native groups, which the head does not count. Throws for a
+// damaged report: its total may read as 0, and --fail-over would pass wrongly.
 std::uint64_t TotalBytes(const Profile& profile) {
   const bool whole = profile.complete && profile.damaged_lines == 0;
   if (!whole || profile.header.total_bytes < profile.Listed(GroupKind::kNative).bytes) {
@@ -72,7 +72,7 @@ std::uint64_t TotalBytes(const Profile& profile) {
   return AddSaturated(profile.header.total_bytes, profile.Listed(GroupKind::kJava).bytes);
 }
 
-// Throws UserError when that cannot be told.
+// Whether the total grew by more than `limit`; prints by how much. Throws as TotalBytes.
 bool GrewOver(const Profile& before, const Profile& after, std::uint64_t limit) {
   const std::uint64_t growth = SubtractSaturated(TotalBytes(after), TotalBytes(before));
   if (growth <= limit) return false;

@@ -1,4 +1,4 @@
-// fd: steers the outside library that tracks file descriptors, through the tracker.
+// fd: commands for the separate library that tracks file descriptors. The tracker forwards them.
 #include <algorithm>
 #include <chrono>
 #include <iostream>
@@ -48,13 +48,13 @@ using std::chrono::steady_clock;
 constexpr const char* kFdLibrary = "libfdtrack.so";
 constexpr auto kPoll = milliseconds(20);
 constexpr auto kPatience = milliseconds(3000);
-// The tracker says when a command has come, and after that only what went wrong.
+// The tracker logs that a command arrived, and afterwards only failures.
 constexpr auto kSettle = milliseconds(200);
 
 struct Action {
   const char* name;
   std::uint64_t word;
-  bool needs_library;  ///< does nothing unless the library was loaded by an earlier "on"
+  bool needs_library;  ///< has no effect unless an earlier "on" loaded the library
   const char* done;
 };
 
@@ -75,15 +75,15 @@ bool HasFdLibrary(const ProcessInfo& process) {
   return MapsLibrary(ReadMaps(process.pid), kFdLibrary);
 }
 
-// As for native recording: what was asked for, else what is in force.
+// The depth that was given, else the one in force, as for native recording.
 std::uint32_t ParameterFor(const ProcessInfo& process, const FdOptions& options) {
   const BacktraceSettings settings = ParseSettings(ReadSettings(process).text);
   const std::uint32_t depth = options.depth.value_or(settings.depth.value_or(kDefaultDepth));
   return ParameterWord(std::min(depth, kMaxDepth), settings.type.value_or(kUnwindFramePointers));
 }
 
-// What the tracker complains of, once the command has come and some time has passed; nothing when
-// the time is over and it has not.
+// The tracker's complaints, taken a moment after the command arrived. Nothing if it does not arrive
+// in time.
 std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool is_emulated) {
   const auto deadline = steady_clock::now() + (is_emulated ? 2 * kPatience : kPatience);
   std::optional<steady_clock::time_point> received;
@@ -98,7 +98,7 @@ std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool i
   return std::nullopt;
 }
 
-// Without a log: whether the library has come.
+// Whether the library is loaded in time, for processes without a log.
 bool WaitForLibrary(const ProcessInfo& process) {
   const auto deadline = steady_clock::now() + kPatience;
   while (steady_clock::now() < deadline) {

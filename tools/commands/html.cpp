@@ -40,7 +40,7 @@ struct HtmlOptions {
   bool partial = false;          ///< show what is there of a truncated report
 };
 
-// The page about a report, and about what changed since an older one.
+// The page for a report, or for the changes since an older one.
 std::string ReportPage(const HtmlOptions& options) {
   SymbolOptions symbols = options.symbols;
   symbols.progress = true;
@@ -52,7 +52,7 @@ std::string ReportPage(const HtmlOptions& options) {
   const std::string path = FindReport(options.report);
   if (!IsJsonDocument(path)) return HtmlPage(OpenProfile(path, options.partial, symbols));
   const Document document = OpenDocument(path, options.partial, symbols);
-  // One of two reports has more to it than a profile holds.
+  // A document that compares two reports holds more than a profile does.
   return document.base ? HtmlPage(document.text) : HtmlPage(document.profile);
 }
 

@@ -1,4 +1,4 @@
-// Finding and opening reports.
+// Finds and opens reports.
 #include "tools/commands/input.h"
 
 #include <algorithm>
@@ -17,12 +17,12 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kDamagedLinesShown = 5;
 
-// What to do when a library's file is newer than the report, and than the earlier of two.
+// Advice for libraries that are newer than the report, and than the earlier of two.
 constexpr const char* kNewerRemedy = "keep the files of that time and name them by --sysroot";
 constexpr const char* kNewerOldRemedy =
     "name the files of that time by --old-symbols or --old-sysroot";
 
-// Rising numbers of lines as "16-30, 44".
+// Ascending line numbers as "16-30, 44".
 std::string Ranges(const std::vector<std::uint64_t>& lines) {
   std::string text;
   for (std::size_t i = 0; i < lines.size();) {
@@ -36,8 +36,8 @@ std::string Ranges(const std::vector<std::uint64_t>& lines) {
   return text;
 }
 
-// What the head lacks, the first damaged lines with what is wrong with them, and the numbers of the
-// others. A document has numbers alone.
+// Prints what the head lacks, the first damaged lines with their errors, and the numbers of the
+// others. A document holds only numbers.
 void WarnOfDamage(const Profile& profile) {
   std::size_t told = 0;
   std::vector<std::uint64_t> others;
@@ -61,7 +61,7 @@ void WarnOfDamage(const Profile& profile) {
   std::cerr << "\n";
 }
 
-// Names taken from a file of another build are wrong, and nothing else would tell.
+// Symbols of another build are wrong, and nothing else shows it.
 void WarnOfNewerFiles(const Profile& profile, const std::string& remedy) {
   const auto newer = [](const Library& library) { return library.newer; };
   const auto first = std::find_if(profile.libraries.begin(), profile.libraries.end(), newer);
@@ -85,7 +85,7 @@ void CheckDirectories(const SymbolOptions& options) {
   }
 }
 
-void WarnOfVainDirectories(const std::string& document, const SymbolOptions& options) {
+void WarnUnusedSymbolDirs(const std::string& document, const SymbolOptions& options) {
   if (options.symbol_dirs.empty() && options.sysroot.empty()) return;
   std::cerr << "memleak: " << FitWidth(document, 60)
             << ": directories are of no use, symbols in a document are those of its time\n";
@@ -109,7 +109,7 @@ Profile Open(const std::string& given, bool partial, const SymbolOptions& option
   CheckDirectories(options);
   const std::string path = FindReport(given);
   const bool document = IsJsonDocument(path);
-  if (document) WarnOfVainDirectories(path, options);
+  if (document) WarnUnusedSymbolDirs(path, options);
   Profile profile = document ? LoadDocument(path) : LoadProfile(path, options);
   Check(profile, partial);
   WarnOfNewerFiles(profile, newer_remedy);
@@ -125,7 +125,7 @@ std::string FindReport(const std::string& given) {
   for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
     std::error_code error;
     const bool found = fs::is_regular_file(candidate, error);
-    // A directory without permission hides whether the report is there.
+    // Without permission for the directory nobody knows whether the report exists.
     if (found || error == std::errc::permission_denied) return candidate.string();
   }
   throw UserError("no report below " + given, "write one with: memleak report PID");
@@ -139,7 +139,7 @@ ProfilePair OpenPair(const std::string& before, const std::string& after, bool p
                      const SymbolOptions& options, const OldSymbolOptions& old_options) {
   SymbolOptions old_symbols = ForOld(options, old_options);
   SymbolOptions symbols = options;
-  // Directories that are for both are of use if one of the two is a report.
+  // Directories for both are used if at least one of the two is a report.
   const bool own = !old_options.symbol_dirs.empty() || !old_options.sysroot.empty();
   const bool old_document = IsJsonDocument(FindReport(before));
   const bool document = IsJsonDocument(FindReport(after));
@@ -152,7 +152,7 @@ ProfilePair OpenPair(const std::string& before, const std::string& after, bool p
 
 Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options) {
   CheckDirectories(options);
-  WarnOfVainDirectories(path, options);
+  WarnUnusedSymbolDirs(path, options);
   Document document = LoadAnyDocument(path);
   Check(document.profile, partial);
   if (document.base) Check(*document.base, partial);

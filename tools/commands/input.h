@@ -1,4 +1,4 @@
-// A report as a person names it on the command line. Called by the commands that read reports;
+// Finds and opens the reports named on the command line. Called by the commands that read reports;
 // single-threaded.
 #pragma once
 
@@ -9,26 +9,27 @@
 
 namespace memleak {
 
-/// The report that `given` stands for: itself, or the one below it when it is a root directory.
-/// Throws UserError when there is none.
+/// The path of the report: `given`, or the report below it if that is a root directory. Throws
+/// UserError if there is none.
 std::string FindReport(const std::string& given);
 
-/// LoadProfile or LoadDocument for what a person named: finds the report, names on the error output
-/// damaged lines, files that are newer than it, and directories given in vain, since a document
-/// brings its symbols along. Throws UserError for a truncated report unless `partial` is set.
+/// Finds the report and loads it by LoadProfile or LoadDocument. Warns on the error output of
+/// damaged lines, of libraries newer than the report, and of symbol directories given for a
+/// document, which has its symbols. Throws UserError for a truncated report unless `partial` is
+/// set.
 Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options);
 
-/// Two reports that are to be compared.
+/// Two reports to compare.
 struct ProfilePair {
   Profile before;
   Profile after;
 };
 
-/// OpenProfile for both. `old_options` are for the earlier one alone, where they are given.
+/// OpenProfile for both. What is set in `old_options` replaces `options` for the earlier one.
 ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
                      const SymbolOptions& options, const OldSymbolOptions& old_options);
 
-/// OpenProfile for the document at `path`, which may be of two reports: both are checked then.
+/// OpenProfile for the document at `path`. If it compares two reports, both are checked.
 Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options);
 
 }  // namespace memleak

@@ -126,7 +126,7 @@ class LibraryTable {
   }
 
   void PrintRows() const {
-    // Six columns of eight characters leave this much of eighty for the names.
+    // Six columns of eight characters leave 31 columns of 80 for names, and a blank.
     constexpr std::size_t kMostNameColumns = 31;
     std::size_t width = 0;
     for (const Row& row : rows_) width = std::max(width, Columns(row.library->name));
@@ -137,7 +137,7 @@ class LibraryTable {
     }
     std::cout << "\n";
     for (const Row& row : rows_) {
-      // Names are to be copied, so long ones are not cut but get a line of their own.
+      // Users copy the names, so a long one is not shortened but gets its own line.
       const std::size_t columns = Columns(row.library->name);
       std::cout << FitWidth(row.library->name, 255)
                 << (columns > width ? "\n" + std::string(width, ' ')

@@ -112,7 +112,7 @@ char DefaultType(const ProcessInfo& process) {
   return MachineOf(process) == EM_AARCH64 ? kUnwindFramePointers : kUnwindTables;
 }
 
-// Puts the chosen settings in force, and defaults where a process has none; returns what holds.
+// Writes the chosen settings, and defaults if the process has none. Returns the settings in force.
 BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
   const StoredSettings stored = ReadSettings(process);
   BacktraceSettings wanted{options.depth, options.type};
@@ -139,7 +139,7 @@ void Complain(const std::string& line) {
   std::cerr << "memleak: " << Printable(line) << "\n";
 }
 
-// What can be done of the options; says what cannot. Throws when that is all of it.
+// The hooks that are possible. Prints why others are not; throws if none is.
 HookPlan PlanFor(const ProcessInfo& process, const LoadedLibraries& loaded,
                  const OnOptions& options, const ProcessMemory& memory) {
   const HookNames names = NamesFor(options.kind, options.libraries, options.functions);
@@ -154,7 +154,7 @@ HookPlan PlanFor(const ProcessInfo& process, const LoadedLibraries& loaded,
   return plan;
 }
 
-// Puts the settings in force and returns the number of frames that are kept.
+// Writes the settings and returns the number of frames kept per record.
 std::uint32_t WriteHookSettings(const ProcessInfo& process, const OnOptions& options,
                                 const HookPlan& plan) {
   if (options.type.value_or(kUnwindFramePointers) != kUnwindFramePointers) {
@@ -192,7 +192,7 @@ int StartHooking(const OnOptions& options) {
   const LogTail log(process);
   const bool hooked_before = !HookedPairs(process, plan, memory).empty();
 
-  // Both bits in one word: recording goes on first, and what there was is dropped if it did.
+  // The tracker handles the lower bit, on, first and then clears the tables.
   SendCommand(process, options.keep ? kind.on : kind.on | kind.clear, 0);
   const HookOutcome outcome =
       WaitForHooks(process, kind, plan, log, memory, TrampolineBytes(loaded.mappings));
@@ -232,7 +232,7 @@ int StartRecording(const OnOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
   RefuseBeside(process, options.kind);
   const BacktraceSettings settings = ApplySettings(process, options);
-  // Both bits in one word: recording goes on first and is then emptied.
+  // The tracker handles the lower bit, on, first and then clears the tables.
   const std::uint64_t word = options.keep ? kNativeOn : kNativeOn | kNativeClear;
   SendCommand(process, word, ParameterWord(std::min(*settings.depth, kMaxDepth), *settings.type));
   std::cout << process.Label() << ": recording on, "

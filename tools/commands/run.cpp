@@ -38,7 +38,7 @@ Exit codes:
   2  the program cannot be tracked, or root directory or log not be written
   otherwise those of the program)";
 
-/// CLI11 knows nothing of the words behind the options.
+/// CLI11 does not know of the program's words after the options.
 class RunFormatter : public CLI::Formatter {
  public:
   RunFormatter() { column_width(26); }
@@ -54,16 +54,16 @@ std::vector<std::string> ProgramWords(const CLI::App& command,
   if (!words.empty() && words.front().starts_with('-')) {
     throw UserError("unknown option: " + words.front(), "see memleak run --help");
   }
-  // With a program before it, "--" is the program's own argument.
+  // "--" after the program's name is an argument of the program.
   const bool own = !words.empty() || from_dashes.empty();
   words.insert(words.end(), from_dashes.begin() + (own ? 0 : 1), from_dashes.end());
   return words;
 }
 
-// Becomes the program; returns only by throwing.
+// Replaces this process by the program. Throws UserError on failure, and never returns.
 [[noreturn]] void Run(const RunOptions& options) {
   const LaunchPlan plan = PlanLaunch(options);
-  // The program's own output is not touched; a user at a terminal gets to know the PID.
+  // Only a user at a terminal sees the PID; the program's own output stays as it is.
   if (isatty(STDERR_FILENO) == 1) {
     std::cerr << "memleak: process " << getpid() << ", root directory " << plan.root << std::endl;
   }

@@ -1,4 +1,4 @@
-// show: a report for people, or for programs.
+// show: a report as text or as JSON.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -71,7 +71,7 @@ struct ShowOptions {
 
 constexpr std::size_t kDefaultTop = 10;
 
-// By the custom of https://no-color.org, an empty variable counts as none.
+// See https://no-color.org: an empty NO_COLOR counts as unset.
 bool WantsColor() {
   const char* refused = std::getenv("NO_COLOR");
   const char* terminal = std::getenv("TERM");
@@ -79,7 +79,7 @@ bool WantsColor() {
          terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
-// Native groups first, each kind in the order asked for, at most `top` of each.
+// Native groups, then Java ones: each kind sorted as requested and cut to `top` groups.
 std::vector<std::size_t> ChooseGroups(const Profile& profile, const ShowOptions& options) {
   std::vector<std::size_t> chosen;
   Selection selection = options.view.selection;

@@ -54,7 +54,7 @@ Exit codes:
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 
-// Why ReadTextFile gave nothing.
+// Why ReadTextFile failed.
 std::string ReadFailure(const std::string& path) {
   return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "not a plain file";
 }
@@ -82,7 +82,7 @@ std::string RecordingText(const ProcessInfo& process) {
   return "unknown";
 }
 
-// What the log tells of the kinds that are recorded through hooks; empty when nothing.
+// The state of the hooked kinds according to the log; empty if it does not mention them.
 std::string HooksText(const ProcessInfo& process) {
   const std::optional<std::string> log = OwnLog(process);
   return log ? HooksFromLog(*log) : "";
@@ -110,7 +110,7 @@ std::string ReportText(const std::string& path) {
          FormatAge(age) + " old" + (EndsComplete(path) ? ")" : ", incomplete)");
 }
 
-// Whether a command would be received; the emulator's mask proves nothing.
+// Whether the process would receive a command. The signal mask of an emulator proves nothing.
 bool TakesCommands(const ProcessInfo& process) {
   return process.has_tracker && (process.is_emulated || process.catches_signal);
 }

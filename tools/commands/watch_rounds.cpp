@@ -1,5 +1,5 @@
-// The rounds of `watch`: recording is switched on once and never off, since frees that are not seen
-// would leave stale records behind.
+// The rounds of `watch`. Recording is switched on once and never off: frees that happen while it is
+// off would leave stale records.
 #include "tools/commands/watch_rounds.h"
 
 #include <algorithm>
@@ -48,9 +48,8 @@ void OnInterrupt(int) {
   interrupted = 1;
 }
 
-// The first interrupt is for an orderly end, the next has its usual effect. A terminal that closes
-// may well say so twice, and neither that nor a reader of the output that has gone is a reason to
-// lose what was collected.
+// The first interrupt ends the rounds, the second one the program. A closing terminal may send
+// SIGHUP twice, and the reader of the output may be gone; neither may lose the reports.
 void CatchInterrupts() {
   struct sigaction action {};
   action.sa_handler = OnInterrupt;
@@ -76,8 +75,8 @@ void PrepareDirectory(const std::string& directory) {
   }
 }
 
-// Tables are emptied only where it is known that what they hold is stale: frees are not seen after
-// a stop, whose report has saved them.
+// Clears the tables only if their records are known to be stale, which is after a stop: frees are
+// not recorded then, and the report has saved the records.
 void EnsureRecording(const ProcessInfo& process) {
   const Recording state = RecordingOf(process);
   if (state == Recording::kOn) {
@@ -86,7 +85,7 @@ void EnsureRecording(const ProcessInfo& process) {
   }
   OnOptions on;
   on.pid = process.pid;
-  // A log that tells of no "on" may have been emptied itself.
+  // A log without an "on" may have been truncated.
   on.keep = state != Recording::kStopped;
   StartRecording(on);
   if (state == Recording::kUnknown) {
@@ -95,7 +94,7 @@ void EnsureRecording(const ProcessInfo& process) {
   }
 }
 
-/// The rounds, and what they have brought so far.
+/// The rounds and their reports so far.
 class Rounds {
  public:
   Rounds(const WatchOptions& options, ProcessInfo process)
@@ -104,13 +103,13 @@ class Rounds {
         started_(StartOf(process_.pid)),
         begin_(steady_clock::now()) {}
 
-  /// Takes reports until the end; returns the line about a failure, or an empty one.
+  /// Takes reports until the end. Returns the error line of a failure, else an empty string.
   std::string Run();
   void Finish() const;
   std::size_t Reports() const { return reports_.size(); }
 
  private:
-  // Process ids are used again.
+  // Tells a new process with the same id apart.
   static std::optional<std::uint64_t> StartOf(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/stat";
     return StartTicks(ReadTextFile(path).value_or(""));
@@ -131,21 +130,21 @@ class Rounds {
   ProcessInfo process_;
   std::optional<std::uint64_t> started_;
   steady_clock::time_point begin_;
-  std::optional<LogTail> log_;      // from the first report on
-  std::optional<FileState> taken_;  // the latest report, where the process has put it
+  std::optional<LogTail> log_;      // set by the first report
+  std::optional<FileState> taken_;  // state of the latest report's file, as the process wrote it
   std::vector<SavedReport> reports_;
   Trends trends_;
   std::optional<TrendBreak> broken_;
 };
 
-// What another command has done since the first report, as far as can be told; empty for nothing.
+// What another command has done since the first report; empty if nothing is known.
 std::string Rounds::Interference() const {
   if (log_->IsReadable()) return FindInterference(log_->Lines());
   if (StateOf(process_.ReportPath()) == taken_) return "";
   return "another report was taken, which may have stopped recording, and no log tells";
 }
 
-// Returns false when there is nothing to report any more.
+// Returns false if the process has ended.
 bool Rounds::WaitUntil(steady_clock::time_point time) {
   constexpr milliseconds kLook(100);
   constexpr int kLooksPerCheck = 10;
@@ -165,10 +164,10 @@ std::string Rounds::Save(std::time_t now) const {
   name << "report-" << std::setw(4) << std::setfill('0') << reports_.size() + 1 << "-"
        << std::put_time(&parts, "%Y%m%d-%H%M%S") << ".txt";
   const fs::path target = fs::path(options_.directory) / name.str();
-  const fs::path part = target.string() + ".part";  // until it is whole
+  const fs::path part = target.string() + ".part";  // until it is complete
   std::error_code error;
   fs::copy_file(process_.ReportPath(), part, error);
-  // Views of a report take its time from the file's.
+  // Readers take the time of a report from its file.
   fs::file_time_type made;
   if (!error) made = fs::last_write_time(process_.ReportPath(), error);
   if (!error) fs::last_write_time(part, made, error);
@@ -192,17 +191,17 @@ void Rounds::PrintRound(const SavedReport& saved, milliseconds took) const {
   std::cout << "  (" << FormatDuration(took) << ")" << std::endl;
 }
 
-// Whether the report that was just taken belongs to those before.
+// Whether the report that was just taken can be compared with the earlier ones.
 bool Rounds::Belongs(const ReportHeader& header) {
   const bool emptied = header.total_bytes == 0 && reports_.back().bytes != 0;
   const std::string why = Interference();
   if (!why.empty() || !emptied || log_->IsReadable()) return GoesOn(why);
-  // That all was freed would be rare: the thread that writes a report has some blocks.
+  // It is unlikely that all was freed: the thread that writes a report holds some blocks.
   return GoesOn(
       "nothing is recorded any more: its tables were emptied, or all was freed; no log tells");
 }
 
-// Breaks the trend for a reason that is not empty.
+// Ends the trend if `why` is not empty. Returns whether it goes on.
 bool Rounds::GoesOn(const std::string& why) {
   if (why.empty()) return true;
   const double seconds = std::chrono::duration<double>(steady_clock::now() - begin_).count();
@@ -210,17 +209,17 @@ bool Rounds::GoesOn(const std::string& why) {
   return false;
 }
 
-// False when the trend is broken.
+// Takes a report. Returns false if the trend has ended.
 bool Rounds::Round() {
   const bool first = reports_.empty();
-  // Asked before a report is taken: the one that lies there may be that of others.
+  // Checked before a report is taken: the present one may belong to another command.
   if (!first && !GoesOn(Interference())) return false;
   SavedReport saved;
   saved.time = std::time(nullptr);
   const auto now = steady_clock::now();
   if (first) begin_ = now;
   saved.seconds = std::chrono::duration<double>(now - begin_).count();
-  // A report that was there before is kept; ours are saved already.
+  // Keep a report of another command; our own ones are saved already.
   const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
   const OldReport old = ours ? OldReport::kReplace : OldReport::kKeepBeside;
   const milliseconds took = TakeReport(process_, kReportGoingOn, options_.timeout_s, old);
@@ -244,8 +243,8 @@ bool Rounds::Round() {
   return true;
 }
 
-// Whether the process ends soon, if it is one that then makes a last report by itself: its log
-// tells of that as of anybody else's.
+// Whether a process with a report at exit is about to end. The log does not tell that report from
+// one of another command.
 bool Rounds::IsEnding() const {
   constexpr milliseconds kLook(100);
   constexpr int kLooks = 30;
@@ -263,7 +262,7 @@ std::string Rounds::Run() {
   try {
     bool goes_on = Round();
     std::optional<milliseconds> due(0);
-    // An interrupt during a round gets another one: blocks may have come since that was begun.
+    // After an interrupt during a round, one more round: it includes the blocks allocated since.
     while (goes_on) {
       const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
       due = NextDue(*due, every, whole, now);
@@ -272,7 +271,7 @@ std::string Rounds::Run() {
       goes_on = Round() && !is_last;
     }
   } catch (const UserError& error) {
-    // A process that ends in the middle of a report has ended all the same.
+    // A process that ends during a report is no failure if there are reports.
     if (reports_.empty()) throw;
     if (IsThere()) return error.what();
   }

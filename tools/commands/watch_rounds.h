@@ -23,19 +23,19 @@ struct WatchOptions {
   SymbolOptions symbols;
 };
 
-/// When the round after the one of time `last` is due, all times counted from the first; nothing
-/// when it is over. Times that have passed by more than `every` are left out, but never the last
-/// one up to `whole` (0: without end).
+/// When the round after the one at `last` is due, or nothing at the end. All times count from the
+/// first round. Rounds that are late by more than `every` are skipped, except the last one before
+/// `whole` (0: without end).
 std::optional<std::chrono::milliseconds> NextDue(std::chrono::milliseconds last,
                                                  std::chrono::milliseconds every,
                                                  std::chrono::milliseconds whole,
                                                  std::chrono::milliseconds now);
 
-/// Runs until the time is over, the process ends, another command ends or empties the recording, or
-/// an interrupt or a hangup, which get a last report; the next interrupt ends at once. Goes on when
-/// the output cannot be written any more. Then writes page, table and trend.json. Throws UserError
-/// when there is no report at all; returns kExitUserError when one failed later or another command
-/// interfered.
+/// Takes reports until the time is over, the process ends, or another command stops, pauses or
+/// clears recording. An interrupt or hangup takes a last report; a second interrupt ends the
+/// program. Output that cannot be written is ignored. Then writes page, table and trend.json.
+/// Throws UserError if there is no report at all. Returns kExitUserError if a later one failed or
+/// another command interfered.
 int Watch(const WatchOptions& options);
 
 }  // namespace memleak

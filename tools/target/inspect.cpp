@@ -25,13 +25,13 @@ namespace memleak {
 namespace {
 
 constexpr auto kStartPoll = std::chrono::milliseconds(20);
-// A process younger than this may still have to become the program, or its dynamic linker to come
-// to the tracker.
+// A younger process may not have executed the program yet, or its dynamic linker may not have
+// loaded the tracker.
 constexpr double kYoungSeconds = 3.0;
-// From the tracker's being mapped to its handler's being set, where no mask tells of the latter.
+// Time from mapping the tracker to its handler being set, where no signal mask shows it.
 constexpr auto kEmulatedSettle = std::chrono::milliseconds(500);
 
-// The effective one of the ids in a field such as "Uid": real, effective, saved, file system.
+// The effective id in a field such as "Uid", which lists real, effective, saved and file system id.
 std::uint32_t EffectiveId(std::string_view status, std::string_view name) {
   std::string_view ids = StatusField(status, name);
   ids.remove_prefix(std::min(ids.find('\t') + 1, ids.size()));
@@ -50,7 +50,7 @@ UserError NotPermitted(pid_t pid, const std::string& path) {
           Advice().permission};
 }
 
-// Reads a whole file of /proc; errors become the messages a person needs.
+// Reads a whole file of /proc. Throws UserError.
 std::string ReadProc(pid_t pid, const std::string& name) {
   const std::string path = "/proc/" + std::to_string(pid) + "/" + name;
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -71,8 +71,8 @@ std::string ReadProc(pid_t pid, const std::string& name) {
   return text;
 }
 
-// Whether the process was forked only just now. Its environment tells nothing yet: before it
-// becomes a program it is a copy of the shell.
+// Whether the process was forked a moment ago. Until it executes its program, its environment is
+// that of the shell.
 bool IsYoung(pid_t pid) {
   const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));
   timespec now{};
@@ -82,7 +82,7 @@ bool IsYoung(pid_t pid) {
          kYoungSeconds;
 }
 
-// The text of /proc/PID/status of a process that has not ended.
+// The text of /proc/PID/status. Throws UserError if the process has ended.
 std::string ReadStatus(pid_t pid) {
   std::string status = ReadProc(pid, "status");
   if (IsZombie(status)) {
@@ -91,7 +91,7 @@ std::string ReadStatus(pid_t pid) {
   return status;
 }
 
-// What a process is running: these change when it becomes another program.
+// What changes when a process executes another program.
 struct Image {
   std::string executable;
   std::string environment;
@@ -102,9 +102,9 @@ Image ReadImage(pid_t pid) {
   return {LinkTarget("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
 }
 
-// One look at a process; says in `steady` whether it was one and the same program throughout.
+// Reads everything once. Sets `steady` if the process ran the same program throughout.
 ProcessInfo Look(pid_t pid, bool* steady) {
-  // First for processes that have ended: only root may read the rest of theirs.
+  // First, as only root may read the other files of a process that has ended.
   ReadStatus(pid);
   const Image image = ReadImage(pid);
   const std::string status = ReadStatus(pid);
@@ -144,7 +144,7 @@ std::string ReadMaps(pid_t pid) {
 
 ProcessInfo InspectProcess(pid_t pid) {
   if (pid <= 0) throw UserError("not a process id: " + std::to_string(pid), "give a PID above 0");
-  // A program that starts another without end is taken as it is after some looks.
+  // A process that keeps executing programs is taken as it is after some attempts.
   constexpr int kLooks = 10;
   bool steady = false;
   ProcessInfo process = Look(pid, &steady);
@@ -163,12 +163,12 @@ ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
   while (true) {
     ProcessInfo process = InspectProcess(pid);
     const auto now = steady_clock::now();
-    // An old shell may become the controller too, and that the program.
+    // An old shell may execute the controller, which then executes the program.
     was_controller = was_controller || process.executable == controller;
     const bool starting = now < deadline && (was_controller || IsYoung(pid));
     if (process.has_tracker) {
       if (!mapped) mapped = now;
-      // The emulator catches every real-time signal, so there the mask proves nothing.
+      // An emulator catches every real-time signal, so its mask proves nothing.
       const bool settled = !starting || now - *mapped >= kEmulatedSettle;
       if (process.is_emulated ? settled : process.catches_signal) return process;
     }

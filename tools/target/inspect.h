@@ -1,5 +1,5 @@
-// Looks at a running process: is the tracker in it, would it survive the control signal, where does
-// it keep its files. Single-threaded.
+// Inspects a running process: whether the tracker is loaded, whether it catches the control signal,
+// and where its files are. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -13,20 +13,19 @@ namespace memleak {
 /// The text of /proc/PID/maps. Throws UserError as InspectProcess does.
 std::string ReadMaps(pid_t pid);
 
-/// Looks at process `pid`. Throws UserError when there is no such process or looking is not
-/// allowed.
+/// Inspects process `pid`. Throws UserError if it does not exist or permission is missing.
 ProcessInfo InspectProcess(pid_t pid);
 
-/// How long a command waits for a process that is only just being started. Emulators are slow.
+/// How long a command waits for a process that is being started. Emulators are slow.
 inline constexpr int kStartPatienceMs = 3000;
 
-/// As InspectProcess, for a process that a command is about to be sent to. Throws UserError unless
-/// the tracker is loaded and the signal is handled: at once for a process of more than 3 s, after
-/// up to `patience_ms` for one that is younger or still this controller. A young process under an
-/// emulator is given a moment after the tracker is loaded, within the same patience.
+/// InspectProcess for a process that will get a command. Throws UserError unless the tracker is
+/// loaded and the signal is handled. A process younger than 3 s, or one that is still this
+/// controller, gets up to `patience_ms` to reach that state; an emulated one also gets a moment
+/// after the tracker is loaded.
 ProcessInfo RequireTracked(pid_t pid, int patience_ms = kStartPatienceMs);
 
-/// True while `pid` names a process that has not ended.
+/// Whether process `pid` exists and has not ended.
 bool IsAlive(pid_t pid);
 
 }  // namespace memleak

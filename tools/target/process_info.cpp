@@ -1,4 +1,4 @@
-// Parsing of what /proc tells.
+// Parsers of /proc files.
 #include "tools/target/process_info.h"
 
 #include <algorithm>
@@ -50,7 +50,7 @@ bool IsZombie(std::string_view status) {
 }
 
 bool MapsLibrary(std::string_view maps, std::string_view library) {
-  // A library that was rebuilt meanwhile is still the one in force.
+  // A library that was replaced on disk is still mapped.
   constexpr std::string_view kDeleted = " (deleted)";
   bool found = false;
   ForEachLine(maps, '\n', [&](std::string_view line) {
@@ -75,7 +75,8 @@ std::map<std::string, std::string> ParseEnvironment(std::string_view environ_tex
 }
 
 std::optional<std::uint64_t> StartTicks(std::string_view stat) {
-  // The name, second, may hold blanks and parentheses; the start time is the 20th after it.
+  // The second field, the name, may hold blanks and parentheses. The start time is the 20th after
+  // it.
   constexpr int kFieldsBefore = 19;
   const std::size_t name_end = stat.rfind(") ");
   if (name_end == std::string_view::npos) return std::nullopt;

@@ -1,4 +1,4 @@
-// A process as /proc shows it, and the parsers of those texts. Single-threaded.
+// A process as /proc describes it, and parsers of /proc files. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -27,12 +27,12 @@ bool MapsLibrary(std::string_view maps, std::string_view library);
 /// getenv; entries without '=' are dropped.
 std::map<std::string, std::string> ParseEnvironment(std::string_view environ_text);
 
-/// When the process of this text of /proc/PID/stat was forked, in clock ticks since the system
-/// started; nothing when the text is not one.
+/// The start time in the text of /proc/PID/stat, in clock ticks since the system started; nothing
+/// if the text is malformed.
 std::optional<std::uint64_t> StartTicks(std::string_view stat);
 
-/// The program that an emulator runs, without its directory, from the text of the emulator's
-/// /proc/PID/cmdline; empty when that names none.
+/// The file name of the program that an emulator runs, from the text of the emulator's
+/// /proc/PID/cmdline; empty if there is none.
 std::string GuestName(std::string_view cmdline);
 
 /// Replaces every "%p" in `text` by `pid`.

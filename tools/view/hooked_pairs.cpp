@@ -30,7 +30,7 @@ void PrintStillHooked(const ProcessInfo& process) {
   try {
     left = AllHookedPairs(process, memory);
   } catch (const UserError&) {
-    return;  // it has ended since, and took all hooks with it
+    return;  // the process has ended
   }
   if (left.empty()) return;
   PrintPairs("hooked  ", left, std::cout);
