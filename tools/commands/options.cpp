@@ -31,6 +31,7 @@ void AddPid(CLI::App* command, pid_t* pid) {
 
 void AddKind(CLI::App* command, Kind* kind) {
   std::vector<std::pair<std::string, Kind>> kinds;
+  kinds.reserve(AllKinds().size());
   for (const KindInfo& info : AllKinds()) kinds.emplace_back(info.name, info.kind);
   AddChoice(command, "--kind", kind, kinds, "What is recorded: native (default), mmap, ion, gpu")
       ->option_text("KIND");
