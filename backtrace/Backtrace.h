@@ -58,7 +58,7 @@ inline std::size_t BacktraceCaptureLimit() {
 
 /// The most frames of a capture with the method in force whose buffer may be on the stack, which
 /// may be a coroutine's or a signal handler's. With it, a recorded allocation takes up at most 1
-/// KiB with frame pointers, and 1.75 KiB with the unwinder, which takes up to 1 KiB itself.
+/// KiB with frame pointers, and 1.9 KiB with the unwinder, which takes up to 1 KiB itself.
 inline std::size_t BacktraceStackFrames() {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
   return type == kBacktraceFramePointer ? 36 : 24;

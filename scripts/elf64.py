@@ -16,6 +16,8 @@ SHT_SYMTAB, SHT_STRTAB, SHT_NOBITS, SHT_DYNSYM = 2, 3, 8, 11
 SHF_ALLOC = 2
 SHN_UNDEF, SHN_ABS = 0, 0xFFF1
 STB_LOCAL, STT_FUNC, STT_TLS = 0, 2, 6
+# ThreadMark::values_, the only thread-local variable. Builds for Android do without it.
+LINUX_THREAD_MARKS = "_ZN10ThreadMark7values_E"
 R_AARCH64_GLOB_DAT, R_AARCH64_JUMP_SLOT, R_AARCH64_RELATIVE = 1025, 1026, 1027
 # The property of code whose functions all agree, and its bits.
 GNU_PROPERTY_AARCH64_FEATURE_1_AND = 0xC0000000

@@ -48,10 +48,7 @@ class RuleCache {
   void Add(std::uint64_t return_address, Rule rule) const;
 
   /// Whether rules of this view may be used still.
-  bool IsCurrent() const {
-    std::atomic_thread_fence(std::memory_order_acquire);  // after the loads of the rules
-    return Generation(Unloads()) == generation_;
-  }
+  bool IsCurrent() const { return Generation(Unloads()) == generation_; }
 
   /// Makes all rules invalid: objects have changed. Any thread, any context.
   static void EndGeneration() { g_unloads.fetch_add(1, std::memory_order_acq_rel); }
