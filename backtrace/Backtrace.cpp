@@ -14,7 +14,8 @@
 #include "platform/call_stack.h"
 #include "platform/readable_stack.h"
 #include "plthooks/trampoline.h"
-#include "tracker/MemTrackControl.h"
+#include "protocol/protocol.h"
+#include "tracker/control/MemTrackControl.h"
 
 // The walk reads other functions' frames, where a sanitizer may keep red zones, and its reads of
 // the settings race on purpose.
@@ -66,7 +67,7 @@ MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uin
   std::uintptr_t pc = 0;
   std::uintptr_t base = 0;
   if (lumora::plthooks::get_stack_address_for_previous(&pc, &base) == 0) {
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+    async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag,
                           "get_stack_address_for_previous fail");
   }
   // Code that was compiled without frame pointers has any value in that register. The hooked caller
@@ -90,14 +91,14 @@ void BacktraceStartup() {
   const bool ready = platform::PrepareCallStacks();
   // The tracker starts; captures by this method stay empty.
   if (!ready) {
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "cannot prepare the unwinder");
+    async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "cannot prepare the unwinder");
   }
   g_unwinder_ready.store(ready, std::memory_order_release);
 }
 
 char GetBacktraceTypeFromProp() {
   char value[PROP_VALUE_MAX] = {};
-  __system_property_get("vastel.memleak.backtacetype", value);
+  __system_property_get(protocol::kTypeProperty, value);
   // Not validated: an invalid type shows at every capture.
   if (value[0] != '\0') current_backtrace_type.store(value[0], std::memory_order_relaxed);
   return current_backtrace_type.load(std::memory_order_relaxed);
@@ -109,7 +110,7 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     std::vector<unwindstack::FrameData>& /*frame_data*/) {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
   const auto* own = static_cast<const arch::FrameRecord*>(__builtin_frame_address(0));
-  if (__builtin_expect(type == kBacktraceFramePointer, 1)) {
+  if (__builtin_expect(type == protocol::kUnwindFramePointers, 1)) {
     if (__builtin_expect(MemTrackControl::IsPltHook(), 0)) {
       return WalkFromHookedCaller(reinterpret_cast<std::uint64_t>(own), frames, max_frames);
     }
@@ -117,10 +118,10 @@ __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     return WalkFramePointers(own->caller_frame, own->caller_frame, arch::StripReturnAddress(caller),
                              kSkippedLevels, frames, max_frames);
   }
-  if (type == kBacktraceUnwinder) {
+  if (type == protocol::kUnwindTables) {
     if (!g_unwinder_ready.load(std::memory_order_acquire)) return 0;
     return platform::CallStack(RecordBelowEntry(own), frames, std::min(max_frames, kUnwindLimit));
   }
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "invalid backtrace type");
+  async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "invalid backtrace type");
   return 0;
 }

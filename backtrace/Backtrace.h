@@ -9,14 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "protocol/protocol.h"
 #include "unwindstack/Unwinder.h"
-
-/// Backtrace types: the first character of the property "vastel.memleak.backtacetype".
-inline constexpr char kBacktraceFramePointer = '0';
-inline constexpr char kBacktraceUnwinder = '1';
-
-/// Frames kept per record until the property "vastel.memleak.backtacemaxnum" says otherwise.
-inline constexpr std::uint32_t kDefaultBacktraceSize = 10;
 
 /// Prepares the unwinder and what bounds the frame-pointer walk. Once, from track_initialize. If
 /// the unwinder cannot be prepared, it yields no frames. Allocates.
@@ -28,8 +22,8 @@ char GetBacktraceTypeFromProp();
 
 /// The settings in force. Plain values that any thread may change at any moment: a capture that
 /// races with a change uses either. In the header because every recorded allocation reads them.
-inline std::atomic<char> current_backtrace_type{kBacktraceFramePointer};
-inline std::atomic<std::uint32_t> current_backtrace_size{kDefaultBacktraceSize};
+inline std::atomic<char> current_backtrace_type{protocol::kUnwindFramePointers};
+inline std::atomic<std::uint32_t> current_backtrace_size{protocol::kDefaultDepth};
 
 /// The most frames kept per record. Any thread, any context.
 inline std::uint32_t BacktraceSize() {
@@ -52,8 +46,8 @@ inline constexpr std::size_t kUnwindLimit = 1024;
 /// the bound of a capture buffer. 0 for an invalid type.
 inline std::size_t BacktraceCaptureLimit() {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
-  if (type == kBacktraceFramePointer) return kWalkLimit;
-  return type == kBacktraceUnwinder ? kUnwindLimit : 0;
+  if (type == protocol::kUnwindFramePointers) return kWalkLimit;
+  return type == protocol::kUnwindTables ? kUnwindLimit : 0;
 }
 
 /// The most frames of a capture with the method in force whose buffer may be on the stack, which
@@ -61,7 +55,7 @@ inline std::size_t BacktraceCaptureLimit() {
 /// KiB with frame pointers, and 1.9 KiB with the unwinder, which takes up to 1 KiB itself.
 inline std::size_t BacktraceStackFrames() {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
-  return type == kBacktraceFramePointer ? 36 : 24;
+  return type == protocol::kUnwindFramePointers ? 36 : 24;
 }
 
 /// Fills `frames` with up to `max_frames` pcs of the calling thread, innermost first, and returns

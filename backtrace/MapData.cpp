@@ -12,11 +12,12 @@
 #include <utility>
 
 #include "async_safe/log.h"
-#include "tracker/MemTrackControl.h"
+#include "protocol/protocol.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 constexpr std::string_view kJavaNativeLibs[] = {
     "/system/lib64/libhwui.so",
     "/apex/com.android.i18n/lib64/libicuuc.so",

@@ -1,9 +1,8 @@
-// The table through which the loader routes the program's allocator calls, and the one pointer to
-// it.
+// The table through which the loader routes the program's allocator calls.
 //
-// Read by every exported allocator function on any thread (routing.cpp). Changed twice in the life
-// of a process, both times before `main`: when the next allocator is known, and when the tracker
-// has taken over.
+// Every exported allocator function reads it, on any thread (routing.cpp). It changes twice in a
+// process, both times before `main`: when the next allocator is known, and when the tracker has taken
+// over.
 #pragma once
 
 #include <malloc.h>
@@ -21,22 +20,21 @@ struct AllocatorTable {
   struct mallinfo2 (*mallinfo2)();
 };
 
-/// Serves until the next allocator is known: looks it up at the first call (next_allocator.cpp).
-/// Needs no constructor to have run.
+/// The table until the next allocator is known: looks it up at the first call (next_allocator.cpp).
+/// Constant-initialized.
 // NOLINTNEXTLINE(bugprone-dynamic-static-initializers)
 extern const AllocatorTable kBootstrapTable;
 
-/// Routes all calls to `plain` from now on. `plain` stays the caller's and must live, unchanged, as
-/// long as the process. Blocks of the bootstrap arena stay valid: if there are any, free, realloc
-/// and malloc_usable_size tell them apart first; if there are none, that test is left out.
-/// Called at most twice, on one thread at a time.
+/// Routes all later calls to `plain`, which the caller owns and which lives, unchanged, as long as
+/// the process. Blocks of the bootstrap arena stay valid: if there are any, free, realloc and
+/// malloc_usable_size check for them first. Called at most twice, on one thread at a time.
 void UseAllocator(const AllocatorTable& plain);
 
 /// One allocator function: its name and its slot in MallocDispatch.
 struct AllocatorEntry {
   const char* name;
   size_t offset;
-  // False: a function that the Linux C library has no equivalent of.
+  // False: the Linux C library has no such function.
   bool in_c_library;
 };
 

@@ -1,4 +1,4 @@
-// A bump allocator over a static array; see the header.
+// A bump allocator over a static array.
 #include "host/bootstrap_arena.h"
 
 #include <errno.h>
@@ -10,10 +10,10 @@
 namespace host {
 namespace {
 
-// Look-ups were never seen to need more than some hundred bytes, for the texts of dlerror. The
-// array costs address space only until it is used.
+// Lookups need some hundred bytes, for the texts of dlerror. Unused pages of the array take no
+// memory.
 constexpr size_t kArenaBytes = size_t{256} << 10;
-// Room in front of each block for its size; keeps blocks aligned as malloc's are.
+// Holds the size before each block. Keeps blocks aligned as those of malloc.
 constexpr size_t kHeaderBytes = 16;
 
 alignas(kHeaderBytes) char arena[kArenaBytes];
@@ -25,7 +25,7 @@ std::atomic<bool> arena_used{false};
 void* ArenaAllocate(size_t alignment, size_t size) {
   if (alignment < kHeaderBytes) alignment = kHeaderBytes;
   if (size < kArenaBytes && alignment < kArenaBytes) {
-    // The alignment's worth of slack is wasted at worst; the sum cannot overflow.
+    // Includes slack for the alignment. Cannot overflow.
     const size_t need = kHeaderBytes + alignment + ((size + kHeaderBytes - 1) & -kHeaderBytes);
     size_t start = arena_taken.load();
     while (need <= kArenaBytes - start) {

@@ -1,8 +1,8 @@
-// A small static heap for the allocations that come while the next allocator is being looked up:
-// the dynamic linker may allocate inside dlsym, and there is nobody else to serve it.
+// A small static heap for allocations during the lookup of the next allocator: the dynamic linker
+// may allocate inside dlsym.
 //
-// Called by next_allocator.cpp during the look-up, on any thread, and by the arena-aware functions
-// of routing.cpp ever after. Blocks carry their size and are never taken back.
+// Used by next_allocator.cpp during the lookup, on any thread, and by the arena-aware functions of
+// routing.cpp later. Blocks carry their size and are never reused.
 #pragma once
 
 #include <stddef.h>
@@ -16,11 +16,11 @@ void* ArenaAllocate(size_t alignment, size_t size);
 /// Whether `pointer` lies in the arena. False for null.
 bool ArenaContains(const void* pointer);
 
-/// The size with which the arena block at `pointer` was asked for.
+/// The requested size of the arena block at `pointer`.
 size_t ArenaBlockSize(const void* pointer);
 
-/// Says that a block is about to be taken; ArenaUsed is true from now on.
-/// Both are sequentially consistent: next_allocator.cpp relies on it.
+/// Call before a block is allocated; afterwards ArenaUsed is true. Both are sequentially consistent:
+/// next_allocator.cpp relies on it.
 void MarkArenaUsed();
 bool ArenaUsed();
 

@@ -15,7 +15,7 @@ inline int64_t NowMs() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-/// Sleeps `ms` milliseconds, less than 1000. No cancellation point.
+/// Sleeps `ms` milliseconds, less than 1000. Not a cancellation point.
 inline void SleepMs(int ms) {
   const timespec step{0, ms * 1'000'000L};
   syscall(SYS_nanosleep, &step, nullptr);

@@ -1,4 +1,4 @@
-// Fetches commands and hands them to the tracker's signal handler; see the header.
+// The control thread: fetches commands and passes them to the tracker's signal handler.
 #include "host/control_thread.h"
 
 #include <errno.h>
@@ -17,26 +17,25 @@
 #include "host/clock.h"
 #include "host/report_thread.h"
 #include "host/say.h"
+#include "protocol/kinds.h"
 
 namespace host {
 namespace {
 
-constexpr int kControlSignal = 44;
-// Where the words lie in the siginfo record, which the kernel carries unchanged for SI_QUEUE.
-constexpr size_t kWordOffset = 16;
-constexpr size_t kParameterOffset = 24;
+using protocol::control_signal;
+
 constexpr char kThreadName[] = "memleak-control";
-// The thread looks so often whether a report has ended. Most take some milliseconds.
+// How often the thread checks whether a report has ended. Most take some milliseconds.
 constexpr int kLookMs = 2;
-// A fork waits at most this long for a report that makes progress: the program must go on. A child
-// that is forked later frees the locks of the record store.
+// How long a fork waits for a report that makes progress. After that the program goes on, and the
+// child frees the locks of the record store.
 constexpr int kForkReportMs = 3000;
 
-// The handler clears tables and starts threads; reports have a thread and a stack of their own.
+// Enough for the handler. Reports have a thread of their own.
 constexpr size_t kStackBytes = size_t{256} << 10;
 
-// Held by whoever starts or stops the thread or waits for a command, and by a thread that forks
-// from before the fork until both sides have their control threads.
+// Held to start or stop the thread or to wait for a command. A thread that forks holds it until both
+// processes have their control threads.
 pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
 // Under change_lock: the thread, whether it is there to be joined, and whether it should be.
 pthread_t thread;
@@ -47,8 +46,8 @@ bool thread_wanted = false;
 std::atomic<int> thread_id{0};
 enum Stop : int { kRun, kStopWanted, kStopped };
 std::atomic<int> stop{kRun};
-// 1 while RunCommand waits for the command with these words. Atomic for a command carried out just
-// when its sender has lost patience and the next one writes its own.
+// 1 while RunCommand waits for the command with these words. Atomic: a command may be carried out
+// after its sender has timed out, while the next one stores its own.
 std::atomic<int> own_pending{0};
 std::atomic<uint64_t> own_word{0};
 std::atomic<uint32_t> own_parameter{0};
@@ -57,23 +56,23 @@ struct Fetched {
   siginfo_t info;
   Command command;
 };
-// What the thread has fetched and not carried out yet, in order of arrival. A second command is
-// fetched only while the first waits for a report to end. Survives a stop of the thread.
+// Commands that are fetched and not carried out, in order of arrival. A second one is fetched only
+// while the first waits for a report to end. Kept while the thread is stopped.
 Fetched fetched[2];
 int fetched_count = 0;
 std::atomic<bool> report_waits{false};
 
 bool blocked_at_start = false;
-// Id of the thread whose fork holds change_lock, 0 for none. Of two that fork at once, one may have
-// gone on without it.
+// Id of the thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
+// gone on without the lock.
 std::atomic<int> forking_thread{0};
-int fork_patience_ms = 0;  // set before the fork handlers are there
+int fork_patience_ms = 0;  // set before the fork handlers are registered
 
 int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
 }
 
-/// The moment `timeout_ms` from now, as pthread_mutex_timedlock and pthread_timedjoin_np want it.
+/// The time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
 timespec WallClock(int timeout_ms) {
   timespec moment;
   clock_gettime(CLOCK_REALTIME, &moment);
@@ -83,7 +82,7 @@ timespec WallClock(int timeout_ms) {
   return moment;
 }
 
-/// Waits while `word` is `value`. False when the deadline (NowMs) has passed.
+/// Waits while `word` is `value`. False when `deadline` (of NowMs) has passed.
 bool WaitWhile(std::atomic<int>& word, int value, int64_t deadline) {
   while (word.load() == value) {
     const int64_t ms = deadline - NowMs();
@@ -106,12 +105,12 @@ bool OnControlThread() {
 sigset_t ControlSet() {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, kControlSignal);
+  sigaddset(&set, control_signal);
   return set;
 }
 
-/// All signals but those that the thread's own faults raise: the tracker recovers from some.
-/// (The C library keeps its internal ones out of a filled set.)
+/// All signals except those that the thread's own faults raise: the tracker recovers from some.
+/// (The C library leaves its internal ones out of a filled set.)
 sigset_t AsynchronousSet() {
   sigset_t set;
   sigfillset(&set);
@@ -122,38 +121,30 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-/// Calls whatever handler the control signal has now, as the kernel would.
+/// Calls the present handler of the control signal, as the kernel would.
 void Deliver(siginfo_t& info) {
   struct sigaction action;
-  if (sigaction(kControlSignal, nullptr, &action) != 0) return;
+  if (sigaction(control_signal, nullptr, &action) != 0) return;
   if ((action.sa_flags & SA_SIGINFO) != 0) {
     ucontext_t context;
     getcontext(&context);
-    action.sa_sigaction(kControlSignal, &info, &context);
+    action.sa_sigaction(control_signal, &info, &context);
   } else if (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN) {
-    action.sa_handler(kControlSignal);
+    action.sa_handler(control_signal);
   }
 }
 
-Command CommandOf(const siginfo_t& info) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(&info);
-  Command command;
-  memcpy(&command.word, bytes + kWordOffset, sizeof command.word);
-  memcpy(&command.parameter, bytes + kParameterOffset, sizeof command.parameter);
-  return command;
-}
-
-/// Waits for a command, at most as long as `limit` says (null: without end), and appends it to
-/// those that are fetched. May return without one.
+/// Waits for a command, at most for the time `limit` (null: without limit), and appends it to the
+/// fetched ones. May return without one.
 void Fetch(const timespec* limit) {
   const sigset_t commands = ControlSet();
   Fetched& next = fetched[fetched_count];
-  // Fails with EINTR when the C library makes all threads change their user id.
-  if (sigtimedwait(&commands, &next.info, limit) != kControlSignal) return;
-  // From pthread_kill in StopUntil: carries no words, just ends the wait.
+  // Fails with EINTR when the C library changes the user id of all threads.
+  if (sigtimedwait(&commands, &next.info, limit) != control_signal) return;
+  // From pthread_kill in StopUntil: only ends the wait.
   if (next.info.si_code != SI_QUEUE && next.info.si_pid == getpid()) return;
-  next.command = CommandOf(next.info);
-  // One report answers all identical commands that wait for it.
+  next.command = protocol::ReadCommand(next.info);
+  // One report answers identical commands.
   const bool is_repeated = fetched_count == 1 && next.command == fetched[0].command;
   if (!is_repeated) ++fetched_count;
 }
@@ -161,7 +152,7 @@ void Fetch(const timespec* limit) {
 /// Carries out the first of the fetched commands.
 void CarryOut() {
   const Command command = fetched[0].command;
-  if ((command.word & kReportBits) != 0) {
+  if ((command.word & protocol::kReportBits) != 0) {
     StartReport([](void* info) { Deliver(*static_cast<siginfo_t*>(info)); }, &fetched[0].info,
                 kThreadName);
     report_waits.store(false);
@@ -170,23 +161,23 @@ void CarryOut() {
   }
   fetched[0] = fetched[1];
   --fetched_count;
-  // RunCommand waits for this command, or for one to the same effect.
+  // RunCommand waits for this command or for an identical one.
   if (own_pending.load() == 1 && command == Command{own_word.load(), own_parameter.load()}) {
     StoreAndWake(own_pending, 0);
   }
 }
 
-/// Whether the first of the fetched commands asks for a report while another one is being written.
-/// Each would get a thread at once that waits for the one before.
+/// Whether the first fetched command asks for a report while another report is being written. The
+/// tracker would start a thread for each at once.
 bool FirstMustWait() {
-  if ((fetched[0].command.word & kReportBits) == 0) return false;
+  if ((fetched[0].command.word & protocol::kReportBits) == 0) return false;
   if (CurrentReport() != Report::kRunning) return false;
   report_waits.store(true);
   return true;
 }
 
-/// The thread fetches commands rather than opening the signal and letting them interrupt it: it
-/// sees which command it carries out, and with the signal blocked a missing handler kills nobody.
+/// Fetches commands instead of unblocking the signal: this shows which command is carried out, and a
+/// missing handler does not kill the process.
 void* ControlThread(void*) {
   prctl(PR_SET_NAME, kThreadName, 0, 0, 0);
   StoreAndWake(thread_id, ThreadId());
@@ -217,7 +208,7 @@ int Start() {
   pthread_attr_setstacksize(&attributes, kStackBytes);
   int error = pthread_create(&thread, &attributes, ControlThread, nullptr);
   pthread_attr_destroy(&attributes);
-  // The program's thread-local storage, which lies in the stack, may be larger than that.
+  // The program's thread-local storage is part of the stack and may be larger.
   if (error == EINVAL) error = pthread_create(&thread, nullptr, ControlThread, nullptr);
   thread_started = error == 0;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -227,34 +218,34 @@ int Start() {
 bool StopUntil(const timespec& moment) {
   if (!thread_started) return true;
   StoreAndWake(stop, kStopWanted);
-  pthread_kill(thread, kControlSignal);
-  // A join is a point of cancellation; fork and exit are none.
+  pthread_kill(thread, control_signal);
+  // A join is a cancellation point; fork and exit are not.
   int cancel_state;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   int error = pthread_timedjoin_np(thread, nullptr, &moment);
   int wanted = kStopWanted;
-  // Too late, unless it has just made up its mind.
+  // Timed out, unless the thread has just decided to stop.
   if (error != 0 && !stop.compare_exchange_strong(wanted, kRun)) {
     error = pthread_join(thread, nullptr);
   }
   pthread_setcancelstate(cancel_state, nullptr);
   if (error != 0) return false;
   thread_started = false;
-  // The kernel may give the number to the next thread.
+  // The kernel may reuse the id.
   thread_id.store(0);
   return true;
 }
 
-/// Nothing of a command half done gets into the child this way; and an emulated child can start
-/// threads only where its parent had none (qemu 7.2 loses count of them in a fork). A report has
-/// locks of the tracker and of the allocator, which the child would find locked for good.
+/// So the child never sees a half-done command. Also, an emulated child can start threads only if
+/// its parent had no others (qemu 7.2 miscounts them in a fork), and a report holds locks of the
+/// tracker and of the allocator, which would stay locked in the child.
 void BeforeFork() {
   const timespec moment = WallClock(fork_patience_ms);
   if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return;
   forking_thread.store(ThreadId());
   const bool stopped = StopUntil(moment);
   const bool reported = WaitWhileReportRuns(kForkReportMs);
-  // It may have had to wait for the report itself, as a clear does.
+  // Its command may have waited for the report, as a clear does.
   if (!stopped && reported) StopUntil(WallClock(fork_patience_ms));
 }
 
@@ -274,7 +265,7 @@ void AfterForkInParent() {
 void AfterForkInChild() {
   forking_thread.store(0);
   own_pending.store(0);
-  fetched_count = 0;  // those were the parent's
+  fetched_count = 0;  // the parent carries them out
   report_waits.store(false);
   ForgetReport();
   pthread_mutex_init(&change_lock, nullptr);
@@ -288,14 +279,9 @@ int SendAndWait(const Command& command, int64_t deadline) {
   own_word.store(command.word);
   own_parameter.store(command.parameter);
   own_pending.store(1);
-  siginfo_t info{};
-  info.si_signo = kControlSignal;
-  info.si_code = SI_QUEUE;
-  auto* bytes = reinterpret_cast<unsigned char*>(&info);
-  memcpy(bytes + kWordOffset, &command.word, sizeof command.word);
-  memcpy(bytes + kParameterOffset, &command.parameter, sizeof command.parameter);
+  siginfo_t info = protocol::MakeRecord(control_signal, command);
   int error = 0;
-  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread_id.load(), kControlSignal, &info) != 0) {
+  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread_id.load(), control_signal, &info) != 0) {
     error = errno;
   } else if (!WaitWhile(own_pending, 1, deadline)) {
     error = ETIMEDOUT;
@@ -312,7 +298,7 @@ void BlockControlSignal() {
   const sigset_t set = ControlSet();
   sigset_t before;
   pthread_sigmask(SIG_BLOCK, &set, &before);
-  blocked_at_start = sigismember(&before, kControlSignal) == 1;
+  blocked_at_start = sigismember(&before, control_signal) == 1;
 }
 
 void RestoreControlSignal() {
@@ -323,11 +309,11 @@ void RestoreControlSignal() {
 
 void CatchLateCommands() {
   struct sigaction action;
-  if (sigaction(kControlSignal, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
+  if (sigaction(control_signal, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
   action = {};
   action.sa_handler = DropLateCommand;
   action.sa_flags = SA_RESTART;
-  sigaction(kControlSignal, &action, nullptr);
+  sigaction(control_signal, &action, nullptr);
 }
 
 int StartControlThread() {

@@ -1,4 +1,4 @@
-// Asks for the last report and waits for its file; see the header.
+// The report at exit: asks for it and waits for its file.
 #include "host/exit_report.h"
 
 #include <fcntl.h>
@@ -11,41 +11,43 @@
 #include "host/report_thread.h"
 #include "host/say.h"
 #include "platform/linux/root.h"
+#include "protocol/kinds.h"
 #include "protocol/private_files.h"
+#include "protocol/protocol.h"
 
 namespace host {
 namespace {
 
-constexpr char kReport[] = "/data/log/reliability/allocations_dump";
 constexpr int kWaitMs = 60'000;
-// Most reports are there within some milliseconds.
+// Most reports take some milliseconds.
 constexpr int kLookMs = 2;
 
 char report_path[platform::kPathBytes];
 
-/// Whether the report's last bytes are "END".
+/// Whether the report ends with kReportEnd.
 bool IsComplete() {
   const int file = open(report_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (file < 0) return false;
   struct stat status;
-  char tail[3];
-  const bool complete = fstat(file, &status) == 0 && status.st_size >= 3 &&
-                        pread(file, tail, sizeof tail, status.st_size - 3) == 3 &&
-                        memcmp(tail, "END", sizeof tail) == 0;
+  constexpr ssize_t kBytes = sizeof protocol::kReportEnd - 1;
+  char tail[kBytes];
+  const bool complete = fstat(file, &status) == 0 && status.st_size >= kBytes &&
+                        pread(file, tail, kBytes, status.st_size - kBytes) == kBytes &&
+                        memcmp(tail, protocol::kReportEnd, kBytes) == 0;
   close(file);
   return complete;
 }
 
-/// Waits until the report is complete. Gives up, with one line on stderr, when nobody writes it any
-/// more or `deadline` (NowMs) has passed.
+/// Waits until the report is complete. Gives up, with one line on stderr, when its thread has ended
+/// or `deadline` (of NowMs) has passed.
 void WaitForReport(int64_t deadline) {
   for (;;) {
-    // Asked before the look at the file: a thread may write the end just before it goes.
+    // Before the check of the file: the thread may complete the file and then end.
     const Report report = CurrentReport();
-    // A file that is complete may be the last one's while a thread still runs.
+    // While a thread runs, a complete file may be the previous report.
     if (report != Report::kRunning && IsComplete()) return;
     if (report == Report::kNone) {
-      Say("no complete report in %s, and nobody writes it any more; is the disk full?",
+      Say("no complete report in %s, and its thread has ended; is the disk full?",
           report_path);
       return;
     }
@@ -69,14 +71,14 @@ void WaitForEarlierReports() {
 }
 
 void ReportAtExit(const Command& command) {
-  if ((command.word & kReportBits) == 0) {
-    Say("no report at exit: MEMLEAK_TRACKER_REPORT_AT_EXIT=0x%llx is no command to report; use "
-        "0x40",
-        static_cast<unsigned long long>(command.word));
+  if ((command.word & protocol::kReportBits) == 0) {
+    Say("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
+        protocol::kReportAtExitVariable, static_cast<unsigned long long>(command.word),
+        static_cast<unsigned long long>(protocol::kNative.Report()));
     return;
   }
   protocol::Refusal refusal;
-  const int file = platform::OpenRooted(kReport, protocol::Use::kReplace, report_path, refusal);
+  const int file = platform::OpenRooted(protocol::kReportPath, protocol::Use::kReplace, report_path, refusal);
   if (file < 0) {
     Say("no report at exit: cannot use %.*s: %s; name another root directory",
         static_cast<int>(refusal.path_bytes), report_path, refusal.Reason());

@@ -1,4 +1,4 @@
-// The report that a process writes when it ends, if its environment asks for one.
+// The report that a process writes when it exits, if its environment asks for one.
 //
 // Called by the loader's exit handler.
 #pragma once
@@ -7,13 +7,13 @@
 
 namespace host {
 
-/// Waits while a report that an earlier command asked for is being written or waits for its turn,
-/// 10 seconds at most: the end of the process would cut it off.
+/// Waits at most 10 seconds for reports of earlier commands: the end of the process would truncate
+/// them.
 void WaitForEarlierReports();
 
-/// Removes the old report of this process, has the control thread carry out `command` and waits
-/// until the new report is complete. One line on stderr says why there is none: `command` has no
-/// report bit, or the file cannot be written (both found out beforehand), the dump thread ends
+/// Removes the old report of this process, lets the control thread carry out `command` and waits
+/// until the new report is complete. If there is none, one line on stderr says why: `command` has no
+/// report bit, the file cannot be written (both are checked first), the dump thread has ended
 /// without a complete report, or 60 seconds have passed.
 void ReportAtExit(const Command& command);
 

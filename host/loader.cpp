@@ -1,8 +1,9 @@
-// libmemleak_preload.so: plays the C library's part for a tracker that is opened beside it.
+// libmemleak_preload.so: plays the C library's part for the tracker, which it opens from its own
+// directory.
 //
 // The constructor runs on the main thread when the dynamic linker has loaded the library
-// (LD_PRELOAD), before `main`; the exit handler on the thread that calls exit(), also in forked
-// children. When anything fails, the program gets the next allocator's functions and runs on.
+// (LD_PRELOAD), before `main`. The exit handler runs on the thread that calls exit(), also in forked
+// children. If anything fails, the program runs on with the next allocator.
 #include <dlfcn.h>
 #include <limits.h>
 #include <stdint.h>
@@ -15,15 +16,15 @@
 #include "host/exit_report.h"
 #include "host/next_allocator.h"
 #include "host/say.h"
+#include "protocol/protocol.h"
 
 namespace host {
 namespace {
 
-constexpr char kTrackerFile[] = "libmemleak_tracker.so";
 constexpr char kVersion[] = "LIBC_MALLOC_QUARLE";
 constexpr int kStartWaitMs = 10'000;
-// How long an exit waits for a command that is being carried out. While it runs the tracker
-// cannot be finalized; at that point nobody misses it.
+// How long an exit waits for a running command. If the command takes longer, the tracker is not
+// finalized, which is harmless at exit.
 constexpr int kExitWaitMs = 5'000;
 
 using Initialize = bool (*)(const MallocDispatch* next, bool* zygote_child, const char* options);
@@ -31,38 +32,38 @@ using Finalize = void (*)();
 
 AllocatorTable tracked;
 Finalize track_finalize = nullptr;
-// No process here is a zygote's child. The tracker reads the flag as a 32-bit value.
+// Processes on Linux are no children of a zygote. The tracker reads the flag as a 32-bit value.
 uint32_t zygote_child = 0;
 Command exit_command{0, 0};
 
-/// The path of the tracker in this library's own directory. False when it cannot be told.
+/// The path of the tracker in this library's own directory. False if that cannot be found.
 bool TrackerPath(char (&path)[PATH_MAX]) {
   Dl_info self;
   if (dladdr(&tracked, &self) == 0 || self.dli_fname == nullptr) return false;
   const char* slash = strrchr(self.dli_fname, '/');
   const int directory = slash != nullptr ? static_cast<int>(slash - self.dli_fname) : 1;
   const int length = snprintf(path, sizeof path, "%.*s/%s", directory,
-                              slash != nullptr ? self.dli_fname : ".", kTrackerFile);
+                              slash != nullptr ? self.dli_fname : ".", protocol::kTrackerLibrary);
   return length > 0 && static_cast<size_t>(length) < sizeof path;
 }
 
-/// The tracker's entry "track_`name`". Null, after one line on stderr, when there is none.
+/// The tracker's entry "track_`name`". Null, with one line on stderr, if there is none.
 void* TrackerEntry(void* tracker, const char* name) {
   char entry[64];
   snprintf(entry, sizeof entry, "track_%s", name);
   void* function = dlvsym(tracker, entry, kVersion);
   if (function == nullptr) {
-    Say("%s has no %s@%s; running without tracking", kTrackerFile, entry, kVersion);
+    Say("%s has no %s@%s; running without tracking", protocol::kTrackerLibrary, entry, kVersion);
   }
   return function;
 }
 
-/// Opens the tracker, fills `tracked` and calls track_initialize. False, after one line on stderr,
-/// when any of it fails.
+/// Opens the tracker, fills `tracked` and calls track_initialize. False, with one line on stderr, if
+/// any of it fails.
 bool StartTracker() {
   char path[PATH_MAX];
   if (!TrackerPath(path)) {
-    Say("cannot tell the directory of libmemleak_preload.so; running without tracking");
+    Say("cannot find the directory of %s; running without tracking", protocol::kPreloadLibrary);
     return false;
   }
   void* tracker = dlopen(path, RTLD_NOW | RTLD_LOCAL);
@@ -87,8 +88,8 @@ bool StartTracker() {
   return true;
 }
 
-/// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. False when
-/// the variable is unset, and, after one line on stderr, when it is no number up to `limit`.
+/// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. False if the
+/// variable is unset or, with one line on stderr, is not a number up to `limit`.
 bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   const char* text = getenv(name);
   if (text == nullptr || *text == '\0') return false;
@@ -104,22 +105,22 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   return false;
 }
 
-/// Registered with atexit rather than run as a destructor: the tracker's own static objects, made
-/// before, are destroyed after it that way, the program's before.
+/// Registered with atexit: so it runs after the destructors of the program's static objects and before
+/// those of the tracker.
 void AtExit() {
   WaitForEarlierReports();
   if (exit_command.word != 0) ReportAtExit(exit_command);
-  // The entries stay in place: they forward from now on.
+  // The entries stay in place and forward.
   if (StopControlThread(kExitWaitMs)) track_finalize();
 }
 
-/// Carries out what the environment asks for.
+/// Carries out the commands in the environment.
 void FollowEnvironment() {
-  ReadNumber("MEMLEAK_TRACKER_REPORT_AT_EXIT", UINT64_MAX, exit_command.word);
+  ReadNumber(protocol::kReportAtExitVariable, UINT64_MAX, exit_command.word);
   Command start{0, 0};
   uint64_t parameter = 0;
-  if (!ReadNumber("MEMLEAK_TRACKER_START", UINT64_MAX, start.word)) return;
-  ReadNumber("MEMLEAK_TRACKER_START_PARAMETER", UINT32_MAX, parameter);
+  if (!ReadNumber(protocol::kStartVariable, UINT64_MAX, start.word)) return;
+  ReadNumber(protocol::kStartParameterVariable, UINT32_MAX, parameter);
   start.parameter = static_cast<uint32_t>(parameter);
   const int error = RunCommand(start, kStartWaitMs);
   if (error != 0) Say("the start command could not be carried out: %s", strerror(error));

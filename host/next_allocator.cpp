@@ -1,4 +1,4 @@
-// Looks the next allocator up and serves the calls that come before it is known; see the header.
+// Looks up the next allocator, and serves the calls before it is known.
 #include "host/next_allocator.h"
 
 #include <dlfcn.h>
@@ -31,7 +31,7 @@ struct mallinfo2 NoMallinfo2() {
 }
 
 [[noreturn]] void NoAllocator() {
-  constexpr char kLine[] = "memleak: no allocator behind libmemleak_preload.so; cannot go on\n";
+  constexpr char kLine[] = "memleak: found no allocator to forward to; cannot go on\n";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine, sizeof kLine - 1);
   _exit(127);
 }
@@ -52,9 +52,9 @@ void Search() {
   if (function != nullptr) memcpy(&next.mallinfo2, &function, sizeof function);
 }
 
-/// Whether a request has to be met from the arena. The arena is marked before the phase is read
-/// again, and FindNextAllocator sets the phase before it looks at the mark: one of the two sees the
-/// other, so no arena block is ever handed out behind the back of the final table.
+/// Whether the arena must serve a request. This marks the arena before it reads the phase again;
+/// FindNextAllocator sets the phase before it reads the mark. So one of the two sees the other, and
+/// the final table knows of every arena block.
 bool UseArena() {
   if (FindNextAllocator()) return false;
   MarkArenaUsed();
@@ -91,7 +91,7 @@ int BootstrapPosixMemalign(void** result, size_t alignment, size_t size) {
 void* BootstrapRealloc(void* pointer, size_t size) {
   if (pointer != nullptr && !ArenaContains(pointer)) {
     if (FindNextAllocator()) return next.calls.realloc(pointer, size);
-    // Made before there was an allocator, yet not by the arena: nothing is known about it.
+    // An unknown block from before the lookup.
     errno = ENOMEM;
     return nullptr;
   }
@@ -101,7 +101,7 @@ void* BootstrapRealloc(void* pointer, size_t size) {
   return memcpy(block, pointer, old_size < size ? old_size : size);
 }
 
-/// A block that is neither the arena's nor, yet, anybody's is left alone.
+/// Ignores an unknown block from before the lookup.
 void BootstrapFree(void* pointer) {
   if (pointer == nullptr || ArenaContains(pointer)) return;
   if (FindNextAllocator()) next.calls.free(pointer);
@@ -143,8 +143,8 @@ bool FindNextAllocator() {
   Phase seen = Phase::kUnknown;
   if (!phase.compare_exchange_strong(seen, Phase::kSearching)) return seen == Phase::kFound;
   const int saved_errno = errno;
-  // The C library allocates for a thread before it starts it, in the thread that starts it: nobody
-  // can have started one yet, and all that follow inherit the mask.
+  // Starting a thread allocates, in the starting thread: so there is no other thread yet, and all
+  // later ones inherit the mask.
   BlockControlSignal();
   Search();
   phase.store(Phase::kFound);

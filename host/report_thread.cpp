@@ -1,4 +1,4 @@
-// Looks at /proc/self/task; see the header.
+// Finds and watches the dump thread in /proc/self/task.
 #include "host/report_thread.h"
 
 #include <errno.h>
@@ -15,11 +15,12 @@
 
 #include "host/clock.h"
 #include "platform/standin/raw_calls.h"
+#include "protocol/protocol.h"
 
 namespace host {
 namespace {
 
-constexpr char kDumpThread[] = "MemDumpThread";
+using protocol::kDumpThread;
 
 // The id of the dump thread, as /proc lists it, or one of these.
 constexpr int kNobody = 0;
@@ -29,13 +30,13 @@ std::atomic<int> dump_thread{kNobody};
 
 /// What /proc says about a thread.
 struct ThreadLook {
-  bool dumps;      ///< it is there and has the dump thread's name
+  bool dumps;      ///< it exists and has the dump thread's name
   bool is_active;  ///< it runs, is ready to run, or waits for a disk
   uint64_t ticks;  ///< processor time that it has used
 };
 
-/// Looks at the thread `id`. One that cannot be looked at for other reasons than that it is gone,
-/// such as a lack of descriptors, counts as still there.
+/// Reads the state of the thread `id`. If that fails although the thread may exist, as without free
+/// descriptors, it counts as existing.
 ThreadLook LookAt(int id) {
   char path[64];
   snprintf(path, sizeof path, "/proc/self/task/%d/stat", id);
@@ -102,7 +103,7 @@ Report CurrentReport() {
   if (id == kNobody) return Report::kNone;
   if (id == kUnseen) return Report::kUnknown;
   if (id == kStarting || LookAt(id).dumps) return Report::kRunning;
-  // Unless the next one is being started.
+  // Only if the next one has not been started.
   dump_thread.compare_exchange_strong(id, kNobody);
   return Report::kNone;
 }

@@ -1,8 +1,8 @@
-// The allocator functions that the program and all its libraries call, on any thread.
+// The allocator functions that the program and its libraries call, on any thread.
 //
-// Each loads the active table and jumps: a real tail call, so that the first frame the tracker
-// records is the program's. This file is therefore compiled with optimization and without frame
-// pointers in every build type (host/CMakeLists.txt).
+// Each loads the active table and jumps, so that the first frame that the tracker records is the
+// program's. Every build type compiles this file with optimization and without frame pointers, for
+// real tail calls (CMakeLists.txt).
 #include <errno.h>
 #include <malloc.h>
 #include <stdint.h>
@@ -19,10 +19,10 @@ namespace host {
 namespace {
 
 std::atomic<const AllocatorTable*> active_table{&kBootstrapTable};
-// What lies behind the arena-aware functions: the last table given to UseAllocator.
+// The latest table of UseAllocator, for the arena-aware functions.
 std::atomic<const AllocatorTable*> plain_table{nullptr};
 
-// The acquire pairs with the release in UseAllocator, behind which the table is complete.
+// The acquire pairs with the release in UseAllocator.
 inline const AllocatorTable& Active() {
   return *active_table.load(std::memory_order_acquire);
 }
@@ -35,7 +35,7 @@ void ArenaAwareFree(void* pointer) {
   Plain().calls.free(pointer);
 }
 
-/// Not a tail call for a block of the arena: then the first recorded frame is this one.
+/// For a block of the arena it is no tail call: the first recorded frame is this function.
 void* ArenaAwareRealloc(void* pointer, size_t size) {
   if (!ArenaContains(pointer)) return Plain().calls.realloc(pointer, size);
   if (size == 0) return nullptr;
@@ -53,7 +53,7 @@ size_t ArenaAwareUsableSize(const void* pointer) {
 }  // namespace
 
 void UseAllocator(const AllocatorTable& plain) {
-  // One for each of the two calls: a thread may still be reading the older one.
+  // One for each of the two calls: a thread may still read the first.
   static AllocatorTable arena_aware[2];
   static int calls = 0;
   AllocatorTable& aware = arena_aware[calls++];
@@ -99,7 +99,7 @@ MEMLEAK_EXPORT int posix_memalign(void** result, size_t alignment, size_t size) 
   return Active().calls.posix_memalign(result, alignment, size);
 }
 
-/// Not among the tracker's entries: a memalign to the page size.
+/// The tracker has no such entry: a memalign to the page size.
 MEMLEAK_EXPORT void* valloc(size_t size) noexcept {
   const auto page = static_cast<size_t>(getpagesize());
   return Active().calls.memalign(page, size);

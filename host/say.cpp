@@ -1,4 +1,4 @@
-// One line on stderr; see the header. Not stdio's stream, which is the program's.
+// One line on stderr. Not by stdio, whose streams belong to the program.
 #include "host/say.h"
 
 #include <errno.h>

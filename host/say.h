@@ -1,4 +1,4 @@
-// The loader's only words to a person: one line on stderr, written when something does not work.
+// The loader's only messages: one line on stderr when something does not work.
 #pragma once
 
 namespace host {

@@ -1,5 +1,4 @@
-// Counts unloaded libraries for the tracker, which caches facts about code by address.
-// Any thread.
+// Counts unloads of libraries for the tracker, which caches facts about code by address. Any thread.
 #include <dlfcn.h>
 
 #include <atomic>
@@ -7,7 +6,7 @@
 
 #define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
-// Named in protocol/unloads.h.
+// protocol::kUnloadCounter.
 MEMLEAK_EXPORT std::atomic<std::uint64_t> memleak_unload_counter;
 std::atomic<std::uint64_t> memleak_unload_counter{0};
 
@@ -19,8 +18,8 @@ MEMLEAK_EXPORT int dlclose(void* library) {
     close = reinterpret_cast<Close>(dlsym(RTLD_NEXT, "dlclose"));
     next.store(close, std::memory_order_relaxed);
   }
-  // Destructors of the library still run in between, and so may the constructors of one that
-  // another thread loads to the same place.
+  // In between, destructors of the library run, and another thread may load a library to the same
+  // address.
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
   const int result = close(library);
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);

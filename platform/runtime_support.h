@@ -10,11 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "protocol/protocol.h"
+
 namespace platform {
 
 /// Ends the process with a line in the log that says why.
 [[noreturn]] inline void Die(const char* reason) {
-  async_safe_format_log(ANDROID_LOG_FATAL, "MemLeak.Native", "the tracker ends the process: %s",
+  async_safe_format_log(ANDROID_LOG_FATAL, protocol::kLogTag, "the tracker ends the process: %s",
                         reason);
   std::abort();
 }

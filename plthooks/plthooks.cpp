@@ -29,6 +29,7 @@
 #include "platform/page_protection.h"
 #include "plthooks/hooks.h"
 #include "plthooks/trampoline.h"
+#include "protocol/protocol.h"
 #include "sigmux/sig_safe_write.h"
 #include "sigmux/sigmux.h"
 
@@ -53,7 +54,7 @@ int fail(int error) {
 
 /// Logs a lack of memory, without the platform's base logging, which allocates; then as fail.
 int out_of_memory() {
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "out of memory while hooking");
+  async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "out of memory while hooking");
   return fail(ENOMEM);
 }
 

@@ -10,14 +10,15 @@
 #include <vector>
 
 #include "async_safe/log.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/report_text.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 /// Stands on both sides of the section's title.
 constexpr char kSectionRule[] = "==============================";
 

@@ -7,16 +7,14 @@
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/grouping.h"
 #include "sys/system_properties.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
-
-constexpr char kTag[] = "MemLeak.Native";
-constexpr char kBacktraceSizeProperty[] = "vastel.memleak.backtacemaxnum";
 
 /// Bytes of a leak-info element beside its frames, as the platform's tools expect them.
 constexpr std::size_t kInfoHeaderBytes = 272;
@@ -30,7 +28,7 @@ void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
   record->times.clear();
   if (group.frame_info == nullptr) {
     async_safe_format_log(
-        ANDROID_LOG_ERROR, kTag,
+        ANDROID_LOG_ERROR, protocol::kLogTag,
         "GetInfo:should not be here, frameInfo NULL, pointer = %lx, allocations = %lu, memsize = "
         "%lu, isZygoteChild = %d",
         static_cast<unsigned long>(group.pointer), static_cast<unsigned long>(group.num),
@@ -56,7 +54,7 @@ void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool /*only_wit
 
 std::uint32_t PointerData::GetMaxBacktraceNum() {
   char value[PROP_VALUE_MAX] = {};
-  if (__system_property_get(kBacktraceSizeProperty, value) > 0) {
+  if (__system_property_get(protocol::kDepthProperty, value) > 0) {
     const char* end = value;
     while (*end >= '0' && *end <= '9') ++end;
     if (*end == '\0') {
@@ -80,7 +78,7 @@ void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
   Grouping grouping(&groups);
   grouping.AddAllSets();
   if (groups.empty() || list == nullptr || groups.size() > kMaxGroups) {
-    async_safe_format_log(ANDROID_LOG_ERROR, kTag, "list size err or listout null %zd, ignore",
+    async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "list size err or listout null %zd, ignore",
                           static_cast<ssize_t>(groups.size()));
   } else {
     *backtrace_size = BacktraceSize();

@@ -10,12 +10,13 @@
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
+#include "protocol/protocol.h"
 #include "records/PointerSet.h"
 #include "records/pause_counts.h"
 #include "records/record_store.h"
 #include "records/set_selection.h"
 #include "records/table_memory.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace record_store {
 
@@ -74,7 +75,7 @@ std::int32_t RecordTime(std::int64_t time) {
 
 void CountUnreported() {
   if (unreported_blocks.fetch_add(1, std::memory_order_relaxed) != 0) return;
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native",
+  async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag,
                         "no memory to record a block: reports will lack it");
 }
 

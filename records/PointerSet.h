@@ -22,7 +22,7 @@
 
 #include "records/record_types.h"
 #include "records/set_mutex.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 /// The mark of a thread that holds every set's locks while the program's own code runs: in fork
 /// handlers, and between malloc_disable and malloc_enable. It records without taking them.

@@ -23,14 +23,15 @@
 #include "backtrace/MapData.h"
 #include "platform/bounds_checked.h"
 #include "platform/paths.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/report_text.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 
 /// Native records that a report shows; the others are only counted.
 constexpr std::size_t kMaxShownRecords = 1000;
@@ -177,7 +178,7 @@ void PointerData::DumpAllocationTracesToFile() try {
   ReportText text;
   ReportNodes(text);
   ReportJavaNativeNodes(text);
-  text << "END";  // a reader's sign that the report is complete; no newline after it
+  text << protocol::kReportEnd;  // a reader's sign that the report is complete; no newline after it
 
   FillDeviceBuffer(buffer.get(), text);
   WriteReportFile(text);

@@ -4,12 +4,13 @@
 #include <algorithm>
 
 #include "async_safe/log.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "records/set_selection.h"
 
 namespace {
 
-constexpr char kTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 constexpr std::uint32_t kSizeMask = kZygoteChildBit - 1;
 constexpr std::size_t kFirstIndexSlots = 1024;
 
@@ -40,7 +41,7 @@ void Grouping::AddAllSets() {
 void Grouping::AddRecord(std::uint64_t address, const Record& record) {
   if (RecordKey::IsKept(record.key)) return;
   if (record.backtrace == 0) {
-    async_safe_format_log(ANDROID_LOG_ERROR, kTag,
+    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
                           "GetUniqueList:frameInfo is null, hashIndex = %zu",
                           static_cast<std::size_t>(PointerData::kEmptyBacktraceIndex));
     return;

@@ -6,7 +6,7 @@
 
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 /// The usable size of a heap block, straight from the C library: the thread is marked already, so
 /// the exported entry would do no more. Null has none, and is not asked about: a thread that ends

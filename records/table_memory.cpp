@@ -11,7 +11,7 @@
 #include <mutex>
 #include <new>
 
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace table_memory {
 

@@ -1,11 +1,10 @@
-// The holder of the record store: start-up, clearing and the fork handlers' way to the tables.
+// The holder of the record store: start-up, clearing and forks.
 #include "tracker/DebugData.h"
 
 #include <new>
 
 DebugData* DebugData::GetInstance() {
-  // Constant-initialized and trivially destroyed: it is there before the first constructor and
-  // after the last destructor, for threads that outlive main.
+  // Constant-initialized and never destroyed: threads may outlive main.
   static DebugData holder;
   return &holder;
 }
@@ -17,8 +16,8 @@ bool DebugData::Initialize(DebugData* holder) {
     holder->Destroy(holder->pointer_.exchange(fresh, std::memory_order_acq_rel));
     return fresh->Initialize();
   }
-  // Every place taken: as many clears are under way on as many threads. The object holds nothing,
-  // so emptying the tables through the present one is all there is to a clear.
+  // All places are taken by clears on other threads. A PointerData has no state of its own, so the
+  // present one can empty the tables as well.
   PointerData* present = holder->pointer();
   return present != nullptr && present->Initialize();
 }

@@ -1,7 +1,7 @@
-// The holder of the record store: one a process, replaced content on every clear.
+// The holder of the record store: one per process. Each clear replaces its content.
 //
-// Made and cleared by track_initialize and the control signal's handler; read by every entry on
-// every thread, and by the fork handlers on the forking one.
+// track_initialize and the control signal's handler fill it. Every entry reads it on every thread,
+// the fork handlers on the forking thread.
 #pragma once
 
 #include <atomic>
@@ -10,29 +10,28 @@
 
 class DebugData {
  public:
-  /// The holder, without a PointerData until the first Initialize. Never null; it lives as long as
-  /// the process, since other threads may be inside an entry. Takes no lock. Any thread, any
-  /// context.
+  /// The holder, without a PointerData before the first Initialize. Never null. It lives as long as
+  /// the process: other threads may be inside an entry. Takes no lock. Any thread, any context.
   static DebugData* GetInstance();
-  /// Puts a fresh PointerData into `holder`, deletes the one it replaces and empties all tables:
+  /// Puts a new PointerData into `holder`, destroys the one it replaces and empties all tables. For
   /// start-up and every clear command. False when the tables cannot be set up.
-  /// Waits for a report that is being written.
+  /// Waits for a running report.
   static bool Initialize(DebugData* holder);
-  /// Destroys the PointerData and leaves the holder without one. Only from track_finalize.
+  /// Destroys the PointerData. Only from track_finalize.
   static void Release();
 
   /// The current PointerData, null before Initialize. Any thread.
   PointerData* pointer() const { return pointer_.load(std::memory_order_acquire); }
 
-  /// The fork handlers' three roles; each does nothing while there is no PointerData.
+  /// The three fork handlers. Without a PointerData they do nothing.
   void PrepareFork();
   void PostForkParent();
   void PostForkChild();
 
  private:
-  /// Room for one PointerData. Another thread may be inside a member of one that is being replaced
-  /// (the tables are process-wide, so it goes on unharmed): its memory is used again for the next,
-  /// never given back. A clear thus allocates nothing either.
+  /// Room for one PointerData. Never freed, but used again: another thread may be inside a member of
+  /// a replaced PointerData, which is harmless, since the tables are process-wide. A clear allocates
+  /// nothing.
   struct Place {
     alignas(PointerData) unsigned char storage[sizeof(PointerData)] = {};
     std::atomic<bool> taken{false};

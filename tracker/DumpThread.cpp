@@ -1,4 +1,4 @@
-// The dump thread: one report, off the control signal's handler.
+// The dump thread: writes one report outside of the control signal's handler.
 #include "tracker/DumpThread.h"
 
 #include <sched.h>
@@ -8,11 +8,12 @@
 
 #include "async_safe/log.h"
 #include "platform/program_name.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 
 void LogNoThread() {
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
@@ -24,8 +25,7 @@ namespace android {
 
 bool MemDumpThread::threadLoop() {
   if (std::exchange(reported_, true)) {
-    // The report was quicker than the starter, which still holds its reference. Every command
-    // yields one report, so this round only waits for the starter.
+    // The starter still holds its reference. Each command yields one report, so wait for it.
     sched_yield();
   } else {
     PointerData::DumpAllocationTracesToFile();
@@ -35,7 +35,7 @@ bool MemDumpThread::threadLoop() {
 
 bool MemDumpMain::Enable() {
   if (thread_ == nullptr) thread_ = sp<MemDumpThread>(new MemDumpThread());
-  if (thread_->run("MemDumpThread", PRIORITY_BACKGROUND, 0) != NO_ERROR) {
+  if (thread_->run(protocol::kDumpThread, PRIORITY_BACKGROUND, 0) != NO_ERROR) {
     LogNoThread();
     return false;
   }
@@ -49,7 +49,6 @@ void AsyncReport() {
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "Start dumping allocations of the process %s",
                         platform::ProgramName());
   try {
-    // The starter allocates as well.
     android::MemDumpMain starter;
     starter.Enable();
   } catch (const std::bad_alloc&) {

@@ -1,38 +1,38 @@
-// The thread that writes a report, and how one is started.
+// The thread that writes a report.
 //
-// Started by the stop-and-report commands, in the control signal's handler; one thread a report.
+// The stop-and-report commands start one for each report, in the control signal's handler.
 #pragma once
 
 #include "utils/RefBase.h"
 #include "utils/StrongPointer.h"
 #include "utils/Thread.h"
 
-/// Starts a thread that writes one report; a failure, as without memory, is logged. Several may be
-/// under way at once; the record store lets them write one after the other. In the control signal's
-/// handler: allocates and makes a thread, which inherits the handler's signal mask, so a clear
-/// command never interrupts the writer and waits for its lock on the same thread.
+/// Starts a thread that writes one report; logs a failure, such as a lack of memory. Several may run
+/// at once; the record store serialises them. For the control signal's handler: allocates and
+/// creates a thread. The thread inherits the handler's signal mask, so that no clear command
+/// interrupts it and then waits for its lock.
 void AsyncReport();
 
 namespace android {
 
-/// Writes the report, then ends as soon as its starter has let go of it.
+/// Writes the report and ends when its starter has released it.
 class MemDumpThread : public Thread {
  public:
   MemDumpThread() : Thread(/*can_call_java=*/false) {}
 
-  /// One iteration of the thread; always true, as the loop ends with the last strong reference.
+  /// One iteration of the thread. Always true: the loop ends with the last strong reference.
   bool threadLoop() override;
 
  private:
-  /// Touched by the thread alone.
+  /// Used by the thread alone.
   bool reported_ = false;
 };
 
-/// Holds a MemDumpThread while it is being started; lives on the caller's stack.
+/// Holds a MemDumpThread during its start. On the caller's stack.
 class MemDumpMain : virtual public RefBase {
  public:
-  /// Makes the thread when there is none yet and starts it. False, logged, when it cannot be
-  /// started. Throws std::bad_alloc, as the constructor.
+  /// Starts the thread, which it creates if there is none. False, logged, when that fails. Throws
+  /// std::bad_alloc, as the constructor does.
   bool Enable();
 
  private:

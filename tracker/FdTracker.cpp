@@ -1,21 +1,22 @@
-// The tracker of file-descriptor leaks. See the header for who calls it.
+// Loading and calling the tracker of file-descriptor leaks.
 #include "tracker/FdTracker.h"
 
 #include <dlfcn.h>
 
 #include "async_safe/log.h"
+#include "protocol/protocol.h"
 
 namespace fd_tracker {
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 
-/// Null until it is first needed, and after a failed lookup or Unload.
+/// Null before the first Load, and after a failed lookup or Unload.
 void* handle = nullptr;
 
-/// A function of the loaded library. Null, with the log line `missing` and the library unloaded,
-/// when there is none of this name.
+/// The function `name` of the loaded library. If there is none: null, with the log line `missing`
+/// and the library unloaded.
 void* Find(const char* name, const char* missing) {
   void* function = dlsym(handle, name);
   if (function != nullptr) return function;
@@ -43,7 +44,7 @@ bool Load() {
   handle = dlopen("libfdtrack.so", RTLD_LAZY);
   if (handle != nullptr) return true;
   const char* reason = dlerror();
-  // The leading blank is wanted.
+  // Intentional: the leading blank.
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, " load libfdtrack failed: %s",
                         reason != nullptr ? reason : "");
   return false;

@@ -1,7 +1,6 @@
-// The separate tracker of file-descriptor leaks, libfdtrack.so: loaded when it is first asked for,
-// and called through three functions.
+// The separate tracker of file-descriptor leaks, libfdtrack.so, which is loaded when needed.
 //
-// Used by the control signal's handler alone, one command at a time.
+// For the control signal's handler, one command at a time.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +9,11 @@ namespace fd_tracker {
 
 /// Loads the library unless it is loaded. False, with a log line, when that fails.
 bool Load();
-/// Calls EnableFdHook. False, with a log line and the library unloaded, when it has no such
-/// function. After Load.
+/// Calls EnableFdHook. False, with a log line and the library unloaded, if it has no such function.
+/// After Load.
 bool Enable(std::uint32_t backtrace_size, std::uint32_t backtrace_type);
-/// Calls DisableFdHook. False, with a log line, when the library is not loaded or has no such
-/// function, and then it is unloaded.
+/// Calls DisableFdHook. False, with a log line, if the library is not loaded, or has no such
+/// function and was unloaded for that.
 bool Disable();
 /// Calls DumpFdleakStackToFile. False as for Disable.
 bool Dump();

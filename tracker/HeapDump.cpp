@@ -1,20 +1,21 @@
-// The leak-info and heap-dump entries, which the C library calls for the platform's tools.
+// The leak-info and heap-dump entries. The C library calls them on behalf of the platform's tools.
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "async_safe/log.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "tracker/MallocMemTrack.h"
-#include "tracker/MemTrackControl.h"
-#include "tracker/RecordingScope.h"
+#include "tracker/control/MemTrackControl.h"
+#include "tracker/control/RecordingScope.h"
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
+using protocol::kLogTag;
 
-/// The maps section is the wrong way round and wanted so: readers of these dumps expect one line
-/// of complaint per mapping, and nothing when the maps really cannot be opened.
+/// Intentional: one "Could not open" line for each mapping, and nothing when the file cannot be
+/// opened. Readers of these dumps expect it.
 void WriteMaps(std::FILE* out) {
   std::FILE* maps = std::fopen("/proc/self/maps", "re");
   if (maps == nullptr) return;
@@ -56,7 +57,7 @@ void track_free_malloc_leak_info(std::uint8_t* info) {
 }
 
 void track_write_malloc_leak_info(std::FILE* stream) {
-  // Deliberately inert beyond this check.
+  // Intentional: writes nothing.
   if (stream == nullptr) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag,
                           "write_malloc_leak_info called with a nullptr");
@@ -70,7 +71,7 @@ bool track_dump_heap(const char* file_name) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "Unable to create file: %s", file_name);
     return false;
   }
-  // Error level and the line end are wanted.
+  // Intentional: error level, and a newline in the text.
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "Dumping to file: %s\n", file_name);
   std::fputs("Android Native Heap Dump v1.1\n\n", out);
   std::fputs("MAPS\n", out);

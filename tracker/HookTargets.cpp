@@ -1,4 +1,4 @@
-// The hook targets. See the header for who runs it.
+// The hook targets: read from the properties, hooked and unhooked.
 #include "tracker/HookTargets.h"
 
 #include <sys/system_properties.h>
@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <new>
 #include <string>
 #include <utility>
@@ -16,32 +15,16 @@
 #include "linker/sharedlibs.h"
 #include "platform/never_destroyed.h"
 #include "plthooks/plthooks.h"
-#include "tracker/MemTrackControl.h"
+#include "protocol/kinds.h"
+#include "protocol/protocol.h"
+#include "tracker/control/MemTrackControl.h"
 #include "tracker/proxies.h"
 
 namespace {
 
-constexpr char kLogTag[] = "MemLeak.Native";
-constexpr char kSeparator = ',';
+using protocol::kLogTag;
 
-/// Hooked under their own name, whatever the library.
-constexpr const char* kPlainNames[] = {"mmap", "mmap64", "__mmap2", "mremap", "munmap"};
-
-struct ProxyRow {
-  const char* key;
-  void* proxy;
-};
-
-/// mmap and mmap64 are one function here: offsets have 64 bits.
-const ProxyRow kProxies[] = {
-    {"mmap", reinterpret_cast<void*>(shared_proxy_mmap64)},
-    {"mmap64", reinterpret_cast<void*>(shared_proxy_mmap64)},
-    {"__mmap2", reinterpret_cast<void*>(shared_proxy___mmap2)},
-    {"mremap", reinterpret_cast<void*>(shared_proxy_mremap)},
-    {"munmap", reinterpret_cast<void*>(shared_proxy_munmap)},
-    {"ioctl_libdmabufheap.so", reinterpret_cast<void*>(shared_proxy_ion_ioctl)},
-    {"ioctl_libgsl.so", reinterpret_cast<void*>(shared_proxy_gpu_ioctl)},
-};
+static_assert(PROP_VALUE_MAX == protocol::kMaxPropertyBytes + 1);
 
 /// A function to hook in a library.
 struct Target {
@@ -50,7 +33,7 @@ struct Target {
   std::string key;
   void* proxy;
 };
-/// Libraries in their order, and for each one the functions in theirs.
+/// In the order of the libraries, then of the functions.
 using Targets = std::vector<Target>;
 
 /// Never destroyed: a command may come while the process ends.
@@ -63,16 +46,14 @@ Targets& CurrentTargets() {
 Targets ReadTargets(const char* libraries, const char* functions) {
   std::vector<std::string> library_list;
   std::vector<std::string> function_list;
-  SplitToVector(&library_list, libraries, kSeparator);
-  SplitToVector(&function_list, functions, kSeparator);
+  SplitToVector(&library_list, libraries, protocol::kNameSeparator);
+  SplitToVector(&function_list, functions, protocol::kNameSeparator);
   Targets targets;
   for (const std::string& library : library_list) {
     for (const std::string& function : function_list) {
       std::string key = get_key_from_fun_and_lib(function, library);
-      const auto* row = std::find_if(std::begin(kProxies), std::end(kProxies),
-                                     [&key](const ProxyRow& each) { return key == each.key; });
-      if (row == std::end(kProxies)) continue;
-      targets.push_back({library, function, std::move(key), row->proxy});
+      void* const proxy = FindProxy(key);
+      if (proxy != nullptr) targets.push_back({library, function, std::move(key), proxy});
     }
   }
   return targets;
@@ -88,9 +69,9 @@ void LogFailure(const char* verb, const Target& target) {
 bool GetHookParams() {
   char libraries[PROP_VALUE_MAX] = {};
   char functions[PROP_VALUE_MAX] = {};
-  if (__system_property_get("persist.sys.memleak.hookLib", libraries) == 0 ||
+  if (__system_property_get(protocol::kHookLibraryProperty, libraries) == 0 ||
       libraries[0] == '\0' ||
-      __system_property_get("persist.sys.memleak.hookFunc", functions) == 0 ||
+      __system_property_get(protocol::kHookFunctionProperty, functions) == 0 ||
       functions[0] == '\0') {
     return false;
   }
@@ -113,9 +94,10 @@ void SplitToVector(std::vector<std::string>* list, const std::string& text, char
 }
 
 std::string get_key_from_fun_and_lib(const std::string& function, const std::string& library) {
-  const bool is_plain = std::any_of(std::begin(kPlainNames), std::end(kPlainNames),
-                                    [&function](const char* name) { return function == name; });
-  return is_plain ? function : function + "_" + library;
+  for (const protocol::Kind& kind : protocol::kKinds) {
+    if (kind.library.empty() && kind.Records(function)) return function;
+  }
+  return function + "_" + library;
 }
 
 bool hook_by_plt() {

@@ -1,9 +1,9 @@
 // The exported allocator entries, start-up and shut-down.
 //
-// The C library calls them in place of its own allocator, on every thread. While not recording an
-// entry is a load, a test and a jump into the C library's table. While recording it must be one
-// real frame directly above PointerData::Add, since the frame walk skips exactly the levels entry,
-// Add and AddBacktrace: what entries share is therefore forced inline.
+// The C library calls them in place of its own allocator, on every thread. While not recording, an
+// entry is a load, a test and a jump into the C library's table. While recording, it must be one
+// real frame directly above PointerData::Add: the frame walk skips exactly the levels entry, Add
+// and AddBacktrace. So what entries share is forced inline.
 #include "tracker/MallocMemTrack.h"
 
 #include <pthread.h>
@@ -16,26 +16,25 @@
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
-#include "tracker/MemTrackControl.h"
-#include "tracker/RecordingScope.h"
+#include "tracker/control/MemTrackControl.h"
+#include "tracker/control/RecordingScope.h"
 #include "tracker/SignalControl.h"
 
-// What an entry does when it has more to do than forward is a function of its own that the entry
-// jumps to, so that an idle entry makes no stack frame. Where the compiler does not turn a call in
-// tail position into a jump, it is part of the entry instead. Either way it is one frame, and its
-// return address is the program's.
+// The slow path of an entry is a function of its own that the entry tail-calls, so that an idle
+// entry makes no stack frame. Builds without tail calls inline it into the entry. Either way there
+// is one frame, and its return address is the program's.
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define BUSY_BODY __attribute__((noinline))
+#define SLOW_PATH __attribute__((noinline))
 #else
-#define BUSY_BODY TRACKER_INLINE
+#define SLOW_PATH TRACKER_INLINE
 #endif
 
 namespace {
 
-/// Recorded requests from here on are refused: a record keeps 31 bits of the size.
+/// While recording, requests of this size or more are refused: a record keeps 31 bits of the size.
 constexpr std::size_t kSizeLimit = std::size_t{1} << 31;
 
-/// Half of the activity test: one load. Expected to hold, since most processes never record.
+/// The first half of the activity test: one load. Likely, since most processes never record.
 TRACKER_INLINE bool IsIdle(const MemTrackControl* control) {
   return __builtin_expect(static_cast<long>(!control->GetHookStart()), 1L) != 0;
 }
@@ -50,7 +49,7 @@ TRACKER_INLINE void RemoveRecord(const void* pointer) {
   if (store != nullptr) store->Remove(pointer, 0);
 }
 
-/// The size that is really asked for; 0, with errno set, when the request is refused.
+/// The size that the C library is asked for; 0, with errno set, when the request is refused.
 TRACKER_INLINE std::size_t AcceptedSize(std::size_t size) {
   if (size >= kSizeLimit) {
     errno = ENOMEM;
@@ -60,7 +59,7 @@ TRACKER_INLINE std::size_t AcceptedSize(std::size_t size) {
 }
 
 TRACKER_INLINE bool IsBadAlignment(std::size_t alignment) {
-  return (alignment & (alignment - 1)) != 0;  // 0 passes: it goes to memalign as it is
+  return (alignment & (alignment - 1)) != 0;  // 0 is passed on to memalign
 }
 
 TRACKER_INLINE void* RecordMalloc(const MemTrackControl* control, std::size_t size) {
@@ -82,20 +81,20 @@ TRACKER_INLINE void* RecordMemalign(const MemTrackControl* control, std::size_t 
   return pointer;
 }
 
-BUSY_BODY void* BusyMalloc(const MemTrackControl* control, std::size_t size) {
+SLOW_PATH void* SlowMalloc(const MemTrackControl* control, std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->malloc(size);
   return RecordMalloc(control, size);
 }
 
-/// Also while paused: records made earlier are retired after recording has stopped.
-BUSY_BODY void BusyFree(const MemTrackControl* control, void* pointer) {
+/// Also while paused: earlier records are removed after recording has stopped.
+SLOW_PATH void SlowFree(const MemTrackControl* control, void* pointer) {
   const RecordingScope scope(control);
-  // The record goes before the memory: once freed, the address may be another thread's.
+  // The record first: once freed, the address may belong to another thread.
   RemoveRecord(pointer);
   control->dispatch()->free(pointer);
 }
 
-BUSY_BODY void* BusyCalloc(const MemTrackControl* control, std::size_t count, std::size_t size) {
+SLOW_PATH void* SlowCalloc(const MemTrackControl* control, std::size_t count, std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->calloc(count, size);
   const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
   std::size_t bytes = 0;
@@ -110,7 +109,7 @@ BUSY_BODY void* BusyCalloc(const MemTrackControl* control, std::size_t count, st
   return pointer;
 }
 
-BUSY_BODY void* BusyRealloc(const MemTrackControl* control, void* pointer, std::size_t size) {
+SLOW_PATH void* SlowRealloc(const MemTrackControl* control, void* pointer, std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->realloc(pointer, size);
   if (pointer == nullptr) return RecordMalloc(control, size);
   const RecordingScope scope(control, RecordingScope::ThreadIsUnmarked());
@@ -120,21 +119,21 @@ BUSY_BODY void* BusyRealloc(const MemTrackControl* control, void* pointer, std::
     return nullptr;
   }
   if (AcceptedSize(size) == 0) return nullptr;
-  // The old record goes first even though realloc may fail, which then leaves a live block without
-  // a record; the other order could drop the record of another thread's new block.
+  // The old record first. If realloc fails, the block stays without a record; the other order could
+  // remove the record of another thread's new block.
   RemoveRecord(pointer);
   void* moved = control->dispatch()->realloc(pointer, size);
   if (moved != nullptr) AddRecord(moved, size);
   return moved;
 }
 
-BUSY_BODY void* BusyMemalign(const MemTrackControl* control, std::size_t alignment,
+SLOW_PATH void* SlowMemalign(const MemTrackControl* control, std::size_t alignment,
                              std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->memalign(alignment, size);
   return RecordMemalign(control, alignment, size);
 }
 
-BUSY_BODY void* BusyAlignedAlloc(const MemTrackControl* control, std::size_t alignment,
+SLOW_PATH void* SlowAlignedAlloc(const MemTrackControl* control, std::size_t alignment,
                                  std::size_t size) {
   if (!control->ThreadEnabled()) return control->dispatch()->aligned_alloc(alignment, size);
   if (IsBadAlignment(alignment)) {
@@ -144,7 +143,7 @@ BUSY_BODY void* BusyAlignedAlloc(const MemTrackControl* control, std::size_t ali
   return RecordMemalign(control, alignment, size);
 }
 
-BUSY_BODY int BusyPosixMemalign(const MemTrackControl* control, void** result,
+SLOW_PATH int SlowPosixMemalign(const MemTrackControl* control, void** result,
                                 std::size_t alignment, std::size_t size) {
   if (!control->ThreadEnabled()) {
     return control->dispatch()->posix_memalign(result, alignment, size);
@@ -156,7 +155,7 @@ BUSY_BODY int BusyPosixMemalign(const MemTrackControl* control, void** result,
   return *result != nullptr ? 0 : ENOMEM;
 }
 
-BUSY_BODY std::size_t BusyUsableSize(const MemTrackControl* control, const void* pointer) {
+SLOW_PATH std::size_t SlowUsableSize(const MemTrackControl* control, const void* pointer) {
   if (pointer == nullptr || !control->ThreadEnabled()) {
     return control->dispatch()->malloc_usable_size(pointer);
   }
@@ -174,8 +173,8 @@ void PostForkChild() {
   DebugData::GetInstance()->PostForkChild();
 }
 
-/// Fork handlers cannot be taken back, so they are registered once, however often start-up runs.
-/// False without memory for them. Only from track_initialize.
+/// Registers the fork handlers once, however often start-up runs: they cannot be unregistered. False
+/// without memory. Only from track_initialize.
 bool InitAtFork() {
   static bool registered = false;
   if (!registered) registered = pthread_atfork(PrepareFork, PostForkParent, PostForkChild) == 0;
@@ -222,40 +221,40 @@ void track_finalize() {
 void* track_malloc(std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->malloc(size);
-  return BusyMalloc(control, size);
+  return SlowMalloc(control, size);
 }
 
 void track_free(void* pointer) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
-  // With all flags clear there are no records, and Remove would return at once.
+  // With all flags clear, there are no records.
   if (IsIdle(control) && !control->GetHookEverStarted() && !control->GetPltHookEverStarted()) {
     return control->dispatch()->free(pointer);
   }
-  BusyFree(control, pointer);
+  SlowFree(control, pointer);
 }
 
 void* track_calloc(std::size_t count, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->calloc(count, size);
-  return BusyCalloc(control, count, size);
+  return SlowCalloc(control, count, size);
 }
 
 void* track_realloc(void* pointer, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->realloc(pointer, size);
-  return BusyRealloc(control, pointer, size);
+  return SlowRealloc(control, pointer, size);
 }
 
 void* track_memalign(std::size_t alignment, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->memalign(alignment, size);
-  return BusyMemalign(control, alignment, size);
+  return SlowMemalign(control, alignment, size);
 }
 
 void* track_aligned_alloc(std::size_t alignment, std::size_t size) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->aligned_alloc(alignment, size);
-  return BusyAlignedAlloc(control, alignment, size);
+  return SlowAlignedAlloc(control, alignment, size);
 }
 
 int track_posix_memalign(void** result, std::size_t alignment, std::size_t size) {
@@ -263,13 +262,13 @@ int track_posix_memalign(void** result, std::size_t alignment, std::size_t size)
   if (IsIdle(control)) {
     return control->dispatch()->posix_memalign(result, alignment, size);
   }
-  return BusyPosixMemalign(control, result, alignment, size);
+  return SlowPosixMemalign(control, result, alignment, size);
 }
 
 std::size_t track_malloc_usable_size(const void* pointer) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (IsIdle(control)) return control->dispatch()->malloc_usable_size(pointer);
-  return BusyUsableSize(control, pointer);
+  return SlowUsableSize(control, pointer);
 }
 
 struct mallinfo track_mallinfo() {
@@ -287,7 +286,7 @@ int track_malloc_iterate(std::uintptr_t base, std::size_t size,
 
 int track_malloc_info(int options, std::FILE* stream) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
-  // Deliberately silent: the C library does not walk its heap while records are being taken.
+  // Intentional: no output. The C library must not walk its heap while the thread records.
   if (IsRecording(control)) return 0;
   return control->dispatch()->malloc_info(options, stream);
 }
@@ -311,7 +310,7 @@ std::size_t track_malloc_backtrace(void* pointer, std::uintptr_t* frames, std::s
 
 bool RegistryAllocateTracker(std::uint32_t index, void (*callback)()) {
   if (callback == nullptr) return false;
-  // Made even when the index is refused next, so that an early caller finds it.
+  // Before the check of the index: a refused call creates the instance too.
   MemTrackControl* control = MemTrackControl::CreateInstance();
   if (control == nullptr || index >= MemTrackControl::kTrackerSlots) return false;
   control->set_tracker(index, callback);

@@ -1,8 +1,8 @@
 // The library's exported entries: the malloc debug protocol, resolved by the C library by name and
 // symbol version LIBC_MALLOC_QUARLE (see libmemleak_tracker.map).
 //
-// Unless a line says otherwise an entry may be called on any thread, after track_initialize has
-// returned true. None of them throws.
+// Unless stated otherwise, an entry may be called on any thread after track_initialize has returned
+// true. None of them throws.
 #pragma once
 
 #include <cstddef>
@@ -15,32 +15,32 @@
 extern "C" {
 
 /// Start-up, once, before other threads use the tracker. `table` is the C library's own allocator
-/// and must outlive the process; `zygote_child` points to its flag and to four readable bytes.
-/// `options` is not read. False when a pointer is null or start-up fails; then nothing is left
-/// behind and it may be called again. Recording is off until the control signal switches it on.
+/// and stays valid; `zygote_child` is its flag, where four bytes are readable. `options` is not
+/// read. False if a pointer is null or start-up fails; it may then be called again. Recording is off
+/// until the control signal switches it on.
 bool track_initialize(const MallocDispatch* table, bool* zygote_child, const char* options);
-/// Shut-down: no thread records from here on. Other threads may still be inside an entry, and all
-/// entries keep forwarding.
+/// Shut-down: no thread records afterwards. Other threads may be inside an entry; all entries keep
+/// forwarding.
 void track_finalize();
 
-/// The C library's malloc; records the block while recording. A recorded request of 0 bytes takes
-/// 1, and one of 2 GiB or more is refused with null and ENOMEM; that goes for every entry below.
+/// As malloc; records the block while recording. A recorded request of 0 bytes becomes 1 byte, and
+/// one of 2 GiB or more fails with ENOMEM; so do the other entries that allocate.
 void* track_malloc(std::size_t size);
-/// Forgets the record of `pointer` (null is fine), then gives the memory back.
+/// Removes the record of `pointer`, which may be null, and frees the memory.
 void track_free(void* pointer);
-/// As calloc; an overflowing product is refused with ENOMEM while recording.
+/// As calloc; while recording, an overflowing product fails with ENOMEM.
 void* track_calloc(std::size_t count, std::size_t size);
-/// As realloc. While recording, size 0 frees and returns null; when the C library's realloc fails
-/// the old block survives without a record.
+/// As realloc. While recording, size 0 frees and returns null; if the C library's realloc fails, the
+/// old block stays without a record.
 void* track_realloc(void* pointer, std::size_t size);
 /// As memalign.
 void* track_memalign(std::size_t alignment, std::size_t size);
-/// As aligned_alloc. While recording, EINVAL for an alignment with more than one bit set; 0 is
-/// allowed, and the size need not be a multiple of it.
+/// As aligned_alloc. While recording, EINVAL for an alignment with more than one bit set. 0 is
+/// allowed, and the size need not be a multiple.
 void* track_aligned_alloc(std::size_t alignment, std::size_t size);
-/// As posix_memalign: 0, EINVAL (then `result` is left alone) or ENOMEM. Keeps errno.
+/// As posix_memalign: 0, ENOMEM, or EINVAL, which leaves `result` unchanged. Keeps errno.
 int track_posix_memalign(void** result, std::size_t alignment, std::size_t size);
-/// Usable bytes of a block, as the C library gives them.
+/// The C library's malloc_usable_size.
 std::size_t track_malloc_usable_size(const void* pointer);
 /// The C library's mallinfo.
 struct mallinfo track_mallinfo();
@@ -50,32 +50,32 @@ int track_mallopt(int parameter, int value);
 int track_malloc_iterate(std::uintptr_t base, std::size_t size,
                          void (*callback)(std::uintptr_t base, std::size_t size, void* argument),
                          void* argument);
-/// The C library's malloc_info; 0 and no output while the calling thread records.
+/// The C library's malloc_info. While the calling thread records: 0, without output.
 int track_malloc_info(int options, std::FILE* stream);
-/// Stops all allocation: the C library's lock outside, then every lock of the record store.
+/// Stops all allocation: takes the C library's lock, then every lock of the record store.
 void track_malloc_disable();
 /// Ends track_malloc_disable, on the same thread.
 void track_malloc_enable();
-/// Copies up to `max_frames` pcs of the stack that allocated `pointer`, innermost first; returns
-/// their number. 0 without a record and while recording is off for the caller.
+/// Copies up to `max_frames` pcs of the stack that allocated `pointer`, innermost first. Returns
+/// their number: 0 without a record, or if the calling thread does not record.
 std::size_t track_malloc_backtrace(void* pointer, std::uintptr_t* frames, std::size_t max_frames);
 
-/// The leak-info export; all five outputs are required. They are 0 when there is nothing to export
-/// and untouched when one of them is null.
+/// The leak-info export. All five outputs are required: if one is null, the others are unchanged.
+/// They are 0 when there is nothing to export.
 void track_get_malloc_leak_info(std::uint8_t** info, std::size_t* overall_size,
                                 std::size_t* info_size, std::size_t* total_memory,
                                 std::size_t* backtrace_size);
-/// Gives `info` back to the C library's allocator.
+/// Frees `info` with the C library's allocator.
 void track_free_malloc_leak_info(std::uint8_t* info);
-/// Inert: a null stream is logged, any other is left alone.
+/// Writes nothing; logs a null stream.
 void track_write_malloc_leak_info(std::FILE* stream);
-/// Writes the heap dump text to `file_name`, which is created or truncated. False, logged, when
-/// it cannot be created.
+/// Writes the heap dump text to `file_name`, which is created or truncated. False, logged, if that
+/// fails.
 bool track_dump_heap(const char* file_name);
 
-/// Stores a callback in slot `index` (0 to 5; 4 and 5 are run by the control signal). False for a
-/// null callback or another index, and without memory. May be called before track_initialize, on
-/// one thread.
+/// Stores `callback` in slot `index`, 0 to 5. Commands run those in slots 4 and 5. False for a null
+/// callback, another index, or without memory. May be called before track_initialize, on one
+/// thread.
 bool RegistryAllocateTracker(std::uint32_t index, void (*callback)());
 
 }  // extern "C"

@@ -1,4 +1,13 @@
-// The proxies. See the header for who runs them.
+// The proxies.
+//
+// A hooked slot's trampoline calls them, on any thread that calls the hooked function. Each makes
+// the real call first, with its own arguments unchanged, and returns its result unchanged. Then,
+// while the hooked kinds are recorded and the thread is not marked, it adds or removes a record of
+// the size that the call carries.
+//
+// Intentional: the result of the real call is not checked, except for a null address. A failed
+// mapping or device request is recorded like any other, its argument is read, and a DMA buffer
+// stays recorded when its descriptor is closed.
 #include "tracker/proxies.h"
 
 #include <sys/mman.h>
@@ -9,9 +18,10 @@
 #include "async_safe/log.h"
 #include "platform/readable.h"
 #include "plthooks/trampoline.h"
+#include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 
@@ -21,34 +31,34 @@ constexpr std::uint32_t kDmaHeapAllocate = 0xC0184800;
 constexpr std::uint32_t kGpuAllocate = 0xC0300945;
 constexpr std::uint32_t kGpuFree = 0x40200946;
 
-/// The head of dma_heap_allocation_data (linux/dma-heap.h).
+/// The start of dma_heap_allocation_data (linux/dma-heap.h).
 struct DmaHeapAllocation {
   std::uint64_t len;
   std::uint32_t fd;
 };
 
-/// What is read of a KGSL argument, whatever the request.
+/// The part of a KGSL argument that is read, whatever the request.
 struct GpuAllocation {
   std::uint64_t address;
   std::uint64_t size;
 };
 
-/// The function that `proxy` stands in for, in the call that is running.
+/// The function that `proxy` replaces in the running call.
 template <typename Function>
 Function* Previous(Function* proxy) {
   return reinterpret_cast<Function*>(
       lumora::plthooks::get_previous_from_hook(reinterpret_cast<void*>(proxy)));
 }
 
-/// The tracker's switches when this call is to be recorded, else null.
+/// The tracker's switches if this call is recorded, else null.
 const MemTrackControl* Recording() {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (control == nullptr || !control->GetPltHookStart()) return nullptr;
   return control->PltThreadEnabled() ? control : nullptr;
 }
 
-/// Marks the thread while its call is recorded: mappings that the tracker makes meanwhile are not
-/// the program's. Looks once more, since recording may have been switched off.
+/// Marks the thread while its call is recorded, so that mappings that the tracker makes meanwhile
+/// are not. Checks the switches again: recording may have been switched off.
 class PltScope {
  public:
   explicit PltScope(const MemTrackControl* control)
@@ -66,7 +76,7 @@ class PltScope {
 };
 
 void LogError(const char* text) {
-  async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "%s", text);
+  async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "%s", text);
 }
 
 PointerData* Store() {
@@ -74,7 +84,7 @@ PointerData* Store() {
   return data != nullptr ? data->pointer() : nullptr;
 }
 
-/// Records what a call made, if it names it.
+/// Records what a call has made.
 void Add(const void* key, std::uint64_t size) {
   if (key == nullptr || size == 0) return LogError("map result error");
   if (PointerData* store = Store(); store != nullptr) store->AddMapping(key, size);
@@ -93,8 +103,8 @@ void* RecordMapping(void* mapping, std::size_t size, int flags) {
   return mapping;
 }
 
-/// The word at `address`; 0 when it cannot be read. The program may pass any pointer: the device
-/// call reports a bad one, and the proxy must not fault on it. Takes no lock; keeps errno.
+/// The word at `address`, 0 when it cannot be read: the program may pass any pointer, and the proxy
+/// must not fault on a bad one. Takes no lock; keeps errno.
 std::uint64_t ReadWord(const std::uint64_t* address) {
   const auto first = reinterpret_cast<std::uint64_t>(address);
   std::uint64_t word = 0;
@@ -104,8 +114,7 @@ std::uint64_t ReadWord(const std::uint64_t* address) {
   return word;
 }
 
-}  // namespace
-
+/// For mmap and mmap64. Only anonymous mappings are recorded.
 void* shared_proxy_mmap64(void* address, std::size_t length, int protection, int flags,
                           int descriptor, off_t offset) {
   void* mapping =
@@ -113,6 +122,7 @@ void* shared_proxy_mmap64(void* address, std::size_t length, int protection, int
   return RecordMapping(mapping, length, flags);
 }
 
+/// For __mmap2, whose offset counts pages.
 void* shared_proxy___mmap2(void* address, std::size_t length, int protection, int flags,
                            int descriptor, std::size_t page_offset) {
   void* mapping =
@@ -120,6 +130,8 @@ void* shared_proxy___mmap2(void* address, std::size_t length, int protection, in
   return RecordMapping(mapping, length, flags);
 }
 
+/// Intentional: tests its own flags for MAP_ANONYMOUS, where that bit means nothing, so that it
+/// hardly ever records. The record of the old mapping stays.
 void* shared_proxy_mremap(void* old_address, std::size_t old_size, std::size_t new_size, int flags,
                           void* new_address) {
   void* mapping =
@@ -136,10 +148,12 @@ int shared_proxy_munmap(void* address, std::size_t length) {
   return result;
 }
 
+/// For the ioctl of libdmabufheap.so. The key of a record is the address of the descriptor in the
+/// caller's dma_heap_allocation_data.
 int shared_proxy_ion_ioctl(int descriptor, unsigned long request, void* argument) {
   const int result = Previous(shared_proxy_ion_ioctl)(descriptor, request, argument);
   const MemTrackControl* control = Recording();
-  // The kernel looks at 32 bits of a request; the others may be a sign.
+  // The kernel reads 32 bits of a request. The upper ones may be a sign extension.
   if (control == nullptr || static_cast<std::uint32_t>(request) != kDmaHeapAllocate) return result;
   const PltScope scope(control);
   const auto* allocation = static_cast<const DmaHeapAllocation*>(argument);
@@ -151,6 +165,7 @@ int shared_proxy_ion_ioctl(int descriptor, unsigned long request, void* argument
   return result;
 }
 
+/// For the ioctl of libgsl.so. The key of a record is the address of the caller's argument.
 int shared_proxy_gpu_ioctl(int descriptor, unsigned long request, void* argument) {
   const int result = Previous(shared_proxy_gpu_ioctl)(descriptor, request, argument);
   const MemTrackControl* control = Recording();
@@ -161,4 +176,29 @@ int shared_proxy_gpu_ioctl(int descriptor, unsigned long request, void* argument
   const std::uint64_t size = allocation != nullptr ? ReadWord(&allocation->size) : 0;
   code == kGpuAllocate ? Add(allocation, size) : Remove(allocation, size);
   return result;
+}
+
+struct ProxyRow {
+  const char* key;
+  void* proxy;
+};
+
+/// Offsets have 64 bits here, so mmap and mmap64 are one function.
+const ProxyRow kProxies[] = {
+    {"mmap", reinterpret_cast<void*>(shared_proxy_mmap64)},
+    {"mmap64", reinterpret_cast<void*>(shared_proxy_mmap64)},
+    {"__mmap2", reinterpret_cast<void*>(shared_proxy___mmap2)},
+    {"mremap", reinterpret_cast<void*>(shared_proxy_mremap)},
+    {"munmap", reinterpret_cast<void*>(shared_proxy_munmap)},
+    {"ioctl_libdmabufheap.so", reinterpret_cast<void*>(shared_proxy_ion_ioctl)},
+    {"ioctl_libgsl.so", reinterpret_cast<void*>(shared_proxy_gpu_ioctl)},
+};
+
+}  // namespace
+
+void* FindProxy(std::string_view key) {
+  for (const ProxyRow& row : kProxies) {
+    if (key == row.key) return row.proxy;
+  }
+  return nullptr;
 }

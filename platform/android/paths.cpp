@@ -3,14 +3,16 @@
 
 #include <fcntl.h>
 
+#include "protocol/protocol.h"
+
 namespace platform {
 
 std::FILE* OpenReportFile() {
-  return std::fopen("/data/log/reliability/allocations_dump", "w");
+  return std::fopen(protocol::kReportPath, "w");
 }
 
 int OpenExceptionDevice(std::string& path) {
-  path = "/dev/kxlog_exception";
+  path = protocol::kExceptionDevice;
   return open(path.c_str(), O_WRONLY);
 }
 

@@ -10,12 +10,10 @@
 #include "platform/cfi/rule_cache.h"
 #include "platform/cfi/walk.h"
 #include "platform/readable_stack.h"
-#include "protocol/unloads.h"
+#include "protocol/protocol.h"
 
 namespace platform {
 namespace {
-
-constexpr char kTracker[] = "libmemleak_tracker.so";
 
 /// Where the tracker is mapped. Written once, before the first capture.
 std::uint64_t g_tracker_begin = 0;
@@ -53,7 +51,7 @@ bool PrepareCallStacks() {
   const char* slash = std::strrchr(info.dli_fname, '/');
   const char* name = slash == nullptr ? info.dli_fname : slash + 1;
   // Tests and benchmarks link this file into programs, whose frames count.
-  if (std::strcmp(name, kTracker) == 0 && cfi::FindLoadedObject(here, &object)) {
+  if (std::strcmp(name, protocol::kTrackerLibrary) == 0 && cfi::FindLoadedObject(here, &object)) {
     g_tracker_begin = object.begin;
     g_tracker_bytes = object.end - object.begin;
   }

@@ -7,11 +7,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "protocol/protocol.h"
+
 namespace platform {
 namespace {
 
-constexpr const char* kNames[] = {"MEMLEAK_TRACKER_ROOT", "MEMLEAK_TRACKER_LOG",
-                                  "MEMLEAK_TRACKER_PROPERTIES"};
+constexpr const char* kNames[] = {protocol::kRootVariable, protocol::kLogVariable,
+                                  protocol::kPropertiesVariable};
 constexpr std::size_t kVariables = sizeof(kNames) / sizeof(kNames[0]);
 
 // Copies, since a program may overwrite its environment block (to change its title) or unset
@@ -48,18 +50,7 @@ std::size_t ExpandPath(const char* pattern, const char* suffix, char (&path)[kPa
   const auto put = [&path, &length](char c) {
     if (length < kPathBytes - 1) path[length++] = c;
   };
-  for (; *pattern != '\0'; ++pattern) {
-    if (pattern[0] != '%' || pattern[1] != 'p') {
-      put(*pattern);
-      continue;
-    }
-    ++pattern;
-    char digits[12];
-    int count = 0;
-    for (pid_t pid = getpid(); pid > 0; pid /= 10)
-      digits[count++] = static_cast<char>('0' + pid % 10);
-    while (count > 0) put(digits[--count]);
-  }
+  protocol::ExpandPid(pattern, getpid(), put);
   for (; *suffix != '\0'; ++suffix) put(*suffix);
   path[length] = '\0';
   return length;

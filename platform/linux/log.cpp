@@ -17,6 +17,7 @@
 #include "platform/standin/log_format.h"
 #include "platform/standin/raw_calls.h"
 #include "protocol/private_files.h"
+#include "protocol/protocol.h"
 
 namespace {
 
@@ -79,7 +80,7 @@ void WriteQuietly(int file, const char* line, std::size_t length) {
 void WriteLine(const char* line, std::size_t length) {
   const char* destination = platform::CapturedValue(platform::Variable::kLog);
   if (destination == nullptr) return;
-  if (std::strcmp(destination, "stderr") == 0) {
+  if (std::strcmp(destination, protocol::kLogToStderr) == 0) {
     WriteQuietly(STDERR_FILENO, line, length);
     return;
   }

@@ -8,16 +8,16 @@
 #include <cerrno>
 
 #include "platform/linux/root.h"
+#include "protocol/protocol.h"
 
 namespace platform {
 
 std::FILE* OpenReportFile() {
   char path[kPathBytes];
   protocol::Refusal refusal;
-  const int file =
-      OpenRooted("/data/log/reliability/allocations_dump", protocol::Use::kReplace, path, refusal);
+  const int file = OpenRooted(protocol::kReportPath, protocol::Use::kReplace, path, refusal);
   if (file < 0) {
-    async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "cannot write a report: %.*s: %s",
+    async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "cannot write a report: %.*s: %s",
                           static_cast<int>(refusal.path_bytes), path, refusal.Reason());
     return nullptr;
   }
@@ -29,7 +29,7 @@ std::FILE* OpenReportFile() {
 int OpenExceptionDevice(std::string& path) {
   char rooted[kPathBytes];
   protocol::Refusal refusal;
-  const int device = OpenRooted("/dev/kxlog_exception", protocol::Use::kDevice, rooted, refusal);
+  const int device = OpenRooted(protocol::kExceptionDevice, protocol::Use::kDevice, rooted, refusal);
   const int saved_errno = errno;
   path = rooted;
   errno = saved_errno;

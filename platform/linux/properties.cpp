@@ -11,6 +11,7 @@
 #include "platform/linux/environment.h"
 #include "platform/linux/root.h"
 #include "platform/standin/raw_calls.h"
+#include "protocol/protocol.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ class PropertyScan {
 int OpenProperties() {
   char path[platform::kPathBytes];
   protocol::Refusal refusal;
-  const int file = platform::OpenRooted("/properties", protocol::Use::kRead, path, refusal);
+  const int file = platform::OpenRooted(protocol::kPropertiesPath, protocol::Use::kRead, path, refusal);
   const char* shared = platform::CapturedValue(platform::Variable::kProperties);
   if (file >= 0 || shared == nullptr) return file;
   return protocol::OpenFile(AT_FDCWD, shared, protocol::Use::kRead, refusal);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/protocol.h"
 #include "unwindstack/Maps.h"
 #include "unwindstack/Memory.h"
 #include "unwindstack/Regs.h"
@@ -25,7 +26,7 @@ namespace {
 struct State {
   unwindstack::LocalUpdatableMaps maps;
   std::shared_ptr<unwindstack::Memory> memory;
-  const std::vector<std::string> skipped_libraries{"libunwindstack.so", "libmemleak_tracker.so"};
+  const std::vector<std::string> skipped_libraries{"libunwindstack.so", protocol::kTrackerLibrary};
 };
 std::atomic<State*> g_state{nullptr};
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/backtrace/fakes.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 class MapDataTest : public testing::Test {
  protected:

@@ -5,7 +5,7 @@
 #include "backtrace/Backtrace.h"
 #include "plthooks/trampoline.h"
 #include "tests/backtrace/fakes.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 

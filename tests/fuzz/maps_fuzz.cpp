@@ -14,7 +14,7 @@
 
 #include "backtrace/MapData.h"
 #include "tests/fuzz/support.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 

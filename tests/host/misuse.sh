@@ -25,13 +25,13 @@ MEMLEAK_TRACKER_START=16 MEMLEAK_TRACKER_START_PARAMETER=0x100000000 \
 
 export MEMLEAK_TRACKER_ROOT=$root
 MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 \
-  expect "MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 is no command to report" "$lib" libraries
+  expect "MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 is not a report command" "$lib" libraries
 (
   # No file can be written; the program need not die of that.
   ulimit -f 0
   trap '' XFSZ
   MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \
-    expect "nobody writes it any more; is the disk full?" "$lib" libraries
+    expect "its thread has ended; is the disk full?" "$lib" libraries
 )
 chmod go+w "$root"
 MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \

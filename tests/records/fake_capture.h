@@ -14,7 +14,7 @@
 #include "records/set_selection.h"
 #include "sys/system_properties.h"
 #include "tests/records/log_capture.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 /// What the next captures of a thread return.
 struct Script {

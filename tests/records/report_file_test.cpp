@@ -19,7 +19,7 @@
 #include "records/PointerSet.h"
 #include "records/report_text.h"
 #include "tests/temporary_directory.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 

@@ -259,7 +259,7 @@ TEST_F(StoreModelTest, TheStoreAnswersAsTheModelDoes) {
     control_->set_zygote_child(
         reinterpret_cast<bool*>(const_cast<std::uint32_t*>(model_.zygote_child)));
     SetBacktraceSize(what == 8 ? 3 : what == 9 ? UINT32_MAX : kDefaultBacktraceSize);
-    current_backtrace_type = what == 9 ? kBacktraceUnwinder : kBacktraceFramePointer;
+    current_backtrace_type = what == 9 ? protocol::kUnwindTables : protocol::kUnwindFramePointers;
     for (const int family : {0, 1}) {
       model_.start[family] = what != 7 && random_() % 4 != 0;
       model_.ever[family] = model_.start[family] || random_() % 4 != 0;

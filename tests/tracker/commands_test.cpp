@@ -15,7 +15,7 @@
 #include "tests/control_signal.h"
 #include "tracker/HookTargets.h"
 #include "tracker/MallocMemTrack.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 /// Where libfdtrack.so is found; "" for nowhere.
 static std::string fdtrack_file;
@@ -97,7 +97,7 @@ TEST_F(CommandsTest, EveryBitAndWhereASignalEnds) {
     const char* state;  // from "9 11 00 7,8"
     std::string events;
   } cases[] = {
-      {0xFFFFFFFF01000009, {}, "9 11 00 7,8", ""},
+      {0xFFFFFFFFF0000009, {}, "9 11 00 7,8", ""},
       {0x10, {native_on}, "0 11 00 32,65", ""},
       {0x20, {"I set hook to:false"}, "0 01 00 7,8", ""},
       {0x40, started, "0 00 00 7,8", "Report()"},
@@ -186,7 +186,7 @@ TEST_F(CommandsTest, CallbacksRunInOrderAfterTheNativeCommands) {
 TEST_F(CommandsTest, WithoutTargetsOrHooksNothingIsSwitchedOn) {
   fake::Hooks().libraries = "liba.so";
   EXPECT_EQ(Send(0x1100), Lines());
-  EXPECT_EQ(MemTrackControl::GetMemTrackType(), MMAP) << "bit 12 is not carried out";
+  EXPECT_EQ(MemTrackControl::GetMemTrackType(), protocol::MMAP) << "bit 12 is not carried out";
   fake::Hooks() = {};
   fake::Hooks().functions = "mmap";
   EXPECT_EQ(Send(0x1000), Lines());

@@ -8,7 +8,7 @@
 #include "fakes.h"
 #include "tracker/DumpThread.h"
 #include "tracker/MallocMemTrack.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 

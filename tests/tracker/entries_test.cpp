@@ -10,7 +10,7 @@
 #include "fakes.h"
 #include "tracker/DebugData.h"
 #include "tracker/MallocMemTrack.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "plthooks/plthooks.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 #include "tracker/proxies.h"
 
 namespace fake {
@@ -62,12 +62,12 @@ void* Allocate(const char* name, Arguments... arguments) {
 }
 
 const char* ProxyName(const void* proxy) {
-  if (proxy == reinterpret_cast<void*>(shared_proxy_mmap64)) return "mmap64";
-  if (proxy == reinterpret_cast<void*>(shared_proxy___mmap2)) return "__mmap2";
-  if (proxy == reinterpret_cast<void*>(shared_proxy_mremap)) return "mremap";
-  if (proxy == reinterpret_cast<void*>(shared_proxy_munmap)) return "munmap";
-  if (proxy == reinterpret_cast<void*>(shared_proxy_ion_ioctl)) return "ion";
-  return proxy == reinterpret_cast<void*>(shared_proxy_gpu_ioctl) ? "gpu" : "?";
+  if (proxy == FindProxy("ioctl_libdmabufheap.so")) return "ion";
+  if (proxy == FindProxy("ioctl_libgsl.so")) return "gpu";
+  for (const char* name : {"mmap64", "__mmap2", "mremap", "munmap"}) {
+    if (proxy == FindProxy(name)) return name;
+  }
+  return "?";
 }
 
 int Answer(const char* verb, const char* library, const char* name, const void* proxy) {

@@ -10,13 +10,25 @@
 
 #include "fakes.h"
 #include "tracker/MallocMemTrack.h"
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
 
 constexpr int kAnonymous = MAP_PRIVATE | MAP_ANONYMOUS;
+template <typename Function>
+Function* Proxy(const char* key) {
+  return reinterpret_cast<Function*>(FindProxy(key));
+}
+const auto mmap64_proxy = Proxy<void*(void*, std::size_t, int, int, int, off_t)>("mmap64");
+const auto mmap2_proxy = Proxy<void*(void*, std::size_t, int, int, int, std::size_t)>("__mmap2");
+const auto mremap_proxy = Proxy<void*(void*, std::size_t, std::size_t, int, void*)>("mremap");
+const auto munmap_proxy = Proxy<int(void*, std::size_t)>("munmap");
+using Ioctl = int(int, unsigned long, void*);
+const auto ion_proxy = Proxy<Ioctl>("ioctl_libdmabufheap.so");
+const auto gpu_proxy = Proxy<Ioctl>("ioctl_libgsl.so");
+
 const Lines kMapError = {"E map result error"};
 const Lines kUnmapError = {"E munmap addr or size error"};
 constexpr std::size_t kBig = std::size_t{3} << 32;
@@ -68,10 +80,10 @@ class ProxiesTest : public testing::Test {
 
 TEST_F(ProxiesTest, AnonymousMappings) {
   const auto map = [](std::size_t size, int flags) {
-    return shared_proxy_mmap64(nullptr, size, 3, flags, -1, 0);
+    return mmap64_proxy(nullptr, size, 3, flags, -1, 0);
   };
   const auto map2 = [](std::size_t size) {
-    return shared_proxy___mmap2(nullptr, size, 3, kAnonymous, -1, 7);
+    return mmap2_proxy(nullptr, size, 3, kAnonymous, -1, 7);
   };
   Real(RealMapping<void*, std::size_t, int, int, int, off_t>);
   Check(map(kBig, kAnonymous), mapping, "Add(new,12884901888)");
@@ -86,15 +98,15 @@ TEST_F(ProxiesTest, AnonymousMappings) {
   Check(map2(0), mapping, "", kMapError);
 
   Real(RealMapping<void*, std::size_t, std::size_t, int, void*>);
-  Check(shared_proxy_mremap(nullptr, 1, 2, MREMAP_MAYMOVE, nullptr), mapping, "");
-  Check(shared_proxy_mremap(nullptr, 1, 2, MAP_ANONYMOUS, nullptr), mapping, "Add(new,2)");
+  Check(mremap_proxy(nullptr, 1, 2, MREMAP_MAYMOVE, nullptr), mapping, "");
+  Check(mremap_proxy(nullptr, 1, 2, MAP_ANONYMOUS, nullptr), mapping, "Add(new,2)");
 
   Real(RealMunmap);
   result = -1;
-  Check(shared_proxy_munmap(fake::old_block, kBig), -1, "Remove(old,12884901888)");
+  Check(munmap_proxy(fake::old_block, kBig), -1, "Remove(old,12884901888)");
   EXPECT_EQ(errno, EAGAIN);
-  Check(shared_proxy_munmap(nullptr, 4096), -1, "", kUnmapError);
-  Check(shared_proxy_munmap(fake::old_block, 0), -1, "", kUnmapError);
+  Check(munmap_proxy(nullptr, 4096), -1, "", kUnmapError);
+  Check(munmap_proxy(fake::old_block, 0), -1, "", kUnmapError);
 }
 
 TEST_F(ProxiesTest, DeviceRequests) {
@@ -106,33 +118,33 @@ TEST_F(ProxiesTest, DeviceRequests) {
     std::uint32_t flags = 0;
     std::uint64_t heap_flags = 0;
   } dma;
-  Check(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0, "Add(?,8192)");
+  Check(ion_proxy(3, 0xC0184800, &dma), 0, "Add(?,8192)");
   // A sign-extended request.
-  Check(shared_proxy_ion_ioctl(3, 0xFFFFFFFFC0184800, &dma), 0, "Add(?,8192)");
-  Check(shared_proxy_ion_ioctl(3, 0xC0184801, nullptr), 0, "");
+  Check(ion_proxy(3, 0xFFFFFFFFC0184800, &dma), 0, "Add(?,8192)");
+  Check(ion_proxy(3, 0xC0184801, nullptr), 0, "");
   dma.len = 0;
-  Check(shared_proxy_ion_ioctl(3, 0xC0184800, &dma), 0, "", kMapError);
-  Check(shared_proxy_ion_ioctl(3, 0xC0184800, nullptr), 0, "", kMapError);
+  Check(ion_proxy(3, 0xC0184800, &dma), 0, "", kMapError);
+  Check(ion_proxy(3, 0xC0184800, nullptr), 0, "", kMapError);
 
   auto* gpu = reinterpret_cast<std::uint64_t*>(fake::new_block);
   gpu[0] = 0;
   gpu[1] = 65536;
   result = 11;
-  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), 11, "Add(new,65536)");
-  Check(shared_proxy_gpu_ioctl(4, 0x40200946, gpu), 11, "Remove(new,65536)");
-  Check(shared_proxy_gpu_ioctl(4, 0xC0300944, gpu), 11, "");
+  Check(gpu_proxy(4, 0xC0300945, gpu), 11, "Add(new,65536)");
+  Check(gpu_proxy(4, 0x40200946, gpu), 11, "Remove(new,65536)");
+  Check(gpu_proxy(4, 0xC0300944, gpu), 11, "");
   gpu[1] = 0;
-  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), 11, "", kMapError);
-  Check(shared_proxy_gpu_ioctl(4, 0x40200946, nullptr), 11, "", kUnmapError);
+  Check(gpu_proxy(4, 0xC0300945, gpu), 11, "", kMapError);
+  Check(gpu_proxy(4, 0x40200946, nullptr), 11, "", kUnmapError);
   // A refused request is recorded like any other.
   gpu[1] = 4096;
   result = -1;
-  Check(shared_proxy_gpu_ioctl(4, 0xC0300945, gpu), -1, "Add(new,4096)");
+  Check(gpu_proxy(4, 0xC0300945, gpu), -1, "Add(new,4096)");
 }
 
 TEST_F(ProxiesTest, NothingIsRecordedWhilePausedOrMarked) {
   const auto map = [](std::size_t size) {
-    return shared_proxy_mmap64(nullptr, size, 3, kAnonymous, -1, 0);
+    return mmap64_proxy(nullptr, size, 3, kAnonymous, -1, 0);
   };
   Real(RealMapping<void*, std::size_t, int, int, int, off_t>);
   control_->ConfigPltHookStatus(false, true);

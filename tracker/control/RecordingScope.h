@@ -1,10 +1,10 @@
-// Whether the calling thread records, and its mark while the tracker itself is at work.
+// Whether the calling thread records, and the mark of a thread that is inside the tracker.
 //
-// Used by the exported entries, on every thread of the process. All of it is forced inline, in
-// every build type: the frame walk counts on one real frame per entry.
+// Used by the exported entries, on every thread of the process. All of it is forced inline in every
+// build type: the frame walk expects one real frame per entry.
 #pragma once
 
-#include "tracker/MemTrackControl.h"
+#include "tracker/control/MemTrackControl.h"
 
 #define TRACKER_INLINE __attribute__((always_inline)) inline
 
@@ -13,19 +13,19 @@ TRACKER_INLINE bool IsRecording(const MemTrackControl* control) {
   return control != nullptr && control->GetHookStart() && control->ThreadEnabled();
 }
 
-/// Marks the calling thread for as long as it lives, if that thread records at that moment: what
-/// the tracker allocates meanwhile goes straight to the C library and is not recorded.
+/// Marks the calling thread during its lifetime, if that thread records: what the tracker allocates
+/// meanwhile goes to the C library and is not recorded.
 ///
-/// Recording may have been switched off since the caller looked, or an outer scope may have set
-/// the mark; a scope clears only what it has set itself.
+/// Checks the switch again, since recording may have been switched off. Clears the mark only if it
+/// has set it: an outer scope may have done so.
 class RecordingScope {
  public:
   TRACKER_INLINE explicit RecordingScope(const MemTrackControl* control)
       : marked_(IsRecording(control) ? control : nullptr) {
     if (marked_ != nullptr) marked_->DisableThread();
   }
-  /// For a caller that has just seen its thread unmarked: nobody else marks it, so only the switch
-  /// is looked at again.
+  /// For a caller that has just found its thread unmarked. Only the thread itself sets its mark, so
+  /// this checks only the switch.
   struct ThreadIsUnmarked {};
   TRACKER_INLINE RecordingScope(const MemTrackControl* control, ThreadIsUnmarked /*known*/)
       : marked_(control->GetHookStart() ? control : nullptr) {

@@ -1,26 +1,27 @@
 // The tracker's switches, callback slots, dispatch table and thread marks.
 //
-// Written by track_initialize, track_finalize and the control signal's handler; read by every
-// entry on every thread and by the record store. A leaf: it includes only the platform.
+// Written by track_initialize, track_finalize and the control signal's handler. Read by every
+// entry on every thread, by the record store and by the capture of backtraces.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "private/bionic_malloc_dispatch.h"
+#include "protocol/kinds.h"
 #include "system/ThreadMark.h"
 
-/// What is being tracked: the value of `mem_track_type`.
-enum MemTrackType : std::uint32_t { NATIVE = 0, MMAP = 1, ION = 2, GPU = 3 };
+using protocol::MemTrackType;
+using protocol::NATIVE;
 
-/// The kind in force. Written by the control signal's handler alone.
+/// The kind in force, a MemTrackType. Written by the control signal's handler alone.
 extern std::atomic<std::uint32_t> mem_track_type;
 /// Marks a thread that is inside the record store.
 extern ThreadMark record_key;
 /// True while at least one PLT hook is installed.
 extern std::atomic<bool> is_plt_hook;
-/// Backtrace size and type from the parameter word of the last native or fd on command; 0 after a
-/// native or fd clear.
+/// Backtrace size and type from the parameter word of the latest native or fd "on"; 0 after a native
+/// or fd clear.
 extern std::atomic<std::uint32_t> signal_bt_size;
 extern std::atomic<std::uint32_t> signal_bt_type;
 
@@ -34,16 +35,16 @@ class MemTrackControl {
   /// The instance, or null before the first CreateInstance and after a failed initialization.
   /// Any thread, any context.
   static MemTrackControl* GetInstance() { return instance_.load(std::memory_order_acquire); }
-  /// The instance, made first when there is none; null without memory. Takes no lock: only while
-  /// no other thread uses the tracker.
+  /// The instance, which is created if there is none; null without memory. Takes no lock: only
+  /// while no other thread uses the tracker.
   static MemTrackControl* CreateInstance();
   /// Frees the instance; only after a failed initialization.
   static void DestroyInstance();
 
   /// The kind in force (see MemTrackType). Any thread, any context.
   static std::uint32_t GetMemTrackType() { return mem_track_type.load(std::memory_order_seq_cst); }
-  /// The C library's zygote-child flag, null when there is no instance or none was handed in. The
-  /// owner of the flag provides four readable bytes. Any thread, any context.
+  /// The C library's zygote-child flag, null without an instance or before set_zygote_child. Four
+  /// bytes are readable there. Any thread, any context.
   static bool* GetMallocZygoteChild() {
     const MemTrackControl* instance = GetInstance();
     return instance == nullptr ? nullptr : instance->zygote_child_;
@@ -58,35 +59,36 @@ class MemTrackControl {
   /// track_finalize.
   void DeleteKeys();
 
-  /// The four switches: recording is on, and records may exist; for the native heap and for the
-  /// hooked kinds. Sequentially consistent loads. Any thread, any context.
+  /// The four switches: whether recording is on, and whether records may exist, for the native heap
+  /// and for the hooked kinds. Sequentially consistent loads. Any thread, any context.
   bool GetHookStart() const { return hook_start_.load(std::memory_order_seq_cst); }
   bool GetHookEverStarted() const { return hook_ever_started_.load(std::memory_order_seq_cst); }
   bool GetPltHookStart() const { return plt_hook_start_.load(std::memory_order_seq_cst); }
   bool GetPltHookEverStarted() const {
     return plt_hook_ever_started_.load(std::memory_order_seq_cst);
   }
-  /// Stores the pair with release order, `ever` first: who sees start set sees ever set too.
+  /// Stores the pair with release order, `ever` first: a thread that sees start set also sees ever
+  /// set. Any thread, any context.
   void ConfigHookStatus(bool start, bool ever);
-  /// The same for the hooked kinds. Both on any thread, in any context.
+  /// The same for the hooked kinds.
   void ConfigPltHookStatus(bool start, bool ever);
 
-  /// Whether the calling thread may record native blocks, and its mark that it may not. Any thread,
-  /// any context.
+  /// Whether the calling thread may record native blocks. Disable marks the thread, Enable removes
+  /// the mark. Any thread, any context.
   bool ThreadEnabled() const { return debug_disable_key_.Get() == nullptr; }
   void DisableThread() const { debug_disable_key_.Set(ThreadMark::kInside); }
   void EnableThread() const { debug_disable_key_.Set(nullptr); }
 
-  /// The same three for the mapping and device proxies.
+  /// The same for the mapping and device proxies.
   bool PltThreadEnabled() const { return plt_disable_key_.Get() == nullptr; }
   void DisablePltThread() const { plt_disable_key_.Set(ThreadMark::kInside); }
   void EnablePltThread() const { plt_disable_key_.Set(nullptr); }
 
   /// The C library's allocator. Null until track_initialize.
   const MallocDispatch* dispatch() const { return dispatch_; }
-  /// Keeps the table, which the C library owns. Only from track_initialize.
+  /// Keeps the pointer; the C library owns the table. Only from track_initialize.
   void set_dispatch(const MallocDispatch* dispatch) { dispatch_ = dispatch; }
-  /// Keeps the flag, which the C library owns. Only from track_initialize.
+  /// Keeps the pointer; the C library owns the flag. Only from track_initialize.
   void set_zygote_child(bool* flag) { zygote_child_ = flag; }
   /// Callback slot `index` (below kTrackerSlots); may be null.
   Tracker tracker(std::uint32_t index) const {

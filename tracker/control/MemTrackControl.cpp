@@ -1,12 +1,13 @@
-// The tracker's switches and thread marks: the parts that run at start-up, at shut-down and in the
-// control signal's handler. What the allocation path reads is inline in the header.
-#include "tracker/MemTrackControl.h"
+// The tracker's switches and thread marks: start-up, shut-down and the control signal's handler.
+// What the allocation path reads is inline in the header.
+#include "tracker/control/MemTrackControl.h"
 
 #include <cstring>
 #include <initializer_list>
 #include <new>
 
 #include "async_safe/log.h"
+#include "protocol/protocol.h"
 
 std::atomic<std::uint32_t> mem_track_type{NATIVE};
 ThreadMark record_key{2};
@@ -35,7 +36,7 @@ bool MemTrackControl::DebugDisableInit() {
   for (ThreadMark* mark : {&debug_disable_key_, &plt_disable_key_, &record_key}) {
     const int error = mark->Create();
     if (error != 0) {
-      async_safe_format_log(ANDROID_LOG_ERROR, "MemLeak.Native", "pthread_key_create failed: %s",
+      async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "pthread_key_create failed: %s",
                             std::strerror(error));
       return false;
     }

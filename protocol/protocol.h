@@ -1,0 +1,140 @@
+// What the library, the loader and the controller must agree on. The kinds of memory and their
+// commands are in kinds.h.
+//
+// Constants and small functions without state. Nothing here allocates, takes a lock or changes
+// errno: any thread, and signal handlers.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+namespace protocol {
+
+/// The real-time signal that carries commands.
+inline constexpr int control_signal = 44;
+/// A user-mode emulator gives the real-time signals of its guest numbers that are higher by this.
+inline constexpr int kEmulatedSignalShift = 2;
+
+/// What one signal carries. The bits of `word` are defined in kinds.h.
+struct Command {
+  std::uint64_t word;
+  std::uint32_t parameter;
+  bool operator==(const Command& other) const {
+    return word == other.word && parameter == other.parameter;
+  }
+};
+
+/// Offsets of the two words in the siginfo record. The kernel carries these bytes unchanged for
+/// SI_QUEUE, where they are the sender's ids and the value.
+inline constexpr std::size_t kWordOffset = 16;
+inline constexpr std::size_t kParameterOffset = 24;
+
+/// The command in the record of a received signal.
+inline Command ReadCommand(const siginfo_t& info) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&info);
+  Command command{};
+  std::memcpy(&command.word, bytes + kWordOffset, sizeof command.word);
+  std::memcpy(&command.parameter, bytes + kParameterOffset, sizeof command.parameter);
+  return command;
+}
+
+/// The record that sends `command`, for rt_sigqueueinfo or rt_tgsigqueueinfo. (sigqueue does not
+/// do: it fills in the sender's ids.) `signal` is the number that the sender uses.
+inline siginfo_t MakeRecord(int signal, const Command& command) {
+  siginfo_t info;
+  std::memset(&info, 0, sizeof info);
+  info.si_signo = signal;
+  info.si_code = SI_QUEUE;
+  auto* bytes = reinterpret_cast<unsigned char*>(&info);
+  std::memcpy(bytes + kWordOffset, &command.word, sizeof command.word);
+  std::memcpy(bytes + kParameterOffset, &command.parameter, sizeof command.parameter);
+  return info;
+}
+
+/// Backtrace types: a frame-pointer walk, and the unwinder, which reads tables.
+inline constexpr char kUnwindFramePointers = '0';
+inline constexpr char kUnwindTables = '1';
+/// Frames per record when no property sets the number, and the most that a parameter word carries.
+inline constexpr std::uint32_t kDefaultDepth = 10;
+inline constexpr std::uint32_t kMaxDepth = 0xffff;
+
+/// The parameter word: the backtrace size (at most kMaxDepth) in bits 31 to 16, the backtrace type
+/// in bits 15 to 0.
+constexpr std::uint32_t ParameterWord(std::uint32_t depth, char type) {
+  return (depth << 16) | static_cast<unsigned char>(type);
+}
+constexpr std::uint32_t BacktraceSizeOf(std::uint32_t parameter) {
+  return parameter >> 16;
+}
+constexpr std::uint32_t BacktraceTypeOf(std::uint32_t parameter) {
+  return parameter & 0xffff;
+}
+
+/// The system properties that the tracker reads. Intentional: two are misspelled.
+inline constexpr char kTypeProperty[] = "vastel.memleak.backtacetype";
+inline constexpr char kDepthProperty[] = "vastel.memleak.backtacemaxnum";
+inline constexpr char kHookLibraryProperty[] = "persist.sys.memleak.hookLib";
+inline constexpr char kHookFunctionProperty[] = "persist.sys.memleak.hookFunc";
+/// The longest value of a property, its NUL not counted: PROP_VALUE_MAX - 1.
+inline constexpr std::size_t kMaxPropertyBytes = 91;
+/// Separates the names in the last two properties.
+inline constexpr char kNameSeparator = ',';
+
+/// Files of a tracked process, below its root directory. On Android the root directory is "/".
+inline constexpr char kReportPath[] = "/data/log/reliability/allocations_dump";
+inline constexpr char kExceptionDevice[] = "/dev/kxlog_exception";
+inline constexpr char kPropertiesPath[] = "/properties";
+/// The last bytes of a complete report. No newline follows.
+inline constexpr char kReportEnd[] = "END";
+
+/// Tag of the library's log lines.
+inline constexpr char kLogTag[] = "MemLeak.Native";
+/// Logged when an "on" command of a hooked kind hooks nothing.
+inline constexpr char kNothingHooked[] = "all plt hook failed!";
+/// Name of the thread that writes a report.
+inline constexpr char kDumpThread[] = "MemDumpThread";
+
+/// Environment variables of a tracked process on Linux; docs/control-protocol.md describes them.
+inline constexpr char kRootVariable[] = "MEMLEAK_TRACKER_ROOT";
+inline constexpr char kLogVariable[] = "MEMLEAK_TRACKER_LOG";
+inline constexpr char kPropertiesVariable[] = "MEMLEAK_TRACKER_PROPERTIES";
+inline constexpr char kStartVariable[] = "MEMLEAK_TRACKER_START";
+inline constexpr char kStartParameterVariable[] = "MEMLEAK_TRACKER_START_PARAMETER";
+inline constexpr char kReportAtExitVariable[] = "MEMLEAK_TRACKER_REPORT_AT_EXIT";
+/// Value of kLogVariable that sends the log to the error output.
+inline constexpr char kLogToStderr[] = "stderr";
+
+/// Calls put(char) for each character of `pattern`, which names a root directory or a log. Every
+/// "%p" becomes the digits of `pid`, so that forked children have files of their own.
+template <typename Put>
+void ExpandPid(std::string_view pattern, pid_t pid, Put put) {
+  for (std::size_t i = 0; i < pattern.size(); ++i) {
+    if (pattern[i] != '%' || i + 1 == pattern.size() || pattern[i + 1] != 'p') {
+      put(pattern[i]);
+      continue;
+    }
+    ++i;
+    char digits[12];
+    int count = 0;
+    for (pid_t rest = pid; rest > 0; rest /= 10) {
+      digits[count++] = static_cast<char>('0' + rest % 10);
+    }
+    while (count > 0) put(digits[--count]);
+  }
+}
+
+/// The two libraries that a tracked process has loaded on Linux.
+inline constexpr char kTrackerLibrary[] = "libmemleak_tracker.so";
+inline constexpr char kPreloadLibrary[] = "libmemleak_preload.so";
+
+/// Name of the loader's variable (std::atomic<std::uint64_t>) that counts calls of dlclose: one
+/// before each call and one after it. What the tracker knows about code in memory holds as long as
+/// the number stays the same. Without a loader there is no such variable.
+inline constexpr char kUnloadCounter[] = "memleak_unload_counter";
+
+}  // namespace protocol
