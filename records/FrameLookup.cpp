@@ -11,10 +11,11 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   // Intentional: for the other kinds no size is known here, and only their smallest class is looked
   // at.
-  const SetChoice choice = SelectSet(sets(), address, ClassSize(pointer, 0));
+  const SetChoice choice = SelectSet(address, ClassSize(pointer, 0));
   RecordPage* const page = RecordPages::Find(address);
   if (choice.set == nullptr || page == nullptr) return 0;
-  const record_store::PageGuard guard(page, *choice.set, record_key.Get() == kHoldsStore);
+  const record_store::PageGuard guard(page, choice.set->pointer_mutex,
+                                      record_key.Get() == kHoldsStore);
   if (page->generation() != record_store::Generation()) return 0;
   const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
   if (record == nullptr || record->backtrace == 0) return 0;
@@ -25,14 +26,14 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
 }
 
 void PointerData::PrepareFork() {
-  PointerSet* const all = sets();
+  PointerSet* const all = PointerSet::All();
   if (all == nullptr) return;
   // A thread that is marked already stays so: a signal handler that forks has interrupted the
   // store.
   const bool marks = record_key.Get() == nullptr;
   // Before the first lock: a signal handler that interrupts this must not wait for one.
   if (marks) record_key.Set(ThreadMark::kInside);
-  for (std::uint64_t i = 0; i < kSetCount; ++i) {
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
     all[i].spare_mutex.lock();
     all[i].pointer_mutex.lock();
     all[i].frame_mutex.lock();
@@ -62,10 +63,10 @@ class LettingGo {
 }  // namespace
 
 void PointerData::PostForkParent() {
-  PointerSet* const all = sets();
+  PointerSet* const all = PointerSet::All();
   if (all == nullptr) return;
   const LettingGo letting_go;
-  for (std::uint64_t i = 0; i < kSetCount; ++i) {
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
     all[i].spare_mutex.unlock();
     all[i].pointer_mutex.unlock();
     all[i].frame_mutex.unlock();
@@ -73,7 +74,7 @@ void PointerData::PostForkParent() {
 }
 
 void PointerData::PostForkChild() {
-  PointerSet* const all = sets();
+  PointerSet* const all = PointerSet::All();
   if (all == nullptr) return;
   const LettingGo letting_go;
   // Held by the forking thread or free: either way an unlock after an attempt leaves it free.
@@ -82,7 +83,7 @@ void PointerData::PostForkChild() {
     mutex.unlock();
   };
   const bool all_locks = platform::ForkedChildFreesLocks();
-  for (std::uint64_t i = 0; i < kSetCount; ++i) {
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
     release(all[i].frame_mutex);
     release(all[i].pointer_mutex);
     release(all[i].spare_mutex);

@@ -141,14 +141,14 @@ void PointerData::ReportJavaNativeNodes(ReportText& out) {
 // the stacks longer copies them before it lets go. Nothing is appended before the first Initialize.
 void PointerData::GetJavaNativeStackInfo(std::vector<UnwindListInfoType>* list,
                                          bool only_with_backtrace) {
-  PointerSet* const all_sets = sets();
+  PointerSet* const all_sets = PointerSet::All();
   if (all_sets == nullptr) return;
   {
     // The list grows, and so frees, under the locks of a set; Remove of such a block would take
     // pointer and frame locks behind them, against the order.
     const InsideStore inside;
     GroupedList groups(list);
-    for (std::uint64_t i = 0; i < kSetCount; ++i) {
+    for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
       CollectSet(all_sets[i], only_with_backtrace, groups);
     }
   }

@@ -53,8 +53,6 @@ constexpr int kRefills = 3;
 /// Bytes from a block back to its size: those of glibc and of Android's allocator are within.
 constexpr std::uint64_t kBlockHeader = 8;
 
-std::atomic<PointerSet*> set_array{nullptr};
-
 /// The size as it is stored: with the zygote mark, or 0 when it is not known whether this process
 /// is a zygote child. Intentional: such a record reads as size 0.
 std::uint32_t EncodeSize(std::size_t size) {
@@ -187,7 +185,7 @@ __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice
     page = RecordPages::FindOrAdd(address);
     if (page == nullptr) return Stored::kNoMemory;
   }
-  const PageGuard guard(page, *choice.set, held);
+  const PageGuard guard(page, choice.set->pointer_mutex, held);
   if (Generation() != ref.generation) return Stored::kDone;
   if (backtraces.epoch() != ref.epoch) return Stored::kTablesChanged;
   if (page->generation() != ref.generation) page->Empty(ref.generation);
@@ -232,7 +230,7 @@ __attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t addr
 /// Removes the record of `address` from its set. True when there was one.
 __attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const SetChoice& choice,
                                                         std::uint64_t address, bool held) {
-  const PageGuard guard(page, *choice.set, held);
+  const PageGuard guard(page, choice.set->pointer_mutex, held);
   if (page->generation() != Generation()) return false;
   Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
   if (record == nullptr) return false;
@@ -268,11 +266,11 @@ __attribute__((always_inline)) inline void EndDrainedPauses(MemTrackControl* con
 void GiveMemoryBack(PointerSet* sets, std::uint32_t generation) {
   std::uint64_t held = 0;
   const auto lock = [sets](std::uint64_t i) -> SetMutex& {
-    PointerSet& set = sets[i % PointerData::kSetCount];
-    return i < PointerData::kSetCount ? set.pointer_mutex : set.frame_mutex;
+    PointerSet& set = sets[i % PointerSet::kCount];
+    return i < PointerSet::kCount ? set.pointer_mutex : set.frame_mutex;
   };
-  while (held < 2 * PointerData::kSetCount && lock(held).try_lock()) ++held;
-  if (held == 2 * PointerData::kSetCount && RecordPages::EmptyAll(generation)) {
+  while (held < 2 * PointerSet::kCount && lock(held).try_lock()) ++held;
+  if (held == 2 * PointerSet::kCount && RecordPages::EmptyAll(generation)) {
     backtraces.TryClear();
   }
   while (held-- > 0) lock(held).unlock();
@@ -280,26 +278,12 @@ void GiveMemoryBack(PointerSet* sets, std::uint32_t generation) {
 
 }  // namespace
 
-PointerSet* PointerData::sets() {
-  return set_array.load(std::memory_order_acquire);
-}
-
 bool PointerData::Initialize() {
   const std::lock_guard<SetMutex> guard(InitialiseLock());
-  PointerSet* sets = set_array.load(std::memory_order_acquire);
   // The tables' own memory must not come back here as records while locks are held.
   const InsideStore inside;
-  if (sets == nullptr) {
-    // Never freed: other threads may be inside for good.
-    sets = new (std::nothrow) PointerSet[kSetCount];
-    if (sets == nullptr) return false;
-    constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
-    for (std::uint64_t i = 0; i < kSetCount; ++i) {
-      sets[i].lower_size = kBounds[i % kSizeClasses];
-      sets[i].upper_size = kBounds[i % kSizeClasses + 1];
-    }
-    set_array.store(sets, std::memory_order_release);
-  }
+  PointerSet* const sets = PointerSet::MakeAll();
+  if (sets == nullptr) return false;
   unreported_blocks.store(0, std::memory_order_relaxed);
   // From here on the store counts as empty.
   GiveMemoryBack(sets, record_store::generation.fetch_add(1) + 1);
@@ -314,7 +298,7 @@ __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* p
                                                                    std::size_t size, Call call) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   const std::size_t class_size = call.is_mapping ? size : ClassSize(pointer, size);
-  const SetChoice choice = SelectSet(sets(), address, class_size);
+  const SetChoice choice = SelectSet(address, class_size);
   if (choice.set == nullptr) return;
   const RecordPage* const page = RecordPages::Find(address);
   if (page != nullptr) page->Prefetch(address);  // its line arrives while the stack is walked
@@ -414,7 +398,7 @@ __attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void
   if (page == nullptr || page->count() == 0) return;
   page->Prefetch(address);
   const SetChoice choice =
-      SelectSet(sets(), address, call.is_mapping ? size : ClassSize(pointer, size));
+      SelectSet(address, call.is_mapping ? size : ClassSize(pointer, size));
   if (choice.set == nullptr) return;
   record_key.Set(ThreadMark::kInside);
   if (RemoveRecord(page, choice, address, call.held)) EndDrainedPauses(control, call.held);

@@ -19,9 +19,6 @@ struct BacktraceRef;
 
 class PointerData {
  public:
-  static constexpr std::uint64_t kShardCount = 8;
-  static constexpr std::uint64_t kSizeClasses = 5;
-  static constexpr std::uint64_t kSetCount = kShardCount * kSizeClasses;
   /// Hash index of a record without a backtrace.
   static constexpr std::uint64_t kEmptyBacktraceIndex = 1;
   /// GetInfo refuses to export more groups than this.
@@ -95,9 +92,6 @@ class PointerData {
                                      bool only_with_backtrace);
   /// Larger products of count and size first, then larger sizes.
   static void SortJavaNativeListByTotalAllocation(std::vector<UnwindListInfoType>* list);
-
-  /// The sets, kSetCount of them in order; null before the first Initialize.
-  static PointerSet* sets();
 
  private:
   /// What the operations know of their call.

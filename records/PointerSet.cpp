@@ -1,7 +1,8 @@
 // The keys of Java-native backtraces, and the readers' lock.
 #include "records/PointerSet.h"
 
-#include "records/PointerData.h"
+#include <new>
+
 #include "records/record_store.h"
 
 SetMutex& InitialiseLock() {
@@ -23,6 +24,21 @@ bool UnwindFrameKeyEqual::operator()(const UnwindFrameKeyType& a,
     if (a.frames[i].rel_pc != b.frames[i].rel_pc) return false;
   }
   return true;
+}
+
+std::atomic<PointerSet*> PointerSet::all_{nullptr};
+
+PointerSet* PointerSet::MakeAll() {
+  if (All() != nullptr) return All();
+  auto* const sets = new (std::nothrow) PointerSet[kCount];
+  if (sets == nullptr) return nullptr;
+  constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
+  for (std::uint64_t i = 0; i < kCount; ++i) {
+    sets[i].lower_size = kBounds[i % kSizeClasses];
+    sets[i].upper_size = kBounds[i % kSizeClasses + 1];
+  }
+  all_.store(sets, std::memory_order_release);
+  return sets;
 }
 
 void PointerSet::SyncJavaTables() {
@@ -51,16 +67,16 @@ std::uint32_t PointerSet::SyncUnwindFrames() {
 }
 
 FrameInfoListWithLock::FrameInfoListWithLock(bool held) : held_(held) {
-  PointerSet* const sets = PointerData::sets();
+  PointerSet* const sets = PointerSet::All();
   if (sets == nullptr || held_) return;
-  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.lock();
-  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.lock();
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) sets[i].pointer_mutex.lock();
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) sets[i].frame_mutex.lock();
   RecordPages::WaitForOperations();
 }
 
 FrameInfoListWithLock::~FrameInfoListWithLock() {
-  PointerSet* const sets = PointerData::sets();
+  PointerSet* const sets = PointerSet::All();
   if (sets == nullptr || held_) return;
-  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].frame_mutex.unlock();
-  for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) sets[i].pointer_mutex.unlock();
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) sets[i].frame_mutex.unlock();
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) sets[i].pointer_mutex.unlock();
 }

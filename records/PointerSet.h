@@ -66,6 +66,16 @@ SetMutex& InitialiseLock();
 
 class PointerSet {
  public:
+  static constexpr std::uint64_t kShardCount = 8;
+  static constexpr std::uint64_t kSizeClasses = 5;
+  static constexpr std::uint64_t kCount = kShardCount * kSizeClasses;
+
+  /// The sets, kCount of them in order; null before the first MakeAll. Any thread, any context.
+  static PointerSet* All() { return all_.load(std::memory_order_acquire); }
+  /// Returns All() and creates the sets if there are none; null without memory. Under
+  /// InitialiseLock.
+  static PointerSet* MakeAll();
+
   /// Bounds of the size class: [lower_size, upper_size).
   std::uint64_t lower_size = 0;
   std::uint64_t upper_size = 0;
@@ -95,6 +105,9 @@ class PointerSet {
   std::uint32_t SyncUnwindFrames();
 
  private:
+  /// Never freed: other threads may be inside.
+  static std::atomic<PointerSet*> all_;
+
   std::uint32_t java_pointers_generation_ = 0;
   std::uint32_t unwind_generation_ = 0;
 };

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "records/PointerData.h"
+#include "records/PointerSet.h"
 #include "records/record_store.h"
 #include "records/set_selection.h"
 
@@ -14,7 +14,7 @@ namespace pause_counts {
 
 /// The counts, and the generation of the records that they count; 0 while the store does not count.
 inline std::atomic<std::uint32_t> counted_generation{0};
-inline std::atomic<std::int64_t> counts[PointerData::kSetCount] = {};
+inline std::atomic<std::int64_t> counts[PointerSet::kCount] = {};
 
 inline bool IsCounting() {
   const std::uint32_t counted = counted_generation.load(std::memory_order_acquire);

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "records/PointerSet.h"
 #include "records/backtrace_table.h"
 #include "records/record_pages.h"
+#include "records/set_mutex.h"
 
 namespace record_store {
 
@@ -19,18 +19,18 @@ inline std::uint32_t Generation() {
   return generation.load(std::memory_order_seq_cst);
 }
 
-/// Holds the page of one block for one record operation of `set`, while no thread keeps operations
-/// out. `held`: the calling thread does so itself. `page` is not null. Allocates nothing; keeps
-/// errno.
+/// Holds the page of one block for one record operation, while no thread keeps the operations of the
+/// block's set out by holding `pointer_mutex`. `held`: the calling thread does so itself. `page` is
+/// not null. Allocates nothing; keeps errno.
 class PageGuard {
  public:
-  PageGuard(RecordPage* page, const PointerSet& set, bool held) : page_(page) {
+  PageGuard(RecordPage* page, const SetMutex& pointer_mutex, bool held) : page_(page) {
     for (;;) {
       page_->Lock();
-      if (__builtin_expect(static_cast<long>(!set.pointer_mutex.is_locked()), 1L) != 0) return;
+      if (__builtin_expect(static_cast<long>(!pointer_mutex.is_locked()), 1L) != 0) return;
       if (held) return;
       page_->Unlock();
-      WaitPatiently([&set] { return !set.pointer_mutex.is_locked(); });
+      WaitPatiently([&pointer_mutex] { return !pointer_mutex.is_locked(); });
     }
   }
   ~PageGuard() { page_->Unlock(); }

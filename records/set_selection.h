@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "tracker/control/MemTrackControl.h"
 
@@ -33,13 +32,14 @@ struct SetChoice {
 /// shards in turn.
 inline std::uint64_t SetNumber(std::uint64_t address, std::uint32_t size_class) {
   const std::uint64_t shard =
-      address / (4096 / PointerData::kShardCount) % PointerData::kShardCount;
-  return shard * PointerData::kSizeClasses + size_class;
+      address / (4096 / PointerSet::kShardCount) % PointerSet::kShardCount;
+  return shard * PointerSet::kSizeClasses + size_class;
 }
 
 /// The set of `address` and `class_size`; none when there are no sets or the class size is 2^64-1,
 /// which has no class.
-inline SetChoice SelectSet(PointerSet* sets, std::uint64_t address, std::uint64_t class_size) {
+inline SetChoice SelectSet(std::uint64_t address, std::uint64_t class_size) {
+  PointerSet* const sets = PointerSet::All();
   if (sets == nullptr || class_size == UINT64_MAX) return {nullptr, 0};
   const std::uint32_t size_class =
       static_cast<std::uint32_t>(class_size >= 32) + static_cast<std::uint32_t>(class_size >= 40) +

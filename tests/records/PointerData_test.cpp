@@ -22,8 +22,8 @@ class PointerDataTest : public RecordStoreTest {
   /// The locks that a fork takes.
   static bool AllLocksFree() {
     bool free = true;
-    for (std::uint64_t i = 0; i < PointerData::kSetCount; ++i) {
-      PointerSet& set = PointerData::sets()[i];
+    for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
+      PointerSet& set = PointerSet::All()[i];
       free =
           free && IsFree(set.spare_mutex) && IsFree(set.pointer_mutex) && IsFree(set.frame_mutex);
     }
@@ -116,7 +116,7 @@ TEST_F(PointerDataTest, SweepsKeepWhatRecordsCarry) {
 TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {
   Add(0x7000000, 64, {77, 78});
   // Others hold these three at the fork. Whether the child frees them is the platform's policy.
-  PointerSet& set = PointerData::sets()[0];
+  PointerSet& set = PointerSet::All()[0];
   SetMutex* const foreign[] = {&InitialiseLock(), &set.java_pointer_mutex, &set.unwind_mutex};
   for (SetMutex* mutex : foreign) mutex->lock();
   const Churn churn(data_, 2, 5000);
@@ -187,7 +187,7 @@ TEST_F(PointerDataTest, BacktraceSizeProperty) {
     fake_property = value;
     EXPECT_EQ(PointerData::GetMaxBacktraceNum(), expected) << value;
   }
-  SetBacktraceSize(kDefaultBacktraceSize);
+  SetBacktraceSize(protocol::kDefaultDepth);
 }
 
 }  // namespace

@@ -258,7 +258,7 @@ TEST_F(StoreModelTest, TheStoreAnswersAsTheModelDoes) {
     model_.zygote_child = what == 12 ? nullptr : &zygote_child_;
     control_->set_zygote_child(
         reinterpret_cast<bool*>(const_cast<std::uint32_t*>(model_.zygote_child)));
-    SetBacktraceSize(what == 8 ? 3 : what == 9 ? UINT32_MAX : kDefaultBacktraceSize);
+    SetBacktraceSize(what == 8 ? 3 : what == 9 ? UINT32_MAX : protocol::kDefaultDepth);
     current_backtrace_type = what == 9 ? protocol::kUnwindTables : protocol::kUnwindFramePointers;
     for (const int family : {0, 1}) {
       model_.start[family] = what != 7 && random_() % 4 != 0;
