@@ -14,6 +14,7 @@
 #include <fstream>
 #include <string>
 
+#include "protocol/protocol.h"
 #include "tools/report/model.h"
 #include "tools/report/report_parser.h"
 
@@ -88,7 +89,7 @@ void WriteLongReport(const std::string& path) {
           << 16 * place << " art::interpreter::Execute" << place / 4 << "(int)\n";
     }
   }
-  out << "END";
+  out << protocol::kReportEnd;
 }
 
 void WriteFramesReport(const std::string& path, const fs::path& directory, std::uint64_t code) {
@@ -105,7 +106,7 @@ void WriteFramesReport(const std::string& path, const fs::path& directory, std::
       out << "\n";
     }
   }
-  out << kJavaRule << "END";
+  out << kJavaRule << protocol::kReportEnd;
 }
 
 void BenchLongReport(const fs::path& directory) {

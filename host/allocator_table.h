@@ -1,8 +1,8 @@
 // The table through which the loader routes the program's allocator calls.
 //
 // Every exported allocator function reads it, on any thread (routing.cpp). It changes twice in a
-// process, both times before `main`: when the next allocator is known, and when the tracker has taken
-// over.
+// process, both times before `main`: when the next allocator is known, and when the tracker has
+// taken over.
 #pragma once
 
 #include <malloc.h>

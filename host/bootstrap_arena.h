@@ -19,8 +19,8 @@ bool ArenaContains(const void* pointer);
 /// The requested size of the arena block at `pointer`.
 size_t ArenaBlockSize(const void* pointer);
 
-/// Call before a block is allocated; afterwards ArenaUsed is true. Both are sequentially consistent:
-/// next_allocator.cpp relies on it.
+/// Call before a block is allocated; afterwards ArenaUsed is true. Both are sequentially
+/// consistent: next_allocator.cpp relies on it.
 void MarkArenaUsed();
 bool ArenaUsed();
 

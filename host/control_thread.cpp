@@ -34,8 +34,8 @@ constexpr int kForkReportMs = 3000;
 // Enough for the handler. Reports have a thread of their own.
 constexpr size_t kStackBytes = size_t{256} << 10;
 
-// Held to start or stop the thread or to wait for a command. A thread that forks holds it until both
-// processes have their control threads.
+// Held to start or stop the thread or to wait for a command. A thread that forks holds it until
+// both processes have their control threads.
 pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
 // Under change_lock: the thread, whether it is there to be joined, and whether it should be.
 pthread_t thread;
@@ -176,8 +176,8 @@ bool FirstMustWait() {
   return true;
 }
 
-/// Fetches commands instead of unblocking the signal: this shows which command is carried out, and a
-/// missing handler does not kill the process.
+/// Fetches commands instead of unblocking the signal: this shows which command is carried out, and
+/// a missing handler does not kill the process.
 void* ControlThread(void*) {
   prctl(PR_SET_NAME, kThreadName, 0, 0, 0);
   StoreAndWake(thread_id, ThreadId());

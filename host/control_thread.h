@@ -1,10 +1,10 @@
 // The thread that carries out every command to the tracker: "memleak-control".
 //
-// Commands arrive as a signal, and the tracker's handler allocates and takes locks. On a thread that
-// holds the allocator's lock it would deadlock. So the signal is blocked before the program can
-// start a thread, all threads inherit that, and one thread fetches the commands one by one. Since
-// the signal stays blocked, it cannot kill the process either. If the program unblocks it, a command
-// may interrupt any thread.
+// Commands arrive as a signal, and the tracker's handler allocates and takes locks. On a thread
+// that holds the allocator's lock it would deadlock. So the signal is blocked before the program
+// can start a thread, all threads inherit that, and one thread fetches the commands one by one.
+// Since the signal stays blocked, it cannot kill the process either. If the program unblocks it, a
+// command may interrupt any thread.
 //
 // One report runs at a time: a report command waits until the previous report has ended. Identical
 // commands that wait one directly after the other are merged; different ones keep their order.
@@ -43,18 +43,18 @@ bool StopControlThread(int timeout_ms);
 /// better than a program that hangs.
 inline constexpr int kForkPatienceMs = 1000;
 
-/// Keeps the thread across forks: stops it before a fork, which waits at most `patience_ms` for that,
-/// and starts it again in parent and child. The fork also waits at most 3 s for a running report,
-/// unless the report makes no progress. Call it once, after track_initialize, so that in the child
-/// the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
+/// Keeps the thread across forks: stops it before a fork, which waits at most `patience_ms` for
+/// that, and starts it again in parent and child. The fork also waits at most 3 s for a running
+/// report, unless the report makes no progress. Call it once, after track_initialize, so that in
+/// the child the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
 int KeepControlThreadAcrossForks(int patience_ms = kForkPatienceMs);
 
 /// Whether a report command waits for another report to end. Any thread.
 bool ReportCommandWaits();
 
-/// Sends `command` to the control thread, as a controller would, and waits until that command, or an
-/// identical one, has been carried out. Returns 0, an errno value if it cannot be sent, or ETIMEDOUT
-/// after `timeout_ms`. EDEADLK on the control thread itself.
+/// Sends `command` to the control thread, as a controller would, and waits until that command, or
+/// an identical one, has been carried out. Returns 0, an errno value if it cannot be sent, or
+/// ETIMEDOUT after `timeout_ms`. EDEADLK on the control thread itself.
 int RunCommand(const Command& command, int timeout_ms);
 
 }  // namespace host

@@ -47,8 +47,7 @@ void WaitForReport(int64_t deadline) {
     // While a thread runs, a complete file may be the previous report.
     if (report != Report::kRunning && IsComplete()) return;
     if (report == Report::kNone) {
-      Say("no complete report in %s, and its thread has ended; is the disk full?",
-          report_path);
+      Say("no complete report in %s, and its thread has ended; is the disk full?", report_path);
       return;
     }
     if (NowMs() > deadline) {
@@ -78,7 +77,8 @@ void ReportAtExit(const Command& command) {
     return;
   }
   protocol::Refusal refusal;
-  const int file = platform::OpenRooted(protocol::kReportPath, protocol::Use::kReplace, report_path, refusal);
+  const int file =
+      platform::OpenRooted(protocol::kReportPath, protocol::Use::kReplace, report_path, refusal);
   if (file < 0) {
     Say("no report at exit: cannot use %.*s: %s; name another root directory",
         static_cast<int>(refusal.path_bytes), report_path, refusal.Reason());

@@ -12,8 +12,8 @@ namespace host {
 void WaitForEarlierReports();
 
 /// Removes the old report of this process, lets the control thread carry out `command` and waits
-/// until the new report is complete. If there is none, one line on stderr says why: `command` has no
-/// report bit, the file cannot be written (both are checked first), the dump thread has ended
+/// until the new report is complete. If there is none, one line on stderr says why: `command` has
+/// no report bit, the file cannot be written (both are checked first), the dump thread has ended
 /// without a complete report, or 60 seconds have passed.
 void ReportAtExit(const Command& command);
 

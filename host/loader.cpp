@@ -2,8 +2,8 @@
 // directory.
 //
 // The constructor runs on the main thread when the dynamic linker has loaded the library
-// (LD_PRELOAD), before `main`. The exit handler runs on the thread that calls exit(), also in forked
-// children. If anything fails, the program runs on with the next allocator.
+// (LD_PRELOAD), before `main`. The exit handler runs on the thread that calls exit(), also in
+// forked children. If anything fails, the program runs on with the next allocator.
 #include <dlfcn.h>
 #include <limits.h>
 #include <stdint.h>
@@ -58,8 +58,8 @@ void* TrackerEntry(void* tracker, const char* name) {
   return function;
 }
 
-/// Opens the tracker, fills `tracked` and calls track_initialize. False, with one line on stderr, if
-/// any of it fails.
+/// Opens the tracker, fills `tracked` and calls track_initialize. False, with one line on stderr,
+/// if any of it fails.
 bool StartTracker() {
   char path[PATH_MAX];
   if (!TrackerPath(path)) {
@@ -88,8 +88,8 @@ bool StartTracker() {
   return true;
 }
 
-/// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. False if the
-/// variable is unset or, with one line on stderr, is not a number up to `limit`.
+/// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. False if
+/// the variable is unset or, with one line on stderr, is not a number up to `limit`.
 bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   const char* text = getenv(name);
   if (text == nullptr || *text == '\0') return false;
@@ -105,8 +105,8 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   return false;
 }
 
-/// Registered with atexit: so it runs after the destructors of the program's static objects and before
-/// those of the tracker.
+/// Registered with atexit: so it runs after the destructors of the program's static objects and
+/// before those of the tracker.
 void AtExit() {
   WaitForEarlierReports();
   if (exit_command.word != 0) ReportAtExit(exit_command);

@@ -14,9 +14,9 @@ enum class Report {
   kUnknown,  ///< a report was started, and its end cannot be seen: there is no /proc
 };
 
-/// Carries out a report command: calls `deliver(argument)` and then finds the dump thread. Meanwhile
-/// the calling thread has the dump thread's name, which a new thread inherits; afterwards its name is
-/// `name` again. For the control thread.
+/// Carries out a report command: calls `deliver(argument)` and then finds the dump thread.
+/// Meanwhile the calling thread has the dump thread's name, which a new thread inherits; afterwards
+/// its name is `name` again. For the control thread.
 void StartReport(void (*deliver)(void*), void* argument, const char* name);
 
 /// Whether a report is being written. Without a known dump thread it makes no system call. Any
@@ -25,8 +25,8 @@ Report CurrentReport();
 
 /// Waits until no report runs: at most `timeout_ms`, and only while the dump thread makes progress:
 /// it runs, waits for a disk, or has used processor time within the last kStillMs. So a caller that
-/// holds a lock that the report needs does not wait long. True if no report runs or its end cannot be
-/// seen. Any thread.
+/// holds a lock that the report needs does not wait long. True if no report runs or its end cannot
+/// be seen. Any thread.
 bool WaitWhileReportRuns(int timeout_ms);
 
 /// A report that does nothing for this time makes no progress. A busy machine delays a runnable

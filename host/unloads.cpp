@@ -1,4 +1,5 @@
-// Counts unloads of libraries for the tracker, which caches facts about code by address. Any thread.
+// Counts unloads of libraries for the tracker, which caches facts about code by address. Any
+// thread.
 #include <dlfcn.h>
 
 #include <atomic>

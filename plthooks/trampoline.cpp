@@ -19,6 +19,7 @@
 #include "linker/rwlock.h"
 #include "platform/thread_keys.h"
 #include "plthooks/hooks.h"
+#include "protocol/protocol.h"
 
 // From <linux/prctl.h>, for headers that are older than the call.
 #ifndef PR_SET_VMA
@@ -171,7 +172,7 @@ bool add_block() {
   }
   // For people who read the process's maps. Older kernels refuse the name; the block works without.
   const int saved_errno = errno;
-  prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, memory, kBlockBytes, "plthooks plt trampolines");
+  prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, memory, kBlockBytes, protocol::kTrampolineName);
   errno = saved_errno;
   auto* base = static_cast<unsigned char*>(memory);
   front_block = {base, base + kBlockBytes};

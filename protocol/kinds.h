@@ -14,15 +14,15 @@ namespace protocol {
 /// What is recorded: the value of `mem_track_type`, and the index of the kind's row.
 enum MemTrackType : std::uint32_t { NATIVE = 0, MMAP = 1, ION = 2, GPU = 3 };
 
-/// A row. All kinds but NATIVE are recorded through hooks: calls of `functions` pass through proxies
-/// of the tracker first.
+/// A row. All kinds but NATIVE are recorded through hooks: calls of `functions` pass through
+/// proxies of the tracker first.
 struct Kind {
   MemTrackType type;
-  const char* name;         ///< in options and in log lines
-  const char* what;         ///< for help
-  unsigned first_bit;       ///< of its four commands: on, pause, stop and report, clear
-  const char* switch_line;  ///< log line after on and pause; "true" or "false" follows
-  bool always_selects;      ///< whether each of its commands sets `mem_track_type`, or only on
+  const char* name;            ///< in options and in log lines
+  const char* what;            ///< for help
+  unsigned first_bit;          ///< of its four commands: on, pause, stop and report, clear
+  const char* switch_line;     ///< log line after on and pause; "true" or "false" follows
+  bool always_selects;         ///< whether each of its commands sets `mem_track_type`, or only on
   std::string_view library;    ///< the only library it is hooked in; empty: any
   std::string_view functions;  ///< separated by kNameSeparator
 

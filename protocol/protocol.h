@@ -89,6 +89,9 @@ inline constexpr char kNameSeparator = ',';
 inline constexpr char kReportPath[] = "/data/log/reliability/allocations_dump";
 inline constexpr char kExceptionDevice[] = "/dev/kxlog_exception";
 inline constexpr char kPropertiesPath[] = "/properties";
+/// The same, relative to the root directory.
+inline constexpr const char* kReportFile = kReportPath + 1;
+inline constexpr const char* kPropertiesFile = kPropertiesPath + 1;
 /// The last bytes of a complete report. No newline follows.
 inline constexpr char kReportEnd[] = "END";
 
@@ -96,6 +99,8 @@ inline constexpr char kReportEnd[] = "END";
 inline constexpr char kLogTag[] = "MemLeak.Native";
 /// Logged when an "on" command of a hooked kind hooks nothing.
 inline constexpr char kNothingHooked[] = "all plt hook failed!";
+/// Name of the anonymous mappings that hold the trampolines of hooked slots.
+inline constexpr char kTrampolineName[] = "plthooks plt trampolines";
 /// Name of the thread that writes a report.
 inline constexpr char kDumpThread[] = "MemDumpThread";
 

@@ -78,7 +78,8 @@ void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
   Grouping grouping(&groups);
   grouping.AddAllSets();
   if (groups.empty() || list == nullptr || groups.size() > kMaxGroups) {
-    async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "list size err or listout null %zd, ignore",
+    async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag,
+                          "list size err or listout null %zd, ignore",
                           static_cast<ssize_t>(groups.size()));
   } else {
     *backtrace_size = BacktraceSize();

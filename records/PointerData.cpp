@@ -397,8 +397,7 @@ __attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void
   RecordPage* const page = RecordPages::Find(address);
   if (page == nullptr || page->count() == 0) return;
   page->Prefetch(address);
-  const SetChoice choice =
-      SelectSet(address, call.is_mapping ? size : ClassSize(pointer, size));
+  const SetChoice choice = SelectSet(address, call.is_mapping ? size : ClassSize(pointer, size));
   if (choice.set == nullptr) return;
   record_key.Set(ThreadMark::kInside);
   if (RemoveRecord(page, choice, address, call.held)) EndDrainedPauses(control, call.held);

@@ -19,9 +19,9 @@ inline std::uint32_t Generation() {
   return generation.load(std::memory_order_seq_cst);
 }
 
-/// Holds the page of one block for one record operation, while no thread keeps the operations of the
-/// block's set out by holding `pointer_mutex`. `held`: the calling thread does so itself. `page` is
-/// not null. Allocates nothing; keeps errno.
+/// Holds the page of one block for one record operation, while no thread keeps the operations of
+/// the block's set out by holding `pointer_mutex`. `held`: the calling thread does so itself.
+/// `page` is not null. Allocates nothing; keeps errno.
 class PageGuard {
  public:
   PageGuard(RecordPage* page, const SetMutex& pointer_mutex, bool held) : page_(page) {

@@ -31,8 +31,7 @@ struct SetChoice {
 /// Number of the set of `address` and `size_class`: 512-byte stripes of the address space go to the
 /// shards in turn.
 inline std::uint64_t SetNumber(std::uint64_t address, std::uint32_t size_class) {
-  const std::uint64_t shard =
-      address / (4096 / PointerSet::kShardCount) % PointerSet::kShardCount;
+  const std::uint64_t shard = address / (4096 / PointerSet::kShardCount) % PointerSet::kShardCount;
   return shard * PointerSet::kSizeClasses + size_class;
 }
 

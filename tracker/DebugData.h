@@ -29,9 +29,9 @@ class DebugData {
   void PostForkChild();
 
  private:
-  /// Room for one PointerData. Never freed, but used again: another thread may be inside a member of
-  /// a replaced PointerData, which is harmless, since the tables are process-wide. A clear allocates
-  /// nothing.
+  /// Room for one PointerData. Never freed, but used again: another thread may be inside a member
+  /// of a replaced PointerData, which is harmless, since the tables are process-wide. A clear
+  /// allocates nothing.
   struct Place {
     alignas(PointerData) unsigned char storage[sizeof(PointerData)] = {};
     std::atomic<bool> taken{false};

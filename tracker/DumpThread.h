@@ -7,8 +7,8 @@
 #include "utils/StrongPointer.h"
 #include "utils/Thread.h"
 
-/// Starts a thread that writes one report; logs a failure, such as a lack of memory. Several may run
-/// at once; the record store serialises them. For the control signal's handler: allocates and
+/// Starts a thread that writes one report; logs a failure, such as a lack of memory. Several may
+/// run at once; the record store serialises them. For the control signal's handler: allocates and
 /// creates a thread. The thread inherits the handler's signal mask, so that no clear command
 /// interrupts it and then waits for its lock.
 void AsyncReport();

@@ -16,9 +16,9 @@
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
+#include "tracker/SignalControl.h"
 #include "tracker/control/MemTrackControl.h"
 #include "tracker/control/RecordingScope.h"
-#include "tracker/SignalControl.h"
 
 // The slow path of an entry is a function of its own that the entry tail-calls, so that an idle
 // entry makes no stack frame. Builds without tail calls inline it into the entry. Either way there
@@ -173,8 +173,8 @@ void PostForkChild() {
   DebugData::GetInstance()->PostForkChild();
 }
 
-/// Registers the fork handlers once, however often start-up runs: they cannot be unregistered. False
-/// without memory. Only from track_initialize.
+/// Registers the fork handlers once, however often start-up runs: they cannot be unregistered.
+/// False without memory. Only from track_initialize.
 bool InitAtFork() {
   static bool registered = false;
   if (!registered) registered = pthread_atfork(PrepareFork, PostForkParent, PostForkChild) == 0;

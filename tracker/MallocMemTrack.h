@@ -16,8 +16,8 @@ extern "C" {
 
 /// Start-up, once, before other threads use the tracker. `table` is the C library's own allocator
 /// and stays valid; `zygote_child` is its flag, where four bytes are readable. `options` is not
-/// read. False if a pointer is null or start-up fails; it may then be called again. Recording is off
-/// until the control signal switches it on.
+/// read. False if a pointer is null or start-up fails; it may then be called again. Recording is
+/// off until the control signal switches it on.
 bool track_initialize(const MallocDispatch* table, bool* zygote_child, const char* options);
 /// Shut-down: no thread records afterwards. Other threads may be inside an entry; all entries keep
 /// forwarding.
@@ -30,8 +30,8 @@ void* track_malloc(std::size_t size);
 void track_free(void* pointer);
 /// As calloc; while recording, an overflowing product fails with ENOMEM.
 void* track_calloc(std::size_t count, std::size_t size);
-/// As realloc. While recording, size 0 frees and returns null; if the C library's realloc fails, the
-/// old block stays without a record.
+/// As realloc. While recording, size 0 frees and returns null; if the C library's realloc fails,
+/// the old block stays without a record.
 void* track_realloc(void* pointer, std::size_t size);
 /// As memalign.
 void* track_memalign(std::size_t alignment, std::size_t size);

@@ -29,7 +29,8 @@ std::FILE* OpenReportFile() {
 int OpenExceptionDevice(std::string& path) {
   char rooted[kPathBytes];
   protocol::Refusal refusal;
-  const int device = OpenRooted(protocol::kExceptionDevice, protocol::Use::kDevice, rooted, refusal);
+  const int device =
+      OpenRooted(protocol::kExceptionDevice, protocol::Use::kDevice, rooted, refusal);
   const int saved_errno = errno;
   path = rooted;
   errno = saved_errno;

@@ -81,7 +81,8 @@ class PropertyScan {
 int OpenProperties() {
   char path[platform::kPathBytes];
   protocol::Refusal refusal;
-  const int file = platform::OpenRooted(protocol::kPropertiesPath, protocol::Use::kRead, path, refusal);
+  const int file =
+      platform::OpenRooted(protocol::kPropertiesPath, protocol::Use::kRead, path, refusal);
   const char* shared = platform::CapturedValue(platform::Variable::kProperties);
   if (file >= 0 || shared == nullptr) return file;
   return protocol::OpenFile(AT_FDCWD, shared, protocol::Use::kRead, refusal);

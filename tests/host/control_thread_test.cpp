@@ -49,12 +49,12 @@ std::function<void()> on_report;
 std::atomic<bool> on_report_set{false};
 
 /// Another one for each word and parameter; odd for reports.
-char Letter(const ControlWords& command) {
+char Letter(const protocol::Command& command) {
   return static_cast<char>('A' + 2 * command.parameter % 32 + (command.word == kReport ? 0 : 1));
 }
 
 void OnCommand(int, siginfo_t* info, void*) {
-  const ControlWords command = ReadControlWords(info);
+  const protocol::Command command = protocol::ReadCommand(*info);
   delete new int(1);  // the tracker's handler allocates
   delivered += Letter(command);
   last_parameter = command.parameter;
@@ -78,7 +78,7 @@ class ControlThreadTest : public testing::Test {
     struct sigaction action = {};
     action.sa_sigaction = OnCommand;
     action.sa_flags = SA_SIGINFO;
-    ASSERT_EQ(sigaction(44, &action, nullptr), 0);
+    ASSERT_EQ(sigaction(protocol::control_signal, &action, nullptr), 0);
     ASSERT_EQ(StartControlThread(), 0);
     [[maybe_unused]] static const int registered = KeepControlThreadAcrossForks(kPatienceMs);
   }

@@ -1,4 +1,4 @@
-// clear: drops what is recorded.
+// clear: drops all records.
 #include <iostream>
 #include <memory>
 
@@ -13,8 +13,8 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Drops everything recorded so far, of every kind. Recording stays as it is, on
-or off. Name the kind that is recorded.
+Drops all records, of every kind. Recording stays on or off. --kind is the kind
+that is being recorded.
 
 Examples:
   memleak clear 4711
@@ -27,13 +27,13 @@ Exit codes:
 
 struct ClearOptions {
   pid_t pid = 0;
-  Kind kind = Kind::kNative;
+  const Kind* kind = &protocol::kNative;
 };
 
 int Clear(const ClearOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, options.kind);
-  SendCommand(process, InfoOf(options.kind).clear, 0);
+  RefuseBeside(process, *options.kind);
+  SendCommand(process, options.kind->Clear(), 0);
   std::cout << process.Label() << ": tables emptied\n";
   return kExitOk;
 }
@@ -41,7 +41,7 @@ int Clear(const ClearOptions& options) {
 }  // namespace
 
 void AddClear(Program* program) {
-  CLI::App* command = program->AddCommand("clear", "Drop everything recorded so far", kHelp);
+  CLI::App* command = program->AddCommand("clear", "Drop all records", kHelp);
   const auto options = std::make_shared<ClearOptions>();
   AddPid(command, &options->pid);
   AddKind(command, &options->kind);

@@ -41,7 +41,7 @@ Program::Program(const char* summary, const char* help, Edition edition)
   app_.formatter(formatter);
 }
 
-CLI::App* Program::AddCommand(const char* name, const char* summary, const char* help) {
+CLI::App* Program::AddCommand(const char* name, const char* summary, const std::string& help) {
   CLI::App* command = app_.add_subcommand(name, summary);
   command->footer(help);
   return command;

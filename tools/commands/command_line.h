@@ -24,7 +24,7 @@ class Program {
   Program& operator=(const Program&) = delete;
 
   /// Adds the subcommand `name` with `help` below its options. The program owns it.
-  CLI::App* AddCommand(const char* name, const char* summary, const char* help);
+  CLI::App* AddCommand(const char* name, const char* summary, const std::string& help);
 
   /// Makes `run` the action of `command`. It returns the exit code and may throw UserError.
   void SetAction(CLI::App* command, std::function<int()> run);

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/all.h"
@@ -25,20 +25,20 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Steers libfdtrack.so, a library of its own that tracks file descriptors: the
+Controls libfdtrack.so, a separate library that tracks file descriptors. The
 tracker loads it into the process and calls it.
-  on     load it if need be, and track with --depth frames (default: as set
-         for recording)
-  off    track no more
-  dump   have it write its stacks
-  clear  release it; also drops all memory records, of every kind
+  on     load it if needed, and track with --depth frames (default: the depth
+         for memory)
+  off    stop tracking
+  dump   let it write its stacks
+  clear  unload it; also drops all memory records, of every kind
 
 Examples:
   memleak fd on 4711 --depth 16
   memleak fd dump 4711
 
 Exit codes:
-  0  done, as far as can be seen
+  0  the command was sent, and the tracker reported no failure
   2  no such process, not permitted, not tracked, the library or one of its
      functions missing, or not switched on before)";
 
@@ -48,7 +48,7 @@ using std::chrono::steady_clock;
 constexpr const char* kFdLibrary = "libfdtrack.so";
 constexpr auto kPoll = milliseconds(20);
 constexpr auto kPatience = milliseconds(3000);
-// The tracker logs that a command arrived, and afterwards only failures.
+// The tracker logs the command, and afterwards only failures.
 constexpr auto kSettle = milliseconds(200);
 
 struct Action {
@@ -59,10 +59,10 @@ struct Action {
 };
 
 constexpr Action kActions[] = {
-    {"on", kFdOn, false, "file descriptors are tracked by libfdtrack.so"},
-    {"off", kFdOff, true, "file descriptors are not tracked any more"},
-    {"dump", kFdDump, true, "libfdtrack.so was told to dump its stacks"},
-    {"clear", kFdClear, false, "libfdtrack.so released, all memory records dropped"},
+    {"on", protocol::kFdOn, false, "file descriptors are tracked by libfdtrack.so"},
+    {"off", protocol::kFdOff, true, "file descriptors are no longer tracked"},
+    {"dump", protocol::kFdDump, true, "libfdtrack.so dumps its stacks"},
+    {"clear", protocol::kFdClear, false, "libfdtrack.so unloaded, all memory records dropped"},
 };
 
 struct FdOptions {
@@ -75,15 +75,17 @@ bool HasFdLibrary(const ProcessInfo& process) {
   return MapsLibrary(ReadMaps(process.pid), kFdLibrary);
 }
 
-// The depth that was given, else the one in force, as for native recording.
+// The given depth, else the one in force for native recording.
 std::uint32_t ParameterFor(const ProcessInfo& process, const FdOptions& options) {
   const BacktraceSettings settings = ParseSettings(ReadSettings(process).text);
-  const std::uint32_t depth = options.depth.value_or(settings.depth.value_or(kDefaultDepth));
-  return ParameterWord(std::min(depth, kMaxDepth), settings.type.value_or(kUnwindFramePointers));
+  const std::uint32_t depth =
+      options.depth.value_or(settings.depth.value_or(protocol::kDefaultDepth));
+  return protocol::ParameterWord(std::min(depth, protocol::kMaxDepth),
+                                 settings.type.value_or(protocol::kUnwindFramePointers));
 }
 
-// The tracker's complaints, taken a moment after the command arrived. Nothing if it does not arrive
-// in time.
+// The tracker's complaints a moment after the command arrived. Nothing if it does not arrive in
+// time.
 std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool is_emulated) {
   const auto deadline = steady_clock::now() + (is_emulated ? 2 * kPatience : kPatience);
   std::optional<steady_clock::time_point> received;
@@ -98,7 +100,7 @@ std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool i
   return std::nullopt;
 }
 
-// Whether the library is loaded in time, for processes without a log.
+// Waits until the library is loaded, for processes without a log. False if that takes too long.
 bool WaitForLibrary(const ProcessInfo& process) {
   const auto deadline = steady_clock::now() + kPatience;
   while (steady_clock::now() < deadline) {
@@ -117,19 +119,20 @@ int Fd(const FdOptions& options) {
         std::string(kFdLibrary) + " is not loaded in " + process.Label() + "; nothing was sent",
         "switch it on first: memleak fd on " + std::to_string(process.pid));
   }
-  SendCommand(process, action->word, action->word == kFdOn ? ParameterFor(process, options) : 0);
+  SendCommand(process, action->word,
+              action->word == protocol::kFdOn ? ParameterFor(process, options) : 0);
 
   std::optional<std::vector<std::string>> complaints;
   if (log.IsReadable()) complaints = WaitForAnswer(log, process.is_emulated);
   if (complaints && !complaints->empty()) {
     throw UserError(
         "the tracker in " + process.Label() + " says: " + FitWidth(complaints->front(), 200),
-        std::string("have ") + kFdLibrary +
-            " with its three functions where the program finds its libraries");
+        std::string("put ") + kFdLibrary +
+            " with its three functions into a directory that the program searches for libraries");
   }
-  if (action->word == kFdOn && !WaitForLibrary(process)) {
+  if (action->word == protocol::kFdOn && !WaitForLibrary(process)) {
     throw UserError(std::string(kFdLibrary) + " was not loaded in " + process.Label(),
-                    "have it where the program finds its libraries");
+                    "put it into a directory that the program searches for libraries");
   }
   std::cout << process.Label() << ": " << action->done
             << (complaints ? "" : std::string(" (") + Advice().unseen + ")") << "\n";

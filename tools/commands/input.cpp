@@ -6,7 +6,7 @@
 #include <iostream>
 #include <vector>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 
@@ -121,7 +121,7 @@ Profile Open(const std::string& given, bool partial, const SymbolOptions& option
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
   if (!fs::is_directory(given, ignored)) return given;
-  const fs::path below = fs::path(given) / kReportFile;
+  const fs::path below = fs::path(given) / protocol::kReportFile;
   for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
     std::error_code error;
     const bool found = fs::is_regular_file(candidate, error);

@@ -1,10 +1,10 @@
-// libs: what could be hooked in a process.
+// libs: which functions of which libraries can be hooked.
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
 #include <memory>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/all.h"
@@ -16,19 +16,60 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Lists the libraries of a process that import a function which can be hooked, by
-the names that `on --lib` takes, and for each function how: "yes" can be hooked,
-"-" is not imported; others are explained below the table. A library is listed
-by the name it was loaded by, which may be that of a link to its file. Works for
-any process that may be looked at, tracked or not, and for emulated ones.
+Lists the libraries of a process that import a function that can be hooked, and
+the state of each function: "yes" can be hooked, "-" is not imported. Other
+states are explained below the table. `on --lib` takes the names in the table. A
+name may be that of a symbolic link to the file. Works for any process that you
+may inspect, tracked or not, also for emulated ones.
 
 Example:
   memleak libs 4711
 
 Exit codes:
   0  something can be hooked
-  1  nothing can
+  1  nothing can be hooked
   2  no such process, or not permitted)";
+
+struct State {
+  const char* mark;
+  const char* meaning;  ///< empty: explained above
+};
+constexpr State kNotImported = {"-", ""};
+constexpr State kCanBeHooked = {"yes", "can be hooked"};
+constexpr State kIsHooked = {"hooked", "is hooked"};
+constexpr State kLazy = {"lazy", "not resolved yet: start with LD_BIND_NOW=1, as memleak run does"};
+constexpr State kNoPlt = {"no-plt",
+                          "no jump slot: built with -fno-plt, or only the address is taken"};
+constexpr State kTwice = {"twice", "several jump slots; the tracker requires exactly one"};
+constexpr State kOther = {"other",
+                          "imported, but hooked in other libraries only: memleak on --help"};
+constexpr State kName = {"name",
+                         "imported, but not reached: an earlier library has the same name, or\n"
+                         "          the name ends in neither .so nor .so.N"};
+constexpr State kUnknown = {"?", "the file has been replaced or removed"};
+constexpr const State* kStates[] = {&kNotImported, &kCanBeHooked, &kIsHooked, &kLazy,   &kNoPlt,
+                                    &kTwice,       &kOther,       &kName,     &kUnknown};
+
+const State* StateIn(const LoadedLibraries& loaded, const LoadedLibrary& library,
+                     const std::string& function, const ProcessMemory& memory) {
+  if (!library.file) return &kUnknown;
+  const ImportState state = ImportStateOf(loaded, library, function, memory);
+  if (state == ImportState::kNone) return &kNotImported;
+  if (library.is_shadowed || !IsLibraryName(library.name)) return &kName;
+  if (!HasProxy(function, library.name)) return &kOther;
+  switch (state) {
+    case ImportState::kNoSlot:
+      return &kNoPlt;
+    case ImportState::kSeveral:
+      return &kTwice;
+    case ImportState::kUnresolved:
+      return &kLazy;
+    case ImportState::kHooked:
+      return &kIsHooked;
+    default:
+      return &kCanBeHooked;
+  }
+}
 
 /// The table of libraries and functions.
 class LibraryTable {
@@ -36,7 +77,8 @@ class LibraryTable {
   LibraryTable(const LoadedLibraries& loaded, const ProcessMemory& memory)
       : loaded_(loaded), memory_(memory) {
     for (const LoadedLibrary& library : loaded.libraries) {
-      const bool own = library.name == kTrackerLibrary || library.name == kPreloadLibrary;
+      const bool own =
+          library.name == protocol::kTrackerLibrary || library.name == protocol::kPreloadLibrary;
       if (!library.is_program && !own) Add(library);
     }
     std::sort(rows_.begin(), rows_.end(),
@@ -52,12 +94,13 @@ class LibraryTable {
     if (total_ > rows_.size()) {
       std::cout << total_ - rows_.size() << " libraries import none of these\n";
     }
-    for (const auto& [mark, meaning] : Legend()) {
-      if (IsUsed(mark)) std::cout << "  " << std::left << std::setw(8) << mark << meaning << "\n";
+    for (const State* state : kStates) {
+      if (*state->meaning == '\0' || !IsUsed(state)) continue;
+      std::cout << "  " << std::left << std::setw(8) << state->mark << state->meaning << "\n";
     }
     if (!memory_.IsOpen()) {
-      std::cout << "The slots could not be looked at: that takes root, or the right to debug the\n"
-                   "process. Some may be hooked already, or not resolved.\n";
+      std::cout << "Cannot read the slots: this takes root, or the right to debug the process.\n"
+                   "Some may be hooked already, or unresolved.\n";
     }
   }
 
@@ -69,71 +112,45 @@ class LibraryTable {
  private:
   struct Row {
     const LoadedLibrary* library;
-    std::vector<std::string> marks;
+    std::vector<const State*> states;
     bool can_be_hooked = false;
   };
 
-  static std::vector<std::pair<std::string, std::string>> Legend() {
-    return {{"yes", "can be hooked"},
-            {"hooked", "is hooked"},
-            {"lazy", "not resolved yet: start with LD_BIND_NOW=1, as memleak run does"},
-            {"no-plt", "no jump slot: built with -fno-plt, or only the address is taken"},
-            {"twice", "more than one jump slot; the tracker takes exactly one"},
-            {"other", "imported, but ioctl is hooked in libdmabufheap.so and libgsl.so alone"},
-            {"name",
-             "imported, but not reached: another library has its name, or the name\n"
-             "          ends in neither .so nor .so.N"},
-            {"?", "its file has been replaced or removed and cannot be looked at"}};
-  }
-
-  bool IsUsed(const std::string& mark) const {
+  bool IsUsed(const State* state) const {
     return std::any_of(rows_.begin(), rows_.end(), [&](const Row& row) {
-      return std::find(row.marks.begin(), row.marks.end(), mark) != row.marks.end();
+      return std::find(row.states.begin(), row.states.end(), state) != row.states.end();
     });
-  }
-
-  std::string Mark(const LoadedLibrary& library, const std::string& function) const {
-    if (!library.file) return "?";
-    const ImportState state = ImportStateOf(loaded_, library, function, memory_);
-    if (state == ImportState::kNone) return "-";
-    if (library.is_shadowed || !IsLibraryName(library.name)) return "name";
-    if (!HasProxy(function, library.name)) return "other";
-    switch (state) {
-      case ImportState::kNoSlot:
-        return "no-plt";
-      case ImportState::kSeveral:
-        return "twice";
-      case ImportState::kUnresolved:
-        return "lazy";
-      case ImportState::kHooked:
-        return "hooked";
-      default:
-        return "yes";
-    }
   }
 
   void Add(const LoadedLibrary& library) {
     ++total_;
     Row row{&library, {}};
+    bool imports = false;
     for (const std::string& function : HookableFunctions()) {
-      row.marks.push_back(Mark(library, function));
-      const std::string& mark = row.marks.back();
-      row.can_be_hooked = row.can_be_hooked || mark == "yes" || mark == "hooked" || mark == "?";
+      const State* state = StateIn(loaded_, library, function, memory_);
+      row.states.push_back(state);
+      imports = imports || state != &kNotImported;
+      row.can_be_hooked =
+          row.can_be_hooked || state == &kCanBeHooked || state == &kIsHooked || state == &kUnknown;
     }
-    const bool imports = std::any_of(row.marks.begin(), row.marks.end(),
-                                     [](const std::string& mark) { return mark != "-"; });
     if (imports) rows_.push_back(std::move(row));
   }
 
   void PrintRows() const {
-    // Six columns of eight characters leave 31 columns of 80 for names, and a blank.
-    constexpr std::size_t kMostNameColumns = 31;
+    constexpr std::size_t kTerminalColumns = 80;
+    constexpr std::size_t kLeastNameColumns = 16;
+    std::vector<std::size_t> widths;
+    std::size_t rest = kTerminalColumns - 1;
+    for (const std::string& function : HookableFunctions()) {
+      widths.push_back(std::max<std::size_t>(7, function.size()));
+      rest -= std::min(rest, widths.back() + 1);
+    }
     std::size_t width = 0;
     for (const Row& row : rows_) width = std::max(width, Columns(row.library->name));
-    width = std::min(width, kMostNameColumns);
-    std::cout << std::string(width, ' ');
-    for (const std::string& function : HookableFunctions()) {
-      std::cout << " " << std::right << std::setw(7) << function;
+    width = std::min(width, std::max(rest, kLeastNameColumns));
+    std::cout << std::string(width, ' ') << std::right;
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+      std::cout << " " << std::setw(static_cast<int>(widths[i])) << HookableFunctions()[i];
     }
     std::cout << "\n";
     for (const Row& row : rows_) {
@@ -142,8 +159,8 @@ class LibraryTable {
       std::cout << FitWidth(row.library->name, 255)
                 << (columns > width ? "\n" + std::string(width, ' ')
                                     : std::string(width - columns, ' '));
-      for (const std::string& mark : row.marks) {
-        std::cout << " " << std::right << std::setw(7) << mark;
+      for (std::size_t i = 0; i < widths.size(); ++i) {
+        std::cout << " " << std::setw(static_cast<int>(widths[i])) << row.states[i]->mark;
       }
       std::cout << "\n";
     }
@@ -167,7 +184,7 @@ int ListLibraries(pid_t pid) {
 }  // namespace
 
 void AddLibs(Program* program) {
-  CLI::App* command = program->AddCommand("libs", "List what could be hooked", kHelp);
+  CLI::App* command = program->AddCommand("libs", "List what can be hooked", kHelp);
   const auto pid = std::make_shared<pid_t>();
   AddPid(command, pid.get());
   program->SetAction(command, [pid] { return ListLibraries(*pid); });

@@ -1,4 +1,4 @@
-// What `on` does, for `watch`, which starts recording too. Single-threaded.
+// Starting to record, for `on` and `watch`. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -13,15 +13,15 @@ namespace memleak {
 
 struct OnOptions {
   pid_t pid = 0;
-  Kind kind = Kind::kNative;
-  std::string libraries;  ///< to be hooked, separated by commas; empty: the kind's default
+  const Kind* kind = &protocol::kNative;
+  std::string libraries;  ///< to hook, separated by commas; empty: the default of the kind
   std::string functions;  ///< the same
-  bool keep = false;      ///< keep what is recorded already
+  bool keep = false;      ///< keep earlier records
   std::optional<std::uint32_t> depth;
   std::optional<char> type;
 };
 
-/// Starts recording, prints what is recorded and returns the exit code. Throws UserError.
+/// Starts recording, prints what is recorded, and returns the exit code. Throws UserError.
 int StartRecording(const OnOptions& options);
 
 }  // namespace memleak

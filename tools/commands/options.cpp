@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/commands/command_line.h"
 #include "tools/target/site.h"
 
@@ -29,37 +29,35 @@ void AddPid(CLI::App* command, pid_t* pid) {
                std::string("process id; find it with: ") + Advice().find_pid);
 }
 
-void AddKind(CLI::App* command, Kind* kind) {
-  std::vector<std::pair<std::string, Kind>> kinds;
-  kinds.reserve(AllKinds().size());
-  for (const KindInfo& info : AllKinds()) kinds.emplace_back(info.name, info.kind);
-  AddChoice(command, "--kind", kind, kinds, "What is recorded: native (default), mmap, ion, gpu")
+void AddKind(CLI::App* command, const Kind** kind) {
+  std::vector<std::pair<std::string, const Kind*>> kinds;
+  for (const Kind& each : protocol::kKinds) kinds.emplace_back(each.name, &each);
+  AddChoice(command, "--kind", kind, kinds, "native (default), " + HookedKindNames())
       ->option_text("KIND");
 }
 
 void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions) {
-  ExpectNames(command
-                  ->add_option("--lib", *libraries,
-                               "Libraries to be hooked, for --kind mmap;\n"
-                               "ion and gpu have their own")
-                  ->option_text("NAME,..."));
+  ExpectNames(
+      command->add_option("--lib", *libraries, "Libraries to hook (default: the kind's own)")
+          ->option_text("NAME,..."));
   ExpectNames(command
                   ->add_option("--func", *functions,
-                               "Functions to be hooked in them (mmap,mmap64,\n"
-                               "munmap,mremap; for ion and gpu ioctl)")
+                               "Functions to hook in them (default: all\n"
+                               "functions of the kind)")
                   ->option_text("NAME,..."));
 }
 
 void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const char* summary) {
   ExpectNumber(command->add_option("--depth", *depth, summary)->option_text("N"),
-               CLI::Range(1U, kMaxDepth), "frames, 1 to " + std::to_string(kMaxDepth));
+               CLI::Range(1U, protocol::kMaxDepth),
+               "frames, 1 to " + std::to_string(protocol::kMaxDepth));
 }
 
 void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
                          std::optional<char>* type) {
   AddDepth(command, depth, "Frames kept per allocation");
   AddChoice<char>(command, "--unwind", type,
-                  {{"fp", kUnwindFramePointers}, {"dwarf", kUnwindTables}},
+                  {{"fp", protocol::kUnwindFramePointers}, {"dwarf", protocol::kUnwindTables}},
                   "By frame pointers (aarch64's default) or\n"
                   "unwind tables (x86-64's)")
       ->option_text("fp|dwarf");

@@ -17,7 +17,7 @@ namespace memleak {
 void AddPid(CLI::App* command, pid_t* pid);
 
 /// --kind: what is recorded.
-void AddKind(CLI::App* command, Kind* kind);
+void AddKind(CLI::App* command, const Kind** kind);
 
 /// --lib and --func: lists of names, separated by commas.
 void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions);

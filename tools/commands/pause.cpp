@@ -1,4 +1,4 @@
-// pause: nothing new is recorded.
+// pause: stops recording and keeps the records.
 #include <iostream>
 #include <memory>
 
@@ -13,9 +13,9 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-No new blocks are recorded; blocks that are freed still leave the tables.
-`memleak on PID --keep` goes on. Of the kinds other than native neither is
-recorded; the hooks stay and do nothing, and going on hooks once more.
+Records no new blocks; blocks that are freed are still removed from the tables.
+`memleak on PID --keep` resumes. For hooked kinds, releases are not recorded
+either; the hooks stay and do nothing, and resuming adds hooks once more.
 
 Examples:
   memleak pause 4711
@@ -28,16 +28,16 @@ Exit codes:
 
 struct PauseOptions {
   pid_t pid = 0;
-  Kind kind = Kind::kNative;
+  const Kind* kind = &protocol::kNative;
 };
 
 int Pause(const PauseOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, options.kind);
-  SendCommand(process, InfoOf(options.kind).pause, 0);
+  RefuseBeside(process, *options.kind);
+  SendCommand(process, options.kind->Pause(), 0);
   std::cout << process.Label() << ": recording paused; "
-            << (options.kind == Kind::kNative ? "freed blocks still leave the tables"
-                                              : "the hooks stay and do nothing")
+            << (options.kind->IsNative() ? "freed blocks are still removed from the tables"
+                                         : "the hooks stay and do nothing")
             << "\n";
   return kExitOk;
 }
@@ -45,7 +45,7 @@ int Pause(const PauseOptions& options) {
 }  // namespace
 
 void AddPause(Program* program) {
-  CLI::App* command = program->AddCommand("pause", "Record nothing new for a while", kHelp);
+  CLI::App* command = program->AddCommand("pause", "Stop recording and keep the records", kHelp);
   const auto options = std::make_shared<PauseOptions>();
   AddPid(command, &options->pid);
   AddKind(command, &options->kind);

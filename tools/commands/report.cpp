@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
@@ -65,20 +65,21 @@ Exit codes:
 
 struct ReportOptions {
   pid_t pid = 0;
-  Kind kind = Kind::kNative;
+  const Kind* kind = &protocol::kNative;
   std::uint32_t timeout_s = 60;  ///< 0: wait without end
   bool keep_recording = false;   ///< of the native heap
 };
 
 int Report(const ReportOptions& options) {
-  if (options.keep_recording && options.kind != Kind::kNative) {
-    throw UserError(std::string("--keep-recording is not for --kind ") + InfoOf(options.kind).name +
+  if (options.keep_recording && !options.kind->IsNative()) {
+    throw UserError(std::string("--keep-recording is not for --kind ") + options.kind->name +
                         ": its report takes the hooks away",
                     "leave out one of them");
   }
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, options.kind);
-  const std::uint64_t word = options.keep_recording ? kReportGoingOn : InfoOf(options.kind).report;
+  RefuseBeside(process, *options.kind);
+  const std::uint64_t word =
+      options.keep_recording ? protocol::kReportKeepRecording : options.kind->Report();
   const std::chrono::milliseconds took =
       TakeReport(process, word, options.timeout_s, OldReport::kKeepBeside);
   const std::string path = process.ReportPath();
@@ -96,7 +97,7 @@ int Report(const ReportOptions& options) {
             << "took    " << FormatDuration(took) << "\n";
   const std::string fetch = FetchCommand(path);
   if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
-  if (options.kind != Kind::kNative) PrintStillHooked(process);
+  if (!options.kind->IsNative()) PrintStillHooked(process);
   if (options.keep_recording) std::cout << "        recording was not touched\n";
   return kExitOk;
 }

@@ -1,9 +1,12 @@
 // send: any control word.
 #include <cstdint>
+#include <iomanip>
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <sstream>
 
+#include "protocol/kinds.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/all.h"
 #include "tools/commands/options.h"
@@ -13,13 +16,13 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
-Sends any control word. Bits of the native heap: 0x10 on, 0x20 pause, 0x40
-stop and report, 0x80 clear; the same for mmap from 0x100 to 0x800, for ion
-from 0x1000 to 0x8000, for gpu from 0x10000 to 0x80000; of file descriptors:
-0x100000 on, 0x200000 off, 0x400000 dump, 0x800000 clear. A word may hold
-several; docs/control-protocol.md has their order. The parameter holds the
-backtrace size in bits 31 to 16 and the type character in bits 15 to 0.
+constexpr const char* kIntro = R"(
+Sends any control word. Commands and their bits:
+)";
+
+constexpr const char* kRest = R"(
+A word may hold several; docs/control-protocol.md has their order. The parameter
+holds the backtrace size in bits 31 to 16 and the type character in bits 15 to 0.
 
 Examples:
   memleak send 4711 --word 0x90
@@ -27,7 +30,23 @@ Examples:
 
 Exit codes:
   0  the word was sent
-  2  no such process, not permitted, not tracked, or a word that is no number)";
+  2  no such process, not permitted, not tracked, or a word that is not a number)";
+
+std::string Help() {
+  std::ostringstream text;
+  text << kIntro << "            on        pause     report    clear\n"
+       << std::hex << std::left << std::showbase;
+  for (const protocol::Kind& kind : protocol::kKinds) {
+    text << "  " << std::setw(10) << kind.name;
+    for (const std::uint64_t bit : {kind.On(), kind.Pause(), kind.Report()}) {
+      text << std::setw(10) << bit;
+    }
+    text << kind.Clear() << "\n";
+  }
+  text << "File descriptors: " << protocol::kFdOn << " on, " << protocol::kFdOff << " off, "
+       << protocol::kFdDump << " dump, " << protocol::kFdClear << " clear" << kRest;
+  return text.str();
+}
 
 struct SendOptions {
   pid_t pid = 0;
@@ -46,7 +65,7 @@ int Send(const SendOptions& options) {
 }  // namespace
 
 void AddSend(Program* program) {
-  CLI::App* command = program->AddCommand("send", "Send a control word", kHelp);
+  CLI::App* command = program->AddCommand("send", "Send a control word", Help());
   const auto options = std::make_shared<SendOptions>();
   AddPid(command, &options->pid);
   ExpectNumber(

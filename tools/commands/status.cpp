@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
@@ -91,15 +91,15 @@ std::string HooksText(const ProcessInfo& process) {
 std::string SettingsText(const ProcessInfo& process) {
   const StoredSettings stored = ReadSettings(process);
   if (stored.place.empty())
-    return "none (backtrace type 0, size " + std::to_string(kDefaultDepth) + ")";
+    return "none (backtrace type 0, size " + std::to_string(protocol::kDefaultDepth) + ")";
   const BacktraceSettings settings = ParseSettings(stored.text);
-  const std::string type(1, settings.type.value_or(kUnwindFramePointers));
-  const char* method = type[0] == kUnwindFramePointers ? " (frame pointers)"
-                       : type[0] == kUnwindTables      ? " (dwarf)"
-                                                       : " (invalid)";
+  const std::string type(1, settings.type.value_or(protocol::kUnwindFramePointers));
+  const char* method = type[0] == protocol::kUnwindFramePointers ? " (frame pointers)"
+                       : type[0] == protocol::kUnwindTables      ? " (dwarf)"
+                                                                 : " (invalid)";
   return "backtrace type " + Printable(type) + method + ", size " +
-         std::to_string(settings.depth.value_or(kDefaultDepth)) + "  [" + Printable(stored.place) +
-         "]";
+         std::to_string(settings.depth.value_or(protocol::kDefaultDepth)) + "  [" +
+         Printable(stored.place) + "]";
 }
 
 std::string ReportText(const std::string& path) {

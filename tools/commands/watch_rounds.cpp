@@ -16,7 +16,7 @@
 #include <sstream>
 #include <thread>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
@@ -222,7 +222,8 @@ bool Rounds::Round() {
   // Keep a report of another command; our own ones are saved already.
   const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
   const OldReport old = ours ? OldReport::kReplace : OldReport::kKeepBeside;
-  const milliseconds took = TakeReport(process_, kReportGoingOn, options_.timeout_s, old);
+  const milliseconds took =
+      TakeReport(process_, protocol::kReportKeepRecording, options_.timeout_s, old);
   taken_ = StateOf(process_.ReportPath());
   ReportHeader header;
   ReadReportFile(process_.ReportPath(), {}, &header);
@@ -248,7 +249,7 @@ bool Rounds::Round() {
 bool Rounds::IsEnding() const {
   constexpr milliseconds kLook(100);
   constexpr int kLooks = 30;
-  const auto found = process_.environment.find(kReportAtExitVariable);
+  const auto found = process_.environment.find(protocol::kReportAtExitVariable);
   const bool reports = found != process_.environment.end() && !found->second.empty();
   for (int look = 0; reports && IsThere() && look < kLooks; ++look) {
     std::this_thread::sleep_for(kLook);
@@ -336,7 +337,7 @@ std::optional<milliseconds> NextDue(milliseconds last, milliseconds every, milli
 
 int Watch(const WatchOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, Kind::kNative);
+  RefuseBeside(process, protocol::kNative);
   if (options.for_s != 0 && options.every_s > options.for_s) {
     throw UserError("--every is longer than --for, so there would be one report",
                     "give a shorter --every, or a longer --for");

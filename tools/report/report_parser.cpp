@@ -10,6 +10,7 @@
 #include <fstream>
 #include <utility>
 
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
 
@@ -19,9 +20,7 @@ namespace {
 constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0:\n";
 constexpr std::string_view kJavaRule =
     "==============================Java-Native Stack==============================";
-constexpr std::string_view kEnd = "END";
-// Editors and copies over a terminal close the last line; the tracker does not.
-constexpr std::string_view kEndOfCopy = "END\r";
+constexpr std::string_view kEnd = protocol::kReportEnd;
 // The tracker's spelling.
 constexpr std::string_view kUnknownFrame = "[unknow]";
 // Of the head's lines; each appears once.
@@ -194,7 +193,8 @@ class ReportPass {
       return true;
     }
     if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "an end mark before the end");
-    if (line == kEnd || line == kEndOfCopy) {
+    // Editors and copies over a terminal close the last line; the tracker does not.
+    if (line == kEnd || (line.ends_with('\r') && line.substr(0, line.size() - 1) == kEnd)) {
       end_number_ = number_;
     } else if (!closed) {
       // A part of a line may read like a whole one with fewer frames.

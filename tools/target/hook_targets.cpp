@@ -1,21 +1,19 @@
-// The rules by which a library's slot can be hooked.
+// The rules that decide whether a slot of a library can be hooked.
 #include "tools/target/hook_targets.h"
 
 #include <algorithm>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 
 namespace memleak {
 namespace {
-
-constexpr const char* kTrampolineName = "[anon:plthooks plt trampolines]";
 
 const LoadedLibrary* Find(const LoadedLibraries& loaded, const std::string& name) {
   const auto by = [&](auto matches) -> const LoadedLibrary* {
     const auto found = std::find_if(loaded.libraries.begin(), loaded.libraries.end(), matches);
     return found == loaded.libraries.end() ? nullptr : &*found;
   };
-  // The name that the tracker knows comes first; a person may have read another in maps.
+  // The name that the tracker knows takes precedence. Users may have read another name in maps.
   const LoadedLibrary* library = by([&](const LoadedLibrary& candidate) {
     return candidate.name == name && !candidate.is_program;
   });
@@ -27,7 +25,7 @@ const LoadedLibrary* Find(const LoadedLibraries& loaded, const std::string& name
 }
 
 bool IsOwn(const std::string& library) {
-  return library == kTrackerLibrary || library == kPreloadLibrary;
+  return library == protocol::kTrackerLibrary || library == protocol::kPreloadLibrary;
 }
 
 const Mapping* MappingOf(const LoadedLibraries& loaded, std::uint64_t address) {
@@ -37,28 +35,29 @@ const Mapping* MappingOf(const LoadedLibraries& loaded, std::uint64_t address) {
   return found == loaded.mappings.end() ? nullptr : &*found;
 }
 
-// What a jump slot's content says.
+// The state of a jump slot, from its content.
 ImportState StateOfSlot(const LoadedLibraries& loaded, const LoadedLibrary& library,
                         const Import& import, const ProcessMemory& memory) {
   const std::optional<std::uint64_t> target = memory.Word(library.bias + import.slot);
   if (!target) return ImportState::kReady;
   const Mapping* mapping = MappingOf(loaded, *target);
   if (mapping == nullptr) return ImportState::kUnresolved;
-  // Code of no file: a trampoline. (Its name, if the kernel keeps one, is "[anon:...]"; an emulator
-  // takes the right to execute it for itself.)
+  // Code outside of files is a trampoline. It may have a name "[anon:...]". Under an emulator it is
+  // not executable.
   if (mapping->path.empty() || mapping->path.starts_with("[anon")) return ImportState::kHooked;
-  // Until it is resolved a slot leads back into its own library.
+  // An unresolved slot leads back into its own library.
   const bool own = mapping->path == library.path && !import.defined_here;
   return own ? ImportState::kUnresolved : ImportState::kReady;
 }
 
-// Whether the slot leads to the tracker's trampolines, and not to code that somebody else has made:
-// a kernel that keeps names of anonymous memory tells.
+// Whether the slot leads to the tracker's trampolines and not to those of another tool, if the
+// kernel keeps names of anonymous memory.
 bool LeadsToTracker(const LoadedLibraries& loaded, const LoadedLibrary& library,
                     const Import& import, const ProcessMemory& memory) {
   if (StateOfSlot(loaded, library, import, memory) != ImportState::kHooked) return false;
   const Mapping* code = MappingOf(loaded, memory.Word(library.bias + import.slot).value_or(0));
-  return code != nullptr && (code->path.empty() || code->path == kTrampolineName);
+  return code != nullptr && (code->path.empty() ||
+                             code->path == "[anon:" + std::string(protocol::kTrampolineName) + "]");
 }
 
 std::string Joined(const std::vector<std::string>& names) {
@@ -75,7 +74,7 @@ void AddOnce(const std::string& name, std::vector<std::string>* names) {
   if (!Has(*names, name)) names->push_back(name);
 }
 
-/// A plan that is being made.
+/// Makes a plan.
 class Planner {
  public:
   Planner(const ProcessInfo& process, const LoadedLibraries& loaded, const HookRequest& request,
@@ -97,27 +96,23 @@ class Planner {
     plan_.problems.emplace_back(what, remedy);
   }
 
-  void AddLibrary(const std::string& asked) {
-    const LoadedLibrary* library = Find(loaded_, asked);
+  void AddLibrary(const std::string& requested) {
+    const LoadedLibrary* library = Find(loaded_, requested);
     if (library == nullptr) {
-      return Problem(asked + " is not loaded in " + process_.Label(),
-                     list_ + ", or switch on when it is");
+      return Problem(requested + " is not loaded in " + process_.Label(),
+                     list_ + ", or switch on after it is loaded");
     }
     if (library->is_program) {
-      return Problem(asked + " is the program itself, and only libraries can be hooked", list_);
+      return Problem(requested + " is the program itself; only libraries can be hooked", list_);
     }
     const std::string& name = library->name;
-    if (IsOwn(name)) return Problem(name + " belongs to the tracker", "name another");
+    if (IsOwn(name)) return Problem(name + " is a part of memleak", "name another library");
     if (!IsLibraryName(name)) {
-      return Problem(name +
-                         " is loaded by a name that ends in neither .so nor .so.N, and is not"
-                         " looked at by the tracker",
+      return Problem("the tracker ignores " + name + ": its name ends in neither .so nor .so.N",
                      "rename it");
     }
     if (library->is_shadowed) {
-      return Problem(library->path +
-                         " has the name of a library loaded before it, which is hooked"
-                         " in its place",
+      return Problem(library->path + " has the name of an earlier library, which is hooked instead",
                      "rename it");
     }
     const std::size_t before = Count();
@@ -129,28 +124,23 @@ class Planner {
 
   std::size_t Count() const { return plan_.pairs.size() + plan_.problems.size() + several_.size(); }
 
-  // What is left out of the plan is hooked all the same when the plan has its library and its
-  // function, each for the sake of another pair: the settings name them apart.
+  // A pair outside the plan is hooked too if other pairs have its library and its function: the
+  // properties hold separate lists.
   void AddSeveral(const HookPair& pair) {
-    const std::string several =
-        pair.library + " has several jump slots for " + pair.function + ", and ";
+    const std::string several = pair.library + " has several jump slots for " + pair.function;
     if (Has(plan_.libraries, pair.library) && Has(plan_.functions, pair.function)) {
-      return Problem(several + "is hooked there all the same, since the settings name libraries" +
-                         " and functions apart",
-                     "leave one of the two out");
+      return Problem(
+          several + " and is hooked there anyway: every function is hooked in every library",
+          "omit one of the two");
     }
-    Problem(several + "the tracker takes exactly one", "leave it out");
+    Problem(several + "; the tracker requires exactly one", "omit it");
   }
 
   void AddPair(const LoadedLibrary& library, const std::string& function) {
     const std::string& name = library.name;
     if (!HasProxy(function, name)) {
-      if (function == "ioctl") {
-        return Problem("ioctl cannot be hooked in " + name,
-                       "it can in libdmabufheap.so and libgsl.so alone");
-      }
       return Problem(function + " cannot be hooked in " + name,
-                     "these can: mmap, mmap64, __mmap2, mremap, munmap");
+                     "see memleak on --help for functions and their libraries");
     }
     switch (ImportStateOf(loaded_, library, function, memory_)) {
       case ImportState::kNone:
@@ -158,8 +148,8 @@ class Planner {
         return;
       case ImportState::kNoSlot:
         return Problem(name + " has no jump slot for " + function +
-                           ": it was built with -fno-plt, or only takes the function's address",
-                       "build it without that option");
+                           ": it is built with -fno-plt, or only takes the function's address",
+                       "build it without -fno-plt");
       case ImportState::kSeveral:
         several_.push_back({name, function});
         return;
@@ -187,15 +177,19 @@ class Planner {
 }  // namespace
 
 const std::vector<std::string>& HookableFunctions() {
-  static const std::vector<std::string> functions = {"mmap",   "mmap64", "__mmap2",
-                                                     "mremap", "munmap", "ioctl"};
-  return functions;
+  static const std::vector<std::string> all = [] {
+    std::vector<std::string> names;
+    for (const Kind& kind : protocol::kKinds) {
+      for (const std::string& function : FunctionsOf(kind)) AddOnce(function, &names);
+    }
+    return names;
+  }();
+  return all;
 }
 
 bool HasProxy(const std::string& function, const std::string& library) {
-  if (function == "ioctl") return library == "libdmabufheap.so" || library == "libgsl.so";
-  const std::vector<std::string>& all = HookableFunctions();
-  return std::find(all.begin(), all.end(), function) != all.end();
+  return std::any_of(std::begin(protocol::kKinds), std::end(protocol::kKinds),
+                     [&](const Kind& kind) { return kind.Records(function, library); });
 }
 
 ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& library,
@@ -225,7 +219,7 @@ std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMe
   std::vector<HookPair> hooked;
   for (const LoadedLibrary& library : loaded.libraries) {
     if (library.is_program || IsOwn(library.name) || !library.file) continue;
-    // The slots themselves are looked at: one of several may be hooked, too.
+    // Each slot by itself: one of several may be hooked.
     for (const Import& import : library.file->imports) {
       const bool known = !hooked.empty() && hooked.back().library == library.name &&
                          hooked.back().function == import.function;

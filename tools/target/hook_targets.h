@@ -1,7 +1,7 @@
-// What could be hooked in a process, and what is: judged from outside, by files, maps and the
-// contents of slots, before and after the tracker is told to.
+// What can be hooked in a process, and what is hooked, according to files, maps and the contents of
+// slots.
 //
-// Called by `on` and `libs`. Single-threaded.
+// Called by `on`, `libs`, `report` and `status`. Single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -14,59 +14,58 @@
 
 namespace memleak {
 
-/// The functions that the tracker has a proxy for, in the order in which they are listed.
+/// The functions of all kinds, each once.
 const std::vector<std::string>& HookableFunctions();
 
-/// Whether the tracker has a proxy for `function` in a library of this name: the mapping functions
-/// in all, ioctl in two alone.
+/// Whether some kind hooks `function` in `library`.
 bool HasProxy(const std::string& function, const std::string& library);
 
 /// How a library calls a function.
 enum class ImportState : std::uint8_t {
   kNone,        ///< does not import it
   kNoSlot,      ///< holds its address only, no jump slot
-  kSeveral,     ///< has more than one jump slot for it: the tracker takes exactly one
-  kUnresolved,  ///< has a jump slot that is filled at the first call
-  kReady,       ///< can be hooked; also where the slot's content cannot be read
-  kHooked,      ///< the slot leads to made-up code: hooked, by the tracker or by somebody else
+  kSeveral,     ///< has several jump slots for it, and the tracker requires exactly one
+  kUnresolved,  ///< has a jump slot that the first call resolves
+  kReady,       ///< can be hooked, or the slot cannot be read
+  kHooked,      ///< the slot leads to generated code: hooked, by the tracker or by another tool
 };
 
 /// How `library`, one of `loaded`, calls `function`. Without a readable file: kReady.
 ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& library,
                           const std::string& function, const ProcessMemory& memory);
 
-/// What a person asked to be hooked.
+/// What a user wants to hook.
 struct HookRequest {
   std::vector<std::string> libraries;
   std::vector<std::string> functions;
-  bool functions_given =
-      false;  ///< otherwise it is no fault if a library imports some of them only
+  bool functions_given = false;  ///< whether a library must import all of them
 };
 
 /// A function in a library.
 struct HookPair {
   std::string library;
   std::string function;
+  bool operator==(const HookPair&) const = default;
 };
 
-/// What of a request can be done.
+/// The part of a request that is possible.
 struct HookPlan {
   std::vector<HookPair> pairs;
-  std::vector<std::string> libraries;  ///< of the pairs, each once, in the order asked for
+  std::vector<std::string> libraries;  ///< of the pairs, each once, in the order of the request
   std::vector<std::string> functions;
-  std::vector<UserError> problems;  ///< why the rest cannot be
+  std::vector<UserError> problems;  ///< why the rest is not possible
 };
 
-/// Compares `request` with the libraries of `process`. A library may be named by its file too; the
-/// plan has the name it was loaded by.
+/// Compares `request` with the libraries of `process`. A request may also name a library by its
+/// file; the plan has the name that it was loaded by.
 HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
                    const HookRequest& request, const ProcessMemory& memory);
 
-/// All pairs in `process` with a slot that leads to a hook of the tracker; none where `memory`
-/// cannot be read. Throws UserError when the process is gone.
+/// All pairs in `process` with a slot that leads to a hook of the tracker; none if `memory` cannot
+/// be read. Throws UserError if the process has ended.
 std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMemory& memory);
 
-/// The pairs of `plan` whose slots lead to a hook by now; none where `memory` cannot be read.
+/// The pairs of `plan` whose slots lead to a hook; none if `memory` cannot be read.
 std::vector<HookPair> HookedPairs(const ProcessInfo& process, const HookPlan& plan,
                                   const ProcessMemory& memory);
 

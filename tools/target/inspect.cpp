@@ -16,7 +16,7 @@
 #include <string_view>
 #include <thread>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/site.h"
@@ -113,9 +113,9 @@ ProcessInfo Look(pid_t pid, bool* steady) {
   process.user = EffectiveId(status, "Uid");
   process.group = EffectiveId(status, "Gid");
   process.name = StatusField(status, "Name");
-  process.catches_signal = CatchesSignal(status, kControlSignal);
+  process.catches_signal = CatchesSignal(status, protocol::control_signal);
   process.environment = ParseEnvironment(image.environment);
-  process.has_tracker = MapsLibrary(ReadMaps(pid), kTrackerLibrary);
+  process.has_tracker = MapsLibrary(ReadMaps(pid), protocol::kTrackerLibrary);
   process.executable = image.executable;
   process.is_emulated = IsEmulator(process.executable);
   if (process.is_emulated) {

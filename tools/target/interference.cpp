@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/target/hook_targets.h"
@@ -25,17 +25,17 @@ struct Effect {
 
 // Most severe effect first: a word may have several.
 std::vector<Effect> Effects() {
-  Effect clear{kFdClear, "its tables were emptied"};
+  Effect clear{protocol::kFdClear, "its tables were emptied"};
   // These make another kind the one by which blocks are looked up.
   Effect other{0, "it was told to record another kind of memory"};
-  for (const KindInfo& info : AllKinds()) {
-    clear.words |= info.clear;
-    if (info.kind != Kind::kNative) other.words |= info.on;
-    if (info.kind == Kind::kMmap) other.words |= info.pause | info.report;
+  for (const Kind& kind : protocol::kKinds) {
+    clear.words |= kind.Clear();
+    if (kind.IsNative()) continue;
+    other.words |= kind.On() | (kind.always_selects ? kind.Pause() | kind.Report() : 0);
   }
-  return {{kNativeReport, "recording was stopped by a report"},
+  return {{protocol::kNative.Report(), "recording was stopped by a report"},
           clear,
-          {kNativePause, "recording was paused"},
+          {protocol::kNative.Pause(), "recording was paused"},
           other};
 }
 
@@ -48,25 +48,25 @@ std::string TimeOf(const std::string& line) {
 
 /// A recording that is on or paused.
 struct Recorded {
-  Kind kind = Kind::kNative;
+  const Kind* kind = &protocol::kNative;
   const char* state = "";  // follows the kind's name
 };
 
 std::optional<Recorded> RecordedNatively(const ProcessInfo& process) {
   const std::optional<std::string> log = OwnLog(process);
   const Recording state = log ? RecordingFromLog(*log) : Recording::kUnknown;
-  if (state == Recording::kOn) return Recorded{Kind::kNative, " recording is on"};
-  if (state == Recording::kPaused) return Recorded{Kind::kNative, " recording is paused"};
+  if (state == Recording::kOn) return Recorded{&protocol::kNative, " recording is on"};
+  if (state == Recording::kPaused) return Recorded{&protocol::kNative, " recording is paused"};
   return std::nullopt;
 }
 
 std::optional<Recorded> RecordedByHooks(const ProcessInfo& process) {
   if (const std::optional<std::string> log = OwnLog(process)) {
     const std::string state = HooksFromLog(*log);
-    for (const KindInfo& info : AllKinds()) {
-      if (state == std::string(info.name) + " on") return Recorded{info.kind, " recording is on"};
-      if (state == std::string(info.name) + " paused") {
-        return Recorded{info.kind, " recording is paused"};
+    for (const Kind& kind : protocol::kKinds) {
+      if (state == std::string(kind.name) + " on") return Recorded{&kind, " recording is on"};
+      if (state == std::string(kind.name) + " paused") {
+        return Recorded{&kind, " recording is paused"};
       }
     }
     // A forked child goes on as its parent did, whose lines are in the same log: ask the slots.
@@ -78,28 +78,27 @@ std::optional<Recorded> RecordedByHooks(const ProcessInfo& process) {
   const std::vector<HookPair> hooked = AllHookedPairs(process, memory);
   if (hooked.empty()) return std::nullopt;
   const auto& [library, function] = hooked.front();
-  Recorded recorded{Kind::kMmap, " hooks are in place"};
-  for (const KindInfo& info : AllKinds()) {
-    if (function == "ioctl" && library == info.default_library) recorded.kind = info.kind;
+  for (const Kind& kind : protocol::kKinds) {
+    if (kind.Records(function, library)) return Recorded{&kind, " hooks are in place"};
   }
-  return recorded;
+  return std::nullopt;
 }
 
 }  // namespace
 
-void RefuseBeside(const ProcessInfo& process, Kind wanted) {
+void RefuseBeside(const ProcessInfo& process, const Kind& wanted) {
   const auto find = [&](bool native) {
     return native ? RecordedNatively(process) : RecordedByHooks(process);
   };
-  const bool native = wanted == Kind::kNative;
+  const bool native = wanted.IsNative();
   const std::optional<Recorded> recorded = find(!native);
   // With both recorded the harm is done, and each has to be ended somehow.
   if (!recorded || find(native)) return;
-  const std::string kind = InfoOf(recorded->kind).name;
+  const std::string kind = recorded->kind->name;
   throw UserError(kind + recorded->state + " in " + process.Label() + ", and a command for " +
-                      InfoOf(wanted).name + " memory would spoil its records; nothing was sent",
+                      wanted.name + " memory would spoil its records; nothing was sent",
                   "first: memleak report " + std::to_string(process.pid) +
-                      (recorded->kind == Kind::kNative ? "" : " --kind " + kind));
+                      (recorded->kind->IsNative() ? "" : " --kind " + kind));
 }
 
 std::string FindInterference(const std::vector<std::string>& lines) {

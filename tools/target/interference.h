@@ -24,7 +24,7 @@ std::string FindInterference(const std::vector<std::string>& lines);
 /// tracker miss releases, and may crash the process. The log tells what is recorded; hooked slots
 /// tell of the hooked kinds where there is no log. Nothing is refused where neither can be read, or
 /// where both sorts are recorded already.
-void RefuseBeside(const ProcessInfo& process, Kind wanted);
+void RefuseBeside(const ProcessInfo& process, const Kind& wanted);
 
 /// The state of native recording as far as the log of `process` tells. Unknown when there is none
 /// that can be read, or when it holds commands for other processes that share it, and none for this

@@ -1,10 +1,12 @@
-// The table of kinds, and the names that go into the hook settings.
+// Names for the hook settings, and the state of hooks from a log.
 #include "tools/target/kinds.h"
 
 #include <algorithm>
+#include <iomanip>
+#include <iterator>
 #include <sstream>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/user_error.h"
 #include "tools/target/log_tail.h"
 #include "tools/target/root_directory.h"
@@ -34,7 +36,20 @@ void AddName(const std::string& option, std::string_view piece, std::vector<std:
   if (std::find(names->begin(), names->end(), name) == names->end()) names->emplace_back(name);
 }
 
-/// A log that is read from its start, one command word after another.
+// `names` as the value of a property. Throws UserError if it is too long.
+std::string HookProperty(const std::string& option, const std::vector<std::string>& names) {
+  std::string value;
+  for (const std::string& name : names) value += (value.empty() ? "" : ",") + name;
+  if (value.size() > protocol::kMaxPropertyBytes) {
+    throw UserError(option + " is too long: " + std::to_string(value.size()) +
+                        " bytes, and a property holds " +
+                        std::to_string(protocol::kMaxPropertyBytes),
+                    "name fewer at a time");
+  }
+  return value;
+}
+
+/// The state of the hooks, from the lines of a log.
 class HookLog {
  public:
   void Add(const std::string& line) {
@@ -45,25 +60,25 @@ class HookLog {
       done_ = 0;
       return;
     }
-    for (const KindInfo& info : AllKinds()) {
-      const std::size_t at = line.find(info.state_line);
-      if (info.kind == Kind::kNative || at == std::string::npos) continue;
-      const bool on = line.compare(at + std::string_view(info.state_line).size(), 4, "true") == 0;
-      done_ |= on ? info.on : info.pause;
+    for (const Kind& kind : protocol::kKinds) {
+      const std::size_t at = line.find(kind.switch_line);
+      if (kind.IsNative() || at == std::string::npos) continue;
+      const bool on = line.compare(at + std::string_view(kind.switch_line).size(), 4, "true") == 0;
+      done_ |= on ? kind.On() : kind.Pause();
     }
   }
 
-  // Carries the latest word out as the tracker does: kind by kind, each on, pause, stop. Stopping
-  // leaves no line, but an "on" that fails leaves its own out and ends the word.
+  // Carries out the latest word as the tracker does. A stop leaves no line. An "on" that fails
+  // leaves no line either, and ends the word.
   std::string State() const {
     std::string state = before_;
-    for (const KindInfo& info : AllKinds()) {
-      if (info.kind == Kind::kNative) continue;
-      if ((done_ & info.on) != 0) state = std::string(info.name) + " on";
-      if ((word_ & ~done_ & info.on) != 0) break;
-      if ((done_ & info.pause) != 0) state = std::string(info.name) + " paused";
-      // Where there were never hooks, it was a report that lets native recording go on.
-      if ((word_ & info.report) != 0 && !state.empty()) {
+    for (const Kind& kind : protocol::kKinds) {
+      if (kind.IsNative()) continue;
+      if ((done_ & kind.On()) != 0) state = std::string(kind.name) + " on";
+      if ((word_ & ~done_ & kind.On()) != 0) break;
+      if ((done_ & kind.Pause()) != 0) state = std::string(kind.name) + " paused";
+      // Without hooks it was a report during native recording.
+      if ((word_ & kind.Report()) != 0 && !state.empty()) {
         state = "recording off (stopped by a report)";
       }
     }
@@ -73,61 +88,40 @@ class HookLog {
  private:
   std::string before_;      // the state before the latest word
   std::uint64_t word_ = 0;  // the latest word
-  std::uint64_t done_ = 0;  // those of its bits that have left a line
+  std::uint64_t done_ = 0;  // its bits that have left a line
 };
 
 }  // namespace
 
-const std::vector<KindInfo>& AllKinds() {
-  static const std::vector<KindInfo> kinds = {
-      {Kind::kNative,
-       "native",
-       kNativeOn,
-       kNativePause,
-       kNativeReport,
-       kNativeClear,
-       "set hook to:",
-       "",
-       {}},
-      {Kind::kMmap,
-       "mmap",
-       0x100,
-       0x200,
-       0x400,
-       0x800,
-       "set mmaphook to:",
-       "",
-       {"mmap", "mmap64", "munmap", "mremap"}},
-      {Kind::kIon,
-       "ion",
-       0x1000,
-       0x2000,
-       0x4000,
-       0x8000,
-       "set ionhook to:",
-       "libdmabufheap.so",
-       {"ioctl"}},
-      {Kind::kGpu,
-       "gpu",
-       0x10000,
-       0x20000,
-       0x40000,
-       0x80000,
-       "set gpuhook to:",
-       "libgsl.so",
-       {"ioctl"}},
-  };
-  return kinds;
+std::string HookedKindNames() {
+  std::string names;
+  for (const Kind& kind : protocol::kKinds) {
+    if (kind.IsNative()) continue;
+    const bool last = &kind + 1 == std::end(protocol::kKinds);
+    names += std::string(names.empty() ? "" : last ? " or " : ", ") + kind.name;
+  }
+  return names;
 }
 
-const KindInfo& InfoOf(Kind kind) {
-  return AllKinds()[static_cast<std::size_t>(kind)];
+std::vector<std::string> FunctionsOf(const Kind& kind) {
+  return kind.functions.empty() ? std::vector<std::string>() : ParseNames("", kind.functions);
+}
+
+std::string HelpOnHookedKinds() {
+  std::ostringstream text;
+  for (const Kind& kind : protocol::kKinds) {
+    if (kind.IsNative()) continue;
+    text << "  " << std::left << std::setw(8) << kind.name << kind.what << "\n"
+         << std::string(10, ' ') << kind.functions << " in "
+         << (kind.library.empty() ? "the libraries of --lib" : kind.library) << "\n";
+  }
+  return text.str();
 }
 
 std::vector<std::string> ParseNames(const std::string& option, std::string_view list) {
   std::vector<std::string> names;
   while (true) {
-    const std::size_t comma = list.find(',');
+    const std::size_t comma = list.find(protocol::kNameSeparator);
     AddName(option, list.substr(0, comma), &names);
     if (comma == std::string_view::npos) break;
     list.remove_prefix(comma + 1);
@@ -138,34 +132,28 @@ std::vector<std::string> ParseNames(const std::string& option, std::string_view 
   return names;
 }
 
-std::string HookProperty(const std::string& option, const std::vector<std::string>& names) {
-  std::string value;
-  for (const std::string& name : names) value += (value.empty() ? "" : ",") + name;
-  if (value.size() > kMaxPropertyBytes) {
-    throw UserError(option + " is too long: " + std::to_string(value.size()) +
-                        " bytes, and a setting holds " + std::to_string(kMaxPropertyBytes),
-                    "name fewer at a time");
+HookNames NamesFor(const Kind& kind, const std::string& libraries, const std::string& functions) {
+  if (kind.IsNative()) {
+    if (libraries.empty() && functions.empty()) return {};
+    throw UserError("--lib and --func are for hooks, and native memory is recorded without hooks",
+                    "add --kind " + HookedKindNames());
   }
-  return value;
-}
-
-HookNames NamesFor(Kind kind, const std::string& libraries, const std::string& functions) {
-  const KindInfo& info = InfoOf(kind);
-  const std::string wanted = libraries.empty() ? info.default_library : libraries;
+  const std::string wanted = libraries.empty() ? std::string(kind.library) : libraries;
   if (wanted.empty()) {
-    throw UserError(std::string("--kind ") + info.name + " needs --lib",
-                    "name the libraries to be hooked; memleak libs PID lists them");
+    throw UserError(std::string("--kind ") + kind.name + " needs --lib",
+                    "name the libraries to hook; memleak libs PID lists them");
   }
   return {ParseNames("--lib", wanted),
-          functions.empty() ? info.default_functions : ParseNames("--func", functions)};
+          functions.empty() ? FunctionsOf(kind) : ParseNames("--func", functions)};
 }
 
-std::string WithHooks(const std::string& properties, const std::vector<std::string>& libraries,
-                      const std::vector<std::string>& functions) {
-  const std::string unwind = WithProperty(properties, kTypeProperty, {kUnwindFramePointers});
-  const std::string named =
-      WithProperty(unwind, kHookLibraryProperty, HookProperty("--lib", libraries));
-  return WithProperty(named, kHookFunctionProperty, HookProperty("--func", functions));
+std::string WithHooks(const std::string& properties, const HookNames& names) {
+  const std::string unwind =
+      WithProperty(properties, protocol::kTypeProperty, {protocol::kUnwindFramePointers});
+  const std::string libraries =
+      WithProperty(unwind, protocol::kHookLibraryProperty, HookProperty("--lib", names.libraries));
+  return WithProperty(libraries, protocol::kHookFunctionProperty,
+                      HookProperty("--func", names.functions));
 }
 
 std::string HooksFromLog(std::string_view log) {

@@ -1,57 +1,32 @@
-// The kinds of memory that a tracked process can record, and what steering each of them takes:
-// command words, the tracker's log line, and the two settings that name what is to be hooked.
+// What steering the kinds of memory takes beside their rows in the protocol: the names that are
+// hooked, the settings that hold them, and the state that a log tells.
 //
 // Used by the commands that take --kind. Single-threaded.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "protocol/kinds.h"
+
 namespace memleak {
 
-/// Native is the heap; the others are recorded through hooks in chosen libraries.
-enum class Kind : std::uint8_t { kNative, kMmap, kIon, kGpu };
+using protocol::Kind;
 
-/// What is particular to a kind.
-struct KindInfo {
-  Kind kind;
-  const char* name;
-  std::uint64_t on;  ///< command words
-  std::uint64_t pause;
-  std::uint64_t report;
-  std::uint64_t clear;
-  const char* state_line;  ///< start of the log line after on and pause, "true" or "false" next
-  const char* default_library;  ///< hooked where none is named; empty: one must be named
-  std::vector<std::string> default_functions;
-};
+/// "mmap, ion or gpu": the kinds that are recorded through hooks.
+std::string HookedKindNames();
 
-/// The commands for the outside library that tracks file descriptors.
-inline constexpr std::uint64_t kFdOn = 0x100000;
-inline constexpr std::uint64_t kFdOff = 0x200000;
-inline constexpr std::uint64_t kFdDump = 0x400000;
-inline constexpr std::uint64_t kFdClear = 0x800000;
+/// The functions of `kind`, in the order of its row.
+std::vector<std::string> FunctionsOf(const Kind& kind);
 
-/// The settings that name what is hooked: libraries and functions, separated by commas.
-inline constexpr const char* kHookLibraryProperty = "persist.sys.memleak.hookLib";
-inline constexpr const char* kHookFunctionProperty = "persist.sys.memleak.hookFunc";
-/// The longest value of a setting that the tracker reads whole.
-inline constexpr std::size_t kMaxPropertyBytes = 91;
+/// For help: two lines for each hooked kind, what it records and the functions that are hooked.
+std::string HelpOnHookedKinds();
 
-/// All kinds, native first.
-const std::vector<KindInfo>& AllKinds();
-
-const KindInfo& InfoOf(Kind kind);
-
-/// The names in a list separated by commas, each once, blanks around them stripped: the tracker
-/// itself would take those for parts of a name. Directories before a name are dropped. `option`
-/// says in errors where the list stands. Throws UserError when it names nothing, or a name cannot
-/// stand in a setting.
+/// The names in a list separated by commas, each once, without the blanks around them: the tracker
+/// would take those as part of a name. Drops directories before a name. `option` names the list in
+/// errors. Throws UserError if there is no name, or if a property cannot hold one.
 std::vector<std::string> ParseNames(const std::string& option, std::string_view list);
-
-/// `names` as a setting holds them. Throws UserError when the value is longer than one may be.
-std::string HookProperty(const std::string& option, const std::vector<std::string>& names);
 
 /// What is to be hooked.
 struct HookNames {
@@ -59,22 +34,21 @@ struct HookNames {
   std::vector<std::string> functions;
 };
 
-/// The names in the options --lib and --func as they were given; empty ones stand for the defaults
-/// of `kind`. Throws UserError as ParseNames, and when a library has to be named.
-HookNames NamesFor(Kind kind, const std::string& libraries, const std::string& functions);
+/// The names in the options --lib and --func. An empty option stands for the library or the
+/// functions of `kind`. Throws UserError as ParseNames does, if `kind` needs a library, and if a
+/// name is given for native memory.
+HookNames NamesFor(const Kind& kind, const std::string& libraries, const std::string& functions);
 
-/// Said when the unwinder was asked for.
+/// A note for users who ask for the unwinder.
 inline constexpr const char* kNoUnwindTables =
-    "--unwind dwarf is not taken: the unwinder cannot cross a hook; frame pointers are walked";
+    "ignoring --unwind dwarf: the unwinder cannot cross a hook; using frame pointers";
 
-/// `properties` with the hook settings and the frame-pointer walk in force. Throws UserError when a
-/// setting cannot hold the names.
-std::string WithHooks(const std::string& properties, const std::vector<std::string>& libraries,
-                      const std::vector<std::string>& functions);
+/// `properties` with the hook settings, and with frame pointers as the backtrace type. Throws
+/// UserError if a property cannot hold the names.
+std::string WithHooks(const std::string& properties, const HookNames& names);
 
 /// The state of the hooks after the last command in the text of a tracker log: "mmap on",
-/// "ion paused", "recording off (stopped by a report)"; empty when there never was a command for
-/// them.
+/// "ion paused", "recording off (stopped by a report)". Empty without a command for hooks.
 std::string HooksFromLog(std::string_view log);
 
 }  // namespace memleak

@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "protocol/private_files.h"
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/user_error.h"
 #include "tools/target/elf_info.h"
 #include "tools/target/process_info.h"
@@ -88,8 +88,9 @@ std::string Libraries(const RunOptions& options, std::uint16_t machine) {
     for (const std::string& candidate : candidates) {
       searched += (searched.empty() ? "" : ", ") + candidate;
     }
-    throw UserError("no " + std::string(kPreloadLibrary) + " and " + kTrackerLibrary + " for " +
-                        MachineName(machine) + " in " + searched,
+    throw UserError("no " + std::string(protocol::kPreloadLibrary) + " and " +
+                        protocol::kTrackerLibrary + " for " + MachineName(machine) + " in " +
+                        searched,
                     LibrariesRemedy(options.libdir, machine));
   }
   // The dynamic linker splits its list at blanks and colons, the emulator its own at commas.
@@ -135,7 +136,7 @@ std::string PrependPreload(const std::string& library, const std::string& existi
 // Command line and linker settings; under an emulator the latter are for the guest alone.
 void ComposeCommand(const RunOptions& options, const Program& program, const std::string& libdir,
                     LaunchPlan* plan) {
-  const std::string preload = libdir + "/" + kPreloadLibrary;
+  const std::string preload = libdir + "/" + protocol::kPreloadLibrary;
   if (options.emulator.empty()) {
     plan->executable = program.path;
     plan->arguments = options.command;
@@ -157,20 +158,16 @@ void ComposeCommand(const RunOptions& options, const Program& program, const std
 
 // The libraries to be hooked cannot be looked at yet: the program has not loaded them.
 void ComposeHooks(const RunOptions& options, LaunchPlan* plan) {
-  if (options.kind == Kind::kNative) {
-    if (options.libraries.empty() && options.functions.empty()) return;
-    throw UserError("--lib and --func say what is hooked, and native memory takes no hooks",
-                    "add --kind mmap, ion or gpu");
-  }
+  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
+  if (options.kind->IsNative()) return;
   if (!options.start && !options.report_at_exit) {
     throw UserError("--kind goes with --start or --report-at-exit",
                     "add one, or give it to memleak on PID later");
   }
-  if (options.type.value_or(kUnwindFramePointers) != kUnwindFramePointers) {
+  if (options.type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers) {
     plan->note = kNoUnwindTables;
   }
-  const HookNames names = NamesFor(options.kind, options.libraries, options.functions);
-  plan->properties = WithHooks(plan->properties, names.libraries, names.functions);
+  plan->properties = WithHooks(plan->properties, names);
 }
 
 void ComposeSettings(const RunOptions& options, const Program& program, LaunchPlan* plan) {
@@ -178,30 +175,31 @@ void ComposeSettings(const RunOptions& options, const Program& program, LaunchPl
   const std::string pattern =
       fs::absolute(options.root.empty() ? "memleak.%p" : options.root).lexically_normal().string();
   plan->root = ExpandPid(pattern, getpid());
-  const std::string properties = (fs::path(plan->root) / kPropertiesFile).string();
+  const std::string properties = (fs::path(plan->root) / protocol::kPropertiesFile).string();
 
   BacktraceSettings settings;
   // x86-64 system libraries keep no frame pointers.
-  settings.type = options.type.value_or(program.image.machine == EM_AARCH64 ? kUnwindFramePointers
-                                                                            : kUnwindTables);
-  settings.depth = options.depth.value_or(kDefaultDepth);
+  settings.type =
+      options.type.value_or(program.image.machine == EM_AARCH64 ? protocol::kUnwindFramePointers
+                                                                : protocol::kUnwindTables);
+  settings.depth = options.depth.value_or(protocol::kDefaultDepth);
   plan->properties = UpdateProperties(ReadProperties(plan->root).value_or(""), settings);
   ComposeHooks(options, plan);
 
-  const KindInfo& kind = InfoOf(options.kind);
   // Absent values are removed: the caller may itself run under the tracker.
   const auto command = [](bool wanted, std::uint64_t word) {
     return wanted ? std::optional<std::string>(Hex(word)) : std::nullopt;
   };
-  plan->environment.push_back({kRootVariable, pattern});
-  plan->environment.push_back({kPropertiesVariable, properties});
-  plan->environment.push_back({kStartVariable, command(options.start, kind.on)});
+  plan->environment.push_back({protocol::kRootVariable, pattern});
+  plan->environment.push_back({protocol::kPropertiesVariable, properties});
   plan->environment.push_back(
-      {kReportAtExitVariable, command(options.report_at_exit, kind.report)});
+      {protocol::kStartVariable, command(options.start, options.kind->On())});
+  plan->environment.push_back(
+      {protocol::kReportAtExitVariable, command(options.report_at_exit, options.kind->Report())});
   if (!options.log.empty()) {
     const std::string log =
         options.log == "stderr" ? options.log : fs::absolute(options.log).string();
-    plan->environment.push_back({kLogVariable, log});
+    plan->environment.push_back({protocol::kLogVariable, log});
     if (log != "stderr") plan->log = ExpandPid(log, getpid());
   }
 }

@@ -13,11 +13,11 @@ namespace memleak {
 
 /// What a person asked `run` for.
 struct RunOptions {
-  bool start = false;           ///< record from before main
-  bool report_at_exit = false;  ///< write a report when the program ends
-  Kind kind = Kind::kNative;    ///< what `start` and `report_at_exit` are about
-  std::string libraries;        ///< to be hooked, separated by commas; empty: the kind's default
-  std::string functions;        ///< the same
+  bool start = false;                     ///< record from before main
+  bool report_at_exit = false;            ///< write a report when the program ends
+  const Kind* kind = &protocol::kNative;  ///< what `start` and `report_at_exit` are about
+  std::string libraries;  ///< to be hooked, separated by commas; empty: the kind's default
+  std::string functions;  ///< the same
   std::optional<std::uint32_t> depth;
   std::optional<char> type;
   std::string root;      ///< as given, may hold "%p"; empty: ./memleak.<pid>

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tools/base/control.h"
+#include "protocol/kinds.h"
 #include "tools/target/report_wait.h"
 
 namespace memleak {
@@ -72,16 +72,17 @@ std::uint64_t ReceivedWord(std::string_view line) {
 }
 
 Recording RecordingFromLog(std::string_view log) {
+  const std::string switched = protocol::kNative.switch_line;
   Recording state = Recording::kNever;
   std::istringstream lines{std::string(log)};
   for (std::string line; std::getline(lines, line);) {
-    if (line.find("set hook to:true") != std::string::npos) state = Recording::kOn;
-    if (line.find("set hook to:false") != std::string::npos) state = Recording::kPaused;
+    if (line.find(switched + "true") != std::string::npos) state = Recording::kOn;
+    if (line.find(switched + "false") != std::string::npos) state = Recording::kPaused;
     // Stopping logs no line of its own, so the command word itself is read.
     const std::uint64_t word = ReceivedWord(line);
-    if ((word & kNativeOn) != 0) state = Recording::kOn;
-    if ((word & kNativePause) != 0) state = Recording::kPaused;
-    if ((word & kNativeReport) != 0) state = Recording::kStopped;
+    if ((word & protocol::kNative.On()) != 0) state = Recording::kOn;
+    if ((word & protocol::kNative.Pause()) != 0) state = Recording::kPaused;
+    if ((word & protocol::kNative.Report()) != 0) state = Recording::kStopped;
   }
   return state;
 }

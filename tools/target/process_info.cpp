@@ -5,7 +5,7 @@
 #include <array>
 #include <charconv>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/names.h"
 
@@ -115,14 +115,7 @@ std::string GuestName(std::string_view cmdline) {
 
 std::string ExpandPid(std::string_view text, pid_t pid) {
   std::string expanded;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text.substr(i, 2) == "%p") {
-      expanded += std::to_string(pid);
-      ++i;
-    } else {
-      expanded += text[i];
-    }
-  }
+  protocol::ExpandPid(text, pid, [&](char c) { expanded += c; });
   return expanded;
 }
 
@@ -131,11 +124,11 @@ std::string ProcessInfo::Label() const {
 }
 
 std::string ProcessInfo::PropertiesPath() const {
-  return JoinPath(root, kPropertiesFile);
+  return JoinPath(root, protocol::kPropertiesFile);
 }
 
 std::string ProcessInfo::ReportPath() const {
-  return JoinPath(root, kReportFile);
+  return JoinPath(root, protocol::kReportFile);
 }
 
 bool IsEmulator(const std::string& executable) {

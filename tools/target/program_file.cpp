@@ -12,7 +12,7 @@
 #include <fstream>
 #include <string_view>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/user_error.h"
 
 namespace memleak {
@@ -148,8 +148,8 @@ Program FindProgram(const std::string& name, const std::string& search_path) {
 std::string FindTrackerLibraries(const std::vector<std::string>& candidates,
                                  std::uint16_t machine) {
   for (const std::string& directory : candidates) {
-    const std::optional<ElfInfo> tracker = ReadElf(directory + "/" + kTrackerLibrary);
-    const std::optional<ElfInfo> preload = ReadElf(directory + "/" + kPreloadLibrary);
+    const std::optional<ElfInfo> tracker = ReadElf(directory + "/" + protocol::kTrackerLibrary);
+    const std::optional<ElfInfo> preload = ReadElf(directory + "/" + protocol::kPreloadLibrary);
     const bool fits = tracker && preload && tracker->is_64_bit && preload->is_64_bit &&
                       tracker->machine == machine && preload->machine == machine;
     if (fits) return directory;

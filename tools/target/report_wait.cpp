@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
 
@@ -25,7 +26,6 @@ using std::chrono::steady_clock;
 
 // The report is looked at this often even without an event: file systems exist that send none.
 constexpr milliseconds kLook(250);
-constexpr std::string_view kEndLine = "\nEND";
 constexpr std::uint32_t kEvents =
     IN_CREATE | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF;
 
@@ -123,13 +123,14 @@ void RestoreOldReport(const std::string& path) {
 bool EndsComplete(const std::string& path) {
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) return false;
-  std::array<char, kEndLine.size()> tail{};
+  const std::string end_line = std::string("\n") + protocol::kReportEnd;
+  std::string tail(end_line.size(), '\0');
   const off_t size = lseek(file, 0, SEEK_END);
   const auto length = static_cast<off_t>(tail.size());
   const bool read_tail =
       size >= length && pread(file, tail.data(), tail.size(), size - length) == length;
   close(file);
-  return read_tail && std::string_view(tail.data(), tail.size()) == kEndLine;
+  return read_tail && tail == end_line;
 }
 
 WaitResult WaitForReport(const WaitOptions& options) {

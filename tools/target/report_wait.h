@@ -33,7 +33,7 @@ std::optional<FileState> MoveOldReportAside(const std::string& path);
 /// Undoes MoveOldReportAside when no new report will come.
 void RestoreOldReport(const std::string& path);
 
-/// True when the file ends with a line "END" without a newline, the last bytes that are written.
+/// True if the last line of the file is protocol::kReportEnd without a newline.
 bool EndsComplete(const std::string& path);
 
 enum class WaitResult { kComplete, kTimeout, kProcessEnded };

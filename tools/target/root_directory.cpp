@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "protocol/private_files.h"
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
 
@@ -62,8 +62,8 @@ BacktraceSettings ParseSettings(std::string_view properties) {
     if (equals == std::string::npos || equals + 1 == line.size()) continue;
     const std::string_view name = std::string_view(line).substr(0, equals);
     const std::string_view value = std::string_view(line).substr(equals + 1);
-    if (name == kTypeProperty) settings.type = value.front();
-    if (name == kDepthProperty) {
+    if (name == protocol::kTypeProperty) settings.type = value.front();
+    if (name == protocol::kDepthProperty) {
       const bool digits = value.find_first_not_of("0123456789") == std::string_view::npos;
       std::uint32_t depth = 0;
       const auto result = std::from_chars(value.data(), value.data() + value.size(), depth);
@@ -75,9 +75,9 @@ BacktraceSettings ParseSettings(std::string_view properties) {
 
 std::string UpdateProperties(std::string_view properties, const BacktraceSettings& settings) {
   std::string updated(properties);
-  if (settings.type) updated = WithProperty(updated, kTypeProperty, {*settings.type});
+  if (settings.type) updated = WithProperty(updated, protocol::kTypeProperty, {*settings.type});
   if (settings.depth) {
-    updated = WithProperty(updated, kDepthProperty, std::to_string(*settings.depth));
+    updated = WithProperty(updated, protocol::kDepthProperty, std::to_string(*settings.depth));
   }
   return updated;
 }
@@ -93,21 +93,22 @@ std::string WithProperty(std::string_view properties, const std::string& name,
 }
 
 void WriteProperties(const std::string& root, std::string_view properties) {
-  std::string path = JoinPath(root, kPropertiesFile);
+  std::string path = JoinPath(root, protocol::kPropertiesFile);
   protocol::Refusal refusal;
   const Descriptor directory(
       protocol::OpenDirectoryOf(path.data(), root.size(), protocol::Missing::kMake, refusal));
   if (directory.Number() < 0) {
     throw NotWritable(path.substr(0, refusal.path_bytes), refusal.Reason());
   }
-  const std::string fresh = kPropertiesFile + ("." + std::to_string(getpid()));
+  const std::string fresh = protocol::kPropertiesFile + ("." + std::to_string(getpid()));
   // Left behind by an earlier process with the same id.
   unlinkat(directory.Number(), fresh.c_str(), 0);
   const Descriptor file(
       protocol::OpenFile(directory.Number(), fresh.c_str(), protocol::Use::kCreate, refusal));
   if (file.Number() < 0) throw NotWritable(root, refusal.Reason());
   if (WriteAll(file.Number(), properties) &&
-      renameat(directory.Number(), fresh.c_str(), directory.Number(), kPropertiesFile) == 0) {
+      renameat(directory.Number(), fresh.c_str(), directory.Number(), protocol::kPropertiesFile) ==
+          0) {
     return;
   }
   const int reason = errno;
@@ -116,7 +117,7 @@ void WriteProperties(const std::string& root, std::string_view properties) {
 }
 
 std::optional<std::string> ReadProperties(const std::string& root) {
-  std::string path = JoinPath(root, kPropertiesFile);
+  std::string path = JoinPath(root, protocol::kPropertiesFile);
   protocol::Refusal refusal;
   const Descriptor file(
       protocol::OpenBelowRoot(path.data(), root.size(), protocol::Use::kRead, refusal));

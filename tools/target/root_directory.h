@@ -12,7 +12,7 @@ namespace memleak {
 /// The backtrace settings that a person chose; what is not set is left as it is.
 struct BacktraceSettings {
   std::optional<std::uint32_t> depth;  ///< frames per allocation
-  std::optional<char> type;            ///< kUnwindFramePointers or kUnwindTables
+  std::optional<char> type;  ///< protocol::kUnwindFramePointers or protocol::kUnwindTables
 };
 
 /// Settings in force according to a properties text: unset or unusable values are left empty, and

@@ -7,13 +7,14 @@
 
 namespace memleak {
 
-/// The signal number, in the sender's numbering, that a target sees as 44: an emulator shifts the
-/// numbers of its guest up by two, be the guest the target, the sender or both.
+/// The number that the sender gives the control signal. An emulator adds
+/// protocol::kEmulatedSignalShift to the numbers of its guest, which may be the target, the sender
+/// or both.
 int ControlSignalFor(bool target_emulated, bool sender_emulated);
 
 /// Queues the command `word` with `parameter` for `process`, which RequireTracked has returned.
-/// Returns when the kernel has taken it, not when it has been carried out. Throws UserError when
-/// the process is gone, not ours, or has too many signals pending.
+/// Returns when the kernel has queued it. Throws UserError if the process has ended, belongs to
+/// another user, or has too many signals pending.
 void SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_t parameter);
 
 }  // namespace memleak

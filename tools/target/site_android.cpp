@@ -4,7 +4,7 @@
 #include <array>
 #include <sstream>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/user_error.h"
 #include "tools/target/device_root.h"
 #include "tools/target/kinds.h"
@@ -34,8 +34,8 @@ void FindPlaces(ProcessInfo* process) {
 
 StoredSettings ReadSettings(const ProcessInfo& /*process*/) {
   StoredSettings settings;
-  for (const char* name :
-       {kTypeProperty, kDepthProperty, kHookLibraryProperty, kHookFunctionProperty}) {
+  for (const char* name : {protocol::kTypeProperty, protocol::kDepthProperty,
+                           protocol::kHookLibraryProperty, protocol::kHookFunctionProperty}) {
     const std::string value = Property(name);
     if (!value.empty()) settings.text += std::string(name) + "=" + value + "\n";
   }

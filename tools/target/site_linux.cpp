@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/root_directory.h"
@@ -67,11 +67,11 @@ class AsUserOf {
 }  // namespace
 
 void FindPlaces(ProcessInfo* process) {
-  const std::string root = Lookup(process->environment, kRootVariable);
+  const std::string root = Lookup(process->environment, protocol::kRootVariable);
   process->root = root.empty() ? "/" : OwnPath(root, *process);
-  const std::string log = Lookup(process->environment, kLogVariable);
+  const std::string log = Lookup(process->environment, protocol::kLogVariable);
   if (!log.empty() && log != "stderr") process->log = OwnPath(log, *process);
-  const std::string shared = Lookup(process->environment, kPropertiesVariable);
+  const std::string shared = Lookup(process->environment, protocol::kPropertiesVariable);
   if (!shared.empty()) process->shared_properties = OwnPath(shared, *process);
 }
 
@@ -97,9 +97,10 @@ std::string LogPlace(const ProcessInfo& process) {
 }
 
 std::string WhyUnknown(const ProcessInfo& process) {
-  std::string text = process.environment.contains(kStartVariable) ? ", on when it was started" : "";
+  std::string text =
+      process.environment.contains(protocol::kStartVariable) ? ", on when it was started" : "";
   if (!process.log.empty()) return text;
-  return text + (Lookup(process.environment, kLogVariable).empty()
+  return text + (Lookup(process.environment, protocol::kLogVariable).empty()
                      ? " (no log; memleak run --log FILE makes one)"
                      : " (its log goes to its error output)");
 }

@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"

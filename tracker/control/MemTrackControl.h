@@ -20,8 +20,8 @@ extern std::atomic<std::uint32_t> mem_track_type;
 extern ThreadMark record_key;
 /// True while at least one PLT hook is installed.
 extern std::atomic<bool> is_plt_hook;
-/// Backtrace size and type from the parameter word of the latest native or fd "on"; 0 after a native
-/// or fd clear.
+/// Backtrace size and type from the parameter word of the latest native or fd "on"; 0 after a
+/// native or fd clear.
 extern std::atomic<std::uint32_t> signal_bt_size;
 extern std::atomic<std::uint32_t> signal_bt_type;
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "tools/base/control.h"
+#include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/target/device_root.h"
 #include "tools/target/root_directory.h"
@@ -14,14 +14,14 @@
 namespace {
 
 std::string Properties() {
-  const std::string path = memleak::JoinPath(memleak::DeviceRoot(), memleak::kPropertiesFile);
+  const std::string path = memleak::JoinPath(memleak::DeviceRoot(), protocol::kPropertiesFile);
   return memleak::ReadTextFile(path).value_or("");
 }
 
 }  // namespace
 
 std::string memleak::DeviceRoot() {
-  const char* root = std::getenv(kRootVariable);
+  const char* root = std::getenv(protocol::kRootVariable);
   return root != nullptr ? root : "";
 }
 

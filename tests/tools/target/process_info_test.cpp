@@ -13,8 +13,9 @@
 #include <cstdio>
 #include <functional>
 
+#include "protocol/kinds.h"
+#include "protocol/protocol.h"
 #include "tests/control_signal.h"
-#include "tools/base/control.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
 #include "tools/target/log_tail.h"
@@ -64,7 +65,7 @@ TEST(ProcText, IsReadExactly) {
 volatile bool received_both_words = false;
 
 void Remember(int, siginfo_t* info, void*) {
-  const ControlWords words = ReadControlWords(info);
+  const protocol::Command words = protocol::ReadCommand(*info);
   received_both_words = words.word == 0x123456789abcdef0 && words.parameter == 0xa0031;
 }
 
@@ -72,7 +73,7 @@ void CatchControlSignal() {
   struct sigaction action {};
   action.sa_sigaction = Remember;
   action.sa_flags = SA_SIGINFO;
-  sigaction(kControlSignal, &action, nullptr);
+  sigaction(protocol::control_signal, &action, nullptr);
 }
 
 void MapTracker() {
@@ -92,7 +93,7 @@ class Child {
       sigset_t blocked;
       sigset_t before;
       sigemptyset(&blocked);
-      sigaddset(&blocked, kControlSignal);
+      sigaddset(&blocked, protocol::control_signal);
       sigprocmask(SIG_BLOCK, &blocked, &before);
       prepare();
       close(ready[0]);
@@ -129,7 +130,7 @@ class Child {
 
 std::string RefusalOf(pid_t pid) {
   try {
-    SendCommand(RequireTracked(pid, 0), kNativeOn, 0);
+    SendCommand(RequireTracked(pid, 0), protocol::kNative.On(), 0);
   } catch (const UserError& error) {
     return error.what();
   }
