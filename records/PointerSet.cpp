@@ -1,5 +1,9 @@
-// The keys of Java-native backtraces, and the readers' lock.
+// The Java-native tables of a set, and the readers' lock.
 #include "records/PointerSet.h"
+
+#include <mutex>
+#include <new>
+#include <utility>
 
 #include "records/PointerData.h"
 #include "records/record_store.h"
@@ -25,9 +29,33 @@ bool UnwindFrameKeyEqual::operator()(const UnwindFrameKeyType& a,
   return true;
 }
 
-void PointerSet::SyncJavaTables() {
-  SyncJavaPointers();
-  SyncUnwindFrames();
+void PointerSet::AddJavaNative(std::uint64_t address, std::uint64_t encoded_size,
+                               std::vector<unwindstack::FrameData>* frames, bool held) try {
+  const SetLock frame_lock(frame_mutex, held);
+  std::uint64_t unwind_index;
+  std::uint32_t generation;
+  {
+    const std::lock_guard<SetMutex> guard(unwind_mutex);
+    generation = SyncUnwindFrames();
+    const auto found = unwind_key_to_index.find({frames->size(), frames->data()});
+    if (found != unwind_key_to_index.end()) {
+      unwind_index = found->second;
+      ++unwind_frames[unwind_index].references;
+    } else {
+      unwind_index = cur_unwind_index++;
+      UnwindFrameInfoType& info = unwind_frames[unwind_index];
+      info.references = 1;
+      info.frames = std::move(*frames);
+      // The key points to the frames of the map's entry, which never moves.
+      unwind_key_to_index.emplace(UnwindFrameKeyType{info.frames.size(), info.frames.data()},
+                                  unwind_index);
+    }
+  }
+  const std::lock_guard<SetMutex> guard(java_pointer_mutex);
+  if (SyncJavaPointers() != generation) return;  // a clear removed the stack meanwhile
+  java_pointers[address] = {encoded_size, unwind_index};
+} catch (const std::bad_alloc&) {
+  // The block keeps its native record.
 }
 
 std::uint32_t PointerSet::SyncJavaPointers() {

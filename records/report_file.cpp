@@ -1,8 +1,7 @@
-// The report: the text of the native section, the report file and the exception-log device.
+// The report: its native section, the report file and the exception-log device.
 //
-// Runs on the dump thread. The allocating threads wait only while GetInfo groups the records;
-// text, maps look-ups, file and device are done with nothing but the initialise lock held.
-
+// Runs on the dump thread. Allocating threads wait only while GetInfo groups the records. The text,
+// map lookups, file and device are done with only the initialise lock held.
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -32,11 +31,11 @@ namespace {
 
 constexpr char kLogTag[] = "MemLeak.Native";
 
-/// Native records that a report shows; the others are only counted.
+/// Maximum number of native records that a report shows. The others are only counted.
 constexpr std::size_t kMaxShownRecords = 1000;
 
-// What the exception-log device is handed, all fields little-endian:
-//   0  u32 magic, 4  u32 kind, 8  u64 length of the text part, 16  the text.
+// The buffer for the exception-log device, all fields little-endian:
+//   0  u32 magic, 4  u32 kind, 8  u64 length of the text, 16  the text.
 constexpr std::uint32_t kDeviceMagic = 0x5377FEFA;
 constexpr std::uint32_t kDeviceKind = 2;
 constexpr std::size_t kDeviceHeaderBytes = 16;
@@ -45,9 +44,9 @@ constexpr std::size_t kDeviceBufferBytes = kDeviceHeaderBytes + kDeviceTextBytes
 /// Type 0xAF, number 6, without direction or size bits.
 constexpr int kDeviceRequest = 0xAF06;
 
-/// Keeps what this thread allocates and maps out of the records while it lives: another kind, or
-/// native recording itself, may be on while a report is written. The record store's own mark would
-/// not do: GetInfo takes it off, and frees must still reach the records.
+/// Stops recording of this thread's allocations and mappings during its lifetime, since recording
+/// may be on while a report is written. The mark of the record store is not enough: GetInfo removes
+/// it, and frees must still reach the records.
 class ThreadNotRecorded {
  public:
   ThreadNotRecorded() : control_(MemTrackControl::GetInstance()) {
@@ -80,8 +79,8 @@ void StoreLittleEndian(unsigned char* destination, std::uint64_t value, std::siz
   }
 }
 
-/// Fills the zeroed device buffer from `text`. A text that leaves room ends with a NUL that counts;
-/// a longer one is cut and has none.
+/// Fills the zeroed device buffer from `text`. The length includes a final NUL. A text that is too
+/// long is cut and has no NUL.
 void FillDeviceBuffer(unsigned char* buffer, const ReportText& text) {
   const std::size_t length = std::min(text.size() + 1, kDeviceTextBytes);
   StoreLittleEndian(buffer, kDeviceMagic, 4);
@@ -91,8 +90,8 @@ void FillDeviceBuffer(unsigned char* buffer, const ReportText& text) {
                  std::min(text.size(), length));
 }
 
-/// Writes the whole of `text`, in pieces: a process that leaks has no memory for a second copy.
-/// A file that cannot take all of it is left as it is; its reader misses the "END".
+/// Writes all of `text`, in pieces: a process that leaks may have no memory for a second copy. If a
+/// write fails, the file stays incomplete and lacks the "END" mark.
 void WriteReportFile(const ReportText& text) {
   std::FILE* file = platform::OpenReportFile();
   if (file == nullptr) {
@@ -106,7 +105,7 @@ void WriteReportFile(const ReportText& text) {
   std::fclose(file);
 }
 
-/// Hands `buffer` (kDeviceBufferBytes long) to the device; `text_bytes` is for the log alone.
+/// Sends `buffer` (kDeviceBufferBytes long) to the device. `text_bytes` is only logged.
 void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
   std::string path;
   const int fd = platform::OpenExceptionDevice(path);
@@ -120,21 +119,21 @@ void SendToDevice(unsigned char* buffer, std::size_t text_bytes) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "failed to save stacktrace,errno:%s",
                           std::strerror(errno));
   } else {
-    // Spelling and trailing blank are part of the message that log readers look for.
+    // Intentional: the spelling and the trailing blank. Log readers search for this message.
     async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "ioctl native stacktrace sucess,len:%d ",
                           static_cast<int>(text_bytes));
   }
   close(fd);
 }
 
-/// Writes the frames of one record, each resolved one followed by a blank.
+/// Writes the frames of one record. A blank follows each resolved frame.
 void WriteFrames(ReportText& out, const std::vector<std::uint64_t>& frames) {
   MapData* const maps = MapData::GetInstance();
   for (const std::uint64_t pc : frames) {
     std::uintptr_t rel_pc = 0;
     const MapEntry* const entry = maps->Find(static_cast<std::uintptr_t>(pc), &rel_pc);
     if (entry == nullptr) {
-      // No blank behind it, unlike a resolved frame: that is the format.
+      // Intentional: no blank after it.
       out << "[unknow]";
       async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "codeMap is null");
       continue;
@@ -143,7 +142,7 @@ void WriteFrames(ReportText& out, const std::vector<std::uint64_t>& frames) {
   }
 }
 
-/// Writes the line of one group; `now` is in seconds since the epoch, like the record's times.
+/// Writes the line of one group. `now` is in seconds since the epoch.
 void WriteRecord(ReportText& out, const RecordStruct& record, std::int64_t now) {
   if (record.frames.empty() || record.times.empty()) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "not be here %zd %zd",
@@ -153,18 +152,16 @@ void WriteRecord(ReportText& out, const RecordStruct& record, std::int64_t now) 
   }
   out << "sz " << record.size << ' ' << record.total << " num " << record.num << " time ";
   for (const std::int64_t time : record.times) out << now - time << ' ';
-  out << " bt ";  // two blanks stand before it
+  out << " bt ";  // the second of two blanks
   WriteFrames(out, record.frames);
   out << '\n';
 }
 
 }  // namespace
 
-// Takes nothing and reports failures to the log alone. Waits for a clear or another report. The
-// calling thread's recording switches are as before when it returns.
 void PointerData::DumpAllocationTracesToFile() try {
   const ThreadNotRecorded not_recorded;
-  // Held to the end, so that a clear cannot empty the tables in the middle of the report.
+  // Held to the end: keeps clears out.
   const std::lock_guard<SetMutex> lock(InitialiseLock());
   const std::unique_ptr<unsigned char, FreeDeleter> buffer(
       static_cast<unsigned char*>(std::malloc(kDeviceBufferBytes)));
@@ -177,17 +174,16 @@ void PointerData::DumpAllocationTracesToFile() try {
   ReportText text;
   ReportNodes(text);
   ReportJavaNativeNodes(text);
-  text << "END";  // a reader's sign that the report is complete; no newline after it
+  text << "END";  // marks a complete report; no newline follows
 
   FillDeviceBuffer(buffer.get(), text);
   WriteReportFile(text);
   SendToDevice(buffer.get(), text.size());
 } catch (const std::bad_alloc&) {
-  // A process that leaks may have no memory left for its report; it must not end for that.
+  // A process that leaks may have no memory for its report. That must not end it.
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
 }
 
-// Any thread that holds no lock of a set; leaves the thread unmarked, as GetInfo does.
 void PointerData::ReportNodes(ReportText& out) {
   const auto now = static_cast<std::int64_t>(std::time(nullptr));
   out << "Native Heap MemLeak Tracker Version 2.0:\n";

@@ -1,5 +1,7 @@
-// Grouping of the live blocks, and their export largest first. On the dump thread and in the C
-// library's leak-info entry; all other threads' record operations wait meanwhile.
+// The leak-info export: groups of live blocks, largest first.
+//
+// Runs on the dump thread and in the C library's leak-info entry. Record operations of all other
+// threads wait meanwhile.
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -18,10 +20,10 @@ namespace {
 constexpr char kTag[] = "MemLeak.Native";
 constexpr char kBacktraceSizeProperty[] = "vastel.memleak.backtacemaxnum";
 
-/// Bytes of a leak-info element beside its frames, as the platform's tools expect them.
+/// Size of a leak-info element without its frames, as the platform's tools expect it.
 constexpr std::size_t kInfoHeaderBytes = 272;
 
-/// Copies group `i` into `record`. `record` still has the values of the group before.
+/// Copies group `i` into `record`, which holds the previous group.
 void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
                 RecordStruct* record) {
   record->size = group.size;
@@ -35,7 +37,7 @@ void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
         "%lu, isZygoteChild = %d",
         static_cast<unsigned long>(group.pointer), static_cast<unsigned long>(group.num),
         static_cast<unsigned long>(group.size), static_cast<int>(group.zygote_child));
-    return;  // Intentional: total and frame_count stay those of the group before.
+    return;  // Intentional: total and frame_count stay those of the previous group.
   }
   record->total = group.num * group.size;
   record->frame_count = group.frame_info->num_frames;
@@ -47,8 +49,7 @@ void FillRecord(Grouping& grouping, std::size_t i, const ListInfoType& group,
 }  // namespace
 
 void PointerData::GetUniqueList(std::vector<ListInfoType>* list, bool /*only_with_backtrace*/) {
-  // On a marked thread the caller holds every lock. On another thread, this waits for the running
-  // operations and keeps new ones out: a set must not change while it is compared with the next.
+  // All sets are locked at once: none may change while it is compared with another.
   const InsideStore inside;
   const FrameInfoListWithLock locks(inside.before() != nullptr);
   Grouping(list).AddAllSets();
@@ -62,7 +63,7 @@ std::uint32_t PointerData::GetMaxBacktraceNum() {
     if (*end == '\0') {
       errno = 0;
       const unsigned long long number = std::strtoull(value, nullptr, 10);
-      // Beyond an int the value is refused, like anything else that is not a number.
+      // A value that does not fit an int is ignored, like a value that is not a number.
       if (errno == 0 && number <= INT_MAX) SetBacktraceSize(static_cast<std::uint32_t>(number));
     }
   }
@@ -72,9 +73,9 @@ std::uint32_t PointerData::GetMaxBacktraceNum() {
 void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           std::size_t* info_size, std::size_t* total_memory,
                           std::size_t* backtrace_size, std::vector<RecordStruct>* list) {
-  // Intentional: the mark is gone at the end, even if the thread was inside the store before.
+  // Intentional: removes the mark, even if the thread was inside the store.
   if (record_key.Get() == ThreadMark::kInside) record_key.Set(nullptr);
-  const InsideStore inside;  // keeps the vectors built below out of the tables
+  const InsideStore inside;  // the store must not record the vectors built below
   FrameInfoListWithLock locked(inside.before() == kHoldsStore);
   std::vector<ListInfoType>& groups = *locked.list();
   Grouping grouping(&groups);
