@@ -1,4 +1,4 @@
-// A library that calls what it imports, for bench/hooks.cpp to hook.
+// The library that bench/hooks.cpp hooks. It calls the functions that it imports.
 #include "hooked_library.h"
 
 #include <sys/mman.h>

@@ -1,9 +1,9 @@
-// What the hook engine costs: a hooked call over a plain one, mapping through a hooked library,
-// indexing of 200 loaded libraries, and hooking of 1000 slots. Prints one table.
+// Measures the hook engine: a hooked call against a plain one, mapping through a hooked library,
+// indexing 200 loaded libraries, and hooking 1000 slots. Prints one table.
 //
-// Ratios within one run count, not times between runs: repetitions are interleaved, so that a slow
-// moment of the machine hits every row. Takes the path of the library to hook, of which it loads
-// copies; without it, the one that was built with it.
+// Compare ratios within a run, not times of different runs: repetitions are interleaved, so that
+// other load affects all rows. The optional argument is the library to hook, of which copies are
+// loaded; the default is the one in the build tree.
 
 #include <dlfcn.h>
 #include <sys/wait.h>
@@ -48,20 +48,20 @@ double Seconds(Work work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// What a hook calls to go on.
+/// Returns the function that `hook` calls next.
 template <typename Function>
 Function* Previous(Function* hook) {
   return reinterpret_cast<Function*>(
       lumora::plthooks::get_previous_from_hook(reinterpret_cast<void*>(hook)));
 }
 
-/// A hook that only forwards; one function for each level.
+/// A hook that only forwards. One function per level.
 template <int kLevel>
 void Empty(long value) {
   Previous(Empty<kLevel>)(value);
 }
 
-/// As the proxies do before they record: forward, and ask who called.
+/// As the tracker's proxies: forwards, then asks for the caller.
 void* Map(void* at, std::size_t bytes, int rights, int flags, int file, long offset) {
   void* result = Previous(Map)(at, bytes, rights, flags, file, offset);
   std::uintptr_t pc = 0;
@@ -73,7 +73,7 @@ int Unmap(void* at, std::size_t bytes) {
   return Previous(Unmap)(at, bytes);
 }
 
-/// The library at `path`, loaded for good.
+/// The library at `path`. Never unloaded.
 class Library {
  public:
   explicit Library(const std::string& path)
@@ -99,7 +99,7 @@ class Library {
   void* handle_;
 };
 
-/// Copies of one library, one loaded for each; the files are gone afterwards.
+/// Loads `count` copies of a library and deletes the files.
 std::vector<Library> LoadCopies(const std::string& path, int count) {
   std::string pattern = std::filesystem::temp_directory_path() / "memleak-hooks.XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) Fail("cannot make a directory", pattern.c_str());
@@ -113,7 +113,8 @@ std::vector<Library> LoadCopies(const std::string& path, int count) {
   return copies;
 }
 
-/// The best time to index everything that is loaded, each time in a child that has not yet.
+/// Returns the best time to index all loaded libraries. Each repetition is a child process, which
+/// has no index yet.
 double IndexSeconds() {
   double best = std::numeric_limits<double>::max();
   for (int repetition = 0; repetition < kRepetitions; ++repetition) {
@@ -140,9 +141,9 @@ double ThreadSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-/// Nanoseconds of its processor's time for one call of `loop(count)`'s work, in the slower one of
-/// `threads` threads that begin together. What other processes take does not count; waiting for
-/// cache lines does.
+/// Returns the CPU time in nanoseconds of one iteration of `loop(count)`, in the slowest of
+/// `threads` threads that start together. CPU time excludes other processes and includes cache
+/// misses.
 double Nanoseconds(void (*loop)(long), long count, int threads) {
   std::atomic<int> waiting{threads};
   std::atomic<double> slowest{0};
@@ -167,12 +168,12 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-/// [hooks][threads - 1]
+/// Indexed by [hooks][threads - 1].
 struct CallTable {
   double ns[kHookLevels + 1][kMaxThreads];
 };
 
-/// Medians: the best of runs on a busy machine would be those in which the threads did not meet.
+/// Returns medians: the best runs would be those in which the threads did not run at the same time.
 CallTable MeasureCalls(const std::vector<Library>& libraries) {
   std::vector<double> samples[kHookLevels + 1][kMaxThreads];
   for (int repetition = 0; repetition < kRepetitions; ++repetition) {
@@ -192,7 +193,7 @@ CallTable MeasureCalls(const std::vector<Library>& libraries) {
   return table;
 }
 
-/// [hooked]
+/// Indexed by [hooked].
 struct MapTable {
   double ns[2] = {1e9, 1e9};
 };
@@ -208,7 +209,7 @@ MapTable MeasureMappings(const std::vector<Library>& libraries) {
   return best;
 }
 
-/// The best times to hook and to unhook a library's thousand imports.
+/// The best times to hook and unhook the thousand imports of a library.
 struct SlotTimes {
   double hook = 1e9;
   double unhook = 1e9;
