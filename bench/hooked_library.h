@@ -28,8 +28,6 @@ void bench_empty(long value);
 
 /// Calls bench_empty `count` times.
 void bench_call(long count);
-/// Calls mmap and munmap of 64 KiB `count` times.
-void bench_map(long count);
 /// Calls each of the thousand functions once.
 void bench_call_all();
 }

@@ -1,5 +1,5 @@
-// Measures the hook engine: a hooked call against a plain one, mapping through a hooked library,
-// indexing 200 loaded libraries, and hooking 1000 slots. Prints one table.
+// Measures the hook engine: a hooked call against a plain one, indexing 200 loaded libraries, and
+// hooking 1000 slots. Prints one table.
 //
 // Compare ratios within a run, not times of different runs: repetitions are interleaved, so that
 // other load affects all rows. The optional argument is the library to hook, of which copies are
@@ -31,7 +31,6 @@ using lumora::plthooks::plt_hook_spec;
 
 constexpr int kRepetitions = 9;
 constexpr long kCalls = 1'000'000;
-constexpr long kMappings = 20'000;
 constexpr int kLibraries = 200;
 constexpr int kHookLevels = 2;
 constexpr int kMaxThreads = 2;
@@ -48,29 +47,11 @@ double Seconds(Work work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// Returns the function that `hook` calls next.
-template <typename Function>
-Function* Previous(Function* hook) {
-  return reinterpret_cast<Function*>(
-      lumora::plthooks::get_previous_from_hook(reinterpret_cast<void*>(hook)));
-}
-
 /// A hook that only forwards. One function per level.
 template <int kLevel>
 void Empty(long value) {
-  Previous(Empty<kLevel>)(value);
-}
-
-/// As the tracker's proxies: forwards, then asks for the caller.
-void* Map(void* at, std::size_t bytes, int rights, int flags, int file, long offset) {
-  void* result = Previous(Map)(at, bytes, rights, flags, file, offset);
-  std::uintptr_t pc = 0;
-  std::uintptr_t frame = 0;
-  lumora::plthooks::get_stack_address_for_previous(&pc, &frame);
-  return result;
-}
-int Unmap(void* at, std::size_t bytes) {
-  return Previous(Unmap)(at, bytes);
+  void* const hook = reinterpret_cast<void*>(Empty<kLevel>);
+  reinterpret_cast<void (*)(long)>(lumora::plthooks::get_previous_from_hook(hook))(value);
 }
 
 /// The library at `path`. Never unloaded.
@@ -193,22 +174,6 @@ CallTable MeasureCalls(const std::vector<Library>& libraries) {
   return table;
 }
 
-/// Indexed by [hooked].
-struct MapTable {
-  double ns[2] = {1e9, 1e9};
-};
-
-MapTable MeasureMappings(const std::vector<Library>& libraries) {
-  MapTable best;
-  for (int repetition = 0; repetition < kRepetitions; ++repetition) {
-    for (std::size_t hooked = 0; hooked < 2; ++hooked) {
-      auto* loop = libraries[hooked].find<void(long)>("bench_map");
-      best.ns[hooked] = std::min(best.ns[hooked], Nanoseconds(loop, kMappings, 1));
-    }
-  }
-  return best;
-}
-
 /// The best times to hook and unhook the thousand imports of a library.
 struct SlotTimes {
   double hook = 1e9;
@@ -226,7 +191,8 @@ SlotTimes MeasureSlots(const Library& library) {
     std::vector<plt_hook_spec> specs;
     specs.reserve(names.size());
     for (const std::string& name : names) {
-      specs.push_back({name.c_str(), nullptr, reinterpret_cast<void*>(Unmap), false, 0, nullptr});
+      specs.push_back(
+          {name.c_str(), nullptr, reinterpret_cast<void*>(Empty<1>), false, 0, nullptr});
     }
     int failures = 0;
     best.hook = std::min(best.hook, Seconds([&] {
@@ -243,7 +209,7 @@ SlotTimes MeasureSlots(const Library& library) {
   return best;
 }
 
-void Print(const CallTable& calls, const MapTable& maps, double index, const SlotTimes& slots) {
+void Print(const CallTable& calls, double index, const SlotTimes& slots) {
   std::printf(
       "ns per call through the GOT   1 thread  2 threads   2 over 1    over a plain call\n");
   for (int hooks = 0; hooks <= kHookLevels; ++hooks) {
@@ -254,8 +220,6 @@ void Print(const CallTable& calls, const MapTable& maps, double index, const Slo
     if (hooks == 1) std::printf("  (aims: at most +100; 2 over 1 at most 1.3)");
     std::printf("\n");
   }
-  std::printf("mmap+munmap of 64 KiB: %.0f ns, hooked %.0f ns: %.3f times\n", maps.ns[0],
-              maps.ns[1], maps.ns[1] / maps.ns[0]);
   std::printf("index of %d more libraries of 1000 imports: %.1f ms (aim: at most 50)\n", kLibraries,
               index * 1e3);
   std::printf("1000 slots: hooked in %.1f ms, unhooked in %.1f ms\n", slots.hook * 1e3,
@@ -275,10 +239,7 @@ int main(int argc, char** argv) {
   libraries[1].Hook("bench_empty", Empty<1>);
   libraries[2].Hook("bench_empty", Empty<1>);
   libraries[2].Hook("bench_empty", Empty<2>);
-  libraries[1].Hook("mmap", Map);
-  libraries[1].Hook("munmap", Unmap);
   const CallTable calls = MeasureCalls(libraries);
-  const MapTable maps = MeasureMappings(libraries);
-  Print(calls, maps, index, MeasureSlots(libraries[3]));
+  Print(calls, index, MeasureSlots(libraries[3]));
   return 0;
 }
