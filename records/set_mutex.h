@@ -15,11 +15,11 @@
 #include <cstdint>
 #include <ctime>
 
-/// Branch hints for the hot path of an allocation.
-inline bool Likely(bool condition) {
+/// Branch hints for the hot path of an allocation. Forced inline: otherwise GCC loses the hint.
+__attribute__((always_inline)) inline bool Likely(bool condition) {
   return __builtin_expect(static_cast<long>(condition), 1L) != 0;
 }
-inline bool Unlikely(bool condition) {
+__attribute__((always_inline)) inline bool Unlikely(bool condition) {
   return __builtin_expect(static_cast<long>(condition), 0L) != 0;
 }
 
