@@ -86,7 +86,6 @@ MEMLEAK_READS_STACK const arch::FrameRecord* RecordBelowEntry(const arch::FrameR
 }  // namespace
 
 void BacktraceStartup() {
-  platform::PrepareReadableStack();
   const bool ready = platform::PrepareCallStacks();
   // Not fatal: only captures with the unwinder stay empty.
   if (!ready) {

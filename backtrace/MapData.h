@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "platform/pc_policy.h"
+#include "platform/policies.h"
 
 /// One line of the maps file.
 struct MapEntry {

@@ -6,21 +6,14 @@ else()
   set(MEMLEAK_SYSTEM linux)
 endif()
 set(MEMLEAK_POLICIES ${MEMLEAK_SYSTEM} CACHE STRING
-  "Whose policies hold where the system leaves a choice: linux or android")
+  "The policies to use (platform/policies.h): linux or android")
 if(NOT MEMLEAK_POLICIES MATCHES "^(linux|android)$")
   message(FATAL_ERROR "MEMLEAK_POLICIES is '${MEMLEAK_POLICIES}': set it to linux or android.")
 endif()
 
-# MEMLEAK_POLICY_<name>: the source of each policy. How a dynamic section reads, where files are and
-# what a program is called is no choice: it follows from the system.
-foreach(policy elf_policy paths program_name)
-  set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/${policy}.cpp)
-endforeach()
-# Call-frame information may be wrong, so walks by it need to know where the stack ends.
-set(MEMLEAK_POLICY_readable_stack ${CMAKE_SOURCE_DIR}/platform/linux/readable_stack.cpp)
-foreach(policy fork_policy page_protection pc_policy signal_policy thread_keys)
-  set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/${policy}.cpp)
-endforeach()
+# Sources that tests link without the rest of the platform.
+set(MEMLEAK_POLICY_SOURCE ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/policies.cpp)
+set(MEMLEAK_SYSTEM_DIR ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM})
 
 add_library(memleak_options INTERFACE)
 target_include_directories(memleak_options INTERFACE
@@ -45,10 +38,12 @@ endif()
 # Flags of everything that runs inside a watched process.
 add_library(memleak_library_options INTERFACE)
 target_link_libraries(memleak_library_options INTERFACE memleak_options)
-target_include_directories(memleak_library_options INTERFACE
-  ${CMAKE_SOURCE_DIR}/platform/standin/include)
-target_include_directories(memleak_library_options INTERFACE
-  ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/include)
+# Android's headers: those that the NDK lacks, and for Linux those that it has, too.
+set(MEMLEAK_ANDROID_API_INCLUDE ${CMAKE_SOURCE_DIR}/platform/android_api/include)
+if(NOT ANDROID)
+  list(APPEND MEMLEAK_ANDROID_API_INCLUDE ${CMAKE_SOURCE_DIR}/platform/android_api/ndk_include)
+endif()
+target_include_directories(memleak_library_options INTERFACE ${MEMLEAK_ANDROID_API_INCLUDE})
 target_compile_options(memleak_library_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden> -fno-plt)
 

@@ -27,7 +27,7 @@
 #include "linker/library_hold.h"
 #include "linker/rwlock.h"
 #include "linker/sharedlibs.h"
-#include "platform/page_protection.h"
+#include "platform/policies.h"
 #include "plthooks/hooks.h"
 #include "plthooks/trampoline.h"
 #include "sigmux/sig_safe_write.h"

@@ -17,7 +17,7 @@
 
 #include "linker/log_assert.h"
 #include "linker/rwlock.h"
-#include "platform/thread_keys.h"
+#include "platform/policies.h"
 #include "plthooks/hooks.h"
 
 // From <linux/prctl.h>, for headers that are older than the call.

@@ -1,5 +1,5 @@
 // The store's locks around fork, and between malloc_disable and malloc_enable.
-#include "platform/fork_policy.h"
+#include "platform/policies.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/record_pages.h"

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "platform/signal_policy.h"
+#include "platform/policies.h"
 #include "sigmux/phaser.h"
 
 namespace {

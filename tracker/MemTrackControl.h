@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/thread_mark.h"
 #include "private/bionic_malloc_dispatch.h"
-#include "system/ThreadMark.h"
 
 /// What is being tracked: the value of `mem_track_type`.
 enum MemTrackType : std::uint32_t { NATIVE = 0, MMAP = 1, ION = 2, GPU = 3 };
