@@ -67,7 +67,7 @@ def fake_ndk(root):
 
     The headers are the GNU ones with the differences of bionic (tests/android/bionic). The C++
     library and the compiler runtime are LLVM's from Debian, marked for branch protection like those
-    of an NDK. Android's libraries have the symbols of imported_symbols.txt and no code.
+    of an NDK. Android's libraries have the symbols of provided_symbols.txt and no code.
     """
     host = root / "toolchains/llvm/prebuilt/linux-x86_64"
     include, lib = host / "sysroot/usr/include", host / "sysroot/usr/lib/aarch64-linux-android"
@@ -99,7 +99,7 @@ def fake_ndk(root):
     # The GNU headers and Debian's archives use names that Android lacks.
     others = (symbols("undefined", archives) - symbols("defined", archives)
               | {"__isoc99_sscanf", "__sigsetjmp"})
-    listed = (SOURCE / "platform/android/imported_symbols.txt").read_text(encoding="utf-8")
+    listed = (SOURCE / "platform/android/provided_symbols.txt").read_text(encoding="utf-8")
     for section in listed.split("\n[")[1:5]:
         soname, names = section.replace("]\n", ".so\n", 1).split("\n", 1)
         names = {*names.split(), *(others if soname == "libc.so" else ())}
