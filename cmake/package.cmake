@@ -9,9 +9,7 @@ install(TARGETS memleak RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Not among the system's libraries: nothing links with them. The controller looks for them here, from
 # its own place.
 install(TARGETS memleak_preload memleak_tracker LIBRARY DESTINATION lib/memleak)
-install(FILES packaging/memleak.bash
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME memleak)
-install(FILES packaging/memleak.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+add_subdirectory(packaging)
 # By the package's name; documents and picture are where README.md names them.
 set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/memleak-tracker)
 install(FILES README.md DESTINATION ${doc_dir})

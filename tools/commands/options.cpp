@@ -12,7 +12,7 @@
 namespace memleak {
 namespace {
 
-// A list that names nothing is an error, also where the option has a default.
+// An empty list is an error even if the option has a default.
 void ExpectNames(CLI::Option* option) {
   const auto check = [option](std::string& list) {
     ParseNames(option->get_name(), list);
@@ -33,20 +33,18 @@ void AddKind(CLI::App* command, Kind* kind) {
   std::vector<std::pair<std::string, Kind>> kinds;
   kinds.reserve(AllKinds().size());
   for (const KindInfo& info : AllKinds()) kinds.emplace_back(info.name, info.kind);
-  AddChoice(command, "--kind", kind, kinds, "What is recorded: native (default), mmap, ion, gpu")
-      ->option_text("KIND");
+  AddChoice(command, "--kind", kind, kinds,
+            "Memory to record: the native heap (default),\n"
+            "mappings, DMA-heap or GPU buffers");
 }
 
 void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions) {
-  ExpectNames(command
-                  ->add_option("--lib", *libraries,
-                               "Libraries to be hooked, for --kind mmap;\n"
-                               "ion and gpu have their own")
+  ExpectNames(command->add_option("--lib", *libraries, "Libraries to hook; needed for --kind mmap")
                   ->option_text("NAME,..."));
   ExpectNames(command
                   ->add_option("--func", *functions,
-                               "Functions to be hooked in them (mmap,mmap64,\n"
-                               "munmap,mremap; for ion and gpu ioctl)")
+                               "Functions to hook in them (default for mmap:\n"
+                               "mmap,mmap64,munmap,mremap)")
                   ->option_text("NAME,..."));
 }
 
@@ -60,14 +58,13 @@ void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
   AddDepth(command, depth, "Frames kept per allocation");
   AddChoice<char>(command, "--unwind", type,
                   {{"fp", kUnwindFramePointers}, {"dwarf", kUnwindTables}},
-                  "By frame pointers (aarch64's default) or\n"
-                  "unwind tables (x86-64's)")
-      ->option_text("fp|dwarf");
+                  "By frame pointers (default on aarch64) or\n"
+                  "unwind tables (default on x86-64)");
 }
 
 void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary) {
   ExpectNumber32(command->add_option("--timeout", *timeout_s, summary)->option_text("SECONDS"),
-                 "seconds, such as 300; 0 waits without end");
+                 "seconds, such as 300; 0 waits forever");
 }
 
 }  // namespace memleak
