@@ -1,5 +1,5 @@
-// What is read from /proc, and that a process the signal would kill is left alone.
-#include "tools/target/process_info.h"
+// Commands reach tracked processes and spare those that the signal would kill.
+#include "tools/target/signal_sender.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <functional>
 
@@ -17,49 +16,9 @@
 #include "tools/base/control.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
-#include "tools/target/log_tail.h"
-#include "tools/target/signal_sender.h"
 
 namespace memleak {
 namespace {
-
-TEST(ProcText, IsReadExactly) {
-  using namespace std::string_literals;
-  const std::string status =
-      "Name:\tsh\nState:\tS (sleeping)\nSigIgn:\tffffffffffffffff\nSigCgt:\t";
-  EXPECT_TRUE(CatchesSignal(status + "0000080000000000\n", 44));
-  EXPECT_FALSE(CatchesSignal(status + "fffff7ffffffffff\n", 44));
-  EXPECT_FALSE(CatchesSignal("Name:\tSigCgt:\n", 44));
-  EXPECT_FALSE(IsZombie(status));
-  EXPECT_TRUE(IsZombie("Name:\ta\nState:\tZ (zombie)\n"));
-
-  const std::string line = "7f00-7f10 r-xp 00000000 08:01 12   ";
-  EXPECT_TRUE(MapsLibrary(line + "/a b/libt.so (deleted)\n", "libt.so"));
-  EXPECT_FALSE(MapsLibrary(line + "/x/notlibt.so\n" + line + "/libt.so/other\n", "libt.so"));
-
-  const auto environment = ParseEnvironment("A=1\0B=x=y\0broken\0A=2\0EMPTY=\0"s);
-  EXPECT_EQ(environment.size(), 3U);
-  EXPECT_EQ(environment.at("A"), "1");
-  EXPECT_EQ(environment.at("B"), "x=y");
-  EXPECT_EQ(ExpandPid("/tmp/%p/m.%p%", 42), "/tmp/42/m.42%");
-
-  const std::string before = " S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18";
-  EXPECT_EQ(StartTicks("7 (a) R 1 (b)" + before + " 77 9\n"), 77U);
-  EXPECT_EQ(StartTicks("7 (sh)" + before), std::nullopt);
-
-  EXPECT_EQ(GuestName("qemu-aarch64\0-L\0/\0-E\0A=/b\0-strace\0/x/y/prog\0-L\0z\0"s), "prog");
-  EXPECT_EQ(GuestName("qemu-aarch64\0-version\0"s), "");
-  // Host and guest of an emulator number the real-time signals differently.
-  EXPECT_EQ(ControlSignalFor(true, false), 46);
-  EXPECT_EQ(ControlSignalFor(false, true), 42);
-
-  const std::string on = "received_sig 44;addr:0x90\nset hook to:true, btsize:10\n";
-  EXPECT_EQ(RecordingFromLog("received_sig 44;addr:0x80\n"), Recording::kNever);
-  EXPECT_EQ(RecordingFromLog(on), Recording::kOn);
-  EXPECT_EQ(RecordingFromLog(on + "received_sig 44;addr:0x20\nset hook to:false\n"),
-            Recording::kPaused);
-  EXPECT_EQ(RecordingFromLog(on + "received_sig 44;addr:0x40\n"), Recording::kStopped);
-}
 
 volatile bool received_both_words = false;
 
@@ -88,7 +47,7 @@ class Child {
     EXPECT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
     pid_ = fork();
     if (pid_ == 0) {
-      // Held back until the child waits for it, else it could come before.
+      // Keep it pending until the child waits for it.
       sigset_t blocked;
       sigset_t before;
       sigemptyset(&blocked);
@@ -152,21 +111,6 @@ TEST(SendCommand, CarriesBothWordsToAProcessThatIsPreparedAndSparesOthers) {
   const Child deaf(MapTracker);  // the signal would kill it
   EXPECT_NE(RefusalOf(deaf.pid()).find("does not catch signal 44"), std::string::npos);
   EXPECT_TRUE(deaf.Runs());
-}
-
-TEST(SendCommand, WaitsForAYoungProcessAndRefusesAnOldOneAtOnce) {
-  using std::chrono::steady_clock;
-  constexpr int kPatienceMs = 60'000;
-  // Without a root directory the fake tracker sets no handler.
-  const Child child([] {
-    setenv("LD_PRELOAD", FIXTURE_LIBDIR "/libmemleak_preload.so", 1);
-    execlp("sleep", "sleep", "60", nullptr);
-  });
-  EXPECT_THROW(RequireTracked(child.pid(), kPatienceMs), UserError);
-  const auto start = steady_clock::now();
-  EXPECT_THROW(RequireTracked(child.pid(), kPatienceMs), UserError);
-  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1));
-  EXPECT_NE(RefusalOf(child.pid()).find("does not catch signal 44"), std::string::npos);
 }
 
 TEST(SendCommand, IsRefusedToAnotherUsersProcess) {
