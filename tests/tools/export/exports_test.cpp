@@ -231,7 +231,7 @@ TEST(Export, EachReportIsGivenTheSymbolsOfItsTime) {
     const Outcome right = Shell(std::string(diff).append(old).append(against));
     EXPECT_NE(right.output.find("known::Widget::Use"), std::string::npos) << right.output;
     EXPECT_EQ(right.output.find("--old-sysroot"), std::string::npos) << right.output;
-    EXPECT_NE(right.output.find("by --sysroot"), std::string::npos) << "of NEW";
+    EXPECT_NE(right.output.find("use --sysroot"), std::string::npos) << "of NEW";
   }
 }
 
