@@ -1,4 +1,4 @@
-# Settings that every target shares, and the functions with which the folders declare their targets.
+# Settings of all targets, and functions that declare targets.
 
 if(ANDROID)
   set(MEMLEAK_SYSTEM android)
@@ -19,9 +19,9 @@ add_library(memleak_options INTERFACE)
 target_include_directories(memleak_options INTERFACE
   ${CMAKE_SOURCE_DIR}
   ${CMAKE_SOURCE_DIR}/arch/${MEMLEAK_ARCH}/include)
-# Log lines name the source file, not where it lay when it was built.
+# Log lines contain paths relative to the source tree.
 target_compile_options(memleak_options INTERFACE -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
-# Frame pointers everywhere: the tracker walks them, and a profile of it should too.
+# The tracker walks frame pointers, and profilers of the tracker do.
 target_compile_options(memleak_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion
   -fno-omit-frame-pointer)
@@ -35,7 +35,7 @@ if(MEMLEAK_SANITIZE)
   target_link_options(memleak_options INTERFACE -fsanitize=${MEMLEAK_SANITIZE})
 endif()
 
-# Flags of everything that runs inside a watched process.
+# Flags of all code that runs inside a watched process.
 add_library(memleak_library_options INTERFACE)
 target_link_libraries(memleak_library_options INTERFACE memleak_options)
 # Android's headers: those that the NDK lacks, and for Linux those that it has, too.
@@ -47,9 +47,23 @@ target_include_directories(memleak_library_options INTERFACE ${MEMLEAK_ANDROID_A
 target_compile_options(memleak_library_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden> -fno-plt)
 
-# memleak_add_component(NAME folder-sources...): the objects of one source folder, both for the
-# library and for the tests that link a folder against fakes of the others.
+# memleak_add_component(NAME SOURCES...): the objects of one source folder. The library links them,
+# and tests link some folders with fakes of the others.
 function(memleak_add_component name)
   add_library(memleak_${name} OBJECT ${ARGN})
   target_link_libraries(memleak_${name} PUBLIC memleak_library_options Threads::Threads)
 endfunction()
+
+# memleak_optional(OPTION FOUND PART REASON): OPTION says whether to build PART. It defaults to FOUND,
+# which says whether the host has what PART takes; REASON says what is missing.
+macro(memleak_optional option found part reason)
+  if(NOT DEFINED ${option})
+    # Not cached: the next configuration looks again.
+    set(${option} ${found})
+    if(NOT ${option})
+      message(STATUS "Not building ${part}: ${reason}")
+    endif()
+  elseif(${option} AND NOT "${found}")
+    message(FATAL_ERROR " ${reason}: install it, or configure with -D${option}=OFF.")
+  endif()
+endmacro()
