@@ -1,7 +1,7 @@
-// Capture of the calling thread's stack: a walk along the frame pointers, or a full unwind.
+// Captures the calling thread's stack: a walk along the frame pointers, or a full unwind.
 //
-// BacktraceGet runs inside every recorded allocation, on any thread. The settings are re-read by
-// the control signal's handler, so they are atomics and nothing else.
+// BacktraceGet runs in every recorded allocation, on any thread. The control signal's handler
+// changes the settings, so they are lock-free atomics.
 #include "backtrace/Backtrace.h"
 
 #include <sys/system_properties.h>
@@ -17,34 +17,33 @@
 #include "protocol/protocol.h"
 #include "tracker/control/MemTrackControl.h"
 
-// The walk reads other functions' frames, where a sanitizer may keep red zones, and its reads of
-// the settings race on purpose.
+// The walk reads frames of other functions, where a sanitizer may have red zones.
 #define MEMLEAK_READS_STACK __attribute__((no_sanitize("address", "thread", "undefined")))
 
 namespace {
 
 static_assert(kWalkLimit == kWalkBytes / sizeof(arch::FrameRecord));
-/// The tracker's own levels: AddBacktrace, Add and the exported entry.
+/// The tracker's own levels on the stack: AddBacktrace, Add and the exported entry.
 constexpr std::size_t kSkippedLevels = 3;
 
-/// Whether the unwinder is ready.
 std::atomic<bool> g_unwinder_ready{false};
 
-/// Follows the frame records from the one at `base` upward. `pc` is an address in the function
-/// that owns it, `below` an address on the running stack that is not above `base`. Leaves out the
-/// first `skipped` levels. Returns how many of `frames` were filled.
+/// Follows the frame records from `base` upward. `pc` is an address in the function that owns the
+/// first record. `below` is an address on the running stack, not above `base`. Skips the first
+/// `skipped` levels. Returns the number of `frames` filled.
 __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFramePointers(
     std::uint64_t below, std::uint64_t base, std::uint64_t pc, std::size_t skipped,
     std::uint64_t* frames, std::size_t max_frames) {
-  // Frames do not overlap, so only a chain that runs in a circle could have more of them.
+  // Frames do not overlap, so only a cyclic chain could have more of them.
   max_frames = std::min(max_frames, kWalkLimit);
   if (max_frames == 0 || base == 0) return 0;
   platform::ReadableStack stack(below);
-  std::uint64_t limit = 0;  // records that begin less than this above the base may be read
+  std::uint64_t limit = 0;  // records at offsets below this from `base` are known to be readable
   const std::size_t last_level = skipped + max_frames;
   std::size_t level = 0;
   for (std::uint64_t frame = base;;) {
-    // The difference wraps for a frame pointer below the base, so one comparison tests both ends.
+    // The difference wraps around for a frame pointer below `base`: one comparison checks both
+    // bounds.
     bool readable = true;
     if (frame - base >= limit) {
       if (frame - base >= kWalkBytes) break;
@@ -60,8 +59,8 @@ __attribute__((always_inline)) MEMLEAK_READS_STACK inline std::size_t WalkFrameP
   return level > skipped ? level - skipped : 0;
 }
 
-/// Walks from the caller of the hooked function that is running on this thread. `own` is the
-/// capture's own frame pointer.
+/// Walks from the caller of the hooked function that this thread is in. `own` is the frame pointer
+/// of BacktraceGet. Returns the number of `frames` filled.
 MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uint64_t* frames,
                                                      std::size_t max_frames) {
   std::uintptr_t pc = 0;
@@ -70,13 +69,14 @@ MEMLEAK_READS_STACK std::size_t WalkFromHookedCaller(std::uint64_t own, std::uin
     async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag,
                           "get_stack_address_for_previous fail");
   }
-  // Code that was compiled without frame pointers has any value in that register. The hooked caller
-  // is known even then, its callers are not.
+  // In code without frame pointers the register holds an arbitrary value. The hooked caller itself
+  // is known even then; its callers are not.
   if (base % arch::kFrameAlignment != 0) max_frames = std::min<std::size_t>(max_frames, 1);
   return WalkFramePointers(own, base, pc, 0, frames, max_frames);
 }
 
-/// The frame record of the function that the tracker's entry called. `own` is the capture's own.
+/// Returns the frame record of the function that the exported entry called. `own` is the frame
+/// record of BacktraceGet.
 MEMLEAK_READS_STACK const arch::FrameRecord* RecordBelowEntry(const arch::FrameRecord* own) {
   for (std::size_t level = 1; level < kSkippedLevels; ++level) {
     own = reinterpret_cast<const arch::FrameRecord*>(own->caller_frame);
@@ -87,9 +87,8 @@ MEMLEAK_READS_STACK const arch::FrameRecord* RecordBelowEntry(const arch::FrameR
 }  // namespace
 
 void BacktraceStartup() {
-  platform::PrepareReadableStack();
   const bool ready = platform::PrepareCallStacks();
-  // The tracker starts; captures by this method stay empty.
+  // Not fatal: only captures with the unwinder stay empty.
   if (!ready) {
     async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "cannot prepare the unwinder");
   }
@@ -99,12 +98,12 @@ void BacktraceStartup() {
 char GetBacktraceTypeFromProp() {
   char value[PROP_VALUE_MAX] = {};
   __system_property_get(protocol::kTypeProperty, value);
-  // Not validated: an invalid type shows at every capture.
+  // Not validated: every capture logs an invalid type.
   if (value[0] != '\0') current_backtrace_type.store(value[0], std::memory_order_relaxed);
   return current_backtrace_type.load(std::memory_order_relaxed);
 }
 
-// Never inlined: the levels that the walk skips are counted from this function's own frame.
+// Not inlined: the walk counts the skipped levels from this function's frame.
 __attribute__((noinline)) MEMLEAK_READS_STACK std::size_t BacktraceGet(
     std::uint64_t* frames, std::size_t max_frames,
     std::vector<unwindstack::FrameData>& /*frame_data*/) {

@@ -1,6 +1,6 @@
-// The index of /proc/self/maps: lookups, and the reading of the file.
+// The index of /proc/self/maps: lookups and the parser.
 //
-// Find runs on the dump thread. Everything works under the index's mutex and allocates.
+// Runs on the dump thread, under the index's mutex. Allocates.
 #include "backtrace/MapData.h"
 
 #include <cinttypes>
@@ -23,12 +23,12 @@ constexpr std::string_view kJavaNativeLibs[] = {
     "/apex/com.android.i18n/lib64/libicuuc.so",
     "/apex/com.android.i18n/lib64/libicu_jni.so",
 };
-/// Longest piece of a line that is read at once, its terminating NUL included.
+/// Line buffer size. A longer line is read in several parts.
 constexpr int kLineBytes = 1024;
 constexpr int kReadable = 1;
 constexpr int kExecutable = 4;
 
-/// Parses one line of the maps file; null when it holds no address range.
+/// Parses one line of the maps file. Returns null if it has no address range.
 std::unique_ptr<MapEntry> ParseLine(const char* line) {
   auto entry = std::make_unique<MapEntry>();
   char permissions[5] = {};
@@ -47,7 +47,7 @@ std::unique_ptr<MapEntry> ParseLine(const char* line) {
 }  // namespace
 
 MapData* MapData::GetInstance() {
-  // Never destroyed: a report may still be written after the process's exit handlers have begun.
+  // Never destroyed: a report may be written while exit handlers run.
   static MapData& instance = *new MapData("/proc/self/maps", platform::AcceptedPcWidth());
   return &instance;
 }
@@ -56,8 +56,8 @@ MapData::MapData(std::string maps_path, platform::PcWidth width)
     : maps_path_(std::move(maps_path)), width_(width) {}
 
 MapData::~MapData() {
-  // Without a tracker at work the entries stay to the end of the process: a report may still be
-  // printing them. The same when the lock is taken, and a forked child may find it taken for ever.
+  // If recording never started, or the lock is taken, the entries leak: a report may still be using
+  // them. A forked child may find the lock taken forever.
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (control == nullptr || !control->GetHookEverStarted()) return;
   const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
@@ -95,8 +95,8 @@ const MapEntry* MapData::Search(std::uint64_t pc) const {
   MapEntry key;
   key.start = pc;
   key.end = pc;
-  const auto found = entries_.lower_bound(&key);  // the first that ends above pc
-  // A pc equal to the start does not match, on purpose: a call never ends at a mapping's start.
+  const auto found = entries_.lower_bound(&key);  // the first entry that ends above pc
+  // Intentional: a pc equal to the start does not match. No call ends at the start of a mapping.
   return found != entries_.end() && (*found)->start < pc ? *found : nullptr;
 }
 
@@ -104,16 +104,14 @@ bool MapData::ReadMaps(bool stop_when_java_native_complete) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(maps_path_.c_str(), "re"),
                                                              &std::fclose);
   if (file == nullptr) return false;
-  // The rest of a longer line is read as a further line.
   char line[kLineBytes] = {};
   while (std::fgets(line, kLineBytes, file.get()) != nullptr) {
     std::unique_ptr<MapEntry> entry = ParseLine(line);
     if (entry == nullptr) return false;
-    // The rest of a long name may read as such a line. Nothing lies in it, and it has no place in
-    // the order of the others.
+    // The rest of a long name may look like an empty range, which has no place in the order.
     if (entry->start >= entry->end) continue;
-    // Ranges that overlap count as equal, so an entry that is there already wins: a mapping that
-    // was replaced since keeps its first name and start.
+    // Overlapping ranges compare equal, so a known entry wins: a mapping that was replaced keeps
+    // its first name and start.
     if (!entries_.insert(entry.get()).second) continue;
     AddJavaNativeLib(entry.release());
     if (stop_when_java_native_complete && java_native_libs_.size() == std::size(kJavaNativeLibs)) {

@@ -1,6 +1,6 @@
-// The index of /proc/self/maps: from a pc to a mapped file and an offset in its mapping.
+// An index of /proc/self/maps: finds the mapped file and the offset for a pc.
 //
-// Called by the report writer on the dump thread; never on the allocation path, since it allocates.
+// The report writer uses it on the dump thread. It allocates, so the allocation path never uses it.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "platform/pc_policy.h"
+#include "platform/policies.h"
 
 /// One line of the maps file.
 struct MapEntry {
@@ -19,18 +19,18 @@ struct MapEntry {
   std::uint64_t load_bias = 0;
   std::string name;
   bool init = false;
-  /// 1 for readable, plus 4 for executable; the write bit is not kept.
+  /// 1 if readable, plus 4 if executable. The write bit is not stored.
   int flags = 0;
 };
 
-/// Where one of the Java runtime's native libraries is mapped.
+/// The mapping of one of the Java runtime's native libraries.
 struct JavaNativeLibAddr {
   std::uint64_t start = 0;
   std::uint64_t end = 0;
   std::string name;
 };
 
-/// Ranges that overlap count as equal.
+/// Orders ranges by address. Overlapping ranges compare equal.
 struct CompareEntries {
   bool operator()(const MapEntry* a, const MapEntry* b) const { return a->end <= b->start; }
 };
@@ -42,27 +42,27 @@ struct CompareLibAddr {
 
 class MapData {
  public:
-  /// The process's own instance, never null.
+  /// Returns the instance for this process, never null: it reads "/proc/self/maps" and accepts the
+  /// platform's pc widths.
   static MapData* GetInstance();
 
-  /// An index over `maps_path` that accepts pcs of `width`; the instance uses "/proc/self/maps" and
-  /// the platform's bounds.
+  /// An index of the file `maps_path` that accepts pcs of `width`. Reads nothing yet.
   MapData(std::string maps_path, platform::PcWidth width);
   ~MapData();
   MapData(const MapData&) = delete;
   MapData& operator=(const MapData&) = delete;
 
-  /// The entry that contains `pc`, or null; stores the offset from its start through `rel_pc`.
-  /// Reads the maps again when no known entry matches. Entries live as long as the index.
+  /// Returns the entry that contains `pc`, or null, which is logged. Stores the offset from the
+  /// start of the entry in `*rel_pc`. Reads the maps again if no known entry matches. Entries live
+  /// as long as the index. Any thread; takes the mutex. Allocates.
   const MapEntry* Find(std::uintptr_t pc, std::uintptr_t* rel_pc);
 
-  /// Adds the lines of the maps file that overlap no known entry; a range that ends at its start or
-  /// before it is passed over. False when the file cannot be
-  /// opened or a line cannot be parsed; what was added so far stays. The caller holds the mutex
-  /// or is alone.
+  /// Adds the lines of the maps file that overlap no known entry. Skips empty ranges. Returns false
+  /// if the file cannot be opened or a line cannot be parsed; entries added so far stay. The caller
+  /// holds the mutex, or no other thread uses the index.
   bool ReadMaps(bool stop_when_java_native_complete);
 
-  /// Notes `entry` when it is executable code of a Java-native library. Same locking as ReadMaps.
+  /// Stores `entry` if it is executable code of a Java-native library. Locking as for ReadMaps.
   void AddJavaNativeLib(const MapEntry* entry);
 
  private:

@@ -1,4 +1,4 @@
-// The functions that hooked_library.cpp imports.
+// The functions that bench/hooked_library.cpp imports.
 #include "hooked_library.h"
 
 extern "C" {

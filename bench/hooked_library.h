@@ -1,7 +1,7 @@
-// The libraries that bench/hooks.cpp hooks: one with a thousand functions, one that calls them.
+// Two libraries for bench/hooks.cpp: one defines a thousand functions, the other calls them.
 #pragma once
 
-// The formatter finds no lasting form for these.
+// clang-format has no stable layout for these macros.
 // clang-format off
 #define BENCH_TEN(F, n) \
   F(n##0) F(n##1) F(n##2) F(n##3) F(n##4) F(n##5) F(n##6) F(n##7) F(n##8) F(n##9)
@@ -9,7 +9,7 @@
   BENCH_TEN(F, n##0) BENCH_TEN(F, n##1) BENCH_TEN(F, n##2) BENCH_TEN(F, n##3)  \
   BENCH_TEN(F, n##4) BENCH_TEN(F, n##5) BENCH_TEN(F, n##6) BENCH_TEN(F, n##7)  \
   BENCH_TEN(F, n##8) BENCH_TEN(F, n##9)
-/// F(bench_import_000) to F(bench_import_999).
+/// Expands to F(bench_import_000) ... F(bench_import_999).
 #define BENCH_THOUSAND(F)                                                      \
   BENCH_HUNDRED(F, bench_import_0) BENCH_HUNDRED(F, bench_import_1)            \
   BENCH_HUNDRED(F, bench_import_2) BENCH_HUNDRED(F, bench_import_3)            \
@@ -24,11 +24,10 @@ BENCH_THOUSAND(BENCH_DECLARE)
 #undef BENCH_DECLARE
 void bench_empty(long value);
 
-// In the calling library, all through its slots:
-/// bench_empty, `count` times.
+// Functions of the calling library. All calls go through its GOT slots.
+
+/// Calls bench_empty `count` times.
 void bench_call(long count);
-/// mmap and munmap of 64 KiB, `count` times.
-void bench_map(long count);
-/// Every one of the thousand.
+/// Calls each of the thousand functions once.
 void bench_call_all();
 }

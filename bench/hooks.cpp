@@ -1,9 +1,9 @@
-// What the hook engine costs: a hooked call over a plain one, mapping through a hooked library,
-// indexing of 200 loaded libraries, and hooking of 1000 slots. Prints one table.
+// Measures the hook engine: a hooked call against a plain one, indexing 200 loaded libraries, and
+// hooking 1000 slots. Prints one table.
 //
-// Ratios within one run count, not times between runs: repetitions are interleaved, so that a slow
-// moment of the machine hits every row. Takes the path of the library to hook, of which it loads
-// copies; without it, the one that was built with it.
+// Compare ratios within a run, not times of different runs: repetitions are interleaved, so that
+// other load affects all rows. The optional argument is the library to hook, of which copies are
+// loaded; the default is the one in the build tree.
 
 #include <dlfcn.h>
 #include <sys/wait.h>
@@ -31,7 +31,6 @@ using lumora::plthooks::plt_hook_spec;
 
 constexpr int kRepetitions = 9;
 constexpr long kCalls = 1'000'000;
-constexpr long kMappings = 20'000;
 constexpr int kLibraries = 200;
 constexpr int kHookLevels = 2;
 constexpr int kMaxThreads = 2;
@@ -48,32 +47,14 @@ double Seconds(Work work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// What a hook calls to go on.
-template <typename Function>
-Function* Previous(Function* hook) {
-  return reinterpret_cast<Function*>(
-      lumora::plthooks::get_previous_from_hook(reinterpret_cast<void*>(hook)));
-}
-
-/// A hook that only forwards; one function for each level.
+/// A hook that only forwards. One function per level.
 template <int kLevel>
 void Empty(long value) {
-  Previous(Empty<kLevel>)(value);
+  void* const hook = reinterpret_cast<void*>(Empty<kLevel>);
+  reinterpret_cast<void (*)(long)>(lumora::plthooks::get_previous_from_hook(hook))(value);
 }
 
-/// As the proxies do before they record: forward, and ask who called.
-void* Map(void* at, std::size_t bytes, int rights, int flags, int file, long offset) {
-  void* result = Previous(Map)(at, bytes, rights, flags, file, offset);
-  std::uintptr_t pc = 0;
-  std::uintptr_t frame = 0;
-  lumora::plthooks::get_stack_address_for_previous(&pc, &frame);
-  return result;
-}
-int Unmap(void* at, std::size_t bytes) {
-  return Previous(Unmap)(at, bytes);
-}
-
-/// The library at `path`, loaded for good.
+/// The library at `path`. Never unloaded.
 class Library {
  public:
   explicit Library(const std::string& path)
@@ -99,7 +80,7 @@ class Library {
   void* handle_;
 };
 
-/// Copies of one library, one loaded for each; the files are gone afterwards.
+/// Loads `count` copies of a library and deletes the files.
 std::vector<Library> LoadCopies(const std::string& path, int count) {
   std::string pattern = std::filesystem::temp_directory_path() / "memleak-hooks.XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) Fail("cannot make a directory", pattern.c_str());
@@ -113,7 +94,8 @@ std::vector<Library> LoadCopies(const std::string& path, int count) {
   return copies;
 }
 
-/// The best time to index everything that is loaded, each time in a child that has not yet.
+/// Returns the best time to index all loaded libraries. Each repetition is a child process, which
+/// has no index yet.
 double IndexSeconds() {
   double best = std::numeric_limits<double>::max();
   for (int repetition = 0; repetition < kRepetitions; ++repetition) {
@@ -140,9 +122,9 @@ double ThreadSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-/// Nanoseconds of its processor's time for one call of `loop(count)`'s work, in the slower one of
-/// `threads` threads that begin together. What other processes take does not count; waiting for
-/// cache lines does.
+/// Returns the CPU time in nanoseconds of one iteration of `loop(count)`, in the slowest of
+/// `threads` threads that start together. CPU time excludes other processes and includes cache
+/// misses.
 double Nanoseconds(void (*loop)(long), long count, int threads) {
   std::atomic<int> waiting{threads};
   std::atomic<double> slowest{0};
@@ -167,12 +149,12 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-/// [hooks][threads - 1]
+/// Indexed by [hooks][threads - 1].
 struct CallTable {
   double ns[kHookLevels + 1][kMaxThreads];
 };
 
-/// Medians: the best of runs on a busy machine would be those in which the threads did not meet.
+/// Returns medians: the best runs would be those in which the threads did not run at the same time.
 CallTable MeasureCalls(const std::vector<Library>& libraries) {
   std::vector<double> samples[kHookLevels + 1][kMaxThreads];
   for (int repetition = 0; repetition < kRepetitions; ++repetition) {
@@ -192,23 +174,7 @@ CallTable MeasureCalls(const std::vector<Library>& libraries) {
   return table;
 }
 
-/// [hooked]
-struct MapTable {
-  double ns[2] = {1e9, 1e9};
-};
-
-MapTable MeasureMappings(const std::vector<Library>& libraries) {
-  MapTable best;
-  for (int repetition = 0; repetition < kRepetitions; ++repetition) {
-    for (std::size_t hooked = 0; hooked < 2; ++hooked) {
-      auto* loop = libraries[hooked].find<void(long)>("bench_map");
-      best.ns[hooked] = std::min(best.ns[hooked], Nanoseconds(loop, kMappings, 1));
-    }
-  }
-  return best;
-}
-
-/// The best times to hook and to unhook a library's thousand imports.
+/// The best times to hook and unhook the thousand imports of a library.
 struct SlotTimes {
   double hook = 1e9;
   double unhook = 1e9;
@@ -225,7 +191,8 @@ SlotTimes MeasureSlots(const Library& library) {
     std::vector<plt_hook_spec> specs;
     specs.reserve(names.size());
     for (const std::string& name : names) {
-      specs.push_back({name.c_str(), nullptr, reinterpret_cast<void*>(Unmap), false, 0, nullptr});
+      specs.push_back(
+          {name.c_str(), nullptr, reinterpret_cast<void*>(Empty<1>), false, 0, nullptr});
     }
     int failures = 0;
     best.hook = std::min(best.hook, Seconds([&] {
@@ -242,7 +209,7 @@ SlotTimes MeasureSlots(const Library& library) {
   return best;
 }
 
-void Print(const CallTable& calls, const MapTable& maps, double index, const SlotTimes& slots) {
+void Print(const CallTable& calls, double index, const SlotTimes& slots) {
   std::printf(
       "ns per call through the GOT   1 thread  2 threads   2 over 1    over a plain call\n");
   for (int hooks = 0; hooks <= kHookLevels; ++hooks) {
@@ -253,8 +220,6 @@ void Print(const CallTable& calls, const MapTable& maps, double index, const Slo
     if (hooks == 1) std::printf("  (aims: at most +100; 2 over 1 at most 1.3)");
     std::printf("\n");
   }
-  std::printf("mmap+munmap of 64 KiB: %.0f ns, hooked %.0f ns: %.3f times\n", maps.ns[0],
-              maps.ns[1], maps.ns[1] / maps.ns[0]);
   std::printf("index of %d more libraries of 1000 imports: %.1f ms (aim: at most 50)\n", kLibraries,
               index * 1e3);
   std::printf("1000 slots: hooked in %.1f ms, unhooked in %.1f ms\n", slots.hook * 1e3,
@@ -274,10 +239,7 @@ int main(int argc, char** argv) {
   libraries[1].Hook("bench_empty", Empty<1>);
   libraries[2].Hook("bench_empty", Empty<1>);
   libraries[2].Hook("bench_empty", Empty<2>);
-  libraries[1].Hook("mmap", Map);
-  libraries[1].Hook("munmap", Unmap);
   const CallTable calls = MeasureCalls(libraries);
-  const MapTable maps = MeasureMappings(libraries);
-  Print(calls, maps, index, MeasureSlots(libraries[3]));
+  Print(calls, index, MeasureSlots(libraries[3]));
   return 0;
 }

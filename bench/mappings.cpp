@@ -1,6 +1,6 @@
-// Maps and unmaps 64 KiB again and again through a library that can be hooked, and prints how long
-// a pair took: the least of several rounds, in nanoseconds. For bench/mappings.
-//   memleak_mappings PAIRS [touch]     "touch" writes to each mapping's first page
+// Maps and unmaps 64 KiB repeatedly, through a library that can be hooked. Prints nanoseconds per
+// pair, the best of several rounds. Used by bench/mappings.
+//   memleak_mappings PAIRS [touch]     "touch" writes to the first page of each mapping
 #include <sys/mman.h>
 
 #include <algorithm>

@@ -1,7 +1,7 @@
-// What reading reports costs: a 100 MB report, and 50,000 distinct frames over 100 libraries with
-// full debug information. Prints a table; run by hand.
+// Measures the reading of reports: a 100 MB report, and 50,000 distinct frames in 100 libraries
+// with full debug information. Prints a table.
 //
-//   memleak_bench_report [LIBRARY]    LIBRARY (default: this program) stands for all 100
+//   memleak_bench_report [LIBRARY]    uses LIBRARY (default: this program) for all 100 libraries
 #include <fcntl.h>
 #include <gelf.h>
 #include <sys/resource.h>
@@ -38,7 +38,7 @@ double PeakMegabytes() {
   return static_cast<double>(usage.ru_maxrss) / 1024.0;
 }
 
-// Of processor time, which does not depend on what else the machine does.
+// Returns CPU time, which does not depend on other load.
 template <typename Work>
 double Seconds(const Work& work) {
   const std::clock_t begin = std::clock();
@@ -46,7 +46,7 @@ double Seconds(const Work& work) {
   return static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
 }
 
-// The largest executable segment's bytes.
+// Returns the size of the last executable segment.
 std::uint64_t CodeBytes(const std::string& path) {
   elf_version(EV_CURRENT);
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -64,7 +64,7 @@ std::uint64_t CodeBytes(const std::string& path) {
   return bytes;
 }
 
-// Native groups with ages and deep stacks in no library that is there, then Java-native groups.
+// Writes native groups with ages and deep stacks in missing libraries, then Java-native groups.
 void WriteLongReport(const std::string& path) {
   std::ofstream out(path, std::ios::binary);
   out << kHead << std::hex;
@@ -83,7 +83,7 @@ void WriteLongReport(const std::string& path) {
   while (static_cast<std::size_t>(out.tellp()) < kReportBytes) {
     out << "sz 32 64 num 2\n";
     for (int frame = 0; frame < 16; ++frame) {
-      // Many more places than a real process allocates from.
+      // Many more call sites than a real process has.
       const std::uint64_t place = next() >> 47U;
       out << "#" << (frame < 10 ? "0" : "") << std::dec << frame << std::hex << " rel_pc "
           << 16 * place << " art::interpreter::Execute" << place / 4 << "(int)\n";

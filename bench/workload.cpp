@@ -1,14 +1,14 @@
-// The work that every configuration of bench/compare does: malloc/free churn from many call stacks.
+// The workload of bench/compare: malloc/free churn from many call stacks.
 //
-// Each thread keeps its own set of live blocks. A step frees a pseudo-random one and makes a new
-// one of a pseudo-random size, through a pseudo-random path of mutually calling functions, so that
-// a tool that records call stacks sees as many distinct ones as asked. The sequence is the same in
-// every run. Results go to standard output as lines of key=value words.
+// Each thread has its own set of live blocks. A step frees a pseudo-random block and allocates one
+// of a pseudo-random size, through a pseudo-random path of functions. The number of distinct call
+// stacks is an option. The sequence is the same in every run. Prints results as lines of key=value
+// words.
 //
-// Commands are single lines on standard input (with --interactive):
-//   go         start the churn (it waits for this after the blocks have been made)
-//   mark NAME  print the longest gap between two steps since the last mark, and start anew
-//   dump       ask the allocator or LeakSanitizer in this process for its own report
+// With --interactive, reads commands from standard input, one per line:
+//   go         start the churn (the program waits for it after it has allocated the blocks)
+//   mark NAME  print the longest step since the last mark and reset it
+//   dump       make the allocator or LeakSanitizer in this process write its own report
 //   stop       end the churn
 
 #include <fcntl.h>
@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-// Both are there only when the tool in question is part of the process.
+// Weak: defined only if jemalloc or LeakSanitizer is part of the process.
 extern "C" __attribute__((weak)) int mallctl(const char* name, void* old_value, size_t* old_bytes,
                                              void* new_value, size_t new_bytes);
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
@@ -37,7 +37,7 @@ constexpr unsigned kBitsPerLevel = 3;
 constexpr unsigned kFunctions = 1u << kBitsPerLevel;
 constexpr unsigned kMaxDepth = 32;
 constexpr unsigned kSizes = 16;
-/// From 16 to 4096 bytes, each about 1.45 times the one before.
+/// 16 to 4096 bytes in steps of about 1.45.
 constexpr std::size_t kSizeTable[kSizes] = {16,  23,  33,  48,  70,   101,  147,  212,
                                             307, 444, 643, 930, 1346, 1947, 2818, 4096};
 
@@ -52,10 +52,9 @@ struct Options {
   bool keep_groups = false;
 };
 
-/// One level of a call path: the lowest digit of `path` chooses which function of the level below
-/// is called. Direct calls, as most programs make them, and functions of its own for each level, so
-/// that the stacks have hundreds of distinct pcs between them. The barrier keeps the call from
-/// becoming a jump and the functions from being merged into one.
+/// One level of a call path. The lowest digit of `path` selects the function of the next level.
+/// Calls are direct, as in most programs. Each level has its own functions, so that the stacks have
+/// hundreds of distinct pcs. The barrier prevents tail calls and merging of identical functions.
 template <unsigned kLevelsLeft, unsigned kIndex>
 __attribute__((noinline)) void* Level(std::uint64_t path, std::size_t bytes);
 
@@ -91,7 +90,7 @@ void* Level(std::uint64_t path, std::size_t bytes) {
     block = Call<kLevelsLeft - 1>(path, bytes);
   }
   __asm__ volatile("" : "+r"(block) : "i"(kLevelsLeft * kFunctions + kIndex) : "memory");
-  return block;  // NOLINT(clang-analyzer-unix.Malloc): the worker keeps it
+  return block;  // NOLINT(clang-analyzer-unix.Malloc): the worker stores it
 }
 
 using Entry = void* (*)(std::uint64_t path, std::size_t bytes);
@@ -101,13 +100,13 @@ constexpr std::array<Entry, sizeof...(kLevels)> MakeEntries(std::index_sequence<
   return {Call<kLevels>...};
 }
 
-/// Where a path of depth d begins: element d - 1.
+/// Entry functions: element d - 1 begins a path of depth d.
 constexpr std::array<Entry, kMaxDepth> kEntries =
     MakeEntries(std::make_index_sequence<kMaxDepth>());
 
-/// Spreads the stack number over the digits of all levels, so that two stacks part in most of
-/// their levels. Every step can be undone within `bits`, so different numbers give different
-/// paths.
+/// Returns the path of stack number `stack`. Mixes the number into the digits of all levels, so
+/// that two stacks differ in most levels. Each step is invertible within `bits`, so different
+/// numbers give different paths.
 std::uint64_t PathOf(std::uint64_t stack, unsigned bits) {
   const std::uint64_t mask = bits >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << bits) - 1;
   for (int round = 0; round < 2; ++round) {
@@ -120,7 +119,7 @@ std::uint64_t PathOf(std::uint64_t stack, unsigned bits) {
 class Random {
  public:
   explicit Random(std::uint64_t seed) : state_(seed) {}
-  /// A number below `bound`, which must be below 2^32. Constants: Knuth's MMIX generator.
+  /// Returns a number below `bound` (below 2^32). Constants of Knuth's MMIX generator.
   std::size_t Below(std::size_t bound) {
     state_ = state_ * 6364136223846793005u + 1442695040888963407u;
     return static_cast<std::size_t>(((state_ >> 32) * bound) >> 32);
@@ -130,7 +129,7 @@ class Random {
   std::uint64_t state_;
 };
 
-/// Shared between the worker threads and the one that reads commands.
+/// State shared by the worker threads and the thread that reads commands.
 struct Control {
   std::atomic<unsigned> filled{0};
   std::atomic<bool> go{false};
@@ -144,7 +143,7 @@ std::int64_t NowNs() {
       .count();
 }
 
-/// Resident memory of this process in KiB, read without allocating.
+/// Returns the resident memory of this process in KiB. Allocates nothing.
 long ResidentKib() {
   char text[128] = {};
   const int fd = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
@@ -172,13 +171,14 @@ class Worker {
   }
 
   void Run() {
-    for (std::size_t slot = 0; slot < options_.live; ++slot) blocks_[slot] = Make(GroupOf(slot));
+    for (std::size_t slot = 0; slot < options_.live; ++slot)
+      blocks_[slot] = Allocate(GroupOf(slot));
     control_.filled.fetch_add(1);
     while (!control_.go.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (options_.interactive) {
-      Watch();
+      ChurnUntilStopped();
     } else {
-      Churn();
+      MeasureChurn();
     }
     for (void* block : blocks_) std::free(block);
   }
@@ -187,10 +187,11 @@ class Worker {
   std::int64_t elapsed_ns() const { return elapsed_ns_; }
 
  private:
-  /// Groups are numbered with the size as the fast digit; the live blocks are dealt out in turn.
+  /// Returns the group of a slot. A group is stack * kSizes + size; consecutive slots have
+  /// consecutive groups.
   std::size_t GroupOf(std::size_t slot) const { return slot % (options_.stacks * kSizes); }
 
-  void* Make(std::size_t group) {
+  void* Allocate(std::size_t group) {
     const std::uint64_t path = paths_[group / kSizes];
     void* block = entry_(path, kSizeTable[group % kSizes]);
     if (block == nullptr) std::abort();
@@ -203,11 +204,11 @@ class Worker {
     std::free(blocks_[slot]);
     const std::size_t group =
         options_.keep_groups ? GroupOf(slot) : random_.Below(options_.stacks * kSizes);
-    blocks_[slot] = Make(group);
+    blocks_[slot] = Allocate(group);
   }
 
-  /// Runs unmeasured until every live block was replaced about once, then measures.
-  void Churn() {
+  /// Replaces every live block about once without measuring, then measures.
+  void MeasureChurn() {
     constexpr unsigned kBatch = 1024;
     for (std::size_t step = 0; step < options_.live; ++step) Step();
     const std::int64_t begin = NowNs();
@@ -219,8 +220,8 @@ class Worker {
     } while (options_.pairs != 0 ? pairs_ < options_.pairs : elapsed_ns_ < limit);
   }
 
-  /// Churns until told to stop and notes the longest time that one step took.
-  void Watch() {
+  /// Churns until it is stopped and records the longest step.
+  void ChurnUntilStopped() {
     std::int64_t last = NowNs();
     while (!control_.stop.load(std::memory_order_relaxed)) {
       Step();
@@ -243,7 +244,7 @@ class Worker {
   std::int64_t elapsed_ns_ = 0;
 };
 
-/// Writes one line at once, past stdio's buffer, so that a reader at a pipe sees it immediately.
+/// Writes a line without buffering, so that the reader of a pipe sees it at once.
 template <typename... Arguments>
 void Print(const char* format, Arguments... arguments) {
   char line[256];
@@ -251,7 +252,7 @@ void Print(const char* format, Arguments... arguments) {
   if (length > 0 && write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) < 0) std::abort();
 }
 
-/// The next line of standard input without its newline; false at its end.
+/// Reads a line of standard input without its newline. Returns false at the end of input.
 bool ReadCommand(char (&line)[64]) {
   std::size_t length = 0;
   char c = 0;
@@ -277,7 +278,7 @@ void Dump() {
   Print("dump kind=%s ms=%.1f\n", kind, static_cast<double>(NowNs() - begin) / 1e6);
 }
 
-void Obey(Control& control) {
+void RunCommands(Control& control) {
   char line[64];
   while (!control.stop.load() && ReadCommand(line)) {
     if (std::strcmp(line, "go") == 0) {
@@ -314,7 +315,7 @@ bool Number(const char* text, std::uint64_t& value) {
   return end != text && *end == '\0' && *text != '-';
 }
 
-/// Reads one option; returns how many words it took, 0 when it is not understood.
+/// Parses one option. Returns the number of words used; 0 if the option is invalid.
 int ReadOption(int left, char** words, Options& options) {
   const std::string name = words[0];
   if (name == "--interactive") return options.interactive = true, 1;
@@ -353,7 +354,7 @@ int RunAll(const Options& options) {
   const long rss_filled = ResidentKib();
   if (options.interactive) {
     Print("ready pid=%d rss_kib=%ld\n", static_cast<int>(getpid()), rss_filled);
-    Obey(control);
+    RunCommands(control);
   } else {
     control.go.store(true);
   }

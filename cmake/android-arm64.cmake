@@ -1,10 +1,10 @@
-# Cross build for Android on 64-bit Arm, API level 29, with the public NDK or with its sysroot.
+# Toolchain for Android on 64-bit Arm, API level 29, with the public NDK or with its sysroot.
 #
-# ANDROID_NDK: the root of an NDK. Its own toolchain file and compiler are used.
-# ANDROID_SYSROOT: a directory with Android's headers and libraries. This machine's clang and lld are
-#   used. The compiler's runtime comes from ANDROID_NDK, or from the directory that holds the sysroot:
-#   an NDK has it at toolchains/llvm/prebuilt/HOST/sysroot.
-# Either is given with -D or in the environment.
+# ANDROID_NDK: the root of an NDK. Uses its toolchain file and compiler.
+# ANDROID_SYSROOT: a directory with Android's headers and libraries, in an NDK
+#   toolchains/llvm/prebuilt/HOST/sysroot. Uses clang and lld of the host. The compiler runtime comes
+#   from ANDROID_NDK or from the parent directory of the sysroot.
+# Set one of them with -D or in the environment.
 include(${CMAKE_CURRENT_LIST_DIR}/android-place.cmake)
 if(NOT ANDROID_SYSROOT)
   set(ANDROID_ABI arm64-v8a)
@@ -12,33 +12,33 @@ if(NOT ANDROID_SYSROOT)
   set(ANDROID_STL c++_static)
   include("${ANDROID_NDK}/build/cmake/android.toolchain.cmake")
 endif()
-# Compiler checks configure projects of their own, which do not see -D. After the NDK's file, which
-# sets the list anew.
+# Compiler checks configure their own projects, which do not see -D. The NDK's file overwrites the
+# list, so append to it afterwards.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK ANDROID_SYSROOT)
 if(NOT ANDROID_SYSROOT)
   return()
 endif()
 
 set(CMAKE_SYSTEM_NAME Android)
-# Keeps CMake from looking for an NDK of its own.
+# Prevents CMake from searching for an NDK.
 set(CMAKE_SYSTEM_VERSION 1)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_SYSROOT "${ANDROID_SYSROOT}")
-# CMake tries compilers without linking.
+# Compiler checks do not link.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-# The compiler searches the sysroot by itself; nothing may come from this machine.
+# The compiler searches the sysroot itself. Nothing may come from the host.
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The plain name first. CMakeLists.txt checks the version.
+# Prefer the plain name. CMakeLists.txt checks the version.
 set(versions 22 21 20 19 18 17 16 15 14)
 list(TRANSFORM versions PREPEND clang- OUTPUT_VARIABLE clang_names)
 list(TRANSFORM versions PREPEND clang++- OUTPUT_VARIABLE clangxx_names)
 find_program(MEMLEAK_CLANG NAMES clang ${clang_names})
 find_program(MEMLEAK_CLANGXX NAMES clang++ ${clangxx_names})
 if(NOT MEMLEAK_CLANG OR NOT MEMLEAK_CLANGXX)
-  message(FATAL_ERROR " clang is missing, which compiles for ANDROID_SYSROOT: install clang and lld (scripts/install-packages), or set ANDROID_NDK instead.")
+  message(FATAL_ERROR " ANDROID_SYSROOT needs clang and lld, and clang was not found: run scripts/install-packages, or set ANDROID_NDK instead.")
 endif()
 set(CMAKE_C_COMPILER "${MEMLEAK_CLANG}")
 set(CMAKE_CXX_COMPILER "${MEMLEAK_CLANGXX}")
@@ -47,7 +47,7 @@ foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-android29)
 endforeach()
 set(CMAKE_CXX_FLAGS_INIT -stdlib=libc++)
-# The resource directory is for the linker alone: a compiler needs the headers of its own one.
+# Only the linker uses this resource directory. The compiler needs the headers of its own.
 foreach(kind EXE SHARED MODULE)
   string(CONCAT CMAKE_${kind}_LINKER_FLAGS_INIT "-static-libstdc++ -fuse-ld=lld -Wl,--no-undefined "
     "-rtlib=compiler-rt -unwindlib=libunwind -resource-dir=\"${MEMLEAK_ANDROID_RUNTIME}\"")

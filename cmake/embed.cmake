@@ -1,6 +1,6 @@
-# Writes a C++ source that holds a file's bytes:
+# Writes a C++ source that contains the bytes of a file:
 #   cmake -D INPUT=FILE -D OUTPUT=SOURCE -D HEADER=FILE -D FUNCTION=NAME -P embed.cmake
-# HEADER declares std::string_view memleak::NAME(), which the source defines.
+# The source defines std::string_view memleak::NAME(), which HEADER declares.
 file(READ "${INPUT}" bytes HEX)
 string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${bytes}")
 file(WRITE "${OUTPUT}" "#include \"${HEADER}\"

@@ -1,4 +1,4 @@
-# Settings that every target shares, and the functions with which the folders declare their targets.
+# Settings of all targets, and functions that declare targets.
 
 if(ANDROID)
   set(MEMLEAK_SYSTEM android)
@@ -6,29 +6,22 @@ else()
   set(MEMLEAK_SYSTEM linux)
 endif()
 set(MEMLEAK_POLICIES ${MEMLEAK_SYSTEM} CACHE STRING
-  "Whose policies hold where the system leaves a choice: linux or android")
+  "The policies to use (platform/policies.h): linux or android")
 if(NOT MEMLEAK_POLICIES MATCHES "^(linux|android)$")
   message(FATAL_ERROR "MEMLEAK_POLICIES is '${MEMLEAK_POLICIES}': set it to linux or android.")
 endif()
 
-# MEMLEAK_POLICY_<name>: the source of each policy. How a dynamic section reads, where files are and
-# what a program is called is no choice: it follows from the system.
-foreach(policy elf_policy paths program_name)
-  set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/${policy}.cpp)
-endforeach()
-# Call-frame information may be wrong, so walks by it need to know where the stack ends.
-set(MEMLEAK_POLICY_readable_stack ${CMAKE_SOURCE_DIR}/platform/linux/readable_stack.cpp)
-foreach(policy fork_policy page_protection pc_policy signal_policy thread_keys)
-  set(MEMLEAK_POLICY_${policy} ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/${policy}.cpp)
-endforeach()
+# Sources that tests link without the rest of the platform.
+set(MEMLEAK_POLICY_SOURCE ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_POLICIES}/policies.cpp)
+set(MEMLEAK_SYSTEM_DIR ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM})
 
 add_library(memleak_options INTERFACE)
 target_include_directories(memleak_options INTERFACE
   ${CMAKE_SOURCE_DIR}
   ${CMAKE_SOURCE_DIR}/arch/${MEMLEAK_ARCH}/include)
-# Log lines name the source file, not where it lay when it was built.
+# Log lines contain paths relative to the source tree.
 target_compile_options(memleak_options INTERFACE -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
-# Frame pointers everywhere: the tracker walks them, and a profile of it should too.
+# The tracker walks frame pointers, and profilers of the tracker do.
 target_compile_options(memleak_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion
   -fno-omit-frame-pointer)
@@ -42,19 +35,35 @@ if(MEMLEAK_SANITIZE)
   target_link_options(memleak_options INTERFACE -fsanitize=${MEMLEAK_SANITIZE})
 endif()
 
-# Flags of everything that runs inside a watched process.
+# Flags of all code that runs inside a watched process.
 add_library(memleak_library_options INTERFACE)
 target_link_libraries(memleak_library_options INTERFACE memleak_options)
-target_include_directories(memleak_library_options INTERFACE
-  ${CMAKE_SOURCE_DIR}/platform/standin/include)
-target_include_directories(memleak_library_options INTERFACE
-  ${CMAKE_SOURCE_DIR}/platform/${MEMLEAK_SYSTEM}/include)
+# Android's headers: those that the NDK lacks, and for Linux those that it has, too.
+set(MEMLEAK_ANDROID_API_INCLUDE ${CMAKE_SOURCE_DIR}/platform/android_api/include)
+if(NOT ANDROID)
+  list(APPEND MEMLEAK_ANDROID_API_INCLUDE ${CMAKE_SOURCE_DIR}/platform/android_api/ndk_include)
+endif()
+target_include_directories(memleak_library_options INTERFACE ${MEMLEAK_ANDROID_API_INCLUDE})
 target_compile_options(memleak_library_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden> -fno-plt)
 
-# memleak_add_component(NAME folder-sources...): the objects of one source folder, both for the
-# library and for the tests that link a folder against fakes of the others.
+# memleak_add_component(NAME SOURCES...): the objects of one source folder. The library links them,
+# and tests link some folders with fakes of the others.
 function(memleak_add_component name)
   add_library(memleak_${name} OBJECT ${ARGN})
   target_link_libraries(memleak_${name} PUBLIC memleak_library_options Threads::Threads)
 endfunction()
+
+# memleak_optional(OPTION FOUND PART REASON): OPTION says whether to build PART. It defaults to FOUND,
+# which says whether the host has what PART takes; REASON says what is missing.
+macro(memleak_optional option found part reason)
+  if(NOT DEFINED ${option})
+    # Not cached: the next configuration looks again.
+    set(${option} ${found})
+    if(NOT ${option})
+      message(STATUS "Not building ${part}: ${reason}")
+    endif()
+  elseif(${option} AND NOT "${found}")
+    message(FATAL_ERROR " ${reason}: install it, or configure with -D${option}=OFF.")
+  endif()
+endmacro()

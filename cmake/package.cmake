@@ -1,20 +1,16 @@
-# What an installation holds, and the Debian package: cmake --install BUILD, or cpack -G DEB there.
-# Sanitizer builds have no loader and are not installed.
-if(MEMLEAK_SANITIZE)
+# Installation (cmake --install BUILD) and Debian package (cpack -G DEB in BUILD).
+if(NOT MEMLEAK_WITH_CONTROLLER)
   return()
 endif()
 include(GNUInstallDirs)
 
 install(TARGETS memleak RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# Not among the system's libraries: nothing links with them. The controller looks for them here, from
-# its own place.
+# Nothing links with the two libraries. The controller finds them relative to its own file.
 install(TARGETS memleak_preload memleak_tracker LIBRARY DESTINATION lib/memleak)
-install(FILES packaging/memleak.bash
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME memleak)
-install(FILES packaging/memleak.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-# By the package's name; documents and picture are where README.md names them.
+add_subdirectory(packaging)
+# The folder has the package's name. README.md refers to docs/ beside it.
 set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/memleak-tracker)
-install(FILES README.md DESTINATION ${doc_dir})
+install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md SECURITY.md DESTINATION ${doc_dir})
 install(DIRECTORY docs DESTINATION ${doc_dir} FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
 
 set(CPACK_GENERATOR DEB)

@@ -1,27 +1,27 @@
-# The page that `memleak html` writes: bundled from web/ by npm's packages in the build tree, and
-# embedded into the program. Only a desk's own program gets it: nobody writes pages with a
-# cross-built or a sanitized one, and their builds stay free of npm.
-if(CMAKE_CROSSCOMPILING OR MEMLEAK_SANITIZE)
-  set(page_default OFF)
-else()
-  set(page_default ON)
+# The page that `memleak html` writes. npm's packages bundle it from web/ in the build tree, and it is
+# embedded into memleak. Cross builds and sanitizer builds are for tests and have no page by default.
+find_program(MEMLEAK_NODE NAMES node nodejs)
+find_program(MEMLEAK_NPM npm)
+if((CMAKE_CROSSCOMPILING OR MEMLEAK_SANITIZE) AND NOT DEFINED MEMLEAK_WITH_PAGE)
+  set(MEMLEAK_WITH_PAGE OFF)
 endif()
-option(MEMLEAK_WITH_PAGE "Build the page of `memleak html` (takes npm)" ${page_default})
+set(page_tools OFF)
+if(MEMLEAK_NODE AND MEMLEAK_NPM)
+  set(page_tools ON)
+endif()
+memleak_optional(MEMLEAK_WITH_PAGE ${page_tools} "the page of `memleak html`"
+  "node or npm is missing (nodejs, npm)")
 
-# memleak_add_page(TARGET): PageShell() of tools/export/html.h, with the page or empty.
+# memleak_add_page(TARGET): adds PageShell() of tools/export/html.h, which returns the page, or "" in
+# a build without it.
 function(memleak_add_page target)
   if(NOT MEMLEAK_WITH_PAGE)
     target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tools/export/no_page.cpp)
     return()
   endif()
-  find_program(MEMLEAK_NODE NAMES node nodejs)
-  find_program(MEMLEAK_NPM npm)
-  if(NOT MEMLEAK_NODE OR NOT MEMLEAK_NPM)
-    message(FATAL_ERROR "npm is missing, which builds the page of `memleak html`: run scripts/install-packages (Debian: apt install nodejs npm), or configure with -DMEMLEAK_WITH_PAGE=OFF.")
-  endif()
   set(web ${CMAKE_SOURCE_DIR}/web)
   set(out ${CMAKE_BINARY_DIR}/web)
-  # Copies change only when the lists do: packages that are there are not fetched again.
+  # The copies change only with their sources, so packages are fetched only then.
   foreach(list package.json package-lock.json)
     configure_file(${web}/${list} ${out}/${list} COPYONLY)
   endforeach()
@@ -30,10 +30,11 @@ function(memleak_add_page target)
       --no-update-notifier --loglevel=error
     COMMAND ${CMAKE_COMMAND} -E touch ${out}/packages.stamp
     DEPENDS ${out}/package.json ${out}/package-lock.json
-    WORKING_DIRECTORY ${out} COMMENT "Fetching the page's packages" VERBATIM)
+    WORKING_DIRECTORY ${out} VERBATIM
+    COMMENT "Fetching the page's packages (without a network: -DMEMLEAK_WITH_PAGE=OFF)")
   file(GLOB sources CONFIGURE_DEPENDS ${web}/src/*)
   add_custom_command(OUTPUT ${out}/page.html
-    COMMAND ${MEMLEAK_NODE} ${web}/bundle.js ${out}/node_modules ${out}/page.html
+    COMMAND ${MEMLEAK_NODE} ${web}/bundle.js ${out}/node_modules ${out}/page.html ${PROJECT_VERSION}
     DEPENDS ${out}/packages.stamp ${web}/bundle.js ${web}/page.html ${sources}
     COMMENT "Bundling the page" VERBATIM)
   add_custom_command(OUTPUT ${out}/page.cpp

@@ -1,8 +1,5 @@
-// A small server-like program with two leaks whose true size is known.
-//
-// Each round it serves the same requests: it makes blocks, gives most of them back, and forgets
-// some. What it forgot it prints at the end, so that a report can be held against the truth.
-// Deterministic; one thread.
+// Works like a small server with two leaks, and prints their true size at the end, to compare with
+// a report. Each round serves the same requests. Deterministic; one thread.
 
 #include <chrono>
 #include <cstdint>
@@ -19,8 +16,7 @@ constexpr std::uint64_t kTracesPerRound = 100;
 constexpr std::size_t kTraceBytes = 4096;
 constexpr std::uint64_t kRequestsPerRound = 5000;
 
-/// Makes the block visible to the outside as far as the compiler can tell, so that neither the
-/// allocation nor the call that makes it can be left out.
+/// Keeps the compiler from removing the allocation of `block`.
 void KeepBlock(void* block) {
   __asm__ volatile("" : : "r"(block) : "memory");
 }
@@ -38,7 +34,7 @@ void* MustAllocate(void* block) {
 
 class SessionCache {
  public:
-  /// Leaks on purpose: the entry for a session replaces the one before, which nobody frees.
+  /// Leaks on purpose: replaces the entry of the previous session without freeing it.
   __attribute__((noinline)) void Remember(std::uint64_t session) {
     void* entry = MustAllocate(std::malloc(kSessionBytes));
     std::memcpy(entry, &session, sizeof session);
@@ -53,7 +49,7 @@ class SessionCache {
   std::uint64_t remembered_ = 0;
 };
 
-/// Leaks on purpose: the buffer of a trace is never given back.
+/// Leaks on purpose: never frees the buffer.
 __attribute__((noinline)) void WriteTrace(std::uint64_t number) {
   void* buffer = MustAllocate(std::malloc(kTraceBytes));
   std::memcpy(buffer, &number, sizeof number);
@@ -61,7 +57,7 @@ __attribute__((noinline)) void WriteTrace(std::uint64_t number) {
 
 namespace {
 
-/// A request as it should be: whatever it allocates it frees.
+/// Frees everything that it allocates.
 __attribute__((noinline)) void ServeRequest(std::uint64_t number) {
   void* input = MustAllocate(std::malloc(64 + number % 512));
   void* output = MustAllocate(std::calloc(4, 32 + number % 64));
@@ -113,9 +109,9 @@ int main(int argc, char** argv) {
   if (!ReadOptions(argc, argv, options)) {
     std::fputs(
         "usage: memleak_example_leak [--rounds N] [--pause MS] [--linger S]\n"
-        "  --rounds N  how often the same work is done (default 1)\n"
+        "  --rounds N  how often to do the same work (default 1)\n"
         "  --pause MS  milliseconds to wait before each round\n"
-        "  --linger S  seconds to stay alive after the last one\n",
+        "  --linger S  seconds to stay alive after the last round\n",
         stderr);
     return 2;
   }

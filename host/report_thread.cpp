@@ -14,7 +14,7 @@
 #include <atomic>
 
 #include "host/clock.h"
-#include "platform/standin/raw_calls.h"
+#include "platform/raw_calls.h"
 #include "protocol/protocol.h"
 
 namespace host {

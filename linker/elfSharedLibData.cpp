@@ -1,7 +1,6 @@
-// The index of one loaded library: reading its dynamic section, and the lookups. Any thread.
+// The index of one loaded library: parses its dynamic section and looks up symbols. Any thread.
 //
-// Damage is looked for when a library is indexed, as far as lengths are known then. Lookups
-// bounds-check every index.
+// The constructor validates all tables whose length is known. Lookups bounds-check every index.
 #include "linker/elfSharedLibData.h"
 
 #include <android-base/logging.h>
@@ -19,7 +18,7 @@ namespace lumora::linker {
 
 namespace {
 
-/// Words in front of the Bloom filter and of the ELF hash table's buckets.
+/// Header words before the Bloom filter, and before the buckets of the ELF hash table.
 constexpr std::uint64_t kGnuHeaderWords = 4;
 constexpr std::uint64_t kElfHeaderWords = 2;
 constexpr std::uint64_t kWord = sizeof(std::uint32_t);
@@ -79,15 +78,15 @@ elfSharedLibData::elfSharedLibData(const dl_phdr_info* info)
     lib_name_hash_ = described.lib_name_hash_;
     return;
   }
-  // Such a count makes lookups miss symbols; it is reported and used as it is. Only here, so that a
-  // damaged library has one line however many tables its dynamic section names.
+  // Intentional: such a count is logged and used as it is, although lookups then miss symbols.
+  // Logged here, so that a damaged library has one line.
   if (bloom_ != nullptr && (bloom_size_ & (bloom_size_ + 1)) != 0) {
     LOG(ERROR) << "bloom_size_ not power of 2";
   }
   if (!complete()) LOG(ERROR) << "not all info found";
 }
 
-/// Walks the dynamic section. Returns what is damaged, or null.
+/// Reads the dynamic section. Returns the name of the damaged part, or null.
 const char* elfSharedLibData::read_dynamic(const dl_phdr_info& info, const ElfSegments& segments) {
   std::uint64_t table = 0;
   for (std::uint64_t index = 0; index < info.dlpi_phnum; ++index) {
@@ -105,13 +104,13 @@ const char* elfSharedLibData::read_dynamic(const dl_phdr_info& info, const ElfSe
     const Elf64_Dyn& entry = At<Elf64_Dyn>(table)[index];
     if (entry.d_tag == DT_NULL) return nullptr;
     const char* damage = read_entry(entry, segments);
-    // What stands behind the last table needed is not looked at, relocations included.
+    // Stops at the last required table. Later entries are not read, not even relocations.
     if (damage != nullptr || complete()) return damage;
   }
   return "end of the dynamic section";
 }
 
-/// Takes one entry of the dynamic section. Returns what is damaged, or null.
+/// Reads one entry of the dynamic section. Returns the name of the damaged part, or null.
 const char* elfSharedLibData::read_entry(const Elf64_Dyn& entry, const ElfSegments& segments) {
   const std::uint64_t address = platform::DynamicAddress(entry.d_tag, entry.d_un.d_ptr, load_bias_);
   switch (entry.d_tag) {
@@ -121,8 +120,8 @@ const char* elfSharedLibData::read_entry(const Elf64_Dyn& entry, const ElfSegmen
     case DT_PLTRELSZ:
       plt_relocations_count_ = entry.d_un.d_val / sizeof(Elf64_Rela);
       break;
-    // Relocations without addends are taken for those with: only their symbols would be read, and
-    // no 64-bit system in question has them.
+    // Intentional: relocations without addends are treated as relocations with addends. Neither
+    // supported processor has them, and only their symbols are read.
     case DT_RELA:
     case DT_REL:
       relocations_ = At<Elf64_Rela>(address);
@@ -170,21 +169,22 @@ const char* elfSharedLibData::read_gnu_hash(std::uint64_t table, const ElfSegmen
   bloom_shift_ = words[3];
   const std::uint64_t buckets = table + kGnuHeaderWords * kWord + bloom_size_ * sizeof(*bloom_);
   const std::uint64_t chains = buckets + gnu_nbucket_ * kWord;
-  // Without a single Bloom word the mask would reach everywhere.
+  // No Bloom word at all would give an index mask of all ones.
   if (bloom_size_ == 0 || !segments.holds(table, chains - table, alignof(std::uint64_t))) {
     return "GNU hash table";
   }
   bloom_ = At<std::uint64_t>(table + kGnuHeaderWords * kWord);
   gnu_buckets_ = At<std::uint32_t>(buckets);
-  // In numbers: the result may lie before the mapping, and is never used below gnu_symndx_.
+  // Computed as an integer: the result may be before the mapping. Lookups start at gnu_symndx_.
   gnu_chains_ = At<std::uint32_t>(chains - gnu_symndx_ * kWord);
   gnu_chains_end_ = gnu_symndx_ + (segments.bytes_from(table) - (chains - table)) / kWord;
   --bloom_size_;
   return nullptr;
 }
 
-/// Holds all tables but the hash tables against the segments, and the PLT's relocations one by one:
-/// their slots are read and written later. Returns what is damaged, or null.
+/// Checks that all tables except the hash tables are within segments, and also the slot of every
+/// PLT relocation, since slots are read and written later. Returns the name of the damaged part, or
+/// null.
 const char* elfSharedLibData::check_tables(const ElfSegments& segments) {
   constexpr std::uint64_t kEntry = sizeof(Elf64_Rela);
   if (symtab_ != nullptr) {
@@ -231,16 +231,16 @@ bool elfSharedLibData::has_symbols() const {
   return symtab_ != nullptr && strtab_ != nullptr && is_own(symtab_) && is_own(strtab_);
 }
 
-/// Whether the loader says that `table` is the library's, by its name. The record's own copy of the
-/// pointer to it is not read, nor compared: the string was freed if the library is gone, and
-/// another library's name may lie there by now.
+/// Whether `table` is in a library with this library's name, according to the loader. Compares
+/// hashes: if the library is gone, lib_name_ points to freed memory, which may contain the name of
+/// another library.
 bool elfSharedLibData::is_own(const void* table) const {
   Dl_info found{};
   return dladdr(table, &found) != 0 && found.dli_fname != nullptr && lib_name_ != nullptr &&
          NameHash(found.dli_fname) == lib_name_hash_;
 }
 
-/// strcmp's answer, without reading behind the string table.
+/// Whether the symbol's name is `name`. Does not read beyond the string table.
 bool elfSharedLibData::has_name(const Elf64_Sym* symbol, const char* name) const {
   if (symbol->st_name >= strtab_bytes_) return false;
   const std::size_t length = std::strlen(name);
@@ -264,7 +264,7 @@ const Elf64_Sym* elfSharedLibData::gnu_find_symbol_by_name(const char* name) con
   if (bloom_ == nullptr || gnu_nbucket_ == 0) return nullptr;
   const std::uint32_t hash = GnuHash(name);
   const std::uint64_t word = bloom_[(hash >> 6) & bloom_size_];
-  // A shift beyond the hash's width would be undefined; both instruction sets take it modulo 32.
+  // A shift by 32 or more is undefined; both processors take the count modulo 32.
   const std::uint32_t second = hash >> (bloom_shift_ & 31);
   if ((word >> (hash & 63) & word >> (second & 63) & 1) == 0) return nullptr;
   std::uint64_t index = gnu_buckets_[hash % gnu_nbucket_];
@@ -280,7 +280,7 @@ const Elf64_Sym* elfSharedLibData::gnu_find_symbol_by_name(const char* name) con
 const Elf64_Sym* elfSharedLibData::elf_find_symbol_by_name(const char* name) const {
   if (elf_nbucket_ == 0) return nullptr;
   std::uint32_t index = elf_buckets_[ElfHash(name) % elf_nbucket_];
-  // No chain is longer than their number, unless it runs in a circle.
+  // A chain with more than elf_nchain_ steps is cyclic.
   for (std::uint32_t steps = 0; index != 0 && steps < elf_nchain_; ++steps) {
     if (index >= elf_nchain_ || index >= symtab_count_) return nullptr;
     if (has_name(symtab_ + index, name)) return symtab_ + index;
@@ -289,7 +289,7 @@ const Elf64_Sym* elfSharedLibData::elf_find_symbol_by_name(const char* name) con
   return nullptr;
 }
 
-/// The first symbol of this name that a relocation names, whatever the relocation's type.
+/// Returns the first symbol with this name that a relocation of any type refers to, or null.
 const Elf64_Sym* elfSharedLibData::find_in(const Elf64_Rela* relocations, std::uint64_t count,
                                            const char* name) const {
   if (relocations == nullptr) return nullptr;
@@ -324,7 +324,7 @@ std::vector<void**> elfSharedLibData::get_plt_relocations(const void* address) c
   if (plt_relocations_ == nullptr) return slots;
   for (std::uint64_t index = 0; index < plt_relocations_count_; ++index) {
     void** slot = SlotOf(plt_relocations_[index], load_bias_);
-    // Another thread may be patching the slot, or resolving the function.
+    // Atomic: another thread may patch the slot, or the loader may resolve it.
     if (__atomic_load_n(slot, __ATOMIC_RELAXED) == address) slots.push_back(slot);
   }
   return slots;

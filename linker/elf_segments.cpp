@@ -1,4 +1,4 @@
-// The parts of a loaded library that are mapped and can be read. Any thread.
+// The readable mapped parts of a loaded library. Any thread.
 #include "linker/elf_segments.h"
 
 #include <unistd.h>
@@ -9,19 +9,19 @@ std::uint64_t ElfSegments::bytes_from(std::uint64_t address) const {
   for (std::uint64_t index = 0; index < info_.dlpi_phnum; ++index) {
     const Elf64_Phdr& segment = info_.dlpi_phdr[index];
     if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) == 0) continue;
-    // Unsigned on purpose: an address before the segment gives a huge offset.
+    // Intentional: unsigned. An address before the segment gives a huge offset.
     const std::uint64_t offset = address - (info_.dlpi_addr + segment.p_vaddr);
     if (offset >= segment.p_memsz) continue;
-    const std::uint64_t bytes = left_by_later(index, address, segment.p_memsz - offset);
+    const std::uint64_t bytes = readable_under_later(index, address, segment.p_memsz - offset);
     if (bytes != 0) return bytes;
   }
   return 0;
 }
 
-/// How many of `bytes` bytes at `address`, in the segment `index`, later segments leave readable:
-/// they are mapped in whole pages, over what is there.
-std::uint64_t ElfSegments::left_by_later(std::uint64_t index, std::uint64_t address,
-                                         std::uint64_t bytes) const {
+/// Returns how many of the `bytes` bytes at `address`, in segment `index`, stay readable. The
+/// loader maps later segments over earlier ones, in whole pages.
+std::uint64_t ElfSegments::readable_under_later(std::uint64_t index, std::uint64_t address,
+                                                std::uint64_t bytes) const {
   while (++index < info_.dlpi_phnum) {
     const Elf64_Phdr& segment = info_.dlpi_phdr[index];
     if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) != 0) continue;

@@ -1,7 +1,7 @@
-// The parts of a loaded library that are mapped and can be read, from its program headers.
+// The readable mapped parts of a loaded library, from its program headers.
 //
-// Used while a library is indexed, on any thread. A damaged dynamic section may name any address:
-// nothing of it is followed before it was asked for here.
+// Used while a library is indexed, on any thread. A damaged dynamic section may contain any
+// address, so the index checks every address here before it reads from it.
 #pragma once
 
 #include <link.h>
@@ -10,22 +10,22 @@
 
 namespace lumora::linker {
 
-/// A view of `info`'s program headers; valid as long as they are.
+/// A view of the program headers of `info`; valid as long as they are.
 class ElfSegments {
  public:
   explicit ElfSegments(const dl_phdr_info& info) : info_(info) {}
 
-  /// Bytes from `address` to the end of the readable PT_LOAD segment that holds it, or to the first
-  /// page that a later segment covers with one that cannot be read; 0 outside.
+  /// Returns the number of readable bytes from `address` to the end of its PT_LOAD segment, or to
+  /// the first page that a later, unreadable segment covers. 0 if `address` is not readable.
   std::uint64_t bytes_from(std::uint64_t address) const;
 
-  /// Whether `bytes` bytes at `address` lie in one readable segment, `address` being a multiple of
+  /// Whether `bytes` bytes at `address` are in one readable segment and `address` is a multiple of
   /// `alignment` (a power of two).
   bool holds(std::uint64_t address, std::uint64_t bytes, std::uint64_t alignment) const;
 
  private:
-  std::uint64_t left_by_later(std::uint64_t index, std::uint64_t address,
-                              std::uint64_t bytes) const;
+  std::uint64_t readable_under_later(std::uint64_t index, std::uint64_t address,
+                                     std::uint64_t bytes) const;
 
   const dl_phdr_info& info_;
 };

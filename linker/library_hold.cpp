@@ -1,4 +1,4 @@
-// References to loaded libraries. See the header for who takes them.
+// References to loaded libraries.
 #include "linker/library_hold.h"
 
 #include <link.h>
@@ -12,14 +12,14 @@ namespace lumora::linker {
 
 namespace {
 
-/// What the loader has at an address.
+/// A search for the library at an address.
 struct Search {
   std::uint64_t address = 0;
   bool found = false;
   bool same_name = false;
-  /// How many libraries were unloaded so far; 0 where the loader does not count.
+  /// Number of libraries unloaded so far; 0 if the loader does not count them.
   unsigned long long unloaded = 0;
-  /// As the loader has it; "" for a program, and for names that are too long.
+  /// The loader's name for it; "" for the main program, and for a name that is too long.
   char name[PATH_MAX] = "";
 };
 
@@ -33,9 +33,10 @@ bool Covers(const dl_phdr_info& info, std::uint64_t address) {
   return false;
 }
 
-/// dl_iterate_phdr's callback: compares the name of the library at the address with the one before,
-/// and copies it. The loader's own string goes with the library, maybe as soon as the walk is over.
-int TakeName(dl_phdr_info* info, std::size_t size, void* data) {
+/// Callback of dl_iterate_phdr. Compares the name of the library at the address with the previous
+/// one and copies it: the loader's string is freed with the library, which may happen as soon as
+/// the walk ends.
+int CopyName(dl_phdr_info* info, std::size_t size, void* data) {
   auto& search = *static_cast<Search*>(data);
   if (!Covers(*info, search.address)) return 0;
   search.found = true;
@@ -53,9 +54,9 @@ int TakeName(dl_phdr_info* info, std::size_t size, void* data) {
   return 1;
 }
 
-bool LookAgain(Search& search) {
+bool SearchLoader(Search& search) {
   search.found = false;
-  dl_iterate_phdr(TakeName, &search);
+  dl_iterate_phdr(CopyName, &search);
   return search.found;
 }
 
@@ -65,12 +66,13 @@ bool hold_library_at(const void* address, LibraryHold& hold) {
   hold = nullptr;
   Search search;
   search.address = reinterpret_cast<std::uint64_t>(address);
-  if (!LookAgain(search)) return false;
+  if (!SearchLoader(search)) return false;
   while (search.name[0] != '\0') {
     const unsigned long long unloaded = search.unloaded;
     hold.reset(dlopen(search.name, RTLD_NOLOAD | RTLD_LAZY));
-    // Meanwhile the library may have gone, and another one, or itself again, come to the address.
-    const bool there = LookAgain(search);
+    // The library may have been unloaded meanwhile, and a library may have been loaded at the same
+    // address: another one, or the same one again.
+    const bool there = SearchLoader(search);
     if (there && search.same_name && (hold != nullptr || search.unloaded == unloaded)) return true;
     hold = nullptr;
     if (!there) return false;

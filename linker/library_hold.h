@@ -1,7 +1,7 @@
-// References to loaded libraries: a library stays loaded while one is held.
+// References to loaded libraries. A library stays loaded while a reference exists.
 //
-// Used by the hook engine, on any thread, with none of its locks held: the loader's lock is taken
-// here, and letting a library go may run its destructors.
+// Used by the hook engine, on any thread, with none of its locks held: these functions take the
+// loader's lock, and dropping a reference may run the library's destructors.
 #pragma once
 
 #include <dlfcn.h>
@@ -14,12 +14,12 @@ struct LibraryCloser {
   void operator()(void* handle) const { dlclose(handle); }
 };
 
-/// A reference to a loaded library, or null. Letting it go may change errno.
+/// A reference to a loaded library, or null. Dropping it may change errno.
 using LibraryHold = std::unique_ptr<void, LibraryCloser>;
 
-/// Sets `hold` to a reference to the library whose segments hold `address`; to null when the loader
-/// gives none, as for a program, or for a library that this one may not open. False when there is
-/// nothing loaded at the address. Allocates nothing itself.
+/// Sets `hold` to a reference to the library that has a segment at `address`. Sets it to null if
+/// the loader gives no reference: for the main program, or a library that this one may not open.
+/// Returns false if nothing is loaded at `address`. Allocates nothing itself.
 bool hold_library_at(const void* address, LibraryHold& hold);
 
 }  // namespace lumora::linker

@@ -1,4 +1,4 @@
-// The end of a process in which the engine's own locks or keys no longer work. Any thread.
+// Ends the process if the engine's own locks or keys fail. Any thread.
 #include "linker/log_assert.h"
 
 #include <android/log.h>
@@ -9,7 +9,7 @@
 namespace lumora::linker {
 
 void log_assert(const char* format, ...) {
-  // Not vasprintf, which may find no memory for the text.
+  // Not vasprintf, which allocates.
   char text[512];
   std::va_list arguments;
   va_start(arguments, format);

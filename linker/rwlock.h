@@ -1,5 +1,5 @@
-// Guards over the C library's reader-writer lock that end the process when a lock call fails: the
-// registries behind such a lock cannot be trusted any more.
+// Guards for the C library's reader-writer lock. A failing lock call ends the process: the data
+// behind the lock can no longer be trusted.
 //
 // Used by the library index and the hook engine, on any thread. Not for signal handlers.
 #pragma once
@@ -12,40 +12,38 @@
 
 namespace lumora::linker {
 
-/// Holds `lock` (not owned, outlives the guard) for reading while it lives.
-class ReadLock {
+/// Releases the lock, which is not owned, at the end of its life.
+class RwLockGuard {
  public:
-  explicit ReadLock(pthread_rwlock_t* lock) : lock_(lock) {
-    const int code = pthread_rwlock_rdlock(lock_);
-    if (code != 0) log_assert("pthread_rwlock_rdlock returned %s", std::strerror(code));
+  RwLockGuard(const RwLockGuard&) = delete;
+  RwLockGuard& operator=(const RwLockGuard&) = delete;
+
+ protected:
+  RwLockGuard(pthread_rwlock_t* lock, int code, const char* function) : lock_(lock) {
+    check(code, function);
   }
-  ReadLock(const ReadLock&) = delete;
-  ReadLock& operator=(const ReadLock&) = delete;
-  ~ReadLock() {
-    const int code = pthread_rwlock_unlock(lock_);
-    if (code != 0) log_assert("pthread_rwlock_unlock returned %s", std::strerror(code));
-  }
+  ~RwLockGuard() { check(pthread_rwlock_unlock(lock_), "pthread_rwlock_unlock"); }
 
  private:
+  static void check(int code, const char* function) {
+    if (code != 0) log_assert("%s returned %s", function, std::strerror(code));
+  }
+
   pthread_rwlock_t* lock_;
 };
 
-/// Holds `lock` (not owned, outlives the guard) for writing while it lives.
-class WriteLock {
+/// Holds a lock for reading.
+class ReadLock : RwLockGuard {
  public:
-  explicit WriteLock(pthread_rwlock_t* lock) : lock_(lock) {
-    const int code = pthread_rwlock_wrlock(lock_);
-    if (code != 0) log_assert("pthread_rwlock_wrlock returned %s", std::strerror(code));
-  }
-  WriteLock(const WriteLock&) = delete;
-  WriteLock& operator=(const WriteLock&) = delete;
-  ~WriteLock() {
-    const int code = pthread_rwlock_unlock(lock_);
-    if (code != 0) log_assert("pthread_rwlock_unlock returned %s", std::strerror(code));
-  }
+  explicit ReadLock(pthread_rwlock_t* lock)
+      : RwLockGuard(lock, pthread_rwlock_rdlock(lock), "pthread_rwlock_rdlock") {}
+};
 
- private:
-  pthread_rwlock_t* lock_;
+/// Holds a lock for writing.
+class WriteLock : RwLockGuard {
+ public:
+  explicit WriteLock(pthread_rwlock_t* lock)
+      : RwLockGuard(lock, pthread_rwlock_wrlock(lock), "pthread_rwlock_wrlock") {}
 };
 
 }  // namespace lumora::linker

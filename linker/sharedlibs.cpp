@@ -1,7 +1,8 @@
 // The registry of loaded libraries, by basename. Any thread.
 //
-// The loader's lock is taken outside the registry's lock only: dl_iterate_phdr holds it around the
-// callback, which takes the registry's, so that nothing may ask the loader under the registry's.
+// Lock order: the loader's lock before the registry's lock. dl_iterate_phdr holds the loader's lock
+// while its callback takes the registry's lock, so no code may call the loader under the registry's
+// lock.
 #include "linker/sharedlibs.h"
 
 #include <android-base/logging.h>
@@ -32,21 +33,21 @@ struct Entry {
   std::string key;
   elfSharedLibData library;
 };
-/// The keys are the entries' own, so that a lookup needs no string.
+/// The keys point to the entries' own strings, so that a lookup allocates no string.
 using Registry = std::unordered_map<std::string_view, std::unique_ptr<const Entry>>;
 using IterateFunction = int (*)(int (*)(dl_phdr_info*, std::size_t, void*), void*);
 
 pthread_rwlock_t registry_lock = PTHREAD_RWLOCK_INITIALIZER;
 std::atomic<bool> linker_enabled{true};
 
-/// Left to the process's end, never to its exit handlers: the report at the exit takes the hooks
-/// away, and commands come until the last moment.
+/// Never destroyed: the report at exit removes the hooks, and commands may arrive while exit
+/// handlers run.
 Registry& SharedLibs() {
   static platform::NeverDestroyed<Registry> registry;
   return registry.get();
 }
 
-/// The last component of `path`, by the rules of plt_basename; too long ones included.
+/// Returns the last component of `path` as plt_basename does, without a length limit.
 std::string_view Basename(const char* path) {
   std::string_view rest = path != nullptr ? path : "";
   if (rest.empty()) return ".";
@@ -56,8 +57,8 @@ std::string_view Basename(const char* path) {
   return slash == std::string_view::npos ? rest : rest.substr(slash + 1);
 }
 
-/// Adds one object if it is a library that is not known. Not keyed by plt_basename: its one buffer
-/// would mix up the names that two threads ask for at once.
+/// Adds one object if it is a library that is not known. Does not use plt_basename, whose buffer is
+/// shared by all threads.
 void AddLibrary(const dl_phdr_info& info) {
   if (info.dlpi_name == nullptr || !platform::AcceptsLibrary(info.dlpi_name)) return;
   const std::string_view key = Basename(info.dlpi_name);
@@ -68,14 +69,14 @@ void AddLibrary(const dl_phdr_info& info) {
   }
   auto entry = std::make_unique<const Entry>(Entry{std::string(key), elfSharedLibData(&info)});
   const WriteLock lock(&registry_lock);
-  // A thread that was faster keeps its record. An incomplete one is kept as well.
+  // Keeps an existing record if another thread was faster. Incomplete records are added too.
   const std::string_view name = entry->key;
   SharedLibs().emplace(name, std::move(entry));
 }
 
-/// dl_iterate_phdr's callback. No exception may pass through the C library: `data`, a bool, says
-/// that there was no memory. Returns 0, so that the walk goes on.
-int AddLibraryOrNote(dl_phdr_info* info, std::size_t /*size*/, void* data) {
+/// Callback of dl_iterate_phdr. Sets `data`, a bool, if there is no memory: no exception may pass
+/// through the C library. Returns 0 to continue the walk.
+int AddLibraryCallback(dl_phdr_info* info, std::size_t /*size*/, void* data) {
   try {
     AddLibrary(*info);
   } catch (const std::bad_alloc&) {
@@ -84,7 +85,7 @@ int AddLibraryOrNote(dl_phdr_info* info, std::size_t /*size*/, void* data) {
   return 0;
 }
 
-/// The record of the library, or the empty one and a log line.
+/// Returns the record of the library. If there is none, logs that and returns the empty record.
 elfSharedLibData Find(const char* libname) {
   {
     const ReadLock lock(&registry_lock);
@@ -95,7 +96,7 @@ elfSharedLibData Find(const char* libname) {
   return elfSharedLibData();
 }
 
-/// Drops the library's record, so that the next refresh reads it again.
+/// Drops the library's record, so that the next refresh reads the library again.
 void Forget(const char* libname) {
   const WriteLock lock(&registry_lock);
   SharedLibs().erase(Basename(libname));
@@ -112,7 +113,7 @@ elfSharedLibData sharedLib(const char* libname) {
 HeldLibrary hold_shared_lib(const char* libname) {
   const elfSharedLibData library = Find(libname);
   LibraryHold hold;
-  // In this order: what is held is what is looked at.
+  // Takes the reference first, so that has_symbols checks a library that stays loaded.
   if (hold_library_at(library.symtab_, hold) && library.has_symbols()) {
     return {std::move(hold), library};
   }
@@ -121,7 +122,7 @@ HeldLibrary hold_shared_lib(const char* libname) {
 }
 
 int refresh_shared_libs() {
-  // Not a static with an initializer: its guard would be a lock around the loader's.
+  // Not a static with a dynamic initializer: its guard would be held around the loader's lock.
   static std::atomic<IterateFunction> kept{nullptr};
   IterateFunction iterate = kept.load();
   if (iterate == nullptr) {
@@ -133,7 +134,7 @@ int refresh_shared_libs() {
     return 1;
   }
   bool out_of_memory = false;
-  iterate(AddLibraryOrNote, &out_of_memory);
+  iterate(AddLibraryCallback, &out_of_memory);
   if (!out_of_memory) return 0;
   errno = ENOMEM;
   return 1;

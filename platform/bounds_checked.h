@@ -1,7 +1,4 @@
-// memcpy_s and memset_s: copies that refuse to write past a stated limit.
-//
-// Called by the record tables when an allocation is recorded, on any thread of the program, and by
-// the report writer on its own.
+// memcpy_s and memset_s: memory functions with a checked limit.
 #pragma once
 
 #include <cerrno>
@@ -10,11 +7,11 @@
 
 namespace platform {
 
-/// Copies `count` bytes from `source` to `destination`, which has room for `limit` bytes.
+/// Copies `count` bytes from `source` to `destination`, which has room for `limit` bytes. The areas
+/// must not overlap.
 ///
-/// Returns 0 on success; EINVAL for a null pointer or a zero limit; ERANGE when `count` exceeds
-/// `limit`, and then nothing is copied. The areas must not overlap.
-/// Allocates nothing, takes no lock: safe in a signal handler.
+/// Returns 0, EINVAL for a null pointer or a zero limit, or ERANGE if `count` exceeds `limit`.
+/// Copies nothing in case of an error. Any thread. Async-signal-safe.
 inline int memcpy_s(void* destination, std::size_t limit, const void* source, std::size_t count) {
   if (destination == nullptr || source == nullptr || limit == 0) return EINVAL;
   if (count > limit) return ERANGE;
@@ -22,10 +19,10 @@ inline int memcpy_s(void* destination, std::size_t limit, const void* source, st
   return 0;
 }
 
-/// Fills `count` bytes at `destination`, which has room for `limit` bytes, with `value`.
+/// Sets `count` bytes at `destination`, which has room for `limit` bytes, to `value`.
 ///
-/// Returns 0 on success; EINVAL for a null pointer or a zero limit; ERANGE when `count` exceeds
-/// `limit`, and then nothing is written. Safe in a signal handler.
+/// Returns 0, EINVAL for a null pointer or a zero limit, or ERANGE if `count` exceeds `limit`. Sets
+/// nothing in case of an error. Any thread. Async-signal-safe.
 inline int memset_s(void* destination, std::size_t limit, int value, std::size_t count) {
   if (destination == nullptr || limit == 0) return EINVAL;
   if (count > limit) return ERANGE;

@@ -1,7 +1,7 @@
-// The calling thread's stack, by the platform's unwinder.
+// Unwinds the calling thread's stack.
 //
-// A platform tree has an unwinder library (platform/unwindstack). Elsewhere the stack is walked by
-// the call-frame information of the loaded objects (platform/cfi).
+// A platform tree uses libunwindstack (platform/unwindstack). Other builds use the call-frame
+// information of the loaded objects (platform/cfi).
 #pragma once
 
 #include <cstddef>
@@ -11,20 +11,20 @@
 
 namespace platform {
 
-/// Prepares the unwinder. Called once at start-up, before the first capture. Returns false if there
-/// can be no stacks. May allocate.
+/// Prepares the unwinder. Called once, at start-up, before the first capture. Returns false if
+/// stacks cannot be unwound. May allocate.
 bool PrepareCallStacks();
 
-/// Fills `pcs` with an address inside each call that the calling thread is in, innermost first, at
-/// most `max_pcs`. A function that a signal interrupted has the address of the instruction instead.
-/// Returns how many there are.
+/// Stores at most `max_pcs` addresses in `pcs`, one inside each call that the calling thread is in,
+/// innermost first. For a function that a signal interrupted it is the address of the next
+/// instruction. Returns the number of addresses.
 ///
-/// `inner` is the frame record of a function that the tracker's entry called. The stack begins with
-/// the entry's caller. If that is the tracker, too, its frames are left out.
+/// `inner` is the frame record of a function that the tracker's entry called. The stack starts with
+/// the entry's caller. Frames of the tracker at the start are skipped.
 ///
-/// Runs on the allocation path, on any thread. Keeps errno. By call-frame information it takes no
-/// lock (but see FindLoadedObject), allocates nothing and is async-signal-safe. The unwinder
-/// library allocates, and without memory there are no frames.
+/// Any thread, on the allocation path. Keeps errno. By call-frame information it allocates nothing,
+/// takes no lock (but see FindLoadedObject) and is async-signal-safe. libunwindstack allocates;
+/// without memory the result is 0.
 std::size_t CallStack(const arch::FrameRecord* inner, std::uint64_t* pcs, std::size_t max_pcs);
 
 }  // namespace platform

@@ -1,4 +1,4 @@
-// The dynamic linkers' rules, of both systems. Pure functions, any thread and context.
+// The rules of both dynamic linkers.
 #include "platform/elf_policy.h"
 
 #include <elf.h>
@@ -7,7 +7,6 @@
 #include <string_view>
 
 namespace platform {
-
 namespace {
 
 constexpr std::string_view kSuffix = ".so";
@@ -16,7 +15,7 @@ bool EndsInSuffix(std::string_view name) {
   return name.size() >= kSuffix.size() && name.substr(name.size() - kSuffix.size()) == kSuffix;
 }
 
-/// The name without the ".digits" groups at its end.
+/// Returns `name` without the ".<digits>" groups at its end.
 std::string_view WithoutVersion(std::string_view name) {
   for (;;) {
     const std::size_t last = name.find_last_not_of("0123456789");
@@ -25,7 +24,7 @@ std::string_view WithoutVersion(std::string_view name) {
   }
 }
 
-/// The tables whose addresses glibc relocates in place.
+/// Whether glibc replaces the value of this entry by an address.
 bool RelocatedByGlibc(std::int64_t tag) {
   switch (tag) {
     case DT_HASH:

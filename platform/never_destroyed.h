@@ -1,13 +1,12 @@
-// An object that lives until the process's end, in place: making it needs no heap, and no exit
-// handler takes it from threads that outlive main.
+// A static object that is never destroyed, because threads may use it after main has returned.
 #pragma once
 
 #include <new>
 
 namespace platform {
 
-/// Room for a T, for a static inside a function. T's constructor runs on first use, on whatever
-/// thread, and its destructor never.
+/// Holds a T in place, without the heap. Use it as a static inside a function: T is constructed on
+/// first use, on any thread.
 template <typename T>
 class NeverDestroyed {
  public:
@@ -15,6 +14,7 @@ class NeverDestroyed {
   NeverDestroyed(const NeverDestroyed&) = delete;
   NeverDestroyed& operator=(const NeverDestroyed&) = delete;
 
+  /// Returns the object, which lives until the process ends.
   T& get() { return *std::launder(reinterpret_cast<T*>(memory_)); }
 
  private:

@@ -1,6 +1,6 @@
-// Whether memory can be read, without reading it.
+// Tests whether memory is readable without reading it.
 //
-// Used inside recorded allocations and hooked calls, on any thread and in signal handlers.
+// Used inside recorded allocations and hooked calls. Any thread. Async-signal-safe.
 #pragma once
 
 #include <linux/futex.h>
@@ -13,12 +13,16 @@
 
 namespace platform {
 
-/// Whether the page that holds `address` can be read. Takes no lock, allocates nothing, keeps
-/// errno.
+/// The kernel's smallest page. On a machine with larger pages a part of a page is readable if the
+/// page is.
+inline constexpr std::uint64_t kSmallestPage = 4096;
+
+/// Returns whether the page that contains `address` is readable. Takes no lock, allocates nothing,
+/// keeps errno. One system call.
 ///
-/// The kernel reads a word there and compares it with a number. With zero time to wait it never
-/// sleeps, even if they are equal. Programs need this call for any mutex, so sandboxes allow it;
-/// under an emulator the page is the emulated program's.
+/// FUTEX_WAIT makes the kernel read a word and compare it with a number. With a timeout of zero it
+/// never blocks. Every mutex needs this call, so sandboxes allow it. Under an emulator it refers to
+/// the emulated program's memory.
 inline bool CanRead(std::uint64_t address) {
   constexpr std::uint32_t kUnlikely = 0x5BD1E995;
   const timespec no_time{};
@@ -30,12 +34,12 @@ inline bool CanRead(std::uint64_t address) {
   return readable;
 }
 
-/// The same for all of the `bytes` bytes (more than 0) at `address`. One system call for each page.
+/// Returns whether all of the `bytes` bytes (more than 0) at `address` are readable. One system
+/// call for each page.
 inline bool CanRead(std::uint64_t address, std::uint64_t bytes) {
-  constexpr std::uint64_t kPageBytes = 4096;  // the smallest that the kernel has
   const std::uint64_t last = address + bytes - 1;
   if (last < address) return false;
-  for (std::uint64_t page = address & ~(kPageBytes - 1); page <= last; page += kPageBytes) {
+  for (std::uint64_t page = address & ~(kSmallestPage - 1); page <= last; page += kSmallestPage) {
     if (!CanRead(page)) return false;
   }
   return true;

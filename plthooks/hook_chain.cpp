@@ -1,4 +1,4 @@
-// How the functions of one hooked slot change. See the header for who may do that.
+// Changes to the list of functions of one hooked slot. Writers only.
 #include "plthooks/hook_chain.h"
 
 #include <cstddef>
@@ -22,7 +22,7 @@ HookChain::~HookChain() {
   }
 }
 
-/// Adds to an array that has room.
+/// Appends to an array that is not full.
 void HookChain::Append(Array& array, void* function) {
   const std::uint64_t state = array.state.load(std::memory_order_relaxed);
   new (array.elements() + static_cast<std::uint32_t>(state)) Element{function, {0}};

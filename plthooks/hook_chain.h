@@ -1,8 +1,8 @@
-// The functions of one hooked slot, as they change under the calls that run them.
+// The list of functions of one hooked slot: the original function and its hooks.
 //
-// Written by the registry, one thread at a time under its lock; read by every call through the
-// slot, on any thread and in any context, without a lock. A call takes a snapshot and keeps it:
-// hooks that are added or removed later do not concern it.
+// The registry writes it, one thread at a time, under its lock. Every call through the slot reads
+// it, on any thread and in any context, without a lock. A call takes a snapshot, so hooks that are
+// added or removed later do not affect it.
 #pragma once
 
 #include <atomic>
@@ -10,22 +10,25 @@
 
 namespace lumora::plthooks {
 
-/// The original function and the hooks, oldest first, in an array to which functions are appended.
-/// Removing one writes into its element when that was: removal number n is seen by snapshots that
-/// were taken after n removals or more. A full array is replaced by one with what is left in it,
-/// and kept, since calls may still run by it: some 30 bytes for each function ever added.
+/// The original function and the hooks, oldest first, in an append-only array.
+///
+/// A removal only writes its number (1, 2, ...) into the element. A snapshot stores how many
+/// removals there were before it, and so knows which elements were removed by then. A full array is
+/// replaced by a copy without the removed elements. The old array is kept, since calls may still
+/// read it: about 30 bytes for each function ever added.
 class HookChain {
  private:
   struct Element {
     void* function;
-    /// The number of the removal that took it, from 1; 0 while it is in.
+    /// Number of the removal that removed it, from 1; 0 if it was not removed.
     std::atomic<std::uint32_t> removal;
   };
   struct Array {
-    /// Never changed any more.
+    /// The array that this one replaced, or null.
     Array* outgrown;
     std::uint32_t capacity;
-    /// Size in the lower half, removals in the upper one: a snapshot takes both at once.
+    /// Size in the lower 32 bits, number of removals in the upper 32: a snapshot reads both at
+    /// once.
     std::atomic<std::uint64_t> state;
 
     Element* elements() { return reinterpret_cast<Element*>(this + 1); }
@@ -33,29 +36,30 @@ class HookChain {
   };
 
  public:
-  /// The functions at one moment, for as long as the chain lives. A plain value. Reading it takes
-  /// no lock and allocates nothing.
+  /// The functions at one moment. A plain value, valid as long as the chain exists. Takes no lock
+  /// and allocates nothing; any thread, any context.
   class Snapshot {
    public:
     Snapshot() = default;
 
     bool empty() const { return size_ == 0; }
-    /// The number of elements, removed ones included, and the function of one: null if removed.
+    /// The number of elements, including removed ones.
     std::uint32_t size() const { return size_; }
+    /// The function at `index` (below size()); null if it was removed.
     void* element(std::uint32_t index) const {
       const Element& found = array_->elements()[index];
       const std::uint32_t removal = found.removal.load(std::memory_order_relaxed);
       return removal == 0 || removal > removals_ ? found.function : nullptr;
     }
-    /// The oldest function, which is never removed; null of an empty snapshot.
+    /// The original function, which is never removed; null for an empty snapshot.
     void* original() const { return array_ != nullptr ? array_->elements()[0].function : nullptr; }
-    /// The last function; only of a snapshot that is not empty.
+    /// The newest function. The snapshot must not be empty.
     void* newest() const {
       std::uint32_t index = size_ - 1;
       while (element(index) == nullptr) --index;
       return element(index);
     }
-    /// The function before the first `hook`; null when there is no such hook, or none before it.
+    /// The function before the first `hook`; null if `hook` is not in the list or is the original.
     void* before(const void* hook) const {
       void* previous = nullptr;
       for (std::uint32_t index = 0; index < size_; ++index) {
@@ -82,23 +86,24 @@ class HookChain {
   HookChain() = default;
   HookChain(const HookChain&) = delete;
   HookChain& operator=(const HookChain&) = delete;
-  /// Nobody may hold a snapshot any more.
+  /// No snapshot may be in use.
   ~HookChain();
 
-  /// Any thread, any context. Takes no lock, allocates nothing.
+  /// Returns the current functions. Any thread, any context. Takes no lock, allocates nothing.
   Snapshot snapshot() const {
     const Array* array = current_.load(std::memory_order_acquire);
     if (array == nullptr) return {};
     return {array, array->state.load(std::memory_order_acquire)};
   }
 
-  /// Adds `function` (not null) as the newest. Throws std::bad_alloc, with nothing changed. Only
-  /// writers may call this function and those below.
+  // Writers only: one thread at a time.
+
+  /// Adds `function` (not null) as the newest. Throws std::bad_alloc, with nothing changed.
   void append(void* function);
-  /// Removes the first `function` (not null), which is not the original. False when there is none.
-  /// Allocates nothing.
+  /// Removes the first hook equal to `function` (not null). Never removes the original. Returns
+  /// false if there is none. Allocates nothing.
   bool remove(const void* function);
-  /// The number of functions that are in.
+  /// The number of functions that were not removed.
   std::uint32_t length() const {
     const Snapshot all = snapshot();
     return all.size_ - all.removals_;

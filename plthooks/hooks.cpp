@@ -1,7 +1,7 @@
-// The registry of hooked slots. See the header for who runs it where.
+// The registry of hooked slots.
 //
 // Writers hold the lock. Readers follow a published pointer to the table of records by id. A record
-// is never freed, since a call may still be inside its trampoline, which is not freed either.
+// is never freed, since a call may still be in its trampoline.
 #include "plthooks/hooks.h"
 
 #include <pthread.h>
@@ -31,21 +31,22 @@ struct InternalHookInfo {
   std::shared_ptr<void> library;
 };
 
-/// Records by id, which are small numbers given out in order.
+/// Records by id. Ids are consecutive small numbers.
 class RecordTable {
  public:
-  /// Any thread. Static, so that a call need not ask whether the table was made.
+  /// Returns the record, or null. Any thread, any context. Static, so that a hooked call does not
+  /// check whether the globals are initialized.
   static const InternalHookInfo* find(std::uint64_t id) {
     const Slots* slots = current_.load(std::memory_order_acquire);
     if (slots == nullptr || id >= slots->size()) return nullptr;
     return (*slots)[id].load(std::memory_order_acquire);
   }
 
-  /// Makes room for `id`. Throws std::bad_alloc. Only under the registry's lock, as set.
+  /// Makes room for `id`. Throws std::bad_alloc. Under the registry's lock.
   void reserve(std::uint64_t id) {
     if (all_.empty() || id >= all_.back()->size()) grow(id);
   }
-  /// After reserve.
+  /// Publishes `record`. Call reserve(id) first. Under the registry's lock.
   void set(std::uint64_t id, const InternalHookInfo* record) {
     (*all_.back())[id].store(record, std::memory_order_release);
   }
@@ -67,7 +68,7 @@ class RecordTable {
   }
 
   static std::atomic<const Slots*> current_;
-  /// The outgrown ones too: a reader may be in one.
+  /// All arrays ever made; the last one is current. A reader may still use an older one.
   std::vector<std::unique_ptr<Slots>> all_;
 };
 
@@ -80,8 +81,7 @@ struct Globals {
   RecordTable by_id;
 };
 
-/// Left to the process's end, never to its exit handlers: calls go through the trampolines until
-/// the last moment.
+/// Never destroyed: calls through trampolines go on while exit handlers run.
 Globals& globals() {
   static platform::NeverDestroyed<Globals> instance;
   return instance.get();
@@ -96,7 +96,7 @@ void add_record(Globals& all, HookInfo& info) {
   record->run_list.append(info.new_function);
   all.by_id.reserve(record->id);
   all.by_got.emplace(record->got_address, record.get());
-  // From here on nothing fails.
+  // Nothing below this line can fail.
   record->library = std::move(info.library);
   info.out_id = record->id;
   all.by_id.set(info.out_id, record.release());
@@ -134,7 +134,7 @@ HookResult remove(HookInfo& info) {
   void* const original = record.run_list.snapshot().original();
   if (record.run_list.length() == 1) {
     if (original != info.new_function) return HOOK_INVALID;
-    // By its id the record stays known: a call may have read the slot just before it changed.
+    // The record stays in by_id: a call may have read the slot just before it changed.
     all.by_got.erase(found);
     info.library = std::move(record.library);
     return HOOK_REMOVED_FULLY;

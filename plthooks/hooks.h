@@ -1,8 +1,7 @@
-// The registry of hooked slots: which functions a call through a slot has to run.
+// The registry of hooked slots: the functions that a call through each slot runs.
 //
-// Written by the hook engine on whichever thread does the hooking; read by every call through a
-// trampoline, on any thread, without a lock: a fork or a second caller never waits for a hook that
-// is being added.
+// The hook engine writes it, on any thread. Every call through a trampoline reads it, on any
+// thread, without a lock, so that a call or a fork never waits for a hook that is being added.
 #pragma once
 
 #include <cstdint>
@@ -16,51 +15,54 @@ namespace lumora::plthooks::hooks {
 /// The functions of one slot: the original first, then the hooks from oldest to newest.
 using RunList = std::vector<void*>;
 
-/// What adding and removing came to.
+/// Result of `add` and `remove`.
 enum HookResult : int {
-  HOOK_UNKNOWN = -2,              ///< No such slot, or not this hook's.
-  HOOK_INVALID = -1,              ///< A required field is null, or the original was to be removed.
-  HOOK_NEW = 1,                   ///< A new record.
-  HOOK_APPENDED = 2,              ///< One more hook for a known slot.
-  HOOK_REMOVED_STILL_HOOKED = 3,  ///< Other hooks remain.
-  HOOK_REMOVED_TRIVIAL = 4,       ///< Only the original function remains.
-  HOOK_REMOVED_FULLY = 5,         ///< The slot is forgotten.
+  HOOK_UNKNOWN = -2,              ///< The slot has no record, or the hook is not in it.
+  HOOK_INVALID = -1,              ///< A required field is null, or the original is still in use.
+  HOOK_NEW = 1,                   ///< Created a record.
+  HOOK_APPENDED = 2,              ///< Added a hook to an existing record.
+  HOOK_REMOVED_STILL_HOOKED = 3,  ///< Removed a hook; other hooks remain.
+  HOOK_REMOVED_TRIVIAL = 4,       ///< Removed a hook; only the original function remains.
+  HOOK_REMOVED_FULLY = 5,         ///< Removed the slot's record.
   HOOK_NOT_CHAINABLE = 6,         ///< The slot is hooked without a trampoline; nothing changed.
 };
 
 /// A request to the registry.
 struct HookInfo {
-  /// Set by `add` for HOOK_NEW and HOOK_APPENDED: what the slot's trampoline is made for.
+  /// Out: id of the record, for its trampoline. Set by `add` for HOOK_NEW and HOOK_APPENDED.
   std::uint64_t out_id;
   /// The slot of the Global Offset Table.
   void** got_address;
   void* new_function;
-  /// What the slot holds, for a new record. Set to the original function by `add` for HOOK_APPENDED
-  /// and by `remove`.
+  /// In: the slot's content, for a new record. Out: the original function. Set by `add` for
+  /// HOOK_APPENDED, and by `remove`.
   void* previous_function;
   bool no_trampoline;
-  /// What keeps the slot's library loaded, or null: `add` moves it into a new record, and `remove`
-  /// gives it back for HOOK_REMOVED_FULLY. To be let go with no lock held.
+  /// The reference that keeps the slot's library loaded, or null. `add` moves it into a new record.
+  /// `remove` moves it back for HOOK_REMOVED_FULLY. Drop it with no lock held.
   std::shared_ptr<void> library{};
 };
 
-/// Adds `new_function` to the slot's functions. HOOK_NEW, HOOK_APPENDED, HOOK_NOT_CHAINABLE or
-/// HOOK_INVALID. Takes the registry's lock. Throws std::bad_alloc, with nothing changed.
+/// Adds `new_function` to the functions of the slot. Returns HOOK_NEW, HOOK_APPENDED,
+/// HOOK_NOT_CHAINABLE or HOOK_INVALID. Takes the registry's lock. Throws std::bad_alloc, with
+/// nothing changed.
 HookResult add(HookInfo& info);
 
-/// Takes `new_function` off the slot's functions; the original, once it is alone, to forget the
-/// slot. HOOK_REMOVED_STILL_HOOKED, HOOK_REMOVED_TRIVIAL, HOOK_REMOVED_FULLY, HOOK_UNKNOWN or
-/// HOOK_INVALID. Takes the registry's lock; allocates nothing.
+/// Removes the hook `new_function` from the slot. If only the original function is left and
+/// `new_function` is the original, removes the slot's record. Returns HOOK_REMOVED_STILL_HOOKED,
+/// HOOK_REMOVED_TRIVIAL, HOOK_REMOVED_FULLY, HOOK_UNKNOWN or HOOK_INVALID. Takes the registry's
+/// lock. Allocates nothing.
 HookResult remove(HookInfo& info);
 
 /// Whether the slot at address `slot` has a record. Takes the registry's lock.
 bool is_hooked(std::uintptr_t slot);
 
-/// A copy of the functions of `id`; empty for an unknown one. Allocates; takes no lock.
+/// Returns a copy of the functions of record `id`; empty if there is none. Takes no lock.
+/// Allocates.
 RunList get_run_list(std::uint64_t id);
 
-/// The functions of `id` as they are now; empty for an unknown one. Takes no lock, allocates
-/// nothing: for trampolines, and so for any context.
+/// Returns a snapshot of the functions of record `id`; empty if there is none. Takes no lock and
+/// allocates nothing, so trampolines may call it in any context.
 HookChain::Snapshot current_run_list(std::uint64_t id);
 
 }  // namespace lumora::plthooks::hooks

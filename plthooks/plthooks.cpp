@@ -1,9 +1,10 @@
-// Hooking and unhooking: from a library's and a function's name to slots, and the writes to them.
+// Hooking and unhooking: finds the slots of a function in a library, and writes them.
 //
-// The hook lock is the outermost of the engine's; the registry's, the trampolines' and the patch
-// lock are each taken and released under it, never two of them at once. The loader is asked before
-// any of them is taken: a library's constructor may hook, and holds the loader's lock meanwhile.
-// Under the hook lock a slot that has changed since it was looked at is looked at again.
+// Lock order: the hook lock is the engine's outermost lock. The registry's, the trampolines' and
+// the patch lock are each taken and released under it, never two of them at once. The loader is
+// called before any of these locks is taken: a library's constructor may hook, and it runs under
+// the loader's lock. So a slot is inspected without a lock, and inspected again if it has changed
+// by the time the hook lock is held.
 #include "plthooks/plthooks.h"
 
 #include <android-base/logging.h>
@@ -26,7 +27,7 @@
 #include "linker/library_hold.h"
 #include "linker/rwlock.h"
 #include "linker/sharedlibs.h"
-#include "platform/page_protection.h"
+#include "platform/policies.h"
 #include "plthooks/hooks.h"
 #include "plthooks/trampoline.h"
 #include "protocol/protocol.h"
@@ -40,25 +41,25 @@ namespace {
 using linker::elfSharedLibData;
 using linker::WriteLock;
 
-/// What a patch returns when the page cannot be made writable.
+/// Result of a slot write if the page cannot be made writable.
 constexpr int kPageNotWritable = 5;
 
 pthread_rwlock_t hook_lock = PTHREAD_RWLOCK_INITIALIZER;
 pthread_rwlock_t patch_lock = PTHREAD_RWLOCK_INITIALIZER;
 
-/// For a failure: sets errno and returns 1.
+/// Sets errno and returns 1.
 int fail(int error) {
   errno = error;
   return 1;
 }
 
-/// Logs a lack of memory, without the platform's base logging, which allocates; then as fail.
+/// Logs a lack of memory, sets errno and returns 1. Does not use base logging, which allocates.
 int out_of_memory() {
   async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "out of memory while hooking");
   return fail(ENOMEM);
 }
 
-/// The failures of one call, and errno of the last one.
+/// Counts the failures of one call and keeps the errno of the last one.
 struct Tally {
   int failures = 0;
   int error = 0;
@@ -68,34 +69,34 @@ struct Tally {
     ++failures;
     error = errno;
   }
-  /// The number of failures, with errno set if there are any: letting libraries go may change it.
+  /// Returns the number of failures. Sets errno if there are any: dropping references to libraries
+  /// may have changed it.
   int finish() const {
     if (failures != 0) errno = error;
     return failures;
   }
 };
 
-// ---- looking: none of the engine's locks is held ----
+// ---- inspection: none of the engine's locks is held ----
 
-/// The address of `symbol` of `library`.
 std::uintptr_t address_of(const elfSharedLibData& library, const Elf64_Sym* symbol) {
   return static_cast<std::uintptr_t>(symbol->st_value + library.load_bias_);
 }
 
-/// The address of the function in the library that defines it; null when there is no such.
+/// Returns the address of the function in the library that defines it; null if there is none.
 void* resolve_target(const plt_hook_spec& spec) {
   const linker::HeldLibrary definer = linker::hold_shared_lib(spec.lib_name);
   const Elf64_Sym* symbol = definer.library.find_symbol_by_name(spec.function_name);
   return symbol != nullptr ? reinterpret_cast<void*>(address_of(definer.library, symbol)) : nullptr;
 }
 
-/// A library that has no slots, or is gone, imports nothing.
+/// Returns the empty record, which imports nothing, for a library that has no slots or is unloaded.
 elfSharedLibData usable(const elfSharedLibData& library) {
   return library ? library : elfSharedLibData();
 }
 
-/// The slots through which `library` calls the function, in the order of its relocations. Keeps the
-/// address in the request when it looked that up.
+/// Returns the slots through which `library` calls the function, in relocation order. Caches a
+/// resolved address in `spec.target`.
 std::vector<void**> find_slots(const elfSharedLibData& library, plt_hook_spec& spec) {
   if (spec.target == nullptr && spec.lib_name != nullptr) spec.target = resolve_target(spec);
   if (spec.target != nullptr) return library.get_plt_relocations(spec.target);
@@ -111,8 +112,8 @@ bool is_hooked(void** slot) {
   return hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot));
 }
 
-/// Whether `name`, the symbol nearest to `content` in the library `file`, is exactly there: then it
-/// is another name of what the slot was resolved to.
+/// Whether the symbol `name` of the library `file` is exactly at `content`. Then it is another name
+/// of the function that the slot points to.
 bool is_alias(const char* file, const char* name, const void* content) {
   if (name == nullptr) return false;
   const linker::HeldLibrary held = linker::hold_shared_lib(file);
@@ -121,17 +122,17 @@ bool is_alias(const char* file, const char* name, const void* content) {
          address_of(held.library, symbol) == reinterpret_cast<std::uintptr_t>(content);
 }
 
-/// Where a slot that is not hooked leads, and whether that is the function that was asked for.
-class Look {
+/// Checks whether a slot that is not hooked points to the wanted function.
+class SlotCheck {
  public:
-  Look(void** slot, void* content, const char* function_name)
+  SlotCheck(void** slot, void* content, const char* function_name)
       : slot_(slot), content_(content), function_name_(function_name) {
     Dl_info info = {};
     if (dladdr(slot, &info) == 0) {
       found_ = kNoSlot;
       return;
     }
-    // The names that the loader gives are the library's.
+    // The reference keeps the library's strings valid, which dladdr returns.
     if (!linker::hold_library_at(content, hold_) || dladdr(content, &info) == 0) {
       found_ = kNoLibrary;
       return;
@@ -141,9 +142,9 @@ class Look {
     found_ = same || is_alias(info.dli_fname, nearest_, content) ? kFunction : kOther;
   }
 
-  bool leads_to_function() const { return found_ == kFunction; }
+  bool points_to_function() const { return found_ == kFunction; }
 
-  /// Says why not.
+  /// Logs the reason if it does not.
   void log() const {
     switch (found_) {
       case kNoSlot:
@@ -174,7 +175,8 @@ class Look {
 
 // ---- patching ----
 
-/// The page of a slot, and how it is to be left. Made before any lock is taken.
+/// The page of a slot and its protection after a write. Created before any lock is taken, since it
+/// may call the loader.
 struct Page {
   explicit Page(void** slot) : bytes(static_cast<std::size_t>(getpagesize())) {
     base = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(slot) & ~(bytes - 1));
@@ -186,7 +188,7 @@ struct Page {
   int protection;
 };
 
-/// Returns as unsafe_patch_relocation_address.
+/// Returns as unsafe_patch_relocation_address does.
 int write_slot(void** slot, void* value, const Page& page) {
   const WriteLock lock(&patch_lock);
   if (mprotect(page.base, page.bytes, PROT_READ | PROT_WRITE) != 0) {
@@ -198,20 +200,19 @@ int write_slot(void** slot, void* value, const Page& page) {
   return result;
 }
 
-/// Carries out a request to hook a slot. Under the hook lock. Returns 0, or another value with
-/// errno.
+/// Adds the hook of `info` to its slot. Under the hook lock. Returns 0, or non-zero with errno.
 int patch_slot(hooks::HookInfo& info, const Page& page) {
   void** slot = info.got_address;
-  // A direct hook is never stacked.
+  // Intentional: a hook without a trampoline never shares a slot.
   if (info.no_trampoline && is_hooked(slot)) return fail(EBUSY);
-  // Before there is a record: that would count as hooked.
+  // Checked before a record exists: a slot with a record counts as hooked.
   if (!info.no_trampoline && !can_create_trampolines()) return fail(EAGAIN);
   switch (hooks::add(info)) {
     case hooks::HOOK_NEW:
       break;
     case hooks::HOOK_APPENDED:
-      // Its trampoline runs the newest hook from now on. Intentional: a slot that could not be
-      // written when its record was made is written now, or it would only seem to be hooked.
+      // The existing trampoline now runs the new hook first. Intentional: if the slot could not be
+      // written when its record was created, it is written now.
       if (content_of(slot) != info.previous_function) return 0;
       break;
     case hooks::HOOK_NOT_CHAINABLE:
@@ -223,30 +224,31 @@ int patch_slot(hooks::HookInfo& info, const Page& page) {
   return value != nullptr ? write_slot(slot, value, page) : 1;
 }
 
-/// Hooks one slot of a library. Returns 0, or another value with errno.
+/// Hooks one slot of a library. Returns 0, or non-zero with errno.
 int hook_slot(void** slot, const plt_hook_spec& spec, const std::shared_ptr<void>& library) {
   const Page page(slot);
   while (true) {
-    // The slot before the registry: a slot that leads to a trampoline is on record for longer.
+    // Reads the slot before the registry: a slot that points to a trampoline has a record.
     void* const content = content_of(slot);
     const bool known = is_hooked(slot);
     const auto changed = [&] { return content_of(slot) != content || is_hooked(slot) != known; };
     if (!known) {
-      const Look look(slot, content, spec.function_name);
-      if (!look.leads_to_function()) {
+      const SlotCheck check(slot, content, spec.function_name);
+      if (!check.points_to_function()) {
         if (changed()) continue;
-        look.log();
+        check.log();
         return fail(ENXIO);
       }
     }
-    // Outlives the lock, as all that may be the last to hold a library.
+    // Declared before the lock, so that a last reference to a library is dropped after the lock is
+    // released.
     hooks::HookInfo info = {0, slot, spec.hook_fn, content, spec.no_trampoline, library};
     const WriteLock lock(&hook_lock);
     if (!changed()) return patch_slot(info, page);
   }
 }
 
-/// Hooks what one spec names.
+/// Hooks all slots of one spec.
 void hook_spec(const elfSharedLibData& library, const std::shared_ptr<void>& hold,
                plt_hook_spec& spec, Tally& tally) {
   if (spec.hook_fn == nullptr || spec.function_name == nullptr) return tally.add(fail(EINVAL));
@@ -277,10 +279,10 @@ Tally hook_specs(const char* libname, plt_hook_spec* specs, std::size_t count) {
   return tally;
 }
 
-/// Puts the original function back into a slot and forgets the slot. Under the hook lock. Returns
-/// what kept its library loaded, for when the lock is free again.
+/// Restores the original function in a slot and removes the slot's record. Under the hook lock.
+/// Returns the reference to its library, which the caller drops after releasing the lock.
 std::shared_ptr<void> restore_slot(void** slot, void* original, const Page& page) {
-  // A slot that could not be hooked still holds it.
+  // If the slot could not be written when it was hooked, it still has the original.
   if (content_of(slot) != original && write_slot(slot, original, page) != 0) {
     LOG(FATAL) << "Unable to unhook GOT slot";
   }
@@ -291,12 +293,12 @@ std::shared_ptr<void> restore_slot(void** slot, void* original, const Page& page
   return std::move(last.library);
 }
 
-/// Takes the spec's hook off one slot. Returns 0, or another value with errno. Allocates nothing.
+/// Removes the spec's hook from one slot. Returns 0, or non-zero with errno. Allocates nothing.
 int unhook_slot(void** slot, plt_hook_spec& spec) {
   const Page page(slot);
   std::shared_ptr<void> library;
   hooks::HookInfo info = {0, slot, spec.hook_fn, nullptr, false};
-  // For each slot, and not for the call: looking at the next one's page asks the loader.
+  // Held per slot, not for the whole call: Page may call the loader.
   const WriteLock lock(&hook_lock);
   switch (hooks::remove(info)) {
     case hooks::HOOK_UNKNOWN:
@@ -312,7 +314,7 @@ int unhook_slot(void** slot, plt_hook_spec& spec) {
   }
 }
 
-/// Nothing here allocates but the platform's log lines.
+/// Unhooks all slots of the specs. Allocates nothing, except in the platform's logging.
 Tally unhook_specs(const char* libname, plt_hook_spec* specs, std::size_t count) try {
   Tally tally;
   const linker::HeldLibrary held = linker::hold_shared_lib(libname);
@@ -335,8 +337,8 @@ Tally unhook_specs(const char* libname, plt_hook_spec* specs, std::size_t count)
   return tally;
 }
 
-/// Of a method's one spec: 0 when exactly one slot was meant and none failed, else 1 with errno.
-int one_slot(int failures, std::uint32_t slots) {
+/// Returns 0 if exactly one slot was changed and none failed, otherwise 1 with errno.
+int require_one_slot(int failures, std::uint32_t slots) {
   if (failures != 0) return 1;
   if (slots == 1) return 0;
   return fail(slots == 0 ? ENOENT : EMLINK);
@@ -353,13 +355,13 @@ int plthooks_initialize() {
 int hook_plt_method(const char* libname, const char* name, void* hook) {
   plt_hook_spec spec = {name, nullptr, hook, false, 0, nullptr};
   const int failures = hook_single_lib(libname, &spec, 1);
-  return one_slot(failures, spec.hook_result);
+  return require_one_slot(failures, spec.hook_result);
 }
 
 int unhook_plt_method(const char* libname, const char* name, void* hook) {
   plt_hook_spec spec = {name, nullptr, hook, false, 0, nullptr};
   const int failures = unhook_single_lib(libname, &spec, 1);
-  return one_slot(failures, spec.hook_result);
+  return require_one_slot(failures, spec.hook_result);
 }
 
 int hook_single_lib(const char* libname, plt_hook_spec* specs, std::size_t count) {

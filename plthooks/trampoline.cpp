@@ -1,7 +1,7 @@
-// Trampolines and the hook stack. See the header for who runs what where.
+// Trampolines and the hook stack.
 //
-// A thread's hook stack lies in pages of its own and not in the program's heap: the hooked function
-// may be the allocator's own way to memory, and the thread may be anywhere inside it.
+// A hook stack is in its own mapped pages, not on the heap: the allocator itself may make hooked
+// calls, at any point.
 #include "plthooks/trampoline.h"
 
 #include <android-base/logging.h>
@@ -17,7 +17,7 @@
 
 #include "linker/log_assert.h"
 #include "linker/rwlock.h"
-#include "platform/thread_keys.h"
+#include "platform/policies.h"
 #include "plthooks/hooks.h"
 #include "protocol/protocol.h"
 
@@ -47,16 +47,16 @@ struct Frame {
 
 constexpr std::size_t kStackBlockBytes = 4096;
 
-/// A page of frames. The first one of a thread is the value of the thread's key.
+/// A page of frames. A thread's first block is the value of its key.
 struct StackBlock {
   StackBlock* next;
-  /// In the first block alone: the newest frame, or null.
+  /// The newest frame, or null. Used in the first block only.
   Frame* top;
   Frame frames[(kStackBlockBytes - 2 * sizeof(void*)) / sizeof(Frame)];
 };
 static_assert(sizeof(StackBlock) <= kStackBlockBytes);
 
-/// Null when there is no memory. Keeps errno. Not inlined, since hardly any call needs it.
+/// Returns null if there is no memory. Keeps errno. Not inlined: rarely called.
 [[gnu::noinline]] StackBlock* new_stack_block() {
   const int saved_errno = errno;
   void* memory =
@@ -65,7 +65,7 @@ static_assert(sizeof(StackBlock) <= kStackBlockBytes);
   return memory != MAP_FAILED ? static_cast<StackBlock*>(memory) : nullptr;
 }
 
-/// The key's destructor.
+/// Destructor of the thread key.
 void free_stack(void* first) {
   for (auto* block = static_cast<StackBlock*>(first); block != nullptr;) {
     StackBlock* next = block->next;
@@ -75,14 +75,14 @@ void free_stack(void* first) {
 }
 
 pthread_rwlock_t key_lock = PTHREAD_RWLOCK_INITIALIZER;
-pthread_key_t made_key = 0;
+pthread_key_t hook_stack_key = 0;
 std::atomic<bool> has_key{false};
 
-/// Makes the key of the hook stacks unless there is one. False when no key is left.
+/// Creates the key of the hook stacks if there is none yet. Returns false if no key is left.
 [[gnu::noinline]] bool make_key() {
   const WriteLock lock(&key_lock);
   if (has_key.load(std::memory_order_relaxed)) return true;
-  if (pthread_key_create(&made_key, free_stack) != 0) return false;
+  if (pthread_key_create(&hook_stack_key, free_stack) != 0) return false;
   has_key.store(true, std::memory_order_release);
   return true;
 }
@@ -91,21 +91,21 @@ pthread_key_t stack_key() {
   if (!has_key.load(std::memory_order_acquire) && !make_key()) {
     linker::log_assert("failed to create trampoline TLS key");
   }
-  return made_key;
+  return hook_stack_key;
 }
 
-StackBlock* own_stack() {
+StackBlock* current_stack() {
   return static_cast<StackBlock*>(pthread_getspecific(stack_key()));
 }
 
 Frame* top_frame() {
-  const StackBlock* stack = own_stack();
+  const StackBlock* stack = current_stack();
   return stack != nullptr ? stack->top : nullptr;
 }
 
-/// Makes the calling thread's stack; null when there is no memory. Not inlined: few calls need
-/// it.
-[[gnu::noinline]] StackBlock* make_own_stack() {
+/// Creates the calling thread's stack. Returns null if there is no memory. Not inlined: rarely
+/// called.
+[[gnu::noinline]] StackBlock* make_current_stack() {
   StackBlock* stack = new_stack_block();
   if (stack != nullptr && pthread_setspecific(stack_key(), stack) != 0) {
     munmap(stack, kStackBlockBytes);
@@ -114,7 +114,7 @@ Frame* top_frame() {
   return stack;
 }
 
-/// Where the frame above `top` goes; null when there is no memory. Blocks begin at multiples of
+/// Returns the place for the frame after `top`; null if there is no memory. Blocks are aligned to
 /// their size.
 Frame* frame_above(Frame* top) {
   const auto address = reinterpret_cast<std::uintptr_t>(top);
@@ -124,11 +124,11 @@ Frame* frame_above(Frame* top) {
   return block->next != nullptr ? block->next->frames : nullptr;
 }
 
-/// Makes a frame the thread's newest one; null when there is no memory. A signal handler may itself
-/// make a hooked call at any point: it must find this frame either not there yet or no longer free.
-Frame* claim_frame() {
-  StackBlock* stack = own_stack();
-  if (stack == nullptr) stack = make_own_stack();
+/// Pushes a frame on the thread's stack. Returns null if there is no memory. A signal handler may
+/// make a hooked call at any point, so a frame must become the newest before it is filled.
+Frame* push_frame() {
+  StackBlock* stack = current_stack();
+  if (stack == nullptr) stack = make_current_stack();
   if (stack == nullptr) return nullptr;
   Frame* previous = stack->top;
   Frame* frame = previous == nullptr ? stack->frames : frame_above(previous);
@@ -140,7 +140,8 @@ Frame* claim_frame() {
   return frame;
 }
 
-/// Ends the process. Not inlined: the line's room on the stack is not for every hooked call.
+/// Logs `text` and ends the process. Not inlined: logging needs stack space that other hooked calls
+/// must not pay for.
 [[noreturn, gnu::noinline]] void die(const char* text) {
   LOG(FATAL) << text;
   abort();
@@ -152,8 +153,8 @@ Frame* claim_frame() {
 
 // ---- memory of the trampolines ----
 
-/// Where trampolines come from. Full blocks are kept, as the trampolines in them are, but nothing
-/// asks for them again: there is no list.
+/// The block that new trampolines are cut from. Full blocks stay mapped, since their trampolines
+/// are never freed; no list of them is needed.
 struct allocator_block {
   unsigned char* cursor;
   unsigned char* end;
@@ -170,7 +171,7 @@ bool add_block() {
     LOG(ERROR) << "allocator_block mmap fail";
     return false;
   }
-  // For people who read the process's maps. Older kernels refuse the name; the block works without.
+  // The name shows in /proc/PID/maps. Older kernels reject it, which does no harm.
   const int saved_errno = errno;
   prctl(PR_SET_VMA, PR_SET_VMA_ANON_NAME, memory, kBlockBytes, protocol::kTrampolineName);
   errno = saved_errno;
@@ -179,15 +180,15 @@ bool add_block() {
   return true;
 }
 
-/// Room for one trampoline, or null. What is handed out is never taken back.
-unsigned char* take_room() {
+/// Returns memory for one trampoline, or null. It is never freed.
+unsigned char* allocate_code() {
   using trampoline::kTrampolineBytes;
   const WriteLock lock(&block_lock);
   const auto left = static_cast<std::size_t>(front_block.end - front_block.cursor);
   if (left < kTrampolineBytes && !add_block()) return nullptr;
-  unsigned char* room = front_block.cursor;
+  unsigned char* code = front_block.cursor;
   front_block.cursor += kTrampolineBytes;
-  return room;
+  return code;
 }
 
 }  // namespace
@@ -195,7 +196,7 @@ unsigned char* take_room() {
 namespace trampoline {
 
 trampoline::trampoline(std::uint64_t id)
-    : code_size(arch::kTrampolineCodeBytes), code(take_room()) {
+    : code_size(arch::kTrampolineCodeBytes), code(allocate_code()) {
   if (code == nullptr) return;
   auto* copy = static_cast<unsigned char*>(code);
   const std::uint64_t data[] = {reinterpret_cast<std::uint64_t>(push_hook_stack),
@@ -208,10 +209,10 @@ trampoline::trampoline(std::uint64_t id)
 }
 
 void* pop_hook_stack() {
-  StackBlock* stack = own_stack();
+  StackBlock* stack = current_stack();
   const Frame* frame = stack->top;
   void* return_address = frame->return_address;
-  // From here on a signal handler's hooked call may take the frame.
+  // A hooked call in a signal handler may reuse the frame from here on.
   std::atomic_signal_fence(std::memory_order_seq_cst);
   stack->top = frame->previous;
   return return_address;
@@ -224,7 +225,7 @@ void prepare_hook_stack() {
 }
 
 bool can_create_trampolines() {
-  if (make_key() && platform::ThreadKeyNeverAllocates(made_key)) return true;
+  if (make_key() && platform::ThreadKeyNeverAllocates(hook_stack_key)) return true;
   LOG(ERROR) << "too many thread keys are in use to hook a function";
   return false;
 }
@@ -254,19 +255,20 @@ int get_stack_address_for_previous(std::uintptr_t* return_address, std::uintptr_
   return 1;
 }
 
-/// What a call goes on with, in two registers.
+/// Result of plthooks_begin_call, in two registers.
 struct CallStart {
+  /// The function to run.
   void* function;
-  /// 0 when there is no note of the call, so that `function` is the original.
-  std::uint64_t is_noted;
+  /// 0 if the call is not on the hook stack. Then `function` is the original function.
+  std::uint64_t is_pushed;
 };
 
-/// Begins a call for arch_push_hook_stack.
+/// Begins a hooked call. Called by arch_push_hook_stack.
 extern "C" CallStart plthooks_begin_call(std::uint64_t id, void* return_address,
                                          void* stack_address) {
   const HookChain::Snapshot run_list = hooks::current_run_list(id);
   if (run_list.empty()) die("Run list for trampoline is empty");
-  Frame* frame = claim_frame();
+  Frame* frame = push_frame();
   if (frame == nullptr) return {run_list.original(), 0};
   frame->id = id;
   frame->return_address = return_address;

@@ -1,4 +1,4 @@
-// Adding and removing records: the hot path of every tracked allocation.
+// Operations on single records: the hot path of every recorded allocation.
 #include "records/PointerData.h"
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
+#include "platform/bounds_checked.h"
 #include "protocol/protocol.h"
 #include "records/PointerSet.h"
 #include "records/pause_counts.h"
@@ -25,18 +26,18 @@ std::atomic<std::uint32_t> generation{0};
 
 }  // namespace record_store
 
-/// Beyond every location of the arena.
+/// Not a valid location: the arena is smaller.
 constexpr std::uint32_t kNoMemoryForBacktrace = UINT32_MAX;
 
-/// The result of a capture.
+/// The stored backtrace of a capture. 16 bytes, so it is returned in registers.
 struct BacktraceRef {
-  /// Location of the backtrace; 0 for none, kNoMemoryForBacktrace without memory.
+  /// Location of the backtrace; 0 for none, kNoMemoryForBacktrace if there is no memory.
   std::uint32_t location;
-  /// Epoch of the table of backtraces when the backtrace was looked up.
+  /// Epoch of the backtrace table at the lookup.
   std::uint32_t epoch;
-  /// Number of clears before the capture.
+  /// Generation of the store before the capture.
   std::uint32_t generation;
-  /// As records keep it.
+  /// Allocation time, as in Record.
   std::int32_t time;
 };
 
@@ -46,22 +47,22 @@ using record_store::backtraces;
 using record_store::Generation;
 using record_store::PageGuard;
 
-/// How often an operation asks the C library's allocator for memory before it gives up: another
-/// thread may take what was meant for this one.
+/// How often an operation asks the C library's allocator for memory before it gives up. Another
+/// thread may take the memory meant for this one.
 constexpr int kRefills = 3;
 
-/// Bytes from a block back to its size: those of glibc and of Android's allocator are within.
+/// Distance from a block back to its stored size, for glibc's and Android's allocators.
 constexpr std::uint64_t kBlockHeader = 8;
 
-/// The size as it is stored: with the zygote mark, or 0 when it is not known whether this process
-/// is a zygote child. Intentional: such a record reads as size 0.
+/// Returns the size as records store it: with the zygote mark. Intentional: 0 if it is unknown
+/// whether this process is a zygote child.
 std::uint32_t EncodeSize(std::size_t size) {
   const bool* zygote_child = MemTrackControl::GetMallocZygoteChild();
   if (zygote_child == nullptr) return 0;
-  // The flag is declared bool, but it is its owner's contract that four bytes can be read.
+  // The flag is declared as bool, but its owner guarantees four readable bytes.
   std::uint32_t value;
   std::memcpy(&value, zygote_child, sizeof(value));
-  // Readers take the low 31 bits for the size and bit 31 for the mark.
+  // Intentional: the size is not masked. A size with bit 31 set reads as a zygote child's.
   const auto low = static_cast<std::uint32_t>(size);
   return value != 0 ? low | static_cast<std::uint32_t>(kZygoteChildBit) : low;
 }
@@ -77,13 +78,13 @@ void CountUnreported() {
                         "no memory to record a block: reports will lack it");
 }
 
-/// After a lack of memory: gets more, from the C library's allocator. `*refills` counts the
-/// attempts of one operation.
+/// Gets more memory from the C library's allocator. `*refills` counts the attempts of one
+/// operation. Returns false if the operation must give up.
 bool Refill(bool kernel_only, int* refills) {
   return !kernel_only && (*refills)++ < kRefills && table_memory::RefillFromHeap();
 }
 
-/// Makes room in the table of backtraces. False without memory.
+/// Makes room in the backtrace table. Returns false if there is no memory.
 bool GrowBacktraces(bool held) {
   const FrameInfoListWithLock locks(held);
   std::uint64_t records = 0;
@@ -103,9 +104,9 @@ struct Capture {
   std::uint64_t fingerprint;
 };
 
-/// Adds an unknown backtrace. Returns its location, 0 without memory. Sets `*epoch` to the epoch of
-/// the lookup. `kernel_only`: the thread may be inside the C library's allocator, or hold its
-/// lock.
+/// Adds an unknown backtrace. Returns its location; 0 if there is no memory. Sets `*epoch` to the
+/// epoch of the lookup. `kernel_only`: the thread may be inside the C library's allocator or hold
+/// its lock, so this does not call it.
 __attribute__((noinline)) std::uint32_t AddNewBacktrace(PointerSet* set, const Capture& capture,
                                                         bool held, bool kernel_only,
                                                         std::uint32_t* epoch) {
@@ -125,21 +126,19 @@ __attribute__((noinline)) std::uint32_t AddNewBacktrace(PointerSet* set, const C
 
 enum class Stored { kDone, kTablesChanged, kNoMemory };
 
-/// Whether there has ever been a kept time. Most programs have none, and then no allocation looks
-/// for one.
+/// Whether there was ever a kept time. Most programs have none and so need no search for them.
 std::atomic<bool> any_kept{false};
 
-/// Keeps the time of a record that is overwritten: the times of a backtrace outlive it. Without
-/// memory, and in a page with very many records, the time is lost.
+/// Keeps the time of a record that is overwritten: a backtrace keeps its time for an address. The
+/// time is lost if there is no memory or the page has very many records.
 __attribute__((noinline)) void KeepTime(RecordPage& page, const Record& record) {
-  /// One for each byte of the page. Kept times must leave room for records.
-  constexpr std::uint32_t kMostRecords = 4096;
-  if (page.count() >= kMostRecords) return;
+  // Kept times must leave room for records.
+  if (page.count() >= kRecordPageBytes) return;
   page.Insert({RecordKey::Kept(record.key), 0, record.time, record.backtrace});
   any_kept.store(true, std::memory_order_relaxed);
 }
 
-/// Takes the time that the backtrace of `record` has kept of its address, if there is one.
+/// Moves the kept time of the record's address and backtrace into `record`, if there is one.
 __attribute__((noinline)) void TakeKeptTime(RecordPage& page, Record& record) {
   Record* const kept = page.FindKept(record.key, record.backtrace);
   if (kept == nullptr) return;
@@ -147,16 +146,16 @@ __attribute__((noinline)) void TakeKeptTime(RecordPage& page, Record& record) {
   page.Erase(kept);
 }
 
-/// Stores one record in its page. False without memory. Under the page's lock.
+/// Stores a record in its page, under the page's lock. Returns false if there is no memory.
 bool StoreInPage(RecordPage& page, std::uint64_t set_number, Record record) {
   Record* old = page.Find(record.key);
   if (old != nullptr && old->backtrace == record.backtrace) {
-    // The address comes back to its backtrace, which keeps the earlier time.
+    // Same address and backtrace: the earlier time stays.
     if (record.backtrace != 0) record.time = old->time;
     *old = record;
     return true;
   }
-  // Both may move the old record.
+  // TakeKeptTime and KeepTime may move the old record, so it is searched for again.
   if (record.backtrace != 0 && any_kept.load(std::memory_order_relaxed)) {
     TakeKeptTime(page, record);
     old = page.Find(record.key);
@@ -174,13 +173,13 @@ bool StoreInPage(RecordPage& page, std::uint64_t set_number, Record record) {
   return true;
 }
 
-/// Stores the record of a new block. kTablesChanged: the backtrace must be looked up again. A
-/// record that was captured before a clear is not stored.
+/// Stores the record of a new block. kTablesChanged: the backtrace must be looked up again. Drops a
+/// record that was captured before a clear.
 __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice,
                                                          std::uint64_t address, std::uint32_t size,
                                                          const BacktraceRef& ref, bool held) {
   RecordPage* page = RecordPages::Find(address);
-  if (__builtin_expect(static_cast<long>(page == nullptr), 0L) != 0) {
+  if (Unlikely(page == nullptr)) {
     const SetLock lock(choice.set->frame_mutex, held);
     page = RecordPages::FindOrAdd(address);
     if (page == nullptr) return Stored::kNoMemory;
@@ -188,46 +187,13 @@ __attribute__((always_inline)) inline Stored StoreRecord(const SetChoice& choice
   const PageGuard guard(page, choice.set->pointer_mutex, held);
   if (Generation() != ref.generation) return Stored::kDone;
   if (backtraces.epoch() != ref.epoch) return Stored::kTablesChanged;
-  if (page->generation() != ref.generation) page->Empty(ref.generation);
+  page->DropOldRecords(ref.generation);
   const Record record{RecordKey::Of(address, choice.size_class), size, ref.time, ref.location};
   const bool stored = StoreInPage(*page, SetNumber(address, choice.size_class), record);
   return stored ? Stored::kDone : Stored::kNoMemory;
 }
 
-/// Stores the Java-native part of a capture. Never inlined, so that captures without such a part do
-/// not have its variables on the stack.
-__attribute__((noinline)) void AddJavaNative(PointerSet* set, std::uint64_t address,
-                                             std::uint64_t encoded_size,
-                                             std::vector<unwindstack::FrameData>* frame_data,
-                                             bool held) try {
-  const SetLock frame_lock(set->frame_mutex, held);
-  std::uint64_t unwind_index;
-  std::uint32_t generation;
-  {
-    const std::lock_guard<SetMutex> guard(set->unwind_mutex);
-    generation = set->SyncUnwindFrames();
-    const auto found = set->unwind_key_to_index.find({frame_data->size(), frame_data->data()});
-    if (found != set->unwind_key_to_index.end()) {
-      unwind_index = found->second;
-      ++set->unwind_frames[unwind_index].references;
-    } else {
-      unwind_index = set->cur_unwind_index++;
-      UnwindFrameInfoType& info = set->unwind_frames[unwind_index];
-      info.references = 1;
-      info.frames = std::move(*frame_data);
-      // The key points at the frames that the entry now owns; entries of the map never move.
-      set->unwind_key_to_index.emplace(UnwindFrameKeyType{info.frames.size(), info.frames.data()},
-                                       unwind_index);
-    }
-  }
-  const std::lock_guard<SetMutex> guard(set->java_pointer_mutex);
-  if (set->SyncJavaPointers() != generation) return;  // a clear took the stack meanwhile
-  set->java_pointers[address] = {encoded_size, unwind_index};
-} catch (const std::bad_alloc&) {
-  // The native record stands; its Java-native part is left out.
-}
-
-/// Removes the record of `address` from its set. True when there was one.
+/// Removes the record of `address` from its page. Returns whether there was one.
 __attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const SetChoice& choice,
                                                         std::uint64_t address, bool held) {
   const PageGuard guard(page, choice.set->pointer_mutex, held);
@@ -239,7 +205,8 @@ __attribute__((always_inline)) inline bool RemoveRecord(RecordPage* page, const 
   return true;
 }
 
-/// Ends the pauses of the two families once a set is empty. Intentional: one empty set is enough.
+/// Ends the pauses of native and of hooked recording if a set is empty. Intentional: one empty set
+/// is enough.
 __attribute__((noinline)) void EndPausesIfDrained(MemTrackControl* control, bool native, bool plt,
                                                   bool held) {
   if (!pause_counts::IsCounting()) {
@@ -261,32 +228,45 @@ __attribute__((always_inline)) inline void EndDrainedPauses(MemTrackControl* con
   }
 }
 
-/// Gives back the memory of the records before the clear that has led to `generation`, as far as no
-/// operation is inside. Waits for no lock: the thread that a clear interrupts may hold one.
-void GiveMemoryBack(PointerSet* sets, std::uint32_t generation) {
+/// Frees the memory of records older than `generation`, unless an operation is running. Waits for
+/// no lock, since the thread that the clear interrupts may hold one.
+void FreeOldMemory(PointerSet* sets, std::uint32_t generation) {
   std::uint64_t held = 0;
   const auto lock = [sets](std::uint64_t i) -> SetMutex& {
     PointerSet& set = sets[i % PointerSet::kCount];
     return i < PointerSet::kCount ? set.pointer_mutex : set.frame_mutex;
   };
   while (held < 2 * PointerSet::kCount && lock(held).try_lock()) ++held;
-  if (held == 2 * PointerSet::kCount && RecordPages::EmptyAll(generation)) {
+  if (held == 2 * PointerSet::kCount && RecordPages::DropAllOldRecords(generation)) {
     backtraces.TryClear();
   }
   while (held-- > 0) lock(held).unlock();
+}
+
+/// Runs `operation(bool held)` unless the thread is inside the store. `held`: the thread holds the
+/// locks of all sets. Two inlined copies with a constant `held`, so that the usual one does not
+/// test it.
+template <typename Operation>
+__attribute__((always_inline)) inline void RunUnlessInside(Operation operation) {
+  void* const mark = record_key.Get();
+  if (Likely(mark == nullptr)) {
+    operation(/*held=*/false);
+  } else if (mark == kHoldsStore) {
+    operation(/*held=*/true);
+  }
 }
 
 }  // namespace
 
 bool PointerData::Initialize() {
   const std::lock_guard<SetMutex> guard(InitialiseLock());
-  // The tables' own memory must not come back here as records while locks are held.
+  // The store must not record its own memory while locks are held.
   const InsideStore inside;
   PointerSet* const sets = PointerSet::MakeAll();
   if (sets == nullptr) return false;
   unreported_blocks.store(0, std::memory_order_relaxed);
-  // From here on the store counts as empty.
-  GiveMemoryBack(sets, record_store::generation.fetch_add(1) + 1);
+  // The new generation makes the store count as empty.
+  FreeOldMemory(sets, record_store::generation.fetch_add(1) + 1);
   return true;
 }
 
@@ -294,14 +274,14 @@ std::size_t PointerData::PointerSize(const void* pointer) {
   return UsableSize(pointer);
 }
 
-__attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* pointer,
-                                                                   std::size_t size, Call call) {
+__attribute__((always_inline)) inline void PointerData::AddBlock(const void* pointer,
+                                                                 std::size_t size, Call call) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
   const std::size_t class_size = call.is_mapping ? size : ClassSize(pointer, size);
   const SetChoice choice = SelectSet(address, class_size);
   if (choice.set == nullptr) return;
   const RecordPage* const page = RecordPages::Find(address);
-  if (page != nullptr) page->Prefetch(address);  // its line arrives while the stack is walked
+  if (page != nullptr) page->Prefetch(address);  // arrives while the stack is walked
   record_key.Set(ThreadMark::kInside);
   for (int refills = 0;;) {
     BacktraceRef ref = AddBacktrace(BacktraceSize(), choice.set, address, size, call);
@@ -310,37 +290,29 @@ __attribute__((always_inline)) inline void PointerData::AddBlockAs(const void* p
     const Stored stored = StoreRecord(choice, address, EncodeSize(size), ref, call.held);
     if (stored == Stored::kTablesChanged ||
         (stored == Stored::kNoMemory && Refill(call.held || call.is_mapping, &refills))) {
-      call.again = call.again || !lacks_backtrace;
+      call.has_java_native = call.has_java_native || !lacks_backtrace;
       continue;
     }
-    // No report shows a block without a backtrace.
+    // A block with an empty capture is not lost: reports never show it.
     const bool is_lost = stored == Stored::kNoMemory && ref.location != 0;
-    if (__builtin_expect(static_cast<long>(lacks_backtrace || is_lost), 0L) != 0) CountUnreported();
+    if (Unlikely(lacks_backtrace || is_lost)) CountUnreported();
     break;
   }
   record_key.Set(call.held ? kHoldsStore : nullptr);
 }
 
-__attribute__((always_inline)) inline void PointerData::AddBlock(const void* pointer,
-                                                                 std::size_t size,
-                                                                 bool is_mapping) {
-  // Inlined twice with a constant `held`: the usual copy does not test it.
-  void* const mark = record_key.Get();
-  if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
-    AddBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
-  } else if (mark == kHoldsStore) {
-    AddBlockAs(pointer, size, {is_mapping, /*held=*/true, /*again=*/false});
-  }
-}
-
-// Add, AddBacktrace and BacktraceGet must be one frame each, whatever the build: the frame walk
-// skips just as many levels.
+// Add, AddBacktrace and BacktraceGet must be one stack frame each in every build, since the frame
+// walk skips that many levels.
 __attribute__((noinline)) void PointerData::Add(const void* pointer, std::size_t size) {
-  AddBlock(pointer, size, /*is_mapping=*/false);
+  RunUnlessInside([=](bool held) __attribute__((always_inline)) {
+    AddBlock(pointer, size, {/*is_mapping=*/false, held, /*has_java_native=*/false});
+  });
 }
 
 __attribute__((noinline)) void PointerData::AddMapping(const void* pointer, std::size_t size) {
-  AddBlock(pointer, size, /*is_mapping=*/true);
+  RunUnlessInside([=](bool held) __attribute__((always_inline)) {
+    AddBlock(pointer, size, {/*is_mapping=*/true, held, /*has_java_native=*/false});
+  });
 }
 
 __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num_frames,
@@ -348,10 +320,10 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
                                                                  std::uint64_t pointer,
                                                                  std::size_t size, Call call) {
   BacktraceRef result{0, backtraces.epoch(), Generation(), RecordTime(time(nullptr))};
-  // The size asked for may be anything; what the method can return bounds the buffer.
+  // The configured size is unbounded; the capture limit bounds the buffer.
   std::size_t max_frames = std::min(num_frames, BacktraceCaptureLimit());
   std::unique_ptr<std::uint64_t[]> heap_frames;
-  // The hooked call may be the allocator's own, so a mapping's capture asks it for nothing.
+  // The allocator may have made the hooked call, so a mapping's buffer is never on the heap.
   const std::size_t on_stack = call.is_mapping ? kWalkLimit : BacktraceStackFrames();
   if (max_frames > on_stack) {
     if (!call.is_mapping) heap_frames.reset(new (std::nothrow) std::uint64_t[max_frames]);
@@ -359,8 +331,8 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   }
   std::uint64_t* frames = heap_frames.get();
   if (frames == nullptr) {
-    // Not an array: some compilers put those above the frame record, and then they would take up
-    // half of the range that the walk may cover. One more than needed, so that it is never none.
+    // Not an array: some compilers place arrays above the frame record, where it would use up half
+    // of the walk's range. One element more than needed, so that the size is never 0.
     frames =
         static_cast<std::uint64_t*>(__builtin_alloca((max_frames + 1) * sizeof(std::uint64_t)));
   }
@@ -371,7 +343,7 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
   const FrameKeyType key{count, frames};
   const Capture capture{key, FrameKeyHash(key), FrameFingerprint(key)};
   result.location = backtraces.Find(key, capture.hash, capture.fingerprint);
-  if (__builtin_expect(static_cast<long>(result.location == 0), 0L) != 0) {
+  if (Unlikely(result.location == 0)) {
     result.location =
         AddNewBacktrace(set, capture, call.held, call.held || call.is_mapping, &result.epoch);
     if (result.location == 0) {
@@ -379,20 +351,19 @@ __attribute__((noinline)) BacktraceRef PointerData::AddBacktrace(std::size_t num
       return result;
     }
   }
-  if (!frame_data.empty() && !call.again) {
-    AddJavaNative(set, pointer, EncodeSize(size), &frame_data, call.held);
+  if (!frame_data.empty() && !call.has_java_native) {
+    set->AddJavaNative(pointer, EncodeSize(size), &frame_data, call.held);
   }
   return result;
 }
 
-__attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void* pointer,
-                                                                      std::size_t size, Call call) {
+__attribute__((always_inline)) inline void PointerData::RemoveBlock(const void* pointer,
+                                                                    std::size_t size, Call call) {
   MemTrackControl* const control = MemTrackControl::GetInstance();
   if (control == nullptr) return;
   if (!control->GetHookEverStarted() && !control->GetPltHookEverStarted()) return;
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  // Most allocators keep the usable size in front of the block. That line arrives while the page is
-  // searched.
+  // Most allocators store the usable size before the block. It arrives while the page is searched.
   if (!call.is_mapping) __builtin_prefetch(reinterpret_cast<const void*>(address - kBlockHeader));
   RecordPage* const page = RecordPages::Find(address);
   if (page == nullptr || page->count() == 0) return;
@@ -404,21 +375,32 @@ __attribute__((always_inline)) inline void PointerData::RemoveBlockAs(const void
   record_key.Set(call.held ? kHoldsStore : nullptr);
 }
 
-__attribute__((always_inline)) inline void PointerData::RemoveBlock(const void* pointer,
-                                                                    std::size_t size,
-                                                                    bool is_mapping) {
-  void* const mark = record_key.Get();
-  if (__builtin_expect(static_cast<long>(mark == nullptr), 1L) != 0) {
-    RemoveBlockAs(pointer, size, {is_mapping, /*held=*/false, /*again=*/false});
-  } else if (mark == kHoldsStore) {
-    RemoveBlockAs(pointer, size, {is_mapping, /*held=*/true, /*again=*/false});
-  }
-}
-
 void PointerData::Remove(const void* pointer, std::size_t size) {
-  RemoveBlock(pointer, size, /*is_mapping=*/false);
+  RunUnlessInside([=](bool held) __attribute__((always_inline)) {
+    RemoveBlock(pointer, size, {/*is_mapping=*/false, held, /*has_java_native=*/false});
+  });
 }
 
 void PointerData::RemoveMapping(const void* pointer, std::size_t size) {
-  RemoveBlock(pointer, size, /*is_mapping=*/true);
+  RunUnlessInside([=](bool held) __attribute__((always_inline)) {
+    RemoveBlock(pointer, size, {/*is_mapping=*/true, held, /*has_java_native=*/false});
+  });
+}
+
+std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
+                                   std::size_t max_frames) {
+  const auto address = reinterpret_cast<std::uint64_t>(pointer);
+  // Intentional: the size of a hooked kind's block is unknown here, so only its smallest size class
+  // is searched.
+  const SetChoice choice = SelectSet(address, ClassSize(pointer, 0));
+  RecordPage* const page = RecordPages::Find(address);
+  if (choice.set == nullptr || page == nullptr) return 0;
+  const PageGuard guard(page, choice.set->pointer_mutex, record_key.Get() == kHoldsStore);
+  if (page->generation() != Generation()) return 0;
+  const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
+  if (record == nullptr || record->backtrace == 0) return 0;
+  const FrameInfoType* const backtrace = backtraces.At(record->backtrace);
+  const std::size_t count = std::min<std::size_t>(backtrace->num_frames, max_frames);
+  const std::size_t bytes = count * sizeof(std::uintptr_t);
+  return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;
 }

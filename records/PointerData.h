@@ -1,7 +1,7 @@
-// The store of live blocks: which address, how large, made when and by whom.
+// The store of live blocks: address, size, allocation time and backtrace of each.
 //
-// Sharded into 40 sets (8 stripes of the address space by 5 size classes), each with its own
-// locks. Add and Remove run on every allocating thread; the readers run on the dump thread, in the
+// It has 40 sets (8 stripes of the address space times 5 size classes), each with its own locks.
+// Add and Remove run on every allocating thread. The readers run on the dump thread, in the
 // leak-info export and in the fork handlers.
 #pragma once
 
@@ -21,93 +21,100 @@ class PointerData {
  public:
   /// Hash index of a record without a backtrace.
   static constexpr std::uint64_t kEmptyBacktraceIndex = 1;
-  /// GetInfo refuses to export more groups than this.
+  /// GetInfo exports no list with more groups than this.
   static constexpr std::size_t kMaxGroups = 60000;
-  /// Allocation times kept of each exported group.
+  /// Maximum number of allocation times in an exported group.
   static constexpr std::size_t kMaxTimes = 30;
 
-  /// `owner` is kept as a back-pointer only.
+  /// `owner` is stored as a back-pointer only.
   explicit PointerData(DebugData* owner) : owner_(owner) {}
   virtual ~PointerData() = default;
   PointerData(const PointerData&) = delete;
   PointerData& operator=(const PointerData&) = delete;
 
-  /// Makes the sets when there are none yet and empties every table. False, with nothing changed,
-  /// when there is no memory for the sets. Takes the initialise lock, so it waits for a report;
-  /// waits for no lock of a set.
+  /// Creates the sets if there are none, and empties every table. Returns false, with nothing
+  /// changed, if there is no memory for the sets. Takes the initialise lock, so it waits for a
+  /// report. Waits for no other lock, since a control signal's handler may call it on a thread that
+  /// holds one.
   bool Initialize();
 
-  /// Records a block of `size` bytes at `pointer` with the backtrace of the calling thread. Must
-  /// be called directly by an exported entry (the frame walk skips that many levels). Does nothing
-  /// inside another operation of the store on the same thread, or before Initialize. A block that
-  /// there is no memory for is counted as unreported; the first one is logged.
+  /// Records a block of `size` bytes at `pointer` with the backtrace of the calling thread. Must be
+  /// called directly by an exported entry, since the frame walk skips a fixed number of levels.
+  /// Does nothing before Initialize, or if the thread is already inside the store. Without memory,
+  /// counts the block as unreported and logs the first one. Any thread.
   void Add(const void* pointer, std::size_t size);
-  /// Forgets the block at `pointer`, before its memory is released. An unknown one is no error.
+  /// Removes the record of the block at `pointer`. Call it before the memory is released. An
+  /// unknown block is not an error. Any thread.
   void Remove(const void* pointer, std::size_t size);
-  /// The same two for what a proxy has made or is about to give back, which is no heap block: its
-  /// size class is always that of `size`. The walk begins at the hooked caller.
+  /// As Add and Remove, for the proxies' mappings and buffers. The size class is always that of
+  /// `size`. The frame walk begins at the hooked caller.
   void AddMapping(const void* pointer, std::size_t size);
   void RemoveMapping(const void* pointer, std::size_t size);
-  /// The block's usable size, as the C library gives it.
+  /// Returns the block's usable size, from the C library.
   static std::size_t PointerSize(const void* pointer);
 
-  /// Copies up to `max_frames` pcs of the backtrace recorded for `pointer`, innermost first.
-  /// Returns how many; 0 when there is no record or no backtrace. Any thread.
+  /// Copies up to `max_frames` pcs of the backtrace of the block at `pointer`, innermost first.
+  /// Returns their number; 0 if there is no record or no backtrace. Any thread.
   static std::size_t GetFrames(const void* pointer, std::uintptr_t* frames, std::size_t max_frames);
 
-  /// Takes every set's spare, pointer and frame lock, in set order; on the forking thread. That
-  /// thread goes on to record, with the locks held: other libraries' fork handlers may allocate.
+  /// Takes the spare, pointer and frame lock of every set, in set order. Runs on the forking
+  /// thread. The thread goes on recording while it holds the locks: fork handlers of other
+  /// libraries may allocate.
   static void PrepareFork();
-  /// Releases them in the parent.
+  /// Releases the locks in the parent.
   static void PostForkParent();
-  /// Leaves all of them free in the child, no matter which thread held them, and the store's other
-  /// locks too where that is the platform's policy.
+  /// Frees the locks in the child, whatever thread held them. Also frees the store's other locks if
+  /// the platform's policy says so.
   static void PostForkChild();
 
-  /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order
-  /// in which they are first met. On a marked thread the caller holds every lock.
-  /// Records without a backtrace are left out whatever `only_with_backtrace` says.
+  /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order in
+  /// which they are found. Records without a backtrace are skipped whatever `only_with_backtrace`
+  /// is. If the thread is marked, the caller must hold every lock; else this takes them. Allocates.
   static void GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace);
-  /// Re-reads the backtrace size property and returns the size in force. A value that is not all
-  /// digits or does not fit leaves it unchanged. Allocates nothing: safe in a signal handler.
+  /// Re-reads the backtrace size property and returns the current size. A value that is not all
+  /// digits, or does not fit an int, is ignored. Allocates nothing; safe in a signal handler.
   static std::uint32_t GetMaxBacktraceNum();
-  /// The groups, largest first, with their four sizes. `info` is not written. All outputs stay as
-  /// they are when there is no group, more than kMaxGroups, or no `list`; that is logged.
-  /// Holds every pointer and frame lock meanwhile; leaves the thread unmarked.
+  /// Appends the groups to `list`, largest first, and stores their sizes in bytes in the other
+  /// outputs. `info` is not written. If there is no group, more than kMaxGroups, or no `list`, logs
+  /// that and leaves all outputs unchanged. Holds every pointer and frame lock meanwhile. Removes
+  /// the thread's mark. Allocates; not for signal handlers.
   static void GetInfo(std::uint8_t** info, std::size_t* overall_size, std::size_t* info_size,
                       std::size_t* total_memory, std::size_t* backtrace_size,
                       std::vector<RecordStruct>* list);
-  /// Larger totals first, then larger sizes.
+  /// Sorts by total, then by size, both descending.
   static void SortListByTotalAllocation(std::vector<RecordStruct>* list);
 
-  /// Writes the report to its file and hands it to the exception-log device. Holds the initialise
-  /// lock throughout. On the dump thread: allocates, reads the maps, does file output.
+  /// Writes the report to its file and sends it to the exception-log device. Reports failures only
+  /// to the log. Holds the initialise lock throughout, so it waits for a clear or another report.
+  /// Dump thread only: allocates, reads the maps, writes files.
   static void DumpAllocationTracesToFile();
-  /// The native section of the report.
+  /// Writes the native section of the report. The thread must hold no lock of a set. Removes the
+  /// thread's mark, as GetInfo does.
   static void ReportNodes(ReportText& out);
-  /// The section of blocks with Java-native stacks.
+  /// Writes the section of blocks with Java-native stacks. The caller holds the initialise lock, as
+  /// for GetJavaNativeStackInfo. Allocates.
   static void ReportJavaNativeNodes(ReportText& out);
-  /// Appends the groups of Java-native records to `list` and sorts it.
+  /// Appends the groups of Java-native records to `list` and sorts it. The elements point to stacks
+  /// in the tables. A stack never changes, and only a clear removes it, so the caller holds the
+  /// initialise lock, which keeps clears out, as long as it uses `list`. Allocates.
   static void GetJavaNativeStackInfo(std::vector<UnwindListInfoType>* list,
                                      bool only_with_backtrace);
-  /// Larger products of count and size first, then larger sizes.
+  /// Sorts by count times size, then by size, both descending.
   static void SortJavaNativeListByTotalAllocation(std::vector<UnwindListInfoType>* list);
 
  private:
-  /// What the operations know of their call.
+  /// Properties of one operation.
   struct Call {
-    /// A block of a proxy. The allocator may have made the hooked call, so the allocator is not
-    /// called.
+    /// The block comes from a proxy. The allocator itself may have made the hooked call, so the
+    /// operation does not call the allocator.
     bool is_mapping;
-    /// The thread holds every lock.
+    /// The thread holds the locks of all sets.
     bool held;
-    /// A retry for the same block, whose Java-native part is stored.
-    bool again;
+    /// The operation was tried before, and has recorded the block's Java-native frames.
+    bool has_java_native;
   };
-  static void AddBlock(const void* pointer, std::size_t size, bool is_mapping);
-  static void RemoveBlock(const void* pointer, std::size_t size, bool is_mapping);
-  static void AddBlockAs(const void* pointer, std::size_t size, Call call);
-  static void RemoveBlockAs(const void* pointer, std::size_t size, Call call);
+  static void AddBlock(const void* pointer, std::size_t size, Call call);
+  static void RemoveBlock(const void* pointer, std::size_t size, Call call);
   static BacktraceRef AddBacktrace(std::size_t num_frames, PointerSet* set, std::uint64_t pointer,
                                    std::size_t size, Call call);
 

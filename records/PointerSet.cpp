@@ -1,7 +1,9 @@
-// The keys of Java-native backtraces, and the readers' lock.
+// The Java-native tables of a set, and the readers' lock.
 #include "records/PointerSet.h"
 
+#include <mutex>
 #include <new>
+#include <utility>
 
 #include "records/record_store.h"
 
@@ -32,18 +34,41 @@ PointerSet* PointerSet::MakeAll() {
   if (All() != nullptr) return All();
   auto* const sets = new (std::nothrow) PointerSet[kCount];
   if (sets == nullptr) return nullptr;
-  constexpr std::uint64_t kBounds[kSizeClasses + 1] = {0, 32, 40, 80, 128, UINT64_MAX};
   for (std::uint64_t i = 0; i < kCount; ++i) {
-    sets[i].lower_size = kBounds[i % kSizeClasses];
-    sets[i].upper_size = kBounds[i % kSizeClasses + 1];
+    sets[i].lower_size = kSizeBounds[i % kSizeClasses];
+    sets[i].upper_size = kSizeBounds[i % kSizeClasses + 1];
   }
   all_.store(sets, std::memory_order_release);
   return sets;
 }
 
-void PointerSet::SyncJavaTables() {
-  SyncJavaPointers();
-  SyncUnwindFrames();
+void PointerSet::AddJavaNative(std::uint64_t address, std::uint64_t encoded_size,
+                               std::vector<unwindstack::FrameData>* frames, bool held) try {
+  const SetLock frame_lock(frame_mutex, held);
+  std::uint64_t unwind_index;
+  std::uint32_t generation;
+  {
+    const std::lock_guard<SetMutex> guard(unwind_mutex);
+    generation = SyncUnwindFrames();
+    const auto found = unwind_key_to_index.find({frames->size(), frames->data()});
+    if (found != unwind_key_to_index.end()) {
+      unwind_index = found->second;
+      ++unwind_frames[unwind_index].references;
+    } else {
+      unwind_index = cur_unwind_index++;
+      UnwindFrameInfoType& info = unwind_frames[unwind_index];
+      info.references = 1;
+      info.frames = std::move(*frames);
+      // The key points to the frames of the map's entry, which never moves.
+      unwind_key_to_index.emplace(UnwindFrameKeyType{info.frames.size(), info.frames.data()},
+                                  unwind_index);
+    }
+  }
+  const std::lock_guard<SetMutex> guard(java_pointer_mutex);
+  if (SyncJavaPointers() != generation) return;  // a clear removed the stack meanwhile
+  java_pointers[address] = {encoded_size, unwind_index};
+} catch (const std::bad_alloc&) {
+  // The block keeps its native record.
 }
 
 std::uint32_t PointerSet::SyncJavaPointers() {

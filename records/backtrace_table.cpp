@@ -1,4 +1,4 @@
-// The shared backtraces and their memory; see the header.
+// The shared backtraces and their memory.
 #include "records/backtrace_table.h"
 
 #include <cstring>
@@ -7,10 +7,8 @@
 #include "records/table_memory.h"
 
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
-  const std::uint64_t bytes = sizeof(FrameInfoType) + num_frames * sizeof(std::uint64_t);
-  const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
-  for (FreePiece** link = &free_[lines < kLists ? lines : 0]; *link != nullptr;
-       link = &(*link)->next) {
+  const std::uint32_t lines = LinesFor(num_frames);
+  for (FreePiece** link = &ListFor(lines); *link != nullptr; link = &(*link)->next) {
     FreePiece* const piece = *link;
     if (piece->lines != lines) continue;
     *link = piece->next;
@@ -19,7 +17,7 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
     backtrace->location = location;
     return backtrace;
   }
-  // The rest of a chunk that is too short for this piece stays unused.
+  // The end of a chunk stays unused if it is too short for this piece.
   std::uint32_t line = last_line_ + 1;
   if (line % kLinesOfChunk + lines > kLinesOfChunk)
     line = (line / kLinesOfChunk + 1) * kLinesOfChunk;
@@ -38,11 +36,10 @@ FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
 }
 
 void BacktraceArena::Free(FrameInfoType* backtrace) {
-  const std::uint64_t bytes = sizeof(FrameInfoType) + backtrace->num_frames * sizeof(std::uint64_t);
-  const auto lines = static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
+  const std::uint32_t lines = LinesFor(backtrace->num_frames);
   const std::uint32_t location = backtrace->location;
   auto* const piece = reinterpret_cast<FreePiece*>(backtrace);
-  FreePiece*& list = free_[lines < kLists ? lines : 0];
+  FreePiece*& list = ListFor(lines);
   *piece = {0, list, lines, location};
   list = piece;
 }
@@ -109,7 +106,7 @@ BacktraceTable::Buckets* BacktraceTable::MakeBuckets(std::uint64_t count) {
   return buckets;
 }
 
-/// A search may be inside. It finds an empty table from now on.
+/// Empties `buckets` for reuse. A search that is reading them finds no backtrace from now on.
 void BacktraceTable::Retire(Buckets* buckets) {
   for (std::uint64_t b = 0; b <= buckets->mask; ++b) {
     for (Slot& slot : buckets->buckets[b].slots) {
@@ -123,7 +120,7 @@ void BacktraceTable::Retire(Buckets* buckets) {
 bool BacktraceTable::Rebuild(bool sweeps) {
   Buckets* const old = buckets_.load(std::memory_order_relaxed);
   const std::uint64_t live = sweeps ? CountLive(old) : used_;
-  // Sweeping alone makes room when at least half of the backtraces go.
+  // A sweep that frees at least half of the backtraces makes enough room.
   const std::uint64_t count =
       old == nullptr ? kFirstBuckets : (live * 2 > used_ ? (old->mask + 1) * 2 : old->mask + 1);
   Buckets* const fresh = MakeBuckets(count);
@@ -132,8 +129,8 @@ bool BacktraceTable::Rebuild(bool sweeps) {
   ForEachIn(old, [&](FrameInfoType* backtrace) {
     if (!sweeps || backtrace->sweep == sweep_) Enter(*fresh, backtrace);
   });
-  // In this order: a search that began in the new epoch finds none of the dropped backtraces, and
-  // their memory is not used again before that epoch.
+  // The order matters: a search that begins in the new epoch finds no dropped backtrace, and their
+  // memory is not reused before that epoch.
   buckets_.store(fresh, std::memory_order_seq_cst);
   epoch_.fetch_add(1, std::memory_order_seq_cst);
   if (sweeps) {
@@ -147,7 +144,7 @@ bool BacktraceTable::Rebuild(bool sweeps) {
 
 bool BacktraceTable::TryClear() {
   if (!lock_.try_lock()) return false;
-  // In this order, as in Rebuild.
+  // The same order as in Rebuild.
   Buckets* const old = buckets_.exchange(nullptr, std::memory_order_seq_cst);
   epoch_.fetch_add(1, std::memory_order_seq_cst);
   if (old != nullptr) Retire(old);

@@ -1,11 +1,11 @@
 // The shared backtraces. Each is stored once for all sets.
 //
-// A known backtrace is found without a lock and without a write, so that its lines stay in the
-// caches of all processors. There are no reference counts: when the table is full, a walk through
-// all records finds the backtraces in use, and the others are swept out.
+// A search takes no lock and writes nothing, so that the cache lines of a known backtrace stay
+// shared between all processors. There are no reference counts: when the table is full, a sweep
+// through all records marks the backtraces in use and frees the others.
 //
-// A search during a sweep or a clear may give a wrong answer. The thread notices it by the changed
-// `epoch` once it holds the lock of its page.
+// A search during a sweep or a clear may return a wrong result. The thread detects that by the
+// changed `epoch` once it holds the lock of its page.
 #pragma once
 
 #include <atomic>
@@ -15,19 +15,18 @@
 
 #include "records/set_mutex.h"
 
-/// A shared backtrace: this head with its pcs right behind it, together in as few cache lines as
-/// they need (two for 12 frames).
+/// A shared backtrace: this header, directly followed by the pcs. 12 frames need two cache lines.
 struct FrameInfoType {
   std::uint64_t fingerprint;
   std::uint32_t num_frames;
-  /// Its location in the arena. Never 0.
+  /// Location in the arena. Never 0.
   std::uint32_t location;
-  /// Used by a report: the index of this backtrace's notes, plus 1; else 0.
+  /// For Grouping: index + 1 of the backtrace's first list of times; 0 for none. May be stale.
   std::uint32_t report_note;
-  /// Number of the last sweep that found a record of it.
+  /// Number of the last sweep that found a record with this backtrace.
   std::uint32_t sweep;
 
-  /// The pcs, num_frames of them, innermost first.
+  /// The num_frames pcs, innermost first.
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
   const std::uint64_t* pcs() const { return reinterpret_cast<const std::uint64_t*>(this + 1); }
 };
@@ -86,17 +85,19 @@ inline std::uint64_t FrameFingerprint(const FrameKeyType& key) {
   return fold(sum, kFactorStep);
 }
 
-/// Memory of the backtraces: pieces of whole cache lines, cut from chunks of one size. The location
-/// of a piece is its line number, counted over all chunks.
+/// Memory for the backtraces: pieces of whole cache lines, cut from chunks of equal size. The
+/// location of a piece is the number of its first line, counted over all chunks. Allocate, Free and
+/// Reset run under the table's lock.
 class BacktraceArena {
  public:
-  /// Room for a backtrace of `num_frames` pcs, with its location set; null when there is no memory.
+  /// Returns memory for a backtrace of `num_frames` pcs, with only `location` set; null if there is
+  /// no memory.
   FrameInfoType* Allocate(std::uint64_t num_frames);
-  /// Frees `backtrace`; its memory serves later backtraces.
+  /// Frees `backtrace`. Later backtraces reuse its memory.
   void Free(FrameInfoType* backtrace);
-  /// Frees everything and gives the memory back to the kernel; the addresses stay mapped.
+  /// Frees everything and gives the memory back to the kernel. The addresses stay mapped.
   void Reset();
-  /// The backtrace at `location`, which Allocate has set.
+  /// Returns the backtrace at `location`.
   FrameInfoType* At(std::uint32_t location) const {
     return reinterpret_cast<FrameInfoType*>(chunks_[location / kLinesOfChunk] +
                                             location % kLinesOfChunk * kLineBytes);
@@ -112,16 +113,22 @@ class BacktraceArena {
 
   static constexpr std::size_t kLineBytes = 64;
   static constexpr std::uint32_t kLinesOfChunk = 4096;
-  /// Readable bytes behind each chunk: a search may read the pcs of a backtrace that was freed.
+  /// Readable bytes after each chunk: a search may read the pcs of a freed backtrace.
   static constexpr std::size_t kTailBytes = 16384;
   static constexpr std::size_t kMaxChunks = std::size_t{1} << 16;
-  /// Free pieces by their number of lines: 129 for 1024 pcs, the most that a capture returns. The
-  /// first list holds longer ones.
+  /// Free lists by number of lines, up to 129 lines for 1024 pcs, the most that a capture returns.
+  /// List 0 has the longer pieces.
   static constexpr std::size_t kLists = 130;
+
+  static std::uint32_t LinesFor(std::uint64_t num_frames) {
+    const std::uint64_t bytes = sizeof(FrameInfoType) + num_frames * sizeof(std::uint64_t);
+    return static_cast<std::uint32_t>((bytes + kLineBytes - 1) / kLineBytes);
+  }
+  FreePiece*& ListFor(std::uint32_t lines) { return free_[lines < kLists ? lines : 0]; }
 
   FreePiece* free_[kLists] = {};
   std::uint32_t chunk_count_ = 0;
-  /// The last line in use. Location 0 is not used. Starts as 0, so that the whole arena is in .bss.
+  /// The last line in use. Line 0 is never used. Starts at 0 so that the whole arena is in .bss.
   std::uint32_t last_line_ = 0;
   char* chunks_[kMaxChunks] = {};
 };
@@ -130,12 +137,12 @@ class BacktraceTable {
  public:
   enum class Result { kDone, kFull, kNoMemory };
 
-  /// Every sweep and every clear raises it: after the dropped backtraces can no longer be found,
-  /// and before their memory is reused.
+  /// Changes with every sweep and every clear: after the dropped backtraces can no longer be found,
+  /// and before their memory is reused. Any thread.
   std::uint32_t epoch() const { return epoch_.load(std::memory_order_seq_cst); }
 
-  /// The location of the backtrace of `key`, 0 when it is not there. `hash` and `fingerprint` are
-  /// the key's. Takes no lock.
+  /// Returns the location of the backtrace of `key`; 0 if it is not in the table. `hash` and
+  /// `fingerprint` are those of the key. Any thread. Takes no lock.
   std::uint32_t Find(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint) const {
     const Buckets* const buckets = buckets_.load(std::memory_order_acquire);
     if (buckets == nullptr) return 0;
@@ -153,30 +160,30 @@ class BacktraceTable {
     return 0;
   }
 
-  /// Finds the backtrace of `key`, or adds it, and sets `*location`. kFull: the caller must call
-  /// Grow first. Takes the table's lock.
+  /// Finds or adds the backtrace of `key` and sets `*location`. kFull: call Grow and repeat. Takes
+  /// the table's lock.
   Result FindOrAdd(const FrameKeyType& key, std::uint64_t hash, std::uint64_t fingerprint,
                    std::uint32_t* location);
 
-  /// The backtrace at the location that a record has. The caller holds the lock of the record's
-  /// page or keeps operations out.
+  /// Returns the backtrace at `location`, the non-zero location in a record. The caller holds the
+  /// lock of the record's page or keeps operations out.
   FrameInfoType* At(std::uint32_t location) const { return arena_.At(location); }
 
-  /// Makes room. `mark_live(std::uint32_t sweep)` writes its argument into every backtrace that a
-  /// record has; `records` is the approximate number of records. The caller keeps all record
-  /// operations out. False when there is no memory.
+  /// Makes room for new backtraces. `mark_live(std::uint32_t sweep)` must set the `sweep` field of
+  /// every backtrace that a record uses. `records` is the approximate number of records. The caller
+  /// keeps all record operations out. Returns false if there is no memory. Takes the table's lock.
   template <typename MarkLive>
   bool Grow(std::uint64_t records, MarkLive mark_live) {
     const std::lock_guard<SetMutex> guard(lock_);
     if (HasRoom()) return true;
-    // A sweep costs a walk through all records. It begins when there is at least one backtrace for
-    // eight records.
+    // A sweep walks through all records, so it needs at least one backtrace per eight records.
     const bool sweeps = used_ >= kLeastToSweep && used_ >= records / 8;
     if (sweeps) mark_live(++sweep_);
     return Rebuild(sweeps);
   }
 
-  /// Empties the table. Waits for no lock: false, with nothing changed, when a thread is inside.
+  /// Empties the table. Waits for no lock: if the table's lock is taken, returns false with nothing
+  /// changed.
   bool TryClear();
 
  private:
@@ -188,7 +195,7 @@ class BacktraceTable {
   struct alignas(64) Bucket {
     Slot slots[4];
   };
-  /// A power of two of buckets, at most 3/4 full.
+  /// A power of two of buckets, whose slots are at most 3/4 full.
   struct Buckets {
     std::uint64_t mask;
     unsigned shift;
@@ -207,12 +214,12 @@ class BacktraceTable {
   static constexpr std::uint64_t kFirstBuckets = 64;
   static constexpr std::uint64_t kLeastToSweep = 1024;
 
-  /// Distance from a full bucket to the next one of the search. The hash covers five pcs in any
-  /// order, so many keys share a first bucket; the fingerprint spreads them from there.
+  /// Distance from a full bucket to the next one in a search. Many keys share a first bucket, since
+  /// the hash covers five pcs in any order. The fingerprint spreads them from there.
   static std::uint64_t Step(std::uint64_t fingerprint) { return (fingerprint >> 32) | 1; }
 
-  /// The location of `backtrace` if that has this key, else 0. ThreadSanitizer is off: a sweep may
-  /// free the backtrace meanwhile (see `epoch`).
+  /// Returns the location of `backtrace` if it has this key, otherwise 0. Not for ThreadSanitizer:
+  /// a sweep may free the backtrace meanwhile (see `epoch`).
   __attribute__((no_sanitize("thread"))) static std::uint32_t LocationOf(
       const FrameInfoType* backtrace, const FrameKeyType& key) {
     return FrameKeyEqual(key, {backtrace->num_frames, backtrace->pcs()}) ? backtrace->location : 0;
@@ -239,9 +246,9 @@ class BacktraceTable {
   SetMutex lock_;
   std::atomic<std::uint32_t> epoch_{0};
   std::atomic<Buckets*> buckets_{nullptr};
-  /// Replaced bucket arrays, now empty. They are reused, not unmapped, since readers may be inside.
+  /// Replaced bucket arrays, now empty. Reused, never unmapped, since a search may be reading one.
   Buckets* retired_ = nullptr;
-  /// Backtraces in the table.
+  /// Number of backtraces in the table.
   std::uint64_t used_ = 0;
   std::uint32_t sweep_ = 0;
   BacktraceArena arena_;

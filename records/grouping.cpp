@@ -1,7 +1,5 @@
-// Groups of live blocks, in one pass. See records/grouping.h.
+// Groups of live blocks, found in one pass.
 #include "records/grouping.h"
-
-#include <algorithm>
 
 #include "async_safe/log.h"
 #include "protocol/protocol.h"
@@ -27,9 +25,9 @@ std::uint32_t SetOf(std::uint64_t address, const Record& record) {
 
 Grouping::Grouping(std::vector<ListInfoType>* list) : list_(*list) {
   first_sets_.resize(list_.size(), 0);
-  index_.resize(kFirstIndexSlots);
-  while (list_.size() * 2 >= index_.size()) index_.resize(index_.size() * 2);
-  GrowIndex();
+  std::size_t slots = kFirstIndexSlots;
+  while (list_.size() * 2 >= slots) slots *= 2;
+  RebuildIndex(slots);
 }
 
 void Grouping::AddAllSets() {
@@ -73,16 +71,13 @@ std::uint32_t Grouping::FindOrAddGroup(std::uint64_t address, const Record& reco
   first_sets_.push_back(set);
   const auto number = static_cast<std::uint32_t>(list_.size());
   index_[slot] = number;
-  if (list_.size() * 2 >= index_.size()) {
-    index_.resize(index_.size() * 2);
-    GrowIndex();
-  }
+  if (list_.size() * 2 >= index_.size()) RebuildIndex(index_.size() * 2);
   return number - 1;
 }
 
-void Grouping::GrowIndex() {
-  std::fill(index_.begin(), index_.end(), 0U);
-  const std::size_t mask = index_.size() - 1;
+void Grouping::RebuildIndex(std::size_t slots) {
+  index_.assign(slots, 0U);
+  const std::size_t mask = slots - 1;
   for (std::size_t i = 0; i < list_.size(); ++i) {
     const ListInfoType& group = list_[i];
     if (group.frame_info == nullptr) continue;
@@ -94,12 +89,18 @@ void Grouping::GrowIndex() {
   }
 }
 
-/// The list of `backtrace` in `set`, or null. FrameInfoType::report_note leads to the first list of
-/// a backtrace; as it is never reset, it counts only when that list names the backtrace.
+/// Returns index + 1 of the first list of `backtrace`; 0 if there is none. `report_note` holds it,
+/// but is never reset: it is valid only if the list belongs to this backtrace.
+std::uint32_t Grouping::FirstTimeList(const FrameInfoType* backtrace) const {
+  const std::uint32_t number = backtrace->report_note;
+  const bool is_valid =
+      number != 0 && number <= time_lists_.size() && time_lists_[number - 1].backtrace == backtrace;
+  return is_valid ? number : 0;
+}
+
+/// Returns the list of `backtrace` in `set`, or null.
 Grouping::TimeList* Grouping::FindTimes(const FrameInfoType* backtrace, std::uint32_t set) {
-  std::uint32_t number = backtrace->report_note;
-  if (number == 0 || number > time_lists_.size()) return nullptr;
-  if (time_lists_[number - 1].backtrace != backtrace) return nullptr;
+  std::uint32_t number = FirstTimeList(backtrace);
   while (number != 0) {
     TimeList& list = time_lists_[number - 1];
     if (list.set == set) return &list;
@@ -108,18 +109,16 @@ Grouping::TimeList* Grouping::FindTimes(const FrameInfoType* backtrace, std::uin
   return nullptr;
 }
 
-void Grouping::WantTimes(FrameInfoType* backtrace, std::uint32_t set) {
+void Grouping::AddTimeList(FrameInfoType* backtrace, std::uint32_t set) {
   if (FindTimes(backtrace, set) != nullptr) return;
-  const std::uint32_t number = backtrace->report_note;
-  const bool has_lists =
-      number != 0 && number <= time_lists_.size() && time_lists_[number - 1].backtrace == backtrace;
-  time_lists_.push_back({backtrace, set, has_lists ? number : 0, 0, 0, 0});
+  time_lists_.push_back({backtrace, set, FirstTimeList(backtrace), 0, 0, 0});
   backtrace->report_note = static_cast<std::uint32_t>(time_lists_.size());
 }
 
+/// Collects the times of all groups, in a second pass over the records.
 void Grouping::CollectTimes() {
   for (std::size_t i = 0; i < list_.size(); ++i) {
-    if (list_[i].frame_info != nullptr) WantTimes(list_[i].frame_info, first_sets_[i]);
+    if (list_[i].frame_info != nullptr) AddTimeList(list_[i].frame_info, first_sets_[i]);
   }
   record_store::ForEachRecord([this](std::uint64_t address, const Record& record) {
     if (record.backtrace == 0) return;

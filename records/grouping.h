@@ -1,7 +1,7 @@
-// Groups of live blocks that share size, zygote mark and pcs, found in one pass over all sets.
+// Groups live blocks with the same size, zygote mark and pcs, in one pass over all sets.
 //
-// An index replaces the scan of the list for each record.
-// Used by the leak-info export and the report, on the dump thread or the one that asks.
+// Used by the leak-info export and the report, on the dump thread or the thread that asks for the
+// export.
 #pragma once
 
 #include <cstddef>
@@ -13,31 +13,31 @@
 
 class Grouping {
  public:
-  /// Adds to `list`, whose elements so far take part as groups. Records without a backtrace are
-  /// left out. The caller keeps record operations out for as long as this object lives, and the
-  /// thread's record key is set.
+  /// Adds groups to `list` (not owned); groups that are already in it are counted on. The caller
+  /// keeps record operations out during the lifetime of this object, and the thread's record key
+  /// is set.
   explicit Grouping(std::vector<ListInfoType>* list);
 
-  /// Adds all records. Logs what it must leave out.
+  /// Adds all records. Skips records without a backtrace and logs them.
   void AddAllSets();
 
-  /// Appends the allocation times that the backtrace of group `i` has in the first set with a
-  /// member of the group to `times`, at most PointerData::kMaxTimes of them. Intentional: these may
-  /// be times of blocks of other sizes.
+  /// Appends up to PointerData::kMaxTimes allocation times of group `i` to `times`: those of the
+  /// group's backtrace in the first set with a member of the group. Intentional: this includes
+  /// times of blocks of other sizes.
   void CopyTimes(std::size_t i, std::vector<std::int64_t>* times);
 
  private:
-  /// The allocation times of one backtrace in one set, of at most PointerData::kMaxTimes members.
+  /// Up to PointerData::kMaxTimes allocation times of one backtrace in one set.
   struct TimeList {
     const FrameInfoType* backtrace;
     std::uint32_t set;
-    /// The next list of the same backtrace, plus 1; else 0.
+    /// Index + 1 of the next list of the same backtrace; 0 for none.
     std::uint32_t next_list;
     std::uint32_t count;
     std::uint32_t first;
     std::uint32_t last;
   };
-  /// One time of a list, chained in the order in which they were met.
+  /// One time of a list. A list is chained in the order in which its times were found.
   struct TimeNode {
     std::int64_t time;
     std::uint32_t next;
@@ -47,16 +47,17 @@ class Grouping {
   void CollectTimes();
   std::uint32_t FindOrAddGroup(std::uint64_t address, const Record& record,
                                FrameInfoType* backtrace, std::uint32_t set);
-  void WantTimes(FrameInfoType* backtrace, std::uint32_t set);
+  std::uint32_t FirstTimeList(const FrameInfoType* backtrace) const;
   TimeList* FindTimes(const FrameInfoType* backtrace, std::uint32_t set);
+  void AddTimeList(FrameInfoType* backtrace, std::uint32_t set);
   void AddTime(TimeList* list, std::int64_t time);
-  void GrowIndex();
+  void RebuildIndex(std::size_t slots);
 
   std::vector<ListInfoType>& list_;
-  /// The lowest set that has a member, for each group.
+  /// For each group, the lowest set that has a member.
   std::vector<std::uint32_t> first_sets_;
   std::vector<TimeList> time_lists_;
   std::vector<TimeNode> times_;
-  /// Open addressing over list_: index + 1, 0 for a free slot; a power of two.
+  /// Hash index of list_: index + 1, or 0 for a free slot. Open addressing; a power of two.
   std::vector<std::uint32_t> index_;
 };

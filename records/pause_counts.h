@@ -1,6 +1,6 @@
-// The number of records of each set, known only during a pause: a pause ends when any set is empty.
+// The number of records per set, counted only during a pause: a pause ends when any set is empty.
 //
-// Counting writes to a cache line that all threads share, so the store counts only during a pause.
+// Counting writes to cache lines that all threads share, so it is off unless a pause needs it.
 #pragma once
 
 #include <atomic>
@@ -12,22 +12,23 @@
 
 namespace pause_counts {
 
-/// The counts, and the generation of the records that they count; 0 while the store does not count.
+/// The generation of the counted records; 0 while counting is off.
 inline std::atomic<std::uint32_t> counted_generation{0};
 inline std::atomic<std::int64_t> counts[PointerSet::kCount] = {};
 
+/// Whether the counts are valid. Any thread.
 inline bool IsCounting() {
   const std::uint32_t counted = counted_generation.load(std::memory_order_acquire);
   return counted != 0 && counted == record_store::Generation();
 }
 
-/// Notes a new record of `set` (`change` 1) or a removed one (-1). Under the lock of its page.
+/// Counts a new (`change` 1) or removed (-1) record of `set`. Under the lock of its page.
 inline void Change(std::uint64_t set, int change) {
   if (counted_generation.load(std::memory_order_relaxed) == 0) return;
   counts[set].fetch_add(change, std::memory_order_relaxed);
 }
 
-/// Counts all records. The caller keeps record operations out.
+/// Counts all records and starts counting. The caller keeps record operations out.
 inline void Start() {
   for (auto& count : counts) count.store(0, std::memory_order_relaxed);
   const std::uint32_t generation = record_store::Generation();
@@ -39,10 +40,12 @@ inline void Start() {
   counted_generation.store(generation, std::memory_order_release);
 }
 
+/// Stops counting. Any thread. Writes nothing if counting is off.
 inline void Stop() {
   if (counted_generation.load(std::memory_order_relaxed) != 0) counted_generation.store(0);
 }
 
+/// Whether any set is empty. Any thread; a stale count only delays the end of a pause.
 inline bool AnySetEmpty() {
   for (const auto& count : counts) {
     if (count.load(std::memory_order_relaxed) <= 0) return true;

@@ -1,4 +1,4 @@
-// The records of live blocks: growth of pages and of the directory.
+// The records of live blocks: changes to pages and to the directory of regions.
 #include "records/record_pages.h"
 
 #include <mutex>
@@ -8,19 +8,19 @@
 
 namespace {
 
-/// Memory of the tables of all pages.
+/// Memory for the tables of all pages.
 table_memory::Pool record_pool;
 
 /// Held while a region is added.
 SetMutex directory_lock;
 
 constexpr unsigned kFirstDirectoryLog2 = 8;
-/// The largest table: 4096 offsets times a few classes and tags.
-constexpr unsigned kLargestLog2 = 15;
-/// Tables of up to this many records (two cache lines) fill up; larger ones to 7/8.
+/// Size limit of a page's table: all offsets of the page, times a few size classes and tags.
+constexpr unsigned kLargestLog2 = kRecordPageBits + 3;
+/// Tables of up to 2^3 records (two cache lines) are filled completely, larger ones to 7/8.
 constexpr unsigned kFullLog2 = 3;
-/// An empty page keeps a table of fewer than 2^4 records, since it is likely to be used again.
-/// Larger tables are freed for other pages.
+/// When a page becomes empty, a table of 2^4 records or more is freed for other pages. A smaller
+/// table is kept, since the page is likely to be used again.
 constexpr unsigned kLeastToFreeLog2 = 4;
 
 }  // namespace
@@ -28,11 +28,11 @@ constexpr unsigned kLeastToFreeLog2 = 4;
 std::atomic<RecordPages::Directory*> RecordPages::directory_{nullptr};
 
 void RecordPage::LockSlow() {
-  WaitPatiently([this] { return !IsLocked() && TryLock(); });
+  SpinUntil([this] { return !IsLocked() && TryLock(); });
 }
 
-void RecordPage::Empty(std::uint32_t generation) {
-  FreeRecords(/*pool_is_locked=*/false);
+void RecordPage::StartGeneration(std::uint32_t generation, bool pool_is_locked) {
+  FreeRecords(pool_is_locked);
   generation_ = generation;
 }
 
@@ -94,7 +94,7 @@ void RecordPage::Erase(Record* record) {
   for (std::uint32_t probes = 0; probes < mask; ++probes) {
     i = (i + 1) & mask;
     if (records[i].key == 0) break;
-    // A record moves into the hole unless its search begins behind the hole.
+    // Move the record into the hole, unless its search begins after the hole.
     const std::uint32_t first = FirstSlot(Spread(records[i]), log2);
     if (((i - first) & mask) < ((i - hole) & mask)) continue;
     records[hole] = records[i];
@@ -132,7 +132,7 @@ void RecordPages::Enter(Directory& directory, std::uint64_t number, RecordPage* 
   ++directory.used;
 }
 
-/// Under the directory's lock. The old directory stays: a reader may be in it.
+/// Under directory_lock. The old directory is kept, since a reader may be using it.
 bool RecordPages::GrowDirectory() {
   const Directory* const old = directory_.load(std::memory_order_relaxed);
   const unsigned log2 = old == nullptr ? kFirstDirectoryLog2
@@ -154,7 +154,7 @@ bool RecordPages::GrowDirectory() {
 
 void RecordPages::WaitForOperations() {
   ForEach([](std::uint64_t /*address*/, RecordPage& page) {
-    if (page.IsLocked()) WaitPatiently([&page] { return !page.IsLocked(); });
+    if (page.IsLocked()) SpinUntil([&page] { return !page.IsLocked(); });
   });
 }
 
@@ -164,22 +164,19 @@ void RecordPages::FreeLocksInChild() {
   });
 }
 
-bool RecordPages::EmptyAll(std::uint32_t generation) {
+bool RecordPages::DropAllOldRecords(std::uint32_t generation) {
   const std::unique_lock<table_memory::Pool> pool(record_pool, std::try_to_lock);
   if (!pool.owns_lock()) return false;
   bool all = true;
   ForEach([&all, generation](std::uint64_t /*address*/, RecordPage& page) {
-    // Most pages never had a record. The lock is read first: who sees it released also sees the
-    // table that its holder made.
+    // Skip pages that never had a record, which are most. The lock is read first: a thread that
+    // sees it free also sees the table that its last holder made.
     if (!page.IsLocked() && page.records_.load(std::memory_order_relaxed) == nullptr) return;
     if (!page.TryLock()) {
       all = false;
       return;
     }
-    if (page.generation_ != generation) {
-      page.generation_ = generation;
-      page.FreeRecords(/*pool_is_locked=*/true);
-    }
+    if (page.generation_ != generation) page.StartGeneration(generation, /*pool_is_locked=*/true);
     if (page.records_.load(std::memory_order_relaxed) != nullptr) all = false;
     page.Unlock();
   });

@@ -1,4 +1,4 @@
-// What the operations on single records and the readers of all records share.
+// State shared by the operations on single records and the readers of all records.
 #pragma once
 
 #include <atomic>
@@ -13,24 +13,24 @@ namespace record_store {
 /// The shared backtraces.
 extern BacktraceTable backtraces;
 
-/// Number of clears so far. Never 0 once the store is set up.
+/// Number of clears so far. Not 0 after the first Initialize.
 extern std::atomic<std::uint32_t> generation;
 inline std::uint32_t Generation() {
   return generation.load(std::memory_order_seq_cst);
 }
 
-/// Holds the page of one block for one record operation, while no thread keeps the operations of
-/// the block's set out by holding `pointer_mutex`. `held`: the calling thread does so itself.
-/// `page` is not null. Allocates nothing; keeps errno.
+/// Holds the lock of a page for one record operation. `pointer_mutex` is that of the block's set.
+/// Waits while a thread keeps operations out, unless `held`: the calling thread is the one that
+/// does so. `page` is not null. Allocates nothing; keeps errno.
 class PageGuard {
  public:
   PageGuard(RecordPage* page, const SetMutex& pointer_mutex, bool held) : page_(page) {
     for (;;) {
       page_->Lock();
-      if (__builtin_expect(static_cast<long>(!pointer_mutex.is_locked()), 1L) != 0) return;
+      if (Likely(!pointer_mutex.is_locked())) return;
       if (held) return;
       page_->Unlock();
-      WaitPatiently([&pointer_mutex] { return !pointer_mutex.is_locked(); });
+      SpinUntil([&pointer_mutex] { return !pointer_mutex.is_locked(); });
     }
   }
   ~PageGuard() { page_->Unlock(); }

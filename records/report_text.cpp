@@ -1,4 +1,4 @@
-// The text of a report; see the header. On the dump thread.
+// The text of a report. Dump thread only.
 #include "records/report_text.h"
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 ReportText& ReportText::operator<<(std::string_view text) {
   while (!text.empty()) {
     const std::size_t used = size_ % kPieceBytes;
-    // Not make_unique, which would zero it.
+    // Not make_unique, which would zero the piece.
     if (size_ == pieces_.size() * kPieceBytes) pieces_.emplace_back(new char[kPieceBytes]);
     const std::size_t bytes = std::min(text.size(), kPieceBytes - used);
     std::memcpy(pieces_.back().get() + used, text.data(), bytes);

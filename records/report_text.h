@@ -1,7 +1,8 @@
-// The text of a report while it is being written: it only grows, and is read from its start.
+// The text of a report while it is written: an append-only buffer.
 //
-// Used by the report's writers on the dump thread. Unlike the C++ library's streams it knows no
-// locale (the program's own may group digits), and brings none into the library.
+// Used by the report's writers on the dump thread. Unlike the C++ library's streams it has no
+// locale (the program's locale may group digits), and it does not link stream code into the
+// library.
 #pragma once
 
 #include <cstddef>
@@ -10,18 +11,18 @@
 #include <string_view>
 #include <vector>
 
-/// A list of pieces of one size: text that was written never moves, so a process that leaks pays
-/// for the text once, and for one piece at most beyond it. One thread at a time.
+/// A list of pieces of one size. Text never moves, so a process that leaks needs memory only for
+/// the text and at most one more piece. One thread at a time.
 class ReportText {
  public:
-  /// Of each piece; also what is handed to the file in one go.
+  /// Size of a piece; also the size of one write to the file.
   static constexpr std::size_t kPieceBytes = std::size_t{64} << 10;
 
   ReportText() = default;
   ReportText(const ReportText&) = delete;
   ReportText& operator=(const ReportText&) = delete;
 
-  // Each appends and returns the text itself. Throws std::bad_alloc, with part of it appended.
+  // The functions below append and return *this. They throw std::bad_alloc after appending a part.
 
   ReportText& operator<<(std::string_view text);
   ReportText& operator<<(char character) { return *this << std::string_view(&character, 1); }
@@ -30,15 +31,15 @@ class ReportText {
   ReportText& operator<<(std::int64_t number);
   /// In lowercase hexadecimal, without prefix.
   ReportText& Hexadecimal(std::uint64_t number);
-  /// In decimal, with a leading zero when it has one digit.
+  /// In decimal, padded with zeros to two digits.
   ReportText& TwoDigits(std::uint64_t number);
 
-  /// How many bytes there are.
+  /// The length in bytes.
   std::size_t size() const { return size_; }
   /// Copies the first `bytes` (at most size()) to `destination`.
   void CopyStart(char* destination, std::size_t bytes) const;
-  /// Calls take(const char* text, std::size_t bytes) for one piece after the other, until it
-  /// returns false.
+  /// Calls take(const char* text, std::size_t bytes) for each piece in order, until it returns
+  /// false.
   template <typename Take>
   void ForEachPiece(Take take) const {
     for (std::size_t i = 0, rest = size_; rest != 0; ++i) {

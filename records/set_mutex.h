@@ -1,9 +1,9 @@
-// The record store's locks: four bytes, taken inline.
+// The locks of the record store: four bytes, inlined.
 //
-// A mutex of the C library costs a call each way and forty bytes. Unlocking is a plain store and
-// wakes no thread. A waiting thread polls, and sleeps in between once the lock has been held for
-// longer than a record operation takes. Only a report, a fork and malloc_disable hold one that
-// long. A forked child may free a lock that another thread held.
+// A mutex of the C library has forty bytes and costs a call to lock and to unlock. Here an unlock
+// is a plain store and wakes no thread. A waiting thread polls, and sleeps between polls if the
+// lock is held for longer than a record operation takes: only a report, a fork and malloc_disable
+// hold one that long. A forked child can free a lock that another thread of the parent held.
 #pragma once
 
 #include <sched.h>
@@ -15,14 +15,22 @@
 #include <cstdint>
 #include <ctime>
 
-/// Returns once `done()` is true: looks often at first, then gives up the processor, then sleeps 50
-/// microseconds at a time. Keeps errno (the waiting thread is inside the program's malloc or free);
-/// no cancellation point, since malloc and free are none.
+/// Branch hints for the hot path of an allocation. Forced inline: otherwise GCC loses the hint.
+__attribute__((always_inline)) inline bool Likely(bool condition) {
+  return __builtin_expect(static_cast<long>(condition), 1L) != 0;
+}
+__attribute__((always_inline)) inline bool Unlikely(bool condition) {
+  return __builtin_expect(static_cast<long>(condition), 0L) != 0;
+}
+
+/// Waits until `done()` is true. Polls at first, then yields the processor, then sleeps 50
+/// microseconds at a time. Keeps errno, since the thread is inside the program's malloc or free.
+/// Not a cancellation point, as malloc and free are none.
 template <typename Condition>
-__attribute__((noinline)) void WaitPatiently(Condition done) {
+__attribute__((noinline)) void SpinUntil(Condition done) {
   /// Longer than a record operation takes.
   constexpr int kSpins = 200;
-  /// The holder may be waiting for this processor.
+  /// The lock holder may need this processor.
   constexpr int kYields = 20;
   const int saved_errno = errno;
   for (int round = 0; !done(); ++round) {
@@ -38,33 +46,34 @@ __attribute__((noinline)) void WaitPatiently(Condition done) {
   errno = saved_errno;
 }
 
-/// Meets BasicLockable and Lockable. Not recursive. Any thread may unlock it; unlocking a free one
-/// does nothing.
+/// Meets BasicLockable and Lockable. Not recursive. Any thread may unlock it. Unlocking a free lock
+/// has no effect.
 class SetMutex {
  public:
   /// Waits until the lock is free and takes it.
   void lock() {
-    if (!try_lock()) WaitPatiently([this] { return !is_locked() && try_lock(); });
+    if (!try_lock()) SpinUntil([this] { return !is_locked() && try_lock(); });
   }
-  /// Takes the lock if it is free; says whether it did.
+  /// Takes the lock if it is free. Returns whether it did.
   bool try_lock() { return state_.exchange(1, std::memory_order_seq_cst) == 0; }
   /// Frees the lock.
   void unlock() { state_.store(0, std::memory_order_release); }
-  /// Whether anybody holds it.
+  /// Whether any thread holds the lock.
   bool is_locked() const { return state_.load(std::memory_order_seq_cst) != 0; }
 
  private:
   std::atomic<std::uint32_t> state_{0};
 };
 
-/// Holds a lock of a set while it lives, unless the thread holds the locks of all sets anyway.
+/// Holds a lock of a set during its lifetime. Does nothing if `held`: the thread holds the locks of
+/// all sets already.
 class SetLock {
  public:
   SetLock(SetMutex& mutex, bool held) : mutex_(mutex), held_(held) {
-    if (__builtin_expect(static_cast<long>(!held_), 1L) != 0) mutex_.lock();
+    if (Likely(!held_)) mutex_.lock();
   }
   ~SetLock() {
-    if (__builtin_expect(static_cast<long>(!held_), 1L) != 0) mutex_.unlock();
+    if (Likely(!held_)) mutex_.unlock();
   }
   SetLock(const SetLock&) = delete;
   SetLock& operator=(const SetLock&) = delete;

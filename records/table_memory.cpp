@@ -1,4 +1,4 @@
-// Memory of the record tables; see the header.
+// Memory for the record tables.
 #include "records/table_memory.h"
 
 #include <sys/mman.h>
@@ -20,17 +20,17 @@ namespace {
 constexpr std::size_t kFirstChunk = std::size_t{64} << 10;
 constexpr std::size_t kLargestChunk = std::size_t{1} << 20;
 
-/// Bytes of the last request that failed, 0 for none.
+/// Size of the last failed request, in bytes; 0 for none.
 std::atomic<std::size_t> wanted{0};
 
-/// At the start of each block in the reserve. The rest of the block is zero.
+/// Header of a block in the reserve. The rest of the block is zero.
 struct Reserved {
   Reserved* next;
   std::size_t bytes;
 };
 
-/// Blocks from the C library's allocator that wait for the requests that failed. Without a lock: a
-/// forked child could not free it when another thread of its parent held it.
+/// Blocks from the C library's allocator, for requests that failed. Lock-free: a forked child could
+/// not free a lock here that another thread of the parent held.
 std::atomic<Reserved*> reserve{nullptr};
 
 void AddReserve(Reserved* block) {
@@ -40,7 +40,7 @@ void AddReserve(Reserved* block) {
   }
 }
 
-/// A zeroed block of at least `bytes` bytes; null when the reserve has none.
+/// Takes a zeroed block of at least `bytes` bytes from the reserve. Returns null if it has none.
 void* TakeReserve(std::size_t bytes) {
   if (reserve.load(std::memory_order_relaxed) == nullptr) return nullptr;
   Reserved* block = reserve.exchange(nullptr, std::memory_order_acquire);
@@ -72,7 +72,7 @@ void* Map(std::size_t bytes) {
 
 bool RefillFromHeap() {
   const std::size_t bytes = wanted.exchange(0, std::memory_order_relaxed);
-  if (bytes == 0) return true;  // another thread has just refilled
+  if (bytes == 0) return true;  // another thread refilled the reserve just now
   const int saved_errno = errno;
   void* const memory = MemTrackControl::GetInstance()->dispatch()->memalign(kCacheLine, bytes);
   errno = saved_errno;
@@ -124,7 +124,7 @@ void* Pool::Cut(std::size_t bytes) {
   if (size < bytes + kCacheLine) size = bytes + kCacheLine;
   auto* chunk = static_cast<Chunk*>(Map(size));
   if (chunk == nullptr && size > bytes + kCacheLine) {
-    size = bytes + kCacheLine;  // a lack of memory: no more than needed
+    size = bytes + kCacheLine;  // memory is short: only what is needed
     chunk = static_cast<Chunk*>(Map(size));
   }
   if (chunk == nullptr) return nullptr;

@@ -1,4 +1,4 @@
-// The phaser: counting readers, and waiting for them. See the header for who runs it where.
+// The phaser's reader counters and the futex wait of its writer.
 #include "sigmux/phaser.h"
 
 #include <linux/futex.h>
@@ -9,12 +9,11 @@
 
 namespace {
 
-/// Bit 63: a draining counter is a negative one.
+/// Bit 63. A counter that is being drained is negative.
 constexpr std::int64_t kDraining = std::numeric_limits<std::int64_t>::min();
-/// All waiters.
 constexpr int kWakeAll = 0x7fffffff;
 
-// The futex waits on the low half of a counter, by its address.
+// The futex word is the low half of a counter and has the counter's address.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
 static_assert(sizeof(std::atomic<std::int64_t>) == sizeof(std::int64_t));
 static_assert(std::atomic<std::int64_t>::is_always_lock_free);
@@ -26,20 +25,19 @@ static_assert(std::atomic<std::int64_t>::is_always_lock_free);
 #endif
 
 #if defined(__SANITIZE_THREAD__) || MEMLEAK_HAS_FEATURE(thread_sanitizer)
-// ThreadSanitizer does not follow fences: there the counters themselves carry the order.
+// ThreadSanitizer does not understand fences, so the counter operations are ordered instead.
 constexpr std::memory_order kCount = std::memory_order_seq_cst;
-constexpr std::memory_order kLook = std::memory_order_seq_cst;
+constexpr std::memory_order kLoad = std::memory_order_seq_cst;
 void full_fence() {}
 #else
 constexpr std::memory_order kCount = std::memory_order_relaxed;
-constexpr std::memory_order kLook = std::memory_order_relaxed;
+constexpr std::memory_order kLoad = std::memory_order_relaxed;
 void full_fence() {
   std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 #endif
 
-/// The shared operations, without a time limit. A spurious or interrupted wait is the caller's to
-/// repeat.
+/// Calls futex without a timeout. A wait may end early; the caller checks and repeats it.
 void futex(std::atomic<std::int64_t>* counter, int operation, std::uint32_t value) {
   syscall(SYS_futex, counter, operation, value, nullptr, nullptr, 0);
 }
@@ -48,7 +46,7 @@ void drain_phase(std::atomic<std::int64_t>* counter) {
   std::int64_t seen = counter->fetch_or(kDraining, std::memory_order_release) | kDraining;
   while (seen != kDraining) {
     futex(counter, FUTEX_WAIT, static_cast<std::uint32_t>(seen));
-    seen = counter->load(kLook);
+    seen = counter->load(kLoad);
   }
   counter->fetch_and(~kDraining, kCount);
 }
@@ -62,9 +60,9 @@ int phaser_init(phaser_t* phaser) {
 
 unsigned phaser_enter(phaser_t* phaser) {
   unsigned phase = 0;
-  while (phaser->counter[phase].load(kLook) < 0) phase ^= 1U;
-  // A drain that begins between the look and this still waits for it; one that ended there took
-  // away only what this reader can no longer see.
+  while (phaser->counter[phase].load(kLoad) < 0) phase ^= 1U;
+  // A drain that begins between the load and the add still waits for this reader. A drain that
+  // ended in between removed only objects that this reader can no longer reach.
   phaser->counter[phase].fetch_add(1, kCount);
   full_fence();
   return phase;

@@ -1,4 +1,4 @@
-// Fault-safe operations: a handler for the time of one call, and a jump out of it.
+// Fault-safe operations: a signal handler for the duration of one call, and a jump out of it.
 #include "sigmux/sig_safe_write.h"
 
 #include <sys/syscall.h>
@@ -17,10 +17,10 @@ std::int32_t current_thread() {
   return static_cast<std::int32_t>(syscall(SYS_gettid));
 }
 
-/// Calls `op(arg)`; returns 1 with EFAULT when a fault has ended it, otherwise 0.
+/// Calls `op(arg)`. Returns 1 with EFAULT if a fault ended it, otherwise 0.
 int run_until_fault(sig_safe_op_context* context, void (*op)(void*), void* arg) {
   if (sigsetjmp(context->jump, 1) != 0) {
-    // The jump's target dies with this function: a later signal must not take it.
+    // The jump target is invalid once this function returns; a later signal must not use it.
     context->active.store(0);
     errno = EFAULT;
     return 1;
@@ -31,8 +31,8 @@ int run_until_fault(sig_safe_op_context* context, void (*op)(void*), void* arg) 
   return 0;
 }
 
-/// Not instrumented: ThreadSanitizer would make the store inside its runtime, and a jump out of
-/// there leaves the runtime's locks held.
+/// Not instrumented: ThreadSanitizer would do the store inside its runtime, and a jump out of the
+/// runtime leaves its locks held.
 __attribute__((no_sanitize("thread"))) void write_word(void* arg) {
   const auto* request = static_cast<const write_request*>(arg);
   __atomic_store_n(static_cast<std::intptr_t*>(request->destination), request->value,
@@ -50,7 +50,7 @@ int sig_safe_op(void (*op)(void*), void* arg) {
       sigaddset(&signals, SIGBUS) != 0) {
     return 1;
   }
-  // On the stack, so that unhooking works without memory.
+  // On the stack, so that unhooking needs no memory.
   sigmux_entry entry = {nullptr, {nullptr}, signals, fault_handler, &context, 0};
   sigmux_add(&entry);
   const int result = run_until_fault(&context, op, arg);

@@ -1,8 +1,8 @@
-// Running code that may fault, and writing to memory that may not be writable.
+// Runs code that may fault, and writes to memory that may not be writable.
 //
-// Called by the hook engine when it patches a slot, on whichever thread does the hooking; several
-// threads may do so at once. For rare operations: each call adds and removes a handler. Nothing
-// here allocates.
+// The hook engine uses it to patch a slot, on any thread; several threads may do so at once. Each
+// call adds and removes a signal handler, so it is meant for rare operations. Nothing here
+// allocates.
 #pragma once
 
 #include <setjmp.h>
@@ -12,30 +12,31 @@
 
 #include "sigmux/sigmux.h"
 
-/// One running operation; on its caller's stack. Handlers on other threads read it, too.
+/// One running operation. Lives on its caller's stack. Handlers on other threads read it too.
 struct sig_safe_op_context {
-  /// The kernel's id of the thread that runs the operation.
+  /// Kernel thread id (gettid) of the thread that runs the operation.
   std::atomic<std::int32_t> tid;
-  /// Not zero while the operation runs.
+  /// Non-zero while the operation runs.
   std::atomic<std::uint32_t> active;
-  /// Not zero when SIGILL alone is a fault of the operation; always 0 here.
+  /// Non-zero: only SIGILL counts as a fault of the operation. Always 0 in this library.
   std::atomic<std::uint32_t> expect_sigill;
-  /// Where a fault goes.
+  /// Jump target for a fault.
   sigjmp_buf jump;
 };
 
-/// Calls `op(arg)`; a SIGSEGV or SIGBUS that it raises on this thread ends it. Both signals must
-/// have been taken over with sigmux_init, else a fault kills the process. The jump out of `op` runs
-/// no destructors: it must own nothing.
-/// Returns 0 when `op` returned, with errno as `op` left it; 1 with EFAULT when it faulted, and 1
-/// when the handler could not be set up. Not for signal handlers; takes the multiplexer's lock.
+/// Calls `op(arg)`. A SIGSEGV or SIGBUS that `op` raises on this thread ends the call. Both signals
+/// must have been passed to sigmux_init; otherwise a fault kills the process. A fault leaves `op`
+/// by siglongjmp, which runs no destructors, so `op` must own nothing.
+///
+/// Returns 0 if `op` returned, with errno as `op` left it; 1 with EFAULT if it faulted; 1 if the
+/// handler could not be set up. Takes the multiplexer's lock. Not for signal handlers.
 int sig_safe_op(void (*op)(void*), void* arg);
 
-/// Stores `value` into the pointer-sized, aligned word at `destination`, in one sequentially
-/// consistent store. Returns as sig_safe_op; on 1 nothing has been written.
+/// Stores `value` into the aligned, pointer-sized word at `destination` with one sequentially
+/// consistent store. Returns as sig_safe_op does; on 1 nothing was written.
 int sig_safe_write(void* destination, std::intptr_t value);
 
-/// The handler that sig_safe_op registers; `context` is its sig_safe_op_context. Leaves by a jump
-/// for a fault of the running operation; returns 0, not claimed, for all others. For signal
-/// context.
+/// The handler that sig_safe_op registers; `context` is its sig_safe_op_context. Jumps to
+/// `context->jump` for a fault of the running operation. Returns 0 (not claimed) for other signals.
+/// Runs in signal context.
 int fault_handler(sigmux_event* event, void* context);

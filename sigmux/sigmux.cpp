@@ -1,7 +1,7 @@
-// The signal multiplexer: taking signals over, the list of handlers, and dispatch.
+// The signal multiplexer: takes over signals, keeps the list of handlers, dispatches deliveries.
 //
-// Writers hold the lock. Dispatchers take no lock: they are inside the phaser while they look at
-// the list, and whoever removes an entry drains the phaser before freeing it.
+// Writers hold the lock. Dispatchers take no lock: they are in the phaser while they read the list,
+// and a writer that removes an entry drains the phaser before it frees the entry.
 #include "sigmux/sigmux.h"
 
 #include <pthread.h>
@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "platform/signal_policy.h"
+#include "platform/policies.h"
 #include "sigmux/phaser.h"
 
 namespace {
@@ -19,23 +19,24 @@ namespace {
 constexpr int kMaxSignal = 64;
 constexpr std::size_t kSignals = kMaxSignal + 1;
 
-/// On the thread's alternate stack if it has one; a dispatcher can itself be interrupted.
+/// SA_ONSTACK: runs on the thread's alternate stack if it has one. SA_NODEFER: deliveries of the
+/// same signal nest.
 constexpr int kDispatcherFlags = SA_SIGINFO | SA_ONSTACK | SA_RESTART | SA_NODEFER;
 
 struct sigmux_state {
-  /// Serialises taking over, registering and removing.
+  /// Guards everything below against concurrent writers.
   pthread_mutex_t lock;
   phaser_t phaser;
   bool phaser_needs_init;
-  /// What was installed before, by signal; null for a signal not yet taken over. Never freed.
+  /// The action that each signal had before; null for a signal not yet taken over. Never freed.
   std::atomic<struct sigaction*> previous_action[kSignals];
-  /// Kept beside the former, and read by nobody.
+  /// Allocated with previous_action and never read.
   struct sigaction* spare_action[kSignals];
-  /// The list's head, a circle's: newest handler first. Only its links are used.
+  /// Head of the circular list of handlers, newest first. Only its links are used.
   sigmux_entry handlers;
-  /// Installs the dispatcher in place of the C library's function, if set.
+  /// Replaces the C library's sigaction if set.
   int (*real_sigaction)(int, const struct sigaction*, struct sigaction*);
-  /// One bit for each signal already taken over.
+  /// One bit per signal that was taken over.
   std::uint8_t initialised[(kSignals + 7) / 8];
 };
 
@@ -60,8 +61,8 @@ struct sigaction* new_action() {
   return static_cast<struct sigaction*>(calloc(1, sizeof(struct sigaction)));
 }
 
-/// Makes `mask` the thread's, but for what the platform keeps blocked in the code that `context`
-/// (may be null) was interrupted in.
+/// Sets the thread's mask to `mask` plus the signals that the platform keeps blocked, given the
+/// interrupted code's `context` (may be null).
 void set_handler_mask(sigset_t mask, const void* context) {
   if (context != nullptr) {
     platform::KeepBlocked(static_cast<const ucontext_t*>(context)->uc_sigmask, &mask);
@@ -69,7 +70,7 @@ void set_handler_mask(sigset_t mask, const void* context) {
   sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
-/// The action installed for every signal taken over.
+/// The action of every signal that was taken over.
 void dispatch(int signum, siginfo_t* info, void* context) {
   const int saved_errno = errno;
   sigset_t none;
@@ -80,8 +81,8 @@ void dispatch(int signum, siginfo_t* info, void* context) {
   errno = saved_errno;
 }
 
-/// Puts the dispatcher in place. A delivery on another thread between the kernel's change and its
-/// copying out of the old action finds a zeroed record, which stands for the default action.
+/// Installs the dispatcher. Returns 0, or -1 with errno. `previous` is zeroed before the call: a
+/// delivery before the kernel has copied the old action out then sees the default action.
 int install_dispatcher(int signum, struct sigaction* previous) {
   struct sigaction action = {};
   action.sa_sigaction = dispatch;
@@ -105,7 +106,7 @@ int sigmux_init_locked(int signum) {
   const auto bit = static_cast<std::uint8_t>(1U << (index % 8));
   if ((bits & bit) != 0) return 0;
 
-  // What is allocated here stays for the next attempt if this one fails.
+  // If a step fails, earlier allocations stay for the next attempt.
   struct sigaction* previous = state.previous_action[index].load(std::memory_order_relaxed);
   if (previous == nullptr) {
     previous = new_action();
@@ -121,7 +122,8 @@ int sigmux_init_locked(int signum) {
   return 0;
 }
 
-/// Offers the event to the handlers whose late flag is `late`, newest first, until one claims it.
+/// Offers the event to the handlers whose SIGMUX_FLAG_LATE bit equals `late`, newest first, until
+/// one claims it. Returns that handler's result, or 0.
 int run_handlers(sigmux_event* event, std::uint32_t late) {
   const sigmux_entry* entry = state.handlers.next.load(std::memory_order_acquire);
   for (; entry != &state.handlers; entry = entry->next.load(std::memory_order_acquire)) {
@@ -133,8 +135,8 @@ int run_handlers(sigmux_event* event, std::uint32_t late) {
   return 0;
 }
 
-/// The previous action as this delivery has to follow it. One with SA_RESETHAND is handed out once
-/// and is the default action from then on: of two deliveries at the same time one finds it gone.
+/// Returns the previous action for this delivery. An action with SA_RESETHAND is returned once and
+/// replaced by the default: of two concurrent deliveries, one gets SIG_DFL.
 struct sigaction take_previous(struct sigaction* previous) {
   struct sigaction taken = {};
   taken.sa_mask = previous->sa_mask;
@@ -142,7 +144,7 @@ struct sigaction take_previous(struct sigaction* previous) {
   auto handler = __atomic_load_n(&previous->sa_handler, __ATOMIC_SEQ_CST);
   constexpr auto kOnce = static_cast<int>(SA_RESETHAND);
   if ((taken.sa_flags & kOnce) != 0) {
-    // On failure `handler` becomes what another thread has put there.
+    // If another thread changed the handler meanwhile, `handler` becomes that value.
     __atomic_compare_exchange_n(&previous->sa_handler, &handler, SIG_DFL, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
     __atomic_fetch_and(&previous->sa_flags, ~kOnce, __ATOMIC_SEQ_CST);
@@ -151,14 +153,14 @@ struct sigaction take_previous(struct sigaction* previous) {
   return taken;
 }
 
-/// Whether there is a function to call. With SA_SIGINFO anything but null counts as one, SIG_IGN
-/// too: that combination is meaningless, and wanted as it is.
+/// Whether the action has a function to call. Intentional: with SA_SIGINFO, SIG_IGN counts as a
+/// function.
 bool has_function(const struct sigaction& action) {
   if ((action.sa_flags & SA_SIGINFO) != 0) return action.sa_sigaction != nullptr;
   return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
 }
 
-/// Calls the previous action's function under the mask that the kernel would have given it alone.
+/// Calls the previous action's function with the mask that the kernel would have set for it.
 void call_previous(const struct sigaction& action, int signum, siginfo_t* info, void* context) {
   sigset_t mask = action.sa_mask;
   if ((action.sa_flags & SA_NODEFER) == 0) sigaddset(&mask, signum);
@@ -170,14 +172,14 @@ void call_previous(const struct sigaction& action, int signum, siginfo_t* info, 
   }
 }
 
-/// Whether a signal without a function to call passes without effect.
+/// Whether a signal without a function to call has no effect. `ignored`: the action is SIG_IGN.
 bool is_dropped(int signum, bool ignored) {
   switch (signum) {
     case SIGILL:
     case SIGABRT:
     case SIGBUS:
     case SIGSEGV:
-      // Even ignored: to return from a fault would only repeat it.
+      // Fatal even if ignored: a return from the handler would repeat the fault.
       return false;
     case SIGCHLD:
     case SIGWINCH:
@@ -187,8 +189,8 @@ bool is_dropped(int signum, bool ignored) {
   }
 }
 
-/// Ends the process by `signum`. Signals whose default action does not kill (SIGCONT, SIGURG, the
-/// stop signals) come back from raise and end in abort. Intentional: none is emulated.
+/// Ends the process with `signum`. Intentional: a signal whose default action does not kill
+/// (SIGCONT, SIGURG, the stop signals) returns from raise and ends in abort.
 [[noreturn]] void die_by(int signum) {
   set_signal_handler_to_default(signum);
   sigset_t only;
@@ -229,13 +231,13 @@ void sigmux_add(sigmux_entry* entry) {
   entry->prev = &state.handlers;
   entry->next.store(first, std::memory_order_relaxed);
   first->prev = entry;
-  // From here on dispatchers see the entry, so it is complete by now.
+  // Publishes the complete entry to dispatchers.
   state.handlers.next.store(entry, std::memory_order_release);
 }
 
 void sigmux_remove(sigmux_entry* entry) {
   const lock_guard guard;
-  // The entry keeps its own links: a dispatcher that stands on it finds its way on.
+  // The entry keeps its own links, so a dispatcher that is at the entry can go on.
   sigmux_entry* next = entry->next.load(std::memory_order_relaxed);
   entry->prev->next.store(next, std::memory_order_release);
   next->prev = entry->prev;
@@ -257,7 +259,7 @@ int sigmux_handle_signal(int signum, siginfo_t* info, void* context, std::uint32
   const auto index = static_cast<std::size_t>(signum);
   const struct sigaction previous =
       take_previous(state.previous_action[index].load(std::memory_order_acquire));
-  // The previous action may run for ever or jump away, and is not in the list: outside the phaser.
+  // Leaves the phaser first: the previous action may run forever or jump away.
   phaser_exit(&state.phaser, event.phase);
   if (has_function(previous)) {
     call_previous(previous, signum, info, context);

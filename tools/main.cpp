@@ -1,4 +1,4 @@
-// The program `memleak`: a list of commands.
+// The program `memleak`.
 #include <string>
 #include <vector>
 
@@ -9,21 +9,19 @@ namespace {
 
 constexpr const char* kHelp = R"(
 A session:
-  memleak run -- ./server &    start a program, tracked but not recording
-  memleak on $!                record from now on
-  memleak report $!            stop, and write what is still held
-  memleak show ./memleak.$!    the largest groups, with their call stacks
+  memleak run -- ./server &    start a program; nothing is recorded yet
+  memleak on $!                start recording
+  memleak report $!            stop, and write a report of the live memory
+  memleak show ./memleak.$!    show the largest groups with their call stacks
 
-Memory that a library maps itself, or gets from a device, is recorded with
---kind: see memleak on --help, and memleak libs PID for what can be hooked.
+--kind selects other memory than the native heap: see memleak on --help.
 
-Every command explains itself: memleak COMMAND --help.
+memleak COMMAND --help describes a command.
 
 Exit codes:
-  0  done
-  1  the answer is no (status: not tracked; libs: nothing to hook; diff: grew
-     by more than --fail-over)
-  2  an error; one line says what, where and how to mend it)";
+  0  success
+  1  no (status: not tracked; libs: nothing to hook; diff: grew too much)
+  2  error (see stderr))";
 
 int Main(const std::vector<std::string>& arguments) {
   Program program("memleak - find which call stacks of a running program hold its memory", kHelp,

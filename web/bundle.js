@@ -1,6 +1,6 @@
 // Makes the page without its data: one file of markup, styles and code, with a mark where the data
 // goes. Run by the build:
-//   node bundle.js NODE_MODULES OUTPUT
+//   node bundle.js NODE_MODULES OUTPUT VERSION
 // NODE_MODULES is where the packages of package.json are, which is not beside this file.
 
 import { readFileSync, writeFileSync } from "node:fs";
@@ -8,7 +8,7 @@ import { createRequire } from "node:module";
 import { dirname, join } from "node:path";
 import { fileURLToPath } from "node:url";
 
-const [modules, output] = process.argv.slice(2);
+const [modules, output, version] = process.argv.slice(2);
 const here = dirname(fileURLToPath(import.meta.url));
 const esbuild = createRequire(join(modules, "here.js"))("esbuild");
 
@@ -26,9 +26,9 @@ const { outputFiles } = await esbuild.build({
   logLevel: "warning",
 });
 const text = (ending) => outputFiles.find((file) => file.path.endsWith(ending)).text.trim();
-const parts = { STYLE: text(".css"), SCRIPT: text(".js") };
+const parts = { VERSION: version, STYLE: text(".css"), SCRIPT: text(".js") };
 const page = readFileSync(join(here, "page.html"), "utf8");
 writeFileSync(
   output,
-  page.replace(/@(STYLE|SCRIPT)@/g, (_, name) => parts[name]),
+  page.replace(/@(VERSION|STYLE|SCRIPT)@/g, (_, name) => parts[name]),
 );

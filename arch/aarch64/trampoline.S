@@ -1,14 +1,14 @@
-// The code that a hooked slot leads to: begins the hooked call, runs the newest hook, ends the call.
-// Behind it the function that begins the call for it.
+// The trampoline template: begins a hooked call, runs the newest hook, ends the call. The function
+// that begins the call follows it.
 //
-// Registers by AAPCS64: arguments in x0-x7, x8 (indirect result) and q0-q7; results in x0, x1 and
-// q0-q3. A copy reads its three words relative to itself, so it may lie anywhere. It has no unwind
-// information: an unwinder stops there.
+// Registers (AAPCS64): arguments in x0-x7, x8 (indirect result) and q0-q7; results in x0, x1 and
+// q0-q3. The code is position-independent: a copy reads its three data words pc-relative. It has no
+// unwind information, so an unwinder stops there.
 //
-// The template has no landing pad (bti) either: it is data and never runs, and the copies run in memory
-// without PROT_BTI, where an indirect branch may lead to any instruction.
+// The template needs no landing pad (bti). It is data and never runs itself; its copies run in
+// memory without PROT_BTI, where an indirect branch may reach any instruction.
 
-        // The arguments, as the template keeps them in 208 bytes of stack.
+        // Restores the arguments from the 208 bytes of stack where the template saved them.
         .macro  restore_arguments
         ldr     x8, [sp, #192]
         ldp     x6, x7, [sp, #176]
@@ -28,7 +28,7 @@
         .hidden arch_trampoline_code
         .type   arch_trampoline_code, %object
 arch_trampoline_code:
-        // The arguments are the hook's: kept while the call is noted.
+        // Save the arguments for the hook.
         sub     sp, sp, #208
         stp     q0, q1, [sp]
         stp     q2, q3, [sp, #32]
@@ -39,17 +39,17 @@ arch_trampoline_code:
         stp     x4, x5, [sp, #160]
         stp     x6, x7, [sp, #176]
         str     x8, [sp, #192]
-        // begin(id, return address, frame pointer) gives the hook to run.
+        // x0 = begin(id, return address, frame pointer): the hook to run.
         ldr     x0, id
         mov     x1, x30
         mov     x2, x29
         ldr     x16, begin
         blr     x16
         mov     x16, x0
-        // Arguments on the stack are again where the caller put them.
+        // Also restores sp, so the hook finds its stack arguments where the caller put them.
         restore_arguments
         blr     x16
-        // The results are the caller's.
+        // Save the results for the caller.
         sub     sp, sp, #80
         stp     x0, x1, [sp]
         stp     q0, q1, [sp, #16]
@@ -66,14 +66,15 @@ arch_trampoline_code:
         .if     . - arch_trampoline_code - 156
         .error  "the trampoline has 39 instructions"
         .endif
-        // Where a copy holds its words: not multiples of 8, which ordinary memory does not ask for.
+        // Data words of a copy. They need no 8-byte alignment: loads from normal memory may be
+        // unaligned.
 begin = .
 end = . + 8
 id = . + 16
 
-        // arch_push_hook_stack(id, return address, frame pointer): for the template alone, whose
-        // frame it knows. plthooks_begin_call gives in x0 the function to run, and in x1 whether
-        // the call was noted.
+        // arch_push_hook_stack(id, return address, frame pointer). Called by the template only: it
+        // depends on the template's stack layout. plthooks_begin_call returns the function to run
+        // in x0, and in x1 whether the call was pushed on the hook stack.
         .section .text.arch_push_hook_stack, "ax", %progbits
         .p2align 2
         .global arch_push_hook_stack
@@ -102,8 +103,8 @@ arch_push_hook_stack:
         .cfi_negate_ra_state
         cbz     x17, 1f
         ret
-        // Not noted, so the call must not come back to the trampoline: the original function
-        // returns to the caller itself.
+        // Not pushed: the call must not return to the trampoline. Jump to the original function,
+        // which returns to the caller.
 1:      .cfi_def_cfa_offset 208
         mov     x30, x1
         restore_arguments
@@ -114,8 +115,8 @@ arch_push_hook_stack:
 
         .section .note.GNU-stack, "", %progbits
 
-        // The linker marks the library as protected only when every object of it is marked. Code
-        // that is added to this file starts with a landing pad and signs the x30 that it stores.
+        // The linker marks the library as BTI/PAC-protected only if every object is marked. New
+        // code in this file must start with a landing pad and sign the x30 that it stores.
 #ifdef __ARM_FEATURE_BTI_DEFAULT
 #define FEATURE_BTI 1
 #else

@@ -1,13 +1,13 @@
-// The code that a hooked slot leads to: begins the hooked call, runs the newest hook, ends the call.
-// Behind it the function that begins the call for it.
+// The trampoline template: begins a hooked call, runs the newest hook, ends the call. The function
+// that begins the call follows it.
 //
-// Registers by the System V ABI: arguments in rdi, rsi, rdx, rcx, r8, r9, r10 (static chain), al
-// (number of vector registers) and xmm0-xmm7; results in rax, rdx, xmm0, xmm1, st0 and st1. Vectors
-// of more than 128 bits are not kept. The hook finds the caller's stack as it was but for its return
-// address, which leads back here. A copy reads its three words relative to itself, so it may lie
-// anywhere. It has no unwind information: an unwinder stops there.
+// Registers (System V ABI): arguments in rdi, rsi, rdx, rcx, r8, r9, r10 (static chain), al (number
+// of vector registers) and xmm0-xmm7; results in rax, rdx, xmm0, xmm1, st0 and st1. Only the low
+// 128 bits of vector registers are preserved. The hook sees the caller's stack unchanged except for
+// the return address, which points back here. The code is position-independent: a copy reads its
+// three data words rip-relative. It has no unwind information, so an unwinder stops there.
 
-        // The arguments, as the template keeps them in 200 bytes of stack.
+        // Restores the arguments from the 200 bytes of stack where the template saved them.
         .macro  restore_arguments
         movq    184(%rsp), %r10
         movq    176(%rsp), %rax
@@ -34,8 +34,8 @@
         .hidden arch_trampoline_code
         .type   arch_trampoline_code, @object
 arch_trampoline_code:
-        // The arguments are the hook's: kept while the call is noted. 200 bytes and the return
-        // address keep the stack a multiple of 16.
+        // Save the arguments for the hook. 200 bytes plus the return address keep the stack
+        // 16-byte aligned.
         subq    $200, %rsp
         movaps  %xmm0, (%rsp)
         movaps  %xmm1, 16(%rsp)
@@ -53,7 +53,7 @@ arch_trampoline_code:
         movq    %r9, 168(%rsp)
         movq    %rax, 176(%rsp)
         movq    %r10, 184(%rsp)
-        // begin(id, return address, frame pointer) gives the hook to run.
+        // rax = begin(id, return address, frame pointer): the hook to run.
         movq    id(%rip), %rdi
         movq    200(%rsp), %rsi
         movq    %rbp, %rdx
@@ -64,14 +64,14 @@ arch_trampoline_code:
         restore_arguments
         jmpq    *%r11
 returned:
-        // The results are the caller's.
+        // Save the results for the caller.
         subq    $112, %rsp
         movq    %rax, (%rsp)
         movq    %rdx, 8(%rsp)
         movaps  %xmm0, 16(%rsp)
         movaps  %xmm1, 32(%rsp)
-        // Called functions expect the x87 registers empty. Bits 11 to 13 of the status word tell
-        // how many are in use: 0 none, 7 one, 6 two.
+        // A called function expects empty x87 registers. Bits 11 to 13 of the status word (top of
+        // stack) show how many are in use: 0 none, 7 one, 6 two.
         fnstsw  %ax
         shrl    $11, %eax
         andl    $7, %eax
@@ -95,19 +95,19 @@ returned:
         movq    8(%rsp), %rdx
         movq    (%rsp), %rax
         addq    $112, %rsp
-        // The hook's return has used up the caller's entry in the processor's return predictor.
+        // A jump, not a ret: the hook's return has used the caller's entry in the return predictor.
         jmpq    *%r11
-        // Filled up to kTrampolineCodeBytes; longer code is an error.
+        // Pad to kTrampolineCodeBytes; longer code is an assembly error.
         .org    arch_trampoline_code + 376, 0x90
         .size   arch_trampoline_code, . - arch_trampoline_code
-        // Where a copy holds its words.
+        // Data words of a copy.
 begin = .
 end = . + 8
 id = . + 16
 
-        // arch_push_hook_stack(id, return address, frame pointer): for the template alone, whose
-        // frame it knows. plthooks_begin_call gives in rax the function to run, and in rdx whether
-        // the call was noted.
+        // arch_push_hook_stack(id, return address, frame pointer). Called by the template only: it
+        // depends on the template's stack layout. plthooks_begin_call returns the function to run
+        // in rax, and in rdx whether the call was pushed on the hook stack.
         .section .text.arch_push_hook_stack, "ax", @progbits
         .p2align 4
         .global arch_push_hook_stack
@@ -124,8 +124,8 @@ arch_push_hook_stack:
         testq   %rdx, %rdx
         jz      1f
         retq
-        // Not noted, so the call must not come back to the trampoline: the original function
-        // returns to the caller itself.
+        // Not pushed: the call must not return to the trampoline. Jump to the original function,
+        // which returns to the caller.
 1:      addq    $8, %rsp
         .cfi_def_cfa_offset 208
         movq    %rax, %r11

@@ -1,4 +1,4 @@
-// Which of the dynamic linkers' rules hold on a device. Pure functions, any thread and context.
+// The rules of Android's dynamic linker.
 #include "platform/elf_policy.h"
 
 namespace platform {

@@ -1,22 +1,23 @@
-// The signal-safe log on Android outside a platform tree: liblog's, which the NDK has.
+// The async-signal-safe log by liblog, which the NDK has. A platform tree has libasync_safe.
 //
-// Called from everywhere in the library: allocation paths, signal handlers, fork handlers. The text
-// is formatted here, without allocation. liblog opens its socket to the log daemon at the first
-// line, which the library writes when it is initialised, and sends each with one system call.
+// liblog opens its socket at the first line, which the tracker writes during its initialization,
+// and writes each line with one system call.
 #include <android/log.h>
 #include <async_safe/log.h>
 
 #include <cerrno>
 #include <cstddef>
 
-#include "platform/standin/log_format.h"
+#include "platform/android_api/log_format.h"
 
-extern "C" int async_safe_format_log_va_list(int priority, const char* tag, const char* format,
-                                             std::va_list arguments) {
-  constexpr std::size_t kLineBytes = 1024;  // as the platform's signal-safe log cuts it
+extern "C" int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
+  constexpr std::size_t kLineBytes = 1024;  // the limit of libasync_safe
   const int saved_errno = errno;
   char line[kLineBytes];
+  std::va_list arguments;
+  va_start(arguments, format);
   platform::FormatTextVaList(line, sizeof(line), format, arguments);
+  va_end(arguments);
   const int length = __android_log_write(priority, tag, line);
   errno = saved_errno;
   return length;

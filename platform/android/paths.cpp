@@ -1,4 +1,4 @@
-// Where the tracker's files are on a device. The directories are the system's to make.
+// The tracker's files on Android. The system creates their directories.
 #include "platform/paths.h"
 
 #include <fcntl.h>

@@ -1,7 +1,7 @@
-// The name of the running program, from bionic. Any thread, any context.
+// The name of the program, from bionic.
 #include "platform/program_name.h"
 
-#include <stdlib.h>  // getprogname is bionic's, not the language's
+#include <stdlib.h>  // getprogname is bionic's own
 
 namespace platform {
 

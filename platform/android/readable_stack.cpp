@@ -1,23 +1,20 @@
-// The readable stack in a platform tree. All code keeps frame pointers there, so nothing is probed.
-// Any thread, any context.
+// The readable stack in a platform tree. All code has frame pointers there, so no page is probed.
 #include "platform/readable_stack.h"
 
 namespace platform {
 namespace {
 
-/// What a hooked caller has in its frame pointer register is no frame when it is below the running
-/// stack or farther above. 8 MiB, the size of a main thread's stack.
-constexpr std::uint64_t kMostBytes = std::uint64_t{8} << 20;
+/// A hooked caller's frame pointer register may hold any value. It is ignored if it is below the
+/// running stack or more than this above it: 8 MiB, the size of the main thread's stack.
+constexpr std::uint64_t kLargestStack = std::uint64_t{8} << 20;
 
 }  // namespace
-
-void PrepareReadableStack() {}
 
 void ReadableStack::RecallOtherStack() {}
 
 bool ReadableStack::Reaches(std::uint64_t address, std::uint64_t bytes) {
-  end_ = begin_ + kMostBytes;
-  return address >= begin_ && address - begin_ < kMostBytes - bytes;
+  end_ = begin_ + kLargestStack;
+  return address >= begin_ && address - begin_ < kLargestStack - bytes;
 }
 
 }  // namespace platform

@@ -56,6 +56,16 @@ class Rule {
   /// Packs `step` into `rule`. Returns false when a number does not fit.
   static bool Pack(const Step& step, Rule* rule);
 
+  /// The step of most functions that keep a frame record: the frame pointer is the record's address
+  /// and the CFA is its end. Without a generation.
+  static constexpr Rule FrameRecordStep() {
+    constexpr std::uint64_t kMinusOne = (std::uint64_t{1} << kPlaceBits) - 1;
+    return Rule(std::uint64_t{kFrameStep} << kGenerationBits | kSavesFramePointer |
+                (kMinusOne - 1) << kFramePointerShift |
+                (arch::kCallPushesReturnAddress ? 0 : kMinusOne) << kReturnAddressShift |
+                2 * sizeof(std::uint64_t) << kDistanceShift);
+  }
+
   constexpr std::uint64_t word() const { return word_; }
   constexpr std::uint64_t tag() const { return word_ & kTagMask; }
   constexpr Kind kind() const { return static_cast<Kind>((word_ >> kGenerationBits) & 3); }

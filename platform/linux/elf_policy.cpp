@@ -1,4 +1,4 @@
-// Which of the dynamic linkers' rules hold on Linux. Pure functions, any thread and context.
+// The rules of glibc's dynamic linker.
 #include "platform/elf_policy.h"
 
 namespace platform {

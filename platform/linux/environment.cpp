@@ -1,4 +1,4 @@
-// The environment variables that steer the tracker on Linux: captured once, expanded at each use.
+// The environment variables that configure the tracker on Linux.
 #include "platform/linux/environment.h"
 
 #include <unistd.h>
@@ -16,13 +16,13 @@ constexpr const char* kNames[] = {protocol::kRootVariable, protocol::kLogVariabl
                                   protocol::kPropertiesVariable};
 constexpr std::size_t kVariables = sizeof(kNames) / sizeof(kNames[0]);
 
-// Copies, since a program may overwrite its environment block (to change its title) or unset
-// variables at any time.
+// Copies, because a program may overwrite its environment (to change its title) or unset variables
+// at any time.
 char g_values[kVariables][kPathBytes];
 std::atomic<bool> g_captured{false};
 
-/// Whoever loads the library is still alone here. Allocations that come before this run are
-/// served from the live environment.
+/// Runs before the program has other threads. Earlier calls of CapturedValue read the environment
+/// itself.
 __attribute__((constructor)) void CaptureAtLoad() {
   CaptureEnvironment();
 }

@@ -1,36 +1,34 @@
-// The environment variables that steer the tracker on Linux, kept where a signal handler can read
-// them.
-//
-// Used by the root directory, the properties and the log, on any thread.
+// The environment variables that configure the tracker on Linux, copied to where signal handlers
+// can read them.
 #pragma once
 
 #include <cstddef>
 
 namespace platform {
 
-/// Room for a path, its NUL included. More than the kernel's PATH_MAX (4096), so that a value that
-/// is too long is still too long after it was cut to fit, and opening it fails cleanly.
+/// The size of a path with its NUL. It exceeds the kernel's PATH_MAX (4096), so a path that was cut
+/// to fit is still too long and opening it fails with ENAMETOOLONG.
 inline constexpr std::size_t kPathBytes = 4352;
 
 enum class Variable {
   kRoot,        ///< MEMLEAK_TRACKER_ROOT: the root directory
   kLog,         ///< MEMLEAK_TRACKER_LOG: the log file, or "stderr"
-  kProperties,  ///< MEMLEAK_TRACKER_PROPERTIES: the property file used when the root has none
+  kProperties,  ///< MEMLEAK_TRACKER_PROPERTIES: the property file used if the root has none
 };
 
-/// Copies the variables' present values; later changes of the environment go unseen.
+/// Copies the current values of the variables. Later changes of the environment have no effect.
 ///
-/// Runs by itself when the library is loaded. Call it again only while no other thread can be
-/// reading, as a test does after it has changed the environment. Allocates nothing.
+/// Runs when the library is loaded. Tests call it again after they change the environment, while no
+/// other thread reads the values. Allocates nothing.
 void CaptureEnvironment();
 
-/// The captured value of `variable`, or null when it was unset or empty. Owned by this file; stays
-/// until the next CaptureEnvironment. Safe in a signal handler.
+/// Returns the value of `variable`, or null if it was unset or empty. Valid until the next
+/// CaptureEnvironment. Any thread. Async-signal-safe.
 const char* CapturedValue(Variable variable);
 
-/// Writes `pattern`, every "%p" in it replaced by this process's id as of now, and `suffix` behind
-/// it into `path`, NUL-terminated and cut to fit. A forked child gets its own id.
-/// Returns the length. Allocates nothing, takes no lock: safe in a signal handler.
+/// Writes `pattern` and `suffix` to `path`, NUL-terminated and cut to fit. Every "%p" in `pattern`
+/// is replaced by the current process id, in a forked child the child's. Returns the length. Any
+/// thread. Async-signal-safe: allocates nothing, takes no lock.
 std::size_t ExpandPath(const char* pattern, const char* suffix, char (&path)[kPathBytes]);
 
 }  // namespace platform

@@ -1,6 +1,4 @@
-// The signal-safe log on Linux: one line a message, to the file that MEMLEAK_TRACKER_LOG names.
-//
-// Called from everywhere in the library: allocation paths, signal handlers, fork handlers.
+// The async-signal-safe log on Linux: appends lines to the file that MEMLEAK_TRACKER_LOG names.
 #include <async_safe/log.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -13,9 +11,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/android_api/log_format.h"
 #include "platform/linux/environment.h"
-#include "platform/standin/log_format.h"
-#include "platform/standin/raw_calls.h"
+#include "platform/raw_calls.h"
 #include "protocol/private_files.h"
 #include "protocol/protocol.h"
 
@@ -27,8 +25,6 @@ char PriorityLetter(int priority) {
   switch (priority) {
     case ANDROID_LOG_INFO:
       return 'I';
-    case ANDROID_LOG_WARN:
-      return 'W';
     case ANDROID_LOG_ERROR:
       return 'E';
     case ANDROID_LOG_FATAL:
@@ -38,12 +34,12 @@ char PriorityLetter(int priority) {
   }
 }
 
-/// Formats a whole line, its newline included, and returns its length. `line` is not terminated.
+/// Formats a line with its newline. Returns its length; `line` is not NUL-terminated.
 std::size_t FormatLine(char (&line)[kLineBytes], int priority, const char* tag, const char* format,
                        std::va_list arguments) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  constexpr std::size_t kTextLimit = kLineBytes - 1;  // leaves room for the newline
+  constexpr std::size_t kTextLimit = kLineBytes - 1;  // without the newline
   std::size_t length = platform::FormatText(
       line, kTextLimit, "%ld.%03ld %d %ld %c %s: ", static_cast<long>(now.tv_sec),
       now.tv_nsec / 1000000, getpid(), syscall(SYS_gettid), PriorityLetter(priority),
@@ -56,9 +52,9 @@ std::size_t FormatLine(char (&line)[kLineBytes], int priority, const char* tag, 
   return length;
 }
 
-/// One write that raises no SIGPIPE in the program's thread when the reader is gone: the signal is
-/// held back meanwhile and taken away, unless one was waiting already. By bare system calls, which
-/// are no cancellation points and work on the kernel's own signal set.
+/// Writes once without raising SIGPIPE in the program's thread if the pipe's reader is gone: blocks
+/// the signal and consumes it, unless one was pending already. Direct system calls are no
+/// cancellation points and use the kernel's signal set.
 void WriteQuietly(int file, const char* line, std::size_t length) {
   constexpr std::uint64_t kPipeSignal = std::uint64_t{1} << (SIGPIPE - 1);
   constexpr std::size_t kSetBytes = sizeof(kPipeSignal);
@@ -74,9 +70,8 @@ void WriteQuietly(int file, const char* line, std::size_t length) {
   syscall(SYS_rt_sigprocmask, SIG_SETMASK, &blocked, nullptr, kSetBytes);
 }
 
-/// Sends a line where lines go now. The file is opened for each line, since lines are rare, and a
-/// descriptor that was kept open could be closed or taken over by the program.
-/// A line that cannot be written is lost: there is nobody to tell.
+/// Writes a line to the log. Opens the file for each line, because lines are rare and the program
+/// might close or reuse an open descriptor. A line that cannot be written is lost.
 void WriteLine(const char* line, std::size_t length) {
   const char* destination = platform::CapturedValue(platform::Variable::kLog);
   if (destination == nullptr) return;
@@ -95,11 +90,13 @@ void WriteLine(const char* line, std::size_t length) {
 
 }  // namespace
 
-extern "C" int async_safe_format_log_va_list(int priority, const char* tag, const char* format,
-                                             std::va_list arguments) {
+extern "C" int async_safe_format_log(int priority, const char* tag, const char* format, ...) {
   const int saved_errno = errno;
   char line[kLineBytes];
+  std::va_list arguments;
+  va_start(arguments, format);
   const std::size_t length = FormatLine(line, priority, tag, format, arguments);
+  va_end(arguments);
   WriteLine(line, length);
   errno = saved_errno;
   return static_cast<int>(length);

@@ -1,4 +1,4 @@
-// Where the tracker's files are on Linux: the device's own paths below the root directory.
+// The tracker's files on Linux: Android's paths below the root directory.
 #include "platform/paths.h"
 
 #include <android/log.h>

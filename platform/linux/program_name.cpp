@@ -1,7 +1,7 @@
-// The name of the running program, from glibc. Any thread, any context.
+// The name of the program, from glibc.
 #include "platform/program_name.h"
 
-#include <errno.h>  // program_invocation_short_name is glibc's, not the language's
+#include <errno.h>  // program_invocation_short_name is glibc's own
 
 namespace platform {
 

@@ -1,7 +1,7 @@
 // System properties on Linux: "name=value" lines of <root>/properties.
 //
-// Read by the control signal's handler, so nothing here allocates or keeps a line whole: the file
-// passes through a small buffer a piece at a time.
+// The control signal's handler reads properties, so the reader allocates nothing: it processes the
+// file in small pieces and does not store whole lines.
 #include <fcntl.h>
 #include <sys/system_properties.h>
 
@@ -10,17 +10,17 @@
 
 #include "platform/linux/environment.h"
 #include "platform/linux/root.h"
-#include "platform/standin/raw_calls.h"
+#include "platform/raw_calls.h"
 #include "protocol/protocol.h"
 
 namespace {
 
 constexpr std::size_t kValueLimit = PROP_VALUE_MAX - 1;
 
-/// Takes the file's bytes in order and keeps the value of the last line that has the wanted name.
+/// Processes the bytes of the file in order. Stores the value of the last line with the name.
 class PropertyScan {
  public:
-  /// `value` has PROP_VALUE_MAX bytes and always holds a terminated string from here on.
+  /// `value` has PROP_VALUE_MAX bytes and is NUL-terminated from now on.
   PropertyScan(const char* name, char* value) : name_(name), value_(value) { value_[0] = '\0'; }
 
   void Take(char c) {
@@ -34,7 +34,7 @@ class PropertyScan {
     }
   }
 
-  /// Ends the line at hand, as the file's end does when the last newline is missing.
+  /// Ends the current line, at a newline or at the end of the file.
   void EndLine() {
     if (state_ == State::kValue) Keep();
     state_ = State::kName;
@@ -42,6 +42,7 @@ class PropertyScan {
     length_ = 0;
   }
 
+  /// The length of the stored value.
   int length() const { return kept_; }
 
  private:
@@ -58,7 +59,7 @@ class PropertyScan {
   }
 
   void Keep() {
-    // Files that were written elsewhere may end their lines with CR LF.
+    // Files from other systems may end their lines with CR LF.
     if (length_ > 0 && length_ <= kValueLimit && line_[length_ - 1] == '\r') --length_;
     const std::size_t count = length_ < kValueLimit ? length_ : kValueLimit;
     std::size_t i = 0;
@@ -70,14 +71,14 @@ class PropertyScan {
   const char* const name_;
   char* const value_;
   State state_ = State::kName;
-  std::size_t matched_ = 0;  // bytes of the name that the line has shown so far
-  std::size_t length_ = 0;   // bytes of the line's value, those beyond the limit counted too
+  std::size_t matched_ = 0;  // bytes of the name that the line has matched so far
+  std::size_t length_ = 0;   // length of the line's value, also beyond the limit
   int kept_ = 0;
   char line_[kValueLimit];
 };
 
-/// The property file of this process, or the one that a parent process left for those of its
-/// children whose own root is still empty. -1 when there is neither.
+/// Opens the property file of this process, or the shared one if the root directory has none.
+/// Returns -1 if neither can be opened.
 int OpenProperties() {
   char path[platform::kPathBytes];
   protocol::Refusal refusal;

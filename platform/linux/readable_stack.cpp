@@ -1,11 +1,10 @@
-// The readable stack on Linux, and on Android outside a platform tree: it ends with the mapping
-// that holds it.
+// The readable stack on Linux, and on Android outside a platform tree: it ends with its mapping.
 //
-// Each thread remembers what it has learned as the values of thread keys, which are plain numbers.
-// So there is no memory to allocate or to free, and a signal handler sees each number whole. The
-// thread's own stack stays what it is for the thread's life. Any other stack, such as a
-// coroutine's, may be unmapped while the thread is elsewhere, and a smaller one may be mapped in
-// its place: it is forgotten as soon as a capture happens elsewhere.
+// Each thread caches its results as numbers in thread-specific values. So there is no memory to
+// allocate or free, and a signal handler never sees a partial update. The bounds of a thread's own
+// stack do not change. Any other stack, such as a coroutine's, may be unmapped while the thread
+// runs elsewhere and a smaller one mapped in its place, so its cache is cleared by the next capture
+// elsewhere.
 #include "platform/readable_stack.h"
 
 #include <pthread.h>
@@ -14,45 +13,42 @@
 
 #include <atomic>
 
-#include "platform/readable.h"
-#include "platform/thread_keys.h"
+#include "platform/policies.h"
 
 namespace platform {
 namespace {
 
-/// See ReadableStack.
-constexpr std::uint64_t kPageBytes = 4096;
-/// Farther than this from what is known no page is asked about: it bounds what a stray value costs.
-/// 8 MiB, glibc's default for a whole stack.
-constexpr std::uint64_t kMostPages = (std::uint64_t{8} << 20) / kPageBytes;
+/// The largest distance from a known page that is probed, which bounds the cost of a stray value:
+/// 8 MiB, glibc's default size of a stack.
+constexpr std::uint64_t kMostPages = (std::uint64_t{8} << 20) / kSmallestPage;
 
 std::uint64_t PageOf(std::uint64_t address) {
-  return address / kPageBytes;
+  return address / kSmallestPage;
 }
 
 bool IsReadable(std::uint64_t page) {
-  return CanRead(page * kPageBytes);
+  return CanRead(page * kSmallestPage);
 }
 
-/// A range of pages that can be read.
+/// A range of readable pages.
 struct Pages {
   std::uint64_t first = 0;
   std::uint64_t count = 0;
-  /// The page behind the last one cannot be read.
+  /// The page after the last one is not readable.
   bool ends = false;
 
   bool Contains(std::uint64_t address) const { return PageOf(address) - first < count; }
-  std::uint64_t End() const { return (first + count) * kPageBytes; }
+  std::uint64_t End() const { return (first + count) * kSmallestPage; }
 };
 
-// What each thread remembers. The value of a key is 0 at first.
-pthread_key_t g_own_stack;    // packed Pages: a part of its own stack, up to the top
-pthread_key_t g_own_limit;    // a page below its own stack that cannot be read
-pthread_key_t g_other_stack;  // packed Pages: where it captured last, unless on its own stack
-/// Whether the keys exist. Without them nothing is remembered.
+// The caches of each thread. Values are initially 0.
+pthread_key_t g_own_stack;    // packed Pages: the known part of its own stack, up to the top
+pthread_key_t g_own_limit;    // an unreadable page below its own stack
+pthread_key_t g_other_stack;  // packed Pages: the stack of the last capture, if not its own
+/// Whether the keys exist. Without them nothing is cached.
 std::atomic<bool> g_remembers{false};
 
-/// Creates a key that can be set without allocating. False if there is none left.
+/// Creates a key that can be set without allocating. Returns false if none is left.
 bool CreateKey(pthread_key_t& key) {
   if (pthread_key_create(&key, nullptr) != 0) return false;
   if (ThreadKeyNeverAllocates(key)) return true;
@@ -70,7 +66,7 @@ void Remember(const pthread_key_t& key, std::uint64_t number) {
   pthread_setspecific(key, reinterpret_cast<const void*>(number));
 }
 
-// Packed, bits 28 to 63 are `first`, for 48-bit addresses, 1 to 27 `count`, and bit 0 is `ends`.
+// The packed form: bits 28 to 63 are `first` (48-bit addresses), 1 to 27 `count`, bit 0 is `ends`.
 constexpr unsigned kCountBits = 27;
 
 Pages RecallPages(const pthread_key_t& key) {
@@ -88,18 +84,19 @@ void RememberPages(const pthread_key_t& key, const Pages& pages) {
 std::atomic<pthread_t> g_main_thread{};
 std::atomic<std::uint64_t> g_main_top{0};
 
-/// An address above all frames of the calling thread's own stack, in the same mapping.
+/// Returns an address above all frames of the calling thread's own stack, in the same mapping.
 std::uint64_t TopOfOwnStack() {
   const pthread_t self = pthread_self();
   if (self == g_main_thread.load(std::memory_order_relaxed)) {
     return g_main_top.load(std::memory_order_relaxed);
   }
-  // glibc places a thread's descriptor at the top of its stack, also of one that the program made.
+  // glibc puts a thread's descriptor at the top of its stack, even of a stack that the program
+  // provides.
   return static_cast<std::uint64_t>(self);
 }
 
-/// Whether `address` is on the calling thread's own stack, of which `known` is a part. It is if all
-/// pages in between can be read; these become part of what is known.
+/// Returns whether `address` is on the calling thread's own stack, of which `known` is a part: all
+/// pages between them are readable. Adds these pages to `known`.
 bool ExtendOwnStack(std::uint64_t address, Pages& known) {
   if (!g_remembers.load(std::memory_order_acquire)) return false;
   if (known.count == 0) known = {PageOf(TopOfOwnStack()), 1, true};
@@ -120,11 +117,9 @@ bool ExtendOwnStack(std::uint64_t address, Pages& known) {
 }  // namespace
 
 void PrepareReadableStack() {
-  static std::atomic<bool> prepared{false};
-  if (prepared.exchange(true)) return;
   if (!CreateKey(g_own_stack) || !CreateKey(g_own_limit) || !CreateKey(g_other_stack)) return;
   if (gettid() == getpid()) {
-    // The kernel puts these random bytes above the first frame.
+    // The kernel puts these bytes above the first frame.
     g_main_top.store(getauxval(AT_RANDOM), std::memory_order_relaxed);
     g_main_thread.store(pthread_self(), std::memory_order_relaxed);
   }
@@ -147,7 +142,7 @@ bool ReadableStack::Reaches(std::uint64_t address, std::uint64_t bytes) {
   if (!pages.Contains(begin_) && !ExtendOwnStack(begin_, pages)) {
     pages = RecallPages(g_other_stack);
     if (!pages.Contains(begin_)) pages = {PageOf(begin_), 1, false};
-    if (wanted_end - begin_ > kMostPages * kPageBytes) return false;
+    if (wanted_end - begin_ > kMostPages * kSmallestPage) return false;
     while (!pages.ends && pages.End() < wanted_end) {
       pages.ends = !IsReadable(pages.first + pages.count);
       if (!pages.ends) ++pages.count;

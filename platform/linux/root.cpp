@@ -1,4 +1,4 @@
-// The directory under which the tracker's fixed paths lie on Linux. Any thread, any context.
+// The directory that contains the tracker's files on Linux.
 #include "platform/linux/root.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ std::size_t RootedPath(const char* below, char (&path)[kPathBytes]) {
 
 int OpenRooted(const char* below, protocol::Use use, char (&path)[kPathBytes],
                protocol::Refusal& refusal) {
-  // A path that was cut to fit is longer than any that is opened.
+  // A path that was cut to fit cannot be opened: it is longer than PATH_MAX.
   const std::size_t length = RootedPath(below, path);
   const std::size_t root_bytes = length - std::min(length, std::strlen(below));
   return protocol::OpenBelowRoot(path, root_bytes, use, refusal);

@@ -1,6 +1,4 @@
-// The directory under which the tracker's fixed paths lie on Linux.
-//
-// Used by the properties and the report's paths, on any thread.
+// The directory that contains the tracker's files on Linux.
 #pragma once
 
 #include <cstddef>
@@ -10,16 +8,16 @@
 
 namespace platform {
 
-/// Writes the path of `below` (which begins with '/') under the root directory into `path`, cut to
-/// fit, and returns its length. The root is what MEMLEAK_TRACKER_ROOT named when the program
-/// started, "%p" in it standing for the id of the process that asks, or "/" when it was unset.
-/// Allocates nothing, takes no lock: safe in a signal handler.
+/// Writes the root directory followed by `below`, which starts with '/', to `path`, NUL-terminated
+/// and cut to fit. Returns the length. The root directory is the captured value of
+/// MEMLEAK_TRACKER_ROOT with "%p" expanded, or "/" if the variable was unset.
+/// Any thread. Async-signal-safe: allocates nothing, takes no lock.
 std::size_t RootedPath(const char* below, char (&path)[kPathBytes]);
 
-/// Opens the file `below` (which begins with '/') under the root directory and writes its path into
-/// `path`. Directories and file are made or refused as by protocol::OpenBelowRoot.
-/// Returns a descriptor that the caller closes, or -1, errno and `refusal`, whose path is `path`.
-/// Safe in a signal handler.
+/// Opens the file `below`, which starts with '/', in the root directory with
+/// protocol::OpenBelowRoot and writes its path to `path`.
+/// Returns a descriptor that the caller closes, or -1 and sets errno and `refusal`, which refers to
+/// `path`. Any thread. Async-signal-safe.
 int OpenRooted(const char* below, protocol::Use use, char (&path)[kPathBytes],
                protocol::Refusal& refusal);
 

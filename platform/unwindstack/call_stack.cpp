@@ -1,4 +1,4 @@
-// The calling thread's stack by the platform's libunwindstack. Any thread; allocates.
+// Unwinds the calling thread's stack with libunwindstack, in a platform tree.
 #include "platform/call_stack.h"
 
 #include <unistd.h>
@@ -21,8 +21,7 @@
 namespace platform {
 namespace {
 
-/// What an unwind shares with all others. Left to the process's end, never to its exit handlers:
-/// threads that outlive main capture until the last moment.
+/// Shared by all captures. Never destroyed, because threads may capture after main has returned.
 struct State {
   unwindstack::LocalUpdatableMaps maps;
   std::shared_ptr<unwindstack::Memory> memory;
@@ -46,8 +45,8 @@ bool PrepareCallStacks() {
   return ready;
 }
 
-// This function fills the registers and calls the unwinder itself: the frame that they describe
-// must exist as long as the unwind runs.
+// The registers describe this function's frame, which must exist during the unwind. So the function
+// is not inlined and calls the unwinder itself.
 __attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* /*inner*/,
                                                 std::uint64_t* pcs, std::size_t max_pcs) {
   State* state = g_state.load(std::memory_order_acquire);
@@ -58,8 +57,7 @@ __attribute__((noinline)) std::size_t CallStack(const arch::FrameRecord* /*inner
     const std::unique_ptr<unwindstack::Regs> regs(unwindstack::Regs::CreateFromLocal());
     unwindstack::RegsGetLocal(regs.get());
     unwindstack::Unwinder unwinder(max_pcs, &state->maps, regs.get(), state->memory);
-    // Intentional: the library's default is to look up names. Nobody reads them, and on every
-    // allocation that would read symbol tables.
+    // Names are unused, and looking them up would read symbol tables on every allocation.
     unwinder.SetResolveNames(false);
     unwinder.Unwind(&state->skipped_libraries, nullptr);
     for (const unwindstack::FrameData& frame : unwinder.frames()) {

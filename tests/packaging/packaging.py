@@ -19,83 +19,53 @@ def run(*command, **options):
     return result.stdout
 
 
-def words_of_help(memleak):
-    """{command: options} as --help prints them."""
-    commands = re.findall(r"^  (\w+) ", run(memleak, "--help").partition("Subcommands:")[2]
-                          .partition("\n\n")[0], re.M)
-    return {name: re.findall(r"^  .*?(--[\w-]+)", run(memleak, name, "--help")
-                             .partition("Options:")[2].partition("\n\n")[0], re.M)
-            for name in commands}
-
-
 def manual(source, build):
-    """Page and completion are what the help texts make of them, whole and without warnings."""
-    memleak = build / "bin/memleak"
-    run(source / "scripts/manual", "--check", memleak)
-    shown = run("groff", "-Tascii", "-P-cbou", "-man", "-ww", source / "packaging/memleak.1")
-    found = words_of_help(memleak)
-    assert {"run", "on", "report", "show", "watch"} <= set(found), found
-    assert {"--start", "--report-at-exit", "--libdir"} <= set(found["run"]), found["run"]
-    for name, options in found.items():
+    """The page formats without warnings and has the options of each command."""
+    page = run(source / "scripts/manual", build / "bin/memleak")
+    assert page == (build / "packaging/memleak.1").read_text(), "the build made another page"
+    shown = run("groff", "-Tascii", "-P-cbou", "-man", "-ww", build / "packaging/memleak.1")
+    for name, option in (("run", "--report-at-exit"), ("show", "--older-than"), ("fd", "ACTION")):
         section = shown.partition(f"MEMLEAK {name.upper()}\n")[2].partition("\nMEMLEAK ")[0]
-        missing = [option for option in options if option not in section]
-        assert not missing, f"{name}: {missing}\n{section}"
-
-
-def complete(script, *words):
-    """What bash offers for the last of the words."""
-    line = " ".join(f"'{word}'" for word in words)
-    text = run("bash", "-uc", f"source {script}; COMP_WORDS=({line}); COMP_CWORD={len(words) - 1}; "
-               'COMPREPLY=(); _memleak; printf "%s\\n" "${COMPREPLY[@]+${COMPREPLY[@]}}"',
-               cwd=script.parent)
-    return text.split()
+        assert option in section and "Exit codes:" in section, f"{name}: {section}"
 
 
 def completion(source, build):
     script = source / "packaging/memleak.bash"
-    found = words_of_help(build / "bin/memleak")
-    assert set(found) <= set(complete(script, "memleak", "")), complete(script, "memleak", "")
-    assert complete(script, "memleak", "wa") == ["watch"]
-    for name, options in found.items():
-        assert set(options) <= set(complete(script, "memleak", name, "-")), name
-    assert complete(script, "memleak", "on", "--kind", "m") == ["mmap"]
-    assert complete(script, "memleak", "run", "--unwind", "") == ["fp", "dwarf"]
-    assert complete(script, "memleak", "show", "--sort", "c") == ["count"]
-    assert complete(script, "memleak", "show", "memleak.b") == ["memleak.bash"]
-    assert complete(script, "memleak", "fd", "--depth", "5", "o") == ["on", "off"]
-    assert complete(script, "memleak", "fd", "on", "o") == []
-    # Behind "--" stands another program's command line.
-    assert complete(script, "memleak", "run", "--start", "--", "--st") == []
+
+    def complete(*words):
+        line = " ".join(f"'{word}'" for word in (build / "bin/memleak", *words))
+        return run("bash", "-uc", f"source {script}; COMP_WORDS=({line}); COMP_CWORD={len(words)}; "
+                   '_memleak; printf "%s\\n" "${COMPREPLY[@]+${COMPREPLY[@]}}"',
+                   cwd=script.parent).split()
+
+    assert {"run", "show", "--version"} <= set(complete(""))
+    assert complete("wa") == ["watch"]
+    for words, expected in (("watch --ou", "--output"), ("on --kind m", "mmap"),
+                            ("run --unwind d", "dwarf"), ("show --top 2 memleak.b", "memleak.bash"),
+                            ("fd --depth 5 o", "on off"), ("fd on o", ""), ("on --depth ", ""),
+                            ("run --start -- --st", ""), ("export -o memleak.b", "memleak.bash")):
+        assert complete(*words.split(" ")) == expected.split(), words
     sleeper = subprocess.Popen(["sleep", "60"])
     try:
-        assert str(sleeper.pid) not in complete(script, "memleak", "on", ""), "is not tracked"
+        assert str(sleeper.pid) not in complete("on", ""), "is not tracked"
     finally:
         sleeper.kill()
 
 
-def fields_of(package):
-    return dict(re.findall(r"^ ([A-Z][\w-]*): (.*)$", run("dpkg", "-I", package), re.M))
-
-
 def package(_, build):
-    """The package from the build to a report, without being installed."""
+    """The unpacked package runs a program and shows its report."""
     work = build / "tests/packaging/work"
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir(parents=True)
     subprocess.run(["cpack", "-G", "DEB", "-B", work], cwd=build, check=True, timeout=120,
                    stdout=subprocess.DEVNULL)
     deb, = work.glob("*.deb")
-    fields = fields_of(deb)
-    assert fields["Package"] == "memleak-tracker" and fields["Section"] == "devel", fields
-    assert fields["Version"] and fields["Architecture"] in deb.name, fields
-    for library in ("libc6", "libdw1", "libstdc++6"):
-        assert library in fields["Depends"], fields["Depends"]
-
+    depends = run("dpkg-deb", "-f", deb, "Depends")
+    assert all(library in depends for library in ("libc6", "libdw1", "libstdc++6")), depends
     run("dpkg", "-x", deb, work / "x")
     usr = work / "x/usr"
-    files = {str(path.relative_to(usr)) for path in usr.rglob("*") if path.is_file()}
-    assert {"bin/memleak", "lib/memleak/libmemleak_preload.so", "lib/memleak/libmemleak_tracker.so",
-            "share/man/man1/memleak.1", "share/bash-completion/completions/memleak"} <= files, files
+    for name in ("share/man/man1/memleak.1", "share/bash-completion/completions/memleak"):
+        assert (usr / name).is_file(), name
     shared = usr / "share/doc/memleak-tracker"
     named = set(re.findall(r"docs/[\w.-]+", (shared / "README.md").read_text()))
     assert named and all((shared / name).exists() for name in named), named

@@ -1,4 +1,4 @@
-// A malloc that counts, in front of the C library's.
+// Replaces malloc by one that counts its calls.
 #include "allocation_counter.h"
 
 #include <atomic>

@@ -1,8 +1,8 @@
-// Counts this program's allocations, to show that a piece of code makes none.
+// Counts allocations, to test that code allocates nothing.
 #pragma once
 
 #include <functional>
 
-/// How many times malloc was called on any thread while `run` ran. Always 0 under a sanitizer,
-/// whose own malloc cannot be replaced.
+/// Returns how often malloc is called on any thread while `run` runs. Always 0 under a sanitizer,
+/// whose malloc cannot be replaced.
 long AllocationsDuring(const std::function<void()>& run);

@@ -1,5 +1,5 @@
-// The library's own parts of the C++ run-time library. They take the place of the shared library's
-// in this whole program; calloc is wrapped at link time.
+// The replaced functions of the C++ runtime. They replace those of the shared library in this whole
+// program; calloc is wrapped at link time.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,13 +17,14 @@ extern "C" void* __real_calloc(std::size_t count, std::size_t size);
 namespace {
 
 std::atomic<bool> no_memory{false};
-std::atomic<int> blocks{0};  // taken from the allocator by the run-time library
+std::atomic<int> blocks{0};  // allocations of the runtime
 
 struct LargeError : std::bad_alloc {
   char text[100] = "large";
 };
 
-/// Two exceptions deep, with a rethrow and a destructor that runs meanwhile.
+/// Throws two exceptions, nested, and rethrows the first. Waits in between until `outside` threads
+/// have reached the same point.
 void ThrowAndCatch(std::atomic<int>& outside) {
   try {
     try {
@@ -44,7 +45,7 @@ void ThrowAndCatch(std::atomic<int>& outside) {
   }
 }
 
-/// All of them are inside at once.
+/// Runs ThrowAndCatch on `count` threads at the same time.
 void OnThreads(int count) {
   std::atomic<int> outside{count};
   std::vector<std::thread> threads;
@@ -55,7 +56,7 @@ void OnThreads(int count) {
 
 }  // namespace
 
-// Seen by the run-time library and this file alone.
+// Only the runtime and this file call it.
 extern "C" void* __wrap_calloc(std::size_t count, std::size_t size) {
   if (no_memory) return nullptr;
   ++blocks;
@@ -66,13 +67,13 @@ namespace {
 
 TEST(CxxRuntime, ThrowsWithoutMemory) {
   no_memory = true;
-  for (int round = 0; round < 4; ++round) OnThreads(20);  // each takes what the last gave back
+  for (int round = 0; round < 4; ++round) OnThreads(20);  // reuses the blocks of earlier rounds
   EXPECT_THROW(std::vector<int>().reserve(std::vector<int>().max_size() + 1), std::bad_alloc);
   no_memory = false;
   EXPECT_EQ(blocks, 0);
 }
 
-TEST(CxxRuntime, ThrowsOnMoreThreadsThanItHasRoomFor) {
+TEST(CxxRuntime, AllocatesWhenThePoolsAreEmpty) {
   OnThreads(80);
   EXPECT_GE(blocks, 80 * 2 - 64 + 80 - 64);
   const int before = blocks;
@@ -80,9 +81,9 @@ TEST(CxxRuntime, ThrowsOnMoreThreadsThanItHasRoomFor) {
   EXPECT_EQ(blocks, before + 1);
 }
 
-TEST(CxxRuntimeDeathTest, SaysWhyItEndsTheProcess) {
+TEST(CxxRuntimeDeathTest, LogsWhyItAborts) {
   SetVariable("MEMLEAK_TRACKER_LOG", "stderr");
-  EXPECT_DEATH(std::thread([] { throw 1; }).join(), "F MemLeak.Native: .* nobody catches");
+  EXPECT_DEATH(std::thread([] { throw 1; }).join(), "F MemLeak.Native: .*: uncaught exception");
   EXPECT_DEATH(std::unique_lock<std::mutex>().lock(), "F MemLeak.Native: .* not permitted");
   no_memory = true;
   EXPECT_DEATH(throw LargeError(), "no memory for an exception");

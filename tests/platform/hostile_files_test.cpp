@@ -1,5 +1,5 @@
-// What another user may have put where the tracker's files go: it is refused, nothing waits for it,
-// and no other file changes.
+// Files and directories that another user may have put in place of the tracker's: they are refused,
+// opening never blocks, and no other file changes.
 #include <async_safe/log.h>
 #include <gtest/gtest.h>
 #include <sys/system_properties.h>
@@ -17,7 +17,8 @@ namespace {
 
 const std::string kVictimText = "a=1\nfile of the victim\n";
 
-/// What became of the four files that the tracker opens: "" when they could be used.
+// Each uses one of the four files that the tracker opens. Returns "" on success or why it failed.
+
 std::string Report(const TemporaryDirectory& directory) {
   SetVariable("MEMLEAK_TRACKER_LOG", directory.Path("log.of.report").c_str());
   std::FILE* file = platform::OpenReportFile();
@@ -54,12 +55,12 @@ std::string Log(const TemporaryDirectory& directory) {
 }
 
 struct Case {
-  const char* prepare;  ///< shell commands in an empty directory with a file "victim"
+  const char* prepare;  ///< shell commands, run in a directory with a file "victim"
   std::string (*use)(const TemporaryDirectory&);
-  const char* outcome;  ///< part of what `use` returns, or "" for all of it
+  const char* outcome;  ///< a part of the result of `use`, or "" for success
 };
 
-// D: the report's directory. The root directory is "root", the log "log".
+// $D is the report's directory, $R the report, "root" the root directory, "log" the log.
 constexpr Case kDirectories[] = {
     {"mkdir -p -m 755 $D", Report, ""},
     {"chmod 1777 .", Report, ""},
@@ -97,11 +98,10 @@ constexpr Case kFiles[] = {
     {"cp victim log; chown 1234 log; chmod 666 log", Log, "unwritten"},
 };
 
-/// Has the tracker meet each of `cases`.
 template <std::size_t kCount>
-void Meet(const Case (&cases)[kCount]) {
+void RunCases(const Case (&cases)[kCount]) {
   for (const Case& c : cases) {
-    // Only root can give a file away.
+    // Only root can change the owner of a file.
     if (geteuid() != 0 && std::strstr(c.prepare, "chown") != nullptr) continue;
     SCOPED_TRACE(c.prepare);
     const TemporaryDirectory directory;
@@ -119,15 +119,15 @@ void Meet(const Case (&cases)[kCount]) {
   }
 }
 
-TEST(HostileFiles, DirectoriesOfOthersAreNotUsed) {
-  Meet(kDirectories);
+TEST(HostileFiles, DirectoriesOfOtherUsersAreRefused) {
+  RunCases(kDirectories);
 }
 
-TEST(HostileFiles, NothingWaitsAndNoOtherFileChanges) {
-  Meet(kFiles);
+TEST(HostileFiles, OpeningNeverBlocksOrChangesOtherFiles) {
+  RunCases(kFiles);
 }
 
-TEST(HostileFiles, WhatIsMadeIsPrivate) {
+TEST(HostileFiles, NewFilesArePrivate) {
   const TemporaryDirectory directory;
   SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("above/root.%p").c_str());
   EXPECT_EQ(Report(directory), "");

@@ -1,11 +1,11 @@
-// The environment that points the platform somewhere else.
+// Changes the environment variables that configure the platform.
 #pragma once
 
 #include <stdlib.h>
 
 #include "platform/linux/environment.h"
 
-/// Sets a variable (unsets it when `value` is null) and lets the platform see it.
+/// Sets a variable, or unsets it if `value` is null, and makes the platform read it.
 inline void SetVariable(const char* name, const char* value) {
   if (value != nullptr) {
     setenv(name, value, 1);

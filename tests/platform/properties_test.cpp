@@ -1,4 +1,4 @@
-// Properties and paths below the root directory: which line and which file count, for whom.
+// Properties and the root directory. The fuzz target for properties tests the parser.
 #include <gtest/gtest.h>
 #include <sys/system_properties.h>
 #include <unistd.h>
@@ -16,13 +16,12 @@ std::string Get(const char* name) {
   char value[PROP_VALUE_MAX + 1];
   value[PROP_VALUE_MAX] = '#';
   const int length = __system_property_get(name, value);
-  EXPECT_EQ(value[PROP_VALUE_MAX], '#') << "written beyond the end";
+  EXPECT_EQ(value[PROP_VALUE_MAX], '#') << "buffer overflow";
   EXPECT_EQ(static_cast<std::size_t>(length), std::string(value).size());
   return value;
 }
 
-// What a line means is settled by the fuzz target of the properties.
-TEST(Properties, SharedFileCountsOnlyWhileTheRootHasNone) {
+TEST(Properties, SharedFileIsUsedIfTheRootHasNone) {
   const TemporaryDirectory directory;
   SetVariable("MEMLEAK_TRACKER_PROPERTIES", directory.Write("shared", "a=1\nq=2\n").c_str());
   SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("").c_str());
@@ -50,11 +49,11 @@ std::string Rooted(const char* below) {
   return {path, length};
 }
 
-TEST(Root, StandsForTheProcessThatAsks) {
+TEST(Root, ExpandsTheProcessId) {
   SetVariable("MEMLEAK_TRACKER_ROOT", "//");
   EXPECT_EQ(Rooted("/f"), "/f");
   SetVariable("MEMLEAK_TRACKER_ROOT", "/r%%p/%p.%p%q%/");
-  // What the program does to its environment later makes no difference.
+  // Later changes of the environment have no effect.
   setenv("MEMLEAK_TRACKER_ROOT", "/elsewhere", 1);
   const std::string own = std::to_string(getpid());
   EXPECT_EQ(Rooted("/f"), "/r%" + own + "/" + own + "." + own + "%q%/f");

@@ -1,5 +1,5 @@
-// What may be read of stacks, beside a list of what can be: stacks are mapped in many sizes and at
-// the same places, threads move between them, and every answer is known.
+// ReadableStack against a model: an area of the address space whose pages change, and a list of the
+// pages that are readable.
 #include "platform/readable_stack.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint64_t kPage = 4096;
 constexpr std::size_t kPages = 24;
 
-/// A piece of the address space. Each page can be read or not.
+/// An area of pages, each readable or not.
 class Area {
  public:
   Area() : readable_(kPages, false) {
@@ -23,7 +23,7 @@ class Area {
     start_ = reinterpret_cast<std::uint64_t>(memory);
   }
 
-  /// Replaces every page.
+  /// Makes each page readable or not, at random.
   void Change(std::mt19937& random) {
     for (std::size_t i = 0; i < kPages; ++i) {
       readable_[i] = i + 1 < kPages && random() % 4 != 0;
@@ -38,7 +38,7 @@ class Area {
     return address >= start_ && address < start_ + kPages * kPage &&
            readable_[(address - start_) / kPage];
   }
-  /// The answer that is wanted.
+  /// The expected result of ReadableStack::Holds.
   bool Holds(std::uint64_t begin, std::uint64_t address, std::uint64_t bytes) const {
     if (address < begin) return false;
     for (std::uint64_t at = begin; at < address + bytes; ++at) {
@@ -55,7 +55,7 @@ class Area {
   std::vector<bool> readable_;
 };
 
-/// Captures on the thread's own stack: it can be read up to its top.
+/// Tests an address of the thread's own stack and addresses outside of it.
 void CheckOwnStack() {
   const auto here = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
   platform::ReadableStack stack(here);
@@ -95,8 +95,7 @@ __attribute__((noinline)) void GoDeep(int pages) {
 }
 
 TEST(ReadableStack, EndsWhereTheMappingEnds) {
-  CheckAll(1);  // nothing is remembered yet
-  platform::PrepareReadableStack();
+  CheckAll(1);  // without caches
   platform::PrepareReadableStack();
   CheckAll(2);
   GoDeep(1);

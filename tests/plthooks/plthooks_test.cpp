@@ -15,8 +15,7 @@
 #include <string>
 
 #include "linker/sharedlibs.h"
-#include "platform/page_protection.h"
-#include "platform/thread_keys.h"
+#include "platform/policies.h"
 #include "tests/plthooks/support.h"
 #include "tests/records/log_capture.h"
 
@@ -191,16 +190,15 @@ TEST(Pages, KeepTheirRights) {
   const struct {
     const char* path;
     const char* rights;
-    int linux_rule;
+    int protection;
   } cases[] = {{CALLS_FULL, "r--", PROT_READ}, {CALLS_PARTIAL, "rw-", PROT_READ | PROT_WRITE}};
   for (const auto& each : cases) {
     SCOPED_TRACE(each.path);
     const Library library(each.path);
-    if (each.linux_rule != PROT_READ && !MayBeHooked(library)) break;
+    if (each.protection != PROT_READ && !MayBeHooked(library)) break;
     void** slot = library.slot();
     EXPECT_EQ(Rights(slot), each.rights);
-    EXPECT_EQ(platform::LinuxProtectionAfterWrite(PageOf(slot), kPage), each.linux_rule);
-    EXPECT_EQ(platform::AndroidProtectionAfterWrite(PageOf(slot), kPage), PROT_READ);
+    EXPECT_EQ(platform::ProtectionAfterWrite(PageOf(slot), kPage), each.protection);
     EXPECT_EQ(library.Hook(First), 0);
     EXPECT_EQ(Rights(slot), each.rights);
     EXPECT_EQ(library.Unhook(First), 0);

@@ -9,7 +9,7 @@
 #include <random>
 #include <thread>
 
-#include "platform/fork_policy.h"
+#include "platform/policies.h"
 #include "records/record_store.h"
 #include "records/report_text.h"
 #include "tests/records/fake_capture.h"

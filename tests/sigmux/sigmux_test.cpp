@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/signal_policy.h"
+#include "platform/policies.h"
 
 namespace {
 

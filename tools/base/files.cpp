@@ -14,9 +14,15 @@ bool IsPlainFile(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-bool IsDirectory(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+std::optional<std::string> ReadAll(int file) {
+  std::string text;
+  std::array<char, 65536> buffer{};
+  ssize_t count = 0;
+  while ((count = read(file, buffer.data(), buffer.size())) > 0) {
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  if (count < 0) return std::nullopt;
+  return text;
 }
 
 std::string LinkTarget(const std::string& path) {
@@ -27,12 +33,6 @@ std::string LinkTarget(const std::string& path) {
 
 std::string JoinPath(const std::string& directory, const std::string& below) {
   return directory + (directory.ends_with('/') ? "" : "/") + below;
-}
-
-std::string ParentPath(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 std::string LastPart(const std::string& path) {

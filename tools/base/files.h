@@ -1,27 +1,25 @@
-// Files and paths by the system's own calls: the C++ library of a device has no std::filesystem.
-// Called by the commands that run there too; single-threaded.
+// Files and paths through POSIX calls: the C++ library of a device has no std::filesystem. Any
+// thread.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace memleak {
 
-/// True when `path`, links followed, is a plain file.
+/// Whether `path`, with links followed, is a regular file.
 bool IsPlainFile(const std::string& path);
 
-/// True when `path`, links followed, is a directory.
-bool IsDirectory(const std::string& path);
+/// What is left to read from the descriptor `file`; nothing, with errno set, if reading fails.
+std::optional<std::string> ReadAll(int file);
 
-/// Where the symbolic link `path` leads; empty when it is none or cannot be read.
+/// The target of the symbolic link `path`; empty if it is no link or unreadable.
 std::string LinkTarget(const std::string& path);
 
-/// `directory` and `below`, which is relative, as one path.
+/// `below`, a relative path, appended to `directory`.
 std::string JoinPath(const std::string& directory, const std::string& below);
 
-/// The directory that `path` lies in: "/" for what lies there, "." for a bare name.
-std::string ParentPath(const std::string& path);
-
-/// What stands after the last '/'.
+/// The part of `path` after the last '/'.
 std::string LastPart(const std::string& path);
 
 }  // namespace memleak

@@ -24,8 +24,8 @@ struct Block {
   std::uint32_t last = 0;
 };
 
-// The blocks of wide and full-width characters in Unicode's table of East Asian widths; a locale,
-// which the C library's function goes by, may know none of them.
+// The blocks of wide and full-width characters in Unicode's table of East Asian widths. wcwidth
+// depends on the locale.
 constexpr std::array kWideBlocks = {
     Block{0x1100, 0x115f},   Block{0x2e80, 0x303e},   Block{0x3041, 0xa4cf},
     Block{0xa960, 0xa97c},   Block{0xac00, 0xd7a3},   Block{0xf900, 0xfaff},
@@ -33,7 +33,7 @@ constexpr std::array kWideBlocks = {
     Block{0x16fe0, 0x1b2ff}, Block{0x1f300, 0x1f64f}, Block{0x1f680, 0x1f6ff},
     Block{0x1f900, 0x1f9ff}, Block{0x20000, 0x3fffd}};
 
-// Columns of a terminal that Printable(character.bytes) takes.
+// The terminal columns of Printable(character.bytes).
 std::size_t ColumnsOf(const Character& character) {
   if (!character.printable) return Printable(character.bytes).size();
   const bool wide = std::any_of(kWideBlocks.begin(), kWideBlocks.end(), [&](const Block& block) {
@@ -42,7 +42,7 @@ std::size_t ColumnsOf(const Character& character) {
   return wide ? 2 : 1;
 }
 
-/// A character and the columns that it takes.
+/// A character and its width.
 struct Cell {
   std::string_view bytes;
   std::size_t columns = 1;
@@ -79,7 +79,7 @@ std::string FormatBytes(std::uint64_t bytes) {
   if (bytes < 1024) return std::to_string(bytes) + " B";
   auto value = static_cast<double>(bytes);
   std::size_t unit = 0;
-  // What would round to 1024.0 is shown in the next unit.
+  // Values that round to 1024.0 use the next unit.
   while (value >= kUnitStep - 0.05 && unit + 1 < kUnits.size()) {
     value /= kUnitStep;
     ++unit;
@@ -105,7 +105,7 @@ std::string FormatClock(std::int64_t seconds_since_epoch) {
 }
 
 std::string FormatAge(std::int64_t seconds) {
-  // The lowest number has no opposite; it stands in damaged reports only.
+  // The lowest number has no negation; only damaged reports have it.
   constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
   if (seconds < 0) return "-" + FormatAge(seconds < -kHighest ? kHighest : -seconds);
   if (seconds < kMinute) return std::to_string(seconds) + "s";

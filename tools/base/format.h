@@ -1,4 +1,4 @@
-// Figures and texts as people read them. Called by everything that prints; single-threaded.
+// Human-readable numbers, times and texts. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -13,18 +13,18 @@ std::string FormatBytes(std::uint64_t bytes);
 /// "1,572,864".
 std::string FormatCount(std::uint64_t count);
 
-/// Seconds in at most two units: "8s", "3m 20s", "2h 5m", "1d 4h"; a negative age (the clock was
+/// Seconds in at most two units: "8s", "3m 20s", "2h 5m", "1d 4h". A negative age (the clock was
 /// set back) keeps its sign.
 std::string FormatAge(std::int64_t seconds);
 
-/// A moment of today, local time: "14:03:22".
+/// The local time of day: "14:03:22".
 std::string FormatClock(std::int64_t seconds_since_epoch);
 
 /// Printable(text), shortened in the middle to `width` columns.
 std::string FitWidth(std::string_view text, std::size_t width);
 
-/// Columns of a terminal that Printable(text) takes: two for wide characters, as those of East
-/// Asia, four for each byte that is escaped, one for all others.
+/// The terminal columns of Printable(text): two for wide (East Asian) characters, four for each
+/// escaped byte, one for other characters.
 std::size_t Columns(std::string_view text);
 
 }  // namespace memleak

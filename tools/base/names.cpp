@@ -1,26 +1,14 @@
-// Character by character.
+// UTF-8 decoding and escapes.
 #include "tools/base/names.h"
 
+#include <array>
+#include <bit>
 #include <cstddef>
 
 namespace memleak {
 namespace {
 
-struct Lead {
-  std::size_t length = 0;   // bytes of the sequence, 0 for none
-  std::uint32_t bits = 0;   // what the first byte contributes
-  std::uint32_t least = 0;  // smaller values must be written shorter
-};
-
-Lead ReadLead(unsigned char byte) {
-  if (byte < 0x80) return {1, byte, 0};
-  if ((byte & 0xe0U) == 0xc0U) return {2, byte & 0x1fU, 0x80};
-  if ((byte & 0xf0U) == 0xe0U) return {3, byte & 0x0fU, 0x800};
-  if ((byte & 0xf8U) == 0xf0U) return {4, byte & 0x07U, 0x10000};
-  return {};
-}
-
-// Each byte of `bytes` behind `mark`, as two of `digits`.
+// Appends `mark` and two hexadecimal `digits` for each byte.
 void AppendEscaped(std::string_view bytes, const char* mark, const char* digits,
                    std::string* text) {
   for (const char character : bytes) {
@@ -31,7 +19,7 @@ void AppendEscaped(std::string_view bytes, const char* mark, const char* digits,
   }
 }
 
-// `text` with each character as `append` writes it.
+// Copies `text`, with `append` called for each character.
 template <typename Append>
 std::string Rewritten(std::string_view text, Append append) {
   std::string result;
@@ -47,20 +35,23 @@ std::string Rewritten(std::string_view text, Append append) {
 }  // namespace
 
 Character FirstCharacter(std::string_view text) {
+  constexpr std::array<std::uint32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};  // by length
   const auto first = static_cast<unsigned char>(text.front());
-  const Character none{text.substr(0, 1), first, false, false};
-  const Lead lead = ReadLead(first);
-  if (lead.length == 0 || lead.length > text.size()) return none;
-  std::uint32_t value = lead.bits;
-  for (std::size_t i = 1; i < lead.length; ++i) {
+  const Character invalid{text.substr(0, 1), first, false, false};
+  // Leading ones give the length of a sequence; ASCII has none.
+  const auto ones = static_cast<std::size_t>(std::countl_one(first));
+  const std::size_t length = ones == 0 ? 1 : ones;
+  if (ones == 1 || length >= kLeast.size() || length > text.size()) return invalid;
+  std::uint32_t value = first & (0xffU >> ones);
+  for (std::size_t i = 1; i < length; ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte & 0xc0U) != 0x80U) return none;
+    if ((byte & 0xc0U) != 0x80U) return invalid;
     value = (value << 6U) | (byte & 0x3fU);
   }
   const bool surrogate = value >= 0xd800 && value <= 0xdfff;
-  if (value < lead.least || value > 0x10ffff || surrogate) return none;
+  if (value < kLeast[length] || value > 0x10ffff || surrogate) return invalid;
   const bool control = value < 0x20 || (value >= 0x7f && value < 0xa0);
-  return {text.substr(0, lead.length), value, true, !control};
+  return {text.substr(0, length), value, true, !control};
 }
 
 std::string Printable(std::string_view text) {

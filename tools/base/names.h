@@ -1,6 +1,5 @@
-// Names that a watched process or a report chooses, as each kind of output can hold them: any bytes
-// may stand in the name of a process, a file, a mapping or a function. Called by everything that
-// prints or writes such names; any thread.
+// Escapes names from watched processes and reports for output. The name of a process, a file, a
+// mapping or a function can contain any bytes. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -9,27 +8,26 @@
 
 namespace memleak {
 
-/// A character of UTF-8, or a byte that is part of none.
+/// A UTF-8 character, or a byte that is not part of one.
 struct Character {
-  std::string_view bytes;   ///< a part of the text
-  std::uint32_t value = 0;  ///< its number in Unicode; that of the byte where that is part of none
-  bool valid = false;       ///< it is UTF-8
-  bool printable = false;   ///< it is UTF-8 and no control character: neither C0, DEL nor C1
+  std::string_view bytes;   ///< refers to the text
+  std::uint32_t value = 0;  ///< code point, or the byte if it is not valid
+  bool valid = false;       ///< valid UTF-8
+  bool printable = false;   ///< valid and no control character (C0, DEL, C1)
 };
 
-/// The first character of `text`, which is not empty.
+/// The first character of `text`, which must not be empty.
 Character FirstCharacter(std::string_view text);
 
-/// `text` for a terminal or a line of output: bytes of what is not printable are written as "\x1b"
-/// and the like, so that a name can neither steer a terminal nor begin a line; the rest stays as it
-/// is.
+/// `text` with bytes that are not printable escaped as in "\x1b", so that a name can neither
+/// control a terminal nor break a line.
 std::string Printable(std::string_view text);
 
 /// `name` with bytes that are not part of valid UTF-8 replaced by U+FFFD.
 std::string ValidUtf8(std::string_view name);
 
-/// `name` with ';', '%', blanks and what is not printable written as "%3B" and the like, so that
-/// neither a field nor a line ends inside it; the rest stays as it is.
+/// `name` with ';', '%', blanks and bytes that are not printable escaped as in "%3B", so that it
+/// ends neither a field nor a line.
 std::string PercentEscape(std::string_view name);
 
 }  // namespace memleak

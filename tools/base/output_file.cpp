@@ -1,4 +1,4 @@
-// Writing beside the target, then renaming.
+// Writes a temporary file, then renames it.
 #include "tools/base/output_file.h"
 
 #include <unistd.h>
@@ -22,16 +22,15 @@ std::string Reason() {
 
 void RefuseOverwriting(const std::string& output, const std::vector<std::string>& inputs) {
   for (const std::string& input : inputs) {
-    std::error_code ignored;  // one that is not there is no other's
+    std::error_code ignored;  // a missing file is not the same as any
     if (output.empty() || input.empty() || !fs::equivalent(output, input, ignored)) continue;
-    throw UserError("output would overwrite what is read: " + output,
-                    "choose another file with -o");
+    throw UserError("output would overwrite the input: " + output, "choose another file with -o");
   }
 }
 
 OutputFile::OutputFile(const std::string& path) : given_(path), target_(path), beside_(path) {
   std::error_code error;
-  // A link stays one: what it leads to is replaced.
+  // Replace the target of a link, not the link.
   if (fs::is_symlink(path, error)) target_ = fs::weakly_canonical(path, error).string();
   const fs::file_status status = fs::status(target_, error);
   if (fs::is_regular_file(status) || !fs::exists(status)) {

@@ -1,6 +1,5 @@
-// A file that a command writes at once and as a whole: what stood there before stays until the new
-// contents are complete, and what the command reads is never overwritten. Called by the commands
-// with -o; single-threaded.
+// Output files that are replaced atomically: the old contents stay until the new ones are complete.
+// Single-threaded.
 #pragma once
 
 #include <fstream>
@@ -9,13 +8,13 @@
 
 namespace memleak {
 
-/// Throws UserError when `output` is the same file as one of `inputs`, by whatever names. Empty
-/// names stand for none.
+/// Throws UserError if `output` is the same file as one of `inputs`, through links too. Empty names
+/// are ignored.
 void RefuseOverwriting(const std::string& output, const std::vector<std::string>& inputs);
 
-/// Opened on construction, in place on Commit; without that nothing has changed in the end. What is
-/// no plain file, such as a pipe, is written straight away. Both throw UserError when the file
-/// cannot be written.
+/// The constructor opens a temporary file beside the target, and Commit renames it. Without Commit,
+/// the target stays unchanged. A target that is no regular file, such as a pipe, is written
+/// directly. Both throw UserError if the file cannot be written.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
@@ -31,7 +30,7 @@ class OutputFile {
 
   std::string given_;
   std::string target_;  // what `given_` leads to
-  std::string beside_;  // what is written; the target itself where that is no plain file
+  std::string beside_;  // the temporary file, or target_ if that is no regular file
   std::ofstream stream_;
 };
 

@@ -1,4 +1,4 @@
-// A bar on the terminal for work that turns out to take long. Called by the model; single-threaded.
+// Progress on the terminal. Single-threaded.
 #pragma once
 
 #include <chrono>
@@ -7,23 +7,37 @@
 
 namespace memleak {
 
-/// Draws on the error output, when that is a terminal, from one second after its making; the line
-/// is gone when the object is.
+/// A line on the error output that is rewritten in place and removed at the end. Nothing is written
+/// unless that output is a terminal.
+class StatusLine {
+ public:
+  /// With `enabled` unset nothing is ever written.
+  explicit StatusLine(bool enabled = true);
+  ~StatusLine();
+  StatusLine(const StatusLine&) = delete;
+  StatusLine& operator=(const StatusLine&) = delete;
+
+  bool IsEnabled() const { return enabled_; }
+  /// Replaces the line by `text`, which has no line breaks.
+  void Show(const std::string& text);
+
+ private:
+  bool enabled_;
+  std::string shown_;
+};
+
+/// A progress bar that appears when the work takes longer than a second.
 class ProgressBar {
  public:
-  /// `label` says what is done; with `enabled` unset nothing is ever drawn.
+  /// `label` names the work. With `enabled` unset nothing is ever written.
   ProgressBar(std::string label, bool enabled);
-  ~ProgressBar();
-  ProgressBar(const ProgressBar&) = delete;
-  ProgressBar& operator=(const ProgressBar&) = delete;
 
-  /// Says that `done` of `all` steps are done; cheap enough to call at each.
+  /// Reports that `done` of `all` steps are done. Cheap enough to call at each step.
   void Update(std::size_t done, std::size_t all);
 
  private:
   std::string label_;
-  bool enabled_;
-  bool drawn_ = false;
+  StatusLine line_;
   std::chrono::steady_clock::time_point next_;
 };
 

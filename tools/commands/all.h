@@ -1,5 +1,4 @@
-// The commands. Each function adds one to the program: its options, help and action. Called by both
-// main files.
+// Each function adds a command to the program: its options, help and action.
 #pragma once
 
 #include "tools/commands/command_line.h"

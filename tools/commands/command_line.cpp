@@ -1,4 +1,4 @@
-// Parsing, checks of values, and the one place where errors are printed.
+// Parsing, validation, and printing of errors.
 #include "tools/commands/command_line.h"
 
 #include <algorithm>
@@ -21,8 +21,9 @@ bool IsDigit(char c) {
   return std::isdigit(static_cast<unsigned char>(c)) != 0;
 }
 
-// CLI11 converts with strtoull, which takes signs, wraps numbers above 64 bits and reads a leading
-// zero as octal. 18 characters hold any decimal or hexadecimal number that cannot overflow.
+// Strips leading zeros and returns whether the value can be a number. CLI11 converts with strtoull,
+// which accepts signs, wraps numbers above 64 bits and reads a leading zero as octal. A number of
+// 18 characters cannot overflow.
 bool PrepareNumber(std::string* value) {
   constexpr std::size_t kMostCharacters = 18;
   while (value->size() > 1 && value->front() == '0' && IsDigit((*value)[1])) value->erase(0, 1);
@@ -87,7 +88,7 @@ CLI::Option* Expect(CLI::Option* option, const CLI::Validator& check, const std:
     try {
       valid = check(value).empty();
     } catch (const CLI::ValidationError&) {
-      // Some of the library's validators throw.
+      // Some of CLI11's validators throw.
     }
     if (valid) return std::string();
     throw UserError("invalid " + option->get_name() + " '" + given + "' (" + expected + ")");
@@ -118,6 +119,7 @@ CLI::Option* ExpectTime(CLI::Option* option, std::uint32_t least, const std::str
 }
 
 CLI::Option* ExpectOneOf(CLI::Option* option, const std::vector<std::string>& names) {
+  option->option_text(CLI::detail::join(names, "|"));
   return Expect(option, CLI::IsMember(names), CLI::detail::join(names, ", "));
 }
 
@@ -126,7 +128,7 @@ int GuardedMain(int count, char** values, int (*command)(const std::vector<std::
     const int code = command(std::vector<std::string>(values + 1, values + count));
     if (!std::cout.flush()) {
       throw UserError("cannot write to the standard output",
-                      "make room, or send the output elsewhere");
+                      "free some space, or redirect the output");
     }
     return code;
   } catch (const UserError& error) {

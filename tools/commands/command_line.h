@@ -1,5 +1,4 @@
-// The program with its subcommands, and checks of option values. Used by the commands and by both
-// main files; single-threaded.
+// The program with its subcommands, and validation of option values. Single-threaded.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -29,7 +28,7 @@ class Program {
   /// Makes `run` the action of `command`. It returns the exit code and may throw UserError.
   void SetAction(CLI::App* command, std::function<int()> run);
 
-  /// Hands all words from "--" on, "--" included, to `words` when `command` is the first argument:
+  /// Stores all words from "--" on, with the "--", in `words` if `command` is the first argument.
   /// CLI11 would parse them.
   void KeepDashes(const CLI::App* command, std::vector<std::string>* words);
 
@@ -47,7 +46,7 @@ class Program {
   std::vector<std::string>* dashes_words_ = nullptr;
 };
 
-/// Makes values that `check` refuses an error: "invalid --by 'x' (bytes, count)", where `expected`
+/// Makes values that `check` rejects an error such as "invalid --by 'x' (bytes, count)"; `expected`
 /// is the text in parentheses. `check` may change the value. Returns `option`.
 CLI::Option* Expect(CLI::Option* option, const CLI::Validator& check, const std::string& expected);
 
@@ -58,17 +57,17 @@ CLI::Option* ExpectNumber(CLI::Option* option, const CLI::Validator& check,
 /// The same for any number of 32 bits.
 CLI::Option* ExpectNumber32(CLI::Option* option, const std::string& expected);
 
-/// The same for bytes, such as 4096, 64k or 1m: powers of 1024.
+/// The same for bytes, such as 4096, 64k or 1m. Units are powers of 1024.
 CLI::Option* ExpectBytes(CLI::Option* option);
 
-/// The same for a time of at least `least` seconds, such as 90, 10m, 2h or 1d; the value becomes
-/// seconds.
+/// The same for a time of at least `least` seconds, such as 90, 10m, 2h or 1d. The value is
+/// converted to seconds.
 CLI::Option* ExpectTime(CLI::Option* option, std::uint32_t least, const std::string& expected);
 
-/// The same for one of `names`.
+/// The same for one of `names`. The help lists them as "NAME|NAME".
 CLI::Option* ExpectOneOf(CLI::Option* option, const std::vector<std::string>& names);
 
-/// Adds an option that sets `target` to the value of the name that is given.
+/// Adds an option that takes the name of a choice and sets `target` to its value.
 template <typename Value, typename Target>
 CLI::Option* AddChoice(CLI::App* command, const std::string& option, Target* target,
                        const std::vector<std::pair<std::string, Value>>& choices,

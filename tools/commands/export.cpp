@@ -122,15 +122,13 @@ void AddExport(Program* program) {
                      {"pprof", Format::kPprof},
                      {"json", Format::kJson},
                      {"html", Format::kHtml}},
-                    "folded, speedscope, pprof, json or html")
-      ->required()
-      ->option_text("FORMAT");
+                    "Output format")
+      ->required();
   command->add_option("-o,--output", options->output, "Where to (default: standard output)")
       ->option_text("FILE");
   AddChoice<Measure>(command, "--by", &options->by,
                      {{"bytes", Measure::kBytes}, {"count", Measure::kBlocks}},
-                     "What folded stacks count: bytes (default)\nor count")
-      ->option_text("WHAT");
+                     "What folded stacks count (default: bytes)");
   AddSymbolOptions(command, &options->symbols);
   command->add_flag("--partial", options->partial, "Accept a truncated report");
   program->SetAction(command, [options] { return Export(*options); });

@@ -146,9 +146,7 @@ void AddFd(Program* program) {
   const auto options = std::make_shared<FdOptions>();
   std::vector<std::pair<std::string, const Action*>> actions;
   for (const Action& action : kActions) actions.emplace_back(action.name, &action);
-  AddChoice(command, "ACTION", &options->action, actions, "on, off, dump or clear")
-      ->required()
-      ->option_text(" ");
+  AddChoice(command, "ACTION", &options->action, actions, "What to do")->required();
   AddPid(command, &options->pid);
   AddDepth(command, &options->depth, "Frames kept, with on");
   program->SetAction(command, [options] { return Fd(*options); });

@@ -18,9 +18,9 @@ namespace fs = std::filesystem;
 constexpr std::size_t kDamagedLinesShown = 5;
 
 // Advice for libraries that are newer than the report, and than the earlier of two.
-constexpr const char* kNewerRemedy = "keep the files of that time and name them by --sysroot";
+constexpr const char* kNewerRemedy = "keep the files from the time of the report and use --sysroot";
 constexpr const char* kNewerOldRemedy =
-    "name the files of that time by --old-symbols or --old-sysroot";
+    "use the files from the time of the report with --old-symbols or --old-sysroot";
 
 // Ascending line numbers as "16-30, 44".
 std::string Ranges(const std::vector<std::uint64_t>& lines) {
@@ -36,8 +36,8 @@ std::string Ranges(const std::vector<std::uint64_t>& lines) {
   return text;
 }
 
-// Prints what the head lacks, the first damaged lines with their errors, and the numbers of the
-// others. A document holds only numbers.
+// Prints missing lines of the head, the first damaged lines with their errors, and the numbers of
+// the others. A document has only the numbers.
 void WarnOfDamage(const Profile& profile) {
   std::size_t told = 0;
   std::vector<std::uint64_t> others;
@@ -57,11 +57,11 @@ void WarnOfDamage(const Profile& profile) {
   std::cerr << "memleak: " << rest << (told == 0 ? "" : " more") << (rest == 1 ? " line" : " lines")
             << " left out";
   if (!others.empty()) std::cerr << ": " << Ranges(others);
-  if (!others.empty() && rest > others.size()) std::cerr << " and behind";
+  if (!others.empty() && rest > others.size()) std::cerr << " and later ones";
   std::cerr << "\n";
 }
 
-// Symbols of another build are wrong, and nothing else shows it.
+// A newer file may be another build, whose symbols are wrong.
 void WarnOfNewerFiles(const Profile& profile, const std::string& remedy) {
   const auto newer = [](const Library& library) { return library.newer; };
   const auto first = std::find_if(profile.libraries.begin(), profile.libraries.end(), newer);
@@ -75,12 +75,18 @@ void WarnOfNewerFiles(const Profile& profile, const std::string& remedy) {
 
 void CheckDirectories(const SymbolOptions& options) {
   std::vector<std::string> directories = options.symbol_dirs;
+  for (const std::string& directory : directories) {
+    // libdwfl separates directories by colons.
+    if (directory.find(':') != std::string::npos) {
+      throw UserError("symbol directory has a colon in its name: " + directory,
+                      "make a symbolic link to it and give that");
+    }
+  }
   if (!options.sysroot.empty()) directories.push_back(options.sysroot);
   for (const std::string& directory : directories) {
     std::error_code ignored;
     if (!fs::is_directory(directory, ignored)) {
-      throw UserError("no directory to take symbols from: " + directory,
-                      "give only directories that exist");
+      throw UserError("symbol directory not found: " + directory, "check the path");
     }
   }
 }
@@ -88,7 +94,7 @@ void CheckDirectories(const SymbolOptions& options) {
 void WarnUnusedSymbolDirs(const std::string& document, const SymbolOptions& options) {
   if (options.symbol_dirs.empty() && options.sysroot.empty()) return;
   std::cerr << "memleak: " << FitWidth(document, 60)
-            << ": directories are of no use, symbols in a document are those of its time\n";
+            << ": symbol directories are ignored: the document has its own symbols\n";
 }
 
 void ForgetDirectories(SymbolOptions* options) {
@@ -99,7 +105,7 @@ void ForgetDirectories(SymbolOptions* options) {
 void Check(const Profile& profile, bool partial) {
   if (!profile.complete && !partial) {
     throw UserError("report is truncated: " + profile.path + " (no \"END\" at its end)",
-                    "wait until it is written, or see what is there with --partial");
+                    "wait until it is complete, or show its part with --partial");
   }
   WarnOfDamage(profile);
 }
@@ -125,7 +131,7 @@ std::string FindReport(const std::string& given) {
   for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
     std::error_code error;
     const bool found = fs::is_regular_file(candidate, error);
-    // Without permission for the directory nobody knows whether the report exists.
+    // Without permission for the directory, opening the report fails with the reason.
     if (found || error == std::errc::permission_denied) return candidate.string();
   }
   throw UserError("no report below " + given, "write one with: memleak report PID");
@@ -139,7 +145,7 @@ ProfilePair OpenPair(const std::string& before, const std::string& after, bool p
                      const SymbolOptions& options, const OldSymbolOptions& old_options) {
   SymbolOptions old_symbols = ForOld(options, old_options);
   SymbolOptions symbols = options;
-  // Directories for both are used if at least one of the two is a report.
+  // Directories for both are in use if at least one of the two is a report.
   const bool own = !old_options.symbol_dirs.empty() || !old_options.sysroot.empty();
   const bool old_document = IsJsonDocument(FindReport(before));
   const bool document = IsJsonDocument(FindReport(after));

@@ -9,14 +9,13 @@
 
 namespace memleak {
 
-/// The path of the report: `given`, or the report below it if that is a root directory. Throws
+/// The path of the report: `given`, or the report in it if `given` is a root directory. Throws
 /// UserError if there is none.
 std::string FindReport(const std::string& given);
 
-/// Finds the report and loads it by LoadProfile or LoadDocument. Warns on the error output of
-/// damaged lines, of libraries newer than the report, and of symbol directories given for a
-/// document, which has its symbols. Throws UserError for a truncated report unless `partial` is
-/// set.
+/// Finds the report and loads it with LoadProfile or LoadDocument. Prints warnings for damaged
+/// lines, for libraries newer than the report, and for symbol directories that a document does not
+/// need. Throws UserError for a truncated report unless `partial` is set.
 Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options);
 
 /// Two reports to compare.
@@ -25,7 +24,7 @@ struct ProfilePair {
   Profile after;
 };
 
-/// OpenProfile for both. What is set in `old_options` replaces `options` for the earlier one.
+/// OpenProfile for both. `old_options` override `options` for the earlier one.
 ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
                      const SymbolOptions& options, const OldSymbolOptions& old_options);
 

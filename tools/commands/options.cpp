@@ -12,7 +12,7 @@
 namespace memleak {
 namespace {
 
-// A list that names nothing is an error, also where the option has a default.
+// An empty list is an error even if the option has a default.
 void ExpectNames(CLI::Option* option) {
   const auto check = [option](std::string& list) {
     ParseNames(option->get_name(), list);
@@ -32,8 +32,7 @@ void AddPid(CLI::App* command, pid_t* pid) {
 void AddKind(CLI::App* command, const Kind** kind) {
   std::vector<std::pair<std::string, const Kind*>> kinds;
   for (const Kind& each : protocol::kKinds) kinds.emplace_back(each.name, &each);
-  AddChoice(command, "--kind", kind, kinds, "native (default), " + HookedKindNames())
-      ->option_text("KIND");
+  AddChoice(command, "--kind", kind, kinds, "native (default), " + HookedKindNames());
 }
 
 void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions) {
@@ -58,14 +57,13 @@ void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
   AddDepth(command, depth, "Frames kept per allocation");
   AddChoice<char>(command, "--unwind", type,
                   {{"fp", protocol::kUnwindFramePointers}, {"dwarf", protocol::kUnwindTables}},
-                  "By frame pointers (aarch64's default) or\n"
-                  "unwind tables (x86-64's)")
-      ->option_text("fp|dwarf");
+                  "By frame pointers (default on aarch64) or\n"
+                  "unwind tables (default on x86-64)");
 }
 
 void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary) {
   ExpectNumber32(command->add_option("--timeout", *timeout_s, summary)->option_text("SECONDS"),
-                 "seconds, such as 300; 0 waits without end");
+                 "seconds, such as 300; 0 waits forever");
 }
 
 }  // namespace memleak

@@ -1,4 +1,4 @@
-// report: has a process write its report.
+// report: makes a process write its report.
 #include <chrono>
 #include <cstdint>
 #include <iostream>
@@ -23,14 +23,14 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Stops recording, has the process write its report, waits until that is
-complete and prints where it is. A report that is already there is kept beside
-it as allocations_dump.old. With --kind, the hooks of the latest `on` are taken
-away; what earlier ones have left hooked is named, and records nothing.
+Stops recording, makes the process write its report, waits until the report is
+complete and prints its path. An existing report is renamed to
+allocations_dump.old. With --kind, the hooks of the latest `memleak on` are
+removed. Hooks of earlier ones remain and record nothing; they are listed.
 
-With --keep-recording the native heap goes on being recorded: no free is missed,
-so that reports taken one after the other can be compared. A process that
-records through hooks cannot go on: its report takes the hooks away.
+With --keep-recording, recording of the native heap continues and misses no
+free, so that successive reports can be compared. Other kinds cannot continue,
+because their report removes the hooks.
 
 Examples:
   memleak report 4711
@@ -40,19 +40,18 @@ Examples:
 
 Exit codes:
   0  the report is complete
-  2  no such process, not permitted, not tracked, memory of another kind is
-     recorded, or no complete report in time)";
+  2  error (see stderr))";
 
 constexpr const char* kDeviceHelp = R"(
-Stops recording, has the process write its report, waits until that is complete
-and prints where it is and how to fetch it:
-/data/log/reliability/allocations_dump. The directory must exist and be writable
-for the process. A report that is already there, of any process, is kept beside
-it as allocations_dump.old. With --kind, the hooks of the latest `on` are taken
-away; what earlier ones have left hooked is named, and records nothing.
+Stops recording, makes the process write /data/log/reliability/allocations_dump,
+waits until the report is complete and prints how to fetch it. The directory
+must exist, and the process must have permission to write there. An existing
+report, of any process, is renamed to allocations_dump.old. With --kind, the
+hooks of the latest `memleak on` are removed. Hooks of earlier ones remain and
+record nothing; they are listed.
 
-With --keep-recording the native heap goes on being recorded: no free is missed,
-so that reports taken one after the other can be compared.
+With --keep-recording, recording of the native heap continues and misses no
+free, so that successive reports can be compared.
 
 Examples:
   memleak report 4711
@@ -61,20 +60,20 @@ Examples:
 
 Exit codes:
   0  the report is complete
-  2  no such process, not permitted, not tracked, or no complete report in time)";
+  2  error (see stderr))";
 
 struct ReportOptions {
   pid_t pid = 0;
   const Kind* kind = &protocol::kNative;
-  std::uint32_t timeout_s = 60;  ///< 0: wait without end
-  bool keep_recording = false;   ///< of the native heap
+  std::uint32_t timeout_s = 60;  ///< 0: wait forever
+  bool keep_recording = false;   ///< native heap only
 };
 
 int Report(const ReportOptions& options) {
   if (options.keep_recording && !options.kind->IsNative()) {
-    throw UserError(std::string("--keep-recording is not for --kind ") + options.kind->name +
-                        ": its report takes the hooks away",
-                    "leave out one of them");
+    throw UserError(std::string("--keep-recording does not work with --kind ") +
+                        options.kind->name + ": its report removes the hooks",
+                    "omit one of them");
   }
   const ProcessInfo process = RequireTracked(options.pid);
   RefuseBeside(process, *options.kind);
@@ -98,7 +97,7 @@ int Report(const ReportOptions& options) {
   const std::string fetch = FetchCommand(path);
   if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
   if (!options.kind->IsNative()) PrintStillHooked(process);
-  if (options.keep_recording) std::cout << "        recording was not touched\n";
+  if (options.keep_recording) std::cout << "        recording continues\n";
   return kExitOk;
 }
 
@@ -111,9 +110,9 @@ void AddReport(Program* program) {
   const auto options = std::make_shared<ReportOptions>();
   AddPid(command, &options->pid);
   AddKind(command, &options->kind);
-  AddTimeout(command, &options->timeout_s, "Seconds to wait for the report (60); 0: without end");
+  AddTimeout(command, &options->timeout_s, "How long to wait (default: 60); 0: forever");
   command->add_flag("--keep-recording", options->keep_recording,
-                    "Go on recording; of the native heap alone");
+                    "Continue recording; native heap only");
   program->SetAction(command, [options] { return Report(*options); });
 }
 

@@ -20,8 +20,8 @@ void AddTop(CLI::App* command, std::optional<std::uint32_t>* top, const char* su
 /// --symbols, --sysroot and --debuginfod.
 void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols);
 
-/// --old-symbols and --old-sysroot, for the earlier of two reports; they need the option `old`,
-/// unless that is null.
+/// --old-symbols and --old-sysroot, for the earlier of two reports. They require the option `old`
+/// unless it is null.
 void AddOldSymbolOptions(CLI::App* command, OldSymbolOptions* symbols, CLI::Option* old);
 
 }  // namespace memleak

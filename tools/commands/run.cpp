@@ -1,7 +1,4 @@
-// run: becomes a program under the tracker.
-#include <unistd.h>
-
-#include <iostream>
+// run: starts a program under the tracker.
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,17 +12,17 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Prepares a root directory, sets the environment and becomes PROGRAM, which
-keeps this process's id. Nothing is recorded until `memleak on PID`, unless
---start is given. Children that the program forks are tracked too; "%p" in a
-root directory stands for each one's pid. --report-at-exit writes nothing when
-the program leaves by _exit or a fatal signal.
+Creates a root directory for properties and reports and runs PROGRAM with the
+tracker. The program gets this command's process id. Nothing is recorded before
+`memleak on PID`, unless --start is given. Forked children are tracked too; each
+replaces "%p" in the root directory by its process id. --report-at-exit writes
+no report if the program ends by _exit or a fatal signal.
 
 With --kind, --start hooks libraries before main, and --report-at-exit reports
-that kind. Only libraries that the program is linked with are there by then:
-for those that it loads later, run it without --start and give
-`memleak on PID --kind ...` when they are loaded. What was hooked stands in the
-log (--log) and in `memleak libs PID`.
+that kind. This works only for libraries that the program is linked with. For
+libraries that it loads later, run it without --start and use `memleak on PID
+--kind ...` when they are loaded. The log (--log) and `memleak libs PID` show
+what is hooked.
 
 Examples:
   memleak run -- sqlite3 test.db
@@ -35,10 +32,10 @@ Examples:
   memleak run --emulator 'qemu-aarch64 -L /' -- ./arm64-program
 
 Exit codes:
-  2  the program cannot be tracked, or root directory or log not be written
-  otherwise those of the program)";
+  2  error (see stderr): the program was not started
+  Otherwise the exit code of the program.)";
 
-/// CLI11 does not know of the program's words after the options.
+/// CLI11 does not know about the program's words after the options.
 class RunFormatter : public CLI::Formatter {
  public:
   RunFormatter() { column_width(26); }
@@ -60,17 +57,6 @@ std::vector<std::string> ProgramWords(const CLI::App& command,
   return words;
 }
 
-// Replaces this process by the program. Throws UserError on failure, and never returns.
-[[noreturn]] void Run(const RunOptions& options) {
-  const LaunchPlan plan = PlanLaunch(options);
-  // Only a user at a terminal sees the PID; the program's own output stays as it is.
-  if (isatty(STDERR_FILENO) == 1) {
-    std::cerr << "memleak: process " << getpid() << ", root directory " << plan.root << std::endl;
-  }
-  if (!plan.note.empty()) std::cerr << "memleak: " << plan.note << std::endl;
-  Launch(plan);
-}
-
 }  // namespace
 
 void AddRun(Program* program) {
@@ -86,16 +72,18 @@ void AddRun(Program* program) {
   AddBacktraceOptions(command, &options->depth, &options->type);
   command->add_option("--root", options->root, "Root directory (default: ./memleak.<pid>)")
       ->option_text("DIR");
-  command->add_option("--log", options->log, "The tracker's log: a file, or stderr")
+  command->add_option("--log", options->log, "The tracker's log: a file, or \"stderr\"")
       ->option_text("FILE");
   command->add_option("--libdir", options->libdir, "Directory of the tracker's two libraries")
       ->option_text("DIR");
-  command->add_option("--emulator", options->emulator, "Runs programs of another architecture")
+  command
+      ->add_option("--emulator", options->emulator,
+                   "Emulator for a program of another architecture")
       ->option_text("COMMAND");
   program->KeepDashes(command, &options->command);
   program->SetAction(command, [command, options]() -> int {
     options->command = ProgramWords(*command, options->command);
-    Run(*options);
+    Launch(*options);
   });
 }
 

@@ -125,8 +125,7 @@ void AddShow(Program* program) {
                    {"function", View::kFunctions},
                    {"tree", View::kTree},
                    {"callers", View::kCallers}},
-                  "group, library, function, tree or callers")
-      ->option_text("WHAT");
+                  "View (default: group)");
   AddTop(command, &options->top, "Groups, rows or branches to show (10); 0: all");
   command
       ->add_option("--filter", selection.filter,
@@ -146,8 +145,7 @@ void AddShow(Program* program) {
                       {"count", SortKey::kCount},
                       {"size", SortKey::kSize},
                       {"age", SortKey::kAge}},
-                     "total, count, size or age")
-      ->option_text("KEY");
+                     "Order (default: total)");
   AddSymbolOptions(command, &options->symbols);
   command->add_flag("--json", options->json, "One JSON document, for programs");
   command->add_flag("--partial", options->partial, "Accept a truncated report");

@@ -1,4 +1,4 @@
-// status: what is known of a process.
+// status: the state of a process.
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,7 +19,7 @@
 #include "tools/target/inspect.h"
 #include "tools/target/interference.h"
 #include "tools/target/log_tail.h"
-#include "tools/target/report_wait.h"
+#include "tools/target/report_file.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/site.h"
 
@@ -27,30 +27,28 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Says whether a process is tracked, whether it records (as far as its log
-tells), where its root directory is, which properties hold and whether a
-report is there.
+Prints whether a process is tracked and records (according to its log), its
+root directory, its properties and its report.
 
 Example:
   memleak status 4711
 
 Exit codes:
   0  tracked
-  1  not tracked, or loaded but not catching signal 44
-  2  no such process, or not permitted)";
+  1  not tracked, or the tracker does not catch signal 44
+  2  error (see stderr))";
 
 constexpr const char* kDeviceHelp = R"(
-Says whether a process is tracked, which properties hold and whether a report,
-of this or another process, is there. Whether it records stands in its log:
-logcat -s MemLeak.Native.
+Prints whether a process is tracked, the properties, and the report of this or
+another process. The log shows whether it records: logcat -s MemLeak.Native.
 
 Example:
   memleak status 4711
 
 Exit codes:
   0  tracked
-  1  not tracked, or loaded but not catching signal 44
-  2  no such process, or not permitted)";
+  1  not tracked, or the tracker does not catch signal 44
+  2  error (see stderr))";
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 
@@ -82,7 +80,7 @@ std::string RecordingText(const ProcessInfo& process) {
   return "unknown";
 }
 
-// The state of the hooked kinds according to the log; empty if it does not mention them.
+// The state of the hooked kinds according to the log; empty if the log does not mention them.
 std::string HooksText(const ProcessInfo& process) {
   const std::optional<std::string> log = OwnLog(process);
   return log ? HooksFromLog(*log) : "";
@@ -117,7 +115,7 @@ bool TakesCommands(const ProcessInfo& process) {
 
 std::string SignalText(const ProcessInfo& process) {
   if (!process.has_tracker) return "no";
-  if (process.is_emulated) return "yes (emulated: commands go by signal 46)";
+  if (process.is_emulated) return "yes (emulated: commands use signal 46)";
   return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
 }
 
@@ -141,8 +139,8 @@ int PrintStatus(pid_t pid) {
 
 void AddStatus(Program* program) {
   const bool is_device = program->GetEdition() == Edition::kDevice;
-  CLI::App* command = program->AddCommand("status", "Say what is known of a process",
-                                          is_device ? kDeviceHelp : kHelp);
+  CLI::App* command =
+      program->AddCommand("status", "Show the state of a process", is_device ? kDeviceHelp : kHelp);
   const auto pid = std::make_shared<pid_t>();
   AddPid(command, pid.get());
   program->SetAction(command, [pid] { return PrintStatus(*pid); });

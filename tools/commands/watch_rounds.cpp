@@ -28,7 +28,7 @@
 #include "tools/target/inspect.h"
 #include "tools/target/interference.h"
 #include "tools/target/log_tail.h"
-#include "tools/target/report_wait.h"
+#include "tools/target/report_file.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/take_report.h"
 #include "tools/view/trend_table.h"

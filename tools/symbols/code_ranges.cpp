@@ -1,4 +1,4 @@
-// Program headers, and arm64's two call instructions.
+// Reads program headers and recognizes arm64's two call instructions.
 #include "tools/symbols/code_ranges.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 namespace memleak {
 namespace {
 
-// Those that arm64 has; the linkers' alignment says which of them a file can be loaded with.
+// The page sizes of arm64. The alignment of a file's segments limits them.
 constexpr std::array<std::uint64_t, 3> kPageSizes = {kSmallestPage, 16384, 65536};
 constexpr std::uint64_t kInstructionBytes = 4;
 
@@ -50,8 +50,8 @@ class Instructions {
     return false;
   }
 
-  // Frames are calls when their pcs were moved back from the return address, by some bytes or by a
-  // whole instruction; else what follows a call.
+  // A frame is a call if its pc was moved back from the return address, by a byte or by a whole
+  // instruction. Otherwise it follows a call.
   bool IsFrame(std::uint64_t address) const {
     const std::uint64_t instruction = address & ~(kInstructionBytes - 1);
     return IsCall(instruction) ||
@@ -94,7 +94,7 @@ std::uint64_t GuessPageBytes(Elf* elf, const std::vector<std::uint64_t>& offsets
   const Instructions instructions(elf);
   const std::vector<CodeRange> smallest = CodeRanges(elf, kSmallestPage);
   std::uint64_t best = kSmallestPage;
-  // Less than half of the frames would be chance: data, or the code of another build.
+  // Less than half of the frames are matches by chance: data, or code of another build.
   std::size_t most = offsets.size() / 2;
   for (const std::uint64_t page_bytes : kPageSizes) {
     const std::vector<CodeRange> ranges = CodeRanges(elf, page_bytes);

@@ -1,14 +1,9 @@
-// The search for libraries and debug files.
+// Searches of libraries and debug files.
 #include "tools/symbols/debug_files.h"
 
 #include <elfutils/libdwelf.h>
-#include <fcntl.h>
-#include <unistd.h>
-#include <zlib.h>
 
-#include <array>
 #include <filesystem>
-#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -19,9 +14,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kDeleted = " (deleted)";
 constexpr std::string_view kApkMark = "!/";
-constexpr const char* kSystemDebugDir = "/usr/lib/debug";
 
-// Devices and directories must not be opened.
 bool IsFile(const fs::path& path) {
   std::error_code ignored;
   return fs::is_regular_file(path, ignored);
@@ -36,105 +29,18 @@ fs::path Below(const std::string& directory, const fs::path& path) {
   return fs::path(directory) / path.relative_path();
 }
 
-std::optional<std::uint32_t> ChecksumOf(int file) {
-  std::array<unsigned char, 65536> buffer{};
-  uLong checksum = crc32(0, nullptr, 0);
-  for (off_t position = 0;;) {
-    const ssize_t bytes = pread(file, buffer.data(), buffer.size(), position);
-    if (bytes < 0) return std::nullopt;
-    if (bytes == 0) return static_cast<std::uint32_t>(checksum);
-    checksum = crc32(checksum, buffer.data(), static_cast<uInt>(bytes));
-    position += bytes;
-  }
+// Called by libdwfl the first time that it needs debug information or a full symbol table.
+int FindDebugFile(Dwfl_Module* module, void** user_data, const char* module_name, Dwarf_Addr base,
+                  const char* file_name, const char* link, GElf_Word checksum, char** found) {
+  const int file = dwfl_standard_find_debuginfo(module, user_data, module_name, base, file_name,
+                                                link, checksum, found);
+  if (file >= 0 || link == nullptr) return file;
+  // Without a link, libdwfl searches for the library's own name, as an unstripped copy has it.
+  return dwfl_standard_find_debuginfo(module, user_data, module_name, base, file_name, nullptr, 0,
+                                      found);
 }
 
-bool HasDebugInformation(Elf* elf) {
-  std::size_t names = 0;
-  if (elf_getshdrstrndx(elf, &names) != 0) return false;
-  for (Elf_Scn* section = elf_nextscn(elf, nullptr); section != nullptr;
-       section = elf_nextscn(elf, section)) {
-    GElf_Shdr header;
-    if (gelf_getshdr(section, &header) == nullptr || header.sh_type == SHT_NOBITS) continue;
-    const char* name = elf_strptr(elf, names, header.sh_name);
-    if (name == nullptr) continue;
-    if (std::string_view(name) == ".debug_info" || std::string_view(name) == ".zdebug_info" ||
-        header.sh_type == SHT_SYMTAB) {
-      return true;
-    }
-  }
-  return false;
-}
-
-/// What a candidate has to match.
-struct Wanted {
-  std::string build_id;
-  std::string link;  // file name of the debug link, or empty
-  GElf_Word checksum = 0;
-};
-
-// Whether the open file is the debug file of the same build. Without build ids the checksum of the
-// debug link decides; a file found by its path alone is trusted.
-bool Matches(int file, const Wanted& wanted, bool by_link) {
-  Elf* elf = elf_begin(file, ELF_C_READ_MMAP, nullptr);
-  if (elf == nullptr) return false;
-  const std::string build_id = BuildIdOf(elf);
-  bool matches = HasDebugInformation(elf);
-  if (!wanted.build_id.empty() || !build_id.empty()) {
-    matches = matches && build_id == wanted.build_id;
-  } else if (by_link) {
-    matches = matches && ChecksumOf(file) == wanted.checksum;
-  }
-  elf_end(elf);
-  return matches;
-}
-
-int OpenMatching(const fs::path& path, const Wanted& wanted, bool by_link) {
-  if (!IsFile(path)) return -1;
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file >= 0 && Matches(file, wanted, by_link)) return file;
-  if (file >= 0) close(file);
-  return -1;
-}
-
-fs::path BuildIdPath(const std::string& build_id) {
-  return fs::path(".build-id") / build_id.substr(0, 2) / (build_id.substr(2) + ".debug");
-}
-
-struct Candidate {
-  fs::path path;
-  bool by_link = false;
-};
-
-// In the order in which they are tried.
-std::vector<Candidate> Candidates(const std::string& name, const fs::path& file,
-                                  const Wanted& wanted, const SymbolOptions& options) {
-  std::vector<std::string> directories = options.symbol_dirs;
-  directories.emplace_back(kSystemDebugDir);
-  std::vector<Candidate> candidates;
-  if (wanted.build_id.size() > 2) {
-    for (const std::string& directory : directories) {
-      candidates.push_back({directory / BuildIdPath(wanted.build_id)});
-    }
-  }
-  const fs::path original = WithoutDeleted(name);
-  if (!wanted.link.empty()) {
-    // The link is a bare name; one with directories in it could lead anywhere.
-    const fs::path link = fs::path(wanted.link).filename();
-    candidates.push_back({file.parent_path() / link, true});
-    candidates.push_back({file.parent_path() / ".debug" / link, true});
-    for (const std::string& directory : directories) {
-      candidates.push_back({Below(directory, original.parent_path()) / link, true});
-      candidates.push_back({directory / link, true});
-    }
-  }
-  for (const std::string& directory : options.symbol_dirs) {
-    candidates.push_back({Below(directory, original)});
-    candidates.push_back({directory / original.filename()});
-  }
-  return candidates;
-}
-
-// Below each directory by its path, or there by its name alone.
+// Searches each directory for the whole path, then for the file name.
 std::string FindInDirectories(std::string path, const std::vector<std::string>& directories) {
   const std::size_t apk = path.find(kApkMark);
   if (apk != std::string::npos) path = path.substr(apk + 1);
@@ -150,7 +56,7 @@ std::string FindInDirectories(std::string path, const std::vector<std::string>& 
 }  // namespace
 
 std::string FindLibraryFile(const std::string& name, const SymbolOptions& options) {
-  // Pseudo-names such as "[vdso]" and nameless mappings have no file.
+  // "[vdso]" and mappings without a name have no file.
   if (!name.starts_with('/')) return "";
   std::string path = WithoutDeleted(name);
   if (options.dirs_first) {
@@ -178,24 +84,20 @@ std::string BuildIdOf(Elf* elf) {
   return text;
 }
 
-int OpenDebugFile(const std::string& name, const std::string& file, Elf* elf,
-                  const SymbolOptions& options, std::string* path) {
-  Wanted wanted;
-  wanted.build_id = BuildIdOf(elf);
-  if (const char* link = dwelf_elf_gnu_debuglink(elf, &wanted.checksum)) wanted.link = link;
-  for (const Candidate& candidate : Candidates(name, file, wanted, options)) {
-    std::error_code ignored;
-    if (fs::equivalent(candidate.path, file, ignored)) continue;
-    const int opened = OpenMatching(candidate.path, wanted, candidate.by_link);
-    if (opened < 0) continue;
-    *path = candidate.path.string();
-    return opened;
+DebugSearch::DebugSearch(const SymbolOptions& options) {
+  for (const std::string& directory : options.symbol_dirs) {
+    path_ += fs::absolute(directory).string() + ":";
   }
-  return -1;
+  // Then the library's directory, its subdirectory .debug, and the system's.
+  path_ += ":.debug:/usr/lib/debug";
+  path_start_ = path_.data();
+  callbacks_ = {dwfl_build_id_find_elf, FindDebugFile, dwfl_offline_section_address, &path_start_};
 }
 
 std::string MissingFileHint(const std::string& name, const std::string& build_id) {
-  if (build_id.size() > 2) return BuildIdPath(build_id).string();
+  if (build_id.size() > 2) {
+    return ".build-id/" + build_id.substr(0, 2) + "/" + build_id.substr(2) + ".debug";
+  }
   return WithoutDeleted(name);
 }
 

@@ -1,5 +1,5 @@
-// Where the files of a library are: its own on this machine or in a copy of a device's, and the
-// separate one that holds its debug information. Called by the symbolizer; single-threaded.
+// Finds the files of a library: its own, on this machine or in a copy of a device's files, and the
+// separate one with its debug information. Single-threaded.
 #pragma once
 
 #include <elfutils/libdwfl.h>
@@ -10,26 +10,35 @@
 
 namespace memleak {
 
-/// The file to read for the mapping `name`, empty when there is none: the name below the sysroot,
-/// or itself without one; else the same path or just the file name in a symbol directory, which
-/// come first with `dirs_first`. A file that was deleted while it was mapped is not looked for
-/// under its old path on this machine, where another may stand by now. For "APK!/lib/x.so" the
-/// library is looked for in the symbol directories.
+/// The file to read for the mapping `name`; empty if there is none. Searches the sysroot, or this
+/// machine without one, then each symbol directory for the whole path and for the file name. With
+/// `dirs_first`, the symbol directories come first. A file that was deleted while it was mapped is
+/// not searched for on this machine, which may have another one there now. For "APK!/lib/x.so",
+/// only the symbol directories are searched.
 std::string FindLibraryFile(const std::string& name, const SymbolOptions& options);
 
-/// The build id of an open ELF file in lower-case hexadecimal; empty when it has none.
+/// libdwfl's search for debug files, with the symbol directories before /usr/lib/debug. Files of
+/// another build are rejected by build id or, without one, by the checksum of the debug link.
+/// Outlives the sessions that use it.
+class DebugSearch {
+ public:
+  explicit DebugSearch(const SymbolOptions& options);
+  DebugSearch(const DebugSearch&) = delete;
+  DebugSearch& operator=(const DebugSearch&) = delete;
+
+  const Dwfl_Callbacks* Callbacks() const { return &callbacks_; }
+
+ private:
+  std::string path_;
+  char* path_start_;
+  Dwfl_Callbacks callbacks_;
+};
+
+/// The build id of an open ELF file in lower-case hexadecimal; empty if it has none.
 std::string BuildIdOf(Elf* elf);
 
-/// Opens the debug file of the stripped library `elf`, which is mapped by `name` and read from
-/// `file`: by build id and by debug link in the symbol directories and /usr/lib/debug, by debug
-/// link beside `file`, by path and by file name in the symbol directories. One that belongs to
-/// another build is left alone. Returns a file descriptor for the caller to close, or -1, and sets
-/// `path`.
-int OpenDebugFile(const std::string& name, const std::string& file, Elf* elf,
-                  const SymbolOptions& options, std::string* path);
-
-/// What to provide so that `name` has symbols: the debug file looked for when its build id is
-/// known, else the file itself.
+/// The file that would provide symbols for `name`: its debug file if the build id is known, else
+/// the file itself.
 std::string MissingFileHint(const std::string& name, const std::string& build_id);
 
 }  // namespace memleak

@@ -1,4 +1,5 @@
-// C++ and both of Rust's manglings, through libiberty.
+// Uses libiberty: the C++ runtime's demangler has no limit for the length of a name, and does not
+// know Rust.
 #include "tools/symbols/demangle.h"
 
 #include <libiberty/demangle.h>
@@ -8,15 +9,15 @@
 namespace memleak {
 namespace {
 
-// Longer symbols cost the demangler more time than their names are worth.
+// Longer symbols take the demangler too long.
 constexpr std::size_t kLongestSymbol = 32768;
-// Substitutions can double a name at each of a symbol's steps: 220 bytes may stand for 71 MB.
+// Substitutions can double a name at each step: 220 bytes can expand to 71 MB.
 constexpr std::size_t kLongestName = 65536;
 
 struct NameTooLong {};
 
-// The demangler's way to hand out a name, piece by piece. It keeps nothing on the heap meanwhile,
-// so an exception may end it.
+// Receives a name piece by piece. The demangler owns no heap memory meanwhile, so an exception may
+// leave it.
 void Append(const char* piece, std::size_t length, void* name) {
   auto* text = static_cast<std::string*>(name);
   if (text->size() + length > kLongestName) throw NameTooLong();
@@ -26,7 +27,7 @@ void Append(const char* piece, std::size_t length, void* name) {
 }  // namespace
 
 std::string Demangle(const std::string& symbol) {
-  // Only symbols: a demangler would read a C function named "i" as the type int.
+  // A demangler would take a C function named "i" for the type int.
   const bool mangled = symbol.starts_with("_Z") || symbol.starts_with("_R");
   if (!mangled || symbol.size() > kLongestSymbol) return symbol;
   constexpr int kOptions = DMGL_PARAMS | DMGL_ANSI;

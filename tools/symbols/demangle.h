@@ -1,13 +1,12 @@
-// Symbol names as their languages write them. Called by the symbolizer and the model;
-// single-threaded.
+// Demangling of symbol names. Any thread.
 #pragma once
 
 #include <string>
 
 namespace memleak {
 
-/// The readable form of a C++ or Rust symbol, without the hash of Rust's. Other names, and symbols
-/// that cannot be read or are of absurd length, are returned as they are.
+/// The readable form of a C++ or Rust symbol, without Rust's hash. Other names, malformed symbols
+/// and symbols or names above a length limit are returned unchanged.
 std::string Demangle(const std::string& symbol);
 
 }  // namespace memleak

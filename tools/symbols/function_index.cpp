@@ -1,5 +1,5 @@
-// Symbols through libdw, with tables of our own: libdw's lookups by address walk all symbols of a
-// library, and all entries of a unit, on every call.
+// Keeps its own tables: libdw's look-ups by address walk all symbols of a library and all entries
+// of a unit on every call.
 #include "tools/symbols/function_index.h"
 
 #include <dwarf.h>
@@ -13,7 +13,7 @@
 namespace memleak {
 namespace {
 
-// Scopes nest no deeper in real programs; damaged files must not exhaust the stack.
+// Real programs nest less; a damaged file must not exhaust the stack.
 constexpr int kDeepestScope = 256;
 
 const char* LinkageName(Dwarf_Die* die) {
@@ -25,7 +25,7 @@ const char* LinkageName(Dwarf_Die* die) {
   return nullptr;
 }
 
-// Where an inlined call stands in its caller.
+// Sets the line of an inlined call in its caller.
 void ReadCallSite(Dwarf_Die* unit, Dwarf_Die* inlined, SourceFrame* caller) {
   Dwarf_Attribute attribute;
   Dwarf_Word file = 0;
@@ -40,7 +40,7 @@ void ReadCallSite(Dwarf_Die* unit, Dwarf_Die* inlined, SourceFrame* caller) {
   caller->line = static_cast<std::uint32_t>(line);
 }
 
-// The place of `address` itself.
+// The line of `address` itself.
 SourceFrame ReadLine(Dwarf_Die* unit, Dwarf_Addr address) {
   SourceFrame frame;
   if (Dwarf_Line* line = dwarf_getsrc_die(unit, address)) {
@@ -75,7 +75,7 @@ void CollectInlined(Dwarf_Die* die, Dwarf_Addr address, int depth, std::vector<D
   } while (dwarf_siblingof(&child, &child) == 0);
 }
 
-// Mapping symbols of the Arm architectures mark code and data, and name nothing.
+// The mapping symbols of Arm ("$x") mark code and data.
 bool IsFunctionSymbol(const GElf_Sym& symbol, const char* name) {
   if (name == nullptr || *name == '\0' || *name == '$' || symbol.st_shndx == SHN_UNDEF) {
     return false;
@@ -108,14 +108,14 @@ const char* SymbolIndex::Find(GElf_Addr address) const {
   const auto after =
       std::upper_bound(entries_.begin(), entries_.end(), address,
                        [](GElf_Addr value, const Entry& entry) { return value < entry.begin; });
-  // Labels inside a function hide it; it is not many entries back.
+  // Labels inside a function come after its entry.
   constexpr int kEntriesBack = 16;
   auto entry = after;
   for (int i = 0; i < kEntriesBack && entry != entries_.begin(); ++i) {
     --entry;
     if (address < entry->end) return entry->name;
   }
-  // Symbols of hand-written code have no size: they reach to the next.
+  // Symbols of assembly code have no size: they extend to the next symbol.
   if (after == entries_.begin()) return nullptr;
   entry = std::prev(after);
   return entry->begin == entry->end ? entry->name : nullptr;
@@ -133,7 +133,7 @@ DwarfIndex::DwarfIndex(Dwarf* dwarf) {
     const std::size_t before = ranges_.size();
     AddRanges(&die, units_.size() - 1, &ranges_);
     if (ranges_.size() != before) continue;
-    // A unit that does not say where its code lies: its functions do.
+    // A unit without ranges: use those of its functions.
     IndexUnit(&added);
     for (Range range : added.ranges) {
       range.item = static_cast<std::uint32_t>(units_.size() - 1);
@@ -148,7 +148,7 @@ void DwarfIndex::AddRanges(Dwarf_Die* die, std::size_t item, std::vector<Range>*
   Dwarf_Addr begin = 0;
   Dwarf_Addr end = 0;
   for (std::ptrdiff_t next = 0; (next = dwarf_ranges(die, next, &base, &begin, &end)) > 0;) {
-    // Code that the linker dropped is left at address 0.
+    // Functions that the linker removed have address 0.
     if (begin < end && begin != 0)
       ranges->push_back({begin, end, static_cast<std::uint32_t>(item)});
   }
@@ -164,7 +164,7 @@ const DwarfIndex::Range* DwarfIndex::Covering(const std::vector<Range>& ranges,
   const auto after =
       std::upper_bound(ranges.begin(), ranges.end(), address,
                        [](Dwarf_Addr value, const Range& range) { return value < range.begin; });
-  // Ranges do not overlap, but for the odd broken one.
+  // Ranges do not overlap, except in damaged files.
   if (after == ranges.begin() || address >= std::prev(after)->end) return nullptr;
   return &*std::prev(after);
 }
@@ -217,7 +217,7 @@ Symbols DwarfIndex::Find(Dwarf_Addr address) {
   }
   std::vector<Dwarf_Die> scopes = {unit.functions[function->item]};
   CollectInlined(&scopes[0], address, 0, &scopes);
-  // The caller of an inlined function is left where the call stands.
+  // The line of a caller is that of the inlined call.
   for (std::size_t i = scopes.size(); i-- > 0;) {
     frame.function = NameOf(&scopes[i]);
     symbols.push_back(std::exchange(frame, {}));

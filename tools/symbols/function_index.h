@@ -1,5 +1,4 @@
-// The functions of one library by address, from its symbol tables and from its DWARF, so that
-// looking one up does not read the file again. Called by the symbolizer; single-threaded.
+// The functions of a library by address, from its symbol tables and its DWARF. Single-threaded.
 #pragma once
 
 #include <elfutils/libdw.h>
@@ -13,23 +12,23 @@
 
 namespace memleak {
 
-/// One function at an address; several where calls were inlined.
+/// A function at an address; inlined calls have one each.
 struct SourceFrame {
-  std::string function;    ///< demangled; empty when no symbol covers the address
+  std::string function;    ///< demangled; empty if no symbol covers the address
   std::string file;        ///< empty without line information
   std::uint32_t line = 0;  ///< 0 without line information
 };
 
-/// What is known of one address, innermost inlined function first; empty when nothing is.
+/// The functions at an address, innermost inlined one first; empty if unknown.
 using Symbols = std::vector<SourceFrame>;
 
-/// The function symbols of a module, of all tables that it has.
+/// The function symbols in all tables of a module.
 class SymbolIndex {
  public:
-  /// Reads the tables of `module`, which has to outlive the index.
+  /// Reads the tables of `module`, which must outlive the index.
   explicit SymbolIndex(Dwfl_Module* module);
 
-  /// The symbol that covers `address` (as the module's session counts); null when none does.
+  /// The symbol that covers `address`, an address in the module's session; null if there is none.
   const char* Find(GElf_Addr address) const;
 
  private:
@@ -37,20 +36,20 @@ class SymbolIndex {
     GElf_Addr begin = 0;
     GElf_Addr end = 0;  // begin for symbols without a size
     const char* name = nullptr;
-    int rank = 0;  // of several at one address the highest is taken
+    int rank = 0;  // the highest of several at one address counts
   };
   std::vector<Entry> entries_;  // by begin, then rank
 };
 
-/// The functions of a file with DWARF, inlined calls and lines included. Units are looked into when
-/// an address in them is asked for.
+/// The functions in a file with DWARF, with inlined calls and lines. Reads each compilation unit at
+/// the first look-up in it.
 class DwarfIndex {
  public:
-  /// Reads which unit covers which addresses; `dwarf` has to outlive the index.
+  /// Reads the address ranges of all units; `dwarf` must outlive the index.
   explicit DwarfIndex(Dwarf* dwarf);
 
-  /// Functions around `address` (as the file counts), innermost first, each with the place where it
-  /// was left. Without a function but with a line, one frame without a name.
+  /// The functions at `address`, an address in the file, innermost first, each with the line of the
+  /// call or of `address`. If only a line is known, one frame without a name.
   Symbols Find(Dwarf_Addr address);
 
  private:
@@ -75,7 +74,7 @@ class DwarfIndex {
 
   std::vector<Unit> units_;
   std::vector<Range> ranges_;                 // of units
-  std::map<const void*, std::string> names_;  // by where the entry lies in the file
+  std::map<const void*, std::string> names_;  // by the address of the entry
 };
 
 }  // namespace memleak

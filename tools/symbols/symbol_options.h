@@ -1,4 +1,4 @@
-// Where to look for symbols. Filled by the commands, read by the symbolizer.
+// Where to search for symbols.
 #pragma once
 
 #include <string>
@@ -6,24 +6,24 @@
 
 namespace memleak {
 
-/// Where symbols are looked for, beside the libraries themselves and /usr/lib/debug.
+/// Places to search in addition to the libraries themselves and /usr/lib/debug.
 struct SymbolOptions {
   std::vector<std::string> symbol_dirs =
       {};                    ///< directories of debug files or unstripped libraries
-  std::string sysroot = {};  ///< a device's files, under the paths that they have there; or empty
-  bool dirs_first = false;   ///< libraries in symbol_dirs stand for those of sysroot or machine
-  bool debuginfod = false;   ///< ask the servers in DEBUGINFOD_URLS too
-  bool progress = false;     ///< show on a terminal how far it is when it takes long
+  std::string sysroot = {};  ///< copy of a device's file system; may be empty
+  bool dirs_first = false;   ///< prefer libraries in symbol_dirs to sysroot and machine
+  bool debuginfod = false;   ///< also ask the servers in DEBUGINFOD_URLS
+  bool progress = false;     ///< show a progress bar if it takes long
 };
 
-/// Where the earlier of two reports finds symbols, if elsewhere than the later one.
+/// Places for the earlier of two reports, if they differ from those for the later one.
 struct OldSymbolOptions {
   std::vector<std::string> symbol_dirs = {};
   std::string sysroot = {};
 };
 
-/// `options` for the earlier report: what `old` says stands in their place. Libraries in its
-/// directories are the ones of that time, whatever this machine has under their paths by now.
+/// `options` for the earlier report: what is set in `old` replaces them. Its directories have the
+/// libraries of that time and are preferred to what this machine has now.
 inline SymbolOptions ForOld(SymbolOptions options, const OldSymbolOptions& old) {
   if (!old.sysroot.empty()) options.sysroot = old.sysroot;
   if (!old.symbol_dirs.empty()) options.symbol_dirs = old.symbol_dirs;

@@ -1,5 +1,4 @@
-// One library at a time through libdwfl: its file, its debug file, and the way from an offset in a
-// mapping to an address in them.
+// Opens one library at a time with libdwfl and converts offsets in a mapping to file addresses.
 #include "tools/symbols/symbolizer.h"
 
 #include <elfutils/libdw.h>
@@ -22,35 +21,8 @@
 namespace memleak {
 namespace {
 
-/// What libdwfl's callback needs to find a debug file.
-struct DebugSearch {
-  const std::string* name;
-  const std::string* file;
-  const SymbolOptions* options;
-};
-
-// Called by libdwfl, the first time that debug information or a full symbol table is wanted.
-int FindDebugFile(Dwfl_Module* module, void** user_data, const char* module_name, Dwarf_Addr base,
-                  const char* file_name, const char* link, GElf_Word checksum, char** found) {
-  const auto* search = static_cast<const DebugSearch*>(*user_data);
-  GElf_Addr bias = 0;
-  Elf* elf = dwfl_module_getelf(module, &bias);
-  // The first question is about the library itself; a later one is about the file that several
-  // debug files share, which libdwfl finds beside them.
-  if (search != nullptr && elf != nullptr && search->file != nullptr) {
-    std::string path;
-    const int file = OpenDebugFile(*search->name, *search->file, elf, *search->options, &path);
-    if (file >= 0) {
-      *found = strdup(path.c_str());
-      return file;
-    }
-  }
-  return dwfl_standard_find_debuginfo(module, user_data, module_name, base, file_name, link,
-                                      checksum, found);
-}
-
-// When the file became what it is. One that replaced another at its place may be older than that by
-// its own time, as packages have it, so that its entry's counts too; copies are made at any time.
+// When the file got its contents. Packages install files with an old modification time, so the time
+// of the inode counts too, except for copies, which are made at any time.
 std::int64_t ChangedTime(const std::string& path, bool is_copy) {
   struct stat state {};
   if (stat(path.c_str(), &state) != 0) return 0;
@@ -59,7 +31,7 @@ std::int64_t ChangedTime(const std::string& path, bool is_copy) {
 
 }  // namespace
 
-/// One file and what has been resolved in it.
+/// A library and the addresses that were resolved in it.
 class Symbolizer::Module {
  public:
   Module(std::string name, const SymbolOptions& options);
@@ -94,8 +66,8 @@ class Symbolizer::Module {
   Dwfl* session_ = nullptr;
   Dwfl_Module* module_ = nullptr;
   std::vector<CodeRange> code_;
-  GElf_Addr bias_ = 0;         // from addresses in the file to the session's
-  Dwarf_Addr dwarf_bias_ = 0;  // the same for the file that holds the debug information
+  GElf_Addr bias_ = 0;         // added to file addresses, gives those of the session
+  Dwarf_Addr dwarf_bias_ = 0;  // the same for the file with the debug information
   bool loaded_ = false;
   std::optional<SymbolIndex> symbols_;
   std::optional<DwarfIndex> dwarf_;
@@ -103,27 +75,17 @@ class Symbolizer::Module {
 };
 
 Symbolizer::Module::Module(std::string name, const SymbolOptions& options)
-    : name_(std::move(name)),
-      file_(FindLibraryFile(name_, options)),
-      search_{&name_, &file_, &options} {
+    : name_(std::move(name)), file_(FindLibraryFile(name_, options)), search_(options) {
   if (!file_.empty()) Open();
 }
 
 void Symbolizer::Module::Open() {
-  // libdw keeps the pointer; null is its default path, which only the shared part of debug files is
-  // looked for in.
-  static char* debug_path = nullptr;
-  static const Dwfl_Callbacks callbacks = {dwfl_build_id_find_elf, FindDebugFile,
-                                           dwfl_offline_section_address, &debug_path};
-  session_ = dwfl_begin(&callbacks);
+  session_ = dwfl_begin(search_.Callbacks());
   if (session_ == nullptr) return;
   dwfl_report_begin(session_);
   module_ = dwfl_report_offline(session_, file_.c_str(), file_.c_str(), -1);
   dwfl_report_end(session_, nullptr, nullptr);
   if (module_ == nullptr) return;
-  void** user_data = nullptr;
-  dwfl_module_info(module_, &user_data, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-  *user_data = &search_;
   Elf* elf = dwfl_module_getelf(module_, &bias_);
   if (elf == nullptr) {
     module_ = nullptr;
@@ -133,11 +95,11 @@ void Symbolizer::Module::Open() {
   code_ = CodeRanges(elf, kSmallestPage);
 }
 
-// Reads the tables, when the first address is asked for.
+// Reads the symbol tables, at the first look-up.
 void Symbolizer::Module::Load() {
   if (loaded_) return;
   loaded_ = true;
-  // Debug information first: it brings the debug file's symbol table with it.
+  // Debug information first: this also loads the symbol table of the debug file.
   if (Dwarf* dwarf = dwfl_module_getdwarf(module_, &dwarf_bias_)) dwarf_.emplace(dwarf);
   symbols_.emplace(module_);
 }
@@ -152,8 +114,8 @@ LibraryState Symbolizer::Module::State() {
   return state;
 }
 
-// The address, in the file, of a byte of the executable mapping. A report does not say which of
-// several executable mappings it counts from: the first in which the place lies in a function.
+// The file address of a byte in the executable mapping. A report does not tell several executable
+// mappings of a library apart: the first in which the byte is part of a function counts.
 std::optional<std::uint64_t> Symbolizer::Module::AddressOf(std::uint64_t offset) const {
   std::optional<std::uint64_t> first;
   for (const CodeRange& range : code_) {
@@ -180,7 +142,7 @@ ResolvedAddress Symbolizer::Module::Look(std::uint64_t offset) {
 }
 
 Symbolizer::Symbolizer(SymbolOptions options) : options_(std::move(options)) {
-  // libdwfl sends build ids to the servers named there, which many systems do for all programs.
+  // Many systems set the variable for all programs; libdwfl would send build ids to these servers.
   if (!options_.debuginfod) unsetenv("DEBUGINFOD_URLS");
 }
 Symbolizer::~Symbolizer() = default;

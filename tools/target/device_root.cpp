@@ -1,4 +1,4 @@
-// The root of a device.
+// The root directory of a device.
 #include "tools/target/device_root.h"
 
 namespace memleak {

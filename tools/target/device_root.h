@@ -1,11 +1,11 @@
-// Where the files of a device begin. Called by site_android.cpp alone.
+// The root directory of a device. Called by site_android.cpp.
 #pragma once
 
 #include <string>
 
 namespace memleak {
 
-/// "/"; apart from what uses it, so that a device can be played in a directory.
+/// "/". Tests replace it to simulate a device in a directory.
 std::string DeviceRoot();
 
 }  // namespace memleak

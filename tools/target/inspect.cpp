@@ -6,14 +6,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
-#include <cstdint>
-#include <optional>
-#include <string_view>
+#include <cstdlib>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "protocol/protocol.h"
@@ -31,13 +28,62 @@ constexpr double kYoungSeconds = 3.0;
 // Time from mapping the tracker to its handler being set, where no signal mask shows it.
 constexpr auto kEmulatedSettle = std::chrono::milliseconds(500);
 
+// The value of a field in the text of /proc/PID/status; empty if there is none.
+std::string StatusField(const std::string& status, const std::string& name) {
+  std::istringstream lines(status);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
+  }
+  return "";
+}
+
 // The effective id in a field such as "Uid", which lists real, effective, saved and file system id.
-std::uint32_t EffectiveId(std::string_view status, std::string_view name) {
-  std::string_view ids = StatusField(status, name);
-  ids.remove_prefix(std::min(ids.find('\t') + 1, ids.size()));
-  std::uint32_t id = 0;
-  std::from_chars(ids.data(), ids.data() + ids.size(), id);
-  return id;
+std::uint32_t EffectiveId(const std::string& status, const std::string& name) {
+  std::istringstream ids(StatusField(status, name));
+  std::uint32_t real = 0;
+  std::uint32_t effective = 0;
+  ids >> real >> effective;
+  return effective;
+}
+
+bool CatchesControlSignal(const std::string& status) {
+  const std::string mask = StatusField(status, "SigCgt");
+  return ((std::strtoull(mask.c_str(), nullptr, 16) >> (protocol::control_signal - 1)) & 1) != 0;
+}
+
+// Whether the process has ended and waits to be reaped.
+bool IsZombie(const std::string& status) {
+  const std::string state = StatusField(status, "State");
+  return state.starts_with('Z') || state.starts_with('X');
+}
+
+// Splits the text of /proc/PID/environ. The first of several entries with one name counts, as for
+// getenv.
+std::map<std::string, std::string> ParseEnvironment(const std::string& text) {
+  std::map<std::string, std::string> environment;
+  std::istringstream entries(text);
+  for (std::string entry; std::getline(entries, entry, '\0');) {
+    const std::size_t equals = entry.find('=');
+    if (equals == std::string::npos) continue;
+    environment.emplace(entry.substr(0, equals), entry.substr(equals + 1));
+  }
+  return environment;
+}
+
+// The file name of the program that an emulator runs, from the emulator's /proc/PID/cmdline; empty
+// if there is none.
+std::string GuestName(const std::string& cmdline) {
+  static const std::set<std::string> kWithValue = {
+      "-g", "-L", "-s", "-E", "-U",   "-0",    "-r",      "-B",      "-R",
+      "-D", "-d", "-p", "-t", "-cpu", "-seed", "-plugin", "-dfilter"};
+  std::istringstream words(cmdline);
+  std::string word;
+  std::getline(words, word, '\0');  // the emulator itself
+  while (std::getline(words, word, '\0')) {
+    if (!word.starts_with('-')) return LastPart(word);
+    if (kWithValue.count(word) != 0) std::getline(words, word, '\0');
+  }
+  return "";
 }
 
 UserError NoSuchProcess(pid_t pid) {
@@ -58,17 +104,12 @@ std::string ReadProc(pid_t pid, const std::string& name) {
     if (errno == EACCES || errno == EPERM) throw NotPermitted(pid, path);
     throw NoSuchProcess(pid);
   }
-  std::string text;
-  std::array<char, 65536> buffer{};
-  ssize_t count = 0;
-  while ((count = read(file, buffer.data(), buffer.size())) > 0) {
-    text.append(buffer.data(), static_cast<std::size_t>(count));
-  }
+  const std::optional<std::string> text = ReadAll(file);
   const int error = errno;
   close(file);
-  if (count < 0 && (error == EACCES || error == EPERM)) throw NotPermitted(pid, path);
-  if (count < 0) throw NoSuchProcess(pid);
-  return text;
+  if (text) return *text;
+  if (error == EACCES || error == EPERM) throw NotPermitted(pid, path);
+  throw NoSuchProcess(pid);
 }
 
 // Whether the process was forked a moment ago. Until it executes its program, its environment is
@@ -104,7 +145,7 @@ Image ReadImage(pid_t pid) {
 
 // Reads everything once. Sets `steady` if the process ran the same program throughout.
 ProcessInfo Look(pid_t pid, bool* steady) {
-  // First, as only root may read the other files of a process that has ended.
+  // First: of a process that has ended, only root may read the other files.
   ReadStatus(pid);
   const Image image = ReadImage(pid);
   const std::string status = ReadStatus(pid);
@@ -113,7 +154,7 @@ ProcessInfo Look(pid_t pid, bool* steady) {
   process.user = EffectiveId(status, "Uid");
   process.group = EffectiveId(status, "Gid");
   process.name = StatusField(status, "Name");
-  process.catches_signal = CatchesSignal(status, protocol::control_signal);
+  process.catches_signal = CatchesControlSignal(status);
   process.environment = ParseEnvironment(image.environment);
   process.has_tracker = MapsLibrary(ReadMaps(pid), protocol::kTrackerLibrary);
   process.executable = image.executable;
@@ -140,6 +181,20 @@ UserError NotTracked(const ProcessInfo& process) {
 
 std::string ReadMaps(pid_t pid) {
   return ReadProc(pid, "maps");
+}
+
+std::optional<std::uint64_t> StartTicks(std::string_view stat) {
+  // The second field, the name, may hold blanks and parentheses. The start time is the 20th after
+  // it.
+  constexpr int kFieldsBefore = 19;
+  const std::size_t name_end = stat.rfind(')');
+  if (name_end == std::string_view::npos) return std::nullopt;
+  std::istringstream fields{std::string(stat.substr(name_end + 1))};
+  std::string skipped;
+  for (int field = 0; field < kFieldsBefore; ++field) fields >> skipped;
+  std::uint64_t ticks = 0;
+  if (!(fields >> ticks)) return std::nullopt;
+  return ticks;
 }
 
 ProcessInfo InspectProcess(pid_t pid) {

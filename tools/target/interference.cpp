@@ -23,10 +23,10 @@ struct Effect {
   const char* text;
 };
 
-// Most severe effect first: a word may have several.
+// Most severe effect first.
 std::vector<Effect> Effects() {
   Effect clear{protocol::kFdClear, "its tables were emptied"};
-  // These make another kind the one by which blocks are looked up.
+  // These change the kind by which the tracker looks up blocks.
   Effect other{0, "it was told to record another kind of memory"};
   for (const Kind& kind : protocol::kKinds) {
     clear.words |= kind.Clear();
@@ -49,7 +49,7 @@ std::string TimeOf(const std::string& line) {
 /// A recording that is on or paused.
 struct Recorded {
   const Kind* kind = &protocol::kNative;
-  const char* state = "";  // follows the kind's name
+  const char* state = "";  // follows the kind's name in messages
 };
 
 std::optional<Recorded> RecordedNatively(const ProcessInfo& process) {
@@ -69,7 +69,8 @@ std::optional<Recorded> RecordedByHooks(const ProcessInfo& process) {
         return Recorded{&kind, " recording is paused"};
       }
     }
-    // A forked child goes on as its parent did, whose lines are in the same log: ask the slots.
+    // A forked child inherits the state of its parent, whose lines are in the same log: the slots
+    // decide.
     const bool others = !HooksFromLog(ReadTextFile(process.log).value_or("")).empty();
     if (!state.empty() || !others) return std::nullopt;
   }
@@ -92,7 +93,7 @@ void RefuseBeside(const ProcessInfo& process, const Kind& wanted) {
   };
   const bool native = wanted.IsNative();
   const std::optional<Recorded> recorded = find(!native);
-  // With both recorded the harm is done, and each has to be ended somehow.
+  // If both are recorded, the records are spoiled already, and the user must be able to stop each.
   if (!recorded || find(native)) return;
   const std::string kind = recorded->kind->name;
   throw UserError(kind + recorded->state + " in " + process.Label() + ", and a command for " +

@@ -1,4 +1,4 @@
-// `memleak run`: from the options to the program's process image.
+// From the options of `run` to the program's process image.
 #include "tools/target/launcher.h"
 
 #include <elf.h>
@@ -9,12 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 
 #include "protocol/private_files.h"
 #include "protocol/protocol.h"
+#include "tools/base/names.h"
 #include "tools/base/user_error.h"
-#include "tools/target/elf_info.h"
 #include "tools/target/process_info.h"
 #include "tools/target/program_file.h"
 #include "tools/target/root_directory.h"
@@ -26,12 +27,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPreloadVariable = "LD_PRELOAD";
 constexpr const char* kBindNowVariable = "LD_BIND_NOW";
-
-std::string Hex(std::uint64_t value) {
-  std::ostringstream text;
-  text << "0x" << std::hex << value;
-  return text.str();
-}
 
 std::string Environment(const char* name) {
   const char* value = std::getenv(name);
@@ -50,34 +45,19 @@ fs::path OwnDirectory() {
   return fs::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
-bool IsBuildTree(const fs::path& directory) {
-  std::error_code ignored;
-  return fs::exists(directory / "CMakeCache.txt", ignored);
-}
-
-// Beside the controller, in a build tree, in an installation, and in the other preset of a build
-// tree.
+// Beside the controller, in a build tree, in an installation, and in the build trees of both
+// presets.
 std::vector<std::string> LibraryCandidates(const std::string& libdir) {
   if (!libdir.empty()) return {fs::absolute(libdir).lexically_normal().string()};
   const fs::path own = OwnDirectory();
   const fs::path prefix = own.parent_path();
   std::vector<std::string> candidates = {own.string(), (prefix / "lib").string(),
                                          (prefix / "lib" / "memleak").string()};
-  if (!IsBuildTree(prefix)) return candidates;
+  if (!fs::exists(prefix / "CMakeCache.txt")) return candidates;
   for (const char* preset : {"native", "aarch64"}) {
     candidates.push_back((prefix.parent_path() / preset / "lib").string());
   }
   return candidates;
-}
-
-std::string LibrariesRemedy(const std::string& libdir, std::uint16_t machine) {
-  if (!libdir.empty()) return "name the directory that holds them with --libdir DIR";
-  if (!IsBuildTree(OwnDirectory().parent_path())) {
-    return "say where they are with --libdir DIR";
-  }
-  const std::string preset = machine == EM_AARCH64 ? "aarch64" : "native";
-  return "build them in the source directory: cmake --preset " + preset +
-         " && cmake --build --preset " + preset;
 }
 
 std::string Libraries(const RunOptions& options, std::uint16_t machine) {
@@ -91,18 +71,18 @@ std::string Libraries(const RunOptions& options, std::uint16_t machine) {
     throw UserError("no " + std::string(protocol::kPreloadLibrary) + " and " +
                         protocol::kTrackerLibrary + " for " + MachineName(machine) + " in " +
                         searched,
-                    LibrariesRemedy(options.libdir, machine));
+                    "name their directory with --libdir DIR");
   }
-  // The dynamic linker splits its list at blanks and colons, the emulator its own at commas.
+  // The dynamic linker splits its list at blanks and colons, the emulator at commas.
   const char* separators = options.emulator.empty() ? " :" : " :,";
   if (libdir.find_first_of(separators) != std::string::npos) {
     throw UserError("library directory has a blank, colon or comma in its name: " + libdir,
-                    "copy the two libraries to a plainer place and name it with --libdir DIR");
+                    "copy the two libraries to another directory and name it with --libdir DIR");
   }
   return libdir;
 }
 
-void CheckArchitecture(const RunOptions& options, const Program& program) {
+void CheckArchitecture(const RunOptions& options, const TargetProgram& program) {
   const std::string machine = MachineName(program.image.machine);
   if (options.emulator.empty()) {
     if (program.image.machine == OwnMachine()) return;
@@ -116,15 +96,6 @@ void CheckArchitecture(const RunOptions& options, const Program& program) {
     throw UserError("an emulator cannot run a script: " + program.path,
                     "name its interpreter: " + program.image_path + " " + program.path);
   }
-  const std::string emulator = fs::path(SplitWords(options.emulator).front()).filename().string();
-  const std::uint16_t expected = emulator.starts_with("qemu-aarch64")  ? std::uint16_t{EM_AARCH64}
-                                 : emulator.starts_with("qemu-x86_64") ? std::uint16_t{EM_X86_64}
-                                                                       : program.image.machine;
-  if (expected != program.image.machine) {
-    throw UserError("program is for another architecture: " + program.path + " is for " + machine +
-                        ", the emulator is " + emulator,
-                    "leave out --emulator, or name the one for " + machine);
-  }
 }
 
 std::string PrependPreload(const std::string& library, const std::string& existing) {
@@ -133,129 +104,141 @@ std::string PrependPreload(const std::string& library, const std::string& existi
   return library + ":" + existing;
 }
 
-// Command line and linker settings; under an emulator the latter are for the guest alone.
-void ComposeCommand(const RunOptions& options, const Program& program, const std::string& libdir,
-                    LaunchPlan* plan) {
+void SetEnvironment(const char* name, const std::string& value) {
+  setenv(name, value.c_str(), 1);
+}
+
+// A command for the tracker. One that is not wanted is removed: the controller itself may run under
+// the tracker.
+void SetCommand(const char* name, bool wanted, std::uint64_t word) {
+  std::ostringstream text;
+  text << "0x" << std::hex << word;
+  if (wanted) SetEnvironment(name, text.str());
+  if (!wanted) unsetenv(name);
+}
+
+/// What is executed.
+struct CommandLine {
+  std::string executable;
+  std::vector<std::string> arguments;  ///< argv, program name included
+};
+
+// Sets the dynamic linker's variables, under an emulator those of the guest.
+CommandLine Compose(const RunOptions& options, const TargetProgram& program,
+                    const std::string& libdir) {
   const std::string preload = libdir + "/" + protocol::kPreloadLibrary;
   if (options.emulator.empty()) {
-    plan->executable = program.path;
-    plan->arguments = options.command;
-    const std::string list = PrependPreload(preload, Environment(kPreloadVariable));
-    plan->environment.push_back({kPreloadVariable, list});
-    plan->environment.push_back({kBindNowVariable, "1"});
-    return;
+    SetEnvironment(kPreloadVariable, PrependPreload(preload, Environment(kPreloadVariable)));
+    SetEnvironment(kBindNowVariable, "1");
+    return {program.path, options.command};
   }
-  plan->arguments = SplitWords(options.emulator);
-  const std::string guest_preload = std::string(kPreloadVariable) + "=" + preload;
-  const std::string guest_bind_now = std::string(kBindNowVariable) + "=1";
-  plan->executable = plan->arguments.front();
+  CommandLine line;
+  line.arguments = SplitWords(options.emulator);
+  line.executable = FindExecutable(line.arguments.front(), Environment("PATH"));
   for (const std::string& word :
-       {std::string("-E"), guest_preload, std::string("-E"), guest_bind_now, program.path}) {
-    plan->arguments.push_back(word);
+       {std::string("-E"), std::string(kPreloadVariable) + "=" + preload, std::string("-E"),
+        std::string(kBindNowVariable) + "=1", program.path}) {
+    line.arguments.push_back(word);
   }
-  plan->arguments.insert(plan->arguments.end(), options.command.begin() + 1, options.command.end());
+  line.arguments.insert(line.arguments.end(), options.command.begin() + 1, options.command.end());
+  return line;
 }
 
-// The libraries to be hooked cannot be looked at yet: the program has not loaded them.
-void ComposeHooks(const RunOptions& options, LaunchPlan* plan) {
-  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
-  if (options.kind->IsNative()) return;
+// Returns `properties` with the names of what to hook. The libraries cannot be checked: the program
+// has not loaded them yet.
+std::string AddHooks(const RunOptions& options, const std::string& properties) {
+  if (options.kind->IsNative()) {
+    if (options.libraries.empty() && options.functions.empty()) return properties;
+    throw UserError("--lib and --func name what to hook, and native memory needs no hooks",
+                    "add --kind mmap, ion or gpu");
+  }
   if (!options.start && !options.report_at_exit) {
-    throw UserError("--kind goes with --start or --report-at-exit",
-                    "add one, or give it to memleak on PID later");
+    throw UserError("--kind needs --start or --report-at-exit",
+                    "add one, or use memleak on PID --kind later");
   }
   if (options.type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers) {
-    plan->note = kNoUnwindTables;
+    std::cerr << "memleak: " << kNoUnwindTables << std::endl;
   }
-  plan->properties = WithHooks(plan->properties, names);
+  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
+  return WithHooks(properties, names);
 }
 
-void ComposeSettings(const RunOptions& options, const Program& program, LaunchPlan* plan) {
-  // Kept with "%p" in the environment, so that forked children get places of their own.
-  const std::string pattern =
-      fs::absolute(options.root.empty() ? "memleak.%p" : options.root).lexically_normal().string();
-  plan->root = ExpandPid(pattern, getpid());
-  const std::string properties = (fs::path(plan->root) / protocol::kPropertiesFile).string();
-
-  BacktraceSettings settings;
+std::string Properties(const RunOptions& options, const TargetProgram& program,
+                       const std::string& root) {
   // x86-64 system libraries keep no frame pointers.
-  settings.type =
-      options.type.value_or(program.image.machine == EM_AARCH64 ? protocol::kUnwindFramePointers
-                                                                : protocol::kUnwindTables);
-  settings.depth = options.depth.value_or(protocol::kDefaultDepth);
-  plan->properties = UpdateProperties(ReadProperties(plan->root).value_or(""), settings);
-  ComposeHooks(options, plan);
-
-  // Absent values are removed: the caller may itself run under the tracker.
-  const auto command = [](bool wanted, std::uint64_t word) {
-    return wanted ? std::optional<std::string>(Hex(word)) : std::nullopt;
-  };
-  plan->environment.push_back({protocol::kRootVariable, pattern});
-  plan->environment.push_back({protocol::kPropertiesVariable, properties});
-  plan->environment.push_back(
-      {protocol::kStartVariable, command(options.start, options.kind->On())});
-  plan->environment.push_back(
-      {protocol::kReportAtExitVariable, command(options.report_at_exit, options.kind->Report())});
-  if (!options.log.empty()) {
-    const std::string log =
-        options.log == "stderr" ? options.log : fs::absolute(options.log).string();
-    plan->environment.push_back({protocol::kLogVariable, log});
-    if (log != "stderr") plan->log = ExpandPid(log, getpid());
-  }
+  const char type = program.image.machine == EM_AARCH64 ? protocol::kUnwindFramePointers
+                                                        : protocol::kUnwindTables;
+  const BacktraceSettings settings = {options.depth.value_or(protocol::kDefaultDepth),
+                                      options.type.value_or(type)};
+  return AddHooks(options, UpdateProperties(ReadProperties(root).value_or(""), settings));
 }
 
-// The tracker does without a log that it cannot open, and says nothing.
+// The tracker runs without a log that it cannot open, and reports no error.
 void CheckLog(const std::string& log) {
   protocol::Refusal refusal;
   const int file = protocol::OpenFile(AT_FDCWD, log.c_str(), protocol::Use::kAppend, refusal);
   if (file < 0) {
     throw UserError("log not writable: " + log + ": " + refusal.Reason(),
-                    "name a file of your own, in a directory that is there, with --log FILE");
+                    "name a file of your own in an existing directory with --log FILE");
   }
   close(file);
 }
 
+// Paths keep "%p" in the environment, so that each forked child gets its own.
+std::string AbsolutePattern(const std::string& path) {
+  return fs::absolute(path).lexically_normal().string();
+}
+
+void SetLog(const std::string& log) {
+  if (log.empty()) return;
+  const std::string pattern = log == "stderr" ? log : AbsolutePattern(log);
+  SetEnvironment(protocol::kLogVariable, pattern);
+  if (log != "stderr") CheckLog(ExpandPid(pattern, getpid()));
+}
+
+[[noreturn]] void Execute(const CommandLine& line) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : line.arguments) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  }
+  arguments.push_back(nullptr);
+  execv(line.executable.c_str(), arguments.data());
+  if (errno == ENOEXEC) {
+    throw UserError("this system cannot run " + line.executable + ": " + std::strerror(errno),
+                    "for an emulated program use --emulator, for a script add a #! line");
+  }
+  throw UserError("cannot run " + line.executable + ": " + std::strerror(errno),
+                  "check the program's permissions and arguments");
+}
+
 }  // namespace
 
-LaunchPlan PlanLaunch(const RunOptions& options) {
+void Launch(const RunOptions& options) {
   if (options.command.empty()) {
     throw UserError("no program given", "add -- PROGRAM ARGUMENTS, see memleak run --help");
   }
-  const std::string search_path = Environment("PATH");
-  const Program program = FindProgram(options.command.front(), search_path);
-  LaunchPlan plan;
+  const TargetProgram program = FindProgram(options.command.front(), Environment("PATH"));
   if (!options.emulator.empty() && SplitWords(options.emulator).empty()) {
     throw UserError("--emulator is blank", "give a command such as 'qemu-aarch64 -L /'");
   }
   CheckArchitecture(options, program);
-  ComposeCommand(options, program, Libraries(options, program.image.machine), &plan);
-  if (!options.emulator.empty()) plan.executable = FindExecutable(plan.executable, search_path);
-  ComposeSettings(options, program, &plan);
-  return plan;
-}
+  const CommandLine line = Compose(options, program, Libraries(options, program.image.machine));
+  const std::string pattern = AbsolutePattern(options.root.empty() ? "memleak.%p" : options.root);
+  const std::string root = ExpandPid(pattern, getpid());
+  const std::string properties = Properties(options, program, root);
 
-void Launch(const LaunchPlan& plan) {
-  WriteProperties(plan.root, plan.properties);
-  if (!plan.log.empty()) CheckLog(plan.log);
-  for (const EnvironmentChange& change : plan.environment) {
-    if (change.value) {
-      setenv(change.name.c_str(), change.value->c_str(), 1);
-    } else {
-      unsetenv(change.name.c_str());
-    }
+  SetEnvironment(protocol::kRootVariable, pattern);
+  SetEnvironment(protocol::kPropertiesVariable, root + "/" + protocol::kPropertiesFile);
+  SetCommand(protocol::kStartVariable, options.start, options.kind->On());
+  SetCommand(protocol::kReportAtExitVariable, options.report_at_exit, options.kind->Report());
+  WriteProperties(root, properties);
+  SetLog(options.log);
+  // A terminal's user needs the PID; otherwise the output is the program's alone.
+  if (isatty(STDERR_FILENO) == 1) {
+    std::cerr << "memleak: process " << getpid() << ", root directory " << Printable(root)
+              << std::endl;
   }
-  std::vector<char*> arguments;
-  for (const std::string& argument : plan.arguments) {
-    arguments.push_back(const_cast<char*>(argument.c_str()));
-  }
-  arguments.push_back(nullptr);
-  execv(plan.executable.c_str(), arguments.data());
-  if (errno == ENOEXEC) {
-    throw UserError("this system cannot run " + plan.executable + ": " + std::strerror(errno),
-                    "for an emulated program use --emulator, for a script add a #! line");
-  }
-  throw UserError("cannot run " + plan.executable + ": " + std::strerror(errno),
-                  "check the program's permissions and arguments");
+  Execute(line);
 }
 
 }  // namespace memleak

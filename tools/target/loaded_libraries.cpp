@@ -1,4 +1,4 @@
-// From maps, memory and files to the list of a process's libraries.
+// Combines the maps, the memory and the files of a process.
 #include "tools/target/loaded_libraries.h"
 
 #include <elf.h>
@@ -7,23 +7,20 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <sstream>
 
 #include "tools/base/files.h"
-#include "tools/target/elf_info.h"
 #include "tools/target/inspect.h"
 
 namespace memleak {
 namespace {
 
-// Offsets in the dynamic linker's list, the same for all 64-bit machines: the head of struct
-// r_debug, and struct link_map.
+// Offsets in the dynamic linker's structs r_debug and link_map, the same on all 64-bit machines.
 constexpr std::uint64_t kListHead = 8;
 constexpr std::uint64_t kEntryBias = 0;
 constexpr std::uint64_t kEntryName = 8;
 constexpr std::uint64_t kEntryNext = 24;
-// More than any process has; a list that is being changed, or is none, may have no end.
+// More than any process has. A list that changes meanwhile, or is none, may be endless.
 constexpr int kMaxEntries = 20000;
 
 /// An entry of the dynamic linker's list.
@@ -34,14 +31,14 @@ struct ListEntry {
 
 std::string FileOf(pid_t pid, const Mapping& mapping) {
   if (!mapping.deleted) return mapping.path;
-  // Under its name there may be another file by now.
+  // Another file may have its name now.
   std::ostringstream path;
   path << "/proc/" << pid << "/map_files/" << std::hex << mapping.start << "-" << mapping.end;
   return path.str();
 }
 
-// Every file that is mapped from its start, as far as it is a library for `machine` or cannot be
-// read.
+// The files that are mapped from their start and are libraries for the process's machine or
+// unreadable.
 std::vector<LoadedLibrary> MappedLibraries(const ProcessInfo& process,
                                            const std::vector<Mapping>& mappings,
                                            const std::vector<std::string>& functions) {
@@ -84,7 +81,7 @@ std::vector<ListEntry> ReadList(const std::vector<LoadedLibrary>& libraries,
   return list;
 }
 
-// Keeps what is on the list, in its order and under its names. A file may be mapped as mere data.
+// Keeps what is on the list, in its order and with its names. A file may be mapped as data only.
 std::vector<LoadedLibrary> NameByList(std::vector<LoadedLibrary> libraries,
                                       const std::vector<ListEntry>& list) {
   std::vector<LoadedLibrary> named;
@@ -118,32 +115,6 @@ void MarkShadowed(std::vector<LoadedLibrary>* libraries) {
 
 }  // namespace
 
-std::vector<Mapping> ParseMaps(std::string_view maps) {
-  constexpr std::string_view kDeleted = " (deleted)";
-  std::vector<Mapping> mappings;
-  std::istringstream lines{std::string(maps)};
-  for (std::string line; std::getline(lines, line);) {
-    Mapping mapping;
-    char dash = '\0';
-    std::string rights;
-    std::string device;
-    std::uint64_t inode = 0;
-    std::istringstream fields(line);
-    fields >> std::hex >> mapping.start >> dash >> mapping.end >> rights >> mapping.offset >>
-        device >> std::dec >> inode;
-    if (!fields || dash != '-' || rights.size() < 3 || mapping.end < mapping.start) continue;
-    mapping.executable = rights[2] == 'x';
-    fields >> std::ws;
-    std::getline(fields, mapping.path);
-    if (mapping.IsFile() && mapping.path.ends_with(kDeleted)) {
-      mapping.deleted = true;
-      mapping.path.resize(mapping.path.size() - kDeleted.size());
-    }
-    mappings.push_back(std::move(mapping));
-  }
-  return mappings;
-}
-
 ProcessMemory::ProcessMemory(pid_t pid)
     : file_(open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC)) {}
 
@@ -161,7 +132,7 @@ std::optional<std::uint64_t> ProcessMemory::Word(std::uint64_t address) const {
 std::string ProcessMemory::Text(std::uint64_t address) const {
   constexpr std::size_t kPage = 4096;
   std::array<char, kPage> text{};
-  // In two steps: what follows the page of a short text need not be there.
+  // In two steps: the page after a short string may be unmapped.
   const std::size_t first = std::min(kPage - address % kPage, kPage - 1);
   const ssize_t count = pread(file_, text.data(), first, static_cast<off_t>(address));
   if (count <= 0) return "";
@@ -186,7 +157,7 @@ std::uint16_t MachineOf(const ProcessInfo& process) {
 
 bool IsLibraryName(std::string_view name) {
   constexpr std::string_view kDigits = "0123456789";
-  // Versions, from the last to the first.
+  // Strip version numbers from the end.
   while (!name.ends_with(".so")) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string_view::npos || dot + 1 == name.size()) return false;

@@ -1,6 +1,5 @@
-// The libraries of a running process as the tracker in it sees them: under the names by which they
-// were loaded, with the functions they import. Called by the commands that deal with hooks;
-// single-threaded.
+// The libraries of a running process as the tracker in it sees them: by the names they were loaded
+// by, with the functions they import. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -11,26 +10,13 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/target/elf_imports.h"
+#include "tools/target/elf_file.h"
+#include "tools/target/maps.h"
 #include "tools/target/process_info.h"
 
 namespace memleak {
 
-/// One line of /proc/PID/maps.
-struct Mapping {
-  std::uint64_t start = 0;
-  std::uint64_t end = 0;
-  std::uint64_t offset = 0;
-  bool executable = false;
-  bool deleted = false;  ///< the file is no longer there under its name
-  std::string path;      ///< or "[...]"; empty when it has neither
-  bool IsFile() const { return path.starts_with('/'); }
-};
-
-/// The lines of the text of /proc/PID/maps that are whole.
-std::vector<Mapping> ParseMaps(std::string_view maps);
-
-/// The memory of a process, read through /proc/PID/mem: that takes the right to debug it.
+/// The memory of a process, read through /proc/PID/mem. Needs permission to debug the process.
 class ProcessMemory {
  public:
   explicit ProcessMemory(pid_t pid);
@@ -38,11 +24,11 @@ class ProcessMemory {
   ProcessMemory(const ProcessMemory&) = delete;
   ProcessMemory& operator=(const ProcessMemory&) = delete;
 
-  /// Whether any of it may be read.
+  /// Whether reading is permitted.
   bool IsOpen() const { return file_ >= 0; }
-  /// The 64-bit word at `address`; nothing where there is no memory.
+  /// The 64-bit word at `address`; nothing if it is unreadable.
   std::optional<std::uint64_t> Word(std::uint64_t address) const;
-  /// The text at `address`, cut after 4095 bytes.
+  /// The string at `address`, up to 4095 bytes.
   std::string Text(std::uint64_t address) const;
 
  private:
@@ -51,30 +37,30 @@ class ProcessMemory {
 
 /// A library in a process.
 struct LoadedLibrary {
-  std::string name;  ///< the last part of the name it was loaded by; the tracker knows it by this
+  std::string name;  ///< last part of the name it was loaded by, as the tracker uses it
   std::string path;  ///< its file, symbolic links resolved
   std::uint64_t bias = 0;
-  bool is_program = false;          ///< the program itself, which has no name
-  bool is_shadowed = false;         ///< one before it has the same name: it cannot be reached
-  std::optional<DynamicFile> file;  ///< nothing when the file cannot be read any more
+  bool is_program = false;          ///< the program itself has no name
+  bool is_shadowed = false;         ///< an earlier library with the same name hides it
+  std::optional<DynamicFile> file;  ///< nothing if the file is no longer readable
 };
 
 /// All libraries of a process.
 struct LoadedLibraries {
-  std::vector<LoadedLibrary> libraries;  ///< in the order of the dynamic linker where it is known
+  std::vector<LoadedLibrary> libraries;  ///< in the dynamic linker's order, if known
   std::vector<Mapping> mappings;
 };
 
-/// The machine whose code the process runs: the guest's, under an emulator; 0 when unknown.
+/// The machine whose code the process runs, under an emulator the guest's; 0 if unknown.
 std::uint16_t MachineOf(const ProcessInfo& process);
 
-/// Whether the tracker takes an object of this name for a library: it ends in ".so", or in ".so"
-/// and a version.
+/// Whether the tracker treats an object of this name as a library: it ends in ".so" or ".so" and a
+/// version.
 bool IsLibraryName(std::string_view name);
 
-/// Looks at `process`, at imports of `functions` in its libraries. Names come from the dynamic
-/// linker's own list where `memory` can be read, else from the libraries' files, which may differ:
-/// a file may be loaded by the name of any link to it. Throws UserError when the process is gone.
+/// Reads the libraries of `process` and their imports of `functions`. Names come from the dynamic
+/// linker's list if `memory` is readable. Otherwise they come from the files, which may differ: a
+/// file can be loaded by the name of a link to it. Throws UserError if the process has ended.
 LoadedLibraries ReadLoadedLibraries(const ProcessInfo& process, const ProcessMemory& memory,
                                     const std::vector<std::string>& functions);
 

@@ -1,4 +1,4 @@
-// Reading of a growing log.
+// Reads a growing log.
 #include "tools/target/log_tail.h"
 
 #include <charconv>
@@ -6,12 +6,12 @@
 #include <sstream>
 
 #include "protocol/kinds.h"
-#include "tools/target/report_wait.h"
+#include "tools/target/report_file.h"
 
 namespace memleak {
 namespace {
 
-// A line starts "SECONDS.MILLISECONDS PID THREAD PRIORITY ". The process of it, or 0.
+// A line starts "SECONDS.MILLISECONDS PID THREAD PRIORITY ". Returns the process, or 0.
 pid_t ProcessOf(const std::string& line) {
   std::istringstream fields(line);
   std::string time;
@@ -26,7 +26,7 @@ pid_t ProcessOf(const std::string& line) {
 
 LogTail::LogTail(const ProcessInfo& process) : path_(process.log), pid_(process.pid) {
   if (path_.empty()) return;
-  // The tracker makes it with its first line, and again when it was removed.
+  // The tracker creates it with its first line, and again after it was removed.
   const std::optional<FileState> state = StateOf(path_);
   if (state) start_ = static_cast<std::uint64_t>(state->size);
   readable_ = !state || std::ifstream(path_).good();
@@ -37,7 +37,7 @@ std::vector<std::string> LogTail::Lines() const {
   if (!readable_) return lines;
   std::ifstream file(path_, std::ios::binary);
   const std::optional<FileState> state = StateOf(path_);
-  // One that is shorter was emptied or made anew.
+  // A shorter file was truncated or replaced.
   const bool grown = state && static_cast<std::uint64_t>(state->size) >= start_;
   file.seekg(static_cast<std::streamoff>(grown ? start_ : 0));
   for (std::string line; std::getline(file, line) && !file.eof();) {
@@ -85,17 +85,6 @@ Recording RecordingFromLog(std::string_view log) {
     if ((word & protocol::kNative.Report()) != 0) state = Recording::kStopped;
   }
   return state;
-}
-
-std::string LogText(const std::string& line) {
-  if (ProcessOf(line) == 0) return line;
-  constexpr int kFieldsBefore = 4;
-  std::size_t at = 0;
-  for (int field = 0; field < kFieldsBefore && at != std::string::npos; ++field) {
-    at = line.find(' ', at);
-    if (at != std::string::npos) ++at;
-  }
-  return at == std::string::npos ? line : line.substr(at);
 }
 
 }  // namespace memleak

@@ -1,5 +1,4 @@
-// What the tracker logs after a command was sent: the only answer there is. Called by the commands
-// that wait for one; single-threaded.
+// The tracker's log, which is its only response to commands. Single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +11,14 @@
 
 namespace memleak {
 
-/// The end of a tracker's log, from where it was when this was made.
+/// The lines that a tracker logs after this object is created.
 class LogTail {
  public:
   explicit LogTail(const ProcessInfo& process);
 
-  /// Whether there is a log that can be read.
+  /// Whether there is a readable log.
   bool IsReadable() const { return readable_; }
-  /// The whole lines since then, those of other processes in the same log left out.
+  /// The complete new lines, without those of other processes.
   std::vector<std::string> Lines() const;
 
  private:
@@ -29,20 +28,17 @@ class LogTail {
   bool readable_ = false;
 };
 
-/// The lines that `process` itself has left in its log so far, one file being shared by those that
-/// it forked. Nothing when there is no log that can be read.
+/// The lines that `process` itself has logged so far; forked processes share the file. Nothing if
+/// there is no readable log.
 std::optional<std::string> OwnLog(const ProcessInfo& process);
 
-/// The command word of a line that says that one was received; 0 for any other line.
+/// The command word if the line reports one received, else 0.
 std::uint64_t ReceivedWord(std::string_view line);
 
-/// What the tracker's log says about native recording.
+/// The state of native recording.
 enum class Recording { kUnknown, kNever, kOn, kPaused, kStopped };
 
 /// The state after the last command in the text of a tracker log.
 Recording RecordingFromLog(std::string_view log);
-
-/// A line without time, process, thread and priority: "TAG: TEXT".
-std::string LogText(const std::string& line);
 
 }  // namespace memleak

@@ -1,4 +1,4 @@
-// Checks on programs and on the tracker's libraries; called by `run` before it becomes the program.
+// Checks of programs and of the tracker's libraries.
 #include "tools/target/program_file.h"
 
 #include <elf.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string_view>
+#include <sstream>
 
 #include "protocol/protocol.h"
 #include "tools/base/user_error.h"
@@ -20,26 +20,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The kernel follows at most this many scripts that name scripts.
+// The kernel follows at most this many nested script interpreters.
 constexpr int kMaxScriptDepth = 5;
-constexpr std::size_t kScriptLineBytes = 255;
 
-std::string ReadStart(const std::string& path, std::size_t bytes) {
-  std::ifstream file(path, std::ios::binary);
-  std::string data(bytes, '\0');
-  file.read(data.data(), static_cast<std::streamsize>(bytes));
-  data.resize(static_cast<std::size_t>(file.gcount()));
-  return data;
-}
-
-// The interpreter named by a "#!" line, or nothing.
+// The interpreter in the "#!" line of `path`, if there is one.
 std::optional<std::string> ScriptInterpreter(const std::string& path) {
-  const std::string head = ReadStart(path, kScriptLineBytes);
-  if (!head.starts_with("#!")) return std::nullopt;
-  const std::string line = head.substr(2, head.find('\n') - 2);
-  const std::size_t start = line.find_first_not_of(" \t");
-  if (start == std::string::npos) return std::nullopt;
-  return line.substr(start, line.find_first_of(" \t\r", start) - start);
+  std::ifstream file(path, std::ios::binary);
+  std::string mark(2, '\0');
+  file.read(mark.data(), 2);
+  if (mark != "#!") return std::nullopt;
+  std::string line;
+  std::getline(file, line);
+  std::istringstream words(line);
+  std::string interpreter;
+  if (!(words >> interpreter)) return std::nullopt;
+  return interpreter;
 }
 
 std::string Locate(const std::string& name, const std::string& search_path) {
@@ -49,18 +44,13 @@ std::string Locate(const std::string& name, const std::string& search_path) {
     return name;
   }
   std::string not_executable;
-  std::string_view rest = search_path;
-  while (true) {
-    const std::size_t colon = rest.find(':');
-    const std::string directory(rest.substr(0, colon));
+  std::istringstream directories(search_path + ":");
+  for (std::string directory; std::getline(directories, directory, ':');) {
     std::string path = (directory.empty() ? "." : directory) + "/" + name;
     std::error_code ignored;
-    if (fs::is_regular_file(path, ignored)) {
-      if (access(path.c_str(), X_OK) == 0) return path;
-      not_executable = path;
-    }
-    if (colon == std::string_view::npos) break;
-    rest.remove_prefix(colon + 1);
+    if (!fs::is_regular_file(path, ignored)) continue;
+    if (access(path.c_str(), X_OK) == 0) return path;
+    not_executable = path;
   }
   if (!not_executable.empty()) return not_executable;
   throw UserError("program not found in PATH: " + name, "give its path, or install it");
@@ -75,24 +65,20 @@ void CheckExecutable(const std::string& path) {
     throw UserError("not a program: " + path, "give the path of an executable file");
   }
   if (access(path.c_str(), X_OK) != 0 || (status.st_mode & 0111) == 0) {
-    throw UserError("program is not executable: " + path, "make it so: chmod +x " + path);
+    throw UserError("program is not executable: " + path, "run: chmod +x " + path);
   }
 }
 
 // The dynamic linker ignores LD_PRELOAD for programs that gain privileges.
 void CheckPrivileges(const std::string& path) {
   struct stat status {};
-  const bool set_id =
-      stat(path.c_str(), &status) == 0 && (status.st_mode & (S_ISUID | S_ISGID)) != 0;
-  if (set_id) {
-    throw UserError("program is setuid or setgid: " + path + " (the system preloads nothing there)",
-                    "run a copy without that bit: cp " + path + " .");
-  }
-  if (getxattr(path.c_str(), "security.capability", nullptr, 0) > 0) {
-    throw UserError(
-        "program has file capabilities: " + path + " (the system preloads nothing there)",
-        "run a copy without them: cp " + path + " .");
-  }
+  const bool gains =
+      (stat(path.c_str(), &status) == 0 && (status.st_mode & (S_ISUID | S_ISGID)) != 0) ||
+      getxattr(path.c_str(), "security.capability", nullptr, 0) > 0;
+  if (!gains) return;
+  throw UserError("program is setuid or setgid, or has file capabilities: " + path +
+                      " (the system preloads nothing into it)",
+                  "run a copy without these: cp " + path + " .");
 }
 
 ElfInfo CheckImage(const std::string& path) {
@@ -100,13 +86,11 @@ ElfInfo CheckImage(const std::string& path) {
   if (!info) {
     throw UserError("not an ELF program: " + path, "give a program built for this system");
   }
-  if (!info->is_64_bit) {
-    throw UserError("program is 32-bit: " + path, "build it for 64 bits (x86-64 or aarch64)");
-  }
-  if (!info->is_little_endian || (info->machine != EM_X86_64 && info->machine != EM_AARCH64)) {
-    throw UserError(
-        "program is for another architecture: " + path + " is for " + MachineName(info->machine),
-        "build it for x86-64 or aarch64");
+  if (!info->is_64_bit || !info->is_little_endian ||
+      (info->machine != EM_X86_64 && info->machine != EM_AARCH64)) {
+    throw UserError("program is for another architecture: " + path + " is for " +
+                        (info->is_64_bit ? "" : "32-bit ") + MachineName(info->machine),
+                    "build it for x86-64 or aarch64");
   }
   if (info->type != ET_EXEC && info->type != ET_DYN) {
     throw UserError("not a program: " + path + " is an object or core file", "link it first");
@@ -125,15 +109,15 @@ std::string FindExecutable(const std::string& name, const std::string& search_pa
   return path;
 }
 
-Program FindProgram(const std::string& name, const std::string& search_path) {
-  Program program;
+TargetProgram FindProgram(const std::string& name, const std::string& search_path) {
+  TargetProgram program;
   program.path = FindExecutable(name, search_path);
   program.image_path = program.path;
   for (int depth = 0;; ++depth) {
     const std::optional<std::string> interpreter = ScriptInterpreter(program.image_path);
     if (!interpreter) break;
     if (depth == kMaxScriptDepth) {
-      throw UserError("script names scripts as its interpreter without end: " + program.path,
+      throw UserError("too many nested script interpreters: " + program.path,
                       "name a program in its first line");
     }
     program.is_script = true;

@@ -1,34 +1,33 @@
-// The program that `run` is to start: found, followed through scripts, and checked for whether the
-// tracker can be preloaded. Single-threaded.
+// The program that `run` starts. Single-threaded.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "tools/target/elf_info.h"
+#include "tools/target/elf_file.h"
 
 namespace memleak {
 
-/// A program as it will be run.
-struct Program {
-  std::string path;        ///< what is executed: the file as given or found in PATH
-  std::string image_path;  ///< the ELF file that will be loaded: the interpreter of a script
+/// A program that can be tracked.
+struct TargetProgram {
+  std::string path;        ///< the file to execute, as given or found in PATH
+  std::string image_path;  ///< the ELF file that is loaded: the interpreter of a script
   ElfInfo image;
   bool is_script = false;
 };
 
-/// The path of `name` (searched in `search_path`, PATH's syntax, when it has no slash). Throws
-/// UserError unless it is a file that may be executed.
+/// The path of `name`, which is searched in `search_path` (the syntax of PATH) if it has no slash.
+/// Throws UserError unless it is an executable file.
 std::string FindExecutable(const std::string& name, const std::string& search_path);
 
-/// Finds `name` as FindExecutable does, follows "#!" lines
-/// and checks that the tracker can be preloaded: executable, ELF, 64-bit, a known machine, dynamic,
-/// neither set-user-ID nor with file capabilities. Throws UserError for anything else.
-Program FindProgram(const std::string& name, const std::string& search_path);
+/// Finds `name` as FindExecutable does, follows "#!" lines and checks that the tracker can be
+/// preloaded: a dynamic 64-bit ELF file for a supported machine, neither set-user-ID nor with file
+/// capabilities. Throws UserError otherwise.
+TargetProgram FindProgram(const std::string& name, const std::string& search_path);
 
-/// The directory among `candidates` that holds the loader and the tracker for `machine`; empty when
-/// none does.
+/// The first of `candidates`, directories, that has the loader and the tracker for `machine`; empty
+/// if there is none.
 std::string FindTrackerLibraries(const std::vector<std::string>& candidates, std::uint16_t machine);
 
 }  // namespace memleak

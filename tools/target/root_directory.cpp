@@ -1,10 +1,9 @@
-// Properties files below a root directory.
+// Properties files.
 #include "tools/target/root_directory.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -23,7 +22,7 @@ namespace {
 constexpr const char* kRemedy =
     "choose another with --root DIR, or change its owner or permissions";
 
-/// A descriptor that is closed in the end.
+/// Owns a file descriptor.
 class Descriptor {
  public:
   explicit Descriptor(int number) : number_(number) {}
@@ -101,7 +100,7 @@ void WriteProperties(const std::string& root, std::string_view properties) {
     throw NotWritable(path.substr(0, refusal.path_bytes), refusal.Reason());
   }
   const std::string fresh = protocol::kPropertiesFile + ("." + std::to_string(getpid()));
-  // Left behind by an earlier process with the same id.
+  // An earlier process with the same id may have left it.
   unlinkat(directory.Number(), fresh.c_str(), 0);
   const Descriptor file(
       protocol::OpenFile(directory.Number(), fresh.c_str(), protocol::Use::kCreate, refusal));
@@ -122,13 +121,7 @@ std::optional<std::string> ReadProperties(const std::string& root) {
   const Descriptor file(
       protocol::OpenBelowRoot(path.data(), root.size(), protocol::Use::kRead, refusal));
   if (file.Number() < 0) return std::nullopt;
-  std::string text;
-  std::array<char, 4096> piece{};
-  ssize_t count = 0;
-  while ((count = read(file.Number(), piece.data(), piece.size())) > 0) {
-    text.append(piece.data(), static_cast<std::size_t>(count));
-  }
-  return text;
+  return ReadAll(file.Number());
 }
 
 std::optional<std::string> ReadTextFile(const std::string& path) {

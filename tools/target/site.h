@@ -1,8 +1,6 @@
-// What differs between a desk and a device: where a tracked process keeps its files and settings,
-// where its log goes, and what a person is told to do. One implementation each: site_linux.cpp for
-// programs that `memleak run` has started, site_android.cpp for the device edition.
-//
-// Called by the commands that name a PID. Single-threaded.
+// What differs between Linux hosts and Android devices: where a tracked process keeps its files,
+// settings and log, and what messages advise. site_linux.cpp is for programs that `memleak run`
+// started, site_android.cpp for the device edition. Single-threaded.
 #pragma once
 
 #include <string>
@@ -11,41 +9,41 @@
 
 namespace memleak {
 
-/// Fills in the places of `process`: root, log and shared_properties.
+/// Sets root, log and shared_properties of `process`.
 void FindPlaces(ProcessInfo* process);
 
-/// The settings that a process reads.
+/// The properties that a process reads.
 struct StoredSettings {
   std::string text;      ///< lines "name=value"
-  std::string place;     ///< where they stand; empty when there are none
-  bool is_bare = false;  ///< nobody has set any for this process, and nobody shares its own
+  std::string place;     ///< where they are stored; empty if there are none
+  bool is_bare = false;  ///< the process has neither its own nor shared properties
 };
 
-/// The settings in force for `process`.
+/// The properties in force for `process`.
 StoredSettings ReadSettings(const ProcessInfo& process);
 
-/// Puts the lines of `text`, which began as those of ReadSettings, in force for `process`. Throws
-/// UserError when that is not allowed.
+/// Replaces the properties of `process` by the lines of `text`, an edited ReadSettings().text.
+/// Throws UserError if that is not permitted.
 void WriteSettings(const ProcessInfo& process, const std::string& text);
 
-/// Where a person finds the log of `process`: a file or a command; empty for nowhere.
+/// The file or command that shows the log of `process`; empty if there is none.
 std::string LogPlace(const ProcessInfo& process);
 
-/// What else is known of recording when the log of `process` cannot be read here, to stand behind
-/// "unknown".
+/// Why the state of recording is unknown when the log of `process` cannot be read: the text that
+/// follows "unknown".
 std::string WhyUnknown(const ProcessInfo& process);
 
-/// The command that brings the report at `path` to where it can be shown; empty when it is there.
+/// The command that copies the report at `path` to the host; empty if it is there already.
 std::string FetchCommand(const std::string& path);
 
-/// Halves of messages.
+/// Parts of messages.
 struct SiteAdvice {
-  const char* find_pid;       ///< a command that does
-  const char* permission;     ///< how to be allowed to look at a process, and to signal it
-  const char* with_tracker;   ///< "start it ..."
-  const char* report_at_end;  ///< how to have a report although the process ends
-  const char* unseen;         ///< after a command of which only the log could tell what came of it
-  const char* unseen_hooks;   ///< the same, when slots could have told too
+  const char* find_pid;       ///< a command that finds a PID
+  const char* permission;     ///< how to get permission to inspect and signal a process
+  const char* with_tracker;   ///< follows "start it "
+  const char* report_at_end;  ///< how to get a report of a process that ends
+  const char* unseen;         ///< after a command whose result only the log would show
+  const char* unseen_hooks;   ///< the same for hooks, whose slots could not be read either
 };
 const SiteAdvice& Advice();
 

@@ -1,4 +1,4 @@
-// Processes of a device: one root for all, settings in the system's properties, the log in logcat.
+// Processes of a device: one root directory for all, system properties, and a log in logcat.
 #include <sys/system_properties.h>
 
 #include <array>
@@ -50,7 +50,7 @@ void WriteSettings(const ProcessInfo& /*process*/, const std::string& text) {
     if (equals == std::string::npos) continue;
     const std::string name = line.substr(0, equals);
     const std::string value = line.substr(equals + 1);
-    // Each needs a right of its own, so none is asked for without need.
+    // Each property needs its own permission: leave unchanged ones alone.
     if (Property(name.c_str()) == value) continue;
     if (__system_property_set(name.c_str(), value.c_str()) != 0) {
       throw CannotSet(name, value);
@@ -71,12 +71,12 @@ std::string FetchCommand(const std::string& path) {
 }
 
 const SiteAdvice& Advice() {
-  static constexpr SiteAdvice kAdvice = {"pidof NAME (as root: others see their own alone)",
+  static constexpr SiteAdvice kAdvice = {"pidof NAME (as root: other users see only their own)",
                                          "run it as root or as the app's user (run-as)",
                                          "with the tracker as its malloc debug library",
-                                         "take it before the process ends",
-                                         "sent; what came of it, see: logcat -s MemLeak.Native",
-                                         "what came of it, see: logcat -s MemLeak.Native"};
+                                         "take the report before the process ends",
+                                         "sent; for the result see: logcat -s MemLeak.Native",
+                                         "for the result see: logcat -s MemLeak.Native"};
   return kAdvice;
 }
 

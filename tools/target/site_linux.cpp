@@ -1,4 +1,4 @@
-// Programs under the loader: their environment says where they keep their files.
+// Programs under the loader. Their environment names their files.
 #include <grp.h>
 #include <unistd.h>
 
@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A path from the process's environment, absolute, with "%p" replaced.
+// The absolute form of a path from the process's environment, with "%p" replaced.
 std::string OwnPath(const std::string& value, const ProcessInfo& process) {
   const fs::path path = ExpandPid(value, process.pid);
   if (path.is_absolute()) return path.lexically_normal().string();
@@ -32,8 +32,8 @@ std::string Lookup(const std::map<std::string, std::string>& environment, const 
   return entry == environment.end() ? "" : entry->second;
 }
 
-// While it lives, root's file access has the rights of a process's user. That process says where
-// its files are, and could otherwise have root read or write where only root may.
+// Drops root's file permissions to those of a process's user while it exists. The process names its
+// files: it must not make root read or write files that its own user cannot.
 class AsUserOf {
  public:
   explicit AsUserOf(const ProcessInfo& process) {
@@ -44,12 +44,12 @@ class AsUserOf {
     active_ = getgroups(count, groups_.data()) == count && setgroups(0, nullptr) == 0 &&
               setegid(process.group) == 0 && seteuid(process.user) == 0;
     if (active_) return;
-    throw UserError("cannot take on the rights of user " + std::to_string(process.user) +
-                        ", whose process " + process.Label() + " is: " + std::strerror(errno),
+    throw UserError("cannot become user " + std::to_string(process.user) + ", the owner of " +
+                        process.Label() + ": " + std::strerror(errno),
                     "run memleak as that user");
   }
   ~AsUserOf() {
-    // Root gets everything back that it has given up.
+    // Continuing with other permissions would be wrong.
     if (active_ && (seteuid(0) != 0 || setegid(group_) != 0 ||
                     setgroups(groups_.size(), groups_.data()) != 0)) {
       std::abort();
@@ -80,8 +80,8 @@ StoredSettings ReadSettings(const ProcessInfo& process) {
   if (const auto text = ReadProperties(process.root)) {
     return {*text, process.PropertiesPath(), false};
   }
-  // A process without an own file takes those that it shares; an own one hides them, and so is to
-  // start as their copy.
+  // A process without its own file reads the shared one. Its own file will hide the shared one, and
+  // so starts as a copy.
   const std::string& shared = process.shared_properties;
   if (const auto text = ReadTextFile(shared)) return {*text, shared, false};
   return {"", "", shared.empty() && process.root != "/"};
@@ -98,10 +98,10 @@ std::string LogPlace(const ProcessInfo& process) {
 
 std::string WhyUnknown(const ProcessInfo& process) {
   std::string text =
-      process.environment.contains(protocol::kStartVariable) ? ", on when it was started" : "";
+      process.environment.contains(protocol::kStartVariable) ? ", was on at the start" : "";
   if (!process.log.empty()) return text;
   return text + (Lookup(process.environment, protocol::kLogVariable).empty()
-                     ? " (no log; memleak run --log FILE makes one)"
+                     ? " (no log; use memleak run --log FILE)"
                      : " (its log goes to its error output)");
 }
 
@@ -115,9 +115,9 @@ const SiteAdvice& Advice() {
       "run memleak as the user who owns it, or as root",
       "with: memleak run -- PROGRAM",
       "start it with: memleak run --report-at-exit",
-      "sent; there is no log that would tell",
-      "what came of it cannot be seen: it has no log that can be\n"
-      "read, and its memory takes the right to debug it (memleak run --log FILE, or root)"};
+      "sent; without a log the result is unknown",
+      "the result is unknown: its log is missing or unreadable, and\n"
+      "reading its memory needs debug permission (use memleak run --log FILE, or root)"};
   return kAdvice;
 }
 

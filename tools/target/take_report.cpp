@@ -1,19 +1,16 @@
-// One report of a running process.
+// One report of a running process. Polls the report's file: a stat and a short read.
 #include "tools/target/take_report.h"
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <iostream>
 #include <optional>
-#include <utility>
+#include <thread>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
+#include "tools/base/progress.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
-#include "tools/target/report_wait.h"
-#include "tools/target/root_directory.h"
+#include "tools/target/report_file.h"
 #include "tools/target/signal_sender.h"
 #include "tools/target/site.h"
 
@@ -23,50 +20,41 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// A line on the terminal that is rewritten while waiting; nothing where no person looks.
-class Progress {
- public:
-  explicit Progress(std::string label)
-      : label_(std::move(label)), enabled_(isatty(STDERR_FILENO) == 1) {}
-  ~Progress() {
-    if (printed_) std::cerr << "\r\033[K" << std::flush;
-  }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
+constexpr milliseconds kPoll(20);
 
-  void Update(milliseconds waited, std::int64_t bytes) {
-    if (!enabled_) return;
-    printed_ = true;
-    std::cerr << "\r\033[K" << label_ << "  " << FormatDuration(waited);
-    if (bytes > 0)
-      std::cerr << ", " << FormatBytes(static_cast<std::uint64_t>(bytes)) << " written";
-    std::cerr << std::flush;
-  }
-
- private:
-  std::string label_;
-  bool enabled_;
-  bool printed_ = false;
-};
-
-void CheckResult(WaitResult result, const ProcessInfo& process, const std::string& path,
-                 std::uint32_t timeout_s) {
-  if (result == WaitResult::kProcessEnded) {
-    throw UserError("process " + process.Label() + " ended before its report was complete: " + path,
-                    Advice().report_at_end);
-  }
-  if (result == WaitResult::kTimeout) {
-    throw UserError("no complete report after " + std::to_string(timeout_s) + " s: " + path,
-                    "wait longer with --timeout, or see whether the process may write there");
-  }
+milliseconds Since(steady_clock::time_point start) {
+  return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
 }
 
-// Makes room for a new report; returns the state of one that cannot be moved, not to be mistaken
-// for it.
-std::optional<FileState> MakeRoom(const std::string& path, OldReport old) {
-  if (old == OldReport::kKeepBeside) return MoveOldReportAside(path);
-  std::remove(path.c_str());
-  return StateOf(path);
+// Waits until the report at `path` is complete and is not `old`. A timeout of 0 means forever.
+// Throws UserError if the time is over or the process ends without a report.
+void WaitForReport(const ProcessInfo& process, const std::string& path,
+                   const std::optional<FileState>& old, milliseconds timeout) {
+  StatusLine line;
+  const auto start = steady_clock::now();
+  while (true) {
+    // Before the file: a report that the process completed just before it ended counts.
+    const bool alive = IsAlive(process.pid);
+    const std::optional<FileState> state = StateOf(path);
+    const bool fresh = state && state != old;
+    if (fresh && EndsComplete(path)) return;
+    if (!alive) {
+      throw UserError(
+          "process " + process.Label() + " ended before its report was complete: " + path,
+          Advice().report_at_end);
+    }
+    const milliseconds waited = Since(start);
+    if (timeout.count() != 0 && waited >= timeout) {
+      throw UserError(
+          "no complete report after " + std::to_string(timeout.count() / 1000) + " s: " + path,
+          "wait longer with --timeout, or check that the process may write there");
+    }
+    std::string text =
+        "waiting for the report of " + process.Label() + "  " + FormatDuration(waited);
+    if (fresh) text += ", " + FormatBytes(static_cast<std::uint64_t>(state->size)) + " written";
+    line.Show(text);
+    std::this_thread::sleep_for(kPoll);
+  }
 }
 
 }  // namespace
@@ -78,28 +66,22 @@ std::string FormatDuration(milliseconds duration) {
 
 milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uint32_t timeout_s,
                         OldReport old) {
-  WaitOptions wait;
-  wait.path = process.ReportPath();
-  wait.old = MakeRoom(wait.path, old);
-  wait.timeout = milliseconds(1000) * timeout_s;
-  wait.is_alive = [&] { return IsAlive(process.pid); };
-  Progress progress("waiting for the report of " + process.Label());
-  wait.progress = [&](milliseconds waited, std::int64_t bytes) { progress.Update(waited, bytes); };
-
-  const bool restore = old == OldReport::kKeepBeside;
+  const std::string path = process.ReportPath();
+  const std::string old_path = path + ".old";
+  if (old == OldReport::kReplace) std::remove(path.c_str());
+  const bool moved =
+      old == OldReport::kKeepBeside && std::rename(path.c_str(), old_path.c_str()) == 0;
+  // A report that cannot be moved must not be taken for the new one.
+  const std::optional<FileState> remaining = StateOf(path);
   const auto start = steady_clock::now();
-  WaitResult result = WaitResult::kTimeout;
   try {
     SendCommand(process, word, 0);
-    result = WaitForReport(wait);
+    WaitForReport(process, path, remaining, milliseconds(1000) * timeout_s);
   } catch (const UserError&) {
-    if (restore) RestoreOldReport(wait.path);
+    if (moved && !StateOf(path)) std::rename(old_path.c_str(), path.c_str());
     throw;
   }
-  const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
-  if (result != WaitResult::kComplete && restore) RestoreOldReport(wait.path);
-  CheckResult(result, process, wait.path, timeout_s);
-  return took;
+  return Since(start);
 }
 
 }  // namespace memleak

@@ -1,5 +1,5 @@
-// Asking a process for a report and waiting until it is there. Called by `report` and `watch`;
-// single-threaded.
+// Requests a report from a process and waits for it. Called by `report` and `watch`.
+// Single-threaded.
 #pragma once
 
 #include <chrono>
@@ -10,14 +10,13 @@
 
 namespace memleak {
 
-/// What becomes of a report that lies where the next one is written.
+/// What happens to a report that is already where the next one is written.
 enum class OldReport : std::uint8_t { kKeepBeside, kReplace };
 
-/// Sends `word`, one of the commands that end in a report, to `process` and waits for that report
-/// at process.ReportPath(), at most `timeout_s` seconds (0: without end), with a line of progress
-/// on a terminal. Returns how long it took. Throws UserError when the process ends first, nothing
-/// came in time, or the command could not be sent; an old report kept beside is then back in its
-/// place.
+/// Sends `word`, a command that ends in a report, to `process` and waits until the report at
+/// process.ReportPath() is complete, at most `timeout_s` seconds (0: forever). Shows progress on a
+/// terminal. Returns how long it took. Throws UserError if the process ends first, the time is over
+/// or the command cannot be sent; a report that was kept beside is then put back.
 std::chrono::milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word,
                                      std::uint32_t timeout_s, OldReport old);
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/thread_mark.h"
 #include "private/bionic_malloc_dispatch.h"
 #include "protocol/kinds.h"
 #include "system/ThreadMark.h"

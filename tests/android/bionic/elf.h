@@ -1,4 +1,4 @@
-// bionic's 64-bit words of ELF are the kernel's: long long, where uint64_t is long.
+// bionic defines 64-bit ELF types as long long, and uint64_t as long.
 #pragma once
 
 #include <stdint.h>

@@ -1,4 +1,4 @@
-// What bionic's header has beyond the GNU one.
+// Adds getprogname, which bionic declares here.
 #pragma once
 
 #include_next <stdlib.h>

@@ -1,4 +1,4 @@
-// Of its own in bionic, and included by the C++ library for it; part of this one elsewhere.
+// libc++ includes this header of bionic. Its contents are in <locale.h> elsewhere.
 #pragma once
 
 #include <locale.h>

@@ -105,7 +105,7 @@ TEST(Kinds, RunStartsWithOne) {
   ExpectHas(outcome.output, "hookFunc=mmap,mmap64,__mmap2,mremap,munmap\n");
   const Outcome refused =
       Shell(MEMLEAK_PROGRAM " run --libdir " FIXTURE_LIBDIR " --kind gpu -- " FIXTURE_HOOK_PROGRAM);
-  ExpectHas(refused.output, "--kind goes with --start or --report-at-exit");
+  ExpectHas(refused.output, "--kind needs --start or --report-at-exit");
   EXPECT_EQ(refused.code, 2);
 }
 

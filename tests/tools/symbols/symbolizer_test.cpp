@@ -2,8 +2,7 @@
 #include "tools/symbols/symbolizer.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <gelf.h>
+#include <elf.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -21,41 +20,25 @@
 #endif
 
 #include "tests/temporary_directory.h"
+#include "tests/tools/shell.h"
 #include "tools/symbols/code_ranges.h"
 #include "tools/symbols/demangle.h"
 
 namespace memleak {
 namespace {
 
-// The mapping offset of a symbol, from the file's own tables.
+std::uint64_t FirstNumber(const std::string& command) {
+  return std::strtoull(Shell(command).output.c_str(), nullptr, 16);
+}
+
+// The offset of a symbol in the executable mapping.
 std::uint64_t OffsetOf(const std::string& path, const std::string& name) {
-  elf_version(EV_CURRENT);
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  Elf* elf = elf_begin(file, ELF_C_READ, nullptr);
-  std::uint64_t page = 0;
-  std::size_t segments = 0;
-  elf_getphdrnum(elf, &segments);
-  for (std::size_t i = 0; i < segments; ++i) {
-    GElf_Phdr segment;
-    gelf_getphdr(elf, static_cast<int>(i), &segment);
-    if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) page = segment.p_vaddr / 4096;
-  }
-  std::uint64_t value = 0;
-  for (Elf_Scn* section = elf_nextscn(elf, nullptr); section != nullptr;
-       section = elf_nextscn(elf, section)) {
-    GElf_Shdr header;
-    gelf_getshdr(section, &header);
-    if (header.sh_type != SHT_SYMTAB && header.sh_type != SHT_DYNSYM) continue;
-    Elf_Data* data = elf_getdata(section, nullptr);
-    GElf_Sym symbol;
-    for (int i = 0; gelf_getsym(data, i, &symbol) != nullptr; ++i) {
-      if (name == elf_strptr(elf, header.sh_link, symbol.st_name)) value = symbol.st_value;
-    }
-  }
-  elf_end(elf);
-  close(file);
+  const std::uint64_t value = FirstNumber("{ nm " + path + "; nm -D " + path +
+                                          "; } 2>/dev/null | grep -E ' " + name + "(@|$)'");
+  const std::uint64_t segment =
+      FirstNumber("readelf -lW " + path + " | awk '/LOAD/ && / R E / { print $3 }'");
   EXPECT_NE(value, 0U) << name << " in " << path;
-  return value - page * 4096;
+  return value - segment / 4096 * 4096;
 }
 
 class KnownLibrary : public testing::TestWithParam<const char*> {};
@@ -102,68 +85,52 @@ TEST(Symbolizer, NamesWithoutFilesHaveNoSymbols) {
   EXPECT_FALSE(symbolizer.StateOf(std::string(FIXTURE_SYMBOLS) + " (deleted)").found);
 }
 
-/// A stripped copy of the fixture, without a build id when `id` is unset, and what was taken off
-/// it.
-class StrippedLibrary {
- public:
-  explicit StrippedLibrary(bool id) {
-    const std::string remove = id ? "" : " -R .note.gnu.build-id";
-    Run(std::string("objcopy --only-keep-debug ") + remove + " " FIXTURE_SYMBOLS " " + Debug());
-    Run("objcopy --strip-all" + remove + " --add-gnu-debuglink=" + Debug() +
-        " " FIXTURE_SYMBOLS " " + Path());
-  }
-
-  std::string Path() const { return directory_.Path("libstripped.so"); }
-  std::string Debug() const { return directory_.Path("libstripped.debug"); }
-  /// Moves the debug file to `place` below a directory of its own, which is returned.
-  std::string MoveDebug(const std::string& place) const {
-    const std::filesystem::path target = directory_.Path("symbols/" + place);
-    std::filesystem::create_directories(target.parent_path());
-    std::filesystem::rename(Debug(), target);
-    return directory_.Path("symbols");
-  }
-
-  static void Run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0); }
-
- private:
-  TemporaryDirectory directory_;
-};
-
-std::uint32_t LineOfSpot(const std::string& path, const SymbolOptions& options) {
+std::uint32_t LineOfPlain(const std::string& path, const SymbolOptions& options) {
   Symbolizer symbolizer(options);
   const Symbols& symbols =
       symbolizer.Resolve(path, OffsetOf(FIXTURE_SYMBOLS, "fixture_plain")).symbols;
   return symbols.empty() ? 0 : symbols[0].line;
 }
 
-TEST(Symbolizer, FindsSeparateDebugFiles) {
-  {
-    const StrippedLibrary library(true);
-    EXPECT_EQ(LineOfSpot(library.Path(), {}), 113U) << "beside it, by its link";
-    Symbolizer symbolizer;
-    const std::string id = symbolizer.StateOf(library.Path()).build_id;
-    ASSERT_EQ(id.size(), 40U);
-    const std::string place = ".build-id/" + id.substr(0, 2) + "/" + id.substr(2) + ".debug";
-    const std::string directory = library.MoveDebug(place);
-    EXPECT_EQ(LineOfSpot(library.Path(), {}), 0U);
-    EXPECT_EQ(Symbolizer().StateOf(library.Path()).hint, place);
-    EXPECT_EQ(LineOfSpot(library.Path(), {.symbol_dirs = {"/", directory}}), 113U);
-  }
-  for (const char* place : {"libstripped.debug", "libstripped.so"}) {
-    const StrippedLibrary library(true);
-    const std::string directory = library.MoveDebug(place);
-    EXPECT_EQ(LineOfSpot(library.Path(), {.symbol_dirs = {directory}}), 113U) << place;
-  }
+// Strips the fixture to "lib.so" in `directory` and its debug information to "lib.debug".
+void Strip(const TemporaryDirectory& directory, const std::string& remove = "") {
+  const Outcome outcome =
+      Shell("cd " + directory.Path("") + " && objcopy --only-keep-debug " + remove +
+            " " FIXTURE_SYMBOLS " lib.debug && objcopy --strip-all " + remove +
+            " --add-gnu-debuglink=lib.debug " FIXTURE_SYMBOLS " lib.so");
+  ASSERT_EQ(outcome.code, 0) << outcome.output;
 }
 
-TEST(Symbolizer, LeavesDebugFilesOfOtherBuildsAlone) {
-  const StrippedLibrary other(true);
-  const StrippedLibrary plain(false);
-  EXPECT_EQ(LineOfSpot(plain.Path(), {}), 113U) << "by the checksum of its link";
-  std::ofstream(plain.Debug(), std::ios::app) << "changed";
-  EXPECT_EQ(LineOfSpot(plain.Path(), {}), 0U);
-  StrippedLibrary::Run("cp " + other.Debug() + " " + plain.Debug());
-  EXPECT_EQ(LineOfSpot(plain.Path(), {}), 0U) << "has a build id, the library has none";
+// libdwfl does the search; these are the places that the help promises.
+TEST(Symbolizer, FindsSeparateDebugFilesOfTheSameBuild) {
+  const TemporaryDirectory directory;
+  Strip(directory);
+  const std::string path = directory.Path("lib.so");
+  EXPECT_EQ(LineOfPlain(path, {}), 113U) << "beside it, by its link";
+  const std::string hint = Symbolizer({.symbol_dirs = {"/"}}).StateOf(path).hint;
+  EXPECT_EQ(hint, "");
+  const std::string debug = directory.Path("lib.debug");
+  std::filesystem::create_directory(directory.Path("elsewhere"));
+  std::filesystem::rename(debug, directory.Path("elsewhere/debug"));
+  EXPECT_EQ(LineOfPlain(path, {}), 0U);
+  const std::string missing = Symbolizer().StateOf(path).hint;
+  EXPECT_EQ(missing.rfind(".build-id/", 0), 0U) << missing;
+  for (const std::string& place :
+       {missing, std::string("lib.debug"), std::string("lib.so"), "below/" + path}) {
+    const std::filesystem::path target = directory.Path("symbols/" + place);
+    std::filesystem::create_directories(target.parent_path());
+    std::filesystem::copy_file(directory.Path("elsewhere/debug"), target);
+    EXPECT_EQ(LineOfPlain(path, {.symbol_dirs = {"/", directory.Path("symbols"),
+                                                 directory.Path("symbols/below")}}),
+              113U)
+        << place;
+    std::filesystem::remove_all(directory.Path("symbols"));
+  }
+  const TemporaryDirectory other;
+  Strip(other, "-R .note.gnu.build-id");
+  EXPECT_EQ(LineOfPlain(other.Path("lib.so"), {}), 113U) << "by the checksum in its link";
+  std::ofstream(other.Path("lib.debug"), std::ios::app) << "changed";
+  EXPECT_EQ(LineOfPlain(other.Path("lib.so"), {}), 0U) << "of another build";
 }
 
 TEST(Symbolizer, SysrootStandsForTheDevice) {
@@ -171,11 +138,11 @@ TEST(Symbolizer, SysrootStandsForTheDevice) {
   std::filesystem::create_directories(device.Path("system/lib64"));
   std::filesystem::copy(FIXTURE_SYMBOLS, device.Path("system/lib64/libdevice.so"));
   const SymbolOptions sysroot{.sysroot = device.Path("")};
-  EXPECT_EQ(LineOfSpot("/system/lib64/libdevice.so", sysroot), 113U);
-  EXPECT_EQ(LineOfSpot("/system/lib64/libdevice.so (deleted)", sysroot), 113U);
-  EXPECT_EQ(LineOfSpot(FIXTURE_SYMBOLS, sysroot), 0U) << "this machine is not the device";
+  EXPECT_EQ(LineOfPlain("/system/lib64/libdevice.so", sysroot), 113U);
+  EXPECT_EQ(LineOfPlain("/system/lib64/libdevice.so (deleted)", sysroot), 113U);
+  EXPECT_EQ(LineOfPlain(FIXTURE_SYMBOLS, sysroot), 0U) << "this machine is not the device";
   const SymbolOptions symbols{.symbol_dirs = {device.Path("system/lib64")}};
-  EXPECT_EQ(LineOfSpot("/data/app/base.apk!/lib/arm64/libdevice.so", symbols), 113U);
+  EXPECT_EQ(LineOfPlain("/data/app/base.apk!/lib/arm64/libdevice.so", symbols), 113U);
 }
 
 // A file of one executable segment at 0x5000, as far as it is looked at, with three calls.
@@ -237,9 +204,10 @@ TEST(Symbolizer, AsksNoServerUnlessToldTo) {
   ASSERT_EQ(getsockname(listener, generic, &length), 0);
   const std::string server = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
   setenv("DEBUGINFOD_URLS", server.c_str(), 1);
-  const StrippedLibrary library(true);
-  library.MoveDebug("elsewhere.debug");
-  EXPECT_TRUE(Symbolizer().StateOf(library.Path()).found);
+  const TemporaryDirectory directory;
+  Strip(directory);
+  std::filesystem::remove(directory.Path("lib.debug"));
+  EXPECT_TRUE(Symbolizer().StateOf(directory.Path("lib.so")).found);
   EXPECT_LT(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), 0);
   close(listener);
 }

@@ -1,4 +1,4 @@
-// The release that the headers are dressed as.
+// The API level of the fake bionic sysroot.
 #pragma once
 
 #define __ANDROID_API__ 29

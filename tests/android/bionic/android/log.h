@@ -1,4 +1,4 @@
-// liblog's interface, as far as the tree uses it.
+// The part of liblog that the tree uses.
 #pragma once
 
 typedef enum android_LogPriority {

@@ -1,4 +1,4 @@
-// bionic's inotify_rm_watch takes the watch as it stands in an event: unsigned.
+// bionic's inotify_rm_watch takes an unsigned watch descriptor.
 #pragma once
 
 #define inotify_rm_watch gnu_inotify_rm_watch

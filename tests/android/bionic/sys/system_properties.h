@@ -1,4 +1,4 @@
-// bionic's interface, as far as the tree uses it.
+// The part of bionic's header that the tree uses.
 #pragma once
 
 #define PROP_VALUE_MAX 92

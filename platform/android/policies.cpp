@@ -1,0 +1,26 @@
+// The policies of Android.
+#include "platform/policies.h"
+
+#include <sys/mman.h>
+
+namespace platform {
+
+bool ForkedChildFreesLocks() {
+  return false;
+}
+
+int ProtectionAfterWrite(const void* /*page*/, std::size_t /*bytes*/) {
+  return PROT_READ;
+}
+
+PcWidth AcceptedPcWidth() {
+  return kAndroidPcWidth;
+}
+
+void KeepBlocked(const sigset_t& /*interrupted*/, sigset_t* /*mask*/) {}
+
+bool ThreadKeyNeverAllocates(pthread_key_t /*key*/) {
+  return true;
+}
+
+}  // namespace platform
