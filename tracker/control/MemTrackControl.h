@@ -10,7 +10,7 @@
 #include "platform/thread_mark.h"
 #include "private/bionic_malloc_dispatch.h"
 #include "protocol/kinds.h"
-#include "system/ThreadMark.h"
+#include "platform/thread_mark.h"
 
 using protocol::MemTrackType;
 using protocol::NATIVE;
