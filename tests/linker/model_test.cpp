@@ -25,8 +25,8 @@ namespace {
 struct Model {
   std::vector<GElf_Phdr> headers;
   std::set<std::string> defined;
-  std::set<std::string> called;     // undefined symbols that have a slot
-  std::vector<std::string> names;   // by symbol
+  std::set<std::string> called;                             // undefined symbols that have a slot
+  std::vector<std::string> names;                           // by symbol
   std::map<std::size_t, std::vector<std::uint64_t>> slots;  // by symbol
 };
 
@@ -45,7 +45,8 @@ bool Read(int file, Model& model) {
   }
   GElf_Shdr shape;
   const auto find = [&](const auto& visit) {
-    for (Elf_Scn* each = elf_nextscn(elf, nullptr); each != nullptr; each = elf_nextscn(elf, each)) {
+    for (Elf_Scn* each = elf_nextscn(elf, nullptr); each != nullptr;
+         each = elf_nextscn(elf, each)) {
       gelf_getshdr(each, &shape);
       visit(elf_getdata(each, nullptr));
     }

@@ -4,8 +4,9 @@
 // that one and all later ones refused, for growing n until there is no n-th request. Requests are
 // those of the whole process: the allocator and mmap are this program's. The child must live, what
 // it called must have returned or logged the right thing, and with memory again the tracker must
-// work. Prints a line for each scenario that fails, and the number of children; exit code 1 when one
-// fails. MEMLEAK_TRACKER_ROOT names a directory for reports, MEMLEAK_TRACKER_LOG the file "log" there.
+// work. Prints a line for each scenario that fails, and the number of children; exit code 1 when
+// one fails. MEMLEAK_TRACKER_ROOT names a directory for reports, MEMLEAK_TRACKER_LOG the file "log"
+// there.
 #include <malloc.h>
 #include <pthread.h>
 #include <sys/stat.h>
