@@ -60,20 +60,6 @@ TEST(HookedCaller, ComesFirstAsItIsAndNoLevelIsSkipped) {
   __asm__ volatile("");  // no jump: this function's own frame must be there
 }
 
-TEST(HookedCaller, HasAFrameRecordAtAnyMultipleOfTheRegisterSize) {
-  is_plt_hook = true;
-  alignas(16) std::uint64_t words[3] = {0, 0, 0x67890};
-  const auto* record = reinterpret_cast<const arch::FrameRecord*>(words + 1);
-  call = {1, 0x12345, reinterpret_cast<std::uintptr_t>(record)};
-  std::vector<std::uint64_t> expected{0x12345};
-  // A chain that ends there.
-  EXPECT_EQ(Capture(10), expected);
-  // One that goes on in a circle.
-  words[1] = call.frame;
-  if (arch::kFrameAlignment == 8) expected.push_back(CallerOf(*record));
-  EXPECT_EQ(Capture(2), expected);
-}
-
 TEST(HookedCaller, WithoutAFramePointerIsAllThatIsKnown) {
   is_plt_hook = true;
   char local = 0;

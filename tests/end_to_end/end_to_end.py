@@ -8,6 +8,7 @@ architecture. Exit code 0 when the case holds.
 
 import os
 import re
+import resource
 import shlex
 import subprocess
 import sys
@@ -201,6 +202,27 @@ def churn(session):
     groups = session.groups()
     assert kept(groups, 90) == 25
     assert not [g for g in groups if g.size == 700], "blocks that were freed"
+    session.quit()
+
+
+def shortage(session):
+    """Without room for the report or descriptors for it the program lives on, the controller says
+    that there is no report, and the next report is whole."""
+    session.start("--start")
+    pid = session.process.pid
+    for limit, least in ((resource.RLIMIT_FSIZE, 100), (resource.RLIMIT_NOFILE, 3)):
+        session.step("alloc 50 200")
+        before = resource.prlimit(pid, limit)
+        resource.prlimit(pid, limit, (least, before[1]))
+        session.memleak("report", pid, "--timeout", "1s", code=2)
+        session.step("alloc 7 96")
+        resource.prlimit(pid, limit, before)
+        session.tell("on")
+        session.step("alloc 5 120")
+        session.tell("report")
+        groups = session.groups()
+        assert [kept(groups, s) for s in (96, 120, 200)] == [0, 5, 0]
+        session.tell("on")
     session.quit()
 
 

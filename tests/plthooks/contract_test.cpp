@@ -123,8 +123,7 @@ Function Hooked(const char* name, T* /*function*/) {
 /// In the order of contract_call.
 const Function kFunctions[kContractCalls] = {
     HOOKED(contract_many),    HOOKED(contract_variadic), HOOKED(contract_four),
-    HOOKED(contract_doubles), HOOKED(contract_long),     HOOKED(contract_complex),
-    HOOKED(contract_large),   HOOKED(contract_vector),
+    HOOKED(contract_complex), HOOKED(contract_large),
 };
 
 class Contract : public testing::TestWithParam<int> {

@@ -1,17 +1,11 @@
-// Trampolines as they lie in memory, the hook stack, and the ends of a process that misuses it.
+// The hook stack, and the end of a process that misuses it.
 #include "plthooks/trampoline.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <csetjmp>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <string>
 #include <thread>
 
 #include "tests/plthooks/support.h"
@@ -19,70 +13,6 @@
 
 namespace lumora::plthooks {
 namespace {
-
-std::uintptr_t Create(std::uint64_t id = 77) {
-  return reinterpret_cast<std::uintptr_t>(create_trampoline(id));
-}
-
-constexpr std::size_t kCodeBytes = arch::kTrampolineCodeBytes;
-
-TEST(Copy, IsTheTemplateAndItsThreeWords) {
-  const std::uintptr_t code = Create(0x1122334455667788);
-  ASSERT_NE(code, 0U);
-  EXPECT_EQ(std::memcmp(reinterpret_cast<void*>(code), arch_trampoline_code, kCodeBytes), 0);
-  std::uint64_t words[3];
-  std::memcpy(words, reinterpret_cast<void*>(code + kCodeBytes), sizeof(words));
-  EXPECT_EQ(words[0], reinterpret_cast<std::uint64_t>(trampoline::push_hook_stack));
-  EXPECT_EQ(words[1], reinterpret_cast<std::uint64_t>(trampoline::pop_hook_stack));
-  EXPECT_EQ(words[2], 0x1122334455667788U);
-}
-
-#if defined(__aarch64__)
-/// The instructions at `code`, "; " behind each; addresses count from its start.
-std::string Disassemble(std::uintptr_t code) {
-  const std::string file = testing::TempDir() + "trampoline." + std::to_string(getpid());
-  std::ofstream(file).write(reinterpret_cast<const char*>(code), kCodeBytes);
-  const std::string command = OBJDUMP " -D -b binary --no-show-raw-insn -m aarch64 " + file;
-  FILE* output = popen(command.c_str(), "r");
-  std::string text;
-  char line[256];
-  while (output != nullptr && std::fgets(line, sizeof(line), output) != nullptr) {
-    const char* colon = std::strstr(line, ":\t");
-    if (colon == nullptr) continue;
-    text += std::string(colon + 2, std::strcspn(colon + 2, "\n")) + "; ";
-  }
-  EXPECT_EQ(pclose(output), 0) << command;
-  std::remove(file.c_str());
-  std::replace(text.begin(), text.end(), '\t', ' ');
-  return text;
-}
-
-TEST(Copy, HasThirtyNineInstructions) {
-  EXPECT_EQ(Disassemble(Create()),
-            "sub sp, sp, #0xd0; stp q0, q1, [sp]; stp q2, q3, [sp, #32]; stp q4, q5, [sp, #64]; "
-            "stp q6, q7, [sp, #96]; stp x0, x1, [sp, #128]; stp x2, x3, [sp, #144]; "
-            "stp x4, x5, [sp, #160]; stp x6, x7, [sp, #176]; str x8, [sp, #192]; "
-            "ldr x0, 0xac; mov x1, x30; mov x2, x29; ldr x16, 0x9c; blr x16; mov x16, x0; "
-            "ldr x8, [sp, #192]; ldp x6, x7, [sp, #176]; ldp x4, x5, [sp, #160]; "
-            "ldp x2, x3, [sp, #144]; ldp x0, x1, [sp, #128]; ldp q6, q7, [sp, #96]; "
-            "ldp q4, q5, [sp, #64]; ldp q2, q3, [sp, #32]; ldp q0, q1, [sp]; add sp, sp, #0xd0; "
-            "blr x16; sub sp, sp, #0x50; stp x0, x1, [sp]; stp q0, q1, [sp, #16]; "
-            "stp q2, q3, [sp, #48]; ldr x16, 0xa4; blr x16; mov x30, x0; ldp q2, q3, [sp, #48]; "
-            "ldp q0, q1, [sp, #16]; ldp x0, x1, [sp]; add sp, sp, #0x50; ret; ");
-}
-#endif
-
-TEST(Copies, FillBlocks) {
-  // 22 trampolines of 180 bytes on aarch64, 10 of 400 on x86-64.
-  constexpr std::uintptr_t kInBlock = 4096 / trampoline::kTrampolineBytes;
-  for (int block = 0; block < 2; ++block) {
-    const std::uintptr_t first = Create();
-    EXPECT_EQ(first % 4096, 0U);
-    for (std::uintptr_t at = 1; at < kInBlock; ++at) {
-      EXPECT_EQ(Create(), first + at * trampoline::kTrampolineBytes);
-    }
-  }
-}
 
 int nested = 0;
 int CountNested(int depth) {
@@ -188,7 +118,7 @@ TEST(Misuse, EndsTheProcessWithItsMessage) {
     std::function<void()> misuse;
     const char* message;
   } cases[] = {
-      {[] { reinterpret_cast<void (*)()>(Create())(); },
+      {[] { reinterpret_cast<void (*)()>(create_trampoline(77))(); },
        "7 .*plthooks/trampoline.cpp:[0-9]+. Run list for trampoline is empty"},
       {[] { AskWrongly(1); }, ". CALL_PREV call outside of an active hook"},
       {[&] { ask_within_a_call(library.address("calls_target")); },

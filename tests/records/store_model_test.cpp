@@ -241,7 +241,7 @@ class StoreModelTest : public RecordStoreTest {
 };
 
 TEST_F(StoreModelTest, TheStoreAnswersAsTheModelDoes) {
-  for (int round = 0; round < 600 && !HasFatalFailure(); ++round) {
+  for (int round = 0; round < 250 && !HasFatalFailure(); ++round) {
     SCOPED_TRACE(round);
     const std::uint64_t what = random_() % 20;
     // Few blocks and everything compared after every step, or many.

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <list>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -69,33 +71,62 @@ std::string Deliver(int signum = SIGUSR1) {
   return trace;
 }
 
-TEST(Sigmux, AsksNewestFirstLateOnesAfterwardsThenThePreviousAction) {
+/// Random registrations, removals and deliveries beside plain lists.
+TEST(Sigmux, AsksAsTheListsSay) {
+  struct Handler {
+    Voice voice;
+    sigset_t signals;
+    bool late;
+    sigmux_entry* entry;
+  };
   TakeOver(0);
-  Voice voices[] = {{'a', 0}, {'b', 0}, {'l', 0}, {'m', 0}, {'x', 1}};
-  Register(SIGUSR1, Speak, &voices[0]);
-  Register(SIGUSR1, Speak, &voices[2], SIGMUX_FLAG_LATE);
-  sigmux_entry* late = Register(SIGUSR1, Speak, &voices[3], SIGMUX_FLAG_LATE);
-  sigmux_entry* newest = Register(SIGUSR1, Speak, &voices[1]);
-  Register(SIGUSR2, Speak, &voices[4]);
-
-  errno = ERANGE;
-  EXPECT_EQ(Deliver(), "bamlP");
-  EXPECT_EQ(errno, ERANGE);
-  voices[3].answer = 1;
-  EXPECT_EQ(Deliver(), "bam");
-  voices[1].answer = 7;
-  EXPECT_EQ(Deliver(), "b");
-
-  siginfo_t info = {};
-  info.si_signo = SIGUSR1;
-  trace.clear();
-  EXPECT_EQ(sigmux_handle_signal(SIGUSR1, &info, nullptr, SIGMUX_RUN_NORMAL), 7);
-  EXPECT_EQ(sigmux_handle_signal(SIGUSR1, &info, nullptr, SIGMUX_RUN_LATE), 1);
-  EXPECT_EQ(trace, "bm");
-
-  sigmux_unregister(newest);
-  sigmux_unregister(late);
-  EXPECT_EQ(Deliver(), "alP");
+  std::mt19937 random(1);
+  std::list<Handler> handlers;  // newest first
+  for (int step = 0; step < 3000 && !HasFailure(); ++step) {
+    const auto at = [&] { return std::next(handlers.begin(), random() % handlers.size()); };
+    const auto action = random() % 8;
+    if (action < 2 || handlers.empty()) {
+      if (handlers.size() > 12) continue;
+      const sigset_t signals = Only(random() % 4 == 0 ? SIGUSR2 : SIGUSR1);
+      const bool late = random() % 2 == 0;
+      const Voice voice = {static_cast<char>('a' + step % 26), 0};
+      Handler& added = handlers.emplace_front(Handler{voice, signals, late, nullptr});
+      added.entry = sigmux_register(&signals, Speak, &added.voice, late ? SIGMUX_FLAG_LATE : 0);
+    } else if (action < 4) {
+      const auto gone = at();
+      sigmux_unregister(gone->entry);
+      handlers.erase(gone);
+    } else if (action == 4) {
+      at()->voice.answer = random() % 4 == 0 ? step : 0;
+    } else {
+      const std::uint32_t selector = action == 5 ? static_cast<std::uint32_t>(1 + random() % 3) : 7;
+      std::string expected;
+      int answer = 0;
+      for (const bool late : {false, true}) {
+        if ((selector & (late ? SIGMUX_RUN_LATE : SIGMUX_RUN_NORMAL)) == 0) continue;
+        for (const Handler& each : handlers) {
+          if (answer != 0 || each.late != late || !sigismember(&each.signals, SIGUSR1)) continue;
+          expected += each.voice.name;
+          answer = each.voice.answer;
+        }
+      }
+      if (answer == 0 && (selector & SIGMUX_RUN_PREVIOUS) != 0) {
+        expected += 'P';
+        answer = 1;
+      }
+      if (action == 5) {
+        siginfo_t info = {};
+        info.si_signo = SIGUSR1;
+        trace.clear();
+        EXPECT_EQ(sigmux_handle_signal(SIGUSR1, &info, nullptr, selector), answer);
+        EXPECT_EQ(trace, expected);
+      } else {
+        errno = ERANGE;
+        EXPECT_EQ(Deliver(), expected);
+        EXPECT_EQ(errno, ERANGE);
+      }
+    }
+  }
 }
 
 TEST(Sigmux, InitTakesASignalOverOnce) {

@@ -1,4 +1,4 @@
-// The tracker of file descriptors as the tests want it: notes its calls.
+// Stands in for the tracker of descriptors: notes its calls.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -7,26 +7,15 @@ extern "C" {
 
 char fdtrack_calls[256];
 
-static void Note(const char* text) {
-  const std::size_t used = std::strlen(fdtrack_calls);
-  std::snprintf(fdtrack_calls + used, sizeof fdtrack_calls - used, "%s ", text);
-}
-
-#ifndef WITHOUT_ENABLE
 void EnableFdHook(std::uint32_t size, std::uint32_t type) {
-  char text[40];
-  std::snprintf(text, sizeof text, "enable(%u,%u)", size, type);
-  Note(text);
+  std::sprintf(fdtrack_calls + std::strlen(fdtrack_calls), "enable(%u,%u) ", size, type);
 }
-#endif
-#ifndef WITHOUT_DISABLE
 void DisableFdHook() {
-  Note("disable");
+  std::strcat(fdtrack_calls, "disable ");
 }
-#endif
-#ifndef WITHOUT_DUMP
+#ifdef WITH_DUMP
 void DumpFdleakStackToFile() {
-  Note("dump");
+  std::strcat(fdtrack_calls, "dump ");
 }
 #endif
 

@@ -1,0 +1,390 @@
+// All of the library but its exports, in this process: entries and hooked calls against a model of
+// what must be recorded, and what commands log. Reports tell what is recorded.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/control_signal.h"
+#include "tests/platform/platform_variable.h"
+#include "tests/temporary_directory.h"
+#include "tracker/MallocMemTrack.h"
+
+extern "C" {
+// Of libraries whose calls can be hooked.
+void* MapOne(std::size_t size);
+int UnmapOne(void* mapping, std::size_t size);
+int HeapRequest(int descriptor, unsigned long request, void* argument);
+int GpuRequest(int descriptor, unsigned long request, void* argument);
+}
+
+namespace {
+
+using Sizes = std::map<std::size_t, std::size_t>;  // blocks by size
+
+constexpr std::size_t kTwoGiB = std::size_t{1} << 31;
+constexpr std::uint32_t kParameter = 0x00200041;  // depth 32, type 'A'
+
+int device_result = 0;
+/// The thread's latest call of the C library's allocator.
+thread_local std::string forwarded;
+
+template <typename... Numbers>
+void Note(const char* name, Numbers... numbers) {
+  std::ostringstream text;
+  text << name;
+  ((text << ' ' << numbers), ...);
+  forwarded = text.str();
+}
+
+const MallocDispatch& Dispatch() {
+  static MallocDispatch table = {};
+  table.malloc = [](std::size_t size) { return Note("malloc", size), std::malloc(size); };
+  table.free = [](void* block) { Note("free"), std::free(block); };
+  table.calloc = [](std::size_t count, std::size_t size) {
+    return Note("calloc", count, size), std::calloc(count, size);
+  };
+  table.realloc = [](void* block, std::size_t size) {
+    return Note("realloc", size), std::realloc(block, size);
+  };
+  table.memalign = [](std::size_t alignment, std::size_t size) {
+    return Note("memalign", alignment, size), memalign(alignment, size);
+  };
+  table.aligned_alloc = [](std::size_t alignment, std::size_t size) {
+    return Note("aligned_alloc", alignment, size), memalign(alignment, size);
+  };
+  table.posix_memalign = [](void** result, std::size_t alignment, std::size_t size) {
+    *result = memalign(alignment, size);
+    return Note("posix_memalign", alignment, size), 0;
+  };
+  table.malloc_usable_size = [](const void* block) {
+    return malloc_usable_size(const_cast<void*>(block));
+  };
+  table.malloc_info = [](int options, std::FILE*) { return 100 + options; };
+  return table;
+}
+
+class TrackerTest : public testing::Test {
+ protected:
+  TrackerTest() {
+    std::filesystem::create_directories(directory_.Path("data/log/reliability"));
+    SetVariable("MEMLEAK_TRACKER_ROOT", directory_.Path("").c_str());
+    SetVariable("MEMLEAK_TRACKER_LOG", directory_.Path("log").c_str());
+  }
+  void SetUp() override {
+    static std::uint32_t zygote_child = 0;
+    ASSERT_TRUE(track_initialize(&Dispatch(), reinterpret_cast<bool*>(&zygote_child), ""));
+    // A sanitizer starts a thread of its own beside the first one.
+    std::thread([] {}).join();
+    threads_ = Threads();
+  }
+  void TearDown() override { track_finalize(); }
+
+  static nlink_t Threads() {
+    struct stat tasks = {};
+    stat("/proc/self/task", &tasks);
+    return tasks.st_nlink;
+  }
+  int Random(int limit) { return static_cast<int>(random_() % static_cast<unsigned>(limit)); }
+
+  /// Sends a command and waits for what it starts. Returns what it logged: "I text" and so on, with
+  /// a comma between lines.
+  std::string Send(std::uint64_t word, std::uint32_t parameter = kParameter) {
+    const auto lines = [&] { return directory_.Read("log").substr(log_read_); };
+    EXPECT_TRUE(SendControlSignal(getpid(), word, parameter));
+    // A sanitizer may delay the handler until the next call into the C library.
+    while (lines().find("received_sig") == std::string::npos || Threads() > threads_) usleep(500);
+    std::istringstream text(lines());
+    log_read_ += text.str().size();
+    std::string logged;
+    for (std::string line; std::getline(text, line);) {
+      const std::size_t tag = line.find(" MemLeak.Native: ");
+      if (tag == std::string::npos || line.find("received_sig") != std::string::npos) continue;
+      if (line.find("kxlog_exception") != std::string::npos) continue;
+      logged += (logged.empty() ? "" : ",") + line.substr(tag - 1, 2) + line.substr(tag + 17);
+    }
+    return logged;
+  }
+
+  /// The groups of the report that `word` makes.
+  Sizes Report(std::uint64_t word) {
+    Send(word);
+    std::istringstream report(directory_.Read("data/log/reliability/allocations_dump"));
+    Sizes sizes;
+    for (std::string line; std::getline(report, line);) {
+      std::size_t size = 0;
+      std::size_t count = 0;
+      if (std::sscanf(line.c_str(), "sz %zu %*u num %zu", &size, &count) == 2) sizes[size] += count;
+    }
+    return sizes;
+  }
+
+  const TemporaryDirectory directory_;
+  nlink_t threads_ = 0;
+  std::size_t log_read_ = 0;
+  std::mt19937 random_{1};
+};
+
+// AddressSanitizer makes the tracker's frames larger than a walk reaches: blocks have no stacks.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kHasStacks = false;
+#else
+constexpr bool kHasStacks = true;
+#endif
+
+bool IsRecorded(void* block) {
+  std::uintptr_t frames[4];
+  return track_malloc_backtrace(block, frames, 4) > 0;
+}
+
+TEST_F(TrackerTest, EntriesRecordWhatTheModelHolds) {
+  constexpr std::size_t kSizes[] = {0, 1, 40, 100, 5000, kTwoGiB - 1, kTwoGiB, SIZE_MAX / 2};
+  std::vector<std::pair<void*, std::size_t>> blocks;  // the size as recorded; 0: not recorded
+  std::size_t refused = 0;
+  for (int step = 0; step < 3000 && !HasFailure(); ++step) {
+    const bool recording = step % 1000 < 800;
+    EXPECT_EQ(track_malloc_info(1, nullptr), step % 1000 == 0 || step % 1000 > 800 ? 101 : 0);
+    if (step % 1000 == 0) {
+      for (auto& [block, size] : blocks) size = 0;
+      Send(0x90);
+    } else if (step % 1000 == 800) {
+      Sizes expected;
+      for (const auto& [block, size] : blocks) {
+        if (kHasStacks && size != 0) ++expected[size];
+      }
+      Send(0x20);
+      EXPECT_EQ(Report(0x40), expected);
+    }
+    const int entry = Random(9);
+    std::size_t size = kSizes[Random(entry == 1 ? 5 : 8)];
+    // Blocks of 2 GiB are not really made.
+    if (!recording || size == kTwoGiB - 1) size = std::min<std::size_t>(size, 5000);
+    const std::size_t alignment = std::size_t{8} << Random(4);
+    const std::size_t used_alignment = alignment + (recording && Random(8) == 0 ? 8 : 0);
+    const bool odd = (used_alignment & (used_alignment - 1)) != 0;
+    const std::string asked = std::to_string(recording ? std::max<std::size_t>(size, 1) : size);
+    const std::string aligned = ' ' + std::to_string(used_alignment) + ' ' + asked;
+    void* block = nullptr;
+    std::string expected;
+    int error = size >= kTwoGiB ? ENOMEM : 0;
+    forwarded.clear();
+    errno = 0;
+    if (entry == 0) {
+      block = track_malloc(size);
+      expected = "malloc " + asked;
+    } else if (entry == 1) {
+      block = track_calloc(size, 3);
+      const std::size_t bytes = std::max<std::size_t>(size * 3, 1);
+      expected = recording ? "calloc 1 " + std::to_string(bytes) : "calloc " + asked + " 3";
+      size = bytes;
+    } else if (entry == 2) {
+      block = track_memalign(alignment, size);
+      expected = "memalign " + std::to_string(alignment) + ' ' + asked;
+    } else if (entry == 3) {
+      block = track_aligned_alloc(used_alignment, size);
+      expected = (recording ? "memalign" : "aligned_alloc") + aligned;
+      if (odd) error = EINVAL;
+    } else if (entry == 4) {
+      const int result = track_posix_memalign(&block, used_alignment, size);
+      expected = (recording ? "memalign" : "posix_memalign") + aligned;
+      if (odd) error = EINVAL;
+      EXPECT_EQ(result, error);
+      EXPECT_EQ(std::exchange(errno, error), 0);
+    } else if (blocks.empty()) {
+      continue;
+    } else {
+      const std::size_t index = static_cast<std::size_t>(Random(static_cast<int>(blocks.size())));
+      auto& [old, old_size] = blocks[index];
+      EXPECT_TRUE(!recording || IsRecorded(old) == (kHasStacks && old_size != 0));
+      const bool frees = entry > 6 || (recording && size == 0);
+      if (entry > 6) {
+        track_free(old);
+      } else if (size == 0 && !recording) {
+        continue;  // the C library decides
+      } else {
+        block = track_realloc(old, size);
+      }
+      if (frees || error == 0) {
+        EXPECT_EQ(forwarded, frees ? "free" : "realloc " + std::to_string(size));
+        blocks.erase(blocks.begin() + static_cast<std::ptrdiff_t>(index));
+        if (frees) {
+          EXPECT_EQ(block, nullptr);
+          continue;
+        }
+        expected = forwarded;
+      }
+    }
+    EXPECT_EQ(errno, error);
+    EXPECT_EQ(block == nullptr, error != 0);
+    EXPECT_EQ(forwarded, error == 0 ? expected : "") << step;
+    if (block == nullptr) {
+      ++refused;
+      continue;
+    }
+    EXPECT_TRUE(!recording || IsRecorded(block) == kHasStacks);
+    blocks.emplace_back(block, recording ? std::max<std::size_t>(size, 1) : 0);
+  }
+  EXPECT_GT(refused, 100U);
+  for (const auto& [block, size] : blocks) std::free(block);
+}
+
+TEST_F(TrackerTest, HookedKindsRecordWhatTheModelHolds) {
+  struct HeapBuffer {
+    std::uint64_t len;
+    std::uint32_t fd, flags;
+    std::uint64_t heap_flags;
+  } heaps[50] = {};
+  struct GpuBuffer {
+    std::uint64_t address, size, rest[4];
+  } gpus[50] = {};
+  constexpr unsigned long kHeapAllocate = 0xFFFFFFFFC0184800;  // sign-extended
+  constexpr unsigned long kGpuAllocate = 0xC0300945;
+  constexpr unsigned long kGpuFree = 0x40200946;
+  directory_.Write("properties",
+                   "persist.sys.memleak.hookLib=,libend_to_end_mapper.so,,libdmabufheap.so,"
+                   "libgsl.so\npersist.sys.memleak.hookFunc=mmap,munmap,ioctl,mremap\n");
+  std::vector<std::pair<void*, std::size_t>> mappings;
+  for (int round = 0; round < 6 && !HasFailure(); ++round) {
+    const std::uint64_t kind = 8 + 4 * static_cast<std::uint64_t>(round % 3);
+    const std::string logged = Send(0x800 | std::uint64_t{1} << kind);
+    EXPECT_NE(logged.find("hook to:true"), std::string::npos) << logged;
+    std::map<void*, std::size_t> model;
+    bool recording = true;
+    for (int step = 0; step < 600; ++step) {
+      const std::size_t size = static_cast<std::size_t>(Random(8)) * 4096;
+      const auto add = [&](void* key, std::size_t bytes) {
+        if (recording && bytes != 0) model[key] = bytes;
+      };
+      const auto remove = [&](void* key) {
+        if (recording) model.erase(key);
+      };
+      const std::size_t index = static_cast<std::size_t>(Random(50));
+      const int action = Random(40);
+      // A request that the device refuses is recorded like any other.
+      device_result = Random(4) == 0 ? -1 : 0;
+      if (action == 0) {
+        recording = !recording;
+        Send(std::uint64_t{1} << (recording ? kind : kind + 1));
+      } else if (action < 10) {
+        void* mapping = MapOne(size);
+        if (mapping != MAP_FAILED) mappings.emplace_back(mapping, size);
+        add(mapping, size);
+      } else if (action == 10) {
+        add(MapOne(std::size_t{1} << 60 | 4095), 4095);  // records keep 31 bits
+      } else if (action < 20 && !mappings.empty()) {
+        EXPECT_EQ(UnmapOne(mappings.back().first, mappings.back().second), 0);
+        remove(mappings.back().first);
+        mappings.pop_back();
+      } else if (action < 26) {
+        heaps[index].len = size;
+        EXPECT_EQ(HeapRequest(3, kHeapAllocate, &heaps[index]), device_result);
+        add(&heaps[index].fd, size);
+      } else if (action < 36) {
+        const bool allocate = action < 32 || gpus[index].size == 0;
+        if (allocate) gpus[index].size = size;
+        EXPECT_EQ(GpuRequest(3, allocate ? kGpuAllocate : kGpuFree, &gpus[index]), device_result);
+        allocate ? add(&gpus[index], size) : remove(&gpus[index]);
+      } else {
+        // Nothing that has a size.
+        HeapRequest(3, 0xC0184801, &heaps[index]);
+        HeapRequest(3, kHeapAllocate, Random(2) == 0 ? nullptr : reinterpret_cast<void*>(8));
+        GpuRequest(3, Random(2) == 0 ? kGpuAllocate : kGpuFree, nullptr);
+      }
+    }
+    Sizes expected;
+    for (const auto& [key, size] : model) ++expected[size];
+    EXPECT_EQ(Report(std::uint64_t{4} << kind), expected) << "round " << round;
+    MapOne(4096);  // unhooked
+  }
+}
+
+std::string order;
+
+TEST_F(TrackerTest, CommandsRunInTheirOrderAndSomeEndTheSignal) {
+  EXPECT_FALSE(RegistryAllocateTracker(2, nullptr));
+  EXPECT_FALSE(RegistryAllocateTracker(6, [] {}));
+  EXPECT_TRUE(RegistryAllocateTracker(4, [] { errno = EBADF, order += "4 "; }));
+  EXPECT_TRUE(RegistryAllocateTracker(5, [] { order += "5 "; }));
+  const std::string on = "I set hook to:true, btsize:10, btType:0";
+  const std::string missing = "E libfdtrack does not exist, fail to ";
+  errno = 0;
+  EXPECT_EQ(Send(0xFFFFFFFF01000009), "");
+  EXPECT_EQ(Send(0x16), on);
+  EXPECT_EQ(order, "4 5 ");
+  EXPECT_NE(errno, EBADF) << "the interrupted thread keeps its errno";
+  const auto logs = [this](std::uint64_t word, const std::string& logged) {
+    std::string text = Send(word);
+    for (std::size_t name; (name = text.find(":tracker_test")) != std::string::npos;) {
+      text.erase(name, 13);
+    }
+    EXPECT_EQ(text, logged) << std::hex << word;
+  };
+  logs(0xB0, on + ",I set hook to:false,I native clear");
+  logs(0x8A0, "I set hook to:false,I native clear,I mmap clear");
+  logs(0xA000, "I set ionhook to:false,I ion clear");
+  // Without targets nothing is hooked, and what comes later is not carried out.
+  logs(0x1300, "");
+  directory_.Write("properties",
+                   "persist.sys.memleak.hookLib=libc.so,libm.so\n"
+                   "persist.sys.memleak.hookFunc=mmap,x\n");
+  logs(0x90100,
+       "E plt hook mmap error: No such file or directory,"
+       "E plt hook mmap error: No such file or directory,E all plt hook failed!");
+  // Descriptors: only a dump that failed lets the rest run.
+  logs(0x208000, missing + "disable.");
+  logs(0xC08000, missing + "dump stack.,I ion clear");
+  EXPECT_EQ(Send(0x108000).rfind("E  load libfdtrack failed: libfdtrack.so:", 0), 0U);
+
+  // A loaded library of that name is found.
+  void* library = dlopen(FDTRACK_WITHOUT, RTLD_NOW);
+  logs(0x508000, "E no DumpFdleakStackToFile found, fail to dumpstack.,I ion clear");
+  dlclose(library);
+  library = dlopen(FDTRACK_WITH, RTLD_NOW);
+  logs(0x308000, "I ion clear");
+  logs(0xE08000, "");  // not cleared, so still loaded
+  EXPECT_STREQ(static_cast<const char*>(dlsym(library, "fdtrack_calls")),
+               "enable(32,65) disable disable dump ");
+  logs(0x800000, "");
+  logs(0x200000, missing + "disable.");
+}
+
+TEST_F(TrackerTest, CommandsAndTheEndWhileThreadsAllocate) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "entries call a store object that a clear has ended; it has no members";
+#endif
+  std::atomic<bool> done{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&done] {
+      while (!done) track_free(track_realloc(track_calloc(1, 8), 9));
+    });
+  }
+  threads_ = Threads();
+  for (int i = 0; i < 100; ++i) {
+    Send(std::uint64_t{0x10} << Random(i % 10 == 0 ? 4 : 2) | (i % 3 == 0 ? 0x80 : 0));
+  }
+  track_finalize();  // threads are still inside
+  done = true;
+  for (std::thread& thread : threads) thread.join();
+  SetUp();
+}
+
+}  // namespace
+
+/// The device. The libraries find it before the C library's.
+extern "C" __attribute__((visibility("default"))) int ioctl(int, unsigned long, ...) noexcept {
+  return device_result;
+}
