@@ -7,7 +7,9 @@
 #include <sstream>
 
 #include "tests/temporary_directory.h"
+#include "tools/base/user_error.h"
 #include "tools/export/json.h"
+#include "tools/export/json_input.h"
 
 namespace memleak {
 namespace {
@@ -70,32 +72,52 @@ TEST(Model, ResolvesInlinedCallsIntoFramesOfTheirOwn) {
   EXPECT_TRUE(inlined);
 }
 
-TEST(Json, HoldsTheModelAndIsValidWhateverTheNames) {
+nlohmann::json Written(const nlohmann::json& document) {
+  std::ostringstream out;
+  WriteJson(document, out);
+  return nlohmann::json::parse(out.str());
+}
+
+TEST(Json, IsReadBackAndRefusedIfDamaged) {
   const TemporaryDirectory directory;
   const Profile profile = LoadProfile(directory.Write("report", kText), {});
-  std::ostringstream out;
-  WriteJson(ToJson(profile), out);
-  const nlohmann::json document = nlohmann::json::parse(out.str());
-  EXPECT_EQ(document["format"], "memleak-profile");
-  EXPECT_EQ(document["report"]["damagedLines"], 1);
-  EXPECT_EQ(document["report"]["damaged"], std::vector<int>{7});
-  EXPECT_EQ(document["totals"], (nlohmann::json{{"bytes", 5000},
-                                                {"groups", 3},
-                                                {"announcedGroups", 2},
-                                                {"blocks", 4},
-                                                {"listedBytes", 104},
-                                                {"listedGroups", 2},
-                                                {"unlistedBytes", 4896},
-                                                {"unlistedGroups", 1},
-                                                {"javaBytes", 64},
-                                                {"javaGroups", 1}}));
-  EXPECT_EQ(document["groups"][0]["ages"], (std::vector<int>{5, 200, 0}));
-  EXPECT_EQ(document["groups"][2]["kind"], "java");
-  EXPECT_EQ(document["frames"].size(), 5U);
-  EXPECT_FALSE(document.contains("selection"));
-  EXPECT_EQ(
-      ToJson(profile, {1})["selection"],
-      (nlohmann::json{{"bytes", 8}, {"groups", 1}, {"omittedBytes", 160}, {"omittedGroups", 2}}));
+  const nlohmann::json whole = Written(ToJson(profile));
+  EXPECT_EQ(whole["report"]["damaged"], std::vector<int>{7});
+  EXPECT_EQ(whole["totals"], (nlohmann::json{{"bytes", 5000},
+                                             {"groups", 3},
+                                             {"announcedGroups", 2},
+                                             {"blocks", 4},
+                                             {"listedBytes", 104},
+                                             {"listedGroups", 2},
+                                             {"unlistedBytes", 4896},
+                                             {"unlistedGroups", 1},
+                                             {"javaBytes", 64},
+                                             {"javaGroups", 1}}));
+  const auto load = [&](const nlohmann::json& document) {
+    return LoadDocument(directory.Write("read.json", document.dump()));
+  };
+  nlohmann::json again = Written(ToJson(load(whole).profile));
+  again["report"]["path"] = whole["report"]["path"];
+  EXPECT_EQ(again, whole);
+
+  const nlohmann::json compared = Written(DiffToJson(profile, profile));
+  EXPECT_EQ(load(compared).base->path, profile.path);
+  const auto expect_damaged = [&](nlohmann::json document, const char* pointer,
+                                  const nlohmann::json& value) {
+    document[nlohmann::json::json_pointer(pointer)] = value;
+    EXPECT_THROW(load(document), UserError) << pointer << " " << value;
+  };
+  using Case = std::pair<const char*, nlohmann::json>;
+  for (const auto& [pointer, value] :
+       {Case{"/groups/0/stack/0", 5}, Case{"/groups/0/stack/0", -1}, Case{"/frames/0/library", 2},
+        Case{"/groups/0/total", -5}, Case{"/groups/0/total", "5"}, Case{"/groups/0/kind", "other"},
+        Case{"/frames", 7}, Case{"/totals", nullptr}, Case{"/version", 2},
+        Case{"/libraries/0/found", 1}}) {
+    expect_damaged(whole, pointer, value);
+  }
+  for (const char* pointer : {"/base/totals", "/groups/1/before", "/groups/0/status"}) {
+    expect_damaged(compared, pointer, "other");
+  }
 }
 
 }  // namespace
