@@ -1,8 +1,8 @@
-// Runs the page in Chromium, as a person would: loads, zooms, searches, sorts, opens rows. Pages are
-// written by the program itself. Run by ctest:
+// Runs the page in Chromium: loads, zooms, searches, sorts, opens rows. `memleak html` writes the
+// pages. Run by ctest:
 //   node page_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY
 //   node page_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY --picture FILE
-// The second form checks nothing: it takes the picture for the README.
+// The second form only takes the picture for the README.
 
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
@@ -15,7 +15,7 @@ import { difference, hostile, kHostileNames, large, line, report, server } from 
 const [memleak, modules, work, option, picture] = process.argv.slice(2);
 const { chromium } = createRequire(join(resolve(modules), "here.js"))("playwright-core");
 
-/** Has the program write a page about the document. */
+/** Writes the page of a document. */
 function write(name, document) {
   const [json, html] = [join(work, `${name}.json`), join(work, `${name}.html`)];
   writeFileSync(json, JSON.stringify(document));
@@ -23,7 +23,7 @@ function write(name, document) {
   return html;
 }
 
-/** Opens a page and fails for anything that it writes to the console or asks of the network. */
+/** Opens a page. Collects console messages and network requests as complaints. */
 async function open(browser, html, settings = {}) {
   const page = await browser.newPage({ viewport: { width: 1280, height: 900 }, ...settings });
   page.complaints = [];
@@ -49,7 +49,7 @@ const named = (page, part) => page.locator(`#flame g.frame[name*="${part}"]`).fi
 const rows = (page) => page.locator("#groups tr.group");
 const column = (page, key) => page.locator(`#groups tr.group td.${key}`).allInnerTexts();
 const sortOn = (page, key) => page.click(`#groups [data-sort=${key}]`);
-/** What is typed is searched for after a pause, and on a slow machine a part of it before that. */
+/** Waits for a search result: the search starts after a pause in typing. */
 const awaitFound = (page, source) =>
   page.waitForFunction((s) => new RegExp(s).test(document.getElementById("found").textContent), source);
 
@@ -91,7 +91,7 @@ function file(name, text) {
   return path;
 }
 
-/** Each figure of the head is that of the totals, `base` too where there is one. */
+/** The figures of the head are those of the totals, and of `base` if given. */
 async function agreesInTotals(page, totals, base) {
   for (const [name, key] of [
     ...[["total", "bytes"], ["listed", "listedBytes"]],
@@ -104,7 +104,7 @@ async function agreesInTotals(page, totals, base) {
   }
 }
 
-/** A report as the tracker writes it: the page says of it what `show` says. */
+/** A report of the tracker: the page says the same as `show`. */
 async function agreesWithShow(browser) {
   const ages = [9, 2, 1, 0];
   const text = report([line("one", 48, 1000, ages), line("two", 4096, 4, ages)]);
@@ -116,7 +116,7 @@ async function agreesWithShow(browser) {
   await agreesInTotals(page, totals);
   const sorted = [...groups].sort((a, b) => b.total - a.total);
   assert.deepEqual(await column(page, "count"), sorted.map((group) => count(group.count)));
-  // Four ages of a thousand blocks need not be those of any of them.
+  // Four ages of a thousand blocks may be those of other blocks.
   assert.deepEqual(await column(page, "pattern"), ["perhaps growing", "growing", "–"]);
   assert.deepEqual(await column(page, "age"), ["about 0s–9s", "0s–9s", "–"]);
   assert.match(run("show", source), /48 B .*about 0s..9s  perhaps g[^]*4.0 KiB  age 0s..9s  growing\n/);
@@ -174,7 +174,7 @@ async function zoomsAndSearches(browser) {
   await page.keyboard.press("Escape");
   await awaitFound(page, "^$");
 
-  // From the other end, and by the keyboard alone: two frames up from the root, in, and out again.
+  // From the other end, by keyboard: two frames up from the root, in, and out again.
   await page.getByLabel("Start at").selectOption("allocation");
   assert.equal(await width("malloc"), whole);
   await page.focus("#flame");
@@ -236,21 +236,21 @@ async function showsDifferences(browser) {
   await close(page);
 }
 
-/** What keeps it fluid: however much the report holds, so much is in the page and no more. */
+/** The number of elements does not depend on the size of the report. */
 async function holdsFewElements(page) {
   const elements = await page.evaluate(() => document.querySelectorAll("*").length);
   console.log(`  elements: ${elements}`);
   assert.ok(elements < 8000, `${elements} elements`);
 }
 
-/** Printed, for people to judge; a busy machine is slow, but not beyond all measure. */
+/** Prints the time against its budget. Fails at ten times the budget only, for busy machines. */
 function judge(what, budget, since) {
   const took = Math.round(performance.now() - since);
   console.log(`  ${what}: ${took} ms (budget ${budget} ms)${took > budget ? " OVER" : ""}`);
   assert.ok(took <= 10 * budget, `${what} took ${took} ms`);
 }
 
-/** How long a thing takes until the page has drawn it. */
+/** Measures an action until the page is drawn. */
 async function timed(page, what, budget, action) {
   const start = performance.now();
   await action();

@@ -206,12 +206,13 @@ void PrintNotJudged(const Profile& before, const Profile& after, const Differenc
       group.stack.empty()
           ? "[no stack]"
           : FrameName(difference.merged, difference.merged.frames[group.stack.front()]);
-  out << "Not judged: " << Counted(new_sums.groups, "group") << ", " << FormatBytes(old_sums.bytes)
-      << " -> " << FormatBytes(new_sums.bytes)
-      << ". One report lists them, or call sites\nof them, and the other one omits groups.\n"
-      << "The largest: " << FormatBytes(difference.changes[largest].before.total) << " -> "
-      << FormatBytes(difference.changes[largest].after.total) << " in " << FitWidth(function, 40)
-      << "\n";
+  const GroupChange& change = difference.changes[largest];
+  const std::string sums = "Not judged: " + Counted(new_sums.groups, "group") + ", " +
+                           FormatBytes(old_sums.bytes) + " -> " + FormatBytes(new_sums.bytes) + ";";
+  const std::string example = "the largest: " + FormatBytes(change.before.total) + " -> " +
+                              FormatBytes(change.after.total) + " in " + FitWidth(function, 40);
+  out << OneLineOrTwo(sums, example) << "\n"
+      << "One report lists them, or call sites of them, and the other one omits groups.\n";
   if (IsDamaged(before) || IsDamaged(after)) {
     out << "A report is truncated or damaged: write it again.\n";
   } else {

