@@ -109,7 +109,7 @@ void PrintHints(const Profile& profile, const std::vector<bool>& shown, std::ost
   }
 }
 
-// Marks the libraries on the stacks of the groups.
+// Marks the libraries on the stacks of `selected`.
 void MarkLibraries(const Profile& profile, const Selected& selected, std::vector<bool>* marked) {
   for (const std::size_t index : selected.groups) {
     for (const std::uint32_t frame : profile.groups[index].stack) {
