@@ -1,5 +1,5 @@
-// Reads what `memleak export --format pprof` writes with a decoder that is not ours, the one that
-// continuous profilers use, and compares with `show --json`. Run by ctest:
+// Decodes what `memleak export --format pprof` writes with the library that continuous profilers use,
+// and compares it with `export --format json`. Run by ctest:
 //   node pprof_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY LIBRARY
 // LIBRARY is small, with debug information and inlined calls.
 
@@ -16,13 +16,13 @@ const { Profile } = createRequire(join(resolve(modules), "here.js"))("pprof-form
 
 mkdirSync(work, { recursive: true });
 const [source, packed] = [join(work, "report"), join(work, "report.pb.gz")];
-// A stack through each spot of the library's code, whichever lines these turn out to be.
+// A stack through each place in the library's code.
 const spots = Array.from({ length: 512 }, (_, index) => index + 1);
 const stack = (at) => `[${library}+0x${at.toString(16)}] [/nowhere/two.so+0x2a] [unknow]`;
 const lines = spots.map((at) => `sz ${at} ${3 * at} num 3 time 5  bt ${stack(at)}`);
 writeFileSync(source, report([line("one", 48, 1000), ...lines], 7));
 execFileSync(memleak, ["export", source, "--format", "pprof", "-o", packed]);
-const wanted = JSON.parse(execFileSync(memleak, ["show", source, "--json"]));
+const wanted = JSON.parse(execFileSync(memleak, ["export", source, "--format", "json"], { stdio: ["ignore", "pipe", "ignore"] }));
 const got = Profile.decode(gunzipSync(readFileSync(packed)));
 
 const text = (index) => got.stringTable.strings[Number(index)];
@@ -58,13 +58,13 @@ const { totals, groups, frames, libraries } = wanted;
 assert.equal(sum(got.sample, ({ value }) => value[0]), sum(groups, (group) => group.count));
 assert.equal(sum(got.sample, ({ value }) => value[1]), totals.listedBytes + totals.javaBytes);
 
-// Samples have no names: each must stand there with its figures and all its frames.
+// Samples have no names: compares their figures and frames.
 const sample = ({ value, locationId }) =>
   [...value.map(Number), ...locationId.flatMap((id) => framesOf(locations.get(Number(id))))].join("\n");
 const group = ({ count, total, stack: indices }) => [count, total, ...indices.map(wantedFrame)].join("\n");
 assert.deepEqual(got.sample.map(sample).sort(), groups.map(group).sort());
 
-// That was no comparison of nothing with nothing.
+// The comparison covers symbols and inlined calls.
 const named = frames.filter((frame) => frame.function.includes("known::") && frame.line > 0);
 assert.ok(named.length > 3 && named.some((frame) => frame.inlined), "the library has symbols");
 assert.ok(libraries.some(({ path, buildId }) => path === library && /^[0-9a-f]{16,}$/.test(buildId)));

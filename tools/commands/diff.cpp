@@ -1,7 +1,8 @@
-// diff: what changed between two reports.
+// diff: compares two reports.
 #include <cstdint>
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -10,31 +11,28 @@
 #include "tools/commands/all.h"
 #include "tools/commands/input.h"
 #include "tools/commands/report_options.h"
-#include "tools/export/diff_json.h"
+#include "tools/export/json.h"
 #include "tools/view/diff_view.h"
 
 namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Says what grew, shrank, appeared and went from report OLD to report NEW, by call
-stack and size of block. Stacks are matched by function and library, so that
-reports of different runs can be compared; places without symbols are matched by
+Says which groups grew, shrank, appeared or went from report OLD to report NEW,
+by call stack and block size. Stacks are matched by function and library, so
+reports of different runs can be compared. Places without symbols are matched by
 the library's build id and offset.
 
-A report holds no symbols: they come from the files that are there now. Where a
-program was built anew between both, OLD needs those of its time: by
---old-symbols or --old-sysroot, or by giving the JSON document that
-`memleak export --format json` has written then. NEW may be one too.
+A report holds no symbols: they come from the files that exist now. If a program
+was rebuilt between the reports, give OLD the symbols of its time: use
+--old-symbols or --old-sysroot, or a JSON document that
+`memleak export --format json` wrote at that time. NEW can be a document too.
 
-A report lists its 1000 largest groups. One that only one report lists is called
-new or gone only when the other surely lacks it; where it may have been too
-small for the list, the bounds are shown ("0 B to 2.0 KiB"), and growth means
-what is certain of it.
-
-Several call sites may go by one stack: where one that the other report lists is
-missing, it may have been too small just as well. --fail-over compares the
-totals, which count all native groups, and the Java-native ones with them.
+A report lists its 1000 largest groups. If it omits others, a group that is
+missing may only be too small for the list. Such a group is not judged: a note
+counts these groups, and --json calls them "unknown". The same holds for a group
+that lacks one of its call sites. --fail-over compares the totals, which count
+all native groups, and the Java-native groups that are listed.
 
 Examples:
   memleak diff before/memleak.4711 after/memleak.4802
@@ -44,9 +42,9 @@ Examples:
 
 Exit codes:
   0  done
-  1  the total grew by more than --fail-over, and nothing else
-  2  any error: not a report, not readable, or truncated (--partial takes what
-     is there); with --fail-over, damaged)";
+  1  the total grew by more than --fail-over
+  2  error: not a report, not readable, truncated (--partial accepts that), or
+     damaged while --fail-over is given)";
 
 constexpr std::size_t kDefaultTop = 10;
 
@@ -61,18 +59,18 @@ struct DiffOptions {
   bool partial = false;
 };
 
-// All bytes of a report, with the Java-native groups, which the head does not count. Throws for a
-// damaged report: its total may read as 0, and --fail-over would pass wrongly.
+// All bytes of a report. The head does not count Java-native groups. Throws for a damaged report:
+// its total may read as 0, and --fail-over would pass.
 std::uint64_t TotalBytes(const Profile& profile) {
   const bool whole = profile.complete && profile.damaged_lines == 0;
   if (!whole || profile.header.total_bytes < profile.Listed(GroupKind::kNative).bytes) {
-    throw UserError("report is damaged and has no sure total: " + profile.path,
+    throw UserError("report is damaged, its total is not known: " + profile.path,
                     "leave out --fail-over, or write the report again");
   }
   return AddSaturated(profile.header.total_bytes, profile.Listed(GroupKind::kJava).bytes);
 }
 
-// Whether the total grew by more than `limit`; prints by how much. Throws as TotalBytes.
+// Whether the total grew by more than `limit`. Prints the growth if so.
 bool GrewOver(const Profile& before, const Profile& after, std::uint64_t limit) {
   const std::uint64_t growth = SubtractSaturated(TotalBytes(after), TotalBytes(before));
   if (growth <= limit) return false;
@@ -91,7 +89,7 @@ int Diff(const DiffOptions& options) {
     TotalBytes(after);
   }
   if (options.json) {
-    std::cout << DiffJson(before, after);
+    WriteJson(DiffToJson(before, after), std::cout);
   } else {
     PrintDifference(before, after, options.top.value_or(kDefaultTop), std::cout);
   }
@@ -108,10 +106,10 @@ void AddDiff(Program* program) {
       ->required()
       ->option_text(" ");
   command->add_option("NEW", options->after, "The same")->required()->option_text(" ");
-  AddTop(command, &options->top, "Stacks to show (10) of each sort; 0: all");
+  AddTop(command, &options->top, "Stacks that grew, and that shrank, to show\n(10); 0: all");
   ExpectBytes(command
                   ->add_option("--fail-over", options->fail_over,
-                               "Exit with 1 when all grew by more (64k, 1m)")
+                               "Exit with 1 if the total grew by more (64k)")
                   ->option_text("BYTES"));
   AddSymbolOptions(command, &options->symbols);
   AddOldSymbolOptions(command, &options->old_symbols, nullptr);

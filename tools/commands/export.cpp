@@ -1,4 +1,4 @@
-// export: a report in the formats of other programs.
+// export: writes a report in the format of another program.
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,7 +16,6 @@
 #include "tools/commands/input.h"
 #include "tools/commands/report_options.h"
 #include "tools/export/folded.h"
-#include "tools/export/html.h"
 #include "tools/export/json.h"
 #include "tools/export/pprof.h"
 #include "tools/export/speedscope.h"
@@ -27,13 +26,13 @@ namespace {
 
 constexpr const char* kHelp = R"(
 Writes a report for other programs:
-  folded      one line a stack, outermost function first, for flame graphs;
-              ";", "%" and blanks in names are written as %3B, %25 and %20
+  folded      one line for each stack, outermost function first, for flame
+              graphs; ";", "%" and blanks in names become %3B, %25 and %20
   speedscope  for the viewer of that name: one profile of bytes, one of blocks
   pprof       for `go tool pprof` and readers of continuous profilers:
               inuse_space and inuse_objects, with build ids and lines
   json        everything there is; docs/report-json.md describes it
-  html        the page of `memleak html`
+For a page for the browser, use `memleak html`.
 
 Examples:
   memleak export ./memleak.4711 --format folded > stacks.txt
@@ -42,10 +41,10 @@ Examples:
 
 Exit codes:
   0  written
-  2  not a report, not readable, or truncated (--partial takes what is there);
-     or the output cannot be written)";
+  2  error: not a report, not readable, truncated (--partial accepts that), or
+     the output cannot be written)";
 
-enum class Format : std::uint8_t { kFolded, kSpeedscope, kPprof, kJson, kHtml };
+enum class Format : std::uint8_t { kFolded, kSpeedscope, kPprof, kJson };
 
 struct ExportOptions {
   std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
@@ -67,8 +66,6 @@ void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostr
       return;
     case Format::kJson:
       return WriteJson(ToJson(profile), out);
-    case Format::kHtml:
-      out << HtmlPage(profile);
   }
 }
 
@@ -85,8 +82,8 @@ void WriteOutput(const Profile& profile, const ExportOptions& options) {
                   "make room, or give -o FILE");
 }
 
-// The formats have no place for groups that the report does not list.
-void TellUnlisted(const Profile& profile) {
+// No format has a place for groups that the report does not list.
+void WarnUnlisted(const Profile& profile) {
   const Sums unlisted = profile.Unlisted();
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
   std::cerr << "memleak: " << FormatBytes(unlisted.bytes) << " in "
@@ -106,7 +103,7 @@ int Export(const ExportOptions& options) {
   symbols.progress = true;
   const Profile profile = OpenProfile(options.report, options.partial, symbols);
   WriteOutput(profile, options);
-  TellUnlisted(profile);
+  WarnUnlisted(profile);
   return kExitOk;
 }
 
@@ -120,8 +117,7 @@ void AddExport(Program* program) {
                     {{"folded", Format::kFolded},
                      {"speedscope", Format::kSpeedscope},
                      {"pprof", Format::kPprof},
-                     {"json", Format::kJson},
-                     {"html", Format::kHtml}},
+                     {"json", Format::kJson}},
                     "Output format")
       ->required();
   command->add_option("-o,--output", options->output, "Where to (default: standard output)")

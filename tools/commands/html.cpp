@@ -9,18 +9,17 @@
 #include "tools/commands/all.h"
 #include "tools/commands/input.h"
 #include "tools/commands/report_options.h"
-#include "tools/export/diff_json.h"
 #include "tools/export/html.h"
+#include "tools/export/json.h"
 
 namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Writes one file that shows a report in a browser, with nothing else needed: a
-flame graph that zooms and searches, the table of groups with their stacks, and
-the ages of their blocks. With --diff, what grew and what shrank since OLD.
-A document of `memleak export --format json` or `memleak diff --json` will do as
-REPORT too, and one of `memleak export` as OLD.
+Writes one file that shows a report in a browser: a flame graph that zooms and
+searches, the table of groups with their stacks, and the ages of their blocks.
+With --diff, it shows what changed since OLD. REPORT can be a JSON document of
+`memleak export` or `memleak diff` too, and OLD one of `memleak export`.
 
 Examples:
   memleak html ./memleak.4711 -o leak.html
@@ -28,7 +27,7 @@ Examples:
 
 Exit codes:
   0  written
-  2  not a report, not readable, truncated (--partial shows what is there), or
+  2  error: not a report, not readable, truncated (--partial accepts that), or
      the page cannot be written)";
 
 struct HtmlOptions {
@@ -40,20 +39,19 @@ struct HtmlOptions {
   bool partial = false;          ///< show what is there of a truncated report
 };
 
-// The page for a report, or for the changes since an older one.
+// The page of one report, or of two.
 std::string ReportPage(const HtmlOptions& options) {
   SymbolOptions symbols = options.symbols;
   symbols.progress = true;
   if (!options.old.empty()) {
     const auto [before, after] =
         OpenPair(options.old, options.report, options.partial, symbols, options.old_symbols);
-    return HtmlPage(DiffJson(before, after));
+    return HtmlPage(DiffToJson(before, after));
   }
   const std::string path = FindReport(options.report);
-  if (!IsJsonDocument(path)) return HtmlPage(OpenProfile(path, options.partial, symbols));
+  if (!IsJsonDocument(path)) return HtmlPage(ToJson(OpenProfile(path, options.partial, symbols)));
   const Document document = OpenDocument(path, options.partial, symbols);
-  // A document that compares two reports holds more than a profile does.
-  return document.base ? HtmlPage(document.text) : HtmlPage(document.profile);
+  return HtmlPage(document.base ? document.json : ToJson(document.profile));
 }
 
 int Html(const HtmlOptions& options) {
@@ -75,7 +73,7 @@ void AddHtml(Program* program) {
   CLI::Option* old =
       command
           ->add_option("--diff", options->old,
-                       "An older report, or its JSON document:\nshow what changed since")
+                       "Show what changed since this older report or\nits JSON document")
           ->option_text("OLD");
   AddSymbolOptions(command, &options->symbols);
   AddOldSymbolOptions(command, &options->old_symbols, old);

@@ -22,7 +22,7 @@ constexpr const char* kNewerRemedy = "keep the files from the time of the report
 constexpr const char* kNewerOldRemedy =
     "use the files from the time of the report with --old-symbols or --old-sysroot";
 
-// Ascending line numbers as "16-30, 44".
+// Line numbers, which are ascending, as "16-30, 44".
 std::string Ranges(const std::vector<std::uint64_t>& lines) {
   std::string text;
   for (std::size_t i = 0; i < lines.size();) {
@@ -114,9 +114,13 @@ Profile Open(const std::string& given, bool partial, const SymbolOptions& option
              const std::string& newer_remedy) {
   CheckDirectories(options);
   const std::string path = FindReport(given);
-  const bool document = IsJsonDocument(path);
-  if (document) WarnUnusedSymbolDirs(path, options);
-  Profile profile = document ? LoadDocument(path) : LoadProfile(path, options);
+  if (IsJsonDocument(path)) {
+    Document document = OpenDocument(path, partial, options);
+    if (!document.base) return std::move(document.profile);
+    throw UserError("document compares two reports: " + path,
+                    "name a report, or a document of memleak export --format json");
+  }
+  Profile profile = LoadProfile(path, options);
   Check(profile, partial);
   WarnOfNewerFiles(profile, newer_remedy);
   return profile;
@@ -159,7 +163,7 @@ ProfilePair OpenPair(const std::string& before, const std::string& after, bool p
 Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options) {
   CheckDirectories(options);
   WarnUnusedSymbolDirs(path, options);
-  Document document = LoadAnyDocument(path);
+  Document document = LoadDocument(path);
   Check(document.profile, partial);
   if (document.base) Check(*document.base, partial);
   return document;

@@ -1,4 +1,4 @@
-// Finds and opens the reports named on the command line. Called by the commands that read reports;
+// Finds and opens the reports named on the command line. Used by the commands that read reports;
 // single-threaded.
 #pragma once
 
@@ -9,13 +9,13 @@
 
 namespace memleak {
 
-/// The path of the report: `given`, or the report in it if `given` is a root directory. Throws
-/// UserError if there is none.
+/// The path of the report: `given`, or the report below it if it is a root directory. Throws
+/// UserError if a root directory has none.
 std::string FindReport(const std::string& given);
 
-/// Finds the report and loads it with LoadProfile or LoadDocument. Prints warnings for damaged
-/// lines, for libraries newer than the report, and for symbol directories that a document does not
-/// need. Throws UserError for a truncated report unless `partial` is set.
+/// Loads the report, or the JSON document of one. Warns on the standard error of damaged lines, of
+/// libraries newer than the report, and of symbol directories given for a document. Throws
+/// UserError if it cannot be read, and if it is truncated unless `partial` is set.
 Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options);
 
 /// Two reports to compare.
@@ -24,11 +24,12 @@ struct ProfilePair {
   Profile after;
 };
 
-/// OpenProfile for both. `old_options` override `options` for the earlier one.
+/// OpenProfile for both reports. Members set in `old_options` replace those of `options` for the
+/// earlier one.
 ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
                      const SymbolOptions& options, const OldSymbolOptions& old_options);
 
-/// OpenProfile for the document at `path`. If it compares two reports, both are checked.
+/// The document at `path`, of one report or of two. Warns and throws like OpenProfile.
 Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options);
 
 }  // namespace memleak

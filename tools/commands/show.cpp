@@ -1,51 +1,49 @@
-// show: a report as text or as JSON.
+// show: prints a report.
 #include <unistd.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "tools/base/user_error.h"
 #include "tools/commands/all.h"
 #include "tools/commands/input.h"
 #include "tools/commands/report_options.h"
-#include "tools/export/json.h"
 #include "tools/view/show.h"
 
 namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Prints what a report holds: how much, in how many blocks, how old, and the call
-stacks with function, file and line where symbols exist. REPORT is the file or
-the root directory that holds it, or a JSON document of `memleak export`. What
-lies outside of the view is summed up below it.
+Prints what a report holds: bytes, blocks and ages, and the call stacks with
+function, file and line where symbols exist. REPORT is the file, the root
+directory that contains it, or a JSON document of `memleak export`. Groups that
+are not shown are summed up below the view. For programs, write JSON with
+`memleak export --format json`.
 
---by group lists blocks of one size and one stack; library and function sum
-groups up, with all that they call and (self) by the innermost frame alone; tree
-goes from the outermost call inwards, callers from the allocating call outwards.
---sort orders groups, sums and the branches of trees; size is that of a block.
+--by group lists the blocks of one size with one stack. --by library and
+function sum up the groups: "bytes" counts all that they call, "self" the
+innermost frame only. --by tree goes from the outermost call inwards, callers
+from the allocating call outwards. --sort orders groups, sums and branches; size
+is that of one block.
 
---filter takes a POSIX extended regular expression, as grep -E does, to be found
-anywhere in a name. Capitals are told apart: write [Ff]oo for either; [0-9], not
-\d, is a digit.
+--filter takes a POSIX extended regular expression, as grep -E does, and finds
+it anywhere in a name. Case matters: write [Ff]oo for either. A digit is [0-9],
+not \d.
 
---older-than keeps groups whose oldest listed block is at least that old: memory
-that comes and goes drops out. A group is called "growing" when it has blocks
-from both the first and the last quarter of the time that the report covers,
+--older-than keeps groups whose oldest listed block is at least that old, which
+drops short-lived memory. A group is called "growing" when it has blocks from
+both the first and the last quarter of the time that the report covers,
 "settled" when it has none from the last, "recent" when it has none from the
-first. A report lists at most 30 ages of a stack: where it is not certain that
-they are those of the group's blocks, the ages are said to be "about" so, and
-the word is "perhaps". Blocks of other sizes with the same stack may be among
-them then, and --older-than may keep or drop such a group wrongly.
+first. A report lists at most 30 ages of a stack. If they may be those of blocks
+of other sizes with the same stack, the ages are printed with "about" and the
+word with "perhaps", and --older-than may keep or drop the group wrongly.
 
-Lines come from the libraries, from debug files (by build id, debug link or
-name) in --symbols and /usr/lib/debug; from servers with --debuginfod alone.
+Source lines come from the libraries and from debug files (by build id, debug
+link or name) in --symbols and /usr/lib/debug. --debuginfod asks servers too.
 --sysroot replaces this machine's files by a copy of the device's. A file that
 is newer than the report is used with a warning: it may be another build.
 
@@ -54,19 +52,17 @@ Examples:
   memleak show ./memleak.4711 --by function --top 20
   memleak show allocations_dump --filter 'libfoo|Cache::' --older-than 10m
   memleak show allocations_dump --symbols out/symbols --sysroot device
-  memleak show allocations_dump --json | jq .totals
 
 Exit codes:
   0  shown
-  2  not a report, not readable, or truncated (--partial shows what is there))";
+  2  error: not a report, not readable, or truncated (--partial accepts that))";
 
 struct ShowOptions {
   std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
   ViewOptions view;
-  std::optional<std::uint32_t> top;  ///< default: 10; with --json all
+  std::optional<std::uint32_t> top;
   SymbolOptions symbols;
-  bool partial = false;  ///< show what is there of a truncated report
-  bool json = false;
+  bool partial = false;  ///< accept a truncated report
 };
 
 constexpr std::size_t kDefaultTop = 10;
@@ -79,32 +75,10 @@ bool WantsColor() {
          terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
-// Native groups, then Java ones: each kind sorted as requested and cut to `top` groups.
-std::vector<std::size_t> ChooseGroups(const Profile& profile, const ShowOptions& options) {
-  std::vector<std::size_t> chosen;
-  Selection selection = options.view.selection;
-  for (const GroupKind kind : {GroupKind::kNative, GroupKind::kJava}) {
-    selection.kind = kind;
-    std::vector<std::size_t> groups = SelectGroups(profile, selection).groups;
-    const std::size_t top = options.top.value_or(0);
-    if (top != 0 && groups.size() > top) groups.resize(top);
-    chosen.insert(chosen.end(), groups.begin(), groups.end());
-  }
-  return chosen;
-}
-
 int Show(const ShowOptions& options) {
   SymbolOptions symbols = options.symbols;
   symbols.progress = true;
-  if (options.json && options.view.view != View::kGroups) {
-    throw UserError("--json holds the groups themselves, whatever --by says",
-                    "leave out one of them");
-  }
   const Profile profile = OpenProfile(options.report, options.partial, symbols);
-  if (options.json) {
-    WriteJson(ToJson(profile, ChooseGroups(profile, options)), std::cout);
-    return kExitOk;
-  }
   ViewOptions view = options.view;
   view.top = options.top.value_or(kDefaultTop);
   view.color = WantsColor();
@@ -147,7 +121,6 @@ void AddShow(Program* program) {
                       {"age", SortKey::kAge}},
                      "Order (default: total)");
   AddSymbolOptions(command, &options->symbols);
-  command->add_flag("--json", options->json, "One JSON document, for programs");
   command->add_flag("--partial", options->partial, "Accept a truncated report");
   program->SetAction(command, [options] { return Show(*options); });
 }

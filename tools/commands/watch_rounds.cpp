@@ -12,6 +12,7 @@
 #include <functional>
 #include <iomanip>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -21,8 +22,8 @@
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/on.h"
-#include "tools/export/diff_json.h"
 #include "tools/export/html.h"
+#include "tools/export/json.h"
 #include "tools/export/trend_json.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
@@ -290,7 +291,7 @@ void Rounds::WriteDifferencePage() const {
     return LoadProfile((fs::path(options_.directory) / report.file).string(), options_.symbols);
   };
   const std::string path = (fs::path(options_.directory) / "leak.html").string();
-  WritePage(HtmlPage(DiffJson(load(reports_.front()), load(reports_.back()))), path);
+  WritePage(HtmlPage(DiffToJson(load(reports_.front()), load(reports_.back()))), path);
   std::cout << "page     " << path << "\n";
 }
 
@@ -298,7 +299,7 @@ void Rounds::Finish() const {
   const std::vector<GroupTrend> groups = trends_.Result();
   const std::string path = (fs::path(options_.directory) / "trend.json").string();
   std::ofstream file(path, std::ios::binary);
-  WriteTrends(process_.Label(), reports_, groups, broken_, file);
+  WriteJson(TrendsToJson(process_.Label(), reports_, groups, broken_), file);
   file.close();
   if (!file) {
     throw UserError("cannot write " + path + ": " + std::strerror(errno),

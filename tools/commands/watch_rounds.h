@@ -1,5 +1,5 @@
-// Reports of a process at intervals while it goes on recording, and what grew between them. Called
-// by `watch`; single-threaded.
+// Takes reports of a process at intervals while recording goes on. Used by `watch`;
+// single-threaded.
 #pragma once
 
 #include <sys/types.h>

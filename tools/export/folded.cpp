@@ -1,4 +1,4 @@
-// Groups of one stack and different sizes become one line.
+// Sums up the groups of each stack.
 #include "tools/export/folded.h"
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// A profile as folded stacks: one line a stack, as flame graph programs read it. Called by
-// `export`; single-threaded.
+// A profile as folded stacks, for flame graph programs. Used by `export`; single-threaded.
 #pragma once
 
 #include <iosfwd>
@@ -11,11 +10,10 @@ namespace memleak {
 /// What is counted.
 enum class Measure { kBytes, kBlocks };
 
-/// Writes a line for each different stack: its names from the outermost on, joined by ';' and
-/// escaped by PercentEscape, a blank, and what the groups with this stack hold together.
-/// Java-native stacks begin with "[java-native]", since their blocks are not part of the native
-/// total. Lines are in the order in which stacks first appear; stacks that hold nothing are left
-/// out.
+/// Writes a line for each stack: its names, outermost first, joined by ';' and escaped by
+/// PercentEscape, a blank, and the sum over its groups. Java-native stacks begin with
+/// "[java-native]", since their blocks are not part of the native total. Lines are in order of
+/// first appearance. Stacks with a sum of 0 are omitted.
 void WriteFolded(const Profile& profile, Measure measure, std::ostream& out);
 
 }  // namespace memleak

@@ -1,4 +1,4 @@
-// Puts data into the page.
+// Inserts the data into the page.
 #include "tools/export/html.h"
 
 #include <nlohmann/json.hpp>
@@ -15,19 +15,19 @@ constexpr std::string_view kDataMark = "@DATA@";
 
 }  // namespace
 
-std::string HtmlPage(const std::string& json) {
+std::string HtmlPage(const nlohmann::json& document) {
   const std::string_view shell = PageShell();
   const std::size_t mark = shell.find(kDataMark);
   if (mark == std::string_view::npos) {
     throw UserError("this build of memleak has no page",
                     "write it with a memleak built for this machine, with npm and no sanitizer");
   }
-  std::string page;
-  page.reserve(shell.size() + json.size() + json.size() / 16);
-  page.append(shell.substr(0, mark));
-  // Names may hold markup: without "<" nothing in them can end the element that the data stands in.
-  // In JSON the character stands in strings alone.
-  for (const char c : json) {
+  std::ostringstream text;
+  WriteJson(document, text);
+  std::string page(shell.substr(0, mark));
+  // Names may contain markup. Without "<" they cannot end the script element that holds the data.
+  // In JSON "<" occurs in strings only.
+  for (const char c : text.view()) {
     if (c == '<') {
       page.append("\\u003c");
     } else {
@@ -36,12 +36,6 @@ std::string HtmlPage(const std::string& json) {
   }
   page.append(shell.substr(mark + kDataMark.size()));
   return page;
-}
-
-std::string HtmlPage(const Profile& profile) {
-  std::ostringstream json;
-  WriteJson(ToJson(profile), json);
-  return HtmlPage(json.str());
 }
 
 void WritePage(const std::string& page, const std::string& path) {

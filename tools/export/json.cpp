@@ -1,4 +1,4 @@
-// The document, member by member.
+// The documents, member by member.
 #include "tools/export/json.h"
 
 #include <nlohmann/json.hpp>
@@ -9,6 +9,7 @@
 
 #include "tools/base/names.h"
 #include "tools/report/aggregate.h"
+#include "tools/report/diff.h"
 
 namespace memleak {
 namespace {
@@ -41,29 +42,17 @@ json FramesToJson(const Profile& profile) {
   return list;
 }
 
-// `span`: of the ages of the whole report.
-json GroupToJson(const Group& group, std::int64_t span) {
+// `age_span` is that of the whole report.
+json GroupToJson(const Group& group, std::int64_t age_span) {
   return {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
           {"size", group.size},
           {"count", group.count},
           {"total", group.total},
           {"ages", group.ages},
           {"ownAges", group.own_ages},
-          {"pattern", PatternName(PatternOf(group, span))},
+          {"pattern", PatternName(PatternOf(group, age_span))},
           {"stack", group.stack}};
 }
-
-json Document(const Profile& profile) {
-  return {{"format", kJsonFormat},
-          {"version", kJsonVersion},
-          {"report", ReportToJson(profile)},
-          {"totals", TotalsToJson(profile)},
-          {"libraries", LibrariesToJson(profile)},
-          {"frames", FramesToJson(profile)},
-          {"groups", json::array()}};
-}
-
-}  // namespace
 
 json ReportToJson(const Profile& profile) {
   json damaged = json::array();
@@ -89,34 +78,40 @@ json TotalsToJson(const Profile& profile) {
           {"javaGroups", java.groups}};
 }
 
+}  // namespace
+
 json ToJson(const Profile& profile) {
-  json document = Document(profile);
-  const std::int64_t span = AgeSpan(profile);
-  for (const Group& group : profile.groups) document["groups"].push_back(GroupToJson(group, span));
-  return document;
+  json groups = json::array();
+  const std::int64_t age_span = AgeSpan(profile);
+  for (const Group& group : profile.groups) groups.push_back(GroupToJson(group, age_span));
+  return {{"format", kJsonFormat},
+          {"version", kJsonVersion},
+          {"report", ReportToJson(profile)},
+          {"totals", TotalsToJson(profile)},
+          {"libraries", LibrariesToJson(profile)},
+          {"frames", FramesToJson(profile)},
+          {"groups", std::move(groups)}};
 }
 
-json ToJson(const Profile& profile, const std::vector<std::size_t>& groups) {
-  json document = Document(profile);
-  const std::int64_t span = AgeSpan(profile);
-  Sums shown;
-  Sums omitted;
-  for (const Group& group : profile.groups) omitted.Add(group);
-  for (const std::size_t index : groups) {
-    document["groups"].push_back(GroupToJson(profile.groups[index], span));
-    shown.Add(profile.groups[index]);
+json DiffToJson(const Profile& before, const Profile& after) {
+  const Difference difference = Compare(before, after);
+  json document = ToJson(difference.merged);
+  document["report"] = ReportToJson(after);
+  document["totals"] = TotalsToJson(after);
+  document["base"] = {{"report", ReportToJson(before)}, {"totals", TotalsToJson(before)}};
+  for (std::size_t i = 0; i < difference.changes.size(); ++i) {
+    const GroupChange& change = difference.changes[i];
+    json& group = document["groups"][i];
+    group["before"] = {{"count", change.before.count}, {"total", change.before.total}};
+    group["status"] = ChangeName(change.change);
   }
-  document["selection"] = {{"bytes", shown.bytes},
-                           {"groups", shown.groups},
-                           {"omittedBytes", omitted.bytes - shown.bytes},
-                           {"omittedGroups", omitted.groups - shown.groups}};
   return document;
 }
 
 void WriteJson(const json& document, std::ostream& out) {
-  // Mapping names are bytes; a page or a script must be able to read the document all the same.
+  // Names of mappings may contain any bytes.
   const std::string text = document.dump(-1, ' ', false, json::error_handler_t::replace);
-  // The library escapes C0 alone. What it leaves of control characters has two bytes, but for DEL.
+  // dump() escapes the C0 control characters only. This escapes DEL and C1, which starts with 0xC2.
   constexpr const char* kStarts = "\xc2\x7f";
   std::size_t written = 0;
   for (std::size_t at = text.find_first_of(kStarts); at != std::string::npos;

@@ -1,11 +1,9 @@
-// A profile as one JSON document, for programs: docs/report-json.md describes it. Called by `show`
-// and by whatever hands profiles to others; single-threaded.
+// Profiles as JSON documents for programs and for the page; docs/report-json.md describes them.
+// Single-threaded.
 #pragma once
 
-#include <cstddef>
 #include <iosfwd>
 #include <nlohmann/json_fwd.hpp>
-#include <vector>
 
 #include "tools/report/model.h"
 
@@ -14,19 +12,13 @@ namespace memleak {
 inline constexpr const char* kJsonFormat = "memleak-profile";
 inline constexpr int kJsonVersion = 1;
 
-/// The whole of `profile`. Bytes of names that are not UTF-8 are replaced when it is written out.
+/// The document of one report.
 nlohmann::json ToJson(const Profile& profile);
 
-/// The same with the groups of `groups` (indices into Profile::groups, in this order) alone, and
-/// under "selection" what they hold and what is left out. Frames and libraries are all there.
-nlohmann::json ToJson(const Profile& profile, const std::vector<std::size_t>& groups);
+/// The document of two reports: that of `after`, and for each group the figures of `before`.
+nlohmann::json DiffToJson(const Profile& before, const Profile& after);
 
-/// Parts of the document, for writers of related ones.
-nlohmann::json ReportToJson(const Profile& profile);
-nlohmann::json TotalsToJson(const Profile& profile);
-
-/// Writes a document on one line, always as valid UTF-8 without control characters: those in names
-/// are escaped.
+/// Writes a document on one line. Replaces invalid UTF-8 in names and escapes control characters.
 void WriteJson(const nlohmann::json& document, std::ostream& out);
 
 }  // namespace memleak

@@ -1,7 +1,8 @@
-// Reads the document of a report back: symbols stay those of the time when it was exported,
-// whatever has become of the libraries since. Called by what opens reports; single-threaded.
+// Reads JSON documents of reports back. The symbols in a document are those of the time when it was
+// written. Single-threaded.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -9,22 +10,19 @@
 
 namespace memleak {
 
-/// Whether the file at `path` holds a JSON document rather than a report.
+/// Whether the file at `path` is a JSON document rather than a report.
 bool IsJsonDocument(const std::string& path);
 
-/// The profile in the document at `path`, as `export --format json` has written it. What no
-/// document holds stays empty: addresses in files, reasons of damaged lines. Throws UserError when
-/// it cannot be read, is damaged, or holds two reports or a part of one.
-Profile LoadDocument(const std::string& path);
-
-/// A document with what was found in it.
+/// A document and what it describes.
 struct Document {
-  Profile profile;              ///< of two reports the later one's, with the groups of both
-  std::optional<Profile> base;  ///< the earlier of two reports: its head alone, without groups
-  std::string text;             ///< the document itself
+  nlohmann::json json;
+  Profile profile;              ///< of two reports the later one, with the groups of both
+  std::optional<Profile> base;  ///< the earlier one of two reports, without groups
 };
 
-/// The same for a document of one report or of two, as `diff --json` has written it.
-Document LoadAnyDocument(const std::string& path);
+/// The document at `path`, of one report or of two. Members that documents do not have stay empty:
+/// addresses in files, reasons of damaged lines. Throws UserError when the document cannot be read
+/// or is damaged.
+Document LoadDocument(const std::string& path);
 
 }  // namespace memleak

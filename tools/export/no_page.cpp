@@ -1,4 +1,4 @@
-// Stands in for the embedded page in builds that have none.
+// In builds without the page.
 #include "tools/export/html.h"
 
 namespace memleak {

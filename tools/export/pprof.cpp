@@ -1,5 +1,4 @@
-// Tables of strings, functions, mappings and locations, each entry stored once, and the samples
-// that refer to them.
+// Builds the tables of strings, functions, mappings and locations, and the samples.
 #include "tools/export/pprof.h"
 
 #include <google/protobuf/io/gzip_stream.h>
@@ -29,7 +28,7 @@ namespace pb = perftools::profiles;
 
 constexpr std::uint64_t kPage = 0x1000;
 constexpr std::uint64_t kFirstMapping = 0x10000000;
-// Keeps the made-up ranges apart whatever a damaged offset says.
+// Limits offsets of damaged reports, so ranges do not overflow.
 constexpr std::uint64_t kLargestMapping = std::uint64_t{1} << 40U;
 
 std::int64_t Signed(std::uint64_t value) {
@@ -42,7 +41,7 @@ std::uint64_t FileAddress(const Frame& frame) {
   return std::min(frame.address != 0 ? frame.address : frame.offset, kLargestMapping - 1);
 }
 
-/// Builds the message piece by piece.
+/// Builds the message. Adds each table entry once.
 class Builder {
  public:
   explicit Builder(const Profile& profile) : profile_(profile) {
@@ -67,15 +66,15 @@ class Builder {
 
   const Profile& profile_;
   pb::Profile message_;
-  std::vector<std::size_t> order_;  // of the libraries, as mappings
-  std::vector<int> place_of_;       // by library: its place in that order
+  std::vector<std::size_t> order_;  // library by mapping
+  std::vector<int> place_of_;       // mapping by library
   std::unordered_map<std::string, std::int64_t> texts_;
   std::map<std::tuple<std::int64_t, std::int64_t>, std::uint64_t> functions_;  // name, file
   std::map<std::vector<std::uint32_t>, std::uint64_t> locations_;
 };
 
 std::int64_t Builder::Text(std::string_view text) {
-  // The format's texts have to be UTF-8, or readers refuse the whole profile.
+  // Readers reject profiles with invalid UTF-8.
   const auto [known, added] =
       texts_.try_emplace(ValidUtf8(text), static_cast<std::int64_t>(texts_.size()));
   if (added) message_.add_string_table(known->first);
@@ -91,20 +90,19 @@ void Builder::AddHead() {
   AddType(message_.add_sample_type(), "inuse_objects", "count");
   AddType(message_.add_sample_type(), "inuse_space", "bytes");
   message_.set_default_sample_type(Text("inuse_space"));
-  // Every allocation is recorded: none stands for others.
+  // Every allocation is recorded, not a sample of them.
   AddType(message_.mutable_period_type(), "space", "bytes");
   message_.set_period(1);
   message_.set_time_nanos(profile_.made * 1'000'000'000);
   message_.add_comment(Text("memleak report " + profile_.path));
   const Sums unlisted = profile_.Unlisted();
   if (unlisted.groups == 0) return;
-  message_.add_comment(
-      Text("not listed in the report, and not here: " + std::to_string(unlisted.bytes) +
-           " bytes in " + std::to_string(unlisted.groups) + " groups"));
+  message_.add_comment(Text("not listed in the report: " + std::to_string(unlisted.bytes) +
+                            " bytes in " + std::to_string(unlisted.groups) + " groups"));
 }
 
-// Readers take the first mapping for the program itself. A report does not name it: it is what has
-// a "main", no library's name, and most frames.
+// Readers take the first mapping as the program. A report does not name the program. It is guessed:
+// it has a "main", no library's name, and most frames.
 void Builder::OrderMappings() {
   using Rank = std::tuple<bool, bool, std::uint64_t>;
   std::vector<Rank> ranks(profile_.libraries.size());
@@ -160,7 +158,7 @@ void Builder::AddMappings() {
 }
 
 std::uint64_t Builder::FunctionOf(const Frame& frame) {
-  // Only places in no library go without a name otherwise: readers show an address for the others.
+  // Readers show an address for frames without a name in a library.
   const std::int64_t name = Text(frame.function.empty() ? "[unknown]" : frame.function);
   const std::int64_t file = Text(frame.file);
   const auto [known, added] = functions_.try_emplace({name, file}, functions_.size() + 1);

@@ -1,4 +1,4 @@
-// A profile in the format of the pprof tools. Called by `export`; single-threaded.
+// A profile in the format of pprof. Used by `export`; single-threaded.
 #pragma once
 
 #include <iosfwd>
@@ -7,11 +7,12 @@
 
 namespace memleak {
 
-/// Writes the gzip'ed protocol buffer: a sample for each group, with inuse_objects (count) and
-/// inuse_space (bytes, the default), the size of a block as the label "bytes", and "java-native" as
-/// the label "kind" of such groups. A report holds no addresses of the process, so that mappings
-/// get ranges of their own: an address is its mapping's start plus the address in the file (plus
-/// the offset in the report where the file is missing). Returns false when `out` cannot be written.
+/// Writes the gzip-compressed protocol buffer. Each group is a sample with inuse_objects (count)
+/// and inuse_space (bytes, the default). Its label "bytes" is the block size; Java-native groups
+/// have the label "kind" with the value "java-native". A report has no addresses of the process, so
+/// mappings get artificial ranges: an address is the start of its mapping plus the address in the
+/// file, or the offset in the report if the file is missing. Returns false if `out` cannot be
+/// written.
 bool WritePprof(const Profile& profile, std::ostream& out);
 
 }  // namespace memleak

@@ -17,7 +17,7 @@ namespace {
 
 using nlohmann::json;
 
-/// The viewer's table of frames: those that read the same are one.
+/// The table of frames, without duplicates.
 class FrameTable {
  public:
   explicit FrameTable(const Profile& profile) {
@@ -49,7 +49,7 @@ class FrameTable {
   json TakeEntries() { return std::move(entries_); }
 
  private:
-  // Without a source file, the library says more than nothing; the viewer colours by it.
+  // The library replaces a missing source file. The viewer colours by it.
   static std::string FileOf(const Profile& profile, const Frame& frame) {
     if (!frame.file.empty() || frame.library < 0) return frame.file;
     return profile.libraries[static_cast<std::size_t>(frame.library)].path;

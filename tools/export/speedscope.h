@@ -1,5 +1,4 @@
-// A profile as a document of the speedscope viewer's own file format. Called by `export`;
-// single-threaded.
+// A profile in the file format of the speedscope viewer. Used by `export`; single-threaded.
 #pragma once
 
 #include <iosfwd>
@@ -9,7 +8,7 @@
 namespace memleak {
 
 /// Writes one document with a profile of bytes and one of blocks (unit "none"), and two more for
-/// Java-native stacks when there are any. Always valid UTF-8.
+/// Java-native stacks if there are any.
 void WriteSpeedscope(const Profile& profile, std::ostream& out);
 
 }  // namespace memleak

@@ -1,29 +1,25 @@
-// The trend document.
+// The trend document, member by member.
 #include "tools/export/trend_json.h"
 
 #include <nlohmann/json.hpp>
-#include <ostream>
-
-#include "tools/export/json.h"
 
 namespace memleak {
 namespace {
 
-nlohmann::json ToJson(const std::optional<GroupValue>& value) {
-  if (!value) return nullptr;
-  return {{"count", value->count}, {"total", value->total}};
-}
+using nlohmann::json;
 
-nlohmann::json ToJson(const GroupTrend& group) {
-  nlohmann::json values = nlohmann::json::array();
-  for (const std::optional<GroupValue>& value : group.values) values.push_back(ToJson(value));
-  nlohmann::json document = {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
-                             {"size", group.size},
-                             {"stack", group.stack},
-                             {"libraries", group.libraries},
-                             {"values", values},
-                             {"growth", nullptr},
-                             {"line", nullptr}};
+json GroupToJson(const GroupTrend& group) {
+  json values = json::array();
+  for (const GroupValue& value : group.values) {
+    values.push_back(value.known ? json{{"count", value.count}, {"total", value.total}} : json());
+  }
+  json document = {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
+                   {"size", group.size},
+                   {"stack", group.stack},
+                   {"libraries", group.libraries},
+                   {"values", std::move(values)},
+                   {"growth", nullptr},
+                   {"line", nullptr}};
   if (group.Growth()) document["growth"] = *group.Growth();
   if (group.line) {
     document["line"] = {{"bytesPerMinute", group.line->slope},
@@ -36,12 +32,10 @@ nlohmann::json ToJson(const GroupTrend& group) {
 
 }  // namespace
 
-void WriteTrends(const std::string& process, const std::vector<SavedReport>& reports,
-                 const std::vector<GroupTrend>& groups, const std::optional<TrendBreak>& broken,
-                 std::ostream& out) {
-  nlohmann::json document = {{"format", "memleak-trend"}, {"version", 1},
-                             {"process", process},        {"reports", nlohmann::json::array()},
-                             {"broken", nullptr},         {"groups", nlohmann::json::array()}};
+json TrendsToJson(const std::string& process, const std::vector<SavedReport>& reports,
+                  const std::vector<GroupTrend>& groups, const std::optional<TrendBreak>& broken) {
+  json document = {{"format", "memleak-trend"}, {"version", 1},      {"process", process},
+                   {"reports", json::array()},  {"broken", nullptr}, {"groups", json::array()}};
   for (const SavedReport& report : reports) {
     document["reports"].push_back({{"file", report.file},
                                    {"time", report.time},
@@ -52,8 +46,8 @@ void WriteTrends(const std::string& process, const std::vector<SavedReport>& rep
                                    {"unlistedGroups", report.unlisted.groups}});
   }
   if (broken) document["broken"] = {{"seconds", broken->seconds}, {"why", broken->why}};
-  for (const GroupTrend& group : groups) document["groups"].push_back(ToJson(group));
-  WriteJson(document, out);
+  for (const GroupTrend& group : groups) document["groups"].push_back(GroupToJson(group));
+  return document;
 }
 
 }  // namespace memleak

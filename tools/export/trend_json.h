@@ -1,8 +1,8 @@
-// Growth between the reports of `watch` as a document for programs: docs/trend-json.md describes
-// it. Called by `watch`; single-threaded.
+// The reports of `watch` as a JSON document for programs; docs/trend-json.md describes it.
+// Single-threaded.
 #pragma once
 
-#include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,9 +11,9 @@
 
 namespace memleak {
 
-/// Writes everything as one JSON document, always valid UTF-8.
-void WriteTrends(const std::string& process, const std::vector<SavedReport>& reports,
-                 const std::vector<GroupTrend>& groups, const std::optional<TrendBreak>& broken,
-                 std::ostream& out);
+/// The document of all reports of `process` and the trends of their groups.
+nlohmann::json TrendsToJson(const std::string& process, const std::vector<SavedReport>& reports,
+                            const std::vector<GroupTrend>& groups,
+                            const std::optional<TrendBreak>& broken);
 
 }  // namespace memleak

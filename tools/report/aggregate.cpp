@@ -20,7 +20,7 @@ constexpr std::size_t kFewestAges = 4;
 constexpr std::int64_t kQuarters = 4;
 constexpr const char* kUnknownLibrary = "[unknown]";
 
-/// A regular expression of the C library: its cost is bounded, and names of templates may be long.
+/// A regular expression of the C library. Its cost is bounded for long names of templates.
 class Expression {
  public:
   explicit Expression(const std::string& text) {
@@ -29,7 +29,7 @@ class Expression {
     std::array<char, 128> reason{};
     regerror(error, &compiled_, reason.data(), reason.size());
     throw UserError("--filter is not a regular expression: " + text + " (" + reason.data() + ")",
-                    "put a backslash before characters that stand for themselves");
+                    "put a backslash before literal special characters");
   }
   ~Expression() { regfree(&compiled_); }
   Expression(const Expression&) = delete;
@@ -43,7 +43,7 @@ class Expression {
   regex_t compiled_{};
 };
 
-// For each frame whether the expression matches it.
+// By frame: whether the expression matches it.
 std::vector<bool> MatchFrames(const Profile& profile, const std::string& filter) {
   const Expression expression(filter);
   std::vector<bool> libraries;
@@ -62,7 +62,7 @@ std::vector<bool> MatchFrames(const Profile& profile, const std::string& filter)
 
 constexpr std::int64_t kNoAge = std::numeric_limits<std::int64_t>::min();
 
-// Whether `a` comes before `b` in falling order.
+// Whether `a` comes before `b` in descending order.
 bool GroupBefore(const Group& a, const Group& b, SortKey sort) {
   switch (sort) {
     case SortKey::kCount:
@@ -77,7 +77,7 @@ bool GroupBefore(const Group& a, const Group& b, SortKey sort) {
   return a.total > b.total;
 }
 
-// What rows and branches are ordered by, falling.
+// The key by which rows and branches are sorted, descending.
 std::uint64_t Rank(const Sums& sums, std::optional<std::int64_t> oldest, SortKey sort) {
   switch (sort) {
     case SortKey::kCount:
@@ -85,7 +85,7 @@ std::uint64_t Rank(const Sums& sums, std::optional<std::int64_t> oldest, SortKey
     case SortKey::kSize:
       return MeanSize(sums);
     case SortKey::kAge:
-      // Ages may be negative, after a clock was set back; none comes last.
+      // Ages may be negative if the clock was set back. Rows without an age come last.
       return oldest ? (std::uint64_t{1} << 63U) ^ static_cast<std::uint64_t>(*oldest) : 0;
     case SortKey::kTotal:
       break;
@@ -100,7 +100,7 @@ bool RowBefore(const Row& a, const Row& b, SortKey sort) {
   return rank(a) > rank(b);
 }
 
-/// Numbers that say which frames go by one name in one library.
+/// Numbers for frames: equal for frames of one name in one library.
 struct FrameKeys {
   std::vector<std::uint32_t> key_of;   // by frame
   std::vector<std::uint32_t> example;  // by key: a frame
@@ -214,7 +214,7 @@ Selected SelectGroups(const Profile& profile, const Selection& selection) {
       selected.cut.Add(group);
     }
   }
-  // The tracker sorts by total already; a report put together by hand need not be.
+  // The tracker sorts by total, but an edited report may not be sorted.
   std::stable_sort(selected.groups.begin(), selected.groups.end(),
                    [&](std::size_t a, std::size_t b) {
                      return GroupBefore(profile.groups[a], profile.groups[b], selection.sort);
@@ -226,7 +226,7 @@ std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind
                        SortKey sort) {
   const FrameKeys keys = NumberFrames(profile, kind);
   std::vector<Row> rows = EmptyRows(profile, keys, kind);
-  // Which group was last counted for a row: a function that calls itself counts once.
+  // The group counted last for each row: a recursive function counts once.
   std::vector<std::size_t> counted(rows.size(), profile.groups.size());
   for (const std::size_t index : selected.groups) {
     const Group& group = profile.groups[index];

@@ -1,64 +1,48 @@
-// What changed between two reports: their groups, matched by size and symbolized stack, so that
-// neither another run's addresses nor another place in a function tells them apart. Called by the
-// command `diff` and by whatever draws differences; single-threaded.
+// Compares two reports group by group. Used by `diff`, `html` and `watch`; single-threaded.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "tools/report/group_matcher.h"
 #include "tools/report/model.h"
 
 namespace memleak {
 
-/// What became of a group. Nothing is called new or gone unless the other report certainly lacks
-/// it.
 enum class Change {
   kGrew,
   kShrank,
   kNew,
   kGone,
   kSame,
-  kUnknown,  ///< may merely have crossed the end of the other report's list
+  kUnknown,  ///< not judged: a report that omits groups may hide a part of the group
 };
 
 /// The word for `change` in tables and documents.
 const char* ChangeName(Change change);
 
-/// What one report says of a group.
-struct Side {
-  std::uint64_t count = 0;  ///< blocks that are listed
-  std::uint64_t total = 0;  ///< their bytes
-  std::uint64_t parts = 0;  ///< groups of the report that make up this one: its call sites
-  std::uint64_t lacks = 0;  ///< call sites of the other side that are not listed on this one
-  std::uint64_t most = 0;   ///< bytes there may be at most: `total`, unless the list was cut
-};
-
-/// What both reports say of blocks of one size with one symbolized stack.
+/// The figures of both reports for blocks of one size with one stack of functions.
 struct GroupChange {
-  Side before;
-  Side after;
+  GroupValue before;
+  GroupValue after;
   Change change = Change::kSame;
-  std::size_t stack_id = 0;  ///< equal for groups of one stack
+  std::int64_t growth = 0;   ///< bytes; 0 if the change is unknown
+  std::size_t stack_id = 0;  ///< equal for all sizes of one stack
 };
 
-/// Two reports side by side.
 struct Difference {
-  Profile merged;  ///< libraries, frames and groups alone: first the groups of the later report in
-                   ///< its order and with its figures, then those that it lacks, with none
+  /// Libraries, frames and groups only: first the groups of the later report in its order and with
+  /// its figures, then those that only the earlier one lists, with no blocks.
+  Profile merged;
   std::vector<GroupChange> changes;  ///< one for each of these groups
-  std::size_t stacks = 0;            ///< stack ids are below this
 };
 
-/// Compares `before` with `after`. Groups of one report that differ only in where their functions
-/// were called from, their call sites, are added up. What is certain is so under the assumption
-/// that a site which neither report lists holds nothing.
+/// Compares `before` with `after`. Groups of one report that differ only in their call sites are
+/// added up. A call site that neither report lists counts as empty.
 Difference Compare(const Profile& before, const Profile& after);
 
-/// Bytes by which a group surely grew; negative: shrank. 0 when that is unknown.
-std::int64_t SureGrowth(const GroupChange& change);
-
-/// `after` minus `before`, held within the type's range.
+/// `after` minus `before`, clamped to the type's range.
 std::int64_t Growth(std::uint64_t before, std::uint64_t after);
 
 }  // namespace memleak

@@ -19,11 +19,11 @@
 namespace memleak {
 namespace {
 
-/// A place in the code as the report has it; what it resolves to comes later.
+/// A place in the code, before it is resolved.
 struct Place {
   std::int32_t library = -1;
   std::uint64_t offset = 0;
-  std::string_view function;  // of a Java frame; into the key of the table of functions
+  std::string_view function;  // of a Java frame; refers to a key of `functions_`
   bool operator==(const Place& other) const = default;
 };
 
@@ -31,7 +31,7 @@ struct PlaceHash {
   std::size_t operator()(const Place& place) const {
     constexpr std::uint64_t kOddConstant = 0x9e3779b97f4a7c15;
     const auto where = static_cast<std::uint32_t>(place.library) * kOddConstant;
-    // Names are stored once, so that their address tells them apart.
+    // Each name is stored once, so its address identifies it.
     const auto name = reinterpret_cast<std::uintptr_t>(place.function.data());
     const std::uint64_t mixed = (((where ^ place.offset) * kOddConstant) ^ name) * kOddConstant;
     return mixed ^ (mixed >> 32U);
@@ -48,7 +48,7 @@ struct TextHash {
 template <typename Value>
 using TextTable = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
 
-/// Stores each name and each place once, so that a long report takes the room of its groups.
+/// Builds the profile of a report. Stores each name and each place once.
 class ProfileBuilder {
  public:
   explicit ProfileBuilder(Profile* profile) : profile_(profile) {}
@@ -71,11 +71,11 @@ class ProfileBuilder {
     }
   }
 
-  /// Turns places into frames and lets the groups' stacks refer to them.
+  /// Resolves the places to frames, and replaces them in the stacks.
   void Resolve(const SymbolOptions& options);
 
  private:
-  // The span of a place's frames in the profile.
+  // The frames of a place, as indices into Profile::frames.
   struct Span {
     std::uint32_t begin = 0;
     std::uint32_t end = 0;
@@ -107,7 +107,7 @@ class ProfileBuilder {
     return known->first;
   }
 
-  // The index of a place, which is added when it is new.
+  // The index of a place. Adds a new one.
   std::uint32_t IndexOf(const Place& place) {
     if (2 * places_.size() >= slots_.size()) Grow();
     std::uint32_t& slot = SlotOf(place);
@@ -118,7 +118,7 @@ class ProfileBuilder {
     return slot;
   }
 
-  // Where the place is, or belongs.
+  // The slot of a place, or the empty slot for it.
   std::uint32_t& SlotOf(const Place& place) {
     std::size_t at = PlaceHash()(place) & (slots_.size() - 1);
     while (slots_[at] != kEmptySlot && !(places_[slots_[at]] == place)) {
@@ -142,7 +142,8 @@ class ProfileBuilder {
   TextTable<std::int32_t> libraries_;
   TextTable<bool> functions_;
   std::vector<Place> places_;
-  // Indices into places_, found by hash: one per frame of a long report, so no nodes to follow.
+  // A hash table of indices into places_. It is looked up for each frame of the report, and faster
+  // than std::unordered_map.
   static constexpr std::uint32_t kEmptySlot = std::numeric_limits<std::uint32_t>::max();
   std::vector<std::uint32_t> slots_;
 };
@@ -170,7 +171,7 @@ void ProfileBuilder::AppendFrames(const Place& place, Symbolizer* symbolizer) {
   }
 }
 
-// Shows the symbolizer all places in the library of the one at `begin` of `order`.
+// Prepares the symbolizer for all places in the library of the place at `begin` in `order`.
 void ProfileBuilder::Prepare(const std::vector<std::uint32_t>& order, std::size_t begin,
                              Symbolizer* symbolizer) const {
   const std::int32_t library = places_[order[begin]].library;
@@ -184,7 +185,7 @@ void ProfileBuilder::Prepare(const std::vector<std::uint32_t>& order, std::size_
 void ProfileBuilder::Resolve(const SymbolOptions& options) {
   Symbolizer symbolizer(options);
   ProgressBar bar("reading symbols", options.progress);
-  // Library by library and upwards in each: files and tables are used while they are at hand.
+  // Sorted by library and offset, so only one library is open at a time.
   std::vector<std::uint32_t> order(places_.size());
   std::iota(order.begin(), order.end(), 0U);
   std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
@@ -220,11 +221,11 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
   }
 }
 
-// Sets `own_ages` of each group, while stacks are still places of the report. The tracker keeps a
-// record of a backtrace in each of its tables, and lists the times of one such record for a group:
-// that of the group's first block. Other groups may have blocks in that record, and the group may
-// have blocks in others. So a list of the full length is certainly the group's own if the group has
-// one block, or if no other group, listed or not, has its backtrace.
+// Sets `own_ages` of each group. Runs before stacks are resolved. The tracker keeps a record of a
+// backtrace in each of its tables, and lists the times of one record for a group: that of the
+// group's first block. Other groups may have blocks in that record, and the group may have blocks
+// in other records. So a list of the full length is the group's own if the group has one block, or
+// if no other group, listed or not, has its backtrace.
 void MarkOwnAges(Profile* profile) {
   constexpr std::uint64_t kMostAges = 30;
   std::map<std::vector<std::uint32_t>, std::size_t> groups;  // by backtrace
@@ -256,7 +257,7 @@ Sums Profile::Listed(GroupKind kind) const {
 
 bool Profile::ListsAll(GroupKind kind) const {
   if (!complete || damaged_lines > 0) return false;
-  // The head counts native groups alone. Of the others all are listed.
+  // The head counts native groups only. All Java-native groups are listed.
   return kind == GroupKind::kJava || header.groups <= Listed(kind).groups;
 }
 

@@ -1,6 +1,5 @@
-// A report as every view of it needs it: its groups, with frames that have functions, files and
-// lines. Filled by LoadProfile; read by the printed views and by everything that writes another
-// format. Plain values, single-threaded.
+// A symbolized report: groups, and frames with functions, files and lines. Filled by LoadProfile,
+// used by all views and exports. Plain values; single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -17,13 +16,13 @@ namespace memleak {
 struct Library {
   std::string path;      ///< the mapping's name as in the report; may be empty
   std::string build_id;  ///< lower-case hexadecimal; empty when unknown
-  bool found = false;    ///< its file or its debug file could be read
-  std::string hint;      ///< the file that would give it (more) symbols; empty when none is missing
-  bool newer = false;    ///< its file was written after the report: another build's, perhaps
+  bool found = false;    ///< its file or its debug file was read
+  std::string hint;      ///< the file that would provide (more) symbols; empty if none is missing
+  bool newer = false;    ///< its file is newer than the report: it may be another build
 };
 
-/// One symbolized frame. Calls that were inlined are frames of their own, innermost first;
-/// `inlined` is set on all but the outermost frame of an address.
+/// One symbolized frame. Inlined calls are separate frames, innermost first; `inlined` is set on
+/// all but the outermost frame of an address.
 struct Frame {
   std::int32_t library = -1;  ///< index into Profile::libraries; -1 for none ("[unknow]", Java)
   std::uint64_t offset = 0;   ///< as in the report: from the start of the mapping
@@ -44,25 +43,23 @@ struct Group {
   std::uint64_t total = 0;           ///< bytes of all
   std::vector<std::int64_t> ages;    ///< seconds, at most 30: see `own_ages`
   std::vector<std::uint32_t> stack;  ///< indices into Profile::frames, innermost first
-  /// `ages` are certainly those of blocks of this group, and as many as a report can list.
-  /// Otherwise some may be those of other blocks with the same stack, and some of its own may be
-  /// missing.
+  /// All `ages` are those of blocks of this group, and a report cannot list more of them. Otherwise
+  /// some may be those of other blocks with the same stack, and some may be missing.
   bool own_ages = false;
 };
 
-/// `a` plus `b`, or the largest number where they add up to more: a damaged report may say
-/// anything.
+/// `a` plus `b`, or the largest number on overflow: a damaged report may have any figures.
 constexpr std::uint64_t AddSaturated(std::uint64_t a, std::uint64_t b) {
   const std::uint64_t sum = a + b;
   return sum < a ? std::numeric_limits<std::uint64_t>::max() : sum;
 }
 
-/// `a` minus `b`, or 0 where `b` is more.
+/// `a` minus `b`, or 0 if `b` is larger.
 constexpr std::uint64_t SubtractSaturated(std::uint64_t a, std::uint64_t b) {
   return a > b ? a - b : 0;
 }
 
-/// Sums over groups, which stop at the largest number and at 0.
+/// Sums over groups. They saturate.
 struct Sums {
   std::uint64_t bytes = 0;
   std::uint64_t groups = 0;
@@ -82,38 +79,38 @@ struct Sums {
   bool operator==(const Sums&) const = default;
 };
 
-/// So many damaged lines are kept; a file that is none but damage must not fill the memory.
+/// Further damaged lines are only counted.
 inline constexpr std::size_t kDamagedLinesKept = 1000;
 
 /// One report, symbolized. Equal frames are stored once.
 struct Profile {
-  std::string path;                  ///< of the report, or of the document that it was read from
-  std::int64_t made = 0;             ///< when the file was last written, seconds since the epoch
-  ReportHeader header;               ///< counts all native groups, the ones not listed included
-  bool complete = false;             ///< read down to its end mark
+  std::string path;                  ///< of the report, or of its JSON document
+  std::int64_t made = 0;             ///< modification time, seconds since the epoch
+  ReportHeader header;               ///< counts all native groups, listed or not
+  bool complete = false;             ///< it has its end mark
   std::vector<DamagedLine> damaged;  ///< the first of them
-  std::uint64_t damaged_lines = 0;   ///< how many there are
+  std::uint64_t damaged_lines = 0;   ///< their number
   std::vector<Library> libraries;
   std::vector<Frame> frames;
   std::vector<Group> groups;  ///< as in the report, native ones first
 
-  /// Sums of the groups of one kind that the report lists.
+  /// Sums of the listed groups of one kind.
   Sums Listed(GroupKind kind) const;
 
   /// Whether the report certainly lists all groups of `kind`.
   bool ListsAll(GroupKind kind) const;
 
-  /// Native bytes and groups that the head counts and the list lacks; `blocks` is 0, since nothing
-  /// tells their number. Never below 0, whatever a damaged head says.
+  /// Native bytes and groups that the head counts and the report does not list. `blocks` is 0:
+  /// their number is unknown.
   Sums Unlisted() const;
 };
 
-/// Reads and symbolizes the report at `report_path`. Throws UserError when that cannot be read or
-/// is not a report; a truncated one is returned with `complete` unset.
+/// Reads and symbolizes the report at `report_path`. Throws UserError if it cannot be read or is
+/// not a report. For a truncated report `complete` is false.
 Profile LoadProfile(const std::string& report_path, const SymbolOptions& options);
 
-/// The name a frame goes by in tables, trees and flame graphs: its function, else
-/// "library+0xoffset" with the library's file name, else "[unknown]".
+/// The displayed name of a frame: its function, else "library+0xoffset" with the library's file
+/// name, else "[unknown]".
 std::string FrameName(const Profile& profile, const Frame& frame);
 
 }  // namespace memleak

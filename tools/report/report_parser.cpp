@@ -21,9 +21,11 @@ constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0
 constexpr std::string_view kJavaRule =
     "==============================Java-Native Stack==============================";
 constexpr std::string_view kEnd = protocol::kReportEnd;
-// The tracker's spelling.
+// Editors and terminals end the last line, the tracker does not.
+constexpr std::string_view kEndOfCopy = "END\r";
+// Misspelled by the tracker.
 constexpr std::string_view kUnknownFrame = "[unknow]";
-// Of the head's lines; each appears once.
+// The lines of the head. Each occurs once.
 constexpr std::string_view kTotalMark = "Total memory(bytes): ";
 constexpr std::string_view kRecordsMark = "Allocation records: ";
 constexpr std::string_view kDepthMark = "Backtrace size: ";
@@ -32,7 +34,7 @@ constexpr std::string_view kOffsetMark = "+0x";
 constexpr std::string_view kBacktraceMark = "bt ";
 constexpr std::string_view kGroupMark = "sz ";
 
-// A cursor over one line; every Take consumes what it matches, or nothing.
+// A cursor over one line. Each Take consumes what it matches, or nothing.
 class Cursor {
  public:
   explicit Cursor(std::string_view text) : rest_(text) {}
@@ -64,8 +66,8 @@ bool IsHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
 }
 
-// "[NAME+0xHEX] ". The name may hold any of these characters itself, so its end is the first
-// offset that is followed by what can only stand between frames.
+// "[NAME+0xHEX] ". The name may contain these characters too. It ends at the first offset that is
+// followed by the end of a frame.
 bool TakeFrame(Cursor* cursor, ReportFrame* frame) {
   const std::string_view text = cursor->Rest();
   for (std::size_t mark = text.find(kOffsetMark); mark != std::string_view::npos;
@@ -126,57 +128,38 @@ UserError CannotOpen(const std::string& path, int error) {
 /// How a line ended.
 enum class LineEnd { kClosed, kOpen, kTooLong, kNothing };
 
-/// Cuts a stream into lines without copying them.
+/// Reads lines of limited length.
 class LineReader {
  public:
-  explicit LineReader(std::istream& input) : input_(input), buffer_(kPieceBytes) {}
+  explicit LineReader(std::istream& input) : input_(input), piece_(kPieceBytes) {}
 
-  /// The next line without its newline, which lives until the next call; kOpen for a last one that
-  /// has no newline.
+  /// The next line without its newline, valid until the next call; kOpen for a last line without
+  /// a newline.
   LineEnd Next(std::string_view* line) {
-    std::size_t searched = begin_;
+    line_.clear();
     bool too_long = false;
     for (;;) {
-      const void* found = std::memchr(&buffer_[searched], '\n', end_ - searched);
-      if (found != nullptr) {
-        const auto length =
-            static_cast<std::size_t>(static_cast<const char*>(found) - &buffer_[begin_]);
-        *line = {&buffer_[begin_], length};
-        begin_ += length + 1;
-        return too_long ? LineEnd::kTooLong : LineEnd::kClosed;
+      input_.getline(piece_.data(), kPieceBytes);
+      const bool closed = input_.good();  // not so if the piece is full
+      const auto bytes = static_cast<std::size_t>(input_.gcount()) - (closed ? 1 : 0);
+      too_long = too_long || line_.size() + bytes > kLongestLine;
+      if (!too_long) line_.append(piece_.data(), bytes);
+      if (closed || input_.eof()) {
+        *line = line_;
+        if (too_long) return LineEnd::kTooLong;
+        if (closed) return LineEnd::kClosed;
+        return line_.empty() ? LineEnd::kNothing : LineEnd::kOpen;
       }
-      if (end_ - begin_ > kLongestLine) {
-        too_long = true;
-        begin_ = end_;
-      }
-      searched = end_ - begin_;
-      if (!Fill()) break;
+      input_.clear();
     }
-    if (begin_ == end_) return too_long ? LineEnd::kTooLong : LineEnd::kNothing;
-    *line = {&buffer_[begin_], end_ - begin_};
-    begin_ = end_;
-    return too_long ? LineEnd::kTooLong : LineEnd::kOpen;
   }
 
  private:
-  static constexpr std::size_t kPieceBytes = 256U << 10U;
-
-  // Moves the unfinished line to the front and reads on behind it.
-  bool Fill() {
-    std::memmove(buffer_.data(), &buffer_[begin_], end_ - begin_);
-    end_ -= begin_;
-    begin_ = 0;
-    if (buffer_.size() - end_ < kPieceBytes) buffer_.resize(2 * buffer_.size());
-    input_.read(&buffer_[end_], static_cast<std::streamsize>(buffer_.size() - 1 - end_));
-    const std::streamsize bytes = input_.gcount();
-    end_ += static_cast<std::size_t>(bytes);
-    return bytes > 0;
-  }
+  static constexpr std::size_t kPieceBytes = 64U << 10U;
 
   std::istream& input_;
-  std::vector<char> buffer_;  // one byte longer than what it holds, so that its end has an address
-  std::size_t begin_ = 0;     // of what is not delivered
-  std::size_t end_ = 0;       // of what is read
+  std::vector<char> piece_;
+  std::string line_;
 };
 
 /// The state of one pass over a report.
@@ -184,8 +167,8 @@ class ReportPass {
  public:
   ReportPass(const ReportSink& sink, ReportHeader* header) : sink_(sink), header_(header) {}
 
-  /// Takes the next line without its newline; `closed` says whether it had one. Returns true when
-  /// it was the report's last.
+  /// Takes the next line without its newline; `closed` says whether it had one. Returns true for
+  /// the last line of the report.
   bool Line(std::string_view line, bool closed) {
     ++number_;
     if (line == kEnd && !closed) {
@@ -197,7 +180,7 @@ class ReportPass {
     if (line == kEnd || (line.ends_with('\r') && line.substr(0, line.size() - 1) == kEnd)) {
       end_number_ = number_;
     } else if (!closed) {
-      // A part of a line may read like a whole one with fewer frames.
+      // A part of a line may parse as a line with fewer frames.
       Damaged("cut off");
     } else if (in_java_) {
       JavaLine(line);
@@ -213,10 +196,10 @@ class ReportPass {
     return false;
   }
 
-  /// Whether the last line was an end mark, though one that is closed itself.
+  /// Whether the last line was an end mark with a newline.
   bool Ended() const { return end_number_ != 0; }
 
-  /// A line of which only the length is known.
+  /// Takes a line that is too long.
   void TooLong() {
     ++number_;
     end_number_ = 0;
@@ -224,15 +207,15 @@ class ReportPass {
     Damaged("longer than any line of a report");
   }
 
-  /// Delivers what is pending at the end of the text: of one that stops early, nothing, since the
-  /// last Java-native group may lack frames.
+  /// Ends the report. Delivers the last Java-native group if the report is complete; it may lack
+  /// frames otherwise.
   void Finish(bool complete) {
     EndHead();
     if (complete) Flush();
   }
 
  private:
-  // A group with fewer frames would be another's.
+  // A group without all its frames would count as another group.
   void LoseJavaGroup() {
     java_lost_ = in_java_;
     java_open_ = false;
@@ -265,8 +248,8 @@ class ReportPass {
     }
   }
 
-  // A missing line reads as 0, which is a figure like others: it counts as damage. A line that is
-  // there but damaged was announced already.
+  // A missing line counts as damage, since its figures read as 0. A damaged line is reported
+  // already.
   void EndHead() {
     if (std::exchange(head_ended_, true)) return;
     for (std::size_t i = 0; i < kHeadMarks.size(); ++i) {
@@ -296,7 +279,7 @@ class ReportPass {
     }
     JavaFrame frame;
     const bool understood = ParseJavaFrame(line, &frame);
-    // The frames of a group that was left out are not damaged themselves.
+    // Skips the frames of a group that was left out.
     if (understood && java_lost_) return;
     if (!understood || !java_open_) {
       LoseJavaGroup();
@@ -311,12 +294,12 @@ class ReportPass {
   std::array<bool, kHeadMarks.size()> head_seen_{};
   std::size_t head_damage_ = 0;  // damaged lines before the first group
   bool head_ended_ = false;
-  std::uint64_t end_number_ = 0;  // of a closed end mark with nothing behind it so far
+  std::uint64_t end_number_ = 0;  // of an end mark with a newline, if it is the last line so far
   bool in_java_ = false;
   bool java_open_ = false;  // java_ still takes frames
-  bool java_lost_ = false;  // frames belong to a group that was left out
+  bool java_lost_ = false;  // skips the frames of a group that was left out
   JavaGroup java_;
-  NativeGroup native_;  // kept for its room
+  NativeGroup native_;  // kept for its capacity
 };
 
 }  // namespace
@@ -348,7 +331,7 @@ bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* rea
 
 ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header) {
   *header = {};
-  // Only as many bytes as the first line has: what is not a report may not have lines at all.
+  // Reads no more bytes than the first line has: other files may not have lines.
   std::string first(kFirstLine.size(), '\0');
   input.read(first.data(), static_cast<std::streamsize>(first.size()));
   if (input.gcount() != static_cast<std::streamsize>(first.size()) || first != kFirstLine) {
@@ -371,15 +354,12 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 }
 
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {
-  // Asked before it is opened: to open a pipe may take for ever.
+  // Checks before opening: the open of a pipe may block.
   if (access(path.c_str(), F_OK) == 0 && !IsPlainFile(path)) {
     throw UserError("cannot read report " + path + ": not a file",
                     "name the file that memleak report printed");
   }
-  std::ifstream file;
-  // The lines are cut out of large pieces; a second buffer would only copy them.
-  file.rdbuf()->pubsetbuf(nullptr, 0);
-  file.open(path, std::ios::binary);
+  std::ifstream file(path, std::ios::binary);
   if (!file) throw CannotOpen(path, errno);
   const ReportEnd end = ReadReport(file, sink, header);
   if (end == ReportEnd::kNotAReport) {

@@ -1,5 +1,4 @@
-// Reads the text of a leak report. Knows nothing of symbols or of printing. Called by the model and
-// by `report`; single-threaded.
+// Reads the text of a leak report. Used by the model and by `report`; single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +12,7 @@ namespace memleak {
 
 /// One frame of a native group.
 struct ReportFrame {
-  std::string_view library;  ///< name of the mapping, may be empty; a part of the line
+  std::string_view library;  ///< name of the mapping, may be empty; refers to the line
   std::uint64_t offset = 0;  ///< bytes from the start of the mapping that holds the pc
   bool known = true;         ///< false for "[unknow]": the pc lay in no mapping
 };
@@ -33,7 +32,7 @@ struct JavaFrame {
   std::string function;  ///< may be empty
 };
 
-/// Live blocks whose stack was unwound in full.
+/// Live blocks with a Java-native stack.
 struct JavaGroup {
   std::uint64_t size = 0;
   std::uint64_t total = 0;
@@ -41,22 +40,21 @@ struct JavaGroup {
   std::vector<JavaFrame> frames;  ///< innermost first
 };
 
-/// The figures at the head of a report. They count all groups, the ones not listed included.
+/// The figures at the head of a report. They count all native groups, listed or not.
 struct ReportHeader {
   std::uint64_t total_bytes = 0;
   std::uint64_t groups = 0;
-  std::uint64_t listed = 0;  ///< groups that the tracker set out to list (at most 1000)
+  std::uint64_t listed = 0;  ///< groups that the tracker lists, at most 1000
   std::uint64_t backtrace_size = 0;
 };
 
-/// A line that could not be read and was left out, or that is not there at all.
+/// A line that could not be read, or is missing.
 struct DamagedLine {
-  std::uint64_t number = 0;  ///< counted from 1; 0 for a line of the head that is missing
+  std::uint64_t number = 0;  ///< counted from 1; 0 for a missing line of the head
   std::string reason;
 };
 
-/// Receives a report piece by piece; a member that is not set drops its pieces. Groups live as long
-/// as the call.
+/// Receives the pieces of a report. Members may be empty. Groups live as long as the call.
 struct ReportSink {
   std::function<void(const NativeGroup&)> native;
   std::function<void(const JavaGroup&)> java;
@@ -70,22 +68,21 @@ enum class ReportEnd {
   kNotAReport,  ///< the first line is not a report's; nothing was delivered
 };
 
-/// No line of a report is longer: the deepest stack of long names takes less. What is longer is
-/// damaged, and left out without being held in memory.
+/// The longest line in bytes; the deepest stack of long names takes less. A longer line is damaged,
+/// and is not kept in memory.
 inline constexpr std::size_t kLongestLine = 64U << 20U;
 
-/// Reads a report from `input` in one pass, in memory of one group and one line; fills `header`
-/// with what the head says (0 for lines that are missing or damaged). Every damaged line is
-/// announced once, and so is every line that the head lacks; a Java-native group goes with any of
-/// its lines, and so does the last one of a text that stops early.
+/// Reads a report from `input` in one pass, in memory of one group and one line. Fills `header`
+/// with the figures of the head, 0 for missing or damaged lines. Delivers each damaged line and
+/// each missing line of the head once. A Java-native group with a damaged line is not delivered,
+/// nor is the last one of a truncated report.
 ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header);
 
-/// Reads the file at `path` the same way. Throws UserError when it cannot be read or is not a
-/// report, so that the result is either of the other two.
+/// Reads the file at `path` the same way. Throws UserError if it cannot be read or is not a report.
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header);
 
-/// Parses a native group's line without its newline; the group refers to `line`. On failure returns
-/// false and sets `reason`.
+/// Parses the line of a native group, without its newline. The group refers to `line`. On failure
+/// returns false and sets `reason`.
 bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* reason);
 
 }  // namespace memleak

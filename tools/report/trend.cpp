@@ -6,15 +6,15 @@
 #include <cmath>
 #include <utility>
 
-#include "tools/report/stack_key.h"
+#include "tools/report/diff.h"
 
 namespace memleak {
 namespace {
 
 constexpr double kSecondsPerMinute = 60;
 
-// The 97.5 % quantile of Student's t: from its table, and where that ends by Fisher's expansion at
-// the normal distribution's quantile, which is within 0.1 % from there on.
+// The 97.5 % quantile of Student's t. Above 10 degrees it is computed by Fisher's expansion, whose
+// error is below 0.1 % there.
 double StudentT(std::size_t degrees) {
   constexpr std::array kTable = {12.7062, 4.3027, 3.1824, 2.7764, 2.5706,
                                  2.4469,  2.3646, 2.3060, 2.2622, 2.2281};
@@ -40,13 +40,13 @@ Point Mean(const std::vector<Point>& points) {
 std::optional<Line> LineOf(const GroupTrend& group, const std::vector<double>& seconds) {
   std::vector<Point> points;
   for (std::size_t i = 0; i < seconds.size(); ++i) {
-    if (!group.values[i]) continue;
-    points.push_back({seconds[i] / kSecondsPerMinute, static_cast<double>(group.values[i]->total)});
+    if (!group.values[i].known) continue;
+    points.push_back({seconds[i] / kSecondsPerMinute, static_cast<double>(group.values[i].total)});
   }
   return FitLine(points);
 }
 
-// By what groups are sorted: bytes from the first report to the last, as far as they can be told.
+// The sort key of groups: bytes from the first report to the last.
 double Gain(const GroupTrend& group, double minutes) {
   const std::optional<std::int64_t> growth = group.Growth();
   if (growth) return static_cast<double>(*growth);
@@ -86,81 +86,42 @@ std::optional<Line> FitLine(const std::vector<Point>& points) {
 
 std::size_t GroupTrend::Known() const {
   return static_cast<std::size_t>(std::count_if(
-      values.begin(), values.end(), [](const auto& value) { return value.has_value(); }));
+      values.begin(), values.end(), [](const GroupValue& value) { return value.known; }));
 }
 
 std::optional<std::int64_t> GroupTrend::Growth() const {
-  if (values.empty() || !values.front() || !values.back()) return std::nullopt;
-  return static_cast<std::int64_t>(values.back()->total - values.front()->total);
+  if (!values.front().known || !values.back().known) return std::nullopt;
+  return memleak::Growth(values.front().total, values.back().total);
 }
 
 void Trends::Add(double seconds, const Profile& profile) {
-  const std::size_t report = seconds_.size();
   seconds_.push_back(seconds);
-  whole_[0].push_back(profile.ListsAll(GroupKind::kNative));
-  whole_[1].push_back(profile.ListsAll(GroupKind::kJava));
-  const std::vector<std::string> keys = FrameKeys(profile);
-  for (const Group& group : profile.groups) {
-    Collected& collected = groups_[GroupKey(group, keys)];
-    GroupTrend& trend = collected.trend;
-    if (trend.values.empty()) {
-      trend.kind = group.kind;
-      trend.size = group.size;
-      for (const std::uint32_t frame : group.stack) {
-        trend.stack.push_back(FrameName(profile, profile.frames[frame]));
-        const std::int32_t library = profile.frames[frame].library;
-        trend.libraries.emplace_back(
-            library < 0 ? ""
-                        : LibraryName(profile.libraries[static_cast<std::size_t>(library)].path));
-      }
-    }
-    trend.values.resize(report + 1);
-    std::optional<GroupValue>& value = trend.values[report];
-    if (!value) value.emplace();
-    value->count += group.count;
-    value->total += group.total;
-    std::vector<std::uint32_t>& counts = collected.sites[SiteKey(profile, group)];
-    counts.resize(report + 1);
-    ++counts[report];
-  }
-}
-
-// For each report whether it lists every call site of `group` that any other lists.
-std::vector<bool> Trends::ListsAllSites(const Collected& group) const {
-  std::vector<bool> all(seconds_.size(), true);
-  for (const auto& [site, counts] : group.sites) {
-    const std::uint32_t most = *std::max_element(counts.begin(), counts.end());
-    for (std::size_t i = 0; i < all.size(); ++i) {
-      if (i >= counts.size() || counts[i] < most) all[i] = false;
+  const std::vector<std::size_t> indices = matcher_.Add(profile);
+  for (std::size_t i = 0; i < indices.size(); ++i) {
+    if (indices[i] != groups_.size()) continue;
+    const Group& group = profile.groups[i];
+    GroupTrend& trend = groups_.emplace_back(GroupTrend{.kind = group.kind, .size = group.size});
+    for (const std::uint32_t index : group.stack) {
+      const Frame& frame = profile.frames[index];
+      trend.stack.push_back(FrameName(profile, frame));
+      const bool known = frame.library >= 0;
+      trend.libraries.emplace_back(
+          known ? LibraryName(profile.libraries[static_cast<std::size_t>(frame.library)].path)
+                : "");
     }
   }
-  return all;
-}
-
-GroupTrend Trends::Complete(const Collected& group) const {
-  GroupTrend trend = group.trend;
-  trend.values.resize(seconds_.size());
-  const std::vector<bool> lists_all = ListsAllSites(group);
-  const std::vector<bool>& whole = whole_[trend.kind == GroupKind::kNative ? 0 : 1];
-  for (std::size_t i = 0; i < seconds_.size(); ++i) {
-    std::optional<GroupValue>& value = trend.values[i];
-    if (whole[i]) {
-      value = value.value_or(GroupValue{});
-    } else if (!lists_all[i]) {
-      value.reset();  // one of its sites may be below the cut
-    }
-  }
-  trend.line = LineOf(trend, seconds_);
-  return trend;
 }
 
 std::vector<GroupTrend> Trends::Result() const {
-  std::vector<GroupTrend> result;
-  result.reserve(groups_.size());
-  for (const auto& [key, group] : groups_) result.push_back(Complete(group));
+  std::vector<GroupTrend> result = groups_;
+  std::vector<MatchedGroup> matched = matcher_.Result();
+  for (std::size_t i = 0; i < result.size(); ++i) {
+    result[i].values = std::move(matched[i].values);
+    result[i].line = LineOf(result[i], seconds_);
+  }
   const double minutes =
       seconds_.empty() ? 0 : (seconds_.back() - seconds_.front()) / kSecondsPerMinute;
-  // The rest of the order is for equal runs to print equal tables.
+  // Size and stack make the order the same in every run.
   std::sort(result.begin(), result.end(), [&](const GroupTrend& a, const GroupTrend& b) {
     const double gain_a = Gain(a, minutes);
     const double gain_b = Gain(b, minutes);

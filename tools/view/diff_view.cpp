@@ -1,4 +1,4 @@
-// Rows by stack, largest change first, with what is certain and what is not kept apart.
+// Stacks with their block sizes, largest change first.
 #include "tools/view/diff_view.h"
 
 #include <algorithm>
@@ -13,18 +13,17 @@
 #include "tools/base/format.h"
 #include "tools/report/diff.h"
 #include "tools/view/layout.h"
+#include "tools/view/show_views.h"
 
 namespace memleak {
 namespace {
 
-constexpr std::size_t kFrameIndent = 5;
-constexpr std::size_t kLocationColumns = 30;
 constexpr std::size_t kSizesShown = 5;
 
-/// What became of all groups of one stack.
+/// The changed groups of one stack.
 struct StackRow {
   std::vector<std::size_t> groups;  // indices into the difference, largest change first
-  std::int64_t growth = 0;          // what is certain of it
+  std::int64_t growth = 0;          // bytes
 };
 
 std::uint64_t Magnitude(std::int64_t growth) {
@@ -32,16 +31,18 @@ std::uint64_t Magnitude(std::int64_t growth) {
                     : static_cast<std::uint64_t>(growth);
 }
 
+const char* Sign(std::int64_t growth) {
+  return growth > 0 ? "+" : growth < 0 ? "-" : "";
+}
+
 // "+1.5 KiB", "-3 B", "0 B".
 std::string FormatGrowth(std::int64_t growth) {
-  const char* sign = growth > 0 ? "+" : "-";
-  return (growth == 0 ? "" : sign) + FormatBytes(Magnitude(growth));
+  return Sign(growth) + FormatBytes(Magnitude(growth));
 }
 
 std::string FormatCountGrowth(std::uint64_t before, std::uint64_t after) {
   const std::int64_t growth = Growth(before, after);
-  const char* sign = growth > 0 ? "+" : "-";
-  return (growth == 0 ? "" : sign) + FormatCount(Magnitude(growth));
+  return Sign(growth) + FormatCount(Magnitude(growth));
 }
 
 std::int64_t AddClamped(std::int64_t a, std::int64_t b) {
@@ -51,25 +52,21 @@ std::int64_t AddClamped(std::int64_t a, std::int64_t b) {
                : std::numeric_limits<std::int64_t>::min() + 1;
 }
 
-// The stacks with a group that changed, in the order of their change.
+// The stacks that changed, largest change first.
 std::vector<StackRow> RowsOf(const Difference& difference) {
-  std::vector<StackRow> all(difference.stacks);
+  std::vector<StackRow> rows(difference.changes.size());  // by stack id; there are no more of them
   for (std::size_t i = 0; i < difference.changes.size(); ++i) {
     const GroupChange& change = difference.changes[i];
     if (change.change == Change::kSame || change.change == Change::kUnknown) continue;
-    StackRow& row = all[change.stack_id];
+    StackRow& row = rows[change.stack_id];
     row.groups.push_back(i);
-    row.growth = AddClamped(row.growth, SureGrowth(change));
+    row.growth = AddClamped(row.growth, change.growth);
   }
-  const auto magnitude = [&](std::size_t index) {
-    return Magnitude(SureGrowth(difference.changes[index]));
-  };
-  std::vector<StackRow> rows;
-  for (StackRow& row : all) {
-    if (row.groups.empty()) continue;
-    std::stable_sort(row.groups.begin(), row.groups.end(),
-                     [&](std::size_t a, std::size_t b) { return magnitude(a) > magnitude(b); });
-    rows.push_back(std::move(row));
+  std::erase_if(rows, [](const StackRow& row) { return row.groups.empty(); });
+  for (StackRow& row : rows) {
+    std::stable_sort(row.groups.begin(), row.groups.end(), [&](std::size_t a, std::size_t b) {
+      return Magnitude(difference.changes[a].growth) > Magnitude(difference.changes[b].growth);
+    });
   }
   std::stable_sort(rows.begin(), rows.end(), [](const StackRow& a, const StackRow& b) {
     return Magnitude(a.growth) > Magnitude(b.growth);
@@ -77,48 +74,15 @@ std::vector<StackRow> RowsOf(const Difference& difference) {
   return rows;
 }
 
-// "1.0 KiB", or "0 B to 2.0 KiB" where the list ends before the rest.
-std::string FormatSide(const Side& side) {
-  if (side.most == side.total) return FormatBytes(side.total);
-  if (side.most == std::numeric_limits<std::uint64_t>::max()) {
-    return FormatBytes(side.total) + " or more";
-  }
-  return FormatBytes(side.total) + " to " + FormatBytes(side.most);
-}
-
-// "+40 blocks of 10 B", as far as that is certain.
-std::string FormatBlocks(const Group& group, const GroupChange& change) {
-  const Side& before = change.before;
-  const Side& after = change.after;
-  const bool exact = before.most == before.total && after.most == after.total;
-  const std::uint64_t whole = Magnitude(SureGrowth(change));
-  const std::uint64_t blocks =
-      exact || group.size == 0 ? Magnitude(Growth(before.count, after.count)) : whole / group.size;
-  const char* sign = change.change == Change::kShrank || change.change == Change::kGone ? "-" : "+";
-  return (exact ? "" : "at least ") + (sign + FormatCount(blocks)) +
-         (blocks == 1 ? " block of " : " blocks of ") + FormatBytes(group.size);
-}
-
+// "grew   1.0 KiB -> 2.0 KiB, +2 blocks of 512 B".
 std::string FormatGroup(const Group& group, const GroupChange& change) {
+  const std::int64_t blocks = Growth(change.before.count, change.after.count);
   std::ostringstream text;
-  text << std::left << std::setw(6) << ChangeName(change.change) << " " << FormatSide(change.before)
-       << " -> " << FormatSide(change.after) << ", " << FormatBlocks(group, change);
+  text << std::left << std::setw(6) << ChangeName(change.change) << " "
+       << FormatBytes(change.before.total) << " -> " << FormatBytes(change.after.total) << ", "
+       << Sign(blocks) << Counted(Magnitude(blocks), "block") << " of " << FormatBytes(group.size);
   if (group.kind == GroupKind::kJava) text << ", Java-native";
   return text.str();
-}
-
-void PrintStack(const Profile& profile, const Group& group, std::ostream& out) {
-  for (const std::uint32_t index : group.stack) {
-    const Frame& frame = profile.frames[index];
-    std::string place;
-    if (!frame.file.empty()) {
-      place = "  " + FitWidth(BaseName(frame.file), kLocationColumns);
-      if (frame.line != 0) place += ":" + std::to_string(frame.line);
-    }
-    const std::size_t room = kColumns - kFrameIndent - Columns(place);
-    out << std::string(kFrameIndent, ' ') << FitWidth(FrameName(profile, frame), room) << place
-        << "\n";
-  }
 }
 
 void PrintRow(const Difference& difference, const StackRow& row, std::size_t number,
@@ -127,15 +91,14 @@ void PrintRow(const Difference& difference, const StackRow& row, std::size_t num
   out << "#" << number << "  " << FormatGrowth(row.growth) << "\n";
   const std::size_t shown = std::min(row.groups.size(), kSizesShown);
   for (std::size_t i = 0; i < shown; ++i) {
-    out << "   "
-        << FitWidth(FormatGroup(merged.groups[row.groups[i]], difference.changes[row.groups[i]]),
-                    kColumns - 3)
-        << "\n";
+    const std::size_t group = row.groups[i];
+    const std::string text = FormatGroup(merged.groups[group], difference.changes[group]);
+    out << "   " << FitWidth(text, kColumns - 3) << "\n";
   }
   if (row.groups.size() > shown) {
-    out << "   and " << row.groups.size() - shown << " more sizes\n";
+    out << "   and " << Counted(row.groups.size() - shown, "more size") << "\n";
   }
-  PrintStack(merged, merged.groups[row.groups.front()], out);
+  PrintStack(merged, merged.groups[row.groups.front()], Paint(false), out);
 }
 
 void PrintStacks(const Difference& difference, const std::vector<StackRow>& rows, const char* title,
@@ -163,7 +126,7 @@ void PrintHead(const char* label, const Profile& profile, std::ostream& out) {
   out << OneLineOrTwo(held, FitWidth(profile.path, 40)) << "\n";
 }
 
-// Whether a line of the head could not be read: its figures are 0 then.
+// Whether a line of the head is damaged, so that its figures read as 0.
 bool HeadIsDamaged(const Profile& profile) {
   constexpr std::uint64_t kHeadLines = 5;
   return std::any_of(profile.damaged.begin(), profile.damaged.end(),
@@ -203,13 +166,68 @@ void PrintTotals(const Profile& before, const Profile& after, std::ostream& out)
   }
 }
 
-// Reports of nothing, and of more groups than the tracker puts in order, are the same.
+void PrintUnchanged(const Difference& difference, std::ostream& out) {
+  Sums same;
+  bool merged = false;
+  for (const GroupChange& change : difference.changes) {
+    if (change.change != Change::kSame) continue;
+    same.Add({change.after.total, 1, change.after.count});
+    merged |= change.before.sites > 1 || change.after.sites > 1;
+  }
+  if (same.groups == 0) return;
+  // The reports count each call site as a group.
+  out << "Unchanged: " << FormatBytes(same.bytes) << " in " << Counted(same.groups, "group")
+      << (merged ? " (call sites of a function as one)" : "") << ".\n";
+}
+
+bool IsDamaged(const Profile& profile) {
+  return !profile.complete || profile.damaged_lines > 0;
+}
+
+// Counts the groups that are not judged, and says why, and how to have fewer of them.
+void PrintNotJudged(const Profile& before, const Profile& after, const Difference& difference,
+                    std::ostream& out) {
+  Sums old_sums;
+  Sums new_sums;
+  std::size_t largest = 0;
+  std::uint64_t most = 0;
+  for (std::size_t i = 0; i < difference.changes.size(); ++i) {
+    const GroupChange& change = difference.changes[i];
+    if (change.change != Change::kUnknown) continue;
+    old_sums.Add({change.before.total, 1, change.before.count});
+    new_sums.Add({change.after.total, 1, change.after.count});
+    const std::uint64_t bytes = std::max(change.before.total, change.after.total);
+    if (new_sums.groups == 1 || bytes > most) largest = i;
+    most = std::max(most, bytes);
+  }
+  if (new_sums.groups == 0) return;
+  const Group& group = difference.merged.groups[largest];
+  const std::string function =
+      group.stack.empty()
+          ? "[no stack]"
+          : FrameName(difference.merged, difference.merged.frames[group.stack.front()]);
+  const GroupChange& change = difference.changes[largest];
+  const std::string sums = "Not judged: " + Counted(new_sums.groups, "group") + ", " +
+                           FormatBytes(old_sums.bytes) + " -> " + FormatBytes(new_sums.bytes) + ";";
+  const std::string example = "the largest: " + FormatBytes(change.before.total) + " -> " +
+                              FormatBytes(change.after.total) + " in " + FitWidth(function, 40);
+  out << OneLineOrTwo(sums, example) << "\n"
+      << "One report lists them, or call sites of them, and the other one omits groups.\n";
+  if (IsDamaged(before) || IsDamaged(after)) {
+    out << "A report is truncated or damaged: write it again.\n";
+  } else {
+    out << "A report lists its 1000 largest groups; no option changes that. There are\n"
+           "fewer groups with a smaller --depth, or when recording starts later.\n";
+  }
+}
+
+// The tracker writes the same head for no groups and for more than it can sort.
 void PrintEmpty(const char* label, const Profile& profile, std::ostream& out) {
   if (profile.header.groups != 0 || HeadIsDamaged(profile)) return;
   out << "The " << label << " report counts no group: there was none, or more than 60,000.\n";
 }
 
-void PrintOutside(const char* label, const Profile& profile, std::ostream& out) {
+void PrintUnlisted(const char* label, const Profile& profile, std::ostream& out) {
   const Sums unlisted = profile.Unlisted();
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
   const std::string counts = std::string("The ") + label + " report counts " +
@@ -218,87 +236,27 @@ void PrintOutside(const char* label, const Profile& profile, std::ostream& out) 
   out << OneLineOrTwo(counts, "that it does not list.") << "\n";
 }
 
-/// Groups of one kind of change together.
-struct Together {
-  std::size_t groups = 0;
-  std::uint64_t before = 0;
-  std::uint64_t after = 0;
-  bool merged = false;  // some of them are several call sites
-};
-
-Together SumUp(const Difference& difference, Change wanted) {
-  Together sums;
-  for (const GroupChange& change : difference.changes) {
-    if (change.change != wanted) continue;
-    ++sums.groups;
-    sums.merged |= change.before.parts > 1 || change.after.parts > 1;
-    sums.before = AddSaturated(sums.before, change.before.total);
-    sums.after = AddSaturated(sums.after, change.after.total);
-  }
-  return sums;
-}
-
-void PrintUnchanged(const Difference& difference, std::ostream& out) {
-  const Together same = SumUp(difference, Change::kSame);
-  if (same.groups == 0) return;
-  // Fewer than the reports count, since theirs are groups of one call site.
-  out << "Unchanged: " << FormatBytes(same.after) << " in " << Counted(same.groups, "group")
-      << (same.merged ? " (call sites of a function as one)" : "") << ".\n";
-}
-
-bool IsFlawed(const Profile& profile) {
-  return !profile.complete || profile.damaged_lines > 0;
-}
-
-// Why a call site may be missing from the side that lacks it: the list was cut, as any long one is,
-// or it could not be read.
-const char* WhyUncertain(const Profile& before, const Profile& after,
-                         const Difference& difference) {
-  bool unread = false;
-  bool cut = false;
-  for (const GroupChange& change : difference.changes) {
-    if (change.change != Change::kUnknown) continue;
-    for (const auto& [side, profile] :
-         {std::pair(&change.before, &before), std::pair(&change.after, &after)}) {
-      if (side->lacks != 0) (IsFlawed(*profile) ? unread : cut) = true;
-    }
-  }
-  if (!unread) return "where a call site is missing it may merely have been left out of the list.";
-  return cut ? "where a call site is missing it may be in lines that could not be read, or have\n"
-               "been left out of the list."
-             : "where a call site is missing it may be in lines that could not be read.";
-}
-
-void PrintUncertain(const Profile& before, const Profile& after, const Difference& difference,
-                    std::ostream& out) {
-  const Together unknown = SumUp(difference, Change::kUnknown);
-  if (unknown.groups == 0) return;
-  out << "Nothing certain can be said of " << Counted(unknown.groups, "group") << " ("
-      << FormatBytes(unknown.before) << " -> " << FormatBytes(unknown.after) << "):\n"
-      << WhyUncertain(before, after, difference) << "\n";
-}
-
 }  // namespace
 
 void PrintDifference(const Profile& before, const Profile& after, std::size_t top,
                      std::ostream& out) {
   PrintTotals(before, after, out);
   const Difference difference = Compare(before, after);
-  std::vector<StackRow> grew;
-  std::vector<StackRow> shrank;
-  for (StackRow& row : RowsOf(difference)) {
-    (row.growth < 0 ? shrank : grew).push_back(std::move(row));
-  }
+  std::vector<StackRow> grew = RowsOf(difference);
+  const auto shrank_begin = std::stable_partition(
+      grew.begin(), grew.end(), [](const StackRow& row) { return row.growth >= 0; });
+  const std::vector<StackRow> shrank(shrank_begin, grew.end());
+  grew.erase(shrank_begin, grew.end());
   if (grew.empty() && shrank.empty()) out << "\nNo group is known to have changed.\n";
   PrintStacks(difference, grew, "Grew", top, out);
   PrintStacks(difference, shrank, "Shrank", top, out);
   std::ostringstream notes;
   PrintUnchanged(difference, notes);
-  PrintUncertain(before, after, difference, notes);
+  PrintNotJudged(before, after, difference, notes);
   PrintEmpty("old", before, notes);
   PrintEmpty("new", after, notes);
-  PrintOutside("old", before, notes);
-  PrintOutside("new", after, notes);
+  PrintUnlisted("old", before, notes);
+  PrintUnlisted("new", after, notes);
   if (!notes.str().empty()) out << "\n" << notes.str();
 }
 

@@ -1,5 +1,4 @@
-// Prints the difference of two reports for an 80-column terminal. Called by `diff`;
-// single-threaded.
+// Prints the difference of two reports for an 80-column terminal. Used by `diff`; single-threaded.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +8,8 @@
 
 namespace memleak {
 
-/// Prints the totals of both reports, the `top` stacks (0: all) that grew most and as many that
-/// shrank most, with a line for each size, and says what lies outside of either list.
+/// Prints the totals of both reports, the `top` stacks (0: all) that grew most and the `top` stacks
+/// that shrank most, one line for each block size, and what is not judged or not listed.
 void PrintDifference(const Profile& before, const Profile& after, std::size_t top,
                      std::ostream& out);
 

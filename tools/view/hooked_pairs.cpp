@@ -1,4 +1,4 @@
-// Hooked functions as lines of text.
+// Prints hooked functions.
 #include "tools/view/hooked_pairs.h"
 
 #include <iostream>

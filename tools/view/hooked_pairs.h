@@ -1,4 +1,4 @@
-// Hooked functions as lines of text. Called by `on` and `report`; single-threaded.
+// Prints hooked functions. Used by `on` and `report`; single-threaded.
 #pragma once
 
 #include <iosfwd>
@@ -9,11 +9,11 @@
 
 namespace memleak {
 
-/// One line for each library of `pairs`, which are sorted by library: `what`, the library and its
-/// functions.
+/// Prints one line for each library of `pairs`, which are sorted by library: `what`, the library
+/// and its functions.
 void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out);
 
-/// After a report of a hooked kind: prints what is still hooked, as far as slots can be read.
+/// Prints what is still hooked after a report of a hooked kind, as far as slots can be read.
 void PrintStillHooked(const ProcessInfo& process);
 
 }  // namespace memleak

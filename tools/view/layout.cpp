@@ -12,7 +12,7 @@ std::string Percent(std::uint64_t part, std::uint64_t whole) {
   if (whole == 0) return "";
   std::array<char, 16> text{};
   const double share = 100.0 * static_cast<double>(part) / static_cast<double>(whole);
-  // The sums of a damaged report may exceed its whole beyond all measure.
+  // The sums of a damaged report may exceed its total.
   if (share >= 1000.0) return ">999 %";
   std::snprintf(text.data(), text.size(), "%.1f %%", share);
   return text.data();

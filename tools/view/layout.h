@@ -1,4 +1,4 @@
-// Parts of printed lines. Called by everything in view/ and by `export`; single-threaded.
+// Parts of printed lines. Used by all views and by `export`; single-threaded.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace memleak {
 
 inline constexpr std::size_t kColumns = 80;
 
-/// `part` of `whole` as "51.2 %"; empty without a whole.
+/// `part` of `whole` as "51.2 %"; empty if `whole` is 0.
 std::string Percent(std::uint64_t part, std::uint64_t whole);
 
 /// "1 block", "1,234 blocks".
@@ -22,19 +22,19 @@ std::string BaseName(const std::string& path);
 /// `text` padded on the left to `width` columns.
 std::string Right(const std::string& text, std::size_t width);
 
-/// `first` and `second` with a blank between them where they fit into a line of the terminal, else
-/// on two lines, the second one indented by two.
+/// `first` and `second` with a blank between them if they fit into one line, else on two lines, the
+/// second one indented by two.
 std::string OneLineOrTwo(const std::string& first, const std::string& second);
 
-/// Colours where they are wanted.
+/// Colours text, unless it is off.
 class Paint {
  public:
   explicit Paint(bool on) : on_(on) {}
-  /// For the figure that counts in a line.
+  /// For the main figure of a line.
   std::string Strong(const std::string& text) const { return Wrap("\033[1m", text); }
-  /// For a function's name.
+  /// For names of functions.
   std::string Name(const std::string& text) const { return Wrap("\033[36m", text); }
-  /// For what one may skip.
+  /// For less important text.
   std::string Faint(const std::string& text) const { return Wrap("\033[2m", text); }
 
  private:

@@ -1,5 +1,5 @@
-// The frame around a view: figures before it; after it, what is not shown and which files would
-// give more symbols.
+// Prints the figures of the report before a view; after it, what is not shown, and which files
+// would give more symbols.
 #include "tools/view/show.h"
 
 #include <algorithm>
@@ -91,14 +91,14 @@ void PrintNotShown(View view, const Sums& below, const Sums& cut, const Sums& un
 
 void PrintHints(const Profile& profile, const std::vector<bool>& shown, std::ostream& out) {
   std::vector<const Library*> lacking;
-  for (const bool found : {false, true}) {  // those of which nothing is known first
+  for (const bool found : {false, true}) {  // libraries without any symbols first
     for (std::size_t i = 0; i < profile.libraries.size(); ++i) {
       const Library& library = profile.libraries[i];
       if (shown[i] && library.found == found && !library.hint.empty()) lacking.push_back(&library);
     }
   }
   if (lacking.empty()) return;
-  out << "\nNo source lines for want of these files (see --symbols, --sysroot):\n";
+  out << "\nNo source lines without these files (see --symbols, --sysroot):\n";
   for (std::size_t i = 0; i < lacking.size() && i < kHintsShown; ++i) {
     const std::string owner = lacking[i]->found ? "  of " + BaseName(lacking[i]->path) : "";
     const std::string name = FitWidth(owner, kColumns / 3);
@@ -109,7 +109,7 @@ void PrintHints(const Profile& profile, const std::vector<bool>& shown, std::ost
   }
 }
 
-// Marks the libraries on the stacks of the groups.
+// Marks the libraries on the stacks of `selected`.
 void MarkLibraries(const Profile& profile, const Selected& selected, std::vector<bool>* marked) {
   for (const std::size_t index : selected.groups) {
     for (const std::uint32_t frame : profile.groups[index].stack) {
@@ -131,7 +131,7 @@ void PrintProfile(const Profile& profile, const ViewOptions& options, std::ostre
 
   PrintHead(profile, listed, out);
   const std::uint64_t whole = std::max(profile.header.total_bytes, listed.bytes);
-  const Sums below = PrintView({profile, options, native, whole, ""}, out);
+  const Sums below = PrintView({profile, options, native, whole, "#"}, out);
   if (profile.header.groups != 0 || listed.groups != 0) {
     PrintNotShown(options.view, below, native.cut, profile.Unlisted(), out);
   }

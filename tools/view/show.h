@@ -1,5 +1,4 @@
-// Prints a profile as text for an 80-column terminal. Called by the command `show`;
-// single-threaded.
+// Prints a profile for an 80-column terminal. Used by `show`; single-threaded.
 #pragma once
 
 #include <iosfwd>
@@ -9,12 +8,12 @@
 
 namespace memleak {
 
-/// What is said of a report without groups.
+/// Printed for a report without groups.
 inline constexpr const char* kNothingHeld =
     "nothing recorded is still held; was recording on? (memleak on PID)";
 
-/// Prints the figures of the report, the view of its groups, and how much lies outside of what is
-/// shown. Throws UserError when the filter cannot be read; nothing is printed then.
+/// Prints the figures of the report, the view of its groups, and how much is not shown. Throws
+/// UserError if the filter is invalid, before anything is printed.
 void PrintProfile(const Profile& profile, const ViewOptions& options, std::ostream& out);
 
 }  // namespace memleak

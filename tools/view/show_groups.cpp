@@ -1,9 +1,8 @@
-// Groups from the largest down, each with its stack.
+// Groups with their stacks.
 #include <algorithm>
 #include <ostream>
 
 #include "tools/base/format.h"
-#include "tools/view/layout.h"
 #include "tools/view/show_views.h"
 
 namespace memleak {
@@ -11,7 +10,7 @@ namespace {
 
 constexpr std::size_t kFrameIndent = 5;
 constexpr std::size_t kDeepIndent = 9;
-// A location shorter than this is worth cutting a function's name for.
+// A function's name is cut for a location of up to this width.
 constexpr std::size_t kLocationColumns = 30;
 
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {
@@ -33,7 +32,7 @@ std::string Ages(const Group& group, const ViewOptions& options, std::int64_t sp
   return text + "  " + (group.own_ages ? "" : "perhaps ") + PatternName(pattern);
 }
 
-// One line where both fit, else the location on a line of its own.
+// Prints function and location on one line if they fit, else on two.
 void PrintFrame(const std::string& function, const std::string& location, const Paint& paint,
                 std::ostream& out) {
   const std::size_t room = kColumns - kFrameIndent;
@@ -63,21 +62,24 @@ std::string Location(const Profile& profile, const Frame& frame) {
 void PrintGroup(const Section& section, std::size_t number, const Group& group, std::int64_t span,
                 std::ostream& out) {
   const Paint paint(section.options.color);
-  const std::string begin = section.mark[0] == '\0' ? "#" : section.mark;
   const std::string bytes = FormatBytes(group.total);
   const std::string rest = "  " + Percent(group.total, section.whole) + "  " +
                            Counted(group.count, "block") + " of " + FormatBytes(group.size);
   const std::string ages = Ages(group, section.options, span);
-  const std::string label = begin + std::to_string(number) + "  ";
+  const std::string label = section.mark + std::to_string(number) + "  ";
   const bool fits = Columns(label + bytes + rest + ages) <= kColumns;
   out << "\n" << label << paint.Strong(bytes) << rest << (fits ? "" : "\n   ") << ages << "\n";
-  for (const std::uint32_t index : group.stack) {
-    const Frame& frame = section.profile.frames[index];
-    PrintFrame(FrameName(section.profile, frame), Location(section.profile, frame), paint, out);
-  }
+  PrintStack(section.profile, group, paint, out);
 }
 
 }  // namespace
+
+void PrintStack(const Profile& profile, const Group& group, const Paint& paint, std::ostream& out) {
+  for (const std::uint32_t index : group.stack) {
+    const Frame& frame = profile.frames[index];
+    PrintFrame(FrameName(profile, frame), Location(profile, frame), paint, out);
+  }
+}
 
 Sums PrintGroups(const Section& section, std::ostream& out) {
   const std::int64_t span = AgeSpan(section.profile);

@@ -1,4 +1,4 @@
-// Sums as tables and as trees.
+// Tables and trees of sums.
 #include <algorithm>
 #include <optional>
 #include <ostream>
@@ -15,7 +15,7 @@ constexpr std::size_t kBytesColumns = 10;
 constexpr std::size_t kShareColumns = 7;
 constexpr std::size_t kBlocksColumns = 11;
 constexpr std::size_t kAgeColumns = 8;
-// Branches below a hundredth are not drawn, unless all are wanted.
+// Branches below a hundredth are drawn with --top 0 only.
 constexpr std::uint64_t kSmallestShare = 100;
 constexpr std::size_t kIndentStep = 2;
 constexpr std::size_t kDeepestIndent = 30;
@@ -35,16 +35,16 @@ void PrintRow(const Section& section, const Row& row, RowKind kind, std::ostream
       << paint.Name(FitWidth(name, room)) << "\n";
 }
 
-/// A line of a tree that is still to be printed.
+/// A tree line to be printed.
 struct PendingLine {
   std::uint32_t node = 0;
   std::size_t indent = 0;
-  std::size_t more = 0;  // with a count, the line that stands for so many branches
+  std::size_t more = 0;  // if not 0, the line sums up this many branches
   Sums left_out;
-  std::optional<std::int64_t> oldest;  // of these
+  std::optional<std::int64_t> oldest;  // of `left_out`
 };
 
-// The column of a tree for what its branches are ordered by, beside bytes.
+// The width of the column for the sort key; 0 for bytes, which have a column already.
 std::size_t OrderColumns(SortKey sort) {
   switch (sort) {
     case SortKey::kCount:
@@ -95,7 +95,7 @@ class TreePrinter {
   }
 
  private:
-  // Puts the children of a node on the stack, the largest on top.
+  // Pushes the children of a node, the largest last.
   void Push(std::uint32_t parent, std::size_t indent) {
     std::vector<std::uint32_t>& children = tree_[parent].children;
     const auto is_large = [&](std::uint32_t child) { return IsLarge(child); };
@@ -103,17 +103,17 @@ class TreePrinter {
     auto shown =
         static_cast<std::size_t>(std::count_if(children.begin(), children.end(), is_large));
     if (shown + 1 == children.size() && shown < top) {
-      // To say that there is one more takes the room of drawing it.
+      // A line for one more branch takes as much space as the branch.
       ++shown;
     } else {
-      // Those too small to be drawn may stand before others, in other orders than theirs.
+      // In other orders than by bytes, small branches may come before large ones.
       std::stable_partition(children.begin(), children.end(), is_large);
     }
     shown = std::min(shown, top);
-    // A call that has one caller, or makes one call, stands below it without a step to the right.
+    // A single child is not indented.
     const bool forks = shown != children.size() || shown > 1;
     if (parent == 0) many_roots_ = forks;
-    // Several roots are told apart by what stands below each.
+    // With several roots, their children are indented.
     const bool fork = forks || tree_[parent].self.groups != 0 || (many_roots_ && indent == 0);
     const std::size_t inner =
         parent == 0 ? 0 : std::min(kDeepestIndent, indent + (fork ? kIndentStep : 0));
@@ -135,7 +135,7 @@ class TreePrinter {
     }
   }
 
-  // By blocks, where these are asked for.
+  // By blocks with --sort count, else by bytes.
   bool IsLarge(std::uint32_t node) const {
     const Sums& sums = tree_[node].sums;
     const Sums& all = tree_[0].sums;

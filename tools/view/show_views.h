@@ -1,4 +1,4 @@
-// The views of the groups of a report. Called by PrintProfile; single-threaded.
+// The views of a report's groups. Used by PrintProfile; single-threaded.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +7,7 @@
 
 #include "tools/report/aggregate.h"
 #include "tools/report/model.h"
+#include "tools/view/layout.h"
 
 namespace memleak {
 
@@ -15,20 +16,23 @@ enum class View { kGroups, kLibraries, kFunctions, kTree, kCallers };
 struct ViewOptions {
   View view = View::kGroups;
   std::size_t top = 10;      ///< groups, rows, or branches at each fork; 0: all
-  Selection selection = {};  ///< its kind is not looked at: both are printed, one after the other
+  Selection selection = {};  ///< its kind is ignored: native groups are printed, then Java-native
   bool color = false;
 };
 
-/// One kind of groups on its way to the terminal.
+/// The selected groups of one kind.
 struct Section {
   const Profile& profile;
   const ViewOptions& options;
   const Selected& selected;
-  std::uint64_t whole = 0;  ///< bytes that shares are given of
-  const char* mark = "";    ///< before a group's number
+  std::uint64_t whole = 0;  ///< bytes that count as 100 %
+  const char* mark = "#";   ///< before a group's number
 };
 
-/// The views; each returns what it leaves out of the selection for the sake of --top.
+/// Prints a line or two for each frame of the group.
+void PrintStack(const Profile& profile, const Group& group, const Paint& paint, std::ostream& out);
+
+/// The views. Each returns the groups of the selection that --top leaves out.
 Sums PrintGroups(const Section& section, std::ostream& out);
 Sums PrintRows(const Section& section, RowKind kind, std::ostream& out);
 Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out);

@@ -1,6 +1,7 @@
 // The table of trends.
 #include "tools/view/trend_table.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iomanip>
 #include <ostream>
@@ -35,16 +36,18 @@ std::string SlopeText(const GroupTrend& group) {
   return text.str();
 }
 
-std::string CountText(const std::optional<GroupValue>& value) {
-  return value ? FormatCount(value->count) : "?";
+// "3", or "?" if unknown.
+std::string CountText(const GroupValue& value) {
+  return value.known ? FormatCount(value.count) : "?";
 }
 
-// "3 blocks", "1 block"; "? blocks" where that is not known.
-std::string BlocksText(const std::optional<GroupValue>& value) {
-  return value ? Counted(value->count, "block") : "? blocks";
+// "3 blocks", "1 block" or "? blocks".
+std::string BlocksText(const GroupValue& value) {
+  return value.known ? Counted(value.count, "block") : "? blocks";
 }
 
-// Fits behind the indent. Names without a function start with the library's.
+// A frame's name and library, within the columns after the indent. The name of a frame without a
+// function starts with the library already.
 std::string FrameText(const std::string& name, const std::string& library) {
   constexpr std::size_t kMostLibrary = 24;
   if (library.empty() || name.starts_with(library + "+0x")) {
@@ -74,8 +77,7 @@ bool Grew(const GroupTrend& group) {
   return growth ? *growth > 0 : group.line && group.line->slope > 0;
 }
 
-// A group of which nothing can be said for want of reports that list it.
-bool IsUntold(const GroupTrend& group) {
+bool HasNoTrend(const GroupTrend& group) {
   return !group.Growth() && !group.line;
 }
 
@@ -94,25 +96,31 @@ void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<Grou
       << Signed(static_cast<double>(last.bytes) - static_cast<double>(first.bytes)) << " ("
       << FormatBytes(first.bytes) << " -> " << FormatBytes(last.bytes) << ")\n";
   std::size_t grew = 0;
-  std::size_t untold = 0;
+  Sums without_trend;
   for (const GroupTrend& group : groups) {
-    if (IsUntold(group)) ++untold;
+    if (HasNoTrend(group)) {
+      const auto largest = std::max_element(
+          group.values.begin(), group.values.end(),
+          [](const GroupValue& a, const GroupValue& b) { return a.total < b.total; });
+      without_trend.Add({largest->total, 1, largest->count});
+    }
     if (!Grew(group)) continue;
     ++grew;
     if (top == 0 || grew <= top) PrintGroup(grew, group, out);
   }
-  // More than any one report has, where groups come and go.
+  // Groups come and go: there may be more of them than one report lists.
   out << grew << " of " << Counted(groups.size(), "group") << " seen in any report grew";
   if (top != 0 && grew > top) out << "; the " << top << " that grew most are shown";
   out << "\n";
-  if (untold != 0) {
-    out << "nothing is known of the growth of " << Counted(untold, "group")
-        << (untold == 1 ? ": it was" : ": they were")
-        << " among the 1000\nlargest, which a report lists, once at most\n";
+  if (without_trend.groups != 0) {
+    out << "not judged: " << Counted(without_trend.groups, "group") << " of "
+        << FormatBytes(without_trend.bytes)
+        << ", listed in full in one report at most.\nA report lists its 1000 largest groups; no "
+           "option changes that\n";
   }
   if (first.unlisted.groups != 0 || last.unlisted.groups != 0) {
     out << "not in the lists: " << UnlistedText(first) << " of the first report, "
-        << UnlistedText(last) << "\nof the last; what of that grew is not known\n";
+        << UnlistedText(last) << "\nof the last; their growth is not known\n";
   }
 }
 

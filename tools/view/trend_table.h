@@ -1,4 +1,4 @@
-// The table of groups that grew between the reports of `watch`. Called by `watch`; single-threaded.
+// The table of groups that grew between the reports of `watch`. Used by `watch`; single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace memleak {
 
-/// Prints the groups that grew, at most `top` (0: all), how many there are beside them, and how
-/// much the reports do not list.
+/// Prints at most `top` groups that grew (0: all), the number of all groups, and how much is not
+/// judged or not listed.
 void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<GroupTrend>& groups,
                  std::uint32_t top, std::ostream& out);
 

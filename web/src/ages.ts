@@ -1,4 +1,4 @@
-// The ages of a group's blocks: as a distribution over the time that was recorded, and in words.
+// The ages of a group's blocks, as a chart over the recorded time and in words.
 
 import { el, formatAge, formatCount, plural } from "./dom.js";
 import type { Group, Pattern } from "./profile.js";
@@ -6,13 +6,13 @@ import type { Group, Pattern } from "./profile.js";
 const kBars = 24;
 
 const kPatterns: Record<Pattern, string> = {
-  growing: "Old blocks stay and new ones keep coming: it keeps growing.",
-  settled: "No young blocks are held: made once and kept.",
-  recent: "No old blocks are held: it began to grow lately, or its blocks come and go.",
-  unknown: "Too few ages to tell whether it grows.",
+  growing: "Old blocks stay and new ones are added: it keeps growing.",
+  settled: "No young blocks are held: allocated once and kept.",
+  recent: "No old blocks are held: it began to grow recently, or its blocks are short-lived.",
+  unknown: "Too few ages to see whether it grows.",
 };
 
-/** What the group's ages say in a word; a dash where they tell nothing. */
+/** The pattern of the ages in a word; a dash if unknown. */
 export function patternWord({ pattern, ownAges }: Group): string {
   if (pattern === undefined || pattern === "unknown") return "–";
   return ownAges ? pattern : `perhaps ${pattern}`;
@@ -35,7 +35,7 @@ export function ageRange(group: Group): [youngest: number, oldest: number] {
   return [youngest, oldest];
 }
 
-/** Bars from the oldest (left) to the youngest; the same scale of time for every group. */
+/** Bars from the oldest (left) to the youngest age. All groups have the same time scale. */
 export function ageChart(group: Group, span: number): HTMLElement {
   const bars = new Array<number>(kBars).fill(0);
   for (const age of group.ages) {

@@ -1,5 +1,5 @@
-// Colours of flame graph boxes and of their legend. Boxes carry dark text in the light scheme and in
-// the dark one, so all are of medium lightness.
+// Colours of flame graph boxes and of their legend. Boxes have dark text in the light and the dark
+// scheme, so all colours are light.
 
 import type { Profile } from "./profile.js";
 import type { TreeNode } from "./tree.js";
@@ -7,13 +7,13 @@ import type { TreeNode } from "./tree.js";
 export type ColourBy = "library" | "change";
 
 export const kMatchColour = "hsl(300 85% 72%)";
-/** Boxes too small to be drawn one by one, some of which match. */
+/** A box for several small ones, some of which match. */
 export const kNearMatchColour = "hsl(300 50% 84%)";
 export const kPlainColour = "hsl(220 8% 76%)";
 
-/** Hues by weight: the heaviest libraries get those that are furthest apart. */
+/** Hues by weight: those of the largest libraries differ most. */
 export class LibraryColours {
-  /** Libraries by the bytes whose allocation lies in them, heaviest first. */
+  /** Libraries by the bytes of the groups that have them on their stacks, largest first. */
   readonly ranking: { library: number; bytes: number }[];
   private readonly colours = new Map<number, string>();
 
@@ -41,20 +41,9 @@ export class LibraryColours {
   }
 }
 
-/** Fills of groups that one report lists and the other may merely have left out, or parts of them. */
-export const kMaybeNew = "url(#maybe-new)";
-export const kMaybeGone = "url(#maybe-gone)";
-
-/**
- * Warm for growth, blue for shrinking, the stronger the larger the change is beside the node;
- * hatched where more is uncertain than certain.
- */
+/** Warm for growth, blue for shrinking, and the darker the larger the change is. */
 export function changeColour(node: TreeNode): string {
-  if (node.width === 0) return kPlainColour;
-  if (node.unsure > Math.abs(node.sure) && 2 * node.unsure >= node.width) {
-    return node.after.least >= node.before.least ? kMaybeNew : kMaybeGone;
-  }
-  return shade(node.sure / node.width);
+  return node.width === 0 ? kPlainColour : shade((node.after - node.before) / node.width);
 }
 
 /** The colour of a change by `share` of a whole, -1 to 1. */
@@ -64,11 +53,9 @@ function shade(share: number): string {
   return share > 0 ? `hsl(14 90% ${lightness}%)` : `hsl(212 85% ${lightness}%)`;
 }
 
-/** The colours of changes and what they mean. */
+/** The colours of changes and their meaning. */
 export const kChangeKey: readonly (readonly [string, string])[] = [
   [shade(1), "grew or new"],
   [shade(-1), "shrank or gone"],
-  [kPlainColour, "the same"],
-  [kMaybeNew, "more listed now, but the old list is not whole"],
-  [kMaybeGone, "less listed now, but the new list is not whole"],
+  [kPlainColour, "unchanged or not judged"],
 ];

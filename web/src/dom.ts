@@ -1,7 +1,5 @@
-// Building elements, and figures as people read them. Texts are always set as text, never as markup:
-// names come from the watched program.
-
-import type { Range } from "./profile.js";
+// Builds elements and formats figures. Texts are always set as text, never as markup: names come from
+// the watched program.
 
 type Child = Node | string | null;
 
@@ -20,7 +18,7 @@ export function el<K extends keyof HTMLElementTagNameMap>(
   return element;
 }
 
-/** A text cut to `limit` characters with a button that shows all of it. */
+/** A text cut to `limit` characters, with a button that shows all of it. */
 export function longText(text: string, limit: number): HTMLElement {
   if (text.length <= limit) return el("span", {}, text);
   const shown = el("span", {}, cutText(text, limit));
@@ -73,23 +71,6 @@ export function signed(change: number, format: (figure: number) => string): stri
   return `${change > 0 ? "+" : change < 0 ? "−" : ""}${format(Math.abs(change))}`;
 }
 
-/** What is held: "1.5 KiB", "at most 2.0 KiB", "1.5 KiB to 2.0 KiB" or "1.5 KiB or more". */
-export function formatRange({ least, most }: Range, format: (figure: number) => string): string {
-  const [low, high] = [format(least), format(most)];
-  if (most === Infinity) return `${low} or more`;
-  if (low === high) return low;
-  return least === 0 ? `at most ${high}` : `${low} to ${high}`;
-}
-
-/** A change between bounds: "+1.5 KiB", "−512 B to +2.0 KiB", "at least +1.5 KiB" or "?". */
-export function formatChange({ least, most }: Range, format: (figure: number) => string): string {
-  const [low, high] = [signed(least, format), signed(most, format)];
-  if (least === -Infinity && most === Infinity) return "?";
-  if (least === -Infinity) return `at most ${high}`;
-  if (most === Infinity) return `at least ${low}`;
-  return low === high ? low : `${low} to ${high}`;
-}
-
 /** "8s", "3m 20s", "2h 5m", "1d 4h"; a negative age (the clock was set back) keeps its sign. */
 export function formatAge(seconds: number): string {
   const units: [string, number][] = [
@@ -116,7 +97,7 @@ export function formatShare(part: number, whole: number): string {
   return whole > 0 ? `${((100 * part) / whole).toFixed(1)} %` : "–";
 }
 
-/** A labelled choice among a few values. */
+/** A labelled selection. */
 export function choice<T extends string>(
   label: string,
   values: [T, string][],
@@ -130,7 +111,7 @@ export function choice<T extends string>(
   return el("label", {}, label, " ", select);
 }
 
-/** Calls `action` once when calls to the result have stopped for `delay` milliseconds. */
+/** A function that calls `action` once its own calls have stopped for `delay` milliseconds. */
 export function settled(delay: number, action: () => void): () => void {
   let timer = 0;
   return () => {

@@ -1,32 +1,22 @@
-// The flame graph: what it is drawn from, zoom, search and the keyboard. The library lays out and
-// draws; it is handed only what can be seen, anew at every zoom.
+// The flame graph: zoom, search and keyboard. The library lays out and draws the boxes. It gets only
+// the visible ones, at every zoom.
 
 import flamegraph, { type LayoutNode } from "d3-flame-graph";
 import { select, selection } from "d3-selection";
 import { changeColour, type ColourBy, kMatchColour, kNearMatchColour, kPlainColour, LibraryColours } from "./colours.js";
-import {
-  cutText,
-  el,
-  formatBytes,
-  formatChange,
-  formatRange,
-  formatShare,
-  longText,
-  plural,
-} from "./dom.js";
-import { change, type Measure, type Profile } from "./profile.js";
+import { cutText, el, formatBytes, formatShare, longText, plural, signed } from "./dom.js";
+import type { Measure, Profile } from "./profile.js";
 import { CallTree, cut, type Drawn, type TreeNode } from "./tree.js";
 
-// More boxes than these nobody can tell apart, and each costs the browser four elements.
+// Each box costs four elements, and more boxes cannot be told apart.
 const kMostBoxes = 700;
 const kLeastPixels = 2;
 const kCellHeight = 19;
-const kTitleHeight = 2 * kCellHeight; // which the library leaves free
+const kTitleHeight = 2 * kCellHeight; // reserved by the library
 const kNameLimit = 200;
 
-// The library draws by transitions, which last several frames even where their duration is 0: boxes
-// would lag behind the page's state. A transition is made the selection itself, so that each of its
-// changes is in force at once.
+// The library draws by transitions, which take several frames even with a duration of 0. With the
+// selection itself in place of a transition, changes take effect at once.
 function same(this: unknown): unknown {
   return this;
 }
@@ -71,7 +61,7 @@ export class FlameView {
       .setColorMapper((node) => this.colour(node.data.node))
       .setLabelHandler((node) => this.label(node.data.node))
       .onHover((node) => this.describe(node.data.node));
-    // Ahead of the library's own zoom, which knows only the boxes that are drawn.
+    // Before the library's own zoom, which knows only the drawn boxes.
     this.canvas.addEventListener("click", (event) => this.clicked(event), true);
     this.canvas.addEventListener("keydown", (event) => this.pressed(event));
     this.canvas.addEventListener("mouseleave", () => this.describe(this.focus));
@@ -107,7 +97,7 @@ export class FlameView {
     if (!rootOnTop) this.canvas.scrollTop = this.canvas.scrollHeight;
   }
 
-  /** Marks frames; `groups` are those that have one of them. null takes the marks away. */
+  /** Marks frames, or none for null. `groups` are the groups with one of them on their stacks. */
   highlight(frames: Set<number> | null, groups: Iterable<number>): void {
     this.matches = frames;
     this.matched = new Set(groups);
@@ -151,7 +141,7 @@ export class FlameView {
     this.crop(width);
   }
 
-  /** Cuts off the room for a title, at the far end from the root, and lets paper scale the rest. */
+  /** Cuts off the space for a title, opposite the root. The view box lets printing scale the rest. */
   private crop(width: number): void {
     const svg = this.canvas.querySelector("svg")!;
     const height = Number(svg.getAttribute("height")) - kTitleHeight;
@@ -174,11 +164,12 @@ export class FlameView {
   private figures(node: TreeNode): string {
     const format = this.measure === "bytes" ? formatBytes : blocks;
     const share = `${formatShare(node.width, this.tree.root.width)} of what is drawn`;
-    if (!this.profile.isDiff) return `${format(node.after.least)}, ${share}`;
-    return (
-      `${formatRange(node.before, format)} → ${formatRange(node.after, format)}` +
-      ` (${formatChange(change(node.before, node.after), format)}), ${share}`
-    );
+    if (!this.profile.isDiff) return `${format(node.after)}, ${share}`;
+    const change = signed(node.after - node.before, format);
+    const judged = `${format(node.before)} → ${format(node.after)} (${change})`;
+    if (node.notJudged === 0) return `${judged}, ${share}`;
+    const rest = `${plural(node.notJudged, "group")} not judged`;
+    return node.notJudged === node.groups.length ? `${rest}, ${share}` : `${judged}, ${rest}, ${share}`;
   }
 
   private label(node: TreeNode): string {
@@ -229,7 +220,7 @@ export class FlameView {
     event.preventDefault();
   }
 
-  /** Outlines the box that the keyboard is at. */
+  /** Outlines the current box of the keyboard. */
   private mark(node: LayoutNode<Drawn> | null): void {
     this.current = node;
     for (const box of this.boxes()) {

@@ -1,22 +1,15 @@
-// What the colours of the flame graph mean: of libraries, and in a difference of changes.
+// The legends of the flame graph: colours of libraries and of changes.
 
-import { kChangeKey, kMaybeGone, kMaybeNew, type LibraryColours } from "./colours.js";
+import { kChangeKey, type LibraryColours } from "./colours.js";
 import { el, formatBytes, longText } from "./dom.js";
 import type { Profile } from "./profile.js";
 
 const kLibraries = 12;
 
-function svg(tag: string, attributes: Record<string, string | number>, ...children: Node[]): SVGElement {
-  const element = document.createElementNS("http://www.w3.org/2000/svg", tag);
-  for (const [name, value] of Object.entries(attributes)) element.setAttribute(name, String(value));
-  element.append(...children);
-  return element;
-}
-
-// Drawn as the boxes are, so that hatched ones look the same.
-function swatch(fill: string): SVGElement {
-  const box = svg("rect", { width: "100%", height: "100%", fill });
-  return svg("svg", { class: "swatch", "aria-hidden": "true" }, box);
+function swatch(colour: string): HTMLElement {
+  const box = el("span", { class: "swatch", "aria-hidden": "true" });
+  box.style.background = colour;
+  return box;
 }
 
 export function libraryLegend(profile: Profile, colours: LibraryColours): HTMLElement {
@@ -32,37 +25,9 @@ export function libraryLegend(profile: Profile, colours: LibraryColours): HTMLEl
   return list;
 }
 
-/** Only with what occurs: hatched boxes stand for what a list may have left out. */
-export function changeLegend(profile: Profile): HTMLElement {
-  const uncertain = profile.doc.groups.filter((group) => group.status === "unknown");
-  const occurs = new Map([
-    [kMaybeNew, uncertain.some((group) => group.total >= group.before!.total)],
-    [kMaybeGone, uncertain.some((group) => group.total < group.before!.total)],
-  ]);
+export function changeLegend(): HTMLElement {
   const list = el("ul", { class: "legend", "aria-label": "Colours of changes" });
-  for (const [fill, text] of kChangeKey) {
-    if (occurs.get(fill) !== false) list.append(el("li", {}, swatch(fill), text));
-  }
+  for (const [fill, text] of kChangeKey) list.append(el("li", {}, swatch(fill), text));
   list.append(el("li", {}, el("small", {}, "A box is as wide as the larger of before and now.")));
   return list;
-}
-
-/** What hatched fills refer to; stands in the page once. */
-export function hatches(): SVGElement {
-  const hatch = (fill: string, back: string, line: string) =>
-    svg(
-      "pattern",
-      {
-        ...{ id: fill.slice("url(#".length, -1), width: 8, height: 8 },
-        ...{ patternUnits: "userSpaceOnUse", patternTransform: "rotate(45)" },
-      },
-      svg("rect", { width: 8, height: 8, fill: back }),
-      svg("rect", { width: 3, height: 8, fill: line }),
-    );
-  return svg(
-    "svg",
-    { class: "hatches", width: 0, height: 0, "aria-hidden": "true" },
-    hatch(kMaybeNew, "hsl(14 40% 90%)", "hsl(14 75% 76%)"),
-    hatch(kMaybeGone, "hsl(212 40% 90%)", "hsl(212 65% 76%)"),
-  );
 }

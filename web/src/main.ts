@@ -1,10 +1,10 @@
-// Starts the page: reads the document that it carries and puts its parts together.
+// Starts the page: reads its document and puts its parts together.
 
 import "./style.css";
 import { LibraryColours, type ColourBy } from "./colours.js";
 import { choice, el, formatBytes, formatCount, longText, settled } from "./dom.js";
 import { FlameView } from "./flame.js";
-import { changeLegend, hatches, libraryLegend } from "./legend.js";
+import { changeLegend, libraryLegend } from "./legend.js";
 import { matchingFrames, type Measure, type Profile, readProfile } from "./profile.js";
 import { summary } from "./summary.js";
 import { GroupTable } from "./table.js";
@@ -27,7 +27,7 @@ class Page {
   );
   private readonly search = el("input", {
     ...{ type: "search", id: "search", placeholder: "function, library or /pattern/" },
-    ...{ "aria-keyshortcuts": "/", title: "Press / to come here, Escape to empty it" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear" },
     oninput: settled(kTypingPause, () => this.searched()),
   });
   private readonly filter = el("input", {
@@ -49,7 +49,7 @@ class Page {
       this.showRows();
     });
     this.libraryLegend = libraryLegend(profile, this.colours);
-    this.changeLegend = changeLegend(profile);
+    this.changeLegend = changeLegend();
     this.colourBy(profile.isDiff ? "change" : "library");
     this.showRows();
     document.addEventListener("keydown", (event) => this.pressed(event));
@@ -58,7 +58,6 @@ class Page {
   elements(): Element[] {
     return [
       summary(this.profile),
-      hatches(),
       el(
         "main",
         {},
@@ -158,7 +157,7 @@ class Page {
     );
   }
 
-  /** "/" goes to the search from wherever nothing is typed; Escape empties a search. */
+  /** "/" focuses the search, except in an input. Escape clears an input. */
   private pressed(event: KeyboardEvent): void {
     const { key, target } = event;
     if (event.ctrlKey || event.metaKey || event.altKey) return;

@@ -1,4 +1,4 @@
-// What is used of libraries that come without types, and style sheets, which the bundler takes.
+// Types of the used parts of libraries that have none, and of style sheets.
 
 declare module "*.css";
 
@@ -12,7 +12,7 @@ declare module "d3-selection" {
 }
 
 declare module "d3-flame-graph" {
-  /** A node of the layout; `data` is what was handed in. */
+  /** A node of the layout; `data` is the input. */
   export interface LayoutNode<T> {
     data: T;
     parent: LayoutNode<T> | null;

@@ -1,5 +1,5 @@
-// The document that the page shows, format "memleak-profile" version 1, and what is derived from it
-// once: which frames count as the same function, and how much a group weighs. No DOM here.
+// The document that the page shows, format "memleak-profile" version 1, and what is computed from it
+// once. No DOM here.
 
 export interface Report {
   path: string;
@@ -39,9 +39,10 @@ export interface Frame {
   inlined: boolean;
 }
 
-/** What the ages say of growth; the program judges it, here it is only shown. */
+/** What the ages say about growth, as judged by the program. */
 export type Pattern = "growing" | "settled" | "recent" | "unknown";
 
+/** Unknown: a report that omits groups may hide a part of the group. */
 export type Status = "grew" | "shrank" | "new" | "gone" | "same" | "unknown";
 
 export interface Group {
@@ -54,8 +55,7 @@ export interface Group {
   ownAges?: boolean;
   pattern?: Pattern; // absent in documents of older programs
   stack: number[]; // frames, innermost first
-  atMost?: number; // bytes, where the list was cut before it may have held more than `total`
-  before?: { count: number; total: number; atMost?: number };
+  before?: { count: number; total: number };
   status?: Status;
 }
 
@@ -72,35 +72,11 @@ export interface ProfileDocument {
 
 export type Measure = "bytes" | "count";
 
-/** Bounds that a figure lies within, both included; Infinity where nothing bounds it. */
-export interface Range {
-  least: number;
-  most: number;
-}
-
-/** Adds to both ends. */
-export function widen(sum: Range, more: Range): void {
-  sum.least += more.least;
-  sum.most += more.most;
-}
-
-export function change(before: Range, after: Range): Range {
-  return { least: after.least - before.most, most: after.most - before.least };
-}
-
-/** The part of a change that is certain: 0 where it may have gone either way. */
-export function sure({ least, most }: Range): number {
-  return least > 0 ? least : most < 0 ? most : 0;
-}
-
-/** What a group may hold at most is told as 2^64 - 1 when nothing is known; so much nobody has. */
-const kUnbounded = 2 ** 63;
-
 export class Profile {
   readonly isDiff: boolean;
-  /** Of each frame: a number that frames of one function of one library share. */
+  /** By frame: a number that all frames of one function of one library share. */
   readonly functionOf: Int32Array;
-  /** The oldest age of all, in seconds: about as long as recording took. */
+  /** The oldest age, in seconds: about the time that was recorded. */
   readonly span: number;
 
   constructor(readonly doc: ProfileDocument) {
@@ -122,35 +98,25 @@ export class Profile {
     return this.doc.libraries[frame.library]?.name ?? "";
   }
 
-  /** What the group holds now, between bounds where a report's list was cut. */
-  after(group: Group, measure: Measure): Range {
-    return bounds(group, group, measure);
+  /** What the group holds in the later report. */
+  after(group: Group, measure: Measure): number {
+    return measure === "bytes" ? group.total : group.count;
   }
 
-  /** The same of the older report; as much as now without one. */
-  before(group: Group, measure: Measure): Range {
-    return bounds(group, this.isDiff && group.before ? group.before : group, measure);
+  /** What it holds in the earlier report; the same as now without one. */
+  before(group: Group, measure: Measure): number {
+    const held = this.isDiff && group.before ? group.before : group;
+    return measure === "bytes" ? held.total : held.count;
   }
 
-  /** By how much the group has grown. */
-  growth(group: Group, measure: Measure = "bytes"): Range {
-    return change(this.before(group, measure), this.after(group, measure));
+  /** By how many bytes it has grown; null if that is not known. */
+  growth(group: Group): number | null {
+    if (group.status === "unknown") return null;
+    return this.after(group, "bytes") - this.before(group, "bytes");
   }
 }
 
-function bounds(
-  { size }: Group,
-  held: { count: number; total: number; atMost?: number },
-  measure: Measure,
-): Range {
-  const listed = measure === "bytes" ? held.total : held.count;
-  if (held.atMost === undefined) return { least: listed, most: listed };
-  if (held.atMost >= kUnbounded) return { least: listed, most: Infinity };
-  const most = measure === "bytes" ? held.atMost : Math.floor(held.atMost / Math.max(1, size));
-  return { least: listed, most: Math.max(listed, most) };
-}
-
-/** Reads the document that the page carries; throws with a text for people. */
+/** Parses the document of the page. Throws an error that can be shown. */
 export function readProfile(text: string): Profile {
   const doc = JSON.parse(text) as ProfileDocument;
   if (doc.format !== "memleak-profile" || doc.version !== 1) {
@@ -159,7 +125,7 @@ export function readProfile(text: string): Profile {
   return new Profile(doc);
 }
 
-/** Whether a text matches what was typed: a part of it in any case, or a /regular expression/. */
+/** Matches texts against a part of them, ignoring case, or against a /regular expression/. */
 export function matcher(typed: string): (text: string) => boolean {
   const expression = /^\/(.+)\/$/.exec(typed);
   if (expression) {

@@ -1,7 +1,7 @@
-// The head of the page: what is held, what lies outside the list, and how the report was made.
+// The head of the page: what is held, what is not listed, and the properties of the report.
 
-import { el, formatBytes, formatChange, formatCount, plural, signed } from "./dom.js";
-import { type Library, type Profile, type Range, type Report, sure, type Totals, widen } from "./profile.js";
+import { el, formatBytes, formatCount, plural, signed } from "./dom.js";
+import type { Library, Profile, Report, Totals } from "./profile.js";
 
 export function summary(profile: Profile): HTMLElement {
   const { doc } = profile;
@@ -53,55 +53,56 @@ function figures(totals: Totals, before?: Totals): HTMLElement {
   );
   add(
     "unlisted",
-    "Outside the list",
+    "Not listed",
     totals.unlistedBytes,
     plural(totals.unlistedGroups, "smaller group"),
     before?.unlistedBytes,
   );
   if (totals.javaGroups > 0 || (before && before.javaGroups > 0)) {
-    add("java", "Java-native, beside it", totals.javaBytes, plural(totals.javaGroups, "group"),
+    add("java", "Java-native, in addition", totals.javaBytes, plural(totals.javaGroups, "group"),
       before?.javaBytes);
   }
   return list;
 }
 
-/** What surely grew and shrank of the groups listed, and between which bounds the others lie. */
+/** What the listed groups grew and shrank by, and how many are not judged. */
 function changes(profile: Profile): HTMLElement {
-  const bytes = { grew: 0, shrank: 0 };
-  const groups = { grew: 0, shrank: 0, uncertain: 0 };
-  const uncertain: Range = { least: 0, most: 0 };
+  const sums = {
+    grew: { bytes: 0, groups: 0 },
+    shrank: { bytes: 0, groups: 0 },
+    unknown: { bytes: 0, groups: 0 },
+  };
   for (const group of profile.doc.groups) {
     const growth = profile.growth(group);
-    if (group.status === "unknown") {
-      widen(uncertain, growth);
-      ++groups.uncertain;
-    } else if (group.status !== "same") {
-      const name = group.status === "grew" || group.status === "new" ? "grew" : "shrank";
-      bytes[name] += sure(growth);
-      ++groups[name];
-    }
+    if (group.status === "same") continue;
+    const grew = group.status === "grew" || group.status === "new";
+    const sum = sums[growth === null ? "unknown" : grew ? "grew" : "shrank"];
+    sum.bytes += growth ?? Math.max(profile.before(group, "bytes"), group.total);
+    ++sum.groups;
   }
   const list = el("dl", { class: "figures" });
-  const add = (name: string, title: string, change: string, exact: string | null, count: number) =>
+  const add = (name: string, title: string, bytes: string, exact: string, groups: number) =>
     list.append(
       el(
         "div",
         { "data-figure": name },
         el("dt", {}, title),
-        el("dd", { class: name }, change),
-        exact === null ? null : el("dd", { class: "exact" }, `${exact} bytes`),
-        el("dd", { class: "exact" }, plural(count, "group")),
+        el("dd", { class: name }, bytes),
+        el("dd", { class: "exact" }, `${exact} bytes`),
+        el("dd", { class: "exact" }, plural(groups, "group")),
       ),
     );
-  for (const name of ["grew", "shrank"] as const) {
-    const exact = signed(bytes[name], formatCount);
-    add(name, `Certainly ${name}`, signed(bytes[name], formatBytes), exact, groups[name]);
+  for (const [name, title] of [["grew", "Grew"], ["shrank", "Shrank"]] as const) {
+    const { bytes, groups } = sums[name];
+    add(name, title, signed(bytes, formatBytes), signed(bytes, formatCount), groups);
   }
-  if (groups.uncertain > 0) {
-    const change = formatChange(uncertain, formatBytes);
-    add("uncertain", "Uncertain: lists not whole", change, null, groups.uncertain);
-  }
-  return list;
+  const { bytes, groups } = sums.unknown;
+  if (groups === 0) return list;
+  add("unknown", "Not judged", formatBytes(bytes), formatCount(bytes), groups);
+  const note =
+    "Groups are not judged (status: unknown) if one report lists them, or call sites of them, and the " +
+    "other one omits groups. A report lists its 1000 largest groups; no option changes that.";
+  return el("div", {}, list, el("p", { class: "hint" }, note));
 }
 
 function origin(title: string, report: Report): HTMLElement {
@@ -125,7 +126,7 @@ function origin(title: string, report: Report): HTMLElement {
 }
 
 function missingSymbols(profile: Profile): HTMLElement | null {
-  // Others, such as "[heap]", are no files. Documents of older programs have no hints.
+  // Names such as "[heap]" are not files. Documents of older programs have no hints.
   const hintOf = ({ hint, found, path }: Library) =>
     hint ?? (!found && path.startsWith("/") ? path : "");
   const missing = profile.doc.libraries.filter((library) => hintOf(library) !== "");

@@ -1,24 +1,15 @@
-// The table of groups: sorted, filtered and shown a page at a time, so that its size does not depend
-// on how many there are. Each row opens to its stack and ages.
+// The table of groups: sorted, filtered and split into pages, so that the number of elements does not
+// depend on the number of groups. Each row opens to its stack and ages.
 
 import { ageChart, ageRange, ageText, patternWord } from "./ages.js";
-import {
-  cutText,
-  el,
-  formatBytes,
-  formatChange,
-  formatCount,
-  formatRange,
-  longText,
-  plural,
-} from "./dom.js";
-import { type Frame, type Group, type Profile, type Range, sure, widen } from "./profile.js";
+import { cutText, el, formatBytes, formatCount, longText, plural, signed } from "./dom.js";
+import type { Frame, Group, Profile } from "./profile.js";
 
 const kRowsPerPage = 50;
 const kWhereLimit = 160;
 const kNameLimit = 300;
 
-// Functions that merely pass a request on: where every group starts tells them not apart.
+// Functions that only pass a request on.
 const kAllocators =
   /^(_*(malloc|calloc|realloc|reallocarray|memalign|posix_memalign|aligned_alloc|p?valloc|strn?dup)$|operator new|std::|__gnu_cxx::|(void|char\b.*) std::)/;
 
@@ -61,7 +52,7 @@ export class GroupTable {
     );
   }
 
-  /** Shows these groups, in the order chosen. */
+  /** Shows these groups in the current order. */
   show(groups: number[]): void {
     this.shown = [...groups];
     this.sort();
@@ -72,7 +63,7 @@ export class GroupTable {
       {
         ...{ key: "total", title: "Total", hint: "Bytes of all blocks", number: true },
         value: (group) => group.total,
-        text: (group) => formatRange(this.profile.after(group, "bytes"), formatBytes),
+        text: (group) => formatBytes(group.total),
       },
       {
         ...{ key: "count", title: "Blocks", hint: "Number of blocks", number: true },
@@ -89,12 +80,11 @@ export class GroupTable {
       columns.push(
         {
           ...{ key: "growth", title: "Change", hint: "Bytes since the older report", number: true },
-          // Of what is uncertain there is no order.
-          value: (group) => (group.status === "unknown" ? NaN : sure(this.profile.growth(group))),
-          text: (group) => formatChange(this.profile.growth(group), formatBytes),
+          value: (group) => this.profile.growth(group) ?? NaN,
+          text: (group) => this.growthText(group),
         },
         {
-          ...{ key: "status", title: "Status", hint: "Beside the older report", number: false },
+          ...{ key: "status", title: "Status", hint: "Compared with the older report", number: false },
           value: (group) => group.status ?? "",
           text: (group) => group.status ?? "",
         },
@@ -107,12 +97,12 @@ export class GroupTable {
         text: (group) => ageText(group),
       },
       {
-        ...{ key: "pattern", title: "Ages say", hint: "What the ages tell of growth", number: false },
+        ...{ key: "pattern", title: "Ages say", hint: "What the ages say about growth", number: false },
         value: patternWord,
         text: patternWord,
       },
       {
-        ...{ key: "where", title: "Allocated in", hint: "The innermost frame but for allocators", number: false },
+        ...{ key: "where", title: "Allocated in", hint: "The innermost frame that is no allocator", number: false },
         value: (group) => this.where(group),
         text: (group) => cutText(this.where(group), kWhereLimit),
       },
@@ -169,7 +159,7 @@ export class GroupTable {
   private sort(): void {
     const { groups } = this.profile.doc;
     const { value } = this.sortBy;
-    // Each value is worked out once; those that are not known stand last.
+    // Computes each value once. Unknown values come last.
     const values = new Map(this.shown.map((at) => [at, value(groups[at]!)]));
     const sign = this.ascending ? 1 : -1;
     this.shown.sort((a, b) => {
@@ -190,20 +180,29 @@ export class GroupTable {
     this.drawPager();
   }
 
-  /** What the groups shown add up to. */
+  private growthText(group: Group): string {
+    const growth = this.profile.growth(group);
+    return growth === null ? "–" : signed(growth, formatBytes);
+  }
+
+  /** The sums of the shown groups. */
   private sums(): string {
     const { groups } = this.profile.doc;
-    const [held, growth] = [{ least: 0, most: 0 }, { least: 0, most: 0 }];
+    let [held, growth, notJudged] = [0, 0, 0];
     for (const at of this.shown) {
-      widen(held, this.profile.after(groups[at]!, "bytes"));
-      widen(growth, this.profile.growth(groups[at]!));
+      const change = this.profile.growth(groups[at]!);
+      held += groups[at]!.total;
+      growth += change ?? 0;
+      notJudged += change === null ? 1 : 0;
     }
     const all = groups.length;
     const which = this.shown.length === all ? "" : ` of ${formatCount(all)}`;
     const text =
       `${formatCount(this.shown.length)}${which} ${all === 1 ? "group holds" : "groups hold"} ` +
-      `${formatRange(held, formatBytes)} (${formatRange(held, formatCount)} bytes)`;
-    return this.profile.isDiff ? `${text}; change: ${formatChange(growth, formatBytes)}` : text;
+      `${formatBytes(held)} (${formatCount(held)} bytes)`;
+    if (!this.profile.isDiff) return text;
+    const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "group")} not judged`;
+    return `${text}; change: ${signed(growth, formatBytes)}${rest}`;
   }
 
   private drawPager(): void {
@@ -282,21 +281,15 @@ export class GroupTable {
     );
   }
 
-  /** A group's figures in words, with those of the older report. */
+  /** The figures of both reports in words. */
   private figures(group: Group): string {
-    const held = (count: number, bytes: Range) =>
-      `${plural(count, "block")}, ${formatRange(bytes, formatCount)} bytes`;
+    const held = ({ count, total }: { count: number; total: number }) =>
+      `${plural(count, "block")}, ${formatCount(total)} bytes`;
     const kind = group.kind === "java" ? "Java-native: " : "";
-    const now = `${kind}${held(group.count, this.profile.after(group, "bytes"))}`;
-    const text = `${now}, of ${plural(group.size, "byte")} each`;
+    const text = `${kind}${held(group)}, of ${plural(group.size, "byte")} each`;
     if (!this.profile.isDiff || !group.before) return text;
-    const before = held(group.before.count, this.profile.before(group, "bytes"));
-    const cut =
-      group.atMost === undefined && group.before.atMost === undefined
-        ? ""
-        : ". One of the reports does not list all it holds: this group, or a part of it, may merely " +
-          "be missing from its list";
-    return `${text}; before: ${before}${cut}.`;
+    const judged = group.status === "unknown" ? ". Not judged: one report omits groups" : "";
+    return `${text}; before: ${held(group.before)}${judged}.`;
   }
 
   private frame(frame: Frame): HTMLElement {

@@ -1,7 +1,7 @@
-// Call trees over groups, from either end of their stacks. A node knows its groups and finds its
-// children when asked, so that only what is drawn costs time. No DOM here.
+// Call trees over groups, from either end of their stacks. A node computes its children on demand, so
+// that only drawn nodes cost time. No DOM here.
 
-import { type Measure, type Profile, type Range, sure, widen } from "./profile.js";
+import { type Measure, type Profile } from "./profile.js";
 
 export interface TreeOptions {
   measure: Measure;
@@ -13,11 +13,10 @@ export interface TreeNode {
   frame: number; // one of the function's frames, -1 for the root and for gathered nodes
   depth: number; // frames between the root and this node's callees
   groups: number[];
-  width: number; // what it is drawn by: the larger one of before and after
-  before: Range;
-  after: Range;
-  sure: number; // growth that is certain, of its groups that grew and those that shrank together
-  unsure: number; // the width of groups of which nothing is certain
+  width: number; // the larger one of before and after, summed over its groups
+  before: number; // of its groups that are judged
+  after: number;
+  notJudged: number; // how many of its groups are not
   parent: TreeNode | null;
   children?: TreeNode[] | undefined;
 }
@@ -55,25 +54,22 @@ export class CallTree {
     return node.children;
   }
 
-  /** One node in place of several siblings that are too small to be drawn; it can be zoomed. */
+  /** One node for several siblings that are too small to be drawn. It can be zoomed. */
   gather(parent: TreeNode, small: TreeNode[]): TreeNode {
     const name = `${small.length.toLocaleString("en-US")} smaller`;
     const gathered = this.node(name, -1, parent.depth, parent);
     gathered.children = small.map((child) => ({ ...child, parent: gathered, children: undefined }));
     for (const child of small) {
       for (const group of child.groups) gathered.groups.push(group);
-      gathered.width += child.width;
-      widen(gathered.before, child.before);
-      widen(gathered.after, child.after);
-      gathered.sure += child.sure;
-      gathered.unsure += child.unsure;
+      for (const sum of ["width", "before", "after", "notJudged"] as const) {
+        gathered[sum] += child[sum];
+      }
     }
     return gathered;
   }
 
   private node(name: string, frame: number, depth: number, parent: TreeNode | null): TreeNode {
-    const [before, after] = [{ least: 0, most: 0 }, { least: 0, most: 0 }];
-    const sums = { width: 0, before, after, sure: 0, unsure: 0 };
+    const sums = { width: 0, before: 0, after: 0, notJudged: 0 };
     return { name, frame, depth, groups: [], ...sums, parent };
   }
 
@@ -82,17 +78,17 @@ export class CallTree {
     const after = this.profile.after(group, this.options.measure);
     const before = this.profile.before(group, this.options.measure);
     node.groups.push(index);
-    widen(node.after, after);
-    widen(node.before, before);
-    // What is listed alone: a bound is no measure of a box, and may be infinite.
-    const width = Math.max(before.least, after.least);
-    node.width += width;
-    if (group.status === "unknown") node.unsure += width;
-    else node.sure += sure(this.profile.growth(group, this.options.measure));
+    node.width += Math.max(before, after);
+    if (group.status === "unknown") {
+      ++node.notJudged;
+    } else {
+      node.before += before;
+      node.after += after;
+    }
   }
 }
 
-/** A node as the flame graph takes it. */
+/** A node in the form that the flame graph library takes. */
 export interface Drawn {
   name: string;
   value: number;
@@ -102,8 +98,8 @@ export interface Drawn {
 }
 
 /**
- * The largest nodes at and below `focus`, at most `budget` of them and none narrower than `least` of
- * its width, below the chain of its callers. What does not fit is gathered, one node per parent.
+ * `focus`, its callers, and the largest nodes below it: at most `budget`, none narrower than `least`
+ * of its width. The other children of each node are gathered into one.
  */
 export function cut(tree: CallTree, focus: TreeNode, budget: number, least: number): Drawn {
   const drawn = (node: TreeNode): Drawn => ({
@@ -122,7 +118,7 @@ export function cut(tree: CallTree, focus: TreeNode, budget: number, least: numb
     expanded.push(next.of);
     next.into?.children.push(next.of);
     for (const child of tree.children(next.of.node)) {
-      // Sorted: the others are narrower still.
+      // Sorted by width.
       if (child.width <= 0 || child.width < focus.width * least) break;
       queue.push(drawn(child), next.of);
     }
@@ -149,7 +145,7 @@ interface Waiting {
   order: number;
 }
 
-/** A binary heap; of nodes of one width the one that came first, so that levels fill up evenly. */
+/** A binary heap. Of nodes of one width the first one comes first, so that levels fill evenly. */
 class Largest {
   private readonly heap: Waiting[] = [];
   private pushed = 0;

@@ -1,4 +1,4 @@
-// From a report's text to the model and to its JSON document.
+// From a report's text to the model, to its JSON document and back.
 #include "tools/report/model.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,9 @@
 #include <sstream>
 
 #include "tests/temporary_directory.h"
+#include "tools/base/user_error.h"
 #include "tools/export/json.h"
+#include "tools/export/json_input.h"
 
 namespace memleak {
 namespace {
@@ -42,60 +44,52 @@ TEST(Model, KeepsEachFrameOnceAndEveryGroup) {
   EXPECT_EQ(profile.Unlisted(), (Sums{4896, 1, 0}));
 }
 
-TEST(Model, ResolvesInlinedCallsIntoFramesOfTheirOwn) {
-  const TemporaryDirectory directory;
-  std::ostringstream text;
-  // The whole of the code: every place in the fixture's few functions is met.
-  text << kText.substr(0, kText.find("sz 32")) << "sz 1 1 num 1 time 1  bt " << std::hex;
-  for (int offset = 0; offset < 0x400; ++offset)
-    text << "[" FIXTURE_SYMBOLS "+0x" << offset << "] ";
-  text << "\n" << kText.substr(kText.find("==="));
-  const Profile profile = LoadProfile(directory.Write("report", text.str()), {});
-  ASSERT_EQ(profile.libraries.size(), 1U);
-  EXPECT_TRUE(profile.libraries[0].found);
-  EXPECT_EQ(profile.libraries[0].build_id.size(), 40U);
-  bool inlined = false;
-  const std::vector<std::uint32_t>& stack = profile.groups[0].stack;
-  for (std::size_t i = 0; i + 1 < stack.size(); ++i) {
-    const Frame& frame = profile.frames[stack[i]];
-    if (!frame.inlined) continue;
-    inlined = true;
-    EXPECT_EQ(frame.function, "known::Inner(int*)");
-    const Frame& caller = profile.frames[stack[i + 1]];
-    EXPECT_EQ(caller.function, "known::Widget::Use(int*)");
-    EXPECT_EQ(caller.line, 109U);
-    EXPECT_FALSE(caller.inlined);
-    EXPECT_EQ(caller.address, frame.address);
-  }
-  EXPECT_TRUE(inlined);
+nlohmann::json Written(const nlohmann::json& document) {
+  std::ostringstream out;
+  WriteJson(document, out);
+  return nlohmann::json::parse(out.str());
 }
 
-TEST(Json, HoldsTheModelAndIsValidWhateverTheNames) {
+TEST(Json, IsReadBackAndRefusedIfDamaged) {
   const TemporaryDirectory directory;
   const Profile profile = LoadProfile(directory.Write("report", kText), {});
-  std::ostringstream out;
-  WriteJson(ToJson(profile), out);
-  const nlohmann::json document = nlohmann::json::parse(out.str());
-  EXPECT_EQ(document["format"], "memleak-profile");
-  EXPECT_EQ(document["report"]["damagedLines"], 1);
-  EXPECT_EQ(document["report"]["damaged"], std::vector<int>{7});
-  EXPECT_EQ(document["totals"], (nlohmann::json{{"bytes", 5000},
-                                                {"groups", 3},
-                                                {"announcedGroups", 2},
-                                                {"blocks", 4},
-                                                {"listedBytes", 104},
-                                                {"listedGroups", 2},
-                                                {"unlistedBytes", 4896},
-                                                {"unlistedGroups", 1},
-                                                {"javaBytes", 64},
-                                                {"javaGroups", 1}}));
-  EXPECT_EQ(document["groups"][0]["ages"], (std::vector<int>{5, 200, 0}));
-  EXPECT_EQ(document["groups"][2]["kind"], "java");
-  EXPECT_EQ(document["frames"].size(), 5U);
-  EXPECT_FALSE(document.contains("selection"));
-  EXPECT_EQ(
-      ToJson(profile, {1})["selection"],
-      (nlohmann::json{{"bytes", 8}, {"groups", 1}, {"omittedBytes", 160}, {"omittedGroups", 2}}));
+  const nlohmann::json whole = Written(ToJson(profile));
+  EXPECT_EQ(whole["report"]["damaged"], std::vector<int>{7});
+  EXPECT_EQ(whole["totals"], (nlohmann::json{{"bytes", 5000},
+                                             {"groups", 3},
+                                             {"announcedGroups", 2},
+                                             {"blocks", 4},
+                                             {"listedBytes", 104},
+                                             {"listedGroups", 2},
+                                             {"unlistedBytes", 4896},
+                                             {"unlistedGroups", 1},
+                                             {"javaBytes", 64},
+                                             {"javaGroups", 1}}));
+  const auto load = [&](const nlohmann::json& document) {
+    return LoadDocument(directory.Write("read.json", document.dump()));
+  };
+  nlohmann::json again = Written(ToJson(load(whole).profile));
+  again["report"]["path"] = whole["report"]["path"];
+  EXPECT_EQ(again, whole);
+
+  const nlohmann::json compared = Written(DiffToJson(profile, profile));
+  EXPECT_EQ(load(compared).base->path, profile.path);
+  const auto expect_damaged = [&](nlohmann::json document, const char* pointer,
+                                  const nlohmann::json& value) {
+    document[nlohmann::json::json_pointer(pointer)] = value;
+    EXPECT_THROW(load(document), UserError) << pointer << " " << value;
+  };
+  using Case = std::pair<const char*, nlohmann::json>;
+  for (const auto& [pointer, value] :
+       {Case{"/groups/0/stack/0", 5}, Case{"/groups/0/stack/0", -1}, Case{"/frames/0/library", 2},
+        Case{"/groups/0/total", -5}, Case{"/groups/0/total", "5"}, Case{"/groups/0/kind", "other"},
+        Case{"/frames", 7}, Case{"/totals", nullptr}, Case{"/version", 2},
+        Case{"/libraries/0/found", 1}}) {
+    expect_damaged(whole, pointer, value);
+  }
+  for (const char* pointer : {"/base/totals", "/groups/1/before", "/groups/0/status"}) {
+    expect_damaged(compared, pointer, "other");
+  }
 }
 
 }  // namespace

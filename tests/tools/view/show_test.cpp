@@ -1,4 +1,4 @@
-// Figures as people read them, and the plain-text view of a report.
+// Formatted figures, and the text views of a report, a difference and trends.
 #include "tools/view/show.h"
 
 #include <gtest/gtest.h>
@@ -6,28 +6,30 @@
 #include <limits>
 #include <sstream>
 
+#include "tests/tools/profile_builder.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
+#include "tools/view/diff_view.h"
+#include "tools/view/trend_table.h"
 
 namespace memleak {
 namespace {
 
 TEST(Format, FiguresAndNames) {
   EXPECT_EQ(FormatBytes(1023), "1023 B");
-  EXPECT_EQ(FormatBytes(1048575), "1.0 MiB");  // never "1024.0 KiB"
+  EXPECT_EQ(FormatBytes(1048575), "1.0 MiB");  // not "1024.0 KiB"
   EXPECT_EQ(FormatBytes(std::numeric_limits<std::uint64_t>::max()), "16.0 EiB");
   EXPECT_EQ(FormatCount(1234567), "1,234,567");
   EXPECT_EQ(FormatAge(100000), "1d 3h");
   EXPECT_EQ(FormatAge(-5), "-5s");
   EXPECT_EQ(FitWidth("abcdefghijk", 10), "abcd...ijk");
-  EXPECT_EQ(FitWidth("\x1b\x1b\x1b", 11), "\\x1b...\\x1b") << "never within an escape";
+  EXPECT_EQ(FitWidth("\x1b\x1b\x1b", 11), "\\x1b...\\x1b") << "not within an escape";
   EXPECT_EQ(Columns(FitWidth("\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4", 5)), 5U);
   const std::string wide = "\xe6\x97\xa5";
   EXPECT_EQ(FitWidth("a" + wide + wide + wide, 6), "a..." + wide) << "two columns each";
 }
 
-/// Six native frames: 0 inner, 1 its caller (recursive), 2 main, 3 without symbols, 4 unknown; 5 is
-/// Java's.
+/// Frames: 0 inner, 1 its recursive caller, 2 main, 3 without symbols, 4 unknown, 5 Java-native.
 Profile Sample() {
   Profile profile;
   profile.path = "dump";
@@ -48,131 +50,74 @@ Profile Sample() {
   return profile;
 }
 
-std::string Print(const Profile& profile, const ViewOptions& options) {
+// `text`, which must have `parts` in this order, and no line wider than a terminal.
+void ExpectParts(const std::string& text, const std::vector<std::string>& parts) {
+  std::size_t at = 0;
+  for (const std::string& part : parts) {
+    const std::size_t found = text.find(part, at);
+    EXPECT_NE(found, std::string::npos) << part << " in\n" << text;
+    at = std::min(found, text.size());
+  }
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(Columns(line), 80U) << line;
+}
+
+void ExpectPrints(const Profile& profile, const ViewOptions& options,
+                  const std::vector<std::string>& parts) {
   std::ostringstream out;
   PrintProfile(profile, options, out);
-  std::istringstream lines(out.str());
-  for (std::string line; std::getline(lines, line);) EXPECT_LE(Columns(line), 80U) << line;
-  return out.str();
+  ExpectParts(out.str(), parts);
 }
 
-TEST(Show, PrintsLargestGroupsFirst) {
-  const std::string text = Print(Sample(), {.top = 0});
-  EXPECT_NE(text.find("\n#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3s..3m 20s\n"),
-            std::string::npos)
-      << text;
-  EXPECT_NE(text.find("inner(int)  a.cpp:12\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("     unknown.so+0xabc\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("main  known.so+0x30\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("  age about 1m 40s..3m 19s  perhaps settled\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("\n#3  10 B"), std::string::npos) << text;
-  EXPECT_NE(text.find("\nJ1  8 B  100.0 %  1 block of 8 B\n     art::Run()\n"), std::string::npos)
-      << text;
-  EXPECT_NE(text.find("\n  /lib/unknown.so\n"), std::string::npos) << text;
-  EXPECT_EQ(text.find('\033'), std::string::npos);
-}
-
-TEST(Show, EveryViewSaysWhatIsNotShown) {
-  const std::string reason = " that the report does not list\n";
-  const std::string unlisted = "  1.4 KiB in 1,197 groups" + reason;
-  EXPECT_NE(
-      Print(Sample(), {.top = 1})
-          .find("Not shown: 1.9 KiB in 1,199 groups\n  510 B in 2 groups further down the list"
+TEST(Show, PrintsEveryViewAndWhatItOmits) {
+  const std::string unlisted = "  1.4 KiB in 1,197 groups that the report does not list\n";
+  ExpectPrints(
+      Sample(), {.top = 0},
+      {"\n#1  2.0 KiB  51.2 %  2 blocks of 1.0 KiB  age 3s..3m 20s\n", "inner(int)  a.cpp:12\n",
+       "main  known.so+0x30\n", "  age about 1m 40s..3m 19s  perhaps settled\n",
+       "     unknown.so+0xabc\n", "\n#3  10 B",
+       "\nJ1  8 B  100.0 %  1 block of 8 B\n     art::Run()\n", "\n  /lib/unknown.so\n"});
+  ExpectPrints(Sample(), {.top = 1},
+               {"Not shown: 1.9 KiB in 1,199 groups\n  510 B in 2 groups further down the list"
                 " (--top N shows more)\n" +
-                unlisted),
-      std::string::npos);
-  const std::string filtered =
-      Print(Sample(), {.top = 0, .selection = {.filter = "^unk|a\\.cpp$", .min_bytes = 501}});
-  EXPECT_NE(filtered.find("\n  510 B in 2 groups that the options leave out\n" + unlisted),
-            std::string::npos)
-      << filtered;
-  for (const View view : {View::kLibraries, View::kFunctions, View::kTree, View::kCallers}) {
-    EXPECT_NE(Print(Sample(), {.view = view, .top = 0})
-                  .find("Not shown: 1.4 KiB in 1,197 groups" + reason),
-              std::string::npos);
-  }
-  EXPECT_NE(
-      Print(Sample(), {.view = View::kFunctions, .top = 1}).find("\n  510 B in 2 groups whose"),
-      std::string::npos);
+                unlisted});
+  ExpectPrints(Sample(), {.top = 0, .selection = {.filter = "^unk|a\\.cpp$", .min_bytes = 501}},
+               {"\n  510 B in 2 groups that the options leave out\n" + unlisted});
+  ExpectPrints(Sample(), {.view = View::kFunctions, .top = 1},
+               {"   2.5 KiB  63.7 %    2.0 KiB           7  inner", "510 B in 2 groups whose"});
+  ExpectPrints(Sample(), {.view = View::kTree, .top = 0},
+               {"\n   2.5 KiB  63.7 %  main\n   2.0 KiB  51.2 %    nnn",
+                "\n   2.0 KiB  51.2 %    inner(int)\n", "\n     500 B  12.5 %    inner(int)\n",
+                "\n     500 B  12.5 %    unknown.so+0xabc\n"});
+  ExpectPrints(Sample(), {.view = View::kCallers, .top = 1}, {"\n     510 B  12.8 %  (2 more)\n"});
+  // In another order a small branch may come first.
+  Profile aged = Sample();
+  aged.groups[0].ages = {300};
+  ExpectPrints(aged, {.view = View::kCallers, .top = 2, .selection = {.sort = SortKey::kAge}},
+               {"  oldest  from", "   3m 20s  inner", "unknown.so+0xabc", "      5m  (1 more)"});
+  ExpectPrints(aged, {.view = View::kCallers, .top = 0, .selection = {.sort = SortKey::kCount}},
+               {"5  unknown.so+0xabc", "2  inner(int)"});
+  // Groups without a stack are a branch. A single small branch is drawn, not counted.
+  aged.groups[1].stack.clear();
+  ExpectPrints(aged, {.view = View::kTree},
+               {"\n   2.0 KiB  51.2 %  (no stack)\n", "\n      10 B   0.2 %  [unknown]\n"});
+  // A hostile head takes no wider terminal, and sums stop at the largest number.
   Profile one;
-  one.path = "dump";
-  one.header = {.total_bytes = 1, .groups = 1, .listed = 1, .backtrace_size = 1};
-  EXPECT_EQ(Print(one, {}),
-            "Report dump\n  1 B held (1 byte) in 1 group of one size and one stack\n"
-            "  0 blocks listed, with at most 1 frame each\n\n"
-            "Not shown: 1 B in 1 group that the report does not list\n");
-  // A hostile head takes no wider terminal.
   const std::uint64_t most = ~std::uint64_t{0};
   one.header = {.total_bytes = most, .groups = most, .listed = most, .backtrace_size = most};
-  one.groups = {{GroupKind::kNative, most, most, most - 1, {}, {}}};
-  EXPECT_NE(Print(one, {}).find("\n  in 18,446,744,073,709,551,615 groups"), std::string::npos);
+  one.groups = {{GroupKind::kNative, most, most, most - 1, {}, {}},
+                {GroupKind::kNative, most, most, most, {}, {}}};
+  ExpectPrints(one, {}, {"\n  in 18,446,744,073,709,551,615 groups", "16.0 EiB"});
   Profile empty;
-  empty.path = "dump";
   empty.complete = true;
-  EXPECT_EQ(Print(empty, {}), std::string("Report dump\n  ") + kNothingHeld + "\n");
+  ExpectPrints(empty, {}, {kNothingHeld});
 }
 
-TEST(Show, TreesStepRightAtForksOnly) {
-  const std::string tree = Print(Sample(), {.view = View::kTree, .top = 0});
-  EXPECT_NE(tree.find("\n   2.5 KiB  63.7 %  main\n   2.0 KiB  51.2 %    nnn"), std::string::npos)
-      << tree;
-  EXPECT_NE(tree.find("\n   2.0 KiB  51.2 %    inner(int)\n"), std::string::npos) << tree;
-  EXPECT_NE(tree.find("\n     500 B  12.5 %    unknown.so+0xabc\n"), std::string::npos) << tree;
-  const std::string callers = Print(Sample(), {.view = View::kCallers, .top = 1});
-  EXPECT_NE(callers.find("\n     510 B  12.8 %  (2 more)\n"), std::string::npos) << callers;
-  // In another order a small branch may come first.
-  Profile reversed = Sample();
-  reversed.groups[0].ages = {300};
-  const std::string aged =
-      Print(reversed, {.view = View::kCallers, .top = 2, .selection = {.sort = SortKey::kAge}});
-  EXPECT_NE(aged.find("  oldest  from"), std::string::npos) << aged;
-  EXPECT_NE(aged.find("   3m 20s  inner"), std::string::npos) << aged;
-  EXPECT_LT(aged.find("inner(int)"), aged.find("unknown.so+0xabc")) << aged;
-  EXPECT_NE(aged.find("      5m  (1 more)"), std::string::npos) << "0.3 %: " << aged;
-  // What has no stack is a branch too, and one small branch is drawn rather than counted.
-  Profile bare = Sample();
-  bare.groups[1].stack.clear();
-  for (const View view : {View::kTree, View::kCallers}) {
-    const std::string all = Print(bare, {.view = view});
-    EXPECT_NE(all.find("\n   2.0 KiB  51.2 %  (no stack)\n"), std::string::npos) << all;
-    EXPECT_NE(all.find("\n      10 B   0.2 %  [unknown]\n"), std::string::npos) << all;
-  }
-  const std::string counted =
-      Print(Sample(), {.view = View::kCallers, .top = 0, .selection = {.sort = SortKey::kCount}});
-  EXPECT_LT(counted.find("5  unknown.so+0xabc"), counted.find("2  inner(int)")) << counted;
-}
-
-TEST(Aggregate, CountsRecursionOnceAndSelfApart) {
-  const Profile profile = Sample();
-  const Selected all = SelectGroups(profile, {});
-  const std::vector<Row> rows = AddUp(profile, all, RowKind::kFunction, SortKey::kTotal);
-  ASSERT_EQ(rows.size(), 5U);
-  EXPECT_EQ(rows[0].name, "inner(int)");
-  EXPECT_EQ(rows[0].inclusive, (Sums{2548, 2, 7}));
-  EXPECT_EQ(rows[0].self, (Sums{2048, 1, 2}));
-  EXPECT_EQ(rows[0].oldest, 200);
-  EXPECT_EQ(rows[1].name, "main");
-  EXPECT_EQ(rows[1].self, Sums{});
-  EXPECT_EQ(rows[2].inclusive, (Sums{2048, 1, 2})) << "calls itself";
-  const std::vector<Row> libraries = AddUp(profile, all, RowKind::kLibrary, SortKey::kCount);
-  EXPECT_EQ(libraries[0].name, "/lib/known.so");
-  EXPECT_EQ(libraries.back().name, "[unknown]");
-  // Hostile sums stop at their ends, so that no view shows the rest as next to nothing.
-  Sums sums{~std::uint64_t{0} - 1, 1, 1};
-  sums.Add(profile.groups[1]);
-  EXPECT_EQ(sums.bytes, ~std::uint64_t{0});
-  sums.Subtract(sums);
-  sums.Subtract({1, 1, 1});
-  EXPECT_EQ(sums, Sums{});
-}
-
-TEST(Aggregate, AgesSelectAndTellGrowth) {
+TEST(Show, AgesSelectAndTellGrowth) {
   const Profile profile = Sample();
   EXPECT_EQ(SelectGroups(profile, {.older_than = 199}).groups, (std::vector<std::size_t>{1, 2}));
-  EXPECT_EQ(SelectGroups(profile, {.sort = SortKey::kCount}).groups[0], 2U);
   EXPECT_EQ(SelectGroups(profile, {.kind = GroupKind::kJava, .older_than = 0}).cut.groups, 1U);
   EXPECT_THROW(SelectGroups(profile, {.filter = "("}), UserError);
-  EXPECT_EQ(AgeSpan(profile), 200);
   Group group;
   group.ages = {199, 120, 60, 2};
   EXPECT_EQ(PatternOf(group, 200), AgePattern::kGrowing);
@@ -181,6 +126,55 @@ TEST(Aggregate, AgesSelectAndTellGrowth) {
   EXPECT_EQ(PatternOf(group, 200), AgePattern::kSettled);
   group.ages.pop_back();
   EXPECT_EQ(PatternOf(group, 200), AgePattern::kUnknown);
+}
+
+TEST(Diff, PrintsSumsByStackAndWhatIsNotJudged) {
+  const std::string library = "/lib/" + std::string(200, 'l') + ".so";
+  ProfileBuilder before;
+  before.In(library, 1, "f").Group(1000, 2).In(library, 1, "gone").Group(100, 1);
+  before.In(library, 1, "kept").Group(300, 2);
+  ProfileBuilder after;
+  after.In(library, 1, "f").Group(1000, 8).In(library, 1, "f").Group(2000, 4);
+  after.In(library, 2).Group(500, 1).In(library, 1, "kept").Group(300, 1);
+  after.In(library, 1, "kept").Group(300, 1);
+  std::ostringstream out;
+  PrintDifference(before.Done(), after.Done(), 1, out);
+  ExpectParts(out.str(),
+              {"+14.1 KiB (+14,400 bytes, +533.3 %), +2 groups", "Grew: +14.2 KiB in 2 stacks",
+               "#1  +13.7 KiB", "new    0 B -> 7.8 KiB, +4 blocks of 2.0 KiB",
+               "grew   2.0 KiB -> 7.8 KiB, +6 blocks of 1000 B", "and +500 B in 1 more stack (",
+               "Shrank: -100 B in 1 stack", "-1 block of 100 B",
+               "Unchanged: 600 B in 1 group (call sites of a function as one)."});
+  out.str("");
+  Profile cut = before.Done(1200, 5000);
+  PrintDifference(cut, after.Done(), 1, out);
+  cut.damaged = {{2, ""}};
+  cut.damaged_lines = 1;
+  PrintDifference(cut, after.Done(), 1, out);
+  ExpectParts(out.str(),
+              {"Grew: +5.9 KiB in 1 stack",
+               "Not judged: 3 groups, 600 B -> 8.9 KiB; the largest: 0 B -> 7.8 KiB in f\n",
+               "\nA report lists its 1000 largest groups; no option changes that.",
+               "The old report counts 4.9 KiB more in 1,200 groups that it does not",
+               "all  not known", "A report is truncated or damaged: write it again."});
+}
+
+TEST(Trends, PrintsGrowthAndWhatIsNotJudged) {
+  Trends trends;
+  const auto add = [&](double seconds, std::uint64_t count, std::uint64_t size) {
+    ProfileBuilder builder;
+    builder.In("/a/lib.so", 1, "Copy").Group(8, count).In("/a/lib.so", 2, "Other").Group(size, 1);
+    trends.Add(seconds, builder.Done(7, 2048));
+  };
+  add(0, 1, 16);
+  add(60, 5, 24);
+  SavedReport saved;
+  saved.unlisted = {.bytes = 2048, .groups = 7, .blocks = 0};
+  std::ostringstream out;
+  PrintTrends({SavedReport{}, saved}, trends.Result(), 0, out);
+  ExpectParts(out.str(), {"#1  +32 B  +32 B/min", "1 -> 5 blocks of 8 B\n", "     Copy",
+                          "[lib.so]\n", "1 of 3 groups", "not judged: 2 groups of 40 B",
+                          "0 B in 0 groups of the first report, 2.0 KiB in 7 groups"});
 }
 
 }  // namespace
