@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures the calling thread's stack: a walk along the frame pointers, or a full unwind.
 //
 // BacktraceGet runs in every recorded allocation, on any thread. The control signal's handler

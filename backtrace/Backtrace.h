@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures the allocating thread's call stack. Two settings decide what is captured.
 //
 // The record store calls BacktraceGet on every allocating thread. The control signal's handler

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index of /proc/self/maps: lookups and the parser.
 //
 // Runs on the dump thread, under the index's mutex. Allocates.

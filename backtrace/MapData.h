@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An index of /proc/self/maps: finds the mapped file and the offset for a pc.
 //
 // The report writer uses it on the dump thread. It allocates, so the allocation path never uses it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions that bench/hooked_library.cpp imports.
 #include "hooked_library.h"
 

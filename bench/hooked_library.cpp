@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library that bench/hooks.cpp hooks. It calls the functions that it imports.
 #include "hooked_library.h"
 

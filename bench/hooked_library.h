@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two libraries for bench/hooks.cpp: one defines a thousand functions, the other calls them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the hook engine: a hooked call against a plain one, indexing 200 loaded libraries, and
 // hooking 1000 slots. Prints one table.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Maps and unmaps 64 KiB repeatedly, through a library that can be hooked. Prints nanoseconds per
 // pair, the best of several rounds. Used by bench/mappings.
 //   memleak_mappings PAIRS [touch]     "touch" writes to the first page of each mapping

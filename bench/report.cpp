@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the reading of reports: a 100 MB report, and 50,000 distinct frames in 100 libraries
 // with full debug information. Prints a table.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times captures of call stacks by call-frame information, as recording with the unwinder makes
 // them.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The workload of bench/compare: malloc/free churn from many call stacks.
 //
 // Each thread has its own set of live blocks. A step frees a pseudo-random block and allocates one

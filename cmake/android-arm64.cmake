@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Toolchain for Android on 64-bit Arm, API level 29, with the public NDK or with its sysroot.
 #
 # ANDROID_NDK: the root of an NDK. Uses its toolchain file and compiler.

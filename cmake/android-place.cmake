@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds Android's headers, libraries and compiler runtime: ANDROID_NDK or ANDROID_SYSROOT, set with -D
 # or in the environment. Stops the configuration if something is missing. Messages start with a blank
 # because CMake wraps the others.

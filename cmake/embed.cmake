@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Writes a C++ source that contains the bytes of a file:
 #   cmake -D INPUT=FILE -D OUTPUT=SOURCE -D HEADER=FILE -D FUNCTION=NAME -P embed.cmake
 # The source defines std::string_view memleak::NAME(), which HEADER declares.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Settings of all targets, and functions that declare targets.
 
 if(ANDROID)

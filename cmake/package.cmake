@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installation (cmake --install BUILD) and Debian package (cpack -G DEB in BUILD).
 if(NOT MEMLEAK_WITH_CONTROLLER)
   return()

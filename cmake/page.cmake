@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The page that `memleak html` writes. npm's packages bundle it from web/ in the build tree, and it is
 # embedded into memleak. Cross builds and sanitizer builds are for tests and have no page by default.
 find_program(MEMLEAK_NODE NAMES node nodejs)

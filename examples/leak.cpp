@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Works like a small server with two leaks, and prints their true size at the end, to compare with
 // a report. Each round serves the same requests. Deterministic; one thread.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table through which the loader routes the program's allocator calls.
 //
 // Every exported allocator function reads it, on any thread (routing.cpp). It changes twice in a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A bump allocator over a static array.
 #include "host/bootstrap_arena.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small static heap for allocations during the lookup of the next allocator: the dynamic linker
 // may allocate inside dlsym.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time for limited waits. Any thread; nothing here allocates.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control thread: fetches commands and passes them to the tracker's signal handler.
 #include "host/control_thread.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The thread that carries out every command to the tracker: "memleak-control".
 //
 // Commands arrive as a signal, and the tracker's handler allocates and takes locks. On a thread

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report at exit: asks for it and waits for its file.
 #include "host/exit_report.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report that a process writes when it exits, if its environment asks for one.
 //
 // Called by the loader's exit handler.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libmemleak_preload.so: plays the C library's part for the tracker, which it opens from its own
 // directory.
 //

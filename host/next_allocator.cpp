@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Looks up the next allocator, and serves the calls before it is known.
 #include "host/next_allocator.h"
 

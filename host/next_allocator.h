@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The next allocator in the program's search order after the loader: that of the C library, or one
 // that the program brings, such as jemalloc or tcmalloc.
 //

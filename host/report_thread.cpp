@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds and watches the dump thread in /proc/self/task.
 #include "host/report_thread.h"
 

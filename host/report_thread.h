@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's dump thread, which writes one report and ends, as the loader sees it.
 //
 // The tracker does not tell when a report is complete, so the loader watches the thread in /proc.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The allocator functions that the program and its libraries call, on any thread.
 //
 // Each loads the active table and jumps, so that the first frame that the tracker records is the

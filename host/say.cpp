@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One line on stderr. Not by stdio, whose streams belong to the program.
 #include "host/say.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The loader's only messages: one line on stderr when something does not work.
 #pragma once
 

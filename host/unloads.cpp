@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counts unloads of libraries for the tracker, which caches facts about code by address. Any
 // thread.
 #include <dlfcn.h>

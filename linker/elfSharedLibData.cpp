@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index of one loaded library: parses its dynamic section and looks up symbols. Any thread.
 //
 // The constructor validates all tables whose length is known. Lookups bounds-check every index.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index of one loaded library: its symbols by name, and its Global Offset Table (GOT) slots for
 // imported functions.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The readable mapped parts of a loaded library. Any thread.
 #include "linker/elf_segments.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The readable mapped parts of a loaded library, from its program headers.
 //
 // Used while a library is indexed, on any thread. A damaged dynamic section may contain any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // References to loaded libraries.
 #include "linker/library_hold.h"
 

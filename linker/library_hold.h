@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // References to loaded libraries. A library stays loaded while a reference exists.
 //
 // Used by the hook engine, on any thread, with none of its locks held: these functions take the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ends the process if the engine's own locks or keys fail. Any thread.
 #include "linker/log_assert.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ends the process if the engine's own locks or keys fail.
 //
 // Called by the library index and the hook engine, on any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Guards for the C library's reader-writer lock. A failing lock call ends the process: the data
 // behind the lock can no longer be trusted.
 //

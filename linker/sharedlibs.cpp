@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of loaded libraries, by basename. Any thread.
 //
 // Lock order: the loader's lock before the registry's lock. dl_iterate_phdr holds the loader's lock

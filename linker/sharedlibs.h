@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of loaded libraries, by basename.
 //
 // Used by the hook engine and the choice of hook targets, on any thread. One caller is the control

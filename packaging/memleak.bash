@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # bash completion for memleak. Reads commands, options and values from the help texts.
 
 # The rows of section $1 in the help text $2.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // memcpy_s and memset_s: memory functions with a checked limit.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unwinds the calling thread's stack.
 //
 // A platform tree uses libunwindstack (platform/unwindstack). Other builds use the call-frame

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules of both dynamic linkers.
 #include "platform/elf_policy.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Differences between Android's and glibc's dynamic linker.
 //
 // Both sets of rules are compiled everywhere; the functions without a system in their name use

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A static object that is never destroyed, because threads may use it after main has returned.
 #pragma once
 

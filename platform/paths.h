@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opens the tracker's files. Called by the report writer.
 //
 // The paths are fixed on Android. On Linux they are below the root directory that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rules that differ between Android and Linux and that a Linux build may choose: MEMLEAK_POLICIES
 // selects platform/android/policies.cpp or platform/linux/policies.cpp.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The name of the running program, for log lines and reports.
 #pragma once
 

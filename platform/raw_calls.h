@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // File access by direct system calls.
 //
 // The C library's open, read, write and close are cancellation points. A thread that the program

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests whether memory is readable without reading it.
 //
 // Used inside recorded allocations and hooked calls. Any thread. Async-signal-safe.

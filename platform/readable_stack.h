@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The readable part of the running stack.
 //
 // Used by every capture of a stack, on every allocating thread and in signal handlers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Selects the system's implementation of ThreadMark.
 #pragma once
 

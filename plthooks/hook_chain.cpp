@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Changes to the list of functions of one hooked slot. Writers only.
 #include "plthooks/hook_chain.h"
 

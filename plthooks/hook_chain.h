@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list of functions of one hooked slot: the original function and its hooks.
 //
 // The registry writes it, one thread at a time, under its lock. Every call through the slot reads

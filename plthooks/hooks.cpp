@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of hooked slots.
 //
 // Writers hold the lock. Readers follow a published pointer to the table of records by id. A record

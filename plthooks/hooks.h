@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of hooked slots: the functions that a call through each slot runs.
 //
 // The hook engine writes it, on any thread. Every call through a trampoline reads it, on any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hooking and unhooking: finds the slots of a function in a library, and writes them.
 //
 // Lock order: the hook lock is the engine's outermost lock. The registry's, the trampolines' and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hook engine: redirects a library's calls to an imported function, and undoes it.
 //
 // A library calls imported functions through slots of its Global Offset Table (GOT). Hooking

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trampolines and the hook stack.
 //
 // A hook stack is in its own mapped pages, not on the heap: the allocator itself may make hooked

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trampolines: the code that a hooked slot points to, and the per-thread stack of hooked calls.
 //
 // A trampoline pushes the call on the thread's hook stack, runs the newest hook with the caller's

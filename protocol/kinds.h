@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kinds of memory that the tracker records, and the commands that steer it.
 //
 // The tracker's commands, the loader's report bits, and the controller's options, help and columns

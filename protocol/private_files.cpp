@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Directories are walked one by one; a file is looked at after it is open. See the header.
 #include "protocol/private_files.h"
 

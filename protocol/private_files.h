@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files of a watched process, opened so that no other user can lead the process astray.
 //
 // A root directory or a log may lie where others write, such as in /tmp: another user may have put

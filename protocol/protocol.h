@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library, the loader and the controller must agree on. The kinds of memory and their
 // commands are in kinds.h.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Operations on single records: the hot path of every recorded allocation.
 #include "records/PointerData.h"
 

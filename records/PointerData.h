@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The store of live blocks: address, size, allocation time and backtrace of each.
 //
 // It has 40 sets (8 stripes of the address space times 5 size classes), each with its own locks.

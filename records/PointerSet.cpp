@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Java-native tables of a set, and the readers' lock.
 #include "records/PointerSet.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One shard and size class of the record store: its locks and its Java-native tables.
 //
 // The set has no table of records or backtraces: the records are in pages of the address space

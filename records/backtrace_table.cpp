@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared backtraces and their memory.
 #include "records/backtrace_table.h"
 

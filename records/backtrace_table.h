@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared backtraces. Each is stored once for all sets.
 //
 // A search takes no lock and writes nothing, so that the cache lines of a known backtrace stay

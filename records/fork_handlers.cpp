@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The store's locks around fork, and between malloc_disable and malloc_enable.
 #include "platform/policies.h"
 #include "records/PointerData.h"

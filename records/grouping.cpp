@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Groups of live blocks, found in one pass.
 #include "records/grouping.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Groups live blocks with the same size, zygote mark and pcs, in one pass over all sets.
 //
 // Used by the leak-info export and the report, on the dump thread or the thread that asks for the

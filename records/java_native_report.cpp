@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Blocks with Java-native stacks: groups, their order, and their section of the report.
 //
 // Runs on the dump thread, inside DumpAllocationTracesToFile.

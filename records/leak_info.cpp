@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The leak-info export: groups of live blocks, largest first.
 //
 // Runs on the dump thread and in the C library's leak-info entry. Record operations of all other

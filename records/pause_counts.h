@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The number of records per set, counted only during a pause: a pause ends when any set is empty.
 //
 // Counting writes to cache lines that all threads share, so it is off unless a pause needs it.

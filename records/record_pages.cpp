@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records of live blocks: changes to pages and to the directory of regions.
 #include "records/record_pages.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records of live blocks, by 4 KiB page of the address space.
 //
 // The address of a block leads to its record: region (2 MiB), page, slot in the page's own small

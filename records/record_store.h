@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // State shared by the operations on single records and the readers of all records.
 #pragma once
 

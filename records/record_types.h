@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain values that the record store keeps and returns.
 //
 // Used by records/ and by callers of the leak-info export, on any thread. They hold no locks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report: its native section, the report file and the exception-log device.
 //
 // Runs on the dump thread. Allocating threads wait only while GetInfo groups the records. The text,

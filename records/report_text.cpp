@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of a report. Dump thread only.
 #include "records/report_text.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of a report while it is written: an append-only buffer.
 //
 // Used by the report's writers on the dump thread. Unlike the C++ library's streams it has no

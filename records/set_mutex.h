@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The locks of the record store: four bytes, inlined.
 //
 // A mutex of the C library has forty bytes and costs a call to lock and to unlock. Here an unlock

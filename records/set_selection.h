@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Selects the set of a block. Used by every operation on a single record.
 #pragma once
 

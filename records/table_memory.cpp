@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory for the record tables.
 #include "records/table_memory.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory for the record tables.
 //
 // It comes from the kernel. The C library's allocator is only the last resort: it would count the

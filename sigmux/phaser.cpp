@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The phaser's reader counters and the futex wait of its writer.
 #include "sigmux/phaser.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A phaser: lets a thread wait until no signal handler can still see an object that it removed.
 //
 // Readers enter and leave without locks and without allocating, so a signal handler can be a

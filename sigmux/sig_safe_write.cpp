@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fault-safe operations: a signal handler for the duration of one call, and a jump out of it.
 #include "sigmux/sig_safe_write.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs code that may fault, and writes to memory that may not be writable.
 //
 // The hook engine uses it to patch a slot, on any thread; several threads may do so at once. Each

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The signal multiplexer: takes over signals, keeps the list of handlers, dispatches deliveries.
 //
 // Writers hold the lock. Dispatchers take no lock: they are in the phaser while they read the list,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The signal multiplexer: lets independent parts of the process share one signal.
 //
 // It installs its dispatcher as the process's action for each signal that it takes over, and offers

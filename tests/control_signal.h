@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sends commands as a controller does.
 #pragma once
 

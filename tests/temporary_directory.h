@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A directory that lasts as long as a test, and files in it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device edition of `memleak`: the commands that control a process. Reports are read on the
 // host.
 #include <string>

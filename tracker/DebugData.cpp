@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The holder of the record store: start-up, clearing and forks.
 #include "tracker/DebugData.h"
 

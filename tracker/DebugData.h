@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The holder of the record store: one per process. Each clear replaces its content.
 //
 // track_initialize and the control signal's handler fill it. Every entry reads it on every thread,

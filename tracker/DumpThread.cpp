@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The dump thread: writes one report outside of the control signal's handler.
 #include "tracker/DumpThread.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The thread that writes a report.
 //
 // The stop-and-report commands start one for each report, in the control signal's handler.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loading and calling the tracker of file-descriptor leaks.
 #include "tracker/FdTracker.h"
 

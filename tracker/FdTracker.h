@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The separate tracker of file-descriptor leaks, libfdtrack.so, which is loaded when needed.
 //
 // For the control signal's handler, one command at a time.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The leak-info and heap-dump entries. The C library calls them on behalf of the platform's tools.
 #include <cstdio>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hook targets: read from the properties, hooked and unhooked.
 #include "tracker/HookTargets.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which functions of which libraries are hooked for the hooked kinds, and by which proxy.
 //
 // For the control signal's handler, one command at a time, so the lists have no lock. Takes the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported allocator entries, start-up and shut-down.
 //
 // The C library calls them in place of its own allocator, on every thread. While not recording, an

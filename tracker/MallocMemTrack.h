@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's exported entries: the malloc debug protocol, resolved by the C library by name and
 // symbol version LIBC_MALLOC_QUARLE (see libmemleak_tracker.map).
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control channel: from a received signal to the tracker's switches.
 //
 // The handler runs on whichever thread the kernel picks. Entries on other threads see its flag

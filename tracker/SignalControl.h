@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control channel: a real-time signal whose siginfo record carries commands.
 //
 // Installed by track_initialize and removed by track_finalize. The handler runs on the thread that

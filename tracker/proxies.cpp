@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The proxies.
 //
 // A hooked slot's trampoline calls them, on any thread that calls the hooked function. Each makes

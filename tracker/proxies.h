@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions that stand in for the mapping and device calls of hooked libraries.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes the page without its data: one file of markup, styles and code, with a mark where the data
 // goes. Run by the build:
 //   node bundle.js NODE_MODULES OUTPUT VERSION

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trampoline template: begins a hooked call, runs the newest hook, ends the call. The function
 // that begins the call follows it.
 //

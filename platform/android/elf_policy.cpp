@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules of Android's dynamic linker.
 #include "platform/elf_policy.h"
 

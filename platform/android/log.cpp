@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The async-signal-safe log by liblog, which the NDK has. A platform tree has libasync_safe.
 //
 // liblog opens its socket at the first line, which the tracker writes during its initialization,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's files on Android. The system creates their directories.
 #include "platform/paths.h"
 

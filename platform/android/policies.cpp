@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The policies of Android.
 #include "platform/policies.h"
 

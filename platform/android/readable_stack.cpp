@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The readable stack in a platform tree. All code has frame pointers there, so no page is probed.
 #include "platform/readable_stack.h"
 

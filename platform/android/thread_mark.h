@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Per-thread marks, as thread-specific values. The C library itself loads the tracker on Android,
 // so the tracker must not have thread-local variables there.
 #pragma once

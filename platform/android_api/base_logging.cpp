@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for libbase's logging. Any thread.
 #include <android-base/logging.h>
 #include <async_safe/log.h>

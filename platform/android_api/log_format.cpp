@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A subset of printf for code that runs in signal handlers and inside the allocator.
 #include "platform/android_api/log_format.h"
 

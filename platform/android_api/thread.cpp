@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for libutils' thread object, by POSIX threads.
 //
 // The control signal's handler starts the dump thread, so run() may be called in a signal handler

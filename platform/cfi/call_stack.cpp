@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calling thread's stack by call-frame information. Any thread, any context.
 #include "platform/call_stack.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Evaluates DWARF expressions (DWARF 5, section 2.5). Any thread, any context.
 #include "platform/cfi/expression.h"
 #include "platform/readable_stack.h"

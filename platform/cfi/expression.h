@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Evaluates DWARF expressions of call-frame information.
 //
 // Used where a frame's rules are more than offsets, on any thread and in signal handlers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds and reads frame description entries: by the sorted table of .eh_frame_hdr, or one after the
 // other in .eh_frame where the linker made no table. Any thread, any context.
 #include "platform/cfi/frame_entry.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame description entry of a pc: the part of an object's .eh_frame that says how to unwind
 // one function.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs call-frame instructions (DWARF 5, section 6.4.2, and GNU's). Any thread, any context.
 #include "platform/cfi/frame_row.h"
 

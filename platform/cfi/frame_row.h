@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the instructions of a frame description entry up to a pc: where the caller's registers are
 // while the function is there.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which object was seen where. Any thread, any context.
 #include "platform/cfi/known_objects.h"
 

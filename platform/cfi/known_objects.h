@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Remembers each object's addresses, to notice when another object takes them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Program headers of loaded objects, and the search for one through the dynamic linker's list.
 #include "platform/cfi/loaded_object.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program or library that holds an address: where it is mapped and where its call-frame
 // information is.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A walk that follows every register. Any thread, any context.
 #include "platform/cfi/register_walk.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A walk that follows every register, for frames that a packed rule cannot describe.
 //
 // Interprets call-frame information anew for each frame: about a microsecond. Any thread, any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes rules out of call-frame information. Any thread, any context.
 #include "platform/cfi/rule.h"
 

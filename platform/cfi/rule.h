@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How to get from one frame to its caller's, in one word.
 //
 // Made when a return address is met for the first time, read by every capture.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of rules: open addressing, insertion by compare-and-swap, larger tables published as
 // they are needed. Any thread, any context.
 #include "platform/cfi/rule_cache.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules of return addresses that were met before, for the whole process.
 //
 // Captures read it on every thread and in signal handlers, without a lock and without writing. A

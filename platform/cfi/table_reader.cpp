@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads DWARF's encodings from memory with an end. Any thread, any context.
 #include "platform/cfi/table_reader.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads DWARF's encodings from memory with an end.
 //
 // Any thread, any context. Whatever the bytes are, nothing outside them is read.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks a stack by call-frame information: along the rules of the cache, and by a detour if there
 // is no rule or the rule cannot describe the step.
 //

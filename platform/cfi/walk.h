@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks a stack by call-frame information.
 //
 // On the allocation path, on any thread and in signal handlers: takes no lock, allocates nothing,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces the demangler of libc++abi. See README.md.
 #include <cstddef>
 

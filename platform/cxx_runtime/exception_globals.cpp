@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces the thread-local exception state of libstdc++ and libc++abi by a thread key. See
 // README.md.
 //

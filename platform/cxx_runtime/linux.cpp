@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces functions of GNU libstdc++. See README.md.
 //
 // Compiled code calls them on any thread that throws or catches, possibly without free memory.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the replaced functions of the C++ runtime. Any thread, possibly without free memory.
 #pragma once
 

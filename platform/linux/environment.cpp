@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The environment variables that configure the tracker on Linux.
 #include "platform/linux/environment.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The environment variables that configure the tracker on Linux, copied to where signal handlers
 // can read them.
 #pragma once

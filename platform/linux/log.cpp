@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The async-signal-safe log on Linux: appends lines to the file that MEMLEAK_TRACKER_LOG names.
 #include <async_safe/log.h>
 #include <fcntl.h>

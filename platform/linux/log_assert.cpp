@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // liblog's assertion on Linux. Any thread; not for signal handlers.
 #include <android/log.h>
 #include <async_safe/log.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's files on Linux: Android's paths below the root directory.
 #include "platform/paths.h"
 

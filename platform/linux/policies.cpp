@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The policies of Linux.
 #include "platform/policies.h"
 
@@ -103,7 +104,8 @@ PcWidth AcceptedPcWidth() {
 }
 
 void KeepBlocked(const sigset_t& interrupted, sigset_t* mask) {
-  if (sigismember(&interrupted, protocol::control_signal) == 1) sigaddset(mask, protocol::control_signal);
+  if (sigismember(&interrupted, protocol::control_signal) == 1)
+    sigaddset(mask, protocol::control_signal);
 }
 
 bool ThreadKeyNeverAllocates(pthread_key_t key) {

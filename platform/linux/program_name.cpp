@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The name of the program, from glibc.
 #include "platform/program_name.h"
 

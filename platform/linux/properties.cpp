@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // System properties on Linux: "name=value" lines of <root>/properties.
 //
 // The control signal's handler reads properties, so the reader allocates nothing: it processes the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The readable stack on Linux, and on Android outside a platform tree: it ends with its mapping.
 //
 // Each thread caches its results as numbers in thread-specific values. So there is no memory to

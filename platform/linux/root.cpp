@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The directory that contains the tracker's files on Linux.
 #include "platform/linux/root.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Per-thread marks, as thread-local variables.
 //
 // Every recorded allocation reads and sets them several times, and a thread key would cost a

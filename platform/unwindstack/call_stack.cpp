@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unwinds the calling thread's stack with libunwindstack, in a platform tree.
 #include "platform/call_stack.h"
 

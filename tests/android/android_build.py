@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Tests of the builds for Android on a host without Android.
 
     android_build.py CASE SOURCE_DIR BUILD_DIR CXX CMAKE

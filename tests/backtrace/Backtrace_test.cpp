@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures a known chain of functions through the tracker's three layers and compares every pc.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the map index rejects and notes. Its lookups have a model in tests/fuzz/maps_fuzz.cpp.
 #include "backtrace/MapData.h"
 

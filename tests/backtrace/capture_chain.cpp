@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layers entry -> Add -> AddBacktrace -> BacktraceGet, one frame each.
 #include "tests/backtrace/capture_chain.h"
 

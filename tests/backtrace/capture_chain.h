@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The three layers through which the tracker captures, and what a test needs to call them from
 // outside: this is a library of its own, as the tracker is.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stand-ins for the logger and the properties; the linker redirects the calls here.
 #include "tests/backtrace/fakes.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stand-ins for the logger and the properties, for the tests of this folder. One thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The walk that starts at the caller of a hooked function.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stacks that are hard to capture, in a program that the loader records. One case an invocation,
 // named by the first argument. Ends with 0 when the case holds.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One of many small libraries that come and go while stacks are captured. NUMBER tells them apart:
 // their code lies at other offsets and has frames of other sizes, so whatever is remembered of one
 // is wrong for the next that is loaded at its place.

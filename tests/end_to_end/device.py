@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The controller's device edition, on a device that is played in a directory.
 
 usage: device.py CASE BIN_DIR CONTROLLER

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Whole runs: loader, tracker, control signal, report and reader, on programs with known leaks.
 
 usage: end_to_end.py CASE BIN_DIR CONTROLLER [EMULATOR]

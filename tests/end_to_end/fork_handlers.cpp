@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A library whose fork handlers free and allocate, and whose constructor runs before the loader's:
 // they run while the forking thread holds every lock of the record store.
 #include <pthread.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Whole runs of the kinds that are recorded through hooks.
 
 usage: hooked_kinds.py CASE BIN_DIR CONTROLLER [EMULATOR]

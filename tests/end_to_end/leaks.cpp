@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Leaks of known sizes: a library whose RememberSessions any program can call, and with LEAKS_MAIN
 // the program that calls all of it: it allocates in every way there is and at its end holds some of
 // that and has lost the rest. Deterministic.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program that gets memory through libraries that can be hooked, as it is told on its standard
 // input, one command a line; answers "ok" when every call did what it does unhooked:
 //   map COUNT SIZE, unmap COUNT     anonymous mappings, of libmapper.so

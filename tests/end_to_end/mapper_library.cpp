@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Libraries whose calls are hooked. Built once under each name that matters: what a library may be
 // hooked for depends on it. The barriers keep the functions on the stack.
 #include <sys/ioctl.h>

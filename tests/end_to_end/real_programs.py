@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Programs as people have them: what they are known to hold, read in every way a report can be.
 
 usage: real_programs.py CASE BIN_DIR CONTROLLER [EMULATOR]

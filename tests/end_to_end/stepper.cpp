@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program that does as it is told on its standard input, one command a line, and answers "ok":
 //   alloc COUNT SIZE   makes blocks and keeps them
 //   free COUNT         frees the newest of them

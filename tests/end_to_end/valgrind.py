@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the tracker says is held at exit, held against what valgrind says of the same program.
 
 usage: valgrind.py CASE BIN_DIR CONTROLLER

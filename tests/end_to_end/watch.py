@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Reports of a program that goes on being recorded: counts, growth and slopes are exact.
 
 usage: watch.py CASE BIN_DIR CONTROLLER [EMULATOR]

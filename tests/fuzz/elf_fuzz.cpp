@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the index of one loaded library, whose tables may say anything. One thread.
 //
 // A read outside the library's readable segments ends the process. Each library is indexed by the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A shared object as a file and in memory. One thread.
 #include "tests/fuzz/elf_image.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A shared object as a file, and laid out in memory as the dynamic linkers do it, but for
 // relocation. Used by the index's fuzz target and its mutations; one thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mutations of shared objects that keep what a loader looks at and damage what the index reads:
 // dynamic entries, hash tables, symbols, relocations. Called by libFuzzer and by the replay; one
 // thread. The same seed makes the same mutation everywhere.

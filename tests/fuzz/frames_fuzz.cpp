@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: call-frame information that may say anything. One thread.
 //
 // The information lies between pages that cannot be read, and so does the stack: a read elsewhere

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the reader of the kernel's list of mappings, whose lines end in names that any
 // program may choose. One thread.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the file of properties, which a user writes. One thread.
 //
 // The reader, which sees the file through a small buffer and keeps no line whole, is held against

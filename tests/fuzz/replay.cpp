@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzz target without a fuzzer: over its corpus, where the faults of the past lie, and over
 // a fixed list of mutations. One process, one thread.
 //

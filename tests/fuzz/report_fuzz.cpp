@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: reading a report, which may come from another machine, and printing it. One thread.
 //
 // What was understood of a group's line, written down again, must be understood as the same; and a

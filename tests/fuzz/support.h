@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzz targets share: a check that ends the process, and an input behind a path.
 //
 // Used by every target, under libFuzzer and in the replay; one thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A library that allocates in its constructor and destructor and, where a program is linked
 // with it, starts a thread before the loader's constructor has run.
 #include <pthread.h>

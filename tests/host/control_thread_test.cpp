@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control thread without the loader, under commands, reports and forks. A handler here plays
 // the tracker's. Unlike the loader itself this runs in the sanitizer builds, too.
 #include "host/control_thread.h"

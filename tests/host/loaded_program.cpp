@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program that the loader's tests run with libmemleak_preload.so: one case an
 // invocation, named by the first argument. Ends with 0 when the case holds.
 #include <dlfcn.h>

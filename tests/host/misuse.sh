@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # The loader's dynamic symbols, and the one line on stderr for what a person got wrong.
 # Usage: misuse.sh DIR-WITH-TRACKER DIR-WITHOUT PROGRAM "runner;that;takes;NAME=VALUE"
 set -eu

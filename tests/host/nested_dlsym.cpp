@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A dlsym that allocates, on this thread and on another, while the loader looks for the next
 // allocator. Loaded behind the loader; its blocks are kept for the program to look at.
 #include <dlfcn.h>

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Programs that were not written here do the same with the loader as without it.
 # Usage: real_programs.sh PRELOAD
 set -u

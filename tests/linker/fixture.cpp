@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A library to index: it imports a function and defines one, and calls both through its PLT.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index of a library against libelf's view of its file, for the libraries of this machine.
 #include <fcntl.h>
 #include <gelf.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of loaded libraries, its names, and the fatal end of its locks.
 #include "linker/sharedlibs.h"
 

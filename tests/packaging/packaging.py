@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The manual page, the completion of bash, and the Debian package.
 
 usage: packaging.py CASE SOURCE_DIR BUILD_DIR

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces malloc by one that counts its calls.
 #include "allocation_counter.h"
 

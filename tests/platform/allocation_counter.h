@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counts allocations, to test that code allocates nothing.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The replaced functions of the C++ runtime. They replace those of the shared library in this whole
 // program; calloc is wrapped at link time.
 #include <gtest/gtest.h>

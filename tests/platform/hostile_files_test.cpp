@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files and directories that another user may have put in place of the tracker's: they are refused,
 // opening never blocks, and no other file changes.
 #include <async_safe/log.h>

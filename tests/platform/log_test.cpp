@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The async-signal-safe log on Linux.
 #include <async_safe/log.h>
 #include <gtest/gtest.h>

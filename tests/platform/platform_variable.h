@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Changes the environment variables that configure the platform.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Properties and the root directory. The fuzz target for properties tests the parser.
 #include <gtest/gtest.h>
 #include <sys/system_properties.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ReadableStack against a model: an area of the address space whose pages change, and a list of the
 // pages that are readable.
 #include "platform/readable_stack.h"

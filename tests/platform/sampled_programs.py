@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Stacks at random places of real programs, by call-frame information and by the C++ runtime.
 
 usage: sampled_programs.py PROGRAM SAMPLER [EMULATOR]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares the walk by call-frame information with the C++ runtime's unwinder, from a signal
 // handler.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A library to be preloaded: interrupts the program's threads at random places and compares the
 // stacks there by both unwinders. At the program's end it adds a line to the file named by
 // STACK_SAMPLER_RESULT, and the first differences.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks the stack at every single instruction of code whose stacks are hard to walk, and compares
 // with the C++ runtime's unwinder.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/platform/stepped_code.h"
 
 #include <alloca.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lifetime of libutils' thread object, which the dump thread relies on.
 //
 // Built twice, with the replacement in this tree and with libutils itself, so it uses only what

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls through one, two and three hooks give bit for bit what they give without.
 //
 // Everything that a called function may overwrite is overwritten: by the hooks before and after

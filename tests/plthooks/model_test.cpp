@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hook engine beside a plain list for each slot: random hooks, unhooks and calls, on several
 // threads and from inside running hooks, while a library is loaded and unloaded.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From names to slots and back: what is hooked, what is refused, what pages are left like.
 #include "plthooks/plthooks.h"
 

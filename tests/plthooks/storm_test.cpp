@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hooks that come and go while threads, signal handlers and forked children call.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

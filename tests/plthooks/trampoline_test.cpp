@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hook stack, and the end of a process that misuses it.
 #include "plthooks/trampoline.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record store under threads: clears, reports, sweeps, pauses and forks while others allocate.
 // See store_model_test.cpp for the rest.
 #include <sys/wait.h>

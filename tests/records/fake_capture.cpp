@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripted capture: stands in for backtrace/ and the platform's properties.
 #include "tests/records/fake_capture.h"
 

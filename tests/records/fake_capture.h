@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted capture and allocator for tests of the record store: fake_capture.cpp defines what
 // backtrace/ and the platform define in the library.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The logger of the record tests.
 #include "tests/records/log_capture.h"
 

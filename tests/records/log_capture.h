@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's log for tests that link a piece without the platform: lines are kept for the test.
 // log_capture.cpp defines the logger.
 #pragma once

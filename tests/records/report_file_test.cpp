@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report as file and device get it. Records, maps and log are fakes; ioctl and the clock are
 // wrapped at link time.
 #include <fcntl.h>

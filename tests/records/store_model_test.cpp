@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record store against a model of it: random operations on both, then the same answers. The
 // model keeps its tables in plain maps, walks all of them for every question and knows no locks.
 #include <algorithm>

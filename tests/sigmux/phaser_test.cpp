@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The phaser by itself: drains wait for exactly the readers that were there before.
 #include "sigmux/phaser.h"
 

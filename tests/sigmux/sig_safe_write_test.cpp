@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fault-safe operations on real faults: caught on the operation's own thread, and nowhere else.
 #include "sigmux/sig_safe_write.h"
 

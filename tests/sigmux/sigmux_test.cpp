@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The multiplexer in processes of its own: who is asked, in which order, under which mask, and how
 // the process ends when nobody claims a signal.
 #include "sigmux/sigmux.h"

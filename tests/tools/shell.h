@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs commands as a person would type them. For tests of whole commands.
 #pragma once
 

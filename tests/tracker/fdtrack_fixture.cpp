@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands in for the tracker of descriptors: notes its calls.
 #include <cstdint>
 #include <cstdio>

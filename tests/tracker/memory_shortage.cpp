@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // memory_shortage [SCENARIO...]: the library as it is delivered, in a process without memory.
 //
 // Each scenario runs in child processes: with its n-th request for memory refused, and again with

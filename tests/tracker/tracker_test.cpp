@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // All of the library but its exports, in this process: entries and hooked calls against a model of
 // what must be recorded, and what commands log. Reports tell what is recorded.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Documents for the tests of the page: a small one, one with hostile names, a difference, and two
 // large ones.
 

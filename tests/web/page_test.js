@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the page in Chromium: loads, zooms, searches, sorts, opens rows. `memleak html` writes the
 // pages. Run by ctest:
 //   node page_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY

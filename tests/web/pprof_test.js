@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decodes what `memleak export --format pprof` writes with the library that continuous profilers use,
 // and compares it with `export --format json`. Run by ctest:
 //   node pprof_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY LIBRARY

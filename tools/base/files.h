@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files and paths through POSIX calls: the C++ library of a device has no std::filesystem. Any
 // thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Human-readable sizes, counts, ages and names.
 #include "tools/base/format.h"
 

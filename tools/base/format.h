@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Human-readable numbers, times and texts. Any thread.
 #pragma once
 

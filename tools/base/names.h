@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Escapes names from watched processes and reports for output. The name of a process, a file, a
 // mapping or a function can contain any bytes. Any thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes a temporary file, then renames it.
 #include "tools/base/output_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Output files that are replaced atomically: the old contents stay until the new ones are complete.
 // Single-threaded.
 #pragma once

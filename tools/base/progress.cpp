@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bar looks like this: "symbols  [########            ]  40 %".
 #include "tools/base/progress.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Errors that users see. GuardedMain catches them, prints one line and exits with 2.
 #pragma once
 

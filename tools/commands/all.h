@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each function adds a command to the program: its options, help and action.
 #pragma once
 

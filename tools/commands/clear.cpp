@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // clear: drops all records.
 #include <iostream>
 #include <memory>

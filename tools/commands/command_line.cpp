@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Parsing, validation, and printing of errors.
 #include "tools/commands/command_line.h"
 

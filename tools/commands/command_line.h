@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program with its subcommands, and validation of option values. Single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // export: writes a report in the format of another program.
 #include <unistd.h>
 

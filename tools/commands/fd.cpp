@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fd: commands for the separate library that tracks file descriptors. The tracker forwards them.
 #include <algorithm>
 #include <chrono>

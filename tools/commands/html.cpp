@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // html: a report, or what changed between two, as a page for the browser.
 #include <iostream>
 #include <memory>

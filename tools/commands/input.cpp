@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds and opens reports.
 #include "tools/commands/input.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds and opens the reports named on the command line. Used by the commands that read reports;
 // single-threaded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libs: which functions of which libraries can be hooked.
 #include <algorithm>
 #include <iomanip>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // on: starts recording, of the native heap or through hooks.
 #include "tools/commands/on.h"
 

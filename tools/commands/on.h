@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Starting to record, for `on` and `watch`. Single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pause: stops recording and keeps the records.
 #include <iostream>
 #include <memory>

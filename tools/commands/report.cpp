@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // report: makes a process write its report.
 #include <chrono>
 #include <cstdint>

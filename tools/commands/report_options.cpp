@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Options of the commands that read reports.
 #include "tools/commands/report_options.h"
 

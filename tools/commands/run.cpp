@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run: starts a program under the tracker.
 #include <memory>
 #include <string>

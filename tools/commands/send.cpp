@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // send: any control word.
 #include <cstdint>
 #include <iomanip>

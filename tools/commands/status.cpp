@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // status: the state of a process.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // watch: takes reports at intervals and says what grew.
 #include <memory>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rounds of `watch`. Recording is switched on once and never off: frees that happen while it is
 // off would leave stale records.
 #include "tools/commands/watch_rounds.h"

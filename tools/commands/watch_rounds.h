@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Takes reports of a process at intervals while recording goes on. Used by `watch`;
 // single-threaded.
 #pragma once

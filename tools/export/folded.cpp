@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sums up the groups of each stack.
 #include "tools/export/folded.h"
 

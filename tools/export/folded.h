@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A profile as folded stacks, for flame graph programs. Used by `export`; single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Inserts the data into the page.
 #include "tools/export/html.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Profiles as a page for the browser. The page is built from web/ and embedded into the program.
 // Single-threaded.
 #pragma once

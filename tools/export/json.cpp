@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The documents, member by member.
 #include "tools/export/json.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Profiles as JSON documents for programs and for the page; docs/report-json.md describes them.
 // Single-threaded.
 #pragma once

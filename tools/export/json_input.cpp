@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the document member by member and checks every index.
 #include "tools/export/json_input.h"
 

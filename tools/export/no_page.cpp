@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In builds without the page.
 #include "tools/export/html.h"
 

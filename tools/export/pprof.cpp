@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builds the tables of strings, functions, mappings and locations, and the samples.
 #include "tools/export/pprof.h"
 

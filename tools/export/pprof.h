@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A profile in the format of pprof. Used by `export`; single-threaded.
 #pragma once
 

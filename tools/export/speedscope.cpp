@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each group is one sample, weighted by what it holds.
 #include "tools/export/speedscope.h"
 

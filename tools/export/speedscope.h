@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A profile in the file format of the speedscope viewer. Used by `export`; single-threaded.
 #pragma once
 

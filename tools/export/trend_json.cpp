@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trend document, member by member.
 #include "tools/export/trend_json.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reports of `watch` as a JSON document for programs; docs/trend-json.md describes it.
 // Single-threaded.
 #pragma once

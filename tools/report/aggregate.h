@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Selects groups of a profile, and sums them up by library, by function and along their stacks.
 // Used by the views; single-threaded.
 #pragma once

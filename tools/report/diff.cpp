@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Merges two profiles and judges their groups.
 #include "tools/report/diff.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares two reports group by group. Used by `diff`, `html` and `watch`; single-threaded.
 #pragma once
 

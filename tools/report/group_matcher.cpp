@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keys of frames, stacks and call sites.
 #include "tools/report/group_matcher.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matches the groups of several reports by kind, block size, and the libraries and functions on
 // their stacks, so that neither addresses nor moved files matter. Used by Compare and Trends;
 // single-threaded.

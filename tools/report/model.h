@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A symbolized report: groups, and frames with functions, files and lines. Filled by LoadProfile,
 // used by all views and exports. Plain values; single-threaded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Values of groups over time, and least squares.
 #include "tools/report/trend.h"
 

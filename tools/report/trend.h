@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the groups of a process change from report to report: their values, and a straight line
 // through them. Used by `watch`; single-threaded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file addresses that the executable mappings of a library show, and the page size that they
 // were aligned to. Pure functions of a file.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches of libraries and debug files.
 #include "tools/symbols/debug_files.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds the files of a library: its own, on this machine or in a copy of a device's files, and the
 // separate one with its debug information. Single-threaded.
 #pragma once

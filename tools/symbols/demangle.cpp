@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Uses libiberty: the C++ runtime's demangler has no limit for the length of a name, and does not
 // know Rust.
 #include "tools/symbols/demangle.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Demangling of symbol names. Any thread.
 #pragma once
 

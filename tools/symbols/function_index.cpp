@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps its own tables: libdw's look-ups by address walk all symbols of a library and all entries
 // of a unit on every call.
 #include "tools/symbols/function_index.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of a library by address, from its symbol tables and its DWARF. Single-threaded.
 #pragma once
 

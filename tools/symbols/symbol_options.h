@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where to search for symbols.
 #pragma once
 

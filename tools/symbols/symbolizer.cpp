@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opens one library at a time with libdwfl and converts offsets in a mapping to file addresses.
 #include "tools/symbols/symbolizer.h"
 

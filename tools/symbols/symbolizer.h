@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Converts [library+0xoffset] to function, file and line. Single-threaded.
 #pragma once
 

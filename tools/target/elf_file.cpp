@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any size and address in a file may be wrong: all reads are clamped to the file and the segment.
 #include "tools/target/elf_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Watching a process after a command to hook.
 #include "tools/target/hook_outcome.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The result of a command to hook. The tracker sends no reply, so this comes from its log, from the
 // slots and from the maps, as far as they can be read. Called by `on` and `fd`; single-threaded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What can be hooked in a process, and what is hooked, according to files, maps and the contents of
 // slots.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Inspects a running process: whether the tracker is loaded, whether it catches the control signal,
 // and where its files are. Single-threaded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command words in the tracker's log, and hooked slots.
 #include "tools/target/interference.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How commands interfere with a recording in progress. Single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names for the hook settings, and the state of hooks from a log.
 #include "tools/target/kinds.h"
 

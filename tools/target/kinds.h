@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What steering the kinds of memory takes beside their rows in the protocol: the names that are
 // hooked, the settings that hold them, and the state that a log tells.
 //

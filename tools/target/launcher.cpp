@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From the options of `run` to the program's process image.
 #include "tools/target/launcher.h"
 

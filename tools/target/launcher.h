@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Starts a program under the tracker. Called by `run`.
 #pragma once
 

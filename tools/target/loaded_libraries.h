@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The libraries of a running process as the tracker in it sees them: by the names they were loaded
 // by, with the functions they import. Single-threaded.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads a growing log.
 #include "tools/target/log_tail.h"
 

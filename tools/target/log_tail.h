@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's log, which is its only response to commands. Single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory map of a process. Pure functions; any thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the state and the end of a file.
 #include "tools/target/report_file.h"
 

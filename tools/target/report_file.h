@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The state of a report's file, which another process writes. Single-threaded.
 #pragma once
 

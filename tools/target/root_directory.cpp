@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Properties files.
 #include "tools/target/root_directory.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The properties file in a tracked process's root directory. Single-threaded.
 #pragma once
 

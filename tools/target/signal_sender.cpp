@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sending side of the control protocol.
 #include "tools/target/signal_sender.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending a command word to a tracked process. Called by the commands that name a PID.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What differs between Linux hosts and Android devices: where a tracked process keeps its files,
 // settings and log, and what messages advise. site_linux.cpp is for programs that `memleak run`
 // started, site_android.cpp for the device edition. Single-threaded.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes of a device: one root directory for all, system properties, and a log in logcat.
 #include <sys/system_properties.h>
 

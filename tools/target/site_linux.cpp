@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Programs under the loader. Their environment names their files.
 #include <grp.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One report of a running process. Polls the report's file: a stat and a short read.
 #include "tools/target/take_report.h"
 

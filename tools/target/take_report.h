@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests a report from a process and waits for it. Called by `report` and `watch`.
 // Single-threaded.
 #pragma once

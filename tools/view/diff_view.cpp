@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stacks with their block sizes, largest change first.
 #include "tools/view/diff_view.h"
 

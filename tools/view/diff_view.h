@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints the difference of two reports for an 80-column terminal. Used by `diff`; single-threaded.
 #pragma once
 

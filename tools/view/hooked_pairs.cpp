@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints hooked functions.
 #include "tools/view/hooked_pairs.h"
 

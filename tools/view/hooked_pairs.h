@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints hooked functions. Used by `on` and `report`; single-threaded.
 #pragma once
 

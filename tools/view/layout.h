@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Parts of printed lines. Used by all views and by `export`; single-threaded.
 #pragma once
 

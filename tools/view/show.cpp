@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints the figures of the report before a view; after it, what is not shown, and which files
 // would give more symbols.
 #include "tools/view/show.h"

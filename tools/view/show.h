@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints a profile for an 80-column terminal. Used by `show`; single-threaded.
 #pragma once
 

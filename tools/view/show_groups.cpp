@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Groups with their stacks.
 #include <algorithm>
 #include <ostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tables and trees of sums.
 #include <algorithm>
 #include <optional>

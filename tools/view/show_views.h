@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The views of a report's groups. Used by PrintProfile; single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of trends.
 #include "tools/view/trend_table.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of groups that grew between the reports of `watch`. Used by `watch`; single-threaded.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's switches and thread marks: start-up, shut-down and the control signal's handler.
 // What the allocation path reads is inline in the header.
 #include "tracker/control/MemTrackControl.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's switches, callback slots, dispatch table and thread marks.
 //
 // Written by track_initialize, track_finalize and the control signal's handler. Read by every
@@ -10,7 +11,6 @@
 #include "platform/thread_mark.h"
 #include "private/bionic_malloc_dispatch.h"
 #include "protocol/kinds.h"
-#include "platform/thread_mark.h"
 
 using protocol::MemTrackType;
 using protocol::NATIVE;

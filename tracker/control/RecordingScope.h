@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether the calling thread records, and the mark of a thread that is inside the tracker.
 //
 // Used by the exported entries, on every thread of the process. All of it is forced inline in every

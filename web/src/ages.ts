@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ages of a group's blocks, as a chart over the recorded time and in words.
 
 import { el, formatAge, formatCount, plural } from "./dom.js";

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Colours of flame graph boxes and of their legend. Boxes have dark text in the light and the dark
 // scheme, so all colours are light.
 

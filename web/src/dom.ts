@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builds elements and formats figures. Texts are always set as text, never as markup: names come from
 // the watched program.
 

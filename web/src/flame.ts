@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The flame graph: zoom, search and keyboard. The library lays out and draws the boxes. It gets only
 // the visible ones, at every zoom.
 

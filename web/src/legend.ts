@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The legends of the flame graph: colours of libraries and of changes.
 
 import { kChangeKey, type LibraryColours } from "./colours.js";

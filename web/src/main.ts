@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Starts the page: reads its document and puts its parts together.
 
 import "./style.css";

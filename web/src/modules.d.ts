@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Types of the used parts of libraries that have none, and of style sheets.
 
 declare module "*.css";

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The document that the page shows, format "memleak-profile" version 1, and what is computed from it
 // once. No DOM here.
 

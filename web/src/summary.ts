@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The head of the page: what is held, what is not listed, and the properties of the report.
 
 import { el, formatBytes, formatCount, plural, signed } from "./dom.js";

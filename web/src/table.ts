@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of groups: sorted, filtered and split into pages, so that the number of elements does not
 // depend on the number of groups. Each row opens to its stack and ages.
 

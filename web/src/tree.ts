@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Call trees over groups, from either end of their stacks. A node computes its children on demand, so
 // that only drawn nodes cost time. No DOM here.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds loaded objects on Android. Any thread; takes the dynamic linker's lock.
 #include "platform/cfi/loaded_object.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds loaded objects by glibc's _dl_find_object, which takes no lock and may be used in signal
 // handlers. Any thread.
 #include "platform/cfi/loaded_object.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bionic defines 64-bit ELF types as long long, and uint64_t as long.
 #pragma once
 

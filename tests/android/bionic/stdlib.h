@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Adds getprogname, which bionic declares here.
 #pragma once
 

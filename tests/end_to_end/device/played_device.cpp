@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A device in a directory, the one that MEMLEAK_TRACKER_ROOT names: its root, and its properties,
 // which cannot be set when there is a file "refused". Linked into the controller's device edition.
 #include <sys/system_properties.h>

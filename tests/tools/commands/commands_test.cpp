@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program on a command line, with a fake tracker in the watched process: the environment that
 // `run` sets, and errors with their exit codes.
 #include <gtest/gtest.h>

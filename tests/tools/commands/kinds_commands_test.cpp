@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kinds on the command line, against a program with a fake tracker. What the real one would log
 // is written by the script.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exports with hostile names, and the commands that read reports with their exit codes.
 #include <google/protobuf/io/gzip_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>

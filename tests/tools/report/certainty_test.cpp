@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Diff and trend against a literal model: random heaps, written as reports that may be cut, damaged
 // or read from documents. Exactly what the lists determine is claimed, and it is true of the heaps.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a report's text to the model, to its JSON document and back.
 #include "tools/report/model.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report parser against the library's writer: random records are read back equal, and damage
 // removes what it hits and nothing else. Maps, record store, clock and device are fakes.
 #include "tools/report/report_parser.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From mapping offsets to functions and lines, on a library whose lines are known.
 #include "tools/symbols/symbolizer.h"
 

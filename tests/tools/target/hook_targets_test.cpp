@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What can be hooked, judged from files, maps, memory and log: against a fixture library in this
 // very process, whose slot a test turns into what it wants to see.
 #include "tools/target/hook_targets.h"

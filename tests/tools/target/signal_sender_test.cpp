@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Commands reach tracked processes and spare those that the signal would kill.
 #include "tools/target/signal_sender.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Formatted figures, and the text views of a report, a difference and trends.
 #include "tools/view/show.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stack frames on aarch64 (AAPCS64), for the frame-pointer walk.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Relocation types on aarch64.
 #pragma once
 

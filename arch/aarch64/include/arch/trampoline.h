@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The template of a trampoline on aarch64 (AAPCS64). The hook engine copies it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // aarch64 on Linux, for unwinding by call-frame information: register numbers, register capture and
 // signal frames. All functions run on any thread, in any context.
 #pragma once

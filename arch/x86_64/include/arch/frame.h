@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stack frames on x86-64 (System V ABI), for the frame-pointer walk.
 #pragma once
 

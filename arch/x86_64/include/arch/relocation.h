@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Relocation types on x86-64.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The template of a trampoline on x86-64 (System V ABI). The hook engine copies it.
 #pragma once
 

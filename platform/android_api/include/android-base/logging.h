@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for libbase's logging: LOG(ERROR) << "text", written to the async-signal-safe log.
 //
 // Used by the linker index and the hook engine, on any thread. A line is built on the stack,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for bionic's async-signal-safe log.
 //
 // Linux: lines are appended to the file that the environment variable MEMLEAK_TRACKER_LOG names

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for bionic's header of the same name: the table of the C library's own allocator
 // functions, in bionic's field order (64-bit).
 #pragma once

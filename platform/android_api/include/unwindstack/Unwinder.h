@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for the part of libunwindstack that records of Java frames use.
 #pragma once
 

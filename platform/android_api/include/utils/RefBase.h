@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for libutils' reference-counted objects, without weak references.
 #pragma once
 

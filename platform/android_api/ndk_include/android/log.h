@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for liblog's header, for Linux.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replacement for bionic's system properties, for Linux: the file <root>/properties with a
 // "name=value" pair on each line. <root> is the value of MEMLEAK_TRACKER_ROOT, "/" if it is unset.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The API level of the fake bionic sysroot.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bionic's inotify_rm_watch takes an unsigned watch descriptor.
 #pragma once
 

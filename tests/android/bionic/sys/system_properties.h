@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The part of bionic's header that the tree uses.
 #pragma once
 

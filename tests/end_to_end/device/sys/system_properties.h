@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system properties of a device, as far as the controller uses them; see played_device.cpp.
 #pragma once
 
