@@ -27,9 +27,7 @@
 #include <utility>
 #include <vector>
 
-// Weak: defined only if jemalloc or LeakSanitizer is part of the process.
-extern "C" __attribute__((weak)) int mallctl(const char* name, void* old_value, size_t* old_bytes,
-                                             void* new_value, size_t new_bytes);
+// Weak: defined only if LeakSanitizer is part of the process.
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 namespace {
@@ -273,8 +271,6 @@ void Dump() {
   if (__lsan_do_recoverable_leak_check != nullptr) {
     kind = "lsan";
     __lsan_do_recoverable_leak_check();
-  } else if (mallctl != nullptr) {
-    kind = mallctl("prof.dump", nullptr, nullptr, nullptr, 0) == 0 ? "jemalloc" : "failed";
   }
   Print("dump kind=%s ms=%.1f\n", kind, static_cast<double>(NowNs() - begin) / 1e6);
 }

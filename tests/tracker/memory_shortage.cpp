@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // memory_shortage [SCENARIO...]: the library as it is delivered, in a process without memory.
 //
-// Each scenario runs in child processes: with its n-th request for memory refused, and again with
-// that one and all later ones refused, for growing n until there is no n-th request. Requests are
-// those of the whole process: the allocator and mmap are this program's. The child must live, what
-// it called must have returned or logged the right thing, and with memory again the tracker must
-// work. Prints a line for each scenario that fails, and the number of children; exit code 1 when
-// one fails. MEMLEAK_TRACKER_ROOT names a directory for reports, MEMLEAK_TRACKER_LOG the file "log"
-// there.
+// Each scenario runs in child processes. The n-th memory request of the process fails, alone or with
+// all later ones, for growing n until there is no n-th request. The child must live and return or log
+// the right thing, and with memory again the tracker must work. Prints a line for each failure and
+// the number of children; exit code 1 when one fails. MEMLEAK_TRACKER_ROOT names a directory for
+// reports, MEMLEAK_TRACKER_LOG the file "log" there.
 #include <malloc.h>
 #include <pthread.h>
 #include <sys/stat.h>
