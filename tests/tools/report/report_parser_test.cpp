@@ -18,6 +18,8 @@
 #include "platform/paths.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/record_pages.h"
+#include "records/record_store.h"
 #include "tests/temporary_directory.h"
 
 namespace {
@@ -31,7 +33,7 @@ struct World {
   std::uint64_t total = 0;
   std::uint64_t depth = 0;
   std::vector<MapEntry> mappings;  // a pc is the index above 32 bits, and the offset below
-  std::array<PointerSet, PointerData::kSetCount> sets;
+  PointerSet* sets = PointerSet::MakeAll();
 };
 World world;
 
@@ -46,20 +48,14 @@ int async_safe_format_log(int /*priority*/, const char* /*tag*/, const char* /*f
 }
 }
 
-SetMutex& InitialiseLock() {
-  static SetMutex lock;
-  return lock;
-}
+std::atomic<std::uint32_t> record_store::generation{0};
+void RecordPages::WaitForOperations() {}
 std::FILE* platform::OpenReportFile() {
   return std::fopen(world.report_path.c_str(), "w");
 }
 int platform::OpenExceptionDevice(std::string& /*path*/) {
   return -1;
 }
-PointerSet* PointerData::sets() {
-  return world.sets.data();
-}
-void PointerSet::SyncJavaTables() {}
 void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           std::size_t* info_size, std::size_t* total_memory,
                           std::size_t* backtrace_size, std::vector<RecordStruct>* list) {
@@ -169,7 +165,8 @@ Report FillWorld(Random& random) {
   }
   expected.native = expected.groups.size();
   std::uint64_t size = 0;  // no two are equal, so the order of the groups is known
-  for (PointerSet& set : world.sets) {
+  for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
+    PointerSet& set = world.sets[i];
     set.java_pointers.clear();
     set.unwind_frames.clear();
     if (random() % 8 != 0) continue;
