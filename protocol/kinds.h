@@ -25,7 +25,8 @@ struct Kind {
   const char* switch_line;     ///< log line after on and pause; "true" or "false" follows
   bool always_selects;         ///< whether each of its commands sets `mem_track_type`, or only on
   std::string_view library;    ///< the only library it is hooked in; empty: any
-  std::string_view functions;  ///< separated by kNameSeparator
+  std::string_view functions;  ///< that can be hooked, separated by kNameSeparator
+  std::string_view defaults;   ///< those of `functions` that are hooked unless others are named
 
   constexpr std::uint64_t On() const { return std::uint64_t{1} << first_bit; }
   constexpr std::uint64_t Pause() const { return On() << 1; }
@@ -54,11 +55,12 @@ struct Kind {
 /// on, pause, stop and report, clear. Callbacks run after the first row, the commands for file
 /// descriptors after the second.
 inline constexpr Kind kKinds[] = {
-    {NATIVE, "native", "blocks of the heap", 4, "set hook to:", true, "", ""},
+    {NATIVE, "native", "blocks of the heap", 4, "set hook to:", true, "", "", ""},
     {MMAP, "mmap", "anonymous mappings", 8, "set mmaphook to:", true, "",
-     "mmap,mmap64,__mmap2,mremap,munmap"},
-    {ION, "ion", "DMA-heap buffers", 12, "set ionhook to:", false, "libdmabufheap.so", "ioctl"},
-    {GPU, "gpu", "KGSL buffers", 16, "set gpuhook to:", false, "libgsl.so", "ioctl"},
+     "mmap,mmap64,__mmap2,mremap,munmap", "mmap,mmap64,munmap,mremap"},
+    {ION, "ion", "DMA-heap buffers", 12, "set ionhook to:", false, "libdmabufheap.so", "ioctl",
+     "ioctl"},
+    {GPU, "gpu", "KGSL buffers", 16, "set gpuhook to:", false, "libgsl.so", "ioctl", "ioctl"},
 };
 
 constexpr const Kind& KindOf(MemTrackType type) {

@@ -7,6 +7,7 @@
 #include <async_safe/log.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
 
 #include "platform/android_api/log_format.h"

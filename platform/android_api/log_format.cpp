@@ -2,6 +2,7 @@
 // A subset of printf for code that runs in signal handlers and inside the allocator.
 #include "platform/android_api/log_format.h"
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 

@@ -118,6 +118,9 @@ bool ExtendOwnStack(std::uint64_t address, Pages& known) {
 }  // namespace
 
 void PrepareReadableStack() {
+  // The tracker may be initialized again.
+  static std::atomic<bool> prepared{false};
+  if (prepared.exchange(true)) return;
   if (!CreateKey(g_own_stack) || !CreateKey(g_own_limit) || !CreateKey(g_other_stack)) return;
   if (gettid() == getpid()) {
     // The kernel puts these bytes above the first frame.

@@ -155,10 +155,8 @@ void PrintHooked(const HookPlan& plan, const HookOutcome& outcome) {
   PrintPairs("memleak: not hooked: ", missing, std::cerr);
 }
 
-int StartHooking(const OnOptions& options, const HookNames& names) {
+int StartHooking(const OnOptions& options, const ProcessInfo& process, const HookNames& names) {
   const Kind& kind = *options.kind;
-  const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, kind);
   const ProcessMemory memory(process.pid);
   const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
   const HookPlan plan = PlanFor(
@@ -197,10 +195,10 @@ int StartHooking(const OnOptions& options, const HookNames& names) {
 }  // namespace
 
 int StartRecording(const OnOptions& options) {
-  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
-  if (!options.kind->IsNative()) return StartHooking(options, names);
   const ProcessInfo process = RequireTracked(options.pid);
   RefuseBeside(process, *options.kind);
+  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
+  if (!options.kind->IsNative()) return StartHooking(options, process, names);
   const BacktraceSettings settings = ApplySettings(process, options);
   SendCommand(
       process, StartWord(options),

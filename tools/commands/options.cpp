@@ -42,8 +42,8 @@ void AddHookNames(CLI::App* command, std::string* libraries, std::string* functi
           ->option_text("NAME,..."));
   ExpectNames(command
                   ->add_option("--func", *functions,
-                               "Functions to hook in them (default: all\n"
-                               "functions of the kind)")
+                               "Functions to hook (default for mmap:\n" +
+                                   std::string(protocol::KindOf(protocol::MMAP).defaults) + ")")
                   ->option_text("NAME,..."));
 }
 

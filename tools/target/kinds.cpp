@@ -145,7 +145,7 @@ HookNames NamesFor(const Kind& kind, const std::string& libraries, const std::st
                     "name the libraries to hook; memleak libs PID lists them");
   }
   return {ParseNames("--lib", wanted),
-          functions.empty() ? FunctionsOf(kind) : ParseNames("--func", functions)};
+          ParseNames("--func", functions.empty() ? kind.defaults : functions)};
 }
 
 std::string WithHooks(const std::string& properties, const HookNames& names) {

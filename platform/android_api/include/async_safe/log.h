@@ -8,8 +8,6 @@
 
 #include <android/log.h>
 
-#include <cstdarg>
-
 extern "C" {
 
 /// Formats one line and writes it under `tag`. `priority` is an ANDROID_LOG_ constant. On Linux the
