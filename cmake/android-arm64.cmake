@@ -2,9 +2,9 @@
 # Toolchain for Android on 64-bit Arm, API level 29, with the public NDK or with its sysroot.
 #
 # ANDROID_NDK: the root of an NDK. Uses its toolchain file and compiler.
-# ANDROID_SYSROOT: a directory with Android's headers and libraries, in an NDK
-#   toolchains/llvm/prebuilt/HOST/sysroot. Uses clang and lld of the host. The compiler runtime comes
-#   from ANDROID_NDK or from the parent directory of the sysroot.
+# ANDROID_SYSROOT: a directory with Android's headers and libraries. In an NDK it is
+#   toolchains/llvm/prebuilt/HOST/sysroot. Uses the host's clang and lld. The compiler runtime
+#   comes from ANDROID_NDK or from the parent directory of the sysroot.
 # Set one of them with -D or in the environment.
 include(${CMAKE_CURRENT_LIST_DIR}/android-place.cmake)
 if(NOT ANDROID_SYSROOT)
@@ -28,7 +28,7 @@ set(CMAKE_SYSROOT "${ANDROID_SYSROOT}")
 # Compiler checks do not link.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-# The compiler searches the sysroot itself. Nothing may come from the host.
+# The compiler searches the sysroot itself. CMake must not find libraries of the host.
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
@@ -48,7 +48,7 @@ foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-android29)
 endforeach()
 set(CMAKE_CXX_FLAGS_INIT -stdlib=libc++)
-# Only the linker uses this resource directory. The compiler needs the headers of its own.
+# Only the linker uses this resource directory. The compiler needs its own headers.
 foreach(kind EXE SHARED MODULE)
   string(CONCAT CMAKE_${kind}_LINKER_FLAGS_INIT "-static-libstdc++ -fuse-ld=lld -Wl,--no-undefined "
     "-rtlib=compiler-rt -unwindlib=libunwind -resource-dir=\"${MEMLEAK_ANDROID_RUNTIME}\"")

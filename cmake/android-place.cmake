@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Finds Android's headers, libraries and compiler runtime: ANDROID_NDK or ANDROID_SYSROOT, set with -D
-# or in the environment. Stops the configuration if something is missing. Messages start with a blank
-# because CMake wraps the others.
+# Finds Android's headers, libraries and compiler runtime: ANDROID_NDK or ANDROID_SYSROOT, set with
+# -D or in the environment. Stops the configuration if something is missing. Messages start with a
+# blank because CMake wraps the others.
 foreach(place ANDROID_NDK ANDROID_SYSROOT)
   if(NOT ${place} AND NOT "$ENV{${place}}" STREQUAL "")
     # Cached: the environment may be different when the build tree reconfigures itself.
@@ -18,8 +18,8 @@ elseif(ANDROID_SYSROOT AND NOT EXISTS "${ANDROID_SYSROOT}/usr/include")
   message(FATAL_ERROR " ANDROID_SYSROOT is '${ANDROID_SYSROOT}', which has no usr/include: set it to a directory with Android's headers and libraries.")
 endif()
 
-# MEMLEAK_ANDROID_RUNTIME: the resource directory of the NDK's compiler, for another compiler. It has
-# builtins and unwinder since NDK r23, which dropped libgcc.
+# MEMLEAK_ANDROID_RUNTIME: the resource directory of the NDK's compiler, for another compiler. Since
+# NDK r23, which dropped libgcc, it contains the builtins and the unwinder.
 if(ANDROID_SYSROOT)
   set(toolchain "${ANDROID_SYSROOT}/..")
   if(ANDROID_NDK)

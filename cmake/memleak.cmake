@@ -22,7 +22,7 @@ target_include_directories(memleak_options INTERFACE
   ${CMAKE_SOURCE_DIR}/arch/${MEMLEAK_ARCH}/include)
 # Log lines contain paths relative to the source tree.
 target_compile_options(memleak_options INTERFACE -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
-# The tracker walks frame pointers, and profilers of the tracker do.
+# The tracker walks frame pointers. Profilers of the tracker do too.
 target_compile_options(memleak_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion
   -fno-omit-frame-pointer)
@@ -39,7 +39,7 @@ endif()
 # Flags of all code that runs inside a watched process.
 add_library(memleak_library_options INTERFACE)
 target_link_libraries(memleak_library_options INTERFACE memleak_options)
-# Android's headers: those that the NDK lacks, and for Linux those that it has, too.
+# Android's headers: those that the NDK lacks, and for Linux also those that the NDK has.
 set(MEMLEAK_ANDROID_API_INCLUDE ${CMAKE_SOURCE_DIR}/platform/android_api/include)
 if(NOT ANDROID)
   list(APPEND MEMLEAK_ANDROID_API_INCLUDE ${CMAKE_SOURCE_DIR}/platform/android_api/ndk_include)
@@ -48,18 +48,18 @@ target_include_directories(memleak_library_options INTERFACE ${MEMLEAK_ANDROID_A
 target_compile_options(memleak_library_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden> -fno-plt)
 
-# memleak_add_component(NAME SOURCES...): the objects of one source folder. The library links them,
-# and tests link some folders with fakes of the others.
+# memleak_add_component(NAME SOURCES...): the objects of one source folder. The library links them.
+# Tests link some folders with fakes of the others.
 function(memleak_add_component name)
   add_library(memleak_${name} OBJECT ${ARGN})
   target_link_libraries(memleak_${name} PUBLIC memleak_library_options Threads::Threads)
 endfunction()
 
-# memleak_optional(OPTION FOUND PART REASON): OPTION says whether to build PART. It defaults to FOUND,
-# which says whether the host has what PART takes; REASON says what is missing.
+# memleak_optional(OPTION FOUND PART REASON): OPTION decides whether to build PART. Its default is
+# FOUND, which is true if the host has all that PART needs. REASON names what is missing.
 macro(memleak_optional option found part reason)
   if(NOT DEFINED ${option})
-    # Not cached: the next configuration looks again.
+    # Not cached: the next configuration checks again.
     set(${option} ${found})
     if(NOT ${option})
       message(STATUS "Not building ${part}: ${reason}")

@@ -6,10 +6,10 @@ endif()
 include(GNUInstallDirs)
 
 install(TARGETS memleak RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# Nothing links with the two libraries. The controller finds them relative to its own file.
+# No program links with the two libraries. The controller finds them relative to its own file.
 install(TARGETS memleak_preload memleak_tracker LIBRARY DESTINATION lib/memleak)
 add_subdirectory(packaging)
-# The folder has the package's name. README.md refers to docs/ beside it.
+# The folder has the package's name. README.md links to docs/ beside it.
 set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/memleak-tracker)
 install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md SECURITY.md DESTINATION ${doc_dir})
 install(DIRECTORY docs DESTINATION ${doc_dir} FILES_MATCHING PATTERN "*.md" PATTERN "*.png")

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# The page that `memleak html` writes. npm's packages bundle it from web/ in the build tree, and it is
-# embedded into memleak. Cross builds and sanitizer builds are for tests and have no page by default.
+# The page that `memleak html` writes. npm packages bundle it from web/ in the build tree, and
+# memleak embeds it. Cross builds and sanitizer builds are for tests and have no page by default.
 find_program(MEMLEAK_NODE NAMES node nodejs)
 find_program(MEMLEAK_NPM npm)
 if((CMAKE_CROSSCOMPILING OR MEMLEAK_SANITIZE) AND NOT DEFINED MEMLEAK_WITH_PAGE)
@@ -13,8 +13,8 @@ endif()
 memleak_optional(MEMLEAK_WITH_PAGE ${page_tools} "the page of `memleak html`"
   "node or npm is missing (nodejs, npm)")
 
-# memleak_add_page(TARGET): adds PageShell() of tools/export/html.h, which returns the page, or "" in
-# a build without it.
+# memleak_add_page(TARGET): adds PageShell() of tools/export/html.h. It returns the page, or "" in a
+# build without it.
 function(memleak_add_page target)
   if(NOT MEMLEAK_WITH_PAGE)
     target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tools/export/no_page.cpp)

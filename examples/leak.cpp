@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Works like a small server with two leaks, and prints their true size at the end, to compare with
-// a report. Each round serves the same requests. Deterministic; one thread.
+// A small server with two leaks. At the end it prints their true size, which can be compared with a
+// report. Each round serves the same requests. Deterministic; one thread.
 
 #include <chrono>
 #include <cstdint>

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # bash completion for memleak. Reads commands, options and values from the help texts.
 
-# The rows of section $1 in the help text $2.
+# Prints the rows of section $1 in the help text $2.
 _memleak_rows() {
   sed -n "/^$1:/,/^\$/s/^  \([^ ]\)/\1/p" <<<"$2"
 }
@@ -12,7 +12,7 @@ _memleak_files() {
   compopt -o filenames 2>/dev/null
   _memleak_offer "$1"
 }
-# The processes that have the tracker loaded, as far as the user may see.
+# Prints the processes that have loaded the tracker and that the user may inspect.
 _memleak_pids() {
   local maps pids=()
   for maps in $(grep -ls libmemleak_tracker.so /proc/[0-9]*/maps 2>/dev/null); do
@@ -31,7 +31,7 @@ _memleak() {
     _memleak_offer -W "$(_memleak_rows Subcommands "$help" | cut -d ' ' -f 1) --help --version"
     return
   fi
-  # Another command line follows "--".
+  # The words after "--" are another command line.
   if [[ " ${before[*]} " == *" -- "* ]]; then
     _memleak_files -f
     return

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A directory that lasts as long as a test, and files in it.
+// A directory that exists as long as a test, and files in it.
 #pragma once
 
 #include <stdlib.h>
@@ -16,7 +16,7 @@ class TemporaryDirectory {
     path_ = mkdtemp(pattern.data());
   }
   ~TemporaryDirectory() {
-    // In a process of its own: a sanitizer cannot tell descriptors from those of an ended thread.
+    // In a child: a sanitizer confuses these descriptors with those of an ended thread.
     if (std::system(("rm -rf '" + path_ + "'").c_str()) != 0) std::abort();
   }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
@@ -29,7 +29,7 @@ class TemporaryDirectory {
     std::ofstream(Path(name), std::ios::binary) << text;
     return Path(name);
   }
-  /// What `name` holds; empty when there is no such file.
+  /// The contents of `name`; empty if the file does not exist.
   std::string Read(const std::string& name) const {
     std::ifstream file(Path(name), std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

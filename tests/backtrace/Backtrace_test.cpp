@@ -30,13 +30,13 @@ LAYER void Outer(Capture& capture) {
   KEEP_FRAME();
 }
 
-/// Keeps the test bodies' frames, which sanitizers make large, out of what is compared.
+/// Separates the compared frames from those of the test bodies, which sanitizers make large.
 LAYER void Root(Capture& capture) {
   Outer(capture);
   KEEP_FRAME();
 }
 
-/// Captures while its own frame record names `caller_frame` as its caller's.
+/// Captures while its own frame record has `caller_frame` as the caller's frame.
 LAYER __attribute__((no_sanitize("address", "undefined"))) void Forge(Capture& capture,
                                                                       std::uint64_t caller_frame) {
   auto* record = static_cast<volatile arch::FrameRecord*>(__builtin_frame_address(0));
@@ -58,7 +58,7 @@ std::vector<std::uint64_t> Frames(const Capture& capture) {
   return {frames, frames + capture.count};
 }
 
-/// What the functions on the way in saw themselves, innermost first.
+/// The return addresses that the functions recorded on the way in, innermost first.
 std::vector<std::uint64_t> ExpectedFrames(const Capture& capture) {
   std::vector<std::uint64_t> expected(capture.return_addresses.rbegin(),
                                       capture.return_addresses.rend());
@@ -80,7 +80,7 @@ class CaptureTest : public testing::TestWithParam<const char*> {
   }
 };
 
-TEST_P(CaptureTest, YieldsTheProgramsFunctionsFromTheEntrysCallerOutward) {
+TEST_P(CaptureTest, StartsAtTheCallerOfTheEntry) {
   for (const std::size_t max_frames : {0, 1, 4}) {
     Capture capture;
     capture.max_frames = max_frames;
@@ -104,7 +104,7 @@ TEST_P(CaptureTest, YieldsTheProgramsFunctionsFromTheEntrysCallerOutward) {
 
 INSTANTIATE_TEST_SUITE_P(BothMethods, CaptureTest, testing::Values("0", "1"));
 
-TEST(FramePointerWalkTest, TestsBothEndsOfItsRange) {
+TEST(FramePointerWalkTest, ChecksBothEndsOfItsRange) {
   alignas(16) arch::FrameRecord area[512] = {};
   Capture capture;
   capture.max_frames = 10;
@@ -122,7 +122,7 @@ TEST(FramePointerWalkTest, TestsBothEndsOfItsRange) {
   EXPECT_EQ(capture.count, 2U);
 }
 
-TEST(FramePointerWalkTest, AChainInACircleEndsAtTheCaptureLimit) {
+TEST(FramePointerWalkTest, CircularChainEndsAtTheCaptureLimit) {
   Capture capture;
   capture.max_frames = 10;
   Forge(capture, 0);
@@ -131,7 +131,7 @@ TEST(FramePointerWalkTest, AChainInACircleEndsAtTheCaptureLimit) {
   EXPECT_EQ(capture.count, CaptureLimit());
 }
 
-TEST(BacktraceSettings, HoldUntilAPropertySaysOtherwise) {
+TEST(BacktraceSettings, KeepTheirValuesUntilAPropertyChangesThem) {
   EXPECT_EQ(CaptureTypeFromProp(), '0');
   EXPECT_EQ(CaptureLimit(), 256U);
   EXPECT_EQ(CaptureSize(), 10U);
@@ -144,7 +144,7 @@ TEST(BacktraceSettings, HoldUntilAPropertySaysOtherwise) {
   Root(capture);
   EXPECT_EQ(capture.count, 0U) << "the unwinder has not been started";
   EXPECT_TRUE(fakes::LogLines().empty());
-  // An invalid type is stored, and every capture says so.
+  // An invalid type is stored, and every capture logs it.
   UseType("2x");
   Root(capture);
   Root(capture);

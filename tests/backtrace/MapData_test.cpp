@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the map index rejects and notes. Its lookups have a model in tests/fuzz/maps_fuzz.cpp.
+// Lines that the map index rejects, and libraries that it marks. tests/fuzz/maps_fuzz.cpp tests the
+// lookups against a model.
 #include "backtrace/MapData.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +21,7 @@ class MapDataTest : public testing::Test {
   void TearDown() override { unlink(path_.c_str()); }
 
   void Write(const std::string& text) const { std::ofstream(path_) << text; }
-  /// The name that `pc` is found under, with its relative pc.
+  /// The name and the relative pc that the index returns for `pc`.
   std::string Place(std::uintptr_t pc, MapData& maps) const {
     std::uintptr_t rel_pc = 0;
     const MapEntry* entry = maps.Find(pc, &rel_pc);
@@ -55,9 +56,9 @@ TEST_F(MapDataTest, RejectsPcsOfTheWrongWidth) {
   EXPECT_EQ(Place(0x401000, wide), "/low+" + std::to_string(0x400000));  // not position-independent
 }
 
-TEST_F(MapDataTest, ReadingEndsAtALineThatIsNone) {
+TEST_F(MapDataTest, ReadingEndsAtAnInvalidLine) {
   EXPECT_FALSE(maps_.ReadMaps(false));  // no file
-  // The tail of a line beyond 1023 characters is read as a line of its own.
+  // The rest of a line after 1023 characters is read as a new line.
   const std::string head = "10000000-10001000 r-xp 00000000 00:00 0 ";
   const std::string next = "10001000-10002000 r-xp 00000000 00:00 0 /next\n";
   const std::string fits(1023 - head.size() - 1, 'x');
@@ -74,7 +75,7 @@ TEST_F(MapDataTest, ReadingEndsAtALineThatIsNone) {
   EXPECT_EQ(fakes::LogLines(), Lines({kNotFound}));
 }
 
-TEST_F(MapDataTest, NotesTheCodeOfTheJavaNativeLibraries) {
+TEST_F(MapDataTest, MarksTheCodeOfTheJavaNativeLibraries) {
   const std::string hwui = "r-xp 00000000 00:00 0 /system/lib64/libhwui.so\n";
   Write("10000000-10001000 " + hwui + "10001000-10002000 " + hwui +
         "10002000-10003000 r--p 00000000 00:00 0 /apex/com.android.i18n/lib64/libicuuc.so\n"
@@ -84,7 +85,7 @@ TEST_F(MapDataTest, NotesTheCodeOfTheJavaNativeLibraries) {
         "10006000-10007000 r-xp 00000000 00:00 0 /after\n");
   EXPECT_TRUE(maps_.ReadMaps(true));
   EXPECT_EQ(JavaLibs(), 3U);
-  EXPECT_EQ(Entries(), 6U);  // "/after" is not read any more
+  EXPECT_EQ(Entries(), 6U);  // "/after" comes after the end of reading
   EXPECT_TRUE(maps_.ReadMaps(false));
   EXPECT_EQ(JavaLibs(), 3U);
   EXPECT_EQ(Entries(), 7U);

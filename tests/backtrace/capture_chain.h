@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The three layers through which the tracker captures, and what a test needs to call them from
-// outside: this is a library of its own, as the tracker is.
+// The three layers through which the tracker captures, and what a test needs to call them. Like the
+// tracker this is a library of its own.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +10,13 @@
 #include "tests/backtrace/fakes.h"
 
 struct Capture {
-  // On the heap: a large frame in between would end the walk.
+  // On the heap: a large frame between the others would end the walk.
   std::vector<std::uint64_t> frames = std::vector<std::uint64_t>(2048);
   std::size_t max_frames = 0;
   std::size_t count = 0;
   /// The frame pointer from which the walk starts.
   std::uint64_t base = 0;
-  /// Return addresses of the functions that were passed on the way in, outermost first.
+  /// Return addresses of the functions on the way in, outermost first.
   std::vector<std::uint64_t> return_addresses;
 
   __attribute__((always_inline)) void NoteCaller() {
@@ -25,11 +25,11 @@ struct Capture {
   }
 };
 
-/// Keeps the call before it from becoming a jump, which would drop the caller's frame.
+/// Prevents the compiler from turning the call before it into a jump, which has no frame.
 #define KEEP_FRAME() __asm__ volatile("" ::: "memory")
 
 extern "C" {
-/// Stands for an exported allocator entry.
+/// Replaces an exported allocator entry.
 TEST_EXPORT void CaptureEntry(Capture& capture);
 
 TEST_EXPORT void CaptureStartup();

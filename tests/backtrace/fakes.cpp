@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stand-ins for the logger and the properties; the linker redirects the calls here.
+// Fakes of the logger and the properties. The linker redirects the calls here.
 #include "tests/backtrace/fakes.h"
 
 #include <cstdarg>
@@ -34,7 +34,7 @@ int __wrap_async_safe_format_log(int priority, const char* tag, const char* form
   char text[256];
   std::va_list arguments;
   va_start(arguments, format);
-  // The analyzer takes it for uninitialized in a C++ variadic function.
+  // The analyzer considers it uninitialized in a C++ variadic function.
   const int length = std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   fakes::LogLines().push_back(std::to_string(priority) + " " + tag + ": " + text);

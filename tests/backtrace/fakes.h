@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stand-ins for the logger and the properties, for the tests of this folder. One thread.
+// Fakes of the logger and the properties, for the tests of this folder. One thread.
 #pragma once
 
 #include <string>

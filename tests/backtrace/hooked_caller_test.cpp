@@ -39,14 +39,14 @@ std::uint64_t CallerOf(const arch::FrameRecord& record) {
   return arch::StripReturnAddress(record.return_address) - arch::kCallSiteAdjustment;
 }
 
-/// Captures far below the caller.
+/// Captures many frames below the caller.
 __attribute__((noinline)) std::vector<std::uint64_t> CaptureFar(std::size_t max_frames) {
   char large[100'000];
   __asm__ volatile("" : : "r"(large) : "memory");
   return Capture(max_frames);
 }
 
-/// A hooked caller whose own caller has a frame pointer, too.
+/// A hooked caller whose own caller also has a frame pointer.
 __attribute__((noinline)) void CallHooked() {
   const auto* own = static_cast<arch::FrameRecord*>(__builtin_frame_address(0));
   call = {1, 0x12345, reinterpret_cast<std::uintptr_t>(own)};
@@ -55,13 +55,13 @@ __attribute__((noinline)) void CallHooked() {
   EXPECT_EQ(CaptureFar(0).size(), 0U);
 }
 
-TEST(HookedCaller, ComesFirstAsItIsAndNoLevelIsSkipped) {
+TEST(HookedCaller, ComesFirstAndNoFrameIsSkipped) {
   is_plt_hook = true;
   CallHooked();
-  __asm__ volatile("");  // no jump: this function's own frame must be there
+  __asm__ volatile("");  // the call must not become a jump, which has no frame
 }
 
-TEST(HookedCaller, WithoutAFramePointerIsAllThatIsKnown) {
+TEST(HookedCaller, WithoutAFramePointerIsTheOnlyFrame) {
   is_plt_hook = true;
   char local = 0;
   static const char kElsewhere = 0;
@@ -76,7 +76,7 @@ TEST(HookedCaller, WithoutAFramePointerIsAllThatIsKnown) {
   EXPECT_TRUE(Capture(10).empty());
 }
 
-TEST(HookedCaller, MissingGivesALogLineAndNoFrames) {
+TEST(HookedCaller, IfMissingLogsALineAndRecordsNoFrames) {
   is_plt_hook = true;
   call = {0, 0, 0};
   fakes::LogLines().clear();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stacks that are hard to capture, in a program that the loader records. One case an invocation,
-// named by the first argument. Ends with 0 when the case holds.
+// Stacks that are hard to capture, in a program that runs under the loader. The first argument
+// names the case. Exit code 0 if the case passes.
 #include <dlfcn.h>
 #include <errno.h>
 #include <signal.h>
@@ -34,7 +34,7 @@ using Make = void* (*)(std::size_t);
 
 extern "C" bool MapOnce();
 
-/// Below every frame that is compared.
+/// The outermost of the compared frames.
 NAMED_FUNCTION void* CallLibrary(Make make, std::size_t size) {
   void* block = make(size);
   __asm__ volatile("" : "+r"(block) : : "memory");
@@ -52,7 +52,8 @@ FramesOf FindFramesOf() {
   return reinterpret_cast<FramesOf>(dlsym(tracker, "track_malloc_backtrace"));
 }
 
-/// The recorded stack of `block` begins with the frames that it had, all but the last in `library`.
+/// The recorded stack of `block` starts with the expected frames. All but the last are in
+/// `library`.
 void CheckFrames(FramesOf frames_of, void* block, const std::vector<std::string>& expected,
                  const std::string& library) {
   std::uintptr_t frames[16] = {};
@@ -86,8 +87,7 @@ void LoadAndUnload(unsigned seed) {
   }
 }
 
-/// Threads run libraries that come and go, for some seconds, while children are forked that
-/// allocate.
+/// Threads load, call and unload libraries for some seconds. Meanwhile forked children allocate.
 int Libraries(int children, int seconds) {
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < 4; ++i) threads.emplace_back(LoadAndUnload, i);
@@ -111,7 +111,7 @@ int Libraries(int children, int seconds) {
   return 0;
 }
 
-/// A stack with nothing readable at either end.
+/// A stack between two pages that cannot be read.
 class Stack {
  public:
   explicit Stack(std::size_t bytes) : bytes_((bytes + kPage - 1) / kPage * kPage) {
@@ -124,7 +124,7 @@ class Stack {
   unsigned char* top() const { return low_ + bytes_; }
   std::size_t bytes() const { return bytes_; }
   void Paint() const { memset(low_, kPaint, bytes_); }
-  /// How many bytes below `from` have been written to since.
+  /// The number of bytes below `from` that have been written to.
   std::size_t Used(const void* from) const {
     const unsigned char* lowest = low_;
     while (*lowest == kPaint) ++lowest;
@@ -140,7 +140,7 @@ class Stack {
 const void* allocated_from;
 ucontext_t program;
 
-/// Allocates in every size class and every way; keeps some, so that the tables grow.
+/// Allocates in every size class with every function. Keeps some blocks, so that the tables grow.
 void Allocate() {
   static int round = 0;
   static const std::size_t sizes[] = {8, 30, 40, 56, 72, 100, 1000, 5000, 300000};
@@ -151,7 +151,7 @@ void Allocate() {
   if (round % 2 == 0 || round % 9 >= 6) free(block);
 }
 
-/// Allocates on stacks as small as an allocation's need, `bound`, allows.
+/// Allocates on small stacks and checks that one allocation uses at most `bound` bytes of them.
 int SmallStacks(std::size_t bound) {
   std::size_t most = 0;
   const auto note = [&most](const Stack& stack) {
@@ -170,7 +170,7 @@ int SmallStacks(std::size_t bound) {
     CHECK(swapcontext(&program, &context) == 0);
     note(coroutine);
   }
-  // The kernel's part depends on the processor's registers.
+  // The size of the kernel's signal frame depends on the processor's registers.
   const auto frame = static_cast<std::size_t>(sysconf(_SC_MINSIGSTKSZ));
   const Stack handlers(frame + bound + 256);
   stack_t alternate{};
@@ -194,8 +194,8 @@ int SmallStacks(std::size_t bound) {
 
 }  // namespace
 
-// Calls `function` with the stack pointer at `top` and `frame` in the frame pointer, as code that
-// was compiled without frame pointers may.
+// Calls `function` with the stack pointer at `top` and `frame` in the frame pointer register. Code
+// that is compiled without frame pointers may leave any value there.
 extern "C" void CallOnStack(void (*function)(), void* top, void* frame);
 #if defined(__aarch64__)
 __asm__(
@@ -235,8 +235,8 @@ __asm__(
 
 namespace {
 
-/// The frame pointer leads to where the stack ends, or just before or behind that. The stack is
-/// replaced by a smaller one at the same place.
+/// The frame pointer is the end of the stack or a few bytes before or after it. Then a smaller
+/// stack replaces this one at the same place.
 int StrayFramePointers() {
   const Stack stack(9 * kPage);
   for (const std::size_t pages : {8, 4, 2}) {

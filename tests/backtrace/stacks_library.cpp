@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// One of many small libraries that come and go while stacks are captured. NUMBER tells them apart:
-// their code lies at other offsets and has frames of other sizes, so whatever is remembered of one
-// is wrong for the next that is loaded at its place.
+// One of many small libraries that are loaded and unloaded while stacks are captured. With each
+// NUMBER the code has other offsets and frames of other sizes. So cached data of one library is
+// wrong for the next one at the same address.
 #include <sys/mman.h>
 
 #include <cstddef>

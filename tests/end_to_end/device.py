@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The controller's device edition, on a device that is played in a directory.
+"""Tests of the controller for devices. The simulated device is a directory.
 
 usage: device.py CASE BIN_DIR CONTROLLER
 
-CONTROLLER is that of the desk, which starts programs and reads reports.
+CONTROLLER is the host's memleak command. It starts programs and reads reports.
 """
 
 import os
@@ -19,7 +19,8 @@ LOG = "logcat -s MemLeak.Native"
 
 class DeviceSession(hooked_kinds.HookSession):
     def device(self, command, *arguments, code=0):
-        """What the device edition prints, where the log of the process cannot be read."""
+        """Runs the controller for devices and returns its output. It cannot read the process's
+        log."""
         environment = {**os.environ, "MEMLEAK_TRACKER_ROOT": self.root}
         words = [f"{self.bin_dir}/memleak_device", *command.split(), str(self.process.pid),
                  *map(str, arguments)]
@@ -27,7 +28,7 @@ class DeviceSession(hooked_kinds.HookSession):
         assert result.returncode == code, f"{words}: {result.returncode} {result.stderr}"
         if code == 2:
             assert result.stderr.startswith("memleak: ") and result.stderr.count("\n") == 1
-        time.sleep(0.3)  # commands are carried out soon, but without an answer
+        time.sleep(0.3)  # the process does not answer commands
         return result.stdout + result.stderr
 
     def properties(self):
@@ -36,7 +37,7 @@ class DeviceSession(hooked_kinds.HookSession):
 
 
 def heap(session):
-    """Every command for the native heap, and what a person is told to do where it is refused."""
+    """Every command for the native heap. Where one is refused, the message says what to do."""
     shutil.copy(session.bin_dir + "/../lib/libfdtrack_NONE.so", session.root + "/libfdtrack.so")
     os.environ["LD_LIBRARY_PATH"] = session.root
     session.start("--unwind", "fp")
@@ -73,14 +74,14 @@ def heap(session):
     with open(session.root + "/refused", "w", encoding="utf-8"):
         text = session.device("on", "--depth", 25, code=2)
     assert "vastel.memleak.backtacemaxnum" in text and "as root: setprop" in text, text
-    session.device("on", "--depth", 24)  # set already
+    session.device("on", "--depth", 24)  # has this value already
     for words in ("run", "show"):
         assert "unknown command" in session.device(words, code=2)
     session.quit()
 
 
 def hooks(session):
-    """What could be hooked is told, and is hooked and reported, by the slots alone."""
+    """Without a log, the slots alone show what can be hooked and what is hooked."""
     session.start_mapper()
     library = "libend_to_end_mapper.so"
     assert library in session.device("libs")

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Whole runs: loader, tracker, control signal, report and reader, on programs with known leaks.
+"""End-to-end tests of loader, tracker, control signal, report and reader, on known leaks.
 
 usage: end_to_end.py CASE BIN_DIR CONTROLLER [EMULATOR]
 
 BIN_DIR holds the programs, CONTROLLER is the memleak command, EMULATOR runs programs of another
-architecture. Exit code 0 when the case holds.
+architecture. Exit code 0 if the case passes.
 """
 
 import os
@@ -44,7 +44,7 @@ class Session:
         self.process = subprocess.Popen(
             self.run_command("end_to_end_stepper", *options, root=root),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
-        self.step("alloc 1 10")  # answers only once it is up
+        self.step("alloc 1 10")  # returns when the program is ready
         self.step("free 1")
 
     def send(self, line):
@@ -68,7 +68,7 @@ class Session:
 
     def tell(self, command, *arguments, pid=None):
         out = self.memleak(command, pid or self.process.pid, *arguments)
-        time.sleep(0.3)  # commands are carried out soon, but without an answer
+        time.sleep(0.3)  # the process does not answer commands
         return out
 
     def groups(self, root=None):
@@ -82,7 +82,7 @@ class Session:
         return found
 
     def innermost(self, group, root=None):
-        """Function of the group's innermost frame, as the reader prints it."""
+        """The function of the group's innermost frame, as `show` prints it."""
         shown = self.memleak("show", root or self.root, "--top", 1000)
         wanted = f"{group.count:,} block"
         lines = shown.splitlines()
@@ -97,12 +97,12 @@ class Session:
 
 
 def kept(groups, size):
-    """Number of blocks that the stepper holds of that size."""
+    """The number of recorded blocks of this size."""
     return sum(g.count for g in groups if g.size == size)
 
 
 def known_leak(session, *options):
-    """The example's leak, from before main to exit: counts, bytes and functions."""
+    """The example's leak, recorded from before main until exit: counts, bytes and functions."""
     subprocess.run(
         session.run_command("memleak_example_leak", "--start", "--report-at-exit", *options),
         check=True, timeout=120, stdout=subprocess.DEVNULL)
@@ -124,9 +124,9 @@ def known_leak_dwarf(session):
 
 
 def from_outside(session):
-    """Recording switched on and off in a running process, twice."""
+    """Switches recording on and off twice in a running process."""
     session.start()
-    session.step("alloc 500 100")  # before recording: never seen
+    session.step("alloc 500 100")  # before recording starts: not recorded
     session.tell("on")
     session.step("alloc 1000 48")
     session.step("free 400")
@@ -135,7 +135,7 @@ def from_outside(session):
     assert (group.count, group.total) == (600, 600 * 48)
     assert "StepAllocate" in session.innermost(group)
     session.step("alloc 10 48")  # not recording
-    session.tell("on")  # with empty tables
+    session.tell("on")  # clears the tables
     session.step("alloc 7 72")
     session.tell("clear")
     session.step("alloc 9 72")
@@ -147,13 +147,13 @@ def from_outside(session):
 
 
 def pause(session):
-    """After a pause nothing new is recorded. Frees retire records until a set runs empty; this C
-    library has no blocks of 32 to 39 usable bytes, so that is after the first."""
+    """After a pause no new block is recorded. Each free removes a record until a set is empty. This
+    C library has no blocks of 32 to 39 usable bytes, so one set is empty after the first free."""
     session.start("--start")
     session.step("alloc 50 200")
     session.tell("pause")
     session.step("alloc 10 300")
-    session.step("free 10")  # of the unrecorded ones
+    session.step("free 10")  # blocks that are not recorded
     session.step("free 5")
     session.tell("report")
     groups = session.groups()
@@ -162,7 +162,7 @@ def pause(session):
 
 
 def forked_child(session):
-    """A child forked in the middle of recording has the parent's records and a report of its own."""
+    """A child is forked during recording. It has the parent's records and writes its own report."""
     session.start("--start", root=session.root + "/%p")
     session.step("alloc 20 120")
     fifo = session.root + "/fifo"
@@ -181,14 +181,14 @@ def forked_child(session):
     in_parent = session.groups(f"{session.root}/{session.process.pid}")
     assert [kept(in_child, s) for s in (120, 130, 140)] == [20, 30, 0]
     assert [kept(in_parent, s) for s in (120, 130, 140)] == [20, 0, 40]
-    # Of what fork handlers have freed and allocated, each process knows its own.
+    # Each process has recorded what its own fork handlers freed and allocated.
     assert [kept(in_child, s) for s in (7000, 7001, 7002, 7003)] == [1, 1, 0, 1]
     assert [kept(in_parent, s) for s in (7000, 7001, 7002, 7003)] == [1, 1, 1, 0]
     session.quit()
 
 
 def churn(session):
-    """Two threads allocate while every command arrives again and again; then the books balance."""
+    """Two threads allocate while commands repeat. The records are correct afterwards."""
     session.start()
     session.send("churn 2 4000")
     end = time.monotonic() + 3.5
@@ -207,8 +207,8 @@ def churn(session):
 
 
 def shortage(session):
-    """Without room for the report or descriptors for it the program lives on, the controller says
-    that there is no report, and the next report is whole."""
+    """The report file has no room, or no descriptor is free. The program continues, the controller
+    says that there is no report, and the next report is complete."""
     session.start("--start")
     pid = session.process.pid
     for limit, least in ((resource.RLIMIT_FSIZE, 100), (resource.RLIMIT_NOFILE, 3)):

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library whose fork handlers free and allocate, and whose constructor runs before the loader's:
-// they run while the forking thread holds every lock of the record store.
+// A library whose fork handlers free and allocate. Its constructor runs before the loader's, so its
+// handlers run while the forking thread holds every lock of the record store.
 #include <pthread.h>
 
 #include <cstdlib>
@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kFirst = 7000;
 void* volatile kept[3];
 
-/// The handler gives back a block of kFirst bytes and keeps one of kFirst + kSizeBeyond.
+/// The handler frees a block of kFirst bytes and allocates one of kFirst + kSizeBeyond.
 template <std::size_t kSizeBeyond>
 void Replace() {
   void* volatile& block = kept[kSizeBeyond - 1];
@@ -24,7 +24,7 @@ __attribute__((constructor)) void Register() {
 
 }  // namespace
 
-/// Allocates what the handlers give back.
+/// Allocates the blocks that the handlers free.
 extern "C" __attribute__((visibility("default"))) int fork_handlers_linked() {
   for (void* volatile& block : kept) block = std::malloc(kFirst);
   return 1;

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Whole runs of the kinds that are recorded through hooks.
+"""End-to-end tests of the kinds that are recorded through hooks.
 
 usage: hooked_kinds.py CASE BIN_DIR CONTROLLER [EMULATOR]
 """
@@ -10,7 +10,7 @@ import sys
 
 import end_to_end
 
-# Regions of known sizes; the first ones are given back again.
+# Maps regions of known sizes and unmaps the first ones.
 PYTHON = """
 import ctypes, mmap, sys
 library = ctypes.CDLL(sys.argv[1])
@@ -40,17 +40,17 @@ class HookSession(end_to_end.Session):
 
     def start_mapper(self, *options):
         self.start_program(f"{self.bin_dir}/end_to_end_mapper", options=options)
-        self.step("map 3 4096")  # never seen: answers only once the program is up
+        self.step("map 3 4096")  # not recorded; returns when the program is ready
 
     def sizes(self):
-        """What the report holds: {size: count}."""
+        """The report's blocks as {size: count}."""
         found = {}
         for group in self.groups():
             found[group.size] = found.get(group.size, 0) + group.count
         return found
 
     def marks(self, library):
-        """What `libs` says of the functions of a library: six words after its name."""
+        """The marks that `libs` prints for the functions of a library: six words after its name."""
         after = self.memleak("libs", self.process.pid).split("\n" + library)[1]
         return set(after.split()[:6]) - {"-", "other"}
 
@@ -59,12 +59,12 @@ class HookSession(end_to_end.Session):
 
 
 def mmap_python(session):
-    """An extension module that is hooked while python runs, twice; python notices nothing."""
+    """Hooks an extension module twice while python runs. The program works as before."""
     other = "libend_to_end_mapper.so"
     session.start_program("/usr/bin/python3.11", "-c", PYTHON, f"{session.bin_dir}/../lib/{other}")
     session.step("first")
     module = "mmap.cpython-311-x86_64-linux-gnu.so"
-    # The second one does not import all that the first does; nothing is wrong with that.
+    # Intentional: the second library does not import all functions of the first. This is no error.
     for library in (module, f"{module},{other}"):
         on = subprocess.run([*session.controller, "on", str(session.process.pid), "--kind", "mmap",
                              "--lib", library], capture_output=True, text=True, timeout=60)
@@ -80,7 +80,7 @@ def mmap_python(session):
 
 
 def mmap_library(session):
-    """Mappings of a library, with its caller's frames where there are frame pointers."""
+    """Mappings of a library. With frame pointers their stacks contain the caller's frames."""
     session.start_mapper()
     session.tell("on", "--kind", "mmap", "--lib", "libend_to_end_mapper.so",
                  "--func", "mmap,munmap")
@@ -91,7 +91,8 @@ def mmap_library(session):
     session.step("map 5 12288")
     session.tell("on", "--kind", "mmap", "--lib", "libend_to_end_mapper.so", "--keep")
     session.step("map 7 20480")
-    # The hooks are in twice; what is left after one report does nothing, and goes with the next.
+    # Each function is hooked twice. A report removes one hook. The other one records nothing, and
+    # the next report removes it.
     library = "libend_to_end_mapper.so"
     left = session.tell("report", "--kind", "mmap")
     assert "\nhooked  " + library in left and "Still" in left, left
@@ -109,7 +110,8 @@ def mmap_library(session):
 
 
 def devices(session):
-    """DMA-heap and GPU buffers; what the device was asked and answered is as without hooks."""
+    """DMA-heap and GPU buffers. Requests to the device and its answers are the same as without
+    hooks."""
     session.start_mapper()
     session.tell("on", "--kind", "ion")
     session.step("ion 30 4096")
@@ -130,7 +132,7 @@ def devices(session):
 
 
 def from_the_start(session):
-    """Hooked before main."""
+    """Hooks are installed before main."""
     session.start_program(
         f"{session.bin_dir}/end_to_end_mapper",
         options=("--start", "--kind", "mmap", "--lib", "libend_to_end_mapper.so"))
@@ -141,7 +143,7 @@ def from_the_start(session):
 
 
 def at_exit(session):
-    """Switched on from outside, the report made while the program ends: the hooks go with it."""
+    """Recording is switched on from outside. The report at exit also removes the hooks."""
     session.start_mapper("--report-at-exit", "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
     session.tell("on", "--kind", "mmap", "--lib", "libend_to_end_mapper.so")
     session.step("map 5 4096")
@@ -153,9 +155,9 @@ def at_exit(session):
 
 
 def sqlite(session):
-    """Natively sqlite calls its mapping functions through a table of its own, which has no slot:
-    that is said, and the command does no harm. For 64-bit Arm it has slots, too, and is hooked; it
-    maps files, which are not recorded. Either way it works on as ever."""
+    """Native sqlite calls its mapping functions through its own table and has no slot for them. The
+    command says so and changes nothing. On 64-bit Arm sqlite has slots too and is hooked. It maps
+    only files, which are not recorded. In both cases sqlite continues to work."""
     unpacked = os.environ.get("MEMLEAK_ARM64_PROGRAMS", "")
     if unpacked:
         libraries = f"{unpacked}/usr/lib/aarch64-linux-gnu:{unpacked}/lib/aarch64-linux-gnu"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leaks of known sizes: a library whose RememberSessions any program can call, and with LEAKS_MAIN
-// the program that calls all of it: it allocates in every way there is and at its end holds some of
-// that and has lost the rest. Deterministic.
+// Leaks of known sizes. As a library it exports RememberSessions, which any program can call. With
+// LEAKS_MAIN it is a program that uses every allocation function. At exit some blocks are reachable
+// and the others are lost. Deterministic.
 
 #include <cstddef>
 
@@ -53,7 +53,7 @@ void RememberSessions(std::size_t count, std::size_t bytes) {
   latest = nullptr;
 }
 
-/// Blocks that are still pointed to at the end, some of them after they have moved.
+/// Blocks that are reachable at exit. realloc has moved some of them.
 void KeepReachable() {
   std::size_t next = 0;
   kept[next++] = std::malloc(1001);
@@ -72,7 +72,7 @@ void KeepReachable() {
   kept[next++] = reallocarray(std::calloc(3, 3), 11, 13);
 }
 
-/// Blocks that nobody points to at the end, beside as many that are given back.
+/// Blocks that are not reachable at exit. As many other blocks are freed.
 void Lose() {
   for (std::size_t bytes = 1; bytes <= 500; ++bytes) {
     latest = std::malloc(bytes);
@@ -82,8 +82,8 @@ void Lose() {
   latest = nullptr;
 }
 
-/// What one thread allocates and another frees, and what the C library keeps of a thread that
-/// ended.
+/// A block that one thread allocates and another frees, and the memory that the C library keeps for
+/// an ended thread.
 void UseThread() {
   pthread_t thread = {};
   const auto allocate = [](void*) -> void* {
@@ -95,7 +95,7 @@ void UseThread() {
   std::free(block);
 }
 
-/// A block that the library frees when it is done for, after the report at exit.
+/// A block that the library's destructor frees, after the report at exit.
 void FillCache() {
   cache.block = std::malloc(2022);
 }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program that gets memory through libraries that can be hooked, as it is told on its standard
-// input, one command a line; answers "ok" when every call did what it does unhooked:
+// A program that allocates through libraries that can be hooked. Reads one command per line from
+// standard input. Answers "ok" if every call behaves as it does without hooks:
 //   map COUNT SIZE, unmap COUNT     anonymous mappings, of libmapper.so
 //   ion COUNT SIZE                  DMA-heap buffers, of libdmabufheap.so
 //   gpu COUNT SIZE, gpufree COUNT   GPU buffers, of libgsl.so
-//   other COUNT                     requests that stand for something else
-// Devices are answered by the ioctl below.
+//   other COUNT                     requests that are not recorded
+// The ioctl function below replaces the devices.
 #include <sys/mman.h>
 
 #include <cerrno>
@@ -82,7 +82,7 @@ bool FreeGpu() {
   return GpuRequest(kDevice, kGpuFree, &gpu_buffers[--gpus]) == 0;
 }
 
-/// Requests that no record stands for, and one with an argument that cannot be read.
+/// Requests that are not recorded, and one with an argument that cannot be read.
 bool Other() {
   std::uint64_t block[8] = {64, 64};
   errno = 0;
@@ -112,7 +112,7 @@ bool Obey(const char* line) {
 
 }  // namespace
 
-/// The device. Found by the libraries before the C library's.
+/// The fake device. The libraries find this function before the C library's.
 extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsigned long request,
                                                             ...) noexcept {
   std::va_list arguments;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Libraries whose calls are hooked. Built once under each name that matters: what a library may be
-// hooked for depends on it. The barriers keep the functions on the stack.
+// Libraries whose calls are hooked. This file is built once for each library name that the tracker
+// knows, because the name decides what can be hooked. The barriers keep the functions on the stack.
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Programs as people have them: what they are known to hold, read in every way a report can be.
+"""Tests with real programs: every view and export reports the known leaks.
 
 usage: real_programs.py CASE BIN_DIR CONTROLLER [EMULATOR]
 
@@ -25,7 +25,7 @@ for line in sys.stdin:
     print("ok", flush=True)
 """
 
-# Each session holds itself.
+# Each session refers to itself.
 PERL = """
 $| = 1;
 while (<STDIN>) {
@@ -34,10 +34,10 @@ while (<STDIN>) {
 }
 """
 
-# With what sqlite3 puts beside each page; its other blocks of about a page are smaller.
+# The size of a block that contains a page. sqlite3's other blocks of about a page are smaller.
 PAGE_BYTES = range(4096 + 128, 4096 + 512)
 
-# The second line is answered by the pages that the database has, all of them on the heap.
+# The second text prints the number of pages of the database. All of them are on the heap.
 SQL = ["""CREATE TABLE t(i INTEGER PRIMARY KEY, x TEXT); CREATE INDEX tx ON t(x);
 """, """WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)
   INSERT INTO t(x) SELECT printf('row %06d', i) FROM n; PRAGMA page_count;
@@ -45,25 +45,25 @@ SQL = ["""CREATE TABLE t(i INTEGER PRIMARY KEY, x TEXT); CREATE INDEX tx ON t(x)
 
 
 def figures(groups):
-    """Blocks and bytes of groups."""
+    """The number of blocks and of bytes in the groups."""
     return sum(g["count"] for g in groups), sum(g["total"] for g in groups)
 
 
 class Document:
-    """A report as `memleak export --format json` tells it."""
+    """A report as written by `memleak export --format json`."""
 
     def __init__(self, text):
         self.all = json.loads(text)
         self.groups, self.totals = self.all["groups"], self.all["totals"]
 
     def through(self, function):
-        """Groups with the function on their stack."""
+        """The groups whose stack contains the function."""
         named = {i for i, f in enumerate(self.all["frames"]) if f["function"] == function}
         return [g for g in self.groups if named.intersection(g["stack"])]
 
 
 class Session(hooked_kinds.HookSession):
-    options = ()  # where symbols are
+    options = ()  # where to find symbols
 
     def take(self, name, *options):
         self.memleak("report", self.process.pid, *options)
@@ -78,7 +78,7 @@ class Session(hooked_kinds.HookSession):
         return Document(self.read("export", report, "--format", "json"))
 
     def check_views(self, report, document, function):
-        """Every view counts all, and says the same of the function."""
+        """Every view contains all blocks and has the same figures for the function."""
         assert figures(document.groups) == (document.totals["blocks"],
                                             document.totals["listedBytes"])
         blocks, held = figures(document.through(function))
@@ -90,7 +90,7 @@ class Session(hooked_kinds.HookSession):
             "function": fr" *{row} +\S+ % .* {blocks:,}  {function}",
             "tree": fr" *{row} +\S+ % +{function}",
             "callers": fr" *{row} +\S+ % +{function}"}
-        if len(document.through(function)) > 1:  # by several ways or in several sizes
+        if len(document.through(function)) > 1:  # several call paths or sizes
             del rows["group"], rows["tree"], rows["callers"]
         for view in ("group", "library", "function", "tree", "callers"):
             text = self.read("show", report, "--by", view, "--top", 0)
@@ -103,7 +103,7 @@ class Session(hooked_kinds.HookSession):
                 assert sum(int(c.replace(",", "")) for c in counts) == document.totals["blocks"]
 
     def check_exports(self, report, document, function):
-        """What other programs read has the same sums."""
+        """The exports for other programs have the same sums."""
         known = figures(document.through(function))
         for i, by in enumerate(("count", "bytes")):
             lines = self.read("export", report, "--format", "folded", "--by", by).splitlines()
@@ -130,11 +130,11 @@ class Session(hooked_kinds.HookSession):
         assert f'string_table: "{function}"' in text
 
     def check_page(self, document, *arguments):
-        """The page holds the very document."""
+        """The page contains the same document."""
         path = self.root + "/leak.html"
         made = subprocess.run([*self.controller, "html", *arguments, *self.options, "-o", path],
                               capture_output=True, text=True, timeout=120)
-        if "has no page" in made.stderr:  # nothing to test in such a build
+        if "has no page" in made.stderr:  # this build has no page to test
             return
         assert made.returncode == 0, made.stderr
         with open(path, encoding="utf-8") as page:
@@ -143,7 +143,8 @@ class Session(hooked_kinds.HookSession):
         assert json.loads(data) == document
 
     def check_growth(self, old, new, function):
-        """What changed adds up to the totals; the function leads. Returns its groups."""
+        """The differences add up to the totals, and the function comes first. Returns its
+        groups."""
         before, after = self.document(old), self.document(new)
         diff = Document(self.read("diff", old, new, "--json"))
         grown = after.totals["bytes"] - before.totals["bytes"]
@@ -169,7 +170,7 @@ def grew(group):
 
 
 def python(session):
-    """A library that leaks, called through ctypes; python3.11 itself is at a fixed low address."""
+    """A leaking library, called through ctypes. python3.11 is loaded at a fixed low address."""
     library = f"{session.bin_dir}/../lib/libend_to_end_leaks.so"
     session.start_program("/usr/bin/python3.11", "-c", PYTHON, library,
                           options=("--start", "--depth", "60"))
@@ -188,7 +189,7 @@ def python(session):
 
 
 def perl(session):
-    """Lists that hold themselves, each with a text of its own."""
+    """Lists that refer to themselves. Each has its own text."""
     session.start_program("/usr/bin/perl", "-e", PERL, options=("--start", "--depth", "60"))
     session.step("100")
     old = session.take("old", "--keep-recording")
@@ -202,8 +203,8 @@ def perl(session):
 
 
 def database(session):
-    """A database in memory: each of its pages is a block. For arm64 on a desk without the device: its
-    files stand below --sysroot alone."""
+    """A database in memory: each page is a block. For arm64 the host has no device: its files are
+    only below --sysroot."""
     device = os.environ.get("MEMLEAK_ARM64_PROGRAMS", "")
     if device:
         programs = shutil.copytree(device, session.root + "/device", symlinks=True)

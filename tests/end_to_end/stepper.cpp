@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program that does as it is told on its standard input, one command a line, and answers "ok":
-//   alloc COUNT SIZE   makes blocks and keeps them
-//   free COUNT         frees the newest of them
-//   churn THREADS MS   threads make and free blocks meanwhile; "ok" once they are done
-//   fork FIFO          a child goes on with the commands from FIFO; answers its process id
+// A program that reads one command per line from standard input and answers "ok":
+//   alloc COUNT SIZE   allocates blocks
+//   free COUNT         frees the newest blocks
+//   churn THREADS MS   threads allocate and free blocks, then "ok"
+//   fork FIFO          a child reads commands from FIFO; answers the child's process id
 //   quit
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +17,7 @@
 
 extern "C" int fork_handlers_linked();
 
-/// The one function that allocates for "alloc"; tests look for its name. The barrier keeps it on
+/// The only function that allocates for "alloc". Tests look for its name. The barrier keeps it on
 /// the stack.
 extern "C" __attribute__((noinline, visibility("default"))) void* StepAllocate(std::size_t size) {
   void* block = std::malloc(size);

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the tracker says is held at exit, held against what valgrind says of the same program.
+"""Compares the tracker's report at exit with valgrind's for the same program.
 
 usage: valgrind.py CASE BIN_DIR CONTROLLER
 """
@@ -10,8 +10,8 @@ import subprocess
 
 import end_to_end
 
-# Without random hashes, and without the allocator that python has of its own. Perl has a copy of its
-# environment, where values differ: it says how long they are.
+# No random hashes, and malloc in place of python's own allocator. Perl copies its environment,
+# whose values differ between runs, so the script prints their length.
 ENVIRONMENT = {"PATH": "/usr/bin:/bin", "PERL_HASH_SEED": "0", "PYTHONHASHSEED": "0",
                "PYTHONMALLOC": "malloc"}
 
@@ -22,7 +22,7 @@ print length join "", values %ENV;"""
 PYTHON = """import json, os
 kept = [json.loads('{"a": [1, "two"]}') for i in range(1000)]"""
 
-# Leaves by exit with its database in memory.
+# Exits while its database is in memory.
 SQL = """CREATE TABLE t(i INTEGER PRIMARY KEY, x TEXT);
 WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 3000)
   INSERT INTO t SELECT i, printf('row %06d', i) FROM n;
@@ -39,7 +39,7 @@ def number(text):
 
 
 def sum_up(stacks):
-    """Bytes by function, of pairs of a stack and bytes; recursion counts once."""
+    """Adds up bytes by function from pairs of a stack and bytes. Recursion counts once."""
     sums = collections.Counter()
     for stack, held in stacks:
         sums.update(dict.fromkeys(stack, held))
@@ -47,8 +47,8 @@ def sum_up(stacks):
 
 
 class Session(end_to_end.Session):
-    """Either way of running a program sets `out`, what it printed, and returns what it holds at its
-    end: blocks and bytes, and the latter by function."""
+    """Runs programs with the tracker or with valgrind. Both set `out` to the program's output and
+    return the blocks and bytes at exit, and the bytes by function."""
 
     def run(self, command, text, env):
         self.out = subprocess.run(command, input=text, env=env, text=True, timeout=120,
@@ -65,7 +65,7 @@ class Session(end_to_end.Session):
 
     def valgrind(self, *command, text="", env=None):
         log = self.root + "/valgrind"
-        # The libraries' own buffers are kept to the end, as they are without valgrind.
+        # Programs keep the libraries' buffers until exit, as without valgrind.
         self.run(["valgrind", "--leak-check=full", "--show-leak-kinds=all",
                   "--run-libc-freeres=no", "--run-cxx-freeres=no", "--log-file=" + log, *command],
                  text, env)
@@ -78,25 +78,26 @@ class Session(end_to_end.Session):
 
 
 def every_way(session):
-    """Every function that allocates, blocks lost and not. docs/accuracy.md explains the differences."""
+    """Every allocation function, with reachable and lost blocks. docs/accuracy.md explains the
+    differences."""
     program = session.bin_dir + "/end_to_end_leaks"
     (blocks, held), ours = session.tracked(program)
     (their_blocks, their_held), theirs = session.valgrind(program)
     for function in ("RememberSessions", "Lose"):
         assert ours[function] == theirs[function] > 0, (function, ours, theirs)
-    rounded = 1024 - 1005  # operator new asks for a multiple of 256
+    rounded = 1024 - 1005  # operator new rounds up to a multiple of 256
     assert ours["KeepReachable"] == theirs["KeepReachable"] + rounded, (ours, theirs)
     thread = ours["UseThread"] - theirs["UseThread"]
     assert thread >= 0 and thread % 16 == 0, thread  # a slot for each library with thread-locals
-    pool = 72704  # libstdc++'s, made before recording began
+    pool = 72704  # libstdc++ allocates it before recording starts
     late = ours["FillCache"]  # freed after the report
     assert (late, theirs["FillCache"]) == (2022, 0)
     assert (blocks, held) == (their_blocks, their_held - pool + late + rounded + thread)
 
 
 def compare(session, *command, text=""):
-    """To the byte and block, with variables of the same names in both environments; their values may
-    differ, which counts where the program has a copy of them and prints their length."""
+    """Blocks and bytes are equal. Both environments have the same variables, but their values may
+    differ. A program that copies them prints their length, which is subtracted."""
     environment = dict(ENVIRONMENT)
     runs = (session.tracked, session.valgrind)
     for run in runs:

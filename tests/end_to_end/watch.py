@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Reports of a program that goes on being recorded: counts, growth and slopes are exact.
+"""Repeated reports of a recorded program: counts, growth and slopes are exact.
 
 usage: watch.py CASE BIN_DIR CONTROLLER [EMULATOR]
 """
@@ -55,13 +55,13 @@ class Session(hooked_kinds.HookSession):
 
 
 def group_of(document, size):
-    """The stepper's blocks; the thread that writes the report has some of its own."""
+    """The group of the stepper's blocks. The thread that writes the report also allocates some."""
     group, = [g for g in document["groups"] if g["size"] == size and "StepAllocate" in g["stack"]]
     return group
 
 
 def line_through(seconds, totals):
-    """Slope a minute, half-width of its 95 % interval for five points, r2."""
+    """Slope per minute, half-width of its 95 % interval for five points, r2."""
     xs = [s / 60 for s in seconds]
     x0, y0 = sum(xs) / len(xs), sum(totals) / len(totals)
     xx = sum((x - x0) ** 2 for x in xs)
@@ -76,7 +76,7 @@ def near(a, b):
 
 
 def known_growth(session):
-    """Blocks made and freed between reports: not one is missed or counted twice."""
+    """Blocks are allocated and freed between reports. Each one is counted exactly once."""
     session.start()
     session.tell("on")
     session.step("alloc 40 72")
@@ -106,7 +106,7 @@ def known_growth(session):
         with open(session.directory + "/leak.html", encoding="utf-8") as page:
             assert "StepAllocate" in page.read()
 
-    # Still recording: what was recorded leaves when it is freed, what is new enters.
+    # Still recording: freed blocks disappear, and new blocks appear.
     session.step("free 200")
     session.step("alloc 5 90")
     session.memleak("report", session.process.pid, "--keep-recording")
@@ -118,7 +118,7 @@ def known_growth(session):
 
 
 def ends(session):
-    """On an interrupt or a hangup with a last report; and with the process."""
+    """An interrupt or a hangup makes a last report. Watching also ends with the process."""
     session.start()
     session.watch("first", "--every", "1h", "--for", "0")
     session.await_report(1)
@@ -128,7 +128,7 @@ def ends(session):
     assert "recording on, earlier records kept" in out, out
     assert [v["count"] for v in group_of(document, 48)["values"]] == [0, 10], document
 
-    # A terminal that goes away takes the output with it, and may say so twice.
+    # A closed terminal also closes the output. It may send the signal twice.
     session.watch("hangup", "--every", "1h", "--for", "0")
     session.await_report(1)
     session.watching.stdout.close()
@@ -139,7 +139,7 @@ def ends(session):
     with open(session.directory + "/trend.json") as file:
         assert len(json.load(file)["reports"]) == 2
 
-    # Not a new directory; one report.
+    # A directory that exists, and a duration with room for only one report.
     session.memleak("watch", session.process.pid, "-o", session.directory, code=2)
     session.memleak("watch", session.process.pid, "-o", session.root + "/x", "--for", "9s", code=2)
     session.watch("second", "--every", "1h", "--for", "0")
@@ -158,7 +158,8 @@ def check_broken(session, words, *, code=2, reports=1):
 
 
 def interference(session):
-    """Other commands end the recording between two reports: that is said, and nothing is lost."""
+    """Other commands end the recording between two reports. The output says so, and no record is
+    lost."""
     report = session.root + "/data/log/reliability/allocations_dump"
     session.start()
     session.tell("on")
@@ -170,27 +171,27 @@ def interference(session):
         session.watch(str(number), "--every", "1h", "--for", "0")
         session.await_report(1)
         if command == "clear":
-            open(session.root + "/log", "w").close()  # as who tidies up might
+            open(session.root + "/log", "w").close()  # a user may empty the log
         session.tell(command)
-        session.step("alloc 5 48")  # recorded after the clear alone
+        session.step("alloc 5 48")  # recorded only after "clear"
         out, document = check_broken(session, words)
         assert begins in out, out
         found = [g["values"][0]["count"] for g in document["groups"] if g["size"] == 48
                  and "StepAllocate" in g["stack"]]
         assert sum(found) == count, document
-    # The other's report is still there; and after a stop one begins anew.
+    # The other report is still there. After a stop, recording starts again with empty tables.
     assert os.path.exists(report) and os.path.exists(report + ".old")
     session.watch("anew", "--every", "1h", "--for", "0")
     session.await_report(1)
     assert os.path.exists(report + ".old")
-    session.memleak("report", session.process.pid, "--keep-recording")  # does no harm
+    session.memleak("report", session.process.pid, "--keep-recording")  # has no effect on the watch
     time.sleep(1.5)
     session.quit()
     assert "tables emptied" in session.watched()[0]
 
 
 def without_log(session):
-    """What is recorded already is kept, since nothing tells that it is stale."""
+    """Existing records are kept, since nothing shows that they are out of date."""
     session.start(log=False)
     session.tell("on")
     session.step("alloc 20 48")
@@ -210,8 +211,8 @@ def without_log(session):
 
 
 def hooks(session):
-    """Commands for native memory neither end nor spoil what is recorded through hooks: the log
-    tells, or the slots."""
+    """Commands for native memory do not end or change the recording through hooks. Either the log
+    or the slots show it."""
     for session.log in (True, False):
         session.start_mapper()
         pid = session.process.pid

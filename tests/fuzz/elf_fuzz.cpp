@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: the index of one loaded library, whose tables may say anything. One thread.
+// Fuzz target: the index of a loaded library whose tables contain arbitrary data. One thread.
 //
-// A read outside the library's readable segments ends the process. Each library is indexed by the
-// rules of both dynamic linkers.
+// A read outside of the library's readable segments ends the process. Each library is indexed with
+// the rules of both dynamic linkers.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -24,7 +24,7 @@ bool IsEmpty(const elfSharedLibData& library) {
          library.elf_buckets_ == nullptr;
 }
 
-/// A library is skipped in one line; one that lacks a table may have one line more.
+/// An invalid library gets one log line. One that lacks a table may get one more line.
 void CheckLog(const elfSharedLibData& library) {
   const std::vector<std::string>& lines = LogLines();
   const bool skipped = std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
@@ -62,7 +62,7 @@ void Index(const std::vector<const char*>& names, const fuzz::ElfImage& image) {
   const elfSharedLibData library(&image.info());
   CheckLog(library);
   CheckLookups(library, names, image);
-  // The loader does not know this memory.
+  // The dynamic linker does not know this memory.
   fuzz::Require(!library, "a library that the loader does not know is not valid");
 }
 

@@ -27,7 +27,8 @@ std::uint64_t PageEnd(std::uint64_t address) {
   return PageStart(address + page_bytes - 1);
 }
 
-/// Lets the kernel read the bytes and, when asked to, write them back; past the sanitizers.
+/// Lets the kernel read the bytes and, if `write` is set, write them. The sanitizers do not check
+/// this.
 bool KernelCan(bool write, const void* address, std::size_t bytes) {
   static const MemoryFile file;
   const auto count = static_cast<long>(bytes);
@@ -130,7 +131,7 @@ bool ElfImage::Load() {
   for (const Elf64_Phdr& segment : headers_) {
     if (is_mapped(segment)) Map(segment);
   }
-  // What the pages' protection leaves open.
+  // Poisons the bytes that page protection cannot cover.
   ASAN_POISON_MEMORY_REGION(memory_, span_);
   for (const Elf64_Phdr& segment : headers_) {
     if (is_mapped(segment) && (segment.p_flags & PF_R) != 0) {
@@ -172,7 +173,7 @@ bool ElfImage::Writable(std::uint64_t address, std::size_t bytes) const {
 }
 
 void ElfImage::RelocateDynamicSection() {
-  // Of several entries with one tag glibc keeps the last.
+  // glibc uses the last of several entries with one tag.
   std::map<std::int64_t, Elf64_Dyn*> last;
   for (std::uint64_t address = dynamic_header_.p_vaddr;
        address % alignof(Elf64_Dyn) == 0 && Writable(address, sizeof(Elf64_Dyn));

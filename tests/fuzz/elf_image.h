@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A shared object as a file, and laid out in memory as the dynamic linkers do it, but for
-// relocation. Used by the index's fuzz target and its mutations; one thread.
+// A shared object as a file, and mapped into memory as by a dynamic linker, but not relocated. The
+// fuzz target of the index and its mutator use it. One thread.
 #pragma once
 
 #include <link.h>
@@ -14,8 +14,8 @@
 
 namespace fuzz {
 
-/// A view of `size` bytes at `data`, which it neither owns nor changes. Nothing of it is trusted.
-/// Owns the memory that it is loaded into.
+/// A view of `size` bytes at `data`, which it neither owns nor changes. All contents are untrusted.
+/// Owns the memory into which the object is loaded.
 class ElfImage {
  public:
   ElfImage(const std::uint8_t* data, std::size_t size);
@@ -23,7 +23,7 @@ class ElfImage {
   ElfImage(const ElfImage&) = delete;
   ElfImage& operator=(const ElfImage&) = delete;
 
-  /// The program headers; without them, as for what is no 64-bit shared object, all else is empty.
+  /// The program headers. Empty, like all else, if the file is not a 64-bit shared object.
   const std::vector<Elf64_Phdr>& headers() const { return headers_; }
   std::size_t headers_offset() const { return headers_offset_; }
   /// The entries before DT_NULL.
@@ -31,20 +31,21 @@ class ElfImage {
   std::size_t dynamic_offset() const { return dynamic_header_.p_offset; }
   /// The value of the first entry with this tag; 0 without one.
   std::uint64_t Value(std::int64_t tag) const;
-  /// Where the byte of this address is in the file; the file's size when it is not there.
+  /// The file offset of the byte at this address; the file's size if the file does not contain it.
   std::size_t FileOffset(std::uint64_t address) const;
-  /// Names of the first symbols, at most `most`; those without an end in the file are left out.
+  /// The names of the first symbols, at most `most`. Skips names that do not end in the file.
   std::vector<const char*> SymbolNames(std::size_t most) const;
 
-  /// Maps the segments in their order, a later one over an earlier one where they meet on a page:
-  /// what none makes readable cannot be read. Guard pages stand before and behind; under
-  /// AddressSanitizer the rest of a segment's last page cannot be read either. False for what a
-  /// loader would not map: no or too large segments, ones beyond the file's end, wrong alignment.
+  /// Maps the segments in order. On a shared page a later segment replaces an earlier one. Bytes
+  /// that no segment makes readable cannot be read. There are guard pages before and after. With
+  /// AddressSanitizer the rest of a segment's last page cannot be read either. Returns false if a
+  /// loader would not map the file: no segments, too large ones, segments beyond the end of the
+  /// file, or wrong alignment.
   bool Load();
   const dl_phdr_info& info() const { return info_; }
-  /// Whether all of `bytes` bytes at `address` belong to the loaded object and can be read.
+  /// Whether all of `bytes` bytes at `address` belong to the loaded object and are readable.
   bool Readable(const void* address, std::size_t bytes) const;
-  /// Makes the addresses in the dynamic section absolute, as glibc does where it can write to it.
+  /// Makes the addresses in the dynamic section absolute, as glibc does if the section is writable.
   void RelocateDynamicSection();
 
  private:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mutations of shared objects that keep what a loader looks at and damage what the index reads:
-// dynamic entries, hash tables, symbols, relocations. Called by libFuzzer and by the replay; one
-// thread. The same seed makes the same mutation everywhere.
+// Mutations of shared objects. They keep what a loader checks and damage what the index reads:
+// dynamic entries, hash tables, symbols, relocations. libFuzzer and the replay call it on one
+// thread. A seed gives the same mutation on every machine.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -15,7 +15,7 @@ constexpr std::array<std::uint64_t, 11> kTags = {DT_NULL,   DT_PLTRELSZ, DT_HASH
                                                  DT_SYMTAB, DT_RELA,     DT_REL,     DT_RELASZ,
                                                  DT_JMPREL, DT_RELSZ,    DT_GNU_HASH};
 
-/// A number in the file, which may be the tag of a dynamic entry.
+/// A number in the file. It may be the tag of a dynamic entry.
 struct Field {
   std::size_t offset, bytes;
   bool is_tag = false;
@@ -74,13 +74,13 @@ class Mutation {
     const std::uint64_t count = image_.Value(bytes) / sizeof(Elf64_Rela);
     const std::size_t entry =
         Table(table) + Below(std::max<std::uint64_t>(count, 1)) * sizeof(Elf64_Rela);
-    // The slot, or the upper half of the information, which is the symbol.
+    // The slot, or the upper half of r_info, which is the symbol.
     if (Below(2) != 0) return {entry, 8};
     return {entry + offsetof(Elf64_Rela, r_info) + 4, 4};
   }
 
-  /// What a wrong number looks like: an end, a neighbour, another table's place, a count that just
-  /// fits or just does not.
+  /// A wrong value: a limit, a value near the old one, the address of another table, or a count
+  /// that is just valid or just too large.
   std::uint64_t PickValue(std::uint64_t old) {
     constexpr std::array<std::uint64_t, 4> kUnits = {1, 4, 8, 24};
     const Elf64_Phdr& segment = Any(image_.headers());
@@ -109,7 +109,7 @@ class Mutation {
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
 
-/// libFuzzer's hook: changes the `size` bytes at `data`, which has room for `most`; returns the new
+/// libFuzzer's hook. Changes the `size` bytes at `data`, where `most` bytes fit. Returns the new
 /// size.
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t most, unsigned int seed) {

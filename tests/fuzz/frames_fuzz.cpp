@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: call-frame information that may say anything. One thread.
+// Fuzz target: call-frame information with arbitrary contents. One thread.
 //
-// The information lies between pages that cannot be read, and so does the stack: a read elsewhere
-// ends the process. What is walked is a stack of numbers, from several functions of the table on.
+// The information and the stack are each between pages that cannot be read, so a read elsewhere
+// ends the process. The stack consists of chosen numbers. The walks start at several functions of
+// the table.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -32,7 +33,7 @@ constexpr std::size_t kMostFrames = 64;
 LoadedObject g_object;
 Elf64_Phdr g_segment;
 
-/// Memory with a page behind it, and one before it, that cannot be read.
+/// Memory between two pages that cannot be read.
 class Guarded {
  public:
   explicit Guarded(std::size_t most) : most_(most), page_(Page()) {
@@ -51,7 +52,7 @@ class Guarded {
   std::uint8_t* begin_;
 };
 
-/// Numbers that lead back to the stack and to functions of the table more often than elsewhere.
+/// Fills the stack with numbers, most of which point to the stack or to functions of the table.
 void FillStack(const Guarded& stack, const std::uint64_t* functions, const Head& head) {
   auto* words = reinterpret_cast<std::uint64_t*>(stack.end() - stack.size());
   std::uint32_t state = head.numbers[0] | 1;
@@ -74,7 +75,7 @@ void Walk(std::uint64_t pc, std::uint64_t sp, std::uint64_t fp, const Head& head
   const std::size_t most = 1 + head.numbers[3] % kMostFrames;
   const std::size_t count = platform::cfi::WalkFrames(pc, sp, fp, pcs, most);
   fuzz::Require(count <= most, "a walk keeps to its limit");
-  // Now all rules are in the cache.
+  // Now the cache contains all rules.
   const std::size_t cached_count = platform::cfi::WalkFrames(pc, sp, fp, cached_pcs, most);
   fuzz::Require(std::equal(pcs, pcs + count, cached_pcs, cached_pcs + cached_count),
                 "a walk along the cache finds the same");
@@ -94,7 +95,7 @@ void Walk(std::uint64_t pc, std::uint64_t sp, std::uint64_t fp, const Head& head
 namespace platform::cfi {
 
 bool FindLoadedObject(std::uint64_t pc, LoadedObject* object) {
-  // Code lies before and behind the information.
+  // There is code before and after the information.
   if (pc - g_object.begin + kMostBytes > 3 * kMostBytes) return false;
   *object = g_object;
   return true;
@@ -120,7 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   std::uint64_t functions[kFunctions];
   for (std::size_t i = 0; i < kFunctions; ++i) {
-    // Of the sorted table, which begins 12 bytes behind the header's beginning.
+    // An entry of the sorted table, which starts 12 bytes after the start of the header.
     const std::size_t at = head.frame_header + 12 + 8 * (head.numbers[i % 4] % 64 + i);
     std::int32_t offset = 0;
     if (at + sizeof offset <= size) std::memcpy(&offset, begin + at, sizeof offset);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: the reader of the kernel's list of mappings, whose lines end in names that any
-// program may choose. One thread.
+// Fuzz target: the reader of the kernel's list of mappings. A program can choose the names at the
+// ends of the lines. One thread.
 //
-// Whatever the lines say, a mapping that is found holds the address that was asked for, and every
-// mapping that overlaps none before it is found.
+// For all input, a lookup returns the mapping that contains the address. A mapping can be looked up
+// if it overlaps no earlier one.
 
 #include <algorithm>
 #include <cinttypes>
@@ -25,7 +25,7 @@ constexpr std::size_t kPieceBytes = 1023;
 /// More mappings only make a run slower.
 constexpr std::size_t kMostRanges = 64;
 
-/// The ranges that the index is to hold, by the plainest search there is; the rest of a line that
+/// The ranges that the index must contain, found by a simple linear search. The rest of a line that
 /// is too long counts as a line.
 Ranges ExpectedRanges(std::string_view text) {
   Ranges ranges;
@@ -37,7 +37,7 @@ Ranges ExpectedRanges(std::string_view text) {
     text.remove_prefix(bytes);
     std::uint64_t start = 0;
     std::uint64_t end = 0;
-    // NOLINTNEXTLINE(cert-err34-c): the format's answer to huge numbers is wanted
+    // NOLINTNEXTLINE(cert-err34-c): intentional: sscanf's result for huge numbers
     if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64, &start, &end) < 2) break;
     if (start < end && std::none_of(ranges.begin(), ranges.end(), [&](const auto& range) {
           return range.first < end && start < range.second;
@@ -67,7 +67,7 @@ void CheckReportIndex(const std::string& path, const Ranges& ranges) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const fuzz::MemoryFile file;
-  // The report's index frees its entries only where there was recording.
+  // The report's index frees its entries only if recording was started.
   static MemTrackControl* const control = [] {
     MemTrackControl* created = MemTrackControl::CreateInstance();
     created->ConfigHookStatus(false, true);

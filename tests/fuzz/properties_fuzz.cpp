@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: the file of properties, which a user writes. One thread.
+// Fuzz target: the properties file, which a user writes. One thread.
 //
-// The reader, which sees the file through a small buffer and keeps no line whole, is held against
-// one that has all of it at once.
+// The reader uses a small buffer and never has a whole line. The target compares it with a reader
+// that has the whole file.
 #include <stdlib.h>
 #include <sys/system_properties.h>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a fuzz target without a fuzzer: over its corpus, where the faults of the past lie, and over
-// a fixed list of mutations. One process, one thread.
+// Runs a fuzz target without a fuzzer: over its corpus, which contains the inputs of past faults,
+// and over a fixed list of mutations. One process, one thread.
 //
-// Before the process dies of an input it says which one it was.
+// If an input kills the process, it prints the name of the input first.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -22,13 +22,13 @@
 #include "tests/fuzz/support.h"
 
 extern "C" {
-/// The target's own way of changing an input, where it has one.
+/// The target's own mutator, if it has one.
 std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
                                     unsigned int seed) __attribute__((weak));
-/// As in libFuzzer, for the targets' own mutators: changes some of the `size` bytes at `data`,
-/// never their number, which the room for `most` would allow.
+/// Replaces libFuzzer's function for the targets' own mutators. Changes some of the `size` bytes at
+/// `data` but never their number, although `most` bytes fit.
 std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
-/// Of the sanitizers, where the build has any.
+/// A function of the sanitizers, if the build has any.
 void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 }
 
@@ -38,7 +38,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr unsigned int kMutations = 300;
 
-std::mt19937 random_numbers;                 // of one seed, the same on every machine
+std::mt19937 random_numbers;                 // default seed: the same numbers everywhere
 std::array<char, 512> input_name{"none\n"};  // read by the handler
 
 void SayInput() {
@@ -46,7 +46,7 @@ void SayInput() {
   static_cast<void>(written);
 }
 
-/// Lets the signal end the process once the instruction runs again.
+/// Restores the signal's default action, which ends the process when the instruction runs again.
 void SayInputAndReturn(int number) {
   SayInput();
   signal(number, SIG_DFL);
@@ -56,7 +56,7 @@ std::size_t Below(std::size_t bound) {
   return random_numbers() % bound;
 }
 
-/// Changes `input` in place; `round` is the seed where the target has its own way.
+/// Changes `input` in place. `round` is the seed of the target's own mutator.
 void Mutate(Bytes& input, unsigned int round) {
   if (LLVMFuzzerCustomMutator != nullptr) {
     LLVMFuzzerCustomMutator(input.data(), input.size(), input.size(), round);
@@ -95,7 +95,7 @@ TEST(Replay, CorpusAndItsMutations) {
     const Bytes seed = Contents(file);
     ASSERT_FALSE(seed.empty()) << file;
     Bytes input = seed;
-    // The seed as it is, then short chains of changes to it.
+    // The unchanged seed, then short chains of mutations.
     for (unsigned int round = 0; round <= kMutations; ++round) {
       if (round % 4 == 1) input = seed;
       if (round != 0) Mutate(input, round);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: reading a report, which may come from another machine, and printing it. One thread.
+// Fuzz target: reads a report, which may come from another machine, and prints it. One thread.
 //
-// What was understood of a group's line, written down again, must be understood as the same; and a
-// text that does not begin as a report does is refused with one clear line.
+// A group that is read, written and read again is the same. A text that does not start like a
+// report is refused with one line.
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -37,7 +37,7 @@ std::string_view FramesOf(std::string_view line) {
   return line.substr(line.find("bt "));
 }
 
-/// Holds what is understood of each group's line against the line.
+/// Compares each group with its line in the report.
 void CheckLines(std::string_view text) {
   while (!text.empty()) {
     const std::string_view line = text.substr(0, text.find('\n'));
@@ -49,7 +49,7 @@ void CheckLines(std::string_view text) {
       continue;
     }
     const std::string written = Written(group);
-    // Zeros before a number are the one thing that is not kept.
+    // Intentional: zeros before a number are not kept.
     fuzz::Require(line.find("+0x0") != line.npos || FramesOf(written) == FramesOf(line),
                   "no frame of a line is lost");
     memleak::NativeGroup again;
@@ -58,8 +58,8 @@ void CheckLines(std::string_view text) {
   }
 }
 
-/// Prints all of the profile in every way. Libraries that the text names
-/// are opened where this machine has them.
+/// Prints the profile in every way. Libraries that it names are opened if they exist on this
+/// machine.
 void Print(const memleak::Profile& profile) {
   using memleak::View;
   for (const View view :

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the fuzz targets share: a check that ends the process, and an input behind a path.
+// Shared by the fuzz targets: a check that ends the process, and an input with a path.
 //
-// Used by every target, under libFuzzer and in the replay; one thread.
+// Every target uses it, under libFuzzer and in the replay. One thread.
 #pragma once
 
 #include <sys/mman.h>
@@ -13,19 +13,19 @@
 #include <cstdlib>
 #include <string>
 
-/// What libFuzzer and the replay call with each input (owned by the caller). Returns 0.
+/// libFuzzer and the replay call this with each input (owned by the caller). Returns 0.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace fuzz {
 
-/// Ends the process with `what` unless `holds`: the form in which a fuzzer takes a failed check.
+/// Ends the process with the message `what` unless `holds`. A fuzzer sees this as a failed check.
 inline void Require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "not so: %s\n", what);
   std::abort();
 }
 
-/// A file without a name on any disk, for readers that take a path.
+/// A file without a name on disk, for readers that take a path.
 class MemoryFile {
  public:
   MemoryFile() : file_(memfd_create("fuzz", MFD_CLOEXEC)) {
@@ -35,7 +35,7 @@ class MemoryFile {
   MemoryFile(const MemoryFile&) = delete;
   MemoryFile& operator=(const MemoryFile&) = delete;
 
-  /// Opens the file from its beginning, as long as this object lives.
+  /// A path that opens the file at its start, valid while this object exists.
   std::string Path() const { return "/proc/self/fd/" + std::to_string(file_); }
 
   int Number() const { return file_; }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library that allocates in its constructor and destructor and, where a program is linked
-// with it, starts a thread before the loader's constructor has run.
+// A library that allocates in its constructor and destructor. If a program is linked with it, it
+// also starts a thread before the loader's constructor runs.
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -38,7 +38,7 @@ __attribute__((destructor)) void Destruct() {
 
 }  // namespace
 
-/// Whether the early thread has the control signal blocked; -1 before it has run.
+/// Whether the early thread blocks the control signal; -1 before it has run.
 extern "C" int busy_library_thread_blocked() {
   return blocked_in_thread;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The control thread without the loader, under commands, reports and forks. A handler here plays
-// the tracker's. Unlike the loader itself this runs in the sanitizer builds, too.
+// The control thread without the loader, under commands, reports and forks. A handler in this file
+// replaces the tracker's. Unlike the loader, it runs in the sanitizer builds too.
 #include "host/control_thread.h"
 
 #include <errno.h>
@@ -29,8 +29,8 @@ constexpr uint64_t kSlow = 0x20'0000;
 constexpr uint64_t kReport = 0x40;
 constexpr int kLongMs = 60'000;
 
-// AddressSanitizer keeps its locks across a fork as they are. A child of a fork during the start or
-// end of a thread waits without end when it starts a thread itself. So a fork waits for these.
+// AddressSanitizer does not reset its locks at a fork. If another thread starts or ends during the
+// fork, the child deadlocks when it starts a thread. So a fork waits for those threads.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kPatienceMs = kLongMs;
 #else
@@ -40,16 +40,16 @@ constexpr int kPatienceMs = kForkPatienceMs;
 std::atomic<int> result_inside{0};
 std::atomic<uint32_t> last_parameter{0};
 constexpr uint32_t kLastParameter = 99;
-// The letters of the commands. Plain on purpose: only the control thread writes it, and RunCommand
-// or the thread's end makes it visible.
+// The letters of the commands. Intentional: not atomic. Only the control thread writes it.
+// RunCommand or the end of that thread makes it visible.
 std::string delivered;
 std::atomic<int> reports_running{0};
-// Written before on_report_set, which the handler reads first: a signal orders nothing that a
-// sanitizer could see.
+// Written before on_report_set, which the handler reads first: sanitizers do not see that a signal
+// orders memory accesses.
 std::function<void()> on_report;
 std::atomic<bool> on_report_set{false};
 
-/// Another one for each word and parameter; odd for reports.
+/// A different letter for each word and parameter; odd for reports.
 char Letter(const protocol::Command& command) {
   return static_cast<char>('A' + 2 * command.parameter % 32 + (command.word == kReport ? 0 : 1));
 }
@@ -94,16 +94,16 @@ class ControlThreadTest : public testing::Test {
   }
 };
 
-TEST_F(ControlThreadTest, WaitsForACommandNoLongerThanAsked) {
+TEST_F(ControlThreadTest, CommandsTimeOut) {
   EXPECT_EQ(RunCommand({kSlow, 0}, 20), ETIMEDOUT);
   EXPECT_FALSE(StopControlThread(20));
-  // Behind the slow one, which found out that it must not wait for itself.
+  // This command runs after the slow one. The slow one cannot wait for itself and gets EDEADLK.
   EXPECT_EQ(RunCommand({kCount, 0}, kLongMs), 0);
   EXPECT_EQ(delivered.size(), 2U);
   EXPECT_EQ(result_inside, EDEADLK);
 }
 
-/// A dump thread that works, or sleeps, for `ms` milliseconds.
+/// A dump thread that works or sleeps for `ms` milliseconds.
 void DumpFor(int ms, bool works) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   ++reports_running;
@@ -115,9 +115,10 @@ void DumpFor(int ms, bool works) {
   }).detach();
 }
 
-/// Random commands, many for reports. All are carried out in order, across stops and forks, but a
-/// report command may stand for those like it right behind it. No two reports run at once.
-TEST_F(ControlThreadTest, RunsOneReportAtATimeAndKeepsTheOrder) {
+/// Random commands, many of them for reports. All are executed in order, across stops and forks.
+/// One report command may replace equal ones that directly follow it. Two reports never run at
+/// once.
+TEST_F(ControlThreadTest, RunsCommandsInOrderAndOneReportAtATime) {
   std::mt19937 random(7);
   std::string sent;
   std::atomic<int> most{0};
@@ -144,7 +145,7 @@ TEST_F(ControlThreadTest, RunsOneReportAtATimeAndKeepsTheOrder) {
   send(kCount, kLastParameter);
   for (int i = 0; i < 10'000 && last_parameter != kLastParameter; ++i) usleep(2000);
   ASSERT_EQ(last_parameter, kLastParameter);
-  // One that is carried out together with others is done, too.
+  // A command that is merged with others is complete too.
   ASSERT_EQ(RunCommand({kReport, 1}, kLongMs), 0);
   sent += Letter({kReport, 1});
   for (int i = 0; i < 5; ++i) send(kReport, 2);
@@ -160,8 +161,8 @@ TEST_F(ControlThreadTest, RunsOneReportAtATimeAndKeepsTheOrder) {
   EXPECT_EQ(delivered, sent);
 }
 
-/// It may wait for what the forking thread holds.
-TEST_F(ControlThreadTest, AForkDoesNotWaitForAReportThatStandsStill) {
+/// The report may wait for a lock that the forking thread holds.
+TEST_F(ControlThreadTest, ForkDoesNotWaitForABlockedReport) {
   SetOnReport([] { DumpFor(3000, false); });
   ASSERT_EQ(RunCommand({kReport, 0}, kLongMs), 0);
   const auto start = std::chrono::steady_clock::now();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program that the loader's tests run with libmemleak_preload.so: one case an
-// invocation, named by the first argument. Ends with 0 when the case holds.
+// The program that the loader's tests run with libmemleak_preload.so. The first argument names the
+// case. Exit code 0 if the case passes.
 #include <dlfcn.h>
 #include <errno.h>
 #include <malloc.h>
@@ -68,7 +68,7 @@ void Churn(int rounds) {
 
 }  // namespace
 
-/// Every allocating function reaches the tracker, which records where it was called: here.
+/// Every allocation function calls the tracker, which records this function as the caller.
 extern "C" __attribute__((visibility("default"))) int Routes() {
   using Backtrace = ssize_t (*)(void*, uintptr_t*, size_t);
   const auto frames_of =
@@ -103,7 +103,8 @@ extern "C" __attribute__((visibility("default"))) int Routes() {
 
 namespace {
 
-/// A thread older than the loader's constructor leaves the signal to the control thread, too.
+/// A thread that is older than the loader's constructor also leaves the signal to the control
+/// thread.
 int Libraries() {
   while (busy_library_thread_blocked() < 0) usleep(1000);
   CHECK(busy_library_thread_blocked() == 1);
@@ -128,8 +129,8 @@ int Threads() {
   pthread_exit(nullptr);
 }
 
-/// Children, and theirs, write reports of their own, which their control threads are asked for,
-/// while threads churn, commands and reports are carried out, and another thread forks.
+/// Children and grandchildren write their own reports on request. Meanwhile threads allocate,
+/// commands and reports run, and another thread forks.
 int Fork() {
   std::thread churner(Churn, 3'000'000);
   const auto fork_often = [] {
@@ -154,7 +155,7 @@ int Fork() {
   return 0;
 }
 
-/// Commands that arrive at any moment of an exit neither kill nor hang the process.
+/// Commands that arrive at any moment of an exit neither kill nor block the process.
 int ExitStorm() {
   for (int round = 0; round < 15; ++round) {
     const pid_t child = fork();
@@ -172,7 +173,7 @@ int ExitStorm() {
   return 0;
 }
 
-/// Blocks that were made inside dlsym stay usable.
+/// Blocks that are allocated inside dlsym stay valid.
 int Nested() {
   void** blocks = static_cast<void**>(Find(NESTED_DLSYM, "nested_blocks"));
   CHECK(blocks != nullptr);
@@ -188,7 +189,7 @@ int Nested() {
   return 0;
 }
 
-/// The allocator behind the loader is another than the C library's, whose blocks are larger.
+/// Another allocator runs below the loader. Its blocks are larger than the C library's.
 int Next() {
   void* block = malloc(1);
   CHECK(malloc_usable_size(block) == 8);
@@ -196,7 +197,7 @@ int Next() {
   return Libraries() + Fork();
 }
 
-/// Loader without a tracker.
+/// The loader without a tracker.
 int Untracked() {
   Churn(10000);
   CHECK(Find("libmemleak_tracker.so", "track_malloc") == nullptr);

@@ -1,6 +1,6 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
-# The loader's dynamic symbols, and the one line on stderr for what a person got wrong.
+# The loader's dynamic symbols, and its one line on stderr for each user error.
 # Usage: misuse.sh DIR-WITH-TRACKER DIR-WITHOUT PROGRAM "runner;that;takes;NAME=VALUE"
 set -eu
 lib=$1 alone=$2 program=$3
@@ -8,7 +8,7 @@ IFS=';' read -ra run <<<"$4"
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
 
-# expect TEXT DIR CASE: the case succeeds, with just one line on stderr that holds TEXT.
+# expect TEXT DIR CASE: the case passes with one line on stderr, which contains TEXT.
 expect() {
   local errors
   errors=$("${run[@]}" "LD_PRELOAD=$2/libmemleak_preload.so" "$program" "$3" 2>&1) ||
@@ -28,7 +28,7 @@ export MEMLEAK_TRACKER_ROOT=$root
 MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 \
   expect "MEMLEAK_TRACKER_REPORT_AT_EXIT=0xb0 is not a report command" "$lib" libraries
 (
-  # No file can be written; the program need not die of that.
+  # No file can be written. The program must continue.
   ulimit -f 0
   trap '' XFSZ
   MEMLEAK_TRACKER_REPORT_AT_EXIT=0x40 \

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A dlsym that allocates, on this thread and on another, while the loader looks for the next
-// allocator. Loaded behind the loader; its blocks are kept for the program to look at.
+// allocator. Loaded after the loader. The program checks its blocks later.
 #include <dlfcn.h>
 #include <malloc.h>
 #include <pthread.h>

@@ -1,6 +1,6 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
-# Programs that were not written here do the same with the loader as without it.
+# Real programs behave the same with and without the loader.
 # Usage: real_programs.sh PRELOAD
 set -u
 preload=$1
@@ -8,7 +8,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 failed=0
 
-# same COMMAND...: same output, errors and exit code.
+# same COMMAND...: compares output, errors and exit code.
 same() {
   command -v "$1" >/dev/null ||
     { echo "missing: $1; scripts/install-packages installs it" >&2; failed=1; return; }

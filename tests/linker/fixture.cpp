@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library to index: it imports a function and defines one, and calls both through its PLT.
+// A library to index: imports one function, defines another, and calls both through its PLT.
 #include <unistd.h>
 
 extern "C" {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The index of a library against libelf's view of its file, for the libraries of this machine.
+// Compares the index of each library of this machine with libelf's view of its file.
 #include <fcntl.h>
 #include <gelf.h>
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@
 namespace lumora::linker {
 namespace {
 
-/// What libelf tells of a file.
+/// The contents of a file according to libelf.
 struct Model {
   std::vector<GElf_Phdr> headers;
   std::set<std::string> defined;
@@ -31,7 +31,7 @@ struct Model {
   std::map<std::size_t, std::vector<std::uint64_t>> slots;  // by symbol
 };
 
-/// False for what is no shared library of this architecture.
+/// Returns false if the file is not a shared library of this architecture.
 bool Read(int file, Model& model) {
   Elf* elf = elf_begin(file, ELF_C_READ_MMAP, nullptr);
   GElf_Ehdr header;
@@ -118,7 +118,7 @@ void Check(int file, const Model& model) {
   for (const std::string& line : LogLines()) {
     ASSERT_EQ(line.find("skipped"), std::string::npos) << line;
   }
-  const std::size_t step = model.names.size() / 100 + 1;  // of the largest, some
+  const std::size_t step = model.names.size() / 100 + 1;  // not all symbols of a large library
   for (std::size_t i = 1; i < model.names.size(); i += step) {
     const std::string& name = model.names[i];
     const Elf64_Sym* found = library.find_symbol_by_name(name.c_str());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The registry of loaded libraries, its names, and the fatal end of its locks.
+// The registry of loaded libraries, library names, and fatal errors of the locks.
 #include "linker/sharedlibs.h"
 
 #include <android-base/logging.h>
@@ -84,13 +84,13 @@ TEST(Names, BasenamesAndAcceptedLibraries) {
   }
 }
 
-/// Ends a process that aborts with the last log line on its error output.
+/// A handler for SIGABRT: prints the last log line and ends the process.
 void TellAndExit(int /*signal*/) {
   std::fprintf(stderr, "%s\n", LogLines().back().c_str());
   _exit(3);
 }
 
-TEST(FatalEnds, SayWhy) {
+TEST(FatalErrors, LogTheirReason) {
   const auto die = [](void (*work)()) {
     std::signal(SIGABRT, TellAndExit);
     work();
@@ -100,7 +100,7 @@ TEST(FatalEnds, SayWhy) {
   EXPECT_EXIT(die([] { LOG(FATAL) << "0x" << std::hex << std::uintptr_t{0xABC} << " the end"; }),
               testing::ExitedWithCode(3), "7 .*sharedlibs_test.cpp:[0-9]+. 0xabc the end");
 #if !defined(__SANITIZE_THREAD__)
-  // A thread that asks for a lock it holds itself is refused; the sanitizer reports it first.
+  // A thread that already holds the lock gets an error. ThreadSanitizer reports it first.
   EXPECT_EXIT(die([] {
                 static pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
                 const WriteLock outer(&lock);

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The manual page, the completion of bash, and the Debian package.
+"""Tests of the manual page, the bash completion and the Debian package.
 
 usage: packaging.py CASE SOURCE_DIR BUILD_DIR
 """

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Stacks at random places of real programs, by call-frame information and by the C++ runtime.
+"""Compares stacks at random places of real programs: call-frame information and C++ runtime.
 
 usage: sampled_programs.py PROGRAM SAMPLER [EMULATOR]
 
 PROGRAM is sqlite3, python3, cc1plus, clang or node, SAMPLER the library of stack_sampler.cpp. The
-program runs until SAMPLED_PLACES places (3000) were compared. MEMLEAK_ARM64_PROGRAMS names unpacked
-arm64 packages. Prints what was compared. Exit code 0 when all stacks are equal, 77 when the program
+program runs until SAMPLED_PLACES places (3000) are compared. MEMLEAK_ARM64_PROGRAMS names unpacked
+arm64 packages. Prints the number of places. Exit code 0 if all stacks are equal, 77 if the program
 is not installed.
 """
 
@@ -53,7 +53,7 @@ for (let n = 0; n < 40; n++) {
 }
 """
 CC1PLUS = (glob.glob("/usr/lib/gcc/x86_64-linux-gnu/*/cc1plus") or [""])[0]
-# How each program is started, and the text of the file that it works on.
+# The command line of each program, and the contents of its input file.
 PROGRAMS = {
     "sqlite3": (["/usr/bin/sqlite3", ":memory:", ".read FILE"], SQL),
     "python3": (["/usr/bin/python3.11", "FILE"], PYTHON),
@@ -91,7 +91,7 @@ def main():
             file.write(text)
         settings = {"LD_PRELOAD": sampler, "STACK_SAMPLER_RESULT": result,
                     "STACK_SAMPLER_MICROSECONDS": "5000",
-                    # clang blocks the signal of the steps.
+                    # clang blocks the signal for single steps.
                     "STACK_SAMPLER_STEPS": "0" if program == "clang" else "20"}
         places, frames, slow = 0, 0, 0
         while places < wanted:

@@ -41,8 +41,8 @@ struct RuntimeWalk {
   Stack* stack;
   std::uint64_t record;
   std::uint64_t cfa = 0;
-  /// Frames up to the last one that is on the stack. Where tables are wrong, the runtime goes on
-  /// with whatever it finds elsewhere.
+  /// Frames up to the last one that is on the stack. With wrong tables the runtime continues with
+  /// values from elsewhere.
   std::size_t count = 0;
 };
 
@@ -55,7 +55,7 @@ _Unwind_Reason_Code Take(_Unwind_Context* context, void* data) {
       static_cast<std::uint64_t>(_Unwind_GetIPInfo(context, &interrupted)));
   const auto cfa = static_cast<std::uint64_t>(_Unwind_GetCFA(context));
   if (pc == 0) return _URC_END_OF_STACK;
-  // The functions of the comparison lie below the record.
+  // The functions of the comparison are below the record.
   if (stack.count == 0 && cfa <= walk->record) return _URC_NO_REASON;
   stack.pcs[stack.count++] = interrupted != 0 ? pc : pc - arch::kCallSiteAdjustment;
   if (walk->count == 0 || interrupted != 0 || cfa - walk->cfa < kLargestStep) {

@@ -13,23 +13,23 @@
 namespace comparison {
 
 struct Totals {
-  std::uint64_t places = 0;  // stacks that were compared
+  std::uint64_t places = 0;  // compared stacks
   std::uint64_t frames = 0;
-  std::uint64_t differing = 0;  // places whose pcs are not equal
-  std::uint64_t shorter = 0;    // of those, where ours has a part of the runtime's
-  std::uint64_t longer = 0;     // of those, where the runtime's is a part of ours
+  std::uint64_t differing = 0;  // places with different pcs
+  std::uint64_t shorter = 0;    // of those, our stack is a part of the runtime's
+  std::uint64_t longer = 0;     // of those, the runtime's stack is a part of ours
   std::uint64_t slow_steps = 0;
 };
 
-/// Makes the runtime's unwinder ready for signal handlers. Once, before the first comparison.
+/// Prepares the runtime's unwinder for signal handlers. Call it once, before the first comparison.
 void Prepare();
 
-/// Whether `pc` lies in the runtime's unwinder. While it lands an exception it rewrites its own
-/// frame: then nobody can walk the stack, and it crashes when it tries.
+/// Whether `pc` is in the runtime's unwinder. While that enters an exception handler it changes its
+/// own frame. Walking such a stack fails, and the unwinder itself crashes.
 bool IsInRuntime(std::uint64_t pc);
 
-/// Compares both stacks from the caller of the calling function outward. The first differences are
-/// kept as text.
+/// Compares both stacks from the caller of the calling function outward. Keeps the first
+/// differences as text.
 void Compare();
 
 Totals Result();

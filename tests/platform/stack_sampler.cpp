@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library to be preloaded: interrupts the program's threads at random places and compares the
-// stacks there by both unwinders. At the program's end it adds a line to the file named by
-// STACK_SAMPLER_RESULT, and the first differences.
+// A library to preload: interrupts the program's threads at random places and compares the stacks
+// of both unwinders. When the program exits, appends a line and the first differences to the file
+// STACK_SAMPLER_RESULT.
 //
 // STACK_SAMPLER_MICROSECONDS is the time between interruptions (100). On x86-64 each is followed by
 // STACK_SAMPLER_STEPS (0) single steps, all of which are compared; they stop before a system call.
@@ -42,8 +42,8 @@ bool IsAtSystemCall(const ucontext_t* context) {
   return code[0] == 0x0f && code[1] == 0x05;
 }
 
-/// Goes on step by step, or no longer. The flags that the program saves have the trap flag, too: it
-/// is taken for the program's own when it comes back, and steps go on for the thread's lifetime.
+/// Starts or stops single steps. If the program saves its flags during a step, they contain the
+/// trap flag. When the program restores them, the steps continue until the thread ends.
 void SetStepping(ucontext_t* context) {
   greg_t& flags = context->uc_mcontext.gregs[REG_EFL];
   flags &= ~kTrapFlag;
@@ -63,7 +63,7 @@ void OnTimer(int /*signal*/, siginfo_t* /*info*/, void* context) {
   t_steps_left = g_steps;
   SetStepping(static_cast<ucontext_t*>(context));
 #else
-  // The comparison needs this function's frame: no call may be a jump.
+  // The comparison needs this function's frame, so the call must not become a jump.
   __asm__ volatile("" : : "r"(context));
 #endif
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walks the stack at every single instruction of code whose stacks are hard to walk, and compares
+// Walks the stack at every instruction of code whose stacks are hard to walk. Compares the result
 // with the C++ runtime's unwinder.
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr greg_t kTrapFlag = 0x100;
 
-/// A trap while its signal is blocked ends the process.
+/// A trap ends the process if its signal is blocked.
 bool IsAboutToBlockSignals(const ucontext_t& context) {
   const greg_t* registers = context.uc_mcontext.gregs;
   const auto* code = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
@@ -36,7 +36,7 @@ void SetTrapFlag(bool on) {
 
 class Stepping : public testing::TestWithParam<int> {};
 
-TEST_P(Stepping, EveryInstructionHasTheStackThatTheRuntimeSees) {
+TEST_P(Stepping, MatchesTheRuntimeAtEveryInstruction) {
   comparison::Prepare();
   struct sigaction action {};
   action.sa_sigaction = OnStep;

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-// Keeps a call from becoming a jump, and what is given to it from being known.
+// Prevents a call from becoming a jump, and hides the value from the optimizer.
 #define KEEP(value) __asm__ volatile("" : "+r"(value) : : "memory")
 #define FUNCTION __attribute__((noinline, noclone))
 
@@ -54,8 +54,8 @@ FUNCTION int LargeFrame() {
   return Leaf(memory[0]);
 }
 
-/// The stack pointer is aligned when the function begins, and the caller's frame is only known from
-/// a saved word.
+/// The function aligns the stack pointer at its start. Only a saved word contains the caller's
+/// frame.
 FUNCTION int AlignedFrame(int value) {
   alignas(128) volatile int memory[32];
   memory[value & 31] = SavesRegisters(value, 1, 2);
@@ -74,7 +74,7 @@ FUNCTION __attribute__((cold)) void Cold(int value) {
   g_sink += SavesRegisters(value, value, value);
 }
 
-/// Its unlikely part is placed apart, with an entry of its own.
+/// The compiler moves the unlikely part elsewhere. That part has its own table entry.
 FUNCTION int SplitFunction(int value) {
   std::string text(static_cast<std::size_t>(value), 'x');
   if (__builtin_expect(value > 20, 0)) {
@@ -97,7 +97,7 @@ void Calls() {
             Recursion(20);
 }
 
-/// Each through the linkage table, where the first call goes through the dynamic linker.
+/// Each call goes through the linkage table. The first one goes through the dynamic linker.
 void LibraryCalls() {
   char text[64];
   g_sink += std::snprintf(text, sizeof text, "%d %s %.3f", 12345, "text", 1.5);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Code whose stacks are hard to walk, for the test that goes through it instruction by instruction.
+// Code whose stacks are hard to walk, for the test that executes it in single steps.
 //
-// Built without frame pointers. Each function runs one construct to its end on the calling thread.
+// Built without frame pointers. Each function runs one construct on the calling thread.
 #pragma once
 
 struct SteppedCode {

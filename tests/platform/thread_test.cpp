@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The lifetime of libutils' thread object, which the dump thread relies on.
+// The lifetime of libutils' thread object. The dump thread depends on it.
 //
-// Built twice, with the replacement in this tree and with libutils itself, so it uses only what
-// both have.
+// Built twice, with the replacement in this tree and with libutils itself. It uses only functions
+// that both have.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ struct Log {
   std::atomic<long> destroyed_on{0};
 };
 
-/// Never ends by itself.
+/// Runs until it is asked to end.
 class Worker : public android::Thread {
  public:
   explicit Worker(Log& log) : Thread(false), log_(log) {}

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Calls through one, two and three hooks give bit for bit what they give without.
+// Calls through one, two and three hooks have the same arguments and results as without hooks.
 //
-// Everything that a called function may overwrite is overwritten: by the hooks before and after
-// they forward, and by the functions with which a trampoline begins and ends a call.
+// The hooks overwrite all registers that a called function may change, before and after they
+// forward. So do the functions that the trampoline calls at the start and the end of a call.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -21,7 +21,7 @@ thread_local bool no_mappings = false;
 
 extern "C" void* __real_mmap(void* at, std::size_t bytes, int rights, int flags, int file,
                              off_t offset);
-// The linker sends the engine's calls here.
+// The linker redirects the engine's calls here.
 extern "C" void* __wrap_mmap(void* at, std::size_t bytes, int rights, int flags, int file,
                              off_t offset) {
   return no_mappings ? MAP_FAILED : __real_mmap(at, bytes, rights, flags, file, offset);
@@ -69,7 +69,7 @@ void* ClobberingEnd() {
   return return_address;
 }
 
-/// Has the trampoline in `slot` begin and end its calls with the above.
+/// Makes the trampoline in `slot` use the two functions above.
 void ClobberIn(void** slot) {
   auto* data = static_cast<unsigned char*>(*slot) + arch::kTrampolineCodeBytes;
   void* const functions[] = {reinterpret_cast<void*>(ClobberingBegin),
@@ -129,7 +129,7 @@ const Function kFunctions[kContractCalls] = {
 
 class Contract : public testing::TestWithParam<int> {
  protected:
-  /// What the function of this case was given, then what it gave.
+  /// The arguments of this case's function, then its result.
   std::string Run() {
     notes_->clear();
     contract_call_(GetParam());
@@ -141,7 +141,7 @@ class Contract : public testing::TestWithParam<int> {
   decltype(&contract_call) contract_call_ = library_.find<decltype(contract_call)>("contract_call");
 };
 
-TEST_P(Contract, HoldsThroughStackedHooks) {
+TEST_P(Contract, IsKeptWithStackedHooks) {
   const Function& function = kFunctions[GetParam()];
   const std::string expected = Run();
   ASSERT_GT(expected.size(), 16U);
@@ -152,7 +152,7 @@ TEST_P(Contract, HoldsThroughStackedHooks) {
   for (int level = 0; level < 3; ++level) {
     ASSERT_EQ(library_.Hook(function.hooks[level], function.name), 0);
     if (level == 0) {
-      // Without memory to note the call, it goes to the original function.
+      // Without memory for the hook stack, the call goes directly to the original function.
       std::thread([&] {
         no_mappings = true;
         EXPECT_EQ(Run(), expected);

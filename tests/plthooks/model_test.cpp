@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The hook engine beside a plain list for each slot: random hooks, unhooks and calls, on several
-// threads and from inside running hooks, while a library is loaded and unloaded.
+// Compares the hook engine with a list per slot: random hooks, unhooks and calls, on several
+// threads and inside running hooks, while a library is loaded and unloaded.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ namespace {
 constexpr int kDirectBonus = 100;
 constexpr int kDeepest = 3;
 
-/// Functions of one slot, oldest first, without the original: numbers of hooks.
+/// The hooks of one slot by number, oldest first, without the original function.
 using List = std::vector<int>;
 
 int Random(int limit) {
@@ -43,13 +43,13 @@ int (*const kHooks[])(int) = {Forward<0>, Forward<1>, Forward<2>, Forward<3>};
 constexpr int kHookCount = 4;
 
 const char* const kGuestName = "libplthooks_guest.so";
-void* guest = nullptr;  // the test's reference to it
+void* guest = nullptr;  // the test's handle
 
 struct Slot {
   const char* library;
   const char* function;
   const char* caller;
-  int added;  ///< by the original function
+  int added;  ///< by the original function to its argument
   int (*call)(int) = nullptr;
   void** address = nullptr;
   void* original = nullptr;
@@ -57,7 +57,7 @@ struct Slot {
   bool direct = false;
 
   bool IsGuest() const { return library == kGuestName; }
-  /// Looks the addresses up, which may change while a library is not loaded.
+  /// Finds the addresses again: the library may have been loaded elsewhere.
   void Find(void* handle) {
     call = reinterpret_cast<int (*)(int)>(dlsym(handle, caller));
     const auto index = linker::sharedLib(library);
@@ -77,13 +77,13 @@ struct Slot {
 
 std::vector<Slot> slots;
 
-/// A running call: what the slot's list was, and the hook that is to be entered next.
+/// A running call: the slot's list when the call began, and the index after the next hook.
 struct Running {
   List list;
   std::size_t left;
 };
 thread_local std::vector<Running> running;
-int depth = 0;  // on all threads: one of them goes on at a time
+int depth = 0;  // of all threads: only one runs at a time
 
 void Step();
 
@@ -91,20 +91,20 @@ void Enter(int hook) {
   Running& call = running.back();
   ASSERT_GT(call.left, 0U) << "a hook too many";
   EXPECT_EQ(hook, call.list[call.left - 1]);
-  // A hook that is there twice finds what stands before the first of the two.
+  // A hook that is twice in the list calls the function before its first entry.
   call.left = static_cast<std::size_t>(std::find(call.list.begin(), call.list.end(), hook) -
                                        call.list.begin());
   if (depth < kDeepest) Step();
 }
 
-/// Whether the slot's library is loaded: the test or a hook holds it.
+/// Whether the slot's library is loaded: the test or a hook keeps it.
 bool IsLoaded(const Slot& slot) {
   const auto holds = [](const Slot& each) { return each.IsGuest() && !each.list.empty(); };
   return !slot.IsGuest() || guest != nullptr || std::any_of(slots.begin(), slots.end(), holds);
 }
 
 void Call(Slot& slot) {
-  // Without the test's reference the library may go as soon as a hook does.
+  // Without the test's handle, the library may be unloaded when a hook is removed.
   if (slot.IsGuest() && guest == nullptr) return;
   running.push_back({slot.direct ? List() : slot.list, slot.direct ? 0 : slot.list.size()});
   const int expected = slot.direct ? 1000 + kDirectBonus : 1000 + slot.added;
@@ -139,7 +139,7 @@ void Unhook(Slot& slot) {
   slot.direct &= !slot.list.empty();
 }
 
-/// Gives the test's reference to the guest up, or takes it again.
+/// Closes the test's handle of the guest, or opens it again.
 void LoadOrUnload() {
   if (guest != nullptr) {
     dlclose(std::exchange(guest, nullptr));
@@ -158,7 +158,7 @@ void LoadOrUnload() {
 
 void Step() {
   if (testing::Test::HasFailure()) return;
-  // A running call may be the guest's.
+  // A running call may be in the guest.
   if (Random(8) == 0 && depth == 0) return LoadOrUnload();
   Slot& slot = slots[static_cast<std::size_t>(Random(static_cast<int>(slots.size())))];
   void (*const actions[])(Slot&) = {Hook, Unhook, Call, Call};
@@ -175,7 +175,7 @@ void Step() {
   EXPECT_EQ(hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot.address)), !slot.list.empty());
 }
 
-TEST(Engine, DoesAsListsWould) {
+TEST(Engine, MatchesTheModel) {
   const Library full;
   for (const char* library : {full.name(), kGuestName}) {
     slots.push_back({library, "calls_target", "calls_call", 1});

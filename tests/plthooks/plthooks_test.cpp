@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// From names to slots and back: what is hooked, what is refused, what pages are left like.
+// Names, slots and their addresses: what is hooked, what is refused, and the rights of pages.
 #include "plthooks/plthooks.h"
 
 #include <fcntl.h>
@@ -65,7 +65,7 @@ class Hooking : public testing::Test {
   void* original_ = library_.address("calls_target");
 };
 
-TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
+TEST_F(Hooking, CountsFailuresAndSkipsFunctionsThatAreNotImported) {
   plt_hook_spec specs[] = {Spec("calls_target", Pointer(First)), Spec("getppid", Pointer(First)),
                            Spec("calls_other", nullptr), Spec(nullptr, Pointer(First)),
                            Spec("calls_other", Pointer(Second))};
@@ -81,7 +81,7 @@ TEST_F(Hooking, CountsFailuresAndPassesOverWhatIsNotImported) {
   EXPECT_EQ(unhook_single_lib(library_.name(), specs, 2), 0);
   EXPECT_EQ(specs[0].hook_result, 2U);
 
-  // The original is nobody's hook.
+  // The original function cannot be unhooked.
   EXPECT_EQ(library_.Hook(First), 0);
   plt_hook_spec original = Spec("calls_target", original_);
   EXPECT_EQ(unhook_single_lib(library_.name(), &original, 1), 1);
@@ -99,13 +99,13 @@ TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
   EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
   EXPECT_EQ(spec.hook_result, 1U);
   EXPECT_EQ(spec.target, library_.address("calls_other"));
-  // The slot no longer holds that address: nothing is found, which is no failure.
+  // The slot no longer contains that address. No slot is found, which is not a failure.
   spec.hook_fn = Pointer(Second);
   EXPECT_EQ(hook_single_lib(library_.name(), &spec, 1), 0);
   EXPECT_EQ(spec.hook_result, 1U);
   EXPECT_EQ(library_.Unhook(First, "calls_other"), 0);
 
-  // A library that does not define the function leaves it to the name.
+  // This library does not define the function, so the engine finds the slot by name.
   plt_hook_spec elsewhere = Spec("calls_target", Pointer(First));
   elsewhere.lib_name = "libc.so.6";
   LogLines().clear();
@@ -114,7 +114,7 @@ TEST_F(Hooking, FindsSlotsByTheAddressInTheDefiningLibrary) {
 }
 
 TEST_F(Hooking, AcceptsOtherNamesOfTheFunction) {
-  // The loader knows one name for both, and their library again and again.
+  // dladdr returns one name for both functions. Hooking by either name works repeatedly.
   for (int round = 0; round < 2; ++round) {
     for (const char* function : {"calls_target", "calls_same"}) {
       EXPECT_EQ(library_.Hook(First, function), 0) << testing::PrintToString(LogLines());
@@ -131,7 +131,7 @@ TEST_F(Hooking, AcceptsOtherNamesOfTheFunction) {
 
 TEST_F(Hooking, TwoSlotsOfOneFunctionAreHookedButReported) {
   void** other = library_.slot("calls_other");
-  // Another slot's relocation takes the name, as some linkers would make two for one.
+  // Changes the relocation of another slot to this function. Some linkers create two slots for one.
   const auto index = linker::sharedLib(library_.name());
   const auto number = [&index](const char* name) {
     return static_cast<std::uint64_t>(index.find_symbol_by_name(name) - index.symtab_);
@@ -166,8 +166,8 @@ TEST_F(Hooking, RefusesASlotThatLeadsIntoNoLibrary) {
   std::free(heap);
 }
 
-/// A library without full RELRO cannot be hooked by a rule that leaves its variables read-only; no
-/// device has one.
+/// False if the platform makes the whole page read-only after a write. A library without full RELRO
+/// has its variables on that page and cannot be hooked. No device has such a library.
 bool MayBeHooked(const Library& partial) {
   return platform::ProtectionAfterWrite(PageOf(partial.slot()), kPage) != PROT_READ;
 }
@@ -209,8 +209,8 @@ TEST(Pages, KeepTheirRights) {
   EXPECT_EQ(PageOf(partial.address("calls_variable")), PageOf(partial.slot()));
 }
 
-/// A page of a file in this process, with this `content` unless it is null. The file is `bytes`
-/// long when the page is touched.
+/// Maps a page of a file with this `content`, if it is not null. Then changes the file's length to
+/// `bytes`.
 void** MapFile(int rights, off_t bytes, const void* content = nullptr) {
   char path[] = "/tmp/plthooks_test.XXXXXX";
   const int file = mkstemp(path);
@@ -228,7 +228,7 @@ void** MapFile(int rights, off_t bytes, const void* content = nullptr) {
   return static_cast<void**>(page);
 }
 
-TEST(Pages, AFailedWriteIsReported) {
+TEST(Pages, FailedWritesAreReported) {
   ASSERT_EQ(plthooks_initialize(), 0);
   EXPECT_EQ(unsafe_patch_relocation_address(MapFile(PROT_READ, kPage), &order), 5);
   EXPECT_TRUE(Logged("] unsafe_patch_relocation_address mprotect"));
@@ -238,27 +238,27 @@ TEST(Pages, AFailedWriteIsReported) {
   EXPECT_TRUE(LogLines().empty());
 }
 
-/// Puts the page at `replacement` in the place of the one that holds the slot.
+/// Moves the page at `replacement` over the page that contains the slot.
 void ReplacePage(void** slot, void** replacement) {
   ASSERT_EQ(mremap(replacement, kPage, kPage, MREMAP_MAYMOVE | MREMAP_FIXED, PageOf(slot)),
             PageOf(slot));
 }
 
-TEST_F(Hooking, ASlotThatCannotBeWrittenFailsEveryTime) {
+TEST_F(Hooking, ReadOnlySlotFailsEveryTime) {
   ReplacePage(slot_, MapFile(PROT_READ, kPage, PageOf(slot_)));
   for (int attempt = 0; attempt < 2; ++attempt) {
     EXPECT_EQ(library_.Hook(First), 1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(*slot_, original_);
   }
-  // Once it can be, the next attempt makes good.
+  // With a writable slot the next attempt succeeds.
   ReplacePage(slot_, MapFile(PROT_READ | PROT_WRITE, kPage, PageOf(slot_)));
   EXPECT_EQ(library_.Hook(Second), 0);
   EXPECT_EQ(Call(1), 2);
   EXPECT_EQ(order, "21");
 }
 
-TEST_F(Hooking, NothingIsHookedWithoutAThreadKeyThatNeverAllocates) {
+TEST_F(Hooking, FailsWithoutAThreadKeyThatNeverAllocates) {
   if (platform::ThreadKeyNeverAllocates(1000)) GTEST_SKIP() << "no such key";
   pthread_key_t key = 0;
   while (platform::ThreadKeyNeverAllocates(key)) ASSERT_EQ(pthread_key_create(&key, nullptr), 0);
@@ -270,10 +270,10 @@ TEST_F(Hooking, NothingIsHookedWithoutAThreadKeyThatNeverAllocates) {
   }
 }
 
-TEST_F(Hooking, ASlotThatCannotBePutBackEndsTheProcess) {
+TEST_F(Hooking, SlotThatCannotBeRestoredEndsTheProcess) {
   ASSERT_EQ(library_.Hook(First), 0);
   EXPECT_EXIT(ReportAbort([this] {
-                // In the place of the slot's page, its copy that nobody may write to.
+                // Replaces the slot's page by a read-only copy.
                 ReplacePage(slot_, MapFile(PROT_READ, kPage, PageOf(slot_)));
                 library_.Unhook(First);
               }),

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Hooks that come and go while threads, signal handlers and forked children call.
+// Hooks are added and removed while threads, signal handlers and forked children call.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -29,13 +29,13 @@ int Forward(int value) {
 
 class Storm : public testing::Test {
  protected:
-  /// Puts `hook` on and takes it off.
+  /// Adds `hook` and removes it.
   void ComeAndGo(int (*hook)(int)) {
     EXPECT_EQ(library_.Hook(hook), 0);
     EXPECT_EQ(library_.Unhook(hook), 0);
   }
 
-  /// Calls `until` it is enough; every answer must be the function's.
+  /// Calls the function until `until` returns true. Every result must be correct.
   template <typename Condition>
   void Call(const Condition& until) {
     int wrong = 0;
@@ -49,7 +49,7 @@ class Storm : public testing::Test {
   std::atomic<bool> stop_{false};
 };
 
-/// The library that stays, for what runs while the other one is loaded.
+/// The library that stays loaded. Code that runs while the other one is loaded uses it.
 const Library* host = nullptr;
 
 void HookWhileLoading() {
@@ -58,7 +58,7 @@ void HookWhileLoading() {
   EXPECT_EQ(unhook_plt_method(host->name(), "calls_other", hook), 0);
 }
 
-TEST_F(Storm, LibrariesComeAndGo) {
+TEST_F(Storm, LibrariesAreLoadedAndUnloaded) {
   host = &library_;
   constexpr char kGuest[] = "libplthooks_guest.so";
   auto* on_load = library_.find<decltype(calls_on_load)>("calls_on_load");
@@ -81,7 +81,7 @@ TEST_F(Storm, LibrariesComeAndGo) {
       plthooks_initialize();
       if (hook_plt_method(kGuest, "calls_target", hook) != 0) continue;
       ++guest_hooks;
-      // Hooked, it stays.
+      // A hook keeps the library loaded.
       wrong += unhook_plt_method(kGuest, "calls_target", hook);
     }
   };
@@ -90,10 +90,10 @@ TEST_F(Storm, LibrariesComeAndGo) {
     while (!stop_) ComeAndGo(function);
   };
 #if defined(__SANITIZE_THREAD__)
-  // The sanitizer does not see the loader's lock, under which libraries come and go.
+  // The sanitizer does not know the dynamic linker's lock, which loading and unloading hold.
   dlopen(CALLS_GUEST, RTLD_NOW);
 #endif
-  // A dead-lock must not last.
+  // Ends the test at a deadlock.
   alarm(100);
   *on_load = HookWhileLoading;
   std::thread threads[] = {std::thread(load), std::thread(visit), std::thread(call),
@@ -128,7 +128,7 @@ TEST_F(Storm, SignalHandlersMakeHookedCalls) {
   struct sigaction action = {};
   action.sa_handler = CallInSignal;
   ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-  // Also a thread's first call, which sets up its hook stack, may be interrupted.
+  // The first call of a thread sets up its hook stack. A signal may interrupt it.
   for (int round = 0; round < 20; ++round) {
     std::atomic<bool> ready{false};
     const int goal = signal_calls + 50;
@@ -146,7 +146,7 @@ TEST_F(Storm, SignalHandlersMakeHookedCalls) {
   EXPECT_EQ(signal_errors, 0);
 }
 
-TEST_F(Storm, ForkedChildrenCallWhileHooksComeAndGo) {
+TEST_F(Storm, ForkedChildrenCallWhileHooksChange) {
   std::thread hooker([this] {
     while (!stop_) ComeAndGo(Forward<1>);
   });

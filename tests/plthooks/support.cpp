@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the hook engine share.
+// Shared by the tests of the hook engine.
 #include "tests/plthooks/support.h"
 
 #include <dlfcn.h>
@@ -22,7 +22,7 @@ Library::Library(const char* path, bool resolve_now)
   EXPECT_EQ(lumora::plthooks::plthooks_initialize(), 0);
   EXPECT_TRUE(lumora::linker::sharedLib(path));
   call_ = find<decltype(calls_call)>("calls_call");
-  // Libraries that call nobody through the PLT have been reported.
+  // Drops the log lines about libraries that have no PLT calls.
   LogLines().clear();
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the hook engine share: fixture libraries, their slots, and ends of processes.
+// Shared by the tests of the hook engine: fixture libraries, their slots, and death tests.
 #pragma once
 
 #include <functional>
@@ -9,21 +9,21 @@
 #include "plthooks/trampoline.h"
 #include "tests/plthooks/fixtures/calls.h"
 
-/// Loads the library at `path` for good and makes the engine ready.
+/// Loads the library at `path`, never unloads it, and initializes the engine.
 class Library {
  public:
   explicit Library(const char* path = CALLS_FULL, bool resolve_now = true);
 
   const char* name() const { return name_.c_str(); }
 
-  /// What the library defines, or what it links to.
+  /// The address of a symbol that the library or one of its dependencies defines.
   template <typename T>
   T* find(const char* symbol) const {
     return reinterpret_cast<T*>(address(symbol));
   }
   void* address(const char* symbol) const;
 
-  /// The slot through which it calls `function`; null when there is none.
+  /// The slot through which the library calls `function`; null if there is none.
   void** slot(const char* function = "calls_target") const;
 
   template <typename T>
@@ -42,17 +42,17 @@ class Library {
   decltype(&calls_call) call_;
 };
 
-/// The rights to the page of `address`, as "rw-", from the process's maps; "" when not mapped.
+/// The rights to the page of `address`, such as "rw-", from /proc/self/maps; "" if not mapped.
 std::string Rights(const void* address);
 
-/// Whether a log line since the last call ended in `text`. Forgets all lines.
+/// Whether a log line since the last call ends in `text`. Clears the log.
 bool Logged(const std::string& text);
 
-/// Runs `work` with an end by SIGABRT turned into exit code 3 and the last log line on the error
-/// output. For death tests.
+/// Runs `work`. At a SIGABRT prints the last log line to stderr and exits with code 3. For death
+/// tests.
 void ReportAbort(const std::function<void()>& work);
 
-/// What a hook calls to go on, as a pointer of its own type.
+/// The function that a hook must call next, as a pointer of the hook's own type.
 template <typename Function>
 Function* Previous(Function* hook) {
   return reinterpret_cast<Function*>(

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The hook stack, and the end of a process that misuses it.
+// The hook stack, and the fatal errors for wrong use.
 #include "plthooks/trampoline.h"
 
 #include <dlfcn.h>
@@ -26,7 +26,7 @@ TEST(HookStack, IsAsDeepAsTheCalls) {
   auto* nest = library.find<decltype(calls_nest)>("calls_nest");
   ASSERT_EQ(library.Hook(CountNested, "calls_deeper"), 0);
   const auto work = [nest] {
-    // A page takes 85 frames: just below, at and above the limit, and several pages.
+    // A page has room for 85 frames: tests just below, at and above the limit, and several pages.
     for (const int depth : {84, 85, 86, 1000, 170, 171}) {
       nested = 0;
       errno = EDOM;
@@ -80,7 +80,7 @@ TEST(HookStack, SurvivesAJumpAcrossACall) {
     FAIL();
   }
   EXPECT_EQ(library.Call(1), 2);
-  // The note of the call that never returned is still there.
+  // The entry of the call that never returned is still on the stack.
   EXPECT_EQ(get_stack_address_for_previous(&return_address, &stack_address), 1);
 }
 
@@ -88,7 +88,7 @@ int EndThread(int /*value*/) {
   pthread_exit(&return_address);
 }
 
-TEST(HookStack, LetsAThreadEndWithinACall) {
+TEST(HookStack, ThreadMayEndWithinACall) {
   Library library;
   ASSERT_EQ(library.Hook(EndThread), 0);
   const auto work = [](void* hooked) -> void* {
@@ -108,7 +108,7 @@ int AskWrongly(int value) {
   return value;
 }
 
-TEST(Misuse, EndsTheProcessWithItsMessage) {
+TEST(Misuse, EndsTheProcessWithAMessage) {
   const Library library;
   ASSERT_EQ(library.Hook(AskWrongly), 0);
   const auto ask_within_a_call = [&library](void* hook) {

@@ -20,7 +20,7 @@ namespace {
 class PointerDataTest : public RecordStoreTest {
  protected:
   static bool IsFree(SetMutex& mutex) { return mutex.try_lock() && (mutex.unlock(), true); }
-  /// The locks that a fork takes.
+  /// Whether the locks that a fork takes are free.
   static bool AllLocksFree() {
     bool free = true;
     for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
@@ -40,9 +40,10 @@ class PointerDataTest : public RecordStoreTest {
   std::size_t overall_ = 0, info_ = 0, total_ = 0, frames_ = 0;
   std::vector<RecordStruct> list_;
 
-  /// Threads that add and remove blocks of 100 bytes until it is destroyed. Each leaves one block
-  /// of each of its addresses that are 5 modulo 7. Stacks have 3 pcs, the middle one is 1, and
-  /// there are `stacks` of them; when they are few, some blocks have Java-native frames too.
+  /// Threads that add and remove blocks of 100 bytes until this object is destroyed. Each thread
+  /// leaves one block at each of its addresses that are 5 modulo 7. Stacks have 3 pcs, of which the
+  /// middle one is 1. There are `stacks` different stacks. If these are few, some blocks have
+  /// Java-native frames too.
   class Churn {
    public:
     Churn(PointerData& data, unsigned threads, std::uint64_t stacks) {
@@ -51,7 +52,7 @@ class PointerDataTest : public RecordStoreTest {
           std::mt19937_64 random(t);
           while (!stop_) {
             const std::uint64_t n = random() % 2000;
-            // Blocks of two threads lie side by side.
+            // The blocks of the two threads alternate.
             const void* block = At((n * 2 + t) * 16);
             CurrentScript() = {{random() % stacks, 1, 2}, {}, 16 + n % 150};
             if (n % 3 == 0 && stacks < 10) CurrentScript().java_frames.resize(1 + random() % 3);
@@ -98,7 +99,7 @@ TEST_F(PointerDataTest, ClearsReportsAndPausesWhileThreadsAllocate) {
   EXPECT_TRUE(list_.empty());
 }
 
-TEST_F(PointerDataTest, SweepsKeepWhatRecordsCarry) {
+TEST_F(PointerDataTest, SweepsKeepBacktracesOfRecords) {
   Add(0x7000000, 64, {77, 78});
   {
     // Every stack is new, so the table is swept again and again.
@@ -116,7 +117,8 @@ TEST_F(PointerDataTest, SweepsKeepWhatRecordsCarry) {
 
 TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {
   Add(0x7000000, 64, {77, 78});
-  // Others hold these three at the fork. Whether the child frees them is the platform's policy.
+  // Other threads hold these three at the fork. The platform's policy decides whether the child
+  // frees them.
   PointerSet& set = PointerSet::All()[0];
   SetMutex* const foreign[] = {&InitialiseLock(), &set.java_pointer_mutex, &set.unwind_mutex};
   for (SetMutex* mutex : foreign) mutex->lock();
@@ -126,7 +128,7 @@ TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {
     EXPECT_FALSE(AllLocksFree());
     const pid_t child = fork();
     if (child == 0) {
-      // Without the locks: this thread holds them.
+      // Locks nothing: this thread holds the locks.
       Add(0x7000040, 64, {79});
       Remove(0x7000000, 64);
       PointerData::PostForkChild();
@@ -147,7 +149,7 @@ TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {
   for (SetMutex* mutex : foreign) mutex->unlock();
 }
 
-TEST_F(PointerDataTest, AReaderHoldsOffWritersWhoCannotBeCancelledMeanwhile) {
+TEST_F(PointerDataTest, ReaderDelaysWritersAndTheirCancellation) {
   std::atomic<bool> added{false};
   std::thread adder;
   {

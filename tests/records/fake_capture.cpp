@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The scripted capture: stands in for backtrace/ and the platform's properties.
+// The scripted capture: replaces backtrace/ and the platform's properties.
 #include "tests/records/fake_capture.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A scripted capture and allocator for tests of the record store: fake_capture.cpp defines what
-// backtrace/ and the platform define in the library.
+// A scripted capture and allocator for tests of the record store. fake_capture.cpp defines the
+// functions that the library has from backtrace/ and the platform.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@
 #include "tests/records/log_capture.h"
 #include "tracker/control/MemTrackControl.h"
 
-/// What the next captures of a thread return.
+/// The results of a thread's next captures.
 struct Script {
   std::vector<std::uint64_t> pcs;
   std::vector<unwindstack::FrameData> java_frames;
@@ -29,7 +29,7 @@ inline Script& CurrentScript() {
 }
 inline std::string fake_property;
 
-/// A store with empty tables, switched on.
+/// A store with empty tables, with recording on.
 class RecordStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {

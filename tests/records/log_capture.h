@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tracker's log for tests that link a piece without the platform: lines are kept for the test.
+// Replaces the tracker's log for tests that do not link the platform. Keeps the lines for the test.
 // log_capture.cpp defines the logger.
 #pragma once
 

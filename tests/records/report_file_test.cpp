@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report as file and device get it. Records, maps and log are fakes; ioctl and the clock are
-// wrapped at link time.
+// The report as written to the file and to the device. Records, maps and log are fakes. ioctl and
+// the clock are wrapped at link time.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -27,12 +27,12 @@ namespace {
 constexpr std::int64_t kNow = 1'700'000'000;
 constexpr std::size_t kTextLimit = 0x500000;
 
-/// What the fakes hand out and what they saw.
+/// The fakes' results and observations.
 struct World {
   std::string report_path;
   std::string device_path;
   std::vector<RecordStruct> records;
-  std::size_t filler = 0;  // bytes that the Java-native section is made of
+  std::size_t filler = 0;  // size of the Java-native section
   int ioctl_error = 0;
   std::vector<std::string> device_buffers;  // one for each ioctl
   bool locked_throughout = true;
@@ -40,7 +40,7 @@ struct World {
 };
 World world;
 
-/// Looks at lock and thread switches from inside the dump.
+/// Checks the lock and the thread switches from inside the dump.
 void ObserveDump() {
   const bool free = std::async([] {
                       const std::unique_lock<SetMutex> lock(InitialiseLock(), std::try_to_lock);
@@ -75,7 +75,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 }
 }
 
-// The neighbours of the report writer.
+// The functions that the report writer calls.
 SetMutex& InitialiseLock() {
   static SetMutex lock;
   return lock;
@@ -145,13 +145,13 @@ struct GroupedDigits : std::numpunct<char> {
   std::string do_grouping() const override { return "\3"; }
 };
 
-TEST_F(ReportFileTest, TextGoesWholeToFileAndDevice) {
+TEST_F(ReportFileTest, FileAndDeviceGetTheWholeText) {
   world.records = {
       Record(500'000, 2, {0x1000abcd, 0x5, 0x10000010, 0x6}, {kNow - 7, kNow, kNow + 2}),
       Record(7, 1, {}, {kNow}), Record(8, 1, {0x10000010}, {}),
       Record(100, 1, {0x10000001}, {kNow - 86'400})};
   world.filler = 3;
-  // The program's own way of writing numbers is not the report's.
+  // Intentional: the report does not use the program's number format.
   const std::locale before = std::locale::global({std::locale::classic(), new GroupedDigits});
   const std::string text = DumpAndReadFile();
   std::locale::global(before);
@@ -187,8 +187,8 @@ TEST_F(ReportFileTest, ShowsTheFirstThousandRecords) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 5 + 1000);
 }
 
-TEST_F(ReportFileTest, DeviceTextIsCutWhereTheBufferEnds) {
-  // A text that leaves room for its NUL, one that just does, one that just does not, a longer one.
+TEST_F(ReportFileTest, DeviceTextIsCutAtTheEndOfTheBuffer) {
+  // Texts with room for their NUL: more than enough, exactly enough, one byte too few, far too few.
   for (const std::size_t length :
        {empty_report_.size(), kTextLimit - 1, kTextLimit, kTextLimit + 70'000}) {
     SCOPED_TRACE(length);
@@ -210,8 +210,8 @@ TEST_F(ReportFileTest, DeviceTextIsCutWhereTheBufferEnds) {
   }
 }
 
-TEST_F(ReportFileTest, OneDestinationThatFailsLeavesTheOther) {
-  // A directory in the report's place cannot be opened for writing, whoever asks.
+TEST_F(ReportFileTest, FailureOfOneDestinationDoesNotAffectTheOther) {
+  // A directory with the report's name. Not even root can open it for writing.
   ASSERT_EQ(mkdir(world.report_path.c_str(), 0700), 0);
   PointerData::DumpAllocationTracesToFile();
   EXPECT_EQ(LogLines().at(1), "6 MemLeak.Native: no permission to access /data/log/reliability/");

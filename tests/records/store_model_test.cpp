@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The record store against a model of it: random operations on both, then the same answers. The
-// model keeps its tables in plain maps, walks all of them for every question and knows no locks.
+// Compares the record store with a model: random operations on both, then the same answers. The
+// model keeps its tables in plain maps, searches all of them for every answer, and has no locks.
 #include <algorithm>
 #include <map>
 #include <random>
@@ -29,11 +29,11 @@ struct Model {
     std::map<std::uint64_t, Record> pointers;
     std::map<Pcs, Backtrace> frames;
     std::map<std::uint64_t, Record> java_pointers;
-    std::map<Pcs, std::uint64_t> unwind_frames;  // references
+    std::map<Pcs, std::uint64_t> unwind_frames;  // reference counts
   };
   Set sets[40];
   const std::uint32_t* zygote_child = nullptr;
-  // Of the heap and of the hooked kinds.
+  // For the heap and for the hooked kinds.
   bool start[2] = {true, false};
   bool ever[2] = {true, false};
 
@@ -80,7 +80,7 @@ struct Model {
 
 }  // namespace
 
-// The linker sends the store's calls here.
+// The linker redirects the store's calls here.
 extern "C" std::time_t __wrap_time(std::time_t* /*result*/) {
   return fake_time;
 }
@@ -89,7 +89,7 @@ namespace {
 
 class StoreModelTest : public RecordStoreTest {
  protected:
-  /// A stack of few: some share the five pcs that are hashed, some have none, or are cut short.
+  /// One of few stacks. Some have the same five pcs, which are hashed. Some are empty or cut short.
   Pcs RandomStack() {
     const std::uint64_t n = random_() % 40;
     Pcs pcs = n == 0 ? Pcs() : Pcs{n % 3, 1, 2, 3, n % 5, n, n % 2};
@@ -140,8 +140,8 @@ class StoreModelTest : public RecordStoreTest {
     ASSERT_TRUE(std::equal(frames, frames + std::min(most, expected.size()), expected.begin()));
   }
 
-  /// The export. The times of a group are those of its backtrace in the first set with a member, at
-  /// most 30 of them.
+  /// Compares the export. A group has at most 30 times, which are those of its backtrace in the
+  /// first set that has a member of the group.
   void CheckExport() {
     struct Group {
       std::uint64_t num = 0;
@@ -195,7 +195,7 @@ class StoreModelTest : public RecordStoreTest {
     }
   }
 
-  /// The same of the blocks with Java-native stacks, whose counts are those of the stack.
+  /// Compares the blocks with Java-native stacks. Their counts are those of the stack.
   void CheckJavaNative() {
     std::map<std::tuple<std::uint64_t, bool, Pcs>, std::uint64_t> expected, exported;
     for (const Model::Set& set : model_.sets) {
@@ -241,21 +241,21 @@ class StoreModelTest : public RecordStoreTest {
   Model model_;
 };
 
-TEST_F(StoreModelTest, TheStoreAnswersAsTheModelDoes) {
+TEST_F(StoreModelTest, StoreMatchesModel) {
   for (int round = 0; round < 250 && !HasFatalFailure(); ++round) {
     SCOPED_TRACE(round);
     const std::uint64_t what = random_() % 20;
-    // Few blocks and everything compared after every step, or many.
+    // Either few blocks, compared after every step, or many blocks.
     const bool every_step = what % 5 == 1;
     if (what == 0 || every_step) {
       data_.Initialize();
       model_.Clear();
     }
-    // In a fork handler, with every lock held: as ever, but for what the lock order forbids.
+    // In a fork handler, which holds every lock: all works except what the lock order forbids.
     const bool in_fork = what < 5;
     if (in_fork) PointerData::PrepareFork();
     mem_track_type = what % 4 == 1 ? static_cast<std::uint32_t>(random_() % 4) : NATIVE;
-    zygote_child_ = what % 2 != 0 ? 0x100 : 0;  // not in the byte of a bool
+    zygote_child_ = what % 2 != 0 ? 0x100 : 0;  // outside of the byte that a bool has
     model_.zygote_child = what == 12 ? nullptr : &zygote_child_;
     control_->set_zygote_child(
         reinterpret_cast<bool*>(const_cast<std::uint32_t*>(model_.zygote_child)));
@@ -273,7 +273,7 @@ TEST_F(StoreModelTest, TheStoreAnswersAsTheModelDoes) {
       if (every_step) CheckExport();
       if (every_step && !in_fork) CheckJavaNative();
     }
-    // Inside the store nothing is recorded.
+    // Calls from inside the store are not recorded.
     record_key.Set(ThreadMark::kInside);
     data_.Add(At(0x10000), 64);
     data_.RemoveMapping(At(0x10000), 64);

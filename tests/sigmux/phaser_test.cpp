@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The phaser by itself: drains wait for exactly the readers that were there before.
+// The phaser alone: a drain waits exactly for the readers that entered before it.
 #include "sigmux/phaser.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ phaser_t phaser;
 
 TEST(Phaser, DrainWaitsForReadersOfBothPhasesAndLeavesNewOnesIn) {
   ASSERT_EQ(phaser_init(&phaser), 0);
-  phaser_drain(&phaser);  // nobody inside: returns
+  phaser_drain(&phaser);  // returns: there are no readers
 
   const unsigned first = phaser_enter(&phaser);
   EXPECT_EQ(first, 0U);

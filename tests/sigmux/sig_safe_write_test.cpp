@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fault-safe operations on real faults: caught on the operation's own thread, and nowhere else.
+// Fault-safe operations with real faults. They catch faults only on their own thread.
 #include "sigmux/sig_safe_write.h"
 
 #include <errno.h>
@@ -16,7 +16,7 @@ namespace {
 constexpr std::intptr_t kOld = 0x1111;
 constexpr std::intptr_t kNew = 0x2222;
 
-/// A page of its own that holds kOld, with `protection`.
+/// A page that contains kOld, with `protection`.
 std::intptr_t* NewPage(int protection) {
   void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (page == MAP_FAILED) abort();
@@ -30,11 +30,11 @@ void TakeOverFaults() {
   ASSERT_EQ(sigmux_init(SIGBUS), 0);
 }
 
-TEST(SigSafeWrite, WritesOrSaysWhyNot) {
+TEST(SigSafeWrite, WritesOrReportsTheFault) {
   TakeOverFaults();
   std::intptr_t* good = NewPage(PROT_READ | PROT_WRITE);
   std::intptr_t* bad = NewPage(PROT_READ);
-  for (int round = 0; round < 3; ++round) {  // each leaves the multiplexer as it was
+  for (int round = 0; round < 3; ++round) {  // each one restores the multiplexer
     errno = 0;
     EXPECT_EQ(sig_safe_write(bad, kNew), 1);
     EXPECT_EQ(errno, EFAULT);
@@ -51,7 +51,7 @@ TEST(SigSafeWrite, WritesOrSaysWhyNot) {
   EXPECT_EQ(errno, EFAULT);
 }
 
-TEST(SigSafeWrite, ThreadsKeepToTheirOwnFaults) {
+TEST(SigSafeWrite, ThreadsCatchOnlyTheirOwnFaults) {
   TakeOverFaults();
   std::intptr_t* bad = NewPage(PROT_READ);
   std::atomic<int> caught{0};
@@ -64,7 +64,7 @@ TEST(SigSafeWrite, ThreadsKeepToTheirOwnFaults) {
   EXPECT_EQ(*bad, kOld);
 }
 
-TEST(SigSafeWrite, FaultElsewhereOrWithoutTheMultiplexerKills) {
+TEST(SigSafeWrite, OtherFaultsEndTheProcess) {
   const auto elsewhere = [] {
     TakeOverFaults();
     sig_safe_op(

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The multiplexer in processes of its own: who is asked, in which order, under which mask, and how
-// the process ends when nobody claims a signal.
+// The multiplexer in separate processes: which handlers run, in which order and with which mask,
+// and how the process ends if no handler claims a signal.
 #include "sigmux/sigmux.h"
 
 #include <errno.h>
@@ -22,7 +22,7 @@ std::string trace;
 std::atomic<int> deliveries{0};
 sigset_t mask_inside;
 
-/// A handler's name and answer.
+/// A handler's name and its result.
 struct Voice {
   char name;
   int answer;
@@ -56,7 +56,7 @@ void Previous(int signum, siginfo_t* /*info*/, void* context) {
   EXPECT_EQ(signum, SIGUSR1);
 }
 
-/// Makes `Previous` what sigmux finds for SIGUSR1, then takes the signal over.
+/// Installs `Previous` for SIGUSR1, then lets sigmux take the signal over.
 void TakeOver(int flags) {
   struct sigaction action = {};
   action.sa_sigaction = Previous;
@@ -72,8 +72,8 @@ std::string Deliver(int signum = SIGUSR1) {
   return trace;
 }
 
-/// Random registrations, removals and deliveries beside plain lists.
-TEST(Sigmux, AsksAsTheListsSay) {
+/// Compares random registrations, removals and deliveries with a list.
+TEST(Sigmux, MatchesTheModel) {
   struct Handler {
     Voice voice;
     sigset_t signals;
@@ -142,7 +142,7 @@ TEST(Sigmux, InitTakesASignalOverOnce) {
   struct sigaction action = {};
   sigaction(SIGUSR1, nullptr, &action);
   EXPECT_EQ(action.sa_flags & 0x58000004, 0x58000004);
-  // Whoever comes later stays: the second time touches nothing.
+  // A second call does not replace a later handler.
   action.sa_sigaction = Previous;
   sigaction(SIGUSR1, &action, nullptr);
   EXPECT_EQ(sigmux_init(SIGUSR1), 0);
@@ -156,7 +156,8 @@ TEST(Sigmux, PreviousActionRunsUnderItsOwnMask) {
       sigset_t before = Only(SIGTERM);
       sigaddset(&before, 44);
       sigprocmask(SIG_SETMASK, &before, nullptr);
-      // The control signal may be another thread's: that is the platform's to say.
+      // Another thread may handle the control signal. The platform decides whether it stays
+      // blocked.
       sigset_t mask;
       sigemptyset(&mask);
       platform::KeepBlocked(before, &mask);
@@ -200,14 +201,14 @@ TEST(Sigmux, HandlersRunWithEverySignalOpenTheirOwnIncluded) {
   const sigset_t blocked = Only(SIGTERM);
   sigprocmask(SIG_BLOCK, &blocked, nullptr);
   EXPECT_EQ(Deliver(), "<<<>>>");
-  sigmux_unregister(entry);  // comes back: every dispatcher has left the phaser
+  sigmux_unregister(entry);  // returns, since every dispatcher has left the phaser
 }
 
-TEST(Sigmux, UnclaimedSignalsEndAsTheirDefaultSays) {
+TEST(Sigmux, UnclaimedSignalsGetTheirDefaultAction) {
   const struct {
     int signum;
     void (*disposition)(int);
-    int death;  // 0: lives on
+    int death;  // 0: continues
   } kCases[] = {
       {SIGSEGV, SIG_DFL, SIGSEGV}, {SIGSEGV, SIG_IGN, SIGSEGV}, {SIGBUS, SIG_IGN, SIGBUS},
       {SIGILL, SIG_IGN, SIGILL},   {SIGABRT, SIG_IGN, SIGABRT}, {SIGTERM, SIG_DFL, SIGTERM},
@@ -234,7 +235,7 @@ TEST(Sigmux, RegistrationAndRemovalUnderAStorm) {
   signal(SIGUSR1, [](int /*signum*/) { ++deliveries; });
   ASSERT_EQ(sigmux_init(SIGUSR1), 0);
   const auto claim = [](sigmux_event* /*event*/, void* data) {
-    // The data dies right after the removal: a late delivery would touch freed memory.
+    // The data is freed right after the removal. A late delivery would use freed memory.
     ++*static_cast<std::atomic<int>*>(data);
     return 0;
   };
@@ -242,8 +243,8 @@ TEST(Sigmux, RegistrationAndRemovalUnderAStorm) {
   std::atomic<unsigned> steps{0};
   const pthread_t target = pthread_self();
   std::thread sender([&] {
-    // The dispatcher can itself be interrupted: a few signals for each step of the target, not as
-    // many as fit, or they would nest until its stack ends.
+    // Signals interrupt the dispatcher too. Only a few for each step of the target, or they would
+    // nest until the stack overflows.
     for (unsigned seen = 0; !stop; seen = steps) {
       for (int burst = 0; burst < 4 && seen != steps; ++burst) pthread_kill(target, SIGUSR1);
       raise(SIGUSR1);

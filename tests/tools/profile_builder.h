@@ -12,7 +12,7 @@ namespace memleak {
 
 class ProfileBuilder {
  public:
-  /// Adds the library at `path`, or returns the index of it.
+  /// Adds the library at `path`, or returns its index if it exists.
   std::int32_t Library(const std::string& path, const std::string& build_id = "") {
     std::size_t index = 0;
     std::vector<memleak::Library>& libraries = profile_.libraries;
@@ -33,7 +33,7 @@ class ProfileBuilder {
     profile_.frames.push_back(std::move(frame));
     return *this;
   }
-  /// Adds a group. Its stack is the frames since the last one, innermost first.
+  /// Adds a group. Its stack consists of the frames since the last group, innermost first.
   ProfileBuilder& Group(std::uint64_t size, std::uint64_t count,
                         GroupKind kind = GroupKind::kNative) {
     profile_.groups.push_back({.kind = kind,
@@ -44,7 +44,7 @@ class ProfileBuilder {
                                .stack = std::exchange(stack_, {})});
     return *this;
   }
-  /// The profile. Its head counts `unlisted` more groups of together `bytes` than are listed.
+  /// The profile. Its head counts `unlisted` more groups with `bytes` in total than it lists.
   Profile Done(std::uint64_t unlisted = 0, std::uint64_t bytes = 0) {
     const Sums listed = profile_.Listed(GroupKind::kNative);
     profile_.path = "root/allocations_dump";

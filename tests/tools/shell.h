@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs commands as a person would type them. For tests of whole commands.
+// Runs commands in a shell, for tests of whole commands.
 #pragma once
 
 #include <sys/wait.h>
@@ -17,7 +17,7 @@ struct Outcome {
   std::string output;
 };
 
-/// What `command` printed, errors included, and its exit code; -1 when a signal ended it.
+/// The output of `command`, errors included, and its exit code; -1 if a signal ended it.
 inline Outcome Shell(const std::string& command) {
   Outcome outcome;
   FILE* pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "re");
@@ -32,9 +32,9 @@ inline Outcome Shell(const std::string& command) {
   return outcome;
 }
 
-/// Runs `script` in `directory` beside `program`, which memleak runs with `options` and
-/// `environment`: $M is memleak, $P the program, whose output is in the file "out". It is ended by
-/// the end of its input.
+/// Runs `script` in `directory` while memleak runs `program` with `options` and `environment`. In
+/// the script $M is memleak, $P the program's process id, and the file "out" has the program's
+/// output. The program ends when its input ends.
 inline Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
                              const std::string& program, const std::string& script,
                              const std::string& environment = "") {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for the tracker of descriptors: notes its calls.
+// Replaces the tracker of file descriptors and records its calls.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>

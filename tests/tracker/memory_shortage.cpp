@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// memory_shortage [SCENARIO...]: the library as it is delivered, in a process without memory.
+// memory_shortage [SCENARIO...]: the real library file in a process without memory.
 //
-// Each scenario runs in child processes. The n-th memory request of the process fails, alone or with
-// all later ones, for growing n until there is no n-th request. The child must live and return or log
-// the right thing, and with memory again the tracker must work. Prints a line for each failure and
-// the number of children; exit code 1 when one fails. MEMLEAK_TRACKER_ROOT names a directory for
-// reports, MEMLEAK_TRACKER_LOG the file "log" there.
+// Each scenario runs in child processes. The n-th memory request of the process fails, alone or
+// with all later ones, for growing n until there are fewer than n requests. The child must survive
+// and return or log the expected result. When memory is available again, the tracker must work.
+// Prints a line for each failure and the number of children. Exit code 1 if a child fails.
+// MEMLEAK_TRACKER_ROOT names a directory for reports, MEMLEAK_TRACKER_LOG the file "log" there.
 #include <malloc.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -37,11 +37,11 @@
 namespace {
 
 constexpr int kNothingRefused = 77;
-/// The tracker's tables ask for that much and more.
+/// The tracker's tables request at least this many bytes.
 constexpr std::size_t kTableBytes = 4096;
 
 std::atomic<bool> armed{false};
-/// Requests up to the one that is refused; the later ones are refused too if `onward`.
+/// Requests up to the one that fails. If `onward` is set, the later ones fail too.
 std::atomic<long> requests_left{0};
 bool onward = false;
 /// Smaller requests are not counted.
@@ -91,7 +91,7 @@ void* mmap(void* address, std::size_t size, int protection, int flags, int file,
 }
 #pragma GCC visibility pop
 
-// Of a library that calls mmap and munmap through slots that can be hooked.
+// In a library that calls mmap and munmap through slots that can be hooked.
 extern "C" void* MapOne(std::size_t size);
 extern "C" int UnmapOne(void* mapping, std::size_t size);
 
@@ -114,7 +114,8 @@ unsigned long Number(const std::string& text, const char* pattern) {
   return std::regex_search(text, match, std::regex(pattern)) ? std::stoul(match[1]) : 0;
 }
 
-/// The links of a directory are its subdirectories, here one for each thread. Allocates nothing.
+/// The number of links of a directory gives its subdirectories, here one per thread. Allocates
+/// nothing.
 nlink_t Threads() {
   struct stat tasks = {};
   stat("/proc/self/task", &tasks);
@@ -122,7 +123,7 @@ nlink_t Threads() {
 }
 nlink_t threads_before = 0;
 
-/// Sends a command, which this thread carries out here, and waits for the report that it may start.
+/// Sends a command, which runs on this thread, and waits for the report that it may start.
 void Send(std::uint64_t word) {
   SendControlSignal(getpid(), word);
   while (Threads() > threads_before) usleep(200);
@@ -149,7 +150,7 @@ void StartRecording() {
   Send(0x10);
 }
 
-/// What a scenario has allocated.
+/// The blocks of a scenario.
 void* blocks[1500];
 
 __attribute__((noinline)) void* Allocate(std::size_t size) {
@@ -161,7 +162,7 @@ bool IsRecorded(void* block) {
   std::uintptr_t frames[4];
   return track_malloc_backtrace(block, frames, 4) > 0;
 }
-/// All blocks are recorded, unless the log says that one is not.
+/// Each block is recorded, unless the log has a line about a lost one.
 void CheckBlocks() {
   const bool lacking = Logged("no memory to record a block");
   for (void* block : blocks) CHECK(block == nullptr || lacking || IsRecorded(block));
@@ -215,7 +216,7 @@ void CallEntries() {
   void* const old = track_calloc(1, 60);
   if (old == nullptr) return;
   void* const moved = track_realloc(old, 6000);
-  if (moved == nullptr) track_free(old);  // which is still there
+  if (moved == nullptr) track_free(old);  // realloc failed: the old block is still valid
   keep(moved);
 }
 
@@ -236,7 +237,7 @@ void StartHooked() {
   Send(0x100);
   CHECK(Logged("set mmaphook to:true"));
 }
-/// The first hooked calls of this thread, which do what they do unhooked.
+/// The first hooked calls of this thread. They behave as without hooks.
 void CallHooked() {
   void* const mapping = MapOne(65536);
   if (mapping != reinterpret_cast<void*>(-1)) CHECK(UnmapOne(mapping, 65536) == 0);
@@ -246,7 +247,7 @@ void StartWithBlocks() {
   for (std::size_t i = 0; i < 8; ++i) blocks[i] = Allocate(i * 40);
 }
 
-/// The tables grow, are cleared, and grow anew.
+/// The tables grow, are cleared and grow again.
 void FillTables() {
   for (int round = 0; round < 2; ++round) {
     Send(0x80);
@@ -262,7 +263,7 @@ void CheckTables() {
         std::size(blocks));
 }
 
-/// A fork handler that is older than the tracker's: it runs while that holds its locks.
+/// A fork handler older than the tracker's. It runs while the tracker holds its locks.
 void InForkHandler() {
   static void** next = blocks;
   if (!armed) return;
@@ -304,7 +305,7 @@ void Export() {
 void CheckExport() {
   CHECK(answer || Logged("Unable to create file"));
   CHECK(track_dump_heap(heap_dump.c_str()) && !track_dump_heap("/no/such/file"));
-  // Intentional: one complaint for each mapping.
+  // Intentional: one log line for each mapping.
   const std::regex whole(
       "Android Native Heap Dump v1.1\n\nMAPS\n(Could not open /proc/self/maps\n){5,}END\n");
   CHECK(std::regex_match(Read("heap"), whole));
@@ -333,14 +334,14 @@ constexpr Scenario kScenarios[] = {
     {"malloc_disable", StartRecording, Freeze, CheckBlocks, kTableBytes},
     {"export", StartRecording, Export, CheckExport}};
 
-/// Commands are scenarios too: what one must have logged, and what comes before it. All kinds share
-/// one implementation, so each command of theirs is here for one of them.
+/// Commands are scenarios too: what each must log, and the commands before it. All kinds share one
+/// implementation, so each of their commands is tested for one kind.
 struct Command {
   unsigned bit;
   const char* logged;
   void (*prepare)() = StartRecording;
 };
-/// What a report logs at its end, or in place of one.
+/// The log line at the end of a report, or instead of one.
 constexpr char kReported[] =
     "open .*kxlog_exception failed|FAILED TO ALLOC STACKINFO MEMORY!|cannot start MemDumpThread";
 constexpr Command kCommands[] = {
@@ -361,14 +362,14 @@ void SendCommand() {
 }
 void CheckCommand() {
   CHECK(Logged(command.logged));
-  CHECK(!Logged("plt unhook"));  // which needs no memory
-  // With memory again a report is whole.
+  CHECK(!Logged("plt unhook"));  // unhooking needs no memory
+  // With memory again the report is complete.
   Send(0x50);
   const std::string report = Read(report_name);
   CHECK(report.size() > 3 && report.compare(report.size() - 3, 3, "END") == 0);
 }
 
-/// In a child: the scenario with its n-th request refused.
+/// Runs the scenario in a child. The n-th request fails.
 [[noreturn]] void Run(const Scenario& scenario, long n) {
   alarm(60);
   threads_before = Threads();
@@ -379,7 +380,7 @@ void CheckCommand() {
   scenario.run();
   armed = false;
   scenario.check();
-  // With memory again. Without hooks: while there are any, stacks begin at a hooked caller.
+  // With memory again. Hooks are removed first: with hooks, stacks start at a hooked caller.
   Send(0x400);
   Send(0x10);
   void* const block = Allocate(777);
@@ -391,8 +392,7 @@ void CheckCommand() {
 
 int children = 0;
 
-/// Whether the scenario holds for every n, or above 40 for some. Prints the first n that it fails
-/// with.
+/// Whether the scenario passes for every n, or above 40 for some n. Prints the first failing n.
 bool Holds(const Scenario& scenario) {
   for (const bool all_later : {false, true}) {
     onward = all_later;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// All of the library but its exports, in this process: entries and hooked calls against a model of
-// what must be recorded, and what commands log. Reports tell what is recorded.
+// All of the library except its exports, in this process. Compares entries and hooked calls with a
+// model of the expected records, and checks the log of each command. Reports show the records.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -25,7 +25,7 @@
 #include "tracker/MallocMemTrack.h"
 
 extern "C" {
-// Of libraries whose calls can be hooked.
+// In libraries whose calls can be hooked.
 void* MapOne(std::size_t size);
 int UnmapOne(void* mapping, std::size_t size);
 int HeapRequest(int descriptor, unsigned long request, void* argument);
@@ -88,7 +88,7 @@ class TrackerTest : public testing::Test {
   void SetUp() override {
     static std::uint32_t zygote_child = 0;
     ASSERT_TRUE(track_initialize(&Dispatch(), reinterpret_cast<bool*>(&zygote_child), ""));
-    // A sanitizer starts a thread of its own beside the first one.
+    // A sanitizer starts its own thread when the first thread starts.
     std::thread([] {}).join();
     threads_ = Threads();
   }
@@ -101,8 +101,8 @@ class TrackerTest : public testing::Test {
   }
   int Random(int limit) { return static_cast<int>(random_() % static_cast<unsigned>(limit)); }
 
-  /// Sends a command and waits for what it starts. Returns what it logged: "I text" and so on, with
-  /// a comma between lines.
+  /// Sends a command and waits for the thread that it may start. Returns its log lines as "I text",
+  /// separated by commas.
   std::string Send(std::uint64_t word, std::uint32_t parameter = kParameter) {
     const auto lines = [&] { return directory_.Read("log").substr(log_read_); };
     EXPECT_TRUE(SendControlSignal(getpid(), word, parameter));
@@ -120,7 +120,7 @@ class TrackerTest : public testing::Test {
     return logged;
   }
 
-  /// The groups of the report that `word` makes.
+  /// The groups of the report that the command `word` writes.
   Sizes Report(std::uint64_t word) {
     Send(word);
     std::istringstream report(directory_.Read("data/log/reliability/allocations_dump"));
@@ -139,7 +139,7 @@ class TrackerTest : public testing::Test {
   std::mt19937 random_{1};
 };
 
-// AddressSanitizer makes the tracker's frames larger than a walk reaches: blocks have no stacks.
+// AddressSanitizer makes the tracker's frames larger than the walk allows: blocks have no stacks.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kHasStacks = false;
 #else
@@ -151,7 +151,7 @@ bool IsRecorded(void* block) {
   return track_malloc_backtrace(block, frames, 4) > 0;
 }
 
-TEST_F(TrackerTest, EntriesRecordWhatTheModelHolds) {
+TEST_F(TrackerTest, EntriesMatchTheModel) {
   constexpr std::size_t kSizes[] = {0, 1, 40, 100, 5000, kTwoGiB - 1, kTwoGiB, SIZE_MAX / 2};
   std::vector<std::pair<void*, std::size_t>> blocks;  // the size as recorded; 0: not recorded
   std::size_t refused = 0;
@@ -171,7 +171,7 @@ TEST_F(TrackerTest, EntriesRecordWhatTheModelHolds) {
     }
     const int entry = Random(9);
     std::size_t size = kSizes[Random(entry == 1 ? 5 : 8)];
-    // Blocks of 2 GiB are not really made.
+    // Blocks of 2 GiB are not really allocated.
     if (!recording || size == kTwoGiB - 1) size = std::min<std::size_t>(size, 5000);
     const std::size_t alignment = std::size_t{8} << Random(4);
     const std::size_t used_alignment = alignment + (recording && Random(8) == 0 ? 8 : 0);
@@ -242,7 +242,7 @@ TEST_F(TrackerTest, EntriesRecordWhatTheModelHolds) {
   for (const auto& [block, size] : blocks) std::free(block);
 }
 
-TEST_F(TrackerTest, HookedKindsRecordWhatTheModelHolds) {
+TEST_F(TrackerTest, HookedKindsMatchTheModel) {
   struct HeapBuffer {
     std::uint64_t len;
     std::uint32_t fd, flags;
@@ -299,7 +299,7 @@ TEST_F(TrackerTest, HookedKindsRecordWhatTheModelHolds) {
         EXPECT_EQ(GpuRequest(3, allocate ? kGpuAllocate : kGpuFree, &gpus[index]), device_result);
         allocate ? add(&gpus[index], size) : remove(&gpus[index]);
       } else {
-        // Nothing that has a size.
+        // Requests without a size.
         HeapRequest(3, 0xC0184801, &heaps[index]);
         HeapRequest(3, kHeapAllocate, Random(2) == 0 ? nullptr : reinterpret_cast<void*>(8));
         GpuRequest(3, Random(2) == 0 ? kGpuAllocate : kGpuFree, nullptr);
@@ -314,7 +314,7 @@ TEST_F(TrackerTest, HookedKindsRecordWhatTheModelHolds) {
 
 std::string order;
 
-TEST_F(TrackerTest, CommandsRunInTheirOrderAndSomeEndTheSignal) {
+TEST_F(TrackerTest, CommandsRunInOrderAndSomeEndTheSignal) {
   EXPECT_FALSE(RegistryAllocateTracker(2, nullptr));
   EXPECT_FALSE(RegistryAllocateTracker(6, [] {}));
   EXPECT_TRUE(RegistryAllocateTracker(4, [] { errno = EBADF, order += "4 "; }));
@@ -336,7 +336,7 @@ TEST_F(TrackerTest, CommandsRunInTheirOrderAndSomeEndTheSignal) {
   logs(0xB0, on + ",I set hook to:false,I native clear");
   logs(0x8A0, "I set hook to:false,I native clear,I mmap clear");
   logs(0xA000, "I set ionhook to:false,I ion clear");
-  // Without targets nothing is hooked, and what comes later is not carried out.
+  // Without targets nothing is hooked, and the later commands are not executed.
   logs(0x1300, "");
   directory_.Write("properties",
                    "persist.sys.memleak.hookLib=libc.so,libm.so\n"
@@ -344,25 +344,25 @@ TEST_F(TrackerTest, CommandsRunInTheirOrderAndSomeEndTheSignal) {
   logs(0x90100,
        "E plt hook mmap error: No such file or directory,"
        "E plt hook mmap error: No such file or directory,E all plt hook failed!");
-  // Descriptors: only a dump that failed lets the rest run.
+  // File descriptors: later commands run only if a dump fails.
   logs(0x208000, missing + "disable.");
   logs(0xC08000, missing + "dump stack.,I ion clear");
   EXPECT_EQ(Send(0x108000).rfind("E  load libfdtrack failed: libfdtrack.so:", 0), 0U);
 
-  // A loaded library of that name is found.
+  // A loaded library with that name is used.
   void* library = dlopen(FDTRACK_WITHOUT, RTLD_NOW);
   logs(0x508000, "E no DumpFdleakStackToFile found, fail to dumpstack.,I ion clear");
   dlclose(library);
   library = dlopen(FDTRACK_WITH, RTLD_NOW);
   logs(0x308000, "I ion clear");
-  logs(0xE08000, "");  // not cleared, so still loaded
+  logs(0xE08000, "");  // not cleared: the library is still loaded
   EXPECT_STREQ(static_cast<const char*>(dlsym(library, "fdtrack_calls")),
                "enable(32,65) disable disable dump ");
   logs(0x800000, "");
   logs(0x200000, missing + "disable.");
 }
 
-TEST_F(TrackerTest, CommandsAndTheEndWhileThreadsAllocate) {
+TEST_F(TrackerTest, CommandsAndExitWhileThreadsAllocate) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "entries call a store object that a clear has ended; it has no members";
 #endif
@@ -385,7 +385,7 @@ TEST_F(TrackerTest, CommandsAndTheEndWhileThreadsAllocate) {
 
 }  // namespace
 
-/// The device. The libraries find it before the C library's.
+/// The fake device. The libraries find this function before the C library's.
 extern "C" __attribute__((visibility("default"))) int ioctl(int, unsigned long, ...) noexcept {
   return device_result;
 }

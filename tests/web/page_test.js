@@ -92,7 +92,7 @@ function file(name, text) {
   return path;
 }
 
-/** The figures of the head are those of the totals, and of `base` if given. */
+/** Checks that the head has the figures of the totals, and of `base` if given. */
 async function agreesInTotals(page, totals, base) {
   for (const [name, key] of [
     ...[["total", "bytes"], ["listed", "listedBytes"]],
@@ -105,7 +105,7 @@ async function agreesInTotals(page, totals, base) {
   }
 }
 
-/** A report of the tracker: the page says the same as `show`. */
+/** A report of the tracker: the page and `show` have the same figures. */
 async function agreesWithShow(browser) {
   const ages = [9, 2, 1, 0];
   const text = report([line("one", 48, 1000, ages), line("two", 4096, 4, ages)]);
@@ -117,7 +117,7 @@ async function agreesWithShow(browser) {
   await agreesInTotals(page, totals);
   const sorted = [...groups].sort((a, b) => b.total - a.total);
   assert.deepEqual(await column(page, "count"), sorted.map((group) => count(group.count)));
-  // Four ages of a thousand blocks may be those of other blocks.
+  // Four ages of a thousand blocks may belong to other blocks.
   assert.deepEqual(await column(page, "pattern"), ["perhaps growing", "growing", "–"]);
   assert.deepEqual(await column(page, "age"), ["about 0s–9s", "0s–9s", "–"]);
   assert.match(run("show", source), /48 B .*about 0s..9s  perhaps g[^]*4.0 KiB  age 0s..9s  growing\n/);
@@ -129,7 +129,7 @@ async function agreesWithShow(browser) {
   await close(page);
 }
 
-/** Two reports that omit groups: the page says the same as `diff`. */
+/** Two reports that omit groups: the page and `diff` have the same figures. */
 async function agreesWithDiff(browser) {
   const same = line("two", 4096, 3);
   const old = file("old", report([same, line("three", 100, 5), line("one", 48, 10)], 3));
@@ -175,7 +175,7 @@ async function zoomsAndSearches(browser) {
   await page.keyboard.press("Escape");
   await awaitFound(page, "^$");
 
-  // From the other end, by keyboard: two frames up from the root, in, and out again.
+  // The other direction, by keyboard: two frames up from the root, in, and out again.
   await page.getByLabel("Start at").selectOption("allocation");
   assert.equal(await width("malloc"), whole);
   await page.focus("#flame");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Decodes what `memleak export --format pprof` writes with the library that continuous profilers use,
-// and compares it with `export --format json`. Run by ctest:
+// Decodes the output of `memleak export --format pprof` with the library that continuous profilers
+// use. Compares it with `export --format json`. Run by ctest:
 //   node pprof_test.js MEMLEAK NODE_MODULES WORK_DIRECTORY LIBRARY
 // LIBRARY is small, with debug information and inlined calls.
 

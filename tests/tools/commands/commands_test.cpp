@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program on a command line, with a fake tracker in the watched process: the environment that
-// `run` sets, and errors with their exit codes.
+// Whole commands, with a fake tracker in the watched process: the environment that `run` sets, and
+// errors with their exit codes.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -60,7 +60,7 @@ TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
 
 // $! is known before the shell's child executes the controller, which executes the program. Some
 // rounds delay the shell.
-TEST(Run, TakesCommandsStraightAfterItsStart) {
+TEST(Run, AcceptsCommandsRightAfterItsStart) {
   const TemporaryDirectory directory;
   for (int round = 0; round < 20; ++round) {
     const Outcome on =
@@ -74,8 +74,9 @@ TEST(Run, TakesCommandsStraightAfterItsStart) {
   }
 }
 
-// End-to-end tests cover the effects of commands on a real tracker. An old report that cannot be
-// moved is not taken for the new one; one that is moved comes back if no new one is written.
+// End-to-end tests cover the effects of commands on a real tracker. If the old report cannot be
+// moved, it is not mistaken for the new one. If it is moved and no new one is written, it is
+// restored.
 TEST(Session, StatusFollowsTheLogAndReportsWait) {
   const TemporaryDirectory directory;
   const Outcome outcome = BesideProgram(directory, "--root root --log log", FIXTURE_SLEEPER, R"(
@@ -100,7 +101,7 @@ TEST(Session, StatusFollowsTheLogAndReportsWait) {
 }
 
 // Names of processes, files, libraries and functions can contain any bytes.
-TEST(Output, NoNameSteersTheTerminal) {
+TEST(Output, NamesCannotControlTheTerminal) {
   const TemporaryDirectory directory;
   const std::string name = "p\x1b[1m\x7f\xc2\x9b\x9b";
   std::filesystem::copy_file(FIXTURE_SLEEPER, directory.Path(name));
@@ -131,7 +132,7 @@ TEST(Output, NoNameSteersTheTerminal) {
 }
 
 // A user's process may name files that only root can read or write.
-TEST(Session, RootHasTheRightsOfTheProcessesUser) {
+TEST(Session, RootUsesTheRightsOfTheProcessOwner) {
   const TemporaryDirectory directory;
   const std::string become = "setpriv --reuid=1234 --regid=1234 --clear-groups ";
   if (Shell(become + FIXTURE_SLEEPER " </dev/null").code != 7) {
@@ -162,7 +163,7 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   const std::string file = directory.Write("file", "");
   const std::string cut =
       directory.Write("cut", "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 1\n");
-  // Programs of another width and machine, by single bytes of the ELF header.
+  // Programs of another width and machine: changes single bytes of the ELF header.
   Shell("cd " + directory.Path("") + R"(; mkdir -m 777 open; ln -s root link
     for f in narrow riscv setuid; do cp )" FIXTURE_SLEEPER R"( $f; done; chmod u+s setuid
     printf '\\001' | dd of=narrow bs=1 seek=4 conv=notrunc
@@ -210,7 +211,7 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   EXPECT_EQ(Memleak("show --partial " + cut).code, 0);
 }
 
-TEST(Output, IsWrittenAsAWholeAndNeverOverWhatIsRead) {
+TEST(Output, IsWrittenCompletelyAndNeverOverTheInput) {
   const TemporaryDirectory directory;
   const std::string text =
       "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 0\n"

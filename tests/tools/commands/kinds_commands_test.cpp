@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kinds on the command line, against a program with a fake tracker. What the real one would log
-// is written by the script.
+// Commands for the recorded kinds, against a program with a fake tracker. The script writes the
+// lines that the real tracker would log.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -13,7 +13,7 @@
 namespace memleak {
 namespace {
 
-// What the script does beside a program that has the fixture's libraries.
+// Runs a script beside a program that has loaded the fixture's libraries. Returns its output.
 Outcome BesideHooked(const TemporaryDirectory& directory, const std::string& options,
                      const std::string& script) {
   return BesideProgram(directory, "--root root --log log " + options, FIXTURE_HOOK_PROGRAM, script);
@@ -23,7 +23,7 @@ void ExpectHas(const std::string& text, const std::string& part) {
   EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
 }
 
-TEST(Kinds, OnTellsWhatTheTrackerSays) {
+TEST(Kinds, OnReportsTheTrackersAnswer) {
   const TemporaryDirectory directory;
   const Outcome outcome = BesideHooked(directory, "", R"(
     answer() { until grep -qs 0x900 log; do sleep 0.02; done; echo "$1" >>log; }
@@ -46,8 +46,8 @@ TEST(Kinds, OnTellsWhatTheTrackerSays) {
   ExpectHas(outcome.output, "code 2\nmemleak: libtools_hook_no_plt.so has no jump slot for mmap");
 }
 
-// What another process says in the log is its own. Without a log the slots would tell.
-TEST(Kinds, CommandsThatSpoilTheRecordsOfAnotherKindAreRefused) {
+// Log lines of other processes do not count. Without a log, the slots would show the state.
+TEST(Kinds, RefusesCommandsThatDamageOtherKinds) {
   const TemporaryDirectory directory;
   const Outcome outcome = BesideHooked(directory, "", R"(
     H='--kind mmap --lib libtools_hook_plain.so'
@@ -78,7 +78,7 @@ TEST(Kinds, CommandsThatSpoilTheRecordsOfAnotherKindAreRefused) {
   ExpectHas(outcome.output, "addr:0x40\nreceived_sig 44;addr:0x200\nreceived_sig 44;addr:0x80\n");
 }
 
-TEST(Kinds, EachMistakeIsOneLine) {
+TEST(Kinds, EachErrorIsOneLine) {
   const TemporaryDirectory directory;
   const Outcome outcome = BesideHooked(directory, "", R"(
     $M clear $P --kind sea; $M fd off $P; $M fd fly $P
@@ -97,7 +97,7 @@ TEST(Kinds, EachMistakeIsOneLine) {
             "libtools_hook_plain.so      yes       -       -       -     yes   other\n");
 }
 
-TEST(Kinds, RunStartsWithOne) {
+TEST(Kinds, RunStartsWithAKind) {
   const TemporaryDirectory directory;
   const Outcome outcome = BesideHooked(
       directory, "--start --report-at-exit --kind mmap --lib liba.so", "cat out root/properties");

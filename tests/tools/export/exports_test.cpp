@@ -46,7 +46,7 @@ TEST(Export, NamesAreMadeSafe) {
   EXPECT_EQ(PercentEscape("a;b c%\n\x7f\xff\xc3\xa4"), "a%3Bb%20c%25%0A%7F%FF\xc3\xa4");
   EXPECT_EQ(Printable("\xc2\x9b\xc2\xa0\x9b\t\\"), "\\xc2\\x9b\xc2\xa0\\x9b\\x09\\");
   EXPECT_EQ(ValidUtf8("ok \xc3\xa4 \xf0\x9f\x98\x80"), "ok \xc3\xa4 \xf0\x9f\x98\x80");
-  // Lone bytes, an overlong form, a surrogate, a value beyond the last, a torn end.
+  // Single bytes, an overlong form, a surrogate, a value above the maximum, an incomplete end.
   EXPECT_EQ(ValidUtf8("\xff|\xc0\xaf|\xed\xa0\x80|\xf5\x80\x80\x80|\xe2\x82"),
             "\xef\xbf\xbd|\xef\xbf\xbd\xef\xbf\xbd|\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd|"
             "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd|\xef\xbf\xbd\xef\xbf\xbd");
@@ -104,7 +104,7 @@ TEST(Export, CommandsReadReportsAndGuardGrowth) {
             "memleak: grew by 2,049 bytes, more than 2,048\n");
   EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 1);
   EXPECT_EQ(Shell(kMemleak + "diff " + new_report + " " + old_report + " --fail-over 0").code, 0);
-  // A document replaces its report. Java-native bytes count too.
+  // A document can replace its report. Java-native bytes count too.
   const std::string document = directory.Path("old.json");
   Shell(kMemleak + "export " + old_report + " --format json -o " + document);
   std::string java = grown;
@@ -113,7 +113,7 @@ TEST(Export, CommandsReadReportsAndGuardGrowth) {
   const std::string gate = " --fail-over 2k 2>&1 >/dev/null";
   EXPECT_EQ(Shell(kMemleak + "diff " + document + " " + java_report + gate).output,
             "memleak: grew by 2,056 bytes, more than 2,048\n");
-  // Damaged and truncated reports pass no gate.
+  // With a damaged or truncated report, --fail-over always fails.
   grown.replace(grown.find("3049"), 4, "12x4");
   directory.Write("new", grown);
   EXPECT_EQ(Shell(diff + " --fail-over 2k").code, 2);
@@ -123,7 +123,7 @@ TEST(Export, CommandsReadReportsAndGuardGrowth) {
   EXPECT_EQ(Shell(kMemleak + "export " + old_report + " --format pprof -o /dev/full").code, 2);
 }
 
-TEST(Export, DocumentsTellOfDamageToo) {
+TEST(Export, DocumentsReportDamageToo) {
   TemporaryDirectory directory;
   std::string text = kReport;
   for (int i = 0; i < 20; ++i) text.insert(text.find("sz 400"), "garbage\n");  // lines 6 to 25
@@ -150,12 +150,12 @@ TEST(Export, DocumentsTellOfDamageToo) {
     EXPECT_EQ(page.code, 2);
     has(page.output, "report is truncated: ");
   }
-  // Directories that one of two reports uses are no mistake.
+  // It is no error if only one of two reports uses the directories.
   EXPECT_EQ(output("diff " + report + " " + cut + " --partial --sysroot /").find("are ignored"),
             std::string::npos);
 }
 
-TEST(Export, EachReportGetsTheSymbolsOfItsTime) {
+TEST(Export, EachReportGetsTheSymbolsOfItsBuild) {
   TemporaryDirectory directory;
   const std::string library = directory.Path("lib.so");
   Shell("mkdir " + directory.Path("keep") + "; cp -p " FIXTURE_SYMBOLS " " + library +
@@ -170,7 +170,7 @@ TEST(Export, EachReportGetsTheSymbolsOfItsTime) {
   const std::string json = directory.Path("old.json");
   EXPECT_EQ(Shell(kMemleak + "export " + report + " --format json -o " + json).output, "");
 
-  // Replaces the library by another build.
+  // Replaces the library with another build.
   Shell("cp " FIXTURE_HOOK_PLAIN " " + library + "; touch -d '+1 minute' " + library);
   const std::string diff = kMemleak + "diff ";
   const std::string warning = "memleak: names may be wrong: ";

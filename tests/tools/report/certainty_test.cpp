@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Diff and trend against a literal model: random heaps, written as reports that may be cut, damaged
-// or read from documents. Exactly what the lists determine is claimed, and it is true of the heaps.
+// Compares diff and trend with a literal model: random heaps, written as reports that may be cut,
+// damaged or read from documents. The claims are exactly those that follow from the lists, and they
+// are true of the heaps.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,7 +43,8 @@ std::string FunctionOf(const Site& site) {
   return site.library == kPlain ? "" : site.place < 5 ? "f" : "g";
 }
 
-// The name of a group: all sites that differ only in places within functions have the same.
+// The name of a group. All sites that differ only by the place within a function have the same
+// name.
 std::string RowName(GroupKind kind, std::uint64_t size, std::string_view library,
                     std::string_view function) {
   const std::size_t offset = function.find("+0x");  // after the library's name
@@ -85,7 +87,7 @@ Heap Next(const Heap& earlier, Random& random) {
   return heap;
 }
 
-// Writes the report of a heap, in which library 2 is of another build if `rebuilt`.
+// Writes the report of a heap. If `rebuilt` is set, library 2 is of another build.
 Written Write(const Heap& heap, bool rebuilt, Random& random) {
   Written written{heap, {}, {}};
   std::vector<std::pair<Site, std::uint64_t>> sites(heap.begin(), heap.end());
@@ -132,12 +134,12 @@ Written Write(const Heap& heap, bool rebuilt, Random& random) {
   return written;
 }
 
-/// What the lists of all reports say of a group in one of them.
+/// The lists of all reports, as far as they concern a group in one report.
 struct Claim {
   bool known = false;
   std::uint64_t count = 0;  // of the listed blocks
   std::uint64_t total = 0;
-  std::uint64_t truth = 0;  // bytes that the heap holds at the sites that any report lists
+  std::uint64_t truth = 0;  // bytes of the heap at the sites that any report lists
 };
 
 // The claims of each group, by report. In library 2 call sites are counted only if it was rebuilt.
@@ -192,7 +194,7 @@ void ExpectClaim(const Claim& claim, const GroupValue& value) {
   EXPECT_EQ(value.total, claim.total);
 }
 
-TEST(Certainty, ClaimsWhatTheListsDetermine) {
+TEST(Certainty, ClaimsExactlyWhatTheListsDetermine) {
   std::map<Change, int> seen;
   int known_in_cut_lists = 0;
   for (unsigned seed = 1; seed <= 1000 && !testing::Test::HasFailure(); ++seed) {
@@ -253,7 +255,7 @@ TEST(Line, IntervalOfFewAndOfManyPoints) {
 
 // The tracker keeps a record of each backtrace in each of its tables. A group lists at most 30 ages
 // of one record, that of its first block.
-TEST(Certainty, OwnAgesAreTheGroups) {
+TEST(Certainty, OwnAgesBelongToTheGroup) {
   using Ages = std::vector<std::int64_t>;
   const TemporaryDirectory directory;
   std::map<std::string, int> seen;

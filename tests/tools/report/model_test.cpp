@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// From a report's text to the model, to its JSON document and back.
+// Reads a report into the model, writes the model as a JSON document, and reads that.
 #include "tools/report/model.h"
 
 #include <gtest/gtest.h>

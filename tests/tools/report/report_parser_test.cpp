@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report parser against the library's writer: random records are read back equal, and damage
-// removes what it hits and nothing else. Maps, record store, clock and device are fakes.
+// Tests the report parser with the library's writer. Random records are read back unchanged. Damage
+// removes only the damaged group or line. Maps, record store, clock and device are fakes.
 #include "tools/report/report_parser.h"
 
 #include <gtest/gtest.h>
@@ -26,13 +26,13 @@ namespace {
 
 constexpr std::int64_t kNow = 1'700'000'000;
 
-/// What the fakes return.
+/// The fakes' results.
 struct World {
   std::string report_path;
   std::vector<RecordStruct> records;
   std::uint64_t total = 0;
   std::uint64_t depth = 0;
-  std::vector<MapEntry> mappings;  // a pc is the index above 32 bits, and the offset below
+  std::vector<MapEntry> mappings;  // a pc has the index above bit 31, the offset below
   PointerSet* sets = PointerSet::MakeAll();
 };
 World world;
@@ -93,7 +93,7 @@ struct Group {
 struct Report {
   std::array<std::uint64_t, 4> header{};
   std::vector<Group> groups;
-  std::size_t native = 0;  // how many of them come first
+  std::size_t native = 0;  // number of native groups, which come first
   std::vector<std::uint64_t> damaged;
   bool complete = false;
 };
@@ -123,7 +123,7 @@ Report Read(const std::string& text) {
   return report;
 }
 
-// A name of a mapping or a function. It may contain parts of what surrounds it in the report.
+// A name of a mapping or a function. It may contain parts of the report's syntax.
 std::string RandomName(Random& random) {
   constexpr std::array kParts = {"/",    "lib", " (deleted)", "[1] ", "+0x",      "12",
                                  "+0xg", "]y",  "\xff",       "ä",    "[unknow]", "#00 rel_pc "};
@@ -135,7 +135,7 @@ std::string RandomName(Random& random) {
   return name;
 }
 
-// Fills the world, and returns what its report must read as.
+// Fills the world. Returns the report that the parser must read.
 Report FillWorld(Random& random) {
   Report expected;
   world.mappings.resize(20);
@@ -164,7 +164,7 @@ Report FillWorld(Random& random) {
     if (i < 1000 && !group.frames.empty() && !group.ages.empty()) expected.groups.push_back(group);
   }
   expected.native = expected.groups.size();
-  std::uint64_t size = 0;  // no two are equal, so the order of the groups is known
+  std::uint64_t size = 0;  // all different, so the order of the groups is known
   for (std::uint64_t i = 0; i < PointerSet::kCount; ++i) {
     PointerSet& set = world.sets[i];
     set.java_pointers.clear();
@@ -187,7 +187,7 @@ Report FillWorld(Random& random) {
   return expected;
 }
 
-// What is read of `text` after line `number`, counted from 1, was replaced.
+// Reads `text`. Line `number`, counted from 1, was replaced.
 Report ReadDamaged(std::string text, std::uint64_t number) {
   std::size_t begin = 0;
   for (std::uint64_t line = 1; line < number; ++line) begin = text.find('\n', begin) + 1;
@@ -209,7 +209,7 @@ TEST(ReportParser, ReadsWhatTheLibraryWrites) {
     EXPECT_EQ(whole.groups, expected.groups);
     EXPECT_EQ(whole.native, expected.native);
 
-    // A text that was cut off delivers the groups before the cut.
+    // From a truncated text the parser reads the groups before the cut.
     const Report cut = Read(text.substr(0, random() % text.size()));
     EXPECT_FALSE(cut.complete);
     ASSERT_LE(cut.groups.size(), whole.groups.size());
@@ -218,8 +218,8 @@ TEST(ReportParser, ReadsWhatTheLibraryWrites) {
     const std::uint64_t head = 2 + random() % 3;
     EXPECT_EQ(ReadDamaged(text, head).damaged, std::vector<std::uint64_t>{head});
     if (whole.groups.empty()) continue;
-    // A damaged line loses its group. The first line of a Java-native group might have been a frame
-    // of the group before.
+    // A damaged line removes its group. If it is the first line of a Java-native group, it may have
+    // been a frame of the group before.
     const std::size_t lost = random() % whole.groups.size();
     const auto lines = [&](std::size_t group) {
       return group < whole.native ? 1 : 1 + whole.groups[group].frames.size();
@@ -244,7 +244,7 @@ const std::string kJavaRule =
     "==============================Java-Native Stack==============================\n";
 
 TEST(ReportParser, ReadsTextsThatTheLibraryDoesNotWrite) {
-  // Lines of the head are missing, and groups too.
+  // Some lines of the head are missing, and the groups too.
   for (const char* lacking : {"Total", "Allocation", "Backtrace"}) {
     const std::size_t begin = kHead.find(lacking);
     const std::string head = std::string(kHead).erase(begin, kHead.find('\n', begin) + 1 - begin);
@@ -252,7 +252,7 @@ TEST(ReportParser, ReadsTextsThatTheLibraryDoesNotWrite) {
       EXPECT_EQ(Read(head + group + kJavaRule + "END").damaged, std::vector<std::uint64_t>{0});
     }
   }
-  // Editors close the last line.
+  // Editors add a newline at the end.
   for (const char* closing : {"", "\n", "\r\n"}) {
     const Report copy = Read(kHead + kJavaRule + "sz 8 8 num 1\n#00 rel_pc 0 f\nEND" + closing);
     EXPECT_TRUE(copy.complete);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// From mapping offsets to functions and lines, on a library whose lines are known.
+// From mapping offsets to functions and lines, with a library whose lines are known.
 #include "tools/symbols/symbolizer.h"
 
 #include <dlfcn.h>
@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#ifndef FIXTURE_ARM64_SYMBOLS  // no cross compiler, or it is this machine's
+#ifndef FIXTURE_ARM64_SYMBOLS  // no cross compiler for another architecture
 #define FIXTURE_ARM64_SYMBOLS FIXTURE_SYMBOLS
 #endif
 
@@ -82,7 +82,7 @@ TEST(Symbolizer, NamesWithoutFilesHaveNoSymbols) {
     EXPECT_EQ(symbolizer.StateOf(name).hint, name[0] == '/' ? name : "");
   }
   EXPECT_TRUE(symbolizer.Resolve(FIXTURE_SYMBOLS, 0x7fffffffffff).symbols.empty());
-  // Another file may stand there by now.
+  // The path may now name another file.
   EXPECT_FALSE(symbolizer.StateOf(std::string(FIXTURE_SYMBOLS) + " (deleted)").found);
 }
 
@@ -102,7 +102,7 @@ void Strip(const TemporaryDirectory& directory, const std::string& remove = "") 
   ASSERT_EQ(outcome.code, 0) << outcome.output;
 }
 
-// libdwfl does the search; these are the places that the help promises.
+// libdwfl does the search. The help text lists these places.
 TEST(Symbolizer, FindsSeparateDebugFilesOfTheSameBuild) {
   const TemporaryDirectory directory;
   Strip(directory);
@@ -134,7 +134,7 @@ TEST(Symbolizer, FindsSeparateDebugFilesOfTheSameBuild) {
   EXPECT_EQ(LineOfPlain(other.Path("lib.so"), {}), 0U) << "of another build";
 }
 
-TEST(Symbolizer, SysrootStandsForTheDevice) {
+TEST(Symbolizer, SysrootReplacesTheRootDirectory) {
   const TemporaryDirectory device;
   std::filesystem::create_directories(device.Path("system/lib64"));
   std::filesystem::copy(FIXTURE_SYMBOLS, device.Path("system/lib64/libdevice.so"));
@@ -146,7 +146,7 @@ TEST(Symbolizer, SysrootStandsForTheDevice) {
   EXPECT_EQ(LineOfPlain("/data/app/base.apk!/lib/arm64/libdevice.so", symbols), 113U);
 }
 
-// A file of one executable segment at 0x5000, as far as it is looked at, with three calls.
+// The parts of an ELF file that are read: one executable segment at 0x5000 with three calls.
 std::vector<char> CodeFile(std::uint16_t machine, std::uint64_t align) {
   std::vector<char> image(0x2000);
   Elf64_Ehdr header{};
@@ -171,7 +171,7 @@ std::vector<char> CodeFile(std::uint16_t machine, std::uint64_t align) {
   return image;
 }
 
-TEST(Symbolizer, PageSizeFollowsFromWhereCallsAre) {
+TEST(Symbolizer, PageSizeFollowsFromTheCalls) {
   elf_version(EV_CURRENT);
   const auto guess = [](std::uint16_t machine, std::uint64_t align,
                         const std::vector<std::uint64_t>& offsets) {
@@ -181,8 +181,8 @@ TEST(Symbolizer, PageSizeFollowsFromWhereCallsAre) {
     elf_end(elf);
     return page;
   };
-  const std::vector<std::uint64_t> small = {0x100, 0x204, 0x309};     // the call, or a byte into it
-  const std::vector<std::uint64_t> large = {0x1104, 0x1208, 0x1000};  // behind calls, but for one
+  const std::vector<std::uint64_t> small = {0x100, 0x204, 0x309};     // a call, or its second byte
+  const std::vector<std::uint64_t> large = {0x1104, 0x1208, 0x1000};  // after calls, except one
   EXPECT_EQ(guess(EM_AARCH64, 0x4000, small), 4096U);
   EXPECT_EQ(guess(EM_AARCH64, 0x4000, large), 16384U);
   EXPECT_EQ(guess(EM_AARCH64, 0x1000, large), 4096U) << "cannot be loaded with larger pages";
@@ -193,7 +193,7 @@ TEST(Symbolizer, PageSizeFollowsFromWhereCallsAre) {
   EXPECT_EQ(FileAddress(0x234, 0x15f80, 16384), 0x14234U);
 }
 
-TEST(Symbolizer, AsksNoServerUnlessToldTo) {
+TEST(Symbolizer, AsksAServerOnlyOnRequest) {
   const int listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -220,7 +220,7 @@ TEST(Symbolizer, Names) {
   EXPECT_EQ(Demangle("_RNvNtCs1234_7mycrate3foo3bar"), "mycrate::foo::bar");
   EXPECT_EQ(Demangle("i"), "i");
   EXPECT_EQ(Demangle("_Zbroken"), "_Zbroken");
-  // Each argument holds the one before twice.
+  // Each argument contains the previous one twice.
   std::string bomb = "_Z1f1AIiiE";
   const std::string digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
   std::string last = "S0_";

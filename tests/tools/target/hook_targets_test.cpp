@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be hooked, judged from files, maps, memory and log: against a fixture library in this
-// very process, whose slot a test turns into what it wants to see.
+// What can be hooked, according to files, maps, memory and log. The tests load a fixture library
+// into this process and change its slot.
 #include "tools/target/hook_targets.h"
 
 #include <dlfcn.h>
@@ -27,7 +27,7 @@ const Import* FindImport(const DynamicFile& file, const std::string& function) {
   return nullptr;
 }
 
-TEST(DynamicFile, TellsJumpSlotsFromAddresses) {
+TEST(DynamicFile, DistinguishesJumpSlotsFromAddresses) {
   const auto plain = ReadDynamicFile(FIXTURE_HOOK_PLAIN, HookableFunctions());
   ASSERT_TRUE(plain);
   EXPECT_EQ(plain->soname, kPlain);
@@ -42,8 +42,8 @@ TEST(DynamicFile, TellsJumpSlotsFromAddresses) {
   EXPECT_FALSE(ReadDynamicFile("/dev/zero", HookableFunctions()));
 }
 
-// Whatever a damaged file says, nothing outside it is read: the sanitizers watch.
-TEST(DynamicFile, DamagedFilesYieldLessButNoHarm) {
+// Damaged files never cause a read outside of the file. The sanitizers check this.
+TEST(DynamicFile, DamagedFilesAreSafe) {
   const TemporaryDirectory directory;
   const std::string whole = ReadTextFile(FIXTURE_HOOK_PLAIN).value_or("");
   ASSERT_GT(whole.size(), 4096U);
@@ -53,7 +53,8 @@ TEST(DynamicFile, DamagedFilesYieldLessButNoHarm) {
     if (file) ++readable;
   };
   for (std::size_t size = 0; size < whole.size(); size += 509) read(whole.substr(0, size));
-  // Headers and dynamic section (its first tag here is DT_INIT), eight bytes at a time.
+  // Overwrites the headers and the dynamic section, eight bytes at a time. The section starts with
+  // DT_INIT.
   const std::string dynamic("\x0c\0\0\0\0\0\0\0", 8);
   for (const std::size_t start : {std::size_t{0}, whole.find(dynamic, 4096)}) {
     for (std::size_t at = start; at < start + 512 && at + 8 <= whole.size(); at += 8) {
@@ -67,7 +68,7 @@ TEST(DynamicFile, DamagedFilesYieldLessButNoHarm) {
   EXPECT_GT(readable, 100U);
 }
 
-TEST(Names, AreStrippedOnceAndOnlyAsLongAsASettingHolds) {
+TEST(Names, AreStrippedOnceAndLimitedInLength) {
   EXPECT_EQ(ParseNames("--lib", " /usr/lib/liba.so, my lib.so\t,,liba.so"),
             (std::vector<std::string>{"liba.so", "my lib.so"}));
   EXPECT_THROW(ParseNames("--lib", " ,/,"), UserError);
@@ -89,7 +90,7 @@ TEST(Names, AreStrippedOnceAndOnlyAsLongAsASettingHolds) {
   }
 }
 
-TEST(Maps, LinesWithBlanksDeletedFilesAndDamage) {
+TEST(Maps, ReadsBlanksDeletedFilesAndDamage) {
   const std::vector<Mapping> mappings = ParseMaps(
       "7f00-7f10 r-xp 00001000 08:01 42    /a b/lib.so (deleted)\nnonsense\n7f10-7f2\n"
       "8000-9000 rwxp 00000000 00:00 0 \n9000-b000 rwxp 0 0:0 0 [anon:plthooks plt trampolines]\n");
@@ -110,7 +111,7 @@ TEST(Log, StateOfTheHooksAfterTheLastCommand) {
   EXPECT_EQ(HooksFromLog(log), "ion paused");
   const std::string off = "recording off (stopped by a report)";
   EXPECT_EQ(HooksFromLog(log + "received_sig 44;addr:0x4000\n"), off);
-  // Several in one word: in the tracker's order, up to an "on" that fails.
+  // Several commands in one word: in the tracker's order, until an "on" fails.
   const std::string on = "set mmaphook to:true, btsize:10, btType:0\n";
   EXPECT_EQ(HooksFromLog("received_sig 44;addr:0x500\n" + on), off);
   EXPECT_EQ(HooksFromLog("received_sig 44;addr:0x300\n" + on + "set mmaphook to:false\n"),
@@ -136,7 +137,7 @@ class Loaded : public testing::Test {
     }
     return nullptr;
   }
-  // Lets the slot of `function` lead to `target`; returns where it led before.
+  // Makes the slot of `function` point to `target`. Returns its old value.
   void* Turn(const char* function, void* target) const {
     const LoadedLibrary* library = Library("libother_name.so.3");
     if (library == nullptr) return nullptr;
@@ -155,8 +156,8 @@ class Loaded : public testing::Test {
   LoadedLibraries loaded_;
 };
 
-// The tracker goes by the name that a library was loaded by, here that of a link to it.
-TEST_F(Loaded, GoesByTheNameOfLoading) {
+// The tracker uses the name with which a library was loaded. Here that is a link to it.
+TEST_F(Loaded, UsesTheNameOfLoading) {
   ASSERT_NE(handle_, nullptr) << dlerror();
   ASSERT_NE(Library("libother_name.so.3"), nullptr);
   EXPECT_EQ(Library(kPlain), nullptr);
@@ -186,9 +187,9 @@ TEST_F(Loaded, EachProblemIsOneLine) {
   Turn("munmap", before);
 }
 
-// The settings name libraries and functions apart: what the plan leaves out may be hooked with
-// them.
-TEST_F(Loaded, TwoSlotsAreLeftOutUnlessOtherPairsBringThemIn) {
+// The settings name libraries and functions in separate lists. So a pair that the plan leaves out
+// is hooked if other pairs name its library and its function.
+TEST_F(Loaded, LeavesTwoSlotsOutUnlessOtherPairsIncludeThem) {
   for (LoadedLibrary& library : loaded_.libraries) {
     if (library.name != "libother_name.so.3") continue;
     library.file->imports.push_back(*FindImport(*library.file, "munmap"));
@@ -209,7 +210,7 @@ TEST_F(Loaded, TwoSlotsAreLeftOutUnlessOtherPairsBringThemIn) {
   EXPECT_NE(problem(both).find("hooked there anyway"), std::string::npos) << problem(both);
 }
 
-TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
+TEST_F(Loaded, ReadsTheOutcomeFromLogOrSlots) {
   const TemporaryDirectory directory;
   const HookPlan plan = Plan({{kPlain}, {"mmap", "munmap"}, true});
   const Kind& kind = protocol::KindOf(protocol::MMAP);
@@ -231,7 +232,7 @@ TEST_F(Loaded, TheLogOrTheSlotsTellWhatCameOfIt) {
   ASSERT_EQ(told.hooked.size(), 1U);
   EXPECT_EQ(told.hooked[0].function, "munmap");
 
-  // With all of the plan hooked, only what the engine gave a reason for is worth telling.
+  // All of the plan is hooked: only errors for which the engine gave a reason are reported.
   const std::string line = "1.7 " + pid + " 1 E ";
   Refresh();
   const HookPlan one = Plan({{kPlain}, {"munmap"}, true});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Commands reach tracked processes and spare those that the signal would kill.
+// Commands reach tracked processes and are not sent to processes that the signal would kill.
 #include "tools/target/signal_sender.h"
 
 #include <fcntl.h>
@@ -48,7 +48,7 @@ class Child {
     EXPECT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
     pid_ = fork();
     if (pid_ == 0) {
-      // Keep it pending until the child waits for it.
+      // The signal stays pending until the child waits for it.
       sigset_t blocked;
       sigset_t before;
       sigemptyset(&blocked);
@@ -96,7 +96,7 @@ std::string RefusalOf(pid_t pid) {
   return "sent";
 }
 
-TEST(SendCommand, CarriesBothWordsToAProcessThatIsPreparedAndSparesOthers) {
+TEST(SendCommand, SendsBothWordsToPreparedProcessesOnly) {
   Child child([] {
     MapTracker();
     CatchControlSignal();
@@ -114,7 +114,7 @@ TEST(SendCommand, CarriesBothWordsToAProcessThatIsPreparedAndSparesOthers) {
   EXPECT_TRUE(deaf.Runs());
 }
 
-TEST(SendCommand, KnowsProcessesThatAreGone) {
+TEST(SendCommand, RefusesProcessesThatHaveEnded) {
   const pid_t zombie = fork();
   if (zombie == 0) _exit(0);
   siginfo_t info;

@@ -91,18 +91,18 @@ TEST(Show, PrintsEveryViewAndWhatItOmits) {
                 "\n   2.0 KiB  51.2 %    inner(int)\n", "\n     500 B  12.5 %    inner(int)\n",
                 "\n     500 B  12.5 %    unknown.so+0xabc\n"});
   ExpectPrints(Sample(), {.view = View::kCallers, .top = 1}, {"\n     510 B  12.8 %  (2 more)\n"});
-  // In another order a small branch may come first.
+  // With another order a small branch may come first.
   Profile aged = Sample();
   aged.groups[0].ages = {300};
   ExpectPrints(aged, {.view = View::kCallers, .top = 2, .selection = {.sort = SortKey::kAge}},
                {"  oldest  from", "   3m 20s  inner", "unknown.so+0xabc", "      5m  (1 more)"});
   ExpectPrints(aged, {.view = View::kCallers, .top = 0, .selection = {.sort = SortKey::kCount}},
                {"5  unknown.so+0xabc", "2  inner(int)"});
-  // Groups without a stack are a branch. A single small branch is drawn, not counted.
+  // Groups without a stack form a branch. A single small branch is printed, not summed up.
   aged.groups[1].stack.clear();
   ExpectPrints(aged, {.view = View::kTree},
                {"\n   2.0 KiB  51.2 %  (no stack)\n", "\n      10 B   0.2 %  [unknown]\n"});
-  // A hostile head takes no wider terminal, and sums stop at the largest number.
+  // A hostile head does not make lines wider. Sums stop at the largest number.
   Profile one;
   const std::uint64_t most = ~std::uint64_t{0};
   one.header = {.total_bytes = most, .groups = most, .listed = most, .backtrace_size = most};
@@ -114,7 +114,7 @@ TEST(Show, PrintsEveryViewAndWhatItOmits) {
   ExpectPrints(empty, {}, {kNothingHeld});
 }
 
-TEST(Show, AgesSelectAndTellGrowth) {
+TEST(Show, AgesSelectGroupsAndShowGrowth) {
   const Profile profile = Sample();
   EXPECT_EQ(SelectGroups(profile, {.older_than = 199}).groups, (std::vector<std::size_t>{1, 2}));
   EXPECT_EQ(SelectGroups(profile, {.kind = GroupKind::kJava, .older_than = 0}).cut.groups, 1U);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The system properties of a device, as far as the controller uses them; see played_device.cpp.
+// The part of Android's system properties that the controller uses. fake_device.cpp defines it.
 #pragma once
 
 #define PROP_VALUE_MAX 92

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A device in a directory, the one that MEMLEAK_TRACKER_ROOT names: its root, and its properties,
-// which cannot be set when there is a file "refused". Linked into the controller's device edition.
+// A simulated device: the directory that MEMLEAK_TRACKER_ROOT names is its root and contains its
+// properties. Setting a property fails if a file "refused" exists there. Linked into the controller
+// for devices.
 #include <sys/system_properties.h>
 
 #include <cstdlib>
