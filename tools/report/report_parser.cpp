@@ -22,8 +22,6 @@ constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0
 constexpr std::string_view kJavaRule =
     "==============================Java-Native Stack==============================";
 constexpr std::string_view kEnd = protocol::kReportEnd;
-// Editors and terminals end the last line, the tracker does not.
-constexpr std::string_view kEndOfCopy = "END\r";
 // Misspelled by the tracker.
 constexpr std::string_view kUnknownFrame = "[unknow]";
 // The lines of the head. Each occurs once.
@@ -177,7 +175,7 @@ class ReportPass {
       return true;
     }
     if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "an end mark before the end");
-    // Editors and copies over a terminal close the last line; the tracker does not.
+    // Editors and copies from a terminal end the last line. The tracker does not.
     if (line == kEnd || (line.ends_with('\r') && line.substr(0, line.size() - 1) == kEnd)) {
       end_number_ = number_;
     } else if (!closed) {
