@@ -35,9 +35,9 @@ inline Outcome Shell(const std::string& command) {
 /// Runs `script` in `directory` beside `program`, which memleak runs with `options` and
 /// `environment`: $M is memleak, $P the program, whose output is in the file "out". It is ended by
 /// the end of its input.
-inline Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
-                             const std::string& program, const std::string& script,
-                             const std::string& environment = "") {
+inline Outcome WithProgram(const TemporaryDirectory& directory, const std::string& options,
+                           const std::string& program, const std::string& script,
+                           const std::string& environment = "") {
   return Shell("cd " + directory.Path("") + "; M=" MEMLEAK_PROGRAM "; mkfifo fifo; " + environment +
                " $M run --libdir " FIXTURE_LIBDIR " " + options + " -- " + program +
                " <fifo >out & P=$!; exec 3>fifo; until grep -qs ready out; do sleep 0.02; done; " +
