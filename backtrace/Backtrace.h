@@ -39,23 +39,24 @@ inline void SetBacktraceSize(std::uint32_t size) {
 /// The frame-pointer walk covers this many bytes above its first frame. It ends earlier if the
 /// readable part of the stack does (platform/readable_stack.h).
 inline constexpr std::uint64_t kWalkBytes = 4096;
-/// The most frames that the walk can return: a frame record has two words.
+/// Maximum number of frames that the walk returns: a frame record has two words.
 inline constexpr std::size_t kWalkLimit = kWalkBytes / (2 * sizeof(std::uint64_t));
-/// The most frames requested from the unwinder. Deeper stacks are of no use in a report.
+/// Maximum number of frames requested from the unwinder. Deeper stacks are of no use in a report.
 inline constexpr std::size_t kUnwindLimit = 1024;
 
-/// The most frames that BacktraceGet can return with the current type, whatever its `max_frames`:
-/// the size limit of a capture buffer. 0 for an invalid type. Any thread, any context.
+/// Returns the maximum number of frames that BacktraceGet can return with the current type, for any
+/// `max_frames`: the size limit of a capture buffer. 0 for an invalid type. Any thread, any
+/// context.
 inline std::size_t BacktraceCaptureLimit() {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
   if (type == protocol::kUnwindFramePointers) return kWalkLimit;
   return type == protocol::kUnwindTables ? kUnwindLimit : 0;
 }
 
-/// The most frames for which the capture buffer is on the stack, with the current type. The limit
-/// keeps small stacks safe (coroutines, signal handlers): a recorded allocation then uses at most
-/// 1 KiB of stack with frame pointers, and 1.9 KiB with the unwinder, which uses up to 1 KiB
-/// itself. Any thread, any context.
+/// Returns the maximum number of frames for which the capture buffer is on the stack, with the
+/// current type. The limit keeps small stacks safe (coroutines, signal handlers): a recorded
+/// allocation then uses at most 1 KiB of stack with frame pointers, and 1.9 KiB with the unwinder,
+/// of which the unwinder itself uses up to 1 KiB. Any thread, any context.
 inline std::size_t BacktraceStackFrames() {
   const char type = current_backtrace_type.load(std::memory_order_relaxed);
   return type == protocol::kUnwindFramePointers ? 36 : 24;
@@ -70,7 +71,7 @@ inline std::size_t BacktraceStackFrames() {
 /// of these levels: where the compiler places locals above the frame record (GCC on aarch64), a
 /// large local buffer in them shortens the walk.
 ///
-/// Any thread. Takes no lock of its own. The frame-pointer walk allocates nothing and is
-/// async-signal-safe. For the unwinder see platform/call_stack.h.
+/// Any thread. The frame-pointer walk takes no lock, allocates nothing and is async-signal-safe.
+/// For the unwinder see platform/call_stack.h.
 std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
                          std::vector<unwindstack::FrameData>& frame_data);

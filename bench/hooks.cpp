@@ -231,8 +231,9 @@ void Print(const CallTable& calls, double index, const SlotTimes& slots) {
 
 int main(int argc, char** argv) {
   if (argc > 2) Fail("usage", "memleak_bench_hooks [PATH-OF-libmemleak_bench_calls.so]");
-  const auto beside = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
-  const std::string path = argc == 2 ? argv[1] : beside / "lib/libmemleak_bench_calls.so";
+  const auto directory =
+      std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+  const std::string path = argc == 2 ? argv[1] : directory / "lib/libmemleak_bench_calls.so";
   if (access(path.c_str(), R_OK) != 0) Fail("no library to hook", path.c_str());
   const std::vector<Library> libraries = LoadCopies(path, kLibraries);
   const double index = IndexSeconds();

@@ -84,7 +84,7 @@ void WriteLongReport(const std::string& path) {
   while (static_cast<std::size_t>(out.tellp()) < kReportBytes) {
     out << "sz 32 64 num 2\n";
     for (int frame = 0; frame < 16; ++frame) {
-      // Many more call sites than a real process has.
+      // More call sites than a real process has.
       const std::uint64_t place = next() >> 47U;
       out << "#" << (frame < 10 ? "0" : "") << std::dec << frame << std::hex << " rel_pc "
           << 16 * place << " art::interpreter::Execute" << place / 4 << "(int)\n";

@@ -4,9 +4,10 @@
 //
 //   memleak_bench_unwind [--seconds S] [--stacks N]
 //
-// Goes along N (512) call paths of 10 and of 32 functions without frame pointers, in random order,
-// and captures at the end of each, once in one run and five times in the next: the difference is
-// what four captures take, without what they overlap with. Processor time, the best of nine runs.
+// Runs N (512) call paths of 10 and of 32 functions without frame pointers, in random order.
+// Captures the stack at the end of each path: once in the first run, five times in the second. The
+// difference is the cost of four captures without that of the calls. Prints processor time, the
+// best of nine runs.
 #include <time.h>
 
 #include <algorithm>
@@ -23,9 +24,9 @@
 namespace {
 
 constexpr unsigned kFunctions = 4;
-constexpr unsigned kMostFrames = 64;
+constexpr unsigned kMaxFrames = 64;
 
-std::uint64_t g_pcs[kMostFrames];
+std::uint64_t g_pcs[kMaxFrames];
 std::size_t g_max = 0;
 std::uint64_t g_captured = 0;
 
@@ -37,7 +38,7 @@ KEEPS_FRAME_RECORD void Capture(int captures) {
   __asm__ volatile("" ::: "memory");
 }
 
-/// Stands for the tracker's entry.
+/// Replaces the tracker's entry.
 KEEPS_FRAME_RECORD void Entry(int captures) {
   Capture(captures);
   __asm__ volatile("" ::: "memory");
@@ -72,7 +73,7 @@ unsigned Level(std::uint64_t path, int captures) {
   return static_cast<unsigned>(frame[0]) + kIndex;
 }
 
-/// Processor time: other programs may run meanwhile.
+/// Returns processor time, because other programs may run meanwhile.
 double NowSeconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);

@@ -21,8 +21,8 @@ struct AllocatorTable {
   struct mallinfo2 (*mallinfo2)();
 };
 
-/// The table until the next allocator is known: looks it up at the first call (next_allocator.cpp).
-/// Constant-initialized.
+/// The table until the next allocator is known. Its functions look up the next allocator at the
+/// first call (next_allocator.cpp). Constant-initialized.
 // NOLINTNEXTLINE(bugprone-dynamic-static-initializers)
 extern const AllocatorTable kBootstrapTable;
 
@@ -56,7 +56,7 @@ inline constexpr AllocatorEntry kAllocatorEntries[] = {
     {"malloc_info", offsetof(MallocDispatch, malloc_info), true},
 };
 
-/// Stores `function`, as dlsym returned it, in the slot of `entry`.
+/// Stores `function`, a result of dlsym, in the slot of `entry`.
 inline void SetEntry(MallocDispatch& calls, const AllocatorEntry& entry, void* function) {
   __builtin_memcpy(reinterpret_cast<char*>(&calls) + entry.offset, &function, sizeof function);
 }

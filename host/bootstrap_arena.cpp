@@ -11,7 +11,7 @@
 namespace host {
 namespace {
 
-// Lookups need some hundred bytes, for the texts of dlerror. Unused pages of the array take no
+// A lookup needs a few hundred bytes for the texts of dlerror. Unused pages of the array take no
 // memory.
 constexpr size_t kArenaBytes = size_t{256} << 10;
 // Holds the size before each block. Keeps blocks aligned as those of malloc.

@@ -14,14 +14,14 @@ namespace host {
 /// errno ENOMEM when the arena is full. Lock-free, any thread.
 void* ArenaAllocate(size_t alignment, size_t size);
 
-/// Whether `pointer` lies in the arena. False for null.
+/// Whether `pointer` is in the arena. Returns false for null.
 bool ArenaContains(const void* pointer);
 
-/// The requested size of the arena block at `pointer`.
+/// Returns the requested size of the arena block at `pointer`.
 size_t ArenaBlockSize(const void* pointer);
 
-/// Call before a block is allocated; afterwards ArenaUsed is true. Both are sequentially
-/// consistent: next_allocator.cpp relies on it.
+/// Call MarkArenaUsed before a block is allocated; ArenaUsed then returns true. Both functions are
+/// sequentially consistent: next_allocator.cpp relies on it.
 void MarkArenaUsed();
 bool ArenaUsed();
 

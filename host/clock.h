@@ -9,7 +9,7 @@
 
 namespace host {
 
-/// Milliseconds of the monotonic clock.
+/// Returns the time of the monotonic clock in milliseconds.
 inline int64_t NowMs() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);

@@ -16,8 +16,8 @@
 #include <atomic>
 
 #include "host/clock.h"
+#include "host/print_error.h"
 #include "host/report_thread.h"
-#include "host/say.h"
 #include "protocol/kinds.h"
 
 namespace host {
@@ -27,8 +27,8 @@ using protocol::control_signal;
 
 constexpr char kThreadName[] = "memleak-control";
 // How often the thread checks whether a report has ended. Most take some milliseconds.
-constexpr int kLookMs = 2;
-// How long a fork waits for a report that makes progress. After that the program goes on, and the
+constexpr int kPollMs = 2;
+// How long a fork waits for a report that makes progress. After that the fork proceeds, and the
 // child frees the locks of the record store.
 constexpr int kForkReportMs = 3000;
 
@@ -38,7 +38,7 @@ constexpr size_t kStackBytes = size_t{256} << 10;
 // Held to start or stop the thread or to wait for a command. A thread that forks holds it until
 // both processes have their control threads.
 pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
-// Under change_lock: the thread, whether it is there to be joined, and whether it should be.
+// Guarded by change_lock: the thread, whether it can be joined, and whether it should run.
 pthread_t thread;
 bool thread_started = false;
 bool thread_wanted = false;
@@ -57,15 +57,15 @@ struct Fetched {
   siginfo_t info;
   Command command;
 };
-// Commands that are fetched and not carried out, in order of arrival. A second one is fetched only
-// while the first waits for a report to end. Kept while the thread is stopped.
+// Commands that were fetched and are not carried out yet, in order of arrival. A second one is
+// fetched only while the first waits for a report to end. Kept while the thread is stopped.
 Fetched fetched[2];
 int fetched_count = 0;
 std::atomic<bool> report_waits{false};
 
 bool blocked_at_start = false;
 // Id of the thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
-// gone on without the lock.
+// proceeded without the lock.
 std::atomic<int> forking_thread{0};
 int fork_patience_ms = 0;  // set before the fork handlers are registered
 
@@ -73,7 +73,7 @@ int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
 }
 
-/// The time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
+/// Returns the time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
 timespec WallClock(int timeout_ms) {
   timespec moment;
   clock_gettime(CLOCK_REALTIME, &moment);
@@ -83,7 +83,7 @@ timespec WallClock(int timeout_ms) {
   return moment;
 }
 
-/// Waits while `word` is `value`. False when `deadline` (of NowMs) has passed.
+/// Waits while `word` is `value`. Returns false once `deadline` (of NowMs) has passed.
 bool WaitWhile(std::atomic<int>& word, int value, int64_t deadline) {
   while (word.load() == value) {
     const int64_t ms = deadline - NowMs();
@@ -110,8 +110,8 @@ sigset_t ControlSet() {
   return set;
 }
 
-/// All signals except those that the thread's own faults raise: the tracker recovers from some.
-/// (The C library leaves its internal ones out of a filled set.)
+/// Returns all signals except those that faults of this thread raise: the tracker recovers from
+/// some faults. (The C library excludes its internal signals from a filled set.)
 sigset_t AsynchronousSet() {
   sigset_t set;
   sigfillset(&set);
@@ -122,7 +122,7 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-/// Calls the present handler of the control signal, as the kernel would.
+/// Calls the current handler of the control signal, as the kernel would.
 void Deliver(siginfo_t& info) {
   struct sigaction action;
   if (sigaction(control_signal, nullptr, &action) != 0) return;
@@ -136,7 +136,7 @@ void Deliver(siginfo_t& info) {
 }
 
 /// Waits for a command, at most for the time `limit` (null: without limit), and appends it to the
-/// fetched ones. May return without one.
+/// fetched commands. May return without a command.
 void Fetch(const timespec* limit) {
   const sigset_t commands = ControlSet();
   Fetched& next = fetched[fetched_count];
@@ -177,8 +177,8 @@ bool FirstMustWait() {
   return true;
 }
 
-/// Fetches commands instead of unblocking the signal: this shows which command is carried out, and
-/// a missing handler does not kill the process.
+/// Fetches commands instead of unblocking the signal. So the thread knows which command it carries
+/// out, and a missing handler does not kill the process.
 void* ControlThread(void*) {
   prctl(PR_SET_NAME, kThreadName, 0, 0, 0);
   StoreAndWake(thread_id, ThreadId());
@@ -190,10 +190,10 @@ void* ControlThread(void*) {
     } else if (!FirstMustWait()) {
       CarryOut();
     } else if (fetched_count == 1) {
-      constexpr timespec kLook{0, kLookMs * 1'000'000L};
-      Fetch(&kLook);
+      constexpr timespec kPollInterval{0, kPollMs * 1'000'000L};
+      Fetch(&kPollInterval);
     } else {
-      WaitWhile(stop, kRun, NowMs() + kLookMs);
+      WaitWhile(stop, kRun, NowMs() + kPollMs);
     }
   }
 }
@@ -225,7 +225,7 @@ bool StopUntil(const timespec& moment) {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   int error = pthread_timedjoin_np(thread, nullptr, &moment);
   int wanted = kStopWanted;
-  // Timed out, unless the thread has just decided to stop.
+  // The join has timed out, unless the thread has just decided to stop.
   if (error != 0 && !stop.compare_exchange_strong(wanted, kRun)) {
     error = pthread_join(thread, nullptr);
   }
@@ -237,23 +237,24 @@ bool StopUntil(const timespec& moment) {
   return true;
 }
 
-/// So the child never sees a half-done command. Also, an emulated child can start threads only if
-/// its parent had no others (qemu 7.2 miscounts them in a fork), and a report holds locks of the
-/// tracker and of the allocator, which would stay locked in the child.
+/// Stops the control thread before a fork, so that the child never sees an unfinished command.
+/// Also, an emulated child can start threads only if its parent had no others (qemu 7.2 miscounts
+/// them in a fork), and a report holds locks of the tracker and of the allocator, which would stay
+/// locked in the child.
 void BeforeFork() {
   const timespec moment = WallClock(fork_patience_ms);
   if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return;
   forking_thread.store(ThreadId());
   const bool stopped = StopUntil(moment);
   const bool reported = WaitWhileReportRuns(kForkReportMs);
-  // Its command may have waited for the report, as a clear does.
+  // The thread's command may have waited for the report, as a clear does.
   if (!stopped && reported) StopUntil(WallClock(fork_patience_ms));
 }
 
 void StartAfterFork() {
   if (!thread_wanted) return;
   const int error = Start();
-  if (error != 0) Say("cannot start the control thread after a fork: %s", strerror(error));
+  if (error != 0) PrintError("cannot start the control thread after a fork: %s", strerror(error));
 }
 
 void AfterForkInParent() {

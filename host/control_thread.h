@@ -3,12 +3,12 @@
 //
 // Commands arrive as a signal, and the tracker's handler allocates and takes locks. On a thread
 // that holds the allocator's lock it would deadlock. So the signal is blocked before the program
-// can start a thread, all threads inherit that, and one thread fetches the commands one by one.
+// can start a thread, all threads inherit the mask, and one thread fetches the commands one by one.
 // Since the signal stays blocked, it cannot kill the process either. If the program unblocks it, a
 // command may interrupt any thread.
 //
-// One report runs at a time: a report command waits until the previous report has ended. Identical
-// commands that wait one directly after the other are merged; different ones keep their order.
+// One report runs at a time: a report command waits until the previous report has ended.
+// Consecutive identical commands that wait are merged; different commands keep their order.
 //
 // Called by the loader's constructor and exit handler.
 #pragma once
@@ -35,19 +35,19 @@ void CatchLateCommands();
 /// Starts the thread. Returns 0 or an errno value. Allocates. One caller at a time.
 int StartControlThread();
 
-/// Ends the thread after its current command, if any. Later commands wait for the next start. False
-/// if that takes longer than `timeout_ms`; then the thread goes on. False on the control thread
-/// itself.
+/// Ends the thread after its current command, if any. Later commands wait for the next start.
+/// Returns false if that takes longer than `timeout_ms`; then the thread continues. Returns false
+/// on the control thread itself.
 bool StopControlThread(int timeout_ms);
 
-/// How long a fork waits for a command. After that the child may have no working tracker, which is
-/// better than a program that hangs.
+/// How long a fork waits for a command. After that the child may have no working tracker. A program
+/// that hangs would be worse.
 inline constexpr int kForkPatienceMs = 1000;
 
-/// Keeps the thread across forks: stops it before a fork, which waits at most `patience_ms` for
-/// that, and starts it again in parent and child. The fork also waits at most 3 s for a running
-/// report, unless the report makes no progress. Call it once, after track_initialize, so that in
-/// the child the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
+/// Makes forks keep the thread. A fork stops the thread, waits at most `patience_ms` for that, and
+/// starts it again in parent and child. The fork also waits at most 3 s for a running report,
+/// unless the report makes no progress. Call it once, after track_initialize, so that in the child
+/// the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
 int KeepControlThreadAcrossForks(int patience_ms = kForkPatienceMs);
 
 /// Whether a report command waits for another report to end. Any thread.

@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include "host/clock.h"
+#include "host/print_error.h"
 #include "host/report_thread.h"
-#include "host/say.h"
 #include "platform/linux/root.h"
 #include "protocol/kinds.h"
 #include "protocol/private_files.h"
@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kWaitMs = 60'000;
 // Most reports take some milliseconds.
-constexpr int kLookMs = 2;
+constexpr int kPollMs = 2;
 
 char report_path[platform::kPathBytes];
 
@@ -39,50 +39,51 @@ bool IsComplete() {
   return complete;
 }
 
-/// Waits until the report is complete. Gives up, with one line on stderr, when its thread has ended
-/// or `deadline` (of NowMs) has passed.
+/// Waits until the report is complete. Returns false, with one line on stderr, if the report's
+/// thread has ended or `deadline` (of NowMs) has passed.
 void WaitForReport(int64_t deadline) {
   for (;;) {
-    // Before the check of the file: the thread may complete the file and then end.
+    // Read before the file is checked: the thread may complete the file and then end.
     const Report report = CurrentReport();
     // While a thread runs, a complete file may be the previous report.
     if (report != Report::kRunning && IsComplete()) return;
     if (report == Report::kNone) {
-      Say("no complete report in %s, and its thread has ended; is the disk full?", report_path);
+      PrintError("no complete report in %s, and its thread has ended; is the disk full?",
+                 report_path);
       return;
     }
     if (NowMs() > deadline) {
-      Say("no complete report in %s after %d s", report_path, kWaitMs / 1000);
+      PrintError("no complete report in %s after %d s", report_path, kWaitMs / 1000);
       return;
     }
-    SleepMs(kLookMs);
+    SleepMs(kPollMs);
   }
 }
 
 }  // namespace
 
 void WaitForEarlierReports() {
-  constexpr int64_t kLongestMs = 10'000;
+  constexpr int64_t kMaxWaitMs = 10'000;
   const int64_t start = NowMs();
   while ((CurrentReport() != Report::kNone || ReportCommandWaits()) &&
-         NowMs() - start < kLongestMs) {
-    SleepMs(kLookMs);
+         NowMs() - start < kMaxWaitMs) {
+    SleepMs(kPollMs);
   }
 }
 
 void ReportAtExit(const Command& command) {
   if ((command.word & protocol::kReportBits) == 0) {
-    Say("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
-        protocol::kReportAtExitVariable, static_cast<unsigned long long>(command.word),
-        static_cast<unsigned long long>(protocol::kNative.Report()));
+    PrintError("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
+               protocol::kReportAtExitVariable, static_cast<unsigned long long>(command.word),
+               static_cast<unsigned long long>(protocol::kNative.Report()));
     return;
   }
   protocol::Refusal refusal;
   const int file =
       platform::OpenRooted(protocol::kReportPath, protocol::Use::kReplace, report_path, refusal);
   if (file < 0) {
-    Say("no report at exit: cannot use %.*s: %s; name another root directory",
-        static_cast<int>(refusal.path_bytes), report_path, refusal.Reason());
+    PrintError("no report at exit: cannot use %.*s: %s; name another root directory",
+               static_cast<int>(refusal.path_bytes), report_path, refusal.Reason());
     return;
   }
   close(file);
@@ -90,7 +91,7 @@ void ReportAtExit(const Command& command) {
   const int64_t deadline = NowMs() + kWaitMs;
   const int error = RunCommand(command, kWaitMs);
   if (error != 0) {
-    Say("no report at exit: the command could not be carried out: %s", strerror(error));
+    PrintError("no report at exit: the command could not be carried out: %s", strerror(error));
     return;
   }
   WaitForReport(deadline);

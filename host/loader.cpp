@@ -4,7 +4,7 @@
 //
 // The constructor runs on the main thread when the dynamic linker has loaded the library
 // (LD_PRELOAD), before `main`. The exit handler runs on the thread that calls exit(), also in
-// forked children. If anything fails, the program runs on with the next allocator.
+// forked children. If anything fails, the program continues with the next allocator.
 #include <dlfcn.h>
 #include <limits.h>
 #include <stdint.h>
@@ -16,7 +16,7 @@
 #include "host/control_thread.h"
 #include "host/exit_report.h"
 #include "host/next_allocator.h"
-#include "host/say.h"
+#include "host/print_error.h"
 #include "protocol/protocol.h"
 
 namespace host {
@@ -33,11 +33,12 @@ using Finalize = void (*)();
 
 AllocatorTable tracked;
 Finalize track_finalize = nullptr;
-// Processes on Linux are no children of a zygote. The tracker reads the flag as a 32-bit value.
+// No process on Linux is a child of a zygote. The tracker reads the flag as a 32-bit value.
 uint32_t zygote_child = 0;
 Command exit_command{0, 0};
 
-/// The path of the tracker in this library's own directory. False if that cannot be found.
+/// Writes the path of the tracker, in the directory of this library. Returns false if the directory
+/// cannot be found.
 bool TrackerPath(char (&path)[PATH_MAX]) {
   Dl_info self;
   if (dladdr(&tracked, &self) == 0 || self.dli_fname == nullptr) return false;
@@ -48,28 +49,30 @@ bool TrackerPath(char (&path)[PATH_MAX]) {
   return length > 0 && static_cast<size_t>(length) < sizeof path;
 }
 
-/// The tracker's entry "track_`name`". Null, with one line on stderr, if there is none.
+/// Returns the tracker's entry "track_`name`"; null, with one line on stderr, if there is none.
 void* TrackerEntry(void* tracker, const char* name) {
   char entry[64];
   snprintf(entry, sizeof entry, "track_%s", name);
   void* function = dlvsym(tracker, entry, kVersion);
   if (function == nullptr) {
-    Say("%s has no %s@%s; running without tracking", protocol::kTrackerLibrary, entry, kVersion);
+    PrintError("%s has no %s@%s; running without tracking", protocol::kTrackerLibrary, entry,
+               kVersion);
   }
   return function;
 }
 
-/// Opens the tracker, fills `tracked` and calls track_initialize. False, with one line on stderr,
-/// if any of it fails.
+/// Opens the tracker, fills `tracked` and calls track_initialize. Returns false, with one line on
+/// stderr, if any of these fails.
 bool StartTracker() {
   char path[PATH_MAX];
   if (!TrackerPath(path)) {
-    Say("cannot find the directory of %s; running without tracking", protocol::kPreloadLibrary);
+    PrintError("cannot find the directory of %s; running without tracking",
+               protocol::kPreloadLibrary);
     return false;
   }
   void* tracker = dlopen(path, RTLD_NOW | RTLD_LOCAL);
   if (tracker == nullptr) {
-    Say("cannot open %s: %s; running without tracking", path, dlerror());
+    PrintError("cannot open %s: %s; running without tracking", path, dlerror());
     return false;
   }
   for (const AllocatorEntry& entry : kAllocatorEntries) {
@@ -83,14 +86,14 @@ bool StartTracker() {
   if (initialize == nullptr || track_finalize == nullptr) return false;
   CatchLateCommands();
   if (!initialize(&NextAllocator().calls, reinterpret_cast<bool*>(&zygote_child), "")) {
-    Say("%s could not be initialized; running without tracking", path);
+    PrintError("%s could not be initialized; running without tracking", path);
     return false;
   }
   return true;
 }
 
-/// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. False if
-/// the variable is unset or, with one line on stderr, is not a number up to `limit`.
+/// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. Returns
+/// false if the variable is unset or, with one line on stderr, is not a number up to `limit`.
 bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   const char* text = getenv(name);
   if (text == nullptr || *text == '\0') return false;
@@ -102,12 +105,12 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
     value = strtoull(digits, nullptr, hexadecimal ? 16 : 10);
     if (value <= limit) return true;
   }
-  Say("%s=%s is not a number like 0x10 or 16; ignored", name, text);
+  PrintError("%s=%s is not a number like 0x10 or 16; ignored", name, text);
   return false;
 }
 
-/// Registered with atexit: so it runs after the destructors of the program's static objects and
-/// before those of the tracker.
+/// Registered with atexit. It runs after the destructors of the program's static objects and before
+/// those of the tracker.
 void AtExit() {
   WaitForEarlierReports();
   if (exit_command.word != 0) ReportAtExit(exit_command);
@@ -124,7 +127,7 @@ void FollowEnvironment() {
   ReadNumber(protocol::kStartParameterVariable, UINT32_MAX, parameter);
   start.parameter = static_cast<uint32_t>(parameter);
   const int error = RunCommand(start, kStartWaitMs);
-  if (error != 0) Say("the start command could not be carried out: %s", strerror(error));
+  if (error != 0) PrintError("the start command could not be carried out: %s", strerror(error));
 }
 
 __attribute__((constructor)) void Load() {
@@ -137,9 +140,10 @@ __attribute__((constructor)) void Load() {
   int error = StartControlThread();
   if (error == 0) error = KeepControlThreadAcrossForks();
   if (error != 0) {
-    Say("cannot start the control thread: %s; no command will be carried out", strerror(error));
+    PrintError("cannot start the control thread: %s; no command will be carried out",
+               strerror(error));
   }
-  if (atexit(AtExit) != 0) Say("cannot register the exit handler; no report at exit");
+  if (atexit(AtExit) != 0) PrintError("cannot register the exit handler; no report at exit");
   FollowEnvironment();
 }
 

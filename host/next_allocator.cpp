@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Looks up the next allocator, and serves the calls before it is known.
+// Looks up the next allocator, and handles calls until it is known.
 #include "host/next_allocator.h"
 
 #include <dlfcn.h>
@@ -32,7 +32,7 @@ struct mallinfo2 NoMallinfo2() {
 }
 
 [[noreturn]] void NoAllocator() {
-  constexpr char kLine[] = "memleak: found no allocator to forward to; cannot go on\n";
+  constexpr char kLine[] = "memleak: found no allocator to forward to; cannot continue\n";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine, sizeof kLine - 1);
   _exit(127);
 }
@@ -54,8 +54,8 @@ void Search() {
 }
 
 /// Whether the arena must serve a request. This marks the arena before it reads the phase again;
-/// FindNextAllocator sets the phase before it reads the mark. So one of the two sees the other, and
-/// the final table knows of every arena block.
+/// FindNextAllocator sets the phase before it reads the mark. So at least one of the two sees the
+/// other's write, and the final table handles every arena block.
 bool UseArena() {
   if (FindNextAllocator()) return false;
   MarkArenaUsed();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The next allocator in the program's search order after the loader: that of the C library, or one
-// that the program brings, such as jemalloc or tcmalloc.
+// that the program links or preloads, such as jemalloc or tcmalloc.
 //
 // Called by the first allocation of the process and by the loader's constructor.
 #pragma once
@@ -10,9 +10,9 @@
 namespace host {
 
 /// Looks up the next allocator and routes all calls to it, unless that is done already. Any thread.
-/// True when it is known; false during the lookup, on this or another thread. Never waits: the
-/// lookup needs the dynamic linker's lock, which the caller may hold. Keeps errno. Ends the process
-/// with one line if there is no allocator.
+/// Returns true once it is known; false during the lookup, on this or another thread. Never waits:
+/// the lookup needs the dynamic linker's lock, which the caller may hold. Keeps errno. Ends the
+/// process with one line if there is no allocator.
 bool FindNextAllocator();
 
 /// The next allocator's functions, null before it is found. malloc_iterate fails with ENOSYS,

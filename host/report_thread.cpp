@@ -24,21 +24,21 @@ namespace {
 using protocol::kDumpThread;
 
 // The id of the dump thread, as /proc lists it, or one of these.
-constexpr int kNobody = 0;
+constexpr int kNoThread = 0;
 constexpr int kStarting = -1;
 constexpr int kUnseen = -2;
-std::atomic<int> dump_thread{kNobody};
+std::atomic<int> dump_thread{kNoThread};
 
-/// What /proc says about a thread.
-struct ThreadLook {
+/// The state of a thread according to /proc.
+struct ThreadState {
   bool dumps;      ///< it exists and has the dump thread's name
   bool is_active;  ///< it runs, is ready to run, or waits for a disk
   uint64_t ticks;  ///< processor time that it has used
 };
 
-/// Reads the state of the thread `id`. If that fails although the thread may exist, as without free
-/// descriptors, it counts as existing.
-ThreadLook LookAt(int id) {
+/// Reads the state of the thread `id`. If that fails although the thread may exist (there may be no
+/// free descriptor), the thread counts as existing.
+ThreadState ReadState(int id) {
   char path[64];
   snprintf(path, sizeof path, "/proc/self/task/%d/stat", id);
   const int file = platform::RawOpen(path, O_RDONLY | O_CLOEXEC);
@@ -65,7 +65,7 @@ ThreadLook LookAt(int id) {
   return {true, is_active, ticks};
 }
 
-/// The id of the thread that has the dump thread's name, kNobody or kUnseen.
+/// Returns the id of the thread that has the dump thread's name, kNoThread or kUnseen.
 int FindDumpThread() {
   const int tasks = platform::RawOpen("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (tasks < 0) return kUnseen;
@@ -73,15 +73,15 @@ int FindDumpThread() {
   constexpr size_t kLengthOffset = 16;
   constexpr size_t kNameOffset = 19;
   alignas(8) char records[1024];
-  int found = kNobody;
+  int found = kNoThread;
   long filled;
-  while (found == kNobody &&
+  while (found == kNoThread &&
          (filled = syscall(SYS_getdents64, tasks, records, sizeof records)) > 0) {
-    for (long at = 0; at < filled && found == kNobody;) {
+    for (long at = 0; at < filled && found == kNoThread;) {
       uint16_t length;
       memcpy(&length, records + at + kLengthOffset, sizeof length);
       const int id = atoi(records + at + kNameOffset);
-      if (id > 0 && LookAt(id).dumps) found = id;
+      if (id > 0 && ReadState(id).dumps) found = id;
       at += length;
     }
   }
@@ -101,11 +101,11 @@ void StartReport(void (*deliver)(void*), void* argument, const char* name) {
 
 Report CurrentReport() {
   int id = dump_thread.load();
-  if (id == kNobody) return Report::kNone;
+  if (id == kNoThread) return Report::kNone;
   if (id == kUnseen) return Report::kUnknown;
-  if (id == kStarting || LookAt(id).dumps) return Report::kRunning;
-  // Only if the next one has not been started.
-  dump_thread.compare_exchange_strong(id, kNobody);
+  if (id == kStarting || ReadState(id).dumps) return Report::kRunning;
+  // Only if the next dump thread was not started meanwhile.
+  dump_thread.compare_exchange_strong(id, kNoThread);
   return Report::kNone;
 }
 
@@ -116,17 +116,17 @@ bool WaitWhileReportRuns(int timeout_ms) {
   while (CurrentReport() == Report::kRunning) {
     const int64_t now = NowMs();
     const int id = dump_thread.load();
-    const ThreadLook look = id > 0 ? LookAt(id) : ThreadLook{};
-    if (look.is_active || look.ticks != ticks) progress = now;
-    ticks = look.ticks;
-    if (now - start >= timeout_ms || now - progress >= kStillMs) return false;
+    const ThreadState state = id > 0 ? ReadState(id) : ThreadState{};
+    if (state.is_active || state.ticks != ticks) progress = now;
+    ticks = state.ticks;
+    if (now - start >= timeout_ms || now - progress >= kNoProgressMs) return false;
     SleepMs(1);
   }
   return true;
 }
 
 void ForgetReport() {
-  dump_thread.store(kNobody);
+  dump_thread.store(kNoThread);
 }
 
 }  // namespace host

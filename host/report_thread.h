@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tracker's dump thread, which writes one report and ends, as the loader sees it.
 //
-// The tracker does not tell when a report is complete, so the loader watches the thread in /proc.
-// The control thread starts reports. It, exiting threads and forking threads ask whether one runs.
-// Nothing here allocates: a report during recording would list the block. Nothing is a cancellation
-// point: a fork is none.
+// The tracker does not signal that a report is complete, so the loader watches the thread in /proc.
+// The control thread starts reports. The control thread, exiting threads and forking threads call
+// the functions here. None of these allocates, because a report during recording would list the
+// block. None is a cancellation point, because fork is not one.
 #pragma once
 
 namespace host {
@@ -25,14 +25,14 @@ void StartReport(void (*deliver)(void*), void* argument, const char* name);
 Report CurrentReport();
 
 /// Waits until no report runs: at most `timeout_ms`, and only while the dump thread makes progress:
-/// it runs, waits for a disk, or has used processor time within the last kStillMs. So a caller that
-/// holds a lock that the report needs does not wait long. True if no report runs or its end cannot
-/// be seen. Any thread.
+/// it runs, waits for a disk, or has used processor time within the last kNoProgressMs. So the wait
+/// is short if the caller holds a lock that the report needs. Returns true if no report runs or its
+/// end cannot be seen. Any thread.
 bool WaitWhileReportRuns(int timeout_ms);
 
-/// A report that does nothing for this time makes no progress. A busy machine delays a runnable
-/// thread by less.
-inline constexpr int kStillMs = 300;
+/// A report that does nothing for this long makes no progress. On a busy machine a runnable thread
+/// waits for less time.
+inline constexpr int kNoProgressMs = 300;
 
 /// Forgets the dump thread. For a forked child, which has none.
 void ForgetReport();

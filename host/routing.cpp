@@ -36,7 +36,7 @@ void ArenaAwareFree(void* pointer) {
   Plain().calls.free(pointer);
 }
 
-/// For a block of the arena it is no tail call: the first recorded frame is this function.
+/// For a block of the arena this is not a tail call, so the first recorded frame is this function.
 void* ArenaAwareRealloc(void* pointer, size_t size) {
   if (!ArenaContains(pointer)) return Plain().calls.realloc(pointer, size);
   if (size == 0) return nullptr;

@@ -42,8 +42,7 @@ class elfSharedLibData {
   /// relocation `index` and sets `index` to the one after it; null if there is none.
   void** next_plt_relocation(const Elf64_Sym* symbol, std::uint64_t& index) const;
 
-  /// Returns the PLT slots that currently contain `address`, whatever symbol their relocations
-  /// refer to.
+  /// Returns the PLT slots that currently contain `address`, for any symbol.
   std::vector<void**> get_plt_relocations(const void* address) const;
 
   /// Whether all tables were found and still belong to the same library: it may have been unloaded,

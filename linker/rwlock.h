@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Guards for the C library's reader-writer lock. A failing lock call ends the process: the data
-// behind the lock can no longer be trusted.
+// that the lock guards can no longer be trusted.
 //
 // Used by the library index and the hook engine, on any thread. Not for signal handlers.
 #pragma once

@@ -19,12 +19,12 @@ elfSharedLibData sharedLib(const char* libname);
 
 /// A reference to a library and its record, or the empty record.
 struct HeldLibrary {
-  /// Null if the loader gives no reference. Then the library must stay loaded by itself.
+  /// Null if the loader gives no reference. Then the caller must keep the library loaded.
   LibraryHold hold;
   elfSharedLibData library;
 };
 
-/// As sharedLib, for a caller that goes on to read the library. Also returns a library that has
+/// As sharedLib, for a caller that then reads the library. Also returns a library that has
 /// symbols but no PLT slots, and keeps its record. Returns the empty record if the library was
 /// unloaded.
 HeldLibrary hold_shared_lib(const char* libname);

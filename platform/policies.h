@@ -12,9 +12,9 @@ namespace platform {
 
 /// Returns whether a forked child releases the locks that other threads of its parent held.
 ///
-/// Android: false. A child that is forked during a report inherits the report's lock and writes no
-/// report of its own. Linux: true. A child reports at its exit, and the thread that would release
-/// the lock does not exist there.
+/// Android: false. A child that is forked during a report inherits the report's lock and can never
+/// write a report. Linux: true. A child reports at its exit, and the thread that would release the
+/// lock does not exist there.
 ///
 /// Called in the child, on its only thread. Async-signal-safe.
 bool ForkedChildFreesLocks();

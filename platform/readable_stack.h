@@ -30,7 +30,7 @@ class ReadableStack {
   /// no lock, allocates nothing.
   explicit ReadableStack(std::uint64_t begin)
       : begin_(begin), end_((begin | (kSmallestPage - 1)) + 1) {
-    if (other_stack_remembered.load(std::memory_order_relaxed)) RecallOtherStack();
+    if (other_stack_remembered.load(std::memory_order_relaxed)) LoadOtherStack();
   }
 
   /// Returns whether the `bytes` bytes at `address` are readable stack. Makes a system call for
@@ -53,7 +53,7 @@ class ReadableStack {
 
  private:
   /// Uses the thread's cache if it contains this stack, otherwise clears it.
-  void RecallOtherStack();
+  void LoadOtherStack();
   /// Holds for addresses beyond the known part, which it extends.
   bool Reaches(std::uint64_t address, std::uint64_t bytes);
 

@@ -82,7 +82,7 @@ struct Globals {
   RecordTable by_id;
 };
 
-/// Never destroyed: calls through trampolines go on while exit handlers run.
+/// Never destroyed: calls through trampolines continue while exit handlers run.
 Globals& globals() {
   static platform::NeverDestroyed<Globals> instance;
   return instance.get();

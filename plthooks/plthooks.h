@@ -10,18 +10,22 @@
 // thread that runs under the loader's lock must not wait for a thread that hooks.
 //
 // The engine holds a reference to a library while it reads the library, and from a slot's first
-// hook until its last hook is removed. If the loader gives no reference, the library must stay
-// loaded by itself.
+// hook until its last hook is removed. If the loader gives no reference, the caller must keep the
+// library loaded.
 //
 // All functions take the engine's locks and the loader's lock. Hooking allocates and fails without
 // memory; unhooking allocates nothing. No function throws. A function that fails sets errno:
+// clang-format off
 //   EINVAL  a name or hook is null, or the hook is the original function
 //   ENOENT  the library is unknown or does not import the function, or the hook is not installed
 //   EMLINK  the library imports the function through more than one slot
 //   ENXIO   the slot does not point to the function; this is logged
-//   EBUSY   the slot has a hook without a trampoline, or has hooks and the new one has no
-//   trampoline EAGAIN  no thread key is left for trampolines ENOMEM  no memory EFAULT  writing the
-//   slot faulted other   mprotect's errno, if the slot's page cannot be made writable
+//   EBUSY   the slot has a hook without a trampoline, or it has hooks and the new hook has none
+//   EAGAIN  no thread key is left for trampolines
+//   ENOMEM  there is no memory
+//   EFAULT  writing the slot faulted
+//   other   the errno of mprotect, if the slot's page cannot be made writable
+// clang-format on
 #pragma once
 
 #include <cstddef>
@@ -70,7 +74,7 @@ int unhook_single_lib(const char* libname, plt_hook_spec* specs, std::size_t cou
 /// Hooks one slot with the hook of `spec`. Returns 0, or non-zero with errno.
 int patch_relocation_address_for_hook(void** slot, plt_hook_spec* spec);
 
-/// Writes `value` into a slot, whatever the protection of its page. Returns 0; 1 if the write
+/// Writes `value` into a slot, for any protection of its page. Returns 0; 1 if the write
 /// faulted; 5, logged, if the page cannot be made writable. Then gives the page the protection that
 /// platform::ProtectionAfterWrite returns; ends the process if that fails.
 int unsafe_patch_relocation_address(void** slot, void* value);

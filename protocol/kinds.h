@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kinds of memory that the tracker records, and the commands that steer it.
+// The kinds of memory that the tracker records, and the commands that control it.
 //
 // The tracker's commands, the loader's report bits, and the controller's options, help and columns
-// are made from the table here. A new kind takes a row, and proxies for its functions in
+// are generated from the table here. A new kind needs a row, and proxies for its functions in
 // tracker/proxies.cpp.
 #pragma once
 
@@ -15,8 +15,8 @@ namespace protocol {
 /// What is recorded: the value of `mem_track_type`, and the index of the kind's row.
 enum MemTrackType : std::uint32_t { NATIVE = 0, MMAP = 1, ION = 2, GPU = 3 };
 
-/// A row. All kinds but NATIVE are recorded through hooks: calls of `functions` pass through
-/// proxies of the tracker first.
+/// A row. All kinds except NATIVE are recorded through hooks: calls of `functions` go to proxies of
+/// the tracker.
 struct Kind {
   MemTrackType type;
   const char* name;            ///< in options and in log lines
@@ -71,7 +71,7 @@ inline constexpr const Kind& kNative = kKinds[NATIVE];
 /// Callbacks 4 and 5 of RegistryAllocateTracker.
 inline constexpr std::uint64_t kRunCallback4 = 0x2;
 inline constexpr std::uint64_t kRunCallback5 = 0x4;
-/// Commands for the outside library that tracks file descriptors.
+/// Commands for the separate library that tracks file descriptors.
 inline constexpr std::uint64_t kFdOn = 0x100000;
 inline constexpr std::uint64_t kFdOff = 0x200000;
 inline constexpr std::uint64_t kFdDump = 0x400000;
@@ -84,8 +84,8 @@ inline constexpr std::uint64_t kReportBits = [] {
   return bits;
 }();
 
-/// A report while native recording goes on: "stop and report" of another kind removes hooks and
-/// leaves the switches of native recording alone.
+/// A report during native recording, which continues: "stop and report" of another kind removes
+/// hooks and does not change the switches of native recording.
 inline constexpr std::uint64_t kReportKeepRecording = KindOf(ION).Report();
 
 }  // namespace protocol

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Directories are walked one by one; a file is looked at after it is open. See the header.
+// Opens a path one directory at a time, and checks each file after it is open. See the header.
 #include "protocol/private_files.h"
 
 #include <fcntl.h>
@@ -42,19 +42,19 @@ int Refuse(Refusal& refusal, std::size_t path_bytes, int error, const char* why 
   return -1;
 }
 
-/// Root can do everything to the caller anyway.
+/// Root is trusted, since it has full access to the caller anyway.
 bool IsTrusted(uid_t owner) {
   return owner == geteuid() || owner == 0;
 }
 
-/// Why nobody may use the open directory; null when it is private.
+/// Returns why the open directory is not private; null if it is.
 const char* DirectoryFault(int directory) {
   struct stat status;
   if (fstat(directory, &status) != 0 || !IsTrusted(status.st_uid)) return kOtherOwner;
   return (status.st_mode & kOthersWrite) != 0 ? kOthersMayWrite : nullptr;
 }
 
-/// Why the open file is not fit for `use`; null when it is.
+/// Returns why the open file must not be used for `use`; null if it may be.
 const char* FileFault(const struct stat& status, Use use) {
   const bool is_regular = S_ISREG(status.st_mode);
   switch (use) {
@@ -90,7 +90,7 @@ int Flags(Use use) {
   return O_WRONLY | O_NONBLOCK | O_NOFOLLOW;
 }
 
-/// Why `name` could not be opened, where that can be told better than by errno.
+/// Returns why `name` could not be opened if that is more exact than errno, otherwise null.
 const char* LinkFault(int directory, const char* name) {
   const int saved_errno = errno;
   struct stat status;
@@ -100,12 +100,13 @@ const char* LinkFault(int directory, const char* name) {
   return is_link ? kLink : nullptr;
 }
 
-/// Opens the directory `name` in `parent`, links not followed, after making it if asked to.
+/// Opens the directory `name` in `parent` without following links. Creates it first if it is
+/// missing and `make` is set.
 int OpenChild(int parent, const char* name, bool make) {
   constexpr int kChild = O_PATH | O_DIRECTORY | O_NOFOLLOW;
   const int child = Open(parent, name, kChild);
   if (child >= 0 || errno != ENOENT || !make) return child;
-  // Somebody else may make it first; it is looked at either way.
+  // Another process may create it first. The caller checks it in both cases.
   if (mkdirat(parent, name, kDirectoryMode) != 0 && errno != EEXIST) return -1;
   return Open(parent, name, kChild);
 }
@@ -117,7 +118,7 @@ const char* Refusal::Reason() const {
 }
 
 int OpenDirectoryOf(char* path, std::size_t root_bytes, Missing missing, Refusal& refusal) {
-  // The kernel's limit, which a walk by single names would not meet.
+  // The kernel's limit for paths, which does not apply if single names are opened.
   if (std::strlen(path) >= PATH_MAX) return Refuse(refusal, root_bytes, ENAMETOOLONG);
   while (root_bytes > 0 && path[root_bytes - 1] == '/') --root_bytes;
   const bool is_absolute = path[0] == '/';
@@ -125,7 +126,7 @@ int OpenDirectoryOf(char* path, std::size_t root_bytes, Missing missing, Refusal
   if (directory < 0) return Refuse(refusal, 1, errno);
   const char* fault = root_bytes == 0 ? DirectoryFault(directory) : nullptr;
   std::size_t end = is_absolute ? 1 : 0;
-  bool is_private = false;  // from the root on, and from a directory on that is missing
+  bool is_private = false;  // set at the root directory, and at the first missing directory
   while (fault == nullptr) {
     char* const name = path + end + std::strspn(path + end, "/");
     char* const slash = std::strchr(name, '/');
@@ -133,7 +134,7 @@ int OpenDirectoryOf(char* path, std::size_t root_bytes, Missing missing, Refusal
     end = static_cast<std::size_t>(slash - path);
     is_private = is_private || end >= root_bytes;
     *slash = '\0';
-    // Above the root by the whole path, which an emulator may look up in a place of its own.
+    // Above the root, the whole path is used: an emulator may redirect it.
     int next = is_private ? -1 : Open(AT_FDCWD, path, O_PATH | O_DIRECTORY);
     if (next < 0 && (is_private || errno == ENOENT)) {
       is_private = true;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the library, the loader and the controller must agree on. The kinds of memory and their
-// commands are in kinds.h.
+// The constants that the library, the loader and the controller share. The kinds of memory and
+// their commands are in kinds.h.
 //
-// Constants and small functions without state. Nothing here allocates, takes a lock or changes
-// errno: any thread, and signal handlers.
+// The functions have no state, allocate nothing, take no lock and keep errno. Any thread; safe in
+// signal handlers.
 #pragma once
 
 #include <signal.h>
@@ -18,10 +18,10 @@ namespace protocol {
 
 /// The real-time signal that carries commands.
 inline constexpr int control_signal = 44;
-/// A user-mode emulator gives the real-time signals of its guest numbers that are higher by this.
+/// A user-mode emulator adds this to the numbers of its guest's real-time signals.
 inline constexpr int kEmulatedSignalShift = 2;
 
-/// What one signal carries. The bits of `word` are defined in kinds.h.
+/// The content of one signal. The bits of `word` are defined in kinds.h.
 struct Command {
   std::uint64_t word;
   std::uint32_t parameter;
@@ -30,12 +30,12 @@ struct Command {
   }
 };
 
-/// Offsets of the two words in the siginfo record. The kernel carries these bytes unchanged for
-/// SI_QUEUE, where they are the sender's ids and the value.
+/// Offsets of the two words in the siginfo record. The kernel copies these bytes unchanged for
+/// SI_QUEUE, in which they are the sender's ids and the value.
 inline constexpr std::size_t kWordOffset = 16;
 inline constexpr std::size_t kParameterOffset = 24;
 
-/// The command in the record of a received signal.
+/// Returns the command in the record of a received signal.
 inline Command ReadCommand(const siginfo_t& info) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(&info);
   Command command{};
@@ -44,8 +44,9 @@ inline Command ReadCommand(const siginfo_t& info) {
   return command;
 }
 
-/// The record that sends `command`, for rt_sigqueueinfo or rt_tgsigqueueinfo. (sigqueue does not
-/// do: it fills in the sender's ids.) `signal` is the number that the sender uses.
+/// Returns the record that sends `command`, for rt_sigqueueinfo or rt_tgsigqueueinfo. (sigqueue
+/// cannot be used, since it fills in the sender's ids.) `signal` is the number that the sender
+/// uses.
 inline siginfo_t MakeRecord(int signal, const Command& command) {
   siginfo_t info;
   std::memset(&info, 0, sizeof info);
@@ -60,7 +61,7 @@ inline siginfo_t MakeRecord(int signal, const Command& command) {
 /// Backtrace types: a frame-pointer walk, and the unwinder, which reads tables.
 inline constexpr char kUnwindFramePointers = '0';
 inline constexpr char kUnwindTables = '1';
-/// Frames per record when no property sets the number, and the most that a parameter word carries.
+/// Frames per record if no property sets the number, and the maximum in a parameter word.
 inline constexpr std::uint32_t kDefaultDepth = 10;
 inline constexpr std::uint32_t kMaxDepth = 0xffff;
 
@@ -81,7 +82,7 @@ inline constexpr char kTypeProperty[] = "vastel.memleak.backtacetype";
 inline constexpr char kDepthProperty[] = "vastel.memleak.backtacemaxnum";
 inline constexpr char kHookLibraryProperty[] = "persist.sys.memleak.hookLib";
 inline constexpr char kHookFunctionProperty[] = "persist.sys.memleak.hookFunc";
-/// The longest value of a property, its NUL not counted: PROP_VALUE_MAX - 1.
+/// Maximum length of a property's value without its NUL: PROP_VALUE_MAX - 1.
 inline constexpr std::size_t kMaxPropertyBytes = 91;
 /// Separates the names in the last two properties.
 inline constexpr char kNameSeparator = ',';
@@ -90,7 +91,7 @@ inline constexpr char kNameSeparator = ',';
 inline constexpr char kReportPath[] = "/data/log/reliability/allocations_dump";
 inline constexpr char kExceptionDevice[] = "/dev/kxlog_exception";
 inline constexpr char kPropertiesPath[] = "/properties";
-/// The same, relative to the root directory.
+/// The same files, relative to the root directory.
 inline constexpr const char* kReportFile = kReportPath + 1;
 inline constexpr const char* kPropertiesFile = kPropertiesPath + 1;
 /// The last bytes of a complete report. No newline follows.
@@ -112,11 +113,11 @@ inline constexpr char kPropertiesVariable[] = "MEMLEAK_TRACKER_PROPERTIES";
 inline constexpr char kStartVariable[] = "MEMLEAK_TRACKER_START";
 inline constexpr char kStartParameterVariable[] = "MEMLEAK_TRACKER_START_PARAMETER";
 inline constexpr char kReportAtExitVariable[] = "MEMLEAK_TRACKER_REPORT_AT_EXIT";
-/// Value of kLogVariable that sends the log to the error output.
+/// Value of kLogVariable that writes the log to standard error.
 inline constexpr char kLogToStderr[] = "stderr";
 
 /// Calls put(char) for each character of `pattern`, which names a root directory or a log. Every
-/// "%p" becomes the digits of `pid`, so that forked children have files of their own.
+/// "%p" is replaced by the digits of `pid`, so that each forked child has separate files.
 template <typename Put>
 void ExpandPid(std::string_view pattern, pid_t pid, Put put) {
   for (std::size_t i = 0; i < pattern.size(); ++i) {
@@ -138,9 +139,9 @@ void ExpandPid(std::string_view pattern, pid_t pid, Put put) {
 inline constexpr char kTrackerLibrary[] = "libmemleak_tracker.so";
 inline constexpr char kPreloadLibrary[] = "libmemleak_preload.so";
 
-/// Name of the loader's variable (std::atomic<std::uint64_t>) that counts calls of dlclose: one
-/// before each call and one after it. What the tracker knows about code in memory holds as long as
-/// the number stays the same. Without a loader there is no such variable.
+/// Name of the loader's variable (std::atomic<std::uint64_t>) that counts calls of dlclose. Each
+/// call adds one before it starts and one after it ends. What the tracker caches about code in
+/// memory is valid while the number does not change. Without a loader there is no such variable.
 inline constexpr char kUnloadCounter[] = "memleak_unload_counter";
 
 }  // namespace protocol

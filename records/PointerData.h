@@ -59,18 +59,19 @@ class PointerData {
   static std::size_t GetFrames(const void* pointer, std::uintptr_t* frames, std::size_t max_frames);
 
   /// Takes the spare, pointer and frame lock of every set, in set order. Runs on the forking
-  /// thread. The thread goes on recording while it holds the locks: fork handlers of other
+  /// thread. The thread continues to record while it holds the locks: fork handlers of other
   /// libraries may allocate.
   static void PrepareFork();
   /// Releases the locks in the parent.
   static void PostForkParent();
-  /// Frees the locks in the child, whatever thread held them. Also frees the store's other locks if
-  /// the platform's policy says so.
+  /// Frees the locks in the child, also those that other threads held. Also frees the store's other
+  /// locks if the platform's policy allows it.
   static void PostForkChild();
 
   /// Appends the groups of live blocks (same size, zygote mark and pcs) to `list`, in the order in
-  /// which they are found. Records without a backtrace are skipped whatever `only_with_backtrace`
-  /// is. If the thread is marked, the caller must hold every lock; else this takes them. Allocates.
+  /// which they are found. Always skips records without a backtrace; `only_with_backtrace` has no
+  /// effect. If the thread is marked, the caller must hold every lock; else this takes them.
+  /// Allocates.
   static void GetUniqueList(std::vector<ListInfoType>* list, bool only_with_backtrace);
   /// Re-reads the backtrace size property and returns the current size. A value that is not all
   /// digits, or does not fit an int, is ignored. Allocates nothing; safe in a signal handler.

@@ -59,8 +59,8 @@ struct UnwindFrameKeyEqual {
   bool operator()(const UnwindFrameKeyType& a, const UnwindFrameKeyType& b) const;
 };
 
-/// Number of blocks since the last clear that reports lack, because there was no memory for their
-/// record or backtrace.
+/// Number of blocks since the last clear that are missing in reports, because there was no memory
+/// for their record or backtrace.
 inline std::atomic<std::uint64_t> unreported_blocks{0};
 
 /// The lock that serialises clears and reports. Taken before all other locks of the store.

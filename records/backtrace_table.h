@@ -39,7 +39,7 @@ struct FrameKeyType {
   const std::uint64_t* frames;
 };
 
-/// Hash of a key: its first five pcs XORed, whatever its depth.
+/// Hash of a key of any depth: its first five pcs XORed.
 inline std::uint64_t FrameKeyHash(const FrameKeyType& key) {
   std::uint64_t hash = 0;
   const std::uint64_t count = key.num_frames < 5 ? key.num_frames : 5;
@@ -72,8 +72,8 @@ inline std::uint64_t FrameFingerprint(const FrameKeyType& key) {
     const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
   };
-  // Pairs of pcs multiplied, each pair with a factor of its own so that order counts; the products
-  // do not wait for one another. The factor steps by the fractional part of sqrt(2).
+  // Multiplies pairs of pcs, each pair with a different factor, so that the order matters. The
+  // products do not depend on each other. The factor steps by the fractional part of sqrt(2).
   constexpr std::uint64_t kFactorStep = 0x6A09E667F3BCC909U;
   std::uint64_t factor = 0xBB67AE8584CAA73BU;
   std::uint64_t sum = key.num_frames;
@@ -117,8 +117,8 @@ class BacktraceArena {
   /// Readable bytes after each chunk: a search may read the pcs of a freed backtrace.
   static constexpr std::size_t kTailBytes = 16384;
   static constexpr std::size_t kMaxChunks = std::size_t{1} << 16;
-  /// Free lists by number of lines, up to 129 lines for 1024 pcs, the most that a capture returns.
-  /// List 0 has the longer pieces.
+  /// Free lists by number of lines, up to 129 lines for 1024 pcs, the maximum of a capture. List 0
+  /// has the longer pieces.
   static constexpr std::size_t kLists = 130;
 
   static std::uint32_t LinesFor(std::uint64_t num_frames) {
@@ -178,7 +178,7 @@ class BacktraceTable {
     const std::lock_guard<SetMutex> guard(lock_);
     if (HasRoom()) return true;
     // A sweep walks through all records, so it needs at least one backtrace per eight records.
-    const bool sweeps = used_ >= kLeastToSweep && used_ >= records / 8;
+    const bool sweeps = used_ >= kMinToSweep && used_ >= records / 8;
     if (sweeps) mark_live(++sweep_);
     return Rebuild(sweeps);
   }
@@ -213,7 +213,7 @@ class BacktraceTable {
   };
 
   static constexpr std::uint64_t kFirstBuckets = 64;
-  static constexpr std::uint64_t kLeastToSweep = 1024;
+  static constexpr std::uint64_t kMinToSweep = 1024;
 
   /// Distance from a full bucket to the next one in a search. Many keys share a first bucket, since
   /// the hash covers five pcs in any order. The fingerprint spreads them from there.

@@ -72,6 +72,6 @@ void PointerData::PostForkChild() {
     release(all[i].unwind_mutex);
   }
   if (all_locks) release(InitialiseLock());
-  // Another thread of the parent may have held a page's lock, only to find that it must wait.
+  // Another thread of the parent may have held a page's lock when it found that it must wait.
   RecordPages::FreeLocksInChild();
 }

@@ -14,7 +14,7 @@
 
 class Grouping {
  public:
-  /// Adds groups to `list` (not owned); groups that are already in it are counted on. The caller
+  /// Adds groups to `list` (not owned), or increases their count if they are in it. The caller
   /// keeps record operations out during the lifetime of this object, and the thread's record key
   /// is set.
   explicit Grouping(std::vector<ListInfoType>* list);

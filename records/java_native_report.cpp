@@ -37,7 +37,7 @@ class GroupedList {
 
   /// Appends `candidate` unless its group is in the list. Intentional: a dropped candidate does not
   /// change the group's count. The count is the number of references of the shared stack, which
-  /// covers every live block with that stack, whatever its size.
+  /// covers the live blocks of all sizes with that stack.
   void Add(const UnwindListInfoType& candidate) {
     list_.push_back(candidate);
     if (candidate.unwind_info == nullptr) return;
@@ -83,9 +83,9 @@ UnwindFrameInfoType* FindUnwindRecord(PointerSet& set, std::uint64_t pointer,
 
 /// Adds the records of one set to `groups`.
 void CollectSet(PointerSet& set, bool only_with_backtrace, GroupedList& groups) {
-  // Held while the tables are read, since a thread that records may rehash them. Taken whatever the
-  // thread's mark is: a marked thread holds at most pointer and frame locks, which come before
-  // these two in the lock order.
+  // Held while the tables are read, since a thread that records may rehash them. A marked thread
+  // takes these locks, too: it holds only pointer and frame locks, which come before these two in
+  // the lock order.
   const std::scoped_lock lock(set.java_pointer_mutex, set.unwind_mutex);
   set.SyncJavaPointers();
   set.SyncUnwindFrames();

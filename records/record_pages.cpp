@@ -17,12 +17,12 @@ SetMutex directory_lock;
 
 constexpr unsigned kFirstDirectoryLog2 = 8;
 /// Size limit of a page's table: all offsets of the page, times a few size classes and tags.
-constexpr unsigned kLargestLog2 = kRecordPageBits + 3;
+constexpr unsigned kMaxLog2 = kRecordPageBits + 3;
 /// Tables of up to 2^3 records (two cache lines) are filled completely, larger ones to 7/8.
 constexpr unsigned kFullLog2 = 3;
 /// When a page becomes empty, a table of 2^4 records or more is freed for other pages. A smaller
 /// table is kept, since the page is likely to be used again.
-constexpr unsigned kLeastToFreeLog2 = 4;
+constexpr unsigned kMinLog2ToFree = 4;
 
 }  // namespace
 
@@ -51,7 +51,7 @@ bool RecordPage::Grow() {
   Record* const old_records = records_.load(std::memory_order_relaxed);
   const unsigned old_log2 = log2_capacity_.load(std::memory_order_relaxed);
   const unsigned log2 = old_log2 + 1;
-  if (log2 > kLargestLog2) return false;
+  if (log2 > kMaxLog2) return false;
   auto* const records = static_cast<Record*>(record_pool.Allocate(sizeof(Record) << log2));
   if (records == nullptr) return false;
   const std::uint32_t mask = (1U << log2) - 1;
@@ -104,7 +104,7 @@ void RecordPage::Erase(Record* record) {
   records[hole].key = 0;
   const std::uint32_t left = count() - 1;
   count_.store(static_cast<std::uint16_t>(left), std::memory_order_relaxed);
-  if (left == 0 && log2 >= kLeastToFreeLog2) FreeRecords(/*pool_is_locked=*/false);
+  if (left == 0 && log2 >= kMinLog2ToFree) FreeRecords(/*pool_is_locked=*/false);
 }
 
 RecordPage* RecordPages::AddRegion(std::uint64_t address) {
@@ -170,8 +170,8 @@ bool RecordPages::DropAllOldRecords(std::uint32_t generation) {
   if (!pool.owns_lock()) return false;
   bool all = true;
   ForEach([&all, generation](std::uint64_t /*address*/, RecordPage& page) {
-    // Skip pages that never had a record, which are most. The lock is read first: a thread that
-    // sees it free also sees the table that its last holder made.
+    // Skip pages that never had a record; this is the usual case. The lock is read first: a thread
+    // that sees it free also sees the table that its last holder made.
     if (!page.IsLocked() && page.records_.load(std::memory_order_relaxed) == nullptr) return;
     if (!page.TryLock()) {
       all = false;

@@ -26,7 +26,7 @@ __attribute__((always_inline)) inline bool Unlikely(bool condition) {
 
 /// Waits until `done()` is true. Polls at first, then yields the processor, then sleeps 50
 /// microseconds at a time. Keeps errno, since the thread is inside the program's malloc or free.
-/// Not a cancellation point, as malloc and free are none.
+/// Not a cancellation point, since malloc and free are none.
 template <typename Condition>
 __attribute__((noinline)) void SpinUntil(Condition done) {
   /// Longer than a record operation takes.

@@ -19,7 +19,7 @@ namespace table_memory {
 namespace {
 
 constexpr std::size_t kFirstChunk = std::size_t{64} << 10;
-constexpr std::size_t kLargestChunk = std::size_t{1} << 20;
+constexpr std::size_t kMaxChunkBytes = std::size_t{1} << 20;
 
 /// Size of the last failed request, in bytes; 0 for none.
 std::atomic<std::size_t> wanted{0};
@@ -121,7 +121,7 @@ void* Pool::Cut(std::size_t bytes) {
     return block;
   }
   std::size_t size = chunks_ == nullptr ? kFirstChunk : chunks_->bytes * 2;
-  if (size > kLargestChunk) size = kLargestChunk;
+  if (size > kMaxChunkBytes) size = kMaxChunkBytes;
   if (size < bytes + kCacheLine) size = bytes + kCacheLine;
   auto* chunk = static_cast<Chunk*>(Map(size));
   if (chunk == nullptr && size > bytes + kCacheLine) {

@@ -238,7 +238,7 @@ void sigmux_add(sigmux_entry* entry) {
 
 void sigmux_remove(sigmux_entry* entry) {
   const lock_guard guard;
-  // The entry keeps its own links, so a dispatcher that is at the entry can go on.
+  // The entry keeps its own links, so a dispatcher that is at the entry can continue.
   sigmux_entry* next = entry->next.load(std::memory_order_relaxed);
   entry->prev->next.store(next, std::memory_order_release);
   next->prev = entry->prev;

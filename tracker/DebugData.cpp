@@ -17,10 +17,10 @@ bool DebugData::Initialize(DebugData* holder) {
     holder->Destroy(holder->pointer_.exchange(fresh, std::memory_order_acq_rel));
     return fresh->Initialize();
   }
-  // All places are taken by clears on other threads. A PointerData has no state of its own, so the
-  // present one can empty the tables as well.
-  PointerData* present = holder->pointer();
-  return present != nullptr && present->Initialize();
+  // All places are taken by clears on other threads. A PointerData has no state, so the current one
+  // can empty the tables, too.
+  PointerData* current = holder->pointer();
+  return current != nullptr && current->Initialize();
 }
 
 void DebugData::Release() {

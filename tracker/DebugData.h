@@ -14,8 +14,8 @@ class DebugData {
   /// The holder, without a PointerData before the first Initialize. Never null. It lives as long as
   /// the process: other threads may be inside an entry. Takes no lock. Any thread, any context.
   static DebugData* GetInstance();
-  /// Puts a new PointerData into `holder`, destroys the one it replaces and empties all tables. For
-  /// start-up and every clear command. False when the tables cannot be set up.
+  /// Stores a new PointerData in `holder`, destroys the one it replaces and empties all tables.
+  /// Called at start-up and by every clear command. Returns false if the tables cannot be set up.
   /// Waits for a running report.
   static bool Initialize(DebugData* holder);
   /// Destroys the PointerData. Only from track_finalize.
@@ -30,8 +30,8 @@ class DebugData {
   void PostForkChild();
 
  private:
-  /// Room for one PointerData. Never freed, but used again: another thread may be inside a member
-  /// of a replaced PointerData, which is harmless, since the tables are process-wide. A clear
+  /// Memory for one PointerData. Never freed, but reused. Another thread may be inside a member of
+  /// a replaced PointerData; this is harmless, since the tables are process-wide. So a clear
   /// allocates nothing.
   struct Place {
     alignas(PointerData) unsigned char storage[sizeof(PointerData)] = {};

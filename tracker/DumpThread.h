@@ -21,19 +21,20 @@ class MemDumpThread : public Thread {
  public:
   MemDumpThread() : Thread(/*can_call_java=*/false) {}
 
-  /// One iteration of the thread. Always true: the loop ends with the last strong reference.
+  /// One iteration of the thread. Always returns true: the loop ends with the last strong
+  /// reference.
   bool threadLoop() override;
 
  private:
-  /// Used by the thread alone.
+  /// Used only by the thread itself.
   bool reported_ = false;
 };
 
 /// Holds a MemDumpThread during its start. On the caller's stack.
 class MemDumpMain : virtual public RefBase {
  public:
-  /// Starts the thread, which it creates if there is none. False, logged, when that fails. Throws
-  /// std::bad_alloc, as the constructor does.
+  /// Starts the thread, and creates it first if there is none. Returns false, logged, if that
+  /// fails. Throws std::bad_alloc, as the constructor does.
   bool Enable();
 
  private:

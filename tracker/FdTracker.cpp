@@ -16,8 +16,8 @@ using protocol::kLogTag;
 /// Null before the first Load, and after a failed lookup or Unload.
 void* handle = nullptr;
 
-/// The function `name` of the loaded library. If there is none: null, with the log line `missing`
-/// and the library unloaded.
+/// Returns the function `name` of the loaded library. If there is none, returns null, logs
+/// `missing` and unloads the library.
 void* Find(const char* name, const char* missing) {
   void* function = dlsym(handle, name);
   if (function != nullptr) return function;
@@ -26,7 +26,7 @@ void* Find(const char* name, const char* missing) {
   return nullptr;
 }
 
-/// Calls a function without arguments. False when there is none.
+/// Calls a function without arguments. Returns false if there is none.
 bool Call(const char* name, const char* not_loaded, const char* missing) {
   if (handle == nullptr) {
     async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "%s", not_loaded);

@@ -8,15 +8,15 @@
 
 namespace fd_tracker {
 
-/// Loads the library unless it is loaded. False, with a log line, when that fails.
+/// Loads the library unless it is loaded. Returns false, logged, if that fails.
 bool Load();
-/// Calls EnableFdHook. False, with a log line and the library unloaded, if it has no such function.
-/// After Load.
+/// Calls EnableFdHook. If the library has no such function, logs that, unloads the library and
+/// returns false. Call Load first.
 bool Enable(std::uint32_t backtrace_size, std::uint32_t backtrace_type);
-/// Calls DisableFdHook. False, with a log line, if the library is not loaded, or has no such
-/// function and was unloaded for that.
+/// Calls DisableFdHook. Returns false, logged, if the library is not loaded. If it has no such
+/// function, also unloads it.
 bool Disable();
-/// Calls DumpFdleakStackToFile. False as for Disable.
+/// Calls DumpFdleakStackToFile. Returns as Disable does.
 bool Dump();
 /// Unloads the library if it is loaded.
 void Unload();

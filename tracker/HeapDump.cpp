@@ -15,7 +15,7 @@ namespace {
 
 using protocol::kLogTag;
 
-/// Intentional: one "Could not open" line for each mapping, and nothing when the file cannot be
+/// Intentional: one "Could not open" line for each mapping, and nothing if the file cannot be
 /// opened. Readers of these dumps expect it.
 void WriteMaps(std::FILE* out) {
   std::FILE* maps = std::fopen("/proc/self/maps", "re");

@@ -37,13 +37,13 @@ struct Target {
 /// In the order of the libraries, then of the functions.
 using Targets = std::vector<Target>;
 
-/// Never destroyed: a command may come while the process ends.
+/// Never destroyed: a command may arrive while the process ends.
 Targets& CurrentTargets() {
   static platform::NeverDestroyed<Targets> targets;
   return targets.get();
 }
 
-/// The pairs that have a proxy. Throws std::bad_alloc.
+/// Returns the pairs that have a proxy. Throws std::bad_alloc.
 Targets ReadTargets(const char* libraries, const char* functions) {
   std::vector<std::string> library_list;
   std::vector<std::string> function_list;

@@ -21,9 +21,9 @@
 #include "tracker/control/MemTrackControl.h"
 #include "tracker/control/RecordingScope.h"
 
-// The slow path of an entry is a function of its own that the entry tail-calls, so that an idle
-// entry makes no stack frame. Builds without tail calls inline it into the entry. Either way there
-// is one frame, and its return address is the program's.
+// The slow path of an entry is a separate function that the entry tail-calls, so that an idle entry
+// makes no stack frame. Builds without tail calls inline it into the entry. In both cases there is
+// one frame, and its return address is in the program.
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define SLOW_PATH __attribute__((noinline))
 #else
@@ -50,7 +50,7 @@ TRACKER_INLINE void RemoveRecord(const void* pointer) {
   if (store != nullptr) store->Remove(pointer, 0);
 }
 
-/// The size that the C library is asked for; 0, with errno set, when the request is refused.
+/// Returns the size to request from the C library; 0, with errno set, if the request is refused.
 TRACKER_INLINE std::size_t AcceptedSize(std::size_t size) {
   if (size >= kSizeLimit) {
     errno = ENOMEM;
@@ -174,8 +174,8 @@ void PostForkChild() {
   DebugData::GetInstance()->PostForkChild();
 }
 
-/// Registers the fork handlers once, however often start-up runs: they cannot be unregistered.
-/// False without memory. Only from track_initialize.
+/// Registers the fork handlers, which cannot be unregistered, in the first of several start-ups.
+/// Returns false if there is no memory. Only from track_initialize.
 bool InitAtFork() {
   static bool registered = false;
   if (!registered) registered = pthread_atfork(PrepareFork, PostForkParent, PostForkChild) == 0;

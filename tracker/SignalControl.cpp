@@ -51,18 +51,18 @@ void SetSwitches(const Kind& kind, bool start, bool ever) {
   }
 }
 
-/// The start flag, read back after a store.
+/// Returns the start flag of the kind, to log it after a store.
 bool IsOn(const Kind& kind) {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   return kind.IsNative() ? control->GetHookStart() : control->GetPltHookStart();
 }
 
-/// Drops the records of every kind and leaves the switches as they are.
+/// Drops the records of every kind. Does not change the switches.
 void ClearRecords() {
   DebugData::Initialize(DebugData::GetInstance());
 }
 
-/// False when nothing is hooked. The kind is selected by then, and the switches are as they were.
+/// Returns false if nothing is hooked; then the kind is selected and the switches are unchanged.
 bool Start(const Kind& kind, const Command& command) {
   SelectKind(kind);
   if (kind.IsNative()) {
@@ -84,7 +84,7 @@ bool Start(const Kind& kind, const Command& command) {
   return true;
 }
 
-/// Records are kept. Those of the heap are still removed on free; hooks stay and do nothing.
+/// Keeps the records. Those of the heap are still removed on free; hooks stay and do nothing.
 void Pause(const Kind& kind) {
   SetSwitches(kind, false, true);
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "%s%s", kind.switch_line, StateName(IsOn(kind)));
@@ -103,7 +103,7 @@ void Clear(const Kind& kind) {
   ClearRecords();
 }
 
-/// The commands for one kind. False when one ends the signal's commands.
+/// Runs the commands for one kind. Returns false if one of them ends the signal's commands.
 bool RunKind(const Kind& kind, const Command& command) {
   if ((command.word & kind.On()) != 0 && !Start(kind, command)) return false;
   const std::uint64_t others = command.word & (kind.Pause() | kind.Report() | kind.Clear());
@@ -127,11 +127,11 @@ bool StartFdTracker(const Command& command) {
   return fd_tracker::Enable(signal_bt_size, signal_bt_type);
 }
 
-/// The commands for file descriptors. False when one ends the signal's commands.
+/// Runs the commands for file descriptors. Returns false if one of them ends the signal's commands.
 bool RunFdCommands(const Command& command) {
   if ((command.word & protocol::kFdOn) != 0 && !StartFdTracker(command)) return false;
   if ((command.word & protocol::kFdOff) != 0 && !fd_tracker::Disable()) return false;
-  // Intentional: a dump that works ends the commands, one that fails does not.
+  // Intentional: a successful dump ends the commands, a failed dump does not.
   if ((command.word & protocol::kFdDump) != 0 && fd_tracker::Dump()) return false;
   if ((command.word & protocol::kFdClear) != 0) {
     SetSignalBacktrace(0);
@@ -141,8 +141,7 @@ bool RunFdCommands(const Command& command) {
   return true;
 }
 
-/// Carries out the commands in a fixed order, whatever the order of their bits. Bits that stand for
-/// no command mean nothing.
+/// Carries out the commands in a fixed order, for any word. Ignores unknown bits.
 void Run(const Command& command) {
   for (const Kind& kind : protocol::kKinds) {
     if (!RunKind(kind, command)) return;

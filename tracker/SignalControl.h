@@ -7,15 +7,16 @@
 
 #include <signal.h>
 
-/// Installs TrackSigaction for protocol::control_signal and keeps the action that was in force. A
-/// failure is logged and otherwise ignored. From track_initialize.
+/// Installs TrackSigaction for protocol::control_signal and saves the previous action. A failure is
+/// only logged. From track_initialize.
 void SignalActionsInit();
-/// Restores the kept action; a failure is logged. From track_finalize.
+/// Restores the saved action; a failure is only logged. From track_finalize.
 void SignalActionsRestore();
 
-/// The handler: carries out the commands in `info`. protocol::ReadCommand describes the record,
-/// which the sender has filled itself; protocol/kinds.h the commands.
+/// The handler: carries out the commands in `info`. See protocol::ReadCommand for the record, which
+/// the sender fills in, and protocol/kinds.h for the commands.
 ///
-/// Runs on the thread that the kernel picks and does all work there, allocation and thread creation
-/// included. Keeps errno. Commands never nest in one thread: the signal is blocked meanwhile.
+/// Runs on the thread that the kernel picks and does all work there, including allocation and
+/// thread creation. Keeps errno. Commands never nest in one thread: the signal is blocked
+/// meanwhile.
 void TrackSigaction(int signal, siginfo_t* info, void* context);

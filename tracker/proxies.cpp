@@ -38,7 +38,7 @@ struct DmaHeapAllocation {
   std::uint32_t fd;
 };
 
-/// The part of a KGSL argument that is read, whatever the request.
+/// The part of a KGSL argument that is read, for all requests.
 struct GpuAllocation {
   std::uint64_t address;
   std::uint64_t size;
@@ -51,7 +51,7 @@ Function* Previous(Function* proxy) {
       lumora::plthooks::get_previous_from_hook(reinterpret_cast<void*>(proxy)));
 }
 
-/// The tracker's switches if this call is recorded, else null.
+/// Returns the tracker's switches if this call is recorded, else null.
 const MemTrackControl* Recording() {
   const MemTrackControl* control = MemTrackControl::GetInstance();
   if (control == nullptr || !control->GetPltHookStart()) return nullptr;
@@ -85,7 +85,7 @@ PointerData* Store() {
   return data != nullptr ? data->pointer() : nullptr;
 }
 
-/// Records what a call has made.
+/// Records the mapping or buffer that a call has created.
 void Add(const void* key, std::uint64_t size) {
   if (key == nullptr || size == 0) return LogError("map result error");
   if (PointerData* store = Store(); store != nullptr) store->AddMapping(key, size);
@@ -104,8 +104,8 @@ void* RecordMapping(void* mapping, std::size_t size, int flags) {
   return mapping;
 }
 
-/// The word at `address`, 0 when it cannot be read: the program may pass any pointer, and the proxy
-/// must not fault on a bad one. Takes no lock; keeps errno.
+/// Returns the word at `address`; 0 if it cannot be read. The program may pass any pointer, and the
+/// proxy must not fault on a bad one. Takes no lock; keeps errno.
 std::uint64_t ReadWord(const std::uint64_t* address) {
   const auto first = reinterpret_cast<std::uint64_t>(address);
   std::uint64_t word = 0;
@@ -131,8 +131,8 @@ void* shared_proxy___mmap2(void* address, std::size_t length, int protection, in
   return RecordMapping(mapping, length, flags);
 }
 
-/// Intentional: tests its own flags for MAP_ANONYMOUS, where that bit means nothing, so that it
-/// hardly ever records. The record of the old mapping stays.
+/// Intentional: tests the flags of mremap for MAP_ANONYMOUS. The bit has no meaning there and is
+/// rarely set, so the call is rarely recorded. The record of the old mapping stays.
 void* shared_proxy_mremap(void* old_address, std::size_t old_size, std::size_t new_size, int flags,
                           void* new_address) {
   void* mapping =

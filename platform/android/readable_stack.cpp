@@ -7,15 +7,15 @@ namespace {
 
 /// A hooked caller's frame pointer register may hold any value. It is ignored if it is below the
 /// running stack or more than this above it: 8 MiB, the size of the main thread's stack.
-constexpr std::uint64_t kLargestStack = std::uint64_t{8} << 20;
+constexpr std::uint64_t kMaxStackBytes = std::uint64_t{8} << 20;
 
 }  // namespace
 
-void ReadableStack::RecallOtherStack() {}
+void ReadableStack::LoadOtherStack() {}
 
 bool ReadableStack::Reaches(std::uint64_t address, std::uint64_t bytes) {
-  end_ = begin_ + kLargestStack;
-  return address >= begin_ && address - begin_ < kLargestStack - bytes;
+  end_ = begin_ + kMaxStackBytes;
+  return address >= begin_ && address - begin_ < kMaxStackBytes - bytes;
 }
 
 }  // namespace platform

@@ -53,10 +53,10 @@ struct Conversion {
 };
 
 std::size_t ParseNumber(const char*& at) {
-  constexpr std::size_t kLargest = 10000;  // longer than any line; prevents an overflow
+  constexpr std::size_t kMaxNumber = 10000;  // longer than any line; prevents an overflow
   std::size_t number = 0;
   for (; *at >= '0' && *at <= '9'; ++at) {
-    if (number < kLargest) number = number * 10 + static_cast<std::size_t>(*at - '0');
+    if (number < kMaxNumber) number = number * 10 + static_cast<std::size_t>(*at - '0');
   }
   return number;
 }

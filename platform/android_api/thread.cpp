@@ -46,7 +46,7 @@ status_t Thread::Start(std::size_t stack) {
 void* Thread::Run(void* self) {
   auto* const thread = static_cast<Thread*>(self);
   thread->SetUpThread();
-  // With one reference left, which is the thread's own, nobody can make another one.
+  // If only the thread's own reference is left, no other thread can add one.
   while (thread->threadLoop() && thread->getStrongCount() > 1) {
   }
   {

@@ -24,8 +24,8 @@ bool IsTracker(std::uint64_t address) {
   return address - g_tracker_begin < g_tracker_bytes;
 }
 
-/// The stack from the first frame outside of the tracker on. A function of its own, so that a walk
-/// from the tracker's caller has no frame of CallStack below it.
+/// As CallStack, but starts at the first frame outside the tracker. A separate function, so that
+/// CallStack itself keeps no frame while it walks from the tracker's caller.
 __attribute__((noinline)) std::size_t SkipTracker(std::uint64_t return_address, std::uint64_t sp,
                                                   std::uint64_t fp, std::uint64_t* pcs,
                                                   std::size_t max_pcs) {
@@ -51,7 +51,7 @@ bool PrepareCallStacks() {
   if (dladdr(reinterpret_cast<void*>(here), &info) == 0 || info.dli_fname == nullptr) return true;
   const char* slash = std::strrchr(info.dli_fname, '/');
   const char* name = slash == nullptr ? info.dli_fname : slash + 1;
-  // Tests and benchmarks link this file into programs, whose frames count.
+  // Tests and benchmarks link this file into programs. The frames of these are not skipped.
   if (std::strcmp(name, protocol::kTrackerLibrary) == 0 && cfi::FindLoadedObject(here, &object)) {
     g_tracker_begin = object.begin;
     g_tracker_bytes = object.end - object.begin;
@@ -59,7 +59,7 @@ bool PrepareCallStacks() {
   return true;
 }
 
-// Both last calls are tail calls.
+// The calls of SkipTracker and WalkFrames are tail calls.
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) std::size_t CallStack(
     const arch::FrameRecord* inner, std::uint64_t* pcs, std::size_t max_pcs) {
   const auto* entry = reinterpret_cast<const arch::FrameRecord*>(inner->caller_frame);

@@ -10,11 +10,11 @@
 namespace platform::cfi {
 namespace {
 
-constexpr std::size_t kValues = 16;
+constexpr std::size_t kMaxValues = 16;  // of the expression's stack
 constexpr unsigned kWordBits = 64;
 
-/// What linkers, compilers and hand-written assembly use in call-frame information. No branches: an
-/// expression ends with its bytes.
+/// The operations that linkers, compilers and hand-written assembly use in call-frame information.
+/// Branches are not supported, so an expression ends with its last byte.
 enum Operation : std::uint8_t {
   kDeref = 0x06,
   kConst1u = 0x08,
@@ -59,7 +59,7 @@ class Machine {
       : reader_(expression), registers_(registers), stack_(*stack) {}
 
   bool Push(std::uint64_t value) {
-    if (count_ == kValues) return false;
+    if (count_ == kMaxValues) return false;
     values_[count_++] = value;
     return true;
   }
@@ -110,7 +110,7 @@ class Machine {
     }
   }
 
-  /// Operations on the top value. False for others.
+  /// Runs an operation on the top value. Returns false for any other operation.
   bool ChangeTop(std::uint8_t operation) {
     switch (operation) {
       case kDup:
@@ -128,7 +128,7 @@ class Machine {
     }
   }
 
-  /// Operations on the two top values. False for others.
+  /// Runs an operation on the two top values. Returns false for any other operation.
   bool ChangeTwo(std::uint8_t operation) {
     if (operation == kOver) return Push(Top(1));
     if (operation == kSwap) {
@@ -182,7 +182,7 @@ class Machine {
 
   bool PushSigned(std::int64_t value) { return Push(static_cast<std::uint64_t>(value)); }
 
-  /// The register of `column` plus the number that follows.
+  /// Pushes the register of `column` plus the number that follows the operation.
   bool PushRegister(std::uint64_t column) {
     const auto offset = static_cast<std::uint64_t>(reader_.TakeSigned());
     std::uint64_t value = 0;
@@ -194,7 +194,7 @@ class Machine {
   TableReader reader_;
   const arch::Registers& registers_;
   ReadableStack& stack_;
-  std::array<std::uint64_t, kValues> values_{};
+  std::array<std::uint64_t, kMaxValues> values_{};
   std::size_t count_ = 0;
 };
 

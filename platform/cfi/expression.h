@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Evaluates DWARF expressions of call-frame information.
 //
-// Used where a frame's rules are more than offsets, on any thread and in signal handlers.
+// Used if a frame's rules are not plain offsets. Any thread; safe in signal handlers.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@
 
 namespace platform::cfi {
 
-/// The value of `column` in a frame; false for a column that is not followed.
+/// Reads the value of `column` in a frame into `value`. Returns false if `registers` lacks it.
 bool ReadColumn(const arch::Registers& registers, std::uint64_t column, std::uint64_t* value);
 
-/// Evaluates `expression` in a frame with `registers`, on a stack of values that holds `*initial`,
-/// unless that is null. Reads only `stack`. Returns false for an expression that is damaged, not
-/// supported or reads other memory.
+/// Evaluates `expression` in a frame with `registers`. The expression's stack of values starts with
+/// `*initial`, or empty if `initial` is null. Reads memory only from `stack`. Returns false if the
+/// expression is damaged, is not supported or reads other memory.
 bool Evaluate(TableReader expression, const arch::Registers& registers,
               const std::uint64_t* initial, ReadableStack* stack, std::uint64_t* result);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Finds and reads frame description entries: by the sorted table of .eh_frame_hdr, or one after the
-// other in .eh_frame where the linker made no table. Any thread, any context.
+// Finds and reads frame description entries: by the sorted table of .eh_frame_hdr, or by a scan of
+// .eh_frame if the linker made no table. Any thread, any context.
 #include "platform/cfi/frame_entry.h"
 
 #include <cstring>
@@ -24,8 +24,8 @@ TableReader ReaderAt(const LoadedObject& object, std::uint64_t address) {
   return end == 0 ? TableReader() : TableReader(address, end);
 }
 
-/// Reads the length of a CIE or FDE. Returns a reader of its contents, empty at the section's end
-/// and for what cannot be read.
+/// Reads the length of a CIE or FDE and skips its contents. Returns a reader of the contents; it is
+/// empty at the end of the section and if the contents cannot be read.
 TableReader TakeContents(TableReader* section) {
   const auto length = section->Take<std::uint32_t>();
   const std::uint64_t begin = section->address();
@@ -34,8 +34,8 @@ TableReader TakeContents(TableReader* section) {
   return section->ok() ? TableReader(begin, section->address()) : TableReader();
 }
 
-/// Reads the CIE at `address` into `entry`. `augmented` says whether entries carry a block of data
-/// of their own.
+/// Reads the CIE at `address` into `entry`. Sets `augmented` if each FDE has a block of data.
+/// Returns false if the CIE is damaged or not supported.
 bool ReadShared(const LoadedObject& object, std::uint64_t address, FrameEntry* entry,
                 bool* augmented) {
   TableReader section = ReaderAt(object, address);
@@ -49,7 +49,7 @@ bool ReadShared(const LoadedObject& object, std::uint64_t address, FrameEntry* e
   entry->data_alignment = reader.TakeSigned();
   entry->return_address_column = version == 1 ? reader.Take<std::uint8_t>() : reader.TakeUnsigned();
   *augmented = augmentation[0] == 'z';
-  // The length of the block is needed to find the instructions.
+  // Without the block's length, the start of the instructions is unknown.
   if (!*augmented && augmentation[0] != '\0') return false;
   TableReader data = *augmented ? reader.TakeBlock() : TableReader();
   for (const char* letter = augmentation; *letter != '\0'; ++letter) {
@@ -62,7 +62,7 @@ bool ReadShared(const LoadedObject& object, std::uint64_t address, FrameEntry* e
     } else if (*letter == 'S') {
       entry->is_signal_frame = true;
     } else if (*letter != 'z' && *letter != 'B' && *letter != 'G') {
-      // B and G tell of signed return addresses and tagged memory, and have no data.
+      // B and G mark signed return addresses and tagged memory. They have no data.
       return false;
     }
   }
@@ -70,7 +70,7 @@ bool ReadShared(const LoadedObject& object, std::uint64_t address, FrameEntry* e
   return reader.ok() && (!*augmented || data.ok());
 }
 
-/// Reads the FDE whose contents `reader` is at. False when it does not hold `pc`.
+/// Reads the FDE whose contents `reader` points to. Returns false if it does not cover `pc`.
 bool ReadEntry(const LoadedObject& object, TableReader reader, std::uint64_t pc,
                FrameEntry* entry) {
   const std::uint64_t place = reader.address();
@@ -86,10 +86,11 @@ bool ReadEntry(const LoadedObject& object, TableReader reader, std::uint64_t pc,
   return reader.ok() && pc - entry->begin < bytes;
 }
 
-/// The address of the entry in the sorted table of `count` pairs that holds `pc`, if any does.
+/// Searches the sorted table of `count` pairs. Returns the address of the only entry that can cover
+/// `pc`.
 std::uint64_t SearchTable(std::uint64_t header, std::uint64_t table, std::uint64_t count,
                           std::uint64_t pc) {
-  // Pairs are taken one by one: the table may lie at any address.
+  // Each pair is copied, because the table may be unaligned.
   const auto pair_at = [table](std::uint64_t index) {
     TablePair pair;
     std::memcpy(&pair, reinterpret_cast<const void*>(table + index * sizeof pair), sizeof pair);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The frame description entry of a pc: the part of an object's .eh_frame that says how to unwind
-// one function.
+// The frame description entry of a pc: the part of an object's .eh_frame that describes how to
+// unwind one function.
 //
-// Used when a pc is met for the first time, on any thread and in signal handlers. Entries may be
-// damaged: nothing outside the object's readable segments is read.
+// Used the first time a pc is captured, on any thread and in signal handlers. Entries may be
+// damaged, so reads never leave the object's readable segments.
 #pragma once
 
 #include <cstdint>
@@ -13,24 +13,24 @@
 
 namespace platform::cfi {
 
-/// An entry and what it shares with others (its CIE).
+/// A frame description entry with the data of its CIE, which several entries share.
 struct FrameEntry {
   /// The function's first address.
   std::uint64_t begin = 0;
-  /// Instructions for the whole function: the shared ones, then its own.
+  /// The function's instructions: those of the CIE first, then those of the entry.
   TableReader shared_program;
   TableReader program;
   std::uint64_t code_alignment = 0;
   std::int64_t data_alignment = 0;
   std::uint64_t return_address_column = 0;
-  /// How DW_CFA_set_loc writes an address.
+  /// The encoding of an address in DW_CFA_set_loc.
   std::uint8_t address_encoding = 0;
-  /// The function is what a signal handler returns to.
+  /// Whether the function is the code that a signal handler returns to.
   bool is_signal_frame = false;
 };
 
-/// Fills `entry` with that of the function in `object` that holds `pc`. Returns false when there is
-/// none, or none that can be read.
+/// Fills `entry` with the entry of the function in `object` that contains `pc`. Returns false if
+/// there is none or it cannot be read.
 bool FindFrameEntry(const LoadedObject& object, std::uint64_t pc, FrameEntry* entry);
 
 }  // namespace platform::cfi

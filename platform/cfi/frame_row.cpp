@@ -5,10 +5,10 @@
 namespace platform::cfi {
 namespace {
 
-/// The depth of DW_CFA_remember_state. Compilers do not nest it.
+/// Maximum nesting of DW_CFA_remember_state. Compilers do not nest it.
 constexpr std::size_t kRememberedRows = 2;
 
-/// The high two bits of an instruction that has an operand in the others.
+/// The high two bits of an instruction that has an operand in its low six bits.
 enum : std::uint8_t { kAdvance = 0x40, kOffset = 0x80, kRestore = 0xc0 };
 
 enum Instruction : std::uint8_t {
@@ -35,8 +35,8 @@ enum Instruction : std::uint8_t {
   kValOffset = 0x14,
   kValOffsetSigned = 0x15,
   kValExpression = 0x16,
-  kNegateReturnAddressState = 0x2d,  // AArch64: the return address is signed from here on, or not
-  kArgumentBytes = 0x2e,             // GNU, for exceptions alone
+  kNegateReturnAddressState = 0x2d,  // AArch64: toggles whether the return address is signed
+  kArgumentBytes = 0x2e,             // GNU; only exceptions use it
   kNegativeOffsetExtended = 0x2f,    // GNU
 };
 
@@ -54,7 +54,7 @@ class Run {
   }
 
  private:
-  /// Runs `program` to its end or to the first row behind the pc.
+  /// Runs `program` to its end or to the first row after the pc.
   bool Program(TableReader program) {
     while (!program.empty() && location_ <= pc_) {
       if (!Step(&program)) return false;
@@ -165,7 +165,7 @@ class Run {
     return true;
   }
 
-  /// Unsigned arithmetic throughout: damaged tables may name any number.
+  /// Unsigned, because damaged tables may contain any number and signed overflow is undefined.
   std::uint64_t Factored(std::uint64_t units) const {
     return units * static_cast<std::uint64_t>(entry_.data_alignment);
   }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs the instructions of a frame description entry up to a pc: where the caller's registers are
-// while the function is there.
+// Runs the instructions of a frame description entry up to a pc. The result describes where the
+// caller's registers are while the function is at that pc.
 //
-// Used when a pc is met for the first time, on any thread and in signal handlers.
+// Used the first time a pc is captured, on any thread and in signal handlers.
 #pragma once
 
 #include <algorithm>
@@ -15,26 +15,27 @@
 
 namespace platform::cfi {
 
-/// How one register of the caller is found.
+/// Where one register of the caller is.
 enum class Source : std::uint8_t {
-  kUnspecified,        // not mentioned: as in this frame
+  kUnspecified,        // no rule: unchanged
   kUndefined,          // lost; for the return address: the stack ends here
-  kSame,               // as in this frame
+  kSame,               // unchanged
   kSavedAtOffset,      // at CFA + offset
-  kIsOffset,           // CFA + offset
-  kRegister,           // in the register of another column of this frame
-  kSavedAtExpression,  // at the address that the expression yields
-  kIsExpression,       // what the expression yields
+  kIsOffset,           // the value is CFA + offset
+  kRegister,           // in another register of this frame
+  kSavedAtExpression,  // at the address that the expression computes
+  kIsExpression,       // the value is the result of the expression
 };
 
-/// How one register of the caller is found, in one word: rows are made on small stacks.
+/// Where one register of the caller is, packed into one word because rows are built on small
+/// stacks.
 class RegisterRule {
  public:
   RegisterRule() = default;
-  /// `value` is an offset or a column. Its upper three bits get lost.
+  /// `value` is an offset or a column. Its upper three bits are dropped.
   RegisterRule(Source source, std::uint64_t value)
       : word_(value << kSourceBits | static_cast<std::uint64_t>(source)) {}
-  /// `block` is an expression. False if it cannot be one of compiled code.
+  /// Packs the expression in `block`. Returns false if its address or length does not fit.
   static bool Pack(Source source, const TableReader& block, RegisterRule* rule) {
     const std::uint64_t bytes = block.end() - block.address();
     if (block.end() >> kAddressBits != 0 || bytes >> kLengthBits != 0) return false;
@@ -58,15 +59,15 @@ class RegisterRule {
   std::uint64_t word_ = static_cast<std::uint64_t>(Source::kUnspecified);
 };
 
-/// The canonical frame address (CFA) in one word: register + offset, or what an expression yields.
+/// The canonical frame address (CFA) in one word: register + offset, or an expression.
 class CfaRule {
  public:
   /// No register.
   CfaRule() : CfaRule(kNoColumn, 0) {}
-  /// Offsets have 48 bits.
+  /// The lower 48 bits of `offset` are kept.
   CfaRule(std::uint64_t column, std::uint64_t offset)
       : word_(offset << kValueShift | std::min(column, kNoColumn) << 1) {}
-  /// `block` is an expression. False if it cannot be one of compiled code.
+  /// Packs the expression in `block`. Returns false if its address or length does not fit.
   static bool Pack(const TableReader& block, CfaRule* rule) {
     const std::uint64_t bytes = block.end() - block.address();
     if (block.end() >> (64 - kValueShift) != 0 || bytes > kNoColumn) return false;
@@ -89,7 +90,7 @@ class CfaRule {
   std::uint64_t word_;
 };
 
-/// Columns that are followed in one run. All of a function's would take too much stack.
+/// Number of columns that one run computes. More would need too much stack.
 inline constexpr std::size_t kFollowedColumns = 3;
 using FollowedColumns = std::array<unsigned, kFollowedColumns>;
 
@@ -98,8 +99,8 @@ struct FrameRow {
   std::array<RegisterRule, kFollowedColumns> rules;
 };
 
-/// Fills `row` with the rules of `columns` at `pc`, which lies in the function of `entry`. Returns
-/// false for invalid or unknown instructions.
+/// Fills `row` with the rules of `columns` at `pc`, an address in the function of `entry`. Returns
+/// false if an instruction is invalid or unknown.
 bool RunToRow(const FrameEntry& entry, std::uint64_t pc, const FollowedColumns& columns,
               FrameRow* row);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which object was seen where. Any thread, any context.
+// The table of known objects. Any thread, any context.
 #include "platform/cfi/known_objects.h"
 
 #include <atomic>
@@ -8,19 +8,19 @@
 namespace platform::cfi {
 namespace {
 
-/// Further objects are not watched.
-constexpr std::size_t kObjects = 512;
-constexpr std::uint64_t kBusy = 1;  // as the beginning of an entry that is being written
+/// Table size. Once the table is full, further objects are not recorded.
+constexpr std::size_t kMaxObjects = 512;
+constexpr std::uint64_t kBusy = 1;  // `begin` of an entry that is being written
 
 struct Known {
   std::atomic<std::uint64_t> begin;  // 0 for a free entry
   std::atomic<std::uint64_t> end;
   std::atomic<std::uint64_t> identity;
 };
-Known g_objects[kObjects];
+Known g_objects[kMaxObjects];
 
-/// A number that differs between objects with the same addresses: a hash of the beginning of the
-/// sorted table, which has the number of functions and the places of the first ones.
+/// Returns a number that distinguishes objects with the same addresses: a hash of the start of the
+/// sorted table, which contains the number of functions and the offsets of the first ones.
 std::uint64_t IdentityOf(const LoadedObject& object) {
   constexpr std::size_t kWords = 16;
   constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15;
@@ -33,7 +33,7 @@ std::uint64_t IdentityOf(const LoadedObject& object) {
   return identity;
 }
 
-/// Writes an entry that the caller has made busy.
+/// Writes an entry that the caller has marked as busy.
 void Write(Known* known, const LoadedObject& object, std::uint64_t identity) {
   known->end.store(object.end, std::memory_order_relaxed);
   known->identity.store(identity, std::memory_order_relaxed);
@@ -42,21 +42,21 @@ void Write(Known* known, const LoadedObject& object, std::uint64_t identity) {
 
 }  // namespace
 
-bool NoteObject(const LoadedObject& object) {
+bool RecordObject(const LoadedObject& object) {
   const std::uint64_t identity = IdentityOf(object);
   bool is_new = true;
   bool is_alone = true;
   for (Known& known : g_objects) {
     std::uint64_t begin = known.begin.load(std::memory_order_acquire);
     if (begin == 0) {
-      // Entries are filled from the first on: nothing follows.
+      // Entries are filled in order, so all later ones are free, too.
       if (!is_new) break;
       if (!known.begin.compare_exchange_strong(begin, kBusy, std::memory_order_acquire)) continue;
       Write(&known, object, identity);
       break;
     }
-    // An entry that another thread is writing may look like another object. At worst all rules are
-    // made anew.
+    // An entry that another thread is writing may look like a different object. In the worst case
+    // all rules are computed again.
     const std::uint64_t end = known.end.load(std::memory_order_relaxed);
     if (begin == kBusy || begin >= object.end || end <= object.begin) continue;
     if (begin == object.begin && end == object.end &&

@@ -14,7 +14,7 @@ struct Search {
   LoadedObject* object;
 };
 
-int TakeIfItHolds(dl_phdr_info* info, std::size_t /*bytes*/, void* data) {
+int CheckObject(dl_phdr_info* info, std::size_t /*bytes*/, void* data) {
   const auto* search = static_cast<const Search*>(data);
   LoadedObject object;
   object.bias = info->dlpi_addr;
@@ -51,7 +51,7 @@ std::uint64_t LoadedObject::ReadableEnd(std::uint64_t address, std::size_t bytes
 
 bool SearchLoadedObjects(std::uint64_t pc, LoadedObject* object) {
   Search search{pc, object};
-  return dl_iterate_phdr(TakeIfItHolds, &search) != 0;
+  return dl_iterate_phdr(CheckObject, &search) != 0;
 }
 
 }  // namespace platform::cfi

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A walk that follows every register. Any thread, any context.
+// A walk that tracks all saved registers. Any thread, any context.
 #include "platform/cfi/register_walk.h"
 
 #include <array>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kSp = arch::SavedIndex(arch::kStackPointerColumn);
 
-// Columns that are followed in one run. Constants, which take no stack.
+// The columns of each run. Constants, because they take no stack.
 constexpr FollowedColumns kReturnAddress = {arch::kReturnAddressColumn};
 constexpr std::size_t kGroupCount =
     (arch::kSavedRegisters + kFollowedColumns - 1) / kFollowedColumns;
@@ -30,13 +30,13 @@ constexpr std::array<FollowedColumns, kGroupCount> MakeGroups() {
 }
 constexpr std::array<FollowedColumns, kGroupCount> kGroups = MakeGroups();
 
-/// One step: from the registers of a frame to those of its caller's.
+/// One step: from the registers of a frame to those of its caller.
 class RegisterStep {
  public:
   RegisterStep(const arch::Registers& from, ReadableStack* stack, arch::Registers* to)
       : from_(from), to_(*to), stack_(*stack) {}
 
-  /// `pc` is an address in the instruction that the frame is at.
+  /// `pc` is an address in the frame's current instruction.
   bool Run(const FrameEntry& entry, std::uint64_t pc) {
     to_ = from_;
     to_.interrupted = nullptr;
@@ -46,7 +46,7 @@ class RegisterStep {
         !TakeReturnAddress(row.rules[0])) {
       return false;
     }
-    // The stack pointer is the CFA unless a rule says otherwise.
+    // Without a rule for the stack pointer, it is the CFA.
     to_.saved[kSp] = cfa_;
     for (const FollowedColumns& columns : kGroups) {
       if (!RunToRow(entry, pc, columns, &row)) return false;
@@ -59,7 +59,7 @@ class RegisterStep {
   }
 
  private:
-  // Never inlined: their variables are not on the stack while rows are made.
+  // Not inlined, so that their variables are not on the stack while RunToRow runs.
   __attribute__((noinline)) bool FindCfa(const CfaRule& rule) {
     if (rule.by_expression()) return Evaluate(rule.expression(), from_, nullptr, &stack_, &cfa_);
     if (!ReadColumn(from_, rule.column(), &cfa_)) return false;
@@ -69,7 +69,7 @@ class RegisterStep {
 
   __attribute__((noinline)) bool TakeReturnAddress(const RegisterRule& rule) {
     const bool stays = rule.source() == Source::kUnspecified || rule.source() == Source::kSame;
-    // Where a call pushes it, it never stays in a register.
+    // If calls push the return address, it is never in a register.
     if (rule.source() == Source::kUndefined || (stays && arch::kCallPushesReturnAddress))
       return false;
     if (stays) {
@@ -81,7 +81,8 @@ class RegisterStep {
     return true;
   }
 
-  /// False, and `value` as it was, when it is not changed or cannot be found.
+  /// Reads the register by `rule` into `value`. Returns false, with `value` unchanged, if the rule
+  /// leaves the register unchanged or its value cannot be found.
   __attribute__((noinline)) bool Take(const RegisterRule& rule, std::uint64_t* value) {
     std::uint64_t address = 0;
     const auto number = static_cast<std::uint64_t>(rule.value());
@@ -105,7 +106,7 @@ class RegisterStep {
   __attribute__((no_sanitize("address", "thread", "undefined"))) bool Read(std::uint64_t address,
                                                                            std::uint64_t* value) {
     if (from_.saved[kSp] - address - 1 < arch::kRedZoneBytes) {
-      // A function that a signal interrupted may keep registers there.
+      // A function that was interrupted by a signal may keep registers in its red zone.
       if (!CanRead(address, sizeof(*value))) return false;
       *value = *reinterpret_cast<const std::uint64_t*>(address);
       return true;
@@ -121,8 +122,8 @@ class RegisterStep {
 
 enum class Place { kUnknown, kSignalReturn, kFunction };
 
-/// Tells what is at `pc`. Fills `entry` with that of the function that holds `address`. A function
-/// of its own, so that the object is not on the stack during the step.
+/// Returns what is at `pc`. Fills `entry` with the entry of the function that contains `address`. A
+/// separate function, so that `object` is not on the stack during the step.
 __attribute__((noinline)) Place FindPlace(std::uint64_t address, std::uint64_t pc,
                                           FrameEntry* entry) {
   LoadedObject object;
@@ -133,8 +134,8 @@ __attribute__((noinline)) Place FindPlace(std::uint64_t address, std::uint64_t p
 
 }  // namespace
 
-/// Moves to `registers`. After a signal the stack pointer may be on another stack. Returns false
-/// when it is on none.
+/// Moves to `registers`. The stack pointer of an interrupted frame may be on another stack. Returns
+/// false if the stack pointer is on no readable stack.
 __attribute__((noinline)) bool RegisterWalk::GoTo(const arch::Registers& registers,
                                                   bool interrupted) {
   const std::uint64_t new_sp = registers.saved[kSp];
@@ -172,14 +173,14 @@ bool RegisterWalk::Step() {
   return StepByEntry(entry, address);
 }
 
-/// Goes on to the caller of the function of `entry`. `address` is in the instruction that the frame
-/// is at. Never inlined: its variables are not on the stack while the entry is found.
+/// Moves to the caller of the function of `entry`. `address` is in the frame's current instruction.
+/// Not inlined, so that its variables are not on the stack while FindPlace runs.
 __attribute__((noinline)) bool RegisterWalk::StepByEntry(const FrameEntry& entry,
                                                          std::uint64_t address) {
   arch::Registers caller;
   if (!RegisterStep(registers_, &stack_, &caller).Run(entry, address)) return false;
-  // A function that has made no frame yet leaves the stack pointer where it is. Only the innermost
-  // can be there, or the walk would never end.
+  // The caller's stack pointer is equal only if the function has not pushed anything. Only an
+  // interrupted function can be in that state. Otherwise the walk could loop forever.
   const std::uint64_t caller_sp = caller.saved[kSp];
   if (!entry.is_signal_frame && (caller_sp < sp() || (caller_sp == sp() && !interrupted_))) {
     return false;

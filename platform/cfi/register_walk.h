@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A walk that follows every register, for frames that a packed rule cannot describe.
+// A walk that tracks all saved registers, for frames that a packed rule cannot describe.
 //
-// Interprets call-frame information anew for each frame: about a microsecond. Any thread, any
-// context.
+// Interprets call-frame information for each frame, without a cache: about a microsecond. Any
+// thread, any context.
 #pragma once
 
 #include <cstdint>
@@ -15,27 +15,27 @@ namespace platform::cfi {
 
 class RegisterWalk {
  public:
-  /// Begins in the function that this is inlined into.
+  /// Starts in the function that this is inlined into.
   __attribute__((always_inline)) RegisterWalk() : stack_(Capture(&registers_)) {}
 
   /// An empty walk on `stack`. Call EnterInterrupted next.
   explicit RegisterWalk(const ReadableStack& stack) : registers_{}, stack_(stack) {}
 
-  /// Goes to the frame that a signal interrupted. `sp`, on this walk's stack, is the stack pointer
-  /// at the code that the signal's handler returns to. Returns false and changes nothing when the
-  /// saved registers are not valid.
+  /// Moves to the frame that a signal interrupted. `sp`, an address on this walk's stack, is the
+  /// stack pointer at the code that the signal handler returns to. Returns false, with nothing
+  /// changed, if the saved registers are invalid.
   bool EnterInterrupted(std::uint64_t sp);
 
-  /// Goes on to the caller's frame. Returns false and changes nothing where the stack ends or
-  /// cannot be followed.
+  /// Moves to the caller's frame. Returns false, with nothing changed, if the stack ends here or
+  /// the caller cannot be found.
   bool Step();
 
   std::uint64_t pc() const { return registers_.pc; }
   std::uint64_t sp() const { return registers_.saved[kSp]; }
   std::uint64_t fp() const { return registers_.saved[kFp]; }
-  /// The stack that sp() is on.
+  /// The stack that contains sp().
   const ReadableStack& stack() const { return stack_; }
-  /// Whether pc() is that of an instruction to be run next, not one behind a call.
+  /// Whether pc() is the next instruction of interrupted code. If not, it is a return address.
   bool interrupted() const { return interrupted_; }
 
  private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes rules out of call-frame information. Any thread, any context.
+// Converts call-frame information to rules. Any thread, any context.
 #include "platform/cfi/rule.h"
 
 #include "platform/cfi/frame_entry.h"
@@ -16,8 +16,8 @@ constexpr std::uint8_t kDeref = 0x06;
 constexpr FollowedColumns kColumns = {arch::kReturnAddressColumn, arch::kFramePointerColumn,
                                       arch::kStackPointerColumn};
 
-/// Puts `value` into `word` as a signed number of `bits` bits at `shift`. False when it does not
-/// fit.
+/// Stores `value` in `word` as a signed number of `bits` bits at `shift`. Returns false if it does
+/// not fit.
 bool PackField(std::int64_t value, unsigned shift, unsigned bits, std::uint64_t* word) {
   const std::int64_t limit = std::int64_t{1} << (bits - 1);
   if (value < -limit || value >= limit) return false;
@@ -26,12 +26,13 @@ bool PackField(std::int64_t value, unsigned shift, unsigned bits, std::uint64_t*
   return true;
 }
 
-/// The same in words, for a number of bytes.
+/// As PackField, but converts `bytes` to words. Returns false also if `bytes` is not a multiple of
+/// the word size.
 bool PackWords(std::int64_t bytes, unsigned shift, unsigned bits, std::uint64_t* word) {
   return bytes % kWordBytes == 0 && PackField(bytes / kWordBytes, shift, bits, word);
 }
 
-/// Whether `expression` is frame pointer + offset, and `dereferenced` or not.
+/// Whether `expression` is frame pointer + offset, or the word at that address if `dereferenced`.
 bool IsFramePointerPlus(TableReader expression, bool dereferenced, std::int64_t* offset) {
   if (expression.Take<std::uint8_t>() != kBreg0 + arch::kFramePointerColumn) return false;
   *offset = expression.TakeSigned();
@@ -61,7 +62,7 @@ bool TakeFramePointer(const RegisterRule& rule, Rule::Step* step) {
       step->frame_pointer = rule.value();
       return true;
     case Source::kSavedAtExpression:
-      // What compilers write for a frame whose CFA is saved: relative to the frame pointer.
+      // In a frame whose CFA is saved, compilers give the place relative to the frame pointer.
       step->saves_frame_pointer = true;
       step->from_register = true;
       return step->kind == Rule::kSavedStep && arch::kCallPushesReturnAddress &&
@@ -71,8 +72,8 @@ bool TakeFramePointer(const RegisterRule& rule, Rule::Step* step) {
   }
 }
 
-/// Packs `step`, whose places are relative to the CFA. Where they are far from it, as in large
-/// frames that keep their frame record at the bottom, they are taken from the register.
+/// Packs `step`, whose places are relative to the CFA. Large frames may have their frame record at
+/// the bottom, too far from the CFA. Then the places are packed relative to the register.
 bool PackNear(Rule::Step step, Rule* rule) {
   if (Rule::Pack(step, rule)) return true;
   if (step.from_register || step.kind == Rule::kSavedStep) return false;
@@ -82,7 +83,7 @@ bool PackNear(Rule::Step step, Rule* rule) {
   return Rule::Pack(step, rule);
 }
 
-/// Never inlined, so that its variables are not on the stack while the row is made.
+/// Not inlined, so that its variables are not on the stack while RunToRow runs.
 __attribute__((noinline)) Rule FromRow(const FrameRow& row) {
   const RegisterRule& return_address = row.rules[0];
   const RegisterRule& stack_pointer = row.rules[2];
@@ -104,8 +105,8 @@ __attribute__((noinline)) Rule FromRow(const FrameRow& row) {
 
 bool Rule::Pack(const Step& step, Rule* rule) {
   std::uint64_t word = static_cast<std::uint64_t>(step.kind) << kGenerationBits;
-  // Every place lies between the base register and the CFA, so a walk checks the CFA alone. Steps
-  // over a saved CFA are checked place by place.
+  // All places are between the base register and the CFA, so a walk needs to check only the CFA.
+  // For a saved CFA the walk checks each place.
   const std::int64_t base = step.from_register ? 0 : -step.distance;
   const auto is_within = [&step, base](std::int64_t place) {
     return step.kind == kSavedStep || (place >= base && place + kWordBytes <= base + step.distance);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// How to get from one frame to its caller's, in one word.
+// How to get from one frame to its caller, in one word.
 //
-// Made when a return address is met for the first time, read by every capture.
+// Created the first time a return address is captured, and read by every later capture.
 #pragma once
 
 #include <cstddef>
@@ -12,24 +12,24 @@
 
 namespace platform::cfi {
 
-/// From the lowest bit on: the generation that the rule belongs to (see RuleCache; never 0), its
-/// kind, two flags, and, of a step, the places of frame pointer and return address and the distance
-/// to the canonical frame address (CFA), all signed. The distance is in bytes, so that a shift
-/// yields it; the others are in words.
+/// Layout, from the lowest bit: the rule's generation (see RuleCache; never 0), its kind, two
+/// flags. A step also has the places of frame pointer and return address and the distance to the
+/// canonical frame address (CFA), all signed. The distance is in bytes, so that one shift extracts
+/// it. The places are in words.
 class Rule {
  public:
   static constexpr unsigned kGenerationBits = 19;
   static constexpr std::uint64_t kGenerationMask = (std::uint64_t{1} << kGenerationBits) - 1;
 
-  /// What the CFA is found from. Hot code compares kind and generation at once, so kStackStep must
-  /// be 0.
+  /// How the CFA is computed. Hot code compares kind and generation in one operation, so kStackStep
+  /// must be 0.
   enum Kind : std::uint64_t {
     kStackStep = 0,  // CFA = stack pointer + distance
     kFrameStep = 1,  // CFA = frame pointer + distance
     kSavedStep = 2,  // CFA = the word at frame pointer + distance
     kOther = 3,
   };
-  /// What a rule of kind kOther says.
+  /// The meaning of a rule of kind kOther.
   enum class Other : std::uint64_t {
     kEnd,     // the stack ends here
     kSignal,  // the frame to which a signal handler returns
@@ -47,18 +47,18 @@ class Rule {
   struct Step {
     Kind kind = kStackStep;
     std::int64_t distance = 0;
-    /// Return address and frame pointer lie at these distances from the CFA, or from the register
-    /// that the CFA is found from.
+    /// Return address and frame pointer are at these distances from the CFA or, if `from_register`
+    /// is set, from the register that the CFA is computed from.
     bool from_register = false;
     std::int64_t return_address = 0;
     bool saves_frame_pointer = false;
     std::int64_t frame_pointer = 0;
   };
-  /// Packs `step` into `rule`. Returns false when a number does not fit.
+  /// Packs `step` into `rule`. Returns false if a number does not fit.
   static bool Pack(const Step& step, Rule* rule);
 
-  /// The step of most functions that keep a frame record: the frame pointer is the record's address
-  /// and the CFA is its end. Without a generation.
+  /// The step of most functions with a frame record: the frame pointer is the record's address and
+  /// the CFA is its end. The rule has no generation.
   static constexpr Rule FrameRecordStep() {
     constexpr std::uint64_t kMinusOne = (std::uint64_t{1} << kPlaceBits) - 1;
     return Rule(std::uint64_t{kFrameStep} << kGenerationBits | kSavesFramePointer |
@@ -78,7 +78,7 @@ class Rule {
     return Rule((word_ & ~kGenerationMask) | generation);
   }
 
-  // Of steps, in bytes.
+  // For steps only. All numbers are in bytes.
   constexpr std::uint64_t distance() const { return Field(kDistanceShift, kDistanceBits); }
   constexpr bool saves_frame_pointer() const { return (word_ & kSavesFramePointer) != 0; }
   constexpr bool from_register() const { return (word_ & kFromRegister) != 0; }
@@ -98,7 +98,7 @@ class Rule {
   static constexpr unsigned kDistanceShift = kReturnAddressShift + kPlaceBits;
   static constexpr unsigned kDistanceBits = 64 - kDistanceShift;  // 23: 4 MiB
 
-  /// The signed number of `bits` bits at `shift`.
+  /// Returns the signed number of `bits` bits at `shift`.
   constexpr std::uint64_t Field(unsigned shift, unsigned bits) const {
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(word_ << (64 - bits - shift)) >>
                                       (64 - bits));
@@ -107,11 +107,12 @@ class Rule {
   std::uint64_t word_ = 0;
 };
 
-/// Makes the rule for the function that a call at the bytes before `return_address` is in. `object`
-/// is the one that holds these bytes, null when none does.
+/// Returns the rule for the function that contains the call before `return_address`. `object` is
+/// the object that contains this call; null if there is none.
 Rule MakeRule(const LoadedObject* object, std::uint64_t return_address);
 
-/// Whether the code at `pc` is what a signal handler returns to. Reads only readable code.
+/// Whether `pc` points to the code that a signal handler returns to. `object` contains `pc`; null
+/// if there is none. Reads only readable memory.
 bool IsSignalReturn(const LoadedObject* object, std::uint64_t pc);
 
 }  // namespace platform::cfi

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The table of rules: open addressing, insertion by compare-and-swap, larger tables published as
-// they are needed. Any thread, any context.
+// The table of rules: open addressing, with insertion by compare-and-swap. A full table is replaced
+// by a larger one. Any thread, any context.
 #include "platform/cfi/rule_cache.h"
 
 #include <sys/mman.h>
@@ -11,21 +11,21 @@
 namespace platform::cfi {
 namespace {
 
-/// The first table's size: 64 KiB, of which only used pages take memory.
+/// Size of the first table: 64 KiB. Only used pages take memory.
 constexpr std::size_t kFirstSlots = 4096;
 /// At most one slot in four is used, so that a second probe is rare.
 constexpr std::size_t kSlotsPerKey = 4;
 constexpr std::size_t kGrowth = 4;
-/// Beyond this (64 MiB) rules are made anew for each capture.
-constexpr std::size_t kMostSlots = std::size_t{1} << 22;
+/// Maximum size (64 MiB). Rules that do not fit are computed again by each capture.
+constexpr std::size_t kMaxSlots = std::size_t{1} << 22;
 
 }  // namespace
 
 RuleCache::EmptyTable RuleCache::g_empty;
 std::atomic<RuleCache::Table*> RuleCache::g_table{&g_empty.head};
 std::atomic<std::uint64_t> RuleCache::g_unloads{0};
-const std::atomic<std::uint64_t> RuleCache::g_nobody_counts{0};
-std::atomic<const std::atomic<std::uint64_t>*> RuleCache::g_observed_unloads{&g_nobody_counts};
+const std::atomic<std::uint64_t> RuleCache::g_no_unloads{0};
+std::atomic<const std::atomic<std::uint64_t>*> RuleCache::g_observed_unloads{&g_no_unloads};
 std::atomic<std::uint64_t> RuleCache::g_half_rounds{0};
 
 Rule RuleCache::FindFurther(const Slot* slot, std::uint64_t return_address) {
@@ -49,7 +49,7 @@ RuleCache::Table* RuleCache::MakeTable(std::size_t slots) {
   return table;
 }
 
-/// Puts `rule` into the slot of `key`. False when there is no room near its place.
+/// Stores `rule` in a slot for `key`. Returns false if all slots that the key may use are taken.
 bool RuleCache::Insert(Table* table, std::uint64_t key, Rule rule) {
   Slot* slot = table->Slots() + PlaceOf(table->mask, key) / kSlotWords;
   for (std::size_t probe = 0; probe < kProbes; ++probe, ++slot) {
@@ -67,8 +67,8 @@ bool RuleCache::Insert(Table* table, std::uint64_t key, Rule rule) {
   return false;
 }
 
-/// Puts `table` in the place of `old_table`. False when another thread was faster; then it is given
-/// back.
+/// Replaces `old_table` by `table`. Returns false if another thread replaced it first; then `table`
+/// is unmapped.
 bool RuleCache::Publish(Table* old_table, Table* table) {
   const int saved_errno = errno;
   table->previous = old_table == &g_empty.head ? nullptr : old_table;
@@ -78,8 +78,8 @@ bool RuleCache::Publish(Table* old_table, Table* table) {
   if (!published) {
     munmap(table, table->Bytes());
   } else if (old_table->previous != nullptr) {
-    // Readers of the table before `old_table` are rare. They may find it empty. Its first page
-    // stays.
+    // A capture rarely still reads the table before `old_table`. It may find that table empty. The
+    // first page stays, since it contains the head.
     auto* head = reinterpret_cast<char*>(old_table->previous);
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     const std::size_t bytes = old_table->previous->Bytes();
@@ -89,14 +89,14 @@ bool RuleCache::Publish(Table* old_table, Table* table) {
   return published;
 }
 
-/// How many slots a table needs that takes the rules of `generation` from `table`, which has no
-/// room; 0 when there may be no such table.
+/// Returns the number of slots for the table that replaces the full `table` and takes over its
+/// rules of `generation`; 0 if `table` already has the maximum size.
 std::size_t RuleCache::SlotsFor(const Table& table, std::uint64_t generation) {
   if (table.slots == 0) return kFirstSlots;
-  const std::size_t larger = table.slots * kGrowth > kMostSlots ? 0 : table.slots * kGrowth;
+  const std::size_t larger = table.slots * kGrowth > kMaxSlots ? 0 : table.slots * kGrowth;
   const bool is_crowded = table.used.load(std::memory_order_relaxed) * kSlotsPerKey < table.slots;
   if (is_crowded) return larger;
-  // Where most rules are of objects that are gone, no larger one is needed.
+  // If most rules are obsolete, a table of the same size is enough.
   std::size_t live = 0;
   for (std::size_t i = 0; i < table.slots + kProbes; ++i) {
     if (table.RuleAt(i).IsOf(generation)) ++live;
@@ -104,8 +104,8 @@ std::size_t RuleCache::SlotsFor(const Table& table, std::uint64_t generation) {
   return live * kSlotsPerKey * 2 > table.slots ? larger : table.slots;
 }
 
-/// Replaces `table`, which has no room, by one with the rules of `generation` and room for more.
-/// Returns the table in use; null without memory, and when there may be no larger one.
+/// Replaces the full `table` by one with the rules of `generation` and room for more. Returns the
+/// current table; null if there is no memory or `table` already has the maximum size.
 RuleCache::Table* RuleCache::Replace(Table* table, std::uint64_t generation) {
   const std::size_t slots = SlotsFor(*table, generation);
   Table* larger = slots == 0 ? nullptr : MakeTable(slots);
@@ -114,15 +114,16 @@ RuleCache::Table* RuleCache::Replace(Table* table, std::uint64_t generation) {
   const std::size_t old_slots = table->slots == 0 ? 0 : table->slots + kProbes;
   for (std::size_t i = 0; i < old_slots; ++i) {
     const Rule rule = table->RuleAt(i);
-    // Another thread's insertion may show its rule before its key.
+    // Another thread may be inserting: its rule may be visible before its key.
     const std::uint64_t key = table->Slots()[i].key.load(std::memory_order_relaxed);
     if (key != 0 && rule.IsOf(generation)) Insert(larger, key, rule);
   }
   return larger;
 }
 
-/// Generations are numbered in rounds. Each generation begins with misses, so rules that were made
-/// in one half of a round are gone before their numbers are used again in the next round.
+/// Generation numbers wrap around. A rule must be gone before its number is used again, so the
+/// table is cleared once per half round. Each generation starts with misses, and each miss calls
+/// this.
 void RuleCache::EndHalfRound() {
   const std::uint64_t half = Unloads() >> (Rule::kGenerationBits - 2);
   std::uint64_t known = g_half_rounds.load(std::memory_order_relaxed);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rules of return addresses that were met before, for the whole process.
+// The cache of rules by return address, for the whole process.
 //
-// Captures read it on every thread and in signal handlers, without a lock and without writing. A
-// miss adds to it. Memory comes from mmap and is not given back: a reader may be inside. Nothing is
-// done at a fork: the child inherits the table.
+// Captures read it on every thread and in signal handlers. Reading takes no lock and writes
+// nothing; a miss adds a rule. Memory comes from mmap and is never unmapped, because another thread
+// may be reading it. A forked child inherits the table.
 #pragma once
 
 #include <atomic>
@@ -15,8 +15,8 @@
 
 namespace platform::cfi {
 
-/// The cache as one capture sees it: the table that is in use at its start, and the generation. A
-/// rule of another generation was made before an object was unloaded, and may be that object's.
+/// One capture's view of the cache: the current table and generation when the capture starts. A
+/// rule of another generation is invalid: it may belong to an object that was unloaded since.
 class RuleCache {
  public:
   RuleCache() {
@@ -28,12 +28,12 @@ class RuleCache {
 
   std::uint64_t generation() const { return generation_; }
 
-  /// The rule for `return_address`; when it is not known, a rule with a tag of no generation or of
-  /// an earlier one.
+  /// Returns the rule for `return_address`. If it is unknown, the result has no generation or an
+  /// earlier one.
   __attribute__((always_inline)) Rule Find(std::uint64_t return_address) const {
     const std::uint64_t place = PlaceOf(mask_, return_address);
-    // A separate address for the key, so that the load of the rule, on the critical path, does not
-    // wait for it.
+    // The key has a separate address, so that the load of the rule, which is on the critical path,
+    // does not wait for the load of the key.
     std::uint64_t key_place = place;
     __asm__("" : "+r"(key_place));
     const auto* words = reinterpret_cast<const std::atomic<std::uint64_t>*>(slots_);
@@ -45,22 +45,23 @@ class RuleCache {
     return FindFurther(slots_ + place / kSlotWords, return_address);
   }
 
-  /// Adds a rule of this view's generation, for later views. Without memory it does nothing.
+  /// Adds a rule of this view's generation. Does nothing if there is no memory.
   void Add(std::uint64_t return_address, Rule rule) const;
 
-  /// Whether rules of this view may be used still.
+  /// Whether the rules of this view are still valid.
   bool IsCurrent() const { return Generation(Unloads()) == generation_; }
 
-  /// Makes all rules invalid: objects have changed. Any thread, any context.
+  /// Invalidates all rules. Call it after an object was unloaded. Any thread, any context.
   static void EndGeneration() { g_unloads.fetch_add(1, std::memory_order_acq_rel); }
 
-  /// Makes all rules invalid whenever `unloads` grows, too. It is never destroyed. At start-up.
+  /// Also invalidates all rules whenever `unloads` grows. `unloads` must never be destroyed. Call
+  /// it at start-up.
   static void Observe(const std::atomic<std::uint64_t>* unloads) {
     g_observed_unloads.store(unloads, std::memory_order_release);
   }
 
  private:
-  /// A slot never changes its key. Its rule is overwritten when its generation is over.
+  /// The key of a slot never changes. The rule is overwritten once its generation has ended.
   struct Slot {
     std::atomic<std::uint64_t> rule;
     std::atomic<std::uint64_t> key;
@@ -68,15 +69,15 @@ class RuleCache {
   static constexpr std::size_t kSlotWords = 2;
   static_assert(sizeof(Slot) == kSlotWords * sizeof(std::uint64_t));
 
-  /// The number of slots that a key may be in. A table has as many extra slots at its end.
+  /// Number of consecutive slots that a key may use. A table has this many extra slots at its end.
   static constexpr std::size_t kProbes = 8;
 
-  /// The head of a table. `slots` slots follow, and kProbes more.
+  /// The head of a table. `slots` + kProbes slots follow.
   struct alignas(64) Table {
     std::uint64_t mask;
     std::size_t slots;
     std::atomic<std::size_t> used;
-    /// The one that this one replaced.
+    /// The table that this one replaced.
     Table* previous;
 
     Slot* Slots() { return reinterpret_cast<Slot*>(this + 1); }
@@ -87,14 +88,14 @@ class RuleCache {
     std::size_t Bytes() const { return sizeof(Table) + (slots + kProbes) * sizeof(Slot); }
   };
 
-  /// The table before the first rule. It has no room.
+  /// The initial table, which is always full.
   struct EmptyTable {
     Table head{};
     Slot slots[kProbes]{};
   };
 
-  /// The first slot of `key`, counted in words. Uses the low bits unchanged, so that call sites of
-  /// one function share few pages.
+  /// Returns the index of the first slot for `key`, in words. Uses the low bits of the key
+  /// unchanged, so that the call sites of one function are in few pages.
   static std::uint64_t PlaceOf(std::uint64_t mask, std::uint64_t key) {
     return (key >> (arch::kCallSiteShift - 1)) & mask;
   }
@@ -103,7 +104,7 @@ class RuleCache {
     const auto* observed = g_observed_unloads.load(std::memory_order_acquire);
     return g_unloads.load(std::memory_order_acquire) + observed->load(std::memory_order_acquire);
   }
-  /// The lowest bit tells a generation from a slot without a rule.
+  /// The lowest bit is always set, so that no generation equals that of an empty slot.
   static std::uint64_t Generation(std::uint64_t unloads) {
     return (unloads << 1 | 1) & Rule::kGenerationMask;
   }
@@ -119,7 +120,7 @@ class RuleCache {
   static EmptyTable g_empty;
   static std::atomic<Table*> g_table;
   static std::atomic<std::uint64_t> g_unloads;
-  static const std::atomic<std::uint64_t> g_nobody_counts;
+  static const std::atomic<std::uint64_t> g_no_unloads;
   static std::atomic<const std::atomic<std::uint64_t>*> g_observed_unloads;
   /// See EndHalfRound.
   static std::atomic<std::uint64_t> g_half_rounds;

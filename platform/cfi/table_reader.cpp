@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads DWARF's encodings from memory with an end. Any thread, any context.
+// Reads DWARF encodings from a range of memory. Any thread, any context.
 #include "platform/cfi/table_reader.h"
 
 namespace platform::cfi {
 namespace {
 
-// Formats and relations of pointers, by their names in the standard.
+// Formats and bases of pointers (DW_EH_PE_...).
 constexpr std::uint8_t kAbsolute = 0x00;
 constexpr std::uint8_t kUnsignedLeb = 0x01;
 constexpr std::uint8_t kUnsigned2 = 0x02;
@@ -105,7 +105,7 @@ std::uint64_t TableReader::TakePointer(std::uint8_t encoding, std::uint64_t data
       return 0;
   }
   const std::uint64_t value = TakeFormat(encoding);
-  // As in the C++ runtime: 0 stands for no address, whatever it is relative to.
+  // As in the C++ runtime: 0 means no address, for any base.
   return value == 0 ? 0 : base + value;
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads DWARF's encodings from memory with an end.
+// Reads DWARF encodings from a range of memory.
 //
-// Any thread, any context. Whatever the bytes are, nothing outside them is read.
+// Any thread, any context. Never reads outside the range, even if its content is damaged.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,14 @@
 namespace platform::cfi {
 
 /// Pointer encodings (Linux Standard Base, "DWARF Exception Header Encoding"). The low four bits
-/// are the format, the next three what the value is relative to.
+/// are the format, the next three the base that the value is relative to.
 inline constexpr std::uint8_t kPointerOmitted = 0xff;
 inline constexpr std::uint8_t kPointerFormat = 0x0f;
 inline constexpr std::uint8_t kPointerRelation = 0x70;
 
-/// A read position in memory. After a read beyond the end it has failed: that read and all later
-/// ones yield 0. A default-constructed reader has failed. Two words, so that registers hold it.
+/// A read position in a range of memory. A read beyond the end makes the reader fail: this read and
+/// all later ones return 0. A default-constructed reader has failed. It has two words, so that it
+/// fits in registers.
 class TableReader {
  public:
   TableReader() = default;
@@ -35,7 +36,7 @@ class TableReader {
     at_ += bytes;
   }
 
-  /// A number as it lies in memory.
+  /// Reads a number of fixed size.
   template <typename T>
   T Take() {
     T value{};
@@ -48,18 +49,19 @@ class TableReader {
     return value;
   }
 
-  /// LEB128 numbers. Bits beyond 64 are lost.
+  /// Read LEB128 numbers. Bits above 64 are dropped.
   std::uint64_t TakeUnsigned();
   std::int64_t TakeSigned();
 
-  /// A block behind its length: a reader of the block.
+  /// Reads a length and skips the block that follows. Returns a reader of the block.
   TableReader TakeBlock();
 
-  /// A NUL-terminated text; an empty one when it has no end.
+  /// Reads a NUL-terminated text. Returns an empty text if there is no NUL.
   const char* TakeText();
 
-  /// A pointer in `encoding`; `data_base` is what DW_EH_PE_datarel is relative to. Fails for what
-  /// no linker writes into call-frame information: omitted, indirect, relative to text or function.
+  /// Reads a pointer in `encoding`; `data_base` is the base for DW_EH_PE_datarel. Fails for
+  /// encodings that no linker uses in call-frame information: omitted, indirect, and relative to
+  /// text or function.
   std::uint64_t TakePointer(std::uint8_t encoding, std::uint64_t data_base);
 
   /// Skips a pointer in `encoding`, which may be indirect.

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walks a stack by call-frame information: along the rules of the cache, and by a detour if there
-// is no rule or the rule cannot describe the step.
+// Walks a stack by call-frame information. The fast path follows cached rules. A slow path, the
+// detour, takes steps without a rule and steps that no rule can describe.
 //
-// Every address that is read is compared with the end of the readable stack, whatever the tables
-// say. The stack pointer only grows, except at signal frames, where the stack may change.
+// The walk compares each address with the end of the readable stack before it reads there, because
+// the tables may be damaged. The stack pointer only grows, except at signal frames, where the stack
+// may change.
 #include "platform/cfi/walk.h"
 
 #include <atomic>
@@ -23,10 +24,11 @@ namespace platform::cfi {
 namespace {
 
 constexpr std::uint64_t kWordBytes = sizeof(std::uint64_t);
-/// How often a walk is tried when objects are unloaded meanwhile.
+/// Maximum number of attempts if objects are unloaded during a walk.
 constexpr int kAttempts = 3;
-/// Frames of the tracker and of signal handlers that a detour may pass to reach a frame.
-constexpr int kMostFrames = 4096;
+/// Maximum number of frames of the tracker and of signal handlers that a detour passes to reach a
+/// frame.
+constexpr int kMaxFrames = 4096;
 
 std::atomic<std::uint64_t> g_slow_steps{0};
 
@@ -34,15 +36,15 @@ MEMLEAK_READS_STACK inline std::uint64_t WordAt(std::uint64_t address) {
   return *reinterpret_cast<const std::uint64_t*>(address);
 }
 
-/// Hides the origin of `value`, so that the compiler computes two results in parallel. The
-/// dependency chain between return addresses sets the speed of a walk.
+/// Returns `value` and hides its origin from the compiler, which then computes two results in
+/// parallel. The dependency chain between return addresses determines the speed of a walk.
 template <typename T>
 __attribute__((always_inline)) inline T Apart(T value) {
   __asm__("" : "+r"(value));
   return value;
 }
 
-/// A walk's position, and where it puts what it finds.
+/// The position of a walk and its output.
 struct Position {
   Frame frame;
   ReadableStack stack;
@@ -53,19 +55,20 @@ struct Position {
   std::size_t max_pcs = 0;
 };
 
-/// Finds the rule of a return address that the cache does not know.
+/// Returns the rule of a return address that is not in the cache, and adds it.
 Rule Learn(const RuleCache& cache, std::uint64_t return_address) {
   LoadedObject object;
   if (return_address == 0) return Rule::Other::kEnd;
   // Code outside of objects may change at any time, so its rules are not cached.
   if (!FindLoadedObject(return_address - 1, &object)) return MakeRule(nullptr, return_address);
-  if (!NoteObject(object)) RuleCache::EndGeneration();
+  if (!RecordObject(object)) RuleCache::EndGeneration();
   const Rule rule = MakeRule(&object, return_address);
   cache.Add(return_address, rule);
   return rule;
 }
 
-/// Moves `at` to the frame of `walk`. Stores interrupted functions on the way.
+/// Moves `at` to the frame of `walk`. Stores the pcs of interrupted functions before that frame.
+/// Returns false if the walk is over.
 __attribute__((always_inline)) inline bool LeaveInterrupted(RegisterWalk* walk, Position* at) {
   while (walk->interrupted()) {
     if (at->count < at->max_pcs) at->pcs[at->count++] = walk->pc();
@@ -83,17 +86,18 @@ __attribute__((noinline)) bool StepOverSignal(Position* at) {
   return LeaveInterrupted(&walk, at);
 }
 
-/// Goes from `walk`, where all registers are known, to the frame of `at`, and on to its caller's.
+/// Moves `walk`, in which all registers are known, to the frame of `at`, and then both to the
+/// caller's frame.
 __attribute__((always_inline)) inline bool StepInWalk(RegisterWalk* walk, Position* at) {
   for (int frames = 0; walk->sp() != at->frame.sp || walk->pc() != at->frame.return_address;
        ++frames) {
-    if (frames == kMostFrames || !walk->Step()) return false;
+    if (frames == kMaxFrames || !walk->Step()) return false;
   }
   return walk->Step() && LeaveInterrupted(walk, at);
 }
 
-/// Takes a step that needs more registers than a walk follows: from the last place where all of
-/// them are known, which is a signal frame or this function.
+/// Take a step that needs more registers than the fast path tracks. They start at the last frame in
+/// which all registers are known: a signal frame or this function.
 __attribute__((noinline)) bool StepFromSignal(Position* at) {
   RegisterWalk walk{ReadableStack(at->signal_sp)};
   return walk.EnterInterrupted(at->signal_sp) && StepInWalk(&walk, at);
@@ -124,7 +128,7 @@ bool StepByRule(Rule rule, Position* at) {
   return true;
 }
 
-/// Takes any step. False where the stack ends.
+/// Takes any step. Returns false if the stack ends here.
 bool Detour(const RuleCache& cache, Position* at) {
   Rule rule = cache.Find(at->frame.return_address);
   if (!rule.IsOf(cache.generation())) rule = Learn(cache, at->frame.return_address);
@@ -140,8 +144,8 @@ bool Detour(const RuleCache& cache, Position* at) {
   }
 }
 
-/// Follows cached rules up to the first step that needs Detour. False when the walk is over. A
-/// function of its own: its registers are not on the stack during a detour.
+/// Follows cached rules to the first step that needs Detour. Returns false if the walk is over. A
+/// separate function, so that its registers are not on the stack during a detour.
 __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& cache,
                                                                Position* at) {
   const RuleCache rules = cache;  // a local copy stays in registers
@@ -153,18 +157,18 @@ __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& 
   std::uint64_t* const last = at->pcs + at->max_pcs;
   std::uint64_t return_address = at->frame.return_address;
   std::uint64_t sp = at->frame.sp;
-  // The frame pointer is read when it is needed. Until then its place is enough, and finding that
-  // takes no branch.
+  // The frame pointer is read only if it is needed. Until then only its address is computed, which
+  // needs no branch.
   std::uint64_t fp_place = reinterpret_cast<std::uint64_t>(&at->frame.fp);
   std::uint64_t stack_end = at->stack.KnownEnd();
-  bool goes_on = false;
+  bool needs_detour = false;
   while (return_address != 0) {
     *next++ = return_address - arch::kCallSiteAdjustment;
     if (next == last) break;
     const Rule rule = rules.Find(return_address);
     if (rule.word() == frame_record) {
-      // All such rules are equal, so the processor predicts this branch, and the next frame does
-      // not wait for the rule.
+      // All such rules are equal. So the processor predicts this branch, and the next iteration
+      // does not wait for the load of the rule.
       const std::uint64_t record = WordAt(fp_place);
       const std::uint64_t room = stack_end - sp;
       if (record - sp <= room && record + sizeof(arch::FrameRecord) - sp <= room) {
@@ -174,7 +178,7 @@ __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& 
         continue;
       }
     }
-    goes_on = true;
+    needs_detour = true;
     std::uint64_t base = sp;
     if (__builtin_expect(rule.tag() != stack_tag, 0)) {
       base = WordAt(fp_place);
@@ -193,11 +197,11 @@ __attribute__((noinline)) MEMLEAK_READS_STACK bool WalkByRules(const RuleCache& 
                                                   ? WordAt(base + Apart(distance) - kWordBytes)
                                                   : WordAt(places + rule.return_address()));
     sp = cfa;
-    goes_on = false;
+    needs_detour = false;
   }
   at->frame = {return_address, sp, WordAt(fp_place)};
   at->count = static_cast<std::size_t>(next - at->pcs);
-  return goes_on;
+  return needs_detour;
 }
 
 }  // namespace

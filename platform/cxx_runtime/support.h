@@ -40,7 +40,7 @@ class Pool {
     }
     return nullptr;
   }
-  /// Returns `block` to the pool. False if it does not belong to the pool.
+  /// Returns `block` to the pool. Returns false if it does not belong to the pool.
   bool GiveBack(const void* block) {
     const auto offset =
         reinterpret_cast<std::uintptr_t>(block) - reinterpret_cast<std::uintptr_t>(&blocks_[0][0]);

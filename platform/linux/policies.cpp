@@ -27,7 +27,7 @@ struct RelroSearch {
 
 /// A dl_iterate_phdr callback: looks for a PT_GNU_RELRO segment that contains the page. glibc
 /// rounds both ends of the segment down, because writable data may follow on its last page.
-int LookForRelro(dl_phdr_info* info, std::size_t /*size*/, void* data) {
+int FindRelro(dl_phdr_info* info, std::size_t /*size*/, void* data) {
   auto* search = static_cast<RelroSearch*>(data);
   const std::uint64_t mask = ~(search->page_bytes - 1);
   for (int i = 0; i < info->dlpi_phnum; ++i) {
@@ -91,7 +91,7 @@ bool ForkedChildFreesLocks() {
 int ProtectionAfterWrite(const void* page, std::size_t bytes) {
   const auto address = reinterpret_cast<std::uint64_t>(page);
   RelroSearch search = {address, bytes, false};
-  dl_iterate_phdr(LookForRelro, &search);
+  dl_iterate_phdr(FindRelro, &search);
   if (search.found) return PROT_READ;
   const int saved_errno = errno;
   const int protection = CurrentProtection(address).value_or(PROT_READ | PROT_WRITE);

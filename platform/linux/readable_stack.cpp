@@ -21,7 +21,7 @@ namespace {
 
 /// The largest distance from a known page that is probed, which bounds the cost of a stray value:
 /// 8 MiB, glibc's default size of a stack.
-constexpr std::uint64_t kMostPages = (std::uint64_t{8} << 20) / kSmallestPage;
+constexpr std::uint64_t kMaxPages = (std::uint64_t{8} << 20) / kSmallestPage;
 
 std::uint64_t PageOf(std::uint64_t address) {
   return address / kSmallestPage;
@@ -57,7 +57,7 @@ bool CreateKey(pthread_key_t& key) {
   return false;
 }
 
-std::uint64_t Recall(const pthread_key_t& key) {
+std::uint64_t Load(const pthread_key_t& key) {
   if (!g_remembers.load(std::memory_order_acquire)) return 0;
   return reinterpret_cast<std::uint64_t>(pthread_getspecific(key));
 }
@@ -70,8 +70,8 @@ void Remember(const pthread_key_t& key, std::uint64_t number) {
 // The packed form: bits 28 to 63 are `first` (48-bit addresses), 1 to 27 `count`, bit 0 is `ends`.
 constexpr unsigned kCountBits = 27;
 
-Pages RecallPages(const pthread_key_t& key) {
-  const std::uint64_t number = Recall(key);
+Pages LoadPages(const pthread_key_t& key) {
+  const std::uint64_t number = Load(key);
   return {number >> (kCountBits + 1), number >> 1 & ((std::uint64_t{1} << kCountBits) - 1),
           (number & 1) != 0};
 }
@@ -102,8 +102,8 @@ bool ExtendOwnStack(std::uint64_t address, Pages& known) {
   if (!g_remembers.load(std::memory_order_acquire)) return false;
   if (known.count == 0) known = {PageOf(TopOfOwnStack()), 1, true};
   const std::uint64_t page = PageOf(address);
-  if (page > known.first || known.first - page > kMostPages) return false;
-  if (page <= Recall(g_own_limit)) return false;
+  if (page > known.first || known.first - page > kMaxPages) return false;
+  if (page <= Load(g_own_limit)) return false;
   for (std::uint64_t between = page + 1; between < known.first; ++between) {
     if (IsReadable(between)) continue;
     Remember(g_own_limit, between);
@@ -130,8 +130,8 @@ void PrepareReadableStack() {
   g_remembers.store(true, std::memory_order_release);
 }
 
-void ReadableStack::RecallOtherStack() {
-  const Pages other = RecallPages(g_other_stack);
+void ReadableStack::LoadOtherStack() {
+  const Pages other = LoadPages(g_other_stack);
   if (other.Contains(begin_)) {
     end_ = other.End();
   } else if (other.count != 0) {
@@ -142,11 +142,11 @@ void ReadableStack::RecallOtherStack() {
 bool ReadableStack::Reaches(std::uint64_t address, std::uint64_t bytes) {
   const std::uint64_t wanted_end = address + bytes;
   if (address < begin_ || wanted_end < address) return false;
-  Pages pages = RecallPages(g_own_stack);
+  Pages pages = LoadPages(g_own_stack);
   if (!pages.Contains(begin_) && !ExtendOwnStack(begin_, pages)) {
-    pages = RecallPages(g_other_stack);
+    pages = LoadPages(g_other_stack);
     if (!pages.Contains(begin_)) pages = {PageOf(begin_), 1, false};
-    if (wanted_end - begin_ > kMostPages * kSmallestPage) return false;
+    if (wanted_end - begin_ > kMaxPages * kSmallestPage) return false;
     while (!pages.ends && pages.End() < wanted_end) {
       pages.ends = !IsReadable(pages.first + pages.count);
       if (!pages.ends) ++pages.count;

@@ -23,7 +23,7 @@ int GpuRequest(int descriptor, unsigned long request, void* argument);
 
 namespace {
 
-constexpr unsigned kMost = 4096;
+constexpr unsigned kMax = 4096;
 constexpr unsigned long kHeapAllocate = 0xC0184800;
 constexpr unsigned long kGpuAllocate = 0xC0300945;
 constexpr unsigned long kGpuFree = 0x40200946;
@@ -46,9 +46,9 @@ struct Mapping {
   std::size_t size;
 };
 
-Mapping mappings[kMost];
-HeapBuffer heap_buffers[kMost];
-GpuBuffer gpu_buffers[kMost];
+Mapping mappings[kMax];
+HeapBuffer heap_buffers[kMax];
+GpuBuffer gpu_buffers[kMax];
 unsigned mapped = 0;
 unsigned heaps = 0;
 unsigned gpus = 0;

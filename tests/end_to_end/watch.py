@@ -87,7 +87,7 @@ def known_growth(session):
             session.step("alloc 100 48")
             session.step("free 30")
     out, document = session.watched()
-    assert "recording goes on, with what it has" in out, out
+    assert "already recording, existing records kept" in out, out
 
     seconds = [r["seconds"] for r in document["reports"]]
     grown, steady = group_of(document, 48), group_of(document, 72)
@@ -146,14 +146,14 @@ def ends(session):
     session.await_report(1)
     session.quit()
     out, _ = session.watched()
-    assert "has ended" in out and "One report tells no growth" in out, out
+    assert "has ended" in out and "One report is not enough" in out, out
 
 
 def check_broken(session, words, *, code=2, reports=1):
     out, document = session.watched(code)
     assert words in document["broken"]["why"] and out.count(words) == 2, out
     assert len(document["reports"]) == reports, document
-    assert "Recording goes on" not in out, out
+    assert "Recording continues" not in out, out
     return out, document
 
 
@@ -165,8 +165,8 @@ def interference(session):
     session.tell("on")
     session.step("alloc 20 48")
     for number, (command, words, begins, count) in enumerate((
-            ("pause", "recording was paused (command 0x20 at ", "goes on, with what it has", 20),
-            ("clear", "its tables were emptied (command 0x80 at ", "earlier records kept", 20),
+            ("pause", "recording was paused (command 0x20 at ", "existing records kept", 20),
+            ("clear", "all records were dropped (command 0x80 at ", "earlier records kept", 20),
             ("report", "stopped by a report (command 0x40 at ", "earlier records kept", 5))):
         session.watch(str(number), "--every", "1h", "--for", "0")
         session.await_report(1)
@@ -198,15 +198,15 @@ def without_log(session):
     session.watch("report", "--every", "1h", "--for", "0")
     session.await_report(1)
     session.tell("report", "--keep-recording")
-    out, document = check_broken(session, "another report was taken")
-    assert "no log of it tells" in out and "earlier records kept" in out, out
+    out, document = check_broken(session, "another command took a report")
+    assert "Its log cannot be read" in out and "earlier records kept" in out, out
     assert [v["count"] for v in group_of(document, 48)["values"]] == [20], document
 
     session.watch("empty", "--every", "3s", "--for", "0")
     session.await_report(1)
     session.tell("pause")
     session.tell("clear")
-    check_broken(session, "nothing is recorded any more")
+    check_broken(session, "the report is empty")
     session.quit()
 
 

@@ -82,10 +82,10 @@ std::uint64_t DynamicAddress(std::int64_t tag, std::uint64_t value, std::uint64_
 }  // namespace platform
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  constexpr std::size_t kMostNames = 12;
+  constexpr std::size_t kMaxNames = 12;
   fuzz::ElfImage image(data, size);
   if (!image.Load()) return 0;
-  std::vector<const char*> names = image.SymbolNames(kMostNames);
+  std::vector<const char*> names = image.SymbolNames(kMaxNames);
   names.insert(names.end(), {"", "no_such_function"});
   for (const bool rules : {true, false}) {
     android_rules = rules;

@@ -14,7 +14,7 @@ namespace fuzz {
 
 namespace {
 
-constexpr std::uint64_t kMostBytes = std::uint64_t{16} << 20;
+constexpr std::uint64_t kMaxBytes = std::uint64_t{16} << 20;
 constexpr std::size_t kGuardBytes = std::size_t{1} << 18;
 
 const auto page_bytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
@@ -105,7 +105,7 @@ bool ElfImage::Acceptable() {
   std::uint64_t end = 0;
   for (const Elf64_Phdr& segment : headers_) {
     if (segment.p_type != PT_LOAD) continue;
-    if (segment.p_memsz > kMostBytes || segment.p_vaddr > ~std::uint64_t{0} - 2 * kMostBytes ||
+    if (segment.p_memsz > kMaxBytes || segment.p_vaddr > ~std::uint64_t{0} - 2 * kMaxBytes ||
         segment.p_filesz > segment.p_memsz || segment.p_offset > size_ ||
         segment.p_filesz > size_ - segment.p_offset ||
         (segment.p_align & (segment.p_align - 1)) != 0 ||
@@ -116,7 +116,7 @@ bool ElfImage::Acceptable() {
     end = std::max(end, PageEnd(segment.p_vaddr + segment.p_memsz));
   }
   span_ = end - first_page_;
-  return end > first_page_ && span_ <= kMostBytes;
+  return end > first_page_ && span_ <= kMaxBytes;
 }
 
 bool ElfImage::Load() {

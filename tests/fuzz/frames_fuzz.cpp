@@ -26,9 +26,9 @@ struct Head {
   std::uint32_t frame_header;
 };
 constexpr std::size_t kStackBytes = 16384;
-constexpr std::size_t kMostBytes = 1 << 20;
+constexpr std::size_t kMaxBytes = 1 << 20;
 constexpr std::size_t kFunctions = 6;
-constexpr std::size_t kMostFrames = 64;
+constexpr std::size_t kMaxFrames = 64;
 
 LoadedObject g_object;
 Elf64_Phdr g_segment;
@@ -70,9 +70,9 @@ void FillStack(const Guarded& stack, const std::uint64_t* functions, const Head&
 }
 
 void Walk(std::uint64_t pc, std::uint64_t sp, std::uint64_t fp, const Head& head) {
-  std::uint64_t pcs[kMostFrames];
-  std::uint64_t cached_pcs[kMostFrames];
-  const std::size_t most = 1 + head.numbers[3] % kMostFrames;
+  std::uint64_t pcs[kMaxFrames];
+  std::uint64_t cached_pcs[kMaxFrames];
+  const std::size_t most = 1 + head.numbers[3] % kMaxFrames;
   const std::size_t count = platform::cfi::WalkFrames(pc, sp, fp, pcs, most);
   fuzz::Require(count <= most, "a walk keeps to its limit");
   // Now the cache contains all rules.
@@ -84,7 +84,7 @@ void Walk(std::uint64_t pc, std::uint64_t sp, std::uint64_t fp, const Head& head
   if (!walk.EnterInterrupted(sp)) return;
   std::uint64_t last_sp = walk.sp();
   std::size_t frames = 0;
-  for (; frames < kMostFrames && walk.Step(); ++frames) {
+  for (; frames < kMaxFrames && walk.Step(); ++frames) {
     fuzz::Require(walk.sp() >= last_sp || walk.interrupted(), "the stack pointer never goes back");
     last_sp = walk.sp();
   }
@@ -96,7 +96,7 @@ namespace platform::cfi {
 
 bool FindLoadedObject(std::uint64_t pc, LoadedObject* object) {
   // There is code before and after the information.
-  if (pc - g_object.begin + kMostBytes > 3 * kMostBytes) return false;
+  if (pc - g_object.begin + kMaxBytes > 3 * kMaxBytes) return false;
   *object = g_object;
   return true;
 }
@@ -104,7 +104,7 @@ bool FindLoadedObject(std::uint64_t pc, LoadedObject* object) {
 }  // namespace platform::cfi
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const Guarded information(kMostBytes);
+  static const Guarded information(kMaxBytes);
   static const Guarded stack(kStackBytes);
   Head head{};
   if (size < sizeof head || size - sizeof head > information.size()) return 0;

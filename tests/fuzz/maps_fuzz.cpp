@@ -23,13 +23,13 @@ using Ranges = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
 
 constexpr std::size_t kPieceBytes = 1023;
 /// More mappings only make a run slower.
-constexpr std::size_t kMostRanges = 64;
+constexpr std::size_t kMaxRanges = 64;
 
 /// The ranges that the index must contain, found by a simple linear search. The rest of a line that
 /// is too long counts as a line.
 Ranges ExpectedRanges(std::string_view text) {
   Ranges ranges;
-  while (!text.empty() && ranges.size() < kMostRanges) {
+  while (!text.empty() && ranges.size() < kMaxRanges) {
     const std::size_t newline = text.find('\n');
     const std::size_t bytes =
         std::min({newline == text.npos ? text.size() : newline + 1, text.size(), kPieceBytes});

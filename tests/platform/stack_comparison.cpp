@@ -16,11 +16,11 @@
 namespace comparison {
 namespace {
 
-constexpr std::size_t kMostFrames = 400;
+constexpr std::size_t kMaxFrames = 400;
 constexpr std::size_t kKeptDifferences = 8;
 
 struct Stack {
-  std::uint64_t pcs[kMostFrames];
+  std::uint64_t pcs[kMaxFrames];
   std::size_t count = 0;
 };
 
@@ -47,7 +47,7 @@ struct RuntimeWalk {
 };
 
 _Unwind_Reason_Code Take(_Unwind_Context* context, void* data) {
-  constexpr std::uint64_t kLargestStep = std::uint64_t{16} << 20;
+  constexpr std::uint64_t kMaxStepBytes = std::uint64_t{16} << 20;
   auto* walk = static_cast<RuntimeWalk*>(data);
   Stack& stack = *walk->stack;
   int interrupted = 0;
@@ -58,11 +58,11 @@ _Unwind_Reason_Code Take(_Unwind_Context* context, void* data) {
   // The functions of the comparison are below the record.
   if (stack.count == 0 && cfa <= walk->record) return _URC_NO_REASON;
   stack.pcs[stack.count++] = interrupted != 0 ? pc : pc - arch::kCallSiteAdjustment;
-  if (walk->count == 0 || interrupted != 0 || cfa - walk->cfa < kLargestStep) {
+  if (walk->count == 0 || interrupted != 0 || cfa - walk->cfa < kMaxStepBytes) {
     walk->cfa = cfa;
     walk->count = stack.count;
   }
-  return stack.count == kMostFrames ? _URC_END_OF_STACK : _URC_NO_REASON;
+  return stack.count == kMaxFrames ? _URC_END_OF_STACK : _URC_NO_REASON;
 }
 
 void Append(const Stack& stack, const char* title, std::string* text) {
@@ -112,7 +112,7 @@ __attribute__((noinline)) void Compare() {
   const int saved_errno = errno;
   Stack ours;
   Stack runtime;
-  ours.count = platform::CallStack(own, ours.pcs, kMostFrames);
+  ours.count = platform::CallStack(own, ours.pcs, kMaxFrames);
   RuntimeWalk walk{&runtime, own->caller_frame};
   _Unwind_Backtrace(Take, &walk);
   runtime.count = walk.count;

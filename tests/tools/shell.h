@@ -35,9 +35,9 @@ inline Outcome Shell(const std::string& command) {
 /// Runs `script` in `directory` while memleak runs `program` with `options` and `environment`. In
 /// the script $M is memleak, $P the program's process id, and the file "out" has the program's
 /// output. The program ends when its input ends.
-inline Outcome BesideProgram(const TemporaryDirectory& directory, const std::string& options,
-                             const std::string& program, const std::string& script,
-                             const std::string& environment = "") {
+inline Outcome WithProgram(const TemporaryDirectory& directory, const std::string& options,
+                           const std::string& program, const std::string& script,
+                           const std::string& environment = "") {
   return Shell("cd " + directory.Path("") + "; M=" MEMLEAK_PROGRAM "; mkfifo fifo; " + environment +
                " $M run --libdir " FIXTURE_LIBDIR " " + options + " -- " + program +
                " <fifo >out & P=$!; exec 3>fifo; until grep -qs ready out; do sleep 0.02; done; " +

@@ -11,7 +11,7 @@ namespace memleak {
 /// Whether `path`, with links followed, is a regular file.
 bool IsPlainFile(const std::string& path);
 
-/// What is left to read from the descriptor `file`; nothing, with errno set, if reading fails.
+/// The rest of the content of the descriptor `file`; nothing, with errno set, if reading fails.
 std::optional<std::string> ReadAll(int file);
 
 /// The target of the symbolic link `path`; empty if it is no link or unreadable.

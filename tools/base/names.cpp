@@ -36,13 +36,13 @@ std::string Rewritten(std::string_view text, Append append) {
 }  // namespace
 
 Character FirstCharacter(std::string_view text) {
-  constexpr std::array<std::uint32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};  // by length
+  constexpr std::array<std::uint32_t, 5> kMinCodePoint = {0, 0, 0x80, 0x800, 0x10000};  // by length
   const auto first = static_cast<unsigned char>(text.front());
   const Character invalid{text.substr(0, 1), first, false, false};
   // Leading ones give the length of a sequence; ASCII has none.
   const auto ones = static_cast<std::size_t>(std::countl_one(first));
   const std::size_t length = ones == 0 ? 1 : ones;
-  if (ones == 1 || length >= kLeast.size() || length > text.size()) return invalid;
+  if (ones == 1 || length >= kMinCodePoint.size() || length > text.size()) return invalid;
   std::uint32_t value = first & (0xffU >> ones);
   for (std::size_t i = 1; i < length; ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -50,7 +50,7 @@ Character FirstCharacter(std::string_view text) {
     value = (value << 6U) | (byte & 0x3fU);
   }
   const bool surrogate = value >= 0xd800 && value <= 0xdfff;
-  if (value < kLeast[length] || value > 0x10ffff || surrogate) return invalid;
+  if (value < kMinCodePoint[length] || value > 0x10ffff || surrogate) return invalid;
   const bool control = value < 0x20 || (value >= 0x7f && value < 0xa0);
   return {text.substr(0, length), value, true, !control};
 }

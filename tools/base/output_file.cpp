@@ -29,31 +29,31 @@ void RefuseOverwriting(const std::string& output, const std::vector<std::string>
   }
 }
 
-OutputFile::OutputFile(const std::string& path) : given_(path), target_(path), beside_(path) {
+OutputFile::OutputFile(const std::string& path) : given_(path), target_(path), temporary_(path) {
   std::error_code error;
   // Replace the target of a link, not the link.
   if (fs::is_symlink(path, error)) target_ = fs::weakly_canonical(path, error).string();
   const fs::file_status status = fs::status(target_, error);
   if (fs::is_regular_file(status) || !fs::exists(status)) {
-    beside_ = target_ + ".part-" + std::to_string(getpid());
+    temporary_ = target_ + ".part-" + std::to_string(getpid());
   }
   errno = 0;
-  stream_.open(beside_, std::ios::binary | std::ios::trunc);
+  stream_.open(temporary_, std::ios::binary | std::ios::trunc);
   if (!stream_) Fail(Reason());
-  if (fs::is_regular_file(status)) fs::permissions(beside_, status.permissions(), error);
+  if (fs::is_regular_file(status)) fs::permissions(temporary_, status.permissions(), error);
   errno = 0;
 }
 
 OutputFile::~OutputFile() {
-  if (beside_ != target_) unlink(beside_.c_str());
+  if (temporary_ != target_) unlink(temporary_.c_str());
 }
 
 void OutputFile::Commit() {
   stream_.close();
   if (!stream_) Fail(Reason());
-  if (beside_ == target_) return;
-  if (std::rename(beside_.c_str(), target_.c_str()) != 0) Fail(Reason());
-  beside_ = target_;
+  if (temporary_ == target_) return;
+  if (std::rename(temporary_.c_str(), target_.c_str()) != 0) Fail(Reason());
+  temporary_ = target_;
 }
 
 void OutputFile::Fail(const std::string& reason) const {

@@ -13,9 +13,9 @@ namespace memleak {
 /// are ignored.
 void RefuseOverwriting(const std::string& output, const std::vector<std::string>& inputs);
 
-/// The constructor opens a temporary file beside the target, and Commit renames it. Without Commit,
-/// the target stays unchanged. A target that is no regular file, such as a pipe, is written
-/// directly. Both throw UserError if the file cannot be written.
+/// The constructor opens a temporary file in the directory of the target, and Commit renames it.
+/// Without Commit, the target stays unchanged. A target that is no regular file, such as a pipe, is
+/// written directly. Both throw UserError if the file cannot be written.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
@@ -30,8 +30,8 @@ class OutputFile {
   [[noreturn]] void Fail(const std::string& reason) const;
 
   std::string given_;
-  std::string target_;  // what `given_` leads to
-  std::string beside_;  // the temporary file, or target_ if that is no regular file
+  std::string target_;     // what `given_` leads to
+  std::string temporary_;  // the temporary file, or target_ if that is no regular file
   std::ofstream stream_;
 };
 

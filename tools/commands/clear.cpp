@@ -33,7 +33,7 @@ struct ClearOptions {
 
 int Clear(const ClearOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, *options.kind);
+  RefuseMixedKinds(process, *options.kind);
   SendCommand(process, options.kind->Clear(), 0);
   std::cout << process.Label() << ": tables emptied\n";
   return kExitOk;

@@ -16,7 +16,7 @@
 namespace memleak {
 namespace {
 
-constexpr std::uint32_t kMost32 = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t kMaxUint32 = std::numeric_limits<std::uint32_t>::max();
 
 bool IsDigit(char c) {
   return std::isdigit(static_cast<unsigned char>(c)) != 0;
@@ -26,9 +26,9 @@ bool IsDigit(char c) {
 // which accepts signs, wraps numbers above 64 bits and reads a leading zero as octal. A number of
 // 18 characters cannot overflow.
 bool PrepareNumber(std::string* value) {
-  constexpr std::size_t kMostCharacters = 18;
+  constexpr std::size_t kMaxCharacters = 18;
   while (value->size() > 1 && value->front() == '0' && IsDigit((*value)[1])) value->erase(0, 1);
-  return !value->empty() && IsDigit(value->front()) && value->size() <= kMostCharacters;
+  return !value->empty() && IsDigit(value->front()) && value->size() <= kMaxCharacters;
 }
 
 }  // namespace
@@ -106,7 +106,7 @@ CLI::Option* ExpectNumber(CLI::Option* option, const CLI::Validator& check,
 }
 
 CLI::Option* ExpectNumber32(CLI::Option* option, const std::string& expected) {
-  return ExpectNumber(option, CLI::Range(kMost32), expected);
+  return ExpectNumber(option, CLI::Range(kMaxUint32), expected);
 }
 
 CLI::Option* ExpectBytes(CLI::Option* option) {
@@ -116,7 +116,8 @@ CLI::Option* ExpectBytes(CLI::Option* option) {
 CLI::Option* ExpectTime(CLI::Option* option, std::uint32_t least, const std::string& expected) {
   const std::map<std::string, std::uint32_t> units = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
-  return ExpectNumber(option, CLI::AsNumberWithUnit(units) & CLI::Range(least, kMost32), expected);
+  return ExpectNumber(option, CLI::AsNumberWithUnit(units) & CLI::Range(least, kMaxUint32),
+                      expected);
 }
 
 CLI::Option* ExpectOneOf(CLI::Option* option, const std::vector<std::string>& names) {

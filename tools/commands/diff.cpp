@@ -54,7 +54,7 @@ struct DiffOptions {
   std::string after;   ///< the same
   std::optional<std::uint32_t> top;
   SymbolOptions symbols;
-  OldSymbolOptions old_symbols;            ///< for `before` alone
+  OldSymbolOptions old_symbols;            ///< for `before` only
   std::optional<std::uint64_t> fail_over;  ///< bytes of growth that are accepted
   bool json = false;
   bool partial = false;
@@ -101,7 +101,7 @@ int Diff(const DiffOptions& options) {
 }  // namespace
 
 void AddDiff(Program* program) {
-  CLI::App* command = program->AddCommand("diff", "Say what changed between reports", kHelp);
+  CLI::App* command = program->AddCommand("diff", "Show what changed between reports", kHelp);
   const auto options = std::make_shared<DiffOptions>();
   command->add_option("OLD", options->before, "Report, root directory, or JSON document")
       ->required()

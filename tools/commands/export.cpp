@@ -121,7 +121,7 @@ void AddExport(Program* program) {
                      {"json", Format::kJson}},
                     "Output format")
       ->required();
-  command->add_option("-o,--output", options->output, "Where to (default: standard output)")
+  command->add_option("-o,--output", options->output, "Output file (default: standard output)")
       ->option_text("FILE");
   AddChoice<Measure>(command, "--by", &options->by,
                      {{"bytes", Measure::kBytes}, {"count", Measure::kBlocks}},

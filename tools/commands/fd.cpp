@@ -85,14 +85,14 @@ std::uint32_t ParameterFor(const ProcessInfo& process, const FdOptions& options)
                                  settings.type.value_or(protocol::kUnwindFramePointers));
 }
 
-// The tracker's complaints a moment after the command arrived. Nothing if it does not arrive in
+// The tracker's error lines a moment after the command arrived. Nothing if it does not arrive in
 // time.
 std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool is_emulated) {
   const auto deadline = steady_clock::now() + (is_emulated ? 2 * kPatience : kPatience);
   std::optional<steady_clock::time_point> received;
   while (steady_clock::now() < deadline) {
     const std::vector<std::string> lines = log.Lines();
-    std::vector<std::string> complaints = Complaints(lines);
+    std::vector<std::string> complaints = ErrorLines(lines);
     if (!lines.empty() && !received) received = steady_clock::now();
     const bool settled = received && steady_clock::now() - *received >= kSettle;
     if (!complaints.empty() || settled) return complaints;
@@ -101,7 +101,8 @@ std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool i
   return std::nullopt;
 }
 
-// Waits until the library is loaded, for processes without a log. False if that takes too long.
+// Waits until the library is loaded, for processes without a log. Returns false if that takes too
+// long.
 bool WaitForLibrary(const ProcessInfo& process) {
   const auto deadline = steady_clock::now() + kPatience;
   while (steady_clock::now() < deadline) {
@@ -127,7 +128,7 @@ int Fd(const FdOptions& options) {
   if (log.IsReadable()) complaints = WaitForAnswer(log, process.is_emulated);
   if (complaints && !complaints->empty()) {
     throw UserError(
-        "the tracker in " + process.Label() + " says: " + FitWidth(complaints->front(), 200),
+        "the tracker in " + process.Label() + " reports: " + FitWidth(complaints->front(), 200),
         std::string("put ") + kFdLibrary +
             " with its three functions into a directory that the program searches for libraries");
   }

@@ -36,7 +36,7 @@ struct HtmlOptions {
   std::string old;     ///< an older report to compare with; empty for none
   std::string output;
   SymbolOptions symbols;
-  OldSymbolOptions old_symbols;  ///< for `old` alone
+  OldSymbolOptions old_symbols;  ///< for `old` only
   bool partial = false;          ///< show what is there of a truncated report
 };
 

@@ -40,23 +40,23 @@ std::string Ranges(const std::vector<std::uint64_t>& lines) {
 // Prints missing lines of the head, the first damaged lines with their errors, and the numbers of
 // the others. A document has only the numbers.
 void WarnOfDamage(const Profile& profile) {
-  std::size_t told = 0;
+  std::size_t printed = 0;
   std::vector<std::uint64_t> others;
   for (const DamagedLine& line : profile.damaged) {
     const bool missing = line.number == 0;
-    if (!missing && (told >= kDamagedLinesShown || line.reason.empty())) {
+    if (!missing && (printed >= kDamagedLinesShown || line.reason.empty())) {
       others.push_back(line.number);
       continue;
     }
-    ++told;
+    ++printed;
     std::cerr << "memleak: ";
     if (!missing) std::cerr << "line " << line.number << " left out: ";
     std::cerr << FitWidth(line.reason, 120) << "\n";
   }
-  if (profile.damaged_lines <= told) return;
-  const std::uint64_t rest = profile.damaged_lines - told;
-  std::cerr << "memleak: " << rest << (told == 0 ? "" : " more") << (rest == 1 ? " line" : " lines")
-            << " left out";
+  if (profile.damaged_lines <= printed) return;
+  const std::uint64_t rest = profile.damaged_lines - printed;
+  std::cerr << "memleak: " << rest << (printed == 0 ? "" : " more")
+            << (rest == 1 ? " line" : " lines") << " left out";
   if (!others.empty()) std::cerr << ": " << Ranges(others);
   if (!others.empty() && rest > others.size()) std::cerr << " and later ones";
   std::cerr << "\n";

@@ -100,7 +100,7 @@ class LibraryTable {
       std::cout << "  " << std::left << std::setw(8) << state->mark << state->meaning << "\n";
     }
     if (!memory_.IsOpen()) {
-      std::cout << "Cannot read the slots: this takes root, or the right to debug the process.\n"
+      std::cout << "Cannot read the slots: this needs root, or the right to debug the process.\n"
                    "Some may be hooked already, or unresolved.\n";
     }
   }
@@ -139,7 +139,7 @@ class LibraryTable {
 
   void PrintRows() const {
     constexpr std::size_t kTerminalColumns = 80;
-    constexpr std::size_t kLeastNameColumns = 16;
+    constexpr std::size_t kMinNameColumns = 16;
     std::vector<std::size_t> widths;
     std::size_t rest = kTerminalColumns - 1;
     for (const std::string& function : HookableFunctions()) {
@@ -148,7 +148,7 @@ class LibraryTable {
     }
     std::size_t width = 0;
     for (const Row& row : rows_) width = std::max(width, Columns(row.library->name));
-    width = std::min(width, std::max(rest, kLeastNameColumns));
+    width = std::min(width, std::max(rest, kMinNameColumns));
     std::cout << std::string(width, ' ') << std::right;
     for (std::size_t i = 0; i < widths.size(); ++i) {
       std::cout << " " << std::setw(static_cast<int>(widths[i])) << HookableFunctions()[i];

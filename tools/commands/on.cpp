@@ -37,7 +37,7 @@ properties in its root directory.
 
 constexpr const char* kDeviceIntro = R"(
 Starts recording in a process that has the tracker loaded, with empty tables
-unless --keep is given. Options are written to system properties, which takes
+unless --keep is given. Options are written to system properties, which needs
 root. They apply to all processes, from their next `on`:
   --depth   vastel.memleak.backtacemaxnum
   --unwind  vastel.memleak.backtacetype (0: frame pointers, 1: dwarf)
@@ -54,7 +54,7 @@ constexpr const char* kLimits = R"(
 A list holds up to 91 bytes. A library need not import all functions if --func
 is absent. Record one kind at a time: all kinds share the tables. Commands for
 a hooked kind are refused while native recording is on or paused, and the other
-way round, as far as the log or the hooked slots tell.
+way round, as far as the log or the hooked slots show it.
 
 Each `on` adds hooks to those that exist, also after a pause. Each
 `report --kind` removes one from the libraries that the latest `on` has named.
@@ -89,7 +89,7 @@ char DefaultType(const ProcessInfo& process) {
 BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
   const StoredSettings stored = ReadSettings(process);
   BacktraceSettings wanted{options.depth, options.type};
-  if (stored.is_bare) {
+  if (stored.is_unset) {
     wanted.type = wanted.type.value_or(DefaultType(process));
     wanted.depth = wanted.depth.value_or(protocol::kDefaultDepth);
   }
@@ -113,7 +113,7 @@ std::uint64_t StartWord(const OnOptions& options) {
   return options.kind->On() | (options.keep ? 0 : options.kind->Clear());
 }
 
-void Complain(const std::string& line) {
+void PrintWarning(const std::string& line) {
   std::cerr << "memleak: " << Printable(line) << "\n";
 }
 
@@ -122,7 +122,7 @@ HookPlan PlanFor(const ProcessInfo& process, const LoadedLibraries& loaded,
                  const HookRequest& request, const ProcessMemory& memory) {
   HookPlan plan = PlanHooks(process, loaded, request, memory);
   if (plan.pairs.empty() && plan.problems.size() == 1) throw UserError(plan.problems.front());
-  for (const UserError& problem : plan.problems) Complain(problem.what());
+  for (const UserError& problem : plan.problems) PrintWarning(problem.what());
   if (plan.pairs.empty()) {
     throw UserError("none of these can be hooked in " + process.Label() + "; nothing was sent",
                     "see memleak libs " + std::to_string(process.pid));
@@ -134,7 +134,7 @@ HookPlan PlanFor(const ProcessInfo& process, const LoadedLibraries& loaded,
 std::uint32_t WriteHookSettings(const ProcessInfo& process, const OnOptions& options,
                                 const HookPlan& plan) {
   if (options.type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers) {
-    Complain(kNoUnwindTables);
+    PrintWarning(kNoUnwindTables);
   }
   const std::string current = ReadSettings(process).text;
   const std::string updated = WithHooks(UpdateProperties(current, {options.depth, std::nullopt}),
@@ -169,7 +169,7 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
   const HookOutcome outcome =
       WaitForHooks(process, kind, plan, log, memory, TrampolineBytes(loaded.mappings));
   for (const std::string& complaint : outcome.complaints) {
-    Complain("the tracker says: " + FitWidth(complaint, 200));
+    PrintWarning("the tracker reports: " + FitWidth(complaint, 200));
   }
   if (outcome.result == HookResult::kNothing) {
     const std::string log_place = LogPlace(process);
@@ -196,7 +196,7 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
 
 int StartRecording(const OnOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, *options.kind);
+  RefuseMixedKinds(process, *options.kind);
   const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
   if (!options.kind->IsNative()) return StartHooking(options, process, names);
   const BacktraceSettings settings = ApplySettings(process, options);

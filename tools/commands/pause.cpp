@@ -34,7 +34,7 @@ struct PauseOptions {
 
 int Pause(const PauseOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, *options.kind);
+  RefuseMixedKinds(process, *options.kind);
   SendCommand(process, options.kind->Pause(), 0);
   std::cout << process.Label() << ": recording paused; "
             << (options.kind->IsNative() ? "freed blocks are still removed from the tables"

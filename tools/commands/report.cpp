@@ -77,11 +77,11 @@ int Report(const ReportOptions& options) {
                     "omit one of them");
   }
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, *options.kind);
+  RefuseMixedKinds(process, *options.kind);
   const std::uint64_t word =
       options.keep_recording ? protocol::kReportKeepRecording : options.kind->Report();
   const std::chrono::milliseconds took =
-      TakeReport(process, word, options.timeout_s, OldReport::kKeepBeside);
+      TakeReport(process, word, options.timeout_s, OldReport::kRename);
   const std::string path = process.ReportPath();
 
   ReportHeader header;

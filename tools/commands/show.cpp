@@ -108,11 +108,12 @@ void AddShow(Program* program) {
                    "grep -E)")
       ->option_text("REGEX");
   ExpectBytes(
-      command->add_option("--min-size", selection.min_bytes, "Groups that hold as much (64k, 1m)")
+      command
+          ->add_option("--min-size", selection.min_bytes, "Groups of at least this size (64k, 1m)")
           ->option_text("BYTES"));
   ExpectTime(command
                  ->add_option("--older-than", selection.older_than,
-                              "Groups with blocks that old (90s, 10m)")
+                              "Groups with blocks of at least this age\n(90s, 10m)")
                  ->option_text("AGE"),
              0, "an age, such as 90s, 10m, 2h or 1d");
   AddChoice<SortKey>(command, "--sort", &selection.sort,

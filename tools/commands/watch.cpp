@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// watch: takes reports at intervals and says what grew.
+// watch: takes reports at intervals and shows what grew.
 #include <memory>
 
 #include "tools/commands/all.h"
@@ -11,8 +11,8 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHelp = R"(
-Takes a report at intervals while recording goes on, saves each in DIR under its
-number and time, and says at the end what grew from the first to the last.
+Takes a report at intervals while recording continues, saves each in DIR under
+its number and time, and shows at the end what grew from the first to the last.
 Native recording is switched on unless the log says that it is on. It is never
 switched off. Tables are emptied only if the log says that a report stopped the
 recording. The watch ends after --for, when the process ends, or on Ctrl-C or
@@ -26,15 +26,15 @@ each group that grew:
   +4.7 KiB              bytes in the last report minus bytes in the first
   +1.2 KiB/min          slope of a straight line, by least squares, through all
                         reports in which the group's size is known
-  (95 %: +1.1 to +1.3)  the true slope lies between these in 19 of 20 cases, if
+  (95 %: +1.1 to +1.3)  the true slope is between these in 19 of 20 cases, if
                         the reports scatter about a line at random. A range
                         above 0 suggests a leak, one around 0 a cache. Needs
                         three reports.
   r2 0.998              how much of the change the line explains: 1 is steady
                         growth, near 0 is anything else
 A report lists its 1000 largest groups. If it omits others, a group that is
-missing counts as unknown there ("?"), not as 0; "known in 4 of 5 reports" says
-so. Groups known in fewer than two reports are not judged. DIR/trend.json has
+missing counts as unknown there ("?"), not as 0, and the table shows "known in 4
+of 5 reports". Groups known in fewer than two reports are not judged. DIR/trend.json has
 all groups and values for programs. DIR/leak.html shows the difference of the
 first and the last report in a browser.
 
@@ -52,7 +52,7 @@ Exit codes:
 
 void AddWatch(Program* program) {
   CLI::App* command =
-      program->AddCommand("watch", "Take reports at intervals and say what grew", kHelp);
+      program->AddCommand("watch", "Take reports at intervals and show what grew", kHelp);
   const auto options = std::make_shared<WatchOptions>();
   AddPid(command, &options->pid);
   command->add_option("-o,--output", options->directory, "Directory for the reports, a new one")

@@ -82,7 +82,7 @@ void PrepareDirectory(const std::string& directory) {
 void EnsureRecording(const ProcessInfo& process) {
   const Recording state = RecordingOf(process);
   if (state == Recording::kOn) {
-    std::cout << process.Label() << ": recording goes on, with what it has\n";
+    std::cout << process.Label() << ": already recording, existing records kept\n";
     return;
   }
   OnOptions on;
@@ -91,8 +91,8 @@ void EnsureRecording(const ProcessInfo& process) {
   on.keep = state != Recording::kStopped;
   StartRecording(on);
   if (state == Recording::kUnknown) {
-    std::cout << "        no log of it tells whether it was recording, or will tell when others\n"
-                 "        end that: blocks from before a stop may be listed that are freed\n";
+    std::cout << "        Its log cannot be read. If recording was stopped before, reports may\n"
+                 "        list freed blocks. A stop by another command may go unnoticed.\n";
   }
 }
 
@@ -111,18 +111,18 @@ class Rounds {
   std::size_t Reports() const { return reports_.size(); }
 
  private:
-  // Tells a new process with the same id apart.
+  // Distinguishes a new process with the same id.
   static std::optional<std::uint64_t> StartOf(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/stat";
     return StartTicks(ReadTextFile(path).value_or(""));
   }
-  bool IsThere() const { return IsAlive(process_.pid) && StartOf(process_.pid) == started_; }
+  bool IsRunning() const { return IsAlive(process_.pid) && StartOf(process_.pid) == started_; }
 
   bool IsEnding() const;
   bool WaitUntil(steady_clock::time_point time);
   std::string Interference() const;
   bool Round();
-  bool GoesOn(const std::string& why);
+  bool ContinueUnless(const std::string& why);
   bool Belongs(const ReportHeader& header);
   void WriteDifferencePage() const;
   std::string Save(std::time_t now) const;
@@ -143,20 +143,20 @@ class Rounds {
 std::string Rounds::Interference() const {
   if (log_->IsReadable()) return FindInterference(log_->Lines());
   if (StateOf(process_.ReportPath()) == taken_) return "";
-  return "another report was taken, which may have stopped recording, and no log tells";
+  return "another command took a report and may have stopped recording (no readable log)";
 }
 
 // Returns false if the process has ended.
 bool Rounds::WaitUntil(steady_clock::time_point time) {
-  constexpr milliseconds kLook(100);
-  constexpr int kLooksPerCheck = 10;
-  for (int look = 1; interrupted == 0 && steady_clock::now() < time; ++look) {
-    if (!IsThere()) return false;
-    if (look % kLooksPerCheck == 0 && !Interference().empty()) break;
+  constexpr milliseconds kPollInterval(100);
+  constexpr int kPollsPerCheck = 10;
+  for (int poll = 1; interrupted == 0 && steady_clock::now() < time; ++poll) {
+    if (!IsRunning()) return false;
+    if (poll % kPollsPerCheck == 0 && !Interference().empty()) break;
     const auto left = std::chrono::ceil<milliseconds>(time - steady_clock::now());
-    std::this_thread::sleep_for(std::clamp(left, milliseconds(0), kLook));
+    std::this_thread::sleep_for(std::clamp(left, milliseconds(0), kPollInterval));
   }
-  return IsThere();
+  return IsRunning();
 }
 
 std::string Rounds::Save(std::time_t now) const {
@@ -197,14 +197,14 @@ void Rounds::PrintRound(const SavedReport& saved, milliseconds took) const {
 bool Rounds::Belongs(const ReportHeader& header) {
   const bool emptied = header.total_bytes == 0 && reports_.back().bytes != 0;
   const std::string why = Interference();
-  if (!why.empty() || !emptied || log_->IsReadable()) return GoesOn(why);
+  if (!why.empty() || !emptied || log_->IsReadable()) return ContinueUnless(why);
   // It is unlikely that all was freed: the thread that writes a report holds some blocks.
-  return GoesOn(
-      "nothing is recorded any more: its tables were emptied, or all was freed; no log tells");
+  return ContinueUnless(
+      "the report is empty: records were dropped, or all blocks were freed (no readable log)");
 }
 
-// Ends the trend if `why` is not empty. Returns whether it goes on.
-bool Rounds::GoesOn(const std::string& why) {
+// Ends the trend if `why` is not empty. Returns whether the trend continues.
+bool Rounds::ContinueUnless(const std::string& why) {
   if (why.empty()) return true;
   const double seconds = std::chrono::duration<double>(steady_clock::now() - begin_).count();
   broken_ = TrendBreak{seconds, why};
@@ -214,8 +214,8 @@ bool Rounds::GoesOn(const std::string& why) {
 // Takes a report. Returns false if the trend has ended.
 bool Rounds::Round() {
   const bool first = reports_.empty();
-  // Checked before a report is taken: the present one may belong to another command.
-  if (!first && !GoesOn(Interference())) return false;
+  // Checked before a report is taken: the existing one may belong to another command.
+  if (!first && !ContinueUnless(Interference())) return false;
   SavedReport saved;
   saved.time = std::time(nullptr);
   const auto now = steady_clock::now();
@@ -223,7 +223,7 @@ bool Rounds::Round() {
   saved.seconds = std::chrono::duration<double>(now - begin_).count();
   // Keep a report of another command; our own ones are saved already.
   const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
-  const OldReport old = ours ? OldReport::kReplace : OldReport::kKeepBeside;
+  const OldReport old = ours ? OldReport::kReplace : OldReport::kRename;
   const milliseconds took =
       TakeReport(process_, protocol::kReportKeepRecording, options_.timeout_s, old);
   taken_ = StateOf(process_.ReportPath());
@@ -246,44 +246,44 @@ bool Rounds::Round() {
   return true;
 }
 
-// Whether a process with a report at exit is about to end. The log does not tell that report from
-// one of another command.
+// Whether a process with a report at exit is about to end. The log does not show whether a report
+// was written at exit or for another command.
 bool Rounds::IsEnding() const {
-  constexpr milliseconds kLook(100);
-  constexpr int kLooks = 30;
+  constexpr milliseconds kPollInterval(100);
+  constexpr int kMaxPolls = 30;
   const auto found = process_.environment.find(protocol::kReportAtExitVariable);
   const bool reports = found != process_.environment.end() && !found->second.empty();
-  for (int look = 0; reports && IsThere() && look < kLooks; ++look) {
-    std::this_thread::sleep_for(kLook);
+  for (int poll = 0; reports && IsRunning() && poll < kMaxPolls; ++poll) {
+    std::this_thread::sleep_for(kPollInterval);
   }
-  return !IsThere();
+  return !IsRunning();
 }
 
 std::string Rounds::Run() {
   const milliseconds every(1000LL * options_.every_s);
   const milliseconds whole(1000LL * options_.for_s);
   try {
-    bool goes_on = Round();
+    bool more = Round();
     std::optional<milliseconds> due(0);
     // After an interrupt during a round, one more round: it includes the blocks allocated since.
-    while (goes_on) {
+    while (more) {
       const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
       due = NextDue(*due, every, whole, now);
       if (!due || !WaitUntil(begin_ + *due)) break;
       const bool is_last = interrupted != 0;
-      goes_on = Round() && !is_last;
+      more = Round() && !is_last;
     }
   } catch (const UserError& error) {
     // A process that ends during a report is no failure if there are reports.
     if (reports_.empty()) throw;
-    if (IsThere()) return error.what();
+    if (IsRunning()) return error.what();
   }
   if (broken_ && IsEnding()) broken_.reset();
   if (broken_) {
     return process_.Label() + ": " + broken_->why + "; the trend ends with report " +
-           std::to_string(reports_.size()) + " (start another watch to go on)";
+           std::to_string(reports_.size()) + " (to continue, start another watch)";
   }
-  if (!IsThere()) std::cout << process_.Label() << " has ended" << std::endl;
+  if (!IsRunning()) std::cout << process_.Label() << " has ended" << std::endl;
   return "";
 }
 
@@ -310,16 +310,16 @@ void Rounds::Finish() const {
   if (reports_.size() > 1) {
     PrintTrends(reports_, groups, options_.top.value_or(kDefaultTop), std::cout);
   } else {
-    std::cout << "One report tells no growth\n";
+    std::cout << "One report is not enough to measure growth\n";
   }
   if (broken_) {
-    std::cout << "broken off after " << FormatAge(std::llround(broken_->seconds)) << ": "
+    std::cout << "ended early, after " << FormatAge(std::llround(broken_->seconds)) << ": "
               << broken_->why << "\n";
   }
   std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
   if (reports_.size() > 1 && !PageShell().empty()) WriteDifferencePage();
-  if (IsThere() && !broken_) {
-    std::cout << "Recording goes on; end it with: memleak report " << process_.pid << "\n";
+  if (IsRunning() && !broken_) {
+    std::cout << "Recording continues; to stop it: memleak report " << process_.pid << "\n";
   }
 }
 
@@ -339,7 +339,7 @@ std::optional<milliseconds> NextDue(milliseconds last, milliseconds every, milli
 
 int Watch(const WatchOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  RefuseBeside(process, protocol::kNative);
+  RefuseMixedKinds(process, protocol::kNative);
   if (options.for_s != 0 && options.every_s > options.for_s) {
     throw UserError("--every is longer than --for, so there would be one report",
                     "give a shorter --every, or a longer --for");

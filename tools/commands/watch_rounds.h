@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Takes reports of a process at intervals while recording goes on. Used by `watch`;
+// Takes reports of a process at intervals while recording continues. Used by `watch`;
 // single-threaded.
 #pragma once
 

@@ -16,7 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-// get() alone would convert negative numbers and fractions.
+// Without this check, get() would convert negative numbers and fractions.
 std::uint64_t Number(const json& object, const char* name) {
   const json& value = object.at(name);
   if (value.is_number_unsigned()) return value.get<std::uint64_t>();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads JSON documents of reports back. The symbols in a document are those of the time when it was
+// Reads JSON documents of reports. The symbols in a document are those of the time when it was
 // written. Single-threaded.
 #pragma once
 

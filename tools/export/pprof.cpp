@@ -30,16 +30,16 @@ namespace pb = perftools::profiles;
 constexpr std::uint64_t kPage = 0x1000;
 constexpr std::uint64_t kFirstMapping = 0x10000000;
 // Limits offsets of damaged reports, so ranges do not overflow.
-constexpr std::uint64_t kLargestMapping = std::uint64_t{1} << 40U;
+constexpr std::uint64_t kMaxMappingBytes = std::uint64_t{1} << 40U;
 
 std::int64_t Signed(std::uint64_t value) {
-  constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-  return static_cast<std::int64_t>(std::min(value, kMost));
+  constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  return static_cast<std::int64_t>(std::min(value, kMax));
 }
 
 // The address of a frame within its file.
 std::uint64_t FileAddress(const Frame& frame) {
-  return std::min(frame.address != 0 ? frame.address : frame.offset, kLargestMapping - 1);
+  return std::min(frame.address != 0 ? frame.address : frame.offset, kMaxMappingBytes - 1);
 }
 
 /// Builds the message. Adds each table entry once.

@@ -17,7 +17,7 @@
 namespace memleak {
 namespace {
 
-constexpr std::size_t kFewestAges = 4;
+constexpr std::size_t kMinAges = 4;
 constexpr std::int64_t kQuarters = 4;
 constexpr const char* kUnknownLibrary = "[unknown]";
 
@@ -171,7 +171,7 @@ std::int64_t AgeSpan(const Profile& profile) {
 }
 
 AgePattern PatternOf(const Group& group, std::int64_t span) {
-  if (group.ages.size() < kFewestAges || span < kQuarters) return AgePattern::kUnknown;
+  if (group.ages.size() < kMinAges || span < kQuarters) return AgePattern::kUnknown;
   const auto [youngest, oldest] = std::minmax_element(group.ages.begin(), group.ages.end());
   const bool late = *youngest < span / kQuarters;
   const bool early = *oldest > span - span / kQuarters;

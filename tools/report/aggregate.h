@@ -39,7 +39,7 @@ Selected SelectGroups(const Profile& profile, const Selection& selection);
 /// The largest of a group's ages; empty without ages (Java-native groups have none).
 std::optional<std::int64_t> OldestAge(const Group& group);
 
-/// What the ages of a group say about its growth. They are measured against the oldest age in the
+/// What the ages of a group show about its growth. They are compared with the oldest age in the
 /// report.
 enum class AgePattern {
   kUnknown,  ///< fewer than four ages, or a span of less than four seconds

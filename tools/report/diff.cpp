@@ -134,10 +134,10 @@ Difference Compare(const Profile& before, const Profile& after) {
 }
 
 std::int64_t Growth(std::uint64_t before, std::uint64_t after) {
-  constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
   const bool grew = after >= before;
   const auto step =
-      static_cast<std::int64_t>(std::min(grew ? after - before : before - after, kMost));
+      static_cast<std::int64_t>(std::min(grew ? after - before : before - after, kMax));
   return grew ? step : -step;
 }
 

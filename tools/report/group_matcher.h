@@ -25,8 +25,8 @@ struct GroupValue {
   std::uint64_t count = 0;  ///< blocks that are listed
   std::uint64_t total = 0;  ///< their bytes
   std::uint64_t sites = 0;  ///< call sites that are listed: groups of the report
-  /// False when the report omits groups and lacks a call site that another report lists. The
-  /// figures may then be too small.
+  /// False if the report omits groups and lacks a call site that another report lists. The figures
+  /// may then be too small.
   bool known = true;
 };
 

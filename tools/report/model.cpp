@@ -228,7 +228,7 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
 // in other records. So a list of the full length is the group's own if the group has one block, or
 // if no other group, listed or not, has its backtrace.
 void MarkOwnAges(Profile* profile) {
-  constexpr std::uint64_t kMostAges = 30;
+  constexpr std::uint64_t kMaxAges = 30;
   std::map<std::vector<std::uint32_t>, std::size_t> groups;  // by backtrace
   for (const Group& group : profile->groups) {
     if (!group.ages.empty()) ++groups[group.stack];
@@ -237,7 +237,7 @@ void MarkOwnAges(Profile* profile) {
   for (Group& group : profile->groups) {
     if (group.ages.empty()) continue;
     const bool alone = group.count == 1 || (whole && groups[group.stack] == 1);
-    group.own_ages = alone && group.ages.size() == std::min(group.count, kMostAges);
+    group.own_ages = alone && group.ages.size() == std::min(group.count, kMaxAges);
   }
 }
 

@@ -141,7 +141,7 @@ class LineReader {
       input_.getline(piece_.data(), kPieceBytes);
       const bool closed = input_.good();  // not so if the piece is full
       const auto bytes = static_cast<std::size_t>(input_.gcount()) - (closed ? 1 : 0);
-      too_long = too_long || line_.size() + bytes > kLongestLine;
+      too_long = too_long || line_.size() + bytes > kMaxLineBytes;
       if (!too_long) line_.append(piece_.data(), bytes);
       if (closed || input_.eof()) {
         *line = line_;
@@ -174,7 +174,7 @@ class ReportPass {
       Finish(true);
       return true;
     }
-    if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "an end mark before the end");
+    if (end_number_ != 0) Damaged(std::exchange(end_number_, 0), "\"END\" is not the last line");
     // Editors and copies from a terminal end the last line. The tracker does not.
     if (line == kEnd || (line.ends_with('\r') && line.substr(0, line.size() - 1) == kEnd)) {
       end_number_ = number_;

@@ -71,7 +71,7 @@ enum class ReportEnd {
 
 /// The longest line in bytes; the deepest stack of long names takes less. A longer line is damaged,
 /// and is not kept in memory.
-inline constexpr std::size_t kLongestLine = 64U << 20U;
+inline constexpr std::size_t kMaxLineBytes = 64U << 20U;
 
 /// Reads a report from `input` in one pass, in memory of one group and one line. Fills `header`
 /// with the figures of the head, 0 for missing or damaged lines. Delivers each damaged line and

@@ -70,8 +70,8 @@ class Trends {
   /// in their call sites are added up.
   void Add(double seconds, const Profile& profile);
 
-  /// The groups that any report lists, largest growth first. Where the growth is unknown, that of
-  /// the line counts.
+  /// The groups that any report lists, largest growth first. If the growth is unknown, that of the
+  /// line counts.
   std::vector<GroupTrend> Result() const;
 
  private:

@@ -11,9 +11,9 @@ namespace memleak {
 namespace {
 
 // Longer symbols take the demangler too long.
-constexpr std::size_t kLongestSymbol = 32768;
+constexpr std::size_t kMaxSymbolBytes = 32768;
 // Substitutions can double a name at each step: 220 bytes can expand to 71 MB.
-constexpr std::size_t kLongestName = 65536;
+constexpr std::size_t kMaxNameBytes = 65536;
 
 struct NameTooLong {};
 
@@ -21,7 +21,7 @@ struct NameTooLong {};
 // leave it.
 void Append(const char* piece, std::size_t length, void* name) {
   auto* text = static_cast<std::string*>(name);
-  if (text->size() + length > kLongestName) throw NameTooLong();
+  if (text->size() + length > kMaxNameBytes) throw NameTooLong();
   text->append(piece, length);
 }
 
@@ -30,7 +30,7 @@ void Append(const char* piece, std::size_t length, void* name) {
 std::string Demangle(const std::string& symbol) {
   // A demangler would take a C function named "i" for the type int.
   const bool mangled = symbol.starts_with("_Z") || symbol.starts_with("_R");
-  if (!mangled || symbol.size() > kLongestSymbol) return symbol;
+  if (!mangled || symbol.size() > kMaxSymbolBytes) return symbol;
   constexpr int kOptions = DMGL_PARAMS | DMGL_ANSI;
   try {
     std::string name;

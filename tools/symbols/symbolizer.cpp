@@ -50,7 +50,7 @@ class Symbolizer::Module {
 
   const ResolvedAddress& Resolve(std::uint64_t offset) {
     const auto [known, added] = known_.try_emplace(offset);
-    if (added && module_ != nullptr) known->second = Look(offset);
+    if (added && module_ != nullptr) known->second = FindSymbols(offset);
     return known->second;
   }
 
@@ -58,7 +58,7 @@ class Symbolizer::Module {
   void Open();
   void Load();
   std::optional<std::uint64_t> AddressOf(std::uint64_t offset) const;
-  ResolvedAddress Look(std::uint64_t offset);
+  ResolvedAddress FindSymbols(std::uint64_t offset);
 
   std::string name_;
   std::string file_;
@@ -128,7 +128,7 @@ std::optional<std::uint64_t> Symbolizer::Module::AddressOf(std::uint64_t offset)
   return first;
 }
 
-ResolvedAddress Symbolizer::Module::Look(std::uint64_t offset) {
+ResolvedAddress Symbolizer::Module::FindSymbols(std::uint64_t offset) {
   Load();
   const std::optional<std::uint64_t> address = AddressOf(offset);
   if (!address) return {};

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the controller needs to know of ELF files: whether a program can be tracked, and through
-// which slots a library calls functions. Reads the files of all supported machines, so a native
-// controller can inspect emulated processes. Uses no ELF library, because devices have none.
-// Single-threaded.
+// Reads from ELF files whether a program can be tracked, and through which slots a library calls
+// functions. Reads the files of all supported machines, so a native controller can inspect emulated
+// processes. Uses no ELF library, because devices have none. Single-threaded.
 #pragma once
 
 #include <cstdint>

@@ -61,7 +61,7 @@ HookResult Judge(const ProcessInfo& process, const HookOutcome& outcome, bool lo
 
 }  // namespace
 
-std::vector<std::string> Complaints(const std::vector<std::string>& lines) {
+std::vector<std::string> ErrorLines(const std::vector<std::string>& lines) {
   std::vector<std::string> complaints;
   for (const std::string& line : lines) {
     const auto add_if_any = [&](const auto& messages) {
@@ -111,7 +111,7 @@ HookOutcome WaitForHooks(const ProcessInfo& process, const Kind& kind, const Hoo
     const bool said_on = AnyHas(lines, std::string(kind.switch_line) + "true");
     const bool said_nothing = AnyHas(lines, protocol::kNothingHooked);
     const bool all_slots = ReadSlots(process, plan, memory, &outcome);
-    outcome.complaints = Complaints(lines);
+    outcome.complaints = ErrorLines(lines);
     if (all_slots) outcome.complaints = WithoutUnplanned(outcome.complaints);
     if (said_nothing || said_on) {
       outcome.result = said_nothing ? HookResult::kNothing : HookResult::kHooked;

@@ -27,7 +27,7 @@ struct HookOutcome {
 };
 
 /// The tracker's messages about failures in `lines` of its log.
-std::vector<std::string> Complaints(const std::vector<std::string>& lines);
+std::vector<std::string> ErrorLines(const std::vector<std::string>& lines);
 
 /// `complaints` without those about pairs outside the plan, for when the whole plan is hooked. The
 /// tracker tries every function in every library, also functions that a library does not import.

@@ -220,7 +220,7 @@ std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMe
   std::vector<HookPair> hooked;
   for (const LoadedLibrary& library : loaded.libraries) {
     if (library.is_program || IsOwn(library.name) || !library.file) continue;
-    // Each slot by itself: one of several may be hooked.
+    // Each slot is checked separately: one of several may be hooked.
     for (const Import& import : library.file->imports) {
       const bool known = !hooked.empty() && hooked.back().library == library.name &&
                          hooked.back().function == import.function;

@@ -26,7 +26,8 @@ constexpr auto kStartPoll = std::chrono::milliseconds(20);
 // A younger process may not have executed the program yet, or its dynamic linker may not have
 // loaded the tracker.
 constexpr double kYoungSeconds = 3.0;
-// Time from mapping the tracker to its handler being set, where no signal mask shows it.
+// Time from mapping the tracker to setting its handler, for processes whose signal mask does not
+// show it.
 constexpr auto kEmulatedSettle = std::chrono::milliseconds(500);
 
 // The value of a field in the text of /proc/PID/status; empty if there is none.
@@ -93,7 +94,7 @@ UserError NoSuchProcess(pid_t pid) {
 }
 
 UserError NotPermitted(pid_t pid, const std::string& path) {
-  return {"not permitted to look at process " + std::to_string(pid) + " (" + path + ")",
+  return {"not permitted to inspect process " + std::to_string(pid) + " (" + path + ")",
           Advice().permission};
 }
 
@@ -113,8 +114,8 @@ std::string ReadProc(pid_t pid, const std::string& name) {
   throw NoSuchProcess(pid);
 }
 
-// Whether the process was forked a moment ago. Until it executes its program, its environment is
-// that of the shell.
+// Whether the process was just forked. Until it executes its program, its environment is that of
+// the shell.
 bool IsYoung(pid_t pid) {
   const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));
   timespec now{};
@@ -145,7 +146,7 @@ Image ReadImage(pid_t pid) {
 }
 
 // Reads everything once. Sets `steady` if the process ran the same program throughout.
-ProcessInfo Look(pid_t pid, bool* steady) {
+ProcessInfo ReadOnce(pid_t pid, bool* steady) {
   // First: of a process that has ended, only root may read the other files.
   ReadStatus(pid);
   const Image image = ReadImage(pid);
@@ -175,7 +176,7 @@ UserError NotTracked(const ProcessInfo& process) {
   }
   return {"process " + process.Label() +
               " does not catch signal 44, which would kill it; nothing was sent",
-          std::string("start it anew ") + Advice().with_tracker};
+          std::string("restart it ") + Advice().with_tracker};
 }
 
 }  // namespace
@@ -201,10 +202,11 @@ std::optional<std::uint64_t> StartTicks(std::string_view stat) {
 ProcessInfo InspectProcess(pid_t pid) {
   if (pid <= 0) throw UserError("not a process id: " + std::to_string(pid), "give a PID above 0");
   // A process that keeps executing programs is taken as it is after some attempts.
-  constexpr int kLooks = 10;
+  constexpr int kMaxAttempts = 10;
   bool steady = false;
-  ProcessInfo process = Look(pid, &steady);
-  for (int look = 1; !steady && look < kLooks; ++look) process = Look(pid, &steady);
+  ProcessInfo process = ReadOnce(pid, &steady);
+  for (int attempt = 1; !steady && attempt < kMaxAttempts; ++attempt)
+    process = ReadOnce(pid, &steady);
 
   FindPlaces(&process);
   return process;

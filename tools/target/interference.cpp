@@ -26,9 +26,9 @@ struct Effect {
 
 // Most severe effect first.
 std::vector<Effect> Effects() {
-  Effect clear{protocol::kFdClear, "its tables were emptied"};
+  Effect clear{protocol::kFdClear, "all records were dropped"};
   // These change the kind by which the tracker looks up blocks.
-  Effect other{0, "it was told to record another kind of memory"};
+  Effect other{0, "a command for another kind of memory arrived"};
   for (const Kind& kind : protocol::kKinds) {
     clear.words |= kind.Clear();
     if (kind.IsNative()) continue;
@@ -88,7 +88,7 @@ std::optional<Recorded> RecordedByHooks(const ProcessInfo& process) {
 
 }  // namespace
 
-void RefuseBeside(const ProcessInfo& process, const Kind& wanted) {
+void RefuseMixedKinds(const ProcessInfo& process, const Kind& wanted) {
   const auto find = [&](bool native) {
     return native ? RecordedNatively(process) : RecordedByHooks(process);
   };

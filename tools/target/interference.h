@@ -23,7 +23,7 @@ std::string FindInterference(const std::vector<std::string>& lines);
 /// releases and may crash the process. The log shows what is recorded; without a log, hooked slots
 /// show hooked kinds. Refuses nothing if neither is readable, or if both sorts are recorded
 /// already.
-void RefuseBeside(const ProcessInfo& process, const Kind& wanted);
+void RefuseMixedKinds(const ProcessInfo& process, const Kind& wanted);
 
 /// The state of native recording according to the log of `process`. Unknown if there is no readable
 /// log, or if it has commands for other processes only: a forked child inherits its parent's

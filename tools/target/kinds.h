@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What steering the kinds of memory takes beside their rows in the protocol: the names that are
-// hooked, the settings that hold them, and the state that a log tells.
+// The kinds of memory, in addition to their rows in the protocol: the names that are hooked, the
+// settings that contain them, and the state of the hooks according to a log.
 //
 // Used by the commands that take --kind. Single-threaded.
 #pragma once
@@ -35,9 +35,9 @@ struct HookNames {
   std::vector<std::string> functions;
 };
 
-/// The names in the options --lib and --func. An empty option stands for the library or the
-/// functions of `kind`. Throws UserError as ParseNames does, if `kind` needs a library, and if a
-/// name is given for native memory.
+/// The names in the options --lib and --func. An empty option means the library or the functions of
+/// `kind`. Throws UserError as ParseNames does; also if `kind` needs a library and none is given,
+/// or if a name is given for native memory.
 HookNames NamesFor(const Kind& kind, const std::string& libraries, const std::string& functions);
 
 /// A note for users who ask for the unwinder.

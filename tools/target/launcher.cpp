@@ -46,8 +46,8 @@ fs::path OwnDirectory() {
   return fs::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
-// Beside the controller, in a build tree, in an installation, and in the build trees of both
-// presets.
+// The directory of the controller, then those of a build tree, of an installation, and of the build
+// trees of both presets.
 std::vector<std::string> LibraryCandidates(const std::string& libdir) {
   if (!libdir.empty()) return {fs::absolute(libdir).lexically_normal().string()};
   const fs::path own = OwnDirectory();
@@ -234,7 +234,7 @@ void Launch(const RunOptions& options) {
   SetCommand(protocol::kReportAtExitVariable, options.report_at_exit, options.kind->Report());
   WriteProperties(root, properties);
   SetLog(options.log);
-  // A terminal's user needs the PID; otherwise the output is the program's alone.
+  // A user at a terminal needs the PID. Otherwise only the program writes output.
   if (isatty(STDERR_FILENO) == 1) {
     std::cerr << "memleak: process " << getpid() << ", root directory " << Printable(root)
               << std::endl;

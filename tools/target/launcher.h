@@ -21,7 +21,7 @@ struct RunOptions {
   std::optional<std::uint32_t> depth;
   std::optional<char> type;
   std::string root;      ///< as given, may contain "%p"; empty: ./memleak.<pid>
-  std::string log;       ///< file or "stderr"; empty: as the environment says
+  std::string log;       ///< file or "stderr"; empty: from the environment
   std::string libdir;    ///< directory of the tracker's two libraries; empty: near the controller
   std::string emulator;  ///< command that runs programs of another architecture; empty: none
   std::vector<std::string> command;  ///< program and arguments

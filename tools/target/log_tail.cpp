@@ -79,7 +79,7 @@ Recording RecordingFromLog(std::string_view log) {
   for (std::string line; std::getline(lines, line);) {
     if (line.find(switched + "true") != std::string::npos) state = Recording::kOn;
     if (line.find(switched + "false") != std::string::npos) state = Recording::kPaused;
-    // Stopping logs no line of its own, so the command word itself is read.
+    // A stop has no separate log line, so the command word is read.
     const std::uint64_t word = ReceivedWord(line);
     if ((word & protocol::kNative.On()) != 0) state = Recording::kOn;
     if ((word & protocol::kNative.Pause()) != 0) state = Recording::kPaused;

@@ -15,9 +15,9 @@ void FindPlaces(ProcessInfo* process);
 
 /// The properties that a process reads.
 struct StoredSettings {
-  std::string text;      ///< lines "name=value"
-  std::string place;     ///< where they are stored; empty if there are none
-  bool is_bare = false;  ///< the process has neither its own nor shared properties
+  std::string text;       ///< lines "name=value"
+  std::string place;      ///< where they are stored; empty if there are none
+  bool is_unset = false;  ///< neither the process's own nor shared properties exist
 };
 
 /// The properties in force for `process`.

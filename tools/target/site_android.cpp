@@ -51,7 +51,7 @@ void WriteSettings(const ProcessInfo& /*process*/, const std::string& text) {
     if (equals == std::string::npos) continue;
     const std::string name = line.substr(0, equals);
     const std::string value = line.substr(equals + 1);
-    // Each property needs its own permission: leave unchanged ones alone.
+    // Each property needs its own permission, so unchanged ones are not written.
     if (Property(name.c_str()) == value) continue;
     if (__system_property_set(name.c_str(), value.c_str()) != 0) {
       throw CannotSet(name, value);

@@ -70,8 +70,7 @@ milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uin
   const std::string path = process.ReportPath();
   const std::string old_path = path + ".old";
   if (old == OldReport::kReplace) std::remove(path.c_str());
-  const bool moved =
-      old == OldReport::kKeepBeside && std::rename(path.c_str(), old_path.c_str()) == 0;
+  const bool moved = old == OldReport::kRename && std::rename(path.c_str(), old_path.c_str()) == 0;
   // A report that cannot be moved must not be taken for the new one.
   const std::optional<FileState> remaining = StateOf(path);
   const auto start = steady_clock::now();

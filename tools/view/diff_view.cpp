@@ -162,7 +162,7 @@ void PrintTotals(const Profile& before, const Profile& after, std::ostream& out)
   const Sums old_java = before.Listed(GroupKind::kJava);
   const Sums new_java = after.Listed(GroupKind::kJava);
   if (old_java.groups + new_java.groups != 0) {
-    out << "beside these, Java-native: " << FormatBytes(old_java.bytes) << " -> "
+    out << "in addition, Java-native: " << FormatBytes(old_java.bytes) << " -> "
         << FormatBytes(new_java.bytes) << "\n";
   }
 }
@@ -185,7 +185,7 @@ bool IsDamaged(const Profile& profile) {
   return !profile.complete || profile.damaged_lines > 0;
 }
 
-// Counts the groups that are not judged, and says why, and how to have fewer of them.
+// Prints how many groups are not judged, the reason, and how to reduce their number.
 void PrintNotJudged(const Profile& before, const Profile& after, const Difference& difference,
                     std::ostream& out) {
   Sums old_sums;

@@ -36,8 +36,8 @@ void PrintStillHooked(const ProcessInfo& process) {
   if (left.empty()) return;
   PrintPairs("hooked  ", left, std::cout);
   std::cout
-      << "        Still, but nothing is recorded: of hooks that several `on` have put in, one\n"
-         "        report takes one off, in the libraries that the latest `on` has named.\n";
+      << "        These hooks record nothing. Each `on` adds a hook; a report removes one, in\n"
+         "        the libraries that the latest `on` has named.\n";
 }
 
 }  // namespace memleak

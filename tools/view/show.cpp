@@ -138,7 +138,7 @@ void PrintProfile(const Profile& profile, const ViewOptions& options, std::ostre
   }
   const Sums all_java = profile.Listed(GroupKind::kJava);
   if (all_java.groups != 0) {
-    out << "\nJava-native stacks: " << InGroups(all_java) << ", beside the above\n";
+    out << "\nJava-native stacks: " << InGroups(all_java) << ", in addition to the above\n";
     const Sums java_below = PrintView({profile, options, java, all_java.bytes, "J"}, out);
     PrintNotShown(options.view, java_below, java.cut, {}, out);
   }

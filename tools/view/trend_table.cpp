@@ -15,10 +15,10 @@ namespace memleak {
 namespace {
 
 constexpr std::size_t kIndent = 5;
-constexpr double kMostBytes = 1e18;
+constexpr double kMaxBytes = 1e18;
 
 std::string Magnitude(double bytes) {
-  return FormatBytes(static_cast<std::uint64_t>(std::llround(std::min(bytes, kMostBytes))));
+  return FormatBytes(static_cast<std::uint64_t>(std::llround(std::min(bytes, kMaxBytes))));
 }
 
 std::string Signed(double bytes) {
@@ -50,12 +50,12 @@ std::string BlocksText(const GroupValue& value) {
 // A frame's name and library, within the columns after the indent. The name of a frame without a
 // function starts with the library already.
 std::string FrameText(const std::string& name, const std::string& library) {
-  constexpr std::size_t kMostLibrary = 24;
+  constexpr std::size_t kMaxLibraryColumns = 24;
   if (library.empty() || name.starts_with(library + "+0x")) {
     return FitWidth(name, kColumns - kIndent);
   }
-  const std::string place = "  [" + FitWidth(library, kMostLibrary) + "]";
-  return FitWidth(name, kColumns - kIndent - kMostLibrary - 4) + place;
+  const std::string place = "  [" + FitWidth(library, kMaxLibraryColumns) + "]";
+  return FitWidth(name, kColumns - kIndent - kMaxLibraryColumns - 4) + place;
 }
 
 void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
@@ -116,8 +116,8 @@ void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<Grou
   if (without_trend.groups != 0) {
     out << "not judged: " << Counted(without_trend.groups, "group") << " of "
         << FormatBytes(without_trend.bytes)
-        << ", listed in full in one report at most.\nA report lists its 1000 largest groups; no "
-           "option changes that\n";
+        << "; each is listed in full in at most one report.\nA report lists its 1000 largest "
+           "groups; no option changes that\n";
   }
   if (first.unlisted.groups != 0 || last.unlisted.groups != 0) {
     out << "not in the lists: " << UnlistedText(first) << " of the first report, "

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tracker's switches and thread marks: start-up, shut-down and the control signal's handler.
-// What the allocation path reads is inline in the header.
+// The functions of the allocation path are inline in the header.
 #include "tracker/control/MemTrackControl.h"
 
 #include <cstring>

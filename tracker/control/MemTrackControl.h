@@ -15,7 +15,7 @@
 using protocol::MemTrackType;
 using protocol::NATIVE;
 
-/// The kind in force, a MemTrackType. Written by the control signal's handler alone.
+/// The current kind, a MemTrackType. Written only by the control signal's handler.
 extern std::atomic<std::uint32_t> mem_track_type;
 /// Marks a thread that is inside the record store.
 extern ThreadMark record_key;
@@ -33,19 +33,19 @@ class MemTrackControl {
   /// A callback stored by RegistryAllocateTracker: no arguments, result ignored.
   using Tracker = void (*)();
 
-  /// The instance, or null before the first CreateInstance and after a failed initialization.
+  /// Returns the instance; null before the first CreateInstance and after a failed initialization.
   /// Any thread, any context.
   static MemTrackControl* GetInstance() { return instance_.load(std::memory_order_acquire); }
-  /// The instance, which is created if there is none; null without memory. Takes no lock: only
-  /// while no other thread uses the tracker.
+  /// Returns the instance and creates it if there is none; null if there is no memory. Takes no
+  /// lock, so call it only while no other thread uses the tracker.
   static MemTrackControl* CreateInstance();
   /// Frees the instance; only after a failed initialization.
   static void DestroyInstance();
 
-  /// The kind in force (see MemTrackType). Any thread, any context.
+  /// The current kind (see MemTrackType). Any thread, any context.
   static std::uint32_t GetMemTrackType() { return mem_track_type.load(std::memory_order_seq_cst); }
-  /// The C library's zygote-child flag, null without an instance or before set_zygote_child. Four
-  /// bytes are readable there. Any thread, any context.
+  /// The C library's zygote-child flag; null if there is no instance or before set_zygote_child.
+  /// Four bytes are readable there. Any thread, any context.
   static bool* GetMallocZygoteChild() {
     const MemTrackControl* instance = GetInstance();
     return instance == nullptr ? nullptr : instance->zygote_child_;
@@ -53,10 +53,10 @@ class MemTrackControl {
   /// Whether a PLT hook is installed. Any thread, any context.
   static bool IsPltHook() { return is_plt_hook.load(std::memory_order_relaxed); }
 
-  /// Clears the four switches and creates the three thread marks. False, logged, when one cannot be
-  /// created; marks made so far stay. Only from track_initialize.
+  /// Clears the four switches and creates the three thread marks. Returns false, logged, if a mark
+  /// cannot be created; the marks before it stay. Only from track_initialize.
   bool DebugDisableInit();
-  /// Deletes the three marks: no thread records from here on. Only from track_initialize and
+  /// Deletes the three marks. Then no thread records any more. Only from track_initialize and
   /// track_finalize.
   void DeleteKeys();
 
@@ -68,8 +68,8 @@ class MemTrackControl {
   bool GetPltHookEverStarted() const {
     return plt_hook_ever_started_.load(std::memory_order_seq_cst);
   }
-  /// Stores the pair with release order, `ever` first: a thread that sees start set also sees ever
-  /// set. Any thread, any context.
+  /// Stores both flags with release order, `ever` first: a thread that sees `start` set also sees
+  /// `ever` set. Any thread, any context.
   void ConfigHookStatus(bool start, bool ever);
   /// The same for the hooked kinds.
   void ConfigPltHookStatus(bool start, bool ever);

@@ -9,7 +9,7 @@
 
 #define TRACKER_INLINE __attribute__((always_inline)) inline
 
-/// True when native recording is on and the calling thread is not marked. `control` may be null.
+/// Whether native recording is on and the calling thread is not marked. `control` may be null.
 TRACKER_INLINE bool IsRecording(const MemTrackControl* control) {
   return control != nullptr && control->GetHookStart() && control->ThreadEnabled();
 }
@@ -18,7 +18,7 @@ TRACKER_INLINE bool IsRecording(const MemTrackControl* control) {
 /// meanwhile goes to the C library and is not recorded.
 ///
 /// Checks the switch again, since recording may have been switched off. Clears the mark only if it
-/// has set it: an outer scope may have done so.
+/// has set it: an outer scope may have set it.
 class RecordingScope {
  public:
   TRACKER_INLINE explicit RecordingScope(const MemTrackControl* control)

@@ -9,9 +9,9 @@ import { cutText, el, formatBytes, formatShare, longText, plural, signed } from 
 import type { Measure, Profile } from "./profile.js";
 import { CallTree, cut, type Drawn, type TreeNode } from "./tree.js";
 
-// Each box costs four elements, and more boxes cannot be told apart.
-const kMostBoxes = 700;
-const kLeastPixels = 2;
+// Each box costs four elements. With more boxes, single ones cannot be distinguished.
+const kMaxBoxes = 700;
+const kMinPixels = 2;
 const kCellHeight = 19;
 const kTitleHeight = 2 * kCellHeight; // reserved by the library
 const kNameLimit = 200;
@@ -130,7 +130,7 @@ export class FlameView {
     const width = this.canvas.clientWidth;
     if (width === 0) return;
     this.current = null;
-    const data = cut(this.tree, this.focus, kMostBoxes, kLeastPixels / width);
+    const data = cut(this.tree, this.focus, kMaxBoxes, kMinPixels / width);
     this.chart.width(width).inverted(this.rootOnTop);
     if (this.drawn) {
       this.chart.update(data);

@@ -40,7 +40,7 @@ export interface Frame {
   inlined: boolean;
 }
 
-/** What the ages say about growth, as judged by the program. */
+/** What the ages show about growth, as judged by the program. */
 export type Pattern = "growing" | "settled" | "recent" | "unknown";
 
 /** Unknown: a report that omits groups may hide a part of the group. */

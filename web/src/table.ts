@@ -111,7 +111,7 @@ export class GroupTable {
     return columns;
   }
 
-  /** The innermost frame that says where the program asked for memory. */
+  /** The innermost frame in which the program itself requests memory. */
   private place(group: Group): Frame | undefined {
     const { frames } = this.profile.doc;
     const at = group.stack.find((index) => !kAllocators.test(frames[index]!.name));

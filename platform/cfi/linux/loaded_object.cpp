@@ -13,13 +13,12 @@
 namespace platform::cfi {
 namespace {
 
-/// Since glibc 2.35; null with an older one. Looked up by name, so that the library loads with
-/// both.
+/// Null before glibc 2.35. Looked up by name, so that the library also loads with an older glibc.
 int (*g_find_object)(void*, dl_find_object*) = nullptr;
 
-/// Takes the program headers from the ELF header at the object's beginning, where linkers place it.
-/// Returns false when there is none. For an object with gaps between its segments, glibc reports
-/// only the segment that holds the address.
+/// Takes the program headers from the ELF header at the start of the object. Returns false if there
+/// is no ELF header: for an object with gaps between its segments, glibc reports only the segment
+/// that contains the address.
 __attribute__((noinline)) bool TakeHeaders(LoadedObject* object) {
   if (!CanRead(object->begin, sizeof(Elf64_Ehdr))) return false;
   const auto* header = reinterpret_cast<const Elf64_Ehdr*>(object->begin);
@@ -39,7 +38,7 @@ __attribute__((noinline)) bool TakeHeaders(LoadedObject* object) {
   return true;
 }
 
-/// The program's, as the kernel handed them over. False for other objects.
+/// Takes the main program's headers from the auxiliary vector. Returns false for other objects.
 bool TakeHeadersOfProgram(const link_map* map, LoadedObject* object) {
   if (map != _r_debug.r_map) return false;
   object->headers = reinterpret_cast<const Elf64_Phdr*>(getauxval(AT_PHDR));

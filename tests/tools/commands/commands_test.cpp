@@ -31,7 +31,7 @@ void ExpectFails(const std::string& arguments, const std::string& part) {
 // Other preloaded libraries stay; commands of an outer tracker go.
 TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideProgram(
+  const Outcome outcome = WithProgram(
       directory, "--start --depth 24 --unwind fp --log log.%p",
       FIXTURE_SLEEPER " -x --depth 'a b' --",
       "sed s/$P/PID/ out; stat -c %a memleak.$P memleak.$P/*; cat memleak.$P/properties",
@@ -79,7 +79,7 @@ TEST(Run, AcceptsCommandsRightAfterItsStart) {
 // restored.
 TEST(Session, StatusFollowsTheLogAndReportsWait) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideProgram(directory, "--root root --log log", FIXTURE_SLEEPER, R"(
+  const Outcome outcome = WithProgram(directory, "--root root --log log", FIXTURE_SLEEPER, R"(
     soon() {
       for i in $(seq 100); do $M status $P | grep "$1" && return; sleep 0.02; done; $M status $P
     }
@@ -113,12 +113,12 @@ TEST(Output, NamesCannotControlTheTerminal) {
   directory.Write(name + ".1", report + "END");
   directory.Write(name + ".2", report + "sz 9 9 num 1\n#00 rel_pc 1 " + name + "\nEND");
   const Outcome outcome =
-      BesideProgram(directory, "--root \"$N\".root --log \"$N\".log", "./\"$N\"", R"(
+      WithProgram(directory, "--root \"$N\".root --log \"$N\".log", "./\"$N\"", R"(
     for c in on status libs pause 'fd off' 'report --timeout 1'; do $M $c $P; done
     for by in group library function tree callers; do $M show --by $by "$N".2; done
     for f in json folded speedscope; do $M export "$N".2 --format $f; done
     $M diff "$N".1 "$N".2; $M diff "$N".1 "$N".2 --json; $M show "$N"; $M "$N")",
-                    "N=$(printf 'p\\033[1m\\177\\302\\233\\233'); ");
+                  "N=$(printf 'p\\033[1m\\177\\302\\233\\233'); ");
   std::istringstream lines(outcome.output);
   for (std::string line; std::getline(lines, line);) {
     for (std::string_view rest = line; !rest.empty();) {

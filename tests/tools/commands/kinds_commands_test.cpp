@@ -13,10 +13,10 @@
 namespace memleak {
 namespace {
 
-// Runs a script beside a program that has loaded the fixture's libraries. Returns its output.
-Outcome BesideHooked(const TemporaryDirectory& directory, const std::string& options,
-                     const std::string& script) {
-  return BesideProgram(directory, "--root root --log log " + options, FIXTURE_HOOK_PROGRAM, script);
+// Runs a script while a program that has loaded the fixture's libraries runs. Returns its output.
+Outcome WithHookedProgram(const TemporaryDirectory& directory, const std::string& options,
+                          const std::string& script) {
+  return WithProgram(directory, "--root root --log log " + options, FIXTURE_HOOK_PROGRAM, script);
 }
 
 void ExpectHas(const std::string& text, const std::string& part) {
@@ -25,7 +25,7 @@ void ExpectHas(const std::string& text, const std::string& part) {
 
 TEST(Kinds, OnReportsTheTrackersAnswer) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideHooked(directory, "", R"(
+  const Outcome outcome = WithHookedProgram(directory, "", R"(
     answer() { until grep -qs 0x900 log; do sleep 0.02; done; echo "$1" >>log; }
     answer 'set mmaphook to:true, btsize:7, btType:0' &
     $M on $P --kind mmap --lib 'libabsent.so, libtools_hook_plain.so' --unwind dwarf --depth 7
@@ -41,7 +41,7 @@ TEST(Kinds, OnReportsTheTrackersAnswer) {
             "persist.sys.memleak.hookLib=libtools_hook_plain.so\n"
             "persist.sys.memleak.hookFunc=mmap,munmap\n");
   ExpectHas(outcome.output, "memleak: libtools_hook_plain.so does not import mremap; ");
-  ExpectHas(outcome.output, "memleak: the tracker says: all plt hook failed!\n");
+  ExpectHas(outcome.output, "memleak: the tracker reports: all plt hook failed!\n");
   ExpectHas(outcome.output, "memleak: the tracker hooked nothing in ");
   ExpectHas(outcome.output, "code 2\nmemleak: libtools_hook_no_plt.so has no jump slot for mmap");
 }
@@ -49,7 +49,7 @@ TEST(Kinds, OnReportsTheTrackersAnswer) {
 // Log lines of other processes do not count. Without a log, the slots would show the state.
 TEST(Kinds, RefusesCommandsThatDamageOtherKinds) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideHooked(directory, "", R"(
+  const Outcome outcome = WithHookedProgram(directory, "", R"(
     H='--kind mmap --lib libtools_hook_plain.so'
     all() { for c in on pause clear report; do $M $c $P "$@" || echo "$c $?"; done; }
     echo '1.5 1 1 I x: set mmaphook to:true' >>log
@@ -80,14 +80,14 @@ TEST(Kinds, RefusesCommandsThatDamageOtherKinds) {
 
 TEST(Kinds, EachErrorIsOneLine) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideHooked(directory, "", R"(
+  const Outcome outcome = WithHookedProgram(directory, "", R"(
     $M clear $P --kind sea; $M fd off $P; $M fd fly $P
     (until grep -qs 0x100000 log; do sleep 0.02; done
      echo ' load libfdtrack failed: none' >>log) & $M fd on $P --depth 16; echo "code $?"
     $M on $P --lib liba.so; $M on $P --kind mmap --lib ,; $M libs $P)");
   ExpectHas(ReadTextFile(directory.Path("log")).value_or(""), "addr:0x100000\nparameter 0x10003");
   ExpectHas(outcome.output, "libfdtrack.so is not loaded in ");
-  ExpectHas(outcome.output, "says: load libfdtrack failed: none; ");
+  ExpectHas(outcome.output, "reports: load libfdtrack failed: none; ");
   ExpectHas(outcome.output, "invalid --kind 'sea' (native, mmap, ion, gpu)\n");
   ExpectHas(outcome.output, "invalid ACTION 'fly' (on, off, dump, clear)\n");
   ExpectHas(outcome.output, "--lib and --func are for hooks");
@@ -99,7 +99,7 @@ TEST(Kinds, EachErrorIsOneLine) {
 
 TEST(Kinds, RunStartsWithAKind) {
   const TemporaryDirectory directory;
-  const Outcome outcome = BesideHooked(
+  const Outcome outcome = WithHookedProgram(
       directory, "--start --report-at-exit --kind mmap --lib liba.so", "cat out root/properties");
   ExpectHas(outcome.output, "MEMLEAK_TRACKER_START=0x100\n");
   ExpectHas(outcome.output, "MEMLEAK_TRACKER_REPORT_AT_EXIT=0x400\n");

@@ -269,7 +269,7 @@ TEST(ReportParser, ReadsTextsThatTheLibraryDoesNotWrite) {
     EXPECT_EQ(read.groups.size(), 1U);
   }
   const Report absurd =
-      Read(kHead + std::string(kLongestLine + 1'000'000, 'x') + "\n" + kGroup + kJavaRule + "END");
+      Read(kHead + std::string(kMaxLineBytes + 1'000'000, 'x') + "\n" + kGroup + kJavaRule + "END");
   EXPECT_EQ(absurd.native, 1U);
   EXPECT_EQ(absurd.damaged, std::vector<std::uint64_t>{6});
 }

@@ -20,7 +20,7 @@ enum : status_t {
 /// Thread priorities, as nice values (Android: system/thread_defs.h).
 enum { PRIORITY_DEFAULT = 0, PRIORITY_BACKGROUND = 10 };
 
-/// A thread that calls threadLoop() until it returns false or nobody else holds a strong reference.
+/// A thread that calls threadLoop() until it returns false or there is no other strong reference.
 ///
 /// The thread holds itself while it runs, so the starter may drop its reference at once: there is
 /// at least one iteration, and the object is deleted on its own thread. Any thread.

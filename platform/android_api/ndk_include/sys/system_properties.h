@@ -3,7 +3,7 @@
 // "name=value" pair on each line. <root> is the value of MEMLEAK_TRACKER_ROOT, "/" if it is unset.
 //
 // If that file does not exist, the file that MEMLEAK_TRACKER_PROPERTIES names is read instead, so
-// that children with a root of their own start with their parent's settings.
+// that children with a separate root start with their parent's settings.
 #pragma once
 
 /// The size of the longest value, with its NUL (bionic: sys/system_properties.h).

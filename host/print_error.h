@@ -6,6 +6,6 @@ namespace host {
 
 /// Writes "memleak: ", the formatted text (cut at 1000 bytes) and a newline to stderr in one piece.
 /// Any thread; may allocate. Keeps errno.
-__attribute__((format(printf, 1, 2))) void Say(const char* format, ...);
+__attribute__((format(printf, 1, 2))) void PrintError(const char* format, ...);
 
 }  // namespace host

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // One line on stderr. Not by stdio, whose streams belong to the program.
-#include "host/say.h"
+#include "host/print_error.h"
 
 #include <errno.h>
 #include <stdarg.h>
@@ -9,7 +9,7 @@
 
 namespace host {
 
-void Say(const char* format, ...) {
+void PrintError(const char* format, ...) {
   const int saved_errno = errno;
   constexpr int kTextBytes = 1000;
   char line[kTextBytes + 1] = "memleak: ";
