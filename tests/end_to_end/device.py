@@ -38,7 +38,7 @@ class DeviceSession(hooked_kinds.HookSession):
 
 def heap(session):
     """Every command for the native heap. Where one is refused, the message says what to do."""
-    shutil.copy(session.bin_dir + "/../lib/libfdtrack_NONE.so", session.root + "/libfdtrack.so")
+    shutil.copy(session.bin_dir + "/../lib/libfdtrack_WITH.so", session.root + "/libfdtrack.so")
     os.environ["LD_LIBRARY_PATH"] = session.root
     session.start("--unwind", "fp")
     text = session.device("status")
