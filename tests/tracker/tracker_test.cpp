@@ -90,7 +90,11 @@ class TrackerTest : public testing::Test {
     ASSERT_TRUE(track_initialize(&Dispatch(), reinterpret_cast<bool*>(&zygote_child), ""));
     // A sanitizer starts its own thread when the first thread starts.
     std::thread([] {}).join();
-    threads_ = Threads();
+    // Under the emulator a joined thread may exist for a while.
+    do {
+      threads_ = Threads();
+      usleep(5000);
+    } while (Threads() != threads_);
   }
   void TearDown() override { track_finalize(); }
 
@@ -122,8 +126,13 @@ class TrackerTest : public testing::Test {
 
   /// The groups of the report that the command `word` writes.
   Sizes Report(std::uint64_t word) {
+    const std::string name = "data/log/reliability/allocations_dump";
+    std::filesystem::remove(directory_.Path(name));
     Send(word);
-    std::istringstream report(directory_.Read("data/log/reliability/allocations_dump"));
+    for (int i = 0; i < 1000 && directory_.Read(name).find("\nEND") == std::string::npos; ++i) {
+      usleep(10'000);
+    }
+    std::istringstream report(directory_.Read(name));
     Sizes sizes;
     for (std::string line; std::getline(report, line);) {
       std::size_t size = 0;
