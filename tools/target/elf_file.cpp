@@ -15,8 +15,8 @@
 namespace memleak {
 namespace {
 
-// Relocations of slots, from the processor supplements of the ELF specification. A C library's
-// <elf.h> may only have those of its own processor.
+// Relocations of slots, as the ABIs of the two processors number them. A C library's <elf.h> may
+// define only those of its processor.
 constexpr std::uint32_t kAarch64GlobDat = 1025;
 constexpr std::uint32_t kAarch64JumpSlot = 1026;
 constexpr std::uint32_t kX86GlobDat = 6;
