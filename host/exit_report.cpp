@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kWaitMs = 60'000;
 // Most reports take some milliseconds.
-constexpr int kPollMs = 2;
+constexpr int kExitPollMs = 2;
 
 char report_path[platform::kPathBytes];
 
@@ -56,7 +56,7 @@ void WaitForReport(int64_t deadline) {
       PrintError("no complete report in %s after %d s", report_path, kWaitMs / 1000);
       return;
     }
-    SleepMs(kPollMs);
+    SleepMs(kExitPollMs);
   }
 }
 
@@ -67,7 +67,7 @@ void WaitForEarlierReports() {
   const int64_t start = NowMs();
   while ((CurrentReport() != Report::kNone || ReportCommandWaits()) &&
          NowMs() - start < kMaxWaitMs) {
-    SleepMs(kPollMs);
+    SleepMs(kExitPollMs);
   }
 }
 

@@ -12,7 +12,7 @@ constexpr std::size_t kRememberedRows = 2;
 enum : std::uint8_t { kAdvance = 0x40, kOffset = 0x80, kRestore = 0xc0 };
 
 enum Instruction : std::uint8_t {
-  kNop = 0x00,
+  kCfaNop = 0x00,
   kSetLocation = 0x01,
   kAdvance1 = 0x02,
   kAdvance2 = 0x03,
@@ -79,7 +79,7 @@ class Run {
 
   bool Extended(std::uint8_t instruction, TableReader* program) {
     switch (instruction) {
-      case kNop:
+      case kCfaNop:
       case kNegateReturnAddressState:
         return true;
       case kArgumentBytes:

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::int64_t kWordBytes = sizeof(std::uint64_t);
 constexpr std::uint8_t kBreg0 = 0x70;  // DW_OP_breg0, an offset follows
-constexpr std::uint8_t kDeref = 0x06;
+constexpr std::uint8_t kDerefOperation = 0x06;
 
 constexpr FollowedColumns kColumns = {arch::kReturnAddressColumn, arch::kFramePointerColumn,
                                       arch::kStackPointerColumn};
@@ -36,7 +36,7 @@ bool PackWords(std::int64_t bytes, unsigned shift, unsigned bits, std::uint64_t*
 bool IsFramePointerPlus(TableReader expression, bool dereferenced, std::int64_t* offset) {
   if (expression.Take<std::uint8_t>() != kBreg0 + arch::kFramePointerColumn) return false;
   *offset = expression.TakeSigned();
-  if (dereferenced && expression.Take<std::uint8_t>() != kDeref) return false;
+  if (dereferenced && expression.Take<std::uint8_t>() != kDerefOperation) return false;
   return expression.ok() && expression.empty();
 }
 

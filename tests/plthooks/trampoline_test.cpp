@@ -16,9 +16,9 @@ namespace lumora::plthooks {
 namespace {
 
 int nested = 0;
-int CountNested(int depth) {
+int CountNested(int levels) {
   ++nested;
-  return Previous(CountNested)(depth);
+  return Previous(CountNested)(levels);
 }
 
 TEST(HookStack, IsAsDeepAsTheCalls) {
@@ -27,12 +27,12 @@ TEST(HookStack, IsAsDeepAsTheCalls) {
   ASSERT_EQ(library.Hook(CountNested, "calls_deeper"), 0);
   const auto work = [nest] {
     // A page has room for 85 frames: tests just below, at and above the limit, and several pages.
-    for (const int depth : {84, 85, 86, 1000, 170, 171}) {
+    for (const int levels : {84, 85, 86, 1000, 170, 171}) {
       nested = 0;
       errno = EDOM;
-      EXPECT_EQ(nest(depth), depth);
+      EXPECT_EQ(nest(levels), levels);
       EXPECT_EQ(errno, EDOM);
-      EXPECT_EQ(nested, depth);
+      EXPECT_EQ(nested, levels);
     }
   };
   work();

@@ -135,13 +135,13 @@ std::string ReadStatus(pid_t pid) {
 }
 
 // What changes when a process executes another program.
-struct Image {
+struct ProgramImage {
   std::string executable;
   std::string environment;
-  bool operator==(const Image&) const = default;
+  bool operator==(const ProgramImage&) const = default;
 };
 
-Image ReadImage(pid_t pid) {
+ProgramImage ReadImage(pid_t pid) {
   return {LinkTarget("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
 }
 
@@ -149,7 +149,7 @@ Image ReadImage(pid_t pid) {
 ProcessInfo ReadOnce(pid_t pid, bool* steady) {
   // First: of a process that has ended, only root may read the other files.
   ReadStatus(pid);
-  const Image image = ReadImage(pid);
+  const ProgramImage image = ReadImage(pid);
   const std::string status = ReadStatus(pid);
   ProcessInfo process;
   process.pid = pid;
