@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Documents for the tests of the page: a small one, one with hostile names, a difference, and two
-// large ones.
+// Documents for the tests of the page: a small one, one with hostile names, and a large one.
 
 const kMade = 1795260000;
 
-function finish(frames, groups, more = {}) {
-  const native = groups.filter((group) => group.kind === "native" && group.count > 0);
+function finish(frames, groups) {
+  const native = groups.filter((group) => group.kind === "native");
   const java = groups.filter((group) => group.kind === "java");
   const sum = (list, key) => list.reduce((total, group) => total + group[key], 0);
   const listedBytes = sum(native, "total");
@@ -29,7 +28,6 @@ function finish(frames, groups, more = {}) {
     ],
     frames,
     groups,
-    ...more,
   };
 }
 
@@ -87,26 +85,8 @@ export function hostile() {
   return finish(frames, groups);
 }
 
-export function difference() {
-  const status = (name, count, total) => ({ status: name, before: { count, total } });
-  const groups = [
-    group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600), status("grew", 4000, 2048000)),
-    group(65536, 10, [0, 7, 6, 3, 4, 5], [3400], status("shrank", 60, 3932160)),
-    group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300), status("new", 0, 0)),
-    { ...group(4096, 0, [0, 8, 6, 3, 4, 5], []), ...status("gone", 120, 491520) },
-    group(1048576, 2, [0, 2, 4, 5], [3599], status("same", 2, 2097152)),
-  ];
-  const document = finish(kServer, groups);
-  const old = groups.reduce((sum, { before }) => sum + before.total, 0);
-  const base = {
-    report: { ...document.report, path: "/data/allocations_dump.old", made: kMade - 3600 },
-    totals: { ...document.totals, bytes: old, listedBytes: old },
-  };
-  return { ...document, base };
-}
-
 /** `count` groups of `depth` frames whose stacks fork at every level, like those of real programs. */
-export function large(kind, count, depth, functions) {
+export function large(count, depth, functions) {
   const frames = Array.from({ length: functions }, (_, index) =>
     frame(index % 5, `module${index % 97}::Class${index % 1009}::method_${index}(int)`, "src/a.cpp", index),
   );
@@ -122,8 +102,7 @@ export function large(kind, count, depth, functions) {
       path = (path * 31 + random(level < depth / 2 ? 3 : 2)) % functions;
       stack[level] = path;
     }
-    const ages = kind === "native" ? spread(30, 10 + random(5000)) : [];
-    return group(16 + random(4096), 1 + random(200), stack, ages, { kind });
+    return group(16 + random(4096), 1 + random(200), stack, spread(30, 10 + random(5000)));
   });
   groups.sort((a, b) => b.total - a.total);
   return finish(frames, groups);

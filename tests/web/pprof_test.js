@@ -10,7 +10,7 @@ import { mkdirSync, readFileSync, writeFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { join, resolve } from "node:path";
 import { gunzipSync } from "node:zlib";
-import { line, report } from "./documents.js";
+import { line, report, server } from "./documents.js";
 
 const [memleak, modules, work, library] = process.argv.slice(2);
 const { Profile } = createRequire(join(resolve(modules), "here.js"))("pprof-format");
@@ -69,3 +69,9 @@ assert.deepEqual(got.sample.map(sample).sort(), groups.map(group).sort());
 const named = frames.filter((frame) => frame.function.includes("known::") && frame.line > 0);
 assert.ok(named.length > 3 && named.some((frame) => frame.inlined), "the library has symbols");
 assert.ok(libraries.some(({ path, buildId }) => path === library && /^[0-9a-f]{16,}$/.test(buildId)));
+
+// The main program is first, as readers expect.
+writeFileSync(`${source}.json`, JSON.stringify(server()));
+execFileSync(memleak, ["export", `${source}.json`, "--format", "pprof", "-o", packed]);
+const { mapping, stringTable } = Profile.decode(gunzipSync(readFileSync(packed)));
+assert.equal(stringTable.strings[Number(mapping[0].filename)], "/usr/lib/server");
