@@ -1,30 +1,61 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whole commands, with a fake tracker in the watched process: the environment that `run` sets, and
-// errors with their exit codes.
+// Whole commands on a small program: the environment that `run` sets, what commands refuse, and
+// errors with their exit codes. End-to-end tests cover what commands record.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <array>
+#include <cstdio>
 #include <sstream>
 
 #include "tests/temporary_directory.h"
-#include "tests/tools/shell.h"
 #include "tools/base/names.h"
-#include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {
 
-Outcome Memleak(const std::string& arguments) {
-  return Shell(MEMLEAK_PROGRAM " " + arguments);
+struct Outcome {
+  int code = -1;
+  std::string output;
+};
+
+/// The output of `command`, errors included, and its exit code; -1 if a signal ended it.
+Outcome Shell(const std::string& command) {
+  Outcome outcome;
+  FILE* pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "re");
+  std::array<char, 4096> buffer{};
+  std::size_t count = 0;
+  do {
+    count = std::fread(buffer.data(), 1, buffer.size(), pipe);
+    outcome.output.append(buffer.data(), count);
+  } while (count != 0);
+  const int status = pclose(pipe);
+  outcome.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return outcome;
 }
 
-void ExpectHas(const std::string& text, const std::string& part) {
-  EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
+/// Runs `script` in `directory` while memleak runs `program` with `options` and `environment`. In
+/// the script $M is memleak, $P the program's process id, and the file "out" has the program's
+/// output. The program ends when its input ends.
+Outcome WithProgram(const TemporaryDirectory& directory, const std::string& options,
+                    const std::string& program, const std::string& script,
+                    const std::string& environment = "") {
+  return Shell("cd " + directory.Path("") + "; M=" MEMLEAK_PROGRAM "; mkfifo fifo; " + environment +
+               " $M run " + options + " -- " + program +
+               " <fifo >out & P=$!; exec 3>fifo; until grep -qs ready out; do sleep 0.02; done; " +
+               script + "\nexec 3>&-; wait $P; echo \"ended $?\"");
+}
+
+void ExpectHas(const std::string& text, const std::vector<std::string>& parts) {
+  for (const std::string& part : parts) {
+    EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
+  }
 }
 
 void ExpectFails(const std::string& arguments, const std::string& part) {
-  const Outcome failed = Memleak(arguments);
+  const Outcome failed = Shell(MEMLEAK_PROGRAM " " + arguments);
   EXPECT_EQ(failed.code, 2) << arguments;
-  ExpectHas(failed.output, part);
+  ExpectHas(failed.output, {part});
   EXPECT_EQ(failed.output.find('\n'), failed.output.size() - 1) << failed.output;
 }
 
@@ -38,24 +69,15 @@ TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
       "ASAN_OPTIONS=verify_asan_link_order=0 MEMLEAK_TRACKER_REPORT_AT_EXIT=1 "
       "LD_PRELOAD=libm.so.6");
   const std::string here = std::filesystem::canonical(directory.Path("")).string();
-  for (const std::string& part :
-       {std::string("argument=-x\nargument=--depth\nargument=a b\nargument=--\n"),
-        std::string("LD_PRELOAD=" FIXTURE_LIBDIR "/libmemleak_preload.so:libm.so.6\n"),
-        std::string("LD_BIND_NOW=1\n"), std::string("MEMLEAK_TRACKER_START=0x10\n"),
-        "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n",
-        "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n",
-        "MEMLEAK_TRACKER_PROPERTIES=" + here + "/memleak.PID/properties\n",
-        std::string("\n700\n600\nvastel.memleak.backtacetype=0\nvastel.memleak.backtacemaxnum="
-                    "24\nended 7")}) {
-    ExpectHas(outcome.output, part);
-  }
+  ExpectHas(outcome.output,
+            {"argument=-x\nargument=--depth\nargument=a b\nargument=--\n",
+             "LD_PRELOAD=" MEMLEAK_PRELOAD ":libm.so.6\n", "LD_BIND_NOW=1\n",
+             "MEMLEAK_TRACKER_START=0x10\n", "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n",
+             "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n",
+             "MEMLEAK_TRACKER_PROPERTIES=" + here + "/memleak.PID/properties\n",
+             "\n700\n600\nvastel.memleak.backtacetype=0\nvastel.memleak.backtacemaxnum="
+             "24\nended 7"});
   EXPECT_EQ(outcome.output.find("REPORT_AT_EXIT"), std::string::npos);
-  // Other lines stay, and the last valid one counts.
-  const std::string before =
-      "other=1\nvastel.memleak.backtacemaxnum=20\nvastel.memleak.backtacemaxnum=12a\n#x";
-  EXPECT_EQ(ParseSettings(before).depth, 20U);
-  EXPECT_EQ(UpdateProperties(before, {.depth = 30, .type = std::nullopt}),
-            "other=1\n#x\nvastel.memleak.backtacemaxnum=30\n");
 }
 
 // $! is known before the shell's child executes the controller, which executes the program. Some
@@ -66,38 +88,78 @@ TEST(Run, AcceptsCommandsRightAfterItsStart) {
     const Outcome on =
         Shell("cd " + directory.Path("") + " && rm -f fifo && mkfifo fifo; { " +
               (round % 4 == 0 ? "sleep 0.2; " : "") +
-              "exec " MEMLEAK_PROGRAM " run --libdir " FIXTURE_LIBDIR
-              " --root root --log log -- " FIXTURE_SLEEPER " <>fifo >out; } & " MEMLEAK_PROGRAM
-              " on $!; code=$?; kill $!; exit $code");
+              "exec " MEMLEAK_PROGRAM " run --root root --log log -- " FIXTURE_SLEEPER
+              " <>fifo >out; } & " MEMLEAK_PROGRAM " on $!; code=$?; kill $!; exit $code");
     EXPECT_EQ(on.code, 0) << on.output;
-    ExpectHas(on.output, ": recording on, tables emptied");
+    ExpectHas(on.output, {": recording on, tables emptied"});
   }
 }
 
-// End-to-end tests cover the effects of commands on a real tracker. If the old report cannot be
-// moved, it is not mistaken for the new one. If it is moved and no new one is written, it is
-// restored.
+// If the old report cannot be moved, it is not mistaken for the new one. If it is moved and no new
+// one can be written, it is restored. Other settings stay.
 TEST(Session, StatusFollowsTheLogAndReportsWait) {
   const TemporaryDirectory directory;
   const Outcome outcome = WithProgram(directory, "--root root --log log", FIXTURE_SLEEPER, R"(
     soon() {
       for i in $(seq 100); do $M status $P | grep "$1" && return; sleep 0.02; done; $M status $P
     }
+    printf 'other=1\nvastel.memleak.backtacemaxnum=20\n#x' >>root/properties
     soon 'never switched on'; $M on $P --depth 12 --unwind dwarf; soon 'recording   on$'
-    $M pause $P; soon 'recording   paused$'
+    $M pause $P; soon 'recording   paused$'; cat root/properties
     D=root/data/log/reliability; mkdir -p $D; printf 'old\nEND' >$D/allocations_dump
+    prlimit --pid $P --nofile=3:1024
     $M report --timeout 1 $P; echo "code $?"; cat log $D/*; mkdir $D/allocations_dump.old
-    (until [ $(grep -c addr:0x40 log) = 2 ]; do sleep 0.02; done
-     printf 'new\nEND' >$D/allocations_dump) & $M report $P; cat $D/allocations_dump
-    rm log; $M status $P; $M status $$; echo "code $?")");
-  for (const char* part :
-       {"off (never switched on)", "recording on, tables emptied, 12 frames by dwarf",
-        "recording   on\n", "recording   paused\n", "memleak: no complete report after 1 s",
-        "code 2\nreceived_sig 44;addr:0x90\nparameter 0xc0031\n",
-        "addr:0x40\nparameter 0x0\nold\nENDmemleak: not a report: ", "new\nENDprocess ",
-        "its log cannot be read: No such file or directory)", "tracked     no\ncode 1\n"}) {
-    ExpectHas(outcome.output, part);
-  }
+    prlimit --pid $P --nofile=1024:1024
+    $M report $P; tail -c 3 $D/allocations_dump; echo " new"
+    $M send $P --word 0x123456789abc0080; cat log; rm log
+    $M status $P; $M status $$; echo "code $?")");
+  ExpectHas(outcome.output,
+            {"off (never switched on)", "recording on, tables emptied, 12 frames by dwarf",
+             "recording   on\n", "recording   paused\n", "other=1\n#x\n",
+             "memleak: no complete report after 1 s", "code 2\n", "addr:0x90\n",
+             "btsize:12, btType:1", "old\nENDreport ", "END new\n", "addr:0x123456789abc0080",
+             "its log cannot be read: No such file or directory)", "tracked     no\ncode 1\n"});
+}
+
+// Without a handler the signal would end the process. A process that ends is not signaled.
+TEST(Session, ProcessesWithoutTheHandlerAreNotSignaled) {
+  const Outcome outcome = Shell(R"(
+    export L=)" MEMLEAK_TRACKER R"(; python3 -c 'import mmap, os, time
+file = open(os.environ["L"]); map = mmap.mmap(file.fileno(), 4096, prot=1); time.sleep(60)' &
+    P=$!; until grep -q $L /proc/$P/maps; do sleep 0.05; done
+    for i in $P $$ 0; do )" MEMLEAK_PROGRAM R"( on $i; echo "code $?"; done
+    kill $P; wait $P; echo "ended $?"; )" MEMLEAK_PROGRAM R"( on $P; echo "code $?")");
+  ExpectHas(outcome.output, {"does not catch signal 44", "not loaded with the tracker",
+                             "invalid PID '0'", "ended 143", "no such process"});
+  EXPECT_EQ(outcome.output.find("code 0"), std::string::npos) << outcome.output;
+}
+
+// Names are matched without the directory. A library is listed by the name that loaded it.
+TEST(Session, HooksThatAreImpossibleAreExplained) {
+  const TemporaryDirectory directory;
+  const Outcome outcome = WithProgram(directory, "--root root --log log", FIXTURE_HOOK_PROGRAM, R"(
+    H='--kind mmap --lib'; $M libs $P
+    $M on $P $H 'libabsent.so, /x/libtools_hook_plain.so' --unwind dwarf --depth 7; echo "code $?"
+    cat root/properties; $M on $P; echo "native $?"; $M report $P --kind mmap >/dev/null
+    $M on $P $H libtools_hook_plain.so --func mremap
+    for l in libtools_hook_no_plt.so , tools_hook_program; do $M on $P $H $l; done
+    $M on $P --lib liba.so; $M on $P --kind mmap; $M clear $P --kind sea; $M fd off $P
+    $M fd fly $P; $M on $P; $M on $P $H libtools_hook_plain.so; $M fd on $P; grep received log)");
+  ExpectHas(outcome.output,
+            {"libtools_hook_no_plt.so  no-plt       -       -       -  no-plt   ",
+             "libtools_hook_plain.so      yes       -       -       -     yes   other\n",
+             "memleak: libabsent.so is not loaded in ", "memleak: ignoring --unwind dwarf",
+             "): mmap recording on, tables emptied, 7 frames by frame pointers\n",
+             "code 0\nvastel.memleak.backtacemaxnum=7\nvastel.memleak.backtacetype=0\n"
+             "persist.sys.memleak.hookLib=libtools_hook_plain.so\n"
+             "persist.sys.memleak.hookFunc=mmap,munmap\n",
+             "memleak: mmap recording is on in ", "native 2\n",
+             "libtools_hook_plain.so does not import mremap; ",
+             "libtools_hook_no_plt.so has no jump slot for mmap", "--lib names nothing; ",
+             "is the program itself", "--lib and --func are for hooks", "--kind mmap needs --lib",
+             "invalid --kind 'sea' (native, mmap, ion, gpu)\n", "libfdtrack.so is not loaded in ",
+             "invalid ACTION 'fly' (on, off, dump, clear)\n", "memleak: native recording is on in ",
+             "libfdtrack failed"});
 }
 
 // Names of processes, files, libraries and functions can contain any bytes.
@@ -127,8 +189,8 @@ TEST(Output, NamesCannotControlTheTerminal) {
       rest.remove_prefix(character.bytes.size());
     }
   }
-  ExpectHas(outcome.output, " (p\\x1b[1m\\x7f\\xc2\\x9b\\x9b): recording on");
-  ExpectHas(outcome.output, "unknown command: p\\x1b[1m");
+  ExpectHas(outcome.output,
+            {" (p\\x1b[1m\\x7f\\xc2\\x9b\\x9b): recording on", "unknown command: p\\x1b[1m"});
 }
 
 // A user's process may name files that only root can read or write.
@@ -138,31 +200,26 @@ TEST(Session, RootUsesTheRightsOfTheProcessOwner) {
   if (Shell(become + FIXTURE_SLEEPER " </dev/null").code != 7) {
     GTEST_SKIP() << "only root can become another user, who must be able to read the build tree";
   }
-  const Outcome outcome = Shell("cd " + directory.Path("") +
-                                R"(
+  const Outcome outcome =
+      Shell("cd " + directory.Path("") + "; BECOME='" + become +
+            "env LD_PRELOAD=" MEMLEAK_PRELOAD " " FIXTURE_SLEEPER "'; M=" MEMLEAK_PROGRAM R"(
     chmod 755 .; mkdir -m 700 secret; echo secret=1 >secret/properties; mkdir -m 777 users
-    export LD_PRELOAD=)" FIXTURE_LIBDIR R"(/libmemleak_preload.so
     start() {  # ROOT
-      mkfifo fifo; MEMLEAK_TRACKER_ROOT=$1 MEMLEAK_TRACKER_PROPERTIES=$PWD/secret/properties         setpriv --reuid=1234 --regid=1234 --clear-groups )" FIXTURE_SLEEPER
-                                R"( <fifo >out &
-      P=$!; exec 3>fifo; until grep -qs ready out; do sleep 0.02; done
-      LD_PRELOAD= )" MEMLEAK_PROGRAM
-                                R"( on $P --depth 3; echo "code $?"; exec 3>&-; wait $P; rm fifo
+      mkfifo fifo; export MEMLEAK_TRACKER_ROOT=$1 MEMLEAK_TRACKER_PROPERTIES=$PWD/secret/properties
+      $BECOME <fifo >out & P=$!; exec 3>fifo; until grep -qs ready out; do sleep 0.02; done
+      $M on $P --depth 3; echo "code $?"; exec 3>&-; wait $P; rm fifo
     }
     start $PWD/users/root; stat -c %a:%u:%g users/root users/root/*; cat users/root/properties
     start $PWD/secret; cat secret/properties; start $PWD/new)");
   ExpectHas(outcome.output,
-            "code 0\n700:1234:1234\n600:1234:1234\nvastel.memleak.backtacemaxnum=3\n");
-  ExpectHas(outcome.output, "/secret: Permission denied; ");
-  ExpectHas(outcome.output, "code 2\nsecret=1\nmemleak: root directory not writable: ");
-  ExpectHas(outcome.output, "/new: Permission denied; ");
+            {"code 0\n700:1234:1234\n600:1234:1234\nvastel.memleak.backtacemaxnum=3\n",
+             "/secret: Permission denied; ", "/new: Permission denied; ",
+             "code 2\nsecret=1\nmemleak: root directory not writable: "});
 }
 
 TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   const TemporaryDirectory directory;
   const std::string file = directory.Write("file", "");
-  const std::string cut =
-      directory.Write("cut", "Native Heap MemLeak Tracker Version 2.0:\nTotal memory(bytes): 1\n");
   // Programs of another width and machine: changes single bytes of the ELF header.
   Shell("cd " + directory.Path("") + R"(; mkdir -m 777 open; ln -s root link
     for f in narrow riscv setuid; do cp )" FIXTURE_SLEEPER R"( $f; done; chmod u+s setuid
@@ -172,19 +229,13 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
     chmod +x text loop orphan)");
   const std::string program = "run -- " + directory.Path("");
   const std::string sleeper = " -- " FIXTURE_SLEEPER;
-  const std::string run = "run --libdir " FIXTURE_LIBDIR " --root ";
+  const std::string run = "run --root ";
   const std::pair<std::string, const char*> cases[] = {
       {"", "subcommand"},
-      {"fly", "unknown command: fly"},
-      {"on 99999999", "no such process"},
       {"on abc", "invalid PID 'abc' (process id; find it with: "},
-      {"on 1 --depth 0", "invalid --depth '0' (frames, 1 to 65535)"},
-      {"report 1 --timeout -3", "invalid --timeout '-3' ("},
       {"diff a b --fail-over 1.5k", "invalid --fail-over '1.5k' (bytes, such as"},
       {"watch 1 -o x --every 0s", "invalid --every '0s' (at least a second"},
       {"show x --min-size 99999999999g", "invalid --min-size '99999999999g' (bytes"},
-      {"send 1 --word 0x10000000000000000", "invalid --word"},
-      {"run", "no program given"},
       {"run --frobnicate -- ls", "unknown option"},
       {"run -- " FIXTURE_STATIC, "static"},
       {program + "narrow", "32-bit"},
@@ -193,10 +244,8 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
       {program + "text", "not an ELF program"},
       {program + "loop", "too many nested script interpreters"},
       {program + "orphan", "program not found: /no/such/shell"},
-      {program + "open", "not a program"},
       {program + "file", "not executable"},
       {"run -- no-such-program", "not found in PATH"},
-      {"run --libdir /nonexistent" + sleeper, "--libdir"},
       {run + file + sleeper, "root directory not writable"},
       {run + directory.Path("open") + sleeper, "/open: other users may write to it; choose"},
       {run + directory.Path("link") + sleeper, "/link: it is a symbolic link; choose"},
@@ -205,10 +254,8 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
       {run + directory.Path("root") + " --log " + directory.Path("link") + sleeper,
        "/link: it is a symbolic link; name"},
       {"show " + file, "not a report"},
-      {"show " + cut, "truncated"},
   };
   for (const auto& [arguments, part] : cases) ExpectFails(arguments, part);
-  EXPECT_EQ(Memleak("show --partial " + cut).code, 0);
 }
 
 TEST(Output, IsWrittenCompletelyAndNeverOverTheInput) {
@@ -230,7 +277,7 @@ TEST(Output, IsWrittenCompletelyAndNeverOverTheInput) {
             "; chmod 600 old; ln -s old new; " MEMLEAK_PROGRAM
             " export allocations_dump --format json -o new && stat -c %a old && test -L new && ls");
   EXPECT_EQ(written.output, "600\nallocations_dump\nlink\nnew\nold\n");
-  ExpectHas(Shell("cat " + directory.Path("old")).output, "memleak-profile");
+  ExpectHas(Shell("cat " + directory.Path("old")).output, {"memleak-profile"});
   ExpectFails("export " + report + " --format json -o /dev/full", "No space left on device");
 }
 
