@@ -11,7 +11,6 @@
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
-#include "platform/bounds_checked.h"
 #include "protocol/protocol.h"
 #include "records/PointerSet.h"
 #include "records/pause_counts.h"
@@ -386,22 +385,4 @@ void PointerData::RemoveMapping(const void* pointer, std::size_t size) {
   RunUnlessInside([=](bool held) __attribute__((always_inline)) {
     RemoveBlock(pointer, size, {/*is_mapping=*/true, held, /*has_java_native=*/false});
   });
-}
-
-std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
-                                   std::size_t max_frames) {
-  const auto address = reinterpret_cast<std::uint64_t>(pointer);
-  // Intentional: the size of a hooked kind's block is unknown here, so only its smallest size class
-  // is searched.
-  const SetChoice choice = SelectSet(address, ClassSize(pointer, 0));
-  RecordPage* const page = RecordPages::Find(address);
-  if (choice.set == nullptr || page == nullptr) return 0;
-  const PageGuard guard(page, choice.set->pointer_mutex, record_key.Get() == kHoldsStore);
-  if (page->generation() != Generation()) return 0;
-  const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
-  if (record == nullptr || record->backtrace == 0) return 0;
-  const FrameInfoType* const backtrace = backtraces.At(record->backtrace);
-  const std::size_t count = std::min<std::size_t>(backtrace->num_frames, max_frames);
-  const std::size_t bytes = count * sizeof(std::uintptr_t);
-  return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;
 }
