@@ -17,7 +17,7 @@ import hooked_kinds
 LOG = "logcat -s MemLeak.Native"
 
 
-class DeviceSession(hooked_kinds.HookSession):
+class Session(end_to_end.Session):
     def device(self, command, *arguments, code=0):
         """Runs the controller for devices and returns its output. It cannot read the process's
         log."""
@@ -31,13 +31,13 @@ class DeviceSession(hooked_kinds.HookSession):
         time.sleep(0.3)  # the process does not answer commands
         return result.stdout + result.stderr
 
-    def properties(self):
+    def check_property(self, name, value):
         with open(self.root + "/properties") as file:
-            return dict(line.rstrip("\n").split("=", 1) for line in file)
+            assert f"{name}={value}\n" in file.readlines()
 
 
-def heap(session):
-    """Every command for the native heap. Where one is refused, the message says what to do."""
+def commands(session):
+    """Every command. Where one is refused, the message says what to do."""
     shutil.copy(session.bin_dir + "/../lib/libfdtrack_WITH.so", session.root + "/libfdtrack.so")
     os.environ["LD_LIBRARY_PATH"] = session.root
     session.start("--unwind", "fp")
@@ -46,7 +46,7 @@ def heap(session):
     assert "[system properties]" in text and "report      none yet" in text, text
 
     session.device("on", "--depth", 24)
-    assert session.properties()["vastel.memleak.backtacemaxnum"] == "24"
+    session.check_property("vastel.memleak.backtacemaxnum", 24)
     session.step("alloc 30 120")
     session.device("pause")
     session.step("alloc 4 130")
@@ -55,16 +55,26 @@ def heap(session):
     report = session.device("report")
     path = session.root + "/data/log/reliability/allocations_dump"
     assert f"report  {path}\n" in report and f"\nfetch   adb pull {path}\n" in report, report
-    groups = session.groups()
-    assert [end_to_end.kept(groups, s) for s in (120, 130, 140)] == [30, 0, 5]
-    assert "StepAllocate" in session.innermost([g for g in groups if g.size == 120][0])
+    sizes = session.sizes()
+    assert [sizes[s] for s in (120, 130, 140)] == [30, 0, 5]
 
     session.device("send", "--word", "0x10")
     session.step("alloc 6 150")
     session.device("clear")
     session.step("alloc 7 160")
     session.device("report")
-    assert [end_to_end.kept(session.groups(), s) for s in (150, 160)] == [0, 7]
+    sizes = session.sizes()
+    assert [sizes[s] for s in (150, 160)] == [0, 7]
+
+    # Without a log, the slots alone show what can be hooked and what is hooked.
+    library = hooked_kinds.LIBRARY
+    assert library in session.device("libs")
+    on = session.device("on", *hooked_kinds.MMAP)
+    assert "recording on" in on and f"hooked  {library}: " in on, on
+    session.check_property("persist.sys.memleak.hookLib", library)
+    session.step("map 20 65536")
+    session.device("report", "--kind", "mmap")
+    assert session.sizes() == {65536: 20}, session.sizes()
 
     assert "switch it on first" in session.device("fd off", code=2)
     text = session.device("fd on", "--depth", 16)
@@ -74,25 +84,10 @@ def heap(session):
     with open(session.root + "/refused", "w", encoding="utf-8"):
         text = session.device("on", "--depth", 25, code=2)
     assert "vastel.memleak.backtacemaxnum" in text and "as root: setprop" in text, text
-    session.device("on", "--depth", 24)  # has this value already
     for words in ("run", "show"):
         assert "unknown command" in session.device(words, code=2)
     session.quit()
 
 
-def hooks(session):
-    """Without a log, the slots alone show what can be hooked and what is hooked."""
-    session.start_mapper()
-    library = "libend_to_end_mapper.so"
-    assert library in session.device("libs")
-    on = session.device("on", "--kind", "mmap", "--lib", library)
-    assert "recording on" in on and f"hooked  {library}: " in on, on
-    assert session.properties()["persist.sys.memleak.hookLib"] == library
-    session.step("map 20 65536")
-    session.device("report", "--kind", "mmap")
-    assert session.sizes() == {65536: 20}, session.sizes()
-    session.quit()
-
-
 if __name__ == "__main__":
-    end_to_end.main(globals(), DeviceSession)
+    end_to_end.main(globals(), Session)

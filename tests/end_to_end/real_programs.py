@@ -3,7 +3,7 @@
 
 usage: real_programs.py CASE BIN_DIR CONTROLLER [EMULATOR]
 
-MEMLEAK_ARM64_PROGRAMS names unpacked arm64 packages, MEMLEAK_PROTO the schema of pprof files.
+MEMLEAK_ARM64_PROGRAMS names unpacked arm64 packages, if any, MEMLEAK_PROTO the schema of pprof files.
 """
 
 import gzip
@@ -14,7 +14,6 @@ import shutil
 import subprocess
 
 import end_to_end
-import hooked_kinds
 
 PYTHON = """
 import ctypes, sys
@@ -23,15 +22,6 @@ library.RememberSessions.argtypes = [ctypes.c_size_t, ctypes.c_size_t]
 for line in sys.stdin:
     library.RememberSessions(int(line), 1000)
     print("ok", flush=True)
-"""
-
-# Each session refers to itself.
-PERL = """
-$| = 1;
-while (<STDIN>) {
-  for (1 .. $_) { my $session = ["x" x 3000]; push @$session, $session; }
-  print "ok\\n";
-}
 """
 
 # The size of a block that contains a page. sqlite3's other blocks of about a page are smaller.
@@ -62,7 +52,7 @@ class Document:
         return [g for g in self.groups if named.intersection(g["stack"])]
 
 
-class Session(hooked_kinds.HookSession):
+class Session(end_to_end.Session):
     options = ()  # where to find symbols
 
     def take(self, name, *options):
@@ -83,24 +73,18 @@ class Session(hooked_kinds.HookSession):
                                             document.totals["listedBytes"])
         blocks, held = figures(document.through(function))
         assert 1 <= held / 1024 < 1024, "shown in KiB"
-        row = re.escape(f"{held / 1024:.1f} KiB")
-        rows = {
-            "group": fr"#1 +{row} .*  {blocks:,} blocks of ",
-            "library": r".*",
-            "function": fr" *{row} +\S+ % .* {blocks:,}  {function}",
-            "tree": fr" *{row} +\S+ % +{function}",
-            "callers": fr" *{row} +\S+ % +{function}"}
-        if len(document.through(function)) > 1:  # several call paths or sizes
-            del rows["group"], rows["tree"], rows["callers"]
         for view in ("group", "library", "function", "tree", "callers"):
             text = self.read("show", report, "--by", view, "--top", 0)
             assert f"({document.totals['bytes']:,} bytes) in {document.totals['groups']} " in text
             assert "Not shown: nothing\n" in text, text
-            assert re.search("^" + rows.get(view, ".*"), text, re.M), f"{rows[view]} in {text}"
             if view == "group":
                 counts = re.findall(r"^#\d+ .*  ([\d,]+) block", text, re.M)
                 assert len(counts) == document.totals["listedGroups"]
                 assert sum(int(c.replace(",", "")) for c in counts) == document.totals["blocks"]
+            elif view == "function":
+                assert re.search(fr"^ *{held / 1024:.1f} KiB .* {blocks:,}  {function}", text, re.M)
+            elif view != "library":
+                assert function in text
 
     def check_exports(self, report, document, function):
         """The exports for other programs have the same sums."""
@@ -165,10 +149,6 @@ class Session(hooked_kinds.HookSession):
         return document, self.check_growth(old, new, function)
 
 
-def grew(group):
-    return (group["before"]["count"], group["count"], group["total"] - group["before"]["total"])
-
-
 def python(session):
     """A leaking library, called through ctypes. python3.11 is loaded at a fixed low address."""
     library = f"{session.bin_dir}/../lib/libend_to_end_leaks.so"
@@ -180,26 +160,11 @@ def python(session):
     new = session.take("new")
     document, changed = session.check(old, new, "RememberSessions")
     group, = changed
-    assert grew(group) == (512, 768, 256000), group
+    assert (group["before"]["count"], group["count"]) == (512, 768), group
     frames = [document.all["frames"][i] for i in document.through("RememberSessions")[0]["stack"]]
     assert frames[0]["file"].endswith("leaks.cpp") and frames[0]["line"] > 0, frames[0]
     assert {"ffi_call", "Py_BytesMain"} <= {f["function"] for f in frames}, frames
-    session.process.stdin.close()
-    assert session.process.wait(60) == 0
-
-
-def perl(session):
-    """Lists that refer to themselves. Each has its own text."""
-    session.start_program("/usr/bin/perl", "-e", PERL, options=("--start", "--depth", "60"))
-    session.step("100")
-    old = session.take("old", "--keep-recording")
-    session.step("200")
-    new = session.take("new")
-    _, changed = session.check(old, new, "Perl_pp_anonlist")
-    texts, = [g for g in changed if 3000 < g["size"] <= 3016]
-    assert grew(texts) == (100, 300, 200 * texts["size"]), texts
-    session.process.stdin.close()
-    assert session.process.wait(60) == 0
+    session.close()
 
 
 def database(session):
@@ -218,8 +183,7 @@ def database(session):
         session.process.stdin.write(SQL[1])
         pages.append(int(session.answer()))
         reports.append(session.take(name, *options))
-    session.process.stdin.close()
-    assert session.process.wait(60) == 0
+    session.close()
     if device:
         sysroot = session.root + "/sysroot"
         os.renames(programs, sysroot + programs)

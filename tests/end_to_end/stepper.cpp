@@ -1,81 +1,128 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program that reads one command per line from standard input and answers "ok":
-//   alloc COUNT SIZE   allocates blocks
-//   free COUNT         frees the newest blocks
-//   churn THREADS MS   threads allocate and free blocks, then "ok"
-//   fork FIFO          a child reads commands from FIFO; answers the child's process id
+// A program that reads one command per line from standard input and answers "ok" if it succeeds:
+//   alloc COUNT SIZE, free COUNT    allocates blocks; frees the newest blocks
+//   map COUNT SIZE, unmap COUNT     anonymous mappings, of libend_to_end_mapper.so
+//   ion COUNT SIZE                  DMA-heap buffers, of libdmabufheap.so
+//   gpu COUNT SIZE, gpufree COUNT   GPU buffers, of libgsl.so
+//   churn THREADS MS                threads allocate and free blocks
+//   fork FIFO                       a child reads commands from FIFO; answers its process id too
 //   quit
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
-extern "C" int fork_handlers_linked();
+extern "C" {
+int fork_handlers_linked();
+void* MapOne(std::size_t size);
+int UnmapOne(void* mapping, std::size_t size);
+int HeapRequest(int descriptor, unsigned long request, void* argument);
+int GpuRequest(int descriptor, unsigned long request, void* argument);
 
 /// The only function that allocates for "alloc". Tests look for its name. The barrier keeps it on
 /// the stack.
-extern "C" __attribute__((noinline, visibility("default"))) void* StepAllocate(std::size_t size) {
+__attribute__((noinline, visibility("default"))) void* StepAllocate(std::size_t size) {
   void* block = std::malloc(size);
   __asm__ volatile("" : "+r"(block) : : "memory");
   return block;  // NOLINT(clang-analyzer-unix.Malloc): the caller keeps it
 }
 
+/// The fake device. The libraries find this function before the C library's.
+__attribute__((visibility("default"))) int ioctl(int /*descriptor*/, unsigned long /*request*/,
+                                                 ...) noexcept {
+  return 0;
+}
+}
+
 namespace {
+
+/// A request to a device. A DMA heap has its size at the start, a GPU has address and size there.
+struct Buffer {
+  std::uint64_t words[6];
+};
+struct Mapping {
+  void* address;
+  std::size_t size;
+};
+
+void* blocks[1 << 17];
+Mapping mappings[4096];
+Buffer heap_buffers[4096];
+Buffer gpu_buffers[4096];
+unsigned allocated = 0;
+unsigned mapped = 0;
+unsigned heaps = 0;
+unsigned gpus = 0;
 
 void Churn(unsigned threads, unsigned milliseconds) {
   std::vector<std::thread> workers;
   for (unsigned t = 0; t < threads; ++t) {
     workers.emplace_back([=] {
       const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-      void* blocks[64] = {};
+      void* kept[64] = {};
       for (unsigned i = t; std::chrono::steady_clock::now() < end; ++i) {
-        void*& block = blocks[i * 2654435761U >> 26];
+        void*& block = kept[i * 2654435761U >> 26];
         std::free(block);
         block = StepAllocate(16 + i % 300);
         if (i % 16 == 0) block = std::realloc(block, 700);
       }
-      for (void* block : blocks) std::free(block);
+      for (void* block : kept) std::free(block);
     });
   }
   for (std::thread& worker : workers) worker.join();
 }
 
+/// One step of a command that repeats. Returns whether the command exists and succeeds.
+bool Step(const std::string& verb, std::size_t size) {
+  if (verb == "alloc") return (blocks[allocated++] = StepAllocate(size)) != nullptr;
+  if (verb == "free") return std::free(blocks[--allocated]), true;
+  if (verb == "map") {
+    mappings[mapped++] = {MapOne(size), size};
+    return mappings[mapped - 1].address != MAP_FAILED;
+  }
+  if (verb == "unmap")
+    return --mapped, UnmapOne(mappings[mapped].address, mappings[mapped].size) == 0;
+  if (verb == "ion") return HeapRequest(3, 0xC0184800, &(heap_buffers[heaps++] = {{size}})) == 0;
+  if (verb == "gpu")
+    return GpuRequest(3, 0xC0300945, &(gpu_buffers[gpus++] = {{0xA000, size}})) == 0;
+  return verb == "gpufree" && GpuRequest(3, 0x40200946, &gpu_buffers[--gpus]) == 0;
+}
+
 }  // namespace
 
 int main() {
-  static void* blocks[1 << 17];
-  std::size_t count = 0;
   if (fork_handlers_linked() == 0) return 1;
   std::FILE* input = stdin;
   char line[512];
   while (std::fgets(line, sizeof line, input) != nullptr) {
-    unsigned first = 0;
-    unsigned second = 0;
-    char path[400];
-    if (std::sscanf(line, "alloc %u %u", &first, &second) == 2) {
-      for (unsigned i = 0; i < first; ++i) blocks[count++] = StepAllocate(second);
-    } else if (std::sscanf(line, "free %u", &first) == 1) {
-      for (unsigned i = 0; i < first; ++i) std::free(blocks[--count]);
-    } else if (std::sscanf(line, "churn %u %u", &first, &second) == 2) {
-      Churn(first, second);
-    } else if (std::sscanf(line, "fork %399s", path) == 1) {
+    char verb[16] = {};
+    char path[400] = {};
+    unsigned count = 0;
+    unsigned size = 0;
+    bool good = true;
+    if (std::sscanf(line, "fork %399s", path) == 1) {
       const pid_t child = fork();
-      if (child != 0) {
-        std::printf("%d\n", child);
-      } else {
+      if (child == 0) {
         input = std::fopen(path, "r");
         if (input == nullptr) return 1;
         continue;
       }
-    } else {
+      std::printf("%d\n", child);
+    } else if (std::sscanf(line, "%15s %u %u", verb, &count, &size) < 2) {
       break;
+    } else if (std::string(verb) == "churn") {
+      Churn(count, size);
+    } else {
+      for (unsigned i = 0; i < count; ++i) good = Step(verb, size) && good;
     }
-    std::puts("ok");
+    std::puts(good ? "ok" : "wrong");
     std::fflush(stdout);
   }
   while (wait(nullptr) > 0) {
