@@ -12,6 +12,10 @@ std::size_t BacktraceGet(std::uint64_t* frames, std::size_t max_frames,
   frame_data = script.java_frames;
   return count;
 }
+// The linker redirects the library's calls here.
+extern "C" std::time_t __wrap_time(std::time_t* /*result*/) {
+  return fake_time;
+}
 extern "C" int __system_property_get(const char* /*name*/, char* value) {
   return static_cast<int>(fake_property.copy(value, PROP_VALUE_MAX - 1));
 }

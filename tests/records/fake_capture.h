@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,6 +29,8 @@ inline Script& CurrentScript() {
   return script;
 }
 inline std::string fake_property;
+/// What time() returns.
+inline std::time_t fake_time = 0;
 
 /// A store with empty tables, with recording on.
 class RecordStoreTest : public ::testing::Test {

@@ -14,8 +14,6 @@ namespace {
 
 using Pcs = std::vector<std::uint64_t>;
 
-std::time_t fake_time = 0;
-
 struct Model {
   struct Backtrace {
     std::uint64_t references = 0;
@@ -77,15 +75,6 @@ struct Model {
     for (Set& set : sets) set = {};
   }
 };
-
-}  // namespace
-
-// The linker redirects the store's calls here.
-extern "C" std::time_t __wrap_time(std::time_t* /*result*/) {
-  return fake_time;
-}
-
-namespace {
 
 class StoreModelTest : public RecordStoreTest {
  protected:
