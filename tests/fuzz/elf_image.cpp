@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
 
 namespace fuzz {
 
@@ -23,17 +22,8 @@ std::uint64_t PageStart(std::uint64_t address) {
   return address & ~(page_bytes - 1);
 }
 
-std::uint64_t PageEnd(std::uint64_t address) {
-  return PageStart(address + page_bytes - 1);
-}
-
-/// Lets the kernel read the bytes and, if `write` is set, write them. The sanitizers do not check
-/// this.
-bool KernelCan(bool write, const void* address, std::size_t bytes) {
-  static const MemoryFile file;
-  const auto count = static_cast<long>(bytes);
-  return syscall(SYS_pwrite64, file.Number(), address, bytes, 0L) == count &&
-         (!write || syscall(SYS_pread64, file.Number(), address, bytes, 0L) == count);
+std::uint64_t PageEnd(const Elf64_Phdr& segment) {
+  return PageStart(segment.p_vaddr + segment.p_memsz + page_bytes - 1);
 }
 
 }  // namespace
@@ -46,22 +36,21 @@ ElfImage::ElfImage(const std::uint8_t* data, std::size_t size) : data_(data), si
     return;
   }
   headers_offset_ = file.e_phoff;
-  for (std::size_t index = 0; index < file.e_phnum; ++index) {
-    Elf64_Phdr header{};
-    if (!Read(headers_offset_ + index * sizeof(header), header)) {
-      headers_.clear();
-      return;
-    }
-    headers_.push_back(header);
+  headers_.resize(file.e_phnum);
+  for (std::size_t index = 0; index < headers_.size(); ++index) {
+    if (Read(headers_offset_ + index * sizeof(Elf64_Phdr), headers_[index])) continue;
+    headers_.clear();
+    return;
   }
-  const auto found = std::find_if(headers_.begin(), headers_.end(),
-                                  [](const auto& header) { return header.p_type == PT_DYNAMIC; });
-  if (found == headers_.end()) return;
-  dynamic_header_ = *found;
-  Elf64_Dyn entry{};
-  while (Read(dynamic_offset() + dynamic_.size() * sizeof(entry), entry) &&
-         entry.d_tag != DT_NULL) {
-    dynamic_.push_back(entry);
+  for (const Elf64_Phdr& header : headers_) {
+    if (header.p_type != PT_DYNAMIC) continue;
+    dynamic_offset_ = header.p_offset;
+    Elf64_Dyn entry{};
+    for (std::size_t at = dynamic_offset_; Read(at, entry) && entry.d_tag != DT_NULL;
+         at += sizeof(entry)) {
+      dynamic_.push_back(entry);
+    }
+    return;
   }
 }
 
@@ -78,18 +67,19 @@ std::uint64_t ElfImage::Value(std::int64_t tag) const {
   return 0;
 }
 
-std::size_t ElfImage::FileOffset(std::uint64_t address) const {
+std::size_t ElfImage::TableOffset(std::int64_t tag) const {
   for (const Elf64_Phdr& header : headers_) {
-    if (header.p_type != PT_LOAD || address - header.p_vaddr >= header.p_filesz) continue;
-    return std::min<std::size_t>(header.p_offset + (address - header.p_vaddr), size_);
+    const std::uint64_t offset = Value(tag) - header.p_vaddr;
+    if (header.p_type != PT_LOAD || offset >= header.p_filesz) continue;
+    return std::min<std::size_t>(header.p_offset + offset, size_);
   }
   return size_;
 }
 
 std::vector<const char*> ElfImage::SymbolNames(std::size_t most) const {
   std::vector<const char*> names;
-  const std::size_t strings = FileOffset(Value(DT_STRTAB));
-  std::size_t at = FileOffset(Value(DT_SYMTAB));
+  const std::size_t strings = TableOffset(DT_STRTAB);
+  std::size_t at = TableOffset(DT_SYMTAB);
   Elf64_Sym symbol{};
   while (names.size() < most && at < strings && Read(at += sizeof(symbol), symbol)) {
     const std::size_t name = strings + symbol.st_name;
@@ -113,7 +103,7 @@ bool ElfImage::Acceptable() {
       return false;
     }
     first_page_ = std::min(first_page_, PageStart(segment.p_vaddr));
-    end = std::max(end, PageEnd(segment.p_vaddr + segment.p_memsz));
+    end = std::max(end, PageEnd(segment));
   }
   span_ = end - first_page_;
   return end > first_page_ && span_ <= kMaxBytes;
@@ -125,68 +115,42 @@ bool ElfImage::Load() {
                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   Require(all != MAP_FAILED, "there is room for a library");
   memory_ = static_cast<std::uint8_t*>(all) + kGuardBytes;
-  const auto is_mapped = [](const Elf64_Phdr& segment) {
-    return segment.p_type == PT_LOAD && segment.p_memsz != 0;
-  };
-  for (const Elf64_Phdr& segment : headers_) {
-    if (is_mapped(segment)) Map(segment);
-  }
-  // Poisons the bytes that page protection cannot cover.
-  ASAN_POISON_MEMORY_REGION(memory_, span_);
-  for (const Elf64_Phdr& segment : headers_) {
-    if (is_mapped(segment) && (segment.p_flags & PF_R) != 0) {
-      ASAN_UNPOISON_MEMORY_REGION(At(segment.p_vaddr), segment.p_memsz);
-    }
-  }
   info_.dlpi_addr = reinterpret_cast<std::uint64_t>(memory_) - first_page_;
   info_.dlpi_name = "libfuzzed.so";
   info_.dlpi_phdr = headers_.data();
   info_.dlpi_phnum = static_cast<Elf64_Half>(headers_.size());
+  for (const Elf64_Phdr& segment : headers_) {
+    if (segment.p_type == PT_LOAD && segment.p_memsz != 0) Map(segment);
+  }
+  // Poisons the bytes that page protection cannot cover.
+  ASAN_POISON_MEMORY_REGION(memory_, span_);
+  for (const Elf64_Phdr& segment : headers_) {
+    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) == 0) continue;
+    ASAN_UNPOISON_MEMORY_REGION(reinterpret_cast<void*>(info_.dlpi_addr + segment.p_vaddr),
+                                segment.p_memsz);
+  }
   return true;
 }
 
 void ElfImage::Map(const Elf64_Phdr& segment) const {
-  std::uint8_t* start = At(PageStart(segment.p_vaddr));
-  const std::size_t bytes = PageEnd(segment.p_vaddr + segment.p_memsz) - PageStart(segment.p_vaddr);
+  std::uint8_t* const start = memory_ + (PageStart(segment.p_vaddr) - first_page_);
+  const std::size_t bytes = PageEnd(segment) - PageStart(segment.p_vaddr);
   Require(mmap(start, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1,
                0) == start,
           "a segment is mapped");
-  std::memcpy(At(segment.p_vaddr), data_ + segment.p_offset, segment.p_filesz);
-  int protection = (segment.p_flags & PF_R) != 0 ? PROT_READ : PROT_NONE;
-  if (protection != PROT_NONE && (segment.p_flags & PF_W) != 0) protection |= PROT_WRITE;
-  Require(mprotect(start, bytes, protection) == 0, "a segment is protected");
+  std::memcpy(memory_ + (segment.p_vaddr - first_page_), data_ + segment.p_offset,
+              segment.p_filesz);
+  Require(mprotect(start, bytes, (segment.p_flags & PF_R) != 0 ? PROT_READ : PROT_NONE) == 0,
+          "a segment is protected");
 }
 
 bool ElfImage::Readable(const void* address, std::size_t bytes) const {
+  static const MemoryFile file;
   const std::uint64_t offset =
       reinterpret_cast<std::uint64_t>(address) - reinterpret_cast<std::uint64_t>(memory_);
-  return offset < span_ && bytes <= span_ - offset && KernelCan(false, address, bytes);
-}
-
-bool ElfImage::Writable(std::uint64_t address, std::size_t bytes) const {
-  return std::any_of(headers_.begin(), headers_.end(), [&](const Elf64_Phdr& segment) {
-    const std::uint64_t offset = address - segment.p_vaddr;
-    return segment.p_type == PT_LOAD && (segment.p_flags & (PF_R | PF_W)) == (PF_R | PF_W) &&
-           offset < segment.p_memsz && segment.p_memsz - offset >= bytes &&
-           KernelCan(true, At(address), bytes);
-  });
-}
-
-void ElfImage::RelocateDynamicSection() {
-  // glibc uses the last of several entries with one tag.
-  std::map<std::int64_t, Elf64_Dyn*> last;
-  for (std::uint64_t address = dynamic_header_.p_vaddr;
-       address % alignof(Elf64_Dyn) == 0 && Writable(address, sizeof(Elf64_Dyn));
-       address += sizeof(Elf64_Dyn)) {
-    auto* entry = reinterpret_cast<Elf64_Dyn*>(At(address));
-    if (entry->d_tag == DT_NULL) break;
-    last[entry->d_tag] = entry;
-  }
-  for (const std::int64_t tag : {DT_HASH, DT_PLTGOT, DT_STRTAB, DT_SYMTAB, DT_RELA, DT_REL,
-                                 DT_JMPREL, DT_VERSYM, DT_GNU_HASH}) {
-    const auto found = last.find(tag);
-    if (found != last.end()) found->second->d_un.d_ptr += info_.dlpi_addr;
-  }
+  // The sanitizers do not check what the kernel reads.
+  return offset < span_ && bytes <= span_ - offset &&
+         syscall(SYS_pwrite64, file.Number(), address, bytes, 0L) == static_cast<long>(bytes);
 }
 
 }  // namespace fuzz

@@ -28,11 +28,12 @@ class ElfImage {
   std::size_t headers_offset() const { return headers_offset_; }
   /// The entries before DT_NULL.
   const std::vector<Elf64_Dyn>& dynamic() const { return dynamic_; }
-  std::size_t dynamic_offset() const { return dynamic_header_.p_offset; }
+  std::size_t dynamic_offset() const { return dynamic_offset_; }
   /// The value of the first entry with this tag; 0 without one.
   std::uint64_t Value(std::int64_t tag) const;
-  /// The file offset of the byte at this address; the file's size if the file does not contain it.
-  std::size_t FileOffset(std::uint64_t address) const;
+  /// The file offset of the table whose address this entry has; the file's size if the file does
+  /// not contain it.
+  std::size_t TableOffset(std::int64_t tag) const;
   /// The names of the first symbols, at most `most`. Skips names that do not end in the file.
   std::vector<const char*> SymbolNames(std::size_t most) const;
 
@@ -43,10 +44,8 @@ class ElfImage {
   /// file, or wrong alignment.
   bool Load();
   const dl_phdr_info& info() const { return info_; }
-  /// Whether all of `bytes` bytes at `address` belong to the loaded object and are readable.
+  /// Whether the kernel can read `bytes` bytes at `address`, inside the loaded object.
   bool Readable(const void* address, std::size_t bytes) const;
-  /// Makes the addresses in the dynamic section absolute, as glibc does if the section is writable.
-  void RelocateDynamicSection();
 
  private:
   template <typename T>
@@ -57,15 +56,13 @@ class ElfImage {
   }
   bool Acceptable();
   void Map(const Elf64_Phdr& segment) const;
-  bool Writable(std::uint64_t address, std::size_t bytes) const;
-  std::uint8_t* At(std::uint64_t address) const { return memory_ + (address - first_page_); }
 
   const std::uint8_t* data_;
   std::size_t size_;
   std::vector<Elf64_Phdr> headers_;
   std::size_t headers_offset_ = 0;
-  Elf64_Phdr dynamic_header_{};
   std::vector<Elf64_Dyn> dynamic_;
+  std::size_t dynamic_offset_ = 0;
   dl_phdr_info info_{};
   std::uint64_t first_page_ = 0;
   std::size_t span_ = 0;  // bytes between the guard pages

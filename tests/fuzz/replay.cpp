@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -28,8 +29,6 @@ std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::s
 /// Replaces libFuzzer's function for the targets' own mutators. Changes some of the `size` bytes at
 /// `data` but never their number, although `most` bytes fit.
 std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
-/// A function of the sanitizers, if the build has any.
-void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 }
 
 namespace {
@@ -41,14 +40,10 @@ constexpr unsigned int kMutations = 300;
 std::mt19937 random_numbers;                 // default seed: the same numbers everywhere
 std::array<char, 512> input_name{"none\n"};  // read by the handler
 
-void SayInput() {
+/// Restores the signal's default action, which ends the process when the instruction runs again.
+void SayInput(int number) {
   const ssize_t written = write(STDERR_FILENO, input_name.data(), std::strlen(input_name.data()));
   static_cast<void>(written);
-}
-
-/// Restores the signal's default action, which ends the process when the instruction runs again.
-void SayInputAndReturn(int number) {
-  SayInput();
   signal(number, SIG_DFL);
 }
 
@@ -66,33 +61,22 @@ void Mutate(Bytes& input, unsigned int round) {
   if (Below(8) == 0) input.resize(Below(input.size()) + 1);
 }
 
-std::vector<std::string> Files() {
-  std::vector<std::string> files;
-  for (const auto& entry : std::filesystem::directory_iterator(FUZZ_CORPUS)) {
-    files.push_back(entry.path());
-  }
-  std::sort(files.begin(), files.end());
-  std::istringstream more(FUZZ_MORE);
-  for (std::string file; std::getline(more, file, ':');) files.push_back(file);
-  return files;
-}
-
-Bytes Contents(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 TEST(Replay, CorpusAndItsMutations) {
-  signal(SIGABRT, SayInputAndReturn);
-  if (__sanitizer_set_death_callback != nullptr) {
-    __sanitizer_set_death_callback(SayInput);
-  } else {
-    for (const int number : {SIGSEGV, SIGBUS, SIGFPE}) signal(number, SayInputAndReturn);
+  // AddressSanitizer prints its findings first, and then aborts.
+  signal(SIGABRT, SayInput);
+#if !defined(__SANITIZE_ADDRESS__)
+  for (const int number : {SIGSEGV, SIGBUS, SIGFPE}) signal(number, SayInput);
+#endif
+  std::set<std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(FUZZ_CORPUS)) {
+    files.insert(entry.path());
   }
-  const std::vector<std::string> files = Files();
+  std::istringstream more(FUZZ_MORE);
+  for (std::string file; std::getline(more, file, ':');) files.insert(file);
   ASSERT_FALSE(files.empty());
   for (const std::string& file : files) {
-    const Bytes seed = Contents(file);
+    std::ifstream contents(file, std::ios::binary);
+    const Bytes seed{std::istreambuf_iterator<char>(contents), {}};
     ASSERT_FALSE(seed.empty()) << file;
     Bytes input = seed;
     // The unchanged seed, then short chains of mutations.
