@@ -38,7 +38,7 @@ class Session(end_to_end.Session):
 
 def commands(session):
     """Every command. Where one is refused, the message says what to do."""
-    shutil.copy(session.bin_dir + "/../lib/libfdtrack_WITH.so", session.root + "/libfdtrack.so")
+    shutil.copy(session.bin_dir + "/../lib/libfdtrack_fixture.so", session.root + "/libfdtrack.so")
     os.environ["LD_LIBRARY_PATH"] = session.root
     session.start("--unwind", "fp")
     text = session.device("status")

@@ -14,10 +14,8 @@ void EnableFdHook(std::uint32_t size, std::uint32_t type) {
 void DisableFdHook() {
   std::strcat(fdtrack_calls, "disable ");
 }
-#ifdef WITH_DUMP
 void DumpFdleakStackToFile() {
   std::strcat(fdtrack_calls, "dump ");
 }
-#endif
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -40,37 +41,16 @@ constexpr std::size_t kTwoGiB = std::size_t{1} << 31;
 constexpr std::uint32_t kParameter = 0x00200041;  // depth 32, type 'A'
 
 int device_result = 0;
-/// The thread's latest call of the C library's allocator.
-thread_local std::string forwarded;
-
-template <typename... Numbers>
-void Note(const char* name, Numbers... numbers) {
-  std::ostringstream text;
-  text << name;
-  ((text << ' ' << numbers), ...);
-  forwarded = text.str();
-}
 
 const MallocDispatch& Dispatch() {
   static MallocDispatch table = {};
-  table.malloc = [](std::size_t size) { return Note("malloc", size), std::malloc(size); };
-  table.free = [](void* block) { Note("free"), std::free(block); };
-  table.calloc = [](std::size_t count, std::size_t size) {
-    return Note("calloc", count, size), std::calloc(count, size);
-  };
-  table.realloc = [](void* block, std::size_t size) {
-    return Note("realloc", size), std::realloc(block, size);
-  };
-  table.memalign = [](std::size_t alignment, std::size_t size) {
-    return Note("memalign", alignment, size), memalign(alignment, size);
-  };
-  table.aligned_alloc = [](std::size_t alignment, std::size_t size) {
-    return Note("aligned_alloc", alignment, size), memalign(alignment, size);
-  };
-  table.posix_memalign = [](void** result, std::size_t alignment, std::size_t size) {
-    *result = memalign(alignment, size);
-    return Note("posix_memalign", alignment, size), 0;
-  };
+  table.malloc = std::malloc;
+  table.free = std::free;
+  table.calloc = std::calloc;
+  table.realloc = std::realloc;
+  table.memalign = memalign;
+  table.aligned_alloc = memalign;  // AddressSanitizer refuses sizes that are no multiple
+  table.posix_memalign = posix_memalign;
   table.malloc_usable_size = [](const void* block) {
     return malloc_usable_size(const_cast<void*>(block));
   };
@@ -162,18 +142,24 @@ bool IsRecorded(void* block) {
 
 TEST_F(TrackerTest, EntriesMatchTheModel) {
   constexpr std::size_t kSizes[] = {0, 1, 40, 100, 5000, kTwoGiB - 1, kTwoGiB, SIZE_MAX / 2};
-  std::vector<std::pair<void*, std::size_t>> blocks;  // the size as recorded; 0: not recorded
+  constexpr std::size_t kFilled = 64;  // bytes at the start of a block
+  struct Block {
+    char* address;
+    std::size_t size;
+    std::size_t recorded;  // the size in the record; 0: not recorded
+  };
+  std::vector<Block> blocks;
   std::size_t refused = 0;
   for (int step = 0; step < 3000 && !HasFailure(); ++step) {
     const bool recording = step % 1000 < 800;
     EXPECT_EQ(track_malloc_info(1, nullptr), step % 1000 == 0 || step % 1000 > 800 ? 101 : 0);
     if (step % 1000 == 0) {
-      for (auto& [block, size] : blocks) size = 0;
+      for (Block& block : blocks) block.recorded = 0;
       Send(0x90);
     } else if (step % 1000 == 800) {
       Sizes expected;
-      for (const auto& [block, size] : blocks) {
-        if (kHasStacks && size != 0) ++expected[size];
+      for (const Block& block : blocks) {
+        if (kHasStacks && block.recorded != 0) ++expected[block.recorded];
       }
       Send(0x20);
       EXPECT_EQ(Report(0x40), expected);
@@ -182,73 +168,63 @@ TEST_F(TrackerTest, EntriesMatchTheModel) {
     std::size_t size = kSizes[Random(entry == 1 ? 5 : 8)];
     // Blocks of 2 GiB are not really allocated.
     if (!recording || size == kTwoGiB - 1) size = std::min<std::size_t>(size, 5000);
-    const std::size_t alignment = std::size_t{8} << Random(4);
-    const std::size_t used_alignment = alignment + (recording && Random(8) == 0 ? 8 : 0);
-    const bool odd = (used_alignment & (used_alignment - 1)) != 0;
-    const std::string asked = std::to_string(recording ? std::max<std::size_t>(size, 1) : size);
-    const std::string aligned = ' ' + std::to_string(used_alignment) + ' ' + asked;
+    const bool odd = (entry == 3 || entry == 4) && recording && Random(8) == 0;
+    const std::size_t power = std::size_t{8} << Random(4);
+    const std::size_t alignment = power + (odd ? 8 * (power == 8 ? 2 : 1) : 0);
+    const int error = odd ? EINVAL : size >= kTwoGiB ? ENOMEM : 0;
     void* block = nullptr;
-    std::string expected;
-    int error = size >= kTwoGiB ? ENOMEM : 0;
-    forwarded.clear();
+    Block old = {};
     errno = 0;
     if (entry == 0) {
       block = track_malloc(size);
-      expected = "malloc " + asked;
     } else if (entry == 1) {
       block = track_calloc(size, 3);
-      const std::size_t bytes = std::max<std::size_t>(size * 3, 1);
-      expected = recording ? "calloc 1 " + std::to_string(bytes) : "calloc " + asked + " 3";
-      size = bytes;
+      size *= 3;
     } else if (entry == 2) {
       block = track_memalign(alignment, size);
-      expected = "memalign " + std::to_string(alignment) + ' ' + asked;
     } else if (entry == 3) {
-      block = track_aligned_alloc(used_alignment, size);
-      expected = (recording ? "memalign" : "aligned_alloc") + aligned;
-      if (odd) error = EINVAL;
+      block = track_aligned_alloc(alignment, size);
     } else if (entry == 4) {
-      const int result = track_posix_memalign(&block, used_alignment, size);
-      expected = (recording ? "memalign" : "posix_memalign") + aligned;
-      if (odd) error = EINVAL;
-      EXPECT_EQ(result, error);
+      EXPECT_EQ(track_posix_memalign(&block, alignment, size), error);
       EXPECT_EQ(std::exchange(errno, error), 0);
-    } else if (blocks.empty()) {
-      continue;
-    } else {
+    } else if (!blocks.empty() && (entry > 6 || size != 0 || recording)) {
       const std::size_t index = static_cast<std::size_t>(Random(static_cast<int>(blocks.size())));
-      auto& [old, old_size] = blocks[index];
-      EXPECT_TRUE(!recording || IsRecorded(old) == (kHasStacks && old_size != 0));
-      const bool frees = entry > 6 || (recording && size == 0);
+      old = blocks[index];
+      EXPECT_TRUE(!recording || IsRecorded(old.address) == (kHasStacks && old.recorded != 0));
       if (entry > 6) {
-        track_free(old);
-      } else if (size == 0 && !recording) {
-        continue;  // the C library decides
+        track_free(old.address);
       } else {
-        block = track_realloc(old, size);
+        block = track_realloc(old.address, size);
       }
-      if (frees || error == 0) {
-        EXPECT_EQ(forwarded, frees ? "free" : "realloc " + std::to_string(size));
-        blocks.erase(blocks.begin() + static_cast<std::ptrdiff_t>(index));
-        if (frees) {
-          EXPECT_EQ(block, nullptr);
-          continue;
-        }
-        expected = forwarded;
+      const bool freed = entry > 6 || size == 0;
+      if (freed || error == 0) blocks.erase(blocks.begin() + static_cast<std::ptrdiff_t>(index));
+      if (freed) {
+        EXPECT_EQ(block, nullptr);
+        continue;
       }
+    } else {
+      continue;
     }
     EXPECT_EQ(errno, error);
     EXPECT_EQ(block == nullptr, error != 0);
-    EXPECT_EQ(forwarded, error == 0 ? expected : "") << step;
     if (block == nullptr) {
       ++refused;
       continue;
     }
+    EXPECT_GE(malloc_usable_size(block), size);
+    if (entry >= 2 && entry <= 4) {
+      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0U);
+    }
+    char* const bytes = static_cast<char*>(block);
+    EXPECT_TRUE(entry != 1 || std::string(bytes, size) == std::string(size, '\0'));
+    const std::size_t kept = std::min({size, old.size, kFilled});
+    EXPECT_EQ(std::string(bytes, kept), std::string(kept, 'x'));
+    std::fill_n(bytes, std::min(size, kFilled), 'x');
     EXPECT_TRUE(!recording || IsRecorded(block) == kHasStacks);
-    blocks.emplace_back(block, recording ? std::max<std::size_t>(size, 1) : 0);
+    blocks.push_back({bytes, size, recording ? std::max<std::size_t>(size, 1) : 0});
   }
   EXPECT_GT(refused, 100U);
-  for (const auto& [block, size] : blocks) std::free(block);
+  for (const Block& block : blocks) std::free(block.address);
 }
 
 TEST_F(TrackerTest, HookedKindsMatchTheModel) {
@@ -321,9 +297,8 @@ TEST_F(TrackerTest, HookedKindsMatchTheModel) {
   }
 }
 
-std::string order;
-
 TEST_F(TrackerTest, CommandsRunInOrderAndSomeEndTheSignal) {
+  static std::string order;
   EXPECT_FALSE(RegistryAllocateTracker(2, nullptr));
   EXPECT_FALSE(RegistryAllocateTracker(6, [] {}));
   EXPECT_TRUE(RegistryAllocateTracker(4, [] { errno = EBADF, order += "4 "; }));
@@ -343,26 +318,13 @@ TEST_F(TrackerTest, CommandsRunInOrderAndSomeEndTheSignal) {
     EXPECT_EQ(text, logged) << std::hex << word;
   };
   logs(0xB0, on + ",I set hook to:false,I native clear");
-  logs(0x8A0, "I set hook to:false,I native clear,I mmap clear");
-  logs(0xA000, "I set ionhook to:false,I ion clear");
   // Without targets nothing is hooked, and the later commands are not executed.
   logs(0x1300, "");
-  directory_.Write("properties",
-                   "persist.sys.memleak.hookLib=libc.so,libm.so\n"
-                   "persist.sys.memleak.hookFunc=mmap,x\n");
-  logs(0x90100,
-       "E plt hook mmap error: No such file or directory,"
-       "E plt hook mmap error: No such file or directory,E all plt hook failed!");
   // File descriptors: later commands run only if a dump fails.
-  logs(0x208000, missing + "disable.");
   logs(0xC08000, missing + "dump stack.,I ion clear");
   EXPECT_EQ(Send(0x108000).rfind("E  load libfdtrack failed: libfdtrack.so:", 0), 0U);
-
   // A loaded library with that name is used.
-  void* library = dlopen(FDTRACK_WITHOUT, RTLD_NOW);
-  logs(0x508000, "E no DumpFdleakStackToFile found, fail to dumpstack.,I ion clear");
-  dlclose(library);
-  library = dlopen(FDTRACK_WITH, RTLD_NOW);
+  void* library = dlopen(FDTRACK, RTLD_NOW);
   logs(0x308000, "I ion clear");
   logs(0xE08000, "");  // not cleared: the library is still loaded
   EXPECT_STREQ(static_cast<const char*>(dlsym(library, "fdtrack_calls")),
