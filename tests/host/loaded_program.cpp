@@ -12,10 +12,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/control_signal.h"
 
@@ -155,6 +158,48 @@ int Fork() {
   return 0;
 }
 
+/// Random commands run in order, also across forks. One report may answer equal commands that
+/// directly follow each other. Two reports never run at once.
+int Commands() {
+  const std::string path = Environment("MEMLEAK_TRACKER_LOG");
+  remove(path.c_str());
+  constexpr uint64_t kWords[] = {0x10, 0x20, 0x40, 0x50, 0x40, 0x30};
+  constexpr uint64_t kLast = 0x80;
+  void* blocks[400];
+  CHECK(SendControlSignal(getpid(), 0x90));
+  std::vector<uint64_t> sent = {0x90};
+  std::vector<uint64_t> received;
+  std::mt19937 random(7);
+  for (int i = 0; i < 300; ++i) {
+    for (size_t size = 1; i < 20 && size < std::size(blocks); ++size) blocks[size] = malloc(size);
+    sent.push_back(i < 299 ? kWords[random() % std::size(kWords)] : kLast);
+    CHECK(SendControlSignal(getpid(), sent.back()));
+    if (i % 50 != 30) continue;
+    const pid_t child = fork();
+    if (child == 0) _exit(7);
+    CHECK(WEXITSTATUS(WaitFor(child)) == 7);
+  }
+  for (int i = 0; i < 30'000 && (received.empty() || received.back() != kLast); ++i) {
+    usleep(1000);
+    received.clear();
+    bool reporting = false;
+    std::ifstream log(path);
+    for (std::string line; std::getline(log, line);) {
+      const size_t word = line.find("addr:0x");
+      if (word != line.npos) received.push_back(strtoull(&line[word + 5], nullptr, 16));
+      CHECK(!reporting || line.find("Start dumping") == line.npos);
+      if (line.find("Start dumping") != line.npos) reporting = true;
+      if (line.find("kxlog_exception failed") != line.npos) reporting = false;
+    }
+  }
+  const auto same_report = [](uint64_t a, uint64_t b) { return a == b && (a & 0x40) != 0; };
+  for (auto* words : {&sent, &received}) {
+    words->erase(std::unique(words->begin(), words->end(), same_report), words->end());
+  }
+  CHECK(sent == received);
+  return 0;
+}
+
 /// Commands that arrive at any moment of an exit neither kill nor block the process.
 int ExitStorm() {
   for (int round = 0; round < 15; ++round) {
@@ -217,7 +262,8 @@ int main(int, char** arguments) {
   } cases[] = {{"routes", Routes},        {"threads", Threads},
                {"libraries", Libraries},  {"fork", Fork},
                {"nested", Nested},        {"next", Next},
-               {"exit_storm", ExitStorm}, {"untracked", Untracked}};
+               {"exit_storm", ExitStorm}, {"untracked", Untracked},
+               {"commands", Commands}};
   for (const auto& one : cases) {
     if (name == one.name) return one.run();
   }

@@ -16,7 +16,6 @@ __attribute__((noinline)) static void Allocate() {
   nested_blocks[1] = calloc(10, 30);
   nested_blocks[2] = memalign(1024, 100);
   nested_blocks[3] = realloc(memcpy(malloc(5), "grow", 5), 4000);
-  free(malloc(8));
   pthread_t thread;
   const auto other = [](void*) -> void* { return malloc(77); };
   if (pthread_create(&thread, nullptr, other, nullptr) != 0) abort();
