@@ -79,21 +79,6 @@ def mmap_library(session):
     session.quit()
 
 
-def devices(session):
-    """DMA-heap and GPU buffers."""
-    session.start()
-    for kind, library, steps, expected in (
-            ("ion", "libdmabufheap.so", ("ion 30 4096",), {4096: 30}),
-            ("gpu", "libgsl.so", ("gpu 40 1048576", "ion 5 4096", "gpufree 15"), {1048576: 25})):
-        session.tell("on", "--kind", kind)
-        for step in steps:
-            session.step(step)
-        session.tell("report", "--kind", kind)
-        assert session.sizes() == expected, session.sizes()
-        assert session.frames() == {library}
-    session.quit()
-
-
 def from_start_to_exit(session):
     """Hooks are installed before main. The report at exit also removes the hooks."""
     session.start("--start", "--report-at-exit", *MMAP, "--func", "mmap,munmap")

@@ -113,19 +113,6 @@ class Session(end_to_end.Session):
         assert (sum(values[0::2]), sum(values[1::2])) == figures(document.groups)
         assert f'string_table: "{function}"' in text
 
-    def check_page(self, document, *arguments):
-        """The page contains the same document."""
-        path = self.root + "/leak.html"
-        made = subprocess.run([*self.controller, "html", *arguments, *self.options, "-o", path],
-                              capture_output=True, text=True, timeout=120)
-        if "has no page" in made.stderr:  # this build has no page to test
-            return
-        assert made.returncode == 0, made.stderr
-        with open(path, encoding="utf-8") as page:
-            data, = re.findall(r'<script type="application/json" id="profile">(.*?)</script>',
-                               page.read(), re.S)
-        assert json.loads(data) == document
-
     def check_growth(self, old, new, function):
         """The differences add up to the totals, and the function comes first. Returns its
         groups."""
@@ -137,7 +124,6 @@ class Session(end_to_end.Session):
         assert function in first and f"({grown:+,} bytes" in first, first
         self.read("diff", old, new, "--fail-over", grown)
         self.read("diff", old, new, "--fail-over", grown - 1, code=1)
-        self.check_page(diff.all, new, "--diff", old)
         return diff.through(function)
 
     def check(self, old, new, function):
@@ -145,7 +131,6 @@ class Session(end_to_end.Session):
         assert document.totals["unlistedGroups"] == 0
         self.check_views(new, document, function)
         self.check_exports(new, document, function)
-        self.check_page(document.all, new)
         return document, self.check_growth(old, new, function)
 
 

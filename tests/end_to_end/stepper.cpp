@@ -2,8 +2,6 @@
 // A program that reads one command per line from standard input and answers "ok" if it succeeds:
 //   alloc COUNT SIZE, free COUNT    allocates blocks; frees the newest blocks
 //   map COUNT SIZE, unmap COUNT     anonymous mappings, of libend_to_end_mapper.so
-//   ion COUNT SIZE                  DMA-heap buffers, of libdmabufheap.so
-//   gpu COUNT SIZE, gpufree COUNT   GPU buffers, of libgsl.so
 //   churn THREADS MS                threads allocate and free blocks
 //   fork FIFO                       a child reads commands from FIFO; answers its process id too
 //   quit
@@ -12,7 +10,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -23,8 +20,6 @@ extern "C" {
 int fork_handlers_linked();
 void* MapOne(std::size_t size);
 int UnmapOne(void* mapping, std::size_t size);
-int HeapRequest(int descriptor, unsigned long request, void* argument);
-int GpuRequest(int descriptor, unsigned long request, void* argument);
 
 /// The only function that allocates for "alloc". Tests look for its name. The barrier keeps it on
 /// the stack.
@@ -33,20 +28,9 @@ __attribute__((noinline, visibility("default"))) void* StepAllocate(std::size_t 
   __asm__ volatile("" : "+r"(block) : : "memory");
   return block;  // NOLINT(clang-analyzer-unix.Malloc): the caller keeps it
 }
-
-/// The fake device. The libraries find this function before the C library's.
-__attribute__((visibility("default"))) int ioctl(int /*descriptor*/, unsigned long /*request*/,
-                                                 ...) noexcept {
-  return 0;
 }
-}
-
 namespace {
 
-/// A request to a device. A DMA heap has its size at the start, a GPU has address and size there.
-struct Buffer {
-  std::uint64_t words[6];
-};
 struct Mapping {
   void* address;
   std::size_t size;
@@ -54,12 +38,8 @@ struct Mapping {
 
 void* blocks[1 << 17];
 Mapping mappings[4096];
-Buffer heap_buffers[4096];
-Buffer gpu_buffers[4096];
 unsigned allocated = 0;
 unsigned mapped = 0;
-unsigned heaps = 0;
-unsigned gpus = 0;
 
 void Churn(unsigned threads, unsigned milliseconds) {
   std::vector<std::thread> workers;
@@ -87,12 +67,9 @@ bool Step(const std::string& verb, std::size_t size) {
     mappings[mapped++] = {MapOne(size), size};
     return mappings[mapped - 1].address != MAP_FAILED;
   }
-  if (verb == "unmap")
-    return --mapped, UnmapOne(mappings[mapped].address, mappings[mapped].size) == 0;
-  if (verb == "ion") return HeapRequest(3, 0xC0184800, &(heap_buffers[heaps++] = {{size}})) == 0;
-  if (verb == "gpu")
-    return GpuRequest(3, 0xC0300945, &(gpu_buffers[gpus++] = {{0xA000, size}})) == 0;
-  return verb == "gpufree" && GpuRequest(3, 0x40200946, &gpu_buffers[--gpus]) == 0;
+  if (verb != "unmap") return false;
+  --mapped;
+  return UnmapOne(mappings[mapped].address, mappings[mapped].size) == 0;
 }
 
 }  // namespace

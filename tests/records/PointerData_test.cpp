@@ -157,22 +157,4 @@ TEST_F(PointerDataTest, ReaderDelaysWritersAndTheirCancellation) {
   EXPECT_TRUE(added);
 }
 
-TEST_F(PointerDataTest, RefusesMoreThanSixtyThousandGroups) {
-  for (std::uint64_t i = 0; i < PointerData::kMaxGroups; ++i) Add(i * 16, 48, {i, 1});
-  Export();
-  EXPECT_EQ(list_.size(), PointerData::kMaxGroups);
-  Add(0x10000000, 48, {PointerData::kMaxGroups, 1});
-  Export();
-  EXPECT_TRUE(list_.empty());
-  EXPECT_EQ(LogLines().back(), "6 MemLeak.Native: list size err or listout null 60001, ignore");
-}
-
-TEST_F(PointerDataTest, BacktraceSizeProperty) {
-  for (const char* value : {"64", "12a", "", "-1", "2147483648"}) {
-    fake_property = value;
-    EXPECT_EQ(PointerData::GetMaxBacktraceNum(), 64U) << value;
-  }
-  SetBacktraceSize(protocol::kDefaultDepth);
-}
-
 }  // namespace
