@@ -7,10 +7,6 @@
 #include "records/record_store.h"
 #include "records/set_selection.h"
 
-using record_store::backtraces;
-using record_store::Generation;
-using record_store::PageGuard;
-
 std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
                                    std::size_t max_frames) {
   const auto address = reinterpret_cast<std::uint64_t>(pointer);
@@ -19,11 +15,12 @@ std::size_t PointerData::GetFrames(const void* pointer, std::uintptr_t* frames,
   const SetChoice choice = SelectSet(address, ClassSize(pointer, 0));
   RecordPage* const page = RecordPages::Find(address);
   if (choice.set == nullptr || page == nullptr) return 0;
-  const PageGuard guard(page, choice.set->pointer_mutex, record_key.Get() == kHoldsStore);
-  if (page->generation() != Generation()) return 0;
+  const record_store::PageGuard guard(page, choice.set->pointer_mutex,
+                                      record_key.Get() == kHoldsStore);
+  if (page->generation() != record_store::Generation()) return 0;
   const Record* const record = page->Find(RecordKey::Of(address, choice.size_class));
   if (record == nullptr || record->backtrace == 0) return 0;
-  const FrameInfoType* const backtrace = backtraces.At(record->backtrace);
+  const FrameInfoType* const backtrace = record_store::backtraces.At(record->backtrace);
   const std::size_t count = std::min<std::size_t>(backtrace->num_frames, max_frames);
   const std::size_t bytes = count * sizeof(std::uintptr_t);
   return platform::memcpy_s(frames, bytes, backtrace->pcs(), bytes) == 0 ? count : 0;

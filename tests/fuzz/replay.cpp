@@ -96,17 +96,12 @@ std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t /
   constexpr std::string_view kPlaces("\n =-+[]09afx\r\0", 14);
   for (std::size_t changes = 1 + Below(4); changes != 0 && size != 0; --changes) {
     const std::size_t at = Below(size);
-    switch (Below(3)) {
-      case 0:
-        data[at] = static_cast<std::uint8_t>(kPlaces[Below(kPlaces.size())]);
-        break;
-      case 1:
-        data[at] = static_cast<std::uint8_t>(data[at] ^ (1U << Below(8)));
-        break;
-      default: {
-        const std::size_t from = Below(size);
-        std::memmove(data + at, data + from, std::min({Below(32), size - at, size - from}));
-      }
+    const std::size_t from = Below(size);
+    if (Below(3) == 0) {
+      std::memmove(data + at, data + from, std::min({Below(32), size - at, size - from}));
+    } else {
+      const char place = kPlaces[Below(kPlaces.size())];
+      data[at] = static_cast<std::uint8_t>(Below(2) == 0 ? place : data[at] ^ 1 << Below(8));
     }
   }
   return size;
