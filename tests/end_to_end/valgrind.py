@@ -45,28 +45,27 @@ class Session(end_to_end.Session):
         return out, tuple(int(held[i].replace(",", "")) for i in (2, 1))
 
 
-def compare(session, *program, text=""):
-    """Both environments have the same variables, but their values may differ. A program that copies
-    them prints their length, which is subtracted."""
-    environment = dict(ENVIRONMENT)
-    runs = (session.tracked, session.valgrind)
-    for run in runs:
-        out, _ = run("/usr/bin/env", env=dict(environment), text=True)
-        environment.update(line.split("=", 1) for line in out.splitlines())
-    del environment["LD_PRELOAD"]
+def compare(session, *program, environment, text=""):
+    """Subtracts the length that the program prints."""
     figures = []
-    for run in runs:
+    for run in (session.tracked, session.valgrind):
         out, (blocks, held) = run(*program, env=environment, text=True, input=text)
         figures.append((blocks, held - int(out or 0)))
     assert figures[0] == figures[1] and figures[0][1] > 20000, figures
 
 
 def database(session):
-    compare(session, "/usr/bin/sqlite3", ":memory:", text=SQL)
+    compare(session, "/usr/bin/sqlite3", ":memory:", environment=ENVIRONMENT, text=SQL)
 
 
 def perl(session):
-    compare(session, "/usr/bin/perl", "-e", PERL)
+    """Both environments have the same variables. Their values may differ."""
+    environment = dict(ENVIRONMENT)
+    for run in (session.tracked, session.valgrind):
+        out, _ = run("/usr/bin/env", env=dict(environment), text=True)
+        environment.update(line.split("=", 1) for line in out.splitlines())
+    del environment["LD_PRELOAD"]
+    compare(session, "/usr/bin/perl", "-e", PERL, environment=environment)
 
 
 if __name__ == "__main__":
