@@ -4,28 +4,13 @@
 // The hooks overwrite all registers that a called function may change, before and after they
 // forward. So do the functions that the trampoline calls at the start and the end of a call.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
-#include <csignal>
-#include <cstdarg>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "tests/plthooks/support.h"
-
-namespace {
-thread_local bool no_mappings = false;
-}
-
-extern "C" void* __real_mmap(void* at, std::size_t bytes, int rights, int flags, int file,
-                             off_t offset);
-// The linker redirects the engine's calls here.
-extern "C" void* __wrap_mmap(void* at, std::size_t bytes, int rights, int flags, int file,
-                             off_t offset) {
-  return no_mappings ? MAP_FAILED : __real_mmap(at, bytes, rights, flags, file, offset);
-}
 
 namespace {
 
@@ -80,108 +65,60 @@ void ClobberIn(void** slot) {
 std::string order;
 
 /// A hook that forwards.
-template <int kLevel, typename Function>
-struct Hook;
+template <int kLevel, typename Result, typename... Arguments>
+Result Forward(Arguments... arguments) {
+  Clobber();
+  order += std::to_string(kLevel);
+  const Result result = Previous(Forward<kLevel, Result, Arguments...>)(arguments...);
+  Clobber();
+  return result;
+}
 
 template <int kLevel, typename Result, typename... Arguments>
-struct Hook<kLevel, Result(Arguments...)> {
-  static Result Call(Arguments... arguments) {
-    Clobber();
-    order += std::to_string(kLevel);
-    const Result result = Previous(Call)(arguments...);
-    Clobber();
-    return result;
-  }
-};
+void Hook(const Library& library, Result (* /*function*/)(Arguments...), const char* name) {
+  ASSERT_EQ(library.Hook(Forward<kLevel, Result, Arguments...>, name), 0);
+  if (kLevel == 1) ClobberIn(library.slot(name));
+}
 
+/// Adds a hook to all functions and calls them.
 template <int kLevel>
-struct Hook<kLevel, double(int, ...)> {
-  static double Call(int count, ...) {
-    std::va_list list;
-    va_start(list, count);
-    const Word word = va_arg(list, Word);
-    const double number = va_arg(list, double);
-    va_end(list);
-    Clobber();
-    order += std::to_string(kLevel);
-    return Previous(Call)(count, word, number);
-  }
-};
-
-struct Function {
-  const char* name;
-  void* hooks[3];
-};
-
-template <typename T>
-Function Hooked(const char* name, T* /*function*/) {
-  return {name,
-          {reinterpret_cast<void*>(Hook<1, T>::Call), reinterpret_cast<void*>(Hook<2, T>::Call),
-           reinterpret_cast<void*>(Hook<3, T>::Call)}};
-}
-#define HOOKED(name) Hooked(#name, static_cast<decltype(&(name))>(nullptr))
-
-/// In the order of contract_call.
-const Function kFunctions[kContractCalls] = {
-    HOOKED(contract_many),    HOOKED(contract_variadic), HOOKED(contract_four),
-    HOOKED(contract_complex), HOOKED(contract_large),
-};
-
-class Contract : public testing::TestWithParam<int> {
- protected:
-  /// The arguments of this case's function, then its result.
-  std::string Run() {
-    notes_->clear();
-    contract_call_(GetParam());
-    return *notes_;
-  }
-
-  Library library_;
-  std::string* notes_ = library_.find<std::string>("contract_notes");
-  decltype(&contract_call) contract_call_ = library_.find<decltype(contract_call)>("contract_call");
-};
-
-TEST_P(Contract, IsKeptWithStackedHooks) {
-  const Function& function = kFunctions[GetParam()];
-  const std::string expected = Run();
-  ASSERT_GT(expected.size(), 16U);
-  void** slot = library_.slot(function.name);
-  ASSERT_NE(slot, nullptr);
-  void* const original = *slot;
-  std::string expected_order;
-  for (int level = 0; level < 3; ++level) {
-    ASSERT_EQ(library_.Hook(function.hooks[level], function.name), 0);
-    if (level == 0) {
-      // Without memory for the hook stack, the call goes directly to the original function.
-      std::thread([&] {
-        no_mappings = true;
-        EXPECT_EQ(Run(), expected);
-      }).join();
-      EXPECT_EQ(order, "");
-      ClobberIn(slot);
-    }
-    expected_order.insert(0, std::to_string(level + 1));
-    order.clear();
-    EXPECT_EQ(Run(), expected) << level + 1 << " hooks";
-    EXPECT_EQ(order, expected_order);
-  }
-  for (void* hook : function.hooks) EXPECT_EQ(library_.Unhook(hook, function.name), 0);
-  EXPECT_EQ(*slot, original);
-  EXPECT_EQ(Run(), expected);
-}
-INSTANTIATE_TEST_SUITE_P(All, Contract, testing::Range(0, kContractCalls),
-                         [](const auto& each) { return kFunctions[each.param].name; });
-
-void ForwardThrow(int value) {
-  Previous(ForwardThrow)(value);
+void HookAll(const Library& library, const std::string& expected_order) {
+  Hook<kLevel>(library, static_cast<Contract<Pair>*>(nullptr), "contract_pair");
+  Hook<kLevel>(library, static_cast<Contract<Four>*>(nullptr), "contract_four");
+  Hook<kLevel>(library, static_cast<Contract<Large>*>(nullptr), "contract_large");
+  auto* call = library.find<decltype(contract_call)>("contract_call");
+  order.clear();
+  EXPECT_EQ(call(), 0) << kLevel << " hooks";
+  EXPECT_EQ(order, expected_order + expected_order + expected_order);
 }
 
-TEST(Exception, ThrownAcrossAHookedCallEndsTheProcess) {
+TEST(Contract, IsKeptWithStackedHooks) {
   const Library library;
-  auto* call = library.find<decltype(calls_catch)>("calls_catch");
-  EXPECT_EQ(call(5), 1);
-  ASSERT_EQ(library.Hook(ForwardThrow, "calls_throw"), 0);
-  EXPECT_EXIT(call(5), testing::KilledBySignal(SIGABRT), "terminate called after throwing");
+  HookAll<1>(library, "1");
+  HookAll<2>(library, "21");
+  HookAll<3>(library, "321");
+}
+
+const Library* nesting;
+int nested = 0;
+int Nest(int depth) {
+  ++nested;
+  if (depth > 1) nesting->Call(depth - 1);
+  return Previous(Nest)(depth);
+}
+
+TEST(HookStack, IsAsDeepAsTheCalls) {
+  const Library library;
+  nesting = &library;
+  ASSERT_EQ(library.Hook(Nest), 0);
+  // A page has room for 85 frames: tests just below, at and above the limit, and several pages.
+  for (const int depth : {84, 85, 86, 1000, 170, 171}) {
+    nested = 0;
+    errno = EDOM;
+    EXPECT_EQ(library.Call(depth), depth + 1);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(nested, depth);
+  }
 }
 
 }  // namespace

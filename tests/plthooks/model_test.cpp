@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Compares the hook engine with a list per slot: random hooks, unhooks and calls, on several
-// threads and inside running hooks, while a library is loaded and unloaded.
+// Compares the hook engine with a list per slot: random hooks, unhooks, wrong requests and calls,
+// on several threads and inside running hooks, while a library is loaded and unloaded.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 
 #include "linker/sharedlibs.h"
 #include "plthooks/hooks.h"
+#include "sigmux/sig_safe_write.h"
 #include "tests/plthooks/support.h"
 
 namespace lumora::plthooks {
@@ -24,9 +25,9 @@ constexpr int kDeepest = 3;
 /// The hooks of one slot by number, oldest first, without the original function.
 using List = std::vector<int>;
 
-int Random(int limit) {
+int Random(std::size_t limit) {
   static std::mt19937 generator;
-  return static_cast<int>(generator() % static_cast<unsigned>(limit));
+  return static_cast<int>(generator() % limit);
 }
 
 void Enter(int hook);
@@ -67,11 +68,10 @@ struct Slot {
     if (list.empty()) original = *address;
   }
   int Change(int (*change)(const char*, plt_hook_spec*, std::size_t), int (*hook)(int),
-             bool without_trampoline = false) const {
+             bool without_trampoline = false, const char* definer = nullptr) const {
     auto* function_pointer = reinterpret_cast<void*>(hook);
-    plt_hook_spec spec = {function, nullptr, function_pointer, without_trampoline, 0, nullptr};
-    const int failures = change(library, &spec, 1);
-    return failures == 0 ? static_cast<int>(spec.hook_result) : -1;
+    plt_hook_spec spec = {function, definer, function_pointer, without_trampoline, 0, nullptr};
+    return change(library, &spec, 1) == 0 ? static_cast<int>(spec.hook_result) : -errno;
   }
 };
 
@@ -115,28 +115,48 @@ void Call(Slot& slot) {
   running.pop_back();
 }
 
-void Hook(Slot& slot) {
-  const int hook = Random(kHookCount);
-  const bool direct = Random(8) == 0;
-  const bool loaded = IsLoaded(slot);
-  const bool refused = !loaded || (!slot.list.empty() && (direct || slot.direct));
-  const int changed = slot.Change(hook_single_lib, direct ? Direct : kHooks[hook], direct);
-  EXPECT_EQ(changed, refused ? -1 : 1);
-  EXPECT_TRUE(!refused || errno == (loaded ? EBUSY : ENOENT));
-  if (refused) return;
-  slot.direct = direct;
-  slot.list.push_back(direct ? -1 : hook);
+void Unhook(Slot& slot) {
+  List& list = slot.list;
+  const int hook = list.empty() || Random(4) == 0 ? Random(kHookCount) : list[Random(list.size())];
+  const auto found = slot.direct ? list.begin() : std::find(list.begin(), list.end(), hook);
+  const bool there = found != list.end();
+  EXPECT_EQ(slot.Change(unhook_single_lib, slot.direct ? Direct : kHooks[hook]), there ? 1 : 0);
+  if (there) list.erase(found);
+  slot.direct &= !list.empty();
 }
 
-void Unhook(Slot& slot) {
+void Hook(Slot& slot) {
+  if (slot.list.size() > 3) return Unhook(slot);
   const int hook = Random(kHookCount);
-  const auto found =
-      slot.direct ? slot.list.begin() : std::find(slot.list.begin(), slot.list.end(), hook);
-  const bool there = found != slot.list.end();
-  const int expected = there ? 1 : IsLoaded(slot) ? 0 : -1;
-  EXPECT_EQ(slot.Change(unhook_single_lib, slot.direct ? Direct : kHooks[hook]), expected);
-  if (there) slot.list.erase(found);
-  slot.direct &= !slot.list.empty();
+  const bool direct = Random(8) == 0;
+  const char* const definer = Random(8) == 0 ? "libplthooks_definer.so" : nullptr;
+  // A hooked slot does not contain the address of the defined function any more.
+  const bool found = IsLoaded(slot) && (slot.list.empty() || definer == nullptr);
+  const bool refused = found && !slot.list.empty() && (direct || slot.direct);
+  const int changed = slot.Change(hook_single_lib, direct ? Direct : kHooks[hook], direct, definer);
+  EXPECT_EQ(changed, refused ? -EBUSY : found ? 1 : 0);
+  if (refused || !found) return;
+  slot.direct = direct;
+  slot.list.push_back(direct ? 0 : hook);
+}
+
+/// Requests that change nothing.
+void Refuse(Slot& slot) {
+  auto* hook = reinterpret_cast<void*>(kHooks[0]);
+  plt_hook_spec specs[] = {{nullptr, nullptr, hook, false, 0, nullptr},
+                           {slot.function, nullptr, nullptr, false, 0, nullptr},
+                           {"getppid", nullptr, hook, false, 0, nullptr}};
+  EXPECT_EQ(hook_single_lib(slot.library, specs, 3), 2);
+  EXPECT_EQ(errno, EINVAL);
+  for (const char* library : {slot.library, "libnone.so"}) {
+    EXPECT_EQ(hook_plt_method(library, "getppid", hook), 1);
+    EXPECT_EQ(errno, ENOENT);
+  }
+  if (slot.list.empty()) return;
+  // The original function cannot be unhooked.
+  plt_hook_spec original = {slot.function, nullptr, slot.original, false, 0, nullptr};
+  EXPECT_EQ(unhook_single_lib(slot.library, &original, 1), 1);
+  EXPECT_EQ(errno, EINVAL);
 }
 
 /// Closes the test's handle of the guest, or opens it again.
@@ -149,6 +169,8 @@ void LoadOrUnload() {
     if (found != nullptr) dlclose(found);
     return;
   }
+  // Drops the record if the library was unloaded: it may be loaded elsewhere now.
+  linker::sharedLib(kGuestName);
   guest = dlopen(CALLS_GUEST, RTLD_NOW);
   ASSERT_EQ(plthooks_initialize(), 0);
   for (Slot& slot : slots) {
@@ -160,9 +182,9 @@ void Step() {
   if (testing::Test::HasFailure()) return;
   // A running call may be in the guest.
   if (Random(8) == 0 && depth == 0) return LoadOrUnload();
-  Slot& slot = slots[static_cast<std::size_t>(Random(static_cast<int>(slots.size())))];
-  void (*const actions[])(Slot&) = {Hook, Unhook, Call, Call};
-  auto* action = actions[Random(4)];
+  Slot& slot = slots[Random(slots.size())];
+  void (*const actions[])(Slot&) = {Hook, Hook, Unhook, Unhook, Call, Call, Call, Refuse};
+  auto* action = actions[Random(8)];
   if (Random(4) == 0) {
     std::thread(action, std::ref(slot)).join();
   } else {
@@ -173,6 +195,8 @@ void Step() {
   EXPECT_EQ(content == slot.original, slot.list.empty());
   EXPECT_EQ(content == reinterpret_cast<void*>(Direct), slot.direct);
   EXPECT_EQ(hooks::is_hooked(reinterpret_cast<std::uintptr_t>(slot.address)), !slot.list.empty());
+  EXPECT_EQ(sig_safe_write(slot.address, reinterpret_cast<std::intptr_t>(content)), 1)
+      << "the page must stay read-only";
 }
 
 TEST(Engine, MatchesTheModel) {
@@ -185,7 +209,7 @@ TEST(Engine, MatchesTheModel) {
     if (!slot.IsGuest()) slot.Find(dlopen(CALLS_FULL, RTLD_NOW));
   }
   LoadOrUnload();
-  for (int step = 0; step < 3000 && !HasFailure(); ++step) Step();
+  for (int step = 0; step < 2500 && !HasFailure(); ++step) Step();
 }
 
 }  // namespace
