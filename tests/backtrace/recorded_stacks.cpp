@@ -66,11 +66,12 @@ void CheckFrames(FramesOf frames_of, void* block, const std::vector<std::string>
   }
 }
 
-/// Loads, calls and unloads the libraries in a random order; every stack is checked.
-void LoadAndUnload(unsigned seed) {
+/// Loads, calls and unloads the libraries in a random order; every stack is checked. If
+/// `frame_pointers`, only those libraries whose frames have them and are small enough.
+void LoadAndUnload(unsigned seed, bool frame_pointers) {
   const FramesOf frames_of = FindFramesOf();
   while (!stop) {
-    const int number = rand_r(&seed) % 8 + 1;
+    const int number = frame_pointers ? rand_r(&seed) % 2 * 4 + 2 : rand_r(&seed) % 8 + 1;
     std::string library = LIBRARY_PREFIX;
     library += std::to_string(number) + ".so";
     void* handle = dlopen(library.c_str(), RTLD_NOW);
@@ -87,12 +88,12 @@ void LoadAndUnload(unsigned seed) {
   }
 }
 
-/// Threads load, call and unload libraries for some seconds. Meanwhile forked children allocate.
-int Libraries(int children, int seconds) {
+/// Threads load, call and unload libraries. Meanwhile forked children allocate.
+int Libraries(int children, bool frame_pointers) {
   std::vector<std::thread> threads;
-  for (unsigned i = 0; i < 4; ++i) threads.emplace_back(LoadAndUnload, i);
+  for (unsigned i = 0; i < 4; ++i) threads.emplace_back(LoadAndUnload, i, frame_pointers);
   const FramesOf frames_of = FindFramesOf();
-  for (int i = 0; i < 10 * seconds; ++i) {
+  for (int i = 0; i < 20; ++i) {
     usleep(100'000);
     if (i >= children) continue;
     const pid_t child = fork();
@@ -259,7 +260,7 @@ int StrayFramePointers() {
 int main(int count, char** arguments) {
   const std::string name = arguments[1];
   const int number = count > 2 ? atoi(arguments[2]) : 0;
-  if (name == "libraries") return Libraries(number, count > 3 ? atoi(arguments[3]) : 3);
+  if (name == "libraries") return Libraries(number, count > 3);
   if (name == "small_stacks") return SmallStacks(static_cast<std::size_t>(number));
   if (name == "stray_frame_pointers") return StrayFramePointers();
   CHECK(!"a known case");
