@@ -2,12 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Compares stacks at random places of real programs: call-frame information and C++ runtime.
 
-usage: sampled_programs.py PROGRAM SAMPLER [EMULATOR]
+usage: sampled_programs.py PROGRAM SAMPLER CASES [EMULATOR]
 
-PROGRAM is sqlite3, python3, cc1plus, clang or node, SAMPLER the library of stack_sampler.cpp. The
-program runs until SAMPLED_PLACES places (3000) are compared. MEMLEAK_ARM64_PROGRAMS names unpacked
-arm64 packages. Prints the number of places. Exit code 0 if all stacks are equal, 77 if the program
-is not installed.
+PROGRAM is stack_cases, sqlite3, python3, cc1plus, clang or node. SAMPLER and CASES are the files
+built from stack_sampler.cpp and stack_cases.cpp. The program runs until SAMPLED_PLACES places
+(3000, or 1000 if emulated) are compared. MEMLEAK_ARM64_PROGRAMS names unpacked arm64 packages. Prints the number of
+places. Exit code 0 if all stacks are equal, 77 if the program is not installed.
 """
 
 import glob
@@ -61,6 +61,7 @@ PROGRAMS = {
                  "FILE", "-o", "/dev/null"], CPP),
     "clang": (["/usr/bin/clang++", "-O2", "-S", "-x", "c++", "FILE", "-o", "/dev/null"], CPP),
     "node": ([shutil.which("node") or "", "FILE"], JAVASCRIPT),
+    "stack_cases": ([], ""),
 }
 
 
@@ -73,26 +74,30 @@ def run(command, settings, emulator):
     libraries = [f"{unpacked}/{place}/aarch64-linux-gnu" for place in ("lib", "usr/lib")]
     settings["LD_LIBRARY_PATH"] = ":".join(libraries)
     options = [word for name, value in settings.items() for word in ("-E", f"{name}={value}")]
-    subprocess.run([*emulator, *options, unpacked + command[0], *command[1:]],
+    subprocess.run([*emulator, *options, *command],
                    stdout=subprocess.DEVNULL, check=True, timeout=170)
 
 
 def main():
-    program, sampler = sys.argv[1:3]
-    emulator = sys.argv[3].split() if len(sys.argv) > 3 else []
+    program, sampler, cases, *emulator = sys.argv[1:]
+    emulator = emulator[0].split() if emulator else []
     command, text = PROGRAMS[program]
-    wanted = int(os.environ.get("SAMPLED_PLACES", "3000"))
-    if not os.path.exists((os.environ["MEMLEAK_ARM64_PROGRAMS"] if emulator else "") + command[0]):
+    if program == "stack_cases":
+        command = [cases]
+    elif emulator:
+        command = [os.environ["MEMLEAK_ARM64_PROGRAMS"] + command[0], *command[1:]]
+    if not os.path.exists(command[0]):
         print(f"{program} is not installed")
         return 77
+    wanted = int(os.environ.get("SAMPLED_PLACES", "1000" if emulator else "3000"))
     with tempfile.TemporaryDirectory() as directory:
         work, result = f"{directory}/work", f"{directory}/result"
         with open(work, "w", encoding="utf-8") as file:
             file.write(text)
         settings = {"LD_PRELOAD": sampler, "STACK_SAMPLER_RESULT": result,
-                    "STACK_SAMPLER_MICROSECONDS": "5000",
+                    "STACK_SAMPLER_MICROSECONDS": "1000" if program == "clang" else "5000",
                     # clang blocks the signal for single steps.
-                    "STACK_SAMPLER_STEPS": "0" if program == "clang" else "20"}
+                    "STACK_SAMPLER_STEPS": {"clang": "0", "stack_cases": "2000"}.get(program, "20")}
         places, frames, slow = 0, 0, 0
         while places < wanted:
             run([word.replace("FILE", work) for word in command], dict(settings), emulator)
