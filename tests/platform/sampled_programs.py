@@ -63,6 +63,9 @@ PROGRAMS = {
     "node": ([shutil.which("node") or "", "FILE"], JAVASCRIPT),
     "stack_cases": ([], ""),
 }
+# The time between interruptions in microseconds, and the number of single steps after each. clang
+# blocks the signal for single steps. stack_cases interrupts itself.
+INTERRUPTIONS = {"clang": ("1000", "0"), "stack_cases": ("0", "2000")}
 
 
 def run(command, settings, emulator):
@@ -82,6 +85,7 @@ def main():
     program, sampler, cases, *emulator = sys.argv[1:]
     emulator = emulator[0].split() if emulator else []
     command, text = PROGRAMS[program]
+    microseconds, steps = INTERRUPTIONS.get(program, ("5000", "20"))
     if program == "stack_cases":
         command = [cases]
     elif emulator:
@@ -95,9 +99,7 @@ def main():
         with open(work, "w", encoding="utf-8") as file:
             file.write(text)
         settings = {"LD_PRELOAD": sampler, "STACK_SAMPLER_RESULT": result,
-                    "STACK_SAMPLER_MICROSECONDS": "1000" if program == "clang" else "5000",
-                    # clang blocks the signal for single steps.
-                    "STACK_SAMPLER_STEPS": {"clang": "0", "stack_cases": "2000"}.get(program, "20")}
+                    "STACK_SAMPLER_MICROSECONDS": microseconds, "STACK_SAMPLER_STEPS": steps}
         places, frames, slow = 0, 0, 0
         while places < wanted:
             run([word.replace("FILE", work) for word in command], dict(settings), emulator)

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // A library to preload: interrupts the program's threads at random places, and compares the walk by
 // call-frame information with the C++ runtime's unwinder. When the program exits, appends a line
-// and the first differences to the file STACK_SAMPLER_RESULT.
+// and the first difference to the file STACK_SAMPLER_RESULT.
 //
-// STACK_SAMPLER_MICROSECONDS is the time between interruptions. On x86-64 each is followed by
-// STACK_SAMPLER_STEPS single steps, all of which are compared; they stop before a system call.
+// STACK_SAMPLER_MICROSECONDS is the time between interruptions; with 0 the program sends the
+// signals itself. On x86-64 each is followed by STACK_SAMPLER_STEPS single steps, all of which are
+// compared; they stop before a system call.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -28,23 +29,18 @@
 namespace {
 
 constexpr std::size_t kMaxFrames = 400;
-constexpr std::size_t kKeptDifferences = 8;
 
 struct Stack {
   std::uint64_t pcs[kMaxFrames];
   std::size_t count = 0;
 };
 
-struct Difference {
-  std::atomic<bool> is_complete{false};
-  Stack ours;
-  Stack runtime;
-};
-
 std::atomic<unsigned long> g_places{0};  // compared stacks
 std::atomic<unsigned long> g_frames{0};
 std::atomic<unsigned long> g_differing{0};
-Difference g_differences[kKeptDifferences];
+// The first difference.
+Stack g_ours;
+Stack g_runtime;
 
 struct RuntimeWalk {
   Stack* stack;
@@ -92,11 +88,9 @@ __attribute__((noinline)) void Compare() {
   ++g_places;
   g_frames += runtime.count;
   if (!std::equal(ours.pcs, ours.pcs + ours.count, runtime.pcs, runtime.pcs + runtime.count)) {
-    const std::size_t number = g_differing++;
-    if (number < kKeptDifferences) {
-      g_differences[number].ours = ours;
-      g_differences[number].runtime = runtime;
-      g_differences[number].is_complete = true;
+    if (g_differing++ == 0) {
+      g_ours = ours;
+      g_runtime = runtime;
     }
   }
   errno = saved_errno;
@@ -184,10 +178,9 @@ __attribute__((destructor)) void Finish() {
                 program_invocation_short_name, g_places.load(), g_frames.load(), g_differing.load(),
                 static_cast<unsigned long>(platform::cfi::SlowSteps()));
   std::string text = line;
-  for (const Difference& difference : g_differences) {
-    if (!difference.is_complete) continue;
-    Append(difference.ours, "  ours:", &text);
-    Append(difference.runtime, "  the runtime's:", &text);
+  if (g_differing != 0) {
+    Append(g_ours, "  ours:", &text);
+    Append(g_runtime, "  the runtime's:", &text);
   }
   const int file = open(g_result->c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (file < 0 || write(file, text.data(), text.size()) < 0) std::abort();

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The async-signal-safe log on Linux.
+// The async-signal-safe log and the properties on Linux.
 #include <async_safe/log.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/system_properties.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -12,12 +14,33 @@
 #include <random>
 #include <sstream>
 
-#include "allocation_counter.h"
 #include "platform/android_api/log_format.h"
 #include "platform_variable.h"
 #include "tests/temporary_directory.h"
 
+static std::atomic<long> allocations{0};
+
+// A sanitizer's malloc cannot be replaced.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void* __libc_malloc(std::size_t size);
+
+extern "C" void* malloc(std::size_t size) {
+  ++allocations;
+  return __libc_malloc(size);
+}
+#endif
+
 namespace {
+
+/// Runs `run`, which must allocate nothing and keep errno.
+template <typename Function>
+void RunSafely(const Function& run) {
+  errno = EOWNERDEAD;
+  const long before = allocations;
+  run();
+  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(errno, EOWNERDEAD);
+}
 
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -62,15 +85,11 @@ TEST(Log, WritesWholeLinesKeepsErrnoAndAllocatesNothing) {
   for (const std::string& destination :
        {directory.Path("missing/log"), std::string(5000, 'x'), directory.Path("log.%p")}) {
     SetVariable("MEMLEAK_TRACKER_LOG", destination.c_str());
-    errno = EOWNERDEAD;
-    EXPECT_EQ(AllocationsDuring([&] {
-                length =
-                    async_safe_format_log(ANDROID_LOG_INFO, "Tag", "the %s is %d", "answer", 42);
-                async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "%s", text.c_str());
-                async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "with its own newline\n");
-              }),
-              0);
-    EXPECT_EQ(errno, EOWNERDEAD);
+    RunSafely([&] {
+      length = async_safe_format_log(ANDROID_LOG_INFO, "Tag", "the %s is %d", "answer", 42);
+      async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "%s", text.c_str());
+      async_safe_format_log(ANDROID_LOG_ERROR, "Tag", "with its own newline\n");
+    });
   }
   const std::string log = directory.Read("log." + std::to_string(getpid()));
   EXPECT_EQ(static_cast<std::size_t>(length), log.find('\n') + 1);
@@ -113,6 +132,27 @@ TEST(Log, RaisesNoSigpipe) {
   dup2(saved, STDERR_FILENO);
   close(saved);
   close(ends[1]);
+}
+
+std::string Get(const char* name) {
+  char value[PROP_VALUE_MAX];
+  RunSafely([&] { __system_property_get(name, value); });
+  return value;
+}
+
+// The fuzz target for properties tests the parser.
+TEST(Properties, SharedFileIsUsedIfTheRootHasNone) {
+  const TemporaryDirectory directory;
+  SetVariable("MEMLEAK_TRACKER_PROPERTIES", directory.Write("shared", "a=1\nq=2\n").c_str());
+  for (const std::string& root : {directory.Path(""), directory.Path("missing"),
+                                  directory.Path("shared"), std::string(5000, 'x')}) {
+    SetVariable("MEMLEAK_TRACKER_ROOT", root.c_str());
+    EXPECT_EQ(Get("q"), "2") << root;
+  }
+  SetVariable("MEMLEAK_TRACKER_ROOT", directory.Path("").c_str());
+  directory.Write("properties", "a=first\na=last");
+  EXPECT_EQ(Get("a"), "last");
+  EXPECT_EQ(Get("q"), "");
 }
 
 }  // namespace
