@@ -67,11 +67,11 @@ void CheckFrames(FramesOf frames_of, void* block, const std::vector<std::string>
 }
 
 /// Loads, calls and unloads the libraries in a random order; every stack is checked. If
-/// `frame_pointers`, only those libraries whose frames have them and are small enough.
+/// `frame_pointers`, only some libraries whose frames have them.
 void LoadAndUnload(unsigned seed, bool frame_pointers) {
   const FramesOf frames_of = FindFramesOf();
   while (!stop) {
-    const int number = frame_pointers ? rand_r(&seed) % 2 * 4 + 2 : rand_r(&seed) % 8 + 1;
+    const int number = frame_pointers ? "268"[rand_r(&seed) % 3] - '0' : rand_r(&seed) % 8 + 1;
     std::string library = LIBRARY_PREFIX;
     library += std::to_string(number) + ".so";
     void* handle = dlopen(library.c_str(), RTLD_NOW);
@@ -81,7 +81,13 @@ void LoadAndUnload(unsigned seed, bool frame_pointers) {
     expected.insert(expected.end(), {"Make", "CallLibrary"});
     for (int i = 0; i < 3; ++i) {
       void* block = CallLibrary(make, 100);
-      CheckFrames(frames_of, block, expected, library);
+      // The walk along frame pointers ends in the large frames of this library.
+      std::uintptr_t frames[4];
+      if (frame_pointers && number == 8) {
+        CHECK(frames_of(block, frames, 4) < 4);
+      } else {
+        CheckFrames(frames_of, block, expected, library);
+      }
       free(block);
     }
     dlclose(handle);
