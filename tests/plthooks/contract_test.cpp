@@ -66,17 +66,17 @@ std::string order;
 
 /// A hook that forwards.
 template <int kLevel, typename Result, typename... Arguments>
-Result Forward(Arguments... arguments) {
+Result Relay(Arguments... arguments) {
   Clobber();
   order += std::to_string(kLevel);
-  const Result result = Previous(Forward<kLevel, Result, Arguments...>)(arguments...);
+  const Result result = Previous(Relay<kLevel, Result, Arguments...>)(arguments...);
   Clobber();
   return result;
 }
 
 template <int kLevel, typename Result, typename... Arguments>
 void Hook(const Library& library, Result (* /*function*/)(Arguments...), const char* name) {
-  ASSERT_EQ(library.Hook(Forward<kLevel, Result, Arguments...>, name), 0);
+  ASSERT_EQ(library.Hook(Relay<kLevel, Result, Arguments...>, name), 0);
   if (kLevel == 1) ClobberIn(library.slot(name));
 }
 

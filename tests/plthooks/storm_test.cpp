@@ -20,7 +20,7 @@ using lumora::plthooks::hook_plt_method;
 using lumora::plthooks::plthooks_initialize;
 using lumora::plthooks::unhook_plt_method;
 
-const Library* library = nullptr;
+const Library* shared = nullptr;
 std::atomic<bool> stop{false};
 std::atomic<int> signal_calls{0};
 std::atomic<int> wrong{0};
@@ -31,7 +31,7 @@ int Forward(int value) {
 }
 
 void Call(int times) {
-  for (int value = 0; value < times; ++value) wrong += library->Call(value) != value + 1 ? 1 : 0;
+  for (int value = 0; value < times; ++value) wrong += shared->Call(value) != value + 1 ? 1 : 0;
 }
 
 void CallInSignal(int /*signal*/) {
@@ -43,12 +43,12 @@ void CallInSignal(int /*signal*/) {
 
 /// Adds hooks and removes them.
 void ComeAndGo(int (*hook)(int)) {
-  while (!stop) wrong += library->Hook(hook) + library->Unhook(hook);
+  while (!stop) wrong += shared->Hook(hook) + shared->Unhook(hook);
 }
 
 /// Runs while the guest is loaded and unloaded.
 void HookWhileLoading() {
-  wrong += library->Hook(Forward<3>, "calls_other") + library->Unhook(Forward<3>, "calls_other");
+  wrong += shared->Hook(Forward<3>, "calls_other") + shared->Unhook(Forward<3>, "calls_other");
 }
 
 void LoadAndUnload(std::atomic<int>* rounds) {
@@ -101,7 +101,7 @@ void CallInAChild() {
 
 TEST(Storm, EveryCallIsRight) {
   const Library host;
-  library = &host;
+  shared = &host;
   auto* on_load = host.find<decltype(calls_on_load)>("calls_on_load");
   void* const original = *host.slot();
   std::atomic<int> rounds{0};
