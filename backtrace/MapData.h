@@ -67,8 +67,6 @@ class MapData {
   void AddJavaNativeLib(const MapEntry* entry);
 
  private:
-  friend class MapDataTest;
-
   const MapEntry* Search(std::uint64_t pc) const;
 
   std::mutex mutex_;
