@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/commands/all.h"
+#include "tools/commands/command_line.h"
 
 namespace memleak {
 namespace {
@@ -34,7 +34,7 @@ Exit codes:
 
 int Main(const std::vector<std::string>& arguments) {
   Program program("memleak - control the recording of memory in a process of this device", kHelp,
-                  Edition::kDevice);
+                  true);
   AddOn(&program);
   AddPause(&program);
   AddReport(&program);

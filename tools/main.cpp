@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/commands/all.h"
+#include "tools/commands/command_line.h"
 
 namespace memleak {
 namespace {
@@ -26,7 +26,7 @@ Exit codes:
 
 int Main(const std::vector<std::string>& arguments) {
   Program program("memleak - find which call stacks of a running program hold its memory", kHelp,
-                  Edition::kHost);
+                  false);
   AddRun(&program);
   AddOn(&program);
   AddPause(&program);

@@ -11,7 +11,7 @@
 #include "tools/base/user_error.h"
 #include "tools/export/json.h"
 #include "tools/report/model.h"
-#include "tools/view/show.h"
+#include "tools/view/print.h"
 
 namespace {
 

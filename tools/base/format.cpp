@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Human-readable sizes, counts, ages and names.
 #include "tools/base/format.h"
 
 #include <algorithm>
@@ -96,6 +95,20 @@ std::string FormatCount(std::uint64_t count) {
   return digits;
 }
 
+std::string Counted(std::uint64_t count, const std::string& noun) {
+  return FormatCount(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string Percent(std::uint64_t part, std::uint64_t whole) {
+  if (whole == 0) return "";
+  std::array<char, 16> text{};
+  const double share = 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+  // The sums of a damaged report may exceed its total.
+  if (share >= 1000.0) return ">999 %";
+  std::snprintf(text.data(), text.size(), "%.1f %%", share);
+  return text.data();
+}
+
 std::string FormatClock(std::int64_t seconds_since_epoch) {
   const std::time_t time = seconds_since_epoch;
   std::tm parts{};
@@ -137,6 +150,16 @@ std::string FitWidth(std::string_view text, std::size_t width) {
     back += cell->bytes.size();
   }
   return Printable(text.substr(0, front)) + kGap + Printable(text.substr(text.size() - back));
+}
+
+std::string Right(const std::string& text, std::size_t width) {
+  const std::size_t columns = Columns(text);
+  return columns < width ? std::string(width - columns, ' ') + text : text;
+}
+
+std::string OneLineOrTwo(const std::string& first, const std::string& second) {
+  const bool fits = Columns(first) + 1 + Columns(second) <= kColumns;
+  return first + (fits ? " " : "\n  ") + second;
 }
 
 }  // namespace memleak

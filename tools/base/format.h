@@ -2,6 +2,7 @@
 // Human-readable numbers, times and texts. Any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,6 +14,12 @@ std::string FormatBytes(std::uint64_t bytes);
 
 /// "1,572,864".
 std::string FormatCount(std::uint64_t count);
+
+/// "1 block", "1,234 blocks".
+std::string Counted(std::uint64_t count, const std::string& noun);
+
+/// `part` of `whole` as "51.2 %"; empty if `whole` is 0.
+std::string Percent(std::uint64_t part, std::uint64_t whole);
 
 /// Seconds in at most two units: "8s", "3m 20s", "2h 5m", "1d 4h". A negative age (the clock was
 /// set back) keeps its sign.
@@ -27,5 +34,15 @@ std::string FitWidth(std::string_view text, std::size_t width);
 /// The terminal columns of Printable(text): two for wide (East Asian) characters, four for each
 /// escaped byte, one for other characters.
 std::size_t Columns(std::string_view text);
+
+/// The columns of a terminal that views are made for.
+inline constexpr std::size_t kColumns = 80;
+
+/// `text` padded on the left to `width` columns.
+std::string Right(const std::string& text, std::size_t width);
+
+/// `first` and `second` with a blank between them if they fit into one line, else on two lines, the
+/// second one indented by two.
+std::string OneLineOrTwo(const std::string& first, const std::string& second);
 
 }  // namespace memleak

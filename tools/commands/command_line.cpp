@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Parsing, validation, and printing of errors.
 #include "tools/commands/command_line.h"
 
 #include <algorithm>
-#include <cctype>
 #include <exception>
 #include <iostream>
 #include <limits>
 #include <map>
-#include <memory>
 
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
@@ -17,24 +14,21 @@ namespace memleak {
 namespace {
 
 constexpr std::uint32_t kMaxUint32 = std::numeric_limits<std::uint32_t>::max();
-
-bool IsDigit(char c) {
-  return std::isdigit(static_cast<unsigned char>(c)) != 0;
-}
+constexpr const char* kDigits = "0123456789";
 
 // Strips leading zeros and returns whether the value can be a number. CLI11 converts with strtoull,
 // which accepts signs, wraps numbers above 64 bits and reads a leading zero as octal. A number of
 // 18 characters cannot overflow.
 bool PrepareNumber(std::string* value) {
   constexpr std::size_t kMaxCharacters = 18;
-  while (value->size() > 1 && value->front() == '0' && IsDigit((*value)[1])) value->erase(0, 1);
-  return !value->empty() && IsDigit(value->front()) && value->size() <= kMaxCharacters;
+  while (value->find_first_of(kDigits, 1) == 1 && value->front() == '0') value->erase(0, 1);
+  return value->find_first_of(kDigits) == 0 && value->size() <= kMaxCharacters;
 }
 
 }  // namespace
 
-Program::Program(const char* summary, const char* help, Edition edition)
-    : app_(summary, "memleak"), edition_(edition) {
+Program::Program(const char* summary, const char* help, bool is_device)
+    : app_(summary, "memleak"), is_device_(is_device) {
   app_.require_subcommand(1);
   app_.set_version_flag("--version", "memleak " MEMLEAK_VERSION, "Print the version and exit");
   app_.footer(help);
@@ -47,10 +41,6 @@ CLI::App* Program::AddCommand(const char* name, const char* summary, const std::
   CLI::App* command = app_.add_subcommand(name, summary);
   command->footer(help);
   return command;
-}
-
-void Program::SetAction(CLI::App* command, std::function<int()> run) {
-  command->callback([this, run = std::move(run)] { exit_code_ = run(); });
 }
 
 void Program::KeepDashes(const CLI::App* command, std::vector<std::string>* words) {

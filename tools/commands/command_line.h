@@ -5,29 +5,35 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace memleak {
 
-/// Where the program runs. Some help texts differ.
-enum class Edition : std::uint8_t { kHost, kDevice };
-
 /// The program: each command adds itself, then Run parses the arguments and runs one of them.
 class Program {
  public:
-  /// `summary` is the first line of --help, `help` the text below the list of commands.
-  Program(const char* summary, const char* help, Edition edition);
+  /// `summary` is the first line of --help, `help` the text below the list of commands. Some help
+  /// texts differ on a device.
+  Program(const char* summary, const char* help, bool is_device);
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
   /// Adds the subcommand `name` with `help` below its options. The program owns it.
   CLI::App* AddCommand(const char* name, const char* summary, const std::string& help);
 
-  /// Makes `run` the action of `command`. It returns the exit code and may throw UserError.
-  void SetAction(CLI::App* command, std::function<int()> run);
+  /// The same with the action `run`. It returns the exit code and may throw UserError. The caller
+  /// binds options to the members of the returned Options, which the program owns.
+  template <typename Options>
+  std::pair<CLI::App*, Options*> AddCommand(const char* name, const char* summary,
+                                            const std::string& help, int (*run)(const Options&)) {
+    CLI::App* command = AddCommand(name, summary, help);
+    const auto options = std::make_shared<Options>();
+    command->callback([this, run, options] { exit_code_ = run(*options); });
+    return {command, options.get()};
+  }
 
   /// Stores all words from "--" on, with the "--", in `words` if `command` is the first argument.
   /// CLI11 would parse them.
@@ -37,15 +43,38 @@ class Program {
   /// Throws UserError for a bad command line, and what the command throws.
   int Run(const std::vector<std::string>& arguments);
 
-  Edition GetEdition() const { return edition_; }
+  bool IsDevice() const { return is_device_; }
 
  private:
   CLI::App app_;
-  Edition edition_;
+  bool is_device_;
   int exit_code_ = 0;
   const CLI::App* dashes_command_ = nullptr;
   std::vector<std::string>* dashes_words_ = nullptr;
 };
+
+/// Each adds a command to the program: its options, help and action.
+void AddRun(Program* program);
+void AddOn(Program* program);
+void AddPause(Program* program);
+void AddReport(Program* program);
+void AddClear(Program* program);
+void AddLibs(Program* program);
+void AddFd(Program* program);
+void AddSend(Program* program);
+void AddStatus(Program* program);
+void AddShow(Program* program);
+void AddWatch(Program* program);
+void AddHtml(Program* program);
+void AddDiff(Program* program);
+void AddExport(Program* program);
+
+/// Adds the option or argument `name`, which sets `target`. The help shows `value` after the name.
+template <typename Target>
+CLI::Option* AddOption(CLI::App* command, const char* name, Target* target, const char* value,
+                       const std::string& summary) {
+  return command->add_option(name, *target, summary)->option_text(value);
+}
 
 /// Makes values that `check` rejects an error such as "invalid --by 'x' (bytes, count)"; `expected`
 /// is the text in parentheses. `check` may change the value. Returns `option`.
@@ -61,8 +90,7 @@ CLI::Option* ExpectNumber32(CLI::Option* option, const std::string& expected);
 /// The same for bytes, such as 4096, 64k or 1m. Units are powers of 1024.
 CLI::Option* ExpectBytes(CLI::Option* option);
 
-/// The same for a time of at least `least` seconds, such as 90, 10m, 2h or 1d. The value is
-/// converted to seconds.
+/// The same for a time of at least `least` seconds, such as 90, 10m, 2h or 1d, in seconds.
 CLI::Option* ExpectTime(CLI::Option* option, std::uint32_t least, const std::string& expected);
 
 /// The same for one of `names`. The help lists them as "NAME|NAME".
@@ -79,7 +107,6 @@ CLI::Option* AddChoice(CLI::App* command, const std::string& option, Target* tar
     }
   };
   std::vector<std::string> names;
-  names.reserve(choices.size());
   for (const auto& choice : choices) names.push_back(choice.first);
   return ExpectOneOf(command->add_option_function<std::string>(option, set, summary), names);
 }

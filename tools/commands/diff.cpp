@@ -2,18 +2,15 @@
 // diff: compares two reports.
 #include <cstdint>
 #include <iostream>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/input.h"
-#include "tools/commands/report_options.h"
+#include "tools/commands/options.h"
 #include "tools/export/json.h"
-#include "tools/view/diff_view.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 namespace {
@@ -47,17 +44,13 @@ Exit codes:
   2  error: not a report, not readable, truncated (--partial accepts that), or
      damaged while --fail-over is given)";
 
-constexpr std::size_t kDefaultTop = 10;
-
 struct DiffOptions {
   std::string before;  ///< a report, a root directory that holds one, or a report's JSON document
   std::string after;   ///< the same
-  std::optional<std::uint32_t> top;
-  SymbolOptions symbols;
-  OldSymbolOptions old_symbols;            ///< for `before` only
+  std::size_t top = 10;
   std::optional<std::uint64_t> fail_over;  ///< bytes of growth that are accepted
   bool json = false;
-  bool partial = false;
+  ReadOptions read;
 };
 
 // All bytes of a report. The head does not count Java-native groups. Throws for a damaged report:
@@ -81,10 +74,7 @@ bool GrewOver(const Profile& before, const Profile& after, std::uint64_t limit) 
 }
 
 int Diff(const DiffOptions& options) {
-  SymbolOptions symbols = options.symbols;
-  symbols.progress = true;
-  const auto [before, after] =
-      OpenPair(options.before, options.after, options.partial, symbols, options.old_symbols);
+  const auto [before, after] = OpenPair(options.before, options.after, options.read);
   if (options.fail_over.has_value()) {
     TotalBytes(before);
     TotalBytes(after);
@@ -92,7 +82,7 @@ int Diff(const DiffOptions& options) {
   if (options.json) {
     WriteJson(DiffToJson(before, after), std::cout);
   } else {
-    PrintDifference(before, after, options.top.value_or(kDefaultTop), std::cout);
+    PrintDifference(before, after, options.top, std::cout);
   }
   const bool over = options.fail_over.has_value() && GrewOver(before, after, *options.fail_over);
   return over ? kExitNegative : kExitOk;
@@ -101,22 +91,19 @@ int Diff(const DiffOptions& options) {
 }  // namespace
 
 void AddDiff(Program* program) {
-  CLI::App* command = program->AddCommand("diff", "Show what changed between reports", kHelp);
-  const auto options = std::make_shared<DiffOptions>();
-  command->add_option("OLD", options->before, "Report, root directory, or JSON document")
-      ->required()
-      ->option_text(" ");
-  command->add_option("NEW", options->after, "The same")->required()->option_text(" ");
+  const auto [command, options] =
+      program->AddCommand("diff", "Show what changed between reports", kHelp, Diff);
+  ReadOptions& read = options->read;
+  AddOption(command, "OLD", &options->before, " ", "Report, root directory, or JSON document")
+      ->required();
+  AddOption(command, "NEW", &options->after, " ", "The same")->required();
   AddTop(command, &options->top, "Stacks that grew, and that shrank, to show\n(10); 0: all");
-  ExpectBytes(command
-                  ->add_option("--fail-over", options->fail_over,
-                               "Exit with 1 if the total grew by more (64k)")
-                  ->option_text("BYTES"));
-  AddSymbolOptions(command, &options->symbols);
-  AddOldSymbolOptions(command, &options->old_symbols, nullptr);
+  ExpectBytes(AddOption(command, "--fail-over", &options->fail_over, "BYTES",
+                        "Exit with 1 if the total grew by more (64k)"));
+  AddSymbolOptions(command, &read.symbols);
+  AddOldSymbolOptions(command, &read.old_symbols, nullptr);
   command->add_flag("--json", options->json, "One JSON document, for programs");
-  command->add_flag("--partial", options->partial, "Accept truncated reports");
-  program->SetAction(command, [options] { return Diff(*options); });
+  command->add_flag("--partial", read.partial, "Accept truncated reports");
 }
 
 }  // namespace memleak

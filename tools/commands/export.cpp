@@ -6,21 +6,15 @@
 #include <cstdint>
 #include <cstring>
 #include <iostream>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "tools/base/format.h"
 #include "tools/base/output_file.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/input.h"
-#include "tools/commands/report_options.h"
-#include "tools/export/folded.h"
+#include "tools/commands/options.h"
+#include "tools/export/formats.h"
 #include "tools/export/json.h"
-#include "tools/export/pprof.h"
-#include "tools/export/speedscope.h"
-#include "tools/view/layout.h"
 
 namespace memleak {
 namespace {
@@ -52,8 +46,7 @@ struct ExportOptions {
   Format format = Format::kFolded;
   Measure by = Measure::kBytes;  ///< for folded stacks
   std::string output;            ///< a file; empty: the standard output
-  SymbolOptions symbols;
-  bool partial = false;
+  ReadOptions read;
 };
 
 void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostream& out) {
@@ -100,9 +93,7 @@ int Export(const ExportOptions& options) {
     throw UserError("--by needs --format folded", "other formats hold bytes and blocks");
   }
   RefuseOverwriting(options.output, {FindReport(options.report)});
-  SymbolOptions symbols = options.symbols;
-  symbols.progress = true;
-  const Profile profile = OpenProfile(options.report, options.partial, symbols);
+  const Profile profile = OpenProfile(options.report, options.read);
   WriteOutput(profile, options);
   WarnUnlisted(profile);
   return kExitOk;
@@ -111,8 +102,8 @@ int Export(const ExportOptions& options) {
 }  // namespace
 
 void AddExport(Program* program) {
-  CLI::App* command = program->AddCommand("export", "Write a report in another format", kHelp);
-  const auto options = std::make_shared<ExportOptions>();
+  const auto [command, options] =
+      program->AddCommand("export", "Write a report in another format", kHelp, Export);
   AddReportArgument(command, &options->report);
   AddChoice<Format>(command, "--format", &options->format,
                     {{"folded", Format::kFolded},
@@ -121,14 +112,13 @@ void AddExport(Program* program) {
                      {"json", Format::kJson}},
                     "Output format")
       ->required();
-  command->add_option("-o,--output", options->output, "Output file (default: standard output)")
-      ->option_text("FILE");
+  AddOption(command, "-o,--output", &options->output, "FILE",
+            "Output file (default: standard output)");
   AddChoice<Measure>(command, "--by", &options->by,
                      {{"bytes", Measure::kBytes}, {"count", Measure::kBlocks}},
                      "What folded stacks count (default: bytes)");
-  AddSymbolOptions(command, &options->symbols);
-  command->add_flag("--partial", options->partial, "Accept a truncated report");
-  program->SetAction(command, [options] { return Export(*options); });
+  AddSymbolOptions(command, &options->read.symbols);
+  command->add_flag("--partial", options->read.partial, "Accept a truncated report");
 }
 
 }  // namespace memleak

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -13,7 +12,6 @@
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/hook_outcome.h"
 #include "tools/target/inspect.h"
@@ -144,14 +142,12 @@ int Fd(const FdOptions& options) {
 }  // namespace
 
 void AddFd(Program* program) {
-  CLI::App* command = program->AddCommand("fd", "Track file descriptors", kHelp);
-  const auto options = std::make_shared<FdOptions>();
+  const auto [command, options] = program->AddCommand("fd", "Track file descriptors", kHelp, Fd);
   std::vector<std::pair<std::string, const Action*>> actions;
   for (const Action& action : kActions) actions.emplace_back(action.name, &action);
   AddChoice(command, "ACTION", &options->action, actions, "What to do")->required();
   AddPid(command, &options->pid);
   AddDepth(command, &options->depth, "Frames kept, with on");
-  program->SetAction(command, [options] { return Fd(*options); });
 }
 
 }  // namespace memleak

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // html: a report, or what changed between two, as a page for the browser.
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "tools/base/format.h"
 #include "tools/base/output_file.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/input.h"
-#include "tools/commands/report_options.h"
+#include "tools/commands/options.h"
 #include "tools/export/html.h"
 #include "tools/export/json.h"
 
@@ -35,31 +33,25 @@ struct HtmlOptions {
   std::string report;  ///< a report, a root directory that holds one, or an exported document
   std::string old;     ///< an older report to compare with; empty for none
   std::string output;
-  SymbolOptions symbols;
-  OldSymbolOptions old_symbols;  ///< for `old` only
-  bool partial = false;          ///< show what is there of a truncated report
+  ReadOptions read;
 };
 
-// The page of one report, or of two.
-std::string ReportPage(const HtmlOptions& options) {
-  SymbolOptions symbols = options.symbols;
-  symbols.progress = true;
+// The data of one report, or of two.
+nlohmann::json PageData(const HtmlOptions& options) {
   if (!options.old.empty()) {
-    const auto [before, after] =
-        OpenPair(options.old, options.report, options.partial, symbols, options.old_symbols);
-    return HtmlPage(DiffToJson(before, after));
+    const auto [before, after] = OpenPair(options.old, options.report, options.read);
+    return DiffToJson(before, after);
   }
   const std::string path = FindReport(options.report);
-  if (!IsJsonDocument(path)) return HtmlPage(ToJson(OpenProfile(path, options.partial, symbols)));
-  const Document document = OpenDocument(path, options.partial, symbols);
-  return HtmlPage(document.base ? document.json : ToJson(document.profile));
+  if (!IsJsonDocument(path)) return ToJson(OpenProfile(path, options.read));
+  const Document document = OpenDocument(path, options.read);
+  return document.base ? document.json : ToJson(document.profile);
 }
 
 int Html(const HtmlOptions& options) {
   RefuseOverwriting(options.output, {FindReport(options.report), FindReport(options.old)});
-  const std::string page = ReportPage(options);
-  WritePage(page, options.output);
-  std::cout << "page  " << options.output << " (" << FormatBytes(page.size())
+  const std::size_t bytes = WritePage(PageData(options), options.output);
+  std::cout << "page  " << options.output << " (" << FormatBytes(bytes)
             << "): open it in a browser\n";
   return kExitOk;
 }
@@ -67,19 +59,16 @@ int Html(const HtmlOptions& options) {
 }  // namespace
 
 void AddHtml(Program* program) {
-  CLI::App* command = program->AddCommand("html", "Write a page about a report", kHelp);
-  const auto options = std::make_shared<HtmlOptions>();
+  const auto [command, options] =
+      program->AddCommand("html", "Write a page about a report", kHelp, Html);
+  ReadOptions& read = options->read;
   AddReportArgument(command, &options->report);
-  command->add_option("-o,--output", options->output, "The page")->required()->option_text("FILE");
-  CLI::Option* old =
-      command
-          ->add_option("--diff", options->old,
-                       "Show what changed since this older report or\nits JSON document")
-          ->option_text("OLD");
-  AddSymbolOptions(command, &options->symbols);
-  AddOldSymbolOptions(command, &options->old_symbols, old);
-  command->add_flag("--partial", options->partial, "Accept a truncated report");
-  program->SetAction(command, [options] { return Html(*options); });
+  AddOption(command, "-o,--output", &options->output, "FILE", "The page")->required();
+  CLI::Option* old = AddOption(command, "--diff", &options->old, "OLD",
+                               "Show what changed since this older report or\nits JSON document");
+  AddSymbolOptions(command, &read.symbols);
+  AddOldSymbolOptions(command, &read.old_symbols, old);
+  command->add_flag("--partial", read.partial, "Accept a truncated report");
 }
 
 }  // namespace memleak

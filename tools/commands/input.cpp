@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Finds and opens reports.
 #include "tools/commands/input.h"
 
 #include <algorithm>
@@ -63,7 +62,7 @@ void WarnOfDamage(const Profile& profile) {
 }
 
 // A newer file may be another build, whose symbols are wrong.
-void WarnOfNewerFiles(const Profile& profile, const std::string& remedy) {
+void WarnOfNewerFiles(const Profile& profile, const char* remedy) {
   const auto newer = [](const Library& library) { return library.newer; };
   const auto first = std::find_if(profile.libraries.begin(), profile.libraries.end(), newer);
   if (first == profile.libraries.end()) return;
@@ -92,10 +91,8 @@ void CheckDirectories(const SymbolOptions& options) {
   }
 }
 
-void WarnUnusedSymbolDirs(const std::string& document, const SymbolOptions& options) {
-  if (options.symbol_dirs.empty() && options.sysroot.empty()) return;
-  std::cerr << "memleak: " << FitWidth(document, 60)
-            << ": symbol directories are ignored: the document has its own symbols\n";
+bool HasDirectories(const SymbolOptions& options) {
+  return !options.symbol_dirs.empty() || !options.sysroot.empty();
 }
 
 void ForgetDirectories(SymbolOptions* options) {
@@ -111,18 +108,17 @@ void Check(const Profile& profile, bool partial) {
   WarnOfDamage(profile);
 }
 
-Profile Open(const std::string& given, bool partial, const SymbolOptions& options,
-             const std::string& newer_remedy) {
-  CheckDirectories(options);
+Profile Open(const std::string& given, const ReadOptions& options, const char* newer_remedy) {
+  CheckDirectories(options.symbols);
   const std::string path = FindReport(given);
   if (IsJsonDocument(path)) {
-    Document document = OpenDocument(path, partial, options);
+    Document document = OpenDocument(path, options);
     if (!document.base) return std::move(document.profile);
     throw UserError("document compares two reports: " + path,
                     "name a report, or a document of memleak export --format json");
   }
-  Profile profile = LoadProfile(path, options);
-  Check(profile, partial);
+  Profile profile = LoadProfile(path, options.symbols);
+  Check(profile, options.partial);
   WarnOfNewerFiles(profile, newer_remedy);
   return profile;
 }
@@ -142,31 +138,41 @@ std::string FindReport(const std::string& given) {
   throw UserError("no report below " + given, "write one with: memleak report PID");
 }
 
-Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options) {
-  return Open(given, partial, options, kNewerRemedy);
+Profile OpenProfile(const std::string& given, const ReadOptions& options) {
+  return Open(given, options, kNewerRemedy);
 }
 
-ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
-                     const SymbolOptions& options, const OldSymbolOptions& old_options) {
-  SymbolOptions old_symbols = ForOld(options, old_options);
-  SymbolOptions symbols = options;
+std::pair<Profile, Profile> OpenPair(const std::string& before, const std::string& after,
+                                     const ReadOptions& options) {
+  const SymbolOptions& own = options.old_symbols;
+  ReadOptions later = options;
+  ReadOptions earlier = options;
+  if (!own.sysroot.empty()) earlier.symbols.sysroot = own.sysroot;
+  if (!own.symbol_dirs.empty()) earlier.symbols.symbol_dirs = own.symbol_dirs;
+  // The directories have the libraries of that time, this machine may have newer ones.
+  earlier.symbols.dirs_first = !own.symbol_dirs.empty() && own.sysroot.empty();
   // Directories for both are in use if at least one of the two is a report.
-  const bool own = !old_options.symbol_dirs.empty() || !old_options.sysroot.empty();
-  const bool old_document = IsJsonDocument(FindReport(before));
-  const bool document = IsJsonDocument(FindReport(after));
-  if (old_document && !own) ForgetDirectories(&old_symbols);
-  if (document && !own && !old_document) ForgetDirectories(&symbols);
-  CheckDirectories(options);
-  return {Open(before, partial, old_symbols, kNewerOldRemedy),
-          Open(after, partial, symbols, kNewerRemedy)};
+  const bool earlier_document = IsJsonDocument(FindReport(before));
+  const bool later_document = IsJsonDocument(FindReport(after));
+  if (!HasDirectories(own) && earlier_document) {
+    ForgetDirectories(&earlier.symbols);
+  } else if (!HasDirectories(own) && later_document) {
+    ForgetDirectories(&later.symbols);
+  }
+  CheckDirectories(options.symbols);
+  Profile first = Open(before, earlier, kNewerOldRemedy);
+  return {std::move(first), Open(after, later, kNewerRemedy)};
 }
 
-Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options) {
-  CheckDirectories(options);
-  WarnUnusedSymbolDirs(path, options);
+Document OpenDocument(const std::string& path, const ReadOptions& options) {
+  CheckDirectories(options.symbols);
+  if (HasDirectories(options.symbols)) {
+    std::cerr << "memleak: " << FitWidth(path, 60)
+              << ": symbol directories are ignored: the document has its own symbols\n";
+  }
   Document document = LoadDocument(path);
-  Check(document.profile, partial);
-  if (document.base) Check(*document.base, partial);
+  Check(document.profile, options.partial);
+  if (document.base) Check(*document.base, options.partial);
   return document;
 }
 

@@ -4,8 +4,9 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
-#include "tools/export/json_input.h"
+#include "tools/export/json.h"
 #include "tools/report/model.h"
 
 namespace memleak {
@@ -14,23 +15,24 @@ namespace memleak {
 /// UserError if a root directory has none.
 std::string FindReport(const std::string& given);
 
+/// How reports are read.
+struct ReadOptions {
+  SymbolOptions symbols = {.progress = true};
+  SymbolOptions old_symbols;  ///< directories set here replace those of `symbols` for the earlier
+                              ///< of two reports
+  bool partial = false;       ///< accept truncated reports
+};
+
 /// Loads the report, or the JSON document of one. Warns on the standard error of damaged lines, of
 /// libraries newer than the report, and of symbol directories given for a document. Throws
 /// UserError if it cannot be read, and if it is truncated unless `partial` is set.
-Profile OpenProfile(const std::string& given, bool partial, const SymbolOptions& options);
+Profile OpenProfile(const std::string& given, const ReadOptions& options);
 
-/// Two reports to compare.
-struct ProfilePair {
-  Profile before;
-  Profile after;
-};
-
-/// OpenProfile for both reports. Members set in `old_options` replace those of `options` for the
-/// earlier one.
-ProfilePair OpenPair(const std::string& before, const std::string& after, bool partial,
-                     const SymbolOptions& options, const OldSymbolOptions& old_options);
+/// OpenProfile for an earlier and a later report.
+std::pair<Profile, Profile> OpenPair(const std::string& before, const std::string& after,
+                                     const ReadOptions& options);
 
 /// The document at `path`, of one report or of two. Warns and throws like OpenProfile.
-Document OpenDocument(const std::string& path, bool partial, const SymbolOptions& options);
+Document OpenDocument(const std::string& path, const ReadOptions& options);
 
 }  // namespace memleak

@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
-#include <memory>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/hook_targets.h"
 #include "tools/target/inspect.h"
@@ -173,7 +171,7 @@ class LibraryTable {
   std::size_t total_ = 0;
 };
 
-int ListLibraries(pid_t pid) {
+int ListLibraries(const pid_t& pid) {
   const ProcessInfo process = InspectProcess(pid);
   const ProcessMemory memory(process.pid);
   const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
@@ -185,10 +183,9 @@ int ListLibraries(pid_t pid) {
 }  // namespace
 
 void AddLibs(Program* program) {
-  CLI::App* command = program->AddCommand("libs", "List what can be hooked", kHelp);
-  const auto pid = std::make_shared<pid_t>();
-  AddPid(command, pid.get());
-  program->SetAction(command, [pid] { return ListLibraries(*pid); });
+  const auto [command, pid] =
+      program->AddCommand("libs", "List what can be hooked", kHelp, ListLibraries);
+  AddPid(command, pid);
 }
 
 }  // namespace memleak

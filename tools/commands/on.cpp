@@ -7,13 +7,11 @@
 #include <algorithm>
 #include <iostream>
 #include <iterator>
-#include <memory>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/hook_outcome.h"
 #include "tools/target/hook_targets.h"
@@ -24,7 +22,6 @@
 #include "tools/target/root_directory.h"
 #include "tools/target/signal_sender.h"
 #include "tools/target/site.h"
-#include "tools/view/hooked_pairs.h"
 
 namespace memleak {
 namespace {
@@ -111,6 +108,21 @@ std::string MethodName(char type) {
 // The tracker first starts recording and then clears the tables.
 std::uint64_t StartWord(const OnOptions& options) {
   return options.kind->On() | (options.keep ? 0 : options.kind->Clear());
+}
+
+// Prints one line for each library of `pairs`, which are sorted by library.
+void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out) {
+  std::string library;
+  for (const HookPair& pair : pairs) {
+    if (pair.library == library) {
+      out << ", " << pair.function;
+      continue;
+    }
+    if (!library.empty()) out << "\n";
+    library = pair.library;
+    out << what << FitWidth(library, 80) << ": " << pair.function;
+  }
+  if (!library.empty()) out << "\n";
 }
 
 void PrintWarning(const std::string& line) {
@@ -209,19 +221,32 @@ int StartRecording(const OnOptions& options) {
   return kExitOk;
 }
 
+void PrintStillHooked(const ProcessInfo& process) {
+  const ProcessMemory memory(process.pid);
+  if (!memory.IsOpen()) return;
+  std::vector<HookPair> left;
+  try {
+    left = AllHookedPairs(process, memory);
+  } catch (const UserError&) {
+    return;  // the process has ended
+  }
+  if (left.empty()) return;
+  PrintPairs("hooked  ", left, std::cout);
+  std::cout
+      << "        These hooks record nothing. Each `on` adds a hook; a report removes one, in\n"
+         "        the libraries that the latest `on` has named.\n";
+}
+
 void AddOn(Program* program) {
-  const bool is_device = program->GetEdition() == Edition::kDevice;
-  CLI::App* command =
-      program->AddCommand("on", "Start recording",
-                          (is_device ? kDeviceIntro : kHostIntro) + std::string(kHooks) +
-                              HelpOnHookedKinds() + (kLimits + 1));
-  const auto options = std::make_shared<OnOptions>();
+  const std::string help = (program->IsDevice() ? kDeviceIntro : kHostIntro) + std::string(kHooks) +
+                           HelpOnHookedKinds() + (kLimits + 1);
+  const auto [command, options] =
+      program->AddCommand("on", "Start recording", help, StartRecording);
   AddPid(command, &options->pid);
   command->add_flag("--keep", options->keep, "Keep earlier records");
   AddKind(command, &options->kind);
   AddHookNames(command, &options->libraries, &options->functions);
   AddBacktraceOptions(command, &options->depth, &options->type);
-  program->SetAction(command, [options] { return StartRecording(*options); });
 }
 
 }  // namespace memleak

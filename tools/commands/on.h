@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Starting to record, for `on` and `watch`. Single-threaded.
+// Recording and its hooks, for `on`, `report` and `watch`. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
@@ -9,6 +9,7 @@
 #include <string>
 
 #include "tools/target/kinds.h"
+#include "tools/target/process_info.h"
 
 namespace memleak {
 
@@ -24,5 +25,8 @@ struct OnOptions {
 
 /// Starts recording, prints what is recorded, and returns the exit code. Throws UserError.
 int StartRecording(const OnOptions& options);
+
+/// Prints what is still hooked after a report of a hooked kind, as far as slots can be read.
+void PrintStillHooked(const ProcessInfo& process);
 
 }  // namespace memleak

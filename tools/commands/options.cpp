@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Options that several commands share.
 #include "tools/commands/options.h"
 
 #include <limits>
@@ -7,7 +6,6 @@
 #include <vector>
 
 #include "protocol/protocol.h"
-#include "tools/commands/command_line.h"
 #include "tools/target/site.h"
 
 namespace memleak {
@@ -25,7 +23,7 @@ void ExpectNames(CLI::Option* option) {
 }  // namespace
 
 void AddPid(CLI::App* command, pid_t* pid) {
-  ExpectNumber(command->add_option("PID", *pid, "Process id")->required()->option_text(" "),
+  ExpectNumber(AddOption(command, "PID", pid, " ", "Process id")->required(),
                CLI::Range(1, std::numeric_limits<pid_t>::max()),
                std::string("process id; find it with: ") + Advice().find_pid);
 }
@@ -37,18 +35,15 @@ void AddKind(CLI::App* command, const Kind** kind) {
 }
 
 void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions) {
-  ExpectNames(
-      command->add_option("--lib", *libraries, "Libraries to hook (default: the kind's own)")
-          ->option_text("NAME,..."));
-  ExpectNames(command
-                  ->add_option("--func", *functions,
-                               "Functions to hook (default for mmap:\n" +
-                                   std::string(protocol::KindOf(protocol::MMAP).defaults) + ")")
-                  ->option_text("NAME,..."));
+  ExpectNames(AddOption(command, "--lib", libraries, "NAME,...",
+                        "Libraries to hook (default: the kind's own)"));
+  ExpectNames(AddOption(command, "--func", functions, "NAME,...",
+                        "Functions to hook (default for mmap:\n" +
+                            std::string(protocol::KindOf(protocol::MMAP).defaults) + ")"));
 }
 
 void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const char* summary) {
-  ExpectNumber(command->add_option("--depth", *depth, summary)->option_text("N"),
+  ExpectNumber(AddOption(command, "--depth", depth, "N", summary),
                CLI::Range(1U, protocol::kMaxDepth),
                "frames, 1 to " + std::to_string(protocol::kMaxDepth));
 }
@@ -63,8 +58,34 @@ void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
 }
 
 void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary) {
-  ExpectNumber32(command->add_option("--timeout", *timeout_s, summary)->option_text("SECONDS"),
+  ExpectNumber32(AddOption(command, "--timeout", timeout_s, "SECONDS", summary),
                  "seconds, such as 300; 0 waits forever");
+}
+
+void AddReportArgument(CLI::App* command, std::string* report) {
+  AddOption(command, "REPORT", report, " ", "Report, root directory, or JSON document")->required();
+}
+
+void AddTop(CLI::App* command, std::size_t* top, const char* summary) {
+  ExpectNumber32(AddOption(command, "--top", top, "N", summary), "a number, such as 20; 0 for all");
+}
+
+void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols) {
+  AddOption(command, "--symbols", &symbols->symbol_dirs, "DIR",
+            "Directory of debug files or unstripped\nlibraries; repeatable")
+      ->allow_extra_args(false);
+  AddOption(command, "--sysroot", &symbols->sysroot, "DIR", "Copy of the device's file system");
+  command->add_flag("--debuginfod", symbols->debuginfod, "Also ask the servers in DEBUGINFOD_URLS");
+}
+
+void AddOldSymbolOptions(CLI::App* command, SymbolOptions* symbols, CLI::Option* old) {
+  for (CLI::Option* option : {AddOption(command, "--old-symbols", &symbols->symbol_dirs, "DIR",
+                                        "The same as --symbols, for OLD; repeatable")
+                                  ->allow_extra_args(false),
+                              AddOption(command, "--old-sysroot", &symbols->sysroot, "DIR",
+                                        "The same as --sysroot, for OLD")}) {
+    if (old != nullptr) option->needs(old);
+  }
 }
 
 }  // namespace memleak

@@ -2,14 +2,14 @@
 // Options that several commands share. Single-threaded.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <sys/types.h>
 
 #include <cstdint>
 #include <optional>
 #include <string>
 
+#include "tools/commands/command_line.h"
+#include "tools/symbols/symbol_options.h"
 #include "tools/target/kinds.h"
 
 namespace memleak {
@@ -32,5 +32,18 @@ void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
 
 /// --timeout in seconds, with `summary` in the help.
 void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary);
+
+/// The argument REPORT.
+void AddReportArgument(CLI::App* command, std::string* report);
+
+/// --top, with `summary` in the help.
+void AddTop(CLI::App* command, std::size_t* top, const char* summary);
+
+/// --symbols, --sysroot and --debuginfod.
+void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols);
+
+/// --old-symbols and --old-sysroot, for the earlier of two reports. They require the option `old`
+/// unless it is null.
+void AddOldSymbolOptions(CLI::App* command, SymbolOptions* symbols, CLI::Option* old);
 
 }  // namespace memleak

@@ -3,22 +3,20 @@
 #include <chrono>
 #include <cstdint>
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
+#include "tools/commands/on.h"
 #include "tools/commands/options.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
 #include "tools/target/interference.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
-#include "tools/view/hooked_pairs.h"
-#include "tools/view/show.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 namespace {
@@ -105,16 +103,14 @@ int Report(const ReportOptions& options) {
 }  // namespace
 
 void AddReport(Program* program) {
-  const bool is_device = program->GetEdition() == Edition::kDevice;
-  CLI::App* command = program->AddCommand("report", "Stop recording and write a report",
-                                          is_device ? kDeviceHelp : kHelp);
-  const auto options = std::make_shared<ReportOptions>();
+  const char* help = program->IsDevice() ? kDeviceHelp : kHelp;
+  const auto [command, options] =
+      program->AddCommand("report", "Stop recording and write a report", help, Report);
   AddPid(command, &options->pid);
   AddKind(command, &options->kind);
   AddTimeout(command, &options->timeout_s, "How long to wait (default: 60); 0: forever");
   command->add_flag("--keep-recording", options->keep_recording,
                     "Continue recording; native heap only");
-  program->SetAction(command, [options] { return Report(*options); });
 }
 
 }  // namespace memleak

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/launcher.h"
 
@@ -71,18 +70,14 @@ void AddRun(Program* program) {
   AddKind(command, &options->kind);
   AddHookNames(command, &options->libraries, &options->functions);
   AddBacktraceOptions(command, &options->depth, &options->type);
-  command->add_option("--root", options->root, "Root directory (default: ./memleak.<pid>)")
-      ->option_text("DIR");
-  command->add_option("--log", options->log, "The tracker's log: a file, or \"stderr\"")
-      ->option_text("FILE");
-  command->add_option("--libdir", options->libdir, "Directory of the tracker's two libraries")
-      ->option_text("DIR");
-  command
-      ->add_option("--emulator", options->emulator,
-                   "Emulator for a program of another architecture")
-      ->option_text("COMMAND");
+  AddOption(command, "--root", &options->root, "DIR", "Root directory (default: ./memleak.<pid>)");
+  AddOption(command, "--log", &options->log, "FILE", "The tracker's log: a file, or \"stderr\"");
+  AddOption(command, "--libdir", &options->libdir, "DIR",
+            "Directory of the tracker's two libraries");
+  AddOption(command, "--emulator", &options->emulator, "COMMAND",
+            "Emulator for a program of another architecture");
   program->KeepDashes(command, &options->command);
-  program->SetAction(command, [command, options]() -> int {
+  command->callback([command, options] {
     options->command = ProgramWords(*command, options->command);
     Launch(*options);
   });

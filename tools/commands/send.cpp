@@ -4,12 +4,10 @@
 #include <iomanip>
 #include <iostream>
 #include <limits>
-#include <memory>
 #include <sstream>
 
 #include "protocol/kinds.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/inspect.h"
 #include "tools/target/signal_sender.h"
@@ -66,16 +64,13 @@ int Send(const SendOptions& options) {
 }  // namespace
 
 void AddSend(Program* program) {
-  CLI::App* command = program->AddCommand("send", "Send a control word", Help());
-  const auto options = std::make_shared<SendOptions>();
+  const auto [command, options] = program->AddCommand("send", "Send a control word", Help(), Send);
   AddPid(command, &options->pid);
-  ExpectNumber(
-      command->add_option("--word", options->word, "Control word")->required()->option_text("WORD"),
-      CLI::Range(std::numeric_limits<std::uint64_t>::max()), "64 bits, such as 0x90");
-  ExpectNumber32(command->add_option("--parameter", options->parameter, "Parameter word (0)")
-                     ->option_text("WORD"),
-                 "32 bits, such as 0xa0031");
-  program->SetAction(command, [options] { return Send(*options); });
+  ExpectNumber(AddOption(command, "--word", &options->word, "WORD", "Control word")->required(),
+               CLI::Range(std::numeric_limits<std::uint64_t>::max()), "64 bits, such as 0x90");
+  ExpectNumber32(
+      AddOption(command, "--parameter", &options->parameter, "WORD", "Parameter word (0)"),
+      "32 bits, such as 0xa0031");
 }
 
 }  // namespace memleak

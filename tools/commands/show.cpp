@@ -4,16 +4,13 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/input.h"
-#include "tools/commands/report_options.h"
-#include "tools/view/show.h"
+#include "tools/commands/options.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 namespace {
@@ -61,12 +58,8 @@ Exit codes:
 struct ShowOptions {
   std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
   ViewOptions view;
-  std::optional<std::uint32_t> top;
-  SymbolOptions symbols;
-  bool partial = false;  ///< accept a truncated report
+  ReadOptions read;
 };
-
-constexpr std::size_t kDefaultTop = 10;
 
 // See https://no-color.org: an empty NO_COLOR counts as unset.
 bool WantsColor() {
@@ -77,11 +70,8 @@ bool WantsColor() {
 }
 
 int Show(const ShowOptions& options) {
-  SymbolOptions symbols = options.symbols;
-  symbols.progress = true;
-  const Profile profile = OpenProfile(options.report, options.partial, symbols);
+  const Profile profile = OpenProfile(options.report, options.read);
   ViewOptions view = options.view;
-  view.top = options.top.value_or(kDefaultTop);
   view.color = WantsColor();
   PrintProfile(profile, view, std::cout);
   return kExitOk;
@@ -90,8 +80,7 @@ int Show(const ShowOptions& options) {
 }  // namespace
 
 void AddShow(Program* program) {
-  CLI::App* command = program->AddCommand("show", "Print a report", kHelp);
-  const auto options = std::make_shared<ShowOptions>();
+  const auto [command, options] = program->AddCommand("show", "Print a report", kHelp, Show);
   Selection& selection = options->view.selection;
   AddReportArgument(command, &options->report);
   AddChoice<View>(command, "--by", &options->view.view,
@@ -101,20 +90,14 @@ void AddShow(Program* program) {
                    {"tree", View::kTree},
                    {"callers", View::kCallers}},
                   "View (default: group)");
-  AddTop(command, &options->top, "Groups, rows or branches to show (10); 0: all");
-  command
-      ->add_option("--filter", selection.filter,
-                   "Groups with a matching function, library\nor source file on their stack (as "
-                   "grep -E)")
-      ->option_text("REGEX");
-  ExpectBytes(
-      command
-          ->add_option("--min-size", selection.min_bytes, "Groups of at least this size (64k, 1m)")
-          ->option_text("BYTES"));
-  ExpectTime(command
-                 ->add_option("--older-than", selection.older_than,
-                              "Groups with blocks of at least this age\n(90s, 10m)")
-                 ->option_text("AGE"),
+  AddTop(command, &options->view.top, "Groups, rows or branches to show (10); 0: all");
+  AddOption(command, "--filter", &selection.filter, "REGEX",
+            "Groups with a matching function, library\n"
+            "or source file on their stack (as grep -E)");
+  ExpectBytes(AddOption(command, "--min-size", &selection.min_bytes, "BYTES",
+                        "Groups of at least this size (64k, 1m)"));
+  ExpectTime(AddOption(command, "--older-than", &selection.older_than, "AGE",
+                       "Groups with blocks of at least this age\n(90s, 10m)"),
              0, "an age, such as 90s, 10m, 2h or 1d");
   AddChoice<SortKey>(command, "--sort", &selection.sort,
                      {{"total", SortKey::kTotal},
@@ -122,9 +105,8 @@ void AddShow(Program* program) {
                       {"size", SortKey::kSize},
                       {"age", SortKey::kAge}},
                      "Order (default: total)");
-  AddSymbolOptions(command, &options->symbols);
-  command->add_flag("--partial", options->partial, "Accept a truncated report");
-  program->SetAction(command, [options] { return Show(*options); });
+  AddSymbolOptions(command, &options->read.symbols);
+  command->add_flag("--partial", options->read.partial, "Accept a truncated report");
 }
 
 }  // namespace memleak

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -15,7 +14,6 @@
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
 #include "tools/target/inspect.h"
 #include "tools/target/interference.h"
@@ -120,7 +118,7 @@ std::string SignalText(const ProcessInfo& process) {
   return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
 }
 
-int PrintStatus(pid_t pid) {
+int PrintStatus(const pid_t& pid) {
   const ProcessInfo process = InspectProcess(pid);
   std::cout << "process     " << process.Label() << ", " << Printable(process.executable) << "\n"
             << "tracked     " << SignalText(process) << "\n";
@@ -139,12 +137,10 @@ int PrintStatus(pid_t pid) {
 }  // namespace
 
 void AddStatus(Program* program) {
-  const bool is_device = program->GetEdition() == Edition::kDevice;
-  CLI::App* command =
-      program->AddCommand("status", "Show the state of a process", is_device ? kDeviceHelp : kHelp);
-  const auto pid = std::make_shared<pid_t>();
-  AddPid(command, pid.get());
-  program->SetAction(command, [pid] { return PrintStatus(*pid); });
+  const char* help = program->IsDevice() ? kDeviceHelp : kHelp;
+  const auto [command, pid] =
+      program->AddCommand("status", "Show the state of a process", help, PrintStatus);
+  AddPid(command, pid);
 }
 
 }  // namespace memleak

@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // watch: takes reports at intervals and shows what grew.
-#include <memory>
-
-#include "tools/commands/all.h"
 #include "tools/commands/options.h"
-#include "tools/commands/report_options.h"
 #include "tools/commands/watch_rounds.h"
 
 namespace memleak {
@@ -51,23 +47,19 @@ Exit codes:
 }  // namespace
 
 void AddWatch(Program* program) {
-  CLI::App* command =
-      program->AddCommand("watch", "Take reports at intervals and show what grew", kHelp);
-  const auto options = std::make_shared<WatchOptions>();
+  const auto [command, options] =
+      program->AddCommand("watch", "Take reports at intervals and show what grew", kHelp, Watch);
   AddPid(command, &options->pid);
-  command->add_option("-o,--output", options->directory, "Directory for the reports, a new one")
-      ->required()
-      ->option_text("DIR");
-  ExpectTime(command->add_option("--every", options->every_s, "Time between reports (30s)")
-                 ->option_text("TIME"),
+  AddOption(command, "-o,--output", &options->directory, "DIR",
+            "Directory for the reports, a new one")
+      ->required();
+  ExpectTime(AddOption(command, "--every", &options->every_s, "TIME", "Time between reports (30s)"),
              1, "at least a second, such as 30s, 5m or 1h");
-  ExpectTime(command->add_option("--for", options->for_s, "Total time (10m); 0: no end")
-                 ->option_text("TIME"),
-             0, "a time, such as 10m or 2h; 0 for no end");
+  ExpectTime(AddOption(command, "--for", &options->for_s, "TIME", "Total time (10m); 0: no end"), 0,
+             "a time, such as 10m or 2h; 0 for no end");
   AddTimeout(command, &options->timeout_s, "Seconds to wait for each report (60)");
   AddTop(command, &options->top, "Groups to print (10); 0: all");
   AddSymbolOptions(command, &options->symbols);
-  program->SetAction(command, [options] { return Watch(*options); });
 }
 
 }  // namespace memleak

@@ -13,7 +13,6 @@
 #include <functional>
 #include <iomanip>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -25,7 +24,6 @@
 #include "tools/commands/on.h"
 #include "tools/export/html.h"
 #include "tools/export/json.h"
-#include "tools/export/trend_json.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
 #include "tools/target/interference.h"
@@ -33,7 +31,7 @@
 #include "tools/target/report_file.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/take_report.h"
-#include "tools/view/trend_table.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 namespace {
@@ -41,8 +39,6 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-
-constexpr std::uint32_t kDefaultTop = 10;
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -292,7 +288,7 @@ void Rounds::WriteDifferencePage() const {
     return LoadProfile((fs::path(options_.directory) / report.file).string(), options_.symbols);
   };
   const std::string path = (fs::path(options_.directory) / "leak.html").string();
-  WritePage(HtmlPage(DiffToJson(load(reports_.front()), load(reports_.back()))), path);
+  WritePage(DiffToJson(load(reports_.front()), load(reports_.back())), path);
   std::cout << "page     " << path << "\n";
 }
 
@@ -308,7 +304,7 @@ void Rounds::Finish() const {
   }
   std::cout << "\n";
   if (reports_.size() > 1) {
-    PrintTrends(reports_, groups, options_.top.value_or(kDefaultTop), std::cout);
+    PrintTrends(reports_, groups, options_.top, std::cout);
   } else {
     std::cout << "One report is not enough to measure growth\n";
   }

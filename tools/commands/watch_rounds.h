@@ -17,10 +17,10 @@ namespace memleak {
 struct WatchOptions {
   pid_t pid = 0;
   std::uint32_t every_s = 30;
-  std::uint32_t for_s = 600;         ///< from the first report to the last; 0: without end
-  std::uint32_t timeout_s = 60;      ///< for each report; 0: without end
-  std::string directory;             ///< for the reports; made when missing, else empty
-  std::optional<std::uint32_t> top;  ///< groups to print (10); 0: all
+  std::uint32_t for_s = 600;     ///< from the first report to the last; 0: without end
+  std::uint32_t timeout_s = 60;  ///< for each report; 0: without end
+  std::string directory;         ///< for the reports; made when missing, else empty
+  std::size_t top = 10;          ///< groups to print; 0: all
   SymbolOptions symbols;
 };
 

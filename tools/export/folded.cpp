@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sums up the groups of each stack.
-#include "tools/export/folded.h"
-
+// A profile as folded stacks.
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "tools/base/names.h"
+#include "tools/export/formats.h"
 
 namespace memleak {
 namespace {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Inserts the data into the page.
 #include "tools/export/html.h"
 
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tools/base/output_file.h"
@@ -10,13 +8,9 @@
 #include "tools/export/json.h"
 
 namespace memleak {
-namespace {
 
-constexpr std::string_view kDataMark = "@DATA@";
-
-}  // namespace
-
-std::string HtmlPage(const nlohmann::json& document) {
+std::size_t WritePage(const nlohmann::json& document, const std::string& path) {
+  constexpr std::string_view kDataMark = "@DATA@";
   const std::string_view shell = PageShell();
   const std::size_t mark = shell.find(kDataMark);
   if (mark == std::string_view::npos) {
@@ -36,13 +30,10 @@ std::string HtmlPage(const nlohmann::json& document) {
     }
   }
   page.append(shell.substr(mark + kDataMark.size()));
-  return page;
-}
-
-void WritePage(const std::string& page, const std::string& path) {
   OutputFile file(path);
   file.Stream() << page;
   file.Commit();
+  return page.size();
 }
 
 }  // namespace memleak

@@ -3,6 +3,7 @@
 // Single-threaded.
 #pragma once
 
+#include <cstddef>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -13,11 +14,9 @@ namespace memleak {
 /// generated source.
 std::string_view PageShell();
 
-/// The page for a document of format "memleak-profile": one file without external references.
-/// Throws UserError in builds without the page.
-std::string HtmlPage(const nlohmann::json& document);
-
-/// Writes `page` to the file at `path`. Throws UserError when that fails.
-void WritePage(const std::string& page, const std::string& path);
+/// Writes the page for a document of format "memleak-profile" to the file at `path`: one file
+/// without external references. Returns its size in bytes. Throws UserError when that fails, and in
+/// builds without the page.
+std::size_t WritePage(const nlohmann::json& document, const std::string& path);
 
 }  // namespace memleak

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The documents, member by member.
 #include "tools/export/json.h"
 
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "tools/base/files.h"
 #include "tools/base/names.h"
 #include "tools/report/aggregate.h"
 #include "tools/report/diff.h"
@@ -17,11 +16,15 @@ namespace {
 
 using nlohmann::json;
 
+const char* KindName(GroupKind kind) {
+  return kind == GroupKind::kNative ? "native" : "java";
+}
+
 json LibrariesToJson(const Profile& profile) {
   json list = json::array();
   for (const Library& library : profile.libraries) {
     list.push_back({{"path", library.path},
-                    {"name", library.path.substr(library.path.rfind('/') + 1)},
+                    {"name", LastPart(library.path)},
                     {"buildId", library.build_id},
                     {"found", library.found},
                     {"hint", library.hint}});
@@ -45,7 +48,7 @@ json FramesToJson(const Profile& profile) {
 
 // `age_span` is that of the whole report.
 json GroupToJson(const Group& group, std::int64_t age_span) {
-  return {{"kind", group.kind == GroupKind::kNative ? "native" : "java"},
+  return {{"kind", KindName(group.kind)},
           {"size", group.size},
           {"count", group.count},
           {"total", group.total},
@@ -79,6 +82,28 @@ json TotalsToJson(const Profile& profile) {
           {"javaGroups", java.groups}};
 }
 
+json TrendToJson(const GroupTrend& group) {
+  json values = json::array();
+  for (const GroupValue& value : group.values) {
+    values.push_back(value.known ? json{{"count", value.count}, {"total", value.total}} : json());
+  }
+  json document = {{"kind", KindName(group.kind)},
+                   {"size", group.size},
+                   {"stack", group.stack},
+                   {"libraries", group.libraries},
+                   {"values", std::move(values)},
+                   {"growth", nullptr},
+                   {"line", nullptr}};
+  if (group.Growth()) document["growth"] = *group.Growth();
+  if (group.line) {
+    document["line"] = {{"bytesPerMinute", group.line->slope},
+                        {"margin95", nullptr},
+                        {"rSquared", group.line->r_squared}};
+    if (group.line->margin) document["line"]["margin95"] = *group.line->margin;
+  }
+  return document;
+}
+
 }  // namespace
 
 json ToJson(const Profile& profile) {
@@ -106,6 +131,24 @@ json DiffToJson(const Profile& before, const Profile& after) {
     group["before"] = {{"count", change.before.count}, {"total", change.before.total}};
     group["status"] = ChangeName(change.change);
   }
+  return document;
+}
+
+json TrendsToJson(const std::string& process, const std::vector<SavedReport>& reports,
+                  const std::vector<GroupTrend>& groups, const std::optional<TrendBreak>& broken) {
+  json document = {{"format", "memleak-trend"}, {"version", 1},      {"process", process},
+                   {"reports", json::array()},  {"broken", nullptr}, {"groups", json::array()}};
+  for (const SavedReport& report : reports) {
+    document["reports"].push_back({{"file", report.file},
+                                   {"time", report.time},
+                                   {"seconds", report.seconds},
+                                   {"bytes", report.bytes},
+                                   {"groups", report.groups},
+                                   {"unlistedBytes", report.unlisted.bytes},
+                                   {"unlistedGroups", report.unlisted.groups}});
+  }
+  if (broken) document["broken"] = {{"seconds", broken->seconds}, {"why", broken->why}};
+  for (const GroupTrend& group : groups) document["groups"].push_back(TrendToJson(group));
   return document;
 }
 

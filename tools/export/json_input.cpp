@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads the document member by member and checks every index.
-#include "tools/export/json_input.h"
-
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
-#include <set>
 #include <stdexcept>
 
 #include "tools/base/user_error.h"
 #include "tools/export/json.h"
+#include "tools/report/diff.h"
 
 namespace memleak {
 namespace {
@@ -106,12 +105,12 @@ Profile ProfileOf(const json& document) {
 
 // The earlier report of two, without groups.
 Profile BaseOf(const json& document) {
-  static const std::set<std::string> kStatus = {"grew", "shrank", "new", "gone", "same", "unknown"};
   for (const json& group : document.at("groups")) {
     const json& before = group.at("before");
     Number(before, "count");
     Number(before, "total");
-    if (kStatus.count(Text(group, "status")) == 0) throw std::out_of_range("an unknown status");
+    if (std::ranges::count(kChangeNames, Text(group, "status")) == 0)
+      throw std::out_of_range("an unknown status");
   }
   Profile base;
   ReadHead(document.at("base"), &base);
@@ -153,9 +152,7 @@ Document LoadDocument(const std::string& path) {
       loaded.profile.path = path;
     }
     return loaded;
-  } catch (const json::exception& error) {
-    throw UserError("damaged document: " + path + " (" + error.what() + ")", kRemedy);
-  } catch (const std::out_of_range& error) {
+  } catch (const std::exception& error) {
     throw UserError("damaged document: " + path + " (" + error.what() + ")", kRemedy);
   }
 }

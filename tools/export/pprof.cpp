@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Builds the tables of strings, functions, mappings and locations, and the samples.
-#include "tools/export/pprof.h"
-
+// A profile in the format of pprof.
 #include <google/protobuf/io/gzip_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>
 
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "tools/base/names.h"
+#include "tools/export/formats.h"
 #include "tools/export/profile.pb.h"
 
 namespace memleak {

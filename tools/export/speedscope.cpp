@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each group is one sample, weighted by what it holds.
-#include "tools/export/speedscope.h"
-
+// A profile for the speedscope viewer: each group is one sample, weighted by what it holds.
 #include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "tools/export/folded.h"
+#include "tools/base/files.h"
+#include "tools/export/formats.h"
 #include "tools/export/json.h"
 
 namespace memleak {
@@ -96,7 +94,7 @@ void WriteSpeedscope(const Profile& profile, std::ostream& out) {
   }
   const json document = {{"$schema", "https://www.speedscope.app/file-format-schema.json"},
                          {"exporter", "memleak"},
-                         {"name", profile.path.substr(profile.path.rfind('/') + 1)},
+                         {"name", LastPart(profile.path)},
                          {"activeProfileIndex", 0},
                          {"profiles", std::move(profiles)},
                          {"shared", {{"frames", frames.TakeEntries()}}}};

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Merges two profiles and judges their groups.
 #include "tools/report/diff.h"
 
 #include <algorithm>
@@ -77,24 +76,6 @@ std::set<std::string> SharedBuilds(const Profile& before, const Profile& after) 
 }
 
 }  // namespace
-
-const char* ChangeName(Change change) {
-  switch (change) {
-    case Change::kGrew:
-      return "grew";
-    case Change::kShrank:
-      return "shrank";
-    case Change::kNew:
-      return "new";
-    case Change::kGone:
-      return "gone";
-    case Change::kSame:
-      return "same";
-    case Change::kUnknown:
-      break;
-  }
-  return "unknown";
-}
 
 Difference Compare(const Profile& before, const Profile& after) {
   Difference difference;

@@ -2,6 +2,7 @@
 // Compares two reports group by group. Used by `diff`, `html` and `watch`; single-threaded.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -20,8 +21,12 @@ enum class Change {
   kUnknown,  ///< not judged: a report that omits groups may hide a part of the group
 };
 
-/// The word for `change` in tables and documents.
-const char* ChangeName(Change change);
+/// The words for changes in tables and documents, by Change.
+inline constexpr std::array kChangeNames = {"grew", "shrank", "new", "gone", "same", "unknown"};
+
+constexpr const char* ChangeName(Change change) {
+  return kChangeNames.at(static_cast<std::size_t>(change));
+}
 
 /// The figures of both reports for blocks of one size with one stack of functions.
 struct GroupChange {

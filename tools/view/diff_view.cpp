@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stacks with their block sizes, largest change first.
-#include "tools/view/diff_view.h"
-
+// The difference of two reports: stacks with their block sizes, largest change first.
 #include <algorithm>
 #include <iomanip>
 #include <limits>
@@ -13,7 +11,6 @@
 
 #include "tools/base/format.h"
 #include "tools/report/diff.h"
-#include "tools/view/layout.h"
 #include "tools/view/show_views.h"
 
 namespace memleak {

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints the figures of the report before a view; after it, what is not shown, and which files
-// would give more symbols.
-#include "tools/view/show.h"
+#include "tools/view/show_views.h"
 
 #include <algorithm>
 #include <ostream>
 #include <utility>
 #include <vector>
 
+#include "tools/base/files.h"
 #include "tools/base/format.h"
-#include "tools/view/layout.h"
 
 namespace memleak {
 namespace {
@@ -101,7 +99,7 @@ void PrintHints(const Profile& profile, const std::vector<bool>& shown, std::ost
   if (lacking.empty()) return;
   out << "\nNo source lines without these files (see --symbols, --sysroot):\n";
   for (std::size_t i = 0; i < lacking.size() && i < kHintsShown; ++i) {
-    const std::string owner = lacking[i]->found ? "  of " + BaseName(lacking[i]->path) : "";
+    const std::string owner = lacking[i]->found ? "  of " + LastPart(lacking[i]->path) : "";
     const std::string name = FitWidth(owner, kColumns / 3);
     out << "  " << FitWidth(lacking[i]->hint, kColumns - 2 - Columns(name)) << name << "\n";
   }

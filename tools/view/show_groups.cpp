@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/view/show_views.h"
 
@@ -53,7 +54,7 @@ void PrintFrame(const std::string& function, const std::string& location, const 
 }
 
 std::string Location(const Profile& profile, const Frame& frame) {
-  if (!frame.file.empty()) return BaseName(frame.file) + ":" + std::to_string(frame.line);
+  if (!frame.file.empty()) return LastPart(frame.file) + ":" + std::to_string(frame.line);
   if (frame.function.empty()) return "";
   Frame nameless = frame;
   nameless.function.clear();

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "tools/base/format.h"
-#include "tools/view/layout.h"
 #include "tools/view/show_views.h"
 
 namespace memleak {

@@ -1,24 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
-// The views of a report's groups. Used by PrintProfile; single-threaded.
+// The views of a report's groups. Single-threaded.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <iosfwd>
+#include <string>
 
-#include "tools/report/aggregate.h"
-#include "tools/report/model.h"
-#include "tools/view/layout.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 
-enum class View { kGroups, kLibraries, kFunctions, kTree, kCallers };
+/// Colours text, unless it is off.
+class Paint {
+ public:
+  explicit Paint(bool on) : on_(on) {}
+  /// For the main figure of a line, names of functions, and less important text.
+  std::string Strong(const std::string& text) const { return Wrap("\033[1m", text); }
+  std::string Name(const std::string& text) const { return Wrap("\033[36m", text); }
+  std::string Faint(const std::string& text) const { return Wrap("\033[2m", text); }
 
-struct ViewOptions {
-  View view = View::kGroups;
-  std::size_t top = 10;      ///< groups, rows, or branches at each fork; 0: all
-  Selection selection = {};  ///< its kind is ignored: native groups are printed, then Java-native
-  bool color = false;
+ private:
+  std::string Wrap(const char* begin, const std::string& text) const {
+    return on_ ? begin + text + "\033[0m" : text;
+  }
+  bool on_;
 };
 
 /// The selected groups of one kind.

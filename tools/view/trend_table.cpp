@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The table of trends.
-#include "tools/view/trend_table.h"
-
+// The table of groups that grew between the reports of `watch`.
 #include <algorithm>
 #include <cmath>
 #include <iomanip>
@@ -9,7 +7,7 @@
 #include <sstream>
 
 #include "tools/base/format.h"
-#include "tools/view/layout.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 namespace {
@@ -89,7 +87,7 @@ std::string UnlistedText(const SavedReport& report) {
 }  // namespace
 
 void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<GroupTrend>& groups,
-                 std::uint32_t top, std::ostream& out) {
+                 std::size_t top, std::ostream& out) {
   const SavedReport& first = reports.front();
   const SavedReport& last = reports.back();
   out << "From the first of " << reports.size() << " reports to the last, in "

@@ -6,7 +6,7 @@
 
 #include "tools/commands/watch_rounds.h"
 #include "tools/report/trend.h"
-#include "tools/view/trend_table.h"
+#include "tools/view/print.h"
 
 namespace memleak {
 namespace {

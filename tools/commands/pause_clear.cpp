@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// pause: stops recording and keeps the records. clear: drops all records.
+#include <iostream>
+
+#include "tools/base/user_error.h"
+#include "tools/commands/options.h"
+#include "tools/target/inspect.h"
+#include "tools/target/interference.h"
+#include "tools/target/signal_sender.h"
+
+namespace memleak {
+namespace {
+
+constexpr const char* kPauseHelp = R"(
+Records no new blocks; blocks that are freed are still removed from the tables.
+`memleak on PID --keep` resumes. For hooked kinds, releases are not recorded
+either; the hooks stay and do nothing, and resuming adds hooks once more.
+
+Examples:
+  memleak pause 4711
+  memleak pause 4711 --kind mmap
+
+Exit codes:
+  0  the command was sent
+  2  no such process, not permitted, not tracked, or memory of another kind is
+     recorded)";
+
+constexpr const char* kClearHelp = R"(
+Drops all records, of every kind. Recording stays on or off. --kind is the kind
+that is being recorded.
+
+Examples:
+  memleak clear 4711
+  memleak clear 4711 --kind mmap
+
+Exit codes:
+  0  the command was sent
+  2  no such process, not permitted, not tracked, or memory of another kind is
+     recorded)";
+
+struct Options {
+  pid_t pid = 0;
+  const Kind* kind = &protocol::kNative;
+};
+
+// Sends `word` for the recorded kind. Returns the process.
+ProcessInfo Send(const Options& options, std::uint64_t word) {
+  ProcessInfo process = RequireTracked(options.pid);
+  RefuseMixedKinds(process, *options.kind);
+  SendCommand(process, word, 0);
+  return process;
+}
+
+int Pause(const Options& options) {
+  std::cout << Send(options, options.kind->Pause()).Label() << ": recording paused; "
+            << (options.kind->IsNative() ? "freed blocks are still removed from the tables"
+                                         : "the hooks stay and do nothing")
+            << "\n";
+  return kExitOk;
+}
+
+int Clear(const Options& options) {
+  std::cout << Send(options, options.kind->Clear()).Label() << ": tables emptied\n";
+  return kExitOk;
+}
+
+void Add(Program* program, const char* name, const char* summary, const char* help,
+         int (*run)(const Options&)) {
+  const auto [command, options] = program->AddCommand(name, summary, help, run);
+  AddPid(command, &options->pid);
+  AddKind(command, &options->kind);
+}
+
+}  // namespace
+
+void AddPause(Program* program) {
+  Add(program, "pause", "Stop recording and keep the records", kPauseHelp, Pause);
+}
+
+void AddClear(Program* program) {
+  Add(program, "clear", "Drop all records", kClearHelp, Clear);
+}
+
+}  // namespace memleak

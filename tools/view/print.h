@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// Prints reports for an 80-column terminal. Single-threaded.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <vector>
+
+#include "tools/report/aggregate.h"
+#include "tools/report/model.h"
+#include "tools/report/trend.h"
+
+namespace memleak {
+
+/// Printed for a report without groups.
+inline constexpr const char* kNothingHeld =
+    "nothing recorded is still held; was recording on? (memleak on PID)";
+
+enum class View { kGroups, kLibraries, kFunctions, kTree, kCallers };
+
+struct ViewOptions {
+  View view = View::kGroups;
+  std::size_t top = 10;      ///< groups, rows, or branches at each fork; 0: all
+  Selection selection = {};  ///< its kind is ignored: native groups are printed, then Java-native
+  bool color = false;
+};
+
+/// Prints the figures of the report, the view of its groups, and how much is not shown. Throws
+/// UserError if the filter is invalid, before anything is printed.
+void PrintProfile(const Profile& profile, const ViewOptions& options, std::ostream& out);
+
+/// Prints the totals of both reports, the `top` stacks (0: all) that grew most and the `top` stacks
+/// that shrank most, one line for each block size, and what is not judged or not listed.
+void PrintDifference(const Profile& before, const Profile& after, std::size_t top,
+                     std::ostream& out);
+
+/// Prints at most `top` groups that grew (0: all), the number of all groups, and how much is not
+/// judged or not listed.
+void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<GroupTrend>& groups,
+                 std::size_t top, std::ostream& out);
+
+}  // namespace memleak
