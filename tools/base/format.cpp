@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -87,6 +88,12 @@ std::string FormatBytes(std::uint64_t bytes) {
   std::array<char, 32> text{};
   std::snprintf(text.data(), text.size(), "%.1f %s", value, kUnits.at(unit));
   return text.data();
+}
+
+std::string FormatGrowth(double bytes) {
+  constexpr double kMaxBytes = 1e18;
+  const auto magnitude = std::llround(std::min(std::fabs(bytes), kMaxBytes));
+  return (bytes < 0 ? "-" : "+") + FormatBytes(static_cast<std::uint64_t>(magnitude));
 }
 
 std::string FormatCount(std::uint64_t count) {

@@ -12,6 +12,9 @@ namespace memleak {
 /// "512 B", "1.5 KiB", "12.0 MiB", ... up to EiB; one decimal above bytes.
 std::string FormatBytes(std::uint64_t bytes);
 
+/// "+1.5 KiB", "-3 B", "+0 B".
+std::string FormatGrowth(double bytes);
+
 /// "1,572,864".
 std::string FormatCount(std::uint64_t count);
 

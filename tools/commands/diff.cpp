@@ -56,8 +56,7 @@ struct DiffOptions {
 // All bytes of a report. The head does not count Java-native groups. Throws for a damaged report:
 // its total may read as 0, and --fail-over would pass.
 std::uint64_t TotalBytes(const Profile& profile) {
-  const bool whole = profile.complete && profile.damaged_lines == 0;
-  if (!whole || profile.header.total_bytes < profile.Listed(GroupKind::kNative).bytes) {
+  if (!profile.IsWhole() || profile.header.total_bytes < profile.Listed(GroupKind::kNative).bytes) {
     throw UserError("report is damaged, its total is not known: " + profile.path,
                     "leave out --fail-over, or write the report again");
   }

@@ -80,13 +80,12 @@ class LibraryTable {
           library.name == protocol::kTrackerLibrary || library.name == protocol::kPreloadLibrary;
       if (!library.is_program && !own) Add(library);
     }
-    std::sort(rows_.begin(), rows_.end(),
-              [](const Row& a, const Row& b) { return a.library->name < b.library->name; });
+    std::ranges::sort(rows_, {}, [](const Row& row) { return row.library->name; });
   }
 
-  void Print(const std::string& label) const {
-    const std::size_t can = static_cast<std::size_t>(std::count_if(
-        rows_.begin(), rows_.end(), [](const Row& row) { return row.can_be_hooked; }));
+  /// Returns whether anything can be hooked.
+  bool Print(const std::string& label) const {
+    const auto can = std::ranges::count_if(rows_, &Row::can_be_hooked);
     std::cout << label << ": functions can be hooked in " << can << " of " << total_
               << " libraries\n";
     if (!rows_.empty()) PrintRows();
@@ -101,11 +100,7 @@ class LibraryTable {
       std::cout << "Cannot read the slots: this needs root, or the right to debug the process.\n"
                    "Some may be hooked already, or unresolved.\n";
     }
-  }
-
-  bool AnyCanBeHooked() const {
-    return std::any_of(rows_.begin(), rows_.end(),
-                       [](const Row& row) { return row.can_be_hooked; });
+    return can != 0;
   }
 
  private:
@@ -116,9 +111,8 @@ class LibraryTable {
   };
 
   bool IsUsed(const State* state) const {
-    return std::any_of(rows_.begin(), rows_.end(), [&](const Row& row) {
-      return std::find(row.states.begin(), row.states.end(), state) != row.states.end();
-    });
+    return std::ranges::any_of(
+        rows_, [&](const Row& row) { return std::ranges::count(row.states, state) != 0; });
   }
 
   void Add(const LoadedLibrary& library) {
@@ -136,10 +130,9 @@ class LibraryTable {
   }
 
   void PrintRows() const {
-    constexpr std::size_t kTerminalColumns = 80;
     constexpr std::size_t kMinNameColumns = 16;
     std::vector<std::size_t> widths;
-    std::size_t rest = kTerminalColumns - 1;
+    std::size_t rest = kColumns - 1;
     for (const std::string& function : HookableFunctions()) {
       widths.push_back(std::max<std::size_t>(7, function.size()));
       rest -= std::min(rest, widths.back() + 1);
@@ -175,9 +168,7 @@ int ListLibraries(const pid_t& pid) {
   const ProcessInfo process = InspectProcess(pid);
   const ProcessMemory memory(process.pid);
   const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
-  const LibraryTable table(loaded, memory);
-  table.Print(process.Label());
-  return table.AnyCanBeHooked() ? kExitOk : kExitNegative;
+  return LibraryTable(loaded, memory).Print(process.Label()) ? kExitOk : kExitNegative;
 }
 
 }  // namespace

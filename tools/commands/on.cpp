@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <iostream>
-#include <iterator>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
@@ -158,12 +157,9 @@ std::uint32_t WriteHookSettings(const ProcessInfo& process, const OnOptions& opt
 void PrintHooked(const HookPlan& plan, const HookOutcome& outcome) {
   if (!outcome.slots_read) return PrintPairs("requested  ", plan.pairs, std::cout);
   PrintPairs("hooked  ", outcome.hooked, std::cout);
-  std::vector<HookPair> missing;
-  std::copy_if(plan.pairs.begin(), plan.pairs.end(), std::back_inserter(missing),
-               [&](const HookPair& pair) {
-                 return std::find(outcome.hooked.begin(), outcome.hooked.end(), pair) ==
-                        outcome.hooked.end();
-               });
+  std::vector<HookPair> missing = plan.pairs;
+  std::erase_if(
+      missing, [&](const HookPair& pair) { return std::ranges::count(outcome.hooked, pair) != 0; });
   PrintPairs("memleak: not hooked: ", missing, std::cerr);
 }
 

@@ -102,11 +102,66 @@ class Rounds {
         begin_(steady_clock::now()) {}
 
   /// Takes reports until the end. Returns the error line of a failure, else an empty string.
-  std::string Run();
-  void Finish() const;
-  std::size_t Reports() const { return reports_.size(); }
+  std::string Run() {
+    const milliseconds every(1000LL * options_.every_s);
+    const milliseconds whole(1000LL * options_.for_s);
+    try {
+      bool more = Round();
+      std::optional<milliseconds> due(0);
+      // After an interrupt during a round, one more round: it includes the blocks allocated since.
+      while (more) {
+        const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
+        due = NextDue(*due, every, whole, now);
+        if (!due || !WaitUntil(begin_ + *due)) break;
+        const bool is_last = interrupted != 0;
+        more = Round() && !is_last;
+      }
+    } catch (const UserError& error) {
+      // A process that ends during a report is no failure if there are reports.
+      if (reports_.empty()) throw;
+      if (IsRunning()) return error.what();
+    }
+    if (broken_ && IsEnding()) broken_.reset();
+    if (broken_) {
+      return process_.Label() + ": " + broken_->why + "; the trend ends with report " +
+             std::to_string(reports_.size()) + " (to continue, start another watch)";
+    }
+    if (!IsRunning()) std::cout << process_.Label() << " has ended" << std::endl;
+    return "";
+  }
+
+  void Finish() const {
+    const std::vector<GroupTrend> groups = trends_.Result();
+    const std::string path = (fs::path(options_.directory) / "trend.json").string();
+    std::ofstream file(path, std::ios::binary);
+    WriteJson(TrendsToJson(process_.Label(), reports_, groups, broken_), file);
+    file.close();
+    if (!file) {
+      throw UserError("cannot write " + path + ": " + std::strerror(errno),
+                      "make room, or name another directory with -o DIR");
+    }
+    std::cout << "\n";
+    if (reports_.size() > 1) {
+      PrintTrends(reports_, groups, options_.top, std::cout);
+    } else {
+      std::cout << "One report is not enough to measure growth\n";
+    }
+    if (broken_) {
+      std::cout << "ended early, after " << FormatAge(std::llround(broken_->seconds)) << ": "
+                << broken_->why << "\n";
+    }
+    std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
+    if (reports_.size() > 1 && !PageShell().empty()) WriteDifferencePage();
+    if (IsRunning() && !broken_) {
+      std::cout << "Recording continues; to stop it: memleak report " << process_.pid << "\n";
+    }
+  }
 
  private:
+  Profile Load(const SavedReport& report) const {
+    return LoadProfile((fs::path(options_.directory) / report.file).string(), options_.symbols);
+  }
+
   // Distinguishes a new process with the same id.
   static std::optional<std::uint64_t> StartOf(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/stat";
@@ -114,15 +169,129 @@ class Rounds {
   }
   bool IsRunning() const { return IsAlive(process_.pid) && StartOf(process_.pid) == started_; }
 
-  bool IsEnding() const;
-  bool WaitUntil(steady_clock::time_point time);
-  std::string Interference() const;
-  bool Round();
-  bool ContinueUnless(const std::string& why);
-  bool Belongs(const ReportHeader& header);
-  void WriteDifferencePage() const;
-  std::string Save(std::time_t now) const;
-  void PrintRound(const SavedReport& saved, milliseconds took) const;
+  // Whether a process with a report at exit is about to end. The log does not show whether a report
+  // was written at exit or for another command.
+  bool IsEnding() const {
+    constexpr milliseconds kPollInterval(100);
+    constexpr int kMaxPolls = 30;
+    const auto found = process_.environment.find(protocol::kReportAtExitVariable);
+    const bool reports = found != process_.environment.end() && !found->second.empty();
+    for (int poll = 0; reports && IsRunning() && poll < kMaxPolls; ++poll) {
+      std::this_thread::sleep_for(kPollInterval);
+    }
+    return !IsRunning();
+  }
+
+  // Returns false if the process has ended.
+  bool WaitUntil(steady_clock::time_point time) {
+    constexpr milliseconds kPollInterval(100);
+    constexpr int kPollsPerCheck = 10;
+    for (int poll = 1; interrupted == 0 && steady_clock::now() < time; ++poll) {
+      if (!IsRunning()) return false;
+      if (poll % kPollsPerCheck == 0 && !Interference().empty()) break;
+      const auto left = std::chrono::ceil<milliseconds>(time - steady_clock::now());
+      std::this_thread::sleep_for(std::clamp(left, milliseconds(0), kPollInterval));
+    }
+    return IsRunning();
+  }
+
+  // What another command has done since the first report; empty if nothing is known.
+  std::string Interference() const {
+    if (log_->IsReadable()) return FindInterference(log_->Lines());
+    if (StateOf(process_.ReportPath()) == taken_) return "";
+    return "another command took a report and may have stopped recording (no readable log)";
+  }
+
+  // Ends the trend if `why` is not empty. Returns whether the trend continues.
+  bool ContinueUnless(const std::string& why) {
+    if (why.empty()) return true;
+    const double seconds = std::chrono::duration<double>(steady_clock::now() - begin_).count();
+    broken_ = TrendBreak{seconds, why};
+    return false;
+  }
+
+  // Whether the report that was just taken can be compared with the earlier ones.
+  bool Belongs(const ReportHeader& header) {
+    const bool emptied = header.total_bytes == 0 && reports_.back().bytes != 0;
+    const std::string why = Interference();
+    if (!why.empty() || !emptied || log_->IsReadable()) return ContinueUnless(why);
+    // It is unlikely that all was freed: the thread that writes a report holds some blocks.
+    return ContinueUnless(
+        "the report is empty: records were dropped, or all blocks were freed (no readable log)");
+  }
+
+  std::string Save(std::time_t now) const {
+    std::tm parts{};
+    localtime_r(&now, &parts);
+    std::ostringstream name;
+    name << "report-" << std::setw(4) << std::setfill('0') << reports_.size() + 1 << "-"
+         << std::put_time(&parts, "%Y%m%d-%H%M%S") << ".txt";
+    const fs::path target = fs::path(options_.directory) / name.str();
+    const fs::path part = target.string() + ".part";  // until it is complete
+    std::error_code error;
+    fs::copy_file(process_.ReportPath(), part, error);
+    // Readers take the time of a report from its file.
+    fs::file_time_type made;
+    if (!error) made = fs::last_write_time(process_.ReportPath(), error);
+    if (!error) fs::last_write_time(part, made, error);
+    if (!error) fs::rename(part, target, error);
+    if (error) {
+      throw UserError("cannot write " + target.string() + ": " + error.message(),
+                      "make room, or name another directory with -o DIR");
+    }
+    return name.str();
+  }
+
+  void PrintRound(const SavedReport& saved, milliseconds took) const {
+    std::cout << FormatClock(saved.time) << "  report " << reports_.size() << "  "
+              << FormatBytes(saved.bytes) << " in " << FormatCount(saved.groups) << " groups";
+    if (reports_.size() > 1) {
+      const double first = static_cast<double>(reports_.front().bytes);
+      std::cout << ", " << FormatGrowth(static_cast<double>(saved.bytes) - first)
+                << " since the first";
+    }
+    std::cout << "  (" << FormatDuration(took) << ")" << std::endl;
+  }
+
+  // Takes a report. Returns false if the trend has ended.
+  bool Round() {
+    const bool first = reports_.empty();
+    // Checked before a report is taken: the existing one may belong to another command.
+    if (!first && !ContinueUnless(Interference())) return false;
+    SavedReport saved;
+    saved.time = std::time(nullptr);
+    const auto now = steady_clock::now();
+    if (first) begin_ = now;
+    saved.seconds = std::chrono::duration<double>(now - begin_).count();
+    // Keep a report of another command; our own ones are saved already.
+    const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
+    const OldReport old = ours ? OldReport::kReplace : OldReport::kRename;
+    const milliseconds took =
+        TakeReport(process_, protocol::kReportKeepRecording, options_.timeout_s, old);
+    taken_ = StateOf(process_.ReportPath());
+    ReportHeader header;
+    ReadReportFile(process_.ReportPath(), {}, &header);
+    if (first) {
+      log_.emplace(process_);
+    } else if (!Belongs(header)) {
+      return false;
+    }
+    saved.file = Save(saved.time);
+    const Profile profile = Load(saved);
+    saved.bytes = profile.header.total_bytes;
+    saved.groups = profile.header.groups;
+    saved.unlisted = profile.Unlisted();
+    trends_.Add(saved.seconds, profile);
+    reports_.push_back(saved);
+    PrintRound(saved, took);
+    return true;
+  }
+
+  void WriteDifferencePage() const {
+    const std::string path = (fs::path(options_.directory) / "leak.html").string();
+    WritePage(DiffToJson(Load(reports_.front()), Load(reports_.back())), path);
+    std::cout << "page     " << path << "\n";
+  }
 
   const WatchOptions& options_;
   ProcessInfo process_;
@@ -134,190 +303,6 @@ class Rounds {
   Trends trends_;
   std::optional<TrendBreak> broken_;
 };
-
-// What another command has done since the first report; empty if nothing is known.
-std::string Rounds::Interference() const {
-  if (log_->IsReadable()) return FindInterference(log_->Lines());
-  if (StateOf(process_.ReportPath()) == taken_) return "";
-  return "another command took a report and may have stopped recording (no readable log)";
-}
-
-// Returns false if the process has ended.
-bool Rounds::WaitUntil(steady_clock::time_point time) {
-  constexpr milliseconds kPollInterval(100);
-  constexpr int kPollsPerCheck = 10;
-  for (int poll = 1; interrupted == 0 && steady_clock::now() < time; ++poll) {
-    if (!IsRunning()) return false;
-    if (poll % kPollsPerCheck == 0 && !Interference().empty()) break;
-    const auto left = std::chrono::ceil<milliseconds>(time - steady_clock::now());
-    std::this_thread::sleep_for(std::clamp(left, milliseconds(0), kPollInterval));
-  }
-  return IsRunning();
-}
-
-std::string Rounds::Save(std::time_t now) const {
-  std::tm parts{};
-  localtime_r(&now, &parts);
-  std::ostringstream name;
-  name << "report-" << std::setw(4) << std::setfill('0') << reports_.size() + 1 << "-"
-       << std::put_time(&parts, "%Y%m%d-%H%M%S") << ".txt";
-  const fs::path target = fs::path(options_.directory) / name.str();
-  const fs::path part = target.string() + ".part";  // until it is complete
-  std::error_code error;
-  fs::copy_file(process_.ReportPath(), part, error);
-  // Readers take the time of a report from its file.
-  fs::file_time_type made;
-  if (!error) made = fs::last_write_time(process_.ReportPath(), error);
-  if (!error) fs::last_write_time(part, made, error);
-  if (!error) fs::rename(part, target, error);
-  if (error) {
-    throw UserError("cannot write " + target.string() + ": " + error.message(),
-                    "make room, or name another directory with -o DIR");
-  }
-  return name.str();
-}
-
-void Rounds::PrintRound(const SavedReport& saved, milliseconds took) const {
-  std::cout << FormatClock(saved.time) << "  report " << reports_.size() << "  "
-            << FormatBytes(saved.bytes) << " in " << FormatCount(saved.groups) << " groups";
-  if (reports_.size() > 1) {
-    const double grown =
-        static_cast<double>(saved.bytes) - static_cast<double>(reports_.front().bytes);
-    std::cout << ", " << (grown < 0 ? "-" : "+")
-              << FormatBytes(static_cast<std::uint64_t>(std::abs(grown))) << " since the first";
-  }
-  std::cout << "  (" << FormatDuration(took) << ")" << std::endl;
-}
-
-// Whether the report that was just taken can be compared with the earlier ones.
-bool Rounds::Belongs(const ReportHeader& header) {
-  const bool emptied = header.total_bytes == 0 && reports_.back().bytes != 0;
-  const std::string why = Interference();
-  if (!why.empty() || !emptied || log_->IsReadable()) return ContinueUnless(why);
-  // It is unlikely that all was freed: the thread that writes a report holds some blocks.
-  return ContinueUnless(
-      "the report is empty: records were dropped, or all blocks were freed (no readable log)");
-}
-
-// Ends the trend if `why` is not empty. Returns whether the trend continues.
-bool Rounds::ContinueUnless(const std::string& why) {
-  if (why.empty()) return true;
-  const double seconds = std::chrono::duration<double>(steady_clock::now() - begin_).count();
-  broken_ = TrendBreak{seconds, why};
-  return false;
-}
-
-// Takes a report. Returns false if the trend has ended.
-bool Rounds::Round() {
-  const bool first = reports_.empty();
-  // Checked before a report is taken: the existing one may belong to another command.
-  if (!first && !ContinueUnless(Interference())) return false;
-  SavedReport saved;
-  saved.time = std::time(nullptr);
-  const auto now = steady_clock::now();
-  if (first) begin_ = now;
-  saved.seconds = std::chrono::duration<double>(now - begin_).count();
-  // Keep a report of another command; our own ones are saved already.
-  const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
-  const OldReport old = ours ? OldReport::kReplace : OldReport::kRename;
-  const milliseconds took =
-      TakeReport(process_, protocol::kReportKeepRecording, options_.timeout_s, old);
-  taken_ = StateOf(process_.ReportPath());
-  ReportHeader header;
-  ReadReportFile(process_.ReportPath(), {}, &header);
-  if (first) {
-    log_.emplace(process_);
-  } else if (!Belongs(header)) {
-    return false;
-  }
-  saved.file = Save(saved.time);
-  const Profile profile =
-      LoadProfile((fs::path(options_.directory) / saved.file).string(), options_.symbols);
-  saved.bytes = profile.header.total_bytes;
-  saved.groups = profile.header.groups;
-  saved.unlisted = profile.Unlisted();
-  trends_.Add(saved.seconds, profile);
-  reports_.push_back(saved);
-  PrintRound(saved, took);
-  return true;
-}
-
-// Whether a process with a report at exit is about to end. The log does not show whether a report
-// was written at exit or for another command.
-bool Rounds::IsEnding() const {
-  constexpr milliseconds kPollInterval(100);
-  constexpr int kMaxPolls = 30;
-  const auto found = process_.environment.find(protocol::kReportAtExitVariable);
-  const bool reports = found != process_.environment.end() && !found->second.empty();
-  for (int poll = 0; reports && IsRunning() && poll < kMaxPolls; ++poll) {
-    std::this_thread::sleep_for(kPollInterval);
-  }
-  return !IsRunning();
-}
-
-std::string Rounds::Run() {
-  const milliseconds every(1000LL * options_.every_s);
-  const milliseconds whole(1000LL * options_.for_s);
-  try {
-    bool more = Round();
-    std::optional<milliseconds> due(0);
-    // After an interrupt during a round, one more round: it includes the blocks allocated since.
-    while (more) {
-      const auto now = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin_);
-      due = NextDue(*due, every, whole, now);
-      if (!due || !WaitUntil(begin_ + *due)) break;
-      const bool is_last = interrupted != 0;
-      more = Round() && !is_last;
-    }
-  } catch (const UserError& error) {
-    // A process that ends during a report is no failure if there are reports.
-    if (reports_.empty()) throw;
-    if (IsRunning()) return error.what();
-  }
-  if (broken_ && IsEnding()) broken_.reset();
-  if (broken_) {
-    return process_.Label() + ": " + broken_->why + "; the trend ends with report " +
-           std::to_string(reports_.size()) + " (to continue, start another watch)";
-  }
-  if (!IsRunning()) std::cout << process_.Label() << " has ended" << std::endl;
-  return "";
-}
-
-void Rounds::WriteDifferencePage() const {
-  const auto load = [&](const SavedReport& report) {
-    return LoadProfile((fs::path(options_.directory) / report.file).string(), options_.symbols);
-  };
-  const std::string path = (fs::path(options_.directory) / "leak.html").string();
-  WritePage(DiffToJson(load(reports_.front()), load(reports_.back())), path);
-  std::cout << "page     " << path << "\n";
-}
-
-void Rounds::Finish() const {
-  const std::vector<GroupTrend> groups = trends_.Result();
-  const std::string path = (fs::path(options_.directory) / "trend.json").string();
-  std::ofstream file(path, std::ios::binary);
-  WriteJson(TrendsToJson(process_.Label(), reports_, groups, broken_), file);
-  file.close();
-  if (!file) {
-    throw UserError("cannot write " + path + ": " + std::strerror(errno),
-                    "make room, or name another directory with -o DIR");
-  }
-  std::cout << "\n";
-  if (reports_.size() > 1) {
-    PrintTrends(reports_, groups, options_.top, std::cout);
-  } else {
-    std::cout << "One report is not enough to measure growth\n";
-  }
-  if (broken_) {
-    std::cout << "ended early, after " << FormatAge(std::llround(broken_->seconds)) << ": "
-              << broken_->why << "\n";
-  }
-  std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
-  if (reports_.size() > 1 && !PageShell().empty()) WriteDifferencePage();
-  if (IsRunning() && !broken_) {
-    std::cout << "Recording continues; to stop it: memleak report " << process_.pid << "\n";
-  }
-}
 
 }  // namespace
 

@@ -23,7 +23,7 @@ std::uint64_t Number(const json& object, const char* name) {
 }
 
 std::string Text(const json& object, const char* name) {
-  return object.at(name).get<std::string>();
+  return object.at(name);
 }
 
 std::uint32_t Index(const json& value, std::size_t count, const char* what) {

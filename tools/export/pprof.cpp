@@ -47,189 +47,181 @@ class Builder {
   explicit Builder(const Profile& profile) : profile_(profile) {
     Text("");
     AddMappings();
+    AddHead();
+    for (const Group& group : profile.groups) AddSample(group);
   }
 
-  void AddHead();
-  void AddSample(const Group& group);
-  const pb::Profile& message() const { return message_; }
+  const pb::Profile& Message() const { return message_; }
 
  private:
-  std::int64_t Text(std::string_view text);
-  void OrderMappings();
-  void AddMappings();
+  std::int64_t Text(std::string_view text) {
+    // Readers reject profiles with invalid UTF-8.
+    const auto [known, added] =
+        texts_.try_emplace(ValidUtf8(text), static_cast<std::int64_t>(texts_.size()));
+    if (added) message_.add_string_table(known->first);
+    return known->second;
+  }
+
+  void AddType(pb::ValueType* type, const char* name, const char* unit) {
+    type->set_type(Text(name));
+    type->set_unit(Text(unit));
+  }
+
+  void AddHead() {
+    AddType(message_.add_sample_type(), "inuse_objects", "count");
+    AddType(message_.add_sample_type(), "inuse_space", "bytes");
+    message_.set_default_sample_type(Text("inuse_space"));
+    // Every allocation is recorded, not a sample of them.
+    AddType(message_.mutable_period_type(), "space", "bytes");
+    message_.set_period(1);
+    message_.set_time_nanos(profile_.made * 1'000'000'000);
+    message_.add_comment(Text("memleak report " + profile_.path));
+    const Sums unlisted = profile_.Unlisted();
+    if (unlisted.groups == 0) return;
+    message_.add_comment(Text("not listed in the report: " + std::to_string(unlisted.bytes) +
+                              " bytes in " + std::to_string(unlisted.groups) + " groups"));
+  }
+
+  // Readers take the first mapping as the program. A report does not name the program. It is
+  // guessed: it has a "main", no library's name, and most frames.
+  void OrderMappings() {
+    using Rank = std::tuple<bool, bool, std::uint64_t>;
+    std::vector<Rank> ranks(profile_.libraries.size());
+    for (std::size_t i = 0; i < ranks.size(); ++i) {
+      const std::string& path = profile_.libraries[i].path;
+      std::get<0>(ranks[i]) =
+          path.starts_with('/') && path.find(".so", path.rfind('/')) == std::string::npos;
+    }
+    for (const Frame& frame : profile_.frames) {
+      if (frame.library < 0) continue;
+      auto& [program, has_main, frames] = ranks[static_cast<std::size_t>(frame.library)];
+      has_main = has_main || frame.function == "main" || frame.function == "_start";
+      ++frames;
+    }
+    order_.resize(ranks.size());
+    std::iota(order_.begin(), order_.end(), std::size_t{0});
+    const auto first =
+        std::max_element(order_.begin(), order_.end(),
+                         [&](std::size_t a, std::size_t b) { return ranks[a] < ranks[b]; });
+    const bool found = first != order_.end() && std::get<0>(ranks[*first]);
+    if (found) std::rotate(order_.begin(), first, first + 1);
+    place_of_.resize(order_.size());
+    for (std::size_t i = 0; i < order_.size(); ++i) place_of_[order_[i]] = static_cast<int>(i);
+  }
+
   pb::Mapping* MappingOf(std::int32_t library) {
     return message_.mutable_mapping(place_of_[static_cast<std::size_t>(library)]);
   }
-  std::uint64_t FunctionOf(const Frame& frame);
-  std::uint64_t LocationOf(const std::vector<std::uint32_t>& frames);
-  void AddType(pb::ValueType* type, const char* name, const char* unit);
+
+  void AddMappings() {
+    OrderMappings();
+    std::vector<std::uint64_t> highest(profile_.libraries.size(), 0);
+    for (const std::size_t index : order_) {
+      const Library& library = profile_.libraries[index];
+      pb::Mapping* mapping = message_.add_mapping();
+      mapping->set_id(static_cast<std::uint64_t>(message_.mapping_size()));
+      mapping->set_filename(Text(library.path));
+      mapping->set_build_id(Text(library.build_id));
+    }
+    for (const Frame& frame : profile_.frames) {
+      if (frame.library < 0) continue;
+      const auto library = static_cast<std::size_t>(frame.library);
+      pb::Mapping* mapping = MappingOf(frame.library);
+      highest[library] = std::max(highest[library], FileAddress(frame));
+      if (!frame.function.empty()) mapping->set_has_functions(true);
+      if (!frame.file.empty()) mapping->set_has_filenames(true);
+      if (frame.line != 0) mapping->set_has_line_numbers(true);
+      if (frame.inlined) mapping->set_has_inline_frames(true);
+    }
+    std::uint64_t start = kFirstMapping;
+    for (const std::size_t index : order_) {
+      pb::Mapping* mapping = MappingOf(static_cast<std::int32_t>(index));
+      mapping->set_memory_start(start);
+      start += (highest[index] / kPage + 1) * kPage;
+      mapping->set_memory_limit(start);
+    }
+  }
+
+  std::uint64_t FunctionOf(const Frame& frame) {
+    // Readers show an address for frames without a name in a library.
+    const std::int64_t name = Text(frame.function.empty() ? "[unknown]" : frame.function);
+    const std::int64_t file = Text(frame.file);
+    const auto [known, added] = functions_.try_emplace({name, file}, functions_.size() + 1);
+    if (added) {
+      pb::Function* function = message_.add_function();
+      function->set_id(known->second);
+      function->set_name(name);
+      function->set_system_name(name);
+      function->set_filename(file);
+    }
+    return known->second;
+  }
+
+  // `frames` are those of one address, innermost first.
+  std::uint64_t LocationOf(const std::vector<std::uint32_t>& frames) {
+    const auto [known, added] = locations_.try_emplace(frames, locations_.size() + 1);
+    if (!added) return known->second;
+    pb::Location* location = message_.add_location();
+    location->set_id(known->second);
+    const Frame& outermost = profile_.frames[frames.back()];
+    if (outermost.library >= 0) {
+      const pb::Mapping& mapping = *MappingOf(outermost.library);
+      location->set_mapping_id(mapping.id());
+      location->set_address(mapping.memory_start() + FileAddress(outermost));
+    } else {
+      location->set_address(outermost.offset);
+    }
+    for (const std::uint32_t index : frames) {
+      const Frame& frame = profile_.frames[index];
+      if (frame.function.empty() && frame.library >= 0) continue;
+      const std::uint64_t function = FunctionOf(frame);
+      pb::Line* line = location->add_line();
+      line->set_function_id(function);
+      line->set_line(frame.line);
+    }
+    return known->second;
+  }
+
+  void AddSample(const Group& group) {
+    std::vector<std::uint64_t> stack;
+    std::vector<std::uint32_t> address;
+    for (const std::uint32_t frame : group.stack) {
+      address.push_back(frame);
+      if (profile_.frames[frame].inlined) continue;
+      stack.push_back(LocationOf(address));
+      address.clear();
+    }
+    if (!address.empty()) stack.push_back(LocationOf(address));
+    pb::Sample* sample = message_.add_sample();
+    for (const std::uint64_t location : stack) sample->add_location_id(location);
+    sample->add_value(Signed(group.count));
+    sample->add_value(Signed(group.total));
+    pb::Label* size = sample->add_label();
+    size->set_key(Text("bytes"));
+    size->set_num(Signed(group.size));
+    size->set_num_unit(Text("bytes"));
+    if (group.kind != GroupKind::kJava) return;
+    pb::Label* kind = sample->add_label();
+    kind->set_key(Text("kind"));
+    kind->set_str(Text("java-native"));
+  }
 
   const Profile& profile_;
   pb::Profile message_;
   std::vector<std::size_t> order_;  // library by mapping
   std::vector<int> place_of_;       // mapping by library
   std::unordered_map<std::string, std::int64_t> texts_;
-  std::map<std::tuple<std::int64_t, std::int64_t>, std::uint64_t> functions_;  // name, file
+  std::map<std::pair<std::int64_t, std::int64_t>, std::uint64_t> functions_;  // name, file
   std::map<std::vector<std::uint32_t>, std::uint64_t> locations_;
 };
-
-std::int64_t Builder::Text(std::string_view text) {
-  // Readers reject profiles with invalid UTF-8.
-  const auto [known, added] =
-      texts_.try_emplace(ValidUtf8(text), static_cast<std::int64_t>(texts_.size()));
-  if (added) message_.add_string_table(known->first);
-  return known->second;
-}
-
-void Builder::AddType(pb::ValueType* type, const char* name, const char* unit) {
-  type->set_type(Text(name));
-  type->set_unit(Text(unit));
-}
-
-void Builder::AddHead() {
-  AddType(message_.add_sample_type(), "inuse_objects", "count");
-  AddType(message_.add_sample_type(), "inuse_space", "bytes");
-  message_.set_default_sample_type(Text("inuse_space"));
-  // Every allocation is recorded, not a sample of them.
-  AddType(message_.mutable_period_type(), "space", "bytes");
-  message_.set_period(1);
-  message_.set_time_nanos(profile_.made * 1'000'000'000);
-  message_.add_comment(Text("memleak report " + profile_.path));
-  const Sums unlisted = profile_.Unlisted();
-  if (unlisted.groups == 0) return;
-  message_.add_comment(Text("not listed in the report: " + std::to_string(unlisted.bytes) +
-                            " bytes in " + std::to_string(unlisted.groups) + " groups"));
-}
-
-// Readers take the first mapping as the program. A report does not name the program. It is guessed:
-// it has a "main", no library's name, and most frames.
-void Builder::OrderMappings() {
-  using Rank = std::tuple<bool, bool, std::uint64_t>;
-  std::vector<Rank> ranks(profile_.libraries.size());
-  for (std::size_t i = 0; i < ranks.size(); ++i) {
-    const std::string& path = profile_.libraries[i].path;
-    std::get<0>(ranks[i]) =
-        path.starts_with('/') && path.find(".so", path.rfind('/')) == std::string::npos;
-  }
-  for (const Frame& frame : profile_.frames) {
-    if (frame.library < 0) continue;
-    auto& [program, has_main, frames] = ranks[static_cast<std::size_t>(frame.library)];
-    has_main = has_main || frame.function == "main" || frame.function == "_start";
-    ++frames;
-  }
-  order_.resize(ranks.size());
-  std::iota(order_.begin(), order_.end(), std::size_t{0});
-  const auto first =
-      std::max_element(order_.begin(), order_.end(),
-                       [&](std::size_t a, std::size_t b) { return ranks[a] < ranks[b]; });
-  const bool found = first != order_.end() && std::get<0>(ranks[*first]);
-  if (found) std::rotate(order_.begin(), first, first + 1);
-  place_of_.resize(order_.size());
-  for (std::size_t i = 0; i < order_.size(); ++i) place_of_[order_[i]] = static_cast<int>(i);
-}
-
-void Builder::AddMappings() {
-  OrderMappings();
-  std::vector<std::uint64_t> highest(profile_.libraries.size(), 0);
-  for (const std::size_t index : order_) {
-    const Library& library = profile_.libraries[index];
-    pb::Mapping* mapping = message_.add_mapping();
-    mapping->set_id(static_cast<std::uint64_t>(message_.mapping_size()));
-    mapping->set_filename(Text(library.path));
-    mapping->set_build_id(Text(library.build_id));
-  }
-  for (const Frame& frame : profile_.frames) {
-    if (frame.library < 0) continue;
-    const auto library = static_cast<std::size_t>(frame.library);
-    pb::Mapping* mapping = MappingOf(frame.library);
-    highest[library] = std::max(highest[library], FileAddress(frame));
-    if (!frame.function.empty()) mapping->set_has_functions(true);
-    if (!frame.file.empty()) mapping->set_has_filenames(true);
-    if (frame.line != 0) mapping->set_has_line_numbers(true);
-    if (frame.inlined) mapping->set_has_inline_frames(true);
-  }
-  std::uint64_t start = kFirstMapping;
-  for (const std::size_t index : order_) {
-    pb::Mapping* mapping = MappingOf(static_cast<std::int32_t>(index));
-    mapping->set_memory_start(start);
-    start += (highest[index] / kPage + 1) * kPage;
-    mapping->set_memory_limit(start);
-  }
-}
-
-std::uint64_t Builder::FunctionOf(const Frame& frame) {
-  // Readers show an address for frames without a name in a library.
-  const std::int64_t name = Text(frame.function.empty() ? "[unknown]" : frame.function);
-  const std::int64_t file = Text(frame.file);
-  const auto [known, added] = functions_.try_emplace({name, file}, functions_.size() + 1);
-  if (added) {
-    pb::Function* function = message_.add_function();
-    function->set_id(known->second);
-    function->set_name(name);
-    function->set_system_name(name);
-    function->set_filename(file);
-  }
-  return known->second;
-}
-
-// `frames` are those of one address, innermost first.
-std::uint64_t Builder::LocationOf(const std::vector<std::uint32_t>& frames) {
-  const auto [known, added] = locations_.try_emplace(frames, locations_.size() + 1);
-  if (!added) return known->second;
-  pb::Location* location = message_.add_location();
-  location->set_id(known->second);
-  const Frame& outermost = profile_.frames[frames.back()];
-  if (outermost.library >= 0) {
-    const pb::Mapping& mapping = *MappingOf(outermost.library);
-    location->set_mapping_id(mapping.id());
-    location->set_address(mapping.memory_start() + FileAddress(outermost));
-  } else {
-    location->set_address(outermost.offset);
-  }
-  for (const std::uint32_t index : frames) {
-    const Frame& frame = profile_.frames[index];
-    if (frame.function.empty() && frame.library >= 0) continue;
-    const std::uint64_t function = FunctionOf(frame);
-    pb::Line* line = location->add_line();
-    line->set_function_id(function);
-    line->set_line(frame.line);
-  }
-  return known->second;
-}
-
-void Builder::AddSample(const Group& group) {
-  std::vector<std::uint64_t> stack;
-  std::vector<std::uint32_t> address;
-  for (const std::uint32_t frame : group.stack) {
-    address.push_back(frame);
-    if (profile_.frames[frame].inlined) continue;
-    stack.push_back(LocationOf(address));
-    address.clear();
-  }
-  if (!address.empty()) stack.push_back(LocationOf(address));
-  pb::Sample* sample = message_.add_sample();
-  for (const std::uint64_t location : stack) sample->add_location_id(location);
-  sample->add_value(Signed(group.count));
-  sample->add_value(Signed(group.total));
-  pb::Label* size = sample->add_label();
-  size->set_key(Text("bytes"));
-  size->set_num(Signed(group.size));
-  size->set_num_unit(Text("bytes"));
-  if (group.kind != GroupKind::kJava) return;
-  pb::Label* kind = sample->add_label();
-  kind->set_key(Text("kind"));
-  kind->set_str(Text("java-native"));
-}
 
 }  // namespace
 
 bool WritePprof(const Profile& profile, std::ostream& out) {
-  Builder builder(profile);
-  builder.AddHead();
-  for (const Group& group : profile.groups) builder.AddSample(group);
+  const Builder builder(profile);
   google::protobuf::io::OstreamOutputStream plain(&out);
   google::protobuf::io::GzipOutputStream packed(&plain);
-  return builder.message().SerializeToZeroCopyStream(&packed) && packed.Close();
+  return builder.Message().SerializeToZeroCopyStream(&packed) && packed.Close();
 }
 
 }  // namespace memleak

@@ -50,8 +50,8 @@ class FrameTable {
  private:
   // The library replaces a missing source file. The viewer colours by it.
   static std::string FileOf(const Profile& profile, const Frame& frame) {
-    if (!frame.file.empty() || frame.library < 0) return frame.file;
-    return profile.libraries[static_cast<std::size_t>(frame.library)].path;
+    const Library* library = profile.LibraryOf(frame);
+    return !frame.file.empty() || library == nullptr ? frame.file : library->path;
   }
 
   json entries_ = json::array();

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Selection and sums.
 #include "tools/report/aggregate.h"
 
 #include <regex.h>
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <limits>
 #include <map>
 #include <tuple>
@@ -63,42 +63,21 @@ std::vector<bool> MatchFrames(const Profile& profile, const std::string& filter)
 
 constexpr std::int64_t kNoAge = std::numeric_limits<std::int64_t>::min();
 
-// Whether `a` comes before `b` in descending order.
-bool GroupBefore(const Group& a, const Group& b, SortKey sort) {
-  switch (sort) {
-    case SortKey::kCount:
-      return a.count > b.count;
-    case SortKey::kSize:
-      return a.size > b.size;
-    case SortKey::kAge:
-      return OldestAge(a).value_or(kNoAge) > OldestAge(b).value_or(kNoAge);
-    case SortKey::kTotal:
-      break;
-  }
-  return a.total > b.total;
-}
-
-// The key by which rows and branches are sorted, descending.
-std::uint64_t Rank(const Sums& sums, std::optional<std::int64_t> oldest, SortKey sort) {
+// The key by which groups, rows and branches are sorted, descending. `size` is that of a block.
+std::uint64_t Rank(const Sums& sums, std::uint64_t size, std::optional<std::int64_t> oldest,
+                   SortKey sort) {
   switch (sort) {
     case SortKey::kCount:
       return sums.blocks;
     case SortKey::kSize:
-      return MeanSize(sums);
+      return size;
     case SortKey::kAge:
-      // Ages may be negative if the clock was set back. Rows without an age come last.
+      // Ages may be negative if the clock was set back. Sums without an age come last.
       return oldest ? (std::uint64_t{1} << 63U) ^ static_cast<std::uint64_t>(*oldest) : 0;
     case SortKey::kTotal:
       break;
   }
   return sums.bytes;
-}
-
-bool RowBefore(const Row& a, const Row& b, SortKey sort) {
-  const auto rank = [sort](const Row& row) {
-    return std::tuple(Rank(row.inclusive, row.oldest, sort), row.inclusive.bytes, row.self.bytes);
-  };
-  return rank(a) > rank(b);
 }
 
 /// Numbers for frames: equal for frames of one name in one library.
@@ -122,31 +101,18 @@ FrameKeys NumberFrames(const Profile& profile, RowKind kind) {
   return keys;
 }
 
-std::vector<Row> EmptyRows(const Profile& profile, const FrameKeys& keys, RowKind kind) {
-  std::vector<Row> rows(keys.example.size());
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    const Frame& frame = profile.frames[keys.example[i]];
-    rows[i].library = frame.library;
-    if (kind == RowKind::kFunction) {
-      rows[i].name = FrameName(profile, frame);
-    } else {
-      rows[i].name = frame.library < 0
-                         ? kUnknownLibrary
-                         : profile.libraries[static_cast<std::size_t>(frame.library)].path;
-    }
-  }
-  return rows;
+std::string RowName(const Profile& profile, const Frame& frame, RowKind kind) {
+  if (kind == RowKind::kFunction) return FrameName(profile, frame);
+  const Library* library = profile.LibraryOf(frame);
+  return library == nullptr ? kUnknownLibrary : library->path;
 }
 
 void SortChildren(std::vector<TreeNode>* tree, SortKey sort) {
   const auto rank = [&](std::uint32_t index) {
     const TreeNode& node = (*tree)[index];
-    return std::pair(Rank(node.sums, node.oldest, sort), node.sums.bytes);
+    return std::pair(Rank(node.sums, MeanSize(node.sums), node.oldest, sort), node.sums.bytes);
   };
-  for (TreeNode& node : *tree) {
-    std::stable_sort(node.children.begin(), node.children.end(),
-                     [&](std::uint32_t a, std::uint32_t b) { return rank(a) > rank(b); });
-  }
+  for (TreeNode& node : *tree) std::ranges::stable_sort(node.children, std::greater(), rank);
 }
 
 void RaiseAge(std::optional<std::int64_t>* oldest, std::optional<std::int64_t> age) {
@@ -180,17 +146,8 @@ AgePattern PatternOf(const Group& group, std::int64_t span) {
 }
 
 const char* PatternName(AgePattern pattern) {
-  switch (pattern) {
-    case AgePattern::kGrowing:
-      return "growing";
-    case AgePattern::kSettled:
-      return "settled";
-    case AgePattern::kRecent:
-      return "recent";
-    case AgePattern::kUnknown:
-      break;
-  }
-  return "unknown";
+  constexpr std::array kNames = {"unknown", "growing", "settled", "recent"};
+  return kNames.at(static_cast<std::size_t>(pattern));
 }
 
 Selected SelectGroups(const Profile& profile, const Selection& selection) {
@@ -216,17 +173,21 @@ Selected SelectGroups(const Profile& profile, const Selection& selection) {
     }
   }
   // The tracker sorts by total, but an edited report may not be sorted.
-  std::stable_sort(selected.groups.begin(), selected.groups.end(),
-                   [&](std::size_t a, std::size_t b) {
-                     return GroupBefore(profile.groups[a], profile.groups[b], selection.sort);
-                   });
+  std::ranges::stable_sort(selected.groups, std::greater(), [&](std::size_t index) {
+    const Group& group = profile.groups[index];
+    return Rank({group.total, 1, group.count}, group.size, OldestAge(group), selection.sort);
+  });
   return selected;
 }
 
 std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind kind,
                        SortKey sort) {
   const FrameKeys keys = NumberFrames(profile, kind);
-  std::vector<Row> rows = EmptyRows(profile, keys, kind);
+  std::vector<Row> rows;
+  for (const std::uint32_t example : keys.example) {
+    const Frame& frame = profile.frames[example];
+    rows.push_back({.name = RowName(profile, frame, kind), .library = frame.library});
+  }
   // The group counted last for each row: a recursive function counts once.
   std::vector<std::size_t> counted(rows.size(), profile.groups.size());
   for (const std::size_t index : selected.groups) {
@@ -241,8 +202,10 @@ std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind
     }
   }
   std::erase_if(rows, [](const Row& row) { return row.inclusive.groups == 0; });
-  std::stable_sort(rows.begin(), rows.end(),
-                   [&](const Row& a, const Row& b) { return RowBefore(a, b, sort); });
+  std::ranges::stable_sort(rows, std::greater(), [sort](const Row& row) {
+    const Sums& sums = row.inclusive;
+    return std::tuple(Rank(sums, MeanSize(sums), row.oldest, sort), sums.bytes, row.self.bytes);
+  });
   return rows;
 }
 

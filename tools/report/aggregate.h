@@ -33,7 +33,7 @@ struct Selected {
   Sums cut;   ///< of the other listed groups of the same kind
 };
 
-/// Applies `selection`. Throws UserError if its expression is invalid.
+/// Throws UserError if the expression is invalid.
 Selected SelectGroups(const Profile& profile, const Selection& selection);
 
 /// The largest of a group's ages; empty without ages (Java-native groups have none).
@@ -59,10 +59,10 @@ const char* PatternName(AgePattern pattern);
 /// Sums of one library or function.
 struct Row {
   std::string name;
-  std::int32_t library = -1;           ///< index into Profile::libraries, -1 for none
-  Sums self;                           ///< groups whose innermost frame lies in it
-  Sums inclusive;                      ///< groups with any frame in it, each counted once
-  std::optional<std::int64_t> oldest;  ///< age among the groups of `inclusive`
+  std::int32_t library = -1;                ///< index into Profile::libraries, -1 for none
+  Sums self = {};                           ///< groups whose innermost frame lies in it
+  Sums inclusive = {};                      ///< groups with any frame in it, each counted once
+  std::optional<std::int64_t> oldest = {};  ///< age among the groups of `inclusive`
 };
 
 enum class RowKind { kLibrary, kFunction };

@@ -23,8 +23,8 @@ class FrameImporter {
           frames_.try_emplace(index, static_cast<std::uint32_t>(to_->frames.size()));
       if (added) {
         Frame frame = from_.frames[index];
-        if (frame.library >= 0) {
-          frame.library = ImportLibrary(from_.libraries[static_cast<std::size_t>(frame.library)]);
+        if (const Library* library = from_.LibraryOf(frame)) {
+          frame.library = ImportLibrary(*library);
         }
         to_->frames.push_back(std::move(frame));
       }
@@ -71,7 +71,7 @@ GroupChange Judge(const MatchedGroup& matched, std::uint64_t size) {
 std::set<std::string> SharedBuilds(const Profile& before, const Profile& after) {
   std::set<std::string> shared = BuildsOf(before);
   const std::set<std::string> others = BuildsOf(after);
-  std::erase_if(shared, [&](const std::string& build) { return others.count(build) == 0; });
+  std::erase_if(shared, [&](const std::string& build) { return !others.contains(build); });
   return shared;
 }
 

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keys of frames, stacks and call sites.
 #include "tools/report/group_matcher.h"
 
 #include <algorithm>
@@ -32,10 +31,9 @@ std::string BuildOf(const Library& library) {
 // offset, in the build if that is known. No name contains the separators.
 std::string FunctionKey(const Profile& profile, const Frame& frame) {
   std::string key;
-  if (frame.library >= 0) {
-    const Library& library = profile.libraries[static_cast<std::size_t>(frame.library)];
-    const bool by_build = frame.function.empty() && !library.build_id.empty();
-    key = by_build ? library.build_id : LibraryName(library.path);
+  if (const Library* library = profile.LibraryOf(frame)) {
+    const bool by_build = frame.function.empty() && !library->build_id.empty();
+    key = by_build ? library->build_id : LibraryName(library->path);
   }
   key += '\0';
   key += frame.function.empty() ? "+" + std::to_string(frame.offset) : frame.function;

@@ -5,14 +5,16 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <limits>
 #include <map>
 #include <numeric>
+#include <optional>
 #include <sstream>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
+#include "tools/base/files.h"
 #include "tools/base/progress.h"
 #include "tools/symbols/demangle.h"
 #include "tools/symbols/symbolizer.h"
@@ -39,15 +41,10 @@ struct PlaceHash {
   }
 };
 
-struct TextHash {
+// Finds std::string keys by std::string_view.
+struct TextHash : std::hash<std::string_view> {
   using is_transparent = void;
-  std::size_t operator()(std::string_view text) const {
-    return std::hash<std::string_view>()(text);
-  }
 };
-
-template <typename Value>
-using TextTable = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
 
 /// Builds the profile of a report. Stores each name and each place once.
 class ProfileBuilder {
@@ -103,88 +100,50 @@ class ProfileBuilder {
 
   std::string_view FunctionOf(std::string_view name) {
     if (name.empty()) return {};
-    auto known = functions_.find(name);
-    if (known == functions_.end()) known = functions_.emplace(name, true).first;
-    return known->first;
+    const auto known = functions_.find(name);
+    return known == functions_.end() ? *functions_.emplace(name).first : *known;
   }
 
   // The index of a place. Adds a new one.
   std::uint32_t IndexOf(const Place& place) {
-    if (2 * places_.size() >= slots_.size()) Grow();
-    std::uint32_t& slot = SlotOf(place);
-    if (slot == kEmptySlot) {
-      slot = static_cast<std::uint32_t>(places_.size());
-      places_.push_back(place);
-    }
-    return slot;
-  }
-
-  // The slot of a place, or the empty slot for it.
-  std::uint32_t& SlotOf(const Place& place) {
-    std::size_t at = PlaceHash()(place) & (slots_.size() - 1);
-    while (slots_[at] != kEmptySlot && !(places_[slots_[at]] == place)) {
-      at = (at + 1) & (slots_.size() - 1);
-    }
-    return slots_[at];
-  }
-
-  void Grow() {
-    slots_.assign(std::max<std::size_t>(1024, 2 * slots_.size()), kEmptySlot);
-    for (std::size_t i = 0; i < places_.size(); ++i) {
-      SlotOf(places_[i]) = static_cast<std::uint32_t>(i);
-    }
+    const auto [known, added] =
+        indices_.try_emplace(place, static_cast<std::uint32_t>(places_.size()));
+    if (added) places_.push_back(place);
+    return known->second;
   }
 
   void AppendFrames(const Place& place, Symbolizer* symbolizer);
-  void Prepare(const std::vector<std::uint32_t>& order, std::size_t begin,
-               Symbolizer* symbolizer) const;
 
   Profile* profile_;
-  TextTable<std::int32_t> libraries_;
-  TextTable<bool> functions_;
+  std::unordered_map<std::string, std::int32_t, TextHash, std::equal_to<>> libraries_;
+  std::unordered_set<std::string, TextHash, std::equal_to<>> functions_;
   std::vector<Place> places_;
-  // A hash table of indices into places_. It is looked up for each frame of the report, and faster
-  // than std::unordered_map.
-  static constexpr std::uint32_t kEmptySlot = std::numeric_limits<std::uint32_t>::max();
-  std::vector<std::uint32_t> slots_;
+  std::unordered_map<Place, std::uint32_t, PlaceHash> indices_;  // into places_
 };
 
+// `symbolizer` is that of the place's library; null without one.
 void ProfileBuilder::AppendFrames(const Place& place, Symbolizer* symbolizer) {
   Frame plain;
   plain.library = place.library;
   plain.offset = place.offset;
-  plain.function = Demangle(std::string(place.function));
-  if (place.library < 0) {
-    profile_->frames.push_back(std::move(plain));
-    return;
+  ResolvedAddress resolved;
+  if (symbolizer == nullptr) {
+    plain.function = Demangle(std::string(place.function));
+  } else {
+    resolved = symbolizer->Resolve(place.offset);
   }
-  const std::string& library = profile_->libraries[static_cast<std::size_t>(place.library)].path;
-  const ResolvedAddress& resolved = symbolizer->Resolve(library, place.offset);
   plain.address = resolved.address;
   if (resolved.symbols.empty()) profile_->frames.push_back(plain);
-  for (std::size_t i = 0; i < resolved.symbols.size(); ++i) {
-    Frame frame = plain;
-    frame.function = resolved.symbols[i].function;
-    frame.file = resolved.symbols[i].file;
-    frame.line = resolved.symbols[i].line;
-    frame.inlined = i + 1 < resolved.symbols.size();
-    profile_->frames.push_back(std::move(frame));
+  for (SourceFrame& symbol : resolved.symbols) {
+    Frame& frame = profile_->frames.emplace_back(plain);
+    frame.function = std::move(symbol.function);
+    frame.file = std::move(symbol.file);
+    frame.line = symbol.line;
+    frame.inlined = &symbol != &resolved.symbols.back();
   }
-}
-
-// Prepares the symbolizer for all places in the library of the place at `begin` in `order`.
-void ProfileBuilder::Prepare(const std::vector<std::uint32_t>& order, std::size_t begin,
-                             Symbolizer* symbolizer) const {
-  const std::int32_t library = places_[order[begin]].library;
-  std::vector<std::uint64_t> offsets;
-  for (std::size_t i = begin; i < order.size() && places_[order[i]].library == library; ++i) {
-    offsets.push_back(places_[order[i]].offset);
-  }
-  symbolizer->Prepare(profile_->libraries[static_cast<std::size_t>(library)].path, offsets);
 }
 
 void ProfileBuilder::Resolve(const SymbolOptions& options) {
-  Symbolizer symbolizer(options);
   ProgressBar bar("reading symbols", options.progress);
   // Sorted by library and offset, so only one library is open at a time.
   std::vector<std::uint32_t> order(places_.size());
@@ -194,23 +153,28 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
            std::pair(places_[b].library, places_[b].offset);
   });
   std::vector<Span> spans(places_.size());
-  for (std::size_t i = 0; i < order.size(); ++i) {
-    const Place& place = places_[order[i]];
-    bar.Update(i, order.size());
-    const bool first = i == 0 || places_[order[i - 1]].library != place.library;
-    if (first && place.library >= 0) Prepare(order, i, &symbolizer);
-    spans[order[i]].begin = static_cast<std::uint32_t>(profile_->frames.size());
-    AppendFrames(place, &symbolizer);
-    spans[order[i]].end = static_cast<std::uint32_t>(profile_->frames.size());
-    const bool last = i + 1 == order.size() || places_[order[i + 1]].library != place.library;
-    if (!last || place.library < 0) continue;
-    Library& library = profile_->libraries[static_cast<std::size_t>(place.library)];
-    LibraryState state = symbolizer.StateOf(library.path);
-    library.found = state.found;
-    library.build_id = std::move(state.build_id);
-    library.hint = std::move(state.hint);
-    library.newer = state.changed > profile_->made;
-    symbolizer.Release(library.path);
+  for (std::size_t begin = 0, end = 0; begin < order.size(); begin = end) {
+    const std::int32_t index = places_[order[begin]].library;
+    std::vector<std::uint64_t> offsets;
+    for (; end < order.size() && places_[order[end]].library == index; ++end) {
+      offsets.push_back(places_[order[end]].offset);
+    }
+    Library* library = index < 0 ? nullptr : &profile_->libraries[static_cast<std::size_t>(index)];
+    std::optional<Symbolizer> symbolizer;
+    if (library != nullptr) symbolizer.emplace(library->path, options, offsets);
+    for (std::size_t i = begin; i < end; ++i) {
+      bar.Update(i, order.size());
+      Span& span = spans[order[i]];
+      span.begin = static_cast<std::uint32_t>(profile_->frames.size());
+      AppendFrames(places_[order[i]], symbolizer ? &*symbolizer : nullptr);
+      span.end = static_cast<std::uint32_t>(profile_->frames.size());
+    }
+    if (library == nullptr) continue;
+    LibraryState state = symbolizer->State();
+    library->found = state.found;
+    library->build_id = std::move(state.build_id);
+    library->hint = std::move(state.hint);
+    library->newer = state.changed > profile_->made;
   }
   for (Group& group : profile_->groups) {
     std::vector<std::uint32_t> stack;
@@ -257,9 +221,8 @@ Sums Profile::Listed(GroupKind kind) const {
 }
 
 bool Profile::ListsAll(GroupKind kind) const {
-  if (!complete || damaged_lines > 0) return false;
   // The head counts native groups only. All Java-native groups are listed.
-  return kind == GroupKind::kJava || header.groups <= Listed(kind).groups;
+  return IsWhole() && (kind == GroupKind::kJava || header.groups <= Listed(kind).groups);
 }
 
 Sums Profile::Unlisted() const {
@@ -289,10 +252,10 @@ Profile LoadProfile(const std::string& report_path, const SymbolOptions& options
 
 std::string FrameName(const Profile& profile, const Frame& frame) {
   if (!frame.function.empty()) return frame.function;
-  if (frame.library < 0) return "[unknown]";
-  const std::string& path = profile.libraries[static_cast<std::size_t>(frame.library)].path;
+  const Library* library = profile.LibraryOf(frame);
+  if (library == nullptr) return "[unknown]";
   std::ostringstream name;
-  name << (path.empty() ? "(nameless)" : path.substr(path.rfind('/') + 1)) << "+0x" << std::hex
+  name << (library->path.empty() ? "(nameless)" : LastPart(library->path)) << "+0x" << std::hex
        << frame.offset;
   return name.str();
 }

@@ -95,8 +95,16 @@ struct Profile {
   std::vector<Frame> frames;
   std::vector<Group> groups;  ///< as in the report, native ones first
 
+  /// The library of a frame; null for none.
+  const Library* LibraryOf(const Frame& frame) const {
+    return frame.library < 0 ? nullptr : &libraries[static_cast<std::size_t>(frame.library)];
+  }
+
   /// Sums of the listed groups of one kind.
   Sums Listed(GroupKind kind) const;
+
+  /// Whether it is complete and undamaged.
+  bool IsWhole() const { return complete && damaged_lines == 0; }
 
   /// Whether the report certainly lists all groups of `kind`.
   bool ListsAll(GroupKind kind) const;

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Values of groups over time, and least squares.
 #include "tools/report/trend.h"
 
 #include <algorithm>
@@ -27,17 +26,6 @@ double StudentT(std::size_t degrees) {
   return kNormal + kFirst / v + kSecond / (v * v);
 }
 
-Point Mean(const std::vector<Point>& points) {
-  Point mean;
-  for (const Point& point : points) {
-    mean.x += point.x;
-    mean.y += point.y;
-  }
-  mean.x /= static_cast<double>(points.size());
-  mean.y /= static_cast<double>(points.size());
-  return mean;
-}
-
 std::optional<Line> LineOf(const GroupTrend& group, const std::vector<double>& seconds) {
   std::vector<Point> points;
   for (std::size_t i = 0; i < seconds.size(); ++i) {
@@ -58,7 +46,13 @@ double Gain(const GroupTrend& group, double minutes) {
 
 std::optional<Line> FitLine(const std::vector<Point>& points) {
   if (points.size() < 2) return std::nullopt;
-  const Point mean = Mean(points);
+  Point mean;
+  for (const Point& point : points) {
+    mean.x += point.x;
+    mean.y += point.y;
+  }
+  mean.x /= static_cast<double>(points.size());
+  mean.y /= static_cast<double>(points.size());
   double xx = 0;
   double xy = 0;
   double yy = 0;
@@ -105,10 +99,8 @@ void Trends::Add(double seconds, const Profile& profile) {
     for (const std::uint32_t index : group.stack) {
       const Frame& frame = profile.frames[index];
       trend.stack.push_back(FrameName(profile, frame));
-      const bool known = frame.library >= 0;
-      trend.libraries.emplace_back(
-          known ? LibraryName(profile.libraries[static_cast<std::size_t>(frame.library)].path)
-                : "");
+      const Library* library = profile.LibraryOf(frame);
+      trend.libraries.emplace_back(library == nullptr ? "" : LibraryName(library->path));
     }
   }
 }

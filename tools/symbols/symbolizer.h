@@ -3,11 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/symbols/code_ranges.h"
+#include "tools/symbols/debug_files.h"
 #include "tools/symbols/function_index.h"
 #include "tools/symbols/symbol_options.h"
 
@@ -27,35 +28,40 @@ struct ResolvedAddress {
   Symbols symbols;            ///< innermost inlined function first
 };
 
-/// Opens each library once and resolves each address once. Reads files of any architecture.
+/// The symbols of one library, of any architecture. Its files are open as long as the object lives.
 class Symbolizer {
  public:
-  /// Without `options.debuginfod` the variable DEBUGINFOD_URLS is removed from the environment.
-  explicit Symbolizer(SymbolOptions options = {});
-  ~Symbolizer();
+  /// Opens the library of a mapping with the name `library` in a report. `offsets` are those that
+  /// will be resolved, to guess the machine's page size; may be empty. Without `options.debuginfod`
+  /// the variable DEBUGINFOD_URLS is removed from the environment.
+  explicit Symbolizer(std::string library, const SymbolOptions& options = {},
+                      const std::vector<std::uint64_t>& offsets = {});
+  ~Symbolizer() { dwfl_end(session_); }
   Symbolizer(const Symbolizer&) = delete;
   Symbolizer& operator=(const Symbolizer&) = delete;
 
-  /// Announces the offsets in `library` that will be resolved, to guess the machine's page size.
-  /// Optional; called before the first Resolve.
-  void Prepare(const std::string& library, const std::vector<std::uint64_t>& offsets);
+  /// The code `offset` bytes into the executable mapping.
+  ResolvedAddress Resolve(std::uint64_t offset);
 
-  /// The code `offset` bytes into the executable mapping of `library`, a mapping's name in a
-  /// report. The reference is valid until the library is released.
-  const ResolvedAddress& Resolve(const std::string& library, std::uint64_t offset);
-
-  /// Whether `library` was found, and which file is missing.
-  LibraryState StateOf(const std::string& library);
-
-  /// Closes the files of `library` and drops its addresses.
-  void Release(const std::string& library);
+  /// Whether the library was found, and which file is missing.
+  LibraryState State();
 
  private:
-  class Module;
-  Module& ModuleOf(const std::string& library);
+  void Open(const std::vector<std::uint64_t>& offsets);
+  void Load();
+  std::optional<std::uint64_t> AddressOf(std::uint64_t offset) const;
 
-  SymbolOptions options_;
-  std::map<std::string, std::unique_ptr<Module>> modules_;
+  std::string name_;
+  std::string file_;
+  DebugSearch search_;
+  std::string build_id_;
+  Dwfl* session_ = nullptr;
+  Dwfl_Module* module_ = nullptr;
+  std::vector<CodeRange> code_;
+  GElf_Addr bias_ = 0;         // added to file addresses, gives those of the session
+  Dwarf_Addr dwarf_bias_ = 0;  // the same for the file with the debug information
+  std::optional<SymbolIndex> symbols_;
+  std::optional<DwarfIndex> dwarf_;
 };
 
 }  // namespace memleak

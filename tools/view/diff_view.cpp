@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The difference of two reports: stacks with their block sizes, largest change first.
 #include <algorithm>
+#include <functional>
 #include <iomanip>
 #include <limits>
 #include <ostream>
@@ -34,7 +35,7 @@ const char* Sign(std::int64_t growth) {
 }
 
 // "+1.5 KiB", "-3 B", "0 B".
-std::string FormatGrowth(std::int64_t growth) {
+std::string FormatChange(std::int64_t growth) {
   return Sign(growth) + FormatBytes(Magnitude(growth));
 }
 
@@ -62,13 +63,12 @@ std::vector<StackRow> RowsOf(const Difference& difference) {
   }
   std::erase_if(rows, [](const StackRow& row) { return row.groups.empty(); });
   for (StackRow& row : rows) {
-    std::stable_sort(row.groups.begin(), row.groups.end(), [&](std::size_t a, std::size_t b) {
-      return Magnitude(difference.changes[a].growth) > Magnitude(difference.changes[b].growth);
+    std::ranges::stable_sort(row.groups, std::greater(), [&](std::size_t group) {
+      return Magnitude(difference.changes[group].growth);
     });
   }
-  std::stable_sort(rows.begin(), rows.end(), [](const StackRow& a, const StackRow& b) {
-    return Magnitude(a.growth) > Magnitude(b.growth);
-  });
+  std::ranges::stable_sort(rows, std::greater(),
+                           [](const StackRow& row) { return Magnitude(row.growth); });
   return rows;
 }
 
@@ -86,7 +86,7 @@ std::string FormatGroup(const Group& group, const GroupChange& change) {
 void PrintRow(const Difference& difference, const StackRow& row, std::size_t number,
               std::ostream& out) {
   const Profile& merged = difference.merged;
-  out << "#" << number << "  " << FormatGrowth(row.growth) << "\n";
+  out << "#" << number << "  " << FormatChange(row.growth) << "\n";
   const std::size_t shown = std::min(row.groups.size(), kSizesShown);
   for (std::size_t i = 0; i < shown; ++i) {
     const std::size_t group = row.groups[i];
@@ -110,18 +110,12 @@ void PrintStacks(const Difference& difference, const std::vector<StackRow>& rows
     if (i >= shown) rest = AddClamped(rest, rows[i].growth);
   }
   out << "\n"
-      << title << ": " << FormatGrowth(growth) << " in " << Counted(rows.size(), "stack") << "\n";
+      << title << ": " << FormatChange(growth) << " in " << Counted(rows.size(), "stack") << "\n";
   for (std::size_t i = 0; i < shown; ++i) PrintRow(difference, rows[i], i + 1, out);
   if (rows.size() > shown) {
-    out << "and " << FormatGrowth(rest) << " in " << Counted(rows.size() - shown, "more stack")
+    out << "and " << FormatChange(rest) << " in " << Counted(rows.size() - shown, "more stack")
         << " (--top 0 shows all)\n";
   }
-}
-
-void PrintHead(const char* label, const Profile& profile, std::ostream& out) {
-  const std::string held = std::string(label) + "  " + FormatBytes(profile.header.total_bytes) +
-                           " held in " + Counted(profile.header.groups, "group") + " ";
-  out << OneLineOrTwo(held, FitWidth(profile.path, 40)) << "\n";
 }
 
 // Whether a line of the head is damaged, so that its figures read as 0.
@@ -140,7 +134,7 @@ void PrintGrowthOfAll(const Profile& before, const Profile& after, std::ostream&
   const std::uint64_t new_bytes = after.header.total_bytes;
   const std::int64_t growth = Growth(old_bytes, new_bytes);
   std::ostringstream all;
-  all << "all  " << FormatGrowth(growth) << " (" << FormatCountGrowth(old_bytes, new_bytes)
+  all << "all  " << FormatChange(growth) << " (" << FormatCountGrowth(old_bytes, new_bytes)
       << " bytes";
   if (old_bytes != 0) {
     const double share = 100.0 * static_cast<double>(growth) / static_cast<double>(old_bytes);
@@ -153,8 +147,11 @@ void PrintGrowthOfAll(const Profile& before, const Profile& after, std::ostream&
 }
 
 void PrintTotals(const Profile& before, const Profile& after, std::ostream& out) {
-  PrintHead("old", before, out);
-  PrintHead("new", after, out);
+  for (const auto& [label, profile] : {std::pair("old  ", &before), std::pair("new  ", &after)}) {
+    const std::string held = label + FormatBytes(profile->header.total_bytes) + " held in " +
+                             Counted(profile->header.groups, "group") + " ";
+    out << OneLineOrTwo(held, FitWidth(profile->path, 40)) << "\n";
+  }
   PrintGrowthOfAll(before, after, out);
   const Sums old_java = before.Listed(GroupKind::kJava);
   const Sums new_java = after.Listed(GroupKind::kJava);
@@ -176,10 +173,6 @@ void PrintUnchanged(const Difference& difference, std::ostream& out) {
   // The reports count each call site as a group.
   out << "Unchanged: " << FormatBytes(same.bytes) << " in " << Counted(same.groups, "group")
       << (merged ? " (call sites of a function as one)" : "") << ".\n";
-}
-
-bool IsDamaged(const Profile& profile) {
-  return !profile.complete || profile.damaged_lines > 0;
 }
 
 // Prints how many groups are not judged, the reason, and how to reduce their number.
@@ -211,7 +204,7 @@ void PrintNotJudged(const Profile& before, const Profile& after, const Differenc
                               FormatBytes(change.after.total) + " in " + FitWidth(function, 40);
   out << OneLineOrTwo(sums, example) << "\n"
       << "One report lists them, or call sites of them, and the other one omits groups.\n";
-  if (IsDamaged(before) || IsDamaged(after)) {
+  if (!before.IsWhole() || !after.IsWhole()) {
     out << "A report is truncated or damaged: write it again.\n";
   } else {
     out << "A report lists its 1000 largest groups; no option changes that. There are\n"

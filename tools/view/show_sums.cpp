@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tables and trees of sums.
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <ostream>
 #include <utility>
@@ -28,8 +29,7 @@ void PrintRow(const Section& section, const Row& row, RowKind kind, std::ostream
   if (section.options.selection.sort == SortKey::kAge) {
     figures += Right(row.oldest ? FormatAge(*row.oldest) : "", kAgeColumns + 1);
   }
-  std::string name = row.name;
-  if (kind == RowKind::kLibrary) name = name.empty() ? "(nameless)" : name;
+  const std::string& name = kind == RowKind::kLibrary && row.name.empty() ? "(nameless)" : row.name;
   const std::size_t room = kColumns - std::min(kColumns - 10, kBytesColumns + figures.size() + 2);
   out << paint.Strong(Right(FormatBytes(row.inclusive.bytes), kBytesColumns)) << figures << "  "
       << paint.Name(FitWidth(name, room)) << "\n";
@@ -40,31 +40,23 @@ struct PendingLine {
   std::uint32_t node = 0;
   std::size_t indent = 0;
   std::size_t more = 0;  // if not 0, the line sums up this many branches
-  Sums left_out;
-  std::optional<std::int64_t> oldest;  // of `left_out`
+  Sums left_out = {};
+  std::optional<std::int64_t> oldest = {};  // of `left_out`
 };
 
-// The width of the column for the sort key; 0 for bytes, which have a column already.
-std::size_t OrderColumns(SortKey sort) {
-  switch (sort) {
-    case SortKey::kCount:
-      return kBlocksColumns;
-    case SortKey::kSize:
-      return kBytesColumns;
-    case SortKey::kAge:
-      return kAgeColumns;
-    case SortKey::kTotal:
-      break;
-  }
-  return 0;
-}
-
-const char* OrderTitle(SortKey sort) {
-  if (sort == SortKey::kCount) return "blocks";
-  return sort == SortKey::kSize ? "a block" : "oldest";
-}
+/// The column for the sort key in a tree.
+struct OrderColumn {
+  std::size_t width = 0;  // with the blank before it
+  const char* title = "";
+};
+// By SortKey. Bytes have a column already.
+constexpr std::array<OrderColumn, 4> kOrderColumns = {{{},
+                                                       {kBlocksColumns + 1, "blocks"},
+                                                       {kBytesColumns + 1, "a block"},
+                                                       {kAgeColumns + 1, "oldest"}}};
 
 std::string OrderText(SortKey sort, const Sums& sums, std::optional<std::int64_t> oldest) {
+  if (sort == SortKey::kTotal) return "";
   if (sort == SortKey::kCount) return FormatCount(sums.blocks);
   if (sort == SortKey::kSize) return FormatBytes(MeanSize(sums));
   return oldest ? FormatAge(*oldest) : "";
@@ -77,7 +69,8 @@ class TreePrinter {
         tree_(std::move(tree)),
         out_(out),
         paint_(section.options.color),
-        sort_(section.options.selection.sort) {}
+        sort_(section.options.selection.sort),
+        order_(kOrderColumns.at(static_cast<std::size_t>(sort_))) {}
 
   Sums Print() {
     Push(0, 0);
@@ -100,14 +93,13 @@ class TreePrinter {
     std::vector<std::uint32_t>& children = tree_[parent].children;
     const auto is_large = [&](std::uint32_t child) { return IsLarge(child); };
     const std::size_t top = section_.options.top == 0 ? children.size() : section_.options.top;
-    auto shown =
-        static_cast<std::size_t>(std::count_if(children.begin(), children.end(), is_large));
+    auto shown = static_cast<std::size_t>(std::ranges::count_if(children, is_large));
     if (shown + 1 == children.size() && shown < top) {
       // A line for one more branch takes as much space as the branch.
       ++shown;
     } else {
       // In other orders than by bytes, small branches may come before large ones.
-      std::stable_partition(children.begin(), children.end(), is_large);
+      std::ranges::stable_partition(children, is_large);
     }
     shown = std::min(shown, top);
     // A single child is not indented.
@@ -117,11 +109,7 @@ class TreePrinter {
     const bool fork = forks || tree_[parent].self.groups != 0 || (many_roots_ && indent == 0);
     const std::size_t inner =
         parent == 0 ? 0 : std::min(kDeepestIndent, indent + (fork ? kIndentStep : 0));
-    PendingLine rest{.node = parent,
-                     .indent = inner,
-                     .more = children.size() - shown,
-                     .left_out = {},
-                     .oldest = {}};
+    PendingLine rest{.node = parent, .indent = inner, .more = children.size() - shown};
     for (std::size_t i = shown; i < children.size(); ++i) {
       const TreeNode& node = tree_[children[i]];
       rest.left_out.Add(node.sums);
@@ -130,8 +118,7 @@ class TreePrinter {
     left_out_.Add(rest.left_out);
     if (rest.more != 0) pending_.push_back(rest);
     for (std::size_t i = shown; i-- > 0;) {
-      pending_.push_back(
-          {.node = children[i], .indent = inner, .more = 0, .left_out = {}, .oldest = {}});
+      pending_.push_back({.node = children[i], .indent = inner});
     }
   }
 
@@ -146,16 +133,12 @@ class TreePrinter {
 
   void PrintFigures(const Sums& sums, std::optional<std::int64_t> oldest, std::size_t indent) {
     out_ << paint_.Strong(Right(FormatBytes(sums.bytes), kBytesColumns))
-         << Right(Percent(sums.bytes, section_.whole), kShareColumns + 1);
-    if (sort_ != SortKey::kTotal) {
-      out_ << Right(OrderText(sort_, sums, oldest), OrderColumns(sort_) + 1);
-    }
-    out_ << "  " << std::string(indent, ' ');
+         << Right(Percent(sums.bytes, section_.whole), kShareColumns + 1)
+         << Right(OrderText(sort_, sums, oldest), order_.width) << "  " << std::string(indent, ' ');
   }
 
   std::size_t Room(std::size_t indent) const {
-    const std::size_t order = OrderColumns(sort_);
-    return kColumns - kBytesColumns - kShareColumns - 3 - (order == 0 ? 0 : order + 1) - indent;
+    return kColumns - kBytesColumns - kShareColumns - 3 - order_.width - indent;
   }
 
   void PrintNode(const PendingLine& line) {
@@ -177,6 +160,7 @@ class TreePrinter {
   std::ostream& out_;
   Paint paint_;
   SortKey sort_;
+  OrderColumn order_;
   std::vector<PendingLine> pending_;
   Sums left_out_;
   bool many_roots_ = false;
@@ -211,9 +195,11 @@ Sums PrintRows(const Section& section, RowKind kind, std::ostream& out) {
 Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out) {
   if (section.selected.groups.empty()) return {};
   const SortKey sort = section.options.selection.sort;
-  out << "\n" << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1);
-  if (sort != SortKey::kTotal) out << Right(OrderTitle(sort), OrderColumns(sort) + 1);
-  out << (end == TreeEnd::kOutermost ? "  from the outermost call inwards\n"
+  const OrderColumn& order = kOrderColumns.at(static_cast<std::size_t>(sort));
+  out << "\n"
+      << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1)
+      << Right(order.title, order.width)
+      << (end == TreeEnd::kOutermost ? "  from the outermost call inwards\n"
                                      : "  from the allocating call outwards\n");
   return TreePrinter(section, BuildTree(section.profile, section.selected, end, sort), out).Print();
 }

@@ -13,23 +13,14 @@ namespace memleak {
 namespace {
 
 constexpr std::size_t kIndent = 5;
-constexpr double kMaxBytes = 1e18;
-
-std::string Magnitude(double bytes) {
-  return FormatBytes(static_cast<std::uint64_t>(std::llround(std::min(bytes, kMaxBytes))));
-}
-
-std::string Signed(double bytes) {
-  return (bytes < 0 ? "-" : "+") + Magnitude(std::fabs(bytes));
-}
 
 std::string SlopeText(const GroupTrend& group) {
   if (!group.line) return "";
   std::ostringstream text;
-  text << Signed(group.line->slope) << "/min";
+  text << FormatGrowth(group.line->slope) << "/min";
   if (group.line->margin) {
-    text << " (95 %: " << Signed(group.line->slope - *group.line->margin) << " to "
-         << Signed(group.line->slope + *group.line->margin) << "), r2 " << std::fixed
+    text << " (95 %: " << FormatGrowth(group.line->slope - *group.line->margin) << " to "
+         << FormatGrowth(group.line->slope + *group.line->margin) << "), r2 " << std::fixed
          << std::setprecision(3) << group.line->r_squared;
   }
   return text.str();
@@ -58,8 +49,8 @@ std::string FrameText(const std::string& name, const std::string& library) {
 
 void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
   const std::optional<std::int64_t> growth = group.Growth();
-  out << "#" << number << "  " << (growth ? Signed(static_cast<double>(*growth)) : "?") << "  "
-      << SlopeText(group) << "\n     " << CountText(group.values.front()) << " -> "
+  out << "#" << number << "  " << (growth ? FormatGrowth(static_cast<double>(*growth)) : "?")
+      << "  " << SlopeText(group) << "\n     " << CountText(group.values.front()) << " -> "
       << BlocksText(group.values.back()) << " of " << FormatBytes(group.size);
   if (group.kind == GroupKind::kJava) out << ", Java-native";
   if (group.Known() < group.values.size()) {
@@ -92,7 +83,7 @@ void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<Grou
   const SavedReport& last = reports.back();
   out << "From the first of " << reports.size() << " reports to the last, in "
       << FormatAge(std::llround(last.seconds - first.seconds)) << ": "
-      << Signed(static_cast<double>(last.bytes) - static_cast<double>(first.bytes)) << " ("
+      << FormatGrowth(static_cast<double>(last.bytes) - static_cast<double>(first.bytes)) << " ("
       << FormatBytes(first.bytes) << " -> " << FormatBytes(last.bytes) << ")\n";
   std::size_t grew = 0;
   Sums without_trend;
