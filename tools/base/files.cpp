@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files and paths by POSIX calls.
 #include "tools/base/files.h"
 
 #include <sys/stat.h>

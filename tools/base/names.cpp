@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// UTF-8 decoding and escapes.
 #include "tools/base/names.h"
 
 #include <array>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes a temporary file, then renames it.
 #include "tools/base/output_file.h"
 
 #include <unistd.h>
@@ -11,15 +10,8 @@
 #include "tools/base/user_error.h"
 
 namespace memleak {
-namespace {
 
 namespace fs = std::filesystem;
-
-std::string Reason() {
-  return errno == 0 ? "writing failed" : std::strerror(errno);
-}
-
-}  // namespace
 
 void RefuseOverwriting(const std::string& output, const std::vector<std::string>& inputs) {
   for (const std::string& input : inputs) {
@@ -39,7 +31,7 @@ OutputFile::OutputFile(const std::string& path) : given_(path), target_(path), t
   }
   errno = 0;
   stream_.open(temporary_, std::ios::binary | std::ios::trunc);
-  if (!stream_) Fail(Reason());
+  if (!stream_) Fail();
   if (fs::is_regular_file(status)) fs::permissions(temporary_, status.permissions(), error);
   errno = 0;
 }
@@ -50,13 +42,14 @@ OutputFile::~OutputFile() {
 
 void OutputFile::Commit() {
   stream_.close();
-  if (!stream_) Fail(Reason());
+  if (!stream_) Fail();
   if (temporary_ == target_) return;
-  if (std::rename(temporary_.c_str(), target_.c_str()) != 0) Fail(Reason());
+  if (std::rename(temporary_.c_str(), target_.c_str()) != 0) Fail();
   temporary_ = target_;
 }
 
-void OutputFile::Fail(const std::string& reason) const {
+void OutputFile::Fail() const {
+  const std::string reason = errno == 0 ? "writing failed" : std::strerror(errno);
   throw UserError("cannot write " + given_ + ": " + reason,
                   "give -o a file in a directory that you may write to");
 }

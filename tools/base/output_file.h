@@ -27,7 +27,7 @@ class OutputFile {
   void Commit();
 
  private:
-  [[noreturn]] void Fail(const std::string& reason) const;
+  [[noreturn]] void Fail() const;
 
   std::string given_;
   std::string target_;     // what `given_` leads to

@@ -12,7 +12,6 @@ namespace memleak {
 /// unless that output is a terminal.
 class StatusLine {
  public:
-  /// With `enabled` unset nothing is ever written.
   explicit StatusLine(bool enabled = true);
   ~StatusLine();
   StatusLine(const StatusLine&) = delete;

@@ -99,8 +99,7 @@ std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool i
   return std::nullopt;
 }
 
-// Waits until the library is loaded, for processes without a log. Returns false if that takes too
-// long.
+// For processes without a log. Returns false if loading takes too long.
 bool WaitForLibrary(const ProcessInfo& process) {
   const auto deadline = steady_clock::now() + kPatience;
   while (steady_clock::now() < deadline) {

@@ -20,15 +20,13 @@ using nlohmann::json;
 class FrameTable {
  public:
   explicit FrameTable(const Profile& profile) {
-    std::unordered_map<std::string, std::size_t> known;
+    std::unordered_map<json, std::size_t> known;
     for (const Frame& frame : profile.frames) {
       json entry = {{"name", FrameName(profile, frame)}};
       const std::string file = FileOf(profile, frame);
       if (!file.empty()) entry["file"] = file;
       if (frame.line != 0) entry["line"] = frame.line;
-      const std::string key =
-          entry["name"].get<std::string>() + '\n' + file + '\n' + std::to_string(frame.line);
-      const auto [place, added] = known.try_emplace(key, entries_.size());
+      const auto [place, added] = known.try_emplace(entry, entries_.size());
       if (added) entries_.push_back(std::move(entry));
       indices_.push_back(place->second);
     }

@@ -18,8 +18,8 @@ enum class SortKey { kTotal, kCount, kSize, kAge };
 /// Which groups are selected, and in what order.
 struct Selection {
   GroupKind kind = GroupKind::kNative;
-  std::string filter = {};      ///< POSIX extended regular expression for the name, library or
-                                ///< source file of any frame; empty for all
+  std::string filter = {};      ///< POSIX extended regular expression: name, library or source
+                                ///< file of a frame; empty for all
   std::uint64_t min_bytes = 0;  ///< of all blocks of a group
   std::optional<std::int64_t> older_than =
       {};                          ///< seconds; the least age of the oldest listed block
@@ -39,12 +39,10 @@ Selected SelectGroups(const Profile& profile, const Selection& selection);
 /// The largest of a group's ages; empty without ages (Java-native groups have none).
 std::optional<std::int64_t> OldestAge(const Group& group);
 
-/// What the ages of a group show about its growth. They are compared with the oldest age in the
-/// report.
+/// What the ages of a group show about its growth, by quarters of the oldest age in the report.
 enum class AgePattern {
   kUnknown,  ///< fewer than four ages, or a span of less than four seconds
-  kGrowing,  ///< blocks from the first and the last quarter of the span: old blocks stay, new ones
-             ///< are added
+  kGrowing,  ///< blocks from the first and the last quarter
   kSettled,  ///< none from the last quarter: allocated once and kept
   kRecent,   ///< none from the first quarter, some from the last: new or short-lived
 };
@@ -67,10 +65,9 @@ struct Row {
 
 enum class RowKind { kLibrary, kFunction };
 
-/// Sums up `selected` by library or by function. Rows are sorted by `sort` (total, count: of
-/// `inclusive`, then `self`; size: the mean block size; age: the oldest). Frames without a library
-/// belong to "[unknown]". Inlined calls are functions like others. Functions of one name in two
-/// libraries have two rows.
+/// Sums up `selected` by library or by function. Rows are sorted by `sort`: the `inclusive` sum,
+/// its mean block size or its oldest age. Frames without a library belong to "[unknown]". Inlined
+/// calls are functions like others. Functions of one name in two libraries have two rows.
 std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind kind,
                        SortKey sort);
 
@@ -79,22 +76,20 @@ inline constexpr std::uint32_t kNoFrame = std::numeric_limits<std::uint32_t>::ma
 
 /// A node of a call tree.
 struct TreeNode {
-  std::uint32_t frame = 0;  ///< index into Profile::frames, of any frame with this name; kNoFrame
-                            ///< for groups without a stack
+  std::uint32_t frame = 0;  ///< an index into Profile::frames; kNoFrame without a stack
   Sums sums;                ///< groups whose stacks contain it
   Sums self;                ///< groups whose stacks end here
   std::optional<std::int64_t> oldest = {};  ///< age among the groups of `sums`
   std::vector<std::uint32_t> children;      ///< indices into the tree, sorted
 };
 
-/// From which end the tree starts.
 enum class TreeEnd {
   kOutermost,  ///< from the start of a thread to the allocation
   kInnermost,  ///< from the allocation to its callers
 };
 
-/// The call tree of `selected`. Children are sorted like the rows of AddUp. Element 0 is the root,
-/// which has no frame. Groups without a stack are one child of the root.
+/// The call tree of `selected`, starting from `end`. Children are sorted like the rows of AddUp.
+/// Element 0 is the root, which has no frame. Groups without a stack are one child of the root.
 std::vector<TreeNode> BuildTree(const Profile& profile, const Selected& selected, TreeEnd end,
                                 SortKey sort);
 

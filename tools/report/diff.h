@@ -28,7 +28,7 @@ constexpr const char* ChangeName(Change change) {
   return kChangeNames.at(static_cast<std::size_t>(change));
 }
 
-/// The figures of both reports for blocks of one size with one stack of functions.
+/// Blocks of one size with one stack of functions, in both reports.
 struct GroupChange {
   GroupValue before;
   GroupValue after;

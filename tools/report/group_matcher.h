@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Matches the groups of several reports by kind, block size, and the libraries and functions on
-// their stacks, so that neither addresses nor moved files matter. Used by Compare and Trends;
-// single-threaded.
+// their stacks, so that neither addresses nor moved files matter. Single-threaded.
 #pragma once
 
 #include <array>
@@ -25,13 +24,12 @@ struct GroupValue {
   std::uint64_t count = 0;  ///< blocks that are listed
   std::uint64_t total = 0;  ///< their bytes
   std::uint64_t sites = 0;  ///< call sites that are listed: groups of the report
-  /// False if the report omits groups and lacks a call site that another report lists. The figures
-  /// may then be too small.
+  /// False if the report omits groups and lacks a call site that another one lists: the figures may
+  /// be too small.
   bool known = true;
 };
 
-/// Groups of one kind, size and stack of functions. They differ only in their call sites, the
-/// places within the functions.
+/// Groups of one kind, size and stack of functions, which differ only in their call sites.
 struct MatchedGroup {
   GroupKind kind = GroupKind::kNative;
   std::size_t stack_id = 0;        ///< equal for all sizes of one stack

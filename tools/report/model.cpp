@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads a report into a profile in one pass, then resolves its frames library by library.
 #include "tools/report/model.h"
 
 #include <sys/stat.h>

@@ -44,8 +44,8 @@ struct Group {
   std::uint64_t total = 0;           ///< bytes of all
   std::vector<std::int64_t> ages;    ///< seconds, at most 30: see `own_ages`
   std::vector<std::uint32_t> stack;  ///< indices into Profile::frames, innermost first
-  /// All `ages` are those of blocks of this group, and a report cannot list more of them. Otherwise
-  /// some may be those of other blocks with the same stack, and some may be missing.
+  /// All `ages` are of blocks of this group, and a report cannot list more. Otherwise some may be
+  /// of other blocks with the same stack, and some may be missing.
   bool own_ages = false;
 };
 
@@ -109,13 +109,11 @@ struct Profile {
   /// Whether the report certainly lists all groups of `kind`.
   bool ListsAll(GroupKind kind) const;
 
-  /// Native bytes and groups that the head counts and the report does not list. `blocks` is 0:
-  /// their number is unknown.
+  /// Native bytes and groups that the head counts and the report does not list; `blocks` is 0.
   Sums Unlisted() const;
 };
 
-/// Reads and symbolizes the report at `report_path`. Throws UserError if it cannot be read or is
-/// not a report. For a truncated report `complete` is false.
+/// Reads and symbolizes the report at `report_path`. Throws as ReadReportFile.
 Profile LoadProfile(const std::string& report_path, const SymbolOptions& options);
 
 /// The displayed name of a frame: its function, else "library+0xoffset" with the library's file

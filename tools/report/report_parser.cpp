@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report grammar, line by line.
 #include "tools/report/report_parser.h"
 
 #include <unistd.h>

@@ -11,7 +11,6 @@
 
 namespace memleak {
 
-/// One frame of a native group.
 struct ReportFrame {
   std::string_view library;  ///< name of the mapping, may be empty; refers to the line
   std::uint64_t offset = 0;  ///< bytes from the start of the mapping that holds the pc
@@ -27,7 +26,6 @@ struct NativeGroup {
   std::vector<ReportFrame> frames;  ///< innermost first
 };
 
-/// One frame of a Java-native group.
 struct JavaFrame {
   std::uint64_t rel_pc = 0;
   std::string function;  ///< may be empty
@@ -62,15 +60,13 @@ struct ReportSink {
   std::function<void(DamagedLine&&)> damaged;
 };
 
-/// How reading ended.
 enum class ReportEnd {
   kComplete,    ///< down to "END"
   kTruncated,   ///< the text stops earlier
   kNotAReport,  ///< the first line is not a report's; nothing was delivered
 };
 
-/// The longest line in bytes; the deepest stack of long names takes less. A longer line is damaged,
-/// and is not kept in memory.
+/// The longest line; the deepest stack of long names takes less. A longer line is damaged.
 inline constexpr std::size_t kMaxLineBytes = 64U << 20U;
 
 /// Reads a report from `input` in one pass, in memory of one group and one line. Fills `header`

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads program headers and recognizes arm64's two call instructions.
 #include "tools/symbols/code_ranges.h"
 
 #include <algorithm>

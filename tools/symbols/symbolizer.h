@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "tools/symbols/code_ranges.h"
-#include "tools/symbols/debug_files.h"
 #include "tools/symbols/function_index.h"
 #include "tools/symbols/symbol_options.h"
 
@@ -53,7 +52,11 @@ class Symbolizer {
 
   std::string name_;
   std::string file_;
-  DebugSearch search_;
+  // Of libdwfl's search for debug files. It rejects files of another build by build id or, without
+  // one, by the checksum of the debug link.
+  std::string search_path_;
+  char* search_path_start_ = nullptr;
+  Dwfl_Callbacks callbacks_{};
   std::string build_id_;
   Dwfl* session_ = nullptr;
   Dwfl_Module* module_ = nullptr;

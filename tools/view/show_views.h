@@ -37,8 +37,7 @@ struct Section {
 /// Prints a line or two for each frame of the group.
 void PrintStack(const Profile& profile, const Group& group, const Paint& paint, std::ostream& out);
 
-/// The views. Each returns the groups of the selection that --top leaves out.
-Sums PrintGroups(const Section& section, std::ostream& out);
+/// The views with sums. Each returns the groups of the selection that --top leaves out.
 Sums PrintRows(const Section& section, RowKind kind, std::ostream& out);
 Sums PrintTree(const Section& section, TreeEnd end, std::ostream& out);
 
