@@ -80,12 +80,14 @@ class LibraryTable {
           library.name == protocol::kTrackerLibrary || library.name == protocol::kPreloadLibrary;
       if (!library.is_program && !own) Add(library);
     }
-    std::ranges::sort(rows_, {}, [](const Row& row) { return row.library->name; });
+    std::sort(rows_.begin(), rows_.end(),
+              [](const Row& a, const Row& b) { return a.library->name < b.library->name; });
   }
 
   /// Returns whether anything can be hooked.
   bool Print(const std::string& label) const {
-    const auto can = std::ranges::count_if(rows_, &Row::can_be_hooked);
+    const auto can =
+        std::count_if(rows_.begin(), rows_.end(), [](const Row& row) { return row.can_be_hooked; });
     std::cout << label << ": functions can be hooked in " << can << " of " << total_
               << " libraries\n";
     if (!rows_.empty()) PrintRows();
@@ -111,8 +113,9 @@ class LibraryTable {
   };
 
   bool IsUsed(const State* state) const {
-    return std::ranges::any_of(
-        rows_, [&](const Row& row) { return std::ranges::count(row.states, state) != 0; });
+    return std::any_of(rows_.begin(), rows_.end(), [&](const Row& row) {
+      return std::count(row.states.begin(), row.states.end(), state) != 0;
+    });
   }
 
   void Add(const LoadedLibrary& library) {

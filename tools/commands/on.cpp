@@ -158,8 +158,9 @@ void PrintHooked(const HookPlan& plan, const HookOutcome& outcome) {
   if (!outcome.slots_read) return PrintPairs("requested  ", plan.pairs, std::cout);
   PrintPairs("hooked  ", outcome.hooked, std::cout);
   std::vector<HookPair> missing = plan.pairs;
-  std::erase_if(
-      missing, [&](const HookPair& pair) { return std::ranges::count(outcome.hooked, pair) != 0; });
+  std::erase_if(missing, [&](const HookPair& pair) {
+    return std::count(outcome.hooked.begin(), outcome.hooked.end(), pair) != 0;
+  });
   PrintPairs("memleak: not hooked: ", missing, std::cerr);
 }
 

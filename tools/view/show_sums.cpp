@@ -99,7 +99,7 @@ class TreePrinter {
       ++shown;
     } else {
       // In other orders than by bytes, small branches may come before large ones.
-      std::ranges::stable_partition(children, is_large);
+      std::stable_partition(children.begin(), children.end(), is_large);
     }
     shown = std::min(shown, top);
     // A single child is not indented.
