@@ -107,6 +107,7 @@ CLI::Option* AddChoice(CLI::App* command, const std::string& option, Target* tar
     }
   };
   std::vector<std::string> names;
+  names.reserve(choices.size());
   for (const auto& choice : choices) names.push_back(choice.first);
   return ExpectOneOf(command->add_option_function<std::string>(option, set, summary), names);
 }

@@ -15,7 +15,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kDiffHelp = R"(
 Says which groups grew, shrank, appeared or went from report OLD to report NEW,
 by call stack and block size. Stacks are matched by function and library, so
 reports of different runs can be compared. Places without symbols are matched by
@@ -91,7 +91,7 @@ int Diff(const DiffOptions& options) {
 
 void AddDiff(Program* program) {
   const auto [command, options] =
-      program->AddCommand("diff", "Show what changed between reports", kHelp, Diff);
+      program->AddCommand("diff", "Show what changed between reports", kDiffHelp, Diff);
   ReadOptions& read = options->read;
   AddOption(command, "OLD", &options->before, " ", "Report, root directory, or JSON document")
       ->required();

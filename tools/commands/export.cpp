@@ -19,7 +19,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kExportHelp = R"(
 Writes a report for other programs:
   folded      one line for each stack, outermost function first, for flame
               graphs; ";", "%" and blanks in names become %3B, %25 and %20
@@ -103,7 +103,7 @@ int Export(const ExportOptions& options) {
 
 void AddExport(Program* program) {
   const auto [command, options] =
-      program->AddCommand("export", "Write a report in another format", kHelp, Export);
+      program->AddCommand("export", "Write a report in another format", kExportHelp, Export);
   AddReportArgument(command, &options->report);
   AddChoice<Format>(command, "--format", &options->format,
                     {{"folded", Format::kFolded},

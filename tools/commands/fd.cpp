@@ -23,7 +23,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kFdHelp = R"(
 Controls libfdtrack.so, a separate library that tracks file descriptors. The
 tracker loads it into the process and calls it.
   on     load it if needed, and track with --depth frames (default: the depth
@@ -141,7 +141,7 @@ int Fd(const FdOptions& options) {
 }  // namespace
 
 void AddFd(Program* program) {
-  const auto [command, options] = program->AddCommand("fd", "Track file descriptors", kHelp, Fd);
+  const auto [command, options] = program->AddCommand("fd", "Track file descriptors", kFdHelp, Fd);
   std::vector<std::pair<std::string, const Action*>> actions;
   for (const Action& action : kActions) actions.emplace_back(action.name, &action);
   AddChoice(command, "ACTION", &options->action, actions, "What to do")->required();

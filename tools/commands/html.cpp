@@ -14,7 +14,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kHtmlHelp = R"(
 Writes one file that shows a report in a browser: a flame graph that zooms and
 searches, the table of groups with their stacks, and the ages of their blocks.
 With --diff, it shows what changed since OLD. REPORT can be a JSON document of
@@ -60,7 +60,7 @@ int Html(const HtmlOptions& options) {
 
 void AddHtml(Program* program) {
   const auto [command, options] =
-      program->AddCommand("html", "Write a page about a report", kHelp, Html);
+      program->AddCommand("html", "Write a page about a report", kHtmlHelp, Html);
   ReadOptions& read = options->read;
   AddReportArgument(command, &options->report);
   AddOption(command, "-o,--output", &options->output, "FILE", "The page")->required();

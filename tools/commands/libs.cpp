@@ -14,7 +14,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kLibsHelp = R"(
 Lists the libraries of a process that import a function that can be hooked, and
 the state of each function: "yes" can be hooked, "-" is not imported. Other
 states are explained below the table. `on --lib` takes the names in the table. A
@@ -178,7 +178,7 @@ int ListLibraries(const pid_t& pid) {
 
 void AddLibs(Program* program) {
   const auto [command, pid] =
-      program->AddCommand("libs", "List what can be hooked", kHelp, ListLibraries);
+      program->AddCommand("libs", "List what can be hooked", kLibsHelp, ListLibraries);
   AddPid(command, pid);
 }
 

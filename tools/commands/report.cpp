@@ -21,7 +21,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kReportHelp = R"(
 Stops recording, makes the process write its report, waits until the report is
 complete and prints its path. An existing report is renamed to
 allocations_dump.old. With --kind, the hooks of the latest `memleak on` are
@@ -41,7 +41,7 @@ Exit codes:
   0  the report is complete
   2  error (see stderr))";
 
-constexpr const char* kDeviceHelp = R"(
+constexpr const char* kReportDeviceHelp = R"(
 Stops recording, makes the process write /data/log/reliability/allocations_dump,
 waits until the report is complete and prints how to fetch it. The directory
 must exist, and the process must have permission to write there. An existing
@@ -103,7 +103,7 @@ int Report(const ReportOptions& options) {
 }  // namespace
 
 void AddReport(Program* program) {
-  const char* help = program->IsDevice() ? kDeviceHelp : kHelp;
+  const char* help = program->IsDevice() ? kReportDeviceHelp : kReportHelp;
   const auto [command, options] =
       program->AddCommand("report", "Stop recording and write a report", help, Report);
   AddPid(command, &options->pid);

@@ -11,7 +11,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kRunHelp = R"(
 Creates a root directory for properties and reports and runs PROGRAM with the
 tracker. The program gets this command's process id. Nothing is recorded before
 `memleak on PID`, unless --start is given. Forked children are tracked too; each
@@ -60,7 +60,7 @@ std::vector<std::string> ProgramWords(const CLI::App& command,
 }  // namespace
 
 void AddRun(Program* program) {
-  CLI::App* command = program->AddCommand("run", "Start a program under the tracker", kHelp);
+  CLI::App* command = program->AddCommand("run", "Start a program under the tracker", kRunHelp);
   command->formatter(std::make_shared<RunFormatter>());
   command->prefix_command();
   const auto options = std::make_shared<RunOptions>();

@@ -15,11 +15,11 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kIntro = R"(
+constexpr const char* kSendIntro = R"(
 Sends any control word. Commands and their bits:
 )";
 
-constexpr const char* kRest = R"(
+constexpr const char* kSendRest = R"(
 A word may hold several; docs/control-protocol.md has their order. The parameter
 holds the backtrace size in bits 31 to 16 and the type character in bits 15 to 0.
 
@@ -33,7 +33,7 @@ Exit codes:
 
 std::string Help() {
   std::ostringstream text;
-  text << kIntro << "            on        pause     report    clear\n"
+  text << kSendIntro << "            on        pause     report    clear\n"
        << std::hex << std::left << std::showbase;
   for (const protocol::Kind& kind : protocol::kKinds) {
     text << "  " << std::setw(10) << kind.name;
@@ -43,7 +43,7 @@ std::string Help() {
     text << kind.Clear() << "\n";
   }
   text << "File descriptors: " << protocol::kFdOn << " on, " << protocol::kFdOff << " off, "
-       << protocol::kFdDump << " dump, " << protocol::kFdClear << " clear" << kRest;
+       << protocol::kFdDump << " dump, " << protocol::kFdClear << " clear" << kSendRest;
   return text.str();
 }
 

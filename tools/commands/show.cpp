@@ -15,7 +15,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kShowHelp = R"(
 Prints what a report holds: bytes, blocks and ages, and the call stacks with
 function, file and line where symbols exist. REPORT is the file, the root
 directory that contains it, or a JSON document of `memleak export`. Groups that
@@ -80,7 +80,7 @@ int Show(const ShowOptions& options) {
 }  // namespace
 
 void AddShow(Program* program) {
-  const auto [command, options] = program->AddCommand("show", "Print a report", kHelp, Show);
+  const auto [command, options] = program->AddCommand("show", "Print a report", kShowHelp, Show);
   Selection& selection = options->view.selection;
   AddReportArgument(command, &options->report);
   AddChoice<View>(command, "--by", &options->view.view,

@@ -25,7 +25,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kStatusHelp = R"(
 Prints whether a process is tracked and records (according to its log), its
 root directory, its properties and its report.
 
@@ -37,7 +37,7 @@ Exit codes:
   1  not tracked, or the tracker does not catch signal 44
   2  error (see stderr))";
 
-constexpr const char* kDeviceHelp = R"(
+constexpr const char* kStatusDeviceHelp = R"(
 Prints whether a process is tracked, the properties, and the report of this or
 another process. The log shows whether it records: logcat -s MemLeak.Native.
 
@@ -137,7 +137,7 @@ int PrintStatus(const pid_t& pid) {
 }  // namespace
 
 void AddStatus(Program* program) {
-  const char* help = program->IsDevice() ? kDeviceHelp : kHelp;
+  const char* help = program->IsDevice() ? kStatusDeviceHelp : kStatusHelp;
   const auto [command, pid] =
       program->AddCommand("status", "Show the state of a process", help, PrintStatus);
   AddPid(command, pid);

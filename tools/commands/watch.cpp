@@ -6,7 +6,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHelp = R"(
+constexpr const char* kWatchHelp = R"(
 Takes a report at intervals while recording continues, saves each in DIR under
 its number and time, and shows at the end what grew from the first to the last.
 Native recording is switched on unless the log says that it is on. It is never
@@ -47,8 +47,8 @@ Exit codes:
 }  // namespace
 
 void AddWatch(Program* program) {
-  const auto [command, options] =
-      program->AddCommand("watch", "Take reports at intervals and show what grew", kHelp, Watch);
+  const auto [command, options] = program->AddCommand(
+      "watch", "Take reports at intervals and show what grew", kWatchHelp, Watch);
   AddPid(command, &options->pid);
   AddOption(command, "-o,--output", &options->directory, "DIR",
             "Directory for the reports, a new one")
