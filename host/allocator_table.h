@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The table through which the loader routes the program's allocator calls.
 //
-// Every exported allocator function reads it, on any thread (routing.cpp). It changes twice in a
-// process, both times before `main`: when the next allocator is known, and when the tracker has
-// taken over.
+// Every exported allocator function reads it, on any thread (routing.cpp). It changes twice before
+// `main`: when the next allocator is known, and when the tracker has taken over. Later it changes
+// while a command waits for the control thread.
 #pragma once
 
 #include <malloc.h>
@@ -30,6 +30,23 @@ extern const AllocatorTable kBootstrapTable;
 /// the process. Blocks of the bootstrap arena stay valid: if there are any, free, realloc and
 /// malloc_usable_size check for them first. Called at most twice, on one thread at a time.
 void UseAllocator(const AllocatorTable& plain);
+
+/// Makes the functions that allocate call StartPendingThread first. Functions that release do not:
+/// the C library may call them under a lock that starting a thread needs. Any thread, safe in
+/// signal handlers.
+void StartThreadAtNextCall();
+/// Undoes StartThreadAtNextCall. Any thread.
+void RestoreAllocator();
+
+/// While it exists, the calling thread's allocations go to the next allocator, and the tracker does
+/// not see them. One at a time. Afterwards as RestoreAllocator.
+class PassTracker {
+ public:
+  PassTracker();
+  ~PassTracker();
+  PassTracker(const PassTracker&) = delete;
+  PassTracker& operator=(const PassTracker&) = delete;
+};
 
 /// One allocator function: its name and its slot in MallocDispatch.
 struct AllocatorEntry {

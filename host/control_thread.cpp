@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The control thread: fetches commands and passes them to the tracker's signal handler.
+// Starts and stops the control thread, and carries out commands on it.
 #include "host/control_thread.h"
 
 #include <errno.h>
@@ -10,20 +10,23 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
-#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
 
+#include "host/allocator_table.h"
 #include "host/clock.h"
+#include "host/command_queue.h"
 #include "host/print_error.h"
-#include "host/report_thread.h"
+#include "host/reports.h"
+#include "host/signal_actions.h"
+#include "host/state.h"
 #include "protocol/kinds.h"
 
 namespace host {
 namespace {
 
-using protocol::control_signal;
+using ThreadState = protocol::ControlThread;
 
 constexpr char kThreadName[] = "memleak-control";
 // How often the thread checks whether a report has ended. Most take some milliseconds.
@@ -31,42 +34,39 @@ constexpr int kPollMs = 2;
 // How long a fork waits for a report that makes progress. After that the fork proceeds, and the
 // child frees the locks of the record store.
 constexpr int kForkReportMs = 3000;
+// How long the allocation that starts the thread waits for the commands, so that it is recorded if
+// they switch recording on. It may hold a lock that a command needs.
+constexpr int kSettleMs = 500;
 
-// Enough for the handler. Reports have a thread of their own.
-constexpr size_t kStackBytes = size_t{256} << 10;
+// Enough for the handler. Reports have a thread of their own. The program's thread-local storage is
+// part of the stack and may be larger.
+constexpr size_t kStackBytes[] = {size_t{256} << 10, size_t{8} << 20, size_t{64} << 20};
 
 // Held to start or stop the thread or to wait for a command. A thread that forks holds it until
-// both processes have their control threads.
+// both processes exist.
 pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
-// Guarded by change_lock: the thread, whether it can be joined, and whether it should run.
+// Guarded by change_lock: the thread, whether it can be joined, and whether none may start.
 pthread_t thread;
 bool thread_started = false;
-bool thread_wanted = false;
+bool closed = false;
+// Whether the fork that holds change_lock has stopped the thread.
+bool stopped_here = false;
 
 // Written by the thread itself: its id, 0 before it runs.
 std::atomic<int> thread_id{0};
 enum Stop : int { kRun, kStopWanted, kStopped };
 std::atomic<int> stop{kRun};
-// 1 while RunCommand waits for the command with these words. Atomic: a command may be carried out
-// after its sender has timed out, while the next one stores its own.
-std::atomic<int> own_pending{0};
-std::atomic<uint64_t> own_word{0};
-std::atomic<uint32_t> own_parameter{0};
+// The latest tickets of RunCommand that were given out, under change_lock, and carried out.
+uint32_t own_ticket = 0;
+std::atomic<uint32_t> own_done{0};
 
-struct Fetched {
-  siginfo_t info;
-  Command command;
-};
-// Commands that were fetched and are not carried out yet, in order of arrival. A second one is
-// fetched only while the first waits for a report to end. Kept while the thread is stopped.
-Fetched fetched[2];
-int fetched_count = 0;
 std::atomic<bool> report_waits{false};
+// 1 once a new thread has carried out the commands that can be carried out.
+std::atomic<uint32_t> settled{0};
 
-bool blocked_at_start = false;
-// Id of the thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
+// The thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
 // proceeded without the lock.
-std::atomic<int> forking_thread{0};
+std::atomic<pthread_t> forking_thread{0};
 int fork_patience_ms = 0;  // set before the fork handlers are registered
 
 int ThreadId() {
@@ -83,31 +83,26 @@ timespec WallClock(int timeout_ms) {
   return moment;
 }
 
-/// Waits while `word` is `value`. Returns false once `deadline` (of NowMs) has passed.
-bool WaitWhile(std::atomic<int>& word, int value, int64_t deadline) {
-  while (word.load() == value) {
-    const int64_t ms = deadline - NowMs();
-    if (ms <= 0) return false;
-    const timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1'000'000)};
-    syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, &left);
-  }
-  return true;
+bool Lock(const timespec& until) {
+  return pthread_mutex_trylock(&change_lock) == 0 ||
+         pthread_mutex_timedlock(&change_lock, &until) == 0;
 }
 
-void StoreAndWake(std::atomic<int>& word, int value) {
-  word.store(value);
-  syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 0x7fffffff);
+/// Waits while `word` is `value`, at most `timeout_ms` (negative: without limit). May return early.
+/// Other processes may wake it.
+void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) {
+  timespec left{static_cast<time_t>(timeout_ms / 1000),
+                static_cast<long>(timeout_ms % 1000 * 1'000'000)};
+  syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
+}
+
+void Wake(std::atomic<uint32_t>& word) {
+  syscall(SYS_futex, &word, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
 }
 
 bool OnControlThread() {
-  return thread_id.load() == ThreadId();
-}
-
-sigset_t ControlSet() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, control_signal);
-  return set;
+  const int id = thread_id.load();
+  return id != 0 && id == ThreadId();
 }
 
 /// Returns all signals except those that faults of this thread raise: the tracker recovers from
@@ -122,104 +117,121 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-/// Calls the current handler of the control signal, as the kernel would.
-void Deliver(siginfo_t& info) {
-  struct sigaction action;
-  if (sigaction(control_signal, nullptr, &action) != 0) return;
-  if ((action.sa_flags & SA_SIGINFO) != 0) {
-    ucontext_t context;
-    getcontext(&context);
-    action.sa_sigaction(control_signal, &info, &context);
-  } else if (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN) {
-    action.sa_handler(control_signal);
-  }
+void Remember(const Command& command) {
+  State& state = CurrentState();
+  const uint64_t number = state.carried_out.load() + 1;
+  protocol::PastCommand& past = state.history[number % protocol::kHistory];
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  past.number.store(0);
+  past.time_ns.store(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec);
+  past.word.store(command.word);
+  past.parameter.store(command.parameter);
+  past.number.store(number);
+  state.carried_out.store(number);
 }
 
-/// Waits for a command, at most for the time `limit` (null: without limit), and appends it to the
-/// fetched commands. May return without a command.
-void Fetch(const timespec* limit) {
-  const sigset_t commands = ControlSet();
-  Fetched& next = fetched[fetched_count];
-  // Fails with EINTR when the C library changes the user id of all threads.
-  if (sigtimedwait(&commands, &next.info, limit) != control_signal) return;
-  // From pthread_kill in StopUntil: only ends the wait.
-  if (next.info.si_code != SI_QUEUE && next.info.si_pid == getpid()) return;
-  next.command = protocol::ReadCommand(next.info);
-  // One report answers identical commands.
-  const bool is_repeated = fetched_count == 1 && next.command == fetched[0].command;
-  if (!is_repeated) ++fetched_count;
-}
-
-/// Carries out the first of the fetched commands.
 void CarryOut() {
-  const Command command = fetched[0].command;
-  if ((command.word & protocol::kReportBits) != 0) {
-    StartReport([](void* info) { Deliver(*static_cast<siginfo_t*>(info)); }, &fetched[0].info,
-                kThreadName);
-    report_waits.store(false);
-  } else {
-    Deliver(fetched[0].info);
+  Taken taken = TakeCommand();
+  Deliver(taken.command);
+  report_waits.store(false);
+  Remember(taken.command);
+  Acknowledge(taken, 0);
+  if (taken.ticket != 0) {
+    own_done.store(taken.ticket);
+    Wake(own_done);
   }
-  fetched[0] = fetched[1];
-  --fetched_count;
-  // RunCommand waits for this command or for an identical one.
-  if (own_pending.load() == 1 && command == Command{own_word.load(), own_parameter.load()}) {
-    StoreAndWake(own_pending, 0);
+  if (const uint32_t count = TakeDropped(); count != 0) {
+    PrintError("%u commands were dropped: they arrived faster than they are carried out", count);
   }
 }
 
-/// Whether the first fetched command asks for a report while another report is being written. The
-/// tracker would start a thread for each at once.
-bool FirstMustWait() {
-  if ((fetched[0].command.word & protocol::kReportBits) == 0) return false;
-  if (CurrentReport() != Report::kRunning) return false;
-  report_waits.store(true);
-  return true;
+/// Whether the command asks for a report while another report is being written. The tracker would
+/// start a thread for each at once.
+bool MustWait(const Command& command) {
+  const bool waits = (command.word & protocol::kReportBits) != 0 && ReportRuns();
+  if (waits) report_waits.store(true);
+  return waits;
 }
 
-/// Fetches commands instead of unblocking the signal. So the thread knows which command it carries
-/// out, and a missing handler does not kill the process.
 void* ControlThread(void*) {
   prctl(PR_SET_NAME, kThreadName, 0, 0, 0);
-  StoreAndWake(thread_id, ThreadId());
+  thread_id.store(ThreadId());
   for (;;) {
+    if (!ReportRuns()) MakeStateFile();
+    State& state = CurrentState();
+    state.control_thread.store(ThreadState::kRunning);
+    const uint32_t bell = state.bell.load();
     int wanted = kStopWanted;
     if (stop.compare_exchange_strong(wanted, kStopped)) return nullptr;
-    if (fetched_count == 0) {
-      Fetch(nullptr);
-    } else if (!FirstMustWait()) {
+    Command command;
+    const bool waits = FirstCommand(command);
+    if (waits && !MustWait(command)) {
       CarryOut();
-    } else if (fetched_count == 1) {
-      constexpr timespec kPollInterval{0, kPollMs * 1'000'000L};
-      Fetch(&kPollInterval);
-    } else {
-      WaitWhile(stop, kRun, NowMs() + kPollMs);
+      continue;
     }
+    if (settled.exchange(1) == 0) Wake(settled);
+    WaitWhile(state.bell, bell, waits ? kPollMs : -1);
   }
 }
 
+/// Makes the next allocation start the thread. Safe in signal handlers.
+void MarkPending() {
+  ThreadState none = ThreadState::kNone;
+  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
+    StartThreadAtNextCall();
+  }
+}
+
+/// Under change_lock. Returns 0, also if the thread runs already, or an errno value.
 int Start() {
+  if (thread_started) {
+    RestoreAllocator();
+    return 0;
+  }
+  // Recording may be on. The thread's memory is not the program's.
+  const PassTracker pass;
+  // First, so that a signal handler does not ask for a second one.
+  CurrentState().control_thread.store(ThreadState::kRunning);
   const sigset_t blocked = AsynchronousSet();
   sigset_t before;
   pthread_sigmask(SIG_BLOCK, &blocked, &before);
-  thread_id.store(0);
   stop.store(kRun);
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, kStackBytes);
-  int error = pthread_create(&thread, &attributes, ControlThread, nullptr);
-  pthread_attr_destroy(&attributes);
-  // The program's thread-local storage is part of the stack and may be larger.
-  if (error == EINVAL) error = pthread_create(&thread, nullptr, ControlThread, nullptr);
-  thread_started = error == 0;
+  settled.store(0);
+  int error = EINVAL;
+  for (const size_t bytes : kStackBytes) {
+    if (error != EINVAL) break;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    // Also avoids the lock of the default attributes, which the caller may hold.
+    pthread_attr_setstacksize(&attributes, bytes);
+    error = pthread_create(&thread, &attributes, ControlThread, nullptr);
+    pthread_attr_destroy(&attributes);
+  }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  thread_started = error == 0;
+  if (!thread_started) CurrentState().control_thread.store(ThreadState::kNone);
   return error;
 }
 
+/// Starts the thread if it is pending. Returns 0 or an errno value.
+int TryStart() {
+  if (pthread_mutex_trylock(&change_lock) != 0) return EBUSY;
+  int error = EBUSY;
+  RestoreAllocator();
+  if (!closed && CurrentState().control_thread.load() == ThreadState::kPending) {
+    error = Start();
+    if (error != 0) RefusePosted(error);
+  }
+  pthread_mutex_unlock(&change_lock);
+  return error;
+}
+
+/// Under change_lock.
 bool StopUntil(const timespec& moment) {
   if (!thread_started) return true;
-  StoreAndWake(stop, kStopWanted);
-  pthread_kill(thread, control_signal);
+  stop.store(kStopWanted);
+  RingBell();
   // A join is a cancellation point; fork and exit are not.
   int cancel_state;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
@@ -232,112 +244,145 @@ bool StopUntil(const timespec& moment) {
   pthread_setcancelstate(cancel_state, nullptr);
   if (error != 0) return false;
   thread_started = false;
-  // The kernel may reuse the id.
-  thread_id.store(0);
+  WaitForRemoval(thread_id.exchange(0));
+  CurrentState().control_thread.store(ThreadState::kNone);
   return true;
 }
 
-/// Stops the control thread before a fork, so that the child never sees an unfinished command.
-/// Also, an emulated child can start threads only if its parent had no others (qemu 7.2 miscounts
-/// them in a fork), and a report holds locks of the tracker and of the allocator, which would stay
-/// locked in the child.
-void BeforeFork() {
-  const timespec moment = WallClock(fork_patience_ms);
-  if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return;
-  forking_thread.store(ThreadId());
-  const bool stopped = StopUntil(moment);
+/// Stops the thread and waits for a report. Returns whether the caller holds change_lock now.
+///
+/// An emulated child can start threads only if its parent had no others (qemu 7.2 miscounts them in
+/// a fork). A report holds locks of the tracker and of the allocator, which would stay locked in a
+/// child.
+bool StopAll(int patience_ms) {
+  if (OnControlThread()) return false;
+  if (pthread_mutex_trylock(&change_lock) != 0) {
+    const timespec moment = WallClock(patience_ms);
+    if (pthread_mutex_timedlock(&change_lock, &moment) != 0) return false;
+  }
+  stopped_here = false;
+  if (!thread_started && CurrentState().report_thread.load() == 0 && !ReportRuns()) return true;
+  const bool started = thread_started;
+  const bool stopped = StopUntil(WallClock(patience_ms));
   const bool reported = WaitWhileReportRuns(kForkReportMs);
   // The thread's command may have waited for the report, as a clear does.
-  if (!stopped && reported) StopUntil(WallClock(fork_patience_ms));
+  if (!stopped && reported) StopUntil(WallClock(patience_ms));
+  stopped_here = started && !thread_started;
+  return true;
 }
 
-void StartAfterFork() {
-  if (!thread_wanted) return;
-  const int error = Start();
-  if (error != 0) PrintError("cannot start the control thread after a fork: %s", strerror(error));
+/// Releases change_lock. Commands that wait have asked for a thread that was about to stop.
+void Unlock() {
+  if (!thread_started && !closed && CommandWaits()) MarkPending();
+  pthread_mutex_unlock(&change_lock);
+}
+
+bool Records() {
+  for (const protocol::KindState& kind : CurrentState().kinds) {
+    if (kind.recording.load() != protocol::Recording::kOff) return true;
+  }
+  return false;
+}
+
+void BeforeFork() {
+  // A handler in the child before AfterForkInChild would lose its command.
+  BlockControlSignal(true);
+  if (StopAll(fork_patience_ms)) forking_thread.store(pthread_self());
 }
 
 void AfterForkInParent() {
-  if (forking_thread.load() != ThreadId()) return;
-  forking_thread.store(0);
-  if (!thread_started) StartAfterFork();
-  pthread_mutex_unlock(&change_lock);
+  if (forking_thread.load() == pthread_self()) {
+    forking_thread.store(0);
+    // A recording parent may only wait for its children. Its reports must not wait for an
+    // allocation.
+    if (stopped_here && Records()) Start();
+    Unlock();
+  }
+  BlockControlSignal(false);
 }
 
 void AfterForkInChild() {
   forking_thread.store(0);
-  own_pending.store(0);
-  fetched_count = 0;  // the parent carries them out
+  thread_started = false;
+  thread_id.store(0);
+  stop.store(kRun);
   report_waits.store(false);
-  ForgetReport();
+  ForgetCommands();  // the parent carries them out
   pthread_mutex_init(&change_lock, nullptr);
-  StartAfterFork();
+  ForkState();
+  RestoreAllocator();
+  BlockControlSignal(false);
 }
 
 /// RunCommand under change_lock.
-int SendAndWait(const Command& command, int64_t deadline) {
-  if (!thread_started) return ESRCH;
-  if (!WaitWhile(thread_id, 0, deadline)) return ETIMEDOUT;
-  own_word.store(command.word);
-  own_parameter.store(command.parameter);
-  own_pending.store(1);
-  siginfo_t info = protocol::MakeRecord(control_signal, command);
-  int error = 0;
-  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), thread_id.load(), control_signal, &info) != 0) {
-    error = errno;
-  } else if (!WaitWhile(own_pending, 1, deadline)) {
-    error = ETIMEDOUT;
+int AddAndWait(const Command& command, int timeout_ms) {
+  const int64_t deadline = NowMs() + timeout_ms;
+  if (closed) return ESRCH;
+  if (const int error = Start(); error != 0) return error;
+  const uint32_t ticket = ++own_ticket;
+  if (!AddCommand(command, ticket)) return EAGAIN;
+  RingBell();
+  for (;;) {
+    const uint32_t done = own_done.load();
+    if (done == ticket) return 0;
+    const int64_t left = deadline - NowMs();
+    if (left <= 0) return ETIMEDOUT;
+    WaitWhile(own_done, done, left);
   }
-  own_pending.store(0);
-  return error;
 }
-
-void DropLateCommand(int) {}
 
 }  // namespace
 
-void BlockControlSignal() {
-  const sigset_t set = ControlSet();
-  sigset_t before;
-  pthread_sigmask(SIG_BLOCK, &set, &before);
-  blocked_at_start = sigismember(&before, control_signal) == 1;
+void RequestControlThread(bool may_start) {
+  const bool runs = CurrentState().control_thread.load() == ThreadState::kRunning;
+  // A running thread makes the file itself.
+  if (!runs && !ReportRuns()) MakeStateFile();
+  RingBell();
+  if (runs || !CommandWaits()) return;
+  MarkPending();
+  if (may_start) TryStart();
 }
 
-void RestoreControlSignal() {
-  if (blocked_at_start) return;
-  const sigset_t set = ControlSet();
-  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+void StartPendingThread() {
+  const int saved_errno = errno;
+  const int error = OwnsState() ? TryStart() : EBUSY;
+  const int64_t end = NowMs() + kSettleMs;
+  for (int64_t left = kSettleMs; error == 0 && settled.load() == 0 && left > 0;) {
+    WaitWhile(settled, 0, left);
+    left = end - NowMs();
+  }
+  errno = saved_errno;
 }
 
-void CatchLateCommands() {
-  struct sigaction action;
-  if (sigaction(control_signal, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
-  action = {};
-  action.sa_handler = DropLateCommand;
-  action.sa_flags = SA_RESTART;
-  sigaction(control_signal, &action, nullptr);
-}
-
-int StartControlThread() {
-  pthread_mutex_lock(&change_lock);
-  thread_wanted = true;
-  const int error = Start();
-  pthread_mutex_unlock(&change_lock);
-  return error;
-}
-
-bool StopControlThread(int timeout_ms) {
-  const timespec moment = WallClock(timeout_ms);
-  if (OnControlThread() || pthread_mutex_timedlock(&change_lock, &moment) != 0) return false;
-  const bool stopped = StopUntil(moment);
-  thread_wanted = !stopped;
-  pthread_mutex_unlock(&change_lock);
-  return stopped;
-}
-
-int KeepControlThreadAcrossForks(int patience_ms) {
+int KeepCommandsAcrossForks(int patience_ms) {
   fork_patience_ms = patience_ms;
   return pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+}
+
+WithoutControlThread::WithoutControlThread() {
+  const int saved_errno = errno;
+  held_ = StopAll(kPatienceMs);
+  errno = saved_errno;
+}
+
+WithoutControlThread::~WithoutControlThread() {
+  const int saved_errno = errno;
+  if (held_) Unlock();
+  errno = saved_errno;
+}
+
+bool CloseControlThread(int timeout_ms) {
+  const timespec moment = WallClock(timeout_ms);
+  if (OnControlThread() || !Lock(moment)) return false;
+  closed = StopUntil(moment);
+  pthread_mutex_unlock(&change_lock);
+  return closed;
+}
+
+void OpenControlThread() {
+  pthread_mutex_lock(&change_lock);
+  closed = false;
+  Unlock();
 }
 
 bool ReportCommandWaits() {
@@ -345,13 +390,16 @@ bool ReportCommandWaits() {
 }
 
 int RunCommand(const Command& command, int timeout_ms) {
-  const int64_t deadline = NowMs() + timeout_ms;
-  const timespec moment = WallClock(timeout_ms);
   if (OnControlThread()) return EDEADLK;
-  if (pthread_mutex_timedlock(&change_lock, &moment) != 0) return ETIMEDOUT;
-  const int error = SendAndWait(command, deadline);
+  if (!Lock(WallClock(timeout_ms))) return ETIMEDOUT;
+  const int error = AddAndWait(command, timeout_ms);
   pthread_mutex_unlock(&change_lock);
   return error;
+}
+
+void RunCommandHere(const Command& command) {
+  Deliver(command);
+  Remember(command);
 }
 
 }  // namespace host

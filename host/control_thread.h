@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The thread that carries out every command to the tracker: "memleak-control".
+// The thread that carries out commands: "memleak-control".
 //
-// Commands arrive as a signal, and the tracker's handler allocates and takes locks. On a thread
-// that holds the allocator's lock it would deadlock. So the signal is blocked before the program
-// can start a thread, all threads inherit the mask, and one thread fetches the commands one by one.
-// Since the signal stays blocked, it cannot kill the process either. If the program unblocks it, a
-// command may interrupt any thread.
+// The tracker's handler allocates and takes locks, so it runs on a thread of its own and not where
+// the signal arrives. A process has no such thread until it gets its first command: a second thread
+// costs time in the C library, and changes of privileges and namespaces fail. The handler of the
+// control signal starts it if the signal has interrupted a wait for work. Else it makes the next
+// allocation, on any thread, start it.
 //
 // One report runs at a time: a report command waits until the previous report has ended.
-// Consecutive identical commands that wait are merged; different commands keep their order.
-//
-// Called by the loader's constructor and exit handler.
 #pragma once
 
+#include <pthread.h>
 #include <stdint.h>
 
 #include "protocol/protocol.h"
@@ -21,41 +19,60 @@ namespace host {
 
 using protocol::Command;
 
-/// Blocks the control signal in the calling thread. Allocates nothing.
-void BlockControlSignal();
+/// Tells the thread that a command may wait, or asks for the thread if there is none: the next
+/// allocation starts it. If `may_start` is set, the caller holds no lock of the C library or of the
+/// allocator, and the thread is started here. Also makes the state file if the process has none.
+/// Safe in signal handlers. Any thread.
+void RequestControlThread(bool may_start);
 
-/// Undoes BlockControlSignal in the calling thread, unless the signal was blocked before that.
-void RestoreControlSignal();
+/// Starts the thread that RequestControlThread has asked for, and waits up to half a second until
+/// the commands are carried out: the caller's block is recorded if they switch recording on. Does
+/// nothing if another thread starts or stops it, or in a child of vfork; then the next allocation
+/// tries again. If the thread cannot be started, the posted commands fail with the reason, and the
+/// next request tries again. Any thread that holds no lock of the C library. Keeps errno.
+void StartPendingThread();
 
-/// Gives the control signal a handler that does nothing, if it has none. The tracker restores it as
-/// the previous action when it is finalized, so that a late command does not kill the process. Not
-/// SIG_IGN, which would survive an exec.
-void CatchLateCommands();
+/// How long a fork or a change of privileges waits for a command. After that a forked child may
+/// have no working tracker. A program that hangs would be worse.
+inline constexpr int kPatienceMs = 1000;
 
-/// Starts the thread. Returns 0 or an errno value. Allocates. One caller at a time.
-int StartControlThread();
+/// Makes forks stop the thread: the child never sees an unfinished command. A fork waits at most
+/// `patience_ms` for a command, and at most 3 s for a report, unless the report makes no progress.
+/// The parent starts the thread again if it records. Call it once, after track_initialize, so that
+/// in the child the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
+int KeepCommandsAcrossForks(int patience_ms = kPatienceMs);
 
-/// Ends the thread after its current command, if any. Later commands wait for the next start.
-/// Returns false if that takes longer than `timeout_ms`; then the thread continues. Returns false
-/// on the control thread itself.
-bool StopControlThread(int timeout_ms);
+/// While it exists, there is no control thread and no report, unless one of them takes too long
+/// (see KeepCommandsAcrossForks). Commands wait. Any thread. Keeps errno.
+class WithoutControlThread {
+ public:
+  WithoutControlThread();
+  ~WithoutControlThread();
+  WithoutControlThread(const WithoutControlThread&) = delete;
+  WithoutControlThread& operator=(const WithoutControlThread&) = delete;
 
-/// How long a fork waits for a command. After that the child may have no working tracker. A program
-/// that hangs would be worse.
-inline constexpr int kForkPatienceMs = 1000;
+ private:
+  bool held_ = false;
+};
 
-/// Makes forks keep the thread. A fork stops the thread, waits at most `patience_ms` for that, and
-/// starts it again in parent and child. The fork also waits at most 3 s for a running report,
-/// unless the report makes no progress. Call it once, after track_initialize, so that in the child
-/// the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
-int KeepControlThreadAcrossForks(int patience_ms = kForkPatienceMs);
+/// Ends the thread after its current command, if any, and starts none any more: later commands wait
+/// forever. Returns false if that takes longer than `timeout_ms`; then the thread continues.
+/// Returns false on the control thread itself.
+bool CloseControlThread(int timeout_ms);
+/// Undoes CloseControlThread. For tests.
+void OpenControlThread();
 
 /// Whether a report command waits for another report to end. Any thread.
 bool ReportCommandWaits();
 
-/// Sends `command` to the control thread, as a controller would, and waits until that command, or
-/// an identical one, has been carried out. Returns 0, an errno value if it cannot be sent, or
-/// ETIMEDOUT after `timeout_ms`. EDEADLK on the control thread itself.
+/// Carries out `command` on the control thread, which it starts if necessary, after the commands
+/// that wait. Returns 0 when it is complete, or an errno value: that of starting the thread,
+/// ETIMEDOUT after `timeout_ms`, EAGAIN if too many commands wait, EDEADLK on the control thread
+/// itself, ESRCH after CloseControlThread.
 int RunCommand(const Command& command, int timeout_ms);
+
+/// Carries out `command` on the calling thread. For the loader's constructor, which holds no lock
+/// and runs alone.
+void RunCommandHere(const Command& command);
 
 }  // namespace host

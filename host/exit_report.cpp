@@ -1,100 +1,108 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report at exit: asks for it and waits for its file.
+// The report at exit: asks for it and waits for its end.
 #include "host/exit_report.h"
 
-#include <fcntl.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "host/clock.h"
 #include "host/print_error.h"
-#include "host/report_thread.h"
-#include "platform/linux/root.h"
+#include "host/reports.h"
+#include "host/signal_actions.h"
+#include "host/state.h"
 #include "protocol/kinds.h"
-#include "protocol/private_files.h"
-#include "protocol/protocol.h"
+
+extern "C" int __cxa_atexit(void (*handler)(void*), void* argument, void* library);
 
 namespace host {
 namespace {
 
 constexpr int kWaitMs = 60'000;
+// Earlier reports: the end of the process would truncate them.
+constexpr int kEarlierMs = 10'000;
+// How long an abrupt end waits for the command. The ending thread may hold the allocator's lock.
+constexpr int kAbruptMs = 2'000;
+// How long an exit waits for a running command. If the command takes longer, the tracker is not
+// finalized, which is harmless at exit.
+constexpr int kFinalizeMs = 5'000;
 // Most reports take some milliseconds.
 constexpr int kExitPollMs = 2;
 
-char report_path[platform::kPathBytes];
+Command exit_command{0, 0};
+void (*finalize_tracker)() = nullptr;
+// The process that has ended. A forked child ends on its own.
+std::atomic<pid_t> ended{0};
 
-/// Whether the report ends with kReportEnd.
-bool IsComplete() {
-  const int file = open(report_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (file < 0) return false;
-  struct stat status;
-  constexpr ssize_t kBytes = sizeof protocol::kReportEnd - 1;
-  char tail[kBytes];
-  const bool complete = fstat(file, &status) == 0 && status.st_size >= kBytes &&
-                        pread(file, tail, kBytes, status.st_size - kBytes) == kBytes &&
-                        memcmp(tail, protocol::kReportEnd, kBytes) == 0;
-  close(file);
-  return complete;
-}
-
-/// Waits until the report is complete. Returns false, with one line on stderr, if the report's
-/// thread has ended or `deadline` (of NowMs) has passed.
-void WaitForReport(int64_t deadline) {
-  for (;;) {
-    // Read before the file is checked: the thread may complete the file and then end.
-    const Report report = CurrentReport();
-    // While a thread runs, a complete file may be the previous report.
-    if (report != Report::kRunning && IsComplete()) return;
-    if (report == Report::kNone) {
-      PrintError("no complete report in %s, and its thread has ended; is the disk full?",
-                 report_path);
-      return;
-    }
-    if (NowMs() > deadline) {
-      PrintError("no complete report in %s after %d s", report_path, kWaitMs / 1000);
-      return;
-    }
+/// Waits until no report runs. Returns false after `timeout_ms`.
+bool WaitForReports(int timeout_ms) {
+  const int64_t end = NowMs() + timeout_ms;
+  while (ReportRuns() || ReportCommandWaits()) {
+    if (NowMs() >= end) return false;
     SleepMs(kExitPollMs);
   }
+  return true;
+}
+
+/// Carries out the command and waits for the report with `wait`. If there is none, one line on
+/// stderr gives the reason.
+void Report(int command_ms, bool (*wait)(int timeout_ms)) {
+  if (exit_command.word == 0) return;
+  if ((exit_command.word & protocol::kReportBits) == 0) {
+    PrintError("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
+               protocol::kReportAtExitVariable, static_cast<unsigned long long>(exit_command.word),
+               static_cast<unsigned long long>(protocol::kNative.Report()));
+    return;
+  }
+  const int error = RunCommand(exit_command, command_ms);
+  if (error != 0) {
+    PrintError("no report at exit: the command could not be carried out: %s", strerror(error));
+  } else if (!wait(kWaitMs)) {
+    PrintError("no report at exit: it is not complete after %d s", kWaitMs / 1000);
+  } else if (CurrentState().report_error.load() != 0) {
+    PrintError("no report at exit: %s", CurrentState().report_reason);
+  }
+}
+
+bool EndsNow() {
+  const pid_t process = getpid();
+  return OwnsState() && ended.exchange(process) != process;
+}
+
+/// The last exit handler: it is registered first, and for no library, so that it runs after the
+/// destructors of all libraries. The tracker needs none of its own.
+void AtExit(void*) {
+  if (EndsNow()) {
+    WaitForReports(kEarlierMs);
+    Report(kWaitMs, WaitForReports);
+  }
+  // The entries stay in place and forward.
+  if (CloseControlThread(kFinalizeMs)) {
+    CaptureActions(true);
+    finalize_tracker();
+    CaptureActions(false);
+  }
+  RemoveStateFile();
 }
 
 }  // namespace
 
-void WaitForEarlierReports() {
-  constexpr int64_t kMaxWaitMs = 10'000;
-  const int64_t start = NowMs();
-  while ((CurrentReport() != Report::kNone || ReportCommandWaits()) &&
-         NowMs() - start < kMaxWaitMs) {
-    SleepMs(kExitPollMs);
+void PrepareExit(const Command& command, void (*finalize)()) {
+  exit_command = command;
+  finalize_tracker = finalize;
+  if (__cxa_atexit(AtExit, nullptr, nullptr) != 0 || at_quick_exit(EndAbruptly) != 0) {
+    PrintError("cannot register the exit handler; no report at exit");
   }
 }
 
-void ReportAtExit(const Command& command) {
-  if ((command.word & protocol::kReportBits) == 0) {
-    PrintError("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
-               protocol::kReportAtExitVariable, static_cast<unsigned long long>(command.word),
-               static_cast<unsigned long long>(protocol::kNative.Report()));
-    return;
-  }
-  protocol::Refusal refusal;
-  const int file =
-      platform::OpenRooted(protocol::kReportPath, protocol::Use::kReplace, report_path, refusal);
-  if (file < 0) {
-    PrintError("no report at exit: cannot use %.*s: %s; name another root directory",
-               static_cast<int>(refusal.path_bytes), report_path, refusal.Reason());
-    return;
-  }
-  close(file);
-  unlink(report_path);
-  const int64_t deadline = NowMs() + kWaitMs;
-  const int error = RunCommand(command, kWaitMs);
-  if (error != 0) {
-    PrintError("no report at exit: the command could not be carried out: %s", strerror(error));
-    return;
-  }
-  WaitForReport(deadline);
+void EndAbruptly() {
+  if (!EndsNow()) return;
+  WaitWhileReportRuns(kEarlierMs);
+  Report(kAbruptMs, WaitWhileReportRuns);
+  RemoveStateFile();
 }
 
 }  // namespace host

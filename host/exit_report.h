@@ -1,21 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report that a process writes when it exits, if its environment asks for one.
-//
-// Called by the loader's exit handler.
+// The end of the process: waits for reports, and writes one if the environment asks for it.
 #pragma once
 
 #include "host/control_thread.h"
 
 namespace host {
 
-/// Waits at most 10 seconds for reports of earlier commands, because the end of the process would
-/// truncate them.
-void WaitForEarlierReports();
+/// Sets the command for the end of the process; the word 0 means none. Registers the handlers of
+/// exit and quick_exit. For the loader's constructor. `finalize` ends the tracker.
+void PrepareExit(const Command& command, void (*finalize)());
 
-/// Removes the old report of this process, lets the control thread carry out `command` and waits
-/// until the new report is complete. If there is none, one line on stderr gives the reason:
-/// `command` has no report bit, the file cannot be written (both are checked first), the dump
-/// thread has ended without a complete report, or 60 seconds have passed.
-void ReportAtExit(const Command& command);
+/// As the exit handlers, for a process that ends without them, at most once in a process. May be
+/// called in a signal handler that has interrupted the allocator: gives up within some seconds
+/// then. Does nothing in a child of vfork.
+void EndAbruptly();
 
 }  // namespace host

@@ -3,8 +3,9 @@
 // directory.
 //
 // The constructor runs on the main thread when the dynamic linker has loaded the library
-// (LD_PRELOAD), before `main`. The exit handler runs on the thread that calls exit(), also in
-// forked children. If anything fails, the program continues with the next allocator.
+// (LD_PRELOAD), before those of all other libraries (-z initfirst). The exit handler runs on the
+// thread that calls exit(), also in forked children. If anything fails, the program continues with
+// the next allocator.
 #include <dlfcn.h>
 #include <limits.h>
 #include <stdint.h>
@@ -13,21 +14,22 @@
 #include <string.h>
 
 #include "host/allocator_table.h"
+#include "host/c_library.h"
+#include "host/control_signal.h"
 #include "host/control_thread.h"
 #include "host/exit_report.h"
 #include "host/next_allocator.h"
 #include "host/print_error.h"
+#include "host/replaced_functions.h"
+#include "host/signal_actions.h"
+#include "host/state.h"
+#include "platform/linux/environment.h"
 #include "protocol/protocol.h"
 
 namespace host {
 namespace {
 
 constexpr char kVersion[] = "LIBC_MALLOC_QUARLE";
-constexpr int kStartWaitMs = 10'000;
-// How long an exit waits for a running command. If the command takes longer, the tracker is not
-// finalized, which is harmless at exit.
-constexpr int kExitWaitMs = 5'000;
-
 using Initialize = bool (*)(const MallocDispatch* next, bool* zygote_child, const char* options);
 using Finalize = void (*)();
 
@@ -35,7 +37,6 @@ AllocatorTable tracked;
 Finalize track_finalize = nullptr;
 // No process on Linux is a child of a zygote. The tracker reads the flag as a 32-bit value.
 uint32_t zygote_child = 0;
-Command exit_command{0, 0};
 
 /// Writes the path of the tracker, in the directory of this library. Returns false if the directory
 /// cannot be found.
@@ -84,8 +85,11 @@ bool StartTracker() {
   const auto initialize = reinterpret_cast<Initialize>(TrackerEntry(tracker, "initialize"));
   track_finalize = reinterpret_cast<Finalize>(TrackerEntry(tracker, "finalize"));
   if (initialize == nullptr || track_finalize == nullptr) return false;
-  CatchLateCommands();
-  if (!initialize(&NextAllocator().calls, reinterpret_cast<bool*>(&zygote_child), "")) {
+  CaptureActions(true);
+  const bool initialized =
+      initialize(&NextAllocator().calls, reinterpret_cast<bool*>(&zygote_child), "");
+  CaptureActions(false);
+  if (!initialized) {
     PrintError("%s could not be initialized; running without tracking", path);
     return false;
   }
@@ -109,41 +113,34 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   return false;
 }
 
-/// Registered with atexit. It runs after the destructors of the program's static objects and before
-/// those of the tracker.
-void AtExit() {
-  WaitForEarlierReports();
-  if (exit_command.word != 0) ReportAtExit(exit_command);
-  // The entries stay in place and forward.
-  if (StopControlThread(kExitWaitMs)) track_finalize();
-}
-
 /// Carries out the commands in the environment.
 void FollowEnvironment() {
-  ReadNumber(protocol::kReportAtExitVariable, UINT64_MAX, exit_command.word);
+  Command at_exit{0, 0};
+  ReadNumber(protocol::kReportAtExitVariable, UINT64_MAX, at_exit.word);
+  PrepareExit(at_exit, track_finalize);
   Command start{0, 0};
   uint64_t parameter = 0;
   if (!ReadNumber(protocol::kStartVariable, UINT64_MAX, start.word)) return;
   ReadNumber(protocol::kStartParameterVariable, UINT32_MAX, parameter);
   start.parameter = static_cast<uint32_t>(parameter);
-  const int error = RunCommand(start, kStartWaitMs);
-  if (error != 0) PrintError("the start command could not be carried out: %s", strerror(error));
+  RunCommandHere(start);
 }
 
-__attribute__((constructor)) void Load() {
+__attribute__((constructor)) void Load(int argument_count, char** arguments, char** environment) {
+  InitializeCLibrary(argument_count, arguments, environment);
+  platform::CaptureEnvironment();
   FindNextAllocator();
-  if (!StartTracker()) {
-    RestoreControlSignal();
-    return;
-  }
+  FindSignalFunctions();
+  FindPrivilegeFunctions();
+  FindExitFunctions();
+  // Before the tracker installs its handler.
+  int error = InstallControlSignal();
+  if (!StartTracker()) return;
+  InitializeState(argument_count, arguments);
   UseAllocator(tracked);
-  int error = StartControlThread();
-  if (error == 0) error = KeepControlThreadAcrossForks();
-  if (error != 0) {
-    PrintError("cannot start the control thread: %s; no command will be carried out",
-               strerror(error));
-  }
-  if (atexit(AtExit) != 0) PrintError("cannot register the exit handler; no report at exit");
+  MakeStateFile();
+  if (error == 0) error = KeepCommandsAcrossForks();
+  if (error != 0) PrintError("no command will be carried out: %s", strerror(error));
   FollowEnvironment();
 }
 

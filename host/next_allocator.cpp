@@ -10,7 +10,6 @@
 #include <atomic>
 
 #include "host/bootstrap_arena.h"
-#include "host/control_thread.h"
 
 namespace host {
 namespace {
@@ -144,9 +143,6 @@ bool FindNextAllocator() {
   Phase seen = Phase::kUnknown;
   if (!phase.compare_exchange_strong(seen, Phase::kSearching)) return seen == Phase::kFound;
   const int saved_errno = errno;
-  // Starting a thread allocates, in the starting thread: so there is no other thread yet, and all
-  // later ones inherit the mask.
-  BlockControlSignal();
   Search();
   phase.store(Phase::kFound);
   UseAllocator(next);

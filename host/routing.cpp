@@ -6,6 +6,7 @@
 // real tail calls (CMakeLists.txt).
 #include <errno.h>
 #include <malloc.h>
+#include <pthread.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,6 +16,8 @@
 
 #include "host/allocator_table.h"
 #include "host/bootstrap_arena.h"
+#include "host/control_thread.h"
+#include "host/next_allocator.h"
 
 namespace host {
 namespace {
@@ -22,6 +25,11 @@ namespace {
 std::atomic<const AllocatorTable*> active_table{&kBootstrapTable};
 // The latest table of UseAllocator, for the arena-aware functions.
 std::atomic<const AllocatorTable*> plain_table{nullptr};
+// The table without and with the start of the control thread.
+std::atomic<const AllocatorTable*> usual_table{nullptr};
+AllocatorTable starting_table;
+// The thread with a PassTracker, 0 for none.
+std::atomic<pthread_t> passing_thread{0};
 
 // The acquire pairs with the release in UseAllocator.
 inline const AllocatorTable& Active() {
@@ -29,6 +37,42 @@ inline const AllocatorTable& Active() {
 }
 inline const AllocatorTable& Plain() {
   return *plain_table.load(std::memory_order_acquire);
+}
+inline const AllocatorTable& Usual() {
+  return *usual_table.load(std::memory_order_acquire);
+}
+
+/// Returns the table for a call of the starting table: that of the next allocator on the thread
+/// that starts the control thread. Other threads start it first, if it is still to be started.
+const AllocatorTable& Start() {
+  if (passing_thread.load() == pthread_self()) return NextAllocator();
+  StartPendingThread();
+  return Usual();
+}
+
+// Each makes a tail call, so that the tracker sees the program's frame above its own.
+void* StartAndMalloc(size_t size) {
+  return Start().calls.malloc(size);
+}
+
+void* StartAndCalloc(size_t count, size_t size) {
+  return Start().calls.calloc(count, size);
+}
+
+void* StartAndRealloc(void* pointer, size_t size) {
+  return Start().calls.realloc(pointer, size);
+}
+
+void* StartAndMemalign(size_t alignment, size_t size) {
+  return Start().calls.memalign(alignment, size);
+}
+
+void* StartAndAlignedAlloc(size_t alignment, size_t size) {
+  return Start().calls.aligned_alloc(alignment, size);
+}
+
+int StartAndPosixMemalign(void** result, size_t alignment, size_t size) {
+  return Start().calls.posix_memalign(result, alignment, size);
 }
 
 void ArenaAwareFree(void* pointer) {
@@ -63,7 +107,34 @@ void UseAllocator(const AllocatorTable& plain) {
   aware.calls.realloc = ArenaAwareRealloc;
   aware.calls.malloc_usable_size = ArenaAwareUsableSize;
   plain_table.store(&plain, std::memory_order_release);
-  active_table.store(ArenaUsed() ? &aware : &plain, std::memory_order_release);
+  const AllocatorTable* usual = ArenaUsed() ? &aware : &plain;
+  starting_table = *usual;
+  starting_table.calls.malloc = StartAndMalloc;
+  starting_table.calls.calloc = StartAndCalloc;
+  starting_table.calls.realloc = StartAndRealloc;
+  starting_table.calls.memalign = StartAndMemalign;
+  starting_table.calls.aligned_alloc = StartAndAlignedAlloc;
+  starting_table.calls.posix_memalign = StartAndPosixMemalign;
+  usual_table.store(usual, std::memory_order_release);
+  active_table.store(usual, std::memory_order_release);
+}
+
+void StartThreadAtNextCall() {
+  active_table.store(&starting_table);
+}
+
+void RestoreAllocator() {
+  active_table.store(usual_table.load());
+}
+
+PassTracker::PassTracker() {
+  passing_thread.store(pthread_self());
+  active_table.store(&starting_table);
+}
+
+PassTracker::~PassTracker() {
+  passing_thread.store(0);
+  RestoreAllocator();
 }
 
 }  // namespace host

@@ -79,7 +79,7 @@ int Flags(Use use) {
     case Use::kRead:
       return O_RDONLY | O_NONBLOCK;
     case Use::kCreate:
-      return O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+      return O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW;
     case Use::kReplace:
       return O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW;
     case Use::kAppend:

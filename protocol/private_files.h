@@ -40,7 +40,7 @@ int OpenDirectoryOf(char* path, std::size_t root_bytes, Missing missing, Refusal
 
 enum class Use {
   kRead,     ///< an existing regular file of the caller or of root; links are followed
-  kCreate,   ///< a file that does not exist yet
+  kCreate,   ///< a file that does not exist yet, also for reading
   kReplace,  ///< a regular file of the caller, which is truncated, or a new one
   kAppend,   ///< a regular file or FIFO of the caller, a device, or a new file
   kDevice,   ///< an existing file, for writing

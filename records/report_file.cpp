@@ -23,6 +23,7 @@
 #include "backtrace/MapData.h"
 #include "platform/bounds_checked.h"
 #include "platform/paths.h"
+#include "platform/published_state.h"
 #include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
@@ -71,6 +72,11 @@ class ThreadNotRecorded {
   bool mappings_ = false;
 };
 
+void ReportNoMemory() {
+  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
+  platform::PublishReportFailure(ENOMEM, "no memory for the report");
+}
+
 struct FreeDeleter {
   void operator()(unsigned char* memory) const { std::free(memory); }
 };
@@ -104,7 +110,11 @@ void WriteReportFile(const ReportText& text) {
   text.ForEachPiece([file](const char* piece, std::size_t bytes) {
     return std::fwrite(piece, 1, bytes, file) == bytes;
   });
-  std::fclose(file);
+  const bool failed = std::ferror(file) != 0;
+  const int error = errno;
+  if (std::fclose(file) == 0 && !failed) return;
+  platform::PublishReportFailure(failed ? error : errno, "cannot write the report: %s",
+                                 std::strerror(failed ? error : errno));
 }
 
 /// Sends `buffer` (kDeviceBufferBytes long) to the device. `text_bytes` is only logged.
@@ -168,7 +178,7 @@ void PointerData::DumpAllocationTracesToFile() try {
   const std::unique_ptr<unsigned char, FreeDeleter> buffer(
       static_cast<unsigned char*>(std::malloc(kDeviceBufferBytes)));
   if (buffer == nullptr) {
-    async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
+    ReportNoMemory();
     return;
   }
   platform::memset_s(buffer.get(), kDeviceBufferBytes, 0, kDeviceBufferBytes);
@@ -183,7 +193,7 @@ void PointerData::DumpAllocationTracesToFile() try {
   SendToDevice(buffer.get(), text.size());
 } catch (const std::bad_alloc&) {
   // A process that leaks may have no memory for its report. That must not end it.
-  async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "FAILED TO ALLOC STACKINFO MEMORY!");
+  ReportNoMemory();
 }
 
 void PointerData::ReportNodes(ReportText& out) {

@@ -4,13 +4,16 @@
 
 #include <sched.h>
 
+#include <cerrno>
 #include <new>
 #include <utility>
 
 #include "async_safe/log.h"
 #include "platform/program_name.h"
+#include "platform/published_state.h"
 #include "protocol/protocol.h"
 #include "records/PointerData.h"
+#include "records/PointerSet.h"
 
 namespace {
 
@@ -18,6 +21,8 @@ using protocol::kLogTag;
 
 void LogNoThread() {
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "cannot start MemDumpThread.");
+  platform::PublishReportFailure(EAGAIN, "cannot start a thread for the report");
+  platform::PublishReportEnd(0);
 }
 
 }  // namespace
@@ -29,7 +34,9 @@ bool MemDumpThread::threadLoop() {
     // The starter still holds its reference. Each command yields one report, so wait for it.
     sched_yield();
   } else {
+    platform::PublishReportThread();
     PointerData::DumpAllocationTracesToFile();
+    platform::PublishReportEnd(unreported_blocks.load(std::memory_order_relaxed));
   }
   return true;
 }
@@ -49,6 +56,7 @@ bool MemDumpMain::Enable() {
 void AsyncReport() {
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "Start dumping allocations of the process %s",
                         platform::ProgramName());
+  platform::PublishReportStart();
   try {
     android::MemDumpMain starter;
     starter.Enable();

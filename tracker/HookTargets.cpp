@@ -15,6 +15,7 @@
 #include "async_safe/log.h"
 #include "linker/sharedlibs.h"
 #include "platform/never_destroyed.h"
+#include "platform/published_state.h"
 #include "plthooks/plthooks.h"
 #include "protocol/kinds.h"
 #include "protocol/protocol.h"
@@ -112,7 +113,9 @@ bool hook_by_plt() {
                                           target.proxy) == 0) {
       any = true;
       is_plt_hook.store(true);
+      platform::PublishHook(target.library.c_str(), target.function.c_str(), 1, 0);
     } else {
+      platform::PublishHook(target.library.c_str(), target.function.c_str(), 1, errno);
       LogFailure("hook", target);
     }
   }
@@ -123,7 +126,10 @@ void unhook_by_plt() {
   for (const Target& target : CurrentTargets()) {
     if (lumora::plthooks::unhook_plt_method(target.library.c_str(), target.function.c_str(),
                                             target.proxy) != 0) {
+      platform::PublishHook(target.library.c_str(), target.function.c_str(), -1, errno);
       LogFailure("unhook", target);
+    } else {
+      platform::PublishHook(target.library.c_str(), target.function.c_str(), -1, 0);
     }
   }
   is_plt_hook.store(false);

@@ -14,6 +14,7 @@
 
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
+#include "platform/published_state.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
@@ -202,6 +203,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
     return false;
   }
   lumora::plthooks::prepare_hook_stack();
+  platform::FindPublishedState();
   SignalActionsInit();
   BacktraceStartup();
   return true;

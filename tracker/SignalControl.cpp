@@ -12,8 +12,10 @@
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
 #include "platform/program_name.h"
+#include "platform/published_state.h"
 #include "protocol/kinds.h"
 #include "protocol/protocol.h"
+#include "protocol/state.h"
 #include "records/PointerData.h"
 #include "tracker/DebugData.h"
 #include "tracker/DumpThread.h"
@@ -26,6 +28,7 @@ namespace {
 using protocol::Command;
 using protocol::Kind;
 using protocol::kLogTag;
+using protocol::Recording;
 
 struct sigaction saved_action;
 
@@ -60,6 +63,7 @@ bool IsOn(const Kind& kind) {
 /// Drops the records of every kind. Does not change the switches.
 void ClearRecords() {
   DebugData::Initialize(DebugData::GetInstance());
+  platform::PublishClear();
 }
 
 /// Returns false if nothing is hooked; then the kind is selected and the switches are unchanged.
@@ -76,9 +80,11 @@ bool Start(const Kind& kind, const Command& command) {
     }
   }
   SetSwitches(kind, true, true);
+  platform::PublishRecording(kind, Recording::kOn);
   // The settings in force, which come from the properties, not from the command.
   const std::uint32_t size = PointerData::GetMaxBacktraceNum();
   const auto type = static_cast<unsigned char>(GetBacktraceTypeFromProp());
+  platform::PublishSettings(static_cast<char>(type), size);
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "%s%s, btsize:%u, btType:%c", kind.switch_line,
                         StateName(IsOn(kind)), size, type);
   return true;
@@ -87,12 +93,14 @@ bool Start(const Kind& kind, const Command& command) {
 /// Keeps the records. Those of the heap are still removed on free; hooks stay and do nothing.
 void Pause(const Kind& kind) {
   SetSwitches(kind, false, true);
+  platform::PublishRecording(kind, Recording::kPaused);
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "%s%s", kind.switch_line, StateName(IsOn(kind)));
 }
 
 void StopAndReport(const Kind& kind) {
   if (!kind.IsNative()) unhook_by_plt();
   SetSwitches(kind, false, false);
+  platform::PublishRecording(kind, Recording::kOff);
   AsyncReport();
 }
 

@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "platform/linux/root.h"
+#include "platform/published_state.h"
 #include "protocol/protocol.h"
 
 namespace platform {
@@ -20,10 +22,15 @@ std::FILE* OpenReportFile() {
   if (file < 0) {
     async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "cannot write a report: %.*s: %s",
                           static_cast<int>(refusal.path_bytes), path, refusal.Reason());
+    PublishReportFailure(refusal.error, "cannot write %.*s: %s",
+                         static_cast<int>(refusal.path_bytes), path, refusal.Reason());
     return nullptr;
   }
   std::FILE* const stream = fdopen(file, "w");
-  if (stream == nullptr) close(file);
+  if (stream == nullptr) {
+    PublishReportFailure(errno, "cannot write %s: %s", path, std::strerror(errno));
+    close(file);
+  }
   return stream;
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A library that allocates in its constructor and destructor. If a program is linked with it, it
-// also starts a thread before the loader's constructor runs.
+// also starts a thread before main.
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+// Finds the constructors of the C library in its dynamic section.
+#include "host/c_library.h"
+
+#include <dlfcn.h>
+#include <gnu/libc-version.h>
+#include <link.h>
+#include <stddef.h>
+#include <unistd.h>
+
+namespace host {
+
+void InitializeCLibrary(int argument_count, char** arguments, char** environment) {
+  // The first constructor sets it.
+  if (environ != nullptr) return;
+  Dl_info info;
+  link_map* library = nullptr;
+  if (dladdr1(reinterpret_cast<void*>(&gnu_get_libc_version), &info,
+              reinterpret_cast<void**>(&library), RTLD_DL_LINKMAP) == 0) {
+    environ = environment;
+    return;
+  }
+  using Constructor = void (*)(int, char**, char**);
+  Constructor* constructors = nullptr;
+  size_t bytes = 0;
+  for (const ElfW(Dyn)* entry = library->l_ld; entry->d_tag != DT_NULL; ++entry) {
+    if (entry->d_tag == DT_INIT_ARRAY) {
+      constructors = reinterpret_cast<Constructor*>(library->l_addr + entry->d_un.d_ptr);
+    }
+    if (entry->d_tag == DT_INIT_ARRAYSZ) bytes = entry->d_un.d_val;
+  }
+  for (size_t i = 0; i < bytes / sizeof(Constructor); ++i) {
+    constructors[i](argument_count, arguments, environment);
+  }
+  if (environ == nullptr) environ = environment;
+}
+
+}  // namespace host

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// The loader's handler of the control signal.
+//
+// A command may arrive at any instruction of the program, also inside its allocator. So the handler
+// only queues the command and asks for the control thread, which calls the tracker's handler. The
+// loader's handler stays, whatever the program or the tracker installs.
+#pragma once
+
+namespace host {
+
+/// Installs the loader's handler and unblocks the signal in the calling thread. Returns 0 or an
+/// errno value. For the loader's constructor. Later calls of ControlSignalIsOurs return true.
+int InstallControlSignal();
+bool ControlSignalIsOurs();
+
+}  // namespace host

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+// The functions of the C library that the loader replaces, besides the allocator's.
+#pragma once
+
+namespace host {
+
+/// Look up the functions that the loader's replacements call, so that these work in signal handlers
+/// and in children of vfork. For the loader's constructor.
+void FindSignalFunctions();
+void FindPrivilegeFunctions();
+void FindExitFunctions();
+
+}  // namespace host

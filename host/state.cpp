@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: Apache-2.0
+// Makes the state file and moves between it and private memory.
+//
+// The file is complete before it is mapped, and its space is allocated: a write to a mapped page
+// without space would kill the process. For the same reason an old file is never truncated, but
+// replaced: its process may still map it.
+#include "host/state.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "platform/linux/root.h"
+#include "platform/raw_calls.h"
+
+#define MEMLEAK_EXPORT __attribute__((visibility("default")))
+
+namespace host {
+namespace {
+
+State private_state;
+// The mapping of the latest file of this process or of an ancestor, null for none.
+std::atomic<State*> mapped_state{nullptr};
+// The process that owns the state, and the one that has made the mapped file.
+std::atomic<pid_t> owner{0};
+std::atomic<pid_t> file_owner{0};
+std::atomic_flag making = ATOMIC_FLAG_INIT;
+// Static: signal handlers may run on a small stack. Guarded by `making`, and kept for
+// RemoveStateFile.
+char file_path[platform::kPathBytes];
+
+// protocol::kStateVariable.
+extern "C" MEMLEAK_EXPORT std::atomic<State*> memleak_state;
+std::atomic<State*> memleak_state{&private_state};
+
+/// Copies the captured path of `variable` to `path`, "%p" replaced and absolute. Empty if it is
+/// unset or too long.
+void CopyPath(platform::Variable variable, char (&path)[4096]) {
+  path[0] = '\0';
+  const char* pattern = platform::CapturedValue(variable);
+  if (pattern == nullptr || strcmp(pattern, protocol::kLogToStderr) == 0) return;
+  static char expanded[platform::kPathBytes];
+  const size_t length = platform::ExpandPath(pattern, "", expanded);
+  size_t start = 0;
+  if (expanded[0] != '/') {
+    // The result counts the NUL.
+    const long bytes = syscall(SYS_getcwd, path, sizeof path);
+    if (bytes > 0) start = static_cast<size_t>(bytes);
+    if (start > 0) path[start - 1] = '/';
+  }
+  if (start + length < sizeof path && (start > 0 || expanded[0] == '/')) {
+    memcpy(path + start, expanded, length + 1);
+  } else {
+    path[0] = '\0';
+  }
+}
+
+/// Whether the state file belongs to a living process other than this one.
+bool BelongsToAnother(int file) {
+  constexpr size_t kBytes = offsetof(State, program);
+  char start[kBytes];
+  if (platform::RawRead(file, start, kBytes) != static_cast<ssize_t>(kBytes)) return false;
+  uint64_t magic;
+  pid_t pid;
+  memcpy(&magic, start, sizeof magic);
+  memcpy(&pid, start + offsetof(State, pid), sizeof pid);
+  if (magic != protocol::kStateMagic || pid <= 0 || pid == getpid()) return false;
+  return kill(pid, 0) == 0 || errno == EPERM;
+}
+
+/// Removes the file `name` if it belongs to no living process. Returns whether the name is free.
+bool RemoveStale(int directory, const char* name) {
+  protocol::Refusal refusal;
+  const int file = protocol::OpenFile(directory, name, protocol::Use::kRead, refusal);
+  if (file < 0) return refusal.error == ENOENT;
+  // Of several processes only one removes the file, and none removes the next one.
+  struct stat opened;
+  struct stat named;
+  const bool removed = flock(file, LOCK_EX | LOCK_NB) == 0 && !BelongsToAnother(file) &&
+                       fstat(file, &opened) == 0 &&
+                       fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+                       opened.st_ino == named.st_ino && unlinkat(directory, name, 0) == 0;
+  platform::RawClose(file);
+  return removed;
+}
+
+/// Creates the file and writes its path to `file_path`. Returns a descriptor, or -1.
+int CreateFile() {
+  size_t length = platform::RootedPath(protocol::kStatePath, file_path);
+  const size_t root_bytes = length - strlen(protocol::kStatePath);
+  protocol::Refusal refusal;
+  const int directory =
+      protocol::OpenDirectoryOf(file_path, root_bytes, protocol::Missing::kMake, refusal);
+  if (directory < 0) return -1;
+  char* const name = file_path + root_bytes + 1;
+  int file = -1;
+  if (RemoveStale(directory, name)) {
+    file = protocol::OpenFile(directory, name, protocol::Use::kCreate, refusal);
+  }
+  if (file < 0) {
+    static char suffix[platform::kPathBytes];
+    length += platform::ExpandPath(".%p", "", suffix);
+    if (length < platform::kPathBytes) {
+      strcat(file_path, suffix);
+      if (RemoveStale(directory, name)) {
+        file = protocol::OpenFile(directory, name, protocol::Use::kCreate, refusal);
+      }
+    }
+  }
+  platform::RawClose(directory);
+  return file;
+}
+
+/// Returns whether all of `state` was written.
+bool Write(int file, const State& state) {
+  const auto* bytes = reinterpret_cast<const char*>(&state);
+  size_t done = 0;
+  while (done < sizeof state) {
+    const ssize_t count = platform::RawWrite(file, bytes + done, sizeof state - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    done += static_cast<size_t>(count);
+  }
+  return true;
+}
+
+/// Writes the private state to a new file and maps it. Returns null if that fails.
+State* MapNewFile() {
+  // A write beyond the limit would raise SIGXFSZ.
+  rlimit limit;
+  if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < sizeof(State)) return nullptr;
+  const int file = CreateFile();
+  if (file < 0) return nullptr;
+  void* mapped = MAP_FAILED;
+  if (Write(file, private_state)) {
+    mapped = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  }
+  platform::RawClose(file);
+  if (mapped != MAP_FAILED) return static_cast<State*>(mapped);
+  unlink(file_path);
+  return nullptr;
+}
+
+void CopyRecording(const State& from) {
+  bool recorded = false;
+  for (const protocol::KindState& kind : from.kinds) recorded = recorded || kind.since_ns != 0;
+  if (!recorded) return;
+  State& to = private_state;
+  for (size_t i = 0; i < std::size(to.kinds); ++i) {
+    to.kinds[i].recording = from.kinds[i].recording.load();
+    to.kinds[i].since_ns = from.kinds[i].since_ns.load();
+  }
+  to.unwind = from.unwind.load();
+  to.depth = from.depth.load();
+  const uint32_t hooks = from.hook_states;
+  for (size_t i = 0; i < hooks && i < std::size(to.hooks); ++i) {
+    memcpy(to.hooks[i].library, from.hooks[i].library, sizeof to.hooks[i].library);
+    memcpy(to.hooks[i].function, from.hooks[i].function, sizeof to.hooks[i].function);
+    to.hooks[i].hooks = from.hooks[i].hooks.load();
+    to.hooks[i].error = from.hooks[i].error.load();
+  }
+  to.hook_states = hooks;
+}
+
+/// Removes traces of the parent's commands and reports.
+void ClearCounters(State& state) {
+  state.sent = 0;
+  state.done = 0;
+  state.received = 0;
+  state.carried_out = 0;
+  for (protocol::PastCommand& past : state.history) past.number = 0;
+  state.reports_started = 0;
+  state.reports_ended = 0;
+  state.report_thread = 0;
+  state.report_error = 0;
+}
+
+}  // namespace
+
+State& CurrentState() {
+  return *memleak_state.load(std::memory_order_acquire);
+}
+
+bool OwnsState() {
+  return owner.load() == getpid();
+}
+
+void InitializeState(int argument_count, char** arguments) {
+  State& state = private_state;
+  owner = getpid();
+  state.layout = protocol::kStateLayout;
+  state.bytes = sizeof(State);
+  snprintf(state.version, sizeof state.version, "%s", MEMLEAK_VERSION);
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  state.start_ns = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+  // The result is cut to fit and has no NUL.
+  [[maybe_unused]] const ssize_t length =
+      readlink("/proc/self/exe", state.program, sizeof state.program - 1);
+  uint32_t& used = state.argument_bytes;
+  for (int i = 0; i < argument_count && used < sizeof state.arguments - 1; ++i) {
+    const size_t bytes = strnlen(arguments[i], sizeof state.arguments - 1 - used);
+    memcpy(state.arguments + used, arguments[i], bytes);
+    used += static_cast<uint32_t>(bytes) + 1;
+  }
+}
+
+void MakeStateFile() {
+  if (file_owner.load() == getpid() ||
+      platform::CapturedValue(platform::Variable::kRoot) == nullptr)
+    return;
+  if (making.test_and_set()) return;
+  private_state.pid = getpid();
+  CopyPath(platform::Variable::kLog, private_state.log);
+  CopyPath(platform::Variable::kProperties, private_state.shared_properties);
+  if (State* const fresh = MapNewFile()) {
+    fresh->magic.store(protocol::kStateMagic);
+    file_owner = getpid();
+    memleak_state.store(fresh, std::memory_order_release);
+    State* const inherited = mapped_state.exchange(fresh);
+    if (inherited != nullptr) munmap(inherited, sizeof(State));
+  }
+  making.clear();
+}
+
+void ForkState() {
+  making.clear();
+  owner = getpid();
+  State& former = CurrentState();
+  if (&former != &private_state) {
+    CopyRecording(former);
+    memleak_state.store(&private_state, std::memory_order_release);
+  }
+  if (private_state.carried_out != 0 || private_state.received != 0) ClearCounters(private_state);
+  // Writes only what differs: in a child, each first write copies a page.
+  if (private_state.control_thread != protocol::ControlThread::kNone) {
+    private_state.control_thread = protocol::ControlThread::kNone;
+  }
+}
+
+void RemoveStateFile() {
+  if (file_owner.load() == getpid()) unlink(file_path);
+}
+
+void RingBell() {
+  std::atomic<uint32_t>& bell = CurrentState().bell;
+  bell.fetch_add(1);
+  syscall(SYS_futex, &bell, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
+}
+
+}  // namespace host

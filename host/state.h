@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+// The state of this process that the controller reads: protocol::State in a shared file, or in
+// private memory while the process has no file.
+//
+// Nothing here allocates or takes a lock. Unless stated otherwise: any thread, safe in signal
+// handlers.
+#pragma once
+
+#include "protocol/state.h"
+
+namespace host {
+
+using protocol::State;
+
+/// Returns the state. A different one after a fork and after MakeStateFile.
+State& CurrentState();
+
+/// Whether the calling process is the one that the state describes. False in a child of vfork,
+/// which runs in its parent's memory, and in a child of fork before ForkState.
+bool OwnsState();
+
+/// Describes the process: program, arguments, version, start. For the loader's constructor.
+void InitializeState(int argument_count, char** arguments);
+
+/// Makes the file "<root>/state", or "<root>/state.PID" if another living process has that, and
+/// moves the state to it. Does nothing if the process has its file, has no root directory, or is
+/// already making the file. If the file cannot be made, the state stays private, and the next call
+/// tries again. The caller makes sure that meanwhile nobody writes the state: no control thread and
+/// no report runs.
+void MakeStateFile();
+
+/// In a forked child, on its only thread: leaves the parent's file. The child starts with what its
+/// parent records, and with no commands.
+void ForkState();
+
+/// Removes the file of this process. The state stays valid.
+void RemoveStateFile();
+
+/// Adds one to the state's `bell` and wakes the threads, of any process, that wait for it.
+void RingBell();
+
+}  // namespace host

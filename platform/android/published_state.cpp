@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+// Android's controller reads the log. There is no state.
+#include "platform/published_state.h"
+
+namespace platform {
+
+void FindPublishedState() {}
+void PublishRecording(const protocol::Kind& /*kind*/, protocol::Recording /*recording*/) {}
+void PublishClear() {}
+void PublishSettings(char /*type*/, std::uint32_t /*frames*/) {}
+void PublishHook(const char* /*library*/, const char* /*function*/, int /*change*/, int /*error*/) {
+}
+void PublishReportStart() {}
+void PublishReportThread() {}
+void PublishReportFailure(int /*error*/, const char* /*format*/, ...) {}
+void PublishReportEnd(std::uint64_t /*dropped*/) {}
+
+}  // namespace platform

@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+// The state of a tracked process on Linux: a file below its root directory that the loader, the
+// tracker and the controller map shared.
+//
+// The loader makes the file when it starts, with mode 0600, and in a forked child when the child
+// gets its first command. Its path in /proc/PID/maps tells the controller the root directory. A
+// process whose `pid` differs from the file's has inherited the mapping of its parent and has no
+// file of its own yet.
+//
+// All words are atomics that need no lock, so that they can be used across processes and in signal
+// handlers. Strings are written before `magic` and never change. No pointers: a 64-bit controller
+// for x86-64 reads the file of an emulated process.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+
+#include "protocol/kinds.h"
+#include "protocol/protocol.h"
+
+namespace protocol {
+
+/// The file, below the root directory. If a living process has it already (a process that was
+/// forked or started with the same root directory), ".PID" is appended.
+inline constexpr char kStatePath[] = "/state";
+/// The bytes "MEMLEAKS". Stored last, when the rest of the file is valid.
+inline constexpr std::uint64_t kStateMagic = 0x534b41454c4d454d;
+/// Changes with the layout of State.
+inline constexpr std::uint32_t kStateLayout = 1;
+
+/// Posted commands that the process has not carried out yet: at most this many.
+inline constexpr std::uint64_t kMaxPosted = 16;
+/// Commands that the history keeps.
+inline constexpr std::uint64_t kHistory = 64;
+/// Pairs of library and function whose hooks are described.
+inline constexpr std::size_t kMaxHookStates = 64;
+
+/// Where commands are carried out.
+enum class ControlThread : std::uint32_t {
+  kNone,  ///< there is no thread; the control signal requests one
+  /// The next call of a function that allocates starts the thread. So does the control signal if it
+  /// interrupts a wait for work: the controller repeats it while the state is pending.
+  kPending,
+  kRunning,  ///< waits for `bell` to change
+};
+
+enum class Recording : std::uint32_t { kOff, kOn, kPaused };
+
+struct KindState {
+  std::atomic<Recording> recording;
+  /// Of the latest switch, or of the latest clear while it is on; nanoseconds since 1970.
+  std::atomic<std::int64_t> since_ns;
+};
+
+struct PostedCommand {
+  std::atomic<std::uint64_t> word;
+  std::atomic<std::uint32_t> parameter;
+  /// Valid once `done` counts the command: 0, or an errno value if the process could not carry it
+  /// out (no thread could be started).
+  std::atomic<std::int32_t> error;
+};
+
+/// A command that was carried out, posted or received by signal.
+struct PastCommand {
+  std::atomic<std::uint64_t> number;  ///< counts from 1; 0 while the entry is written
+  std::atomic<std::int64_t> time_ns;
+  std::atomic<std::uint64_t> word;
+  std::atomic<std::uint32_t> parameter;
+};
+
+/// The result of the latest "on" for one function in one library.
+/// With an error the hook is not in place, or another layer could not be removed.
+struct HookState {
+  char library[kMaxPropertyBytes + 1];
+  char function[kMaxPropertyBytes + 1];
+  std::atomic<std::uint32_t> hooks;  ///< in place: each "on" adds one, each report removes one
+  std::atomic<std::int32_t> error;   ///< of the latest attempt, 0 or an errno value
+};
+
+struct State {
+  std::atomic<std::uint64_t> magic;
+  std::uint32_t layout;
+  std::uint32_t bytes;  ///< sizeof(State)
+  char version[16];     ///< of the library, as `memleak --version` prints it
+  std::int32_t pid;     ///< in the process's own PID namespace
+  std::uint32_t reserved;
+  std::int64_t start_ns;         ///< when the loader started, since 1970
+  char program[4096];            ///< path of the executable (the guest's under an emulator)
+  char arguments[4096];          ///< separated by NUL, cut to fit
+  std::uint32_t argument_bytes;  ///< used bytes of `arguments`
+  char log[4096];                ///< absolute path of the log; empty: none, or the error output
+  char shared_properties[4096];  ///< absolute path of the shared properties; empty: none
+
+  /// The posted commands. The controller holds a lock on the file (flock, LOCK_EX) while it writes
+  /// posted[sent % kMaxPosted] and then increments `sent`. The process increments `done` after each
+  /// command. Then the controller increments `bell` and wakes its waiters (FUTEX_WAKE, not
+  /// FUTEX_PRIVATE_FLAG). If no thread runs, it also sends the control signal with kill, which does
+  /// not need room in the signal queue: the process ignores the content of such a signal.
+  std::atomic<std::uint64_t> sent;
+  std::atomic<std::uint64_t> done;  ///< the controller may wait for it by futex, on its low word
+  PostedCommand posted[kMaxPosted];
+  std::atomic<std::uint32_t> bell;
+  std::atomic<ControlThread> control_thread;
+
+  /// Commands received by signal, commands carried out from either source, and the latest of them.
+  std::atomic<std::uint64_t> received;
+  std::atomic<std::uint64_t> carried_out;
+  PastCommand history[kHistory];  ///< command n is in history[n % kHistory]
+
+  /// What is recorded. The tracker writes the rest.
+  KindState kinds[std::size(kKinds)];
+  std::atomic<std::uint32_t> unwind;  ///< the method in force, kUnwindFramePointers, kUnwindTables
+  std::atomic<std::uint32_t> depth;   ///< frames per record in force
+  /// Blocks that were not recorded for lack of memory, as of the latest report.
+  std::atomic<std::uint64_t> dropped;
+
+  std::atomic<std::uint32_t> hook_states;  ///< used entries of `hooks`
+  HookState hooks[kMaxHookStates];
+
+  /// Reports that were started and that have ended, and why the latest one was not written.
+  std::atomic<std::uint32_t> reports_started;
+  std::atomic<std::uint32_t> reports_ended;
+  std::atomic<std::int32_t> report_thread;  ///< id of the latest report's thread, 0: none, or gone
+  std::atomic<std::int32_t> report_error;   ///< 0: it is complete
+  char report_reason[256];                  ///< text for the user if report_error is not 0
+};
+
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+
+/// Name of the loader's variable (std::atomic<State*>) by which the tracker finds the state. It
+/// points to private memory while the process has no file. Without a loader there is no such
+/// variable.
+inline constexpr char kStateVariable[] = "memleak_state";
+
+}  // namespace protocol
