@@ -31,6 +31,9 @@ extern const AllocatorTable kBootstrapTable;
 /// malloc_usable_size check for them first. Called at most twice, on one thread at a time.
 void UseAllocator(const AllocatorTable& plain);
 
+/// The table that calls go through now. Any thread.
+const AllocatorTable& ActiveAllocator();
+
 /// Makes the functions that allocate call StartPendingThread first. Functions that release do not:
 /// the C library may call them under a lock that starting a thread needs. Any thread, safe in
 /// signal handlers.

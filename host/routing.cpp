@@ -119,6 +119,10 @@ void UseAllocator(const AllocatorTable& plain) {
   active_table.store(usual, std::memory_order_release);
 }
 
+const AllocatorTable& ActiveAllocator() {
+  return Active();
+}
+
 void StartThreadAtNextCall() {
   active_table.store(&starting_table);
 }

@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: Apache-2.0
+// operator new and delete, on any thread.
+//
+// Those of libstdc++ call malloc and free, which the loader routes: the call goes on to them. An
+// allocator that replaces malloc usually brings its own operator new, which calls no malloc. Then
+// the block comes from the active table. If that has no memory, the allocator's own operator new
+// calls the new-handler or throws.
+//
+// Compiled as routing.cpp, for tail calls: the recorded stack begins with the same frames as
+// without this file.
+#include <dlfcn.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <new>
+
+#include "host/allocator_table.h"
+#include "host/next_allocator.h"
+
+#define MEMLEAK_EXPORT __attribute__((visibility("default")))
+
+namespace host {
+namespace {
+
+const void* ObjectOf(const void* function) {
+  Dl_info info;
+  return dladdr(function, &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+/// Returns the definition of `name` that code at `caller` would use without the loader, or null.
+void* FindOperator(const char* name, const void* caller) {
+  if (void* const next = dlsym(RTLD_NEXT, name)) return next;
+  // A C program may have loaded a C++ library, with its run-time library, for itself alone.
+  Dl_info info;
+  if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr) return nullptr;
+  void* const library = dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_LAZY);
+  if (library == nullptr) return nullptr;
+  void* const found = dlsym(library, name);
+  // The definition must stay. dlclose releases only the handle.
+  if (found != nullptr && dladdr(found, &info) != 0) {
+    dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_LAZY | RTLD_NODELETE);
+  }
+  dlclose(library);
+  return found;
+}
+
+template <typename Signature>
+class Operator {
+ public:
+  explicit constexpr Operator(const char* name) : name_(name) {}
+
+  /// Returns the function to go on to; null: use the active table.
+  Signature* Target(const void* caller) {
+    Signature* const target = target_.load(std::memory_order_acquire);
+    return __builtin_expect(static_cast<long>(target != nullptr || known_), 1L) != 0
+               ? target
+               : Search(caller);
+  }
+
+  /// The next definition, null if there is none.
+  Signature* Next() const { return next_.load(); }
+
+ private:
+  __attribute__((noinline)) Signature* Search(const void* caller) {
+    if (!FindNextAllocator()) return nullptr;
+    auto* const found = reinterpret_cast<Signature*>(FindOperator(name_, caller));
+    if (found == nullptr) return nullptr;
+    const void* const allocator =
+        ObjectOf(reinterpret_cast<const void*>(NextAllocator().calls.malloc));
+    next_.store(found);
+    if (ObjectOf(reinterpret_cast<const void*>(found)) != allocator) target_.store(found);
+    known_.store(true, std::memory_order_release);
+    return target_.load();
+  }
+
+  const char* const name_;
+  std::atomic<Signature*> target_{nullptr};
+  std::atomic<Signature*> next_{nullptr};
+  std::atomic<bool> known_{false};
+};
+
+using New = void*(size_t);
+using NewNothrow = void*(size_t, const std::nothrow_t&);
+using NewAligned = void*(size_t, std::align_val_t);
+using NewAlignedNothrow = void*(size_t, std::align_val_t, const std::nothrow_t&);
+using Delete = void(void*);
+using DeleteSized = void(void*, size_t);
+using DeleteAligned = void(void*, std::align_val_t);
+using DeleteSizedAligned = void(void*, size_t, std::align_val_t);
+using DeleteNothrow = void(void*, const std::nothrow_t&);
+using DeleteAlignedNothrow = void(void*, std::align_val_t, const std::nothrow_t&);
+
+Operator<New> new_one{"_Znwm"};
+Operator<New> new_array{"_Znam"};
+Operator<NewNothrow> new_one_nothrow{"_ZnwmRKSt9nothrow_t"};
+Operator<NewNothrow> new_array_nothrow{"_ZnamRKSt9nothrow_t"};
+Operator<NewAligned> new_one_aligned{"_ZnwmSt11align_val_t"};
+Operator<NewAligned> new_array_aligned{"_ZnamSt11align_val_t"};
+Operator<NewAlignedNothrow> new_one_aligned_nothrow{"_ZnwmSt11align_val_tRKSt9nothrow_t"};
+Operator<NewAlignedNothrow> new_array_aligned_nothrow{"_ZnamSt11align_val_tRKSt9nothrow_t"};
+Operator<Delete> delete_one{"_ZdlPv"};
+Operator<Delete> delete_array{"_ZdaPv"};
+Operator<DeleteSized> delete_one_sized{"_ZdlPvm"};
+Operator<DeleteSized> delete_array_sized{"_ZdaPvm"};
+Operator<DeleteAligned> delete_one_aligned{"_ZdlPvSt11align_val_t"};
+Operator<DeleteAligned> delete_array_aligned{"_ZdaPvSt11align_val_t"};
+Operator<DeleteSizedAligned> delete_one_sized_aligned{"_ZdlPvmSt11align_val_t"};
+Operator<DeleteSizedAligned> delete_array_sized_aligned{"_ZdaPvmSt11align_val_t"};
+Operator<DeleteNothrow> delete_one_nothrow{"_ZdlPvRKSt9nothrow_t"};
+Operator<DeleteNothrow> delete_array_nothrow{"_ZdaPvRKSt9nothrow_t"};
+Operator<DeleteAlignedNothrow> delete_one_aligned_nothrow{"_ZdlPvSt11align_val_tRKSt9nothrow_t"};
+Operator<DeleteAlignedNothrow> delete_array_aligned_nothrow{"_ZdaPvSt11align_val_tRKSt9nothrow_t"};
+
+/// The alignment among the arguments after the size; 0 for none.
+inline size_t AlignmentIn() {
+  return 0;
+}
+inline size_t AlignmentIn(const std::nothrow_t& /*nothrow*/) {
+  return 0;
+}
+template <typename... Rest>
+size_t AlignmentIn(std::align_val_t alignment, const Rest&... /*rest*/) {
+  return static_cast<size_t>(alignment);
+}
+
+/// The body of each operator new. Only the forms without std::nothrow throw.
+template <typename Signature, typename... Arguments>
+__attribute__((always_inline)) inline void* Allocate(Operator<Signature>& op, bool throws,
+                                                     size_t size, Arguments&&... arguments) {
+  if (auto* const target = op.Target(__builtin_return_address(0)))
+    return target(size, arguments...);
+  const size_t alignment = AlignmentIn(arguments...);
+  const MallocDispatch& calls = ActiveAllocator().calls;
+  void* const block = alignment == 0 ? calls.malloc(size) : calls.memalign(alignment, size);
+  if (block != nullptr) return block;
+  if (auto* const next = op.Next()) return next(size, arguments...);
+  // There is no C++ run-time library that could throw.
+  if (throws) abort();
+  return nullptr;
+}
+
+/// The body of each operator delete.
+template <typename Signature, typename... Arguments>
+__attribute__((always_inline)) inline void Release(Operator<Signature>& op, void* block,
+                                                   Arguments&&... arguments) {
+  if (auto* const target = op.Target(__builtin_return_address(0))) {
+    return target(block, arguments...);
+  }
+  ActiveAllocator().calls.free(block);
+}
+
+}  // namespace
+}  // namespace host
+
+MEMLEAK_EXPORT void* operator new(size_t size) {
+  return host::Allocate(host::new_one, true, size);
+}
+
+MEMLEAK_EXPORT void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
+  return host::Allocate(host::new_one_nothrow, false, size, tag);
+}
+
+MEMLEAK_EXPORT void* operator new(size_t size, std::align_val_t alignment) {
+  return host::Allocate(host::new_one_aligned, true, size, alignment);
+}
+
+MEMLEAK_EXPORT void* operator new(size_t size, std::align_val_t alignment,
+                                  const std::nothrow_t& tag) noexcept {
+  return host::Allocate(host::new_one_aligned_nothrow, false, size, alignment, tag);
+}
+
+MEMLEAK_EXPORT void* operator new[](size_t size) {
+  return host::Allocate(host::new_array, true, size);
+}
+
+MEMLEAK_EXPORT void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+  return host::Allocate(host::new_array_nothrow, false, size, tag);
+}
+
+MEMLEAK_EXPORT void* operator new[](size_t size, std::align_val_t alignment) {
+  return host::Allocate(host::new_array_aligned, true, size, alignment);
+}
+
+MEMLEAK_EXPORT void* operator new[](size_t size, std::align_val_t alignment,
+                                    const std::nothrow_t& tag) noexcept {
+  return host::Allocate(host::new_array_aligned_nothrow, false, size, alignment, tag);
+}
+
+MEMLEAK_EXPORT void operator delete(void* block) noexcept {
+  host::Release(host::delete_one, block);
+}
+
+MEMLEAK_EXPORT void operator delete(void* block, size_t size) noexcept {
+  host::Release(host::delete_one_sized, block, size);
+}
+
+MEMLEAK_EXPORT void operator delete(void* block, std::align_val_t alignment) noexcept {
+  host::Release(host::delete_one_aligned, block, alignment);
+}
+
+MEMLEAK_EXPORT void operator delete(void* block, size_t size, std::align_val_t alignment) noexcept {
+  host::Release(host::delete_one_sized_aligned, block, size, alignment);
+}
+
+MEMLEAK_EXPORT void operator delete(void* block, const std::nothrow_t& tag) noexcept {
+  host::Release(host::delete_one_nothrow, block, tag);
+}
+
+MEMLEAK_EXPORT void operator delete(void* block, std::align_val_t alignment,
+                                    const std::nothrow_t& tag) noexcept {
+  host::Release(host::delete_one_aligned_nothrow, block, alignment, tag);
+}
+
+MEMLEAK_EXPORT void operator delete[](void* block) noexcept {
+  host::Release(host::delete_array, block);
+}
+
+MEMLEAK_EXPORT void operator delete[](void* block, size_t size) noexcept {
+  host::Release(host::delete_array_sized, block, size);
+}
+
+MEMLEAK_EXPORT void operator delete[](void* block, std::align_val_t alignment) noexcept {
+  host::Release(host::delete_array_aligned, block, alignment);
+}
+
+MEMLEAK_EXPORT void operator delete[](void* block, size_t size,
+                                      std::align_val_t alignment) noexcept {
+  host::Release(host::delete_array_sized_aligned, block, size, alignment);
+}
+
+MEMLEAK_EXPORT void operator delete[](void* block, const std::nothrow_t& tag) noexcept {
+  host::Release(host::delete_array_nothrow, block, tag);
+}
+
+MEMLEAK_EXPORT void operator delete[](void* block, std::align_val_t alignment,
+                                      const std::nothrow_t& tag) noexcept {
+  host::Release(host::delete_array_aligned_nothrow, block, alignment, tag);
+}
