@@ -87,7 +87,7 @@ def ends(session):
     session.step("alloc 10 48")
     session.watching.send_signal(signal.SIGINT)
     out, document = session.watched()
-    assert "recording on, earlier records kept" in out, out
+    assert "recording on, tables emptied" in out, out
     assert counts(document, 48) == [0, 10], document
 
     # A closed terminal also closes the output. It may send the signal twice.
@@ -117,12 +117,10 @@ def interference(session):
     session.tell("on")
     session.step("alloc 20 48")
     for command, why, begins, count in (
-            ("pause", "recording was paused (command 0x20 at ", "existing records kept", 20),
-            ("clear", "all records were dropped (command 0x80 at ", "earlier records kept", 20),
-            ("report", "stopped by a report (command 0x40 at ", "earlier records kept", 5)):
+            ("pause", "recording was paused (native pause (0x20) at ", "existing records kept", 20),
+            ("clear", "all records were dropped (native clear (0x80) at ", "earlier records kept", 20),
+            ("report", "stopped by a report (native report (0x40) at ", "existing records kept", 5)):
         session.watch(command, *SLOW)
-        if command == "clear":
-            open(session.root + "/log", "w").close()  # a user may empty the log
         session.tell(command)
         session.step("alloc 5 48")  # recorded only after "clear"
         out, document = session.broken(why)
@@ -139,22 +137,20 @@ def interference(session):
 
 
 def hooks(session):
-    """Commands for native memory do not end or change the recording through hooks. Either the log
-    or the slots show it."""
-    for session.log in (True, False):
-        session.start()
-        pid = session.process.pid
-        session.tell("on", *hooked_kinds.MMAP)
-        session.step("map 10 65536")
-        for command in ("on", "pause", "clear", "report", "report --keep-recording",
-                        f"watch -o {session.root}/out"):
-            session.memleak(*command.split(), pid, code=2)
-        assert not os.path.exists(session.root + "/out")
-        session.step("unmap 6")
-        session.tell("report", "--kind", "mmap")
-        assert session.sizes() == {65536: 4}, session.sizes()
-        session.tell("pause")
-        session.quit()
+    """Commands for native memory do not end or change the recording through hooks."""
+    session.start()
+    pid = session.process.pid
+    session.tell("on", *hooked_kinds.MMAP)
+    session.step("map 10 65536")
+    for command in ("on", "pause", "clear", "report", "report --keep-recording",
+                    f"watch -o {session.root}/out"):
+        session.memleak(*command.split(), pid, code=2)
+    assert not os.path.exists(session.root + "/out")
+    session.step("unmap 6")
+    session.tell("report", "--kind", "mmap")
+    assert session.sizes() == {65536: 4}, session.sizes()
+    session.tell("pause")
+    session.quit()
 
 
 if __name__ == "__main__":

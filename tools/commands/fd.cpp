@@ -1,23 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // fd: commands for the separate library that tracks file descriptors. The tracker forwards them.
 #include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "protocol/protocol.h"
-#include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/options.h"
-#include "tools/target/hook_outcome.h"
 #include "tools/target/inspect.h"
-#include "tools/target/log_tail.h"
 #include "tools/target/root_directory.h"
-#include "tools/target/signal_sender.h"
+#include "tools/target/send_command.h"
 #include "tools/target/site.h"
 
 namespace memleak {
@@ -37,18 +32,11 @@ Examples:
   memleak fd dump 4711
 
 Exit codes:
-  0  the command was sent, and the tracker reported no failure
-  2  no such process, not permitted, not tracked, the library or one of its
-     functions missing, or not switched on before)";
-
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
+  0  the command was carried out; the log names functions that the library lacks
+  2  no such process, not permitted, not tracked, stopped, the library missing,
+     not switched on before, or the command was not carried out)";
 
 constexpr const char* kFdLibrary = "libfdtrack.so";
-constexpr auto kPoll = milliseconds(20);
-constexpr auto kPatience = milliseconds(3000);
-// The tracker logs the command, and afterwards only failures.
-constexpr auto kSettle = milliseconds(200);
 
 struct Action {
   const char* name;
@@ -83,58 +71,22 @@ std::uint32_t ParameterFor(const ProcessInfo& process, const FdOptions& options)
                                  settings.type.value_or(protocol::kUnwindFramePointers));
 }
 
-// The tracker's error lines a moment after the command arrived. Nothing if it does not arrive in
-// time.
-std::optional<std::vector<std::string>> WaitForAnswer(const LogTail& log, bool is_emulated) {
-  const auto deadline = steady_clock::now() + (is_emulated ? 2 * kPatience : kPatience);
-  std::optional<steady_clock::time_point> received;
-  while (steady_clock::now() < deadline) {
-    const std::vector<std::string> lines = log.Lines();
-    std::vector<std::string> complaints = ErrorLines(lines);
-    if (!lines.empty() && !received) received = steady_clock::now();
-    const bool settled = received && steady_clock::now() - *received >= kSettle;
-    if (!complaints.empty() || settled) return complaints;
-    std::this_thread::sleep_for(kPoll);
-  }
-  return std::nullopt;
-}
-
-// For processes without a log. Returns false if loading takes too long.
-bool WaitForLibrary(const ProcessInfo& process) {
-  const auto deadline = steady_clock::now() + kPatience;
-  while (steady_clock::now() < deadline) {
-    if (HasFdLibrary(process)) return true;
-    std::this_thread::sleep_for(kPoll);
-  }
-  return false;
-}
-
 int Fd(const FdOptions& options) {
   const Action* action = options.action;
   const ProcessInfo process = RequireTracked(options.pid);
-  const LogTail log(process);
   if (action->needs_library && !HasFdLibrary(process)) {
     throw UserError(
         std::string(kFdLibrary) + " is not loaded in " + process.Label() + "; nothing was sent",
         "switch it on first: memleak fd on " + std::to_string(process.pid));
   }
-  SendCommand(process, action->word,
-              action->word == protocol::kFdOn ? ParameterFor(process, options) : 0);
-
-  std::optional<std::vector<std::string>> complaints;
-  if (log.IsReadable()) complaints = WaitForAnswer(log, process.is_emulated);
-  if (complaints && !complaints->empty()) {
-    throw UserError(
-        "the tracker in " + process.Label() + " reports: " + FitWidth(complaints->front(), 200),
-        std::string("put ") + kFdLibrary +
-            " with its three functions into a directory that the program searches for libraries");
-  }
-  if (action->word == protocol::kFdOn && !WaitForLibrary(process)) {
+  const Carried carried = SendCommand(
+      process, action->word, action->word == protocol::kFdOn ? ParameterFor(process, options) : 0);
+  if (carried && action->word == protocol::kFdOn && !HasFdLibrary(process)) {
     throw UserError(std::string(kFdLibrary) + " was not loaded in " + process.Label(),
-                    "put it into a directory that the program searches for libraries");
+                    "put it, with its three functions, into a directory that the program searches "
+                    "for libraries");
   }
-  std::cout << process.Label() << ": " << action->done
-            << (complaints ? "" : std::string(" (") + Advice().unseen + ")") << "\n";
+  std::cout << process.Label() << ": " << action->done << CarriedText(carried) << "\n";
   return kExitOk;
 }
 

@@ -5,6 +5,7 @@
 #include <elf.h>
 
 #include <algorithm>
+#include <cstring>
 #include <iostream>
 
 #include "protocol/protocol.h"
@@ -12,14 +13,12 @@
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/options.h"
-#include "tools/target/hook_outcome.h"
 #include "tools/target/hook_targets.h"
 #include "tools/target/inspect.h"
-#include "tools/target/interference.h"
 #include "tools/target/loaded_libraries.h"
-#include "tools/target/log_tail.h"
+#include "tools/target/recording.h"
 #include "tools/target/root_directory.h"
-#include "tools/target/signal_sender.h"
+#include "tools/target/send_command.h"
 #include "tools/target/site.h"
 
 namespace memleak {
@@ -50,7 +49,7 @@ constexpr const char* kLimits = R"(
 A list holds up to 91 bytes. A library need not import all functions if --func
 is absent. Record one kind at a time: all kinds share the tables. Commands for
 a hooked kind are refused while native recording is on or paused, and the other
-way round, as far as the log or the hooked slots show it.
+way round.
 
 Each `on` adds hooks to those that exist, also after a pause. Each
 `report --kind` removes one from the libraries that the latest `on` has named.
@@ -70,10 +69,10 @@ Examples:
   memleak on 4711 --kind gpu
 
 Exit codes:
-  0  the command was sent; for a hooked kind, at least one hook is in place or
-     the result cannot be seen
-  2  no such process, not permitted, not tracked, memory of another kind is
-     recorded, settings not writable, or nothing hooked)";
+  0  recording is on; for a hooked kind, at least one hook is in place
+  2  no such process, not permitted, not tracked, stopped, memory of another kind
+     is recorded, settings not writable, nothing hooked, or the command was not
+     carried out)";
 
 // On x86-64, system libraries have no frame pointers.
 char DefaultType(const ProcessInfo& process) {
@@ -109,21 +108,6 @@ std::uint64_t StartWord(const OnOptions& options) {
   return options.kind->On() | (options.keep ? 0 : options.kind->Clear());
 }
 
-// Prints one line for each library of `pairs`, which are sorted by library.
-void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out) {
-  std::string library;
-  for (const HookPair& pair : pairs) {
-    if (pair.library == library) {
-      out << ", " << pair.function;
-      continue;
-    }
-    if (!library.empty()) out << "\n";
-    library = pair.library;
-    out << what << FitWidth(library, 80) << ": " << pair.function;
-  }
-  if (!library.empty()) out << "\n";
-}
-
 void PrintWarning(const std::string& line) {
   std::cerr << "memleak: " << Printable(line) << "\n";
 }
@@ -141,27 +125,43 @@ HookPlan PlanFor(const ProcessInfo& process, const LoadedLibraries& loaded,
   return plan;
 }
 
-// Writes the settings and returns the number of frames kept per record.
-std::uint32_t WriteHookSettings(const ProcessInfo& process, const OnOptions& options,
-                                const HookPlan& plan) {
+// The settings in force. The process may read others than those written: see its properties.
+BacktraceSettings InForce(const ProcessInfo& process, const BacktraceSettings& written) {
+  if (!process.state) return written;
+  const StateFile& state = *process.state;
+  return {state->depth.load(), static_cast<char>(state->unwind.load())};
+}
+
+void WriteHookSettings(const ProcessInfo& process, const OnOptions& options, const HookPlan& plan) {
   if (options.type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers) {
     PrintWarning(kNoUnwindTables);
   }
   const std::string current = ReadSettings(process).text;
-  const std::string updated = WithHooks(UpdateProperties(current, {options.depth, std::nullopt}),
-                                        {plan.libraries, plan.functions});
-  WriteSettings(process, updated);
-  return ParseSettings(updated).depth.value_or(protocol::kDefaultDepth);
+  WriteSettings(process, WithHooks(UpdateProperties(current, {options.depth, std::nullopt}),
+                                   {plan.libraries, plan.functions}));
 }
 
-void PrintHooked(const HookPlan& plan, const HookOutcome& outcome) {
-  if (!outcome.slots_read) return PrintPairs("requested  ", plan.pairs, std::cout);
-  PrintPairs("hooked  ", outcome.hooked, std::cout);
-  std::vector<HookPair> missing = plan.pairs;
-  std::erase_if(missing, [&](const HookPair& pair) {
-    return std::count(outcome.hooked.begin(), outcome.hooked.end(), pair) != 0;
-  });
-  PrintPairs("memleak: not hooked: ", missing, std::cerr);
+// Prints what the latest "on" has hooked, and one warning for each pair of `plan` that is not.
+void PrintResults(const HookPlan& plan, const std::vector<HookResult>& results) {
+  std::vector<HookPair> hooked;
+  bool twice = false;
+  for (const HookPair& pair : plan.pairs) {
+    const auto result =
+        std::find_if(results.begin(), results.end(),
+                     [&](const HookResult& candidate) { return candidate.pair == pair; });
+    if (result != results.end() && result->hooks == 0) {
+      PrintWarning("not hooked: " + pair.library + ": " + pair.function + ": " +
+                   std::strerror(result->error));
+      continue;
+    }
+    hooked.push_back(pair);
+    twice = twice || (result != results.end() && result->hooks > 1);
+  }
+  PrintPairs("hooked  ", hooked, std::cout);
+  if (twice) {
+    std::cout
+        << "        Some were hooked before and have one more hook now. Each report removes one.\n";
+  }
 }
 
 int StartHooking(const OnOptions& options, const ProcessInfo& process, const HookNames& names) {
@@ -170,34 +170,26 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
   const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
   const HookPlan plan = PlanFor(
       process, loaded, {names.libraries, names.functions, !options.functions.empty()}, memory);
-  const std::uint32_t depth = WriteHookSettings(process, options, plan);
-  const LogTail log(process);
-  const bool hooked_before = !HookedPairs(process, plan, memory).empty();
+  WriteHookSettings(process, options, plan);
 
-  SendCommand(process, StartWord(options), 0);
-  const HookOutcome outcome =
-      WaitForHooks(process, kind, plan, log, memory, TrampolineBytes(loaded.mappings));
-  for (const std::string& complaint : outcome.complaints) {
-    PrintWarning("the tracker reports: " + FitWidth(complaint, 200));
+  const Carried carried = SendCommand(process, StartWord(options), 0);
+  if (!process.state) {
+    std::cout << process.Label() << ": " << kind.name << " recording requested"
+              << CarriedText(carried) << "\n";
+    PrintPairs("requested  ", plan.pairs, std::cout);
+    return kExitOk;
   }
-  if (outcome.result == HookResult::kNothing) {
-    const std::string log_place = LogPlace(process);
+  const std::vector<HookResult> results = HookResults(*process.state);
+  if (process.state->RecordingOf(kind) != protocol::Recording::kOn) {
+    PrintResults(plan, results);
     throw UserError("the tracker hooked nothing in " + process.Label(),
-                    "see memleak libs " + std::to_string(process.pid) +
-                        (log_place.empty() ? "" : " and its log: " + log_place));
+                    "see memleak libs " + std::to_string(process.pid));
   }
-  std::cout << process.Label() << ": " << kind.name;
-  if (outcome.result == HookResult::kUnseen) {
-    std::cout << " recording requested; " << Advice().unseen_hooks << "\n";
-  } else {
-    std::cout << " recording on, " << (options.keep ? "earlier records kept" : "tables emptied")
-              << ", " << depth << " frames by frame pointers\n";
-  }
-  PrintHooked(plan, outcome);
-  if (hooked_before) {
-    std::cout
-        << "        Some were hooked before and have one more hook now. Each report removes one.\n";
-  }
+  std::cout << process.Label() << ": " << kind.name << " recording on, "
+            << (options.keep ? "earlier records kept" : "tables emptied") << ", "
+            << *InForce(process, {}).depth << " frames by frame pointers" << CarriedText(carried)
+            << "\n";
+  PrintResults(plan, results);
   return kExitOk;
 }
 
@@ -209,24 +201,33 @@ int StartRecording(const OnOptions& options) {
   const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
   if (!options.kind->IsNative()) return StartHooking(options, process, names);
   const BacktraceSettings settings = ApplySettings(process, options);
-  SendCommand(
+  const Carried carried = SendCommand(
       process, StartWord(options),
       protocol::ParameterWord(std::min(*settings.depth, protocol::kMaxDepth), *settings.type));
+  const BacktraceSettings in_force = InForce(process, settings);
   std::cout << process.Label() << ": recording on, "
-            << (options.keep ? "earlier records kept" : "tables emptied") << ", " << *settings.depth
-            << " frames by " << MethodName(*settings.type) << "\n";
+            << (options.keep ? "earlier records kept" : "tables emptied") << ", " << *in_force.depth
+            << " frames by " << MethodName(*in_force.type) << CarriedText(carried) << "\n";
   return kExitOk;
 }
 
-void PrintStillHooked(const ProcessInfo& process) {
-  const ProcessMemory memory(process.pid);
-  if (!memory.IsOpen()) return;
-  std::vector<HookPair> left;
-  try {
-    left = AllHookedPairs(process, memory);
-  } catch (const UserError&) {
-    return;  // the process has ended
+void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out) {
+  std::string library;
+  for (const HookPair& pair : pairs) {
+    if (pair.library == library) {
+      out << ", " << pair.function;
+      continue;
+    }
+    if (!library.empty()) out << "\n";
+    library = pair.library;
+    out << what << FitWidth(library, 80) << ": " << pair.function;
   }
+  if (!library.empty()) out << "\n";
+}
+
+void PrintStillHooked(const ProcessInfo& process) {
+  if (!process.state) return;
+  const std::vector<HookPair> left = HookedPairs(*process.state);
   if (left.empty()) return;
   PrintPairs("hooked  ", left, std::cout);
   std::cout

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Recording and its hooks, for `on`, `report` and `watch`. Single-threaded.
+// Recording and its hooks, for `on`, `report`, `status` and `watch`. Single-threaded.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <iosfwd>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "tools/target/hook_targets.h"
 #include "tools/target/kinds.h"
 #include "tools/target/process_info.h"
 
@@ -26,7 +29,11 @@ struct OnOptions {
 /// Starts recording, prints what is recorded, and returns the exit code. Throws UserError.
 int StartRecording(const OnOptions& options);
 
-/// Prints what is still hooked after a report of a hooked kind, as far as slots can be read.
+/// Prints one line for each library of `pairs`, which are sorted by library: `what`, the library
+/// and its functions.
+void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out);
+
+/// Prints what is still hooked after a report of a hooked kind. Nothing on devices.
 void PrintStillHooked(const ProcessInfo& process);
 
 }  // namespace memleak

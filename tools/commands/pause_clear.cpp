@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // pause: stops recording and keeps the records. clear: drops all records.
+#include <cstdint>
 #include <iostream>
+#include <string>
 
 #include "tools/base/user_error.h"
 #include "tools/commands/options.h"
 #include "tools/target/inspect.h"
-#include "tools/target/interference.h"
-#include "tools/target/signal_sender.h"
+#include "tools/target/recording.h"
+#include "tools/target/send_command.h"
 
 namespace memleak {
 namespace {
@@ -21,9 +23,9 @@ Examples:
   memleak pause 4711 --kind mmap
 
 Exit codes:
-  0  the command was sent
-  2  no such process, not permitted, not tracked, or memory of another kind is
-     recorded)";
+  0  recording is paused
+  2  no such process, not permitted, not tracked, stopped, memory of another kind
+     is recorded, or the command was not carried out)";
 
 constexpr const char* kClearHelp = R"(
 Drops all records, of every kind. Recording stays on or off. --kind is the kind
@@ -34,34 +36,33 @@ Examples:
   memleak clear 4711 --kind mmap
 
 Exit codes:
-  0  the command was sent
-  2  no such process, not permitted, not tracked, or memory of another kind is
-     recorded)";
+  0  the tables are empty
+  2  no such process, not permitted, not tracked, stopped, memory of another kind
+     is recorded, or the command was not carried out)";
 
 struct Options {
   pid_t pid = 0;
   const Kind* kind = &protocol::kNative;
 };
 
-// Sends `word` for the recorded kind. Returns the process.
-ProcessInfo Send(const Options& options, std::uint64_t word) {
-  ProcessInfo process = RequireTracked(options.pid);
+// Sends `word` for the recorded kind and prints `result`.
+int Send(const Options& options, std::uint64_t word, const std::string& result) {
+  const ProcessInfo process = RequireTracked(options.pid);
   RefuseMixedKinds(process, *options.kind);
-  SendCommand(process, word, 0);
-  return process;
+  const Carried carried = SendCommand(process, word, 0);
+  std::cout << process.Label() << ": " << result << CarriedText(carried) << "\n";
+  return kExitOk;
 }
 
 int Pause(const Options& options) {
-  std::cout << Send(options, options.kind->Pause()).Label() << ": recording paused; "
-            << (options.kind->IsNative() ? "freed blocks are still removed from the tables"
-                                         : "the hooks stay and do nothing")
-            << "\n";
-  return kExitOk;
+  return Send(options, options.kind->Pause(),
+              options.kind->IsNative()
+                  ? "recording paused; freed blocks are still removed from the tables"
+                  : "recording paused; the hooks stay and do nothing");
 }
 
 int Clear(const Options& options) {
-  std::cout << Send(options, options.kind->Clear()).Label() << ": tables emptied\n";
-  return kExitOk;
+  return Send(options, options.kind->Clear(), "tables emptied");
 }
 
 void Add(Program* program, const char* name, const char* summary, const char* help,

@@ -13,7 +13,8 @@
 #include "tools/commands/options.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
-#include "tools/target/interference.h"
+#include "tools/target/recording.h"
+#include "tools/target/send_command.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
 #include "tools/view/print.h"
@@ -84,7 +85,7 @@ int Report(const ReportOptions& options) {
 
   ReportHeader header;
   ReadReportFile(path, {}, &header);
-  std::cout << "report  " << Printable(path) << "\n"
+  std::cout << "report  " << process.Shown(path) << "\n"
             << "groups  " << FormatCount(header.groups);
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";

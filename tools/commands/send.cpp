@@ -10,7 +10,8 @@
 #include "tools/base/user_error.h"
 #include "tools/commands/options.h"
 #include "tools/target/inspect.h"
-#include "tools/target/signal_sender.h"
+#include "tools/target/recording.h"
+#include "tools/target/send_command.h"
 
 namespace memleak {
 namespace {
@@ -28,8 +29,9 @@ Examples:
   memleak send 4711 --word 0x10 --parameter 0xa0031
 
 Exit codes:
-  0  the word was sent
-  2  no such process, not permitted, not tracked, or a word that is not a number)";
+  0  the process has carried out the word
+  2  no such process, not permitted, not tracked, stopped, a word that is not a
+     number, or the word was not carried out)";
 
 std::string Help() {
   std::ostringstream text;
@@ -55,9 +57,10 @@ struct SendOptions {
 
 int Send(const SendOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
-  SendCommand(process, options.word, options.parameter);
-  std::cout << process.Label() << ": sent word 0x" << std::hex << options.word << ", parameter 0x"
-            << options.parameter << std::dec << "\n";
+  const Carried carried = SendCommand(process, options.word, options.parameter);
+  std::cout << process.Label() << ": " << (carried ? "carried out " : "")
+            << DescribeCommand(options.word) << ", parameter 0x" << std::hex << options.parameter
+            << std::dec << CarriedText(carried) << "\n";
   return kExitOk;
 }
 

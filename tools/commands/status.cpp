@@ -1,23 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 // status: the state of a process.
-#include <unistd.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
+#include "tools/commands/on.h"
 #include "tools/commands/options.h"
 #include "tools/target/inspect.h"
-#include "tools/target/interference.h"
-#include "tools/target/log_tail.h"
+#include "tools/target/recording.h"
 #include "tools/target/report_file.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/site.h"
@@ -26,15 +24,18 @@ namespace memleak {
 namespace {
 
 constexpr const char* kStatusHelp = R"(
-Prints whether a process is tracked and records (according to its log), its
-root directory, its properties and its report.
+Prints whether a process is tracked and what it records, according to its state
+file: for each kind of memory whether it is on; how stacks are found, in how
+many frames; the hooks in place; the latest commands; its root directory, its
+properties and its report. A command is pending until the process calls an
+allocator function, which starts the thread that carries out commands.
 
 Example:
   memleak status 4711
 
 Exit codes:
   0  tracked
-  1  not tracked, or the tracker does not catch signal 44
+  1  not tracked, or it takes no commands, with the reason
   2  error (see stderr))";
 
 constexpr const char* kStatusDeviceHelp = R"(
@@ -51,38 +52,67 @@ Exit codes:
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
 
-// Why ReadTextFile failed.
-std::string ReadFailure(const std::string& path) {
-  return access(path.c_str(), R_OK) != 0 ? std::strerror(errno) : "not a plain file";
+constexpr std::uint64_t kCommandsShown = 5;
+
+std::string SinceText(std::int64_t since_ns) {
+  const std::int64_t seconds = since_ns / kNanoseconds;
+  return " since " + FormatClock(seconds) + " (" + FormatAge(std::time(nullptr) - seconds) + ")";
 }
 
-std::string UnknownRecording(const ProcessInfo& process) {
-  std::string text = "unknown" + WhyUnknown(process);
-  if (process.log.empty()) return text;
-  return text + " (its log cannot be read: " + ReadFailure(process.log) + ")";
-}
-
-std::string RecordingText(const ProcessInfo& process) {
-  if (!OwnLog(process)) return UnknownRecording(process);
-  switch (RecordingOf(process)) {
-    case Recording::kOn:
-      return "on";
-    case Recording::kPaused:
-      return "paused";
-    case Recording::kStopped:
-      return "off (stopped by a report)";
-    case Recording::kNever:
-      return "off (never switched on)";
-    case Recording::kUnknown:
-      break;
+// A line for native recording, if it was ever on, and for each other kind that is on or paused.
+std::string RecordingText(const StateFile& state) {
+  std::string text;
+  for (const protocol::Kind& kind : protocol::kKinds) {
+    const std::int64_t since_ns = state->kinds[kind.type].since_ns;
+    const protocol::Recording recording = state.RecordingOf(kind);
+    // A report that keeps recording is a command of another kind, which switches that kind off.
+    const bool skip = !kind.IsNative() && recording == protocol::Recording::kOff;
+    if (since_ns == 0 || skip) continue;
+    const char* word = recording == protocol::Recording::kOn       ? " on"
+                       : recording == protocol::Recording::kPaused ? " paused"
+                                                                   : " off";
+    text += (text.empty() ? "" : "\n            ") + std::string(kind.name) + word +
+            SinceText(since_ns);
   }
-  return "unknown";
+  if (!text.empty()) return text;
+  return state->carried_out == 0 ? "off (never switched on)" : "off";
 }
 
-// The state of the hooked kinds according to the log; empty if the log does not mention them.
-std::string HooksText(const ProcessInfo& process) {
-  const std::optional<std::string> log = OwnLog(process);
-  return log ? HooksFromLog(*log) : "";
+std::string MethodText(const StateFile& state) {
+  const auto method = static_cast<char>(state->unwind.load());
+  if (state->depth == 0) return "not known before the first recording";
+  return std::to_string(state->depth) + " frames by " +
+         (method == protocol::kUnwindFramePointers ? "frame pointers"
+          : method == protocol::kUnwindTables      ? "dwarf"
+                                                   : "an invalid method");
+}
+
+std::string CommandsText(const StateFile& state) {
+  const std::uint64_t done = state->carried_out;
+  const std::uint64_t pending = state->sent - state->done;
+  std::string text = FormatCount(done) + " carried out";
+  if (pending > 0) {
+    text += ", " + FormatCount(pending) + " pending";
+    if (state->control_thread != protocol::ControlThread::kRunning) {
+      text += " until it calls an allocator function";
+    }
+  }
+  for (const CarriedOut& command : CommandsAfter(state, done - std::min(done, kCommandsShown))) {
+    text += "\n            " + FormatClock(command.time_ns / kNanoseconds) + "  " +
+            DescribeCommand(command.word);
+  }
+  return text;
+}
+
+void PrintState(const StateFile& state) {
+  std::cout << "recording   " << RecordingText(state) << "\n"
+            << "stacks      " << MethodText(state) << "\n";
+  if (state->dropped != 0) {
+    std::cout << "dropped     " << FormatCount(state->dropped)
+              << " blocks by the latest report: no memory\n";
+  }
+  PrintPairs("hooks       ", HookedPairs(state), std::cout);
+  std::cout << "commands    " << CommandsText(state) << "\n";
 }
 
 std::string SettingsText(const ProcessInfo& process) {
@@ -99,39 +129,44 @@ std::string SettingsText(const ProcessInfo& process) {
          Printable(stored.place) + "]";
 }
 
-std::string ReportText(const std::string& path) {
-  const std::optional<FileState> state = StateOf(path);
-  if (!state) return "none yet";
-  const std::int64_t age = std::time(nullptr) - state->modified_ns / kNanoseconds;
-  return Printable(path) + " (" + FormatBytes(static_cast<std::uint64_t>(state->size)) + ", " +
-         FormatAge(age) + " old" + (EndsComplete(path) ? ")" : ", incomplete)");
+std::string ReportText(const ProcessInfo& process) {
+  const std::string path = process.ReportPath();
+  const std::optional<FileState> file = StateOf(path);
+  if (!file) return "none yet";
+  const std::int64_t age = std::time(nullptr) - file->modified_ns / kNanoseconds;
+  return process.Shown(path) + ", " + FormatBytes(static_cast<std::uint64_t>(file->size)) + ", " +
+         FormatAge(age) + " old" + (EndsComplete(path) ? "" : ", incomplete");
 }
 
-// Whether the process would receive a command. The signal mask of an emulator proves nothing.
-bool TakesCommands(const ProcessInfo& process) {
-  return process.has_tracker && (process.is_emulated || process.catches_signal);
-}
-
-std::string SignalText(const ProcessInfo& process) {
+// Whether the process takes commands, and if not, why.
+std::string TrackedText(const ProcessInfo& process) {
   if (!process.has_tracker) return "no";
+  if (process.problem)
+    return "loaded, but it takes no commands: " + Printable(process.problem->what());
   if (process.is_emulated) return "yes (emulated: commands use signal 46)";
   return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
 }
 
 int PrintStatus(const pid_t& pid) {
   const ProcessInfo process = InspectProcess(pid);
-  std::cout << "process     " << process.Label() << ", " << Printable(process.executable) << "\n"
-            << "tracked     " << SignalText(process) << "\n";
-  if (!process.has_tracker) return kExitNegative;
-  std::cout << "recording   " << RecordingText(process) << "\n";
-  const std::string hooks = HooksText(process);
-  if (!hooks.empty()) std::cout << "hooks       " << hooks << "\n";
-  std::cout << "root        " << Printable(process.root) << "\n"
-            << "properties  " << SettingsText(process) << "\n"
-            << "report      " << ReportText(process.ReportPath()) << "\n";
+  std::cout << "process     " << process.Label() << ", " << Printable(process.executable)
+            << (process.is_stopped ? ", stopped" : "") << "\n"
+            << "tracked     " << TrackedText(process) << "\n";
+  if (!process.has_tracker || process.problem) return kExitNegative;
   const std::string log = LogPlace(process);
+  if (process.has_state_of_parent) {
+    std::cout << "recording   as process " << (*process.state)->pid
+              << " when it was forked; nothing else is known before the first command\n";
+  } else if (process.state) {
+    PrintState(*process.state);
+  } else {
+    std::cout << "recording   unknown (see: " << log << ")\n";
+  }
+  std::cout << "root        " << process.Shown(process.root) << "\n"
+            << "properties  " << SettingsText(process) << "\n"
+            << "report      " << ReportText(process) << "\n";
   if (!log.empty()) std::cout << "log         " << Printable(log) << "\n";
-  return TakesCommands(process) ? kExitOk : kExitNegative;
+  return process.is_emulated || process.catches_signal ? kExitOk : kExitNegative;
 }
 
 }  // namespace

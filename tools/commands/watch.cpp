@@ -9,13 +9,11 @@ namespace {
 constexpr const char* kWatchHelp = R"(
 Takes a report at intervals while recording continues, saves each in DIR under
 its number and time, and shows at the end what grew from the first to the last.
-Native recording is switched on unless the log says that it is on. It is never
-switched off. Tables are emptied only if the log says that a report stopped the
-recording. The watch ends after --for, when the process ends, or on Ctrl-C or
-when the terminal closes, which takes a last report; a second Ctrl-C ends at
-once. It also ends when another command stops, pauses or clears recording, since
-later reports cannot be compared. Without a log, only a report of another
-command or an empty report shows that.
+Native recording is switched on unless it is on already. It is never switched
+off. Tables are emptied if recording was off. The watch ends after --for, when
+the process ends, or on Ctrl-C or when the terminal closes, which takes a last
+report; a second Ctrl-C ends at once. It also ends when another command stops,
+pauses or clears recording, since later reports cannot be compared.
 
 A group is the blocks of one size with one stack of functions and libraries. For
 each group that grew:

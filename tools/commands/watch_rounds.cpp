@@ -21,15 +21,15 @@
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
+#include "tools/commands/input.h"
 #include "tools/commands/on.h"
 #include "tools/export/html.h"
 #include "tools/export/json.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
-#include "tools/target/interference.h"
-#include "tools/target/log_tail.h"
-#include "tools/target/report_file.h"
+#include "tools/target/recording.h"
 #include "tools/target/root_directory.h"
+#include "tools/target/send_command.h"
 #include "tools/target/take_report.h"
 #include "tools/view/print.h"
 
@@ -73,23 +73,18 @@ void PrepareDirectory(const std::string& directory) {
   }
 }
 
-// Clears the tables only if their records are known to be stale, which is after a stop: frees are
-// not recorded then, and the report has saved the records.
+// Keeps the tables after a pause. After a stop they are stale: frees were not recorded, and the
+// report has saved the records.
 void EnsureRecording(const ProcessInfo& process) {
-  const Recording state = RecordingOf(process);
-  if (state == Recording::kOn) {
+  const protocol::Recording recording = process.state->RecordingOf(protocol::kNative);
+  if (recording == protocol::Recording::kOn) {
     std::cout << process.Label() << ": already recording, existing records kept\n";
     return;
   }
   OnOptions on;
   on.pid = process.pid;
-  // A log without an "on" may have been truncated.
-  on.keep = state != Recording::kStopped;
+  on.keep = recording == protocol::Recording::kPaused;
   StartRecording(on);
-  if (state == Recording::kUnknown) {
-    std::cout << "        Its log cannot be read. If recording was stopped before, reports may\n"
-                 "        list freed blocks. A stop by another command may go unnoticed.\n";
-  }
 }
 
 /// The rounds and their reports so far.
@@ -169,14 +164,13 @@ class Rounds {
   }
   bool IsRunning() const { return IsAlive(process_.pid) && StartOf(process_.pid) == started_; }
 
-  // Whether a process with a report at exit is about to end. The log does not show whether a report
-  // was written at exit or for another command.
+  // Whether the report that stopped recording is the process's report at exit: it ends after that.
   bool IsEnding() const {
     constexpr milliseconds kPollInterval(100);
-    constexpr int kMaxPolls = 30;
-    const auto found = process_.environment.find(protocol::kReportAtExitVariable);
-    const bool reports = found != process_.environment.end() && !found->second.empty();
-    for (int poll = 0; reports && IsRunning() && poll < kMaxPolls; ++poll) {
+    constexpr int kMaxPolls = 10;
+    const StateFile& state = *process_.state;
+    for (int poll = 0; IsRunning() && poll < kMaxPolls; ++poll) {
+      if (state->reports_ended != state->reports_started) poll = 0;
       std::this_thread::sleep_for(kPollInterval);
     }
     return !IsRunning();
@@ -195,11 +189,9 @@ class Rounds {
     return IsRunning();
   }
 
-  // What another command has done since the first report; empty if nothing is known.
+  // What another command has done since the first report; empty if nothing.
   std::string Interference() const {
-    if (log_->IsReadable()) return FindInterference(log_->Lines());
-    if (StateOf(process_.ReportPath()) == taken_) return "";
-    return "another command took a report and may have stopped recording (no readable log)";
+    return reports_.empty() ? "" : FindInterference(*process_.state, commands_);
   }
 
   // Ends the trend if `why` is not empty. Returns whether the trend continues.
@@ -208,16 +200,6 @@ class Rounds {
     const double seconds = std::chrono::duration<double>(steady_clock::now() - begin_).count();
     broken_ = TrendBreak{seconds, why};
     return false;
-  }
-
-  // Whether the report that was just taken can be compared with the earlier ones.
-  bool Belongs(const ReportHeader& header) {
-    const bool emptied = header.total_bytes == 0 && reports_.back().bytes != 0;
-    const std::string why = Interference();
-    if (!why.empty() || !emptied || log_->IsReadable()) return ContinueUnless(why);
-    // It is unlikely that all was freed: the thread that writes a report holds some blocks.
-    return ContinueUnless(
-        "the report is empty: records were dropped, or all blocks were freed (no readable log)");
   }
 
   std::string Save(std::time_t now) const {
@@ -229,10 +211,11 @@ class Rounds {
     const fs::path target = fs::path(options_.directory) / name.str();
     const fs::path part = target.string() + ".part";  // until it is complete
     std::error_code error;
-    fs::copy_file(process_.ReportPath(), part, error);
+    const std::string source = FindReport(process_.ReportPath());
+    fs::copy_file(source, part, error);
     // Readers take the time of a report from its file.
     fs::file_time_type made;
-    if (!error) made = fs::last_write_time(process_.ReportPath(), error);
+    if (!error) made = fs::last_write_time(source, error);
     if (!error) fs::last_write_time(part, made, error);
     if (!error) fs::rename(part, target, error);
     if (error) {
@@ -261,21 +244,18 @@ class Rounds {
     SavedReport saved;
     saved.time = std::time(nullptr);
     const auto now = steady_clock::now();
-    if (first) begin_ = now;
+    if (first) {
+      begin_ = now;
+      commands_ = (*process_.state)->carried_out;
+    }
     saved.seconds = std::chrono::duration<double>(now - begin_).count();
     // Keep a report of another command; our own ones are saved already.
-    const bool ours = !first && StateOf(process_.ReportPath()) == taken_;
+    const bool ours = !first && (*process_.state)->reports_started == taken_;
     const OldReport old = ours ? OldReport::kReplace : OldReport::kRename;
     const milliseconds took =
         TakeReport(process_, protocol::kReportKeepRecording, options_.timeout_s, old);
-    taken_ = StateOf(process_.ReportPath());
-    ReportHeader header;
-    ReadReportFile(process_.ReportPath(), {}, &header);
-    if (first) {
-      log_.emplace(process_);
-    } else if (!Belongs(header)) {
-      return false;
-    }
+    taken_ = (*process_.state)->reports_started;
+    if (!ContinueUnless(Interference())) return false;
     saved.file = Save(saved.time);
     const Profile profile = Load(saved);
     saved.bytes = profile.header.total_bytes;
@@ -297,8 +277,8 @@ class Rounds {
   ProcessInfo process_;
   std::optional<std::uint64_t> started_;
   steady_clock::time_point begin_;
-  std::optional<LogTail> log_;      // set by the first report
-  std::optional<FileState> taken_;  // state of the latest report's file, as the process wrote it
+  std::uint64_t commands_ = 0;  // that were carried out before the watch
+  std::uint32_t taken_ = 0;     // number of the latest report of this watch
   std::vector<SavedReport> reports_;
   Trends trends_;
   std::optional<TrendBreak> broken_;

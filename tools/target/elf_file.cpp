@@ -101,7 +101,10 @@ class Image {
     const std::size_t count = header[0].e_phnum;
     if (count != 0 && header[0].e_phentsize != sizeof(Elf64_Phdr)) return false;
     segments_ = file_.Read<Elf64_Phdr>(header[0].e_phoff, count * sizeof(Elf64_Phdr));
-    info_.has_interpreter = Segment(PT_INTERP) != nullptr;
+    if (const Elf64_Phdr* path = Segment(PT_INTERP)) {
+      const auto text = file_.Read<char>(path->p_offset, path->p_filesz);
+      info_.interpreter.assign(text.begin(), std::find(text.begin(), text.end(), '\0'));
+    }
     return segments_.size() == count;
   }
 

@@ -51,16 +51,6 @@ ImportState StateOfSlot(const LoadedLibraries& loaded, const LoadedLibrary& libr
   return own ? ImportState::kUnresolved : ImportState::kReady;
 }
 
-// Whether the slot leads to the tracker's trampolines and not to those of another tool, if the
-// kernel keeps names of anonymous memory.
-bool LeadsToTracker(const LoadedLibraries& loaded, const LoadedLibrary& library,
-                    const Import& import, const ProcessMemory& memory) {
-  if (StateOfSlot(loaded, library, import, memory) != ImportState::kHooked) return false;
-  const Mapping* code = MappingOf(loaded, memory.Word(library.bias + import.slot).value_or(0));
-  return code != nullptr && (code->path.empty() ||
-                             code->path == "[anon:" + std::string(protocol::kTrampolineName) + "]");
-}
-
 std::string Joined(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
@@ -213,38 +203,6 @@ ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& li
 HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
                    const HookRequest& request, const ProcessMemory& memory) {
   return Planner(process, loaded, request, memory).Make();
-}
-
-std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMemory& memory) {
-  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
-  std::vector<HookPair> hooked;
-  for (const LoadedLibrary& library : loaded.libraries) {
-    if (library.is_program || IsOwn(library.name) || !library.file) continue;
-    // Each slot is checked separately: one of several may be hooked.
-    for (const Import& import : library.file->imports) {
-      const bool known = !hooked.empty() && hooked.back().library == library.name &&
-                         hooked.back().function == import.function;
-      if (known || !import.jump_slot || !HasProxy(import.function, library.name)) continue;
-      if (LeadsToTracker(loaded, library, import, memory)) {
-        hooked.push_back({library.name, import.function});
-      }
-    }
-  }
-  return hooked;
-}
-
-std::vector<HookPair> HookedPairs(const ProcessInfo& process, const HookPlan& plan,
-                                  const ProcessMemory& memory) {
-  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, plan.functions);
-  std::vector<HookPair> hooked;
-  for (const HookPair& pair : plan.pairs) {
-    const LoadedLibrary* library = Find(loaded, pair.library);
-    if (library == nullptr || !library->file) continue;
-    if (ImportStateOf(loaded, *library, pair.function, memory) == ImportState::kHooked) {
-      hooked.push_back(pair);
-    }
-  }
-  return hooked;
 }
 
 }  // namespace memleak

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be hooked in a process, and what is hooked, according to files, maps and the contents of
-// slots.
+// What can be hooked in a process, according to files, maps and the contents of slots.
 //
-// Called by `on`, `libs`, `report` and `status`. Single-threaded.
+// Called by `on` and `libs`. Single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -61,13 +60,5 @@ struct HookPlan {
 /// file; the plan has the name that it was loaded by.
 HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
                    const HookRequest& request, const ProcessMemory& memory);
-
-/// All pairs in `process` with a slot that leads to a hook of the tracker; none if `memory` cannot
-/// be read. Throws UserError if the process has ended.
-std::vector<HookPair> AllHookedPairs(const ProcessInfo& process, const ProcessMemory& memory);
-
-/// The pairs of `plan` whose slots lead to a hook; none if `memory` cannot be read.
-std::vector<HookPair> HookedPairs(const ProcessInfo& process, const HookPlan& plan,
-                                  const ProcessMemory& memory);
 
 }  // namespace memleak

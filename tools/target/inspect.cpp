@@ -17,6 +17,8 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
+#include "tools/target/control_signal.h"
+#include "tools/target/root_directory.h"
 #include "tools/target/site.h"
 
 namespace memleak {
@@ -26,9 +28,9 @@ constexpr auto kStartPoll = std::chrono::milliseconds(20);
 // A younger process may not have executed the program yet, or its dynamic linker may not have
 // loaded the tracker.
 constexpr double kYoungSeconds = 3.0;
-// Time from mapping the tracker to setting its handler, for processes whose signal mask does not
-// show it.
-constexpr auto kEmulatedSettle = std::chrono::milliseconds(500);
+// How long a forked child gets to make its state file after it was asked to.
+constexpr auto kChildPatience = std::chrono::milliseconds(3000);
+constexpr auto kEmulatedChildPatience = std::chrono::milliseconds(8000);
 
 // The value of a field in the text of /proc/PID/status; empty if there is none.
 std::string StatusField(const std::string& status, const std::string& name) {
@@ -59,17 +61,28 @@ bool IsZombie(const std::string& status) {
   return state.starts_with('Z') || state.starts_with('X');
 }
 
-// Splits the text of /proc/PID/environ. The first of several entries with one name counts, as for
-// getenv.
-std::map<std::string, std::string> ParseEnvironment(const std::string& text) {
-  std::map<std::string, std::string> environment;
-  std::istringstream entries(text);
-  for (std::string entry; std::getline(entries, entry, '\0');) {
-    const std::size_t equals = entry.find('=');
-    if (equals == std::string::npos) continue;
-    environment.emplace(entry.substr(0, equals), entry.substr(equals + 1));
+// Whether a signal or a debugger has stopped it.
+bool IsStopped(const std::string& status) {
+  const std::string state = StatusField(status, "State");
+  return state.starts_with('T') || state.starts_with('t');
+}
+
+UserError Stopped(const ProcessInfo& process) {
+  return {"process " + process.Label() + " is stopped",
+          "continue it with kill -CONT " + std::to_string(process.pid)};
+}
+
+// The process id in the innermost PID namespace of the process: the last number of the field.
+pid_t InnerPid(const std::string& status, pid_t pid) {
+  std::istringstream ids(StatusField(status, "NSpid"));
+  while (ids >> pid) {
   }
-  return environment;
+  return pid;
+}
+
+bool IsInOtherNamespace(pid_t pid) {
+  const std::string status = ReadTextFile("/proc/" + std::to_string(pid) + "/status").value_or("");
+  return StatusField(status, "NSpid").find('\t') != std::string::npos;
 }
 
 // The file name of the program that an emulator runs, from the emulator's /proc/PID/cmdline; empty
@@ -94,7 +107,8 @@ UserError NoSuchProcess(pid_t pid) {
 }
 
 UserError NotPermitted(pid_t pid, const std::string& path) {
-  return {"not permitted to inspect process " + std::to_string(pid) + " (" + path + ")",
+  return {"not permitted to inspect process " + std::to_string(pid) +
+              (IsInOtherNamespace(pid) ? " of another PID namespace" : "") + " (" + path + ")",
           Advice().permission};
 }
 
@@ -134,49 +148,39 @@ std::string ReadStatus(pid_t pid) {
   return status;
 }
 
-// What changes when a process executes another program.
-struct ProgramImage {
-  std::string executable;
-  std::string environment;
-  bool operator==(const ProgramImage&) const = default;
-};
-
-ProgramImage ReadImage(pid_t pid) {
-  return {LinkTarget("/proc/" + std::to_string(pid) + "/exe"), ReadProc(pid, "environ")};
-}
-
-// Reads everything once. Sets `steady` if the process ran the same program throughout.
-ProcessInfo ReadOnce(pid_t pid, bool* steady) {
-  // First: of a process that has ended, only root may read the other files.
-  ReadStatus(pid);
-  const ProgramImage image = ReadImage(pid);
-  const std::string status = ReadStatus(pid);
-  ProcessInfo process;
-  process.pid = pid;
-  process.user = EffectiveId(status, "Uid");
-  process.group = EffectiveId(status, "Gid");
-  process.name = StatusField(status, "Name");
-  process.catches_signal = CatchesControlSignal(status);
-  process.environment = ParseEnvironment(image.environment);
-  process.has_tracker = MapsLibrary(ReadMaps(pid), protocol::kTrackerLibrary);
-  process.executable = image.executable;
-  process.is_emulated = IsEmulator(process.executable);
-  if (process.is_emulated) {
-    const std::string guest = GuestName(ReadProc(pid, "cmdline"));
-    if (!guest.empty()) process.name = guest;
-  }
-  *steady = image == ReadImage(pid);
-  return process;
-}
-
 UserError NotTracked(const ProcessInfo& process) {
   if (!process.has_tracker) {
     return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
             std::string("start it ") + Advice().with_tracker};
   }
+  if (process.problem) return *process.problem;
   return {"process " + process.Label() +
               " does not catch signal 44, which would kill it; nothing was sent",
           std::string("restart it ") + Advice().with_tracker};
+}
+
+bool TakesCommands(const ProcessInfo& process) {
+  // An emulator catches every real-time signal, so its mask proves nothing.
+  return process.has_tracker && !process.problem && (process.is_emulated || process.catches_signal);
+}
+
+// Makes a forked child create its state file, and returns it with that.
+ProcessInfo WithOwnState(ProcessInfo process) {
+  using std::chrono::steady_clock;
+  const auto deadline =
+      steady_clock::now() + (process.is_emulated ? kEmulatedChildPatience : kChildPatience);
+  RingBell(process);
+  while (process.has_state_of_parent) {
+    if (steady_clock::now() >= deadline) {
+      throw UserError(
+          "process " + process.Label() +
+              ", a forked child, has not made a state file yet; nothing was sent",
+          "try again when it has called an allocator function, or see its error output");
+    }
+    std::this_thread::sleep_for(kStartPoll);
+    process = InspectProcess(process.pid);
+  }
+  return process;
 }
 
 }  // namespace
@@ -201,14 +205,27 @@ std::optional<std::uint64_t> StartTicks(std::string_view stat) {
 
 ProcessInfo InspectProcess(pid_t pid) {
   if (pid <= 0) throw UserError("not a process id: " + std::to_string(pid), "give a PID above 0");
-  // A process that keeps executing programs is taken as it is after some attempts.
-  constexpr int kMaxAttempts = 10;
-  bool steady = false;
-  ProcessInfo process = ReadOnce(pid, &steady);
-  for (int attempt = 1; !steady && attempt < kMaxAttempts; ++attempt)
-    process = ReadOnce(pid, &steady);
-
-  FindPlaces(&process);
+  // First: of a process that has ended, only root may read the other files.
+  ReadStatus(pid);
+  const std::string maps = ReadMaps(pid);
+  // After the maps: a process that has mapped the tracker keeps its name.
+  const std::string status = ReadStatus(pid);
+  ProcessInfo process;
+  process.pid = pid;
+  process.inner_pid = InnerPid(status, pid);
+  process.user = EffectiveId(status, "Uid");
+  process.group = EffectiveId(status, "Gid");
+  process.name = StatusField(status, "Name");
+  process.is_stopped = IsStopped(status);
+  process.catches_signal = CatchesControlSignal(status);
+  process.has_tracker = MapsLibrary(maps, protocol::kTrackerLibrary);
+  process.executable = LinkTarget("/proc/" + std::to_string(pid) + "/exe");
+  process.is_emulated = IsEmulator(process.executable);
+  if (process.is_emulated) {
+    const std::string guest = GuestName(ReadProc(pid, "cmdline"));
+    if (!guest.empty()) process.name = guest;
+  }
+  FindPlaces(maps, &process);
   return process;
 }
 
@@ -216,23 +233,25 @@ ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
   using std::chrono::steady_clock;
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(patience_ms);
   const std::string controller = LinkTarget("/proc/self/exe");
-  std::optional<steady_clock::time_point> mapped;
   bool was_controller = false;
   while (true) {
     ProcessInfo process = InspectProcess(pid);
-    const auto now = steady_clock::now();
+    if (process.is_stopped) throw Stopped(process);
+    if (TakesCommands(process)) {
+      return process.has_state_of_parent ? WithOwnState(std::move(process)) : process;
+    }
     // An old shell may execute the controller, which then executes the program.
     was_controller = was_controller || process.executable == controller;
-    const bool starting = now < deadline && (was_controller || IsYoung(pid));
-    if (process.has_tracker) {
-      if (!mapped) mapped = now;
-      // An emulator catches every real-time signal, so its mask proves nothing.
-      const bool settled = !starting || now - *mapped >= kEmulatedSettle;
-      if (process.is_emulated ? settled : process.catches_signal) return process;
+    if (steady_clock::now() >= deadline || (!was_controller && !IsYoung(pid))) {
+      throw NotTracked(process);
     }
-    if (!starting) throw NotTracked(process);
     std::this_thread::sleep_for(kStartPoll);
   }
+}
+
+void RequireRunning(const ProcessInfo& process) {
+  const std::string status = ReadStatus(process.pid);
+  if (IsStopped(status)) throw Stopped(process);
 }
 
 bool IsAlive(pid_t pid) {

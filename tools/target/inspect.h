@@ -29,10 +29,13 @@ ProcessInfo InspectProcess(pid_t pid);
 inline constexpr int kStartPatienceMs = 3000;
 
 /// InspectProcess for a process that will get a command. Throws UserError unless the tracker is
-/// loaded and the signal is handled. A process younger than 3 s, or one that is still this
-/// controller, gets up to `patience_ms` to reach that state; an emulated one also gets a moment
-/// after the tracker is loaded.
+/// loaded, the signal is handled, and on Linux there is a state file that fits; also if the process
+/// is stopped. A process younger than 3 s, or one that is still this controller, gets up to
+/// `patience_ms` to reach that state. A forked child is made to create its state file first.
 ProcessInfo RequireTracked(pid_t pid, int patience_ms = kStartPatienceMs);
+
+/// Throws UserError if `process` has ended or is stopped.
+void RequireRunning(const ProcessInfo& process);
 
 /// Whether process `pid` exists and has not ended.
 bool IsAlive(pid_t pid);

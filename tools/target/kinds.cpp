@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names for the hook settings, and the state of hooks from a log.
+// Names for the hook settings.
 #include "tools/target/kinds.h"
 
 #include <algorithm>
@@ -9,7 +9,6 @@
 
 #include "protocol/protocol.h"
 #include "tools/base/user_error.h"
-#include "tools/target/log_tail.h"
 #include "tools/target/root_directory.h"
 
 namespace memleak {
@@ -49,48 +48,6 @@ std::string HookProperty(const std::string& option, const std::vector<std::strin
   }
   return value;
 }
-
-/// The state of the hooks, from the lines of a log.
-class HookLog {
- public:
-  void Add(const std::string& line) {
-    const std::uint64_t word = ReceivedWord(line);
-    if (word != 0) {
-      before_ = State();
-      word_ = word;
-      done_ = 0;
-      return;
-    }
-    for (const Kind& kind : protocol::kKinds) {
-      const std::size_t at = line.find(kind.switch_line);
-      if (kind.IsNative() || at == std::string::npos) continue;
-      const bool on = line.compare(at + std::string_view(kind.switch_line).size(), 4, "true") == 0;
-      done_ |= on ? kind.On() : kind.Pause();
-    }
-  }
-
-  // Carries out the latest word as the tracker does. A stop leaves no line. An "on" that fails
-  // leaves no line either, and ends the word.
-  std::string State() const {
-    std::string state = before_;
-    for (const Kind& kind : protocol::kKinds) {
-      if (kind.IsNative()) continue;
-      if ((done_ & kind.On()) != 0) state = std::string(kind.name) + " on";
-      if ((word_ & ~done_ & kind.On()) != 0) break;
-      if ((done_ & kind.Pause()) != 0) state = std::string(kind.name) + " paused";
-      // Without hooks it was a report during native recording.
-      if ((word_ & kind.Report()) != 0 && !state.empty()) {
-        state = "recording off (stopped by a report)";
-      }
-    }
-    return state;
-  }
-
- private:
-  std::string before_;      // the state before the latest word
-  std::uint64_t word_ = 0;  // the latest word
-  std::uint64_t done_ = 0;  // its bits that have left a line
-};
 
 }  // namespace
 
@@ -155,13 +112,6 @@ std::string WithHooks(const std::string& properties, const HookNames& names) {
       WithProperty(unwind, protocol::kHookLibraryProperty, HookProperty("--lib", names.libraries));
   return WithProperty(libraries, protocol::kHookFunctionProperty,
                       HookProperty("--func", names.functions));
-}
-
-std::string HooksFromLog(std::string_view log) {
-  HookLog hooks;
-  std::istringstream lines{std::string(log)};
-  for (std::string line; std::getline(lines, line);) hooks.Add(line);
-  return hooks.State();
 }
 
 }  // namespace memleak

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kinds of memory, in addition to their rows in the protocol: the names that are hooked, the
-// settings that contain them, and the state of the hooks according to a log.
+// The kinds of memory, in addition to their rows in the protocol: the names that are hooked, and
+// the settings that contain them.
 //
 // Used by the commands that take --kind. Single-threaded.
 #pragma once
@@ -47,9 +47,5 @@ inline constexpr const char* kNoUnwindTables =
 /// `properties` with the hook settings, and with frame pointers as the backtrace type. Throws
 /// UserError if a property cannot hold the names.
 std::string WithHooks(const std::string& properties, const HookNames& names);
-
-/// The state of the hooks after the last command in the text of a tracker log: "mmap on",
-/// "ion paused", "recording off (stopped by a report)". Empty without a command for hooks.
-std::string HooksFromLog(std::string_view log);
 
 }  // namespace memleak

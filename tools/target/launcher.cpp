@@ -28,6 +28,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPreloadVariable = "LD_PRELOAD";
 constexpr const char* kBindNowVariable = "LD_BIND_NOW";
+// Precedes the absolute path of the loader. Only glibc replaces $LIB, by a directory that it has
+// itself, such as lib/x86_64-linux-gnu, so the whole is the path below "/". For children of the
+// program that use musl there is no such file. They would not start with the loader.
+constexpr const char* kGlibcOnly = "/$LIB/../../../..";
 
 std::string Environment(const char* name) {
   const char* value = std::getenv(name);
@@ -129,7 +133,8 @@ CommandLine Compose(const RunOptions& options, const TargetProgram& program,
                     const std::string& libdir) {
   const std::string preload = libdir + "/" + protocol::kPreloadLibrary;
   if (options.emulator.empty()) {
-    SetEnvironment(kPreloadVariable, PrependPreload(preload, Environment(kPreloadVariable)));
+    SetEnvironment(kPreloadVariable,
+                   PrependPreload(kGlibcOnly + preload, Environment(kPreloadVariable)));
     SetEnvironment(kBindNowVariable, "1");
     return {program.path, options.command};
   }

@@ -30,11 +30,12 @@ struct ListEntry {
   std::string name;
 };
 
-std::string FileOf(pid_t pid, const Mapping& mapping) {
-  if (!mapping.deleted) return mapping.path;
+std::string FileOf(const ProcessInfo& process, const Mapping& mapping) {
+  if (!mapping.deleted) return process.outside + mapping.path;
   // Another file may have its name now.
   std::ostringstream path;
-  path << "/proc/" << pid << "/map_files/" << std::hex << mapping.start << "-" << mapping.end;
+  path << "/proc/" << process.pid << "/map_files/" << std::hex << mapping.start << "-"
+       << mapping.end;
   return path.str();
 }
 
@@ -50,7 +51,7 @@ std::vector<LoadedLibrary> MappedLibraries(const ProcessInfo& process,
     LoadedLibrary library;
     library.path = mapping.path;
     library.bias = mapping.start;
-    library.file = ReadDynamicFile(FileOf(process.pid, mapping), functions);
+    library.file = ReadDynamicFile(FileOf(process, mapping), functions);
     if (library.file) {
       if (library.file->machine != machine || library.file->first_offset != 0) continue;
       library.bias -= library.file->first_address;

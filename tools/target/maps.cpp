@@ -21,10 +21,12 @@ std::vector<Mapping> ParseMaps(std::string_view maps) {
     std::array<char, 5> rights{};
     int path_start = 0;
     const int fields = std::sscanf(
-        line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %" SCNx64 " %*s %*s %n",  // NOLINT(cert-err34-c)
-        &mapping.start, &mapping.end, rights.data(), &mapping.offset, &path_start);
-    if (fields != 4 || path_start == 0 || mapping.end < mapping.start) continue;
+        line.c_str(),
+        "%" SCNx64 "-%" SCNx64 " %4s %" SCNx64 " %*s %" SCNu64 " %n",  // NOLINT(cert-err34-c)
+        &mapping.start, &mapping.end, rights.data(), &mapping.offset, &mapping.inode, &path_start);
+    if (fields != 5 || path_start == 0 || mapping.end < mapping.start) continue;
     mapping.executable = rights[2] == 'x';
+    mapping.shared_writable = rights[1] == 'w' && rights[3] == 's';
     mapping.path = line.substr(static_cast<std::size_t>(path_start));
     if (mapping.IsFile() && mapping.path.ends_with(kDeleted)) {
       mapping.deleted = true;

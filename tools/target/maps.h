@@ -14,9 +14,11 @@ struct Mapping {
   std::uint64_t start = 0;
   std::uint64_t end = 0;
   std::uint64_t offset = 0;
+  std::uint64_t inode = 0;
   bool executable = false;
-  bool deleted = false;  ///< the file no longer exists under its name
-  std::string path;      ///< or "[...]"; empty for plain anonymous memory
+  bool shared_writable = false;  ///< writes change the file
+  bool deleted = false;          ///< the file no longer exists under its name
+  std::string path;              ///< or "[...]"; empty for plain anonymous memory
   bool IsFile() const { return path.starts_with('/'); }
 };
 

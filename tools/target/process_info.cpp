@@ -26,6 +26,12 @@ std::string ProcessInfo::ReportPath() const {
   return JoinPath(root, protocol::kReportFile);
 }
 
+std::string ProcessInfo::Shown(const std::string& path) const {
+  std::string text = Printable(path);
+  if (outside.empty()) return text;
+  return text + " (in the process: " + Printable(path.substr(outside.size())) + ")";
+}
+
 bool IsEmulator(const std::string& executable) {
   return LastPart(executable).starts_with("qemu-");
 }

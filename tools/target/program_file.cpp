@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/user_error.h"
 
 namespace memleak {
@@ -96,8 +97,12 @@ ElfInfo CheckImage(const std::string& path) {
   if (info->type != ET_EXEC && info->type != ET_DYN) {
     throw UserError("not a program: " + path + " is an object or core file", "link it first");
   }
-  if (!info->has_interpreter) {
+  if (info->interpreter.empty()) {
     throw UserError("program is static: " + path + " loads no libraries", "link it dynamically");
+  }
+  if (LastPart(info->interpreter).starts_with("ld-musl")) {
+    throw UserError("program is for the C library musl: " + path + "; the tracker needs glibc",
+                    "use a program built for glibc");
   }
   return *info;
 }

@@ -23,8 +23,8 @@ struct TargetProgram {
 std::string FindExecutable(const std::string& name, const std::string& search_path);
 
 /// Finds `name` as FindExecutable does, follows "#!" lines and checks that the tracker can be
-/// preloaded: a dynamic 64-bit ELF file for a supported machine, neither set-user-ID nor with file
-/// capabilities. Throws UserError otherwise.
+/// preloaded: a dynamic 64-bit ELF file of glibc for a supported machine, neither set-user-ID nor
+/// with file capabilities. Throws UserError otherwise.
 TargetProgram FindProgram(const std::string& name, const std::string& search_path);
 
 /// The first of `candidates`, directories, that has the loader and the tracker for `machine`; empty

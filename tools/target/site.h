@@ -1,23 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 // What differs between Linux hosts and Android devices: where a tracked process keeps its files,
-// settings and log, and what messages advise. site_linux.cpp is for programs that `memleak run`
-// started, site_android.cpp for the device edition. Single-threaded.
+// settings and log, whether it answers commands, and what messages advise. site_linux.cpp is for
+// programs under the loader, site_android.cpp for the device edition. Single-threaded.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "tools/target/process_info.h"
 
 namespace memleak {
 
-/// Sets root, log and shared_properties of `process`.
-void FindPlaces(ProcessInfo* process);
+/// Sets the members of `process` that tell where its files are: from `state` on. The others are
+/// set. `maps` is the text of /proc/PID/maps.
+void FindPlaces(std::string_view maps, ProcessInfo* process);
 
 /// The properties that a process reads.
 struct StoredSettings {
   std::string text;       ///< lines "name=value"
   std::string place;      ///< where they are stored; empty if there are none
-  bool is_unset = false;  ///< neither the process's own nor shared properties exist
+  bool is_unset = false;  ///< the process can read no properties
 };
 
 /// The properties in force for `process`.
@@ -30,10 +32,6 @@ void WriteSettings(const ProcessInfo& process, const std::string& text);
 /// The file or command that shows the log of `process`; empty if there is none.
 std::string LogPlace(const ProcessInfo& process);
 
-/// Why the state of recording is unknown when the log of `process` cannot be read: the text that
-/// follows "unknown".
-std::string WhyUnknown(const ProcessInfo& process);
-
 /// The command that copies the report at `path` to the host; empty if it is there already.
 std::string FetchCommand(const std::string& path);
 
@@ -43,8 +41,7 @@ struct SiteAdvice {
   const char* permission;     ///< how to get permission to inspect and signal a process
   const char* with_tracker;   ///< follows "start it "
   const char* report_at_end;  ///< how to get a report of a process that ends
-  const char* unseen;         ///< after a command whose result only the log would show
-  const char* unseen_hooks;   ///< the same for hooks, whose slots could not be read either
+  const char* unseen;         ///< after a command whose result only the log shows
 };
 const SiteAdvice& Advice();
 

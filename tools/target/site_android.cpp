@@ -29,7 +29,7 @@ UserError CannotSet(const std::string& name, const std::string& value) {
 
 }  // namespace
 
-void FindPlaces(ProcessInfo* process) {
+void FindPlaces(std::string_view /*maps*/, ProcessInfo* process) {
   process->root = DeviceRoot();
 }
 
@@ -63,10 +63,6 @@ std::string LogPlace(const ProcessInfo& /*process*/) {
   return kLogCommand;
 }
 
-std::string WhyUnknown(const ProcessInfo& /*process*/) {
-  return std::string(" (see: ") + kLogCommand + ")";
-}
-
 std::string FetchCommand(const std::string& path) {
   return "adb pull " + path;
 }
@@ -76,8 +72,7 @@ const SiteAdvice& Advice() {
                                          "run it as root or as the app's user (run-as)",
                                          "with the tracker as its malloc debug library",
                                          "take the report before the process ends",
-                                         "sent; for the result see: logcat -s MemLeak.Native",
-                                         "for the result see: logcat -s MemLeak.Native"};
+                                         "sent; for the result see: logcat -s MemLeak.Native"};
   return kAdvice;
 }
 

@@ -17,11 +17,9 @@ enum class OldReport : std::uint8_t { kRename, kReplace };
 /// Sends `word`, a command that ends in a report, to `process` and waits until the report at
 /// process.ReportPath() is complete, at most `timeout_s` seconds (0: forever). Shows progress on a
 /// terminal. Returns how long it took. Throws UserError if the process ends first, the time is over
-/// or the command cannot be sent; a renamed report then gets its old name back.
+/// the report cannot be written, or the command is not carried out; a renamed report then gets its
+/// old name back.
 std::chrono::milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word,
                                      std::uint32_t timeout_s, OldReport old);
-
-/// "0.3 s".
-std::string FormatDuration(std::chrono::milliseconds duration);
 
 }  // namespace memleak

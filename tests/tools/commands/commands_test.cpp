@@ -65,13 +65,13 @@ TEST(Run, ComposesTheEnvironmentAndBecomesTheProgram) {
   const Outcome outcome = WithProgram(
       directory, "--start --depth 24 --unwind fp --log log.%p",
       FIXTURE_SLEEPER " -x --depth 'a b' --",
-      "sed s/$P/PID/ out; stat -c %a memleak.$P memleak.$P/*; cat memleak.$P/properties",
+      "sed s/$P/PID/ out; stat -c %a memleak.$P memleak.$P/properties; cat memleak.$P/properties",
       "ASAN_OPTIONS=verify_asan_link_order=0 MEMLEAK_TRACKER_REPORT_AT_EXIT=1 "
       "LD_PRELOAD=libm.so.6");
   const std::string here = std::filesystem::canonical(directory.Path("")).string();
   ExpectHas(outcome.output,
             {"argument=-x\nargument=--depth\nargument=a b\nargument=--\n",
-             "LD_PRELOAD=" MEMLEAK_PRELOAD ":libm.so.6\n", "LD_BIND_NOW=1\n",
+             "LD_PRELOAD=/$LIB/../../../.." MEMLEAK_PRELOAD ":libm.so.6\n", "LD_BIND_NOW=1\n",
              "MEMLEAK_TRACKER_START=0x10\n", "MEMLEAK_TRACKER_ROOT=" + here + "/memleak.%p\n",
              "MEMLEAK_TRACKER_LOG=" + here + "/log.%p\n",
              "MEMLEAK_TRACKER_PROPERTIES=" + here + "/memleak.PID/properties\n",
@@ -95,30 +95,27 @@ TEST(Run, AcceptsCommandsRightAfterItsStart) {
   }
 }
 
-// If the old report cannot be moved, it is not mistaken for the new one. If it is moved and no new
-// one can be written, it is restored. Other settings stay.
-TEST(Session, StatusFollowsTheLogAndReportsWait) {
+// The reason for a failed report comes at once, and the old report is back. Other settings stay.
+TEST(Session, CommandsAreAnswered) {
   const TemporaryDirectory directory;
   const Outcome outcome = WithProgram(directory, "--root root --log log", FIXTURE_SLEEPER, R"(
-    soon() {
-      for i in $(seq 100); do $M status $P | grep "$1" && return; sleep 0.02; done; $M status $P
-    }
     printf 'other=1\nvastel.memleak.backtacemaxnum=20\n#x' >>root/properties
-    soon 'never switched on'; $M on $P --depth 12 --unwind dwarf; soon 'recording   on$'
-    $M pause $P; soon 'recording   paused$'; cat root/properties
+    $M status $P; $M on $P --depth 12 --unwind dwarf; $M status $P; $M pause $P; $M status $P
+    cat root/properties
     D=root/data/log/reliability; mkdir -p $D; printf 'old\nEND' >$D/allocations_dump
-    prlimit --pid $P --nofile=3:1024
-    $M report --timeout 1 $P; echo "code $?"; cat log $D/*; mkdir $D/allocations_dump.old
-    prlimit --pid $P --nofile=1024:1024
+    prlimit --pid $P --nofile=3:1024; $M report $P; echo "code $?"; cat $D/*
+    prlimit --pid $P --nofile=1024:1024; mkdir $D/allocations_dump.old
     $M report $P; tail -c 3 $D/allocations_dump; echo " new"
-    $M send $P --word 0x123456789abc0080; cat log; rm log
-    $M status $P; $M status $$; echo "code $?")");
-  ExpectHas(outcome.output,
-            {"off (never switched on)", "recording on, tables emptied, 12 frames by dwarf",
-             "recording   on\n", "recording   paused\n", "other=1\n#x\n",
-             "memleak: no complete report after 1 s", "code 2\n", "addr:0x90\n",
-             "btsize:12, btType:1", "old\nENDreport ", "END new\n", "addr:0x123456789abc0080",
-             "its log cannot be read: No such file or directory)", "tracked     no\ncode 1\n"});
+    $M send $P --word 0x1234567800000080; cat log; $M status $$; echo "code $?"
+    kill -STOP $P; $M on $P; $M status $P; kill -CONT $P)");
+  ExpectHas(
+      outcome.output,
+      {"off (never switched on)", "recording on, tables emptied, 12 frames by dwarf (",
+       "recording   native on since ", "native paused since ", "other=1\n#x\n",
+       ": Too many open files; ", "code 2\nold\nENDreport ", "END new\n",
+       "carried out native clear (0x1234567800000080), ", "addr:0x1234567800000080",
+       "btsize:12, btType:1", "tracked     no\ncode 1\n", " is stopped; continue it with kill",
+       "tools_sleeper, stopped\n", "native clear (0x1234567800000080)\nroot "});
 }
 
 // Without a handler the signal would end the process. A process that ends is not signaled.
@@ -129,8 +126,8 @@ file = open(os.environ["L"]); map = mmap.mmap(file.fileno(), 4096, prot=1); time
     P=$!; until grep -q $L /proc/$P/maps; do sleep 0.05; done
     for i in $P $$ 0; do )" MEMLEAK_PROGRAM R"( on $i; echo "code $?"; done
     kill $P; wait $P; echo "ended $?"; )" MEMLEAK_PROGRAM R"( on $P; echo "code $?")");
-  ExpectHas(outcome.output, {"does not catch signal 44", "not loaded with the tracker",
-                             "invalid PID '0'", "ended 143", "no such process"});
+  ExpectHas(outcome.output, {"has no state file", "not loaded with the tracker", "invalid PID '0'",
+                             "ended 143", "no such process"});
   EXPECT_EQ(outcome.output.find("code 0"), std::string::npos) << outcome.output;
 }
 
@@ -149,7 +146,7 @@ TEST(Session, HooksThatAreImpossibleAreExplained) {
             {"libtools_hook_no_plt.so  no-plt       -       -       -  no-plt   ",
              "libtools_hook_plain.so      yes       -       -       -     yes   other\n",
              "memleak: libabsent.so is not loaded in ", "memleak: ignoring --unwind dwarf",
-             "): mmap recording on, tables emptied, 7 frames by frame pointers\n",
+             "): mmap recording on, tables emptied, 7 frames by frame pointers (",
              "code 0\nvastel.memleak.backtacemaxnum=7\nvastel.memleak.backtacetype=0\n"
              "persist.sys.memleak.hookLib=libtools_hook_plain.so\n"
              "persist.sys.memleak.hookFunc=mmap,munmap\n",
@@ -159,7 +156,7 @@ TEST(Session, HooksThatAreImpossibleAreExplained) {
              "is the program itself", "--lib and --func are for hooks", "--kind mmap needs --lib",
              "invalid --kind 'sea' (native, mmap, ion, gpu)\n", "libfdtrack.so is not loaded in ",
              "invalid ACTION 'fly' (on, off, dump, clear)\n", "memleak: native recording is on in ",
-             "libfdtrack failed"});
+             "libfdtrack.so was not loaded in "});
 }
 
 // Names of processes, files, libraries and functions can contain any bytes.
@@ -212,9 +209,8 @@ TEST(Session, RootUsesTheRightsOfTheProcessOwner) {
     start $PWD/users/root; stat -c %a:%u:%g users/root users/root/*; cat users/root/properties
     start $PWD/secret; cat secret/properties; start $PWD/new)");
   ExpectHas(outcome.output,
-            {"code 0\n700:1234:1234\n600:1234:1234\nvastel.memleak.backtacemaxnum=3\n",
-             "/secret: Permission denied; ", "/new: Permission denied; ",
-             "code 2\nsecret=1\nmemleak: root directory not writable: "});
+            {"code 0\n700:1234:1234\n600:1234:1234\nvastel.memleak.backtacetype=", "maxnum=3\n",
+             " has no state file, ", "code 2\nsecret=1\nmemleak: process "});
 }
 
 TEST(Errors, EachIsOneLineWithExitCodeTwo) {
@@ -222,9 +218,10 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
   const std::string file = directory.Write("file", "");
   // Programs of another width and machine: changes single bytes of the ELF header.
   Shell("cd " + directory.Path("") + R"(; mkdir -m 777 open; ln -s root link
-    for f in narrow riscv setuid; do cp )" FIXTURE_SLEEPER R"( $f; done; chmod u+s setuid
+    for f in narrow riscv setuid musl; do cp )" FIXTURE_SLEEPER R"( $f; done; chmod u+s setuid
     printf '\\001' | dd of=narrow bs=1 seek=4 conv=notrunc
     printf '\\363' | dd of=riscv bs=1 seek=18 conv=notrunc
+    sed -i 's,/ld-linux-x86-64,/ld-musl-x86_64a,; s,/ld-linux-aarch64,/ld-musl-aarch64a,' musl
     echo hello >text; echo "#!$PWD/loop" >loop; echo '#!/no/such/shell' >orphan
     chmod +x text loop orphan)");
   const std::string program = "run -- " + directory.Path("");
@@ -241,6 +238,7 @@ TEST(Errors, EachIsOneLineWithExitCodeTwo) {
       {program + "narrow", "32-bit"},
       {program + "riscv", "another architecture"},
       {program + "setuid", "program is setuid"},
+      {program + "musl", "program is for the C library musl"},
       {program + "text", "not an ELF program"},
       {program + "loop", "too many nested script interpreters"},
       {program + "orphan", "program not found: /no/such/shell"},
