@@ -16,6 +16,7 @@
 #include <string>
 
 #include "protocol/protocol.h"
+#include "tools/report/load.h"
 #include "tools/report/model.h"
 #include "tools/report/report_parser.h"
 

@@ -6,11 +6,16 @@
 #include <atomic>
 #include <cstdint>
 
+#include "protocol/protocol.h"
+
 #define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 // protocol::kUnloadCounter.
 MEMLEAK_EXPORT std::atomic<std::uint64_t> memleak_unload_counter;
 std::atomic<std::uint64_t> memleak_unload_counter{0};
+// protocol::kUnloadObserver.
+MEMLEAK_EXPORT std::atomic<protocol::UnloadObserver> memleak_unload_observer;
+std::atomic<protocol::UnloadObserver> memleak_unload_observer{nullptr};
 
 MEMLEAK_EXPORT int dlclose(void* library) {
   using Close = int (*)(void*);
@@ -20,10 +25,13 @@ MEMLEAK_EXPORT int dlclose(void* library) {
     close = reinterpret_cast<Close>(dlsym(RTLD_NEXT, "dlclose"));
     next.store(close, std::memory_order_relaxed);
   }
+  const protocol::UnloadObserver observer = memleak_unload_observer.load(std::memory_order_acquire);
+  if (observer != nullptr) observer(/*closed=*/false);
   // In between, destructors of the library run, and another thread may load a library to the same
   // address.
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
   const int result = close(library);
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
+  if (observer != nullptr) observer(/*closed=*/true);
   return result;
 }

@@ -89,10 +89,13 @@ inline constexpr char kNameSeparator = ',';
 
 /// Files of a tracked process, below its root directory. On Android the root directory is "/".
 inline constexpr char kReportPath[] = "/data/log/reliability/allocations_dump";
+/// The profile of the same request, on Linux only: docs/profile-format.md.
+inline constexpr char kProfilePath[] = "/data/log/reliability/profile";
 inline constexpr char kExceptionDevice[] = "/dev/kxlog_exception";
 inline constexpr char kPropertiesPath[] = "/properties";
 /// The same files, relative to the root directory.
 inline constexpr const char* kReportFile = kReportPath + 1;
+inline constexpr const char* kProfileFile = kProfilePath + 1;
 inline constexpr const char* kPropertiesFile = kPropertiesPath + 1;
 /// The last bytes of a complete report. No newline follows.
 inline constexpr char kReportEnd[] = "END";
@@ -143,5 +146,21 @@ inline constexpr char kPreloadLibrary[] = "libmemleak_preload.so";
 /// call adds one before it starts and one after it ends. What the tracker caches about code in
 /// memory is valid while the number does not change. Without a loader there is no such variable.
 inline constexpr char kUnloadCounter[] = "memleak_unload_counter";
+/// Name of the loader's variable (std::atomic<UnloadObserver>) that the tracker sets. The loader
+/// calls the function on the thread that calls dlclose, before the first addition to the counter
+/// (`closed` is false) and after the second (`closed` is true).
+inline constexpr char kUnloadObserver[] = "memleak_unload_observer";
+using UnloadObserver = void (*)(bool closed);
+
+/// First line of a profile, without its newline.
+inline constexpr char kProfileMark[] = "memleak profile 1";
+/// Lower bounds of the ages, in seconds, that a stack of a profile counts separately.
+inline constexpr std::int64_t kAgeBounds[] = {0, 1, 4, 15, 60, 240, 900, 3600, 14'400, 86'400};
+/// Starts and continues the digest of the report's text that a profile contains (FNV-1a, 64 bits).
+inline constexpr std::uint64_t kDigestStart = 0xCBF29CE484222325U;
+inline std::uint64_t Digest(std::string_view text, std::uint64_t digest = kDigestStart) {
+  for (const char c : text) digest = (digest ^ static_cast<unsigned char>(c)) * 0x100000001B3U;
+  return digest;
+}
 
 }  // namespace protocol

@@ -17,6 +17,9 @@ class DebugData;
 class PointerSet;
 class ReportText;
 struct BacktraceRef;
+namespace profile {
+class Snapshot;
+}
 
 class PointerData {
  public:
@@ -78,21 +81,22 @@ class PointerData {
   static std::uint32_t GetMaxBacktraceNum();
   /// Appends the groups to `list`, largest first, and stores their sizes in bytes in the other
   /// outputs. `info` is not written. If there is no group, more than kMaxGroups, or no `list`, logs
-  /// that and leaves all outputs unchanged. Holds every pointer and frame lock meanwhile. Removes
-  /// the thread's mark. Allocates; not for signal handlers.
+  /// that and leaves all outputs unchanged. Holds every pointer and frame lock meanwhile, and calls
+  /// `snapshot`'s Collect under them unless it is null. Removes the thread's mark. Allocates; not
+  /// for signal handlers.
   static void GetInfo(std::uint8_t** info, std::size_t* overall_size, std::size_t* info_size,
                       std::size_t* total_memory, std::size_t* backtrace_size,
-                      std::vector<RecordStruct>* list);
+                      std::vector<RecordStruct>* list, profile::Snapshot* snapshot = nullptr);
   /// Sorts by total, then by size, both descending.
   static void SortListByTotalAllocation(std::vector<RecordStruct>* list);
 
-  /// Writes the report to its file and sends it to the exception-log device. Reports failures only
-  /// to the log. Holds the initialise lock throughout, so it waits for a clear or another report.
-  /// Dump thread only: allocates, reads the maps, writes files.
+  /// Writes the profile and the report to their files, and sends the report to the exception-log
+  /// device. Reports failures only to the log. Holds the initialise lock throughout, so it waits
+  /// for a clear or another report. Dump thread only: allocates, reads the maps, writes files.
   static void DumpAllocationTracesToFile();
   /// Writes the native section of the report. The thread must hold no lock of a set. Removes the
-  /// thread's mark, as GetInfo does.
-  static void ReportNodes(ReportText& out);
+  /// thread's mark and fills `snapshot`, as GetInfo does.
+  static void ReportNodes(ReportText& out, profile::Snapshot* snapshot = nullptr);
   /// Writes the section of blocks with Java-native stacks. The caller holds the initialise lock, as
   /// for GetJavaNativeStackInfo. Allocates.
   static void ReportJavaNativeNodes(ReportText& out);

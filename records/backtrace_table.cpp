@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "records/profile.h"
 #include "records/table_memory.h"
 
 FrameInfoType* BacktraceArena::Allocate(std::uint64_t num_frames) {
@@ -66,6 +67,8 @@ BacktraceTable::Result BacktraceTable::FindOrAdd(const FrameKeyType& key, std::u
   added->num_frames = static_cast<std::uint32_t>(key.num_frames);
   added->report_note = 0;
   added->sweep = 0;
+  added->code_version = profile::CodeVersion();
+  added->profile_row = 0;
   std::memcpy(added->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
   Enter(*buckets_.load(std::memory_order_relaxed), added);
   ++used_;

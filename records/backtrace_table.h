@@ -26,12 +26,16 @@ struct FrameInfoType {
   std::uint32_t report_note;
   /// Number of the last sweep that found a record with this backtrace.
   std::uint32_t sweep;
+  /// Version of the loaded code when the backtrace was first captured (see profile::CodeVersion).
+  std::uint32_t code_version;
+  /// For profile::Snapshot: index of the backtrace's row. May be stale.
+  std::uint32_t profile_row;
 
   /// The num_frames pcs, innermost first.
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
   const std::uint64_t* pcs() const { return reinterpret_cast<const std::uint64_t*>(this + 1); }
 };
-static_assert(sizeof(FrameInfoType) == 24);
+static_assert(sizeof(FrameInfoType) == 32);
 
 /// Key of a backtrace: the pcs, innermost first, not owned.
 struct FrameKeyType {
@@ -178,9 +182,34 @@ class BacktraceTable {
     const std::lock_guard<SetMutex> guard(lock_);
     if (HasRoom()) return true;
     // A sweep walks through all records, so it needs at least one backtrace per eight records.
-    const bool sweeps = used_ >= kMinToSweep && used_ >= records / 8;
+    const bool sweeps = !is_pinned_ && used_ >= kMinToSweep && used_ >= records / 8;
     if (sweeps) mark_live(++sweep_);
     return Rebuild(sweeps);
+  }
+
+  /// Number of backtraces in the table. The caller keeps all record operations out.
+  std::uint64_t size() const { return used_; }
+
+  /// Keeps all backtraces in place until Unpin, except for TryClear. The caller keeps all record
+  /// operations out.
+  void Pin() { is_pinned_ = true; }
+  void Unpin() { is_pinned_ = false; }
+
+  /// Later searches do not find the backtraces for which `is_old(const FrameInfoType&)` is true.
+  /// Their records keep them. The caller keeps all record operations out. Takes the table's lock.
+  template <typename IsOld>
+  void Hide(IsOld is_old) {
+    const std::lock_guard<SetMutex> guard(lock_);
+    Buckets* const buckets = buckets_.load(std::memory_order_relaxed);
+    for (std::uint64_t b = 0; buckets != nullptr && b <= buckets->mask; ++b) {
+      for (Slot& slot : buckets->buckets[b].slots) {
+        FrameInfoType* const found = slot.backtrace.load(std::memory_order_relaxed);
+        if (found == nullptr || !is_old(*found)) continue;
+        // Differs from the fingerprint of the pcs, however often this is done.
+        found->fingerprint += kHiddenStep;
+        slot.fingerprint.store(found->fingerprint, std::memory_order_relaxed);
+      }
+    }
   }
 
   /// Empties the table. Waits for no lock: if the table's lock is taken, returns false with nothing
@@ -214,6 +243,8 @@ class BacktraceTable {
 
   static constexpr std::uint64_t kFirstBuckets = 64;
   static constexpr std::uint64_t kMinToSweep = 1024;
+  /// Odd, so that 2^64 steps are needed to return to the first fingerprint.
+  static constexpr std::uint64_t kHiddenStep = 0x9E3779B97F4A7C15U;
 
   /// Distance from a full bucket to the next one in a search. Many keys share a first bucket, since
   /// the hash covers five pcs in any order. The fingerprint spreads them from there.
@@ -252,5 +283,6 @@ class BacktraceTable {
   /// Number of backtraces in the table.
   std::uint64_t used_ = 0;
   std::uint32_t sweep_ = 0;
+  std::atomic<bool> is_pinned_{false};
   BacktraceArena arena_;
 };

@@ -3,7 +3,9 @@
 #include "platform/policies.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/profile.h"
 #include "records/record_pages.h"
+#include "records/record_store.h"
 
 namespace {
 
@@ -74,4 +76,6 @@ void PointerData::PostForkChild() {
   if (all_locks) release(InitialiseLock());
   // Another thread of the parent may have held a page's lock when it found that it must wait.
   RecordPages::FreeLocksInChild();
+  record_store::backtraces.Unpin();
+  profile::StartInChild();
 }

@@ -34,7 +34,6 @@ Grouping::Grouping(std::vector<ListInfoType>* list) : list_(*list) {
 void Grouping::AddAllSets() {
   record_store::ForEachRecord(
       [this](std::uint64_t address, const Record& record) { AddRecord(address, record); });
-  CollectTimes();
 }
 
 void Grouping::AddRecord(std::uint64_t address, const Record& record) {
@@ -116,7 +115,6 @@ void Grouping::AddTimeList(FrameInfoType* backtrace, std::uint32_t set) {
   backtrace->report_note = static_cast<std::uint32_t>(time_lists_.size());
 }
 
-/// Collects the times of all groups, in a second pass over the records.
 void Grouping::CollectTimes() {
   for (std::size_t i = 0; i < list_.size(); ++i) {
     if (list_[i].frame_info != nullptr) AddTimeList(list_[i].frame_info, first_sets_[i]);

@@ -21,10 +21,12 @@ class Grouping {
 
   /// Adds all records. Skips records without a backtrace and logs them.
   void AddAllSets();
+  /// Collects the times of all groups, in another pass over the records.
+  void CollectTimes();
 
-  /// Appends up to PointerData::kMaxTimes allocation times of group `i` to `times`: those of the
-  /// group's backtrace in the first set with a member of the group. Intentional: this includes
-  /// times of blocks of other sizes.
+  /// After CollectTimes: appends up to PointerData::kMaxTimes allocation times of group `i` to
+  /// `times`: those of the group's backtrace in the first set with a member of the group.
+  /// Intentional: this includes times of blocks of other sizes.
   void CopyTimes(std::size_t i, std::vector<std::int64_t>* times);
 
  private:
@@ -45,7 +47,6 @@ class Grouping {
   };
 
   void AddRecord(std::uint64_t address, const Record& record);
-  void CollectTimes();
   std::uint32_t FindOrAddGroup(std::uint64_t address, const Record& record,
                                FrameInfoType* backtrace, std::uint32_t set);
   std::uint32_t FirstTimeList(const FrameInfoType* backtrace) const;

@@ -14,6 +14,7 @@
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
 #include "records/grouping.h"
+#include "records/profile.h"
 #include "sys/system_properties.h"
 #include "tracker/control/MemTrackControl.h"
 
@@ -71,11 +72,13 @@ std::uint32_t PointerData::GetMaxBacktraceNum() {
 
 void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           std::size_t* info_size, std::size_t* total_memory,
-                          std::size_t* backtrace_size, std::vector<RecordStruct>* list) {
+                          std::size_t* backtrace_size, std::vector<RecordStruct>* list,
+                          profile::Snapshot* snapshot) {
   // Intentional: removes the mark, even if the thread was inside the store.
   if (record_key.Get() == ThreadMark::kInside) record_key.Set(nullptr);
   const InsideStore inside;  // the store must not record the vectors built below
   FrameInfoListWithLock locked(inside.before() == kHoldsStore);
+  if (snapshot != nullptr) snapshot->Collect();
   std::vector<ListInfoType>& groups = *locked.list();
   Grouping grouping(&groups);
   grouping.AddAllSets();
@@ -84,6 +87,7 @@ void PointerData::GetInfo(std::uint8_t** /*info*/, std::size_t* overall_size,
                           "list size err or listout null %zd, ignore",
                           static_cast<ssize_t>(groups.size()));
   } else {
+    grouping.CollectTimes();
     *backtrace_size = BacktraceSize();
     *info_size = *backtrace_size * sizeof(std::uint64_t) + kInfoHeaderBytes;
     *overall_size = *info_size * groups.size();

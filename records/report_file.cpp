@@ -27,6 +27,7 @@
 #include "protocol/protocol.h"
 #include "records/PointerData.h"
 #include "records/PointerSet.h"
+#include "records/profile.h"
 #include "records/report_text.h"
 #include "tracker/control/MemTrackControl.h"
 
@@ -184,10 +185,12 @@ void PointerData::DumpAllocationTracesToFile() try {
   platform::memset_s(buffer.get(), kDeviceBufferBytes, 0, kDeviceBufferBytes);
 
   ReportText text;
-  ReportNodes(text);
+  profile::Snapshot snapshot;
+  ReportNodes(text, &snapshot);
   ReportJavaNativeNodes(text);
   text << protocol::kReportEnd;  // marks a complete report; no newline follows
 
+  snapshot.Write(text);  // before the report, whose end mark ends the wait of readers
   FillDeviceBuffer(buffer.get(), text);
   WriteReportFile(text);
   SendToDevice(buffer.get(), text.size());
@@ -196,7 +199,7 @@ void PointerData::DumpAllocationTracesToFile() try {
   ReportNoMemory();
 }
 
-void PointerData::ReportNodes(ReportText& out) {
+void PointerData::ReportNodes(ReportText& out, profile::Snapshot* snapshot) {
   const auto now = static_cast<std::int64_t>(std::time(nullptr));
   out << "Native Heap MemLeak Tracker Version 2.0:\n";
 
@@ -206,7 +209,7 @@ void PointerData::ReportNodes(ReportText& out) {
   std::size_t total_memory = 0;
   std::size_t backtrace_size = 0;
   std::vector<RecordStruct> records;
-  GetInfo(&info, &overall_size, &info_size, &total_memory, &backtrace_size, &records);
+  GetInfo(&info, &overall_size, &info_size, &total_memory, &backtrace_size, &records, snapshot);
   const std::size_t record_count = info_size == 0 ? 0 : overall_size / info_size;
   const std::size_t shown_count = std::min(record_count, kMaxShownRecords);
 

@@ -17,6 +17,7 @@
 #include "platform/published_state.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
+#include "records/profile.h"
 #include "tracker/DebugData.h"
 #include "tracker/SignalControl.h"
 #include "tracker/control/MemTrackControl.h"
@@ -206,6 +207,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
   platform::FindPublishedState();
   SignalActionsInit();
   BacktraceStartup();
+  profile::Prepare();
   return true;
 }
 

@@ -17,6 +17,7 @@
 #include "protocol/protocol.h"
 #include "protocol/state.h"
 #include "records/PointerData.h"
+#include "records/profile.h"
 #include "tracker/DebugData.h"
 #include "tracker/DumpThread.h"
 #include "tracker/FdTracker.h"
@@ -63,6 +64,7 @@ bool IsOn(const Kind& kind) {
 /// Drops the records of every kind. Does not change the switches.
 void ClearRecords() {
   DebugData::Initialize(DebugData::GetInstance());
+  profile::NoteClear();
   platform::PublishClear();
 }
 
@@ -79,6 +81,7 @@ bool Start(const Kind& kind, const Command& command) {
       return false;
     }
   }
+  profile::NoteOn(kind.type);
   SetSwitches(kind, true, true);
   platform::PublishRecording(kind, Recording::kOn);
   // The settings in force, which come from the properties, not from the command.

@@ -2,7 +2,6 @@
 // The policies of Linux.
 #include "platform/policies.h"
 
-#include <fcntl.h>
 #include <link.h>
 #include <sys/mman.h>
 
@@ -13,7 +12,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/raw_calls.h"
+#include "platform/linux/maps_lines.h"
 #include "protocol/protocol.h"
 
 namespace platform {
@@ -58,27 +57,11 @@ std::optional<int> ProtectionInLine(const char* line, std::uint64_t page) {
 
 /// Returns the current PROT_ bits of `page`, or nothing if they cannot be read.
 std::optional<int> CurrentProtection(std::uint64_t page) {
-  const int file = RawOpen("/proc/self/maps", O_RDONLY | O_CLOEXEC);
-  if (file < 0) return std::nullopt;
-  char buffer[8192];
-  std::size_t used = 0;
   std::optional<int> protection;
-  while (!protection) {
-    const ssize_t count = RawRead(file, buffer + used, sizeof buffer - 1 - used);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    used += static_cast<std::size_t>(count);
-    buffer[used] = '\0';
-    char* line = buffer;
-    for (char* end = nullptr; !protection && (end = std::strchr(line, '\n')) != nullptr;) {
-      *end = '\0';
-      protection = ProtectionInLine(line, page);
-      line = end + 1;
-    }
-    used -= static_cast<std::size_t>(line - buffer);
-    std::memmove(buffer, line, used);
-  }
-  RawClose(file);
+  ForEachMapsLine([&](const char* line) {
+    protection = ProtectionInLine(line, page);
+    return !protection;
+  });
   return protection;
 }
 

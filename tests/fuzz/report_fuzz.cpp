@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: reads a report, which may come from another machine, and prints it. One thread.
+// Fuzz target: reads a report or a profile, which may come from another machine, and prints it. One
+// thread.
 //
-// A text that does not start like a report is refused with one line.
+// A text that does not start like one is refused with one line.
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -10,6 +11,7 @@
 #include "tests/fuzz/support.h"
 #include "tools/base/user_error.h"
 #include "tools/export/json.h"
+#include "tools/report/load.h"
 #include "tools/report/model.h"
 #include "tools/view/print.h"
 
@@ -37,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   constexpr std::string_view kFirstLine = "Native Heap MemLeak Tracker Version 2.0:\n";
   file.Write(data, size);
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  const bool begins_well = text.substr(0, kFirstLine.size()) == kFirstLine;
+  const bool begins_well = text.starts_with(kFirstLine) || text.starts_with("memleak profile 1\n");
   try {
     const memleak::Profile profile = memleak::LoadProfile(file.Path(), {});
     fuzz::Require(begins_well, "only a report is read as one");

@@ -90,6 +90,11 @@ std::string FormatBytes(std::uint64_t bytes) {
   return text.data();
 }
 
+std::string FormatSizes(std::uint64_t smallest, std::uint64_t largest) {
+  const std::string text = FormatBytes(smallest);
+  return largest > smallest ? text + " to " + FormatBytes(largest) : text;
+}
+
 std::string FormatGrowth(double bytes) {
   constexpr double kMaxBytes = 1e18;
   const auto magnitude = std::llround(std::min(std::fabs(bytes), kMaxBytes));
@@ -116,13 +121,25 @@ std::string Percent(std::uint64_t part, std::uint64_t whole) {
   return text.data();
 }
 
-std::string FormatClock(std::int64_t seconds_since_epoch) {
+namespace {
+
+std::string FormatTime(std::int64_t seconds_since_epoch, const char* format) {
   const std::time_t time = seconds_since_epoch;
   std::tm parts{};
-  localtime_r(&time, &parts);
+  if (localtime_r(&time, &parts) == nullptr) return "?";  // only damaged files have such times
   std::array<char, 32> text{};
-  std::strftime(text.data(), text.size(), "%H:%M:%S", &parts);
+  std::strftime(text.data(), text.size(), format, &parts);
   return text.data();
+}
+
+}  // namespace
+
+std::string FormatClock(std::int64_t seconds_since_epoch) {
+  return FormatTime(seconds_since_epoch, "%H:%M:%S");
+}
+
+std::string FormatDate(std::int64_t seconds_since_epoch) {
+  return FormatTime(seconds_since_epoch, "%Y-%m-%d %H:%M:%S");
 }
 
 std::string FormatAge(std::int64_t seconds) {

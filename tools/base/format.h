@@ -12,6 +12,9 @@ namespace memleak {
 /// "512 B", "1.5 KiB", "12.0 MiB", ... up to EiB; one decimal above bytes.
 std::string FormatBytes(std::uint64_t bytes);
 
+/// "1.5 KiB", or "100 B to 1.5 KiB".
+std::string FormatSizes(std::uint64_t smallest, std::uint64_t largest);
+
 /// "+1.5 KiB", "-3 B", "+0 B".
 std::string FormatGrowth(double bytes);
 
@@ -28,8 +31,9 @@ std::string Percent(std::uint64_t part, std::uint64_t whole);
 /// set back) keeps its sign.
 std::string FormatAge(std::int64_t seconds);
 
-/// The local time of day: "14:03:22".
+/// The local time of day: "14:03:22"; with the day: "2026-11-22 14:03:22".
 std::string FormatClock(std::int64_t seconds_since_epoch);
+std::string FormatDate(std::int64_t seconds_since_epoch);
 
 /// Printable(text), shortened in the middle to `width` columns.
 std::string FitWidth(std::string_view text, std::size_t width);

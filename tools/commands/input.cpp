@@ -9,6 +9,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
+#include "tools/report/load.h"
 
 namespace memleak {
 namespace {
@@ -102,7 +103,8 @@ void ForgetDirectories(SymbolOptions* options) {
 
 void Check(const Profile& profile, bool partial) {
   if (!profile.complete && !partial) {
-    throw UserError("report is truncated: " + profile.path + " (no \"END\" at its end)",
+    const char* const end = profile.head ? " (no \"end\" line)" : " (no \"END\" at its end)";
+    throw UserError("report is truncated: " + profile.path + end,
                     "wait until it is complete, or show its part with --partial");
   }
   WarnOfDamage(profile);
@@ -123,17 +125,30 @@ Profile Open(const std::string& given, const ReadOptions& options, const char* n
   return profile;
 }
 
+// The profile beside the report if there is one, else the report.
+std::string Preferred(const std::string& report) {
+  bool other = false;
+  const std::string profile = ProfileBeside(report, &other);
+  if (other) {
+    std::cerr << "memleak: " << FitWidth(report, 60)
+              << ": the profile beside it belongs to another report and is not used\n";
+  }
+  return profile.empty() ? report : profile;
+}
+
 }  // namespace
 
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
-  if (!fs::is_directory(given, ignored)) return given;
-  const fs::path below = fs::path(given) / protocol::kReportFile;
-  for (const fs::path& candidate : {below, fs::path(given) / below.filename()}) {
+  if (!fs::is_directory(given, ignored)) return Preferred(given);
+  const fs::path report = protocol::kReportFile;
+  const fs::path profile = protocol::kProfileFile;
+  for (const fs::path& name : {report, report.filename(), profile, profile.filename()}) {
+    const fs::path candidate = given / name;
     std::error_code error;
     const bool found = fs::is_regular_file(candidate, error);
     // Without permission for the directory, opening the report fails with the reason.
-    if (found || error == std::errc::permission_denied) return candidate.string();
+    if (found || error == std::errc::permission_denied) return Preferred(candidate.string());
   }
   throw UserError("no report below " + given, "write one with: memleak report PID");
 }

@@ -8,6 +8,7 @@
 
 #include "tools/export/json.h"
 #include "tools/report/model.h"
+#include "tools/symbols/symbol_options.h"
 
 namespace memleak {
 

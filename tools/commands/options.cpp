@@ -63,7 +63,8 @@ void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary
 }
 
 void AddReportArgument(CLI::App* command, std::string* report) {
-  AddOption(command, "REPORT", report, " ", "Report, root directory, or JSON document")->required();
+  AddOption(command, "REPORT", report, " ", "Profile, report, root directory, or JSON\ndocument")
+      ->required();
 }
 
 void AddTop(CLI::App* command, std::size_t* top, const char* summary) {
@@ -75,6 +76,9 @@ void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols) {
             "Directory of debug files or unstripped\nlibraries; repeatable")
       ->allow_extra_args(false);
   AddOption(command, "--sysroot", &symbols->sysroot, "DIR", "Copy of the device's file system");
+  AddOption(command, "--skip", &symbols->skip, "REGEX",
+            "Functions to leave out where memory is\n"
+            "allocated, besides malloc and its like");
   command->add_flag("--debuginfod", symbols->debuginfod, "Also ask the servers in DEBUGINFOD_URLS");
 }
 

@@ -39,7 +39,7 @@ void AddReportArgument(CLI::App* command, std::string* report);
 /// --top, with `summary` in the help.
 void AddTop(CLI::App* command, std::size_t* top, const char* summary);
 
-/// --symbols, --sysroot and --debuginfod.
+/// --symbols, --sysroot, --skip and --debuginfod.
 void AddSymbolOptions(CLI::App* command, SymbolOptions* symbols);
 
 /// --old-symbols and --old-sysroot, for the earlier of two reports. They require the option `old`

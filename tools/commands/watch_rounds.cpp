@@ -25,7 +25,7 @@
 #include "tools/commands/on.h"
 #include "tools/export/html.h"
 #include "tools/export/json.h"
-#include "tools/report/report_parser.h"
+#include "tools/report/load.h"
 #include "tools/target/inspect.h"
 #include "tools/target/recording.h"
 #include "tools/target/root_directory.h"

@@ -43,6 +43,7 @@ json FramesToJson(const Profile& profile) {
   for (const Frame& frame : profile.frames) {
     list.push_back({{"library", frame.library},
                     {"offset", frame.offset},
+                    {"address", frame.address},
                     {"name", FrameName(profile, frame)},
                     {"function", frame.function},
                     {"file", frame.file},
@@ -56,20 +57,39 @@ json FramesToJson(const Profile& profile) {
 json GroupToJson(const Group& group, std::int64_t age_span) {
   return {{"kind", KindName(group.kind)},
           {"size", group.size},
+          {"maxSize", group.max_size},
           {"count", group.count},
           {"total", group.total},
           {"ages", group.ages},
+          {"ageCounts", group.age_counts},
           {"ownAges", group.own_ages},
           {"pattern", PatternName(PatternOf(group, age_span))},
           {"stack", group.stack}};
 }
 
+json HeadToJson(const ProfileHead& head) {
+  return {{"library", head.library},
+          {"program", head.program},
+          {"arguments", head.arguments},
+          {"pid", head.pid},
+          {"host", head.host},
+          {"started", head.started},
+          {"written", head.written},
+          {"since", head.since},
+          {"kinds", head.kinds},
+          {"unwind", head.unwind},
+          {"unrecorded", head.unrecorded},
+          {"ageBounds", head.age_bounds}};
+}
+
 json ReportToJson(const Profile& profile) {
   json damaged = json::array();
   for (const DamagedLine& line : profile.damaged) damaged.push_back(line.number);
-  return {{"path", profile.path},          {"made", profile.made},
-          {"complete", profile.complete},  {"damagedLines", profile.damaged_lines},
-          {"damaged", std::move(damaged)}, {"backtraceSize", profile.header.backtrace_size}};
+  json report = {{"path", profile.path},          {"made", profile.made},
+                 {"complete", profile.complete},  {"damagedLines", profile.damaged_lines},
+                 {"damaged", std::move(damaged)}, {"backtraceSize", profile.header.backtrace_size}};
+  if (profile.head) report["process"] = HeadToJson(*profile.head);
+  return report;
 }
 
 json TotalsToJson(const Profile& profile) {
@@ -95,6 +115,7 @@ json TrendToJson(const GroupTrend& group) {
   }
   json document = {{"kind", KindName(group.kind)},
                    {"size", group.size},
+                   {"maxSize", group.max_size},
                    {"stack", group.stack},
                    {"libraries", group.libraries},
                    {"values", std::move(values)},
@@ -136,6 +157,7 @@ Frame FrameOf(const json& object, std::size_t libraries) {
   if (library != -1)
     frame.library = static_cast<std::int32_t>(Index(library, libraries, "library"));
   frame.offset = Number(object, "offset");
+  frame.address = object.contains("address") ? Number(object, "address") : 0;
   frame.function = Text(object, "function");
   frame.file = Text(object, "file");
   frame.line = static_cast<std::uint32_t>(Number(object, "line"));
@@ -154,6 +176,10 @@ Group GroupOf(const json& object, std::size_t frames) {
   if (kind != "native" && kind != "java") throw std::out_of_range("a group of unknown kind");
   group.kind = kind == "native" ? GroupKind::kNative : GroupKind::kJava;
   group.size = Number(object, "size");
+  group.max_size = Number(object, object.contains("maxSize") ? "maxSize" : "size");
+  for (const json& blocks : Member(object, "ageCounts", json::array())) {
+    group.age_counts.push_back(blocks.get<std::uint64_t>());
+  }
   group.count = Number(object, "count");
   group.total = Number(object, "total");
   group.ages = object.at("ages").get<std::vector<std::int64_t>>();
@@ -162,11 +188,29 @@ Group GroupOf(const json& object, std::size_t frames) {
   return group;
 }
 
+ProfileHead HeadOf(const json& process) {
+  ProfileHead head;
+  head.library = Text(process, "library");
+  head.program = Text(process, "program");
+  head.arguments = process.at("arguments").get<std::vector<std::string>>();
+  head.pid = process.at("pid").get<std::int64_t>();
+  head.host = Text(process, "host");
+  head.started = process.at("started").get<std::int64_t>();
+  head.written = process.at("written").get<std::int64_t>();
+  head.since = process.at("since").get<std::int64_t>();
+  head.kinds = process.at("kinds").get<std::vector<std::string>>();
+  head.unwind = Text(process, "unwind");
+  head.unrecorded = Number(process, "unrecorded");
+  head.age_bounds = process.at("ageBounds").get<std::vector<std::int64_t>>();
+  return head;
+}
+
 void ReadHead(const json& document, Profile* profile) {
   const json& report = document.at("report");
   profile->made = report.at("made").get<std::int64_t>();
   profile->complete = report.at("complete").get<bool>();
   profile->path = Text(report, "path");
+  if (report.contains("process")) profile->head = HeadOf(report.at("process"));
   profile->damaged_lines = Number(report, "damagedLines");
   for (const json& number : Member(report, "damaged", json::array())) {
     const auto line = number.get<std::uint64_t>();

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/report/aggregate.h"
 
-#include <regex.h>
-
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -12,7 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "tools/base/user_error.h"
+#include "tools/report/expression.h"
 
 namespace memleak {
 namespace {
@@ -21,32 +19,9 @@ constexpr std::size_t kMinAges = 4;
 constexpr std::int64_t kQuarters = 4;
 constexpr const char* kUnknownLibrary = "[unknown]";
 
-/// A regular expression of the C library. Its cost is bounded for long names of templates.
-class Expression {
- public:
-  explicit Expression(const std::string& text) {
-    const int error = regcomp(&compiled_, text.c_str(), REG_EXTENDED | REG_NOSUB);
-    if (error == 0) return;
-    std::array<char, 128> reason{};
-    regerror(error, &compiled_, reason.data(), reason.size());
-    throw UserError("--filter is not a regular expression: " + text + " (" + reason.data() + ")",
-                    "put a backslash before literal special characters");
-  }
-  ~Expression() { regfree(&compiled_); }
-  Expression(const Expression&) = delete;
-  Expression& operator=(const Expression&) = delete;
-
-  bool Matches(const std::string& text) const {
-    return regexec(&compiled_, text.c_str(), 0, nullptr, 0) == 0;
-  }
-
- private:
-  regex_t compiled_{};
-};
-
 // By frame: whether the expression matches it.
 std::vector<bool> MatchFrames(const Profile& profile, const std::string& filter) {
-  const Expression expression(filter);
+  const Expression expression(filter, "--filter");
   std::vector<bool> libraries;
   for (const Library& library : profile.libraries) {
     libraries.push_back(expression.Matches(library.path));
@@ -137,7 +112,8 @@ std::int64_t AgeSpan(const Profile& profile) {
 }
 
 AgePattern PatternOf(const Group& group, std::int64_t span) {
-  if (group.ages.size() < kMinAges || span < kQuarters) return AgePattern::kUnknown;
+  const std::size_t ages = group.IsExact() ? group.count : group.ages.size();
+  if (ages < kMinAges || span < kQuarters) return AgePattern::kUnknown;
   const auto [youngest, oldest] = std::minmax_element(group.ages.begin(), group.ages.end());
   const bool late = *youngest < span / kQuarters;
   const bool early = *oldest > span - span / kQuarters;
@@ -175,7 +151,9 @@ Selected SelectGroups(const Profile& profile, const Selection& selection) {
   // The tracker sorts by total, but an edited report may not be sorted.
   std::ranges::stable_sort(selected.groups, std::greater(), [&](std::size_t index) {
     const Group& group = profile.groups[index];
-    return Rank({group.total, 1, group.count}, group.size, OldestAge(group), selection.sort);
+    const Sums sums{group.total, 1, group.count};
+    const bool by_age = selection.sort == SortKey::kAge;
+    return Rank(sums, MeanSize(sums), by_age ? OldestAge(group) : std::nullopt, selection.sort);
   });
   return selected;
 }

@@ -82,7 +82,9 @@ Difference Compare(const Profile& before, const Profile& after) {
   Profile& merged = difference.merged;
   merged.libraries = after.libraries;
   merged.frames = after.frames;
-  GroupMatcher matcher(SharedBuilds(before, after));
+  // A report of one size of a stack cannot be compared with a profile's line of all sizes.
+  const bool by_size = !before.head && !after.head;
+  GroupMatcher matcher(by_size, SharedBuilds(before, after));
   const std::vector<std::size_t> after_indices = matcher.Add(after);
   const std::vector<std::size_t> before_indices = matcher.Add(before);
   // Indices are given in order of first appearance: an unknown one is the next.
@@ -92,11 +94,7 @@ Difference Compare(const Profile& before, const Profile& after) {
       merged.groups.push_back(group);
       continue;
     }
-    Group& sum = merged.groups[after_indices[i]];
-    sum.count = AddSaturated(sum.count, group.count);
-    sum.total = AddSaturated(sum.total, group.total);
-    sum.ages.insert(sum.ages.end(), group.ages.begin(), group.ages.end());
-    sum.own_ages = sum.own_ages && group.own_ages;
+    merged.groups[after_indices[i]].Merge(group);
   }
   FrameImporter importer(before, &merged);
   for (std::size_t i = 0; i < before.groups.size(); ++i) {
@@ -105,11 +103,12 @@ Difference Compare(const Profile& before, const Profile& after) {
     merged.groups.push_back({.kind = group.kind,
                              .size = group.size,
                              .ages = {},
-                             .stack = importer.Import(group.stack)});
+                             .stack = importer.Import(group.stack),
+                             .max_size = group.max_size});
   }
   const std::vector<MatchedGroup> matched = matcher.Result();
   for (std::size_t i = 0; i < matched.size(); ++i) {
-    difference.changes.push_back(Judge(matched[i], merged.groups[i].size));
+    difference.changes.push_back(Judge(matched[i], merged.groups[i].max_size));
   }
   return difference;
 }

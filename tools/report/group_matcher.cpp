@@ -84,7 +84,7 @@ std::vector<std::size_t> GroupMatcher::Add(const Profile& profile) {
     const std::size_t stack_id =
         stack_ids_.try_emplace(std::move(stack), stack_ids_.size()).first->second;
     const auto [known, added] =
-        group_ids_.try_emplace(std::pair(stack_id, group.size), groups_.size());
+        group_ids_.try_emplace(std::pair(stack_id, by_size_ ? group.size : 0), groups_.size());
     const std::size_t index = known->second;
     if (added) groups_.push_back({group.kind, stack_id, {}});
     indices.push_back(index);

@@ -44,10 +44,11 @@ std::string_view LibraryName(std::string_view path);
 
 class GroupMatcher {
  public:
-  /// Call sites are compared by their offsets in the libraries of `builds`, or of all builds if
-  /// there are none given. In other libraries the call sites of a function are only counted.
-  explicit GroupMatcher(std::optional<std::set<std::string>> builds = std::nullopt)
-      : builds_(std::move(builds)) {}
+  /// Groups of other sizes are other groups only if `by_size`. Call sites are compared by their
+  /// offsets in the libraries of `builds`, or of all builds if there are none given. In other
+  /// libraries the call sites of a function are only counted.
+  explicit GroupMatcher(bool by_size, std::optional<std::set<std::string>> builds = std::nullopt)
+      : by_size_(by_size), builds_(std::move(builds)) {}
 
   /// Adds the next report. Returns the index of the matched group of each of its groups; indices
   /// are given in order of first appearance.
@@ -66,6 +67,7 @@ class GroupMatcher {
 
   char32_t NumberOf(const std::string& name);
 
+  bool by_size_;
   std::optional<std::set<std::string>> builds_;
   std::unordered_map<std::string, char32_t> names_;
   std::unordered_map<Key, std::size_t> stack_ids_;

@@ -1,215 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/report/model.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <map>
-#include <numeric>
-#include <optional>
 #include <sstream>
-#include <string_view>
-#include <unordered_map>
-#include <unordered_set>
-#include <utility>
 
 #include "tools/base/files.h"
-#include "tools/base/progress.h"
-#include "tools/symbols/demangle.h"
-#include "tools/symbols/symbolizer.h"
 
 namespace memleak {
-namespace {
 
-/// A place in the code, before it is resolved.
-struct Place {
-  std::int32_t library = -1;
-  std::uint64_t offset = 0;
-  std::string_view function;  // of a Java frame; refers to a key of `functions_`
-  bool operator==(const Place& other) const = default;
-};
-
-struct PlaceHash {
-  std::size_t operator()(const Place& place) const {
-    constexpr std::uint64_t kOddConstant = 0x9e3779b97f4a7c15;
-    const auto where = static_cast<std::uint32_t>(place.library) * kOddConstant;
-    // Each name is stored once, so its address identifies it.
-    const auto name = reinterpret_cast<std::uintptr_t>(place.function.data());
-    const std::uint64_t mixed = (((where ^ place.offset) * kOddConstant) ^ name) * kOddConstant;
-    return mixed ^ (mixed >> 32U);
-  }
-};
-
-// Finds std::string keys by std::string_view.
-struct TextHash : std::hash<std::string_view> {
-  using is_transparent = void;
-};
-
-/// Builds the profile of a report. Stores each name and each place once.
-class ProfileBuilder {
- public:
-  explicit ProfileBuilder(Profile* profile) : profile_(profile) {}
-
-  void Add(const NativeGroup& group) {
-    Group& added = AddGroup(GroupKind::kNative, group);
-    added.ages = group.ages;
-    added.stack.reserve(group.frames.size());
-    for (const ReportFrame& frame : group.frames) {
-      added.stack.push_back(
-          IndexOf(frame.known ? Place{LibraryOf(frame.library), frame.offset, {}} : Place{}));
-    }
-  }
-
-  void Add(const JavaGroup& group) {
-    Group& added = AddGroup(GroupKind::kJava, group);
-    added.stack.reserve(group.frames.size());
-    for (const JavaFrame& frame : group.frames) {
-      added.stack.push_back(IndexOf({-1, frame.rel_pc, FunctionOf(frame.function)}));
-    }
-  }
-
-  /// Resolves the places to frames, and replaces them in the stacks.
-  void Resolve(const SymbolOptions& options);
-
- private:
-  // The frames of a place, as indices into Profile::frames.
-  struct Span {
-    std::uint32_t begin = 0;
-    std::uint32_t end = 0;
-  };
-
-  template <typename Source>
-  Group& AddGroup(GroupKind kind, const Source& source) {
-    Group& group = profile_->groups.emplace_back();
-    group.kind = kind;
-    group.size = source.size;
-    group.count = source.count;
-    group.total = source.total;
-    return group;
-  }
-
-  std::int32_t LibraryOf(std::string_view name) {
-    const auto known = libraries_.find(name);
-    if (known != libraries_.end()) return known->second;
-    const auto index = static_cast<std::int32_t>(profile_->libraries.size());
-    profile_->libraries.emplace_back().path = name;
-    libraries_.emplace(name, index);
-    return index;
-  }
-
-  std::string_view FunctionOf(std::string_view name) {
-    if (name.empty()) return {};
-    const auto known = functions_.find(name);
-    return known == functions_.end() ? *functions_.emplace(name).first : *known;
-  }
-
-  // The index of a place. Adds a new one.
-  std::uint32_t IndexOf(const Place& place) {
-    const auto [known, added] =
-        indices_.try_emplace(place, static_cast<std::uint32_t>(places_.size()));
-    if (added) places_.push_back(place);
-    return known->second;
-  }
-
-  void AppendFrames(const Place& place, Symbolizer* symbolizer);
-
-  Profile* profile_;
-  std::unordered_map<std::string, std::int32_t, TextHash, std::equal_to<>> libraries_;
-  std::unordered_set<std::string, TextHash, std::equal_to<>> functions_;
-  std::vector<Place> places_;
-  std::unordered_map<Place, std::uint32_t, PlaceHash> indices_;  // into places_
-};
-
-// `symbolizer` is that of the place's library; null without one.
-void ProfileBuilder::AppendFrames(const Place& place, Symbolizer* symbolizer) {
-  Frame plain;
-  plain.library = place.library;
-  plain.offset = place.offset;
-  ResolvedAddress resolved;
-  if (symbolizer == nullptr) {
-    plain.function = Demangle(std::string(place.function));
+void Group::Merge(const Group& other) {
+  if (count == 0 || other.count == 0) {
+    // Neither sizes nor ages of no blocks count.
+    const Group& blocks = count == 0 ? other : *this;
+    size = blocks.size;
+    max_size = blocks.max_size;
+    ages = blocks.ages;
+    own_ages = blocks.own_ages;
+    age_counts = blocks.age_counts;
   } else {
-    resolved = symbolizer->Resolve(place.offset);
-  }
-  plain.address = resolved.address;
-  if (resolved.symbols.empty()) profile_->frames.push_back(plain);
-  for (SourceFrame& symbol : resolved.symbols) {
-    Frame& frame = profile_->frames.emplace_back(plain);
-    frame.function = std::move(symbol.function);
-    frame.file = std::move(symbol.file);
-    frame.line = symbol.line;
-    frame.inlined = &symbol != &resolved.symbols.back();
-  }
-}
-
-void ProfileBuilder::Resolve(const SymbolOptions& options) {
-  ProgressBar bar("reading symbols", options.progress);
-  // Sorted by library and offset, so only one library is open at a time.
-  std::vector<std::uint32_t> order(places_.size());
-  std::iota(order.begin(), order.end(), 0U);
-  std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-    return std::pair(places_[a].library, places_[a].offset) <
-           std::pair(places_[b].library, places_[b].offset);
-  });
-  std::vector<Span> spans(places_.size());
-  for (std::size_t begin = 0, end = 0; begin < order.size(); begin = end) {
-    const std::int32_t index = places_[order[begin]].library;
-    std::vector<std::uint64_t> offsets;
-    for (; end < order.size() && places_[order[end]].library == index; ++end) {
-      offsets.push_back(places_[order[end]].offset);
+    size = std::min(size, other.size);
+    max_size = std::max(max_size, other.max_size);
+    ages.insert(ages.end(), other.ages.begin(), other.ages.end());
+    own_ages = own_ages && other.own_ages;
+    if (age_counts.size() != other.age_counts.size()) age_counts.clear();
+    for (std::size_t i = 0; i < age_counts.size(); ++i) {
+      age_counts[i] = AddSaturated(age_counts[i], other.age_counts[i]);
     }
-    Library* library = index < 0 ? nullptr : &profile_->libraries[static_cast<std::size_t>(index)];
-    std::optional<Symbolizer> symbolizer;
-    if (library != nullptr) symbolizer.emplace(library->path, options, offsets);
-    for (std::size_t i = begin; i < end; ++i) {
-      bar.Update(i, order.size());
-      Span& span = spans[order[i]];
-      span.begin = static_cast<std::uint32_t>(profile_->frames.size());
-      AppendFrames(places_[order[i]], symbolizer ? &*symbolizer : nullptr);
-      span.end = static_cast<std::uint32_t>(profile_->frames.size());
+    if (IsExact() && ages.size() > 2) {
+      const auto [youngest, oldest] = std::ranges::minmax(ages);
+      ages = {youngest, oldest};
     }
-    if (library == nullptr) continue;
-    LibraryState state = symbolizer->State();
-    library->found = state.found;
-    library->build_id = std::move(state.build_id);
-    library->hint = std::move(state.hint);
-    library->newer = state.changed > profile_->made;
   }
-  for (Group& group : profile_->groups) {
-    std::vector<std::uint32_t> stack;
-    stack.reserve(group.stack.size());
-    for (const std::uint32_t place : group.stack) {
-      for (std::uint32_t i = spans[place].begin; i < spans[place].end; ++i) stack.push_back(i);
-    }
-    group.stack = std::move(stack);
-  }
+  count = AddSaturated(count, other.count);
+  total = AddSaturated(total, other.total);
 }
-
-// Sets `own_ages` of each group. Runs before stacks are resolved. The tracker keeps a record of a
-// backtrace in each of its tables, and lists the times of one record for a group: that of the
-// group's first block. Other groups may have blocks in that record, and the group may have blocks
-// in other records. So a list of the full length is the group's own if the group has one block, or
-// if no other group, listed or not, has its backtrace.
-void MarkOwnAges(Profile* profile) {
-  constexpr std::uint64_t kMaxAges = 30;
-  std::map<std::vector<std::uint32_t>, std::size_t> groups;  // by backtrace
-  for (const Group& group : profile->groups) {
-    if (!group.ages.empty()) ++groups[group.stack];
-  }
-  const bool whole = profile->ListsAll(GroupKind::kNative);
-  for (Group& group : profile->groups) {
-    if (group.ages.empty()) continue;
-    const bool alone = group.count == 1 || (whole && groups[group.stack] == 1);
-    group.own_ages = alone && group.ages.size() == std::min(group.count, kMaxAges);
-  }
-}
-
-std::int64_t ModifiedTime(const std::string& path) {
-  struct stat state {};
-  return stat(path.c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime) : 0;
-}
-
-}  // namespace
 
 Sums Profile::Listed(GroupKind kind) const {
   Sums sums;
@@ -232,30 +56,13 @@ Sums Profile::Unlisted() const {
   return sums;
 }
 
-Profile LoadProfile(const std::string& report_path, const SymbolOptions& options) {
-  Profile profile;
-  profile.path = report_path;
-  profile.made = ModifiedTime(report_path);
-  ProfileBuilder builder(&profile);
-  ReportSink sink;
-  sink.native = [&](const NativeGroup& group) { builder.Add(group); };
-  sink.java = [&](const JavaGroup& group) { builder.Add(group); };
-  sink.damaged = [&](DamagedLine&& line) {
-    if (++profile.damaged_lines <= kDamagedLinesKept) profile.damaged.push_back(std::move(line));
-  };
-  profile.complete = ReadReportFile(report_path, sink, &profile.header) == ReportEnd::kComplete;
-  MarkOwnAges(&profile);
-  builder.Resolve(options);
-  return profile;
-}
-
 std::string FrameName(const Profile& profile, const Frame& frame) {
   if (!frame.function.empty()) return frame.function;
   const Library* library = profile.LibraryOf(frame);
   if (library == nullptr) return "[unknown]";
   std::ostringstream name;
   name << (library->path.empty() ? "(nameless)" : LastPart(library->path)) << "+0x" << std::hex
-       << frame.offset;
+       << (frame.address != 0 ? frame.address : frame.offset);
   return name.str();
 }
 

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// A symbolized report: groups, and frames with functions, files and lines. Filled by LoadProfile,
-// used by all views and exports. Plain values; single-threaded.
+// A symbolized report: groups, and frames with functions, files and lines. Filled by load.h, used
+// by all views and exports. Plain values; single-threaded.
 #pragma once
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/report/profile_parser.h"
 #include "tools/report/report_parser.h"
-#include "tools/symbols/symbol_options.h"
 
 namespace memleak {
 
@@ -36,17 +37,26 @@ struct Frame {
 
 enum class GroupKind { kNative, kJava };
 
-/// Live blocks of one size with one stack.
+/// Live blocks with one stack: of one size in a report, of all sizes in a profile.
 struct Group {
   GroupKind kind = GroupKind::kNative;
-  std::uint64_t size = 0;            ///< bytes of one block
-  std::uint64_t count = 0;           ///< number of blocks
-  std::uint64_t total = 0;           ///< bytes of all
-  std::vector<std::int64_t> ages;    ///< seconds, at most 30: see `own_ages`
-  std::vector<std::uint32_t> stack;  ///< indices into Profile::frames, innermost first
+  std::uint64_t size = 0;   ///< bytes of the smallest block
+  std::uint64_t count = 0;  ///< number of blocks
+  std::uint64_t total = 0;  ///< bytes of all
+  /// Seconds. In a report at most 30: see `own_ages`. In a profile the lowest and the highest.
+  std::vector<std::int64_t> ages = {};
+  std::vector<std::uint32_t> stack = {};  ///< indices into Profile::frames, innermost first
   /// All `ages` are of blocks of this group, and a report cannot list more. Otherwise some may be
   /// of other blocks with the same stack, and some may be missing.
   bool own_ages = false;
+  std::uint64_t max_size = 0;  ///< bytes of the largest block
+  /// In a profile: blocks, by index in ProfileHead::age_bounds. Empty in a report.
+  std::vector<std::uint64_t> age_counts = {};
+
+  /// Whether the group has all blocks of its stack, and its ages are those of all of them.
+  bool IsExact() const { return !age_counts.empty(); }
+  /// Adds the blocks of `other`, which has the same stack of functions.
+  void Merge(const Group& other);
 };
 
 /// `a` plus `b`, or the largest number on overflow: a damaged report may have any figures.
@@ -83,10 +93,12 @@ struct Sums {
 /// Further damaged lines are only counted.
 inline constexpr std::size_t kDamagedLinesKept = 1000;
 
-/// One report, symbolized. Equal frames are stored once.
+/// One report or profile, symbolized. Equal frames are stored once. Wrappers of allocators at the
+/// inner end of stacks are left out.
 struct Profile {
   std::string path;                  ///< of the report, or of its JSON document
   std::int64_t made = 0;             ///< modification time, seconds since the epoch
+  std::optional<ProfileHead> head;   ///< of a profile; a report has none
   ReportHeader header;               ///< counts all native groups, listed or not
   bool complete = false;             ///< it has its end mark
   std::vector<DamagedLine> damaged;  ///< the first of them
@@ -113,11 +125,9 @@ struct Profile {
   Sums Unlisted() const;
 };
 
-/// Reads and symbolizes the report at `report_path`. Throws as ReadReportFile.
-Profile LoadProfile(const std::string& report_path, const SymbolOptions& options);
-
-/// The displayed name of a frame: its function, else "library+0xoffset" with the library's file
-/// name, else "[unknown]".
+/// The displayed name of a frame: its function, else "library+0xaddress" with the library's file
+/// name and the address in the file, or the offset in the report if that is unknown, else
+/// "[unknown]".
 std::string FrameName(const Profile& profile, const Frame& frame);
 
 }  // namespace memleak

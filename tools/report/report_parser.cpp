@@ -13,6 +13,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
+#include "tools/report/text_reader.h"
 
 namespace memleak {
 namespace {
@@ -31,34 +32,6 @@ constexpr std::array kHeadMarks = {kTotalMark, kRecordsMark, kDepthMark};
 constexpr std::string_view kOffsetMark = "+0x";
 constexpr std::string_view kBacktraceMark = "bt ";
 constexpr std::string_view kGroupMark = "sz ";
-
-// A cursor over one line. Each Take consumes what it matches, or nothing.
-class Cursor {
- public:
-  explicit Cursor(std::string_view text) : rest_(text) {}
-
-  bool Take(std::string_view literal) {
-    if (!rest_.starts_with(literal)) return false;
-    rest_.remove_prefix(literal.size());
-    return true;
-  }
-
-  template <typename T>
-  bool TakeNumber(T* value, int base = 10) {
-    const char* end = rest_.data() + rest_.size();
-    const auto result = std::from_chars(rest_.data(), end, *value, base);
-    if (result.ec != std::errc()) return false;
-    rest_.remove_prefix(static_cast<std::size_t>(result.ptr - rest_.data()));
-    return true;
-  }
-
-  void Skip(std::size_t bytes) { rest_.remove_prefix(bytes); }
-  std::string_view Rest() const { return rest_; }
-  bool AtEnd() const { return rest_.empty(); }
-
- private:
-  std::string_view rest_;
-};
 
 bool IsHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
@@ -122,43 +95,6 @@ UserError CannotOpen(const std::string& path, int error) {
   if (error == EACCES) remedy = "run memleak as the user who owns it, or as root";
   return {"cannot read report " + path + ": " + std::strerror(error), remedy};
 }
-
-/// How a line ended.
-enum class LineEnd { kClosed, kOpen, kTooLong, kNothing };
-
-/// Reads lines of limited length.
-class LineReader {
- public:
-  explicit LineReader(std::istream& input) : input_(input), piece_(kPieceBytes) {}
-
-  /// The next line without its newline, valid until the next call; kOpen for a last line without
-  /// a newline.
-  LineEnd Next(std::string_view* line) {
-    line_.clear();
-    bool too_long = false;
-    for (;;) {
-      input_.getline(piece_.data(), kPieceBytes);
-      const bool closed = input_.good();  // not so if the piece is full
-      const auto bytes = static_cast<std::size_t>(input_.gcount()) - (closed ? 1 : 0);
-      too_long = too_long || line_.size() + bytes > kMaxLineBytes;
-      if (!too_long) line_.append(piece_.data(), bytes);
-      if (closed || input_.eof()) {
-        *line = line_;
-        if (too_long) return LineEnd::kTooLong;
-        if (closed) return LineEnd::kClosed;
-        return line_.empty() ? LineEnd::kNothing : LineEnd::kOpen;
-      }
-      input_.clear();
-    }
-  }
-
- private:
-  static constexpr std::size_t kPieceBytes = 64U << 10U;
-
-  std::istream& input_;
-  std::vector<char> piece_;
-  std::string line_;
-};
 
 /// The state of one pass over a report.
 class ReportPass {

@@ -66,9 +66,6 @@ enum class ReportEnd {
   kNotAReport,  ///< the first line is not a report's; nothing was delivered
 };
 
-/// The longest line; the deepest stack of long names takes less. A longer line is damaged.
-inline constexpr std::size_t kMaxLineBytes = 64U << 20U;
-
 /// Reads a report from `input` in one pass, in memory of one group and one line. Fills `header`
 /// with the figures of the head, 0 for missing or damaged lines. Delivers each damaged line and
 /// each missing line of the head once. A Java-native group with a damaged line is not delivered,

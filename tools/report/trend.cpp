@@ -91,11 +91,18 @@ std::optional<std::int64_t> GroupTrend::Growth() const {
 
 void Trends::Add(double seconds, const Profile& profile) {
   seconds_.push_back(seconds);
-  const std::vector<std::size_t> indices = matcher_.Add(profile);
+  if (!matcher_) matcher_.emplace(/*by_size=*/!profile.head);
+  const std::vector<std::size_t> indices = matcher_->Add(profile);
   for (std::size_t i = 0; i < indices.size(); ++i) {
-    if (indices[i] != groups_.size()) continue;
     const Group& group = profile.groups[i];
-    GroupTrend& trend = groups_.emplace_back(GroupTrend{.kind = group.kind, .size = group.size});
+    if (indices[i] != groups_.size()) {
+      GroupTrend& known = groups_[indices[i]];
+      known.size = std::min(known.size, group.size);
+      known.max_size = std::max(known.max_size, group.max_size);
+      continue;
+    }
+    GroupTrend& trend = groups_.emplace_back(
+        GroupTrend{.kind = group.kind, .size = group.size, .max_size = group.max_size});
     for (const std::uint32_t index : group.stack) {
       const Frame& frame = profile.frames[index];
       trend.stack.push_back(FrameName(profile, frame));
@@ -107,7 +114,8 @@ void Trends::Add(double seconds, const Profile& profile) {
 
 std::vector<GroupTrend> Trends::Result() const {
   std::vector<GroupTrend> result = groups_;
-  std::vector<MatchedGroup> matched = matcher_.Result();
+  if (!matcher_) return {};
+  std::vector<MatchedGroup> matched = matcher_->Result();
   for (std::size_t i = 0; i < result.size(); ++i) {
     result[i].values = std::move(matched[i].values);
     result[i].line = LineOf(result[i], seconds_);

@@ -34,7 +34,8 @@ std::optional<Line> FitLine(const std::vector<Point>& points);
 /// A group through all reports.
 struct GroupTrend {
   GroupKind kind = GroupKind::kNative;
-  std::uint64_t size = 0;               ///< bytes of one block
+  std::uint64_t size = 0;               ///< bytes of the smallest block
+  std::uint64_t max_size = 0;           ///< bytes of the largest block
   std::vector<std::string> stack = {};  ///< names, innermost first
   std::vector<std::string> libraries =
       {};                               ///< their file names, by index in `stack`; empty for none
@@ -75,8 +76,8 @@ class Trends {
   std::vector<GroupTrend> Result() const;
 
  private:
-  GroupMatcher matcher_;
-  std::vector<GroupTrend> groups_;  // by index in the matcher; without values and lines
+  std::optional<GroupMatcher> matcher_;  // from the first report on
+  std::vector<GroupTrend> groups_;       // by index in the matcher; without values and lines
   std::vector<double> seconds_;
 };
 

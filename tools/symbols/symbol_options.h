@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where to search for symbols.
+// Where to search for symbols, and which functions to leave out.
 #pragma once
 
 #include <string>
@@ -13,7 +13,10 @@ struct SymbolOptions {
   std::string sysroot = {};                   ///< copy of a device's file system; may be empty
   bool dirs_first = false;  ///< prefer libraries in symbol_dirs to sysroot and machine
   bool debuginfod = false;  ///< also ask the servers in DEBUGINFOD_URLS
-  bool progress = false;    ///< show a progress bar if it takes long
+  /// Expression for functions that are left out at the inner end of stacks, in addition to the
+  /// known wrappers of allocators; may be empty.
+  std::string skip = {};
+  bool progress = false;  ///< show a progress bar if it takes long
 };
 
 }  // namespace memleak

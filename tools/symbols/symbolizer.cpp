@@ -111,8 +111,10 @@ std::string MissingFileHint(const std::string& name, const std::string& build_id
 }  // namespace
 
 Symbolizer::Symbolizer(std::string library, const SymbolOptions& options,
-                       const std::vector<std::uint64_t>& offsets)
-    : name_(std::move(library)), file_(FindLibraryFile(name_, options)) {
+                       const std::vector<std::uint64_t>& offsets, std::string build_id)
+    : name_(std::move(library)),
+      file_(FindLibraryFile(name_, options)),
+      build_id_(std::move(build_id)) {
   for (const std::string& directory : options.symbol_dirs) {
     search_path_ += fs::absolute(directory).string() + ":";
   }
@@ -137,7 +139,12 @@ void Symbolizer::Open(const std::vector<std::uint64_t>& offsets) {
     module_ = nullptr;
     return;
   }
-  build_id_ = BuildIdOf(elf);
+  std::string found = BuildIdOf(elf);
+  if (!build_id_.empty() && found != build_id_) {
+    module_ = nullptr;  // the library was replaced since
+    return;
+  }
+  build_id_ = std::move(found);
   code_ = CodeRanges(elf, GuessPageBytes(elf, offsets));
 }
 
@@ -176,11 +183,16 @@ ResolvedAddress Symbolizer::Resolve(std::uint64_t offset) {
   if (module_ == nullptr) return {};
   Load();
   const std::optional<std::uint64_t> address = AddressOf(offset);
-  if (!address) return {};
-  ResolvedAddress resolved{.address = *address, .symbols = {}};
-  if (dwarf_) resolved.symbols = dwarf_->Find(*address + bias_ - dwarf_bias_);
+  return address ? ResolveAddress(*address) : ResolvedAddress{};
+}
+
+ResolvedAddress Symbolizer::ResolveAddress(std::uint64_t address) {
+  ResolvedAddress resolved{.address = address, .symbols = {}};
+  if (module_ == nullptr) return resolved;
+  Load();
+  if (dwarf_) resolved.symbols = dwarf_->Find(address + bias_ - dwarf_bias_);
   if (!resolved.symbols.empty() && !resolved.symbols.back().function.empty()) return resolved;
-  if (const char* name = symbols_->Find(*address + bias_)) {
+  if (const char* name = symbols_->Find(address + bias_)) {
     if (resolved.symbols.empty()) resolved.symbols.emplace_back();
     resolved.symbols.back().function = Demangle(name);
   }

@@ -31,16 +31,19 @@ struct ResolvedAddress {
 class Symbolizer {
  public:
   /// Opens the library of a mapping with the name `library` in a report. `offsets` are those that
-  /// will be resolved, to guess the machine's page size; may be empty. Without `options.debuginfod`
-  /// the variable DEBUGINFOD_URLS is removed from the environment.
+  /// will be resolved, to guess the machine's page size; may be empty. A file with another build id
+  /// than `build_id`, unless that is empty, is not used. Without `options.debuginfod` the variable
+  /// DEBUGINFOD_URLS is removed from the environment.
   explicit Symbolizer(std::string library, const SymbolOptions& options = {},
-                      const std::vector<std::uint64_t>& offsets = {});
+                      const std::vector<std::uint64_t>& offsets = {}, std::string build_id = "");
   ~Symbolizer() { dwfl_end(session_); }
   Symbolizer(const Symbolizer&) = delete;
   Symbolizer& operator=(const Symbolizer&) = delete;
 
   /// The code `offset` bytes into the executable mapping.
   ResolvedAddress Resolve(std::uint64_t offset);
+  /// The code at an address in the file.
+  ResolvedAddress ResolveAddress(std::uint64_t address);
 
   /// Whether the library was found, and which file is missing.
   LibraryState State();

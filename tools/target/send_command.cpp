@@ -31,7 +31,7 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kPoll(20);
+constexpr milliseconds kAnswerPoll(20);
 // A thread that runs answers earlier, unless it is busy.
 constexpr milliseconds kBellAgain(200);
 // How long a process gets to start the thread: until its next call of an allocator function.
@@ -86,7 +86,7 @@ class PostedCommand {
                           "move the root directory to a file system with locks");
         }
         command.CheckPatience();
-        std::this_thread::sleep_for(kPoll);
+        std::this_thread::sleep_for(kAnswerPoll);
       }
     }
     ~Lock() { flock(file_, LOCK_UN); }
@@ -113,7 +113,7 @@ class PostedCommand {
         line.Show("waiting for " + process_.Label() + "  " + FormatDuration(Waited()));
       }
       timespec wait{};
-      wait.tv_nsec = std::chrono::nanoseconds(kPoll).count();
+      wait.tv_nsec = std::chrono::nanoseconds(kAnswerPoll).count();
       syscall(SYS_futex, FutexOf(state_->done), FUTEX_WAIT, static_cast<std::uint32_t>(done), &wait,
               nullptr, 0);
     }

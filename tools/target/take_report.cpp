@@ -23,7 +23,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kPoll(20);
+constexpr milliseconds kReportPoll(20);
 
 /// Waits for a report of a process.
 class ReportWait {
@@ -56,7 +56,7 @@ class ReportWait {
                 : "wait longer with --timeout, or check that the process may write there");
       }
       line.Show(Progress());
-      std::this_thread::sleep_for(kPoll);
+      std::this_thread::sleep_for(kReportPoll);
     }
   }
 

@@ -78,7 +78,8 @@ std::string FormatGroup(const Group& group, const GroupChange& change) {
   std::ostringstream text;
   text << std::left << std::setw(6) << ChangeName(change.change) << " "
        << FormatBytes(change.before.total) << " -> " << FormatBytes(change.after.total) << ", "
-       << Sign(blocks) << Counted(Magnitude(blocks), "block") << " of " << FormatBytes(group.size);
+       << Sign(blocks) << Counted(Magnitude(blocks), "block") << " of "
+       << FormatSizes(group.size, group.max_size);
   if (group.kind == GroupKind::kJava) text << ", Java-native";
   return text.str();
 }
@@ -120,6 +121,7 @@ void PrintStacks(const Difference& difference, const std::vector<StackRow>& rows
 
 // Whether a line of the head is damaged, so that its figures read as 0.
 bool HeadIsDamaged(const Profile& profile) {
+  if (profile.head) return false;  // its figures are not in the head
   constexpr std::uint64_t kHeadLines = 5;
   return std::any_of(profile.damaged.begin(), profile.damaged.end(),
                      [](const DamagedLine& line) { return line.number <= kHeadLines; });
@@ -214,7 +216,7 @@ void PrintNotJudged(const Profile& before, const Profile& after, const Differenc
 
 // The tracker writes the same head for no groups and for more than it can sort.
 void PrintEmpty(const char* label, const Profile& profile, std::ostream& out) {
-  if (profile.header.groups != 0 || HeadIsDamaged(profile)) return;
+  if (profile.head || profile.header.groups != 0 || HeadIsDamaged(profile)) return;
   out << "The " << label << " report counts no group: there was none, or more than 60,000.\n";
 }
 

@@ -22,20 +22,41 @@ std::string InGroups(const Sums& sums) {
   return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "group");
 }
 
+// What the profile is of: program, process, time and duration.
+void PrintProcess(const ProfileHead& head, std::ostream& out) {
+  out << FitWidth(LastPart(head.program), 40) << " (pid " << head.pid << " on "
+      << FitWidth(head.host, 20) << "), " << FormatDate(head.written) << ", recorded for "
+      << FormatAge(head.written - head.since) << "\n";
+  std::string arguments;
+  for (const std::string& argument : head.arguments) arguments += " " + argument;
+  if (!arguments.empty()) out << " " << FitWidth(arguments, kColumns - 1) << "\n";
+}
+
 void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
-  out << "Report " << FitWidth(profile.path, kColumns - 7) << "\n";
+  if (profile.head) PrintProcess(*profile.head, out);
+  out << (profile.head ? "Profile " : "Report ") << FitWidth(profile.path, kColumns - 8) << "\n";
   if (profile.complete && profile.header.groups == 0 && profile.groups.empty()) {
     out << "  " << kNothingHeld << "\n";
     return;
   }
   const std::string held = FormatBytes(profile.header.total_bytes) + " held (" +
                            Counted(profile.header.total_bytes, "byte") + ")";
-  const std::string groups =
-      "in " + Counted(profile.header.groups, "group") + " of one size and one stack";
   const std::string depth =
       "with at most " + Counted(profile.header.backtrace_size, "frame") + " each";
+  if (profile.head) {
+    out << OneLineOrTwo("  " + held, "in " + Counted(listed.blocks, "block")) << "\n"
+        << OneLineOrTwo("  from " + Counted(listed.groups, "call stack"), depth) << "\n";
+    if (profile.head->unrecorded != 0) {
+      out << "  without " << Counted(profile.head->unrecorded, "block")
+          << " that could not be recorded for lack of memory\n";
+    }
+    return;
+  }
+  const std::string groups =
+      "in " + Counted(profile.header.groups, "group") + " of one size and one stack";
   out << OneLineOrTwo("  " + held, groups) << "\n"
-      << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n";
+      << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n"
+      << "  A report does not tell its program, all ages, or more than 1000 groups.\n";
 }
 
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {
@@ -44,9 +65,9 @@ std::string Ages(const Group& group, const ViewOptions& options, std::int64_t sp
   const std::string about = group.own_ages ? "" : "about ";
   std::string text = "  age " + about + FormatAge(*youngest);
   if (*youngest != *oldest) text += ".." + FormatAge(*oldest);
-  if (group.own_ages && group.ages.size() < group.count)
+  if (group.own_ages && !group.IsExact() && group.ages.size() < group.count)
     text += " (" + std::to_string(group.ages.size()) + " of them)";
-  if (options.selection.older_than) {
+  if (options.selection.older_than && !group.IsExact()) {
     const auto old = std::count_if(group.ages.begin(), group.ages.end(), [&](std::int64_t age) {
       return age >= *options.selection.older_than;
     });
@@ -89,7 +110,8 @@ void PrintGroup(const Section& section, std::size_t number, const Group& group, 
   const Paint paint(section.options.color);
   const std::string bytes = FormatBytes(group.total);
   const std::string rest = "  " + Percent(group.total, section.whole) + "  " +
-                           Counted(group.count, "block") + " of " + FormatBytes(group.size);
+                           Counted(group.count, "block") + " of " +
+                           FormatSizes(group.size, group.max_size);
   const std::string ages = Ages(group, section.options, span);
   const std::string label = section.mark + std::to_string(number) + "  ";
   const bool fits = Columns(label + bytes + rest + ages) <= kColumns;

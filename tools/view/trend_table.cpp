@@ -51,7 +51,7 @@ void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) 
   const std::optional<std::int64_t> growth = group.Growth();
   out << "#" << number << "  " << (growth ? FormatGrowth(static_cast<double>(*growth)) : "?")
       << "  " << SlopeText(group) << "\n     " << CountText(group.values.front()) << " -> "
-      << BlocksText(group.values.back()) << " of " << FormatBytes(group.size);
+      << BlocksText(group.values.back()) << " of " << FormatSizes(group.size, group.max_size);
   if (group.kind == GroupKind::kJava) out << ", Java-native";
   if (group.Known() < group.values.size()) {
     out << ", known in " << group.Known() << " of " << group.values.size() << " reports";

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// The program and the libraries that were loaded while recording. Linux only.
+//
+// An object is entered when a report is written, or before a dlclose that follows its loading. So
+// recording itself costs nothing. An object that the C library unloads without dlclose is noticed
+// late: backtraces in its successor may be taken for its own.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace profile {
+
+struct Segment {
+  std::uint64_t begin;
+  std::uint64_t end;
+  std::uint64_t offset;  ///< in the file
+};
+
+/// One loaded object. All members but `until` are constant.
+struct Object {
+  static constexpr std::size_t kMaxSegments = 8;
+  static constexpr std::size_t kMaxBuildId = 32;
+
+  std::uint64_t bias;  ///< addresses in memory minus addresses in the file
+  std::uint64_t begin;
+  std::uint64_t end;
+  std::uint64_t identity;  ///< digest of its name and build id
+  /// 0 while the object is loaded. Otherwise the first CodeVersion without it. A backtrace belongs,
+  /// at each pc, to the object with the lowest `until` above the backtrace's version.
+  std::atomic<std::uint32_t> until;
+  std::uint32_t sweep;  ///< for UpdateObjects: the last one that found it
+  std::uint32_t segment_count;
+  std::uint32_t build_id_bytes;
+  Segment segments[kMaxSegments];
+  unsigned char build_id[kMaxBuildId];
+  const char* path;  ///< as in /proc/self/maps; constant once the object is counted
+
+  bool Contains(std::uint64_t pc) const { return pc >= begin && pc < end; }
+};
+
+/// The objects, ObjectCount() of them. Entries are never removed. Any thread.
+const Object* Objects();
+std::size_t ObjectCount();
+
+/// Enters new objects and marks those that are gone as closed at `version`. Returns whether any is
+/// closed now. Not for signal handlers. Takes the dynamic linker's lock, so the caller holds no
+/// lock of the store. Allocates with mmap only.
+bool UpdateObjects(std::uint32_t version);
+
+/// Frees the list's lock in a forked child.
+void FreeObjectsLockInChild();
+
+}  // namespace profile

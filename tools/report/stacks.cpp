@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/report/stacks.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace memleak {
+namespace {
+
+struct StackHash {
+  std::size_t operator()(const std::vector<std::uint32_t>& stack) const {
+    std::size_t hash = stack.size();
+    for (const std::uint32_t frame : stack) hash = (hash ^ frame) * 0x9e3779b97f4a7c15U;
+    return hash ^ (hash >> 32U);
+  }
+};
+
+}  // namespace
+
+void FoldWrappers(const Wrappers& wrappers, Profile* profile) {
+  std::vector<bool> is_wrapper;
+  for (const Frame& frame : profile->frames)
+    is_wrapper.push_back(wrappers.Contains(frame.function));
+  for (Group& group : profile->groups) {
+    const auto caller = std::find_if(group.stack.begin(), group.stack.end(),
+                                     [&](std::uint32_t frame) { return !is_wrapper[frame]; });
+    if (caller != group.stack.end()) group.stack.erase(group.stack.begin(), caller);
+  }
+}
+
+void MergeStacks(Profile* profile) {
+  std::unordered_map<std::vector<std::uint32_t>, std::size_t, StackHash> known;
+  std::vector<Group> merged;
+  for (Group& group : profile->groups) {
+    const auto [at, added] = known.try_emplace(group.stack, merged.size());
+    if (added) {
+      merged.push_back(std::move(group));
+    } else {
+      merged[at->second].Merge(group);
+    }
+  }
+  std::ranges::stable_sort(merged, std::greater(), &Group::total);
+  profile->groups = std::move(merged);
+}
+
+}  // namespace memleak

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+// Changes the stacks of a symbolized profile. Single-threaded.
+#pragma once
+
+#include "tools/report/model.h"
+#include "tools/report/wrappers.h"
+
+namespace memleak {
+
+/// Removes the inner frames that are wrappers of allocators, unless all frames are.
+void FoldWrappers(const Wrappers& wrappers, Profile* profile);
+
+/// Merges the groups with the same frames, and sorts the groups by bytes. For profiles, whose
+/// stacks may differ only in the wrappers that were removed.
+void MergeStacks(Profile* profile);
+
+}  // namespace memleak
