@@ -18,8 +18,8 @@ std::atomic<int> blocked_in_thread{-1};
 void* Churn(void*) {
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-  blocked_in_thread = sigismember(&mask, 44);
   for (int i = 0; i < 200000; ++i) free(malloc(static_cast<size_t>(i % 5000 + 1)));
+  blocked_in_thread = sigismember(&mask, 44);
   return nullptr;
 }
 
@@ -38,7 +38,7 @@ __attribute__((destructor)) void Destruct() {
 
 }  // namespace
 
-/// Whether the early thread blocks the control signal; -1 before it has run.
+/// Whether the early thread blocks the control signal; -1 before it has ended.
 extern "C" int busy_library_thread_blocked() {
   return blocked_in_thread;
 }

@@ -201,6 +201,9 @@ int Commands() {
 
 /// Commands that arrive at any moment of an exit neither kill nor block the process.
 int ExitStorm() {
+  // The emulator crashes when a child of a process with threads starts one.
+  while (busy_library_thread_blocked() < 0) usleep(1000);
+  usleep(100'000);
   for (int round = 0; round < 15; ++round) {
     const pid_t child = fork();
     if (child == 0) {
