@@ -61,8 +61,10 @@ inline siginfo_t MakeRecord(int signal, const Command& command) {
 /// Backtrace types: a frame-pointer walk, and the unwinder, which reads tables.
 inline constexpr char kUnwindFramePointers = '0';
 inline constexpr char kUnwindTables = '1';
-/// Frames per record if no property sets the number, and the maximum in a parameter word.
+/// Frames per record if no property sets the number, those that the controller sets on Linux, and
+/// the maximum in a parameter word.
 inline constexpr std::uint32_t kDefaultDepth = 10;
+inline constexpr std::uint32_t kDefaultDepthOnLinux = 32;
 inline constexpr std::uint32_t kMaxDepth = 0xffff;
 
 /// The parameter word: the backtrace size (at most kMaxDepth) in bits 31 to 16, the backtrace type

@@ -86,7 +86,7 @@ BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& opt
   BacktraceSettings wanted{options.depth, options.type};
   if (stored.is_unset) {
     wanted.type = wanted.type.value_or(DefaultType(process));
-    wanted.depth = wanted.depth.value_or(protocol::kDefaultDepth);
+    wanted.depth = wanted.depth.value_or(DefaultDepth());
   }
   const std::string updated = UpdateProperties(stored.text, wanted);
   if (wanted.depth || wanted.type) WriteSettings(process, updated);

@@ -50,7 +50,9 @@ void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const char
 
 void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
                          std::optional<char>* type) {
-  AddDepth(command, depth, "Frames kept per allocation");
+  AddDepth(
+      command, depth,
+      ("Frames kept per allocation (default: " + std::to_string(DefaultDepth()) + ")").c_str());
   AddChoice<char>(command, "--unwind", type,
                   {{"fp", protocol::kUnwindFramePointers}, {"dwarf", protocol::kUnwindTables}},
                   "By frame pointers (default on aarch64) or\n"

@@ -11,6 +11,7 @@
 #include "tools/base/user_error.h"
 #include "tools/commands/on.h"
 #include "tools/commands/options.h"
+#include "tools/report/profile_parser.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
 #include "tools/target/recording.h"
@@ -69,6 +70,39 @@ struct ReportOptions {
   bool keep_recording = false;   ///< native heap only
 };
 
+// Prints how many groups a report has. Returns their bytes.
+std::uint64_t PrintGroups(const std::string& path) {
+  ReportHeader header;
+  ReadReportFile(path, {}, &header);
+  std::cout << "groups  " << FormatCount(header.groups);
+  if (header.listed < header.groups) {
+    std::cout << " (the largest " << header.listed << " are listed)";
+  }
+  if (header.groups == 0) std::cout << "\n        " << kNothingHeld;
+  std::cout << "\n";
+  return header.total_bytes;
+}
+
+// Prints how many blocks and stacks a profile has. Returns their bytes.
+std::uint64_t PrintStacks(const std::string& path, const std::string& shown) {
+  std::uint64_t stacks = 0;
+  std::uint64_t blocks = 0;
+  std::uint64_t bytes = 0;
+  ProfileSink sink;
+  sink.stack = [&](const ProfileStack& stack) {
+    ++stacks;
+    blocks += stack.blocks;
+    bytes += stack.bytes;
+  };
+  ProfileHead head;
+  ReadProfileFile(path, sink, &head);
+  std::cout << "profile " << shown << "\n"
+            << "blocks  " << FormatCount(blocks) << " from " << Counted(stacks, "call stack");
+  if (stacks == 0) std::cout << "\n        " << kNothingHeld;
+  std::cout << "\n";
+  return bytes;
+}
+
 int Report(const ReportOptions& options) {
   if (options.keep_recording && !options.kind->IsNative()) {
     throw UserError(std::string("--keep-recording does not work with --kind ") +
@@ -83,16 +117,12 @@ int Report(const ReportOptions& options) {
       TakeReport(process, word, options.timeout_s, OldReport::kRename);
   const std::string path = process.ReportPath();
 
-  ReportHeader header;
-  ReadReportFile(path, {}, &header);
-  std::cout << "report  " << process.Shown(path) << "\n"
-            << "groups  " << FormatCount(header.groups);
-  if (header.listed < header.groups) {
-    std::cout << " (the largest " << header.listed << " are listed)";
-  }
-  if (header.groups == 0) std::cout << "\n        " << kNothingHeld;
-  std::cout << "\nbytes   " << FormatCount(header.total_bytes) << " ("
-            << FormatBytes(header.total_bytes) << ")\n"
+  std::cout << "report  " << process.Shown(path) << "\n";
+  bool other = false;
+  const std::string profile = ProfileBeside(path, &other);
+  const std::uint64_t bytes =
+      profile.empty() ? PrintGroups(path) : PrintStacks(profile, process.Shown(profile));
+  std::cout << "bytes   " << FormatCount(bytes) << " (" << FormatBytes(bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
   const std::string fetch = FetchCommand(path);
   if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";

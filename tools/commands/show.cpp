@@ -16,17 +16,18 @@ namespace memleak {
 namespace {
 
 constexpr const char* kShowHelp = R"(
-Prints what a report holds: bytes, blocks and ages, and the call stacks with
-function, file and line where symbols exist. REPORT is the file, the root
-directory that contains it, or a JSON document of `memleak export`. Groups that
-are not shown are summed up below the view. For programs, write JSON with
+Prints what a profile or report holds: bytes, blocks and ages, and the call
+stacks with function, file and line where symbols exist. REPORT is the file, the
+root directory that contains it, or a JSON document of `memleak export`. The
+profile that belongs to a report is read instead of it. Groups that are not
+shown are summed up below the view. For programs, write JSON with
 `memleak export --format json`.
 
---by group lists the blocks of one size with one stack. --by library and
-function sum up the groups: "bytes" counts all that they call, "self" the
-innermost frame only. --by tree goes from the outermost call inwards, callers
-from the allocating call outwards. --sort orders groups, sums and branches; size
-is that of one block.
+--by group lists the blocks with one stack; in a report, those of one size with
+one stack. --by library and function sum up the groups: "bytes" counts all that
+they call, "self" the innermost frame only. --by tree goes from the outermost
+call inwards, callers from the allocating call outwards. --sort orders groups, sums
+and branches; size is that of one block, on average.
 
 --filter takes a POSIX extended regular expression, as grep -E does, and finds
 it anywhere in a name. Case matters: write [Ff]oo for either. A digit is [0-9],
@@ -39,6 +40,10 @@ both the first and the last quarter of the time that the report covers,
 first. A report lists at most 30 ages of a stack. If they may be those of blocks
 of other sizes with the same stack, the ages are printed with "about" and the
 word with "perhaps", and --older-than may keep or drop the group wrongly.
+
+Functions that only pass memory on, such as operator new, xmalloc, g_malloc and
+PyObject_Malloc, are left out where memory is allocated. --skip takes an
+expression for more of them.
 
 Source lines come from the libraries and from debug files (by build id, debug
 link or name) in --symbols and /usr/lib/debug. --debuginfod asks servers too.

@@ -174,7 +174,7 @@ std::string Properties(const RunOptions& options, const TargetProgram& program,
   // x86-64 system libraries keep no frame pointers.
   const char type = program.image.machine == EM_AARCH64 ? protocol::kUnwindFramePointers
                                                         : protocol::kUnwindTables;
-  const BacktraceSettings settings = {options.depth.value_or(protocol::kDefaultDepth),
+  const BacktraceSettings settings = {options.depth.value_or(protocol::kDefaultDepthOnLinux),
                                       options.type.value_or(type)};
   return AddHooks(options, UpdateProperties(ReadProperties(root).value_or(""), settings));
 }

@@ -4,6 +4,7 @@
 // programs under the loader, site_android.cpp for the device edition. Single-threaded.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,9 @@ std::string LogPlace(const ProcessInfo& process);
 
 /// The command that copies the report at `path` to the host; empty if it is there already.
 std::string FetchCommand(const std::string& path);
+
+/// The frames per record that "on" sets for a process without settings.
+std::uint32_t DefaultDepth();
 
 /// Parts of messages.
 struct SiteAdvice {

@@ -67,6 +67,10 @@ std::string FetchCommand(const std::string& path) {
   return "adb pull " + path;
 }
 
+std::uint32_t DefaultDepth() {
+  return protocol::kDefaultDepth;
+}
+
 const SiteAdvice& Advice() {
   static constexpr SiteAdvice kAdvice = {"pidof NAME (as root: other users see only their own)",
                                          "run it as root or as the app's user (run-as)",

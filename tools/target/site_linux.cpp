@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Programs under the loader. Their state file names their other files.
+#include "protocol/protocol.h"
 #include "tools/target/find_state.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/site.h"
@@ -33,6 +34,10 @@ std::string LogPlace(const ProcessInfo& process) {
 
 std::string FetchCommand(const std::string& /*path*/) {
   return "";
+}
+
+std::uint32_t DefaultDepth() {
+  return protocol::kDefaultDepthOnLinux;
 }
 
 const SiteAdvice& Advice() {
