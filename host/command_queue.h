@@ -14,7 +14,7 @@ namespace host {
 using protocol::Command;
 
 /// Commands that the ring holds at most. Later ones are dropped until some are carried out.
-inline constexpr uint32_t kRingCommands = 4096;
+inline constexpr uint32_t kRingCommands = 1 << 14;
 
 /// Appends a command. `ticket` is 0, or what CarriedOut receives later. Returns false if the ring
 /// is full. Safe in signal handlers.
