@@ -172,10 +172,10 @@ ProcessInfo WithOwnState(ProcessInfo process) {
   RingBell(process);
   while (process.has_state_of_parent) {
     if (steady_clock::now() >= deadline) {
-      throw UserError(
-          "process " + process.Label() +
-              ", a forked child, has not made a state file yet; nothing was sent",
-          "try again when it has called an allocator function, or see its error output");
+      throw UserError("process " + process.Label() +
+                          ", a forked child, has made no state file; nothing was sent",
+                      "start the program with a root directory that user " +
+                          std::to_string(process.user) + " can make, such as --root /tmp/NAME.%p");
     }
     std::this_thread::sleep_for(kStartPoll);
     process = InspectProcess(process.pid);
