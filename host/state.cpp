@@ -96,7 +96,7 @@ bool RemoveStale(int directory, const char* name) {
 
 /// Creates the file and writes its path to `file_path`. Returns a descriptor, or -1.
 int CreateFile() {
-  size_t length = platform::RootedPath(protocol::kStatePath, file_path);
+  const size_t length = platform::RootedPath(protocol::kStatePath, file_path);
   const size_t root_bytes = length - strlen(protocol::kStatePath);
   protocol::Refusal refusal;
   const int directory =
@@ -109,9 +109,9 @@ int CreateFile() {
   }
   if (file < 0) {
     static char suffix[platform::kPathBytes];
-    length += platform::ExpandPath(".%p", "", suffix);
-    if (length < platform::kPathBytes) {
-      strcat(file_path, suffix);
+    const size_t bytes = platform::ExpandPath(".%p", "", suffix) + 1;
+    if (length + bytes <= platform::kPathBytes) {
+      memcpy(file_path + length, suffix, bytes);
       if (RemoveStale(directory, name)) {
         file = protocol::OpenFile(directory, name, protocol::Use::kCreate, refusal);
       }
