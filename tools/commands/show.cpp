@@ -26,8 +26,8 @@ shown are summed up below the view. For programs, write JSON with
 --by group lists the blocks with one stack; in a report, those of one size with
 one stack. --by library and function sum up the groups: "bytes" counts all that
 they call, "self" the innermost frame only. --by tree goes from the outermost
-call inwards, callers from the allocating call outwards. --sort orders groups, sums
-and branches; size is that of one block, on average.
+call inwards, callers from the allocating call outwards. --sort orders groups,
+sums and branches; size is that of one block, on average.
 
 --filter takes a POSIX extended regular expression, as grep -E does, and finds
 it anywhere in a name. Case matters: write [Ff]oo for either. A digit is [0-9],

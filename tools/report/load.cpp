@@ -235,7 +235,8 @@ void ProfileBuilder::Resolve(const SymbolOptions& options) {
     library->build_id = std::move(state.build_id);
     library->hint = std::move(state.hint);
     // A profile tells builds apart by their ids.
-    library->newer = state.changed > profile_->made && !(profile_->head && library->build_id != "");
+    const bool by_time = !profile_->head || library->build_id.empty();
+    library->newer = by_time && state.changed > profile_->made;
   }
   for (Group& group : profile_->groups) {
     std::vector<std::uint32_t> stack;

@@ -54,7 +54,9 @@ export function ageChart(group: Group, span: number): HTMLElement {
     chart.append(bar);
   }
   const known = group.ages.length;
-  const sample = !group.ownAges
+  const sample = group.ageCounts?.length
+    ? `The youngest and the oldest of ${plural(group.count, "block")}`
+    : !group.ownAges
     ? `Ages of ${plural(known, "block")} with this stack, perhaps of other sizes`
     : known < group.count
       ? `Ages of ${known} of ${formatCount(group.count)} blocks`

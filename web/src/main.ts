@@ -69,7 +69,7 @@ class Page {
         this.libraryLegend,
         this.changeLegend,
         el("h2", {}, "Groups"),
-        el("p", { class: "hint" }, "Blocks of one size with one stack. A row opens to its stack."),
+        el("p", { class: "hint" }, "Blocks with one stack, in a report of one size. A row opens to its stack."),
         this.tableControls(),
         this.table.element,
       ),

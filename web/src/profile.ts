@@ -48,10 +48,12 @@ export type Status = "grew" | "shrank" | "new" | "gone" | "same" | "unknown";
 
 export interface Group {
   kind: "native" | "java";
-  size: number;
+  size: number; // of the smallest block
+  maxSize?: number; // of the largest block; absent in documents of older programs
+  ageCounts?: number[]; // blocks by age: of a profile, empty for a report
   count: number;
   total: number;
-  ages: number[]; // seconds, at most 30
+  ages: number[]; // seconds, at most 30; of a profile the lowest and the highest
   /** The ages are certainly those of this group's blocks; absent in documents of older programs. */
   ownAges?: boolean;
   pattern?: Pattern; // absent in documents of older programs

@@ -23,6 +23,11 @@ interface Column {
   text: (group: Group) => string;
 }
 
+/** "48 B", or "100 B–4.9 KiB". */
+function sizeText({ size, maxSize = size }: Group): string {
+  return maxSize > size ? `${formatBytes(size)}–${formatBytes(maxSize)}` : formatBytes(size);
+}
+
 export class GroupTable {
   readonly element: HTMLElement;
   private readonly columns: Column[];
@@ -74,7 +79,7 @@ export class GroupTable {
       {
         ...{ key: "size", title: "Size", hint: "Bytes of one block", number: true },
         value: (group) => group.size,
-        text: (group) => formatBytes(group.size),
+        text: sizeText,
       },
     ];
     if (this.profile.isDiff) {
@@ -287,7 +292,9 @@ export class GroupTable {
     const held = ({ count, total }: { count: number; total: number }) =>
       `${plural(count, "block")}, ${formatCount(total)} bytes`;
     const kind = group.kind === "java" ? "Java-native: " : "";
-    const text = `${kind}${held(group)}, of ${plural(group.size, "byte")} each`;
+    const largest = group.maxSize ?? 0;
+    const range = largest > group.size ? `${formatCount(group.size)} to ${formatCount(largest)} bytes` : "";
+    const text = `${kind}${held(group)}, of ${range || plural(group.size, "byte")} each`;
     if (!this.profile.isDiff || !group.before) return text;
     const judged = group.status === "unknown" ? ". Not judged: one report omits groups" : "";
     return `${text}; before: ${held(group.before)}${judged}.`;
