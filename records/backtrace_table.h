@@ -187,6 +187,8 @@ class BacktraceTable {
     return Rebuild(sweeps);
   }
 
+  /// Whether there was no backtrace since the last clear. Any thread.
+  bool IsEmpty() const { return buckets_.load(std::memory_order_acquire) == nullptr; }
   /// Number of backtraces in the table. The caller keeps all record operations out.
   std::uint64_t size() const { return used_; }
 

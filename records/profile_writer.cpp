@@ -68,7 +68,7 @@ std::size_t ReadFile(const char* path, char* buffer, std::size_t bytes) {
 void ObserveUnload(bool closed) {
   // Without backtraces, no code has to be told apart. A stale answer is right: this thread's own
   // captures are in the table.
-  if (backtraces.size() == 0) return;
+  if (backtraces.IsEmpty()) return;
   const std::uint32_t version = CodeVersion();
   if (!UpdateObjects(version) || !closed) return;
   const InsideStore inside;

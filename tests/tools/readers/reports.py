@@ -257,4 +257,47 @@ def builds():
         assert "use --sysroot" in out, "of the later report"
 
 
+def profiles():
+    """A profile is read in place of its report. Wrappers are left out, code of a just-in-time
+    compiler has its names, and damaged lines are left out with what depends on them."""
+    report = memleak.write("allocations_dump", memleak.text([], total=0))
+    with open(report, "rb") as file:
+        content = file.read()
+    digest = 0xCBF29CE484222325
+    for byte in content:
+        digest = (digest ^ byte) * 0x100000001B3 % 2**64
+    pid = 2**31 + os.getpid()  # of no process
+    stacks = ["s 30 3 5 20 1 9 0:1,1:2 0 1 2 3", "s 8 1 8 8 4 4 1:1 2 1", "s x", "s 9 1 9 9 4 4 1:1 1"]
+
+    def profile(lines, end):
+        return memleak.write("profile", "\n".join([
+            "memleak profile 1", "library 1", "program /bin/a\\x20b", "arguments a\\x20b \\ c",
+            f"pid {pid}", "host h", "started 0", "written 9", "since 2", "kinds native",
+            "unwind tables", "depth 32", "unrecorded 0", f"report {len(content)} {digest:x}",
+            "ages 0 4", "object 7f0000001000 - 7f0000001000-7f0000009000@0 /no/lib.so",
+            "f 0 10010", "f 0 20010", "f 1 7f0000002abc", *lines, end, ""]))
+
+    profile(stacks[:2], "end 2")
+    map_file = f"/tmp/perf-{pid}.map"
+    with open(map_file, "w") as file:
+        file.write("10000 40 operator new(unsigned long)\n20000 40 Leak /a.js:1\n")
+    try:
+        out = memleak.run("show", report)[0]
+        skipped = memleak.run("show", report, "--skip", "^Leak")[0]
+    finally:
+        os.remove(map_file)
+    assert out.startswith(f"a b (pid {pid} on h), ") and "recorded for 7s" in out, out
+    assert "#1  38 B  100.0 %  4 blocks of 5 B to 20 B  age 1s..9s  growing\n     Leak" in out, out
+    assert "lib.so+0x1abc\n" in out and "operator new" not in out, out
+    assert "Leak" not in skipped and "     lib.so+0x1abc\n" in skipped, skipped
+    assert "No group is known to have changed" in memleak.run("diff", report, report)[0]
+    profile(stacks, "end 4")
+    document = memleak.read(report)
+    assert document["report"]["damaged"] == [22, 23] and document["totals"]["bytes"] == 38
+    profile(stacks, "end 5")
+    assert "truncated" in memleak.run("show", report, code=2)[1]
+    memleak.write("allocations_dump", memleak.text([line(4, 1, [])], total=4))
+    assert "belongs to another report" in memleak.run("show", report)[1]
+
+
 memleak.main(globals())
