@@ -3,16 +3,22 @@
 // case. Exit code 0 if the case passes.
 #include <dlfcn.h>
 #include <errno.h>
+#include <grp.h>
 #include <malloc.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -20,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "protocol/state.h"
 #include "tests/control_signal.h"
 
 #define CHECK(condition)                                                                        \
@@ -33,6 +40,8 @@
 extern "C" int busy_library_thread_blocked();
 
 namespace {
+
+using protocol::ControlThread;
 
 void* Find(const char* library, const char* name) {
   void* handle = dlopen(library, RTLD_NOW | RTLD_NOLOAD);
@@ -142,7 +151,7 @@ int Fork() {
       if (child == 0) {
         Churn(1000);
         const pid_t grandchild = fork();
-        if (grandchild == 0) exit(6);
+        if (grandchild == 0) _exit(6);
         CHECK(WEXITSTATUS(WaitFor(grandchild)) == 6 && HasReport(grandchild));
         exit(7);
       }
@@ -220,6 +229,64 @@ int ExitStorm() {
   return 0;
 }
 
+/// Sends a command and waits until it is carried out.
+void CarryOut(uint64_t word) {
+  const auto* pointer =
+      static_cast<std::atomic<protocol::State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable));
+  const uint64_t before = pointer->load()->carried_out;
+  CHECK(SendControlSignal(getpid(), word));
+  free(malloc(1));
+  for (int i = 0; i < 10'000 && pointer->load()->carried_out == before; ++i) usleep(1000);
+  CHECK(pointer->load()->carried_out > before);
+  CHECK(pointer->load()->control_thread == ControlThread::kRunning);
+}
+
+/// A recording process blocks and awaits all signals, has commands interrupt its allocator, fills
+/// its signal queue, and gives up its privileges.
+int Hostile() {
+  CarryOut(0x10);
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+  std::thread waiter([&] {
+    int signal = 0;
+    CHECK(sigwait(&all, &signal) == 0 && signal == SIGUSR1);
+  });
+  std::thread churners[] = {std::thread(Churn, 1'000'000), std::thread(Churn, 1'000'000)};
+  for (int i = 0; i < 300; ++i) {
+    CHECK(SendControlSignal(getpid(), i % 2 == 0 ? 0x90 : 0x40));
+    usleep(50);
+  }
+  for (std::thread& churner : churners) churner.join();
+  kill(getpid(), SIGUSR1);
+  waiter.join();
+  CarryOut(0x10);
+  const auto in_child = [](int (*run)()) {
+    const pid_t child = fork();
+    if (child == 0) {
+      CarryOut(0x10);
+      CHECK(run() == 0);
+      CarryOut(0x20);
+      _exit(7);
+    }
+    const int status = WaitFor(child);
+    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 7 && HasReport(child));
+  };
+  in_child([] { return unshare(geteuid() == 0 ? CLONE_NEWUSER : CLONE_FS); });
+  if (geteuid() == 0) in_child([] { return prctl(PR_SET_KEEPCAPS, 1) + setresgid(1, 1, 1); });
+  if (geteuid() == 0) in_child([] { return setgroups(0, nullptr) + setgid(2); });
+  constexpr rlimit kNone{0, 0};
+  CHECK(setrlimit(RLIMIT_SIGPENDING, &kNone) == 0);
+  const time_t start = time(nullptr);
+  for (int i = 0; i < 10; ++i) {
+    const pid_t child = fork();
+    if (child == 0) quick_exit(7);
+    CHECK(WEXITSTATUS(WaitFor(child)) == 7 && HasReport(child));
+  }
+  CHECK(time(nullptr) - start < 5);
+  return 0;
+}
+
 /// Blocks that are allocated inside dlsym stay valid.
 int Nested() {
   void** blocks = static_cast<void**>(Find(NESTED_DLSYM, "nested_blocks"));
@@ -241,6 +308,13 @@ int Next() {
   void* block = malloc(1);
   CHECK(malloc_usable_size(block) == 8);
   free(block);
+  CarryOut(0x10);
+  const auto frames_of = reinterpret_cast<ssize_t (*)(void*, uintptr_t*, size_t)>(
+      Find("libmemleak_tracker.so", "track_malloc_backtrace"));
+  uintptr_t frames[2];
+  void* volatile one = ::operator new(1);
+  CHECK(frames_of(one, frames, 2) > 0);
+  ::operator delete(one);
   return Libraries() + Fork();
 }
 
@@ -265,7 +339,7 @@ int main(int, char** arguments) {
                {"libraries", Libraries},  {"fork", Fork},
                {"nested", Nested},        {"next", Next},
                {"exit_storm", ExitStorm}, {"untracked", Untracked},
-               {"commands", Commands}};
+               {"commands", Commands},    {"hostile", Hostile}};
   for (const auto& one : cases) {
     if (name == one.name) return one.run();
   }
