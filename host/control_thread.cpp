@@ -255,11 +255,7 @@ bool StopUntil(const timespec& moment) {
 /// a fork). A report holds locks of the tracker and of the allocator, which would stay locked in a
 /// child.
 bool StopAll(int patience_ms) {
-  if (OnControlThread()) return false;
-  if (pthread_mutex_trylock(&change_lock) != 0) {
-    const timespec moment = WallClock(patience_ms);
-    if (pthread_mutex_timedlock(&change_lock, &moment) != 0) return false;
-  }
+  if (OnControlThread() || !Lock(WallClock(patience_ms))) return false;
   stopped_here = false;
   if (!thread_started && CurrentState().report_thread.load() == 0 && !ReportRuns()) return true;
   const bool started = thread_started;
@@ -377,12 +373,6 @@ bool CloseControlThread(int timeout_ms) {
   closed = StopUntil(moment);
   pthread_mutex_unlock(&change_lock);
   return closed;
-}
-
-void OpenControlThread() {
-  pthread_mutex_lock(&change_lock);
-  closed = false;
-  Unlock();
 }
 
 bool ReportCommandWaits() {

@@ -59,8 +59,6 @@ class WithoutControlThread {
 /// forever. Returns false if that takes longer than `timeout_ms`; then the thread continues.
 /// Returns false on the control thread itself.
 bool CloseControlThread(int timeout_ms);
-/// Undoes CloseControlThread. For tests.
-void OpenControlThread();
 
 /// Whether a report command waits for another report to end. Any thread.
 bool ReportCommandWaits();
