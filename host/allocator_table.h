@@ -41,11 +41,13 @@ void StartThreadAtNextCall();
 /// Undoes StartThreadAtNextCall. Any thread.
 void RestoreAllocator();
 
-/// While it exists, the calling thread's allocations go to the next allocator, and the tracker does
-/// not see them. One at a time. Afterwards as RestoreAllocator.
+/// While it exists, the calling thread's allocations go to the next allocator or the bootstrap
+/// arena, and the tracker does not see them. The arena is for a thread that may hold the locks of
+/// the allocator. One at a time. Afterwards as RestoreAllocator.
 class PassTracker {
  public:
-  PassTracker();
+  enum class From { kNextAllocator, kArena };
+  explicit PassTracker(From from);
   ~PassTracker();
   PassTracker(const PassTracker&) = delete;
   PassTracker& operator=(const PassTracker&) = delete;

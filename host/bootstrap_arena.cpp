@@ -41,6 +41,12 @@ void* ArenaAllocate(size_t alignment, size_t size) {
   return nullptr;
 }
 
+void* ArenaCalloc(size_t count, size_t size) {
+  size_t bytes;
+  // The arena does not reuse memory, so that it is zero.
+  return ArenaAllocate(0, __builtin_mul_overflow(count, size, &bytes) ? SIZE_MAX : bytes);
+}
+
 bool ArenaContains(const void* pointer) {
   return reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(arena) < kArenaBytes;
 }

@@ -2,8 +2,9 @@
 // A small static heap for allocations during the lookup of the next allocator: the dynamic linker
 // may allocate inside dlsym.
 //
-// Used by next_allocator.cpp during the lookup, on any thread, and by the arena-aware functions of
-// routing.cpp later. Blocks carry their size and are never reused.
+// Used by next_allocator.cpp during the lookup, on any thread, and by routing.cpp later: for blocks
+// of the lookup, and for a thread that is started while the allocator's locks may be held. Blocks
+// carry their size and are never reused.
 #pragma once
 
 #include <stddef.h>
@@ -13,6 +14,9 @@ namespace host {
 /// Returns `size` zeroed bytes aligned to `alignment` (a power of two; raised to 16), or null with
 /// errno ENOMEM when the arena is full. Lock-free, any thread.
 void* ArenaAllocate(size_t alignment, size_t size);
+
+/// The same for `count` times `size` bytes.
+void* ArenaCalloc(size_t count, size_t size);
 
 /// Whether `pointer` is in the arena. Returns false for null.
 bool ArenaContains(const void* pointer);

@@ -117,25 +117,11 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-void Remember(const Command& command) {
-  State& state = CurrentState();
-  const uint64_t number = state.carried_out.load() + 1;
-  protocol::PastCommand& past = state.history[number % protocol::kHistory];
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  past.number.store(0);
-  past.time_ns.store(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec);
-  past.word.store(command.word);
-  past.parameter.store(command.parameter);
-  past.number.store(number);
-  state.carried_out.store(number);
-}
-
 void CarryOut() {
   Taken taken = TakeCommand();
   Deliver(taken.command);
   report_waits.store(false);
-  Remember(taken.command);
+  RememberCommand(taken.command);
   Acknowledge(taken, 0);
   if (taken.ticket != 0) {
     own_done.store(taken.ticket);
@@ -183,21 +169,10 @@ void MarkPending() {
   }
 }
 
-/// Under change_lock. Returns 0, also if the thread runs already, or an errno value.
-int Start() {
-  if (thread_started) {
-    RestoreAllocator();
-    return 0;
-  }
+/// Returns 0 or an errno value.
+int CreateThread(PassTracker::From memory) {
   // Recording may be on. The thread's memory is not the program's.
-  const PassTracker pass;
-  // First, so that a signal handler does not ask for a second one.
-  CurrentState().control_thread.store(ThreadState::kRunning);
-  const sigset_t blocked = AsynchronousSet();
-  sigset_t before;
-  pthread_sigmask(SIG_BLOCK, &blocked, &before);
-  stop.store(kRun);
-  settled.store(0);
+  const PassTracker pass(memory);
   int error = EINVAL;
   for (const size_t bytes : kStackBytes) {
     if (error != EINVAL) break;
@@ -208,6 +183,23 @@ int Start() {
     error = pthread_create(&thread, &attributes, ControlThread, nullptr);
     pthread_attr_destroy(&attributes);
   }
+  return error;
+}
+
+/// Under change_lock. Returns 0, also if the thread runs already, or an errno value.
+int Start(PassTracker::From memory = PassTracker::From::kNextAllocator) {
+  if (thread_started) {
+    RestoreAllocator();
+    return 0;
+  }
+  // First, so that a signal handler does not ask for a second one.
+  CurrentState().control_thread.store(ThreadState::kRunning);
+  const sigset_t blocked = AsynchronousSet();
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  stop.store(kRun);
+  settled.store(0);
+  const int error = CreateThread(memory);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   thread_started = error == 0;
   if (!thread_started) CurrentState().control_thread.store(ThreadState::kNone);
@@ -281,6 +273,8 @@ bool Records() {
 }
 
 void BeforeFork() {
+  // A child of vfork or of a raw clone has no thread to stop.
+  if (!OwnsState()) return;
   // A handler in the child before AfterForkInChild would lose its command.
   BlockControlSignal(true);
   if (StopAll(fork_patience_ms)) forking_thread.store(pthread_self());
@@ -311,10 +305,10 @@ void AfterForkInChild() {
 }
 
 /// RunCommand under change_lock.
-int AddAndWait(const Command& command, int timeout_ms) {
+int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory) {
   const int64_t deadline = NowMs() + timeout_ms;
   if (closed) return ESRCH;
-  if (const int error = Start(); error != 0) return error;
+  if (const int error = Start(memory); error != 0) return error;
   const uint32_t ticket = ++own_ticket;
   if (!AddCommand(command, ticket)) return EAGAIN;
   RingBell();
@@ -369,7 +363,7 @@ WithoutControlThread::~WithoutControlThread() {
 
 bool CloseControlThread(int timeout_ms) {
   const timespec moment = WallClock(timeout_ms);
-  if (OnControlThread() || !Lock(moment)) return false;
+  if (!OwnsState() || OnControlThread() || !Lock(moment)) return false;
   closed = StopUntil(moment);
   pthread_mutex_unlock(&change_lock);
   return closed;
@@ -379,17 +373,20 @@ bool ReportCommandWaits() {
   return report_waits.load();
 }
 
-int RunCommand(const Command& command, int timeout_ms) {
+int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory) {
   if (OnControlThread()) return EDEADLK;
   if (!Lock(WallClock(timeout_ms))) return ETIMEDOUT;
-  const int error = AddAndWait(command, timeout_ms);
+  const int error = AddAndWait(command, timeout_ms, memory);
   pthread_mutex_unlock(&change_lock);
   return error;
 }
 
 void RunCommandHere(const Command& command) {
+  // A signal during the command must not start a thread that carries out another one.
+  pthread_mutex_lock(&change_lock);
   Deliver(command);
-  Remember(command);
+  RememberCommand(command);
+  Unlock();
 }
 
 }  // namespace host

@@ -13,6 +13,7 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include "host/allocator_table.h"
 #include "protocol/protocol.h"
 
 namespace host {
@@ -67,7 +68,9 @@ bool ReportCommandWaits();
 /// that wait. Returns 0 when it is complete, or an errno value: that of starting the thread,
 /// ETIMEDOUT after `timeout_ms`, EAGAIN if too many commands wait, EDEADLK on the control thread
 /// itself, ESRCH after CloseControlThread.
-int RunCommand(const Command& command, int timeout_ms);
+/// `memory` is kArena if the caller may have interrupted the allocator.
+int RunCommand(const Command& command, int timeout_ms,
+               PassTracker::From memory = PassTracker::From::kNextAllocator);
 
 /// Carries out `command` on the calling thread. For the loader's constructor, which holds no lock
 /// and runs alone.

@@ -49,7 +49,7 @@ bool WaitForReports(int timeout_ms) {
 
 /// Carries out the command and waits for the report with `wait`. If there is none, one line on
 /// stderr gives the reason.
-void Report(int command_ms, bool (*wait)(int timeout_ms)) {
+void Report(int command_ms, PassTracker::From memory, bool (*wait)(int timeout_ms)) {
   if (exit_command.word == 0) return;
   if ((exit_command.word & protocol::kReportBits) == 0) {
     PrintError("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
@@ -57,7 +57,7 @@ void Report(int command_ms, bool (*wait)(int timeout_ms)) {
                static_cast<unsigned long long>(protocol::kNative.Report()));
     return;
   }
-  const int error = RunCommand(exit_command, command_ms);
+  const int error = RunCommand(exit_command, command_ms, memory);
   if (error != 0) {
     PrintError("no report at exit: the command could not be carried out: %s", strerror(error));
   } else if (!wait(kWaitMs)) {
@@ -77,7 +77,7 @@ bool EndsNow() {
 void AtExit(void*) {
   if (EndsNow()) {
     WaitForReports(kEarlierMs);
-    Report(kWaitMs, WaitForReports);
+    Report(kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
   }
   // The entries stay in place and forward.
   if (CloseControlThread(kFinalizeMs)) {
@@ -85,7 +85,6 @@ void AtExit(void*) {
     finalize_tracker();
     CaptureActions(false);
   }
-  RemoveStateFile();
 }
 
 }  // namespace
@@ -101,8 +100,7 @@ void PrepareExit(const Command& command, void (*finalize)()) {
 void EndAbruptly() {
   if (!EndsNow()) return;
   WaitWhileReportRuns(kEarlierMs);
-  Report(kAbruptMs, WaitWhileReportRuns);
-  RemoveStateFile();
+  Report(kAbruptMs, PassTracker::From::kArena, WaitWhileReportRuns);
 }
 
 }  // namespace host

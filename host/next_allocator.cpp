@@ -66,10 +66,7 @@ void* BootstrapMalloc(size_t size) {
 }
 
 void* BootstrapCalloc(size_t count, size_t size) {
-  if (!UseArena()) return next.calls.calloc(count, size);
-  size_t bytes;
-  if (__builtin_mul_overflow(count, size, &bytes)) bytes = SIZE_MAX;
-  return ArenaAllocate(0, bytes);
+  return UseArena() ? ArenaCalloc(count, size) : next.calls.calloc(count, size);
 }
 
 void* BootstrapMemalign(size_t alignment, size_t size) {

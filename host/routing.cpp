@@ -28,8 +28,11 @@ std::atomic<const AllocatorTable*> plain_table{nullptr};
 // The table without and with the start of the control thread.
 std::atomic<const AllocatorTable*> usual_table{nullptr};
 AllocatorTable starting_table;
-// The thread with a PassTracker, 0 for none.
+// The thread with a PassTracker, 0 for none, and the table of its calls.
 std::atomic<pthread_t> passing_thread{0};
+std::atomic<const AllocatorTable*> passing_table{nullptr};
+AllocatorTable arena_table;
+const AllocatorTable* arena_aware_table = nullptr;
 
 // The acquire pairs with the release in UseAllocator.
 inline const AllocatorTable& Active() {
@@ -42,10 +45,10 @@ inline const AllocatorTable& Usual() {
   return *usual_table.load(std::memory_order_acquire);
 }
 
-/// Returns the table for a call of the starting table: that of the next allocator on the thread
+/// Returns the table for a call of the starting table: that of the PassTracker on the thread
 /// that starts the control thread. Other threads start it first, if it is still to be started.
 const AllocatorTable& Start() {
-  if (passing_thread.load() == pthread_self()) return NextAllocator();
+  if (passing_thread.load() == pthread_self()) return *passing_table.load();
   StartPendingThread();
   return Usual();
 }
@@ -73,6 +76,10 @@ void* StartAndAlignedAlloc(size_t alignment, size_t size) {
 
 int StartAndPosixMemalign(void** result, size_t alignment, size_t size) {
   return Start().calls.posix_memalign(result, alignment, size);
+}
+
+void* ArenaMalloc(size_t size) {
+  return ArenaAllocate(0, size);
 }
 
 void ArenaAwareFree(void* pointer) {
@@ -107,8 +114,13 @@ void UseAllocator(const AllocatorTable& plain) {
   aware.calls.realloc = ArenaAwareRealloc;
   aware.calls.malloc_usable_size = ArenaAwareUsableSize;
   plain_table.store(&plain, std::memory_order_release);
+  arena_aware_table = &aware;
+  arena_table = aware;
+  arena_table.calls.malloc = ArenaMalloc;
+  arena_table.calls.calloc = ArenaCalloc;
+  arena_table.calls.memalign = ArenaAllocate;
   const AllocatorTable* usual = ArenaUsed() ? &aware : &plain;
-  starting_table = *usual;
+  starting_table = aware;
   starting_table.calls.malloc = StartAndMalloc;
   starting_table.calls.calloc = StartAndCalloc;
   starting_table.calls.realloc = StartAndRealloc;
@@ -131,7 +143,12 @@ void RestoreAllocator() {
   active_table.store(usual_table.load());
 }
 
-PassTracker::PassTracker() {
+PassTracker::PassTracker(From from) {
+  if (from == From::kArena) {
+    MarkArenaUsed();
+    usual_table.store(arena_aware_table);
+  }
+  passing_table.store(from == From::kArena ? &arena_table : &NextAllocator());
   passing_thread.store(pthread_self());
   active_table.store(&starting_table);
 }

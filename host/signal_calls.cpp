@@ -21,6 +21,10 @@ using protocol::control_signal;
 
 NextFunction<int(int, const struct sigaction*, struct sigaction*)> next_sigaction{"sigaction"};
 NextFunction<sighandler_t(int, sighandler_t)> next_signal{"signal"};
+NextFunction<sighandler_t(int, sighandler_t)> next_sysv_signal{"__sysv_signal"};
+NextFunction<sighandler_t(int, sighandler_t)> next_sigset{"sigset"};
+NextFunction<int(int)> next_sighold{"sighold"};
+NextFunction<int(int)> next_sigignore{"sigignore"};
 NextFunction<int(int, const sigset_t*, sigset_t*)> next_sigprocmask{"sigprocmask"};
 NextFunction<int(int, const sigset_t*, sigset_t*)> next_pthread_sigmask{"pthread_sigmask"};
 NextFunction<int(const sigset_t*, int*)> next_sigwait{"sigwait"};
@@ -50,11 +54,28 @@ bool IsOurs(int signal) {
   return signal == control_signal && ControlSignalIsOurs();
 }
 
+/// Calls `next`, one of the functions like signal().
+template <typename Next>
+sighandler_t SetHandler(Next& next, int signal, sighandler_t handler) {
+  if (!IsOurs(signal)) return next(signal, handler);
+  struct sigaction action = {};
+  struct sigaction previous;
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  // sigset() only blocks the signal then.
+  SetAction(handler == SIG_HOLD ? nullptr : &action, &previous);
+  return previous.sa_handler;
+}
+
 }  // namespace
 
 void FindSignalFunctions() {
   next_sigaction.Find();
   next_signal.Find();
+  next_sysv_signal.Find();
+  next_sigset.Find();
+  next_sighold.Find();
+  next_sigignore.Find();
   next_sigprocmask.Find();
   next_pthread_sigmask.Find();
   next_sigwait.Find();
@@ -75,13 +96,37 @@ MEMLEAK_EXPORT int sigaction(int signal, const struct sigaction* action,
 }
 
 MEMLEAK_EXPORT sighandler_t signal(int signal, sighandler_t handler) noexcept {
-  if (!host::IsOurs(signal)) return host::next_signal(signal, handler);
-  struct sigaction action = {};
-  struct sigaction previous;
-  action.sa_handler = handler;
-  action.sa_flags = SA_RESTART;
-  host::SetAction(&action, &previous);
-  return previous.sa_handler;
+  return host::SetHandler(host::next_signal, signal, handler);
+}
+
+MEMLEAK_EXPORT sighandler_t ssignal(int signal, sighandler_t handler) noexcept {
+  return host::SetHandler(host::next_signal, signal, handler);
+}
+
+MEMLEAK_EXPORT sighandler_t bsd_signal(int signal, sighandler_t handler) noexcept {
+  return host::SetHandler(host::next_signal, signal, handler);
+}
+
+MEMLEAK_EXPORT sighandler_t __sysv_signal(int signal, sighandler_t handler) noexcept {
+  return host::SetHandler(host::next_sysv_signal, signal, handler);
+}
+
+MEMLEAK_EXPORT sighandler_t sysv_signal(int signal, sighandler_t handler) noexcept {
+  return host::SetHandler(host::next_sysv_signal, signal, handler);
+}
+
+MEMLEAK_EXPORT sighandler_t sigset(int signal, sighandler_t handler) noexcept {
+  return host::SetHandler(host::next_sigset, signal, handler);
+}
+
+MEMLEAK_EXPORT int sighold(int signal) noexcept {
+  return host::IsOurs(signal) ? 0 : host::next_sighold(signal);
+}
+
+MEMLEAK_EXPORT int sigignore(int signal) noexcept {
+  if (!host::IsOurs(signal)) return host::next_sigignore(signal);
+  host::SetHandler(host::next_signal, signal, SIG_IGN);
+  return 0;
 }
 
 MEMLEAK_EXPORT int sigprocmask(int how, const sigset_t* set, sigset_t* previous) noexcept {

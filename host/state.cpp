@@ -39,6 +39,12 @@ std::atomic_flag making = ATOMIC_FLAG_INIT;
 // RemoveStateFile.
 char file_path[platform::kPathBytes];
 
+/// Identifies the PID namespace of this process; 0 if that is unknown.
+uint64_t PidNamespace() {
+  struct stat status;
+  return stat("/proc/self/ns/pid", &status) == 0 ? status.st_ino : 0;
+}
+
 // protocol::kStateVariable.
 extern "C" MEMLEAK_EXPORT std::atomic<State*> memleak_state;
 std::atomic<State*> memleak_state{&private_state};
@@ -65,7 +71,8 @@ void CopyPath(platform::Variable variable, char (&path)[4096]) {
   }
 }
 
-/// Whether the state file belongs to a living process other than this one.
+/// Whether the state file belongs to a living process other than this one. True if its PID
+/// namespace is another, where the process cannot be looked up.
 bool BelongsToAnother(int file) {
   constexpr size_t kBytes = offsetof(State, program);
   char start[kBytes];
@@ -74,7 +81,11 @@ bool BelongsToAnother(int file) {
   pid_t pid;
   memcpy(&magic, start, sizeof magic);
   memcpy(&pid, start + offsetof(State, pid), sizeof pid);
-  if (magic != protocol::kStateMagic || pid <= 0 || pid == getpid()) return false;
+  uint64_t pid_namespace;
+  memcpy(&pid_namespace, start + offsetof(State, pid_namespace), sizeof pid_namespace);
+  if (magic != protocol::kStateMagic || pid <= 0) return false;
+  if (pid_namespace != PidNamespace()) return true;
+  if (pid == getpid()) return false;
   return kill(pid, 0) == 0 || errno == EPERM;
 }
 
@@ -103,19 +114,18 @@ int CreateFile() {
       protocol::OpenDirectoryOf(file_path, root_bytes, protocol::Missing::kMake, refusal);
   if (directory < 0) return -1;
   char* const name = file_path + root_bytes + 1;
+  // Two namespaces may have a process of the same id.
+  char suffixes[3][48] = {};
+  snprintf(suffixes[1], sizeof suffixes[1], ".%d", getpid());
+  snprintf(suffixes[2], sizeof suffixes[2], ".%d.%llu", getpid(),
+           static_cast<unsigned long long>(PidNamespace()));
   int file = -1;
-  if (RemoveStale(directory, name)) {
+  for (const auto& suffix : suffixes) {
+    const size_t bytes = strlen(suffix) + 1;
+    if (file >= 0 || length + bytes > platform::kPathBytes) break;
+    memcpy(file_path + length, suffix, bytes);
+    if (!RemoveStale(directory, name)) continue;
     file = protocol::OpenFile(directory, name, protocol::Use::kCreate, refusal);
-  }
-  if (file < 0) {
-    static char suffix[platform::kPathBytes];
-    const size_t bytes = platform::ExpandPath(".%p", "", suffix) + 1;
-    if (length + bytes <= platform::kPathBytes) {
-      memcpy(file_path + length, suffix, bytes);
-      if (RemoveStale(directory, name)) {
-        file = protocol::OpenFile(directory, name, protocol::Use::kCreate, refusal);
-      }
-    }
   }
   platform::RawClose(directory);
   return file;
@@ -221,6 +231,7 @@ void MakeStateFile() {
     return;
   if (making.test_and_set()) return;
   private_state.pid = getpid();
+  private_state.pid_namespace = PidNamespace();
   CopyPath(platform::Variable::kLog, private_state.log);
   CopyPath(platform::Variable::kProperties, private_state.shared_properties);
   if (State* const fresh = MapNewFile()) {
@@ -248,8 +259,18 @@ void ForkState() {
   }
 }
 
-void RemoveStateFile() {
-  if (file_owner.load() == getpid()) unlink(file_path);
+void RememberCommand(const protocol::Command& command) {
+  State& state = CurrentState();
+  const uint64_t number = state.carried_out.load() + 1;
+  protocol::PastCommand& past = state.history[number % protocol::kHistory];
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  past.number.store(0);
+  past.time_ns.store(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec);
+  past.word.store(command.word);
+  past.parameter.store(command.parameter);
+  past.number.store(number);
+  state.carried_out.store(number);
 }
 
 void RingBell() {

@@ -33,8 +33,8 @@ void MakeStateFile();
 /// parent records, and with no commands.
 void ForkState();
 
-/// Removes the file of this process. The state stays valid.
-void RemoveStateFile();
+/// Adds `command`, which was carried out, to the state's history. One caller at a time.
+void RememberCommand(const protocol::Command& command);
 
 /// Adds one to the state's `bell` and wakes the threads, of any process, that wait for it.
 void RingBell();

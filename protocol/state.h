@@ -87,6 +87,7 @@ struct State {
   std::int32_t pid;     ///< in the process's own PID namespace
   std::uint32_t reserved;
   std::int64_t start_ns;         ///< when the loader started, since 1970
+  std::uint64_t pid_namespace;   ///< inode of /proc/self/ns/pid
   char program[4096];            ///< path of the executable (the guest's under an emulator)
   char arguments[4096];          ///< separated by NUL, cut to fit
   std::uint32_t argument_bytes;  ///< used bytes of `arguments`

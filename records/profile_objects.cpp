@@ -81,13 +81,26 @@ void TakeBuildId(const dl_phdr_info& info, const ElfW(Phdr) & header, Object* ob
   }
 }
 
+/// Whether the segment is in memory: some tools leave notes only in the file.
+bool IsLoaded(const dl_phdr_info& info, const ElfW(Phdr) & segment) {
+  for (std::size_t i = 0; i < info.dlpi_phnum; ++i) {
+    const ElfW(Phdr)& load = info.dlpi_phdr[i];
+    if (load.p_type == PT_LOAD && (load.p_flags & PF_R) != 0 && load.p_vaddr <= segment.p_vaddr &&
+        segment.p_vaddr - load.p_vaddr <= load.p_memsz &&
+        segment.p_memsz <= load.p_memsz - (segment.p_vaddr - load.p_vaddr)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 /// Fills `object`, which is zero, but for its path.
 void Fill(const dl_phdr_info& info, Object* object) {
   object->bias = info.dlpi_addr;
   object->begin = ~std::uint64_t{0};
   for (std::size_t i = 0; i < info.dlpi_phnum; ++i) {
     const ElfW(Phdr)& header = info.dlpi_phdr[i];
-    if (header.p_type == PT_NOTE) TakeBuildId(info, header, object);
+    if (header.p_type == PT_NOTE && IsLoaded(info, header)) TakeBuildId(info, header, object);
     if (header.p_type != PT_LOAD) continue;
     const std::uint64_t begin = info.dlpi_addr + header.p_vaddr;
     object->begin = std::min(object->begin, begin);

@@ -68,6 +68,8 @@ class Text {
     return error_;
   }
   bool failed() const { return error_ != 0; }
+  /// Writes nothing more; Finish returns `error`.
+  void Fail(int error) { error_ = error; }
 
  private:
   void Put(char c) {

@@ -17,6 +17,7 @@
 #include "async_safe/log.h"
 #include "backtrace/Backtrace.h"
 #include "platform/linux/root.h"
+#include "platform/published_state.h"
 #include "platform/raw_calls.h"
 #include "protocol/private_files.h"
 #include "protocol/protocol.h"
@@ -277,7 +278,8 @@ void Snapshot::WriteStack(Text& out, FrameTable& frames, const Row& row,
   const std::uint32_t era = frames.EraOf(version);
   for (std::size_t i = 0; i < count - shared; ++i) {
     const std::uint64_t pc = backtrace->pcs()[i];
-    if (frames.Find(pc, era).number != 0 || !frames.Grow()) continue;
+    if (frames.Find(pc, era).number != 0) continue;
+    if (!frames.Grow()) return out.Fail(ENOMEM);
     frames.Find(pc, era) = {pc, era, ++frames.used};
     out << "f " << std::uint64_t{frames.ObjectAt(pc, version)} << ' ';
     out.Hexadecimal(pc) << '\n';
@@ -300,7 +302,6 @@ void Snapshot::WriteStack(Text& out, FrameTable& frames, const Row& row,
 }
 
 void Snapshot::Write(const ReportText& report) {
-  if (rows_ == nullptr) return;
   UpdateObjects(CodeVersion());
   char path[platform::kPathBytes];
   const std::size_t length = platform::RootedPath(protocol::kProfilePath, path);
@@ -316,7 +317,7 @@ void Snapshot::Write(const ReportText& report) {
   char* const buffer = static_cast<char*>(MapPages(Text::kBytes));
   FrameTable frames;
   int error = ENOMEM;
-  if (file >= 0 && buffer != nullptr && frames.Grow()) {
+  if (rows_ != nullptr && file >= 0 && buffer != nullptr && frames.Grow()) {
     Text out(file, buffer);
     WriteHead(out, frames, report);
     const Row* previous = nullptr;
@@ -332,6 +333,9 @@ void Snapshot::Write(const ReportText& report) {
     const char* const reason = file < 0 ? refusal.Reason() : std::strerror(error);
     async_safe_format_log(ANDROID_LOG_ERROR, protocol::kLogTag, "cannot write the profile %s: %s",
                           path, reason);
+    const std::size_t refused = directory < 0 ? refusal.path_bytes : std::strlen(path);
+    platform::PublishReportFailure(file < 0 ? refusal.error : error, "cannot write %.*s: %s",
+                                   static_cast<int>(refused), path, reason);
     unlinkat(directory, kPartialFile, 0);
     unlinkat(directory, name, 0);
   }

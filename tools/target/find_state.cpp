@@ -40,7 +40,7 @@ bool IsStateName(const std::string& path) {
   if (!name.starts_with(first)) return false;
   if (name == first) return true;
   return name[first.size()] == '.' && name.size() > first.size() + 1 &&
-         name.find_first_not_of("0123456789", first.size() + 1) == std::string::npos;
+         name.find_first_not_of("0123456789.", first.size() + 1) == std::string::npos;
 }
 
 // Opens the mapped file by its link in /proc/PID/map_files, which only root may follow. It leads to
