@@ -113,7 +113,7 @@ struct FrameTable {
   Slot* slots = nullptr;
   std::size_t mask = 0;
   std::uint32_t used = 0;
-  /// The latest result of EraOf: few stacks have another version than the one before.
+  /// The latest result of EraOf. Most stacks have the same version as the stack before.
   std::uint32_t last_version = 0;
   std::uint32_t last_era = UINT32_MAX;
   /// Objects that the head lists.

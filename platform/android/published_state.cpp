@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Android's controller reads the log. There is no state.
+// On Android the log shows the result. There is no state.
 #include "platform/published_state.h"
 
 namespace platform {

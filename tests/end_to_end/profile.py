@@ -43,7 +43,7 @@ class Session(end_to_end.Session):
 
     def python(self, script, *arguments):
         self.start_program(PYTHON, "-S", "-c", script, *map(str, arguments),
-                           options=("--start", "--depth", "32"))
+                           options=("--start",))
 
     def report(self):
         """Reports while the script keeps its blocks, and ends it. Returns the profile."""

@@ -98,7 +98,7 @@ class PostedCommand {
   };
 
   // Waits until the process has carried out `number` commands. The difference is signed: a new
-  // process has carried out none, and none is to be waited for.
+  // process has carried out none, and there is nothing to wait for.
   void AwaitDone(std::uint64_t number) {
     StatusLine line;
     while (true) {

@@ -22,7 +22,7 @@ std::string InGroups(const Sums& sums) {
   return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "group");
 }
 
-// What the profile is of: program, process, time and duration.
+// The source of the profile: program, process, time and duration.
 void PrintProcess(const ProfileHead& head, std::ostream& out) {
   out << FitWidth(LastPart(head.program), 40) << " (pid " << head.pid << " on "
       << FitWidth(head.host, 20) << "), " << FormatDate(head.written) << ", recorded for "
