@@ -34,7 +34,7 @@ MEMCACHED_LOAD = """
 import socket, sys
 link = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
 for i in range(10 ** 9):
-    link.sendall(b"set key%d 0 0 2000\\r\\n%s\\r\\n" % (i % 5000, b"x" * 2000))
+    link.sendall(b"set key%d 0 0 2000\\r\\n%s\\r\\n" % (i, b"x" * 2000))
     link.recv(100)
 """
 
@@ -80,12 +80,15 @@ class Session(end_to_end.Session):
             finally:
                 process.kill()
 
-    def observe(self, pid):
-        """Switches recording on, takes two reports and compares them. All of them are answered."""
+    def observe(self, pid, function=None):
+        """Switches recording on, takes two reports and compares them. All of them are answered. The
+        last one has blocks below `function`."""
         status = self.tell("status", pid=pid)
         assert re.search("never switched on|when it was forked", status), status
         assert re.search(r"recording on, tables emptied, \d+ frames by dwarf \([\d.]+ m?s\)\n",
                          self.tell("on", pid=pid))
+        if function:
+            time.sleep(1)  # the load allocates
         reports = []
         for number in range(2):
             out = self.tell("report", "--keep-recording", pid=pid)
@@ -94,6 +97,9 @@ class Session(end_to_end.Session):
             shutil.copytree(f"{self.root}/{pid}/data/log/reliability", reports[-1])
             assert not glob.glob(f"{self.root}/{pid}/dev")
         self.memleak("diff", *(f"{report}/allocations_dump" for report in reports))
+        if function:
+            shown = self.memleak("show", reports[-1], "--top", 1000)
+            assert function in shown, shown
         status = self.tell("status", pid=pid)
         assert "native on since" in status and "3 carried out" in status, status
         assert f"root        {self.root}/{pid}\n" in status, status
@@ -118,7 +124,7 @@ def redis(session):
     await_port(session.port)
     with session.load("redis-benchmark", "-p", str(session.port), "-l", "-q", "-r", "100000",
                       "-t", "set,lpush"):
-        session.observe(session.process.pid)
+        session.observe(session.process.pid, "dbAdd")
         session.watch(session.process.pid)
     session.end()
 
@@ -169,10 +175,11 @@ def postgres(session):
 
 def memcached(session):
     """It has threads."""
-    session.serve("memcached", "-p", str(session.port), "-l", "127.0.0.1", "-u", "root")
+    session.serve("memcached", "-p", str(session.port), "-l", "127.0.0.1", "-u", "root",
+                  "-m", "1024")
     await_port(session.port)
     with session.load(sys.executable, "-c", MEMCACHED_LOAD, str(session.port)):
-        session.observe(session.process.pid)
+        session.observe(session.process.pid, "event_base_loop")
         session.watch(session.process.pid)
     session.end()
 
