@@ -67,8 +67,8 @@ std::size_t ReadFile(const char* path, char* buffer, std::size_t bytes) {
 
 /// The observer of dlclose (protocol::UnloadObserver).
 void ObserveUnload(bool closed) {
-  // Without backtraces, no code has to be told apart. An outdated count is harmless: the captures of
-  // this thread are counted.
+  // Without backtraces, no code has to be told apart. An outdated count is harmless: the captures
+  // of this thread are counted.
   if (backtraces.IsEmpty()) return;
   const std::uint32_t version = CodeVersion();
   if (!UpdateObjects(version) || !closed) return;

@@ -38,6 +38,11 @@ __attribute__((destructor)) void Destruct() {
 
 }  // namespace
 
+/// The block that the constructor has allocated.
+extern "C" void* busy_library_block() {
+  return block;
+}
+
 /// Whether the early thread blocks the control signal; -1 before it has ended.
 extern "C" int busy_library_thread_blocked() {
   return blocked_in_thread;

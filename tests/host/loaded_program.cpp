@@ -13,12 +13,14 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -38,6 +40,7 @@
   } while (false)
 
 extern "C" int busy_library_thread_blocked();
+extern "C" void* busy_library_block();
 
 namespace {
 
@@ -61,6 +64,15 @@ int WaitFor(pid_t child) {
   return status;
 }
 
+/// The recorded frames of a block; 0 if it has no record.
+ssize_t FramesOf(void* block, uintptr_t* frames, size_t count) {
+  using Backtrace = ssize_t (*)(void*, uintptr_t*, size_t);
+  const auto recorded =
+      reinterpret_cast<Backtrace>(Find("libmemleak_tracker.so", "track_malloc_backtrace"));
+  CHECK(recorded != nullptr);
+  return recorded(block, frames, count);
+}
+
 bool HasReport(pid_t process) {
   std::string path = Environment("MEMLEAK_TRACKER_ROOT");
   path.replace(path.find("%p"), 2, std::to_string(process));
@@ -82,16 +94,12 @@ void Churn(int rounds) {
 
 /// Every allocation function calls the tracker, which records this function as the caller.
 extern "C" __attribute__((visibility("default"))) int Routes() {
-  using Backtrace = ssize_t (*)(void*, uintptr_t*, size_t);
-  const auto frames_of =
-      reinterpret_cast<Backtrace>(Find("libmemleak_tracker.so", "track_malloc_backtrace"));
-  CHECK(frames_of != nullptr);
   const auto allocates = [&](size_t alignment, size_t size, void* block) {
     CHECK(block != nullptr && reinterpret_cast<uintptr_t>(block) % alignment == 0);
     CHECK(malloc_usable_size(block) >= size);
     uintptr_t frames[2] = {};
     Dl_info caller;
-    CHECK(frames_of(block, frames, 2) > 0);
+    CHECK(FramesOf(block, frames, 2) > 0);
     CHECK(dladdr(reinterpret_cast<void*>(frames[0]), &caller) != 0);
     CHECK(caller.dli_sname != nullptr && strcmp(caller.dli_sname, "Routes") == 0);
     free(block);
@@ -115,7 +123,6 @@ extern "C" __attribute__((visibility("default"))) int Routes() {
 
 namespace {
 
-/// The loader comes first: it takes no signal from a thread that a constructor starts.
 int Libraries() {
   while (busy_library_thread_blocked() < 0) usleep(1000);
   CHECK(busy_library_thread_blocked() == 0);
@@ -129,6 +136,13 @@ int Libraries() {
     Churn(100);
   }
   return 0;
+}
+
+/// The loader comes first: the constructors of the program's libraries are recorded.
+int Start() {
+  uintptr_t frame;
+  CHECK(FramesOf(busy_library_block(), &frame, 1) > 0);
+  return Libraries();
 }
 
 int Threads() {
@@ -187,12 +201,16 @@ int Commands() {
     if (child == 0) _exit(7);
     CHECK(WEXITSTATUS(WaitFor(child)) == 7);
   }
+  std::ifstream log;
+  std::string line;
+  bool reporting = false;
   for (int i = 0; i < 30'000 && (received.empty() || received.back() != kLast); ++i) {
     usleep(1000);
-    received.clear();
-    bool reporting = false;
-    std::ifstream log(path);
-    for (std::string line; std::getline(log, line);) {
+    if (!log.is_open()) log.open(path);
+    log.clear();
+    for (std::string part; std::getline(log, part); line.clear()) {
+      line += part;
+      if (log.eof()) break;  // the line has no end yet
       const size_t word = line.find("addr:0x");
       if (word != line.npos) received.push_back(strtoull(&line[word + 5], nullptr, 16));
       CHECK(!reporting || line.find("Start dumping") == line.npos);
@@ -241,10 +259,57 @@ void CarryOut(uint64_t word) {
   CHECK(pointer->load()->control_thread == ControlThread::kRunning);
 }
 
+/// A signal handler ends the process while its thread is in the allocator.
+void ExitInsideMalloc() {
+  const pid_t child = fork();
+  if (child == 0) {
+    mallopt(M_ARENA_MAX, 1);
+    CarryOut(0x10);
+    signal(SIGALRM, [](int) { _exit(7); });
+    ualarm(20'000, 0);
+    void* blocks[20'000];
+    for (void*& block : blocks) block = malloc(2000);
+    for (size_t i = 0; i < std::size(blocks); i += 2) free(blocks[i]);
+    for (;;) mallinfo2();  // nearly always holds the lock
+  }
+  const time_t start = time(nullptr);
+  CHECK(WEXITSTATUS(WaitFor(child)) == 7 && time(nullptr) - start < 10);
+}
+
+/// The C library does not know of the child, so the loader's fork handlers have not run in it.
+void RawFork() {
+  CarryOut(0x10);
+  const auto start = std::chrono::steady_clock::now();
+  const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+  if (child == 0) {
+    const pid_t grandchild = fork();
+    if (grandchild == 0) _exit(6);
+    CHECK(WEXITSTATUS(WaitFor(grandchild)) == 6);
+    exit(7);
+  }
+  CHECK(WEXITSTATUS(WaitFor(child)) == 7);
+  CHECK(std::chrono::steady_clock::now() - start < std::chrono::seconds(1));
+}
+
+/// Old functions cannot replace the handler of the control signal or block it. dlsym avoids their
+/// deprecation warnings.
+void OldSignalFunctions() {
+  using Signal = sighandler_t (*)(int, sighandler_t);
+  for (const char* name : {"sigset", "__sysv_signal"}) {
+    const auto set = reinterpret_cast<Signal>(dlsym(RTLD_DEFAULT, name));
+    set(protocol::control_signal, [](int) { _exit(9); });
+  }
+  reinterpret_cast<int (*)(int)>(dlsym(RTLD_DEFAULT, "sighold"))(protocol::control_signal);
+  CarryOut(0x10);
+}
+
 /// A recording process blocks and awaits all signals, has commands interrupt its allocator, fills
 /// its signal queue, and gives up its privileges.
 int Hostile() {
   CarryOut(0x10);
+  OldSignalFunctions();
+  RawFork();
+  for (int i = 0; i < 3; ++i) ExitInsideMalloc();
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
@@ -309,23 +374,11 @@ int Next() {
   CHECK(malloc_usable_size(block) == 8);
   free(block);
   CarryOut(0x10);
-  const auto frames_of = reinterpret_cast<ssize_t (*)(void*, uintptr_t*, size_t)>(
-      Find("libmemleak_tracker.so", "track_malloc_backtrace"));
-  uintptr_t frames[2];
+  uintptr_t frame;
   void* volatile one = ::operator new(1);
-  CHECK(frames_of(one, frames, 2) > 0);
+  CHECK(FramesOf(one, &frame, 1) > 0);
   ::operator delete(one);
   return Libraries() + Fork();
-}
-
-/// The loader without a tracker.
-int Untracked() {
-  Churn(10000);
-  CHECK(Find("libmemleak_tracker.so", "track_malloc") == nullptr);
-  sigset_t mask;
-  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-  CHECK(sigismember(&mask, 44) == 0);
-  return 0;
 }
 
 }  // namespace
@@ -335,11 +388,10 @@ int main(int, char** arguments) {
   const struct {
     const char* name;
     int (*run)();
-  } cases[] = {{"routes", Routes},        {"threads", Threads},
-               {"libraries", Libraries},  {"fork", Fork},
-               {"nested", Nested},        {"next", Next},
-               {"exit_storm", ExitStorm}, {"untracked", Untracked},
-               {"commands", Commands},    {"hostile", Hostile}};
+  } cases[] = {
+      {"routes", Routes},     {"threads", Threads}, {"start", Start}, {"libraries", Libraries},
+      {"fork", Fork},         {"nested", Nested},   {"next", Next},   {"exit_storm", ExitStorm},
+      {"commands", Commands}, {"hostile", Hostile}};
   for (const auto& one : cases) {
     if (name == one.name) return one.run();
   }

@@ -19,7 +19,7 @@ expect() {
   fi
 }
 
-expect "memleak: cannot open $alone/libmemleak_tracker.so: " "$alone" untracked
+expect "memleak: cannot open $alone/libmemleak_tracker.so: " "$alone" libraries
 MEMLEAK_TRACKER_START=0x1z expect "MEMLEAK_TRACKER_START=0x1z is not a number" "$lib" libraries
 MEMLEAK_TRACKER_START=16 MEMLEAK_TRACKER_START_PARAMETER=0x100000000 \
   expect "MEMLEAK_TRACKER_START_PARAMETER=0x100000000 is not" "$lib" libraries

@@ -31,9 +31,13 @@ p = multiprocessing.get_context('fork').Pool(2); print(p.map(hash, range(5))); p
 print(subprocess.run(['echo', 'spawned'], capture_output=True))"
 same jq -cn '[range(20000) | {a: ., b: tostring}] | group_by(.a % 7) | map(length)'
 same bash -c 'set -o pipefail; (seq 30000 | rev | sort -S 1M | uniq -c | tail -3) && x=$(date -u -d @0)
-  echo "$x" | while read -r line; do echo "[$line]"; done; ls /nonexistent | wc; kill -TERM $$'
+  echo "$x" | while read -r line; do echo "[$line]"; done; ls /nonexistent | wc
+  echo $$ >"$0"; kill -TERM $$' "$scratch/killed"
+killed=$scratch/root.$(<"$scratch/killed")
+[[ -e $killed/state ]] || { echo "no state file in $killed" >&2; failed=1; }
 for root in "$scratch"/root.*; do
-  [[ -e $root/state ]] && continue  # ended by a signal
+  [[ $root == "$killed" ]] && continue
+  [[ ! -e $root/state ]] || { echo "its process did not end by itself: $root" >&2; failed=1; }
   [[ $(tail -c 3 "$root/data/log/reliability/allocations_dump") == END ]] ||
     { echo "no complete report in $root" >&2; failed=1; }
 done
