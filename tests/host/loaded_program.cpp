@@ -253,8 +253,10 @@ void CarryOut(uint64_t word) {
       static_cast<std::atomic<protocol::State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable));
   const uint64_t before = pointer->load()->carried_out;
   CHECK(SendControlSignal(getpid(), word));
-  free(malloc(1));
-  for (int i = 0; i < 10'000 && pointer->load()->carried_out == before; ++i) usleep(1000);
+  // The handler may run late, on another thread.
+  for (int i = 0; i < 10'000 && pointer->load()->carried_out == before; usleep(1000)) {
+    free(malloc(static_cast<size_t>(++i)));
+  }
   CHECK(pointer->load()->carried_out > before);
   CHECK(pointer->load()->control_thread == ControlThread::kRunning);
 }
