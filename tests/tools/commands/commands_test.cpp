@@ -209,8 +209,8 @@ TEST(Session, RootUsesTheRightsOfTheProcessOwner) {
     start $PWD/users/root; stat -c %a:%u:%g users/root users/root/*; cat users/root/properties
     start $PWD/secret; cat secret/properties; start $PWD/new)");
   ExpectHas(outcome.output,
-            {"code 0\n700:1234:1234\n600:1234:1234\nvastel.memleak.backtacetype=", "maxnum=3\n",
-             " has no state file, ", "code 2\nsecret=1\nmemleak: process "});
+            {"code 0\n700:1234:1234\n600:1234:1234\n600:1234:1234\nvastel.memleak.backtacetype=",
+             "maxnum=3\n", " has no state file, ", "code 2\nsecret=1\nmemleak: process "});
 }
 
 TEST(Errors, EachIsOneLineWithExitCodeTwo) {
