@@ -24,8 +24,10 @@ namespace {
 constexpr int kWaitMs = 60'000;
 // Earlier reports: the end of the process would truncate them.
 constexpr int kEarlierMs = 10'000;
-// How long an abrupt end waits for the command. The ending thread may hold the allocator's lock.
+// How long an abrupt end waits for the command, and then for the report. The ending thread may hold
+// a lock of the allocator, or be in an operation of the record store, for which the report waits.
 constexpr int kAbruptMs = 2'000;
+constexpr int kAbruptReportMs = 5'000;
 // How long an exit waits for a running command. If the command takes longer, the tracker is not
 // finalized, which is harmless at exit.
 constexpr int kFinalizeMs = 5'000;
@@ -49,7 +51,7 @@ bool WaitForReports(int timeout_ms) {
 
 /// Carries out the command and waits for the report with `wait`. If there is none, one line on
 /// stderr gives the reason.
-void Report(int command_ms, PassTracker::From memory, bool (*wait)(int timeout_ms)) {
+void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait)(int)) {
   if (exit_command.word == 0) return;
   if ((exit_command.word & protocol::kReportBits) == 0) {
     PrintError("no report at exit: %s=0x%llx is not a report command; use 0x%llx",
@@ -60,8 +62,8 @@ void Report(int command_ms, PassTracker::From memory, bool (*wait)(int timeout_m
   const int error = RunCommand(exit_command, command_ms, memory);
   if (error != 0) {
     PrintError("no report at exit: the command could not be carried out: %s", strerror(error));
-  } else if (!wait(kWaitMs)) {
-    PrintError("no report at exit: it is not complete after %d s", kWaitMs / 1000);
+  } else if (!wait(report_ms)) {
+    PrintError("no report at exit: it is not complete");
   } else if (CurrentState().report_error.load() != 0) {
     PrintError("no report at exit: %s", CurrentState().report_reason);
   }
@@ -77,7 +79,7 @@ bool EndsNow() {
 void AtExit(void*) {
   if (EndsNow()) {
     WaitForReports(kEarlierMs);
-    Report(kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
+    Report(kWaitMs, kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
   }
   // The entries stay in place and forward.
   if (CloseControlThread(kFinalizeMs)) {
@@ -99,8 +101,8 @@ void PrepareExit(const Command& command, void (*finalize)()) {
 
 void EndAbruptly() {
   if (!EndsNow()) return;
-  WaitWhileReportRuns(kEarlierMs);
-  Report(kAbruptMs, PassTracker::From::kArena, WaitWhileReportRuns);
+  WaitWhileReportRuns(kAbruptReportMs);
+  Report(kAbruptMs, kAbruptReportMs, PassTracker::From::kArena, WaitWhileReportRuns);
 }
 
 }  // namespace host

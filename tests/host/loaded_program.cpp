@@ -275,7 +275,7 @@ void ExitInsideMalloc() {
     for (;;) mallinfo2();  // nearly always holds the lock
   }
   const time_t start = time(nullptr);
-  CHECK(WEXITSTATUS(WaitFor(child)) == 7 && time(nullptr) - start < 10);
+  CHECK(WEXITSTATUS(WaitFor(child)) == 7 && time(nullptr) - start < 30);
 }
 
 /// The C library does not know of the child, so the loader's fork handlers have not run in it.
