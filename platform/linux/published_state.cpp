@@ -22,10 +22,12 @@ using protocol::KindState;
 using protocol::Recording;
 using protocol::State;
 
-std::atomic<State*>* g_state = nullptr;
+// Atomic: the tracker may start again while the thread of a report ends.
+std::atomic<std::atomic<State*>*> g_state{nullptr};
 
 State* Published() {
-  return g_state != nullptr ? g_state->load(std::memory_order_acquire) : nullptr;
+  const std::atomic<State*>* const state = g_state.load(std::memory_order_acquire);
+  return state != nullptr ? state->load(std::memory_order_acquire) : nullptr;
 }
 
 std::int64_t Now() {
@@ -59,7 +61,8 @@ protocol::HookState* FindHook(State& state, const char* library, const char* fun
 }  // namespace
 
 void FindPublishedState() {
-  g_state = static_cast<std::atomic<State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable));
+  g_state.store(static_cast<std::atomic<State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable)),
+                std::memory_order_release);
 }
 
 void PublishRecording(const protocol::Kind& kind, Recording recording) {
