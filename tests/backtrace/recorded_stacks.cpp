@@ -161,9 +161,7 @@ void Allocate() {
 /// Allocates on small stacks and checks that one allocation uses at most `bound` bytes of them.
 int SmallStacks(std::size_t bound) {
   static std::size_t most = 0;  // getcontext() may return twice
-  const auto note = [](const Stack& stack) {
-    most = std::max(most, stack.Used(allocated_from));
-  };
+  const auto note = [](const Stack& stack) { most = std::max(most, stack.Used(allocated_from)); };
   constexpr int kRounds = 1500;
   const Stack coroutine(std::max(kPage, bound + 512));
   for (int i = 0; i < kRounds; ++i) {
