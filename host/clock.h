@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Time for limited waits. Any thread; nothing here allocates.
+// The time. Any thread; nothing here allocates.
 #pragma once
 
 #include <stdint.h>
@@ -14,6 +14,13 @@ inline int64_t NowMs() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// Returns the time in nanoseconds since 1970.
+inline int64_t UnixNs() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
 /// Sleeps `ms` milliseconds, less than 1000. Not a cancellation point.

@@ -99,21 +99,18 @@ MEMLEAK_EXPORT sighandler_t signal(int signal, sighandler_t handler) noexcept {
   return host::SetHandler(host::next_signal, signal, handler);
 }
 
-MEMLEAK_EXPORT sighandler_t ssignal(int signal, sighandler_t handler) noexcept {
-  return host::SetHandler(host::next_signal, signal, handler);
-}
+MEMLEAK_EXPORT sighandler_t ssignal(int signal, sighandler_t handler) noexcept
+    __attribute__((alias("signal")));
 
-MEMLEAK_EXPORT sighandler_t bsd_signal(int signal, sighandler_t handler) noexcept {
-  return host::SetHandler(host::next_signal, signal, handler);
-}
+MEMLEAK_EXPORT sighandler_t bsd_signal(int signal, sighandler_t handler) noexcept
+    __attribute__((alias("signal")));
 
 MEMLEAK_EXPORT sighandler_t __sysv_signal(int signal, sighandler_t handler) noexcept {
   return host::SetHandler(host::next_sysv_signal, signal, handler);
 }
 
-MEMLEAK_EXPORT sighandler_t sysv_signal(int signal, sighandler_t handler) noexcept {
-  return host::SetHandler(host::next_sysv_signal, signal, handler);
-}
+MEMLEAK_EXPORT sighandler_t sysv_signal(int signal, sighandler_t handler) noexcept
+    __attribute__((alias("__sysv_signal")));
 
 MEMLEAK_EXPORT sighandler_t sigset(int signal, sighandler_t handler) noexcept {
   return host::SetHandler(host::next_sigset, signal, handler);

@@ -17,9 +17,9 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "host/clock.h"
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
 
@@ -35,8 +35,7 @@ std::atomic<State*> mapped_state{nullptr};
 std::atomic<pid_t> owner{0};
 std::atomic<pid_t> file_owner{0};
 std::atomic_flag making = ATOMIC_FLAG_INIT;
-// Static: signal handlers may run on a small stack. Guarded by `making`, and kept for
-// RemoveStateFile.
+// Static: signal handlers may run on a small stack. Guarded by `making`.
 char file_path[platform::kPathBytes];
 
 /// Identifies the PID namespace of this process; 0 if that is unknown.
@@ -211,9 +210,7 @@ void InitializeState(int argument_count, char** arguments) {
   state.layout = protocol::kStateLayout;
   state.bytes = sizeof(State);
   snprintf(state.version, sizeof state.version, "%s", MEMLEAK_VERSION);
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  state.start_ns = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+  state.start_ns = UnixNs();
   // The result is cut to fit and has no NUL.
   [[maybe_unused]] const ssize_t length =
       readlink("/proc/self/exe", state.program, sizeof state.program - 1);
@@ -263,10 +260,8 @@ void RememberCommand(const protocol::Command& command) {
   State& state = CurrentState();
   const uint64_t number = state.carried_out.load() + 1;
   protocol::PastCommand& past = state.history[number % protocol::kHistory];
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
   past.number.store(0);
-  past.time_ns.store(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec);
+  past.time_ns.store(UnixNs());
   past.word.store(command.word);
   past.parameter.store(command.parameter);
   past.number.store(number);

@@ -22,11 +22,11 @@ bool OwnsState();
 /// Describes the process: program, arguments, version, start. For the loader's constructor.
 void InitializeState(int argument_count, char** arguments);
 
-/// Makes the file "<root>/state", or "<root>/state.PID" if another living process has that, and
-/// moves the state to it. Does nothing if the process has its file, has no root directory, or is
-/// already making the file. If the file cannot be made, the state stays private, and the next call
-/// tries again. The caller makes sure that meanwhile nobody writes the state: no control thread and
-/// no report runs.
+/// Makes the file "<root>/state", or "<root>/state.PID" if another living process has that
+/// (".PID.NAMESPACE" if a process of another PID namespace has both), and moves the state to it.
+/// Does nothing if the process has its file, has no root directory, or is already making the file.
+/// If the file cannot be made, the state stays private, and the next call tries again. The caller
+/// makes sure that meanwhile nobody writes the state: no control thread and no report runs.
 void MakeStateFile();
 
 /// In a forked child, on its only thread: leaves the parent's file. The child starts with what its

@@ -48,8 +48,7 @@ PcWidth AcceptedPcWidth();
 /// blocked. `interrupted` is the mask of the interrupted code.
 ///
 /// Android: none; any thread may run the control signal's handler. Linux: the control signal if
-/// `interrupted` blocks it. Only the loader's control thread unblocks it: a command on another
-/// thread could wait for an allocator lock that this thread holds.
+/// `interrupted` blocks it, as the loader does during a fork.
 ///
 /// Any thread. Async-signal-safe.
 void KeepBlocked(const sigset_t& interrupted, sigset_t* mask);

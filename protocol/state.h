@@ -23,7 +23,8 @@
 namespace protocol {
 
 /// The file, below the root directory. If a living process has it already (a process that was
-/// forked or started with the same root directory), ".PID" is appended.
+/// forked or started with the same root directory), ".PID" is appended; for a process of another
+/// PID namespace also "." and the inode of the namespace, if necessary.
 inline constexpr char kStatePath[] = "/state";
 /// The bytes "MEMLEAKS". Stored last, when the rest of the file is valid.
 inline constexpr std::uint64_t kStateMagic = 0x534b41454c4d454d;

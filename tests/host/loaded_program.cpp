@@ -3,24 +3,18 @@
 // case. Exit code 0 if the case passes.
 #include <dlfcn.h>
 #include <errno.h>
-#include <grp.h>
 #include <malloc.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -28,40 +22,16 @@
 #include <thread>
 #include <vector>
 
-#include "protocol/state.h"
-#include "tests/control_signal.h"
-
-#define CHECK(condition)                                                                        \
-  do {                                                                                          \
-    if (!(condition)) {                                                                         \
-      fprintf(stderr, "%s:%d: not so: %s (errno %d)\n", __FILE__, __LINE__, #condition, errno); \
-      _exit(1);                                                                                 \
-    }                                                                                           \
-  } while (false)
+#include "tests/host/loaded_program.h"
 
 extern "C" int busy_library_thread_blocked();
 extern "C" void* busy_library_block();
 
 namespace {
 
-using protocol::ControlThread;
-
 void* Find(const char* library, const char* name) {
   void* handle = dlopen(library, RTLD_NOW | RTLD_NOLOAD);
   return handle != nullptr ? dlsym(handle, name) : nullptr;
-}
-
-const char* Environment(const char* name) {
-  const char* value = getenv(name);
-  CHECK(value != nullptr);
-  return value;
-}
-
-int WaitFor(pid_t child) {
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return status;
 }
 
 /// The recorded frames of a block; 0 if it has no record.
@@ -71,23 +41,6 @@ ssize_t FramesOf(void* block, uintptr_t* frames, size_t count) {
       reinterpret_cast<Backtrace>(Find("libmemleak_tracker.so", "track_malloc_backtrace"));
   CHECK(recorded != nullptr);
   return recorded(block, frames, count);
-}
-
-bool HasReport(pid_t process) {
-  std::string path = Environment("MEMLEAK_TRACKER_ROOT");
-  path.replace(path.find("%p"), 2, std::to_string(process));
-  std::ifstream report(path + "/data/log/reliability/allocations_dump");
-  const std::string text{std::istreambuf_iterator<char>(report), {}};
-  return text.size() > 3 && text.compare(text.size() - 3, 3, "END") == 0;
-}
-
-void Churn(int rounds) {
-  void* blocks[64] = {};
-  for (int i = 0; i < rounds; ++i) {
-    void*& slot = blocks[i % 64];
-    slot = i % 3 == 0 ? realloc(slot, static_cast<size_t>(i % 3000 + 1)) : (free(slot), malloc(99));
-  }
-  for (void* block : blocks) free(block);
 }
 
 }  // namespace
@@ -244,113 +197,6 @@ int ExitStorm() {
     }
     CHECK(status == 0);
   }
-  return 0;
-}
-
-/// Sends a command and waits until it is carried out.
-void CarryOut(uint64_t word) {
-  const auto* pointer =
-      static_cast<std::atomic<protocol::State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable));
-  const uint64_t before = pointer->load()->carried_out;
-  CHECK(SendControlSignal(getpid(), word));
-  // The handler may run late, on another thread.
-  for (int i = 0; i < 10'000 && pointer->load()->carried_out == before; usleep(1000)) {
-    free(malloc(static_cast<size_t>(++i)));
-  }
-  CHECK(pointer->load()->carried_out > before);
-  CHECK(pointer->load()->control_thread == ControlThread::kRunning);
-}
-
-/// A signal handler ends the process while its thread is in the allocator.
-void ExitInsideMalloc() {
-  const pid_t child = fork();
-  if (child == 0) {
-    mallopt(M_ARENA_MAX, 1);
-    CarryOut(0x10);
-    signal(SIGALRM, [](int) { _exit(7); });
-    ualarm(20'000, 0);
-    void* blocks[20'000];
-    for (void*& block : blocks) block = malloc(2000);
-    for (size_t i = 0; i < std::size(blocks); i += 2) free(blocks[i]);
-    for (;;) mallinfo2();  // nearly always holds the lock
-  }
-  const time_t start = time(nullptr);
-  CHECK(WEXITSTATUS(WaitFor(child)) == 7 && time(nullptr) - start < 30);
-}
-
-/// The C library does not know of the child, so the loader's fork handlers have not run in it.
-void RawFork() {
-  CarryOut(0x10);
-  const auto start = std::chrono::steady_clock::now();
-  const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
-  if (child == 0) {
-    const pid_t grandchild = fork();
-    if (grandchild == 0) _exit(6);
-    CHECK(WEXITSTATUS(WaitFor(grandchild)) == 6);
-    exit(7);
-  }
-  CHECK(WEXITSTATUS(WaitFor(child)) == 7);
-  CHECK(std::chrono::steady_clock::now() - start < std::chrono::seconds(1));
-}
-
-/// Old functions cannot replace the handler of the control signal or block it. dlsym avoids their
-/// deprecation warnings.
-void OldSignalFunctions() {
-  using Signal = sighandler_t (*)(int, sighandler_t);
-  for (const char* name : {"sigset", "__sysv_signal"}) {
-    const auto set = reinterpret_cast<Signal>(dlsym(RTLD_DEFAULT, name));
-    set(protocol::control_signal, [](int) { _exit(9); });
-  }
-  reinterpret_cast<int (*)(int)>(dlsym(RTLD_DEFAULT, "sighold"))(protocol::control_signal);
-  CarryOut(0x10);
-}
-
-/// A recording process blocks and awaits all signals, has commands interrupt its allocator, fills
-/// its signal queue, and gives up its privileges.
-int Hostile() {
-  CarryOut(0x10);
-  OldSignalFunctions();
-  RawFork();
-  for (int i = 0; i < 3; ++i) ExitInsideMalloc();
-  sigset_t all;
-  sigfillset(&all);
-  pthread_sigmask(SIG_BLOCK, &all, nullptr);
-  std::thread waiter([&] {
-    int signal = 0;
-    CHECK(sigwait(&all, &signal) == 0 && signal == SIGUSR1);
-  });
-  std::thread churners[] = {std::thread(Churn, 1'000'000), std::thread(Churn, 1'000'000)};
-  for (int i = 0; i < 300; ++i) {
-    CHECK(SendControlSignal(getpid(), i % 2 == 0 ? 0x90 : 0x40));
-    usleep(50);
-  }
-  for (std::thread& churner : churners) churner.join();
-  kill(getpid(), SIGUSR1);
-  waiter.join();
-  CarryOut(0x10);
-  const auto in_child = [](int (*run)()) {
-    const pid_t child = fork();
-    if (child == 0) {
-      CarryOut(0x10);
-      CHECK(run() == 0);
-      CarryOut(0x20);
-      _exit(7);
-    }
-    const int status = WaitFor(child);
-    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 7 && HasReport(child));
-  };
-  in_child([] { return unshare(geteuid() == 0 ? CLONE_NEWUSER : CLONE_FS); });
-  if (geteuid() == 0) in_child([] { return prctl(PR_SET_KEEPCAPS, 1) + setresgid(1, 1, 1); });
-  if (geteuid() == 0) in_child([] { return setgroups(0, nullptr) + setgid(2); });
-  constexpr rlimit kNone{0, 0};
-  CHECK(setrlimit(RLIMIT_SIGPENDING, &kNone) == 0);
-  const time_t start = time(nullptr);
-  for (int i = 0; i < 10; ++i) {
-    const pid_t child = fork();
-    if (child == 0) quick_exit(7);
-    CHECK(WEXITSTATUS(WaitFor(child)) == 7 && HasReport(child));
-  }
-  CHECK(time(nullptr) - start < 5);
   return 0;
 }
 

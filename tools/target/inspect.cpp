@@ -128,7 +128,7 @@ std::string ReadProc(pid_t pid, const std::string& name) {
   throw NoSuchProcess(pid);
 }
 
-// Whether the process was just forked. Until it executes its program, its environment is that of
+// Whether the process was just forked. Until it executes its program, it maps the libraries of
 // the shell.
 bool IsYoung(pid_t pid) {
   const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));

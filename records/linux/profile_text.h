@@ -13,18 +13,11 @@
 #include <utility>
 
 #include "platform/raw_calls.h"
-#include "records/profile_objects.h"
+#include "records/linux/profile_objects.h"
 
 namespace profile {
 
 inline constexpr char kHexDigits[] = "0123456789abcdef";
-
-/// Returns `bytes` zeroed bytes, to be freed by munmap; null if there is no memory.
-inline void* MapPages(std::size_t bytes) {
-  void* const pages = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  return pages == MAP_FAILED ? nullptr : pages;
-}
 
 /// A text file that is written in pieces.
 class Text {

@@ -22,9 +22,9 @@
 #include "protocol/private_files.h"
 #include "protocol/protocol.h"
 #include "records/PointerSet.h"
+#include "records/linux/profile_objects.h"
+#include "records/linux/profile_text.h"
 #include "records/profile.h"
-#include "records/profile_objects.h"
-#include "records/profile_text.h"
 #include "records/record_store.h"
 #include "records/report_text.h"
 

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The list of loaded objects.
-#include "records/profile_objects.h"
+#include "records/linux/profile_objects.h"
 
 #include <link.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -46,16 +45,11 @@ struct Update {
 
 bool Reserve() {
   if (g_objects != nullptr) return true;
-  const auto map = [](std::size_t bytes) {
-    return mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                -1, 0);
-  };
-  void* const objects = map(kMaxObjects * sizeof(Object));
-  void* const names = map(kNameBytes);
-  if (objects == MAP_FAILED || names == MAP_FAILED) return false;
-  g_names = static_cast<char*>(names);
-  g_objects = static_cast<Object*>(objects);
-  return true;
+  // Another attempt keeps what this one has got.
+  if (g_names == nullptr) g_names = static_cast<char*>(MapPages(kNameBytes));
+  if (g_names == nullptr) return false;
+  g_objects = static_cast<Object*>(MapPages(kMaxObjects * sizeof(Object)));
+  return g_objects != nullptr;
 }
 
 /// Copies the build id in the notes of `header` to `object`.

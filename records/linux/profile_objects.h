@@ -6,11 +6,20 @@
 // late: backtraces in its successor may be taken for its own.
 #pragma once
 
+#include <sys/mman.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 namespace profile {
+
+/// Returns `bytes` zeroed bytes, to be freed by munmap; null if there is no memory.
+inline void* MapPages(std::size_t bytes) {
+  void* const pages = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  return pages == MAP_FAILED ? nullptr : pages;
+}
 
 struct Segment {
   std::uint64_t begin;
