@@ -19,6 +19,7 @@
 #include "host/command_queue.h"
 #include "host/fork_page.h"
 #include "host/print_error.h"
+#include "host/record_count.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
 #include "host/state.h"
@@ -76,16 +77,6 @@ int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
 }
 
-/// Returns the time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
-timespec WallClock(int timeout_ms) {
-  timespec moment;
-  clock_gettime(CLOCK_REALTIME, &moment);
-  moment.tv_sec += timeout_ms / 1000;
-  moment.tv_nsec += timeout_ms % 1000 * 1'000'000L;
-  if (moment.tv_nsec >= 1'000'000'000) ++moment.tv_sec, moment.tv_nsec -= 1'000'000'000;
-  return moment;
-}
-
 bool Lock(const timespec& until) {
   return pthread_mutex_trylock(&change_lock) == 0 ||
          pthread_mutex_timedlock(&change_lock, &until) == 0;
@@ -97,10 +88,6 @@ void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) 
   timespec left{static_cast<time_t>(timeout_ms / 1000),
                 static_cast<long>(timeout_ms % 1000 * 1'000'000)};
   syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
-}
-
-void Wake(std::atomic<uint32_t>& word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
 }
 
 bool OnControlThread() {
@@ -128,7 +115,7 @@ void CarryOut() {
   Acknowledge(taken, 0);
   if (taken.ticket != 0) {
     own_done.store(taken.ticket);
-    Wake(own_done);
+    WakeWaiters(own_done);
   }
   if (const uint32_t count = TakeDropped(); count != 0) {
     PrintError("%u commands were dropped: they arrived faster than they are carried out", count);
@@ -153,13 +140,14 @@ void* ControlThread(void*) {
     const uint32_t bell = state.bell.load();
     int wanted = kStopWanted;
     if (stop.compare_exchange_strong(wanted, kStopped)) return nullptr;
+    if (CountWaits()) CountRecords();
     Command command;
     const bool waits = FirstCommand(command);
     if (waits && !MustWait(command)) {
       CarryOut();
       continue;
     }
-    if (settled.exchange(1) == 0) Wake(settled);
+    if (settled.exchange(1) == 0) WakeWaiters(settled);
     WaitWhile(state.bell, bell, waits ? kPollMs : -1);
   }
 }
@@ -336,7 +324,7 @@ void RequestControlThread(bool may_start) {
   // A running thread makes the file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
-  if (runs || !CommandWaits()) return;
+  if (runs || !(CommandWaits() || CountWaits())) return;
   MarkPending();
   if (may_start) TryStart();
 }

@@ -6,6 +6,10 @@
 // handlers.
 #pragma once
 
+#include <stdint.h>
+
+#include <atomic>
+
 #include "protocol/state.h"
 
 namespace host {
@@ -35,6 +39,9 @@ void ForkState(bool rested);
 
 /// Adds `command`, which was carried out, to the state's history. One caller at a time.
 void RememberCommand(const protocol::Command& command);
+
+/// Wakes the threads, of any process, that wait for `word` by futex.
+void WakeWaiters(std::atomic<uint32_t>& word);
 
 /// Adds one to the state's `bell` and wakes the threads, of any process, that wait for it.
 void RingBell();

@@ -16,8 +16,12 @@ enum class Recording : std::uint32_t;
 
 namespace platform {
 
-/// Finds the state. From track_initialize; takes the dynamic linker's lock.
-void FindPublishedState();
+/// Finds the state. From track_initialize; takes the dynamic linker's lock. The loader calls
+/// `count`, which calls PublishCount, on its own thread when the controller asks for the number of
+/// records.
+void FindPublishedState(void (*count)());
+/// The number of live records, and of blocks that were not recorded for lack of memory.
+void PublishCount(std::uint64_t records, std::uint64_t dropped);
 
 /// The kind is switched, or its records are dropped. The hooked kinds share their switches: a
 /// command to one that is not "on" applies to all that are recorded.

@@ -60,9 +60,19 @@ protocol::HookState* FindHook(State& state, const char* library, const char* fun
 
 }  // namespace
 
-void FindPublishedState() {
+void FindPublishedState(void (*count)()) {
   g_state.store(static_cast<std::atomic<State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable)),
                 std::memory_order_release);
+  auto* const counter = static_cast<std::atomic<protocol::CountRecords>*>(
+      dlsym(RTLD_DEFAULT, protocol::kRecordCounter));
+  if (counter != nullptr) counter->store(count);
+}
+
+void PublishCount(std::uint64_t records, std::uint64_t dropped) {
+  State* const state = Published();
+  if (state == nullptr) return;
+  state->records.store(records);
+  state->dropped.store(dropped);
 }
 
 void PublishRecording(const protocol::Kind& kind, Recording recording) {
