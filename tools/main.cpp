@@ -17,6 +17,10 @@ A session:
 
 --kind selects other memory than the native heap: see memleak on --help.
 
+A command waits until the process has carried it out: at most 60 s, and 3 s if
+no thread of the process calls an allocator function. Then it fails, and stays
+queued in the process. --timeout of report and watch replaces the 60 s.
+
 memleak COMMAND --help describes a command.
 
 Exit codes:

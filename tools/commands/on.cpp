@@ -73,7 +73,7 @@ Exit codes:
   0  recording is on; for a hooked kind, at least one hook is in place
   2  no such process, not permitted, not tracked, stopped, memory of another kind
      is recorded, settings not writable, nothing hooked, or the command was not
-     carried out)";
+     carried out within 60 s)";
 
 // On x86-64, system libraries have no frame pointers.
 char DefaultType(const ProcessInfo& process) {

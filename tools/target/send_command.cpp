@@ -125,18 +125,24 @@ class PostedCommand {
 
   void CheckPatience() const {
     RequireRunning(process_);
+    const std::string pid = std::to_string(process_.pid);
+    const std::string queued =
+        number_ == 0 ? "its queue is full, so nothing was sent" : "the command stays queued";
     const milliseconds patience = process_.is_emulated ? kEmulatedThreadPatience : kThreadPatience;
     const ControlThread thread = state_->control_thread;
     if (thread != ControlThread::kRunning && Waited() >= patience) {
-      throw UserError("process " + process_.Label() +
-                          " has not called an allocator function since; the command stays queued",
-                      "it is carried out with the next call: see memleak status " +
-                          std::to_string(process_.pid));
+      throw UserError(
+          "process " + process_.Label() + " has not called an allocator function since; " + queued,
+          "commands are carried out with its next call: see memleak status " + pid);
     }
     if (timeout_.count() != 0 && Waited() >= timeout_) {
+      const bool reports = state_->reports_started != state_->reports_ended;
       throw UserError("process " + process_.Label() + " has not carried out the command in " +
-                          FormatDuration(timeout_) + "; it stays queued",
-                      "see memleak status " + std::to_string(process_.pid));
+                          std::to_string(timeout_.count() / 1000) + " s; " + queued + "; " +
+                          (reports ? "an earlier report is still being written"
+                                   : "a thread of the process may be stuck"),
+                      reports ? "wait for its end: see memleak status " + pid
+                              : "see where: gdb -p " + pid + " --batch -ex 'thread apply all bt'");
     }
   }
 
