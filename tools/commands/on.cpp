@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <optional>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
@@ -143,20 +144,35 @@ void WriteHookSettings(const ProcessInfo& process, const OnOptions& options, con
 }
 
 // Prints what the latest "on" has hooked, and one warning for each pair of `plan` that is not.
-void PrintResults(const HookPlan& plan, const std::vector<HookResult>& results) {
+void PrintResults(const ProcessInfo& process, const HookPlan& plan, const ProcessMemory& memory) {
+  const std::vector<HookResult> results = HookResults(*process.state);
+  std::optional<LoadedLibraries> loaded;
   std::vector<HookPair> hooked;
   bool twice = false;
   for (const HookPair& pair : plan.pairs) {
+    const std::string name = pair.library + ": " + pair.function;
     const auto result =
         std::find_if(results.begin(), results.end(),
                      [&](const HookResult& candidate) { return candidate.pair == pair; });
-    if (result != results.end() && result->hooks == 0) {
-      PrintWarning("not hooked: " + pair.library + ": " + pair.function + ": " +
-                   std::strerror(result->error));
+    if (result == results.end()) {
+      // The state has room for a limited number of results. The slots show the others.
+      if (!loaded) loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
+      if (!memory.IsOpen()) {
+        PrintWarning("may be hooked: " + name + ": to see it, run memleak libs as root");
+      } else if (IsHooked(*loaded, pair, memory)) {
+        hooked.push_back(pair);
+      } else {
+        PrintWarning("not hooked: " + name + ": see the log of the process");
+      }
       continue;
     }
+    if (result->error != 0) {
+      PrintWarning((result->hooks == 0 ? "not hooked: " : "hooked before, but not once more: ") +
+                   name + ": " + std::strerror(result->error));
+    }
+    if (result->hooks == 0) continue;
     hooked.push_back(pair);
-    twice = twice || (result != results.end() && result->hooks > 1);
+    twice = twice || (result->hooks > 1 && result->error == 0);
   }
   PrintPairs("hooked  ", hooked, std::cout);
   if (twice) {
@@ -168,9 +184,9 @@ void PrintResults(const HookPlan& plan, const std::vector<HookResult>& results) 
 int StartHooking(const OnOptions& options, const ProcessInfo& process, const HookNames& names) {
   const Kind& kind = *options.kind;
   const ProcessMemory memory(process.pid);
-  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
-  const HookPlan plan = PlanFor(
-      process, loaded, {names.libraries, names.functions, !options.functions.empty()}, memory);
+  const HookPlan plan =
+      PlanFor(process, ReadLoadedLibraries(process, memory, HookableFunctions()),
+              {names.libraries, names.functions, !options.functions.empty()}, memory);
   WriteHookSettings(process, options, plan);
 
   const Carried carried = SendCommand(process, StartWord(options), 0);
@@ -180,9 +196,8 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
     PrintPairs("requested  ", plan.pairs, std::cout);
     return kExitOk;
   }
-  const std::vector<HookResult> results = HookResults(*process.state);
   if (process.state->RecordingOf(kind) != protocol::Recording::kOn) {
-    PrintResults(plan, results);
+    PrintResults(process, plan, memory);
     throw UserError("the tracker hooked nothing in " + process.Label(),
                     "see memleak libs " + std::to_string(process.pid));
   }
@@ -190,7 +205,7 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
             << (options.keep ? "earlier records kept" : "tables emptied") << ", "
             << *InForce(process, {}).depth << " frames by frame pointers" << CarriedText(carried)
             << "\n";
-  PrintResults(plan, results);
+  PrintResults(process, plan, memory);
   return kExitOk;
 }
 
@@ -226,11 +241,16 @@ void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostre
   if (!library.empty()) out << "\n";
 }
 
+void PrintHooks(const char* what, const StateFile& state) {
+  PrintPairs(what, HookedPairs(state), std::cout);
+  if (state->hook_states < protocol::kMaxHookStates) return;
+  std::cout << std::string(std::strlen(what), ' ') << "There may be more: the state file lists "
+            << protocol::kMaxHookStates << " at most. See memleak libs.\n";
+}
+
 void PrintStillHooked(const ProcessInfo& process) {
-  if (!process.state) return;
-  const std::vector<HookPair> left = HookedPairs(*process.state);
-  if (left.empty()) return;
-  PrintPairs("hooked  ", left, std::cout);
+  if (!process.state || HookedPairs(*process.state).empty()) return;
+  PrintHooks("hooked  ", *process.state);
   std::cout
       << "        These hooks record nothing. Each `on` adds a hook; a report removes one, in\n"
          "        the libraries that the latest `on` has named.\n";

@@ -33,6 +33,10 @@ int StartRecording(const OnOptions& options);
 /// and its functions.
 void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out);
 
+/// Prints the pairs that have hooks according to `state` with PrintPairs, and whether there may be
+/// more.
+void PrintHooks(const char* what, const StateFile& state);
+
 /// Prints what is still hooked after a report of a hooked kind. Nothing on devices.
 void PrintStillHooked(const ProcessInfo& process);
 

@@ -111,7 +111,7 @@ void PrintState(const StateFile& state) {
     std::cout << "dropped     " << FormatCount(state->dropped)
               << " blocks by the latest report: no memory\n";
   }
-  PrintPairs("hooks       ", HookedPairs(state), std::cout);
+  PrintHooks("hooks       ", state);
   std::cout << "commands    " << CommandsText(state) << "\n";
 }
 
