@@ -18,7 +18,7 @@
 #include "tools/target/send_command.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
-#include "tools/view/print.h"
+#include "tools/view/head_text.h"
 
 namespace memleak {
 namespace {
@@ -78,7 +78,7 @@ std::uint64_t PrintGroups(const std::string& path) {
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";
   }
-  if (header.groups == 0) std::cout << "\n        " << kNothingHeld;
+  if (header.groups == 0) std::cout << "\n        " << NothingHeldText(nullptr);
   std::cout << "\n";
   return header.total_bytes;
 }
@@ -98,7 +98,7 @@ std::uint64_t PrintStacks(const std::string& path, const std::string& shown) {
   ReadProfileFile(path, sink, &head);
   std::cout << "profile " << shown << "\n"
             << "blocks  " << FormatCount(blocks) << " from " << Counted(stacks, "call stack");
-  if (stacks == 0) std::cout << "\n        " << kNothingHeld;
+  if (stacks == 0) std::cout << "\n        " << NothingHeldText(&head);
   std::cout << "\n";
   return bytes;
 }

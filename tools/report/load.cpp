@@ -15,6 +15,7 @@
 
 #include "tools/base/files.h"
 #include "tools/base/progress.h"
+#include "tools/report/program_name.h"
 #include "tools/report/stacks.h"
 #include "tools/report/wrappers.h"
 #include "tools/symbols/demangle.h"
@@ -284,6 +285,7 @@ void ReadWhole(const std::string& path, const std::function<void(DamagedLine&&)>
   sink.stack = [&](const ProfileStack& stack) { builder.Add(stack); };
   sink.damaged = damaged;
   profile->complete = ReadProfileFile(path, sink, &*profile->head) == ReportEnd::kComplete;
+  profile->head->name = ProgramName(*profile->head);
   if (profile->head->written != 0) profile->made = profile->head->written;
 }
 
