@@ -69,6 +69,11 @@ void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait
   }
 }
 
+/// Whether there was no command, as in most forked children. Their end writes no page.
+bool NothingToDo() {
+  return exit_command.word == 0 && IsAtRest();
+}
+
 bool EndsNow() {
   const pid_t process = getpid();
   return OwnsState() && ended.exchange(process) != process;
@@ -77,6 +82,7 @@ bool EndsNow() {
 /// The last exit handler: it is registered first, and for no library, so that it runs after the
 /// destructors of all libraries. The tracker needs none of its own.
 void AtExit(void*) {
+  if (NothingToDo()) return;
   if (EndsNow()) {
     WaitForReports(kEarlierMs);
     Report(kWaitMs, kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
@@ -100,7 +106,7 @@ void PrepareExit(const Command& command, void (*finalize)()) {
 }
 
 void EndAbruptly() {
-  if (!EndsNow()) return;
+  if (NothingToDo() || !EndsNow()) return;
   WaitWhileReportRuns(kAbruptReportMs);
   Report(kAbruptMs, kAbruptReportMs, PassTracker::From::kArena, WaitWhileReportRuns);
 }

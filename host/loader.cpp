@@ -130,6 +130,7 @@ __attribute__((constructor)) void Load(int argument_count, char** arguments, cha
   InitializeCLibrary(argument_count, arguments, environment);
   platform::CaptureEnvironment();
   FindNextAllocator();
+  FindOperators();
   FindSignalFunctions();
   FindPrivilegeFunctions();
   FindExitFunctions();

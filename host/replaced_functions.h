@@ -9,5 +9,7 @@ namespace host {
 void FindSignalFunctions();
 void FindPrivilegeFunctions();
 void FindExitFunctions();
+/// After the next allocator is known (next_allocator.h).
+void FindOperators();
 
 }  // namespace host

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "host/clock.h"
+#include "host/fork_page.h"
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
 
@@ -32,7 +33,7 @@ State private_state;
 // The mapping of the latest file of this process or of an ancestor, null for none.
 std::atomic<State*> mapped_state{nullptr};
 // The process that owns the state, and the one that has made the mapped file.
-std::atomic<pid_t> owner{0};
+MEMLEAK_FORK_PAGE std::atomic<pid_t> owner{0};
 std::atomic<pid_t> file_owner{0};
 std::atomic_flag making = ATOMIC_FLAG_INIT;
 // Static: signal handlers may run on a small stack. Guarded by `making`.
@@ -46,7 +47,7 @@ uint64_t PidNamespace() {
 
 // protocol::kStateVariable.
 extern "C" MEMLEAK_EXPORT std::atomic<State*> memleak_state;
-std::atomic<State*> memleak_state{&private_state};
+MEMLEAK_FORK_PAGE std::atomic<State*> memleak_state{&private_state};
 
 /// Copies the captured path of `variable` to `path`, "%p" replaced and absolute. Empty if it is
 /// unset or too long.
@@ -241,19 +242,15 @@ void MakeStateFile() {
   making.clear();
 }
 
-void ForkState() {
-  making.clear();
+void ForkState(bool rested) {
   owner = getpid();
-  State& former = CurrentState();
-  if (&former != &private_state) {
-    CopyRecording(former);
-    memleak_state.store(&private_state, std::memory_order_release);
-  }
-  if (private_state.carried_out != 0 || private_state.received != 0) ClearCounters(private_state);
-  // Writes only what differs: in a child, each first write copies a page.
-  if (private_state.control_thread != protocol::ControlThread::kNone) {
-    private_state.control_thread = protocol::ControlThread::kNone;
-  }
+  const State& former = CurrentState();
+  memleak_state.store(&private_state, std::memory_order_release);
+  if (rested) return;
+  making.clear();
+  if (&former != &private_state) CopyRecording(former);
+  ClearCounters(private_state);
+  private_state.control_thread = protocol::ControlThread::kNone;
 }
 
 void RememberCommand(const protocol::Command& command) {

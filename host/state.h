@@ -30,8 +30,8 @@ void InitializeState(int argument_count, char** arguments);
 void MakeStateFile();
 
 /// In a forked child, on its only thread: leaves the parent's file. The child starts with what its
-/// parent records, and with no commands.
-void ForkState();
+/// parent records, and with no commands. `rested`: the parent had no command (IsAtRest).
+void ForkState(bool rested);
 
 /// Adds `command`, which was carried out, to the state's history. One caller at a time.
 void RememberCommand(const protocol::Command& command);
