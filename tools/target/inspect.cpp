@@ -32,15 +32,6 @@ constexpr double kYoungSeconds = 3.0;
 constexpr auto kChildPatience = std::chrono::milliseconds(3000);
 constexpr auto kEmulatedChildPatience = std::chrono::milliseconds(8000);
 
-// The value of a field in the text of /proc/PID/status; empty if there is none.
-std::string StatusField(const std::string& status, const std::string& name) {
-  std::istringstream lines(status);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
-  }
-  return "";
-}
-
 // The effective id in a field such as "Uid", which lists real, effective, saved and file system id.
 std::uint32_t EffectiveId(const std::string& status, const std::string& name) {
   std::istringstream ids(StatusField(status, name));
@@ -149,9 +140,14 @@ std::string ReadStatus(pid_t pid) {
 }
 
 UserError NotTracked(const ProcessInfo& process) {
-  if (!process.has_tracker) {
-    return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
-            std::string("start it ") + Advice().with_tracker};
+  const bool was_detached = process.IsDetached();
+  if (!process.has_tracker || was_detached) {
+    return {"process " + process.Label() +
+                (was_detached ? " was detached from the tracker; nothing was sent"
+                              : " is not loaded with the tracker; nothing was sent"),
+            Advice().load == nullptr
+                ? std::string("start it ") + Advice().with_tracker
+                : "load it with: " + std::string(Advice().load) + std::to_string(process.pid)};
   }
   if (process.problem) return *process.problem;
   return {"process " + process.Label() +
@@ -160,6 +156,7 @@ UserError NotTracked(const ProcessInfo& process) {
 }
 
 bool TakesCommands(const ProcessInfo& process) {
+  if (process.IsDetached()) return false;
   // An emulator catches every real-time signal, so its mask proves nothing.
   return process.has_tracker && !process.problem && (process.is_emulated || process.catches_signal);
 }
@@ -184,6 +181,14 @@ ProcessInfo WithOwnState(ProcessInfo process) {
 }
 
 }  // namespace
+
+std::string StatusField(const std::string& status, const std::string& name) {
+  std::istringstream lines(status);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
+  }
+  return "";
+}
 
 std::string ReadMaps(pid_t pid) {
   return ReadProc(pid, "maps");

@@ -18,6 +18,9 @@ namespace memleak {
 /// The text of /proc/PID/maps. Throws UserError as InspectProcess does.
 std::string ReadMaps(pid_t pid);
 
+/// The value of the field `name` in the text of /proc/PID/status; empty if there is none.
+std::string StatusField(const std::string& status, const std::string& name);
+
 /// The start time in the text of /proc/PID/stat, in clock ticks since the system started; nothing
 /// if the text is malformed.
 std::optional<std::uint64_t> StartTicks(std::string_view stat);
