@@ -15,9 +15,10 @@
 #include <atomic>
 
 #include "host/allocator_table.h"
+#include "host/carry_out.h"
 #include "host/clock.h"
 #include "host/command_queue.h"
-#include "host/print_error.h"
+#include "host/form.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
 #include "host/state.h"
@@ -60,7 +61,6 @@ std::atomic<int> stop{kRun};
 uint32_t own_ticket = 0;
 std::atomic<uint32_t> own_done{0};
 
-std::atomic<bool> report_waits{false};
 // 1 once a new thread has carried out the commands that can be carried out.
 std::atomic<uint32_t> settled{0};
 
@@ -117,27 +117,23 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-void CarryOut() {
-  Taken taken = TakeCommand();
-  Deliver(taken.command);
-  report_waits.store(false);
-  RememberCommand(taken.command);
-  Acknowledge(taken, 0);
-  if (taken.ticket != 0) {
-    own_done.store(taken.ticket);
-    Wake(own_done);
+/// Ends the control thread after the loader has detached. Another thread may be stopping it. The
+/// state still says that the thread runs: a controller that finds no thread would send the control
+/// signal, which is the program's now and may end it.
+void End(const Taken& detach) {
+  for (int wanted = kStopWanted; !stop.compare_exchange_strong(wanted, kStopped);
+       wanted = kStopWanted) {
+    if (pthread_mutex_trylock(&change_lock) == 0) {
+      thread_started = false;
+      thread_id.store(0);
+      pthread_detach(pthread_self());
+      pthread_mutex_unlock(&change_lock);
+      break;
+    }
+    SleepMs(1);
   }
-  if (const uint32_t count = TakeDropped(); count != 0) {
-    PrintError("%u commands were dropped: they arrived faster than they are carried out", count);
-  }
-}
-
-/// Whether the command asks for a report while another report is being written. The tracker would
-/// start a thread for each at once.
-bool MustWait(const Command& command) {
-  const bool waits = (command.word & protocol::kReportBits) != 0 && ReportRuns();
-  if (waits) report_waits.store(true);
-  return waits;
+  Acknowledge(detach, 0);
+  RefusePosted(ESRCH);
 }
 
 void* ControlThread(void*) {
@@ -153,19 +149,17 @@ void* ControlThread(void*) {
     Command command;
     const bool waits = FirstCommand(command);
     if (waits && !MustWait(command)) {
-      CarryOut();
-      continue;
+      const CarriedOut done = CarryOutFirst();
+      if (done.ticket != 0) {
+        own_done.store(done.ticket);
+        Wake(own_done);
+      }
+      if (!done.detached) continue;
+      End(done.taken);
+      return nullptr;
     }
     if (settled.exchange(1) == 0) Wake(settled);
     WaitWhile(state.bell, bell, waits ? kPollMs : -1);
-  }
-}
-
-/// Makes the next allocation start the thread. Safe in signal handlers.
-void MarkPending() {
-  ThreadState none = ThreadState::kNone;
-  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
-    StartThreadAtNextCall();
   }
 }
 
@@ -237,7 +231,7 @@ bool StopUntil(const timespec& moment) {
   if (error != 0) return false;
   thread_started = false;
   WaitForRemoval(thread_id.exchange(0));
-  CurrentState().control_thread.store(ThreadState::kNone);
+  if (IsActive()) CurrentState().control_thread.store(ThreadState::kNone);
   return true;
 }
 
@@ -261,7 +255,7 @@ bool StopAll(int patience_ms) {
 
 /// Releases change_lock. Commands that wait have asked for a thread that was about to stop.
 void Unlock() {
-  if (!thread_started && !closed && CommandWaits()) MarkPending();
+  if (!thread_started && !closed && IsActive() && CommandWaits()) StartControlThreadLater();
   pthread_mutex_unlock(&change_lock);
 }
 
@@ -274,21 +268,22 @@ bool Records() {
 
 void BeforeFork() {
   // A child of vfork or of a raw clone has no thread to stop.
-  if (!OwnsState()) return;
+  if (!OwnsState() || !IsActive()) return;
   // A handler in the child before AfterForkInChild would lose its command.
   BlockControlSignal(true);
   if (StopAll(fork_patience_ms)) forking_thread.store(pthread_self());
 }
 
 void AfterForkInParent() {
-  if (forking_thread.load() == pthread_self()) {
+  const bool held = forking_thread.load() == pthread_self();
+  if (held) {
     forking_thread.store(0);
     // A recording parent may only wait for its children. Its reports must not wait for an
     // allocation.
     if (stopped_here && Records()) Start();
     Unlock();
   }
-  BlockControlSignal(false);
+  if (held || IsActive()) BlockControlSignal(false);
 }
 
 void AfterForkInChild() {
@@ -296,10 +291,11 @@ void AfterForkInChild() {
   thread_started = false;
   thread_id.store(0);
   stop.store(kRun);
-  report_waits.store(false);
+  ForgetReportCommand();
   ForgetCommands();  // the parent carries them out
   pthread_mutex_init(&change_lock, nullptr);
   ForkState();
+  if (!IsActive()) return;
   RestoreAllocator();
   BlockControlSignal(false);
 }
@@ -329,8 +325,23 @@ void RequestControlThread(bool may_start) {
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
   if (runs || !CommandWaits()) return;
-  MarkPending();
+  StartControlThreadLater();
   if (may_start) TryStart();
+}
+
+int PrepareControlThread() {
+  const timespec moment = WallClock(kPatienceMs);
+  if (!Lock(moment)) return EBUSY;
+  const int error = closed ? ESRCH : StopUntil(moment) ? 0 : EBUSY;
+  pthread_mutex_unlock(&change_lock);
+  return error;
+}
+
+void StartControlThreadLater() {
+  ThreadState none = ThreadState::kNone;
+  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
+    StartThreadAtNextCall();
+  }
 }
 
 void StartPendingThread() {
@@ -367,10 +378,6 @@ bool CloseControlThread(int timeout_ms) {
   closed = StopUntil(moment);
   pthread_mutex_unlock(&change_lock);
   return closed;
-}
-
-bool ReportCommandWaits() {
-  return report_waits.load();
 }
 
 int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory) {

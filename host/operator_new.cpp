@@ -16,6 +16,7 @@
 
 #include "host/allocator_table.h"
 #include "host/next_allocator.h"
+#include "host/next_function.h"
 
 #define MEMLEAK_EXPORT __attribute__((visibility("default")))
 
@@ -29,7 +30,7 @@ const void* ObjectOf(const void* function) {
 
 /// Returns the definition of `name` that code at `caller` would use without the loader, or null.
 void* FindOperator(const char* name, const void* caller) {
-  if (void* const next = dlsym(RTLD_NEXT, name)) return next;
+  if (void* const next = NextDefinition(name)) return next;
   // A C program may have loaded a C++ library, with its run-time library, for itself alone.
   Dl_info info;
   if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr) return nullptr;

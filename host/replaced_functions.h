@@ -5,9 +5,14 @@
 namespace host {
 
 /// Look up the functions that the loader's replacements call, so that these work in signal handlers
-/// and in children of vfork. For the loader's constructor.
+/// and in children of vfork. For the loader's constructor and for an attach.
 void FindSignalFunctions();
 void FindPrivilegeFunctions();
 void FindExitFunctions();
+inline void FindReplacedFunctions() {
+  FindSignalFunctions();
+  FindPrivilegeFunctions();
+  FindExitFunctions();
+}
 
 }  // namespace host
