@@ -108,12 +108,13 @@ bool FirstCommand(Command& command) {
 }
 
 Taken TakeCommand() {
-  Taken taken{{}, 0, 0};
+  Taken taken{{}, 0, 0, protocol::Recipient::kTracker};
   uint32_t number = taken_count.load();
   const State& state = CurrentState();
   if (!RingHasFirst(number)) {
     const uint64_t count = Posted(state);
     taken.command = ReadPosted(state, state.done);
+    taken.recipient = state.posted[state.done % protocol::kMaxPosted].recipient;
     taken.posted = 1;
     while (IsReport(taken.command) && taken.posted < count &&
            ReadPosted(state, state.done + taken.posted) == taken.command) {

@@ -3,7 +3,6 @@
 #include "host/control_thread.h"
 
 #include <errno.h>
-#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
@@ -15,10 +14,11 @@
 #include <atomic>
 
 #include "host/allocator_table.h"
+#include "host/carry_out.h"
 #include "host/clock.h"
 #include "host/command_queue.h"
 #include "host/fork_page.h"
-#include "host/print_error.h"
+#include "host/form.h"
 #include "host/record_count.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
@@ -64,7 +64,6 @@ std::atomic<int> stop{kRun};
 uint32_t own_ticket = 0;
 std::atomic<uint32_t> own_done{0};
 
-std::atomic<bool> report_waits{false};
 // 1 once a new thread has carried out the commands that can be carried out.
 std::atomic<uint32_t> settled{0};
 
@@ -80,14 +79,6 @@ int ThreadId() {
 bool Lock(const timespec& until) {
   return pthread_mutex_trylock(&change_lock) == 0 ||
          pthread_mutex_timedlock(&change_lock, &until) == 0;
-}
-
-/// Waits while `word` is `value`, at most `timeout_ms` (negative: without limit). May return early.
-/// Other processes may wake it.
-void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) {
-  timespec left{static_cast<time_t>(timeout_ms / 1000),
-                static_cast<long>(timeout_ms % 1000 * 1'000'000)};
-  syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
 }
 
 bool OnControlThread() {
@@ -107,27 +98,23 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-void CarryOut() {
-  Taken taken = TakeCommand();
-  Deliver(taken.command);
-  report_waits.store(false);
-  RememberCommand(taken.command);
-  Acknowledge(taken, 0);
-  if (taken.ticket != 0) {
-    own_done.store(taken.ticket);
-    WakeWaiters(own_done);
+/// Ends the control thread after the loader has detached. Another thread may be stopping it. The
+/// state still says that the thread runs: a controller that finds no thread would send the control
+/// signal, which is the program's now and may end it.
+void End(const Taken& detach) {
+  for (int wanted = kStopWanted; !stop.compare_exchange_strong(wanted, kStopped);
+       wanted = kStopWanted) {
+    if (pthread_mutex_trylock(&change_lock) == 0) {
+      thread_started = false;
+      thread_id.store(0);
+      pthread_detach(pthread_self());
+      pthread_mutex_unlock(&change_lock);
+      break;
+    }
+    SleepMs(1);
   }
-  if (const uint32_t count = TakeDropped(); count != 0) {
-    PrintError("%u commands were dropped: they arrived faster than they are carried out", count);
-  }
-}
-
-/// Whether the command asks for a report while another report is being written. The tracker would
-/// start a thread for each at once.
-bool MustWait(const Command& command) {
-  const bool waits = (command.word & protocol::kReportBits) != 0 && ReportRuns();
-  if (waits) report_waits.store(true);
-  return waits;
+  Acknowledge(detach, 0);
+  RefusePosted(ESRCH);
 }
 
 void* ControlThread(void*) {
@@ -144,19 +131,17 @@ void* ControlThread(void*) {
     Command command;
     const bool waits = FirstCommand(command);
     if (waits && !MustWait(command)) {
-      CarryOut();
-      continue;
+      const CarriedOut done = CarryOutFirst();
+      if (done.ticket != 0) {
+        own_done.store(done.ticket);
+        WakeWaiters(own_done);
+      }
+      if (!done.detached) continue;
+      End(done.taken);
+      return nullptr;
     }
     if (settled.exchange(1) == 0) WakeWaiters(settled);
     WaitWhile(state.bell, bell, waits ? kPollMs : -1);
-  }
-}
-
-/// Makes the next allocation start the thread. Safe in signal handlers.
-void MarkPending() {
-  ThreadState none = ThreadState::kNone;
-  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
-    StartThreadAtNextCall();
   }
 }
 
@@ -228,7 +213,7 @@ bool StopUntil(const timespec& moment) {
   if (error != 0) return false;
   thread_started = false;
   WaitForRemoval(thread_id.exchange(0));
-  CurrentState().control_thread.store(ThreadState::kNone);
+  if (IsActive()) CurrentState().control_thread.store(ThreadState::kNone);
   return true;
 }
 
@@ -252,7 +237,7 @@ bool StopAll(int patience_ms) {
 
 /// Releases change_lock. Commands that wait have asked for a thread that was about to stop.
 void Unlock() {
-  if (!thread_started && !closed && CommandWaits()) MarkPending();
+  if (!thread_started && !closed && IsActive() && CommandWaits()) StartControlThreadLater();
   pthread_mutex_unlock(&change_lock);
 }
 
@@ -265,36 +250,38 @@ bool Records() {
 
 void BeforeFork() {
   // A child of vfork or of a raw clone has no thread to stop.
-  if (!OwnsState()) return;
+  if (!OwnsState() || !IsActive()) return;
   // A handler in the child before AfterForkInChild would lose its command.
   BlockControlSignal(true);
   if (StopAll(fork_patience_ms)) forking_thread.store(pthread_self());
 }
 
 void AfterForkInParent() {
-  if (forking_thread.load() == pthread_self()) {
+  const bool held = forking_thread.load() == pthread_self();
+  if (held) {
     forking_thread.store(0);
     // A recording parent may only wait for its children. Its reports must not wait for an
     // allocation.
     if (stopped_here && Records()) Start();
     Unlock();
   }
-  BlockControlSignal(false);
+  if (held || IsActive()) BlockControlSignal(false);
 }
 
 void AfterForkInChild() {
   forking_thread.store(0);
   ForgetCommands();  // the parent carries them out
   const bool rested = at_rest.exchange(true);
+  change_lock = PTHREAD_MUTEX_INITIALIZER;
+  ForkState(rested);
   if (!rested) {
     thread_started = false;
     thread_id.store(0);
     stop.store(kRun);
-    report_waits.store(false);
-    RestoreAllocator();
+    ForgetReportCommand();
   }
-  change_lock = PTHREAD_MUTEX_INITIALIZER;
-  ForkState(rested);
+  if (!IsActive()) return;
+  if (!rested) RestoreAllocator();
   BlockControlSignal(false);
 }
 
@@ -325,8 +312,24 @@ void RequestControlThread(bool may_start) {
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
   if (runs || !(CommandWaits() || CountWaits())) return;
-  MarkPending();
+  StartControlThreadLater();
   if (may_start) TryStart();
+}
+
+int PrepareControlThread() {
+  const timespec moment = WallClock(kPatienceMs);
+  if (!Lock(moment)) return EBUSY;
+  const int error = closed ? ESRCH : StopUntil(moment) ? 0 : EBUSY;
+  pthread_mutex_unlock(&change_lock);
+  return error;
+}
+
+void StartControlThreadLater() {
+  at_rest.store(false);
+  ThreadState none = ThreadState::kNone;
+  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
+    StartThreadAtNextCall();
+  }
 }
 
 void StartPendingThread() {
@@ -367,10 +370,6 @@ bool CloseControlThread(int timeout_ms) {
 
 bool IsAtRest() {
   return at_rest.load();
-}
-
-bool ReportCommandWaits() {
-  return report_waits.load();
 }
 
 int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory) {

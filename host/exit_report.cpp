@@ -2,6 +2,7 @@
 // The report at exit: asks for it and waits for its end.
 #include "host/exit_report.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,7 +10,9 @@
 
 #include <atomic>
 
+#include "host/carry_out.h"
 #include "host/clock.h"
+#include "host/form.h"
 #include "host/print_error.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
@@ -69,9 +72,10 @@ void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait
   }
 }
 
-/// Whether there was no command, as in most forked children. Their end writes no page.
+/// Whether the loader is inert, or there was no command, as in most forked children. Their end
+/// writes no page.
 bool NothingToDo() {
-  return exit_command.word == 0 && IsAtRest();
+  return !IsActive() || (exit_command.word == 0 && IsAtRest());
 }
 
 bool EndsNow() {
@@ -97,12 +101,14 @@ void AtExit(void*) {
 
 }  // namespace
 
-void PrepareExit(const Command& command, void (*finalize)()) {
+int PrepareExit(const Command& command, void (*finalize)()) {
   exit_command = command;
   finalize_tracker = finalize;
-  if (__cxa_atexit(AtExit, nullptr, nullptr) != 0 || at_quick_exit(EndAbruptly) != 0) {
-    PrintError("cannot register the exit handler; no report at exit");
+  static bool registered = false;
+  if (!registered) {
+    registered = __cxa_atexit(AtExit, nullptr, nullptr) == 0 && at_quick_exit(EndAbruptly) == 0;
   }
+  return registered ? 0 : ENOMEM;
 }
 
 void EndAbruptly() {

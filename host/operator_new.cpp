@@ -17,6 +17,7 @@
 
 #include "host/allocator_table.h"
 #include "host/next_allocator.h"
+#include "host/next_function.h"
 #include "host/replaced_functions.h"
 
 #define MEMLEAK_EXPORT __attribute__((visibility("default")))
@@ -32,7 +33,7 @@ const void* ObjectOf(const void* function) {
 /// Returns the definition of `name` that code at `caller` would use without the loader, or null.
 /// Takes the dynamic linker's lock.
 void* FindForCaller(const char* name, const void* caller) {
-  if (void* const next = dlsym(RTLD_NEXT, name)) return next;
+  if (void* const next = NextDefinition(name)) return next;
   Dl_info info;
   if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr) return nullptr;
   void* const library = dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_LAZY);
@@ -165,11 +166,11 @@ OperatorBase* const kOperators[] = {
 }  // namespace
 
 void FindOperators() {
-  void* const first = dlsym(RTLD_NEXT, new_one.name());
+  void* const first = NextDefinition(new_one.name());
   const void* const allocator =
       ObjectOf(reinterpret_cast<const void*>(NextAllocator().calls.malloc));
   if (first == nullptr || ObjectOf(first) == allocator) return;
-  for (OperatorBase* const op : kOperators) op->set_target(dlsym(RTLD_NEXT, op->name()));
+  for (OperatorBase* const op : kOperators) op->set_target(NextDefinition(op->name()));
 }
 
 }  // namespace host

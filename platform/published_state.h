@@ -16,10 +16,9 @@ enum class Recording : std::uint32_t;
 
 namespace platform {
 
-/// Finds the state. From track_initialize; takes the dynamic linker's lock. The loader calls
-/// `count`, which calls PublishCount, on its own thread when the controller asks for the number of
-/// records.
-void FindPublishedState(void (*count)());
+/// Finds the loader's variables. From track_initialize; takes the dynamic linker's lock.
+/// `switch_off` does what protocol::kSwitchOff describes, `count` what protocol::CountRecords does.
+void FindLoader(void (*switch_off)(), void (*count)());
 /// The number of live records, and of blocks that were not recorded for lack of memory.
 void PublishCount(std::uint64_t records, std::uint64_t dropped);
 

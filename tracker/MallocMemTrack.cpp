@@ -212,7 +212,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
     return false;
   }
   lumora::plthooks::prepare_hook_stack();
-  platform::FindPublishedState(PublishRecordCount);
+  platform::FindLoader(SwitchOff, PublishRecordCount);
   SignalActionsInit();
   BacktraceStartup();
   profile::Prepare();

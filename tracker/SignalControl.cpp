@@ -176,6 +176,15 @@ void TrackSigaction(int signal, siginfo_t* info, void* /*context*/) {
   errno = saved_errno;
 }
 
+void SwitchOff() {
+  for (const Kind& kind : protocol::kKinds) {
+    SetSwitches(kind, false, false);
+    platform::PublishRecording(kind, Recording::kOff);
+  }
+  unhook_all_by_plt();
+  ClearRecords();
+}
+
 void SignalActionsInit() {
   struct sigaction action = {};
   action.sa_sigaction = TrackSigaction;

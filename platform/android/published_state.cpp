@@ -4,7 +4,7 @@
 
 namespace platform {
 
-void FindPublishedState(void (* /*count*/)()) {}
+void FindLoader(void (* /*switch_off*/)(), void (* /*count*/)()) {}
 void PublishCount(std::uint64_t /*records*/, std::uint64_t /*dropped*/) {}
 void PublishRecording(const protocol::Kind& /*kind*/, protocol::Recording /*recording*/) {}
 void PublishClear() {}

@@ -30,6 +30,10 @@ Carried SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_
 /// it calls no allocator function. Starts its control thread, if it has none.
 bool CountRecords(const ProcessInfo& process);
 
+/// Makes the loader in an attached `process`, which has a state file, detach, and waits until it
+/// has. Throws UserError if it did not.
+Carried DetachFrom(const ProcessInfo& process);
+
 /// " (0.4 ms)", or on devices where the result is to be seen. Follows the result of a command.
 std::string CarriedText(const Carried& carried);
 
