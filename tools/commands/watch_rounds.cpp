@@ -20,6 +20,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
+#include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/input.h"
 #include "tools/commands/on.h"

@@ -15,6 +15,7 @@
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
 #include "tools/report/aggregate.h"
+#include "tools/report/program_name.h"
 
 namespace memleak {
 namespace {
@@ -56,17 +57,10 @@ json GroupToJson(const Group& group, std::int64_t age_span) {
 }
 
 json HeadToJson(const ProfileHead& head) {
-  return {{"library", head.library},
-          {"program", head.program},
-          {"arguments", head.arguments},
-          {"pid", head.pid},
-          {"host", head.host},
-          {"started", head.started},
-          {"written", head.written},
-          {"since", head.since},
-          {"kinds", head.kinds},
-          {"unwind", head.unwind},
-          {"unrecorded", head.unrecorded},
+  return {{"library", head.library},     {"program", head.program}, {"name", head.name},
+          {"arguments", head.arguments}, {"pid", head.pid},         {"host", head.host},
+          {"started", head.started},     {"written", head.written}, {"since", head.since},
+          {"kinds", head.kinds},         {"unwind", head.unwind},   {"unrecorded", head.unrecorded},
           {"ageBounds", head.age_bounds}};
 }
 
@@ -156,6 +150,7 @@ ProfileHead HeadOf(const json& process) {
   head.library = Text(process, "library");
   head.program = Text(process, "program");
   head.arguments = process.at("arguments").get<std::vector<std::string>>();
+  head.name = process.contains("name") ? Text(process, "name") : ProgramName(head);
   head.pid = process.at("pid").get<std::int64_t>();
   head.host = Text(process, "host");
   head.started = process.at("started").get<std::int64_t>();
