@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+#include "host/fork_page.h"
 #include "host/state.h"
 #include "protocol/kinds.h"
 
@@ -24,8 +25,9 @@ struct Slot {
 };
 
 Slot slots[kRingCommands];
-std::atomic<uint32_t> added{0};
-std::atomic<uint32_t> taken_count{0};
+// A fork compares them.
+MEMLEAK_FORK_PAGE std::atomic<uint32_t> added{0};
+MEMLEAK_FORK_PAGE std::atomic<uint32_t> taken_count{0};
 std::atomic<uint32_t> dropped{0};
 
 uint32_t Index(uint32_t number) {

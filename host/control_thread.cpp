@@ -18,6 +18,7 @@
 #include "host/carry_out.h"
 #include "host/clock.h"
 #include "host/command_queue.h"
+#include "host/fork_page.h"
 #include "host/form.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
@@ -45,13 +46,15 @@ constexpr size_t kStackBytes[] = {size_t{256} << 10, size_t{8} << 20, size_t{64}
 
 // Held to start or stop the thread or to wait for a command. A thread that forks holds it until
 // both processes exist.
-pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
+MEMLEAK_FORK_PAGE pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
 // Guarded by change_lock: the thread, whether it can be joined, and whether none may start.
 pthread_t thread;
 bool thread_started = false;
 bool closed = false;
 // Whether the fork that holds change_lock has stopped the thread.
-bool stopped_here = false;
+MEMLEAK_FORK_PAGE bool stopped_here = false;
+// Whether there was no command yet, in a child since its fork. Then a fork has nothing to stop.
+MEMLEAK_FORK_PAGE std::atomic<bool> at_rest{true};
 
 // Written by the thread itself: its id, 0 before it runs.
 std::atomic<int> thread_id{0};
@@ -66,21 +69,11 @@ std::atomic<uint32_t> settled{0};
 
 // The thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
 // proceeded without the lock.
-std::atomic<pthread_t> forking_thread{0};
+MEMLEAK_FORK_PAGE std::atomic<pthread_t> forking_thread{0};
 int fork_patience_ms = 0;  // set before the fork handlers are registered
 
 int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
-}
-
-/// Returns the time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
-timespec WallClock(int timeout_ms) {
-  timespec moment;
-  clock_gettime(CLOCK_REALTIME, &moment);
-  moment.tv_sec += timeout_ms / 1000;
-  moment.tv_nsec += timeout_ms % 1000 * 1'000'000L;
-  if (moment.tv_nsec >= 1'000'000'000) ++moment.tv_sec, moment.tv_nsec -= 1'000'000'000;
-  return moment;
 }
 
 bool Lock(const timespec& until) {
@@ -260,13 +253,6 @@ void Unlock() {
   pthread_mutex_unlock(&change_lock);
 }
 
-bool Records() {
-  for (const protocol::KindState& kind : CurrentState().kinds) {
-    if (kind.recording.load() != protocol::Recording::kOff) return true;
-  }
-  return false;
-}
-
 void BeforeFork() {
   // A child of vfork or of a raw clone has no thread to stop.
   if (!OwnsState() || !IsActive()) return;
@@ -289,20 +275,24 @@ void AfterForkInParent() {
 
 void AfterForkInChild() {
   forking_thread.store(0);
-  thread_started = false;
-  thread_id.store(0);
-  stop.store(kRun);
-  ForgetReportCommand();
   ForgetCommands();  // the parent carries them out
-  pthread_mutex_init(&change_lock, nullptr);
-  ForkState();
+  const bool rested = at_rest.exchange(true);
+  change_lock = PTHREAD_MUTEX_INITIALIZER;
+  ForkState(rested);
+  if (!rested) {
+    thread_started = false;
+    thread_id.store(0);
+    stop.store(kRun);
+    ForgetReportCommand();
+  }
   if (!IsActive()) return;
-  RestoreAllocator();
+  if (!rested) RestoreAllocator();
   BlockControlSignal(false);
 }
 
 /// RunCommand under change_lock.
 int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory) {
+  at_rest.store(false);
   const int64_t deadline = NowMs() + timeout_ms;
   if (closed) return ESRCH;
   if (const int error = Start(memory); error != 0) return error;
@@ -321,6 +311,7 @@ int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory)
 }  // namespace
 
 void RequestControlThread(bool may_start) {
+  at_rest.store(false);
   const bool runs = CurrentState().control_thread.load() == ThreadState::kRunning;
   // A running thread makes the file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
@@ -339,6 +330,7 @@ int PrepareControlThread() {
 }
 
 void StartControlThreadLater() {
+  at_rest.store(false);
   ThreadState none = ThreadState::kNone;
   if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
     StartThreadAtNextCall();
@@ -381,6 +373,10 @@ bool CloseControlThread(int timeout_ms) {
   return closed;
 }
 
+bool IsAtRest() {
+  return at_rest.load();
+}
+
 int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory) {
   if (OnControlThread()) return EDEADLK;
   if (!Lock(WallClock(timeout_ms))) return ETIMEDOUT;
@@ -392,6 +388,7 @@ int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory)
 void RunCommandHere(const Command& command) {
   // A signal during the command must not start a thread that carries out another one.
   pthread_mutex_lock(&change_lock);
+  at_rest.store(false);
   Deliver(command);
   RememberCommand(command);
   Unlock();

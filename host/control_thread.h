@@ -65,6 +65,10 @@ class WithoutControlThread {
   bool held_ = false;
 };
 
+/// Whether there was no command yet; in a forked child, since the fork. Any thread, safe in signal
+/// handlers.
+bool IsAtRest();
+
 /// Ends the thread after its current command, if any, and starts none any more: later commands wait
 /// forever. Returns false if that takes longer than `timeout_ms`; then the thread continues.
 /// Returns false on the control thread itself.

@@ -72,6 +72,12 @@ void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait
   }
 }
 
+/// Whether the loader is inert, or there was no command, as in most forked children. Their end
+/// writes no page.
+bool NothingToDo() {
+  return !IsActive() || (exit_command.word == 0 && IsAtRest());
+}
+
 bool EndsNow() {
   const pid_t process = getpid();
   return OwnsState() && ended.exchange(process) != process;
@@ -80,7 +86,7 @@ bool EndsNow() {
 /// The last exit handler: it is registered first, and for no library, so that it runs after the
 /// destructors of all libraries. The tracker needs none of its own.
 void AtExit(void*) {
-  if (!IsActive()) return;
+  if (NothingToDo()) return;
   if (EndsNow()) {
     WaitForReports(kEarlierMs);
     Report(kWaitMs, kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
@@ -106,7 +112,7 @@ int PrepareExit(const Command& command, void (*finalize)()) {
 }
 
 void EndAbruptly() {
-  if (!EndsNow()) return;
+  if (NothingToDo() || !EndsNow()) return;
   WaitWhileReportRuns(kAbruptReportMs);
   Report(kAbruptMs, kAbruptReportMs, PassTracker::From::kArena, WaitWhileReportRuns);
 }

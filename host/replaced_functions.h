@@ -9,7 +9,10 @@ namespace host {
 void FindSignalFunctions();
 void FindPrivilegeFunctions();
 void FindExitFunctions();
+/// After the next allocator is known (next_allocator.h).
+void FindOperators();
 inline void FindReplacedFunctions() {
+  FindOperators();
   FindSignalFunctions();
   FindPrivilegeFunctions();
   FindExitFunctions();

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "host/clock.h"
+#include "host/fork_page.h"
 #include "host/form.h"
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
@@ -34,7 +35,7 @@ State private_state;
 // The mapping of the latest file of this process or of an ancestor, null for none.
 std::atomic<State*> mapped_state{nullptr};
 // The process that owns the state, and the one that has made the mapped file.
-std::atomic<pid_t> owner{0};
+MEMLEAK_FORK_PAGE std::atomic<pid_t> owner{0};
 std::atomic<pid_t> file_owner{0};
 std::atomic_flag making = ATOMIC_FLAG_INIT;
 // Static: signal handlers may run on a small stack. Guarded by `making`.
@@ -48,7 +49,7 @@ uint64_t PidNamespace() {
 
 // protocol::kStateVariable.
 MEMLEAK_VARIABLE std::atomic<State*> memleak_state;
-std::atomic<State*> memleak_state{&private_state};
+MEMLEAK_FORK_PAGE std::atomic<State*> memleak_state{&private_state};
 // protocol::kPathsVariable.
 MEMLEAK_VARIABLE std::atomic<const protocol::Paths*> memleak_paths;
 std::atomic<const protocol::Paths*> memleak_paths{&platform::CapturedPaths()};
@@ -229,6 +230,8 @@ Form CurrentForm() {
 void SetForm(Form changed) {
   form.store(changed);
   CurrentState().form.store(changed);
+  // For children that are forked.
+  private_state.form.store(changed);
 }
 
 bool OwnsState() {
@@ -279,20 +282,22 @@ bool MakeStateFile(protocol::Refusal* refusal) {
   return fresh != nullptr;
 }
 
-void ForkState() {
-  making.clear();
+void ForkState(bool rested) {
   owner = getpid();
-  State& former = CurrentState();
-  private_state.form = form.load();
-  if (&former != &private_state) {
-    CopyRecording(former);
-    memleak_state.store(&private_state, std::memory_order_release);
+  const State& former = CurrentState();
+  memleak_state.store(&private_state, std::memory_order_release);
+  if (rested) return;
+  making.clear();
+  if (&former != &private_state) CopyRecording(former);
+  ClearCounters(private_state);
+  private_state.control_thread = protocol::ControlThread::kNone;
+}
+
+bool Records() {
+  for (const protocol::KindState& kind : CurrentState().kinds) {
+    if (kind.recording.load() != protocol::Recording::kOff) return true;
   }
-  if (private_state.carried_out != 0 || private_state.received != 0) ClearCounters(private_state);
-  // Writes only what differs: in a child, each first write copies a page.
-  if (private_state.control_thread != protocol::ControlThread::kNone) {
-    private_state.control_thread = protocol::ControlThread::kNone;
-  }
+  return false;
 }
 
 void RememberCommand(const protocol::Command& command) {

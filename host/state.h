@@ -34,11 +34,14 @@ void InitializeState();
 bool MakeStateFile(protocol::Refusal* refusal = nullptr);
 
 /// In a forked child, on its only thread: leaves the parent's file. The child starts with what its
-/// parent records, and with no commands.
-void ForkState();
+/// parent records, and with no commands. `rested`: the parent had no command (IsAtRest).
+void ForkState(bool rested);
 
 /// The tracker's function for protocol::kSwitchOff, null if there is none. Any thread.
 void (*SwitchOffFunction())();
+
+/// Whether something is recorded, or recording is paused.
+bool Records();
 
 /// Adds `command`, which was carried out, to the state's history. One caller at a time.
 void RememberCommand(const protocol::Command& command);

@@ -17,6 +17,10 @@ A session:
 
 --kind selects other memory than the native heap: see memleak on --help.
 
+A command waits until the process has carried it out: at most 60 s, and 3 s if
+no thread of the process calls an allocator function. Then it fails, and stays
+queued in the process. --timeout of report and watch replaces the 60 s.
+
 memleak COMMAND --help describes a command.
 
 Exit codes:
@@ -28,6 +32,8 @@ int Main(const std::vector<std::string>& arguments) {
   Program program("memleak - find which call stacks of a running program hold its memory", kHelp,
                   false);
   AddRun(&program);
+  AddAttach(&program);
+  AddDetach(&program);
   AddOn(&program);
   AddPause(&program);
   AddReport(&program);

@@ -168,6 +168,7 @@ void Run(const Command& command) {
 
 void TrackSigaction(int signal, siginfo_t* info, void* /*context*/) {
   const int saved_errno = errno;
+  DebugData::GetInstance()->NoteCommand();
   const Command command = protocol::ReadCommand(*info);
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "received_sig %d;addr:%p", signal,
                         reinterpret_cast<void*>(command.word));

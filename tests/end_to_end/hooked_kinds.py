@@ -4,6 +4,10 @@
 usage: hooked_kinds.py CASE BIN_DIR CONTROLLER [EMULATOR]
 """
 
+import re
+import resource
+import shutil
+
 import end_to_end
 
 LIBRARY = "libend_to_end_mapper.so"
@@ -77,6 +81,29 @@ def mmap_library(session):
     assert len(group.frames) >= 2, group.frames
     session.step("unmap 615")
     session.quit()
+
+
+def many_hooks(session):
+    """`on` names what it has hooked, also if the state file has no room for the results, and if
+    there is no memory for the last hooks."""
+    libraries = [f"a{i}.so" for i in range(10, 49)]
+    for library in libraries:
+        shutil.copy(f"{session.bin_dir}/../lib/{LIBRARY}", f"{session.root}/{library}")
+    script = "import ctypes, sys\n[*map(ctypes.CDLL, sys.argv[1:])]; print('ok', flush=True); input()"
+    session.start_program("/usr/bin/python3.11", "-S", "-c", script,
+                          *(f"{session.root}/{library}" for library in libraries))
+    assert session.answer() == "ok"
+    said = set()
+    for i in range(0, len(libraries), 13):
+        if i == 26:
+            resource.prlimit(session.process.pid, resource.RLIMIT_AS, (1, -1))
+        out = session.tell("on", *MMAP[:2], "--lib", ",".join(libraries[i:i + 13]))
+        said |= set(re.findall(r"^hooked  (\S+): mmap, munmap$", out, re.M))
+    marks = session.memleak("libs", session.process.pid)
+    hooked = {library for library in libraries if re.search(fr"^{library} .* hooked ", marks, re.M)}
+    assert said == hooked and 26 < len(hooked) < len(libraries), said ^ hooked
+    session.send("")
+    assert session.process.wait(30) == 0
 
 
 def from_start_to_exit(session):

@@ -70,6 +70,7 @@ class Session(end_to_end.Session):
         run = self.run_command(*command, root=self.root + "/%p")
         self.process = subprocess.Popen(run, stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT,
                                         **options)
+        self.name = os.path.basename(command[0])  # whatever the title of the process is
 
     @contextlib.contextmanager
     def load(self, *command):
@@ -96,7 +97,8 @@ class Session(end_to_end.Session):
             reports.append(f"{self.root}/report{number}.{pid}")
             shutil.copytree(f"{self.root}/{pid}/data/log/reliability", reports[-1])
             assert not glob.glob(f"{self.root}/{pid}/dev")
-        self.memleak("diff", *(f"{report}/allocations_dump" for report in reports))
+        compared = self.memleak("diff", *(f"{report}/allocations_dump" for report in reports))
+        assert compared.count(f"     {self.name} (pid {pid} on ") == 2, compared
         if function:
             shown = self.memleak("show", reports[-1], "--top", 1000)
             assert function in shown, shown
@@ -118,7 +120,7 @@ class Session(end_to_end.Session):
 
 
 def redis(session):
-    """It overwrites its environment with its title."""
+    """It overwrites its environment with its title. The program is a link to redis-check-rdb."""
     session.serve("redis-server", "--port", str(session.port), "--save", "",
                   "--set-proc-title", "yes")
     await_port(session.port)

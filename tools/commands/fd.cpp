@@ -34,7 +34,7 @@ Examples:
 Exit codes:
   0  the command was carried out; the log names functions that the library lacks
   2  no such process, not permitted, not tracked, stopped, the library missing,
-     not switched on before, or the command was not carried out)";
+     not switched on before, or the command was not carried out within 60 s)";
 
 constexpr const char* kFdLibrary = "libfdtrack.so";
 

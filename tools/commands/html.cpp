@@ -36,21 +36,30 @@ struct HtmlOptions {
   ReadOptions read;
 };
 
-// The data of one report, or of two.
-nlohmann::json PageData(const HtmlOptions& options) {
+// Writes the page of one report, or of two.
+std::size_t Write(const HtmlOptions& options) {
   if (!options.old.empty()) {
     const auto [before, after] = OpenPair(options.old, options.report, options.read);
-    return DiffToJson(before, after);
+    return WriteDifferencePage(before, after, {}, options.output);
   }
   const std::string path = FindReport(options.report);
-  if (!IsJsonDocument(path)) return ToJson(OpenProfile(path, options.read));
+  if (!IsJsonDocument(path)) {
+    const Profile profile = OpenProfile(path, options.read);
+    return WritePage({.report = profile, .groups = profile}, options.output);
+  }
   const Document document = OpenDocument(path, options.read);
-  return document.base ? document.json : ToJson(document.profile);
+  const bool two = document.base.has_value();
+  return WritePage({.report = document.profile,
+                    .groups = document.profile,
+                    .base = two ? &*document.base : nullptr,
+                    .changes = two ? &document.changes : nullptr,
+                    .totals = document.totals},
+                   options.output);
 }
 
 int Html(const HtmlOptions& options) {
   RefuseOverwriting(options.output, {FindReport(options.report), FindReport(options.old)});
-  const std::size_t bytes = WritePage(PageData(options), options.output);
+  const std::size_t bytes = Write(options);
   std::cout << "page  " << options.output << " (" << FormatBytes(bytes)
             << "): open it in a browser\n";
   return kExitOk;

@@ -2,11 +2,10 @@
 // on: starts recording, of the native heap or through hooks.
 #include "tools/commands/on.h"
 
-#include <elf.h>
-
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <optional>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
@@ -73,21 +72,16 @@ Exit codes:
   0  recording is on; for a hooked kind, at least one hook is in place
   2  no such process, not permitted, not tracked, stopped, memory of another kind
      is recorded, settings not writable, nothing hooked, or the command was not
-     carried out)";
-
-// On x86-64, system libraries have no frame pointers.
-char DefaultType(const ProcessInfo& process) {
-  return MachineOf(process) == EM_AARCH64 ? protocol::kUnwindFramePointers
-                                          : protocol::kUnwindTables;
-}
+     carried out within 60 s)";
 
 // Writes the given settings, and defaults if the process has none. Returns the settings in force.
 BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
   const StoredSettings stored = ReadSettings(process);
   BacktraceSettings wanted{options.depth, options.type};
   if (stored.is_unset) {
-    wanted.type = wanted.type.value_or(DefaultType(process));
-    wanted.depth = wanted.depth.value_or(DefaultDepth());
+    const BacktraceSettings defaults = DefaultSettings(MachineOf(process));
+    wanted.type = wanted.type.value_or(*defaults.type);
+    wanted.depth = wanted.depth.value_or(*defaults.depth);
   }
   const std::string updated = UpdateProperties(stored.text, wanted);
   if (wanted.depth || wanted.type) WriteSettings(process, updated);
@@ -143,20 +137,35 @@ void WriteHookSettings(const ProcessInfo& process, const OnOptions& options, con
 }
 
 // Prints what the latest "on" has hooked, and one warning for each pair of `plan` that is not.
-void PrintResults(const HookPlan& plan, const std::vector<HookResult>& results) {
+void PrintResults(const ProcessInfo& process, const HookPlan& plan, const ProcessMemory& memory) {
+  const std::vector<HookResult> results = HookResults(*process.state);
+  std::optional<LoadedLibraries> loaded;
   std::vector<HookPair> hooked;
   bool twice = false;
   for (const HookPair& pair : plan.pairs) {
+    const std::string name = pair.library + ": " + pair.function;
     const auto result =
         std::find_if(results.begin(), results.end(),
                      [&](const HookResult& candidate) { return candidate.pair == pair; });
-    if (result != results.end() && result->hooks == 0) {
-      PrintWarning("not hooked: " + pair.library + ": " + pair.function + ": " +
-                   std::strerror(result->error));
+    if (result == results.end()) {
+      // The state has room for a limited number of results. The slots show the others.
+      if (!loaded) loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
+      if (!memory.IsOpen()) {
+        PrintWarning("may be hooked: " + name + ": to see it, run memleak libs as root");
+      } else if (IsHooked(*loaded, pair, memory)) {
+        hooked.push_back(pair);
+      } else {
+        PrintWarning("not hooked: " + name + ": see the log of the process");
+      }
       continue;
     }
+    if (result->error != 0) {
+      PrintWarning((result->hooks == 0 ? "not hooked: " : "hooked before, but not once more: ") +
+                   name + ": " + std::strerror(result->error));
+    }
+    if (result->hooks == 0) continue;
     hooked.push_back(pair);
-    twice = twice || (result != results.end() && result->hooks > 1);
+    twice = twice || (result->hooks > 1 && result->error == 0);
   }
   PrintPairs("hooked  ", hooked, std::cout);
   if (twice) {
@@ -168,9 +177,9 @@ void PrintResults(const HookPlan& plan, const std::vector<HookResult>& results) 
 int StartHooking(const OnOptions& options, const ProcessInfo& process, const HookNames& names) {
   const Kind& kind = *options.kind;
   const ProcessMemory memory(process.pid);
-  const LoadedLibraries loaded = ReadLoadedLibraries(process, memory, HookableFunctions());
-  const HookPlan plan = PlanFor(
-      process, loaded, {names.libraries, names.functions, !options.functions.empty()}, memory);
+  const HookPlan plan =
+      PlanFor(process, ReadLoadedLibraries(process, memory, HookableFunctions()),
+              {names.libraries, names.functions, !options.functions.empty()}, memory);
   WriteHookSettings(process, options, plan);
 
   const Carried carried = SendCommand(process, StartWord(options), 0);
@@ -180,9 +189,8 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
     PrintPairs("requested  ", plan.pairs, std::cout);
     return kExitOk;
   }
-  const std::vector<HookResult> results = HookResults(*process.state);
   if (process.state->RecordingOf(kind) != protocol::Recording::kOn) {
-    PrintResults(plan, results);
+    PrintResults(process, plan, memory);
     throw UserError("the tracker hooked nothing in " + process.Label(),
                     "see memleak libs " + std::to_string(process.pid));
   }
@@ -190,7 +198,7 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
             << (options.keep ? "earlier records kept" : "tables emptied") << ", "
             << *InForce(process, {}).depth << " frames by frame pointers" << CarriedText(carried)
             << "\n";
-  PrintResults(plan, results);
+  PrintResults(process, plan, memory);
   return kExitOk;
 }
 
@@ -226,14 +234,26 @@ void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostre
   if (!library.empty()) out << "\n";
 }
 
+void PrintHooks(const char* what, const StateFile& state) {
+  PrintPairs(what, HookedPairs(state), std::cout);
+  if (state->hook_states < protocol::kMaxHookStates) return;
+  std::cout << std::string(std::strlen(what), ' ') << "There may be more: the state file lists "
+            << protocol::kMaxHookStates << " at most. See memleak libs.\n";
+}
+
 void PrintStillHooked(const ProcessInfo& process) {
-  if (!process.state) return;
-  const std::vector<HookPair> left = HookedPairs(*process.state);
-  if (left.empty()) return;
-  PrintPairs("hooked  ", left, std::cout);
+  if (!process.state || HookedPairs(*process.state).empty()) return;
+  PrintHooks("hooked  ", *process.state);
   std::cout
       << "        These hooks record nothing. Each `on` adds a hook; a report removes one, in\n"
          "        the libraries that the latest `on` has named.\n";
+}
+
+void AddOnOptions(CLI::App* command, OnOptions* options) {
+  command->add_flag("--keep", options->keep, "Keep earlier records");
+  AddKind(command, &options->kind);
+  AddHookNames(command, &options->libraries, &options->functions);
+  AddBacktraceOptions(command, &options->depth, &options->type);
 }
 
 void AddOn(Program* program) {
@@ -242,10 +262,7 @@ void AddOn(Program* program) {
   const auto [command, options] =
       program->AddCommand("on", "Start recording", help, StartRecording);
   AddPid(command, &options->pid);
-  command->add_flag("--keep", options->keep, "Keep earlier records");
-  AddKind(command, &options->kind);
-  AddHookNames(command, &options->libraries, &options->functions);
-  AddBacktraceOptions(command, &options->depth, &options->type);
+  AddOnOptions(command, options);
 }
 
 }  // namespace memleak

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/commands/command_line.h"
 #include "tools/target/hook_targets.h"
 #include "tools/target/kinds.h"
 #include "tools/target/process_info.h"
@@ -26,12 +27,19 @@ struct OnOptions {
   std::optional<char> type;
 };
 
+/// Adds all options of `on`, without the argument PID.
+void AddOnOptions(CLI::App* command, OnOptions* options);
+
 /// Starts recording, prints what is recorded, and returns the exit code. Throws UserError.
 int StartRecording(const OnOptions& options);
 
 /// Prints one line for each library of `pairs`, which are sorted by library: `what`, the library
 /// and its functions.
 void PrintPairs(const char* what, const std::vector<HookPair>& pairs, std::ostream& out);
+
+/// Prints the pairs that have hooks according to `state` with PrintPairs, and whether there may be
+/// more.
+void PrintHooks(const char* what, const StateFile& state);
 
 /// Prints what is still hooked after a report of a hooked kind. Nothing on devices.
 void PrintStillHooked(const ProcessInfo& process);

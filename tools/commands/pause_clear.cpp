@@ -25,7 +25,7 @@ Examples:
 Exit codes:
   0  recording is paused
   2  no such process, not permitted, not tracked, stopped, memory of another kind
-     is recorded, or the command was not carried out)";
+     is recorded, or the command was not carried out within 60 s)";
 
 constexpr const char* kClearHelp = R"(
 Drops all records, of every kind. Recording stays on or off. --kind is the kind
@@ -38,7 +38,7 @@ Examples:
 Exit codes:
   0  the tables are empty
   2  no such process, not permitted, not tracked, stopped, memory of another kind
-     is recorded, or the command was not carried out)";
+     is recorded, or the command was not carried out within 60 s)";
 
 struct Options {
   pid_t pid = 0;

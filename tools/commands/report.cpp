@@ -2,6 +2,7 @@
 // report: makes a process write its report.
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <iostream>
 #include <string>
 
@@ -18,7 +19,7 @@
 #include "tools/target/send_command.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
-#include "tools/view/print.h"
+#include "tools/view/head_text.h"
 
 namespace memleak {
 namespace {
@@ -78,7 +79,7 @@ std::uint64_t PrintGroups(const std::string& path) {
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";
   }
-  if (header.groups == 0) std::cout << "\n        " << kNothingHeld;
+  if (header.groups == 0) std::cout << "\n        " << NothingHeldText(nullptr);
   std::cout << "\n";
   return header.total_bytes;
 }
@@ -98,9 +99,17 @@ std::uint64_t PrintStacks(const std::string& path, const std::string& shown) {
   ReadProfileFile(path, sink, &head);
   std::cout << "profile " << shown << "\n"
             << "blocks  " << FormatCount(blocks) << " from " << Counted(stacks, "call stack");
-  if (stacks == 0) std::cout << "\n        " << kNothingHeld;
+  if (stacks == 0) std::cout << "\n        " << NothingHeldText(&head);
   std::cout << "\n";
   return bytes;
+}
+
+// Since when blocks are recorded: none from before is in the report. Empty if that is not known.
+std::string SinceText(const ProcessInfo& process, const Kind& kind) {
+  if (!process.state || process.state->RecordingOf(kind) != protocol::Recording::kOn) return "";
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  const std::int64_t seconds = (*process.state)->kinds[kind.type].since_ns / kNanoseconds;
+  return "since   " + FormatClock(seconds) + " (" + FormatAge(std::time(nullptr) - seconds) + ")\n";
 }
 
 int Report(const ReportOptions& options) {
@@ -113,6 +122,7 @@ int Report(const ReportOptions& options) {
   RefuseMixedKinds(process, *options.kind);
   const std::uint64_t word =
       options.keep_recording ? protocol::kReportKeepRecording : options.kind->Report();
+  const std::string since = SinceText(process, *options.kind);
   const std::chrono::milliseconds took =
       TakeReport(process, word, options.timeout_s, OldReport::kRename);
   const std::string path = process.ReportPath();
@@ -123,7 +133,7 @@ int Report(const ReportOptions& options) {
   const std::uint64_t bytes =
       profile.empty() ? PrintGroups(path) : PrintStacks(profile, process.Shown(profile));
   std::cout << "bytes   " << FormatCount(bytes) << " (" << FormatBytes(bytes) << ")\n"
-            << "took    " << FormatDuration(took) << "\n";
+            << since << "took    " << FormatDuration(took) << "\n";
   const std::string fetch = FetchCommand(path);
   if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
   if (!options.kind->IsNative()) PrintStillHooked(process);

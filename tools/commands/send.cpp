@@ -31,7 +31,7 @@ Examples:
 Exit codes:
   0  the process has carried out the word
   2  no such process, not permitted, not tracked, stopped, a word that is not a
-     number, or the word was not carried out)";
+     number, or the word was not carried out within 60 s)";
 
 std::string Help() {
   std::ostringstream text;

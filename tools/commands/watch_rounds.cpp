@@ -20,6 +20,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
+#include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/input.h"
 #include "tools/commands/on.h"
@@ -129,7 +130,8 @@ class Rounds {
     const std::vector<GroupTrend> groups = trends_.Result();
     const std::string path = (fs::path(options_.directory) / "trend.json").string();
     std::ofstream file(path, std::ios::binary);
-    WriteJson(TrendsToJson(process_.Label(), reports_, groups, broken_), file);
+    const nlohmann::json trend = TrendsToJson(process_.Label(), reports_, groups, broken_);
+    WriteJson(trend, file);
     file.close();
     if (!file) {
       throw UserError("cannot write " + path + ": " + std::strerror(errno),
@@ -146,7 +148,7 @@ class Rounds {
                 << broken_->why << "\n";
     }
     std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
-    if (reports_.size() > 1 && !PageShell().empty()) WriteDifferencePage();
+    if (reports_.size() > 1 && !PageShell().empty()) WritePage(trend);
     if (IsRunning() && !broken_) {
       std::cout << "Recording continues; to stop it: memleak report " << process_.pid << "\n";
     }
@@ -267,9 +269,9 @@ class Rounds {
     return true;
   }
 
-  void WriteDifferencePage() const {
+  void WritePage(const nlohmann::json& trend) const {
     const std::string path = (fs::path(options_.directory) / "leak.html").string();
-    WritePage(DiffToJson(Load(reports_.front()), Load(reports_.back())), path);
+    memleak::WriteDifferencePage(Load(reports_.front()), Load(reports_.back()), trend, path);
     std::cout << "page     " << path << "\n";
   }
 

@@ -4,19 +4,39 @@
 #pragma once
 
 #include <cstddef>
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "tools/report/diff.h"
+#include "tools/report/model.h"
 
 namespace memleak {
+
+/// What a page shows. The referenced objects are not copied.
+struct PageContent {
+  const Profile& report;                              ///< its figures; of two reports the later one
+  const Profile& groups;                              ///< libraries, frames and groups
+  const Profile* base = nullptr;                      ///< the earlier one of two reports
+  const std::vector<GroupChange>* changes = nullptr;  ///< of two reports: one for each group
+  nlohmann::json totals = {};                         ///< if not null, those of `report`
+  nlohmann::json trend = {};                          ///< of several reports: see TrendsToJson
+};
 
 /// The page with "@DATA@" in place of its data. Empty in builds without the page. Defined by a
 /// generated source.
 std::string_view PageShell();
 
-/// Writes the page for a document of format "memleak-profile" to the file at `path`: one file
-/// without external references. Returns its size in bytes. Throws UserError when that fails, and in
-/// builds without the page.
-std::size_t WritePage(const nlohmann::json& document, const std::string& path);
+/// The data of a page as one line of JSON without "<"; docs/report-json.md describes it.
+std::string PageData(const PageContent& content);
+
+/// Writes a page to the file at `path`: one file without external references. Returns its size in
+/// bytes. Throws UserError when that fails, and in builds without the page.
+std::size_t WritePage(const PageContent& content, const std::string& path);
+
+/// WritePage for what changed between two reports. `trend`: see PageContent.
+std::size_t WriteDifferencePage(const Profile& before, const Profile& after,
+                                const nlohmann::json& trend, const std::string& path);
 
 }  // namespace memleak

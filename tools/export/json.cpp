@@ -15,7 +15,7 @@
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
 #include "tools/report/aggregate.h"
-#include "tools/report/diff.h"
+#include "tools/report/program_name.h"
 
 namespace memleak {
 namespace {
@@ -24,18 +24,6 @@ using nlohmann::json;
 
 const char* KindName(GroupKind kind) {
   return kind == GroupKind::kNative ? "native" : "java";
-}
-
-json LibrariesToJson(const Profile& profile) {
-  json list = json::array();
-  for (const Library& library : profile.libraries) {
-    list.push_back({{"path", library.path},
-                    {"name", LastPart(library.path)},
-                    {"buildId", library.build_id},
-                    {"found", library.found},
-                    {"hint", library.hint}});
-  }
-  return list;
 }
 
 json FramesToJson(const Profile& profile) {
@@ -64,48 +52,16 @@ json GroupToJson(const Group& group, std::int64_t age_span) {
           {"ageCounts", group.age_counts},
           {"ownAges", group.own_ages},
           {"pattern", PatternName(PatternOf(group, age_span))},
+          {"cut", group.cut},
           {"stack", group.stack}};
 }
 
 json HeadToJson(const ProfileHead& head) {
-  return {{"library", head.library},
-          {"program", head.program},
-          {"arguments", head.arguments},
-          {"pid", head.pid},
-          {"host", head.host},
-          {"started", head.started},
-          {"written", head.written},
-          {"since", head.since},
-          {"kinds", head.kinds},
-          {"unwind", head.unwind},
-          {"unrecorded", head.unrecorded},
+  return {{"library", head.library},     {"program", head.program}, {"name", head.name},
+          {"arguments", head.arguments}, {"pid", head.pid},         {"host", head.host},
+          {"started", head.started},     {"written", head.written}, {"since", head.since},
+          {"kinds", head.kinds},         {"unwind", head.unwind},   {"unrecorded", head.unrecorded},
           {"ageBounds", head.age_bounds}};
-}
-
-json ReportToJson(const Profile& profile) {
-  json damaged = json::array();
-  for (const DamagedLine& line : profile.damaged) damaged.push_back(line.number);
-  json report = {{"path", profile.path},          {"made", profile.made},
-                 {"complete", profile.complete},  {"damagedLines", profile.damaged_lines},
-                 {"damaged", std::move(damaged)}, {"backtraceSize", profile.header.backtrace_size}};
-  if (profile.head) report["process"] = HeadToJson(*profile.head);
-  return report;
-}
-
-json TotalsToJson(const Profile& profile) {
-  const Sums listed = profile.Listed(GroupKind::kNative);
-  const Sums unlisted = profile.Unlisted();
-  const Sums java = profile.Listed(GroupKind::kJava);
-  return {{"bytes", profile.header.total_bytes},
-          {"groups", profile.header.groups},
-          {"announcedGroups", profile.header.listed},
-          {"blocks", listed.blocks},
-          {"listedBytes", listed.bytes},
-          {"listedGroups", listed.groups},
-          {"unlistedBytes", unlisted.bytes},
-          {"unlistedGroups", unlisted.groups},
-          {"javaBytes", java.bytes},
-          {"javaGroups", java.groups}};
 }
 
 json TrendToJson(const GroupTrend& group) {
@@ -184,6 +140,7 @@ Group GroupOf(const json& object, std::size_t frames) {
   group.total = Number(object, "total");
   group.ages = object.at("ages").get<std::vector<std::int64_t>>();
   group.own_ages = Member(object, "ownAges", false).get<bool>();
+  group.cut = Member(object, "cut", false).get<bool>();
   for (const json& frame : object.at("stack")) group.stack.push_back(Index(frame, frames, "frame"));
   return group;
 }
@@ -193,6 +150,7 @@ ProfileHead HeadOf(const json& process) {
   head.library = Text(process, "library");
   head.program = Text(process, "program");
   head.arguments = process.at("arguments").get<std::vector<std::string>>();
+  head.name = process.contains("name") ? Text(process, "name") : ProgramName(head);
   head.pid = process.at("pid").get<std::int64_t>();
   head.host = Text(process, "host");
   head.started = process.at("started").get<std::int64_t>();
@@ -246,16 +204,22 @@ Profile ProfileOf(const json& document) {
 
 // The earlier report of two, without groups.
 Profile BaseOf(const json& document) {
-  for (const json& group : document.at("groups")) {
-    const json& before = group.at("before");
-    Number(before, "count");
-    Number(before, "total");
-    if (std::ranges::count(kChangeNames, Text(group, "status")) == 0)
-      throw std::out_of_range("an unknown status");
-  }
   Profile base;
   ReadHead(document.at("base"), &base);
   return base;
+}
+
+std::vector<GroupChange> ChangesOf(const json& document) {
+  std::vector<GroupChange> changes;
+  for (const json& group : document.at("groups")) {
+    GroupChange& change = changes.emplace_back();
+    const json& before = group.at("before");
+    change.before = {.count = Number(before, "count"), .total = Number(before, "total")};
+    const auto* const name = std::ranges::find(kChangeNames, Text(group, "status"));
+    if (name == kChangeNames.end()) throw std::out_of_range("an unknown status");
+    change.change = static_cast<Change>(name - kChangeNames.begin());
+  }
+  return changes;
 }
 
 constexpr const char* kRemedy = "make one with memleak export --format json";
@@ -274,6 +238,44 @@ json Parse(const std::string& path) {
 }
 
 }  // namespace
+
+json ReportToJson(const Profile& profile) {
+  json damaged = json::array();
+  for (const DamagedLine& line : profile.damaged) damaged.push_back(line.number);
+  json report = {{"path", profile.path},          {"made", profile.made},
+                 {"complete", profile.complete},  {"damagedLines", profile.damaged_lines},
+                 {"damaged", std::move(damaged)}, {"backtraceSize", profile.header.backtrace_size}};
+  if (profile.head) report["process"] = HeadToJson(*profile.head);
+  return report;
+}
+
+json TotalsToJson(const Profile& profile) {
+  const Sums listed = profile.Listed(GroupKind::kNative);
+  const Sums unlisted = profile.Unlisted();
+  const Sums java = profile.Listed(GroupKind::kJava);
+  return {{"bytes", profile.header.total_bytes},
+          {"groups", profile.header.groups},
+          {"announcedGroups", profile.header.listed},
+          {"blocks", listed.blocks},
+          {"listedBytes", listed.bytes},
+          {"listedGroups", listed.groups},
+          {"unlistedBytes", unlisted.bytes},
+          {"unlistedGroups", unlisted.groups},
+          {"javaBytes", java.bytes},
+          {"javaGroups", java.groups}};
+}
+
+json LibrariesToJson(const Profile& profile) {
+  json list = json::array();
+  for (const Library& library : profile.libraries) {
+    list.push_back({{"path", library.path},
+                    {"name", LastPart(library.path)},
+                    {"buildId", library.build_id},
+                    {"found", library.found},
+                    {"hint", library.hint}});
+  }
+  return list;
+}
 
 json ToJson(const Profile& profile) {
   json groups = json::array();
@@ -347,11 +349,12 @@ bool IsJsonDocument(const std::string& path) {
 }
 
 Document LoadDocument(const std::string& path) {
-  Document loaded{Parse(path), {}, std::nullopt};
+  const json document = Parse(path);
   try {
-    loaded.profile = ProfileOf(loaded.json);
-    if (loaded.json.contains("base")) {
-      loaded.base = BaseOf(loaded.json);
+    Document loaded{ProfileOf(document), std::nullopt, {}, document.at("totals")};
+    if (document.contains("base")) {
+      loaded.base = BaseOf(document);
+      loaded.changes = ChangesOf(document);
     } else {
       loaded.profile.path = path;
     }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/report/diff.h"
 #include "tools/report/model.h"
 #include "tools/report/trend.h"
 
@@ -16,6 +17,11 @@ namespace memleak {
 
 inline constexpr const char* kJsonFormat = "memleak-profile";
 inline constexpr int kJsonVersion = 1;
+
+/// Members "report", "totals" and "libraries" of a document.
+nlohmann::json ReportToJson(const Profile& profile);
+nlohmann::json TotalsToJson(const Profile& profile);
+nlohmann::json LibrariesToJson(const Profile& profile);
 
 /// The document of one report.
 nlohmann::json ToJson(const Profile& profile);
@@ -35,11 +41,12 @@ void WriteJson(const nlohmann::json& document, std::ostream& out);
 /// Whether the file at `path` is a JSON document rather than a report.
 bool IsJsonDocument(const std::string& path);
 
-/// A document and what it describes.
+/// What a document describes.
 struct Document {
-  nlohmann::json json;
-  Profile profile;              ///< of two reports the later one, with the groups of both
-  std::optional<Profile> base;  ///< the earlier one of two reports, without groups
+  Profile profile;                   ///< of two reports the later one, with the groups of both
+  std::optional<Profile> base;       ///< the earlier one of two reports, without groups
+  std::vector<GroupChange> changes;  ///< of two reports: one for each group, without `after`
+  nlohmann::json totals;             ///< member "totals"
 };
 
 /// The document at `path`, of one report or of two. Members that documents do not have stay empty:

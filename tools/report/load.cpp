@@ -15,6 +15,7 @@
 
 #include "tools/base/files.h"
 #include "tools/base/progress.h"
+#include "tools/report/program_name.h"
 #include "tools/report/stacks.h"
 #include "tools/report/wrappers.h"
 #include "tools/symbols/demangle.h"
@@ -55,6 +56,7 @@ class ProfileBuilder {
 
   void Add(const NativeGroup& group) {
     Group& added = AddGroup(GroupKind::kNative, group);
+    added.cut = IsCut(group.frames.size(), profile_->header.backtrace_size);
     added.ages = group.ages;
     added.stack.reserve(group.frames.size());
     for (const ReportFrame& frame : group.frames) {
@@ -99,7 +101,7 @@ class ProfileBuilder {
       place = {library, frame.pc - object.bias, {}};
       mapping_offsets_.emplace(place, frame.pc - mapping);
     } else {
-      place = {-1, frame.pc, FunctionOf(jit_.NameOf(frame.pc))};
+      place = {-1, frame.pc, FunctionOf(JitNameOf(frame.pc))};
     }
     frames_.push_back(IndexOf(place));
   }
@@ -113,12 +115,10 @@ class ProfileBuilder {
     group.ages = {stack.youngest, stack.oldest};
     group.own_ages = true;
     group.age_counts = stack.ages;
+    group.cut = IsCut(stack.frames.size(), profile_->head->depth);
     group.stack.reserve(stack.frames.size());
     for (const std::uint32_t frame : stack.frames) group.stack.push_back(frames_[frame]);
   }
-
-  /// Reads the names of code that a just-in-time compiler of the process made.
-  void ReadJitNames(const ProfileHead& head) { jit_ = JitNames(head.pid, head.started); }
 
   /// Resolves the places to frames, and replaces them in the stacks.
   void Resolve(const SymbolOptions& options);
@@ -129,6 +129,11 @@ class ProfileBuilder {
     std::uint32_t begin = 0;
     std::uint32_t end = 0;
   };
+
+  // Whether a stack may be deeper than its frames.
+  static bool IsCut(std::size_t frames, std::uint64_t depth) {
+    return depth != 0 && frames >= depth;
+  }
 
   template <typename Source>
   Group& AddGroup(GroupKind kind, const Source& source) {
@@ -156,6 +161,17 @@ class ProfileBuilder {
     return known == functions_.end() ? *functions_.emplace(name).first : *known;
   }
 
+  // The name of code that a just-in-time compiler of the process made.
+  std::string JitNameOf(std::uint64_t pc) {
+    if (!jit_) {
+      struct stat state {};
+      stat(profile_->path.c_str(), &state);
+      const ProfileHead& head = *profile_->head;
+      jit_.emplace(JitProcess{head.pid, head.started, head.program, state.st_uid});
+    }
+    return jit_->NameOf(pc);
+  }
+
   // The index of a place. Adds a new one.
   std::uint32_t IndexOf(const Place& place) {
     const auto [known, added] =
@@ -175,7 +191,7 @@ class ProfileBuilder {
   std::vector<std::pair<std::int32_t, ProfileObject>> objects_;  // with the indices of libraries
   std::vector<std::uint32_t> frames_;                            // indices into places_
   std::unordered_map<Place, std::uint64_t, PlaceHash> mapping_offsets_;
-  JitNames jit_;
+  std::optional<JitNames> jit_;  // read at the first frame that lies in no object
 };
 
 // `symbolizer` is that of the place's library; null without one.
@@ -270,16 +286,13 @@ void MarkOwnAges(Profile* profile) {
 void ReadWhole(const std::string& path, const std::function<void(DamagedLine&&)>& damaged,
                ProfileBuilder& builder, Profile* profile) {
   profile->head.emplace();
-  bool first = true;
   ProfileSink sink;
-  sink.object = [&](const ProfileObject& object) {
-    if (std::exchange(first, false)) builder.ReadJitNames(*profile->head);
-    builder.Add(object);
-  };
+  sink.object = [&](const ProfileObject& object) { builder.Add(object); };
   sink.frame = [&](const ProfileFrame& frame) { builder.Add(frame); };
   sink.stack = [&](const ProfileStack& stack) { builder.Add(stack); };
   sink.damaged = damaged;
   profile->complete = ReadProfileFile(path, sink, &*profile->head) == ReportEnd::kComplete;
+  profile->head->name = ProgramName(*profile->head);
   if (profile->head->written != 0) profile->made = profile->head->written;
 }
 
@@ -302,6 +315,7 @@ Profile LoadProfile(const std::string& path, const SymbolOptions& options) {
   if (IsProfile(path)) {
     ReadWhole(path, damaged, builder, &profile);
     builder.Resolve(options);
+    ClearCutOfWhole(&profile);
     FoldWrappers(wrappers, &profile);
     MergeStacks(&profile);
     const Sums sums = profile.Listed(GroupKind::kNative);
@@ -315,6 +329,7 @@ Profile LoadProfile(const std::string& path, const SymbolOptions& options) {
   profile.complete = ReadReportFile(path, sink, &profile.header) == ReportEnd::kComplete;
   MarkOwnAges(&profile);
   builder.Resolve(options);
+  ClearCutOfWhole(&profile);
   FoldWrappers(wrappers, &profile);
   return profile;
 }

@@ -17,6 +17,7 @@ namespace memleak {
 struct ProfileHead {
   std::string library;  ///< version of the tracker
   std::string program;  ///< path
+  std::string name;     ///< of the program, for users; set by LoadProfile and LoadDocument
   std::vector<std::string> arguments = {};
   std::int64_t pid = 0;
   std::string host;

@@ -1,22 +1,105 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/symbols/jit_names.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
-#include <fstream>
+#include <filesystem>
+#include <optional>
 #include <string_view>
+#include <system_error>
+
+#include "tools/base/files.h"
+#include "tools/base/proc_files.h"
+#include "tools/base/rooted_file.h"
 
 namespace memleak {
+namespace {
 
-JitNames::JitNames(std::int64_t pid, std::int64_t started) {
-  const std::string path = "/tmp/perf-" + std::to_string(pid) + ".map";
+// A pipe must not block.
+constexpr int kOpenFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+
+/// A running process.
+struct Running {
+  std::string directory;     // "/proc/PID"
+  std::int64_t started = 0;  // seconds since the epoch
+  uid_t user = 0;
+};
+
+// The text of the file `name`; empty if it is unreadable.
+std::string TextOfFile(const std::string& name) {
+  const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return "";
+  const std::optional<std::string> text = ReadAll(file);
+  close(file);
+  return text.value_or("");
+}
+
+// Seconds since the epoch of a time in clock ticks since the system started.
+std::int64_t TimeOf(std::uint64_t ticks) {
+  timespec now{};
+  timespec up{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  clock_gettime(CLOCK_BOOTTIME, &up);
+  return now.tv_sec - up.tv_sec + static_cast<std::int64_t>(ticks) / sysconf(_SC_CLK_TCK);
+}
+
+// The running process that `process` describes. Processes in several PID namespaces may have its
+// pid and its program. The profile names the time when the program was loaded, shortly after the
+// process was made.
+std::optional<Running> Find(const JitProcess& process) {
+  constexpr std::int64_t kRounding = 1;
+  std::optional<Running> found;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+    const std::string directory = entry.path();
+    const std::string status = TextOfFile(directory + "/status");
+    if (InnerPid(status, 0) != process.pid) continue;
+    if (LinkTarget(directory + "/exe") != process.program) continue;
+    const auto ticks = StartTicks(TextOfFile(directory + "/stat"));
+    if (!ticks || TimeOf(*ticks) > process.started + kRounding) continue;
+    const Running running{directory, TimeOf(*ticks), EffectiveId(status, "Uid")};
+    if (!found || running.started > found->started) found = running;
+  }
+  return found;
+}
+
+// The text of the file of names; empty if there is none that counts.
+std::string ReadFile(const JitProcess& process) {
+  const std::string path = "/tmp/perf-" + std::to_string(process.pid) + ".map";
+  const std::optional<Running> running = Find(process);
+  int file = -1;
+  if (running) file = OpenInRoot(running->directory + "/root", path, kOpenFlags);
+  const bool is_here = !running || running->directory == "/proc/" + std::to_string(process.pid);
+  // The process has ended, or its root directory may not be entered.
+  if (file < 0 && is_here && (!running || errno != ENOENT)) file = open(path.c_str(), kOpenFlags);
+  if (file < 0) return "";
   struct stat state {};
-  // Not a pipe, and not the file of an earlier process with this id.
-  if (stat(path.c_str(), &state) != 0 || !S_ISREG(state.st_mode) || state.st_mtime < started)
-    return;
-  std::ifstream file(path, std::ios::binary);
-  for (std::string line; std::getline(file, line);) {
+  const uid_t user = running ? running->user : process.owner;
+  std::optional<std::string> text;
+  // A file with several names may be another one: users can link files that they cannot write.
+  if (fstat(file, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1 &&
+      (state.st_uid == user || state.st_uid == 0 || state.st_uid == geteuid()) &&
+      state.st_mtime >= process.started) {
+    text = ReadAll(file);
+  }
+  close(file);
+  return text.value_or("");
+}
+
+}  // namespace
+
+JitNames::JitNames(const JitProcess& process) {
+  const std::string text = ReadFile(process);
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     // "BEGIN BYTES NAME", both in hexadecimal.
     std::uint64_t begin = 0;
     std::uint64_t bytes = 0;

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Names of code that a just-in-time compiler made: /tmp/perf-PID.map, which runtimes write for
-// profilers. Single-threaded.
+// profilers. Linux only; single-threaded.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <map>
@@ -10,13 +12,24 @@
 
 namespace memleak {
 
+/// A process as its profile describes it.
+struct JitProcess {
+  std::int64_t pid = 0;      ///< in its own PID namespace
+  std::int64_t started = 0;  ///< seconds since the epoch
+  std::string program;       ///< path of its executable
+  uid_t owner = 0;           ///< of the profile
+};
+
 class JitNames {
  public:
   /// No names.
   JitNames() = default;
-  /// Those of the process `pid`, if its file is there and was changed since the process started, in
-  /// seconds since the epoch. A later line replaces an earlier one for the same address.
-  JitNames(std::int64_t pid, std::int64_t started);
+  /// Those of `process`. A running process is looked up, also in another PID namespace, and its
+  /// file is read below its root directory. The file counts if it is a regular file, no link, that
+  /// belongs to the user of the process, root or the current user, and that was changed since the
+  /// process started: any user may create files in /tmp. A later line replaces an earlier one for
+  /// the same address.
+  explicit JitNames(const JitProcess& process);
 
   /// The name of the function that contains `pc`; empty if it is unknown.
   std::string NameOf(std::uint64_t pc) const;

@@ -5,9 +5,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +19,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/names.h"
+#include "tools/base/rooted_file.h"
 #include "tools/target/maps.h"
 
 namespace memleak {
@@ -56,20 +55,11 @@ int OpenMapped(const ProcessInfo& process, const Mapping& mapping) {
 int OpenByPath(const ProcessInfo& process, const Mapping& mapping) {
   const AsUserOf user(process);
   const std::string root = process.outside.empty() ? "/" : process.outside;
-  const int directory = open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  if (directory < 0) return -1;
-  open_how how{};
-  how.flags = kOpenFlags;
-  how.resolve = RESOLVE_IN_ROOT;
-  int file =
-      static_cast<int>(syscall(SYS_openat2, directory, mapping.path.c_str(), &how, sizeof how));
-  // Emulators and old kernels do not have this call. The caller compares the inode.
+  int file = OpenInRoot(root, mapping.path, kOpenFlags);
+  // Emulators and old kernels follow links. The inode is compared below.
   if (file < 0 && errno == ENOSYS) {
-    file = openat(directory, mapping.path.c_str() + 1, kOpenFlags);
+    file = open((process.outside + mapping.path).c_str(), kOpenFlags);
   }
-  const int error = errno;
-  close(directory);
-  errno = error;
   struct stat status {};
   if (file < 0 || (fstat(file, &status) == 0 && status.st_ino == mapping.inode)) return file;
   close(file);

@@ -200,6 +200,12 @@ ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& li
   return slots > 1 ? ImportState::kSeveral : state;
 }
 
+bool IsHooked(const LoadedLibraries& loaded, const HookPair& pair, const ProcessMemory& memory) {
+  const LoadedLibrary* const library = Find(loaded, pair.library);
+  return library != nullptr && library->file &&
+         ImportStateOf(loaded, *library, pair.function, memory) == ImportState::kHooked;
+}
+
 HookPlan PlanHooks(const ProcessInfo& process, const LoadedLibraries& loaded,
                    const HookRequest& request, const ProcessMemory& memory) {
   return Planner(process, loaded, request, memory).Make();

@@ -34,18 +34,22 @@ enum class ImportState : std::uint8_t {
 ImportState ImportStateOf(const LoadedLibraries& loaded, const LoadedLibrary& library,
                           const std::string& function, const ProcessMemory& memory);
 
-/// What a user wants to hook.
-struct HookRequest {
-  std::vector<std::string> libraries;
-  std::vector<std::string> functions;
-  bool functions_given = false;  ///< whether a library must import all of them
-};
-
 /// A function in a library.
 struct HookPair {
   std::string library;
   std::string function;
   bool operator==(const HookPair&) const = default;
+};
+
+/// Whether the slot of `pair`, whose library is one of `loaded`, leads to generated code. `memory`
+/// is open.
+bool IsHooked(const LoadedLibraries& loaded, const HookPair& pair, const ProcessMemory& memory);
+
+/// What a user wants to hook.
+struct HookRequest {
+  std::vector<std::string> libraries;
+  std::vector<std::string> functions;
+  bool functions_given = false;  ///< whether a library must import all of them
 };
 
 /// The part of a request that is possible.

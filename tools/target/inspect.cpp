@@ -16,6 +16,7 @@
 
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
+#include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/control_signal.h"
 #include "tools/target/root_directory.h"
@@ -31,24 +32,6 @@ constexpr double kYoungSeconds = 3.0;
 // How long a forked child gets to make its state file after it was asked to.
 constexpr auto kChildPatience = std::chrono::milliseconds(3000);
 constexpr auto kEmulatedChildPatience = std::chrono::milliseconds(8000);
-
-// The value of a field in the text of /proc/PID/status; empty if there is none.
-std::string StatusField(const std::string& status, const std::string& name) {
-  std::istringstream lines(status);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
-  }
-  return "";
-}
-
-// The effective id in a field such as "Uid", which lists real, effective, saved and file system id.
-std::uint32_t EffectiveId(const std::string& status, const std::string& name) {
-  std::istringstream ids(StatusField(status, name));
-  std::uint32_t real = 0;
-  std::uint32_t effective = 0;
-  ids >> real >> effective;
-  return effective;
-}
 
 bool CatchesControlSignal(const std::string& status) {
   const std::string mask = StatusField(status, "SigCgt");
@@ -70,14 +53,6 @@ bool IsStopped(const std::string& status) {
 UserError Stopped(const ProcessInfo& process) {
   return {"process " + process.Label() + " is stopped",
           "continue it with kill -CONT " + std::to_string(process.pid)};
-}
-
-// The process id in the innermost PID namespace of the process: the last number of the field.
-pid_t InnerPid(const std::string& status, pid_t pid) {
-  std::istringstream ids(StatusField(status, "NSpid"));
-  while (ids >> pid) {
-  }
-  return pid;
 }
 
 bool IsInOtherNamespace(pid_t pid) {
@@ -149,9 +124,14 @@ std::string ReadStatus(pid_t pid) {
 }
 
 UserError NotTracked(const ProcessInfo& process) {
-  if (!process.has_tracker) {
-    return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
-            std::string("start it ") + Advice().with_tracker};
+  const bool was_detached = process.IsDetached();
+  if (!process.has_tracker || was_detached) {
+    return {"process " + process.Label() +
+                (was_detached ? " was detached from the tracker; nothing was sent"
+                              : " is not loaded with the tracker; nothing was sent"),
+            Advice().load == nullptr
+                ? std::string("start it ") + Advice().with_tracker
+                : "load it with: " + std::string(Advice().load) + std::to_string(process.pid)};
   }
   if (process.problem) return *process.problem;
   return {"process " + process.Label() +
@@ -160,6 +140,7 @@ UserError NotTracked(const ProcessInfo& process) {
 }
 
 bool TakesCommands(const ProcessInfo& process) {
+  if (process.IsDetached()) return false;
   // An emulator catches every real-time signal, so its mask proves nothing.
   return process.has_tracker && !process.problem && (process.is_emulated || process.catches_signal);
 }
@@ -187,20 +168,6 @@ ProcessInfo WithOwnState(ProcessInfo process) {
 
 std::string ReadMaps(pid_t pid) {
   return ReadProc(pid, "maps");
-}
-
-std::optional<std::uint64_t> StartTicks(std::string_view stat) {
-  // The second field, the name, may hold blanks and parentheses. The start time is the 20th after
-  // it.
-  constexpr int kFieldsBefore = 19;
-  const std::size_t name_end = stat.rfind(')');
-  if (name_end == std::string_view::npos) return std::nullopt;
-  std::istringstream fields{std::string(stat.substr(name_end + 1))};
-  std::string skipped;
-  for (int field = 0; field < kFieldsBefore; ++field) fields >> skipped;
-  std::uint64_t ticks = 0;
-  if (!(fields >> ticks)) return std::nullopt;
-  return ticks;
 }
 
 ProcessInfo InspectProcess(pid_t pid) {

@@ -5,10 +5,7 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "tools/target/maps.h"
 #include "tools/target/process_info.h"
@@ -17,10 +14,6 @@ namespace memleak {
 
 /// The text of /proc/PID/maps. Throws UserError as InspectProcess does.
 std::string ReadMaps(pid_t pid);
-
-/// The start time in the text of /proc/PID/stat, in clock ticks since the system started; nothing
-/// if the text is malformed.
-std::optional<std::uint64_t> StartTicks(std::string_view stat);
 
 /// Inspects process `pid`. Throws UserError if it does not exist or permission is missing.
 ProcessInfo InspectProcess(pid_t pid);

@@ -49,12 +49,13 @@ class PostedCommand {
   PostedCommand(const ProcessInfo& process, milliseconds timeout)
       : process_(process), state_(*process.state), timeout_(timeout) {}
 
-  void Post(std::uint64_t word, std::uint32_t parameter) {
+  void Post(protocol::Recipient recipient, std::uint64_t word, std::uint32_t parameter) {
     const Lock lock(*this);
     // Room for the command appears when the process carries out the oldest one.
     AwaitDone(state_->sent - protocol::kMaxPosted + 1);
     const std::uint64_t before = state_->sent;
     protocol::PostedCommand& posted = state_->posted[before % protocol::kMaxPosted];
+    posted.recipient = recipient;
     posted.word = word;
     posted.parameter = parameter;
     posted.error = 0;
@@ -73,6 +74,10 @@ class PostedCommand {
         "process " + process_.Label() +
             " cannot start the thread that carries out commands: " + std::strerror(error),
         "raise its limits (ulimit -u, ulimit -v), then try again");
+  }
+
+  microseconds Waited() const {
+    return std::chrono::duration_cast<microseconds>(steady_clock::now() - start_);
   }
 
  private:
@@ -119,24 +124,26 @@ class PostedCommand {
     }
   }
 
-  microseconds Waited() const {
-    return std::chrono::duration_cast<microseconds>(steady_clock::now() - start_);
-  }
-
   void CheckPatience() const {
     RequireRunning(process_);
+    const std::string pid = std::to_string(process_.pid);
+    const std::string queued =
+        number_ == 0 ? "its queue is full, so nothing was sent" : "the command stays queued";
     const milliseconds patience = process_.is_emulated ? kEmulatedThreadPatience : kThreadPatience;
     const ControlThread thread = state_->control_thread;
     if (thread != ControlThread::kRunning && Waited() >= patience) {
-      throw UserError("process " + process_.Label() +
-                          " has not called an allocator function since; the command stays queued",
-                      "it is carried out with the next call: see memleak status " +
-                          std::to_string(process_.pid));
+      throw UserError(
+          "process " + process_.Label() + " has not called an allocator function since; " + queued,
+          "commands are carried out with its next call: see memleak status " + pid);
     }
     if (timeout_.count() != 0 && Waited() >= timeout_) {
+      const bool reports = state_->reports_started != state_->reports_ended;
       throw UserError("process " + process_.Label() + " has not carried out the command in " +
-                          FormatDuration(timeout_) + "; it stays queued",
-                      "see memleak status " + std::to_string(process_.pid));
+                          std::to_string(timeout_.count() / 1000) + " s; " + queued + "; " +
+                          (reports ? "an earlier report is still being written"
+                                   : "a thread of the process may be stuck"),
+                      reports ? "wait for its end: see memleak status " + pid
+                              : "see where: gdb -p " + pid + " --batch -ex 'thread apply all bt'");
     }
   }
 
@@ -156,11 +163,17 @@ Carried SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_
     QueueCommand(process, word, parameter);
     return std::nullopt;
   }
-  const auto start = steady_clock::now();
   PostedCommand command(process, timeout);
-  command.Post(word, parameter);
+  command.Post(protocol::Recipient::kTracker, word, parameter);
   command.Await();
-  return std::chrono::duration_cast<microseconds>(steady_clock::now() - start);
+  return command.Waited();
+}
+
+Carried DetachFrom(const ProcessInfo& process) {
+  PostedCommand command(process, kCommandPatience);
+  command.Post(protocol::Recipient::kDetach, 0, 0);
+  command.Await();
+  return command.Waited();
 }
 
 std::string CarriedText(const Carried& carried) {

@@ -12,6 +12,7 @@
 
 #include "tools/base/format.h"
 #include "tools/report/diff.h"
+#include "tools/view/head_text.h"
 #include "tools/view/show_views.h"
 
 namespace memleak {
@@ -153,6 +154,7 @@ void PrintTotals(const Profile& before, const Profile& after, std::ostream& out)
     const std::string held = label + FormatBytes(profile->header.total_bytes) + " held in " +
                              Counted(profile->header.groups, "group") + " ";
     out << OneLineOrTwo(held, FitWidth(profile->path, 40)) << "\n";
+    if (profile->head) out << "     " << ProcessText(*profile->head) << "\n";
   }
   PrintGrowthOfAll(before, after, out);
   const Sums old_java = before.Listed(GroupKind::kJava);

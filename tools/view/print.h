@@ -13,10 +13,6 @@
 
 namespace memleak {
 
-/// Printed for a report without groups.
-inline constexpr const char* kNothingHeld =
-    "nothing recorded is still held; was recording on? (memleak on PID)";
-
 enum class View { kGroups, kLibraries, kFunctions, kTree, kCallers };
 
 struct ViewOptions {

@@ -8,6 +8,7 @@
 
 #include "tools/base/files.h"
 #include "tools/base/format.h"
+#include "tools/view/head_text.h"
 
 namespace memleak {
 namespace {
@@ -22,11 +23,8 @@ std::string InGroups(const Sums& sums) {
   return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "group");
 }
 
-// The source of the profile: program, process, time and duration.
 void PrintProcess(const ProfileHead& head, std::ostream& out) {
-  out << FitWidth(LastPart(head.program), 40) << " (pid " << head.pid << " on "
-      << FitWidth(head.host, 20) << "), " << FormatDate(head.written) << ", recorded for "
-      << FormatAge(head.written - head.since) << "\n";
+  out << ProcessText(head) << "\n";
   std::string arguments;
   for (const std::string& argument : head.arguments) arguments += " " + argument;
   if (!arguments.empty()) out << " " << FitWidth(arguments, kColumns - 1) << "\n";
@@ -36,7 +34,7 @@ void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
   if (profile.head) PrintProcess(*profile.head, out);
   out << (profile.head ? "Profile " : "Report ") << FitWidth(profile.path, kColumns - 8) << "\n";
   if (profile.complete && profile.header.groups == 0 && profile.groups.empty()) {
-    out << "  " << kNothingHeld << "\n";
+    out << "  " << NothingHeldText(profile.head ? &*profile.head : nullptr) << "\n";
     return;
   }
   const std::string held = FormatBytes(profile.header.total_bytes) + " held (" +

@@ -100,7 +100,7 @@ TEST(Session, CommandsAreAnswered) {
   const TemporaryDirectory directory;
   const Outcome outcome = WithProgram(directory, "--root root --log log", FIXTURE_SLEEPER, R"(
     printf 'other=1\nvastel.memleak.backtacemaxnum=20\n#x' >>root/properties
-    $M status $P; $M on $P --depth 12 --unwind dwarf; $M status $P; $M pause $P; $M status $P
+    $M status $P; $M report $P; rm -r root/data; $M on $P --depth 12 --unwind dwarf; $M status $P; $M pause $P; $M status $P
     cat root/properties
     D=root/data/log/reliability; mkdir -p $D; printf 'old\nEND' >$D/allocations_dump
     prlimit --pid $P --nofile=3:1024; $M report $P; echo "code $?"; cat $D/*
@@ -111,12 +111,13 @@ TEST(Session, CommandsAreAnswered) {
     $M on $P; $M status $P; kill -CONT $P)");
   ExpectHas(
       outcome.output,
-      {"off (never switched on)", "recording on, tables emptied, 12 frames by dwarf (",
-       "recording   native on since ", "native paused since ", "other=1\n#x\n",
-       ": Too many open files; ", "code 2\nold\nENDreport ", "END new\n",
-       "carried out native clear (0x1234567800000080), ", "addr:0x1234567800000080",
-       "btsize:12, btType:1", "tracked     no\ncode 1\n", " is stopped; continue it with kill",
-       "tools_sleeper, stopped\n", "native clear (0x1234567800000080)\nroot "});
+      {"off (never switched on)", "recording was never on; ",
+       "recording on, tables emptied, 12 frames by dwarf (", "recording   native on since ",
+       "native paused since ", "other=1\n#x\n", ": Too many open files; ",
+       "code 2\nold\nENDreport ", "END new\n", "carried out native clear (0x1234567800000080), ",
+       "addr:0x1234567800000080", "btsize:12, btType:1", "tracked     no\ncode 1\n",
+       " is stopped; continue it with kill", "tools_sleeper, stopped\n",
+       "native clear (0x1234567800000080)\nroot "});
 }
 
 // Without a handler the signal would end the process. A process that ends is not signaled.

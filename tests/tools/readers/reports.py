@@ -8,6 +8,7 @@ import re
 import shutil
 import socket
 import subprocess
+import time
 
 import memleak
 
@@ -266,24 +267,30 @@ def profiles():
     digest = 0xCBF29CE484222325
     for byte in content:
         digest = (digest ^ byte) * 0x100000001B3 % 2**64
-    pid = 2**31 + os.getpid()  # of no process
+    pid, program, started = 2**30 + os.getpid(), "/bin/a\\x20b", 0  # of no process
     stacks = ["s 30 3 5 20 1 9 0:1,1:2 0 1 2 3", "s 8 1 8 8 4 4 1:1 2 1", "s x", "s 9 1 9 9 4 4 1:1 1"]
 
     def profile(lines, end):
         return memleak.write("profile", "\n".join([
-            "memleak profile 1", "library 1", "program /bin/a\\x20b", "arguments a\\x20b \\ c",
-            f"pid {pid}", "host h", "started 0", "written 9", "since 2", "kinds native",
+            "memleak profile 1", "library 1", f"program {program}", "arguments a\\x20b \\ c",
+            f"pid {pid}", "host h", f"started {started}", "written 9", "since 2", "kinds native",
             "unwind tables", "depth 32", "unrecorded 0", f"report {len(content)} {digest:x}",
             "ages 0 4", "object 7f0000001000 - 7f0000001000-7f0000009000@0 /no/lib.so",
             "f 0 10010", "f 0 20010", "f 1 7f0000002abc", *lines, end, ""]))
 
     profile(stacks[:2], "end 2")
+    names = memleak.write("names", "10000 40 operator new(unsigned long)\n20000 40 Leak /a.js:1\n")
     map_file = f"/tmp/perf-{pid}.map"
-    with open(map_file, "w") as file:
-        file.write("10000 40 operator new(unsigned long)\n20000 40 Leak /a.js:1\n")
+    shutil.copy(names, map_file)
     try:
         out = memleak.run("show", report)[0]
         skipped = memleak.run("show", report, "--skip", "^Leak")[0]
+        if os.geteuid() == 0:
+            os.chown(map_file, 65534, 65534)
+            assert "Leak" not in memleak.run("show", report)[0], "another user has made the file"
+        os.remove(map_file)
+        os.symlink(names, map_file)
+        assert "Leak" not in memleak.run("show", report)[0], "a link"
     finally:
         os.remove(map_file)
     assert out.startswith(f"a b (pid {pid} on h), ") and "recorded for 7s" in out, out
@@ -291,6 +298,16 @@ def profiles():
     assert "lib.so+0x1abc\n" in out and "operator new" not in out, out
     assert "Leak" not in skipped and "     lib.so+0x1abc\n" in skipped, skipped
     assert "No group is known to have changed" in memleak.run("diff", report, report)[0]
+    # A process in a container has its own /tmp.
+    pid, program, started = 1, os.path.realpath("/bin/sleep"), int(time.time())
+    profile(stacks[:2], "end 2")
+    script = "mount -t tmpfs none /tmp; echo 20000 40 Leak >/tmp/perf-1.map; echo; exec sleep 60"
+    with subprocess.Popen(["unshare", "-Urpfm", "--kill-child", "sh", "-c", script],
+                          stdout=subprocess.PIPE) as process:
+        process.stdout.readline()
+        while not (out := memleak.run("show", report)[0]).count("     Leak\n"):
+            assert time.time() < started + 30, out  # sh has become sleep
+        process.kill()
     profile(stacks, "end 4")
     document = memleak.read(report)
     assert document["report"]["damaged"] == [22, 23] and document["totals"]["bytes"] == 38
