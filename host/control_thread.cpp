@@ -242,13 +242,6 @@ void Unlock() {
   pthread_mutex_unlock(&change_lock);
 }
 
-bool Records() {
-  for (const protocol::KindState& kind : CurrentState().kinds) {
-    if (kind.recording.load() != protocol::Recording::kOff) return true;
-  }
-  return false;
-}
-
 void BeforeFork() {
   // A child of vfork or of a raw clone has no thread to stop.
   if (!OwnsState() || !IsActive()) return;

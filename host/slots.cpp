@@ -254,7 +254,7 @@ extern "C" void (*memleak_scan_resolver())() {
 
 SlotScan Scan() {
   const int saved_errno = errno;
-  dlsym(self, "memleak_scan");
+  [[maybe_unused]] void* const scanned = dlsym(self, "memleak_scan");
   const SlotScan result = latest;
   errno = saved_errno;
   return result;

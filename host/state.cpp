@@ -232,6 +232,8 @@ Form CurrentForm() {
 void SetForm(Form changed) {
   form.store(changed);
   CurrentState().form.store(changed);
+  // For children that are forked.
+  private_state.form.store(changed);
 }
 
 bool OwnsState() {
@@ -290,8 +292,14 @@ void ForkState(bool rested) {
   making.clear();
   if (&former != &private_state) CopyRecording(former);
   ClearCounters(private_state);
-  private_state.form = form.load();
   private_state.control_thread = protocol::ControlThread::kNone;
+}
+
+bool Records() {
+  for (const protocol::KindState& kind : CurrentState().kinds) {
+    if (kind.recording.load() != protocol::Recording::kOff) return true;
+  }
+  return false;
 }
 
 void RememberCommand(const protocol::Command& command) {

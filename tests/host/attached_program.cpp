@@ -250,7 +250,9 @@ int Run(int rounds) {
     if (now.count(line) == 0) fprintf(stderr, "before: %s\n", line.c_str());
     CHECK(now.count(line) == 1);
   }
-  return 0;
+  // The program ends while it is recorded.
+  Attach();
+  return Post(Recipient::kTracker, protocol::kNative.On());
 }
 
 }  // namespace
