@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // html: a report, or what changed between two, as a page for the browser.
+#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -36,21 +37,23 @@ struct HtmlOptions {
   ReadOptions read;
 };
 
-// The data of one report, or of two.
-nlohmann::json PageData(const HtmlOptions& options) {
+// Writes the data of one report, or of two.
+void WriteData(const HtmlOptions& options, std::ostream& out) {
   if (!options.old.empty()) {
     const auto [before, after] = OpenPair(options.old, options.report, options.read);
-    return DiffToJson(before, after);
+    return WriteDiffJson(before, after, out);
   }
   const std::string path = FindReport(options.report);
-  if (!IsJsonDocument(path)) return ToJson(OpenProfile(path, options.read));
+  if (!IsJsonDocument(path)) return WriteProfileJson(OpenProfile(path, options.read), out);
   const Document document = OpenDocument(path, options.read);
-  return document.base ? document.json : ToJson(document.profile);
+  if (!document.base) return WriteProfileJson(document.profile, out);
+  out << std::ifstream(path, std::ios::binary).rdbuf();
 }
 
 int Html(const HtmlOptions& options) {
   RefuseOverwriting(options.output, {FindReport(options.report), FindReport(options.old)});
-  const std::size_t bytes = WritePage(PageData(options), options.output);
+  const std::size_t bytes =
+      WritePage([&](std::ostream& out) { WriteData(options, out); }, options.output);
   std::cout << "page  " << options.output << " (" << FormatBytes(bytes)
             << "): open it in a browser\n";
   return kExitOk;

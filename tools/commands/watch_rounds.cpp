@@ -130,7 +130,7 @@ class Rounds {
     const std::vector<GroupTrend> groups = trends_.Result();
     const std::string path = (fs::path(options_.directory) / "trend.json").string();
     std::ofstream file(path, std::ios::binary);
-    WriteJson(TrendsToJson(process_.Label(), reports_, groups, broken_), file);
+    WriteTrendsJson(process_.Label(), reports_, groups, broken_, file);
     file.close();
     if (!file) {
       throw UserError("cannot write " + path + ": " + std::strerror(errno),
@@ -270,7 +270,9 @@ class Rounds {
 
   void WriteDifferencePage() const {
     const std::string path = (fs::path(options_.directory) / "leak.html").string();
-    WritePage(DiffToJson(Load(reports_.front()), Load(reports_.back())), path);
+    const Profile first = Load(reports_.front());
+    const Profile last = Load(reports_.back());
+    WritePage([&](std::ostream& out) { WriteDiffJson(first, last, out); }, path);
     std::cout << "page     " << path << "\n";
   }
 

@@ -4,7 +4,8 @@
 #pragma once
 
 #include <cstddef>
-#include <nlohmann/json_fwd.hpp>
+#include <functional>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 
@@ -14,9 +15,9 @@ namespace memleak {
 /// generated source.
 std::string_view PageShell();
 
-/// Writes the page for a document of format "memleak-profile" to the file at `path`: one file
-/// without external references. Returns its size in bytes. Throws UserError when that fails, and in
-/// builds without the page.
-std::size_t WritePage(const nlohmann::json& document, const std::string& path);
+/// Writes the page for a document to the file at `path`: one file without external references.
+/// `write` writes the document, of format "memleak-profile". Returns the page's size in bytes.
+/// Throws UserError when that fails, and in builds without the page.
+std::size_t WritePage(const std::function<void(std::ostream&)>& write, const std::string& path);
 
 }  // namespace memleak
