@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The table through which the loader routes the program's allocator calls.
 //
-// Every exported allocator function reads it, on any thread (routing.cpp). It changes twice before
-// `main`: when the next allocator is known, and when the tracker has taken over. Later it changes
-// while a command waits for the control thread.
+// Every exported allocator function reads it, on any thread (routing.cpp). It changes when the next
+// allocator is known, when the tracker takes over, when the loader detaches, and while a command
+// waits for the control thread.
 #pragma once
 
 #include <malloc.h>
@@ -28,7 +28,8 @@ extern const AllocatorTable kBootstrapTable;
 
 /// Routes all later calls to `plain`, which the caller owns and which lives, unchanged, as long as
 /// the process. Blocks of the bootstrap arena stay valid: if there are any, free, realloc and
-/// malloc_usable_size check for them first. Called at most twice, on one thread at a time.
+/// malloc_usable_size check for them first. For at most two different tables, on one thread at a
+/// time.
 void UseAllocator(const AllocatorTable& plain);
 
 /// The table that calls go through now. Any thread.

@@ -9,14 +9,34 @@
 #include <unistd.h>
 
 namespace host {
+namespace {
+
+/// Returns the object that contains `address`, or null.
+link_map* ObjectOf(const void* address) {
+  Dl_info info;
+  link_map* object = nullptr;
+  const int found = dladdr1(address, &info, reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP);
+  return found != 0 ? object : nullptr;
+}
+
+link_map* CLibrary() {
+  return ObjectOf(reinterpret_cast<const void*>(&gnu_get_libc_version));
+}
+
+}  // namespace
+
+bool LoadedBeforeCLibrary() {
+  const link_map* const library = CLibrary();
+  const link_map* object = ObjectOf(reinterpret_cast<const void*>(&LoadedBeforeCLibrary));
+  while (object != nullptr && object != library) object = object->l_next;
+  return object != nullptr;
+}
 
 void InitializeCLibrary(int argument_count, char** arguments, char** environment) {
   // The first constructor sets it.
   if (environ != nullptr) return;
-  Dl_info info;
-  link_map* library = nullptr;
-  if (dladdr1(reinterpret_cast<void*>(&gnu_get_libc_version), &info,
-              reinterpret_cast<void**>(&library), RTLD_DL_LINKMAP) == 0) {
+  const link_map* const library = CLibrary();
+  if (library == nullptr) {
     environ = environment;
     return;
   }

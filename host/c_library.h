@@ -12,4 +12,8 @@ namespace host {
 /// libraries. A second run stores the same values.
 void InitializeCLibrary(int argument_count, char** arguments, char** environment);
 
+/// Whether the dynamic linker has loaded this library before the C library: it was preloaded. The
+/// environment does not tell, since a process may have inherited it.
+bool LoadedBeforeCLibrary();
+
 }  // namespace host

@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+#include "host/fork_page.h"
 #include "host/state.h"
 #include "protocol/kinds.h"
 
@@ -24,8 +25,9 @@ struct Slot {
 };
 
 Slot slots[kRingCommands];
-std::atomic<uint32_t> added{0};
-std::atomic<uint32_t> taken_count{0};
+// A fork compares them.
+MEMLEAK_FORK_PAGE std::atomic<uint32_t> added{0};
+MEMLEAK_FORK_PAGE std::atomic<uint32_t> taken_count{0};
 std::atomic<uint32_t> dropped{0};
 
 uint32_t Index(uint32_t number) {
@@ -106,12 +108,13 @@ bool FirstCommand(Command& command) {
 }
 
 Taken TakeCommand() {
-  Taken taken{{}, 0, 0};
+  Taken taken{{}, 0, 0, protocol::Recipient::kTracker};
   uint32_t number = taken_count.load();
   const State& state = CurrentState();
   if (!RingHasFirst(number)) {
     const uint64_t count = Posted(state);
     taken.command = ReadPosted(state, state.done);
+    taken.recipient = state.posted[state.done % protocol::kMaxPosted].recipient;
     taken.posted = 1;
     while (IsReport(taken.command) && taken.posted < count &&
            ReadPosted(state, state.done + taken.posted) == taken.command) {

@@ -28,9 +28,11 @@ struct Taken {
   Command command;
   uint32_t ticket;  ///< the latest ticket of the commands; 0: none has one
   uint32_t posted;  ///< how many of the commands the controller has posted
+  protocol::Recipient recipient;
 };
 
-/// Copies the first command to `command` without removing it. Returns false if there is none.
+/// Copies the first command to `command` without removing it. Returns false if there is none. A
+/// request to detach counts as a command without bits.
 bool FirstCommand(Command& command);
 
 /// Removes the first command, and with it the report commands that directly follow and are equal.

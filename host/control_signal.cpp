@@ -3,11 +3,8 @@
 // thread waits for work.
 #include "host/control_signal.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <signal.h>
-
-#include <atomic>
 
 #include "host/command_queue.h"
 #include "host/control_thread.h"
@@ -17,10 +14,6 @@
 
 namespace host {
 namespace {
-
-using protocol::control_signal;
-
-std::atomic<bool> installed{false};
 
 void OnControlSignal(int /*signal*/, siginfo_t* info, void* context) {
   const int saved_errno = errno;
@@ -38,24 +31,7 @@ void OnControlSignal(int /*signal*/, siginfo_t* info, void* context) {
 }  // namespace
 
 int InstallControlSignal() {
-  // The loader's own sigaction is the program's.
-  using Sigaction = int (*)(int, const struct sigaction*, struct sigaction*);
-  const auto real = reinterpret_cast<Sigaction>(dlsym(RTLD_NEXT, "sigaction"));
-  if (real == nullptr) return ENOSYS;
-  struct sigaction action = {};
-  struct sigaction previous = {};
-  action.sa_sigaction = OnControlSignal;
-  action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
-  sigemptyset(&action.sa_mask);
-  if (real(control_signal, &action, &previous) != 0) return errno;
-  SetAction(&previous, nullptr);
-  installed.store(true);
-  BlockControlSignal(false);
-  return 0;
-}
-
-bool ControlSignalIsOurs() {
-  return installed.load(std::memory_order_relaxed);
+  return InstallHandler(OnControlSignal);
 }
 
 }  // namespace host

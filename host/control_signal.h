@@ -9,8 +9,7 @@
 namespace host {
 
 /// Installs the loader's handler and unblocks the signal in the calling thread. Returns 0 or an
-/// errno value. For the loader's constructor. Later calls of ControlSignalIsOurs return true.
+/// errno value. For the loader's constructor and for an attach.
 int InstallControlSignal();
-bool ControlSignalIsOurs();
 
 }  // namespace host

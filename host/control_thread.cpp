@@ -15,9 +15,11 @@
 #include <atomic>
 
 #include "host/allocator_table.h"
+#include "host/carry_out.h"
 #include "host/clock.h"
 #include "host/command_queue.h"
-#include "host/print_error.h"
+#include "host/fork_page.h"
+#include "host/form.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
 #include "host/state.h"
@@ -44,13 +46,15 @@ constexpr size_t kStackBytes[] = {size_t{256} << 10, size_t{8} << 20, size_t{64}
 
 // Held to start or stop the thread or to wait for a command. A thread that forks holds it until
 // both processes exist.
-pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
+MEMLEAK_FORK_PAGE pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
 // Guarded by change_lock: the thread, whether it can be joined, and whether none may start.
 pthread_t thread;
 bool thread_started = false;
 bool closed = false;
 // Whether the fork that holds change_lock has stopped the thread.
-bool stopped_here = false;
+MEMLEAK_FORK_PAGE bool stopped_here = false;
+// Whether there was no command yet, in a child since its fork. Then a fork has nothing to stop.
+MEMLEAK_FORK_PAGE std::atomic<bool> at_rest{true};
 
 // Written by the thread itself: its id, 0 before it runs.
 std::atomic<int> thread_id{0};
@@ -60,13 +64,12 @@ std::atomic<int> stop{kRun};
 uint32_t own_ticket = 0;
 std::atomic<uint32_t> own_done{0};
 
-std::atomic<bool> report_waits{false};
 // 1 once a new thread has carried out the commands that can be carried out.
 std::atomic<uint32_t> settled{0};
 
 // The thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
 // proceeded without the lock.
-std::atomic<pthread_t> forking_thread{0};
+MEMLEAK_FORK_PAGE std::atomic<pthread_t> forking_thread{0};
 int fork_patience_ms = 0;  // set before the fork handlers are registered
 
 int ThreadId() {
@@ -117,27 +120,23 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-void CarryOut() {
-  Taken taken = TakeCommand();
-  Deliver(taken.command);
-  report_waits.store(false);
-  RememberCommand(taken.command);
-  Acknowledge(taken, 0);
-  if (taken.ticket != 0) {
-    own_done.store(taken.ticket);
-    Wake(own_done);
+/// Ends the control thread after the loader has detached. Another thread may be stopping it. The
+/// state still says that the thread runs: a controller that finds no thread would send the control
+/// signal, which is the program's now and may end it.
+void End(const Taken& detach) {
+  for (int wanted = kStopWanted; !stop.compare_exchange_strong(wanted, kStopped);
+       wanted = kStopWanted) {
+    if (pthread_mutex_trylock(&change_lock) == 0) {
+      thread_started = false;
+      thread_id.store(0);
+      pthread_detach(pthread_self());
+      pthread_mutex_unlock(&change_lock);
+      break;
+    }
+    SleepMs(1);
   }
-  if (const uint32_t count = TakeDropped(); count != 0) {
-    PrintError("%u commands were dropped: they arrived faster than they are carried out", count);
-  }
-}
-
-/// Whether the command asks for a report while another report is being written. The tracker would
-/// start a thread for each at once.
-bool MustWait(const Command& command) {
-  const bool waits = (command.word & protocol::kReportBits) != 0 && ReportRuns();
-  if (waits) report_waits.store(true);
-  return waits;
+  Acknowledge(detach, 0);
+  RefusePosted(ESRCH);
 }
 
 void* ControlThread(void*) {
@@ -153,19 +152,17 @@ void* ControlThread(void*) {
     Command command;
     const bool waits = FirstCommand(command);
     if (waits && !MustWait(command)) {
-      CarryOut();
-      continue;
+      const CarriedOut done = CarryOutFirst();
+      if (done.ticket != 0) {
+        own_done.store(done.ticket);
+        Wake(own_done);
+      }
+      if (!done.detached) continue;
+      End(done.taken);
+      return nullptr;
     }
     if (settled.exchange(1) == 0) Wake(settled);
     WaitWhile(state.bell, bell, waits ? kPollMs : -1);
-  }
-}
-
-/// Makes the next allocation start the thread. Safe in signal handlers.
-void MarkPending() {
-  ThreadState none = ThreadState::kNone;
-  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
-    StartThreadAtNextCall();
   }
 }
 
@@ -237,7 +234,7 @@ bool StopUntil(const timespec& moment) {
   if (error != 0) return false;
   thread_started = false;
   WaitForRemoval(thread_id.exchange(0));
-  CurrentState().control_thread.store(ThreadState::kNone);
+  if (IsActive()) CurrentState().control_thread.store(ThreadState::kNone);
   return true;
 }
 
@@ -261,7 +258,7 @@ bool StopAll(int patience_ms) {
 
 /// Releases change_lock. Commands that wait have asked for a thread that was about to stop.
 void Unlock() {
-  if (!thread_started && !closed && CommandWaits()) MarkPending();
+  if (!thread_started && !closed && IsActive() && CommandWaits()) StartControlThreadLater();
   pthread_mutex_unlock(&change_lock);
 }
 
@@ -274,38 +271,44 @@ bool Records() {
 
 void BeforeFork() {
   // A child of vfork or of a raw clone has no thread to stop.
-  if (!OwnsState()) return;
+  if (!OwnsState() || !IsActive()) return;
   // A handler in the child before AfterForkInChild would lose its command.
   BlockControlSignal(true);
   if (StopAll(fork_patience_ms)) forking_thread.store(pthread_self());
 }
 
 void AfterForkInParent() {
-  if (forking_thread.load() == pthread_self()) {
+  const bool held = forking_thread.load() == pthread_self();
+  if (held) {
     forking_thread.store(0);
     // A recording parent may only wait for its children. Its reports must not wait for an
     // allocation.
     if (stopped_here && Records()) Start();
     Unlock();
   }
-  BlockControlSignal(false);
+  if (held || IsActive()) BlockControlSignal(false);
 }
 
 void AfterForkInChild() {
   forking_thread.store(0);
-  thread_started = false;
-  thread_id.store(0);
-  stop.store(kRun);
-  report_waits.store(false);
   ForgetCommands();  // the parent carries them out
-  pthread_mutex_init(&change_lock, nullptr);
-  ForkState();
-  RestoreAllocator();
+  const bool rested = at_rest.exchange(true);
+  change_lock = PTHREAD_MUTEX_INITIALIZER;
+  ForkState(rested);
+  if (!rested) {
+    thread_started = false;
+    thread_id.store(0);
+    stop.store(kRun);
+    ForgetReportCommand();
+  }
+  if (!IsActive()) return;
+  if (!rested) RestoreAllocator();
   BlockControlSignal(false);
 }
 
 /// RunCommand under change_lock.
 int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory) {
+  at_rest.store(false);
   const int64_t deadline = NowMs() + timeout_ms;
   if (closed) return ESRCH;
   if (const int error = Start(memory); error != 0) return error;
@@ -324,13 +327,30 @@ int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory)
 }  // namespace
 
 void RequestControlThread(bool may_start) {
+  at_rest.store(false);
   const bool runs = CurrentState().control_thread.load() == ThreadState::kRunning;
   // A running thread makes the file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
   if (runs || !CommandWaits()) return;
-  MarkPending();
+  StartControlThreadLater();
   if (may_start) TryStart();
+}
+
+int PrepareControlThread() {
+  const timespec moment = WallClock(kPatienceMs);
+  if (!Lock(moment)) return EBUSY;
+  const int error = closed ? ESRCH : StopUntil(moment) ? 0 : EBUSY;
+  pthread_mutex_unlock(&change_lock);
+  return error;
+}
+
+void StartControlThreadLater() {
+  at_rest.store(false);
+  ThreadState none = ThreadState::kNone;
+  if (CurrentState().control_thread.compare_exchange_strong(none, ThreadState::kPending)) {
+    StartThreadAtNextCall();
+  }
 }
 
 void StartPendingThread() {
@@ -369,8 +389,8 @@ bool CloseControlThread(int timeout_ms) {
   return closed;
 }
 
-bool ReportCommandWaits() {
-  return report_waits.load();
+bool IsAtRest() {
+  return at_rest.load();
 }
 
 int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory) {
@@ -384,6 +404,7 @@ int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory)
 void RunCommandHere(const Command& command) {
   // A signal during the command must not start a thread that carries out another one.
   pthread_mutex_lock(&change_lock);
+  at_rest.store(false);
   Deliver(command);
   RememberCommand(command);
   Unlock();

@@ -26,6 +26,15 @@ using protocol::Command;
 /// Safe in signal handlers. Any thread.
 void RequestControlThread(bool may_start);
 
+/// Makes sure that there is no thread. For an attach. Returns 0 or an errno value: ESRCH after
+/// CloseControlThread, EBUSY if a thread does not end.
+int PrepareControlThread();
+
+/// Makes the next allocation start the thread unless it runs. An attach calls it before there is a
+/// command, since the process may block the control signal or wait for it. Any thread, safe in
+/// signal handlers.
+void StartControlThreadLater();
+
 /// Starts the thread that RequestControlThread has asked for, and waits up to half a second until
 /// the commands are carried out: the caller's block is recorded if they switch recording on. Does
 /// nothing if another thread starts or stops it, or in a child of vfork; then the next allocation
@@ -56,13 +65,14 @@ class WithoutControlThread {
   bool held_ = false;
 };
 
+/// Whether there was no command yet; in a forked child, since the fork. Any thread, safe in signal
+/// handlers.
+bool IsAtRest();
+
 /// Ends the thread after its current command, if any, and starts none any more: later commands wait
 /// forever. Returns false if that takes longer than `timeout_ms`; then the thread continues.
 /// Returns false on the control thread itself.
 bool CloseControlThread(int timeout_ms);
-
-/// Whether a report command waits for another report to end. Any thread.
-bool ReportCommandWaits();
 
 /// Carries out `command` on the control thread, which it starts if necessary, after the commands
 /// that wait. Returns 0 when it is complete, or an errno value: that of starting the thread,

@@ -2,6 +2,7 @@
 // The report at exit: asks for it and waits for its end.
 #include "host/exit_report.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,7 +10,9 @@
 
 #include <atomic>
 
+#include "host/carry_out.h"
 #include "host/clock.h"
+#include "host/form.h"
 #include "host/print_error.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
@@ -69,6 +72,12 @@ void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait
   }
 }
 
+/// Whether the loader is inert, or there was no command, as in most forked children. Their end
+/// writes no page.
+bool NothingToDo() {
+  return !IsActive() || (exit_command.word == 0 && IsAtRest());
+}
+
 bool EndsNow() {
   const pid_t process = getpid();
   return OwnsState() && ended.exchange(process) != process;
@@ -77,6 +86,7 @@ bool EndsNow() {
 /// The last exit handler: it is registered first, and for no library, so that it runs after the
 /// destructors of all libraries. The tracker needs none of its own.
 void AtExit(void*) {
+  if (NothingToDo()) return;
   if (EndsNow()) {
     WaitForReports(kEarlierMs);
     Report(kWaitMs, kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
@@ -91,16 +101,18 @@ void AtExit(void*) {
 
 }  // namespace
 
-void PrepareExit(const Command& command, void (*finalize)()) {
+int PrepareExit(const Command& command, void (*finalize)()) {
   exit_command = command;
   finalize_tracker = finalize;
-  if (__cxa_atexit(AtExit, nullptr, nullptr) != 0 || at_quick_exit(EndAbruptly) != 0) {
-    PrintError("cannot register the exit handler; no report at exit");
+  static bool registered = false;
+  if (!registered) {
+    registered = __cxa_atexit(AtExit, nullptr, nullptr) == 0 && at_quick_exit(EndAbruptly) == 0;
   }
+  return registered ? 0 : ENOMEM;
 }
 
 void EndAbruptly() {
-  if (!EndsNow()) return;
+  if (NothingToDo() || !EndsNow()) return;
   WaitWhileReportRuns(kAbruptReportMs);
   Report(kAbruptMs, kAbruptReportMs, PassTracker::From::kArena, WaitWhileReportRuns);
 }

@@ -5,11 +5,8 @@
 // The constructor runs on the main thread when the dynamic linker has loaded the library
 // (LD_PRELOAD), before those of all other libraries (-z initfirst). The exit handler runs on the
 // thread that calls exit(), also in forked children. If anything fails, the program continues with
-// the next allocator.
-#include <dlfcn.h>
-#include <limits.h>
+// the next allocator. If the library is loaded later, the constructor does nothing: see attach.cpp.
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -18,83 +15,17 @@
 #include "host/control_signal.h"
 #include "host/control_thread.h"
 #include "host/exit_report.h"
+#include "host/form.h"
 #include "host/next_allocator.h"
 #include "host/print_error.h"
 #include "host/replaced_functions.h"
-#include "host/signal_actions.h"
 #include "host/state.h"
+#include "host/tracker.h"
 #include "platform/linux/environment.h"
 #include "protocol/protocol.h"
 
 namespace host {
 namespace {
-
-constexpr char kVersion[] = "LIBC_MALLOC_QUARLE";
-using Initialize = bool (*)(const MallocDispatch* next, bool* zygote_child, const char* options);
-using Finalize = void (*)();
-
-AllocatorTable tracked;
-Finalize track_finalize = nullptr;
-// No process on Linux is a child of a zygote. The tracker reads the flag as a 32-bit value.
-uint32_t zygote_child = 0;
-
-/// Writes the path of the tracker, in the directory of this library. Returns false if the directory
-/// cannot be found.
-bool TrackerPath(char (&path)[PATH_MAX]) {
-  Dl_info self;
-  if (dladdr(&tracked, &self) == 0 || self.dli_fname == nullptr) return false;
-  const char* slash = strrchr(self.dli_fname, '/');
-  const int directory = slash != nullptr ? static_cast<int>(slash - self.dli_fname) : 1;
-  const int length = snprintf(path, sizeof path, "%.*s/%s", directory,
-                              slash != nullptr ? self.dli_fname : ".", protocol::kTrackerLibrary);
-  return length > 0 && static_cast<size_t>(length) < sizeof path;
-}
-
-/// Returns the tracker's entry "track_`name`"; null, with one line on stderr, if there is none.
-void* TrackerEntry(void* tracker, const char* name) {
-  char entry[64];
-  snprintf(entry, sizeof entry, "track_%s", name);
-  void* function = dlvsym(tracker, entry, kVersion);
-  if (function == nullptr) {
-    PrintError("%s has no %s@%s; running without tracking", protocol::kTrackerLibrary, entry,
-               kVersion);
-  }
-  return function;
-}
-
-/// Opens the tracker, fills `tracked` and calls track_initialize. Returns false, with one line on
-/// stderr, if any of these fails.
-bool StartTracker() {
-  char path[PATH_MAX];
-  if (!TrackerPath(path)) {
-    PrintError("cannot find the directory of %s; running without tracking",
-               protocol::kPreloadLibrary);
-    return false;
-  }
-  void* tracker = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-  if (tracker == nullptr) {
-    PrintError("cannot open %s: %s; running without tracking", path, dlerror());
-    return false;
-  }
-  for (const AllocatorEntry& entry : kAllocatorEntries) {
-    void* function = TrackerEntry(tracker, entry.name);
-    if (function == nullptr) return false;
-    SetEntry(tracked.calls, entry, function);
-  }
-  tracked.mallinfo2 = NextAllocator().mallinfo2;
-  const auto initialize = reinterpret_cast<Initialize>(TrackerEntry(tracker, "initialize"));
-  track_finalize = reinterpret_cast<Finalize>(TrackerEntry(tracker, "finalize"));
-  if (initialize == nullptr || track_finalize == nullptr) return false;
-  CaptureActions(true);
-  const bool initialized =
-      initialize(&NextAllocator().calls, reinterpret_cast<bool*>(&zygote_child), "");
-  CaptureActions(false);
-  if (!initialized) {
-    PrintError("%s could not be initialized; running without tracking", path);
-    return false;
-  }
-  return true;
-}
 
 /// Reads a number, hexadecimal with "0x" or decimal, from the environment into `value`. Returns
 /// false if the variable is unset or, with one line on stderr, is not a number up to `limit`.
@@ -117,7 +48,9 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
 void FollowEnvironment() {
   Command at_exit{0, 0};
   ReadNumber(protocol::kReportAtExitVariable, UINT64_MAX, at_exit.word);
-  PrepareExit(at_exit, track_finalize);
+  if (PrepareExit(at_exit, FinalizeTracker()) != 0) {
+    PrintError("cannot register the exit handler; no report at exit");
+  }
   Command start{0, 0};
   uint64_t parameter = 0;
   if (!ReadNumber(protocol::kStartVariable, UINT64_MAX, start.word)) return;
@@ -127,17 +60,23 @@ void FollowEnvironment() {
 }
 
 __attribute__((constructor)) void Load(int argument_count, char** arguments, char** environment) {
+  if (!LoadedBeforeCLibrary()) {
+    SetForm(Form::kDetached);
+    return;
+  }
   InitializeCLibrary(argument_count, arguments, environment);
   platform::CaptureEnvironment();
   FindNextAllocator();
-  FindSignalFunctions();
-  FindPrivilegeFunctions();
-  FindExitFunctions();
+  FindReplacedFunctions();
   // Before the tracker installs its handler.
   int error = InstallControlSignal();
-  if (!StartTracker()) return;
-  InitializeState(argument_count, arguments);
-  UseAllocator(tracked);
+  Reason reason;
+  if (!StartTracker(reason)) {
+    PrintError("%s; running without tracking", reason.text);
+    return;
+  }
+  InitializeState();
+  UseAllocator(TrackedAllocator());
   MakeStateFile();
   if (error == 0) error = KeepCommandsAcrossForks();
   if (error != 0) PrintError("no command will be carried out: %s", strerror(error));

@@ -2,7 +2,6 @@
 // Looks up the next allocator, and handles calls until it is known.
 #include "host/next_allocator.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <string.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <atomic>
 
 #include "host/bootstrap_arena.h"
+#include "host/next_function.h"
 
 namespace host {
 namespace {
@@ -39,7 +39,7 @@ struct mallinfo2 NoMallinfo2() {
 void Search() {
   for (const AllocatorEntry& entry : kAllocatorEntries) {
     if (!entry.in_c_library) continue;
-    void* function = dlsym(RTLD_NEXT, entry.name);
+    void* function = NextDefinition(entry.name);
     if (function == nullptr) NoAllocator();
     SetEntry(next.calls, entry, function);
   }
@@ -47,7 +47,7 @@ void Search() {
   next.calls.malloc_disable = NoSwitch;
   next.calls.malloc_enable = NoSwitch;
   // Newer than the rest: glibc 2.33.
-  void* function = dlsym(RTLD_NEXT, "mallinfo2");
+  void* function = NextDefinition("mallinfo2");
   next.mallinfo2 = NoMallinfo2;
   if (function != nullptr) memcpy(&next.mallinfo2, &function, sizeof function);
 }

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The definition of a function that follows the loader's own in the program's search order.
+// The definition of a function that the program would use without the loader.
 #pragma once
-
-#include <dlfcn.h>
 
 #include <atomic>
 
 namespace host {
+
+/// Returns the definition of a function to which the loader's own forwards, null if there is none.
+/// After the loader in the search order if it was preloaded, else the program's. Takes the dynamic
+/// linker's lock.
+void* NextDefinition(const char* name);
 
 template <typename Signature>
 class NextFunction;
@@ -24,7 +27,7 @@ class NextFunction<Result(Arguments...)> {
   Pointer Find() {
     Pointer found = found_.load(std::memory_order_relaxed);
     if (found == nullptr) {
-      found = reinterpret_cast<Pointer>(dlsym(RTLD_NEXT, name_));
+      found = reinterpret_cast<Pointer>(NextDefinition(name_));
       found_.store(found, std::memory_order_relaxed);
     }
     return found;

@@ -3,8 +3,9 @@
 //
 // Those of libstdc++ call malloc and free, which the loader routes: the call goes on to them. An
 // allocator that replaces malloc usually brings its own operator new, which calls no malloc. Then
-// the block comes from the active table. If that has no memory, the allocator's own operator new
-// calls the new-handler or throws.
+// the block comes from the active table. So does every block of a C program that loads its C++
+// libraries later, each perhaps with a run-time library of its own: new and delete agree. If the
+// active table has no memory, the run-time's own operator new calls the new-handler or throws.
 //
 // Compiled as routing.cpp, for tail calls: the recorded stack begins with the same frames as
 // without this file.
@@ -16,6 +17,8 @@
 
 #include "host/allocator_table.h"
 #include "host/next_allocator.h"
+#include "host/next_function.h"
+#include "host/replaced_functions.h"
 
 #define MEMLEAK_EXPORT __attribute__((visibility("default")))
 
@@ -28,55 +31,44 @@ const void* ObjectOf(const void* function) {
 }
 
 /// Returns the definition of `name` that code at `caller` would use without the loader, or null.
-void* FindOperator(const char* name, const void* caller) {
-  if (void* const next = dlsym(RTLD_NEXT, name)) return next;
-  // A C program may have loaded a C++ library, with its run-time library, for itself alone.
+/// Takes the dynamic linker's lock.
+void* FindForCaller(const char* name, const void* caller) {
+  if (void* const next = NextDefinition(name)) return next;
   Dl_info info;
   if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr) return nullptr;
   void* const library = dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_LAZY);
   if (library == nullptr) return nullptr;
   void* const found = dlsym(library, name);
-  // The definition must stay. dlclose releases only the handle.
-  if (found != nullptr && dladdr(found, &info) != 0) {
-    dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_LAZY | RTLD_NODELETE);
-  }
-  dlclose(library);
+  dlclose(library);  // the caller keeps it loaded
   return found;
 }
 
-template <typename Signature>
-class Operator {
+/// One form of operator new or delete.
+class OperatorBase {
  public:
-  explicit constexpr Operator(const char* name) : name_(name) {}
+  explicit constexpr OperatorBase(const char* name) : name_(name) {}
 
-  /// Returns the function to go on to; null: use the active table.
-  Signature* Target(const void* caller) {
-    Signature* const target = target_.load(std::memory_order_acquire);
-    return __builtin_expect(static_cast<long>(target != nullptr || known_), 1L) != 0
-               ? target
-               : Search(caller);
-  }
-
-  /// The next definition, null if there is none.
-  Signature* Next() const { return next_.load(); }
+  const char* name() const { return name_; }
+  void* target() const { return target_.load(std::memory_order_relaxed); }
+  void set_target(void* target) { target_.store(target, std::memory_order_relaxed); }
 
  private:
-  __attribute__((noinline)) Signature* Search(const void* caller) {
-    if (!FindNextAllocator()) return nullptr;
-    auto* const found = reinterpret_cast<Signature*>(FindOperator(name_, caller));
-    if (found == nullptr) return nullptr;
-    const void* const allocator =
-        ObjectOf(reinterpret_cast<const void*>(NextAllocator().calls.malloc));
-    next_.store(found);
-    if (ObjectOf(reinterpret_cast<const void*>(found)) != allocator) target_.store(found);
-    known_.store(true, std::memory_order_release);
-    return target_.load();
-  }
-
   const char* const name_;
-  std::atomic<Signature*> target_{nullptr};
-  std::atomic<Signature*> next_{nullptr};
-  std::atomic<bool> known_{false};
+  // The function to go on to; null: use the active table.
+  std::atomic<void*> target_{nullptr};
+};
+
+template <typename Signature>
+class Operator : public OperatorBase {
+ public:
+  using OperatorBase::OperatorBase;
+
+  Signature* Target() const { return reinterpret_cast<Signature*>(target()); }
+
+  /// The definition that calls the new-handler or throws; null if there is no run-time library.
+  __attribute__((noinline)) Signature* WithoutMemory(const void* caller) const {
+    return reinterpret_cast<Signature*>(FindForCaller(name(), caller));
+  }
 };
 
 using New = void*(size_t);
@@ -125,15 +117,16 @@ size_t AlignmentIn(std::align_val_t alignment, const Rest&... /*rest*/) {
 
 /// The body of each operator new. Only the forms without std::nothrow throw.
 template <typename Signature, typename... Arguments>
-__attribute__((always_inline)) inline void* Allocate(Operator<Signature>& op, bool throws,
+__attribute__((always_inline)) inline void* Allocate(const Operator<Signature>& op, bool throws,
                                                      size_t size, Arguments&&... arguments) {
-  if (auto* const target = op.Target(__builtin_return_address(0)))
-    return target(size, arguments...);
+  if (auto* const target = op.Target()) return target(size, arguments...);
   const size_t alignment = AlignmentIn(arguments...);
   const MallocDispatch& calls = ActiveAllocator().calls;
   void* const block = alignment == 0 ? calls.malloc(size) : calls.memalign(alignment, size);
-  if (block != nullptr) return block;
-  if (auto* const next = op.Next()) return next(size, arguments...);
+  if (__builtin_expect(static_cast<long>(block != nullptr), 1L) != 0) return block;
+  if (auto* const next = op.WithoutMemory(__builtin_return_address(0))) {
+    return next(size, arguments...);
+  }
   // There is no C++ run-time library that could throw.
   if (throws) abort();
   return nullptr;
@@ -141,15 +134,45 @@ __attribute__((always_inline)) inline void* Allocate(Operator<Signature>& op, bo
 
 /// The body of each operator delete.
 template <typename Signature, typename... Arguments>
-__attribute__((always_inline)) inline void Release(Operator<Signature>& op, void* block,
+__attribute__((always_inline)) inline void Release(const Operator<Signature>& op, void* block,
                                                    Arguments&&... arguments) {
-  if (auto* const target = op.Target(__builtin_return_address(0))) {
-    return target(block, arguments...);
-  }
+  if (auto* const target = op.Target()) return target(block, arguments...);
   ActiveAllocator().calls.free(block);
 }
 
+OperatorBase* const kOperators[] = {
+    &new_one,
+    &new_array,
+    &new_one_nothrow,
+    &new_array_nothrow,
+    &new_one_aligned,
+    &new_array_aligned,
+    &new_one_aligned_nothrow,
+    &new_array_aligned_nothrow,
+    &delete_one,
+    &delete_array,
+    &delete_one_sized,
+    &delete_array_sized,
+    &delete_one_aligned,
+    &delete_array_aligned,
+    &delete_one_sized_aligned,
+    &delete_array_sized_aligned,
+    &delete_one_nothrow,
+    &delete_array_nothrow,
+    &delete_one_aligned_nothrow,
+    &delete_array_aligned_nothrow,
+};
+
 }  // namespace
+
+void FindOperators() {
+  void* const first = NextDefinition(new_one.name());
+  const void* const allocator =
+      ObjectOf(reinterpret_cast<const void*>(NextAllocator().calls.malloc));
+  if (first == nullptr || ObjectOf(first) == allocator) return;
+  for (OperatorBase* const op : kOperators) op->set_target(NextDefinition(op->name()));
+}
+
 }  // namespace host
 
 MEMLEAK_EXPORT void* operator new(size_t size) {

@@ -5,9 +5,17 @@
 namespace host {
 
 /// Look up the functions that the loader's replacements call, so that these work in signal handlers
-/// and in children of vfork. For the loader's constructor.
+/// and in children of vfork. For the loader's constructor and for an attach.
 void FindSignalFunctions();
 void FindPrivilegeFunctions();
 void FindExitFunctions();
+/// After the next allocator is known (next_allocator.h).
+void FindOperators();
+inline void FindReplacedFunctions() {
+  FindOperators();
+  FindSignalFunctions();
+  FindPrivilegeFunctions();
+  FindExitFunctions();
+}
 
 }  // namespace host

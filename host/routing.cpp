@@ -22,24 +22,30 @@
 namespace host {
 namespace {
 
-std::atomic<const AllocatorTable*> active_table{&kBootstrapTable};
-// The latest table of UseAllocator, for the arena-aware functions.
-std::atomic<const AllocatorTable*> plain_table{nullptr};
-// The table without and with the start of the control thread.
+/// The tables for one table of UseAllocator.
+struct Route {
+  const AllocatorTable* plain;  // null: not filled
+  AllocatorTable aware;         // handles blocks of the bootstrap arena
+  AllocatorTable arena;         // as `aware`, and allocates in the arena
+  AllocatorTable starting;      // starts the control thread first
+};
+
+// Never changed once filled: other threads may read them at any time.
+Route routes[2];
+// The latest route of UseAllocator, its usual table, and the table in use.
+std::atomic<const Route*> route{nullptr};
 std::atomic<const AllocatorTable*> usual_table{nullptr};
-AllocatorTable starting_table;
+std::atomic<const AllocatorTable*> active_table{&kBootstrapTable};
 // The thread with a PassTracker, 0 for none, and the table of its calls.
 std::atomic<pthread_t> passing_thread{0};
 std::atomic<const AllocatorTable*> passing_table{nullptr};
-AllocatorTable arena_table;
-const AllocatorTable* arena_aware_table = nullptr;
 
 // The acquire pairs with the release in UseAllocator.
 inline const AllocatorTable& Active() {
   return *active_table.load(std::memory_order_acquire);
 }
 inline const AllocatorTable& Plain() {
-  return *plain_table.load(std::memory_order_acquire);
+  return *route.load(std::memory_order_acquire)->plain;
 }
 inline const AllocatorTable& Usual() {
   return *usual_table.load(std::memory_order_acquire);
@@ -102,31 +108,34 @@ size_t ArenaAwareUsableSize(const void* pointer) {
   return Plain().calls.malloc_usable_size(pointer);
 }
 
-}  // namespace
-
-void UseAllocator(const AllocatorTable& plain) {
-  // One for each of the two calls: a thread may still read the first.
-  static AllocatorTable arena_aware[2];
-  static int calls = 0;
-  AllocatorTable& aware = arena_aware[calls++];
+void Fill(Route& empty, const AllocatorTable& plain) {
+  AllocatorTable& aware = empty.aware;
   aware = plain;
   aware.calls.free = ArenaAwareFree;
   aware.calls.realloc = ArenaAwareRealloc;
   aware.calls.malloc_usable_size = ArenaAwareUsableSize;
-  plain_table.store(&plain, std::memory_order_release);
-  arena_aware_table = &aware;
-  arena_table = aware;
-  arena_table.calls.malloc = ArenaMalloc;
-  arena_table.calls.calloc = ArenaCalloc;
-  arena_table.calls.memalign = ArenaAllocate;
-  const AllocatorTable* usual = ArenaUsed() ? &aware : &plain;
-  starting_table = aware;
-  starting_table.calls.malloc = StartAndMalloc;
-  starting_table.calls.calloc = StartAndCalloc;
-  starting_table.calls.realloc = StartAndRealloc;
-  starting_table.calls.memalign = StartAndMemalign;
-  starting_table.calls.aligned_alloc = StartAndAlignedAlloc;
-  starting_table.calls.posix_memalign = StartAndPosixMemalign;
+  empty.arena = aware;
+  empty.arena.calls.malloc = ArenaMalloc;
+  empty.arena.calls.calloc = ArenaCalloc;
+  empty.arena.calls.memalign = ArenaAllocate;
+  empty.starting = aware;
+  empty.starting.calls.malloc = StartAndMalloc;
+  empty.starting.calls.calloc = StartAndCalloc;
+  empty.starting.calls.realloc = StartAndRealloc;
+  empty.starting.calls.memalign = StartAndMemalign;
+  empty.starting.calls.aligned_alloc = StartAndAlignedAlloc;
+  empty.starting.calls.posix_memalign = StartAndPosixMemalign;
+  empty.plain = &plain;
+}
+
+}  // namespace
+
+void UseAllocator(const AllocatorTable& plain) {
+  Route* used = routes;
+  while (used->plain != nullptr && used->plain != &plain) ++used;
+  if (used->plain == nullptr) Fill(*used, plain);
+  const AllocatorTable* usual = ArenaUsed() ? &used->aware : &plain;
+  route.store(used, std::memory_order_release);
   usual_table.store(usual, std::memory_order_release);
   active_table.store(usual, std::memory_order_release);
 }
@@ -136,7 +145,7 @@ const AllocatorTable& ActiveAllocator() {
 }
 
 void StartThreadAtNextCall() {
-  active_table.store(&starting_table);
+  active_table.store(&route.load()->starting);
 }
 
 void RestoreAllocator() {
@@ -146,11 +155,11 @@ void RestoreAllocator() {
 PassTracker::PassTracker(From from) {
   if (from == From::kArena) {
     MarkArenaUsed();
-    usual_table.store(arena_aware_table);
+    usual_table.store(&route.load()->aware);
   }
-  passing_table.store(from == From::kArena ? &arena_table : &NextAllocator());
+  passing_table.store(from == From::kArena ? &route.load()->arena : &NextAllocator());
   passing_thread.store(pthread_self());
-  active_table.store(&starting_table);
+  active_table.store(&route.load()->starting);
 }
 
 PassTracker::~PassTracker() {

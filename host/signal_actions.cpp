@@ -2,12 +2,16 @@
 // Keeps the actions, and calls the tracker's.
 #include "host/signal_actions.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
+
+#include "host/clock.h"
+#include "host/next_function.h"
 
 namespace host {
 namespace {
@@ -18,6 +22,11 @@ using protocol::control_signal;
 std::atomic<pthread_t> capturing{0};
 struct sigaction tracker_action;
 struct sigaction program_action;
+constexpr int kLateSignalMs = 5;
+
+std::atomic<bool> installed{false};
+// The loader's own sigaction is the program's.
+NextFunction<int(int, const struct sigaction*, struct sigaction*)> real_sigaction{"sigaction"};
 
 }  // namespace
 
@@ -30,6 +39,35 @@ void SetAction(const struct sigaction* action, struct sigaction* previous) {
   const struct sigaction former = kept;
   if (action != nullptr) kept = *action;
   if (previous != nullptr) *previous = former;
+}
+
+int InstallHandler(void (*handler)(int, siginfo_t*, void*)) {
+  struct sigaction action = {};
+  struct sigaction previous = {};
+  action.sa_sigaction = handler;
+  action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  if (real_sigaction(control_signal, &action, &previous) != 0) return errno;
+  SetAction(&previous, nullptr);
+  installed.store(true);
+  BlockControlSignal(false);
+  return 0;
+}
+
+bool ControlSignalIsOurs() {
+  return installed.load(std::memory_order_relaxed);
+}
+
+void UninstallHandler() {
+  struct sigaction action = {};
+  action.sa_handler = SIG_IGN;
+  // The default action would end the process. The kernel drops signals that wait when they are
+  // ignored. A controller that has found no control thread may be about to send one.
+  real_sigaction(control_signal, &action, nullptr);
+  SleepMs(kLateSignalMs);
+  SetAction(nullptr, &action);
+  installed.store(false);
+  real_sigaction(control_signal, &action, nullptr);
 }
 
 void Deliver(const protocol::Command& command) {

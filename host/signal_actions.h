@@ -16,6 +16,14 @@ void CaptureActions(bool capture);
 /// unless that is null. Any thread.
 void SetAction(const struct sigaction* action, struct sigaction* previous);
 
+/// Installs `handler` for the control signal, keeps the program's action, and unblocks the signal
+/// in the calling thread. Returns 0 or an errno value.
+int InstallHandler(void (*handler)(int, siginfo_t*, void*));
+/// Whether there is a handler. Any thread, safe in signal handlers.
+bool ControlSignalIsOurs();
+/// Restores the program's action, after InstallHandler. Signals that wait are dropped.
+void UninstallHandler();
+
 /// Calls the tracker's handler with `command`, as the kernel would. For the control thread, and for
 /// the constructor.
 void Deliver(const protocol::Command& command);

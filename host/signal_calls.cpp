@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 
-#include "host/control_signal.h"
 #include "host/next_function.h"
 #include "host/replaced_functions.h"
 #include "host/signal_actions.h"

@@ -20,6 +20,8 @@
 #include <unistd.h>
 
 #include "host/clock.h"
+#include "host/fork_page.h"
+#include "host/form.h"
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
 
@@ -32,7 +34,7 @@ State private_state;
 // The mapping of the latest file of this process or of an ancestor, null for none.
 std::atomic<State*> mapped_state{nullptr};
 // The process that owns the state, and the one that has made the mapped file.
-std::atomic<pid_t> owner{0};
+MEMLEAK_FORK_PAGE std::atomic<pid_t> owner{0};
 std::atomic<pid_t> file_owner{0};
 std::atomic_flag making = ATOMIC_FLAG_INIT;
 // Static: signal handlers may run on a small stack. Guarded by `making`.
@@ -46,7 +48,16 @@ uint64_t PidNamespace() {
 
 // protocol::kStateVariable.
 extern "C" MEMLEAK_EXPORT std::atomic<State*> memleak_state;
-std::atomic<State*> memleak_state{&private_state};
+MEMLEAK_FORK_PAGE std::atomic<State*> memleak_state{&private_state};
+// protocol::kPathsVariable.
+extern "C" MEMLEAK_EXPORT std::atomic<const protocol::Paths*> memleak_paths;
+std::atomic<const protocol::Paths*> memleak_paths{&platform::CapturedPaths()};
+
+// protocol::kSwitchOff.
+extern "C" MEMLEAK_EXPORT std::atomic<void (*)()> memleak_switch_off;
+std::atomic<void (*)()> memleak_switch_off{nullptr};
+
+std::atomic<Form> form{Form::kPreloaded};
 
 /// Copies the captured path of `variable` to `path`, "%p" replaced and absolute. Empty if it is
 /// unset or too long.
@@ -104,11 +115,11 @@ bool RemoveStale(int directory, const char* name) {
   return removed;
 }
 
-/// Creates the file and writes its path to `file_path`. Returns a descriptor, or -1.
-int CreateFile() {
+/// Creates the file and writes its path to `file_path`. Returns a descriptor; on failure -1, with
+/// `refusal`.
+int CreateFile(protocol::Refusal& refusal) {
   const size_t length = platform::RootedPath(protocol::kStatePath, file_path);
   const size_t root_bytes = length - strlen(protocol::kStatePath);
-  protocol::Refusal refusal;
   const int directory =
       protocol::OpenDirectoryOf(file_path, root_bytes, protocol::Missing::kMake, refusal);
   if (directory < 0) return -1;
@@ -143,17 +154,24 @@ bool Write(int file, const State& state) {
   return true;
 }
 
-/// Writes the private state to a new file and maps it. Returns null if that fails.
-State* MapNewFile() {
+/// Writes the private state to a new file and maps it, in place of the former one, which other
+/// threads may still read. Returns null, with `refusal`, if that fails.
+State* MapNewFile(protocol::Refusal& refusal) {
   // A write beyond the limit would raise SIGXFSZ.
   rlimit limit;
-  if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < sizeof(State)) return nullptr;
-  const int file = CreateFile();
+  if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < sizeof(State)) {
+    refusal = {0, EFBIG, nullptr};
+    return nullptr;
+  }
+  const int file = CreateFile(refusal);
   if (file < 0) return nullptr;
   void* mapped = MAP_FAILED;
   if (Write(file, private_state)) {
-    mapped = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    State* const former = mapped_state.load();
+    mapped = mmap(former, sizeof(State), PROT_READ | PROT_WRITE,
+                  MAP_SHARED | (former != nullptr ? MAP_FIXED : 0), file, 0);
   }
+  refusal = {0, errno, nullptr};
   platform::RawClose(file);
   if (mapped != MAP_FAILED) return static_cast<State*>(mapped);
   unlink(file_path);
@@ -200,13 +218,29 @@ State& CurrentState() {
   return *memleak_state.load(std::memory_order_acquire);
 }
 
+void (*SwitchOffFunction())() {
+  return memleak_switch_off.load();
+}
+
+Form CurrentForm() {
+  return form.load(std::memory_order_relaxed);
+}
+
+void SetForm(Form changed) {
+  form.store(changed);
+  CurrentState().form.store(changed);
+}
+
 bool OwnsState() {
   return owner.load() == getpid();
 }
 
-void InitializeState(int argument_count, char** arguments) {
+void InitializeState() {
   State& state = private_state;
+  memset(static_cast<void*>(&state), 0, sizeof state);
   owner = getpid();
+  file_owner = 0;
+  state.form = form.load();
   state.layout = protocol::kStateLayout;
   state.bytes = sizeof(State);
   snprintf(state.version, sizeof state.version, "%s", MEMLEAK_VERSION);
@@ -214,46 +248,47 @@ void InitializeState(int argument_count, char** arguments) {
   // The result is cut to fit and has no NUL.
   [[maybe_unused]] const ssize_t length =
       readlink("/proc/self/exe", state.program, sizeof state.program - 1);
-  uint32_t& used = state.argument_bytes;
-  for (int i = 0; i < argument_count && used < sizeof state.arguments - 1; ++i) {
-    const size_t bytes = strnlen(arguments[i], sizeof state.arguments - 1 - used);
-    memcpy(state.arguments + used, arguments[i], bytes);
-    used += static_cast<uint32_t>(bytes) + 1;
+  const int file = platform::RawOpen("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
+  if (file < 0) return;
+  const ssize_t bytes = platform::RawRead(file, state.arguments, sizeof state.arguments - 1);
+  platform::RawClose(file);
+  // One that was cut has no NUL.
+  if (bytes > 0) {
+    state.argument_bytes = static_cast<uint32_t>(bytes) + (state.arguments[bytes - 1] != '\0');
   }
 }
 
-void MakeStateFile() {
-  if (file_owner.load() == getpid() ||
-      platform::CapturedValue(platform::Variable::kRoot) == nullptr)
-    return;
-  if (making.test_and_set()) return;
+bool MakeStateFile(protocol::Refusal* refusal) {
+  if (file_owner.load() == getpid()) return true;
+  if (platform::CapturedValue(platform::Variable::kRoot) == nullptr || making.test_and_set()) {
+    return false;
+  }
   private_state.pid = getpid();
   private_state.pid_namespace = PidNamespace();
   CopyPath(platform::Variable::kLog, private_state.log);
   CopyPath(platform::Variable::kProperties, private_state.shared_properties);
-  if (State* const fresh = MapNewFile()) {
+  protocol::Refusal ignored;
+  State* const fresh = MapNewFile(refusal != nullptr ? *refusal : ignored);
+  if (fresh != nullptr) {
     fresh->magic.store(protocol::kStateMagic);
     file_owner = getpid();
     memleak_state.store(fresh, std::memory_order_release);
-    State* const inherited = mapped_state.exchange(fresh);
-    if (inherited != nullptr) munmap(inherited, sizeof(State));
+    mapped_state.store(fresh);
   }
   making.clear();
+  return fresh != nullptr;
 }
 
-void ForkState() {
-  making.clear();
+void ForkState(bool rested) {
   owner = getpid();
-  State& former = CurrentState();
-  if (&former != &private_state) {
-    CopyRecording(former);
-    memleak_state.store(&private_state, std::memory_order_release);
-  }
-  if (private_state.carried_out != 0 || private_state.received != 0) ClearCounters(private_state);
-  // Writes only what differs: in a child, each first write copies a page.
-  if (private_state.control_thread != protocol::ControlThread::kNone) {
-    private_state.control_thread = protocol::ControlThread::kNone;
-  }
+  const State& former = CurrentState();
+  memleak_state.store(&private_state, std::memory_order_release);
+  if (rested) return;
+  making.clear();
+  if (&former != &private_state) CopyRecording(former);
+  ClearCounters(private_state);
+  private_state.form = form.load();
+  private_state.control_thread = protocol::ControlThread::kNone;
 }
 
 void RememberCommand(const protocol::Command& command) {

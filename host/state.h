@@ -6,6 +6,7 @@
 // handlers.
 #pragma once
 
+#include "protocol/private_files.h"
 #include "protocol/state.h"
 
 namespace host {
@@ -19,19 +20,25 @@ State& CurrentState();
 /// which runs in its parent's memory, and in a child of fork before ForkState.
 bool OwnsState();
 
-/// Describes the process: program, arguments, version, start. For the loader's constructor.
-void InitializeState(int argument_count, char** arguments);
+/// Starts a new state in private memory that describes the process: program, arguments, version,
+/// start. The current state stays in use until MakeStateFile. For the loader's constructor and for
+/// an attach.
+void InitializeState();
 
 /// Makes the file "<root>/state", or "<root>/state.PID" if another living process has that
 /// (".PID.NAMESPACE" if a process of another PID namespace has both), and moves the state to it.
 /// Does nothing if the process has its file, has no root directory, or is already making the file.
-/// If the file cannot be made, the state stays private, and the next call tries again. The caller
-/// makes sure that meanwhile nobody writes the state: no control thread and no report runs.
-void MakeStateFile();
+/// If the file cannot be made, the state stays private, and the next call tries again; `refusal`
+/// then tells why, unless it is null. The caller makes sure that meanwhile nobody writes the state:
+/// no control thread and no report runs. Returns whether the process has its file.
+bool MakeStateFile(protocol::Refusal* refusal = nullptr);
 
 /// In a forked child, on its only thread: leaves the parent's file. The child starts with what its
-/// parent records, and with no commands.
-void ForkState();
+/// parent records, and with no commands. `rested`: the parent had no command (IsAtRest).
+void ForkState(bool rested);
+
+/// The tracker's function for protocol::kSwitchOff, null if there is none. Any thread.
+void (*SwitchOffFunction())();
 
 /// Adds `command`, which was carried out, to the state's history. One caller at a time.
 void RememberCommand(const protocol::Command& command);

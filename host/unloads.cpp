@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "host/next_function.h"
 #include "protocol/protocol.h"
 
 #define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
@@ -18,19 +19,13 @@ MEMLEAK_EXPORT std::atomic<protocol::UnloadObserver> memleak_unload_observer;
 std::atomic<protocol::UnloadObserver> memleak_unload_observer{nullptr};
 
 MEMLEAK_EXPORT int dlclose(void* library) {
-  using Close = int (*)(void*);
-  static std::atomic<Close> next{nullptr};
-  Close close = next.load(std::memory_order_relaxed);
-  if (close == nullptr) {
-    close = reinterpret_cast<Close>(dlsym(RTLD_NEXT, "dlclose"));
-    next.store(close, std::memory_order_relaxed);
-  }
+  static host::NextFunction<int(void*)> next{"dlclose"};
   const protocol::UnloadObserver observer = memleak_unload_observer.load(std::memory_order_acquire);
   if (observer != nullptr) observer(/*closed=*/false);
   // In between, destructors of the library run, and another thread may load a library to the same
   // address.
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
-  const int result = close(library);
+  const int result = next(library);
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
   if (observer != nullptr) observer(/*closed=*/true);
   return result;

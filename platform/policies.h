@@ -19,6 +19,14 @@ namespace platform {
 /// Called in the child, on its only thread. Async-signal-safe.
 bool ForkedChildFreesLocks();
 
+/// Returns whether a command may be carried out while a thread forks.
+///
+/// Android: true; the control signal interrupts any thread. Linux: false; the loader holds commands
+/// back.
+///
+/// Any thread. Async-signal-safe.
+bool CommandsRunDuringFork();
+
 /// Returns the PROT_ bits to give a library's page back after a word in it was written.
 /// `page` is page-aligned and `bytes` long, and still has its old protection.
 ///

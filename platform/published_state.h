@@ -16,8 +16,9 @@ enum class Recording : std::uint32_t;
 
 namespace platform {
 
-/// Finds the state. From track_initialize; takes the dynamic linker's lock.
-void FindPublishedState();
+/// Finds the loader's variables. From track_initialize; takes the dynamic linker's lock.
+/// `switch_off` does what protocol::kSwitchOff describes.
+void FindLoader(void (*switch_off)());
 
 /// The kind is switched, or its records are dropped. The hooked kinds share their switches: a
 /// command to one that is not "on" applies to all that are recorded.

@@ -154,6 +154,21 @@ inline constexpr char kUnloadCounter[] = "memleak_unload_counter";
 inline constexpr char kUnloadObserver[] = "memleak_unload_observer";
 using UnloadObserver = void (*)(bool closed);
 
+/// Name of the loader's variable (std::atomic<void (*)()>) that the tracker sets. The loader calls
+/// the function when it detaches, on the thread that carries out commands: all recording is off, no
+/// function is hooked and the records are dropped when it returns.
+inline constexpr char kSwitchOff[] = "memleak_switch_off";
+/// Name of the loader's variable (std::atomic<const Paths*>) with the values that the tracker uses
+/// instead of its environment. Without a loader there is no such variable.
+inline constexpr char kPathsVariable[] = "memleak_paths";
+/// The values of kRootVariable, kLogVariable and kPropertiesVariable. Empty: unset. A size exceeds
+/// the kernel's PATH_MAX (4096), so a path that was cut to fit is still too long and opening it
+/// fails with ENAMETOOLONG.
+inline constexpr std::size_t kPathBytes = 4352;
+struct Paths {
+  char values[3][kPathBytes];
+};
+
 /// First line of a profile, without its newline.
 inline constexpr char kProfileMark[] = "memleak profile 1";
 /// Lower bounds of the ages, in seconds, that a stack of a profile counts separately.

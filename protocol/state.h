@@ -29,7 +29,7 @@ inline constexpr char kStatePath[] = "/state";
 /// The bytes "MEMLEAKS". Stored last, when the rest of the file is valid.
 inline constexpr std::uint64_t kStateMagic = 0x534b41454c4d454d;
 /// Changes with the layout of State.
-inline constexpr std::uint32_t kStateLayout = 1;
+inline constexpr std::uint32_t kStateLayout = 2;
 
 /// Posted commands that the process has not carried out yet: at most this many.
 inline constexpr std::uint64_t kMaxPosted = 16;
@@ -55,7 +55,23 @@ struct KindState {
   std::atomic<std::int64_t> since_ns;
 };
 
+/// How the loader came into the process.
+enum class Form : std::uint32_t {
+  kPreloaded,
+  kAttached,
+  kDetached,  ///< was attached; all slots are restored and no command is carried out
+};
+
+/// Who carries out a posted command.
+enum class Recipient : std::uint32_t {
+  kTracker,
+  /// The loader detaches: switches recording off, restores the slots and ends the control thread.
+  /// `word` and `parameter` are 0. EPERM: the loader was preloaded.
+  kDetach,
+};
+
 struct PostedCommand {
+  std::atomic<Recipient> recipient;
   std::atomic<std::uint64_t> word;
   std::atomic<std::uint32_t> parameter;
   /// Valid once `done` counts the command: 0, or an errno value if the process could not carry it
@@ -105,6 +121,7 @@ struct State {
   PostedCommand posted[kMaxPosted];
   std::atomic<std::uint32_t> bell;
   std::atomic<ControlThread> control_thread;
+  std::atomic<Form> form;
 
   /// Commands received by signal, commands carried out from either source, and the latest of them.
   std::atomic<std::uint64_t> received;

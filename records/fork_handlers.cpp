@@ -77,5 +77,5 @@ void PointerData::PostForkChild() {
   // Another thread of the parent may have held a page's lock when it found that it must wait.
   RecordPages::FreeLocksInChild();
   record_store::backtraces.Unpin();
-  profile::StartInChild();
+  profile::FreeLocksInChild();
 }

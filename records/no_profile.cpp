@@ -10,7 +10,7 @@ void NoteClear() {}
 std::uint32_t CodeVersion() {
   return 0;
 }
-void StartInChild() {}
+void FreeLocksInChild() {}
 
 Snapshot::~Snapshot() = default;
 void Snapshot::Collect() {}

@@ -29,8 +29,8 @@ void NoteClear();
 /// Async-signal-safe; takes no lock.
 std::uint32_t CodeVersion();
 
-/// Frees the lock of the list of objects in a forked child, and notes the child's start.
-void StartInChild();
+/// Frees the lock of the list of objects in a forked child.
+void FreeLocksInChild();
 
 /// The live blocks at one moment. Used by the dump thread, under the initialise lock. Its memory
 /// comes from mmap.

@@ -32,6 +32,8 @@ int Main(const std::vector<std::string>& arguments) {
   Program program("memleak - find which call stacks of a running program hold its memory", kHelp,
                   false);
   AddRun(&program);
+  AddAttach(&program);
+  AddDetach(&program);
   AddOn(&program);
   AddPause(&program);
   AddReport(&program);

@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "platform/policies.h"
+
 DebugData* DebugData::GetInstance() {
   // Constant-initialized and never destroyed: threads may outlive main.
   static DebugData holder;
@@ -11,6 +13,7 @@ DebugData* DebugData::GetInstance() {
 }
 
 bool DebugData::Initialize(DebugData* holder) {
+  if (platform::CommandsRunDuringFork()) holder->NoteCommand();
   for (Place& place : holder->places_) {
     if (place.taken.exchange(true, std::memory_order_acq_rel)) continue;
     auto* fresh = new (place.storage) PointerData(holder);
@@ -38,14 +41,25 @@ void DebugData::Destroy(PointerData* old) {
   }
 }
 
+bool DebugData::IsAtRest() const {
+  return pointer() == nullptr || !used_.load();
+}
+
 void DebugData::PrepareFork() {
-  if (pointer() != nullptr) PointerData::PrepareFork();
+  if (IsAtRest()) return;
+  PointerData::PrepareFork();
+  forking_thread_.store(pthread_self());
 }
 
 void DebugData::PostForkParent() {
-  if (pointer() != nullptr) PointerData::PostForkParent();
+  if (forking_thread_.load() != pthread_self()) return;
+  forking_thread_.store(0);
+  PointerData::PostForkParent();
 }
 
 void DebugData::PostForkChild() {
-  if (pointer() != nullptr) PointerData::PostForkChild();
+  // A command that the fork did not wait for may have come after PrepareFork.
+  if (IsAtRest()) return;
+  forking_thread_.store(0);
+  PointerData::PostForkChild();
 }

@@ -5,6 +5,8 @@
 // the fork handlers on the forking thread.
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 
 #include "records/PointerData.h"
@@ -24,7 +26,12 @@ class DebugData {
   /// The current PointerData, null before Initialize. Any thread.
   PointerData* pointer() const { return pointer_.load(std::memory_order_acquire); }
 
-  /// The three fork handlers. Without a PointerData they do nothing.
+  /// Notes that a command is about to use the tables. Async-signal-safe.
+  void NoteCommand() { used_.store(true); }
+
+  /// The three fork handlers. Without a PointerData they do nothing. They also do nothing while no
+  /// command has used the tables, unless a command may run during the fork: each page that a child
+  /// writes to is copied.
   void PrepareFork();
   void PostForkParent();
   void PostForkChild();
@@ -39,7 +46,12 @@ class DebugData {
   };
 
   void Destroy(PointerData* old);
+  /// Whether no thread can be inside the tables.
+  bool IsAtRest() const;
 
   Place places_[8];
   std::atomic<PointerData*> pointer_{nullptr};
+  std::atomic<bool> used_{false};
+  /// The thread whose fork holds the tables, 0 for none.
+  std::atomic<pthread_t> forking_thread_{0};
 };

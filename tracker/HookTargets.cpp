@@ -61,6 +61,9 @@ Targets ReadTargets(const char* libraries, const char* functions) {
   return targets;
 }
 
+// Calls of hook_by_plt that hooked something and are not undone.
+int hook_rounds = 0;
+
 void LogFailure(const char* verb, const Target& target) {
   async_safe_format_log(ANDROID_LOG_ERROR, kLogTag, "plt %s %s error: %s", verb, target.key.c_str(),
                         std::strerror(errno));
@@ -119,6 +122,7 @@ bool hook_by_plt() {
       LogFailure("hook", target);
     }
   }
+  if (any) ++hook_rounds;
   return any;
 }
 
@@ -133,4 +137,9 @@ void unhook_by_plt() {
     }
   }
   is_plt_hook.store(false);
+  if (hook_rounds > 0) --hook_rounds;
+}
+
+void unhook_all_by_plt() {
+  while (hook_rounds > 0) unhook_by_plt();
 }

@@ -29,3 +29,6 @@ bool hook_by_plt();
 /// Unhooks each pair of the current lists that has a proxy, and clears `is_plt_hook`. Allocates
 /// nothing, so it works without memory.
 void unhook_by_plt();
+
+/// Calls unhook_by_plt once for each call of hook_by_plt that it has not undone.
+void unhook_all_by_plt();

@@ -204,7 +204,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
     return false;
   }
   lumora::plthooks::prepare_hook_stack();
-  platform::FindPublishedState();
+  platform::FindLoader(SwitchOff);
   SignalActionsInit();
   BacktraceStartup();
   profile::Prepare();

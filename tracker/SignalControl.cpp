@@ -168,11 +168,21 @@ void Run(const Command& command) {
 
 void TrackSigaction(int signal, siginfo_t* info, void* /*context*/) {
   const int saved_errno = errno;
+  DebugData::GetInstance()->NoteCommand();
   const Command command = protocol::ReadCommand(*info);
   async_safe_format_log(ANDROID_LOG_INFO, kLogTag, "received_sig %d;addr:%p", signal,
                         reinterpret_cast<void*>(command.word));
   Run(command);
   errno = saved_errno;
+}
+
+void SwitchOff() {
+  for (const Kind& kind : protocol::kKinds) {
+    SetSwitches(kind, false, false);
+    platform::PublishRecording(kind, Recording::kOff);
+  }
+  unhook_all_by_plt();
+  ClearRecords();
 }
 
 void SignalActionsInit() {

@@ -13,6 +13,10 @@ void SignalActionsInit();
 /// Restores the saved action; a failure is only logged. From track_finalize.
 void SignalActionsRestore();
 
+/// Switches all recording off without a report, removes all hooks and drops the records. On the
+/// thread that carries out commands.
+void SwitchOff();
+
 /// The handler: carries out the commands in `info`. See protocol::ReadCommand for the record, which
 /// the sender fills in, and protocol/kinds.h for the commands.
 ///

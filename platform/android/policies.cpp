@@ -10,6 +10,10 @@ bool ForkedChildFreesLocks() {
   return false;
 }
 
+bool CommandsRunDuringFork() {
+  return true;
+}
+
 int ProtectionAfterWrite(const void* /*page*/, std::size_t /*bytes*/) {
   return PROT_READ;
 }

@@ -4,7 +4,7 @@
 
 namespace platform {
 
-void FindPublishedState() {}
+void FindLoader(void (* /*switch_off*/)()) {}
 void PublishRecording(const protocol::Kind& /*kind*/, protocol::Recording /*recording*/) {}
 void PublishClear() {}
 void PublishSettings(char /*type*/, std::uint32_t /*frames*/) {}

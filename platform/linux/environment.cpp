@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "protocol/protocol.h"
 
@@ -15,12 +16,14 @@ namespace {
 
 constexpr const char* kNames[] = {protocol::kRootVariable, protocol::kLogVariable,
                                   protocol::kPropertiesVariable};
-constexpr std::size_t kVariables = sizeof(kNames) / sizeof(kNames[0]);
+constexpr std::size_t kVariables = std::size(kNames);
+static_assert(kVariables == std::size(protocol::Paths{}.values));
 
 // Copies, because a program may overwrite its environment (to change its title) or unset variables
 // at any time.
-char g_values[kVariables][kPathBytes];
-std::atomic<bool> g_captured{false};
+protocol::Paths g_own;
+// Null: not captured.
+std::atomic<const protocol::Paths*> g_paths{nullptr};
 
 /// Runs before the program has other threads. Earlier calls of CapturedValue read the environment
 /// itself.
@@ -31,18 +34,30 @@ __attribute__((constructor)) void CaptureAtLoad() {
 }  // namespace
 
 void CaptureEnvironment() {
-  g_captured.store(false, std::memory_order_relaxed);
+  CaptureValues(std::getenv(kNames[0]), std::getenv(kNames[1]), std::getenv(kNames[2]));
+}
+
+void CaptureValues(const char* root, const char* log, const char* properties) {
+  const char* const values[kVariables] = {root, log, properties};
+  g_paths.store(nullptr, std::memory_order_relaxed);
   for (std::size_t i = 0; i < kVariables; ++i) {
-    const char* value = std::getenv(kNames[i]);
-    std::strncpy(g_values[i], value != nullptr ? value : "", kPathBytes - 1);
+    std::strncpy(g_own.values[i], values[i] != nullptr ? values[i] : "", kPathBytes - 1);
   }
-  g_captured.store(true, std::memory_order_release);
+  g_paths.store(&g_own, std::memory_order_release);
+}
+
+const protocol::Paths& CapturedPaths() {
+  return g_own;
+}
+
+void UsePaths(const protocol::Paths* paths) {
+  if (paths != nullptr) g_paths.store(paths, std::memory_order_release);
 }
 
 const char* CapturedValue(Variable variable) {
   const auto index = static_cast<std::size_t>(variable);
-  const char* value =
-      g_captured.load(std::memory_order_acquire) ? g_values[index] : std::getenv(kNames[index]);
+  const protocol::Paths* const paths = g_paths.load(std::memory_order_acquire);
+  const char* value = paths != nullptr ? paths->values[index] : std::getenv(kNames[index]);
   return value != nullptr && value[0] != '\0' ? value : nullptr;
 }
 

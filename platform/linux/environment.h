@@ -5,11 +5,11 @@
 
 #include <cstddef>
 
+#include "protocol/protocol.h"
+
 namespace platform {
 
-/// The size of a path with its NUL. It exceeds the kernel's PATH_MAX (4096), so a path that was cut
-/// to fit is still too long and opening it fails with ENAMETOOLONG.
-inline constexpr std::size_t kPathBytes = 4352;
+using protocol::kPathBytes;
 
 enum class Variable {
   kRoot,        ///< MEMLEAK_TRACKER_ROOT: the root directory
@@ -22,6 +22,15 @@ enum class Variable {
 /// Runs when the library is loaded. Tests call it again after they change the environment, while no
 /// other thread reads the values. Allocates nothing.
 void CaptureEnvironment();
+
+/// As CaptureEnvironment, with the given values, cut to fit.
+void CaptureValues(const char* root, const char* log, const char* properties);
+
+/// The captured values. They live as long as the process.
+const protocol::Paths& CapturedPaths();
+
+/// Uses `paths`, which another library has captured, from now on; null: no change.
+void UsePaths(const protocol::Paths* paths);
 
 /// Returns the value of `variable`, or null if it was unset or empty. Valid until the next
 /// CaptureEnvironment. Any thread. Async-signal-safe.

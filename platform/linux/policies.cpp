@@ -71,6 +71,10 @@ bool ForkedChildFreesLocks() {
   return true;
 }
 
+bool CommandsRunDuringFork() {
+  return false;
+}
+
 int ProtectionAfterWrite(const void* page, std::size_t bytes) {
   const auto address = reinterpret_cast<std::uint64_t>(page);
   RelroSearch search = {address, bytes, false};

@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/linux/environment.h"
+#include "protocol/protocol.h"
 #include "protocol/state.h"
 
 namespace platform {
@@ -28,6 +30,12 @@ std::atomic<std::atomic<State*>*> g_state{nullptr};
 State* Published() {
   const std::atomic<State*>* const state = g_state.load(std::memory_order_acquire);
   return state != nullptr ? state->load(std::memory_order_acquire) : nullptr;
+}
+
+/// Returns the loader's variable of this name; null if there is no loader.
+template <typename T>
+std::atomic<T>* LoaderVariable(const char* name) {
+  return static_cast<std::atomic<T>*>(dlsym(RTLD_DEFAULT, name));
 }
 
 std::int64_t Now() {
@@ -60,9 +68,12 @@ protocol::HookState* FindHook(State& state, const char* library, const char* fun
 
 }  // namespace
 
-void FindPublishedState() {
-  g_state.store(static_cast<std::atomic<State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable)),
-                std::memory_order_release);
+void FindLoader(void (*switch_off)()) {
+  g_state.store(LoaderVariable<State*>(protocol::kStateVariable), std::memory_order_release);
+  auto* const hook = LoaderVariable<void (*)()>(protocol::kSwitchOff);
+  if (hook != nullptr) hook->store(switch_off);
+  const auto* const paths = LoaderVariable<const protocol::Paths*>(protocol::kPathsVariable);
+  if (paths != nullptr) UsePaths(paths->load());
 }
 
 void PublishRecording(const protocol::Kind& kind, Recording recording) {

@@ -13,6 +13,7 @@
 
 #include "platform/linux/maps_lines.h"
 #include "protocol/protocol.h"
+#include "records/profile.h"
 #include "records/set_mutex.h"
 
 namespace profile {
@@ -203,7 +204,7 @@ bool UpdateObjects(std::uint32_t version) {
   return closed;
 }
 
-void FreeObjectsLockInChild() {
+void FreeLocksInChild() {
   static_cast<void>(g_lock.try_lock());
   g_lock.unlock();
 }

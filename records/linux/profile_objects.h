@@ -58,7 +58,4 @@ std::size_t ObjectCount();
 /// lock of the store. Allocates with mmap only.
 bool UpdateObjects(std::uint32_t version);
 
-/// Frees the list's lock in a forked child.
-void FreeObjectsLockInChild();
-
 }  // namespace profile

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -38,11 +39,10 @@ constexpr std::size_t kBuckets = std::size(kAgeBounds);
 /// Name of the file while it is written, in the directory of the profile.
 constexpr char kPartialFile[] = "profile.partial";
 
-/// What the head says about the process. Written by Prepare and in a forked child.
+/// What the head says about the process. Written by Prepare.
 char g_program[PATH_MAX];
 char g_arguments[4096];
 std::size_t g_argument_bytes = 0;
-std::atomic<std::int64_t> g_start{0};
 /// Since when there are records, and the kinds recorded since then, as bits.
 std::atomic<std::int64_t> g_since{0};
 std::atomic<std::uint32_t> g_kinds{0};
@@ -63,6 +63,22 @@ std::size_t ReadFile(const char* path, char* buffer, std::size_t bytes) {
   }
   platform::RawClose(file);
   return used;
+}
+
+/// Returns when the process started or was forked; the current time if that is unknown. Not noted
+/// at a fork: the child of an idle process writes no page for the tracker.
+std::int64_t StartTime() {
+  char text[1024];
+  text[ReadFile("/proc/self/stat", text, sizeof text - 1)] = '\0';
+  // The 22nd field. The second is the name in brackets, which may contain any character.
+  const char* field = std::strrchr(text, ')');
+  for (int number = 2; number < 22 && field != nullptr; ++number) {
+    field = std::strchr(field + 1, ' ');
+  }
+  timespec uptime{};
+  if (field == nullptr || clock_gettime(CLOCK_BOOTTIME, &uptime) != 0) return Now();
+  const auto start = std::strtoll(field, nullptr, 10) / sysconf(_SC_CLK_TCK);
+  return Now() - (uptime.tv_sec - start);
 }
 
 /// The observer of dlclose (protocol::UnloadObserver).
@@ -97,7 +113,6 @@ void Prepare() {
   const ssize_t length = readlink("/proc/self/exe", g_program, sizeof g_program - 1);
   g_program[std::max<ssize_t>(length, 0)] = '\0';
   g_argument_bytes = ReadFile("/proc/self/cmdline", g_arguments, sizeof g_arguments);
-  g_start.store(Now());
   errno = saved_errno;
   g_unloads =
       static_cast<const std::atomic<std::uint64_t>*>(dlsym(RTLD_DEFAULT, protocol::kUnloadCounter));
@@ -124,11 +139,6 @@ std::uint32_t CodeVersion() {
   return g_unloads == nullptr
              ? 0
              : static_cast<std::uint32_t>(g_unloads->load(std::memory_order_acquire));
-}
-
-void StartInChild() {
-  FreeObjectsLockInChild();
-  g_start.store(Now());
 }
 
 /// The live blocks of one stack.
@@ -225,8 +235,8 @@ void Snapshot::WriteHead(Text& out, const FrameTable& frames, const ReportText& 
   }
   utsname names;
   out << "\npid " << std::int64_t{getpid()} << "\nhost ";
-  out.Word(HostName(&names)) << "\nstarted " << g_start.load() << "\nwritten " << time_
-                             << "\nsince " << g_since.load() << "\nkinds";
+  out.Word(HostName(&names)) << "\nstarted " << StartTime() << "\nwritten " << time_ << "\nsince "
+                             << g_since.load() << "\nkinds";
   for (const protocol::Kind& kind : protocol::kKinds) {
     if ((g_kinds.load() >> kind.type & 1) != 0) out << ' ' << kind.name;
   }

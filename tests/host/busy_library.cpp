@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library that allocates in its constructor and destructor. If a program is linked with it, it
-// also starts a thread before main.
+// A library that allocates in its constructor and destructor, also on a thread that the constructor
+// waits for. If a program is linked with it, it also starts a thread before main.
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -25,7 +26,8 @@ void* Churn(void*) {
 
 __attribute__((constructor)) void Construct() {
   block = memset(malloc(3000), 7, 3000);
-  text = new std::string(500, 'x');
+  // The dynamic linker's lock is held.
+  std::thread([] { text = new std::string(500, 'x'); }).join();
   pthread_t thread;
   if (START_THREAD && pthread_create(&thread, nullptr, Churn, nullptr) == 0) pthread_detach(thread);
 }

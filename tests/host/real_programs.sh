@@ -1,9 +1,9 @@
 #!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # Real programs behave the same with and without the loader.
-# Usage: real_programs.sh PRELOAD
+# Usage: real_programs.sh PRELOAD C++-PLUGIN
 set -u
-preload=$1
+preload=$1 plugin=$2
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 failed=0
@@ -24,7 +24,8 @@ same() {
 }
 
 same python3 -c "
-import json, multiprocessing, subprocess, threading
+import ctypes, json, multiprocessing, subprocess, threading
+ctypes.CDLL('$plugin')  # brings the C++ run-time library
 t = [threading.Thread(target=lambda: json.dumps([list(range(900)) for _ in range(90)])) for _ in '1234']
 [x.start() for x in t]; [x.join() for x in t]
 p = multiprocessing.get_context('fork').Pool(2); print(p.map(hash, range(5))); p.close(); p.join()

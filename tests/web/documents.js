@@ -55,19 +55,31 @@ const kServer = [
 
 const spread = (count, oldest) => Array.from({ length: count }, (_, i) => Math.round((i * oldest) / count));
 
+const kBounds = [0, 1, 4, 15, 60, 240, 900, 3600, 14400, 86400];
+
+/** Of a profile: exact ages. */
+function aged(size, count, stack, counts, more = {}) {
+  const ageCounts = kBounds.map((_, at) => counts[at] ?? 0);
+  const held = kBounds.filter((_, at) => ageCounts[at] > 0);
+  return { ...group(size, count, stack, [held[0] + 1, held.at(-1) + 30], more), maxSize: 2 * size, ageCounts, ownAges: true };
+}
+
+/** A profile. */
 export function server() {
   const groups = [
-    group(512, 24000, [0, 1, 3, 4, 5], spread(30, 3600), { pattern: "growing" }),
-    group(65536, 60, [0, 7, 6, 3, 4, 5], [3400, 3420, 3450, 3500], { pattern: "settled" }),
-    group(1048576, 2, [0, 2, 4, 5], [3599, 3600]),
-    group(96, 9000, [0, 2, 3, 4, 5], spread(30, 300), { pattern: "recent" }),
-    group(4096, 120, [0, 8, 6, 3, 4, 5], spread(30, 1800), { pattern: "recent" }),
-    group(32, 5000, [0, 1, 2, 3, 4, 5], spread(30, 3600), { pattern: "growing" }),
+    aged(512, 24000, [0, 1, 3, 4, 5], { 3: 900, 4: 2100, 5: 6000, 6: 9000, 7: 6000 }, { pattern: "growing" }),
+    aged(65536, 60, [0, 7, 6, 3, 4, 5], { 7: 60 }, { pattern: "settled" }),
+    aged(1048576, 2, [0, 2, 4, 5], { 7: 2 }),
+    aged(96, 9000, [0, 2, 3, 4, 5], { 4: 3000, 5: 6000 }, { pattern: "recent" }),
+    aged(4096, 120, [0, 8, 6, 3, 3, 3, 3, 3, 3, 3], { 5: 20, 6: 100 }, { pattern: "recent", cut: true }),
+    aged(32, 5000, [0, 1, 2, 3, 4, 5], { 1: 20, 4: 980, 7: 4000 }, { pattern: "growing" }),
   ];
   const document = finish(kServer, groups);
-  document.totals.bytes += 4321;
-  document.totals.groups += 7;
-  Object.assign(document.totals, { unlistedBytes: 4321, unlistedGroups: 7 });
+  document.report.process = {
+    ...{ library: "1.0.0", program: "/opt/bin/server", arguments: ["./server", "--port", "80"], pid: 4711 },
+    ...{ host: "build7", started: kMade - 4000, written: kMade, since: kMade - 3640, kinds: ["native"] },
+    ...{ unwind: "tables", unrecorded: 0, ageBounds: kBounds },
+  };
   return document;
 }
 

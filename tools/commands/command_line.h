@@ -55,6 +55,8 @@ class Program {
 
 /// Each adds a command to the program: its options, help and action.
 void AddRun(Program* program);
+void AddAttach(Program* program);
+void AddDetach(Program* program);
 void AddOn(Program* program);
 void AddPause(Program* program);
 void AddReport(Program* program);

@@ -93,7 +93,7 @@ void AddDiff(Program* program) {
   const auto [command, options] =
       program->AddCommand("diff", "Show what changed between reports", kDiffHelp, Diff);
   ReadOptions& read = options->read;
-  AddOption(command, "OLD", &options->before, " ", "Report, root directory, or JSON document")
+  AddOption(command, "OLD", &options->before, " ", "Report, PID, root directory, or JSON\ndocument")
       ->required();
   AddOption(command, "NEW", &options->after, " ", "The same")->required();
   AddTop(command, &options->top, "Stacks that grew, and that shrank, to show\n(10); 0: all");

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // html: a report, or what changed between two, as a page for the browser.
-#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -37,23 +36,30 @@ struct HtmlOptions {
   ReadOptions read;
 };
 
-// Writes the data of one report, or of two.
-void WriteData(const HtmlOptions& options, std::ostream& out) {
+// Writes the page of one report, or of two.
+std::size_t Write(const HtmlOptions& options) {
   if (!options.old.empty()) {
     const auto [before, after] = OpenPair(options.old, options.report, options.read);
-    return WriteDiffJson(before, after, out);
+    return WriteDifferencePage(before, after, {}, options.output);
   }
   const std::string path = FindReport(options.report);
-  if (!IsJsonDocument(path)) return WriteProfileJson(OpenProfile(path, options.read), out);
+  if (!IsJsonDocument(path)) {
+    const Profile profile = OpenProfile(path, options.read);
+    return WritePage({.report = profile, .groups = profile}, options.output);
+  }
   const Document document = OpenDocument(path, options.read);
-  if (!document.base) return WriteProfileJson(document.profile, out);
-  out << std::ifstream(path, std::ios::binary).rdbuf();
+  const bool two = document.base.has_value();
+  return WritePage({.report = document.profile,
+                    .groups = document.profile,
+                    .base = two ? &*document.base : nullptr,
+                    .changes = two ? &document.changes : nullptr,
+                    .totals = document.totals},
+                   options.output);
 }
 
 int Html(const HtmlOptions& options) {
   RefuseOverwriting(options.output, {FindReport(options.report), FindReport(options.old)});
-  const std::size_t bytes =
-      WritePage([&](std::ostream& out) { WriteData(options, out); }, options.output);
+  const std::size_t bytes = Write(options);
   std::cout << "page  " << options.output << " (" << FormatBytes(bytes)
             << "): open it in a browser\n";
   return kExitOk;

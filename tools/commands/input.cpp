@@ -2,14 +2,18 @@
 #include "tools/commands/input.h"
 
 #include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <vector>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/report/load.h"
+#include "tools/target/attach.h"
+#include "tools/target/inspect.h"
 
 namespace memleak {
 namespace {
@@ -136,10 +140,37 @@ std::string Preferred(const std::string& report) {
   return profile.empty() ? report : profile;
 }
 
+// The process that `given` names, unless a file has that name.
+std::optional<pid_t> ProcessNamed(const std::string& given) {
+  pid_t pid = 0;
+  const char* end = given.data() + given.size();
+  const auto parsed = std::from_chars(given.data(), end, pid);
+  std::error_code ignored;
+  if (parsed.ec != std::errc() || parsed.ptr != end || pid <= 0) return std::nullopt;
+  if (fs::exists(given, ignored)) return std::nullopt;
+  return pid;
+}
+
+// The root directory of a process. One that has ended had the default.
+std::string RootOf(pid_t pid) {
+  std::error_code ignored;
+  if (IsAlive(pid)) {
+    const ProcessInfo process = InspectProcess(pid);
+    if (process.state) return process.root;
+  }
+  for (const std::string& root : DefaultRoots(pid)) {
+    if (fs::is_directory(root, ignored)) return root;
+  }
+  throw UserError("no report of process " + std::to_string(pid),
+                  IsAlive(pid) ? "write one with: memleak report " + std::to_string(pid)
+                               : "the process has ended: name its root directory");
+}
+
 }  // namespace
 
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
+  if (const auto pid = ProcessNamed(given)) return FindReport(RootOf(*pid));
   if (!fs::is_directory(given, ignored)) return Preferred(given);
   const fs::path report = protocol::kReportFile;
   const fs::path profile = protocol::kProfileFile;

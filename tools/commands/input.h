@@ -12,8 +12,8 @@
 
 namespace memleak {
 
-/// The path of the report: `given`, or the report below it if it is a root directory. Throws
-/// UserError if a root directory has none.
+/// The path of the report: `given`, or the report below it if it is a root directory, or the latest
+/// report of the process with that id, if there is no such file. Throws UserError if there is none.
 std::string FindReport(const std::string& given);
 
 /// How reports are read.

@@ -2,8 +2,6 @@
 // on: starts recording, of the native heap or through hooks.
 #include "tools/commands/on.h"
 
-#include <elf.h>
-
 #include <algorithm>
 #include <cstring>
 #include <iostream>
@@ -76,19 +74,14 @@ Exit codes:
      is recorded, settings not writable, nothing hooked, or the command was not
      carried out within 60 s)";
 
-// On x86-64, system libraries have no frame pointers.
-char DefaultType(const ProcessInfo& process) {
-  return MachineOf(process) == EM_AARCH64 ? protocol::kUnwindFramePointers
-                                          : protocol::kUnwindTables;
-}
-
 // Writes the given settings, and defaults if the process has none. Returns the settings in force.
 BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
   const StoredSettings stored = ReadSettings(process);
   BacktraceSettings wanted{options.depth, options.type};
   if (stored.is_unset) {
-    wanted.type = wanted.type.value_or(DefaultType(process));
-    wanted.depth = wanted.depth.value_or(DefaultDepth());
+    const BacktraceSettings defaults = DefaultSettings(MachineOf(process));
+    wanted.type = wanted.type.value_or(*defaults.type);
+    wanted.depth = wanted.depth.value_or(*defaults.depth);
   }
   const std::string updated = UpdateProperties(stored.text, wanted);
   if (wanted.depth || wanted.type) WriteSettings(process, updated);
@@ -256,16 +249,20 @@ void PrintStillHooked(const ProcessInfo& process) {
          "        the libraries that the latest `on` has named.\n";
 }
 
+void AddOnOptions(CLI::App* command, OnOptions* options) {
+  command->add_flag("--keep", options->keep, "Keep earlier records");
+  AddKind(command, &options->kind);
+  AddHookNames(command, &options->libraries, &options->functions);
+  AddBacktraceOptions(command, &options->depth, &options->type);
+}
+
 void AddOn(Program* program) {
   const std::string help = (program->IsDevice() ? kDeviceIntro : kHostIntro) + std::string(kHooks) +
                            HelpOnHookedKinds() + (kLimits + 1);
   const auto [command, options] =
       program->AddCommand("on", "Start recording", help, StartRecording);
   AddPid(command, &options->pid);
-  command->add_flag("--keep", options->keep, "Keep earlier records");
-  AddKind(command, &options->kind);
-  AddHookNames(command, &options->libraries, &options->functions);
-  AddBacktraceOptions(command, &options->depth, &options->type);
+  AddOnOptions(command, options);
 }
 
 }  // namespace memleak

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/commands/command_line.h"
 #include "tools/target/hook_targets.h"
 #include "tools/target/kinds.h"
 #include "tools/target/process_info.h"
@@ -25,6 +26,9 @@ struct OnOptions {
   std::optional<std::uint32_t> depth;
   std::optional<char> type;
 };
+
+/// Adds all options of `on`, without the argument PID.
+void AddOnOptions(CLI::App* command, OnOptions* options);
 
 /// Starts recording, prints what is recorded, and returns the exit code. Throws UserError.
 int StartRecording(const OnOptions& options);

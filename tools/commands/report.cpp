@@ -2,6 +2,7 @@
 // report: makes a process write its report.
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <iostream>
 #include <string>
 
@@ -103,6 +104,14 @@ std::uint64_t PrintStacks(const std::string& path, const std::string& shown) {
   return bytes;
 }
 
+// Since when blocks are recorded: none from before is in the report. Empty if that is not known.
+std::string SinceText(const ProcessInfo& process, const Kind& kind) {
+  if (!process.state || process.state->RecordingOf(kind) != protocol::Recording::kOn) return "";
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  const std::int64_t seconds = (*process.state)->kinds[kind.type].since_ns / kNanoseconds;
+  return "since   " + FormatClock(seconds) + " (" + FormatAge(std::time(nullptr) - seconds) + ")\n";
+}
+
 int Report(const ReportOptions& options) {
   if (options.keep_recording && !options.kind->IsNative()) {
     throw UserError(std::string("--keep-recording does not work with --kind ") +
@@ -113,6 +122,7 @@ int Report(const ReportOptions& options) {
   RefuseMixedKinds(process, *options.kind);
   const std::uint64_t word =
       options.keep_recording ? protocol::kReportKeepRecording : options.kind->Report();
+  const std::string since = SinceText(process, *options.kind);
   const std::chrono::milliseconds took =
       TakeReport(process, word, options.timeout_s, OldReport::kRename);
   const std::string path = process.ReportPath();
@@ -123,7 +133,7 @@ int Report(const ReportOptions& options) {
   const std::uint64_t bytes =
       profile.empty() ? PrintGroups(path) : PrintStacks(profile, process.Shown(profile));
   std::cout << "bytes   " << FormatCount(bytes) << " (" << FormatBytes(bytes) << ")\n"
-            << "took    " << FormatDuration(took) << "\n";
+            << since << "took    " << FormatDuration(took) << "\n";
   const std::string fetch = FetchCommand(path);
   if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
   if (!options.kind->IsNative()) PrintStillHooked(process);

@@ -141,10 +141,15 @@ std::string ReportText(const ProcessInfo& process) {
 // Whether the process takes commands, and if not, why.
 std::string TrackedText(const ProcessInfo& process) {
   if (!process.has_tracker) return "no";
+  if (process.IsDetached()) return "no, it was detached";
   if (process.problem)
     return "loaded, but it takes no commands: " + Printable(process.problem->what());
   if (process.is_emulated) return "yes (emulated: commands use signal 46)";
-  return process.catches_signal ? "yes" : "loaded, but signal 44 is not caught";
+  if (!process.catches_signal) return "loaded, but signal 44 is not caught";
+  if (process.state && (*process.state)->form == protocol::Form::kAttached) {
+    return "yes, attached" + SinceText((*process.state)->start_ns);
+  }
+  return "yes";
 }
 
 int PrintStatus(const pid_t& pid) {
@@ -152,7 +157,7 @@ int PrintStatus(const pid_t& pid) {
   std::cout << "process     " << process.Label() << ", " << Printable(process.executable)
             << (process.is_stopped ? ", stopped" : "") << "\n"
             << "tracked     " << TrackedText(process) << "\n";
-  if (!process.has_tracker || process.problem) return kExitNegative;
+  if (!process.has_tracker || process.problem || process.IsDetached()) return kExitNegative;
   const std::string log = LogPlace(process);
   if (process.has_state_of_parent) {
     std::cout << "recording   as process " << (*process.state)->pid

@@ -16,6 +16,7 @@
 #include <optional>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
@@ -127,7 +128,7 @@ class Rounds {
   }
 
   void Finish() const {
-    const std::vector<GroupTrend> groups = trends_.Result();
+    std::vector<GroupTrend> groups = trends_.Result();
     const std::string path = (fs::path(options_.directory) / "trend.json").string();
     std::ofstream file(path, std::ios::binary);
     WriteTrendsJson(process_.Label(), reports_, groups, broken_, file);
@@ -147,7 +148,7 @@ class Rounds {
                 << broken_->why << "\n";
     }
     std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
-    if (reports_.size() > 1 && !PageShell().empty()) WriteDifferencePage();
+    if (reports_.size() > 1 && !PageShell().empty()) WritePage(std::move(groups));
     if (IsRunning() && !broken_) {
       std::cout << "Recording continues; to stop it: memleak report " << process_.pid << "\n";
     }
@@ -268,11 +269,12 @@ class Rounds {
     return true;
   }
 
-  void WriteDifferencePage() const {
+  void WritePage(std::vector<GroupTrend> groups) const {
+    groups.resize(std::min(groups.size(), kTrendsOnPage));
+    std::ostringstream trend;
+    WriteTrendsJson(process_.Label(), reports_, groups, broken_, trend);
     const std::string path = (fs::path(options_.directory) / "leak.html").string();
-    const Profile first = Load(reports_.front());
-    const Profile last = Load(reports_.back());
-    WritePage([&](std::ostream& out) { WriteDiffJson(first, last, out); }, path);
+    WriteDifferencePage(Load(reports_.front()), Load(reports_.back()), trend.str(), path);
     std::cout << "page     " << path << "\n";
   }
 

@@ -10,7 +10,6 @@
 
 #include "tools/base/user_error.h"
 #include "tools/export/json.h"
-#include "tools/report/diff.h"
 #include "tools/report/program_name.h"
 
 namespace memleak {
@@ -71,6 +70,7 @@ Group GroupOf(const json& object, std::size_t frames) {
   group.total = Number(object, "total");
   group.ages = object.at("ages").get<std::vector<std::int64_t>>();
   group.own_ages = Member(object, "ownAges", false).get<bool>();
+  group.cut = Member(object, "cut", false).get<bool>();
   for (const json& frame : object.at("stack")) group.stack.push_back(Index(frame, frames, "frame"));
   return group;
 }
@@ -134,16 +134,22 @@ Profile ProfileOf(const json& document) {
 
 // The earlier report of two, without groups.
 Profile BaseOf(const json& document) {
-  for (const json& group : document.at("groups")) {
-    const json& before = group.at("before");
-    Number(before, "count");
-    Number(before, "total");
-    if (std::ranges::count(kChangeNames, Text(group, "status")) == 0)
-      throw std::out_of_range("an unknown status");
-  }
   Profile base;
   ReadHead(document.at("base"), &base);
   return base;
+}
+
+std::vector<GroupChange> ChangesOf(const json& document) {
+  std::vector<GroupChange> changes;
+  for (const json& group : document.at("groups")) {
+    GroupChange& change = changes.emplace_back();
+    const json& before = group.at("before");
+    change.before = {.count = Number(before, "count"), .total = Number(before, "total")};
+    const auto* const name = std::ranges::find(kChangeNames, Text(group, "status"));
+    if (name == kChangeNames.end()) throw std::out_of_range("an unknown status");
+    change.change = static_cast<Change>(name - kChangeNames.begin());
+  }
+  return changes;
 }
 
 constexpr const char* kRemedy = "make one with memleak export --format json";
@@ -173,11 +179,11 @@ bool IsJsonDocument(const std::string& path) {
 
 Document LoadDocument(const std::string& path) {
   const json document = Parse(path);
-  Document loaded;
   try {
-    loaded.profile = ProfileOf(document);
+    Document loaded{ProfileOf(document), std::nullopt, {}, document.at("totals").dump()};
     if (document.contains("base")) {
       loaded.base = BaseOf(document);
+      loaded.changes = ChangesOf(document);
     } else {
       loaded.profile.path = path;
     }

@@ -4,7 +4,9 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "tools/report/diff.h"
 #include "tools/report/model.h"
 
 namespace memleak {
@@ -14,8 +16,10 @@ bool IsJsonDocument(const std::string& path);
 
 /// What a document describes.
 struct Document {
-  Profile profile;              ///< of two reports the later one, with the groups of both
-  std::optional<Profile> base;  ///< the earlier one of two reports, without groups
+  Profile profile;                   ///< of two reports the later one, with the groups of both
+  std::optional<Profile> base;       ///< the earlier one of two reports, without groups
+  std::vector<GroupChange> changes;  ///< of two reports: one for each group, without `after`
+  std::string totals;                ///< the JSON of member "totals"
 };
 
 /// The document at `path`, of one report or of two. Members that documents do not have stay empty:

@@ -15,21 +15,6 @@ const char* KindName(GroupKind kind) {
   return kind == GroupKind::kNative ? "native" : "java";
 }
 
-void WriteLibraries(const Profile& profile, JsonWriter* json) {
-  json->Key("libraries");
-  json->BeginArray();
-  for (const Library& library : profile.libraries) {
-    json->BeginObject();
-    json->Member("path", library.path);
-    json->Member("name", LastPart(library.path));
-    json->Member("buildId", library.build_id);
-    json->Member("found", library.found);
-    json->Member("hint", library.hint);
-    json->EndObject();
-  }
-  json->EndArray();
-}
-
 void WriteFrames(const Profile& profile, JsonWriter* json) {
   json->Key("frames");
   json->BeginArray();
@@ -59,6 +44,7 @@ void WriteGroup(const Group& group, std::int64_t age_span, JsonWriter* json) {
   json->MemberList("ageCounts", group.age_counts);
   json->Member("ownAges", group.own_ages);
   json->Member("pattern", PatternName(PatternOf(group, age_span)));
+  json->Member("cut", group.cut);
   json->MemberList("stack", group.stack);
 }
 
@@ -78,41 +64,6 @@ void WriteProcess(const ProfileHead& head, JsonWriter* json) {
   json->Member("unwind", head.unwind);
   json->Member("unrecorded", head.unrecorded);
   json->MemberList("ageBounds", head.age_bounds);
-  json->EndObject();
-}
-
-void WriteReport(const Profile& profile, JsonWriter* json) {
-  json->Key("report");
-  json->BeginObject();
-  json->Member("path", profile.path);
-  json->Member("made", profile.made);
-  json->Member("complete", profile.complete);
-  json->Member("damagedLines", profile.damaged_lines);
-  json->Key("damaged");
-  json->BeginArray();
-  for (const DamagedLine& line : profile.damaged) json->Value(line.number);
-  json->EndArray();
-  json->Member("backtraceSize", profile.header.backtrace_size);
-  if (profile.head) WriteProcess(*profile.head, json);
-  json->EndObject();
-}
-
-void WriteTotals(const Profile& profile, JsonWriter* json) {
-  const Sums listed = profile.Listed(GroupKind::kNative);
-  const Sums unlisted = profile.Unlisted();
-  const Sums java = profile.Listed(GroupKind::kJava);
-  json->Key("totals");
-  json->BeginObject();
-  json->Member("bytes", profile.header.total_bytes);
-  json->Member("groups", profile.header.groups);
-  json->Member("announcedGroups", profile.header.listed);
-  json->Member("blocks", listed.blocks);
-  json->Member("listedBytes", listed.bytes);
-  json->Member("listedGroups", listed.groups);
-  json->Member("unlistedBytes", unlisted.bytes);
-  json->Member("unlistedGroups", unlisted.groups);
-  json->Member("javaBytes", java.bytes);
-  json->Member("javaGroups", java.groups);
   json->EndObject();
 }
 
@@ -160,6 +111,56 @@ void WriteTrend(const GroupTrend& group, JsonWriter* json) {
 
 }  // namespace
 
+void WriteReport(const Profile& profile, JsonWriter* json) {
+  json->Key("report");
+  json->BeginObject();
+  json->Member("path", profile.path);
+  json->Member("made", profile.made);
+  json->Member("complete", profile.complete);
+  json->Member("damagedLines", profile.damaged_lines);
+  json->Key("damaged");
+  json->BeginArray();
+  for (const DamagedLine& line : profile.damaged) json->Value(line.number);
+  json->EndArray();
+  json->Member("backtraceSize", profile.header.backtrace_size);
+  if (profile.head) WriteProcess(*profile.head, json);
+  json->EndObject();
+}
+
+void WriteTotals(const Profile& profile, JsonWriter* json) {
+  const Sums listed = profile.Listed(GroupKind::kNative);
+  const Sums unlisted = profile.Unlisted();
+  const Sums java = profile.Listed(GroupKind::kJava);
+  json->Key("totals");
+  json->BeginObject();
+  json->Member("bytes", profile.header.total_bytes);
+  json->Member("groups", profile.header.groups);
+  json->Member("announcedGroups", profile.header.listed);
+  json->Member("blocks", listed.blocks);
+  json->Member("listedBytes", listed.bytes);
+  json->Member("listedGroups", listed.groups);
+  json->Member("unlistedBytes", unlisted.bytes);
+  json->Member("unlistedGroups", unlisted.groups);
+  json->Member("javaBytes", java.bytes);
+  json->Member("javaGroups", java.groups);
+  json->EndObject();
+}
+
+void WriteLibraries(const Profile& profile, JsonWriter* json) {
+  json->Key("libraries");
+  json->BeginArray();
+  for (const Library& library : profile.libraries) {
+    json->BeginObject();
+    json->Member("path", library.path);
+    json->Member("name", LastPart(library.path));
+    json->Member("buildId", library.build_id);
+    json->Member("found", library.found);
+    json->Member("hint", library.hint);
+    json->EndObject();
+  }
+  json->EndArray();
+}
+
 void WriteProfileJson(const Profile& profile, std::ostream& out) {
   JsonWriter json(out);
   json.BeginObject();
@@ -176,6 +177,7 @@ void WriteProfileJson(const Profile& profile, std::ostream& out) {
   }
   json.EndArray();
   json.EndObject();
+  json.EndLine();
 }
 
 void WriteDiffJson(const Profile& before, const Profile& after, std::ostream& out) {
@@ -207,6 +209,7 @@ void WriteDiffJson(const Profile& before, const Profile& after, std::ostream& ou
   }
   json.EndArray();
   json.EndObject();
+  json.EndLine();
 }
 
 void WriteTrendsJson(const std::string& process, const std::vector<SavedReport>& reports,
@@ -245,6 +248,7 @@ void WriteTrendsJson(const std::string& process, const std::vector<SavedReport>&
   for (const GroupTrend& group : groups) WriteTrend(group, &json);
   json.EndArray();
   json.EndObject();
+  json.EndLine();
 }
 
 }  // namespace memleak

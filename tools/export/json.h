@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/export/json_writer.h"
 #include "tools/report/model.h"
 #include "tools/report/trend.h"
 
@@ -15,6 +16,11 @@ namespace memleak {
 
 inline constexpr const char* kJsonFormat = "memleak-profile";
 inline constexpr int kJsonVersion = 1;
+
+/// Write the members "report", "totals" and "libraries" of a document.
+void WriteReport(const Profile& profile, JsonWriter* json);
+void WriteTotals(const Profile& profile, JsonWriter* json);
+void WriteLibraries(const Profile& profile, JsonWriter* json);
 
 /// Writes the document of one report.
 void WriteProfileJson(const Profile& profile, std::ostream& out);

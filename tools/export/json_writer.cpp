@@ -35,11 +35,6 @@ void AppendNumber(std::string* text, Number number) {
 
 }  // namespace
 
-JsonWriter::~JsonWriter() {
-  text_ += '\n';
-  Flush();
-}
-
 void JsonWriter::Flush() {
   out_.write(text_.data(), static_cast<std::streamsize>(text_.size()));
   text_.clear();
@@ -106,6 +101,11 @@ void JsonWriter::Value(double value) {
 void JsonWriter::Null() {
   Separate();
   text_ += "null";
+}
+
+void JsonWriter::Raw(std::string_view json) {
+  Separate();
+  text_ += json;
 }
 
 void JsonWriter::Integer(std::int64_t number) {

@@ -19,8 +19,7 @@ class JsonWriter {
  public:
   /// `out` lives longer than the writer.
   explicit JsonWriter(std::ostream& out) : out_(out) {}
-  /// Writes the rest and a newline.
-  ~JsonWriter();
+  ~JsonWriter() { Flush(); }
   JsonWriter(const JsonWriter&) = delete;
   JsonWriter& operator=(const JsonWriter&) = delete;
 
@@ -28,6 +27,8 @@ class JsonWriter {
   void EndObject() { Close('}'); }
   void BeginArray() { Open('['); }
   void EndArray() { Close(']'); }
+
+  void EndLine() { text_ += '\n'; }
 
   /// Before a value, a BeginObject or a BeginArray in an object.
   void Key(const char* name);
@@ -47,6 +48,8 @@ class JsonWriter {
     }
   }
   void Null();
+  /// A value that is JSON already.
+  void Raw(std::string_view json);
   /// The value, or "null".
   template <typename Any>
   void Value(const std::optional<Any>& value) {

@@ -113,6 +113,7 @@ void WriteSpeedscope(const Profile& profile, std::ostream& out) {
   frames.Write(&json);
   json.EndObject();
   json.EndObject();
+  json.EndLine();
 }
 
 }  // namespace memleak

@@ -104,7 +104,8 @@ Difference Compare(const Profile& before, const Profile& after) {
                              .size = group.size,
                              .ages = {},
                              .stack = importer.Import(group.stack),
-                             .max_size = group.max_size});
+                             .max_size = group.max_size,
+                             .cut = group.cut});
   }
   const std::vector<MatchedGroup> matched = matcher.Result();
   for (std::size_t i = 0; i < matched.size(); ++i) {

@@ -56,6 +56,7 @@ class ProfileBuilder {
 
   void Add(const NativeGroup& group) {
     Group& added = AddGroup(GroupKind::kNative, group);
+    added.cut = IsCut(group.frames.size(), profile_->header.backtrace_size);
     added.ages = group.ages;
     added.stack.reserve(group.frames.size());
     for (const ReportFrame& frame : group.frames) {
@@ -114,6 +115,7 @@ class ProfileBuilder {
     group.ages = {stack.youngest, stack.oldest};
     group.own_ages = true;
     group.age_counts = stack.ages;
+    group.cut = IsCut(stack.frames.size(), profile_->head->depth);
     group.stack.reserve(stack.frames.size());
     for (const std::uint32_t frame : stack.frames) group.stack.push_back(frames_[frame]);
   }
@@ -127,6 +129,11 @@ class ProfileBuilder {
     std::uint32_t begin = 0;
     std::uint32_t end = 0;
   };
+
+  // Whether a stack may be deeper than its frames.
+  static bool IsCut(std::size_t frames, std::uint64_t depth) {
+    return depth != 0 && frames >= depth;
+  }
 
   template <typename Source>
   Group& AddGroup(GroupKind kind, const Source& source) {
@@ -308,6 +315,7 @@ Profile LoadProfile(const std::string& path, const SymbolOptions& options) {
   if (IsProfile(path)) {
     ReadWhole(path, damaged, builder, &profile);
     builder.Resolve(options);
+    ClearCutOfWhole(&profile);
     FoldWrappers(wrappers, &profile);
     MergeStacks(&profile);
     const Sums sums = profile.Listed(GroupKind::kNative);
@@ -321,6 +329,7 @@ Profile LoadProfile(const std::string& path, const SymbolOptions& options) {
   profile.complete = ReadReportFile(path, sink, &profile.header) == ReportEnd::kComplete;
   MarkOwnAges(&profile);
   builder.Resolve(options);
+  ClearCutOfWhole(&profile);
   FoldWrappers(wrappers, &profile);
   return profile;
 }

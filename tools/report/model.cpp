@@ -31,6 +31,7 @@ void Group::Merge(const Group& other) {
       ages = {youngest, oldest};
     }
   }
+  cut = cut || other.cut;
   count = AddSaturated(count, other.count);
   total = AddSaturated(total, other.total);
 }

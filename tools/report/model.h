@@ -52,6 +52,8 @@ struct Group {
   std::uint64_t max_size = 0;  ///< bytes of the largest block
   /// In a profile: blocks, by index in ProfileHead::age_bounds. Empty in a report.
   std::vector<std::uint64_t> age_counts = {};
+  /// Outer frames are missing: the stack was deeper than the maximum number of frames.
+  bool cut = false;
 
   /// Whether the group has all blocks of its stack, and its ages are those of all of them.
   bool IsExact() const { return !age_counts.empty(); }

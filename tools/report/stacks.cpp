@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -38,6 +39,38 @@ void FoldWrappers(const Wrappers& wrappers, Profile* profile) {
     const auto caller = std::find_if(group.stack.begin(), group.stack.end(),
                                      [&](std::uint32_t frame) { return !is_wrapper[frame]; });
     if (caller != group.stack.end()) group.stack.erase(group.stack.begin(), caller);
+  }
+}
+
+void ClearCutOfWhole(Profile* profile) {
+  // Of glibc and bionic. Their callers may lack a symbol.
+  constexpr std::string_view kStarts[] = {"_start",
+                                          "__libc_start_main",
+                                          "__libc_start_main_impl",
+                                          "__libc_start_call_main",
+                                          "clone",
+                                          "clone3",
+                                          "__clone",
+                                          "__clone3",
+                                          "__GI_clone",
+                                          "__GI___clone3",
+                                          "start_thread",
+                                          "__libc_init",
+                                          "_start_main",
+                                          "__start_thread",
+                                          "__pthread_start"};
+  constexpr std::size_t kOutermost = 3;
+  std::vector<bool> starts;
+  for (const Frame& frame : profile->frames) {
+    const std::string_view name(
+        frame.function.data(), std::min(frame.function.find_first_of("(@"), frame.function.size()));
+    starts.push_back(std::ranges::find(kStarts, name) != std::end(kStarts));
+  }
+  for (Group& group : profile->groups) {
+    const std::size_t checked = std::min(kOutermost, group.stack.size());
+    group.cut = group.cut &&
+                std::none_of(group.stack.end() - static_cast<std::ptrdiff_t>(checked),
+                             group.stack.end(), [&](std::uint32_t frame) { return starts[frame]; });
   }
 }
 

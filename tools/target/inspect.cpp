@@ -124,9 +124,14 @@ std::string ReadStatus(pid_t pid) {
 }
 
 UserError NotTracked(const ProcessInfo& process) {
-  if (!process.has_tracker) {
-    return {"process " + process.Label() + " is not loaded with the tracker; nothing was sent",
-            std::string("start it ") + Advice().with_tracker};
+  const bool was_detached = process.IsDetached();
+  if (!process.has_tracker || was_detached) {
+    return {"process " + process.Label() +
+                (was_detached ? " was detached from the tracker; nothing was sent"
+                              : " is not loaded with the tracker; nothing was sent"),
+            Advice().load == nullptr
+                ? std::string("start it ") + Advice().with_tracker
+                : "load it with: " + std::string(Advice().load) + std::to_string(process.pid)};
   }
   if (process.problem) return *process.problem;
   return {"process " + process.Label() +
@@ -135,6 +140,7 @@ UserError NotTracked(const ProcessInfo& process) {
 }
 
 bool TakesCommands(const ProcessInfo& process) {
+  if (process.IsDetached()) return false;
   // An emulator catches every real-time signal, so its mask proves nothing.
   return process.has_tracker && !process.problem && (process.is_emulated || process.catches_signal);
 }

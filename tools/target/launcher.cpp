@@ -66,18 +66,7 @@ std::vector<std::string> LibraryCandidates(const std::string& libdir) {
 }
 
 std::string Libraries(const RunOptions& options, std::uint16_t machine) {
-  const std::vector<std::string> candidates = LibraryCandidates(options.libdir);
-  std::string libdir = FindTrackerLibraries(candidates, machine);
-  if (libdir.empty()) {
-    std::string searched;
-    for (const std::string& candidate : candidates) {
-      searched += (searched.empty() ? "" : ", ") + candidate;
-    }
-    throw UserError("no " + std::string(protocol::kPreloadLibrary) + " and " +
-                        protocol::kTrackerLibrary + " for " + MachineName(machine) + " in " +
-                        searched,
-                    "name their directory with --libdir DIR");
-  }
+  std::string libdir = FindLibraries(options.libdir, machine);
   // The dynamic linker splits its list at blanks and colons, the emulator at commas.
   const char* separators = options.emulator.empty() ? " :" : " :,";
   if (libdir.find_first_of(separators) != std::string::npos) {
@@ -171,11 +160,9 @@ std::string AddHooks(const RunOptions& options, const std::string& properties) {
 
 std::string Properties(const RunOptions& options, const TargetProgram& program,
                        const std::string& root) {
-  // x86-64 system libraries keep no frame pointers.
-  const char type = program.image.machine == EM_AARCH64 ? protocol::kUnwindFramePointers
-                                                        : protocol::kUnwindTables;
-  const BacktraceSettings settings = {options.depth.value_or(protocol::kDefaultDepthOnLinux),
-                                      options.type.value_or(type)};
+  BacktraceSettings settings = DefaultSettings(program.image.machine);
+  settings.depth = options.depth.value_or(*settings.depth);
+  settings.type = options.type.value_or(*settings.type);
   return AddHooks(options, UpdateProperties(ReadProperties(root).value_or(""), settings));
 }
 
@@ -218,6 +205,20 @@ void SetLog(const std::string& log) {
 }
 
 }  // namespace
+
+std::string FindLibraries(const std::string& libdir, std::uint16_t machine) {
+  const std::vector<std::string> candidates = LibraryCandidates(libdir);
+  std::string found = FindTrackerLibraries(candidates, machine);
+  if (!found.empty()) return found;
+  std::string searched;
+  for (const std::string& candidate : candidates) {
+    searched += (searched.empty() ? "" : ", ") + candidate;
+  }
+  throw UserError("no " + std::string(protocol::kPreloadLibrary) + " and " +
+                      protocol::kTrackerLibrary + " for " + MachineName(machine) + " in " +
+                      searched,
+                  "name their directory with --libdir DIR");
+}
 
 void Launch(const RunOptions& options) {
   if (options.command.empty()) {

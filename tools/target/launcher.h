@@ -27,6 +27,10 @@ struct RunOptions {
   std::vector<std::string> command;  ///< program and arguments
 };
 
+/// The directory of the loader and the tracker for `machine`: `libdir`, or one near the controller
+/// if that is empty. Throws UserError if they are not there.
+std::string FindLibraries(const std::string& libdir, std::uint16_t machine);
+
 /// Checks program, emulator and libraries, writes the root directory, sets the environment and
 /// replaces this process by the program. Throws UserError on failure and never returns.
 [[noreturn]] void Launch(const RunOptions& options);

@@ -30,15 +30,6 @@ struct ListEntry {
   std::string name;
 };
 
-std::string FileOf(const ProcessInfo& process, const Mapping& mapping) {
-  if (!mapping.deleted) return process.outside + mapping.path;
-  // Another file may have its name now.
-  std::ostringstream path;
-  path << "/proc/" << process.pid << "/map_files/" << std::hex << mapping.start << "-"
-       << mapping.end;
-  return path.str();
-}
-
 // The files that are mapped from their start and are libraries for the process's machine or
 // unreadable.
 std::vector<LoadedLibrary> MappedLibraries(const ProcessInfo& process,
@@ -117,8 +108,17 @@ void MarkShadowed(std::vector<LoadedLibrary>* libraries) {
 
 }  // namespace
 
+std::string FileOf(const ProcessInfo& process, const Mapping& mapping) {
+  if (!mapping.deleted) return process.outside + mapping.path;
+  // Another file may have its name now.
+  std::ostringstream path;
+  path << "/proc/" << process.pid << "/map_files/" << std::hex << mapping.start << "-"
+       << mapping.end;
+  return path.str();
+}
+
 ProcessMemory::ProcessMemory(pid_t pid)
-    : file_(open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC)) {}
+    : file_(open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDWR | O_CLOEXEC)) {}
 
 ProcessMemory::~ProcessMemory() {
   if (file_ >= 0) close(file_);
@@ -129,6 +129,11 @@ std::optional<std::uint64_t> ProcessMemory::Word(std::uint64_t address) const {
   const ssize_t count = pread(file_, &word, sizeof(word), static_cast<off_t>(address));
   if (count != static_cast<ssize_t>(sizeof(word))) return std::nullopt;
   return word;
+}
+
+bool ProcessMemory::Write(std::uint64_t address, std::string_view bytes) const {
+  return pwrite(file_, bytes.data(), bytes.size(), static_cast<off_t>(address)) ==
+         static_cast<ssize_t>(bytes.size());
 }
 
 std::string ProcessMemory::Text(std::uint64_t address) const {

@@ -29,6 +29,8 @@ class ProcessMemory {
   bool IsOpen() const { return file_ >= 0; }
   /// The 64-bit word at `address`; nothing if it is unreadable.
   std::optional<std::uint64_t> Word(std::uint64_t address) const;
+  /// Writes `bytes` to `address`, in a process that stands still. Returns whether all were written.
+  bool Write(std::uint64_t address, std::string_view bytes) const;
   /// The string at `address`, up to 4095 bytes.
   std::string Text(std::uint64_t address) const;
 
@@ -51,6 +53,10 @@ struct LoadedLibraries {
   std::vector<LoadedLibrary> libraries;  ///< in the dynamic linker's order, if known
   std::vector<Mapping> mappings;
 };
+
+/// The file of `mapping` for this controller, also if the process has another root directory or the
+/// file was removed.
+std::string FileOf(const ProcessInfo& process, const Mapping& mapping);
 
 /// The machine whose code the process runs, under an emulator the guest's; 0 if unknown.
 std::uint16_t MachineOf(const ProcessInfo& process);

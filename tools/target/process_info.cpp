@@ -14,6 +14,10 @@ std::string ExpandPid(std::string_view text, pid_t pid) {
   return expanded;
 }
 
+bool ProcessInfo::IsDetached() const {
+  return state && !has_state_of_parent && (*state)->form == protocol::Form::kDetached;
+}
+
 std::string ProcessInfo::Label() const {
   return std::to_string(pid) + " (" + Printable(name) + ")";
 }

@@ -2,6 +2,7 @@
 // Properties files.
 #include "tools/target/root_directory.h"
 
+#include <elf.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/user_error.h"
+#include "tools/target/site.h"
 
 namespace memleak {
 namespace {
@@ -53,6 +55,12 @@ bool WriteAll(int file, std::string_view text) {
 }
 
 }  // namespace
+
+BacktraceSettings DefaultSettings(std::uint16_t machine) {
+  // On x86-64, system libraries have no frame pointers.
+  return {DefaultDepth(),
+          machine == EM_AARCH64 ? protocol::kUnwindFramePointers : protocol::kUnwindTables};
+}
 
 BacktraceSettings ParseSettings(std::string_view properties) {
   BacktraceSettings settings;
@@ -93,22 +101,25 @@ std::string WithProperty(std::string_view properties, const std::string& name,
 }
 
 void WriteProperties(const std::string& root, std::string_view properties) {
-  std::string path = JoinPath(root, protocol::kPropertiesFile);
+  WriteBelowRoot(root, protocol::kPropertiesFile, properties);
+}
+
+void WriteBelowRoot(const std::string& root, const char* name, std::string_view content) {
+  std::string path = JoinPath(root, name);
   protocol::Refusal refusal;
   const Descriptor directory(
       protocol::OpenDirectoryOf(path.data(), root.size(), protocol::Missing::kMake, refusal));
   if (directory.Number() < 0) {
     throw NotWritable(path.substr(0, refusal.path_bytes), refusal.Reason());
   }
-  const std::string fresh = protocol::kPropertiesFile + ("." + std::to_string(getpid()));
+  const std::string fresh = name + ("." + std::to_string(getpid()));
   // An earlier process with the same id may have left it.
   unlinkat(directory.Number(), fresh.c_str(), 0);
   const Descriptor file(
       protocol::OpenFile(directory.Number(), fresh.c_str(), protocol::Use::kCreate, refusal));
   if (file.Number() < 0) throw NotWritable(root, refusal.Reason());
-  if (WriteAll(file.Number(), properties) &&
-      renameat(directory.Number(), fresh.c_str(), directory.Number(), protocol::kPropertiesFile) ==
-          0) {
+  if (WriteAll(file.Number(), content) &&
+      renameat(directory.Number(), fresh.c_str(), directory.Number(), name) == 0) {
     return;
   }
   const int reason = errno;

@@ -15,6 +15,9 @@ struct BacktraceSettings {
   std::optional<char> type;  ///< protocol::kUnwindFramePointers or protocol::kUnwindTables
 };
 
+/// The settings of a process of `machine` that has none of its own.
+BacktraceSettings DefaultSettings(std::uint16_t machine);
+
 /// The settings in a properties text. Missing and invalid values stay unset; the last of several
 /// lines with one name counts, as for the tracker.
 BacktraceSettings ParseSettings(std::string_view properties);
@@ -30,6 +33,9 @@ std::string WithProperty(std::string_view properties, const std::string& name,
 /// missing `root`, private to the caller. Throws UserError if `root` is not writable, belongs to
 /// another user, is writable by others or is a link.
 void WriteProperties(const std::string& root, std::string_view properties);
+
+/// Does the same with any file `name` in `root`.
+void WriteBelowRoot(const std::string& root, const char* name, std::string_view content);
 
 /// The text of the properties file in `root`. Nothing if it is unreadable or WriteProperties would
 /// refuse `root`: the tracker does not read it either.

@@ -49,12 +49,13 @@ class PostedCommand {
   PostedCommand(const ProcessInfo& process, milliseconds timeout)
       : process_(process), state_(*process.state), timeout_(timeout) {}
 
-  void Post(std::uint64_t word, std::uint32_t parameter) {
+  void Post(protocol::Recipient recipient, std::uint64_t word, std::uint32_t parameter) {
     const Lock lock(*this);
     // Room for the command appears when the process carries out the oldest one.
     AwaitDone(state_->sent - protocol::kMaxPosted + 1);
     const std::uint64_t before = state_->sent;
     protocol::PostedCommand& posted = state_->posted[before % protocol::kMaxPosted];
+    posted.recipient = recipient;
     posted.word = word;
     posted.parameter = parameter;
     posted.error = 0;
@@ -73,6 +74,10 @@ class PostedCommand {
         "process " + process_.Label() +
             " cannot start the thread that carries out commands: " + std::strerror(error),
         "raise its limits (ulimit -u, ulimit -v), then try again");
+  }
+
+  microseconds Waited() const {
+    return std::chrono::duration_cast<microseconds>(steady_clock::now() - start_);
   }
 
  private:
@@ -119,10 +124,6 @@ class PostedCommand {
     }
   }
 
-  microseconds Waited() const {
-    return std::chrono::duration_cast<microseconds>(steady_clock::now() - start_);
-  }
-
   void CheckPatience() const {
     RequireRunning(process_);
     const std::string pid = std::to_string(process_.pid);
@@ -162,11 +163,17 @@ Carried SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_
     QueueCommand(process, word, parameter);
     return std::nullopt;
   }
-  const auto start = steady_clock::now();
   PostedCommand command(process, timeout);
-  command.Post(word, parameter);
+  command.Post(protocol::Recipient::kTracker, word, parameter);
   command.Await();
-  return std::chrono::duration_cast<microseconds>(steady_clock::now() - start);
+  return command.Waited();
+}
+
+Carried DetachFrom(const ProcessInfo& process) {
+  PostedCommand command(process, kCommandPatience);
+  command.Post(protocol::Recipient::kDetach, 0, 0);
+  command.Await();
+  return command.Waited();
 }
 
 std::string CarriedText(const Carried& carried) {

@@ -25,6 +25,10 @@ inline constexpr std::chrono::seconds kCommandPatience(60);
 Carried SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_t parameter,
                     std::chrono::milliseconds timeout = kCommandPatience);
 
+/// Makes the loader in an attached `process`, which has a state file, detach, and waits until it
+/// has. Throws UserError if it did not.
+Carried DetachFrom(const ProcessInfo& process);
+
 /// " (0.4 ms)", or on devices where the result is to be seen. Follows the result of a command.
 std::string CarriedText(const Carried& carried);
 

@@ -44,6 +44,7 @@ struct SiteAdvice {
   const char* find_pid;       ///< a command that finds a PID
   const char* permission;     ///< how to get permission to inspect and signal a process
   const char* with_tracker;   ///< follows "start it "
+  const char* load;           ///< a command that loads the tracker, before the PID; null: none
   const char* report_at_end;  ///< how to get a report of a process that ends
   const char* unseen;         ///< after a command whose result only the log shows
 };

@@ -75,6 +75,7 @@ const SiteAdvice& Advice() {
   static constexpr SiteAdvice kAdvice = {"pidof NAME (as root: other users see only their own)",
                                          "run it as root or as the app's user (run-as)",
                                          "with the tracker as its malloc debug library",
+                                         nullptr,
                                          "take the report before the process ends",
                                          "sent; for the result see: logcat -s MemLeak.Native"};
   return kAdvice;

@@ -1,79 +1,88 @@
 // SPDX-License-Identifier: Apache-2.0
-// The ages of a group's blocks, as a chart over the recorded time and in words.
+// The ages of a group's blocks: a small bar on a logarithmic scale, and in words.
 
-import { el, formatAge, formatCount, plural } from "./dom.js";
-import type { Group, Pattern } from "./profile.js";
+import type { Data } from "./data.js";
+import { el, formatAge, formatCount } from "./dom.js";
 
-const kBars = 24;
+const kWidth = 64; // pixels of a bar
 
-const kPatterns: Record<Pattern, string> = {
+const kMeaning = {
   growing: "Old blocks stay and new ones are added: it keeps growing.",
   settled: "No young blocks are held: allocated once and kept.",
   recent: "No old blocks are held: it began to grow recently, or its blocks are short-lived.",
   unknown: "Too few ages to see whether it grows.",
 };
 
-/** The pattern of the ages in a word; a dash if unknown. */
-export function patternWord({ pattern, ownAges }: Group): string {
-  if (pattern === undefined || pattern === "unknown") return "–";
-  return ownAges ? pattern : `perhaps ${pattern}`;
+/** "growing", "perhaps growing", or "" if unknown. */
+export function patternWord(data: Data, group: number): string {
+  const pattern = data.pattern(group);
+  if (pattern === "unknown") return "";
+  return data.groups.ownAges[group] === "1" ? pattern : `perhaps ${pattern}`;
 }
 
-/** The youngest and the oldest age. */
-export function ageText(group: Group): string {
-  if (group.ages.length === 0) return "–";
-  const [youngest, oldest] = ageRange(group);
+/** "2s–3m", "about 2s–3m", or a dash. */
+export function ageText(data: Data, group: number): string {
+  const [youngest, oldest] = [data.groups.youngest[group]!, data.groups.oldest[group]!];
+  if (oldest === null || youngest === null) return "–";
   const range = youngest === oldest ? formatAge(oldest) : `${formatAge(youngest)}–${formatAge(oldest)}`;
-  return group.ownAges ? range : `about ${range}`;
+  return data.groups.ownAges[group] === "1" ? range : `about ${range}`;
 }
 
-export function ageRange(group: Group): [youngest: number, oldest: number] {
-  let [youngest, oldest] = [Infinity, -Infinity];
-  for (const age of group.ages) {
-    youngest = Math.min(youngest, age);
-    oldest = Math.max(oldest, age);
+/** "1s to 4s: 700 blocks", for each age that has blocks. */
+export function ageCounts(data: Data, group: number): string[] {
+  const pairs = data.groups.ages[group]!;
+  const texts: string[] = [];
+  for (let i = 0; i < pairs.length; i += 2) {
+    const [from, to] = [data.ageBounds[pairs[i]!]!, data.ageBounds[pairs[i]! + 1]];
+    const range = to === undefined ? `${formatAge(from)} and older` : `${formatAge(from)} to ${formatAge(to)}`;
+    texts.push(`${range}: ${formatCount(pairs[i + 1]!)}`);
   }
-  return [youngest, oldest];
+  return texts;
 }
 
-/** Bars from the oldest (left) to the youngest age. All groups have the same time scale. */
-export function ageChart(group: Group, span: number): HTMLElement {
-  const bars = new Array<number>(kBars).fill(0);
-  for (const age of group.ages) {
-    const at = Math.floor((1 - age / span) * kBars);
-    const bar = Math.min(kBars - 1, Math.max(0, at));
-    bars[bar] = bars[bar]! + 1;
-  }
-  const highest = Math.max(1, ...bars);
-  const pattern = group.pattern ?? "unknown";
-  const text = `${group.ownAges || pattern === "unknown" ? "" : "Perhaps: "}${kPatterns[pattern]}`;
-  const chart = el("div", { class: "ages", role: "img", "aria-label": `Ages: ${text}` });
-  for (const count of bars) {
-    const bar = el("i", { title: `${count} blocks` });
-    bar.style.height = `${Math.round((100 * count) / highest)}%`;
-    chart.append(bar);
-  }
-  const known = group.ages.length;
-  const sample = group.ageCounts?.length
-    ? `The youngest and the oldest of ${plural(group.count, "block")}`
-    : !group.ownAges
-    ? `Ages of ${plural(known, "block")} with this stack, perhaps of other sizes`
-    : known < group.count
-      ? `Ages of ${known} of ${formatCount(group.count)} blocks`
-      : `Ages of all ${formatCount(known)} blocks`;
-  return el(
-    "figure",
-    { class: "age-figure" },
-    el("figcaption", {}, text),
-    known > 0 ? chart : null,
-    known > 0
-      ? el(
-          "div",
-          { class: "age-axis" },
-          el("span", {}, `${formatAge(span)} ago`),
-          el("span", {}, `${sample}: ${ageText(group)}`),
-          el("span", {}, "report"),
-        )
-      : null,
-  );
+/** What the ages show about growth, in a sentence. */
+export function ageSentence(data: Data, group: number): string {
+  const pattern = data.pattern(group);
+  const sure = pattern === "unknown" || data.groups.ownAges[group] === "1";
+  return `${sure ? "" : "Perhaps: "}${kMeaning[pattern]}`;
+}
+
+/** Bars from young (left) to old, on the scale of the whole report. None for one block. */
+export function ageBar(data: Data, group: number): Node | string {
+  const pairs = data.groups.ages[group]!;
+  if (data.groups.count[group]! < 2 || pairs.length === 0) return "";
+  const counts = new Array<number>(data.ageScale).fill(0);
+  for (let i = 0; i < pairs.length; i += 2) counts[pairs[i]!] = pairs[i + 1]!;
+  const most = Math.max(...counts);
+  const [step, height] = [Math.floor(kWidth / counts.length), 16];
+  let path = "";
+  counts.forEach((count, index) => {
+    if (count === 0) return;
+    const bar = Math.max(2, Math.round((height * count) / most));
+    path += `M${index * step} ${height}v-${bar}h${step - 1}v${bar}z`;
+  });
+  const width = counts.length * step;
+  const svg = svgElement("svg", { class: "ages", viewBox: `0 0 ${width} ${height}`, width, height });
+  svg.setAttribute("role", "img");
+  svg.setAttribute("aria-label", `Blocks by age: ${ageCounts(data, group).join("; ")}`);
+  const title = svgElement("title", {});
+  title.textContent = ageCounts(data, group).join("\n");
+  svg.append(title, svgElement("path", { class: "scale", d: `M0 ${height - 0.5}h${width}` }), svgElement("path", { d: path }));
+  return svg;
+}
+
+export function svgElement(name: string, attributes: Record<string, string | number>): SVGElement {
+  const element = document.createElementNS("http://www.w3.org/2000/svg", name);
+  for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, String(value));
+  return element;
+}
+
+/** A figure of the ages' meaning for the growth tab: the words of each pattern. */
+export function patternMeaning(pattern: keyof typeof kMeaning): string {
+  return kMeaning[pattern];
+}
+
+/** The text with a faint look. */
+export function faint(text: string): HTMLElement {
+  return el("small", {}, text);
 }

@@ -1,62 +1,123 @@
 // SPDX-License-Identifier: Apache-2.0
-// Colours of flame graph boxes and of their legend. Boxes have dark text in the light and the dark
-// scheme, so all colours are light.
+// Colours of flame graph boxes, bars and legends: the hue tells the library, the shade the function.
+// Light boxes have dark text; in the dark scheme boxes are dark and muted, with light text.
 
-import type { Profile } from "./profile.js";
+import type { Data } from "./data.js";
 import type { TreeNode } from "./tree.js";
 
 export type ColourBy = "library" | "change";
 
-export const kMatchColour = "hsl(300 85% 72%)";
-/** A box for several small ones, some of which match. */
-export const kNearMatchColour = "hsl(300 50% 84%)";
-export const kPlainColour = "hsl(220 8% 76%)";
+const kDark = window.matchMedia("(prefers-color-scheme: dark)");
+let printing = false;
+
+/** Paper is light. */
+export function setPrinting(on: boolean): void {
+  printing = on;
+}
+
+export function isDark(): boolean {
+  return kDark.matches && !printing;
+}
+
+/** Calls `changed` when the scheme of the system changes. */
+export function onSchemeChange(changed: () => void): void {
+  kDark.addEventListener("change", changed);
+}
+
+export interface Palette {
+  text: string;
+  line: string; // around boxes
+  plain: string;
+  match: string;
+  nearMatch: string; // a box for several small ones, some of which match
+  mark: string;
+}
+
+export function palette(): Palette {
+  return isDark()
+    ? {
+        ...{ text: "#e8ebee", line: "#16191d", plain: "hsl(215 8% 27%)", mark: "#fff" },
+        ...{ match: "hsl(300 45% 45%)", nearMatch: "hsl(300 22% 34%)" },
+      }
+    : {
+        ...{ text: "#14181c", line: "#fff", plain: "hsl(215 12% 86%)", mark: "#14181c" },
+        ...{ match: "hsl(300 80% 74%)", nearMatch: "hsl(300 40% 86%)" },
+      };
+}
 
 /** Hues by weight: those of the largest libraries differ most. */
 export class LibraryColours {
-  /** Libraries by the bytes of the groups that have them on their stacks, largest first. */
-  readonly ranking: { library: number; bytes: number }[];
-  private readonly colours = new Map<number, string>();
+  private ranked: { library: number; bytes: number }[] | null = null;
+  private readonly rank = new Map<number, number>();
 
-  constructor(profile: Profile) {
-    const bytes = new Map<number, number>();
-    for (const group of profile.doc.groups) {
-      for (const library of new Set(group.stack.map((at) => profile.doc.frames[at]!.library))) {
-        bytes.set(library, (bytes.get(library) ?? 0) + Math.max(group.total, group.before?.total ?? 0));
-      }
-    }
-    this.ranking = [...bytes]
-      .map(([library, total]) => ({ library, bytes: total }))
-      .sort((a, b) => b.bytes - a.bytes);
-    let rank = 0;
-    for (const { library } of this.ranking) {
-      if (library < 0) continue;
-      const hue = Math.round(28 + 137.5 * rank) % 360;
-      this.colours.set(library, `hsl(${hue} ${rank < 12 ? 70 : 35}% 70%)`);
-      ++rank;
-    }
+  constructor(private readonly data: Data) {}
+
+  /** Libraries by the bytes of the groups that have them on their stacks, largest first. */
+  get ranking(): { library: number; bytes: number }[] {
+    return (this.ranked ??= this.findRanking());
   }
 
-  of(library: number): string {
-    return this.colours.get(library) ?? kPlainColour;
+  private findRanking(): { library: number; bytes: number }[] {
+    const { data } = this;
+    const { start, functions } = data.stacks;
+    const bytes = new Float64Array(data.libraries.length);
+    const libraryOf = Int32Array.from(data.functions, (info) => info.library);
+    const last = new Int32Array(data.libraries.length).fill(-1); // group that was counted
+    for (let group = 0; group < data.count; ++group) {
+      const width = data.width(group, "bytes");
+      for (let at = start[group]!; at < start[group + 1]!; ++at) {
+        const library = libraryOf[functions[at]!]!;
+        if (library < 0 || last[library] === group) continue;
+        last[library] = group;
+        bytes[library]! += width;
+      }
+    }
+    const ranking = [...bytes.keys()]
+      .map((library) => ({ library, bytes: bytes[library]! }))
+      .filter((entry) => entry.bytes > 0)
+      .sort((a, b) => b.bytes - a.bytes);
+    ranking.forEach(({ library }, rank) => this.rank.set(library, rank));
+    return ranking;
+  }
+
+  /** The colour of a library, in the middle of its functions' shades. */
+  of(library: number, shade = 0): string {
+    this.ranked ??= this.findRanking();
+    const rank = this.rank.get(library);
+    if (rank === undefined) return palette().plain;
+    const hue = Math.round(28 + 137.5 * rank) % 360;
+    const rare = rank >= 12;
+    return isDark()
+      ? `hsl(${hue} ${rare ? 14 : 30}% ${33 + 6 * shade}%)`
+      : `hsl(${hue} ${rare ? 30 : 62}% ${74 + 8 * shade}%)`;
+  }
+
+  ofFunction(id: number): string {
+    // Spreads neighbouring numbers over -1 to 1.
+    const shade = ((Math.imul(id + 1, 0x9e3779b1) >>> 16) & 255) / 127.5 - 1;
+    const { library, unresolved } = this.data.functions[id]!;
+    return id === this.data.cutFunction ? palette().plain : this.of(library, unresolved ? 0 : shade);
   }
 }
 
-/** Warm for growth, blue for shrinking, and the darker the larger the change is. */
+/** Orange for growth, blue for shrinking; the stronger the larger the change is. */
 export function changeColour(node: TreeNode): string {
-  return node.width === 0 ? kPlainColour : shade((node.after - node.before) / node.width);
+  return node.width === 0 ? palette().plain : changeShade((node.after - node.before) / node.width);
 }
 
 /** The colour of a change by `share` of a whole, -1 to 1. */
-function shade(share: number): string {
-  if (share === 0) return kPlainColour;
-  const lightness = Math.round(86 - 26 * Math.min(1, Math.abs(share)));
-  return share > 0 ? `hsl(14 90% ${lightness}%)` : `hsl(212 85% ${lightness}%)`;
+export function changeShade(share: number): string {
+  if (share === 0) return palette().plain;
+  const size = Math.min(1, Math.abs(share));
+  const hue = share > 0 ? 26 : 212;
+  return isDark()
+    ? `hsl(${hue} ${Math.round(35 + 45 * size)}% ${Math.round(28 + 8 * size)}%)`
+    : `hsl(${hue} 90% ${Math.round(86 - 22 * size)}%)`;
 }
 
 /** The colours of changes and their meaning. */
-export const kChangeKey: readonly (readonly [string, string])[] = [
-  [shade(1), "grew or new"],
-  [shade(-1), "shrank or gone"],
-  [kPlainColour, "unchanged or not judged"],
+export const kChangeKey: readonly (readonly [number, string])[] = [
+  [1, "grew or new"],
+  [-1, "shrank or gone"],
+  [0, "unchanged or not judged"],
 ];

@@ -2,6 +2,8 @@
 // Builds elements and formats figures. Texts are always set as text, never as markup: names come from
 // the watched program.
 
+import { cutText } from "./names.js";
+
 type Child = Node | string | null;
 
 /** An element with attributes ("on…" members are listeners, `false` leaves one out) and children. */
@@ -41,10 +43,6 @@ export function longText(text: string, limit: number): HTMLElement {
     more,
   );
   return el("span", { class: "long" }, shown, " ", button);
-}
-
-export function cutText(text: string, limit: number): string {
-  return text.length <= limit ? text : text.slice(0, limit) + "…";
 }
 
 export function formatCount(count: number): string {
@@ -102,13 +100,10 @@ export function formatShare(part: number, whole: number): string {
 export function choice<T extends string>(
   label: string,
   values: [T, string][],
-  initial: T,
   changed: (value: T) => void,
 ): HTMLElement {
   const select = el("select", { onchange: () => changed(select.value as T) });
-  for (const [value, text] of values) {
-    select.append(el("option", { value, selected: value === initial }, text));
-  }
+  for (const [value, text] of values) select.append(el("option", { value }, text));
   return el("label", {}, label, " ", select);
 }
 
@@ -119,4 +114,12 @@ export function settled(delay: number, action: () => void): () => void {
     window.clearTimeout(timer);
     timer = window.setTimeout(action, delay);
   };
+}
+
+/** A bar for a share of 0 to 1, with a darker part for `inner`, and its per cent as text. */
+export function shareBar(share: number, inner = share): HTMLElement {
+  const bar = el("span", { class: "bar", "aria-hidden": "true" });
+  bar.style.setProperty("--share", `${(100 * Math.min(1, share)).toFixed(2)}%`);
+  bar.style.setProperty("--inner", `${(100 * Math.min(1, inner)).toFixed(2)}%`);
+  return bar;
 }

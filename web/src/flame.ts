@@ -1,235 +1,222 @@
 // SPDX-License-Identifier: Apache-2.0
-// The flame graph: zoom, search and keyboard. The library lays out and draws the boxes. It gets only
-// the visible ones, at every zoom.
+// A flame graph on a canvas: layout, zoom, search and keyboard. A canvas draws thousands of boxes in
+// a few milliseconds, and needs no elements for them.
 
-import flamegraph, { type LayoutNode } from "d3-flame-graph";
-import { select, selection } from "d3-selection";
-import { changeColour, type ColourBy, kMatchColour, kNearMatchColour, kPlainColour, LibraryColours } from "./colours.js";
-import { cutText, el, formatBytes, formatShare, longText, plural, signed } from "./dom.js";
-import type { Measure, Profile } from "./profile.js";
-import { CallTree, cut, type Drawn, type TreeNode } from "./tree.js";
+import { changeColour, type ColourBy, type LibraryColours, palette } from "./colours.js";
+import type { Data } from "./data.js";
+import { el, formatBytes, formatShare, plural, signed } from "./dom.js";
+import { cutText } from "./names.js";
+import type { Found } from "./search.js";
+import { type Box, type CallTree, kRest, kRoot, layOut, type TreeNode } from "./tree.js";
 
-// Each box costs four elements. With more boxes, single ones cannot be distinguished.
-const kMaxBoxes = 700;
-const kMinPixels = 2;
-const kCellHeight = 19;
-const kTitleHeight = 2 * kCellHeight; // reserved by the library
-const kNameLimit = 200;
+const kLevel = 20; // pixels
+const kLeast = 1.5; // narrower boxes are gathered
+const kLeastLabel = 28;
+const kMaxPixels = 32000; // of a canvas, in all browsers
+const kPrintWidth = 1040;
 
-// The library draws by transitions, which take several frames even with a duration of 0. With the
-// selection itself in place of a transition, changes take effect at once.
-function same(this: unknown): unknown {
-  return this;
-}
-Object.assign(selection.prototype, { transition: same, delay: same, duration: same, ease: same });
-
-export class FlameView {
+export class FlameGraph {
   readonly element: HTMLElement;
-  private measure: Measure = "bytes";
-  private readonly canvas = el("div", {
-    id: "flame",
-    tabindex: 0,
-    role: "application",
-    "aria-label":
-      "Flame graph. Arrow keys move between frames, Enter zooms in, Escape zooms out.",
-    "aria-describedby": "flame-details",
-  });
-  private readonly details = el("div", { id: "flame-details", "aria-live": "polite" });
-  private readonly chart = flamegraph<Drawn>();
-  private tree: CallTree;
+  private readonly canvas = el("canvas");
+  private readonly scroller = el(
+    "div",
+    {
+      ...{ class: "flame", tabindex: 0, role: "application" },
+      "aria-label": "Flame graph. Arrow keys move between frames, Enter zooms in, Escape zooms out.",
+    },
+    this.canvas,
+  );
+  private readonly details = el("p", { class: "flame-details", "aria-live": "polite" });
+  private boxes: Box[] = [];
+  private current: Box | null = null;
+  private found: Found | null = null;
   private focus: TreeNode;
-  private current: LayoutNode<Drawn> | null = null;
-  private matches: Set<number> | null = null;
-  private matched = new Set<number>();
-  private drawn = false;
-  private fromAllocation = false;
-  private rootOnTop = true;
-  colourBy: ColourBy;
+  private printing = false;
+  private drawn = 0; // width
 
   constructor(
-    private readonly profile: Profile,
+    private readonly data: Data,
     private readonly colours: LibraryColours,
-    private groups: number[],
-    private readonly zoomed: (node: TreeNode | null) => void,
+    private readonly colourBy: ColourBy,
+    private tree: CallTree,
+    private readonly zoomed: (node: TreeNode) => void,
   ) {
-    this.colourBy = profile.isDiff ? "change" : "library";
-    this.tree = this.grow();
-    this.focus = this.tree.root;
-    this.element = el("div", { class: "flame-view" }, this.canvas, this.details);
-    this.chart
-      .cellHeight(kCellHeight)
-      .resetHeightOnZoom(true)
-      .setColorMapper((node) => this.colour(node.data.node))
-      .setLabelHandler((node) => this.label(node.data.node))
-      .onHover((node) => this.describe(node.data.node));
-    // Before the library's own zoom, which knows only the drawn boxes.
-    this.canvas.addEventListener("click", (event) => this.clicked(event), true);
-    this.canvas.addEventListener("keydown", (event) => this.pressed(event));
-    this.canvas.addEventListener("mouseleave", () => this.describe(this.focus));
-    this.canvas.addEventListener("blur", () => this.mark(null));
-    new ResizeObserver(() => this.draw()).observe(this.canvas);
+    this.focus = tree.root;
+    this.element = el("div", { class: "flame-view" }, this.details, this.scroller);
+    this.canvas.addEventListener("click", (event) => {
+      const box = this.boxAt(event);
+      if (box) this.zoom(box.node);
+    });
+    this.canvas.addEventListener("mousemove", (event) => {
+      const box = this.boxAt(event);
+      this.canvas.style.cursor = box ? "pointer" : "";
+      this.mark(box, false);
+    });
+    this.canvas.addEventListener("mouseleave", () => this.mark(null, false));
+    this.scroller.addEventListener("keydown", (event) => this.pressed(event));
+    this.scroller.addEventListener("blur", () => this.mark(null, false));
+    new ResizeObserver(() => {
+      if (this.scroller.clientWidth !== this.drawn) this.draw();
+    }).observe(this.scroller);
   }
 
-  /** Shows these groups, from the top. */
-  setGroups(groups: number[]): void {
-    this.groups = groups;
-    this.rebuild();
-  }
-
-  setMeasure(measure: Measure): void {
-    this.measure = measure;
-    this.rebuild();
-  }
-
-  setDirection(fromAllocation: boolean): void {
-    this.fromAllocation = fromAllocation;
-    this.rebuild();
-  }
-
-  setColourBy(colourBy: ColourBy): void {
-    this.colourBy = colourBy;
+  /** Shows another tree from its root. Does not report a zoom. */
+  show(tree: CallTree): void {
+    this.tree = tree;
+    this.focus = tree.root;
     this.draw();
   }
 
-  flip(rootOnTop: boolean): void {
-    this.rootOnTop = rootOnTop;
-    this.canvas.classList.toggle("flipped", !rootOnTop);
-    this.draw();
-    if (!rootOnTop) this.canvas.scrollTop = this.canvas.scrollHeight;
-  }
-
-  /** Marks frames, or none for null. `groups` are the groups with one of them on their stacks. */
-  highlight(frames: Set<number> | null, groups: Iterable<number>): void {
-    this.matches = frames;
-    this.matched = new Set(groups);
-    this.draw();
-  }
-
-  zoom(node: TreeNode): void {
+  /** Zooms to a node without reporting it. */
+  setFocus(node: TreeNode): void {
     this.focus = node;
     this.draw();
-    this.describe(node);
-    this.zoomed(node === this.tree.root ? null : node);
   }
 
-  reset(): void {
-    this.zoom(this.tree.root);
+  /** Marks the boxes of the found functions, or none. */
+  highlight(found: Found | null): void {
+    this.found = found;
+    this.draw();
   }
 
-  private grow(): CallTree {
-    const options = { measure: this.measure, fromAllocation: this.fromAllocation };
-    return new CallTree(this.profile, options, this.groups);
+  /** Draws for paper, whose width the element does not have yet. */
+  setPrinting(on: boolean): void {
+    this.printing = on;
+    this.draw();
   }
 
-  private rebuild(): void {
-    this.tree = this.grow();
-    this.reset();
-  }
-
-  private draw(): void {
-    const width = this.canvas.clientWidth;
+  draw(): void {
+    const width = this.printing ? kPrintWidth : this.scroller.clientWidth;
     if (width === 0) return;
+    this.drawn = width;
     this.current = null;
-    const data = cut(this.tree, this.focus, kMaxBoxes, kMinPixels / width);
-    this.chart.width(width).inverted(this.rootOnTop);
-    if (this.drawn) {
-      this.chart.update(data);
-    } else {
-      this.drawn = true;
-      select(this.canvas).datum(data).call(this.chart);
-      this.describe(this.focus);
-    }
-    this.crop(width);
+    this.boxes = layOut(this.tree, this.focus, width, kLeast);
+    this.paint();
+    this.describe(this.focus);
   }
 
-  /** Cuts off the space for a title, opposite the root. The view box lets printing scale the rest. */
-  private crop(width: number): void {
-    const svg = this.canvas.querySelector("svg")!;
-    const height = Number(svg.getAttribute("height")) - kTitleHeight;
-    svg.setAttribute("height", String(height));
-    svg.setAttribute("viewBox", `0 ${this.rootOnTop ? 0 : kTitleHeight} ${width} ${height}`);
+  private paint(): void {
+    const levels = 1 + this.boxes.reduce((most, { level }) => Math.max(most, level), 0);
+    const height = levels * kLevel;
+    const ratio = Math.min(Math.max(window.devicePixelRatio, this.printing ? 2 : 1), kMaxPixels / height);
+    this.canvas.width = Math.round(this.drawn * ratio);
+    this.canvas.height = Math.round(height * ratio);
+    this.canvas.style.height = this.printing ? "auto" : `${height}px`;
+    const context = this.canvas.getContext("2d")!;
+    context.scale(ratio, ratio);
+    context.font = "12px system-ui, sans-serif";
+    context.textBaseline = "middle";
+    const colours = palette();
+    for (const box of this.boxes) {
+      const { node, x, width } = box;
+      const y = box.level * kLevel;
+      context.globalAlpha = isAncestor(node, this.focus) ? 0.6 : 1;
+      context.fillStyle = this.colour(node);
+      context.fillRect(x, y, Math.max(width - 0.6, 0.5), kLevel - 1);
+      if (width < kLeastLabel) continue;
+      context.fillStyle = colours.text;
+      context.fillText(fit(context, this.name(node), width - 8), x + 4, y + kLevel / 2, width - 6);
+    }
+    context.globalAlpha = 1;
+    if (this.current) {
+      const { x, width, level } = this.current;
+      context.strokeStyle = colours.mark;
+      context.lineWidth = 2;
+      context.strokeRect(x + 1, level * kLevel + 1, Math.max(width - 2, 1), kLevel - 3);
+    }
   }
 
   private colour(node: TreeNode): string {
-    if (this.matches) {
-      const frames = this.profile.functionOf;
-      if (node.frame >= 0 && this.matches.has(frames[node.frame]!)) return kMatchColour;
-      const gathered = node.frame < 0 && node.parent !== null;
-      const within = gathered && node.groups.some((group) => this.matched.has(group));
-      return within ? kNearMatchColour : kPlainColour;
+    const colours = palette();
+    if (this.found) {
+      if (node.id >= 0 && this.found.functions[node.id] === 1) return colours.match;
+      const { groups } = this.found;
+      const near = node.id === kRest && this.tree.groupsOf(node).some((group) => groups[group] === 1);
+      return near ? colours.nearMatch : colours.plain;
     }
-    if (this.colourBy === "change") return changeColour(node);
-    return this.colours.of(this.profile.doc.frames[node.frame]?.library ?? -1);
+    if (node.id < 0) return colours.plain;
+    return this.colourBy === "change" ? changeColour(node) : this.colours.ofFunction(node.id);
   }
 
-  private figures(node: TreeNode): string {
-    const format = this.measure === "bytes" ? formatBytes : blocks;
-    const share = `${formatShare(node.width, this.tree.root.width)} of what is drawn`;
-    if (!this.profile.isDiff) return `${format(node.after)}, ${share}`;
-    const change = signed(node.after - node.before, format);
-    const judged = `${format(node.before)} → ${format(node.after)} (${change})`;
-    if (node.notJudged === 0) return `${judged}, ${share}`;
-    const rest = `${plural(node.notJudged, "group")} not judged`;
-    return node.notJudged === node.groups.length ? `${rest}, ${share}` : `${judged}, ${rest}, ${share}`;
-  }
-
-  private label(node: TreeNode): string {
-    return `${cutText(node.name, kNameLimit)}\n${this.figures(node)}`;
+  private name(node: TreeNode): string {
+    if (node.id === kRest) return `${node.children!.length.toLocaleString("en-US")} smaller`;
+    return node.id === kRoot ? "all" : this.data.functions[node.id]!.short;
   }
 
   private describe(node: TreeNode): void {
-    const frame = this.profile.doc.frames[node.frame];
-    const library = frame ? this.profile.libraryName(frame) : "";
+    const { measure } = this.tree.walk;
+    const format = measure === "bytes" ? formatBytes : blocks;
+    const info = this.data.functions[node.id];
+    const library = info ? this.data.libraryName(info.library) : "";
+    const share = formatShare(node.width, this.tree.root.width);
+    const parts = [format(node.after), share];
+    if (this.data.isDiff) {
+      parts[0] = `${format(node.before)} → ${format(node.after)} (${signed(node.after - node.before, format)})`;
+      if (node.notJudged === node.end - node.begin) parts.shift();
+      if (node.notJudged > 0) parts.push(`${plural(node.notJudged, "group")} not judged`);
+    }
+    const name = info?.name ?? this.name(node);
     this.details.replaceChildren(
-      longText(node.name, kNameLimit),
+      el("strong", {}, parts.join(", ")),
+      " ",
+      el("code", {}, cutText(name, 400)),
       library === "" ? "" : ` in ${library}`,
-      ` — ${this.figures(node)}`,
     );
+    this.details.title = cutText(name, 2000);
   }
 
-  private boxes(): SVGGElement[] {
-    return [...this.canvas.querySelectorAll<SVGGElement>("g.frame")];
+  private boxAt(event: MouseEvent): Box | null {
+    const frame = this.canvas.getBoundingClientRect();
+    const x = ((event.clientX - frame.left) * this.drawn) / frame.width;
+    const level = Math.floor((event.clientY - frame.top) / kLevel);
+    return this.boxes.find((box) => box.level === level && x >= box.x && x < box.x + box.width) ?? null;
   }
 
-  private clicked(event: Event): void {
-    const box = (event.target as Element).closest("g.frame");
-    if (!box) return;
-    event.stopPropagation();
-    this.zoom(layout(box).data.node);
+  private zoom(node: TreeNode): void {
+    this.setFocus(node);
+    this.zoomed(node);
   }
 
   private pressed(event: KeyboardEvent): void {
-    const start = this.boxes().map(layout).find((node) => node.data.node === this.focus);
-    const current = this.current ?? start;
-    if (!current) return;
-    const moves: Record<string, () => LayoutNode<Drawn> | null | undefined> = {
-      [this.rootOnTop ? "ArrowDown" : "ArrowUp"]: () => current.children?.[0],
-      [this.rootOnTop ? "ArrowUp" : "ArrowDown"]: () => current.parent,
-      ArrowLeft: () => sibling(current, -1),
-      ArrowRight: () => sibling(current, 1),
-      Home: () => start,
+    const { boxes } = this;
+    const current = this.current ?? boxes.find(({ node }) => node === this.focus)!;
+    const level = (by: number) => boxes.filter((box) => box.level === current.level + by);
+    const inside = (box: Box) => box.x >= current.x - 0.01 && box.x < current.x + current.width;
+    const beside = (by: number) => {
+      const row = level(0).sort((a, b) => a.x - b.x);
+      return row[row.indexOf(current) + by];
+    };
+    const moves: Record<string, () => Box | undefined> = {
+      ArrowDown: () => level(1).filter(inside).sort((a, b) => a.x - b.x)[0],
+      ArrowUp: () => level(-1).find((box) => box.x <= current.x + 0.01 && current.x < box.x + box.width),
+      ArrowLeft: () => beside(-1),
+      ArrowRight: () => beside(1),
+      Home: () => boxes[0],
     };
     if (event.key === "Enter") {
-      this.zoom(current.data.node);
+      this.zoom(current.node);
     } else if (event.key === "Escape") {
       this.zoom(this.focus.parent ?? this.focus);
     } else if (event.key in moves) {
-      this.mark(moves[event.key]!() ?? current);
+      this.mark(moves[event.key]!() ?? current, true);
     } else {
       return;
     }
     event.preventDefault();
+    event.stopPropagation();
   }
 
-  /** Outlines the current box of the keyboard. */
-  private mark(node: LayoutNode<Drawn> | null): void {
-    this.current = node;
-    for (const box of this.boxes()) {
-      const here = node !== null && layout(box) === node;
-      box.classList.toggle("current", here);
-      if (here) box.scrollIntoView({ block: "nearest" });
-    }
-    if (node) this.describe(node.data.node);
+  /** Outlines a box, and describes it, or the focus for null. */
+  private mark(box: Box | null, scroll: boolean): void {
+    if (box === this.current) return;
+    this.current = box;
+    this.paint();
+    this.describe(box?.node ?? this.focus);
+    if (!box || !scroll) return;
+    const top = box.level * kLevel;
+    const { scrollTop, clientHeight } = this.scroller;
+    if (top < scrollTop) this.scroller.scrollTop = top;
+    if (top + kLevel > scrollTop + clientHeight) this.scroller.scrollTop = top + kLevel - clientHeight;
   }
 }
 
@@ -237,11 +224,36 @@ function blocks(count: number): string {
   return plural(count, "block");
 }
 
-function layout(box: Element): LayoutNode<Drawn> {
-  return (box as unknown as { __data__: LayoutNode<Drawn> }).__data__;
+function isAncestor(node: TreeNode, focus: TreeNode): boolean {
+  for (let at = focus.parent; at; at = at.parent) if (at === node) return true;
+  return false;
 }
 
-function sibling(node: LayoutNode<Drawn>, step: number): LayoutNode<Drawn> | undefined {
-  const all = node.parent?.children ?? [];
-  return all[all.indexOf(node) + step];
+/** `text`, cut at its end to fit into `width` pixels. */
+function fit(context: CanvasRenderingContext2D, text: string, width: number): string {
+  const whole = cutText(text, 300);
+  const needed = context.measureText(whole).width;
+  if (needed <= width) return whole;
+  const length = Math.floor((whole.length * width) / needed) - 1;
+  return length < 1 ? "" : whole.slice(0, length) + "…";
+}
+
+/** The path of a node as text: the functions from the root, "3.17.4". */
+export function pathOf(node: TreeNode): string {
+  const ids: number[] = [];
+  for (let at: TreeNode | null = node; at && at.id !== kRoot; at = at.parent) {
+    if (at.id >= 0) ids.unshift(at.id);
+  }
+  return ids.join(".");
+}
+
+/** The node at a path; the last existing one if the path is not in the tree. */
+export function nodeAt(tree: CallTree, path: string): TreeNode {
+  let node = tree.root;
+  for (const id of path === "" ? [] : path.split(".").map(Number)) {
+    const next: TreeNode | undefined = tree.children(node).find((child) => child.id === id);
+    if (!next) break;
+    node = next;
+  }
+  return node;
 }

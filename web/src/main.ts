@@ -1,240 +1,241 @@
 // SPDX-License-Identifier: Apache-2.0
-// Starts the page: reads its document and puts its parts together.
+// Starts the page: reads its data, and shows the tab, search and zoom of the URL.
 
 import "./style.css";
-import { LibraryColours, type ColourBy } from "./colours.js";
-import { choice, el, formatBytes, formatCount, longText, settled } from "./dom.js";
-import { FlameView } from "./flame.js";
-import { changeLegend, libraryLegend } from "./legend.js";
-import { matchingFrames, type Measure, type Profile, readProfile } from "./profile.js";
+import "./views.css";
+import "./media.css";
+import { LibraryColours, onSchemeChange, setPrinting } from "./colours.js";
+import { type Data, readData } from "./data.js";
+import { el, formatBytes, formatCount, formatShare, settled } from "./dom.js";
+import { FlameTab } from "./flame_tab.js";
+import { FunctionsTab, sumsBy } from "./functions.js";
+import { growthView } from "./growth.js";
+import { LibrariesTab } from "./libraries.js";
+import { type Found, search } from "./search.js";
+import { StacksTab } from "./stacks.js";
+import { kTabs, readState, type State, type Tab, writeState } from "./state.js";
 import { summary } from "./summary.js";
-import { GroupTable } from "./table.js";
-import type { TreeNode } from "./tree.js";
 
-const kTypingPause = 150; // milliseconds
+const kTypingPause = 120; // milliseconds
+
+const kTitles: Record<Tab, string> = {
+  functions: "Functions",
+  flame: "Flame graph",
+  stacks: "Stacks",
+  libraries: "Libraries",
+  growth: "Growth",
+};
 
 type Kind = "all" | "native" | "java";
 
 class Page {
+  private state = readState();
+  private found: Found | null = null;
   private readonly colours: LibraryColours;
-  private readonly flame: FlameView;
-  private readonly table: GroupTable;
-  private readonly found = el("output", { id: "found" });
-  private readonly zoomPath = el("div", { id: "zoom-path" });
-  private readonly resetButton = el(
-    "button",
-    { type: "button", id: "reset", disabled: true, onclick: () => this.flame.reset() },
-    "Reset zoom",
-  );
-  private readonly search = el("input", {
-    ...{ type: "search", id: "search", placeholder: "function, library or /pattern/" },
-    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear" },
+  private readonly sums;
+  private readonly all: number[];
+  private readonly panels = new Map<Tab, HTMLElement>();
+  private readonly tabs = new Map<Tab, HTMLElement>();
+  /** The parts of each tab. They are made when the tab is first shown. */
+  private readonly views = new Map<Tab, () => void>();
+  private readonly graphs: FlameTab[] = [];
+  private readonly result = el("output", { id: "found" });
+  private readonly input = el("input", {
+    ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear", "aria-label": "Search" },
     oninput: settled(kTypingPause, () => this.searched()),
+    onchange: () => this.searched(), // at once with Enter
   });
-  private readonly filter = el("input", {
-    ...{ type: "search", id: "filter", placeholder: "function, library or /pattern/" },
-    oninput: settled(kTypingPause, () => this.showRows()),
-  });
-  private readonly libraryLegend: HTMLElement;
-  private readonly changeLegend: HTMLElement;
-  private kind: Kind = "all";
-  private status = "all";
-  private within: TreeNode | null = null;
 
-  constructor(private readonly profile: Profile) {
-    this.colours = new LibraryColours(profile);
-    this.table = new GroupTable(profile);
-    this.flame = new FlameView(profile, this.colours, this.groupsOfKind(), (node) => {
-      this.within = node;
-      this.showZoom();
-      this.showRows();
-    });
-    this.libraryLegend = libraryLegend(profile, this.colours);
-    this.changeLegend = changeLegend();
-    this.colourBy(profile.isDiff ? "change" : "library");
-    this.showRows();
+  constructor(private readonly data: Data) {
+    this.colours = new LibraryColours(data);
+    this.sums = sumsBy(data, data.functions.length, (id) => id);
+    this.all = [...Array(data.count).keys()];
+    document.body.replaceChildren(summary(data), this.bar(), this.main());
     document.addEventListener("keydown", (event) => this.pressed(event));
-  }
-
-  elements(): Element[] {
-    return [
-      summary(this.profile),
-      el(
-        "main",
-        {},
-        el("h2", {}, "Call stacks"),
-        this.flameControls(),
-        this.zoomPath,
-        this.flame.element,
-        this.libraryLegend,
-        this.changeLegend,
-        el("h2", {}, "Groups"),
-        el("p", { class: "hint" }, "Blocks with one stack, in a report of one size. A row opens to its stack."),
-        this.tableControls(),
-        this.table.element,
-      ),
-    ];
-  }
-
-  private flameControls(): HTMLElement {
-    const { isDiff, doc } = this.profile;
-    const kinds = new Set(doc.groups.map((group) => group.kind));
-    const flip = el("input", {
-      ...{ type: "checkbox", id: "flip" },
-      onchange: () => this.flame.flip(!flip.checked),
-    });
-    return el(
-      "div",
-      { class: "controls" },
-      el("label", {}, "Search ", this.search),
-      this.found,
-      choice<"callers" | "allocation">(
-        "Start at",
-        [
-          ["callers", "the outermost callers"],
-          ["allocation", "the allocation"],
-        ],
-        "callers",
-        (from) => this.flame.setDirection(from === "allocation"),
-      ),
-      choice<Measure>(
-        "Width by",
-        [
-          ["bytes", "bytes"],
-          ["count", "number of blocks"],
-        ],
-        "bytes",
-        (measure) => this.flame.setMeasure(measure),
-      ),
-      isDiff
-        ? choice<ColourBy>(
-            "Colour by",
-            [
-              ["change", "change"],
-              ["library", "library"],
-            ],
-            "change",
-            (colourBy) => this.colourBy(colourBy),
-          )
-        : null,
-      kinds.size > 1
-        ? choice<Kind>(
-            "Stacks",
-            [
-              ["all", "all"],
-              ["native", "native"],
-              ["java", "Java-native"],
-            ],
-            "all",
-            (kind) => {
-              this.kind = kind;
-              this.flame.setGroups(this.groupsOfKind());
-              this.searched();
-            },
-          )
-        : null,
-      el("label", {}, flip, " upside down"),
-      this.resetButton,
-    );
-  }
-
-  private tableControls(): HTMLElement {
-    const statuses = [...new Set(this.profile.doc.groups.map((group) => group.status ?? ""))];
-    return el(
-      "div",
-      { class: "controls" },
-      el("label", {}, "Filter ", this.filter),
-      this.profile.isDiff
-        ? choice<string>(
-            "Status",
-            [["all", "all"], ...statuses.sort().map((name): [string, string] => [name, name])],
-            "all",
-            (status) => {
-              this.status = status;
-              this.showRows();
-            },
-          )
-        : null,
-    );
-  }
-
-  /** "/" focuses the search, except in an input. Escape clears an input. */
-  private pressed(event: KeyboardEvent): void {
-    const { key, target } = event;
-    if (event.ctrlKey || event.metaKey || event.altKey) return;
-    const input = [this.search, this.filter].find((search) => search === target);
-    if (key === "Escape" && input) {
-      event.preventDefault();
-      input.value = "";
-      input.dispatchEvent(new Event("input"));
-    } else if (key === "/" && !(target instanceof HTMLElement && target.matches("input, select"))) {
-      event.preventDefault();
-      this.search.focus();
-      this.search.select();
+    for (const event of ["hashchange", "popstate"]) {
+      window.addEventListener(event, () => {
+        this.state = readState();
+        this.update();
+      });
     }
+    onSchemeChange(() => this.recolour());
+    window.addEventListener("beforeprint", () => this.print(true));
+    window.addEventListener("afterprint", () => this.print(false));
+    this.update();
   }
 
-  private colourBy(colourBy: ColourBy): void {
-    this.flame.setColourBy(colourBy);
-    this.libraryLegend.hidden = colourBy !== "library";
-    this.changeLegend.hidden = colourBy !== "change";
+  private bar(): HTMLElement {
+    const list = el("div", { class: "tabs", role: "tablist", "aria-label": "Views" });
+    for (const tab of kTabs) {
+      const button = el(
+        "button",
+        {
+          ...{ type: "button", role: "tab", id: `tab-${tab}`, "aria-controls": `panel-${tab}` },
+          onclick: () => this.set({ tab }, true),
+          onkeydown: (event) => this.moveTab(event as KeyboardEvent, tab),
+        },
+        kTitles[tab],
+      );
+      this.tabs.set(tab, button);
+      list.append(button);
+    }
+    const bar = el("nav", { class: "bar", "aria-label": "Views and search" }, list, el("div", { class: "search" }, this.input, this.result));
+    // Heads of tables stick below it.
+    const { style } = document.documentElement;
+    new ResizeObserver(() => style.setProperty("--bar-height", `${bar.offsetHeight}px`)).observe(bar);
+    return bar;
   }
 
-  private groupsOfKind(): number[] {
-    const all = [...this.profile.doc.groups.keys()];
-    return all.filter((at) => this.kind === "all" || this.profile.doc.groups[at]!.kind === this.kind);
+  private main(): HTMLElement {
+    const main = el("main");
+    for (const tab of kTabs) {
+      const panel = el("section", { ...{ id: `panel-${tab}`, role: "tabpanel", "aria-labelledby": `tab-${tab}` } });
+      this.panels.set(tab, panel);
+      main.append(panel);
+    }
+    return main;
   }
 
-  private groupsWith(frames: Set<number>, among: number[]): number[] {
-    const { groups } = this.profile.doc;
-    return among.filter((at) => groups[at]!.stack.some((frame) => frames.has(frame)));
+  private set(change: Partial<State>, push = true): void {
+    this.state = { ...this.state, ...change };
+    writeState(this.state, push);
+    this.update();
   }
 
   private searched(): void {
-    const typed = this.search.value.trim();
-    document.body.classList.toggle("searching", typed !== "");
-    if (typed === "") {
-      this.flame.highlight(null, []);
-      this.found.textContent = "";
-      return;
-    }
-    const frames = matchingFrames(this.profile, typed);
-    const groups = this.groupsWith(frames, this.groupsOfKind());
-    const bytes = groups.reduce((sum, at) => sum + this.profile.doc.groups[at]!.total, 0);
-    const functions = new Set([...frames].map((frame) => this.profile.functionOf[frame]!));
-    this.flame.highlight(functions, groups);
-    this.found.textContent =
-      `${formatCount(functions.size)} found, in stacks that hold ${formatBytes(bytes)}` +
-      ` (${formatCount(groups.length)} groups)`;
+    this.set({ q: this.input.value.trim() }, false);
   }
 
-  private showZoom(): void {
-    this.resetButton.disabled = this.within === null;
-    this.zoomPath.replaceChildren(
-      ...(this.within
-        ? ["Zoomed to ", longText(this.within.name, 120), "; the table shows its groups only."]
-        : []),
+  private pick(f: number): void {
+    this.set({ f, tab: "functions" });
+  }
+
+  private update(): void {
+    const { tab, q } = this.state;
+    if (document.activeElement !== this.input) this.input.value = q;
+    if (q !== (this.found?.typed ?? "")) this.found = search(this.data, q);
+    this.result.textContent = this.resultText();
+    for (const name of kTabs) {
+      const chosen = name === tab;
+      this.panels.get(name)!.hidden = !chosen;
+      this.tabs.get(name)!.setAttribute("aria-selected", String(chosen));
+      this.tabs.get(name)!.tabIndex = chosen ? 0 : -1;
+    }
+    this.show(tab);
+  }
+
+  private show(tab: Tab): void {
+    let view = this.views.get(tab);
+    if (!view) this.views.set(tab, (view = this.make(tab, this.panels.get(tab)!)));
+    view();
+  }
+
+  /** Makes a tab. Returns what brings it up to date. */
+  private make(tab: Tab, panel: HTMLElement): () => void {
+    const { data } = this;
+    const pick = (f: number) => this.pick(f);
+    if (tab === "functions") {
+      const view = new FunctionsTab(data, this.sums, pick, (q) => this.set({ q, tab: "stacks" }));
+      panel.append(view.element);
+      return () => view.update(this.found, this.state.f);
+    }
+    if (tab === "flame") return this.makeFlame(panel, "library");
+    if (tab === "libraries") {
+      const view = new LibrariesTab(data, this.sums, this.colours, pick);
+      panel.append(view.element);
+      return () => view.update(this.found);
+    }
+    if (tab === "stacks") return this.makeStacks(panel, "stacks", () => true);
+    panel.append(growthView(data));
+    if (!data.isDiff) return () => {};
+    const flame = this.makeFlame(panel, "change");
+    const stacks = this.makeStacks(panel, "changes", (group) => data.status(group) !== "same");
+    return () => {
+      flame();
+      stacks();
+    };
+  }
+
+  private makeFlame(panel: HTMLElement, colourBy: "library" | "change"): () => void {
+    const view = new FlameTab(this.data, this.colours, colourBy, (change) => this.set(change));
+    this.graphs.push(view);
+    panel.append(view.element);
+    return () => view.update(this.state, this.found);
+  }
+
+  private makeStacks(panel: HTMLElement, id: string, wanted: (group: number) => boolean): () => void {
+    const view = new StacksTab(this.data, id, (f) => this.pick(f));
+    const named = el("input", { type: "checkbox", onchange: () => this.set({ named: named.checked, zoom: "" }) });
+    let kind: Kind = "all";
+    const controls = el("div", { class: "controls" });
+    const rows = this.all.filter(wanted);
+    const update = () => {
+      named.checked = this.state.named;
+      const ofKind = kind === "all" ? rows : rows.filter((group) => this.data.isJava(group) === (kind === "java"));
+      view.update(this.found ? ofKind.filter((group) => this.found!.groups[group] === 1) : ofKind, this.state.named);
+    };
+    if (this.data.totals.javaGroups > 0) {
+      const select = el("select", { onchange: () => ((kind = select.value as Kind), update()) });
+      for (const name of ["all", "native", "java"]) select.append(el("option", { value: name }, name === "java" ? "Java-native" : name));
+      controls.append(el("label", {}, "Stacks ", select));
+    }
+    controls.append(el("label", {}, named, " hide unresolved frames"));
+    panel.append(controls, view.element);
+    return update;
+  }
+
+  private resultText(): string {
+    if (!this.found) return "";
+    const { functionCount, groupCount, bytes } = this.found;
+    const whole = this.data.totals.listedBytes + this.data.totals.javaBytes;
+    return (
+      `${formatCount(functionCount)} found, in ${formatCount(groupCount)} stacks ` +
+      `of ${formatBytes(bytes)} (${formatShare(bytes, whole)})`
     );
   }
 
-  private showRows(): void {
-    const { groups } = this.profile.doc;
-    let rows = this.within ? this.within.groups : this.groupsOfKind();
-    const typed = this.filter.value.trim();
-    if (typed !== "") rows = this.groupsWith(matchingFrames(this.profile, typed), rows);
-    if (this.status !== "all") rows = rows.filter((at) => groups[at]!.status === this.status);
-    this.table.show(rows);
+  /** "/" focuses the search, except in an input. Escape clears it. */
+  private pressed(event: KeyboardEvent): void {
+    const { key, target } = event;
+    if (event.ctrlKey || event.metaKey || event.altKey) return;
+    if (key === "Escape" && target === this.input) {
+      event.preventDefault();
+      this.input.value = "";
+      this.set({ q: "" }, false);
+    } else if (key === "/" && !(target instanceof HTMLElement && target.matches("input, select"))) {
+      event.preventDefault();
+      this.input.focus();
+      this.input.select();
+    }
+  }
+
+  private moveTab(event: KeyboardEvent, tab: Tab): void {
+    const step = { ArrowRight: 1, ArrowLeft: -1 }[event.key];
+    if (step === undefined) return;
+    event.preventDefault();
+    const next = kTabs[(kTabs.indexOf(tab) + step + kTabs.length) % kTabs.length]!;
+    this.set({ tab: next }, false);
+    this.tabs.get(next)!.focus();
+  }
+
+  private recolour(): void {
+    for (const graph of this.graphs) graph.recolour();
+  }
+
+  /** On paper: the totals, the top of the functions and the flame graph. */
+  private print(on: boolean): void {
+    setPrinting(on);
+    if (on) for (const tab of ["functions", "flame"] as const) this.show(tab);
+    for (const graph of this.graphs) graph.graph.setPrinting(on);
+    this.recolour();
+    if (!on) this.update();
   }
 }
 
-function start(): void {
-  try {
-    const text = document.getElementById("profile")!.textContent!;
-    document.body.replaceChildren(...new Page(readProfile(text)).elements());
-  } catch (error) {
-    document.body.replaceChildren(el("p", { class: "flawed" }, `Cannot show this: ${error}`));
-    throw error;
-  }
+try {
+  new Page(readData(document.getElementById("profile")!.textContent!));
+} catch (error) {
+  document.body.replaceChildren(el("p", { class: "flawed" }, `Cannot show this: ${error}`));
+  throw error;
 }
-
-start();

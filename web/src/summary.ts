@@ -1,136 +1,89 @@
 // SPDX-License-Identifier: Apache-2.0
-// The head of the page: what is held, what is not listed, and the properties of the report.
+// The head of the page: what is held by which program, in a line; and how the report was made.
 
-import { el, formatBytes, formatCount, plural, signed } from "./dom.js";
-import type { Library, Profile, Report, Totals } from "./profile.js";
+import type { Data, Report } from "./data.js";
+import { el, formatAge, formatBytes, formatCount, plural, signed } from "./dom.js";
 
-export function summary(profile: Profile): HTMLElement {
-  const { doc } = profile;
-  const { totals, base } = doc;
+export function summary(data: Data): HTMLElement {
+  const { report, totals, base } = data;
   const held = formatBytes(totals.bytes);
   const change = base ? ` (${signed(totals.bytes - base.totals.bytes, formatBytes)})` : "";
-  const java = totals.javaBytes > 0 ? ` and ${formatBytes(totals.javaBytes)} Java-native` : "";
-  document.title = `${held} held${change} – ${fileName(doc.report.path)}`;
+  const program = report.process ? fileName(report.process.program) : fileName(report.path);
+  document.title = `${program}: ${held} held${change}`;
   return el(
     "header",
     {},
-    el("h1", {}, `${held} held${change}`, java === "" ? null : el("small", {}, java)),
-    figures(totals, base?.totals),
-    base ? changes(profile) : null,
+    el("h1", {}, el("span", { class: "program" }, program), " holds ", el("b", {}, held), change),
+    el("p", { class: "facts" }, facts(data).join(" · ")),
+    flaws(data),
     el(
       "details",
-      { open: true },
+      {},
       el("summary", {}, "How this was made"),
-      origin(base ? "New report" : "Report", doc.report),
+      origin(base ? "New report" : "Report", report),
       base ? origin("Old report", base.report) : null,
-      missingSymbols(profile),
+      el("p", { class: "hint" }, "Functions that only pass memory on, such as operator new, xmalloc and g_malloc, are left out where memory is allocated."),
+      missingSymbols(data),
     ),
   );
 }
 
-function figures(totals: Totals, before?: Totals): HTMLElement {
-  const list = el("dl", { class: "figures" });
-  const add = (name: string, title: string, bytes: number, rest: string, old?: number) => {
-    const change = old === undefined ? null : el("small", { title: `${formatCount(old)} bytes` }, `before: ${formatBytes(old)}`);
-    list.append(
-      el(
-        "div",
-        { "data-figure": name },
-        el("dt", {}, title),
-        el("dd", {}, formatBytes(bytes)),
-        el("dd", { class: "exact" }, `${formatCount(bytes)} bytes`),
-        el("dd", { class: "exact" }, rest),
-        change ? el("dd", {}, change) : null,
-      ),
-    );
-  };
-  add("total", "Held in all", totals.bytes, plural(totals.groups, "group"), before?.bytes);
-  add(
-    "listed",
-    "Listed here",
-    totals.listedBytes,
-    `${plural(totals.listedGroups, "group")}, ${plural(totals.blocks, "block")}`,
-    before?.listedBytes,
-  );
-  add(
-    "unlisted",
-    "Not listed",
-    totals.unlistedBytes,
-    plural(totals.unlistedGroups, "smaller group"),
-    before?.unlistedBytes,
-  );
-  if (totals.javaGroups > 0 || (before && before.javaGroups > 0)) {
-    add("java", "Java-native, in addition", totals.javaBytes, plural(totals.javaGroups, "group"),
-      before?.javaBytes);
-  }
-  return list;
+function facts(data: Data): string[] {
+  const { report, totals, base } = data;
+  const { process } = report;
+  const exact = `${formatCount(totals.bytes)} bytes in ${plural(totals.blocks, "block")}`;
+  const groups = process ? "call stack" : "group";
+  const java = totals.javaBytes > 0 ? [`and ${formatBytes(totals.javaBytes)} Java-native in ${plural(totals.javaGroups, "group")}`] : [];
+  const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes)`] : [];
+  const where = process ? [`pid ${process.pid} on ${process.host}`] : [];
+  const when = process ? `${formatDate(report.made)}, recorded for ${formatAge(process.written - process.since)}` : `written ${formatDate(report.made)}`;
+  return [exact, ...old, ...java, plural(totals.groups, groups), ...where, when];
 }
 
-/** What the listed groups grew and shrank by, and how many are not judged. */
-function changes(profile: Profile): HTMLElement {
-  const sums = {
-    grew: { bytes: 0, groups: 0 },
-    shrank: { bytes: 0, groups: 0 },
-    unknown: { bytes: 0, groups: 0 },
-  };
-  for (const group of profile.doc.groups) {
-    const growth = profile.growth(group);
-    if (group.status === "same") continue;
-    const grew = group.status === "grew" || group.status === "new";
-    const sum = sums[growth === null ? "unknown" : grew ? "grew" : "shrank"];
-    sum.bytes += growth ?? Math.max(profile.before(group, "bytes"), group.total);
-    ++sum.groups;
+/** What is missing from the figures. */
+function flaws({ report, totals, base }: Data): HTMLElement | null {
+  const texts: string[] = [];
+  for (const { complete, damagedLines, path } of base ? [report, base.report] : [report]) {
+    if (!complete) texts.push(`${fileName(path)} is truncated: its end is missing.`);
+    if (damagedLines > 0) texts.push(`${plural(damagedLines, "damaged line")} of ${fileName(path)} left out.`);
   }
-  const list = el("dl", { class: "figures" });
-  const add = (name: string, title: string, bytes: string, exact: string, groups: number) =>
-    list.append(
-      el(
-        "div",
-        { "data-figure": name },
-        el("dt", {}, title),
-        el("dd", { class: name }, bytes),
-        el("dd", { class: "exact" }, `${exact} bytes`),
-        el("dd", { class: "exact" }, plural(groups, "group")),
-      ),
+  const unrecorded = report.process?.unrecorded ?? 0;
+  if (unrecorded > 0) texts.push(`${plural(unrecorded, "block")} could not be recorded for lack of memory.`);
+  if (totals.unlistedGroups > 0 || totals.unlistedBytes > 0) {
+    texts.push(
+      `The report does not list ${plural(totals.unlistedGroups, "smaller group")} of ` +
+        `${formatBytes(totals.unlistedBytes)} (${formatCount(totals.unlistedBytes)} bytes).`,
     );
-  for (const [name, title] of [["grew", "Grew"], ["shrank", "Shrank"]] as const) {
-    const { bytes, groups } = sums[name];
-    add(name, title, signed(bytes, formatBytes), signed(bytes, formatCount), groups);
   }
-  const { bytes, groups } = sums.unknown;
-  if (groups === 0) return list;
-  add("unknown", "Not judged", formatBytes(bytes), formatCount(bytes), groups);
-  const note =
-    "Groups are not judged (status: unknown) if one report lists them, or call sites of them, and the " +
-    "other one omits groups. A report lists its 1000 largest groups; no option changes that.";
-  return el("div", {}, list, el("p", { class: "hint" }, note));
+  return texts.length === 0 ? null : el("p", { class: "flawed" }, texts.join(" "));
 }
 
 function origin(title: string, report: Report): HTMLElement {
+  const { process } = report;
   const state = report.complete ? "complete" : "truncated: its end is missing";
   const damage =
-    report.damagedLines === 0
-      ? "no damaged lines"
-      : `${plural(report.damagedLines, "damaged line")} left out`;
-  const made = new Date(report.made * 1000).toLocaleString(undefined, {
-    dateStyle: "medium",
-    timeStyle: "medium",
-  });
-  const sound = report.complete && report.damagedLines === 0;
+    report.damagedLines === 0 ? "no damaged lines" : `${plural(report.damagedLines, "damaged line")} left out`;
+  const how = process
+    ? `; recorded from ${formatDate(process.since)}: ${process.kinds.join(", ")}, stacks by ${process.unwind}`
+    : "; such a report does not tell its program, all ages, or more than 1000 groups";
   return el(
-    "p",
-    { class: sound ? "origin" : "origin flawed" },
-    `${title} `,
-    el("code", {}, report.path),
-    `, written ${made}; ${report.backtraceSize} frames kept of each stack; ${state}; ${damage}.`,
+    "div",
+    { class: "origin" },
+    el(
+      "p",
+      {},
+      `${title} `,
+      el("code", {}, report.path),
+      `, written ${formatDate(report.made)}; at most ${report.backtraceSize} frames of each stack; ${state}; ${damage}${how}.`,
+    ),
+    process
+      ? el("p", {}, "Program ", el("code", {}, process.program), process.arguments.length > 1 ? ", arguments " : "", el("code", {}, process.arguments.slice(1).join(" ")))
+      : null,
   );
 }
 
-function missingSymbols(profile: Profile): HTMLElement | null {
-  // Names such as "[heap]" are not files. Documents of older programs have no hints.
-  const hintOf = ({ hint, found, path }: Library) =>
-    hint ?? (!found && path.startsWith("/") ? path : "");
-  const missing = profile.doc.libraries.filter((library) => hintOf(library) !== "");
+function missingSymbols({ libraries }: Data): HTMLElement | null {
+  const missing = libraries.filter((library) => library.hint !== "");
   if (missing.length === 0) return null;
   return el(
     "details",
@@ -139,12 +92,13 @@ function missingSymbols(profile: Profile): HTMLElement | null {
     el(
       "ul",
       {},
-      ...missing.map((library) => {
-        const file = hintOf(library);
-        return el("li", {}, el("code", {}, file), file === library.path ? "" : ` of ${library.name}`);
-      }),
+      ...missing.map(({ hint, path, name }) => el("li", {}, el("code", {}, hint), hint === path ? "" : ` of ${name}`)),
     ),
   );
+}
+
+function formatDate(seconds: number): string {
+  return new Date(seconds * 1000).toLocaleString(undefined, { dateStyle: "medium", timeStyle: "medium" });
 }
 
 function fileName(path: string): string {

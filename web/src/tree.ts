@@ -1,86 +1,143 @@
 // SPDX-License-Identifier: Apache-2.0
-// Call trees over groups, from either end of their stacks. A node computes its children on demand, so
-// that only drawn nodes cost time. No DOM here.
+// Call trees over groups. A node is a range of a list of groups; its children are parts of the range,
+// which is sorted when they are first asked for. So only drawn nodes cost time. No DOM here.
 
-import { type Measure, type Profile } from "./profile.js";
+import type { Data, Measure, Stacks } from "./data.js";
 
-export interface TreeOptions {
+/** How a tree walks the stacks. */
+export interface Walk {
+  stacks: Stacks;
   measure: Measure;
-  fromAllocation: boolean; // the innermost frame is next to the root
+  inward: boolean; // towards the allocation
+  /** Only stacks with this function, from its outermost call, without it; -1 for whole stacks. */
+  from: number;
 }
 
 export interface TreeNode {
-  name: string;
-  frame: number; // one of the function's frames, -1 for the root and for gathered nodes
-  depth: number; // frames between the root and this node's callees
-  groups: number[];
+  id: number; // a function; kRoot, or kRest for siblings that are gathered
+  depth: number; // frames between the start of the walk and this node's children
+  begin: number; // range of the list of groups
+  end: number;
   width: number; // the larger one of before and after, summed over its groups
   before: number; // of its groups that are judged
   after: number;
   notJudged: number; // how many of its groups are not
   parent: TreeNode | null;
-  children?: TreeNode[] | undefined;
+  children: TreeNode[] | null;
 }
+
+export const kRoot = -1;
+export const kRest = -2;
 
 export class CallTree {
   readonly root: TreeNode;
+  private readonly groups: Uint32Array;
+  private readonly origin: Int32Array; // by group: where its walk starts
+  // By function: the child that is being summed up. Kept for reuse.
+  private readonly slot: Int32Array;
 
   constructor(
-    private readonly profile: Profile,
-    private readonly options: TreeOptions,
-    groups: number[],
+    private readonly data: Data,
+    readonly walk: Walk,
+    groups: ArrayLike<number>,
   ) {
-    this.root = this.node("all", -1, 0, null);
-    for (const group of groups) this.add(this.root, group);
+    this.origin = new Int32Array(data.count);
+    this.slot = new Int32Array(data.functions.length).fill(-1);
+    this.groups = this.select(groups);
+    this.root = this.node(kRoot, 0, 0, this.groups.length, null);
+    for (const group of this.groups) this.add(this.root, group);
   }
 
-  /** The callees (from the allocation: callers) of a node, largest first. */
+  groupsOf({ begin, end }: TreeNode): Uint32Array {
+    return this.groups.subarray(begin, end);
+  }
+
+  /** The children of a node, largest first. */
   children(node: TreeNode): TreeNode[] {
     if (node.children) return node.children;
-    const { doc, functionOf } = this.profile;
-    const found = new Map<number, TreeNode>();
-    for (const index of node.groups) {
-      const stack = doc.groups[index]!.stack;
-      if (node.depth >= stack.length) continue;
-      const at = this.options.fromAllocation ? node.depth : stack.length - 1 - node.depth;
-      const id = functionOf[stack[at]!]!;
-      let child = found.get(id);
-      if (!child) {
-        child = this.node(doc.frames[id]!.name, id, node.depth + 1, node);
-        found.set(id, child);
+    const { stacks, inward } = this.walk;
+    const range = this.groups.slice(node.begin, node.end);
+    const childOf = new Int32Array(range.length).fill(-1);
+    const found: TreeNode[] = [];
+    const sizes: number[] = [];
+    for (let i = 0; i < range.length; ++i) {
+      const group = range[i]!;
+      const at = this.origin[group]! + (inward ? -node.depth : node.depth);
+      if (at < stacks.start[group]! || at >= stacks.start[group + 1]!) continue;
+      const id = stacks.functions[at]!;
+      let slot = this.slot[id]!;
+      if (slot < 0) {
+        slot = this.slot[id] = found.length;
+        found.push(this.node(id, node.depth + 1, 0, 0, node));
+        sizes.push(0);
       }
-      this.add(child, index);
+      childOf[i] = slot;
+      ++sizes[slot]!;
+      this.add(found[slot]!, group);
     }
-    node.children = [...found.values()].sort((a, b) => b.width - a.width);
+    for (const { id } of found) this.slot[id] = -1;
+    // Groups of the largest child first; those that end here last.
+    const order = [...found.keys()].sort((a, b) => found[b]!.width - found[a]!.width);
+    let begin = node.begin;
+    const next = new Uint32Array(found.length + 1);
+    for (const slot of order) {
+      found[slot]!.begin = next[slot] = begin;
+      begin += sizes[slot]!;
+      found[slot]!.end = begin;
+    }
+    next[found.length] = begin;
+    for (let i = 0; i < range.length; ++i) {
+      const slot = childOf[i]! < 0 ? found.length : childOf[i]!;
+      this.groups[next[slot]!++] = range[i]!;
+    }
+    node.children = order.map((slot) => found[slot]!);
     return node.children;
   }
 
-  /** One node for several siblings that are too small to be drawn. It can be zoomed. */
-  gather(parent: TreeNode, small: TreeNode[]): TreeNode {
-    const name = `${small.length.toLocaleString("en-US")} smaller`;
-    const gathered = this.node(name, -1, parent.depth, parent);
-    gathered.children = small.map((child) => ({ ...child, parent: gathered, children: undefined }));
+  /** One node for the children from `first` on, which are too small to be drawn. */
+  gather(parent: TreeNode, first: number): TreeNode {
+    const small = this.children(parent).slice(first);
+    const rest = this.node(kRest, parent.depth, small[0]!.begin, small.at(-1)!.end, parent);
     for (const child of small) {
-      for (const group of child.groups) gathered.groups.push(group);
-      for (const sum of ["width", "before", "after", "notJudged"] as const) {
-        gathered[sum] += child[sum];
-      }
+      for (const sum of ["width", "before", "after", "notJudged"] as const) rest[sum] += child[sum];
     }
-    return gathered;
+    rest.children = small.map((child) => ({ ...child, parent: rest, children: null }));
+    return rest;
   }
 
-  private node(name: string, frame: number, depth: number, parent: TreeNode | null): TreeNode {
+  /** The groups of the walk, with their origins. */
+  private select(groups: ArrayLike<number>): Uint32Array {
+    const { stacks, from, inward } = this.walk;
+    const selected = new Uint32Array(groups.length);
+    let count = 0;
+    for (let i = 0; i < groups.length; ++i) {
+      const group = groups[i]!;
+      const [begin, end] = [stacks.start[group]!, stacks.start[group + 1]!];
+      let at = end;
+      if (from >= 0) {
+        do --at;
+        while (at >= begin && stacks.functions[at] !== from);
+        if (at < begin) continue;
+        this.origin[group] = inward ? at - 1 : at + 1;
+      } else {
+        this.origin[group] = inward ? end - 1 : begin;
+      }
+      selected[count++] = group;
+    }
+    return selected.subarray(0, count);
+  }
+
+  private node(id: number, depth: number, begin: number, end: number, parent: TreeNode | null): TreeNode {
     const sums = { width: 0, before: 0, after: 0, notJudged: 0 };
-    return { name, frame, depth, groups: [], ...sums, parent };
+    return { id, depth, begin, end, ...sums, parent, children: null };
   }
 
-  private add(node: TreeNode, index: number): void {
-    const group = this.profile.doc.groups[index]!;
-    const after = this.profile.after(group, this.options.measure);
-    const before = this.profile.before(group, this.options.measure);
-    node.groups.push(index);
-    node.width += Math.max(before, after);
-    if (group.status === "unknown") {
+  private add(node: TreeNode, group: number): void {
+    const { measure } = this.walk;
+    const after = this.data.after(group, measure);
+    const before = this.data.before(group, measure);
+    node.width += before > after ? before : after;
+    if (this.data.isDiff && this.data.status(group) === "unknown") {
       ++node.notJudged;
     } else {
       node.before += before;
@@ -89,101 +146,44 @@ export class CallTree {
   }
 }
 
-/** A node in the form that the flame graph library takes. */
-export interface Drawn {
-  name: string;
-  value: number;
+/** A box of the drawing, in pixels. */
+export interface Box {
   node: TreeNode;
-  children: Drawn[];
-  fade?: boolean;
+  x: number;
+  width: number;
+  level: number;
 }
 
 /**
- * `focus`, its callers, and the largest nodes below it: at most `budget`, none narrower than `least`
- * of its width. The other children of each node are gathered into one.
+ * The boxes for `focus` and what is below it, for a drawing `pixels` wide: the callers of `focus`
+ * over the whole width, then its descendants. Children narrower than `least` pixels are gathered.
  */
-export function cut(tree: CallTree, focus: TreeNode, budget: number, least: number): Drawn {
-  const drawn = (node: TreeNode): Drawn => ({
-    name: node.name,
-    value: node.width,
-    node,
-    children: [],
-  });
-  const top = drawn(focus);
-  const queue = new Largest();
-  const expanded: Drawn[] = [];
-  queue.push(top);
-  for (let used = 0; used < budget; ++used) {
-    const next = queue.pop();
-    if (!next) break;
-    expanded.push(next.of);
-    next.into?.children.push(next.of);
-    for (const child of tree.children(next.of.node)) {
-      // Sorted by width.
-      if (child.width <= 0 || child.width < focus.width * least) break;
-      queue.push(drawn(child), next.of);
-    }
+export function layOut(tree: CallTree, focus: TreeNode, pixels: number, least: number): Box[] {
+  const boxes: Box[] = [];
+  for (let node: TreeNode | null = focus.parent; node; node = node.parent) {
+    boxes.unshift({ node, x: 0, width: pixels, level: 0 });
   }
-  for (const item of expanded) {
-    const shown = new Set(item.children.map((child) => child.node));
-    const rest = tree.children(item.node).filter((child) => child.width > 0 && !shown.has(child));
-    if (rest.length === 1 && rest[0]!.width >= focus.width * least) {
-      item.children.push(drawn(rest[0]!));
-    } else if (rest.length > 0) {
-      item.children.push(drawn(tree.gather(item.node, rest)));
-    }
-  }
-  let root = top;
-  for (let node = focus.parent; node; node = node.parent) {
-    root = { name: node.name, value: focus.width, node, children: [root], fade: true };
-  }
-  return root;
-}
-
-interface Waiting {
-  of: Drawn;
-  into: Drawn | null;
-  order: number;
-}
-
-/** A binary heap. Of nodes of one width the first one comes first, so that levels fill evenly. */
-class Largest {
-  private readonly heap: Waiting[] = [];
-  private pushed = 0;
-
-  push(of: Drawn, into: Drawn | null = null): void {
-    const heap = this.heap;
-    heap.push({ of, into, order: this.pushed++ });
-    for (let at = heap.length - 1; at > 0; ) {
-      const up = (at - 1) >> 1;
-      if (!this.before(at, up)) break;
-      this.swap(at, up);
-      at = up;
-    }
-  }
-
-  pop(): Waiting | undefined {
-    const heap = this.heap;
-    if (heap.length === 0) return undefined;
-    this.swap(0, heap.length - 1);
-    const result = heap.pop();
-    for (let at = 0; ; ) {
-      let best = at;
-      for (const child of [2 * at + 1, 2 * at + 2]) {
-        if (child < heap.length && this.before(child, best)) best = child;
+  boxes.forEach((box, level) => (box.level = level));
+  const scale = focus.width > 0 ? pixels / focus.width : 0;
+  const pending: Box[] = [{ node: focus, x: 0, width: pixels, level: boxes.length }];
+  for (let box = pending.pop(); box; box = pending.pop()) {
+    boxes.push(box);
+    const children = tree.children(box.node);
+    let x = box.x;
+    for (let at = 0; at < children.length; ++at) {
+      let node = children[at]!;
+      if (node.width <= 0) break;
+      let width = node.width * scale;
+      if (width < least) {
+        // Sorted by width: all others are narrower. One alone keeps its name.
+        const rest = children.length - at > 1 ? tree.gather(box.node, at) : node;
+        width = rest.width * scale;
+        if (width >= least / 2) boxes.push({ node: rest, x, width, level: box.level + 1 });
+        break;
       }
-      if (best === at) return result;
-      this.swap(at, best);
-      at = best;
+      pending.push({ node, x, width, level: box.level + 1 });
+      x += width;
     }
   }
-
-  private before(a: number, b: number): boolean {
-    const [x, y] = [this.heap[a]!, this.heap[b]!];
-    return x.of.value !== y.of.value ? x.of.value > y.of.value : x.order < y.order;
-  }
-
-  private swap(a: number, b: number): void {
-    [this.heap[a], this.heap[b]] = [this.heap[b]!, this.heap[a]!];
-  }
+  return boxes;
 }

@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+// protocol/attach.h: the loader of a process that already runs. Its other threads use the allocator
+// meanwhile.
+#include <dlfcn.h>
+#include <errno.h>
+#include <link.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "host/allocator_table.h"
+#include "host/control_signal.h"
+#include "host/control_thread.h"
+#include "host/exit_report.h"
+#include "host/form.h"
+#include "host/linker_calls.h"
+#include "host/next_allocator.h"
+#include "host/replaced_functions.h"
+#include "host/signal_actions.h"
+#include "host/slots.h"
+#include "host/state.h"
+#include "host/tracker.h"
+#include "platform/linux/environment.h"
+#include "protocol/attach.h"
+#include "protocol/protocol.h"
+
+#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
+
+namespace host {
+namespace {
+
+int Refuse(Reason& reason, int error, const char* text) {
+  reason.Set("%s", text);
+  return error;
+}
+
+/// Finds the program's functions, and refuses a process whose allocator cannot be replaced.
+int FindFunctions(Reason& reason) {
+  FindNextAllocator();
+  FindReplacedFunctions();
+  FindReplacedSlots();
+  AddLinkerCalls();
+  Dl_info info;
+  link_map* object = nullptr;
+  if (dladdr1(reinterpret_cast<void*>(NextAllocator().calls.malloc), &info,
+              reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP) == 0) {
+    return Refuse(reason, ENOTSUP, "the allocator is in no loaded file");
+  }
+  const char* const slash = strrchr(info.dli_fname, '/');
+  if (strcmp(slash != nullptr ? slash + 1 : info.dli_fname, protocol::kPreloadLibrary) == 0) {
+    reason.Set("the process was started with %s", info.dli_fname);
+    return EBUSY;
+  }
+  // The dynamic linker has no name for the program.
+  if (object->l_name[0] != '\0') return 0;
+  reason.Set("%s contains an allocator: its own calls of malloc cannot be seen", info.dli_fname);
+  return ENOTSUP;
+}
+
+/// Finishes what a former attach has left.
+int EndFormerAttach(Reason& reason) {
+  const int error = PrepareControlThread();
+  if (error == ESRCH) return Refuse(reason, error, "the process exits");
+  return error == 0 ? 0 : Refuse(reason, error, "the thread of the former attach still runs");
+}
+
+int RegisterHandlers(Reason& reason) {
+  // After the tracker's own: fork handlers that are registered later run first.
+  static bool keeps_commands = false;
+  int error = keeps_commands ? 0 : KeepCommandsAcrossForks();
+  keeps_commands = error == 0;
+  if (error == 0) error = PrepareExit({0, 0}, FinalizeTracker());
+  return error == 0 ? 0 : Refuse(reason, error, strerror(error));
+}
+
+int MakeState(const char* root, Reason& reason) {
+  InitializeState();
+  protocol::Refusal refusal;
+  if (MakeStateFile(&refusal)) return 0;
+  reason.Set("cannot make the state file in %s: %s", root, refusal.Reason());
+  return refusal.error != 0 ? refusal.error : EINVAL;
+}
+
+int Replace(Reason& reason) {
+  UseAllocator(TrackedAllocator());
+  const SlotScan scan = ReplaceSlots();
+  int error = 0;
+  if (scan.other_loader) {
+    error = Refuse(reason, EBUSY, "another copy of the loader is attached");
+  } else if (scan.unwritable != 0) {
+    error = EACCES;
+    reason.Set("cannot change the calls of %s",
+               scan.object[0] != '\0' ? scan.object : "the program");
+  } else if (scan.changed == 0) {
+    error = Refuse(reason, ENOTSUP, "no loaded file calls malloc through the dynamic linker");
+  }
+  if (error == 0) return 0;
+  RestoreSlots();
+  UseAllocator(NextAllocator());
+  return error;
+}
+
+int Attach(const char* root, const char* log, const char* properties, Reason& reason) {
+  if (CurrentForm() == Form::kPreloaded) {
+    return Refuse(reason, EBUSY, "the process was started with the loader");
+  }
+  if (CurrentForm() == Form::kAttached) return 0;
+  if (root == nullptr || root[0] != '/') {
+    return Refuse(reason, EINVAL, "the root directory is no absolute path");
+  }
+  int error = FindFunctions(reason);
+  if (error == 0) error = EndFormerAttach(reason);
+  if (error != 0) return error;
+  platform::CaptureValues(root, log, properties);
+  // Before the tracker installs its handler.
+  error = InstallControlSignal();
+  if (error != 0) return Refuse(reason, error, strerror(error));
+  error = StartTracker(reason) ? RegisterHandlers(reason) : ELIBACC;
+  if (error == 0) error = MakeState(root, reason);
+  if (error == 0) error = Replace(reason);
+  if (error != 0) {
+    UninstallHandler();
+    return error;
+  }
+  SetForm(Form::kAttached);
+  StartControlThreadLater();
+  return 0;
+}
+
+}  // namespace
+}  // namespace host
+
+// protocol::kAttachReason.
+MEMLEAK_EXPORT char memleak_attach_reason[protocol::kAttachReasonBytes];
+char memleak_attach_reason[protocol::kAttachReasonBytes] = "";
+
+// protocol::kAttachFunction. One call at a time.
+MEMLEAK_EXPORT int memleak_attach(const char* root, const char* log, const char* properties) {
+  const int saved_errno = errno;
+  host::Reason reason;
+  const int error = host::Attach(root, log, properties, reason);
+  snprintf(memleak_attach_reason, sizeof memleak_attach_reason, "%.*s",
+           static_cast<int>(sizeof memleak_attach_reason) - 1, reason.text);
+  errno = saved_errno;
+  return error;
+}

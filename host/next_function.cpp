@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+// The only place that knows how the two forms of the loader search.
+#include "host/next_function.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <string.h>
+
+#include "host/form.h"
+#include "linker/import_slots.h"
+
+namespace host {
+namespace {
+
+const void* ObjectOf(const void* address) {
+  Dl_info info;
+  return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+/// Whether a program that is not position-independent has the function's address in a PLT of its
+/// own.
+bool IsInPlt(const void* function) {
+  Dl_info info;
+  void* symbol = nullptr;
+  return dladdr1(function, &info, &symbol, RTLD_DL_SYMENT) != 0 && symbol != nullptr &&
+         static_cast<const ElfW(Sym)*>(symbol)->st_shndx == SHN_UNDEF;
+}
+
+struct Search {
+  const char* name;
+  void* found;
+};
+
+int SearchObject(dl_phdr_info* info, size_t /*size*/, void* data) {
+  auto& search = *static_cast<Search*>(data);
+  const lumora::linker::ImportSlots object(*info);
+  if (object.ContainsCode(reinterpret_cast<const void*>(&SearchObject))) return 0;
+  object.ForEachFunction([&](const ElfW(Sym) & symbol, const char* name) {
+    if (search.found == nullptr && strcmp(name, search.name) == 0) {
+      search.found = object.AddressOf(symbol);
+    }
+  });
+  return search.found != nullptr ? 1 : 0;
+}
+
+/// Returns the first definition in the order in which the objects were loaded.
+void* FirstDefinition(const char* name) {
+  Search search{name, nullptr};
+  dl_iterate_phdr(SearchObject, &search);
+  return search.found;
+}
+
+}  // namespace
+
+void* NextDefinition(const char* name) {
+  if (CurrentForm() == Form::kPreloaded) return dlsym(RTLD_NEXT, name);
+  void* const found = dlsym(RTLD_DEFAULT, name);
+  if (found == nullptr) return nullptr;
+  // The last object in the search order.
+  if (ObjectOf(found) == ObjectOf(reinterpret_cast<const void*>(&NextDefinition))) return nullptr;
+  return IsInPlt(found) ? FirstDefinition(name) : found;
+}
+
+}  // namespace host

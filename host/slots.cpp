@@ -1,0 +1,298 @@
+// SPDX-License-Identifier: Apache-2.0
+// Scans the relocations of all objects under the dynamic linker's lock.
+//
+// Without the lock another thread may be inside dlopen. An object that it has not relocated
+// completely must not be touched: the dynamic linker writes to its pages and then protects them.
+// dl_iterate_phdr does not take this lock. dlsym does, and calls the resolver of an indirect
+// function under it: the scan is such a resolver.
+#include "host/slots.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <link.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/auxv.h>
+
+#include <atomic>
+
+#include "host/next_function.h"
+#include "host/slot_writer.h"
+#include "linker/import_slots.h"
+#include "protocol/protocol.h"
+
+#define MEMLEAK_EXPORT __attribute__((visibility("default")))
+
+namespace host {
+namespace {
+
+using lumora::linker::ImportSlots;
+using Slot = ImportSlots::Slot;
+using Type = ImportSlots::Type;
+
+struct Replacement {
+  const char* name;  // null: unused
+  void* ours;
+  void* next;     // to which `ours` forwards; null: there is none
+  void* address;  // the function's address in the program; may be in a PLT of the program
+  bool allocates;
+};
+
+// A hash table with open addressing. Filled once, by FindReplacedSlots.
+constexpr size_t kReplacements = 256;
+Replacement replacements[kReplacements];
+
+// What the next scan does, and its result. Guarded by the dynamic linker's lock, except
+// `replacing`.
+std::atomic<bool> replacing{false};
+SlotScan latest;
+std::atomic<unsigned long long> scanned_adds{0};
+// This object's handle.
+void* self = nullptr;
+
+size_t Hash(const char* name) {
+  uint32_t hash = 5381;
+  for (; *name != '\0'; ++name) hash = hash * 33 + static_cast<unsigned char>(*name);
+  return hash % kReplacements;
+}
+
+/// Returns the entry of `name`, an unused one if there is none.
+Replacement& Find(const char* name) {
+  size_t i = Hash(name);
+  while (replacements[i].name != nullptr && strcmp(replacements[i].name, name) != 0) {
+    i = (i + 1) % kReplacements;
+  }
+  return replacements[i];
+}
+
+bool Allocates(const char* name) {
+  return strstr(name, "alloc") != nullptr || strcmp(name, "free") == 0 ||
+         strstr(name, "memalign") != nullptr || strncmp(name, "_Zn", 3) == 0 ||
+         strncmp(name, "_Zd", 3) == 0;
+}
+
+void Add(const char* name, void* ours) {
+  if (Find(name).name != nullptr) return;
+  Find(name) = {name, ours, NextDefinition(name), dlsym(RTLD_DEFAULT, name), Allocates(name)};
+}
+
+const char* Basename(const char* path) {
+  const char* const slash = strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+/// Whether the object is left alone: this loader or tracker or another copy, or the dynamic linker.
+bool IsExempt(const dl_phdr_info& info) {
+  if (info.dlpi_addr != 0 && info.dlpi_addr == getauxval(AT_BASE)) return true;
+  const char* const name = Basename(info.dlpi_name != nullptr ? info.dlpi_name : "");
+  return strcmp(name, protocol::kPreloadLibrary) == 0 ||
+         strcmp(name, protocol::kTrackerLibrary) == 0;
+}
+
+bool InOtherLoader(const void* function) {
+  Dl_info info;
+  return dladdr(function, &info) != 0 && info.dli_fname != nullptr &&
+         strcmp(Basename(info.dli_fname), protocol::kPreloadLibrary) == 0;
+}
+
+/// The slots of one object.
+class Object {
+ public:
+  explicit Object(const dl_phdr_info& info) : info_(info), slots_(info), writer_(slots_) {}
+
+  void Replace() {
+    // An unbound slot of an object that calls another allocator will be bound to that one.
+    bool other_allocator = false;
+    slots_.ForEachSlot([&](const Slot& slot) {
+      const Replacement& found = Find(slot.name);
+      if (found.name == nullptr || !found.allocates || !IsWord(slot)) return;
+      void* const value = writer_.Read(slot.place);
+      if (value == found.next || value == found.address || value == found.ours) return;
+      if (value == nullptr || IsUnbound(slot, value)) return;
+      other_allocator = true;
+      if (strcmp(slot.name, "malloc") == 0 && InOtherLoader(value)) latest.other_loader = true;
+    });
+    slots_.ForEachSlot([&](const Slot& slot) {
+      if (slot.type == Type::kCopy) {
+        ForEachCopiedWord(slot, &Replacement::next, &Replacement::ours);
+        return;
+      }
+      const Replacement& found = Find(slot.name);
+      if (found.name != nullptr && found.next != nullptr && IsWord(slot)) {
+        ReplaceOne(slot, found, other_allocator && found.allocates);
+      }
+    });
+  }
+
+  void Restore() {
+    slots_.ForEachSlot([&](const Slot& slot) {
+      if (slot.type == Type::kCopy) {
+        ForEachCopiedWord(slot, &Replacement::ours, &Replacement::next);
+        return;
+      }
+      const Replacement& found = Find(slot.name);
+      if (found.name != nullptr && IsWord(slot)) Change(slot.place, found.ours, found.next);
+    });
+  }
+
+  /// Replaces one function.
+  void Replace(const Replacement& replacement) {
+    slots_.ForEachSlot([&](const Slot& slot) {
+      if (strcmp(slot.name, replacement.name) == 0 && IsWord(slot)) {
+        ReplaceOne(slot, replacement, false);
+      }
+    });
+  }
+
+ private:
+  bool IsWord(const Slot& slot) const {
+    return slot.type != Type::kCopy && slots_.Contains(slot.place, sizeof(void*));
+  }
+
+  /// Whether the slot still points back into its own object.
+  bool IsUnbound(const Slot& slot, const void* value) const {
+    return slot.type == Type::kCall && slot.symbol->st_shndx == SHN_UNDEF &&
+           slots_.ContainsCode(value);
+  }
+
+  void ReplaceOne(const Slot& slot, const Replacement& found, bool bound_only) {
+    void* const value = writer_.Read(slot.place);
+    if (value != found.next && (bound_only || !IsUnbound(slot, value))) return;
+    Change(slot.place, value, found.ours);
+  }
+
+  /// The program's copy of a variable may hold functions, as xmlMalloc of libxml2 does.
+  void ForEachCopiedWord(const Slot& slot, void* Replacement::*from, void* Replacement::*to) {
+    if (!slots_.Contains(slot.place, slot.symbol->st_size)) return;
+    for (size_t i = 0; i < slot.symbol->st_size / sizeof(void*); ++i) {
+      void* const value = writer_.Read(slot.place + i);
+      if (value == nullptr) continue;
+      for (const Replacement& one : replacements) {
+        if (one.name == nullptr || one.next == nullptr || one.*from != value) continue;
+        Change(slot.place + i, value, one.*to);
+        break;
+      }
+    }
+  }
+
+  void Change(void** place, void* expected, void* value) {
+    switch (writer_.Change(place, expected, value)) {
+      case SlotWriter::kChanged:
+        ++latest.changed;
+        break;
+      case SlotWriter::kOtherValue:
+        break;
+      case SlotWriter::kUnwritable:
+        if (latest.unwritable++ == 0) {
+          strncpy(latest.object, info_.dlpi_name != nullptr ? info_.dlpi_name : "",
+                  sizeof latest.object - 1);
+        }
+        break;
+    }
+  }
+
+  const dl_phdr_info& info_;
+  const ImportSlots slots_;
+  SlotWriter writer_;
+};
+
+int ScanObject(dl_phdr_info* info, size_t /*size*/, void* data) {
+  const bool replace = *static_cast<const bool*>(data);
+  scanned_adds.store(info->dlpi_adds);
+  if (IsExempt(*info)) return 0;
+  Object object(*info);
+  if (replace) {
+    object.Replace();
+  } else {
+    object.Restore();
+  }
+  return 0;
+}
+
+void NoFunction() {}
+
+/// Under the dynamic linker's lock.
+extern "C" void (*memleak_scan_resolver())() {
+  latest = {};
+  bool replace = replacing.load();
+  dl_iterate_phdr(ScanObject, &replace);
+  // Another thread may have bound a slot meanwhile, and overwritten it.
+  dl_iterate_phdr(ScanObject, &replace);
+  return NoFunction;
+}
+
+SlotScan Scan() {
+  const int saved_errno = errno;
+  dlsym(self, "memleak_scan");
+  const SlotScan result = latest;
+  errno = saved_errno;
+  return result;
+}
+
+int AddOwnFunctions(dl_phdr_info* info, size_t /*size*/, void* /*data*/) {
+  const ImportSlots object(*info);
+  if (!object.ContainsCode(reinterpret_cast<const void*>(&AddOwnFunctions))) return 0;
+  object.ForEachFunction([&](const Elf64_Sym& symbol, const char* name) {
+    if (strncmp(name, "memleak_", 8) != 0) Add(name, object.AddressOf(symbol));
+  });
+  return 1;
+}
+
+/// dlsym for the tracker, which looks up the loader's variables with RTLD_DEFAULT. A loader that
+/// was not preloaded is not in the tracker's search order.
+void* DlsymOfTracker(void* handle, const char* name) {
+  return dlsym(handle == RTLD_DEFAULT && strncmp(name, "memleak_", 8) == 0 ? self : handle, name);
+}
+
+int ReplaceInTracker(dl_phdr_info* info, size_t /*size*/, void* tracker) {
+  const ImportSlots object(*info);
+  if (!object.ContainsCode(tracker)) return 0;
+  Object(*info).Replace(
+      {"dlsym", reinterpret_cast<void*>(DlsymOfTracker), NextDefinition("dlsym"), nullptr, false});
+  Object(*info).Replace();
+  return 1;
+}
+
+int ReadAdds(dl_phdr_info* info, size_t /*size*/, void* adds) {
+  *static_cast<unsigned long long*>(adds) = info->dlpi_adds;
+  return 1;
+}
+
+}  // namespace
+
+// A scan, whenever dlsym looks it up.
+extern "C" MEMLEAK_EXPORT void memleak_scan() __attribute__((ifunc("memleak_scan_resolver")));
+
+void FindReplacedSlots() {
+  if (self != nullptr) return;
+  dl_iterate_phdr(AddOwnFunctions, nullptr);
+  Dl_info info;
+  dladdr1(&self, &info, &self, RTLD_DL_LINKMAP);
+}
+
+void AddReplacedSlot(const char* name, void* function) {
+  Add(name, function);
+}
+
+void ReplaceTrackerSlots(const void* tracker) {
+  dl_iterate_phdr(ReplaceInTracker, const_cast<void*>(tracker));
+}
+
+SlotScan ReplaceSlots() {
+  replacing.store(true);
+  return Scan();
+}
+
+void ReplaceNewSlots() {
+  if (!replacing.load()) return;
+  unsigned long long adds = 0;
+  dl_iterate_phdr(ReadAdds, &adds);
+  if (adds != scanned_adds.load()) Scan();
+}
+
+void RestoreSlots() {
+  replacing.store(false);
+  Scan();
+}
+
+}  // namespace host

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+// How the controller brings the loader into a process that already runs (Linux only).
+//
+// A debugger calls dlopen on the loader, with RTLD_NOW | RTLD_LOCAL, on a thread of the process
+// that uses neither the allocator nor the dynamic linker. Loaded this way, the loader does nothing
+// by itself. Then the debugger calls kAttachFunction on the same thread. From then on the state
+// file (protocol/state.h) carries all commands, also the one that detaches.
+#pragma once
+
+#include <cstddef>
+
+namespace protocol {
+
+/// The loader's exported function: int memleak_attach(const char* root, const char* log, const
+/// char* properties).
+///
+/// The paths are absolute, "%p" in them is replaced; `log` and `properties` may be empty: none.
+/// They may be on the caller's stack. Returns 0 if the process is attached or was attached already,
+/// else an errno value; then kAttachReason has one line and the process is as before. EBUSY: the
+/// loader was preloaded. Call it again after a detach to attach again.
+inline constexpr char kAttachFunction[] = "memleak_attach";
+using AttachFunction = int(const char* root, const char* log, const char* properties);
+
+/// The loader's exported buffer, char[kAttachReasonBytes]: why the latest attach failed. NUL at its
+/// end.
+inline constexpr char kAttachReason[] = "memleak_attach_reason";
+inline constexpr std::size_t kAttachReasonBytes = 256;
+
+}  // namespace protocol

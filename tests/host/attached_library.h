@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+// The functions of attached_library.cpp.
+#pragma once
+
+#include <stddef.h>
+
+/// How a block is allocated. Decides how it is freed.
+enum class Way : unsigned { kMalloc, kCalloc, kAligned, kPosix, kPointer, kCopied, kNew, kCount };
+
+struct Allocator {
+  void* (*allocate)(Way way, size_t size);
+  void* (*resize)(void* block, size_t size);
+  void (*release)(Way way, void* block);
+  void* (*open)(const char* library);
+};
+
+/// Pointers to functions of the allocator.
+struct Pointers {
+  void* (*take)(size_t);
+  void (*give)(void*);
+};
+
+/// Variable of a library. The program has a copy.
+extern "C" Pointers attached_copied;
+
+/// Function of the program. Each library calls it when it is loaded.
+extern "C" void attached_register(const Allocator& allocator);

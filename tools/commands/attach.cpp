@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+// attach: loads the tracker into a process that already runs. detach: takes it out of use.
+#include <deque>
+#include <iostream>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/base/names.h"
+#include "tools/base/user_error.h"
+#include "tools/commands/on.h"
+#include "tools/commands/options.h"
+#include "tools/target/attach.h"
+#include "tools/target/attach_checks.h"
+#include "tools/target/inspect.h"
+#include "tools/target/send_command.h"
+
+namespace memleak {
+namespace {
+
+constexpr const char* kAttachHelp = R"(
+Loads the tracker into a process that already runs, and starts recording as
+`memleak on` does, with the same options. Then all other commands work as for a
+process that `memleak run` has started. Blocks from before are not recorded:
+they can be freed and resized, and no report lists them.
+
+gdb loads the tracker, or lldb where gdb is missing. It stops the process at a
+place where no thread uses the dynamic linker, and some thread uses neither that
+nor the allocator. If there is no such place, it tries again for 5 s.
+
+The root directory is made by the user of the process. If the process has other
+mounts, as in a container, --root and --log are paths in the process, and the
+tracker's two libraries are copied to the root directory.
+
+Not possible: programs that are linked statically or with an allocator that is,
+programs for musl, emulated programs and those of another architecture.
+
+Examples:
+  memleak attach 4711
+  memleak attach 4711 --depth 24 --root /var/tmp/leak
+  memleak attach --children $(cat /run/nginx.pid)
+  memleak attach 4711 --idle && memleak on 4711 --kind mmap --lib libfoo.so
+
+Exit codes:
+  0  attached and recording
+  2  error (see stderr); the process runs on as before)";
+
+constexpr const char* kDetachHelp = R"(
+Stops recording and takes the tracker out of use: calls go to the allocator
+again, signal 44 has the action that it had, and the thread of the tracker ends.
+The libraries stay loaded and do nothing. `memleak attach` attaches again.
+
+A process that `memleak run` has started cannot be detached.
+
+Examples:
+  memleak detach 4711
+  memleak detach --children $(cat /run/nginx.pid)
+
+Exit codes:
+  0  detached
+  2  error (see stderr))";
+
+/// The processes on the command line.
+struct Processes {
+  std::vector<pid_t> pids;
+  bool children = false;  ///< their descendants too
+};
+
+struct AttachOptions {
+  Processes processes;
+  bool idle = false;  ///< do not record yet
+  AttachPlaces places;
+  OnOptions on;
+};
+
+void AddProcesses(CLI::App* command, Processes* processes) {
+  ExpectNumber(AddOption(command, "PID", &processes->pids, "...", "Process ids")->required(),
+               CLI::Range(1, std::numeric_limits<pid_t>::max()), "process id");
+  command->add_flag("--children", processes->children, "Their children too, and so on");
+}
+
+// Calls `action` for each process, parents first. An error does not prevent the next one. Returns
+// the exit code.
+template <typename Action>
+int ForEach(const Processes& processes, Action action) {
+  int code = kExitOk;
+  std::set<pid_t> seen;
+  std::deque<pid_t> left(processes.pids.begin(), processes.pids.end());
+  for (; !left.empty(); left.pop_front()) {
+    const pid_t pid = left.front();
+    if (!seen.insert(pid).second) continue;
+    try {
+      action(pid);
+    } catch (const UserError& error) {
+      std::cerr << "memleak: " << Printable(error.what()) << std::endl;
+      code = kExitUserError;
+    }
+    if (!processes.children) continue;
+    // After the action: a child that was forked meanwhile is found too.
+    for (const pid_t child : ChildrenOf(pid)) left.push_back(child);
+  }
+  return code;
+}
+
+// Whether the tracker is in use. Throws UserError if it cannot be detached.
+bool IsAttached(const ProcessInfo& process) {
+  if (!process.state) return false;
+  const protocol::Form form = (*process.state)->form;
+  if (form == protocol::Form::kPreloaded) throw StartedByRun(process);
+  return form == protocol::Form::kAttached;
+}
+
+void AttachOne(const AttachOptions& options, pid_t pid) {
+  const ProcessInfo process = InspectProcess(pid);
+  if (IsAttached(process)) {
+    std::cout << process.Label() << ": already attached" << std::endl;
+  } else {
+    const auto stood_still = AttachTo(process, options.places);
+    std::cout << process.Label() << ": attached, stood still " << FormatDuration(stood_still)
+              << ", root directory " << Printable(InspectProcess(pid).root) << std::endl;
+  }
+  if (options.idle) return;
+  OnOptions on = options.on;
+  on.pid = pid;
+  StartRecording(on);
+}
+
+int Attach(const AttachOptions& options) {
+  return ForEach(options.processes, [&](pid_t pid) { AttachOne(options, pid); });
+}
+
+int Detach(const Processes& processes) {
+  return ForEach(processes, [](pid_t pid) {
+    const ProcessInfo process = RequireTracked(pid);
+    if (!IsAttached(process)) return;
+    const Carried carried = DetachFrom(process);
+    std::cout << process.Label() << ": detached" << CarriedText(carried) << std::endl;
+  });
+}
+
+}  // namespace
+
+void AddAttach(Program* program) {
+  const auto [command, options] = program->AddCommand(
+      "attach", "Load the tracker into a process that runs", kAttachHelp, Attach);
+  AddProcesses(command, &options->processes);
+  command->add_flag("--idle", options->idle, "Do not start recording");
+  AttachPlaces& places = options->places;
+  AddOption(command, "--root", &places.root, "DIR",
+            "Root directory (default: ./memleak.<pid>, else\n/tmp/memleak.<pid>)");
+  AddOption(command, "--log", &places.log, "FILE", "The tracker's log");
+  AddOption(command, "--libdir", &places.libdir, "DIR", "Directory of the tracker's two libraries");
+  AddOnOptions(command, &options->on);
+}
+
+void AddDetach(Program* program) {
+  const auto [command, processes] =
+      program->AddCommand("detach", "Take the tracker out of use", kDetachHelp, Detach);
+  AddProcesses(command, processes);
+}
+
+}  // namespace memleak

@@ -1,0 +1,321 @@
+// SPDX-License-Identifier: Apache-2.0
+// First everything that can be checked and prepared while the process runs. Then the debugger stops
+// it at a safe place, calls dlopen and the loader's function, and detaches.
+#include "tools/target/attach.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "protocol/attach.h"
+#include "protocol/protocol.h"
+#include "tools/base/files.h"
+#include "tools/base/names.h"
+#include "tools/target/attach_checks.h"
+#include "tools/target/debugger.h"
+#include "tools/target/elf_symbols.h"
+#include "tools/target/find_state.h"
+#include "tools/target/inspect.h"
+#include "tools/target/launcher.h"
+#include "tools/target/root_directory.h"
+#include "tools/target/thread_stacks.h"
+
+namespace memleak {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// How long threads get to leave the allocator and the dynamic linker, and the time between two
+// looks.
+constexpr milliseconds kPatience(5000);
+constexpr milliseconds kRunOn(5);
+constexpr milliseconds kRunToMalloc(200);
+
+constexpr std::uint64_t kRedZone = 128;                    // below the stack pointer of x86-64
+constexpr std::uint64_t kNow = 2;                          // RTLD_NOW | RTLD_LOCAL of glibc
+constexpr std::uint64_t kInternalNow = kNow | 0x80000000;  // for __libc_dlopen_mode
+
+const std::vector<const char*> kLibraries = {protocol::kPreloadLibrary, protocol::kTrackerLibrary};
+
+std::vector<std::string> RootPatterns(bool other_mounts) {
+  const std::string name = "memleak.%p";
+  std::vector<std::string> patterns = {"/tmp/" + name};
+  // The current directory is not in a container.
+  if (!other_mounts) patterns.insert(patterns.begin(), (fs::current_path() / name).string());
+  return patterns;
+}
+
+std::string Absolute(const ProcessInfo& process, const std::string& path, const char* option) {
+  if (path.starts_with('/') || path.empty()) return path;
+  if (process.outside.empty()) return fs::absolute(path).lexically_normal().string();
+  throw UserError(std::string(option) + " is relative, and process " + process.Label() +
+                      " has other mounts: " + path,
+                  "give an absolute path as the process sees it");
+}
+
+// Makes the root directory with its properties, as the user of the process. Returns its pattern.
+std::string MakeRoot(const ProcessInfo& process, const std::string& given) {
+  std::vector<std::string> patterns = {Absolute(process, given, "--root")};
+  if (given.empty()) patterns = RootPatterns(!process.outside.empty());
+  const AsUserOf user(process);
+  for (const std::string& pattern : patterns) {
+    const std::string root = process.outside + ExpandPid(pattern, process.inner_pid);
+    try {
+      if (!ReadProperties(root)) {
+        WriteProperties(root, UpdateProperties("", DefaultSettings(OwnMachine())));
+      }
+      return pattern;
+    } catch (const UserError&) {
+      if (pattern == patterns.back()) throw;
+    }
+  }
+  return "";
+}
+
+bool UserCanRead(const ProcessInfo& process, const std::string& directory) {
+  const AsUserOf user(process);
+  return std::all_of(kLibraries.begin(), kLibraries.end(), [&](const char* name) {
+    const int file = open(JoinPath(directory, name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (file >= 0) close(file);
+    return file >= 0;
+  });
+}
+
+// Copies the libraries to the root directory, as the user of the process.
+void CopyLibraries(const ProcessInfo& process, const std::string& from, const std::string& root) {
+  for (const char* name : kLibraries) {
+    std::ifstream file(JoinPath(from, name), std::ios::binary);
+    const std::string content((std::istreambuf_iterator<char>(file)), {});
+    const AsUserOf user(process);
+    WriteBelowRoot(root, name, content);
+  }
+}
+
+// The directory, as the process sees it, from which it can load the libraries. That is the one near
+// the controller, unless the process has other mounts or its user cannot read them there.
+std::string PlaceLibraries(const ProcessInfo& process, const std::string& libdir,
+                           const std::string& root) {
+  std::string directory = FindLibraries(libdir, OwnMachine());
+  if (!process.outside.empty() || !UserCanRead(process, directory)) {
+    CopyLibraries(process, directory, process.outside + root);
+    directory = root;
+  }
+  struct statvfs status {};
+  if (statvfs((process.outside + directory).c_str(), &status) == 0 &&
+      (status.f_flag & ST_NOEXEC) != 0) {
+    throw UserError("no code can be loaded from " + process.Shown(process.outside + directory) +
+                        ": it is mounted with noexec",
+                    directory == root ? "name a directory on another file system with --root DIR"
+                                      : "copy the two libraries and name them with --libdir DIR");
+  }
+  return directory;
+}
+
+/// The loader as the process has mapped it.
+class MappedLoader {
+ public:
+  /// Nothing if it is not mapped.
+  static std::optional<MappedLoader> Find(const ProcessInfo& process) {
+    for (const Mapping& mapping : ParseMaps(ReadMaps(process.pid))) {
+      if (mapping.offset != 0 || LastPart(mapping.path) != protocol::kPreloadLibrary) continue;
+      const std::string path = FileOf(process, mapping);
+      const auto file = ReadDynamicFile(path, {});
+      if (file) return MappedLoader(mapping.start - file->first_address, ReadDefinitions(path));
+    }
+    return std::nullopt;
+  }
+
+  std::uint64_t Address(const char* name) const {
+    for (const ElfSymbol& symbol : symbols_) {
+      if (symbol.name == name) return bias_ + symbol.address;
+    }
+    throw UserError(std::string("the loader has no ") + name,
+                    "use the loader of the same build with --libdir DIR");
+  }
+
+ private:
+  MappedLoader(std::uint64_t bias, std::vector<ElfSymbol> symbols)
+      : bias_(bias), symbols_(std::move(symbols)) {}
+
+  std::uint64_t bias_;
+  std::vector<ElfSymbol> symbols_;
+};
+
+/// One stop of the process.
+class Attachment {
+ public:
+  explicit Attachment(const ProcessInfo& process)
+      : process_(process), debugger_(Debugger::Start(process.pid)), memory_(process.pid) {}
+
+  // Stops the process at a place where a thread can call functions.
+  void Stop() {
+    const auto deadline = steady_clock::now() + kPatience;
+    while (!TryToStop()) {
+      debugger_->Detach();
+      if (steady_clock::now() >= deadline) {
+        throw UserError(
+            "process " + process_.Label() + " has no thread that can load the tracker: " + why_not_,
+            "try again; the process runs on as before");
+      }
+      std::this_thread::sleep_for(kRunOn);
+    }
+  }
+
+  // Calls dlopen.
+  void Load(const std::string& path) {
+    const bool internal = code_->Function("dlopen") == 0;
+    const std::uint64_t function = code_->Function(internal ? "__libc_dlopen_mode" : "dlopen");
+    if (function == 0) {
+      throw UserError("cannot find dlopen in process " + process_.Label(),
+                      "start the program with: memleak run -- PROGRAM");
+    }
+    if (Call(function, {path}, {internal ? kInternalNow : kNow}) != 0) return;
+    const std::uint64_t dlerror = code_->Function("dlerror");
+    const std::string reason = dlerror == 0 ? "" : memory_.Text(Call(dlerror, {}, {}));
+    throw UserError("process " + process_.Label() +
+                        " cannot load the tracker: " + Printable(reason.empty() ? path : reason),
+                    "check that its user may read and execute the file");
+  }
+
+  // Calls the loader's function.
+  void Begin(const std::string& root, const std::string& log, const std::string& properties) {
+    const auto loader = MappedLoader::Find(process_);
+    if (!loader) throw UserError("process " + process_.Label() + " has not loaded the tracker");
+    const auto error = static_cast<int>(
+        Call(loader->Address(protocol::kAttachFunction), {root, log, properties}, {}));
+    if (error == 0) return;
+    if (error == EBUSY) throw StartedByRun(process_);
+    const std::string reason = memory_.Text(loader->Address(protocol::kAttachReason));
+    throw UserError("cannot attach to process " + process_.Label() + ": " +
+                    Printable(reason.empty() ? std::strerror(error) : reason));
+  }
+
+  // Lets the process run on. Returns how long it stood still.
+  microseconds End() {
+    debugger_->Detach();
+    return std::chrono::duration_cast<microseconds>(steady_clock::now() - stopped_);
+  }
+
+ private:
+  bool TryToStop() {
+    if (!code_ || code_->IsOutdated()) code_ = std::make_unique<ProcessCode>(process_);
+    stopped_ = steady_clock::now();
+    debugger_->Attach();
+    const std::vector<StoppedThread> threads = debugger_->Threads();
+    if (threads.empty()) throw Refused(process_, debugger_->LastOutput());
+    if (code_->IsOutdated()) {
+      why_not_ = "it loads and closes libraries all the time";
+      return false;
+    }
+    if (Choose(threads)) return true;
+    if (linker_in_use_) return false;
+    // All threads compute: wait until one of them allocates.
+    debugger_->RunTo(code_->Malloc(), kRunToMalloc);
+    stopped_ = steady_clock::now();
+    return Choose(debugger_->Threads());
+  }
+
+  // Chooses a thread that can call functions. Returns whether there is one.
+  bool Choose(const std::vector<StoppedThread>& threads) {
+    thread_.reset();
+    linker_in_use_ = false;
+    for (const StoppedThread& thread : threads) {
+      const Stack stack = code_->StackOf(thread);
+      const char* why_not = code_->WhyNot(thread, stack);
+      if (why_not == nullptr && !thread_) thread_ = thread;
+      if (why_not == nullptr || linker_in_use_) continue;
+      // The call would wait for the lock of the dynamic linker, and could not be broken off.
+      linker_in_use_ = stack.Has(Place::kLinker);
+      why_not_ = "thread " + std::to_string(thread.number) + " is " + why_not;
+    }
+    return thread_.has_value() && !linker_in_use_;
+  }
+
+  // Calls a function whose first arguments are `texts`, which are put on the stack of the thread.
+  std::uint64_t Call(std::uint64_t function, const std::vector<std::string>& texts,
+                     std::vector<std::uint64_t> others) {
+    std::string bytes;
+    std::vector<std::uint64_t> arguments;
+    for (const std::string& text : texts) {
+      arguments.push_back(bytes.size());
+      bytes += text + '\0';
+    }
+    const std::uint64_t stack =
+        (thread_->StackPointer() - kRedZone - bytes.size()) & ~std::uint64_t{15};
+    for (std::uint64_t& argument : arguments) argument += stack;
+    arguments.insert(arguments.end(), others.begin(), others.end());
+    if (!bytes.empty() && !memory_.Write(stack, bytes)) {
+      throw UserError("cannot write to the memory of process " + process_.Label(),
+                      "run memleak as root");
+    }
+    const auto result = debugger_->Call(*thread_, stack, function, arguments);
+    if (!result) {
+      throw UserError(
+          "a call in process " + process_.Label() + " failed: " + debugger_->LastOutput(),
+          "try again");
+    }
+    // Continues system calls of all threads that the end of the call has interrupted.
+    debugger_->Threads();
+    return *result;
+  }
+
+  const ProcessInfo& process_;
+  std::unique_ptr<Debugger> debugger_;
+  ProcessMemory memory_;
+  std::unique_ptr<ProcessCode> code_;
+  std::optional<StoppedThread> thread_;
+  bool linker_in_use_ = false;
+  std::string why_not_;
+  steady_clock::time_point stopped_;
+};
+
+}  // namespace
+
+microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places) {
+  CheckAttachable(process);
+  Attachment attachment(process);
+  const std::string log = Absolute(process, places.log, "--log");
+  const std::string pattern = MakeRoot(process, places.root);
+  const std::string root = ExpandPid(pattern, process.inner_pid);
+  const bool is_loaded = MappedLoader::Find(process).has_value();
+  const std::string library =
+      is_loaded ? ""
+                : JoinPath(PlaceLibraries(process, places.libdir, root), protocol::kPreloadLibrary);
+  attachment.Stop();
+  if (!is_loaded) attachment.Load(library);
+  attachment.Begin(pattern, log, JoinPath(root, protocol::kPropertiesFile));
+  return attachment.End();
+}
+
+std::vector<std::string> DefaultRoots(pid_t pid) {
+  std::vector<std::string> roots = RootPatterns(false);
+  for (std::string& root : roots) root = ExpandPid(root, pid);
+  return roots;
+}
+
+std::vector<pid_t> ChildrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  std::error_code error;
+  for (const fs::directory_entry& task :
+       fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    std::ifstream file(task.path() / "children");
+    for (pid_t child = 0; file >> child;) children.push_back(child);
+  }
+  return children;
+}
+
+}  // namespace memleak

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// Which processes can be attached to. Single-threaded.
+#pragma once
+
+#include <string>
+
+#include "tools/base/user_error.h"
+#include "tools/target/process_info.h"
+
+namespace memleak {
+
+/// Throws UserError if `process` cannot be attached to, as far as /proc tells.
+void CheckAttachable(const ProcessInfo& process);
+
+/// The error if a debugger may not stop `process`. `output` is what the debugger said; may be
+/// empty.
+UserError Refused(const ProcessInfo& process, const std::string& output);
+
+/// The error for a process that memleak run has started.
+UserError StartedByRun(const ProcessInfo& process);
+
+}  // namespace memleak

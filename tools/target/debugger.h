@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// A debugger that stops a process and calls functions in it. Single-threaded.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace memleak {
+
+/// A stopped thread.
+struct StoppedThread {
+  unsigned number = 0;  ///< the debugger's: 1 is the main thread
+  /// The processor's general registers in the order of their DWARF numbers; on aarch64 the program
+  /// counter follows.
+  std::vector<std::uint64_t> registers;
+  /// The number of the system call that was interrupted, or negative.
+  std::int64_t system_call = -1;
+
+  std::uint64_t StackPointer() const;
+  std::uint64_t ProgramCounter() const;
+};
+
+/// A debugger as a child process that reads commands from a socket. It runs in a session of its
+/// own, so that an interrupt from the terminal does not end it in the middle of a call. If this
+/// program ends, the debugger completes its commands and detaches.
+class Debugger {
+ public:
+  /// Starts gdb, or lldb if gdb is missing, and reads the program of process `pid`, which runs
+  /// on. Throws UserError if neither is installed or it does not start.
+  static std::unique_ptr<Debugger> Start(pid_t pid);
+  /// Detaches and ends the debugger.
+  virtual ~Debugger();
+  Debugger(const Debugger&) = delete;
+  Debugger& operator=(const Debugger&) = delete;
+
+  /// Stops the process. Throws UserError if that is not permitted.
+  void Attach();
+  /// Lets the process run on.
+  void Detach();
+  /// The threads of the stopped process. Calls that only the stop has interrupted, and that the
+  /// kernel would end with EINTR, continue with Detach or Call. Throws UserError.
+  std::vector<StoppedThread> Threads();
+  /// Lets the stopped process run until a thread reaches the function at `address`, or for
+  /// `timeout`, and stops it again.
+  void RunTo(std::uint64_t address, std::chrono::milliseconds timeout);
+  /// Calls the function at `address` with up to three `arguments` on `thread`, which is in a system
+  /// call or at the start of a function; the other threads run meanwhile. The stack pointer is
+  /// `stack` during the call, a multiple of 16. Afterwards the thread has its general registers
+  /// back, and all threads stand still.
+  /// Nothing: the call failed, or took longer than a few seconds and was broken off.
+  std::optional<std::uint64_t> Call(const StoppedThread& thread, std::uint64_t stack,
+                                    std::uint64_t address,
+                                    const std::vector<std::uint64_t>& arguments);
+
+  /// What the debugger printed last, as one line.
+  std::string LastOutput() const;
+
+ protected:
+  using Lines = std::vector<std::string>;
+
+  /// Starts the program `command`. `end_command` makes it print a line that ends with "@@".
+  Debugger(pid_t pid, const Lines& command, std::string end_command);
+  /// Sends `lines` and returns what the debugger prints.
+  Lines Run(const Lines& lines, std::chrono::milliseconds timeout);
+
+  virtual Lines AttachCommands(pid_t pid) const = 0;
+  /// Prints one line for each thread: "@T NUMBER REGISTER...", in decimal, the last register is the
+  /// number of the interrupted system call, negative if there is none.
+  virtual Lines ReadThreads() = 0;
+  virtual Lines RunToCommands(std::uint64_t address) const = 0;
+  virtual Lines SetResult(unsigned thread, int error) const = 0;
+  /// Prints "$NUMBER = RESULT", the result in decimal, if the function has returned.
+  virtual Lines CallCommands(const StoppedThread& thread, std::uint64_t stack,
+                             std::uint64_t address,
+                             const std::vector<std::uint64_t>& arguments) const = 0;
+
+ private:
+  bool Send(const Lines& lines);
+  bool Receive(std::chrono::milliseconds timeout);
+  bool ReceiveOrStop(std::chrono::milliseconds timeout);
+  void End();
+
+  pid_t target_;
+  std::string end_command_;
+  pid_t child_ = -1;
+  int socket_ = -1;
+  bool attached_ = false;
+  std::size_t pending_ = 0;  // times that commands were sent and their output is not complete
+  std::string buffer_;
+  Lines output_;
+};
+
+}  // namespace memleak

@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: Apache-2.0
+// The data of the page (format "memleak-page" version 1, see docs/report-json.md), and what is
+// computed from it once. No DOM here.
+
+import { shortName } from "./names.js";
+
+export interface Process {
+  program: string;
+  arguments: string[];
+  pid: number;
+  host: string;
+  started: number; // seconds since the epoch
+  written: number;
+  since: number;
+  kinds: string[];
+  unwind: string;
+  unrecorded: number;
+}
+
+export interface Report {
+  path: string;
+  made: number; // seconds since the epoch
+  complete: boolean;
+  damagedLines: number;
+  backtraceSize: number;
+  process?: Process; // of a profile
+}
+
+export interface Totals {
+  bytes: number;
+  groups: number;
+  blocks: number;
+  listedBytes: number;
+  listedGroups: number;
+  unlistedBytes: number;
+  unlistedGroups: number;
+  javaBytes: number;
+  javaGroups: number;
+}
+
+export interface Library {
+  path: string;
+  name: string;
+  buildId: string;
+  found: boolean;
+  hint: string; // the file that would give (more) symbols
+}
+
+/** The reports of `memleak watch`; see docs/trend-json.md. */
+export interface Trend {
+  reports: { seconds: number; time: number; bytes: number }[];
+  groups: {
+    size: number;
+    maxSize: number;
+    stack: string[];
+    libraries: string[];
+    values: ({ count: number; total: number } | null)[];
+    growth: number | null;
+    line: { bytesPerMinute: number; margin95: number | null } | null;
+  }[];
+}
+
+interface Frames {
+  name: number[]; // indices of strings
+  library: number[]; // index, -1 for none
+  file: number[];
+  line: number[];
+  address: number[];
+  inlined: string; // a digit for each frame
+  unresolved: string;
+}
+
+interface Groups {
+  size: number[]; // of the smallest block
+  larger: number[]; // by how much the largest block is larger
+  count: number[];
+  total: number[];
+  youngest: (number | null)[];
+  oldest: (number | null)[];
+  ages: number[][]; // pairs: an index of ageBounds, and a number of blocks
+  node: number[]; // of the innermost frame; 0 without a stack
+  java: string;
+  ownAges: string;
+  cut: string;
+  pattern: string; // an index of kPatterns
+  beforeCount?: number[];
+  beforeTotal?: number[];
+  status?: string; // an index of kStatuses
+}
+
+interface PageData {
+  format: string;
+  version: number;
+  report: Report;
+  totals: Totals;
+  libraries: Library[];
+  ageBounds: number[];
+  base?: { report: Report; totals: Totals };
+  trend?: Trend;
+  strings: string[];
+  frames: Frames;
+  groups: Groups;
+  /** A tree from the outermost frames. Node n, counted from 1, has the frame frame[n - 1]. */
+  stacks: {
+    frame: number[];
+    jumps: number[]; // pairs: a node, and its parent if that is not the node before it; 0 for none
+  };
+}
+
+const kNone = 0xffffffff;
+
+export const kPatterns = ["unknown", "growing", "settled", "recent"] as const;
+/** "unknown": a report that omits groups may hide a part of the group. */
+export const kStatuses = ["grew", "shrank", "new", "gone", "same", "unknown"] as const;
+export type Status = (typeof kStatuses)[number];
+
+/** All frames with one name in one library. */
+export interface FunctionInfo {
+  name: string;
+  short: string;
+  library: number;
+  unresolved: boolean;
+  lower: string; // name, library and source files for the search
+}
+
+export type Measure = "bytes" | "count";
+
+/** Stacks of functions, innermost first: those of group g are from start[g] to start[g + 1]. */
+export interface Stacks {
+  start: Uint32Array;
+  functions: Uint32Array;
+}
+
+export class Data {
+  readonly report: Report;
+  readonly totals: Totals;
+  readonly libraries: Library[];
+  readonly ageBounds: number[];
+  /** How many of the ages of `ageBounds` have blocks, from the youngest on. */
+  readonly ageScale: number;
+  readonly base: PageData["base"];
+  readonly trend: Trend | undefined;
+  readonly frames: Frames;
+  readonly groups: Groups;
+  readonly count: number; // of groups
+  readonly isDiff: boolean;
+  readonly functions: FunctionInfo[] = [];
+  /** The function that stands for the missing outer frames of cut stacks. */
+  readonly cutFunction: number;
+  /** With the pseudo function of cut stacks. */
+  readonly stacks: Stacks;
+  private readonly parentOf: Uint32Array; // by node of the tree of stacks
+  private readonly frameOf: Uint32Array;
+  private readonly functionOf: Uint32Array;
+  private readonly strings: string[];
+  private resolved: Stacks | null = null;
+
+  constructor(page: PageData) {
+    this.report = page.report;
+    this.totals = page.totals;
+    this.libraries = page.libraries;
+    this.ageBounds = page.ageBounds;
+    this.ageScale = page.groups.ages.reduce((most, pairs) => Math.max(most, (pairs.at(-2) ?? 0) + 1), 4);
+    this.base = page.base;
+    this.trend = page.trend;
+    this.frames = page.frames;
+    this.groups = page.groups;
+    this.strings = page.strings;
+    this.count = page.groups.size.length;
+    this.isDiff = page.base !== undefined;
+    this.functionOf = this.findFunctions();
+    this.cutFunction = this.functions.length;
+    this.functions.push({
+      ...{ name: `(cut at ${this.report.backtraceSize} frames)`, short: `(cut at ${this.report.backtraceSize} frames)` },
+      ...{ library: -1, unresolved: false, lower: "" },
+    });
+    this.frameOf = Uint32Array.from(page.stacks.frame);
+    this.parentOf = parents(page.stacks);
+    this.stacks = this.functionStacks(() => true);
+  }
+
+  /** The stacks without the functions that have no name. */
+  resolvedStacks(): Stacks {
+    this.resolved ??= this.functionStacks((id) => !this.functions[id]!.unresolved);
+    return this.resolved;
+  }
+
+  /** The frames of a group, innermost first. */
+  framesOf(group: number): number[] {
+    const frames: number[] = [];
+    for (let node = this.groups.node[group]!; node !== 0; node = this.parentOf[node]!) {
+      frames.push(this.frameOf[node - 1]!);
+    }
+    return frames;
+  }
+
+  frameName(frame: number): string {
+    return this.strings[this.frames.name[frame]!]!;
+  }
+
+  frameFile(frame: number): string {
+    return this.strings[this.frames.file[frame]!]!;
+  }
+
+  frameFunction(frame: number): number {
+    return this.functionOf[frame]!;
+  }
+
+  libraryName(library: number): string {
+    return library < 0 ? "" : this.libraries[library]!.name || "(nameless)";
+  }
+
+  /** What the group holds in the later report. */
+  after(group: number, measure: Measure): number {
+    return (measure === "bytes" ? this.groups.total : this.groups.count)[group]!;
+  }
+
+  /** What it holds in the earlier report; the same as now without one. */
+  before(group: number, measure: Measure): number {
+    if (!this.isDiff) return this.after(group, measure);
+    return (measure === "bytes" ? this.groups.beforeTotal! : this.groups.beforeCount!)[group]!;
+  }
+
+  /** The larger one of before and after. */
+  width(group: number, measure: Measure): number {
+    return Math.max(this.before(group, measure), this.after(group, measure));
+  }
+
+  status(group: number): Status | "" {
+    return this.isDiff ? kStatuses[this.groups.status!.charCodeAt(group) - 48]! : "";
+  }
+
+  isJava(group: number): boolean {
+    return this.groups.java[group] === "1";
+  }
+
+  pattern(group: number): (typeof kPatterns)[number] {
+    return kPatterns[this.groups.pattern.charCodeAt(group) - 48]!;
+  }
+
+  private findFunctions(): Uint32Array {
+    const { name, library, file, unresolved } = this.frames;
+    const functionOf = new Uint32Array(name.length);
+    const known = new Map<number, number>();
+    const lastFile: number[] = [];
+    for (let frame = 0; frame < name.length; ++frame) {
+      const key = name[frame]! * (this.libraries.length + 1) + library[frame]! + 1;
+      let id = known.get(key);
+      if (id === undefined) {
+        known.set(key, (id = this.functions.length));
+        const text = this.strings[name[frame]!]!;
+        const lower = `${text}\n${this.libraryName(library[frame]!)}`.toLowerCase();
+        const nameless = unresolved[frame] === "1";
+        this.functions.push({
+          ...{ name: text, short: nameless ? text : shortName(text), library: library[frame]! },
+          ...{ unresolved: nameless, lower },
+        });
+      }
+      functionOf[frame] = id;
+      if (file[frame] !== lastFile[id] && this.strings[file[frame]!] !== "") {
+        lastFile[id] = file[frame]!;
+        this.functions[id]!.lower += `\n${this.strings[file[frame]!]!.toLowerCase()}`;
+      }
+    }
+    return functionOf;
+  }
+
+  private functionStacks(wanted: (id: number) => boolean): Stacks {
+    const keeps = Uint8Array.from(this.functions, (_, id) => (wanted(id) ? 1 : 0));
+    const { parentOf, frameOf, functionOf } = this;
+    // The function of each node, or 0xffffffff; and how many are kept from there to the root.
+    const idOf = new Uint32Array(parentOf.length);
+    const depth = new Uint16Array(parentOf.length);
+    for (let node = 1; node < parentOf.length; ++node) {
+      const id = functionOf[frameOf[node - 1]!]!;
+      idOf[node] = keeps[id] === 1 ? id : kNone;
+      depth[node] = depth[parentOf[node]!]! + keeps[id]!;
+    }
+    const { node: nodes, cut } = this.groups;
+    const start = new Uint32Array(this.count + 1);
+    for (let group = 0; group < this.count; ++group) {
+      start[group + 1] = start[group]! + depth[nodes[group]!]! + (cut[group] === "1" ? 1 : 0);
+    }
+    const functions = new Uint32Array(start[this.count]!);
+    for (let group = 0, at = 0; group < this.count; ++group) {
+      for (let node = nodes[group]!; node !== 0; node = parentOf[node]!) {
+        if (idOf[node] !== kNone) functions[at++] = idOf[node]!;
+      }
+      if (cut[group] === "1") functions[at++] = this.cutFunction;
+    }
+    return { start, functions };
+  }
+}
+
+function parents({ frame, jumps }: PageData["stacks"]): Uint32Array {
+  const parentOf = new Uint32Array(frame.length + 1);
+  for (let node = 1; node < parentOf.length; ++node) parentOf[node] = node - 1;
+  for (let i = 0; i < jumps.length; i += 2) parentOf[jumps[i]!] = jumps[i + 1]!;
+  return parentOf;
+}
+
+/** Parses the data of the page. Throws an error that can be shown. */
+export function readData(text: string): Data {
+  const page = JSON.parse(text) as PageData;
+  if (page.format !== "memleak-page" || page.version !== 1) {
+    throw new Error(`This page shows memleak-page version 1, not ${page.format} ${page.version}.`);
+  }
+  return new Data(page);
+}

@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tab of functions: the sums of each function, and for one of them its callers and callees.
+
+import type { Data } from "./data.js";
+import { el, formatBytes, formatCount, formatShare, plural, shareBar, signed } from "./dom.js";
+import { cutText } from "./names.js";
+import type { Found } from "./search.js";
+import { Table, type Column } from "./table.js";
+import { CallTree, type TreeNode } from "./tree.js";
+
+const kListed = 10; // callers or callees of a function, until more are asked for
+const kNameLimit = 300;
+
+/** Sums by function or library. */
+export interface Sums {
+  self: Float64Array; // bytes of the groups whose innermost frame it is
+  total: Float64Array; // of the groups that have it on their stacks, each counted once
+  blocks: Float64Array; // of these
+  change: Float64Array; // of these, in bytes, without groups that are not judged
+}
+
+/** Sums of `count` keys. `keyOf` gives that of a function, -1 for none. */
+export function sumsBy(data: Data, count: number, keyOf: (id: number) => number): Sums {
+  const sums = {
+    ...{ self: new Float64Array(count), total: new Float64Array(count) },
+    ...{ blocks: new Float64Array(count), change: new Float64Array(count) },
+  };
+  const keys = Int32Array.from(data.functions, (_, id) => (id === data.cutFunction ? -1 : keyOf(id)));
+  const last = new Int32Array(count).fill(-1); // group that was counted
+  const { start, functions } = data.stacks;
+  for (let group = 0; group < data.count; ++group) {
+    const [begin, end] = [start[group]!, start[group + 1]!];
+    const [bytes, blocks] = [data.groups.total[group]!, data.groups.count[group]!];
+    const judged = data.isDiff && data.status(group) !== "unknown";
+    const change = judged ? bytes - data.before(group, "bytes") : 0;
+    for (let at = begin; at < end; ++at) {
+      const key = keys[functions[at]!]!;
+      if (key < 0) continue;
+      if (at === begin) sums.self[key]! += bytes;
+      if (last[key] === group) continue; // a recursive function counts once
+      last[key] = group;
+      sums.total[key]! += bytes;
+      sums.blocks[key]! += blocks;
+      sums.change[key]! += change;
+    }
+  }
+  return sums;
+}
+
+/** The columns of sums, after that of the name. */
+export function sumColumns(data: Data, sums: Sums, who: string): Column[] {
+  const whole = data.totals.listedBytes + data.totals.javaBytes;
+  const columns: Column[] = [
+    {
+      ...{ key: "self", title: "Self", hint: `Bytes allocated by the ${who} itself`, number: true },
+      value: (row) => sums.self[row]!,
+      cell: (row) => formatBytes(sums.self[row]!),
+    },
+    {
+      ...{ key: "share", title: "Self %", hint: "Dark: itself. Light: with all that it calls", number: true },
+      value: (row) => sums.self[row]!,
+      cell: (row) =>
+        el(
+          "span",
+          { class: "barred" },
+          shareBar(sums.total[row]! / whole, sums.self[row]! / whole),
+          el("span", {}, formatShare(sums.self[row]!, whole)),
+        ),
+    },
+    {
+      ...{ key: "total", title: "Total", hint: `Bytes allocated by the ${who} and all that it calls`, number: true },
+      value: (row) => sums.total[row]!,
+      cell: (row) => formatBytes(sums.total[row]!),
+    },
+    {
+      ...{ key: "percent", title: "Total %", hint: "The total's share of all bytes", number: true },
+      value: (row) => sums.total[row]!,
+      cell: (row) => formatShare(sums.total[row]!, whole),
+    },
+    {
+      ...{ key: "count", title: "Blocks", hint: "Number of blocks of the total", number: true },
+      value: (row) => sums.blocks[row]!,
+      cell: (row) => formatCount(sums.blocks[row]!),
+    },
+  ];
+  if (data.isDiff) {
+    columns.push({
+      ...{ key: "growth", title: "Change", hint: "Change of the total since the older report", number: true },
+      value: (row) => sums.change[row]!,
+      cell: (row) => changeText(sums.change[row]!),
+    });
+  }
+  return columns;
+}
+
+export function changeText(change: number): HTMLElement {
+  const status = change > 0 ? "grew" : change < 0 ? "shrank" : "same";
+  return el("span", { "data-status": status }, signed(change, formatBytes));
+}
+
+export class FunctionsTab {
+  readonly element: HTMLElement;
+  private readonly table: Table;
+  private readonly panel = el("section", { class: "sandwich", "aria-live": "polite" });
+  private readonly all: number[] = [];
+  private picked = -1;
+
+  constructor(
+    private readonly data: Data,
+    private readonly sums: Sums,
+    private readonly pick: (id: number) => void,
+    private readonly showStacks: (name: string) => void,
+  ) {
+    for (let id = 0; id < data.functions.length; ++id) if (sums.total[id]! > 0 || sums.change[id] !== 0) this.all.push(id);
+    this.table = new Table({
+      ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "growth" : "self" },
+      main: "where",
+      columns: [
+        {
+          ...{ key: "where", title: "Function", hint: "Function and library", number: false },
+          value: (id) => data.functions[id]!.name,
+          cell: (id) => this.functionCell(id),
+        },
+        ...sumColumns(data, sums, "function"),
+      ],
+      picked: (id) => this.pick(id),
+      label: (id) => `Callers and callees of ${cutText(data.functions[id]!.short, 80)}`,
+    });
+    this.panel.hidden = true;
+    this.element = el("div", {}, this.panel, this.table.element);
+  }
+
+  update(found: Found | null, picked: number): void {
+    this.table.show(found ? this.all.filter((id) => found.functions[id] === 1) : this.all);
+    this.showPanel(picked);
+  }
+
+  private functionCell(id: number): HTMLElement {
+    const { short, name, library, unresolved } = this.data.functions[id]!;
+    const code = el("code", { title: cutText(name, 2000), class: unresolved ? "unresolved" : "" }, cutText(short, kNameLimit));
+    const place = unresolved ? "" : this.data.libraryName(library);
+    return el("span", { class: "name" }, code, el("small", {}, ` ${place}`));
+  }
+
+  private showPanel(id: number): void {
+    const known = id >= 0 && id < this.data.cutFunction;
+    this.table.setCurrent(known ? id : -1);
+    this.panel.hidden = !known;
+    if (!known || id === this.picked) {
+      this.picked = known ? id : -1;
+      return;
+    }
+    this.picked = id;
+    const { name, library } = this.data.functions[id]!;
+    const { self, total, blocks } = this.sums;
+    this.panel.replaceChildren(
+      el(
+        "div",
+        { class: "sandwich-head" },
+        el("h2", { tabindex: -1 }, el("code", {}, cutText(name, 600))),
+        el("button", { type: "button", onclick: () => this.showStacks(name) }, "Its stacks"),
+        el("button", { type: "button", onclick: () => this.pick(-1) }, "Close"),
+      ),
+      el(
+        "p",
+        {},
+        `${this.data.libraryName(library) || "no library"}: ${formatBytes(self[id]!)} itself, ` +
+          `${formatBytes(total[id]!)} in ${plural(blocks[id]!, "block")} with all that it calls.`,
+      ),
+      el("div", { class: "sides" }, this.side("Callers", id, false), this.side("Callees", id, true)),
+    );
+    this.panel.querySelector("h2")!.focus({ preventScroll: true });
+    this.panel.scrollIntoView({ block: "nearest" });
+  }
+
+  private side(title: string, id: number, inward: boolean): HTMLElement {
+    const walk = { stacks: this.data.stacks, measure: "bytes" as const, inward, from: id };
+    const tree = new CallTree(this.data, walk, [...Array(this.data.count).keys()]);
+    const here = el("p", { class: "hint" }, inward ? "It allocates all of that itself." : "Nothing calls it.");
+    const none = tree.children(tree.root).length === 0;
+    return el("div", { class: "side" }, el("h3", {}, title), none ? here : this.list(tree, tree.root));
+  }
+
+  /** The children of a node. Each opens to its own. */
+  private list(tree: CallTree, parent: TreeNode): HTMLElement {
+    const list = el("ul", { class: "calls" });
+    const children = tree.children(parent);
+    const add = (from: number) => {
+      for (const node of children.slice(from, from + kListed)) list.append(this.call(tree, node));
+      const rest = children.length - from - kListed;
+      if (rest <= 0) return;
+      const more = el("button", { type: "button", class: "more" }, `${formatCount(rest)} more`);
+      const line = el("li", {}, more);
+      more.addEventListener("click", () => {
+        line.remove();
+        add(from + kListed);
+        list.querySelectorAll<HTMLElement>(".toggle")[from + kListed]?.focus();
+      });
+      list.append(line);
+    };
+    add(0);
+    return list;
+  }
+
+  private call(tree: CallTree, node: TreeNode): HTMLElement {
+    const { short, name, unresolved } = this.data.functions[node.id]!;
+    const whole = tree.root.width;
+    const line = el("li");
+    const toggle = el("button", {
+      ...{ type: "button", class: "toggle", "aria-expanded": "false" },
+      "aria-label": `Next level of ${cutText(short, 80)}`,
+    });
+    const isCut = node.id === this.data.cutFunction;
+    const link = isCut
+      ? el("span", {}, short)
+      : el(
+          "button",
+          { type: "button", class: `link ${unresolved ? "unresolved" : ""}`, title: cutText(name, 2000), onclick: () => this.pick(node.id) },
+          cutText(short, kNameLimit),
+        );
+    toggle.addEventListener("click", () => {
+      const open = toggle.getAttribute("aria-expanded") === "true";
+      toggle.setAttribute("aria-expanded", String(!open));
+      if (open) {
+        line.querySelector("ul")?.remove();
+        return;
+      }
+      line.append(this.list(tree, node));
+      // A single one opens at once, down to the next fork.
+      const inner = line.querySelectorAll<HTMLElement>(":scope > ul > li > .call > .toggle");
+      if (inner.length === 1) inner[0]!.click();
+    });
+    const leaf = tree.children(node).length === 0;
+    if (leaf) toggle.classList.add("leaf");
+    toggle.disabled = leaf;
+    const figures = el("span", { class: "figures" }, formatBytes(node.after), " ", formatShare(node.width, whole));
+    line.append(el("div", { class: "call" }, toggle, shareBar(node.width / whole), figures, link));
+    return line;
+  }
+}

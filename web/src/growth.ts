@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tab of growth. Of several reports: lines over time. Of two: what changed. Of one: what the ages
+// of its blocks suggest.
+
+import { patternMeaning, svgElement } from "./ages.js";
+import { kPatterns, type Data, type Trend } from "./data.js";
+import { el, formatAge, formatBytes, formatCount, formatShare, plural, shareBar, signed } from "./dom.js";
+import { cutText, shortName } from "./names.js";
+
+const kLines = 10;
+const kNames = 6;
+
+/** What grew, without the table and the graph of a difference. */
+export function growthView(data: Data): HTMLElement {
+  const parts: (HTMLElement | null)[] = [];
+  if (data.trend && data.trend.reports.length > 2) parts.push(trendView(data.trend));
+  if (data.isDiff) parts.push(changes(data));
+  else parts.push(agesView(data));
+  return el("div", {}, ...parts);
+}
+
+/** What the listed groups grew and shrank by, and how many are not judged. */
+function changes(data: Data): HTMLElement {
+  const sums = { grew: [0, 0], shrank: [0, 0], unknown: [0, 0] };
+  for (let group = 0; group < data.count; ++group) {
+    const status = data.status(group);
+    if (status === "same" || status === "") continue;
+    const growth = data.after(group, "bytes") - data.before(group, "bytes");
+    const grew = status === "grew" || status === "new";
+    const sum = sums[status === "unknown" ? "unknown" : grew ? "grew" : "shrank"];
+    sum[0]! += status === "unknown" ? data.width(group, "bytes") : growth;
+    ++sum[1]!;
+  }
+  const list = el("dl", { class: "figures" });
+  const add = (name: keyof typeof sums, title: string, text: (bytes: number) => string) => {
+    const [bytes, groups] = [sums[name][0]!, sums[name][1]!];
+    list.append(
+      el(
+        "div",
+        { "data-figure": name },
+        el("dt", {}, title),
+        el("dd", { class: name }, text(bytes)),
+        el("dd", { class: "exact" }, `${signed(bytes, formatCount)} bytes, ${plural(groups, "stack")}`),
+      ),
+    );
+  };
+  add("grew", "Grew", (bytes) => signed(bytes, formatBytes));
+  add("shrank", "Shrank", (bytes) => signed(bytes, formatBytes));
+  if (sums.unknown[1] === 0) return list;
+  add("unknown", "Not judged", formatBytes);
+  const note =
+    "Groups are not judged (status: unknown) if one report lists them, or call sites of them, and the " +
+    "other one omits groups. A report lists its 1000 largest groups; no option changes that.";
+  return el("div", {}, list, el("p", { class: "hint" }, note));
+}
+
+function agesView(data: Data): HTMLElement {
+  const sums = new Map(kPatterns.map((pattern) => [pattern, { bytes: 0, groups: 0 }]));
+  for (let group = 0; group < data.count; ++group) {
+    const sum = sums.get(data.pattern(group))!;
+    sum.bytes += data.groups.total[group]!;
+    ++sum.groups;
+  }
+  const whole = data.totals.listedBytes + data.totals.javaBytes;
+  const rows = (["growing", "recent", "settled", "unknown"] as const).map((pattern) => {
+    const { bytes, groups } = sums.get(pattern)!;
+    const bar = el("span", { class: "barred" }, shareBar(bytes / whole), el("span", {}, formatShare(bytes, whole)));
+    return el(
+      "tr",
+      { class: "row" },
+      el("td", { class: "where", "data-label": "Ages say" }, el("b", {}, pattern), el("small", {}, ` ${patternMeaning(pattern)}`)),
+      el("td", { class: "number", "data-label": "Bytes" }, formatBytes(bytes)),
+      el("td", { class: "number share", "data-label": "%" }, bar),
+      el("td", { class: "number", "data-label": "Stacks" }, formatCount(groups)),
+    );
+  });
+  const titles = ["Ages say", "Bytes", "%", "Stacks"];
+  return el(
+    "div",
+    {},
+    el(
+      "p",
+      { class: "hint" },
+      "One report shows growth only by the ages of its blocks. To measure growth: ",
+      el("code", {}, "memleak watch PID"),
+      ", or ",
+      el("code", {}, "memleak html NEW --diff OLD"),
+      ".",
+    ),
+    el(
+      "table",
+      { id: "patterns" },
+      el("caption", {}, "Stacks by what their ages say about growth"),
+      el("thead", {}, el("tr", {}, ...titles.map((title, at) => el("th", { scope: "col", class: at > 0 ? "number" : "" }, el("span", {}, title))))),
+      el("tbody", {}, ...rows),
+    ),
+  );
+}
+
+interface Line {
+  name: string;
+  title: string;
+  values: (number | null)[];
+  growth: number;
+  slope: string;
+}
+
+function trendView(trend: Trend): HTMLElement {
+  const seconds = trend.reports.map((report) => report.seconds);
+  const totals = trend.reports.map((report) => report.bytes);
+  const grown = trend.groups.filter((group) => (group.growth ?? 0) > 0).slice(0, kLines);
+  const lines = grown.map((group): Line => {
+    const names = group.stack.slice(0, kNames).map(shortName);
+    const line = group.line;
+    const margin = line?.margin95 == null ? "" : ` ± ${formatBytes(Math.round(line.margin95))}`;
+    return {
+      name: names.join(" ← ") || "(no stack)",
+      title: group.stack.join("\n"),
+      values: group.values.map((value) => value?.total ?? null),
+      growth: group.growth ?? 0,
+      slope: line ? `${signed(Math.round(line.bytesPerMinute), formatBytes)}/min${margin}` : "–",
+    };
+  });
+  const rows = lines.map((line, at) =>
+    el(
+      "tr",
+      { class: "row" },
+      el("td", { class: "number", "data-label": "Line" }, key(at), ` ${at + 1}`),
+      el("td", { class: "number", "data-label": "Growth" }, signed(line.growth, formatBytes)),
+      el("td", { class: "number", "data-label": "Slope (95 %)" }, line.slope),
+      el("td", { class: "where", "data-label": "Allocated by ← called by" }, el("code", { title: cutText(line.title, 2000) }, cutText(line.name, 400))),
+    ),
+  );
+  const whole = totals.at(-1)! - totals[0]!;
+  const titles = ["Line", "Growth", "Slope (95 %)", "Allocated by ← called by"];
+  return el(
+    "div",
+    {},
+    el("h3", {}, `All bytes in ${plural(trend.reports.length, "report")}: ${signed(whole, formatBytes)} in ${formatAge(seconds.at(-1)!)}`),
+    chart("All bytes held over time", seconds, [totals]),
+    lines.length === 0 ? el("p", {}, "No stack grew.") : el("h3", {}, `The ${plural(lines.length, "stack")} that grew most`),
+    lines.length === 0 ? null : chart("Bytes of the stacks that grew most, over time", seconds, lines.map(({ values }) => values)),
+    lines.length === 0
+      ? null
+      : el(
+          "table",
+          { id: "trends" },
+          el("caption", {}, "Stacks that grew most, with their slopes"),
+          el("thead", {}, el("tr", {}, ...titles.map((title, at) => el("th", { scope: "col", class: at < 3 ? "number" : "" }, el("span", {}, title))))),
+          el("tbody", {}, ...rows),
+        ),
+  );
+}
+
+/** Lines differ in colour and in dashes. */
+function stroke(at: number): Record<string, string | number> {
+  const dashes = ["none", "7 3", "2 3", "9 3 2 3"];
+  return { class: `line line-${at % 5}`, "stroke-dasharray": dashes[Math.floor(at / 5) + (at % 2 ? 2 : 0)]! };
+}
+
+function key(at: number): SVGElement {
+  const svg = svgElement("svg", { class: "line-key", viewBox: "0 0 30 10", width: 30, height: 10, "aria-hidden": "true" });
+  svg.append(svgElement("path", { ...stroke(at), d: "M1 5h28" }));
+  return svg;
+}
+
+/** Lines over time, on one scale from 0. Unknown values are gaps. */
+function chart(title: string, seconds: number[], lines: (number | null)[][]): HTMLElement {
+  const [width, height, left, bottom] = [1000, 220, 90, 24];
+  const highest = Math.max(1, ...lines.flat().map((value) => value ?? 0));
+  const last = Math.max(seconds.at(-1)!, 1e-9);
+  const x = (at: number) => left + ((width - left - 10) * seconds[at]!) / last;
+  const y = (value: number) => height - bottom - ((height - bottom - 10) * value) / highest;
+  const svg = svgElement("svg", { class: "chart", viewBox: `0 0 ${width} ${height}`, role: "img", "aria-label": title });
+  for (const share of [0, 0.5, 1]) {
+    svg.append(svgElement("path", { class: "grid", d: `M${left} ${y(share * highest)}H${width - 10}` }));
+    svg.append(svgText(left - 8, y(share * highest) + 5, "end", formatBytes(Math.round(share * highest))));
+  }
+  for (const share of [0, 0.5, 1]) {
+    const anchor = share === 0 ? "start" : share === 1 ? "end" : "middle";
+    svg.append(svgText(left + share * (width - left - 10), height - 4, anchor, formatAge(share * last)));
+  }
+  lines.forEach((values, index) => {
+    let path = "";
+    values.forEach((value, at) => {
+      if (value === null) return;
+      path += `${at > 0 && values[at - 1] !== null ? "L" : "M"}${x(at).toFixed(1)} ${y(value).toFixed(1)}`;
+    });
+    svg.append(svgElement("path", { ...stroke(index), d: path }));
+    const [end, value] = [values.length - 1, values.at(-1)];
+    if (lines.length > 1 && value != null) svg.append(svgText(x(end) - 2, y(value) - 4, "end", String(index + 1)));
+  });
+  return el("div", { class: "chart-frame" }, svg as unknown as HTMLElement);
+}
+
+function svgText(x: number, y: number, anchor: string, text: string): SVGElement {
+  const element = svgElement("text", { x, y, "text-anchor": anchor });
+  element.textContent = text;
+  return element;
+}

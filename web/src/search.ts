@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// The search: which functions and groups match the typed text. No DOM here.
+
+import type { Data } from "./data.js";
+
+export interface Found {
+  typed: string;
+  functions: Uint8Array; // 1 for a match, by function
+  groups: Uint8Array; // 1 for a group with a match on its stack
+  functionCount: number;
+  groupCount: number;
+  bytes: number;
+}
+
+/** Matches lower-case texts against a part of them, or against a /regular expression/. */
+function matcher(typed: string): (text: string) => boolean {
+  const expression = /^\/(.+)\/$/.exec(typed);
+  if (expression) {
+    try {
+      const pattern = new RegExp(expression[1]!, "im");
+      return (text) => pattern.test(text);
+    } catch {
+      return () => false; // not finished typing
+    }
+  }
+  const part = typed.toLowerCase();
+  return (text) => text.includes(part);
+}
+
+/** The functions whose name, library or source file matches; null for an empty text. */
+export function search(data: Data, typed: string): Found | null {
+  if (typed === "") return null;
+  const matches = matcher(typed);
+  const functions = Uint8Array.from(data.functions, ({ lower }) => (lower !== "" && matches(lower) ? 1 : 0));
+  const groups = new Uint8Array(data.count);
+  const { start, functions: stacks } = data.stacks;
+  let [groupCount, bytes] = [0, 0];
+  for (let group = 0; group < data.count; ++group) {
+    const end = start[group + 1]!;
+    for (let at = start[group]!; at < end; ++at) {
+      if (functions[stacks[at]!] === 0) continue;
+      groups[group] = 1;
+      ++groupCount;
+      bytes += data.groups.total[group]!;
+      break;
+    }
+  }
+  const functionCount = functions.reduce((sum, match) => sum + match, 0);
+  return { typed, functions, groups, functionCount, groupCount, bytes };
+}

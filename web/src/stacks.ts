@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tab of stacks: the groups of blocks with one stack, as "function ← caller ← caller".
+
+import { ageBar, ageCounts, ageSentence, ageText, patternWord } from "./ages.js";
+import type { Data } from "./data.js";
+import { el, formatBytes, formatCount, formatShare, longText, plural, shareBar } from "./dom.js";
+import { changeText } from "./functions.js";
+import { cutText } from "./names.js";
+import { type Column, Table } from "./table.js";
+
+const kCallersShown = 8;
+const kRowLimit = 400;
+const kNameLimit = 300;
+
+export class StacksTab {
+  readonly element: HTMLElement;
+  private readonly table: Table;
+  private readonly sums = el("p", { class: "row-count", role: "status" });
+  private hideUnresolved = false;
+  private rows: ArrayLike<number> = [];
+
+  constructor(
+    private readonly data: Data,
+    id: string,
+    private readonly pick: (id: number) => void,
+  ) {
+    this.table = new Table({
+      ...{ id, caption: "Blocks by call stack", main: "where" },
+      columns: this.columns(),
+      sortBy: data.isDiff ? "growth" : "total",
+      label: (group) => `Stack ${formatCount(group + 1)}: frames and ages`,
+      detail: (group) => this.detail(group),
+    });
+    this.element = el("div", {}, this.sums, this.table.element);
+  }
+
+  update(rows: ArrayLike<number>, hideUnresolved: boolean): void {
+    this.hideUnresolved = hideUnresolved;
+    this.rows = rows;
+    this.table.show(Array.from(rows));
+    this.sums.textContent = this.sumText();
+  }
+
+  private columns(): Column[] {
+    const { data } = this;
+    const { groups } = data;
+    const whole = data.totals.listedBytes + data.totals.javaBytes;
+    const columns: Column[] = [
+      {
+        ...{ key: "total", title: "Bytes", hint: "Bytes of all blocks", number: true },
+        value: (group) => groups.total[group]!,
+        cell: (group) => formatBytes(groups.total[group]!),
+      },
+      {
+        ...{ key: "share", title: "%", hint: "Share of all bytes", number: true },
+        value: (group) => groups.total[group]!,
+        cell: (group) =>
+          el(
+            "span",
+            { class: "barred" },
+            // The largest fills the bar: shares of single stacks are small.
+            shareBar(groups.total[group]! / Math.max(1, groups.total[0]!)),
+            el("span", {}, formatShare(groups.total[group]!, whole)),
+          ),
+      },
+      {
+        ...{ key: "where", title: "Allocated by ← called by", hint: "The innermost functions", number: false },
+        value: (group) => this.names(group).join(" "),
+        cell: (group) => this.where(group),
+      },
+      {
+        ...{ key: "count", title: "Blocks", hint: "Number of blocks", number: true },
+        value: (group) => groups.count[group]!,
+        cell: (group) => formatCount(groups.count[group]!),
+      },
+      {
+        ...{ key: "size", title: "Size", hint: "Bytes of one block: smallest to largest", number: true },
+        value: (group) => groups.size[group]!,
+        cell: (group) => this.sizeText(group),
+      },
+    ];
+    if (data.isDiff) {
+      columns.push(
+        {
+          ...{ key: "growth", title: "Change", hint: "Bytes since the older report", number: true },
+          value: (group) => (data.status(group) === "unknown" ? NaN : groups.total[group]! - groups.beforeTotal![group]!),
+          cell: (group) =>
+            data.status(group) === "unknown" ? "–" : changeText(groups.total[group]! - groups.beforeTotal![group]!),
+        },
+        {
+          ...{ key: "status", title: "Status", hint: "Compared with the older report", number: false },
+          value: (group) => data.status(group),
+          cell: (group) => el("span", { "data-status": data.status(group) }, data.status(group)),
+        },
+      );
+    }
+    columns.push({
+      ...{ key: "age", title: "Ages", hint: "Blocks by age, from young to old; then youngest to oldest", number: false },
+      value: (group) => groups.oldest[group] ?? NaN,
+      cell: (group) => el("span", { class: "age-cell" }, ageBar(data, group), el("span", {}, `${ageText(data, group)} ${patternWord(data, group)}`)),
+    });
+    return columns;
+  }
+
+  /** Short names, innermost first, without the unresolved ones if these are hidden. */
+  private names(group: number): string[] {
+    const { start, functions } = this.hideUnresolved ? this.data.resolvedStacks() : this.data.stacks;
+    const end = Math.min(start[group + 1]!, start[group]! + kCallersShown);
+    const names: string[] = [];
+    for (let at = start[group]!; at < end; ++at) {
+      const { short } = this.data.functions[functions[at]!]!;
+      // A function that calls itself says nothing new.
+      if (names.at(-1) !== short) names.push(short);
+    }
+    return names;
+  }
+
+  private where(group: number): HTMLElement {
+    const [first = "(no stack)", ...callers] = this.names(group);
+    const rest = callers.map((name) => ` ← ${name}`).join("");
+    const text = cutText(first, kNameLimit);
+    return el("span", { class: "name" }, el("code", {}, text), el("code", { class: "callers" }, cutText(rest, kRowLimit)));
+  }
+
+  private sizeText(group: number): string {
+    const { size, larger } = this.data.groups;
+    const smallest = formatBytes(size[group]!);
+    return larger[group]! > 0 ? `${smallest}–${formatBytes(size[group]! + larger[group]!)}` : smallest;
+  }
+
+  /** The sums of the shown groups. */
+  private sumText(): string {
+    const { data, rows } = this;
+    let [held, growth, notJudged] = [0, 0, 0];
+    for (let i = 0; i < rows.length; ++i) {
+      const group = rows[i]!;
+      held += data.groups.total[group]!;
+      if (data.status(group) === "unknown") ++notJudged;
+      else growth += data.after(group, "bytes") - data.before(group, "bytes");
+    }
+    const which = rows.length === data.count ? "" : ` of ${formatCount(data.count)}`;
+    const text =
+      `${formatCount(rows.length)}${which} ${data.count === 1 ? "stack holds" : "stacks hold"} ` +
+      `${formatBytes(held)} (${formatCount(held)} bytes)`;
+    if (!data.isDiff) return text;
+    const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "group")} not judged`;
+    return `${text}; change: ${growth > 0 ? "+" : growth < 0 ? "−" : ""}${formatBytes(Math.abs(growth))}${rest}`;
+  }
+
+  private detail(group: number): HTMLElement {
+    const { data } = this;
+    const frames = data.framesOf(group);
+    const counts = ageCounts(data, group);
+    const list = el("ol", { class: "stack" }, ...Array.from(frames, (frame) => this.frame(frame)));
+    const cut = data.groups.cut[group] === "1" ? data.functions[data.cutFunction]!.name : null;
+    return el(
+      "div",
+      {},
+      el("p", {}, this.figures(group)),
+      data.groups.count[group]! > 1 && counts.length > 0
+        ? el("p", {}, `${ageSentence(data, group)} Blocks by age: ${counts.join("; ")}.`)
+        : null,
+      list,
+      cut ? el("p", { class: "hint" }, `${cut}: its outer frames are missing`) : null,
+    );
+  }
+
+  /** The figures of both reports in words. */
+  private figures(group: number): string {
+    const { groups } = this.data;
+    const held = (count: number, total: number) => `${plural(count, "block")}, ${formatCount(total)} bytes`;
+    const kind = this.data.isJava(group) ? "Java-native: " : "";
+    const [size, largest] = [groups.size[group]!, groups.size[group]! + groups.larger[group]!];
+    const range = largest > size ? `${formatCount(size)} to ${formatCount(largest)} bytes` : plural(size, "byte");
+    const text = `${kind}${held(groups.count[group]!, groups.total[group]!)}, of ${range} each`;
+    if (!this.data.isDiff) return `${text}.`;
+    const before = held(groups.beforeCount![group]!, groups.beforeTotal![group]!);
+    const judged = this.data.status(group) === "unknown" ? " Not judged: one report omits groups." : "";
+    return `${text}; before: ${before}.${judged}`;
+  }
+
+  private frame(frame: number): HTMLElement {
+    const { data } = this;
+    const { line, address, unresolved, inlined } = data.frames;
+    const id = data.frameFunction(frame);
+    const library = data.libraryName(data.functions[id]!.library);
+    const file = data.frameFile(frame);
+    const place = file === "" ? "" : `${file}:${line[frame]}`;
+    const known = unresolved[frame] === "0" && library !== "";
+    const callers = el("button", {
+      ...{ type: "button", class: "link more", title: "Callers and callees", "aria-label": "Callers and callees" },
+      onclick: () => this.pick(id),
+    }, "⇅");
+    return el(
+      "li",
+      {},
+      el("code", {}, longText(data.frameName(frame), kNameLimit)),
+      inlined[frame] === "1" ? el("em", {}, " inlined") : null,
+      place === "" ? null : el("span", { class: "source" }, " ", longText(place, kNameLimit)),
+      known ? el("small", {}, ` ${library}+0x${address[frame]!.toString(16)}`) : null,
+      " ",
+      callers,
+    );
+  }
+}
