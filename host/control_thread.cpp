@@ -3,7 +3,6 @@
 #include "host/control_thread.h"
 
 #include <errno.h>
-#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
@@ -20,6 +19,7 @@
 #include "host/command_queue.h"
 #include "host/fork_page.h"
 #include "host/form.h"
+#include "host/record_count.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
 #include "host/state.h"
@@ -81,18 +81,6 @@ bool Lock(const timespec& until) {
          pthread_mutex_timedlock(&change_lock, &until) == 0;
 }
 
-/// Waits while `word` is `value`, at most `timeout_ms` (negative: without limit). May return early.
-/// Other processes may wake it.
-void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) {
-  timespec left{static_cast<time_t>(timeout_ms / 1000),
-                static_cast<long>(timeout_ms % 1000 * 1'000'000)};
-  syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
-}
-
-void Wake(std::atomic<uint32_t>& word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
-}
-
 bool OnControlThread() {
   const int id = thread_id.load();
   return id != 0 && id == ThreadId();
@@ -140,19 +128,20 @@ void* ControlThread(void*) {
     const uint32_t bell = state.bell.load();
     int wanted = kStopWanted;
     if (stop.compare_exchange_strong(wanted, kStopped)) return nullptr;
+    if (CountWaits()) CountRecords();
     Command command;
     const bool waits = FirstCommand(command);
     if (waits && !MustWait(command)) {
       const CarriedOut done = CarryOutFirst();
       if (done.ticket != 0) {
         own_done.store(done.ticket);
-        Wake(own_done);
+        WakeWaiters(own_done);
       }
       if (!done.detached) continue;
       End(done.taken);
       return nullptr;
     }
-    if (settled.exchange(1) == 0) Wake(settled);
+    if (settled.exchange(1) == 0) WakeWaiters(settled);
     WaitWhile(state.bell, bell, waits ? kPollMs : -1);
   }
 }
@@ -316,7 +305,7 @@ void RequestControlThread(bool may_start) {
   // A running thread makes the file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
-  if (runs || !CommandWaits()) return;
+  if (runs || !(CommandWaits() || CountWaits())) return;
   StartControlThreadLater();
   if (may_start) TryStart();
 }

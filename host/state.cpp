@@ -206,6 +206,8 @@ void ClearCounters(State& state) {
   state.done = 0;
   state.received = 0;
   state.carried_out = 0;
+  state.counts_wanted = 0;
+  state.counts_done = 0;
   for (protocol::PastCommand& past : state.history) past.number = 0;
   state.reports_started = 0;
   state.reports_ended = 0;
@@ -312,10 +314,20 @@ void RememberCommand(const protocol::Command& command) {
   state.carried_out.store(number);
 }
 
+void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) {
+  timespec left{static_cast<time_t>(timeout_ms / 1000),
+                static_cast<long>(timeout_ms % 1000 * 1'000'000)};
+  syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
+}
+
+void WakeWaiters(std::atomic<uint32_t>& word) {
+  syscall(SYS_futex, &word, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
+}
+
 void RingBell() {
   std::atomic<uint32_t>& bell = CurrentState().bell;
   bell.fetch_add(1);
-  syscall(SYS_futex, &bell, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
+  WakeWaiters(bell);
 }
 
 }  // namespace host

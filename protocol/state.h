@@ -134,7 +134,12 @@ struct State {
   KindState kinds[std::size(kKinds)];
   std::atomic<std::uint32_t> unwind;  ///< the method in force, kUnwindFramePointers, kUnwindTables
   std::atomic<std::uint32_t> depth;   ///< frames per record in force
-  /// Blocks that were not recorded for lack of memory, as of the latest report.
+  /// The controller increments `counts_wanted`, and `bell` as for a command. The control thread
+  /// counts, then sets `counts_done` to it and wakes its waiters.
+  std::atomic<std::uint32_t> counts_wanted;
+  std::atomic<std::uint32_t> counts_done;
+  std::atomic<std::uint64_t> records;  ///< live blocks with a record, as of the latest count
+  /// Blocks that were not recorded for lack of memory, as of the latest count or report.
   std::atomic<std::uint64_t> dropped;
 
   std::atomic<std::uint32_t> hook_states;  ///< used entries of `hooks`
@@ -155,5 +160,11 @@ static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 /// points to private memory while the process has no file. Without a loader there is no such
 /// variable.
 inline constexpr char kStateVariable[] = "memleak_state";
+
+/// Name of the loader's variable (std::atomic<CountRecords>) that the tracker sets.
+inline constexpr char kRecordCounter[] = "memleak_record_counter";
+/// Stores the number of live records, and of dropped blocks, in the state. The loader calls it on
+/// the control thread.
+using CountRecords = void (*)();
 
 }  // namespace protocol

@@ -83,6 +83,11 @@ class Session:
         assert total == sum(g.total for g in found), "the total is that of the groups"
         return found
 
+    def records(self):
+        """The number of recorded live blocks."""
+        found = re.search(r"^records +([\d,]+) live blocks$", self.tell("status"), re.M)
+        return int(found[1].replace(",", ""))
+
     def sizes(self, root=None):
         """The report's blocks as {size: count}."""
         found = collections.Counter()
@@ -142,7 +147,9 @@ def from_outside(session):
     session.step("alloc 500 100")  # before recording starts: not recorded
     session.tell("on")
     session.step("alloc 1000 48")
+    before = session.records()
     session.step("free 400")
+    assert session.records() == before - 400
     session.tell("report")
     group, = [g for g in session.groups() if g.size == 48]
     assert (group.count, group.total) == (600, 600 * 48)

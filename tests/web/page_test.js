@@ -108,7 +108,7 @@ async function zoomsAndSearches(browser) {
   await page.click("text=Reset zoom");
   await page.getByLabel("Start at").selectOption("allocation");
   await page.mouse.click((await place()).x + 20, (await place()).y + 30);
-  assert.match(await details(page), /^[\d.]+ MiB, \d+\.\d % malloc in libc/);
+  assert.match(await details(page), /^[\d.]+ MiB, \d+\.\d % store::Cache::Insert.* in libstore/);
   // Unresolved frames and the missing frames of cut stacks.
   await page.getByLabel("Start at").selectOption("callers");
   const named = async () => {

@@ -180,7 +180,8 @@ class Page {
       for (const name of ["all", "native", "java"]) select.append(el("option", { value: name }, name === "java" ? "Java-native" : name));
       controls.append(el("label", {}, "Stacks ", select));
     }
-    controls.append(el("label", {}, named, " hide unresolved frames"));
+    // The graph above has this choice already.
+    if (id === "stacks") controls.append(el("label", {}, named, " hide unresolved frames"));
     panel.append(controls, view.element);
     return update;
   }
