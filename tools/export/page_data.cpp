@@ -22,19 +22,11 @@ namespace {
 // Ages of a report are counted like those of a profile.
 constexpr std::array<std::int64_t, 10> kAgeBounds = {0, 1, 4, 15, 60, 240, 900, 3600, 14400, 86400};
 
-// Names may contain markup. Without "<" they cannot end the script element that holds the data. In
-// JSON "<" occurs in strings only.
 std::string ToText(const nlohmann::json& value) {
   std::ostringstream stream;
   WriteJson(value, stream);
-  std::string text;
-  for (const char c : stream.view()) {
-    if (c == '<') {
-      text.append("\\u003c");
-    } else if (c != '\n') {
-      text.push_back(c);
-    }
-  }
+  std::string text = std::move(stream).str();
+  text.pop_back();  // the line feed
   return text;
 }
 
