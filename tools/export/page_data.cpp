@@ -23,20 +23,6 @@ namespace {
 // Ages of a report are counted like those of a profile.
 constexpr std::array<std::int64_t, 10> kAgeBounds = {0, 1, 4, 15, 60, 240, 900, 3600, 14400, 86400};
 
-// Names may contain markup. Without "<" they cannot end the script element that holds the data. In
-// JSON "<" occurs in strings only.
-std::string WithoutMarkup(std::string_view json) {
-  std::string text;
-  for (const char c : json) {
-    if (c == '<') {
-      text.append("\\u003c");
-    } else if (c != '\n') {
-      text.push_back(c);
-    }
-  }
-  return text;
-}
-
 /// A JSON object with members of numbers. Text() ends it.
 class Columns {
  public:
@@ -255,7 +241,7 @@ std::string PageData(const PageContent& content) {
     }
     json.MemberList("strings", strings.List());
   }
-  std::string text = WithoutMarkup(head.view());
+  std::string text(head.view());
   text.append(",\"frames\":").append(frames);
   text.append(",\"groups\":").append(groups);
   text.append(",\"stacks\":").append(stacks.Text()).append("}");

@@ -239,7 +239,7 @@ export class FunctionsTab {
     const leaf = tree.children(node).length === 0;
     if (leaf) toggle.classList.add("leaf");
     toggle.disabled = leaf;
-    const figures = el("span", { class: "figures" }, formatBytes(node.after), " ", formatShare(node.width, whole));
+    const figures = el("span", { class: "figures" }, formatBytes(node.after), " ", el("span", {}, formatShare(node.width, whole)));
     line.append(el("div", { class: "call" }, toggle, shareBar(node.width / whole), figures, link));
     return line;
   }
