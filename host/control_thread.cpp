@@ -102,19 +102,20 @@ sigset_t AsynchronousSet() {
 /// state still says that the thread runs: a controller that finds no thread would send the control
 /// signal, which is the program's now and may end it.
 void End(const Taken& detach) {
-  for (int wanted = kStopWanted; !stop.compare_exchange_strong(wanted, kStopped);
+  bool locked = false;
+  for (int wanted = kStopWanted; !locked && !stop.compare_exchange_strong(wanted, kStopped);
        wanted = kStopWanted) {
-    if (pthread_mutex_trylock(&change_lock) == 0) {
-      thread_started = false;
-      thread_id.store(0);
-      pthread_detach(pthread_self());
-      pthread_mutex_unlock(&change_lock);
-      break;
-    }
-    SleepMs(1);
+    locked = pthread_mutex_trylock(&change_lock) == 0;
+    if (!locked) SleepMs(1);
   }
+  // The next attach waits for the lock.
   Acknowledge(detach, 0);
   RefusePosted(ESRCH);
+  if (!locked) return;
+  thread_started = false;
+  thread_id.store(0);
+  pthread_detach(pthread_self());
+  pthread_mutex_unlock(&change_lock);
 }
 
 void* ControlThread(void*) {
@@ -239,13 +240,6 @@ bool StopAll(int patience_ms) {
 void Unlock() {
   if (!thread_started && !closed && IsActive() && CommandWaits()) StartControlThreadLater();
   pthread_mutex_unlock(&change_lock);
-}
-
-bool Records() {
-  for (const protocol::KindState& kind : CurrentState().kinds) {
-    if (kind.recording.load() != protocol::Recording::kOff) return true;
-  }
-  return false;
 }
 
 void BeforeFork() {

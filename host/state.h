@@ -44,6 +44,9 @@ void ForkState(bool rested);
 /// The tracker's function for protocol::kSwitchOff, null if there is none. Any thread.
 void (*SwitchOffFunction())();
 
+/// Whether something is recorded, or recording is paused.
+bool Records();
+
 /// Adds `command`, which was carried out, to the state's history. One caller at a time.
 void RememberCommand(const protocol::Command& command);
 

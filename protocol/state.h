@@ -44,7 +44,9 @@ enum class ControlThread : std::uint32_t {
   /// The next call of a function that allocates starts the thread. So does the control signal if it
   /// interrupts a wait for work: the controller repeats it while the state is pending.
   kPending,
-  kRunning,  ///< waits for `bell` to change
+  /// The thread waits for `bell` to change. Also after a detach: the control signal is the
+  /// program's then and may end it, so nobody must send it.
+  kRunning,
 };
 
 enum class Recording : std::uint32_t { kOff, kOn, kPaused };

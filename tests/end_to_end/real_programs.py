@@ -82,7 +82,7 @@ class Session(end_to_end.Session):
                 assert len(counts) == document.totals["listedGroups"]
                 assert sum(int(c.replace(",", "")) for c in counts) == document.totals["blocks"]
             elif view == "function":
-                assert re.search(fr"^ *{held / 1024:.1f} KiB .* {blocks:,}  {function}", text, re.M)
+                assert re.search(fr" {held / 1024:.1f} KiB +{blocks:,}  {function}", text, re.M)
             elif view != "library":
                 assert function in text
 

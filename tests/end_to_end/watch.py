@@ -4,9 +4,12 @@
 usage: watch.py CASE BIN_DIR CONTROLLER
 """
 
+import base64
 import glob
+import gzip
 import json
 import os
+import re
 import signal
 import subprocess
 import time
@@ -75,7 +78,8 @@ def known_growth(session):
     assert "1 of " in out, "nothing else grows"
     if os.path.exists(session.directory + "/leak.html"):  # not in builds without the page
         with open(session.directory + "/leak.html", encoding="utf-8") as page:
-            assert "StepAllocate" in page.read()
+            packed = re.search('id="profile">(.*?)<', page.read())[1]
+        assert b"StepAllocate" in gzip.decompress(base64.b64decode(packed))
 
     session.quit()
 

@@ -3,7 +3,7 @@
 // run as: node TEST MEMLEAK NODE_MODULES WORK_DIRECTORY
 
 import assert from "node:assert/strict";
-import { execFileSync } from "node:child_process";
+import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, writeFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { join, resolve } from "node:path";
@@ -14,6 +14,8 @@ export const packages = createRequire(join(resolve(modules), "here.js"));
 mkdirSync(work, { recursive: true });
 
 export const run = (...args) => execFileSync(memleak, args, { encoding: "utf8", maxBuffer: 1 << 30 });
+/** Starts the program and does not wait for it. */
+export const start = (...args) => spawn(memleak, args, { stdio: "ignore" });
 export const inWork = (name) => join(work, name);
 
 export function file(name, text) {

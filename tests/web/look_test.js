@@ -3,33 +3,57 @@
 // keyboard, prints, and measures a large report. The pictures are in the work directory.
 
 import assert from "node:assert/strict";
-import { readFileSync } from "node:fs";
-import { close, file, inWork, open, packages, rows, run, runTests, search, show, write } from "./browser.js";
+import { readFileSync, rmSync } from "node:fs";
+import { close, file, inWork, open, packages, rows, run, runTests, show, start, write } from "./browser.js";
 import { large, line, report, server } from "./documents.js";
 
 const kTabs = ["functions", "flame", "stacks", "libraries", "growth"];
 const kAxe = readFileSync(packages.resolve("axe-core/axe.min.js"), "utf8");
 
-function pages() {
+/** A page of `memleak watch`: node grows and is watched for some seconds. */
+async function watched() {
+  const [root, out] = [inWork("watched"), inWork("reports")];
+  for (const folder of [root, out]) rmSync(folder, { recursive: true, force: true });
+  const grow = "const kept = []; setInterval(() => kept.push(Buffer.allocUnsafeSlow(9000)), 10)";
+  const program = start("run", "--root", root, "--", process.execPath, "-e", grow);
+  try {
+    for (let tries = 0; ; ++tries) {
+      try {
+        run("watch", String(program.pid), "--every", "1s", "--for", "4s", "-o", out);
+        break;
+      } catch (error) {
+        if (tries === 50) throw error; // else it has not started yet
+        await new Promise((done) => setTimeout(done, 100));
+      }
+    }
+  } finally {
+    program.kill("SIGKILL");
+  }
+  return inWork("reports/leak.html");
+}
+
+async function pages() {
   const old = file("then", report([line("two", 4096, 3), line("three", 100, 5), line("one", 48, 10)]));
   const now = file("now", report([line("one", 48, 1000), line("two", 4096, 1), line("four", 100, 6)]));
   run("html", now, "--diff", old, "-o", inWork("changed.html"));
-  return { server: write("server", server()), changed: inWork("changed.html") };
+  return { server: write("server", server()), changed: inWork("changed.html"), watched: await watched() };
 }
 
-/** Each tab of a profile and of a difference. Nothing is wider than the screen. */
+const kPages = await pages();
+
+/** Each tab of a profile, of a difference and of several reports. Nothing is wider than the screen. */
 async function looksRight(browser) {
-  for (const [name, html] of Object.entries(pages())) {
+  for (const [name, html] of Object.entries(kPages)) {
     for (const colorScheme of ["light", "dark"]) {
       for (const width of [1400, 420]) {
         const page = await open(browser, html, "", { colorScheme, viewport: { width, height: 900 } });
         await page.evaluate(kAxe);
-        for (const tab of kTabs) {
+        for (const tab of name === "server" ? kTabs : ["functions", "growth"]) {
           await show(page, tab);
           if (tab === "functions") await rows(page).nth(1).click();
           if (tab === "stacks") await rows(page).first().locator(".toggle").click();
           await page.screenshot({ path: inWork(`${name}-${tab}-${colorScheme}-${width}.png`) });
-          const { violations } = await page.evaluate(() => axe.run());
+          const { violations } = await page.evaluate(() => axe.run({ resultTypes: ["violations"] }));
           const serious = violations.filter(({ impact }) => impact === "serious" || impact === "critical");
           assert.deepEqual(serious.map(({ id, nodes }) => [tab, id, nodes[0].html]), []);
           assert.equal(await page.evaluate(() => document.documentElement.scrollWidth), width, `${tab} fits`);
@@ -42,7 +66,7 @@ async function looksRight(browser) {
 
 /** Each control is reached by Tab, shows its focus and does its work by keyboard. */
 async function worksByKeyboard(browser) {
-  const page = await open(browser, pages().server);
+  const page = await open(browser, kPages.server);
   const focused = () => page.evaluate(() => document.activeElement.outerHTML.slice(0, 200));
   const tabTo = async (part) => {
     for (let step = 0; step < 60; ++step) {
@@ -66,14 +90,14 @@ async function worksByKeyboard(browser) {
   assert.equal(await page.getAttribute("th.total", "aria-sort"), "descending");
   await tabTo('aria-label="Callers and callees of server::Handle"');
   await page.keyboard.press("Enter");
-  await tabTo('aria-label="Next level of store::Cache::Insert"');
+  await tabTo('aria-label="Next level of server::Loop"');
   await page.keyboard.press("Enter");
   assert.ok(await page.locator(".calls .calls").first().isVisible());
   await close(page);
 }
 
 async function prints(browser) {
-  const page = await open(browser, pages().server, "#tab=stacks", { colorScheme: "dark" });
+  const page = await open(browser, kPages.server, "#tab=stacks", { colorScheme: "dark" });
   await page.emulateMedia({ media: "print", colorScheme: "dark" });
   await page.evaluate(() => window.dispatchEvent(new Event("beforeprint")));
   for (const [part, visible] of [["h1", true], ["#functions", true], ["#panel-flame canvas", true], ["#stacks", false], ["nav.bar", false]]) {

@@ -96,7 +96,7 @@ async function zoomsAndSearches(browser) {
   assert.match(await details(page), /server::Handle/);
   assert.equal(await page.inputValue("#search"), "cache::insert");
   await page.click("text=Reset zoom");
-  assert.equal(await details(page), "25.4 MiB, 100.0 % all".replace("25.4", (await details(page)).split(" ")[0]));
+  assert.match(await details(page), / MiB, 100\.0 % all$/);
   await page.goBack();
   assert.equal(await path(page), zoomed);
   await show(page, "stacks");
@@ -108,7 +108,7 @@ async function zoomsAndSearches(browser) {
   await page.click("text=Reset zoom");
   await page.getByLabel("Start at").selectOption("allocation");
   await page.mouse.click((await place()).x + 20, (await place()).y + 30);
-  assert.match(await details(page), /^[\d.]+ MiB, \d+\.\d % malloc in libc/);
+  assert.match(await details(page), /^[\d.]+ MiB, \d+\.\d % store::Cache::Insert.* in libstore/);
   // Unresolved frames and the missing frames of cut stacks.
   await page.getByLabel("Start at").selectOption("callers");
   const named = async () => {

@@ -24,10 +24,11 @@ shown are summed up below the view. For programs, write JSON with
 `memleak export --format json`.
 
 --by group lists the blocks with one stack; in a report, those of one size with
-one stack. --by library and function sum up the groups: "bytes" counts all that
-they call, "self" the innermost frame only. --by tree goes from the outermost
-call inwards, callers from the allocating call outwards. --sort orders groups,
-sums and branches; size is that of one block, on average.
+one stack. --by library and function sum up the groups: "self" counts the
+innermost frame only, "total" all that they call. Without --sort, the largest
+"self" is first. --by tree goes from the outermost call inwards, callers from
+the allocating call outwards. --sort orders groups, sums and branches; size is
+that of one block, on average.
 
 --filter takes a POSIX extended regular expression, as grep -E does, and finds
 it anywhere in a name. Case matters: write [Ff]oo for either. A digit is [0-9],
@@ -74,10 +75,22 @@ bool WantsColor() {
          terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
+// See setlocale(3) for the order of these.
+bool IsUtf8() {
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = std::getenv(name);
+    if (value == nullptr || *value == '\0') continue;
+    const std::string_view locale = value;
+    return locale.find("UTF-8") != locale.npos || locale.find("utf8") != locale.npos;
+  }
+  return false;
+}
+
 int Show(const ShowOptions& options) {
   const Profile profile = OpenProfile(options.report, options.read);
   ViewOptions view = options.view;
   view.color = WantsColor();
+  if (isatty(STDOUT_FILENO) == 1) view.bars = IsUtf8() ? Bars::kBlocks : Bars::kAscii;
   PrintProfile(profile, view, std::cout);
   return kExitOk;
 }

@@ -182,7 +182,9 @@ std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind
   std::erase_if(rows, [](const Row& row) { return row.inclusive.groups == 0; });
   std::ranges::stable_sort(rows, std::greater(), [sort](const Row& row) {
     const Sums& sums = row.inclusive;
-    return std::tuple(Rank(sums, MeanSize(sums), row.oldest, sort), sums.bytes, row.self.bytes);
+    const std::uint64_t rank =
+        sort == SortKey::kTotal ? row.self.bytes : Rank(sums, MeanSize(sums), row.oldest, sort);
+    return std::tuple(rank, sums.bytes, row.self.bytes);
   });
   return rows;
 }

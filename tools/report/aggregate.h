@@ -65,9 +65,10 @@ struct Row {
 
 enum class RowKind { kLibrary, kFunction };
 
-/// Sums up `selected` by library or by function. Rows are sorted by `sort`: the `inclusive` sum,
-/// its mean block size or its oldest age. Frames without a library belong to "[unknown]". Inlined
-/// calls are functions like others. Functions of one name in two libraries have two rows.
+/// Sums up `selected` by library or by function. Rows are sorted by `sort`: kTotal by the bytes of
+/// `self`, as main() calls everything; else by the blocks, mean size or oldest age of `inclusive`.
+/// Frames without a library belong to "[unknown]". Inlined calls are functions like others.
+/// Functions of one name in two libraries have two rows.
 std::vector<Row> AddUp(const Profile& profile, const Selected& selected, RowKind kind,
                        SortKey sort);
 

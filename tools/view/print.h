@@ -15,11 +15,19 @@ namespace memleak {
 
 enum class View { kGroups, kLibraries, kFunctions, kTree, kCallers };
 
+/// How shares are drawn.
+enum class Bars {
+  kNone,
+  kAscii,   ///< of "#"
+  kBlocks,  ///< of block characters, which have eighths of a column
+};
+
 struct ViewOptions {
   View view = View::kGroups;
   std::size_t top = 10;      ///< groups, rows, or branches at each fork; 0: all
   Selection selection = {};  ///< its kind is ignored: native groups are printed, then Java-native
   bool color = false;
+  Bars bars = Bars::kNone;
 };
 
 /// Prints the figures of the report, the view of its groups, and how much is not shown. Throws

@@ -103,30 +103,38 @@ std::string Location(const Profile& profile, const Frame& frame) {
   return frame.library < 0 ? "" : FrameName(profile, nameless);
 }
 
-void PrintGroup(const Section& section, std::size_t number, const Group& group, std::int64_t span,
-                std::ostream& out) {
+// `largest`: the bytes of a group with a full bar.
+void PrintGroup(const Section& section, std::size_t number, const Group& group,
+                std::uint64_t largest, std::int64_t span, std::ostream& out) {
   const Paint paint(section.options.color);
   const std::string bytes = FormatBytes(group.total);
-  const std::string rest = "  " + Percent(group.total, section.whole) + "  " +
-                           Counted(group.count, "block") + " of " +
+  const std::string bar = ShareBar(group.total, largest, section.options);
+  const std::string share = "  " + Percent(group.total, section.whole);
+  const std::string rest = (bar.empty() ? "  " : " ") + Counted(group.count, "block") + " of " +
                            FormatSizes(group.size, group.max_size);
   const std::string ages = Ages(group, section.options, span);
   const std::string label = section.mark + std::to_string(number) + "  ";
-  const bool fits = Columns(label + bytes + rest + ages) <= kColumns;
-  out << "\n" << label << paint.Strong(bytes) << rest << (fits ? "" : "\n   ") << ages << "\n";
+  const bool fits = Columns(label + bytes + share + bar + rest + ages) <= kColumns;
+  out << "\n"
+      << label << paint.Strong(bytes) << share << paint.Bar(bar) << rest << (fits ? "" : "\n   ")
+      << ages << "\n";
   PrintStack(section.profile, group, paint, out);
 }
 
 Sums PrintGroups(const Section& section, std::ostream& out) {
   const std::int64_t span = AgeSpan(section.profile);
   const std::size_t top = section.options.top;
+  std::uint64_t largest = 0;
+  for (const std::size_t index : section.selected.groups) {
+    largest = std::max(largest, section.profile.groups[index].total);
+  }
   Sums below;
   for (std::size_t i = 0; i < section.selected.groups.size(); ++i) {
     const Group& group = section.profile.groups[section.selected.groups[i]];
     if (top != 0 && i >= top) {
       below.Add(group);
     } else {
-      PrintGroup(section, i + 1, group, span, out);
+      PrintGroup(section, i + 1, group, largest, span, out);
     }
   }
   return below;

@@ -2,6 +2,7 @@
 // Tables and trees of sums.
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <optional>
 #include <ostream>
 #include <utility>
@@ -21,18 +22,23 @@ constexpr std::uint64_t kSmallestShare = 100;
 constexpr std::size_t kIndentStep = 2;
 constexpr std::size_t kDeepestIndent = 30;
 
+// The columns of a bar, without the blank before it.
+constexpr std::size_t kBarColumns = 6;
+
 void PrintRow(const Section& section, const Row& row, RowKind kind, std::ostream& out) {
   const Paint paint(section.options.color);
-  std::string figures = Right(Percent(row.inclusive.bytes, section.whole), kShareColumns + 1) +
-                        Right(FormatBytes(row.self.bytes), kBytesColumns + 1) +
-                        Right(FormatCount(row.inclusive.blocks), kBlocksColumns + 1);
+  const std::string share = Right(Percent(row.self.bytes, section.whole), kShareColumns + 1);
+  const std::string bar = ShareBar(row.self.bytes, section.whole, section.options);
+  std::string total = Right(FormatBytes(row.inclusive.bytes), kBytesColumns + 1) +
+                      Right(FormatCount(row.inclusive.blocks), kBlocksColumns + 1);
   if (section.options.selection.sort == SortKey::kAge) {
-    figures += Right(row.oldest ? FormatAge(*row.oldest) : "", kAgeColumns + 1);
+    total += Right(row.oldest ? FormatAge(*row.oldest) : "", kAgeColumns + 1);
   }
   const std::string& name = kind == RowKind::kLibrary && row.name.empty() ? "(nameless)" : row.name;
-  const std::size_t room = kColumns - std::min(kColumns - 10, kBytesColumns + figures.size() + 2);
-  out << paint.Strong(Right(FormatBytes(row.inclusive.bytes), kBytesColumns)) << figures << "  "
-      << paint.Name(FitWidth(name, room)) << "\n";
+  const std::size_t figures = kBytesColumns + share.size() + Columns(bar) + total.size() + 2;
+  const std::size_t room = kColumns - std::min(kColumns - 10, figures);
+  out << paint.Strong(Right(FormatBytes(row.self.bytes), kBytesColumns)) << share << paint.Bar(bar)
+      << total << "  " << paint.Name(FitWidth(name, room)) << "\n";
 }
 
 /// A tree line to be printed.
@@ -168,14 +174,27 @@ class TreePrinter {
 
 }  // namespace
 
+std::string ShareBar(std::uint64_t part, std::uint64_t whole, const ViewOptions& options) {
+  if (options.bars == Bars::kNone) return "";
+  constexpr std::array kEighths = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
+  const double share = whole == 0 ? 0 : static_cast<double>(part) / static_cast<double>(whole);
+  const auto steps = static_cast<std::size_t>(std::lround(std::min(share, 1.0) * kBarColumns * 8));
+  const bool blocks = options.bars == Bars::kBlocks;
+  std::string bar = " ";
+  for (std::size_t i = 0; i < steps / 8; ++i) bar += blocks ? "█" : "#";
+  if (blocks) bar += kEighths.at(steps % 8);
+  return bar + std::string(kBarColumns + 1 - Columns(bar), ' ');
+}
+
 Sums PrintRows(const Section& section, RowKind kind, std::ostream& out) {
   const std::vector<Row> rows =
       AddUp(section.profile, section.selected, kind, section.options.selection.sort);
   if (rows.empty()) return section.selected.sums;
   const bool ages = section.options.selection.sort == SortKey::kAge;
   out << "\n"
-      << Right("bytes", kBytesColumns) << Right("share", kShareColumns + 1)
-      << Right("self", kBytesColumns + 1) << Right("blocks", kBlocksColumns + 1)
+      << Right("self", kBytesColumns) << Right("share", kShareColumns + 1)
+      << std::string(Columns(ShareBar(0, 1, section.options)), ' ')
+      << Right("total", kBytesColumns + 1) << Right("blocks", kBlocksColumns + 1)
       << (ages ? Right("oldest", kAgeColumns + 1) : "")
       << (kind == RowKind::kLibrary ? "  library" : "  function") << "\n";
   Sums below = section.selected.sums;

@@ -2,6 +2,7 @@
 // The views of a report's groups. Single-threaded.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 
@@ -17,6 +18,7 @@ class Paint {
   std::string Strong(const std::string& text) const { return Wrap("\033[1m", text); }
   std::string Name(const std::string& text) const { return Wrap("\033[36m", text); }
   std::string Faint(const std::string& text) const { return Wrap("\033[2m", text); }
+  std::string Bar(const std::string& text) const { return Wrap("\033[34m", text); }
 
  private:
   std::string Wrap(const char* begin, const std::string& text) const {
@@ -33,6 +35,9 @@ struct Section {
   std::uint64_t whole = 0;  ///< bytes that count as 100 %
   const char* mark = "#";   ///< before a group's number
 };
+
+/// " ███▌  ", for the share of `part` in `whole`; empty without bars.
+std::string ShareBar(std::uint64_t part, std::uint64_t whole, const ViewOptions& options);
 
 /// Prints a line or two for each frame of the group.
 void PrintStack(const Profile& profile, const Group& group, const Paint& paint, std::ostream& out);

@@ -115,12 +115,19 @@ export const kStatuses = ["grew", "shrank", "new", "gone", "same", "unknown"] as
 export type Status = (typeof kStatuses)[number];
 
 /** All frames with one name in one library. */
-export interface FunctionInfo {
-  name: string;
-  short: string;
-  library: number;
-  unresolved: boolean;
-  lower: string; // name, library and source files for the search
+export class FunctionInfo {
+  private shortened: string | null = null;
+
+  constructor(
+    readonly name: string,
+    readonly library: number,
+    readonly unresolved: boolean,
+    public lower: string, // name, library and source files for the search
+  ) {}
+
+  get short(): string {
+    return (this.shortened ??= this.unresolved ? this.name : shortName(this.name));
+  }
 }
 
 export type Measure = "bytes" | "count";
@@ -170,10 +177,7 @@ export class Data {
     this.isDiff = page.base !== undefined;
     this.functionOf = this.findFunctions();
     this.cutFunction = this.functions.length;
-    this.functions.push({
-      ...{ name: `(cut at ${this.report.backtraceSize} frames)`, short: `(cut at ${this.report.backtraceSize} frames)` },
-      ...{ library: -1, unresolved: false, lower: "" },
-    });
+    this.functions.push(new FunctionInfo(`(cut at ${this.report.backtraceSize} frames)`, -1, false, ""));
     this.frameOf = Uint32Array.from(page.stacks.frame);
     this.parentOf = parents(page.stacks);
     this.stacks = this.functionStacks(() => true);
@@ -250,11 +254,7 @@ export class Data {
         known.set(key, (id = this.functions.length));
         const text = this.strings[name[frame]!]!;
         const lower = `${text}\n${this.libraryName(library[frame]!)}`.toLowerCase();
-        const nameless = unresolved[frame] === "1";
-        this.functions.push({
-          ...{ name: text, short: nameless ? text : shortName(text), library: library[frame]! },
-          ...{ unresolved: nameless, lower },
-        });
+        this.functions.push(new FunctionInfo(text, library[frame]!, unresolved[frame] === "1", lower));
       }
       functionOf[frame] = id;
       if (file[frame] !== lastFile[id] && this.strings[file[frame]!] !== "") {
@@ -299,9 +299,20 @@ function parents({ frame, jumps }: PageData["stacks"]): Uint32Array {
   return parentOf;
 }
 
-/** Parses the data of the page. Throws an error that can be shown. */
-export function readData(text: string): Data {
-  const page = JSON.parse(text) as PageData;
+/** Unpacks base64 of gzip. Rejects with an error that can be shown. */
+async function unpack(packed: string): Promise<string> {
+  if (typeof DecompressionStream === "undefined") {
+    throw new Error("This browser cannot unpack the data. Use a version of 2023 or later.");
+  }
+  const binary = atob(packed);
+  const bytes = new Uint8Array(binary.length);
+  for (let at = 0; at < bytes.length; ++at) bytes[at] = binary.charCodeAt(at);
+  return new Response(new Blob([bytes]).stream().pipeThrough(new DecompressionStream("gzip"))).text();
+}
+
+/** Reads the data of the page. Rejects with an error that can be shown. */
+export async function readData(packed: string): Promise<Data> {
+  const page = JSON.parse(await unpack(packed)) as PageData;
   if (page.format !== "memleak-page" || page.version !== 1) {
     throw new Error(`This page shows memleak-page version 1, not ${page.format} ${page.version}.`);
   }

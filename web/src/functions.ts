@@ -16,14 +16,15 @@ export interface Sums {
   self: Float64Array; // bytes of the groups whose innermost frame it is
   total: Float64Array; // of the groups that have it on their stacks, each counted once
   blocks: Float64Array; // of these
-  change: Float64Array; // of these, in bytes, without groups that are not judged
+  selfChange: Float64Array; // in bytes, without groups that are not judged
+  change: Float64Array;
 }
 
 /** Sums of `count` keys. `keyOf` gives that of a function, -1 for none. */
 export function sumsBy(data: Data, count: number, keyOf: (id: number) => number): Sums {
   const sums = {
     ...{ self: new Float64Array(count), total: new Float64Array(count) },
-    ...{ blocks: new Float64Array(count), change: new Float64Array(count) },
+    ...{ blocks: new Float64Array(count), change: new Float64Array(count), selfChange: new Float64Array(count) },
   };
   const keys = Int32Array.from(data.functions, (_, id) => (id === data.cutFunction ? -1 : keyOf(id)));
   const last = new Int32Array(count).fill(-1); // group that was counted
@@ -36,7 +37,10 @@ export function sumsBy(data: Data, count: number, keyOf: (id: number) => number)
     for (let at = begin; at < end; ++at) {
       const key = keys[functions[at]!]!;
       if (key < 0) continue;
-      if (at === begin) sums.self[key]! += bytes;
+      if (at === begin) {
+        sums.self[key]! += bytes;
+        sums.selfChange[key]! += change;
+      }
       if (last[key] === group) continue; // a recursive function counts once
       last[key] = group;
       sums.total[key]! += bytes;
@@ -84,13 +88,15 @@ export function sumColumns(data: Data, sums: Sums, who: string): Column[] {
     },
   ];
   if (data.isDiff) {
-    columns.push({
-      ...{ key: "growth", title: "Change", hint: "Change of the total since the older report", number: true },
-      value: (row) => sums.change[row]!,
-      cell: (row) => changeText(sums.change[row]!),
-    });
+    columns.splice(3, 1, changeColumn("growth", "Total ±", "Change of the total since the older report", sums.change));
+    columns.splice(1, 0, changeColumn("self-growth", "Self ±", "Change since the older report", sums.selfChange));
   }
   return columns;
+}
+
+function changeColumn(key: string, title: string, hint: string, changes: Float64Array): Column {
+  const value = (row: number) => changes[row]!;
+  return { key, title, hint, number: true, value, cell: (row) => changeText(changes[row]!) };
 }
 
 export function changeText(change: number): HTMLElement {
@@ -113,7 +119,7 @@ export class FunctionsTab {
   ) {
     for (let id = 0; id < data.functions.length; ++id) if (sums.total[id]! > 0 || sums.change[id] !== 0) this.all.push(id);
     this.table = new Table({
-      ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "growth" : "self" },
+      ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       main: "where",
       columns: [
         {
@@ -233,7 +239,7 @@ export class FunctionsTab {
     const leaf = tree.children(node).length === 0;
     if (leaf) toggle.classList.add("leaf");
     toggle.disabled = leaf;
-    const figures = el("span", { class: "figures" }, formatBytes(node.after), " ", formatShare(node.width, whole));
+    const figures = el("span", { class: "figures" }, formatBytes(node.after), " ", el("span", {}, formatShare(node.width, whole)));
     line.append(el("div", { class: "call" }, toggle, shareBar(node.width / whole), figures, link));
     return line;
   }

@@ -125,9 +125,9 @@ function trendView(trend: Trend): HTMLElement {
     el(
       "tr",
       { class: "row" },
-      el("td", { class: "number", "data-label": "Line" }, key(at), ` ${at + 1}`),
+      el("td", { class: "number", "data-label": "Line" }, sparkline(at, seconds, line.values)),
       el("td", { class: "number", "data-label": "Growth" }, signed(line.growth, formatBytes)),
-      el("td", { class: "number", "data-label": "Slope (95 %)" }, line.slope),
+      el("td", { class: "number slope", "data-label": "Slope (95 %)" }, line.slope),
       el("td", { class: "where", "data-label": "Allocated by ← called by" }, el("code", { title: cutText(line.title, 2000) }, cutText(line.name, 400))),
     ),
   );
@@ -158,19 +158,34 @@ function stroke(at: number): Record<string, string | number> {
   return { class: `line line-${at % 5}`, "stroke-dasharray": dashes[Math.floor(at / 5) + (at % 2 ? 2 : 0)]! };
 }
 
-function key(at: number): SVGElement {
-  const svg = svgElement("svg", { class: "line-key", viewBox: "0 0 30 10", width: 30, height: 10, "aria-hidden": "true" });
-  svg.append(svgElement("path", { ...stroke(at), d: "M1 5h28" }));
-  return svg;
+/** A line of the chart on a scale of its own, with its number. */
+function sparkline(at: number, seconds: number[], values: (number | null)[]): HTMLElement {
+  const [width, height] = [80, 18];
+  const highest = Math.max(1, ...values.map((value) => value ?? 0));
+  const last = Math.max(seconds.at(-1)!, 1e-9);
+  const svg = svgElement("svg", { viewBox: `0 0 ${width} ${height}`, width, height, "aria-hidden": "true" });
+  const x = (index: number) => 1 + ((width - 2) * seconds[index]!) / last;
+  svg.append(svgElement("path", { ...stroke(at), d: linePath(values, x, (value) => height - 1 - ((height - 2) * value) / highest) }));
+  return el("span", { class: "barred" }, svg as unknown as HTMLElement, el("b", {}, String(at + 1)));
 }
 
-/** Lines over time, on one scale from 0. Unknown values are gaps. */
+/** A line through the known values. Unknown ones are gaps. */
+function linePath(values: (number | null)[], x: (at: number) => number, y: (value: number) => number): string {
+  let path = "";
+  values.forEach((value, at) => {
+    if (value === null) return;
+    path += `${at > 0 && values[at - 1] !== null ? "L" : "M"}${x(at).toFixed(1)} ${y(value).toFixed(1)}`;
+  });
+  return path;
+}
+
+/** Lines over time, on one scale from 0. */
 function chart(title: string, seconds: number[], lines: (number | null)[][]): HTMLElement {
-  const [width, height, left, bottom] = [1000, 220, 90, 24];
+  const [width, height, left, bottom, top] = [Math.min(1000, window.innerWidth - 24), 220, 75, 24, 18];
   const highest = Math.max(1, ...lines.flat().map((value) => value ?? 0));
   const last = Math.max(seconds.at(-1)!, 1e-9);
   const x = (at: number) => left + ((width - left - 10) * seconds[at]!) / last;
-  const y = (value: number) => height - bottom - ((height - bottom - 10) * value) / highest;
+  const y = (value: number) => height - bottom - ((height - bottom - top) * value) / highest;
   const svg = svgElement("svg", { class: "chart", viewBox: `0 0 ${width} ${height}`, role: "img", "aria-label": title });
   for (const share of [0, 0.5, 1]) {
     svg.append(svgElement("path", { class: "grid", d: `M${left} ${y(share * highest)}H${width - 10}` }));
@@ -180,15 +195,13 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
     const anchor = share === 0 ? "start" : share === 1 ? "end" : "middle";
     svg.append(svgText(left + share * (width - left - 10), height - 4, anchor, formatAge(share * last)));
   }
+  const labels: number[] = []; // their heights
   lines.forEach((values, index) => {
-    let path = "";
-    values.forEach((value, at) => {
-      if (value === null) return;
-      path += `${at > 0 && values[at - 1] !== null ? "L" : "M"}${x(at).toFixed(1)} ${y(value).toFixed(1)}`;
-    });
-    svg.append(svgElement("path", { ...stroke(index), d: path }));
-    const [end, value] = [values.length - 1, values.at(-1)];
-    if (lines.length > 1 && value != null) svg.append(svgText(x(end) - 2, y(value) - 4, "end", String(index + 1)));
+    svg.append(svgElement("path", { ...stroke(index), d: linePath(values, x, y) }));
+    const value = values.at(-1);
+    if (lines.length < 2 || value == null || labels.some((label) => Math.abs(label - y(value)) < 14)) return;
+    labels.push(y(value));
+    svg.append(svgText(x(values.length - 1) - 2, y(value) - 4, "end", String(index + 1)));
   });
   return el("div", { class: "chart-frame" }, svg as unknown as HTMLElement);
 }

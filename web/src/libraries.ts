@@ -31,7 +31,7 @@ export class LibrariesTab {
     this.all = [...Array(none + 1).keys()].filter((row) => sums.total[row]! > 0 || sums.change[row] !== 0);
     const name = (row: number) => (row === none ? "[unknown]" : data.libraryName(row));
     this.table = new Table({
-      ...{ id: "libraries", caption: "Libraries by the memory that they hold", sortBy: data.isDiff ? "growth" : "self" },
+      ...{ id: "libraries", caption: "Libraries by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       main: "where",
       columns: [
         {

@@ -8,7 +8,7 @@ import { LibraryColours, onSchemeChange, setPrinting } from "./colours.js";
 import { type Data, readData } from "./data.js";
 import { el, formatBytes, formatCount, formatShare, settled } from "./dom.js";
 import { FlameTab } from "./flame_tab.js";
-import { FunctionsTab, sumsBy } from "./functions.js";
+import { FunctionsTab, type Sums, sumsBy } from "./functions.js";
 import { growthView } from "./growth.js";
 import { LibrariesTab } from "./libraries.js";
 import { type Found, search } from "./search.js";
@@ -32,7 +32,7 @@ class Page {
   private state = readState();
   private found: Found | null = null;
   private readonly colours: LibraryColours;
-  private readonly sums;
+  private summed: Sums | null = null;
   private readonly all: number[];
   private readonly panels = new Map<Tab, HTMLElement>();
   private readonly tabs = new Map<Tab, HTMLElement>();
@@ -49,7 +49,6 @@ class Page {
 
   constructor(private readonly data: Data) {
     this.colours = new LibraryColours(data);
-    this.sums = sumsBy(data, data.functions.length, (id) => id);
     this.all = [...Array(data.count).keys()];
     document.body.replaceChildren(summary(data), this.bar(), this.main());
     document.addEventListener("keydown", (event) => this.pressed(event));
@@ -63,6 +62,10 @@ class Page {
     window.addEventListener("beforeprint", () => this.print(true));
     window.addEventListener("afterprint", () => this.print(false));
     this.update();
+  }
+
+  private get sums(): Sums {
+    return (this.summed ??= sumsBy(this.data, this.data.functions.length, (id) => id));
   }
 
   private bar(): HTMLElement {
@@ -180,7 +183,8 @@ class Page {
       for (const name of ["all", "native", "java"]) select.append(el("option", { value: name }, name === "java" ? "Java-native" : name));
       controls.append(el("label", {}, "Stacks ", select));
     }
-    controls.append(el("label", {}, named, " hide unresolved frames"));
+    // The graph above has this choice already.
+    if (id === "stacks") controls.append(el("label", {}, named, " hide unresolved frames"));
     panel.append(controls, view.element);
     return update;
   }
@@ -233,9 +237,9 @@ class Page {
   }
 }
 
-try {
-  new Page(readData(document.getElementById("profile")!.textContent!));
-} catch (error) {
-  document.body.replaceChildren(el("p", { class: "flawed" }, `Cannot show this: ${error}`));
-  throw error;
-}
+readData(document.getElementById("profile")!.textContent!)
+  .then((data) => new Page(data))
+  .catch((error: unknown) => {
+    document.body.replaceChildren(el("p", { class: "flawed" }, `Cannot show this: ${error}`));
+    throw error;
+  });

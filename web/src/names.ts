@@ -6,6 +6,7 @@
  * "a::B::f". Names of lambdas, operators and anonymous namespaces keep what tells them apart.
  */
 export function shortName(name: string): string {
+  if (!/[<( ]/.test(name) || name.startsWith("(cut at ")) return name;
   let text = name;
   const clone = text.indexOf(" [clone");
   if (clone > 0) text = text.slice(0, clone);

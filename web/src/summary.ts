@@ -37,7 +37,7 @@ function facts(data: Data): string[] {
   const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes)`] : [];
   const where = process ? [`pid ${process.pid} on ${process.host}`] : [];
   const when = process ? `${formatDate(report.made)}, recorded for ${formatAge(process.written - process.since)}` : `written ${formatDate(report.made)}`;
-  return [exact, ...old, ...java, plural(totals.groups, groups), ...where, when];
+  return [exact, plural(totals.groups, groups), ...old, ...java, ...where, when];
 }
 
 /** What is missing from the figures. */

@@ -89,10 +89,11 @@ export class Table {
   private sort(): void {
     const { value } = this.sortBy;
     // Computes each value once.
-    const values = new Map(this.rows.map((row) => [row, value(row)]));
+    const values: (number | string)[] = [];
+    for (const row of this.rows) values[row] = value(row);
     const sign = this.ascending ? 1 : -1;
     this.rows.sort((a, b) => {
-      const [x, y] = [values.get(a)!, values.get(b)!];
+      const [x, y] = [values[a]!, values[b]!];
       if (x !== x || y !== y) return Number(x !== x) - Number(y !== y) || a - b;
       return (x < y ? -sign : x > y ? sign : 0) || a - b;
     });

@@ -221,9 +221,9 @@ def views():
             for group in picked:
                 stack = [keys[f] for f in group["stack"]]
                 for key in set(stack):
-                    sums[key][0] += group["total"]
+                    sums[key][1] += group["total"]
                     sums[key][2] += group["count"]
-                sums[stack[0]][1] += group["total"]
+                sums[stack[0]][0] += group["total"]
             for sort, column in (("total", 0), ("count", 2)):
                 rows = shown(by, r" *(\d+) B +[\d.]+ % +(\d+) B +(\d+)  (\S+)", sort)
                 figures = [[int(n) for n in row[:3]] for row in rows]
