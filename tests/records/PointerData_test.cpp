@@ -92,14 +92,19 @@ TEST_F(PointerDataTest, SweepsKeepBacktracesOfRecords) {
     // Every stack is new, so the table is swept again and again.
     const Churn churn(data_, 2, std::uint64_t{1} << 40);
     const std::uint32_t first = record_store::backtraces.epoch();
-    while (record_store::backtraces.epoch() < first + 20) usleep(1000);
+    CurrentScript().usable_size = 16 + 5;
+    std::uintptr_t frame;
+    while (record_store::backtraces.epoch() < first + 20 ||
+           PointerData::GetFrames(At(5 * 32), &frame, 1) == 0) {
+      usleep(1000);
+    }
   }
   std::uintptr_t frames[4] = {};
-  ASSERT_EQ(PointerData::GetFrames(At(0x7000000), frames, 4), 2U);
-  EXPECT_EQ(frames[1], 78U);
-  CurrentScript().usable_size = 16 + 5;
   ASSERT_EQ(PointerData::GetFrames(At(5 * 32), frames, 4), 3U);
   EXPECT_EQ(frames[1], 1U);
+  CurrentScript().usable_size = 64;
+  ASSERT_EQ(PointerData::GetFrames(At(0x7000000), frames, 4), 2U);
+  EXPECT_EQ(frames[1], 78U);
 }
 
 TEST_F(PointerDataTest, ForksLeaveAWorkingStoreOnBothSides) {

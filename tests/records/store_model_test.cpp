@@ -7,8 +7,12 @@
 #include <sstream>
 #include <tuple>
 
+#include "platform/linux/environment.h"
+#include "records/profile.h"
+#include "records/record_store.h"
 #include "records/report_text.h"
 #include "tests/records/fake_capture.h"
+#include "tests/temporary_directory.h"
 
 namespace {
 
@@ -184,6 +188,89 @@ class StoreModelTest : public RecordStoreTest {
     }
   }
 
+  /// A line of the profile: the blocks of a stack.
+  struct Line {
+    std::uint64_t bytes = 0, blocks = 0, min = UINT64_MAX, max = 0;
+    std::int64_t newest = INT64_MAX, oldest = INT64_MIN;  // ages
+
+    void Add(const Line& more) {
+      bytes += more.bytes;
+      blocks += more.blocks;
+      min = std::min(min, more.min);
+      max = std::max(max, more.max);
+      newest = std::min(newest, more.newest);
+      oldest = std::max(oldest, more.oldest);
+    }
+    bool operator==(const Line& other) const {
+      return std::tie(bytes, blocks, min, max, newest, oldest) ==
+             std::tie(other.bytes, other.blocks, other.min, other.max, other.newest, other.oldest);
+    }
+  };
+  using Profile = std::map<Pcs, Line>;
+
+  Profile ExpectedProfile() {
+    Profile profile;
+    for (const Model::Set& set : model_.sets) {
+      for (const auto& [address, record] : set.pointers) {
+        if (record.pcs.empty()) continue;
+        const std::uint64_t size = record.size & (kZygoteChildBit - 1);
+        const std::int64_t age = fake_time - set.frames.at(record.pcs).times.at(address);
+        profile[record.pcs].Add({size, 1, size, size, age, age});
+      }
+    }
+    return profile;
+  }
+
+  /// Reads the profile. Stacks with equal pcs are added.
+  Profile WrittenProfile() {
+    Profile profile;
+    Pcs frames, pcs;
+    std::istringstream file(directory_.Read(protocol::kProfilePath));
+    for (std::string text; std::getline(file, text);) {
+      std::istringstream line(text);
+      std::string kind, ages;
+      line >> kind;
+      if (kind == "f") line >> kind >> std::hex >> frames.emplace_back();
+      if (kind != "s") continue;
+      Line read;
+      std::size_t shared = 0;
+      line >> read.bytes >> read.blocks >> read.min >> read.max >> read.newest >> read.oldest;
+      line >> ages >> shared >> std::hex;
+      Pcs inner;
+      for (std::size_t number; line >> number;) inner.push_back(frames.at(number - 1));
+      inner.insert(inner.end(), pcs.end() - static_cast<std::ptrdiff_t>(shared), pcs.end());
+      pcs = inner;
+      if (!pcs.empty()) profile[pcs].Add(read);
+    }
+    return profile;
+  }
+
+  /// Compares the profile. Before it is written, all blocks are removed, and other stacks fill the
+  /// table.
+  void CheckProfile() {
+    platform::CaptureValues(directory_.Path("").c_str(), nullptr, nullptr);
+    std::size_t ignored = 0;
+    const Profile expected = ExpectedProfile();
+    {
+      profile::Snapshot snapshot;
+      PointerData::GetInfo(nullptr, &ignored, &ignored, &ignored, &ignored, nullptr, &snapshot);
+      const std::int64_t now = fake_time;
+      control_->ConfigHookStatus(true, true);
+      for (std::size_t i = 0; i < std::size(model_.sets); ++i) {
+        for (const auto& block : model_.sets[i].pointers) {
+          data_.RemoveMapping(At(block.first), PointerSet::kSizeBounds[i % 5]);
+        }
+      }
+      for (std::uint64_t i = 0; i < 3000; ++i) {
+        Add(0x9000000, 64, {i, 1, 2, 3, 4, 5, 6});
+        Remove(0x9000000, 64);
+      }
+      fake_time = now;
+      snapshot.Write(ReportText());
+    }
+    EXPECT_TRUE(WrittenProfile() == expected);
+  }
+
   /// Compares the blocks with Java-native stacks. Their counts are those of the stack.
   void CheckJavaNative() {
     std::map<std::tuple<std::uint64_t, bool, Pcs>, std::uint64_t> expected, exported;
@@ -225,6 +312,7 @@ class StoreModelTest : public RecordStoreTest {
     ASSERT_EQ(text, expected.str());
   }
 
+  TemporaryDirectory directory_;
   std::mt19937_64 random_{1};
   std::uint64_t blocks_ = 600;
   Model model_;
@@ -270,6 +358,19 @@ TEST_F(StoreModelTest, StoreMatchesModel) {
     if (HasFatalFailure()) break;
     CheckExport();
     if (in_fork) PointerData::PostForkParent();
+    if (what > 17) {
+      if (what == 18) {
+        const InsideStore inside;
+        const FrameInfoListWithLock locks;
+        record_store::backtraces.Hide([](const FrameInfoType& old) { return old.num_frames > 2; });
+      }
+      // Hidden stacks are added again, as other backtraces.
+      Add(0x9000000, 64, {2, 1, 2, 3, 2, 2, 0});
+      model_.Add(0x9000000, 64, 64, {2, 1, 2, 3, 2, 2, 0}, {}, fake_time);
+      CheckProfile();
+      data_.Initialize();
+      model_.Clear();
+    }
     CheckJavaNative();
   }
   mem_track_type = NATIVE;
