@@ -21,7 +21,7 @@ namespace memleak {
 namespace {
 
 // What dlopen and the loader need, with a reserve. Stacks of coroutines may be smaller.
-constexpr std::uint64_t kStackRoom = 96 * 1024;
+constexpr std::uint64_t kStackRoom = std::uint64_t{96} * 1024;
 
 // Where the Go runtime keeps its heap, which also has the stacks of goroutines: they are too small
 // for calls, and look like any other memory.
