@@ -130,8 +130,9 @@ int Attach(const char* root, const char* log, const char* properties, Reason& re
 }  // namespace
 }  // namespace host
 
-// protocol::kAttachReason.
-MEMLEAK_EXPORT char memleak_attach_reason[protocol::kAttachReasonBytes];
+// protocol::kAttachReason. Protected: another copy of the loader may be loaded, too.
+extern "C" __attribute__((
+    visibility("protected"))) char memleak_attach_reason[protocol::kAttachReasonBytes];
 char memleak_attach_reason[protocol::kAttachReasonBytes] = "";
 
 // protocol::kAttachFunction. One call at a time.

@@ -49,7 +49,7 @@ void InitializeCLibrary(int argument_count, char** arguments, char** environment
     }
     if (entry->d_tag == DT_INIT_ARRAYSZ) bytes = entry->d_un.d_val;
   }
-  for (size_t i = 0; i < bytes / sizeof(Constructor); ++i) {
+  for (size_t i = 0; constructors != nullptr && i < bytes / sizeof(Constructor); ++i) {
     constructors[i](argument_count, arguments, environment);
   }
   if (environ == nullptr) environ = environment;

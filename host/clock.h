@@ -23,6 +23,16 @@ inline int64_t UnixNs() {
   return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
+/// Returns the time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
+inline timespec WallClock(int timeout_ms) {
+  timespec moment;
+  clock_gettime(CLOCK_REALTIME, &moment);
+  moment.tv_sec += timeout_ms / 1000;
+  moment.tv_nsec += timeout_ms % 1000 * 1'000'000L;
+  if (moment.tv_nsec >= 1'000'000'000) ++moment.tv_sec, moment.tv_nsec -= 1'000'000'000;
+  return moment;
+}
+
 /// Sleeps `ms` milliseconds, less than 1000. Not a cancellation point.
 inline void SleepMs(int ms) {
   const timespec step{0, ms * 1'000'000L};

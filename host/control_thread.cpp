@@ -3,7 +3,6 @@
 #include "host/control_thread.h"
 
 #include <errno.h>
-#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
@@ -20,6 +19,7 @@
 #include "host/command_queue.h"
 #include "host/fork_page.h"
 #include "host/form.h"
+#include "host/record_count.h"
 #include "host/reports.h"
 #include "host/signal_actions.h"
 #include "host/state.h"
@@ -76,31 +76,9 @@ int ThreadId() {
   return static_cast<int>(syscall(SYS_gettid));
 }
 
-/// Returns the time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
-timespec WallClock(int timeout_ms) {
-  timespec moment;
-  clock_gettime(CLOCK_REALTIME, &moment);
-  moment.tv_sec += timeout_ms / 1000;
-  moment.tv_nsec += timeout_ms % 1000 * 1'000'000L;
-  if (moment.tv_nsec >= 1'000'000'000) ++moment.tv_sec, moment.tv_nsec -= 1'000'000'000;
-  return moment;
-}
-
 bool Lock(const timespec& until) {
   return pthread_mutex_trylock(&change_lock) == 0 ||
          pthread_mutex_timedlock(&change_lock, &until) == 0;
-}
-
-/// Waits while `word` is `value`, at most `timeout_ms` (negative: without limit). May return early.
-/// Other processes may wake it.
-void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) {
-  timespec left{static_cast<time_t>(timeout_ms / 1000),
-                static_cast<long>(timeout_ms % 1000 * 1'000'000)};
-  syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
-}
-
-void Wake(std::atomic<uint32_t>& word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
 }
 
 bool OnControlThread() {
@@ -124,19 +102,20 @@ sigset_t AsynchronousSet() {
 /// state still says that the thread runs: a controller that finds no thread would send the control
 /// signal, which is the program's now and may end it.
 void End(const Taken& detach) {
-  for (int wanted = kStopWanted; !stop.compare_exchange_strong(wanted, kStopped);
+  bool locked = false;
+  for (int wanted = kStopWanted; !locked && !stop.compare_exchange_strong(wanted, kStopped);
        wanted = kStopWanted) {
-    if (pthread_mutex_trylock(&change_lock) == 0) {
-      thread_started = false;
-      thread_id.store(0);
-      pthread_detach(pthread_self());
-      pthread_mutex_unlock(&change_lock);
-      break;
-    }
-    SleepMs(1);
+    locked = pthread_mutex_trylock(&change_lock) == 0;
+    if (!locked) SleepMs(1);
   }
+  // The next attach waits for the lock.
   Acknowledge(detach, 0);
   RefusePosted(ESRCH);
+  if (!locked) return;
+  thread_started = false;
+  thread_id.store(0);
+  pthread_detach(pthread_self());
+  pthread_mutex_unlock(&change_lock);
 }
 
 void* ControlThread(void*) {
@@ -149,19 +128,20 @@ void* ControlThread(void*) {
     const uint32_t bell = state.bell.load();
     int wanted = kStopWanted;
     if (stop.compare_exchange_strong(wanted, kStopped)) return nullptr;
+    if (CountWaits()) CountRecords();
     Command command;
     const bool waits = FirstCommand(command);
     if (waits && !MustWait(command)) {
       const CarriedOut done = CarryOutFirst();
       if (done.ticket != 0) {
         own_done.store(done.ticket);
-        Wake(own_done);
+        WakeWaiters(own_done);
       }
       if (!done.detached) continue;
       End(done.taken);
       return nullptr;
     }
-    if (settled.exchange(1) == 0) Wake(settled);
+    if (settled.exchange(1) == 0) WakeWaiters(settled);
     WaitWhile(state.bell, bell, waits ? kPollMs : -1);
   }
 }
@@ -262,13 +242,6 @@ void Unlock() {
   pthread_mutex_unlock(&change_lock);
 }
 
-bool Records() {
-  for (const protocol::KindState& kind : CurrentState().kinds) {
-    if (kind.recording.load() != protocol::Recording::kOff) return true;
-  }
-  return false;
-}
-
 void BeforeFork() {
   // A child of vfork or of a raw clone has no thread to stop.
   if (!OwnsState() || !IsActive()) return;
@@ -332,7 +305,7 @@ void RequestControlThread(bool may_start) {
   // A running thread makes the file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
-  if (runs || !CommandWaits()) return;
+  if (runs || !(CommandWaits() || CountWaits())) return;
   StartControlThreadLater();
   if (may_start) TryStart();
 }

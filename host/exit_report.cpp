@@ -39,8 +39,9 @@ constexpr int kExitPollMs = 2;
 
 Command exit_command{0, 0};
 void (*finalize_tracker)() = nullptr;
-// The process that has ended. A forked child ends on its own.
-std::atomic<pid_t> ended{0};
+// The process that ends, and the one whose last report has ended. A forked child ends on its own.
+std::atomic<pid_t> ending{0};
+std::atomic<pid_t> reported{0};
 
 /// Waits until no report runs. Returns false after `timeout_ms`.
 bool WaitForReports(int timeout_ms) {
@@ -78,9 +79,26 @@ bool NothingToDo() {
   return !IsActive() || (exit_command.word == 0 && IsAtRest());
 }
 
+/// Waits until the thread that ends the process has its report, because the caller would cut it
+/// short. Gives up if no report runs for two seconds: the caller may hold a lock that it needs.
+void WaitForOtherThread() {
+  int64_t last = NowMs();
+  while (reported.load() != getpid() && NowMs() - last < kAbruptMs) {
+    if (ReportRuns()) {
+      if (!WaitWhileReportRuns(kWaitMs)) return;
+      last = NowMs();
+    }
+    SleepMs(kExitPollMs);
+  }
+}
+
+/// Whether the caller is the first to end the process. Another thread waits for the first one.
 bool EndsNow() {
+  if (!OwnsState()) return false;
   const pid_t process = getpid();
-  return OwnsState() && ended.exchange(process) != process;
+  if (ending.exchange(process) != process) return true;
+  WaitForOtherThread();
+  return false;
 }
 
 /// The last exit handler: it is registered first, and for no library, so that it runs after the
@@ -90,6 +108,7 @@ void AtExit(void*) {
   if (EndsNow()) {
     WaitForReports(kEarlierMs);
     Report(kWaitMs, kWaitMs, PassTracker::From::kNextAllocator, WaitForReports);
+    reported.store(getpid());
   }
   // The entries stay in place and forward.
   if (CloseControlThread(kFinalizeMs)) {
@@ -115,6 +134,7 @@ void EndAbruptly() {
   if (NothingToDo() || !EndsNow()) return;
   WaitWhileReportRuns(kAbruptReportMs);
   Report(kAbruptMs, kAbruptReportMs, PassTracker::From::kArena, WaitWhileReportRuns);
+  reported.store(getpid());
 }
 
 }  // namespace host

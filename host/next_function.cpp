@@ -12,9 +12,21 @@
 namespace host {
 namespace {
 
-const void* ObjectOf(const void* address) {
-  Dl_info info;
-  return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;
+/// Where an address is, as far as it matters here.
+struct Place {
+  const void* address;
+  bool in_program;
+  bool in_loader;
+};
+
+int FindPlace(dl_phdr_info* info, size_t /*size*/, void* data) {
+  auto& place = *static_cast<Place*>(data);
+  const lumora::linker::ImportSlots object(*info);
+  if (!object.ContainsCode(place.address)) return 0;
+  // The dynamic linker has no name for the program.
+  place.in_program = info->dlpi_name == nullptr || info->dlpi_name[0] == '\0';
+  place.in_loader = object.ContainsCode(reinterpret_cast<const void*>(&FindPlace));
+  return 1;
 }
 
 /// Whether a program that is not position-independent has the function's address in a PLT of its
@@ -56,9 +68,11 @@ void* NextDefinition(const char* name) {
   if (CurrentForm() == Form::kPreloaded) return dlsym(RTLD_NEXT, name);
   void* const found = dlsym(RTLD_DEFAULT, name);
   if (found == nullptr) return nullptr;
-  // The last object in the search order.
-  if (ObjectOf(found) == ObjectOf(reinterpret_cast<const void*>(&NextDefinition))) return nullptr;
-  return IsInPlt(found) ? FirstDefinition(name) : found;
+  Place place{found, false, false};
+  dl_iterate_phdr(FindPlace, &place);
+  // The loader is the last object in the search order.
+  if (place.in_loader) return nullptr;
+  return place.in_program && IsInPlt(found) ? FirstDefinition(name) : found;
 }
 
 }  // namespace host

@@ -42,6 +42,14 @@ struct Replacement {
 constexpr size_t kReplacements = 256;
 Replacement replacements[kReplacements];
 
+struct Match {
+  Slot slot;
+  const Replacement* found;
+};
+// Those of one object. Guarded by the dynamic linker's lock.
+constexpr size_t kMatches = 4096;
+Match matches[kMatches];
+
 // What the next scan does, and its result. Guarded by the dynamic linker's lock, except
 // `replacing`.
 std::atomic<bool> replacing{false};
@@ -101,37 +109,23 @@ class Object {
   explicit Object(const dl_phdr_info& info) : info_(info), slots_(info), writer_(slots_) {}
 
   void Replace() {
-    // An unbound slot of an object that calls another allocator will be bound to that one.
-    bool other_allocator = false;
-    slots_.ForEachSlot([&](const Slot& slot) {
+    ForEachMatch([&] { ReplaceMatches(); });
+  }
+
+  /// Only the slots that the dynamic linker may bind late.
+  void ReplaceCalls() {
+    slots_.ForEachCall([&](const Slot& slot) {
       const Replacement& found = Find(slot.name);
-      if (found.name == nullptr || !found.allocates || !IsWord(slot)) return;
-      void* const value = writer_.Read(slot.place);
-      if (value == found.next || value == found.address || value == found.ours) return;
-      if (value == nullptr || IsUnbound(slot, value)) return;
-      other_allocator = true;
-      if (strcmp(slot.name, "malloc") == 0 && InOtherLoader(value)) latest.other_loader = true;
-    });
-    slots_.ForEachSlot([&](const Slot& slot) {
-      if (slot.type == Type::kCopy) {
-        ForEachCopiedWord(slot, &Replacement::next, &Replacement::ours);
-        return;
-      }
-      const Replacement& found = Find(slot.name);
-      if (found.name != nullptr && found.next != nullptr && IsWord(slot)) {
-        ReplaceOne(slot, found, other_allocator && found.allocates);
-      }
+      if (found.next != nullptr && IsWord(slot)) Change(slot.place, found.next, found.ours);
     });
   }
 
   void Restore() {
-    slots_.ForEachSlot([&](const Slot& slot) {
-      if (slot.type == Type::kCopy) {
-        ForEachCopiedWord(slot, &Replacement::ours, &Replacement::next);
-        return;
+    ForEachMatch([&] {
+      for (size_t i = 0; i < count_; ++i) {
+        const Match& match = matches[i];
+        Change(match.slot.place, match.found->ours, match.found->next);
       }
-      const Replacement& found = Find(slot.name);
-      if (found.name != nullptr && IsWord(slot)) Change(slot.place, found.ours, found.next);
     });
   }
 
@@ -139,7 +133,7 @@ class Object {
   void Replace(const Replacement& replacement) {
     slots_.ForEachSlot([&](const Slot& slot) {
       if (strcmp(slot.name, replacement.name) == 0 && IsWord(slot)) {
-        ReplaceOne(slot, replacement, false);
+        Change(slot.place, replacement.next, replacement.ours);
       }
     });
   }
@@ -155,21 +149,54 @@ class Object {
            slots_.ContainsCode(value);
   }
 
-  void ReplaceOne(const Slot& slot, const Replacement& found, bool bound_only) {
-    void* const value = writer_.Read(slot.place);
-    if (value != found.next && (bound_only || !IsUnbound(slot, value))) return;
-    Change(slot.place, value, found.ours);
+  /// Collects the slots of the functions to replace, and calls `apply` for them, possibly in parts.
+  template <typename Apply>
+  void ForEachMatch(Apply apply) {
+    slots_.ForEachSlot([&](const Slot& slot) {
+      if (slot.type == Type::kCopy) {
+        AddCopiedWords(slot);
+        return;
+      }
+      const Replacement& found = Find(slot.name);
+      if (found.next == nullptr || !IsWord(slot)) return;
+      if (count_ == kMatches) apply(), count_ = 0;
+      matches[count_++] = {slot, &found};
+    });
+    apply();
+    count_ = 0;
+  }
+
+  void ReplaceMatches() {
+    // An unbound slot of an object that calls another allocator will be bound to that one.
+    bool other_allocator = false;
+    for (size_t i = 0; i < count_; ++i) {
+      const auto& [slot, found] = matches[i];
+      void* const value = writer_.Read(slot.place);
+      if (!found->allocates || value == found->next || value == found->address ||
+          value == found->ours || value == nullptr || IsUnbound(slot, value)) {
+        continue;
+      }
+      other_allocator = true;
+      if (strcmp(slot.name, "malloc") == 0 && InOtherLoader(value)) latest.other_loader = true;
+    }
+    for (size_t i = 0; i < count_; ++i) {
+      const auto& [slot, found] = matches[i];
+      void* const value = writer_.Read(slot.place);
+      const bool may_bind = IsUnbound(slot, value) && !(other_allocator && found->allocates);
+      if (value == found->next || may_bind) Change(slot.place, value, found->ours);
+    }
   }
 
   /// The program's copy of a variable may hold functions, as xmlMalloc of libxml2 does.
-  void ForEachCopiedWord(const Slot& slot, void* Replacement::*from, void* Replacement::*to) {
+  void AddCopiedWords(const Slot& slot) {
     if (!slots_.Contains(slot.place, slot.symbol->st_size)) return;
     for (size_t i = 0; i < slot.symbol->st_size / sizeof(void*); ++i) {
       void* const value = writer_.Read(slot.place + i);
       if (value == nullptr) continue;
       for (const Replacement& one : replacements) {
-        if (one.name == nullptr || one.next == nullptr || one.*from != value) continue;
-        Change(slot.place + i, value, one.*to);
+        if (one.next == nullptr || (one.next != value && one.ours != value)) continue;
+        if (count_ < kMatches)
+          matches[count_++] = {{Type::kData, slot.symbol, one.name, slot.place + i}, &one};
         break;
       }
     }
@@ -194,19 +221,20 @@ class Object {
   const dl_phdr_info& info_;
   const ImportSlots slots_;
   SlotWriter writer_;
+  size_t count_ = 0;  // used entries of `matches`
 };
 
+/// `data` is the member function of Object to call.
 int ScanObject(dl_phdr_info* info, size_t /*size*/, void* data) {
-  const bool replace = *static_cast<const bool*>(data);
   scanned_adds.store(info->dlpi_adds);
   if (IsExempt(*info)) return 0;
   Object object(*info);
-  if (replace) {
-    object.Replace();
-  } else {
-    object.Restore();
-  }
+  (object.**static_cast<void (Object::**)()>(data))();
   return 0;
+}
+
+void ForAllObjects(void (Object::*function)()) {
+  dl_iterate_phdr(ScanObject, &function);
 }
 
 void NoFunction() {}
@@ -214,16 +242,19 @@ void NoFunction() {}
 /// Under the dynamic linker's lock.
 extern "C" void (*memleak_scan_resolver())() {
   latest = {};
-  bool replace = replacing.load();
-  dl_iterate_phdr(ScanObject, &replace);
-  // Another thread may have bound a slot meanwhile, and overwritten it.
-  dl_iterate_phdr(ScanObject, &replace);
+  if (replacing.load()) {
+    ForAllObjects(&Object::Replace);
+    // Another thread may have bound a slot meanwhile, and overwritten it.
+    ForAllObjects(&Object::ReplaceCalls);
+  } else {
+    ForAllObjects(&Object::Restore);
+  }
   return NoFunction;
 }
 
 SlotScan Scan() {
   const int saved_errno = errno;
-  dlsym(self, "memleak_scan");
+  [[maybe_unused]] void* const scanned = dlsym(self, "memleak_scan");
   const SlotScan result = latest;
   errno = saved_errno;
   return result;

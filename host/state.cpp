@@ -25,7 +25,8 @@
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
 
-#define MEMLEAK_EXPORT __attribute__((visibility("default")))
+// Protected: another copy of the loader may be loaded, too.
+#define MEMLEAK_VARIABLE extern "C" __attribute__((visibility("protected")))
 
 namespace host {
 namespace {
@@ -47,14 +48,14 @@ uint64_t PidNamespace() {
 }
 
 // protocol::kStateVariable.
-extern "C" MEMLEAK_EXPORT std::atomic<State*> memleak_state;
+MEMLEAK_VARIABLE std::atomic<State*> memleak_state;
 MEMLEAK_FORK_PAGE std::atomic<State*> memleak_state{&private_state};
 // protocol::kPathsVariable.
-extern "C" MEMLEAK_EXPORT std::atomic<const protocol::Paths*> memleak_paths;
+MEMLEAK_VARIABLE std::atomic<const protocol::Paths*> memleak_paths;
 std::atomic<const protocol::Paths*> memleak_paths{&platform::CapturedPaths()};
 
 // protocol::kSwitchOff.
-extern "C" MEMLEAK_EXPORT std::atomic<void (*)()> memleak_switch_off;
+MEMLEAK_VARIABLE std::atomic<void (*)()> memleak_switch_off;
 std::atomic<void (*)()> memleak_switch_off{nullptr};
 
 std::atomic<Form> form{Form::kPreloaded};
@@ -205,6 +206,8 @@ void ClearCounters(State& state) {
   state.done = 0;
   state.received = 0;
   state.carried_out = 0;
+  state.counts_wanted = 0;
+  state.counts_done = 0;
   for (protocol::PastCommand& past : state.history) past.number = 0;
   state.reports_started = 0;
   state.reports_ended = 0;
@@ -229,6 +232,8 @@ Form CurrentForm() {
 void SetForm(Form changed) {
   form.store(changed);
   CurrentState().form.store(changed);
+  // For children that are forked.
+  private_state.form.store(changed);
 }
 
 bool OwnsState() {
@@ -287,8 +292,14 @@ void ForkState(bool rested) {
   making.clear();
   if (&former != &private_state) CopyRecording(former);
   ClearCounters(private_state);
-  private_state.form = form.load();
   private_state.control_thread = protocol::ControlThread::kNone;
+}
+
+bool Records() {
+  for (const protocol::KindState& kind : CurrentState().kinds) {
+    if (kind.recording.load() != protocol::Recording::kOff) return true;
+  }
+  return false;
 }
 
 void RememberCommand(const protocol::Command& command) {
@@ -303,10 +314,20 @@ void RememberCommand(const protocol::Command& command) {
   state.carried_out.store(number);
 }
 
+void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms) {
+  timespec left{static_cast<time_t>(timeout_ms / 1000),
+                static_cast<long>(timeout_ms % 1000 * 1'000'000)};
+  syscall(SYS_futex, &word, FUTEX_WAIT, value, timeout_ms < 0 ? nullptr : &left, nullptr, 0);
+}
+
+void WakeWaiters(std::atomic<uint32_t>& word) {
+  syscall(SYS_futex, &word, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
+}
+
 void RingBell() {
   std::atomic<uint32_t>& bell = CurrentState().bell;
   bell.fetch_add(1);
-  syscall(SYS_futex, &bell, FUTEX_WAKE, 0x7fffffff, nullptr, nullptr, 0);
+  WakeWaiters(bell);
 }
 
 }  // namespace host

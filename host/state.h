@@ -6,6 +6,10 @@
 // handlers.
 #pragma once
 
+#include <stdint.h>
+
+#include <atomic>
+
 #include "protocol/private_files.h"
 #include "protocol/state.h"
 
@@ -40,8 +44,17 @@ void ForkState(bool rested);
 /// The tracker's function for protocol::kSwitchOff, null if there is none. Any thread.
 void (*SwitchOffFunction())();
 
+/// Whether something is recorded, or recording is paused.
+bool Records();
+
 /// Adds `command`, which was carried out, to the state's history. One caller at a time.
 void RememberCommand(const protocol::Command& command);
+
+/// Waits while `word` is `value`, at most `timeout_ms` (negative: without limit). May return early.
+/// Other processes may wake it.
+void WaitWhile(std::atomic<uint32_t>& word, uint32_t value, int64_t timeout_ms);
+/// Wakes the threads, of any process, that wait for `word` by futex.
+void WakeWaiters(std::atomic<uint32_t>& word);
 
 /// Adds one to the state's `bell` and wakes the threads, of any process, that wait for it.
 void RingBell();

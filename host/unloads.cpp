@@ -9,13 +9,15 @@
 #include "host/next_function.h"
 #include "protocol/protocol.h"
 
+// Protected: another copy of the loader may be loaded, too.
+#define MEMLEAK_VARIABLE extern "C" __attribute__((visibility("protected")))
 #define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 // protocol::kUnloadCounter.
-MEMLEAK_EXPORT std::atomic<std::uint64_t> memleak_unload_counter;
+MEMLEAK_VARIABLE std::atomic<std::uint64_t> memleak_unload_counter;
 std::atomic<std::uint64_t> memleak_unload_counter{0};
 // protocol::kUnloadObserver.
-MEMLEAK_EXPORT std::atomic<protocol::UnloadObserver> memleak_unload_observer;
+MEMLEAK_VARIABLE std::atomic<protocol::UnloadObserver> memleak_unload_observer;
 std::atomic<protocol::UnloadObserver> memleak_unload_observer{nullptr};
 
 MEMLEAK_EXPORT int dlclose(void* library) {

@@ -9,6 +9,8 @@
 #include <sys/syscall.h>
 #include <ucontext.h>
 
+#include "platform/readable.h"
+
 namespace host {
 namespace {
 
@@ -27,6 +29,9 @@ Call InterruptedCall(const ucontext_t& context) {
   const auto* next = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
   const auto second = static_cast<uint64_t>(registers[REG_RSI]);
   constexpr unsigned char kSyscall[] = {0x0f, 0x05};
+  if (!platform::CanRead(static_cast<uint64_t>(registers[REG_RIP]) - 7, 7 + sizeof kSyscall)) {
+    return {-1, 0};
+  }
   if (memcmp(next, kSyscall, sizeof kSyscall) == 0) {
     return {static_cast<long>(registers[REG_RAX]), second};
   }
@@ -47,6 +52,7 @@ Call InterruptedCall(const ucontext_t& context) {
   const mcontext_t& registers = context.uc_mcontext;
   const auto* next = reinterpret_cast<const uint32_t*>(registers.pc);
   constexpr uint32_t kSvc = 0xd4000001;
+  if (!platform::CanRead(registers.pc - 4, 8)) return {-1, 0};
   const bool again = *next == kSvc;
   const bool interrupted =
       next[-1] == kSvc && static_cast<int64_t>(registers.regs[0]) == -int64_t{EINTR};

@@ -37,12 +37,13 @@ class ImportSlots {
   /// checked: see Contains.
   template <typename Visit>
   void ForEachSlot(Visit visit) const {
-    for (const Table& table : tables_) {
-      for (std::uint64_t i = 0; i < table.count; ++i) {
-        Slot slot;
-        if (Describe(table.entries[i], slot)) visit(slot);
-      }
-    }
+    for (const Table& table : tables_) VisitTable(table, visit);
+  }
+
+  /// As ForEachSlot, for those of Type::kCall that the dynamic linker may fill at the first call.
+  template <typename Visit>
+  void ForEachCall(Visit visit) const {
+    VisitTable(tables_[0], visit);
   }
 
   /// Calls visit(const Elf64_Sym&, const char* name) for each function that the object exports.
@@ -78,6 +79,14 @@ class ImportSlots {
     const Elf64_Rela* entries = nullptr;
     std::uint64_t count = 0;
   };
+
+  template <typename Visit>
+  void VisitTable(const Table& table, Visit visit) const {
+    for (std::uint64_t i = 0; i < table.count; ++i) {
+      Slot slot;
+      if (Describe(table.entries[i], slot)) visit(slot);
+    }
+  }
 
   bool Describe(const Elf64_Rela& relocation, Slot& slot) const;
   std::uint64_t CountSymbols() const;

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <pthread.h>
-#include <signal.h>
 
 #include <cstddef>
 
@@ -51,15 +50,6 @@ inline constexpr PcWidth kLinuxPcWidth{6, 12};
 
 /// Returns the bounds of pcs that can be code. Any thread, any context.
 PcWidth AcceptedPcWidth();
-
-/// Adds to `mask`, the signal mask of a handler that is about to run, the signals that must stay
-/// blocked. `interrupted` is the mask of the interrupted code.
-///
-/// Android: none; any thread may run the control signal's handler. Linux: the control signal if
-/// `interrupted` blocks it, as the loader does during a fork.
-///
-/// Any thread. Async-signal-safe.
-void KeepBlocked(const sigset_t& interrupted, sigset_t* mask);
 
 /// Returns whether pthread_setspecific on `key` never allocates memory, on any thread. The tracker
 /// marks threads inside the allocator, so an allocation there would recurse.

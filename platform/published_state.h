@@ -17,8 +17,10 @@ enum class Recording : std::uint32_t;
 namespace platform {
 
 /// Finds the loader's variables. From track_initialize; takes the dynamic linker's lock.
-/// `switch_off` does what protocol::kSwitchOff describes.
-void FindLoader(void (*switch_off)());
+/// `switch_off` does what protocol::kSwitchOff describes, `count` what protocol::CountRecords does.
+void FindLoader(void (*switch_off)(), void (*count)());
+/// The number of live records, and of blocks that were not recorded for lack of memory.
+void PublishCount(std::uint64_t records, std::uint64_t dropped);
 
 /// The kind is switched, or its records are dropped. The hooked kinds share their switches: a
 /// command to one that is not "on" applies to all that are recorded.

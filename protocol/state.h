@@ -44,7 +44,9 @@ enum class ControlThread : std::uint32_t {
   /// The next call of a function that allocates starts the thread. So does the control signal if it
   /// interrupts a wait for work: the controller repeats it while the state is pending.
   kPending,
-  kRunning,  ///< waits for `bell` to change
+  /// The thread waits for `bell` to change. Also after a detach: the control signal is the
+  /// program's then and may end it, so nobody must send it.
+  kRunning,
 };
 
 enum class Recording : std::uint32_t { kOff, kOn, kPaused };
@@ -132,7 +134,12 @@ struct State {
   KindState kinds[std::size(kKinds)];
   std::atomic<std::uint32_t> unwind;  ///< the method in force, kUnwindFramePointers, kUnwindTables
   std::atomic<std::uint32_t> depth;   ///< frames per record in force
-  /// Blocks that were not recorded for lack of memory, as of the latest report.
+  /// The controller increments `counts_wanted`, and `bell` as for a command. The control thread
+  /// counts, then sets `counts_done` to it and wakes its waiters.
+  std::atomic<std::uint32_t> counts_wanted;
+  std::atomic<std::uint32_t> counts_done;
+  std::atomic<std::uint64_t> records;  ///< live blocks with a record, as of the latest count
+  /// Blocks that were not recorded for lack of memory, as of the latest count or report.
   std::atomic<std::uint64_t> dropped;
 
   std::atomic<std::uint32_t> hook_states;  ///< used entries of `hooks`
@@ -153,5 +160,11 @@ static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 /// points to private memory while the process has no file. Without a loader there is no such
 /// variable.
 inline constexpr char kStateVariable[] = "memleak_state";
+
+/// Name of the loader's variable (std::atomic<CountRecords>) that the tracker sets.
+inline constexpr char kRecordCounter[] = "memleak_record_counter";
+/// Stores the number of live records, and of dropped blocks, in the state. The loader calls it on
+/// the control thread.
+using CountRecords = void (*)();
 
 }  // namespace protocol

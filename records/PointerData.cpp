@@ -90,7 +90,7 @@ bool GrowBacktraces(bool held) {
   std::uint64_t records = 0;
   RecordPages::ForEach(
       [&records](std::uint64_t /*address*/, RecordPage& page) { records += page.count(); });
-  return backtraces.Grow(records, [](std::uint32_t sweep) {
+  return backtraces.Grow(records, [](std::uint16_t sweep) {
     record_store::ForEachRecord([sweep](std::uint64_t /*address*/, Record& record) {
       if (record.backtrace != 0) backtraces.At(record.backtrace)->sweep = sweep;
     });

@@ -64,11 +64,10 @@ BacktraceTable::Result BacktraceTable::FindOrAdd(const FrameKeyType& key, std::u
   FrameInfoType* const added = arena_.Allocate(key.num_frames);
   if (added == nullptr) return Result::kNoMemory;
   added->fingerprint = fingerprint;
-  added->num_frames = static_cast<std::uint32_t>(key.num_frames);
-  added->report_note = 0;
+  added->num_frames = static_cast<std::uint16_t>(key.num_frames);
+  added->note = 0;
   added->sweep = 0;
   added->code_version = profile::CodeVersion();
-  added->profile_row = 0;
   std::memcpy(added->pcs(), key.frames, key.num_frames * sizeof(std::uint64_t));
   Enter(*buckets_.load(std::memory_order_relaxed), added);
   ++used_;

@@ -16,26 +16,26 @@
 
 #include "records/set_mutex.h"
 
-/// A shared backtrace: this header, directly followed by the pcs. 12 frames need two cache lines.
+/// A shared backtrace: this header, directly followed by the pcs. 13 frames need two cache lines.
 struct FrameInfoType {
   std::uint64_t fingerprint;
-  std::uint32_t num_frames;
   /// Location in the arena. Never 0.
   std::uint32_t location;
-  /// For Grouping: index + 1 of the backtrace's first list of times; 0 for none. May be stale.
-  std::uint32_t report_note;
-  /// Number of the last sweep that found a record with this backtrace.
-  std::uint32_t sweep;
+  /// For the pass that collects a report or a profile: an index into its own list. May be stale, or
+  /// that of another pass.
+  std::uint32_t note;
   /// Version of the loaded code when the backtrace was first captured (see profile::CodeVersion).
   std::uint32_t code_version;
-  /// For profile::Snapshot: index of the backtrace's row. May be stale.
-  std::uint32_t profile_row;
+  std::uint16_t num_frames;
+  /// Number of the last sweep that found a record with this backtrace. If the number wraps, a sweep
+  /// may keep an unused backtrace.
+  std::uint16_t sweep;
 
   /// The num_frames pcs, innermost first.
   std::uint64_t* pcs() { return reinterpret_cast<std::uint64_t*>(this + 1); }
   const std::uint64_t* pcs() const { return reinterpret_cast<const std::uint64_t*>(this + 1); }
 };
-static_assert(sizeof(FrameInfoType) == 32);
+static_assert(sizeof(FrameInfoType) == 24);
 
 /// Key of a backtrace: the pcs, innermost first, not owned.
 struct FrameKeyType {
@@ -174,7 +174,7 @@ class BacktraceTable {
   /// lock of the record's page or keeps operations out.
   FrameInfoType* At(std::uint32_t location) const { return arena_.At(location); }
 
-  /// Makes room for new backtraces. `mark_live(std::uint32_t sweep)` must set the `sweep` field of
+  /// Makes room for new backtraces. `mark_live(std::uint16_t sweep)` must set the `sweep` field of
   /// every backtrace that a record uses. `records` is the approximate number of records. The caller
   /// keeps all record operations out. Returns false if there is no memory. Takes the table's lock.
   template <typename MarkLive>
@@ -284,7 +284,7 @@ class BacktraceTable {
   Buckets* retired_ = nullptr;
   /// Number of backtraces in the table.
   std::uint64_t used_ = 0;
-  std::uint32_t sweep_ = 0;
+  std::uint16_t sweep_ = 0;
   std::atomic<bool> is_pinned_{false};
   BacktraceArena arena_;
 };

@@ -89,10 +89,10 @@ void Grouping::RebuildIndex(std::size_t slots) {
   }
 }
 
-/// Returns index + 1 of the first list of `backtrace`; 0 if there is none. `report_note` holds it,
+/// Returns index + 1 of the first list of `backtrace`; 0 if there is none. `note` holds it,
 /// but is never reset: it is valid only if the list belongs to this backtrace.
 std::uint32_t Grouping::FirstTimeList(const FrameInfoType* backtrace) const {
-  const std::uint32_t number = backtrace->report_note;
+  const std::uint32_t number = backtrace->note;
   const bool is_valid =
       number != 0 && number <= time_lists_.size() && time_lists_[number - 1].backtrace == backtrace;
   return is_valid ? number : 0;
@@ -112,7 +112,7 @@ Grouping::TimeList* Grouping::FindTimes(const FrameInfoType* backtrace, std::uin
 void Grouping::AddTimeList(FrameInfoType* backtrace, std::uint32_t set) {
   if (FindTimes(backtrace, set) != nullptr) return;
   time_lists_.push_back({backtrace, set, FirstTimeList(backtrace), 0, 0, 0});
-  backtrace->report_note = static_cast<std::uint32_t>(time_lists_.size());
+  backtrace->note = static_cast<std::uint32_t>(time_lists_.size());
 }
 
 void Grouping::CollectTimes() {

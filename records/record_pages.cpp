@@ -153,6 +153,21 @@ bool RecordPages::GrowDirectory() {
   return true;
 }
 
+std::uint64_t RecordPages::Count(std::uint32_t generation) {
+  std::uint64_t records = 0;
+  ForEach([&records, generation](std::uint64_t /*address*/, RecordPage& page) {
+    if (page.count() == 0) return;
+    page.Lock();
+    if (page.generation() == generation) {
+      page.ForEach([&records](const Record& record) {
+        if (!RecordKey::IsKept(record.key)) ++records;
+      });
+    }
+    page.Unlock();
+  });
+  return records;
+}
+
 void RecordPages::WaitForOperations() {
   ForEach([](std::uint64_t /*address*/, RecordPage& page) {
     if (page.IsLocked()) SpinUntil([&page] { return !page.IsLocked(); });

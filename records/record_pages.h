@@ -200,6 +200,8 @@ class RecordPages {
       }
     }
   }
+  /// Returns the number of records of `generation`, without kept times. Locks one page at a time.
+  static std::uint64_t Count(std::uint32_t generation);
   /// Waits until every operation that holds a page's lock has released it. The caller keeps new
   /// operations out.
   static void WaitForOperations();

@@ -6,13 +6,11 @@
 #include "sigmux/sigmux.h"
 
 #include <pthread.h>
-#include <ucontext.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
-#include "platform/policies.h"
 #include "sigmux/phaser.h"
 
 namespace {
@@ -62,21 +60,12 @@ struct sigaction* new_action() {
   return static_cast<struct sigaction*>(calloc(1, sizeof(struct sigaction)));
 }
 
-/// Sets the thread's mask to `mask` plus the signals that the platform keeps blocked, given the
-/// interrupted code's `context` (may be null).
-void set_handler_mask(sigset_t mask, const void* context) {
-  if (context != nullptr) {
-    platform::KeepBlocked(static_cast<const ucontext_t*>(context)->uc_sigmask, &mask);
-  }
-  sigprocmask(SIG_SETMASK, &mask, nullptr);
-}
-
 /// The action of every signal that was taken over.
 void dispatch(int signum, siginfo_t* info, void* context) {
   const int saved_errno = errno;
   sigset_t none;
   sigemptyset(&none);
-  set_handler_mask(none, context);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
   sigmux_handle_signal(signum, info, context,
                        SIGMUX_RUN_NORMAL | SIGMUX_RUN_LATE | SIGMUX_RUN_PREVIOUS);
   errno = saved_errno;
@@ -165,7 +154,7 @@ bool has_function(const struct sigaction& action) {
 void call_previous(const struct sigaction& action, int signum, siginfo_t* info, void* context) {
   sigset_t mask = action.sa_mask;
   if ((action.sa_flags & SA_NODEFER) == 0) sigaddset(&mask, signum);
-  set_handler_mask(mask, context);
+  sigprocmask(SIG_SETMASK, &mask, nullptr);
   if ((action.sa_flags & SA_SIGINFO) != 0) {
     action.sa_sigaction(signum, info, context);
   } else {

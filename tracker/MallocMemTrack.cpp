@@ -17,7 +17,9 @@
 #include "platform/published_state.h"
 #include "plthooks/trampoline.h"
 #include "records/PointerData.h"
+#include "records/PointerSet.h"
 #include "records/profile.h"
+#include "records/record_store.h"
 #include "tracker/DebugData.h"
 #include "tracker/SignalControl.h"
 #include "tracker/control/MemTrackControl.h"
@@ -166,6 +168,12 @@ SLOW_PATH std::size_t SlowUsableSize(const MemTrackControl* control, const void*
   return control->dispatch()->malloc_usable_size(pointer);
 }
 
+/// protocol::CountRecords.
+void PublishRecordCount() {
+  platform::PublishCount(RecordPages::Count(record_store::Generation()),
+                         unreported_blocks.load(std::memory_order_relaxed));
+}
+
 void PrepareFork() {
   DebugData::GetInstance()->PrepareFork();
 }
@@ -204,7 +212,7 @@ bool track_initialize(const MallocDispatch* table, bool* zygote_child, const cha
     return false;
   }
   lumora::plthooks::prepare_hook_stack();
-  platform::FindLoader(SwitchOff);
+  platform::FindLoader(SwitchOff, PublishRecordCount);
   SignalActionsInit();
   BacktraceStartup();
   profile::Prepare();

@@ -22,8 +22,6 @@ PcWidth AcceptedPcWidth() {
   return kAndroidPcWidth;
 }
 
-void KeepBlocked(const sigset_t& /*interrupted*/, sigset_t* /*mask*/) {}
-
 bool ThreadKeyNeverAllocates(pthread_key_t /*key*/) {
   return true;
 }

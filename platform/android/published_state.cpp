@@ -4,7 +4,8 @@
 
 namespace platform {
 
-void FindLoader(void (* /*switch_off*/)()) {}
+void FindLoader(void (* /*switch_off*/)(), void (* /*count*/)()) {}
+void PublishCount(std::uint64_t /*records*/, std::uint64_t /*dropped*/) {}
 void PublishRecording(const protocol::Kind& /*kind*/, protocol::Recording /*recording*/) {}
 void PublishClear() {}
 void PublishSettings(char /*type*/, std::uint32_t /*frames*/) {}

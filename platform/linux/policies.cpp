@@ -13,7 +13,6 @@
 #include <optional>
 
 #include "platform/linux/maps_lines.h"
-#include "protocol/protocol.h"
 
 namespace platform {
 namespace {
@@ -88,11 +87,6 @@ int ProtectionAfterWrite(const void* page, std::size_t bytes) {
 
 PcWidth AcceptedPcWidth() {
   return kLinuxPcWidth;
-}
-
-void KeepBlocked(const sigset_t& interrupted, sigset_t* mask) {
-  if (sigismember(&interrupted, protocol::control_signal) == 1)
-    sigaddset(mask, protocol::control_signal);
 }
 
 bool ThreadKeyNeverAllocates(pthread_key_t key) {

@@ -68,12 +68,21 @@ protocol::HookState* FindHook(State& state, const char* library, const char* fun
 
 }  // namespace
 
-void FindLoader(void (*switch_off)()) {
+void FindLoader(void (*switch_off)(), void (*count)()) {
   g_state.store(LoaderVariable<State*>(protocol::kStateVariable), std::memory_order_release);
   auto* const hook = LoaderVariable<void (*)()>(protocol::kSwitchOff);
   if (hook != nullptr) hook->store(switch_off);
+  auto* const counter = LoaderVariable<protocol::CountRecords>(protocol::kRecordCounter);
+  if (counter != nullptr) counter->store(count);
   const auto* const paths = LoaderVariable<const protocol::Paths*>(protocol::kPathsVariable);
   if (paths != nullptr) UsePaths(paths->load());
+}
+
+void PublishCount(std::uint64_t records, std::uint64_t dropped) {
+  State* const state = Published();
+  if (state == nullptr) return;
+  state->records.store(records);
+  state->dropped.store(dropped);
 }
 
 void PublishRecording(const protocol::Kind& kind, Recording recording) {

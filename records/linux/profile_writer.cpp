@@ -194,9 +194,9 @@ void Snapshot::Collect() {
     std::uint32_t row = 0;
     if (record.backtrace != 0) {
       FrameInfoType* const backtrace = backtraces.At(record.backtrace);
-      row = backtrace->profile_row;
+      row = backtrace->note;
       if (row == 0 || row >= count || rows[row].backtrace != backtrace) {
-        row = backtrace->profile_row = count++;
+        row = backtrace->note = count++;
         rows[row].backtrace = backtrace;
       }
     }

@@ -8,6 +8,7 @@ architecture. Exit code 0 if the case passes.
 """
 
 import collections
+import contextlib
 import os
 import re
 import resource
@@ -73,6 +74,13 @@ class Session:
     def tell(self, command, *arguments, pid=None):
         return self.memleak(command, pid or self.process.pid, *arguments)
 
+    def refused(self, *words, pid=None, prefix=()):
+        """The line that says why a command is refused."""
+        result = subprocess.run([*prefix, *self.controller, *words, str(pid or self.process.pid)],
+                                capture_output=True, text=True, timeout=100)
+        assert result.returncode == 2 and result.stderr.count("\n") == 1, result
+        return result.stderr
+
     def groups(self, root=None):
         path = (root or self.root) + "/data/log/reliability/allocations_dump"
         with open(path) as report:
@@ -82,6 +90,11 @@ class Session:
         total = int(re.search(r"^Total memory\(bytes\): (\d+)$", text, re.M)[1])
         assert total == sum(g.total for g in found), "the total is that of the groups"
         return found
+
+    def records(self):
+        """The number of recorded live blocks."""
+        found = re.search(r"^records +([\d,]+) live blocks$", self.tell("status"), re.M)
+        return int(found[1].replace(",", ""))
 
     def sizes(self, root=None):
         """The report's blocks as {size: count}."""
@@ -142,7 +155,9 @@ def from_outside(session):
     session.step("alloc 500 100")  # before recording starts: not recorded
     session.tell("on")
     session.step("alloc 1000 48")
+    before = session.records()
     session.step("free 400")
+    assert session.records() == before - 400
     session.tell("report")
     group, = [g for g in session.groups() if g.size == 48]
     assert (group.count, group.total) == (600, 600 * 48)
@@ -203,25 +218,47 @@ def churn(session):
     session.quit()
 
 
+@contextlib.contextmanager
+def full_disk(session, root):
+    """Fills the file system of the root directory."""
+    with open(root + "/filler", "wb", buffering=0) as filler, contextlib.suppress(OSError):
+        while True:
+            filler.write(bytes(4096))
+    yield "No space left on device"
+    os.remove(root + "/filler")
+
+
+@contextlib.contextmanager
+def no_descriptor(session, root):
+    limit = resource.prlimit(session.process.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(session.process.pid, resource.RLIMIT_NOFILE, (3, limit[1]))
+    yield "Too many open files"
+    resource.prlimit(session.process.pid, resource.RLIMIT_NOFILE, limit)
+
+
 def shortage(session):
-    """The report file has no room, or no descriptor is free. The program continues, the controller
-    says so at once, and the next report is complete."""
-    session.start("--start")
-    pid = session.process.pid
-    for limit, least in ((resource.RLIMIT_FSIZE, 100), (resource.RLIMIT_NOFILE, 3)):
-        session.step("alloc 50 200")
-        before = resource.prlimit(pid, limit)
-        resource.prlimit(pid, limit, (least, before[1]))
-        session.memleak("report", pid, "--timeout", 0, code=2)
-        session.step("alloc 7 96")
-        resource.prlimit(pid, limit, before)
-        session.tell("on")
-        session.step("alloc 5 120")
-        session.tell("report")
-        sizes = session.sizes()
-        assert [sizes[s] for s in (96, 120, 200)] == [0, 5, 0], sizes
-        session.tell("on")
-    session.quit()
+    """The report has no room, or no descriptor is free. The controller gives the reason at once, the
+    program continues, and the next report has all records."""
+    root, shortages = session.root + "/small", [no_descriptor]
+    os.mkdir(root)
+    if os.geteuid() == 0:
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m,mode=700", "none", root], check=True)
+        shortages.append(full_disk)
+    try:
+        session.start("--start", root=root)
+        for number, shorten in enumerate(shortages, 1):
+            session.step("alloc 50 200")
+            with shorten(session, root) as reason:
+                start = time.monotonic()
+                refused = session.refused("report")
+                assert reason in refused and time.monotonic() - start < 20, refused
+            session.tell("report", "--keep-recording")
+            assert session.sizes(root)[200] == 50 * number
+            session.tell("on", "--keep")
+        session.quit()
+    finally:
+        if full_disk in shortages:
+            subprocess.run(["umount", "--lazy", root], check=True)
 
 
 def main(cases, session_type):

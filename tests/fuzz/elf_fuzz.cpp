@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fuzz target: the index of a loaded library whose tables contain arbitrary data. One thread.
+// Fuzz target: the index and the slots of a loaded library whose tables contain arbitrary data. One
+// thread.
 //
 // A read outside of the library's readable segments ends the process. Each library is indexed with
 // the rules of both dynamic linkers.
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "linker/elfSharedLibData.h"
+#include "linker/import_slots.h"
 #include "platform/elf_policy.h"
 #include "tests/fuzz/elf_image.h"
 #include "tests/records/log_capture.h"
@@ -56,6 +59,22 @@ void Index(const std::vector<const char*>& names, const fuzz::ElfImage& image) {
   fuzz::Require(!library, "a library that the dynamic linker does not know is not valid");
 }
 
+/// The slots that the loader of a running process looks for.
+void ReadSlots(const fuzz::ElfImage& image) {
+  const lumora::linker::ImportSlots object(image.info());
+  std::size_t characters = 0;
+  object.ForEachSlot([&](const lumora::linker::ImportSlots::Slot& slot) {
+    characters += std::strlen(slot.name);
+    fuzz::Require(!object.Contains(slot.place, slot.symbol->st_size) || slot.symbol->st_size == 0 ||
+                      image.Readable(slot.place, slot.symbol->st_size),
+                  "a place that is contained lies in the library");
+  });
+  object.ForEachFunction(
+      [&](const Elf64_Sym&, const char* name) { characters += std::strlen(name); });
+  // The compiler must not remove the reads.
+  __asm__ volatile("" : : "r"(characters));
+}
+
 }  // namespace
 
 namespace platform {
@@ -80,6 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const bool rules : {true, false}) {
     android_rules = rules;
     Index(names, image);
+    ReadSlots(image);
   }
   return 0;
 }

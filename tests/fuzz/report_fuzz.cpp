@@ -28,7 +28,7 @@ void Print(const memleak::Profile& profile) {
     fuzz::Require(!out.str().empty(), "something is printed");
   }
   std::ostringstream document;
-  memleak::WriteJson(memleak::ToJson(profile), document);
+  memleak::WriteProfileJson(profile, document);
   fuzz::Require(nlohmann::json::accept(document.str()), "the document is JSON");
 }
 

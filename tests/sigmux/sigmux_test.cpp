@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,8 +13,6 @@
 #include <random>
 #include <string>
 #include <thread>
-
-#include "platform/policies.h"
 
 namespace {
 
@@ -56,26 +53,20 @@ sigmux_entry* Register(int signum, sigmux_handler handler, void* data, std::uint
   return sigmux_register(&set, handler, data, flags);
 }
 
-/// Runs with the mask that the kernel would have set for it. Another thread may handle the control
-/// signal: the platform decides whether it stays blocked.
+/// Runs with the mask that the kernel would have set for it.
 template <int kFlags>
-void Previous(int signum, siginfo_t* /*info*/, void* context) {
+void Previous(int signum, siginfo_t* /*info*/, void* /*context*/) {
   trace += 'P';
-  sigset_t mask;
-  sigemptyset(&mask);
-  platform::KeepBlocked(static_cast<const ucontext_t*>(context)->uc_sigmask, &mask);
   if (signum != SIGUSR1 || !IsBlocked(SIGUSR2) || IsBlocked(SIGTERM) ||
-      IsBlocked(SIGUSR1) != ((kFlags & SA_NODEFER) == 0) ||
-      IsBlocked(44) != (sigismember(&mask, 44) == 1)) {
+      IsBlocked(SIGUSR1) != ((kFlags & SA_NODEFER) == 0)) {
     trace += '!';
   }
 }
 
-/// Installs `Previous` for SIGUSR1, then lets sigmux take the signal over. Blocks two signals.
+/// Installs `Previous` for SIGUSR1, then lets sigmux take the signal over. Blocks SIGTERM.
 template <int kFlags>
 void TakeOver() {
-  sigset_t blocked = Only(SIGTERM);
-  sigaddset(&blocked, 44);
+  const sigset_t blocked = Only(SIGTERM);
   sigprocmask(SIG_BLOCK, &blocked, nullptr);
   struct sigaction action = {};
   action.sa_sigaction = Previous<kFlags>;

@@ -150,8 +150,7 @@ void AddAttach(Program* program) {
   AddOption(command, "--root", &places.root, "DIR",
             "Root directory (default: ./memleak.<pid>, else\n/tmp/memleak.<pid>)");
   AddOption(command, "--log", &places.log, "FILE", "The tracker's log");
-  AddOption(command, "--libdir", &places.libdir, "DIR",
-            "Directory of the tracker's two libraries");
+  AddOption(command, "--libdir", &places.libdir, "DIR", "Directory of the tracker's two libraries");
   AddOnOptions(command, &options->on);
 }
 

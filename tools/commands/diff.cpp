@@ -79,7 +79,7 @@ int Diff(const DiffOptions& options) {
     TotalBytes(after);
   }
   if (options.json) {
-    WriteJson(DiffToJson(before, after), std::cout);
+    WriteDiffJson(before, after, std::cout);
   } else {
     PrintDifference(before, after, options.top, std::cout);
   }

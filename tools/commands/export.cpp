@@ -59,7 +59,7 @@ void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostr
       if (!WritePprof(profile, out)) out.setstate(std::ios::failbit);
       return;
     case Format::kJson:
-      return WriteJson(ToJson(profile), out);
+      return WriteProfileJson(profile, out);
   }
 }
 

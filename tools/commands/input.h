@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "tools/export/json.h"
+#include "tools/export/document.h"
 #include "tools/report/model.h"
 #include "tools/symbols/symbol_options.h"
 

@@ -65,7 +65,8 @@ void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary
 }
 
 void AddReportArgument(CLI::App* command, std::string* report) {
-  AddOption(command, "REPORT", report, " ", "PID, profile, report, root directory, or\nJSON document")
+  AddOption(command, "REPORT", report, " ",
+            "PID, profile, report, root directory, or\nJSON document")
       ->required();
 }
 

@@ -18,6 +18,7 @@
 #include "tools/target/recording.h"
 #include "tools/target/report_file.h"
 #include "tools/target/root_directory.h"
+#include "tools/target/send_command.h"
 #include "tools/target/site.h"
 
 namespace memleak {
@@ -25,10 +26,11 @@ namespace {
 
 constexpr const char* kStatusHelp = R"(
 Prints whether a process is tracked and what it records, according to its state
-file: for each kind of memory whether it is on; how stacks are found, in how
-many frames; the hooks in place; the latest commands; its root directory, its
-properties and its report. A command is pending until the process calls an
-allocator function, which starts the thread that carries out commands.
+file: for each kind of memory whether it is on; the number of recorded blocks,
+which the process counts now; how stacks are found, in how many frames; the
+hooks in place; the latest commands; its root directory, its properties and its
+report. A command is pending until the process calls an allocator function,
+which starts the thread that carries out commands.
 
 Example:
   memleak status 4711
@@ -104,13 +106,30 @@ std::string CommandsText(const StateFile& state) {
   return text;
 }
 
-void PrintState(const StateFile& state) {
+// Whether frees are still noticed.
+bool Records(const StateFile& state) {
+  return std::any_of(
+      std::begin(state->kinds), std::end(state->kinds),
+      [](const protocol::KindState& kind) { return kind.recording != protocol::Recording::kOff; });
+}
+
+std::string RecordsText(const ProcessInfo& process) {
+  const StateFile& state = *process.state;
+  if (process.is_stopped || !CountRecords(process)) {
+    return "not counted: the process has called no allocator function since, or is busy";
+  }
+  std::string text = FormatCount(state->records) + " live blocks";
+  if (state->dropped != 0) {
+    text += ", and " + FormatCount(state->dropped) + " that were not recorded: no memory";
+  }
+  return text;
+}
+
+void PrintState(const ProcessInfo& process) {
+  const StateFile& state = *process.state;
   std::cout << "recording   " << RecordingText(state) << "\n"
             << "stacks      " << MethodText(state) << "\n";
-  if (state->dropped != 0) {
-    std::cout << "dropped     " << FormatCount(state->dropped)
-              << " blocks by the latest report: no memory\n";
-  }
+  if (Records(state)) std::cout << "records     " << RecordsText(process) << "\n";
   PrintHooks("hooks       ", state);
   std::cout << "commands    " << CommandsText(state) << "\n";
 }
@@ -163,7 +182,7 @@ int PrintStatus(const pid_t& pid) {
     std::cout << "recording   as process " << (*process.state)->pid
               << " when it was forked; nothing else is known before the first command\n";
   } else if (process.state) {
-    PrintState(*process.state);
+    PrintState(process);
   } else {
     std::cout << "recording   unknown (see: " << log << ")\n";
   }

@@ -16,6 +16,7 @@
 #include <optional>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "protocol/protocol.h"
 #include "tools/base/format.h"
@@ -127,11 +128,10 @@ class Rounds {
   }
 
   void Finish() const {
-    const std::vector<GroupTrend> groups = trends_.Result();
+    std::vector<GroupTrend> groups = trends_.Result();
     const std::string path = (fs::path(options_.directory) / "trend.json").string();
     std::ofstream file(path, std::ios::binary);
-    const nlohmann::json trend = TrendsToJson(process_.Label(), reports_, groups, broken_);
-    WriteJson(trend, file);
+    WriteTrendsJson(process_.Label(), reports_, groups, broken_, file);
     file.close();
     if (!file) {
       throw UserError("cannot write " + path + ": " + std::strerror(errno),
@@ -148,7 +148,7 @@ class Rounds {
                 << broken_->why << "\n";
     }
     std::cout << "\nreports  " << options_.directory << "\ntrends   " << path << "\n";
-    if (reports_.size() > 1 && !PageShell().empty()) WritePage(trend);
+    if (reports_.size() > 1 && !PageShell().empty()) WritePage(std::move(groups));
     if (IsRunning() && !broken_) {
       std::cout << "Recording continues; to stop it: memleak report " << process_.pid << "\n";
     }
@@ -269,9 +269,12 @@ class Rounds {
     return true;
   }
 
-  void WritePage(const nlohmann::json& trend) const {
+  void WritePage(std::vector<GroupTrend> groups) const {
+    groups.resize(std::min(groups.size(), kTrendsOnPage));
+    std::ostringstream trend;
+    WriteTrendsJson(process_.Label(), reports_, groups, broken_, trend);
     const std::string path = (fs::path(options_.directory) / "leak.html").string();
-    memleak::WriteDifferencePage(Load(reports_.front()), Load(reports_.back()), trend, path);
+    WriteDifferencePage(Load(reports_.front()), Load(reports_.back()), trend.str(), path);
     std::cout << "page     " << path << "\n";
   }
 

@@ -58,7 +58,7 @@ std::size_t WritePage(const PageContent& content, const std::string& path) {
 }
 
 std::size_t WriteDifferencePage(const Profile& before, const Profile& after,
-                                const nlohmann::json& trend, const std::string& path) {
+                                const std::string& trend, const std::string& path) {
   const Difference difference = Compare(before, after);
   return WritePage({.report = after,
                     .groups = difference.merged,

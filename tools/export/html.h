@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstddef>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,14 +13,17 @@
 
 namespace memleak {
 
+/// The groups in `trend` of a page: more do not fit.
+inline constexpr std::size_t kTrendsOnPage = 100;
+
 /// What a page shows. The referenced objects are not copied.
 struct PageContent {
   const Profile& report;                              ///< its figures; of two reports the later one
   const Profile& groups;                              ///< libraries, frames and groups
   const Profile* base = nullptr;                      ///< the earlier one of two reports
   const std::vector<GroupChange>* changes = nullptr;  ///< of two reports: one for each group
-  nlohmann::json totals = {};                         ///< if not null, those of `report`
-  nlohmann::json trend = {};                          ///< of several reports: see TrendsToJson
+  std::string totals = {};                            ///< if not empty, the JSON of its totals
+  std::string trend = {};                             ///< of several reports: see WriteTrendsJson
 };
 
 /// The page with "@DATA@" in place of its data. Empty in builds without the page. Defined by a
@@ -37,6 +39,6 @@ std::size_t WritePage(const PageContent& content, const std::string& path);
 
 /// WritePage for what changed between two reports. `trend`: see PageContent.
 std::size_t WriteDifferencePage(const Profile& before, const Profile& after,
-                                const nlohmann::json& trend, const std::string& path);
+                                const std::string& trend, const std::string& path);
 
 }  // namespace memleak

@@ -14,6 +14,7 @@
 
 #include "tools/export/html.h"
 #include "tools/export/json.h"
+#include "tools/export/json_writer.h"
 #include "tools/report/aggregate.h"
 
 namespace memleak {
@@ -21,14 +22,6 @@ namespace {
 
 // Ages of a report are counted like those of a profile.
 constexpr std::array<std::int64_t, 10> kAgeBounds = {0, 1, 4, 15, 60, 240, 900, 3600, 14400, 86400};
-
-std::string ToText(const nlohmann::json& value) {
-  std::ostringstream stream;
-  WriteJson(value, stream);
-  std::string text = std::move(stream).str();
-  text.pop_back();  // the line feed
-  return text;
-}
 
 /// A JSON object with members of numbers. Text() ends it.
 class Columns {
@@ -102,11 +95,11 @@ class Strings {
     if (added) list_.push_back(text);
     return known->second;
   }
-  const nlohmann::json& List() const { return list_; }
+  const std::vector<std::string>& List() const { return list_; }
 
  private:
   std::unordered_map<std::string, std::size_t> known_;
-  nlohmann::json list_ = nlohmann::json::array();
+  std::vector<std::string> list_;
 };
 
 std::string FramesText(const Profile& profile, Strings* strings) {
@@ -216,30 +209,39 @@ std::string PageData(const PageContent& content) {
   const std::optional<ProfileHead>& process = content.report.head;
   std::vector<std::int64_t> bounds(kAgeBounds.begin(), kAgeBounds.end());
   if (process && !process->age_bounds.empty()) bounds = process->age_bounds;
-  nlohmann::json head = {
-      {"format", "memleak-page"},
-      {"version", 1},
-      {"report", ReportToJson(content.report)},
-      {"totals", content.totals.is_null() ? TotalsToJson(content.report) : content.totals},
-      {"libraries", LibrariesToJson(content.groups)},
-      {"ageBounds", bounds}};
-  if (content.base != nullptr) {
-    head["base"] = {{"report", ReportToJson(*content.base)},
-                    {"totals", TotalsToJson(*content.base)}};
-  }
-  if (!content.trend.is_null()) {
-    constexpr std::size_t kGroupsShown = 100;
-    nlohmann::json& trend = head["trend"] = content.trend;
-    nlohmann::json& groups = trend["groups"];
-    if (groups.size() > kGroupsShown) groups.erase(groups.begin() + kGroupsShown, groups.end());
-  }
   Strings strings;
   StackTree stacks;
   const std::string frames = FramesText(content.groups, &strings);
   const std::string groups = GroupsText(content, bounds, &stacks);
-  std::string text = ToText(head);
-  text.back() = ',';  // of the closing brace
-  text.append("\"strings\":").append(ToText(strings.List()));
+  std::ostringstream head;
+  {
+    JsonWriter json(head);
+    json.BeginObject();
+    json.Member("format", "memleak-page");
+    json.Member("version", 1);
+    WriteReport(content.report, &json);
+    if (content.totals.empty()) {
+      WriteTotals(content.report, &json);
+    } else {
+      json.Key("totals");
+      json.Raw(content.totals);
+    }
+    WriteLibraries(content.groups, &json);
+    json.MemberList("ageBounds", bounds);
+    if (content.base != nullptr) {
+      json.Key("base");
+      json.BeginObject();
+      WriteReport(*content.base, &json);
+      WriteTotals(*content.base, &json);
+      json.EndObject();
+    }
+    if (!content.trend.empty()) {
+      json.Key("trend");
+      json.Raw(content.trend);
+    }
+    json.MemberList("strings", strings.List());
+  }
+  std::string text = std::move(head).str();
   text.append(",\"frames\":").append(frames);
   text.append(",\"groups\":").append(groups);
   text.append(",\"stacks\":").append(stacks.Text()).append("}");

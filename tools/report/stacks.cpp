@@ -10,6 +10,9 @@
 #include <utility>
 #include <vector>
 
+#include "protocol/protocol.h"
+#include "tools/base/files.h"
+
 namespace memleak {
 namespace {
 
@@ -25,8 +28,13 @@ struct StackHash {
 
 void FoldWrappers(const Wrappers& wrappers, Profile* profile) {
   std::vector<bool> is_wrapper;
-  for (const Frame& frame : profile->frames)
-    is_wrapper.push_back(wrappers.Contains(frame.function));
+  is_wrapper.reserve(profile->frames.size());
+  for (const Frame& frame : profile->frames) {
+    // The loader has its own operator new. It is on the stack if the program brings another one.
+    const Library* const library = profile->LibraryOf(frame);
+    const bool own = library != nullptr && LastPart(library->path) == protocol::kPreloadLibrary;
+    is_wrapper.push_back(own || wrappers.Contains(frame.function));
+  }
   for (Group& group : profile->groups) {
     const auto caller = std::find_if(group.stack.begin(), group.stack.end(),
                                      [&](std::uint32_t frame) { return !is_wrapper[frame]; });

@@ -7,7 +7,7 @@
 
 namespace memleak {
 
-/// Removes the inner frames that are wrappers of allocators, unless all frames are.
+/// Removes the inner frames that are wrappers of allocators or the loader's, unless all frames are.
 void FoldWrappers(const Wrappers& wrappers, Profile* profile);
 
 /// Clears `cut` of the groups whose outermost frames start a program or a thread: their stacks have

@@ -26,9 +26,9 @@
 #include "tools/target/debugger.h"
 #include "tools/target/elf_symbols.h"
 #include "tools/target/find_state.h"
+#include "tools/target/inspect.h"
 #include "tools/target/launcher.h"
 #include "tools/target/root_directory.h"
-#include "tools/target/inspect.h"
 #include "tools/target/thread_stacks.h"
 
 namespace memleak {
@@ -45,8 +45,8 @@ constexpr milliseconds kPatience(5000);
 constexpr milliseconds kRunOn(5);
 constexpr milliseconds kRunToMalloc(200);
 
-constexpr std::uint64_t kRedZone = 128;  // below the stack pointer of x86-64
-constexpr std::uint64_t kNow = 2;        // RTLD_NOW | RTLD_LOCAL of glibc
+constexpr std::uint64_t kRedZone = 128;                    // below the stack pointer of x86-64
+constexpr std::uint64_t kNow = 2;                          // RTLD_NOW | RTLD_LOCAL of glibc
 constexpr std::uint64_t kInternalNow = kNow | 0x80000000;  // for __libc_dlopen_mode
 
 const std::vector<const char*> kLibraries = {protocol::kPreloadLibrary, protocol::kTrackerLibrary};
@@ -167,9 +167,9 @@ class Attachment {
     while (!TryToStop()) {
       debugger_->Detach();
       if (steady_clock::now() >= deadline) {
-        throw UserError("process " + process_.Label() + " has no thread that can load the tracker: " +
-                            why_not_,
-                        "try again; the process runs on as before");
+        throw UserError(
+            "process " + process_.Label() + " has no thread that can load the tracker: " + why_not_,
+            "try again; the process runs on as before");
       }
       std::this_thread::sleep_for(kRunOn);
     }
@@ -186,8 +186,8 @@ class Attachment {
     if (Call(function, {path}, {internal ? kInternalNow : kNow}) != 0) return;
     const std::uint64_t dlerror = code_->Function("dlerror");
     const std::string reason = dlerror == 0 ? "" : memory_.Text(Call(dlerror, {}, {}));
-    throw UserError("process " + process_.Label() + " cannot load the tracker: " +
-                        Printable(reason.empty() ? path : reason),
+    throw UserError("process " + process_.Label() +
+                        " cannot load the tracker: " + Printable(reason.empty() ? path : reason),
                     "check that its user may read and execute the file");
   }
 
@@ -264,9 +264,9 @@ class Attachment {
     }
     const auto result = debugger_->Call(*thread_, stack, function, arguments);
     if (!result) {
-      throw UserError("a call in process " + process_.Label() + " failed: " +
-                          debugger_->LastOutput(),
-                      "try again");
+      throw UserError(
+          "a call in process " + process_.Label() + " failed: " + debugger_->LastOutput(),
+          "try again");
     }
     // Continues system calls of all threads that the end of the call has interrupted.
     debugger_->Threads();
@@ -293,7 +293,8 @@ microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places) {
   const std::string root = ExpandPid(pattern, process.inner_pid);
   const bool is_loaded = MappedLoader::Find(process).has_value();
   const std::string library =
-      is_loaded ? "" : JoinPath(PlaceLibraries(process, places.libdir, root), protocol::kPreloadLibrary);
+      is_loaded ? ""
+                : JoinPath(PlaceLibraries(process, places.libdir, root), protocol::kPreloadLibrary);
   attachment.Stop();
   if (!is_loaded) attachment.Load(library);
   attachment.Begin(pattern, log, JoinPath(root, protocol::kPropertiesFile));

@@ -31,8 +31,8 @@ void CheckTracer(const ProcessInfo& process) {
   if (tracer == 0) return;
   std::string name = ReadTextFile("/proc/" + std::to_string(tracer) + "/comm").value_or("");
   name.resize(std::min(name.size(), name.find('\n')));
-  throw UserError("process " + process.Label() + " is traced by process " +
-                      std::to_string(tracer) + " (" + Printable(name) + ")",
+  throw UserError("process " + process.Label() + " is traced by process " + std::to_string(tracer) +
+                      " (" + Printable(name) + ")",
                   "end that debugger first");
 }
 
@@ -47,9 +47,9 @@ void CheckProgram(const ProcessInfo& process, const std::vector<Mapping>& mappin
   const std::string program = process.Shown(process.outside + process.executable);
   const std::optional<ElfInfo> image = ReadElf(Proc(process, "exe"));
   if (process.is_emulated) {
-    throw UserError("process " + process.Label() + " is emulated by " +
-                        Printable(process.executable),
-                    "start the program with: memleak run --emulator");
+    throw UserError(
+        "process " + process.Label() + " is emulated by " + Printable(process.executable),
+        "start the program with: memleak run --emulator");
   }
   if (image && (!image->is_64_bit || image->machine != OwnMachine())) {
     throw UserError("program is for another architecture: " + program + " is for " +
@@ -88,9 +88,9 @@ void CheckAttachable(const ProcessInfo& process) {
   CheckProgram(process, mappings);
   const std::string root = LinkTarget(Proc(process, "root"));
   if (process.outside.empty() && root != LinkTarget("/proc/self/root")) {
-    throw UserError("process " + process.Label() + " has another root directory: " +
-                        Printable(root),
-                    "run memleak inside: chroot " + Printable(root));
+    throw UserError(
+        "process " + process.Label() + " has another root directory: " + Printable(root),
+        "run memleak inside: chroot " + Printable(root));
   }
 }
 

@@ -12,7 +12,8 @@ namespace memleak {
 /// Throws UserError if `process` cannot be attached to, as far as /proc tells.
 void CheckAttachable(const ProcessInfo& process);
 
-/// The error if a debugger may not stop `process`. `output` is what the debugger said; may be empty.
+/// The error if a debugger may not stop `process`. `output` is what the debugger said; may be
+/// empty.
 UserError Refused(const ProcessInfo& process, const std::string& output);
 
 /// The error for a process that memleak run has started.

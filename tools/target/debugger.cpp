@@ -105,8 +105,12 @@ bool IsStopped(pid_t pid) {
 
 }  // namespace
 
-std::uint64_t StoppedThread::StackPointer() const { return registers[kStackPointer]; }
-std::uint64_t StoppedThread::ProgramCounter() const { return registers[kProgramCounter]; }
+std::uint64_t StoppedThread::StackPointer() const {
+  return registers[kStackPointer];
+}
+std::uint64_t StoppedThread::ProgramCounter() const {
+  return registers[kProgramCounter];
+}
 
 std::unique_ptr<Debugger> Debugger::Start(pid_t pid) {
   std::unique_ptr<Debugger> debugger;
@@ -165,8 +169,8 @@ bool Debugger::Send(const Lines& lines) {
   text += end_command_ + "\n";
   output_.clear();
   ++pending_;
-  return child_ > 0 && send(socket_, text.data(), text.size(), MSG_NOSIGNAL) ==
-                           static_cast<ssize_t>(text.size());
+  return child_ > 0 &&
+         send(socket_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
 // Reads the output of all commands that were sent. False: the time is over, or the

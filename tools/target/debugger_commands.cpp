@@ -35,7 +35,9 @@ const std::vector<std::string>& RegisterNames() {
   return kNames;
 }
 
-const std::string& ResultRegister() { return RegisterNames().front(); }
+const std::string& ResultRegister() {
+  return RegisterNames().front();
+}
 
 // The call as a C expression of type long.
 std::string CallText(std::uint64_t address, const std::vector<std::uint64_t>& arguments) {
@@ -65,9 +67,9 @@ Gdb::Gdb(const std::string& path, pid_t pid)
     : Debugger(pid, {path, "-nx", "-q", "--readnever", "-iex", "set auto-load off"},
                R"(echo @@\n)"),
       entry_(EntryPoint(pid)) {
-  Run({"set prompt", "set confirm off", "set pagination off", "set width 0",
-       "set height 0", "set language c", "set breakpoint pending off",
-       "set non-stop off", "set scheduler-locking off", "set exec-file-mismatch off",
+  Run({"set prompt", "set confirm off", "set pagination off", "set width 0", "set height 0",
+       "set language c", "set breakpoint pending off", "set non-stop off",
+       "set scheduler-locking off", "set exec-file-mismatch off",
        // Without the libraries' files gdb reads no symbols while the process stands still, and sets
        // no breakpoints in the dynamic linker.
        "set sysroot /nonexistent", "set auto-solib-add off", "set libthread-db-search-path",
@@ -75,7 +77,9 @@ Gdb::Gdb(const std::string& path, pid_t pid)
       kStartTimeout);
 }
 
-Gdb::Lines Gdb::AttachCommands(pid_t pid) const { return {"attach " + std::to_string(pid)}; }
+Gdb::Lines Gdb::AttachCommands(pid_t pid) const {
+  return {"attach " + std::to_string(pid)};
+}
 
 Gdb::Lines Gdb::ReadThreads() {
   std::string format = "@T %d";
@@ -151,9 +155,9 @@ std::vector<std::string> LldbNames() {
 Lldb::Lldb(const std::string& path, pid_t pid)
     // lldb repeats what it reads.
     : Debugger(pid, {path, "--no-lldbinit", "--no-use-colors"}, "#@@"), pid_(pid) {
-  Run({"settings set auto-confirm true",
-       "settings set stop-disassembly-count 0", "settings set stop-line-count-after 0",
-       "settings set stop-line-count-before 0", "settings set target.preload-symbols false",
+  Run({"settings set auto-confirm true", "settings set stop-disassembly-count 0",
+       "settings set stop-line-count-after 0", "settings set stop-line-count-before 0",
+       "settings set target.preload-symbols false",
        "settings set symbols.enable-external-lookup false",
        "settings set target.load-script-from-symbol-file false",
        "settings set plugin.jit-loader.gdb.enable off"},
@@ -189,15 +193,17 @@ Lldb::Lines Lldb::ReadThreads() {
     }
     std::string text = "@T " + std::to_string(number);
     for (const std::string& name : RegisterNames()) text += " " + values[name];
-    const auto call = ReadTextFile("/proc/" + std::to_string(pid_) + "/task/" +
-                                   std::to_string(id) + "/syscall");
+    const auto call =
+        ReadTextFile("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(id) + "/syscall");
     threads.push_back(text + " " + std::to_string(std::atol(call.value_or("-1").c_str())));
   }
   return threads;
 }
 
 // lldb restores all registers after a call, so any thread will do.
-Lldb::Lines Lldb::RunToCommands(std::uint64_t) const { return {}; }
+Lldb::Lines Lldb::RunToCommands(std::uint64_t) const {
+  return {};
+}
 
 Lldb::Lines Lldb::SetResult(unsigned thread, int error) const {
   return {"thread select " + std::to_string(thread),

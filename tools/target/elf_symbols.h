@@ -10,8 +10,8 @@ namespace memleak {
 
 /// A definition in the dynamic symbol table of a file.
 struct ElfSymbol {
-  std::string name;          ///< without its version
-  std::uint64_t address = 0; ///< in the file, without the load bias
+  std::string name;           ///< without its version
+  std::uint64_t address = 0;  ///< in the file, without the load bias
   std::uint64_t bytes = 0;
   bool is_function = false;
 };

@@ -36,11 +36,27 @@ constexpr milliseconds kAnswerPoll(20);
 constexpr milliseconds kBellAgain(200);
 // How long a process gets to start the thread: until its next call of an allocator function.
 constexpr milliseconds kThreadPatience(3000);
+constexpr milliseconds kCountPatience(500);
 constexpr milliseconds kEmulatedThreadPatience(8000);
 
 template <typename Word>
 std::uint32_t* FutexOf(std::atomic<Word>& word) {
   return reinterpret_cast<std::uint32_t*>(&word);  // the low word: machines are little-endian
+}
+
+template <typename Word>
+void AwaitChange(std::atomic<Word>& word, Word value) {
+  timespec wait{};
+  wait.tv_nsec = std::chrono::nanoseconds(kAnswerPoll).count();
+  syscall(SYS_futex, FutexOf(word), FUTEX_WAIT, static_cast<std::uint32_t>(value), &wait, nullptr,
+          0);
+}
+
+// Wakes the control thread, or asks the process to start it.
+void Wake(const ProcessInfo& process, StateFile& state) {
+  ++state->bell;
+  syscall(SYS_futex, FutexOf(state->bell), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+  if (state->control_thread != ControlThread::kRunning) RingBell(process);
 }
 
 /// A command in the queue of a process.
@@ -64,9 +80,7 @@ class PostedCommand {
 
   // Waits until the command is carried out.
   void Await() {
-    ++state_->bell;
-    syscall(SYS_futex, FutexOf(state_->bell), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-    if (state_->control_thread != ControlThread::kRunning) RingBell(process_);
+    Wake(process_, state_);
     AwaitDone(number_);
     const int error = state_->posted[(number_ - 1) % protocol::kMaxPosted].error;
     if (error == 0) return;
@@ -117,10 +131,7 @@ class PostedCommand {
       if (Waited() >= kBellAgain) {
         line.Show("waiting for " + process_.Label() + "  " + FormatDuration(Waited()));
       }
-      timespec wait{};
-      wait.tv_nsec = std::chrono::nanoseconds(kAnswerPoll).count();
-      syscall(SYS_futex, FutexOf(state_->done), FUTEX_WAIT, static_cast<std::uint32_t>(done), &wait,
-              nullptr, 0);
+      AwaitChange(state_->done, done);
     }
   }
 
@@ -174,6 +185,19 @@ Carried DetachFrom(const ProcessInfo& process) {
   command.Post(protocol::Recipient::kDetach, 0, 0);
   command.Await();
   return command.Waited();
+}
+
+bool CountRecords(const ProcessInfo& process) {
+  StateFile& state = *process.state;
+  const auto end = steady_clock::now() + kCountPatience;
+  const std::uint32_t wanted = ++state->counts_wanted;
+  Wake(process, state);
+  while (true) {
+    const std::uint32_t done = state->counts_done;
+    if (static_cast<std::int32_t>(done - wanted) >= 0) return true;
+    if (steady_clock::now() >= end) return false;
+    AwaitChange(state->counts_done, done);
+  }
 }
 
 std::string CarriedText(const Carried& carried) {

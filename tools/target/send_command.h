@@ -25,6 +25,11 @@ inline constexpr std::chrono::seconds kCommandPatience(60);
 Carried SendCommand(const ProcessInfo& process, std::uint64_t word, std::uint32_t parameter,
                     std::chrono::milliseconds timeout = kCommandPatience);
 
+/// Makes `process`, which has a state, count its live records: `records` and `dropped` of the state
+/// are current then. Returns false if it has not done so within half a second, for example because
+/// it calls no allocator function. Starts its control thread, if it has none.
+bool CountRecords(const ProcessInfo& process);
+
 /// Makes the loader in an attached `process`, which has a state file, detach, and waits until it
 /// has. Throws UserError if it did not.
 Carried DetachFrom(const ProcessInfo& process);

@@ -41,9 +41,12 @@ std::uint32_t DefaultDepth() {
 }
 
 const SiteAdvice& Advice() {
-  static constexpr SiteAdvice kAdvice = {
-      "pgrep -a NAME", "run memleak as the user who owns it, or as root",
-      "with: memleak run -- PROGRAM", "memleak attach ", "start it with: memleak run --report-at-exit", ""};
+  static constexpr SiteAdvice kAdvice = {"pgrep -a NAME",
+                                         "run memleak as the user who owns it, or as root",
+                                         "with: memleak run -- PROGRAM",
+                                         "memleak attach ",
+                                         "start it with: memleak run --report-at-exit",
+                                         ""};
   return kAdvice;
 }
 

@@ -31,14 +31,23 @@ constexpr std::uint64_t kGoHeapEnd = 0xc8'0000'0000;
 // All functions of the C library's allocator that it exports. One source file has them and their
 // internal functions, so nothing else is between them.
 const std::set<std::string_view> kAllocator = {
-    "malloc",       "free",      "calloc",       "realloc",      "memalign",    "aligned_alloc",
-    "valloc",       "pvalloc",   "malloc_trim",  "malloc_stats", "malloc_info", "mallinfo",
-    "mallinfo2",    "mallopt",   "posix_memalign", "malloc_usable_size"};
+    "malloc",    "free",    "calloc",         "realloc",           "memalign",    "aligned_alloc",
+    "valloc",    "pvalloc", "malloc_trim",    "malloc_stats",      "malloc_info", "mallinfo",
+    "mallinfo2", "mallopt", "posix_memalign", "malloc_usable_size"};
 
-const std::set<std::string_view> kLinker = {
-    "dlopen", "dlmopen", "dlclose", "dlsym",           "dlvsym",             "dladdr",
-    "dladdr1", "dlinfo", "dlerror", "dl_iterate_phdr", "__libc_dlopen_mode", "__libc_dlsym",
-    "__libc_dlclose"};
+const std::set<std::string_view> kLinker = {"dlopen",
+                                            "dlmopen",
+                                            "dlclose",
+                                            "dlsym",
+                                            "dlvsym",
+                                            "dladdr",
+                                            "dladdr1",
+                                            "dlinfo",
+                                            "dlerror",
+                                            "dl_iterate_phdr",
+                                            "__libc_dlopen_mode",
+                                            "__libc_dlsym",
+                                            "__libc_dlclose"};
 
 const std::set<std::string_view> kFork = {
     "fork", "_Fork",      "vfork",          "posix_spawn",    "posix_spawnp",
@@ -87,8 +96,7 @@ struct ProcessCode::Unwinder {
     session = dwfl_begin(&callbacks);
     if (session == nullptr || dwfl_linux_proc_report(session, code.process_.pid) != 0 ||
         dwfl_report_end(session, nullptr, nullptr) != 0) {
-      throw UserError("cannot read the libraries of process " + code.process_.Label(),
-                      "try again");
+      throw UserError("cannot read the libraries of process " + code.process_.Label(), "try again");
     }
     // Files are opened now, while the process runs.
     dwfl_getmodules(session, Prepare, this, 0);
@@ -162,8 +170,7 @@ struct ProcessCode::Unwinder {
     Dwarf_Addr pc = 0;
     bool interrupted = false;
     if (!dwfl_frame_pc(frame, &pc, &interrupted)) return DWARF_CB_ABORT;
-    stack.in_signal_handler = stack.in_signal_handler ||
-                              (interrupted && !stack.places.empty()) ||
+    stack.in_signal_handler = stack.in_signal_handler || (interrupted && !stack.places.empty()) ||
                               unwinder.code.memory_.Word(pc) == kTrampoline;
     stack.places.push_back(unwinder.code.PlaceOf(interrupted ? pc : pc - 1));
     return stack.places.size() < kMaxFrames ? DWARF_CB_OK : DWARF_CB_ABORT;
@@ -181,8 +188,7 @@ bool Stack::Has(Place place) const {
   return std::find(places.begin(), places.end(), place) != places.end();
 }
 
-ProcessCode::ProcessCode(const ProcessInfo& process)
-    : process_(process), memory_(process.pid) {
+ProcessCode::ProcessCode(const ProcessInfo& process) : process_(process), memory_(process.pid) {
   const LoadedLibraries loaded = ReadLoadedLibraries(process_, memory_, {});
   mappings_ = loaded.mappings;
   code_ = CodeOf(mappings_);
@@ -195,11 +201,10 @@ ProcessCode::~ProcessCode() = default;
 void ProcessCode::AddLibrary(const LoadedLibrary& library, const std::vector<Mapping>& mappings) {
   Place place = Place::kProgram;
   std::vector<ElfSymbol> symbols;
-  const auto first =
-      std::find_if(mappings.begin(), mappings.end(), [&](const Mapping& mapping) {
-        return library.file && mapping.path == library.path && mapping.offset == 0 &&
-               mapping.start == library.bias + library.file->first_address;
-      });
+  const auto first = std::find_if(mappings.begin(), mappings.end(), [&](const Mapping& mapping) {
+    return library.file && mapping.path == library.path && mapping.offset == 0 &&
+           mapping.start == library.bias + library.file->first_address;
+  });
   if (first == mappings.end()) return;
   symbols = ReadDefinitions(FileOf(process_, *first));
   for (const ElfSymbol& symbol : symbols) {
@@ -222,10 +227,12 @@ void ProcessCode::AddLibrary(const LoadedLibrary& library, const std::vector<Map
     }
   } else if (!library.is_program && Defines(symbols, "dlopen")) {
     // libdl of older versions of the C library.
-    for (const ElfSymbol& symbol : symbols) addresses_.emplace(symbol.name, library.bias + symbol.address);
+    for (const ElfSymbol& symbol : symbols)
+      addresses_.emplace(symbol.name, library.bias + symbol.address);
     place = Place::kLinker;
   }
-  for (auto mapping = first; mapping != mappings.end() && mapping->path == library.path; ++mapping) {
+  for (auto mapping = first; mapping != mappings.end() && mapping->path == library.path;
+       ++mapping) {
     libraries_[mapping->start] = {mapping->end, place};
   }
 }
@@ -249,11 +256,10 @@ void ProcessCode::AddCLibrary(const LoadedLibrary& library, const std::vector<El
   // From the end of the function before to the start of the function after.
   const auto first = sorted.find(*allocator.begin());
   const auto after = sorted.upper_bound(*allocator.rbegin());
-  const std::uint64_t start =
-      first == sorted.begin() ? first->first
-                              : std::prev(first)->first + std::prev(first)->second->bytes;
-  const std::uint64_t end =
-      after == sorted.end() ? *allocator.rbegin() + 4096 : after->first;
+  const std::uint64_t start = first == sorted.begin()
+                                  ? first->first
+                                  : std::prev(first)->first + std::prev(first)->second->bytes;
+  const std::uint64_t end = after == sorted.end() ? *allocator.rbegin() + 4096 : after->first;
   functions_[library.bias + start] = {library.bias + end, Place::kAllocator};
 }
 

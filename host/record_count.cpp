@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// Has the tracker count its records.
+#include "host/record_count.h"
+
+#include <atomic>
+
+#include "host/state.h"
+
+#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
+
+// protocol::kRecordCounter.
+MEMLEAK_EXPORT std::atomic<protocol::CountRecords> memleak_record_counter;
+std::atomic<protocol::CountRecords> memleak_record_counter{nullptr};
+
+namespace host {
+
+bool CountWaits() {
+  const State& state = CurrentState();
+  return state.counts_wanted.load() != state.counts_done.load();
+}
+
+void CountRecords() {
+  State& state = CurrentState();
+  const uint32_t wanted = state.counts_wanted.load();
+  if (const auto count = memleak_record_counter.load()) count();
+  state.counts_done.store(wanted);
+  WakeWaiters(state.counts_done);
+}
+
+}  // namespace host
