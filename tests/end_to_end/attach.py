@@ -286,7 +286,7 @@ def refusals(session):
         session.process.communicate("")
     session.start(root=session.root + "/root")
     session.refuse("was started by memleak run and is already tracked; start recording with")
-    session.refuse("was started by memleak run", command="detach")
+    session.refuse("was started by memleak run and cannot be detached", command="detach")
     session.quit()
 
 

@@ -104,7 +104,7 @@ UserError Refused(const ProcessInfo& process, const std::string& output) {
             scope > 2 ? "restart the system with another value"
                       : "run memleak as root, or: sysctl kernel.yama.ptrace_scope=0"};
   }
-  return {what, "in a container, start it with the capability: --cap-add SYS_PTRACE"};
+  return {what, "run memleak as root; in a container, start that with --cap-add SYS_PTRACE"};
 }
 
 UserError StartedByRun(const ProcessInfo& process) {
