@@ -78,10 +78,7 @@ int Hostile() {
     CHECK(sigwait(&all, &signal) == 0 && signal == SIGUSR1);
   });
   std::thread churners[] = {std::thread(Churn, 1'000'000), std::thread(Churn, 1'000'000)};
-  for (int i = 0; i < 300; ++i) {
-    CHECK(SendControlSignal(getpid(), i % 2 == 0 ? 0x90 : 0x40));
-    usleep(50);
-  }
+  CarryOut(0x40, 0x90, 10'000);
   for (std::thread& churner : churners) churner.join();
   kill(getpid(), SIGUSR1);
   waiter.join();

@@ -140,11 +140,11 @@ int Commands() {
   remove(path.c_str());
   constexpr uint64_t kWords[] = {0x10, 0x20, 0x40, 0x50, 0x40, 0x30};
   constexpr uint64_t kLast = 0x80;
-  void* blocks[400];
+  static void* blocks[400];  // static: a large frame would hide the callers
   CHECK(SendControlSignal(getpid(), 0x90));
   std::vector<uint64_t> sent = {0x90};
   std::vector<uint64_t> received;
-  std::mt19937 random(7);
+  static std::mt19937 random(7);
   for (int i = 0; i < 300; ++i) {
     for (size_t size = 1; i < 20 && size < std::size(blocks); ++size) blocks[size] = malloc(size);
     sent.push_back(i < 299 ? kWords[random() % std::size(kWords)] : kLast);

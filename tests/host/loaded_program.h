@@ -56,17 +56,20 @@ inline void Churn(int rounds) {
   for (void* block : blocks) free(block);
 }
 
-/// Sends a command and waits until it is carried out.
-inline void CarryOut(uint64_t word) {
+/// Sends the commands `first` and `second` in turns, `count` in all, and waits until all are
+/// carried out.
+inline void CarryOut(uint64_t first, uint64_t second = 0, uint64_t count = 1) {
   const auto* pointer =
       static_cast<std::atomic<protocol::State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable));
   const uint64_t before = pointer->load()->carried_out;
-  CHECK(SendControlSignal(getpid(), word));
+  for (uint64_t i = 0; i < count; ++i) {
+    CHECK(SendControlSignal(getpid(), i % 2 == 0 ? first : second));
+  }
   // The handler may run late, on another thread.
-  for (int i = 0; i < 10'000 && pointer->load()->carried_out == before; usleep(1000)) {
+  for (int i = 0; i < 60'000 && pointer->load()->carried_out - before < count; usleep(1000)) {
     free(malloc(static_cast<size_t>(++i)));
   }
-  CHECK(pointer->load()->carried_out > before);
+  CHECK(pointer->load()->carried_out - before >= count);
   CHECK(pointer->load()->control_thread == protocol::ControlThread::kRunning);
 }
 

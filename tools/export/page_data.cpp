@@ -8,7 +8,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -241,7 +240,7 @@ std::string PageData(const PageContent& content) {
     }
     json.MemberList("strings", strings.List());
   }
-  std::string text = std::move(head).str();
+  std::string text(head.view());
   text.append(",\"frames\":").append(frames);
   text.append(",\"groups\":").append(groups);
   text.append(",\"stacks\":").append(stacks.Text()).append("}");

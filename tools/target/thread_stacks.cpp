@@ -96,6 +96,7 @@ struct ProcessCode::Unwinder {
     session = dwfl_begin(&callbacks);
     if (session == nullptr || dwfl_linux_proc_report(session, code.process_.pid) != 0 ||
         dwfl_report_end(session, nullptr, nullptr) != 0) {
+      InspectProcess(code.process_.pid);  // throws if it has ended
       throw UserError("cannot read the libraries of process " + code.process_.Label(), "try again");
     }
     // Files are opened now, while the process runs.
