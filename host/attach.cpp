@@ -123,7 +123,10 @@ int Attach(const char* root, const char* log, const char* properties, Reason& re
     return error;
   }
   SetForm(Form::kAttached);
+  // The debugger has chosen a thread that holds no lock. A process that computes or only handles
+  // signals may not allocate for a long time.
   StartControlThreadLater();
+  StartPendingThread();
   return 0;
 }
 

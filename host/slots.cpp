@@ -260,28 +260,30 @@ SlotScan Scan() {
   return result;
 }
 
-int AddOwnFunctions(dl_phdr_info* info, size_t /*size*/, void* /*data*/) {
-  const ImportSlots object(*info);
-  if (!object.ContainsCode(reinterpret_cast<const void*>(&AddOwnFunctions))) return 0;
-  object.ForEachFunction([&](const Elf64_Sym& symbol, const char* name) {
-    if (strncmp(name, "memleak_", 8) != 0) Add(name, object.AddressOf(symbol));
-  });
+struct ObjectSearch {
+  const void* code;
+  dl_phdr_info found;
+};
+
+int CopyObject(dl_phdr_info* info, size_t /*size*/, void* data) {
+  auto& search = *static_cast<ObjectSearch*>(data);
+  if (!ImportSlots(*info).ContainsCode(search.code)) return 0;
+  search.found = *info;
   return 1;
+}
+
+/// Returns the object of `code`. Callers look up functions, which takes another lock of the dynamic
+/// linker than dl_iterate_phdr. A thread in dlopen takes both, in the other order.
+dl_phdr_info FindObject(const void* code) {
+  ObjectSearch search{code, {}};
+  dl_iterate_phdr(CopyObject, &search);
+  return search.found;
 }
 
 /// dlsym for the tracker, which looks up the loader's variables with RTLD_DEFAULT. A loader that
 /// was not preloaded is not in the tracker's search order.
 void* DlsymOfTracker(void* handle, const char* name) {
   return dlsym(handle == RTLD_DEFAULT && strncmp(name, "memleak_", 8) == 0 ? self : handle, name);
-}
-
-int ReplaceInTracker(dl_phdr_info* info, size_t /*size*/, void* tracker) {
-  const ImportSlots object(*info);
-  if (!object.ContainsCode(tracker)) return 0;
-  Object(*info).Replace(
-      {"dlsym", reinterpret_cast<void*>(DlsymOfTracker), NextDefinition("dlsym"), nullptr, false});
-  Object(*info).Replace();
-  return 1;
 }
 
 int ReadAdds(dl_phdr_info* info, size_t /*size*/, void* adds) {
@@ -296,7 +298,11 @@ extern "C" MEMLEAK_EXPORT void memleak_scan() __attribute__((ifunc("memleak_scan
 
 void FindReplacedSlots() {
   if (self != nullptr) return;
-  dl_iterate_phdr(AddOwnFunctions, nullptr);
+  const dl_phdr_info own = FindObject(reinterpret_cast<const void*>(&FindReplacedSlots));
+  const ImportSlots object(own);
+  object.ForEachFunction([&](const Elf64_Sym& symbol, const char* name) {
+    if (strncmp(name, "memleak_", 8) != 0) Add(name, object.AddressOf(symbol));
+  });
   Dl_info info;
   dladdr1(&self, &info, &self, RTLD_DL_LINKMAP);
 }
@@ -306,7 +312,10 @@ void AddReplacedSlot(const char* name, void* function) {
 }
 
 void ReplaceTrackerSlots(const void* tracker) {
-  dl_iterate_phdr(ReplaceInTracker, const_cast<void*>(tracker));
+  const dl_phdr_info object = FindObject(tracker);
+  Object(object).Replace(
+      {"dlsym", reinterpret_cast<void*>(DlsymOfTracker), NextDefinition("dlsym"), nullptr, false});
+  Object(object).Replace();
 }
 
 SlotScan ReplaceSlots() {

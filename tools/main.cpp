@@ -10,10 +10,11 @@ namespace {
 
 constexpr const char* kHelp = R"(
 A session:
-  memleak run -- ./server &    start a program; nothing is recorded yet
-  memleak on $!                start recording
-  memleak report $!            stop, and write a report of the live memory
-  memleak show ./memleak.$!    show the largest groups with their call stacks
+  memleak attach 4711          record a process that already runs
+  memleak report 4711          stop, and write a report of the live memory
+  memleak show 4711            show the largest groups with their call stacks
+
+memleak run -- ./server starts a program that memleak on can record later.
 
 --kind selects other memory than the native heap: see memleak on --help.
 

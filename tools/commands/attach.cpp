@@ -103,17 +103,14 @@ int ForEach(const Processes& processes, Action action) {
   return code;
 }
 
-// Whether the tracker is in use. Throws UserError if it cannot be detached.
-bool IsAttached(const ProcessInfo& process) {
-  if (!process.state) return false;
-  const protocol::Form form = (*process.state)->form;
-  if (form == protocol::Form::kPreloaded) throw StartedByRun(process);
-  return form == protocol::Form::kAttached;
+bool Has(const ProcessInfo& process, protocol::Form form) {
+  return process.state && (*process.state)->form == form;
 }
 
 void AttachOne(const AttachOptions& options, pid_t pid) {
   const ProcessInfo process = InspectProcess(pid);
-  if (IsAttached(process)) {
+  if (Has(process, protocol::Form::kPreloaded)) throw StartedByRun(process);
+  if (Has(process, protocol::Form::kAttached)) {
     std::cout << process.Label() << ": already attached" << std::endl;
   } else {
     const auto stood_still = AttachTo(process, options.places);
@@ -133,7 +130,11 @@ int Attach(const AttachOptions& options) {
 int Detach(const Processes& processes) {
   return ForEach(processes, [](pid_t pid) {
     const ProcessInfo process = RequireTracked(pid);
-    if (!IsAttached(process)) return;
+    if (Has(process, protocol::Form::kPreloaded)) {
+      throw UserError(
+          "process " + process.Label() + " was started by memleak run and cannot be detached",
+          "stop recording with: memleak pause " + std::to_string(pid));
+    }
     const Carried carried = DetachFrom(process);
     std::cout << process.Label() << ": detached" << CarriedText(carried) << std::endl;
   });

@@ -15,10 +15,11 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHtmlHelp = R"(
-Writes one file that shows a report in a browser: a flame graph that zooms and
-searches, the table of groups with their stacks, and the ages of their blocks.
-With --diff, it shows what changed since OLD. REPORT can be a JSON document of
-`memleak export` or `memleak diff` too, and OLD one of `memleak export`.
+Writes one file that shows a report in a browser: functions with their callers
+and callees, a flame graph, stacks with the ages of their blocks, libraries, and
+growth. With --diff, growth is what changed since OLD; a page of memleak watch
+also has lines over time. REPORT can be a JSON document of `memleak export` or
+`memleak diff` too, and OLD one of `memleak export`.
 
 Examples:
   memleak html ./memleak.4711 -o leak.html

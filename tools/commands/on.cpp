@@ -24,8 +24,8 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHostIntro = R"(
-Starts recording in a process that `memleak run` has started, with empty tables
-unless --keep is given. --depth, --unwind, --lib and --func are written to the
+Starts recording in a process that `memleak run` has started or `memleak attach`
+has reached, with empty tables unless --keep is given. --depth, --unwind, --lib and --func are written to the
 properties in its root directory. The defaults of --depth and --unwind apply for
 a process without settings.
 )";

@@ -16,7 +16,7 @@ Creates a root directory for properties and reports and runs PROGRAM with the
 tracker. The program gets this command's process id. Nothing is recorded before
 `memleak on PID`, unless --start is given. Forked children are tracked too; each
 replaces "%p" in the root directory by its process id. --report-at-exit writes
-no report if the program ends by _exit or a fatal signal.
+no report if a signal ends the program.
 
 With --kind, --start hooks libraries before main, and --report-at-exit reports
 that kind. This works only for libraries that the program is linked with. For

@@ -17,10 +17,10 @@ namespace {
 
 constexpr const char* kShowHelp = R"(
 Prints what a profile or report holds: bytes, blocks and ages, and the call
-stacks with function, file and line where symbols exist. REPORT is the file, the
-root directory that contains it, or a JSON document of `memleak export`. The
-profile that belongs to a report is read instead of it. Groups that are not
-shown are summed up below the view. For programs, write JSON with
+stacks with function, file and line where symbols exist. REPORT is the process
+id, the file, the root directory that contains it, or a JSON document of
+`memleak export`. The profile that belongs to a report is read instead of it.
+Groups that are not shown are summed up below the view. For programs, write JSON with
 `memleak export --format json`.
 
 --by group lists the blocks with one stack; in a report, those of one size with

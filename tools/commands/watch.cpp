@@ -15,8 +15,8 @@ the process ends, or on Ctrl-C or when the terminal closes, which takes a last
 report; a second Ctrl-C ends at once. It also ends when another command stops,
 pauses or clears recording, since later reports cannot be compared.
 
-A group is the blocks of one size with one stack of functions and libraries. For
-each group that grew:
+A group is the blocks with one stack of functions and libraries, whatever their
+size. For each group that grew:
   +4.7 KiB              bytes in the last report minus bytes in the first
   +1.2 KiB/min          slope of a straight line, by least squares, through all
                         reports in which the group's size is known
@@ -26,11 +26,13 @@ each group that grew:
                         three reports.
   r2 0.998              how much of the change the line explains: 1 is steady
                         growth, near 0 is anything else
-A report lists its 1000 largest groups. If it omits others, a group that is
-missing counts as unknown there ("?"), not as 0, and the table shows "known in 4
-of 5 reports". Groups known in fewer than two reports are not judged. DIR/trend.json has
-all groups and values for programs. DIR/leak.html shows the difference of the
-first and the last report in a browser.
+DIR/trend.json has all groups and values for programs. DIR/leak.html shows the
+difference of the first and the last report in a browser.
+
+If no profile can be written, only the report is saved. It has a group for each
+size and lists the 1000 largest. A group that is missing in it counts as unknown
+("?"), not as 0, and the table shows "known in 4 of 5 reports". Groups known in
+fewer than two reports are not judged.
 
 Examples:
   memleak watch 4711 -o out

@@ -13,6 +13,12 @@ constexpr const char* kKnown =
     "(malloc|calloc|realloc|zalloc|reallocarray|memalign|aligned_alloc|valloc|pvalloc|strdup|"
     "strndup|memdup)|posix_memalign|"
     "x[in]?(n|2|2n|c|char|pal|size)?(malloc|calloc|realloc|zalloc|alloc|nmalloc|nrealloc)|"
+    // Redis, nginx, PostgreSQL
+    "z(try)?(malloc|calloc|realloc|strdup)(_usable)?(_internal)?|"
+    "ngx_(alloc|calloc|memalign|palloc(_small|_large|_block)?|pnalloc|pcalloc|pmemalign|pstrdup|"
+    "create_pool)|palloc(0|_extended)?|repalloc|pstrdup|pnstrdup|pg_(malloc|realloc|strdup)(0|_"
+    "extended|_internal)?|AllocSet(Alloc|Realloc)(Large)?|MemoryContext(Alloc|Strdup)(Zero|"
+    "ZeroAligned|Extended|Huge)?|"
     // GLib, libxml2, OpenSSL, FFmpeg, SQLite, Perl
     "g_(try_)?(malloc|realloc|calloc)(0|_n|0_n)?|g_slice_(alloc|alloc0|copy)|g_strn?dup|"
     "g_memdup2?|xml(Malloc|Realloc|MemStrdup|StrdupFunc|Strn?dup)(Loc)?|"
@@ -40,9 +46,10 @@ Wrappers::Wrappers(const std::string& skip) : known_(kKnown, "the list of wrappe
 
 bool Wrappers::Contains(const std::string& function) const {
   // Most names need no search with the long expression.
-  constexpr const char* kParts[] = {"lloc",   "memalign", "strdup", "strndup", "memdup", "new",
-                                    "New",    "Alloc",    "StrDup", "StrNDup", "Strdup", "Strndup",
-                                    "Wcsdup", "Resize",   "alloc",  "g_slice"};
+  constexpr const char* kParts[] = {"lloc",    "memalign",   "strdup", "strndup", "memdup",
+                                    "new",     "New",        "Alloc",  "StrDup",  "StrNDup",
+                                    "Strdup",  "Strndup",    "Wcsdup", "Resize",  "alloc",
+                                    "g_slice", "create_pool"};
   for (const char* part : kParts) {
     if (function.find(part) == std::string::npos) continue;
     if (known_.Matches(function)) return true;

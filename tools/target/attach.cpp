@@ -23,7 +23,7 @@
 #include "tools/base/files.h"
 #include "tools/base/names.h"
 #include "tools/target/attach_checks.h"
-#include "tools/target/debugger.h"
+#include "tools/target/debugger_commands.h"
 #include "tools/target/elf_symbols.h"
 #include "tools/target/find_state.h"
 #include "tools/target/inspect.h"
@@ -42,7 +42,7 @@ using std::chrono::steady_clock;
 // How long threads get to leave the allocator and the dynamic linker, and the time between two
 // looks.
 constexpr milliseconds kPatience(5000);
-constexpr milliseconds kRunOn(5);
+constexpr milliseconds kRunOn(5);  // more each time: the process may have a rhythm of its own
 constexpr milliseconds kRunToMalloc(200);
 
 constexpr std::uint64_t kRedZone = 128;                    // below the stack pointer of x86-64
@@ -159,19 +159,19 @@ class MappedLoader {
 class Attachment {
  public:
   explicit Attachment(const ProcessInfo& process)
-      : process_(process), debugger_(Debugger::Start(process.pid)), memory_(process.pid) {}
+      : process_(process), debugger_(StartDebugger(process.pid)), memory_(process.pid) {}
 
   // Stops the process at a place where a thread can call functions.
   void Stop() {
     const auto deadline = steady_clock::now() + kPatience;
-    while (!TryToStop()) {
+    for (milliseconds run_on = kRunOn; !TryToStop(); ++run_on) {
       debugger_->Detach();
       if (steady_clock::now() >= deadline) {
         throw UserError(
             "process " + process_.Label() + " has no thread that can load the tracker: " + why_not_,
             "try again; the process runs on as before");
       }
-      std::this_thread::sleep_for(kRunOn);
+      std::this_thread::sleep_for(run_on);
     }
   }
 
@@ -216,6 +216,7 @@ class Attachment {
     stopped_ = steady_clock::now();
     debugger_->Attach();
     const std::vector<StoppedThread> threads = debugger_->Threads();
+    if (threads.empty()) InspectProcess(process_.pid);  // throws if it has ended
     if (threads.empty()) throw Refused(process_, debugger_->LastOutput());
     if (code_->IsOutdated()) {
       why_not_ = "it loads and closes libraries all the time";

@@ -64,7 +64,8 @@ void CheckProgram(const ProcessInfo& process, const std::vector<Mapping>& mappin
              });
     });
   };
-  if (maps({"ld-musl", "libc.musl"})) {
+  const bool is_musl = image && LastPart(image->interpreter).starts_with("ld-musl");
+  if (is_musl || maps({"ld-musl", "libc.musl"})) {
     throw UserError("program is for the C library musl: " + program + "; the tracker needs glibc",
                     "use a program built for glibc");
   }
@@ -97,17 +98,13 @@ void CheckAttachable(const ProcessInfo& process) {
 UserError Refused(const ProcessInfo& process, const std::string& output) {
   const std::string what = "not permitted to attach to process " + process.Label() +
                            (output.empty() ? "" : ": " + output);
-  if (geteuid() != 0 && process.user != geteuid()) {
-    return {what + ", which belongs to user " + std::to_string(process.user),
-            "run memleak as that user or as root"};
-  }
   const int scope = std::atoi(ReadTextFile(kScope).value_or("0").c_str());
   if (scope > 0 && (geteuid() != 0 || scope > 2)) {
     return {what + " (kernel.yama.ptrace_scope is " + std::to_string(scope) + ")",
             scope > 2 ? "restart the system with another value"
                       : "run memleak as root, or: sysctl kernel.yama.ptrace_scope=0"};
   }
-  return {what, "in a container, start it with the capability: --cap-add SYS_PTRACE"};
+  return {what, "run memleak as root; in a container, start that with --cap-add SYS_PTRACE"};
 }
 
 UserError StartedByRun(const ProcessInfo& process) {

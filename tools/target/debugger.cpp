@@ -20,9 +20,7 @@
 #include "tools/base/names.h"
 #include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
-#include "tools/target/debugger_commands.h"
 #include "tools/target/inspect.h"
-#include "tools/target/program_file.h"
 #include "tools/target/root_directory.h"
 
 namespace memleak {
@@ -32,8 +30,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr std::string_view kEnd = "@@";
-// Reading a large program on a busy machine.
-constexpr milliseconds kStartTimeout(60'000);
 // A thread in an uninterruptible system call does not stop before its end.
 constexpr milliseconds kCommandTimeout(10'000);
 constexpr milliseconds kCallTimeout(10'000);
@@ -64,19 +60,6 @@ bool IsInterruptedByStops([[maybe_unused]] std::int64_t call) {
   return false;
 }
 
-// The first of `names` that PATH has; empty if it has none.
-std::string FirstInPath(const std::vector<std::string>& names) {
-  const char* path = std::getenv("PATH");
-  for (const std::string& name : names) {
-    try {
-      return FindExecutable(name, path == nullptr ? "/usr/bin:/bin" : path);
-    } catch (const UserError&) {
-      // The next one.
-    }
-  }
-  return "";
-}
-
 // The environment without settings that change output or ask servers for debug files.
 std::vector<std::string> CleanEnvironment() {
   std::vector<std::string> variables = {"LC_ALL=C", "TERM=dumb"};
@@ -93,6 +76,7 @@ std::vector<std::string> CleanEnvironment() {
 
 std::vector<char*> Pointers(std::vector<std::string>& words) {
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   return pointers;
@@ -110,19 +94,6 @@ std::uint64_t StoppedThread::StackPointer() const {
 }
 std::uint64_t StoppedThread::ProgramCounter() const {
   return registers[kProgramCounter];
-}
-
-std::unique_ptr<Debugger> Debugger::Start(pid_t pid) {
-  std::unique_ptr<Debugger> debugger;
-  if (const std::string gdb = FirstInPath({"gdb"}); !gdb.empty()) {
-    debugger = std::make_unique<Gdb>(gdb, pid);
-  } else if (const std::string lldb = FirstInPath(LldbNames()); !lldb.empty()) {
-    debugger = std::make_unique<Lldb>(lldb, pid);
-  } else {
-    throw UserError("neither gdb nor lldb is installed, and attaching needs one of them",
-                    "install gdb");
-  }
-  return debugger;
 }
 
 Debugger::Debugger(pid_t pid, const Lines& command, std::string end_command)

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,9 +30,6 @@ struct StoppedThread {
 /// program ends, the debugger completes its commands and detaches.
 class Debugger {
  public:
-  /// Starts gdb, or lldb if gdb is missing, and reads the program of process `pid`, which runs
-  /// on. Throws UserError if neither is installed or it does not start.
-  static std::unique_ptr<Debugger> Start(pid_t pid);
   /// Detaches and ends the debugger.
   virtual ~Debugger();
   Debugger(const Debugger&) = delete;

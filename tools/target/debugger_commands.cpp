@@ -10,11 +10,13 @@
 #include <map>
 
 #include "tools/base/user_error.h"
+#include "tools/target/program_file.h"
 #include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {
 
+// Reading a large program on a busy machine.
 constexpr std::chrono::milliseconds kStartTimeout(60'000);
 constexpr std::chrono::milliseconds kCommandTimeout(10'000);
 
@@ -50,6 +52,19 @@ std::string CallText(std::uint64_t address, const std::vector<std::uint64_t>& ar
   return "((long(*)(" + types + "))" + std::to_string(address) + ")(" + values + ")";
 }
 
+// The first of `names` that PATH has; empty if it has none.
+std::string FirstInPath(const std::vector<std::string>& names) {
+  const char* path = std::getenv("PATH");
+  for (const std::string& name : names) {
+    try {
+      return FindExecutable(name, path == nullptr ? "/usr/bin:/bin" : path);
+    } catch (const UserError&) {
+      // The next one.
+    }
+  }
+  return "";
+}
+
 std::uint64_t EntryPoint(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/auxv", std::ios::binary);
   std::array<std::uint64_t, 2> entry{};
@@ -60,7 +75,20 @@ std::uint64_t EntryPoint(pid_t pid) {
                   "check whether the process still runs");
 }
 
-}  // namespace
+class Gdb : public Debugger {
+ public:
+  Gdb(const std::string& path, pid_t pid);
+
+ private:
+  Lines AttachCommands(pid_t pid) const override;
+  Lines ReadThreads() override;
+  Lines RunToCommands(std::uint64_t address) const override;
+  Lines SetResult(unsigned thread, int error) const override;
+  Lines CallCommands(const StoppedThread& thread, std::uint64_t stack, std::uint64_t address,
+                     const std::vector<std::uint64_t>& arguments) const override;
+
+  std::uint64_t entry_;
+};
 
 // --readnever: only names of functions are read, no debug information.
 Gdb::Gdb(const std::string& path, pid_t pid)
@@ -113,37 +141,56 @@ Gdb::Lines Gdb::SetResult(unsigned thread, int error) const {
 Gdb::Lines Gdb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
                              std::uint64_t address,
                              const std::vector<std::uint64_t>& arguments) const {
-  const auto set = [](const std::string& name, std::uint64_t value) {
-    return "set $" + name + " = " + std::to_string(static_cast<std::int64_t>(value));
-  };
   const std::string select = "thread " + std::to_string(thread.number);
   const std::string entry = std::to_string(entry_);
   Lines lines = {select, "tbreak *" + entry};
+  const auto set = [&](const std::string& target, std::uint64_t value) {
+    // A new stack pointer gives the stack other frames, and gdb may select an outer one.
+    lines.push_back("select-frame 0");
+    lines.push_back("set " + target + " = " + std::to_string(static_cast<std::int64_t>(value)));
+  };
 #ifdef __aarch64__
-  const std::vector<std::string> names = {"x0", "x1", "x2"};
-  lines.push_back(set("sp", stack));
-  lines.push_back(set("x30", entry_));
+  const std::vector<std::string> names = {"$x0", "$x1", "$x2"};
+  set("$x30", entry_);
+  set("$sp", stack);
 #else
-  const std::vector<std::string> names = {"rdi", "rsi", "rdx"};
-  lines.push_back(set("rsp", stack - sizeof(entry_)));
-  lines.push_back("set *(long*)$rsp = " + entry);
-  lines.push_back("set $orig_rax = -1");
+  const std::vector<std::string> names = {"$rdi", "$rsi", "$rdx"};
+  const std::uint64_t top = stack - sizeof(entry_);
+  set("*(long*)" + std::to_string(top), entry_);
+  set("$rsp", top);
+  set("$orig_rax", std::uint64_t(-1));
 #endif
-  for (std::size_t i = 0; i < arguments.size(); ++i) lines.push_back(set(names[i], arguments[i]));
+  for (std::size_t i = 0; i < arguments.size(); ++i) set(names[i], arguments[i]);
+  set("$pc", address);
   // Elsewhere the division fails, and nothing is printed.
-  lines.insert(lines.end(), {set("pc", address), "continue",
+  lines.insert(lines.end(), {"continue", select,
                              "printf \"$0 = %ld\\n\", $" + ResultRegister() +
-                                 " + 0 / ((long)$pc == " + entry + ")",
-                             select});
+                                 " + 0 / ((long)$pc == " + entry + ")"});
   for (std::size_t i = 0; i < thread.registers.size(); ++i) {
-    lines.push_back(set(RegisterNames()[i], thread.registers[i]));
+    set("$" + RegisterNames()[i], thread.registers[i]);
   }
 #ifdef __x86_64__
-  lines.push_back("set $orig_rax = " + std::to_string(thread.system_call));
+  set("$orig_rax", static_cast<std::uint64_t>(thread.system_call));
 #endif
   return lines;
 }
 
+class Lldb : public Debugger {
+ public:
+  Lldb(const std::string& path, pid_t pid);
+
+ private:
+  Lines AttachCommands(pid_t pid) const override;
+  Lines ReadThreads() override;
+  Lines RunToCommands(std::uint64_t address) const override;
+  Lines SetResult(unsigned thread, int error) const override;
+  Lines CallCommands(const StoppedThread& thread, std::uint64_t stack, std::uint64_t address,
+                     const std::vector<std::uint64_t>& arguments) const override;
+
+  pid_t pid_;
+};
+
+// The names that distributions give lldb.
 std::vector<std::string> LldbNames() {
   std::vector<std::string> names = {"lldb"};
   for (int version = 25; version >= 11; --version) {
@@ -200,7 +247,7 @@ Lldb::Lines Lldb::ReadThreads() {
   return threads;
 }
 
-// lldb restores all registers after a call, so any thread will do.
+// With a pipe as input, lldb does not wait for the process.
 Lldb::Lines Lldb::RunToCommands(std::uint64_t) const {
   return {};
 }
@@ -219,6 +266,19 @@ Lldb::Lines Lldb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
   return {select, "register write sp " + std::to_string(stack),
           "expression -u true -i true -a true -t 9000000 -f d -- " + CallText(address, arguments),
           select, "register write sp " + std::to_string(thread.StackPointer())};
+}
+
+}  // namespace
+
+std::unique_ptr<Debugger> StartDebugger(pid_t pid) {
+  if (const std::string gdb = FirstInPath({"gdb"}); !gdb.empty()) {
+    return std::make_unique<Gdb>(gdb, pid);
+  }
+  if (const std::string lldb = FirstInPath(LldbNames()); !lldb.empty()) {
+    return std::make_unique<Lldb>(lldb, pid);
+  }
+  throw UserError("neither gdb nor lldb is installed, and attaching needs one of them",
+                  "install gdb");
 }
 
 }  // namespace memleak

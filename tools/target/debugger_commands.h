@@ -1,45 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The commands of gdb and of lldb. Used by debugger.cpp only; single-threaded.
+// The debuggers that are supported. Single-threaded.
 #pragma once
 
-#include <string>
-#include <vector>
+#include <sys/types.h>
+
+#include <memory>
 
 #include "tools/target/debugger.h"
 
 namespace memleak {
 
-class Gdb : public Debugger {
- public:
-  Gdb(const std::string& path, pid_t pid);
-
- private:
-  Lines AttachCommands(pid_t pid) const override;
-  Lines ReadThreads() override;
-  Lines RunToCommands(std::uint64_t address) const override;
-  Lines SetResult(unsigned thread, int error) const override;
-  Lines CallCommands(const StoppedThread& thread, std::uint64_t stack, std::uint64_t address,
-                     const std::vector<std::uint64_t>& arguments) const override;
-
-  std::uint64_t entry_;
-};
-
-/// The names that distributions give lldb.
-std::vector<std::string> LldbNames();
-
-class Lldb : public Debugger {
- public:
-  Lldb(const std::string& path, pid_t pid);
-
- private:
-  Lines AttachCommands(pid_t pid) const override;
-  Lines ReadThreads() override;
-  Lines RunToCommands(std::uint64_t address) const override;
-  Lines SetResult(unsigned thread, int error) const override;
-  Lines CallCommands(const StoppedThread& thread, std::uint64_t stack, std::uint64_t address,
-                     const std::vector<std::uint64_t>& arguments) const override;
-
-  pid_t pid_;
-};
+/// Starts gdb, or lldb if gdb is missing, and reads the program of process `pid`, which runs on.
+/// Throws UserError if neither is installed or it does not start.
+std::unique_ptr<Debugger> StartDebugger(pid_t pid);
 
 }  // namespace memleak

@@ -53,7 +53,7 @@ std::string DescribeCommand(std::uint64_t word) {
     add(kind.On(), name + " on");
     add(kind.Pause(), name + " pause");
     add(kind.Report(), kind.Report() == protocol::kReportKeepRecording
-                           ? name + " report, also for --keep-recording"
+                           ? "report that keeps recording, or " + name + " report"
                            : name + " report");
     add(kind.Clear(), name + " clear");
   }

@@ -21,7 +21,7 @@ namespace memleak {
 namespace {
 
 // What dlopen and the loader need, with a reserve. Stacks of coroutines may be smaller.
-constexpr std::uint64_t kStackRoom = 96 * 1024;
+constexpr std::uint64_t kStackRoom = std::uint64_t{96} * 1024;
 
 // Where the Go runtime keeps its heap, which also has the stacks of goroutines: they are too small
 // for calls, and look like any other memory.
@@ -96,6 +96,7 @@ struct ProcessCode::Unwinder {
     session = dwfl_begin(&callbacks);
     if (session == nullptr || dwfl_linux_proc_report(session, code.process_.pid) != 0 ||
         dwfl_report_end(session, nullptr, nullptr) != 0) {
+      InspectProcess(code.process_.pid);  // throws if it has ended
       throw UserError("cannot read the libraries of process " + code.process_.Label(), "try again");
     }
     // Files are opened now, while the process runs.

@@ -73,14 +73,15 @@ std::vector<StackRow> RowsOf(const Difference& difference) {
   return rows;
 }
 
-// "grew   1.0 KiB -> 2.0 KiB, +2 blocks of 512 B".
+// "grew   1.0 KiB -> 2.0 KiB, +2 blocks of 512 B", or "still 1 block".
 std::string FormatGroup(const Group& group, const GroupChange& change) {
   const std::int64_t blocks = Growth(change.before.count, change.after.count);
   std::ostringstream text;
   text << std::left << std::setw(6) << ChangeName(change.change) << " "
        << FormatBytes(change.before.total) << " -> " << FormatBytes(change.after.total) << ", "
-       << Sign(blocks) << Counted(Magnitude(blocks), "block") << " of "
-       << FormatSizes(group.size, group.max_size);
+       << (blocks == 0 ? "still " + Counted(change.after.count, "block")
+                       : Sign(blocks) + Counted(Magnitude(blocks), "block"))
+       << " of " << FormatSizes(group.size, group.max_size);
   if (group.kind == GroupKind::kJava) text << ", Java-native";
   return text.str();
 }
@@ -144,8 +145,9 @@ void PrintGrowthOfAll(const Profile& before, const Profile& after, std::ostream&
     all << ", " << std::showpos << std::fixed << std::setprecision(1) << share << " %";
   }
   all << "),";
+  const std::int64_t more = Growth(before.header.groups, after.header.groups);
   const std::string groups =
-      FormatCountGrowth(before.header.groups, after.header.groups) + " groups";
+      more == 0 ? "in as many groups" : Sign(more) + Counted(Magnitude(more), "group");
   out << OneLineOrTwo(all.str(), groups) << "\n";
 }
 

@@ -26,7 +26,10 @@ std::string InGroups(const Sums& sums) {
 void PrintProcess(const ProfileHead& head, std::ostream& out) {
   out << ProcessText(head) << "\n";
   std::string arguments;
-  for (const std::string& argument : head.arguments) arguments += " " + argument;
+  for (const std::string& argument : head.arguments) {
+    const bool plain = !argument.empty() && argument.find_first_of(" \t\n'\"") == argument.npos;
+    arguments += plain ? " " + argument : " '" + argument + "'";
+  }
   if (!arguments.empty()) out << " " << FitWidth(arguments, kColumns - 1) << "\n";
 }
 

@@ -60,21 +60,16 @@ export class FlameGraph {
     }).observe(this.scroller);
   }
 
-  /** Shows another tree from its root. Does not report a zoom. */
-  show(tree: CallTree): void {
+  /** The zoomed node. */
+  get focused(): TreeNode {
+    return this.focus;
+  }
+
+  /** Shows a tree, zoomed to one of its nodes, with the boxes of the found functions marked. */
+  show(tree: CallTree, focus: TreeNode, found: Found | null): void {
+    if (tree === this.tree && focus === this.focus && found === this.found && this.drawn > 0) return;
     this.tree = tree;
-    this.focus = tree.root;
-    this.draw();
-  }
-
-  /** Zooms to a node without reporting it. */
-  setFocus(node: TreeNode): void {
-    this.focus = node;
-    this.draw();
-  }
-
-  /** Marks the boxes of the found functions, or none. */
-  highlight(found: Found | null): void {
+    this.focus = focus;
     this.found = found;
     this.draw();
   }
@@ -172,8 +167,9 @@ export class FlameGraph {
     return this.boxes.find((box) => box.level === level && x >= box.x && x < box.x + box.width) ?? null;
   }
 
-  private zoom(node: TreeNode): void {
-    this.setFocus(node);
+  /** Zooms as a click does. */
+  zoom(node: TreeNode): void {
+    this.show(this.tree, node, this.found);
     this.zoomed(node);
   }
 

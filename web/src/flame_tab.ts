@@ -16,8 +16,7 @@ export class FlameTab {
   readonly graph: FlameGraph;
   private readonly legend = el("ul", { class: "legend" });
   private tree: CallTree;
-  private shown = "";
-  private found: Found | null = null;
+  private shown = "callers bytes false"; // how the tree was grown
   private readonly reset = el("button", { type: "button", class: "reset" }, "Reset zoom");
   private readonly controls: { [key in "from" | "by"]: HTMLElement };
   private readonly named = el("input", { type: "checkbox" });
@@ -30,7 +29,7 @@ export class FlameTab {
   ) {
     this.tree = this.grow({ from: "callers", by: "bytes", named: false });
     this.graph = new FlameGraph(data, colours, colourBy, this.tree, (node) => set({ zoom: pathOf(node) }));
-    this.reset.addEventListener("click", () => set({ zoom: "" }));
+    this.reset.addEventListener("click", () => this.graph.zoom(this.tree.root));
     this.named.addEventListener("change", () => set({ named: this.named.checked, zoom: "" }));
     this.controls = {
       from: choice<State["from"]>("Start at", [["callers", "the outermost callers"], ["allocation", "the allocation"]], (from) => set({ from, zoom: "" })),
@@ -58,16 +57,16 @@ export class FlameTab {
     for (const key of ["from", "by"] as const) this.controls[key].querySelector("select")!.value = state[key];
     this.named.checked = named;
     const wanted = `${from} ${by} ${named}`;
-    if (wanted !== this.shown) {
+    const grown = wanted !== this.shown;
+    if (grown) {
       this.shown = wanted;
       this.tree = this.grow(state);
-      this.graph.show(this.tree);
     }
-    const node = nodeAt(this.tree, state.zoom);
+    // Gathered nodes have the path of their parent: keep the zoom to one.
+    const { focused } = this.graph;
+    const node = !grown && pathOf(focused) === state.zoom ? focused : nodeAt(this.tree, state.zoom);
     this.reset.disabled = node === this.tree.root;
-    this.graph.setFocus(node);
-    if (found !== this.found) this.graph.highlight(found);
-    this.found = found;
+    this.graph.show(this.tree, node, found);
   }
 
   /** After a change of the colour scheme. */

@@ -270,11 +270,11 @@ def profiles():
     pid, program, started = 2**30 + os.getpid(), "/bin/a\\x20b", 0  # of no process
     stacks = ["s 30 3 5 20 1 9 0:1,1:2 0 1 2 3", "s 8 1 8 8 4 4 1:1 2 1", "s x", "s 9 1 9 9 4 4 1:1 1"]
 
-    def profile(lines, end):
+    def profile(lines, end, depth=32):
         return memleak.write("profile", "\n".join([
             "memleak profile 1", "library 1", f"program {program}", "arguments a\\x20b \\ c",
             f"pid {pid}", "host h", f"started {started}", "written 9", "since 2", "kinds native",
-            "unwind tables", "depth 32", "unrecorded 0", f"report {len(content)} {digest:x}",
+            "unwind tables", f"depth {depth}", "unrecorded 0", f"report {len(content)} {digest:x}",
             "ages 0 4", "object 7f0000001000 - 7f0000001000-7f0000009000@0 /no/lib.so",
             "f 0 10010", "f 0 20010", "f 1 7f0000002abc", *lines, end, ""]))
 
@@ -298,6 +298,14 @@ def profiles():
     assert "lib.so+0x1abc\n" in out and "operator new" not in out, out
     assert "Leak" not in skipped and "     lib.so+0x1abc\n" in skipped, skipped
     assert "No group is known to have changed" in memleak.run("diff", report, report)[0]
+    # A stack of the maximum depth is cut, unless it starts at the start of the program.
+    for depth, name, cut in ((3, "Leak", True), (4, "Leak", False), (3, "_start", False)):
+        profile(stacks[:2], "end 2", depth)
+        with open(map_file, "w") as file:
+            file.write(f"10000 40 operator new(unsigned long)\n20000 40 {name}\n")
+        groups = json.loads(memleak.run("export", report, "--format", "json")[0])["groups"]
+        os.remove(map_file)
+        assert [group["cut"] for group in groups] == [cut], (depth, name)
     # A process in a container has its own /tmp.
     pid, program, started = 1, os.path.realpath("/bin/sleep"), int(time.time())
     profile(stacks[:2], "end 2")

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: Apache-2.0
+// A program to attach to. Its main thread reads a number from standard input, leaks so many blocks
+// of kLeakedBytes and prints how many milliseconds a thread at most did not run, until the input
+// ends. The argument names what else it does:
+//   wait      threads wait in system calls and print those that end early
+//   threads   threads allocate and free
+//   malloc    allocates and frees, without any system call, until SIGTERM; reads nothing
+//   dlopen    a thread opens and closes the library in the second argument
+//   linker    a thread is in the constructor of that library until the program ends
+//   signal    a handler computes half of the time, and there is no other thread
+#include <dlfcn.h>
+#include <linux/futex.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr std::size_t kLeakedBytes = 4321;
+std::atomic<long> longest_ms{0};
+std::atomic<int> never{0};
+void* volatile leaked;
+
+__attribute__((noinline)) void Leak() {
+  leaked = std::malloc(kLeakedBytes);
+}
+
+template <typename Step>
+void Start(Step step) {
+  std::thread([step]() mutable {
+    while (true) step();
+  }).detach();
+}
+
+// A call that waits for two seconds ends with 0, or with -1 and `error`.
+void Await(const char* name, int error, const std::function<long()>& call) {
+  Start([=] {
+    const auto start = steady_clock::now();
+    const long result = call();
+    const int got = result == 0 ? 0 : errno;
+    if (steady_clock::now() - start < milliseconds(1990) || got != error) {
+      std::printf("%s ended with %d\n", name, got);
+      std::fflush(stdout);
+    }
+  });
+}
+
+void Wait() {
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  Await("read", -1, [=] {
+    char byte = 0;
+    return read(ends[0], &byte, 1);
+  });
+  Await("nanosleep", 0, [] {
+    const timespec time{2, 0};
+    return nanosleep(&time, nullptr);
+  });
+  Await("poll", 0, [] { return poll(nullptr, 0, 2000); });
+  Await("epoll_wait", 0, [queue = epoll_create1(0)] {
+    epoll_event event{};
+    return epoll_wait(queue, &event, 1, 2000);
+  });
+  Await("futex", ETIMEDOUT, [] {
+    const timespec time{2, 0};
+    return syscall(SYS_futex, &never, FUTEX_WAIT, 0, &time, nullptr, 0);
+  });
+  Await("sigtimedwait", EAGAIN, [] {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    const timespec time{2, 0};
+    return sigtimedwait(&set, nullptr, &time);
+  });
+}
+
+void Churn() {
+  static thread_local void* kept[64];
+  static thread_local unsigned round = 0;
+  void*& block = kept[++round * 2654435761U >> 26];
+  std::free(block);
+  block = std::malloc(16 + round % 3000);
+  if (round % 16 == 0) block = std::realloc(block, 700);
+}
+
+void Compute() {
+  const auto end = steady_clock::now() + milliseconds(5);
+  while (steady_clock::now() < end) {
+  }
+}
+
+void Signals() {
+  signal(SIGALRM, [](int) { Compute(); });
+  const itimerval every{{0, 10000}, {0, 10000}};
+  setitimer(ITIMER_REAL, &every, nullptr);
+}
+
+}  // namespace
+
+int main(int, char** arguments) {
+  const std::string mode = arguments[1];
+  if (mode == "malloc") {
+    signal(SIGTERM, [](int) { _exit(0); });
+    while (true) Churn();
+  }
+  if (mode == "signal") {
+    // The only thread.
+    Signals();
+    int count = 0;
+    while (std::scanf("%d", &count) == 1) {
+      while (count-- > 0) Leak();
+      std::puts("0");
+      std::fflush(stdout);
+    }
+    return 0;
+  }
+  const char* library = arguments[2];
+  if (mode == "wait") Wait();
+  if (mode == "threads") Start(Churn), Start(Churn);
+  if (mode == "dlopen")
+    Start([=] {
+      dlclose(dlopen(library, RTLD_NOW));
+      std::this_thread::sleep_for(milliseconds(1));
+    });
+  if (mode == "linker") Start([=] { dlopen(library, RTLD_NOW); });
+  Start([last = steady_clock::now()]() mutable {
+    std::this_thread::sleep_for(milliseconds(1));
+    const auto now = steady_clock::now();
+    const long ms = std::chrono::duration_cast<milliseconds>(now - last).count();
+    if (ms > longest_ms) longest_ms = ms;
+    last = now;
+  });
+  int count = 0;
+  while (std::scanf("%d", &count) == 1) {
+    while (count-- > 0) Leak();
+    std::printf("%ld\n", longest_ms.exchange(0));
+    std::fflush(stdout);
+  }
+  _exit(0);
+}
