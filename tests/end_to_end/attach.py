@@ -91,7 +91,8 @@ class Session(servers.Session):
         out = self.tell("attach", "--libdir", self.libdir, "--root", self.root + "/%p", *options,
                         pid=pid)
         print(out, end="")
-        return [float(ms) for ms in re.findall(r"stood still ([\d.]+) ms", out)]
+        found = re.findall(r"stood still ([\d.]+) (m?s)", out)
+        return [float(value) * (1 if unit == "ms" else 1000) for value, unit in found]
 
     def ask(self, line, answer=None):
         self.send(line)
