@@ -38,13 +38,13 @@ bool IsInPlt(const void* function) {
          static_cast<const ElfW(Sym)*>(symbol)->st_shndx == SHN_UNDEF;
 }
 
-struct Search {
+struct FirstSearch {
   const char* name;
   void* found;
 };
 
 int SearchObject(dl_phdr_info* info, size_t /*size*/, void* data) {
-  auto& search = *static_cast<Search*>(data);
+  auto& search = *static_cast<FirstSearch*>(data);
   const lumora::linker::ImportSlots object(*info);
   if (object.ContainsCode(reinterpret_cast<const void*>(&SearchObject))) return 0;
   object.ForEachFunction([&](const ElfW(Sym) & symbol, const char* name) {
@@ -57,7 +57,7 @@ int SearchObject(dl_phdr_info* info, size_t /*size*/, void* data) {
 
 /// Returns the first definition in the order in which the objects were loaded.
 void* FirstDefinition(const char* name) {
-  Search search{name, nullptr};
+  FirstSearch search{name, nullptr};
   dl_iterate_phdr(SearchObject, &search);
   return search.found;
 }
