@@ -53,7 +53,7 @@ bool thread_started = false;
 bool closed = false;
 // Whether the fork that holds change_lock has stopped the thread.
 MEMLEAK_FORK_PAGE bool stopped_here = false;
-// Whether there was no command yet, in a child since its fork. Then a fork has nothing to stop.
+// True until the first command of this process. The child of such a process has nothing to reset.
 MEMLEAK_FORK_PAGE std::atomic<bool> at_rest{true};
 
 // Written by the thread itself: its id, 0 before it runs.
@@ -236,9 +236,14 @@ bool StopAll(int patience_ms) {
   return true;
 }
 
-/// Releases change_lock. Commands that wait have asked for a thread that was about to stop.
+/// Whether a controller waits for the thread.
+bool WorkWaits() {
+  return CommandWaits() || CountWaits();
+}
+
+/// Releases change_lock. Work that waits has asked for a thread that was about to stop.
 void Unlock() {
-  if (!thread_started && !closed && IsActive() && CommandWaits()) StartControlThreadLater();
+  if (!thread_started && !closed && IsActive() && WorkWaits()) StartControlThreadLater();
   pthread_mutex_unlock(&change_lock);
 }
 
@@ -263,7 +268,7 @@ void AfterForkInParent() {
 }
 
 void AfterForkInChild() {
-  forking_thread.store(0);
+  const bool held = forking_thread.exchange(0) == pthread_self();
   ForgetCommands();  // the parent carries them out
   const bool rested = at_rest.exchange(true);
   change_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -274,9 +279,9 @@ void AfterForkInChild() {
     stop.store(kRun);
     ForgetReportCommand();
   }
-  if (!IsActive()) return;
-  if (!rested) RestoreAllocator();
-  BlockControlSignal(false);
+  if (!rested && IsActive()) RestoreAllocator();
+  // A command that detaches may have ended after BeforeFork.
+  if (held || IsActive()) BlockControlSignal(false);
 }
 
 /// RunCommand under change_lock.
@@ -305,7 +310,7 @@ void RequestControlThread(bool may_start) {
   // A running thread makes the file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
-  if (runs || !(CommandWaits() || CountWaits())) return;
+  if (runs || !WorkWaits()) return;
   StartControlThreadLater();
   if (may_start) TryStart();
 }

@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,6 +32,8 @@ constexpr int kEarlierMs = 10'000;
 // a lock of the allocator, or be in an operation of the record store, for which the report waits.
 constexpr int kAbruptMs = 2'000;
 constexpr int kAbruptReportMs = 5'000;
+// How long a signal handler that has interrupted the end waits for a report to start.
+constexpr int kInterruptedMs = 100;
 // How long an exit waits for a running command. If the command takes longer, the tracker is not
 // finalized, which is harmless at exit.
 constexpr int kFinalizeMs = 5'000;
@@ -39,8 +42,14 @@ constexpr int kExitPollMs = 2;
 
 Command exit_command{0, 0};
 void (*finalize_tracker)() = nullptr;
-// The process that ends, and the one whose last report has ended. A forked child ends on its own.
-std::atomic<pid_t> ending{0};
+struct Ending {
+  pid_t process;
+  pid_t thread;
+};
+// The process that ends, with its first thread that does so, and the process whose last report has
+// ended. A forked child ends on its own.
+std::atomic<Ending> ending{};
+static_assert(std::atomic<Ending>::is_always_lock_free);
 std::atomic<pid_t> reported{0};
 
 /// Waits until no report runs. Returns false after `timeout_ms`.
@@ -80,24 +89,32 @@ bool NothingToDo() {
 }
 
 /// Waits until the thread that ends the process has its report, because the caller would cut it
-/// short. Gives up if no report runs for two seconds: the caller may hold a lock that it needs.
-void WaitForOtherThread() {
+/// short. Gives up if no report runs for `command_ms`: the caller may hold a lock that it needs.
+void WaitForFirst(int command_ms, int report_ms) {
   int64_t last = NowMs();
-  while (reported.load() != getpid() && NowMs() - last < kAbruptMs) {
+  while (reported.load() != getpid() && NowMs() - last < command_ms) {
     if (ReportRuns()) {
-      if (!WaitWhileReportRuns(kWaitMs)) return;
+      if (!WaitWhileReportRuns(report_ms)) return;
       last = NowMs();
     }
     SleepMs(kExitPollMs);
   }
 }
 
-/// Whether the caller is the first to end the process. Another thread waits for the first one.
+/// Whether the caller is the first to end the process. Another thread waits for the first one. A
+/// signal handler that has interrupted the first one cannot: it waits only for the report.
 bool EndsNow() {
   if (!OwnsState()) return false;
-  const pid_t process = getpid();
-  if (ending.exchange(process) != process) return true;
-  WaitForOtherThread();
+  const Ending caller{getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
+  Ending first = ending.load();
+  while (first.process != caller.process) {
+    if (ending.compare_exchange_weak(first, caller)) return true;
+  }
+  if (first.thread == caller.thread) {
+    WaitForFirst(kInterruptedMs, kAbruptReportMs);
+  } else {
+    WaitForFirst(kAbruptMs, kWaitMs);
+  }
   return false;
 }
 

@@ -75,7 +75,7 @@ __attribute__((constructor)) void Load(int argument_count, char** arguments, cha
     PrintError("%s; running without tracking", reason.text);
     return;
   }
-  InitializeState();
+  InitializeState(argument_count, arguments);
   UseAllocator(TrackedAllocator());
   MakeStateFile();
   if (error == 0) error = KeepCommandsAcrossForks();

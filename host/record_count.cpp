@@ -4,12 +4,11 @@
 
 #include <atomic>
 
+#include "host/loader_variable.h"
 #include "host/state.h"
 
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
-
 // protocol::kRecordCounter.
-MEMLEAK_EXPORT std::atomic<protocol::CountRecords> memleak_record_counter;
+MEMLEAK_VARIABLE std::atomic<protocol::CountRecords> memleak_record_counter;
 std::atomic<protocol::CountRecords> memleak_record_counter{nullptr};
 
 namespace host {

@@ -22,11 +22,9 @@
 #include "host/clock.h"
 #include "host/fork_page.h"
 #include "host/form.h"
+#include "host/loader_variable.h"
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
-
-// Protected: another copy of the loader may be loaded, too.
-#define MEMLEAK_VARIABLE extern "C" __attribute__((visibility("protected")))
 
 namespace host {
 namespace {
@@ -200,6 +198,20 @@ void CopyRecording(const State& from) {
   to.hook_states = hooks;
 }
 
+/// Copies the arguments to the private state, with their NULs, as /proc/PID/cmdline has them. Cuts
+/// them to fit. Returns the number of bytes.
+ssize_t CopyArguments(int count, char* const* arguments) {
+  constexpr size_t kBytes = sizeof private_state.arguments - 1;
+  size_t used = 0;
+  for (int i = 0; i < count; ++i) {
+    const size_t bytes = strnlen(arguments[i], kBytes - used);
+    memcpy(private_state.arguments + used, arguments[i], bytes);
+    used += bytes;
+    if (used < kBytes) ++used;
+  }
+  return static_cast<ssize_t>(used);
+}
+
 /// Removes traces of the parent's commands and reports.
 void ClearCounters(State& state) {
   state.sent = 0;
@@ -240,7 +252,7 @@ bool OwnsState() {
   return owner.load() == getpid();
 }
 
-void InitializeState() {
+void InitializeState(int argument_count, char* const* arguments) {
   State& state = private_state;
   memset(static_cast<void*>(&state), 0, sizeof state);
   owner = getpid();
@@ -254,9 +266,13 @@ void InitializeState() {
   [[maybe_unused]] const ssize_t length =
       readlink("/proc/self/exe", state.program, sizeof state.program - 1);
   const int file = platform::RawOpen("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
-  if (file < 0) return;
-  const ssize_t bytes = platform::RawRead(file, state.arguments, sizeof state.arguments - 1);
-  platform::RawClose(file);
+  ssize_t bytes = 0;
+  if (file >= 0) {
+    bytes = platform::RawRead(file, state.arguments, sizeof state.arguments - 1);
+    platform::RawClose(file);
+  } else {
+    bytes = CopyArguments(argument_count, arguments);
+  }
   // One that was cut has no NUL.
   if (bytes > 0) {
     state.argument_bytes = static_cast<uint32_t>(bytes) + (state.arguments[bytes - 1] != '\0');

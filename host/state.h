@@ -26,8 +26,8 @@ bool OwnsState();
 
 /// Starts a new state in private memory that describes the process: program, arguments, version,
 /// start. The current state stays in use until MakeStateFile. For the loader's constructor and for
-/// an attach.
-void InitializeState();
+/// an attach. The arguments are used where there is no /proc.
+void InitializeState(int argument_count = 0, char* const* arguments = nullptr);
 
 /// Makes the file "<root>/state", or "<root>/state.PID" if another living process has that
 /// (".PID.NAMESPACE" if a process of another PID namespace has both), and moves the state to it.

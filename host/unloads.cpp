@@ -6,11 +6,10 @@
 #include <atomic>
 #include <cstdint>
 
+#include "host/loader_variable.h"
 #include "host/next_function.h"
 #include "protocol/protocol.h"
 
-// Protected: another copy of the loader may be loaded, too.
-#define MEMLEAK_VARIABLE extern "C" __attribute__((visibility("protected")))
 #define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 // protocol::kUnloadCounter.

@@ -52,7 +52,9 @@ void DebugData::PrepareFork() {
 }
 
 void DebugData::PostForkParent() {
-  if (forking_thread_.load() != pthread_self()) return;
+  const bool prepared =
+      platform::CommandsRunDuringFork() ? !IsAtRest() : forking_thread_.load() == pthread_self();
+  if (!prepared) return;
   forking_thread_.store(0);
   PointerData::PostForkParent();
 }

@@ -38,6 +38,7 @@ using record_store::backtraces;
 constexpr std::size_t kBuckets = std::size(kAgeBounds);
 /// Name of the file while it is written, in the directory of the profile.
 constexpr char kPartialFile[] = "profile.partial";
+constexpr std::int64_t kSecondNs = 1'000'000'000;
 
 /// What the head says about the process. Written by Prepare.
 char g_program[PATH_MAX];
@@ -65,8 +66,15 @@ std::size_t ReadFile(const char* path, char* buffer, std::size_t bytes) {
   return used;
 }
 
-/// Returns when the process started or was forked; the current time if that is unknown. Not noted
-/// at a fork: the child of an idle process writes no page for the tracker.
+std::int64_t Nanoseconds(clockid_t clock) {
+  timespec time{};
+  clock_gettime(clock, &time);
+  return std::int64_t{time.tv_sec} * kSecondNs + time.tv_nsec;
+}
+
+/// Returns when the process started or was forked, in seconds since the epoch; the current time if
+/// that is unknown. Not noted at a fork: the child of an idle process writes no page for the
+/// tracker.
 std::int64_t StartTime() {
   char text[1024];
   text[ReadFile("/proc/self/stat", text, sizeof text - 1)] = '\0';
@@ -75,10 +83,9 @@ std::int64_t StartTime() {
   for (int number = 2; number < 22 && field != nullptr; ++number) {
     field = std::strchr(field + 1, ' ');
   }
-  timespec uptime{};
-  if (field == nullptr || clock_gettime(CLOCK_BOOTTIME, &uptime) != 0) return Now();
-  const auto start = std::strtoll(field, nullptr, 10) / sysconf(_SC_CLK_TCK);
-  return Now() - (uptime.tv_sec - start);
+  if (field == nullptr) return Now();
+  const std::int64_t start = std::strtoll(field, nullptr, 10) * (kSecondNs / sysconf(_SC_CLK_TCK));
+  return (Nanoseconds(CLOCK_REALTIME) - Nanoseconds(CLOCK_BOOTTIME) + start) / kSecondNs;
 }
 
 /// The observer of dlclose (protocol::UnloadObserver).

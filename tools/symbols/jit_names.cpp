@@ -23,6 +23,9 @@ namespace {
 
 // A pipe must not block.
 constexpr int kOpenFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::int64_t kSecondNs = 1'000'000'000;
+// Tolerance of times in seconds. The clock may be adjusted meanwhile.
+constexpr std::int64_t kTolerance = 1;
 
 /// A running process.
 struct Running {
@@ -40,20 +43,21 @@ std::string TextOfFile(const std::string& name) {
   return text.value_or("");
 }
 
+std::int64_t Nanoseconds(clockid_t clock) {
+  timespec time{};
+  clock_gettime(clock, &time);
+  return std::int64_t{time.tv_sec} * kSecondNs + time.tv_nsec;
+}
+
 // Seconds since the epoch of a time in clock ticks since the system started.
 std::int64_t TimeOf(std::uint64_t ticks) {
-  timespec now{};
-  timespec up{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  clock_gettime(CLOCK_BOOTTIME, &up);
-  return now.tv_sec - up.tv_sec + static_cast<std::int64_t>(ticks) / sysconf(_SC_CLK_TCK);
+  const std::int64_t time = static_cast<std::int64_t>(ticks) * (kSecondNs / sysconf(_SC_CLK_TCK));
+  return (Nanoseconds(CLOCK_REALTIME) - Nanoseconds(CLOCK_BOOTTIME) + time) / kSecondNs;
 }
 
 // The running process that `process` describes. Processes in several PID namespaces may have its
-// pid and its program. The profile names the time when the program was loaded, shortly after the
-// process was made.
+// pid and its program. The profile names the start of the process.
 std::optional<Running> Find(const JitProcess& process) {
-  constexpr std::int64_t kRounding = 1;
   std::optional<Running> found;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
@@ -62,7 +66,7 @@ std::optional<Running> Find(const JitProcess& process) {
     if (InnerPid(status, 0) != process.pid) continue;
     if (LinkTarget(directory + "/exe") != process.program) continue;
     const auto ticks = StartTicks(TextOfFile(directory + "/stat"));
-    if (!ticks || TimeOf(*ticks) > process.started + kRounding) continue;
+    if (!ticks || TimeOf(*ticks) > process.started + kTolerance) continue;
     const Running running{directory, TimeOf(*ticks), EffectiveId(status, "Uid")};
     if (!found || running.started > found->started) found = running;
   }
@@ -85,7 +89,7 @@ std::string ReadFile(const JitProcess& process) {
   // A file with several names may be another one: users can link files that they cannot write.
   if (fstat(file, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1 &&
       (state.st_uid == user || state.st_uid == 0 || state.st_uid == geteuid()) &&
-      state.st_mtime >= process.started) {
+      state.st_mtime >= process.started - kTolerance) {
     text = ReadAll(file);
   }
   close(file);

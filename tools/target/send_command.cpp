@@ -189,13 +189,19 @@ Carried DetachFrom(const ProcessInfo& process) {
 
 bool CountRecords(const ProcessInfo& process) {
   StateFile& state = *process.state;
-  const auto end = steady_clock::now() + kCountPatience;
+  const auto start = steady_clock::now();
+  auto ring = start + kBellAgain;
   const std::uint32_t wanted = ++state->counts_wanted;
   Wake(process, state);
   while (true) {
     const std::uint32_t done = state->counts_done;
     if (static_cast<std::int32_t>(done - wanted) >= 0) return true;
-    if (steady_clock::now() >= end) return false;
+    const auto now = steady_clock::now();
+    if (now >= start + kCountPatience) return false;
+    if (now >= ring && state->control_thread != ControlThread::kRunning) {
+      RingBell(process);
+      ring += kBellAgain;
+    }
     AwaitChange(state->counts_done, done);
   }
 }
