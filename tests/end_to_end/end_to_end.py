@@ -179,24 +179,28 @@ def from_outside(session):
 
 
 def forked_child(session):
-    """A child is forked during recording. It has the parent's records and writes its own report."""
-    session.start("--start", root=session.root + "/%p")
+    """A child is forked during recording. It has the parent's records and writes its own report.
+    Both share a root directory."""
+    session.start("--start")
     session.step("alloc 20 120")
     fifo = session.root + "/fifo"
     os.mkfifo(fifo)
     session.send("fork " + fifo)
     child = int(session.answer())
     assert session.answer() == "ok"
+    assert "a forked child, has written no report" in session.refused("show", pid=child)
     with open(fifo, "w", buffering=1) as commands:
         commands.write("alloc 30 130\n")
         assert session.answer() == "ok"
         session.step("alloc 40 140")
-        session.tell("report", pid=child)
-        session.tell("report")
+        parent = session.process.pid
+        for pid, other, expected in ((child, parent, [20, 30, 0]), (parent, child, [20, 0, 40])):
+            session.tell("report", pid=pid)
+            sizes = session.sizes()
+            assert [sizes[s] for s in (120, 130, 140)] == expected, sizes
+            assert f"(pid {pid} on " in session.tell("show", pid=pid)
+            assert f" is of process {pid}; give that path" in session.refused("show", pid=other)
         commands.write("quit\n")
-    for process, expected in ((child, [20, 30, 0]), (session.process.pid, [20, 0, 40])):
-        sizes = session.sizes(f"{session.root}/{process}")
-        assert [sizes[s] for s in (120, 130, 140)] == expected, sizes
     session.quit()
 
 
@@ -229,21 +233,29 @@ def full_disk(session, root):
 
 
 @contextlib.contextmanager
-def no_descriptor(session, root):
-    limit = resource.prlimit(session.process.pid, resource.RLIMIT_NOFILE)
-    resource.prlimit(session.process.pid, resource.RLIMIT_NOFILE, (3, limit[1]))
-    yield "Too many open files"
-    resource.prlimit(session.process.pid, resource.RLIMIT_NOFILE, limit)
+def limited(session, kind, least, reason):
+    limit = resource.prlimit(session.process.pid, kind)
+    resource.prlimit(session.process.pid, kind, (least, limit[1]))
+    yield reason
+    resource.prlimit(session.process.pid, kind, limit)
+
+
+def no_descriptor(session, _):
+    return limited(session, resource.RLIMIT_NOFILE, 3, "Too many open files")
+
+
+def small_files(session, _):
+    return limited(session, resource.RLIMIT_FSIZE, 100, "File too large")
 
 
 def shortage(session):
-    """The report has no room, or no descriptor is free. The controller gives the reason at once, the
+    """The report has no room or no descriptor. The controller gives the reason at once, the
     program continues, and the next report has all records."""
-    root, shortages = session.root + "/small", [no_descriptor]
+    root, shortages = session.root + "/small", [no_descriptor, small_files]
     os.mkdir(root)
     if os.geteuid() == 0:
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m,mode=700", "none", root], check=True)
-        shortages.append(full_disk)
+        shortages.insert(0, full_disk)  # later, an old report that is replaced makes room
     try:
         session.start("--start", root=root)
         for number, shorten in enumerate(shortages, 1):

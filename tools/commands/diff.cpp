@@ -27,10 +27,11 @@ was rebuilt between the reports, give OLD the symbols of its time: use
 `memleak export --format json` wrote at that time. NEW can be a document too.
 
 A report without a profile lists its 1000 largest groups. If it omits others, a
-group that is missing may only be too small for the list. Such a group is not judged: a note
-counts these groups, and --json calls them "unknown". The same holds for a group
-that lacks one of its call sites. --fail-over compares the totals, which count
-all native groups, and the Java-native groups that are listed.
+group that is missing may only be too small for the list. Such a group is not
+judged: a note counts these groups, and --json calls them "unknown". The same
+holds for a group that lacks one of its call sites. --fail-over compares the
+totals, which count all native groups, and the Java-native groups that are
+listed.
 
 Examples:
   memleak diff before/memleak.4711 after/memleak.4802

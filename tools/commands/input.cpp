@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -151,26 +152,49 @@ std::optional<pid_t> ProcessNamed(const std::string& given) {
   return pid;
 }
 
-// The root directory of a process. One that has ended had the default.
-std::string RootOf(pid_t pid) {
+// The root directory of `process`, which runs, or of process `pid`, which has ended. Without the
+// tracker it is the default.
+std::string RootOf(pid_t pid, const std::optional<ProcessInfo>& process) {
   std::error_code ignored;
-  if (IsAlive(pid)) {
-    const ProcessInfo process = InspectProcess(pid);
-    if (process.state) return process.root;
-  }
+  if (process && process->state) return process->root;
   for (const std::string& root : DefaultRoots(pid)) {
     if (fs::is_directory(root, ignored)) return root;
   }
   throw UserError("no report of process " + std::to_string(pid),
-                  IsAlive(pid) ? "write one with: memleak report " + std::to_string(pid)
-                               : "the process has ended: name its root directory");
+                  process ? "write one with: memleak report " + std::to_string(pid)
+                          : "the process has ended: name its root directory");
+}
+
+// The latest report of a process. Throws UserError if the one in its root directory is of another
+// process: several can share the directory, and the kernel uses ids again.
+std::string ReportOf(pid_t pid) {
+  const std::string number = std::to_string(pid);
+  std::optional<ProcessInfo> process;
+  if (IsAlive(pid)) process = InspectProcess(pid);
+  if (process && process->has_state_of_parent) {
+    throw UserError("process " + process->Label() + ", a forked child, has written no report",
+                    "write one with: memleak report " + number);
+  }
+  std::string path = FindReport(RootOf(pid, process));
+  if (!IsProfile(path)) return path;
+  const ProfileHead head = ReadProfileHead(path);
+  const bool other = head.pid != (process ? process->inner_pid : pid);
+  const std::optional<double> age = process ? AgeOf(pid) : std::nullopt;
+  // Both times are rounded down to seconds.
+  const bool earlier = age && static_cast<double>(std::time(nullptr) - head.written) > *age + 1;
+  if (other || earlier) {
+    throw UserError("no report of process " + number + ": " + path + " is of " +
+                        (other ? "process " : "an earlier process ") + std::to_string(head.pid),
+                    "give that path to read it");
+  }
+  return path;
 }
 
 }  // namespace
 
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
-  if (const auto pid = ProcessNamed(given)) return FindReport(RootOf(*pid));
+  if (const auto pid = ProcessNamed(given)) return ReportOf(*pid);
   if (!fs::is_directory(given, ignored)) return Preferred(given);
   const fs::path report = protocol::kReportFile;
   const fs::path profile = protocol::kProfileFile;

@@ -13,7 +13,8 @@
 namespace memleak {
 
 /// The path of the report: `given`, or the report below it if it is a root directory, or the latest
-/// report of the process with that id, if there is no such file. Throws UserError if there is none.
+/// report of the process with that id, if there is no such file. Throws UserError if there is none,
+/// and if the report in the directory of the process is of another process.
 std::string FindReport(const std::string& given);
 
 /// How reports are read.

@@ -24,10 +24,11 @@ namespace memleak {
 namespace {
 
 constexpr const char* kHostIntro = R"(
-Starts recording in a process that `memleak run` has started or `memleak attach`
-has reached, with empty tables unless --keep is given. --depth, --unwind, --lib and --func are written to the
-properties in its root directory. The defaults of --depth and --unwind apply for
-a process without settings.
+Starts recording in a process that `memleak run` has started or to which
+`memleak attach` has attached, with empty tables unless --keep is given.
+--depth, --unwind, --lib and --func are written to the properties in its root
+directory. The defaults of --depth and --unwind apply for a process without
+settings.
 )";
 
 constexpr const char* kDeviceIntro = R"(

@@ -84,7 +84,7 @@ std::uint64_t PrintGroups(const std::string& path) {
   return header.total_bytes;
 }
 
-// Prints how many blocks and stacks a profile has. Returns their bytes.
+// Prints since when a profile has blocks, and how many blocks and stacks. Returns their bytes.
 std::uint64_t PrintStacks(const std::string& path, const std::string& shown) {
   std::uint64_t stacks = 0;
   std::uint64_t blocks = 0;
@@ -97,19 +97,15 @@ std::uint64_t PrintStacks(const std::string& path, const std::string& shown) {
   };
   ProfileHead head;
   ReadProfileFile(path, sink, &head);
-  std::cout << "profile " << shown << "\n"
-            << "blocks  " << FormatCount(blocks) << " from " << Counted(stacks, "call stack");
+  std::cout << "profile " << shown << "\n";
+  if (!head.kinds.empty()) {
+    std::cout << "since   " << FormatClock(head.since) << " ("
+              << FormatAge(std::time(nullptr) - head.since) << ")\n";
+  }
+  std::cout << "blocks  " << FormatCount(blocks) << " from " << Counted(stacks, "call stack");
   if (stacks == 0) std::cout << "\n        " << NothingHeldText(&head);
   std::cout << "\n";
   return bytes;
-}
-
-// Since when blocks are recorded: none from before is in the report. Empty if that is not known.
-std::string SinceText(const ProcessInfo& process, const Kind& kind) {
-  if (!process.state || process.state->RecordingOf(kind) != protocol::Recording::kOn) return "";
-  constexpr std::int64_t kNanoseconds = 1'000'000'000;
-  const std::int64_t seconds = (*process.state)->kinds[kind.type].since_ns / kNanoseconds;
-  return "since   " + FormatClock(seconds) + " (" + FormatAge(std::time(nullptr) - seconds) + ")\n";
 }
 
 int Report(const ReportOptions& options) {
@@ -122,7 +118,6 @@ int Report(const ReportOptions& options) {
   RefuseMixedKinds(process, *options.kind);
   const std::uint64_t word =
       options.keep_recording ? protocol::kReportKeepRecording : options.kind->Report();
-  const std::string since = SinceText(process, *options.kind);
   const std::chrono::milliseconds took =
       TakeReport(process, word, options.timeout_s, OldReport::kRename);
   const std::string path = process.ReportPath();
@@ -133,7 +128,7 @@ int Report(const ReportOptions& options) {
   const std::uint64_t bytes =
       profile.empty() ? PrintGroups(path) : PrintStacks(profile, process.Shown(profile));
   std::cout << "bytes   " << FormatCount(bytes) << " (" << FormatBytes(bytes) << ")\n"
-            << since << "took    " << FormatDuration(took) << "\n";
+            << "took    " << FormatDuration(took) << "\n";
   const std::string fetch = FetchCommand(path);
   if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
   if (!options.kind->IsNative()) PrintStillHooked(process);

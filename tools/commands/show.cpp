@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <string>
 #include <string_view>
@@ -20,8 +21,8 @@ Prints what a profile or report holds: bytes, blocks and ages, and the call
 stacks with function, file and line where symbols exist. REPORT is the process
 id, the file, the root directory that contains it, or a JSON document of
 `memleak export`. The profile that belongs to a report is read instead of it.
-Groups that are not shown are summed up below the view. For programs, write JSON with
-`memleak export --format json`.
+Groups that are not shown are summed up below the view. For programs, write
+JSON with `memleak export --format json`.
 
 --by group lists the blocks with one stack; in a report, those of one size with
 one stack. --by library and function sum up the groups: "self" counts the
@@ -80,8 +81,7 @@ bool IsUtf8() {
   for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
     const char* value = std::getenv(name);
     if (value == nullptr || *value == '\0') continue;
-    const std::string_view locale = value;
-    return locale.find("UTF-8") != locale.npos || locale.find("utf8") != locale.npos;
+    return strcasestr(value, "utf-8") != nullptr || strcasestr(value, "utf8") != nullptr;
   }
   return false;
 }

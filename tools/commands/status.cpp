@@ -115,9 +115,8 @@ bool Records(const StateFile& state) {
 
 std::string RecordsText(const ProcessInfo& process) {
   const StateFile& state = *process.state;
-  if (process.is_stopped || !CountRecords(process)) {
-    return "not counted: the process has called no allocator function since, or is busy";
-  }
+  if (process.is_stopped) return "not counted: the process is stopped";
+  if (!CountRecords(process)) return "not counted: no answer within 0.5 s";
   std::string text = FormatCount(state->records) + " live blocks";
   if (state->dropped != 0) {
     text += ", and " + FormatCount(state->dropped) + " that were not recorded: no memory";

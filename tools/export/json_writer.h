@@ -33,7 +33,8 @@ class JsonWriter {
   /// Before a value, a BeginObject or a BeginArray in an object.
   void Key(const char* name);
 
-  /// Invalid UTF-8 is replaced by U+FFFD, and all control characters are escaped.
+  /// Each byte that is not part of valid UTF-8 is replaced by U+FFFD, and all control characters
+  /// are escaped.
   void Value(std::string_view text);
   void Value(const char* text) { Value(std::string_view(text)); }
   void Value(bool value);

@@ -278,16 +278,10 @@ bool IsProfile(const std::string& path) {
   return line == std::string(protocol::kProfileMark) + "\n";
 }
 
-std::string ProfileBeside(const std::string& report, bool* other) {
-  const std::string name = LastPart(report);
-  const std::string path =
-      report.substr(0, report.size() - name.size()) + std::string(kProfileName);
-  *other = false;
-  if (name == kProfileName || !IsProfile(path)) return "";
+ProfileHead ReadProfileHead(const std::string& path) {
   ProfileHead head;
   std::ifstream file(path, std::ios::binary);
-  // The head is short. The rest of the profile is not read.
-  std::string start(64U << 10U, '\0');
+  std::string start(64U << 10U, '\0');  // the head is shorter
   file.read(start.data(), static_cast<std::streamsize>(start.size()));
   start.resize(static_cast<std::size_t>(file.gcount()));
   const ProfileSink no_sink;
@@ -295,6 +289,16 @@ std::string ProfileBeside(const std::string& report, bool* other) {
   Cursor lines(start);
   lines.TakeUntil('\n');
   while (!lines.AtEnd() && !lines.Rest().starts_with("object ")) pass.Line(lines.TakeUntil('\n'));
+  return head;
+}
+
+std::string ProfileBeside(const std::string& report, bool* other) {
+  const std::string name = LastPart(report);
+  const std::string path =
+      report.substr(0, report.size() - name.size()) + std::string(kProfileName);
+  *other = false;
+  if (name == kProfileName || !IsProfile(path)) return "";
+  const ProfileHead head = ReadProfileHead(path);
   std::ifstream text(report, std::ios::binary);
   std::uint64_t bytes = 0;
   std::uint64_t digest = protocol::kDigestStart;

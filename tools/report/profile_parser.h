@@ -82,6 +82,9 @@ ReportEnd ReadProfileFile(const std::string& path, const ProfileSink& sink, Prof
 /// Whether the file at `path` starts like a profile.
 bool IsProfile(const std::string& path);
 
+/// The head of the profile at `path`, as far as it can be read. The rest is not read.
+ProfileHead ReadProfileHead(const std::string& path);
+
 /// The path of the profile beside the report at `report`. Empty if there is none. Sets `*other` if
 /// it is of another request, and then returns an empty path, too.
 std::string ProfileBeside(const std::string& report, bool* other);

@@ -106,12 +106,7 @@ std::string ReadProc(pid_t pid, const std::string& name) {
 // Whether the process was just forked. Until it executes its program, it maps the libraries of
 // the shell.
 bool IsYoung(pid_t pid) {
-  const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));
-  timespec now{};
-  if (!ticks || clock_gettime(CLOCK_BOOTTIME, &now) != 0) return false;
-  const double start = static_cast<double>(*ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 - start <
-         kYoungSeconds;
+  return AgeOf(pid).value_or(kYoungSeconds) < kYoungSeconds;
 }
 
 // The text of /proc/PID/status. Throws UserError if the process has ended.
@@ -219,6 +214,14 @@ ProcessInfo RequireTracked(pid_t pid, int patience_ms) {
 void RequireRunning(const ProcessInfo& process) {
   const std::string status = ReadStatus(process.pid);
   if (IsStopped(status)) throw Stopped(process);
+}
+
+std::optional<double> AgeOf(pid_t pid) {
+  const std::optional<std::uint64_t> ticks = StartTicks(ReadProc(pid, "stat"));
+  timespec now{};
+  if (!ticks || clock_gettime(CLOCK_BOOTTIME, &now) != 0) return std::nullopt;
+  const double start = static_cast<double>(*ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 - start;
 }
 
 bool IsAlive(pid_t pid) {

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 #include "tools/target/maps.h"
@@ -29,6 +30,10 @@ ProcessInfo RequireTracked(pid_t pid, int patience_ms = kStartPatienceMs);
 
 /// Throws UserError if `process` has ended or is stopped.
 void RequireRunning(const ProcessInfo& process);
+
+/// Seconds since process `pid` was started, including suspended time; empty if that is not known.
+/// Throws UserError if it does not exist.
+std::optional<double> AgeOf(pid_t pid);
 
 /// Whether process `pid` exists and has not ended.
 bool IsAlive(pid_t pid);

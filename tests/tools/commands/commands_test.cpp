@@ -107,7 +107,8 @@ TEST(Session, CommandsAreAnswered) {
     prlimit --pid $P --nofile=1024:1024; mkdir $D/allocations_dump.old
     $M report $P; tail -c 3 $D/allocations_dump; echo " new"
     $M send $P --word 0x1234567800000080; cat log; $M status $$; echo "code $?"
-    kill -STOP $P; while grep -L 'State:.T' /proc/$P/task/*/status | grep -q .; do :; done
+    kill -STOP $P; for i in $(seq 200); do
+      grep -L 'State:.T' /proc/$P/task/*/status | grep -q . || break; sleep 0.05; done
     $M on $P; $M status $P; kill -CONT $P)");
   ExpectHas(
       outcome.output,
