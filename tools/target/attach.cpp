@@ -67,23 +67,30 @@ std::string Absolute(const ProcessInfo& process, const std::string& path, const 
                   "give an absolute path as the process sees it");
 }
 
-// Makes the root directory with its properties, as the user of the process. Returns its pattern.
-std::string MakeRoot(const ProcessInfo& process, const std::string& given) {
+/// The root directory of an attach.
+struct Root {
+  std::string pattern;  ///< absolute, as the process sees it
+  bool is_new = false;
+};
+
+// Makes the root directory with its properties, as the user of the process.
+Root MakeRoot(const ProcessInfo& process, const std::string& given) {
   std::vector<std::string> patterns = {Absolute(process, given, "--root")};
   if (given.empty()) patterns = RootPatterns(!process.outside.empty());
   const AsUserOf user(process);
   for (const std::string& pattern : patterns) {
     const std::string root = process.outside + ExpandPid(pattern, process.inner_pid);
     try {
+      const bool is_new = !HasRoot(root);
       if (!ReadProperties(root)) {
         WriteProperties(root, UpdateProperties("", DefaultSettings(OwnMachine())));
       }
-      return pattern;
+      return {pattern, is_new};
     } catch (const UserError&) {
       if (pattern == patterns.back()) throw;
     }
   }
-  return "";
+  return {};
 }
 
 bool UserCanRead(const ProcessInfo& process, const std::string& directory) {
@@ -284,22 +291,39 @@ class Attachment {
   steady_clock::time_point stopped_;
 };
 
+// After a failed attach, unless the process uses the libraries there.
+void RemoveNewRoot(const ProcessInfo& process, const std::string& root) {
+  try {
+    if (IsAlive(process.pid) && MappedLoader::Find(process)) return;
+    const AsUserOf user(process);
+    RemoveRoot(root, {protocol::kPropertiesFile, kLibraries[0], kLibraries[1]});
+  } catch (const UserError&) {
+    // The error that is reported is the first.
+  }
+}
+
 }  // namespace
 
 microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places) {
   CheckAttachable(process);
   Attachment attachment(process);
   const std::string log = Absolute(process, places.log, "--log");
-  const std::string pattern = MakeRoot(process, places.root);
-  const std::string root = ExpandPid(pattern, process.inner_pid);
-  const bool is_loaded = MappedLoader::Find(process).has_value();
-  const std::string library =
-      is_loaded ? ""
-                : JoinPath(PlaceLibraries(process, places.libdir, root), protocol::kPreloadLibrary);
-  attachment.Stop();
-  if (!is_loaded) attachment.Load(library);
-  attachment.Begin(pattern, log, JoinPath(root, protocol::kPropertiesFile));
-  return attachment.End();
+  const Root made = MakeRoot(process, places.root);
+  const std::string root = ExpandPid(made.pattern, process.inner_pid);
+  try {
+    if (!MappedLoader::Find(process)) {
+      const std::string directory = PlaceLibraries(process, places.libdir, root);
+      attachment.Stop();
+      attachment.Load(JoinPath(directory, protocol::kPreloadLibrary));
+    } else {
+      attachment.Stop();
+    }
+    attachment.Begin(made.pattern, log, JoinPath(root, protocol::kPropertiesFile));
+    return attachment.End();
+  } catch (const UserError&) {
+    if (made.is_new) RemoveNewRoot(process, process.outside + root);
+    throw;
+  }
 }
 
 std::vector<std::string> DefaultRoots(pid_t pid) {

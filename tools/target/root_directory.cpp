@@ -6,8 +6,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -16,6 +18,7 @@
 #include "protocol/private_files.h"
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
+#include "tools/base/rooted_file.h"
 #include "tools/base/user_error.h"
 #include "tools/target/site.h"
 
@@ -44,6 +47,81 @@ class Descriptor {
 UserError NotWritable(const std::string& path, const std::string& reason) {
   return {"root directory not writable: " + path + ": " + reason, kRemedy};
 }
+
+// The length of "/proc/PID/root" at the start of `path`; 0 if it starts otherwise.
+std::size_t OutsideBytes(const std::string& path) {
+  constexpr std::string_view kProc = "/proc/";
+  constexpr std::string_view kRoot = "/root";
+  if (!path.starts_with(kProc)) return 0;
+  const std::size_t end = path.find_first_not_of("0123456789", kProc.size());
+  if (end == kProc.size() || end == std::string::npos) return 0;
+  return path.compare(end, kRoot.size() + 1, "/root/") == 0 ? end + kRoot.size() : 0;
+}
+
+// Opens a file below a root directory. Links in a path below /proc/PID/root would lead to the
+// controller's own files. So the directories above the root directory, which the process may have
+// replaced by links, are resolved as the process resolves them, and the rest follows no link.
+class FileBelowRoot {
+ public:
+  // An empty `name` stands for the root directory itself.
+  FileBelowRoot(std::string root, const std::string& name) {
+    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    shown_ = path_ = name.empty() ? root : JoinPath(root, name);
+    root_bytes_ = root.size();
+    const std::size_t outside = OutsideBytes(root);
+    if (outside == 0) return;
+    std::size_t end = root.size();
+    do {
+      end = root.rfind('/', end - 1);
+      // With "." the last part may be a link.
+      const std::string above = root.substr(outside, end - outside) + "/.";
+      above_ = OpenInRoot(root.substr(0, outside), above, O_PATH | O_DIRECTORY);
+    } while (above_ < 0 && errno == ENOENT && end > outside);
+    error_ = above_ < 0 ? errno : 0;
+    const std::string start = "/proc/self/fd/" + std::to_string(above_);
+    path_ = start + shown_.substr(end);
+    root_bytes_ = std::min(path_.size(), path_.find('/', start.size() + 1));
+    cut_ = static_cast<std::ptrdiff_t>(end) - static_cast<std::ptrdiff_t>(start.size());
+  }
+  ~FileBelowRoot() {
+    if (above_ >= 0) close(above_);
+  }
+  FileBelowRoot(const FileBelowRoot&) = delete;
+  FileBelowRoot& operator=(const FileBelowRoot&) = delete;
+
+  // As protocol::OpenDirectoryOf.
+  int OpenDirectory(protocol::Missing missing, protocol::Refusal& refusal) {
+    if (error_ != 0) return Unresolved(refusal);
+    return protocol::OpenDirectoryOf(path_.data(), root_bytes_, missing, refusal);
+  }
+
+  // As protocol::OpenBelowRoot.
+  int Open(protocol::Use use, protocol::Refusal& refusal) {
+    if (error_ != 0) return Unresolved(refusal);
+    return protocol::OpenBelowRoot(path_.data(), root_bytes_, use, refusal);
+  }
+
+  // The path that a refusal of these names.
+  std::string Shown(const protocol::Refusal& refusal) const {
+    if (error_ != 0) return shown_;
+    return shown_.substr(
+        0, static_cast<std::size_t>(static_cast<std::ptrdiff_t>(refusal.path_bytes) + cut_));
+  }
+
+ private:
+  int Unresolved(protocol::Refusal& refusal) const {
+    refusal = {shown_.size(), error_,
+               error_ == ENOSYS ? "processes with other mounts need Linux 5.6" : nullptr};
+    return -1;
+  }
+
+  std::string shown_;  // the path as given
+  std::string path_;
+  std::size_t root_bytes_ = 0;
+  int above_ = -1;  // a directory above the root directory
+  int error_ = 0;
+  std::ptrdiff_t cut_ = 0;  // how much longer `shown_` is than `path_`
+};
 
 bool WriteAll(int file, std::string_view text) {
   while (!text.empty()) {
@@ -105,13 +183,10 @@ void WriteProperties(const std::string& root, std::string_view properties) {
 }
 
 void WriteBelowRoot(const std::string& root, const char* name, std::string_view content) {
-  std::string path = JoinPath(root, name);
+  FileBelowRoot path(root, name);
   protocol::Refusal refusal;
-  const Descriptor directory(
-      protocol::OpenDirectoryOf(path.data(), root.size(), protocol::Missing::kMake, refusal));
-  if (directory.Number() < 0) {
-    throw NotWritable(path.substr(0, refusal.path_bytes), refusal.Reason());
-  }
+  const Descriptor directory(path.OpenDirectory(protocol::Missing::kMake, refusal));
+  if (directory.Number() < 0) throw NotWritable(path.Shown(refusal), refusal.Reason());
   const std::string fresh = name + ("." + std::to_string(getpid()));
   // An earlier process with the same id may have left it.
   unlinkat(directory.Number(), fresh.c_str(), 0);
@@ -128,12 +203,29 @@ void WriteBelowRoot(const std::string& root, const char* name, std::string_view 
 }
 
 std::optional<std::string> ReadProperties(const std::string& root) {
-  std::string path = JoinPath(root, protocol::kPropertiesFile);
   protocol::Refusal refusal;
   const Descriptor file(
-      protocol::OpenBelowRoot(path.data(), root.size(), protocol::Use::kRead, refusal));
+      FileBelowRoot(root, protocol::kPropertiesFile).Open(protocol::Use::kRead, refusal));
   if (file.Number() < 0) return std::nullopt;
   return ReadAll(file.Number());
+}
+
+bool HasRoot(const std::string& root) {
+  protocol::Refusal refusal;
+  const Descriptor directory(FileBelowRoot(root, protocol::kPropertiesFile)
+                                 .OpenDirectory(protocol::Missing::kRefuse, refusal));
+  return directory.Number() >= 0;
+}
+
+void RemoveRoot(const std::string& root, const std::vector<const char*>& names) {
+  protocol::Refusal refusal;
+  const Descriptor inside(FileBelowRoot(root, protocol::kPropertiesFile)
+                              .OpenDirectory(protocol::Missing::kRefuse, refusal));
+  if (inside.Number() < 0) return;
+  for (const char* name : names) unlinkat(inside.Number(), name, 0);
+  const Descriptor above(
+      FileBelowRoot(root, "").OpenDirectory(protocol::Missing::kRefuse, refusal));
+  if (above.Number() >= 0) unlinkat(above.Number(), LastPart(root).c_str(), AT_REMOVEDIR);
 }
 
 std::optional<std::string> ReadTextFile(const std::string& path) {

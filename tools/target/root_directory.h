@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The properties file in a tracked process's root directory. Single-threaded.
+// The properties file in a tracked process's root directory. If the process has other mounts, `root`
+// starts with "/proc/PID/root", and links do not lead out of that. Single-threaded.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace memleak {
 
@@ -40,6 +42,12 @@ void WriteBelowRoot(const std::string& root, const char* name, std::string_view 
 /// The text of the properties file in `root`. Nothing if it is unreadable or WriteProperties would
 /// refuse `root`: the tracker does not read it either.
 std::optional<std::string> ReadProperties(const std::string& root);
+
+/// Whether the directory `root` exists and WriteProperties would not refuse it.
+bool HasRoot(const std::string& root);
+
+/// Removes the files `names` in `root`, and `root` if nothing else is in it. Errors are ignored.
+void RemoveRoot(const std::string& root, const std::vector<const char*>& names);
 
 /// The text of a regular file; nothing if it is unreadable.
 std::optional<std::string> ReadTextFile(const std::string& path);
