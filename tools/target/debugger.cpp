@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 
@@ -82,9 +83,32 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   return pointers;
 }
 
-bool IsStopped(pid_t pid) {
-  const auto status = ReadTextFile("/proc/" + std::to_string(pid) + "/status");
-  return StatusField(status.value_or(""), "State").starts_with('T');
+// Calls `function` with the status of each thread of process `pid`.
+template <typename Function>
+bool AnyThread(pid_t pid, Function function) {
+  std::error_code error;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    if (function(ReadTextFile(task.path() / "status").value_or(""))) return true;
+  }
+  return false;
+}
+
+// Whether `signal` is pending for the process or one of its threads.
+bool IsPending(pid_t pid, int signal) {
+  return AnyThread(pid, [&](const std::string& status) {
+    for (const char* field : {"SigPnd", "ShdPnd"}) {
+      const std::uint64_t set = std::strtoull(StatusField(status, field).c_str(), nullptr, 16);
+      if ((set >> (signal - 1) & 1) != 0) return true;
+    }
+    return false;
+  });
+}
+
+bool HasThreadInState(pid_t pid, char state) {
+  return AnyThread(pid, [&](const std::string& status) {
+    return StatusField(status, "State").starts_with(state);
+  });
 }
 
 }  // namespace
@@ -173,9 +197,12 @@ bool Debugger::Receive(milliseconds timeout) {
 
 Debugger::Lines Debugger::Run(const Lines& lines, milliseconds timeout) {
   if (Send(lines) && Receive(timeout)) return output_;
-  const std::string last = LastOutput();
+  std::string reason = LastOutput();
+  if (attached_ && HasThreadInState(target_, 'D')) {
+    reason = "a thread of the process is in an uninterruptible system call";
+  }
   End();
-  throw UserError("the debugger does not answer" + (last.empty() ? "" : ": " + last),
+  throw UserError("the debugger does not answer" + (reason.empty() ? "" : ": " + reason),
                   "try again; the process runs on");
 }
 
@@ -199,8 +226,8 @@ void Debugger::Attach() {
 }
 
 void Debugger::Detach() {
-  attached_ = false;
   Run({"detach"}, kCommandTimeout);
+  attached_ = false;
 }
 
 std::vector<StoppedThread> Debugger::Threads() {
@@ -274,9 +301,11 @@ void Debugger::End() {
     std::this_thread::sleep_for(milliseconds(5));
   }
   child_ = -1;
-  // A debugger that was killed before it saw the stop that it has asked for leaves the process
-  // stopped.
-  if (was_attached && IsStopped(target_)) kill(target_, SIGCONT);
+  // A debugger that was killed before it saw the stops that it has asked for leaves the process
+  // stopped, or about to stop. SIGCONT also removes pending stops.
+  if (was_attached && (HasThreadInState(target_, 'T') || IsPending(target_, SIGSTOP))) {
+    kill(target_, SIGCONT);
+  }
 }
 
 }  // namespace memleak
