@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 
@@ -32,8 +33,9 @@ using std::chrono::steady_clock;
 constexpr std::string_view kEnd = "@@";
 // A thread in an uninterruptible system call does not stop before its end.
 constexpr milliseconds kCommandTimeout(10'000);
-constexpr milliseconds kCallTimeout(10'000);
-// How long a debugger gets to break off a call, and to end.
+// dlopen reads two files, and a process on a busy machine may get little time.
+constexpr milliseconds kCallTimeout(60'000);
+// How long a debugger gets to stop the process, and to end.
 constexpr milliseconds kEndTimeout(3'000);
 
 #ifdef __aarch64__
@@ -82,9 +84,32 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   return pointers;
 }
 
-bool IsStopped(pid_t pid) {
-  const auto status = ReadTextFile("/proc/" + std::to_string(pid) + "/status");
-  return StatusField(status.value_or(""), "State").starts_with('T');
+// Calls `function` with the status of each thread of process `pid`.
+template <typename Function>
+bool AnyThread(pid_t pid, Function function) {
+  std::error_code error;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    if (function(ReadTextFile(task.path() / "status").value_or(""))) return true;
+  }
+  return false;
+}
+
+// Whether `signal` is pending for the process or one of its threads.
+bool IsPending(pid_t pid, int signal) {
+  return AnyThread(pid, [&](const std::string& status) {
+    for (const char* field : {"SigPnd", "ShdPnd"}) {
+      const std::uint64_t set = std::strtoull(StatusField(status, field).c_str(), nullptr, 16);
+      if ((set >> (signal - 1) & 1) != 0) return true;
+    }
+    return false;
+  });
+}
+
+bool HasThreadInState(pid_t pid, char state) {
+  return AnyThread(pid, [&](const std::string& status) {
+    return StatusField(status, "State").starts_with(state);
+  });
 }
 
 }  // namespace
@@ -173,16 +198,20 @@ bool Debugger::Receive(milliseconds timeout) {
 
 Debugger::Lines Debugger::Run(const Lines& lines, milliseconds timeout) {
   if (Send(lines) && Receive(timeout)) return output_;
-  const std::string last = LastOutput();
+  std::string reason = LastOutput();
+  if (attached_ && HasThreadInState(target_, 'D')) {
+    reason = "a thread of the process is in an uninterruptible system call";
+  }
   End();
-  throw UserError("the debugger does not answer" + (last.empty() ? "" : ": " + last),
+  throw UserError("the debugger does not answer" + (reason.empty() ? "" : ": " + reason),
                   "try again; the process runs on");
 }
 
-// Interrupts the command that runs after `timeout`.
+// Stops the process after `timeout`. The process gets the signal, not the debugger, which would send
+// SIGINT on to it: no debugger hides SIGINT from the program and also stops at it.
 bool Debugger::ReceiveOrStop(milliseconds timeout) {
   if (Receive(timeout)) return true;
-  kill(child_, SIGINT);
+  kill(target_, SIGTRAP);
   return Receive(kEndTimeout);
 }
 
@@ -199,8 +228,8 @@ void Debugger::Attach() {
 }
 
 void Debugger::Detach() {
-  attached_ = false;
   Run({"detach"}, kCommandTimeout);
+  attached_ = false;
 }
 
 std::vector<StoppedThread> Debugger::Threads() {
@@ -240,7 +269,11 @@ std::vector<StoppedThread> Debugger::Threads() {
 }
 
 void Debugger::RunTo(std::uint64_t address, milliseconds timeout) {
-  if (Send(RunToCommands(address)) && ReceiveOrStop(timeout)) return;
+  if (Send(RunToCommands(address)) && ReceiveOrStop(timeout)) {
+    // The signal may be late. It would kill the process after Detach.
+    for (int i = 0; i < 10 && IsPending(target_, SIGTRAP); ++i) Run({"continue"}, kCommandTimeout);
+    return;
+  }
   End();
   throw UserError("the debugger does not answer", "try again; the process runs on");
 }
@@ -248,14 +281,36 @@ void Debugger::RunTo(std::uint64_t address, milliseconds timeout) {
 std::optional<std::uint64_t> Debugger::Call(const StoppedThread& thread, std::uint64_t stack,
                                             std::uint64_t address,
                                             const std::vector<std::uint64_t>& arguments) {
-  if (Send(CallCommands(thread, stack, address, arguments))) ReceiveOrStop(kCallTimeout);
+  if (Send(CallCommands(thread, stack, address, arguments)) && !Receive(kCallTimeout)) Leave();
   for (const std::string& line : output_) {
     const std::size_t result = line.find(" = ", std::min(line.find('$'), line.size()));
     if (result != std::string::npos) {
       return static_cast<std::uint64_t>(std::strtoll(line.c_str() + result + 3, nullptr, 10));
     }
   }
+  // The reason, without what failed because of it.
+  for (const std::string& line : output_) {
+    if (line.starts_with("Program ") || line.starts_with("process ") ||
+        line.starts_with("[Inferior")) {
+      output_ = Lines{line};
+      break;
+    }
+  }
   return std::nullopt;
+}
+
+// Lets the debugger complete the call, restore the registers and detach, which it does at the end of
+// its input. A call that is broken off may hold locks of the process for ever.
+void Debugger::Leave() {
+  const std::string debugger = std::to_string(child_);
+  attached_ = false;
+  child_ = -1;
+  close(socket_);
+  socket_ = -1;
+  throw UserError("a call in process " + std::to_string(target_) + " takes more than " +
+                      std::to_string(kCallTimeout.count() / 1000) + " s; process " + debugger +
+                      ", the debugger, completes it and detaches",
+                  "do not end that debugger, and try again when it has ended");
 }
 
 void Debugger::End() {
@@ -274,9 +329,11 @@ void Debugger::End() {
     std::this_thread::sleep_for(milliseconds(5));
   }
   child_ = -1;
-  // A debugger that was killed before it saw the stop that it has asked for leaves the process
-  // stopped.
-  if (was_attached && IsStopped(target_)) kill(target_, SIGCONT);
+  // A debugger that was killed before it saw the stops that it has asked for leaves the process
+  // stopped, or about to stop. SIGCONT also removes pending stops.
+  if (was_attached && (HasThreadInState(target_, 'T') || IsPending(target_, SIGSTOP))) {
+    kill(target_, SIGCONT);
+  }
 }
 
 }  // namespace memleak

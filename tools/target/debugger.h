@@ -49,7 +49,8 @@ class Debugger {
   /// call or at the start of a function; the other threads run meanwhile. The stack pointer is
   /// `stack` during the call, a multiple of 16. Afterwards the thread has its general registers
   /// back, and all threads stand still.
-  /// Nothing: the call failed, or took longer than a few seconds and was broken off.
+  /// Nothing: the call failed. Throws UserError if it takes longer than a minute; then the debugger
+  /// completes it and detaches, and only the destructor may be called.
   std::optional<std::uint64_t> Call(const StoppedThread& thread, std::uint64_t stack,
                                     std::uint64_t address,
                                     const std::vector<std::uint64_t>& arguments);
@@ -80,6 +81,7 @@ class Debugger {
   bool Send(const Lines& lines);
   bool Receive(std::chrono::milliseconds timeout);
   bool ReceiveOrStop(std::chrono::milliseconds timeout);
+  [[noreturn]] void Leave();
   void End();
 
   pid_t target_;

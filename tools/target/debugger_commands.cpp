@@ -101,7 +101,8 @@ Gdb::Gdb(const std::string& path, pid_t pid)
        // Without the libraries' files gdb reads no symbols while the process stands still, and sets
        // no breakpoints in the dynamic linker.
        "set sysroot /nonexistent", "set auto-solib-add off", "set libthread-db-search-path",
-       "handle all nostop noprint pass", "file /proc/" + std::to_string(pid) + "/exe"},
+       // SIGINT is not among "all". SIGTRAP stops the process.
+       "handle all nostop noprint pass", "handle SIGINT nostop noprint pass", "file /proc/" + std::to_string(pid) + "/exe"},
       kStartTimeout);
 }
 
@@ -162,16 +163,20 @@ Gdb::Lines Gdb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
 #endif
   for (std::size_t i = 0; i < arguments.size(); ++i) set(names[i], arguments[i]);
   set("$pc", address);
-  // Elsewhere the division fails, and nothing is printed.
-  lines.insert(lines.end(), {"continue", select,
-                             "printf \"$0 = %ld\\n\", $" + ResultRegister() +
-                                 " + 0 / ((long)$pc == " + entry + ")"});
+  // Other stops do not end the call: a SIGTRAP may have been on its way. After an exec, neither the
+  // call nor the registers mean anything. A call that fails leaves its reason as the last output.
+  lines.insert(lines.end(),
+               {"set $executed = 0", "catch exec if ($executed = 1)",
+                "while !$executed && (long)$pc != " + entry, "continue", "if !$executed", select,
+                "end", "end", "delete", "if !$executed && (long)$pc == " + entry,
+                "printf \"$0 = %ld\\n\", $" + ResultRegister()});
   for (std::size_t i = 0; i < thread.registers.size(); ++i) {
     set("$" + RegisterNames()[i], thread.registers[i]);
   }
 #ifdef __x86_64__
   set("$orig_rax", static_cast<std::uint64_t>(thread.system_call));
 #endif
+  lines.emplace_back("end");
   return lines;
 }
 
@@ -264,7 +269,7 @@ Lldb::Lines Lldb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
                                const std::vector<std::uint64_t>& arguments) const {
   const std::string select = "thread select " + std::to_string(thread.number);
   return {select, "register write sp " + std::to_string(stack),
-          "expression -u true -i true -a true -t 9000000 -f d -- " + CallText(address, arguments),
+          "expression -u true -i true -a true -t 0 -f d -- " + CallText(address, arguments),
           select, "register write sp " + std::to_string(thread.StackPointer())};
 }
 

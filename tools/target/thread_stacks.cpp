@@ -5,6 +5,7 @@
 
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <set>
 #include <string_view>
 
+#include "tools/base/files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/elf_symbols.h"
 #include "tools/target/inspect.h"
@@ -49,9 +51,12 @@ const std::set<std::string_view> kLinker = {"dlopen",
                                             "__libc_dlsym",
                                             "__libc_dlclose"};
 
+// Also functions that wait under the lock of the thread stacks, which pthread_create needs.
 const std::set<std::string_view> kFork = {
-    "fork", "_Fork",      "vfork",          "posix_spawn",    "posix_spawnp",
-    "exit", "quick_exit", "__cxa_finalize", "pthread_create", "pthread_exit"};
+    "fork",       "_Fork",          "vfork",          "posix_spawn",  "posix_spawnp", "exit",
+    "quick_exit", "__cxa_finalize", "pthread_create", "pthread_exit", "setuid",       "setgid",
+    "seteuid",    "setegid",        "setreuid",       "setregid",     "setresuid",    "setresgid",
+    "setgroups",  "initgroups",     "pthread_setattr_default_np"};
 
 // The code to which a signal handler returns: rt_sigreturn.
 #ifdef __aarch64__
@@ -217,6 +222,10 @@ void ProcessCode::AddLibrary(const LoadedLibrary& library, const std::vector<Map
   if (Defines(symbols, "gnu_get_libc_version")) {
     place = Place::kCLibrary;
     AddCLibrary(library, symbols);
+  } else if (LastPart(library.path).starts_with("libpthread")) {
+    // Of glibc before 2.34.
+    place = Place::kCLibrary;
+    AddCLibrary(library, symbols);
   } else if (Defines(symbols, "__tls_get_addr")) {
     place = Place::kLinker;
   } else if (Defines(symbols, "malloc")) {
@@ -294,10 +303,16 @@ const char* ProcessCode::WhyNot(const StoppedThread& thread, const Stack& stack)
       std::count(stack.places.begin(), stack.places.end(), Place::kAllocator);
   if (frames_in_allocator > (at_malloc ? 1 : 0)) return "in the allocator";
   if (stack.in_signal_handler) return "in a signal handler";
-  if (stack.Has(Place::kFork)) return "in fork, exit or the start of a thread";
+  if (stack.Has(Place::kFork)) return "in fork, exit, setuid or the start of a thread";
+  // pthread_join unmaps stacks under their lock, in an internal function, which has no symbol.
+  const bool inside = stack.places.size() > 1 && stack.places[1] == Place::kCLibrary;
+  if (thread.system_call == SYS_munmap && inside) return "freeing memory in the C library";
   // A thread that is only in the C library starts, ends or belongs to it.
   if (!stack.Has(Place::kProgram)) return "in the C library";
   if (thread.system_call < 0 && !at_malloc) return "computing";
+  // A system call of the program itself keeps vector registers, which a call overwrites. One in a
+  // function of the C library does not: no caller expects them to survive.
+  if (!at_malloc && stack.places.front() == Place::kProgram) return "in its own system call";
   const std::uint64_t stack_pointer = thread.StackPointer();
   if (stack_pointer >= kGoHeap && stack_pointer < kGoHeapEnd) return "on the stack of a goroutine";
   const auto mapping =
