@@ -82,8 +82,8 @@ export class FlameGraph {
 
   draw(): void {
     const width = this.printing ? kPrintWidth : this.scroller.clientWidth;
+    this.drawn = width; // 0 while hidden: it is drawn when it is shown again
     if (width === 0) return;
-    this.drawn = width;
     this.current = null;
     this.boxes = layOut(this.tree, this.focus, width, kLeast);
     this.paint();

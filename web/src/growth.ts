@@ -40,7 +40,7 @@ function changes(data: Data): HTMLElement {
         { "data-figure": name },
         el("dt", {}, title),
         el("dd", { class: name }, text(bytes)),
-        el("dd", { class: "exact" }, `${signed(bytes, formatCount)} bytes, ${plural(groups, "stack")}`),
+        el("dd", { class: "exact" }, `${name === "unknown" ? formatCount(bytes) : signed(bytes, formatCount)} bytes, ${plural(groups, "stack")}`),
       ),
     );
   };

@@ -61,6 +61,11 @@ export class LibrariesTab {
     this.table.show(this.all.filter((row) => wanted.has(row)));
   }
 
+  /** After a change of the colour scheme. */
+  recolour(): void {
+    this.table.redraw();
+  }
+
   private detail(library: number): HTMLElement {
     const { self, total } = this.functionSums;
     const ids = [...this.data.functions.keys()].filter(

@@ -39,10 +39,11 @@ class Page {
   /** The parts of each tab. They are made when the tab is first shown. */
   private readonly views = new Map<Tab, () => void>();
   private readonly graphs: FlameTab[] = [];
+  private libraries: LibrariesTab | null = null;
   private readonly result = el("output", { id: "found" });
   private readonly input = el("input", {
     ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
-    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear", "aria-label": "Search" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear. =NAME finds the function of exactly this name.", "aria-label": "Search" },
     oninput: settled(kTypingPause, () => this.searched()),
     onchange: () => this.searched(), // at once with Enter
   });
@@ -145,7 +146,7 @@ class Page {
     }
     if (tab === "flame") return this.makeFlame(panel, "library");
     if (tab === "libraries") {
-      const view = new LibrariesTab(data, this.sums, this.colours, pick);
+      const view = (this.libraries = new LibrariesTab(data, this.sums, this.colours, pick));
       panel.append(view.element);
       return () => view.update(this.found);
     }
@@ -225,6 +226,7 @@ class Page {
 
   private recolour(): void {
     for (const graph of this.graphs) graph.recolour();
+    this.libraries?.recolour();
   }
 
   /** On paper: the totals, the top of the functions and the flame graph. */

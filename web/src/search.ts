@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The search: which functions and groups match the typed text. No DOM here.
 
-import type { Data } from "./data.js";
+import type { Data, FunctionInfo } from "./data.js";
 
 export interface Found {
   typed: string;
@@ -12,26 +12,27 @@ export interface Found {
   bytes: number;
 }
 
-/** Matches lower-case texts against a part of them, or against a /regular expression/. */
-function matcher(typed: string): (text: string) => boolean {
+/** Matches functions with a part of their texts, with a /regular expression/, or with an =exact name. */
+function matcher(typed: string): (info: FunctionInfo) => boolean {
+  if (typed.startsWith("=")) return ({ name }) => name === typed.slice(1);
   const expression = /^\/(.+)\/$/.exec(typed);
   if (expression) {
     try {
       const pattern = new RegExp(expression[1]!, "im");
-      return (text) => pattern.test(text);
+      return ({ lower }) => pattern.test(lower);
     } catch {
       return () => false; // not finished typing
     }
   }
   const part = typed.toLowerCase();
-  return (text) => text.includes(part);
+  return ({ lower }) => lower.includes(part);
 }
 
 /** The functions whose name, library or source file matches; null for an empty text. */
 export function search(data: Data, typed: string): Found | null {
   if (typed === "") return null;
   const matches = matcher(typed);
-  const functions = Uint8Array.from(data.functions, ({ lower }) => (lower !== "" && matches(lower) ? 1 : 0));
+  const functions = Uint8Array.from(data.functions, (info) => (info.lower !== "" && matches(info) ? 1 : 0));
   const groups = new Uint8Array(data.count);
   const { start, functions: stacks } = data.stacks;
   let [groupCount, bytes] = [0, 0];

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tab of stacks: the groups of blocks with one stack, as "function ← caller ← caller".
 
-import { ageBar, ageCounts, ageSentence, ageText, patternWord } from "./ages.js";
+import { ageBar, ageCounts, agedBlocks, ageSentence, ageText, patternWord } from "./ages.js";
 import type { Data } from "./data.js";
 import { el, formatBytes, formatCount, formatShare, longText, plural, shareBar } from "./dom.js";
 import { changeText } from "./functions.js";
@@ -151,6 +151,7 @@ export class StacksTab {
     const { data } = this;
     const frames = data.framesOf(group);
     const counts = ageCounts(data, group);
+    const ages = agedBlocks(data, group) === data.groups.count[group]! ? "Blocks by age" : `Ages of ${formatCount(agedBlocks(data, group))} of ${plural(data.groups.count[group]!, "block")}`;
     const list = el("ol", { class: "stack" }, ...Array.from(frames, (frame) => this.frame(frame)));
     const cut = data.groups.cut[group] === "1" ? data.functions[data.cutFunction]!.name : null;
     return el(
@@ -158,7 +159,7 @@ export class StacksTab {
       {},
       el("p", {}, this.figures(group)),
       data.groups.count[group]! > 1 && counts.length > 0
-        ? el("p", {}, `${ageSentence(data, group)} Blocks by age: ${counts.join("; ")}.`)
+        ? el("p", {}, `${ageSentence(data, group)} ${ages}: ${counts.join("; ")}.`)
         : null,
       list,
       cut ? el("p", { class: "hint" }, `${cut}: its outer frames are missing`) : null,

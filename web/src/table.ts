@@ -58,6 +58,11 @@ export class Table {
     this.sort();
   }
 
+  /** Draws the rows again, for example in other colours. */
+  redraw(): void {
+    this.draw();
+  }
+
   /** Marks a row; -1 for none. */
   setCurrent(row: number): void {
     this.current = row;
