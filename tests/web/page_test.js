@@ -129,6 +129,25 @@ async function zoomsAndSearches(browser) {
   await close(page);
 }
 
+/** A pattern in a link waits for Enter. An invalid one is not "0 found". */
+async function searchesPatterns(browser) {
+  const page = await open(browser, inWork("random.html"), `#q=${encodeURIComponent("/(.*.*.*.*.*.*.*.*)*\\d$x/")}`);
+  assert.equal(await page.innerText("#found"), "Press Enter to search");
+  await page.fill("#search", "/method_1(/");
+  await page.press("#search", "Enter");
+  assert.match(await page.innerText("#found"), /^Not a valid pattern: ./);
+  const first = page.locator("td.where code").first();
+  await page.fill("#search", "");
+  const name = await first.getAttribute("title");
+  await page.fill("#search", `/${name.replaceAll(/\W/g, ".")}/`);
+  await page.press("#search", "Enter");
+  assert.match(await page.innerText("#found"), /^1 found, /);
+  await first.click();
+  await page.click("text=Its stacks");
+  assert.match(await page.innerText("#found"), /^1 found, /);
+  await close(page);
+}
+
 async function showsHostileNamesAsText(browser) {
   const page = await open(browser, write("hostile", hostile()), "#tab=stacks");
   for (const at of kHostileNames.keys()) await rows(page).nth(at).locator(".toggle").click();
@@ -188,4 +207,4 @@ async function agreesWithDiff(browser) {
   assert.match(run("diff", old, now), /^Not judged: 2 groups, 500 B -> 600 B/m);
 }
 
-await runTests([agreesWithShow, sumsUpFunctions, zoomsAndSearches, showsHostileNamesAsText, shortensNames, agreesWithDiff]);
+await runTests([agreesWithShow, sumsUpFunctions, zoomsAndSearches, searchesPatterns, showsHostileNamesAsText, shortensNames, agreesWithDiff]);

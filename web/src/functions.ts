@@ -174,7 +174,7 @@ export class FunctionsTab {
         { class: "sandwich-head" },
         el("h2", { tabindex: -1 }, el("code", {}, cutText(name, 600))),
         el("button", { type: "button", onclick: () => this.showStacks(`=${name}`) }, "Its stacks"),
-        el("button", { type: "button", onclick: () => this.pick(-1) }, "Close"),
+        el("button", { type: "button", onclick: () => this.close(id) }, "Close"),
       ),
       el(
         "p",
@@ -186,6 +186,11 @@ export class FunctionsTab {
     );
     this.panel.querySelector("h2")!.focus({ preventScroll: true });
     this.panel.scrollIntoView({ block: "nearest" });
+  }
+
+  private close(id: number): void {
+    this.pick(-1);
+    this.table.focusRow(id);
   }
 
   private side(title: string, id: number, inward: boolean): HTMLElement {

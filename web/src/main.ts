@@ -11,7 +11,7 @@ import { FlameTab } from "./flame_tab.js";
 import { FunctionsTab, type Sums, sumsBy } from "./functions.js";
 import { growthView } from "./growth.js";
 import { LibrariesTab } from "./libraries.js";
-import { type Found, search } from "./search.js";
+import { type Found, isPattern, search } from "./search.js";
 import { StacksTab } from "./stacks.js";
 import { kTabs, readState, type State, type Tab, writeState } from "./state.js";
 import { summary } from "./summary.js";
@@ -31,6 +31,7 @@ type Kind = "all" | "native" | "java";
 class Page {
   private state = readState();
   private found: Found | null = null;
+  private confirmed = ""; // the pattern that was searched with Enter
   private readonly colours: LibraryColours;
   private summed: Sums | null = null;
   private readonly all: number[];
@@ -45,7 +46,12 @@ class Page {
     ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
     ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear. =NAME finds the function of exactly this name.", "aria-label": "Search" },
     oninput: settled(kTypingPause, () => this.searched()),
-    onchange: () => this.searched(), // at once with Enter
+    onchange: () => this.searched(),
+    onkeydown: (event) => {
+      if ((event as KeyboardEvent).key !== "Enter") return;
+      this.confirmed = this.input.value.trim();
+      this.searched();
+    },
   });
 
   constructor(private readonly data: Data) {
@@ -56,7 +62,7 @@ class Page {
     for (const event of ["hashchange", "popstate"]) {
       window.addEventListener(event, () => {
         this.state = readState();
-        this.update();
+        this.update(true);
       });
     }
     onSchemeChange(() => this.recolour());
@@ -115,10 +121,12 @@ class Page {
     this.set({ f, tab: "functions" });
   }
 
-  private update(): void {
+  /** `reread`: the state comes from the URL, not from the controls. */
+  private update(reread = false): void {
     const { tab, q } = this.state;
-    if (document.activeElement !== this.input) this.input.value = q;
-    if (q !== (this.found?.typed ?? "")) this.found = search(this.data, q);
+    if (reread || document.activeElement !== this.input) this.input.value = q;
+    const typed = this.waits() ? "" : q;
+    if (typed !== (this.found?.typed ?? "")) this.found = search(this.data, typed);
     this.result.textContent = this.resultText();
     for (const name of kTabs) {
       const chosen = name === tab;
@@ -127,6 +135,11 @@ class Page {
       this.tabs.get(name)!.tabIndex = chosen ? 0 : -1;
     }
     this.show(tab);
+  }
+
+  /** A pattern can hang the page. So it waits for Enter, also if a link contains it. */
+  private waits(): boolean {
+    return isPattern(this.state.q) && this.state.q !== this.confirmed;
   }
 
   private show(tab: Tab): void {
@@ -191,7 +204,9 @@ class Page {
   }
 
   private resultText(): string {
+    if (this.waits()) return "Press Enter to search";
     if (!this.found) return "";
+    if (this.found.problem !== "") return `Not a valid pattern: ${this.found.problem}`;
     const { functionCount, groupCount, bytes } = this.found;
     const whole = this.data.totals.listedBytes + this.data.totals.javaBytes;
     return (

@@ -5,6 +5,7 @@ import type { Data, FunctionInfo } from "./data.js";
 
 export interface Found {
   typed: string;
+  problem: string; // of the pattern; "" for none
   functions: Uint8Array; // 1 for a match, by function
   groups: Uint8Array; // 1 for a group with a match on its stack
   functionCount: number;
@@ -12,17 +13,17 @@ export interface Found {
   bytes: number;
 }
 
-/** Matches functions with a part of their texts, with a /regular expression/, or with an =exact name. */
+/** Whether the text is a /regular expression/. These can take very long. */
+export function isPattern(typed: string): boolean {
+  return /^\/.+\/$/.test(typed);
+}
+
+/** Matches functions with a part of their texts, with a /regular expression/, or with an =exact name. Throws for an invalid one. */
 function matcher(typed: string): (info: FunctionInfo) => boolean {
   if (typed.startsWith("=")) return ({ name }) => name === typed.slice(1);
-  const expression = /^\/(.+)\/$/.exec(typed);
-  if (expression) {
-    try {
-      const pattern = new RegExp(expression[1]!, "im");
-      return ({ lower }) => pattern.test(lower);
-    } catch {
-      return () => false; // not finished typing
-    }
+  if (isPattern(typed)) {
+    const pattern = new RegExp(typed.slice(1, -1), "im");
+    return ({ lower }) => pattern.test(lower);
   }
   const part = typed.toLowerCase();
   return ({ lower }) => lower.includes(part);
@@ -31,7 +32,13 @@ function matcher(typed: string): (info: FunctionInfo) => boolean {
 /** The functions whose name, library or source file matches; null for an empty text. */
 export function search(data: Data, typed: string): Found | null {
   if (typed === "") return null;
-  const matches = matcher(typed);
+  let problem = "";
+  let matches: ReturnType<typeof matcher> = () => false;
+  try {
+    matches = matcher(typed);
+  } catch (error) {
+    problem = String(error).replace(/^.*: /, "");
+  }
   const functions = Uint8Array.from(data.functions, (info) => (info.lower !== "" && matches(info) ? 1 : 0));
   const groups = new Uint8Array(data.count);
   const { start, functions: stacks } = data.stacks;
@@ -47,5 +54,5 @@ export function search(data: Data, typed: string): Found | null {
     }
   }
   const functionCount = functions.reduce((sum, match) => sum + match, 0);
-  return { typed, functions, groups, functionCount, groupCount, bytes };
+  return { typed, problem, functions, groups, functionCount, groupCount, bytes };
 }
