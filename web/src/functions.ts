@@ -129,6 +129,7 @@ export class FunctionsTab {
     for (let id = 0; id < data.functions.length; ++id) if (sums.total[id]! > 0 || sums.change[id] !== 0) this.all.push(id);
     this.table = new Table({
       ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
+      tie: (id) => sums.total[id]!,
       main: "where",
       columns: [
         {
@@ -148,6 +149,11 @@ export class FunctionsTab {
   update(found: Found | null, picked: number): void {
     this.table.show(found ? this.all.filter((id) => found.functions[id] === 1) : this.all);
     this.showPanel(picked);
+  }
+
+  /** For paper. Returns what undoes it. */
+  startPrinting(): () => void {
+    return this.table.startPrinting();
   }
 
   private functionCell(id: number): HTMLElement {

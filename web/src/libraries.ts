@@ -32,6 +32,7 @@ export class LibrariesTab {
     const name = (row: number) => (row === none ? "[unknown]" : data.libraryName(row));
     this.table = new Table({
       ...{ id: "libraries", caption: "Libraries by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
+      tie: (row) => sums.total[row]!,
       main: "where",
       columns: [
         {

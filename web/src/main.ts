@@ -40,7 +40,9 @@ class Page {
   /** The parts of each tab. They are made when the tab is first shown. */
   private readonly views = new Map<Tab, () => void>();
   private readonly graphs: FlameTab[] = [];
+  private functions: FunctionsTab | null = null;
   private libraries: LibrariesTab | null = null;
+  private printed = () => {}; // undoes what printing changed
   private readonly result = el("output", { id: "found" });
   private readonly input = el("input", {
     ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
@@ -153,7 +155,7 @@ class Page {
     const { data } = this;
     const pick = (f: number) => this.pick(f);
     if (tab === "functions") {
-      const view = new FunctionsTab(data, this.sums, pick, (q) => this.set({ q, tab: "stacks" }));
+      const view = (this.functions = new FunctionsTab(data, this.sums, pick, (q) => this.set({ q, tab: "stacks" })));
       panel.append(view.element);
       return () => view.update(this.found, this.state.f);
     }
@@ -164,11 +166,18 @@ class Page {
       return () => view.update(this.found);
     }
     if (tab === "stacks") return this.makeStacks(panel, "stacks", () => true);
-    panel.append(growthView(data));
-    if (!data.isDiff) return () => {};
+    const growth = el("div");
+    let shown: Found | null | undefined;
+    panel.append(growth);
+    const update = () => {
+      if (this.found !== shown) growth.replaceChildren(growthView(data, this.found));
+      shown = this.found;
+    };
+    if (!data.isDiff) return update;
     const flame = this.makeFlame(panel, "change");
     const stacks = this.makeStacks(panel, "changes", (group) => data.status(group) !== "same");
     return () => {
+      update();
       flame();
       stacks();
     };
@@ -247,7 +256,21 @@ class Page {
   /** On paper: the totals, the top of the functions and the flame graph. */
   private print(on: boolean): void {
     setPrinting(on);
-    if (on) for (const tab of ["functions", "flame"] as const) this.show(tab);
+    const { found, state } = this;
+    if (on) {
+      // Paper does not show the search: print all.
+      this.found = null;
+      this.state = { ...state, zoom: "" };
+      for (const tab of ["functions", "flame"] as const) this.show(tab);
+      const undo = this.functions!.startPrinting();
+      this.printed = () => {
+        [this.found, this.state] = [found, state];
+        for (const tab of ["functions", "flame"] as const) this.show(tab);
+        undo();
+      };
+    } else {
+      this.printed();
+    }
     for (const graph of this.graphs) graph.graph.setPrinting(on);
     this.recolour();
     if (!on) this.update();

@@ -5,6 +5,7 @@ import type { Data, FunctionInfo } from "./data.js";
 
 export interface Found {
   typed: string;
+  matches: Matcher;
   problem: string; // of the pattern; "" for none
   functions: Uint8Array; // 1 for a match, by function
   groups: Uint8Array; // 1 for a group with a match on its stack
@@ -13,13 +14,15 @@ export interface Found {
   bytes: number;
 }
 
+type Matcher = (info: Pick<FunctionInfo, "name" | "lower">) => boolean;
+
 /** Whether the text is a /regular expression/. These can take very long. */
 export function isPattern(typed: string): boolean {
   return /^\/.+\/$/.test(typed);
 }
 
 /** Matches functions with a part of their texts, with a /regular expression/, or with an =exact name. Throws for an invalid one. */
-function matcher(typed: string): (info: FunctionInfo) => boolean {
+function matcher(typed: string): Matcher {
   if (typed.startsWith("=")) return ({ name }) => name === typed.slice(1);
   if (isPattern(typed)) {
     const pattern = new RegExp(typed.slice(1, -1), "im");
@@ -33,7 +36,7 @@ function matcher(typed: string): (info: FunctionInfo) => boolean {
 export function search(data: Data, typed: string): Found | null {
   if (typed === "") return null;
   let problem = "";
-  let matches: ReturnType<typeof matcher> = () => false;
+  let matches: Matcher = () => false;
   try {
     matches = matcher(typed);
   } catch (error) {
@@ -54,5 +57,5 @@ export function search(data: Data, typed: string): Found | null {
     }
   }
   const functionCount = functions.reduce((sum, match) => sum + match, 0);
-  return { typed, problem, functions, groups, functionCount, groupCount, bytes };
+  return { typed, matches, problem, functions, groups, functionCount, groupCount, bytes };
 }

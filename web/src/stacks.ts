@@ -105,9 +105,8 @@ export class StacksTab {
   /** Short names, innermost first, without the unresolved ones if these are hidden. */
   private names(group: number): string[] {
     const { start, functions } = this.hideUnresolved ? this.data.resolvedStacks() : this.data.stacks;
-    const end = Math.min(start[group + 1]!, start[group]! + kCallersShown);
     const names: string[] = [];
-    for (let at = start[group]!; at < end; ++at) {
+    for (let at = start[group]!; at < start[group + 1]! && names.length < kCallersShown; ++at) {
       const { short } = this.data.functions[functions[at]!]!;
       // A function that calls itself says nothing new.
       if (names.at(-1) !== short) names.push(short);

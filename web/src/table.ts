@@ -21,6 +21,8 @@ export interface TableOptions {
   caption: string;
   columns: Column[];
   sortBy: string; // key of a column
+  /** Orders rows whose values are equal, largest first. */
+  tie?: (row: number) => number;
   main: string; // key of the column that names the row, and has the button
   /** What a row opens to; or what a click on it does. */
   detail?: (row: number) => HTMLElement;
@@ -71,6 +73,24 @@ export class Table {
     (button ?? this.head.querySelector("button"))?.focus();
   }
 
+  /** For paper: the first page in the first order. Returns what undoes it. */
+  startPrinting(): () => void {
+    const { sortBy, ascending, page } = this;
+    this.sortBy = this.options.columns.find(({ key }) => key === this.options.sortBy)!;
+    this.ascending = false;
+    this.drawHead();
+    this.page = 0;
+    this.sort([...this.rows]);
+    return () => {
+      this.sortBy = sortBy;
+      this.ascending = ascending;
+      this.drawHead();
+      this.sort([...this.rows]);
+      this.page = page * kRowsPerPage < this.rows.length ? page : 0;
+      this.draw();
+    };
+  }
+
   /** Marks a row; -1 for none. */
   setCurrent(row: number): void {
     this.current = row;
@@ -102,6 +122,7 @@ export class Table {
 
   private sort(rows: number[]): void {
     const { value } = this.sortBy;
+    const { tie = () => 0 } = this.options;
     // Computes each value once.
     const values: (number | string)[] = [];
     for (const row of rows) values[row] = value(row);
@@ -109,7 +130,7 @@ export class Table {
     rows.sort((a, b) => {
       const [x, y] = [values[a]!, values[b]!];
       if (x !== x || y !== y) return Number(x !== x) - Number(y !== y) || a - b;
-      return (x < y ? -sign : x > y ? sign : 0) || a - b;
+      return (x < y ? -sign : x > y ? sign : 0) || tie(b) - tie(a) || a - b;
     });
     if (rows.length !== this.rows.length || rows.some((row, at) => row !== this.rows[at])) this.page = 0;
     this.rows = rows;
