@@ -40,6 +40,11 @@ export function ageCounts(data: Data, group: number): string[] {
   return texts;
 }
 
+/** How many of the group's blocks have a known age. */
+export function agedBlocks(data: Data, group: number): number {
+  return data.groups.ages[group]!.reduce((sum, figure, at) => sum + (at % 2 === 1 ? figure : 0), 0);
+}
+
 /** What the ages show about growth, in a sentence. */
 export function ageSentence(data: Data, group: number): string {
   const pattern = data.pattern(group);

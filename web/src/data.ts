@@ -5,6 +5,7 @@
 import { shortName } from "./names.js";
 
 export interface Process {
+  name?: string; // for users
   program: string;
   arguments: string[];
   pid: number;
@@ -310,11 +311,23 @@ async function unpack(packed: string): Promise<string> {
   return new Response(new Blob([bytes]).stream().pipeThrough(new DecompressionStream("gzip"))).text();
 }
 
+/** Escapes the invisible characters of all texts in `value`: they can make a name look like another one. */
+function visible<T>(value: T): T {
+  if (typeof value === "string") {
+    const escaped = value.replace(/[\p{Cc}\p{Cf}\u2028\u2029]/gu, (character) => `\\u{${character.codePointAt(0)!.toString(16)}}`);
+    return escaped as T;
+  }
+  if (Array.isArray(value)) return value.map(visible) as T;
+  if (typeof value !== "object" || value === null) return value;
+  return Object.fromEntries(Object.entries(value).map(([key, member]) => [key, visible(member)])) as T;
+}
+
 /** Reads the data of the page. Rejects with an error that can be shown. */
 export async function readData(packed: string): Promise<Data> {
   const page = JSON.parse(await unpack(packed)) as PageData;
   if (page.format !== "memleak-page" || page.version !== 1) {
     throw new Error(`This page shows memleak-page version 1, not ${page.format} ${page.version}.`);
   }
-  return new Data(page);
+  const { report, base, libraries, trend, strings } = page;
+  return new Data({ ...page, ...visible({ report, base, libraries, trend, strings }) });
 }

@@ -82,8 +82,8 @@ export class FlameGraph {
 
   draw(): void {
     const width = this.printing ? kPrintWidth : this.scroller.clientWidth;
+    this.drawn = width; // 0 while hidden: it is drawn when it is shown again
     if (width === 0) return;
-    this.drawn = width;
     this.current = null;
     this.boxes = layOut(this.tree, this.focus, width, kLeast);
     this.paint();
@@ -109,6 +109,7 @@ export class FlameGraph {
       context.fillStyle = this.colour(node);
       context.fillRect(x, y, Math.max(width - 0.6, 0.5), kLevel - 1);
       if (width < kLeastLabel) continue;
+      context.globalAlpha = 1;
       context.fillStyle = colours.text;
       context.fillText(fit(context, this.name(node), width - 8), x + 4, y + kLevel / 2, width - 6);
     }

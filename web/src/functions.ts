@@ -16,7 +16,7 @@ export interface Sums {
   self: Float64Array; // bytes of the groups whose innermost frame it is
   total: Float64Array; // of the groups that have it on their stacks, each counted once
   blocks: Float64Array; // of these
-  selfChange: Float64Array; // in bytes, without groups that are not judged
+  selfChange: Float64Array; // in bytes, of the groups that are judged; NaN if none is
   change: Float64Array;
 }
 
@@ -27,6 +27,7 @@ export function sumsBy(data: Data, count: number, keyOf: (id: number) => number)
     ...{ blocks: new Float64Array(count), change: new Float64Array(count), selfChange: new Float64Array(count) },
   };
   const keys = Int32Array.from(data.functions, (_, id) => (id === data.cutFunction ? -1 : keyOf(id)));
+  const doubt = { self: new Uint8Array(count), total: new Uint8Array(count) }; // 1: not judged, 2: judged, 3: both
   const last = new Int32Array(count).fill(-1); // group that was counted
   const { start, functions } = data.stacks;
   for (let group = 0; group < data.count; ++group) {
@@ -40,13 +41,19 @@ export function sumsBy(data: Data, count: number, keyOf: (id: number) => number)
       if (at === begin) {
         sums.self[key]! += bytes;
         sums.selfChange[key]! += change;
+        doubt.self[key]! |= judged ? 2 : 1;
       }
       if (last[key] === group) continue; // a recursive function counts once
       last[key] = group;
       sums.total[key]! += bytes;
       sums.blocks[key]! += blocks;
       sums.change[key]! += change;
+      doubt.total[key]! |= judged ? 2 : 1;
     }
+  }
+  for (let key = 0; data.isDiff && key < count; ++key) {
+    if (doubt.self[key] === 1) sums.selfChange[key] = NaN;
+    if (doubt.total[key] === 1) sums.change[key] = NaN;
   }
   return sums;
 }
@@ -99,7 +106,9 @@ function changeColumn(key: string, title: string, hint: string, changes: Float64
   return { key, title, hint, number: true, value, cell: (row) => changeText(changes[row]!) };
 }
 
+/** A change in its colour; NaN is not known. */
 export function changeText(change: number): HTMLElement {
+  if (Number.isNaN(change)) return el("span", { title: "not judged" }, "–");
   const status = change > 0 ? "grew" : change < 0 ? "shrank" : "same";
   return el("span", { "data-status": status }, signed(change, formatBytes));
 }
@@ -115,11 +124,12 @@ export class FunctionsTab {
     private readonly data: Data,
     private readonly sums: Sums,
     private readonly pick: (id: number) => void,
-    private readonly showStacks: (name: string) => void,
+    private readonly showStacks: (search: string) => void,
   ) {
     for (let id = 0; id < data.functions.length; ++id) if (sums.total[id]! > 0 || sums.change[id] !== 0) this.all.push(id);
     this.table = new Table({
       ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
+      tie: (id) => sums.total[id]!,
       main: "where",
       columns: [
         {
@@ -139,6 +149,11 @@ export class FunctionsTab {
   update(found: Found | null, picked: number): void {
     this.table.show(found ? this.all.filter((id) => found.functions[id] === 1) : this.all);
     this.showPanel(picked);
+  }
+
+  /** For paper. Returns what undoes it. */
+  startPrinting(): () => void {
+    return this.table.startPrinting();
   }
 
   private functionCell(id: number): HTMLElement {
@@ -164,8 +179,8 @@ export class FunctionsTab {
         "div",
         { class: "sandwich-head" },
         el("h2", { tabindex: -1 }, el("code", {}, cutText(name, 600))),
-        el("button", { type: "button", onclick: () => this.showStacks(name) }, "Its stacks"),
-        el("button", { type: "button", onclick: () => this.pick(-1) }, "Close"),
+        el("button", { type: "button", onclick: () => this.showStacks(`=${name}`) }, "Its stacks"),
+        el("button", { type: "button", onclick: () => this.close(id) }, "Close"),
       ),
       el(
         "p",
@@ -179,6 +194,11 @@ export class FunctionsTab {
     this.panel.scrollIntoView({ block: "nearest" });
   }
 
+  private close(id: number): void {
+    this.pick(-1);
+    this.table.focusRow(id);
+  }
+
   private side(title: string, id: number, inward: boolean): HTMLElement {
     const walk = { stacks: this.data.stacks, measure: "bytes" as const, inward, from: id };
     const tree = new CallTree(this.data, walk, [...Array(this.data.count).keys()]);
@@ -190,7 +210,7 @@ export class FunctionsTab {
   /** The children of a node. Each opens to its own. */
   private list(tree: CallTree, parent: TreeNode): HTMLElement {
     const list = el("ul", { class: "calls" });
-    const children = tree.children(parent);
+    const children = [...tree.children(parent)].sort((a, b) => b.held - a.held);
     const add = (from: number) => {
       for (const node of children.slice(from, from + kListed)) list.append(this.call(tree, node));
       const rest = children.length - from - kListed;
@@ -210,7 +230,7 @@ export class FunctionsTab {
 
   private call(tree: CallTree, node: TreeNode): HTMLElement {
     const { short, name, unresolved } = this.data.functions[node.id]!;
-    const whole = tree.root.width;
+    const whole = tree.root.held;
     const line = el("li");
     const toggle = el("button", {
       ...{ type: "button", class: "toggle", "aria-expanded": "false" },
@@ -239,8 +259,12 @@ export class FunctionsTab {
     const leaf = tree.children(node).length === 0;
     if (leaf) toggle.classList.add("leaf");
     toggle.disabled = leaf;
-    const figures = el("span", { class: "figures" }, formatBytes(node.after), " ", el("span", {}, formatShare(node.width, whole)));
-    line.append(el("div", { class: "call" }, toggle, shareBar(node.width / whole), figures, link));
+    const figures = el("span", { class: "figures" }, formatBytes(node.held), " ", el("span", {}, formatShare(node.held, whole)));
+    if (this.data.isDiff) {
+      const judged = node.notJudged < node.end - node.begin;
+      figures.append(" ", changeText(judged ? node.after - node.before : NaN));
+    }
+    line.append(el("div", { class: "call" }, toggle, shareBar(whole > 0 ? node.held / whole : 0), figures, link));
     return line;
   }
 }

@@ -6,23 +6,26 @@ import { patternMeaning, svgElement } from "./ages.js";
 import { kPatterns, type Data, type Trend } from "./data.js";
 import { el, formatAge, formatBytes, formatCount, formatShare, plural, shareBar, signed } from "./dom.js";
 import { cutText, shortName } from "./names.js";
+import type { Found } from "./search.js";
 
 const kLines = 10;
 const kNames = 6;
+const kLabel = 14; // pixels between labels
 
-/** What grew, without the table and the graph of a difference. */
-export function growthView(data: Data): HTMLElement {
+/** What grew, without the table and the graph of a difference. Only of the found stacks. */
+export function growthView(data: Data, found: Found | null): HTMLElement {
+  const groups = [...Array(data.count).keys()].filter((group) => !found || found.groups[group] === 1);
   const parts: (HTMLElement | null)[] = [];
-  if (data.trend && data.trend.reports.length > 2) parts.push(trendView(data.trend));
-  if (data.isDiff) parts.push(changes(data));
-  else parts.push(agesView(data));
+  if (data.trend && data.trend.reports.length > 2) parts.push(trendView(data.trend, found));
+  if (data.isDiff) parts.push(changes(data, groups));
+  else parts.push(agesView(data, groups));
   return el("div", {}, ...parts);
 }
 
 /** What the listed groups grew and shrank by, and how many are not judged. */
-function changes(data: Data): HTMLElement {
+function changes(data: Data, groups: number[]): HTMLElement {
   const sums = { grew: [0, 0], shrank: [0, 0], unknown: [0, 0] };
-  for (let group = 0; group < data.count; ++group) {
+  for (const group of groups) {
     const status = data.status(group);
     if (status === "same" || status === "") continue;
     const growth = data.after(group, "bytes") - data.before(group, "bytes");
@@ -40,7 +43,7 @@ function changes(data: Data): HTMLElement {
         { "data-figure": name },
         el("dt", {}, title),
         el("dd", { class: name }, text(bytes)),
-        el("dd", { class: "exact" }, `${signed(bytes, formatCount)} bytes, ${plural(groups, "stack")}`),
+        el("dd", { class: "exact" }, `${name === "unknown" ? formatCount(bytes) : signed(bytes, formatCount)} bytes, ${plural(groups, "stack")}`),
       ),
     );
   };
@@ -54,9 +57,9 @@ function changes(data: Data): HTMLElement {
   return el("div", {}, list, el("p", { class: "hint" }, note));
 }
 
-function agesView(data: Data): HTMLElement {
+function agesView(data: Data, groups: number[]): HTMLElement {
   const sums = new Map(kPatterns.map((pattern) => [pattern, { bytes: 0, groups: 0 }]));
-  for (let group = 0; group < data.count; ++group) {
+  for (const group of groups) {
     const sum = sums.get(data.pattern(group))!;
     sum.bytes += data.groups.total[group]!;
     ++sum.groups;
@@ -105,10 +108,20 @@ interface Line {
   slope: string;
 }
 
-function trendView(trend: Trend): HTMLElement {
+/** The slope of the least-squares line through the values, in bytes per minute; null without one. */
+function slope(seconds: number[], values: number[]): number | null {
+  const mean = (list: number[]) => list.reduce((sum, value) => sum + value, 0) / list.length;
+  const [middle, level] = [mean(seconds), mean(values)];
+  const spread = mean(seconds.map((at) => (at - middle) ** 2));
+  return spread > 0 ? (60 * mean(seconds.map((at, index) => (at - middle) * (values[index]! - level)))) / spread : null;
+}
+
+function trendView(trend: Trend, found: Found | null): HTMLElement {
+  const matches = ({ stack, libraries }: Trend["groups"][number]) =>
+    !found || stack.some((name, at) => found.matches({ name, lower: `${name}\n${libraries[at] ?? ""}`.toLowerCase() }));
   const seconds = trend.reports.map((report) => report.seconds);
   const totals = trend.reports.map((report) => report.bytes);
-  const grown = trend.groups.filter((group) => (group.growth ?? 0) > 0).slice(0, kLines);
+  const grown = trend.groups.filter((group) => (group.growth ?? 0) > 0 && matches(group)).slice(0, kLines);
   const lines = grown.map((group): Line => {
     const names = group.stack.slice(0, kNames).map(shortName);
     const line = group.line;
@@ -132,13 +145,15 @@ function trendView(trend: Trend): HTMLElement {
     ),
   );
   const whole = totals.at(-1)! - totals[0]!;
+  const perMinute = slope(seconds, totals);
+  const rate = perMinute === null ? "" : `, ${signed(Math.round(perMinute), formatBytes)}/min`;
   const titles = ["Line", "Growth", "Slope (95 %)", "Allocated by ← called by"];
   return el(
     "div",
     {},
-    el("h3", {}, `All bytes in ${plural(trend.reports.length, "report")}: ${signed(whole, formatBytes)} in ${formatAge(seconds.at(-1)!)}`),
+    el("h3", {}, `All bytes in ${plural(trend.reports.length, "report")}: ${signed(whole, formatBytes)} in ${formatAge(seconds.at(-1)!)}${rate}`),
     chart("All bytes held over time", seconds, [totals]),
-    lines.length === 0 ? el("p", {}, "No stack grew.") : el("h3", {}, `The ${plural(lines.length, "stack")} that grew most`),
+    lines.length === 0 ? el("p", {}, found ? "No stack that matches the search grew." : "No stack grew.") : el("h3", {}, `The ${plural(lines.length, "stack")} that grew most`),
     lines.length === 0 ? null : chart("Bytes of the stacks that grew most, over time", seconds, lines.map(({ values }) => values)),
     lines.length === 0
       ? null
@@ -195,14 +210,26 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
     const anchor = share === 0 ? "start" : share === 1 ? "end" : "middle";
     svg.append(svgText(left + share * (width - left - 10), height - 4, anchor, formatAge(share * last)));
   }
-  const labels: number[] = []; // their heights
+  const labels: { y: number; text: string }[] = [];
   lines.forEach((values, index) => {
     svg.append(svgElement("path", { ...stroke(index), d: linePath(values, x, y) }));
     const value = values.at(-1);
-    if (lines.length < 2 || value == null || labels.some((label) => Math.abs(label - y(value)) < 14)) return;
-    labels.push(y(value));
-    svg.append(svgText(x(values.length - 1) - 2, y(value) - 4, "end", String(index + 1)));
+    if (lines.length > 1 && value != null) labels.push({ y: y(value) - 4, text: String(index + 1) });
   });
+  // From the bottom up, each at least a line above the one below it.
+  labels.sort((a, b) => b.y - a.y);
+  let next = height - bottom - 2;
+  for (const label of labels) {
+    label.y = Math.min(label.y, next);
+    next = label.y - kLabel;
+  }
+  // Those pushed over the top move down again.
+  let least = kLabel - 2;
+  for (const { y: wanted, text } of labels.reverse()) {
+    const at = Math.max(wanted, least);
+    svg.append(svgText(x(seconds.length - 1) - 2, at, "end", text));
+    least = at + kLabel;
+  }
   return el("div", { class: "chart-frame" }, svg as unknown as HTMLElement);
 }
 

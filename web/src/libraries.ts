@@ -32,6 +32,7 @@ export class LibrariesTab {
     const name = (row: number) => (row === none ? "[unknown]" : data.libraryName(row));
     this.table = new Table({
       ...{ id: "libraries", caption: "Libraries by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
+      tie: (row) => sums.total[row]!,
       main: "where",
       columns: [
         {
@@ -59,6 +60,11 @@ export class LibrariesTab {
       if (!typed || typed[id] === 1) wanted.add(library < 0 ? this.data.libraries.length : library);
     });
     this.table.show(this.all.filter((row) => wanted.has(row)));
+  }
+
+  /** After a change of the colour scheme. */
+  recolour(): void {
+    this.table.redraw();
   }
 
   private detail(library: number): HTMLElement {

@@ -11,7 +11,7 @@ import { FlameTab } from "./flame_tab.js";
 import { FunctionsTab, type Sums, sumsBy } from "./functions.js";
 import { growthView } from "./growth.js";
 import { LibrariesTab } from "./libraries.js";
-import { type Found, search } from "./search.js";
+import { type Found, isPattern, search } from "./search.js";
 import { StacksTab } from "./stacks.js";
 import { kTabs, readState, type State, type Tab, writeState } from "./state.js";
 import { summary } from "./summary.js";
@@ -31,6 +31,7 @@ type Kind = "all" | "native" | "java";
 class Page {
   private state = readState();
   private found: Found | null = null;
+  private confirmed = ""; // the pattern that was searched with Enter
   private readonly colours: LibraryColours;
   private summed: Sums | null = null;
   private readonly all: number[];
@@ -39,12 +40,20 @@ class Page {
   /** The parts of each tab. They are made when the tab is first shown. */
   private readonly views = new Map<Tab, () => void>();
   private readonly graphs: FlameTab[] = [];
+  private functions: FunctionsTab | null = null;
+  private libraries: LibrariesTab | null = null;
+  private printed = () => {}; // undoes what printing changed
   private readonly result = el("output", { id: "found" });
   private readonly input = el("input", {
     ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
-    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear", "aria-label": "Search" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear. =NAME finds the function of exactly this name.", "aria-label": "Search" },
     oninput: settled(kTypingPause, () => this.searched()),
-    onchange: () => this.searched(), // at once with Enter
+    onchange: () => this.searched(),
+    onkeydown: (event) => {
+      if ((event as KeyboardEvent).key !== "Enter") return;
+      this.confirmed = this.input.value.trim();
+      this.searched();
+    },
   });
 
   constructor(private readonly data: Data) {
@@ -55,7 +64,7 @@ class Page {
     for (const event of ["hashchange", "popstate"]) {
       window.addEventListener(event, () => {
         this.state = readState();
-        this.update();
+        this.update(true);
       });
     }
     onSchemeChange(() => this.recolour());
@@ -114,10 +123,12 @@ class Page {
     this.set({ f, tab: "functions" });
   }
 
-  private update(): void {
+  /** `reread`: the state comes from the URL, not from the controls. */
+  private update(reread = false): void {
     const { tab, q } = this.state;
-    if (document.activeElement !== this.input) this.input.value = q;
-    if (q !== (this.found?.typed ?? "")) this.found = search(this.data, q);
+    if (reread || document.activeElement !== this.input) this.input.value = q;
+    const typed = this.waits() ? "" : q;
+    if (typed !== (this.found?.typed ?? "")) this.found = search(this.data, typed);
     this.result.textContent = this.resultText();
     for (const name of kTabs) {
       const chosen = name === tab;
@@ -126,6 +137,11 @@ class Page {
       this.tabs.get(name)!.tabIndex = chosen ? 0 : -1;
     }
     this.show(tab);
+  }
+
+  /** A pattern can hang the page. So it waits for Enter, also if a link contains it. */
+  private waits(): boolean {
+    return isPattern(this.state.q) && this.state.q !== this.confirmed;
   }
 
   private show(tab: Tab): void {
@@ -139,22 +155,29 @@ class Page {
     const { data } = this;
     const pick = (f: number) => this.pick(f);
     if (tab === "functions") {
-      const view = new FunctionsTab(data, this.sums, pick, (q) => this.set({ q, tab: "stacks" }));
+      const view = (this.functions = new FunctionsTab(data, this.sums, pick, (q) => this.set({ q, tab: "stacks" })));
       panel.append(view.element);
       return () => view.update(this.found, this.state.f);
     }
     if (tab === "flame") return this.makeFlame(panel, "library");
     if (tab === "libraries") {
-      const view = new LibrariesTab(data, this.sums, this.colours, pick);
+      const view = (this.libraries = new LibrariesTab(data, this.sums, this.colours, pick));
       panel.append(view.element);
       return () => view.update(this.found);
     }
     if (tab === "stacks") return this.makeStacks(panel, "stacks", () => true);
-    panel.append(growthView(data));
-    if (!data.isDiff) return () => {};
+    const growth = el("div");
+    let shown: Found | null | undefined;
+    panel.append(growth);
+    const update = () => {
+      if (this.found !== shown) growth.replaceChildren(growthView(data, this.found));
+      shown = this.found;
+    };
+    if (!data.isDiff) return update;
     const flame = this.makeFlame(panel, "change");
     const stacks = this.makeStacks(panel, "changes", (group) => data.status(group) !== "same");
     return () => {
+      update();
       flame();
       stacks();
     };
@@ -190,7 +213,9 @@ class Page {
   }
 
   private resultText(): string {
+    if (this.waits()) return "Press Enter to search";
     if (!this.found) return "";
+    if (this.found.problem !== "") return `Not a valid pattern: ${this.found.problem}`;
     const { functionCount, groupCount, bytes } = this.found;
     const whole = this.data.totals.listedBytes + this.data.totals.javaBytes;
     return (
@@ -225,12 +250,27 @@ class Page {
 
   private recolour(): void {
     for (const graph of this.graphs) graph.recolour();
+    this.libraries?.recolour();
   }
 
   /** On paper: the totals, the top of the functions and the flame graph. */
   private print(on: boolean): void {
     setPrinting(on);
-    if (on) for (const tab of ["functions", "flame"] as const) this.show(tab);
+    const { found, state } = this;
+    if (on) {
+      // Paper does not show the search: print all.
+      this.found = null;
+      this.state = { ...state, zoom: "" };
+      for (const tab of ["functions", "flame"] as const) this.show(tab);
+      const undo = this.functions!.startPrinting();
+      this.printed = () => {
+        [this.found, this.state] = [found, state];
+        for (const tab of ["functions", "flame"] as const) this.show(tab);
+        undo();
+      };
+    } else {
+      this.printed();
+    }
     for (const graph of this.graphs) graph.graph.setPrinting(on);
     this.recolour();
     if (!on) this.update();

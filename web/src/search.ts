@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The search: which functions and groups match the typed text. No DOM here.
 
-import type { Data } from "./data.js";
+import type { Data, FunctionInfo } from "./data.js";
 
 export interface Found {
   typed: string;
+  matches: Matcher;
+  problem: string; // of the pattern; "" for none
   functions: Uint8Array; // 1 for a match, by function
   groups: Uint8Array; // 1 for a group with a match on its stack
   functionCount: number;
@@ -12,26 +14,35 @@ export interface Found {
   bytes: number;
 }
 
-/** Matches lower-case texts against a part of them, or against a /regular expression/. */
-function matcher(typed: string): (text: string) => boolean {
-  const expression = /^\/(.+)\/$/.exec(typed);
-  if (expression) {
-    try {
-      const pattern = new RegExp(expression[1]!, "im");
-      return (text) => pattern.test(text);
-    } catch {
-      return () => false; // not finished typing
-    }
+type Matcher = (info: Pick<FunctionInfo, "name" | "lower">) => boolean;
+
+/** Whether the text is a /regular expression/. These can take very long. */
+export function isPattern(typed: string): boolean {
+  return /^\/.+\/$/.test(typed);
+}
+
+/** Matches functions with a part of their texts, with a /regular expression/, or with an =exact name. Throws for an invalid one. */
+function matcher(typed: string): Matcher {
+  if (typed.startsWith("=")) return ({ name }) => name === typed.slice(1);
+  if (isPattern(typed)) {
+    const pattern = new RegExp(typed.slice(1, -1), "im");
+    return ({ lower }) => pattern.test(lower);
   }
   const part = typed.toLowerCase();
-  return (text) => text.includes(part);
+  return ({ lower }) => lower.includes(part);
 }
 
 /** The functions whose name, library or source file matches; null for an empty text. */
 export function search(data: Data, typed: string): Found | null {
   if (typed === "") return null;
-  const matches = matcher(typed);
-  const functions = Uint8Array.from(data.functions, ({ lower }) => (lower !== "" && matches(lower) ? 1 : 0));
+  let problem = "";
+  let matches: Matcher = () => false;
+  try {
+    matches = matcher(typed);
+  } catch (error) {
+    problem = String(error).replace(/^.*: /, "");
+  }
+  const functions = Uint8Array.from(data.functions, (info) => (info.lower !== "" && matches(info) ? 1 : 0));
   const groups = new Uint8Array(data.count);
   const { start, functions: stacks } = data.stacks;
   let [groupCount, bytes] = [0, 0];
@@ -46,5 +57,5 @@ export function search(data: Data, typed: string): Found | null {
     }
   }
   const functionCount = functions.reduce((sum, match) => sum + match, 0);
-  return { typed, functions, groups, functionCount, groupCount, bytes };
+  return { typed, matches, problem, functions, groups, functionCount, groupCount, bytes };
 }

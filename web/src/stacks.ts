@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tab of stacks: the groups of blocks with one stack, as "function ← caller ← caller".
 
-import { ageBar, ageCounts, ageSentence, ageText, patternWord } from "./ages.js";
+import { ageBar, ageCounts, agedBlocks, ageSentence, ageText, patternWord } from "./ages.js";
 import type { Data } from "./data.js";
 import { el, formatBytes, formatCount, formatShare, longText, plural, shareBar } from "./dom.js";
 import { changeText } from "./functions.js";
@@ -105,9 +105,8 @@ export class StacksTab {
   /** Short names, innermost first, without the unresolved ones if these are hidden. */
   private names(group: number): string[] {
     const { start, functions } = this.hideUnresolved ? this.data.resolvedStacks() : this.data.stacks;
-    const end = Math.min(start[group + 1]!, start[group]! + kCallersShown);
     const names: string[] = [];
-    for (let at = start[group]!; at < end; ++at) {
+    for (let at = start[group]!; at < start[group + 1]! && names.length < kCallersShown; ++at) {
       const { short } = this.data.functions[functions[at]!]!;
       // A function that calls itself says nothing new.
       if (names.at(-1) !== short) names.push(short);
@@ -151,6 +150,7 @@ export class StacksTab {
     const { data } = this;
     const frames = data.framesOf(group);
     const counts = ageCounts(data, group);
+    const ages = agedBlocks(data, group) === data.groups.count[group]! ? "Blocks by age" : `Ages of ${formatCount(agedBlocks(data, group))} of ${plural(data.groups.count[group]!, "block")}`;
     const list = el("ol", { class: "stack" }, ...Array.from(frames, (frame) => this.frame(frame)));
     const cut = data.groups.cut[group] === "1" ? data.functions[data.cutFunction]!.name : null;
     return el(
@@ -158,7 +158,7 @@ export class StacksTab {
       {},
       el("p", {}, this.figures(group)),
       data.groups.count[group]! > 1 && counts.length > 0
-        ? el("p", {}, `${ageSentence(data, group)} Blocks by age: ${counts.join("; ")}.`)
+        ? el("p", {}, `${ageSentence(data, group)} ${ages}: ${counts.join("; ")}.`)
         : null,
       list,
       cut ? el("p", { class: "hint" }, `${cut}: its outer frames are missing`) : null,

@@ -8,7 +8,7 @@ export function summary(data: Data): HTMLElement {
   const { report, totals, base } = data;
   const held = formatBytes(totals.bytes);
   const change = base ? ` (${signed(totals.bytes - base.totals.bytes, formatBytes)})` : "";
-  const program = report.process ? fileName(report.process.program) : fileName(report.path);
+  const program = report.process ? report.process.name || fileName(report.process.program) : fileName(report.path);
   document.title = `${program}: ${held} held${change}`;
   return el(
     "header",
@@ -36,7 +36,8 @@ function facts(data: Data): string[] {
   const java = totals.javaBytes > 0 ? [`and ${formatBytes(totals.javaBytes)} Java-native in ${plural(totals.javaGroups, "group")}`] : [];
   const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes)`] : [];
   const where = process ? [`pid ${process.pid} on ${process.host}`] : [];
-  const when = process ? `${formatDate(report.made)}, recorded for ${formatAge(process.written - process.since)}` : `written ${formatDate(report.made)}`;
+  const recorded = process && process.kinds.length > 0 ? `recorded for ${formatAge(process.written - process.since)}` : "recording was off";
+  const when = process ? `${formatDate(report.made)}, ${recorded}` : `written ${formatDate(report.made)}`;
   return [exact, plural(totals.groups, groups), ...old, ...java, ...where, when];
 }
 
@@ -64,7 +65,7 @@ function origin(title: string, report: Report): HTMLElement {
   const damage =
     report.damagedLines === 0 ? "no damaged lines" : `${plural(report.damagedLines, "damaged line")} left out`;
   const how = process
-    ? `; recorded from ${formatDate(process.since)}: ${process.kinds.join(", ")}, stacks by ${process.unwind}`
+    ? process.kinds.length === 0 ? "; recording was off" : `; recorded from ${formatDate(process.since)}: ${process.kinds.join(", ")}, stacks by ${process.unwind}`
     : "; such a report does not tell its program, all ages, or more than 1000 groups";
   return el(
     "div",

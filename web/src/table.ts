@@ -21,6 +21,8 @@ export interface TableOptions {
   caption: string;
   columns: Column[];
   sortBy: string; // key of a column
+  /** Orders rows whose values are equal, largest first. */
+  tie?: (row: number) => number;
   main: string; // key of the column that names the row, and has the button
   /** What a row opens to; or what a click on it does. */
   detail?: (row: number) => HTMLElement;
@@ -52,10 +54,41 @@ export class Table {
     );
   }
 
-  /** Shows these rows in the current order. */
+  /** Shows these rows in the current order, from the first page on if they are others. */
   show(rows: Iterable<number>): void {
-    this.rows = [...rows];
-    this.sort();
+    this.sort([...rows]);
+  }
+
+  /** Draws the rows again, for example in other colours. */
+  redraw(): void {
+    this.draw();
+  }
+
+  /** Turns to the row's page, and focuses its button; the head without such a row. */
+  focusRow(row: number): void {
+    const at = this.rows.indexOf(row);
+    if (at >= 0) this.page = Math.floor(at / kRowsPerPage);
+    this.draw();
+    const button = this.body.querySelector<HTMLElement>(`[data-row="${row}"] .toggle`);
+    (button ?? this.head.querySelector("button"))?.focus();
+  }
+
+  /** For paper: the first page in the first order. Returns what undoes it. */
+  startPrinting(): () => void {
+    const { sortBy, ascending, page } = this;
+    this.sortBy = this.options.columns.find(({ key }) => key === this.options.sortBy)!;
+    this.ascending = false;
+    this.drawHead();
+    this.page = 0;
+    this.sort([...this.rows]);
+    return () => {
+      this.sortBy = sortBy;
+      this.ascending = ascending;
+      this.drawHead();
+      this.sort([...this.rows]);
+      this.page = page * kRowsPerPage < this.rows.length ? page : 0;
+      this.draw();
+    };
   }
 
   /** Marks a row; -1 for none. */
@@ -83,21 +116,24 @@ export class Table {
     this.sortBy = column;
     this.drawHead();
     this.head.querySelector<HTMLElement>(`[data-sort=${column.key}]`)!.focus();
-    this.sort();
+    this.page = 0;
+    this.sort([...this.rows]);
   }
 
-  private sort(): void {
+  private sort(rows: number[]): void {
     const { value } = this.sortBy;
+    const { tie = () => 0 } = this.options;
     // Computes each value once.
     const values: (number | string)[] = [];
-    for (const row of this.rows) values[row] = value(row);
+    for (const row of rows) values[row] = value(row);
     const sign = this.ascending ? 1 : -1;
-    this.rows.sort((a, b) => {
+    rows.sort((a, b) => {
       const [x, y] = [values[a]!, values[b]!];
       if (x !== x || y !== y) return Number(x !== x) - Number(y !== y) || a - b;
-      return (x < y ? -sign : x > y ? sign : 0) || a - b;
+      return (x < y ? -sign : x > y ? sign : 0) || tie(b) - tie(a) || a - b;
     });
-    this.page = 0;
+    if (rows.length !== this.rows.length || rows.some((row, at) => row !== this.rows[at])) this.page = 0;
+    this.rows = rows;
     this.draw();
   }
 

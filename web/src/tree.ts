@@ -21,6 +21,7 @@ export interface TreeNode {
   width: number; // the larger one of before and after, summed over its groups
   before: number; // of its groups that are judged
   after: number;
+  held: number; // now, also by groups that are not judged
   notJudged: number; // how many of its groups are not
   parent: TreeNode | null;
   children: TreeNode[] | null;
@@ -99,7 +100,7 @@ export class CallTree {
     const small = this.children(parent).slice(first);
     const rest = this.node(kRest, parent.depth, small[0]!.begin, small.at(-1)!.end, parent);
     for (const child of small) {
-      for (const sum of ["width", "before", "after", "notJudged"] as const) rest[sum] += child[sum];
+      for (const sum of ["width", "before", "after", "held", "notJudged"] as const) rest[sum] += child[sum];
     }
     rest.children = small.map((child) => ({ ...child, parent: rest, children: null }));
     return rest;
@@ -128,7 +129,7 @@ export class CallTree {
   }
 
   private node(id: number, depth: number, begin: number, end: number, parent: TreeNode | null): TreeNode {
-    const sums = { width: 0, before: 0, after: 0, notJudged: 0 };
+    const sums = { width: 0, before: 0, after: 0, held: 0, notJudged: 0 };
     return { id, depth, begin, end, ...sums, parent, children: null };
   }
 
@@ -137,6 +138,7 @@ export class CallTree {
     const after = this.data.after(group, measure);
     const before = this.data.before(group, measure);
     node.width += before > after ? before : after;
+    node.held += after;
     if (this.data.isDiff && this.data.status(group) === "unknown") {
       ++node.notJudged;
     } else {
