@@ -264,7 +264,7 @@ void InitializeState() {
 }
 
 bool MakeStateFile(protocol::Refusal* refusal) {
-  if (file_owner.load() == getpid()) return true;
+  if (HasStateFile()) return true;
   if (platform::CapturedValue(platform::Variable::kRoot) == nullptr || making.test_and_set()) {
     return false;
   }
@@ -282,6 +282,10 @@ bool MakeStateFile(protocol::Refusal* refusal) {
   }
   making.clear();
   return fresh != nullptr;
+}
+
+bool HasStateFile() {
+  return file_owner.load() == getpid();
 }
 
 void ForkState(bool rested) {
