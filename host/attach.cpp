@@ -61,7 +61,7 @@ int FindFunctions(Reason& reason) {
 int EndFormerAttach(Reason& reason) {
   const int error = PrepareControlThread();
   if (error == ESRCH) return Refuse(reason, error, "the process exits");
-  return error == 0 ? 0 : Refuse(reason, error, "the thread of the former attach still runs");
+  return error == 0 ? 0 : Refuse(reason, EAGAIN, "the thread of the former attach still runs");
 }
 
 int RegisterHandlers(Reason& reason) {
@@ -73,12 +73,32 @@ int RegisterHandlers(Reason& reason) {
   return error == 0 ? 0 : Refuse(reason, error, strerror(error));
 }
 
-int MakeState(const char* root, Reason& reason) {
-  InitializeState();
+int MakeFile(const char* root, Reason& reason) {
   protocol::Refusal refusal;
   if (MakeStateFile(&refusal)) return 0;
   reason.Set("cannot make the state file in %s: %s", root, refusal.Reason());
   return refusal.error != 0 ? refusal.error : EINVAL;
+}
+
+int MakeState(const char* root, Reason& reason) {
+  InitializeState();
+  return MakeFile(root, reason);
+}
+
+/// In a child that was forked after the attach: makes its state file if it has none, as after a
+/// change of its user. It keeps what it records.
+int MakeOwnFile(const char* root, const char* log, const char* properties, Reason& reason) {
+  if (HasStateFile()) return 0;
+  int error = 0;
+  {
+    const WithoutControlThread stopped;
+    platform::CaptureValues(root, log, properties);
+    error = MakeFile(root, reason);
+  }
+  if (error != 0) return error;
+  StartControlThreadLater();
+  StartPendingThread();
+  return 0;
 }
 
 int Replace(Reason& reason) {
@@ -86,7 +106,7 @@ int Replace(Reason& reason) {
   const SlotScan scan = ReplaceSlots();
   int error = 0;
   if (scan.other_loader) {
-    error = Refuse(reason, EBUSY, "another copy of the loader is attached");
+    error = Refuse(reason, EEXIST, "another copy of the loader is attached");
   } else if (scan.unwritable != 0) {
     error = EACCES;
     reason.Set("cannot change the calls of %s",
@@ -104,10 +124,10 @@ int Attach(const char* root, const char* log, const char* properties, Reason& re
   if (CurrentForm() == Form::kPreloaded) {
     return Refuse(reason, EBUSY, "the process was started with the loader");
   }
-  if (CurrentForm() == Form::kAttached) return 0;
   if (root == nullptr || root[0] != '/') {
     return Refuse(reason, EINVAL, "the root directory is no absolute path");
   }
+  if (CurrentForm() == Form::kAttached) return MakeOwnFile(root, log, properties, reason);
   int error = FindFunctions(reason);
   if (error == 0) error = EndFormerAttach(reason);
   if (error != 0) return error;

@@ -118,8 +118,8 @@ bool EndsNow() {
   return false;
 }
 
-/// The last exit handler: it is registered first, and for no library, so that it runs after the
-/// destructors of all libraries. The tracker needs none of its own.
+/// The exit handler. A preloaded loader registers it first, and for no library, so that it runs
+/// after the destructors of all libraries. After an attach it runs before earlier handlers. The tracker needs none of its own.
 void AtExit(void*) {
   if (NothingToDo()) return;
   if (EndsNow()) {

@@ -280,7 +280,7 @@ void InitializeState(int argument_count, char* const* arguments) {
 }
 
 bool MakeStateFile(protocol::Refusal* refusal) {
-  if (file_owner.load() == getpid()) return true;
+  if (HasStateFile()) return true;
   if (platform::CapturedValue(platform::Variable::kRoot) == nullptr || making.test_and_set()) {
     return false;
   }
@@ -298,6 +298,10 @@ bool MakeStateFile(protocol::Refusal* refusal) {
   }
   making.clear();
   return fresh != nullptr;
+}
+
+bool HasStateFile() {
+  return file_owner.load() == getpid();
 }
 
 void ForkState(bool rested) {

@@ -37,6 +37,9 @@ void InitializeState(int argument_count = 0, char* const* arguments = nullptr);
 /// no control thread and no report runs. Returns whether the process has its file.
 bool MakeStateFile(protocol::Refusal* refusal = nullptr);
 
+/// Whether this process has made its state file.
+bool HasStateFile();
+
 /// In a forked child, on its only thread: leaves the parent's file. The child starts with what its
 /// parent records, and with no commands. `rested`: the parent had no command (IsAtRest).
 void ForkState(bool rested);

@@ -33,8 +33,8 @@ The root directory is made by the user of the process. If the process has other
 mounts, as in a container, --root and --log are paths in the process, and the
 tracker's two libraries are copied to the root directory.
 
-Not possible: programs that are linked statically or with an allocator that is,
-programs for musl, emulated programs and those of another architecture.
+Not possible: programs that are linked statically or contain an allocator, programs
+for musl, emulated programs and those of another architecture.
 
 Examples:
   memleak attach 4711
@@ -110,7 +110,7 @@ bool Has(const ProcessInfo& process, protocol::Form form) {
 void AttachOne(const AttachOptions& options, pid_t pid) {
   const ProcessInfo process = InspectProcess(pid);
   if (Has(process, protocol::Form::kPreloaded)) throw StartedByRun(process);
-  if (Has(process, protocol::Form::kAttached)) {
+  if (Has(process, protocol::Form::kAttached) && !process.has_state_of_parent) {
     std::cout << process.Label() << ": already attached" << std::endl;
   } else {
     const auto stood_still = AttachTo(process, options.places);

@@ -246,7 +246,7 @@ class Attachment {
       const char* why_not = code_->WhyNot(thread, stack);
       if (why_not == nullptr && !thread_) thread_ = thread;
       if (why_not == nullptr || linker_in_use_) continue;
-      // The call would wait for the lock of the dynamic linker, and could not be broken off.
+      // The call would wait for the lock of the dynamic linker, and could not be cancelled.
       linker_in_use_ = stack.Has(Place::kLinker);
       why_not_ = "thread " + std::to_string(thread.number) + " is " + why_not;
     }

@@ -151,7 +151,9 @@ ProcessInfo WithOwnState(ProcessInfo process) {
       throw UserError("process " + process.Label() +
                           ", a forked child, has made no state file; nothing was sent",
                       "start the program with a root directory that user " +
-                          std::to_string(process.user) + " can make, such as --root /tmp/NAME.%p");
+                          std::to_string(process.user) +
+                          " can make, such as --root /tmp/NAME.%p, or: memleak attach " +
+                          std::to_string(process.pid) + " --root /tmp/NAME.%p");
     }
     std::this_thread::sleep_for(kStartPoll);
     process = InspectProcess(process.pid);
