@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Looks at each tab: takes pictures in light and dark, wide and narrow, runs axe-core, walks with the
+// Looks at each tab: takes pictures, light and wide or dark and narrow, runs axe-core, walks with the
 // keyboard, prints, and measures a large report. The pictures are in the work directory.
 
 import assert from "node:assert/strict";
@@ -8,6 +8,7 @@ import { close, file, inWork, open, packages, rows, run, runTests, show, start, 
 import { large, line, report, server } from "./documents.js";
 
 const kTabs = ["functions", "flame", "stacks", "libraries", "growth"];
+const kLooks = { server: [["light", 1400], ["dark", 420]], changed: [["dark", 420]], watched: [["light", 1400]] };
 const kAxe = readFileSync(packages.resolve("axe-core/axe.min.js"), "utf8");
 
 /** A page of `memleak watch`: node grows and is watched for some seconds. */
@@ -44,22 +45,20 @@ const kPages = await pages();
 /** Each tab of a profile, of a difference and of several reports. Nothing is wider than the screen. */
 async function looksRight(browser) {
   for (const [name, html] of Object.entries(kPages)) {
-    for (const colorScheme of ["light", "dark"]) {
-      for (const width of [1400, 420]) {
-        const page = await open(browser, html, "", { colorScheme, viewport: { width, height: 900 } });
-        await page.evaluate(kAxe);
-        for (const tab of name === "server" ? kTabs : ["functions", "growth"]) {
-          await show(page, tab);
-          if (tab === "functions") await rows(page).nth(1).click();
-          if (tab === "stacks") await rows(page).first().locator(".toggle").click();
-          await page.screenshot({ path: inWork(`${name}-${tab}-${colorScheme}-${width}.png`) });
-          const { violations } = await page.evaluate(() => axe.run({ resultTypes: ["violations"] }));
-          const serious = violations.filter(({ impact }) => impact === "serious" || impact === "critical");
-          assert.deepEqual(serious.map(({ id, nodes }) => [tab, id, nodes[0].html]), []);
-          assert.equal(await page.evaluate(() => document.documentElement.scrollWidth), width, `${tab} fits`);
-        }
-        await close(page);
+    for (const [colorScheme, width] of kLooks[name]) {
+      const page = await open(browser, html, "", { colorScheme, viewport: { width, height: 900 } });
+      await page.evaluate(kAxe);
+      for (const tab of name === "server" ? kTabs : ["growth"]) {
+        await show(page, tab);
+        if (tab === "functions") await rows(page).nth(1).click();
+        if (tab === "stacks") await rows(page).first().locator(".toggle").click();
+        await page.screenshot({ path: inWork(`${name}-${tab}-${colorScheme}-${width}.png`) });
+        const { violations } = await page.evaluate(() => axe.run({ resultTypes: ["violations"] }));
+        const serious = violations.filter(({ impact }) => impact === "serious" || impact === "critical");
+        assert.deepEqual(serious.map(({ id, nodes }) => [tab, id, nodes[0].html]), []);
+        assert.equal(await page.evaluate(() => document.documentElement.scrollWidth), width, `${tab} fits`);
       }
+      await close(page);
     }
   }
 }

@@ -138,7 +138,7 @@ function trendView(trend: Trend, found: Found | null): HTMLElement {
     el(
       "tr",
       { class: "row" },
-      el("td", { class: "number", "data-label": "Line" }, sparkline(at, seconds, line.values)),
+      el("td", { "data-label": "Line" }, sparkline(at, seconds, line.values)),
       el("td", { class: "number", "data-label": "Growth" }, signed(line.growth, formatBytes)),
       el("td", { class: "number slope", "data-label": "Slope (95 %)" }, line.slope),
       el("td", { class: "where", "data-label": "Allocated by ← called by" }, el("code", { title: cutText(line.title, 2000) }, cutText(line.name, 400))),
@@ -161,7 +161,7 @@ function trendView(trend: Trend, found: Found | null): HTMLElement {
           "table",
           { id: "trends" },
           el("caption", {}, "Stacks that grew most, with their slopes"),
-          el("thead", {}, el("tr", {}, ...titles.map((title, at) => el("th", { scope: "col", class: at < 3 ? "number" : "" }, el("span", {}, title))))),
+          el("thead", {}, el("tr", {}, ...titles.map((title, at) => el("th", { scope: "col", class: at === 1 || at === 2 ? "number" : "" }, el("span", {}, title))))),
           el("tbody", {}, ...rows),
         ),
   );
