@@ -18,7 +18,7 @@ namespace {
 
 // Reading a large program on a busy machine.
 constexpr std::chrono::milliseconds kStartTimeout(60'000);
-constexpr std::chrono::milliseconds kCommandTimeout(10'000);
+constexpr std::chrono::milliseconds kReplyTimeout(10'000);
 
 // In the order of their DWARF numbers, then the program counter if it has none.
 const std::vector<std::string>& RegisterNames() {
@@ -102,7 +102,8 @@ Gdb::Gdb(const std::string& path, pid_t pid)
        // no breakpoints in the dynamic linker.
        "set sysroot /nonexistent", "set auto-solib-add off", "set libthread-db-search-path",
        // SIGINT is not among "all". SIGTRAP stops the process.
-       "handle all nostop noprint pass", "handle SIGINT nostop noprint pass", "file /proc/" + std::to_string(pid) + "/exe"},
+       "handle all nostop noprint pass", "handle SIGINT nostop noprint pass",
+       "file /proc/" + std::to_string(pid) + "/exe"},
       kStartTimeout);
 }
 
@@ -122,7 +123,7 @@ Gdb::Lines Gdb::ReadThreads() {
 #else
   values += ", -1";
 #endif
-  return Run({"thread apply all -q printf \"" + format + " %ld\\n\"" + values}, kCommandTimeout);
+  return Run({"thread apply all -q printf \"" + format + " %ld\\n\"" + values}, kReplyTimeout);
 }
 
 Gdb::Lines Gdb::RunToCommands(std::uint64_t address) const {
@@ -222,7 +223,7 @@ Lldb::Lines Lldb::AttachCommands(pid_t pid) const {
 
 Lldb::Lines Lldb::ReadThreads() {
   std::map<unsigned, pid_t> ids;
-  for (const std::string& line : Run({"thread list"}, kCommandTimeout)) {
+  for (const std::string& line : Run({"thread list"}, kReplyTimeout)) {
     const std::size_t at = line.find("thread #");
     unsigned number = 0;
     pid_t id = 0;
@@ -238,7 +239,7 @@ Lldb::Lines Lldb::ReadThreads() {
     std::map<std::string, std::string> values;
     for (const std::string& line :
          Run({"thread select " + std::to_string(number), "register read -f d" + names},
-             kCommandTimeout)) {
+             kReplyTimeout)) {
       char name[8];
       char value[32];
       if (std::sscanf(line.c_str(), " %7s = %31s", name, value) == 2) values[name] = value;
@@ -269,8 +270,8 @@ Lldb::Lines Lldb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
                                const std::vector<std::uint64_t>& arguments) const {
   const std::string select = "thread select " + std::to_string(thread.number);
   return {select, "register write sp " + std::to_string(stack),
-          "expression -u true -i true -a true -t 0 -f d -- " + CallText(address, arguments),
-          select, "register write sp " + std::to_string(thread.StackPointer())};
+          "expression -u true -i true -a true -t 0 -f d -- " + CallText(address, arguments), select,
+          "register write sp " + std::to_string(thread.StackPointer())};
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The properties file in a tracked process's root directory. If the process has other mounts, `root`
-// starts with "/proc/PID/root", and links do not lead out of that. Single-threaded.
+// The properties file in a tracked process's root directory. If the process has other mounts,
+// `root` starts with "/proc/PID/root", and links do not lead out of that. Single-threaded.
 #pragma once
 
 #include <cstdint>

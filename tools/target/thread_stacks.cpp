@@ -53,10 +53,13 @@ const std::set<std::string_view> kLinker = {"dlopen",
 
 // Also functions that wait under the lock of the thread stacks, which pthread_create needs.
 const std::set<std::string_view> kFork = {
-    "fork",       "_Fork",          "vfork",          "posix_spawn",  "posix_spawnp", "exit",
-    "quick_exit", "__cxa_finalize", "pthread_create", "pthread_exit", "setuid",       "setgid",
-    "seteuid",    "setegid",        "setreuid",       "setregid",     "setresuid",    "setresgid",
-    "setgroups",  "initgroups",     "pthread_setattr_default_np"};
+    "fork",         "_Fork",          "vfork",
+    "posix_spawn",  "posix_spawnp",   "exit",
+    "quick_exit",   "__cxa_finalize", "pthread_create",
+    "pthread_exit", "setuid",         "setgid",
+    "seteuid",      "setegid",        "setreuid",
+    "setregid",     "setresuid",      "setresgid",
+    "setgroups",    "initgroups",     "pthread_setattr_default_np"};
 
 // The code to which a signal handler returns: rt_sigreturn.
 #ifdef __aarch64__
