@@ -2,7 +2,7 @@
 // The ages of a group's blocks: a small bar on a logarithmic scale, and in words.
 
 import type { Data } from "./data.js";
-import { el, formatAge, formatCount } from "./dom.js";
+import { formatAge, formatCount } from "./dom.js";
 
 const kWidth = 64; // pixels of a bar
 
@@ -24,7 +24,7 @@ export function patternWord(data: Data, group: number): string {
 export function ageText(data: Data, group: number): string {
   const [youngest, oldest] = [data.groups.youngest[group]!, data.groups.oldest[group]!];
   if (oldest === null || youngest === null) return "–";
-  const range = youngest === oldest ? formatAge(oldest) : `${formatAge(youngest)}–${formatAge(oldest)}`;
+  const range = formatAge(youngest) === formatAge(oldest) ? formatAge(oldest) : `${formatAge(youngest)}–${formatAge(oldest)}`;
   return data.groups.ownAges[group] === "1" ? range : `about ${range}`;
 }
 
@@ -85,9 +85,4 @@ export function svgElement(name: string, attributes: Record<string, string | num
 /** A figure of the ages' meaning for the growth tab: the words of each pattern. */
 export function patternMeaning(pattern: keyof typeof kMeaning): string {
   return kMeaning[pattern];
-}
-
-/** The text with a faint look. */
-export function faint(text: string): HTMLElement {
-  return el("small", {}, text);
 }

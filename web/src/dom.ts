@@ -116,7 +116,7 @@ export function settled(delay: number, action: () => void): () => void {
   };
 }
 
-/** A bar for a share of 0 to 1, with a darker part for `inner`, and its per cent as text. */
+/** A bar for a share of 0 to 1, with a darker part for `inner`. It has no text. */
 export function shareBar(share: number, inner = share): HTMLElement {
   const bar = el("span", { class: "bar", "aria-hidden": "true" });
   bar.style.setProperty("--share", `${(100 * Math.min(1, share)).toFixed(2)}%`);

@@ -103,7 +103,7 @@ export class FlameTab {
         entry(
           this.colours.of(library),
           longText(this.data.libraryName(library), 60),
-          el("small", {}, ` in stacks of ${formatBytes(bytes)}`),
+          el("small", {}, ` on stacks that hold ${formatBytes(bytes)}`),
         ),
       ),
       ...(others > 0 ? [el("li", {}, el("small", {}, `and ${others} more`))] : []),

@@ -185,8 +185,8 @@ export class FunctionsTab {
       el(
         "p",
         {},
-        `${this.data.libraryName(library) || "no library"}: ${formatBytes(self[id]!)} itself, ` +
-          `${formatBytes(total[id]!)} in ${plural(blocks[id]!, "block")} with all that it calls.`,
+        `${this.data.libraryName(library) || "no library"}: allocates ${formatBytes(self[id]!)} itself, ` +
+          `and ${formatBytes(total[id]!)} in ${plural(blocks[id]!, "block")} including its callees.`,
       ),
       el("div", { class: "sides" }, this.side("Callers", id, false), this.side("Callees", id, true)),
     );

@@ -52,8 +52,9 @@ function changes(data: Data, groups: number[]): HTMLElement {
   if (sums.unknown[1] === 0) return list;
   add("unknown", "Not judged", formatBytes);
   const note =
-    "Groups are not judged (status: unknown) if one report lists them, or call sites of them, and the " +
-    "other one omits groups. A report lists its 1000 largest groups; no option changes that.";
+    "One report lists these groups, or call sites of them, and the other one omits groups. " +
+    "So their change is not known (status: unknown)." +
+    (data.report.process && data.base?.report.process ? "" : " A report lists its 1000 largest groups; no option changes that.");
   return el("div", {}, list, el("p", { class: "hint" }, note));
 }
 
@@ -71,13 +72,13 @@ function agesView(data: Data, groups: number[]): HTMLElement {
     return el(
       "tr",
       { class: "row" },
-      el("td", { class: "where", "data-label": "Ages say" }, el("b", {}, pattern), el("small", {}, ` ${patternMeaning(pattern)}`)),
+      el("td", { class: "where", "data-label": "Growth by age" }, el("b", {}, pattern), el("small", {}, ` ${patternMeaning(pattern)}`)),
       el("td", { class: "number", "data-label": "Bytes" }, formatBytes(bytes)),
       el("td", { class: "number share", "data-label": "%" }, bar),
       el("td", { class: "number", "data-label": "Stacks" }, formatCount(groups)),
     );
   });
-  const titles = ["Ages say", "Bytes", "%", "Stacks"];
+  const titles = ["Growth by age", "Bytes", "%", "Stacks"];
   return el(
     "div",
     {},

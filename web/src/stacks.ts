@@ -190,7 +190,7 @@ export class StacksTab {
     const callers = el("button", {
       ...{ type: "button", class: "link more", title: "Callers and callees", "aria-label": "Callers and callees" },
       onclick: () => this.pick(id),
-    }, "⇅");
+    }, "callers");
     return el(
       "li",
       {},

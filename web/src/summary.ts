@@ -8,7 +8,7 @@ export function summary(data: Data): HTMLElement {
   const { report, totals, base } = data;
   const held = formatBytes(totals.bytes);
   const change = base ? ` (${signed(totals.bytes - base.totals.bytes, formatBytes)})` : "";
-  const program = report.process ? report.process.name || fileName(report.process.program) : fileName(report.path);
+  const program = report.process ? report.process.name || fileName(report.process.program) : "Unknown program";
   document.title = `${program}: ${held} held${change}`;
   return el(
     "header",
@@ -22,7 +22,7 @@ export function summary(data: Data): HTMLElement {
       el("summary", {}, "How this was made"),
       origin(base ? "New report" : "Report", report),
       base ? origin("Old report", base.report) : null,
-      el("p", { class: "hint" }, "Functions that only pass memory on, such as operator new, xmalloc and g_malloc, are left out where memory is allocated."),
+      el("p", { class: "hint" }, "Allocation wrappers such as operator new, xmalloc and g_malloc are removed from the inner end of each stack."),
       missingSymbols(data),
     ),
   );
@@ -37,7 +37,7 @@ function facts(data: Data): string[] {
   const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes)`] : [];
   const where = process ? [`pid ${process.pid} on ${process.host}`] : [];
   const recorded = process && process.kinds.length > 0 ? `recorded for ${formatAge(process.written - process.since)}` : "recording was off";
-  const when = process ? `${formatDate(report.made)}, ${recorded}` : `written ${formatDate(report.made)}`;
+  const when = process ? `${formatDate(report.made)}, ${recorded}` : `report ${fileName(report.path)}, written ${formatDate(report.made)}`;
   return [exact, plural(totals.groups, groups), ...old, ...java, ...where, when];
 }
 
@@ -66,7 +66,7 @@ function origin(title: string, report: Report): HTMLElement {
     report.damagedLines === 0 ? "no damaged lines" : `${plural(report.damagedLines, "damaged line")} left out`;
   const how = process
     ? process.kinds.length === 0 ? "; recording was off" : `; recorded from ${formatDate(process.since)}: ${process.kinds.join(", ")}, stacks by ${process.unwind}`
-    : "; such a report does not tell its program, all ages, or more than 1000 groups";
+    : "; a report of this kind contains neither the program nor all ages, and at most 1000 groups";
   return el(
     "div",
     { class: "origin" },
@@ -99,7 +99,7 @@ function missingSymbols({ libraries }: Data): HTMLElement | null {
 }
 
 function formatDate(seconds: number): string {
-  return new Date(seconds * 1000).toLocaleString(undefined, { dateStyle: "medium", timeStyle: "medium" });
+  return new Date(seconds * 1000).toLocaleString(undefined, { ...{ year: "numeric", month: "short", day: "numeric" }, ...{ hour: "numeric", minute: "2-digit", second: "2-digit", timeZoneName: "short" } });
 }
 
 function fileName(path: string): string {
