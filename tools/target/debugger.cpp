@@ -207,8 +207,8 @@ Debugger::Lines Debugger::Run(const Lines& lines, milliseconds timeout) {
                   "try again; the process runs on");
 }
 
-// Stops the process after `timeout`. The process gets the signal, not the debugger, which would send
-// SIGINT on to it: no debugger hides SIGINT from the program and also stops at it.
+// Stops the process after `timeout`. The process gets the signal, not the debugger, which would
+// send SIGINT on to it: no debugger hides SIGINT from the program and also stops at it.
 bool Debugger::ReceiveOrStop(milliseconds timeout) {
   if (Receive(timeout)) return true;
   kill(target_, SIGTRAP);
@@ -299,8 +299,8 @@ std::optional<std::uint64_t> Debugger::Call(const StoppedThread& thread, std::ui
   return std::nullopt;
 }
 
-// Lets the debugger complete the call, restore the registers and detach, which it does at the end of
-// its input. A call that is broken off may hold locks of the process for ever.
+// Lets the debugger complete the call, restore the registers and detach, which it does at the end
+// of its input. A call that is broken off may hold locks of the process for ever.
 void Debugger::Leave() {
   const std::string debugger = std::to_string(child_);
   attached_ = false;

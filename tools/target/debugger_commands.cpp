@@ -102,7 +102,8 @@ Gdb::Gdb(const std::string& path, pid_t pid)
        // no breakpoints in the dynamic linker.
        "set sysroot /nonexistent", "set auto-solib-add off", "set libthread-db-search-path",
        // SIGINT is not among "all". SIGTRAP stops the process.
-       "handle all nostop noprint pass", "handle SIGINT nostop noprint pass", "file /proc/" + std::to_string(pid) + "/exe"},
+       "handle all nostop noprint pass", "handle SIGINT nostop noprint pass",
+       "file /proc/" + std::to_string(pid) + "/exe"},
       kStartTimeout);
 }
 
@@ -169,7 +170,10 @@ Gdb::Lines Gdb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
                {"set $executed = 0", "catch exec if ($executed = 1)",
                 "while !$executed && (long)$pc != " + entry, "continue", "if !$executed", select,
                 "end", "end", "delete", "if !$executed && (long)$pc == " + entry,
-                "printf \"$0 = %ld\\n\", $" + ResultRegister()});
+                "printf \"$0 = %ld\\n\", $" + ResultRegister(), "end",
+                // Returned, or not begun.
+                "if !$executed && ((long)$pc == " + entry +
+                    " || (long)$pc == " + std::to_string(address) + ")"});
   for (std::size_t i = 0; i < thread.registers.size(); ++i) {
     set("$" + RegisterNames()[i], thread.registers[i]);
   }
@@ -269,8 +273,8 @@ Lldb::Lines Lldb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
                                const std::vector<std::uint64_t>& arguments) const {
   const std::string select = "thread select " + std::to_string(thread.number);
   return {select, "register write sp " + std::to_string(stack),
-          "expression -u true -i true -a true -t 0 -f d -- " + CallText(address, arguments),
-          select, "register write sp " + std::to_string(thread.StackPointer())};
+          "expression -u true -i true -a true -t 0 -f d -- " + CallText(address, arguments), select,
+          "register write sp " + std::to_string(thread.StackPointer())};
 }
 
 }  // namespace
