@@ -234,7 +234,8 @@ class Attachment {
     // All threads compute: wait until one of them allocates.
     debugger_->RunTo(code_->Malloc(), kRunToMalloc);
     stopped_ = steady_clock::now();
-    return Choose(debugger_->Threads());
+    const std::vector<StoppedThread> later = debugger_->Threads();
+    return !code_->IsOutdated() && Choose(later);
   }
 
   // Chooses a thread that can call functions. Returns whether there is one.

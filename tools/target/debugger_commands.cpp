@@ -170,7 +170,10 @@ Gdb::Lines Gdb::CallCommands(const StoppedThread& thread, std::uint64_t stack,
                {"set $executed = 0", "catch exec if ($executed = 1)",
                 "while !$executed && (long)$pc != " + entry, "continue", "if !$executed", select,
                 "end", "end", "delete", "if !$executed && (long)$pc == " + entry,
-                "printf \"$0 = %ld\\n\", $" + ResultRegister()});
+                "printf \"$0 = %ld\\n\", $" + ResultRegister(), "end",
+                // Returned, or not begun.
+                "if !$executed && ((long)$pc == " + entry +
+                    " || (long)$pc == " + std::to_string(address) + ")"});
   for (std::size_t i = 0; i < thread.registers.size(); ++i) {
     set("$" + RegisterNames()[i], thread.registers[i]);
   }

@@ -276,8 +276,9 @@ void ProcessCode::AddCLibrary(const LoadedLibrary& library, const std::vector<El
   functions_[library.bias + start] = {library.bias + end, Place::kAllocator};
 }
 
-bool ProcessCode::IsOutdated() const {
-  return CodeOf(ParseMaps(ReadMaps(process_.pid))) != code_;
+bool ProcessCode::IsOutdated() {
+  latest_mappings_ = ParseMaps(ReadMaps(process_.pid));
+  return CodeOf(latest_mappings_) != code_;
 }
 
 std::uint64_t ProcessCode::Function(const std::string& name) const {
@@ -319,11 +320,13 @@ const char* ProcessCode::WhyNot(const StoppedThread& thread, const Stack& stack)
   const std::uint64_t stack_pointer = thread.StackPointer();
   if (stack_pointer >= kGoHeap && stack_pointer < kGoHeapEnd) return "on the stack of a goroutine";
   const auto mapping =
-      std::find_if(mappings_.begin(), mappings_.end(), [&](const Mapping& candidate) {
+      std::find_if(latest_mappings_.begin(), latest_mappings_.end(), [&](const Mapping& candidate) {
         return stack_pointer >= candidate.start && stack_pointer < candidate.end;
       });
-  if (mapping != mappings_.end() && mapping->path != "[stack]" &&
-      stack_pointer - mapping->start < kStackRoom) {
+  if (mapping == latest_mappings_.end()) return "on an unknown stack";
+  // A block of the allocator may end just below.
+  if (mapping->path == "[heap]") return "on a stack in the heap";
+  if (mapping->path != "[stack]" && stack_pointer - mapping->start < kStackRoom) {
     return "on a small stack";
   }
   return nullptr;

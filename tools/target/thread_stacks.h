@@ -43,8 +43,9 @@ class ProcessCode {
   ProcessCode(const ProcessCode&) = delete;
   ProcessCode& operator=(const ProcessCode&) = delete;
 
-  /// Whether the process has loaded or closed libraries since.
-  bool IsOutdated() const;
+  /// Reads the memory map of the process. Returns whether it has loaded or closed libraries since
+  /// the constructor.
+  bool IsOutdated();
 
   /// The address of the C library's function `name`, 0 if it has none.
   std::uint64_t Function(const std::string& name) const;
@@ -55,7 +56,8 @@ class ProcessCode {
   /// The address of the malloc that the process uses; 0 if there is none.
   std::uint64_t Malloc() const { return malloc_; }
 
-  /// Why `thread` cannot be made to call functions; null if it can.
+  /// Why `thread` cannot be made to call functions; null if it can. Call IsOutdated first in each
+  /// stop: stacks are looked up in the latest memory map.
   const char* WhyNot(const StoppedThread& thread, const Stack& stack) const;
 
  private:
@@ -74,6 +76,7 @@ class ProcessCode {
   ProcessMemory memory_;
   std::string code_;  // the executable mappings
   std::vector<Mapping> mappings_;
+  std::vector<Mapping> latest_mappings_;
   std::map<std::uint64_t, Range> libraries_;
   std::map<std::uint64_t, Range> functions_;  // of the C library, hide libraries_
   std::map<std::string, std::uint64_t> addresses_;
