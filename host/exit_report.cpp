@@ -119,7 +119,8 @@ bool EndsNow() {
 }
 
 /// The exit handler. A preloaded loader registers it first, and for no library, so that it runs
-/// after the destructors of all libraries. After an attach it runs before earlier handlers. The tracker needs none of its own.
+/// after the destructors of all libraries. After an attach it runs before earlier handlers. The
+/// tracker needs none of its own.
 void AtExit(void*) {
   if (NothingToDo()) return;
   if (EndsNow()) {

@@ -17,7 +17,8 @@ namespace protocol {
 /// The paths are absolute, "%p" in them is replaced; `log` and `properties` may be empty: none.
 /// They may be on the caller's stack. Returns 0 if the process is attached or was attached already,
 /// else an errno value; then kAttachReason has one line and the process is as before. EBUSY: the
-/// loader was preloaded. A forked child without a state file gets one below `root`. Call it again after a detach to attach again.
+/// loader was preloaded. A forked child without a state file gets one below `root`. Call it again
+/// after a detach to attach again.
 inline constexpr char kAttachFunction[] = "memleak_attach";
 using AttachFunction = int(const char* root, const char* log, const char* properties);
 
