@@ -222,11 +222,9 @@ void ProcessCode::AddLibrary(const LoadedLibrary& library, const std::vector<Map
       malloc_ = library.bias + symbol.address;
     }
   }
-  if (Defines(symbols, "gnu_get_libc_version")) {
-    place = Place::kCLibrary;
-    AddCLibrary(library, symbols);
-  } else if (LastPart(library.path).starts_with("libpthread")) {
-    // Of glibc before 2.34.
+  // glibc before 2.34 has a library of its own for threads.
+  if (Defines(symbols, "gnu_get_libc_version") ||
+      LastPart(library.path).starts_with("libpthread")) {
     place = Place::kCLibrary;
     AddCLibrary(library, symbols);
   } else if (Defines(symbols, "__tls_get_addr")) {
