@@ -66,7 +66,7 @@ inline void CarryOut(uint64_t first, uint64_t second = 0, uint64_t count = 1) {
     CHECK(SendControlSignal(getpid(), i % 2 == 0 ? first : second));
   }
   // The handler may run late, on another thread.
-  for (int i = 0; i < 60'000 && pointer->load()->carried_out - before < count; usleep(1000)) {
+  for (int i = 0; i < 240'000 && pointer->load()->carried_out - before < count; usleep(1000)) {
     free(malloc(static_cast<size_t>(++i)));
   }
   CHECK(pointer->load()->carried_out - before >= count);

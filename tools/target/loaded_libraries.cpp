@@ -117,8 +117,12 @@ std::string FileOf(const ProcessInfo& process, const Mapping& mapping) {
   return path.str();
 }
 
-ProcessMemory::ProcessMemory(pid_t pid)
-    : file_(open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDWR | O_CLOEXEC)) {}
+ProcessMemory::ProcessMemory(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/mem";
+  file_ = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  // A policy may allow reads only.
+  if (file_ < 0) file_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+}
 
 ProcessMemory::~ProcessMemory() {
   if (file_ >= 0) close(file_);
