@@ -15,31 +15,31 @@
 namespace memleak {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 // Reading checks every index.
 
 // Without this check, get() would convert negative numbers and fractions.
-std::uint64_t Number(const json& object, const char* name) {
-  const json& value = object.at(name);
+std::uint64_t Number(const Json& object, const char* name) {
+  const Json& value = object.at(name);
   if (value.is_number_unsigned()) return value.get<std::uint64_t>();
   throw std::out_of_range(std::string("\"") + name + "\" is not a whole number");
 }
 
-std::string Text(const json& object, const char* name) {
+std::string Text(const Json& object, const char* name) {
   return object.at(name);
 }
 
-std::uint32_t Index(const json& value, std::size_t count, const char* what) {
+std::uint32_t Index(const Json& value, std::size_t count, const char* what) {
   if (value.is_number_unsigned() && value.get<std::uint64_t>() < count) {
     return value.get<std::uint32_t>();
   }
   throw std::out_of_range(std::string("index of no ") + what);
 }
 
-Frame FrameOf(const json& object, std::size_t libraries) {
+Frame FrameOf(const Json& object, std::size_t libraries) {
   Frame frame;
-  const json& library = object.at("library");
+  const Json& library = object.at("library");
   if (library != -1)
     frame.library = static_cast<std::int32_t>(Index(library, libraries, "library"));
   frame.offset = Number(object, "offset");
@@ -52,18 +52,18 @@ Frame FrameOf(const json& object, std::size_t libraries) {
 }
 
 // A member that documents of older programs lack.
-json Member(const json& object, const char* name, const json& otherwise) {
+Json Member(const Json& object, const char* name, const Json& otherwise) {
   return object.contains(name) ? object.at(name) : otherwise;
 }
 
-Group GroupOf(const json& object, std::size_t frames) {
+Group GroupOf(const Json& object, std::size_t frames) {
   Group group;
   const std::string kind = Text(object, "kind");
   if (kind != "native" && kind != "java") throw std::out_of_range("a group of unknown kind");
   group.kind = kind == "native" ? GroupKind::kNative : GroupKind::kJava;
   group.size = Number(object, "size");
   group.max_size = Number(object, object.contains("maxSize") ? "maxSize" : "size");
-  for (const json& blocks : Member(object, "ageCounts", json::array())) {
+  for (const Json& blocks : Member(object, "ageCounts", Json::array())) {
     group.age_counts.push_back(blocks.get<std::uint64_t>());
   }
   group.count = Number(object, "count");
@@ -71,11 +71,11 @@ Group GroupOf(const json& object, std::size_t frames) {
   group.ages = object.at("ages").get<std::vector<std::int64_t>>();
   group.own_ages = Member(object, "ownAges", false).get<bool>();
   group.cut = Member(object, "cut", false).get<bool>();
-  for (const json& frame : object.at("stack")) group.stack.push_back(Index(frame, frames, "frame"));
+  for (const Json& frame : object.at("stack")) group.stack.push_back(Index(frame, frames, "frame"));
   return group;
 }
 
-ProfileHead HeadOf(const json& process) {
+ProfileHead HeadOf(const Json& process) {
   ProfileHead head;
   head.library = Text(process, "library");
   head.program = Text(process, "program");
@@ -93,29 +93,29 @@ ProfileHead HeadOf(const json& process) {
   return head;
 }
 
-void ReadHead(const json& document, Profile* profile) {
-  const json& report = document.at("report");
+void ReadHead(const Json& document, Profile* profile) {
+  const Json& report = document.at("report");
   profile->made = report.at("made").get<std::int64_t>();
   profile->complete = report.at("complete").get<bool>();
   profile->path = Text(report, "path");
   if (report.contains("process")) profile->head = HeadOf(report.at("process"));
   profile->damaged_lines = Number(report, "damagedLines");
-  for (const json& number : Member(report, "damaged", json::array())) {
+  for (const Json& number : Member(report, "damaged", Json::array())) {
     const auto line = number.get<std::uint64_t>();
     profile->damaged.push_back({line, line == 0 ? "a line is missing in the head" : ""});
   }
   profile->header.backtrace_size = Number(report, "backtraceSize");
-  const json& totals = document.at("totals");
+  const Json& totals = document.at("totals");
   profile->header.total_bytes = Number(totals, "bytes");
   profile->header.groups = Number(totals, "groups");
   profile->header.listed =
       Number(totals, totals.contains("announcedGroups") ? "announcedGroups" : "listedGroups");
 }
 
-Profile ProfileOf(const json& document) {
+Profile ProfileOf(const Json& document) {
   Profile profile;
   ReadHead(document, &profile);
-  for (const json& object : document.at("libraries")) {
+  for (const Json& object : document.at("libraries")) {
     Library& library = profile.libraries.emplace_back();
     library.path = Text(object, "path");
     library.build_id = Text(object, "buildId");
@@ -123,27 +123,27 @@ Profile ProfileOf(const json& document) {
     const bool missing = !library.found && library.path.starts_with('/');
     library.hint = Member(object, "hint", missing ? library.path : "").get<std::string>();
   }
-  for (const json& object : document.at("frames")) {
+  for (const Json& object : document.at("frames")) {
     profile.frames.push_back(FrameOf(object, profile.libraries.size()));
   }
-  for (const json& object : document.at("groups")) {
+  for (const Json& object : document.at("groups")) {
     profile.groups.push_back(GroupOf(object, profile.frames.size()));
   }
   return profile;
 }
 
 // The earlier report of two, without groups.
-Profile BaseOf(const json& document) {
+Profile BaseOf(const Json& document) {
   Profile base;
   ReadHead(document.at("base"), &base);
   return base;
 }
 
-std::vector<GroupChange> ChangesOf(const json& document) {
+std::vector<GroupChange> ChangesOf(const Json& document) {
   std::vector<GroupChange> changes;
-  for (const json& group : document.at("groups")) {
+  for (const Json& group : document.at("groups")) {
     GroupChange& change = changes.emplace_back();
-    const json& before = group.at("before");
+    const Json& before = group.at("before");
     change.before = {.count = Number(before, "count"), .total = Number(before, "total")};
     const auto* const name = std::ranges::find(kChangeNames, Text(group, "status"));
     if (name == kChangeNames.end()) throw std::out_of_range("an unknown status");
@@ -154,11 +154,11 @@ std::vector<GroupChange> ChangesOf(const json& document) {
 
 constexpr const char* kRemedy = "make one with memleak export --format json";
 
-json Parse(const std::string& path) {
+Json Parse(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw UserError("cannot read " + path, "check that you may read it");
-  json document = json::parse(file, nullptr, false);
-  const auto is = [&document](const char* name, const json& value) {
+  Json document = Json::parse(file, nullptr, false);
+  const auto is = [&document](const char* name, const Json& value) {
     return document.is_object() && document.contains(name) && document[name] == value;
   };
   if (!is("format", kJsonFormat) || !is("version", kJsonVersion)) {
@@ -178,7 +178,7 @@ bool IsJsonDocument(const std::string& path) {
 }
 
 Document LoadDocument(const std::string& path) {
-  const json document = Parse(path);
+  const Json document = Parse(path);
   try {
     Document loaded{ProfileOf(document), std::nullopt, {}, document.at("totals").dump()};
     if (document.contains("base")) {
