@@ -31,8 +31,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr std::string_view kEnd = "@@";
-// A thread in an uninterruptible system call does not stop before its end.
-constexpr milliseconds kCommandTimeout(10'000);
 // dlopen reads two files, and a process on a busy machine may get little time.
 constexpr milliseconds kCallTimeout(60'000);
 // How long a debugger gets to stop the process, and to end.
@@ -224,11 +222,11 @@ std::string Debugger::LastOutput() const {
 
 void Debugger::Attach() {
   attached_ = true;
-  Run(AttachCommands(target_), kCommandTimeout);
+  Run(AttachCommands(target_), kReplyTimeout);
 }
 
 void Debugger::Detach() {
-  Run({"detach"}, kCommandTimeout);
+  Run({"detach"}, kReplyTimeout);
   attached_ = false;
 }
 
@@ -262,7 +260,7 @@ std::vector<StoppedThread> Debugger::Threads() {
   }
   if (!commands.empty()) {
     const Lines before = output_;
-    Run(commands, kCommandTimeout);
+    Run(commands, kReplyTimeout);
     output_ = before;
   }
   return threads;
@@ -271,7 +269,7 @@ std::vector<StoppedThread> Debugger::Threads() {
 void Debugger::RunTo(std::uint64_t address, milliseconds timeout) {
   if (Send(RunToCommands(address)) && ReceiveOrStop(timeout)) {
     // The signal may be late. It would kill the process after Detach.
-    for (int i = 0; i < 10 && IsPending(target_, SIGTRAP); ++i) Run({"continue"}, kCommandTimeout);
+    for (int i = 0; i < 10 && IsPending(target_, SIGTRAP); ++i) Run({"continue"}, kReplyTimeout);
     return;
   }
   End();

@@ -66,6 +66,10 @@ class Debugger {
   /// Sends `lines` and returns what the debugger prints.
   Lines Run(const Lines& lines, std::chrono::milliseconds timeout);
 
+  /// For commands that are quick, but a thread in an uninterruptible system call does not stop
+  /// before its end.
+  static constexpr std::chrono::milliseconds kReplyTimeout{10'000};
+
   virtual Lines AttachCommands(pid_t pid) const = 0;
   /// Prints one line for each thread: "@T NUMBER REGISTER...", in decimal, the last register is the
   /// number of the interrupted system call, negative if there is none.

@@ -18,7 +18,6 @@ namespace {
 
 // Reading a large program on a busy machine.
 constexpr std::chrono::milliseconds kStartTimeout(60'000);
-constexpr std::chrono::milliseconds kReplyTimeout(10'000);
 
 // In the order of their DWARF numbers, then the program counter if it has none.
 const std::vector<std::string>& RegisterNames() {
