@@ -3,12 +3,13 @@
 // stacks, and a browser parses numbers faster than objects.
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "tools/export/html.h"
@@ -22,69 +23,14 @@ namespace {
 // Ages of a report are counted like those of a profile.
 constexpr std::array<std::int64_t, 10> kAgeBounds = {0, 1, 4, 15, 60, 240, 900, 3600, 14400, 86400};
 
-/// A JSON object with members of numbers. Text() ends it.
-class Columns {
- public:
-  /// A member: an array of `value(row)` for each of `rows`.
-  template <typename Rows, typename Value>
-  Columns& Add(const char* name, const Rows& rows, Value value) {
-    Begin(name, '[');
-    for (const auto& row : rows) {
-      AppendNumber(value(row));
-      text_.push_back(',');
-    }
-    return End(']');
-  }
-
-  /// A member: a string with a digit for each of `rows`.
-  template <typename Rows, typename Value>
-  Columns& AddDigits(const char* name, const Rows& rows, Value value) {
-    Begin(name, '"');
-    for (const auto& row : rows) text_.push_back(static_cast<char>('0' + value(row)));
-    text_.append("\",");
-    return *this;
-  }
-
-  std::string Text() {
-    text_.back() = '}';
-    return std::move(text_);
-  }
-
- private:
-  void Begin(const char* name, char bracket) {
-    text_.append("\"").append(name).append("\":");
-    text_.push_back(bracket);
-  }
-  Columns& End(char bracket) {
-    if (text_.back() == ',') text_.pop_back();
-    text_.push_back(bracket);
-    text_.push_back(',');
-    return *this;
-  }
-
-  template <typename Number>
-  void AppendNumber(const std::optional<Number>& number) {
-    if (number) return AppendNumber(*number);
-    text_.append("null");
-  }
-  template <typename Number>
-  void AppendNumber(const std::vector<Number>& numbers) {
-    text_.push_back('[');
-    for (std::size_t i = 0; i < numbers.size(); ++i) {
-      if (i != 0) text_.push_back(',');
-      AppendNumber(numbers[i]);
-    }
-    text_.push_back(']');
-  }
-  template <typename Number>
-  void AppendNumber(Number number) {
-    std::array<char, 24> digits{};
-    const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
-    text_.append(digits.begin(), end);
-  }
-
-  std::string text_ = "{";
-};
+// A digit for each of `rows`.
+template <typename Rows, typename Of>
+std::string Digits(const Rows& rows, Of of) {
+  std::string digits;
+  for (const auto& row : rows)
+    digits += static_cast<char>('0' + static_cast<int>(std::invoke(of, row)));
+  return digits;
+}
 
 /// Numbers strings in the order of their first use.
 class Strings {
@@ -101,17 +47,21 @@ class Strings {
   std::vector<std::string> list_;
 };
 
-std::string FramesText(const Profile& profile, Strings* strings) {
+void WriteFrames(const Profile& profile, Strings* strings, JsonWriter* json) {
   const std::vector<Frame>& frames = profile.frames;
-  return Columns()
-      .Add("name", frames, [&](const Frame& f) { return strings->IndexOf(FrameName(profile, f)); })
-      .Add("library", frames, [](const Frame& f) { return f.library; })
-      .Add("file", frames, [&](const Frame& f) { return strings->IndexOf(f.file); })
-      .Add("line", frames, [](const Frame& f) { return f.line; })
-      .Add("address", frames, [](const Frame& f) { return f.address != 0 ? f.address : f.offset; })
-      .AddDigits("inlined", frames, [](const Frame& f) { return f.inlined ? 1 : 0; })
-      .AddDigits("unresolved", frames, [](const Frame& f) { return f.function.empty() ? 1 : 0; })
-      .Text();
+  json->Object("frames", [&] {
+    json->Column("name", frames,
+                 [&](const Frame& frame) { return strings->IndexOf(FrameName(profile, frame)); });
+    json->Column("library", frames, &Frame::library);
+    json->Column("file", frames, [&](const Frame& frame) { return strings->IndexOf(frame.file); });
+    json->Column("line", frames, &Frame::line);
+    json->Column("address", frames, [](const Frame& frame) {
+      return frame.address != 0 ? frame.address : frame.offset;
+    });
+    json->Member("inlined", Digits(frames, &Frame::inlined));
+    json->Member("unresolved",
+                 Digits(frames, [](const Frame& frame) { return frame.function.empty(); }));
+  });
 }
 
 /// The stacks as a tree from the outermost frames. Most stacks share most of their frames.
@@ -136,15 +86,15 @@ class StackTree {
   }
 
   /// Most nodes follow their parent. For the others the parent is written.
-  std::string Text() const {
+  void Write(JsonWriter* json) const {
     std::vector<std::uint32_t> jumps;
     for (std::uint32_t i = 0; i < nodes_.size(); ++i) {
       if (nodes_[i].parent != i) jumps.insert(jumps.end(), {i + 1, nodes_[i].parent});
     }
-    return Columns()
-        .Add("frame", nodes_, [](const Node& node) { return node.frame; })
-        .Add("jumps", jumps, [](std::uint32_t number) { return number; })
-        .Text();
+    json->Object("stacks", [&] {
+      json->Column("frame", nodes_, &Node::frame);
+      json->Member("jumps", jumps);
+    });
   }
 
  private:
@@ -174,32 +124,34 @@ std::optional<std::int64_t> YoungestAge(const Group& group) {
   return *std::ranges::min_element(group.ages);
 }
 
-std::string GroupsText(const PageContent& content, const std::vector<std::int64_t>& bounds,
-                       StackTree* stacks) {
+void WriteGroups(const PageContent& content, const std::vector<std::int64_t>& bounds,
+                 StackTree* stacks, JsonWriter* json) {
   const std::vector<Group>& groups = content.groups.groups;
   const std::int64_t span = AgeSpan(content.groups);
-  Columns columns;
-  columns.Add("size", groups, [](const Group& g) { return g.size; })
-      .Add("larger", groups, [](const Group& g) { return SubtractSaturated(g.max_size, g.size); })
-      .Add("count", groups, [](const Group& g) { return g.count; })
-      .Add("total", groups, [](const Group& g) { return g.total; })
-      .Add("youngest", groups, YoungestAge)
-      .Add("oldest", groups, OldestAge)
-      .Add("ages", groups, [&](const Group& g) { return AgeCounts(g, bounds); })
-      .Add("node", groups, [&](const Group& g) { return stacks->Add(g.stack); })
-      .AddDigits("java", groups, [](const Group& g) { return g.kind == GroupKind::kJava ? 1 : 0; })
-      .AddDigits("ownAges", groups, [](const Group& g) { return g.own_ages ? 1 : 0; })
-      .AddDigits("cut", groups, [](const Group& g) { return g.cut ? 1 : 0; })
-      .AddDigits("pattern", groups,
-                 [&](const Group& g) { return static_cast<int>(PatternOf(g, span)); });
-  if (content.changes != nullptr) {
+  json->Object("groups", [&] {
+    json->Column("size", groups, &Group::size);
+    json->Column("larger", groups,
+                 [](const Group& group) { return SubtractSaturated(group.max_size, group.size); });
+    json->Column("count", groups, &Group::count);
+    json->Column("total", groups, &Group::total);
+    json->Column("youngest", groups, YoungestAge);
+    json->Column("oldest", groups, OldestAge);
+    json->Column("ages", groups, [&](const Group& group) { return AgeCounts(group, bounds); });
+    json->Column("node", groups, [&](const Group& group) { return stacks->Add(group.stack); });
+    json->Member("java",
+                 Digits(groups, [](const Group& group) { return group.kind == GroupKind::kJava; }));
+    json->Member("ownAges", Digits(groups, &Group::own_ages));
+    json->Member("cut", Digits(groups, &Group::cut));
+    json->Member("pattern",
+                 Digits(groups, [&](const Group& group) { return PatternOf(group, span); }));
+    if (content.changes == nullptr) return;
     const std::vector<GroupChange>& changes = *content.changes;
-    columns.Add("beforeCount", changes, [](const GroupChange& c) { return c.before.count; })
-        .Add("beforeTotal", changes, [](const GroupChange& c) { return c.before.total; })
-        .AddDigits("status", changes,
-                   [](const GroupChange& c) { return static_cast<int>(c.change); });
-  }
-  return columns.Text();
+    json->Column("beforeCount", changes,
+                 [](const GroupChange& change) { return change.before.count; });
+    json->Column("beforeTotal", changes,
+                 [](const GroupChange& change) { return change.before.total; });
+    json->Member("status", Digits(changes, &GroupChange::change));
+  });
 }
 
 }  // namespace
@@ -210,41 +162,33 @@ std::string PageData(const PageContent& content) {
   if (process && !process->age_bounds.empty()) bounds = process->age_bounds;
   Strings strings;
   StackTree stacks;
-  const std::string frames = FramesText(content.groups, &strings);
-  const std::string groups = GroupsText(content, bounds, &stacks);
-  std::ostringstream head;
+  std::ostringstream text;
   {
-    JsonWriter json(head);
-    json.BeginObject();
-    json.Member("format", "memleak-page");
-    json.Member("version", 1);
-    WriteReport(content.report, &json);
-    if (content.totals.empty()) {
-      WriteTotals(content.report, &json);
-    } else {
-      json.Key("totals");
-      json.Raw(content.totals);
-    }
-    WriteLibraries(content.groups, &json);
-    json.MemberList("ageBounds", bounds);
-    if (content.base != nullptr) {
-      json.Key("base");
-      json.BeginObject();
-      WriteReport(*content.base, &json);
-      WriteTotals(*content.base, &json);
-      json.EndObject();
-    }
-    if (!content.trend.empty()) {
-      json.Key("trend");
-      json.Raw(content.trend);
-    }
-    json.MemberList("strings", strings.List());
+    JsonWriter json(text);
+    json.Object([&] {
+      json.Member("format", "memleak-page");
+      json.Member("version", 1);
+      WriteReport(content.report, &json);
+      if (content.totals.empty()) {
+        WriteTotals(content.report, &json);
+      } else {
+        json.Key("totals");
+        json.Raw(content.totals);
+      }
+      WriteLibraries(content.groups, &json);
+      json.Member("ageBounds", bounds);
+      if (content.base != nullptr) WriteBase(*content.base, &json);
+      if (!content.trend.empty()) {
+        json.Key("trend");
+        json.Raw(content.trend);
+      }
+      WriteFrames(content.groups, &strings, &json);
+      WriteGroups(content, bounds, &stacks, &json);
+      stacks.Write(&json);
+      json.Member("strings", strings.List());
+    });
   }
-  std::string text(head.view());
-  text.append(",\"frames\":").append(frames);
-  text.append(",\"groups\":").append(groups);
-  text.append(",\"stacks\":").append(stacks.Text()).append("}");
-  return text;
+  return std::move(text).str();
 }
 
 }  // namespace memleak
