@@ -9,9 +9,9 @@
 #include <fstream>
 #include <map>
 
+#include "tools/base/files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/program_file.h"
-#include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {
