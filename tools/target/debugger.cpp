@@ -18,11 +18,11 @@
 #include <sstream>
 #include <thread>
 
+#include "tools/base/files.h"
 #include "tools/base/names.h"
 #include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
-#include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {
