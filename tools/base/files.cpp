@@ -7,11 +7,13 @@
 #include <array>
 #include <climits>
 
+#include "tools/base/rooted_file.h"
+
 namespace memleak {
 
 bool IsPlainFile(const std::string& path) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  return stat(RootedPath(path).c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 std::optional<std::string> ReadAll(int file) {

@@ -8,7 +8,7 @@
 
 namespace memleak {
 
-/// Whether `path`, with links followed, is a regular file.
+/// Whether `path`, with links followed as RootedPath does, is a regular file.
 bool IsPlainFile(const std::string& path);
 
 /// The rest of the content of the descriptor `file`; nothing, with errno set, if reading fails.

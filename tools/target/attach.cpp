@@ -22,6 +22,7 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/names.h"
+#include "tools/base/rooted_file.h"
 #include "tools/target/attach_checks.h"
 #include "tools/target/debugger_commands.h"
 #include "tools/target/elf_symbols.h"
@@ -124,7 +125,7 @@ std::string PlaceLibraries(const ProcessInfo& process, const std::string& libdir
     directory = root;
   }
   struct statvfs status {};
-  if (statvfs((process.outside + directory).c_str(), &status) == 0 &&
+  if (statvfs(RootedPath(process.outside + directory).c_str(), &status) == 0 &&
       (status.f_flag & ST_NOEXEC) != 0) {
     throw UserError("no code can be loaded from " + process.Shown(process.outside + directory) +
                         ": it is mounted with noexec",

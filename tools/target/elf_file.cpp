@@ -12,6 +12,8 @@
 #include <cstring>
 #include <map>
 
+#include "tools/base/rooted_file.h"
+
 namespace memleak {
 namespace {
 
@@ -26,8 +28,9 @@ constexpr std::uint64_t kPageMask = 4095;
 
 class File {
  public:
-  explicit File(const std::string& path) {
+  explicit File(const std::string& name) {
     struct stat status {};
+    const RootedPath path(name);
     // Opening a device may have side effects.
     if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
     file_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -8,6 +8,8 @@
 
 #include <cstddef>
 
+#include "tools/base/rooted_file.h"
+
 namespace memleak {
 namespace {
 
@@ -33,7 +35,7 @@ void AddDefinitions(Elf* elf, Elf_Scn* section, std::vector<ElfSymbol>* definiti
 
 std::vector<ElfSymbol> ReadDefinitions(const std::string& path) {
   std::vector<ElfSymbol> definitions;
-  const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int file = open(RootedPath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) return definitions;
   elf_version(EV_CURRENT);
   if (Elf* elf = elf_begin(file, ELF_C_READ_MMAP, nullptr)) {

@@ -9,6 +9,8 @@
 #include <array>
 #include <string_view>
 
+#include "tools/base/rooted_file.h"
+
 namespace memleak {
 namespace {
 
@@ -20,14 +22,14 @@ std::int64_t Nanoseconds(const timespec& time) {
 
 std::optional<FileState> StateOf(const std::string& path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  if (stat(RootedPath(path).c_str(), &status) != 0) return std::nullopt;
   return FileState{status.st_dev, status.st_ino, status.st_size, Nanoseconds(status.st_mtim),
                    Nanoseconds(status.st_ctim)};
 }
 
 bool EndsComplete(const std::string& path) {
   constexpr std::string_view kEndLine = "\nEND";
-  const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int file = open(RootedPath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) return false;
   std::array<char, kEndLine.size()> tail{};
   const auto length = static_cast<off_t>(tail.size());

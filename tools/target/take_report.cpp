@@ -8,9 +8,11 @@
 #include <thread>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/progress.h"
+#include "tools/base/rooted_file.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
 #include "tools/target/report_file.h"
@@ -109,7 +111,9 @@ class ReportWait {
 
 milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uint32_t timeout_s,
                         OldReport old) {
-  const std::string path = process.ReportPath();
+  const std::string report = process.ReportPath();
+  const RootedPath directory(report.substr(0, report.rfind('/') + 1) + ".");
+  const std::string path = JoinPath(directory.Text(), LastPart(report));
   const std::string old_path = path + ".old";
   if (old == OldReport::kReplace) std::remove(path.c_str());
   const bool moved = old == OldReport::kRename && std::rename(path.c_str(), old_path.c_str()) == 0;
