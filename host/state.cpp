@@ -273,6 +273,10 @@ void InitializeState(int argument_count, char* const* arguments) {
   } else {
     bytes = CopyArguments(argument_count, arguments);
   }
+  // A program that has overwritten its arguments by a title leaves NULs behind it.
+  while (bytes > 1 && state.arguments[bytes - 1] == '\0' && state.arguments[bytes - 2] == '\0') {
+    --bytes;
+  }
   // One that was cut has no NUL.
   if (bytes > 0) {
     state.argument_bytes = static_cast<uint32_t>(bytes) + (state.arguments[bytes - 1] != '\0');
