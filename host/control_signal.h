@@ -8,8 +8,8 @@
 
 namespace host {
 
-/// Installs the loader's handler and unblocks the signal in the calling thread. Returns 0 or an
-/// errno value. For the loader's constructor and for an attach.
+/// Installs the loader's handler. Returns 0 or an errno value. For the loader's constructor and for
+/// an attach.
 int InstallControlSignal();
 
 }  // namespace host

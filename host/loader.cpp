@@ -19,6 +19,7 @@
 #include "host/next_allocator.h"
 #include "host/print_error.h"
 #include "host/replaced_functions.h"
+#include "host/signal_actions.h"
 #include "host/state.h"
 #include "host/tracker.h"
 #include "platform/linux/environment.h"
@@ -70,6 +71,8 @@ __attribute__((constructor)) void Load(int argument_count, char** arguments, cha
   FindReplacedFunctions();
   // Before the tracker installs its handler.
   int error = InstallControlSignal();
+  // Threads inherit the mask.
+  BlockControlSignal(false);
   Reason reason;
   if (!StartTracker(reason)) {
     PrintError("%s; running without tracking", reason.text);
