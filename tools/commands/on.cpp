@@ -23,7 +23,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHostIntro = R"(
+constexpr const char* kOnHostIntro = R"(
 Starts recording in a process that `memleak run` has started or to which
 `memleak attach` has attached, with empty tables unless --keep is given.
 --depth, --unwind, --lib and --func are written to the properties in its root
@@ -31,7 +31,7 @@ directory. The defaults of --depth and --unwind apply for a process without
 settings.
 )";
 
-constexpr const char* kDeviceIntro = R"(
+constexpr const char* kOnDeviceIntro = R"(
 Starts recording in a process that has the tracker loaded, with empty tables
 unless --keep is given. Options are written to system properties, which needs
 root. They apply to all processes, from their next `on`:
@@ -242,8 +242,8 @@ void AddOnOptions(CLI::App* command, OnOptions* options) {
 }
 
 void AddOn(Program* program) {
-  const std::string help = (program->IsDevice() ? kDeviceIntro : kHostIntro) + std::string(kHooks) +
-                           HelpOnHookedKinds() + (kLimits + 1);
+  const std::string help = (program->IsDevice() ? kOnDeviceIntro : kOnHostIntro) +
+                           std::string(kHooks) + HelpOnHookedKinds() + (kLimits + 1);
   const auto [command, options] =
       program->AddCommand("on", "Start recording", help, StartRecording);
   AddPid(command, &options->pid);

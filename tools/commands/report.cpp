@@ -24,13 +24,13 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHostIntro = R"(
+constexpr const char* kReportHostIntro = R"(
 Stops recording, makes the process write its report, waits until the report is
 complete and prints its path. An existing report is renamed to
 allocations_dump.old.
 )";
 
-constexpr const char* kDeviceIntro = R"(
+constexpr const char* kReportDeviceIntro = R"(
 Stops recording, makes the process write /data/log/reliability/allocations_dump,
 waits until the report is complete and prints how to fetch it. The directory
 must exist, and the process must have permission to write there. An existing
@@ -127,8 +127,8 @@ int Report(const ReportOptions& options) {
 }  // namespace
 
 void AddReport(Program* program) {
-  const std::string help =
-      (program->IsDevice() ? kDeviceIntro : kHostIntro) + std::string(kHooksAndExamples);
+  const std::string help = (program->IsDevice() ? kReportDeviceIntro : kReportHostIntro) +
+                           std::string(kHooksAndExamples);
   const auto [command, options] =
       program->AddCommand("report", "Stop recording and write a report", help, Report);
   AddPid(command, &options->pid);
