@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads /proc for the commands that name a PID.
 #include "tools/target/inspect.h"
 
 #include <signal.h>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Properties files.
 #include "tools/target/root_directory.h"
 
 #include <elf.h>
@@ -103,7 +102,7 @@ bool WriteAll(int file, std::string_view text) {
 
 BacktraceSettings DefaultSettings(std::uint16_t machine) {
   // On x86-64, system libraries have no frame pointers.
-  return {DefaultDepth(),
+  return {kDefaultDepth,
           machine == EM_AARCH64 ? protocol::kUnwindFramePointers : protocol::kUnwindTables};
 }
 
