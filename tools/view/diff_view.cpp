@@ -12,7 +12,7 @@
 
 #include "tools/base/format.h"
 #include "tools/report/diff.h"
-#include "tools/view/head_text.h"
+#include "tools/report/head_text.h"
 #include "tools/view/show_views.h"
 
 namespace memleak {

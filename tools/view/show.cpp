@@ -8,7 +8,7 @@
 
 #include "tools/base/files.h"
 #include "tools/base/format.h"
-#include "tools/view/head_text.h"
+#include "tools/report/head_text.h"
 
 namespace memleak {
 namespace {

@@ -20,40 +20,55 @@ export interface Sums {
   change: Float64Array;
 }
 
-/** Sums of `count` keys. `keyOf` gives that of a function, -1 for none. */
+/** Sums of `count` keys. `keyOf` gives that of a function. */
 export function sumsBy(data: Data, count: number, keyOf: (id: number) => number): Sums {
-  const sums = {
-    ...{ self: new Float64Array(count), total: new Float64Array(count) },
-    ...{ blocks: new Float64Array(count), change: new Float64Array(count), selfChange: new Float64Array(count) },
-  };
-  const keys = Int32Array.from(data.functions, (_, id) => (id === data.cutFunction ? -1 : keyOf(id)));
-  const doubt = { self: new Uint8Array(count), total: new Uint8Array(count) }; // 1: not judged, 2: judged, 3: both
-  const last = new Int32Array(count).fill(-1); // group that was counted
-  const { start, functions } = data.stacks;
+  const { groups, parentOf, nodeFunction, isDiff } = data;
+  const make = () => new Float64Array(count);
+  const sums = { self: make(), total: make(), blocks: make(), selfChange: make(), change: make() };
+  const keys = Uint32Array.from(data.functions, (_, id) => keyOf(id));
+  // By node: the sums of the groups that end there, then also of those below it.
+  const nodes = parentOf.length;
+  const [bytes, blocks, change] = [new Float64Array(nodes), new Float64Array(nodes), new Float64Array(isDiff ? nodes : 0)];
+  const doubt = new Uint8Array(change.length); // 1: not judged, 2: judged, 3: both
+  const selfDoubt = new Uint8Array(count);
   for (let group = 0; group < data.count; ++group) {
-    const [begin, end] = [start[group]!, start[group + 1]!];
-    const [bytes, blocks] = [data.groups.total[group]!, data.groups.count[group]!];
-    const judged = data.isDiff && data.status(group) !== "unknown";
-    const change = judged ? bytes - data.before(group, "bytes") : 0;
-    for (let at = begin; at < end; ++at) {
-      const key = keys[functions[at]!]!;
-      if (key < 0) continue;
-      if (at === begin) {
-        sums.self[key]! += bytes;
-        sums.selfChange[key]! += change;
-        doubt.self[key]! |= judged ? 2 : 1;
-      }
-      if (last[key] === group) continue; // a recursive function counts once
-      last[key] = group;
-      sums.total[key]! += bytes;
-      sums.blocks[key]! += blocks;
-      sums.change[key]! += change;
-      doubt.total[key]! |= judged ? 2 : 1;
-    }
+    const node = groups.node[group]!;
+    if (node === 0) continue;
+    const key = keys[nodeFunction[node]!]!;
+    bytes[node]! += groups.total[group]!;
+    blocks[node]! += groups.count[group]!;
+    sums.self[key]! += groups.total[group]!;
+    if (!isDiff) continue;
+    const judged = data.status(group) !== "unknown";
+    const changed = judged ? groups.total[group]! - groups.beforeTotal![group]! : 0;
+    change[node]! += changed;
+    sums.selfChange[key]! += changed;
+    doubt[node]! |= judged ? 2 : 1;
+    selfDoubt[key]! |= judged ? 2 : 1;
   }
-  for (let key = 0; data.isDiff && key < count; ++key) {
-    if (doubt.self[key] === 1) sums.selfChange[key] = NaN;
-    if (doubt.total[key] === 1) sums.change[key] = NaN;
+  for (let node = nodes - 1; node > 0; --node) {
+    const parent = parentOf[node]!;
+    bytes[parent]! += bytes[node]!;
+    blocks[parent]! += blocks[node]!;
+    if (!isDiff) continue;
+    change[parent]! += change[node]!;
+    doubt[parent]! |= doubt[node]!;
+  }
+  const totalDoubt = new Uint8Array(count);
+  const onPath = new Uint16Array(count); // how often each key is on the path to the node
+  for (let node = 1; node < nodes; ++node) {
+    for (let last = node - 1; last !== parentOf[node]; last = parentOf[last]!) --onPath[keys[nodeFunction[last]!]!]!;
+    const key = keys[nodeFunction[node]!]!;
+    if (onPath[key]!++ > 0) continue; // a recursive function counts once
+    sums.total[key]! += bytes[node]!;
+    sums.blocks[key]! += blocks[node]!;
+    if (!isDiff) continue;
+    sums.change[key]! += change[node]!;
+    totalDoubt[key]! |= doubt[node]!;
+  }
+  for (let key = 0; key < count; ++key) {
+    if (selfDoubt[key] === 1) sums.selfChange[key] = NaN;
+    if (totalDoubt[key] === 1) sums.change[key] = NaN;
   }
   return sums;
 }
@@ -117,7 +132,6 @@ export class FunctionsTab {
   readonly element: HTMLElement;
   private readonly table: Table;
   private readonly panel = el("section", { class: "sandwich", "aria-live": "polite" });
-  private readonly all: number[] = [];
   private picked = -1;
 
   constructor(
@@ -126,8 +140,9 @@ export class FunctionsTab {
     private readonly pick: (id: number) => void,
     private readonly showStacks: (search: string) => void,
   ) {
-    for (let id = 0; id < data.functions.length; ++id) if (sums.total[id]! > 0 || sums.change[id] !== 0) this.all.push(id);
     this.table = new Table({
+      rows: [...data.functions.keys()].filter((id) => sums.total[id]! > 0 || sums.change[id] !== 0),
+      empty: data.nothingHeld,
       ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       tie: (id) => sums.total[id]!,
       main: "where",
@@ -147,7 +162,7 @@ export class FunctionsTab {
   }
 
   update(found: Found | null, picked: number): void {
-    this.table.show(found ? this.all.filter((id) => found.functions[id] === 1) : this.all);
+    this.table.show((id) => !found || found.functions[id] === 1);
     this.showPanel(picked);
   }
 
@@ -200,7 +215,7 @@ export class FunctionsTab {
   }
 
   private side(title: string, id: number, inward: boolean): HTMLElement {
-    const walk = { stacks: this.data.stacks, measure: "bytes" as const, inward, from: id };
+    const walk = { stacks: this.data.stacks(false), measure: "bytes" as const, inward, from: id };
     const tree = new CallTree(this.data, walk, [...Array(this.data.count).keys()]);
     const here = el("p", { class: "hint" }, inward ? "It allocates all of that itself." : "Nothing calls it.");
     const none = tree.children(tree.root).length === 0;
