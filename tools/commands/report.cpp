@@ -71,11 +71,11 @@ struct ReportOptions {
   bool keep_recording = false;   ///< native heap only
 };
 
-// Prints how many groups a report has. Returns their bytes.
+// Prints how many stacks a report has. Returns their bytes.
 std::uint64_t PrintGroups(const std::string& path) {
   ReportHeader header;
   ReadReportFile(path, {}, &header);
-  std::cout << "groups  " << FormatCount(header.groups);
+  std::cout << "stacks  " << FormatCount(header.groups);
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";
   }

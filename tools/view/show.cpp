@@ -20,7 +20,7 @@ constexpr std::size_t kDeepIndent = 9;
 constexpr std::size_t kLocationColumns = 30;
 
 std::string InGroups(const Sums& sums) {
-  return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "group");
+  return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "stack");
 }
 
 void PrintProcess(const ProfileHead& head, std::ostream& out) {
@@ -54,10 +54,10 @@ void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
     return;
   }
   const std::string groups =
-      "in " + Counted(profile.header.groups, "group") + " of one size and one stack";
+      "in " + Counted(profile.header.groups, "stack") + " of blocks of one size";
   out << OneLineOrTwo("  " + held, groups) << "\n"
       << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n"
-      << "  A report does not tell its program, all ages, or more than 1000 groups.\n";
+      << "  A report contains neither its program nor all ages, and at most 1000 stacks.\n";
 }
 
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {

@@ -159,7 +159,7 @@ export class Data {
   readonly ageScale: number;
   readonly base: PageData["base"];
   readonly trend: Trend | undefined;
-  readonly nothingHeld: string;
+  readonly nothingHeld: string | undefined;
   readonly frames: Frames;
   readonly groups: Groups;
   readonly ages: Ages;
@@ -189,7 +189,7 @@ export class Data {
     this.frames = page.frames;
     this.groups = page.groups;
     this.ages = page.ages;
-    this.nothingHeld = page.nothingHeld ?? "Nothing is listed.";
+    this.nothingHeld = page.nothingHeld;
     this.strings = page.strings;
     this.count = page.groups.size.length;
     this.isDiff = page.base !== undefined;

@@ -75,50 +75,27 @@ export function sumsBy(data: Data, count: number, keyOf: (id: number) => number)
 
 /** The columns of sums, after that of the name. */
 export function sumColumns(data: Data, sums: Sums, who: string): Column[] {
+  const { self, total, blocks, selfChange, change } = sums;
   const whole = data.totals.listedBytes + data.totals.javaBytes;
-  const columns: Column[] = [
-    {
-      ...{ key: "self", title: "Self", hint: `Bytes allocated by the ${who} itself`, number: true },
-      value: (row) => sums.self[row]!,
-      cell: (row) => formatBytes(sums.self[row]!),
-    },
-    {
-      ...{ key: "share", title: "Self %", hint: "Dark: itself. Light: with all that it calls", number: true },
-      value: (row) => sums.self[row]!,
-      cell: (row) =>
-        el(
-          "span",
-          { class: "barred" },
-          shareBar(sums.total[row]! / whole, sums.self[row]! / whole),
-          el("span", {}, formatShare(sums.self[row]!, whole)),
-        ),
-    },
-    {
-      ...{ key: "total", title: "Total", hint: `Bytes allocated by the ${who} and all that it calls`, number: true },
-      value: (row) => sums.total[row]!,
-      cell: (row) => formatBytes(sums.total[row]!),
-    },
-    {
-      ...{ key: "percent", title: "Total %", hint: "The total's share of all bytes", number: true },
-      value: (row) => sums.total[row]!,
-      cell: (row) => formatShare(sums.total[row]!, whole),
-    },
-    {
-      ...{ key: "count", title: "Blocks", hint: "Number of blocks of the total", number: true },
-      value: (row) => sums.blocks[row]!,
-      cell: (row) => formatCount(sums.blocks[row]!),
-    },
+  const add = (key: string, title: string, hint: string, values: Float64Array, show: (value: number, row: number) => Node | string): Column => ({
+    ...{ key, title, hint, number: true },
+    value: (row) => values[row]!,
+    cell: (row) => show(values[row]!, row),
+  });
+  const share = (bytes: number) => formatShare(bytes, whole);
+  const since = "since the older report";
+  return [
+    add("self", "Self", `Bytes allocated by the ${who} itself`, self, formatBytes),
+    data.isDiff
+      ? add("self-growth", "Self ±", `Change ${since}`, selfChange, changeText)
+      : add("self-share", "Self %", "Share of all bytes", self, share),
+    add("share", "Share", "Dark: self. Light: total", total, (bytes, row) => shareBar(bytes / whole, self[row]! / whole)),
+    add("total", "Total", `Bytes allocated by the ${who} and all that it calls`, total, formatBytes),
+    data.isDiff
+      ? add("growth", "Total ±", `Change of the total ${since}`, change, changeText)
+      : add("total-share", "Total %", "Share of all bytes", total, share),
+    add("count", "Blocks", "Number of blocks of the total", blocks, formatCount),
   ];
-  if (data.isDiff) {
-    columns.splice(3, 1, changeColumn("growth", "Total ±", "Change of the total since the older report", sums.change));
-    columns.splice(1, 0, changeColumn("self-growth", "Self ±", "Change since the older report", sums.selfChange));
-  }
-  return columns;
-}
-
-function changeColumn(key: string, title: string, hint: string, changes: Float64Array): Column {
-  const value = (row: number) => changes[row]!;
-  return { key, title, hint, number: true, value, cell: (row) => changeText(changes[row]!) };
 }
 
 /** A change in its colour; NaN is not known. */
@@ -142,7 +119,6 @@ export class FunctionsTab {
   ) {
     this.table = new Table({
       rows: [...data.functions.keys()].filter((id) => sums.total[id]! > 0 || sums.change[id] !== 0),
-      empty: data.nothingHeld,
       ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       tie: (id) => sums.total[id]!,
       main: "where",

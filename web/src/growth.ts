@@ -52,9 +52,9 @@ function changes(data: Data, groups: number[]): HTMLElement {
   if (sums.unknown[1] === 0) return list;
   add("unknown", "Not judged", formatBytes);
   const note =
-    "One report lists these groups, or call sites of them, and the other one omits groups. " +
+    "One report lists these stacks, or call sites of them, and the other one omits stacks. " +
     "So their change is not known (status: unknown)." +
-    (data.report.process && data.base?.report.process ? "" : " A report lists its 1000 largest groups; no option changes that.");
+    (data.report.process && data.base?.report.process ? "" : " A report lists its 1000 largest stacks; no option changes that.");
   return el("div", {}, list, el("p", { class: "hint" }, note));
 }
 
@@ -218,7 +218,7 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
     if (lines.length > 1 && value != null) labels.push({ y: y(value) - 4, text: String(index + 1) });
   });
   // From the bottom up, each at least a line above the one below it.
-  labels.sort((a, b) => b.y - a.y);
+  labels.sort((a, b) => b.y - a.y || Number(b.text) - Number(a.text));
   let next = height - bottom - 2;
   for (const label of labels) {
     label.y = Math.min(label.y, next);

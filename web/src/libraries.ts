@@ -35,7 +35,6 @@ export class LibrariesTab {
     const name = (row: number) => (row === none ? "[unknown]" : data.libraryName(row));
     this.table = new Table({
       rows: [...Array(none + 1).keys()].filter((row) => sums.total[row]! > 0 || sums.change[row] !== 0),
-      empty: data.nothingHeld,
       ...{ id: "libraries", caption: "Libraries by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       tie: (row) => sums.total[row]!,
       main: "where",

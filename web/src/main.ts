@@ -46,8 +46,8 @@ class Page {
   private printed = () => {}; // undoes what printing changed
   private readonly result = el("output", { id: "found" });
   private readonly input = el("input", {
-    ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
-    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear. =NAME finds the function of exactly this name.", "aria-label": "Search" },
+    ...{ type: "search", id: "search", placeholder: "function, library, file, =exact name or /pattern/" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear", "aria-label": "Search" },
     oninput: settled(kTypingPause, () => this.searched()),
     onchange: () => this.searched(),
     onkeydown: (event) => {

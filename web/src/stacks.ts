@@ -29,7 +29,7 @@ export class StacksTab {
     this.rows = id === "stacks" ? all : all.filter((group) => data.status(group) !== "same");
     this.table = new Table({
       rows: this.rows,
-      empty: id === "stacks" ? data.nothingHeld : "No stack is known to have changed.",
+      ...(id === "changes" && { empty: "No stack is known to have changed." }),
       ...{ id, caption: "Blocks by call stack", main: "where" },
       columns: this.columns(),
       sortBy: data.isDiff ? "growth" : "total",
@@ -147,7 +147,7 @@ export class StacksTab {
       `${formatCount(rows.length)}${which} ${data.count === 1 ? "stack holds" : "stacks hold"} ` +
       `${formatBytes(held)} (${formatCount(held)} bytes)`;
     if (!data.isDiff) return text;
-    const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "group")} not judged`;
+    const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "stack")} not judged`;
     return `${text}; change: ${signed(growth, formatBytes)}${rest}`;
   }
 
@@ -180,7 +180,7 @@ export class StacksTab {
     const text = `${kind}${held(groups.count[group]!, groups.total[group]!)}, of ${range} each`;
     if (!this.data.isDiff) return `${text}.`;
     const before = held(groups.beforeCount![group]!, groups.beforeTotal![group]!);
-    const judged = this.data.status(group) === "unknown" ? " Not judged: one report omits groups." : "";
+    const judged = this.data.status(group) === "unknown" ? " Not judged: one report omits stacks." : "";
     return `${text}; before: ${before}.${judged}`;
   }
 

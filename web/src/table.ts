@@ -20,7 +20,7 @@ export interface TableOptions {
   id: string;
   caption: string;
   rows: number[]; // all of them
-  empty: string; // shown in place of no rows
+  empty?: string; // shown in place of no rows
   columns: Column[];
   sortBy: string; // key of a column
   /** Orders rows whose values are equal, largest first. */
@@ -147,7 +147,7 @@ export class Table {
     this.body.replaceChildren(...rows.flatMap((row) => this.row(row)));
     if (rows.length === 0) {
       const span = { colspan: this.options.columns.length, class: "empty" };
-      this.body.append(el("tr", {}, el("td", span, this.ordered.length === 0 ? this.options.empty : "Nothing matches.")));
+      this.body.append(el("tr", {}, el("td", span, this.ordered.length === 0 ? (this.options.empty ?? "Nothing is listed.") : "Nothing matches.")));
     }
     this.drawPager();
   }
