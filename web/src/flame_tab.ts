@@ -46,8 +46,8 @@ export class FlameTab {
         el("label", {}, this.named, " hide unresolved frames"),
         this.reset,
       ),
-      this.graph.element,
-      this.legend,
+      // That of changes is short. It is in the first screen, below the sums.
+      ...(colourBy === "change" ? [this.legend, this.graph.element] : [this.graph.element, this.legend]),
     );
     this.drawLegend();
   }

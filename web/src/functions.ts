@@ -15,67 +15,55 @@ const kNameLimit = 300;
 export interface Sums {
   self: Float64Array; // bytes of the groups whose innermost frame it is
   total: Float64Array; // of the groups that have it on their stacks, each counted once
-  blocks: Float64Array; // of these
+  blocks: () => Float64Array; // of these; computed by the first call
   selfChange: Float64Array; // in bytes, of the groups that are judged; NaN if none is
   change: Float64Array;
 }
 
 /** Sums of `count` keys. `keyOf` gives that of a function. */
 export function sumsBy(data: Data, count: number, keyOf: (id: number) => number): Sums {
-  const { groups, parentOf, nodeFunction, isDiff } = data;
-  const make = () => new Float64Array(count);
-  const sums = { self: make(), total: make(), blocks: make(), selfChange: make(), change: make() };
+  const { parentOf, nodeFunction, groups } = data;
   const keys = Uint32Array.from(data.functions, (_, id) => keyOf(id));
-  // By node: the sums of the groups that end there, then also of those below it.
-  const nodes = parentOf.length;
-  const [bytes, blocks, change] = [new Float64Array(nodes), new Float64Array(nodes), new Float64Array(isDiff ? nodes : 0)];
-  const doubt = new Uint8Array(change.length); // 1: not judged, 2: judged, 3: both
-  const selfDoubt = new Uint8Array(count);
-  for (let group = 0; group < data.count; ++group) {
-    const node = groups.node[group]!;
-    if (node === 0) continue;
-    const key = keys[nodeFunction[node]!]!;
-    bytes[node]! += groups.total[group]!;
-    blocks[node]! += groups.count[group]!;
-    sums.self[key]! += groups.total[group]!;
-    if (!isDiff) continue;
-    const judged = data.status(group) !== "unknown";
-    const changed = judged ? groups.total[group]! - groups.beforeTotal![group]! : 0;
-    change[node]! += changed;
-    sums.selfChange[key]! += changed;
-    doubt[node]! |= judged ? 2 : 1;
-    selfDoubt[key]! |= judged ? 2 : 1;
-  }
-  for (let node = nodes - 1; node > 0; --node) {
-    const parent = parentOf[node]!;
-    bytes[parent]! += bytes[node]!;
-    blocks[parent]! += blocks[node]!;
-    if (!isDiff) continue;
-    change[parent]! += change[node]!;
-    doubt[parent]! |= doubt[node]!;
-  }
-  const totalDoubt = new Uint8Array(count);
+  // By node: its key; `count` if a node above has the key too: a recursive function counts once.
+  const keyOfNode = new Uint32Array(parentOf.length);
   const onPath = new Uint16Array(count); // how often each key is on the path to the node
-  for (let node = 1; node < nodes; ++node) {
+  for (let node = 1; node < keyOfNode.length; ++node) {
     for (let last = node - 1; last !== parentOf[node]; last = parentOf[last]!) --onPath[keys[nodeFunction[last]!]!]!;
     const key = keys[nodeFunction[node]!]!;
-    if (onPath[key]!++ > 0) continue; // a recursive function counts once
-    sums.total[key]! += bytes[node]!;
-    sums.blocks[key]! += blocks[node]!;
-    if (!isDiff) continue;
-    sums.change[key]! += change[node]!;
-    totalDoubt[key]! |= doubt[node]!;
+    keyOfNode[node] = onPath[key]!++ > 0 ? count : key;
   }
-  for (let key = 0; key < count; ++key) {
-    if (selfDoubt[key] === 1) sums.selfChange[key] = NaN;
-    if (totalDoubt[key] === 1) sums.change[key] = NaN;
+  // Sums of the groups that end at a node with the key, and of those that end at or below one.
+  const add = (value: (group: number) => number) => {
+    const [self, total] = [new Float64Array(count), new Float64Array(count + 1)];
+    const sums = new Float64Array(parentOf.length);
+    for (let group = 0; group < data.count; ++group) {
+      const node = groups.node[group]!;
+      if (node === 0) continue;
+      sums[node]! += value(group);
+      self[keys[nodeFunction[node]!]!]! += value(group);
+    }
+    for (let node = sums.length - 1; node > 0; --node) {
+      total[keyOfNode[node]!]! += sums[node]!;
+      sums[parentOf[node]!]! += sums[node]!;
+    }
+    return { self, total: total.subarray(0, count) };
+  };
+  const bytes = add((group) => groups.total[group]!);
+  let made: Float64Array | null = null;
+  const blocks = () => (made ??= add((group) => groups.count[group]!).total);
+  if (!data.isDiff) return { ...bytes, blocks, selfChange: new Float64Array(count), change: new Float64Array(count) };
+  const isJudged = (group: number) => Number(data.status(group) !== "unknown");
+  const change = add((group) => isJudged(group) * (groups.total[group]! - groups.beforeTotal![group]!));
+  const [all, judged] = [add(() => 1), add(isJudged)];
+  for (const side of ["self", "total"] as const) {
+    for (let key = 0; key < count; ++key) if (all[side][key]! > 0 && judged[side][key] === 0) change[side][key] = NaN;
   }
-  return sums;
+  return { ...bytes, blocks, selfChange: change.self, change: change.total };
 }
 
 /** The columns of sums, after that of the name. */
 export function sumColumns(data: Data, sums: Sums, who: string): Column[] {
-  const { self, total, blocks, selfChange, change } = sums;
+  const { self, total, selfChange, change } = sums;
   const whole = data.totals.listedBytes + data.totals.javaBytes;
   const add = (key: string, title: string, hint: string, values: Float64Array, show: (value: number, row: number) => Node | string): Column => ({
     ...{ key, title, hint, number: true },
@@ -94,7 +82,7 @@ export function sumColumns(data: Data, sums: Sums, who: string): Column[] {
     data.isDiff
       ? add("growth", "Total ±", `Change of the total ${since}`, change, changeText)
       : add("total-share", "Total %", "Share of all bytes", total, share),
-    add("count", "Blocks", "Number of blocks of the total", blocks, formatCount),
+    add("count", "Blocks", "Number of blocks of the total", sums.blocks(), formatCount),
   ];
 }
 
@@ -177,7 +165,7 @@ export class FunctionsTab {
         "p",
         {},
         `${this.data.libraryName(library) || "no library"}: allocates ${formatBytes(self[id]!)} itself, ` +
-          `and ${formatBytes(total[id]!)} in ${plural(blocks[id]!, "block")} including its callees.`,
+          `and ${formatBytes(total[id]!)} in ${plural(blocks()[id]!, "block")} including its callees.`,
       ),
       el("div", { class: "sides" }, this.side("Callers", id, false), this.side("Callees", id, true)),
     );
@@ -200,8 +188,8 @@ export class FunctionsTab {
 
   /** The children of a node. Each opens to its own. */
   private list(tree: CallTree, parent: TreeNode): HTMLElement {
-    const list = el("ul", { class: "calls" });
     const children = [...tree.children(parent)].sort((a, b) => b.held - a.held);
+    const list = el("ul", { class: `calls ${children.length === 1 ? "single" : ""}` });
     const add = (from: number) => {
       for (const node of children.slice(from, from + kListed)) list.append(this.call(tree, node));
       const rest = children.length - from - kListed;
@@ -217,6 +205,15 @@ export class FunctionsTab {
     };
     add(0);
     return list;
+  }
+
+  /** Opens the line of a node. Single children open too, down to the next fork. */
+  private open(tree: CallTree, line: HTMLElement, node: TreeNode): void {
+    line.querySelector(".toggle")!.setAttribute("aria-expanded", "true");
+    line.append(this.list(tree, node));
+    const [only, ...more] = tree.children(node);
+    if (more.length > 0 || tree.children(only!).length === 0) return;
+    this.open(tree, line.querySelector<HTMLElement>(":scope > ul > li")!, only!);
   }
 
   private call(tree: CallTree, node: TreeNode): HTMLElement {
@@ -236,21 +233,14 @@ export class FunctionsTab {
           cutText(short, kNameLimit),
         );
     toggle.addEventListener("click", () => {
-      const open = toggle.getAttribute("aria-expanded") === "true";
-      toggle.setAttribute("aria-expanded", String(!open));
-      if (open) {
-        line.querySelector("ul")?.remove();
-        return;
-      }
-      line.append(this.list(tree, node));
-      // A single one opens at once, down to the next fork.
-      const inner = line.querySelectorAll<HTMLElement>(":scope > ul > li > .call > .toggle");
-      if (inner.length === 1) inner[0]!.click();
+      if (toggle.getAttribute("aria-expanded") !== "true") return this.open(tree, line, node);
+      toggle.setAttribute("aria-expanded", "false");
+      line.querySelector("ul")!.remove();
     });
     const leaf = tree.children(node).length === 0;
     if (leaf) toggle.classList.add("leaf");
     toggle.disabled = leaf;
-    const figures = el("span", { class: "figures" }, formatBytes(node.held), " ", el("span", {}, formatShare(node.held, whole)));
+    const figures = el("span", { class: "figures" }, el("span", {}, formatBytes(node.held)), " ", el("span", {}, formatShare(node.held, whole)));
     if (this.data.isDiff) {
       const judged = node.notJudged < node.end - node.begin;
       figures.append(" ", changeText(judged ? node.after - node.before : NaN));

@@ -6,7 +6,7 @@ import "./views.css";
 import "./media.css";
 import { LibraryColours, onSchemeChange, setPrinting } from "./colours.js";
 import { type Data, readData } from "./data.js";
-import { choice, el, formatBytes, formatCount, formatShare, settled } from "./dom.js";
+import { choice, el, formatBytes, formatCount, formatShare, plural, settled } from "./dom.js";
 import { FlameTab } from "./flame_tab.js";
 import { FunctionsTab, type Sums, sumsBy } from "./functions.js";
 import { growthView } from "./growth.js";
@@ -53,7 +53,7 @@ class Page {
     onkeydown: (event) => {
       if ((event as KeyboardEvent).key !== "Enter") return;
       this.confirmed = this.input.value.trim();
-      this.searched();
+      this.set({ q: this.confirmed }, false);
     },
   });
 
@@ -123,7 +123,9 @@ class Page {
   }
 
   private searched(): void {
-    this.set({ q: this.input.value.trim() }, false);
+    const q = this.input.value.trim();
+    // A click on a row blurs the input first, and a new row would lose the click.
+    if (q !== this.state.q) this.set({ q }, false);
   }
 
   private pick(f: number): void {
@@ -226,7 +228,7 @@ class Page {
     const { functionCount, groupCount, bytes } = this.found;
     const whole = this.data.totals.listedBytes + this.data.totals.javaBytes;
     return (
-      `${formatCount(functionCount)} found, in ${formatCount(groupCount)} stacks ` +
+      `${formatCount(functionCount)} found, in ${plural(groupCount, "stack")} ` +
       `of ${formatBytes(bytes)} (${formatShare(bytes, whole)})`
     );
   }

@@ -136,19 +136,19 @@ export class StacksTab {
   /** The sums of the shown groups. */
   private sumText(rows: number[]): string {
     const { data } = this;
-    let [held, growth, notJudged] = [0, 0, 0];
+    let [held, growth, notJudged, gone] = [0, 0, 0, 0];
     for (const group of rows) {
       held += data.groups.total[group]!;
+      if (data.groups.count[group] === 0) ++gone;
       if (data.status(group) === "unknown") ++notJudged;
       else growth += data.after(group, "bytes") - data.before(group, "bytes");
     }
     const which = rows.length === data.count ? "" : ` of ${formatCount(data.count)}`;
-    const text =
-      `${formatCount(rows.length)}${which} ${data.count === 1 ? "stack holds" : "stacks hold"} ` +
-      `${formatBytes(held)} (${formatCount(held)} bytes)`;
+    const verb = rows.length - gone === 1 && which === "" ? "stack holds" : "stacks hold";
+    const text = `${formatCount(rows.length - gone)}${which} ${verb} ${formatBytes(held)} (${formatCount(held)} bytes)`;
     if (!data.isDiff) return text;
     const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "stack")} not judged`;
-    return `${text}; change: ${signed(growth, formatBytes)}${rest}`;
+    return `${text}${gone > 0 ? `, ${formatCount(gone)} hold nothing now` : ""}; change: ${signed(growth, formatBytes)}${rest}`;
   }
 
   private detail(group: number): HTMLElement {

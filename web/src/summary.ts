@@ -38,7 +38,10 @@ function facts(data: Data): string[] {
   const recorded = process && process.kinds.length > 0 ? `recorded for ${formatAge(process.written - process.since)}` : "recording was off";
   const when = process ? `${source(report)}, ${recorded}` : source(report);
   const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes), ${otherProgram(data) ? `${programOf(base.report)}, ` : ""}${source(base.report)}`] : [];
-  return [exact, plural(totals.groups, "stack"), ...java, when, ...old];
+  // A difference counts the call sites of a function as one stack.
+  const held = data.groups.count.filter((count, group) => count > 0 && !data.isJava(group)).length;
+  const stacks = plural(base ? held + totals.unlistedGroups : totals.groups, "stack");
+  return [exact, stacks, ...java, when, ...old];
 }
 
 function source({ process, path, made }: Report): string {

@@ -95,6 +95,7 @@ export class Table {
 
   /** Marks a row; -1 for none. */
   setCurrent(row: number): void {
+    if (row === this.current) return;
     this.current = row;
     this.draw();
   }
