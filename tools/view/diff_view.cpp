@@ -94,7 +94,7 @@ void PrintRow(const Difference& difference, const StackRow& row, std::size_t num
   for (std::size_t i = 0; i < shown; ++i) {
     const std::size_t group = row.groups[i];
     const std::string text = FormatGroup(merged.groups[group], difference.changes[group]);
-    out << "   " << FitWidth(text, kColumns - 3) << "\n";
+    out << "   " << FitWidth(text, OutputColumns() - 3) << "\n";
   }
   if (row.groups.size() > shown) {
     out << "   and " << Counted(row.groups.size() - shown, "more size") << "\n";

@@ -41,10 +41,10 @@ std::string BlocksText(const GroupValue& value) {
 std::string FrameText(const std::string& name, const std::string& library) {
   constexpr std::size_t kMaxLibraryColumns = 24;
   if (library.empty() || name.starts_with(library + "+0x")) {
-    return FitWidth(name, kColumns - kIndent);
+    return FitWidth(name, OutputColumns() - kIndent);
   }
   const std::string place = "  [" + FitWidth(library, kMaxLibraryColumns) + "]";
-  return FitWidth(name, kColumns - kIndent - kMaxLibraryColumns - 4) + place;
+  return FitWidth(name, OutputColumns() - kIndent - kMaxLibraryColumns - 4) + place;
 }
 
 void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
