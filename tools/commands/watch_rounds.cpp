@@ -226,7 +226,7 @@ class Rounds {
 
   void PrintRound(const SavedReport& saved, milliseconds took) const {
     std::cout << FormatClock(saved.time) << "  report " << reports_.size() << "  "
-              << FormatBytes(saved.bytes) << " in " << FormatCount(saved.groups) << " groups";
+              << FormatBytes(saved.bytes) << " in " << Counted(saved.groups, "stack");
     if (reports_.size() > 1) {
       const double first = static_cast<double>(reports_.front().bytes);
       std::cout << ", " << FormatGrowth(static_cast<double>(saved.bytes) - first)

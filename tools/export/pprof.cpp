@@ -79,7 +79,7 @@ class Builder {
     const Sums unlisted = profile_.Unlisted();
     if (unlisted.groups == 0) return;
     message_.add_comment(Text("not listed in the report: " + std::to_string(unlisted.bytes) +
-                              " bytes in " + std::to_string(unlisted.groups) + " groups"));
+                              " bytes in " + std::to_string(unlisted.groups) + " stacks"));
   }
 
   // Readers take the first mapping as the program. A report does not name the program. It is
