@@ -9,7 +9,7 @@ constexpr const char* kHelp = R"(
 A session:
   memleak attach 4711          record a process that already runs
   memleak report 4711          stop, and write a report of the live memory
-  memleak show 4711            show the largest groups with their call stacks
+  memleak show 4711            show the call stacks that hold most
 
 memleak run -- ./server starts a program that memleak on can record later.
 

@@ -65,12 +65,12 @@ void WriteOutput(const Profile& profile, const ExportOptions& options) {
   WriteFormat(profile, options, std::cout);
 }
 
-// No format has a place for groups that the report does not list.
+// No format has a place for stacks that the report does not list.
 void WarnUnlisted(const Profile& profile) {
   const Sums unlisted = profile.Unlisted();
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
   std::cerr << "memleak: " << FormatBytes(unlisted.bytes) << " in "
-            << Counted(unlisted.groups, "group") << (unlisted.groups == 1 ? " is" : " are")
+            << Counted(unlisted.groups, "stack") << (unlisted.groups == 1 ? " is" : " are")
             << " counted by the report but not listed in it, and not exported\n";
 }
 

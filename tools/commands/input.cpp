@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/report/load.h"
@@ -195,13 +196,13 @@ std::string ReportOf(pid_t pid) {
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
   if (const auto pid = ProcessNamed(given)) return ReportOf(*pid);
-  if (!fs::is_directory(given, ignored)) return Preferred(given);
+  if (!fs::is_directory(RootedPath(given).Text(), ignored)) return Preferred(given);
   const fs::path report = protocol::kReportFile;
   const fs::path profile = protocol::kProfileFile;
   for (const fs::path& name : {report, report.filename(), profile, profile.filename()}) {
     const fs::path candidate = given / name;
     std::error_code error;
-    const bool found = fs::is_regular_file(candidate, error);
+    const bool found = fs::is_regular_file(RootedPath(candidate).Text(), error);
     // Without permission for the directory, opening the report fails with the reason.
     if (found || error == std::errc::permission_denied) return Preferred(candidate.string());
   }
@@ -230,8 +231,13 @@ std::pair<Profile, Profile> OpenPair(const std::string& before, const std::strin
     ForgetDirectories(&later.symbols);
   }
   CheckDirectories(options.symbols);
-  Profile first = Open(before, earlier, kNewerOldRemedy);
-  return {std::move(first), Open(after, later, kNewerRemedy)};
+  std::pair pair(Open(before, earlier, kNewerOldRemedy), Open(after, later, kNewerRemedy));
+  const auto& [first, second] = pair;
+  if (first.head && second.head && first.head->name != second.head->name) {
+    std::cerr << "memleak: these are reports of two programs: " << FitWidth(first.head->name, 40)
+              << " and " << FitWidth(second.head->name, 40) << "\n";
+  }
+  return pair;
 }
 
 Document OpenDocument(const std::string& path, const ReadOptions& options) {

@@ -131,7 +131,7 @@ class LibraryTable {
   void PrintRows() const {
     constexpr std::size_t kMinNameColumns = 16;
     std::vector<std::size_t> widths;
-    std::size_t rest = kColumns - 1;
+    std::size_t rest = OutputColumns() - 1;
     for (const std::string& function : HookableFunctions()) {
       widths.push_back(std::max<std::size_t>(7, function.size()));
       rest -= std::min(rest, widths.back() + 1);

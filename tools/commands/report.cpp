@@ -12,6 +12,7 @@
 #include "tools/base/user_error.h"
 #include "tools/commands/on.h"
 #include "tools/commands/options.h"
+#include "tools/report/head_text.h"
 #include "tools/report/profile_parser.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
@@ -19,7 +20,6 @@
 #include "tools/target/send_command.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
-#include "tools/view/head_text.h"
 
 namespace memleak {
 namespace {
@@ -58,11 +58,11 @@ struct ReportOptions {
   bool keep_recording = false;   ///< native heap only
 };
 
-// Prints how many groups a report has. Returns their bytes.
+// Prints how many stacks a report has. Returns their bytes.
 std::uint64_t PrintGroups(const std::string& path) {
   ReportHeader header;
   ReadReportFile(path, {}, &header);
-  std::cout << "groups  " << FormatCount(header.groups);
+  std::cout << "stacks  " << FormatCount(header.groups);
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";
   }

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/output_file.h"
@@ -209,10 +210,11 @@ class Rounds {
     const fs::path part = target.string() + ".part";  // until it is complete
     std::error_code error;
     const std::string source = FindReport(process_.ReportPath());
-    fs::copy_file(source, part, error);
+    const RootedPath rooted(source);
+    fs::copy_file(rooted.Text(), part, error);
     // Readers take the time of a report from its file.
     fs::file_time_type made;
-    if (!error) made = fs::last_write_time(source, error);
+    if (!error) made = fs::last_write_time(rooted.Text(), error);
     if (!error) fs::last_write_time(part, made, error);
     if (!error) fs::rename(part, target, error);
     if (error) {
@@ -224,7 +226,7 @@ class Rounds {
 
   void PrintRound(const SavedReport& saved, milliseconds took) const {
     std::cout << FormatClock(saved.time) << "  report " << reports_.size() << "  "
-              << FormatBytes(saved.bytes) << " in " << FormatCount(saved.groups) << " groups";
+              << FormatBytes(saved.bytes) << " in " << Counted(saved.groups, "stack");
     if (reports_.size() > 1) {
       const double first = static_cast<double>(reports_.front().bytes);
       std::cout << ", " << FormatGrowth(static_cast<double>(saved.bytes) - first)

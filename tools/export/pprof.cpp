@@ -79,7 +79,7 @@ class Builder {
     const Sums unlisted = profile_.Unlisted();
     if (unlisted.groups == 0) return;
     message_.add_comment(Text("not listed in the report: " + std::to_string(unlisted.bytes) +
-                              " bytes in " + std::to_string(unlisted.groups) + " groups"));
+                              " bytes in " + std::to_string(unlisted.groups) + " stacks"));
   }
 
   pb::Mapping* MappingOf(std::int32_t library) { return message_.mutable_mapping(library); }

@@ -150,7 +150,7 @@ class ProfileBuilder {
   std::string JitNameOf(std::uint64_t pc) {
     if (!jit_) {
       struct stat state {};
-      stat(profile_->path.c_str(), &state);
+      stat(RootedPath(profile_->path).c_str(), &state);
       const ProfileHead& head = *profile_->head;
       jit_.emplace(JitProcess{head.pid, head.started, head.program, state.st_uid});
     }
@@ -283,7 +283,8 @@ void ReadWhole(const std::string& path, const std::function<void(DamagedLine&&)>
 
 std::int64_t ModifiedTime(const std::string& path) {
   struct stat state {};
-  return stat(path.c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime) : 0;
+  return stat(RootedPath(path).c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime)
+                                                     : 0;
 }
 
 }  // namespace

@@ -257,7 +257,7 @@ ReportEnd ReadProfile(std::istream& input, const ProfileSink& sink, ProfileHead*
 }
 
 ReportEnd ReadProfileFile(const std::string& path, const ProfileSink& sink, ProfileHead* head) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(RootedPath(path).Text(), std::ios::binary);
   const ReportEnd end = file ? ReadProfile(file, sink, head) : ReportEnd::kNotAReport;
   if (end == ReportEnd::kNotAReport) {
     throw UserError("cannot read profile " + path, "check the path, or run memleak as its owner");
@@ -268,13 +268,13 @@ ReportEnd ReadProfileFile(const std::string& path, const ProfileSink& sink, Prof
 bool IsProfile(const std::string& path) {
   // The open of a pipe may block.
   if (!IsPlainFile(path)) return false;
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(RootedPath(path).Text(), std::ios::binary);
   return TakeMark(file);
 }
 
 ProfileHead ReadProfileHead(const std::string& path) {
   ProfileHead head;
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(RootedPath(path).Text(), std::ios::binary);
   std::string start(64U << 10U, '\0');  // the head is shorter
   file.read(start.data(), static_cast<std::streamsize>(start.size()));
   start.resize(static_cast<std::size_t>(file.gcount()));
@@ -293,7 +293,7 @@ std::string ProfileBeside(const std::string& report, bool* other) {
   *other = false;
   if (name == kProfileName || !IsProfile(path)) return "";
   const ProfileHead head = ReadProfileHead(path);
-  std::ifstream text(report, std::ios::binary);
+  std::ifstream text(RootedPath(report).Text(), std::ios::binary);
   std::uint64_t bytes = 0;
   std::uint64_t digest = protocol::kDigestStart;
   std::vector<char> piece(64U << 10U);

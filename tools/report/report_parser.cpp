@@ -289,11 +289,12 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {
   // Checks before opening: the open of a pipe may block.
-  if (access(path.c_str(), F_OK) == 0 && !IsPlainFile(path)) {
+  const RootedPath rooted(path);
+  if (access(rooted.c_str(), F_OK) == 0 && !IsPlainFile(rooted.Text())) {
     throw UserError("cannot read report " + path + ": not a file",
                     "name the file that memleak report printed");
   }
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(rooted.Text(), std::ios::binary);
   if (!file) throw CannotOpen(path, errno);
   const ReportEnd end = ReadReport(file, sink, header);
   if (end == ReportEnd::kNotAReport) {

@@ -29,16 +29,6 @@ UserError NotWritable(const std::string& path, const std::string& reason) {
   return {"root directory not writable: " + path + ": " + reason, kRemedy};
 }
 
-// The length of "/proc/PID/root" at the start of `path`; 0 if it starts otherwise.
-std::size_t OutsideBytes(const std::string& path) {
-  constexpr std::string_view kProc = "/proc/";
-  constexpr std::string_view kRoot = "/root";
-  if (!path.starts_with(kProc)) return 0;
-  const std::size_t end = path.find_first_not_of("0123456789", kProc.size());
-  if (end == kProc.size() || end == std::string::npos) return 0;
-  return path.compare(end, kRoot.size() + 1, "/root/") == 0 ? end + kRoot.size() : 0;
-}
-
 // Opens a file below a root directory. Links in a path below /proc/PID/root would lead to the
 // controller's own files. So the directories above the root directory, which the process may have
 // replaced by links, are resolved as the process resolves them, and the rest follows no link.
