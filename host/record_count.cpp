@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Has the tracker count its records.
+// Calls the tracker to count its records.
 #include "host/record_count.h"
 
 #include <atomic>
 
-#include "host/loader_variable.h"
+#include "host/exports.h"
 #include "host/state.h"
 
 // protocol::kRecordCounter.

@@ -73,11 +73,11 @@ class Session(end_to_end.Session):
                                             document.totals["listedBytes"])
         blocks, held = figures(document.through(function))
         assert 1 <= held / 1024 < 1024, "shown in KiB"
-        for view in ("group", "library", "function", "tree", "callers"):
+        for view in ("stack", "library", "function", "tree", "callers"):
             text = self.read("show", report, "--by", view, "--top", 0)
             assert f"({document.totals['bytes']:,} bytes) in {document.totals['groups']} " in text
             assert "Not shown: nothing\n" in text, text
-            if view == "group":
+            if view == "stack":
                 counts = re.findall(r"^#\d+ .*  ([\d,]+) block", text, re.M)
                 assert len(counts) == document.totals["listedGroups"]
                 assert sum(int(c.replace(",", "")) for c in counts) == document.totals["blocks"]

@@ -94,6 +94,8 @@ export function hostile() {
   const frames = kHostileNames.map((name, index) => frame(index, name, `src/<b>${index}.cpp`, 1));
   const groups = frames.map((_, index) => group(100, 10 - index, [index, 0], [5]));
   groups.push(group(1, 1, [frames.push(frame(6, "(nameless)+0x10")) - 1], []));
+  const deep = Array.from({ length: 1000 }, (_, level) => frames.push(frame(1, `deep${level}`, "src/deep.cpp", 1)) - 1);
+  groups.push(group(1, 1, deep.reverse(), []));
   return finish(frames, groups);
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/base/format.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -181,8 +184,17 @@ std::string Right(const std::string& text, std::size_t width) {
   return columns < width ? std::string(width - columns, ' ') + text : text;
 }
 
+std::size_t OutputColumns() {
+  static const std::size_t columns = [] {
+    winsize size{};
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0;
+    return std::max<std::size_t>(known ? size.ws_col : 0, 80);
+  }();
+  return columns;
+}
+
 std::string OneLineOrTwo(const std::string& first, const std::string& second) {
-  const bool fits = Columns(first) + 1 + Columns(second) <= kColumns;
+  const bool fits = Columns(first) + 1 + Columns(second) <= OutputColumns();
   return first + (fits ? " " : "\n  ") + second;
 }
 

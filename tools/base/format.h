@@ -42,8 +42,8 @@ std::string FitWidth(std::string_view text, std::size_t width);
 /// escaped byte, one for other characters.
 std::size_t Columns(std::string_view text);
 
-/// The columns of a terminal that views are made for.
-inline constexpr std::size_t kColumns = 80;
+/// The columns of the terminal that is standard output; 80 without one, and at least.
+std::size_t OutputColumns();
 
 /// `text` padded on the left to `width` columns.
 std::string Right(const std::string& text, std::size_t width);

@@ -16,21 +16,21 @@ namespace memleak {
 namespace {
 
 constexpr const char* kDiffHelp = R"(
-Says which groups grew, shrank, appeared or went from OLD to NEW. A group is the
-blocks with one call stack; in a report without a profile, those of one size.
-Stacks are matched by function and library, so different runs can be compared.
-Places without symbols are matched by the library's build id and offset.
+Prints which stacks grew, shrank, appeared or went from OLD to NEW. A report
+without a profile has one entry for each block size of a stack. Stacks are
+matched by function and library, so different runs can be compared. Places
+without symbols are matched by the library's build id and offset.
 
 A report holds no symbols: they come from the files that exist now. If a program
 was rebuilt between the reports, give OLD the symbols of its time: use
 --old-symbols or --old-sysroot, or a JSON document that
 `memleak export --format json` wrote at that time. NEW can be a document too.
 
-A report without a profile lists its 1000 largest groups. If it omits others, a
-group that is missing may only be too small for the list. Such a group is not
-judged: a note counts these groups, and --json calls them "unknown". The same
-holds for a group that lacks one of its call sites. --fail-over compares the
-totals, which count all native groups, and the Java-native groups that are
+A report without a profile lists its 1000 largest stacks. If it omits others, a
+stack that is missing may only be too small for the list. Such a stack is not
+judged: a note counts these stacks, and --json calls them "unknown". The same
+holds for a stack that lacks one of its call sites. --fail-over compares the
+totals, which count all native stacks, and the Java-native stacks that are
 listed.
 
 Examples:

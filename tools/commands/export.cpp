@@ -2,9 +2,7 @@
 // export: writes a report in the format of another program.
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <iostream>
 #include <string>
 
@@ -32,12 +30,7 @@ For a page for the browser, use `memleak html`.
 Examples:
   memleak export ./memleak.4711 --format folded > stacks.txt
   memleak export ./memleak.4711 --format pprof -o leak.pb.gz
-  memleak export allocations_dump --format speedscope -o leak.speedscope.json
-
-Exit codes:
-  0  written
-  2  error: not a report, not readable, truncated (--partial accepts that), or
-     the output cannot be written)";
+  memleak export allocations_dump --format speedscope -o leak.speedscope.json)";
 
 enum class Format : std::uint8_t { kFolded, kSpeedscope, kPprof, kJson };
 
@@ -56,8 +49,7 @@ void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostr
     case Format::kSpeedscope:
       return WriteSpeedscope(profile, out);
     case Format::kPprof:
-      if (!WritePprof(profile, out)) out.setstate(std::ios::failbit);
-      return;
+      return WritePprof(profile, out);
     case Format::kJson:
       return WriteProfileJson(profile, out);
   }
@@ -71,17 +63,14 @@ void WriteOutput(const Profile& profile, const ExportOptions& options) {
     return;
   }
   WriteFormat(profile, options, std::cout);
-  if (std::cout.flush()) return;
-  throw UserError("cannot write the output: " + std::string(std::strerror(errno)),
-                  "make room, or give -o FILE");
 }
 
-// No format has a place for groups that the report does not list.
+// No format has a place for stacks that the report does not list.
 void WarnUnlisted(const Profile& profile) {
   const Sums unlisted = profile.Unlisted();
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
   std::cerr << "memleak: " << FormatBytes(unlisted.bytes) << " in "
-            << Counted(unlisted.groups, "group") << (unlisted.groups == 1 ? " is" : " are")
+            << Counted(unlisted.groups, "stack") << (unlisted.groups == 1 ? " is" : " are")
             << " counted by the report but not listed in it, and not exported\n";
 }
 

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
-#include "tools/base/rooted_file.h"
 #include "tools/base/user_error.h"
 #include "tools/report/load.h"
 #include "tools/target/attach.h"
@@ -231,8 +231,13 @@ std::pair<Profile, Profile> OpenPair(const std::string& before, const std::strin
     ForgetDirectories(&later.symbols);
   }
   CheckDirectories(options.symbols);
-  Profile first = Open(before, earlier, kNewerOldRemedy);
-  return {std::move(first), Open(after, later, kNewerRemedy)};
+  std::pair pair(Open(before, earlier, kNewerOldRemedy), Open(after, later, kNewerRemedy));
+  const auto& [first, second] = pair;
+  if (first.head && second.head && first.head->name != second.head->name) {
+    std::cerr << "memleak: these are reports of two programs: " << FitWidth(first.head->name, 40)
+              << " and " << FitWidth(second.head->name, 40) << "\n";
+  }
+  return pair;
 }
 
 Document OpenDocument(const std::string& path, const ReadOptions& options) {

@@ -12,6 +12,7 @@
 #include "tools/base/user_error.h"
 #include "tools/commands/on.h"
 #include "tools/commands/options.h"
+#include "tools/report/head_text.h"
 #include "tools/report/profile_parser.h"
 #include "tools/report/report_parser.h"
 #include "tools/target/inspect.h"
@@ -19,16 +20,26 @@
 #include "tools/target/send_command.h"
 #include "tools/target/site.h"
 #include "tools/target/take_report.h"
-#include "tools/view/head_text.h"
 
 namespace memleak {
 namespace {
 
-constexpr const char* kReportHelp = R"(
+constexpr const char* kReportHostIntro = R"(
 Stops recording, makes the process write its report, waits until the report is
 complete and prints its path. An existing report is renamed to
-allocations_dump.old. With --kind, the hooks of the latest `memleak on` are
-removed. Hooks of earlier ones remain and record nothing; they are listed.
+allocations_dump.old.
+)";
+
+constexpr const char* kReportDeviceIntro = R"(
+Stops recording, makes the process write /data/log/reliability/allocations_dump,
+waits until the report is complete and prints how to fetch it. The directory
+must exist, and the process must have permission to write there. An existing
+report, of any process, is renamed to allocations_dump.old.
+)";
+
+constexpr const char* kHooksAndExamples = R"(
+With --kind, the hooks of the latest `memleak on` are removed. Hooks of earlier
+ones remain and record nothing; they are listed.
 
 With --keep-recording, recording of the native heap continues and misses no
 free, so that successive reports can be compared. Other kinds cannot continue,
@@ -38,31 +49,7 @@ Examples:
   memleak report 4711
   memleak report 4711 --keep-recording
   memleak report 4711 --timeout 300
-  memleak report 4711 --kind mmap
-
-Exit codes:
-  0  the report is complete
-  2  error (see stderr))";
-
-constexpr const char* kReportDeviceHelp = R"(
-Stops recording, makes the process write /data/log/reliability/allocations_dump,
-waits until the report is complete and prints how to fetch it. The directory
-must exist, and the process must have permission to write there. An existing
-report, of any process, is renamed to allocations_dump.old. With --kind, the
-hooks of the latest `memleak on` are removed. Hooks of earlier ones remain and
-record nothing; they are listed.
-
-With --keep-recording, recording of the native heap continues and misses no
-free, so that successive reports can be compared.
-
-Examples:
-  memleak report 4711
-  memleak report 4711 --keep-recording
-  memleak report 4711 --kind mmap
-
-Exit codes:
-  0  the report is complete
-  2  error (see stderr))";
+  memleak report 4711 --kind mmap)";
 
 struct ReportOptions {
   pid_t pid = 0;
@@ -71,11 +58,11 @@ struct ReportOptions {
   bool keep_recording = false;   ///< native heap only
 };
 
-// Prints how many groups a report has. Returns their bytes.
+// Prints how many stacks a report has. Returns their bytes.
 std::uint64_t PrintGroups(const std::string& path) {
   ReportHeader header;
   ReadReportFile(path, {}, &header);
-  std::cout << "groups  " << FormatCount(header.groups);
+  std::cout << "stacks  " << FormatCount(header.groups);
   if (header.listed < header.groups) {
     std::cout << " (the largest " << header.listed << " are listed)";
   }
@@ -129,8 +116,9 @@ int Report(const ReportOptions& options) {
       profile.empty() ? PrintGroups(path) : PrintStacks(profile, process.Shown(profile));
   std::cout << "bytes   " << FormatCount(bytes) << " (" << FormatBytes(bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
-  const std::string fetch = FetchCommand(path);
-  if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
+  if (Advice().fetch != nullptr) {
+    std::cout << "fetch   " << Advice().fetch << Printable(path) << "\n";
+  }
   if (!options.kind->IsNative()) PrintStillHooked(process);
   if (options.keep_recording) std::cout << "        recording continues\n";
   return kExitOk;
@@ -139,7 +127,8 @@ int Report(const ReportOptions& options) {
 }  // namespace
 
 void AddReport(Program* program) {
-  const char* help = program->IsDevice() ? kReportDeviceHelp : kReportHelp;
+  const std::string help = (program->IsDevice() ? kReportDeviceIntro : kReportHostIntro) +
+                           std::string(kHooksAndExamples);
   const auto [command, options] =
       program->AddCommand("report", "Stop recording and write a report", help, Report);
   AddPid(command, &options->pid);

@@ -21,27 +21,27 @@ Prints what a profile or report holds: bytes, blocks and ages, and the call
 stacks with function, file and line where symbols exist. REPORT is the process
 id, the file, the root directory that contains it, or a JSON document of
 `memleak export`. The profile that belongs to a report is read instead of it.
-Groups that are not shown are summed up below the view. For programs, write
+Stacks that are not shown are summed up below the view. For programs, write
 JSON with `memleak export --format json`.
 
---by group lists the blocks with one stack; in a report, those of one size with
-one stack. --by library and function sum up the groups: "self" counts the
-innermost frame only, "total" all that they call. Without --sort, the largest
-"self" is first. --by tree goes from the outermost call inwards, callers from
-the allocating call outwards. --sort orders groups, sums and branches; size is
-that of one block, on average.
+--by stack lists the blocks of each call stack. A report has one entry for each
+block size of a stack. --by library and function sum up the stacks: "self"
+counts the innermost frame only, "total" all that they call. Without --sort, the
+largest "self" is first. --by tree goes from the outermost call inwards, callers
+from the allocating call outwards. --sort orders stacks, sums and branches; size
+is that of one block, on average.
 
 --filter takes a POSIX extended regular expression, as grep -E does, and finds
 it anywhere in a name. Case matters: write [Ff]oo for either. A digit is [0-9],
 not \d.
 
---older-than keeps groups whose oldest listed block is at least that old, which
-drops short-lived memory. A group is called "growing" when it has blocks from
+--older-than keeps stacks whose oldest listed block is at least that old, which
+drops short-lived memory. A stack is called "growing" when it has blocks from
 both the first and the last quarter of the time that the report covers,
 "settled" when it has none from the last, "recent" when it has none from the
 first. A report lists at most 30 ages of a stack. If they may be those of blocks
 of other sizes with the same stack, the ages are printed with "about" and the
-word with "perhaps", and --older-than may keep or drop the group wrongly.
+word with "perhaps", and --older-than may keep or drop the stack wrongly.
 
 Functions that only pass memory on, such as operator new, xmalloc, g_malloc and
 PyObject_Malloc, are left out where memory is allocated. --skip takes an
@@ -56,11 +56,7 @@ Examples:
   memleak show ./memleak.4711
   memleak show ./memleak.4711 --by function --top 20
   memleak show allocations_dump --filter 'libfoo|Cache::' --older-than 10m
-  memleak show allocations_dump --symbols out/symbols --sysroot device
-
-Exit codes:
-  0  shown
-  2  error: not a report, not readable, or truncated (--partial accepts that))";
+  memleak show allocations_dump --symbols out/symbols --sysroot device)";
 
 struct ShowOptions {
   std::string report;  ///< a report, a root directory that holds one, or a report's JSON document
@@ -102,20 +98,20 @@ void AddShow(Program* program) {
   Selection& selection = options->view.selection;
   AddReportArgument(command, &options->report);
   AddChoice<View>(command, "--by", &options->view.view,
-                  {{"group", View::kGroups},
+                  {{"stack", View::kGroups},
                    {"library", View::kLibraries},
                    {"function", View::kFunctions},
                    {"tree", View::kTree},
                    {"callers", View::kCallers}},
-                  "View (default: group)");
-  AddTop(command, &options->view.top, "Groups, rows or branches to show (10); 0: all");
+                  "View (default: stack)");
+  AddTop(command, &options->view.top, "Stacks, rows or branches to show (10); 0: all");
   AddOption(command, "--filter", &selection.filter, "REGEX",
-            "Groups with a matching function, library\n"
-            "or source file on their stack (as grep -E)");
+            "Stacks with a matching function, library\n"
+            "or source file (as grep -E)");
   ExpectBytes(AddOption(command, "--min-size", &selection.min_bytes, "BYTES",
-                        "Groups of at least this size (64k, 1m)"));
+                        "Stacks that hold at least this (64k, 1m)"));
   ExpectTime(AddOption(command, "--older-than", &selection.older_than, "AGE",
-                       "Groups with blocks of at least this age\n(90s, 10m)"),
+                       "Stacks with blocks of at least this age\n(90s, 10m)"),
              0, "an age, such as 90s, 10m, 2h or 1d");
   AddChoice<SortKey>(command, "--sort", &selection.sort,
                      {{"total", SortKey::kTotal},

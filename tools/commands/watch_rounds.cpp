@@ -6,10 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -19,10 +17,11 @@
 #include <utility>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
+#include "tools/base/output_file.h"
 #include "tools/base/proc_files.h"
-#include "tools/base/rooted_file.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/input.h"
 #include "tools/commands/on.h"
@@ -131,13 +130,9 @@ class Rounds {
   void Finish() const {
     std::vector<GroupTrend> groups = trends_.Result();
     const std::string path = (fs::path(options_.directory) / "trend.json").string();
-    std::ofstream file(path, std::ios::binary);
-    WriteTrendsJson(process_.Label(), reports_, groups, broken_, file);
-    file.close();
-    if (!file) {
-      throw UserError("cannot write " + path + ": " + std::strerror(errno),
-                      "make room, or name another directory with -o DIR");
-    }
+    OutputFile file(path);
+    WriteTrendsJson(process_.Label(), reports_, groups, broken_, file.Stream());
+    file.Commit();
     std::cout << "\n";
     if (reports_.size() > 1) {
       PrintTrends(reports_, groups, options_.top, std::cout);
@@ -231,7 +226,7 @@ class Rounds {
 
   void PrintRound(const SavedReport& saved, milliseconds took) const {
     std::cout << FormatClock(saved.time) << "  report " << reports_.size() << "  "
-              << FormatBytes(saved.bytes) << " in " << FormatCount(saved.groups) << " groups";
+              << FormatBytes(saved.bytes) << " in " << Counted(saved.groups, "stack");
     if (reports_.size() > 1) {
       const double first = static_cast<double>(reports_.front().bytes);
       std::cout << ", " << FormatGrowth(static_cast<double>(saved.bytes) - first)

@@ -30,7 +30,7 @@ struct PageContent {
 /// generated source.
 std::string_view PageShell();
 
-/// The data of a page as one line of JSON; docs/report-json.md describes it.
+/// The data of a page, before compression; docs/report-json.md describes it.
 std::string PageData(const PageContent& content);
 
 /// Writes a page to the file at `path`: one file without external references. Returns its size in

@@ -79,7 +79,7 @@ class Builder {
     const Sums unlisted = profile_.Unlisted();
     if (unlisted.groups == 0) return;
     message_.add_comment(Text("not listed in the report: " + std::to_string(unlisted.bytes) +
-                              " bytes in " + std::to_string(unlisted.groups) + " groups"));
+                              " bytes in " + std::to_string(unlisted.groups) + " stacks"));
   }
 
   // Readers take the first mapping as the program. A report does not name the program. It is
@@ -217,11 +217,13 @@ class Builder {
 
 }  // namespace
 
-bool WritePprof(const Profile& profile, std::ostream& out) {
+void WritePprof(const Profile& profile, std::ostream& out) {
   const Builder builder(profile);
   google::protobuf::io::OstreamOutputStream plain(&out);
   google::protobuf::io::GzipOutputStream packed(&plain);
-  return builder.Message().SerializeToZeroCopyStream(&packed) && packed.Close();
+  if (!builder.Message().SerializeToZeroCopyStream(&packed) || !packed.Close()) {
+    out.setstate(std::ios::failbit);
+  }
 }
 
 }  // namespace memleak

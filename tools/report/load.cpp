@@ -15,10 +15,8 @@
 
 #include "tools/base/files.h"
 #include "tools/base/progress.h"
-#include "tools/base/rooted_file.h"
 #include "tools/report/program_name.h"
 #include "tools/report/stacks.h"
-#include "tools/report/wrappers.h"
 #include "tools/symbols/demangle.h"
 #include "tools/symbols/jit_names.h"
 #include "tools/symbols/symbolizer.h"
@@ -55,22 +53,19 @@ class ProfileBuilder {
  public:
   explicit ProfileBuilder(Profile* profile) : profile_(profile) {}
 
-  void Add(const NativeGroup& group) {
-    Group& added = AddGroup(GroupKind::kNative, group);
-    added.cut = IsCut(group.frames.size(), profile_->header.backtrace_size);
+  void Add(const ReportGroup& group) {
+    Group& added = profile_->groups.emplace_back();
+    added.kind = group.java ? GroupKind::kJava : GroupKind::kNative;
+    added.size = group.size;
+    added.max_size = group.size;
+    added.count = group.count;
+    added.total = group.total;
     added.ages = group.ages;
+    added.cut = !group.java && IsCut(group.frames.size(), profile_->header.backtrace_size);
     added.stack.reserve(group.frames.size());
     for (const ReportFrame& frame : group.frames) {
-      added.stack.push_back(
-          IndexOf(frame.known ? Place{LibraryOf(frame.library), frame.offset, {}} : Place{}));
-    }
-  }
-
-  void Add(const JavaGroup& group) {
-    Group& added = AddGroup(GroupKind::kJava, group);
-    added.stack.reserve(group.frames.size());
-    for (const JavaFrame& frame : group.frames) {
-      added.stack.push_back(IndexOf({-1, frame.rel_pc, FunctionOf(frame.function)}));
+      const std::int32_t library = group.java || !frame.known ? -1 : LibraryOf(frame.library);
+      added.stack.push_back(IndexOf({library, frame.offset, FunctionOf(frame.function)}));
     }
   }
 
@@ -134,17 +129,6 @@ class ProfileBuilder {
   // Whether a stack may be deeper than its frames.
   static bool IsCut(std::size_t frames, std::uint64_t depth) {
     return depth != 0 && frames >= depth;
-  }
-
-  template <typename Source>
-  Group& AddGroup(GroupKind kind, const Source& source) {
-    Group& group = profile_->groups.emplace_back();
-    group.kind = kind;
-    group.size = source.size;
-    group.max_size = source.size;
-    group.count = source.count;
-    group.total = source.total;
-    return group;
   }
 
   std::int32_t LibraryOf(std::string_view name) {
@@ -325,8 +309,7 @@ Profile LoadProfile(const std::string& path, const SymbolOptions& options) {
     return profile;
   }
   ReportSink sink;
-  sink.native = [&](const NativeGroup& group) { builder.Add(group); };
-  sink.java = [&](const JavaGroup& group) { builder.Add(group); };
+  sink.group = [&](const ReportGroup& group) { builder.Add(group); };
   sink.damaged = damaged;
   profile.complete = ReadReportFile(path, sink, &profile.header) == ReportEnd::kComplete;
   MarkOwnAges(&profile);

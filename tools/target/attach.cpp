@@ -22,7 +22,6 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/names.h"
-#include "tools/base/rooted_file.h"
 #include "tools/target/attach_checks.h"
 #include "tools/target/debugger_commands.h"
 #include "tools/target/elf_symbols.h"

@@ -18,6 +18,7 @@
 #include <sstream>
 #include <thread>
 
+#include "tools/base/files.h"
 #include "tools/base/names.h"
 #include "tools/base/user_error.h"
 #include "tools/target/task_status.h"

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "tools/base/files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/program_file.h"
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "tools/base/files.h"
 #include "tools/base/proc_files.h"
-#include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {

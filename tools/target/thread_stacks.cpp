@@ -15,7 +15,6 @@
 #include <string_view>
 
 #include "tools/base/files.h"
-#include "tools/base/rooted_file.h"
 #include "tools/base/user_error.h"
 #include "tools/target/elf_symbols.h"
 #include "tools/target/inspect.h"

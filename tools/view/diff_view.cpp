@@ -12,7 +12,7 @@
 
 #include "tools/base/format.h"
 #include "tools/report/diff.h"
-#include "tools/view/head_text.h"
+#include "tools/report/head_text.h"
 #include "tools/view/show_views.h"
 
 namespace memleak {
@@ -94,7 +94,7 @@ void PrintRow(const Difference& difference, const StackRow& row, std::size_t num
   for (std::size_t i = 0; i < shown; ++i) {
     const std::size_t group = row.groups[i];
     const std::string text = FormatGroup(merged.groups[group], difference.changes[group]);
-    out << "   " << FitWidth(text, kColumns - 3) << "\n";
+    out << "   " << FitWidth(text, OutputColumns() - 3) << "\n";
   }
   if (row.groups.size() > shown) {
     out << "   and " << Counted(row.groups.size() - shown, "more size") << "\n";
@@ -147,14 +147,14 @@ void PrintGrowthOfAll(const Profile& before, const Profile& after, std::ostream&
   all << "),";
   const std::int64_t more = Growth(before.header.groups, after.header.groups);
   const std::string groups =
-      more == 0 ? "in as many groups" : Sign(more) + Counted(Magnitude(more), "group");
+      more == 0 ? "in as many stacks" : Sign(more) + Counted(Magnitude(more), "stack");
   out << OneLineOrTwo(all.str(), groups) << "\n";
 }
 
 void PrintTotals(const Profile& before, const Profile& after, std::ostream& out) {
   for (const auto& [label, profile] : {std::pair("old  ", &before), std::pair("new  ", &after)}) {
     const std::string held = label + FormatBytes(profile->header.total_bytes) + " held in " +
-                             Counted(profile->header.groups, "group") + " ";
+                             Counted(profile->header.groups, "stack") + " ";
     out << OneLineOrTwo(held, FitWidth(profile->path, 40)) << "\n";
     if (profile->head) out << "     " << ProcessText(*profile->head) << "\n";
   }
@@ -177,7 +177,7 @@ void PrintUnchanged(const Difference& difference, std::ostream& out) {
   }
   if (same.groups == 0) return;
   // The reports count each call site as a group.
-  out << "Unchanged: " << FormatBytes(same.bytes) << " in " << Counted(same.groups, "group")
+  out << "Unchanged: " << FormatBytes(same.bytes) << " in " << Counted(same.groups, "stack")
       << (merged ? " (call sites of a function as one)" : "") << ".\n";
 }
 
@@ -204,24 +204,24 @@ void PrintNotJudged(const Profile& before, const Profile& after, const Differenc
           ? "[no stack]"
           : FrameName(difference.merged, difference.merged.frames[group.stack.front()]);
   const GroupChange& change = difference.changes[largest];
-  const std::string sums = "Not judged: " + Counted(new_sums.groups, "group") + ", " +
+  const std::string sums = "Not judged: " + Counted(new_sums.groups, "stack") + ", " +
                            FormatBytes(old_sums.bytes) + " -> " + FormatBytes(new_sums.bytes) + ";";
   const std::string example = "the largest: " + FormatBytes(change.before.total) + " -> " +
                               FormatBytes(change.after.total) + " in " + FitWidth(function, 40);
   out << OneLineOrTwo(sums, example) << "\n"
-      << "One report lists them, or call sites of them, and the other one omits groups.\n";
+      << "One report lists them, or call sites of them, and the other one omits stacks.\n";
   if (!before.IsWhole() || !after.IsWhole()) {
     out << "A report is truncated or damaged: write it again.\n";
   } else {
-    out << "A report lists its 1000 largest groups; no option changes that. There are\n"
-           "fewer groups with a smaller --depth, or when recording starts later.\n";
+    out << "A report lists its 1000 largest stacks; no option changes that. There are\n"
+           "fewer stacks with a smaller --depth, or when recording starts later.\n";
   }
 }
 
 // The tracker writes the same head for no groups and for more than it can sort.
 void PrintEmpty(const char* label, const Profile& profile, std::ostream& out) {
   if (profile.head || profile.header.groups != 0 || HeadIsDamaged(profile)) return;
-  out << "The " << label << " report counts no group: there was none, or more than 60,000.\n";
+  out << "The " << label << " report counts no stack: there was none, or more than 60,000.\n";
 }
 
 void PrintUnlisted(const char* label, const Profile& profile, std::ostream& out) {
@@ -229,7 +229,7 @@ void PrintUnlisted(const char* label, const Profile& profile, std::ostream& out)
   if (unlisted.groups == 0 && unlisted.bytes == 0) return;
   const std::string counts = std::string("The ") + label + " report counts " +
                              FormatBytes(unlisted.bytes) + " more in " +
-                             Counted(unlisted.groups, "group");
+                             Counted(unlisted.groups, "stack");
   out << OneLineOrTwo(counts, "that it does not list.") << "\n";
 }
 
@@ -244,7 +244,7 @@ void PrintDifference(const Profile& before, const Profile& after, std::size_t to
       grew.begin(), grew.end(), [](const StackRow& row) { return row.growth >= 0; });
   const std::vector<StackRow> shrank(shrank_begin, grew.end());
   grew.erase(shrank_begin, grew.end());
-  if (grew.empty() && shrank.empty()) out << "\nNo group is known to have changed.\n";
+  if (grew.empty() && shrank.empty()) out << "\nNo stack is known to have changed.\n";
   PrintStacks(difference, grew, "Grew", top, out);
   PrintStacks(difference, shrank, "Shrank", top, out);
   std::ostringstream notes;

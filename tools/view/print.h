@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints reports for an 80-column terminal. Single-threaded.
+// Prints reports for a terminal. Single-threaded.
 #pragma once
 
 #include <cstddef>

@@ -8,7 +8,7 @@
 
 #include "tools/base/files.h"
 #include "tools/base/format.h"
-#include "tools/view/head_text.h"
+#include "tools/report/head_text.h"
 
 namespace memleak {
 namespace {
@@ -20,7 +20,7 @@ constexpr std::size_t kDeepIndent = 9;
 constexpr std::size_t kLocationColumns = 30;
 
 std::string InGroups(const Sums& sums) {
-  return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "group");
+  return FormatBytes(sums.bytes) + " in " + Counted(sums.groups, "stack");
 }
 
 void PrintProcess(const ProfileHead& head, std::ostream& out) {
@@ -30,12 +30,13 @@ void PrintProcess(const ProfileHead& head, std::ostream& out) {
     const bool plain = !argument.empty() && argument.find_first_of(" \t\n'\"") == argument.npos;
     arguments += plain ? " " + argument : " '" + argument + "'";
   }
-  if (!arguments.empty()) out << " " << FitWidth(arguments, kColumns - 1) << "\n";
+  if (!arguments.empty()) out << " " << FitWidth(arguments, OutputColumns() - 1) << "\n";
 }
 
 void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
   if (profile.head) PrintProcess(*profile.head, out);
-  out << (profile.head ? "Profile " : "Report ") << FitWidth(profile.path, kColumns - 8) << "\n";
+  out << (profile.head ? "Profile " : "Report ") << FitWidth(profile.path, OutputColumns() - 8)
+      << "\n";
   if (profile.complete && profile.header.groups == 0 && profile.groups.empty()) {
     out << "  " << NothingHeldText(profile.head ? &*profile.head : nullptr) << "\n";
     return;
@@ -54,10 +55,10 @@ void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
     return;
   }
   const std::string groups =
-      "in " + Counted(profile.header.groups, "group") + " of one size and one stack";
+      "in " + Counted(profile.header.groups, "stack") + " of blocks of one size";
   out << OneLineOrTwo("  " + held, groups) << "\n"
       << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n"
-      << "  A report does not tell its program, all ages, or more than 1000 groups.\n";
+      << "  A report contains neither its program nor all ages, and at most 1000 stacks.\n";
 }
 
 std::string Ages(const Group& group, const ViewOptions& options, std::int64_t span) {
@@ -82,7 +83,7 @@ std::string Ages(const Group& group, const ViewOptions& options, std::int64_t sp
 // Prints function and location on one line if they fit, else on two.
 void PrintFrame(const std::string& function, const std::string& location, const Paint& paint,
                 std::ostream& out) {
-  const std::size_t room = kColumns - kFrameIndent;
+  const std::size_t room = OutputColumns() - kFrameIndent;
   const std::string indent(kFrameIndent, ' ');
   const std::size_t both = Columns(function) + 2 + Columns(location);
   if (location.empty() || both <= room) {
@@ -93,8 +94,8 @@ void PrintFrame(const std::string& function, const std::string& location, const 
         << paint.Faint(FitWidth(location, room)) << "\n";
   } else {
     out << indent << paint.Name(FitWidth(function, room)) << "\n"
-        << std::string(kDeepIndent, ' ') << paint.Faint(FitWidth(location, kColumns - kDeepIndent))
-        << "\n";
+        << std::string(kDeepIndent, ' ')
+        << paint.Faint(FitWidth(location, OutputColumns() - kDeepIndent)) << "\n";
   }
 }
 
@@ -117,7 +118,7 @@ void PrintGroup(const Section& section, std::size_t number, const Group& group,
                            FormatSizes(group.size, group.max_size);
   const std::string ages = Ages(group, section.options, span);
   const std::string label = section.mark + std::to_string(number) + "  ";
-  const bool fits = Columns(label + bytes + share + bar + rest + ages) <= kColumns;
+  const bool fits = Columns(label + bytes + share + bar + rest + ages) <= OutputColumns();
   out << "\n"
       << label << paint.Strong(bytes) << share << paint.Bar(bar) << rest << (fits ? "" : "\n   ")
       << ages << "\n";
@@ -163,14 +164,14 @@ const char* BelowText(View view) {
   switch (view) {
     case View::kLibraries:
     case View::kFunctions:
-      return "whose innermost frame is in no row shown (--top N)";
+      return "allocated in other rows (--top 0 shows all)";
     case View::kTree:
     case View::kCallers:
-      return "in branches not drawn (--top 0 draws all)";
+      return "in other branches (--top 0 shows all)";
     case View::kGroups:
       break;
   }
-  return "further down the list (--top N shows more)";
+  return "further down (--top 0 shows all)";
 }
 
 void PrintNotShown(View view, const Sums& below, const Sums& cut, const Sums& unlisted,
@@ -209,8 +210,8 @@ void PrintHints(const Profile& profile, const std::vector<bool>& shown, std::ost
   out << "\nNo source lines without these files (see --symbols, --sysroot):\n";
   for (std::size_t i = 0; i < lacking.size() && i < kHintsShown; ++i) {
     const std::string owner = lacking[i]->found ? "  of " + LastPart(lacking[i]->path) : "";
-    const std::string name = FitWidth(owner, kColumns / 3);
-    out << "  " << FitWidth(lacking[i]->hint, kColumns - 2 - Columns(name)) << name << "\n";
+    const std::string name = FitWidth(owner, OutputColumns() / 3);
+    out << "  " << FitWidth(lacking[i]->hint, OutputColumns() - 2 - Columns(name)) << name << "\n";
   }
   if (lacking.size() > kHintsShown) {
     out << "  and " << FormatCount(lacking.size() - kHintsShown) << " more\n";

@@ -36,7 +36,7 @@ void PrintRow(const Section& section, const Row& row, RowKind kind, std::ostream
   }
   const std::string& name = kind == RowKind::kLibrary && row.name.empty() ? "(nameless)" : row.name;
   const std::size_t figures = kBytesColumns + share.size() + Columns(bar) + total.size() + 2;
-  const std::size_t room = kColumns - std::min(kColumns - 10, figures);
+  const std::size_t room = OutputColumns() - std::min(OutputColumns() - 10, figures);
   out << paint.Strong(Right(FormatBytes(row.self.bytes), kBytesColumns)) << share << paint.Bar(bar)
       << total << "  " << paint.Name(FitWidth(name, room)) << "\n";
 }
@@ -144,7 +144,7 @@ class TreePrinter {
   }
 
   std::size_t Room(std::size_t indent) const {
-    return kColumns - kBytesColumns - kShareColumns - 3 - order_.width - indent;
+    return OutputColumns() - kBytesColumns - kShareColumns - 3 - order_.width - indent;
   }
 
   void PrintNode(const PendingLine& line) {

@@ -22,7 +22,7 @@ class Paint {
 
  private:
   std::string Wrap(const char* begin, const std::string& text) const {
-    return on_ ? begin + text + "\033[0m" : text;
+    return on_ && !text.empty() ? begin + text + "\033[0m" : text;
   }
   bool on_;
 };

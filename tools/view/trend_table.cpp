@@ -41,10 +41,10 @@ std::string BlocksText(const GroupValue& value) {
 std::string FrameText(const std::string& name, const std::string& library) {
   constexpr std::size_t kMaxLibraryColumns = 24;
   if (library.empty() || name.starts_with(library + "+0x")) {
-    return FitWidth(name, kColumns - kIndent);
+    return FitWidth(name, OutputColumns() - kIndent);
   }
   const std::string place = "  [" + FitWidth(library, kMaxLibraryColumns) + "]";
-  return FitWidth(name, kColumns - kIndent - kMaxLibraryColumns - 4) + place;
+  return FitWidth(name, OutputColumns() - kIndent - kMaxLibraryColumns - 4) + place;
 }
 
 void PrintGroup(std::size_t number, const GroupTrend& group, std::ostream& out) {
@@ -72,7 +72,7 @@ bool HasNoTrend(const GroupTrend& group) {
 }
 
 std::string UnlistedText(const SavedReport& report) {
-  return FormatBytes(report.unlisted.bytes) + " in " + Counted(report.unlisted.groups, "group");
+  return FormatBytes(report.unlisted.bytes) + " in " + Counted(report.unlisted.groups, "stack");
 }
 
 }  // namespace
@@ -99,14 +99,14 @@ void PrintTrends(const std::vector<SavedReport>& reports, const std::vector<Grou
     if (top == 0 || grew <= top) PrintGroup(grew, group, out);
   }
   // Groups come and go: there may be more of them than one report lists.
-  out << grew << " of " << Counted(groups.size(), "group") << " seen in any report grew";
+  out << grew << " of " << Counted(groups.size(), "stack") << " seen in any report grew";
   if (top != 0 && grew > top) out << "; the " << top << " that grew most are shown";
   out << "\n";
   if (without_trend.groups != 0) {
-    out << "not judged: " << Counted(without_trend.groups, "group") << " of "
+    out << "not judged: " << Counted(without_trend.groups, "stack") << " of "
         << FormatBytes(without_trend.bytes)
         << "; each is listed in full in at most one report.\nA report lists its 1000 largest "
-           "groups; no option changes that\n";
+           "stacks; no option changes that\n";
   }
   if (first.unlisted.groups != 0 || last.unlisted.groups != 0) {
     out << "not in the lists: " << UnlistedText(first) << " of the first report, "

@@ -17,47 +17,51 @@ const kMeaning = {
 export function patternWord(data: Data, group: number): string {
   const pattern = data.pattern(group);
   if (pattern === "unknown") return "";
-  return data.groups.ownAges[group] === "1" ? pattern : `perhaps ${pattern}`;
+  return data.groups.ownAges[group] === 1 ? pattern : `perhaps ${pattern}`;
 }
 
 /** "2s–3m", "about 2s–3m", or a dash. */
 export function ageText(data: Data, group: number): string {
   const [youngest, oldest] = [data.groups.youngest[group]!, data.groups.oldest[group]!];
-  if (oldest === null || youngest === null) return "–";
+  if (Number.isNaN(oldest)) return "–";
   const range = formatAge(youngest) === formatAge(oldest) ? formatAge(oldest) : `${formatAge(youngest)}–${formatAge(oldest)}`;
-  return data.groups.ownAges[group] === "1" ? range : `about ${range}`;
+  return data.groups.ownAges[group] === 1 ? range : `about ${range}`;
 }
 
-/** "1s to 4s: 700 blocks", for each age that has blocks. */
+/** The ages that have blocks, from the youngest on: an index of the bounds, and the number of blocks. */
+function agesOf({ ages }: Data, group: number): [age: number, blocks: number][] {
+  const list: [number, number][] = [];
+  for (let at = ages.begin[group]!; at < ages.begin[group + 1]!; ++at) list.push([ages.age[at]!, ages.blocks[at]!]);
+  return list;
+}
+
+/** "1s to 4s: 700", for each age that has blocks. */
 export function ageCounts(data: Data, group: number): string[] {
-  const pairs = data.groups.ages[group]!;
-  const texts: string[] = [];
-  for (let i = 0; i < pairs.length; i += 2) {
-    const [from, to] = [data.ageBounds[pairs[i]!]!, data.ageBounds[pairs[i]! + 1]];
+  return agesOf(data, group).map(([age, blocks]) => {
+    const [from, to] = [data.ageBounds[age]!, data.ageBounds[age + 1]];
     const range = to === undefined ? `${formatAge(from)} and older` : `${formatAge(from)} to ${formatAge(to)}`;
-    texts.push(`${range}: ${formatCount(pairs[i + 1]!)}`);
-  }
-  return texts;
+    return `${range}: ${formatCount(blocks)}`;
+  });
 }
 
 /** How many of the group's blocks have a known age. */
 export function agedBlocks(data: Data, group: number): number {
-  return data.groups.ages[group]!.reduce((sum, figure, at) => sum + (at % 2 === 1 ? figure : 0), 0);
+  return agesOf(data, group).reduce((sum, [, blocks]) => sum + blocks, 0);
 }
 
 /** What the ages show about growth, in a sentence. */
 export function ageSentence(data: Data, group: number): string {
   const pattern = data.pattern(group);
-  const sure = pattern === "unknown" || data.groups.ownAges[group] === "1";
+  const sure = pattern === "unknown" || data.groups.ownAges[group] === 1;
   return `${sure ? "" : "Perhaps: "}${kMeaning[pattern]}`;
 }
 
 /** Bars from young (left) to old, on the scale of the whole report. None for one block. */
 export function ageBar(data: Data, group: number): Node | string {
-  const pairs = data.groups.ages[group]!;
-  if (data.groups.count[group]! < 2 || pairs.length === 0) return "";
+  const ages = agesOf(data, group);
+  if (data.groups.count[group]! < 2 || ages.length === 0) return "";
   const counts = new Array<number>(data.ageScale).fill(0);
-  for (let i = 0; i < pairs.length; i += 2) counts[pairs[i]!] = pairs[i + 1]!;
+  for (const [age, blocks] of ages) counts[age] = blocks;
   const most = Math.max(...counts);
   const [step, height] = [Math.floor(kWidth / counts.length), 16];
   let path = "";

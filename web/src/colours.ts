@@ -3,6 +3,7 @@
 // Light boxes have dark text; in the dark scheme boxes are dark and muted, with light text.
 
 import type { Data } from "./data.js";
+import type { Sums } from "./functions.js";
 import type { TreeNode } from "./tree.js";
 
 export type ColourBy = "library" | "change";
@@ -47,42 +48,21 @@ export function palette(): Palette {
 
 /** Hues by weight: those of the largest libraries differ most. */
 export class LibraryColours {
-  private ranked: { library: number; bytes: number }[] | null = null;
+  /** Libraries by the bytes of the stacks that have them, largest first. */
+  readonly ranking: { library: number; bytes: number }[];
   private readonly rank = new Map<number, number>();
 
-  constructor(private readonly data: Data) {}
-
-  /** Libraries by the bytes of the groups that have them on their stacks, largest first. */
-  get ranking(): { library: number; bytes: number }[] {
-    return (this.ranked ??= this.findRanking());
-  }
-
-  private findRanking(): { library: number; bytes: number }[] {
-    const { data } = this;
-    const { start, functions } = data.stacks;
-    const bytes = new Float64Array(data.libraries.length);
-    const libraryOf = Int32Array.from(data.functions, (info) => info.library);
-    const last = new Int32Array(data.libraries.length).fill(-1); // group that was counted
-    for (let group = 0; group < data.count; ++group) {
-      const width = data.width(group, "bytes");
-      for (let at = start[group]!; at < start[group + 1]!; ++at) {
-        const library = libraryOf[functions[at]!]!;
-        if (library < 0 || last[library] === group) continue;
-        last[library] = group;
-        bytes[library]! += width;
-      }
-    }
-    const ranking = [...bytes.keys()]
-      .map((library) => ({ library, bytes: bytes[library]! }))
-      .filter((entry) => entry.bytes > 0)
-      .sort((a, b) => b.bytes - a.bytes);
-    ranking.forEach(({ library }, rank) => this.rank.set(library, rank));
-    return ranking;
+  constructor(
+    private readonly data: Data,
+    sums: Sums,
+  ) {
+    this.ranking = data.libraries.map((_, library) => ({ library, bytes: sums.total[library]! }));
+    this.ranking.sort((a, b) => b.bytes - a.bytes);
+    this.ranking.forEach(({ library }, rank) => this.rank.set(library, rank));
   }
 
   /** The colour of a library, in the middle of its functions' shades. */
   of(library: number, shade = 0): string {
-    this.ranked ??= this.findRanking();
     const rank = this.rank.get(library);
     if (rank === undefined) return palette().plain;
     const hue = Math.round(28 + 137.5 * rank) % 360;

@@ -61,32 +61,40 @@ export interface Trend {
   }[];
 }
 
+export type Column = Uint8Array | Uint16Array | Uint32Array | Float64Array;
+
 interface Frames {
-  name: number[]; // indices of strings
-  library: number[]; // index, -1 for none
-  file: number[];
-  line: number[];
-  address: number[];
-  inlined: string; // a digit for each frame
-  unresolved: string;
+  name: Column; // indices of strings
+  library: Column; // index + 1; 0 for none
+  file: Column;
+  line: Column;
+  address: Column;
+  inlined: Column; // 0 or 1
+  unresolved: Column;
 }
 
 interface Groups {
-  size: number[]; // of the smallest block
-  larger: number[]; // by how much the largest block is larger
-  count: number[];
-  total: number[];
-  youngest: (number | null)[];
-  oldest: (number | null)[];
-  ages: number[][]; // pairs: an index of ageBounds, and a number of blocks
-  node: number[]; // of the innermost frame; 0 without a stack
-  java: string;
-  ownAges: string;
-  cut: string;
-  pattern: string; // an index of kPatterns
-  beforeCount?: number[];
-  beforeTotal?: number[];
-  status?: string; // an index of kStatuses
+  size: Column; // of the smallest block
+  larger: Column; // by how much the largest block is larger
+  count: Column;
+  total: Column;
+  youngest: Column; // NaN for none
+  oldest: Column;
+  node: Column; // of the innermost frame; 0 without a stack
+  java: Column; // 0 or 1
+  ownAges: Column;
+  cut: Column;
+  pattern: Column; // indices of kPatterns
+  beforeCount?: Column;
+  beforeTotal?: Column;
+  status?: Column; // indices of kStatuses
+}
+
+/** The entries of group g are from begin[g] to begin[g + 1]. */
+interface Ages {
+  begin: Column;
+  age: Column; // indices of ageBounds
+  blocks: Column;
 }
 
 interface PageData {
@@ -98,17 +106,20 @@ interface PageData {
   ageBounds: number[];
   base?: { report: Report; totals: Totals };
   trend?: Trend;
+  nothingHeld?: string; // why there are no groups
   strings: string[];
   frames: Frames;
   groups: Groups;
-  /** A tree from the outermost frames. Node n, counted from 1, has the frame frame[n - 1]. */
+  ages: Ages;
+  /**
+   * A tree from the outermost frames. Node n, counted from 1, has the frame frame[n - 1]. Those below
+   * a node directly follow it, each before its own.
+   */
   stacks: {
-    frame: number[];
-    jumps: number[]; // pairs: a node, and its parent if that is not the node before it; 0 for none
+    frame: Column;
+    jumps: Column; // pairs: a node, and its parent if that is not the node before it; 0 for none
   };
 }
-
-const kNone = 0xffffffff;
 
 export const kPatterns = ["unknown", "growing", "settled", "recent"] as const;
 /** "unknown": a report that omits groups may hide a part of the group. */
@@ -148,46 +159,56 @@ export class Data {
   readonly ageScale: number;
   readonly base: PageData["base"];
   readonly trend: Trend | undefined;
+  readonly nothingHeld: string | undefined;
   readonly frames: Frames;
   readonly groups: Groups;
+  readonly ages: Ages;
   readonly count: number; // of groups
   readonly isDiff: boolean;
   readonly functions: FunctionInfo[] = [];
   /** The function that stands for the missing outer frames of cut stacks. */
   readonly cutFunction: number;
-  /** With the pseudo function of cut stacks. */
-  readonly stacks: Stacks;
-  private readonly parentOf: Uint32Array; // by node of the tree of stacks
-  private readonly frameOf: Uint32Array;
-  private readonly functionOf: Uint32Array;
+  /** By node of the tree of stacks; 0 is its root. */
+  readonly parentOf: Uint32Array;
+  readonly nodeFunction: Uint32Array;
+  private readonly frameOf: Column;
+  private readonly functionOf: Uint32Array; // by frame
   private readonly strings: string[];
-  private resolved: Stacks | null = null;
+  private readonly made = new Map<boolean, Stacks>();
 
   constructor(page: PageData) {
     this.report = page.report;
     this.totals = page.totals;
     this.libraries = page.libraries;
     this.ageBounds = page.ageBounds;
-    this.ageScale = page.groups.ages.reduce((most, pairs) => Math.max(most, (pairs.at(-2) ?? 0) + 1), 4);
+    let oldest = 3; // a scale of fewer ages shows nothing
+    for (const age of page.ages.age) oldest = Math.max(oldest, age);
+    this.ageScale = oldest + 1;
     this.base = page.base;
     this.trend = page.trend;
     this.frames = page.frames;
     this.groups = page.groups;
+    this.ages = page.ages;
+    this.nothingHeld = page.nothingHeld;
     this.strings = page.strings;
     this.count = page.groups.size.length;
     this.isDiff = page.base !== undefined;
     this.functionOf = this.findFunctions();
     this.cutFunction = this.functions.length;
     this.functions.push(new FunctionInfo(`(cut at ${this.report.backtraceSize} frames)`, -1, false, ""));
-    this.frameOf = Uint32Array.from(page.stacks.frame);
+    this.frameOf = page.stacks.frame;
     this.parentOf = parents(page.stacks);
-    this.stacks = this.functionStacks(() => true);
+    this.nodeFunction = new Uint32Array(this.parentOf.length);
+    for (let node = 1; node < this.nodeFunction.length; ++node) {
+      this.nodeFunction[node] = this.functionOf[this.frameOf[node - 1]!]!;
+    }
   }
 
-  /** The stacks without the functions that have no name. */
-  resolvedStacks(): Stacks {
-    this.resolved ??= this.functionStacks((id) => !this.functions[id]!.unresolved);
-    return this.resolved;
+  /** The stacks of all groups, with the pseudo function of cut stacks. `named`: without functions that have no name. */
+  stacks(named: boolean): Stacks {
+    let stacks = this.made.get(named);
+    if (!stacks) this.made.set(named, (stacks = this.functionStacks(named)));
+    return stacks;
   }
 
   /** The frames of a group, innermost first. */
@@ -232,15 +253,15 @@ export class Data {
   }
 
   status(group: number): Status | "" {
-    return this.isDiff ? kStatuses[this.groups.status!.charCodeAt(group) - 48]! : "";
+    return this.isDiff ? kStatuses[this.groups.status![group]!]! : "";
   }
 
   isJava(group: number): boolean {
-    return this.groups.java[group] === "1";
+    return this.groups.java[group] === 1;
   }
 
   pattern(group: number): (typeof kPatterns)[number] {
-    return kPatterns[this.groups.pattern.charCodeAt(group) - 48]!;
+    return kPatterns[this.groups.pattern[group]!]!;
   }
 
   private findFunctions(): Uint32Array {
@@ -249,13 +270,13 @@ export class Data {
     const known = new Map<number, number>();
     const lastFile: number[] = [];
     for (let frame = 0; frame < name.length; ++frame) {
-      const key = name[frame]! * (this.libraries.length + 1) + library[frame]! + 1;
+      const key = name[frame]! * (this.libraries.length + 1) + library[frame]!;
       let id = known.get(key);
       if (id === undefined) {
         known.set(key, (id = this.functions.length));
         const text = this.strings[name[frame]!]!;
-        const lower = `${text}\n${this.libraryName(library[frame]!)}`.toLowerCase();
-        this.functions.push(new FunctionInfo(text, library[frame]!, unresolved[frame] === "1", lower));
+        const lower = `${text}\n${this.libraryName(library[frame]! - 1)}`.toLowerCase();
+        this.functions.push(new FunctionInfo(text, library[frame]! - 1, unresolved[frame] === 1, lower));
       }
       functionOf[frame] = id;
       if (file[frame] !== lastFile[id] && this.strings[file[frame]!] !== "") {
@@ -266,28 +287,23 @@ export class Data {
     return functionOf;
   }
 
-  private functionStacks(wanted: (id: number) => boolean): Stacks {
-    const keeps = Uint8Array.from(this.functions, (_, id) => (wanted(id) ? 1 : 0));
-    const { parentOf, frameOf, functionOf } = this;
-    // The function of each node, or 0xffffffff; and how many are kept from there to the root.
-    const idOf = new Uint32Array(parentOf.length);
-    const depth = new Uint16Array(parentOf.length);
-    for (let node = 1; node < parentOf.length; ++node) {
-      const id = functionOf[frameOf[node - 1]!]!;
-      idOf[node] = keeps[id] === 1 ? id : kNone;
-      depth[node] = depth[parentOf[node]!]! + keeps[id]!;
-    }
+  private functionStacks(named: boolean): Stacks {
+    const { parentOf, nodeFunction } = this;
+    const keeps = Uint8Array.from(this.functions, ({ unresolved }) => (named && unresolved ? 0 : 1));
+    const depth = new Uint16Array(parentOf.length); // how many are kept from the root to a node
+    for (let node = 1; node < depth.length; ++node) depth[node] = depth[parentOf[node]!]! + keeps[nodeFunction[node]!]!;
     const { node: nodes, cut } = this.groups;
     const start = new Uint32Array(this.count + 1);
     for (let group = 0; group < this.count; ++group) {
-      start[group + 1] = start[group]! + depth[nodes[group]!]! + (cut[group] === "1" ? 1 : 0);
+      start[group + 1] = start[group]! + depth[nodes[group]!]! + cut[group]!;
     }
     const functions = new Uint32Array(start[this.count]!);
     for (let group = 0, at = 0; group < this.count; ++group) {
       for (let node = nodes[group]!; node !== 0; node = parentOf[node]!) {
-        if (idOf[node] !== kNone) functions[at++] = idOf[node]!;
+        const id = nodeFunction[node]!;
+        if (keeps[id] === 1) functions[at++] = id;
       }
-      if (cut[group] === "1") functions[at++] = this.cutFunction;
+      if (cut[group] === 1) functions[at++] = this.cutFunction;
     }
     return { start, functions };
   }
@@ -301,14 +317,15 @@ function parents({ frame, jumps }: PageData["stacks"]): Uint32Array {
 }
 
 /** Unpacks base64 of gzip. Rejects with an error that can be shown. */
-async function unpack(packed: string): Promise<string> {
+async function unpack(packed: string): Promise<Uint8Array<ArrayBuffer>> {
   if (typeof DecompressionStream === "undefined") {
     throw new Error("This browser cannot unpack the data. Use a version of 2023 or later.");
   }
   const binary = atob(packed);
   const bytes = new Uint8Array(binary.length);
   for (let at = 0; at < bytes.length; ++at) bytes[at] = binary.charCodeAt(at);
-  return new Response(new Blob([bytes]).stream().pipeThrough(new DecompressionStream("gzip"))).text();
+  const unpacked = new Blob([bytes]).stream().pipeThrough(new DecompressionStream("gzip"));
+  return new Uint8Array(await new Response(unpacked).arrayBuffer());
 }
 
 /** Escapes the invisible characters of all texts in `value`: they can make a name look like another one. */
@@ -322,12 +339,24 @@ function visible<T>(value: T): T {
   return Object.fromEntries(Object.entries(value).map(([key, member]) => [key, visible(member)])) as T;
 }
 
-/** Reads the data of the page. Rejects with an error that can be shown. */
+const kTypes = { Uint8Array, Uint16Array, Uint32Array, Float64Array };
+
+/** Reads the data of the page: JSON that ends with a zero, and columns. Rejects with an error that can be shown. */
 export async function readData(packed: string): Promise<Data> {
-  const page = JSON.parse(await unpack(packed)) as PageData;
-  if (page.format !== "memleak-page" || page.version !== 1) {
-    throw new Error(`This page shows memleak-page version 1, not ${page.format} ${page.version}.`);
+  const bytes = await unpack(packed);
+  const end = bytes.indexOf(0);
+  const { columns, ...page } = JSON.parse(new TextDecoder().decode(bytes.subarray(0, end)));
+  if (page.format !== "memleak-page" || page.version !== 2) {
+    throw new Error(`This page shows memleak-page version 2, not ${page.format} ${page.version}.`);
   }
-  const { report, base, libraries, trend, strings } = page;
-  return new Data({ ...page, ...visible({ report, base, libraries, trend, strings }) });
+  const found = visible(page);
+  let at = end + 1;
+  for (const { name, type, length } of columns as { name: string; type: keyof typeof kTypes; length: number }[]) {
+    at = Math.ceil(at / 8) * 8;
+    const column = new kTypes[type](bytes.buffer, at, length);
+    at += column.byteLength;
+    const [object, member] = name.split(".") as [string, string];
+    (found[object] ??= {})[member] = column;
+  }
+  return new Data(found as PageData);
 }

@@ -46,7 +46,7 @@ export function longText(text: string, limit: number): HTMLElement {
 }
 
 export function formatCount(count: number): string {
-  return count.toLocaleString("en-US");
+  return String(count).replace(/\B(?=(\d{3})+$)/g, ",");
 }
 
 export function plural(count: number, noun: string): string {

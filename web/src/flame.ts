@@ -4,7 +4,7 @@
 
 import { changeColour, type ColourBy, type LibraryColours, palette } from "./colours.js";
 import type { Data } from "./data.js";
-import { el, formatBytes, formatShare, plural, signed } from "./dom.js";
+import { el, formatBytes, formatCount, formatShare, plural, signed } from "./dom.js";
 import { cutText } from "./names.js";
 import type { Found } from "./search.js";
 import { type Box, type CallTree, kRest, kRoot, layOut, type TreeNode } from "./tree.js";
@@ -135,7 +135,7 @@ export class FlameGraph {
   }
 
   private name(node: TreeNode): string {
-    if (node.id === kRest) return `${node.children!.length.toLocaleString("en-US")} smaller`;
+    if (node.id === kRest) return `${formatCount(node.children!.length)} smaller`;
     return node.id === kRoot ? "all" : this.data.functions[node.id]!.short;
   }
 
@@ -149,7 +149,7 @@ export class FlameGraph {
     if (this.data.isDiff) {
       parts[0] = `${format(node.before)} → ${format(node.after)} (${signed(node.after - node.before, format)})`;
       if (node.notJudged === node.end - node.begin) parts.shift();
-      if (node.notJudged > 0) parts.push(`${plural(node.notJudged, "group")} not judged`);
+      if (node.notJudged > 0) parts.push(`${plural(node.notJudged, "stack")} not judged`);
     }
     const name = info?.name ?? this.name(node);
     this.details.replaceChildren(

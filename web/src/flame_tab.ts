@@ -46,8 +46,8 @@ export class FlameTab {
         el("label", {}, this.named, " hide unresolved frames"),
         this.reset,
       ),
-      this.graph.element,
-      this.legend,
+      // That of changes is short. It is in the first screen, below the sums.
+      ...(colourBy === "change" ? [this.legend, this.graph.element] : [this.graph.element, this.legend]),
     );
     this.drawLegend();
   }
@@ -76,8 +76,7 @@ export class FlameTab {
   }
 
   private grow({ from, by, named }: Pick<State, "from" | "by" | "named">): CallTree {
-    const stacks = named ? this.data.resolvedStacks() : this.data.stacks;
-    const walk = { stacks, measure: by, inward: from === "callers", from: -1 };
+    const walk = { stacks: this.data.stacks(named), measure: by, inward: from === "callers", from: -1 };
     return new CallTree(this.data, walk, [...Array(this.data.count).keys()]);
   }
 
@@ -96,7 +95,7 @@ export class FlameTab {
       return;
     }
     this.legend.setAttribute("aria-label", "Colours of libraries");
-    const { ranking } = this.colours;
+    const ranking = this.colours.ranking.filter(({ bytes }) => bytes > 0);
     const others = ranking.length - kLibraries;
     this.legend.replaceChildren(
       ...ranking.slice(0, kLibraries).map(({ library, bytes }) =>

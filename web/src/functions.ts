@@ -15,95 +15,75 @@ const kNameLimit = 300;
 export interface Sums {
   self: Float64Array; // bytes of the groups whose innermost frame it is
   total: Float64Array; // of the groups that have it on their stacks, each counted once
-  blocks: Float64Array; // of these
+  blocks: () => Float64Array; // of these; computed by the first call
   selfChange: Float64Array; // in bytes, of the groups that are judged; NaN if none is
   change: Float64Array;
 }
 
-/** Sums of `count` keys. `keyOf` gives that of a function, -1 for none. */
+/** Sums of `count` keys. `keyOf` gives that of a function. */
 export function sumsBy(data: Data, count: number, keyOf: (id: number) => number): Sums {
-  const sums = {
-    ...{ self: new Float64Array(count), total: new Float64Array(count) },
-    ...{ blocks: new Float64Array(count), change: new Float64Array(count), selfChange: new Float64Array(count) },
-  };
-  const keys = Int32Array.from(data.functions, (_, id) => (id === data.cutFunction ? -1 : keyOf(id)));
-  const doubt = { self: new Uint8Array(count), total: new Uint8Array(count) }; // 1: not judged, 2: judged, 3: both
-  const last = new Int32Array(count).fill(-1); // group that was counted
-  const { start, functions } = data.stacks;
-  for (let group = 0; group < data.count; ++group) {
-    const [begin, end] = [start[group]!, start[group + 1]!];
-    const [bytes, blocks] = [data.groups.total[group]!, data.groups.count[group]!];
-    const judged = data.isDiff && data.status(group) !== "unknown";
-    const change = judged ? bytes - data.before(group, "bytes") : 0;
-    for (let at = begin; at < end; ++at) {
-      const key = keys[functions[at]!]!;
-      if (key < 0) continue;
-      if (at === begin) {
-        sums.self[key]! += bytes;
-        sums.selfChange[key]! += change;
-        doubt.self[key]! |= judged ? 2 : 1;
-      }
-      if (last[key] === group) continue; // a recursive function counts once
-      last[key] = group;
-      sums.total[key]! += bytes;
-      sums.blocks[key]! += blocks;
-      sums.change[key]! += change;
-      doubt.total[key]! |= judged ? 2 : 1;
+  const { parentOf, nodeFunction, groups } = data;
+  const keys = Uint32Array.from(data.functions, (_, id) => keyOf(id));
+  // By node: its key; `count` if a node above has the key too: a recursive function counts once.
+  const keyOfNode = new Uint32Array(parentOf.length);
+  const onPath = new Uint16Array(count); // how often each key is on the path to the node
+  for (let node = 1; node < keyOfNode.length; ++node) {
+    for (let last = node - 1; last !== parentOf[node]; last = parentOf[last]!) --onPath[keys[nodeFunction[last]!]!]!;
+    const key = keys[nodeFunction[node]!]!;
+    keyOfNode[node] = onPath[key]!++ > 0 ? count : key;
+  }
+  // Sums of the groups that end at a node with the key, and of those that end at or below one.
+  const add = (value: (group: number) => number) => {
+    const [self, total] = [new Float64Array(count), new Float64Array(count + 1)];
+    const sums = new Float64Array(parentOf.length);
+    for (let group = 0; group < data.count; ++group) {
+      const node = groups.node[group]!;
+      if (node === 0) continue;
+      sums[node]! += value(group);
+      self[keys[nodeFunction[node]!]!]! += value(group);
     }
+    for (let node = sums.length - 1; node > 0; --node) {
+      total[keyOfNode[node]!]! += sums[node]!;
+      sums[parentOf[node]!]! += sums[node]!;
+    }
+    return { self, total: total.subarray(0, count) };
+  };
+  const bytes = add((group) => groups.total[group]!);
+  let made: Float64Array | null = null;
+  const blocks = () => (made ??= add((group) => groups.count[group]!).total);
+  if (!data.isDiff) return { ...bytes, blocks, selfChange: new Float64Array(count), change: new Float64Array(count) };
+  const isJudged = (group: number) => Number(data.status(group) !== "unknown");
+  const change = add((group) => isJudged(group) * (groups.total[group]! - groups.beforeTotal![group]!));
+  const [all, judged] = [add(() => 1), add(isJudged)];
+  for (const side of ["self", "total"] as const) {
+    for (let key = 0; key < count; ++key) if (all[side][key]! > 0 && judged[side][key] === 0) change[side][key] = NaN;
   }
-  for (let key = 0; data.isDiff && key < count; ++key) {
-    if (doubt.self[key] === 1) sums.selfChange[key] = NaN;
-    if (doubt.total[key] === 1) sums.change[key] = NaN;
-  }
-  return sums;
+  return { ...bytes, blocks, selfChange: change.self, change: change.total };
 }
 
 /** The columns of sums, after that of the name. */
 export function sumColumns(data: Data, sums: Sums, who: string): Column[] {
+  const { self, total, selfChange, change } = sums;
   const whole = data.totals.listedBytes + data.totals.javaBytes;
-  const columns: Column[] = [
-    {
-      ...{ key: "self", title: "Self", hint: `Bytes allocated by the ${who} itself`, number: true },
-      value: (row) => sums.self[row]!,
-      cell: (row) => formatBytes(sums.self[row]!),
-    },
-    {
-      ...{ key: "share", title: "Self %", hint: "Dark: itself. Light: with all that it calls", number: true },
-      value: (row) => sums.self[row]!,
-      cell: (row) =>
-        el(
-          "span",
-          { class: "barred" },
-          shareBar(sums.total[row]! / whole, sums.self[row]! / whole),
-          el("span", {}, formatShare(sums.self[row]!, whole)),
-        ),
-    },
-    {
-      ...{ key: "total", title: "Total", hint: `Bytes allocated by the ${who} and all that it calls`, number: true },
-      value: (row) => sums.total[row]!,
-      cell: (row) => formatBytes(sums.total[row]!),
-    },
-    {
-      ...{ key: "percent", title: "Total %", hint: "The total's share of all bytes", number: true },
-      value: (row) => sums.total[row]!,
-      cell: (row) => formatShare(sums.total[row]!, whole),
-    },
-    {
-      ...{ key: "count", title: "Blocks", hint: "Number of blocks of the total", number: true },
-      value: (row) => sums.blocks[row]!,
-      cell: (row) => formatCount(sums.blocks[row]!),
-    },
+  const add = (key: string, title: string, hint: string, values: Float64Array, show: (value: number, row: number) => Node | string): Column => ({
+    ...{ key, title, hint, number: true },
+    value: (row) => values[row]!,
+    cell: (row) => show(values[row]!, row),
+  });
+  const share = (bytes: number) => formatShare(bytes, whole);
+  const since = "since the older report";
+  return [
+    add("self", "Self", `Bytes allocated by the ${who} itself`, self, formatBytes),
+    data.isDiff
+      ? add("self-growth", "Self ±", `Change ${since}`, selfChange, changeText)
+      : add("self-share", "Self %", "Share of all bytes", self, share),
+    add("share", "Share", "Dark: self. Light: total", total, (bytes, row) => shareBar(bytes / whole, self[row]! / whole)),
+    add("total", "Total", `Bytes allocated by the ${who} and all that it calls`, total, formatBytes),
+    data.isDiff
+      ? add("growth", "Total ±", `Change of the total ${since}`, change, changeText)
+      : add("total-share", "Total %", "Share of all bytes", total, share),
+    add("count", "Blocks", "Number of blocks of the total", sums.blocks(), formatCount),
   ];
-  if (data.isDiff) {
-    columns.splice(3, 1, changeColumn("growth", "Total ±", "Change of the total since the older report", sums.change));
-    columns.splice(1, 0, changeColumn("self-growth", "Self ±", "Change since the older report", sums.selfChange));
-  }
-  return columns;
-}
-
-function changeColumn(key: string, title: string, hint: string, changes: Float64Array): Column {
-  const value = (row: number) => changes[row]!;
-  return { key, title, hint, number: true, value, cell: (row) => changeText(changes[row]!) };
 }
 
 /** A change in its colour; NaN is not known. */
@@ -117,7 +97,6 @@ export class FunctionsTab {
   readonly element: HTMLElement;
   private readonly table: Table;
   private readonly panel = el("section", { class: "sandwich", "aria-live": "polite" });
-  private readonly all: number[] = [];
   private picked = -1;
 
   constructor(
@@ -126,8 +105,8 @@ export class FunctionsTab {
     private readonly pick: (id: number) => void,
     private readonly showStacks: (search: string) => void,
   ) {
-    for (let id = 0; id < data.functions.length; ++id) if (sums.total[id]! > 0 || sums.change[id] !== 0) this.all.push(id);
     this.table = new Table({
+      rows: [...data.functions.keys()].filter((id) => sums.total[id]! > 0 || sums.change[id] !== 0),
       ...{ id: "functions", caption: "Functions by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       tie: (id) => sums.total[id]!,
       main: "where",
@@ -147,7 +126,7 @@ export class FunctionsTab {
   }
 
   update(found: Found | null, picked: number): void {
-    this.table.show(found ? this.all.filter((id) => found.functions[id] === 1) : this.all);
+    this.table.show((id) => !found || found.functions[id] === 1);
     this.showPanel(picked);
   }
 
@@ -186,7 +165,7 @@ export class FunctionsTab {
         "p",
         {},
         `${this.data.libraryName(library) || "no library"}: allocates ${formatBytes(self[id]!)} itself, ` +
-          `and ${formatBytes(total[id]!)} in ${plural(blocks[id]!, "block")} including its callees.`,
+          `and ${formatBytes(total[id]!)} in ${plural(blocks()[id]!, "block")} including its callees.`,
       ),
       el("div", { class: "sides" }, this.side("Callers", id, false), this.side("Callees", id, true)),
     );
@@ -200,7 +179,7 @@ export class FunctionsTab {
   }
 
   private side(title: string, id: number, inward: boolean): HTMLElement {
-    const walk = { stacks: this.data.stacks, measure: "bytes" as const, inward, from: id };
+    const walk = { stacks: this.data.stacks(false), measure: "bytes" as const, inward, from: id };
     const tree = new CallTree(this.data, walk, [...Array(this.data.count).keys()]);
     const here = el("p", { class: "hint" }, inward ? "It allocates all of that itself." : "Nothing calls it.");
     const none = tree.children(tree.root).length === 0;
@@ -209,8 +188,8 @@ export class FunctionsTab {
 
   /** The children of a node. Each opens to its own. */
   private list(tree: CallTree, parent: TreeNode): HTMLElement {
-    const list = el("ul", { class: "calls" });
     const children = [...tree.children(parent)].sort((a, b) => b.held - a.held);
+    const list = el("ul", { class: `calls ${children.length === 1 ? "single" : ""}` });
     const add = (from: number) => {
       for (const node of children.slice(from, from + kListed)) list.append(this.call(tree, node));
       const rest = children.length - from - kListed;
@@ -226,6 +205,15 @@ export class FunctionsTab {
     };
     add(0);
     return list;
+  }
+
+  /** Opens the line of a node. Single children open too, down to the next fork. */
+  private open(tree: CallTree, line: HTMLElement, node: TreeNode): void {
+    line.querySelector(".toggle")!.setAttribute("aria-expanded", "true");
+    line.append(this.list(tree, node));
+    const [only, ...more] = tree.children(node);
+    if (more.length > 0 || tree.children(only!).length === 0) return;
+    this.open(tree, line.querySelector<HTMLElement>(":scope > ul > li")!, only!);
   }
 
   private call(tree: CallTree, node: TreeNode): HTMLElement {
@@ -245,21 +233,14 @@ export class FunctionsTab {
           cutText(short, kNameLimit),
         );
     toggle.addEventListener("click", () => {
-      const open = toggle.getAttribute("aria-expanded") === "true";
-      toggle.setAttribute("aria-expanded", String(!open));
-      if (open) {
-        line.querySelector("ul")?.remove();
-        return;
-      }
-      line.append(this.list(tree, node));
-      // A single one opens at once, down to the next fork.
-      const inner = line.querySelectorAll<HTMLElement>(":scope > ul > li > .call > .toggle");
-      if (inner.length === 1) inner[0]!.click();
+      if (toggle.getAttribute("aria-expanded") !== "true") return this.open(tree, line, node);
+      toggle.setAttribute("aria-expanded", "false");
+      line.querySelector("ul")!.remove();
     });
     const leaf = tree.children(node).length === 0;
     if (leaf) toggle.classList.add("leaf");
     toggle.disabled = leaf;
-    const figures = el("span", { class: "figures" }, formatBytes(node.held), " ", el("span", {}, formatShare(node.held, whole)));
+    const figures = el("span", { class: "figures" }, el("span", {}, formatBytes(node.held)), " ", el("span", {}, formatShare(node.held, whole)));
     if (this.data.isDiff) {
       const judged = node.notJudged < node.end - node.begin;
       figures.append(" ", changeText(judged ? node.after - node.before : NaN));

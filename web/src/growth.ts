@@ -52,9 +52,9 @@ function changes(data: Data, groups: number[]): HTMLElement {
   if (sums.unknown[1] === 0) return list;
   add("unknown", "Not judged", formatBytes);
   const note =
-    "One report lists these groups, or call sites of them, and the other one omits groups. " +
+    "One report lists these stacks, or call sites of them, and the other one omits stacks. " +
     "So their change is not known (status: unknown)." +
-    (data.report.process && data.base?.report.process ? "" : " A report lists its 1000 largest groups; no option changes that.");
+    (data.report.process && data.base?.report.process ? "" : " A report lists its 1000 largest stacks; no option changes that.");
   return el("div", {}, list, el("p", { class: "hint" }, note));
 }
 
@@ -198,28 +198,29 @@ function linePath(values: (number | null)[], x: (at: number) => number, y: (valu
 /** Lines over time, on one scale from 0. */
 function chart(title: string, seconds: number[], lines: (number | null)[][]): HTMLElement {
   const [width, height, left, bottom, top] = [Math.min(1000, window.innerWidth - 24), 220, 75, 24, 18];
+  const right = lines.length > 1 ? 24 : 10; // has the lines' numbers
   const highest = Math.max(1, ...lines.flat().map((value) => value ?? 0));
   const last = Math.max(seconds.at(-1)!, 1e-9);
-  const x = (at: number) => left + ((width - left - 10) * seconds[at]!) / last;
+  const x = (at: number) => left + ((width - left - right) * seconds[at]!) / last;
   const y = (value: number) => height - bottom - ((height - bottom - top) * value) / highest;
   const svg = svgElement("svg", { class: "chart", viewBox: `0 0 ${width} ${height}`, role: "img", "aria-label": title });
   for (const share of [0, 0.5, 1]) {
-    svg.append(svgElement("path", { class: "grid", d: `M${left} ${y(share * highest)}H${width - 10}` }));
+    svg.append(svgElement("path", { class: "grid", d: `M${left} ${y(share * highest)}H${width - right}` }));
     svg.append(svgText(left - 8, y(share * highest) + 5, "end", formatBytes(Math.round(share * highest))));
   }
   for (const share of [0, 0.5, 1]) {
     const anchor = share === 0 ? "start" : share === 1 ? "end" : "middle";
-    svg.append(svgText(left + share * (width - left - 10), height - 4, anchor, formatAge(share * last)));
+    svg.append(svgText(left + share * (width - left - right), height - 4, anchor, formatAge(share * last)));
   }
   const labels: { y: number; text: string }[] = [];
   lines.forEach((values, index) => {
     svg.append(svgElement("path", { ...stroke(index), d: linePath(values, x, y) }));
     const value = values.at(-1);
-    if (lines.length > 1 && value != null) labels.push({ y: y(value) - 4, text: String(index + 1) });
+    if (lines.length > 1 && value != null) labels.push({ y: y(value) + 4, text: String(index + 1) });
   });
   // From the bottom up, each at least a line above the one below it.
-  labels.sort((a, b) => b.y - a.y);
-  let next = height - bottom - 2;
+  labels.sort((a, b) => b.y - a.y || Number(b.text) - Number(a.text));
+  let next = height - bottom + 4;
   for (const label of labels) {
     label.y = Math.min(label.y, next);
     next = label.y - kLabel;
@@ -228,7 +229,7 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
   let least = kLabel - 2;
   for (const { y: wanted, text } of labels.reverse()) {
     const at = Math.max(wanted, least);
-    svg.append(svgText(x(seconds.length - 1) - 2, at, "end", text));
+    svg.append(svgText(width - right + 4, at, "start", text));
     least = at + kLabel;
   }
   return el("div", { class: "chart-frame" }, svg as unknown as HTMLElement);

@@ -11,26 +11,30 @@ import { Table } from "./table.js";
 
 const kFunctions = 10;
 
+/** By library. Frames without one are a row behind the libraries. */
+export function librarySums(data: Data): Sums {
+  const none = data.libraries.length;
+  return sumsBy(data, none + 1, (id) => {
+    const { library } = data.functions[id]!;
+    return library < 0 ? none : library;
+  });
+}
+
 export class LibrariesTab {
   readonly element: HTMLElement;
   private readonly table: Table;
-  private readonly all: number[];
 
   constructor(
     private readonly data: Data,
+    sums: Sums,
     private readonly functionSums: Sums,
     colours: LibraryColours,
     private readonly pick: (id: number) => void,
   ) {
-    // Frames without a library are a row behind the libraries.
     const none = data.libraries.length;
-    const sums = sumsBy(data, none + 1, (id) => {
-      const { library } = data.functions[id]!;
-      return library < 0 ? none : library;
-    });
-    this.all = [...Array(none + 1).keys()].filter((row) => sums.total[row]! > 0 || sums.change[row] !== 0);
     const name = (row: number) => (row === none ? "[unknown]" : data.libraryName(row));
     this.table = new Table({
+      rows: [...Array(none + 1).keys()].filter((row) => sums.total[row]! > 0 || sums.change[row] !== 0),
       ...{ id: "libraries", caption: "Libraries by the memory that they hold", sortBy: data.isDiff ? "self-growth" : "self" },
       tie: (row) => sums.total[row]!,
       main: "where",
@@ -59,7 +63,7 @@ export class LibrariesTab {
     this.data.functions.forEach(({ library }, id) => {
       if (!typed || typed[id] === 1) wanted.add(library < 0 ? this.data.libraries.length : library);
     });
-    this.table.show(this.all.filter((row) => wanted.has(row)));
+    this.table.show((row) => wanted.has(row));
   }
 
   /** After a change of the colour scheme. */

@@ -6,11 +6,11 @@ import "./views.css";
 import "./media.css";
 import { LibraryColours, onSchemeChange, setPrinting } from "./colours.js";
 import { type Data, readData } from "./data.js";
-import { el, formatBytes, formatCount, formatShare, settled } from "./dom.js";
+import { choice, el, formatBytes, formatCount, formatShare, plural, settled } from "./dom.js";
 import { FlameTab } from "./flame_tab.js";
 import { FunctionsTab, type Sums, sumsBy } from "./functions.js";
 import { growthView } from "./growth.js";
-import { LibrariesTab } from "./libraries.js";
+import { LibrariesTab, librarySums } from "./libraries.js";
 import { type Found, isPattern, search } from "./search.js";
 import { StacksTab } from "./stacks.js";
 import { kTabs, readState, type State, type Tab, writeState } from "./state.js";
@@ -32,9 +32,10 @@ class Page {
   private state = readState();
   private found: Found | null = null;
   private confirmed = ""; // the pattern that was searched with Enter
-  private readonly colours: LibraryColours;
-  private summed: Sums | null = null;
-  private readonly all: number[];
+  // Made when they are first needed.
+  private madeColours: LibraryColours | null = null;
+  private madeSums: Sums | null = null;
+  private madeLibrarySums: Sums | null = null;
   private readonly panels = new Map<Tab, HTMLElement>();
   private readonly tabs = new Map<Tab, HTMLElement>();
   /** The parts of each tab. They are made when the tab is first shown. */
@@ -45,20 +46,18 @@ class Page {
   private printed = () => {}; // undoes what printing changed
   private readonly result = el("output", { id: "found" });
   private readonly input = el("input", {
-    ...{ type: "search", id: "search", placeholder: "function, library, file or /pattern/" },
-    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear. =NAME finds the function of exactly this name.", "aria-label": "Search" },
+    ...{ type: "search", id: "search", placeholder: "function, library, file, =exact name or /pattern/" },
+    ...{ "aria-keyshortcuts": "/", title: "Press / to search, Escape to clear", "aria-label": "Search" },
     oninput: settled(kTypingPause, () => this.searched()),
     onchange: () => this.searched(),
     onkeydown: (event) => {
       if ((event as KeyboardEvent).key !== "Enter") return;
       this.confirmed = this.input.value.trim();
-      this.searched();
+      this.set({ q: this.confirmed }, false);
     },
   });
 
   constructor(private readonly data: Data) {
-    this.colours = new LibraryColours(data);
-    this.all = [...Array(data.count).keys()];
     document.body.replaceChildren(summary(data), this.bar(), this.main());
     document.addEventListener("keydown", (event) => this.pressed(event));
     for (const event of ["hashchange", "popstate"]) {
@@ -74,7 +73,15 @@ class Page {
   }
 
   private get sums(): Sums {
-    return (this.summed ??= sumsBy(this.data, this.data.functions.length, (id) => id));
+    return (this.madeSums ??= sumsBy(this.data, this.data.functions.length, (id) => id));
+  }
+
+  private get librarySums(): Sums {
+    return (this.madeLibrarySums ??= librarySums(this.data));
+  }
+
+  private get colours(): LibraryColours {
+    return (this.madeColours ??= new LibraryColours(this.data, this.librarySums));
   }
 
   private bar(): HTMLElement {
@@ -116,7 +123,9 @@ class Page {
   }
 
   private searched(): void {
-    this.set({ q: this.input.value.trim() }, false);
+    const q = this.input.value.trim();
+    // A click on a row blurs the input first, and a new row would lose the click.
+    if (q !== this.state.q) this.set({ q }, false);
   }
 
   private pick(f: number): void {
@@ -161,11 +170,11 @@ class Page {
     }
     if (tab === "flame") return this.makeFlame(panel, "library");
     if (tab === "libraries") {
-      const view = (this.libraries = new LibrariesTab(data, this.sums, this.colours, pick));
+      const view = (this.libraries = new LibrariesTab(data, this.librarySums, this.sums, this.colours, pick));
       panel.append(view.element);
       return () => view.update(this.found);
     }
-    if (tab === "stacks") return this.makeStacks(panel, "stacks", () => true);
+    if (tab === "stacks") return this.makeStacks(panel, "stacks");
     const growth = el("div");
     let shown: Found | null | undefined;
     panel.append(growth);
@@ -175,7 +184,7 @@ class Page {
     };
     if (!data.isDiff) return update;
     const flame = this.makeFlame(panel, "change");
-    const stacks = this.makeStacks(panel, "changes", (group) => data.status(group) !== "same");
+    const stacks = this.makeStacks(panel, "changes");
     return () => {
       update();
       flame();
@@ -190,21 +199,21 @@ class Page {
     return () => view.update(this.state, this.found);
   }
 
-  private makeStacks(panel: HTMLElement, id: string, wanted: (group: number) => boolean): () => void {
-    const view = new StacksTab(this.data, id, (f) => this.pick(f));
+  private makeStacks(panel: HTMLElement, id: "stacks" | "changes"): () => void {
+    const { data } = this;
+    const view = new StacksTab(data, id, (f) => this.pick(f));
     const named = el("input", { type: "checkbox", onchange: () => this.set({ named: named.checked, zoom: "" }) });
     let kind: Kind = "all";
     const controls = el("div", { class: "controls" });
-    const rows = this.all.filter(wanted);
     const update = () => {
       named.checked = this.state.named;
-      const ofKind = kind === "all" ? rows : rows.filter((group) => this.data.isJava(group) === (kind === "java"));
-      view.update(this.found ? ofKind.filter((group) => this.found!.groups[group] === 1) : ofKind, this.state.named);
+      const { found } = this;
+      const ofKind = (group: number) => kind === "all" || data.isJava(group) === (kind === "java");
+      view.update((group) => ofKind(group) && (!found || found.groups[group] === 1), this.state.named);
     };
-    if (this.data.totals.javaGroups > 0) {
-      const select = el("select", { onchange: () => ((kind = select.value as Kind), update()) });
-      for (const name of ["all", "native", "java"]) select.append(el("option", { value: name }, name === "java" ? "Java-native" : name));
-      controls.append(el("label", {}, "Stacks ", select));
+    if (data.totals.javaGroups > 0) {
+      const kinds: [Kind, string][] = [["all", "native and Java-native"], ["native", "native"], ["java", "Java-native"]];
+      controls.append(choice("Stacks", kinds, (chosen) => ((kind = chosen), update())));
     }
     // The graph above has this choice already.
     if (id === "stacks") controls.append(el("label", {}, named, " hide unresolved frames"));
@@ -219,7 +228,7 @@ class Page {
     const { functionCount, groupCount, bytes } = this.found;
     const whole = this.data.totals.listedBytes + this.data.totals.javaBytes;
     return (
-      `${formatCount(functionCount)} found, in ${formatCount(groupCount)} stacks ` +
+      `${formatCount(functionCount)} found, in ${plural(groupCount, "stack")} ` +
       `of ${formatBytes(bytes)} (${formatShare(bytes, whole)})`
     );
   }

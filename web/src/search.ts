@@ -42,20 +42,22 @@ export function search(data: Data, typed: string): Found | null {
   } catch (error) {
     problem = String(error).replace(/^.*: /, "");
   }
-  const functions = Uint8Array.from(data.functions, (info) => (info.lower !== "" && matches(info) ? 1 : 0));
+  const { parentOf, nodeFunction, groups: { node, total } } = data;
+  const functions = new Uint8Array(data.functions.length);
+  let functionCount = 0;
+  data.functions.forEach((info, id) => {
+    if (info.lower !== "" && matches(info)) functionCount += functions[id] = 1;
+  });
+  // By node: whether a function from the root to it matches. A parent comes before its nodes.
+  const nodes = new Uint8Array(parentOf.length);
+  for (let at = 1; at < nodes.length; ++at) nodes[at] = functions[nodeFunction[at]!]! | nodes[parentOf[at]!]!;
   const groups = new Uint8Array(data.count);
-  const { start, functions: stacks } = data.stacks;
   let [groupCount, bytes] = [0, 0];
   for (let group = 0; group < data.count; ++group) {
-    const end = start[group + 1]!;
-    for (let at = start[group]!; at < end; ++at) {
-      if (functions[stacks[at]!] === 0) continue;
-      groups[group] = 1;
-      ++groupCount;
-      bytes += data.groups.total[group]!;
-      break;
-    }
+    if (nodes[node[group]!] === 0) continue;
+    groups[group] = 1;
+    ++groupCount;
+    bytes += total[group]!;
   }
-  const functionCount = functions.reduce((sum, match) => sum + match, 0);
   return { typed, matches, problem, functions, groups, functionCount, groupCount, bytes };
 }

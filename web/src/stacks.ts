@@ -3,7 +3,7 @@
 
 import { ageBar, ageCounts, agedBlocks, ageSentence, ageText, patternWord } from "./ages.js";
 import type { Data } from "./data.js";
-import { el, formatBytes, formatCount, formatShare, longText, plural, shareBar } from "./dom.js";
+import { el, formatBytes, formatCount, formatShare, longText, plural, shareBar, signed } from "./dom.js";
 import { changeText } from "./functions.js";
 import { cutText } from "./names.js";
 import { type Column, Table } from "./table.js";
@@ -17,14 +17,19 @@ export class StacksTab {
   private readonly table: Table;
   private readonly sums = el("p", { class: "row-count", role: "status" });
   private hideUnresolved = false;
-  private rows: ArrayLike<number> = [];
+  private readonly rows: number[];
 
+  /** "changes": the stacks that are not known to be unchanged. */
   constructor(
     private readonly data: Data,
-    id: string,
+    id: "stacks" | "changes",
     private readonly pick: (id: number) => void,
   ) {
+    const all = [...Array(data.count).keys()];
+    this.rows = id === "stacks" ? all : all.filter((group) => data.status(group) !== "same");
     this.table = new Table({
+      rows: this.rows,
+      ...(id === "changes" && { empty: "No stack is known to have changed." }),
       ...{ id, caption: "Blocks by call stack", main: "where" },
       columns: this.columns(),
       sortBy: data.isDiff ? "growth" : "total",
@@ -34,11 +39,10 @@ export class StacksTab {
     this.element = el("div", {}, this.sums, this.table.element);
   }
 
-  update(rows: ArrayLike<number>, hideUnresolved: boolean): void {
+  update(wanted: (group: number) => boolean, hideUnresolved: boolean): void {
     this.hideUnresolved = hideUnresolved;
-    this.rows = rows;
-    this.table.show(Array.from(rows));
-    this.sums.textContent = this.sumText();
+    this.table.show(wanted);
+    this.sums.textContent = this.sumText(this.rows.filter(wanted));
   }
 
   private columns(): Column[] {
@@ -96,7 +100,7 @@ export class StacksTab {
     }
     columns.push({
       ...{ key: "age", title: "Ages", hint: "Blocks by age, from young to old; then youngest to oldest", number: false },
-      value: (group) => groups.oldest[group] ?? NaN,
+      value: (group) => groups.oldest[group]!,
       cell: (group) => el("span", { class: "age-cell" }, ageBar(data, group), el("span", {}, `${ageText(data, group)} ${patternWord(data, group)}`)),
     });
     return columns;
@@ -104,13 +108,15 @@ export class StacksTab {
 
   /** Short names, innermost first, without the unresolved ones if these are hidden. */
   private names(group: number): string[] {
-    const { start, functions } = this.hideUnresolved ? this.data.resolvedStacks() : this.data.stacks;
+    const { groups, functions, parentOf, nodeFunction } = this.data;
     const names: string[] = [];
-    for (let at = start[group]!; at < start[group + 1]! && names.length < kCallersShown; ++at) {
-      const { short } = this.data.functions[functions[at]!]!;
+    let node = groups.node[group]!;
+    for (; node !== 0 && names.length < kCallersShown; node = parentOf[node]!) {
+      const { short, unresolved } = functions[nodeFunction[node]!]!;
       // A function that calls itself says nothing new.
-      if (names.at(-1) !== short) names.push(short);
+      if (names.at(-1) !== short && !(unresolved && this.hideUnresolved)) names.push(short);
     }
+    if (node === 0 && groups.cut[group] === 1) names.push(functions[this.data.cutFunction]!.name);
     return names;
   }
 
@@ -128,22 +134,21 @@ export class StacksTab {
   }
 
   /** The sums of the shown groups. */
-  private sumText(): string {
-    const { data, rows } = this;
-    let [held, growth, notJudged] = [0, 0, 0];
-    for (let i = 0; i < rows.length; ++i) {
-      const group = rows[i]!;
+  private sumText(rows: number[]): string {
+    const { data } = this;
+    let [held, growth, notJudged, gone] = [0, 0, 0, 0];
+    for (const group of rows) {
       held += data.groups.total[group]!;
+      if (data.groups.count[group] === 0) ++gone;
       if (data.status(group) === "unknown") ++notJudged;
       else growth += data.after(group, "bytes") - data.before(group, "bytes");
     }
     const which = rows.length === data.count ? "" : ` of ${formatCount(data.count)}`;
-    const text =
-      `${formatCount(rows.length)}${which} ${data.count === 1 ? "stack holds" : "stacks hold"} ` +
-      `${formatBytes(held)} (${formatCount(held)} bytes)`;
+    const verb = rows.length - gone === 1 && which === "" ? "stack holds" : "stacks hold";
+    const text = `${formatCount(rows.length - gone)}${which} ${verb} ${formatBytes(held)} (${formatCount(held)} bytes)`;
     if (!data.isDiff) return text;
-    const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "group")} not judged`;
-    return `${text}; change: ${growth > 0 ? "+" : growth < 0 ? "−" : ""}${formatBytes(Math.abs(growth))}${rest}`;
+    const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "stack")} not judged`;
+    return `${text}${gone > 0 ? `, ${formatCount(gone)} hold nothing now` : ""}; change: ${signed(growth, formatBytes)}${rest}`;
   }
 
   private detail(group: number): HTMLElement {
@@ -152,7 +157,7 @@ export class StacksTab {
     const counts = ageCounts(data, group);
     const ages = agedBlocks(data, group) === data.groups.count[group]! ? "Blocks by age" : `Ages of ${formatCount(agedBlocks(data, group))} of ${plural(data.groups.count[group]!, "block")}`;
     const list = el("ol", { class: "stack" }, ...Array.from(frames, (frame) => this.frame(frame)));
-    const cut = data.groups.cut[group] === "1" ? data.functions[data.cutFunction]!.name : null;
+    const cut = data.groups.cut[group] === 1 ? data.functions[data.cutFunction]!.name : null;
     return el(
       "div",
       {},
@@ -175,7 +180,7 @@ export class StacksTab {
     const text = `${kind}${held(groups.count[group]!, groups.total[group]!)}, of ${range} each`;
     if (!this.data.isDiff) return `${text}.`;
     const before = held(groups.beforeCount![group]!, groups.beforeTotal![group]!);
-    const judged = this.data.status(group) === "unknown" ? " Not judged: one report omits groups." : "";
+    const judged = this.data.status(group) === "unknown" ? " Not judged: one report omits stacks." : "";
     return `${text}; before: ${before}.${judged}`;
   }
 
@@ -186,7 +191,7 @@ export class StacksTab {
     const library = data.libraryName(data.functions[id]!.library);
     const file = data.frameFile(frame);
     const place = file === "" ? "" : `${file}:${line[frame]}`;
-    const known = unresolved[frame] === "0" && library !== "";
+    const known = unresolved[frame] === 0 && library !== "";
     const callers = el("button", {
       ...{ type: "button", class: "link more", title: "Callers and callees", "aria-label": "Callers and callees" },
       onclick: () => this.pick(id),
@@ -195,7 +200,7 @@ export class StacksTab {
       "li",
       {},
       el("code", {}, longText(data.frameName(frame), kNameLimit)),
-      inlined[frame] === "1" ? el("em", {}, " inlined") : null,
+      inlined[frame] === 1 ? el("em", {}, " inlined") : null,
       place === "" ? null : el("span", { class: "source" }, " ", longText(place, kNameLimit)),
       known ? el("small", {}, ` ${library}+0x${address[frame]!.toString(16)}`) : null,
       " ",

@@ -7,14 +7,16 @@ import { el, formatAge, formatBytes, formatCount, plural, signed } from "./dom.j
 export function summary(data: Data): HTMLElement {
   const { report, totals, base } = data;
   const held = formatBytes(totals.bytes);
-  const change = base ? ` (${signed(totals.bytes - base.totals.bytes, formatBytes)})` : "";
-  const program = report.process ? report.process.name || fileName(report.process.program) : "Unknown program";
+  const program = programOf(report) ?? "Unknown program";
+  const old = base && otherProgram(data) ? ` compared with ${programOf(base.report)}` : "";
+  const change = base ? ` (${signed(totals.bytes - base.totals.bytes, formatBytes)}${old})` : "";
   document.title = `${program}: ${held} held${change}`;
   return el(
     "header",
     {},
     el("h1", {}, el("span", { class: "program" }, program), " holds ", el("b", {}, held), change),
     el("p", { class: "facts" }, facts(data).join(" · ")),
+    data.nothingHeld ? el("p", { class: "reason" }, data.nothingHeld) : null,
     flaws(data),
     el(
       "details",
@@ -32,18 +34,34 @@ function facts(data: Data): string[] {
   const { report, totals, base } = data;
   const { process } = report;
   const exact = `${formatCount(totals.bytes)} bytes in ${plural(totals.blocks, "block")}`;
-  const groups = process ? "call stack" : "group";
-  const java = totals.javaBytes > 0 ? [`and ${formatBytes(totals.javaBytes)} Java-native in ${plural(totals.javaGroups, "group")}`] : [];
-  const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes)`] : [];
-  const where = process ? [`pid ${process.pid} on ${process.host}`] : [];
+  const java = totals.javaBytes > 0 ? [`and ${formatBytes(totals.javaBytes)} Java-native in ${plural(totals.javaGroups, "stack")}`] : [];
   const recorded = process && process.kinds.length > 0 ? `recorded for ${formatAge(process.written - process.since)}` : "recording was off";
-  const when = process ? `${formatDate(report.made)}, ${recorded}` : `report ${fileName(report.path)}, written ${formatDate(report.made)}`;
-  return [exact, plural(totals.groups, groups), ...old, ...java, ...where, when];
+  const when = process ? `${source(report)}, ${recorded}` : source(report);
+  const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes), ${otherProgram(data) ? `${programOf(base.report)}, ` : ""}${source(base.report)}`] : [];
+  // A difference counts the call sites of a function as one stack.
+  const held = data.groups.count.filter((count, group) => count > 0 && !data.isJava(group)).length;
+  const stacks = plural(base ? held + totals.unlistedGroups : totals.groups, "stack");
+  return [exact, stacks, ...java, when, ...old];
+}
+
+function source({ process, path, made }: Report): string {
+  return `${process ? `pid ${process.pid} on ${process.host}, ` : `report ${fileName(path)}, written `}${formatDate(made)}`;
+}
+
+function programOf({ process }: Report): string | null {
+  return process ? process.name || fileName(process.program) : null;
+}
+
+/** Whether both reports tell their program, and it is not the same. */
+function otherProgram({ report, base }: Data): boolean {
+  return !!base?.report.process && !!report.process && programOf(base.report) !== programOf(report);
 }
 
 /** What is missing from the figures. */
-function flaws({ report, totals, base }: Data): HTMLElement | null {
+function flaws(data: Data): HTMLElement | null {
+  const { report, totals, base } = data;
   const texts: string[] = [];
+  if (otherProgram(data)) texts.push(`These are reports of two programs: ${programOf(base!.report)} and ${programOf(report)}.`);
   for (const { complete, damagedLines, path } of base ? [report, base.report] : [report]) {
     if (!complete) texts.push(`${fileName(path)} is truncated: its end is missing.`);
     if (damagedLines > 0) texts.push(`${plural(damagedLines, "damaged line")} of ${fileName(path)} left out.`);
@@ -52,7 +70,7 @@ function flaws({ report, totals, base }: Data): HTMLElement | null {
   if (unrecorded > 0) texts.push(`${plural(unrecorded, "block")} could not be recorded for lack of memory.`);
   if (totals.unlistedGroups > 0 || totals.unlistedBytes > 0) {
     texts.push(
-      `The report does not list ${plural(totals.unlistedGroups, "smaller group")} of ` +
+      `The report does not list ${plural(totals.unlistedGroups, "smaller stack")} of ` +
         `${formatBytes(totals.unlistedBytes)} (${formatCount(totals.unlistedBytes)} bytes).`,
     );
   }
@@ -66,7 +84,7 @@ function origin(title: string, report: Report): HTMLElement {
     report.damagedLines === 0 ? "no damaged lines" : `${plural(report.damagedLines, "damaged line")} left out`;
   const how = process
     ? process.kinds.length === 0 ? "; recording was off" : `; recorded from ${formatDate(process.since)}: ${process.kinds.join(", ")}, stacks by ${process.unwind}`
-    : "; a report of this kind contains neither the program nor all ages, and at most 1000 groups";
+    : "; a report of this kind contains neither the program nor all ages, and at most 1000 stacks, one for each block size";
   return el(
     "div",
     { class: "origin" },

@@ -19,6 +19,8 @@ export interface Column {
 export interface TableOptions {
   id: string;
   caption: string;
+  rows: number[]; // all of them
+  empty?: string; // shown in place of no rows
   columns: Column[];
   sortBy: string; // key of a column
   /** Orders rows whose values are equal, largest first. */
@@ -36,15 +38,18 @@ export class Table {
   private readonly body = el("tbody");
   private readonly pager = el("nav", { class: "pager", "aria-label": "Pages of the table" });
   private readonly opened = new Set<number>();
-  private rows: number[] = [];
+  private readonly ordered: number[]; // all rows
+  private rows: number[] = []; // the wanted ones
+  private wanted: (row: number) => boolean = () => true;
   private page = 0;
   private sortBy: Column;
   private ascending = false;
   private current = -1;
 
   constructor(private readonly options: TableOptions) {
+    this.ordered = [...options.rows];
     this.sortBy = options.columns.find(({ key }) => key === options.sortBy)!;
-    this.drawHead();
+    this.sort();
     const { id, caption } = options;
     this.element = el(
       "div",
@@ -54,9 +59,13 @@ export class Table {
     );
   }
 
-  /** Shows these rows in the current order, from the first page on if they are others. */
-  show(rows: Iterable<number>): void {
-    this.sort([...rows]);
+  /** Shows the wanted rows, from the first page on if they are others than before. */
+  show(wanted: (row: number) => boolean): void {
+    this.wanted = wanted;
+    const rows = this.ordered.filter(wanted);
+    if (rows.length !== this.rows.length || rows.some((row, at) => row !== this.rows[at])) this.page = 0;
+    this.rows = rows;
+    this.draw();
   }
 
   /** Draws the rows again, for example in other colours. */
@@ -76,16 +85,9 @@ export class Table {
   /** For paper: the first page in the first order. Returns what undoes it. */
   startPrinting(): () => void {
     const { sortBy, ascending, page } = this;
-    this.sortBy = this.options.columns.find(({ key }) => key === this.options.sortBy)!;
-    this.ascending = false;
-    this.drawHead();
-    this.page = 0;
-    this.sort([...this.rows]);
+    this.sortOn(this.options.columns.find(({ key }) => key === this.options.sortBy)!, false);
     return () => {
-      this.sortBy = sortBy;
-      this.ascending = ascending;
-      this.drawHead();
-      this.sort([...this.rows]);
+      this.sortOn(sortBy, ascending);
       this.page = page * kRowsPerPage < this.rows.length ? page : 0;
       this.draw();
     };
@@ -93,6 +95,7 @@ export class Table {
 
   /** Marks a row; -1 for none. */
   setCurrent(row: number): void {
+    if (row === this.current) return;
     this.current = row;
     this.draw();
   }
@@ -105,36 +108,38 @@ export class Table {
         return el(
           "th",
           { scope: "col", class: `${key} ${number ? "number" : ""}`, "aria-sort": order },
-          el("button", { type: "button", title: hint, "data-sort": key, onclick: () => this.sortOn(column) }, title),
+          el("button", { type: "button", title: hint, "data-sort": key, onclick: () => this.pressed(column) }, title),
         );
       }),
     );
   }
 
-  private sortOn(column: Column): void {
-    this.ascending = column === this.sortBy ? !this.ascending : !column.number;
-    this.sortBy = column;
-    this.drawHead();
+  private pressed(column: Column): void {
+    this.sortOn(column, column === this.sortBy ? !this.ascending : !column.number);
     this.head.querySelector<HTMLElement>(`[data-sort=${column.key}]`)!.focus();
-    this.page = 0;
-    this.sort([...this.rows]);
   }
 
-  private sort(rows: number[]): void {
+  private sortOn(column: Column, ascending: boolean): void {
+    this.sortBy = column;
+    this.ascending = ascending;
+    this.page = 0;
+    this.sort();
+    this.show(this.wanted);
+  }
+
+  private sort(): void {
+    this.drawHead();
     const { value } = this.sortBy;
     const { tie = () => 0 } = this.options;
     // Computes each value once.
     const values: (number | string)[] = [];
-    for (const row of rows) values[row] = value(row);
+    for (const row of this.ordered) values[row] = value(row);
     const sign = this.ascending ? 1 : -1;
-    rows.sort((a, b) => {
+    this.ordered.sort((a, b) => {
       const [x, y] = [values[a]!, values[b]!];
       if (x !== x || y !== y) return Number(x !== x) - Number(y !== y) || a - b;
       return (x < y ? -sign : x > y ? sign : 0) || tie(b) - tie(a) || a - b;
     });
-    if (rows.length !== this.rows.length || rows.some((row, at) => row !== this.rows[at])) this.page = 0;
-    this.rows = rows;
-    this.draw();
   }
 
   private draw(): void {
@@ -143,7 +148,7 @@ export class Table {
     this.body.replaceChildren(...rows.flatMap((row) => this.row(row)));
     if (rows.length === 0) {
       const span = { colspan: this.options.columns.length, class: "empty" };
-      this.body.append(el("tr", {}, el("td", span, "Nothing matches.")));
+      this.body.append(el("tr", {}, el("td", span, this.ordered.length === 0 ? (this.options.empty ?? "Nothing is listed.") : "Nothing matches.")));
     }
     this.drawPager();
   }

@@ -177,7 +177,7 @@ TEST(Output, NamesCannotControlTheTerminal) {
   const Outcome outcome =
       WithProgram(directory, "--root \"$N\".root --log \"$N\".log", "./\"$N\"", R"(
     for c in on status libs pause 'fd off' 'report --timeout 1'; do $M $c $P; done
-    for by in group library function tree callers; do $M show --by $by "$N".2; done
+    for by in stack library function tree callers; do $M show --by $by "$N".2; done
     for f in json folded speedscope; do $M export "$N".2 --format $f; done
     $M diff "$N".1 "$N".2; $M diff "$N".1 "$N".2 --json; $M show "$N"; $M "$N")",
                   "N=$(printf 'p\\033[1m\\177\\302\\233\\233'); ");

@@ -154,7 +154,7 @@ def difference():
                 expected = (sign * bool(sum(all_of)) + in_bytes(sum(all_of)), str(len(all_of)))
                 assert line.groups() == expected, (expected, text)
         sums = " -> ".join(in_bytes(sum(s)) for s in zip(*doubtful))
-        assert (f"Not judged: {len(doubtful)} group" in text and sums in text) or not doubtful, text
+        assert (f"Not judged: {len(doubtful)} stack" in text and sums in text) or not doubtful, text
     assert len(seen) == 6 and min(seen.values()) > 20, seen
 
 
@@ -208,12 +208,12 @@ def views():
             text = memleak.run("show", report, "--by", view, "--sort", sort, *options)[0]
             left_out = whole - unlisted - sum(g["total"] for g in picked)
             if len(picked) < 12:
-                assert re.search(rf" {left_out} B in {12 - len(picked)} groups?\s+that the", text)
+                assert re.search(rf" {left_out} B in {12 - len(picked)} stacks?\s+that the", text)
             assert ("that the report does not list" in text) == bool(unlisted), text
             return re.findall("^" + pattern + "$", text, re.M)
 
         share = [f"{100 * g['total'] / whole:.1f}" for g in picked]
-        assert shown("group", r"#\d+  (\d+) B  ([\d.]+) %  (\d+) blocks? of (\d+) B  age .*") == [
+        assert shown("stack", r"#\d+  (\d+) B  ([\d.]+) %  (\d+) blocks? of (\d+) B  age .*") == [
             (str(g["total"]), s, str(g["count"]), str(g["size"]))
             for g, s in zip(picked, share)], seed
         for by, keys in (("function", names), ("library", [(n[0],) for n in names])):

@@ -42,7 +42,7 @@ def hostile_names():
         assert memleak.collapse(library["path"]) == wanted, name
     # A document has replaced the bytes, but the names are still the same.
     same = memleak.run("diff", memleak.write("document", got), report)[0]
-    assert "Unchanged: 44.1 KiB in 300 groups" in same, same
+    assert "Unchanged: 44.1 KiB in 300 stacks" in same, same
 
     def escape(name):
         return "".join(c if c.isprintable() and c not in " ;%" else "".join(
@@ -78,7 +78,7 @@ def wide_lines():
     files = [memleak.write(str(i), memleak.document(
         libraries, frames, groups[i:], bytes=most, groups=most)) for i in (0, 1)]
     texts = [memleak.run("show", files[0], "--by", by, "--top", 1)[0]
-             for by in ("group", "library", "function", "tree", "callers")]
+             for by in ("stack", "library", "function", "tree", "callers")]
     for text in (*texts, memleak.run("diff", *files)[0]):
         assert "16.0 EiB" in text and "18,446,744,073,709,551,615" in text, text
         for row in text.splitlines():
@@ -297,7 +297,7 @@ def profiles():
     assert "#1  38 B  100.0 %  4 blocks of 5 B to 20 B  age 1s..9s  growing\n     Leak" in out, out
     assert "lib.so+0x1abc\n" in out and "operator new" not in out, out
     assert "Leak" not in skipped and "     lib.so+0x1abc\n" in skipped, skipped
-    assert "No group is known to have changed" in memleak.run("diff", report, report)[0]
+    assert "No stack is known to have changed" in memleak.run("diff", report, report)[0]
     # A stack of the maximum depth is cut, unless it starts at the start of the program.
     for depth, name, cut in ((3, "Leak", True), (4, "Leak", False), (3, "_start", False)):
         profile(stacks[:2], "end 2", depth)

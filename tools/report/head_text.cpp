@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/view/head_text.h"
+#include "tools/report/head_text.h"
 
 #include "tools/base/format.h"
 
