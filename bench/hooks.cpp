@@ -183,10 +183,7 @@ struct SlotTimes {
 
 SlotTimes MeasureSlots(const Library& library) {
   std::vector<std::string> names;
-  names.reserve(1000);
-  for (int at = 0; at < 1000; ++at) {
-    names.push_back("bench_import_" + std::to_string(1000 + at).substr(1));
-  }
+  for (int at = 0; at < 1000; ++at) names.push_back("bench_import_" + std::to_string(at));
   SlotTimes best;
   for (int repetition = 0; repetition < kRepetitions; ++repetition) {
     std::vector<plt_hook_spec> specs;

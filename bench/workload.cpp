@@ -8,8 +8,8 @@
 //
 // With --interactive, reads commands from standard input, one per line:
 //   go         start the churn (the program waits for it after it has allocated the blocks)
-//   mark NAME  print the longest step since the last mark and reset it
-//   dump       make the allocator or LeakSanitizer in this process write its own report
+//   mark       print the longest step since the last mark and reset it
+//   dump       let LeakSanitizer write its report
 //   stop       end the churn
 
 #include <fcntl.h>
@@ -46,7 +46,6 @@ struct Options {
   std::size_t stacks = 512;
   unsigned depth = 12;
   double seconds = 1.0;
-  std::uint64_t pairs = 0;
   bool interactive = false;
   bool keep_groups = false;
 };
@@ -182,8 +181,10 @@ class Worker {
     for (void* block : blocks_) std::free(block);
   }
 
-  std::uint64_t pairs() const { return pairs_; }
-  std::int64_t elapsed_ns() const { return elapsed_ns_; }
+  double PairsPerSecond() const {
+    return elapsed_ns_ == 0 ? 0
+                            : static_cast<double>(pairs_) * 1e9 / static_cast<double>(elapsed_ns_);
+  }
 
  private:
   /// Returns the group of a slot. A group is stack * kSizes + size; consecutive slots have
@@ -216,7 +217,7 @@ class Worker {
       for (unsigned step = 0; step < kBatch; ++step) Step();
       pairs_ += kBatch;
       elapsed_ns_ = NowNs() - begin;
-    } while (options_.pairs != 0 ? pairs_ < options_.pairs : elapsed_ns_ < limit);
+    } while (elapsed_ns_ < limit);
   }
 
   /// Churns until it is stopped and records the longest step.
@@ -224,7 +225,6 @@ class Worker {
     std::int64_t last = NowNs();
     while (!control_.stop.load(std::memory_order_relaxed)) {
       Step();
-      ++pairs_;
       const std::int64_t now = NowNs();
       if (now - last > control_.longest_gap_ns.load(std::memory_order_relaxed)) {
         control_.longest_gap_ns.store(now - last, std::memory_order_relaxed);
@@ -265,32 +265,22 @@ bool ReadCommand(char (&line)[64]) {
   return false;
 }
 
-void Dump() {
-  const std::int64_t begin = NowNs();
-  const char* kind = "none";
-  if (__lsan_do_recoverable_leak_check != nullptr) {
-    kind = "lsan";
-    __lsan_do_recoverable_leak_check();
-  }
-  Print("dump kind=%s ms=%.1f\n", kind, static_cast<double>(NowNs() - begin) / 1e6);
-}
-
 void RunCommands(Control& control) {
   char line[64];
   while (!control.stop.load() && ReadCommand(line)) {
     if (std::strcmp(line, "go") == 0) {
       control.go.store(true);
-    } else if (std::strncmp(line, "mark ", 5) == 0) {
+    } else if (std::strcmp(line, "mark") == 0) {
       const std::int64_t gap = control.longest_gap_ns.exchange(0);
-      Print("mark name=%s longest_gap_ms=%.3f rss_kib=%ld\n", line + 5,
-            static_cast<double>(gap) / 1e6, ResidentKib());
+      Print("mark longest_gap_ms=%.3f\n", static_cast<double>(gap) / 1e6);
     } else if (std::strcmp(line, "dump") == 0) {
-      Dump();
+      const std::int64_t begin = NowNs();
+      if (__lsan_do_recoverable_leak_check != nullptr) __lsan_do_recoverable_leak_check();
+      Print("dump ms=%.1f\n", static_cast<double>(NowNs() - begin) / 1e6);
     } else if (std::strcmp(line, "stop") == 0) {
       break;
     } else {
-      std::fprintf(stderr, "workload: unknown command '%s'; try go, mark NAME, dump or stop\n",
-                   line);
+      std::fprintf(stderr, "workload: unknown command '%s'; try go, mark, dump or stop\n", line);
     }
   }
   control.stop.store(true);
@@ -301,39 +291,24 @@ int Usage(const char* problem) {
   std::fprintf(stderr,
                "workload: %s\n"
                "usage: memleak_workload [--threads N] [--live N] [--stacks N] [--depth 1..%u]\n"
-               "       [--seconds S | --pairs N] [--interactive] [--keep-groups]\n",
+               "       [--seconds S] [--interactive] [--keep-groups]\n",
                problem, kMaxDepth);
   return 2;
 }
 
-bool Number(const char* text, std::uint64_t& value) {
+/// Sets an option that takes a value. Returns whether both are valid.
+bool SetOption(const std::string& name, const char* text, Options& options) {
   char* end = nullptr;
-  value = std::strtoull(text, &end, 10);
-  return end != text && *end == '\0' && *text != '-';
-}
-
-/// Parses one option. Returns the number of words used; 0 if the option is invalid.
-int ReadOption(int left, char** words, Options& options) {
-  const std::string name = words[0];
-  if (name == "--interactive") return options.interactive = true, 1;
-  if (name == "--keep-groups") return options.keep_groups = true, 1;
-  if (left < 2) return 0;
-  if (name == "--seconds") {
-    char* end = nullptr;
-    options.seconds = std::strtod(words[1], &end);
-    return end != words[1] && *end == '\0' && options.seconds > 0 ? 2 : 0;
-  }
-  std::uint64_t value = 0;
-  if (!Number(words[1], value)) return 0;
-  if (name == "--pairs") return options.pairs = value, 2;
-  if (value == 0 || value > UINT32_MAX / kSizes) return 0;
-  if (name == "--threads") return options.threads = static_cast<unsigned>(value), 2;
-  if (name == "--live") return options.live = value, 2;
-  if (name == "--stacks") return options.stacks = value, 2;
-  if (name == "--depth" && value <= kMaxDepth) {
-    return options.depth = static_cast<unsigned>(value), 2;
-  }
-  return 0;
+  const double value = std::strtod(text, &end);
+  if (end == text || *end != '\0' || !(value > 0)) return false;
+  if (name == "--seconds") return options.seconds = value, true;
+  if (value < 1 || value > UINT32_MAX / kSizes) return false;
+  if (name == "--threads") return options.threads = static_cast<unsigned>(value), true;
+  if (name == "--live") return options.live = static_cast<std::size_t>(value), true;
+  if (name == "--stacks") return options.stacks = static_cast<std::size_t>(value), true;
+  if (name != "--depth" || value > kMaxDepth) return false;
+  options.depth = static_cast<unsigned>(value);
+  return true;
 }
 
 int RunAll(const Options& options) {
@@ -341,37 +316,23 @@ int RunAll(const Options& options) {
   std::vector<Worker> workers;
   workers.reserve(options.threads);
   for (unsigned i = 0; i < options.threads; ++i) workers.emplace_back(options, i, control);
-  const long rss_before = ResidentKib();
   std::vector<std::thread> threads;
   threads.reserve(options.threads);
   for (Worker& worker : workers) threads.emplace_back(&Worker::Run, &worker);
   while (control.filled.load() < options.threads) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  const long rss_filled = ResidentKib();
   if (options.interactive) {
-    Print("ready pid=%d rss_kib=%ld\n", static_cast<int>(getpid()), rss_filled);
+    Print("ready pid=%d rss_kib=%ld\n", static_cast<int>(getpid()), ResidentKib());
     RunCommands(control);
   } else {
     control.go.store(true);
   }
   for (std::thread& thread : threads) thread.join();
-  std::uint64_t pairs = 0;
   double pairs_per_second = 0;
-  for (const Worker& worker : workers) {
-    pairs += worker.pairs();
-    if (worker.elapsed_ns() > 0) {
-      pairs_per_second +=
-          static_cast<double>(worker.pairs()) * 1e9 / static_cast<double>(worker.elapsed_ns());
-    }
-  }
-  Print(
-      "result threads=%u live=%zu stacks=%zu depth=%u pairs=%llu pairs_per_second=%.0f "
-      "ns_per_pair=%.2f rss_before_kib=%ld rss_filled_kib=%ld\n",
-      options.threads, options.live, options.stacks, options.depth,
-      static_cast<unsigned long long>(pairs), pairs_per_second,
-      pairs_per_second > 0 ? 1e9 * options.threads / pairs_per_second : 0.0, rss_before,
-      rss_filled);
+  for (const Worker& worker : workers) pairs_per_second += worker.PairsPerSecond();
+  Print("result pairs_per_second=%.0f ns_per_pair=%.2f\n", pairs_per_second,
+        pairs_per_second > 0 ? 1e9 * options.threads / pairs_per_second : 0.0);
   return 0;
 }
 
@@ -379,10 +340,15 @@ int RunAll(const Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc;) {
-    const int taken = ReadOption(argc - i, argv + i, options);
-    if (taken == 0) return Usage((std::string("cannot use '") + argv[i] + "'").c_str());
-    i += taken;
+  for (int i = 1; i < argc; ++i) {
+    const std::string name = argv[i];
+    if (name == "--interactive") {
+      options.interactive = true;
+    } else if (name == "--keep-groups") {
+      options.keep_groups = true;
+    } else if (++i == argc || !SetOption(name, argv[i], options)) {
+      return Usage(("cannot use '" + name + "'").c_str());
+    }
   }
   if (options.depth * kBitsPerLevel < 32 &&
       options.stacks > std::size_t{1} << (options.depth * kBitsPerLevel)) {

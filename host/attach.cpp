@@ -12,6 +12,7 @@
 #include "host/control_signal.h"
 #include "host/control_thread.h"
 #include "host/exit_report.h"
+#include "host/exports.h"
 #include "host/form.h"
 #include "host/linker_calls.h"
 #include "host/next_allocator.h"
@@ -23,8 +24,6 @@
 #include "platform/linux/environment.h"
 #include "protocol/attach.h"
 #include "protocol/protocol.h"
-
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace host {
 namespace {

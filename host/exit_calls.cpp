@@ -4,10 +4,9 @@
 #include <unistd.h>
 
 #include "host/exit_report.h"
+#include "host/exports.h"
 #include "host/next_function.h"
 #include "host/replaced_functions.h"
-
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace host {
 namespace {

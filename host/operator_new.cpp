@@ -16,11 +16,10 @@
 #include <new>
 
 #include "host/allocator_table.h"
+#include "host/exports.h"
 #include "host/next_allocator.h"
 #include "host/next_function.h"
 #include "host/replaced_functions.h"
-
-#define MEMLEAK_EXPORT __attribute__((visibility("default")))
 
 namespace host {
 namespace {
@@ -175,87 +174,88 @@ void FindOperators() {
 
 }  // namespace host
 
-MEMLEAK_EXPORT void* operator new(size_t size) {
+MEMLEAK_CXX_EXPORT void* operator new(size_t size) {
   return host::Allocate(host::new_one, true, size);
 }
 
-MEMLEAK_EXPORT void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
   return host::Allocate(host::new_one_nothrow, false, size, tag);
 }
 
-MEMLEAK_EXPORT void* operator new(size_t size, std::align_val_t alignment) {
+MEMLEAK_CXX_EXPORT void* operator new(size_t size, std::align_val_t alignment) {
   return host::Allocate(host::new_one_aligned, true, size, alignment);
 }
 
-MEMLEAK_EXPORT void* operator new(size_t size, std::align_val_t alignment,
-                                  const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void* operator new(size_t size, std::align_val_t alignment,
+                                      const std::nothrow_t& tag) noexcept {
   return host::Allocate(host::new_one_aligned_nothrow, false, size, alignment, tag);
 }
 
-MEMLEAK_EXPORT void* operator new[](size_t size) {
+MEMLEAK_CXX_EXPORT void* operator new[](size_t size) {
   return host::Allocate(host::new_array, true, size);
 }
 
-MEMLEAK_EXPORT void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
   return host::Allocate(host::new_array_nothrow, false, size, tag);
 }
 
-MEMLEAK_EXPORT void* operator new[](size_t size, std::align_val_t alignment) {
+MEMLEAK_CXX_EXPORT void* operator new[](size_t size, std::align_val_t alignment) {
   return host::Allocate(host::new_array_aligned, true, size, alignment);
 }
 
-MEMLEAK_EXPORT void* operator new[](size_t size, std::align_val_t alignment,
-                                    const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void* operator new[](size_t size, std::align_val_t alignment,
+                                        const std::nothrow_t& tag) noexcept {
   return host::Allocate(host::new_array_aligned_nothrow, false, size, alignment, tag);
 }
 
-MEMLEAK_EXPORT void operator delete(void* block) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete(void* block) noexcept {
   host::Release(host::delete_one, block);
 }
 
-MEMLEAK_EXPORT void operator delete(void* block, size_t size) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete(void* block, size_t size) noexcept {
   host::Release(host::delete_one_sized, block, size);
 }
 
-MEMLEAK_EXPORT void operator delete(void* block, std::align_val_t alignment) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete(void* block, std::align_val_t alignment) noexcept {
   host::Release(host::delete_one_aligned, block, alignment);
 }
 
-MEMLEAK_EXPORT void operator delete(void* block, size_t size, std::align_val_t alignment) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete(void* block, size_t size,
+                                        std::align_val_t alignment) noexcept {
   host::Release(host::delete_one_sized_aligned, block, size, alignment);
 }
 
-MEMLEAK_EXPORT void operator delete(void* block, const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete(void* block, const std::nothrow_t& tag) noexcept {
   host::Release(host::delete_one_nothrow, block, tag);
 }
 
-MEMLEAK_EXPORT void operator delete(void* block, std::align_val_t alignment,
-                                    const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete(void* block, std::align_val_t alignment,
+                                        const std::nothrow_t& tag) noexcept {
   host::Release(host::delete_one_aligned_nothrow, block, alignment, tag);
 }
 
-MEMLEAK_EXPORT void operator delete[](void* block) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete[](void* block) noexcept {
   host::Release(host::delete_array, block);
 }
 
-MEMLEAK_EXPORT void operator delete[](void* block, size_t size) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete[](void* block, size_t size) noexcept {
   host::Release(host::delete_array_sized, block, size);
 }
 
-MEMLEAK_EXPORT void operator delete[](void* block, std::align_val_t alignment) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete[](void* block, std::align_val_t alignment) noexcept {
   host::Release(host::delete_array_aligned, block, alignment);
 }
 
-MEMLEAK_EXPORT void operator delete[](void* block, size_t size,
-                                      std::align_val_t alignment) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete[](void* block, size_t size,
+                                          std::align_val_t alignment) noexcept {
   host::Release(host::delete_array_sized_aligned, block, size, alignment);
 }
 
-MEMLEAK_EXPORT void operator delete[](void* block, const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete[](void* block, const std::nothrow_t& tag) noexcept {
   host::Release(host::delete_array_nothrow, block, tag);
 }
 
-MEMLEAK_EXPORT void operator delete[](void* block, std::align_val_t alignment,
-                                      const std::nothrow_t& tag) noexcept {
+MEMLEAK_CXX_EXPORT void operator delete[](void* block, std::align_val_t alignment,
+                                          const std::nothrow_t& tag) noexcept {
   host::Release(host::delete_array_aligned_nothrow, block, alignment, tag);
 }

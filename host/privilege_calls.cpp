@@ -6,11 +6,10 @@
 #include <sys/types.h>
 
 #include "host/control_thread.h"
+#include "host/exports.h"
 #include "host/next_function.h"
 #include "host/replaced_functions.h"
 #include "host/state.h"
-
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace host {
 namespace {

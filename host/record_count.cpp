@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "host/loader_variable.h"
+#include "host/exports.h"
 #include "host/state.h"
 
 // protocol::kRecordCounter.

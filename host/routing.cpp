@@ -17,6 +17,7 @@
 #include "host/allocator_table.h"
 #include "host/bootstrap_arena.h"
 #include "host/control_thread.h"
+#include "host/exports.h"
 #include "host/next_allocator.h"
 
 namespace host {
@@ -170,8 +171,6 @@ PassTracker::~PassTracker() {
 }  // namespace host
 
 using host::Active;
-
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 MEMLEAK_EXPORT void* malloc(size_t size) noexcept {
   return Active().calls.malloc(size);

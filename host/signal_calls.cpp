@@ -7,11 +7,10 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 
+#include "host/exports.h"
 #include "host/next_function.h"
 #include "host/replaced_functions.h"
 #include "host/signal_actions.h"
-
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace host {
 namespace {

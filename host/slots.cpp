@@ -16,12 +16,11 @@
 
 #include <atomic>
 
+#include "host/exports.h"
 #include "host/next_function.h"
 #include "host/slot_writer.h"
 #include "linker/import_slots.h"
 #include "protocol/protocol.h"
-
-#define MEMLEAK_EXPORT __attribute__((visibility("default")))
 
 namespace host {
 namespace {
@@ -56,7 +55,7 @@ std::atomic<bool> replacing{false};
 SlotScan latest;
 std::atomic<unsigned long long> scanned_adds{0};
 // This object's handle.
-void* self = nullptr;
+void* this_loader = nullptr;
 
 size_t Hash(const char* name) {
   uint32_t hash = 5381;
@@ -254,7 +253,7 @@ extern "C" void (*memleak_scan_resolver())() {
 
 SlotScan Scan() {
   const int saved_errno = errno;
-  [[maybe_unused]] void* const scanned = dlsym(self, "memleak_scan");
+  [[maybe_unused]] void* const scanned = dlsym(this_loader, "memleak_scan");
   const SlotScan result = latest;
   errno = saved_errno;
   return result;
@@ -283,7 +282,8 @@ dl_phdr_info FindObject(const void* code) {
 /// dlsym for the tracker, which looks up the loader's variables with RTLD_DEFAULT. A loader that
 /// was not preloaded is not in the tracker's search order.
 void* DlsymOfTracker(void* handle, const char* name) {
-  return dlsym(handle == RTLD_DEFAULT && strncmp(name, "memleak_", 8) == 0 ? self : handle, name);
+  return dlsym(handle == RTLD_DEFAULT && strncmp(name, "memleak_", 8) == 0 ? this_loader : handle,
+               name);
 }
 
 int ReadAdds(dl_phdr_info* info, size_t /*size*/, void* adds) {
@@ -294,17 +294,17 @@ int ReadAdds(dl_phdr_info* info, size_t /*size*/, void* adds) {
 }  // namespace
 
 // A scan, whenever dlsym looks it up.
-extern "C" MEMLEAK_EXPORT void memleak_scan() __attribute__((ifunc("memleak_scan_resolver")));
+MEMLEAK_EXPORT void memleak_scan() __attribute__((ifunc("memleak_scan_resolver")));
 
 void FindReplacedSlots() {
-  if (self != nullptr) return;
+  if (this_loader != nullptr) return;
   const dl_phdr_info own = FindObject(reinterpret_cast<const void*>(&FindReplacedSlots));
   const ImportSlots object(own);
   object.ForEachFunction([&](const Elf64_Sym& symbol, const char* name) {
     if (strncmp(name, "memleak_", 8) != 0) Add(name, object.AddressOf(symbol));
   });
   Dl_info info;
-  dladdr1(&self, &info, &self, RTLD_DL_LINKMAP);
+  dladdr1(&this_loader, &info, &this_loader, RTLD_DL_LINKMAP);
 }
 
 void AddReplacedSlot(const char* name, void* function) {

@@ -20,9 +20,9 @@
 #include <unistd.h>
 
 #include "host/clock.h"
+#include "host/exports.h"
 #include "host/fork_page.h"
 #include "host/form.h"
-#include "host/loader_variable.h"
 #include "platform/linux/root.h"
 #include "platform/raw_calls.h"
 

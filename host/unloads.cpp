@@ -6,11 +6,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "host/loader_variable.h"
+#include "host/exports.h"
 #include "host/next_function.h"
 #include "protocol/protocol.h"
-
-#define MEMLEAK_EXPORT extern "C" __attribute__((visibility("default")))
 
 // protocol::kUnloadCounter.
 MEMLEAK_VARIABLE std::atomic<std::uint64_t> memleak_unload_counter;

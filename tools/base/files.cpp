@@ -1,28 +1,59 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/base/files.h"
 
+#include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
 
 namespace memleak {
+
+Descriptor::~Descriptor() {
+  const int error = errno;
+  if (IsOpen()) close(number_);
+  errno = error;
+}
+
+Descriptor OpenToRead(const std::string& path) {
+  return Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+Descriptor OpenInRoot(const std::string& root, const std::string& path, int flags) {
+  const Descriptor directory(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.IsOpen()) return Descriptor();
+  open_how how{};
+  how.flags = static_cast<unsigned>(flags | O_NOFOLLOW | O_CLOEXEC);
+  how.resolve = RESOLVE_IN_ROOT;
+  return Descriptor(
+      static_cast<int>(syscall(SYS_openat2, directory.Number(), path.c_str(), &how, sizeof how)));
+}
 
 bool IsPlainFile(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-std::optional<std::string> ReadAll(int file) {
+std::optional<std::string> ReadAll(const Descriptor& file) {
   std::string text;
   std::array<char, 65536> buffer{};
   ssize_t count = 0;
-  while ((count = read(file, buffer.data(), buffer.size())) > 0) {
+  while ((count = read(file.Number(), buffer.data(), buffer.size())) > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(count));
   }
   if (count < 0) return std::nullopt;
   return text;
+}
+
+std::optional<std::string> ReadTextFile(const std::string& path) {
+  // The open of a pipe may block.
+  if (!IsPlainFile(path)) return std::nullopt;
+  const Descriptor file = OpenToRead(path);
+  return file.IsOpen() ? ReadAll(file) : std::nullopt;
 }
 
 std::string LinkTarget(const std::string& path) {

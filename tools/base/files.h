@@ -5,14 +5,46 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace memleak {
+
+/// Owns a file descriptor, or none if it is negative.
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : number_(number) {}
+  /// Closes it. Keeps errno.
+  ~Descriptor();
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
+  }
+
+  int Number() const { return number_; }
+  bool IsOpen() const { return number_ >= 0; }
+
+ private:
+  int number_;
+};
+
+/// Opens `path` for reading. Not open, with errno set, if that fails.
+Descriptor OpenToRead(const std::string& path);
+
+/// Opens the absolute `path` as a process with the root directory `root` sees it: symbolic links,
+/// also that of "..", do not lead out of `root`. `flags` are those of open(2); the last part of
+/// `path` is not followed if it is a link. Not open, with errno set, if that fails: ENOSYS on
+/// kernels before 5.6 and under emulators.
+Descriptor OpenInRoot(const std::string& root, const std::string& path, int flags);
 
 /// Whether `path`, with links followed, is a regular file.
 bool IsPlainFile(const std::string& path);
 
-/// The rest of the content of the descriptor `file`; nothing, with errno set, if reading fails.
-std::optional<std::string> ReadAll(int file);
+/// The rest of the content of `file`; nothing, with errno set, if reading fails.
+std::optional<std::string> ReadAll(const Descriptor& file);
+
+/// The text of a regular file; nothing if it is unreadable.
+std::optional<std::string> ReadTextFile(const std::string& path);
 
 /// The target of the symbolic link `path`; empty if it is no link or unreadable.
 std::string LinkTarget(const std::string& path);

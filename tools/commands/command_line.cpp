@@ -39,7 +39,9 @@ Program::Program(const char* summary, const char* help, bool is_device)
 
 CLI::App* Program::AddCommand(const char* name, const char* summary, const std::string& help) {
   CLI::App* command = app_.add_subcommand(name, summary);
-  command->footer(help);
+  const bool has_codes = help.find("Exit codes:") != std::string::npos;
+  command->footer(has_codes ? help
+                            : help + "\n\nExit codes:\n  0  success\n  2  error (see stderr)");
   return command;
 }
 

@@ -21,7 +21,8 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
-  /// Adds the subcommand `name` with `help` below its options. The program owns it.
+  /// Adds the subcommand `name` with `help` below its options, and with the usual exit codes if
+  /// `help` has none. The program owns it.
   CLI::App* AddCommand(const char* name, const char* summary, const std::string& help);
 
   /// The same with the action `run`. It returns the exit code and may throw UserError. The caller

@@ -32,12 +32,7 @@ For a page for the browser, use `memleak html`.
 Examples:
   memleak export ./memleak.4711 --format folded > stacks.txt
   memleak export ./memleak.4711 --format pprof -o leak.pb.gz
-  memleak export allocations_dump --format speedscope -o leak.speedscope.json
-
-Exit codes:
-  0  written
-  2  error: not a report, not readable, truncated (--partial accepts that), or
-     the output cannot be written)";
+  memleak export allocations_dump --format speedscope -o leak.speedscope.json)";
 
 enum class Format : std::uint8_t { kFolded, kSpeedscope, kPprof, kJson };
 

@@ -26,15 +26,11 @@ tracker loads it into the process and calls it.
   off    stop tracking
   dump   let it write its stacks
   clear  unload it; also drops all memory records, of every kind
+The log names functions that the library lacks.
 
 Examples:
   memleak fd on 4711 --depth 16
-  memleak fd dump 4711
-
-Exit codes:
-  0  the command was carried out; the log names functions that the library lacks
-  2  no such process, not permitted, not tracked, stopped, the library missing,
-     not switched on before, or the command was not carried out within 60 s)";
+  memleak fd dump 4711)";
 
 constexpr const char* kFdLibrary = "libfdtrack.so";
 

@@ -23,12 +23,7 @@ also has lines over time. REPORT can be a JSON document of `memleak export` or
 
 Examples:
   memleak html ./memleak.4711 -o leak.html
-  memleak html new/allocations_dump --diff old/allocations_dump -o grown.html
-
-Exit codes:
-  0  written
-  2  error: not a report, not readable, truncated (--partial accepts that), or
-     the page cannot be written)";
+  memleak html new/allocations_dump --diff old/allocations_dump -o grown.html)";
 
 struct HtmlOptions {
   std::string report;  ///< a report, a root directory that holds one, or an exported document

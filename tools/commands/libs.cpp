@@ -29,45 +29,41 @@ Exit codes:
   1  nothing can be hooked
   2  no such process, or not permitted)";
 
+/// What the table says about a function in a library.
 struct State {
   const char* mark;
-  const char* meaning;  ///< empty: explained above
+  const char* meaning;  ///< empty: explained in the help
 };
-constexpr State kNotImported = {"-", ""};
-constexpr State kCanBeHooked = {"yes", "can be hooked"};
-constexpr State kIsHooked = {"hooked", "is hooked"};
-constexpr State kLazy = {"lazy", "not resolved yet: start with LD_BIND_NOW=1, as memleak run does"};
-constexpr State kNoPlt = {"no-plt",
-                          "no jump slot: built with -fno-plt, or only the address is taken"};
-constexpr State kTwice = {"twice", "several jump slots; the tracker requires exactly one"};
-constexpr State kOther = {"other",
-                          "imported, but hooked in other libraries only: memleak on --help"};
-constexpr State kName = {"name",
-                         "imported, but not reached: an earlier library has the same name, or\n"
-                         "          the name ends in neither .so nor .so.N"};
-constexpr State kUnknown = {"?", "the file has been replaced or removed"};
-constexpr const State* kStates[] = {&kNotImported, &kCanBeHooked, &kIsHooked, &kLazy,   &kNoPlt,
-                                    &kTwice,       &kOther,       &kName,     &kUnknown};
+
+// By ImportState. Then why a function that is imported cannot be hooked.
+constexpr State kStates[] = {
+    {"-", ""},
+    {"yes", "can be hooked"},
+    {"hooked", "is hooked"},
+    {"lazy", "not resolved yet: start with LD_BIND_NOW=1, as memleak run does"},
+    {"no-plt", "no jump slot: built with -fno-plt, or only the address is taken"},
+    {"twice", "several jump slots; the tracker requires exactly one"},
+    {"other", "imported, but hooked in other libraries only: memleak on --help"},
+    {"name",
+     "imported, but not reached: an earlier library has the same name, or\n"
+     "          the name ends in neither .so nor .so.N"},
+    {"?", "the file has been replaced or removed"}};
+constexpr const State* kNotImported = &kStates[0];
+constexpr const State* kCanBeHooked = &kStates[1];
+constexpr const State* kIsHooked = &kStates[2];
+constexpr const State* kOther = &kStates[6];
+constexpr const State* kName = &kStates[7];
+constexpr const State* kUnknown = &kStates[8];
 
 const State* StateIn(const LoadedLibraries& loaded, const LoadedLibrary& library,
                      const std::string& function, const ProcessMemory& memory) {
-  if (!library.file) return &kUnknown;
+  if (!library.file) return kUnknown;
   const ImportState state = ImportStateOf(loaded, library, function, memory);
-  if (state == ImportState::kNone) return &kNotImported;
-  if (library.is_shadowed || !IsLibraryName(library.name)) return &kName;
-  if (!HasProxy(function, library.name)) return &kOther;
-  switch (state) {
-    case ImportState::kNoSlot:
-      return &kNoPlt;
-    case ImportState::kSeveral:
-      return &kTwice;
-    case ImportState::kUnresolved:
-      return &kLazy;
-    case ImportState::kHooked:
-      return &kIsHooked;
-    default:
-      return &kCanBeHooked;
+  if (state != ImportState::kNone) {
+    if (library.is_shadowed || !IsLibraryName(library.name)) return kName;
+    if (!HasProxy(function, library.name)) return kOther;
   }
+  return &kStates[static_cast<std::size_t>(state)];
 }
 
 /// The table of libraries and functions.
@@ -94,9 +90,9 @@ class LibraryTable {
     if (total_ > rows_.size()) {
       std::cout << total_ - rows_.size() << " libraries import none of these\n";
     }
-    for (const State* state : kStates) {
-      if (*state->meaning == '\0' || !IsUsed(state)) continue;
-      std::cout << "  " << std::left << std::setw(8) << state->mark << state->meaning << "\n";
+    for (const State& state : kStates) {
+      if (*state.meaning == '\0' || !IsUsed(&state)) continue;
+      std::cout << "  " << std::left << std::setw(8) << state.mark << state.meaning << "\n";
     }
     if (!memory_.IsOpen()) {
       std::cout << "Cannot read the slots: this needs root, or the right to debug the process.\n"
@@ -125,9 +121,9 @@ class LibraryTable {
     for (const std::string& function : HookableFunctions()) {
       const State* state = StateIn(loaded_, library, function, memory_);
       row.states.push_back(state);
-      imports = imports || state != &kNotImported;
+      imports = imports || state != kNotImported;
       row.can_be_hooked =
-          row.can_be_hooked || state == &kCanBeHooked || state == &kIsHooked || state == &kUnknown;
+          row.can_be_hooked || state == kCanBeHooked || state == kIsHooked || state == kUnknown;
     }
     if (imports) rows_.push_back(std::move(row));
   }

@@ -23,7 +23,7 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kHostIntro = R"(
+constexpr const char* kOnHostIntro = R"(
 Starts recording in a process that `memleak run` has started or to which
 `memleak attach` has attached, with empty tables unless --keep is given.
 --depth, --unwind, --lib and --func are written to the properties in its root
@@ -31,7 +31,7 @@ directory. The defaults of --depth and --unwind apply for a process without
 settings.
 )";
 
-constexpr const char* kDeviceIntro = R"(
+constexpr const char* kOnDeviceIntro = R"(
 Starts recording in a process that has the tracker loaded, with empty tables
 unless --keep is given. Options are written to system properties, which needs
 root. They apply to all processes, from their next `on`:
@@ -60,20 +60,14 @@ Hooked calls are always traced by frame pointers, since the unwinder cannot
 cross a hook. That also applies to later native recording, until --unwind
 changes it. The program itself, static code, libraries built with -fno-plt and
 unresolved slots (lazy binding) cannot be hooked. Each of them gets one line,
-and the rest is hooked.
+and the rest is hooked. It is an error if nothing is hooked.
 
 Examples:
   memleak on 4711
   memleak on 4711 --keep --depth 24
   memleak on 4711 --kind mmap --lib libfoo.so,libbar.so
   memleak on 4711 --kind mmap --lib libsqlite3.so.0 --func mmap64,munmap,mremap
-  memleak on 4711 --kind gpu
-
-Exit codes:
-  0  recording is on; for a hooked kind, at least one hook is in place
-  2  no such process, not permitted, not tracked, stopped, memory of another kind
-     is recorded, settings not writable, nothing hooked, or the command was not
-     carried out within 60 s)";
+  memleak on 4711 --kind gpu)";
 
 // Writes the given settings, and defaults if the process has none. Returns the settings in force.
 BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& options) {
@@ -91,12 +85,6 @@ BacktraceSettings ApplySettings(const ProcessInfo& process, const OnOptions& opt
   if (!in_force.type) in_force.type = protocol::kUnwindFramePointers;
   if (!in_force.depth) in_force.depth = protocol::kDefaultDepth;
   return in_force;
-}
-
-std::string MethodName(char type) {
-  if (type == protocol::kUnwindFramePointers) return "frame pointers";
-  if (type == protocol::kUnwindTables) return "dwarf";
-  return "invalid type '" + Printable({&type, 1}) + "'";
 }
 
 // The tracker first starts recording and then clears the tables.
@@ -258,8 +246,8 @@ void AddOnOptions(CLI::App* command, OnOptions* options) {
 }
 
 void AddOn(Program* program) {
-  const std::string help = (program->IsDevice() ? kDeviceIntro : kHostIntro) + std::string(kHooks) +
-                           HelpOnHookedKinds() + (kLimits + 1);
+  const std::string help = (program->IsDevice() ? kOnDeviceIntro : kOnHostIntro) +
+                           std::string(kHooks) + HelpOnHookedKinds() + (kLimits + 1);
   const auto [command, options] =
       program->AddCommand("on", "Start recording", help, StartRecording);
   AddPid(command, &options->pid);

@@ -20,12 +20,7 @@ either; the hooks stay and do nothing, and resuming adds hooks once more.
 
 Examples:
   memleak pause 4711
-  memleak pause 4711 --kind mmap
-
-Exit codes:
-  0  recording is paused
-  2  no such process, not permitted, not tracked, stopped, memory of another kind
-     is recorded, or the command was not carried out within 60 s)";
+  memleak pause 4711 --kind mmap)";
 
 constexpr const char* kClearHelp = R"(
 Drops all records, of every kind. Recording stays on or off. --kind is the kind
@@ -33,12 +28,7 @@ that is being recorded.
 
 Examples:
   memleak clear 4711
-  memleak clear 4711 --kind mmap
-
-Exit codes:
-  0  the tables are empty
-  2  no such process, not permitted, not tracked, stopped, memory of another kind
-     is recorded, or the command was not carried out within 60 s)";
+  memleak clear 4711 --kind mmap)";
 
 struct Options {
   pid_t pid = 0;

@@ -24,11 +24,22 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kReportHelp = R"(
+constexpr const char* kReportHostIntro = R"(
 Stops recording, makes the process write its report, waits until the report is
 complete and prints its path. An existing report is renamed to
-allocations_dump.old. With --kind, the hooks of the latest `memleak on` are
-removed. Hooks of earlier ones remain and record nothing; they are listed.
+allocations_dump.old.
+)";
+
+constexpr const char* kReportDeviceIntro = R"(
+Stops recording, makes the process write /data/log/reliability/allocations_dump,
+waits until the report is complete and prints how to fetch it. The directory
+must exist, and the process must have permission to write there. An existing
+report, of any process, is renamed to allocations_dump.old.
+)";
+
+constexpr const char* kHooksAndExamples = R"(
+With --kind, the hooks of the latest `memleak on` are removed. Hooks of earlier
+ones remain and record nothing; they are listed.
 
 With --keep-recording, recording of the native heap continues and misses no
 free, so that successive reports can be compared. Other kinds cannot continue,
@@ -38,31 +49,7 @@ Examples:
   memleak report 4711
   memleak report 4711 --keep-recording
   memleak report 4711 --timeout 300
-  memleak report 4711 --kind mmap
-
-Exit codes:
-  0  the report is complete
-  2  error (see stderr))";
-
-constexpr const char* kReportDeviceHelp = R"(
-Stops recording, makes the process write /data/log/reliability/allocations_dump,
-waits until the report is complete and prints how to fetch it. The directory
-must exist, and the process must have permission to write there. An existing
-report, of any process, is renamed to allocations_dump.old. With --kind, the
-hooks of the latest `memleak on` are removed. Hooks of earlier ones remain and
-record nothing; they are listed.
-
-With --keep-recording, recording of the native heap continues and misses no
-free, so that successive reports can be compared.
-
-Examples:
-  memleak report 4711
-  memleak report 4711 --keep-recording
-  memleak report 4711 --kind mmap
-
-Exit codes:
-  0  the report is complete
-  2  error (see stderr))";
+  memleak report 4711 --kind mmap)";
 
 struct ReportOptions {
   pid_t pid = 0;
@@ -139,7 +126,8 @@ int Report(const ReportOptions& options) {
 }  // namespace
 
 void AddReport(Program* program) {
-  const char* help = program->IsDevice() ? kReportDeviceHelp : kReportHelp;
+  const std::string help = (program->IsDevice() ? kReportDeviceIntro : kReportHostIntro) +
+                           std::string(kHooksAndExamples);
   const auto [command, options] =
       program->AddCommand("report", "Stop recording and write a report", help, Report);
   AddPid(command, &options->pid);

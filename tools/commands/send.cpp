@@ -26,12 +26,7 @@ holds the backtrace size in bits 31 to 16 and the type character in bits 15 to 0
 
 Examples:
   memleak send 4711 --word 0x90
-  memleak send 4711 --word 0x10 --parameter 0xa0031
-
-Exit codes:
-  0  the process has carried out the word
-  2  no such process, not permitted, not tracked, stopped, a word that is not a
-     number, or the word was not carried out within 60 s)";
+  memleak send 4711 --word 0x10 --parameter 0xa0031)";
 
 std::string Help() {
   std::ostringstream text;

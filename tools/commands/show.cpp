@@ -56,11 +56,7 @@ Examples:
   memleak show ./memleak.4711
   memleak show ./memleak.4711 --by function --top 20
   memleak show allocations_dump --filter 'libfoo|Cache::' --older-than 10m
-  memleak show allocations_dump --symbols out/symbols --sysroot device
-
-Exit codes:
-  0  shown
-  2  error: not a report, not readable, or truncated (--partial accepts that))";
+  memleak show allocations_dump --symbols out/symbols --sysroot device)";
 
 struct ShowOptions {
   std::string report;  ///< a report, a root directory that holds one, or a report's JSON document

@@ -16,10 +16,10 @@
 #include "tools/commands/options.h"
 #include "tools/target/inspect.h"
 #include "tools/target/recording.h"
-#include "tools/target/report_file.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/send_command.h"
 #include "tools/target/site.h"
+#include "tools/target/take_report.h"
 
 namespace memleak {
 namespace {
@@ -81,12 +81,9 @@ std::string RecordingText(const StateFile& state) {
 }
 
 std::string MethodText(const StateFile& state) {
-  const auto method = static_cast<char>(state->unwind.load());
   if (state->depth == 0) return "not known before the first recording";
   return std::to_string(state->depth) + " frames by " +
-         (method == protocol::kUnwindFramePointers ? "frame pointers"
-          : method == protocol::kUnwindTables      ? "dwarf"
-                                                   : "an invalid method");
+         MethodName(static_cast<char>(state->unwind.load()));
 }
 
 std::string CommandsText(const StateFile& state) {
@@ -138,11 +135,8 @@ std::string SettingsText(const ProcessInfo& process) {
   if (stored.place.empty())
     return "none (backtrace type 0, size " + std::to_string(protocol::kDefaultDepth) + ")";
   const BacktraceSettings settings = ParseSettings(stored.text);
-  const std::string type(1, settings.type.value_or(protocol::kUnwindFramePointers));
-  const char* method = type[0] == protocol::kUnwindFramePointers ? " (frame pointers)"
-                       : type[0] == protocol::kUnwindTables      ? " (dwarf)"
-                                                                 : " (invalid)";
-  return "backtrace type " + Printable(type) + method + ", size " +
+  const char type = settings.type.value_or(protocol::kUnwindFramePointers);
+  return "backtrace type " + Printable({&type, 1}) + " (" + MethodName(type) + "), size " +
          std::to_string(settings.depth.value_or(protocol::kDefaultDepth)) + "  [" +
          Printable(stored.place) + "]";
 }

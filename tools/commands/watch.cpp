@@ -12,8 +12,9 @@ its number and time, and shows at the end what grew from the first to the last.
 Native recording is switched on unless it is on already. It is never switched
 off. Tables are emptied if recording was off. The watch ends after --for, when
 the process ends, or on Ctrl-C or when the terminal closes, which takes a last
-report; a second Ctrl-C ends at once. It also ends when another command stops,
-pauses or clears recording, since later reports cannot be compared.
+report; a second Ctrl-C ends at once. It also ends, with exit code 2, when
+another command stops, pauses or clears recording, since later reports cannot
+be compared.
 
 A stack is a list of functions and libraries, whatever the size of its blocks.
 For each stack that grew:
@@ -36,13 +37,7 @@ known in fewer than two reports are not judged.
 
 Examples:
   memleak watch 4711 -o out
-  memleak watch 4711 --every 5m --for 8h -o out
-
-Exit codes:
-  0  done
-  2  error: no such process, not permitted, not tracked, recording through
-     hooks, DIR not new or not writable, no complete report in time, or another
-     command ended the trend)";
+  memleak watch 4711 --every 5m --for 8h -o out)";
 
 }  // namespace
 

@@ -17,9 +17,11 @@ namespace memleak {
 inline constexpr const char* kJsonFormat = "memleak-profile";
 inline constexpr int kJsonVersion = 1;
 
-/// Write the members "report", "totals" and "libraries" of a document.
+/// Write the members "report", "totals", "base" (both for an earlier report) and "libraries" of a
+/// document.
 void WriteReport(const Profile& profile, JsonWriter* json);
 void WriteTotals(const Profile& profile, JsonWriter* json);
+void WriteBase(const Profile& base, JsonWriter* json);
 void WriteLibraries(const Profile& profile, JsonWriter* json);
 
 /// Writes the document of one report.

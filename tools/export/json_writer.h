@@ -5,16 +5,18 @@
 
 #include <concepts>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <optional>
+#include <ranges>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
 namespace memleak {
 
-/// Writes one document on one line. The caller pairs calls of Begin and End and gives each member
-/// of an object a key. Errors are those of the stream.
+/// Writes one document on one line. Each value in an object needs a key. Errors are those of the
+/// stream.
 class JsonWriter {
  public:
   /// `out` lives longer than the writer.
@@ -23,15 +25,42 @@ class JsonWriter {
   JsonWriter(const JsonWriter&) = delete;
   JsonWriter& operator=(const JsonWriter&) = delete;
 
-  void BeginObject() { Open('{'); }
-  void EndObject() { Close('}'); }
-  void BeginArray() { Open('['); }
-  void EndArray() { Close(']'); }
-
   void EndLine() { text_ += '\n'; }
 
-  /// Before a value, a BeginObject or a BeginArray in an object.
+  /// Before a value in an object.
   void Key(const char* name);
+
+  /// An object, whose members `write` writes; with `name`, key and object.
+  template <typename Write>
+  void Object(Write write) {
+    Open('{');
+    write();
+    Close('}');
+  }
+  template <typename Write>
+  void Object(const char* name, Write write) {
+    Key(name);
+    Object(write);
+  }
+
+  /// Key and array: `write(item)` writes a value for each item of `list`.
+  template <typename List, typename Write>
+  void Array(const char* name, const List& list, Write write) {
+    Key(name);
+    Open('[');
+    for (const auto& item : list) write(item);
+    Close(']');
+  }
+  /// The same for values that are objects, of which `write(item)` writes the members.
+  template <typename List, typename Write>
+  void Objects(const char* name, const List& list, Write write) {
+    Array(name, list, [&](const auto& item) { Object([&] { write(item); }); });
+  }
+  /// The same for the values `of(item)`; `of` may be a member of the item.
+  template <typename List, typename Of>
+  void Column(const char* name, const List& list, Of of) {
+    Array(name, list, [&](const auto& item) { Value(std::invoke(of, item)); });
+  }
 
   /// Each byte that is not part of valid UTF-8 is replaced by U+FFFD, and all control characters
   /// are escaped.
@@ -60,20 +89,19 @@ class JsonWriter {
       Null();
     }
   }
+  /// An array.
+  template <std::ranges::range List>
+  requires(!std::convertible_to<List, std::string_view>) void Value(const List& list) {
+    Open('[');
+    for (const auto& value : list) Value(value);
+    Close(']');
+  }
 
   /// Key and value.
   template <typename Any>
   void Member(const char* name, const Any& value) {
     Key(name);
     Value(value);
-  }
-  /// Key and array.
-  template <typename List>
-  void MemberList(const char* name, const List& list) {
-    Key(name);
-    BeginArray();
-    for (const auto& value : list) Value(value);
-    EndArray();
   }
 
  private:

@@ -34,12 +34,12 @@ void Align(std::string* bytes) {
 /// Arrays of numbers. Each has the narrowest of JavaScript's types that holds its values exactly.
 class Columns {
  public:
-  /// Adds `value(row)` for each of `rows`; a missing value is NaN.
+  /// Adds `value(row)` for each of `rows`, or that member of it. A missing value is NaN.
   template <typename Rows, typename Value = std::identity>
   void Add(const char* name, const Rows& rows, Value value = {}) {
     std::vector<double> numbers;
     numbers.reserve(rows.size());
-    for (const auto& row : rows) numbers.push_back(Number(value(row)));
+    for (const auto& row : rows) numbers.push_back(Number(std::invoke(value, row)));
     bool whole = true;
     double largest = 0;
     for (const double number : numbers) {
@@ -57,18 +57,13 @@ class Columns {
     }
   }
 
-  /// The columns in their order: an array of name, type and length for each.
+  /// The columns in their order.
   void WriteList(JsonWriter* json) const {
-    json->Key("columns");
-    json->BeginArray();
-    for (const Column& column : columns_) {
-      json->BeginArray();
-      json->Value(column.name);
-      json->Value(column.type);
-      json->Value(column.length);
-      json->EndArray();
-    }
-    json->EndArray();
+    json->Objects("columns", columns_, [&](const Column& column) {
+      json->Member("name", column.name);
+      json->Member("type", column.type);
+      json->Member("length", column.length);
+    });
   }
 
   const std::string& Bytes() const { return bytes_; }
@@ -123,10 +118,10 @@ void AddFrames(const Profile& profile, Strings* strings, Columns* columns) {
                [&](const Frame& f) { return strings->IndexOf(FrameName(profile, f)); });
   columns->Add("frames.library", frames, [](const Frame& f) { return f.library + 1; });
   columns->Add("frames.file", frames, [&](const Frame& f) { return strings->IndexOf(f.file); });
-  columns->Add("frames.line", frames, [](const Frame& f) { return f.line; });
+  columns->Add("frames.line", frames, &Frame::line);
   columns->Add("frames.address", frames,
                [](const Frame& f) { return f.address != 0 ? f.address : f.offset; });
-  columns->Add("frames.inlined", frames, [](const Frame& f) { return f.inlined; });
+  columns->Add("frames.inlined", frames, &Frame::inlined);
   columns->Add("frames.unresolved", frames, [](const Frame& f) { return f.function.empty(); });
 }
 
@@ -207,16 +202,16 @@ std::optional<std::int64_t> YoungestAge(const Group& group) {
 void AddGroups(const PageContent& content, Columns* columns) {
   const std::vector<Group>& groups = content.groups.groups;
   const std::int64_t span = AgeSpan(content.groups);
-  columns->Add("groups.size", groups, [](const Group& g) { return g.size; });
+  columns->Add("groups.size", groups, &Group::size);
   columns->Add("groups.larger", groups,
                [](const Group& g) { return SubtractSaturated(g.max_size, g.size); });
-  columns->Add("groups.count", groups, [](const Group& g) { return g.count; });
-  columns->Add("groups.total", groups, [](const Group& g) { return g.total; });
+  columns->Add("groups.count", groups, &Group::count);
+  columns->Add("groups.total", groups, &Group::total);
   columns->Add("groups.youngest", groups, YoungestAge);
   columns->Add("groups.oldest", groups, OldestAge);
   columns->Add("groups.java", groups, [](const Group& g) { return g.kind == GroupKind::kJava; });
-  columns->Add("groups.ownAges", groups, [](const Group& g) { return g.own_ages; });
-  columns->Add("groups.cut", groups, [](const Group& g) { return g.cut; });
+  columns->Add("groups.ownAges", groups, &Group::own_ages);
+  columns->Add("groups.cut", groups, &Group::cut);
   columns->Add("groups.pattern", groups,
                [&](const Group& g) { return static_cast<int>(PatternOf(g, span)); });
   const StackTree tree = BuildStackTree(groups);
@@ -245,36 +240,30 @@ std::string PageData(const PageContent& content) {
   std::ostringstream head;
   {
     JsonWriter json(head);
-    json.BeginObject();
-    json.Member("format", "memleak-page");
-    json.Member("version", 2);
-    WriteReport(content.report, &json);
-    if (content.totals.empty()) {
-      WriteTotals(content.report, &json);
-    } else {
-      json.Key("totals");
-      json.Raw(content.totals);
-    }
-    WriteLibraries(content.groups, &json);
-    json.MemberList("ageBounds", bounds);
-    if (content.base != nullptr) {
-      json.Key("base");
-      json.BeginObject();
-      WriteReport(*content.base, &json);
-      WriteTotals(*content.base, &json);
-      json.EndObject();
-    }
-    if (!content.trend.empty()) {
-      json.Key("trend");
-      json.Raw(content.trend);
-    }
-    const Profile& report = content.report;
-    if (report.complete && report.header.groups == 0 && content.groups.groups.empty()) {
-      json.Member("nothingHeld", NothingHeldText(process ? &*process : nullptr));
-    }
-    json.MemberList("strings", strings.List());
-    columns.WriteList(&json);
-    json.EndObject();
+    json.Object([&] {
+      json.Member("format", "memleak-page");
+      json.Member("version", 2);
+      WriteReport(content.report, &json);
+      if (content.totals.empty()) {
+        WriteTotals(content.report, &json);
+      } else {
+        json.Key("totals");
+        json.Raw(content.totals);
+      }
+      WriteLibraries(content.groups, &json);
+      json.Member("ageBounds", bounds);
+      if (content.base != nullptr) WriteBase(*content.base, &json);
+      if (!content.trend.empty()) {
+        json.Key("trend");
+        json.Raw(content.trend);
+      }
+      const Profile& report = content.report;
+      if (report.complete && report.header.groups == 0 && content.groups.groups.empty()) {
+        json.Member("nothingHeld", NothingHeldText(process ? &*process : nullptr));
+      }
+      json.Member("strings", strings.List());
+      columns.WriteList(&json);
+    });
   }
   std::string data(head.view());
   data.push_back('\0');  // ends the JSON, which has none

@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tools/base/files.h"
@@ -28,26 +29,23 @@ class FrameTable {
     entries_.push_back({"[unknown]", "", 0});
   }
 
-  void WriteStack(const Group& group, JsonWriter* json) const {
-    json->BeginArray();
+  /// The indices of a group's stack in the table, outermost first.
+  std::vector<std::size_t> StackOf(const Group& group) const {
+    if (group.stack.empty()) return {entries_.size() - 1};
+    std::vector<std::size_t> stack;
     for (auto frame = group.stack.rbegin(); frame != group.stack.rend(); ++frame) {
-      json->Value(indices_[*frame]);
+      stack.push_back(indices_[*frame]);
     }
-    if (group.stack.empty()) json->Value(entries_.size() - 1);
-    json->EndArray();
+    return stack;
   }
 
   void Write(JsonWriter* json) const {
-    json->Key("frames");
-    json->BeginArray();
-    for (const auto& [name, file, line] : entries_) {
-      json->BeginObject();
+    json->Objects("frames", entries_, [&](const Entry& entry) {
+      const auto& [name, file, line] = entry;
       json->Member("name", name);
       if (!file.empty()) json->Member("file", file);
       if (line != 0) json->Member("line", line);
-      json->EndObject();
-    }
-    json->EndArray();
+    });
   }
 
  private:
@@ -63,56 +61,48 @@ class FrameTable {
   std::vector<std::size_t> indices_;
 };
 
+// The members of one profile.
 void WriteOne(const Profile& profile, const FrameTable& frames, GroupKind kind, Measure measure,
               JsonWriter* json) {
   std::string name = kind == GroupKind::kNative ? "native" : "Java-native";
   name += measure == Measure::kBytes ? ", bytes held" : ", blocks held";
-  json->BeginObject();
   json->Member("type", "sampled");
   json->Member("name", name);
   json->Member("unit", measure == Measure::kBytes ? "bytes" : "none");
   std::vector<std::uint64_t> weights;
   std::uint64_t sum = 0;
-  json->Key("samples");
-  json->BeginArray();
-  for (const Group& group : profile.groups) {
+  json->Array("samples", profile.groups, [&](const Group& group) {
     const std::uint64_t weight = measure == Measure::kBytes ? group.total : group.count;
-    if (group.kind != kind || weight == 0) continue;
-    frames.WriteStack(group, json);
+    if (group.kind != kind || weight == 0) return;
+    json->Value(frames.StackOf(group));
     weights.push_back(weight);
     sum += weight;
-  }
-  json->EndArray();
-  json->MemberList("weights", weights);
+  });
+  json->Member("weights", weights);
   json->Member("startValue", 0);
   json->Member("endValue", sum);
-  json->EndObject();
 }
 
 }  // namespace
 
 void WriteSpeedscope(const Profile& profile, std::ostream& out) {
   const FrameTable frames(profile);
-  JsonWriter json(out);
-  json.BeginObject();
-  json.Member("$schema", "https://www.speedscope.app/file-format-schema.json");
-  json.Member("exporter", "memleak");
-  json.Member("name", LastPart(profile.path));
-  json.Member("activeProfileIndex", 0);
-  json.Key("profiles");
-  json.BeginArray();
-  for (const GroupKind kind : {GroupKind::kNative, GroupKind::kJava}) {
-    if (kind == GroupKind::kJava && profile.Listed(kind).groups == 0) continue;
-    for (const Measure measure : {Measure::kBytes, Measure::kBlocks}) {
-      WriteOne(profile, frames, kind, measure, &json);
-    }
+  std::vector<std::pair<GroupKind, Measure>> profiles = {{GroupKind::kNative, Measure::kBytes},
+                                                         {GroupKind::kNative, Measure::kBlocks}};
+  if (profile.Listed(GroupKind::kJava).groups != 0) {
+    profiles.emplace_back(GroupKind::kJava, Measure::kBytes);
+    profiles.emplace_back(GroupKind::kJava, Measure::kBlocks);
   }
-  json.EndArray();
-  json.Key("shared");
-  json.BeginObject();
-  frames.Write(&json);
-  json.EndObject();
-  json.EndObject();
+  JsonWriter json(out);
+  json.Object([&] {
+    json.Member("$schema", "https://www.speedscope.app/file-format-schema.json");
+    json.Member("exporter", "memleak");
+    json.Member("name", LastPart(profile.path));
+    json.Member("activeProfileIndex", 0);
+    json.Objects("profiles", profiles,
+                 [&](const auto& of) { WriteOne(profile, frames, of.first, of.second, &json); });
+    json.Object("shared", [&] { frames.Write(&json); });
+  });
   json.EndLine();
 }
 

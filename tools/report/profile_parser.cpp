@@ -8,8 +8,8 @@
 
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
+#include "tools/base/text_reader.h"
 #include "tools/base/user_error.h"
-#include "tools/report/text_reader.h"
 
 namespace memleak {
 namespace {

@@ -6,17 +6,14 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <filesystem>
 #include <optional>
-#include <string_view>
 #include <system_error>
 
 #include "tools/base/files.h"
 #include "tools/base/proc_files.h"
-#include "tools/base/rooted_file.h"
+#include "tools/base/text_reader.h"
 
 namespace memleak {
 namespace {
@@ -33,15 +30,6 @@ struct Running {
   std::int64_t started = 0;  // seconds since the epoch
   uid_t user = 0;
 };
-
-// The text of the file `name`; empty if it is unreadable.
-std::string TextOfFile(const std::string& name) {
-  const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) return "";
-  const std::optional<std::string> text = ReadAll(file);
-  close(file);
-  return text.value_or("");
-}
 
 std::int64_t Nanoseconds(clockid_t clock) {
   timespec time{};
@@ -62,10 +50,10 @@ std::optional<Running> Find(const JitProcess& process) {
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
     const std::string directory = entry.path();
-    const std::string status = TextOfFile(directory + "/status");
+    const std::string status = ReadTextFile(directory + "/status").value_or("");
     if (InnerPid(status, 0) != process.pid) continue;
     if (LinkTarget(directory + "/exe") != process.program) continue;
-    const auto ticks = StartTicks(TextOfFile(directory + "/stat"));
+    const auto ticks = StartTicks(ReadTextFile(directory + "/stat").value_or(""));
     if (!ticks || TimeOf(*ticks) > process.started + kTolerance) continue;
     const Running running{directory, TimeOf(*ticks), EffectiveId(status, "Uid")};
     if (!found || running.started > found->started) found = running;
@@ -77,42 +65,37 @@ std::optional<Running> Find(const JitProcess& process) {
 std::string ReadFile(const JitProcess& process) {
   const std::string path = "/tmp/perf-" + std::to_string(process.pid) + ".map";
   const std::optional<Running> running = Find(process);
-  int file = -1;
+  Descriptor file;
   if (running) file = OpenInRoot(running->directory + "/root", path, kOpenFlags);
   const bool is_here = !running || running->directory == "/proc/" + std::to_string(process.pid);
   // The process has ended, or its root directory may not be entered.
-  if (file < 0 && is_here && (!running || errno != ENOENT)) file = open(path.c_str(), kOpenFlags);
-  if (file < 0) return "";
+  if (!file.IsOpen() && is_here && (!running || errno != ENOENT)) {
+    file = Descriptor(open(path.c_str(), kOpenFlags));
+  }
   struct stat state {};
   const uid_t user = running ? running->user : process.owner;
-  std::optional<std::string> text;
   // A file with several names may be another one: users can link files that they cannot write.
-  if (fstat(file, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1 &&
+  if (fstat(file.Number(), &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1 &&
       (state.st_uid == user || state.st_uid == 0 || state.st_uid == geteuid()) &&
       state.st_mtime >= process.started - kTolerance) {
-    text = ReadAll(file);
+    return ReadAll(file).value_or("");
   }
-  close(file);
-  return text.value_or("");
+  return "";
 }
 
 }  // namespace
 
 JitNames::JitNames(const JitProcess& process) {
   const std::string text = ReadFile(process);
-  std::string_view rest = text;
-  while (!rest.empty()) {
-    const std::string_view line = rest.substr(0, rest.find('\n'));
-    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+  for (Cursor rest(text); !rest.AtEnd();) {
+    Cursor line(rest.TakeUntil('\n'));
     // "BEGIN BYTES NAME", both in hexadecimal.
     std::uint64_t begin = 0;
     std::uint64_t bytes = 0;
-    const char* const end = line.data() + line.size();
-    const auto first = std::from_chars(line.data(), end, begin, 16);
-    if (first.ec != std::errc() || first.ptr == end || *first.ptr != ' ') continue;
-    const auto second = std::from_chars(first.ptr + 1, end, bytes, 16);
-    if (second.ec != std::errc() || second.ptr == end || *second.ptr != ' ') continue;
-    functions_[begin] = {begin + bytes, std::string(second.ptr + 1, end)};
+    if (line.TakeNumber(&begin, 16) && line.Take(" ") && line.TakeNumber(&bytes, 16) &&
+        line.Take(" ")) {
+      functions_[begin] = {begin + bytes, std::string(line.Rest())};
+    }
   }
 }
 

@@ -22,9 +22,7 @@ struct JitProcess {
 
 class JitNames {
  public:
-  /// No names.
-  JitNames() = default;
-  /// Those of `process`. A running process is looked up, also in another PID namespace, and its
+  /// The names of `process`. A running process is looked up, also in another PID namespace, and its
   /// file is read below its root directory. The file is used only if it is a regular file with one
   /// name, belongs to the user of the process, root or the current user, and was changed after the
   /// process started: any user may create files in /tmp. A later line replaces an earlier one for

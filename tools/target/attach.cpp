@@ -255,31 +255,52 @@ class Attachment {
   }
 
   // Calls a function whose first arguments are `texts`, which are put on the stack of the thread.
+  // Stops the process again if a signal arrives.
   std::uint64_t Call(std::uint64_t function, const std::vector<std::string>& texts,
-                     std::vector<std::uint64_t> others) {
+                     const std::vector<std::uint64_t>& others) {
+    const auto deadline = steady_clock::now() + kPatience;
+    while (steady_clock::now() < deadline) {
+      if (interrupted_) {
+        debugger_->Detach();
+        Stop();
+      }
+      const CallResult result = debugger_->Call(Prepare(function, texts, others));
+      interrupted_ = result.interrupted;
+      if (result.value) {
+        // Continues system calls of all threads that the end of the call has interrupted.
+        if (!interrupted_) debugger_->Threads();
+        return *result.value;
+      }
+      if (!interrupted_) throw Failed();
+    }
+    throw UserError("process " + process_.Label() + " gets signals all the time",
+                    "try again; the process runs on as before");
+  }
+
+  FunctionCall Prepare(std::uint64_t function, const std::vector<std::string>& texts,
+                       const std::vector<std::uint64_t>& others) {
     std::string bytes;
-    std::vector<std::uint64_t> arguments;
+    FunctionCall call{*thread_, 0, function, {}, code_->Function("syscall")};
     for (const std::string& text : texts) {
-      arguments.push_back(bytes.size());
+      call.arguments.push_back(bytes.size());
       bytes += text + '\0';
     }
-    const std::uint64_t stack =
-        (thread_->StackPointer() - kRedZone - bytes.size()) & ~std::uint64_t{15};
-    for (std::uint64_t& argument : arguments) argument += stack;
-    arguments.insert(arguments.end(), others.begin(), others.end());
-    if (!bytes.empty() && !memory_.Write(stack, bytes)) {
+    call.stack = (thread_->StackPointer() - kRedZone - bytes.size()) & ~std::uint64_t{15};
+    for (std::uint64_t& argument : call.arguments) argument += call.stack;
+    call.arguments.insert(call.arguments.end(), others.begin(), others.end());
+    if (!bytes.empty() && !memory_.Write(call.stack, bytes)) {
       throw UserError("cannot write to the memory of process " + process_.Label(),
                       "run memleak as root");
     }
-    const auto result = debugger_->Call(*thread_, stack, function, arguments);
-    if (!result) {
-      throw UserError(
-          "a call in process " + process_.Label() + " failed: " + debugger_->LastOutput(),
-          "try again");
+    return call;
+  }
+
+  UserError Failed() {
+    const std::string output = debugger_->LastOutput();
+    if (!IsAlive(process_.pid)) {
+      return UserError("process " + process_.Label() + " has ended during the call: " + output);
     }
-    // Continues system calls of all threads that the end of the call has interrupted.
-    debugger_->Threads();
-    return *result;
+    return UserError("a call in process " + process_.Label() + " failed: " + output, "try again");
   }
 
   const ProcessInfo& process_;
@@ -288,6 +309,7 @@ class Attachment {
   std::unique_ptr<ProcessCode> code_;
   std::optional<StoppedThread> thread_;
   bool linker_in_use_ = false;
+  bool interrupted_ = false;  // a signal waits for the thread
   std::string why_not_;
   steady_clock::time_point stopped_;
 };

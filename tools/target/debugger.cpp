@@ -18,11 +18,11 @@
 #include <sstream>
 #include <thread>
 
+#include "tools/base/files.h"
 #include "tools/base/names.h"
 #include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
-#include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {
@@ -276,16 +276,18 @@ void Debugger::RunTo(std::uint64_t address, milliseconds timeout) {
   throw UserError("the debugger does not answer", "try again; the process runs on");
 }
 
-std::optional<std::uint64_t> Debugger::Call(const StoppedThread& thread, std::uint64_t stack,
-                                            std::uint64_t address,
-                                            const std::vector<std::uint64_t>& arguments) {
-  if (Send(CallCommands(thread, stack, address, arguments)) && !Receive(kCallTimeout)) Leave();
+CallResult Debugger::Call(const FunctionCall& call) {
+  if (Send(CallCommands(call)) && !Receive(kCallTimeout)) Leave();
+  CallResult answer;
   for (const std::string& line : output_) {
     const std::size_t result = line.find(" = ", std::min(line.find('$'), line.size()));
-    if (result != std::string::npos) {
-      return static_cast<std::uint64_t>(std::strtoll(line.c_str() + result + 3, nullptr, 10));
+    if (result != std::string::npos && !answer.value) {
+      answer.value =
+          static_cast<std::uint64_t>(std::strtoll(line.c_str() + result + 3, nullptr, 10));
     }
+    if (line.ends_with(kInterrupted)) answer.interrupted = true;
   }
+  if (answer.value || answer.interrupted) return answer;
   // The reason, without what failed because of it.
   for (const std::string& line : output_) {
     if (line.starts_with("Program ") || line.starts_with("process ") ||
@@ -294,7 +296,7 @@ std::optional<std::uint64_t> Debugger::Call(const StoppedThread& thread, std::ui
       break;
     }
   }
-  return std::nullopt;
+  return answer;
 }
 
 // Lets the debugger complete the call, restore the registers and detach, which it does at the end

@@ -25,6 +25,23 @@ struct StoppedThread {
   std::uint64_t ProgramCounter() const;
 };
 
+/// A call of a function on a thread that is in a system call or at the start of a function.
+struct FunctionCall {
+  StoppedThread thread;
+  std::uint64_t stack = 0;  ///< the stack pointer during the call, a multiple of 16
+  std::uint64_t function = 0;
+  std::vector<std::uint64_t> arguments;  ///< up to three
+  std::uint64_t syscall = 0;             ///< the C library's function syscall
+};
+
+struct CallResult {
+  std::optional<std::uint64_t>
+      value;  ///< nothing: the function was not called, or has not returned
+  /// A signal for the thread has arrived: before the call, which was not begun, or during the call.
+  /// Detach delivers it. No other call is possible before.
+  bool interrupted = false;
+};
+
 /// A debugger as a child process that reads commands from a socket. It runs in a session of its
 /// own, so that an interrupt from the terminal does not end it in the middle of a call. If this
 /// program ends, the debugger completes its commands and detaches.
@@ -45,15 +62,13 @@ class Debugger {
   /// Lets the stopped process run until a thread reaches the function at `address`, or for
   /// `timeout`, and stops it again.
   void RunTo(std::uint64_t address, std::chrono::milliseconds timeout);
-  /// Calls the function at `address` with up to three `arguments` on `thread`, which is in a system
-  /// call or at the start of a function; the other threads run meanwhile. The stack pointer is
-  /// `stack` during the call, a multiple of 16. Afterwards the thread has its general registers
-  /// back, and all threads stand still.
-  /// Nothing: the call failed. Throws UserError if it takes longer than a minute; then the debugger
-  /// completes it and detaches, and only the destructor may be called.
-  std::optional<std::uint64_t> Call(const StoppedThread& thread, std::uint64_t stack,
-                                    std::uint64_t address,
-                                    const std::vector<std::uint64_t>& arguments);
+  /// Calls a function; the other threads run meanwhile. Afterwards the thread has its general
+  /// registers back, and all threads stand still. gdb blocks the signals of the thread during the
+  /// call. The system call that the thread was in then ends with EINTR, or continues, as without
+  /// the call; lldb always lets it continue.
+  /// Throws UserError if it takes longer than a minute; then the debugger completes it and
+  /// detaches, and only the destructor may be called.
+  CallResult Call(const FunctionCall& call);
 
   /// What the debugger printed last, as one line.
   std::string LastOutput() const;
@@ -76,10 +91,10 @@ class Debugger {
   virtual Lines ReadThreads() = 0;
   virtual Lines RunToCommands(std::uint64_t address) const = 0;
   virtual Lines SetResult(unsigned thread, int error) const = 0;
-  /// Prints "$NUMBER = RESULT", the result in decimal, if the function has returned.
-  virtual Lines CallCommands(const StoppedThread& thread, std::uint64_t stack,
-                             std::uint64_t address,
-                             const std::vector<std::uint64_t>& arguments) const = 0;
+  /// Prints "$NUMBER = RESULT", the result in decimal, if the function has returned, and
+  /// kInterrupted for CallResult::interrupted.
+  virtual Lines CallCommands(const FunctionCall& call) const = 0;
+  static constexpr const char* kInterrupted = "@interrupted";
 
  private:
   bool Send(const Lines& lines);

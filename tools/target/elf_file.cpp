@@ -3,7 +3,6 @@
 #include "tools/target/elf_file.h"
 
 #include <elf.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,8 @@
 #include <cstddef>
 #include <cstring>
 #include <map>
+
+#include "tools/base/files.h"
 
 namespace memleak {
 namespace {
@@ -30,28 +31,23 @@ class File {
     struct stat status {};
     // Opening a device may have side effects.
     if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    file_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file_ >= 0) size_ = static_cast<std::uint64_t>(status.st_size);
+    file_ = OpenToRead(path);
+    if (file_.IsOpen()) size_ = static_cast<std::uint64_t>(status.st_size);
   }
-  ~File() {
-    if (file_ >= 0) close(file_);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
 
   /// The whole entries in the `bytes` bytes at `offset`, up to the end of the file.
   template <typename T>
   std::vector<T> Read(std::uint64_t offset, std::uint64_t bytes) const {
     if (offset >= size_) return {};
     std::vector<T> entries(std::min(bytes, size_ - offset) / sizeof(T));
-    const ssize_t got =
-        pread(file_, entries.data(), entries.size() * sizeof(T), static_cast<off_t>(offset));
+    const ssize_t got = pread(file_.Number(), entries.data(), entries.size() * sizeof(T),
+                              static_cast<off_t>(offset));
     entries.resize(got < 0 ? 0 : static_cast<std::size_t>(got) / sizeof(T));
     return entries;
   }
 
  private:
-  int file_ = -1;
+  Descriptor file_;
   std::uint64_t size_ = 0;
 };
 

@@ -4,9 +4,10 @@
 #include <fcntl.h>
 #include <gelf.h>
 #include <libelf.h>
-#include <unistd.h>
 
 #include <cstddef>
+
+#include "tools/base/files.h"
 
 namespace memleak {
 namespace {
@@ -33,10 +34,10 @@ void AddDefinitions(Elf* elf, Elf_Scn* section, std::vector<ElfSymbol>* definiti
 
 std::vector<ElfSymbol> ReadDefinitions(const std::string& path) {
   std::vector<ElfSymbol> definitions;
-  const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (file < 0) return definitions;
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file.IsOpen()) return definitions;
   elf_version(EV_CURRENT);
-  if (Elf* elf = elf_begin(file, ELF_C_READ_MMAP, nullptr)) {
+  if (Elf* elf = elf_begin(file.Number(), ELF_C_READ_MMAP, nullptr)) {
     for (Elf_Scn* section = elf_nextscn(elf, nullptr); section != nullptr;
          section = elf_nextscn(elf, section)) {
       GElf_Shdr header;
@@ -46,7 +47,6 @@ std::vector<ElfSymbol> ReadDefinitions(const std::string& path) {
     }
     elf_end(elf);
   }
-  close(file);
   return definitions;
 }
 

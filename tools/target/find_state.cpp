@@ -19,7 +19,6 @@
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
 #include "tools/base/names.h"
-#include "tools/base/rooted_file.h"
 #include "tools/target/maps.h"
 
 namespace memleak {
@@ -44,27 +43,28 @@ bool IsStateName(const std::string& path) {
 
 // Opens the mapped file by its link in /proc/PID/map_files, which only root may follow. It leads to
 // the file that the process itself has opened for writing, even if that has been removed.
-int OpenMapped(const ProcessInfo& process, const Mapping& mapping) {
+Descriptor OpenMapped(const ProcessInfo& process, const Mapping& mapping) {
   std::ostringstream path;
   path << ProcPath(process, "map_files/") << std::hex << mapping.start << "-" << mapping.end;
-  return open(path.str().c_str(), O_RDWR | O_CLOEXEC);
+  return Descriptor(open(path.str().c_str(), O_RDWR | O_CLOEXEC));
 }
 
 // Opens the mapped file by its path, as the process's user. Links do not lead out of the root
 // directory of the process.
-int OpenByPath(const ProcessInfo& process, const Mapping& mapping) {
+Descriptor OpenByPath(const ProcessInfo& process, const Mapping& mapping) {
   const AsUserOf user(process);
   const std::string root = process.outside.empty() ? "/" : process.outside;
-  int file = OpenInRoot(root, mapping.path, kOpenFlags);
+  Descriptor file = OpenInRoot(root, mapping.path, kOpenFlags);
   // Emulators and old kernels follow links. The inode is compared below.
-  if (file < 0 && errno == ENOSYS) {
-    file = open((process.outside + mapping.path).c_str(), kOpenFlags);
+  if (!file.IsOpen() && errno == ENOSYS) {
+    file = Descriptor(open((process.outside + mapping.path).c_str(), kOpenFlags));
   }
   struct stat status {};
-  if (file < 0 || (fstat(file, &status) == 0 && status.st_ino == mapping.inode)) return file;
-  close(file);
+  const bool is_mapped =
+      file.IsOpen() && fstat(file.Number(), &status) == 0 && status.st_ino == mapping.inode;
+  if (is_mapped || !file.IsOpen()) return file;
   errno = ENOENT;
-  return -1;
+  return Descriptor();
 }
 
 bool SharesMounts(const ProcessInfo& process) {
@@ -94,13 +94,13 @@ UserError Incompatible(const ProcessInfo& process, const StateFile& state) {
 // Uses the state file that `mapping` shows, unless it is something else. Returns whether it is the
 // process's own.
 bool Take(const Mapping& mapping, ProcessInfo* process) {
-  int file = OpenMapped(*process, mapping);
-  if (file < 0) file = OpenByPath(*process, mapping);
-  if (file < 0) {
+  Descriptor file = OpenMapped(*process, mapping);
+  if (!file.IsOpen()) file = OpenByPath(*process, mapping);
+  if (!file.IsOpen()) {
     if (!process->state) process->problem = CannotOpen(*process, mapping, errno);
     return false;
   }
-  auto state = std::make_shared<StateFile>(file);
+  auto state = std::make_shared<StateFile>(std::move(file));
   if (state->Kind() == StateKind::kForeign) return false;
   if (state->Kind() == StateKind::kIncompatible) {
     process->problem = Incompatible(*process, *state);

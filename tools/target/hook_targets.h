@@ -23,11 +23,11 @@ bool HasProxy(const std::string& function, const std::string& library);
 /// How a library calls a function.
 enum class ImportState : std::uint8_t {
   kNone,        ///< does not import it
-  kNoSlot,      ///< holds its address only, no jump slot
-  kSeveral,     ///< has several jump slots for it, and the tracker requires exactly one
-  kUnresolved,  ///< has a jump slot that the first call resolves
   kReady,       ///< can be hooked, or the slot cannot be read
   kHooked,      ///< the slot leads to generated code: hooked, by the tracker or by another tool
+  kUnresolved,  ///< has a jump slot that the first call resolves
+  kNoSlot,      ///< holds its address only, no jump slot
+  kSeveral,     ///< has several jump slots for it, and the tracker requires exactly one
 };
 
 /// How `library`, one of `loaded`, calls `function`. Without a readable file: kReady.

@@ -2,7 +2,6 @@
 // Reads /proc for the commands that name a PID.
 #include "tools/target/inspect.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
@@ -19,7 +18,6 @@
 #include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/target/control_signal.h"
-#include "tools/target/root_directory.h"
 #include "tools/target/site.h"
 
 namespace memleak {
@@ -90,16 +88,10 @@ UserError NotPermitted(pid_t pid, const std::string& path) {
 // Reads a whole file of /proc. Throws UserError.
 std::string ReadProc(pid_t pid, const std::string& name) {
   const std::string path = "/proc/" + std::to_string(pid) + "/" + name;
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) {
-    if (errno == EACCES || errno == EPERM) throw NotPermitted(pid, path);
-    throw NoSuchProcess(pid);
-  }
-  const std::optional<std::string> text = ReadAll(file);
-  const int error = errno;
-  close(file);
+  const Descriptor file = OpenToRead(path);
+  const std::optional<std::string> text = file.IsOpen() ? ReadAll(file) : std::nullopt;
   if (text) return *text;
-  if (error == EACCES || error == EPERM) throw NotPermitted(pid, path);
+  if (errno == EACCES || errno == EPERM) throw NotPermitted(pid, path);
   throw NoSuchProcess(pid);
 }
 

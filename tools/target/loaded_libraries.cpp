@@ -119,24 +119,20 @@ std::string FileOf(const ProcessInfo& process, const Mapping& mapping) {
 
 ProcessMemory::ProcessMemory(pid_t pid) {
   const std::string path = "/proc/" + std::to_string(pid) + "/mem";
-  file_ = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  file_ = Descriptor(open(path.c_str(), O_RDWR | O_CLOEXEC));
   // A policy may allow reads only.
-  if (file_ < 0) file_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-}
-
-ProcessMemory::~ProcessMemory() {
-  if (file_ >= 0) close(file_);
+  if (!file_.IsOpen()) file_ = OpenToRead(path);
 }
 
 std::optional<std::uint64_t> ProcessMemory::Word(std::uint64_t address) const {
   std::uint64_t word = 0;
-  const ssize_t count = pread(file_, &word, sizeof(word), static_cast<off_t>(address));
+  const ssize_t count = pread(file_.Number(), &word, sizeof(word), static_cast<off_t>(address));
   if (count != static_cast<ssize_t>(sizeof(word))) return std::nullopt;
   return word;
 }
 
 bool ProcessMemory::Write(std::uint64_t address, std::string_view bytes) const {
-  return pwrite(file_, bytes.data(), bytes.size(), static_cast<off_t>(address)) ==
+  return pwrite(file_.Number(), bytes.data(), bytes.size(), static_cast<off_t>(address)) ==
          static_cast<ssize_t>(bytes.size());
 }
 
@@ -145,11 +141,11 @@ std::string ProcessMemory::Text(std::uint64_t address) const {
   std::array<char, kPage> text{};
   // In two steps: the page after a short string may be unmapped.
   const std::size_t first = std::min(kPage - address % kPage, kPage - 1);
-  const ssize_t count = pread(file_, text.data(), first, static_cast<off_t>(address));
+  const ssize_t count = pread(file_.Number(), text.data(), first, static_cast<off_t>(address));
   if (count <= 0) return "";
   auto end = text.begin() + count;
   if (std::find(text.begin(), end, '\0') == end) {
-    const ssize_t more = pread(file_, &*end, kPage - 1 - static_cast<std::size_t>(count),
+    const ssize_t more = pread(file_.Number(), &*end, kPage - 1 - static_cast<std::size_t>(count),
                                static_cast<off_t>(address) + count);
     end += std::max<ssize_t>(more, 0);
   }

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/base/files.h"
 #include "tools/target/elf_file.h"
 #include "tools/target/maps.h"
 #include "tools/target/process_info.h"
@@ -21,12 +22,9 @@ namespace memleak {
 class ProcessMemory {
  public:
   explicit ProcessMemory(pid_t pid);
-  ~ProcessMemory();
-  ProcessMemory(const ProcessMemory&) = delete;
-  ProcessMemory& operator=(const ProcessMemory&) = delete;
 
   /// Whether reading is permitted.
-  bool IsOpen() const { return file_ >= 0; }
+  bool IsOpen() const { return file_.IsOpen(); }
   /// The 64-bit word at `address`; nothing if it is unreadable.
   std::optional<std::uint64_t> Word(std::uint64_t address) const;
   /// Writes `bytes` to `address`, in a process that stands still. Returns whether all were written.
@@ -35,7 +33,7 @@ class ProcessMemory {
   std::string Text(std::uint64_t address) const;
 
  private:
-  int file_;
+  Descriptor file_;
 };
 
 /// A library in a process.

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "tools/base/format.h"
+#include "tools/base/names.h"
 
 namespace memleak {
 namespace {
@@ -66,6 +67,12 @@ std::string DescribeCommand(std::uint64_t word) {
   std::ostringstream text;
   text << (names.empty() ? "nothing" : names) << " (0x" << std::hex << word << ")";
   return text.str();
+}
+
+std::string MethodName(char type) {
+  if (type == protocol::kUnwindFramePointers) return "frame pointers";
+  if (type == protocol::kUnwindTables) return "dwarf";
+  return "invalid type '" + Printable({&type, 1}) + "'";
 }
 
 std::vector<CarriedOut> CommandsAfter(const StateFile& state, std::uint64_t after) {

@@ -17,6 +17,9 @@ namespace memleak {
 /// "native on, native clear (0x90)"; "nothing (0x0)".
 std::string DescribeCommand(std::uint64_t word);
 
+/// How stacks are found with the backtrace `type`, for messages: "frame pointers" or "dwarf".
+std::string MethodName(char type);
+
 /// A command that was carried out.
 struct CarriedOut {
   std::uint64_t number = 0;  ///< counts from 1

@@ -12,13 +12,11 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "protocol/private_files.h"
 #include "protocol/protocol.h"
 #include "tools/base/files.h"
-#include "tools/base/rooted_file.h"
 #include "tools/base/user_error.h"
 #include "tools/target/site.h"
 
@@ -27,22 +25,6 @@ namespace {
 
 constexpr const char* kRemedy =
     "choose another with --root DIR, or change its owner or permissions";
-
-/// Owns a file descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) close(number_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int Number() const { return number_; }
-
- private:
-  int number_;
-};
 
 UserError NotWritable(const std::string& path, const std::string& reason) {
   return {"root directory not writable: " + path + ": " + reason, kRemedy};
@@ -76,18 +58,13 @@ class FileBelowRoot {
       // With "." the last part may be a link.
       const std::string above = root.substr(outside, end - outside) + "/.";
       above_ = OpenInRoot(root.substr(0, outside), above, O_PATH | O_DIRECTORY);
-    } while (above_ < 0 && errno == ENOENT && end > outside);
-    error_ = above_ < 0 ? errno : 0;
-    const std::string start = "/proc/self/fd/" + std::to_string(above_);
+    } while (!above_.IsOpen() && errno == ENOENT && end > outside);
+    error_ = above_.IsOpen() ? 0 : errno;
+    const std::string start = "/proc/self/fd/" + std::to_string(above_.Number());
     path_ = start + shown_.substr(end);
     root_bytes_ = std::min(path_.size(), path_.find('/', start.size() + 1));
     cut_ = static_cast<std::ptrdiff_t>(end) - static_cast<std::ptrdiff_t>(start.size());
   }
-  ~FileBelowRoot() {
-    if (above_ >= 0) close(above_);
-  }
-  FileBelowRoot(const FileBelowRoot&) = delete;
-  FileBelowRoot& operator=(const FileBelowRoot&) = delete;
 
   // As protocol::OpenDirectoryOf.
   int OpenDirectory(protocol::Missing missing, protocol::Refusal& refusal) {
@@ -118,7 +95,7 @@ class FileBelowRoot {
   std::string shown_;  // the path as given
   std::string path_;
   std::size_t root_bytes_ = 0;
-  int above_ = -1;  // a directory above the root directory
+  Descriptor above_;  // a directory above the root directory
   int error_ = 0;
   std::ptrdiff_t cut_ = 0;  // how much longer `shown_` is than `path_`
 };
@@ -186,13 +163,13 @@ void WriteBelowRoot(const std::string& root, const char* name, std::string_view 
   FileBelowRoot path(root, name);
   protocol::Refusal refusal;
   const Descriptor directory(path.OpenDirectory(protocol::Missing::kMake, refusal));
-  if (directory.Number() < 0) throw NotWritable(path.Shown(refusal), refusal.Reason());
+  if (!directory.IsOpen()) throw NotWritable(path.Shown(refusal), refusal.Reason());
   const std::string fresh = name + ("." + std::to_string(getpid()));
   // An earlier process with the same id may have left it.
   unlinkat(directory.Number(), fresh.c_str(), 0);
   const Descriptor file(
       protocol::OpenFile(directory.Number(), fresh.c_str(), protocol::Use::kCreate, refusal));
-  if (file.Number() < 0) throw NotWritable(root, refusal.Reason());
+  if (!file.IsOpen()) throw NotWritable(root, refusal.Reason());
   if (WriteAll(file.Number(), content) &&
       renameat(directory.Number(), fresh.c_str(), directory.Number(), name) == 0) {
     return;
@@ -206,35 +183,26 @@ std::optional<std::string> ReadProperties(const std::string& root) {
   protocol::Refusal refusal;
   const Descriptor file(
       FileBelowRoot(root, protocol::kPropertiesFile).Open(protocol::Use::kRead, refusal));
-  if (file.Number() < 0) return std::nullopt;
-  return ReadAll(file.Number());
+  if (!file.IsOpen()) return std::nullopt;
+  return ReadAll(file);
 }
 
 bool HasRoot(const std::string& root) {
   protocol::Refusal refusal;
   const Descriptor directory(FileBelowRoot(root, protocol::kPropertiesFile)
                                  .OpenDirectory(protocol::Missing::kRefuse, refusal));
-  return directory.Number() >= 0;
+  return directory.IsOpen();
 }
 
 void RemoveRoot(const std::string& root, const std::vector<const char*>& names) {
   protocol::Refusal refusal;
   const Descriptor inside(FileBelowRoot(root, protocol::kPropertiesFile)
                               .OpenDirectory(protocol::Missing::kRefuse, refusal));
-  if (inside.Number() < 0) return;
+  if (!inside.IsOpen()) return;
   for (const char* name : names) unlinkat(inside.Number(), name, 0);
   const Descriptor above(
       FileBelowRoot(root, "").OpenDirectory(protocol::Missing::kRefuse, refusal));
-  if (above.Number() >= 0) unlinkat(above.Number(), LastPart(root).c_str(), AT_REMOVEDIR);
-}
-
-std::optional<std::string> ReadTextFile(const std::string& path) {
-  if (!IsPlainFile(path)) return std::nullopt;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  if (above.IsOpen()) unlinkat(above.Number(), LastPart(root).c_str(), AT_REMOVEDIR);
 }
 
 }  // namespace memleak

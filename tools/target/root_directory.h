@@ -49,7 +49,4 @@ bool HasRoot(const std::string& root);
 /// Removes the files `names` in `root`, and `root` if nothing else is in it. Errors are ignored.
 void RemoveRoot(const std::string& root, const std::vector<const char*>& names);
 
-/// The text of a regular file; nothing if it is unreadable.
-std::optional<std::string> ReadTextFile(const std::string& path);
-
 }  // namespace memleak

@@ -98,7 +98,7 @@ class PostedCommand {
   // The lock of the queue. Another controller holds it briefly, or while the queue is full.
   class Lock {
    public:
-    explicit Lock(PostedCommand& command) : file_(command.state_.Descriptor()) {
+    explicit Lock(PostedCommand& command) : file_(command.state_.Number()) {
       while (flock(file_, LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
           throw UserError(std::string("cannot lock the state file: ") + std::strerror(errno),

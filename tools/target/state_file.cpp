@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "tools/base/user_error.h"
 
@@ -37,21 +38,20 @@ void OnBusError(int) {
 
 }  // namespace
 
-StateFile::StateFile(int descriptor) : descriptor_(descriptor) {
+StateFile::StateFile(Descriptor file) : file_(std::move(file)) {
   signal(SIGBUS, OnBusError);
   Check();
 }
 
 StateFile::~StateFile() {
   if (state_ != nullptr) munmap(state_, sizeof(State));
-  close(descriptor_);
 }
 
 void StateFile::Check() {
   struct stat status {};
-  if (fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (fstat(file_.Number(), &status) != 0 || !S_ISREG(status.st_mode)) return;
   Header header{};
-  if (pread(descriptor_, &header, sizeof header, 0) != ssize_t{sizeof header}) return;
+  if (pread(file_.Number(), &header, sizeof header, 0) != ssize_t{sizeof header}) return;
   if (header.magic != protocol::kStateMagic) return;
   version_ = TextOf(header.version);
   kind_ = StateKind::kIncompatible;
@@ -59,7 +59,8 @@ void StateFile::Check() {
       status.st_size < off_t{sizeof(State)} || version_ != MEMLEAK_VERSION) {
     return;
   }
-  void* memory = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
+  void* memory =
+      mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED, file_.Number(), 0);
   if (memory == MAP_FAILED) {
     throw UserError(std::string("cannot map the state file: ") + std::strerror(errno),
                     "free some memory");

@@ -12,6 +12,7 @@
 
 #include "protocol/kinds.h"
 #include "protocol/state.h"
+#include "tools/base/files.h"
 
 namespace memleak {
 
@@ -26,9 +27,9 @@ enum class StateKind : std::uint8_t {
 /// have another result. Numbers and texts in it may be wrong: the process may be damaged.
 class StateFile {
  public:
-  /// Maps the regular file `descriptor`, which this object then owns. Check Kind() before use.
+  /// Maps the regular file `file`. Check Kind() before use.
   /// Throws UserError if memory is short.
-  explicit StateFile(int descriptor);
+  explicit StateFile(Descriptor file);
   ~StateFile();
   StateFile(const StateFile&) = delete;
   StateFile& operator=(const StateFile&) = delete;
@@ -37,7 +38,7 @@ class StateFile {
   /// The version of the library; also of one that does not match.
   const std::string& Version() const { return version_; }
   /// For flock.
-  int Descriptor() const { return descriptor_; }
+  int Number() const { return file_.Number(); }
   /// Valid if Kind() is kValid.
   protocol::State* operator->() const { return state_; }
 
@@ -46,7 +47,7 @@ class StateFile {
  private:
   void Check();
 
-  int descriptor_;
+  Descriptor file_;
   StateKind kind_ = StateKind::kForeign;
   std::string version_;
   protocol::State* state_ = nullptr;

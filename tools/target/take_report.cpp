@@ -3,17 +3,22 @@
 // none. On devices, which have no state, the report's file is polled: a stat and a short read.
 #include "tools/target/take_report.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
 #include <cstdio>
-#include <optional>
+#include <string_view>
 #include <thread>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
 #include "tools/base/progress.h"
 #include "tools/base/user_error.h"
 #include "tools/target/inspect.h"
-#include "tools/target/report_file.h"
 #include "tools/target/send_command.h"
 #include "tools/target/site.h"
 
@@ -24,6 +29,10 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kReportPoll(20);
+
+std::int64_t Nanoseconds(const timespec& time) {
+  return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
+}
 
 /// Waits for a report of a process.
 class ReportWait {
@@ -106,6 +115,23 @@ class ReportWait {
 };
 
 }  // namespace
+
+std::optional<FileState> StateOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileState{status.st_dev, status.st_ino, status.st_size, Nanoseconds(status.st_mtim),
+                   Nanoseconds(status.st_ctim)};
+}
+
+bool EndsComplete(const std::string& path) {
+  constexpr std::string_view kEndLine = "\nEND";
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  std::array<char, kEndLine.size()> tail{};
+  const auto length = static_cast<off_t>(tail.size());
+  const off_t start = lseek(file.Number(), 0, SEEK_END) - length;
+  return start >= 0 && pread(file.Number(), tail.data(), tail.size(), start) == length &&
+         std::string_view(tail.data(), tail.size()) == kEndLine;
+}
 
 milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uint32_t timeout_s,
                         OldReport old) {

@@ -351,7 +351,7 @@ export async function readData(packed: string): Promise<Data> {
   }
   const found = visible(page);
   let at = end + 1;
-  for (const [name, type, length] of columns as [string, keyof typeof kTypes, number][]) {
+  for (const { name, type, length } of columns as { name: string; type: keyof typeof kTypes; length: number }[]) {
     at = Math.ceil(at / 8) * 8;
     const column = new kTypes[type](bytes.buffer, at, length);
     at += column.byteLength;
