@@ -125,7 +125,7 @@ async function holdsLargeReports(browser) {
       document.body.offsetHeight; // with layout
       return performance.now() - begin;
     });
-    assert.match(await large.innerText("#found"), / found, in /);
+    assert.match(await large.innerText("#found"), / found, on /);
     const elements = await large.evaluate(() => document.querySelectorAll("*").length);
     console.log(`${kStacks} stacks, ${tab}: open ${opened.toFixed(0)} ms, search ${searched.toFixed(0)} ms, ${elements} elements`);
     assert.ok(elements < 2500, `${elements} elements`);

@@ -68,7 +68,7 @@ export class LibrariesTab {
 
   /** After a change of the colour scheme. */
   recolour(): void {
-    this.table.redraw();
+    this.table.draw();
   }
 
   private detail(library: number): HTMLElement {
