@@ -112,8 +112,6 @@ async function prints(browser) {
 async function holdsLargeReports(browser) {
   const kStacks = 100000;
   const html = write("large", large(kStacks, 32, 30000));
-  const page = await open(browser, html); // warm: the file is in the cache
-  await close(page);
   for (const tab of kTabs.slice(0, 4)) {
     const large = await open(browser, html, `#tab=${tab}`);
     const opened = await large.evaluate(() => new Promise((done) => requestAnimationFrame(() => setTimeout(() => done(performance.now())))));

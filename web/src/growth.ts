@@ -188,7 +188,7 @@ function linePath(values: (number | null)[], x: (at: number) => number, y: (valu
 /** Lines over time, on one scale from 0. */
 function chart(title: string, seconds: number[], lines: (number | null)[][]): HTMLElement {
   const [width, height, left, bottom, top] = [Math.min(1000, window.innerWidth - 24), 220, 75, 24, 18];
-  const right = lines.length > 1 ? 24 : 10; // has the lines' numbers
+  const right = lines.length > 1 ? 40 : 10; // has the lines' numbers
   const highest = Math.max(1, ...lines.flat().map((value) => value ?? 0));
   const last = Math.max(seconds.at(-1)!, 1e-9);
   const x = (at: number) => left + ((width - left - right) * seconds[at]!) / last;
@@ -202,11 +202,11 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
     const anchor = share === 0 ? "start" : share === 1 ? "end" : "middle";
     svg.append(svgText(left + share * (width - left - right), height - 4, anchor, formatAge(share * last)));
   }
-  const labels: { y: number; text: string }[] = [];
+  const labels: { end: number; y: number; text: string }[] = []; // of the lines' ends
   lines.forEach((values, index) => {
     svg.append(svgElement("path", { ...stroke(index), d: linePath(values, x, y) }));
     const value = values.at(-1);
-    if (lines.length > 1 && value != null) labels.push({ y: y(value) + 4, text: String(index + 1) });
+    if (lines.length > 1 && value != null) labels.push({ end: y(value), y: y(value) + 4, text: String(index + 1) });
   });
   // From the bottom up, each at least a line above the one below it.
   labels.sort((a, b) => b.y - a.y || Number(b.text) - Number(a.text));
@@ -217,9 +217,10 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
   }
   // Those pushed over the top move down again.
   let least = kLabel - 2;
-  for (const { y: wanted, text } of labels.reverse()) {
+  for (const { end, y: wanted, text } of labels.reverse()) {
     const at = Math.max(wanted, least);
-    svg.append(svgText(width - right + 4, at, "start", text));
+    svg.append(svgElement("path", { class: "grid", d: `M${width - right + 2} ${end}l14 ${at - 4 - end}` }));
+    svg.append(svgText(width - right + 20, at, "start", text));
     least = at + kLabel;
   }
   return el("div", { class: "chart-frame" }, svg as unknown as HTMLElement);

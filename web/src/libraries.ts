@@ -27,7 +27,7 @@ export class LibrariesTab {
   constructor(
     private readonly data: Data,
     sums: Sums,
-    private readonly functionSums: Sums,
+    private readonly functionSums: () => Sums,
     colours: LibraryColours,
     private readonly pick: (id: number) => void,
   ) {
@@ -72,7 +72,7 @@ export class LibrariesTab {
   }
 
   private detail(library: number): HTMLElement {
-    const { self, total } = this.functionSums;
+    const { self, total } = this.functionSums();
     const ids = [...this.data.functions.keys()].filter(
       (id) => id !== this.data.cutFunction && this.data.functions[id]!.library === library && total[id]! > 0,
     );

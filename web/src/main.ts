@@ -170,7 +170,7 @@ class Page {
     }
     if (tab === "flame") return this.makeFlame(panel, "library");
     if (tab === "libraries") {
-      const view = (this.libraries = new LibrariesTab(data, this.librarySums, this.sums, this.colours, pick));
+      const view = (this.libraries = new LibrariesTab(data, this.librarySums, () => this.sums, this.colours, pick));
       panel.append(view.element);
       return () => view.update(this.found);
     }
