@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The table through which the loader routes the program's allocator calls.
 //
-// Every exported allocator function reads it, on any thread (routing.cpp). It changes when the next
-// allocator is known, when the tracker takes over, when the loader detaches, and while a command
-// waits for the control thread.
+// Every exported allocator function reads the table, on any thread (routing.cpp). The table changes
+// when the next allocator is found, when the tracker starts, when the loader detaches, and while a
+// command waits for the control thread.
 #pragma once
 
 #include <malloc.h>
@@ -17,7 +17,7 @@ namespace host {
 
 struct AllocatorTable {
   MallocDispatch calls;
-  // The tracker has no such entry: always the next allocator's own.
+  // The tracker has no such entry, so this is always the next allocator's function.
   struct mallinfo2 (*mallinfo2)();
 };
 
@@ -26,25 +26,24 @@ struct AllocatorTable {
 // NOLINTNEXTLINE(bugprone-dynamic-static-initializers)
 extern const AllocatorTable kBootstrapTable;
 
-/// Routes all later calls to `plain`, which the caller owns and which lives, unchanged, as long as
-/// the process. Blocks of the bootstrap arena stay valid: if there are any, free, realloc and
-/// malloc_usable_size check for them first. For at most two different tables, on one thread at a
-/// time.
+/// Routes all later calls to `plain`, which must never change or be freed. Blocks of the bootstrap
+/// arena stay valid: if there are any, free, realloc and malloc_usable_size check for them first.
+/// Accepts at most two different tables. One thread at a time.
 void UseAllocator(const AllocatorTable& plain);
 
-/// The table that calls go through now. Any thread.
+/// Returns the table in use. Any thread, safe in signal handlers.
 const AllocatorTable& ActiveAllocator();
 
-/// Makes the functions that allocate call StartPendingThread first. Functions that release do not:
-/// the C library may call them under a lock that starting a thread needs. Any thread, safe in
-/// signal handlers.
+/// Makes the functions that allocate call StartPendingThread first. Functions that free do not: the
+/// C library may call them under a lock that starting a thread needs. Any thread, safe in signal
+/// handlers.
 void StartThreadAtNextCall();
 /// Undoes StartThreadAtNextCall. Any thread.
 void RestoreAllocator();
 
-/// While it exists, the calling thread's allocations go to the next allocator or the bootstrap
-/// arena, and the tracker does not see them. The arena is for a thread that may hold the locks of
-/// the allocator. One at a time. Afterwards as RestoreAllocator.
+/// During its lifetime, the calling thread's allocations bypass the tracker. They go to the next
+/// allocator, or to the bootstrap arena if the thread may hold the allocator's locks. At most one
+/// object exists at a time. The destructor calls RestoreAllocator.
 class PassTracker {
  public:
   enum class From { kNextAllocator, kArena };
@@ -58,7 +57,7 @@ class PassTracker {
 struct AllocatorEntry {
   const char* name;
   size_t offset;
-  // False: the Linux C library has no such function.
+  // Whether the Linux C library has the function.
   bool in_c_library;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// protocol/attach.h: the loader of a process that already runs. Its other threads use the allocator
-// meanwhile.
+// Implements protocol/attach.h: starts the loader in a running process. The other threads of the
+// process use the allocator at the same time.
 #include <dlfcn.h>
 #include <errno.h>
 #include <link.h>
@@ -52,19 +52,20 @@ int FindFunctions(Reason& reason) {
   }
   // The dynamic linker has no name for the program.
   if (object->l_name[0] != '\0') return 0;
-  reason.Set("%s contains an allocator: its own calls of malloc cannot be seen", info.dli_fname);
+  reason.Set("%s contains an allocator: its calls of malloc cannot be recorded", info.dli_fname);
   return ENOTSUP;
 }
 
-/// Finishes what a former attach has left.
+/// Waits for the end of the control thread of an earlier attach.
 int EndFormerAttach(Reason& reason) {
   const int error = PrepareControlThread();
   if (error == ESRCH) return Refuse(reason, error, "the process exits");
-  return error == 0 ? 0 : Refuse(reason, EAGAIN, "the thread of the former attach still runs");
+  return error == 0 ? 0
+                    : Refuse(reason, EAGAIN, "the earlier control thread still runs; try again");
 }
 
 int RegisterHandlers(Reason& reason) {
-  // After the tracker's own: fork handlers that are registered later run first.
+  // Called after track_initialize, because fork handlers that are registered later run first.
   static bool keeps_commands = false;
   int error = keeps_commands ? 0 : KeepCommandsAcrossForks();
   keeps_commands = error == 0;
@@ -84,8 +85,8 @@ int MakeState(const char* root, Reason& reason) {
   return MakeFile(root, reason);
 }
 
-/// In a child that was forked after the attach: makes its state file if it has none, as after a
-/// change of its user. It keeps what it records.
+/// For a child that was forked after the attach, or a process that has changed its user: makes the
+/// state file if there is none. Recording continues unchanged.
 int MakeOwnFile(const char* root, const char* log, const char* properties, Reason& reason) {
   if (HasStateFile()) return 0;
   int error = 0;
@@ -124,7 +125,7 @@ int Attach(const char* root, const char* log, const char* properties, Reason& re
     return Refuse(reason, EBUSY, "the process was started with the loader");
   }
   if (root == nullptr || root[0] != '/') {
-    return Refuse(reason, EINVAL, "the root directory is no absolute path");
+    return Refuse(reason, EINVAL, "the root directory is not an absolute path");
   }
   if (CurrentForm() == Form::kAttached) return MakeOwnFile(root, log, properties, reason);
   int error = FindFunctions(reason);
@@ -142,8 +143,8 @@ int Attach(const char* root, const char* log, const char* properties, Reason& re
     return error;
   }
   SetForm(Form::kAttached);
-  // The debugger has chosen a thread that holds no lock. A process that computes or only handles
-  // signals may not allocate for a long time.
+  // Safe: the debugger has chosen a thread that holds no lock. Without this call, a process that
+  // does not allocate would start its control thread late.
   StartControlThreadLater();
   StartPendingThread();
   return 0;
@@ -152,7 +153,7 @@ int Attach(const char* root, const char* log, const char* properties, Reason& re
 }  // namespace
 }  // namespace host
 
-// protocol::kAttachReason. Protected: another copy of the loader may be loaded, too.
+// protocol::kAttachReason. Protected, so that each loaded copy of the loader uses its own buffer.
 extern "C" __attribute__((
     visibility("protected"))) char memleak_attach_reason[protocol::kAttachReasonBytes];
 char memleak_attach_reason[protocol::kAttachReasonBytes] = "";

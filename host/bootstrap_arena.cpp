@@ -11,10 +11,10 @@
 namespace host {
 namespace {
 
-// A lookup needs a few hundred bytes for the texts of dlerror. Unused pages of the array take no
+// A lookup needs a few hundred bytes for the messages of dlerror. Unused pages of the array take no
 // memory.
 constexpr size_t kArenaBytes = size_t{256} << 10;
-// Holds the size before each block. Keeps blocks aligned as those of malloc.
+// The header before each block contains the block's size. 16 is also the alignment of malloc.
 constexpr size_t kHeaderBytes = 16;
 
 alignas(kHeaderBytes) char arena[kArenaBytes];
@@ -43,7 +43,7 @@ void* ArenaAllocate(size_t alignment, size_t size) {
 
 void* ArenaCalloc(size_t count, size_t size) {
   size_t bytes;
-  // The arena does not reuse memory, so that it is zero.
+  // The memory is zero, because the arena never reuses it.
   return ArenaAllocate(0, __builtin_mul_overflow(count, size, &bytes) ? SIZE_MAX : bytes);
 }
 

@@ -2,9 +2,9 @@
 // A small static heap for allocations during the lookup of the next allocator: the dynamic linker
 // may allocate inside dlsym.
 //
-// Used by next_allocator.cpp during the lookup, on any thread, and by routing.cpp later: for blocks
-// of the lookup, and for a thread that is started while the allocator's locks may be held. Blocks
-// carry their size and are never reused.
+// next_allocator.cpp allocates here during the lookup, on any thread. routing.cpp handles these
+// blocks later, and allocates here while a thread is started that may hold the allocator's locks.
+// Blocks are never reused.
 #pragma once
 
 #include <stddef.h>
@@ -15,13 +15,13 @@ namespace host {
 /// errno ENOMEM when the arena is full. Lock-free, any thread.
 void* ArenaAllocate(size_t alignment, size_t size);
 
-/// The same for `count` times `size` bytes.
+/// As ArenaAllocate, for `count` times `size` bytes. Also fails if the product overflows.
 void* ArenaCalloc(size_t count, size_t size);
 
-/// Whether `pointer` is in the arena. Returns false for null.
+/// Returns whether `pointer` is in the arena; false for null. Any thread.
 bool ArenaContains(const void* pointer);
 
-/// Returns the requested size of the arena block at `pointer`.
+/// Returns the requested size in bytes of the arena block at `pointer`. Any thread.
 size_t ArenaBlockSize(const void* pointer);
 
 /// Call MarkArenaUsed before a block is allocated; ArenaUsed then returns true. Both functions are

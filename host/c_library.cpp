@@ -33,7 +33,7 @@ bool LoadedBeforeCLibrary() {
 }
 
 void InitializeCLibrary(int argument_count, char** arguments, char** environment) {
-  // The first constructor sets it.
+  // The C library's first constructor sets environ, so all of them have run.
   if (environ != nullptr) return;
   const link_map* const library = CLibrary();
   if (library == nullptr) {

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// The C library before its own constructor has run.
+// Runs the constructors of the C library early, and finds out whether the loader was preloaded.
 #pragma once
 
 namespace host {
 
-/// Calls the constructors of the C library unless they have run, with the arguments that the
+/// Calls the constructors of the C library, unless they have run, with the arguments that the
 /// dynamic linker passes to constructors. For the first constructor of the process.
 ///
-/// Loading a library runs the constructors of the C library if they have not run, but with
-/// arguments that only they set: the program's name and its arguments would stay unknown for later
-/// libraries. A second run stores the same values.
+/// Without this call, the first dlopen would run these constructors without the program's name and
+/// arguments, so later libraries would not get them. The dynamic linker runs the constructors once
+/// more, which stores the same values.
 void InitializeCLibrary(int argument_count, char** arguments, char** environment);
 
-/// Whether the dynamic linker has loaded this library before the C library: it was preloaded. The
-/// environment does not tell, since a process may have inherited it.
+/// Returns whether this library was preloaded: the dynamic linker has loaded it before the C
+/// library. Does not check LD_PRELOAD, which an attached process may have inherited. Any thread.
 bool LoadedBeforeCLibrary();
 
 }  // namespace host

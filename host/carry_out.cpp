@@ -33,7 +33,8 @@ CarriedOut CarryOutFirst() {
     error = Detach();
     done.detached = error == 0;
   } else {
-    // Libraries that the C library has loaded for itself, and slots that were bound meanwhile.
+    // Finds libraries that the C library has loaded for itself, and slots that were bound since the
+    // last scan.
     if (CurrentForm() == Form::kAttached) ReplaceSlots();
     Deliver(done.taken.command);
     RememberCommand(done.taken.command);

@@ -6,24 +6,24 @@
 
 namespace host {
 
-/// What has been carried out.
+/// The result of a command.
 struct CarriedOut {
-  uint32_t ticket;  ///< of the command; 0: it has none
-  bool detached;    ///< the loader is detached now, and nobody has told the controller yet
+  uint32_t ticket;  ///< the command's ticket; 0 if it has none
+  bool detached;    ///< the loader is detached, and the command is not acknowledged yet
   Taken taken;
 };
 
-/// Whether a command asks for a report while another report is being written. The tracker would
-/// start a thread for each at once.
+/// Returns whether `command` must wait: it requests a report while another report is being written.
+/// (The tracker would write both at the same time.)
 bool MustWait(const Command& command);
 
-/// Carries out the first command of the queue, which must not be empty, and tells the controller,
-/// unless the loader is detached now.
+/// Carries out the first command of the queue, which must not be empty. Acknowledges the command,
+/// unless it has detached the loader: then the caller calls Acknowledge.
 CarriedOut CarryOutFirst();
 
-/// Whether MustWait has returned true since the latest command. Any thread.
+/// Returns whether MustWait has returned true since the latest command. Any thread.
 bool ReportCommandWaits();
-/// For a forked child, on its only thread.
+/// Makes ReportCommandWaits return false. For a forked child, on its only thread.
 void ForgetReportCommand();
 
 }  // namespace host

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The time. Any thread; nothing here allocates.
+// The time. Any thread, safe in signal handlers. Nothing here allocates.
 #pragma once
 
 #include <stdint.h>
@@ -23,7 +23,8 @@ inline int64_t UnixNs() {
   return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-/// Returns the time `timeout_ms` from now, for pthread_mutex_timedlock and pthread_timedjoin_np.
+/// Returns the wall-clock time `timeout_ms` from now, for pthread_mutex_timedlock and
+/// pthread_timedjoin_np.
 inline timespec WallClock(int timeout_ms) {
   timespec moment;
   clock_gettime(CLOCK_REALTIME, &moment);
@@ -33,7 +34,7 @@ inline timespec WallClock(int timeout_ms) {
   return moment;
 }
 
-/// Sleeps `ms` milliseconds, less than 1000. Not a cancellation point.
+/// Sleeps for `ms` milliseconds (below 1000). Not a cancellation point.
 inline void SleepMs(int ms) {
   const timespec step{0, ms * 1'000'000L};
   syscall(SYS_nanosleep, &step, nullptr);

@@ -15,8 +15,8 @@
 namespace host {
 namespace {
 
-/// A slot is free for the command with the number `turn`, and holds the one with the number
-/// `turn` - 1. So slot i starts with turn i. To keep the memory zero, the slot stores `turn` - i.
+/// A slot with turn n is free for command n. A slot that contains command n has turn n + 1. Slot i
+/// starts with turn i. It stores turn - i, so that the array is initially zero.
 struct Slot {
   std::atomic<uint32_t> turn;
   std::atomic<uint32_t> parameter;
@@ -25,7 +25,7 @@ struct Slot {
 };
 
 Slot slots[kRingCommands];
-// A fork compares them.
+// Every fork reads them.
 MEMLEAK_FORK_PAGE std::atomic<uint32_t> added{0};
 MEMLEAK_FORK_PAGE std::atomic<uint32_t> taken_count{0};
 std::atomic<uint32_t> dropped{0};
@@ -34,7 +34,8 @@ uint32_t Index(uint32_t number) {
   return number % kRingCommands;
 }
 
-/// Whether the slot of the next command is filled. A slot may be claimed and not filled yet.
+/// Returns whether the slot of command `number` is filled. AddCommand claims a slot before it fills
+/// it.
 bool RingHasFirst(uint32_t number) {
   return slots[Index(number)].turn.load(std::memory_order_acquire) + Index(number) == number + 1;
 }
@@ -43,7 +44,7 @@ Command Read(const Slot& slot) {
   return {slot.word.load(), slot.parameter.load()};
 }
 
-/// The number of posted commands. The file may be damaged.
+/// Returns the number of posted commands that wait; 0 if the file is damaged.
 uint64_t Posted(const State& state) {
   const uint64_t count = state.sent.load() - state.done.load();
   return count <= protocol::kMaxPosted ? count : 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The handler queues. It uses lock-free memory and system calls only, except where the interrupted
-// thread waits for work.
+// The handler adds the command to the queue. It uses only lock-free memory and system calls, unless
+// it has interrupted a wait for work: then it may start the control thread.
 #include "host/control_signal.h"
 
 #include <errno.h>

@@ -34,41 +34,44 @@ constexpr char kThreadName[] = "memleak-control";
 // How often the thread checks whether a report has ended. Most take some milliseconds.
 constexpr int kPollMs = 2;
 // How long a fork waits for a report that makes progress. After that the fork proceeds, and the
-// child frees the locks of the record store.
+// child frees the record store's locks.
 constexpr int kForkReportMs = 3000;
-// How long the allocation that starts the thread waits for the commands, so that it is recorded if
-// they switch recording on. It may hold a lock that a command needs.
+// How long the allocation that starts the thread waits for the commands: the allocation is recorded
+// if they switch recording on. Limited, because its thread may hold a lock that a command needs.
 constexpr int kSettleMs = 500;
 
-// Enough for the handler. Reports have a thread of their own. The program's thread-local storage is
-// part of the stack and may be larger.
+// Stack sizes to try in this order. The first is enough for the tracker's handler. The stack also
+// contains the program's thread-local variables, which may be larger.
 constexpr size_t kStackBytes[] = {size_t{256} << 10, size_t{8} << 20, size_t{64} << 20};
 
-// Held to start or stop the thread or to wait for a command. A thread that forks holds it until
-// both processes exist.
+// Held while the thread is started or stopped, and by RunCommand until its command is complete. A
+// forking thread holds it until both processes exist.
 MEMLEAK_FORK_PAGE pthread_mutex_t change_lock = PTHREAD_MUTEX_INITIALIZER;
-// Guarded by change_lock: the thread, whether it can be joined, and whether none may start.
+// Guarded by change_lock: the thread, whether it was started and not joined yet, and whether no
+// thread may be started any more.
 pthread_t thread;
 bool thread_started = false;
 bool closed = false;
 // Whether the fork that holds change_lock has stopped the thread.
 MEMLEAK_FORK_PAGE bool stopped_here = false;
-// True until the first command of this process. The child of such a process has nothing to reset.
+// True until the first command of this process. While it is true, a forked child has nothing to
+// reset.
 MEMLEAK_FORK_PAGE std::atomic<bool> at_rest{true};
 
-// Written by the thread itself: its id, 0 before it runs.
+// The thread's id; 0 while there is no thread.
 std::atomic<int> thread_id{0};
 enum Stop : int { kRun, kStopWanted, kStopped };
 std::atomic<int> stop{kRun};
-// The latest tickets of RunCommand that were given out, under change_lock, and carried out.
+// The latest ticket that RunCommand has used (guarded by change_lock), and the latest ticket whose
+// command is complete.
 uint32_t own_ticket = 0;
 std::atomic<uint32_t> own_done{0};
 
-// 1 once a new thread has carried out the commands that can be carried out.
+// Set to 1 when a new thread has carried out all commands that need not wait.
 std::atomic<uint32_t> settled{0};
 
-// The thread whose fork holds change_lock, 0 for none. Another fork may have timed out and
-// proceeded without the lock.
+// The thread whose fork holds change_lock; 0 if none. Another thread's fork may proceed without the
+// lock after a timeout.
 MEMLEAK_FORK_PAGE std::atomic<pthread_t> forking_thread{0};
 int fork_patience_ms = 0;  // set before the fork handlers are registered
 
@@ -86,8 +89,8 @@ bool OnControlThread() {
   return id != 0 && id == ThreadId();
 }
 
-/// Returns all signals except those that faults of this thread raise: the tracker recovers from
-/// some faults. (The C library excludes its internal signals from a filled set.)
+/// Returns all signals except those that the control thread's own faults raise: the tracker
+/// recovers from some faults. (sigfillset leaves out the C library's internal signals.)
 sigset_t AsynchronousSet() {
   sigset_t set;
   sigfillset(&set);
@@ -98,9 +101,9 @@ sigset_t AsynchronousSet() {
   return set;
 }
 
-/// Ends the control thread after the loader has detached. Another thread may be stopping it. The
-/// state still says that the thread runs: a controller that finds no thread would send the control
-/// signal, which is the program's now and may end it.
+/// Ends the control thread, which calls this, after the loader has detached. Another thread may be
+/// stopping it at the same time. The state continues to say that the thread runs: otherwise the
+/// controller would send the control signal, which belongs to the program again and may end it.
 void End(const Taken& detach) {
   bool locked = false;
   for (int wanted = kStopWanted; !locked && !stop.compare_exchange_strong(wanted, kStopped);
@@ -108,7 +111,7 @@ void End(const Taken& detach) {
     locked = pthread_mutex_trylock(&change_lock) == 0;
     if (!locked) SleepMs(1);
   }
-  // The next attach waits for the lock.
+  // Acknowledged under the lock, for which the next attach waits.
   Acknowledge(detach, 0);
   RefusePosted(ESRCH);
   if (!locked) return;
@@ -148,14 +151,15 @@ void* ControlThread(void*) {
 
 /// Returns 0 or an errno value.
 int CreateThread(PassTracker::From memory) {
-  // Recording may be on. The thread's memory is not the program's.
+  // Recording may be on, and must not record the memory of this thread.
   const PassTracker pass(memory);
   int error = EINVAL;
   for (const size_t bytes : kStackBytes) {
     if (error != EINVAL) break;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    // Also avoids the lock of the default attributes, which the caller may hold.
+    // With an explicit size, pthread_create does not take the lock of the default attributes, which
+    // the caller may hold.
     pthread_attr_setstacksize(&attributes, bytes);
     error = pthread_create(&thread, &attributes, ControlThread, nullptr);
     pthread_attr_destroy(&attributes);
@@ -163,13 +167,13 @@ int CreateThread(PassTracker::From memory) {
   return error;
 }
 
-/// Under change_lock. Returns 0, also if the thread runs already, or an errno value.
+/// Starts the thread unless it runs. The caller holds change_lock. Returns 0 or an errno value.
 int Start(PassTracker::From memory = PassTracker::From::kNextAllocator) {
   if (thread_started) {
     RestoreAllocator();
     return 0;
   }
-  // First, so that a signal handler does not ask for a second one.
+  // Stored first, so that a signal handler does not request a second thread.
   CurrentState().control_thread.store(ThreadState::kRunning);
   const sigset_t blocked = AsynchronousSet();
   sigset_t before;
@@ -218,11 +222,11 @@ bool StopUntil(const timespec& moment) {
   return true;
 }
 
-/// Stops the thread and waits for a report. Returns whether the caller holds change_lock now.
+/// Stops the thread and waits for a report. Returns whether the caller now holds change_lock.
 ///
-/// An emulated child can start threads only if its parent had no others (qemu 7.2 miscounts them in
-/// a fork). A report holds locks of the tracker and of the allocator, which would stay locked in a
-/// child.
+/// The thread must end before a fork: an emulated child can start threads only if its parent had no
+/// others (qemu 7.2 miscounts them in a fork). A report must end, because it holds locks of the
+/// tracker and of the allocator, which would stay locked in the child.
 bool StopAll(int patience_ms) {
   if (OnControlThread() || !Lock(WallClock(patience_ms))) return false;
   stopped_here = false;
@@ -230,27 +234,28 @@ bool StopAll(int patience_ms) {
   const bool started = thread_started;
   const bool stopped = StopUntil(WallClock(patience_ms));
   const bool reported = WaitWhileReportRuns(kForkReportMs);
-  // The thread's command may have waited for the report, as a clear does.
+  // The thread's command may have waited for the report, as "clear" does.
   if (!stopped && reported) StopUntil(WallClock(patience_ms));
   stopped_here = started && !thread_started;
   return true;
 }
 
-/// Whether a controller waits for the thread.
+/// Returns whether there is work for the thread: a command, or a request to count records.
 bool WorkWaits() {
   return CommandWaits() || CountWaits();
 }
 
-/// Releases change_lock. Work that waits has asked for a thread that was about to stop.
+/// Releases change_lock. If there is work, requests the thread again: the earlier request found a
+/// thread that was about to stop.
 void Unlock() {
   if (!thread_started && !closed && IsActive() && WorkWaits()) StartControlThreadLater();
   pthread_mutex_unlock(&change_lock);
 }
 
 void BeforeFork() {
-  // A child of vfork or of a raw clone has no thread to stop.
+  // A child of vfork or of a direct clone call has no thread to stop.
   if (!OwnsState() || !IsActive()) return;
-  // A handler in the child before AfterForkInChild would lose its command.
+  // A command that a handler in the child received before AfterForkInChild would be lost.
   BlockControlSignal(true);
   if (StopAll(fork_patience_ms)) forking_thread.store(pthread_self());
 }
@@ -259,8 +264,8 @@ void AfterForkInParent() {
   const bool held = forking_thread.load() == pthread_self();
   if (held) {
     forking_thread.store(0);
-    // A recording parent may only wait for its children. Its reports must not wait for an
-    // allocation.
+    // A parent that records may do nothing but wait for its children, so its reports must not
+    // depend on its next allocation.
     if (stopped_here && Records()) Start();
     Unlock();
   }
@@ -280,11 +285,11 @@ void AfterForkInChild() {
     ForgetReportCommand();
   }
   if (!rested && IsActive()) RestoreAllocator();
-  // A command that detaches may have ended after BeforeFork.
+  // Checks `held` too: the loader may have been detached after BeforeFork.
   if (held || IsActive()) BlockControlSignal(false);
 }
 
-/// RunCommand under change_lock.
+/// As RunCommand. The caller holds change_lock.
 int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory) {
   at_rest.store(false);
   const int64_t deadline = NowMs() + timeout_ms;
@@ -307,7 +312,7 @@ int AddAndWait(const Command& command, int timeout_ms, PassTracker::From memory)
 void RequestControlThread(bool may_start) {
   at_rest.store(false);
   const bool runs = CurrentState().control_thread.load() == ThreadState::kRunning;
-  // A running thread makes the file itself.
+  // A running thread makes the state file itself.
   if (!runs && !ReportRuns()) MakeStateFile();
   RingBell();
   if (runs || !WorkWaits()) return;
@@ -380,7 +385,8 @@ int RunCommand(const Command& command, int timeout_ms, PassTracker::From memory)
 }
 
 void RunCommandHere(const Command& command) {
-  // A signal during the command must not start a thread that carries out another one.
+  // The lock prevents that a signal starts a thread, which would carry out another command at the
+  // same time.
   pthread_mutex_lock(&change_lock);
   at_rest.store(false);
   Deliver(command);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The thread that carries out commands: "memleak-control".
+// The control thread, "memleak-control", carries out commands.
 //
-// The tracker's handler allocates and takes locks, so it runs on a thread of its own and not where
-// the signal arrives. A process has no such thread until it gets its first command: a second thread
-// costs time in the C library, and changes of privileges and namespaces fail. The handler of the
-// control signal starts it if the signal has interrupted a wait for work. Else it makes the next
-// allocation, on any thread, start it.
+// The tracker's handler allocates and takes locks, so it runs on this thread instead of the thread
+// that received the signal. The control thread does not exist before the first command: a second
+// thread makes the C library slower, and some changes of privileges and namespaces fail. If the
+// control signal interrupts a wait for work, its handler starts the control thread. Otherwise the
+// next allocation, on any thread, starts it.
 //
 // One report runs at a time: a report command waits until the previous report has ended.
 #pragma once
@@ -20,40 +20,42 @@ namespace host {
 
 using protocol::Command;
 
-/// Tells the thread that a command may wait, or asks for the thread if there is none: the next
-/// allocation starts it. If `may_start` is set, the caller holds no lock of the C library or of the
-/// allocator, and the thread is started here. Also makes the state file if the process has none.
-/// Safe in signal handlers. Any thread.
+/// Wakes the thread to look for commands. If there is no thread and a command waits, requests one:
+/// the next allocation starts it, or this function does if `may_start` is set. Set it only if the
+/// calling thread holds no lock of the C library or of the allocator. Also makes the state file if
+/// the process has none. Any thread, safe in signal handlers.
 void RequestControlThread(bool may_start);
 
-/// Makes sure that there is no thread. For an attach. Returns 0 or an errno value: ESRCH after
-/// CloseControlThread, EBUSY if a thread does not end.
+/// Waits until there is no control thread, at most about a second. For an attach. Returns 0 or an
+/// errno value: ESRCH after CloseControlThread, EBUSY if the thread does not end.
 int PrepareControlThread();
 
-/// Makes the next allocation start the thread unless it runs. An attach calls it before there is a
-/// command, since the process may block the control signal or wait for it. Any thread, safe in
+/// Makes the next allocation start the thread, unless it runs. An attach calls this before the
+/// first command, because threads of the process may block the control signal. Any thread, safe in
 /// signal handlers.
 void StartControlThreadLater();
 
-/// Starts the thread that RequestControlThread has asked for, and waits up to half a second until
-/// the commands are carried out: the caller's block is recorded if they switch recording on. Does
-/// nothing if another thread starts or stops it, or in a child of vfork; then the next allocation
-/// tries again. If the thread cannot be started, the posted commands fail with the reason, and the
-/// next request tries again. Any thread that holds no lock of the C library. Keeps errno.
+/// Starts the thread that was requested, and waits up to half a second until the commands are
+/// carried out, so that the caller's block is recorded if they switch recording on. Does nothing in
+/// a child of vfork, or if another thread is starting or stopping the control thread; then the next
+/// allocation tries again. If the thread cannot be started, the posted commands fail with that
+/// errno value, and the next request tries again. Any thread that holds no lock of the C library.
+/// Keeps errno.
 void StartPendingThread();
 
-/// How long a fork or a change of privileges waits for a command. After that a forked child may
-/// have no working tracker. A program that hangs would be worse.
+/// How long a fork or a change of privileges waits for a command. If a fork proceeds after this
+/// time, the tracker may not work in the child. That is better than a program that hangs.
 inline constexpr int kPatienceMs = 1000;
 
-/// Makes forks stop the thread: the child never sees an unfinished command. A fork waits at most
-/// `patience_ms` for a command, and at most 3 s for a report, unless the report makes no progress.
-/// The parent starts the thread again if it records. Call it once, after track_initialize, so that
-/// in the child the tracker's own fork handler frees its locks first. Returns 0 or an errno value.
+/// Registers fork handlers that stop the thread, so that a child never sees an unfinished command.
+/// A fork waits at most `patience_ms` milliseconds for a command, and at most 3 s for a report that
+/// makes progress. A parent that records starts the thread again. Call this once, after
+/// track_initialize, so that the tracker's handler runs first in the child and frees its locks.
+/// Returns 0 or an errno value.
 int KeepCommandsAcrossForks(int patience_ms = kPatienceMs);
 
-/// While it exists, there is no control thread and no report, unless one of them takes too long
-/// (see KeepCommandsAcrossForks). Commands wait. Any thread. Keeps errno.
+/// During its lifetime there is no control thread and no report, unless one of them does not end in
+/// time (see KeepCommandsAcrossForks). Commands wait. Any thread. Keeps errno.
 class WithoutControlThread {
  public:
   WithoutControlThread();
@@ -65,25 +67,26 @@ class WithoutControlThread {
   bool held_ = false;
 };
 
-/// Whether there was no command yet; in a forked child, since the fork. Any thread, safe in signal
-/// handlers.
+/// Returns whether the process has received no command yet; a forked child, none since the fork.
+/// Any thread, safe in signal handlers.
 bool IsAtRest();
 
-/// Ends the thread after its current command, if any, and starts none any more: later commands wait
-/// forever. Returns false if that takes longer than `timeout_ms`; then the thread continues.
-/// Returns false on the control thread itself.
+/// Ends the thread after its current command, for the rest of the process: later commands wait
+/// forever. Returns false if the thread does not end within `timeout_ms` milliseconds, and then the
+/// thread continues. Also returns false on the control thread itself, and in a child of vfork. Any
+/// other thread.
 bool CloseControlThread(int timeout_ms);
 
-/// Carries out `command` on the control thread, which it starts if necessary, after the commands
-/// that wait. Returns 0 when it is complete, or an errno value: that of starting the thread,
-/// ETIMEDOUT after `timeout_ms`, EAGAIN if too many commands wait, EDEADLK on the control thread
-/// itself, ESRCH after CloseControlThread.
-/// `memory` is kArena if the caller may have interrupted the allocator.
+/// Carries out `command` on the control thread, after the commands that wait. Starts the thread if
+/// necessary. Returns 0 when the command is complete, otherwise an errno value: the error of
+/// pthread_create, ETIMEDOUT after `timeout_ms` milliseconds, EAGAIN if the queue is full, EDEADLK
+/// on the control thread itself, ESRCH after CloseControlThread. `memory` is the memory of a new
+/// thread: kArena if the caller may have interrupted the allocator.
 int RunCommand(const Command& command, int timeout_ms,
                PassTracker::From memory = PassTracker::From::kNextAllocator);
 
-/// Carries out `command` on the calling thread. For the loader's constructor, which holds no lock
-/// and runs alone.
+/// Carries out `command` on the calling thread. For the loader's constructor: the process has no
+/// other thread yet, and the caller holds no lock.
 void RunCommandHere(const Command& command);
 
 }  // namespace host

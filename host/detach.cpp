@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Undoes what an attach has changed. The tracker stays as it was initialized: threads may be inside
+// Undoes what an attach has changed. The tracker stays initialized, because threads may be inside
 // its functions.
 #include "host/detach.h"
 

@@ -4,9 +4,10 @@
 
 namespace host {
 
-/// Carries out Recipient::kDetach: recording is off, the records are dropped, the program's calls
-/// and signal action are restored. The library stays mapped, and calls that are inside it continue.
-/// Returns 0 or an errno value. On the control thread, which ends then.
+/// Carries out Recipient::kDetach: switches recording off, drops the records, and restores the
+/// slots and the program's action of the control signal. The loader stays mapped, and calls inside
+/// its functions continue. Returns 0, or EPERM if the loader is not attached. Runs on the control
+/// thread, which the caller then ends.
 int Detach();
 
 }  // namespace host

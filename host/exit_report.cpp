@@ -26,13 +26,13 @@ namespace host {
 namespace {
 
 constexpr int kWaitMs = 60'000;
-// Earlier reports: the end of the process would truncate them.
+// How long an exit waits for earlier reports, which the end of the process would truncate.
 constexpr int kEarlierMs = 10'000;
 // How long an abrupt end waits for the command, and then for the report. The ending thread may hold
 // a lock of the allocator, or be in an operation of the record store, for which the report waits.
 constexpr int kAbruptMs = 2'000;
 constexpr int kAbruptReportMs = 5'000;
-// How long a signal handler that has interrupted the end waits for a report to start.
+// How long a signal handler waits for a report to start if the handler has interrupted an exit.
 constexpr int kInterruptedMs = 100;
 // How long an exit waits for a running command. If the command takes longer, the tracker is not
 // finalized, which is harmless at exit.
@@ -46,8 +46,8 @@ struct Ending {
   pid_t process;
   pid_t thread;
 };
-// The process that ends, with its first thread that does so, and the process whose last report has
-// ended. A forked child ends on its own.
+// `ending`: the process that ends, and the first thread that ends it. `reported`: the process whose
+// report at exit is complete or was given up. Process ids, because a forked child ends separately.
 std::atomic<Ending> ending{};
 static_assert(std::atomic<Ending>::is_always_lock_free);
 std::atomic<pid_t> reported{0};
@@ -62,8 +62,8 @@ bool WaitForReports(int timeout_ms) {
   return true;
 }
 
-/// Carries out the command and waits for the report with `wait`. If there is none, one line on
-/// stderr gives the reason.
+/// Carries out the exit command and waits for its report by `wait`. If there is no complete report,
+/// prints the reason to stderr in one line. All times are in milliseconds.
 void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait)(int)) {
   if (exit_command.word == 0) return;
   if ((exit_command.word & protocol::kReportBits) == 0) {
@@ -82,14 +82,15 @@ void Report(int command_ms, int report_ms, PassTracker::From memory, bool (*wait
   }
 }
 
-/// Whether the loader is inert, or there was no command, as in most forked children. Their end
-/// writes no page.
+/// Returns whether the loader is detached, or the process neither has an exit command nor received
+/// any command. That is the case in most forked children, whose end then writes to no page.
 bool NothingToDo() {
   return !IsActive() || (exit_command.word == 0 && IsAtRest());
 }
 
-/// Waits until the thread that ends the process has its report, because the caller would cut it
-/// short. Gives up if no report runs for `command_ms`: the caller may hold a lock that it needs.
+/// Waits for the report of the thread that ends the process, since the process ends when the caller
+/// returns. Gives up if no report runs for `command_ms` milliseconds: the caller may hold a lock
+/// that the report needs.
 void WaitForFirst(int command_ms, int report_ms) {
   int64_t last = NowMs();
   while (reported.load() != getpid() && NowMs() - last < command_ms) {
@@ -101,8 +102,9 @@ void WaitForFirst(int command_ms, int report_ms) {
   }
 }
 
-/// Whether the caller is the first to end the process. Another thread waits for the first one. A
-/// signal handler that has interrupted the first one cannot: it waits only for the report.
+/// Returns whether the caller is the first thread that ends the process. Any other thread waits for
+/// the first one before false is returned. A signal handler on the first thread waits only for the
+/// report.
 bool EndsNow() {
   if (!OwnsState()) return false;
   const Ending caller{getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
@@ -118,9 +120,10 @@ bool EndsNow() {
   return false;
 }
 
-/// The exit handler. A preloaded loader registers it first, and for no library, so that it runs
-/// after the destructors of all libraries. After an attach it runs before earlier handlers. The
-/// tracker needs none of its own.
+/// The exit handler. A preloaded loader registers it before all others, and without a library
+/// handle, so that it runs after the destructors of all libraries. If the loader was attached,
+/// handlers that were registered before the attach run later. The tracker needs no exit handler of
+/// its own.
 void AtExit(void*) {
   if (NothingToDo()) return;
   if (EndsNow()) {

@@ -6,14 +6,14 @@
 
 namespace host {
 
-/// Sets the command for the end of the process; the word 0 means none. Registers the handlers of
-/// exit and quick_exit, the first time. For the loader's constructor and for an attach. `finalize`
-/// ends the tracker. Returns 0 or an errno value.
+/// Sets the exit command; the word 0 means none. `finalize` ends the tracker. The first call
+/// registers the handlers of exit and quick_exit. For the loader's constructor and for an attach.
+/// Returns 0, or ENOMEM if a handler cannot be registered.
 int PrepareExit(const Command& command, void (*finalize)());
 
-/// As the exit handlers, for a process that ends without them, at most once in a process. May be
-/// called in a signal handler that has interrupted the allocator: gives up within some seconds
-/// then. Does nothing in a child of vfork.
+/// Writes the report at exit if the process ends without exit handlers. At most once in a process.
+/// May be called in a signal handler that has interrupted the allocator: then gives up after some
+/// seconds. Does nothing in a child of vfork. Any thread.
 void EndAbruptly();
 
 }  // namespace host

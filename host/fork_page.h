@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The variables that a fork of an idle process writes.
+// A page for the variables that every fork writes, also in an idle process.
 #pragma once
 
-/// Puts a variable into .data, with the others of this kind. After a fork, each page that the
-/// parent or the child writes to costs a fault and a copy. So these variables share a page.
+/// Puts a variable into the section of these variables. After a fork, the first write to each page
+/// by parent or child costs a fault and a copy, so these variables share a page.
 #define MEMLEAK_FORK_PAGE __attribute__((section(".data.fork")))

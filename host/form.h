@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the loader came into the process, and whether it takes part in it.
+// How the loader was loaded into the process, and whether it is active.
 #pragma once
 
 #include "protocol/state.h"
@@ -8,13 +8,14 @@ namespace host {
 
 using protocol::Form;
 
-/// The form; kDetached also between the load of a loader that was not preloaded and its attach, and
-/// while it attaches. Any thread, safe in signal handlers.
+/// Returns the form. A loader that was not preloaded has kDetached until its attach is complete.
+/// Any thread, safe in signal handlers.
 Form CurrentForm();
 
-/// Also publishes it. For the constructor, and for attach and detach.
+/// Sets the form, also in the state. For the loader's constructor, an attach and a detach.
 void SetForm(Form form);
 
+/// Returns whether the loader is preloaded or attached. Any thread, safe in signal handlers.
 inline bool IsActive() {
   return CurrentForm() != Form::kDetached;
 }

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Replaces the slots of objects that the program loads.
 //
-// The dynamic linker takes the caller from the return address: its directory, search path and
-// namespace. So a call whose caller matters is a tail call. Then the slots of the new objects are
-// replaced at the next call of one of the functions here, which usually is the dlsym that follows.
+// The dynamic linker identifies the caller of dlopen by the return address, and uses the caller's
+// directory, search path and namespace. If these matter, dlopen is called by a tail call, so the
+// slots of the new objects cannot be replaced when it returns. They are replaced at the next call
+// of a function in this file, usually the dlsym that follows.
 //
-// Compiled as routing.cpp, for tail calls.
+// Every build type compiles this file with optimization and without frame pointers, for tail calls
+// (CMakeLists.txt).
 #include "host/linker_calls.h"
 
 #include <dlfcn.h>
@@ -43,7 +45,7 @@ void* Open(const char* file, int mode) {
     return next_dlopen(file, mode);
   }
   void* const library = next_dlopen(file, mode);
-  // A failed call leaves the text of dlerror.
+  // No scan after a failed call: it would change the result of dlerror.
   if (library != nullptr) ReplaceNewSlots();
   return library;
 }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls of the dynamic linker that a loader replaces if it was not preloaded. It does not
-// export these functions: a preloaded loader leaves them alone.
+// The replacements of dlopen, dlsym and dlvsym. Only an attached loader uses them: they are not
+// exported, so a preloaded loader does not replace these functions.
 #pragma once
 
 namespace host {
 
-/// Adds these functions to those that are replaced. After FindReplacedSlots.
+/// Registers the replacements with AddReplacedSlot. Call it after FindReplacedSlots. For an attach.
 void AddLinkerCalls();
 
 }  // namespace host

@@ -2,10 +2,10 @@
 // libmemleak_preload.so: plays the C library's part for the tracker, which it opens from its own
 // directory.
 //
-// The constructor runs on the main thread when the dynamic linker has loaded the library
-// (LD_PRELOAD), before those of all other libraries (-z initfirst). The exit handler runs on the
-// thread that calls exit(), also in forked children. If anything fails, the program continues with
-// the next allocator. If the library is loaded later, the constructor does nothing: see attach.cpp.
+// If the library is preloaded (LD_PRELOAD), its constructor runs on the main thread before the
+// constructors of all other libraries (-z initfirst). The exit handler runs on the thread that
+// calls exit(), also in forked children. If a step fails, the program continues with the next
+// allocator. If the library is loaded later, the constructor does nothing: see attach.cpp.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,6 +19,7 @@
 #include "host/next_allocator.h"
 #include "host/print_error.h"
 #include "host/replaced_functions.h"
+#include "host/signal_actions.h"
 #include "host/state.h"
 #include "host/tracker.h"
 #include "platform/linux/environment.h"
@@ -44,7 +45,7 @@ bool ReadNumber(const char* name, uint64_t limit, uint64_t& value) {
   return false;
 }
 
-/// Carries out the commands in the environment.
+/// Carries out the start command of the environment, and registers its exit command.
 void FollowEnvironment() {
   Command at_exit{0, 0};
   ReadNumber(protocol::kReportAtExitVariable, UINT64_MAX, at_exit.word);
@@ -70,6 +71,8 @@ __attribute__((constructor)) void Load(int argument_count, char** arguments, cha
   FindReplacedFunctions();
   // Before the tracker installs its handler.
   int error = InstallControlSignal();
+  // Threads inherit the mask.
+  BlockControlSignal(false);
   Reason reason;
   if (!StartTracker(reason)) {
     PrintError("%s; running without tracking", reason.text);

@@ -52,9 +52,9 @@ void Search() {
   if (function != nullptr) memcpy(&next.mallinfo2, &function, sizeof function);
 }
 
-/// Whether the arena must serve a request. This marks the arena before it reads the phase again;
-/// FindNextAllocator sets the phase before it reads the mark. So at least one of the two sees the
-/// other's write, and the final table handles every arena block.
+/// Returns whether the arena must serve a request. This function marks the arena before it reads
+/// the phase again; FindNextAllocator sets the phase before it reads the mark. So at least one of
+/// the two sees the other's write, and the final table handles every arena block.
 bool UseArena() {
   if (FindNextAllocator()) return false;
   MarkArenaUsed();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The only place that knows how the two forms of the loader search.
+// Finds the next functions, for a preloaded and for an attached loader.
 #include "host/next_function.h"
 
 #include <dlfcn.h>
@@ -12,7 +12,7 @@
 namespace host {
 namespace {
 
-/// Where an address is, as far as it matters here.
+/// The object that contains an address.
 struct Place {
   const void* address;
   bool in_program;
@@ -29,8 +29,8 @@ int FindPlace(dl_phdr_info* info, size_t /*size*/, void* data) {
   return 1;
 }
 
-/// Whether a program that is not position-independent has the function's address in a PLT of its
-/// own.
+/// Returns whether `function` is an entry of a PLT. In a program that is not position-independent,
+/// dlsym may return such an entry of the program for a function of a library.
 bool IsInPlt(const void* function) {
   Dl_info info;
   void* symbol = nullptr;
@@ -55,7 +55,7 @@ int SearchObject(dl_phdr_info* info, size_t /*size*/, void* data) {
   return search.found != nullptr ? 1 : 0;
 }
 
-/// Returns the first definition in the order in which the objects were loaded.
+/// Returns the first definition of `name` outside the loader, in load order; null if there is none.
 void* FirstDefinition(const char* name) {
   FirstSearch search{name, nullptr};
   dl_iterate_phdr(SearchObject, &search);

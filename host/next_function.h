@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// The definition of a function that the program would use without the loader.
+// Finds the function that the program would call without the loader.
 #pragma once
 
 #include <atomic>
 
 namespace host {
 
-/// Returns the definition of a function to which the loader's own forwards, null if there is none.
-/// After the loader in the search order if it was preloaded, else the program's. Takes the dynamic
-/// linker's lock.
+/// Returns the function `name` to which the loader's function of that name forwards; null if there
+/// is none. For a preloaded loader this is the next definition after the loader in the search
+/// order, otherwise the program's. Takes the dynamic linker's lock.
 void* NextDefinition(const char* name);
 
 template <typename Signature>
 class NextFunction;
 
-/// Looks the function up at the first call. Call Find early, so that later calls, also in signal
-/// handlers, only read.
+/// A function that is looked up at its first use. Call Find early: then later calls take no lock
+/// and are safe in signal handlers.
 template <typename Result, typename... Arguments>
 class NextFunction<Result(Arguments...)> {
  public:
@@ -23,7 +23,8 @@ class NextFunction<Result(Arguments...)> {
 
   explicit constexpr NextFunction(const char* name) : name_(name) {}
 
-  /// Returns the function, null if there is none. The first call takes the dynamic linker's lock.
+  /// Returns the function; null if there is none. Takes the dynamic linker's lock until the
+  /// function is found. Any thread.
   Pointer Find() {
     Pointer found = found_.load(std::memory_order_relaxed);
     if (found == nullptr) {

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// operator new and delete, on any thread.
+// operator new and operator delete. Any thread.
 //
-// Those of libstdc++ call malloc and free, which the loader routes: the call goes on to them. An
-// allocator that replaces malloc usually brings its own operator new, which calls no malloc. Then
-// the block comes from the active table. So does every block of a C program that loads its C++
-// libraries later, each perhaps with a run-time library of its own: new and delete agree. If the
-// active table has no memory, the run-time's own operator new calls the new-handler or throws.
+// Usually they forward to the C++ library's operators, which call malloc and free of the loader. In
+// two cases they use the active table instead:
+//   - The next allocator has its own operators. These do not call malloc.
+//   - The process has no C++ library when the loader starts, such as a C program that loads C++
+//     plug-ins later. Each plug-in may bring its own copy of the C++ library. A block from one copy
+//     may be deleted by another.
+// If the active table has no memory, the C++ library's operator new is called, which calls the
+// new-handler or throws.
 //
-// Compiled as routing.cpp, for tail calls: the recorded stack begins with the same frames as
-// without this file.
+// Every build type compiles this file with optimization and without frame pointers, for tail calls
+// (CMakeLists.txt): recorded stacks contain no frame of it.
 #include <dlfcn.h>
 #include <stdlib.h>
 
@@ -42,7 +45,7 @@ void* FindForCaller(const char* name, const void* caller) {
   return found;
 }
 
-/// One form of operator new or delete.
+/// One overload of operator new or delete.
 class OperatorBase {
  public:
   explicit constexpr OperatorBase(const char* name) : name_(name) {}
@@ -53,7 +56,7 @@ class OperatorBase {
 
  private:
   const char* const name_;
-  // The function to go on to; null: use the active table.
+  // The function to call; null: use the active table.
   std::atomic<void*> target_{nullptr};
 };
 
@@ -64,7 +67,9 @@ class Operator : public OperatorBase {
 
   Signature* Target() const { return reinterpret_cast<Signature*>(target()); }
 
-  /// The definition that calls the new-handler or throws; null if there is no run-time library.
+  /// Returns the C++ library's definition, for a request that the active table cannot serve: it
+  /// calls the new-handler or throws. Null if there is no C++ library. `caller` is a return
+  /// address.
   __attribute__((noinline)) Signature* WithoutMemory(const void* caller) const {
     return reinterpret_cast<Signature*>(FindForCaller(name(), caller));
   }
@@ -102,7 +107,7 @@ Operator<DeleteNothrow> delete_array_nothrow{"_ZdaPvRKSt9nothrow_t"};
 Operator<DeleteAlignedNothrow> delete_one_aligned_nothrow{"_ZdlPvSt11align_val_tRKSt9nothrow_t"};
 Operator<DeleteAlignedNothrow> delete_array_aligned_nothrow{"_ZdaPvSt11align_val_tRKSt9nothrow_t"};
 
-/// The alignment among the arguments after the size; 0 for none.
+/// Returns the alignment among the arguments after the size; 0 if there is none.
 inline size_t AlignmentIn() {
   return 0;
 }
@@ -126,7 +131,7 @@ __attribute__((always_inline)) inline void* Allocate(const Operator<Signature>& 
   if (auto* const next = op.WithoutMemory(__builtin_return_address(0))) {
     return next(size, arguments...);
   }
-  // There is no C++ run-time library that could throw.
+  // Without a C++ library nothing can be thrown.
   if (throws) abort();
   return nullptr;
 }

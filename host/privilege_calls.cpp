@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls that change privileges or namespaces. The program's threads must agree in them, or must
-// be a single one, so the program makes them without the loader's thread.
+// The calls that change privileges or namespaces. Some fail unless all threads have the same
+// credentials, others unless the process has only one thread. So the control thread does not exist
+// during these calls. Any thread.
 #include <stdarg.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
@@ -14,7 +15,7 @@
 namespace host {
 namespace {
 
-/// Calls `next` while there is no control thread. A child of vfork has none.
+/// Calls `next` while there is no control thread. A child of vfork has no such thread.
 template <typename Next, typename... Arguments>
 int Alone(Next& next, Arguments... arguments) {
   if (!OwnsState()) return next(arguments...);
@@ -107,7 +108,8 @@ MEMLEAK_EXPORT int prctl(int option, ...) noexcept {
   unsigned long values[4];
   va_list arguments;
   va_start(arguments, option);
-  // Callers pass as many as the option needs. The kernel ignores the others, or they are zero.
+  // Reads all four arguments, although callers pass only those that the option needs: the kernel
+  // ignores the rest.
   for (unsigned long& value : values) value = va_arg(arguments, unsigned long);
   va_end(arguments);
   if (option != PR_SET_KEEPCAPS && option != PR_SET_SECUREBITS) {

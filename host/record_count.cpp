@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Has the tracker count its records.
+// Calls the tracker to count its records.
 #include "host/record_count.h"
 
 #include <atomic>

@@ -4,13 +4,14 @@
 
 namespace host {
 
-/// Look up the functions that the loader's replacements call, so that these work in signal handlers
-/// and in children of vfork. For the loader's constructor and for an attach.
+/// These functions look up what the loader's replacements call, so that the replacements work in
+/// signal handlers and in children of vfork. For the loader's constructor and for an attach.
 void FindSignalFunctions();
 void FindPrivilegeFunctions();
 void FindExitFunctions();
-/// After the next allocator is known (next_allocator.h).
+/// Call it when the next allocator is known (next_allocator.h).
 void FindOperators();
+/// Calls all functions above.
 inline void FindReplacedFunctions() {
   FindOperators();
   FindSignalFunctions();

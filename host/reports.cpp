@@ -19,7 +19,7 @@
 namespace host {
 namespace {
 
-/// What /proc says about a thread.
+/// The activity of a thread, from /proc.
 struct Activity {
   bool is_active;  ///< it runs, is ready to run, or waits for a disk
   uint64_t ticks;  ///< processor time that it has used
@@ -31,8 +31,8 @@ Activity ReadActivity(int id) {
   snprintf(path, sizeof path, "/proc/self/task/%d/stat", id);
   const int file = platform::RawOpen(path, O_RDONLY | O_CLOEXEC);
   if (file < 0) return {false, 0};
-  // "ID (NAME) STATE" and numbers, of which the 11th and 12th are the times in user and system
-  // mode. The tracker's name has no bracket.
+  // "ID (NAME) STATE" and numbers. The 11th and the 12th number are the times in user and in system
+  // mode. The name of a report's thread has no bracket.
   char text[512];
   const ssize_t length = platform::RawRead(file, text, sizeof text - 1);
   platform::RawClose(file);

@@ -8,21 +8,20 @@
 
 namespace host {
 
-/// Whether a report is being written. Safe in signal handlers.
+/// Returns whether a report is being written. Safe in signal handlers.
 bool ReportRuns();
 
-/// Waits until no report runs and its thread has gone: at most `timeout_ms`, and only while the
-/// thread makes progress: it runs, waits for a disk, or has used processor time within the last
-/// kNoProgressMs. So the wait is short if the caller holds a lock that the report needs. Returns
-/// true if no report runs.
+/// Waits until no report runs and the report's thread has ended, at most `timeout_ms` milliseconds.
+/// Gives up earlier if the thread makes no progress: within kNoProgressMs it neither runs, nor
+/// waits for a disk, nor uses processor time. So the wait is short if the caller holds a lock that
+/// the report needs. Returns true if no report runs.
 bool WaitWhileReportRuns(int timeout_ms);
 
-/// A report that does nothing for this long makes no progress. On a busy machine a runnable thread
-/// waits for less time.
+/// How long a report's thread may be idle, in milliseconds, before it counts as blocked.
 inline constexpr int kNoProgressMs = 300;
 
-/// Waits until the kernel has removed the thread `id` of this process, at most 100 ms: until then
-/// the process counts as having several threads, although a join has succeeded.
+/// Waits until the kernel has removed the thread `id` of this process, at most 100 ms. A join may
+/// return earlier, and until the removal the kernel counts the process as multi-threaded.
 void WaitForRemoval(int id);
 
 }  // namespace host

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The allocator functions that the program and its libraries call, on any thread.
 //
-// Each loads the active table and jumps, so that the first frame that the tracker records is the
-// program's. Every build type compiles this file with optimization and without frame pointers, for
-// real tail calls (CMakeLists.txt).
+// Each is a jump through the active table, so that recorded stacks start at the program's call.
+// Every build type compiles this file with optimization and without frame pointers, for tail calls
+// (CMakeLists.txt).
 #include <errno.h>
 #include <malloc.h>
 #include <pthread.h>
@@ -23,21 +23,21 @@
 namespace host {
 namespace {
 
-/// The tables for one table of UseAllocator.
+/// A table that was passed to UseAllocator, and the tables that are derived from it.
 struct Route {
   const AllocatorTable* plain;  // null: not filled
   AllocatorTable aware;         // handles blocks of the bootstrap arena
-  AllocatorTable arena;         // as `aware`, and allocates in the arena
+  AllocatorTable arena;         // as `aware`, but allocates in the arena
   AllocatorTable starting;      // starts the control thread first
 };
 
-// Never changed once filled: other threads may read them at any time.
+// A filled element never changes: other threads may read it at any time.
 Route routes[2];
-// The latest route of UseAllocator, its usual table, and the table in use.
+// The latest route; the table that is normally used; the table in use.
 std::atomic<const Route*> route{nullptr};
 std::atomic<const AllocatorTable*> usual_table{nullptr};
 std::atomic<const AllocatorTable*> active_table{&kBootstrapTable};
-// The thread with a PassTracker, 0 for none, and the table of its calls.
+// The thread that has a PassTracker, 0 if none, and the table that this thread uses.
 std::atomic<pthread_t> passing_thread{0};
 std::atomic<const AllocatorTable*> passing_table{nullptr};
 
@@ -52,15 +52,16 @@ inline const AllocatorTable& Usual() {
   return *usual_table.load(std::memory_order_acquire);
 }
 
-/// Returns the table for a call of the starting table: that of the PassTracker on the thread
-/// that starts the control thread. Other threads start it first, if it is still to be started.
+/// Returns the table that a function of the `starting` table forwards to. On the thread that has a
+/// PassTracker, this is the PassTracker's table. On other threads, starts the control thread if it
+/// is pending and returns the usual table.
 const AllocatorTable& Start() {
   if (passing_thread.load() == pthread_self()) return *passing_table.load();
   StartPendingThread();
   return Usual();
 }
 
-// Each makes a tail call, so that the tracker sees the program's frame above its own.
+// Tail calls, so that recorded stacks contain no frame of these functions.
 void* StartAndMalloc(size_t size) {
   return Start().calls.malloc(size);
 }
@@ -94,7 +95,8 @@ void ArenaAwareFree(void* pointer) {
   Plain().calls.free(pointer);
 }
 
-/// For a block of the arena this is not a tail call, so the first recorded frame is this function.
+/// For a block of the arena the call is not a tail call, so the recorded stack starts with this
+/// function.
 void* ArenaAwareRealloc(void* pointer, size_t size) {
   if (!ArenaContains(pointer)) return Plain().calls.realloc(pointer, size);
   if (size == 0) return nullptr;
@@ -200,13 +202,13 @@ MEMLEAK_EXPORT int posix_memalign(void** result, size_t alignment, size_t size) 
   return Active().calls.posix_memalign(result, alignment, size);
 }
 
-/// The tracker has no such entry: a memalign to the page size.
+/// The tracker has no such entry: calls memalign with the page size.
 MEMLEAK_EXPORT void* valloc(size_t size) noexcept {
   const auto page = static_cast<size_t>(getpagesize());
   return Active().calls.memalign(page, size);
 }
 
-/// As valloc, the size rounded up to whole pages.
+/// As valloc, with the size rounded up to whole pages.
 MEMLEAK_EXPORT void* pvalloc(size_t size) noexcept {
   const auto page = static_cast<size_t>(getpagesize());
   if (size > SIZE_MAX - (page - 1)) {

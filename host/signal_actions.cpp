@@ -50,7 +50,6 @@ int InstallHandler(void (*handler)(int, siginfo_t*, void*)) {
   if (real_sigaction(control_signal, &action, &previous) != 0) return errno;
   SetAction(&previous, nullptr);
   installed.store(true);
-  BlockControlSignal(false);
   return 0;
 }
 

@@ -16,8 +16,8 @@ void CaptureActions(bool capture);
 /// unless that is null. Any thread.
 void SetAction(const struct sigaction* action, struct sigaction* previous);
 
-/// Installs `handler` for the control signal, keeps the program's action, and unblocks the signal
-/// in the calling thread. Returns 0 or an errno value.
+/// Installs `handler` for the control signal and keeps the program's action. Returns 0 or an errno
+/// value.
 int InstallHandler(void (*handler)(int, siginfo_t*, void*));
 /// Whether there is a handler. Any thread, safe in signal handlers.
 bool ControlSignalIsOurs();

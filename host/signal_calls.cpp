@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The signal functions that the program calls, without the control signal, which belongs to the
-// loader: no thread of the program blocks it, waits for it or replaces its handler.
+// Replaces the C library's signal functions: the program cannot block the control signal, wait for
+// it, or replace its handler. Other signals are passed on.
 //
-// On any thread. The functions that POSIX allows in signal handlers stay safe there.
+// Any thread. Functions that POSIX allows in signal handlers stay safe there.
 #include <errno.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -60,7 +60,7 @@ sighandler_t SetHandler(Next& next, int signal, sighandler_t handler) {
   struct sigaction previous;
   action.sa_handler = handler;
   action.sa_flags = SA_RESTART;
-  // sigset() only blocks the signal then.
+  // With SIG_HOLD, sigset() only blocks the signal and leaves the action unchanged.
   SetAction(handler == SIG_HOLD ? nullptr : &action, &previous);
   return previous.sa_handler;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Changes protections for single stores.
+// Makes a page writable for a store and restores its protection.
 #include "host/slot_writer.h"
 
 #include <errno.h>
@@ -13,8 +13,8 @@ namespace {
 
 enum class Access { kWritable, kProtected, kUnknown };
 
-/// Asks the kernel for an atomic "or 0" of the word. It fails with EFAULT where a store would raise
-/// a signal.
+/// Returns whether the word at `place` can be written. Lets the kernel do an atomic "or 0" on it,
+/// which fails with EFAULT if a store would raise a signal.
 Access AccessTo(void* place) {
   uint32_t unused = 0;
   const long result = syscall(SYS_futex, &unused, FUTEX_WAKE_OP | FUTEX_PRIVATE_FLAG, 0, 0, place,
@@ -33,8 +33,8 @@ bool SlotWriter::MakeWritable(void** place) {
   const Access access = AccessTo(place);
   if (access == Access::kUnknown) return false;
   if (access == Access::kProtected) {
-    // The dynamic linker has removed the permission to write, usually after it has relocated the
-    // object.
+    // The segment's flags usually include PROT_WRITE, which the dynamic linker has removed after
+    // relocation. So it is not part of the protection to restore.
     const int protection = object_.Protection(place) & ~PROT_WRITE;
     if (mprotect(reinterpret_cast<void*>(page), bytes, protection | PROT_WRITE) != 0) return false;
     protection_ = protection;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Scans the relocations of all objects under the dynamic linker's lock.
 //
-// Without the lock another thread may be inside dlopen. An object that it has not relocated
-// completely must not be touched: the dynamic linker writes to its pages and then protects them.
+// The lock keeps other threads out of dlopen. An object that dlopen has not relocated completely
+// must not be changed, because the dynamic linker still writes to its pages and then protects them.
 // dl_iterate_phdr does not take this lock. dlsym does, and calls the resolver of an indirect
-// function under it: the scan is such a resolver.
+// function under it. So the scan is such a resolver, and dlsym starts it.
 #include "host/slots.h"
 
 #include <dlfcn.h>
@@ -30,10 +30,10 @@ using Slot = ImportSlots::Slot;
 using Type = ImportSlots::Type;
 
 struct Replacement {
-  const char* name;  // null: unused
-  void* ours;
-  void* next;     // to which `ours` forwards; null: there is none
-  void* address;  // the function's address in the program; may be in a PLT of the program
+  const char* name;  // null if the entry is unused
+  void* ours;        // the loader's function
+  void* next;        // the function to which `ours` forwards; null if there is none
+  void* address;     // the result of dlsym in the program; may be an entry of the program's PLT
   bool allocates;
 };
 
@@ -45,16 +45,17 @@ struct Match {
   Slot slot;
   const Replacement* found;
 };
-// Those of one object. Guarded by the dynamic linker's lock.
+// The slots of one object that are to be replaced. Guarded by the dynamic linker's lock.
 constexpr size_t kMatches = 4096;
 Match matches[kMatches];
 
-// What the next scan does, and its result. Guarded by the dynamic linker's lock, except
-// `replacing`.
+// Whether the next scan replaces slots or restores them.
 std::atomic<bool> replacing{false};
+// The result of the latest scan. Guarded by the dynamic linker's lock.
 SlotScan latest;
+// The dynamic linker's count of loaded objects at the latest scan.
 std::atomic<unsigned long long> scanned_adds{0};
-// This object's handle.
+// The handle of this library; null before FindReplacedSlots.
 void* this_loader = nullptr;
 
 size_t Hash(const char* name) {
@@ -63,7 +64,7 @@ size_t Hash(const char* name) {
   return hash % kReplacements;
 }
 
-/// Returns the entry of `name`, an unused one if there is none.
+/// Returns the entry of `name`, or the unused entry where it would be added.
 Replacement& Find(const char* name) {
   size_t i = Hash(name);
   while (replacements[i].name != nullptr && strcmp(replacements[i].name, name) != 0) {
@@ -88,7 +89,8 @@ const char* Basename(const char* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-/// Whether the object is left alone: this loader or tracker or another copy, or the dynamic linker.
+/// Returns whether the object's slots are never replaced: the dynamic linker, and all copies of the
+/// loader and of the tracker.
 bool IsExempt(const dl_phdr_info& info) {
   if (info.dlpi_addr != 0 && info.dlpi_addr == getauxval(AT_BASE)) return true;
   const char* const name = Basename(info.dlpi_name != nullptr ? info.dlpi_name : "");
@@ -111,7 +113,7 @@ class Object {
     ForEachMatch([&] { ReplaceMatches(); });
   }
 
-  /// Only the slots that the dynamic linker may bind late.
+  /// As Replace, only for the slots that the dynamic linker may bind at their first call.
   void ReplaceCalls() {
     slots_.ForEachCall([&](const Slot& slot) {
       const Replacement& found = Find(slot.name);
@@ -142,13 +144,14 @@ class Object {
     return slot.type != Type::kCopy && slots_.Contains(slot.place, sizeof(void*));
   }
 
-  /// Whether the slot still points back into its own object.
+  /// Returns whether the slot is not bound yet: it still points into its own object.
   bool IsUnbound(const Slot& slot, const void* value) const {
     return slot.type == Type::kCall && slot.symbol->st_shndx == SHN_UNDEF &&
            slots_.ContainsCode(value);
   }
 
-  /// Collects the slots of the functions to replace, and calls `apply` for them, possibly in parts.
+  /// Collects the slots of the functions to replace in `matches` and calls `apply`, more than once
+  /// if `matches` becomes full.
   template <typename Apply>
   void ForEachMatch(Apply apply) {
     slots_.ForEachSlot([&](const Slot& slot) {
@@ -166,7 +169,8 @@ class Object {
   }
 
   void ReplaceMatches() {
-    // An unbound slot of an object that calls another allocator will be bound to that one.
+    // If a bound slot of the object holds another allocator, the object's unbound slots will be
+    // bound to that allocator. They stay unchanged.
     bool other_allocator = false;
     for (size_t i = 0; i < count_; ++i) {
       const auto& [slot, found] = matches[i];
@@ -186,7 +190,8 @@ class Object {
     }
   }
 
-  /// The program's copy of a variable may hold functions, as xmlMalloc of libxml2 does.
+  /// Adds the words of a copied variable that hold a function to replace, such as libxml2's
+  /// xmlMalloc.
   void AddCopiedWords(const Slot& slot) {
     if (!slots_.Contains(slot.place, slot.symbol->st_size)) return;
     for (size_t i = 0; i < slot.symbol->st_size / sizeof(void*); ++i) {
@@ -223,7 +228,7 @@ class Object {
   size_t count_ = 0;  // used entries of `matches`
 };
 
-/// `data` is the member function of Object to call.
+/// Callback of dl_iterate_phdr. `data` points to the member function of Object to call.
 int ScanObject(dl_phdr_info* info, size_t /*size*/, void* data) {
   scanned_adds.store(info->dlpi_adds);
   if (IsExempt(*info)) return 0;
@@ -238,12 +243,12 @@ void ForAllObjects(void (Object::*function)()) {
 
 void NoFunction() {}
 
-/// Under the dynamic linker's lock.
+/// The scan: the resolver of memleak_scan. Runs under the dynamic linker's lock.
 extern "C" void (*memleak_scan_resolver())() {
   latest = {};
   if (replacing.load()) {
     ForAllObjects(&Object::Replace);
-    // Another thread may have bound a slot meanwhile, and overwritten it.
+    // During the first pass another thread may have bound a slot and overwritten the replacement.
     ForAllObjects(&Object::ReplaceCalls);
   } else {
     ForAllObjects(&Object::Restore);
@@ -271,16 +276,17 @@ int CopyObject(dl_phdr_info* info, size_t /*size*/, void* data) {
   return 1;
 }
 
-/// Returns the object of `code`. Callers look up functions, which takes another lock of the dynamic
-/// linker than dl_iterate_phdr. A thread in dlopen takes both, in the other order.
+/// Returns the object that contains `code`. Callers look up functions after the walk, not in its
+/// callback: dl_iterate_phdr holds a lock, under which dlsym would take the lock of dlopen. A
+/// thread in dlopen takes these two locks in the opposite order.
 dl_phdr_info FindObject(const void* code) {
   ObjectSearch search{code, {}};
   dl_iterate_phdr(CopyObject, &search);
   return search.found;
 }
 
-/// dlsym for the tracker, which looks up the loader's variables with RTLD_DEFAULT. A loader that
-/// was not preloaded is not in the tracker's search order.
+/// Replaces dlsym in the tracker, which looks up the loader's variables with RTLD_DEFAULT: an
+/// attached loader is not in the global search order.
 void* DlsymOfTracker(void* handle, const char* name) {
   return dlsym(handle == RTLD_DEFAULT && strncmp(name, "memleak_", 8) == 0 ? this_loader : handle,
                name);
@@ -293,7 +299,7 @@ int ReadAdds(dl_phdr_info* info, size_t /*size*/, void* adds) {
 
 }  // namespace
 
-// A scan, whenever dlsym looks it up.
+// Every lookup of this function by dlsym is a scan.
 MEMLEAK_EXPORT void memleak_scan() __attribute__((ifunc("memleak_scan_resolver")));
 
 void FindReplacedSlots() {

@@ -1,44 +1,47 @@
 // SPDX-License-Identifier: Apache-2.0
-// The words of the loaded objects through which the program calls the functions that the loader
-// replaces. For a loader that was not preloaded: it points them at its own functions, and back.
+// Replaces functions in a running process. For an attached loader.
 //
-// A slot is changed only if it holds the function to which the loader's own forwards, or is not
-// bound yet. A slot with another definition stays: its blocks belong to another allocator. There is
-// no list of changed slots: a slot is restored if it holds a function of the loader.
+// Objects call functions of other objects through slots, which hold their addresses. The loader
+// stores its own functions in these slots, and restores them at a detach. A slot is changed only if
+// it holds the function to which the loader forwards, or is not bound yet. Any other slot stays,
+// because its blocks belong to another allocator. There is no list of changed slots: a detach
+// restores every slot that holds a function of the loader.
 #pragma once
 
 #include <stddef.h>
 
 namespace host {
 
-/// What ReplaceSlots has found.
+/// The result of ReplaceSlots.
 struct SlotScan {
-  size_t changed;
-  size_t unwritable;  ///< slots that could not be changed
+  size_t changed;     ///< number of slots that were changed
+  size_t unwritable;  ///< number of slots that could not be written
   bool other_loader;  ///< another copy of the loader has replaced malloc
-  char object[256];   ///< the file with the first unwritable slot
+  char object[256];   ///< the file with the first of these; empty for the program
 };
 
-/// Looks up the functions to replace and those to which they forward. Call it first. Takes the
-/// dynamic linker's lock, may allocate.
+/// Looks up the functions to replace: all functions that the loader exports, and the functions to
+/// which they forward. Call it first. Takes the dynamic linker's lock. May allocate.
 void FindReplacedSlots();
 
-/// Adds a function that the loader does not export to those that are replaced.
+/// Adds a function to replace that the loader does not export. `name` must live as long as the
+/// process. Takes the dynamic linker's lock.
 void AddReplacedSlot(const char* name, void* function);
 
-/// As ReplaceSlots, for the tracker alone, whose calls of dlsym then find the loader's variables.
-/// `tracker` is an address in it. Before track_initialize.
+/// As ReplaceSlots, for the tracker only, and makes the tracker's dlsym find the loader's
+/// variables. `tracker` is an address in the tracker's code. Call it before track_initialize.
 void ReplaceTrackerSlots(const void* tracker);
 
-/// Points the slots of all objects, except the loader's and the tracker's, at the loader's
-/// functions. Any thread that may call dlopen. Allocates nothing. Keeps errno.
+/// Stores the loader's functions in the slots of all objects except the loader, the tracker and the
+/// dynamic linker. Any thread that may call dlopen. Allocates nothing. Keeps errno.
 SlotScan ReplaceSlots();
 
 /// As ReplaceSlots, if an object was loaded since the last scan. Does nothing after RestoreSlots.
+/// Any thread that may call dlopen.
 void ReplaceNewSlots();
 
-/// Undoes ReplaceSlots. Calls that are inside the loader's functions continue. Any thread that may
-/// call dlopen. Allocates nothing. Keeps errno.
+/// Undoes ReplaceSlots. Calls inside the loader's functions continue. Any thread that may call
+/// dlopen. Allocates nothing. Keeps errno.
 void RestoreSlots();
 
 }  // namespace host

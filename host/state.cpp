@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes the state file and moves between it and private memory.
+// Makes the state file and moves the state from private memory to it.
 //
-// The file is complete before it is mapped, and its space is allocated: a write to a mapped page
-// without space would kill the process. For the same reason an old file is never truncated, but
-// replaced: its process may still map it.
+// The file is written completely and its space is allocated before it is mapped, because a write to
+// a mapped page without space would end the process. An old file is replaced, never truncated,
+// because another process may still map it.
 #include "host/state.h"
 
 #include <errno.h>
@@ -30,9 +30,9 @@ namespace host {
 namespace {
 
 State private_state;
-// The mapping of the latest file of this process or of an ancestor, null for none.
+// The mapped file of this process or of an ancestor; null if there is none.
 std::atomic<State*> mapped_state{nullptr};
-// The process that owns the state, and the one that has made the mapped file.
+// The process that owns the state, and the process that has made the mapped file.
 MEMLEAK_FORK_PAGE std::atomic<pid_t> owner{0};
 std::atomic<pid_t> file_owner{0};
 std::atomic_flag making = ATOMIC_FLAG_INIT;
@@ -80,8 +80,8 @@ void CopyPath(platform::Variable variable, char (&path)[4096]) {
   }
 }
 
-/// Whether the state file belongs to a living process other than this one. True if its PID
-/// namespace is another, where the process cannot be looked up.
+/// Returns whether the state file belongs to a living process other than this one. Also returns
+/// true if the file is from another PID namespace, whose processes cannot be looked up.
 bool BelongsToAnother(int file) {
   constexpr size_t kBytes = offsetof(State, program);
   char start[kBytes];
@@ -103,7 +103,8 @@ bool RemoveStale(int directory, const char* name) {
   protocol::Refusal refusal;
   const int file = protocol::OpenFile(directory, name, protocol::Use::kRead, refusal);
   if (file < 0) return refusal.error == ENOENT;
-  // Of several processes only one removes the file, and none removes the next one.
+  // If several processes find the stale file, one removes it, and none removes the file that
+  // replaces it.
   struct stat opened;
   struct stat named;
   const bool removed = flock(file, LOCK_EX | LOCK_NB) == 0 && !BelongsToAnother(file) &&
@@ -123,7 +124,7 @@ int CreateFile(protocol::Refusal& refusal) {
       protocol::OpenDirectoryOf(file_path, root_bytes, protocol::Missing::kMake, refusal);
   if (directory < 0) return -1;
   char* const name = file_path + root_bytes + 1;
-  // Two namespaces may have a process of the same id.
+  // Two PID namespaces may have processes with the same id.
   char suffixes[3][48] = {};
   snprintf(suffixes[1], sizeof suffixes[1], ".%d", getpid());
   snprintf(suffixes[2], sizeof suffixes[2], ".%d.%llu", getpid(),
@@ -153,10 +154,10 @@ bool Write(int file, const State& state) {
   return true;
 }
 
-/// Writes the private state to a new file and maps it, in place of the former one, which other
-/// threads may still read. Returns null, with `refusal`, if that fails.
+/// Writes the private state to a new file and maps it at the address of the former file, which
+/// other threads may still read. Returns null, with `refusal`, if that fails.
 State* MapNewFile(protocol::Refusal& refusal) {
-  // A write beyond the limit would raise SIGXFSZ.
+  // A write beyond the limit for file sizes would raise SIGXFSZ.
   rlimit limit;
   if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < sizeof(State)) {
     refusal = {0, EFBIG, nullptr};
@@ -198,8 +199,8 @@ void CopyRecording(const State& from) {
   to.hook_states = hooks;
 }
 
-/// Copies the arguments to the private state, with their NULs, as /proc/PID/cmdline has them. Cuts
-/// them to fit. Returns the number of bytes.
+/// Copies the arguments to the private state in the format of /proc/PID/cmdline, cut to fit.
+/// Returns the number of bytes.
 ssize_t CopyArguments(int count, char* const* arguments) {
   constexpr size_t kBytes = sizeof private_state.arguments - 1;
   size_t used = 0;
@@ -244,7 +245,7 @@ Form CurrentForm() {
 void SetForm(Form changed) {
   form.store(changed);
   CurrentState().form.store(changed);
-  // For children that are forked.
+  // Forked children start with the private state.
   private_state.form.store(changed);
 }
 
@@ -262,7 +263,7 @@ void InitializeState(int argument_count, char* const* arguments) {
   state.bytes = sizeof(State);
   snprintf(state.version, sizeof state.version, "%s", MEMLEAK_VERSION);
   state.start_ns = UnixNs();
-  // The result is cut to fit and has no NUL.
+  // readlink cuts the path to fit and writes no NUL: the state is zeroed.
   [[maybe_unused]] const ssize_t length =
       readlink("/proc/self/exe", state.program, sizeof state.program - 1);
   const int file = platform::RawOpen("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
@@ -273,7 +274,11 @@ void InitializeState(int argument_count, char* const* arguments) {
   } else {
     bytes = CopyArguments(argument_count, arguments);
   }
-  // One that was cut has no NUL.
+  // A program that has replaced its arguments by a shorter title leaves NULs behind the title.
+  while (bytes > 1 && state.arguments[bytes - 1] == '\0' && state.arguments[bytes - 2] == '\0') {
+    --bytes;
+  }
+  // If the arguments were cut, the last one has no NUL.
   if (bytes > 0) {
     state.argument_bytes = static_cast<uint32_t>(bytes) + (state.arguments[bytes - 1] != '\0');
   }

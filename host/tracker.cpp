@@ -24,7 +24,7 @@ using Finalize = void (*)();
 
 AllocatorTable tracked;
 Finalize track_finalize = nullptr;
-// No process on Linux is a child of a zygote. The tracker reads the flag as a 32-bit value.
+// Always 0: Linux has no zygote. Not a bool, because the tracker reads four bytes.
 uint32_t zygote_child = 0;
 
 /// Writes the path of the tracker, in the directory of this library. Returns false if the directory

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opens the tracker, which is in the loader's own directory.
+// Opens libmemleak_tracker.so, which is in the loader's directory.
 #pragma once
 
 #include "host/allocator_table.h"
@@ -12,8 +12,8 @@ struct Reason {
   __attribute__((format(printf, 2, 3))) void Set(const char* format, ...);
 };
 
-/// Opens the tracker and calls track_initialize, unless that is done already. Returns false, with
-/// the reason, if it fails. For the loader's constructor and for an attach. May allocate.
+/// Opens the tracker and calls track_initialize, unless an earlier call has done so. Returns false,
+/// with the reason, on failure. For the loader's constructor and for an attach. May allocate.
 bool StartTracker(Reason& reason);
 
 /// After StartTracker: the tracker's functions, and track_finalize.

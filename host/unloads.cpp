@@ -21,8 +21,8 @@ MEMLEAK_EXPORT int dlclose(void* library) {
   static host::NextFunction<int(void*)> next{"dlclose"};
   const protocol::UnloadObserver observer = memleak_unload_observer.load(std::memory_order_acquire);
   if (observer != nullptr) observer(/*closed=*/false);
-  // In between, destructors of the library run, and another thread may load a library to the same
-  // address.
+  // Counted before and after the call: during it the library's destructors run, and another thread
+  // may load a library at the same address.
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);
   const int result = next(library);
   memleak_unload_counter.fetch_add(1, std::memory_order_acq_rel);

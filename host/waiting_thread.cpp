@@ -14,7 +14,7 @@
 namespace host {
 namespace {
 
-/// A system call that was interrupted: its number, -1 if that is unknown, and its second argument.
+/// An interrupted system call: its number (-1 if unknown) and its second argument.
 struct Call {
   long number;
   uint64_t second;
@@ -22,8 +22,8 @@ struct Call {
 
 #if defined(__x86_64__)
 
-/// The kernel either lets the instruction run again, with the number in rax, or returns EINTR. Then
-/// the number is in the instruction before: mov $number,%eax; syscall.
+/// If the kernel will repeat the instruction, rax contains the number. If it returns EINTR, the
+/// number is in the preceding instruction: mov $number,%eax; syscall.
 Call InterruptedCall(const ucontext_t& context) {
   const greg_t* registers = context.uc_mcontext.gregs;
   const auto* next = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
@@ -47,7 +47,7 @@ Call InterruptedCall(const ucontext_t& context) {
 
 #elif defined(__aarch64__)
 
-/// The number stays in x8, whether the kernel lets the instruction run again or returns EINTR.
+/// x8 contains the number, whether the kernel repeats the instruction or returns EINTR.
 Call InterruptedCall(const ucontext_t& context) {
   const mcontext_t& registers = context.uc_mcontext;
   const auto* next = reinterpret_cast<const uint32_t*>(registers.pc);
@@ -88,7 +88,7 @@ bool WasWaitingForWork(const void* context) {
 #endif
       return true;
     case SYS_futex:
-      // Condition variables, semaphores and joins. Locks use FUTEX_WAIT.
+      // Condition variables, semaphores and joins use FUTEX_WAIT_BITSET. Locks use FUTEX_WAIT.
       return (call.second & static_cast<uint64_t>(FUTEX_CMD_MASK)) == FUTEX_WAIT_BITSET;
     default:
       return false;

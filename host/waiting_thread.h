@@ -4,9 +4,9 @@
 
 namespace host {
 
-/// Returns whether the thread that `context` (of a signal handler) describes was waiting in a
-/// system call that no allocator and no lock of the C library uses. Then a thread may be started in
-/// the handler. False if it is not certain. Safe in signal handlers.
+/// Returns whether a signal has interrupted a wait in a system call that neither allocators nor
+/// locks of the C library use: then the handler may start a thread. `context` is the third argument
+/// of the signal handler. Returns false if this is not certain. Safe in signal handlers.
 bool WasWaitingForWork(const void* context);
 
 }  // namespace host

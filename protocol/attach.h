@@ -16,9 +16,16 @@ namespace protocol {
 ///
 /// The paths are absolute, "%p" in them is replaced; `log` and `properties` may be empty: none.
 /// They may be on the caller's stack. Returns 0 if the process is attached or was attached already,
-/// else an errno value; then kAttachReason has one line and the process is as before. EBUSY: the
-/// loader was preloaded. A forked child without a state file gets one below `root`. Call it again
-/// after a detach to attach again.
+/// else an errno value; then kAttachReason has one line and the process is as before:
+///   EBUSY    the loader was preloaded
+///   EEXIST   another copy of the loader is attached
+///   EAGAIN   the control thread of the former attach still runs: try again
+///   ESRCH    the process exits
+///   ENOTSUP  the allocator cannot be replaced
+///   EACCES   a slot cannot be written
+///   ELIBACC  the tracker cannot be loaded
+/// and others from the system. A forked child without a state file gets one below `root`. Call it
+/// again after a detach to attach again. The signal mask of the caller stays as it is.
 inline constexpr char kAttachFunction[] = "memleak_attach";
 using AttachFunction = int(const char* root, const char* log, const char* properties);
 

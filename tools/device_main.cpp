@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The device edition of `memleak`: the commands that control a process. Reports are read on the
 // host.
-#include <string>
-#include <vector>
-
 #include "tools/commands/command_line.h"
 
 namespace memleak {
@@ -32,23 +29,13 @@ Exit codes:
   1  no (status: not tracked; libs: nothing to hook)
   2  error (see stderr))";
 
-int Main(const std::vector<std::string>& arguments) {
-  Program program("memleak - control the recording of memory in a process of this device", kHelp,
-                  true);
-  AddOn(&program);
-  AddPause(&program);
-  AddReport(&program);
-  AddClear(&program);
-  AddLibs(&program);
-  AddFd(&program);
-  AddSend(&program);
-  AddStatus(&program);
-  return program.Run(arguments);
-}
-
 }  // namespace
 }  // namespace memleak
 
 int main(int count, char** values) {
-  return memleak::GuardedMain(count, values, memleak::Main);
+  using namespace memleak;
+  return RunProgram(
+      count, values,
+      {"memleak - control the recording of memory in a process of this device", kHelp, true},
+      {AddOn, AddPause, AddReport, AddClear, AddLibs, AddFd, AddSend, AddStatus});
 }

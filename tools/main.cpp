@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program `memleak`.
-#include <string>
-#include <vector>
-
 #include "tools/commands/command_line.h"
 
 namespace memleak {
@@ -29,31 +26,14 @@ Exit codes:
   1  no (status: not tracked; libs: nothing to hook; diff: grew too much)
   2  error (see stderr))";
 
-int Main(const std::vector<std::string>& arguments) {
-  Program program("memleak - find which call stacks of a running program hold its memory", kHelp,
-                  false);
-  AddRun(&program);
-  AddAttach(&program);
-  AddDetach(&program);
-  AddOn(&program);
-  AddPause(&program);
-  AddReport(&program);
-  AddClear(&program);
-  AddLibs(&program);
-  AddFd(&program);
-  AddSend(&program);
-  AddStatus(&program);
-  AddShow(&program);
-  AddWatch(&program);
-  AddHtml(&program);
-  AddDiff(&program);
-  AddExport(&program);
-  return program.Run(arguments);
-}
-
 }  // namespace
 }  // namespace memleak
 
 int main(int count, char** values) {
-  return memleak::GuardedMain(count, values, memleak::Main);
+  using namespace memleak;
+  return RunProgram(
+      count, values,
+      {"memleak - find which call stacks of a running program hold its memory", kHelp, false},
+      {AddRun, AddAttach, AddDetach, AddOn, AddPause, AddReport, AddClear, AddLibs, AddFd, AddSend,
+       AddStatus, AddShow, AddWatch, AddHtml, AddDiff, AddExport});
 }

@@ -120,6 +120,11 @@ void Prepare() {
   const ssize_t length = readlink("/proc/self/exe", g_program, sizeof g_program - 1);
   g_program[std::max<ssize_t>(length, 0)] = '\0';
   g_argument_bytes = ReadFile("/proc/self/cmdline", g_arguments, sizeof g_arguments);
+  // A program that has overwritten its arguments by a title leaves NULs behind it.
+  while (g_argument_bytes > 1 && g_arguments[g_argument_bytes - 1] == '\0' &&
+         g_arguments[g_argument_bytes - 2] == '\0') {
+    --g_argument_bytes;
+  }
   errno = saved_errno;
   g_unloads =
       static_cast<const std::atomic<std::uint64_t>*>(dlsym(RTLD_DEFAULT, protocol::kUnloadCounter));

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <string_view>
 
 namespace memleak {
 
@@ -19,23 +20,43 @@ Descriptor::~Descriptor() {
   errno = error;
 }
 
-Descriptor OpenToRead(const std::string& path) {
-  return Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-}
-
 Descriptor OpenInRoot(const std::string& root, const std::string& path, int flags) {
   const Descriptor directory(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory.IsOpen()) return Descriptor();
   open_how how{};
-  how.flags = static_cast<unsigned>(flags | O_NOFOLLOW | O_CLOEXEC);
+  how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
   how.resolve = RESOLVE_IN_ROOT;
   return Descriptor(
       static_cast<int>(syscall(SYS_openat2, directory.Number(), path.c_str(), &how, sizeof how)));
 }
 
+std::size_t OutsideBytes(const std::string& path) {
+  constexpr std::string_view kProc = "/proc/";
+  constexpr std::string_view kRoot = "/root";
+  if (!path.starts_with(kProc)) return 0;
+  const std::size_t end = path.find_first_not_of("0123456789", kProc.size());
+  if (end == kProc.size() || end == std::string::npos) return 0;
+  return path.compare(end, kRoot.size() + 1, "/root/") == 0 ? end + kRoot.size() : 0;
+}
+
+RootedPath::RootedPath(const std::string& path) : text_(path) {
+  const std::size_t outside = OutsideBytes(path);
+  if (outside == 0) return;
+  file_ = OpenInRoot(path.substr(0, outside), path.substr(outside), O_PATH);
+  if (file_.IsOpen()) {
+    text_ = "/proc/self/fd/" + std::to_string(file_.Number());
+  } else if (errno != ENOSYS) {
+    text_ = "/proc/self/fd/none";
+  }
+}
+
+Descriptor OpenToRead(const std::string& path, int flags) {
+  return Descriptor(open(RootedPath(path).c_str(), O_RDONLY | O_CLOEXEC | flags));
+}
+
 bool IsPlainFile(const std::string& path) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  return stat(RootedPath(path).c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 std::optional<std::string> ReadAll(const Descriptor& file) {

@@ -3,6 +3,7 @@
 // thread.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <utility>
@@ -28,16 +29,35 @@ class Descriptor {
   int number_;
 };
 
-/// Opens `path` for reading. Not open, with errno set, if that fails.
-Descriptor OpenToRead(const std::string& path);
-
 /// Opens the absolute `path` as a process with the root directory `root` sees it: symbolic links,
-/// also that of "..", do not lead out of `root`. `flags` are those of open(2); the last part of
-/// `path` is not followed if it is a link. Not open, with errno set, if that fails: ENOSYS on
-/// kernels before 5.6 and under emulators.
+/// also that of "..", do not lead out of `root`. `flags` are those of open(2). Not open, with errno
+/// set, if that fails: ENOSYS on kernels before 5.6 and under emulators.
 Descriptor OpenInRoot(const std::string& root, const std::string& path, int flags);
 
-/// Whether `path`, with links followed, is a regular file.
+/// The length of "/proc/PID/root" at the start of `path`; 0 if it starts otherwise.
+std::size_t OutsideBytes(const std::string& path);
+
+/// A path by which this program opens the file `path`. If that starts with "/proc/PID/root", links
+/// lead where they lead for process PID: the path is that of a descriptor which this object holds.
+/// If there is no such file, the path of none. Kernels before 5.6 and emulators follow links in
+/// their own root directory.
+class RootedPath {
+ public:
+  explicit RootedPath(const std::string& path);
+
+  const std::string& Text() const { return text_; }
+  const char* c_str() const { return text_.c_str(); }
+
+ private:
+  Descriptor file_;
+  std::string text_;
+};
+
+/// Opens the file `path`, as RootedPath finds it, for reading. `flags` are further ones of open(2).
+/// Not open, with errno set, if that fails.
+Descriptor OpenToRead(const std::string& path, int flags = 0);
+
+/// Whether `path`, as RootedPath finds it, is a regular file.
 bool IsPlainFile(const std::string& path);
 
 /// The rest of the content of `file`; nothing, with errno set, if reading fails.

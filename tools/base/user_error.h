@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Errors that users see. GuardedMain catches them, prints one line and exits with 2.
+// Errors that users see. RunProgram catches them, prints one line and exits with 2.
 #pragma once
 
 #include <stdexcept>

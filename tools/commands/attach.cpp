@@ -113,6 +113,12 @@ void AttachOne(const AttachOptions& options, pid_t pid) {
   if (Has(process, protocol::Form::kAttached) && !process.has_state_of_parent) {
     std::cout << process.Label() << ": already attached" << std::endl;
   } else {
+    if (process.catches_signal && !Has(process, protocol::Form::kAttached)) {
+      std::cerr << "memleak: process " << process.Label()
+                << " handles signal 44, which the tracker uses: its handler does not run before "
+                   "memleak detach"
+                << std::endl;
+    }
     const auto stood_still = AttachTo(process, options.places);
     std::cout << process.Label() << ": attached, stood still " << FormatDuration(stood_still)
               << ", root directory " << Printable(InspectProcess(pid).root) << std::endl;
@@ -147,6 +153,8 @@ void AddAttach(Program* program) {
       "attach", "Load the tracker into a process that runs", kAttachHelp, Attach);
   AddProcesses(command, &options->processes);
   command->add_flag("--idle", options->idle, "Do not start recording");
+  command->add_flag("--force", options->places.force,
+                    "Attach although seccomp filters may end the process");
   AttachPlaces& places = options->places;
   AddOption(command, "--root", &places.root, "DIR",
             "Root directory (default: ./memleak.<pid>, else\n/tmp/memleak.<pid>)");

@@ -27,11 +27,11 @@ bool PrepareNumber(std::string* value) {
 
 }  // namespace
 
-Program::Program(const char* summary, const char* help, bool is_device)
-    : app_(summary, "memleak"), is_device_(is_device) {
+Program::Program(const ProgramText& text)
+    : app_(text.summary, "memleak"), is_device_(text.is_device) {
   app_.require_subcommand(1);
   app_.set_version_flag("--version", "memleak " MEMLEAK_VERSION, "Print the version and exit");
-  app_.footer(help);
+  app_.footer(text.help);
   const auto formatter = std::make_shared<CLI::Formatter>();
   formatter->column_width(26);
   app_.formatter(formatter);
@@ -117,9 +117,12 @@ CLI::Option* ExpectOneOf(CLI::Option* option, const std::vector<std::string>& na
   return Expect(option, CLI::IsMember(names), CLI::detail::join(names, ", "));
 }
 
-int GuardedMain(int count, char** values, int (*command)(const std::vector<std::string>&)) {
+int RunProgram(int count, char** values, const ProgramText& text,
+               std::initializer_list<void (*)(Program*)> commands) {
   try {
-    const int code = command(std::vector<std::string>(values + 1, values + count));
+    Program program(text);
+    for (const auto add : commands) add(&program);
+    const int code = program.Run(std::vector<std::string>(values + 1, values + count));
     if (!std::cout.flush()) {
       throw UserError("cannot write to the standard output",
                       "free some space, or redirect the output");

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,12 +13,17 @@
 
 namespace memleak {
 
+/// What differs between the program's editions.
+struct ProgramText {
+  const char* summary;  ///< the first line of --help
+  const char* help;     ///< below the list of commands
+  bool is_device;       ///< some help texts differ on a device
+};
+
 /// The program: each command adds itself, then Run parses the arguments and runs one of them.
 class Program {
  public:
-  /// `summary` is the first line of --help, `help` the text below the list of commands. Some help
-  /// texts differ on a device.
-  Program(const char* summary, const char* help, bool is_device);
+  explicit Program(const ProgramText& text);
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
@@ -115,8 +121,10 @@ CLI::Option* AddChoice(CLI::App* command, const std::string& option, Target* tar
   return ExpectOneOf(command->add_option_function<std::string>(option, set, summary), names);
 }
 
-/// Runs `command` with the arguments of main and returns the exit code. An exception, and output
-/// that cannot be written, becomes one line on the error output and exit code 2.
-int GuardedMain(int count, char** values, int (*command)(const std::vector<std::string>&));
+/// Runs the program with `commands`, and the arguments of main. Returns the exit code. An
+/// exception, and output that cannot be written, becomes one line on the error output and exit
+/// code 2.
+int RunProgram(int count, char** values, const ProgramText& text,
+               std::initializer_list<void (*)(Program*)> commands);
 
 }  // namespace memleak

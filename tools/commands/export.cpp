@@ -2,9 +2,7 @@
 // export: writes a report in the format of another program.
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <iostream>
 #include <string>
 
@@ -51,8 +49,7 @@ void WriteFormat(const Profile& profile, const ExportOptions& options, std::ostr
     case Format::kSpeedscope:
       return WriteSpeedscope(profile, out);
     case Format::kPprof:
-      if (!WritePprof(profile, out)) out.setstate(std::ios::failbit);
-      return;
+      return WritePprof(profile, out);
     case Format::kJson:
       return WriteProfileJson(profile, out);
   }
@@ -66,9 +63,6 @@ void WriteOutput(const Profile& profile, const ExportOptions& options) {
     return;
   }
   WriteFormat(profile, options, std::cout);
-  if (std::cout.flush()) return;
-  throw UserError("cannot write the output: " + std::string(std::strerror(errno)),
-                  "make room, or give -o FILE");
 }
 
 // No format has a place for stacks that the report does not list.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/user_error.h"
 #include "tools/report/load.h"
@@ -195,13 +196,13 @@ std::string ReportOf(pid_t pid) {
 std::string FindReport(const std::string& given) {
   std::error_code ignored;
   if (const auto pid = ProcessNamed(given)) return ReportOf(*pid);
-  if (!fs::is_directory(given, ignored)) return Preferred(given);
+  if (!fs::is_directory(RootedPath(given).Text(), ignored)) return Preferred(given);
   const fs::path report = protocol::kReportFile;
   const fs::path profile = protocol::kProfileFile;
   for (const fs::path& name : {report, report.filename(), profile, profile.filename()}) {
     const fs::path candidate = given / name;
     std::error_code error;
-    const bool found = fs::is_regular_file(candidate, error);
+    const bool found = fs::is_regular_file(RootedPath(candidate).Text(), error);
     // Without permission for the directory, opening the report fails with the reason.
     if (found || error == std::errc::permission_denied) return Preferred(candidate.string());
   }

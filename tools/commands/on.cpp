@@ -117,9 +117,7 @@ BacktraceSettings InForce(const ProcessInfo& process, const BacktraceSettings& w
 }
 
 void WriteHookSettings(const ProcessInfo& process, const OnOptions& options, const HookPlan& plan) {
-  if (options.type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers) {
-    PrintWarning(kNoUnwindTables);
-  }
+  if (options.WantsUnwinder()) PrintWarning(kNoUnwindTables);
   const std::string current = ReadSettings(process).text;
   WriteSettings(process, WithHooks(UpdateProperties(current, {options.depth, std::nullopt}),
                                    {plan.libraries, plan.functions}));
@@ -196,7 +194,7 @@ int StartHooking(const OnOptions& options, const ProcessInfo& process, const Hoo
 int StartRecording(const OnOptions& options) {
   const ProcessInfo process = RequireTracked(options.pid);
   RefuseMixedKinds(process, *options.kind);
-  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
+  const HookNames names = NamesFor(options);
   if (!options.kind->IsNative()) return StartHooking(options, process, names);
   const BacktraceSettings settings = ApplySettings(process, options);
   const Carried carried = SendCommand(
@@ -240,9 +238,7 @@ void PrintStillHooked(const ProcessInfo& process) {
 
 void AddOnOptions(CLI::App* command, OnOptions* options) {
   command->add_flag("--keep", options->keep, "Keep earlier records");
-  AddKind(command, &options->kind);
-  AddHookNames(command, &options->libraries, &options->functions);
-  AddBacktraceOptions(command, &options->depth, &options->type);
+  AddRecordingOptions(command, options);
 }
 
 void AddOn(Program* program) {

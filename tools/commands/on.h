@@ -4,10 +4,7 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <iosfwd>
-#include <optional>
-#include <string>
 #include <vector>
 
 #include "tools/commands/command_line.h"
@@ -17,14 +14,9 @@
 
 namespace memleak {
 
-struct OnOptions {
+struct OnOptions : RecordingOptions {
   pid_t pid = 0;
-  const Kind* kind = &protocol::kNative;
-  std::string libraries;  ///< to hook, separated by commas; empty: the default of the kind
-  std::string functions;  ///< the same
-  bool keep = false;      ///< keep earlier records
-  std::optional<std::uint32_t> depth;
-  std::optional<char> type;
+  bool keep = false;  ///< keep earlier records
 };
 
 /// Adds all options of `on`, without the argument PID.

@@ -34,26 +34,22 @@ void AddKind(CLI::App* command, const Kind** kind) {
   AddChoice(command, "--kind", kind, kinds, "native (default), " + HookedKindNames());
 }
 
-void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions) {
-  ExpectNames(AddOption(command, "--lib", libraries, "NAME,...",
-                        "Libraries to hook (default: the kind's own)"));
-  ExpectNames(AddOption(command, "--func", functions, "NAME,...",
-                        "Functions to hook (default for mmap:\n" +
-                            std::string(protocol::KindOf(protocol::MMAP).defaults) + ")"));
-}
-
-void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const char* summary) {
+void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const std::string& summary) {
   ExpectNumber(AddOption(command, "--depth", depth, "N", summary),
                CLI::Range(1U, protocol::kMaxDepth),
                "frames, 1 to " + std::to_string(protocol::kMaxDepth));
 }
 
-void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
-                         std::optional<char>* type) {
-  AddDepth(
-      command, depth,
-      ("Frames kept per allocation (default: " + std::to_string(DefaultDepth()) + ")").c_str());
-  AddChoice<char>(command, "--unwind", type,
+void AddRecordingOptions(CLI::App* command, RecordingOptions* options) {
+  AddKind(command, &options->kind);
+  ExpectNames(AddOption(command, "--lib", &options->libraries, "NAME,...",
+                        "Libraries to hook (default: the kind's own)"));
+  ExpectNames(AddOption(command, "--func", &options->functions, "NAME,...",
+                        "Functions to hook (default for mmap:\n" +
+                            std::string(protocol::KindOf(protocol::MMAP).defaults) + ")"));
+  AddDepth(command, &options->depth,
+           "Frames kept per allocation (default: " + std::to_string(kDefaultDepth) + ")");
+  AddChoice<char>(command, "--unwind", &options->type,
                   {{"fp", protocol::kUnwindFramePointers}, {"dwarf", protocol::kUnwindTables}},
                   "By frame pointers (default on aarch64) or\n"
                   "unwind tables (default on x86-64)");

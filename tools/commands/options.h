@@ -20,15 +20,11 @@ void AddPid(CLI::App* command, pid_t* pid);
 /// --kind: what is recorded.
 void AddKind(CLI::App* command, const Kind** kind);
 
-/// --lib and --func: lists of names, separated by commas.
-void AddHookNames(CLI::App* command, std::string* libraries, std::string* functions);
+/// --kind, --lib, --func, --depth and --unwind.
+void AddRecordingOptions(CLI::App* command, RecordingOptions* options);
 
 /// --depth, with `summary` in the help.
-void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const char* summary);
-
-/// --depth and --unwind.
-void AddBacktraceOptions(CLI::App* command, std::optional<std::uint32_t>* depth,
-                         std::optional<char>* type);
+void AddDepth(CLI::App* command, std::optional<std::uint32_t>* depth, const std::string& summary);
 
 /// --timeout in seconds, with `summary` in the help.
 void AddTimeout(CLI::App* command, std::uint32_t* timeout_s, const char* summary);

@@ -116,8 +116,9 @@ int Report(const ReportOptions& options) {
       profile.empty() ? PrintGroups(path) : PrintStacks(profile, process.Shown(profile));
   std::cout << "bytes   " << FormatCount(bytes) << " (" << FormatBytes(bytes) << ")\n"
             << "took    " << FormatDuration(took) << "\n";
-  const std::string fetch = FetchCommand(path);
-  if (!fetch.empty()) std::cout << "fetch   " << Printable(fetch) << "\n";
+  if (Advice().fetch != nullptr) {
+    std::cout << "fetch   " << Advice().fetch << Printable(path) << "\n";
+  }
   if (!options.kind->IsNative()) PrintStillHooked(process);
   if (options.keep_recording) std::cout << "        recording continues\n";
   return kExitOk;

@@ -67,9 +67,7 @@ void AddRun(Program* program) {
   command->add_flag("--start", options->start, "Record from before main");
   command->add_flag("--report-at-exit", options->report_at_exit,
                     "Write a report when the program ends");
-  AddKind(command, &options->kind);
-  AddHookNames(command, &options->libraries, &options->functions);
-  AddBacktraceOptions(command, &options->depth, &options->type);
+  AddRecordingOptions(command, options.get());
   AddOption(command, "--root", &options->root, "DIR", "Root directory (default: ./memleak.<pid>)");
   AddOption(command, "--log", &options->log, "FILE", "The tracker's log: a file, or \"stderr\"");
   AddOption(command, "--libdir", &options->libdir, "DIR",

@@ -170,7 +170,7 @@ int PrintStatus(const pid_t& pid) {
             << (process.is_stopped ? ", stopped" : "") << "\n"
             << "tracked     " << TrackedText(process) << "\n";
   if (!process.has_tracker || process.problem || process.IsDetached()) return kExitNegative;
-  const std::string log = LogPlace(process);
+  const std::string& log = process.log;
   if (process.has_state_of_parent) {
     std::cout << "recording   as process " << (*process.state)->pid
               << " when it was forked; nothing else is known before the first command\n";

@@ -6,10 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -19,8 +17,10 @@
 #include <utility>
 
 #include "protocol/protocol.h"
+#include "tools/base/files.h"
 #include "tools/base/format.h"
 #include "tools/base/names.h"
+#include "tools/base/output_file.h"
 #include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
 #include "tools/commands/input.h"
@@ -130,13 +130,9 @@ class Rounds {
   void Finish() const {
     std::vector<GroupTrend> groups = trends_.Result();
     const std::string path = (fs::path(options_.directory) / "trend.json").string();
-    std::ofstream file(path, std::ios::binary);
-    WriteTrendsJson(process_.Label(), reports_, groups, broken_, file);
-    file.close();
-    if (!file) {
-      throw UserError("cannot write " + path + ": " + std::strerror(errno),
-                      "make room, or name another directory with -o DIR");
-    }
+    OutputFile file(path);
+    WriteTrendsJson(process_.Label(), reports_, groups, broken_, file.Stream());
+    file.Commit();
     std::cout << "\n";
     if (reports_.size() > 1) {
       PrintTrends(reports_, groups, options_.top, std::cout);
@@ -214,10 +210,11 @@ class Rounds {
     const fs::path part = target.string() + ".part";  // until it is complete
     std::error_code error;
     const std::string source = FindReport(process_.ReportPath());
-    fs::copy_file(source, part, error);
+    const RootedPath rooted(source);
+    fs::copy_file(rooted.Text(), part, error);
     // Readers take the time of a report from its file.
     fs::file_time_type made;
-    if (!error) made = fs::last_write_time(source, error);
+    if (!error) made = fs::last_write_time(rooted.Text(), error);
     if (!error) fs::last_write_time(part, made, error);
     if (!error) fs::rename(part, target, error);
     if (error) {

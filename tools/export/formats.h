@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A profile in the formats of other programs. Used by `export`; single-threaded.
+// A profile in the formats of other programs. Errors are those of the stream. Used by `export`;
+// single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +27,7 @@ void WriteSpeedscope(const Profile& profile, std::ostream& out);
 /// (count) and inuse_space (bytes, the default). Its label "bytes" is the block size; Java-native
 /// groups have the label "kind" with the value "java-native". A report has no addresses of the
 /// process, so mappings get artificial ranges: an address is the start of its mapping plus the
-/// address in the file, or the offset in the report if the file is missing. Returns false if `out`
-/// cannot be written.
-bool WritePprof(const Profile& profile, std::ostream& out);
+/// address in the file, or the offset in the report if the file is missing.
+void WritePprof(const Profile& profile, std::ostream& out);
 
 }  // namespace memleak

@@ -57,7 +57,7 @@ class Columns {
     }
   }
 
-  /// The columns in their order.
+  /// Name, type and length of each column, in the order of their bytes.
   void WriteList(JsonWriter* json) const {
     json->Objects("columns", columns_, [&](const Column& column) {
       json->Member("name", column.name);

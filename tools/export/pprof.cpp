@@ -217,11 +217,13 @@ class Builder {
 
 }  // namespace
 
-bool WritePprof(const Profile& profile, std::ostream& out) {
+void WritePprof(const Profile& profile, std::ostream& out) {
   const Builder builder(profile);
   google::protobuf::io::OstreamOutputStream plain(&out);
   google::protobuf::io::GzipOutputStream packed(&plain);
-  return builder.Message().SerializeToZeroCopyStream(&packed) && packed.Close();
+  if (!builder.Message().SerializeToZeroCopyStream(&packed) || !packed.Close()) {
+    out.setstate(std::ios::failbit);
+  }
 }
 
 }  // namespace memleak

@@ -17,7 +17,6 @@
 #include "tools/base/progress.h"
 #include "tools/report/program_name.h"
 #include "tools/report/stacks.h"
-#include "tools/report/wrappers.h"
 #include "tools/symbols/demangle.h"
 #include "tools/symbols/jit_names.h"
 #include "tools/symbols/symbolizer.h"
@@ -54,22 +53,19 @@ class ProfileBuilder {
  public:
   explicit ProfileBuilder(Profile* profile) : profile_(profile) {}
 
-  void Add(const NativeGroup& group) {
-    Group& added = AddGroup(GroupKind::kNative, group);
-    added.cut = IsCut(group.frames.size(), profile_->header.backtrace_size);
+  void Add(const ReportGroup& group) {
+    Group& added = profile_->groups.emplace_back();
+    added.kind = group.java ? GroupKind::kJava : GroupKind::kNative;
+    added.size = group.size;
+    added.max_size = group.size;
+    added.count = group.count;
+    added.total = group.total;
     added.ages = group.ages;
+    added.cut = !group.java && IsCut(group.frames.size(), profile_->header.backtrace_size);
     added.stack.reserve(group.frames.size());
     for (const ReportFrame& frame : group.frames) {
-      added.stack.push_back(
-          IndexOf(frame.known ? Place{LibraryOf(frame.library), frame.offset, {}} : Place{}));
-    }
-  }
-
-  void Add(const JavaGroup& group) {
-    Group& added = AddGroup(GroupKind::kJava, group);
-    added.stack.reserve(group.frames.size());
-    for (const JavaFrame& frame : group.frames) {
-      added.stack.push_back(IndexOf({-1, frame.rel_pc, FunctionOf(frame.function)}));
+      const std::int32_t library = group.java || !frame.known ? -1 : LibraryOf(frame.library);
+      added.stack.push_back(IndexOf({library, frame.offset, FunctionOf(frame.function)}));
     }
   }
 
@@ -135,17 +131,6 @@ class ProfileBuilder {
     return depth != 0 && frames >= depth;
   }
 
-  template <typename Source>
-  Group& AddGroup(GroupKind kind, const Source& source) {
-    Group& group = profile_->groups.emplace_back();
-    group.kind = kind;
-    group.size = source.size;
-    group.max_size = source.size;
-    group.count = source.count;
-    group.total = source.total;
-    return group;
-  }
-
   std::int32_t LibraryOf(std::string_view name) {
     const auto known = libraries_.find(name);
     if (known != libraries_.end()) return known->second;
@@ -165,7 +150,7 @@ class ProfileBuilder {
   std::string JitNameOf(std::uint64_t pc) {
     if (!jit_) {
       struct stat state {};
-      stat(profile_->path.c_str(), &state);
+      stat(RootedPath(profile_->path).c_str(), &state);
       const ProfileHead& head = *profile_->head;
       jit_.emplace(JitProcess{head.pid, head.started, head.program, state.st_uid});
     }
@@ -298,7 +283,8 @@ void ReadWhole(const std::string& path, const std::function<void(DamagedLine&&)>
 
 std::int64_t ModifiedTime(const std::string& path) {
   struct stat state {};
-  return stat(path.c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime) : 0;
+  return stat(RootedPath(path).c_str(), &state) == 0 ? static_cast<std::int64_t>(state.st_mtime)
+                                                     : 0;
 }
 
 }  // namespace
@@ -323,8 +309,7 @@ Profile LoadProfile(const std::string& path, const SymbolOptions& options) {
     return profile;
   }
   ReportSink sink;
-  sink.native = [&](const NativeGroup& group) { builder.Add(group); };
-  sink.java = [&](const JavaGroup& group) { builder.Add(group); };
+  sink.group = [&](const ReportGroup& group) { builder.Add(group); };
   sink.damaged = damaged;
   profile.complete = ReadReportFile(path, sink, &profile.header) == ReportEnd::kComplete;
   MarkOwnAges(&profile);

@@ -37,6 +37,13 @@ std::optional<std::string> Unescape(std::string_view word) {
   return text;
 }
 
+// Takes the first line. Returns whether it is that of a profile.
+bool TakeMark(std::istream& input) {
+  std::string line(std::string_view(protocol::kProfileMark).size() + 1, '\0');
+  input.read(line.data(), static_cast<std::streamsize>(line.size()));
+  return line == std::string(protocol::kProfileMark) + "\n";
+}
+
 /// The state of one pass over a profile.
 class ProfilePass {
  public:
@@ -112,11 +119,6 @@ class ProfilePass {
     return cursor.AtEnd();
   }
 
-  template <typename T>
-  static bool TakeLast(Cursor& cursor, T* value) {
-    return cursor.TakeNumber(value) && cursor.AtEnd();
-  }
-
   bool TakeHead(Cursor cursor) {
     const std::string_view line = cursor.Rest();
     const std::string_view name = line.substr(0, line.find(' '));
@@ -125,22 +127,18 @@ class ProfilePass {
     if (name == "kinds") return TakeWords(cursor, &head_->kinds);
     if (name == "ages") return TakeAges(cursor);
     if (!cursor.Take(" ")) return false;
-    const std::pair<std::string_view, std::string*> words[] = {{"library", &head_->library},
-                                                               {"program", &head_->program},
-                                                               {"host", &head_->host},
-                                                               {"unwind", &head_->unwind}};
-    for (const auto& [word, value] : words) {
-      if (name == word) return TakeWord(cursor, value) && cursor.AtEnd();
-    }
-    const std::pair<std::string_view, std::int64_t*> times[] = {{"pid", &head_->pid},
-                                                                {"started", &head_->started},
-                                                                {"written", &head_->written},
-                                                                {"since", &head_->since}};
-    for (const auto& [word, value] : times) {
-      if (name == word) return TakeLast(cursor, value);
-    }
-    if (name == "depth") return TakeLast(cursor, &head_->depth);
-    if (name == "unrecorded") return TakeLast(cursor, &head_->unrecorded);
+    const auto word = [&](std::string* value) { return TakeWord(cursor, value) && cursor.AtEnd(); };
+    const auto number = [&](auto* value) { return cursor.TakeNumber(value) && cursor.AtEnd(); };
+    if (name == "library") return word(&head_->library);
+    if (name == "program") return word(&head_->program);
+    if (name == "host") return word(&head_->host);
+    if (name == "unwind") return word(&head_->unwind);
+    if (name == "pid") return number(&head_->pid);
+    if (name == "started") return number(&head_->started);
+    if (name == "written") return number(&head_->written);
+    if (name == "since") return number(&head_->since);
+    if (name == "depth") return number(&head_->depth);
+    if (name == "unrecorded") return number(&head_->unrecorded);
     return name == "report" && cursor.TakeNumber(&head_->report_bytes) && cursor.Take(" ") &&
            cursor.TakeNumber(&head_->report_digest, 16) && cursor.AtEnd();
   }
@@ -243,9 +241,7 @@ class ProfilePass {
 
 ReportEnd ReadProfile(std::istream& input, const ProfileSink& sink, ProfileHead* head) {
   *head = {};
-  std::string first(std::string_view(protocol::kProfileMark).size() + 1, '\0');
-  input.read(first.data(), static_cast<std::streamsize>(first.size()));
-  if (first != std::string(protocol::kProfileMark) + "\n") return ReportEnd::kNotAReport;
+  if (!TakeMark(input)) return ReportEnd::kNotAReport;
   ProfilePass pass(sink, head);
   LineReader reader(input);
   std::string_view line;
@@ -261,7 +257,7 @@ ReportEnd ReadProfile(std::istream& input, const ProfileSink& sink, ProfileHead*
 }
 
 ReportEnd ReadProfileFile(const std::string& path, const ProfileSink& sink, ProfileHead* head) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(RootedPath(path).Text(), std::ios::binary);
   const ReportEnd end = file ? ReadProfile(file, sink, head) : ReportEnd::kNotAReport;
   if (end == ReportEnd::kNotAReport) {
     throw UserError("cannot read profile " + path, "check the path, or run memleak as its owner");
@@ -272,15 +268,13 @@ ReportEnd ReadProfileFile(const std::string& path, const ProfileSink& sink, Prof
 bool IsProfile(const std::string& path) {
   // The open of a pipe may block.
   if (!IsPlainFile(path)) return false;
-  std::ifstream file(path, std::ios::binary);
-  std::string line(std::string_view(protocol::kProfileMark).size() + 1, '\0');
-  file.read(line.data(), static_cast<std::streamsize>(line.size()));
-  return line == std::string(protocol::kProfileMark) + "\n";
+  std::ifstream file(RootedPath(path).Text(), std::ios::binary);
+  return TakeMark(file);
 }
 
 ProfileHead ReadProfileHead(const std::string& path) {
   ProfileHead head;
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(RootedPath(path).Text(), std::ios::binary);
   std::string start(64U << 10U, '\0');  // the head is shorter
   file.read(start.data(), static_cast<std::streamsize>(start.size()));
   start.resize(static_cast<std::size_t>(file.gcount()));
@@ -299,7 +293,7 @@ std::string ProfileBeside(const std::string& report, bool* other) {
   *other = false;
   if (name == kProfileName || !IsProfile(path)) return "";
   const ProfileHead head = ReadProfileHead(path);
-  std::ifstream text(report, std::ios::binary);
+  std::ifstream text(RootedPath(report).Text(), std::ios::binary);
   std::uint64_t bytes = 0;
   std::uint64_t digest = protocol::kDigestStart;
   std::vector<char> piece(64U << 10U);

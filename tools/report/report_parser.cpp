@@ -70,22 +70,47 @@ bool TakeFrames(Cursor* cursor, std::vector<ReportFrame>* frames) {
   return true;
 }
 
-template <typename Group>
-bool TakeSizes(Cursor* cursor, Group* group) {
+bool TakeSizes(Cursor* cursor, ReportGroup* group) {
   return cursor->Take(kGroupMark) && cursor->TakeNumber(&group->size) && cursor->Take(" ") &&
          cursor->TakeNumber(&group->total) && cursor->Take(" num ") &&
          cursor->TakeNumber(&group->count);
 }
 
 // "#00 rel_pc HEX NAME"
-bool ParseJavaFrame(std::string_view line, JavaFrame* frame) {
+bool ParseJavaFrame(std::string_view line, ReportFrame* frame) {
   Cursor cursor(line);
   std::uint64_t number = 0;
   if (!cursor.Take("#") || !cursor.TakeNumber(&number) || !cursor.Take(" rel_pc ") ||
-      !cursor.TakeNumber(&frame->rel_pc, 16) || !cursor.Take(" ")) {
+      !cursor.TakeNumber(&frame->offset, 16) || !cursor.Take(" ")) {
     return false;
   }
   frame->function = cursor.Rest();
+  return true;
+}
+
+// Parses the line of a native group, to which the group refers. On failure sets `reason`.
+bool ParseNativeLine(std::string_view line, ReportGroup* group, std::string* reason) {
+  group->ages.clear();
+  group->frames.clear();
+  Cursor cursor(line);
+  if (!TakeSizes(&cursor, group) || !cursor.Take(" time ")) {
+    *reason = "sizes of a group unreadable";
+    return false;
+  }
+  std::int64_t age = 0;
+  while (cursor.TakeNumber(&age)) {
+    group->ages.push_back(age);
+    if (!cursor.Take(" ")) break;
+  }
+  cursor.Take(" ");
+  if (!cursor.Take(kBacktraceMark)) {
+    *reason = "ages of a group unreadable";
+    return false;
+  }
+  if (!TakeFrames(&cursor, &group->frames)) {
+    *reason = "frame unreadable: " + std::string(cursor.Rest().substr(0, 60));
+    return false;
+  }
   return true;
 }
 
@@ -156,7 +181,7 @@ class ReportPass {
   }
 
   void Flush() {
-    if (java_open_ && sink_.java) sink_.java(java_);
+    if (java_open_ && sink_.group) sink_.group(java_);
     java_open_ = false;
     java_.frames.clear();
   }
@@ -199,7 +224,7 @@ class ReportPass {
   void NativeLine(std::string_view line) {
     std::string reason;
     if (!ParseNativeLine(line, &native_, &reason)) return Damaged(std::move(reason));
-    if (sink_.native) sink_.native(native_);
+    if (sink_.group) sink_.group(native_);
   }
 
   void JavaLine(std::string_view line) {
@@ -211,7 +236,7 @@ class ReportPass {
       if (java_lost_) Damaged("sizes of a Java-native group unreadable");
       return;
     }
-    JavaFrame frame;
+    ReportFrame frame;
     const bool understood = ParseJavaFrame(line, &frame);
     // Skips the frames of a group that was left out.
     if (understood && java_lost_) return;
@@ -232,36 +257,11 @@ class ReportPass {
   bool in_java_ = false;
   bool java_open_ = false;  // java_ still takes frames
   bool java_lost_ = false;  // skips the frames of a group that was left out
-  JavaGroup java_;
-  NativeGroup native_;  // kept for its capacity
+  ReportGroup java_ = {.java = true};
+  ReportGroup native_;  // kept for its capacity
 };
 
 }  // namespace
-
-bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* reason) {
-  group->ages.clear();
-  group->frames.clear();
-  Cursor cursor(line);
-  if (!TakeSizes(&cursor, group) || !cursor.Take(" time ")) {
-    *reason = "sizes of a group unreadable";
-    return false;
-  }
-  std::int64_t age = 0;
-  while (cursor.TakeNumber(&age)) {
-    group->ages.push_back(age);
-    if (!cursor.Take(" ")) break;
-  }
-  cursor.Take(" ");
-  if (!cursor.Take(kBacktraceMark)) {
-    *reason = "ages of a group unreadable";
-    return false;
-  }
-  if (!TakeFrames(&cursor, &group->frames)) {
-    *reason = "frame unreadable: " + std::string(cursor.Rest().substr(0, 60));
-    return false;
-  }
-  return true;
-}
 
 ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* header) {
   *header = {};
@@ -289,11 +289,12 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header) {
   // Checks before opening: the open of a pipe may block.
-  if (access(path.c_str(), F_OK) == 0 && !IsPlainFile(path)) {
+  const RootedPath rooted(path);
+  if (access(rooted.c_str(), F_OK) == 0 && !IsPlainFile(rooted.Text())) {
     throw UserError("cannot read report " + path + ": not a file",
                     "name the file that memleak report printed");
   }
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(rooted.Text(), std::ios::binary);
   if (!file) throw CannotOpen(path, errno);
   const ReportEnd end = ReadReport(file, sink, header);
   if (end == ReportEnd::kNotAReport) {

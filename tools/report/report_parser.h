@@ -11,32 +11,22 @@
 
 namespace memleak {
 
+/// A frame. Of a Java-native group, it has an offset and a function.
 struct ReportFrame {
-  std::string_view library;  ///< name of the mapping, may be empty; refers to the line
-  std::uint64_t offset = 0;  ///< bytes from the start of the mapping that holds the pc
-  bool known = true;         ///< false for "[unknow]": the pc lay in no mapping
+  std::string_view library;   ///< name of the mapping, may be empty; refers to the line
+  std::uint64_t offset = 0;   ///< bytes from the start of the mapping that holds the pc
+  bool known = true;          ///< false for "[unknow]": the pc lay in no mapping
+  std::string function = {};  ///< may be empty
 };
 
 /// Live blocks of one size with one backtrace.
-struct NativeGroup {
-  std::uint64_t size = 0;           ///< bytes of one block
-  std::uint64_t total = 0;          ///< bytes of all
-  std::uint64_t count = 0;          ///< number of blocks
-  std::vector<std::int64_t> ages;   ///< seconds, of at most 30 blocks with this stack
-  std::vector<ReportFrame> frames;  ///< innermost first
-};
-
-struct JavaFrame {
-  std::uint64_t rel_pc = 0;
-  std::string function;  ///< may be empty
-};
-
-/// Live blocks with a Java-native stack.
-struct JavaGroup {
-  std::uint64_t size = 0;
-  std::uint64_t total = 0;
-  std::uint64_t count = 0;
-  std::vector<JavaFrame> frames;  ///< innermost first
+struct ReportGroup {
+  bool java = false;                     ///< with a Java-native stack, without ages
+  std::uint64_t size = 0;                ///< bytes of one block
+  std::uint64_t total = 0;               ///< bytes of all
+  std::uint64_t count = 0;               ///< number of blocks
+  std::vector<std::int64_t> ages = {};   ///< seconds, of at most 30 blocks with this stack
+  std::vector<ReportFrame> frames = {};  ///< innermost first
 };
 
 /// The figures at the head of a report. They count all native groups, listed or not.
@@ -55,8 +45,7 @@ struct DamagedLine {
 
 /// Receives the pieces of a report. Members may be empty. Groups live as long as the call.
 struct ReportSink {
-  std::function<void(const NativeGroup&)> native;
-  std::function<void(const JavaGroup&)> java;
+  std::function<void(const ReportGroup&)> group;
   std::function<void(DamagedLine&&)> damaged;
 };
 
@@ -74,9 +63,5 @@ ReportEnd ReadReport(std::istream& input, const ReportSink& sink, ReportHeader* 
 
 /// Reads the file at `path` the same way. Throws UserError if it cannot be read or is not a report.
 ReportEnd ReadReportFile(const std::string& path, const ReportSink& sink, ReportHeader* header);
-
-/// Parses the line of a native group, without its newline. The group refers to `line`. On failure
-/// returns false and sets `reason`.
-bool ParseNativeLine(std::string_view line, NativeGroup* group, std::string* reason);
 
 }  // namespace memleak

@@ -2,10 +2,27 @@
 // Changes the stacks of a symbolized profile. Single-threaded.
 #pragma once
 
+#include <optional>
+#include <string>
+
+#include "tools/report/expression.h"
 #include "tools/report/model.h"
-#include "tools/report/wrappers.h"
 
 namespace memleak {
+
+/// Recognizes functions that only pass memory of the allocator on to their callers.
+class Wrappers {
+ public:
+  /// `skip` is an expression for more of them; empty for none. Throws UserError if it is invalid.
+  explicit Wrappers(const std::string& skip);
+
+  /// Whether `function`, a demangled name, is one.
+  bool Contains(const std::string& function) const;
+
+ private:
+  Expression known_;
+  std::optional<Expression> more_;
+};
 
 /// Removes the inner frames that are wrappers of allocators or the loader's, unless all frames are.
 void FoldWrappers(const Wrappers& wrappers, Profile* profile);

@@ -10,7 +10,8 @@ namespace memleak {
 namespace {
 
 // The page sizes of arm64. The alignment of a file's segments limits them.
-constexpr std::array<std::uint64_t, 3> kPageSizes = {kSmallestPage, 16384, 65536};
+constexpr std::array<std::uint64_t, 3> kPageSizes = {4096, 16384, 65536};
+constexpr std::uint64_t kSmallestPage = kPageSizes.front();
 constexpr std::uint64_t kInstructionBytes = 4;
 
 std::vector<GElf_Phdr> CodeSegments(Elf* elf) {
@@ -70,11 +71,12 @@ std::vector<CodeRange> CodeRanges(Elf* elf, std::uint64_t page_bytes) {
   std::vector<CodeRange> ranges;
   std::uint64_t shift = 0;
   for (const GElf_Phdr& segment : CodeSegments(elf)) {
-    const std::uint64_t begin = FileAddress(0, segment.p_vaddr, page_bytes);
+    // Mappings start at a multiple of the page size.
+    const std::uint64_t begin = segment.p_vaddr & ~(page_bytes - 1);
     const std::uint64_t end = segment.p_vaddr + segment.p_memsz;
     const std::uint64_t distance = segment.p_vaddr - segment.p_offset;
     if (!ranges.empty() && distance == shift &&
-        begin == FileAddress(0, ranges.back().end + page_bytes - 1, page_bytes)) {
+        begin == ((ranges.back().end + page_bytes - 1) & ~(page_bytes - 1))) {
       ranges.back().end = end;
     } else {
       ranges.push_back({begin, end});

@@ -10,15 +10,6 @@
 
 namespace memleak {
 
-inline constexpr std::uint64_t kSmallestPage = 4096;
-
-/// The file address of the byte at `offset` in the mapping of an executable segment with p_vaddr
-/// `segment_vaddr`. Mappings start at a multiple of `page_bytes`, a power of two.
-constexpr std::uint64_t FileAddress(std::uint64_t offset, std::uint64_t segment_vaddr,
-                                    std::uint64_t page_bytes = kSmallestPage) {
-  return offset + (segment_vaddr & ~(page_bytes - 1));
-}
-
 /// The file addresses that one executable mapping shows.
 struct CodeRange {
   std::uint64_t begin = 0;

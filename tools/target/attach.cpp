@@ -29,6 +29,7 @@
 #include "tools/target/inspect.h"
 #include "tools/target/launcher.h"
 #include "tools/target/root_directory.h"
+#include "tools/target/task_status.h"
 #include "tools/target/thread_stacks.h"
 
 namespace memleak {
@@ -47,6 +48,7 @@ constexpr milliseconds kRunToMalloc(200);
 
 constexpr std::uint64_t kRedZone = 128;                    // below the stack pointer of x86-64
 constexpr std::uint64_t kNow = 2;                          // RTLD_NOW | RTLD_LOCAL of glibc
+constexpr std::uint64_t kLoadedOnly = 4;                   // RTLD_NOLOAD
 constexpr std::uint64_t kInternalNow = kNow | 0x80000000;  // for __libc_dlopen_mode
 
 const std::vector<const char*> kLibraries = {protocol::kPreloadLibrary, protocol::kTrackerLibrary};
@@ -122,7 +124,7 @@ std::string PlaceLibraries(const ProcessInfo& process, const std::string& libdir
     directory = root;
   }
   struct statvfs status {};
-  if (statvfs((process.outside + directory).c_str(), &status) == 0 &&
+  if (statvfs(RootedPath(process.outside + directory).c_str(), &status) == 0 &&
       (status.f_flag & ST_NOEXEC) != 0) {
     throw UserError("no code can be loaded from " + process.Shown(process.outside + directory) +
                         ": it is mounted with noexec",
@@ -133,33 +135,30 @@ std::string PlaceLibraries(const ProcessInfo& process, const std::string& libdir
 }
 
 /// The loader as the process has mapped it.
-class MappedLoader {
- public:
-  /// Nothing if it is not mapped.
-  static std::optional<MappedLoader> Find(const ProcessInfo& process) {
+struct MappedLoader {
+  std::string path;        ///< as the process sees it
+  std::uint64_t bias = 0;  ///< what is added to the addresses in `file`
+  std::string file;        ///< the path for this controller
+
+  /// All that are mapped, at least partly.
+  static std::vector<MappedLoader> Find(const ProcessInfo& process) {
+    std::vector<MappedLoader> found;
     for (const Mapping& mapping : ParseMaps(ReadMaps(process.pid))) {
       if (mapping.offset != 0 || LastPart(mapping.path) != protocol::kPreloadLibrary) continue;
       const std::string path = FileOf(process, mapping);
       const auto file = ReadDynamicFile(path, {});
-      if (file) return MappedLoader(mapping.start - file->first_address, ReadDefinitions(path));
+      if (file) found.push_back({mapping.path, mapping.start - file->first_address, path});
     }
-    return std::nullopt;
+    return found;
   }
 
   std::uint64_t Address(const char* name) const {
-    for (const ElfSymbol& symbol : symbols_) {
-      if (symbol.name == name) return bias_ + symbol.address;
+    for (const ElfSymbol& symbol : ReadDefinitions(file)) {
+      if (symbol.name == name) return bias + symbol.address;
     }
     throw UserError(std::string("the loader has no ") + name,
                     "use the loader of the same build with --libdir DIR");
   }
-
- private:
-  MappedLoader(std::uint64_t bias, std::vector<ElfSymbol> symbols)
-      : bias_(bias), symbols_(std::move(symbols)) {}
-
-  std::uint64_t bias_;
-  std::vector<ElfSymbol> symbols_;
 };
 
 /// One stop of the process.
@@ -182,15 +181,23 @@ class Attachment {
     }
   }
 
-  // Calls dlopen.
-  void Load(const std::string& path) {
+  // Calls dlopen for the loader, which is at `path` or loaded already. Waits until another thread
+  // has loaded it.
+  void Load(const std::string& path, bool is_loaded) {
     const bool internal = code_->Function("dlopen") == 0;
     const std::uint64_t function = code_->Function(internal ? "__libc_dlopen_mode" : "dlopen");
     if (function == 0) {
       throw UserError("cannot find dlopen in process " + process_.Label(),
                       "start the program with: memleak run -- PROGRAM");
     }
-    if (Call(function, {path}, {internal ? kInternalNow : kNow}) != 0) return;
+    const std::uint64_t mode = internal ? kInternalNow : kNow;
+    handle_ = Call(function, {path}, {is_loaded ? mode | kLoadedOnly : mode});
+    if (handle_ != 0) return;
+    if (is_loaded) {
+      throw UserError("process " + process_.Label() + " has loaded a part of " + path +
+                          ": an attach was broken off",
+                      "restart it");
+    }
     const std::uint64_t dlerror = code_->Function("dlerror");
     const std::string reason = dlerror == 0 ? "" : memory_.Text(Call(dlerror, {}, {}));
     throw UserError("process " + process_.Label() +
@@ -200,15 +207,21 @@ class Attachment {
 
   // Calls the loader's function.
   void Begin(const std::string& root, const std::string& log, const std::string& properties) {
-    const auto loader = MappedLoader::Find(process_);
-    if (!loader) throw UserError("process " + process_.Label() + " has not loaded the tracker");
-    const auto error = static_cast<int>(
-        Call(loader->Address(protocol::kAttachFunction), {root, log, properties}, {}));
+    const std::vector<MappedLoader> loaders = MappedLoader::Find(process_);
+    const std::uint64_t bias = memory_.Word(handle_).value_or(0);  // the handle is a link_map
+    const auto loader = std::find_if(loaders.begin(), loaders.end(),
+                                     [&](const MappedLoader& one) { return one.bias == bias; });
+    if (loader == loaders.end()) {
+      throw UserError("process " + process_.Label() + " has closed the tracker", "try again");
+    }
+    const std::uint64_t function = loader->Address(protocol::kAttachFunction);
+    const std::uint64_t reason = loader->Address(protocol::kAttachReason);
+    const auto error = static_cast<int>(Call(function, {root, log, properties}, {}));
     if (error == 0) return;
     if (error == EBUSY) throw StartedByRun(process_);
-    const std::string reason = memory_.Text(loader->Address(protocol::kAttachReason));
+    const std::string text = memory_.Text(reason);
     throw UserError("cannot attach to process " + process_.Label() + ": " +
-                    Printable(reason.empty() ? std::strerror(error) : reason));
+                    Printable(text.empty() ? std::strerror(error) : text));
   }
 
   // Lets the process run on. Returns how long it stood still.
@@ -219,6 +232,10 @@ class Attachment {
 
  private:
   bool TryToStop() {
+    if (const auto thread = UnstoppableThread(process_.pid)) {
+      why_not_ = "thread " + std::to_string(*thread) + " is in an uninterruptible system call";
+      return false;
+    }
     if (!code_ || code_->IsOutdated()) code_ = std::make_unique<ProcessCode>(process_);
     stopped_ = steady_clock::now();
     debugger_->Attach();
@@ -298,7 +315,8 @@ class Attachment {
   UserError Failed() {
     const std::string output = debugger_->LastOutput();
     if (!IsAlive(process_.pid)) {
-      return UserError("process " + process_.Label() + " has ended during the call: " + output);
+      return UserError("process " + process_.Label() +
+                       " has ended while it loaded the tracker: " + output);
     }
     return UserError("a call in process " + process_.Label() + " failed: " + output, "try again");
   }
@@ -310,6 +328,7 @@ class Attachment {
   std::optional<StoppedThread> thread_;
   bool linker_in_use_ = false;
   bool interrupted_ = false;  // a signal waits for the thread
+  std::uint64_t handle_ = 0;  // of the loader
   std::string why_not_;
   steady_clock::time_point stopped_;
 };
@@ -317,9 +336,16 @@ class Attachment {
 // After a failed attach, unless the process uses the libraries there.
 void RemoveNewRoot(const ProcessInfo& process, const std::string& root) {
   try {
-    if (IsAlive(process.pid) && MappedLoader::Find(process)) return;
+    std::vector<const char*> files = {protocol::kPropertiesFile, kLibraries[0], kLibraries[1]};
+    std::vector<MappedLoader> loaders;
+    if (IsAlive(process.pid)) loaders = MappedLoader::Find(process);
+    for (const MappedLoader& loader : loaders) {
+      if (process.outside + loader.path == JoinPath(root, protocol::kPreloadLibrary)) return;
+    }
+    // It has ended, or executed another program.
+    if (loaders.empty()) files.push_back(protocol::kStatePath + 1);
     const AsUserOf user(process);
-    RemoveRoot(root, {protocol::kPropertiesFile, kLibraries[0], kLibraries[1]});
+    RemoveRoot(root, files);
   } catch (const UserError&) {
     // The error that is reported is the first.
   }
@@ -329,23 +355,25 @@ void RemoveNewRoot(const ProcessInfo& process, const std::string& root) {
 
 microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places) {
   CheckAttachable(process);
+  const std::string program = ProgramOf(process.pid);
+  if (!places.force) CheckFilters(process);
   Attachment attachment(process);
   const std::string log = Absolute(process, places.log, "--log");
   const Root made = MakeRoot(process, places.root);
   const std::string root = ExpandPid(made.pattern, process.inner_pid);
   try {
-    if (!MappedLoader::Find(process)) {
-      const std::string directory = PlaceLibraries(process, places.libdir, root);
-      attachment.Stop();
-      attachment.Load(JoinPath(directory, protocol::kPreloadLibrary));
-    } else {
-      attachment.Stop();
-    }
+    const bool is_loaded = !MappedLoader::Find(process).empty();
+    std::string path = protocol::kPreloadLibrary;  // its DT_SONAME
+    if (!is_loaded) path = JoinPath(PlaceLibraries(process, places.libdir, root), path);
+    attachment.Stop();
+    attachment.Load(path, is_loaded);
     attachment.Begin(made.pattern, log, JoinPath(root, protocol::kPropertiesFile));
     return attachment.End();
   } catch (const UserError&) {
     if (made.is_new) RemoveNewRoot(process, process.outside + root);
-    throw;
+    if (!IsAlive(process.pid) || ProgramOf(process.pid) == program) throw;
+    throw UserError("process " + process.Label() + " has executed another program meanwhile",
+                    "try again");
   }
 }
 

@@ -12,11 +12,12 @@
 
 namespace memleak {
 
-/// Where the files of an attached process are.
+/// How to attach: where the files are.
 struct AttachPlaces {
   std::string root;    ///< as given, may contain "%p"; empty: the first default that is writable
   std::string log;     ///< a file, may contain "%p"; empty: none
   std::string libdir;  ///< directory of the tracker's two libraries; empty: near the controller
+  bool force = false;  ///< also if the process has seccomp filters that may end it
 };
 
 /// Attaches to `process`, which InspectProcess has returned, with a debugger. Nothing is recorded

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 
 #include "tools/base/files.h"
@@ -15,6 +16,7 @@
 #include "tools/target/inspect.h"
 #include "tools/target/maps.h"
 #include "tools/target/root_directory.h"
+#include "tools/target/task_status.h"
 
 namespace memleak {
 namespace {
@@ -75,7 +77,41 @@ void CheckProgram(const ProcessInfo& process, const std::vector<Mapping>& mappin
   }
 }
 
+std::string PidNamespace(pid_t pid) {
+  return LinkTarget("/proc/" + std::to_string(pid) + "/ns/pid");
+}
+
+// The first process of the PID namespace of `process`; 0 if it is not visible.
+pid_t FirstProcess(const ProcessInfo& process) {
+  const std::string space = PidNamespace(process.pid);
+  if (space == PidNamespace(getpid())) return 1;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+    const pid_t pid = std::atoi(entry.path().filename().c_str());
+    if (pid <= 0 || PidNamespace(pid) != space) continue;
+    if (InnerPid(ReadTextFile(entry.path() / "status").value_or(""), pid) == 1) return pid;
+  }
+  return 0;
+}
+
+std::string Filters(unsigned count) {
+  return std::to_string(count) + (count == 1 ? " seccomp filter" : " seccomp filters");
+}
+
 }  // namespace
+
+void CheckFilters(const ProcessInfo& process) {
+  const unsigned own = SeccompFilters(process.pid);
+  if (own == 0) return;
+  const pid_t first = FirstProcess(process);
+  const unsigned common = first == 0 ? 0 : SeccompFilters(first);
+  if (own <= common) return;
+  throw UserError(
+      "process " + process.Label() + " has " + Filters(own) +
+          (common == 0 ? "" : ", the first process of its container has " + Filters(common)) +
+          "; it ends if they forbid a system call of the tracker, such as openat",
+      "allow that, then: memleak attach --force " + std::to_string(process.pid));
+}
 
 void CheckAttachable(const ProcessInfo& process) {
   CheckTracer(process);

@@ -12,6 +12,10 @@ namespace memleak {
 /// Throws UserError if `process` cannot be attached to, as far as /proc tells.
 void CheckAttachable(const ProcessInfo& process);
 
+/// Throws UserError if `process` has seccomp filters of its own, which may end it when it loads the
+/// tracker. A container's runtime gives all processes there a filter, which allows that.
+void CheckFilters(const ProcessInfo& process);
+
 /// The error if a debugger may not stop `process`. `output` is what the debugger said; may be
 /// empty.
 UserError Refused(const ProcessInfo& process, const std::string& output);

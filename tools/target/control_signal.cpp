@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The control signal and its number.
 #include "tools/target/control_signal.h"
 
 #include <signal.h>

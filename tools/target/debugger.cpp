@@ -14,15 +14,14 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
+#include <cstring>
 #include <sstream>
 #include <thread>
 
 #include "tools/base/files.h"
 #include "tools/base/names.h"
-#include "tools/base/proc_files.h"
 #include "tools/base/user_error.h"
-#include "tools/target/inspect.h"
+#include "tools/target/task_status.h"
 
 namespace memleak {
 namespace {
@@ -33,6 +32,8 @@ using std::chrono::steady_clock;
 constexpr std::string_view kEnd = "@@";
 // dlopen reads two files, and a process on a busy machine may get little time.
 constexpr milliseconds kCallTimeout(60'000);
+// A thread in an uninterruptible system call does not stop. Until this time the others wait for it.
+constexpr milliseconds kStopTimeout(800);
 // How long a debugger gets to stop the process, and to end.
 constexpr milliseconds kEndTimeout(3'000);
 
@@ -82,34 +83,6 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   return pointers;
 }
 
-// Calls `function` with the status of each thread of process `pid`.
-template <typename Function>
-bool AnyThread(pid_t pid, Function function) {
-  std::error_code error;
-  for (const auto& task :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
-    if (function(ReadTextFile(task.path() / "status").value_or(""))) return true;
-  }
-  return false;
-}
-
-// Whether `signal` is pending for the process or one of its threads.
-bool IsPending(pid_t pid, int signal) {
-  return AnyThread(pid, [&](const std::string& status) {
-    for (const char* field : {"SigPnd", "ShdPnd"}) {
-      const std::uint64_t set = std::strtoull(StatusField(status, field).c_str(), nullptr, 16);
-      if ((set >> (signal - 1) & 1) != 0) return true;
-    }
-    return false;
-  });
-}
-
-bool HasThreadInState(pid_t pid, char state) {
-  return AnyThread(pid, [&](const std::string& status) {
-    return StatusField(status, "State").starts_with(state);
-  });
-}
-
 }  // namespace
 
 std::uint64_t StoppedThread::StackPointer() const {
@@ -120,7 +93,7 @@ std::uint64_t StoppedThread::ProgramCounter() const {
 }
 
 Debugger::Debugger(pid_t pid, const Lines& command, std::string end_command)
-    : target_(pid), end_command_(std::move(end_command)) {
+    : target_(pid), program_(ProgramOf(pid)), end_command_(std::move(end_command)) {
   std::array<int, 2> ends{};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     throw UserError(std::string("cannot make a socket: ") + std::strerror(errno),
@@ -188,7 +161,10 @@ bool Debugger::Receive(milliseconds timeout) {
     if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) <= 0) return false;
     std::array<char, 65536> text{};
     const ssize_t got = read(socket_, text.data(), text.size());
-    if (got <= 0) return false;
+    if (got <= 0) {
+      has_ended_ = true;
+      return false;
+    }
     buffer_.append(text.data(), static_cast<std::size_t>(got));
   }
   return true;
@@ -196,12 +172,23 @@ bool Debugger::Receive(milliseconds timeout) {
 
 Debugger::Lines Debugger::Run(const Lines& lines, milliseconds timeout) {
   if (Send(lines) && Receive(timeout)) return output_;
+  GiveUp();
+}
+
+// Ends the debugger.
+void Debugger::GiveUp() {
   std::string reason = LastOutput();
-  if (attached_ && HasThreadInState(target_, 'D')) {
-    reason = "a thread of the process is in an uninterruptible system call";
+  for (const std::string& line : output_) {
+    if (line.find("internal-error") != std::string::npos) reason = Printable(line);
   }
+  const bool cannot_stop = attached_ && !has_ended_ && HasThreadInState(target_, 'D');
+  if (cannot_stop) reason = "a thread of the process is in an uninterruptible system call";
+  // It would wait, and the process stands still.
+  if (cannot_stop || ProgramOf(target_) != program_) kill(child_, SIGKILL);
+  failed_ = true;
   End();
-  throw UserError("the debugger does not answer" + (reason.empty() ? "" : ": " + reason),
+  throw UserError((has_ended_ ? "the debugger has ended" : "the debugger does not answer") +
+                      (reason.empty() ? "" : ": " + reason),
                   "try again; the process runs on");
 }
 
@@ -222,7 +209,9 @@ std::string Debugger::LastOutput() const {
 
 void Debugger::Attach() {
   attached_ = true;
-  Run(AttachCommands(target_), kReplyTimeout);
+  if (!Send(AttachCommands(target_))) GiveUp();
+  if (Receive(kStopTimeout)) return;
+  if (HasThreadInState(target_, 'D') || !Receive(kReplyTimeout)) GiveUp();
 }
 
 void Debugger::Detach() {
@@ -272,12 +261,23 @@ void Debugger::RunTo(std::uint64_t address, milliseconds timeout) {
     for (int i = 0; i < 10 && IsPending(target_, SIGTRAP); ++i) Run({"continue"}, kReplyTimeout);
     return;
   }
-  End();
-  throw UserError("the debugger does not answer", "try again; the process runs on");
+  GiveUp();
+}
+
+// Receive for a call, which may take long. gdb hangs after some execs.
+bool Debugger::ReceiveResult() {
+  constexpr milliseconds kLook(500);
+  for (milliseconds waited(0); waited < kCallTimeout; waited += kLook) {
+    const bool has_executed = ProgramOf(target_) != program_;
+    if (Receive(kLook)) return true;
+    if (has_ended_ || has_executed) GiveUp();
+  }
+  return false;
 }
 
 CallResult Debugger::Call(const FunctionCall& call) {
-  if (Send(CallCommands(call)) && !Receive(kCallTimeout)) Leave();
+  if (!Send(CallCommands(call))) GiveUp();
+  if (!ReceiveResult()) Leave();
   CallResult answer;
   for (const std::string& line : output_) {
     const std::size_t result = line.find(" = ", std::min(line.find('$'), line.size()));
@@ -288,6 +288,7 @@ CallResult Debugger::Call(const FunctionCall& call) {
     if (line.ends_with(kInterrupted)) answer.interrupted = true;
   }
   if (answer.value || answer.interrupted) return answer;
+  failed_ = true;
   // The reason, without what failed because of it.
   for (const std::string& line : output_) {
     if (line.starts_with("Program ") || line.starts_with("process ") ||
@@ -315,7 +316,7 @@ void Debugger::Leave() {
 
 void Debugger::End() {
   if (child_ <= 0) return;
-  const bool was_attached = attached_;
+  failed_ = failed_ || attached_;
   attached_ = false;
   close(socket_);
   socket_ = -1;
@@ -329,10 +330,16 @@ void Debugger::End() {
     std::this_thread::sleep_for(milliseconds(5));
   }
   child_ = -1;
-  // A debugger that was killed before it saw the stops that it has asked for leaves the process
-  // stopped, or about to stop. SIGCONT also removes pending stops.
-  if (was_attached && (HasThreadInState(target_, 'T') || IsPending(target_, SIGSTOP))) {
-    kill(target_, SIGCONT);
+  if (failed_) Continue();
+}
+
+// Continues the process if the debugger has left it stopped, or about to stop: it was ended before
+// it saw a stop that it has asked for, or has lost the process by an exec. SIGCONT also removes
+// pending stops.
+void Debugger::Continue() const {
+  for (int look = 0; look < 10; ++look) {
+    if (HasThreadInState(target_, 'T') || IsPending(target_, SIGSTOP)) kill(target_, SIGCONT);
+    std::this_thread::sleep_for(milliseconds(10));
   }
 }
 

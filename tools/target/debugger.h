@@ -99,15 +99,21 @@ class Debugger {
  private:
   bool Send(const Lines& lines);
   bool Receive(std::chrono::milliseconds timeout);
+  bool ReceiveResult();
   bool ReceiveOrStop(std::chrono::milliseconds timeout);
   [[noreturn]] void Leave();
+  [[noreturn]] void GiveUp();
   void End();
+  void Continue() const;
 
   pid_t target_;
+  std::string program_;  // as ProgramOf
   std::string end_command_;
   pid_t child_ = -1;
   int socket_ = -1;
   bool attached_ = false;
+  bool has_ended_ = false;
+  bool failed_ = false;      // the process may have been left stopped
   std::size_t pending_ = 0;  // times that commands were sent and their output is not complete
   std::string buffer_;
   Lines output_;

@@ -27,11 +27,12 @@ constexpr std::uint64_t kPageMask = 4095;
 
 class File {
  public:
-  explicit File(const std::string& path) {
+  explicit File(const std::string& name) {
     struct stat status {};
+    const RootedPath path(name);
     // Opening a device may have side effects.
     if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    file_ = OpenToRead(path);
+    file_ = OpenToRead(name);
     if (file_.IsOpen()) size_ = static_cast<std::uint64_t>(status.st_size);
   }
 

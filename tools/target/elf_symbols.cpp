@@ -34,7 +34,7 @@ void AddDefinitions(Elf* elf, Elf_Scn* section, std::vector<ElfSymbol>* definiti
 
 std::vector<ElfSymbol> ReadDefinitions(const std::string& path) {
   std::vector<ElfSymbol> definitions;
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const Descriptor file = OpenToRead(path, O_NONBLOCK);
   if (!file.IsOpen()) return definitions;
   elf_version(EV_CURRENT);
   if (Elf* elf = elf_begin(file.Number(), ELF_C_READ_MMAP, nullptr)) {

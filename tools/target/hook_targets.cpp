@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rules that decide whether a slot of a library can be hooked.
 #include "tools/target/hook_targets.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads /proc for the commands that name a PID.
 #include "tools/target/inspect.h"
 
 #include <signal.h>
@@ -140,12 +139,13 @@ ProcessInfo WithOwnState(ProcessInfo process) {
   RingBell(process);
   while (process.has_state_of_parent) {
     if (steady_clock::now() >= deadline) {
+      const bool was_attached = (*process.state)->form == protocol::Form::kAttached;
       throw UserError("process " + process.Label() +
                           ", a forked child, has made no state file; nothing was sent",
-                      "start the program with a root directory that user " +
-                          std::to_string(process.user) +
-                          " can make, such as --root /tmp/NAME.%p, or: memleak attach " +
-                          std::to_string(process.pid) + " --root /tmp/NAME.%p");
+                      (was_attached ? "make one with: memleak attach " + std::to_string(process.pid)
+                                    : "start the program with a root directory that user " +
+                                          std::to_string(process.user) + " can make:") +
+                          " --root /tmp/NAME.%p");
     }
     std::this_thread::sleep_for(kStartPoll);
     process = InspectProcess(process.pid);

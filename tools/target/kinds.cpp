@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names for the hook settings.
 #include "tools/target/kinds.h"
 
 #include <algorithm>
@@ -90,18 +89,21 @@ std::vector<std::string> ParseNames(const std::string& option, std::string_view 
   return names;
 }
 
-HookNames NamesFor(const Kind& kind, const std::string& libraries, const std::string& functions) {
+HookNames NamesFor(const RecordingOptions& options) {
+  const Kind& kind = *options.kind;
+  const std::string& functions = options.functions;
   if (kind.IsNative()) {
-    if (libraries.empty() && functions.empty()) return {};
+    if (options.libraries.empty() && functions.empty()) return {};
     throw UserError("--lib and --func are for hooks, and native memory is recorded without hooks",
                     "add --kind " + HookedKindNames());
   }
-  const std::string wanted = libraries.empty() ? std::string(kind.library) : libraries;
-  if (wanted.empty()) {
+  const std::string libraries =
+      options.libraries.empty() ? std::string(kind.library) : options.libraries;
+  if (libraries.empty()) {
     throw UserError(std::string("--kind ") + kind.name + " needs --lib",
                     "name the libraries to hook; memleak libs PID lists them");
   }
-  return {ParseNames("--lib", wanted),
+  return {ParseNames("--lib", libraries),
           ParseNames("--func", functions.empty() ? kind.defaults : functions)};
 }
 

@@ -5,11 +5,14 @@
 // Used by the commands that take --kind. Single-threaded.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "protocol/kinds.h"
+#include "protocol/protocol.h"
 
 namespace memleak {
 
@@ -29,6 +32,20 @@ std::string HelpOnHookedKinds();
 /// errors. Throws UserError if there is no name, or if a property cannot hold one.
 std::vector<std::string> ParseNames(const std::string& option, std::string_view list);
 
+/// What is recorded, and how.
+struct RecordingOptions {
+  const Kind* kind = &protocol::kNative;
+  std::string libraries = {};  ///< to hook, separated by commas; empty: the default of the kind
+  std::string functions = {};  ///< the same
+  std::optional<std::uint32_t> depth = {};
+  std::optional<char> type = {};
+
+  /// Whether the unwinder is asked for. It cannot cross a hook.
+  bool WantsUnwinder() const {
+    return type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers;
+  }
+};
+
 /// What is to be hooked.
 struct HookNames {
   std::vector<std::string> libraries;
@@ -36,9 +53,9 @@ struct HookNames {
 };
 
 /// The names in the options --lib and --func. An empty option means the library or the functions of
-/// `kind`. Throws UserError as ParseNames does; also if `kind` needs a library and none is given,
-/// or if a name is given for native memory.
-HookNames NamesFor(const Kind& kind, const std::string& libraries, const std::string& functions);
+/// the kind. Throws UserError as ParseNames does; also if the kind needs a library and none is
+/// given, or if a name is given for native memory.
+HookNames NamesFor(const RecordingOptions& options);
 
 /// A note for users who ask for the unwinder.
 inline constexpr const char* kNoUnwindTables =

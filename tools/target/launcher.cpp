@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// From the options of `run` to the program's process image.
 #include "tools/target/launcher.h"
 
 #include <elf.h>
@@ -142,19 +141,13 @@ CommandLine Compose(const RunOptions& options, const TargetProgram& program,
 // Returns `properties` with the names of what to hook. The libraries cannot be checked: the program
 // has not loaded them yet.
 std::string AddHooks(const RunOptions& options, const std::string& properties) {
-  if (options.kind->IsNative()) {
-    if (options.libraries.empty() && options.functions.empty()) return properties;
-    throw UserError("--lib and --func name what to hook, and native memory needs no hooks",
-                    "add --kind mmap, ion or gpu");
-  }
+  const HookNames names = NamesFor(options);
+  if (options.kind->IsNative()) return properties;
   if (!options.start && !options.report_at_exit) {
     throw UserError("--kind needs --start or --report-at-exit",
                     "add one, or use memleak on PID --kind later");
   }
-  if (options.type.value_or(protocol::kUnwindFramePointers) != protocol::kUnwindFramePointers) {
-    std::cerr << "memleak: " << kNoUnwindTables << std::endl;
-  }
-  const HookNames names = NamesFor(*options.kind, options.libraries, options.functions);
+  if (options.WantsUnwinder()) std::cerr << "memleak: " << kNoUnwindTables << std::endl;
   return WithHooks(properties, names);
 }
 

@@ -12,16 +12,11 @@
 namespace memleak {
 
 /// The options of `run`.
-struct RunOptions {
-  bool start = false;                     ///< record from before main
-  bool report_at_exit = false;            ///< write a report when the program ends
-  const Kind* kind = &protocol::kNative;  ///< what `start` and `report_at_exit` apply to
-  std::string libraries;  ///< to hook, separated by commas; empty: the kind's default
-  std::string functions;  ///< the same
-  std::optional<std::uint32_t> depth;
-  std::optional<char> type;
-  std::string root;      ///< as given, may contain "%p"; empty: ./memleak.<pid>
-  std::string log;       ///< file or "stderr"; empty: from the environment
+struct RunOptions : RecordingOptions {
+  bool start = false;           ///< record from before main
+  bool report_at_exit = false;  ///< write a report when the program ends
+  std::string root;             ///< as given, may contain "%p"; empty: ./memleak.<pid>
+  std::string log;              ///< file or "stderr"; empty: from the environment
   std::string libdir;    ///< directory of the tracker's two libraries; empty: near the controller
   std::string emulator;  ///< command that runs programs of another architecture; empty: none
   std::vector<std::string> command;  ///< program and arguments

@@ -50,7 +50,11 @@ Lldb::Lldb(const std::string& path, pid_t pid)
 }
 
 Lldb::Lines Lldb::AttachCommands(pid_t pid) const {
-  return {"process attach -p " + std::to_string(pid)};
+  return {"process attach -p " + std::to_string(pid),
+          // A stop at a signal would break off a call, and lose the signal.
+          "process handle -s false -n false -p true SIGHUP SIGINT SIGQUIT SIGILL SIGABRT SIGBUS "
+          "SIGFPE SIGUSR1 SIGSEGV SIGUSR2 SIGPIPE SIGTERM SIGCHLD SIGCONT SIGTSTP SIGTTIN SIGTTOU "
+          "SIGURG SIGXCPU SIGXFSZ SIGVTALRM SIGALRM SIGWINCH SIGIO SIGPWR SIGSYS"};
 }
 
 Lldb::Lines Lldb::ReadThreads() {

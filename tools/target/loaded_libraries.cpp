@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Combines the maps, the memory and the files of a process.
 #include "tools/target/loaded_libraries.h"
 
 #include <elf.h>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Parser of /proc/PID/maps.
 #include "tools/target/maps.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names and paths of a process.
 #include "tools/target/process_info.h"
 
 #include "protocol/protocol.h"

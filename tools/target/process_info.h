@@ -41,7 +41,7 @@ struct ProcessInfo {
   /// "/proc/PID/root" if the process has other mounts, else empty.
   std::string outside;
   /// Absolute path of the tracker's log, with `outside`; empty if there is none or it is the error
-  /// output.
+  /// output. On devices the command that shows it.
   std::string log;
   /// The properties file of processes that have none of their own, with `outside`; empty if unset.
   std::string shared_properties;

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Checks of programs and of the tracker's libraries.
 #include "tools/target/program_file.h"
 
 #include <elf.h>

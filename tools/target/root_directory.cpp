@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Properties files.
 #include "tools/target/root_directory.h"
 
 #include <elf.h>
@@ -28,16 +27,6 @@ constexpr const char* kRemedy =
 
 UserError NotWritable(const std::string& path, const std::string& reason) {
   return {"root directory not writable: " + path + ": " + reason, kRemedy};
-}
-
-// The length of "/proc/PID/root" at the start of `path`; 0 if it starts otherwise.
-std::size_t OutsideBytes(const std::string& path) {
-  constexpr std::string_view kProc = "/proc/";
-  constexpr std::string_view kRoot = "/root";
-  if (!path.starts_with(kProc)) return 0;
-  const std::size_t end = path.find_first_not_of("0123456789", kProc.size());
-  if (end == kProc.size() || end == std::string::npos) return 0;
-  return path.compare(end, kRoot.size() + 1, "/root/") == 0 ? end + kRoot.size() : 0;
 }
 
 // Opens a file below a root directory. Links in a path below /proc/PID/root would lead to the
@@ -113,7 +102,7 @@ bool WriteAll(int file, std::string_view text) {
 
 BacktraceSettings DefaultSettings(std::uint16_t machine) {
   // On x86-64, system libraries have no frame pointers.
-  return {DefaultDepth(),
+  return {kDefaultDepth,
           machine == EM_AARCH64 ? protocol::kUnwindFramePointers : protocol::kUnwindTables};
 }
 

@@ -30,14 +30,8 @@ StoredSettings ReadSettings(const ProcessInfo& process);
 /// Throws UserError if that is not permitted.
 void WriteSettings(const ProcessInfo& process, const std::string& text);
 
-/// The file or command that shows the log of `process`; empty if there is none.
-std::string LogPlace(const ProcessInfo& process);
-
-/// The command that copies the report at `path` to the host; empty if it is there already.
-std::string FetchCommand(const std::string& path);
-
 /// The frames per record that "on" sets for a process without settings.
-std::uint32_t DefaultDepth();
+extern const std::uint32_t kDefaultDepth;
 
 /// Parts of messages.
 struct SiteAdvice {
@@ -46,6 +40,7 @@ struct SiteAdvice {
   const char* with_tracker;   ///< follows "start it "
   const char* load;           ///< a command that loads the tracker, before the PID; null: none
   const char* report_at_end;  ///< how to get a report of a process that ends
+  const char* fetch;          ///< copies a report to the host, before its path; null: it is there
   const char* unseen;         ///< after a command whose result only the log shows
 };
 const SiteAdvice& Advice();

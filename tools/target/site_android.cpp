@@ -14,8 +14,6 @@
 namespace memleak {
 namespace {
 
-constexpr const char* kLogCommand = "logcat -s MemLeak.Native";
-
 std::string Property(const char* name) {
   std::array<char, PROP_VALUE_MAX> value{};
   const int length = __system_property_get(name, value.data());
@@ -29,8 +27,11 @@ UserError CannotSet(const std::string& name, const std::string& value) {
 
 }  // namespace
 
+const std::uint32_t kDefaultDepth = protocol::kDefaultDepth;
+
 void FindPlaces(std::string_view /*maps*/, ProcessInfo* process) {
   process->root = DeviceRoot();
+  process->log = "logcat -s MemLeak.Native";
 }
 
 StoredSettings ReadSettings(const ProcessInfo& /*process*/) {
@@ -59,24 +60,13 @@ void WriteSettings(const ProcessInfo& /*process*/, const std::string& text) {
   }
 }
 
-std::string LogPlace(const ProcessInfo& /*process*/) {
-  return kLogCommand;
-}
-
-std::string FetchCommand(const std::string& path) {
-  return "adb pull " + path;
-}
-
-std::uint32_t DefaultDepth() {
-  return protocol::kDefaultDepth;
-}
-
 const SiteAdvice& Advice() {
   static constexpr SiteAdvice kAdvice = {"pidof NAME (as root: other users see only their own)",
                                          "run it as root or as the app's user (run-as)",
                                          "with the tracker as its malloc debug library",
                                          nullptr,
                                          "take the report before the process ends",
+                                         "adb pull ",
                                          "sent; for the result see: logcat -s MemLeak.Native"};
   return kAdvice;
 }

@@ -7,6 +7,8 @@
 
 namespace memleak {
 
+const std::uint32_t kDefaultDepth = protocol::kDefaultDepthOnLinux;
+
 void FindPlaces(std::string_view maps, ProcessInfo* process) {
   FindState(maps, process);
 }
@@ -28,24 +30,13 @@ void WriteSettings(const ProcessInfo& process, const std::string& text) {
   WriteProperties(process.root, text);
 }
 
-std::string LogPlace(const ProcessInfo& process) {
-  return process.log;
-}
-
-std::string FetchCommand(const std::string& /*path*/) {
-  return "";
-}
-
-std::uint32_t DefaultDepth() {
-  return protocol::kDefaultDepthOnLinux;
-}
-
 const SiteAdvice& Advice() {
   static constexpr SiteAdvice kAdvice = {"pgrep -a NAME",
                                          "run memleak as the user who owns it, or as root",
                                          "with: memleak run -- PROGRAM",
                                          "memleak attach ",
                                          "start it with: memleak run --report-at-exit",
+                                         nullptr,
                                          ""};
   return kAdvice;
 }

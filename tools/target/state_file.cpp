@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Maps and checks state files.
 #include "tools/target/state_file.h"
 
 #include <signal.h>

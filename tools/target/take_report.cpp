@@ -118,14 +118,14 @@ class ReportWait {
 
 std::optional<FileState> StateOf(const std::string& path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  if (stat(RootedPath(path).c_str(), &status) != 0) return std::nullopt;
   return FileState{status.st_dev, status.st_ino, status.st_size, Nanoseconds(status.st_mtim),
                    Nanoseconds(status.st_ctim)};
 }
 
 bool EndsComplete(const std::string& path) {
   constexpr std::string_view kEndLine = "\nEND";
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const Descriptor file = OpenToRead(path, O_NONBLOCK);
   std::array<char, kEndLine.size()> tail{};
   const auto length = static_cast<off_t>(tail.size());
   const off_t start = lseek(file.Number(), 0, SEEK_END) - length;
@@ -135,7 +135,9 @@ bool EndsComplete(const std::string& path) {
 
 milliseconds TakeReport(const ProcessInfo& process, std::uint64_t word, std::uint32_t timeout_s,
                         OldReport old) {
-  const std::string path = process.ReportPath();
+  const std::string report = process.ReportPath();
+  const RootedPath directory(report.substr(0, report.rfind('/') + 1) + ".");
+  const std::string path = JoinPath(directory.Text(), LastPart(report));
   const std::string old_path = path + ".old";
   if (old == OldReport::kReplace) std::remove(path.c_str());
   const bool moved = old == OldReport::kRename && std::rename(path.c_str(), old_path.c_str()) == 0;

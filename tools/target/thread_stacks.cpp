@@ -138,7 +138,7 @@ struct ProcessCode::Unwinder {
       for (const Mapping& mapping : Of(*user)->code.mappings_) {
         if (mapping.start != base) continue;
         const std::string path = FileOf(Of(*user)->code.process_, mapping);
-        const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        const int file = open(RootedPath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (file >= 0) *file_name = strdup(path.c_str());
         return file;
       }
