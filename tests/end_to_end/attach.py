@@ -35,6 +35,14 @@ for line in sys.stdin:
     print(len(kept), flush=True)
 """
 
+PAUSE = """
+import signal
+signal.signal(signal.SIGUSR1, lambda *_: None)
+while True:
+    signal.pause()
+    print("woken", flush=True)
+"""
+
 CONSTRUCTOR = """
 #include <unistd.h>
 __attribute__((constructor)) void Start(void) { do usleep(2000); while (%d); }
@@ -213,14 +221,13 @@ def places(session):
         session.begin(program, mode, library(session, "slow", 0))
         for leaks in (3, 7):
             session.attach()
-            gap = session.ask(str(leaks))
-            print(f"{mode}: a thread stood still {gap} ms")
+            session.ask(str(leaks), "ok")
             session.tell("report")
             assert session.sizes(f"{session.root}/{session.process.pid}")[LEAKED] == leaks
             session.tell("detach")
         if mode == "wait":
             time.sleep(2.1)  # the calls that were interrupted end
-            session.ask("0")  # and print nothing
+            session.ask("0", "ok")  # and print nothing
         session.close()
     session.begin(program, "malloc")
     for _ in range(2):
@@ -232,6 +239,33 @@ def places(session):
     session.ask("0")
     session.refuse("is in the dynamic linker")
     session.close()
+
+
+def interrupted(session):
+    """A signal ends the system call in which the debugger stops the thread. A controller that is
+    killed leaves a process that runs on and can be attached to."""
+    session.begin(PYTHON, "-c", PAUSE)
+    attach = [*session.controller, "attach", "--idle", "--libdir", session.libdir, "--root",
+              session.root + "/%p", str(session.process.pid)]
+
+    def is_traced():
+        return "TracerPid:\t0\n" not in open(f"/proc/{session.process.pid}/status").read()
+
+    for i in range(ROUNDS):
+        with subprocess.Popen(attach) as controller:
+            while not is_traced() and controller.poll() is None:
+                pass
+            time.sleep(i * 0.01)
+            session.process.send_signal(signal.SIGUSR1)
+            if i % 2:
+                controller.kill()
+        assert session.answer() == "woken"
+        assert controller.returncode in ((0, -signal.SIGKILL) if i % 2 else (0,))
+        while is_traced():
+            time.sleep(0.01)
+        session.memleak(*attach[len(session.controller):])
+        session.tell("detach")
+    session.process.kill()
 
 
 def container(session):

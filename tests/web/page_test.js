@@ -82,7 +82,7 @@ async function zoomsAndSearches(browser) {
   const before = await place();
   await page.keyboard.press("/");
   await page.keyboard.type("cache::insert");
-  await page.waitForFunction(() => /^1 found, in 2 stacks of 11\.9 MiB /.test(document.getElementById("found").textContent));
+  await page.waitForFunction(() => /^1 found, on 2 stacks that hold 11\.9 MiB /.test(document.getElementById("found").textContent));
   assert.deepEqual(await place(), before, "the search does not move the chart");
   assert.ok(await page.locator(".legend:visible li").count());
 

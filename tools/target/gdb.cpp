@@ -233,26 +233,7 @@ Gdb::Lines Gdb::CallCommands(const FunctionCall& call) const {
   std::string begin = "begin_call " + std::to_string(call.function);
   for (const std::uint64_t argument : call.arguments) begin += " " + std::to_string(argument);
   begin += no_arguments.substr(0, 2 * (5 - call.arguments.size()));
-  Lines lines = {"thread " + std::to_string(call.thread.number),
-                 assign("thread", call.thread.number), assign("data", call.stack - kDataBytes),
-                 assign("syscall", call.syscall), assign("get_process", SYS_getpid),
-                 assign("get_thread", SYS_gettid), assign("send", SYS_rt_tgsigqueueinfo),
-                 assign("state", 0), assign("interrupted", 0), assign("executed", 0),
-                 assign("called", 0), "break *$entry", "catch exec if ($executed = 1)",
-                 "set {long}$data = $blocked",
-                 // Blocks signals.
-                 "stop_at_signals", mask + std::to_string(SIG_BLOCK) + " $data $data+8 8",
-                 "keep_signals", "pass_signals", "return_signals",
-                 // Other stops do not end the call: a SIGTRAP may have been on its way.
-                 "if $state == 1", begin, "await_return", "while $state == 2", "await_return",
-                 "end", "set $called = $state == 1", "end",
-                 // Sets the former mask. A call that fails leaves its reason as the last output.
-                 "if $called", "read_result", "printf \"$0 = %ld\\n\", $result", "stop_at_signals",
-                 mask + std::to_string(SIG_SETMASK) + " $data+8 0 8",
-                 "set $interrupted = $state == 2", "pass_signals", "end", "if $interrupted",
-                 std::string("echo ") + kInterrupted + "\\n", "end", "delete",
-                 // After an exec, neither the call nor the registers mean anything.
-                 "if $state == 1 || $state == 2 || !$executed && (long)$pc == $syscall"};
+  Lines lines = {"define restore_registers"};
   for (std::size_t i = 0; i < call.thread.registers.size(); ++i) {
     lines.push_back("set_register $" + RegisterNames()[i] + " " +
                     std::to_string(static_cast<std::int64_t>(call.thread.registers[i])));
@@ -260,7 +241,31 @@ Gdb::Lines Gdb::CallCommands(const FunctionCall& call) const {
 #ifdef __x86_64__
   lines.push_back("set_register $orig_rax " + std::to_string(call.thread.system_call));
 #endif
-  lines.emplace_back("end");
+  // One command for all that follows: if this program is killed, gdb reads no further command. It
+  // completes the current one and detaches.
+  lines.insert(
+      lines.end(),
+      {"end", assign("thread", call.thread.number), assign("data", call.stack - kDataBytes),
+       assign("syscall", call.syscall), assign("get_process", SYS_getpid),
+       assign("get_thread", SYS_gettid), assign("send", SYS_rt_tgsigqueueinfo), assign("state", 0),
+       assign("interrupted", 0), assign("executed", 0), assign("called", 0), "if 1",
+       "thread $thread", "break *$entry", "catch exec if ($executed = 1)",
+       "set {long}$data = $blocked",
+       // Blocks signals.
+       "stop_at_signals", mask + std::to_string(SIG_BLOCK) + " $data $data+8 8", "keep_signals",
+       "pass_signals", "return_signals",
+       // Other stops do not end the call: a SIGTRAP may have been on its way.
+       "if $state == 1", begin, "await_return", "while $state == 2", "await_return", "end",
+       "set $called = $state == 1", "end",
+       // Sets the former mask. A call that fails leaves its reason as the last output.
+       "if $called", "read_result", "printf \"$0 = %ld\\n\", $result", "stop_at_signals",
+       mask + std::to_string(SIG_SETMASK) + " $data+8 0 8", "set $interrupted = $state == 2",
+       "pass_signals", "end",
+       // After an exec, neither the call nor the registers mean anything.
+       "if $state == 1 || $state == 2", "restore_registers", "end", "if $interrupted",
+       std::string("echo ") + kInterrupted + "\\n", "end", "end", "delete",
+       // An error has ended the command before the thread ran.
+       "if $state == 0 && !$executed && (long)$pc == $syscall", "restore_registers", "end"});
   return lines;
 }
 

@@ -110,7 +110,10 @@ std::string ReadStatus(pid_t pid) {
 }
 
 UserError NotTracked(const ProcessInfo& process) {
-  const bool was_detached = process.IsDetached();
+  // A child that was forked after its parent was detached has no handler.
+  const bool parent_was_detached = process.state && !process.catches_signal &&
+                                   (*process.state)->form == protocol::Form::kDetached;
+  const bool was_detached = process.IsDetached() || parent_was_detached;
   if (!process.has_tracker || was_detached) {
     return {"process " + process.Label() +
                 (was_detached ? " was detached from the tracker; nothing was sent"
@@ -139,7 +142,8 @@ ProcessInfo WithOwnState(ProcessInfo process) {
   RingBell(process);
   while (process.has_state_of_parent) {
     if (steady_clock::now() >= deadline) {
-      const bool was_attached = (*process.state)->form == protocol::Form::kAttached;
+      // The form is that of the parent, which may have been detached meanwhile.
+      const bool was_attached = (*process.state)->form != protocol::Form::kPreloaded;
       throw UserError("process " + process.Label() +
                           ", a forked child, has made no state file; nothing was sent",
                       (was_attached ? "make one with: memleak attach " + std::to_string(process.pid)
