@@ -9,6 +9,7 @@
 #include <limits>
 #include <map>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -149,9 +150,11 @@ class Builder {
     return known->second;
   }
 
-  // `frames` are those of one address, innermost first.
-  std::uint64_t LocationOf(const std::vector<std::uint32_t>& frames) {
-    const auto [known, added] = locations_.try_emplace(frames, locations_.size() + 1);
+  // `frames` are those of one address, innermost first. The first and the last identify them: only
+  // wrappers of allocators may be left out before them.
+  std::uint64_t LocationOf(std::span<const std::uint32_t> frames) {
+    const std::uint64_t ends = (std::uint64_t{frames.front()} << 32U) | frames.back();
+    const auto [known, added] = locations_.try_emplace(ends, locations_.size() + 1);
     if (!added) return known->second;
     pb::Location* location = message_.add_location();
     location->set_id(known->second);
@@ -175,17 +178,13 @@ class Builder {
   }
 
   void AddSample(const Group& group) {
-    std::vector<std::uint64_t> stack;
-    std::vector<std::uint32_t> address;
-    for (const std::uint32_t frame : group.stack) {
-      address.push_back(frame);
-      if (profile_.frames[frame].inlined) continue;
-      stack.push_back(LocationOf(address));
-      address.clear();
-    }
-    if (!address.empty()) stack.push_back(LocationOf(address));
     pb::Sample* sample = message_.add_sample();
-    for (const std::uint64_t location : stack) sample->add_location_id(location);
+    const std::span<const std::uint32_t> stack(group.stack);
+    for (std::size_t begin = 0, end = 0; begin < stack.size(); begin = end) {
+      end = begin + 1;
+      while (end < stack.size() && profile_.frames[stack[end - 1]].inlined) ++end;
+      sample->add_location_id(LocationOf(stack.subspan(begin, end - begin)));
+    }
     sample->add_value(Signed(group.count));
     sample->add_value(Signed(group.total));
     pb::Label* size = sample->add_label();
@@ -202,7 +201,7 @@ class Builder {
   pb::Profile message_;
   std::unordered_map<std::string, std::int64_t> texts_;
   std::map<std::pair<std::int64_t, std::int64_t>, std::uint64_t> functions_;  // name, file
-  std::map<std::vector<std::uint32_t>, std::uint64_t> locations_;
+  std::unordered_map<std::uint64_t, std::uint64_t> locations_;  // by first and last frame
 };
 
 }  // namespace
