@@ -99,7 +99,7 @@ class Session(servers.Session):
         out = self.tell("attach", "--libdir", self.libdir, "--root", self.root + "/%p", *options,
                         pid=pid)
         print(out, end="")
-        found = re.findall(r"stood still ([\d.]+) (m?s)", out)
+        found = re.findall(r"stopped for ([\d.]+) (m?s)", out)
         return [float(value) * (1 if unit == "ms" else 1000) for value, unit in found]
 
     def ask(self, line, answer=None):
@@ -144,7 +144,7 @@ class Session(servers.Session):
             found = found or function in shown
             self.tell("detach")
         assert found, shown
-        print(f"stood still {sorted(still)[ROUNDS // 2]:.0f} ms (median)")
+        print(f"stopped for {sorted(still)[ROUNDS // 2]:.0f} ms (median)")
         self.refuse("was detached", command="on")
 
 

@@ -29,9 +29,9 @@ class Descriptor {
   int number_;
 };
 
-/// Opens the absolute `path` as a process with the root directory `root` sees it: symbolic links,
-/// also that of "..", do not lead out of `root`. `flags` are those of open(2). Not open, with errno
-/// set, if that fails: ENOSYS on kernels before 5.6 and under emulators.
+/// Opens the absolute `path` as a process with the root directory `root` sees it: symbolic links
+/// and ".." cannot leave `root`. `flags` are those of open(2). Not open, with errno set, if that
+/// fails: ENOSYS on kernels before 5.6 and under emulators.
 Descriptor OpenInRoot(const std::string& root, const std::string& path, int flags);
 
 /// The length of "/proc/PID/root" at the start of `path`; 0 if it starts otherwise.

@@ -14,8 +14,8 @@ namespace memleak {
 void RefuseOverwriting(const std::string& output, const std::vector<std::string>& inputs);
 
 /// The constructor opens a temporary file in the directory of the target, and Commit renames it.
-/// Without Commit, the target stays unchanged. A target that is no regular file, such as a pipe, is
-/// written directly. Both throw UserError if the file cannot be written.
+/// Without Commit, the target stays unchanged. A target that is not a regular file, such as a pipe,
+/// is written directly. Both throw UserError if the file cannot be written.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
@@ -31,7 +31,7 @@ class OutputFile {
 
   std::string given_;
   std::string target_;     // what `given_` leads to
-  std::string temporary_;  // the temporary file, or target_ if that is no regular file
+  std::string temporary_;  // the temporary file, or target_ if that is not a regular file
   std::ofstream stream_;
 };
 

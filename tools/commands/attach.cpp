@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// attach: loads the tracker into a process that already runs. detach: takes it out of use.
+// attach: loads the tracker into a process that already runs. detach: stops using it.
 #include <deque>
 #include <iostream>
 #include <limits>
@@ -22,19 +22,19 @@ namespace {
 constexpr const char* kAttachHelp = R"(
 Loads the tracker into a process that already runs, and starts recording as
 `memleak on` does, with the same options. Then all other commands work as for a
-process that `memleak run` has started. Blocks from before are not recorded:
-they can be freed and resized, and no report lists them.
+process that `memleak run` has started. Reports do not contain blocks that were
+allocated earlier. The process can still free and resize them.
 
-gdb loads the tracker, or lldb where gdb is missing. It stops the process at a
-place where no thread uses the dynamic linker, and some thread uses neither that
-nor the allocator. If there is no such place, it tries again for 5 s.
+gdb loads the tracker, or lldb where gdb is missing. It stops the process when no
+thread is in the dynamic linker and at least one thread is outside the allocator.
+If that is not the case, it tries again for 5 s.
 
 The root directory is made by the user of the process. If the process has other
 mounts, as in a container, --root and --log are paths in the process, and the
 tracker's two libraries are copied to the root directory.
 
-Not possible: programs that are linked statically or contain an allocator, programs
-for musl, emulated programs and those of another architecture.
+Refused: programs that are linked statically or contain an allocator, programs for
+musl, emulated programs and programs for another architecture.
 
 Examples:
   memleak attach 4711
@@ -44,11 +44,11 @@ Examples:
 
 Exit codes:
   0  attached and recording
-  2  error (see stderr); the process runs on as before)";
+  2  error (see stderr); the process continues unchanged)";
 
 constexpr const char* kDetachHelp = R"(
-Stops recording and takes the tracker out of use: calls go to the allocator
-again, signal 44 has the action that it had, and the thread of the tracker ends.
+Stops recording, restores the calls of the allocator and the action of signal 44,
+and ends the thread of the tracker.
 The libraries stay loaded and do nothing. `memleak attach` attaches again.
 
 A process that `memleak run` has started cannot be detached.
@@ -77,7 +77,7 @@ struct AttachOptions {
 void AddProcesses(CLI::App* command, Processes* processes) {
   ExpectNumber(AddOption(command, "PID", &processes->pids, "...", "Process ids")->required(),
                CLI::Range(1, std::numeric_limits<pid_t>::max()), "process id");
-  command->add_flag("--children", processes->children, "Their children too, and so on");
+  command->add_flag("--children", processes->children, "Also all descendants");
 }
 
 // Calls `action` for each process, parents first. An error does not prevent the next one. Returns
@@ -120,7 +120,7 @@ void AttachOne(const AttachOptions& options, pid_t pid) {
                 << std::endl;
     }
     const auto stood_still = AttachTo(process, options.places);
-    std::cout << process.Label() << ": attached, stood still " << FormatDuration(stood_still)
+    std::cout << process.Label() << ": attached, stopped for " << FormatDuration(stood_still)
               << ", root directory " << Printable(InspectProcess(pid).root) << std::endl;
   }
   if (options.idle) return;
@@ -165,7 +165,7 @@ void AddAttach(Program* program) {
 
 void AddDetach(Program* program) {
   const auto [command, processes] =
-      program->AddCommand("detach", "Take the tracker out of use", kDetachHelp, Detach);
+      program->AddCommand("detach", "Stop tracking a process", kDetachHelp, Detach);
   AddProcesses(command, processes);
 }
 

@@ -24,7 +24,7 @@ tracker loads it into the process and calls it.
   on     load it if needed, and track with --depth frames (default: the depth
          for memory)
   off    stop tracking
-  dump   let it write its stacks
+  dump   write its stacks
   clear  unload it; also drops all memory records, of every kind
 The log names functions that the library lacks.
 

@@ -18,7 +18,7 @@ constexpr const char* kLibsHelp = R"(
 Lists the libraries of a process that import a function that can be hooked, and
 the state of each function: "yes" can be hooked, "-" is not imported. Other
 states are explained below the table. `on --lib` takes the names in the table. A
-name may be that of a symbolic link to the file. Works for any process that you
+name may be a symbolic link to the file. Works for any process that you
 may inspect, tracked or not, also for emulated ones.
 
 Example:

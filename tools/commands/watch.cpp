@@ -62,7 +62,7 @@ For each stack that grew:
                         above 0 suggests a leak, one around 0 a cache. Needs
                         three reports.
   r2 0.998              how much of the change the line explains: 1 is steady
-                        growth, near 0 is anything else
+                        growth, near 0: no steady growth
 DIR/trend.json has all stacks and values for programs. DIR/leak.html shows the
 difference of the first and the last report in a browser.
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// First everything that can be checked and prepared while the process runs. Then the debugger stops
-// it at a safe place, calls dlopen and the loader's function, and detaches.
+// Checks and prepares everything while the process runs. Then the debugger stops the process at a
+// safe place, calls dlopen and the loader's function, and detaches.
 #include "tools/target/attach.h"
 
 #include <elf.h>
@@ -40,10 +40,11 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// How long threads get to leave the allocator and the dynamic linker, and the time between two
-// looks.
+// How long threads get to leave the allocator and the dynamic linker.
 constexpr milliseconds kPatience(5000);
-constexpr milliseconds kRunOn(5);  // more each time: the process may have a rhythm of its own
+// Between the first two attempts. It grows, so that attempts are not in step with a periodic
+// process.
+constexpr milliseconds kRunOn(5);
 constexpr milliseconds kRunToMalloc(200);
 
 constexpr std::uint64_t kRedZone = 128;                    // below the stack pointer of x86-64
@@ -175,7 +176,7 @@ class Attachment {
       if (steady_clock::now() >= deadline) {
         throw UserError(
             "process " + process_.Label() + " has no thread that can load the tracker: " + why_not_,
-            "try again; the process runs on as before");
+            "try again; the process continues unchanged");
       }
       std::this_thread::sleep_for(run_on);
     }
@@ -195,7 +196,7 @@ class Attachment {
     if (handle_ != 0) return;
     if (is_loaded) {
       throw UserError("process " + process_.Label() + " has loaded a part of " + path +
-                          ": an attach was broken off",
+                          ": an earlier attach was interrupted",
                       "restart it");
     }
     const std::uint64_t dlerror = code_->Function("dlerror");
@@ -224,7 +225,7 @@ class Attachment {
                     Printable(text.empty() ? std::strerror(error) : text));
   }
 
-  // Lets the process run on. Returns how long it stood still.
+  // Continues the process. Returns how long it was stopped.
   microseconds End() {
     debugger_->Detach();
     return std::chrono::duration_cast<microseconds>(steady_clock::now() - stopped_);
@@ -291,7 +292,7 @@ class Attachment {
       if (!interrupted_) throw Failed();
     }
     throw UserError("process " + process_.Label() + " gets signals all the time",
-                    "try again; the process runs on as before");
+                    "try again; the process continues unchanged");
   }
 
   FunctionCall Prepare(std::uint64_t function, const std::vector<std::string>& texts,
@@ -372,8 +373,9 @@ microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places) {
   } catch (const UserError&) {
     if (made.is_new) RemoveNewRoot(process, process.outside + root);
     if (!IsAlive(process.pid) || ProgramOf(process.pid) == program) throw;
-    throw UserError("process " + process.Label() + " has executed another program meanwhile",
-                    "try again");
+    throw UserError(
+        "process " + process.Label() + " has executed another program during the attach",
+        "try again");
   }
 }
 

@@ -21,7 +21,7 @@ struct AttachPlaces {
 };
 
 /// Attaches to `process`, which InspectProcess has returned, with a debugger. Nothing is recorded
-/// yet. Returns how long the process stood still, including the calls that load the tracker, during
+/// yet. Returns how long the process was stopped, including the calls that load the tracker, during
 /// which its other threads run. Throws UserError if that is not possible; then the process runs on
 /// as before.
 std::chrono::microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places);

@@ -118,7 +118,7 @@ void CheckAttachable(const ProcessInfo& process) {
   const std::vector<Mapping> mappings = ParseMaps(ReadMaps(process.pid));
   if (mappings.empty()) {
     throw UserError("process " + process.Label() + " is a thread of the kernel",
-                    "name a process that runs a program");
+                    "give the id of a user process");
   }
   CheckPermission(process);
   RequireRunning(process);

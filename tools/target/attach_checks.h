@@ -9,7 +9,7 @@
 
 namespace memleak {
 
-/// Throws UserError if `process` cannot be attached to, as far as /proc tells.
+/// Throws UserError if `process` cannot be attached to, according to /proc.
 void CheckAttachable(const ProcessInfo& process);
 
 /// Throws UserError if `process` has seccomp filters of its own, which may end it when it loads the

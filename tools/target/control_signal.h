@@ -8,7 +8,7 @@
 
 namespace memleak {
 
-/// Sends the control signal without a command, which makes `process` look at its state file and
+/// Sends the control signal without a command, which makes `process` read its state file and
 /// start the thread that carries out commands. Throws UserError if that is not permitted or the
 /// process has ended.
 void RingBell(const ProcessInfo& process);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Speaks to a debugger by its ordinary commands. A line that ends with kEnd ends the output of
+// Controls a debugger through its command line. A line that ends with kEnd ends the output of
 // commands that were sent together.
 #include "tools/target/debugger.h"
 
@@ -183,7 +183,7 @@ void Debugger::GiveUp() {
   }
   const bool cannot_stop = attached_ && !has_ended_ && HasThreadInState(target_, 'D');
   if (cannot_stop) reason = "a thread of the process is in an uninterruptible system call";
-  // It would wait, and the process stands still.
+  // It would wait, and the process is stopped.
   if (cannot_stop || ProgramOf(target_) != program_) kill(child_, SIGKILL);
   failed_ = true;
   End();
@@ -301,7 +301,7 @@ CallResult Debugger::Call(const FunctionCall& call) {
 }
 
 // Lets the debugger complete the call, restore the registers and detach, which it does at the end
-// of its input. A call that is broken off may hold locks of the process for ever.
+// of its input. An interrupted call may hold locks of the process forever.
 void Debugger::Leave() {
   const std::string debugger = std::to_string(child_);
   attached_ = false;

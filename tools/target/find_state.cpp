@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The loader maps the state file, which is in the root directory of the process. So the mapping
-// names the root directory, whatever happened to the environment of the process.
+// names the root directory, even if the process has overwritten its environment.
 #include "tools/target/find_state.h"
 
 #include <fcntl.h>

@@ -177,7 +177,7 @@ Gdb::Gdb(const std::string& path, pid_t pid)
   Run({"set prompt", "set confirm off", "set pagination off", "set width 0", "set height 0",
        "set language c", "set breakpoint pending off", "set non-stop off",
        "set scheduler-locking off", "set exec-file-mismatch off",
-       // Without the libraries' files gdb reads no symbols while the process stands still, and sets
+       // Without the libraries' files gdb reads no symbols while the process is stopped, and sets
        // no breakpoints in the dynamic linker.
        "set sysroot /nonexistent", "set auto-solib-add off", "set libthread-db-search-path",
        kGdbCommands, "pass_signals", "set $entry = " + std::to_string(entry_),

@@ -27,7 +27,7 @@ class ProcessMemory {
   bool IsOpen() const { return file_.IsOpen(); }
   /// The 64-bit word at `address`; nothing if it is unreadable.
   std::optional<std::uint64_t> Word(std::uint64_t address) const;
-  /// Writes `bytes` to `address`, in a process that stands still. Returns whether all were written.
+  /// Writes `bytes` to `address`, in a stopped process. Returns whether all were written.
   bool Write(std::uint64_t address, std::string_view bytes) const;
   /// The string at `address`, up to 4095 bytes.
   std::string Text(std::uint64_t address) const;

@@ -46,7 +46,7 @@ struct ProcessInfo {
   /// The properties file of processes that have none of their own, with `outside`; empty if unset.
   std::string shared_properties;
 
-  /// Whether the loader was attached and is out of use.
+  /// Whether the loader was attached and then detached.
   bool IsDetached() const;
   /// "PID (NAME)" for messages, the name as Printable writes it.
   std::string Label() const;

@@ -50,7 +50,7 @@ class ProcessCode {
   /// The address of the C library's function `name`, 0 if it has none.
   std::uint64_t Function(const std::string& name) const;
 
-  /// The stack of `thread`, which stands still. Ends early at code without unwind tables.
+  /// The stack of `thread`, which is stopped. Ends early at code without unwind tables.
   Stack StackOf(const StoppedThread& thread) const;
 
   /// The address of the malloc that the process uses; 0 if there is none.

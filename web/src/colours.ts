@@ -38,7 +38,7 @@ export function palette() {
       };
 }
 
-/** Hues by weight: those of the largest libraries differ most. */
+/** Hues by weight: the largest libraries get the most distinct hues. */
 export class LibraryColours {
   /** Libraries by the bytes of the stacks that have them, largest first. */
   readonly ranking: { library: number; bytes: number }[];
@@ -72,7 +72,7 @@ export class LibraryColours {
   }
 }
 
-/** Orange for growth, blue for shrinking; the stronger the larger the change is. */
+/** Orange for growth, blue for shrinking; a larger change has a stronger colour. */
 export function changeColour(node: TreeNode): string {
   return node.width === 0 ? palette().plain : changeShade((node.after - node.before) / node.width);
 }

@@ -237,7 +237,7 @@ export class Data {
     return (measure === "bytes" ? this.groups.total : this.groups.count)[group]!;
   }
 
-  /** What it holds in the earlier report; the same as now without one. */
+  /** Bytes in the earlier report; without one, the current bytes. */
   before(group: number, measure: Measure): number {
     if (!this.isDiff) return this.after(group, measure);
     return (measure === "bytes" ? this.groups.beforeTotal! : this.groups.beforeCount!)[group]!;

@@ -12,7 +12,7 @@ const kLines = 10;
 const kNames = 6;
 const kLabel = 14; // pixels between labels
 
-/** What grew, without the table and the graph of a difference. Only of the found stacks. */
+/** The Growth tab without table and graph. Only stacks that match the search. */
 export function growthView(data: Data, found: Found | null): HTMLElement {
   const groups = [...Array(data.count).keys()].filter((group) => !found || found.groups[group] === 1);
   const parts: (HTMLElement | null)[] = [];
@@ -164,7 +164,7 @@ function stroke(at: number): Record<string, string | number> {
   return { class: `line line-${at % 5}`, "stroke-dasharray": dashes[Math.floor(at / 5) + (at % 2 ? 2 : 0)]! };
 }
 
-/** A line of the chart on a scale of its own, with its number. */
+/** A line of the chart on a separate scale, with its number. */
 function sparkline(at: number, seconds: number[], values: (number | null)[]): HTMLElement {
   const [width, height] = [80, 18];
   const highest = Math.max(1, ...values.map((value) => value ?? 0));
@@ -215,7 +215,7 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
     label.y = Math.min(label.y, next);
     next = label.y - kLabel;
   }
-  // Those pushed over the top move down again.
+  // Labels above the chart move down.
   let least = kLabel - 2;
   for (const { end, y: wanted, text } of labels.reverse()) {
     const at = Math.max(wanted, least);

@@ -113,7 +113,7 @@ export class StacksTab {
     let node = groups.node[group]!;
     for (; node !== 0 && names.length < kCallersShown; node = parentOf[node]!) {
       const { short, unresolved } = functions[nodeFunction[node]!]!;
-      // A function that calls itself says nothing new.
+      // Skip repeated calls of one function.
       if (names.at(-1) !== short && !(unresolved && this.hideUnresolved)) names.push(short);
     }
     if (node === 0 && groups.cut[group] === 1) names.push(functions[this.data.cutFunction]!.name);

@@ -68,7 +68,7 @@ export class Table {
     this.draw();
   }
 
-  /** Turns to the row's page, and focuses its button; the head without such a row. */
+  /** Shows the page with the row and focuses its button. Focuses the head if there is no such row. */
   focusRow(row: number): void {
     const at = this.rows.indexOf(row);
     if (at >= 0) this.page = Math.floor(at / kRowsPerPage);
