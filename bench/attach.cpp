@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library for bench/compare that attaches the loader before `main`, in the way of a debugger, and
-// starts recording. MEMLEAK_BENCH_LOADER names the loader.
+// A library for bench/compare that attaches the loader before `main`, as a debugger does, and
+// starts recording. MEMLEAK_BENCH_LOADER is the path of the loader.
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -26,7 +26,7 @@ bool Attach() {
   siginfo_t info = protocol::MakeRecord(protocol::control_signal, {protocol::kNative.On(), 0});
   syscall(SYS_rt_sigqueueinfo, getpid(), protocol::control_signal, &info);
   while (state->load()->kinds[protocol::NATIVE].recording != protocol::Recording::kOn) {
-    // The loader starts its thread in such a call. The compiler must not remove it.
+    // The loader starts its thread in this allocation, which the compiler must not remove.
     void* volatile block = std::malloc(1);
     std::free(block);
   }

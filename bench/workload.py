@@ -49,7 +49,7 @@ def tracker_environment(build, root, kind, depth):
 
 
 class Setup:
-    """One row: a way to start the workload. `root` is that of the tracker."""
+    """One row: a way to start the workload. `root` is the root directory of the tracker."""
 
     def __init__(self, key, title, program, environment=None, wrapper=(), root=None,
                  base="nothing", depth=12):

@@ -39,12 +39,12 @@ ImportSlots::ImportSlots(const dl_phdr_info& info)
     }
     break;
   }
-  // No dynamic section, or damaged.
+  // There is no dynamic section, or it is damaged.
   for (Table& table : tables_) table = Table();
   symbol_count_ = 0;
 }
 
-/// Returns false if a table is missing or damaged.
+/// Reads and checks the tables. Returns false if a table is missing or damaged.
 bool ImportSlots::ReadDynamic(const Elf64_Dyn* dynamic, std::uint64_t entries) {
   for (std::uint64_t i = 0; i < entries && dynamic[i].d_tag != DT_NULL; ++i) {
     const std::uint64_t value = dynamic[i].d_un.d_val;
@@ -88,7 +88,7 @@ bool ImportSlots::ReadDynamic(const Elf64_Dyn* dynamic, std::uint64_t entries) {
       return false;
   }
   if (symbols_ == nullptr || names_ == nullptr || name_bytes_ == 0) return false;
-  // Names end in the table, so that no lookup leaves it.
+  // The table ends with a NUL, so every name ends inside the table.
   if (!segments_.holds(Number(names_), name_bytes_, 1) || names_[name_bytes_ - 1] != '\0') {
     return false;
   }
@@ -118,7 +118,8 @@ bool ImportSlots::Describe(const Elf64_Rela& relocation, Slot& slot) const {
   return true;
 }
 
-/// The GNU hash table has no count: the last chain ends with the last symbol.
+/// Returns the number of symbols. The GNU hash table does not contain it: the last chain ends with
+/// the last symbol.
 std::uint64_t ImportSlots::CountSymbols() const {
   if (elf_hash_ != nullptr && segments_.holds(Number(elf_hash_), 8, 4)) {
     return std::min<std::uint64_t>(elf_hash_[1], symbol_count_);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The words of one loaded object into which the dynamic linker writes addresses of functions: slots
-// of the Global Offset Table, and pointers in data.
+// The slots of one loaded object: the words into which the dynamic linker writes addresses of
+// functions, in the Global Offset Table and in data.
 //
 // For the Linux loader, which replaces functions in a running process. An object may be damaged:
 // each table is compared with the mapped segments before it is read. Allocates nothing, takes no
@@ -18,8 +18,8 @@ namespace lumora::linker {
 class ImportSlots {
  public:
   enum class Type {
-    kCall,  ///< a slot for calls, which the first call may fill
-    kData,  ///< holds the address of the symbol from the start
+    kCall,  ///< for calls; may be bound at the first call
+    kData,  ///< for data; holds the symbol's address once the object is relocated
     kCopy,  ///< a copy of another object's variable: st_size bytes
   };
   struct Slot {
@@ -33,14 +33,14 @@ class ImportSlots {
   /// damaged tables has no slots.
   explicit ImportSlots(const dl_phdr_info& info);
 
-  /// Calls visit(const Slot&) for each slot of a named symbol. A place may occur twice. It is not
-  /// checked: see Contains.
+  /// Calls visit(const Slot&) for each slot of a named symbol. A place may occur twice, and may be
+  /// outside of the object: check it with Contains.
   template <typename Visit>
   void ForEachSlot(Visit visit) const {
     for (const Table& table : tables_) VisitTable(table, visit);
   }
 
-  /// As ForEachSlot, for those of Type::kCall that the dynamic linker may fill at the first call.
+  /// As ForEachSlot, for the slots that the dynamic linker may bind at their first call.
   template <typename Visit>
   void ForEachCall(Visit visit) const {
     VisitTable(tables_[0], visit);
@@ -60,18 +60,18 @@ class ImportSlots {
     }
   }
 
-  /// Whether `bytes` bytes at `place` are in a readable segment of the object, and `place` is a
-  /// multiple of the size of a pointer.
+  /// Returns whether `bytes` bytes at `place` are in a readable segment of the object, and `place`
+  /// is a multiple of the size of a pointer.
   bool Contains(const void* place, std::uint64_t bytes) const;
 
-  /// Whether `address` is in an executable segment of the object.
+  /// Returns whether `address` is in an executable segment of the object.
   bool ContainsCode(const void* address) const;
 
-  /// The protection (PROT_READ and so on) that the program headers give the segment of `place`; 0
-  /// if there is none.
+  /// Returns the PROT_ bits of the segment that contains `place`, according to the program headers;
+  /// PROT_NONE if no segment contains it.
   int Protection(const void* place) const;
 
-  /// The address of a symbol that this object defines.
+  /// Returns the address of a symbol that this object defines.
   void* AddressOf(const Elf64_Sym& symbol) const;
 
  private:
@@ -97,9 +97,9 @@ class ImportSlots {
   const Elf64_Phdr* headers_;
   std::uint64_t header_count_;
   ElfSegments segments_;
-  Table tables_[2];  // of calls, and all others
+  Table tables_[2];  // relocations of calls (DT_JMPREL), and all others (DT_RELA)
   const Elf64_Sym* symbols_ = nullptr;
-  std::uint64_t symbol_count_ = 0;  // that fit in the segment
+  std::uint64_t symbol_count_ = 0;  // upper bound: symbols that fit in the segment
   const char* names_ = nullptr;
   std::uint64_t name_bytes_ = 0;
   const std::uint32_t* elf_hash_ = nullptr;

@@ -34,7 +34,7 @@ struct Kind {
   constexpr std::uint64_t Clear() const { return On() << 3; }
   constexpr bool IsNative() const { return type == NATIVE; }
 
-  /// Whether the kind records calls of `function`, in some library.
+  /// Returns whether the kind records calls of `function` in any library.
   constexpr bool Records(std::string_view function) const {
     std::string_view rest = functions;
     while (!rest.empty()) {
@@ -45,7 +45,7 @@ struct Kind {
     }
     return false;
   }
-  /// Whether the kind records calls of `function` that `in_library` makes.
+  /// Returns whether the kind records calls of `function` that the library `in_library` makes.
   constexpr bool Records(std::string_view function, std::string_view in_library) const {
     return Records(function) && (library.empty() || library == in_library);
   }

@@ -21,8 +21,8 @@ constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 constexpr char kOtherOwner[] = "it belongs to another user";
 constexpr char kOthersMayWrite[] = "other users may write to it";
 constexpr char kLink[] = "it is a symbolic link";
-constexpr char kNotRegular[] = "it is no regular file";
-constexpr char kOtherNames[] = "it has another name, too (a hard link)";
+constexpr char kNotRegular[] = "it is not a regular file";
+constexpr char kOtherNames[] = "it has more than one name (hard links)";
 
 // The C library's open and close are cancellation points.
 int Open(int directory, const char* name, int flags) {

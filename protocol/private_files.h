@@ -34,8 +34,8 @@ enum class Missing { kMake, kRefuse };
 /// below it must belong to the caller's effective user or to root, must not be links, and must be
 /// writable only for their owner. Creates missing directories with mode 0700 if `missing` is kMake.
 ///
-/// Changes `path` meanwhile and restores it. Returns a descriptor (O_PATH) that the caller closes;
-/// on failure -1, with errno, and with the directory concerned in `refusal`.
+/// Changes `path` during the call and restores it. Returns a descriptor (O_PATH) that the caller
+/// closes; on failure -1, with errno, and with the directory concerned in `refusal`.
 int OpenDirectoryOf(char* path, std::size_t root_bytes, Missing missing, Refusal& refusal);
 
 enum class Use {

@@ -61,8 +61,8 @@ inline siginfo_t MakeRecord(int signal, const Command& command) {
 /// Backtrace types: a frame-pointer walk, and the unwinder, which reads tables.
 inline constexpr char kUnwindFramePointers = '0';
 inline constexpr char kUnwindTables = '1';
-/// Frames per record if no property sets the number, those that the controller sets on Linux, and
-/// the maximum in a parameter word.
+/// Frames per record: the tracker's default, the default that the controller sets on Linux, and the
+/// maximum in a parameter word.
 inline constexpr std::uint32_t kDefaultDepth = 10;
 inline constexpr std::uint32_t kDefaultDepthOnLinux = 32;
 inline constexpr std::uint32_t kMaxDepth = 0xffff;
@@ -155,11 +155,11 @@ inline constexpr char kUnloadObserver[] = "memleak_unload_observer";
 using UnloadObserver = void (*)(bool closed);
 
 /// Name of the loader's variable (std::atomic<void (*)()>) that the tracker sets. The loader calls
-/// the function when it detaches, on the thread that carries out commands: all recording is off, no
-/// function is hooked and the records are dropped when it returns.
+/// the function at a detach, on the control thread. The function switches all recording off,
+/// removes all hooks and drops the records.
 inline constexpr char kSwitchOff[] = "memleak_switch_off";
-/// Name of the loader's variable (std::atomic<const Paths*>) with the values that the tracker uses
-/// instead of its environment. Without a loader there is no such variable.
+/// Name of the loader's variable (std::atomic<const Paths*>). The tracker uses these values instead
+/// of the environment. Without a loader there is no such variable.
 inline constexpr char kPathsVariable[] = "memleak_paths";
 /// The values of kRootVariable, kLogVariable and kPropertiesVariable. Empty: unset. A size exceeds
 /// the kernel's PATH_MAX (4096), so a path that was cut to fit is still too long and opening it

@@ -7,9 +7,10 @@
 // process whose `pid` differs from the file's has inherited the mapping of its parent and has no
 // file of its own yet.
 //
-// All words are atomics that need no lock, so that they can be used across processes and in signal
-// handlers. Strings are written before `magic` and never change. No pointers: a 64-bit controller
-// for x86-64 reads the file of an emulated process.
+// All words are lock-free atomics, so that they can be used across processes and in signal
+// handlers. Strings are written before `magic` and never change, except report_reason and names of
+// hooks. There are no pointers and no sizes that depend on the processor: an x86-64 controller
+// reads the file of an emulated aarch64 process.
 #pragma once
 
 #include <atomic>
@@ -31,21 +32,21 @@ inline constexpr std::uint64_t kStateMagic = 0x534b41454c4d454d;
 /// Changes with the layout of State.
 inline constexpr std::uint32_t kStateLayout = 2;
 
-/// Posted commands that the process has not carried out yet: at most this many.
+/// Maximum number of posted commands that the process has not carried out yet.
 inline constexpr std::uint64_t kMaxPosted = 16;
-/// Commands that the history keeps.
+/// Number of commands in the history.
 inline constexpr std::uint64_t kHistory = 64;
-/// Pairs of library and function whose hooks are described.
+/// Maximum number of pairs of library and function whose hooks are in the state.
 inline constexpr std::size_t kMaxHookStates = 64;
 
-/// Where commands are carried out.
+/// The state of the control thread, which carries out commands.
 enum class ControlThread : std::uint32_t {
-  kNone,  ///< there is no thread; the control signal requests one
-  /// The next call of a function that allocates starts the thread. So does the control signal if it
-  /// interrupts a wait for work: the controller repeats it while the state is pending.
+  kNone,  ///< there is no thread; the control signal requests it
+  /// The next call of a function that allocates starts the thread. The control signal also starts
+  /// it if it interrupts a wait for work, so the controller repeats the signal in this state.
   kPending,
-  /// The thread waits for `bell` to change. Also after a detach: the control signal is the
-  /// program's then and may end it, so nobody must send it.
+  /// The thread waits for `bell` to change. A detached process has this value too, although it has
+  /// no thread: so no controller sends the control signal, which belongs to the program.
   kRunning,
 };
 
@@ -53,22 +54,23 @@ enum class Recording : std::uint32_t { kOff, kOn, kPaused };
 
 struct KindState {
   std::atomic<Recording> recording;
-  /// Of the latest switch, or of the latest clear while it is on; nanoseconds since 1970.
+  /// Time of the latest switch, or of the latest clear while recording is on; nanoseconds since
+  /// 1970.
   std::atomic<std::int64_t> since_ns;
 };
 
-/// How the loader came into the process.
+/// How the loader was loaded into the process.
 enum class Form : std::uint32_t {
   kPreloaded,
   kAttached,
-  kDetached,  ///< was attached; all slots are restored and no command is carried out
+  kDetached,  ///< was attached; all slots are restored, and commands are not carried out
 };
 
-/// Who carries out a posted command.
+/// The library that carries out a posted command.
 enum class Recipient : std::uint32_t {
   kTracker,
-  /// The loader detaches: switches recording off, restores the slots and ends the control thread.
-  /// `word` and `parameter` are 0. EPERM: the loader was preloaded.
+  /// The loader. The command is to detach: switches recording off, restores the slots and ends the
+  /// control thread. `word` and `parameter` are 0. Fails with EPERM if the loader was preloaded.
   kDetach,
 };
 
@@ -76,8 +78,8 @@ struct PostedCommand {
   std::atomic<Recipient> recipient;
   std::atomic<std::uint64_t> word;
   std::atomic<std::uint32_t> parameter;
-  /// Valid once `done` counts the command: 0, or an errno value if the process could not carry it
-  /// out (no thread could be started).
+  /// Valid when `done` counts the command: 0, or an errno value if the command was not carried out
+  /// (the control thread could not be started, or the loader cannot detach).
   std::atomic<std::int32_t> error;
 };
 
@@ -89,12 +91,12 @@ struct PastCommand {
   std::atomic<std::uint32_t> parameter;
 };
 
-/// The result of the latest "on" for one function in one library.
-/// With an error the hook is not in place, or another layer could not be removed.
+/// The hooks of one function in one library. An error means that the latest attempt to add or to
+/// remove a hook failed.
 struct HookState {
   char library[kMaxPropertyBytes + 1];
   char function[kMaxPropertyBytes + 1];
-  std::atomic<std::uint32_t> hooks;  ///< in place: each "on" adds one, each report removes one
+  std::atomic<std::uint32_t> hooks;  ///< installed: each "on" adds one, each report removes one
   std::atomic<std::int32_t> error;   ///< of the latest attempt, 0 or an errno value
 };
 
@@ -134,8 +136,9 @@ struct State {
   KindState kinds[std::size(kKinds)];
   std::atomic<std::uint32_t> unwind;  ///< the method in force, kUnwindFramePointers, kUnwindTables
   std::atomic<std::uint32_t> depth;   ///< frames per record in force
-  /// The controller increments `counts_wanted`, and `bell` as for a command. The control thread
-  /// counts, then sets `counts_done` to it and wakes its waiters.
+  /// To get `records`, the controller increments `counts_wanted` and then proceeds as for a posted
+  /// command. The control thread counts, sets `counts_done` to `counts_wanted` and wakes its
+  /// waiters.
   std::atomic<std::uint32_t> counts_wanted;
   std::atomic<std::uint32_t> counts_done;
   std::atomic<std::uint64_t> records;  ///< live blocks with a record, as of the latest count
@@ -145,11 +148,11 @@ struct State {
   std::atomic<std::uint32_t> hook_states;  ///< used entries of `hooks`
   HookState hooks[kMaxHookStates];
 
-  /// Reports that were started and that have ended, and why the latest one was not written.
+  /// Number of reports that were started, and that have ended.
   std::atomic<std::uint32_t> reports_started;
   std::atomic<std::uint32_t> reports_ended;
   std::atomic<std::int32_t> report_thread;  ///< id of the latest report's thread, 0: none, or gone
-  std::atomic<std::int32_t> report_error;   ///< 0: it is complete
+  std::atomic<std::int32_t> report_error;   ///< of the latest report: 0 if it is complete
   char report_reason[256];                  ///< text for the user if report_error is not 0
 };
 

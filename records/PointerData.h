@@ -81,9 +81,9 @@ class PointerData {
   static std::uint32_t GetMaxBacktraceNum();
   /// Appends the groups to `list`, largest first, and stores their sizes in bytes in the other
   /// outputs. `info` is not written. If there is no group, more than kMaxGroups, or no `list`, logs
-  /// that and leaves all outputs unchanged. Holds every pointer and frame lock meanwhile, and calls
-  /// `snapshot`'s Collect under them unless it is null. Removes the thread's mark. Allocates; not
-  /// for signal handlers.
+  /// that and leaves all outputs unchanged. Holds every pointer and frame lock during the grouping,
+  /// and calls `snapshot`'s Collect under them unless it is null. Removes the thread's mark.
+  /// Allocates; not for signal handlers.
   static void GetInfo(std::uint8_t** info, std::size_t* overall_size, std::size_t* info_size,
                       std::size_t* total_memory, std::size_t* backtrace_size,
                       std::vector<RecordStruct>* list, profile::Snapshot* snapshot = nullptr);

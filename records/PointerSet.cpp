@@ -66,7 +66,7 @@ void PointerSet::AddJavaNative(std::uint64_t address, std::uint64_t encoded_size
     }
   }
   const std::lock_guard<SetMutex> guard(java_pointer_mutex);
-  if (SyncJavaPointers() != generation) return;  // a clear removed the stack meanwhile
+  if (SyncJavaPointers() != generation) return;  // a clear has removed the stack
   java_pointers[address] = {encoded_size, unwind_index};
 } catch (const std::bad_alloc&) {
   // The block keeps its native record.

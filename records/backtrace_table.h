@@ -21,8 +21,8 @@ struct FrameInfoType {
   std::uint64_t fingerprint;
   /// Location in the arena. Never 0.
   std::uint32_t location;
-  /// For the pass that collects a report or a profile: an index into its own list. May be stale, or
-  /// that of another pass.
+  /// Used while a report or a profile is collected: an index into the collector's list. May contain
+  /// an old value of another collection.
   std::uint32_t note;
   /// Version of the loaded code when the backtrace was first captured (see profile::CodeVersion).
   std::uint32_t code_version;

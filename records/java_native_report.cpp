@@ -84,8 +84,8 @@ UnwindFrameInfoType* FindUnwindRecord(PointerSet& set, std::uint64_t pointer,
 /// Adds the records of one set to `groups`.
 void CollectSet(PointerSet& set, bool only_with_backtrace, GroupedList& groups) {
   // Held while the tables are read, since a thread that records may rehash them. A marked thread
-  // takes these locks, too: it holds only pointer and frame locks, which come before these two in
-  // the lock order.
+  // takes these locks as well: it holds only pointer and frame locks, which come before these two
+  // in the lock order.
   const std::scoped_lock lock(set.java_pointer_mutex, set.unwind_mutex);
   set.SyncJavaPointers();
   set.SyncUnwindFrames();

@@ -2,7 +2,7 @@
 // The leak-info export: groups of live blocks, largest first.
 //
 // Runs on the dump thread and in the C library's leak-info entry. Record operations of all other
-// threads wait meanwhile.
+// threads wait until it ends.
 #include <algorithm>
 #include <cerrno>
 #include <climits>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The profile: all live blocks, grouped by call stack whatever their size. Linux writes one beside
-// each report (docs/profile-format.md). On Android these functions do nothing.
+// The profile: all live blocks, grouped by call stack. Linux writes a profile beside each report
+// (docs/profile-format.md). On Android these functions do nothing.
 #pragma once
 
 #include <cstddef>
@@ -24,16 +24,16 @@ void Prepare();
 void NoteOn(protocol::MemTrackType kind);
 void NoteClear();
 
-/// Returns a number that grows with each dlclose. A new backtrace keeps it: the number tells which
-/// of several libraries that were loaded at one address the backtrace belongs to. Any thread.
-/// Async-signal-safe; takes no lock.
+/// Returns a number that grows with each dlclose. A new backtrace stores it. If several libraries
+/// were loaded at one address, the number identifies the one that the backtrace belongs to. Any
+/// thread. Async-signal-safe; takes no lock.
 std::uint32_t CodeVersion();
 
 /// Frees the lock of the list of objects in a forked child.
 void FreeLocksInChild();
 
-/// The live blocks at one moment. Used by the dump thread, under the initialise lock. Its memory
-/// comes from mmap.
+/// A copy of the live blocks at one moment, by stack. Used by the dump thread, under the initialise
+/// lock. Its memory comes from mmap.
 class Snapshot {
  public:
   Snapshot() = default;

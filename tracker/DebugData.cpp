@@ -21,7 +21,7 @@ bool DebugData::Initialize(DebugData* holder) {
     return fresh->Initialize();
   }
   // All places are taken by clears on other threads. A PointerData has no state, so the current one
-  // can empty the tables, too.
+  // can empty the tables as well.
   PointerData* current = holder->pointer();
   return current != nullptr && current->Initialize();
 }
@@ -60,7 +60,7 @@ void DebugData::PostForkParent() {
 }
 
 void DebugData::PostForkChild() {
-  // A command that the fork did not wait for may have come after PrepareFork.
+  // Checked again here: if the fork timed out, a command may have arrived after PrepareFork.
   if (IsAtRest()) return;
   forking_thread_.store(0);
   PointerData::PostForkChild();

@@ -23,14 +23,14 @@ class DebugData {
   /// Destroys the PointerData. Only from track_finalize.
   static void Release();
 
-  /// The current PointerData, null before Initialize. Any thread.
+  /// Returns the current PointerData; null before Initialize. Any thread.
   PointerData* pointer() const { return pointer_.load(std::memory_order_acquire); }
 
   /// Notes that a command is about to use the tables. Async-signal-safe.
   void NoteCommand() { used_.store(true); }
 
-  /// The three fork handlers. Without a PointerData they do nothing. They also do nothing while no
-  /// command has used the tables, unless a command may run during the fork: each page that a child
+  /// The three fork handlers. They do nothing without a PointerData. Before the first command they
+  /// also do nothing, unless a command may run during the fork, because each page that a child
   /// writes to is copied.
   void PrepareFork();
   void PostForkParent();
@@ -46,7 +46,7 @@ class DebugData {
   };
 
   void Destroy(PointerData* old);
-  /// Whether no thread can be inside the tables.
+  /// Returns whether no thread can be inside the tables.
   bool IsAtRest() const;
 
   Place places_[8];

@@ -61,7 +61,7 @@ Targets ReadTargets(const char* libraries, const char* functions) {
   return targets;
 }
 
-// Calls of hook_by_plt that hooked something and are not undone.
+// Number of calls of hook_by_plt that have hooked something and were not undone.
 int hook_rounds = 0;
 
 void LogFailure(const char* verb, const Target& target) {

@@ -30,5 +30,5 @@ bool hook_by_plt();
 /// nothing, so it works without memory.
 void unhook_by_plt();
 
-/// Calls unhook_by_plt once for each call of hook_by_plt that it has not undone.
+/// Undoes all calls of hook_by_plt. Allocates nothing.
 void unhook_all_by_plt();

@@ -22,5 +22,5 @@ void SwitchOff();
 ///
 /// Runs on the thread that the kernel picks and does all work there, including allocation and
 /// thread creation. Keeps errno. Commands never nest in one thread: the signal is blocked
-/// meanwhile.
+/// while its handler runs.
 void TrackSigaction(int signal, siginfo_t* info, void* context);

@@ -58,8 +58,8 @@ const MemTrackControl* Recording() {
   return control->PltThreadEnabled() ? control : nullptr;
 }
 
-/// Marks the thread while its call is recorded, so that mappings that the tracker makes meanwhile
-/// are not. Checks the switches again: recording may have been switched off.
+/// Marks the thread while its call is recorded, so that the tracker's own mappings are not
+/// recorded. Checks the switches again: recording may have been switched off.
 class PltScope {
  public:
   explicit PltScope(const MemTrackControl* control)

@@ -23,17 +23,18 @@ enum class Variable {
 /// other thread reads the values. Allocates nothing.
 void CaptureEnvironment();
 
-/// As CaptureEnvironment, with the given values, cut to fit.
+/// As CaptureEnvironment, with the given values instead of the environment. Copies them, cut to
+/// fit.
 void CaptureValues(const char* root, const char* log, const char* properties);
 
-/// The captured values. They live as long as the process.
+/// Returns the captured values. They live as long as the process.
 const protocol::Paths& CapturedPaths();
 
-/// Uses `paths`, which another library has captured, from now on; null: no change.
+/// Makes CapturedValue use `paths`, which must live as long as the process. Null: no change.
 void UsePaths(const protocol::Paths* paths);
 
 /// Returns the value of `variable`, or null if it was unset or empty. Valid until the next
-/// CaptureEnvironment. Any thread. Async-signal-safe.
+/// call of a function above. Any thread. Async-signal-safe.
 const char* CapturedValue(Variable variable);
 
 /// Writes `pattern` and `suffix` to `path`, NUL-terminated and cut to fit. Every "%p" in `pattern`

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes the state that the loader has made. The loader replaces it at a fork and when it makes the
-// file, so each function loads the pointer again.
+// The loader replaces the state at a fork and when it makes the state file, so each function loads
+// the pointer again.
 #include "platform/published_state.h"
 
 #include <dlfcn.h>
@@ -49,7 +49,7 @@ void Switch(KindState& state, Recording recording) {
   state.since_ns.store(Now());
 }
 
-/// Returns the entry of the pair, a new one if there is none; null if there is no room.
+/// Returns the entry of the pair, which is added if necessary; null if there is no room.
 protocol::HookState* FindHook(State& state, const char* library, const char* function) {
   const std::uint32_t used = state.hook_states.load();
   for (std::uint32_t i = 0; i < used && i < protocol::kMaxHookStates; ++i) {

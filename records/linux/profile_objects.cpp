@@ -19,8 +19,8 @@
 namespace profile {
 namespace {
 
-/// Limits of the list and of its names. Objects beyond them are not entered: the frames in them
-/// have no name. The memory is reserved once; only used pages take space.
+/// Limits of the list and of its names. Further objects are not entered, so frames in them have no
+/// name. The memory is mapped once; only used pages take space.
 constexpr std::size_t kMaxObjects = 8192;
 constexpr std::size_t kNameBytes = kMaxObjects * 256;
 /// Maximum length of a path in /proc/self/maps.
@@ -30,7 +30,7 @@ Object* g_objects = nullptr;
 char* g_names = nullptr;
 std::size_t g_name_bytes = 0;
 std::atomic<std::size_t> g_count{0};
-/// Taken under the dynamic linker's lock, which dl_iterate_phdr holds; never the other way round.
+/// Lock order: the dynamic linker's lock, which dl_iterate_phdr holds, before this lock.
 SetMutex g_lock;
 /// The dynamic linker's counts of loads and unloads at the last update.
 std::uint64_t g_adds = 0;
@@ -46,7 +46,7 @@ struct Update {
 
 bool Reserve() {
   if (g_objects != nullptr) return true;
-  // Another attempt keeps what this one has got.
+  // If only the second mapping fails, the next attempt reuses the first.
   if (g_names == nullptr) g_names = static_cast<char*>(MapPages(kNameBytes));
   if (g_names == nullptr) return false;
   g_objects = static_cast<Object*>(MapPages(kMaxObjects * sizeof(Object)));
@@ -76,7 +76,7 @@ void TakeBuildId(const dl_phdr_info& info, const ElfW(Phdr) & header, Object* ob
   }
 }
 
-/// Whether the segment is in memory: some tools leave notes only in the file.
+/// Returns whether the segment is in memory: some tools write notes that are only in the file.
 bool IsLoaded(const dl_phdr_info& info, const ElfW(Phdr) & segment) {
   for (std::size_t i = 0; i < info.dlpi_phnum; ++i) {
     const ElfW(Phdr)& load = info.dlpi_phdr[i];
@@ -89,7 +89,7 @@ bool IsLoaded(const dl_phdr_info& info, const ElfW(Phdr) & segment) {
   return false;
 }
 
-/// Fills `object`, which is zero, but for its path.
+/// Fills all fields of `object` except its path. The caller has zeroed it.
 void Fill(const dl_phdr_info& info, Object* object) {
   object->bias = info.dlpi_addr;
   object->begin = ~std::uint64_t{0};
@@ -118,8 +118,8 @@ const char* KeepName(const char* name) {
   return kept;
 }
 
-/// The dl_iterate_phdr callback. Ends at once if nothing was loaded or unloaded since the last
-/// update.
+/// Callback of dl_iterate_phdr. Ends the walk at once if no object was loaded or unloaded since the
+/// last update.
 int EnterObject(dl_phdr_info* info, std::size_t size, void* data) {
   Update& update = *static_cast<Update*>(data);
   if (!update.locked) {
@@ -137,7 +137,8 @@ int EnterObject(dl_phdr_info* info, std::size_t size, void* data) {
   Object& fresh = g_objects[update.count];
   new (&fresh) Object{};
   Fill(*info, &fresh);
-  // The latest object in this range is either the same one, perhaps loaded again, or gone.
+  // The latest entry in this address range is either this object, perhaps loaded again, or an
+  // object that was unloaded.
   for (std::size_t i = update.count; i-- > 0;) {
     Object& known = g_objects[i];
     if (known.begin >= fresh.end || known.end <= fresh.begin) continue;
@@ -153,8 +154,8 @@ int EnterObject(dl_phdr_info* info, std::size_t size, void* data) {
   return 0;
 }
 
-/// Replaces the names of the objects from index `first` on by those of their mappings, which are
-/// absolute. Under an emulator they are the host's.
+/// Replaces the names of the objects from index `first` on by the paths of their mappings, which
+/// are absolute. Under an emulator these are paths of the host.
 void TakeMappingNames(std::size_t first, std::size_t count) {
   if (first == count) return;
   platform::ForEachMapsLine([=](const char* line) {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program and the libraries that were loaded while recording. Linux only.
 //
-// An object is entered when a report is written, or before a dlclose that follows its loading. So
-// recording itself costs nothing. An object that the C library unloads without dlclose is noticed
-// late: backtraces in its successor may be taken for its own.
+// Objects are entered before each dlclose and when a report is written, not during recording. If
+// the C library unloads an object without dlclose, this is noticed late: until then, backtraces in
+// a new object at the same address may be assigned to the old one.
 #pragma once
 
 #include <sys/mman.h>
@@ -39,7 +39,7 @@ struct Object {
   /// 0 while the object is loaded. Otherwise the first CodeVersion without it. A backtrace belongs,
   /// at each pc, to the object with the lowest `until` above the backtrace's version.
   std::atomic<std::uint32_t> until;
-  std::uint32_t sweep;  ///< for UpdateObjects: the last one that found it
+  std::uint32_t sweep;  ///< number of the latest UpdateObjects that found the object
   std::uint32_t segment_count;
   std::uint32_t build_id_bytes;
   Segment segments[kMaxSegments];
@@ -49,13 +49,13 @@ struct Object {
   bool Contains(std::uint64_t pc) const { return pc >= begin && pc < end; }
 };
 
-/// The objects, ObjectCount() of them. Entries are never removed. Any thread.
+/// Returns the array of ObjectCount() objects. Entries are never removed. Any thread.
 const Object* Objects();
 std::size_t ObjectCount();
 
-/// Enters new objects and marks those that are gone as closed at `version`. Returns whether any is
-/// closed now. Not for signal handlers. Takes the dynamic linker's lock, so the caller holds no
-/// lock of the store. Allocates with mmap only.
+/// Enters new objects, and marks objects that were unloaded as closed at `version`. Returns whether
+/// it has marked any. Not for signal handlers. Takes the dynamic linker's lock, so the caller holds
+/// no lock of the store. Allocates with mmap only.
 bool UpdateObjects(std::uint32_t version);
 
 }  // namespace profile

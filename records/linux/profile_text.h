@@ -109,7 +109,7 @@ struct FrameTable {
   /// The latest result of EraOf. Most stacks have the same version as the stack before.
   std::uint32_t last_version = 0;
   std::uint32_t last_era = UINT32_MAX;
-  /// Objects that the head lists.
+  /// Number of objects that the head lists.
   std::size_t objects = ObjectCount();
 
   FrameTable() = default;

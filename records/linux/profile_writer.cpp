@@ -44,7 +44,8 @@ constexpr std::int64_t kSecondNs = 1'000'000'000;
 char g_program[PATH_MAX];
 char g_arguments[4096];
 std::size_t g_argument_bytes = 0;
-/// Since when there are records, and the kinds recorded since then, as bits.
+/// When recording began or the records were last cleared, and the kinds recorded since then, as
+/// bits.
 std::atomic<std::int64_t> g_since{0};
 std::atomic<std::uint32_t> g_kinds{0};
 
@@ -73,8 +74,8 @@ std::int64_t Nanoseconds(clockid_t clock) {
 }
 
 /// Returns when the process started or was forked, in seconds since the epoch; the current time if
-/// that is unknown. Not noted at a fork: the child of an idle process writes no page for the
-/// tracker.
+/// that is unknown. Read here and not stored at a fork, so that an idle forked child writes to no
+/// page of the tracker.
 std::int64_t StartTime() {
   char text[1024];
   text[ReadFile("/proc/self/stat", text, sizeof text - 1)] = '\0';
@@ -90,8 +91,8 @@ std::int64_t StartTime() {
 
 /// The observer of dlclose (protocol::UnloadObserver).
 void ObserveUnload(bool closed) {
-  // Without backtraces, no code has to be told apart. An outdated count is harmless: the captures
-  // of this thread are counted.
+  // Without backtraces, code versions need not be distinguished. The check may miss a backtrace
+  // that another thread has just added, which is harmless. It never misses one of this thread.
   if (backtraces.IsEmpty()) return;
   const std::uint32_t version = CodeVersion();
   if (!UpdateObjects(version) || !closed) return;
@@ -120,7 +121,7 @@ void Prepare() {
   const ssize_t length = readlink("/proc/self/exe", g_program, sizeof g_program - 1);
   g_program[std::max<ssize_t>(length, 0)] = '\0';
   g_argument_bytes = ReadFile("/proc/self/cmdline", g_arguments, sizeof g_arguments);
-  // A program that has overwritten its arguments by a title leaves NULs behind it.
+  // A program that has replaced its arguments by a shorter title leaves NULs behind the title.
   while (g_argument_bytes > 1 && g_arguments[g_argument_bytes - 1] == '\0' &&
          g_arguments[g_argument_bytes - 2] == '\0') {
     --g_argument_bytes;
@@ -188,7 +189,7 @@ Snapshot::~Snapshot() {
 }
 
 void Snapshot::Collect() {
-  // Row 0 is that of blocks without a backtrace.
+  // Row 0 is for blocks without a backtrace.
   const std::size_t bytes = (backtraces.size() + 1) * sizeof(Row);
   Row* const rows = static_cast<Row*>(MapPages(bytes));
   if (rows == nullptr) {
@@ -281,8 +282,8 @@ void Snapshot::WriteHead(Text& out, const FrameTable& frames, const ReportText& 
   }
 }
 
-/// Writes the frames of `row` that are new, and its line. The outermost frames that it has in
-/// common with `previous`, the stack of the line before, are only counted.
+/// Writes the new frames of `row`, and its line. Outermost frames that are also in `previous`, the
+/// stack of the previous line, are only counted.
 void Snapshot::WriteStack(Text& out, FrameTable& frames, const Row& row,
                           const Row* previous) const {
   const FrameInfoType* const backtrace = row.backtrace;

@@ -94,7 +94,7 @@ void LoadAndUnload(unsigned seed, bool frame_pointers) {
   }
 }
 
-/// Threads load, call and unload libraries. Meanwhile forked children allocate.
+/// Threads load, call and unload libraries while forked children allocate.
 int Libraries(int children, bool frame_pointers) {
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < 4; ++i) threads.emplace_back(LoadAndUnload, i, frame_pointers);

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Processes that run without the tracker are attached to, record, report, and are detached again.
+"""Attaches to processes that run without the tracker, takes reports, and detaches.
 
 usage: attach.py CASE BIN_DIR CONTROLLER
 """
@@ -50,8 +50,8 @@ __attribute__((constructor)) void Start(void) { do usleep(2000); while (%d); }
 
 
 class Client(threading.Thread):
-    """Sends requests until it is told to stop. Any other answer than the expected one, and a
-    closed connection, fail the test."""
+    """Sends requests until it is told to stop. A wrong answer or a closed connection fails the
+    test."""
 
     def __init__(self, port, request, answer):
         super().__init__()
@@ -109,7 +109,7 @@ class Session(servers.Session):
         return got
 
     def refuse(self, why, pid=None, command="attach", environment=None, prefix=()):
-        """The command fails with one line. The process goes on."""
+        """The command fails with one line, and the process continues."""
         result = subprocess.run(
             [*prefix, *self.controller, command, str(pid or self.process.pid)],
             capture_output=True, text=True, timeout=60, cwd=self.root, env=environment)
@@ -119,7 +119,7 @@ class Session(servers.Session):
 
     @contextlib.contextmanager
     def clients(self, *exchanges):
-        """No client sees an error."""
+        """Checks that no client has seen an error."""
         clients = [Client(self.port, *exchange) for exchange in exchanges]
         for client in clients:
             client.start()
@@ -167,7 +167,8 @@ def memcached(session):
 
 
 def nginx(session):
-    """The master and all workers by one command. Workers run as another user if possible."""
+    """Attaches to the master and all workers with one command. Workers run as another user if
+    possible."""
     config = session.root + "/nginx.conf"
     with open(config, "w") as file:
         file.write(servers.NGINX % {"root": session.root, "port": session.port})
@@ -191,7 +192,7 @@ def nginx(session):
 
 
 def python(session):
-    """It computes all the time. The report has its leak."""
+    """The program computes without a pause. The report has its leak."""
     session.begin(PYTHON, "-c", NUMPY)
     for line in range(1, 4):
         session.ask("", str(line))
@@ -206,7 +207,7 @@ def python(session):
 
 
 def library(session, name, for_ever):
-    """A library whose constructor takes 2 ms, or does not end."""
+    """Compiles a library whose constructor runs for 2 ms, or forever."""
     source, path = f"{session.root}/{name}.c", f"{session.root}/{name}.so"
     with open(source, "w") as file:
         file.write(CONSTRUCTOR % for_ever)
@@ -215,8 +216,8 @@ def library(session, name, for_ever):
 
 
 def places(session):
-    """Wherever the threads are when the debugger stops them, system calls continue, and the reports
-    have exactly what was leaked while they were recorded."""
+    """The debugger stops threads at random places. System calls continue, and the reports have
+    exactly the blocks that were leaked while recording was on."""
     program = session.bin_dir + "/end_to_end_attached"
     for mode in ("wait", "threads", "signal", "dlopen"):
         session.begin(program, mode, library(session, "slow", 0))
@@ -288,7 +289,7 @@ def container(session):
 
 
 def refusals(session):
-    """Each refusal is one line that says what to do, and the process runs on."""
+    """Each refusal is one line that says what to do, and the process continues."""
     program = session.bin_dir + "/end_to_end_attached"
     session.begin(program, "threads")
     session.process.send_signal(signal.SIGSTOP)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program to attach to. Its main thread reads a number from standard input, leaks so many blocks
-// of kLeakedBytes and prints "ok", until the input ends. The argument names what else it does:
-//   wait      threads wait in system calls and print those that end early
+// A program to attach to. Until its input ends, the main thread reads numbers. For each number N it
+// leaks N blocks of kLeakedBytes and prints "ok". The first argument selects what other threads do:
+//   wait      threads wait in system calls and print the calls that end early
 //   threads   threads allocate and free
 //   malloc    allocates and frees, without any system call, until SIGTERM; reads nothing
 //   dlopen    a thread opens and closes the library in the second argument
@@ -45,7 +45,8 @@ void Start(Step step) {
   }).detach();
 }
 
-// A call that waits for two seconds ends with 0, or with -1 and `error`.
+// Repeats a call that waits for two seconds. Prints its name if it ends early or with another
+// result than `error`: 0 for success, otherwise an errno value.
 void Await(const char* name, int error, const std::function<long()>& call) {
   Start([=] {
     const auto start = steady_clock::now();

@@ -75,7 +75,7 @@ class Session:
         return self.memleak(command, pid or self.process.pid, *arguments)
 
     def refused(self, *words, pid=None, prefix=()):
-        """The line that says why a command is refused."""
+        """Runs a command that must be refused. Returns its line on stderr."""
         result = subprocess.run([*prefix, *self.controller, *words, str(pid or self.process.pid)],
                                 capture_output=True, text=True, timeout=100)
         assert result.returncode == 2 and result.stderr.count("\n") == 1, result
@@ -88,7 +88,7 @@ class Session:
         assert text.endswith("END"), text[-200:]
         found = [Group(m) for m in map(GROUP.match, text.splitlines()) if m]
         total = int(re.search(r"^Total memory\(bytes\): (\d+)$", text, re.M)[1])
-        assert total == sum(g.total for g in found), "the total is that of the groups"
+        assert total == sum(g.total for g in found), "the total is the sum of the groups"
         return found
 
     def records(self):

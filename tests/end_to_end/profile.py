@@ -108,8 +108,8 @@ def closed(session):
 
 
 def operators(session):
-    """A program with another allocator, whose operator new comes first, is recorded whole. The
-    blocks are those of the function that asks for them."""
+    """All blocks are recorded if the program uses another allocator, with its own operator new. Each
+    block belongs to the function that has requested it."""
     command = session.run_command(session.bin_dir + "/end_to_end_operators",
                                   options=("--start", "--report-at-exit"))
     subprocess.run(command, check=True, timeout=60)

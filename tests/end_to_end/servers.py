@@ -29,7 +29,7 @@ http { access_log off; root %(root)s; client_body_temp_path %(root)s/1; proxy_te
   server { listen 127.0.0.1:%(port)d; } }
 """
 
-# Stores values for ever under new keys.
+# Stores values under new keys, without end.
 MEMCACHED_LOAD = """
 import socket, sys
 link = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
@@ -66,11 +66,11 @@ class Session(end_to_end.Session):
         self.port = free_port()
 
     def serve(self, *command, **options):
-        """Starts the server. Its root directories are "PID" in the session's."""
+        """Starts the server. Each process has the root directory PID in the session's root."""
         run = self.run_command(*command, root=self.root + "/%p")
         self.process = subprocess.Popen(run, stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT,
                                         **options)
-        self.name = os.path.basename(command[0])  # whatever the title of the process is
+        self.name = os.path.basename(command[0])  # even if the process changes its title
 
     @contextlib.contextmanager
     def load(self, *command):
@@ -114,13 +114,14 @@ class Session(end_to_end.Session):
         assert "native off since" in self.tell("status", pid=pid)
 
     def end(self):
-        """The server still ends as it should."""
+        """Ends the server, and checks that it ends without an error."""
         self.process.terminate()
         assert self.process.wait(30) in (0, -15), self.process.returncode
 
 
 def redis(session):
-    """It overwrites its environment with its title. The program is a link to redis-check-rdb."""
+    """The server overwrites its environment with its title. The program is a link to
+    redis-check-rdb."""
     session.serve("redis-server", "--port", str(session.port), "--save", "",
                   "--set-proc-title", "yes")
     await_port(session.port)
@@ -152,7 +153,7 @@ def nginx(session):
 
 
 def postgres(session):
-    """The server and the process of a connection. It refuses to run as root."""
+    """Records the server and the process of a connection. The server refuses to run as root."""
     data = session.root + "/data"
     user = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
     socket_options = ["-k", session.root, "-p", str(session.port)]
@@ -176,7 +177,7 @@ def postgres(session):
 
 
 def memcached(session):
-    """It has threads."""
+    """The server has threads."""
     session.serve("memcached", "-p", str(session.port), "-l", "127.0.0.1", "-u", "root",
                   "-m", "1024")
     await_port(session.port)

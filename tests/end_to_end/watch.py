@@ -100,7 +100,7 @@ def ends(session):
     for _ in range(2):
         session.watching.send_signal(signal.SIGHUP)
         time.sleep(0.05)
-    assert session.watching.wait(60) == 2, "the output is not whole"
+    assert session.watching.wait(60) == 2, "the output is not complete"
     with open(session.directory + "/trend.json") as file:
         assert len(json.load(file)["reports"]) == 2
 

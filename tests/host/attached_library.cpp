@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library that calls the allocator. It is built with lazy binding, without, and without a PLT.
+// A library that calls the allocator. Built in several ways: with lazy binding, without lazy
+// binding, and without a PLT.
 #include "tests/host/attached_library.h"
 
 #include <dlfcn.h>
@@ -11,7 +12,7 @@ Pointers attached_copied = {malloc, free};
 
 namespace {
 
-// In data.
+// Pointers in data, which hold functions after relocation.
 Pointers pointers = {malloc, free};
 
 void* Allocate(Way way, size_t size) {
@@ -48,7 +49,7 @@ void Release(Way way, void* block) {
 }
 
 void* Open(const char* library) {
-  // No tail call: the dynamic linker searches for this library.
+  // Not a tail call: the dynamic linker must see this library as the caller.
   void* volatile opened = dlopen(library, RTLD_NOW | RTLD_LOCAL);
   return opened;
 }

@@ -4,7 +4,7 @@
 
 #include <stddef.h>
 
-/// How a block is allocated. Decides how it is freed.
+/// How a block is allocated. Determines how it is freed.
 enum class Way : unsigned { kMalloc, kCalloc, kAligned, kPosix, kPointer, kCopied, kNew, kCount };
 
 struct Allocator {
@@ -20,8 +20,8 @@ struct Pointers {
   void (*give)(void*);
 };
 
-/// Variable of a library. The program has a copy.
+/// A variable of a library. The program has a copy of it (R_*_COPY).
 extern "C" Pointers attached_copied;
 
-/// Function of the program. Each library calls it when it is loaded.
+/// A function of the program. Each library calls it when it is loaded.
 extern "C" void attached_register(const Allocator& allocator);

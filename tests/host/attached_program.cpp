@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program, not position-independent, to which the loader attaches as a debugger does it, again
-// and again, while threads allocate. A model counts the bytes that live.
+// Attaches the loader to itself as a debugger does, and detaches it, many times while threads
+// allocate. Compares the recorded bytes with a model that counts live bytes. The program is not
+// position-independent.
 #include <dlfcn.h>
 #include <linux/futex.h>
 #include <malloc.h>
@@ -25,12 +26,13 @@ namespace {
 using protocol::Recipient;
 using protocol::State;
 
-// In a program that is not position-independent this is an address in its own PLT.
+// The address of malloc in the program: an entry of its own PLT, since the program is not
+// position-independent.
 void* (*volatile own_malloc)(size_t);
-// Those of all libraries, in the order of their loads.
+// The functions of all libraries, in load order.
 Allocator allocators[8];
 unsigned libraries = 0;
-constexpr unsigned kLibraries = 3;  // that the program is linked with
+constexpr unsigned kLibraries = 3;  // libraries that the program is linked with
 
 protocol::AttachFunction* attach = nullptr;
 std::atomic<State*>* state = nullptr;
@@ -59,7 +61,7 @@ int Post(Recipient recipient, uint64_t word, uint32_t parameter = 0) {
   for (int i = 0; shared.done <= number; ++i) {
     CHECK(i < 100'000);
     usleep(100);
-    // Such a call starts the thread.
+    // An allocation starts the control thread.
     if (shared.control_thread != protocol::ControlThread::kRunning) free(own_malloc(1));
   }
   return posted.error;
@@ -76,7 +78,7 @@ void Detach() {
   CHECK(state->load()->form == protocol::Form::kDetached);
 }
 
-/// The bytes in a new profile.
+/// Takes a report. Returns the live bytes in its profile.
 size_t LiveBytes() {
   State& shared = *state->load();
   CHECK(Post(Recipient::kTracker, protocol::kReportKeepRecording) == 0);
@@ -91,7 +93,8 @@ size_t LiveBytes() {
   return bytes;
 }
 
-/// The mapped files with their protections, without the loader, which stays.
+/// Returns the lines of mapped files in /proc/self/maps, except the loader and the tracker, which
+/// stay mapped.
 std::set<std::string> Mappings() {
   std::set<std::string> lines;
   std::ifstream maps("/proc/self/maps");
@@ -114,7 +117,7 @@ class Churner {
     pause_ = pause;
     while (paused_ != pause) usleep(100);
   }
-  /// While paused: live bytes of the blocks from now on.
+  /// Starts to count live bytes of blocks that are allocated from now on. Call it while paused.
   void StartCount() {
     for (Block& block : blocks_) block.counts = false;
   }
@@ -147,7 +150,7 @@ class Churner {
   void Step() {
     Block& block = blocks_[random_() % std::size(blocks_)];
     const size_t size = random_() % 2000 + 1;
-    // A block may be freed by another library than the one that has allocated it.
+    // One library may free a block that another one has allocated.
     const Allocator& allocator = allocators[random_() % kLibraries];
     if (block.address != nullptr && block.way == Way::kMalloc && random_() % 2 == 0) {
       block.address = allocator.resize(block.address, size);
@@ -169,7 +172,7 @@ class Churner {
   std::thread thread_;
 };
 
-/// Recorded bytes equal the model's.
+/// Checks that the recorded bytes equal the model's.
 void Compare(std::vector<std::unique_ptr<Churner>>& churners) {
   for (auto& churner : churners) churner->Pause(true);
   CHECK(Post(Recipient::kTracker, protocol::kNative.On() | protocol::kNative.Clear()) == 0);
@@ -190,10 +193,10 @@ void Compare(std::vector<std::unique_ptr<Churner>>& churners) {
   for (auto& churner : churners) churner->Pause(false);
 }
 
-/// A large block of the library that was loaded last is recorded and removed.
+/// Checks that a block of the library that was loaded last is recorded and removed.
 void CheckLatestLibrary() {
   const Allocator& latest = allocators[--libraries];
-  // The thread that writes the report is recorded, too.
+  // Large, because the thread that writes the report is recorded as well.
   constexpr size_t kBytes = 1 << 20;
   const size_t before = LiveBytes();
   CHECK(before < kBytes);
@@ -203,13 +206,13 @@ void CheckLatestLibrary() {
   CHECK(LiveBytes() < kBytes);
 }
 
-/// Libraries that are loaded while the loader is attached are recorded from the return of dlopen.
+/// Checks that the allocations of a library are recorded once dlopen has returned.
 void LoadLibraries() {
   void* const plugin = dlopen(PLUGIN, RTLD_NOW);
   CHECK(plugin != nullptr);
   CheckLatestLibrary();
   CHECK(dlclose(plugin) == 0);
-  // Only the search path of the library that the program names first finds it.
+  // Only the first library's search path (DT_RUNPATH) contains this library.
   CHECK(dlopen(HIDDEN_NAME, RTLD_NOW) == nullptr);
   void* const hidden = allocators[kLibraries - 1].open(HIDDEN_NAME);
   CHECK(hidden != nullptr && dlsym(hidden, "attached_copied") != nullptr);
@@ -250,7 +253,7 @@ int Run(int rounds) {
     if (now.count(line) == 0) fprintf(stderr, "before: %s\n", line.c_str());
     CHECK(now.count(line) == 1);
   }
-  // The program ends while it is recorded.
+  // The program exits while recording is on.
   Attach();
   return Post(Recipient::kTracker, protocol::kNative.On());
 }

@@ -34,7 +34,7 @@ void ExitInsideMalloc() {
   CHECK(WEXITSTATUS(WaitFor(child)) == 7 && time(nullptr) - start < 30);
 }
 
-/// The C library does not know of the child, so the loader's fork handlers have not run in it.
+/// The child is made by a direct clone call, so the loader's fork handlers have not run in it.
 void RawFork() {
   CarryOut(0x10);
   const auto start = std::chrono::steady_clock::now();

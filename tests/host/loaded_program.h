@@ -56,8 +56,7 @@ inline void Churn(int rounds) {
   for (void* block : blocks) free(block);
 }
 
-/// Sends the commands `first` and `second` in turns, `count` in all, and waits until all are
-/// carried out.
+/// Sends `count` commands, alternating `first` and `second`, and waits until all are carried out.
 inline void CarryOut(uint64_t first, uint64_t second = 0, uint64_t count = 1) {
   const auto* pointer =
       static_cast<std::atomic<protocol::State*>*>(dlsym(RTLD_DEFAULT, protocol::kStateVariable));

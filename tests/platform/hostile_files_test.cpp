@@ -83,11 +83,11 @@ constexpr Case kCases[] = {
     // files
     {"mkdir -p $D; cp victim $R; chmod 644 $R", Report, ""},
     {"mkdir -p $D; ln -s ../../../../victim $R", Report, "allocations_dump: it is a symbolic link"},
-    {"mkdir -p $D; ln victim $R", Report, "it has another name, too"},
+    {"mkdir -p $D; ln victim $R", Report, "it has more than one name"},
     {"mkdir -p $D; cp victim $R; chown 1234 $R; chmod 666 $R", Report, "to another user"},
     {"mkdir -p $D; mkfifo $R", Report, "No such device or address"},
     {"mkdir -p $D; mkfifo $R; exec 3<>$R; sleep 2 >&- 2>&- & true", Report,
-     "it is no regular file"},
+     "it is not a regular file"},
     {"mkdir root; mkfifo root/properties", Properties, "unset"},
     {"mkdir root; cp victim root/properties; chown 1234 root/properties", Properties, "unset"},
     {"mkdir -p root/dev; mkfifo root/dev/kxlog_exception", Device, "No such device or address"},

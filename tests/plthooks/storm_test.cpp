@@ -129,7 +129,7 @@ TEST(Storm, EveryCallIsRight) {
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(*host.slot(), original);
 #if !defined(__SANITIZE_THREAD__)
-  EXPECT_EQ(dlopen(CALLS_GUEST, RTLD_NOW | RTLD_NOLOAD), nullptr) << "nobody holds it any more";
+  EXPECT_EQ(dlopen(CALLS_GUEST, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is still loaded";
 #endif
 }
 

@@ -112,8 +112,6 @@ async function prints(browser) {
 async function holdsLargeReports(browser) {
   const kStacks = 100000;
   const html = write("large", large(kStacks, 32, 30000));
-  const page = await open(browser, html); // warm: the file is in the cache
-  await close(page);
   for (const tab of kTabs.slice(0, 4)) {
     const large = await open(browser, html, `#tab=${tab}`);
     const opened = await large.evaluate(() => new Promise((done) => requestAnimationFrame(() => setTimeout(() => done(performance.now())))));
@@ -125,7 +123,7 @@ async function holdsLargeReports(browser) {
       document.body.offsetHeight; // with layout
       return performance.now() - begin;
     });
-    assert.match(await large.innerText("#found"), / found, in /);
+    assert.match(await large.innerText("#found"), / found, on /);
     const elements = await large.evaluate(() => document.querySelectorAll("*").length);
     console.log(`${kStacks} stacks, ${tab}: open ${opened.toFixed(0)} ms, search ${searched.toFixed(0)} ms, ${elements} elements`);
     assert.ok(elements < 2500, `${elements} elements`);
@@ -138,20 +136,15 @@ async function holdsLargeReports(browser) {
 async function opensGathered(page) {
   const { x, y, width, height } = await page.locator(".flame canvas").boundingBox();
   const details = () => page.innerText(".flame-details");
-  for (let level = y + 30; level < y + height; level += 20) {
+  let level = y + 10;
+  while (!/ smaller$/.test(await details())) {
+    assert.ok((level += 20) < y + height, "boxes are gathered");
     await page.mouse.move(x + width - 2, level);
-    if (/ smaller$/.test(await details())) return zoomTo(level);
   }
-  assert.fail("nothing is gathered");
-
-  async function zoomTo(level) {
-    const before = await details();
-    await page.mouse.click(x + width - 2, level);
-    await page.mouse.move(0, 0);
-    assert.equal(await details(), before);
-    await page.click("text=Reset zoom");
-    assert.match(await details(), / all$/);
-  }
+  const before = await details();
+  await page.mouse.click(x + width - 2, level);
+  await page.mouse.move(0, 0);
+  assert.equal(await details(), before);
 }
 
 await runTests([looksRight, worksByKeyboard, prints, holdsLargeReports]);

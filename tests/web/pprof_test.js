@@ -5,25 +5,21 @@
 // LIBRARY is small, with debug information and inlined calls.
 
 import assert from "node:assert/strict";
-import { execFileSync } from "node:child_process";
-import { mkdirSync, readFileSync, writeFileSync } from "node:fs";
-import { createRequire } from "node:module";
-import { join, resolve } from "node:path";
+import { readFileSync } from "node:fs";
 import { gunzipSync } from "node:zlib";
+import { file, inWork, packages, run } from "./browser.js";
 import { line, report, server } from "./documents.js";
 
-const [memleak, modules, work, library] = process.argv.slice(2);
-const { Profile } = createRequire(join(resolve(modules), "here.js"))("pprof-format");
-
-mkdirSync(work, { recursive: true });
-const [source, packed] = [join(work, "report"), join(work, "report.pb.gz")];
+const library = process.argv[5];
+const { Profile } = packages("pprof-format");
+const packed = inWork("report.pb.gz");
 // A stack through each place in the library's code.
 const spots = Array.from({ length: 512 }, (_, index) => index + 1);
 const stack = (at) => `[${library}+0x${at.toString(16)}] [/nowhere/two.so+0x2a] [unknow]`;
 const lines = spots.map((at) => `sz ${at} ${3 * at} num 3 time 5  bt ${stack(at)}`);
-writeFileSync(source, report([line("one", 48, 1000), ...lines], 7));
-execFileSync(memleak, ["export", source, "--format", "pprof", "-o", packed]);
-const wanted = JSON.parse(execFileSync(memleak, ["export", source, "--format", "json"], { stdio: ["ignore", "pipe", "ignore"] }));
+const source = file("report", report([line("one", 48, 1000), ...lines], 7));
+run("export", source, "--format", "pprof", "-o", packed);
+const wanted = JSON.parse(run("export", source, "--format", "json"));
 const got = Profile.decode(gunzipSync(readFileSync(packed)));
 
 const text = (index) => got.stringTable.strings[Number(index)];
@@ -54,10 +50,7 @@ function wantedFrame(index) {
 const types = got.sampleType.map(({ type, unit }) => `${text(type)}/${text(unit)}`);
 assert.deepEqual(types, ["inuse_objects/count", "inuse_space/bytes"]);
 assert.equal(text(got.defaultSampleType), "inuse_space");
-const sum = (list, value) => list.reduce((total, entry) => total + Number(value(entry)), 0);
-const { totals, groups, frames, libraries } = wanted;
-assert.equal(sum(got.sample, ({ value }) => value[0]), sum(groups, (group) => group.count));
-assert.equal(sum(got.sample, ({ value }) => value[1]), totals.listedBytes + totals.javaBytes);
+const { groups, frames, libraries } = wanted;
 
 // Samples have no names: compares their figures and frames.
 const sample = ({ value, locationId }) =>
@@ -71,7 +64,6 @@ assert.ok(named.length > 3 && named.some((frame) => frame.inlined), "the library
 assert.ok(libraries.some(({ path, buildId }) => path === library && /^[0-9a-f]{16,}$/.test(buildId)));
 
 // The main program is first, as readers expect.
-writeFileSync(`${source}.json`, JSON.stringify(server()));
-execFileSync(memleak, ["export", `${source}.json`, "--format", "pprof", "-o", packed]);
+run("export", file("report.json", JSON.stringify(server())), "--format", "pprof", "-o", packed);
 const { mapping, stringTable } = Profile.decode(gunzipSync(readFileSync(packed)));
 assert.equal(stringTable.strings[Number(mapping[0].filename)], "/usr/lib/server");

@@ -81,4 +81,10 @@ std::string PercentEscape(std::string_view name) {
   });
 }
 
+std::string Joined(const std::vector<std::string>& names, const char* separator) {
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : separator) + name;
+  return text;
+}
+
 }  // namespace memleak

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace memleak {
 
@@ -30,5 +31,8 @@ std::string ValidUtf8(std::string_view name);
 /// `name` with ';', '%', blanks and bytes that are not printable escaped as in "%3B", so that it
 /// ends neither a field nor a line.
 std::string PercentEscape(std::string_view name);
+
+/// `names` with `separator` between them.
+std::string Joined(const std::vector<std::string>& names, const char* separator = ", ");
 
 }  // namespace memleak

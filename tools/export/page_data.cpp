@@ -34,12 +34,12 @@ void Align(std::string* bytes) {
 /// Arrays of numbers. Each has the narrowest of JavaScript's types that holds its values exactly.
 class Columns {
  public:
-  /// Adds `value(row)` for each of `rows`; a missing value is NaN.
+  /// Adds `value(row)` for each of `rows`, or that member of it. A missing value is NaN.
   template <typename Rows, typename Value = std::identity>
   void Add(const char* name, const Rows& rows, Value value = {}) {
     std::vector<double> numbers;
     numbers.reserve(rows.size());
-    for (const auto& row : rows) numbers.push_back(Number(value(row)));
+    for (const auto& row : rows) numbers.push_back(Number(std::invoke(value, row)));
     bool whole = true;
     double largest = 0;
     for (const double number : numbers) {
@@ -118,10 +118,10 @@ void AddFrames(const Profile& profile, Strings* strings, Columns* columns) {
                [&](const Frame& f) { return strings->IndexOf(FrameName(profile, f)); });
   columns->Add("frames.library", frames, [](const Frame& f) { return f.library + 1; });
   columns->Add("frames.file", frames, [&](const Frame& f) { return strings->IndexOf(f.file); });
-  columns->Add("frames.line", frames, [](const Frame& f) { return f.line; });
+  columns->Add("frames.line", frames, &Frame::line);
   columns->Add("frames.address", frames,
                [](const Frame& f) { return f.address != 0 ? f.address : f.offset; });
-  columns->Add("frames.inlined", frames, [](const Frame& f) { return f.inlined; });
+  columns->Add("frames.inlined", frames, &Frame::inlined);
   columns->Add("frames.unresolved", frames, [](const Frame& f) { return f.function.empty(); });
 }
 
@@ -202,16 +202,16 @@ std::optional<std::int64_t> YoungestAge(const Group& group) {
 void AddGroups(const PageContent& content, Columns* columns) {
   const std::vector<Group>& groups = content.groups.groups;
   const std::int64_t span = AgeSpan(content.groups);
-  columns->Add("groups.size", groups, [](const Group& g) { return g.size; });
+  columns->Add("groups.size", groups, &Group::size);
   columns->Add("groups.larger", groups,
                [](const Group& g) { return SubtractSaturated(g.max_size, g.size); });
-  columns->Add("groups.count", groups, [](const Group& g) { return g.count; });
-  columns->Add("groups.total", groups, [](const Group& g) { return g.total; });
+  columns->Add("groups.count", groups, &Group::count);
+  columns->Add("groups.total", groups, &Group::total);
   columns->Add("groups.youngest", groups, YoungestAge);
   columns->Add("groups.oldest", groups, OldestAge);
   columns->Add("groups.java", groups, [](const Group& g) { return g.kind == GroupKind::kJava; });
-  columns->Add("groups.ownAges", groups, [](const Group& g) { return g.own_ages; });
-  columns->Add("groups.cut", groups, [](const Group& g) { return g.cut; });
+  columns->Add("groups.ownAges", groups, &Group::own_ages);
+  columns->Add("groups.cut", groups, &Group::cut);
   columns->Add("groups.pattern", groups,
                [&](const Group& g) { return static_cast<int>(PatternOf(g, span)); });
   const StackTree tree = BuildStackTree(groups);

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <limits>
 #include <map>
-#include <numeric>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -49,6 +49,7 @@ class Builder {
     AddMappings();
     AddHead();
     for (const Group& group : profile.groups) AddSample(group);
+    MoveProgramFirst();
   }
 
   const pb::Profile& Message() const { return message_; }
@@ -82,47 +83,16 @@ class Builder {
                               " bytes in " + std::to_string(unlisted.groups) + " stacks"));
   }
 
-  // Readers take the first mapping as the program. A report does not name the program. It is
-  // guessed: it has a "main", no library's name, and most frames.
-  void OrderMappings() {
-    using Rank = std::tuple<bool, bool, std::uint64_t>;
-    std::vector<Rank> ranks(profile_.libraries.size());
-    for (std::size_t i = 0; i < ranks.size(); ++i) {
-      const std::string& path = profile_.libraries[i].path;
-      std::get<0>(ranks[i]) =
-          path.starts_with('/') && path.find(".so", path.rfind('/')) == std::string::npos;
-    }
-    for (const Frame& frame : profile_.frames) {
-      if (frame.library < 0) continue;
-      auto& [program, has_main, frames] = ranks[static_cast<std::size_t>(frame.library)];
-      has_main = has_main || frame.function == "main" || frame.function == "_start";
-      ++frames;
-    }
-    order_.resize(ranks.size());
-    std::iota(order_.begin(), order_.end(), std::size_t{0});
-    const auto first =
-        std::max_element(order_.begin(), order_.end(),
-                         [&](std::size_t a, std::size_t b) { return ranks[a] < ranks[b]; });
-    const bool found = first != order_.end() && std::get<0>(ranks[*first]);
-    if (found) std::rotate(order_.begin(), first, first + 1);
-    place_of_.resize(order_.size());
-    for (std::size_t i = 0; i < order_.size(); ++i) place_of_[order_[i]] = static_cast<int>(i);
-  }
-
-  pb::Mapping* MappingOf(std::int32_t library) {
-    return message_.mutable_mapping(place_of_[static_cast<std::size_t>(library)]);
-  }
+  pb::Mapping* MappingOf(std::int32_t library) { return message_.mutable_mapping(library); }
 
   void AddMappings() {
-    OrderMappings();
-    std::vector<std::uint64_t> highest(profile_.libraries.size(), 0);
-    for (const std::size_t index : order_) {
-      const Library& library = profile_.libraries[index];
+    for (const Library& library : profile_.libraries) {
       pb::Mapping* mapping = message_.add_mapping();
       mapping->set_id(static_cast<std::uint64_t>(message_.mapping_size()));
       mapping->set_filename(Text(library.path));
       mapping->set_build_id(Text(library.build_id));
     }
+    std::vector<std::uint64_t> highest(profile_.libraries.size(), 0);
     for (const Frame& frame : profile_.frames) {
       if (frame.library < 0) continue;
       const auto library = static_cast<std::size_t>(frame.library);
@@ -134,12 +104,35 @@ class Builder {
       if (frame.inlined) mapping->set_has_inline_frames(true);
     }
     std::uint64_t start = kFirstMapping;
-    for (const std::size_t index : order_) {
-      pb::Mapping* mapping = MappingOf(static_cast<std::int32_t>(index));
+    for (std::size_t i = 0; i < highest.size(); ++i) {
+      pb::Mapping* mapping = MappingOf(static_cast<std::int32_t>(i));
       mapping->set_memory_start(start);
-      start += (highest[index] / kPage + 1) * kPage;
+      start += (highest[i] / kPage + 1) * kPage;
       mapping->set_memory_limit(start);
     }
+  }
+
+  // Readers take the first mapping as the program. A report does not name the program. It is
+  // guessed: it has no library's name, a "main", and most frames.
+  void MoveProgramFirst() {
+    using Rank = std::tuple<bool, bool, std::uint64_t>;
+    std::vector<Rank> ranks;
+    for (const Library& library : profile_.libraries) {
+      const std::string& path = library.path;
+      const bool is_library = path.find(".so", path.rfind('/')) != std::string::npos;
+      ranks.emplace_back(path.starts_with('/') && !is_library, false, 0);
+    }
+    for (const Frame& frame : profile_.frames) {
+      if (frame.library < 0) continue;
+      auto& [program, has_main, frames] = ranks[static_cast<std::size_t>(frame.library)];
+      has_main = has_main || frame.function == "main" || frame.function == "_start";
+      ++frames;
+    }
+    const auto first = std::ranges::max_element(ranks);
+    if (first == ranks.end() || !std::get<0>(*first)) return;
+    const auto mappings = message_.mutable_mapping()->pointer_begin();
+    std::rotate(mappings, mappings + (first - ranks.begin()),
+                mappings + (first - ranks.begin()) + 1);
   }
 
   std::uint64_t FunctionOf(const Frame& frame) {
@@ -157,9 +150,11 @@ class Builder {
     return known->second;
   }
 
-  // `frames` are those of one address, innermost first.
-  std::uint64_t LocationOf(const std::vector<std::uint32_t>& frames) {
-    const auto [known, added] = locations_.try_emplace(frames, locations_.size() + 1);
+  // `frames` are those of one address, innermost first. The first and the last identify them: only
+  // wrappers of allocators may be left out before them.
+  std::uint64_t LocationOf(std::span<const std::uint32_t> frames) {
+    const std::uint64_t ends = (std::uint64_t{frames.front()} << 32U) | frames.back();
+    const auto [known, added] = locations_.try_emplace(ends, locations_.size() + 1);
     if (!added) return known->second;
     pb::Location* location = message_.add_location();
     location->set_id(known->second);
@@ -183,17 +178,13 @@ class Builder {
   }
 
   void AddSample(const Group& group) {
-    std::vector<std::uint64_t> stack;
-    std::vector<std::uint32_t> address;
-    for (const std::uint32_t frame : group.stack) {
-      address.push_back(frame);
-      if (profile_.frames[frame].inlined) continue;
-      stack.push_back(LocationOf(address));
-      address.clear();
-    }
-    if (!address.empty()) stack.push_back(LocationOf(address));
     pb::Sample* sample = message_.add_sample();
-    for (const std::uint64_t location : stack) sample->add_location_id(location);
+    const std::span<const std::uint32_t> stack(group.stack);
+    for (std::size_t begin = 0, end = 0; begin < stack.size(); begin = end) {
+      end = begin + 1;
+      while (end < stack.size() && profile_.frames[stack[end - 1]].inlined) ++end;
+      sample->add_location_id(LocationOf(stack.subspan(begin, end - begin)));
+    }
     sample->add_value(Signed(group.count));
     sample->add_value(Signed(group.total));
     pb::Label* size = sample->add_label();
@@ -208,11 +199,9 @@ class Builder {
 
   const Profile& profile_;
   pb::Profile message_;
-  std::vector<std::size_t> order_;  // library by mapping
-  std::vector<int> place_of_;       // mapping by library
   std::unordered_map<std::string, std::int64_t> texts_;
   std::map<std::pair<std::int64_t, std::int64_t>, std::uint64_t> functions_;  // name, file
-  std::map<std::vector<std::uint32_t>, std::uint64_t> locations_;
+  std::unordered_map<std::uint64_t, std::uint64_t> locations_;  // by first and last frame
 };
 
 }  // namespace

@@ -8,23 +8,9 @@
 namespace memleak {
 namespace {
 
-// `name` as valid UTF-8, with one replacement character for each run of invalid bytes. A JSON
-// document may have replaced them already.
-std::string Comparable(std::string_view name) {
-  constexpr std::string_view kReplacement = "\xef\xbf\xbd";
-  std::string valid = ValidUtf8(name);
-  for (std::size_t at = valid.find(kReplacement); at != std::string::npos;
-       at = valid.find(kReplacement, at)) {
-    at += kReplacement.size();
-    while (valid.compare(at, kReplacement.size(), kReplacement) == 0) {
-      valid.erase(at, kReplacement.size());
-    }
-  }
-  return valid;
-}
-
+// A file name with a build id. Names are compared as valid UTF-8, as JSON documents have them.
 std::string BuildOf(const Library& library) {
-  return Comparable(LibraryName(library.path)) + "\n" + library.build_id;
+  return ValidUtf8(LibraryName(library.path)) + "\n" + library.build_id;
 }
 
 // What identifies a function in every report. A frame without a function is identified by its
@@ -37,7 +23,7 @@ std::string FunctionKey(const Profile& profile, const Frame& frame) {
   }
   key += '\0';
   key += frame.function.empty() ? "+" + std::to_string(frame.offset) : frame.function;
-  return Comparable(key);
+  return ValidUtf8(key);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "protocol/protocol.h"
+#include "tools/base/names.h"
 
 namespace memleak {
 namespace {
@@ -48,12 +49,6 @@ ImportState StateOfSlot(const LoadedLibraries& loaded, const LoadedLibrary& libr
   // An unresolved slot leads back into its own library.
   const bool own = mapping->path == library.path && !import.defined_here;
   return own ? ImportState::kUnresolved : ImportState::kReady;
-}
-
-std::string Joined(const std::vector<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
-  return text;
 }
 
 bool Has(const std::vector<std::string>& names, const std::string& name) {

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "protocol/protocol.h"
+#include "tools/base/names.h"
 #include "tools/base/user_error.h"
 #include "tools/target/root_directory.h"
 
@@ -37,8 +38,7 @@ void AddName(const std::string& option, std::string_view piece, std::vector<std:
 
 // `names` as the value of a property. Throws UserError if it is too long.
 std::string HookProperty(const std::string& option, const std::vector<std::string>& names) {
-  std::string value;
-  for (const std::string& name : names) value += (value.empty() ? "" : ",") + name;
+  std::string value = Joined(names, ",");
   if (value.size() > protocol::kMaxPropertyBytes) {
     throw UserError(option + " is too long: " + std::to_string(value.size()) +
                         " bytes, and a property holds " +

@@ -203,13 +203,9 @@ std::string FindLibraries(const std::string& libdir, std::uint16_t machine) {
   const std::vector<std::string> candidates = LibraryCandidates(libdir);
   std::string found = FindTrackerLibraries(candidates, machine);
   if (!found.empty()) return found;
-  std::string searched;
-  for (const std::string& candidate : candidates) {
-    searched += (searched.empty() ? "" : ", ") + candidate;
-  }
   throw UserError("no " + std::string(protocol::kPreloadLibrary) + " and " +
                       protocol::kTrackerLibrary + " for " + MachineName(machine) + " in " +
-                      searched,
+                      Joined(candidates),
                   "name their directory with --libdir DIR");
 }
 

@@ -14,8 +14,8 @@ TRACKER_INLINE bool IsRecording(const MemTrackControl* control) {
   return control != nullptr && control->GetHookStart() && control->ThreadEnabled();
 }
 
-/// Marks the calling thread during its lifetime, if that thread records: what the tracker allocates
-/// meanwhile goes to the C library and is not recorded.
+/// Marks the calling thread during its lifetime, if that thread records, so that the tracker's own
+/// allocations go to the C library and are not recorded.
 ///
 /// Checks the switch again, since recording may have been switched off. Clears the mark only if it
 /// has set it: an outer scope may have set it.

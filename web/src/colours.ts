@@ -16,7 +16,7 @@ export function setPrinting(on: boolean): void {
   printing = on;
 }
 
-export function isDark(): boolean {
+function isDark(): boolean {
   return kDark.matches && !printing;
 }
 
@@ -25,23 +25,15 @@ export function onSchemeChange(changed: () => void): void {
   kDark.addEventListener("change", changed);
 }
 
-export interface Palette {
-  text: string;
-  line: string; // around boxes
-  plain: string;
-  match: string;
-  nearMatch: string; // a box for several small ones, some of which match
-  mark: string;
-}
-
-export function palette(): Palette {
+/** "nearMatch": of a box for several small ones, some of which match. */
+export function palette() {
   return isDark()
     ? {
-        ...{ text: "#e8ebee", line: "#16191d", plain: "hsl(215 8% 27%)", mark: "#fff" },
+        ...{ text: "#e8ebee", plain: "hsl(215 8% 27%)", mark: "#fff" },
         ...{ match: "hsl(300 45% 45%)", nearMatch: "hsl(300 22% 34%)" },
       }
     : {
-        ...{ text: "#14181c", line: "#fff", plain: "hsl(215 12% 86%)", mark: "#14181c" },
+        ...{ text: "#14181c", plain: "hsl(215 12% 86%)", mark: "#14181c" },
         ...{ match: "hsl(300 80% 74%)", nearMatch: "hsl(300 40% 86%)" },
       };
 }

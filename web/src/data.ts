@@ -10,8 +10,7 @@ export interface Process {
   arguments: string[];
   pid: number;
   host: string;
-  started: number; // seconds since the epoch
-  written: number;
+  written: number; // seconds since the epoch
   since: number;
   kinds: string[];
   unwind: string;
@@ -32,7 +31,6 @@ export interface Totals {
   groups: number;
   blocks: number;
   listedBytes: number;
-  listedGroups: number;
   unlistedBytes: number;
   unlistedGroups: number;
   javaBytes: number;
@@ -49,10 +47,8 @@ export interface Library {
 
 /** The reports of `memleak watch`; see docs/trend-json.md. */
 export interface Trend {
-  reports: { seconds: number; time: number; bytes: number }[];
+  reports: { seconds: number; bytes: number }[];
   groups: {
-    size: number;
-    maxSize: number;
     stack: string[];
     libraries: string[];
     values: ({ count: number; total: number } | null)[];

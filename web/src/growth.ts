@@ -69,16 +69,9 @@ function agesView(data: Data, groups: number[]): HTMLElement {
   const rows = (["growing", "recent", "settled", "unknown"] as const).map((pattern) => {
     const { bytes, groups } = sums.get(pattern)!;
     const bar = el("span", { class: "barred" }, shareBar(bytes / whole), el("span", {}, formatShare(bytes, whole)));
-    return el(
-      "tr",
-      { class: "row" },
-      el("td", { class: "where", "data-label": "Growth by age" }, el("b", {}, pattern), el("small", {}, ` ${patternMeaning(pattern)}`)),
-      el("td", { class: "number", "data-label": "Bytes" }, formatBytes(bytes)),
-      el("td", { class: "number share", "data-label": "%" }, bar),
-      el("td", { class: "number", "data-label": "Stacks" }, formatCount(groups)),
-    );
+    const name = el("span", {}, el("b", {}, pattern), el("small", {}, ` ${patternMeaning(pattern)}`));
+    return [name, formatBytes(bytes), bar, formatCount(groups)];
   });
-  const titles = ["Growth by age", "Bytes", "%", "Stacks"];
   return el(
     "div",
     {},
@@ -91,14 +84,17 @@ function agesView(data: Data, groups: number[]): HTMLElement {
       el("code", {}, "memleak html NEW --diff OLD"),
       ".",
     ),
-    el(
-      "table",
-      { id: "patterns" },
-      el("caption", {}, "Stacks by what their ages say about growth"),
-      el("thead", {}, el("tr", {}, ...titles.map((title, at) => el("th", { scope: "col", class: at > 0 ? "number" : "" }, el("span", {}, title))))),
-      el("tbody", {}, ...rows),
-    ),
+    plainTable("patterns", "Stacks by growth", [["Growth by age", "where"], ["Bytes", "number"], ["%", "number share"], ["Stacks", "number"]], rows),
   );
+}
+
+/** A table that is not sorted. A column has a title and a class. */
+function plainTable(id: string, caption: string, columns: [string, string][], rows: (HTMLElement | string)[][]): HTMLElement {
+  const heads = columns.map(([title, kind]) => el("th", { scope: "col", class: kind }, el("span", {}, title)));
+  const lines = rows.map((cells) =>
+    el("tr", { class: "row" }, ...cells.map((cell, at) => el("td", { class: columns[at]![1], "data-label": columns[at]![0] }, cell))),
+  );
+  return el("table", { id }, el("caption", {}, caption), el("thead", {}, el("tr", {}, ...heads)), el("tbody", {}, ...lines));
 }
 
 interface Line {
@@ -135,36 +131,30 @@ function trendView(trend: Trend, found: Found | null): HTMLElement {
       slope: line ? `${signed(Math.round(line.bytesPerMinute), formatBytes)}/min${margin}` : "–",
     };
   });
-  const rows = lines.map((line, at) =>
-    el(
-      "tr",
-      { class: "row" },
-      el("td", { "data-label": "Line" }, sparkline(at, seconds, line.values)),
-      el("td", { class: "number", "data-label": "Growth" }, signed(line.growth, formatBytes)),
-      el("td", { class: "number slope", "data-label": "Slope (95 %)" }, line.slope),
-      el("td", { class: "where", "data-label": "Allocated by ← called by" }, el("code", { title: cutText(line.title, 2000) }, cutText(line.name, 400))),
-    ),
-  );
+  const rows = lines.map((line, at) => [
+    sparkline(at, seconds, line.values),
+    signed(line.growth, formatBytes),
+    line.slope,
+    el("code", { title: cutText(line.title, 2000) }, cutText(line.name, 400)),
+  ]);
   const whole = totals.at(-1)! - totals[0]!;
   const perMinute = slope(seconds, totals);
   const rate = perMinute === null ? "" : `, ${signed(Math.round(perMinute), formatBytes)}/min`;
-  const titles = ["Line", "Growth", "Slope (95 %)", "Allocated by ← called by"];
+  const columns: [string, string][] = [["Line", ""], ["Growth", "number"], ["Slope (95 %)", "number slope"], ["Allocated by ← called by", "where"]];
+  const most =
+    lines.length === 0
+      ? [el("p", {}, found ? "No stack that matches the search grew." : "No stack grew.")]
+      : [
+          el("h3", {}, `The ${plural(lines.length, "stack")} that grew most`),
+          chart("Bytes of the stacks that grew most, over time", seconds, lines.map(({ values }) => values)),
+          plainTable("trends", "Stacks that grew most, with their slopes", columns, rows),
+        ];
   return el(
     "div",
     {},
     el("h3", {}, `All bytes in ${plural(trend.reports.length, "report")}: ${signed(whole, formatBytes)} in ${formatAge(seconds.at(-1)!)}${rate}`),
     chart("All bytes held over time", seconds, [totals]),
-    lines.length === 0 ? el("p", {}, found ? "No stack that matches the search grew." : "No stack grew.") : el("h3", {}, `The ${plural(lines.length, "stack")} that grew most`),
-    lines.length === 0 ? null : chart("Bytes of the stacks that grew most, over time", seconds, lines.map(({ values }) => values)),
-    lines.length === 0
-      ? null
-      : el(
-          "table",
-          { id: "trends" },
-          el("caption", {}, "Stacks that grew most, with their slopes"),
-          el("thead", {}, el("tr", {}, ...titles.map((title, at) => el("th", { scope: "col", class: at === 1 || at === 2 ? "number" : "" }, el("span", {}, title))))),
-          el("tbody", {}, ...rows),
-        ),
+    ...most,
   );
 }
 
@@ -198,7 +188,7 @@ function linePath(values: (number | null)[], x: (at: number) => number, y: (valu
 /** Lines over time, on one scale from 0. */
 function chart(title: string, seconds: number[], lines: (number | null)[][]): HTMLElement {
   const [width, height, left, bottom, top] = [Math.min(1000, window.innerWidth - 24), 220, 75, 24, 18];
-  const right = lines.length > 1 ? 24 : 10; // has the lines' numbers
+  const right = lines.length > 1 ? 40 : 10; // has the lines' numbers
   const highest = Math.max(1, ...lines.flat().map((value) => value ?? 0));
   const last = Math.max(seconds.at(-1)!, 1e-9);
   const x = (at: number) => left + ((width - left - right) * seconds[at]!) / last;
@@ -212,11 +202,11 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
     const anchor = share === 0 ? "start" : share === 1 ? "end" : "middle";
     svg.append(svgText(left + share * (width - left - right), height - 4, anchor, formatAge(share * last)));
   }
-  const labels: { y: number; text: string }[] = [];
+  const labels: { end: number; y: number; text: string }[] = []; // of the lines' ends
   lines.forEach((values, index) => {
     svg.append(svgElement("path", { ...stroke(index), d: linePath(values, x, y) }));
     const value = values.at(-1);
-    if (lines.length > 1 && value != null) labels.push({ y: y(value) + 4, text: String(index + 1) });
+    if (lines.length > 1 && value != null) labels.push({ end: y(value), y: y(value) + 4, text: String(index + 1) });
   });
   // From the bottom up, each at least a line above the one below it.
   labels.sort((a, b) => b.y - a.y || Number(b.text) - Number(a.text));
@@ -227,9 +217,10 @@ function chart(title: string, seconds: number[], lines: (number | null)[][]): HT
   }
   // Those pushed over the top move down again.
   let least = kLabel - 2;
-  for (const { y: wanted, text } of labels.reverse()) {
+  for (const { end, y: wanted, text } of labels.reverse()) {
     const at = Math.max(wanted, least);
-    svg.append(svgText(width - right + 4, at, "start", text));
+    svg.append(svgElement("path", { class: "grid", d: `M${width - right + 2} ${end}l14 ${at - 4 - end}` }));
+    svg.append(svgText(width - right + 20, at, "start", text));
     least = at + kLabel;
   }
   return el("div", { class: "chart-frame" }, svg as unknown as HTMLElement);

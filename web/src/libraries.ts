@@ -27,7 +27,7 @@ export class LibrariesTab {
   constructor(
     private readonly data: Data,
     sums: Sums,
-    private readonly functionSums: Sums,
+    private readonly functionSums: () => Sums,
     colours: LibraryColours,
     private readonly pick: (id: number) => void,
   ) {
@@ -68,11 +68,11 @@ export class LibrariesTab {
 
   /** After a change of the colour scheme. */
   recolour(): void {
-    this.table.redraw();
+    this.table.draw();
   }
 
   private detail(library: number): HTMLElement {
-    const { self, total } = this.functionSums;
+    const { self, total } = this.functionSums();
     const ids = [...this.data.functions.keys()].filter(
       (id) => id !== this.data.cutFunction && this.data.functions[id]!.library === library && total[id]! > 0,
     );

@@ -170,7 +170,7 @@ class Page {
     }
     if (tab === "flame") return this.makeFlame(panel, "library");
     if (tab === "libraries") {
-      const view = (this.libraries = new LibrariesTab(data, this.librarySums, this.sums, this.colours, pick));
+      const view = (this.libraries = new LibrariesTab(data, this.librarySums, () => this.sums, this.colours, pick));
       panel.append(view.element);
       return () => view.update(this.found);
     }
@@ -228,8 +228,8 @@ class Page {
     const { functionCount, groupCount, bytes } = this.found;
     const whole = this.data.totals.listedBytes + this.data.totals.javaBytes;
     return (
-      `${formatCount(functionCount)} found, in ${plural(groupCount, "stack")} ` +
-      `of ${formatBytes(bytes)} (${formatShare(bytes, whole)})`
+      `${formatCount(functionCount)} found, on ${plural(groupCount, "stack")} ` +
+      `that hold${groupCount === 1 ? "s" : ""} ${formatBytes(bytes)} (${formatShare(bytes, whole)})`
     );
   }
 

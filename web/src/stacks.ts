@@ -148,7 +148,7 @@ export class StacksTab {
     const text = `${formatCount(rows.length - gone)}${which} ${verb} ${formatBytes(held)} (${formatCount(held)} bytes)`;
     if (!data.isDiff) return text;
     const rest = notJudged === 0 ? "" : `, without ${plural(notJudged, "stack")} not judged`;
-    return `${text}${gone > 0 ? `, ${formatCount(gone)} hold nothing now` : ""}; change: ${signed(growth, formatBytes)}${rest}`;
+    return `${text}${gone > 0 ? `, ${formatCount(gone)} ${gone === 1 ? "holds" : "hold"} nothing now` : ""}; change: ${signed(growth, formatBytes)}${rest}`;
   }
 
   private detail(group: number): HTMLElement {

@@ -37,11 +37,18 @@ function facts(data: Data): string[] {
   const java = totals.javaBytes > 0 ? [`and ${formatBytes(totals.javaBytes)} Java-native in ${plural(totals.javaGroups, "stack")}`] : [];
   const recorded = process && process.kinds.length > 0 ? `recorded for ${formatAge(process.written - process.since)}` : "recording was off";
   const when = process ? `${source(report)}, ${recorded}` : source(report);
-  const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes), ${otherProgram(data) ? `${programOf(base.report)}, ` : ""}${source(base.report)}`] : [];
+  const old = base ? [`before: ${formatBytes(base.totals.bytes)} (${formatCount(base.totals.bytes)} bytes), ${oldSource(data, base.report)}`] : [];
   // A difference counts the call sites of a function as one stack.
   const held = data.groups.count.filter((count, group) => count > 0 && !data.isJava(group)).length;
   const stacks = plural(base ? held + totals.unlistedGroups : totals.groups, "stack");
   return [exact, stacks, ...java, when, ...old];
+}
+
+/** Only what is not that of the new report. */
+function oldSource(data: Data, old: Report): string {
+  const [now, before] = [data.report.process, old.process];
+  if (now && before && now.pid === before.pid && now.host === before.host) return formatDate(old.made);
+  return `${otherProgram(data) ? `${programOf(old)}, ` : ""}${source(old)}`;
 }
 
 function source({ process, path, made }: Report): string {

@@ -68,11 +68,6 @@ export class Table {
     this.draw();
   }
 
-  /** Draws the rows again, for example in other colours. */
-  redraw(): void {
-    this.draw();
-  }
-
   /** Turns to the row's page, and focuses its button; the head without such a row. */
   focusRow(row: number): void {
     const at = this.rows.indexOf(row);
@@ -142,7 +137,8 @@ export class Table {
     });
   }
 
-  private draw(): void {
+  /** Draws the page of rows, for example in other colours. */
+  draw(): void {
     const first = this.page * kRowsPerPage;
     const rows = this.rows.slice(first, first + kRowsPerPage);
     this.body.replaceChildren(...rows.flatMap((row) => this.row(row)));

@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "tools/commands/watch_rounds.h"
+#include "tools/commands/watch.h"
 #include "tools/report/trend.h"
 #include "tools/view/print.h"
 

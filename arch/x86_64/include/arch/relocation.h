@@ -8,8 +8,8 @@ namespace arch {
 
 /// Relocation of a function's slot in the Global Offset Table (R_X86_64_JUMP_SLOT).
 inline constexpr std::uint32_t kJumpSlotRelocation = 7;
-/// Relocations of other words that hold an address: R_X86_64_GLOB_DAT and R_X86_64_64. The
-/// latter adds a number.
+/// Relocations of other words that hold an address: R_X86_64_GLOB_DAT, and R_X86_64_64, which adds
+/// its addend.
 inline constexpr std::uint32_t kGlobDatRelocation = 6;
 inline constexpr std::uint32_t kAbsoluteRelocation = 1;
 /// The program's copy of a library's variable (R_X86_64_COPY).
