@@ -173,7 +173,8 @@ def nginx(session):
     with open(config, "w") as file:
         file.write(servers.NGINX % {"root": session.root, "port": session.port})
     session.begin_server("/usr/sbin/nginx", "-c", config, "-e", "stderr")
-    workers = servers.children(session.process.pid)
+    while len(workers := servers.children(session.process.pid)) < 2:
+        time.sleep(0.01)  # nginx listens before it forks
     with subprocess.Popen(["ab", "-q", "-t", "20", "-n", "1000000", "-c", "4",
                            f"http://127.0.0.1:{session.port}/"],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as load:

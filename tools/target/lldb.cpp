@@ -6,8 +6,8 @@
 #include <map>
 #include <string>
 
+#include "tools/base/files.h"
 #include "tools/target/debugger_commands.h"
-#include "tools/target/root_directory.h"
 
 namespace memleak {
 namespace {
