@@ -20,13 +20,14 @@ async function watched() {
   try {
     for (let tries = 0; ; ++tries) {
       try {
-        run("watch", String(program.pid), "--every", "1s", "--for", "4s", "-o", out);
+        run("status", String(program.pid));
         break;
       } catch (error) {
-        if (tries === 50) throw error; // else it has not started yet
+        if (tries === 300) throw error; // else it has not started yet
         await new Promise((done) => setTimeout(done, 100));
       }
     }
+    run("watch", String(program.pid), "--every", "1s", "--for", "4s", "-o", out);
   } finally {
     program.kill("SIGKILL");
   }

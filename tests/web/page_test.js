@@ -27,6 +27,8 @@ async function agreesWithShow(browser) {
   for (const text of [`${count(totals.bytes)} bytes`, `${count(totals.blocks)} blocks`, `${totals.groups} stacks`]) {
     assert.ok(head.includes(text), text);
   }
+  const printed = run("show", source).matchAll(/^[#J]\d+ +(\S+ \S+)/gm);
+  assert.deepEqual(await column(page, "total"), [...printed].map(([, total]) => total));
   const sorted = [...groups].sort((a, b) => b.total - a.total);
   assert.deepEqual(await column(page, "count"), sorted.map((group) => count(group.count)));
   // Four ages of a thousand blocks may belong to other blocks.

@@ -25,16 +25,16 @@ Loads the tracker into a process that already runs, and starts recording as
 process that `memleak run` has started. Reports do not contain blocks that were
 allocated earlier. The process can still free and resize them.
 
-gdb loads the tracker, or lldb where gdb is missing. It stops the process when no
-thread is in the dynamic linker and at least one thread is outside the allocator.
-If that is not the case, it tries again for 5 s.
+gdb loads the tracker, or lldb where gdb is missing. It stops the process when
+no thread is in the dynamic linker and at least one thread is outside the
+allocator. If that is not the case, it tries again for 5 s.
 
 The root directory is made by the user of the process. If the process has other
 mounts, as in a container, --root and --log are paths in the process, and the
 tracker's two libraries are copied to the root directory.
 
-Refused: programs that are linked statically or contain an allocator, programs for
-musl, emulated programs and programs for another architecture.
+Refused: programs that are linked statically or contain an allocator, programs
+for musl, emulated programs and programs for another architecture.
 
 Examples:
   memleak attach 4711
@@ -43,12 +43,12 @@ Examples:
   memleak attach 4711 --idle && memleak on 4711 --kind mmap --lib libfoo.so
 
 Exit codes:
-  0  attached and recording
+  0  attached; recording unless --idle
   2  error (see stderr); the process continues unchanged)";
 
 constexpr const char* kDetachHelp = R"(
-Stops recording, restores the calls of the allocator and the action of signal 44,
-and ends the thread of the tracker.
+Stops recording, restores the calls of the allocator and the action of signal
+44, and ends the thread of the tracker.
 The libraries stay loaded and do nothing. `memleak attach` attaches again.
 
 A process that `memleak run` has started cannot be detached.

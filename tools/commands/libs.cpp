@@ -18,8 +18,8 @@ constexpr const char* kLibsHelp = R"(
 Lists the libraries of a process that import a function that can be hooked, and
 the state of each function: "yes" can be hooked, "-" is not imported. Other
 states are explained below the table. `on --lib` takes the names in the table. A
-name may be a symbolic link to the file. Works for any process that you
-may inspect, tracked or not, also for emulated ones.
+name may be a symbolic link to the file. Works for any process that you may
+inspect, tracked or not, also for emulated ones.
 
 Example:
   memleak libs 4711
@@ -48,6 +48,7 @@ constexpr State kStates[] = {
      "imported, but not reached: an earlier library has the same name, or\n"
      "          the name ends in neither .so nor .so.N"},
     {"?", "the file has been replaced or removed"}};
+static_assert(std::size(kStates) == static_cast<std::size_t>(ImportState::kSeveral) + 4);
 constexpr const State* kNotImported = &kStates[0];
 constexpr const State* kCanBeHooked = &kStates[1];
 constexpr const State* kIsHooked = &kStates[2];

@@ -21,8 +21,9 @@ Sends any control word. Commands and their bits:
 )";
 
 constexpr const char* kSendRest = R"(
-A word may contain several commands; docs/control-protocol.md has their order. The parameter
-holds the backtrace size in bits 31 to 16 and the type character in bits 15 to 0.
+A word may contain several commands; docs/control-protocol.md has their order.
+The parameter holds the backtrace size in bits 31 to 16 and the type character in
+bits 15 to 0.
 
 Examples:
   memleak send 4711 --word 0x90

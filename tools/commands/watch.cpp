@@ -81,7 +81,7 @@ struct WatchOptions {
   std::uint32_t for_s = 600;     ///< from the first report to the last; 0: without end
   std::uint32_t timeout_s = 60;  ///< for each report; 0: without end
   std::string directory;         ///< for the reports; made when missing, else empty
-  std::size_t top = 10;          ///< groups to print; 0: all
+  std::size_t top = 10;          ///< stacks to print; 0: all
   SymbolOptions symbols;
 };
 
@@ -378,7 +378,7 @@ void AddWatch(Program* program) {
   ExpectTime(AddOption(command, "--for", &options->for_s, "TIME", "Total time (10m); 0: no end"), 0,
              "a time, such as 10m or 2h; 0 for no end");
   AddTimeout(command, &options->timeout_s, "Seconds to wait for each report (60)");
-  AddTop(command, &options->top, "Groups to print (10); 0: all");
+  AddTop(command, &options->top, "Stacks to print (10); 0: all");
   AddSymbolOptions(command, &options->symbols);
 }
 

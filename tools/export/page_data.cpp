@@ -126,7 +126,7 @@ void AddFrames(const Profile& profile, Strings* strings, Columns* columns) {
 }
 
 /// The stacks as a tree from the outermost frames: most stacks share most of their frames. Nodes
-/// are counted from 1. Those below a node directly follow it, each before its own.
+/// are counted from 1. All descendants of a node directly follow it, parents before children.
 struct StackTree {
   std::vector<std::uint32_t> frames;  ///< by node
   std::vector<std::uint32_t> jumps;   ///< a node and its parent, if that is not the node before it
@@ -257,8 +257,7 @@ std::string PageData(const PageContent& content) {
         json.Key("trend");
         json.Raw(content.trend);
       }
-      const Profile& report = content.report;
-      if (report.complete && report.header.groups == 0 && content.groups.groups.empty()) {
+      if (content.report.IsEmpty()) {
         json.Member("nothingHeld", NothingHeldText(process ? &*process : nullptr));
       }
       json.Member("strings", strings.List());

@@ -15,7 +15,7 @@ std::string ProcessText(const ProfileHead& head) {
 std::string NothingHeldText(const ProfileHead* head) {
   if (head == nullptr) return "nothing recorded is still held; was recording on? (memleak on PID)";
   if (head->since == 0) return "recording was never on; switch it on with: memleak on PID";
-  const std::string since = FormatClock(head->since);
+  const std::string since = FormatDate(head->since);
   return head->kinds.empty()
              ? "records were dropped at " + since + ", and recording has not been on since"
              : "recording since " + since + ", nothing recorded is still held";

@@ -120,6 +120,9 @@ struct Profile {
   /// Whether it is complete and undamaged.
   bool IsWhole() const { return complete && damaged_lines == 0; }
 
+  /// Whether it is complete and has no groups.
+  bool IsEmpty() const { return complete && header.groups == 0 && groups.empty(); }
+
   /// Whether the report certainly lists all groups of `kind`.
   bool ListsAll(GroupKind kind) const;
 

@@ -37,7 +37,7 @@ void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
   if (profile.head) PrintProcess(*profile.head, out);
   out << (profile.head ? "Profile " : "Report ") << FitWidth(profile.path, OutputColumns() - 8)
       << "\n";
-  if (profile.complete && profile.header.groups == 0 && profile.groups.empty()) {
+  if (profile.IsEmpty()) {
     out << "  " << NothingHeldText(profile.head ? &*profile.head : nullptr) << "\n";
     return;
   }
@@ -55,7 +55,7 @@ void PrintHead(const Profile& profile, const Sums& listed, std::ostream& out) {
     return;
   }
   const std::string groups =
-      "in " + Counted(profile.header.groups, "stack") + " of blocks of one size";
+      "in " + Counted(profile.header.groups, "stack") + ", counted once for each block size";
   out << OneLineOrTwo("  " + held, groups) << "\n"
       << OneLineOrTwo("  " + Counted(listed.blocks, "block") + " listed,", depth) << "\n"
       << "  A report contains neither its program nor all ages, and at most 1000 stacks.\n";

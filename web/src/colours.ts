@@ -40,7 +40,7 @@ export function palette() {
 
 /** Hues by weight: the largest libraries get the most distinct hues. */
 export class LibraryColours {
-  /** Libraries by the bytes of the stacks that have them, largest first. */
+  /** Libraries by the bytes of the stacks that have them, the larger of before and now, largest first. */
   readonly ranking: { library: number; bytes: number }[];
   private readonly rank = new Map<number, number>();
 
@@ -48,7 +48,10 @@ export class LibraryColours {
     private readonly data: Data,
     sums: Sums,
   ) {
-    this.ranking = data.libraries.map((_, library) => ({ library, bytes: sums.total[library]! }));
+    this.ranking = data.libraries.map((_, library) => {
+      const now = sums.total[library]!;
+      return { library, bytes: Math.max(now, now - sums.change[library]!) };
+    });
     this.ranking.sort((a, b) => b.bytes - a.bytes);
     this.ranking.forEach(({ library }, rank) => this.rank.set(library, rank));
   }

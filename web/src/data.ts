@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The data of the page (format "memleak-page" version 1, see docs/report-json.md), and what is
+// The data of the page (format "memleak-page" version 2, see docs/report-json.md), and what is
 // computed from it once. No DOM here.
 
 import { shortName } from "./names.js";
@@ -108,8 +108,8 @@ interface PageData {
   groups: Groups;
   ages: Ages;
   /**
-   * A tree from the outermost frames. Node n, counted from 1, has the frame frame[n - 1]. Those below
-   * a node directly follow it, each before its own.
+   * A tree from the outermost frames. Node n, counted from 1, has the frame frame[n - 1]. All
+   * descendants of a node directly follow it, parents before children.
    */
   stacks: {
     frame: Column;

@@ -46,7 +46,7 @@ export class FlameTab {
         el("label", {}, this.named, " hide unresolved frames"),
         this.reset,
       ),
-      // That of changes is short. It is in the first screen, below the sums.
+      // The legend of changes is short, so it is above the graph.
       ...(colourBy === "change" ? [this.legend, this.graph.element] : [this.graph.element, this.legend]),
     );
     this.drawLegend();

@@ -145,7 +145,7 @@ function trendView(trend: Trend, found: Found | null): HTMLElement {
     lines.length === 0
       ? [el("p", {}, found ? "No stack that matches the search grew." : "No stack grew.")]
       : [
-          el("h3", {}, `The ${plural(lines.length, "stack")} that grew most`),
+          el("h3", {}, `The ${lines.length === 1 ? "stack" : plural(lines.length, "stack")} that grew most`),
           chart("Bytes of the stacks that grew most, over time", seconds, lines.map(({ values }) => values)),
           plainTable("trends", "Stacks that grew most, with their slopes", columns, rows),
         ];

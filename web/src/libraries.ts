@@ -11,7 +11,7 @@ import { Table } from "./table.js";
 
 const kFunctions = 10;
 
-/** By library. Frames without one are a row behind the libraries. */
+/** By library. Frames without one are the last row. */
 export function librarySums(data: Data): Sums {
   const none = data.libraries.length;
   return sumsBy(data, none + 1, (id) => {

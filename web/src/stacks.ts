@@ -19,7 +19,7 @@ export class StacksTab {
   private hideUnresolved = false;
   private readonly rows: number[];
 
-  /** "changes": the stacks that are not known to be unchanged. */
+  /** "changes": all stacks except those whose status is "same". */
   constructor(
     private readonly data: Data,
     id: "stacks" | "changes",

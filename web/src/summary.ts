@@ -44,7 +44,7 @@ function facts(data: Data): string[] {
   return [exact, stacks, ...java, when, ...old];
 }
 
-/** Only what is not that of the new report. */
+/** The source of the old report, without what both reports share. */
 function oldSource(data: Data, old: Report): string {
   const [now, before] = [data.report.process, old.process];
   if (now && before && now.pid === before.pid && now.host === before.host) return formatDate(old.made);

@@ -27,7 +27,7 @@ TEST(Trends, GroupsThatACutListMayHideAreNotJudged) {
   saved.unlisted = {.bytes = 2048, .groups = 7, .blocks = 0};
   std::ostringstream out;
   PrintTrends({SavedReport{}, saved}, trends.Result(), 0, out);
-  for (const char* part : {"#1  +32 B  +32 B/min", "1 -> 5 blocks of 8 B\n", "1 of 3 groups",
+  for (const char* part : {"#1  +32 B  +32 B/min", "1 -> 5 blocks of 8 B\n", "1 of 3 stacks",
                            "not judged: 2 stacks of 40 B", "2.0 KiB in 7 stacks"}) {
     EXPECT_NE(out.str().find(part), std::string::npos) << part << " in\n" << out.str();
   }
