@@ -38,6 +38,7 @@ for line in sys.stdin:
 PAUSE = """
 import signal
 signal.signal(signal.SIGUSR1, lambda *_: None)
+print("ready", flush=True)
 while True:
     signal.pause()
     print("woken", flush=True)
@@ -247,6 +248,7 @@ def interrupted(session):
     """A signal ends the system call in which the debugger stops the thread. A controller that is
     killed leaves a process that runs on and can be attached to."""
     session.begin(PYTHON, "-c", PAUSE)
+    assert session.answer() == "ready"
     attach = [*session.controller, "attach", "--idle", "--libdir", session.libdir, "--root",
               session.root + "/%p", str(session.process.pid)]
 

@@ -15,6 +15,7 @@
 #include "tools/target/attach_checks.h"
 #include "tools/target/inspect.h"
 #include "tools/target/send_command.h"
+#include "tools/target/task_status.h"
 
 namespace memleak {
 namespace {
@@ -113,15 +114,15 @@ void AttachOne(const AttachOptions& options, pid_t pid) {
   if (Has(process, protocol::Form::kAttached) && !process.has_state_of_parent) {
     std::cout << process.Label() << ": already attached" << std::endl;
   } else {
+    const auto stopped = AttachTo(process, options.places);
+    std::cout << process.Label() << ": attached, stopped for " << FormatDuration(stopped)
+              << ", root directory " << Printable(InspectProcess(pid).root) << std::endl;
     if (process.catches_signal && !Has(process, protocol::Form::kAttached)) {
       std::cerr << "memleak: process " << process.Label()
                 << " handles signal 44, which the tracker uses: its handler does not run before "
                    "memleak detach"
                 << std::endl;
     }
-    const auto stood_still = AttachTo(process, options.places);
-    std::cout << process.Label() << ": attached, stopped for " << FormatDuration(stood_still)
-              << ", root directory " << Printable(InspectProcess(pid).root) << std::endl;
   }
   if (options.idle) return;
   OnOptions on = options.on;

@@ -5,6 +5,7 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -24,10 +25,10 @@
 #include "tools/base/names.h"
 #include "tools/target/attach_checks.h"
 #include "tools/target/debugger_commands.h"
-#include "tools/target/elf_symbols.h"
 #include "tools/target/find_state.h"
 #include "tools/target/inspect.h"
 #include "tools/target/launcher.h"
+#include "tools/target/mapped_loader.h"
 #include "tools/target/root_directory.h"
 #include "tools/target/task_status.h"
 #include "tools/target/thread_stacks.h"
@@ -135,33 +136,6 @@ std::string PlaceLibraries(const ProcessInfo& process, const std::string& libdir
   return directory;
 }
 
-/// The loader as the process has mapped it.
-struct MappedLoader {
-  std::string path;        ///< as the process sees it
-  std::uint64_t bias = 0;  ///< what is added to the addresses in `file`
-  std::string file;        ///< the path for this controller
-
-  /// All that are mapped, at least partly.
-  static std::vector<MappedLoader> Find(const ProcessInfo& process) {
-    std::vector<MappedLoader> found;
-    for (const Mapping& mapping : ParseMaps(ReadMaps(process.pid))) {
-      if (mapping.offset != 0 || LastPart(mapping.path) != protocol::kPreloadLibrary) continue;
-      const std::string path = FileOf(process, mapping);
-      const auto file = ReadDynamicFile(path, {});
-      if (file) found.push_back({mapping.path, mapping.start - file->first_address, path});
-    }
-    return found;
-  }
-
-  std::uint64_t Address(const char* name) const {
-    for (const ElfSymbol& symbol : ReadDefinitions(file)) {
-      if (symbol.name == name) return bias + symbol.address;
-    }
-    throw UserError(std::string("the loader has no ") + name,
-                    "use the loader of the same build with --libdir DIR");
-  }
-};
-
 /// One stop of the process.
 class Attachment {
  public:
@@ -217,13 +191,18 @@ class Attachment {
     }
     const std::uint64_t function = loader->Address(protocol::kAttachFunction);
     const std::uint64_t reason = loader->Address(protocol::kAttachReason);
+    has_begun_ = true;
     const auto error = static_cast<int>(Call(function, {root, log, properties}, {}));
     if (error == 0) return;
+    has_begun_ = false;
     if (error == EBUSY) throw StartedByRun(process_);
     const std::string text = memory_.Text(reason);
     throw UserError("cannot attach to process " + process_.Label() + ": " +
                     Printable(text.empty() ? std::strerror(error) : text));
   }
+
+  // Whether the process may be attached.
+  bool HasBegun() const { return has_begun_; }
 
   // Continues the process. Returns how long it was stopped.
   microseconds End() {
@@ -244,16 +223,28 @@ class Attachment {
     if (threads.empty()) InspectProcess(process_.pid);  // throws if it has ended
     if (threads.empty()) throw Refused(process_, debugger_->LastOutput());
     if (code_->IsOutdated()) {
-      why_not_ = "it loads and closes libraries all the time";
+      why_not_ = "it loads and closes libraries";
       return false;
     }
     if (Choose(threads)) return true;
-    if (linker_in_use_) return false;
+    if (linker_in_use_ || IsBlocked(process_.pid, SIGTRAP)) return false;
     // All threads compute: wait until one of them allocates.
-    debugger_->RunTo(code_->Malloc(), kRunToMalloc);
+    RunToMalloc();
     stopped_ = steady_clock::now();
     const std::vector<StoppedThread> later = debugger_->Threads();
     return !code_->IsOutdated() && Choose(later);
+  }
+
+  void RunToMalloc() {
+    const std::uint64_t function = code_->Malloc();
+    const std::uint64_t code = memory_.Word(function).value_or(0);
+    try {
+      debugger_->RunTo(function, kRunToMalloc);
+    } catch (const UserError&) {
+      // A debugger that was killed leaves its breakpoint, which would end the process.
+      if (code != 0) memory_.Write(function, {reinterpret_cast<const char*>(&code), sizeof code});
+      throw;
+    }
   }
 
   // Chooses a thread that can call functions. Returns whether there is one.
@@ -291,7 +282,7 @@ class Attachment {
       }
       if (!interrupted_) throw Failed();
     }
-    throw UserError("process " + process_.Label() + " gets signals all the time",
+    throw UserError("process " + process_.Label() + " gets too many signals",
                     "try again; the process continues unchanged");
   }
 
@@ -328,6 +319,7 @@ class Attachment {
   std::unique_ptr<ProcessCode> code_;
   std::optional<StoppedThread> thread_;
   bool linker_in_use_ = false;
+  bool has_begun_ = false;
   bool interrupted_ = false;  // a signal waits for the thread
   std::uint64_t handle_ = 0;  // of the loader
   std::string why_not_;
@@ -371,8 +363,8 @@ microseconds AttachTo(const ProcessInfo& process, const AttachPlaces& places) {
     attachment.Begin(made.pattern, log, JoinPath(root, protocol::kPropertiesFile));
     return attachment.End();
   } catch (const UserError&) {
-    if (made.is_new) RemoveNewRoot(process, process.outside + root);
-    if (!IsAlive(process.pid) || ProgramOf(process.pid) == program) throw;
+    if (made.is_new && !attachment.HasBegun()) RemoveNewRoot(process, process.outside + root);
+    if (!IsAlive(process.pid) || !HasExecuted(process.pid, program)) throw;
     throw UserError(
         "process " + process.Label() + " has executed another program during the attach",
         "try again");
@@ -383,17 +375,6 @@ std::vector<std::string> DefaultRoots(pid_t pid) {
   std::vector<std::string> roots = RootPatterns(false);
   for (std::string& root : roots) root = ExpandPid(root, pid);
   return roots;
-}
-
-std::vector<pid_t> ChildrenOf(pid_t pid) {
-  std::vector<pid_t> children;
-  std::error_code error;
-  for (const fs::directory_entry& task :
-       fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
-    std::ifstream file(task.path() / "children");
-    for (pid_t child = 0; file >> child;) children.push_back(child);
-  }
-  return children;
 }
 
 }  // namespace memleak

@@ -2,8 +2,6 @@
 // Loads the tracker into a process that already runs. Single-threaded.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <string>
 #include <vector>
@@ -29,8 +27,5 @@ std::chrono::microseconds AttachTo(const ProcessInfo& process, const AttachPlace
 /// The default root directories of the process `pid`, as that process sees its id, in the order in
 /// which AttachTo tries them. Absolute, as patterns with "%p" expanded.
 std::vector<std::string> DefaultRoots(pid_t pid);
-
-/// The children of `pid`; empty if it has ended.
-std::vector<pid_t> ChildrenOf(pid_t pid);
 
 }  // namespace memleak

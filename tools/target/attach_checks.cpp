@@ -109,8 +109,8 @@ void CheckFilters(const ProcessInfo& process) {
   throw UserError(
       "process " + process.Label() + " has " + Filters(own) +
           (common == 0 ? "" : ", the first process of its container has " + Filters(common)) +
-          "; it ends if they forbid a system call of the tracker, such as openat",
-      "allow that, then: memleak attach --force " + std::to_string(process.pid));
+          "; the process may end if a filter forbids a system call of the tracker, such as openat",
+      "if the filters allow such calls: memleak attach --force " + std::to_string(process.pid));
 }
 
 void CheckAttachable(const ProcessInfo& process) {

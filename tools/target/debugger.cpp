@@ -183,19 +183,20 @@ void Debugger::GiveUp() {
   }
   const bool cannot_stop = attached_ && !has_ended_ && HasThreadInState(target_, 'D');
   if (cannot_stop) reason = "a thread of the process is in an uninterruptible system call";
-  // It would wait, and the process is stopped.
-  if (cannot_stop || ProgramOf(target_) != program_) kill(child_, SIGKILL);
+  // The debugger would wait while the process is stopped.
+  if (child_ > 0 && (cannot_stop || HasExecuted(target_, program_))) kill(child_, SIGKILL);
   failed_ = true;
   End();
   throw UserError((has_ended_ ? "the debugger has ended" : "the debugger does not answer") +
                       (reason.empty() ? "" : ": " + reason),
-                  "try again; the process runs on");
+                  "check whether the process still runs, and try again");
 }
 
 // Stops the process after `timeout`. The process gets the signal, not the debugger, which would
 // send SIGINT on to it: no debugger hides SIGINT from the program and also stops at it.
 bool Debugger::ReceiveOrStop(milliseconds timeout) {
   if (Receive(timeout)) return true;
+  if (has_ended_) return false;
   kill(target_, SIGTRAP);
   return Receive(kEndTimeout);
 }
@@ -211,7 +212,7 @@ void Debugger::Attach() {
   attached_ = true;
   if (!Send(AttachCommands(target_))) GiveUp();
   if (Receive(kStopTimeout)) return;
-  if (HasThreadInState(target_, 'D') || !Receive(kReplyTimeout)) GiveUp();
+  if (UnstoppableThread(target_) || !Receive(kReplyTimeout)) GiveUp();
 }
 
 void Debugger::Detach() {
@@ -261,14 +262,16 @@ void Debugger::RunTo(std::uint64_t address, milliseconds timeout) {
     for (int i = 0; i < 10 && IsPending(target_, SIGTRAP); ++i) Run({"continue"}, kReplyTimeout);
     return;
   }
-  GiveUp();
+  if (has_ended_) GiveUp();
+  // The breakpoint would end the process.
+  Leave("process " + std::to_string(target_) + " cannot be stopped");
 }
 
 // Receive for a call, which may take long. gdb hangs after some execs.
 bool Debugger::ReceiveResult() {
   constexpr milliseconds kLook(500);
   for (milliseconds waited(0); waited < kCallTimeout; waited += kLook) {
-    const bool has_executed = ProgramOf(target_) != program_;
+    const bool has_executed = HasExecuted(target_, program_);
     if (Receive(kLook)) return true;
     if (has_ended_ || has_executed) GiveUp();
   }
@@ -276,8 +279,12 @@ bool Debugger::ReceiveResult() {
 }
 
 CallResult Debugger::Call(const FunctionCall& call) {
+  if (!CanCall()) return {std::nullopt, true};
   if (!Send(CallCommands(call))) GiveUp();
-  if (!ReceiveResult()) Leave();
+  if (!ReceiveResult()) {
+    Leave("a call in process " + std::to_string(target_) + " takes more than " +
+          std::to_string(kCallTimeout.count() / 1000) + " s");
+  }
   CallResult answer;
   for (const std::string& line : output_) {
     const std::size_t result = line.find(" = ", std::min(line.find('$'), line.size()));
@@ -300,17 +307,15 @@ CallResult Debugger::Call(const FunctionCall& call) {
   return answer;
 }
 
-// Lets the debugger complete the call, restore the registers and detach, which it does at the end
-// of its input. An interrupted call may hold locks of the process forever.
-void Debugger::Leave() {
+// Lets the debugger complete the call, restore the registers, delete its breakpoint and detach,
+// which it does at the end of its input. An interrupted call may hold locks of the process forever.
+void Debugger::Leave(const std::string& reason) {
   const std::string debugger = std::to_string(child_);
   attached_ = false;
   child_ = -1;
   close(socket_);
   socket_ = -1;
-  throw UserError("a call in process " + std::to_string(target_) + " takes more than " +
-                      std::to_string(kCallTimeout.count() / 1000) + " s; process " + debugger +
-                      ", the debugger, completes it and detaches",
+  throw UserError(reason + "; process " + debugger + ", the debugger, waits and then detaches",
                   "do not end that debugger, and try again when it has ended");
 }
 

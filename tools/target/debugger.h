@@ -60,7 +60,7 @@ class Debugger {
   /// kernel would end with EINTR, continue with Detach or Call. Throws UserError.
   std::vector<StoppedThread> Threads();
   /// Lets the stopped process run until a thread reaches the function at `address`, or for
-  /// `timeout`, and stops it again.
+  /// `timeout`, and stops it again by SIGTRAP, which some thread must not block.
   void RunTo(std::uint64_t address, std::chrono::milliseconds timeout);
   /// Calls a function; the other threads run meanwhile. Afterwards the thread has its general
   /// registers back, and all threads stand still. gdb blocks the signals of the thread during the
@@ -94,6 +94,8 @@ class Debugger {
   /// Prints "$NUMBER = RESULT", the result in decimal, if the function has returned, and
   /// kInterrupted for CallResult::interrupted.
   virtual Lines CallCommands(const FunctionCall& call) const = 0;
+  /// Whether a call now loses no signal.
+  virtual bool CanCall() const { return true; }
   static constexpr const char* kInterrupted = "@interrupted";
 
  private:
@@ -101,7 +103,7 @@ class Debugger {
   bool Receive(std::chrono::milliseconds timeout);
   bool ReceiveResult();
   bool ReceiveOrStop(std::chrono::milliseconds timeout);
-  [[noreturn]] void Leave();
+  [[noreturn]] void Leave(const std::string& reason);
   [[noreturn]] void GiveUp();
   void End();
   void Continue() const;

@@ -32,7 +32,7 @@ class File {
     const RootedPath path(name);
     // Opening a device may have side effects.
     if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
-    file_ = OpenToRead(name);
+    file_ = OpenToRead(path.Text());
     if (file_.IsOpen()) size_ = static_cast<std::uint64_t>(status.st_size);
   }
 

@@ -24,7 +24,7 @@ constexpr int kSetUser = 33;  // SIGSETXID of glibc
 constexpr std::uint64_t kBlocked = ~(Bit(SIGILL) | Bit(SIGTRAP) | Bit(SIGBUS) | Bit(SIGFPE) |
                                      Bit(SIGSEGV) | Bit(SIGSYS) | Bit(kSetUser));
 // The debugger's data on the stack of the thread: kBlocked, the former mask, and signals.
-constexpr std::uint64_t kDataBytes = 16 + 4 * std::uint64_t{128};
+constexpr std::uint64_t kDataBytes = 16 + 64 * std::uint64_t{128};
 
 // Commands for gdb. $thread makes the call, $entry is where functions return to, $data is the
 // stack pointer and the start of the data.
@@ -109,11 +109,11 @@ await_return
 end
 )"
     // Signals may arrive before they are blocked. They are sent again, as they were: a thread may
-    // send itself any signal.
+    // send itself any signal. If there are more than 64, the thread handles the others now.
     R"(
 define keep_signals
 set $kept = 0
-while $state == 2 && $kept < 4
+while $state == 2 && $kept < 64
 set $signal = $_siginfo.si_signo
 if $blocked >> ($signal - 1) & 1
 set $at = $data+16+128*$kept
@@ -126,6 +126,10 @@ queue-signal 0
 end
 await_return
 end
+if $state == 2
+pass_signals
+await_return
+end
 set $interrupted = $state == 2
 end
 define return_signals
@@ -135,11 +139,11 @@ read_result
 set $process = $result
 call_system $get_thread 0 0 0 0
 read_result
-set $sender = $result
+set $receiver = $result
 while $kept > 0
 set $kept = $kept - 1
 set $at = $data+16+128*$kept
-call_system $send $process $sender {int}$at $at
+call_system $send $process $receiver {int}$at $at
 end
 end
 end

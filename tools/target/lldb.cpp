@@ -8,6 +8,7 @@
 
 #include "tools/base/files.h"
 #include "tools/target/debugger_commands.h"
+#include "tools/target/task_status.h"
 
 namespace memleak {
 namespace {
@@ -33,6 +34,8 @@ class Lldb : public Debugger {
   Lines RunToCommands(std::uint64_t address) const override;
   Lines SetResult(unsigned thread, int error) const override;
   Lines CallCommands(const FunctionCall& call) const override;
+  // lldb drops a signal at which the first thread would continue.
+  bool CanCall() const override { return !HasDeliverableSignal(pid_); }
 
   pid_t pid_;
 };

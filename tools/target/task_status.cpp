@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
@@ -17,7 +18,6 @@ namespace memleak {
 namespace {
 
 constexpr std::chrono::milliseconds kLastingCall(100);
-constexpr const char* kPendingFields[] = {"SigPnd", "ShdPnd"};
 
 // By thread id. Those that have ended are missing.
 std::map<pid_t, std::string> Statuses(pid_t pid) {
@@ -32,6 +32,14 @@ std::map<pid_t, std::string> Statuses(pid_t pid) {
   return statuses;
 }
 
+std::uint64_t SignalSet(const std::string& status, const char* field) {
+  return std::strtoull(StatusField(status, field).c_str(), nullptr, 16);
+}
+
+std::uint64_t PendingSignals(const std::string& status) {
+  return SignalSet(status, "SigPnd") | SignalSet(status, "ShdPnd");
+}
+
 bool IsInState(const std::string& status, char state) {
   return StatusField(status, "State").starts_with(state);
 }
@@ -43,6 +51,11 @@ std::string ProgramOf(pid_t pid) {
   return ReadTextFile("/proc/" + std::to_string(pid) + "/auxv").value_or("");
 }
 
+bool HasExecuted(pid_t pid, const std::string& program) {
+  const std::string now = ProgramOf(pid);
+  return !now.empty() && now != program;
+}
+
 bool HasThreadInState(pid_t pid, char state) {
   const auto statuses = Statuses(pid);
   return std::any_of(statuses.begin(), statuses.end(),
@@ -52,10 +65,21 @@ bool HasThreadInState(pid_t pid, char state) {
 bool IsPending(pid_t pid, int signal) {
   const auto statuses = Statuses(pid);
   return std::any_of(statuses.begin(), statuses.end(), [&](const auto& thread) {
-    return std::any_of(std::begin(kPendingFields), std::end(kPendingFields), [&](const char* name) {
-      const std::string set = StatusField(thread.second, name);
-      return (std::strtoull(set.c_str(), nullptr, 16) >> (signal - 1) & 1) != 0;
-    });
+    return (PendingSignals(thread.second) >> (signal - 1) & 1) != 0;
+  });
+}
+
+bool IsBlocked(pid_t pid, int signal) {
+  const auto statuses = Statuses(pid);
+  return std::all_of(statuses.begin(), statuses.end(), [&](const auto& thread) {
+    return (SignalSet(thread.second, "SigBlk") >> (signal - 1) & 1) != 0;
+  });
+}
+
+bool HasDeliverableSignal(pid_t pid) {
+  const auto statuses = Statuses(pid);
+  return std::any_of(statuses.begin(), statuses.end(), [&](const auto& thread) {
+    return (PendingSignals(thread.second) & ~SignalSet(thread.second, "SigBlk")) != 0;
   });
 }
 
@@ -87,6 +111,17 @@ unsigned SeccompFilters(pid_t pid) {
         std::max(most, count.empty() ? has_some : static_cast<unsigned>(std::atoi(count.c_str())));
   }
   return most;
+}
+
+std::vector<pid_t> ChildrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  std::error_code error;
+  for (const std::filesystem::directory_entry& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    std::ifstream file(task.path() / "children");
+    for (pid_t child = 0; file >> child;) children.push_back(child);
+  }
+  return children;
 }
 
 }  // namespace memleak
