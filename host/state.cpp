@@ -274,13 +274,10 @@ void InitializeState(int argument_count, char* const* arguments) {
   } else {
     bytes = CopyArguments(argument_count, arguments);
   }
-  // A program that has replaced its arguments by a shorter title leaves NULs behind the title.
-  while (bytes > 1 && state.arguments[bytes - 1] == '\0' && state.arguments[bytes - 2] == '\0') {
-    --bytes;
-  }
   // If the arguments were cut, the last one has no NUL.
   if (bytes > 0) {
-    state.argument_bytes = static_cast<uint32_t>(bytes) + (state.arguments[bytes - 1] != '\0');
+    const size_t used = protocol::ArgumentBytes(state.arguments, static_cast<size_t>(bytes));
+    state.argument_bytes = static_cast<uint32_t>(used) + (state.arguments[used - 1] != '\0');
   }
 }
 

@@ -121,6 +121,14 @@ inline constexpr char kReportAtExitVariable[] = "MEMLEAK_TRACKER_REPORT_AT_EXIT"
 /// Value of kLogVariable that writes the log to standard error.
 inline constexpr char kLogToStderr[] = "stderr";
 
+/// The length of the arguments in `text`, the first `bytes` bytes of /proc/self/cmdline, without
+/// the NULs behind a title by which the program has replaced its arguments. An empty last argument
+/// is cut, too. Any context.
+inline std::size_t ArgumentBytes(const char* text, std::size_t bytes) {
+  while (bytes > 1 && text[bytes - 1] == '\0' && text[bytes - 2] == '\0') --bytes;
+  return bytes;
+}
+
 /// Calls put(char) for each character of `pattern`, which names a root directory or a log. Every
 /// "%p" is replaced by the digits of `pid`, so that each forked child has separate files.
 template <typename Put>

@@ -120,12 +120,8 @@ void Prepare() {
   const int saved_errno = errno;
   const ssize_t length = readlink("/proc/self/exe", g_program, sizeof g_program - 1);
   g_program[std::max<ssize_t>(length, 0)] = '\0';
-  g_argument_bytes = ReadFile("/proc/self/cmdline", g_arguments, sizeof g_arguments);
-  // A program that has replaced its arguments by a shorter title leaves NULs behind the title.
-  while (g_argument_bytes > 1 && g_arguments[g_argument_bytes - 1] == '\0' &&
-         g_arguments[g_argument_bytes - 2] == '\0') {
-    --g_argument_bytes;
-  }
+  g_argument_bytes = protocol::ArgumentBytes(
+      g_arguments, ReadFile("/proc/self/cmdline", g_arguments, sizeof g_arguments));
   errno = saved_errno;
   g_unloads =
       static_cast<const std::atomic<std::uint64_t>*>(dlsym(RTLD_DEFAULT, protocol::kUnloadCounter));
